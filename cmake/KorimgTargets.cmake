@@ -1,0 +1,48 @@
+# What every target of ours is compiled with, and how a family of pipelines is generated.
+
+find_package(OpenMP REQUIRED COMPONENTS CXX)
+find_path(HALIDE_INCLUDE_DIR Halide.h PATH_SUFFIXES halide14 REQUIRED)
+find_library(HALIDE_LIBRARY NAMES Halide14 Halide REQUIRED)
+
+function(korimg_compile_options target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
+  if(KORIMG_SANITIZE)
+    target_compile_options(${target} PRIVATE -fsanitize=${KORIMG_SANITIZE} -fno-omit-frame-pointer
+                                             -fno-sanitize-recover=all)
+    target_link_options(${target} PRIVATE -fsanitize=${KORIMG_SANITIZE})
+  endif()
+endfunction()
+
+# korimg_pipeline_family(NAME [SHARDS n]): builds the generator of NAME.cpp, runs it in n processes, and adds
+# the objects, the declarations <NAME>.h and the table rows <NAME>.inc to the target korimg_pipelines.
+function(korimg_pipeline_family name)
+  cmake_parse_arguments(ARG "" "SHARDS" "" ${ARGN})
+  if(NOT ARG_SHARDS)
+    set(ARG_SHARDS 1)
+  endif()
+  set(generator korimg_generate_${name})
+  add_executable(${generator} ${name}.cpp)
+  target_link_libraries(${generator} PRIVATE korimg_pipeline_driver)
+  target_precompile_headers(${generator} REUSE_FROM korimg_pipeline_driver)
+  set(out ${CMAKE_CURRENT_BINARY_DIR}/generated)
+  math(EXPR last "${ARG_SHARDS} - 1")
+  foreach(shard RANGE ${last})
+    set(archive ${out}/${name}.${shard}.a)
+    set(byproducts "")
+    if(shard EQUAL 0)
+      set(byproducts ${out}/${name}.h ${out}/${name}.inc)
+    endif()
+    add_custom_command(
+      OUTPUT ${archive} ${byproducts}
+      COMMAND ${generator} --family ${name} --out ${out} --shard ${shard}/${ARG_SHARDS}
+              --forms "${KORIMG_PIPELINE_FORMS}" --ar ${CMAKE_AR}
+      DEPENDS ${generator}
+      COMMENT "Pipelines: ${name} (${shard})"
+      VERBATIM)
+    list(APPEND outputs ${archive} ${byproducts})
+    set_property(GLOBAL APPEND PROPERTY KORIMG_PIPELINE_ARCHIVES ${archive})
+  endforeach()
+  add_custom_target(korimg_pipelines_${name} DEPENDS ${outputs})
+  set_property(GLOBAL APPEND PROPERTY KORIMG_PIPELINE_TARGETS korimg_pipelines_${name})
+  set_property(GLOBAL APPEND PROPERTY KORIMG_PIPELINE_FAMILIES ${name})
+endfunction()

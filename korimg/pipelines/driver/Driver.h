@@ -1,0 +1,38 @@
+// What a family of pipelines needs to describe itself to its generator.
+#pragma once
+
+#include <Halide.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+/// One pipeline, built for one target: its inputs and scalars in the order of the call, then its outputs.
+struct Definition {
+  std::vector<Halide::Argument> arguments;
+  std::vector<Halide::Func> outputs;
+};
+
+/// A named pipeline. `define` is called once for each compiled form, and must build everything anew.
+struct Member {
+  std::string name;
+  std::function<Definition(const Halide::Target&)> define;
+  bool withAvx2 = false;  ///< also compiled for AVX2: pays in convolutions, not in point operations
+};
+
+/// The members of the family that a generator is built for.
+std::vector<Member> Family();
+
+/// Lines of a strip: whole-line strips are the unit of work of one thread in point-like pipelines.
+constexpr int kStripLines = 64;
+
+/// Schedules a point-like output: strips of whole lines in parallel, vectors of `lanes` floats along x.
+inline void ScheduleByStrips(Halide::Func f, const Halide::Target& target, bool update = false) {
+  using namespace Halide;
+  Var x = f.args()[0], y = f.args()[1], strip("strip"), line("line");
+  const int lanes = target.natural_vector_size<float>();
+  Stage stage = update ? f.update() : Stage(f);
+  stage.split(y, strip, line, kStripLines, TailStrategy::GuardWithIf)
+      .parallel(strip)
+      .vectorize(x, lanes, TailStrategy::GuardWithIf);
+}
