@@ -5,7 +5,7 @@ find_path(HALIDE_INCLUDE_DIR Halide.h PATH_SUFFIXES halide14 REQUIRED)
 find_library(HALIDE_LIBRARY NAMES Halide14 Halide REQUIRED)
 
 function(korimg_compile_options target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wno-missing-field-initializers)
   if(KORIMG_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${KORIMG_SANITIZE} -fno-omit-frame-pointer
                                              -fno-sanitize-recover=all)
@@ -22,6 +22,7 @@ function(korimg_pipeline_family name)
   endif()
   set(generator korimg_generate_${name})
   add_executable(${generator} ${name}.cpp)
+  set_target_properties(${generator} PROPERTIES POSITION_INDEPENDENT_CODE OFF)  # as the precompiled header
   target_link_libraries(${generator} PRIVATE korimg_pipeline_driver)
   target_precompile_headers(${generator} REUSE_FROM korimg_pipeline_driver)
   set(out ${CMAKE_CURRENT_BINARY_DIR}/generated)

@@ -26,7 +26,8 @@ std::vector<Target> Forms(const std::string& list, bool withAvx2) {
   if (withAvx2 && list.find("avx2") != std::string::npos) {
     forms.emplace_back("x86-64-linux-sse41-avx-avx2" + common);
   }
-  if ((";" + list + ";").find(";avx;") != std::string::npos) forms.emplace_back("x86-64-linux-sse41-avx" + common);
+  if ((";" + list + ";").find(";avx;") != std::string::npos)
+    forms.emplace_back("x86-64-linux-sse41-avx" + common);
   forms.emplace_back("x86-64-linux-sse41" + common);
   return forms;
 }
@@ -34,7 +35,8 @@ std::vector<Target> Forms(const std::string& list, bool withAvx2) {
 void Archive(const std::string& ar, const fs::path& archive, const std::vector<fs::path>& objects) {
   fs::remove(archive);
   std::string command = "'" + ar + "' rcs '" + archive.string() + "'";
-  for (const fs::path& object : objects) command += " '" + object.string() + "'";
+  for (const fs::path& object : objects)
+    command += " '" + object.string() + "'";
   if (std::system(command.c_str()) != 0) Fail("failed: " + command);
 }
 
@@ -81,7 +83,8 @@ std::string Declaration(const Member& member, const fs::path& folder) {
 
 int main(int argc, char** argv) {
   std::map<std::string, std::string> option;
-  for (int i = 1; i + 1 < argc; i += 2) option[argv[i]] = argv[i + 1];
+  for (int i = 1; i + 1 < argc; i += 2)
+    option[argv[i]] = argv[i + 1];
   if (option.count("--runtime")) {
     const fs::path archive = option["--runtime"], object = archive.string() + ".o";
     fs::create_directories(archive.parent_path());
@@ -111,10 +114,12 @@ int main(int argc, char** argv) {
   header << "#pragma once\n#include <HalideRuntime.h>\nextern \"C\" {\n";
   for (size_t i = 0; i < members.size(); ++i) {
     const Member& member = members[i];
-    if (static_cast<int>(i % shards) != shard) {  // another process compiles it: only its declaration is wanted
+    if (static_cast<int>(i % shards) !=
+        shard) {  // another process compiles it: only its declaration is wanted
       Definition definition = member.define(Target("x86-64-linux-sse41"));
       const Module module =
-          Pipeline(definition.outputs).compile_to_module(definition.arguments, member.name, Target("x86-64-linux-sse41"));
+          Pipeline(definition.outputs)
+              .compile_to_module(definition.arguments, member.name, Target("x86-64-linux-sse41"));
       module.compile({{OutputFileType::c_header, (folder / (member.name + ".h")).string()}});
     }
     header << Declaration(member, folder) << "\n"

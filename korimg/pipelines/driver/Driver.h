@@ -1,11 +1,11 @@
 // What a family of pipelines needs to describe itself to its generator.
 #pragma once
 
-#include <Halide.h>
-
 #include <functional>
 #include <string>
 #include <vector>
+
+#include <Halide.h>
 
 /// One pipeline, built for one target: its inputs and scalars in the order of the call, then its outputs.
 struct Definition {
@@ -22,6 +22,11 @@ struct Member {
 
 /// The members of the family that a generator is built for.
 std::vector<Member> Family();
+
+/// A double constant: plain literals would be taken for floats.
+inline Halide::Expr F64(double value) {
+  return Halide::Expr(value);
+}
 
 /// Lines of a strip: whole-line strips are the unit of work of one thread in point-like pipelines.
 constexpr int kStripLines = 64;

@@ -1,0 +1,490 @@
+#include "korimg/image/CImage.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "korimg/image/Lines.h"
+#include "korimg/platform/Debug.h"
+
+namespace {
+
+template <class T>
+T Load(unsigned char const* at) {
+  T value;
+  std::memcpy(&value, at, sizeof value);
+  return value;
+}
+
+template <class T>
+void Store(unsigned char* at, T value) {
+  std::memcpy(at, &value, sizeof value);
+}
+
+/// Rounds and limits in double, so that no number that does not fit ever meets a cast.
+template <class T>
+T ToInteger(double value) {
+  if (std::isnan(value)) return 0;
+  constexpr double kLow = std::numeric_limits<T>::min(), kHigh = std::numeric_limits<T>::max();
+  return static_cast<T>(std::min(std::max(std::round(value), kLow), kHigh));
+}
+
+void Encode(unsigned char* at, CImage::DataType bits, bool isSigned, double value) {
+  switch (bits) {
+    case CImage::UInt8:
+      return Store(at, ToInteger<unsigned char>(value));
+    case CImage::Int16:
+      return Store(at, ToInteger<unsigned short>(value));
+    case CImage::Int32:
+      return isSigned ? Store(at, ToInteger<int>(value))
+                      : Store(at, static_cast<int>(ToInteger<unsigned>(value)));
+    case CImage::Float:
+      return Store(at, static_cast<float>(value));
+    case CImage::Double:
+      return Store(at, value);
+  }
+}
+
+/// Extremes and sum of numbers, NaN passed over.
+struct Extremes {
+  double min = std::numeric_limits<double>::infinity();
+  double max = -std::numeric_limits<double>::infinity();
+  double sum = 0;
+  long long count = 0;
+
+  void Add(double value) {
+    if (std::isnan(value)) return;
+    min = std::min(min, value);
+    max = std::max(max, value);
+    sum += value;
+    ++count;
+  }
+  void Add(Extremes const& other) {
+    min = std::min(min, other.min);
+    max = std::max(max, other.max);
+    sum += other.sum;
+    count += other.count;
+  }
+};
+
+/// The same for a line of floats: independent lanes, which the compiler turns into vectors.
+Extremes ExtremesOf(float const* line, int width) {
+  constexpr int kLanes = 16;
+  constexpr float kInfinity = std::numeric_limits<float>::infinity();
+  float low[kLanes], high[kLanes];
+  double sum[kLanes] = {};
+  int count[kLanes] = {};
+  std::fill_n(low, kLanes, kInfinity);
+  std::fill_n(high, kLanes, -kInfinity);
+  int x = 0;
+  for (; x + kLanes <= width; x += kLanes) {
+    for (int k = 0; k < kLanes; ++k) {
+      const float v = line[x + k];
+      low[k] = v < low[k] ? v : low[k];
+      high[k] = v > high[k] ? v : high[k];
+      sum[k] += v == v ? v : 0.0f;
+      count[k] += v == v;
+    }
+  }
+  Extremes all;
+  for (int k = 0; k < kLanes; ++k) {
+    all.Add({low[k], high[k], sum[k], count[k]});
+  }
+  for (; x < width; ++x) {
+    all.Add(line[x]);
+  }
+  return all;
+}
+
+/// Runs what may find no room in the store; the reason goes to the debug lines.
+template <class F>
+bool Try(F&& allocate) {
+  try {
+    allocate();
+    return true;
+  } catch (const velora::CVmMemoryAllocationError& error) {
+    korimg::DebugLine(error.what());
+    return false;
+  }
+}
+
+}  // namespace
+
+CImage::CImage() = default;
+
+CImage::CImage(std::shared_ptr<CVmManager> const& manager, DataType bits, int width, int height, int planes,
+               double bscale, double bzero, bool isSigned, ProgressPtr const& progress)
+    : bits_(bits), signed_(isSigned), bscale_(bscale), bzero_(bzero) {
+  vmImage_ = NewStore(manager, width, height, planes, bits, progress);
+  axes_ = {width, height, planes};
+  SetPlanes(planes);
+}
+
+CImage::CImage(CImage const& other, ProgressPtr const& progress) {
+  if (!other.IsEmpty()) vmImage_ = std::make_unique<CVmImage>(*other.vmImage_, progress);
+  CopyRecord(other);
+}
+
+CImage::~CImage() = default;
+
+void CImage::Empty() {
+  vmImage_.reset();
+}
+
+std::unique_ptr<CVmImage> CImage::NewStore(std::shared_ptr<CVmManager> const& manager, int width, int height,
+                                           int planes, DataType bits, ProgressPtr const& progress) const {
+  return std::make_unique<CVmImage>(manager, width, height, planes, GetBytesPixel(bits), progress);
+}
+
+bool CImage::AllocImage(std::shared_ptr<CVmManager> const& manager, ProgressPtr const& progress) {
+  return Try([&] {
+    vmImage_ = NewStore(manager, GetWidth(), GetHeight(), GetPlanes(), bits_, progress);
+    SetPlanes(GetPlanes());
+  });
+}
+
+bool CImage::ChangeSize(int width, int height, ProgressPtr const& progress) {
+  if (!IsEmpty() && width == GetWidth() && height == GetHeight()) return true;
+  return Try([&] {
+    vmImage_ = NewStore(VmManager(), width, height, GetPlanes(), bits_, progress);
+    axes_[0] = width;
+    axes_[1] = height;
+  });
+}
+
+bool CImage::ChangePlanes(int planes, ProgressPtr const& progress) {
+  if (planes == GetPlanes()) return true;
+  return Try([&] {
+    auto store = NewStore(VmManager(), GetWidth(), GetHeight(), planes, bits_, progress);
+    const int kept = std::min(planes, GetPlanes());
+    velora::ScopedProgress steps(progress, kept * GetHeight());
+    for (int p = 0; p < kept; ++p) {
+      for (int y = 0; y < GetHeight(); ++y) {
+        std::memcpy(store->GetImageAdr(0, y, p, false, false, nullptr),
+                    vmImage_->GetImageAdr(0, y, p, true, false, nullptr), store->GetBytesPerLine());
+        steps.Step(p * GetHeight() + y);
+      }
+    }
+    vmImage_ = std::move(store);
+    SetPlanes(planes);
+  });
+}
+
+bool CImage::ChangeBits(DataType bits, bool isSigned, ChangeBitsLevel level, ProgressPtr const& progress) {
+  return Try([&] {
+    auto store = NewStore(VmManager(), GetWidth(), GetHeight(), GetPlanes(), bits, progress);
+    const int from = GetBytesPixel(), to = GetBytesPixel(bits);
+    velora::ScopedProgress steps(progress, GetPlanes() * GetHeight());
+    for (int p = 0; p < GetPlanes(); ++p) {
+      for (int y = 0; y < GetHeight(); ++y) {
+        unsigned char const* in = vmImage_->GetImageAdr(0, y, p, true, false, nullptr);
+        unsigned char* out = store->GetImageAdr(0, y, p, false, false, nullptr);
+        for (int x = 0; x < GetWidth(); ++x) {
+          Encode(out + x * to, bits, isSigned, GetPixel(in + x * from));
+        }
+        steps.Step(p * GetHeight() + y);
+      }
+      if (level == ScaleLevel) {
+        SetLevel(p, ApplyBaseScaleOffset(GetLevelMin(p)), ApplyBaseScaleOffset(GetLevelMax(p)));
+      }
+    }
+    vmImage_ = std::move(store);
+    bits_ = bits;
+    signed_ = isSigned;
+    bscale_ = 1;
+    bzero_ = 0;
+  });
+}
+
+std::unique_ptr<CImage> CImage::Clone(ProgressPtr const& progress) const {
+  return std::make_unique<CImage>(*this, progress);
+}
+
+std::unique_ptr<CImage> CImage::CloneWithoutImage(ProgressPtr const& progress) const {
+  auto clone = std::make_unique<CImage>();
+  if (!IsEmpty())
+    clone->vmImage_ = NewStore(VmManager(), GetWidth(), GetHeight(), GetPlanes(), bits_, progress);
+  clone->CopyRecord(*this);
+  return clone;
+}
+
+bool CImage::Create(CImage const& other, ProgressPtr const& progress) {
+  if (this == &other) return true;
+  const bool fits = !IsEmpty() && !other.IsEmpty() && axes_ == other.axes_ &&
+                    GetBytesPixel() == other.GetBytesPixel() && VmManager() == other.VmManager();
+  return Try([&] {
+    if (!fits) {
+      vmImage_ = other.IsEmpty() ? nullptr
+                                 : NewStore(other.VmManager(), other.GetWidth(), other.GetHeight(),
+                                            other.GetPlanes(), other.bits_, progress);
+    }
+    CopyRecord(other);
+  });
+}
+
+bool CImage::CopyImage(CImage const& other, ProgressPtr const& progress) {
+  if (this == &other) return true;
+  return Try([&] {
+    vmImage_ = other.IsEmpty() ? nullptr : std::make_unique<CVmImage>(*other.vmImage_, progress);
+    CopyRecord(other);
+  });
+}
+
+void CImage::CopyRecord(CImage const& other) {
+  bits_ = other.bits_;
+  signed_ = other.signed_;
+  dimension_ = other.dimension_;
+  axes_ = other.axes_;
+  bscale_ = other.bscale_;
+  bzero_ = other.bzero_;
+  levelMin_ = other.levelMin_;
+  levelMax_ = other.levelMax_;
+  levelRange_ = other.levelRange_;
+  ownLevel_ = other.ownLevel_;
+  saveableFormat_ = other.saveableFormat_;
+  saveableFile_ = other.saveableFile_;
+  orgFileName_ = other.orgFileName_;
+  orgFileFormat_ = other.orgFileFormat_;
+  orgBitsPixel_ = other.orgBitsPixel_;
+  orgPlanes_ = other.orgPlanes_;
+  orgBayer_ = other.orgBayer_;
+  orgHoneyComb_ = other.orgHoneyComb_;
+  orgDevelopment_ = other.orgDevelopment_;
+  orgWidth_ = other.orgWidth_;
+  orgHeight_ = other.orgHeight_;
+  bayer_ = other.bayer_;
+  honeyComb_ = other.honeyComb_;
+  rawImageBits_ = other.rawImageBits_;
+  development_ = other.development_;
+  header_ = other.header_;
+  cullX_ = other.cullX_;
+  cullY_ = other.cullY_;
+}
+
+void CImage::Swap(CImage& other) {
+  if (this == &other) return;
+  CImage keep;
+  keep.CopyRecord(*this);
+  CopyRecord(other);
+  other.CopyRecord(keep);
+  std::swap(vmImage_, other.vmImage_);
+}
+
+bool CImage::Fill(int plane, double value) {
+  if (IsEmpty() || plane < 0 || plane >= GetPlanes()) return false;
+  const double stored = (value - bzero_) / bscale_;
+  if (stored == 0 && !std::signbit(stored)) {
+    vmImage_->Clear(plane);
+    return true;
+  }
+  const int bytes = GetBytesPixel();
+  korimg::ForLines(korimg::Team::All, 0, GetHeight(), [&](int y) {
+    unsigned char* line = vmImage_->GetImageAdr(0, y, plane, false, false, nullptr);
+    if (bits_ == Float) {
+      std::fill_n(reinterpret_cast<float*>(line), GetWidth(), static_cast<float>(stored));
+      return;
+    }
+    for (int x = 0; x < GetWidth(); ++x) {
+      Encode(line + x * bytes, bits_, signed_, stored);
+    }
+  });
+  return true;
+}
+
+bool CImage::SetLevel(int plane, double min, double max) {
+  if (plane < 0 || plane >= static_cast<int>(levelMin_.size())) return false;
+  levelMin_[plane] = min;
+  levelMax_[plane] = max;
+  levelRange_[plane] = max - min;
+  return true;
+}
+
+bool CImage::SetLevelMin(int plane, double min) {
+  return plane >= 0 && plane < static_cast<int>(levelMin_.size()) && SetLevel(plane, min, levelMax_[plane]);
+}
+
+bool CImage::SetLevelMax(int plane, double max) {
+  return plane >= 0 && plane < static_cast<int>(levelMin_.size()) && SetLevel(plane, levelMin_[plane], max);
+}
+
+void CImage::SetPlanes(int planes) {
+  axes_[2] = planes;
+  dimension_ = planes < 2 ? 2 : 3;
+  const auto resize = [planes](std::vector<double>& levels, double first) {
+    levels.resize(planes, levels.empty() ? first : levels[0]);
+  };
+  resize(levelMin_, 0);
+  resize(levelMax_, 1);
+  resize(levelRange_, 1);
+}
+
+bool CImage::AttachDIB(std::shared_ptr<CVmManager> const& manager, HDIB dib, HWND window,
+                       wchar_t const* text) {
+  const auto* bytes = static_cast<unsigned char const*>(GlobalLock(dib));
+  const long long size = static_cast<long long>(GlobalSize(dib));
+  if (!bytes || size < static_cast<long long>(sizeof(BITMAPINFOHEADER))) return false;
+  const auto header = Load<BITMAPINFOHEADER>(bytes);
+  const int bits = header.biBitCount;
+  const bool hasPalette = bits == 1 || bits == 4 || bits == 8;
+  if ((!hasPalette && bits != 24 && bits != 32) || header.biCompression != 0 || header.biPlanes != 1 ||
+      header.biSize < sizeof header || header.biWidth <= 0 || header.biHeight == 0 ||
+      header.biHeight == std::numeric_limits<int>::min()) {
+    return false;
+  }
+  const int width = header.biWidth, height = std::abs(header.biHeight);
+  const long long entries =
+      hasPalette ? (header.biClrUsed ? header.biClrUsed : 1LL << bits) : header.biClrUsed;
+  const long long stride = (1LL * width * bits + 31) / 32 * 4;
+  const long long pixels = header.biSize + entries * 4;
+  if ((hasPalette && entries > (1LL << bits)) || pixels + stride * height > size) return false;
+
+  unsigned char const* palette = bytes + header.biSize;
+  bool grey = hasPalette;
+  for (long long i = 0; grey && i < entries; ++i) {
+    grey = palette[4 * i] == palette[4 * i + 1] && palette[4 * i] == palette[4 * i + 2];
+  }
+  CImage image(manager, UInt8, width, height, grey ? 1 : 3, 1, 0, false, nullptr);
+  velora::ScopedProgress steps(window ? velora::ProgressWin::Create(window, text, false) : nullptr, height);
+  for (int y = 0; y < height; ++y) {
+    unsigned char const* line = bytes + pixels + stride * (header.biHeight > 0 ? height - 1 - y : y);
+    for (int p = 0; p < image.GetPlanes(); ++p) {
+      unsigned char* out = image.vmImage_->GetImageAdr(0, y, p, false, false, nullptr);
+      for (int x = 0; x < width; ++x) {
+        if (!hasPalette) {
+          out[x] = line[x * (bits / 8) + 2 - p];
+          continue;
+        }
+        const int bit = x * bits;
+        const long long index = (line[bit / 8] >> (8 - bits - bit % 8)) & ((1 << bits) - 1);
+        out[x] = index < entries ? palette[4 * index + 2 - p] : 0;
+      }
+    }
+    steps.Step(y);
+  }
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    image.SetLevel(p, 0, 255);
+  }
+  image.SetOrgBitsPixel(grey ? Gray8 : Rgb24);
+  image.SetOrgPlanes(image.GetPlanes());
+  image.SetOrgWidth(width);
+  image.SetOrgHeight(height);
+  Swap(image);
+  return true;
+}
+
+std::tuple<double, double> CImage::GetMinMax(int plane) {
+  const auto [min, max, average] = GetMinMaxAvr(plane);
+  return {min, max};
+}
+
+void CImage::GetMinMax(int plane, double* min, double* max) {
+  std::tie(*min, *max) = GetMinMax(plane);
+}
+
+std::tuple<double, double, double> CImage::GetMinMaxAvr(int plane) {
+  const auto lines = korimg::MapLines(0, GetHeight(), [&](int y) {
+    unsigned char const* line = vmImage_->GetImageAdr(0, y, plane, true, false, nullptr);
+    if (bits_ == Float && bscale_ == 1 && bzero_ == 0) {
+      return ExtremesOf(reinterpret_cast<float const*>(line), GetWidth());
+    }
+    Extremes extremes;
+    for (int x = 0; x < GetWidth(); ++x) {
+      extremes.Add(GetPixel(line + x * GetBytesPixel()));
+    }
+    return extremes;
+  });
+  Extremes all;
+  for (Extremes const& line : lines) {
+    all.Add(line);
+  }
+  if (all.count == 0) return {0, 0, 0};
+  return {all.min, all.max, all.sum / static_cast<double>(all.count)};
+}
+
+void CImage::GetMinMaxAvr(int plane, double* min, double* max, double* average) {
+  std::tie(*min, *max, *average) = GetMinMaxAvr(plane);
+}
+
+std::tuple<double, double, double> CImage::GetMinMaxMode(int plane, int bins, int useGrid) {
+  constexpr int kDefaultBins = 5000;
+  if (bins <= 0) bins = kDefaultBins;
+  const auto [min, max] = GetMinMax(plane);
+  if (!(max > min) || std::isinf(max - min)) return {min, max, min};
+  const double scale = bins / (max - min);
+  std::vector<long long> histogram(bins);
+  const auto count = [&](double value) {
+    if (!std::isnan(value)) ++histogram[static_cast<int>(std::min((value - min) * scale, bins - 1.0))];
+  };
+  const bool grid = useGrid != 0 && IsHistogramCullParam();
+  const int rows = grid ? static_cast<int>(cullY_.size()) : GetHeight();
+  const int columns = grid ? static_cast<int>(cullX_.size()) : GetWidth();
+  for (int j = 0; j < rows; ++j) {
+    unsigned char const* line = vmImage_->GetImageAdr(0, grid ? cullY_[j] : j, plane, true, false, nullptr);
+    for (int i = 0; i < columns; ++i) {
+      count(GetPixel(line + (grid ? cullX_[i] : i) * GetBytesPixel()));
+    }
+  }
+  const auto peak = std::max_element(histogram.begin(), histogram.end()) - histogram.begin();
+  return {min, max, min + (static_cast<double>(peak) + 0.5) / scale};
+}
+
+void CImage::GetMinMaxMode(int plane, double* min, double* max, double* mode, int bins, int useGrid) {
+  std::tie(*min, *max, *mode) = GetMinMaxMode(plane, bins, useGrid);
+}
+
+double CImage::GetPixel(int x, int y, int plane) {
+  return GetPixel(vmImage_->GetImageAdr(x, y, plane, true, false, nullptr));
+}
+
+double CImage::GetPixel(unsigned char const* pixel) const {
+  double value = 0;
+  switch (static_cast<int>(bits_)) {
+    case UInt8:
+      value = *pixel;
+      break;
+    case Int16:
+      value = Load<unsigned short>(pixel);
+      break;
+    case Int32:
+      value = signed_ ? Load<int>(pixel) : static_cast<double>(Load<unsigned>(pixel));
+      break;
+    case Float:
+      value = Load<float>(pixel);
+      break;
+    case Double:
+      value = Load<double>(pixel);
+      break;
+    default:
+      break;
+  }
+  return ApplyBaseScaleOffset(value);
+}
+
+std::optional<std::tuple<int, int>> CImage::GetHistogramCull() const {
+  if (!IsHistogramCullParam()) return std::nullopt;
+  return std::tuple(static_cast<int>(cullX_.size()), static_cast<int>(cullY_.size()));
+}
+
+bool CImage::GetHistogramCull(int* countX, int* countY) const {
+  const auto counts = GetHistogramCull();
+  if (!countX || !countY || !counts) return false;
+  std::tie(*countX, *countY) = *counts;
+  return true;
+}
+
+int CImage::GetBytesPixel(int bits) {
+  switch (bits) {
+    case UInt8:
+      return 1;
+    case Int16:
+      return 2;
+    case Int32:
+    case Float:
+      return 4;
+    case Double:
+      return 8;
+    default:
+      return 0;
+  }
+}

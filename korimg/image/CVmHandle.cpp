@@ -1,0 +1,9 @@
+#include "korimg/image/CVmHandle.h"
+
+CVmHandle::CVmHandle(long long blockSize, long long blockCount, std::shared_ptr<CVmManager> const& manager)
+    : manager_(manager), blockSize_(blockSize), blockCount_(blockCount), blocks_(blockCount) {}
+
+void CVmHandle::Set(long long i, CVmBlock::Type type, long long slot) {
+  blocks_[i].type = type;
+  blocks_[i].slotIndex = slot;
+}

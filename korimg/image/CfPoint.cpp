@@ -1,0 +1,10 @@
+#include "korimg/image/CfPoint.h"
+
+#include "korimg/image/Numbers.h"
+
+void CfPoint::Set(double newX, double newY) {
+  x = korimg::TruncateToInt(newX);
+  y = korimg::TruncateToInt(newY);
+  fx = newX;
+  fy = newY;
+}

@@ -1,0 +1,128 @@
+// What the pipelines' runtime gets from the library: memory for scratch, an error handler, the choice of
+// forms.
+#include "korimg/pipelines/runtime/Runtime.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include <HalideRuntime.h>
+
+#include "korimg/platform/Debug.h"
+
+namespace {
+
+// Word 0 of the runtime's feature sets.
+constexpr std::uint64_t kAvx = 1u << 5, kAvx2 = 1u << 6, kNoRuntime = 1u << 31, kSse41 = 1u << 4;
+
+std::atomic<std::uint64_t> g_allowed{~0ULL};
+
+int CanUse(int count, const std::uint64_t* features) {
+  const bool allowed = (features[0] & ~g_allowed.load(std::memory_order_relaxed)) == 0;
+  return allowed && halide_default_can_use_target_features(count, features);
+}
+
+/// A pipeline that fails leaves its output as it is, and says so.
+void NoteError(void*, const char* text) {
+  korimg::DebugLine(std::string("pipeline: ") + text);
+}
+
+const bool g_installed = [] {
+  halide_set_error_handler(NoteError);
+  halide_set_custom_can_use_target_features(CanUse);
+  return true;
+}();
+
+}  // namespace
+
+// Scratch is allocated per tile; the system's allocator would give its pages back and fault them in again
+// each time. Each thread keeps a few blocks instead.
+namespace {
+
+constexpr std::size_t kAlignment = 128;
+constexpr int kKept = 8;
+constexpr std::size_t kLargestKept = 16 << 20;
+
+struct Scratch {
+  struct Block {
+    void* address = nullptr;
+    std::size_t size = 0;
+  };
+  Block blocks[kKept];
+
+  ~Scratch() {
+    for (const Block& block : blocks) {
+      std::free(block.address);
+    }
+  }
+};
+
+thread_local Scratch t_scratch;
+
+/// The size stands in front of each block.
+std::size_t& SizeOf(void* block) {
+  return *reinterpret_cast<std::size_t*>(static_cast<char*>(block) - kAlignment);
+}
+
+}  // namespace
+
+extern "C" {
+
+void* halide_malloc(void*, std::size_t bytes) {
+  for (Scratch::Block& kept : t_scratch.blocks) {
+    if (kept.address && kept.size >= bytes && kept.size <= 2 * bytes) {
+      void* start = kept.address;
+      kept.address = nullptr;
+      return static_cast<char*>(start) + kAlignment;
+    }
+  }
+  const std::size_t size = (bytes + kAlignment - 1) / kAlignment * kAlignment;
+  // Vectors may read a little past the end.
+  void* start = std::aligned_alloc(kAlignment, size + 2 * kAlignment);
+  if (!start) return nullptr;
+  void* block = static_cast<char*>(start) + kAlignment;
+  SizeOf(block) = size;
+  return block;
+}
+
+void halide_free(void*, void* block) {
+  if (!block) return;
+  void* start = static_cast<char*>(block) - kAlignment;
+  const std::size_t size = SizeOf(block);
+  if (size <= kLargestKept) {
+    for (Scratch::Block& kept : t_scratch.blocks) {
+      if (kept.address) continue;
+      kept = {start, size};
+      return;
+    }
+  }
+  std::free(start);
+}
+}
+
+namespace korimg {
+
+int SetPipelineThreads(int threads) {
+  return halide_set_num_threads(threads);
+}
+
+std::string ChosenForm(const PipelineEntry& pipeline) {
+  const auto can = [](std::uint64_t word) {
+    const std::uint64_t features[2] = {kNoRuntime | kSse41 | word, 0};
+    return CanUse(2, features) != 0;
+  };
+  if (pipeline.withAvx2 && can(kAvx | kAvx2)) return "avx2";
+  return can(kAvx) ? "avx" : "sse41";
+}
+
+void LimitForms(const std::string& highest) {
+  const std::uint64_t denied = highest == "sse41" ? kAvx | kAvx2 : highest == "avx" ? kAvx2 : 0;
+  g_allowed.store(~denied, std::memory_order_relaxed);
+}
+
+const char* Version() {
+  return KORIMG_VERSION;
+}
+
+}  // namespace korimg

@@ -1,0 +1,17 @@
+#pragma once
+
+#include "korimg/platform/Export.h"
+
+/// The worker team of the line loops.
+class KORIMG_API CParallel {
+ public:
+  /// Number of the calling worker, from 0; 0 outside a parallel loop.
+  static int GetThreadNum();
+
+  /// Size of the team that the next parallel loop of this thread gets.
+  static int GetMaxThreads();
+
+  /// Sets the size of the team; values below 1 count as 1. The pipelines' pool is set by
+  /// korimg::SetPipelineThreads.
+  static void SetMaxThreads(int threads);
+};
