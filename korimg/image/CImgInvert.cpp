@@ -12,15 +12,11 @@ inline float InvertPixel(float s, float a, float i, float c, float d) {
 }
 
 void InvertLines(CImgInvert& target, CVelImage& src, Window const& window, Team team) {
-  ForPlaneLines(target, window, team, [&](int p, int y) {
+  MapPixels(target, src, window, team, [&](int p) {
     const auto a = static_cast<float>(src.GetLevelMin(p)),
                i = 1.0f / static_cast<float>(src.GetLevelRange(p));
     const auto c = static_cast<float>(target.GetLevelMin(p)), d = static_cast<float>(target.GetLevelRange(p));
-    float const* in = src.GetLine(window.left, y, p);
-    float* out = target.GetWritableLine(window.left, y, p);
-    for (int x = 0; x < window.Width(); ++x) {
-      out[x] = InvertPixel(in[x], a, i, c, d);
-    }
+    return [=](float s) { return InvertPixel(s, a, i, c, d); };
   });
 }
 

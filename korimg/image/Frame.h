@@ -86,6 +86,24 @@ void ForPlaneLines(CVelImage& image, Window const& window, Team team, F&& line) 
   }
 }
 
+/// Writes formula(plane)(source pixel) over the window.
+template <class F>
+void MapPixels(CVelImage& target, CVelImage& src, Window const& window, Team team, F&& formula) {
+  ForPlaneLines(target, window, team, [&](int p, int y) {
+    const auto map = formula(p);
+    float const* in = src.GetLine(window.left, y, p);
+    float* out = target.GetWritableLine(window.left, y, p);
+    for (int x = 0; x < window.Width(); ++x) {
+      out[x] = map(in[x]);
+    }
+  });
+}
+
+/// Limits below at 0; NaN stays NaN.
+inline float NotNegative(float v) {
+  return v < 0.0f ? 0.0f : v;
+}
+
 /// A pipeline's view of a whole plane of a contiguous image, or of a temporary plane.
 class PlaneBuffer {
  public:

@@ -184,7 +184,8 @@ std::vector<Member> Family() {
       {"sub_scalar_inplace_float", sub_scalar_inplace},
       {"sub0_float", sub0},
       threshold_member("threshold_lt_float", [](Expr s, Expr t) { return s < t; }),
-      threshold_member("threshold_leq_float", [](Expr s, Expr t) { return s <= t; }),
+      // Not s <= t: the compiler may turn that into !(t < s), which is true for NaN.
+      threshold_member("threshold_leq_float", [](Expr s, Expr t) { return s < t || s == t; }),
       threshold_member("threshold_gt_float", [](Expr s, Expr t) { return s > t; }),
       threshold_member("threshold_eq_float", [](Expr s, Expr t) { return s == t; }),
       threshold_member("threshold_neq_float", [](Expr s, Expr t) { return s != t; }),
