@@ -115,7 +115,8 @@ int CVelImage::DarkFlat(CVelImage* source, CVelImage* dark, CVelImage* flat, flo
                         float* averages, float fOffset, double gamma, CRect* rect, int show) {
   if (!source || (!dark && !flat)) return 0;
   if (flat && (!minima || !maxima || !averages)) return 0;
-  const bool fits = Fits(*source, *this) && (!dark || Serves(*dark, *this)) && (!flat || Serves(*flat, *this));
+  const bool fits =
+      Fits(*source, *this) && (!dark || Serves(*dark, *this)) && (!flat || Serves(*flat, *this));
   if (!IsEmpty() && !fits) return 0;
   const Window window(*this, rect);
   const ProgressScope progress(*this, show, 6195, window.Lines(*this));

@@ -6,9 +6,10 @@
 
 namespace {
 
-long long CheckedBytes(long long width, long long height, long long planes, long long bytesPixel) {
+void CheckSizes(long long width, long long height, long long planes, long long bytesPixel) {
+  constexpr long long kMostPlanes = 1 << 16;
   long long bytes = bytesPixel;
-  bool bad = width <= 0 || height <= 0 || planes <= 0 || bytesPixel <= 0;
+  bool bad = planes > kMostPlanes || width <= 0 || height <= 0 || planes <= 0 || bytesPixel <= 0;
   for (const long long factor : {width, height, planes}) {
     bad = bad || __builtin_mul_overflow(bytes, factor, &bytes);
   }
@@ -17,7 +18,6 @@ long long CheckedBytes(long long width, long long height, long long planes, long
                                            std::to_string(height) + " x " + std::to_string(planes) +
                                            " with " + std::to_string(bytesPixel) + " bytes a pixel");
   }
-  return bytes;
 }
 
 }  // namespace
@@ -25,7 +25,7 @@ long long CheckedBytes(long long width, long long height, long long planes, long
 CVmImage::CVmImage(std::shared_ptr<CVmManager> const& manager, long long width, long long height,
                    long long planes, long long bytesPixel, std::shared_ptr<velora::Progress> const&)
     : width_(width), height_(height), planes_(planes), bytesPixel_(bytesPixel) {
-  CheckedBytes(width, height, planes, bytesPixel);
+  CheckSizes(width, height, planes, bytesPixel);
   if (!manager) throw velora::CVmMemoryAllocationError("no store manager was given for the image");
   policy_ = manager->GetAllocationPolicy();
   bytesPerLine_ = width * bytesPixel;

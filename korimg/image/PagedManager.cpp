@@ -80,20 +80,22 @@ class PagedManager : public CVmManager {
   }
 
   std::shared_ptr<CVmHandle> Allocate(long long blockSize, long long blockCount) override {
-    auto handle = std::make_shared<PagedHandle>(blockSize, blockCount, shared_from_this());
     const std::lock_guard lock(mutex_);
     const long long bytes = blockSize * blockCount;
+    std::unique_ptr<SwapFile> swap;
     if (allocated_ + bytes > budget_) {
       // From here on blocks may have to leave memory: each store gets its room on the disk now.
-      handle->swap = std::make_unique<SwapFile>(swapDirectory_, bytes);
+      swap = std::make_unique<SwapFile>(swapDirectory_, bytes);
       for (const std::shared_ptr<PagedHandle>& other : handles_) {
         if (other->swap) continue;
         other->swap =
             std::make_unique<SwapFile>(swapDirectory_, other->GetBlockSize() * other->GetBlockCount());
       }
     }
-    allocated_ += bytes;
+    auto handle = std::make_shared<PagedHandle>(blockSize, blockCount, shared_from_this());
+    handle->swap = std::move(swap);
     handles_.push_back(handle);
+    allocated_ += bytes;
     return handle;
   }
 

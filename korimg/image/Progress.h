@@ -79,6 +79,6 @@ void PostProgress(HWND window, int number);
 
 /// Looks at this thread's messages while an operation runs: takes pending keys out of the queue and answers
 /// false at once for Escape; else lets windows repaint and show their progress, and answers true.
-bool ContinueAfterMessages();
+KORIMG_API bool ContinueAfterMessages();
 
 }  // namespace korimg

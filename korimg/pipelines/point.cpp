@@ -144,16 +144,16 @@ Definition paste_with_fill(const Target& target) {
   ImageParam input(Float(32), 2, "input");
   Param<float> fill("fill");
   PasteWindow w;
-  Func output("output");
+  Func paste("paste");
   Expr sx = w.source_x(x), sy = w.source_y(y);
   Expr inside = x >= w.start_x && x < w.end_x && y >= w.start_y && y < w.end_y && sx >= input.dim(0).min() &&
                 sx <= input.dim(0).max() && sy >= input.dim(1).min() && sy <= input.dim(1).max();
-  output(x, y) = select(inside,
-                        input(clamp(sx, input.dim(0).min(), input.dim(0).max()),
-                              clamp(sy, input.dim(1).min(), input.dim(1).max())),
-                        fill);
-  ScheduleByStrips(output, target);
-  return {w.arguments({input, fill}), {output}};
+  paste(x, y) = select(inside,
+                       input(clamp(sx, input.dim(0).min(), input.dim(0).max()),
+                             clamp(sy, input.dim(1).min(), input.dim(1).max())),
+                       fill);
+  ScheduleByStrips(paste, target);
+  return {w.arguments({input, fill}), {paste}};
 }
 
 Definition fill_area(const Target& target) {

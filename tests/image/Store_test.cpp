@@ -1,0 +1,268 @@
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include "korimg/platform/Debug.h"
+
+#include "tests/support/Images.h"
+
+using namespace korimg;
+using namespace korimg::test;
+
+namespace {
+
+/// A pool of `blocks` blocks of four lines each of 16 pixels.
+std::shared_ptr<CVmManager> Pool(int blocks) {
+  return CreatePagedManager({.budget = blocks * 256LL, .blockSize = 256});
+}
+
+CVmImage Image16(const std::shared_ptr<CVmManager>& store, int height, int planes) {
+  return CVmImage(store, 16, height, planes, 4, nullptr);
+}
+
+float& At(CVmImage& image, int x, int y, int plane, bool readOnly) {
+  return *reinterpret_cast<float*>(image.GetImageAdr(x, y, plane, readOnly, false, nullptr));
+}
+
+std::string MessageOf(const std::function<void()>& allocate) {
+  try {
+    allocate();
+  } catch (const velora::CVmMemoryAllocationError& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+TEST(Store, Shape) {
+  const auto pool = Pool(4);
+  CVmImage image = Image16(pool, 10, 3);
+  EXPECT_EQ(image.GetLinesPerBlock(), 4);
+  EXPECT_EQ(image.GetTotalLines(), 30);
+  EXPECT_EQ(image.GetBlockCount(), 8);
+  EXPECT_EQ(image.GetBlockLineCount(0), 4);
+  EXPECT_EQ(image.GetBlockLineCount(7), 2);
+  EXPECT_EQ(image.GetBlockShape(), std::tuple(4, 16));
+  EXPECT_EQ(image.GetAllocationPolicy(), 0);
+
+  const auto memory = MemoryStore();
+  CVmImage planes = Image16(memory, 10, 3);
+  EXPECT_EQ(planes.GetBlockCount(), 3);
+  EXPECT_EQ(planes.GetAllocationPolicy(), 1);
+  EXPECT_EQ(planes.GetBlockOnMemory(2, true) + (5 * 16 + 3) * 4,
+            planes.GetImageAdr(3, 5, 2, true, false, nullptr));
+}
+
+TEST(Store, StartsAtZeroAndKeepsWhatIsWritten) {
+  for (const StoreCase& store : Stores()) {
+    const auto manager = store.make();
+    for (int round = 0; round < 2; ++round) {  // the second image may get memory of the first
+      CVelImage image(manager, CImage::Float, 101, 203, 3, 1, 0, 1, nullptr);
+      CVelImage created;
+      created.Create(image, nullptr);
+      for (int p = 0; p < 3; ++p) {
+        for (int y = 202; y >= 0; --y) {
+          ASSERT_EQ(created.GetPixelGrayRaw(100, y, p), 0.0f) << store.name;
+        }
+      }
+      Paint(image, Random(0, 1));
+      Paint(created, Random(1, 2, 5));
+      EXPECT_EQ(Difference(
+                    image, [](int p, int x, int y) { return static_cast<float>(Random(0, 1)(p, x, y)); }, 0),
+                "");
+      EXPECT_EQ(image.IsOnMemory(), store.name == "memory") << store.name;
+      CVelImage copy(image, nullptr);
+      EXPECT_EQ(Difference(copy, image), "") << store.name;
+    }
+  }
+}
+
+TEST(Store, LockedBlocksStayAndThePoolGrowsRatherThanDeadlock) {
+  const auto pool = Pool(4);
+  CVmImage image = Image16(pool, 400, 1);
+  std::vector<CVmImage::AddressHandle> locks(50);
+  std::vector<float*> lines;
+  for (int i = 0; i < 50; ++i) {
+    lines.push_back(reinterpret_cast<float*>(image.GetImageAdr(0, 4 * i, 0, false, true, &locks[i])));
+    *lines.back() = static_cast<float>(i);
+  }
+  for (int y = 200; y < 400; ++y) {
+    At(image, 3, y, 0, false) = 7;
+  }
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(*lines[i], i);
+    *lines[i] += 0.5f;
+  }
+  // Counted: a block locked twice outlives the first unlock.
+  CVmImage::AddressHandle again;
+  image.GetImageAdr(0, 0, 0, true, true, &again);
+  for (const auto& lock : locks) {
+    EXPECT_TRUE(image.Unlock(lock));
+  }
+  for (int y = 8; y < 400; ++y) {
+    At(image, 0, y, 0, true);
+  }
+  EXPECT_EQ(*lines[0], 0.5f);
+  EXPECT_TRUE(image.Unlock(again));
+  EXPECT_FALSE(image.Unlock(again)) << "nothing is locked any more";
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(At(image, 0, 4 * i, 0, true), i + 0.5f);
+  }
+  image.GetImageAdr(0, 0, 0, false, true, nullptr);
+  image.UnlockAll();
+  EXPECT_FALSE(image.Unlock({0}));
+}
+
+TEST(Store, AddressesHoldForTheNextFewAccesses) {
+  // A colour source, a dark, a flat and a colour target: eight lines of different blocks at once.
+  const auto pool = Pool(1);
+  CVmImage image = Image16(pool, 400, 1);
+  for (int round = 0; round < 40; ++round) {
+    float* lines[8];
+    for (int i = 0; i < 8; ++i) {
+      lines[i] = &At(image, 0, (round + 4 * i * 11) % 400, 0, false);
+    }
+    for (int i = 0; i < 8; ++i) {
+      *lines[i] = static_cast<float>(100 * round + i);
+    }
+    for (int i = 0; i < 8; ++i) {
+      ASSERT_EQ(At(image, 0, (round + 4 * i * 11) % 400, 0, true), 100 * round + i);
+    }
+  }
+}
+
+TEST(Store, ServesManyThreads) {
+  for (const int blocks : {1, 4, 1000}) {
+    const auto pool = Pool(blocks);
+    CVmImage image = Image16(pool, 512, 2), other = Image16(pool, 512, 1);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+      threads.emplace_back([&, t] {
+        for (int round = 0; round < 20; ++round) {
+          for (int y = t; y < 512; y += 8) {
+            // The neighbouring lines of the block belong to other threads.
+            float* line = &At(image, 0, y, round % 2, false);
+            At(other, t, y, 0, false) += 1;
+            for (int x = 0; x < 16; ++x) {
+              line[x] += static_cast<float>(x + y);
+            }
+          }
+          CVmImage::AddressHandle lock;
+          auto* kept = reinterpret_cast<float*>(image.GetImageAdr(0, 8 * round + t, 0, true, true, &lock));
+          EXPECT_GE(kept[15], 0);
+          image.Unlock(lock);
+        }
+      });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    for (int y = 0; y < 512; ++y) {
+      ASSERT_EQ(At(image, 5, y, 0, true), 10 * (5 + y));
+      ASSERT_EQ(At(image, 5, y, 1, true), 10 * (5 + y));
+      ASSERT_EQ(At(other, y % 8, y, 0, true), 20);
+    }
+  }
+}
+
+TEST(Store, RefusesSizesThatCantBe) {
+  for (const StoreCase& store : Stores()) {
+    const auto manager = store.make();
+    for (const auto& [width, height, planes] :
+         {std::tuple(0LL, 5LL, 1LL), std::tuple(5LL, -1LL, 1LL), std::tuple(5LL, 5LL, 0LL),
+          std::tuple(1LL << 31, 1LL << 31, 3LL), std::tuple(1LL << 62, 2LL, 1LL)}) {
+      EXPECT_THROW(CVmImage(manager, width, height, planes, 4, nullptr), velora::CVmMemoryAllocationError);
+    }
+    CVelImage image(manager, CImage::Float, 20, 20, 1, 1, 0, 1, nullptr);
+    Paint(image, Random(0, 1));
+    EXPECT_FALSE(image.ChangeSize(-3, 20, nullptr));
+    EXPECT_FALSE(image.ChangeSize(2147483647, 2147483647, nullptr));
+    EXPECT_FALSE(image.ChangePlanes(2147483647, nullptr));
+    EXPECT_EQ(image.GetWidth(), 20);
+    EXPECT_EQ(Difference(
+                  image, [](int p, int x, int y) { return static_cast<float>(Random(0, 1)(p, x, y)); }, 0),
+              "");
+  }
+}
+
+TEST(Store, SaysWhereThereIsNoRoomAndHowMuchIsThere) {
+  const auto file = std::filesystem::temp_directory_path() / "korimg-not-a-directory";
+  std::ofstream(file) << "x";
+  for (const std::filesystem::path& directory : {std::filesystem::path("/nonexistent/swap ß"), file}) {
+    const StoreOptions options{.budget = 1, .swapDirectory = directory};
+    for (const auto& manager : {CreateContiguousManager(options), CreatePagedManager(options)}) {
+      const std::string message = MessageOf([&] { CVmImage(manager, 1024, 1024, 3, 4, nullptr); });
+      EXPECT_NE(message.find(directory.string()), std::string::npos) << message;
+      EXPECT_NE(message.find("needed"), std::string::npos) << message;
+      EXPECT_NE(message.find("available"), std::string::npos) << message;
+    }
+  }
+  std::filesystem::remove(file);
+}
+
+TEST(Store, AFullDiskIsAnErrorAndLosesNothing) {
+  // A limit of file sizes stands for the disk.
+  struct rlimit before {};
+  getrlimit(RLIMIT_FSIZE, &before);
+  const struct rlimit small { 1 << 20, before.rlim_max };
+  std::vector<std::string> lines;
+  SetDebugSink([&](const std::wstring& line) { lines.push_back(Narrow(line)); });
+  for (const auto& manager :
+       {CreateContiguousManager({.budget = 1}), CreatePagedManager({.budget = 300000})}) {
+    CVelImage image(manager, CImage::Float, 256, 256, 1, 1, 0, 1, nullptr);
+    Paint(image, Random(0, 1));
+    setrlimit(RLIMIT_FSIZE, &small);
+    EXPECT_FALSE(image.ChangeSize(2000, 2000, nullptr));
+    CVelImage other;
+    CVelImage big(CreatePagedManager({.budget = 1 << 30}), CImage::Float, 256, 256, 1, 1, 0, 1, nullptr);
+    EXPECT_THROW(CVelImage(manager, CImage::Float, 2000, 2000, 3, 1, 0, 1, nullptr),
+                 velora::CVmMemoryAllocationError);
+    setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(Difference(
+                  image, [](int p, int x, int y) { return static_cast<float>(Random(0, 1)(p, x, y)); }, 0),
+              "");
+    EXPECT_TRUE(image.ChangeSize(2000, 2000, nullptr)) << "there is room again";
+  }
+  SetDebugSink(nullptr);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[0].find("needed 15 MiB"), std::string::npos) << lines[0];
+}
+
+TEST(Store, AManagerThatHasGoneIsAnException) {
+  for (const StoreCase& store : Stores()) {
+    auto manager = store.make();
+    CVelImage image(manager, CImage::Float, 20, 20, 1, 1, 0, 1, nullptr);
+    EXPECT_TRUE(image.GetVmImage()->GetVmHandle()->Deleted());
+    manager.reset();
+    EXPECT_FALSE(image.GetVmImage()->GetVmHandle()->Deleted());
+    EXPECT_EQ(image.VmManager(), nullptr);
+    EXPECT_THROW(image.GetBlockOnMemory(0, true), velora::CVmManagerHandleDeletedError);
+    EXPECT_THROW(image.GetPixelGrayRaw(1, 1, 0), velora::CVmManagerHandleDeletedError);
+  }
+}
+
+TEST(Store, FreedPlanesAreUsedAgain) {
+  const auto manager = MemoryStore();
+  auto first = std::make_unique<CVmImage>(manager, 2000, 1000, 1, 4, nullptr);
+  const unsigned char* address = first->GetBlockOnMemory(0, false);
+  first.reset();
+  const CVmImage second(manager, 1000, 2000, 1, 4, nullptr);
+  EXPECT_EQ(const_cast<CVmImage&>(second).GetBlockOnMemory(0, true), address);
+}
+
+TEST(Store, HandlesAndRecordsAreValues) {
+  const auto manager = MemoryStore();
+  CVmHandle handle(512, 2, manager);
+  handle.Set(1, CVmBlock::File, 77);
+  const CVmHandle copy = handle;
+  handle.Set(1, CVmBlock::Memory, 5);
+  EXPECT_EQ(copy.GetType(1), CVmBlock::File);
+  EXPECT_EQ(copy.GetSlotIndex(1), 77);
+  EXPECT_EQ(copy.GetSlotIndex(0), -1);
+  EXPECT_EQ(copy.VmManager(), manager);
+}
+
+}  // namespace

@@ -1,0 +1,226 @@
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include <HalideRuntime.h>
+#include <gtest/gtest.h>
+
+#include "korimg/pipelines/runtime/Runtime.h"
+#include "korimg/platform/Debug.h"
+
+#include "tests/support/Images.h"
+
+using namespace korimg;
+using namespace korimg::test;
+
+namespace {
+
+std::string TypeName(halide_type_t type) {
+  const char* code = type.code == halide_type_float ? "f" : type.code == halide_type_uint ? "u" : "i";
+  return code + std::to_string(type.bits);
+}
+
+/// "name:2d:f32" of a buffer, "name:f32" of a number.
+std::string Describe(const halide_filter_argument_t& argument) {
+  const std::string name = std::regex_replace(argument.name, std::regex(R"(\$\d+)"), "");
+  const bool buffer = argument.kind != halide_argument_kind_input_scalar;
+  return name + ":" + (buffer ? std::to_string(argument.dimensions) + "d:" : "") + TypeName(argument.type);
+}
+
+std::string Signature(const halide_filter_metadata_t& metadata) {
+  std::string inputs, outputs;
+  for (int i = 0; i < metadata.num_arguments; ++i) {
+    const halide_filter_argument_t& argument = metadata.arguments[i];
+    (argument.kind == halide_argument_kind_output_buffer ? outputs : inputs) += Describe(argument) + " ";
+  }
+  return inputs + "-> " + outputs.substr(0, outputs.size() - 1);
+}
+
+TEST(Pipelines, AreThoseOfTheList) {
+  std::map<std::string, std::map<std::string, std::string>> listed, built;  // family, name, signature
+  std::ifstream list(KORIMG_PIPELINE_LIST);
+  for (std::string line; std::getline(list, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    std::istringstream words(line);
+    std::string family, name, signature;
+    words >> family >> name >> std::ws;
+    std::getline(words, signature);
+    listed[family][name] = signature;
+  }
+  ASSERT_GE(listed.size(), 10u);
+  for (const PipelineEntry& entry : PipelineTable()) {
+    const halide_filter_metadata_t* metadata = entry.metadata();
+    built[entry.family][metadata->name] = Signature(*metadata);
+  }
+  ASSERT_GE(built.size(), 4u);
+  for (const auto& [family, members] : built) {
+    for (const auto& [name, signature] : members) {
+      EXPECT_EQ(signature, listed[family][name]) << name;
+    }
+    EXPECT_EQ(members.size(), listed[family].size()) << "a member of " << family << " is missing";
+  }
+}
+
+/// Storage and shape of one argument of a pipeline that is called with plausible values of all kinds.
+class Argument {
+ public:
+  Argument(const halide_filter_argument_t& argument, int bins) : argument_(argument) {
+    const std::string name = argument.name;
+    if (argument.kind == halide_argument_kind_input_scalar) {
+      const auto has = [&](const char* part) { return name.find(part) != std::string::npos; };
+      number_ = has("Bins")                                      ? bins
+                : has("start") || has("Start")                   ? 3
+                : has("end") || has("End") || has("nWidth")      ? 90
+                : has("nHeight")                                 ? 71
+                : has("Range") || has("Max") || has("Average")   ? 700.5
+                : has("Min") || has("threshold") || has("shift") ? 2
+                : has("Gamma")                                   ? 1.25
+                                                                 : 0.75;
+      return;
+    }
+    const bool table = argument.dimensions == 1;
+    const int extents[] = {table ? bins : 203, 135, 4};
+    long long size = 1;
+    for (int i = 0; i < argument.dimensions; ++i) {
+      dimensions_[i] = {0, extents[i], static_cast<int>(size), 0};
+      size *= extents[i];
+    }
+    if (name.find("binned") != std::string::npos) {
+      dimensions_[0].extent = 203 / bins;
+      dimensions_[1].extent = 135 / bins;
+    }
+    bytes_.resize(size * argument.type.bytes());
+    for (long long i = 0; i < size; ++i) {
+      const double value = i % 97 == 5 ? NAN : i % 89 == 7 ? INFINITY : 1000 * Noise(i) - 100;
+      if (argument.type.code == halide_type_float && argument.type.bits == 32) {
+        const auto f = static_cast<float>(value);
+        std::memcpy(&bytes_[i * 4], &f, 4);
+      } else if (argument.type.code == halide_type_float) {
+        std::memcpy(&bytes_[i * 8], &value, 8);
+      } else {
+        bytes_[i * argument.type.bytes()] = static_cast<unsigned char>(i);
+      }
+    }
+    buffer_.host = bytes_.data();
+    buffer_.type = argument.type;
+    buffer_.dimensions = argument.dimensions;
+    buffer_.dim = dimensions_;
+  }
+
+  void* Address() {
+    if (argument_.kind != halide_argument_kind_input_scalar) return &buffer_;
+    const halide_type_t type = argument_.type;
+    const auto f = static_cast<float>(number_);
+    const auto i = static_cast<std::int32_t>(number_);
+    if (type.code == halide_type_float && type.bits == 64) {
+      std::memcpy(scalar_, &number_, 8);
+    } else {
+      std::memcpy(scalar_, type.code == halide_type_float ? static_cast<const void*>(&f) : &i, 4);
+    }
+    return scalar_;
+  }
+
+  bool IsOutput() const { return argument_.kind == halide_argument_kind_output_buffer; }
+
+  void AddTo(std::uint64_t& hash) const {
+    for (const unsigned char byte : bytes_) {
+      hash = (hash ^ byte) * 1099511628211ULL;
+    }
+  }
+
+ private:
+  const halide_filter_argument_t& argument_;
+  double number_ = 0;
+  alignas(8) unsigned char scalar_[8] = {};
+  std::vector<unsigned char> bytes_;
+  halide_dimension_t dimensions_[3];
+  halide_buffer_t buffer_{};
+};
+
+/// Runs a pipeline on made-up arguments and gives a hash of its outputs, or its error.
+std::string Fingerprint(const PipelineEntry& entry) {
+  const halide_filter_metadata_t& metadata = *entry.metadata();
+  std::vector<std::unique_ptr<Argument>> arguments;
+  std::vector<void*> addresses;
+  for (int i = 0; i < metadata.num_arguments; ++i) {
+    arguments.push_back(std::make_unique<Argument>(metadata.arguments[i], 7));
+    addresses.push_back(arguments.back()->Address());
+  }
+  const int status = entry.call(addresses.data());
+  std::uint64_t hash = 14695981039346656037ULL;
+  for (const auto& argument : arguments) {
+    if (argument->IsOutput()) argument->AddTo(hash);
+  }
+  return std::string(metadata.name) + (status ? " failed " : " ") + std::to_string(status ? status : hash);
+}
+
+/// The program itself, run again in one form, prints these.
+TEST(Pipelines, DISABLED_Fingerprints) {
+  LimitForms(std::getenv("KORIMG_FORM"));
+  for (const PipelineEntry& entry : PipelineTable()) {
+    std::printf("fingerprint %s\n", Fingerprint(entry).c_str());
+  }
+}
+
+std::vector<std::string> FingerprintsOf(const std::string& form) {
+  const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
+  const std::string command =
+      "KORIMG_FORM=" + form + " '" + program +
+      "' --gtest_also_run_disabled_tests --gtest_filter=Pipelines.DISABLED_Fingerprints";
+  std::vector<std::string> lines;
+  FILE* output = popen(command.c_str(), "r");
+  char line[256];
+  while (output && std::fgets(line, sizeof line, output)) {
+    if (std::strncmp(line, "fingerprint ", 12) == 0) lines.emplace_back(line + 12);
+  }
+  if (output) pclose(output);
+  return lines;
+}
+
+TEST(Pipelines, AllFormsGiveTheSameBits) {
+  const std::vector<std::string> lowest = FingerprintsOf("sse41");
+  ASSERT_EQ(lowest.size(), PipelineTable().size());
+  for (const std::string& line : lowest) {
+    EXPECT_EQ(line.find("failed"), std::string::npos) << line;
+  }
+  EXPECT_EQ(FingerprintsOf("avx"), lowest);
+  EXPECT_EQ(FingerprintsOf("avx2"), lowest);
+}
+
+TEST(Pipelines, AFailureIsNotedAndLeavesTheOutput) {
+  std::string noted;
+  SetDebugSink([&](const std::wstring& line) { noted = Narrow(line); });
+  for (const PipelineEntry& entry : PipelineTable()) {
+    const halide_filter_metadata_t& metadata = *entry.metadata();
+    if (std::string(metadata.name) != "copy_float") continue;
+    float in[4] = {1, 2, 3, 4}, out[8] = {9, 9, 9, 9, 9, 9, 9, 9};
+    halide_dimension_t small[2] = {{0, 2, 1, 0}, {0, 2, 2, 0}}, large[2] = {{0, 4, 1, 0}, {0, 2, 4, 0}};
+    halide_buffer_t input{}, output{};
+    input.host = reinterpret_cast<std::uint8_t*>(in), output.host = reinterpret_cast<std::uint8_t*>(out);
+    input.type = output.type = halide_type_t(halide_type_float, 32);
+    input.dimensions = output.dimensions = 2;
+    input.dim = small, output.dim = large;
+    void* arguments[] = {&input, &output};
+    EXPECT_NE(entry.call(arguments), 0) << "the output asks for more than the input has";
+    EXPECT_EQ(out[0], 9);
+    EXPECT_NE(noted.find("pipeline: "), std::string::npos);
+  }
+  SetDebugSink(nullptr);
+}
+
+TEST(Pipelines, FormsAreChosenFromTheLowestUp) {
+  const PipelineEntry& plain = PipelineTable().front();
+  for (const auto& [limit, chosen] : {std::pair("sse41", "sse41"), std::pair("avx", "avx")}) {
+    LimitForms(limit);
+    EXPECT_EQ(ChosenForm(plain), __builtin_cpu_supports("avx") ? chosen : "sse41");
+  }
+  LimitForms("");
+}
+
+}  // namespace
