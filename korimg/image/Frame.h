@@ -13,11 +13,13 @@
 
 namespace korimg {
 
-/// A rectangle clipped to an image.
+/// A rectangle clipped to an image. An image without pixels has an empty one.
 struct Window {
-  int left, top, right, bottom;
+  int left = 0, top = 0, right = 0, bottom = 0;
 
-  Window(CVelImage const& image, CRect* rect) { image.NormalizeRect(rect, left, top, right, bottom); }
+  Window(CVelImage const& image, CRect* rect) {
+    if (!image.IsEmpty()) image.NormalizeRect(rect, left, top, right, bottom);
+  }
   Window(int left, int top, int right, int bottom) : left(left), top(top), right(right), bottom(bottom) {}
 
   int Width() const { return right - left; }
@@ -99,6 +101,18 @@ class PlaneBuffer {
 
  private:
   Halide::Runtime::Buffer<float, 2> buffer_;
+};
+
+/// A single number that a pipeline gives; 0 when it failed.
+template <class T>
+class ScalarResult {
+ public:
+  operator halide_buffer_t*() { return buffer_; }  // NOLINT: an argument of a pipeline
+  T Value() const { return value_; }
+
+ private:
+  T value_{};
+  Halide::Runtime::Buffer<T, 0> buffer_ = Halide::Runtime::Buffer<T, 0>::make_scalar(&value_);
 };
 
 /// A contiguous plane for the length of a call, in the room of a store with contiguous planes, where memory
