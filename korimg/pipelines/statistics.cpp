@@ -11,62 +11,79 @@ Expr brightness(Expr r, Expr g, Expr b) {
   return cast<double>(g) * F64(0.587) + cast<double>(r) * F64(0.299) + cast<double>(b) * F64(0.114);
 }
 
-/// Mean of the window. Rows are summed by fixed lanes and then in order: the same sum for any number of
-/// threads.
+constexpr int kLanes = 16;
+
+/// Folds value(column, y) over the columns from 0 to width - 1 of each row: kLanes columns at a time, the
+/// rest after them, and then the lanes. The order depends on the width alone, so that any number of threads
+/// and every vector length give the same number.
+Func FoldRows(const std::string& name, Expr width, const Tuple& start,
+              const std::function<Tuple(const Tuple& soFar, const Tuple& more)>& fold,
+              const std::function<Tuple(Expr column, Expr row)>& value) {
+  Func lane(name + "_lane"), row(name);
+  RDom blocks(0, width / kLanes, "blocks"), rest(0, width % kLanes, "rest"), lanes(0, kLanes, "lanes");
+  const auto at = [](const Func& f, const std::vector<Expr>& place) -> Tuple {
+    FuncRef ref = f(place);
+    if (f.outputs() == 1) return Tuple(Expr(ref));
+    std::vector<Expr> parts;
+    for (int i = 0; i < f.outputs(); ++i) {
+      parts.push_back(ref[i]);
+    }
+    return Tuple(parts);
+  };
+  lane(u, y) = start;
+  lane(u, y) = fold(at(lane, {u, y}), value(blocks * kLanes + u, y));
+  lane(rest, y) = fold(at(lane, {rest, y}), value(width / kLanes * kLanes + rest, y));
+  row(y) = start;
+  row(y) = fold(at(row, {y}), at(lane, {lanes, y}));
+
+  lane.bound(u, 0, kLanes).compute_at(row, y).vectorize(u);
+  lane.update(0).reorder(u, blocks).vectorize(u);
+  lane.update(1).unscheduled();
+  row.compute_root();
+  row.update().reorder(lanes, y).parallel(y, 16, TailStrategy::GuardWithIf);
+  return row;
+}
+
+/// Mean of the window.
 Definition average(const Target&) {
-  constexpr int kLanes = 16;
   ImageParam input(Float(32), 2, "input");
   Param<int> start_x("start_x"), end_x("end_x"), start_y("start_y"), end_y("end_y");
   Expr width = end_x - start_x, height = end_y - start_y;
 
-  Func lane_sum("lane_sum"), row_sum("row_sum"), total("total"), average("average");
-  RDom columns(0, (width + kLanes - 1) / kLanes, "columns");
-  Expr column = columns * kLanes + u;
-  Expr pixel = input(start_x + min(column, width - 1), start_y + y);
-  lane_sum(u, y) = F64(0);
-  lane_sum(u, y) += select(column < width, cast<double>(pixel), F64(0));
-  RDom lanes(0, kLanes, "lanes");
-  row_sum(y) = F64(0);
-  row_sum(y) += lane_sum(lanes, y);
+  Func row_sum = FoldRows(
+      "row_sum", width, Tuple(F64(0)),
+      [](const Tuple& so_far, const Tuple& more) { return Tuple(so_far[0] + more[0]); },
+      [&](Expr column, Expr row) { return Tuple(cast<double>(input(start_x + column, start_y + row))); });
+  Func total("total"), average("average");
   RDom rows(0, height, "rows");
   total() = F64(0);
   total() += row_sum(rows);
   average() = total() / (cast<double>(width) * cast<double>(height));
-
-  lane_sum.bound(u, 0, kLanes).compute_at(row_sum, y).vectorize(u).update().reorder(u, columns).vectorize(u);
-  row_sum.compute_root().parallel(y, 16, TailStrategy::GuardWithIf);
-  row_sum.update().reorder(lanes, y).parallel(y, 16, TailStrategy::GuardWithIf);
   total.compute_root();
   return {{input, start_x, end_x, start_y, end_y}, {average}};
 }
 
 /// Extremes of raw brightness in the window, NaN passed over.
 Definition getminmax_brightness(const Target&) {
-  constexpr int kLanes = 16;
   ImageParam red(Float(32), 2, "red"), green(Float(32), 2, "green"), blue(Float(32), 2, "blue");
   Param<int> start_x("nStartX"), start_y("nStartY"), width("nWidth"), height("nHeight");
   const Expr infinity = Expr(std::numeric_limits<float>::infinity());
-  // Lower of the first, higher of the second; a NaN on the left never wins.
-  const auto merge = [](Expr low, Expr high, Tuple so_far) {
-    return Tuple(select(low < so_far[0], low, so_far[0]), select(high > so_far[1], high, so_far[1]));
+  // A NaN among the new ones never wins.
+  const auto merge = [](const Tuple& so_far, const Tuple& more) {
+    return Tuple(select(more[0] < so_far[0], more[0], so_far[0]),
+                 select(more[1] > so_far[1], more[1], so_far[1]));
   };
+  const Tuple start(infinity, -infinity);
 
-  Func lane("lane"), row("row"), minmax("minmax");
-  RDom columns(0, (width + kLanes - 1) / kLanes, "columns");
-  Expr at_x = start_x + min(columns * kLanes + u, width - 1), at_y = start_y + y;
-  Expr value = cast<float>(brightness(red(at_x, at_y), green(at_x, at_y), blue(at_x, at_y)));
-  lane(u, y) = Tuple(infinity, -infinity);
-  lane(u, y) = merge(value, value, lane(u, y));
-  RDom lanes(0, kLanes, "lanes");
-  row(y) = Tuple(infinity, -infinity);
-  row(y) = merge(lane(lanes, y)[0], lane(lanes, y)[1], row(y));
+  Func row = FoldRows("row", width, start, merge, [&](Expr column, Expr line) {
+    Expr at_x = start_x + column, at_y = start_y + line;
+    Expr value = cast<float>(brightness(red(at_x, at_y), green(at_x, at_y), blue(at_x, at_y)));
+    return Tuple(value, value);
+  });
+  Func minmax("minmax");
   RDom rows(0, height, "rows");
-  minmax() = Tuple(infinity, -infinity);
-  minmax() = merge(row(rows)[0], row(rows)[1], minmax());
-
-  lane.bound(u, 0, kLanes).compute_at(row, y).vectorize(u).update().reorder(u, columns).vectorize(u);
-  row.compute_root().parallel(y, 16, TailStrategy::GuardWithIf);
-  row.update().reorder(lanes, y).parallel(y, 16, TailStrategy::GuardWithIf);
+  minmax() = start;
+  minmax() = merge(Tuple(minmax()[0], minmax()[1]), Tuple(row(rows)[0], row(rows)[1]));
   return {{red, green, blue, start_x, start_y, width, height}, {minmax}};
 }
 
@@ -93,14 +110,12 @@ Definition binning(const Target& target) {
   return {{input, bins}, {binned}};
 }
 
-/// A number from -1 to 1 that depends on the place alone.
-Expr dither(Expr column, Expr row) {
-  Expr h = (cast<uint32_t>(column) * Expr(uint32_t(0x9E3779B1))) ^
-           (cast<uint32_t>(row) * Expr(uint32_t(0x85EBCA77)));
+/// Bits that look random, of a number.
+Expr hash(Expr number) {
+  Expr h = cast<uint32_t>(number) * Expr(uint32_t(0x9E3779B1));
   h = (h ^ (h >> 15)) * Expr(uint32_t(0x2C1B3C6D));
   h = (h ^ (h >> 12)) * Expr(uint32_t(0x297A2D39));
-  h = h ^ (h >> 15);
-  return cast<float>(cast<int32_t>(h >> 8)) * (2.0f / (1 << 24)) - 1.0f;
+  return h ^ (h >> 15);
 }
 
 /// What the histograms share: the window, the range and the bins.
@@ -118,38 +133,46 @@ struct Histogram {
     return all;
   }
 
-  /// Bin of a value at a place. Values beyond the ends, and NaN, count in the end bins. A bin that is wider
-  /// than a step of the data is dithered, or the histogram would show combs.
-  Expr bin(Expr value, Expr column, Expr row) const {
-    Expr count = max(bins, 2);
-    Expr scale = cast<double>(count - 1) / (high - low);
-    Expr spread = select(scale > F64(0) && scale <= F64(1), F64(3) / scale, F64(0));
-    Expr dithered = cast<double>(value) + cast<double>(dither(column, row)) * spread;
-    Expr position = (dithered - low) * scale;
-    Expr limited = select(position > F64(0), min(position, cast<double>(bins - 1)), F64(0));
-    return cast<int>(limited);
+  /// Bin of a value. Values beyond the ends, and NaN, count in the end bins. Narrow bins are dithered by
+  /// `offset`, from -1 to 1, or they would show the steps of the data as combs.
+  Expr bin(Expr value, Expr offset) const {
+    Expr scale = cast<double>(max(bins, 2) - 1) / (high - low);
+    Expr spread = select(scale > F64(0) && scale <= F64(1), 3.0f, 0.0f);  // in bins
+    Expr position = (cast<double>(value) - low) * scale + cast<double>(offset * spread);
+    return cast<int>(select(position > F64(0), min(position, cast<double>(bins - 1)), F64(0)));
   }
 
-  /// Counts value(column, row) over the window: strips of lines fill tables of their own, which are then
-  /// added.
+  /// Counts value(column, row) over the window. Strips of lines fill tables of their own, and neighbours of a
+  /// line, which often fall into the same bin, different ones: an increment would wait for the one before.
   Func count(const std::string& name, const Target& target,
              const std::function<Expr(Expr, Expr)>& value) const {
-    Func index("index"), part("part"), histogram(name);
-    Var strip("strip"), i("i");
-    index(x, y) = bin(value(x, y), x, y);
-    Expr lines = (height + kStrips - 1) / kStrips;
-    RDom r(0, width, 0, lines, "r");
-    Expr row = strip * lines + r.y;
-    r.where(row < height);
-    part(i, strip) = 0;
-    part(clamp(index(start_x + r.x, start_y + min(row, height - 1)), 0, bins - 1), strip) += 1;
-    RDom strips(0, kStrips, "strips");
-    histogram(i) = 0;
-    histogram(i) += part(i, strips);
+    constexpr int kTables = 4;
+    Func column_bits("column_bits"), index("index"), part("part"), histogram(name);
+    Var strip("strip"), table("table"), i("i");
+    column_bits(x) = hash(x);
+    // The bits as the fraction of a float from 1 to 2.
+    Expr bits = (column_bits(x) ^ hash(~y)) >> 9;
+    Expr offset = reinterpret<float>(bits | Expr(uint32_t(0x3F800000))) * 2.0f - 3.0f;
+    index(x, y) = bin(value(x, y), offset);
 
-    index.compute_at(part, r.y).vectorize(x, target.natural_vector_size<float>(), TailStrategy::RoundUp);
-    part.compute_root().parallel(strip).update().reorder(r.x, r.y, strip).parallel(strip);
-    histogram.update().reorder(i, strips);
+    Expr lines = (height + kStrips - 1) / kStrips;
+    RDom r(0, kTables, 0, (width + kTables - 1) / kTables, 0, lines, "r");
+    Expr column = r.y * kTables + r.x, row = strip * lines + r.z;
+    r.where(likely(column < width) && row < height);
+    part(i, table, strip) = 0;
+    Expr at = index(start_x + min(likely(column), width - 1), start_y + min(row, height - 1));
+    part(unsafe_promise_clamped(at, 0, bins - 1), r.x, strip) += 1;
+    RDom parts(0, kTables, 0, kStrips, "parts");
+    histogram(i) = 0;
+    histogram(i) += part(i, parts.x, parts.y);
+
+    const int lanes = target.natural_vector_size<float>();
+    column_bits.compute_root().vectorize(x, lanes, TailStrategy::RoundUp);
+    index.compute_at(part, r.z).vectorize(x, lanes, TailStrategy::GuardWithIf);
+    part.compute_root().bound(table, 0, kTables).parallel(strip).vectorize(i, lanes, TailStrategy::RoundUp);
+    part.update().reorder(r.x, r.y, r.z, strip).unroll(r.x).parallel(strip);
+    histogram.vectorize(i, lanes, TailStrategy::GuardWithIf);
+    histogram.update().reorder(i, parts.x, parts.y).vectorize(i, lanes, TailStrategy::GuardWithIf);
     return histogram;
   }
 };
