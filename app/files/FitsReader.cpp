@@ -136,8 +136,10 @@ class FitsReader : public ImageReader {
       file_ = std::make_unique<File>(unpacked->Path(), O_RDWR, path);
       Unpack(path, *file_);
     }
+    const Hdu hdu = Select(options);
+    Describe(hdu);
     // An absolute name, lest CFITSIO takes a leading '~' or '-' for something special.
-    OpenHeader(unpacked ? unpacked->Path() : fs::absolute(path), options);
+    if (hdu.compressed) OpenCompressed(unpacked ? unpacked->Path() : fs::absolute(path));
   }
 
  protected:
@@ -162,125 +164,187 @@ class FitsReader : public ImageReader {
     if (status != 0) Fail(fmt::format("cannot {}: {}", doing, CfitsioText(status)));
   }
 
-  void OpenHeader(const fs::path& name, const ReadOptions& options) {
-    const std::lock_guard lock(g_cfitsio);
-    fits_clear_errmsg();
-    int status = 0;
-    fitsfile* opened = nullptr;
-    fits_open_diskfile(&opened, name.c_str(), READONLY, &status);
-    std::unique_ptr<fitsfile, CloseFits> fits(opened);
-    Check(status, "read the FITS header");
+  /// A header-data unit: what its header says about its data.
+  struct Hdu {
+    Header header;
+    bool image = false, compressed = false;
+    std::int64_t bitpix = 8;         // of the pixels, also of compressed ones
+    std::vector<std::int64_t> axes;  // likewise
+    std::uint64_t start = 0;         // of the data in the file
+    double bytes = 0;                // of the data; exact wherever a file can have them
+  };
 
-    const bool compressed = SelectHdu(fits.get(), options);
-    ReadCards(fits.get());
-    ReadGeometry(fits.get(), compressed);
-    if (compressed) compressed_ = std::move(fits);
+  static constexpr std::uint64_t kBlock = 2880;
+
+  /// The unit that begins at `offset`; none at the end of the file.
+  std::optional<Hdu> ReadHdu(std::uint64_t offset) const {
+    constexpr std::uint64_t kMostBlocks = 10000;
+    Hdu hdu;
+    for (std::uint64_t i = 0;; ++i) {
+      std::array<char, kBlock> block;
+      const std::size_t got = file_->Read(block.data(), kBlock, offset + i * kBlock);
+      if (i == 0 && offset > 0 && (got < kBlock || std::memcmp(block.data(), "XTENSION", 8) != 0))
+        return std::nullopt;
+      if (got < kBlock || i == kMostBlocks) Fail("not a FITS file, or damaged: no END in the header");
+      for (std::size_t at = 0; at < kBlock; at += 80) {
+        std::string card(block.data() + at, 80);
+        std::replace_if(
+            card.begin(), card.end(), [](unsigned char c) { return c < ' '; }, ' ');
+        if (card.starts_with("END     ")) {
+          hdu.start = offset + (i + 1) * kBlock;
+          Interpret(hdu, offset == 0);
+          return hdu;
+        }
+        hdu.header.cards.push_back(std::move(card));
+      }
+    }
   }
 
-  /// Goes to the wanted HDU, and tells if its image is tile-compressed.
-  bool SelectHdu(fitsfile* fits, const ReadOptions& options) {
+  std::int64_t Number(const Header& header, const std::string& key, std::int64_t least,
+                      std::int64_t most) const {
+    const std::optional<std::int64_t> value = header.GetInt(key);
+    if (value && *value >= least && *value <= most) return *value;
+    Fail(fmt::format("damaged header: {} = {}", key, header.GetString(key).value_or("(missing)")));
+  }
+
+  static std::int64_t Bytes(std::int64_t bitpix) { return std::abs(bitpix) / 8; }
+
+  void ReadAxes(const Header& header, const std::string& prefix, std::int64_t& bitpix,
+                std::vector<std::int64_t>& axes) const {
+    constexpr std::int64_t kMost = std::int64_t{1} << 53;
+    bitpix = Number(header, prefix + "BITPIX", -64, 64);
+    if (bitpix != 8 && bitpix != 16 && std::abs(bitpix) != 32 && std::abs(bitpix) != 64) {
+      Fail(fmt::format("damaged header: {}BITPIX = {}", prefix, bitpix));
+    }
+    axes.resize(static_cast<std::size_t>(Number(header, prefix + "NAXIS", 0, 999)));
+    for (std::size_t i = 0; i < axes.size(); ++i) {
+      axes[i] = Number(header, fmt::format("{}NAXIS{}", prefix, i + 1), 0, kMost);
+    }
+  }
+
+  void Interpret(Hdu& hdu, bool primary) const {
+    const Header& header = hdu.header;
+    if (primary && !header.GetString("SIMPLE")) Fail("not a FITS file, or damaged: no SIMPLE in the header");
+    ReadAxes(header, "", hdu.bitpix, hdu.axes);
+    const bool groups = !hdu.axes.empty() && hdu.axes[0] == 0 && header.GetString("GROUPS") == "T";
+    hdu.bytes = hdu.axes.empty() ? 0 : 1;
+    for (std::size_t i = groups ? 1 : 0; i < hdu.axes.size(); ++i)
+      hdu.bytes *= static_cast<double>(hdu.axes[i]);
+    hdu.bytes += static_cast<double>(header.GetInt("PCOUNT").value_or(0));
+    hdu.bytes *= static_cast<double>(header.GetInt("GCOUNT").value_or(1) * Bytes(hdu.bitpix));
+    if (!(hdu.bytes >= 0)) Fail(fmt::format("damaged header: {:.0f} bytes of data", hdu.bytes));
+    const std::string kind = header.GetString("XTENSION").value_or("IMAGE");
+    hdu.compressed = kind == "BINTABLE" && header.GetString("ZIMAGE") == "T";
+    hdu.image = primary || kind == "IMAGE" || hdu.compressed;
+    if (hdu.compressed) {
+      ReadAxes(header, "Z", hdu.bitpix, hdu.axes);
+      CheckPacking(header);
+    }
+  }
+
+  /// Parameters of the packing that CFITSIO divides by without looking.
+  void CheckPacking(const Header& header) const {
+    constexpr std::int64_t kMost = 1 << 28;
+    for (int i = 1; i <= 999; ++i) {
+      const std::string tile = fmt::format("ZTILE{}", i), value = fmt::format("ZVAL{}", i);
+      const std::optional<std::string> name = header.GetString(fmt::format("ZNAME{}", i));
+      if (header.GetString(tile)) Number(header, tile, 1, kMost);
+      if (name == "BLOCKSIZE") Number(header, value, 16, 32);
+      if (name == "BYTEPIX") Number(header, value, 1, 8);
+      if (!name && !header.GetString(tile)) return;
+    }
+  }
+
+  /// The wanted unit, or the first one that holds pixels.
+  Hdu Select(const ReadOptions& options) {
     int wanted = -1;
     const char* end = options.hdu.data() + options.hdu.size();
     const auto [last, error] = std::from_chars(options.hdu.data(), end, wanted);
     if (error != std::errc() || last != end) wanted = -1;
-    for (int hdu = 0;; ++hdu) {
-      int status = 0, type = 0, naxis = 0;
-      if (fits_movabs_hdu(fits, hdu + 1, &type, &status) == END_OF_FILE) {
-        fits_clear_errmsg();
-        if (options.hdu.empty()) Fail(fmt::format("no image in any of its {} header-data units", hdu));
-        Fail(fmt::format("no header-data unit '{}' among its {} (numbered from 0)", options.hdu, hdu));
+    std::uint64_t offset = 0;
+    for (int number = 0;; ++number) {
+      std::optional<Hdu> hdu = offset < file_->Size() ? ReadHdu(offset) : std::nullopt;
+      if (!hdu) {
+        if (options.hdu.empty()) Fail(fmt::format("no image in any of its {} header-data units", number));
+        Fail(fmt::format("no header-data unit '{}' among its {} (numbered from 0)", options.hdu, number));
       }
-      Check(status, fmt::format("read the header of HDU {}", hdu));
-      const bool compressed = type != IMAGE_HDU && fits_is_compressed_image(fits, &status) != 0;
-      const bool image = type == IMAGE_HDU || compressed;
-      char name[FLEN_VALUE] = "";
-      int absent = 0;
-      fits_read_key(fits, TSTRING, "EXTNAME", name, nullptr, &absent);
-      fits_clear_errmsg();
-      std::array<LONGLONG, kMaxAxes> axes{};
-      if (image) ReadAxes(fits, naxis, axes);
-      const bool pixels = image && naxis > 0 &&
-                          std::all_of(axes.begin(), axes.begin() + naxis, [](LONGLONG n) { return n != 0; });
-      if (options.hdu.empty() ? pixels : hdu == wanted || (wanted < 0 && SameName(name, options.hdu))) {
-        if (!pixels)
-          Fail(fmt::format("HDU {} is {}; name one that holds an image", hdu, image ? "empty" : "a table"));
-        info_.hdu = hdu;
-        info_.hduName = absent == 0 ? name : "";
-        return compressed;
+      std::string name = hdu->header.GetString("EXTNAME").value_or("");
+      const bool pixels =
+          hdu->image && !hdu->axes.empty() && std::count(hdu->axes.begin(), hdu->axes.end(), 0) == 0;
+      if (options.hdu.empty() ? pixels : number == wanted || (wanted < 0 && SameName(name, options.hdu))) {
+        if (!pixels) {
+          Fail(fmt::format("HDU {} is {}; name one that holds an image", number,
+                           hdu->image ? "empty" : "a table"));
+        }
+        info_.hdu = number;
+        info_.hduName = name != "COMPRESSED_IMAGE" ? name : "";
+        return std::move(*hdu);
       }
+      const double next = static_cast<double>(hdu->start) + hdu->bytes;
+      offset = next >= static_cast<double>(file_->Size())
+                   ? file_->Size()
+                   : (static_cast<std::uint64_t>(next) + kBlock - 1) / kBlock * kBlock;
     }
   }
 
-  static constexpr int kMaxAxes = 16;
-
-  int ReadAxes(fitsfile* fits, int& naxis, std::array<LONGLONG, kMaxAxes>& axes) {
-    int bitpix = 0, status = 0;
-    fits_get_img_paramll(fits, kMaxAxes, &bitpix, &naxis, axes.data(), &status);
-    Check(status, "read the size of the image");
-    if (naxis > kMaxAxes) Fail(fmt::format("an image of {} axes is not supported; 2 or 3 are", naxis));
-    return bitpix;
-  }
-
-  void ReadCards(fitsfile* fits) {
-    int status = 0, count = 0;
-    fits_get_hdrspace(fits, &count, nullptr, &status);
-    for (int i = 1; i <= count && status == 0; ++i) {
-      char card[FLEN_CARD];
-      fits_read_record(fits, i, card, &status);
-      std::string text = card;
-      text.resize(80, ' ');
-      info_.header.cards.push_back(std::move(text));
-    }
-    Check(status, "read the header cards");
-  }
-
-  void ReadGeometry(fitsfile* fits, bool compressed) {
-    int naxis = 0;
-    std::array<LONGLONG, kMaxAxes> axes{};
-    const int bitpix = ReadAxes(fits, naxis, axes);
-    if (naxis < 2)
+  /// Fills the public description, and checks that the file has all the pixels.
+  void Describe(const Hdu& hdu) {
+    const std::vector<std::int64_t>& axes = hdu.axes;
+    if (axes.size() < 2) {
       Fail(
           fmt::format("HDU {} has one axis of {} pixels; images of two axes are needed", info_.hdu, axes[0]));
+    }
     CheckSides(info_.path, axes[0], axes[1]);
     info_.width = static_cast<int>(axes[0]);
     info_.height = static_cast<int>(axes[1]);
-    for (int i = 2; i < naxis; ++i) {
+    for (std::size_t i = 2; i < axes.size(); ++i) {
       if (axes[i] == 1 || (i == 2 && axes[i] == 3)) continue;
       Fail(fmt::format("HDU {} has NAXIS{} = {}; images of 1 or 3 planes are supported", info_.hdu, i + 1,
                        axes[i]));
     }
-    info_.planes = naxis > 2 ? static_cast<int>(axes[2]) : 1;
+    info_.planes = axes.size() > 2 ? static_cast<int>(axes[2]) : 1;
 
-    const Header& header = info_.header;
-    info_.bscale = by_.scale = header.GetDouble("BSCALE").value_or(1);
-    info_.bzero = by_.zero = header.GetDouble("BZERO").value_or(0);
-    by_.blank = header.GetInt("BLANK");
-    bitpix_ = bitpix;
-    const auto unsignedAs = [&](const char* yes, const char* no, double zero) {
-      return by_.scale == 1 && by_.zero == zero ? yes : no;
-    };
-    info_.type = bitpix == 8     ? "uint8"
-                 : bitpix == 16  ? unsignedAs("uint16", "int16", 32768)
-                 : bitpix == 32  ? unsignedAs("uint32", "int32", 2147483648.0)
-                 : bitpix == 64  ? "int64"
-                 : bitpix == -32 ? "float32"
-                                 : "float64";
+    info_.header = hdu.header;
+    info_.bscale = by_.scale = hdu.header.GetDouble("BSCALE").value_or(1);
+    info_.bzero = by_.zero = hdu.header.GetDouble("BZERO").value_or(0);
+    by_.blank = hdu.header.GetInt("BLANK");
+    bitpix_ = static_cast<int>(hdu.bitpix);
+    start_ = hdu.start;
+    const auto unsignedIf = [&](double zero) { return by_.scale == 1 && by_.zero == zero ? "u" : ""; };
+    info_.type = bitpix_ == 8     ? "uint8"
+                 : bitpix_ == 16  ? unsignedIf(32768) + std::string("int16")
+                 : bitpix_ == 32  ? unsignedIf(2147483648.0) + std::string("int32")
+                 : bitpix_ == 64  ? "int64"
+                 : bitpix_ == -32 ? "float32"
+                                  : "float64";
 
-    LONGLONG start = 0;
-    int status = 0;
-    fits_get_hduaddrll(fits, nullptr, &start, nullptr, &status);
-    Check(status, "find the pixels");
-    start_ = static_cast<std::uint64_t>(start);
-    const double bytes =
-        compressed ? CompressedBytes()
-                   : static_cast<double>(info_.width) * info_.height * info_.planes * (std::abs(bitpix) / 8);
-    const double held = std::max(0.0, static_cast<double>(file_->Size()) - static_cast<double>(start));
+    const double bytes = hdu.compressed ? CompressedBytes()
+                                        : static_cast<double>(info_.width) * info_.height * info_.planes *
+                                              static_cast<double>(Bytes(bitpix_));
+    const double held = std::max(0.0, static_cast<double>(file_->Size()) - static_cast<double>(start_));
     if (bytes > held) {
       Fail(fmt::format(
           "truncated: {} x {} x {} {} pixels take {:.0f} bytes, the file holds {:.0f}; get the file again",
           info_.width, info_.height, info_.planes, info_.type, bytes, held));
     }
-    if (compressed) DropTableCards();
+  }
+
+  void OpenCompressed(const fs::path& name) {
+    const std::lock_guard lock(g_cfitsio);
+    fits_clear_errmsg();
+    int status = 0;
+    fitsfile* opened = nullptr;
+    fits_open_diskfile(&opened, name.c_str(), READONLY, &status);
+    compressed_.reset(opened);
+    fits_movabs_hdu(opened, info_.hdu + 1, nullptr, &status);
+    Check(status, "read the header of the compressed image");
+    CheckTiles(opened);
+    // Damaged tiles may lead CFITSIO astray; the sum that most packers leave tells them.
+    int dataAnswer = 0, headerAnswer = 0;
+    fits_verify_chksum(opened, &dataAnswer, &headerAnswer, &status);
+    Check(status, "sum up the compressed pixels");
+    if (dataAnswer < 0) Fail("damaged: the compressed pixels do not match their DATASUM; get the file again");
+    DropTableCards();
   }
 
   /// Bytes of the table that holds the tiles, after a check that the tiles cover the image and are of a sane
@@ -307,6 +371,27 @@ class FitsReader : public ImageReader {
                        kLargestTile));
     }
     return number("NAXIS1") * tiles + number("PCOUNT");
+  }
+
+  /// Compares what the tiles claim with the size of the heap they are in: CFITSIO would allocate it.
+  void CheckTiles(fitsfile* fits) {
+    const LONGLONG tiles = info_.header.GetInt("NAXIS2").value_or(0);
+    const LONGLONG heap = info_.header.GetInt("PCOUNT").value_or(0);
+    for (const char* name : {"COMPRESSED_DATA", "GZIP_COMPRESSED_DATA", "UNCOMPRESSED_DATA"}) {
+      std::string column = name;
+      int absent = 0, number = 0, status = 0;
+      if (fits_get_colnum(fits, CASEINSEN, column.data(), &number, &absent) != 0) continue;
+      for (LONGLONG i = 1; i <= tiles; ++i) {
+        LONGLONG length = 0, offset = 0;
+        fits_read_descriptll(fits, number, i, &length, &offset, &status);
+        Check(status, fmt::format("find tile {}", i));
+        if (length < 0 || offset < 0 || length > heap || offset > heap - length) {
+          Fail(fmt::format("damaged: tile {} of {} bytes at {} is outside its heap of {} bytes", i, length,
+                           offset, heap));
+        }
+      }
+    }
+    fits_clear_errmsg();
   }
 
   /// What describes the table around a compressed image says nothing of the image.
