@@ -312,8 +312,8 @@ class FitsReader : public ImageReader {
     start_ = hdu.start;
     const auto unsignedIf = [&](double zero) { return by_.scale == 1 && by_.zero == zero ? "u" : ""; };
     info_.type = bitpix_ == 8     ? "uint8"
-                 : bitpix_ == 16  ? unsignedIf(32768) + std::string("int16")
-                 : bitpix_ == 32  ? unsignedIf(2147483648.0) + std::string("int32")
+                 : bitpix_ == 16  ? fmt::format("{}int16", unsignedIf(32768))
+                 : bitpix_ == 32  ? fmt::format("{}int32", unsignedIf(2147483648.0))
                  : bitpix_ == 64  ? "int64"
                  : bitpix_ == -32 ? "float32"
                                   : "float64";
