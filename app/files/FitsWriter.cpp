@@ -33,7 +33,7 @@ std::string MakeHeader(const WriteOptions& options) {
     add("BSCALE", 1, "physical value = BZERO + BSCALE * stored value");
     add("BZERO", 32768, "unsigned 16-bit integers");
   }
-  for (const std::string& card : options.header.CardsForOutput())
+  for (const std::string& card : options.verbatim ? options.header.cards : options.header.CardsForOutput())
     text += card;
   text += "END";
   text.resize(WholeBlocks(text.size()), ' ');

@@ -101,6 +101,7 @@ struct WriteOptions {
   int planes = 1;                ///< 1 or 3
   std::string type = "float32";  ///< FITS and TIFF: float32 or uint16; PNG: uint8 or uint16
   Header header = {};            ///< FITS: cards to carry over (see Header::CardsForOutput)
+  bool verbatim = false;         ///< FITS: write the header's cards as they are, all of them
   bool overwrite = false;        ///< replace an existing file
 };
 
