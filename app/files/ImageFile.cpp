@@ -131,7 +131,7 @@ TransientFile::TransientFile(const fs::path& path) : path_(fs::absolute(path)), 
   for (std::size_t i = 0; i < g_slots.size(); ++i) {
     int expected = Slot::kFree;
     if (!g_slots[i].state.compare_exchange_strong(expected, Slot::kFilling)) continue;
-    std::strcpy(g_slots[i].name, path_.c_str());
+    std::memcpy(g_slots[i].name, path_.c_str(), path_.string().size() + 1);
     g_slots[i].state = Slot::kUsed;
     slot_ = static_cast<int>(i);
     return;

@@ -173,6 +173,7 @@ class PngReader : public ImageReader {
     if (!whole_.empty()) return;
     std::vector<png_byte> whole(RowBytes() * static_cast<std::size_t>(info_.height));
     std::vector<png_bytep> rows;
+    rows.reserve(static_cast<std::size_t>(info_.height));
     for (int y = 0; y < info_.height; ++y)
       rows.push_back(whole.data() + static_cast<std::size_t>(y) * RowBytes());
     Guard(pass_->png, info_.path, [&] { png_read_image(pass_->png, rows.data()); });

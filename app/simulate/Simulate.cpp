@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <omp.h>
 
+#include "app/files/Formats.h"
 #include "app/files/ImageFile.h"
 #include "app/simulate/Random.h"
 
@@ -159,6 +160,10 @@ class Session {
   }
 
   bool Write() {
+    if (fs::exists(TruthPath()) && !options_.overwrite) {
+      throw files::FileError(TruthPath(),
+                             "exists already; use --overwrite to replace the session, or another folder");
+    }
     const int total = options_.frames + 3 * calibrationFrames_;
     int done = 0;
     const struct {
@@ -190,6 +195,7 @@ class Session {
   }
 
  private:
+  fs::path TruthPath() const { return folder_ / "truth.json"; }
   std::size_t Pixels() const { return static_cast<std::size_t>(width_) * static_cast<std::size_t>(height_); }
   std::size_t Index(int x, int y) const {
     return static_cast<std::size_t>(y) * static_cast<std::size_t>(width_) + static_cast<std::size_t>(x);
@@ -200,7 +206,8 @@ class Session {
   /// 0 red, 1 green, 2 blue: the filter before a pixel.
   int Channel(int x, int y) const {
     if (options_.bayer.empty()) return 1;
-    const char letter = options_.bayer[static_cast<std::size_t>((y & 1) * 2 + (x & 1))];
+    const int place = (y & 1) * 2 + (x & 1);
+    const char letter = options_.bayer[static_cast<std::size_t>(place)];
     return letter == 'R' ? 0 : letter == 'G' ? 1 : 2;
   }
 
@@ -612,14 +619,12 @@ class Session {
     }
     truth["files"] = files_;
 
-    const fs::path path = folder_ / "truth.json";
-    if (fs::exists(path) && !options_.overwrite) {
-      throw files::FileError(path, "exists already; use --overwrite to replace it");
-    }
-    std::ofstream out(path);
+    files::TransientFile part(files::PartialName(TruthPath()));
+    std::ofstream out(part.Path());
     out << truth.dump(1) << '\n';
     out.close();
-    if (!out) throw files::FileError(path, "cannot be written; is the disk full?");
+    if (!out) throw files::FileError(TruthPath(), "cannot be written; is the disk full?");
+    part.RenameTo(TruthPath());
   }
 
   fs::path folder_;

@@ -1,6 +1,8 @@
 // FITS files of other makers: encodings that the writer never makes, and broken ones.
+#include <atomic>
 #include <cmath>
 #include <cstring>
+#include <thread>
 
 #include <fitsio.h>
 #include <zlib.h>
@@ -313,6 +315,24 @@ TEST_F(FitsReader, DamagedTilesAreErrorsOrPixels) {
       EXPECT_NE(error.find("damaged"), std::string::npos) << "byte " << at << ": " << error;
     }
   }
+}
+
+TEST_F(FitsReader, ReadersWorkInParallel) {
+  const std::string plain = ReadBytes(Make(SHORT_IMG, 3, 0, Nothing));
+  WriteBytes(In("gzip"), Gzip(plain));
+  Make(SHORT_IMG, 3, RICE_1, Nothing);
+  const Planes wanted = ReadAll(*ImageReader::Open(In("plain")), kHeight);
+  std::vector<std::thread> threads;
+  std::atomic<int> good = 0;
+  for (const char* name : {"plain", "gzip", "packed", "packed"}) {
+    threads.emplace_back([&, name] {
+      for (int i = 0; i < 20; ++i)
+        good += ReadAll(*ImageReader::Open(In(name)), 5) == wanted;
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(good, 80);
 }
 
 TEST_F(FitsReader, RealFiles) {

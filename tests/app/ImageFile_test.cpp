@@ -127,11 +127,11 @@ TEST_F(ImageFile, UnsupportedOutputsAreNamed) {
       {"folder.fits", good, "is a folder"},
   };
   std::filesystem::create_directory(In("folder.fits"));
-  for (const auto& [name, options, says] : cases) {
-    const std::string error = ErrorOf([&] { ImageWriter::Create(In(name), options); });
-    EXPECT_NE(error.find(says), std::string::npos) << name << ": " << error;
+  for (const auto& wrong : cases) {
+    const std::string error = ErrorOf([&] { ImageWriter::Create(In(wrong.name), wrong.options); });
+    EXPECT_NE(error.find(wrong.says), std::string::npos) << wrong.name << ": " << error;
     EXPECT_EQ(error.find('\n'), std::string::npos) << error;
-    EXPECT_TRUE(error.starts_with(In(name).string() + ": ")) << error;
+    EXPECT_TRUE(error.starts_with(In(wrong.name).string() + ": ")) << error;
   }
   EXPECT_EQ(Names().size(), 1u);
 }

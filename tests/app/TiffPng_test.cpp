@@ -210,11 +210,11 @@ TEST_F(TiffPng, BrokenFilesGiveOneCleanLine) {
       {"no directory", tiff.substr(0, 4) + std::string("\xff\xff\xff\x7f", 4) + tiff.substr(8), "TIFF"},
       {"YCbCr", ReadBytes(In("ycbcr.tif")), "photometric interpretation 6"},
   };
-  for (const auto& [name, bytes, says] : cases) {
-    WriteBytes(In(name), bytes);
-    const std::string error = ErrorOf([&] { ReadAll(*ImageReader::Open(In(name)), 16); });
-    EXPECT_TRUE(error.starts_with(In(name).string() + ": ")) << name << ": " << error;
-    EXPECT_NE(error.find(says), std::string::npos) << name << ": " << error;
+  for (const auto& broken : cases) {
+    WriteBytes(In(broken.name), broken.bytes);
+    const std::string error = ErrorOf([&] { ReadAll(*ImageReader::Open(In(broken.name)), 16); });
+    EXPECT_TRUE(error.starts_with(In(broken.name).string() + ": ")) << broken.name << ": " << error;
+    EXPECT_NE(error.find(broken.says), std::string::npos) << broken.name << ": " << error;
     EXPECT_EQ(error.find('\n'), std::string::npos) << error;
   }
   // Any flipped bit is an error or changes pixels, no more.
