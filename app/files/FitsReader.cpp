@@ -1,0 +1,469 @@
+// FITS files. CFITSIO reads headers and tile-compressed pixels; plain pixels are read and converted here,
+// which is several times faster than its general conversion.
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <type_traits>
+
+#include <fcntl.h>
+#include <fitsio.h>
+#include <fmt/format.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include "app/files/Formats.h"
+
+namespace korimg::files {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// CFITSIO keeps one stack of error messages for all threads: its calls take turns.
+std::recursive_mutex g_cfitsio;
+
+constexpr std::size_t kChunk = 32768;  // pixels that are read and converted at a time: they stay in the cache
+
+/// The status of CFITSIO and the messages it left, as one text. The stack is empty afterwards.
+std::string CfitsioText(int status) {
+  char text[FLEN_ERRMSG];
+  fits_get_errstatus(status, text);
+  std::string all = text;
+  while (fits_read_errmsg(text) != 0)
+    all += std::string("; ") + text;
+  return all;
+}
+
+struct CloseFits {
+  void operator()(fitsfile* file) const {
+    const std::lock_guard lock(g_cfitsio);
+    int status = 0;
+    fits_close_file(file, &status);
+  }
+};
+
+bool SameName(std::string_view a, std::string_view b) {
+  return a.size() == b.size() &&
+         std::equal(a.begin(), a.end(), b.begin(),
+                    [](unsigned char x, unsigned char y) { return std::toupper(x) == std::toupper(y); });
+}
+
+/// A new empty file for temporary data, named like korimg-XXXXXX.
+fs::path NewTemporary(const fs::path& shown) {
+  std::string name = (fs::temp_directory_path() / "korimg-XXXXXX").string();
+  const int descriptor = mkstemp(name.data());
+  if (descriptor < 0) ThrowSystemError(shown, "unpack it: no temporary file " + name, errno);
+  close(descriptor);
+  return name;
+}
+
+/// Unpacks a file made by gzip.
+void Unpack(const fs::path& packed, const File& target) {
+  const std::unique_ptr<gzFile_s, int (*)(gzFile)> in(gzopen(packed.c_str(), "rb"), gzclose);
+  if (!in) ThrowSystemError(packed, "open the file", errno);
+  std::vector<char> buffer(1 << 18);
+  for (std::uint64_t offset = 0;;) {
+    const int n = gzread(in.get(), buffer.data(), static_cast<unsigned>(buffer.size()));
+    int error = Z_OK;
+    const char* text = gzerror(in.get(), &error);
+    if (n < 0 || error != Z_OK) throw FileError(packed, fmt::format("damaged gzip file: {}", text));
+    if (offset == 0 && (n < 6 || std::memcmp(buffer.data(), "SIMPLE", 6) != 0)) {
+      throw FileError(packed, "the gzip file holds no FITS file; only FITS files may be packed");
+    }
+    if (n == 0) return;
+    target.Write(buffer.data(), static_cast<std::size_t>(n), offset);
+    offset += static_cast<std::uint64_t>(n);
+  }
+}
+
+template <typename T>
+T FromFile(const unsigned char* raw) {
+  using Bits = std::conditional_t<
+      sizeof(T) == 1, std::uint8_t,
+      std::conditional_t<sizeof(T) == 2, std::uint16_t,
+                         std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>>>;
+  Bits bits;
+  std::memcpy(&bits, raw, sizeof bits);
+  return std::bit_cast<T>(BigEndian(bits));
+}
+
+/// How stored values become physical ones.
+struct Scaling {
+  double scale = 1, zero = 0;
+  std::optional<std::int64_t> blank;
+};
+
+template <typename T>
+void Convert(const unsigned char* raw, std::size_t n, const Scaling& by, float* out) {
+  const bool smallShift = std::floor(by.zero) == by.zero && std::abs(by.zero) < 1 << 22;
+  if (by.scale == 1 && (sizeof(T) <= 2 ? smallShift : std::is_same_v<T, float> && by.zero == 0)) {
+    const auto zero = static_cast<float>(by.zero);  // every sum is exact
+    for (std::size_t i = 0; i < n; ++i)
+      out[i] = static_cast<float>(FromFile<T>(raw + i * sizeof(T))) + zero;
+  } else {
+    for (std::size_t i = 0; i < n; ++i) {
+      out[i] = static_cast<float>(by.zero + by.scale * static_cast<double>(FromFile<T>(raw + i * sizeof(T))));
+    }
+  }
+  if constexpr (std::is_integral_v<T>) {
+    for (std::size_t i = 0; by.blank && i < n; ++i) {
+      if (FromFile<T>(raw + i * sizeof(T)) == *by.blank) out[i] = std::numeric_limits<float>::quiet_NaN();
+    }
+  }
+}
+
+/// Floats without scaling are read to where they belong, and turned there.
+void SwapInPlace(float* values, std::size_t n) {
+  for (std::size_t i = 0; i < n; ++i)
+    values[i] = std::bit_cast<float>(BigEndian(std::bit_cast<std::uint32_t>(values[i])));
+}
+
+class FitsReader : public ImageReader {
+ public:
+  FitsReader(const fs::path& path, const ReadOptions& options) {
+    info_.path = path;
+    info_.format = "FITS";
+    file_ = std::make_unique<File>(path, O_RDONLY, path);
+    std::unique_ptr<TransientFile>
+        unpacked;  // its name is gone at the end of this, its content when it is closed
+    char start[2] = {};
+    file_->Read(start, 2, 0);
+    if (std::memcmp(start, "\x1f\x8b", 2) == 0) {
+      unpacked = std::make_unique<TransientFile>(NewTemporary(path));
+      file_ = std::make_unique<File>(unpacked->Path(), O_RDWR, path);
+      Unpack(path, *file_);
+    }
+    const Hdu hdu = Select(options);
+    Describe(hdu);
+    // An absolute name, lest CFITSIO takes a leading '~' or '-' for something special.
+    if (hdu.compressed) OpenCompressed(unpacked ? unpacked->Path() : fs::absolute(path));
+  }
+
+ protected:
+  void Read(int y0, int rows, float* const* planes) override {
+    const std::size_t count = static_cast<std::size_t>(rows) * static_cast<std::size_t>(info_.width);
+    for (int p = 0; p < info_.planes; ++p) {
+      const std::uint64_t first = (static_cast<std::uint64_t>(p) * static_cast<std::uint64_t>(info_.height) +
+                                   static_cast<std::uint64_t>(y0)) *
+                                  static_cast<std::uint64_t>(info_.width);
+      if (compressed_) {
+        ReadCompressed(first, count, planes[p]);
+      } else {
+        ReadPlain(first, count, planes[p]);
+      }
+    }
+  }
+
+ private:
+  [[noreturn]] void Fail(const std::string& text) const { throw FileError(info_.path, text); }
+
+  void Check(int status, std::string_view doing) const {
+    if (status != 0) Fail(fmt::format("cannot {}: {}", doing, CfitsioText(status)));
+  }
+
+  /// A header-data unit: what its header says about its data.
+  struct Hdu {
+    Header header;
+    bool image = false, compressed = false;
+    std::int64_t bitpix = 8;         // of the pixels, also of compressed ones
+    std::vector<std::int64_t> axes;  // likewise
+    std::uint64_t start = 0;         // of the data in the file
+    double bytes = 0;                // of the data; exact wherever a file can have them
+  };
+
+  static constexpr std::uint64_t kBlock = 2880;
+
+  /// The unit that begins at `offset`; none at the end of the file.
+  std::optional<Hdu> ReadHdu(std::uint64_t offset) const {
+    constexpr std::uint64_t kMostBlocks = 10000;
+    Hdu hdu;
+    for (std::uint64_t i = 0;; ++i) {
+      std::array<char, kBlock> block;
+      const std::size_t got = file_->Read(block.data(), kBlock, offset + i * kBlock);
+      if (i == 0 && offset > 0 && (got < kBlock || std::memcmp(block.data(), "XTENSION", 8) != 0))
+        return std::nullopt;
+      if (got < kBlock || i == kMostBlocks) Fail("not a FITS file, or damaged: no END in the header");
+      for (std::size_t at = 0; at < kBlock; at += 80) {
+        std::string card(block.data() + at, 80);
+        std::replace_if(
+            card.begin(), card.end(), [](unsigned char c) { return c < ' '; }, ' ');
+        if (card.starts_with("END     ")) {
+          hdu.start = offset + (i + 1) * kBlock;
+          Interpret(hdu, offset == 0);
+          return hdu;
+        }
+        hdu.header.cards.push_back(std::move(card));
+      }
+    }
+  }
+
+  std::int64_t Number(const Header& header, const std::string& key, std::int64_t least,
+                      std::int64_t most) const {
+    const std::optional<std::int64_t> value = header.GetInt(key);
+    if (value && *value >= least && *value <= most) return *value;
+    Fail(fmt::format("damaged header: {} = {}", key, header.GetString(key).value_or("(missing)")));
+  }
+
+  static std::int64_t Bytes(std::int64_t bitpix) { return std::abs(bitpix) / 8; }
+
+  void ReadAxes(const Header& header, const std::string& prefix, std::int64_t& bitpix,
+                std::vector<std::int64_t>& axes) const {
+    constexpr std::int64_t kMost = std::int64_t{1} << 53;
+    bitpix = Number(header, prefix + "BITPIX", -64, 64);
+    if (bitpix != 8 && bitpix != 16 && std::abs(bitpix) != 32 && std::abs(bitpix) != 64) {
+      Fail(fmt::format("damaged header: {}BITPIX = {}", prefix, bitpix));
+    }
+    axes.resize(static_cast<std::size_t>(Number(header, prefix + "NAXIS", 0, 999)));
+    for (std::size_t i = 0; i < axes.size(); ++i) {
+      axes[i] = Number(header, fmt::format("{}NAXIS{}", prefix, i + 1), 0, kMost);
+    }
+  }
+
+  void Interpret(Hdu& hdu, bool primary) const {
+    const Header& header = hdu.header;
+    if (primary && !header.GetString("SIMPLE")) Fail("not a FITS file, or damaged: no SIMPLE in the header");
+    ReadAxes(header, "", hdu.bitpix, hdu.axes);
+    const bool groups = !hdu.axes.empty() && hdu.axes[0] == 0 && header.GetString("GROUPS") == "T";
+    hdu.bytes = hdu.axes.empty() ? 0 : 1;
+    for (std::size_t i = groups ? 1 : 0; i < hdu.axes.size(); ++i)
+      hdu.bytes *= static_cast<double>(hdu.axes[i]);
+    hdu.bytes += static_cast<double>(header.GetInt("PCOUNT").value_or(0));
+    hdu.bytes *= static_cast<double>(header.GetInt("GCOUNT").value_or(1) * Bytes(hdu.bitpix));
+    if (!(hdu.bytes >= 0)) Fail(fmt::format("damaged header: {:.0f} bytes of data", hdu.bytes));
+    const std::string kind = header.GetString("XTENSION").value_or("IMAGE");
+    hdu.compressed = kind == "BINTABLE" && header.GetString("ZIMAGE") == "T";
+    hdu.image = primary || kind == "IMAGE" || hdu.compressed;
+    if (hdu.compressed) {
+      ReadAxes(header, "Z", hdu.bitpix, hdu.axes);
+      CheckPacking(header);
+    }
+  }
+
+  /// Parameters of the packing that CFITSIO divides by without looking.
+  void CheckPacking(const Header& header) const {
+    constexpr std::int64_t kMost = 1 << 28;
+    for (int i = 1; i <= 999; ++i) {
+      const std::string tile = fmt::format("ZTILE{}", i), value = fmt::format("ZVAL{}", i);
+      const std::optional<std::string> name = header.GetString(fmt::format("ZNAME{}", i));
+      if (header.GetString(tile)) Number(header, tile, 1, kMost);
+      if (name == "BLOCKSIZE") Number(header, value, 16, 32);
+      if (name == "BYTEPIX") Number(header, value, 1, 8);
+      if (!name && !header.GetString(tile)) return;
+    }
+  }
+
+  /// The wanted unit, or the first one that holds pixels.
+  Hdu Select(const ReadOptions& options) {
+    int wanted = -1;
+    const char* end = options.hdu.data() + options.hdu.size();
+    const auto [last, error] = std::from_chars(options.hdu.data(), end, wanted);
+    if (error != std::errc() || last != end) wanted = -1;
+    std::uint64_t offset = 0;
+    for (int number = 0;; ++number) {
+      std::optional<Hdu> hdu = offset < file_->Size() ? ReadHdu(offset) : std::nullopt;
+      if (!hdu) {
+        if (options.hdu.empty()) Fail(fmt::format("no image in any of its {} header-data units", number));
+        Fail(fmt::format("no header-data unit '{}' among its {} (numbered from 0)", options.hdu, number));
+      }
+      std::string name = hdu->header.GetString("EXTNAME").value_or("");
+      const bool pixels =
+          hdu->image && !hdu->axes.empty() && std::count(hdu->axes.begin(), hdu->axes.end(), 0) == 0;
+      if (options.hdu.empty() ? pixels : number == wanted || (wanted < 0 && SameName(name, options.hdu))) {
+        if (!pixels) {
+          Fail(fmt::format("HDU {} is {}; name one that holds an image", number,
+                           hdu->image ? "empty" : "a table"));
+        }
+        info_.hdu = number;
+        info_.hduName = name != "COMPRESSED_IMAGE" ? name : "";
+        return std::move(*hdu);
+      }
+      const double next = static_cast<double>(hdu->start) + hdu->bytes;
+      offset = next >= static_cast<double>(file_->Size())
+                   ? file_->Size()
+                   : (static_cast<std::uint64_t>(next) + kBlock - 1) / kBlock * kBlock;
+    }
+  }
+
+  /// Fills the public description, and checks that the file has all the pixels.
+  void Describe(const Hdu& hdu) {
+    const std::vector<std::int64_t>& axes = hdu.axes;
+    if (axes.size() < 2) {
+      Fail(
+          fmt::format("HDU {} has one axis of {} pixels; images of two axes are needed", info_.hdu, axes[0]));
+    }
+    CheckSides(info_.path, axes[0], axes[1]);
+    info_.width = static_cast<int>(axes[0]);
+    info_.height = static_cast<int>(axes[1]);
+    for (std::size_t i = 2; i < axes.size(); ++i) {
+      if (axes[i] == 1 || (i == 2 && axes[i] == 3)) continue;
+      Fail(fmt::format("HDU {} has NAXIS{} = {}; images of 1 or 3 planes are supported", info_.hdu, i + 1,
+                       axes[i]));
+    }
+    info_.planes = axes.size() > 2 ? static_cast<int>(axes[2]) : 1;
+
+    info_.header = hdu.header;
+    info_.bscale = by_.scale = hdu.header.GetDouble("BSCALE").value_or(1);
+    info_.bzero = by_.zero = hdu.header.GetDouble("BZERO").value_or(0);
+    by_.blank = hdu.header.GetInt("BLANK");
+    bitpix_ = static_cast<int>(hdu.bitpix);
+    start_ = hdu.start;
+    const auto unsignedIf = [&](double zero) { return by_.scale == 1 && by_.zero == zero ? "u" : ""; };
+    info_.type = bitpix_ == 8     ? "uint8"
+                 : bitpix_ == 16  ? fmt::format("{}int16", unsignedIf(32768))
+                 : bitpix_ == 32  ? fmt::format("{}int32", unsignedIf(2147483648.0))
+                 : bitpix_ == 64  ? "int64"
+                 : bitpix_ == -32 ? "float32"
+                                  : "float64";
+
+    const double bytes = hdu.compressed ? CompressedBytes()
+                                        : static_cast<double>(info_.width) * info_.height * info_.planes *
+                                              static_cast<double>(Bytes(bitpix_));
+    const double held = std::max(0.0, static_cast<double>(file_->Size()) - static_cast<double>(start_));
+    if (bytes > held) {
+      Fail(fmt::format(
+          "truncated: {} x {} x {} {} pixels take {:.0f} bytes, the file holds {:.0f}; get the file again",
+          info_.width, info_.height, info_.planes, info_.type, bytes, held));
+    }
+  }
+
+  void OpenCompressed(const fs::path& name) {
+    const std::lock_guard lock(g_cfitsio);
+    fits_clear_errmsg();
+    int status = 0;
+    fitsfile* opened = nullptr;
+    fits_open_diskfile(&opened, name.c_str(), READONLY, &status);
+    compressed_.reset(opened);
+    fits_movabs_hdu(opened, info_.hdu + 1, nullptr, &status);
+    Check(status, "read the header of the compressed image");
+    CheckTiles(opened);
+    // Damaged tiles may lead CFITSIO astray; the sum that most packers leave tells them.
+    int dataAnswer = 0, headerAnswer = 0;
+    fits_verify_chksum(opened, &dataAnswer, &headerAnswer, &status);
+    Check(status, "sum up the compressed pixels");
+    if (dataAnswer < 0) Fail("damaged: the compressed pixels do not match their DATASUM; get the file again");
+    DropTableCards();
+  }
+
+  /// Bytes of the table that holds the tiles, after a check that the tiles cover the image and are of a sane
+  /// size.
+  double CompressedBytes() {
+    constexpr double kLargestTile = 1 << 28;
+    double tiles = 1, pixels = 1;
+    const std::array<int, 3> sides = {info_.width, info_.height, info_.planes};
+    for (int i = 0; i < 3; ++i) {
+      const std::int64_t side = sides[static_cast<std::size_t>(i)];
+      const std::int64_t tile =
+          info_.header.GetInt(fmt::format("ZTILE{}", i + 1)).value_or(i == 0 ? side : 1);
+      if (tile < 1) Fail(fmt::format("damaged: ZTILE{} = {}", i + 1, tile));
+      tiles *= std::ceil(static_cast<double>(side) / static_cast<double>(tile));
+      pixels *= static_cast<double>(std::min(side, tile));
+    }
+    const auto number = [&](const char* key) { return info_.header.GetDouble(key).value_or(0); };
+    if (number("NAXIS2") != tiles) {
+      Fail(fmt::format("damaged: {:.0f} compressed tiles where {:.0f} make the image", number("NAXIS2"),
+                       tiles));
+    }
+    if (pixels > kLargestTile) {
+      Fail(fmt::format("compressed in tiles of {:.0f} pixels; up to {:.0f} are supported", pixels,
+                       kLargestTile));
+    }
+    return number("NAXIS1") * tiles + number("PCOUNT");
+  }
+
+  /// Compares what the tiles claim with the size of the heap they are in: CFITSIO would allocate it.
+  void CheckTiles(fitsfile* fits) {
+    const LONGLONG tiles = info_.header.GetInt("NAXIS2").value_or(0);
+    const LONGLONG heap = info_.header.GetInt("PCOUNT").value_or(0);
+    for (const char* name : {"COMPRESSED_DATA", "GZIP_COMPRESSED_DATA", "UNCOMPRESSED_DATA"}) {
+      std::string column = name;
+      int absent = 0, number = 0, status = 0;
+      if (fits_get_colnum(fits, CASEINSEN, column.data(), &number, &absent) != 0) continue;
+      for (LONGLONG i = 1; i <= tiles; ++i) {
+        LONGLONG length = 0, offset = 0;
+        fits_read_descriptll(fits, number, i, &length, &offset, &status);
+        Check(status, fmt::format("find tile {}", i));
+        if (length < 0 || offset < 0 || length > heap || offset > heap - length) {
+          Fail(fmt::format("damaged: tile {} of {} bytes at {} is outside its heap of {} bytes", i, length,
+                           offset, heap));
+        }
+      }
+    }
+    fits_clear_errmsg();
+  }
+
+  /// What describes the table around a compressed image says nothing of the image.
+  void DropTableCards() {
+    std::erase_if(info_.header.cards, [](const std::string& card) {
+      constexpr std::array kColumn = {"TTYPE", "TFORM", "TUNIT", "TSCAL", "TZERO", "TNULL", "TDIM", "TDISP"};
+      const std::string_view name(card.data(), std::min<std::size_t>(card.find(' '), 8));
+      if (name == "TFIELDS" || name == "THEAP" || card.starts_with("EXTNAME = 'COMPRESSED_IMAGE'"))
+        return true;
+      return std::any_of(kColumn.begin(), kColumn.end(), [&](std::string_view stem) {
+        return name.starts_with(stem) && name.size() > stem.size() &&
+               name.find_first_not_of("0123456789", stem.size()) == name.npos;
+      });
+    });
+  }
+
+  void ReadPlain(std::uint64_t first, std::size_t count, float* out) {
+    const auto size = static_cast<std::size_t>(std::abs(bitpix_) / 8);
+    const bool direct = bitpix_ == -32 && by_.scale == 1 && by_.zero == 0;
+    if (!direct) buffer_.resize(kChunk * size);
+    for (std::size_t done = 0; done < count;) {
+      const std::size_t n = std::min(kChunk, count - done);
+      void* raw = direct ? static_cast<void*>(out + done) : buffer_.data();
+      if (file_->Read(raw, n * size, start_ + (first + done) * size) != n * size) {
+        Fail("truncated while it was read; get the file again");
+      }
+      switch (bitpix_) {
+        case 8:
+          Convert<std::uint8_t>(buffer_.data(), n, by_, out + done);
+          break;
+        case 16:
+          Convert<std::int16_t>(buffer_.data(), n, by_, out + done);
+          break;
+        case 32:
+          Convert<std::int32_t>(buffer_.data(), n, by_, out + done);
+          break;
+        case 64:
+          Convert<std::int64_t>(buffer_.data(), n, by_, out + done);
+          break;
+        case -32:
+          direct ? SwapInPlace(out + done, n) : Convert<float>(buffer_.data(), n, by_, out + done);
+          break;
+        default:
+          Convert<double>(buffer_.data(), n, by_, out + done);
+          break;
+      }
+      done += n;
+    }
+  }
+
+  void ReadCompressed(std::uint64_t first, std::size_t count, float* out) {
+    const std::lock_guard lock(g_cfitsio);
+    fits_clear_errmsg();
+    float blank = std::numeric_limits<float>::quiet_NaN();
+    int status = 0;
+    fits_read_img(compressed_.get(), TFLOAT, static_cast<LONGLONG>(first) + 1, static_cast<LONGLONG>(count),
+                  &blank, out, nullptr, &status);
+    Check(status, "unpack the pixels");
+  }
+
+  std::unique_ptr<File> file_;
+  std::unique_ptr<fitsfile, CloseFits> compressed_;  // open only for tile-compressed images
+  std::uint64_t start_ = 0;                          // of the pixels in the file
+  int bitpix_ = 0;
+  Scaling by_;
+  std::vector<unsigned char> buffer_;
+};
+
+}  // namespace
+
+std::unique_ptr<ImageReader> OpenFits(const fs::path& path, const ReadOptions& options) {
+  return std::make_unique<FitsReader>(path, options);
+}
+
+}  // namespace korimg::files

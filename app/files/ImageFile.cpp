@@ -1,0 +1,247 @@
+#include "app/files/ImageFile.h"
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include "app/files/Formats.h"
+
+namespace korimg::files {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string OneLine(std::string text) {
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < ' ' || c == 127) c = ' ';
+  }
+  return text;
+}
+
+/// Names of the unfinished files, in storage that a signal handler can read.
+struct Slot {
+  enum State { kFree, kFilling, kUsed };
+  std::atomic<int> state{kFree};
+  char name[PATH_MAX];
+};
+std::array<Slot, 64> g_slots;
+
+std::string LowerExtension(const fs::path& path) {
+  std::string extension = path.extension().string();
+  for (char& c : extension) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return extension;
+}
+
+void CheckRows(const fs::path& path, int y0, int rows, int height) {
+  if (y0 < 0 || rows < 0 || rows > height - y0) {
+    throw std::out_of_range(
+        OneLine(fmt::format("{}: rows {} to {} are outside the image of {} rows", path.string(), y0,
+                            static_cast<std::int64_t>(y0) + rows - 1, height)));
+  }
+}
+
+}  // namespace
+
+FileError::FileError(const fs::path& path, std::string_view what)
+    : std::runtime_error(OneLine(fmt::format("{}: {}", path.string(), what))) {}
+
+void ThrowSystemError(const fs::path& path, std::string_view doing, int error) {
+  throw FileError(path, fmt::format("cannot {}: {}", doing, std::strerror(error)));
+}
+
+void ThrowDiskFull(const fs::path& path, const fs::path& folder, std::uint64_t needed) {
+  throw FileError(path,
+                  fmt::format("no room in folder {}: {} bytes needed, {} available; free some space or write "
+                              "elsewhere",
+                              folder.string(), needed, FreeSpace(folder)));
+}
+
+std::uint64_t FreeSpace(const fs::path& folder) {
+  struct statvfs state;
+  if (statvfs(folder.c_str(), &state) != 0) return std::numeric_limits<std::uint64_t>::max();
+  return static_cast<std::uint64_t>(state.f_bavail) * state.f_frsize;
+}
+
+void CheckSides(const fs::path& path, std::int64_t width, std::int64_t height) {
+  if (width < 1 || height < 1 || width > kMaxSide || height > kMaxSide) {
+    throw FileError(path, fmt::format("an image of {} x {} pixels is not supported; sides of 1 to {} are",
+                                      width, height, kMaxSide));
+  }
+}
+
+File::File(const fs::path& path, int flags, const fs::path& shown)
+    : path_(path), shown_(shown), descriptor_(open(path.c_str(), flags | O_CLOEXEC, 0666)) {
+  if (descriptor_ < 0) ThrowSystemError(shown, flags & O_CREAT ? "create the file" : "open the file", errno);
+}
+
+File::~File() {
+  close(descriptor_);
+}
+
+std::uint64_t File::Size() const {
+  struct stat state;
+  if (fstat(descriptor_, &state) != 0) ThrowSystemError(shown_, "find the size", errno);
+  return static_cast<std::uint64_t>(state.st_size);
+}
+
+std::size_t File::Read(void* data, std::size_t size, std::uint64_t offset) const {
+  std::size_t done = 0;
+  while (done < size) {
+    const ssize_t n =
+        pread(descriptor_, static_cast<char*>(data) + done, size - done, static_cast<off_t>(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) ThrowSystemError(shown_, "read", errno);
+    if (n == 0) break;
+    done += static_cast<std::size_t>(n);
+  }
+  return done;
+}
+
+void File::Write(const void* data, std::size_t size, std::uint64_t offset) const {
+  std::size_t done = 0;
+  while (done < size) {
+    const ssize_t n = pwrite(descriptor_, static_cast<const char*>(data) + done, size - done,
+                             static_cast<off_t>(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG))
+      ThrowDiskFull(shown_, fs::absolute(path_).parent_path(), size - done);
+    if (n < 0) ThrowSystemError(shown_, "write", errno);
+    done += static_cast<std::size_t>(n);
+  }
+}
+
+fs::path PartialName(const fs::path& path) {
+  return path.string() + ".part";
+}
+
+TransientFile::TransientFile(const fs::path& path) : path_(fs::absolute(path)), slot_(-1) {
+  // Beyond the last slot, or with a name that is too long, only a signal leaves the file behind.
+  if (path_.string().size() >= sizeof Slot::name) return;
+  for (std::size_t i = 0; i < g_slots.size(); ++i) {
+    int expected = Slot::kFree;
+    if (!g_slots[i].state.compare_exchange_strong(expected, Slot::kFilling)) continue;
+    std::memcpy(g_slots[i].name, path_.c_str(), path_.string().size() + 1);
+    g_slots[i].state = Slot::kUsed;
+    slot_ = static_cast<int>(i);
+    return;
+  }
+}
+
+TransientFile::~TransientFile() {
+  if (path_.empty()) return;
+  unlink(path_.c_str());
+  Forget();
+}
+
+void TransientFile::RenameTo(const fs::path& target) {
+  if (rename(path_.c_str(), target.c_str()) != 0) {
+    ThrowSystemError(target, "rename " + path_.string() + " to it", errno);
+  }
+  Forget();
+  path_.clear();
+}
+
+void TransientFile::Forget() {
+  if (slot_ >= 0) g_slots[static_cast<std::size_t>(slot_)].state = Slot::kFree;
+}
+
+void RemovePartialFiles() noexcept {
+  for (Slot& slot : g_slots) {
+    if (slot.state == Slot::kUsed) unlink(slot.name);
+  }
+}
+
+std::unique_ptr<ImageReader> ImageReader::Open(const fs::path& path, const ReadOptions& options) {
+  unsigned char start[8] = {};
+  {
+    const File file(path, O_RDONLY, path);
+    struct stat state;
+    if (fstat(file.Descriptor(), &state) != 0) ThrowSystemError(path, "look at the file", errno);
+    if (!S_ISREG(state.st_mode)) throw FileError(path, "not a regular file; name an image file");
+    if (file.Read(start, sizeof start, 0) == 0) throw FileError(path, "the file is empty (0 bytes)");
+  }
+  const auto startsWith = [&](std::string_view magic) {
+    return std::memcmp(start, magic.data(), magic.size()) == 0;
+  };
+  using namespace std::string_view_literals;
+  if (startsWith("SIMPLE"sv) || startsWith("\x1f\x8b"sv)) return OpenFits(path, options);
+  if (startsWith("\x89PNG\r\n\x1a\n"sv)) return OpenPng(path);
+  if (startsWith("II\x2a\0"sv) || startsWith("MM\0\x2a"sv) || startsWith("II\x2b\0"sv) ||
+      startsWith("MM\0\x2b"sv)) {
+    return OpenTiff(path);
+  }
+  if (startsWith("BZh"sv) || startsWith("PK\3\4"sv) || startsWith("\x1f\x9d"sv) ||
+      startsWith("\xfd\x37zXZ"sv)) {
+    throw FileError(path, "packed by a program other than gzip; unpack it first");
+  }
+  throw FileError(path, "neither FITS, TIFF nor PNG by its first bytes; convert it to one of them");
+}
+
+void ImageReader::ReadRows(int y0, int rows, float* const* planes) {
+  CheckRows(info_.path, y0, rows, info_.height);
+  if (rows > 0) Read(y0, rows, planes);
+}
+
+std::unique_ptr<ImageWriter> ImageWriter::Create(const fs::path& path, const WriteOptions& options) {
+  CheckSides(path, options.width, options.height);
+  if (options.planes != 1 && options.planes != 3) {
+    throw FileError(path, fmt::format("cannot write {} planes; 1 and 3 are supported", options.planes));
+  }
+  const std::string extension = LowerExtension(path);
+  const bool fits = extension == ".fits" || extension == ".fit" || extension == ".fts";
+  const bool tiff = extension == ".tif" || extension == ".tiff";
+  const bool png = extension == ".png";
+  if (!fits && !tiff && !png) {
+    throw FileError(
+        path, fmt::format("cannot tell the format from the extension '{}'; supported are .fits .fit .fts "
+                          ".tif .tiff .png",
+                          extension));
+  }
+  if (options.type != "uint16" && options.type != (png ? "uint8" : "float32")) {
+    throw FileError(path, fmt::format("cannot write {} pixels to {}; supported are {} and uint16",
+                                      options.type, extension, png ? "uint8" : "float32"));
+  }
+  std::error_code error;
+  const fs::file_status status = fs::symlink_status(path, error);
+  if (fs::exists(status) && fs::is_directory(fs::status(path, error)))
+    throw FileError(path, "is a folder; name a file");
+  if (fs::exists(status) && !options.overwrite) {
+    throw FileError(path, "exists already; use --overwrite to replace it, or another name");
+  }
+  return fits ? CreateFits(path, options) : tiff ? CreateTiff(path, options) : CreatePng(path, options);
+}
+
+ImageWriter::ImageWriter(const fs::path& path, const WriteOptions& options, bool anyOrder)
+    : path_(path), options_(options), anyOrder_(anyOrder) {}
+
+void ImageWriter::WriteRows(int y0, int rows, const float* const* planes) {
+  CheckRows(path_, y0, rows, options_.height);
+  if (!anyOrder_ && y0 != rowsWritten_) {
+    throw std::out_of_range(
+        OneLine(fmt::format("{}: row {} was given where row {} is next; this format wants the rows "
+                            "in order",
+                            path_.string(), y0, rowsWritten_)));
+  }
+  if (rows > 0) Write(y0, rows, planes);
+  rowsWritten_ += rows;
+}
+
+void ImageWriter::Commit() {
+  if (rowsWritten_ < options_.height) {
+    throw FileError(path_, fmt::format("only {} of {} rows were written", rowsWritten_, options_.height));
+  }
+  Finish();
+}
+
+}  // namespace korimg::files

@@ -1,0 +1,146 @@
+// Image files of the tool: FITS, TIFF and PNG, read and written by bands of rows.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace korimg::files {
+
+/// Whatever goes wrong with a file. The text is one line, "<path>: <what is wrong and what to do>".
+class FileError : public std::runtime_error {
+ public:
+  FileError(const std::filesystem::path& path, std::string_view what);
+};
+
+/// The cards of a FITS header in their order, kept as they were read: duplicates, HIERARCH, CONTINUE, COMMENT
+/// and HISTORY included. Names longer than 8 characters mean HIERARCH cards ("ESO DET DIT").
+struct Header {
+  std::vector<std::string> cards;  ///< 80 characters each, without END
+
+  /// The value of the first card of that name. Strings come without quotes and trailing blanks, long ones
+  /// joined over their CONTINUE cards; other values as written. None: no such card, or a card without a
+  /// value.
+  std::optional<std::string> GetString(std::string_view key) const;
+  /// The value as a number; a number written as a string ('060.00') counts, other text does not.
+  std::optional<double> GetDouble(std::string_view key) const;
+  /// The value as a whole number; "40." and '40' count, 40.5 does not.
+  std::optional<std::int64_t> GetInt(std::string_view key) const;
+
+  /// Gives the first card of that name a new value and comment in its place, or appends a card; later cards
+  /// of the same name go. Characters that FITS does not allow become '?'. An empty comment keeps none.
+  void Set(std::string_view key, std::string_view value, std::string_view comment = {});
+  void Set(std::string_view key, const char* value, std::string_view comment = {});
+  void Set(std::string_view key, double value, std::string_view comment = {});
+  void Set(std::string_view key, std::int64_t value, std::string_view comment = {});
+  void Set(std::string_view key, int value, std::string_view comment = {});
+  /// Removes all cards of that name with their continuations.
+  void Remove(std::string_view key);
+  /// Appends text as HISTORY, 72 characters a card, broken at blanks where there are any.
+  void AddHistory(std::string_view text);
+
+  /// The cards that belong into a file made from this one: without those that describe the layout, scaling,
+  /// compression, checksums and extremes of the source's pixels; SWMODIFY and DATE set; ROWORDER 'TOP-DOWN'
+  /// added where the source says nothing, as rows are stored as they are. Everything else is verbatim.
+  std::vector<std::string> CardsForOutput() const;
+};
+
+/// What a file says about its image.
+struct ImageInfo {
+  std::filesystem::path path;
+  std::string format;         ///< "FITS", "TIFF" or "PNG"
+  int width = 0, height = 0;  ///< pixels
+  int planes = 1;             ///< 1, or 3 for red, green, blue
+  std::string type;           ///< of the stored pixels: uint8 int16 uint16 int32 uint32 int64 float32 float64
+  double bscale = 1, bzero = 0;  ///< FITS: physical value = bzero + bscale * stored value
+  int hdu = 0;                   ///< FITS: number of the header-data unit, 0 = primary
+  std::string hduName;           ///< FITS: EXTNAME, if any
+  Header header;                 ///< FITS only
+};
+
+struct ReadOptions {
+  std::string hdu;  ///< FITS: number (0 = primary) or EXTNAME; empty: the first image that has pixels
+};
+
+/// Largest width and height that readers and writers accept; checked before any arithmetic with them.
+constexpr int kMaxSide = 1'000'000;
+
+/// An image open for reading. Memory use is a few rows, whatever the size of the image; exceptions are the
+/// strips or tiles of a compressed TIFF or FITS file, and interlaced PNG. Readers of different files may work
+/// in different threads.
+class ImageReader {
+ public:
+  /// Opens a file by its content, not by its name. FITS may be packed by gzip (it is unpacked to a temporary
+  /// file) or tile-compressed; TIFF and PNG may be gray or colour, further channels are left out.
+  /// @throws FileError if the file is unreadable, damaged, shorter than its header says, or of an unsupported
+  /// kind.
+  static std::unique_ptr<ImageReader> Open(const std::filesystem::path& path,
+                                           const ReadOptions& options = {});
+  virtual ~ImageReader() = default;
+
+  const ImageInfo& Info() const { return info_; }
+
+  /// Reads rows y0 to y0 + rows - 1 of all planes as physical values; planes[p] takes rows * width floats.
+  /// Rows count from the first stored one. Blank pixels are NaN. Any order of y0 is allowed; upwards is
+  /// fastest.
+  /// @throws FileError on damaged data, std::out_of_range if the rows are not inside the image.
+  void ReadRows(int y0, int rows, float* const* planes);
+
+ protected:
+  virtual void Read(int y0, int rows, float* const* planes) = 0;
+  ImageInfo info_;
+};
+
+struct WriteOptions {
+  int width = 0, height = 0;     ///< pixels
+  int planes = 1;                ///< 1 or 3
+  std::string type = "float32";  ///< FITS and TIFF: float32 or uint16; PNG: uint8 or uint16
+  Header header = {};            ///< FITS: cards to carry over (see Header::CardsForOutput)
+  bool verbatim = false;         ///< FITS: write the header's cards as they are, all of them
+  bool overwrite = false;        ///< replace an existing file
+};
+
+/// An image being written: to "<name>.part" beside the final name, which it takes in Commit(). Without
+/// Commit() the destructor removes it.
+class ImageWriter {
+ public:
+  /// The format follows the extension, in any case: .fits .fit .fts, .tif .tiff, .png.
+  /// @throws FileError on another extension or type, an existing file without `overwrite`, a disk without
+  /// space.
+  static std::unique_ptr<ImageWriter> Create(const std::filesystem::path& path, const WriteOptions& options);
+  virtual ~ImageWriter() = default;
+
+  /// Writes rows y0 to y0 + rows - 1; planes[p] holds rows * width floats. Integer types take the nearest
+  /// whole number, clamped to their range, and 0 for NaN. TIFF and PNG want the rows in order, FITS takes
+  /// any.
+  /// @throws FileError when the disk is full, std::out_of_range if the rows are outside the image or out of
+  /// order.
+  void WriteRows(int y0, int rows, const float* const* planes);
+
+  /// Completes the file and gives it its final name.
+  /// @throws FileError if rows are missing or the disk is full.
+  void Commit();
+
+ protected:
+  explicit ImageWriter(const std::filesystem::path& path, const WriteOptions& options, bool anyOrder);
+  virtual void Write(int y0, int rows, const float* const* planes) = 0;
+  virtual void Finish() = 0;
+
+  std::filesystem::path path_;
+  WriteOptions options_;
+
+ private:
+  bool anyOrder_;
+  std::int64_t rowsWritten_ = 0;
+};
+
+/// Removes the unfinished files of all writers. Calls nothing but unlink(): made for handlers of SIGINT and
+/// SIGTERM.
+void RemovePartialFiles() noexcept;
+
+}  // namespace korimg::files
