@@ -1,7 +1,10 @@
 #include "korimg/levels/CImgAutoLevel.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <cstdint>
+#include <functional>
 
 #include "korimg/image/Frame.h"
 #include "korimg/image/Numbers.h"
@@ -272,6 +275,54 @@ double UpperMiddle(std::vector<double>& numbers) {
   return *middle;
 }
 
+/// A number that sorts as the float does, with NaN last.
+std::uint32_t SortKey(float value) {
+  if (std::isnan(value)) return ~0u;
+  const auto bits = std::bit_cast<std::uint32_t>(value);
+  return bits >> 31 ? ~bits : bits | 1u << 31;
+}
+
+float FromSortKey(std::uint32_t key) {
+  return std::bit_cast<float>(key >> 31 ? key & ~(1u << 31) : ~key);
+}
+
+/// The same for the pixels themselves, without a copy of them: counted by the upper halves of their keys, and
+/// then by the lower halves of those that share the middle's upper one.
+float UpperMiddleOfPixels(CVelImage& image, int plane, Window const& window) {
+  constexpr int kHalf = 16, kStrips = 16;
+  const auto count = [&](auto&& add) {
+    std::vector<long long> counts(1 << kHalf);
+    for (auto const& strip : MapLines(0, kStrips, [&](int i) {
+           std::vector<int> table(1 << kHalf);
+           const long long height = window.Height();
+           for (auto y = height * i / kStrips; y < height * (i + 1) / kStrips; ++y) {
+             float const* line = image.GetLine(window.left, window.top + static_cast<int>(y), plane);
+             for (int x = 0; x < window.Width(); ++x) {
+               add(table, SortKey(line[x]));
+             }
+           }
+           return table;
+         })) {
+      std::transform(strip.begin(), strip.end(), counts.begin(), counts.begin(), std::plus<>());
+    }
+    return counts;
+  };
+  long long rank = window.Pixels() / 2;
+  const auto find = [&rank](std::vector<long long> const& counts) {
+    std::uint32_t half = 0;
+    for (; rank >= counts[half]; ++half) {
+      rank -= counts[half];
+    }
+    return half;
+  };
+  const std::uint32_t upper =
+      find(count([](std::vector<int>& table, std::uint32_t key) { ++table[key >> kHalf]; }));
+  const std::uint32_t lower = find(count([upper](std::vector<int>& table, std::uint32_t key) {
+    if (key >> kHalf == upper) ++table[key & ((1u << kHalf) - 1)];
+  }));
+  return FromSortKey(upper << kHalf | lower);
+}
+
 }  // namespace
 
 void CImgAutoLevel::DoByNormal(double lowRate, double highRate, int separate, CRect* rect) {
@@ -393,8 +444,13 @@ void CImgAutoLevel::GetMedian(float* result, int sample, int brightness, int pla
   if (window.IsEmpty()) return;
   const int step = sample ? BlockSide(window.Pixels(), window.Width(), window.Height()) : 1;
   const int across = window.Width() / step, down = window.Height() / step;
+  const bool ofBrightness = brightness && IsColor();
+  if (step == 1 && !ofBrightness) {
+    *result = UpperMiddleOfPixels(*this, plane, window);
+    return;
+  }
   std::vector<double> sums;
-  if (brightness && IsColor()) {
+  if (ofBrightness) {
     sums = BlockSums(window.left, window.top, across, down, step, RawBrightness(*this));
   } else if (MayRunPipelines(*this)) {
     sums.resize(static_cast<size_t>(across) * down);
