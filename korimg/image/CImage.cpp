@@ -68,28 +68,34 @@ struct Extremes {
   }
 };
 
-/// The same for a line of floats: independent lanes, which the compiler turns into vectors.
+/// The same for a line of floats, by vectors. The compiler's own ones for plain loops take twice the time.
 Extremes ExtremesOf(float const* line, int width) {
-  constexpr int kLanes = 16;
+  using Floats = float __attribute__((vector_size(16)));
+  using Doubles = double __attribute__((vector_size(32)));
+  constexpr int kFloats = 4, kVectors = 4, kStep = kVectors * kFloats;
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
-  float low[kLanes], high[kLanes];
-  double sum[kLanes] = {};
-  int count[kLanes] = {};
-  std::fill_n(low, kLanes, kInfinity);
-  std::fill_n(high, kLanes, -kInfinity);
-  int x = 0;
-  for (; x + kLanes <= width; x += kLanes) {
-    for (int k = 0; k < kLanes; ++k) {
-      const float v = line[x + k];
+  Floats low[kVectors], high[kVectors];
+  Doubles sum[kVectors] = {};
+  std::fill_n(low, kVectors, Floats{} + kInfinity);
+  std::fill_n(high, kVectors, Floats{} - kInfinity);
+  const int whole = width - width % kStep;
+  for (int x = 0; x < whole; x += kStep) {
+    for (int k = 0; k < kVectors; ++k) {
+      const auto v = Load<Floats>(reinterpret_cast<unsigned char const*>(line + x + k * kFloats));
       low[k] = v < low[k] ? v : low[k];
       high[k] = v > high[k] ? v : high[k];
-      sum[k] += v == v ? v : 0.0f;
-      count[k] += v == v;
+      sum[k] += __builtin_convertvector(v, Doubles);
     }
   }
   Extremes all;
-  for (int k = 0; k < kLanes; ++k) {
-    all.Add({low[k], high[k], sum[k], count[k]});
+  for (int lane = 0; lane < kStep; ++lane) {
+    const int k = lane / kFloats, j = lane % kFloats;
+    all.Add({low[k][j], high[k][j], sum[k][j], whole / kStep});
+  }
+  int x = whole;
+  if (std::isnan(all.sum)) {  // a NaN, or infinities of both signs: the line again, one by one
+    all = {};
+    x = 0;
   }
   for (; x < width; ++x) {
     all.Add(line[x]);
