@@ -6,7 +6,7 @@ find_library(HALIDE_LIBRARY NAMES Halide14 Halide REQUIRED)
 
 function(korimg_compile_options target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wno-missing-field-initializers
-                                           -Wno-restrict) # the last: false alarms of g++ 12 on strings
+                                           -Wno-restrict -Wno-stringop-overflow) # the last two: false alarms of g++ 12 on strings
   if(KORIMG_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${KORIMG_SANITIZE} -fno-omit-frame-pointer
                                              -fno-sanitize-recover=all)

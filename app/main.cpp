@@ -1,0 +1,67 @@
+// The korimg tool: reads the command line and runs one verb.
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "korimg/platform/CException.h"
+
+#include "app/files/ImageFile.h"
+#include "app/tool/Tool.h"
+#include "app/verbs/Verbs.h"
+
+using namespace korimg;
+using namespace korimg::tool;
+
+namespace {
+
+/// The words of the call, quoted where a shell would need it.
+std::string CommandLine(int argc, char** argv) {
+  std::string line = "korimg";
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    const bool plain = !word.empty() && word.find_first_of(" '\"*?[]()$&;|<>\\") == std::string::npos;
+    line += plain ? " " + word : " '" + word + "'";
+  }
+  return line;
+}
+
+int Run(int argc, char** argv, Tool& tool) {
+  CLI::App app("Image processing for astronomy: from raw camera frames to a picture.", "korimg");
+  app.set_help_all_flag("--help-all", "Help of all verbs");
+  AddVersion(app, tool);
+  for (const auto add : {AddInfo, AddOps, AddApply, AddRender, AddSimulate}) {
+    add(app, tool);
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    const int code = app.exit(error);
+    return code == 0 ? kDone : kBadUsage;
+  }
+  return tool.exitCode;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CatchSignals();
+  Tool tool;
+  tool.commandLine = CommandLine(argc, argv);
+  try {
+    return Run(argc, argv, tool);
+  } catch (const Cancelled&) {
+    files::RemovePartialFiles();
+    tool.console.Error("cancelled; nothing unfinished was left behind");
+    return kCancelled;
+  } catch (const UsageError& error) {
+    tool.console.Error(error.what());
+    return kBadUsage;
+  } catch (CMemoryException* error) {
+    error->Delete();
+    tool.console.Error("out of memory; lower --memory, so that large images go to temporary files");
+  } catch (const std::bad_alloc&) {
+    tool.console.Error("out of memory; lower --memory, so that large images go to temporary files");
+  } catch (const std::exception& error) {
+    tool.console.Error(error.what());
+  }
+  return kFailed;
+}

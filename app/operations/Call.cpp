@@ -1,0 +1,163 @@
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <sstream>
+
+#include <fmt/format.h>
+
+#include "app/operations/Operations.h"
+#include "app/tool/Images.h"
+
+namespace korimg::tool {
+namespace {
+
+std::optional<double> ToNumber(const std::string& text) {
+  double value = 0;
+  const char* start = text.c_str() + (text.starts_with('+') ? 1 : 0);
+  const auto [end, error] = std::from_chars(start, text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size() || text.empty()) return std::nullopt;
+  return value;
+}
+
+std::vector<std::string> Split(const std::string& text) {
+  std::vector<std::string> parts;
+  std::istringstream in(text);
+  for (std::string part; std::getline(in, part, ',');) {
+    parts.push_back(part);
+  }
+  return parts;
+}
+
+/// How many letters must change to get from one name to the other.
+size_t Distance(const std::string& a, const std::string& b) {
+  std::vector<size_t> row(b.size() + 1);
+  for (size_t j = 0; j <= b.size(); ++j) {
+    row[j] = j;
+  }
+  for (size_t i = 1; i <= a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      const size_t change = diagonal + (a[i - 1] != b[j - 1]);
+      diagonal = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, change});
+    }
+  }
+  return row[b.size()];
+}
+
+}  // namespace
+
+const Operation& FindOperation(const std::string& name) {
+  const Operation* nearest = nullptr;
+  for (const Operation& operation : Operations()) {
+    if (operation.name == name) return operation;
+    if (!nearest || Distance(name, operation.name) < Distance(name, nearest->name)) nearest = &operation;
+  }
+  throw UsageError(fmt::format("there is no operation '{}'; did you mean '{}'? `korimg ops` lists them all",
+                               name, nearest->name));
+}
+
+std::string Step::Text() const {
+  std::string text = operation->name;
+  for (const auto& [name, value] : values) {
+    text += " " + name + "=" + value;
+  }
+  return text;
+}
+
+void CheckValue(const Operation& operation, const Parameter& parameter, const std::string& value) {
+  const auto refuse = [&](const std::string& wanted) {
+    throw UsageError(
+        fmt::format("{}: {}={} is not possible; {}", operation.name, parameter.name, value, wanted));
+  };
+  if (parameter.kind == ParameterKind::File) return;
+  if (parameter.kind == ParameterKind::Choice) {
+    if (std::find(parameter.choices.begin(), parameter.choices.end(), value) == parameter.choices.end()) {
+      refuse(fmt::format("write one of {}", fmt::join(parameter.choices, ", ")));
+    }
+    return;
+  }
+  const std::vector<std::string> parts =
+      parameter.kind == ParameterKind::PerPlane ? Split(value) : std::vector<std::string>{value};
+  if (parts.empty() || parts.size() > 3 || parts.size() == 2)
+    refuse("write one number, or three with commas between");
+  for (const std::string& part : parts) {
+    const auto number = ToNumber(part);
+    if (!number) refuse("write a number");
+    const bool whole = parameter.kind == ParameterKind::Integer || parameter.kind == ParameterKind::Flag;
+    if (whole && *number != std::floor(*number)) refuse("write a whole number");
+    // The negation refuses NaN too.
+    if (!(*number >= parameter.low && *number <= parameter.high)) {
+      refuse(fmt::format("the range is {} to {}", parameter.low, parameter.high));
+    }
+  }
+}
+
+bool Call::Has(const std::string& name) const {
+  return !Text(name).empty();
+}
+
+const std::string& Call::Text(const std::string& name) const {
+  if (const auto given = step_.values.find(name); given != step_.values.end()) return given->second;
+  const auto& parameters = step_.operation->parameters;
+  return std::find_if(parameters.begin(), parameters.end(),
+                      [&](const Parameter& p) { return p.name == name; })
+      ->defaultValue;
+}
+
+double Call::Number(const std::string& name) const {
+  return *ToNumber(Text(name));
+}
+
+int Call::Integer(const std::string& name) const {
+  return static_cast<int>(Number(name));
+}
+
+int Call::Choice(const std::string& name) const {
+  const auto& parameters = step_.operation->parameters;
+  const auto parameter =
+      std::find_if(parameters.begin(), parameters.end(), [&](const Parameter& p) { return p.name == name; });
+  return static_cast<int>(std::find(parameter->choices.begin(), parameter->choices.end(), Text(name)) -
+                          parameter->choices.begin());
+}
+
+std::vector<float> Call::PerPlane(const std::string& name) const {
+  std::vector<float> values;
+  for (const std::string& part : Split(Text(name))) {
+    values.push_back(static_cast<float>(*ToNumber(part)));
+  }
+  values.resize(std::max(image->GetPlanes(), 3), values.back());
+  return values;
+}
+
+std::unique_ptr<CVelImage> Call::File(const std::string& name, bool sameSize) const {
+  const std::filesystem::path path = Text(name);
+  auto loaded = LoadImage(tool, image->VmManager(), path);
+  const CVelImage& other = *loaded.image;
+  if (sameSize && (other.GetWidth() != image->GetWidth() || other.GetHeight() != image->GetHeight())) {
+    throw files::FileError(
+        path, fmt::format("is {} x {}, but the image is {} x {}; {} wants the same size", other.GetWidth(),
+                          other.GetHeight(), image->GetWidth(), image->GetHeight(), step_.operation->name));
+  }
+  if (sameSize && other.IsColor() && other.GetPlanes() < image->GetPlanes()) {
+    throw files::FileError(
+        path, fmt::format("has {} planes, but the image has {}", other.GetPlanes(), image->GetPlanes()));
+  }
+  return std::move(loaded.image);
+}
+
+HWND Call::Window() const {
+  return tool.console.OperationWindow(step_.operation->name);
+}
+
+void Call::Prepare(CVelImage& target) const {
+  if (!rect) {
+    if (!target.Create(*image, nullptr)) throw velora::CVmMemoryAllocationError("no room for the result");
+  } else if (!target.CopyImage(*image, nullptr, nullptr)) {
+    throw velora::CVmMemoryAllocationError("no room for the result");
+  }
+  target.SetProgressHandle(Window());
+}
+
+}  // namespace korimg::tool

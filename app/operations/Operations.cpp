@@ -1,0 +1,356 @@
+#include "app/operations/Operations.h"
+
+#include <fmt/format.h>
+
+#include "korimg/calibration/CImgDark.h"
+#include "korimg/image/CImgBright.h"
+#include "korimg/image/CImgCalculation.h"
+#include "korimg/image/CImgCutOff.h"
+#include "korimg/image/CImgInvert.h"
+#include "korimg/levels/CImgAutoLevel.h"
+
+#include "app/files/ImageFile.h"
+
+namespace korimg::tool {
+namespace {
+
+using Kind = ParameterKind;
+
+constexpr int kShow = 1;
+
+void Invert(Call& call) {
+  auto target = call.NewTarget<CImgInvert>();
+  target->Do(call.image.get(), call.rect, kShow);
+  call.image = std::move(target);
+}
+
+void Bright(Call& call) {
+  auto target = call.NewTarget<CImgBright>();
+  target->Do(call.PerPlane("bright").data(), call.PerPlane("contrast").data(), call.Number("average"),
+             call.image.get(), call.rect, kShow);
+  call.image = std::move(target);
+}
+
+void Calculate(Call& call) {
+  constexpr int kDivide = 3;
+  const double value = call.Number("value");
+  const int op = call.Choice("op");
+  if (op == kDivide && value == 0) throw UsageError("calculate: division by 0; give another value");
+  auto target = call.NewTarget<CImgCalculation>();
+  target->Do(value, op, call.Integer("cut-minus"), call.image.get(), call.rect, kShow);
+  call.image = std::move(target);
+}
+
+void CutOff(Call& call) {
+  auto target = call.NewTarget<CImgCutOff>();
+  const double low = call.Has("low") ? call.Number("low") : call.image->GetLevelMin(0);
+  const double high = call.Has("high") ? call.Number("high") : call.image->GetLevelMax(0);
+  target->Do(call.image.get(), static_cast<float>(low), static_cast<float>(high), call.rect, kShow);
+  call.image = std::move(target);
+}
+
+void Threshold(Call& call) {
+  constexpr void (CVelImage::*kConditions[])(int, float, float) = {
+      &CVelImage::ThresholdEqual, &CVelImage::ThresholdNotEqual, &CVelImage::ThresholdGreaterThan,
+      &CVelImage::ThresholdLessThan, &CVelImage::ThresholdLessThanEqual};
+  (call.image.get()->*kConditions[call.Choice("condition")])(call.Integer("plane"),
+                                                             static_cast<float>(call.Number("threshold")),
+                                                             static_cast<float>(call.Number("value")));
+}
+
+void CutToLevels(Call& call) {
+  call.image->CutOutOfLevel();
+}
+
+void RebaseToZero(Call& call) {
+  call.image->CutOutOfZeroLevel();
+}
+
+void LiftUp(Call& call) {
+  call.image->LiftUp(call.Integer("lines"));
+}
+
+void Paste(Call& call) {
+  const auto other = call.File("file");
+  if (other->GetPlanes() < call.image->GetPlanes()) {
+    throw UsageError("paste: the file has fewer planes than the image; change it by to-colour first");
+  }
+  call.image->Paste(other.get(), call.rect);
+}
+
+void Blit(Call& call) {
+  const auto other = call.File("file", false);
+  if (other->GetPlanes() != call.image->GetPlanes()) {
+    throw UsageError(
+        fmt::format("blit: the file has {} planes and the image {}; change one by to-colour or to-gray",
+                    other->GetPlanes(), call.image->GetPlanes()));
+  }
+  call.image->PixelBlt(call.Integer("x"), call.Integer("y"), call.Integer("width"), call.Integer("height"),
+                       other.get(), call.Integer("from-x"), call.Integer("from-y"),
+                       call.Integer("convert-level"));
+}
+
+/// The image becomes the result of a change between mono and colour.
+void ChangeColour(Call& call, int (CVelImage::*change)(CVelImage*, int)) {
+  auto target = call.NewTarget<CVelImage>();
+  if (!(target.get()->*change)(call.image.get(), kShow)) {
+    throw velora::CVmMemoryAllocationError("no room for the result");
+  }
+  call.image = std::move(target);
+}
+
+void ToGray(Call& call) {
+  if (call.image->IsColor()) ChangeColour(call, &CVelImage::ToGray);
+}
+
+void ToColour(Call& call) {
+  ChangeColour(call, &CVelImage::ToColor);
+}
+
+void Level(Call& call) {
+  const auto low = call.PerPlane("min"), high = call.PerPlane("max");
+  for (int p = 0; p < call.image->GetPlanes(); ++p) {
+    if (!(high[p] > low[p])) throw UsageError("level: max must be above min");
+    call.image->SetLevel(p, low[p], high[p]);
+  }
+  call.image->SetOwnLevel(true);
+}
+
+void AutoLevel(Call& call) {
+  CImgAutoLevel levels;
+  levels.Swap(call.image.get());
+  levels.SetProgressHandle(call.Window());
+  const double low = call.Number("low"), high = call.Number("high");
+  const int separate = call.Integer("separate");
+  switch (call.Choice("method")) {
+    case 0:
+      levels.DoByNormal(low, high, separate, call.rect);
+      break;
+    case 1:
+      levels.DoByMean(low, high, separate, call.rect);
+      break;
+    case 2:
+      levels.DoByMedian(low, high, separate, call.rect);
+      break;
+    default:
+      if (low + high == 0) throw UsageError("auto-level: low + high must not be 0 for the method histogram");
+      levels.DoByHistogram(low, high, separate, call.Integer("mode"), call.rect);
+  }
+  levels.Swap(call.image.get());
+  call.image->SetOwnLevel(true);
+}
+
+void Dark(Call& call) {
+  call.image->DarkClbrtn(call.File("file").get(), kShow);
+}
+
+void Flat(Call& call) {
+  const auto flat = call.File("file");
+  if (call.Number("gamma") > 0) {
+    call.image->FlatClbrtn(flat.get(), static_cast<float>(call.Number("offset")), call.Number("gamma"),
+                           kShow);
+  } else {
+    call.image->FlatClbrtn(flat.get(), static_cast<CRect*>(nullptr), kShow);
+  }
+}
+
+void DarkFlat(Call& call) {
+  if (!call.Has("dark") && !call.Has("flat")) throw UsageError("dark-flat: give a dark, a flat or both");
+  const auto dark = call.Has("dark") ? call.File("dark") : nullptr;
+  const auto flat = call.Has("flat") ? call.File("flat") : nullptr;
+  float minima[3] = {}, maxima[3] = {}, averages[3] = {};
+  for (int p = 0; flat && p < flat->GetPlanes(); ++p) {
+    const auto [min, max] = flat->GetMinMax(p);
+    minima[p] = static_cast<float>(min);
+    maxima[p] = static_cast<float>(max);
+    averages[p] = flat->GetAvrGrayRaw(p);
+  }
+  const int done =
+      call.image->DarkFlat(call.image.get(), dark.get(), flat.get(), minima, maxima, averages,
+                           static_cast<float>(call.Number("offset")), call.Number("gamma"), call.rect, kShow);
+  if (done < 0) throw UsageError("dark-flat: a plane of the flat is constant; take another flat");
+}
+
+void SynthesizeDark(Call& call) {
+  const auto second = call.File("file");
+  if (second->GetPlanes() < call.image->GetPlanes()) {
+    throw UsageError("synthesize-dark: the second dark has fewer planes than the first");
+  }
+  const auto n = [&](const char* name) { return call.Number(name); };
+  const int method = call.Choice("method");
+  if ((method < 2 && n("a1") == n("a2")) || (method == 0 && n("b1") == n("b2")) ||
+      (method == 1 && n("step") == 0)) {
+    throw UsageError("synthesize-dark: a1 and a2, and b1 and b2, must differ, and step must not be 0");
+  }
+  if (method == 2 && n("score1") == n("score2"))
+    throw UsageError("synthesize-dark: score1 and score2 must differ");
+  CImgDark dark;
+  dark.Swap(call.image.get());
+  dark.SetProgressHandle(call.Window());
+  switch (method) {
+    case 0:
+      dark.DoInterpolateByProportion(second.get(), n("a1"), n("a2"), n("a"), n("b1"), n("b2"), n("b"), kShow);
+      break;
+    case 1:
+      dark.DoInterpolateByPower(second.get(), n("a1"), n("a2"), n("a"), n("b1"), n("b2"), n("b"), n("step"),
+                                kShow);
+      break;
+    default:
+      dark.DoInterpolateByScore(second.get(), n("score"), n("score1"), n("score2"), kShow);
+  }
+  dark.Swap(call.image.get());
+}
+
+Parameter File(const std::string& name, const std::string& help) {
+  return {name, Kind::File, "", "", 0, 0, {}, help};
+}
+
+Parameter Number(const std::string& name, const std::string& unit, const std::string& value,
+                 const std::string& help, double low = -1e30, double high = 1e30) {
+  return {name, Kind::Number, unit, value, low, high, {}, help};
+}
+
+Parameter PerPlane(const std::string& name, const std::string& unit, const std::string& value, double low,
+                   double high, const std::string& help) {
+  return {name, Kind::PerPlane, unit, value, low, high, {}, help};
+}
+
+Parameter Integer(const std::string& name, const std::string& unit, const std::string& value, double low,
+                  double high, const std::string& help) {
+  return {name, Kind::Integer, unit, value, low, high, {}, help};
+}
+
+Parameter Flag(const std::string& name, const std::string& value, const std::string& help) {
+  return {name, Kind::Flag, "", value, 0, 1, {}, help};
+}
+
+Parameter Choice(const std::string& name, const std::vector<std::string>& choices, const std::string& help) {
+  return {name, Kind::Choice, "", choices[0], 0, 0, choices, help};
+}
+
+/// A parameter that may be left out though it has no default.
+Parameter Optional(Parameter parameter) {
+  parameter.optional = true;
+  return parameter;
+}
+
+}  // namespace
+
+const std::vector<Operation>& Operations() {
+  constexpr double kFar = 1e6;  // pixels
+  static const std::vector<Operation> table = {
+      {"auto-level",
+       "sets black and white by the image's own pixels; no pixel changes",
+       {Choice("method", {"normal", "mean", "median", "histogram"},
+               "percentiles; mean or median with deviations; or the peak of the histogram"),
+        Number("low", "", "0.001", "normal: share of pixels below black; else deviations below the middle",
+               -1e6, 1e6),
+        Number("high", "", "0.999", "normal: share of pixels below white; else deviations above the middle",
+               -1e6, 1e6),
+        Flag("separate", "0", "1: each plane by itself; 0: all planes move together by brightness"),
+        Integer("mode", "", "0", 0, 2,
+                "histogram: 0 shifts planes to one peak, 1 keeps one black, 2 shifts levels")},
+       true,
+       AutoLevel},
+      {"blit",
+       "copies a window of another image to a place in this one",
+       {File("file", "the other image"),
+        Integer("x", "pixels", "0", 0, kFar, "column that the window goes to"),
+        Integer("y", "pixels", "0", 0, kFar, "row that the window goes to"),
+        Integer("width", "pixels", "1000000", 0, kFar, "of the window, cut to both images"),
+        Integer("height", "pixels", "1000000", 0, kFar, "of the window, cut to both images"),
+        Integer("from-x", "pixels", "0", 0, kFar, "the window's first column in the other image"),
+        Integer("from-y", "pixels", "0", 0, kFar, "the window's first row in the other image"),
+        Flag("convert-level", "0", "1: carry values over from the other image's levels to this one's")},
+       false,
+       Blit},
+      {"bright",
+       "brightness and contrast on the 0-255 scale of the levels",
+       {PerPlane("bright", "0-255", "0", -1e6, 1e6, "added to each pixel"),
+        PerPlane("contrast", "1/256", "0", -1e6, 1e6, "256 doubles the distance from the average"),
+        Number("average", "0-255", "127.5", "what contrast turns about", -1e6, 1e6)},
+       true,
+       Bright},
+      {"calculate",
+       "arithmetic with a number, on raw values",
+       {Choice("op", {"add", "subtract", "multiply", "divide"}, "what to do with the value"),
+        Number("value", "raw", "", "the number"),
+        Flag("cut-minus", "0", "1: negative results of subtract become 0")},
+       true,
+       Calculate},
+      {"cut-off",
+       "replaces pixels at or beyond the levels",
+       {Optional(Number("low", "raw", "", "for pixels at or below black; black when not given")),
+        Optional(Number("high", "raw", "", "for pixels at or above white; white when not given"))},
+       true,
+       CutOff},
+      {"cut-to-levels", "limits each pixel to black and white", {}, false, CutToLevels},
+      {"dark", "subtracts a dark frame, limited at 0", {File("file", "the dark frame")}, false, Dark},
+      {"dark-flat",
+       "subtracts a dark, limited at 0, and divides by a flat",
+       {Optional(File("dark", "the dark frame")), Optional(File("flat", "the flat frame")),
+        Number("gamma", "", "0", "curve of the flat; 0 takes it as it is", 0, 100),
+        Number("offset", "", "0", "share of the flat's mean that is added to the divisor", -1, 100)},
+       true,
+       DarkFlat},
+      {"flat",
+       "divides by a flat frame and multiplies by its mean",
+       {File("file", "the flat frame"),
+        Number("gamma", "", "0", "curve of the flat; 0 takes it as it is", 0, 100),
+        Number("offset", "", "0", "with a gamma: share of the flat's mean that is added to the divisor", -1,
+               100)},
+       false,
+       Flat,
+       std::nullopt},
+      {"invert", "turns the image over: black becomes white", {}, true, Invert},
+      {"level",
+       "sets black and white; no pixel changes",
+       {PerPlane("min", "raw", "", -1e30, 1e30, "shown as black"),
+        PerPlane("max", "raw", "", -1e30, 1e30, "shown as white")},
+       false,
+       Level},
+      {"lift-up",
+       "moves the image up",
+       {Integer("lines", "pixels", "", 0, kFar, "by so many rows")},
+       false,
+       LiftUp,
+       std::nullopt},
+      {"paste",
+       "copies a window of another image of the same size",
+       {File("file", "the other image")},
+       true,
+       Paste},
+      {"rebase-to-zero",
+       "moves black to 0, cuts what is below, and gives all planes one range",
+       {},
+       false,
+       RebaseToZero},
+      {"synthesize-dark",
+       "makes a dark for other conditions out of this one and a second",
+       {File("file", "the second dark"),
+        Choice("method", {"proportion", "power", "score"},
+               "linear in both quantities; powers of 2 in b; by a score"),
+        Number("a1", "", "0", "first quantity (such as temperature) of this dark"),
+        Number("a2", "", "1", "of the second"), Number("a", "", "0.5", "of the dark wanted"),
+        Number("b1", "", "0", "second quantity (such as exposure) of this dark"),
+        Number("b2", "", "1", "of the second"), Number("b", "", "0", "of the dark wanted"),
+        Number("step", "", "1", "power: what doubles the signal"),
+        Number("score1", "", "0", "score of this dark"), Number("score2", "", "1", "of the second"),
+        Number("score", "", "0.5", "of the dark wanted")},
+       false,
+       SynthesizeDark},
+      {"threshold",
+       "replaces pixels by a condition",
+       {Choice("condition", {"equal", "not-equal", "greater", "less", "less-or-equal"},
+               "against the threshold"),
+        Number("threshold", "raw", "", "what pixels are compared with"),
+        Number("value", "raw", "0", "what they become"), Integer("plane", "", "-1", -1, 2, "-1: all planes")},
+       false,
+       Threshold},
+      {"to-colour", "makes three planes of one", {}, false, ToColour},
+      {"to-gray", "makes one plane of luminance", {}, false, ToGray},
+  };
+  return table;
+}
+
+}  // namespace korimg::tool

@@ -1,0 +1,86 @@
+#include "app/tool/Tool.h"
+
+#include <charconv>
+#include <cstdlib>
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include "korimg/pipelines/runtime/Runtime.h"
+#include "korimg/platform/CParallel.h"
+#include "korimg/platform/Debug.h"
+
+#include "app/files/ImageFile.h"
+
+namespace korimg::tool {
+
+long long ParseSize(const std::string& text) {
+  double number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  std::string unit(end, text.data() + text.size());
+  if (!unit.empty() && (unit.back() == 'B' || unit.back() == 'b')) unit.pop_back();
+  if (!unit.empty() && unit.back() == 'i') unit.pop_back();
+  const std::string units = "KMGT";
+  const size_t power = unit.empty() ? 0 : units.find(static_cast<char>(std::toupper(unit[0]))) + 1;
+  if (error != std::errc() || !(number > 0) || unit.size() > 1 || (!unit.empty() && power == 0) ||
+      number > 1e15) {
+    throw UsageError(
+        fmt::format("'{}' is no size: write a number of bytes, or one with K, M, G or T, as in 512M", text));
+  }
+  for (size_t i = 0; i < power; ++i) {
+    number *= 1024;
+  }
+  return static_cast<long long>(number);
+}
+
+void Tool::Begin() {
+  if (options.threads > 0) {
+    CParallel::SetMaxThreads(options.threads);
+    SetPipelineThreads(options.threads);
+  }
+  console.SetUp(options.quiet, options.json);
+  if (options.verbose) {
+    SetDebugSink([](const std::wstring& line) { fmt::print(stderr, "korimg: {}\n", Narrow(line)); });
+  }
+}
+
+long long Tool::Memory() const {
+  if (options.memory > 0) return options.memory;
+  return static_cast<long long>(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE) / 2;
+}
+
+std::shared_ptr<CVmManager> Tool::MakeStore(const std::string& kind) const {
+  StoreOptions store;
+  store.budget = Memory();
+  if (kind == "contiguous") return CreateContiguousManager(store);
+  // A pool of at least 16 blocks, however small the budget is.
+  store.blockSize = std::min<long long>(store.blockSize, std::max(store.budget / 16, 4096LL));
+  return CreatePagedManager(store);
+}
+
+void Tool::ForEachFile(const std::vector<std::filesystem::path>& files,
+                       const std::function<void(const std::filesystem::path&)>& work) {
+  for (const std::filesystem::path& file : files) {
+    console.CheckCancelled();
+    try {
+      work(file);
+    } catch (const Cancelled&) {
+      throw;
+    } catch (const UsageError&) {
+      throw;
+    } catch (const files::FileError& error) {
+      console.Error(error.what());
+      exitCode = kFailed;
+    } catch (const std::exception& error) {
+      console.Error(fmt::format("{}: {}", file.string(), error.what()));
+      exitCode = kFailed;
+    }
+  }
+}
+
+void Tool::CheckOutput(const std::filesystem::path& path) const {
+  if (options.overwrite || !std::filesystem::exists(path)) return;
+  throw files::FileError(path, "exists already; choose another name or use --overwrite");
+}
+
+}  // namespace korimg::tool

@@ -1,0 +1,219 @@
+// korimg apply: operations of the table on one image, one after the other. korimg ops: the table.
+#include <algorithm>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "korimg/pipelines/runtime/Runtime.h"
+
+#include "app/operations/Operations.h"
+#include "app/tool/Images.h"
+#include "app/verbs/Verbs.h"
+
+namespace korimg::tool {
+namespace {
+
+struct ApplyOptions {
+  std::vector<std::string> words;
+  std::string output, rect, store = "contiguous", bits = "float", hdu;
+};
+
+struct Plan {
+  std::vector<Step> steps;
+  std::string input;
+};
+
+/// Reads "NAME [parameter=value]... [then NAME ...]... INPUT".
+Plan ParsePlan(const std::vector<std::string>& words) {
+  Plan plan;
+  bool wantsName = true;
+  for (const std::string& word : words) {
+    if (wantsName) {
+      plan.steps.push_back({&FindOperation(word), {}});
+      wantsName = false;
+      continue;
+    }
+    if (word == "then") {
+      wantsName = true;
+      continue;
+    }
+    const size_t equals = word.find('=');
+    const Operation& operation = *plan.steps.back().operation;
+    const auto& parameters = operation.parameters;
+    const std::string name = word.substr(0, equals);
+    const auto parameter = std::find_if(parameters.begin(), parameters.end(),
+                                        [&](const Parameter& p) { return p.name == name; });
+    if (equals != std::string::npos && parameter != parameters.end()) {
+      CheckValue(operation, *parameter, word.substr(equals + 1));
+      plan.steps.back().values[name] = word.substr(equals + 1);
+    } else if (equals != std::string::npos && !std::filesystem::exists(word)) {
+      throw UsageError(fmt::format("{} has no parameter '{}'; `korimg ops {}` lists them", operation.name,
+                                   name, operation.name));
+    } else if (plan.input.empty()) {
+      plan.input = word;
+    } else {
+      throw UsageError(fmt::format("one input image only: '{}' or '{}'? Parameters are written name=value",
+                                   plan.input, word));
+    }
+  }
+  if (wantsName) throw UsageError("an operation's name is missing; `korimg ops` lists them");
+  if (plan.input.empty()) throw UsageError("the input image is missing");
+  for (const Step& step : plan.steps) {
+    for (const Parameter& parameter : step.operation->parameters) {
+      if (parameter.defaultValue.empty() && !parameter.optional && !step.values.count(parameter.name)) {
+        throw UsageError(
+            fmt::format("{} wants {}=...: {}", step.operation->name, parameter.name, parameter.help));
+      }
+    }
+  }
+  return plan;
+}
+
+CRect ParseRect(const std::string& text) {
+  CRect rect;
+  int end = 0;
+  if (std::sscanf(text.c_str(), "%d,%d,%d,%d%n", &rect.left, &rect.top, &rect.right, &rect.bottom, &end) !=
+          4 ||
+      end != static_cast<int>(text.size())) {
+    throw UsageError(fmt::format("'{}' is no rectangle: write LEFT,TOP,RIGHT,BOTTOM in pixels", text));
+  }
+  if (rect.IsRectEmpty()) throw UsageError("the rectangle is empty: right and bottom are exclusive");
+  return rect;
+}
+
+void Apply(Tool& tool, const ApplyOptions& options) {
+  const Plan plan = ParsePlan(options.words);
+  CRect rect = options.rect.empty() ? CRect() : ParseRect(options.rect);
+  std::string history;
+  for (const Step& step : plan.steps) {
+    if (!options.rect.empty() && !step.operation->takesRect) {
+      throw UsageError(fmt::format("{} works on the whole image: leave --rect out", step.operation->name));
+    }
+    history += (history.empty() ? "" : " then ") + step.Text();
+  }
+  if (!options.rect.empty()) history += " --rect " + options.rect;
+  if (tool.options.dryRun) {
+    tool.console.Say(fmt::format("{}: {} -> {}", plan.input, history, options.output));
+    return;
+  }
+  tool.CheckOutput(options.output);
+  const auto store = tool.MakeStore(options.store);
+  LoadedImage loaded = LoadImage(tool, store, plan.input, options.hdu);
+  for (const Step& step : plan.steps) {
+    tool.console.CheckCancelled();
+    Call call(tool, step, loaded.image, options.rect.empty() ? nullptr : &rect);
+    call.image->SetProgressHandle(call.Window());
+    step.operation->run(call);
+    tool.console.EndProgress();
+  }
+  loaded.info.header.AddHistory(fmt::format("korimg {} {}", Version(), history));
+  SaveImage(tool, *loaded.image, loaded.info.header, options.output, {.integers = options.bits == "16"});
+  if (tool.options.json) {
+    fmt::print(
+        "{}\n",
+        nlohmann::json{{"input", plan.input}, {"output", options.output}, {"operations", history}}.dump());
+  } else {
+    tool.console.Say(fmt::format("{}: {} -> {}", plan.input, history, options.output));
+  }
+}
+
+const char* KindName(ParameterKind kind) {
+  switch (kind) {
+    case ParameterKind::Number:
+      return "number";
+    case ParameterKind::Integer:
+      return "whole number";
+    case ParameterKind::Flag:
+      return "0 or 1";
+    case ParameterKind::Choice:
+      return "choice";
+    case ParameterKind::PerPlane:
+      return "number, or three";
+    case ParameterKind::File:
+      return "file";
+  }
+  return "";
+}
+
+std::string RangeText(const Parameter& parameter) {
+  constexpr double kUnlimited = 1e30;
+  if (parameter.kind == ParameterKind::Choice) return fmt::format("{}", fmt::join(parameter.choices, ", "));
+  if (parameter.kind == ParameterKind::File || parameter.kind == ParameterKind::Flag ||
+      parameter.high >= kUnlimited)
+    return "";
+  return fmt::format("{} to {}", parameter.low, parameter.high);
+}
+
+std::string DefaultText(const Parameter& parameter) {
+  return !parameter.defaultValue.empty() ? parameter.defaultValue
+         : parameter.optional            ? "none"
+                                         : "must be given";
+}
+
+void ShowOperation(const Operation& operation) {
+  fmt::print("{}: {}\n", operation.name, operation.summary);
+  fmt::print("  works on {}\n", operation.takesRect ? "the whole image or --rect" : "the whole image");
+  for (const Parameter& p : operation.parameters) {
+    const std::string range = RangeText(p);
+    fmt::print("  {}=  {}{}{}; default: {}\n      {}\n", p.name, KindName(p.kind),
+               p.unit.empty() ? "" : " (" + p.unit + ")", range.empty() ? "" : ": " + range, DefaultText(p),
+               p.help);
+  }
+}
+
+nlohmann::json ToJson(const Operation& operation) {
+  nlohmann::json json{
+      {"name", operation.name}, {"summary", operation.summary}, {"rect", operation.takesRect}};
+  json["parameters"] = nlohmann::json::array();
+  for (const Parameter& p : operation.parameters) {
+    json["parameters"].push_back({{"name", p.name},
+                                  {"kind", KindName(p.kind)},
+                                  {"unit", p.unit},
+                                  {"default", p.defaultValue},
+                                  {"range", RangeText(p)},
+                                  {"help", p.help}});
+  }
+  return json;
+}
+
+}  // namespace
+
+void AddApply(CLI::App& app, Tool& tool) {
+  auto options = std::make_shared<ApplyOptions>();
+  CLI::App* verb = app.add_subcommand("apply", "Run operations on an image");
+  verb->add_option("words", options->words, "NAME [parameter=value]... [then NAME ...]... INPUT")->required();
+  verb->add_option("-o,--output", options->output, "FITS, TIFF or PNG, by its extension")->required();
+  verb->add_option("--rect", options->rect, "LEFT,TOP,RIGHT,BOTTOM: work on this window only");
+  verb->add_option("--store", options->store, "contiguous or paged")
+      ->check(CLI::IsMember({"contiguous", "paged"}));
+  verb->add_option("--bits", options->bits, "float or 16, for FITS and TIFF")
+      ->check(CLI::IsMember({"float", "16"}));
+  verb->add_option("--hdu", options->hdu, "number or name of the FITS extension to read");
+  AddCommonOptions(*verb, tool);
+  verb->callback([options, &tool] {
+    tool.Begin();
+    Apply(tool, *options);
+  });
+}
+
+void AddOps(CLI::App& app, Tool& tool) {
+  auto name = std::make_shared<std::string>();
+  CLI::App* verb = app.add_subcommand("ops", "List the operations, or tell one");
+  verb->add_option("name", *name, "an operation");
+  AddCommonOptions(*verb, tool);
+  verb->callback([name, &tool] {
+    tool.Begin();
+    for (const Operation& operation : Operations()) {
+      if (!name->empty() && operation.name != FindOperation(*name).name) continue;
+      if (tool.options.json) {
+        fmt::print("{}\n", ToJson(operation).dump());
+      } else if (name->empty()) {
+        fmt::print("{:<18}{}\n", operation.name, operation.summary);
+      } else {
+        ShowOperation(operation);
+      }
+    }
+  });
+}
+
+}  // namespace korimg::tool

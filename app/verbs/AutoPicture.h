@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+
+#include "korimg/image/CVelImage.h"
+
+namespace korimg::tool {
+
+/// Sets the levels of an image so that it makes a good picture of a sky: "normal", "mean", "median" or
+/// "histogram" as the automatic levels do, "none" leaves them. A colour image keeps its colours.
+void LevelForPicture(CVelImage& image, const std::string& method);
+
+}  // namespace korimg::tool

@@ -1,0 +1,148 @@
+// korimg info: what files hold. korimg --version: what the tool is.
+#include <cmath>
+#include <map>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "korimg/levels/CImgAutoLevel.h"
+#include "korimg/pipelines/runtime/Runtime.h"
+#include "korimg/platform/CParallel.h"
+
+#include "app/tool/Images.h"
+#include "app/verbs/Verbs.h"
+
+namespace korimg::tool {
+namespace {
+
+/// Measures of one plane.
+struct PlaneMeasures {
+  double min, max, mean, median, stddev;
+};
+
+PlaneMeasures Measure(CImgAutoLevel& image, int plane) {
+  const auto [min, max, mean] = image.GetMinMaxAvr(plane);
+  float median = 0;
+  image.GetMedian(&median, 1, 0, plane, nullptr);
+  double deviation = 0;
+  image.GetLevelRangeStd(-std::numeric_limits<float>::infinity(), std::numeric_limits<float>::infinity(),
+                         &deviation, plane, nullptr);
+  return {min, max, mean, median, deviation};
+}
+
+/// Header keywords that people look for first.
+constexpr const char* kKeywords[] = {"OBJECT",   "IMAGETYP", "EXPTIME",  "EXPOSURE", "CCD-TEMP", "FILTER",
+                                     "INSTRUME", "GAIN",     "OFFSET",   "XBINNING", "DATE-OBS", "BAYERPAT",
+                                     "XBAYROFF", "YBAYROFF", "ROWORDER", "PEDESTAL"};
+
+void Info(Tool& tool, const std::filesystem::path& path, const std::string& hdu) {
+  const auto store = tool.MakeStore();
+  LoadedImage loaded = LoadImage(tool, store, path, hdu);
+  CImgAutoLevel image;
+  image.Swap(loaded.image.get());
+  const files::ImageInfo& info = loaded.info;
+  std::vector<PlaneMeasures> planes;
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    planes.push_back(Measure(image, p));
+  }
+  if (tool.options.json) {
+    nlohmann::json json{{"file", path.string()},
+                        {"width", info.width},
+                        {"height", info.height},
+                        {"planes", info.planes},
+                        {"type", info.type},
+                        {"format", info.format},
+                        {"keywords", nlohmann::json::object()}};
+    for (const PlaneMeasures& m : planes) {
+      json["min"].push_back(m.min);
+      json["max"].push_back(m.max);
+      json["mean"].push_back(m.mean);
+      json["median"].push_back(m.median);
+      json["stddev"].push_back(m.stddev);
+    }
+    for (int p = 0; p < image.GetPlanes(); ++p) {
+      json["level_min"].push_back(image.GetLevelMin(p));
+      json["level_max"].push_back(image.GetLevelMax(p));
+    }
+    for (const char* key : kKeywords) {
+      if (const auto value = info.header.GetString(key)) json["keywords"][key] = *value;
+    }
+    fmt::print("{}\n", json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    return;
+  }
+  fmt::print("{}: {} {} x {} x {} {}{}\n", path.string(), info.format, info.width, info.height, info.planes,
+             info.type, info.hdu > 0 ? fmt::format(", HDU {} {}", info.hdu, info.hduName) : "");
+  for (size_t p = 0; p < planes.size(); ++p) {
+    const PlaneMeasures& m = planes[p];
+    fmt::print("  plane {}: min {:g}, max {:g}, mean {:g}, median {:g}, stddev {:g}, levels {:g} to {:g}\n",
+               p, m.min, m.max, m.mean, m.median, m.stddev, image.GetLevelMin(static_cast<int>(p)),
+               image.GetLevelMax(static_cast<int>(p)));
+  }
+  std::string line;
+  for (const char* key : kKeywords) {
+    if (const auto value = info.header.GetString(key))
+      line += fmt::format("{}{} {}", line.empty() ? "" : ", ", key, *value);
+  }
+  if (!line.empty()) fmt::print("  {}\n", line);
+}
+
+void ShowVersion(bool verbose) {
+  fmt::print("korimg {}\n", Version());
+  if (!verbose) return;
+  std::map<std::string, int> forms;
+  for (const PipelineEntry& entry : PipelineTable()) {
+    ++forms[ChosenForm(entry)];
+  }
+  fmt::print("pipelines: {}\n", PipelineTable().size());
+  for (const auto& [form, count] : forms) {
+    fmt::print("  {} run in the form {}\n", count, form);
+  }
+  fmt::print("threads of line loops: {}\n", CParallel::GetMaxThreads());
+  const int threads = SetPipelineThreads(0);
+  SetPipelineThreads(threads);
+  fmt::print("threads of pipelines: {}\n", threads > 0 ? std::to_string(threads) : "all");
+}
+
+}  // namespace
+
+void AddInfo(CLI::App& app, Tool& tool) {
+  auto files = std::make_shared<std::vector<std::filesystem::path>>();
+  auto hdu = std::make_shared<std::string>();
+  CLI::App* verb = app.add_subcommand("info", "Tell what image files hold");
+  verb->add_option("files", *files, "FITS, TIFF or PNG")->required();
+  verb->add_option("--hdu", *hdu, "number or name of the FITS extension to read");
+  AddCommonOptions(*verb, tool);
+  verb->callback([files, hdu, &tool] {
+    tool.Begin();
+    tool.ForEachFile(*files, [&](const std::filesystem::path& file) { Info(tool, file, *hdu); });
+  });
+}
+
+void AddVersion(CLI::App& app, Tool& tool) {
+  CLI::Option* version = app.add_flag("--version", "Show the version; with --verbose also forms and threads");
+  AddCommonOptions(app, tool);
+  app.callback([&app, version, &tool] {
+    if (version->count() > 0) {
+      tool.Begin();
+      ShowVersion(tool.options.verbose);
+    } else if (app.get_subcommands().empty()) {
+      fmt::print("{}", app.help());
+      tool.exitCode = kBadUsage;
+    }
+  });
+}
+
+void AddCommonOptions(CLI::App& verb, Tool& tool) {
+  CommonOptions& options = tool.options;
+  verb.add_option("--threads", options.threads, "Threads of loops and pipelines")->check(CLI::Range(1, 1024));
+  verb.add_option_function<std::string>(
+      "--memory", [&options](const std::string& text) { options.memory = ParseSize(text); },
+      "Memory for pixels, as in 512M; beyond it temporary files are used");
+  verb.add_flag("--quiet,-q", options.quiet, "Errors and warnings only");
+  verb.add_flag("--verbose,-v", options.verbose, "Say more");
+  verb.add_flag("--json", options.json, "Results for programs, one object a line");
+  verb.add_flag("--overwrite", options.overwrite, "Replace outputs that exist");
+  verb.add_flag("--dry-run", options.dryRun, "Show the plan and do nothing");
+}
+
+}  // namespace korimg::tool

@@ -1,0 +1,52 @@
+// korimg simulate: a session with known truth.
+#include <regex>
+
+#include <fmt/format.h>
+
+#include "app/simulate/Simulate.h"
+#include "app/verbs/Verbs.h"
+
+namespace korimg::tool {
+
+void AddSimulate(CLI::App& app, Tool& tool) {
+  struct Options {
+    std::filesystem::path folder;
+    std::string size = "3008x2008";
+    SimulateOptions simulate;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App* verb = app.add_subcommand("simulate", "Make a session of frames with known truth");
+  verb->add_option("folder", options->folder, "gets lights, darks, flats, biases and truth.json")->required();
+  verb->add_option("--frames", options->simulate.frames, "number of lights")->check(CLI::Range(1, 9999));
+  verb->add_option("--size", options->size, "WIDTHxHEIGHT in pixels, at least 64x64");
+  verb->add_option("--bayer", options->simulate.bayer, "a colour sensor of this pattern")
+      ->check(CLI::IsMember({"RGGB", "GRBG", "BGGR", "GBRG"}));
+  verb->add_option("--seed", options->simulate.seed, "the same seed gives the same bytes");
+  AddCommonOptions(*verb, tool);
+  verb->callback([options, &tool] {
+    tool.Begin();
+    std::smatch size;
+    if (!std::regex_match(options->size, size, std::regex("([0-9]{2,6})x([0-9]{2,6})"))) {
+      throw UsageError(fmt::format("'{}' is no size: write WIDTHxHEIGHT, as in 3008x2008", options->size));
+    }
+    SimulateOptions& simulate = options->simulate;
+    simulate.width = std::stoi(size[1]);
+    simulate.height = std::stoi(size[2]);
+    simulate.overwrite = tool.options.overwrite;
+    simulate.threads = tool.options.threads;
+    simulate.progress = [&tool](int done, int total) {
+      tool.console.CheckCancelled();
+      tool.console.Progress("simulating", done, total);
+      return true;
+    };
+    try {
+      Simulate(options->folder, simulate);
+    } catch (const std::invalid_argument& error) {
+      throw UsageError(error.what());
+    }
+    tool.console.Say(fmt::format("{}: {} lights of {} x {}", options->folder.string(), simulate.frames,
+                                 simulate.width, simulate.height));
+  });
+}
+
+}  // namespace korimg::tool

@@ -1,0 +1,22 @@
+// The verbs of the tool. Each adds its sub-command, which runs when it is parsed.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include "app/tool/Tool.h"
+
+namespace korimg::tool {
+
+void AddVersion(CLI::App& app, Tool& tool);
+void AddInfo(CLI::App& app, Tool& tool);
+void AddOps(CLI::App& app, Tool& tool);
+void AddApply(CLI::App& app, Tool& tool);
+void AddCalibrate(CLI::App& app, Tool& tool);
+void AddRender(CLI::App& app, Tool& tool);
+void AddSimulate(CLI::App& app, Tool& tool);
+void AddRun(CLI::App& app, Tool& tool);
+
+/// Adds the options that all verbs take.
+void AddCommonOptions(CLI::App& verb, Tool& tool);
+
+}  // namespace korimg::tool
