@@ -53,30 +53,52 @@ bool SameName(std::string_view a, std::string_view b) {
 
 /// A new empty file for temporary data, named like korimg-XXXXXX.
 fs::path NewTemporary(const fs::path& shown) {
-  std::string name = (fs::temp_directory_path() / "korimg-XXXXXX").string();
+  std::error_code error;
+  const fs::path folder = fs::temp_directory_path(error);
+  if (error)
+    throw FileError(shown, "cannot unpack it: TMPDIR names no folder; set it to one with free space");
+  std::string name = (folder / "korimg-XXXXXX").string();
   const int descriptor = mkstemp(name.data());
-  if (descriptor < 0) ThrowSystemError(shown, "unpack it: no temporary file " + name, errno);
+  if (descriptor < 0) ThrowSystemError(shown, "unpack it into folder " + folder.string(), errno);
   close(descriptor);
   return name;
 }
 
-/// Unpacks a file made by gzip.
-void Unpack(const fs::path& packed, const File& target) {
-  const std::unique_ptr<gzFile_s, int (*)(gzFile)> in(gzopen(packed.c_str(), "rb"), gzclose);
-  if (!in) ThrowSystemError(packed, "open the file", errno);
-  std::vector<char> buffer(1 << 18);
-  for (std::uint64_t offset = 0;;) {
-    const int n = gzread(in.get(), buffer.data(), static_cast<unsigned>(buffer.size()));
-    int error = Z_OK;
-    const char* text = gzerror(in.get(), &error);
-    if (n < 0 || error != Z_OK) throw FileError(packed, fmt::format("damaged gzip file: {}", text));
-    if (offset == 0 && (n < 6 || std::memcmp(buffer.data(), "SIMPLE", 6) != 0)) {
-      throw FileError(packed, "the gzip file holds no FITS file; only FITS files may be packed");
+/// Unpacks a file made by gzip, of one or more members. The reading functions of zlib are of no use here:
+/// they take some files that end too early for whole ones.
+void Unpack(const fs::path& path, const File& source, const File& target) {
+  z_stream stream = {};
+  constexpr int kGzip = 15 + 16;
+  if (inflateInit2(&stream, kGzip) != Z_OK) throw std::bad_alloc();
+  const std::unique_ptr<z_stream, int (*)(z_stream*)> end(&stream, inflateEnd);
+  std::vector<unsigned char> in(1 << 18), out(1 << 18);
+  std::uint64_t taken = 0, given = 0;
+  bool complete = false;
+  for (;;) {
+    if (stream.avail_in == 0) {
+      stream.next_in = in.data();
+      stream.avail_in = static_cast<uInt>(source.Read(in.data(), in.size(), taken));
+      taken += stream.avail_in;
     }
-    if (n == 0) return;
-    target.Write(buffer.data(), static_cast<std::size_t>(n), offset);
-    offset += static_cast<std::uint64_t>(n);
+    // Another member may follow; what else follows is padding.
+    if (stream.avail_in == 0 || (complete && *stream.next_in != 0x1f)) break;
+    stream.next_out = out.data();
+    stream.avail_out = static_cast<uInt>(out.size());
+    const int result = inflate(&stream, Z_NO_FLUSH);
+    if (result != Z_OK && result != Z_STREAM_END) {
+      throw FileError(
+          path, fmt::format("damaged gzip file: {}", stream.msg != nullptr ? stream.msg : "not readable"));
+    }
+    const std::size_t n = out.size() - stream.avail_out;
+    if (given == 0 && (n < 6 || std::memcmp(out.data(), "SIMPLE", 6) != 0)) {
+      throw FileError(path, "the gzip file holds no FITS file; only FITS files may be packed");
+    }
+    target.Write(out.data(), n, given);
+    given += n;
+    complete = result == Z_STREAM_END;
+    if (complete) inflateReset(&stream);
   }
+  if (!complete) throw FileError(path, "damaged gzip file: it ends too early; get the file again");
 }
 
 template <typename T>
@@ -127,14 +149,15 @@ class FitsReader : public ImageReader {
     info_.path = path;
     info_.format = "FITS";
     file_ = std::make_unique<File>(path, O_RDONLY, path);
-    std::unique_ptr<TransientFile>
-        unpacked;  // its name is gone at the end of this, its content when it is closed
+    // The name of the unpacked file is gone at the end of this, its content when it is closed.
+    std::unique_ptr<TransientFile> unpacked;
     char start[2] = {};
     file_->Read(start, 2, 0);
     if (std::memcmp(start, "\x1f\x8b", 2) == 0) {
       unpacked = std::make_unique<TransientFile>(NewTemporary(path));
-      file_ = std::make_unique<File>(unpacked->Path(), O_RDWR, path);
-      Unpack(path, *file_);
+      auto target = std::make_unique<File>(unpacked->Path(), O_RDWR, path);
+      Unpack(path, *file_, *target);
+      file_ = std::move(target);
     }
     const Hdu hdu = Select(options);
     Describe(hdu);
@@ -174,24 +197,22 @@ class FitsReader : public ImageReader {
     double bytes = 0;                // of the data; exact wherever a file can have them
   };
 
-  static constexpr std::uint64_t kBlock = 2880;
-
   /// The unit that begins at `offset`; none at the end of the file.
   std::optional<Hdu> ReadHdu(std::uint64_t offset) const {
     constexpr std::uint64_t kMostBlocks = 10000;
     Hdu hdu;
     for (std::uint64_t i = 0;; ++i) {
-      std::array<char, kBlock> block;
-      const std::size_t got = file_->Read(block.data(), kBlock, offset + i * kBlock);
-      if (i == 0 && offset > 0 && (got < kBlock || std::memcmp(block.data(), "XTENSION", 8) != 0))
+      std::array<char, kFitsBlock> block;
+      const std::size_t got = file_->Read(block.data(), kFitsBlock, offset + i * kFitsBlock);
+      if (i == 0 && offset > 0 && (got < kFitsBlock || std::memcmp(block.data(), "XTENSION", 8) != 0))
         return std::nullopt;
-      if (got < kBlock || i == kMostBlocks) Fail("not a FITS file, or damaged: no END in the header");
-      for (std::size_t at = 0; at < kBlock; at += 80) {
+      if (got < kFitsBlock || i == kMostBlocks) Fail("not a FITS file, or damaged: no END in the header");
+      for (std::size_t at = 0; at < kFitsBlock; at += 80) {
         std::string card(block.data() + at, 80);
-        std::replace_if(
-            card.begin(), card.end(), [](unsigned char c) { return c < ' '; }, ' ');
+        for (char& c : card)
+          c = static_cast<unsigned char>(c) < ' ' ? ' ' : c;
         if (card.starts_with("END     ")) {
-          hdu.start = offset + (i + 1) * kBlock;
+          hdu.start = offset + (i + 1) * kFitsBlock;
           Interpret(hdu, offset == 0);
           return hdu;
         }
@@ -283,7 +304,7 @@ class FitsReader : public ImageReader {
       const double next = static_cast<double>(hdu->start) + hdu->bytes;
       offset = next >= static_cast<double>(file_->Size())
                    ? file_->Size()
-                   : (static_cast<std::uint64_t>(next) + kBlock - 1) / kBlock * kBlock;
+                   : (static_cast<std::uint64_t>(next) + kFitsBlock - 1) / kFitsBlock * kFitsBlock;
     }
   }
 

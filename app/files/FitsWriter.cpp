@@ -10,11 +10,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::uint64_t kBlock = 2880;
 constexpr std::size_t kChunk = 32768;
 
 std::uint64_t WholeBlocks(std::uint64_t bytes) {
-  return (bytes + kBlock - 1) / kBlock * kBlock;
+  return (bytes + kFitsBlock - 1) / kFitsBlock * kFitsBlock;
 }
 
 std::string MakeHeader(const WriteOptions& options) {

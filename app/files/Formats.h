@@ -77,11 +77,15 @@ class TransientFile {
 /// "<name>.part" beside a file to be written.
 std::filesystem::path PartialName(const std::filesystem::path& path);
 
-/// The nearest whole number in the range of T; NaN becomes 0.
+/// Headers and data of FITS files take whole blocks of so many bytes.
+constexpr std::uint64_t kFitsBlock = 2880;
+
+/// The nearest whole number in the range of T, uint8_t or uint16_t; NaN becomes 0.
 template <std::unsigned_integral T>
 T RoundTo(float value) {
+  static_assert(sizeof(T) <= 2);
   constexpr float kMax = std::numeric_limits<T>::max();
-  // In this order of arguments NaN becomes 0. Values below 2^23 round exactly by adding one half.
+  // In this order of arguments NaN becomes 0.
   const float clamped = std::min(std::max(0.0f, value), kMax);
   const auto whole = static_cast<std::int32_t>(clamped);
   return static_cast<T>(whole + (clamped - static_cast<float>(whole) >= 0.5f));

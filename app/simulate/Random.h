@@ -41,10 +41,11 @@ class Random {
     if (mean <= 0) return 0;
     if (mean < 20) {
       const double limit = std::exp(-mean);
-      int count = 0;
-      for (double product = Uniform(); product > limit; product *= Uniform())
-        ++count;
-      return count;
+      double product = 1;
+      for (int count = 0;; ++count) {
+        product *= Uniform();
+        if (product <= limit) return count;
+      }
     }
     const double n = Normal();
     return std::max(0.0, std::floor(mean + std::sqrt(mean) * n + (n * n - 1) / 6 + 0.5));

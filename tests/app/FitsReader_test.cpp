@@ -1,10 +1,12 @@
 // FITS files of other makers: encodings that the writer never makes, and broken ones.
 #include <atomic>
 #include <cmath>
+#include <csignal>
 #include <cstring>
 #include <thread>
 
 #include <fitsio.h>
+#include <sys/resource.h>
 #include <zlib.h>
 
 #include "tests/app/Folder.h"
@@ -255,7 +257,10 @@ TEST_F(FitsReader, BrokenFilesGiveOneCleanLine) {
       {"gzip of text", Gzip("This is no image.\n"), "holds no FITS"},
       {"gzip of nothing", Gzip(""), "holds no FITS"},
       {"gzip of gzip", Gzip(packed), "holds no FITS"},
+      {"start of a gzip", packed.substr(0, 12), "gzip"},
       {"half a gzip", packed.substr(0, packed.size() / 2), "gzip"},
+      {"gzip without its end", packed.substr(0, packed.size() - 3), "gzip"},
+      {"gzip and half another", packed + packed.substr(0, 40), "gzip"},
       {"gzip with damage", packed.substr(0, 60) + "damage" + packed.substr(66), "gzip"},
       {"gzip of a giant header", Gzip(Image("16", "2", {"40000", "40000"})), "truncated"},
       {"zip", "PK\3\4 and so on", "unpack"},
@@ -274,7 +279,11 @@ TEST_F(FitsReader, TrailingAxesAndMissingPaddingAreFine) {
   WriteBytes(In("a"), Image("8", "5", {"4", "2", "1", "1", "1"}) + "abcdefgh");
   EXPECT_EQ(ReadAll(*ImageReader::Open(In("a")), 2), (Planes{{97, 98, 99, 100, 101, 102, 103, 104}}));
   WriteBytes(In("b"), Image("8", "4", {"2", "1", "3", "1"}) + "abcdef");
-  EXPECT_EQ(ReadAll(*ImageReader::Open(In("b")), 1), (Planes{{97, 98}, {99, 100}, {101, 102}}));
+  const Planes colour = {{97, 98}, {99, 100}, {101, 102}};
+  EXPECT_EQ(ReadAll(*ImageReader::Open(In("b")), 1), colour);
+  const std::string bytes = ReadBytes(In("b"));
+  WriteBytes(In("c"), Gzip(bytes.substr(0, 2881)) + Gzip(bytes.substr(2881)) + std::string(100, '\0'));
+  EXPECT_EQ(ReadAll(*ImageReader::Open(In("c")), 1), colour);
 }
 
 TEST_F(FitsReader, DamagedTilesAreErrorsOrPixels) {
@@ -315,6 +324,30 @@ TEST_F(FitsReader, DamagedTilesAreErrorsOrPixels) {
       EXPECT_NE(error.find("damaged"), std::string::npos) << "byte " << at << ": " << error;
     }
   }
+}
+
+TEST_F(FitsReader, UnpackingLeavesNoTemporaryFile) {
+  const std::string packed = Gzip(Image("16", "2", {"300", "200"}) + std::string(120000, 1));
+  WriteBytes(In("whole.gz"), packed);
+  WriteBytes(In("half.gz"), packed.substr(0, packed.size() / 2));
+  fs::create_directory(In("temporary"));
+  const auto open = [&](const char* name, rlim_t largest) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{largest, largest};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    setenv("TMPDIR", In("temporary").c_str(), 1);
+    std::unique_ptr<ImageReader> reader;
+    const std::string error = ErrorOf([&] { reader = ImageReader::Open(In(name)); });
+    const bool right = reader && ReadAll(*reader, 64)[0][59999] == 257;
+    std::fprintf(stderr, "%d, %d left, %s\n", right, !fs::is_empty(In("temporary")), error.c_str());
+    setenv("TMPDIR", In("absent").c_str(), 1);
+    std::fprintf(stderr, "%s\n", ErrorOf([&] { ImageReader::Open(In(name)); }).c_str());
+    std::_Exit(0);
+  };
+  const auto done = testing::ExitedWithCode(0);
+  EXPECT_EXIT(open("whole.gz", RLIM_INFINITY), done, "1, 0 left, \n.*TMPDIR names no folder");
+  EXPECT_EXIT(open("half.gz", RLIM_INFINITY), done, "0, 0 left, .*damaged gzip");
+  EXPECT_EXIT(open("whole.gz", 50000), done, "0, 0 left, .*no room in folder .*temporary: ");
 }
 
 TEST_F(FitsReader, ReadersWorkInParallel) {
