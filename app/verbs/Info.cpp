@@ -119,7 +119,8 @@ void AddInfo(CLI::App& app, Tool& tool) {
 }
 
 void AddVersion(CLI::App& app, Tool& tool) {
-  CLI::Option* version = app.add_flag("--version", "Show the version; with --verbose also forms and threads");
+  CLI::Option* version = app.add_flag_function(
+      "--version", [](std::int64_t) {}, "Show the version; with --verbose also forms and threads");
   AddCommonOptions(app, tool);
   app.callback([&app, version, &tool] {
     if (version->count() > 0) {
