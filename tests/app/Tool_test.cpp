@@ -1,0 +1,244 @@
+// The tool as a person or a script calls it.
+#include <cmath>
+#include <cstring>
+#include <sstream>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/wait.h>
+
+#include "app/simulate/Simulate.h"
+#include "tests/app/Folder.h"
+#include "tests/support/Images.h"
+
+namespace korimg::files {
+namespace {
+
+using nlohmann::json;
+
+struct Result {
+  int code;
+  std::string out, err;
+};
+
+class ToolTest : public FolderTest {
+ protected:
+  /// Runs a shell command in which "korimg" is the tool that was built, in this test's folder.
+  Result Shell(const std::string& command) {
+    const std::string script = "cd '" + folder_.string() +
+                               "' && korimg() { '" KORIMG_TOOL "' \"$@\"; } && { " + command +
+                               "; } > out.txt 2> err.txt < /dev/null";
+    const int status = std::system(("bash -c " + Quoted(script)).c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadBytes(In("out.txt")), ReadBytes(In("err.txt"))};
+  }
+
+  static std::string Quoted(const std::string& text) {
+    std::string quoted = "'";
+    for (const char c : text) {
+      quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return quoted + "'";
+  }
+
+  void Frame(const std::string& name, int width, int height, const test::PixelRule& rule,
+             const std::string& type = "float32", Header header = {}) {
+    const auto writer = ImageWriter::Create(
+        In(name),
+        {.width = width, .height = height, .type = type, .header = std::move(header), .overwrite = true});
+    std::vector<float> row(width);
+    for (int y = 0; y < height; ++y) {
+      for (int x = 0; x < width; ++x) {
+        row[x] = static_cast<float>(rule(0, x, y));
+      }
+      const float* planes[] = {row.data()};
+      writer->WriteRows(y, 1, planes);
+    }
+    writer->Commit();
+  }
+
+  Planes Read(const std::string& name) { return ReadAll(*ImageReader::Open(In(name)), 64); }
+};
+
+TEST_F(ToolTest, InfoTellsWhatIsThere) {
+  Header header;
+  header.Set("EXPTIME", "060.00");
+  header.Set("CCD-TEMP", -10.5);
+  header.Set("BAYERPAT", "RGGB");
+  Frame(
+      "a b.fits", 40, 30, [](int, int x, int y) { return x + 40 * y; }, "uint16", header);
+  const Result plain = Shell("korimg info 'a b.fits'");
+  EXPECT_EQ(plain.code, 0);
+  for (const char* part : {"40 x 30 x 1 uint16", "min 0, max 1199, mean 599.5, median 600", "EXPTIME 060.00",
+                           "CCD-TEMP -10.5", "BAYERPAT RGGB"}) {
+    EXPECT_NE(plain.out.find(part), std::string::npos) << part << " in " << plain.out;
+  }
+  const json j = json::parse(Shell("korimg info --json 'a b.fits'").out);
+  EXPECT_EQ(j["file"], "a b.fits");
+  EXPECT_EQ(std::tuple(j["width"], j["height"], j["planes"], j["type"]), std::tuple(40, 30, 1, "uint16"));
+  EXPECT_EQ(j["max"][0], 1199);
+  EXPECT_NEAR(j["stddev"][0].get<double>(), std::sqrt((1200.0 * 1200 - 1) / 12), 1e-6);
+}
+
+TEST_F(ToolTest, BadFilesAreOneLineEachAndTheOthersAreDone) {
+  Frame("good.fits", 8, 8, [](int, int, int) { return 5; });
+  WriteBytes(In("empty.fits"), "");
+  WriteBytes(In("text.fits"), "not an image");
+  const Result r = Shell("korimg info text.fits good.fits missing.fits empty.fits");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.out.find("good.fits"), std::string::npos);
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 3) << r.err;
+  for (const char* name : {"text.fits: ", "missing.fits: ", "empty.fits: "}) {
+    EXPECT_NE(r.err.find(name), std::string::npos) << r.err;
+  }
+}
+
+TEST_F(ToolTest, WrongCallsExitWithTwoAndSayWhatToDo) {
+  Frame("a.fits", 8, 8, [](int, int, int) { return 5; });
+  struct Case {
+    const char *arguments, *says;
+  };
+  for (const Case& c :
+       {Case{"apply invrt a.fits -o b.fits", "did you mean 'invert'"},
+        Case{"apply invert -o b.fits", "input image is missing"},
+        Case{"apply bright brightness=3 a.fits -o b.fits", "no parameter 'brightness'"},
+        Case{"apply calculate a.fits -o b.fits", "calculate wants value="},
+        Case{"apply calculate op=divide value=0 a.fits -o b.fits", "division by 0"},
+        Case{"apply invert a.fits a.fits -o b.fits", "one input image only"},
+        Case{"apply invert a.fits -o b.fits --rect 5,5,2,9", "rectangle is empty"},
+        Case{"apply invert a.fits -o b.fits --rect 5,5,2", "no rectangle"},
+        Case{"apply to-gray a.fits -o b.fits --rect 0,0,4,4", "leave --rect out"},
+        Case{"apply auto-level method=histogram low=0 high=0 a.fits -o b.fits", "must not be 0"},
+        Case{"apply invert a.fits -o b.fits --memory lots", "no size"},
+        Case{"simulate d --size 20", "no size"}, Case{"nothing", ""}, Case{"", ""}}) {
+    const Result r = Shell("korimg " + std::string(c.arguments));
+    EXPECT_EQ(r.code, 2) << c.arguments << "\n" << r.err;
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << c.arguments << "\n" << r.err;
+  }
+  EXPECT_FALSE(std::filesystem::exists(In("b.fits")));
+}
+
+TEST_F(ToolTest, ApplyRunsAListOfOperations) {
+  Header header;
+  header.Set("OBJECT", "M 42");
+  Frame("a.fits", 50, 40, test::Random(0, 1000), "float32", header);
+  ASSERT_EQ(Shell("korimg apply calculate value=10 then calculate op=multiply value=-2 a.fits -o b.fits "
+                  "--rect 5,5,20,20")
+                .code,
+            0);
+  const Planes a = Read("a.fits"), b = Read("b.fits");
+  for (int y = 0; y < 40; ++y) {
+    for (int x = 0; x < 50; ++x) {
+      const bool inside = x >= 5 && x < 20 && y >= 5 && y < 20;
+      const float v = a[0][y * 50 + x];
+      ASSERT_FLOAT_EQ(b[0][y * 50 + x], inside ? (v + 10) * -2 : v);
+    }
+  }
+  const auto reader = ImageReader::Open(In("b.fits"));
+  EXPECT_EQ(reader->Info().header.GetString("OBJECT"), "M 42");
+  bool told = false;
+  for (const std::string& card : reader->Info().header.cards) {
+    told |= card.find("HISTORY") == 0 && card.find("calculate value=10") != std::string::npos;
+  }
+  EXPECT_TRUE(told) << "HISTORY tells what was done";
+}
+
+TEST_F(ToolTest, LevelsTravelWithTheImage) {
+  Frame("a.fits", 20, 20, [](int, int x, int) { return 100 * x; });
+  ASSERT_EQ(Shell("korimg apply level min=500 max=1500 a.fits -o b.fits").code, 0);
+  const json j = json::parse(Shell("korimg info --json b.fits").out);
+  EXPECT_EQ(j["level_min"][0], 500);
+  EXPECT_EQ(j["level_max"][0], 1500);
+  // A picture shows them: black at 500, white at 1500.
+  ASSERT_EQ(Shell("korimg render b.fits -o b.png --level none").code, 0);
+  const Planes picture = Read("b.png");
+  EXPECT_EQ(picture[0][4], 0);
+  EXPECT_EQ(picture[0][10], 128);
+  EXPECT_EQ(picture[0][16], 255);
+  for (const char* level : {"normal", "mean", "median", "histogram"}) {
+    ASSERT_EQ(
+        Shell(std::string("korimg render a.fits -o a.png --overwrite --scale 0.5 --level ") + level).code, 0);
+    const auto reader = ImageReader::Open(In("a.png"));
+    EXPECT_EQ(reader->Info().width, 10);
+    const Planes p = Read("a.png");
+    EXPECT_LT(p[0][0], p[0][9]) << level;
+  }
+}
+
+TEST_F(ToolTest, OutputsAreNeverReplacedUnasked) {
+  Frame("a.fits", 8, 8, [](int, int, int) { return 5; });
+  Frame("b.fits", 8, 8, [](int, int, int) { return 7; });
+  const std::string before = ReadBytes(In("b.fits"));
+  const Result refused = Shell("korimg apply invert a.fits -o b.fits");
+  EXPECT_EQ(refused.code, 1);
+  EXPECT_NE(refused.err.find("--overwrite"), std::string::npos);
+  EXPECT_EQ(ReadBytes(In("b.fits")), before);
+  EXPECT_EQ(Shell("korimg apply invert a.fits -o b.fits --dry-run").code, 0);
+  EXPECT_EQ(ReadBytes(In("b.fits")), before);
+  EXPECT_EQ(Shell("korimg apply invert a.fits -o b.fits --overwrite").code, 0);
+  EXPECT_NE(ReadBytes(In("b.fits")), before);
+  // The input itself may be the output: it is read to its end before the new file takes its name.
+  EXPECT_EQ(Shell("korimg apply invert a.fits -o a.fits --overwrite").code, 0);
+  EXPECT_EQ(Read("a.fits")[0].size(), 64u);
+}
+
+TEST_F(ToolTest, ImagesLargerThanTheMemoryComeOutTheSame) {
+  // 77 MB of pixels; what is private stays within the budget of 8 MiB plus 150 MB, which ulimit enforces.
+  Frame("big.fits", 5003, 3847, test::Random(0, 1000), "uint16");
+  const std::string steps = "apply invert then bright bright=20 contrast=30 then rebase-to-zero big.fits ";
+  ASSERT_EQ(Shell("korimg " + steps + "-o whole.fits").code, 0);
+  const std::string whole = ReadBytes(In("whole.fits")).substr(2880 * 2);
+  for (const std::string store : {"contiguous", "paged"}) {
+    const Result r = Shell("ulimit -d $((158 * 1024)); korimg " + steps +
+                           "-o small.fits --overwrite --memory 8M --store " + store);
+    ASSERT_EQ(r.code, 0) << store << ": " << r.err;
+    const std::string small = ReadBytes(In("small.fits")).substr(2880 * 2);
+    ASSERT_EQ(small.size(), whole.size());
+    // The two paths round differently: pixels, not bytes, agree across them.
+    if (store == "contiguous") {
+      EXPECT_TRUE(small == whole);
+    } else {
+      const Planes a = Read("whole.fits"), b = Read("small.fits");
+      for (size_t i = 0; i < a[0].size(); ++i) {
+        ASSERT_NEAR(a[0][i], b[0][i], 1e-5 * std::max(1000.0f, std::abs(a[0][i]))) << i;
+      }
+    }
+  }
+}
+
+TEST_F(ToolTest, CancelLeavesNothingUnfinished) {
+  const Result r = Shell("timeout --preserve-status -s INT 0.4 '" KORIMG_TOOL
+                         "' simulate session --frames 300 --size 1500x1000");
+  EXPECT_EQ(r.code, 130) << r.err;
+  EXPECT_NE(r.err.find("cancelled"), std::string::npos);
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(In("session"))) {
+    EXPECT_NE(entry.path().extension(), ".part") << entry.path();
+    EXPECT_NE(entry.path().filename(), "truth.json");
+  }
+}
+
+TEST_F(ToolTest, AFullDiskNamesTheFileAndLeavesNothing) {
+  Frame("a.fits", 600, 600, test::Random(0, 1));
+  const Result r = Shell("ulimit -f 200; korimg apply invert a.fits -o b.fits");
+  EXPECT_EQ(r.code, 1) << r.err;
+  EXPECT_NE(r.err.find("b.fits"), std::string::npos) << r.err;
+  for (const std::string& name : Names()) {
+    EXPECT_NE(name.substr(0, 2), "b.") << name;
+  }
+}
+
+TEST_F(ToolTest, VersionAndOperationsAreTold) {
+  EXPECT_EQ(Shell("korimg --version").out.substr(0, 7), "korimg ");
+  const std::string verbose = Shell("korimg --version --verbose --threads 3").out;
+  EXPECT_NE(verbose.find("run in the form"), std::string::npos);
+  EXPECT_NE(verbose.find("threads of line loops: 3"), std::string::npos) << verbose;
+  EXPECT_NE(Shell("korimg ops bright").out.find("contrast="), std::string::npos);
+  std::istringstream lines(Shell("korimg ops --json").out);
+  int count = 0;
+  for (std::string line; std::getline(lines, line); ++count) {
+    EXPECT_TRUE(json::parse(line).contains("parameters"));
+  }
+  EXPECT_GE(count, 18);
+}
+
+}  // namespace
+}  // namespace korimg::files
