@@ -338,6 +338,9 @@ TEST(GetMode, OfBrightnessIsRaw) {
     image->GetMode(&mode, &lower, nullptr, 1, -1, nullptr);
     EXPECT_NEAR(mode, 0.299 * 1000 + 0.587 * 2000 + 0.114 * 3000, 60) << store.name;
     auto below = Values(*image, {0, 0, 300, 200}, kBrightness);
+    const auto [min, max] = std::minmax_element(below.begin(), below.end());
+    const double bin = (mode - *min) / (*max - *min) * 5000;
+    EXPECT_NEAR(bin, std::round(bin), 0.01) << "bins from the lowest to the highest: " << store.name;
     // On the 256 scale the range starts at 0, which is raw 100.
     std::erase_if(below, [&](double v) { return !(v >= 100 && v <= mode); });
     EXPECT_NEAR(lower, mode - 6 * RmsFrom(mode, below), 0.1) << store.name;
