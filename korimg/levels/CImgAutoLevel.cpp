@@ -45,34 +45,41 @@ struct Sum {
   double MeanOrZero() const { return count ? Mean() : 0; }
 };
 
+/// By the bits: a branch on pixels would be guessed wrong half of the time.
+double KeptOrZero(double number, bool keep) {
+  return std::bit_cast<double>(std::bit_cast<std::uint64_t>(number) & -std::uint64_t{keep});
+}
+
 /// Adds up term(value) of the values in the window that are from lo to hi, by lanes and then by lines: the
 /// same sum for any number of threads. NaN is in no range.
 template <class Values, class Term>
-Sum AddUp(Window const& window, Values&& values, Term&& term,
+Sum AddUp(Window const& window, Values&& open, Term&& term,
           double lo = -std::numeric_limits<double>::infinity(),
           double hi = std::numeric_limits<double>::infinity()) {
   constexpr int kLanes = 8;
   Sum total;
   if (window.IsEmpty()) return total;
   const auto lines = MapLines(window.top, window.bottom, [&](int y) {
-    const auto value = values(window.left, y);
+    const auto value = open(window.left, y);
     double sums[kLanes] = {};
     long long counts[kLanes] = {};
-    const auto add = [&](int x, int lane) {
-      const double v = value(x);
-      const bool inside = v >= lo && v <= hi;
-      sums[lane] += inside ? term(v) : 0.0;
-      counts[lane] += inside;
+    const auto add = [&](int x, int lanes) {
+      double terms[kLanes];  // apart from their sums, which makes vectors
+      for (int lane = 0; lane < lanes; ++lane) {
+        const double v = value(x + lane);
+        const bool inside = (v >= lo) & (v <= hi);
+        terms[lane] = KeptOrZero(term(v), inside);
+        counts[lane] += inside;
+      }
+      for (int lane = 0; lane < lanes; ++lane) {
+        sums[lane] += terms[lane];
+      }
     };
     int x = 0;
     for (; x + kLanes <= window.Width(); x += kLanes) {
-      for (int lane = 0; lane < kLanes; ++lane) {
-        add(x + lane, lane);
-      }
+      add(x, kLanes);
     }
-    for (; x < window.Width(); ++x) {
-      add(x, 0);
-    }
+    add(x, window.Width() - x);
     Sum line;
     for (int lane = 0; lane < kLanes; ++lane) {
       line.sum += sums[lane];
@@ -399,12 +406,13 @@ void CImgAutoLevel::DoByHistogram(double low, double high, int separate, int mod
   const auto whiteFor = [place](double peak, double black) { return (peak - black) / place * 255.0 + black; };
   const int planes = GetPlanes();
   std::vector<float> peak(planes), lower(planes), upper(planes);
+  const bool together = IsColor() && !separate;
   for (int p = 0; p < planes; ++p) {
-    GetMode(&peak[p], &lower[p], &upper[p], 0, p, rect);
+    GetMode(&peak[p], together ? nullptr : &lower[p], together ? nullptr : &upper[p], 0, p, rect);
   }
   std::vector<Range> levels(planes);  // all from those before any is set
   const double min0 = GetLevelMin(0), max0 = GetLevelMax(0);
-  if (IsColor() && !separate) {
+  if (together) {
     float bright, foot;
     GetMode(&bright, &foot, nullptr, 1, -1, rect);
     const double black0 = static_cast<float>(bright - (bright - foot) * low);

@@ -1,7 +1,7 @@
 // What the image object measures: histograms, extremes, means, and the search for bright pixels.
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
+#include <cstdint>
 #include <numeric>
 
 #include "korimg/image/CVelImage.h"
@@ -58,7 +58,7 @@ struct SampleGrid {
 };
 
 /// Calls open(y) for the lines to look at and count(line, x), x from the window's left, for their pixels. On
-/// this thread: the dither's generator has one state.
+/// this thread, which the bins belong to.
 template <class Open, class Count>
 void ForSamples(CVelImage& image, Window const& window, SampleGrid const& grid, Open&& open, Count&& count) {
   if (window.IsEmpty()) return;
@@ -97,9 +97,13 @@ int HeightBySize(CVelImage const& image, int bins) {
 
 constexpr int kCountingMessage = 6166;
 
-/// A number from -1 to 1.
+/// A number from -1 to 1. Each thread has a sequence of its own, and leaves the application's rand alone.
 double RandomOffset() {
-  return 2.0 * (static_cast<double>(std::rand()) / RAND_MAX - 0.5);
+  thread_local std::uint32_t state = 2463534242u;
+  state ^= state << 13;
+  state ^= state >> 17;
+  state ^= state << 5;
+  return state * (2.0 / (1LL << 32)) - 1.0;
 }
 
 /// Bins narrower than this many units of the data show its steps as combs.

@@ -284,6 +284,21 @@ TEST(DoByNormal, ClipsSharesOfThePixels) {
   });
 }
 
+TEST(DoByNormal, WalksBinsThatEachCountOneMore) {
+  for (const StoreCase& store : Stores()) {
+    // 50 pixels at each end of 0 to 1: 51 in the end bins, 1 in each between, 5100 in all. A quarter is 1275.
+    const auto image = Make<CImgAutoLevel>(store.make(), 10, 10, 1, [](int, int x, int) { return x % 2; });
+    image->DoByNormal(0.25, 0.75, 1, nullptr);
+    EXPECT_NEAR(image->GetLevelMin(0), 1225 / 5000.0, 1e-12) << store.name;
+    EXPECT_NEAR(image->GetLevelMax(0), 3775 / 5000.0, 1e-12) << store.name;
+    double low = 0, high = 0;
+    image->SetLevel(0, 1225.5 / 5000, 3774.5 / 5000);
+    image->GetByNormal(low, high, nullptr);
+    EXPECT_NEAR(low, (51 + 1225.5) / 5100, 1e-12) << store.name;
+    EXPECT_NEAR(high, 1 - (51 + 1224.5) / 5100, 1e-12) << store.name;
+  }
+}
+
 TEST(DoByNormal, MovesAllPlanesByBrightness) {
   OnEveryStore([](const StoreCase& store) {
     const auto image = Make<CImgAutoLevel>(store.make(), 300, 200, 3, Random(0, 1000));
@@ -338,6 +353,9 @@ TEST(GetMode, OfBrightnessIsRaw) {
     image->GetMode(&mode, &lower, nullptr, 1, -1, nullptr);
     EXPECT_NEAR(mode, 0.299 * 1000 + 0.587 * 2000 + 0.114 * 3000, 60) << store.name;
     auto below = Values(*image, {0, 0, 300, 200}, kBrightness);
+    const auto [min, max] = std::minmax_element(below.begin(), below.end());
+    const double bin = (mode - *min) / (*max - *min) * 5000;
+    EXPECT_NEAR(bin, std::round(bin), 0.01) << "bins from the lowest to the highest: " << store.name;
     // On the 256 scale the range starts at 0, which is raw 100.
     std::erase_if(below, [&](double v) { return !(v >= 100 && v <= mode); });
     EXPECT_NEAR(lower, mode - 6 * RmsFrom(mode, below), 0.1) << store.name;

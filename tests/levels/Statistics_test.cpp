@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "korimg/image/CVelImage.h"
+#include "korimg/platform/Messages.h"
+#include "korimg/platform/StringTable.h"
 
 #include "tests/support/Images.h"
 
@@ -213,6 +215,37 @@ TEST(GetHistogram, EdgesOfItsArguments) {
   CVelImage empty;
   int hist[2] = {7, 7};
   EXPECT_EQ(empty.GetHistogram(hist, 2, 0, 1, 0, 0, 1, 0, nullptr, 0, 0), 0);
+}
+
+TEST(GetHistogram, TellsItsProgress) {
+  // Loops count the window's lines, or the grid's rows; pipelines open and close the display alone.
+  for (const StoreCase& store : Stores()) {
+    const auto image = Make(store.make(), 20, 10, 3, Random(0, 1));
+    std::vector<std::wstring> texts;
+    std::vector<std::intptr_t> steps;
+    const HWND window = korimg::CreateMessageWindow([&](unsigned, std::uintptr_t event, std::intptr_t value) {
+      if (event == 0) texts.emplace_back(reinterpret_cast<const wchar_t*>(value));
+      if (event == 1) steps.push_back(value);
+      if (event == 2) texts.emplace_back(L"closed");
+      return std::intptr_t{0};
+    });
+    image->SetProgressHandle(window);
+    int hist[2];
+    CRect rect(0, 2, 20, 7);
+    image->GetHistogram(hist, 2, 0, 1, 1, 0, 1, 0, &rect, 1, 0);
+    image->GetHistogramRGB(hist, hist, hist, 2, 0, 1, nullptr, nullptr, 0, 1, 0, &rect, 1, 6168);
+    image->GetHistogram(hist, 2, 0, 1, -1, 0, 1, 0, &rect, 0, 0);
+    EXPECT_EQ(texts, (std::vector<std::wstring>{korimg::LoadString(6166), L"closed", korimg::LoadString(6168),
+                                                L"closed"}));
+    const std::vector<std::intptr_t> lines = {20, 40, 60, 80, 100, 20, 40, 60, 80, 100};
+    EXPECT_EQ(steps, IsPaged(store) ? lines : std::vector<std::intptr_t>{}) << store.name;
+    steps.clear();
+    image->GetHistogramCullXRef() = {1};
+    image->GetHistogramCullYRef() = {1, 2};
+    image->GetHistogram(hist, 2, 0, 1, 1, 0, 1, 1, &rect, 1, 0);
+    EXPECT_EQ(steps, (std::vector<std::intptr_t>{20, 40})) << store.name;
+    korimg::DestroyMessageWindow(window);
+  }
 }
 
 TEST(HstAntialias, DithersUpToOneBinAUnit) {
