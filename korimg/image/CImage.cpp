@@ -419,7 +419,7 @@ std::tuple<double, double, double> CImage::GetMinMaxMode(int plane, int bins, in
   if (!(max > min) || std::isinf(max - min)) return {min, max, min};
   const double scale = bins / (max - min);
   std::vector<long long> histogram(bins);
-  const auto count = [&](double value) {
+  const auto count = [&, min = min](double value) {
     if (!std::isnan(value)) ++histogram[static_cast<int>(std::min((value - min) * scale, bins - 1.0))];
   };
   const bool grid = useGrid != 0 && IsHistogramCullParam();

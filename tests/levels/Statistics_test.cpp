@@ -300,7 +300,6 @@ TEST(CalcMinMax, LeavesOutTheMarginAndZeros) {
 
 TEST(GetAvrGrayRaw, IsTheMeanForAnySizeAndTeam) {
   for (const auto& [width, height] : Sizes()) {
-    std::optional<float> first;
     OnEveryPath([&, width = width, height = height](const StoreCase& store) {
       const auto image = Make(store.make(), width, height, 3, Random(1e5, 1e6));
       const auto values = Values(*image, {}, 1);
