@@ -161,6 +161,21 @@ void ShowOperation(const Operation& operation) {
   }
 }
 
+/// The page of the documentation.
+void ShowMarkdown() {
+  fmt::print("# Operations\n\nWhat `korimg apply` can do; `korimg ops --markdown` writes this page.\n");
+  for (const Operation& operation : Operations()) {
+    fmt::print("\n## {}\n\n{}. Works on {}.\n", operation.name, operation.summary,
+               operation.takesRect ? "the whole image or `--rect`" : "the whole image");
+    if (operation.parameters.empty()) continue;
+    fmt::print("\n| parameter | kind | unit | default | range | meaning |\n|---|---|---|---|---|---|\n");
+    for (const Parameter& p : operation.parameters) {
+      fmt::print("| `{}` | {} | {} | {} | {} | {} |\n", p.name, KindName(p.kind), p.unit, DefaultText(p),
+                 RangeText(p), p.help);
+    }
+  }
+}
+
 nlohmann::json ToJson(const Operation& operation) {
   nlohmann::json json{
       {"name", operation.name}, {"summary", operation.summary}, {"rect", operation.takesRect}};
@@ -200,9 +215,12 @@ void AddOps(CLI::App& app, Tool& tool) {
   auto name = std::make_shared<std::string>();
   CLI::App* verb = app.add_subcommand("ops", "List the operations, or tell one");
   verb->add_option("name", *name, "an operation");
+  auto markdown = std::make_shared<bool>(false);
+  verb->add_flag("--markdown", *markdown, "all of them, as a page");
   AddCommonOptions(*verb, tool);
-  verb->callback([name, &tool] {
+  verb->callback([name, markdown, &tool] {
     tool.Begin();
+    if (*markdown) return ShowMarkdown();
     for (const Operation& operation : Operations()) {
       if (!name->empty() && operation.name != FindOperation(*name).name) continue;
       if (tool.options.json) {

@@ -226,6 +226,11 @@ TEST_F(ToolTest, AFullDiskNamesTheFileAndLeavesNothing) {
   }
 }
 
+TEST_F(ToolTest, TheDocumentationIsThatOfTheTable) {
+  EXPECT_EQ(ReadBytes(KORIMG_DOCS "/operations.md"), Shell("korimg ops --markdown").out)
+      << "write it anew: korimg ops --markdown > docs/operations.md";
+}
+
 TEST_F(ToolTest, VersionAndOperationsAreTold) {
   EXPECT_EQ(Shell("korimg --version").out.substr(0, 7), "korimg ");
   const std::string verbose = Shell("korimg --version --verbose --threads 3").out;
