@@ -90,7 +90,7 @@ Console::Console() : isTerminal_(isatty(STDERR_FILENO)), isJapanese_(HasJapanese
 }
 
 Console::~Console() {
-  EndProgress();
+  End();
   DestroyMessageWindow(window_);
 }
 
@@ -101,27 +101,46 @@ void Console::SetUp(bool quiet, bool json) {
 
 void Console::Say(const std::string& line) {
   if (quiet_ || json_) return;
-  EndProgress();
+  const std::lock_guard lock(mutex_);
+  ClearBar();
   fmt::print("{}\n", line);
   std::fflush(stdout);
 }
 
 void Console::Warn(const std::string& line) {
-  EndProgress();
+  const std::lock_guard lock(mutex_);
+  ClearBar();
   fmt::print(stderr, "korimg: warning: {}\n", line);
 }
 
 void Console::Error(const std::string& line) {
-  EndProgress();
+  const std::lock_guard lock(mutex_);
+  ClearBar();
   fmt::print(stderr, "korimg: {}\n", line);
 }
 
 void Console::Progress(const std::string& title, long long step, long long total) {
+  const std::lock_guard lock(mutex_);
+  if (!inJob_) Show(title, step, total);
+}
+
+void Console::EndProgress() {
+  const std::lock_guard lock(mutex_);
+  if (!inJob_) End();
+}
+
+void Console::JobProgress(const std::string& title, long long step, long long total) {
+  const std::lock_guard lock(mutex_);
+  inJob_ = total > 0;
+  Show(title, step, total);
+}
+
+void Console::Show(const std::string& title, long long step, long long total) {
   using namespace std::chrono;
-  if (total <= 0) return EndProgress();
+  if (total <= 0) return End();
   const auto now = steady_clock::now();
   if (title != title_) {
-    EndProgress();
+    End();
     title_ = title;
     start_ = now;
     lastShown_ = now;
@@ -149,17 +168,22 @@ void Console::Progress(const std::string& title, long long step, long long total
   barShown_ = true;
 }
 
-void Console::EndProgress() {
+void Console::ClearBar() {
   if (barShown_) fmt::print(stderr, "\r\x1b[K");
   barShown_ = false;
   lastPercent_ = -1;
+}
+
+void Console::End() {
+  ClearBar();
   title_.clear();
   keyboard_.reset();
 }
 
 void Console::CheckCancelled() {
+  const std::lock_guard lock(mutex_);
   if (g_interrupted || (keyboard_ && keyboard_->EscapePressed())) {
-    EndProgress();
+    End();
     throw Cancelled();
   }
 }

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "korimg/platform/Messages.h"
@@ -17,7 +18,7 @@ class Cancelled : public std::exception {
 };
 
 /// On a terminal progress is a bar with the time left; elsewhere it is a plain line now and then. All of it
-/// goes to standard error, so that standard output holds results only.
+/// goes to standard error, so that standard output holds results only. Any thread may call it.
 class Console {
  public:
   Console();
@@ -36,6 +37,8 @@ class Console {
   /// Shows how far a job is, in the user's units: step of total. A total of 0 ends the display.
   void Progress(const std::string& title, long long step, long long total);
   void EndProgress();
+  /// The same for a job of many files, until a total of 0; what its parts show of theirs is kept away.
+  void JobProgress(const std::string& title, long long step, long long total);
 
   /// Throws Cancelled once Ctrl-C or Escape was pressed.
   void CheckCancelled();
@@ -46,11 +49,17 @@ class Console {
 
  private:
   struct Keyboard;
+  void Show(const std::string& title, long long step, long long total);
+  void ClearBar();
+  void End();
+
+  std::recursive_mutex mutex_;
   bool quiet_ = false;
   bool json_ = false;
   bool isTerminal_;
   bool isJapanese_;
   bool barShown_ = false;
+  bool inJob_ = false;
   std::string title_;
   int lastPercent_ = -1;
   std::chrono::steady_clock::time_point start_, lastShown_;

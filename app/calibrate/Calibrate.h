@@ -1,0 +1,26 @@
+// Calibration of lights by masters made of dark, flat and bias frames.
+#pragma once
+
+#include <filesystem>
+#include <vector>
+
+#include "app/tool/Tool.h"
+
+namespace korimg::tool {
+
+struct CalibrateOptions {
+  /// Files, or folders of files. One file of a kind is taken as a master.
+  std::vector<std::filesystem::path> lights, darks, flats, biases;
+  std::filesystem::path out;
+  std::filesystem::path masters;  ///< folder for the masters; empty: they are not kept
+  double pedestal = 0;            ///< added before anything is taken off, and kept in the output
+  bool allowMismatch = false;     ///< frames that differ in more than size serve with a warning
+};
+
+/// Writes a calibrated FITS of floats and a picture for each light. Darks contain the bias; the bias comes
+/// off flats that have no dark of their own exposure, and off lights when there are no darks. A light that
+/// cannot be done is an error of its own; anything wrong with calibration frames or outputs ends the call
+/// before anything is written.
+void Calibrate(Tool& tool, const CalibrateOptions& options);
+
+}  // namespace korimg::tool

@@ -1,0 +1,289 @@
+#include "app/calibrate/Masters.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include <fmt/format.h>
+#include <sys/resource.h>
+
+#include "korimg/calibration/MedianOfFrames.h"
+#include "korimg/image/Lines.h"
+#include "korimg/pipelines/runtime/Runtime.h"
+
+#include "app/tool/Images.h"
+
+namespace korimg::tool {
+namespace {
+
+constexpr size_t kBandPixels = 4 << 20;  // of all frames of a group together
+
+/// The largest value that a file's pixels can have. Floats are taken for those of a 16-bit camera.
+float ScaleEnd(const files::ImageInfo& info) {
+  constexpr float kCamera = 65535;
+  if (info.type.starts_with("float")) return kCamera;
+  if (info.type == "uint16" && info.bscale == 1) return kCamera;
+  if (info.type == "uint8") return static_cast<float>(info.bzero + 255 * info.bscale);
+  if (info.type == "int16") return static_cast<float>(info.bzero + 32767 * info.bscale);
+  return static_cast<float>(info.bzero + 2147483647 * info.bscale);
+}
+
+/// Lets as many files be open as the system allows: all frames of a group are read band by band.
+void AllowManyFiles() {
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+/// The frames of a group, open for reading.
+class Stack {
+ public:
+  explicit Stack(const Group& group) {
+    AllowManyFiles();
+    for (const Frame& frame : group.frames) {
+      readers_.push_back(files::ImageReader::Open(frame.path));
+      const files::ImageInfo &info = readers_.back()->Info(), &first = Info();
+      if (info.width != first.width || info.height != first.height || info.planes != first.planes) {
+        throw files::FileError(frame.path, "has changed since the frames were grouped");
+      }
+    }
+    factors_.assign(readers_.size(), 1.0f);
+    saturated_.assign(readers_.size(), 0);
+  }
+
+  const files::ImageInfo& Info() const { return readers_.front()->Info(); }
+  int Count() const { return static_cast<int>(readers_.size()); }
+
+  /// From now on frames have the offset taken off, and come with one mean, by a sample of their rows.
+  void Normalise(CVelImage* offset) {
+    constexpr int kSampleRows = 256;
+    offset_ = offset;
+    const files::ImageInfo& info = Info();
+    const int step = std::max(info.height / kSampleRows, 1);
+    std::vector<double> means(readers_.size());
+    ForLines(Team::All, 0, Count(), [&](int i) {
+      std::vector<float> row(RowPixels());
+      double sum = 0;
+      long long valid = 0;
+      for (int y = 0; y < info.height; y += step) {
+        Read(i, y, 1, row.data());
+        for (const float v : row) {
+          if (std::isfinite(v)) sum += v, ++valid;
+        }
+      }
+      means[i] = sum / static_cast<double>(valid);
+      if (!(means[i] > 0)) {
+        throw files::FileError(readers_[i]->Info().path,
+                               fmt::format("this flat has a mean of {:g} without its offset; it is too dark "
+                                           "to divide by",
+                                           means[i]));
+      }
+    });
+    double mean = 0;
+    for (const double m : means) {
+      mean += m / static_cast<double>(means.size());
+    }
+    for (size_t i = 0; i < means.size(); ++i) {
+      factors_[i] = static_cast<float>(mean / means[i]);
+    }
+    std::fill(saturated_.begin(), saturated_.end(), 0);
+  }
+
+  /// Writes the median into an image of the frames' size.
+  void Median(Tool& tool, CVelImage& image, const std::string& title) {
+    const files::ImageInfo& info = Info();
+    const int rows =
+        static_cast<int>(std::clamp<size_t>(kBandPixels / (RowPixels() * Count()), 1, info.height));
+    std::vector<float> band(RowPixels() * Count() * rows);
+    const auto frame = [&](int i, int plane) {
+      return band.data() + (RowPixels() * i + static_cast<size_t>(plane) * info.width) * rows;
+    };
+    for (int y0 = 0; y0 < info.height; y0 += rows) {
+      tool.console.CheckCancelled();
+      tool.console.Progress(title, y0, info.height);
+      const int count = std::min(rows, info.height - y0);
+      ForLines(Team::All, 0, Count(), [&](int i) { Read(i, y0, count, frame(i, 0), rows); });
+      for (int p = 0; p < info.planes; ++p) {
+        std::vector<float const*> frames;
+        for (int i = 0; i < Count(); ++i) {
+          frames.push_back(frame(i, p));
+        }
+        MedianOfFrames(frames, info.width, count, image.GetWritableLine(0, y0, p));
+      }
+    }
+    tool.console.EndProgress();
+  }
+
+  /// Share of the pixels read that were at the end of their scale.
+  double Saturated() const {
+    double sum = 0;
+    for (const long long n : saturated_) {
+      sum += static_cast<double>(n);
+    }
+    return sum / (static_cast<double>(RowPixels()) * Info().height * Count());
+  }
+
+ private:
+  size_t RowPixels() const { return static_cast<size_t>(Info().width) * Info().planes; }
+
+  /// Reads rows of a frame, `planeRows` rows apart by planes.
+  void Read(int i, int y0, int rows, float* to, int planeRows = 1) {
+    const files::ImageInfo& info = Info();
+    const float end = ScaleEnd(readers_[i]->Info()), factor = factors_[i];
+    float* planes[3] = {};
+    for (int p = 0; p < info.planes; ++p) {
+      planes[p] = to + static_cast<size_t>(p) * info.width * planeRows;
+    }
+    readers_[i]->ReadRows(y0, rows, planes);
+    for (int p = 0; p < info.planes; ++p) {
+      for (int y = 0; y < rows; ++y) {
+        float* row = planes[p] + static_cast<size_t>(y) * info.width;
+        int saturated = 0;
+        for (int x = 0; x < info.width; ++x) {
+          saturated += row[x] >= end;
+        }
+        saturated_[i] += saturated;
+        const float* offset =
+            offset_ ? offset_->GetLine(0, y0 + y, std::min(p, offset_->GetPlanes() - 1)) : nullptr;
+        for (int x = 0; x < info.width && offset; ++x) {
+          row[x] -= offset[x];
+        }
+        for (int x = 0; x < info.width && factor != 1; ++x) {
+          row[x] *= factor;
+        }
+      }
+    }
+  }
+
+  std::vector<std::unique_ptr<files::ImageReader>> readers_;
+  std::vector<float> factors_;
+  std::vector<long long> saturated_;
+  CVelImage* offset_ = nullptr;
+};
+
+/// Share of an image's pixels at or above a value.
+double ShareFrom(CVelImage& image, float end) {
+  long long count = 0;
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    for (const long long n : MapLines(0, image.GetHeight(), [&](int y) {
+           const float* row = image.GetLine(0, y, p);
+           return std::count_if(row, row + image.GetWidth(), [end](float v) { return v >= end; });
+         })) {
+      count += n;
+    }
+  }
+  return static_cast<double>(count) / image.GetPlanes() / image.GetWidth() / image.GetHeight();
+}
+
+}  // namespace
+
+Measures::Measures(CVelImage& image) {
+  struct Line {
+    float min = std::numeric_limits<float>::infinity(), max = -min;
+    double sum = 0;
+    int count = 0;
+  };
+  double sums = 0, counts = 0;
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    Line all;
+    double count = 0;
+    for (const Line& line : MapLines(0, image.GetHeight(), [&](int y) {
+           constexpr int kLanes = 8;
+           const float* row = image.GetLine(0, y, p);
+           float low[kLanes], high[kLanes];
+           double sum[kLanes] = {};
+           int valid[kLanes] = {};
+           std::fill(low, low + kLanes, Line().min);
+           std::fill(high, high + kLanes, Line().max);
+           const auto add = [&](float v, int lane) {
+             const bool finite = std::abs(v) <= std::numeric_limits<float>::max();
+             low[lane] = finite && v < low[lane] ? v : low[lane];
+             high[lane] = finite && v > high[lane] ? v : high[lane];
+             sum[lane] += finite ? v : 0.0f;
+             valid[lane] += finite;
+           };
+           int x = 0;
+           for (; x + kLanes <= image.GetWidth(); x += kLanes) {
+             for (int lane = 0; lane < kLanes; ++lane) {
+               add(row[x + lane], lane);
+             }
+           }
+           for (; x < image.GetWidth(); ++x) {
+             add(row[x], 0);
+           }
+           Line line;
+           for (int lane = 0; lane < kLanes; ++lane) {
+             line.min = std::min(line.min, low[lane]);
+             line.max = std::max(line.max, high[lane]);
+             line.sum += sum[lane];
+             line.count += valid[lane];
+           }
+           return line;
+         })) {
+      all.min = std::min(all.min, line.min);
+      all.max = std::max(all.max, line.max);
+      all.sum += line.sum;
+      count += line.count;
+    }
+    if (count == 0) continue;
+    minima[p] = all.min;
+    maxima[p] = all.max;
+    averages[p] = static_cast<float>(all.sum / count);
+    min = counts > 0 ? std::min<double>(min, all.min) : all.min;
+    max = counts > 0 ? std::max<double>(max, all.max) : all.max;
+    sums += all.sum;
+    counts += count;
+  }
+  mean = counts > 0 ? sums / counts : 0;
+}
+
+std::string Master::Text() const {
+  if (group->frames.size() == 1) return group->Text();
+  return fmt::format("{}, median of {}{}", group->name, group->Text(),
+                     offset ? " less " + offset->group->name : "");
+}
+
+Master MakeMaster(Tool& tool, const std::shared_ptr<CVmManager>& store, const Group& group,
+                  const Master* offset) {
+  Master master;
+  master.group = &group;
+  if (group.frames.size() == 1) {
+    LoadedImage loaded = LoadImage(tool, store, group.frames.front().path);
+    master.image = std::move(loaded.image);
+    master.saturated = ShareFrom(*master.image, ScaleEnd(loaded.info));
+  } else {
+    Stack stack(group);
+    const files::ImageInfo& info = stack.Info();
+    master.image = std::make_unique<CVelImage>(store, CImage::Float, info.width, info.height, info.planes,
+                                               1.0, 0.0, 1, nullptr);
+    if (group.kind == FrameKind::Flat) {
+      master.offset = offset;
+      stack.Normalise(offset ? offset->image.get() : nullptr);
+    }
+    stack.Median(tool, *master.image, "making " + group.name);
+    master.saturated = stack.Saturated();
+  }
+  master.measures = Measures(*master.image);
+  return master;
+}
+
+void SaveMaster(Tool& tool, Master& master, const std::filesystem::path& path) {
+  files::Header header = master.group->frames.front().info.header;
+  const auto count = static_cast<int>(master.group->frames.size());
+  if (count > 1) {
+    header.Set("NCOMBINE", count, "frames in this master");
+    header.Set("STACKCNT", count, "frames in this master");
+  }
+  header.AddHistory(fmt::format("korimg {} {}", Version(), master.Text()));
+  for (const Frame& frame : master.group->frames) {
+    header.AddHistory("made of " + frame.path.filename().string());
+  }
+  for (int p = 0; p < master.image->GetPlanes(); ++p) {
+    const float min = master.measures.minima[p], max = master.measures.maxima[p];
+    master.image->SetLevel(p, min, max > min ? max : min + 1);
+  }
+  SaveImage(tool, *master.image, header, path);
+}
+
+}  // namespace korimg::tool

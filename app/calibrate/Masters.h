@@ -1,0 +1,41 @@
+// Masters: what a group of calibration frames is made into.
+#pragma once
+
+#include <memory>
+
+#include "korimg/image/CVelImage.h"
+
+#include "app/calibrate/Frames.h"
+#include "app/tool/Tool.h"
+
+namespace korimg::tool {
+
+/// Extremes and means of an image's planes. Pixels that are no finite numbers are passed over.
+struct Measures {
+  float minima[3] = {}, maxima[3] = {}, averages[3] = {};
+  double min = 0, max = 0, mean = 0;  ///< of all planes
+
+  Measures() = default;
+  explicit Measures(CVelImage& image);
+};
+
+struct Master {
+  const Group* group = nullptr;
+  const Master* offset = nullptr;  ///< of flats: the bias or dark that came off each frame
+  std::unique_ptr<CVelImage> image;
+  Measures measures;
+  double saturated = 0;  ///< share of its frames' pixels that are at the end of their scale
+
+  /// Where it comes from, for people and headers.
+  std::string Text() const;
+};
+
+/// Makes the master of a group in bounded memory: a single frame as it is, else the median of all. Flats have
+/// `offset`, which may be null, taken off and are brought to one mean before.
+Master MakeMaster(Tool& tool, const std::shared_ptr<CVmManager>& store, const Group& group,
+                  const Master* offset);
+
+/// Writes a master with the first frame's header and its history.
+void SaveMaster(Tool& tool, Master& master, const std::filesystem::path& path);
+
+}  // namespace korimg::tool

@@ -1,0 +1,87 @@
+// The median of many frames by a sorting network: the same exchanges for every column, so that they run on
+// whole vectors of columns.
+#include "korimg/calibration/MedianOfFrames.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "korimg/image/Lines.h"
+
+namespace korimg {
+namespace {
+
+using Network = std::vector<std::pair<int, int>>;
+
+/// Batcher's merge exchange: pairs to bring into order, one after the other, which sort any number of values.
+Network MakeNetwork(int count) {
+  Network network;
+  int top = 1;
+  while (top * 2 < count) {
+    top *= 2;
+  }
+  for (int p = top; p > 0; p /= 2) {
+    for (int q = top, r = 0, d = p;; d = q - p, q /= 2, r = p) {
+      for (int i = 0; i + d < count; ++i) {
+        if ((i & p) == r) network.emplace_back(i, i + d);
+      }
+      if (q == p) break;
+    }
+  }
+  return network;
+}
+
+void Exchange(float* __restrict a, float* __restrict b, int columns) {
+  for (int x = 0; x < columns; ++x) {
+    const float low = a[x] < b[x] ? a[x] : b[x], high = a[x] < b[x] ? b[x] : a[x];
+    a[x] = low;
+    b[x] = high;
+  }
+}
+
+/// Columns that are sorted together, a column of every frame: as many as stay in the first-level cache.
+int ChunkColumns(int count) {
+  constexpr int kCached = 8192, kLeast = 64;
+  return std::max(kCached / count / 16 * 16, kLeast);
+}
+
+}  // namespace
+
+void MedianOfFrames(std::span<float const* const> frames, int width, int rows, float* result) {
+  const int count = static_cast<int>(frames.size());
+  const Network network = MakeNetwork(count);
+  const int chunk = std::min(ChunkColumns(std::max(count, 1)), width);
+  ForLines(Team::All, 0, rows, [&](int y) {
+    std::vector<float> values(static_cast<size_t>(count) * chunk);
+    std::vector<int> valid(chunk);
+    const auto row = [&](int i) { return values.data() + static_cast<size_t>(i) * chunk; };
+    for (int left = 0; left < width; left += chunk) {
+      const int columns = std::min(chunk, width - left);
+      const size_t start = static_cast<size_t>(y) * width + left;
+      std::fill(valid.begin(), valid.end(), 0);
+      for (int i = 0; i < count; ++i) {
+        float const* from = frames[i] + start;
+        float* to = row(i);
+        // NaN goes to the end of the order, where the count of valid values leaves it out.
+        for (int x = 0; x < columns; ++x) {
+          const bool number = from[x] == from[x];
+          to[x] = number ? from[x] : std::numeric_limits<float>::infinity();
+          valid[x] += number;
+        }
+      }
+      for (const auto& [i, j] : network) {
+        Exchange(row(i), row(j), columns);
+      }
+      for (int x = 0; x < columns; ++x) {
+        const int n = valid[x];
+        result[start + x] = n == 0       ? std::numeric_limits<float>::quiet_NaN()
+                            : n % 2 == 1 ? row(n / 2)[x]
+                                         : 0.5f * row(n / 2 - 1)[x] + 0.5f * row(n / 2)[x];
+      }
+    }
+  });
+}
+
+}  // namespace korimg
