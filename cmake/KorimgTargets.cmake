@@ -9,7 +9,7 @@ function(korimg_compile_options target)
                                            -Wno-restrict -Wno-stringop-overflow) # the last two: false alarms of g++ 12 on strings
   if(KORIMG_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${KORIMG_SANITIZE} -fno-omit-frame-pointer
-                                             -fno-sanitize-recover=all)
+                                             -fno-sanitize-recover=all -Wno-maybe-uninitialized)
     target_link_options(${target} PRIVATE -fsanitize=${KORIMG_SANITIZE})
   endif()
 endfunction()
