@@ -5,11 +5,14 @@ find_path(HALIDE_INCLUDE_DIR Halide.h PATH_SUFFIXES halide14 REQUIRED)
 find_library(HALIDE_LIBRARY NAMES Halide14 Halide REQUIRED)
 
 function(korimg_compile_options target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wno-missing-field-initializers
-                                           -Wno-restrict -Wno-stringop-overflow) # the last two: false alarms of g++ 12 on strings
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wno-missing-field-initializers)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # False alarms of g++ 12 on strings and regular expressions.
+    target_compile_options(${target} PRIVATE -Wno-restrict -Wno-stringop-overflow -Wno-maybe-uninitialized)
+  endif()
   if(KORIMG_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${KORIMG_SANITIZE} -fno-omit-frame-pointer
-                                             -fno-sanitize-recover=all -Wno-maybe-uninitialized)
+                                             -fno-sanitize-recover=all)
     target_link_options(${target} PRIVATE -fsanitize=${KORIMG_SANITIZE})
   endif()
 endfunction()

@@ -176,7 +176,8 @@ TEST(CImage, CopiesBringTheWholeRecord) {
   copied.Swap(&created);
   check(created);
   EXPECT_EQ(Difference(created, *src), "");
-  created = created;
+  CVelImage& same = created;
+  created = same;
   EXPECT_EQ(Difference(created, *src), "") << "an image assigned to itself is left alone";
 }
 

@@ -189,7 +189,7 @@ TEST(LiftUp, MovesRowsUp) {
         const auto image = Make(store.make(), width, height, 3, rule);
         image->LiftUp(lines);
         const bool paged = image->GetAllocationPolicy() == 0;
-        const auto expected = [&](int p, int x, int y) -> double {
+        const auto expected = [&, height = height](int p, int x, int y) -> double {
           const int from = lines <= 0 ? y : y + lines < height ? y + lines : paged ? y : height - 1;
           return static_cast<float>(rule(p, x, from));
         };
