@@ -23,7 +23,7 @@ struct PlaneMeasures {
 PlaneMeasures Measure(CImgAutoLevel& image, int plane) {
   const auto [min, max, mean] = image.GetMinMaxAvr(plane);
   float median = 0;
-  image.GetMedian(&median, 1, 0, plane, nullptr);
+  image.GetMedian(&median, 0, 0, plane, nullptr);
   double deviation = 0;
   image.GetLevelRangeStd(-std::numeric_limits<float>::infinity(), std::numeric_limits<float>::infinity(),
                          &deviation, plane, nullptr);

@@ -207,7 +207,7 @@ TEST(Store, AFullDiskIsAnErrorAndLosesNothing) {
   // A limit of file sizes stands for the disk.
   struct rlimit before {};
   getrlimit(RLIMIT_FSIZE, &before);
-  const struct rlimit small { 1 << 20, before.rlim_max };
+  const struct rlimit small { 1 << 20, before.rlim_max }, tiny{100000, before.rlim_max};
   std::vector<std::string> lines;
   SetDebugSink([&](const std::wstring& line) { lines.push_back(Narrow(line)); });
   for (const auto& manager :
@@ -216,10 +216,13 @@ TEST(Store, AFullDiskIsAnErrorAndLosesNothing) {
     Paint(image, Random(0, 1));
     setrlimit(RLIMIT_FSIZE, &small);
     EXPECT_FALSE(image.ChangeSize(2000, 2000, nullptr));
-    CVelImage other;
-    CVelImage big(CreatePagedManager({.budget = 1 << 30}), CImage::Float, 256, 256, 1, 1, 0, 1, nullptr);
     EXPECT_THROW(CVelImage(manager, CImage::Float, 2000, 2000, 3, 1, 0, 1, nullptr),
                  velora::CVmMemoryAllocationError);
+    setrlimit(RLIMIT_FSIZE, &tiny);
+    CVelImage copy;
+    EXPECT_EQ(copy.CopyImage(image, nullptr, nullptr), 0);
+    EXPECT_TRUE(copy.IsEmpty());
+    EXPECT_EQ(image.CloneWithoutImage(nullptr), nullptr);
     setrlimit(RLIMIT_FSIZE, &before);
     EXPECT_EQ(Difference(
                   image, [](int p, int x, int y) { return static_cast<float>(Random(0, 1)(p, x, y)); }, 0),
@@ -227,7 +230,7 @@ TEST(Store, AFullDiskIsAnErrorAndLosesNothing) {
     EXPECT_TRUE(image.ChangeSize(2000, 2000, nullptr)) << "there is room again";
   }
   SetDebugSink(nullptr);
-  ASSERT_EQ(lines.size(), 2u);
+  ASSERT_EQ(lines.size(), 6u);
   EXPECT_NE(lines[0].find("needed 15 MiB"), std::string::npos) << lines[0];
 }
 
