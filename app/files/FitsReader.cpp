@@ -1,5 +1,6 @@
-// FITS files. CFITSIO reads headers and tile-compressed pixels; plain pixels are read and converted here,
-// which is several times faster than its general conversion.
+// FITS files. Headers and plain pixels are read here: CFITSIO divides by zero and allocates absurd sizes on
+// damaged headers, and its general conversion of pixels is several times slower. It reads tile-compressed
+// pixels, once they are checked.
 #include <array>
 #include <cerrno>
 #include <charconv>
