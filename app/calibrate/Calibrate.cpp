@@ -2,11 +2,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <deque>
 #include <fstream>
 #include <future>
-#include <list>
 #include <map>
-#include <optional>
 #include <set>
 
 #include <fmt/format.h>
@@ -69,12 +68,11 @@ struct Light {
   }
 };
 
-/// A calibrated light on its way to the disk.
+/// What there is to tell of a calibrated light.
 struct Result {
   const Light* light = nullptr;
-  LoadedImage loaded;
   double clipped = 0, mean = 0;
-  Clock::time_point start;
+  double seconds = 0;
 };
 
 class Session {
@@ -102,7 +100,7 @@ class Session {
         ++next;
       }
       const std::string name = light.frame.path.filename().string();
-      const std::string served = light.Served().empty() ? "nothing" : light.Served();
+      const std::string served = light.Served().empty() ? "picture only" : light.Served();
       tool_.console.Say(next - i == 1
                             ? fmt::format("{}: {}", name, served)
                             : fmt::format("{} lights ({} to {}): {}", next - i, name,
@@ -189,36 +187,27 @@ class Session {
     part.RenameTo(ManifestPath());
   }
 
-  /// Calibrates all lights; one is written while the next one is read.
+  /// Calibrates all lights, a few at once: each by itself on one thread, from its file to its results.
   void CalibrateLights() {
     fs::create_directories(options_.out);
-    struct Writing {
-      std::vector<fs::path> source;
-      Result result;
-      std::future<void> done;
-    };
-    std::optional<Writing> writing;
-    const auto finish = [&] {
-      if (!writing) return;
-      tool_.ForEachFile(writing->source, [&](const fs::path&) {
-        writing->done.get();
-        Report(writing->result);
-      });
-      writing.reset();
-    };
-    const auto policy = CParallel::GetMaxThreads() > 1 ? std::launch::async : std::launch::deferred;
-    for (size_t i = 0; i < lights_.size(); ++i) {
-      tool_.console.JobProgress("calibrating frame", static_cast<long long>(i) + 1,
+    constexpr int kMostAtOnce = 4;  // each holds an image
+    const int threads = CParallel::GetMaxThreads(), atOnce = std::min(threads, kMostAtOnce);
+    const auto policy = atOnce > 1 ? std::launch::async : std::launch::deferred;
+    std::deque<std::future<Result>> running;
+    size_t next = 0, done = 0;
+    while (done < lights_.size()) {
+      for (; next < lights_.size() && next < done + atOnce; ++next) {
+        running.push_back(std::async(policy, [this, &light = lights_[next], threads, atOnce] {
+          CParallel::SetMaxThreads(threads / atOnce);
+          return CalibrateLight(light);
+        }));
+      }
+      tool_.console.JobProgress("calibrating frame", static_cast<long long>(done) + 1,
                                 static_cast<long long>(lights_.size()));
-      std::optional<Result> result;
-      const std::vector<fs::path> source = {lights_[i].frame.path};
-      tool_.ForEachFile(source, [&](const fs::path&) { result = CalibrateLight(lights_[i]); });
-      finish();
-      if (!result) continue;
-      writing.emplace(Writing{source, std::move(*result), {}});
-      writing->done = std::async(policy, [this, &to = writing->result] { Write(to); });
+      tool_.ForEachFile({lights_[done++].frame.path},
+                        [&](const fs::path&) { Report(running.front().get()); });
+      running.pop_front();
     }
-    finish();
     tool_.console.JobProgress("", 0, 0);
   }
 
@@ -316,10 +305,8 @@ class Session {
 
   void ShowGroup(const Group& group) const {
     const files::ImageInfo& info = group.frames.front().info;
-    std::string line = fmt::format("{}: {}, {} x {}", group.name, group.Text(), info.width, info.height);
-    for (const char* key : {"INSTRUME", "EXPTIME", "CCD-TEMP", "GAIN", "OFFSET", "XBINNING", "FILTER"}) {
-      if (const auto value = info.header.GetString(key)) line += fmt::format(", {} {}", key, *value);
-    }
+    std::string line = fmt::format("{}: {}, {} x {}{}", group.name, group.Text(), info.width, info.height,
+                                   group.Properties());
     if (const auto offset = offsetsOfFlats_.find(&group); offset != offsetsOfFlats_.end()) {
       line += fmt::format("; less {}", offset->second->name);
     }
@@ -357,41 +344,71 @@ class Session {
     }
   }
 
-  Master* MasterOf(const Group* group) { return group ? &masters_.at(group) : nullptr; }
+  const Master* MasterOf(const Group* group) const { return group ? &masters_.at(group) : nullptr; }
 
   Result CalibrateLight(const Light& light) {
-    Result result{&light, {}, 0, 0, Clock::now()};
-    result.loaded = LoadImage(tool_, store_, light.frame.path);
-    CVelImage& image = *result.loaded.image;
-    const Frame& planned = light.frame;
-    if (image.GetWidth() != planned.info.width || image.GetHeight() != planned.info.height ||
-        image.GetPlanes() != planned.info.planes) {
-      throw files::FileError(planned.path, "has changed since the work began");
+    const auto start = Clock::now();
+    Result result{&light};
+    LoadedImage loaded = LoadImage(tool_, store_, light.frame.path);
+    CVelImage& image = *loaded.image;
+    const files::ImageInfo& planned = light.frame.info;
+    if (loaded.info.width != planned.width || loaded.info.height != planned.height ||
+        loaded.info.planes != planned.planes) {
+      throw files::FileError(light.frame.path, "has changed since the work began");
     }
-    Master *offset = MasterOf(light.Offset()), *flat = MasterOf(light.flat);
-    const auto divide = [&](CVelImage* dark) {
-      Measures m = flat ? flat->measures : Measures();
-      image.DarkFlat(&image, dark, flat ? flat->image.get() : nullptr, m.minima, m.maxima, m.averages, 0, 0,
-                     nullptr, 0);
-    };
-    const auto pedestal = static_cast<float>(options_.pedestal);
-    if (offset && pedestal > 0) {
-      // Only what is above the pedestal is light, to be divided by the flat.
-      Add(image, pedestal);
-      result.clipped = ClippedShare(image, *offset->image);
-      image.DarkFlat(&image, offset->image.get(), nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr, 0);
-      Add(image, -pedestal);
-      divide(nullptr);
-      Add(image, pedestal);
-    } else {
-      if (offset) result.clipped = ClippedShare(image, *offset->image);
-      divide(offset ? offset->image.get() : nullptr);
-      if (pedestal > 0) Add(image, pedestal);
-    }
+    const Master *offset = MasterOf(light.Offset()), *flat = MasterOf(light.flat);
+    result.clipped = Apply(image, offset, flat);
     result.mean = Measures(image).mean;
-    Describe(result, offset, flat);
-    LevelForPicture(image, "histogram");
+    LevelBySample(image);
+    if (!light.output.empty()) {
+      Describe(loaded.info.header, result, offset, flat);
+      SaveImage(tool_, image, loaded.info.header, light.output);
+    }
+    SavePicture(tool_, image, light.preview, ShrinkTo(image, kPreviewSide));
+    result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     return result;
+  }
+
+  /// Takes the offset off and divides by the flat, either of which may be null. Answers the share of pixels
+  /// that were clipped at 0.
+  double Apply(CVelImage& image, const Master* offset, const Master* flat) const {
+    CVelImage *dark = offset ? offset->image.get() : nullptr, *divisor = flat ? flat->image.get() : nullptr;
+    Measures m = flat ? flat->measures : Measures();
+    const auto pedestal = static_cast<float>(options_.pedestal);
+    const bool lifts = dark && pedestal > 0;
+    if (lifts) Add(image, pedestal);
+    const double clipped = dark ? ClippedShare(image, *dark) : 0;
+    if (lifts) {
+      // Only what lies above the pedestal is light, to be divided by the flat.
+      image.DarkFlat(&image, dark, nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr, 0);
+      Add(image, -pedestal);
+      dark = nullptr;
+    }
+    image.DarkFlat(&image, dark, divisor, m.minima, m.maxima, m.averages, 0, 0, nullptr, 0);
+    if (pedestal > 0) Add(image, pedestal);
+    return clipped;
+  }
+
+  /// Sets black and white by the pixels that a preview's size takes.
+  void LevelBySample(CVelImage& image) const {
+    const int step = ShrinkTo(image, kPreviewSide);
+    const int width = std::max(image.GetWidth() / step, 1), height = std::max(image.GetHeight() / step, 1);
+    CVelImage sample(store_, CImage::Float, width, height, image.GetPlanes(), 1.0, 0.0, 1, nullptr);
+    sample.SetOrgBitsPixel(image.GetOrgBitsPixel());
+    for (int p = 0; p < image.GetPlanes(); ++p) {
+      sample.SetLevel(p, image.GetLevelMin(p), image.GetLevelMax(p));
+      for (int y = 0; y < height; ++y) {
+        const float* from = image.GetLine(0, y * step, p);
+        float* to = sample.GetWritableLine(0, y, p);
+        for (int x = 0; x < width; ++x) {
+          to[x] = from[x * step];
+        }
+      }
+    }
+    LevelForPicture(sample, "histogram");
+    for (int p = 0; p < image.GetPlanes(); ++p) {
+      image.SetLevel(p, sample.GetLevelMin(p), sample.GetLevelMax(p));
+    }
   }
 
   static void Add(CVelImage& image, float value) {
@@ -425,8 +442,7 @@ class Session {
   }
 
   /// Puts what was done into the header.
-  void Describe(Result& result, const Master* offset, const Master* flat) const {
-    files::Header& header = result.loaded.info.header;
+  void Describe(files::Header& header, const Result& result, const Master* offset, const Master* flat) const {
     header.AddHistory(fmt::format("korimg {} calibrate", Version()));
     if (offset) header.AddHistory(fmt::format("{}: {}", NameOf(offset->group->kind), offset->Text()));
     if (flat) header.AddHistory("flat: " + flat->Text());
@@ -444,22 +460,13 @@ class Session {
     }
   }
 
-  void Write(Result& result) {
-    CVelImage& image = *result.loaded.image;
-    if (!result.light->output.empty()) {
-      SaveImage(tool_, image, result.loaded.info.header, result.light->output);
-    }
-    SavePicture(tool_, image, result.light->preview, ShrinkTo(image, kPreviewSide));
-  }
-
   void Report(const Result& result) {
     const Light& light = *result.light;
-    const double seconds = std::chrono::duration<double>(Clock::now() - result.start).count();
     if (tool_.options.json) {
       Json json = light.Description();
       json["clipped"] = result.clipped;
       json["mean"] = result.mean;
-      json["seconds"] = seconds;
+      json["seconds"] = result.seconds;
       fmt::print("{}\n", Dump(json));
       std::fflush(stdout);
     } else {

@@ -128,6 +128,15 @@ std::string Group::Text() const {
   return fmt::format("{} frames ({} to {})", frames.size(), from, frames.back().path.filename().string());
 }
 
+std::string Group::Properties() const {
+  std::string text;
+  for (const Property& property : kProperties) {
+    const auto value = property.Of(frames.front().info.header);
+    if (value && property.MattersFor(kind)) text += fmt::format(", {} {}", property.key, Shown(*value));
+  }
+  return text;
+}
+
 Frame ReadFrame(const fs::path& path) {
   return {path, files::ImageReader::Open(path)->Info()};
 }

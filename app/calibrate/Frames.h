@@ -25,6 +25,8 @@ struct Group {
 
   /// The frames by number and names.
   std::string Text() const;
+  /// What their first header says of the properties that matter for the kind.
+  std::string Properties() const;
 };
 
 /// A property in which a frame differs from the frames that should serve it.

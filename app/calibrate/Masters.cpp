@@ -191,8 +191,7 @@ Measures::Measures(CVelImage& image) {
     for (const Line& line : MapLines(0, image.GetHeight(), [&](int y) {
            constexpr int kLanes = 8;
            const float* row = image.GetLine(0, y, p);
-           float low[kLanes], high[kLanes];
-           double sum[kLanes] = {};
+           float low[kLanes], high[kLanes], sum[kLanes] = {};
            int valid[kLanes] = {};
            std::fill(low, low + kLanes, Line().min);
            std::fill(high, high + kLanes, Line().max);

@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <numeric>
 
 #include <fmt/format.h>
 
@@ -174,26 +175,27 @@ void SavePicture(Tool& tool, CVelImage& image, const std::filesystem::path& path
   write.type = "uint8";
   write.overwrite = tool.options.overwrite;
   const auto writer = files::ImageWriter::Create(path, write);
-  std::vector<float> line(static_cast<size_t>(write.width) * write.planes);
+  // The mean of shrink x shrink pixels: of what the levels show, so that a bright star stays a point.
+  const int rows = std::min(shrink, image.GetHeight()), columns = std::min(shrink, image.GetWidth());
+  const float share = 1.0f / static_cast<float>(rows * columns);
+  std::vector<float> sums(image.GetWidth()), line(static_cast<size_t>(write.width) * write.planes);
   std::vector<const float*> out(write.planes);
   for (int y = 0; y < write.height; ++y) {
-    std::fill(line.begin(), line.end(), 0.0f);
     for (int p = 0; p < write.planes; ++p) {
       float* to = line.data() + static_cast<size_t>(p) * write.width;
       out[p] = to;
       const auto min = static_cast<float>(image.GetLevelMin(p));
       const auto scale = static_cast<float>(255.0 / image.GetLevelRange(p));
-      // The mean of shrink x shrink pixels: of what the levels show, so that a bright star stays a point.
-      const int rows = std::min(shrink, image.GetHeight()), columns = std::min(shrink, image.GetWidth());
-      const float share = 1.0f / static_cast<float>(rows * columns);
+      std::fill(sums.begin(), sums.end(), 0.0f);
       for (int j = 0; j < rows; ++j) {
         const float* from = image.GetLine(0, y * shrink + j, p);
-        for (int x = 0; x < write.width; ++x) {
-          for (int i = 0; i < columns; ++i) {
-            const float v = (from[x * shrink + i] - min) * scale;
-            to[x] += (v > 0 ? std::min(v, 255.0f) : 0.0f) * share;
-          }
+        for (int x = 0; x < image.GetWidth(); ++x) {
+          const float v = (from[x] - min) * scale, shown = v > 0 ? v : 0;  // NaN is black
+          sums[x] += shown < 255 ? shown : 255;
         }
+      }
+      for (int x = 0; x < write.width; ++x) {
+        to[x] = share * std::accumulate(&sums[x * shrink], &sums[x * shrink] + columns, 0.0f);
       }
     }
     writer->WriteRows(y, 1, out.data());

@@ -1,0 +1,553 @@
+#include <cmath>
+#include <functional>
+#include <numbers>
+#include <sstream>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include "korimg/platform/CParallel.h"
+
+#include "app/simulate/Simulate.h"
+#include "app/verbs/Verbs.h"
+#include "tests/app/Folder.h"
+#include "tests/support/Images.h"
+
+namespace korimg::tool {
+namespace {
+
+namespace fs = std::filesystem;
+using files::Header;
+using files::ImageReader;
+using files::ImageWriter;
+using nlohmann::json;
+
+/// What a call of the tool gave.
+struct Outcome {
+  int code;
+  std::string out, errors;
+};
+
+/// The value of a pixel.
+using Rule = std::function<double(int x, int y)>;
+
+class CalibrateTest : public files::FolderTest {
+ protected:
+  static constexpr int kWidth = 20, kHeight = 12;
+
+  /// Calls a verb as main does.
+  static Outcome Call(std::vector<std::string> words) {
+    const test::WithThreads restored(CParallel::GetMaxThreads());
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    Outcome outcome;
+    {
+      Tool tool;
+      CLI::App app;
+      AddCalibrate(app, tool);
+      AddRun(app, tool);
+      try {
+        app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
+        outcome.code = tool.exitCode;
+      } catch (const UsageError& error) {
+        tool.console.Error(error.what());
+        outcome.code = kBadUsage;
+      } catch (const files::FileError& error) {
+        tool.console.Error(error.what());
+        outcome.code = kFailed;
+      }
+    }
+    outcome.out = testing::internal::GetCapturedStdout();
+    outcome.errors = testing::internal::GetCapturedStderr();
+    return outcome;
+  }
+
+  /// The same with files in the folder, written as "@name".
+  Outcome Calibrate(const std::string& line) const {
+    std::vector<std::string> words = {"calibrate"};
+    std::istringstream in(line);
+    for (std::string word; in >> word;) {
+      words.push_back(word.starts_with("@") ? In(word.substr(1)).string() : word);
+    }
+    return Call(words);
+  }
+
+  void Write(const std::string& name, const Rule& rule, const Header& header = {}, int width = kWidth,
+             const std::string& type = "float32") const {
+    fs::create_directories(In(name).parent_path());
+    std::vector<float> pixels;
+    for (int i = 0; i < width * kHeight; ++i) {
+      pixels.push_back(static_cast<float>(rule(i % width, i / width)));
+    }
+    files::WriteAll(
+        *ImageWriter::Create(In(name), {.width = width, .height = kHeight, .type = type, .header = header}),
+        {pixels}, width, kHeight, kHeight);
+  }
+
+  static std::vector<float> Pixels(const fs::path& path) {
+    const auto reader = ImageReader::Open(path);
+    return files::ReadAll(*reader, reader->Info().height)[0];
+  }
+
+  /// Where a result is not what it should be; empty when it is.
+  std::string Difference(const std::string& name, const Rule& expected) const {
+    const std::vector<float> pixels = Pixels(In(name));
+    for (int i = 0; i < kWidth * kHeight; ++i) {
+      const double want = expected(i % kWidth, i / kWidth);
+      if (std::isnan(want) ? !std::isnan(pixels[i]) : !(std::abs(pixels[i] - want) < 1e-4 * (1 + want))) {
+        return fmt::format("({}, {}): {} for {}", i % kWidth, i / kWidth, pixels[i], want);
+      }
+    }
+    return "";
+  }
+
+  static Header Cards(const std::vector<std::pair<std::string, std::string>>& cards) {
+    Header header;
+    for (const auto& [key, value] : cards) {
+      header.Set(key, value);
+    }
+    return header;
+  }
+};
+
+double Flat(int x, int y) {
+  return 0.5 + 0.04 * x + 0.01 * y;
+}
+double FlatMean() {
+  return 0.5 + 0.04 * 9.5 + 0.01 * 5.5;
+}
+double Signal(int x, int y) {
+  return 300 + 7 * x + 3 * y;
+}
+double Bias(int x, int) {
+  return 90 + x % 3;
+}
+double Dark(int x, int y) {
+  return Bias(x, y) + 25;
+}
+
+TEST_F(CalibrateTest, TakesOffsetsOffAndDividesByTheFlat) {
+  // A light with a blank pixel, one that is darker than its dark, and frames that a median must see through.
+  const auto light = [](int x, int y) -> double {
+    if (x == 3 && y == 4) return NAN;
+    if (x == 5 && y == 5) return Dark(x, y) - 15;
+    return Signal(x, y) * Flat(x, y) / FlatMean() + Dark(x, y);
+  };
+  Write("light.fits", light, Cards({{"OBJECT", "M 1"}, {"PEDESTAL", "7"}}));
+  for (int i = 0; i < 5; ++i) {
+    const double stray = i == 1 ? 5000 : 0;
+    const double lamp = 1000 + 400 * i;  // flats of a twilight
+    Write(fmt::format("dark/{}.fits", i), [&](int x, int y) { return Dark(x, y) + (x == 2) * stray; });
+    Write(fmt::format("bias/{}.fits", i), [&](int x, int y) { return Bias(x, y) + (x == 7) * stray; });
+    Write(fmt::format("flat/{}.fits", i),
+          [&](int x, int y) { return lamp * Flat(x, y) + Bias(x, y) + (x == 9 && y == 9) * stray; });
+  }
+  const auto flattened = [](double v, int x, int y) { return v * FlatMean() / Flat(x, y); };
+  const struct {
+    std::string options;
+    Rule expected;
+    std::string pedestal, warning;
+  } cases[] = {
+      {"--dark @dark", [&](int x, int y) { return light(x, y) < Dark(x, y) ? 0 : light(x, y) - Dark(x, y); },
+       "", ""},
+      {"--bias @bias", [&](int x, int y) { return light(x, y) - Bias(x, y); }, "", ""},
+      {"--dark @dark --flat @flat --bias @bias",
+       [&](int x, int y) { return x == 5 && y == 5   ? 0
+                                  : x == 3 && y == 4 ? NAN
+                                                     : Signal(x, y); }, "", ""},
+      {"--dark @dark --flat @flat --bias @bias --pedestal 100",
+       [&](int x, int y) { return 100 + flattened(light(x, y) - Dark(x, y), x, y); }, "-100", ""},
+      {"--bias @bias --flat @flat", [&](int x, int y) { return flattened(light(x, y) - Bias(x, y), x, y); },
+       "", ""},
+      {"--flat @flat/0.fits",
+       [&](int x, int y) {
+         const double mean = 1000 * FlatMean() + 90.95;  // of Bias over 20 columns
+         return light(x, y) * mean / (1000 * Flat(x, y) + Bias(x, y));
+       },
+       "7", "LIGHTS WITHOUT DARK OR BIAS"},
+      {"--dark @dark --flat @flat",
+       [&](int x, int y) {  // the bias that stays in the flats
+         const double v = light(x, y) - Dark(x, y);
+         return std::isnan(v) ? v : std::max(v, 0.0);
+       },
+       "", "FLATS WITHOUT BIAS OR DARK"},
+  };
+  for (const auto& [options, expected, pedestal, warning] : cases) {
+    const Outcome outcome = Calibrate(options + " --overwrite --json --out @out @light.fits");
+    ASSERT_EQ(outcome.code, 0) << options << outcome.errors;
+    if (warning.empty()) {
+      EXPECT_EQ(outcome.errors, "") << options;
+    } else {
+      EXPECT_NE(outcome.errors.find(warning), std::string::npos) << options << ": " << outcome.errors;
+    }
+    if (warning.find("FLATS") == std::string::npos) {
+      EXPECT_EQ(Difference("out/light.fits", expected), "") << options;
+    }
+    const Header header = ImageReader::Open(In("out/light.fits"))->Info().header;
+    EXPECT_EQ(header.GetString("OBJECT"), "M 1");
+    EXPECT_EQ(header.GetString("PEDESTAL").value_or(""), pedestal) << options;
+    const bool clips = options.starts_with("--dark") && pedestal.empty();
+    EXPECT_NEAR(json::parse(outcome.out)["clipped"].get<double>(), clips ? 1.0 / kWidth / kHeight : 0, 1e-9)
+        << options;
+  }
+}
+
+TEST_F(CalibrateTest, FlatsPreferTheirOwnDark) {
+  Write(
+      "light.fits", [](int x, int y) { return 100 * Flat(x, y) + 50; }, Cards({{"EXPTIME", "60"}}));
+  for (int i = 0; i < 3; ++i) {
+    Write(
+        fmt::format("d{}.fits", i), [](int, int) { return 50; }, Cards({{"EXPTIME", "060.00"}}));
+    Write(
+        fmt::format("fd{}.fits", i), [](int, int) { return 40; }, Cards({{"EXPTIME", "2"}}));
+    Write(
+        fmt::format("f{}.fits", i), [](int x, int y) { return 1000 * Flat(x, y) + 40; },
+        Cards({{"EXPTIME", "2"}}));
+    Write(fmt::format("b{}.fits", i), [](int, int) { return 10; });
+  }
+  const Outcome outcome = Calibrate(
+      "--dark @d0.fits @d1.fits @d2.fits @fd0.fits @fd1.fits @fd2.fits --bias @b0.fits @b1.fits "
+      "--flat @f0.fits @f1.fits @f2.fits --out @out --master-dir @masters @light.fits");
+  ASSERT_EQ(outcome.code, 0) << outcome.errors;
+  EXPECT_EQ(Difference("out/light.fits", [](int, int) { return 100 * FlatMean(); }), "");
+  // Masters that served, with what they were made of; the bias did not.
+  EXPECT_TRUE(fs::exists(In("masters/master_dark_60s.fits")));
+  EXPECT_TRUE(fs::exists(In("masters/master_dark_2s.fits")));
+  EXPECT_FALSE(fs::exists(In("masters/master_bias.fits")));
+  EXPECT_EQ(ImageReader::Open(In("masters/master_flat.fits"))->Info().header.GetInt("NCOMBINE"), 3);
+  const json manifest = json::parse(files::ReadBytes(In("masters/manifest.json")));
+  ASSERT_EQ(manifest["masters"].size(), 3u);
+  EXPECT_EQ(manifest["masters"][2]["offset"], "master_dark_2s");
+  EXPECT_EQ(manifest["masters"][2]["inputs"][1]["file"], In("f1.fits").string());
+
+  // The masters that were kept do the same.
+  const Outcome again = Calibrate(
+      "--dark @masters/master_dark_60s.fits --flat @masters/master_flat.fits --out @again @light.fits");
+  ASSERT_EQ(again.code, 0) << again.errors;
+  EXPECT_EQ(again.errors, "");
+  EXPECT_EQ(Pixels(In("again/light.fits")), Pixels(In("out/light.fits")));
+}
+
+TEST_F(CalibrateTest, EachLightTakesTheFramesThatMatch) {
+  for (const std::string filter : {"R", "Ha 7nm"}) {
+    for (const std::string exposure : {"30", "300"}) {
+      Write(
+          fmt::format("lights/{} {}.fits", filter, exposure), [](int, int) { return 1000; },
+          Cards({{"FILTER", filter}, {"EXPTIME", exposure}, {"CCD-TEMP", "-11"}}));
+    }
+    Write(
+        fmt::format("flats/{}.fits", filter), [&](int x, int) { return x < 10          ? 1
+                                                                       : filter == "R" ? 2
+                                                                                       : 3; },
+        Cards({{"FILTER", filter}, {"EXPTIME", "1"}}));
+  }
+  for (const int exposure : {30, 300}) {
+    for (const int temperature : {-20, -10}) {
+      Write(
+          fmt::format("darks/{}{}.fits", exposure, temperature),
+          [&](int, int) { return exposure - temperature; },
+          Cards({{"EXPTIME", std::to_string(exposure)}, {"CCD-TEMP", std::to_string(temperature)}}));
+    }
+  }
+  const Outcome outcome = Calibrate("--dark @darks --flat @flats --out @out @lights");
+  ASSERT_EQ(outcome.code, 0) << outcome.errors;
+  for (const std::string filter : {"R", "Ha 7nm"}) {
+    for (const int exposure : {30, 300}) {
+      const double bright = filter == "R" ? 2 : 3, mean = (1 + bright) / 2;
+      EXPECT_EQ(Difference(fmt::format("out/{} {}.fits", filter, exposure),
+                           [&](int x, int) { return (1000 - exposure - 10) * mean / (x < 10 ? 1 : bright); }),
+                "")
+          << filter << exposure;
+    }
+  }
+}
+
+TEST_F(CalibrateTest, MismatchesNameTheFileTheKeyAndBothValues) {
+  const Header cards = Cards({{"INSTRUME", "Cam"},
+                              {"GAIN", "100"},
+                              {"OFFSET", "5"},
+                              {"READOUTM", "Fast"},
+                              {"XBINNING", "1"},
+                              {"EXPTIME", "60"},
+                              {"CCD-TEMP", "-10"},
+                              {"FILTER", "L"}});
+  Write(
+      "dark.fits", [](int, int) { return 10; }, cards);
+  Write("flat.fits", Flat, cards);
+  const struct {
+    const char *key, *value;
+    bool matches;
+    const char* text;
+  } cases[] = {
+      {"INSTRUME", "Other", false, "INSTRUME is Other, but Cam"},
+      {"GAIN", "120", false, "GAIN is 120, but 100"},
+      {"OFFSET", "6", false, "OFFSET is 6, but 5"},
+      {"READOUTM", "Slow", false, "READOUTM is Slow, but Fast"},
+      {"XBINNING", "2", false, "XBINNING is 2, but 1"},
+      {"EXPTIME", "61", false, "EXPTIME is 61, but 60"},
+      {"EXPTIME", "060.0", true, ""},
+      {"CCD-TEMP", "-12.5", false, "CCD-TEMP is -12.5, but -10"},
+      {"CCD-TEMP", "-11.9", true, ""},
+      {"FILTER", "R", false, "FILTER is R, but L"},
+      {"GAIN", nullptr, true, ""},
+  };
+  Write(
+      "good.fits", [](int, int) { return 100; }, cards);
+  for (const auto& [key, value, matches, text] : cases) {
+    Header other = cards;
+    other.Remove(key);
+    if (value) other.Set(key, value);
+    fs::remove(In("light.fits"));
+    Write(
+        "light.fits", [](int, int) { return 100; }, other);
+    fs::remove_all(In("out"));
+    const std::string call = "--dark @dark.fits --flat @flat.fits --out @out @light.fits @good.fits";
+    const Outcome outcome = Calibrate(call);
+    EXPECT_EQ(outcome.code, matches ? 0 : 1) << key;
+    EXPECT_EQ(fs::exists(In("out/light.fits")), matches) << key;
+    EXPECT_TRUE(fs::exists(In("out/good.fits"))) << key;
+    if (matches) continue;
+    EXPECT_NE(outcome.errors.find(In("light.fits").string() + ": " + text), std::string::npos)
+        << outcome.errors;
+    const Outcome allowed = Calibrate(call + " --allow-mismatch --overwrite");
+    EXPECT_EQ(allowed.code, 0) << allowed.errors;
+    EXPECT_NE(allowed.errors.find("warning"), std::string::npos);
+    EXPECT_NE(allowed.errors.find(text), std::string::npos) << allowed.errors;
+    EXPECT_TRUE(fs::exists(In("out/light.fits"))) << key;
+  }
+  fs::remove_all(In("out"));
+  fs::remove(In("light.fits"));
+  Write(
+      "light.fits", [](int, int) { return 100; }, cards, 30);
+  const Outcome size = Calibrate("--dark @dark.fits --allow-mismatch --out @out @light.fits");
+  EXPECT_EQ(size.code, 1);
+  EXPECT_NE(size.errors.find("30 x 12 x 1"), std::string::npos) << size.errors;
+  EXPECT_NE(size.errors.find("20 x 12 x 1"), std::string::npos) << size.errors;
+}
+
+TEST_F(CalibrateTest, WhatIsBrokenOrInTheWay) {
+  const auto level = [](double v) { return [v](int, int) { return v; }; };
+  Write("dark.fits", level(10));
+  Write("light/a.fits", level(100));
+  Write("light/c.fits", level(300));
+  files::WriteBytes(In("light/b.fits"), files::ReadBytes(In("light/a.fits")).substr(0, 3000));
+  files::WriteBytes(In("broken.fits"), "SIMPLE");
+
+  // Nothing to calibrate with; a folder without images; a plan.
+  EXPECT_EQ(Calibrate("--out @out @light").code, kBadUsage);
+  fs::create_directory(In("empty"));
+  EXPECT_NE(Calibrate("--dark @empty --out @out @light").errors.find("no images"), std::string::npos);
+  const Outcome plan = Calibrate("--dark @dark.fits --dry-run --out @out @light/a.fits");
+  EXPECT_NE(plan.out.find("a.fits: master_dark"), std::string::npos) << plan.out;
+  EXPECT_FALSE(fs::exists(In("out")));
+
+  // A broken calibration frame stops all, a broken light itself only.
+  const Outcome none = Calibrate("--dark @dark.fits @broken.fits --out @out @light");
+  EXPECT_EQ(none.code, 1);
+  EXPECT_NE(none.errors.find("broken.fits"), std::string::npos);
+  EXPECT_FALSE(fs::exists(In("out")));
+  const Outcome some = Calibrate("--dark @dark.fits --out @out --json @light");
+  EXPECT_EQ(some.code, 1);
+  EXPECT_NE(some.errors.find("b.fits"), std::string::npos);
+  EXPECT_EQ(std::count(some.errors.begin(), some.errors.end(), '\n'), 1) << some.errors;
+  EXPECT_EQ(std::count(some.out.begin(), some.out.end(), '\n'), 2) << some.out;
+  EXPECT_EQ(Difference("out/c.fits", level(290)), "");
+
+  // Results are replaced when that is asked for, inputs never.
+  Write("dark2.fits", level(20));
+  const Outcome refused = Calibrate("--dark @dark2.fits --out @out @light/a.fits");
+  EXPECT_EQ(refused.code, 1);
+  EXPECT_NE(refused.errors.find("--overwrite"), std::string::npos) << refused.errors;
+  EXPECT_EQ(Difference("out/a.fits", level(90)), "");
+  EXPECT_EQ(Calibrate("--dark @dark2.fits --overwrite --out @out @light/a.fits").code, 0);
+  EXPECT_EQ(Difference("out/a.fits", level(80)), "");
+  EXPECT_EQ(Calibrate("--dark @dark.fits --overwrite --out @light @light/a.fits").code, 1);
+  EXPECT_EQ(Difference("light/a.fits", level(100)), "");
+
+  // Two lights that would make one file.
+  Write("other/a.fit", level(100));
+  EXPECT_NE(Calibrate("--dark @dark.fits --out @out3 @light/a.fits @other/a.fit").errors.find("same name"),
+            std::string::npos);
+  EXPECT_FALSE(fs::exists(In("out3")));
+}
+
+/// The sky of a calibrated light over what the truth says, in cells free of stars and nebula.
+struct Cell {
+  double distance;  ///< from the middle, 1 in the corners
+  double ratio;
+};
+
+std::vector<Cell> SkyCells(const json& truth, const std::vector<float>& light, int width, int height) {
+  constexpr int kCell = 25;
+  constexpr double kNegligible = 0.05;  // electrons of a star's wings
+  std::vector<bool> star(light.size());
+  const double w = truth["psf"]["fwhm_px"].get<double>() / (2 * std::sqrt(std::cbrt(2.0) - 1));
+  for (const json& s : truth["stars"]) {
+    const double peak = s["flux_e"].get<double>() * 2 / (std::numbers::pi * w * w);
+    const double reach = w * std::sqrt(std::cbrt(peak / kNegligible) - 1), sx = s["x"], sy = s["y"];
+    for (int y = std::max<int>(0, sy - reach); y < std::min<double>(height, sy + reach); ++y) {
+      for (int x = std::max<int>(0, sx - reach); x < std::min<double>(width, sx + reach); ++x) {
+        if (std::hypot(x - sx, y - sy) < reach) star[static_cast<size_t>(y) * width + x] = true;
+      }
+    }
+  }
+  const json& sky = truth["sky"];
+  const double cx = (width - 1) / 2.0, cy = (height - 1) / 2.0;
+  std::vector<Cell> cells;
+  for (int top = 0; top + kCell <= height; top += kCell) {
+    for (int left = 0; left + kCell <= width; left += kCell) {
+      std::vector<double> ratios;
+      for (int y = top; y < top + kCell; ++y) {
+        for (int x = left; x < left + kCell; ++x) {
+          const size_t i = static_cast<size_t>(y) * width + x;
+          const double gradient = 1 + sky["gradient_x"].get<double>() * (x - cx) / width +
+                                  sky["gradient_y"].get<double>() * (y - cy) / height;
+          if (!star[i]) ratios.push_back(light[i] / gradient / sky["sky_adu"].get<double>());
+        }
+      }
+      if (ratios.size() < kCell * kCell / 2) continue;
+      // Cosmic rays and hot pixels stand far above the rest.
+      std::sort(ratios.begin(), ratios.end());
+      const size_t cut = ratios.size() / 50;
+      double sum = 0;
+      for (size_t i = cut; i < ratios.size() - cut; ++i) {
+        sum += ratios[i];
+      }
+      cells.push_back({std::hypot(left + kCell / 2 - cx, top + kCell / 2 - cy) / std::hypot(cx, cy),
+                       sum / static_cast<double>(ratios.size() - 2 * cut)});
+    }
+  }
+  // What is left of the nebula shows as cells that are too bright by the noise of a cell.
+  constexpr double kNoise = 0.0016;
+  for (int round = 0; round < 10; ++round) {
+    std::vector<double> ratios;
+    for (const Cell& cell : cells) {
+      ratios.push_back(cell.ratio);
+    }
+    std::nth_element(ratios.begin(), ratios.begin() + static_cast<std::ptrdiff_t>(ratios.size() / 2),
+                     ratios.end());
+    std::erase_if(cells, [&, middle = ratios[ratios.size() / 2]](const Cell& cell) {
+      return std::abs(cell.ratio - middle) > 2.5 * kNoise;
+    });
+  }
+  return cells;
+}
+
+double MeanRatio(const std::vector<Cell>& cells, double from, double to) {
+  double sum = 0;
+  int count = 0;
+  for (const Cell& cell : cells) {
+    if (cell.distance >= from && cell.distance <= to) sum += cell.ratio, ++count;
+  }
+  EXPECT_GE(count, 8) << from << " to " << to;
+  return sum / count;
+}
+
+TEST_F(CalibrateTest, ASimulatedSessionComesOutAsItsTruth) {
+  constexpr int kSide = 1000;
+  ASSERT_TRUE(Simulate(In("s"), {.frames = 6, .width = kSide, .height = kSide, .seed = 2}));
+  fs::rename(In("s/lights"), In("s/LIGHT"));
+  fs::rename(In("s/biases"), In("s/Bias"));
+  const json truth = json::parse(files::ReadBytes(In("s/truth.json")));
+  std::vector<std::vector<float>> results;
+  for (const char* threads : {"1", "2", "3"}) {
+    const fs::path out = In(std::string("out") + threads);
+    const Outcome outcome = Call({"run", In("s").string(), "--out", out.string(), "--threads", threads});
+    ASSERT_EQ(outcome.code, 0) << outcome.errors;
+    EXPECT_EQ(outcome.errors, "");
+    EXPECT_TRUE(fs::exists(out / "masters/master_dark_120s.fits"));
+    EXPECT_EQ(ImageReader::Open(out / "calibrated/light_0006.png")->Info().width, kSide);
+    results.push_back(Pixels(out / "calibrated/light_0001.fits"));
+    for (const auto& entry : fs::recursive_directory_iterator(out)) {
+      EXPECT_NE(entry.path().extension(), ".part");
+    }
+  }
+  EXPECT_EQ(results[1], results[0]);
+  EXPECT_EQ(results[2], results[0]);
+
+  const std::vector<Cell> cells = SkyCells(truth, results[0], kSide, kSide);
+  EXPECT_NEAR(MeanRatio(cells, 0, 1), 1, 0.001);
+  EXPECT_NEAR(MeanRatio(cells, 0.85, 1) / MeanRatio(cells, 0, 0.3), 1, 0.005);
+  // Without the flat the same measure sees the vignette.
+  const std::vector<Cell> raw = SkyCells(truth, Pixels(In("s/LIGHT/light_0001.fits")), kSide, kSide);
+  EXPECT_TRUE(raw.empty() || std::abs(MeanRatio(raw, 0, 1) - 1) > 0.1);
+}
+
+TEST_F(CalibrateTest, MemoryDoesNotGrowWithTheNumberOfFrames) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer keeps freed memory";
+#endif
+  constexpr int kSide = 1200, kFrames = 60;  // 5.8 MB each as floats
+  ASSERT_TRUE(Simulate(In("one"), {.frames = 1, .width = kSide, .height = kSide}));
+  for (const auto& [kind, frame] :
+       {std::pair("lights", "light"), {"darks", "dark"}, {"flats", "flat"}, {"biases", "bias"}}) {
+    fs::create_directories(In(std::string("many/") + kind));
+    for (int i = 0; i < kFrames; ++i) {
+      fs::create_symlink(In(fmt::format("one/{}/{}_0001.fits", kind, frame)),
+                         In(fmt::format("many/{}/{}.fits", kind, i)));
+    }
+  }
+  const std::string session = In("many").string(), out = In("out").string();
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    execl(KORIMG_TOOL, "korimg", "run", session.c_str(), "--out", out.c_str(), "--quiet", nullptr);
+    _exit(99);
+  }
+  int status = 0;
+  rusage usage{};
+  ASSERT_EQ(wait4(child, &status, 0, &usage), child);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_LT(usage.ru_maxrss / 1024, 200) << "MB; the frames of one kind alone are " << 5.8 * kFrames;
+  EXPECT_TRUE(fs::exists(In("out/calibrated/59.fits")));
+}
+
+TEST_F(CalibrateTest, RealSessions) {
+  const fs::path data = files::RealFrames();
+  if (data.empty()) GTEST_SKIP() << "no real frames: KORIMG_TEST_DATA names no folder";
+  const struct {
+    std::string folder, light;
+    std::vector<std::pair<std::string, std::string>> kinds;  // option and start of the names
+    int lights;
+  } sessions[] = {
+      {"ub17-calibration",
+       "UB17",
+       {{"--dark", "calib-001-d calib-002-d"}, {"--bias", "calib-001-bi calib-002-bi"}, {"--flat", "flat"}},
+       2},
+      {"ic310-infrared", "IC310", {{"--bias", "bias"}, {"--flat", "flats"}}, 5},
+  };
+  for (const auto& [folder, light, kinds, lights] : sessions) {
+    const auto find = [&, &folder = folder](const std::string& starts, std::vector<std::string>& words) {
+      std::istringstream in(starts);
+      for (std::string start; in >> start;) {
+        for (const auto& entry : fs::directory_iterator(data / folder)) {
+          if (entry.path().filename().string().starts_with(start)) words.push_back(entry.path().string());
+        }
+      }
+    };
+    std::vector<std::string> words = {"calibrate"};
+    for (const auto& [option, starts] : kinds) {
+      words.push_back(option);
+      find(starts, words);
+    }
+    words.insert(words.end(), {"--out", In(folder).string()});
+    find(light, words);
+    const Outcome outcome = Call(words);
+    ASSERT_EQ(outcome.code, 0) << folder << outcome.errors;
+    EXPECT_EQ(outcome.errors, "");
+    int count = 0;
+    for (const auto& entry : fs::directory_iterator(In(folder))) {
+      if (entry.path().extension() != ".fits") continue;
+      ++count;
+      for (const float v : Pixels(entry.path())) {
+        ASSERT_TRUE(std::isfinite(v)) << entry.path();
+      }
+    }
+    EXPECT_EQ(count, lights) << folder;
+  }
+}
+
+}  // namespace
+}  // namespace korimg::tool
