@@ -16,6 +16,7 @@
 #include "korimg/platform/CParallel.h"
 
 #include "app/calibrate/Masters.h"
+#include "app/calibrate/Report.h"
 #include "app/files/Formats.h"
 #include "app/tool/Images.h"
 #include "app/verbs/AutoPicture.h"
@@ -126,6 +127,7 @@ class Session {
       }
       outputs.push_back(ManifestPath());
     }
+    if (!options_.report.empty()) outputs.push_back(options_.report);
     std::set<fs::path> inputs;
     for (const Light& light : lights_) {
       inputs.insert(fs::weakly_canonical(light.frame.path));
@@ -151,8 +153,10 @@ class Session {
       const Master* off = offset == offsetsOfFlats_.end() ? nullptr : &masters_.at(offset->second);
       const Master& master = masters_.emplace(group, MakeMaster(tool_, store_, *group, off)).first->second;
       const Measures& m = master.measures;
-      tool_.console.Say(fmt::format("{}: {}; mean {:.6g}, min {:.6g}, max {:.6g}, saturated {}", group->name,
-                                    group->Text(), m.mean, m.min, m.max, Percent(master.saturated)));
+      report_.masters.push_back(fmt::format("{}: {}; mean {:.6g}, min {:.6g}, max {:.6g}, saturated {}",
+                                            group->name, group->Text(), m.mean, m.min, m.max,
+                                            Percent(master.saturated)));
+      tool_.console.Say(report_.masters.back());
       if (group->kind == FrameKind::Flat) WarnOfFlat(master);
     }
   }
@@ -204,11 +208,23 @@ class Session {
       }
       tool_.console.JobProgress("calibrating frame", static_cast<long long>(done) + 1,
                                 static_cast<long long>(lights_.size()));
-      tool_.ForEachFile({lights_[done++].frame.path},
-                        [&](const fs::path&) { Report(running.front().get()); });
+      const Light& light = lights_[done++];
+      ReportRow row{light.frame.path.filename().string(), light.Served()};
+      tool_.ForEachFile({light.frame.path}, [&](const fs::path&) {
+        const Result result = running.front().get();
+        row.preview = light.preview;
+        row.mean = result.mean;
+        row.clipped = result.clipped;
+        Tell(result);
+      });
+      report_.rows.push_back(std::move(row));
       running.pop_front();
     }
     tool_.console.JobProgress("", 0, 0);
+    if (options_.report.empty()) return;
+    report_.command = tool_.commandLine;
+    WriteReport(report_, options_.report);
+    tool_.console.Say("report: " + options_.report.string());
   }
 
   bool HasLights() const { return !lights_.empty(); }
@@ -460,7 +476,7 @@ class Session {
     }
   }
 
-  void Report(const Result& result) {
+  void Tell(const Result& result) {
     const Light& light = *result.light;
     if (tool_.options.json) {
       Json json = light.Description();
@@ -484,6 +500,7 @@ class Session {
   std::vector<Light> lights_;
   std::shared_ptr<CVmManager> store_ = tool_.MakeStore();
   std::map<const Group*, Master> masters_;
+  Report report_;
 };
 
 }  // namespace

@@ -68,6 +68,7 @@ void Run(Tool& tool, const fs::path& session, CalibrateOptions options) {
   } else {
     tool.console.Warn("no darks, flats or biases: the lights are only previewed");
   }
+  options.report = options.out / "report.html";
   options.out /= "calibrated";
   Calibrate(tool, options);
 }
