@@ -85,7 +85,11 @@ class Session {
     FindOffsetsOfFlats();
     const std::vector<fs::path> paths = ExpandFolders(options.lights);
     CheckStems(paths);
-    tool.ForEachFile(paths, [&](const fs::path& path) { lights_.push_back(PlanLight(path)); });
+    tool.ForEachFile(paths, [&](const fs::path& path) {
+      report_.rows.push_back({path.filename().string()});  // failed, unless it is planned
+      lights_.push_back(PlanLight(path));
+      report_.rows.pop_back();
+    });
   }
 
   void Show() {

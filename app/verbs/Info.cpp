@@ -1,5 +1,8 @@
 // korimg info: what files hold. korimg --version: what the tool is.
+#include <algorithm>
+#include <bit>
 #include <cmath>
+#include <limits>
 #include <map>
 
 #include <fmt/format.h>
@@ -20,14 +23,53 @@ struct PlaneMeasures {
   double min, max, mean, median, stddev;
 };
 
+/// A number that sorts as the float does.
+std::uint32_t SortKey(float value) {
+  const auto bits = std::bit_cast<std::uint32_t>(value);
+  return bits >> 31 ? ~bits : bits | 1u << 31;
+}
+
+/// The value of a rank among a plane's pixels without NaN: counted by the upper halves of their sort keys,
+/// then by the lower halves of those that share the upper one. Takes no copy of the pixels.
+float ValueOfRank(CVelImage& image, int plane, long long rank) {
+  std::uint32_t prefix = 0;
+  for (const int shift : {16, 0}) {
+    std::vector<long long> counts(1 << 16);
+    for (int y = 0; y < image.GetHeight(); ++y) {
+      const float* line = image.GetLine(0, y, plane);
+      for (int x = 0; x < image.GetWidth(); ++x) {
+        const std::uint32_t key = SortKey(line[x]);
+        const bool shares = shift == 16 || key >> 16 == prefix >> 16;
+        if (shares && !std::isnan(line[x])) ++counts[(key >> shift) & 0xFFFF];
+      }
+    }
+    std::uint32_t half = 0;
+    for (; rank >= counts[half]; ++half) {
+      rank -= counts[half];
+    }
+    prefix |= half << shift;
+  }
+  return std::bit_cast<float>(prefix >> 31 ? prefix & ~(1u << 31) : ~prefix);
+}
+
+/// Median of the pixels that are not NaN; the mean of the two middle ones when their number is even.
+double MedianOf(CVelImage& image, int plane) {
+  long long count = 0;
+  for (int y = 0; y < image.GetHeight(); ++y) {
+    const float* line = image.GetLine(0, y, plane);
+    count += std::count_if(line, line + image.GetWidth(), [](float v) { return !std::isnan(v); });
+  }
+  if (count == 0) return std::numeric_limits<double>::quiet_NaN();
+  const double upper = ValueOfRank(image, plane, count / 2);
+  return count % 2 == 1 ? upper : 0.5 * ValueOfRank(image, plane, count / 2 - 1) + 0.5 * upper;
+}
+
 PlaneMeasures Measure(CImgAutoLevel& image, int plane) {
   const auto [min, max, mean] = image.GetMinMaxAvr(plane);
-  float median = 0;
-  image.GetMedian(&median, 0, 0, plane, nullptr);
   double deviation = 0;
   image.GetLevelRangeStd(-std::numeric_limits<float>::infinity(), std::numeric_limits<float>::infinity(),
                          &deviation, plane, nullptr);
-  return {min, max, mean, median, deviation};
+  return {min, max, mean, MedianOf(image, plane), deviation};
 }
 
 /// Header keywords that people look for first.
