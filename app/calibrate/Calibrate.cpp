@@ -470,8 +470,8 @@ class Session {
     if (offset) {
       // What the camera's own pedestal was came off with the frames that have it too.
       header.Remove("PEDESTAL");
-      header.AddHistory(fmt::format("{} of the pixels lay below their {} and are 0", Percent(result.clipped),
-                                    NameOf(offset->group->kind)));
+      header.AddHistory(fmt::format("{} of the pixels lay below their {} and were clipped",
+                                    Percent(result.clipped), NameOf(offset->group->kind)));
     }
     if (options_.pedestal > 0) {
       header.Set("PEDESTAL", source - options_.pedestal, "add this to get zero-based values");
