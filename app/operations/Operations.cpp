@@ -1,5 +1,7 @@
 #include "app/operations/Operations.h"
 
+#include <cmath>
+
 #include <fmt/format.h>
 
 #include "korimg/calibration/CImgDark.h"
@@ -146,6 +148,9 @@ void Dark(Call& call) {
 
 void Flat(Call& call) {
   const auto flat = call.File("file");
+  if (!std::isfinite(flat->GetAvrGrayRaw(0))) {
+    throw UsageError("flat: the flat has blank pixels; dark-flat passes them over");
+  }
   if (call.Number("gamma") > 0) {
     call.image->FlatClbrtn(flat.get(), static_cast<float>(call.Number("offset")), call.Number("gamma"),
                            kShow);
@@ -160,10 +165,10 @@ void DarkFlat(Call& call) {
   const auto flat = call.Has("flat") ? call.File("flat") : nullptr;
   float minima[3] = {}, maxima[3] = {}, averages[3] = {};
   for (int p = 0; flat && p < flat->GetPlanes(); ++p) {
-    const auto [min, max] = flat->GetMinMax(p);
+    const auto [min, max, average] = flat->GetMinMaxAvr(p);
     minima[p] = static_cast<float>(min);
     maxima[p] = static_cast<float>(max);
-    averages[p] = flat->GetAvrGrayRaw(p);
+    averages[p] = static_cast<float>(average);  // blank pixels passed over, lest one of them blanks the image
   }
   const int done =
       call.image->DarkFlat(call.image.get(), dark.get(), flat.get(), minima, maxima, averages,

@@ -46,9 +46,9 @@ int CVelImage::ShowProgress(int n) {
   }
   // The display needs about the right number only, so workers count without order.
   const int count = progressCount_.fetch_add(n, std::memory_order_relaxed) + n;
-  if (count > progressNext_.load(std::memory_order_relaxed)) {
-    korimg::PostProgress(progressWindow_,
-                         korimg::TruncateToInt(static_cast<double>(count) / progressTotal_ * 100.0));
+  if (progressTotal_ > 0 && count > progressNext_.load(std::memory_order_relaxed)) {
+    const int percent = korimg::TruncateToInt(static_cast<double>(count) / progressTotal_ * 100.0);
+    korimg::PostProgress(progressWindow_, std::min(percent, 100));
     progressNext_.fetch_add(progressStep_, std::memory_order_relaxed);
   }
   return ShowProgressContinue();

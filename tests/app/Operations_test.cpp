@@ -84,6 +84,20 @@ TEST_F(Table, AWindowLeavesTheRestAsItWas) {
   }
 }
 
+TEST_F(Table, ABlankPixelOfAFlatLeavesItsPixelAlone) {
+  first_ = File("first.fits", Random(100, 1000));
+  second_ = File("flat.fits",
+                 [](int p, int x, int y) { return x == 7 && y == 9 ? NAN : Random(50, 500, 2)(p, x, y); });
+  Step step{&FindOperation("dark-flat"), {{"flat", second_.string()}}};
+  managers_.push_back(MemoryStore());
+  LoadedImage loaded = LoadImage(tool_, managers_.back(), first_);
+  Call call(tool_, step, loaded.image, nullptr);
+  step.operation->run(call);
+  EXPECT_EQ(loaded.image->GetPixelGrayRaw(7, 9, 1), static_cast<float>(Random(100, 1000)(1, 7, 9)));
+  EXPECT_TRUE(std::isfinite(loaded.image->GetPixelGrayRaw(8, 9, 1)));
+  EXPECT_THROW(Run(FindOperation("flat"), "contiguous", nullptr), UsageError);
+}
+
 TEST_F(Table, DefaultsAreWithinTheirRangesAndNamesAreUnique) {
   std::vector<std::string> names;
   for (const Operation& operation : Operations()) {

@@ -117,6 +117,29 @@ TEST(CImgCutOff, ReplacesWhatLiesBeyondTheLevels) {
       0);
 }
 
+TEST(PointOperations, WorkInPlace) {
+  float bright[] = {10, 20, 30}, contrast[] = {50, 60, 70};
+  const auto check = [](auto image, int width, const std::string& store,
+                        const std::function<void(decltype(*image), CVelImage&)>& run) {
+    using Image = std::decay_t<decltype(*image)>;
+    const auto apart = Make<Image>(image->VmManager(), width, 40, 3, kGarbage);
+    const auto source = Make(image->VmManager(), width, 40, 3, Wild(0, 1000));
+    run(*apart, *source);
+    run(*image, *image);
+    EXPECT_EQ(Difference(*image, *apart), "") << store << " " << width;
+  };
+  for (const StoreCase& store : Stores()) {
+    for (const int width : {1, 3, 7, 65, 71}) {
+      check(Make<CImgBright>(store.make(), width, 40, 3, Wild(0, 1000)), width, store.name,
+            [&](CImgBright& target, CVelImage& src) { target.Do(bright, contrast, 90, &src, nullptr, 0); });
+      check(Make<CImgCalculation>(store.make(), width, 40, 3, Wild(0, 1000)), width, store.name,
+            [&](CImgCalculation& target, CVelImage& src) { target.Do(3, 1, 1, &src, nullptr, 0); });
+      check(Make<CImgCutOff>(store.make(), width, 40, 3, Wild(0, 1000)), width, store.name,
+            [&](CImgCutOff& target, CVelImage& src) { target.Do(&src, -1, 2, nullptr, 0); });
+    }
+  }
+}
+
 TEST(Threshold, ReplacesPixelsInPlace) {
   struct Case {
     void (CVelImage::*run)(int, float, float);

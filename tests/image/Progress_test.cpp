@@ -39,8 +39,6 @@ class Recorder {
   HWND window_;
 };
 
-class Counting : public CImgInvert {};
-
 TEST(Progress, OneEventForEachStep) {
   Recorder recorder;
   CVelImage image;
@@ -53,6 +51,17 @@ TEST(Progress, OneEventForEachStep) {
   image.ShowProgressEnd(0);
   EXPECT_EQ(recorder.events,
             (std::vector<std::string>{"0 invert", "1 1", "1 3", "1 5", "1 7", "1 9", "1 40", "2 0"}));
+}
+
+TEST(Progress, IsNeverMoreThanAllAndNothingOfNothing) {
+  Recorder recorder;
+  CVelImage image;
+  image.SetProgressHandle(recorder.Window());
+  image.ShowProgressInit(1, 0, 0);
+  image.ShowProgress(1);
+  image.ShowProgressInit(1, 0, 2);
+  image.ShowProgress(5);
+  EXPECT_EQ(recorder.events, (std::vector<std::string>{"0 0", "0 0", "1 100"}));
 }
 
 TEST(Progress, PulseModePassesAmountsOn) {
