@@ -286,9 +286,8 @@ float CVelImage::GetAvrGrayRaw(int plane) {
     return static_cast<float>(average.Value());
   }
   double sum = 0;
-  for (const double line : MapLines(0, GetHeight(), [&](int y) {
-         return SumOf(GetLine(0, y, plane), GetWidth());
-       })) {
+  for (const double line :
+       MapLines(0, GetHeight(), [&](int y) { return SumOf(GetLine(0, y, plane), GetWidth()); })) {
     sum += line;
   }
   return static_cast<float>(sum / GetWidth() / GetHeight());
