@@ -123,7 +123,7 @@ std::string MasterName(const Group& group) {
 }  // namespace
 
 std::string Group::Text() const {
-  const std::string from = frames.front().path.filename().string();
+  std::string from = frames.front().path.filename().string();
   if (frames.size() == 1) return from;
   return fmt::format("{} frames ({} to {})", frames.size(), from, frames.back().path.filename().string());
 }

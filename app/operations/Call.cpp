@@ -49,10 +49,10 @@ size_t Distance(const std::string& a, const std::string& b) {
 }  // namespace
 
 const Operation& FindOperation(const std::string& name) {
-  const Operation* nearest = nullptr;
+  const Operation* nearest = &Operations().front();
   for (const Operation& operation : Operations()) {
     if (operation.name == name) return operation;
-    if (!nearest || Distance(name, operation.name) < Distance(name, nearest->name)) nearest = &operation;
+    if (Distance(name, operation.name) < Distance(name, nearest->name)) nearest = &operation;
   }
   throw UsageError(fmt::format("there is no operation '{}'; did you mean '{}'? `korimg ops` lists them all",
                                name, nearest->name));
@@ -61,7 +61,7 @@ const Operation& FindOperation(const std::string& name) {
 std::string Step::Text() const {
   std::string text = operation->name;
   for (const auto& [name, value] : values) {
-    text += " " + name + "=" + value;
+    text += fmt::format(" {}={}", name, value);
   }
   return text;
 }

@@ -45,7 +45,7 @@ CVelImage::~CVelImage() {
 }
 
 CVelImage& CVelImage::operator=(CVelImage const& other) {
-  CopyImageInternal(other, nullptr, nullptr);
+  if (this != &other) CopyImageInternal(other, nullptr, nullptr);
   return *this;
 }
 
