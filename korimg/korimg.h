@@ -2,6 +2,7 @@
 #pragma once
 
 #include "korimg/calibration/CImgDark.h"
+#include "korimg/calibration/MedianOfFrames.h"
 #include "korimg/colour/CColor.h"
 #include "korimg/image/CHeader.h"
 #include "korimg/image/CImage.h"
