@@ -117,6 +117,37 @@ TEST_F(ToolTest, RunWorksThroughASession) {
   EXPECT_TRUE(std::filesystem::exists(In("the result") / "masters" / "manifest.json"));
 }
 
+TEST_F(ToolTest, ColourFramesAreCalibratedPlaneByPlane) {
+  const auto frame = [&](const std::string& name, const test::PixelRule& rule, int planes) {
+    Planes pixels(planes, std::vector<float>(60 * 40));
+    for (int p = 0; p < planes; ++p) {
+      for (int i = 0; i < 60 * 40; ++i) {
+        pixels[p][i] = static_cast<float>(rule(p, i % 60, i / 60));
+      }
+    }
+    const auto writer = ImageWriter::Create(In(name), {.width = 60, .height = 40, .planes = planes});
+    WriteAll(*writer, pixels, 60, 40, 16);
+    return pixels;
+  };
+  const Planes light = frame("light.fits", test::Random(500, 2000), 3),
+               dark = frame("dark.fits", test::Random(90, 110, 2), 1),
+               flat = frame(
+                   "flat.fits",
+                   [](int p, int x, int y) { return (p + 1) * test::Random(900, 1100, 3)(p, x, y); }, 3);
+  ASSERT_EQ(Shell("korimg calibrate --dark dark.fits --flat flat.fits --out done light.fits").code, 0);
+  const Planes done = Read("done/light.fits");
+  ASSERT_EQ(done.size(), 3u);
+  for (int p = 0; p < 3; ++p) {
+    double mean = 0;
+    for (const float v : flat[p]) {
+      mean += v / 2400.0;
+    }
+    for (int i = 0; i < 2400; ++i) {
+      ASSERT_NEAR(done[p][i], (light[p][i] - dark[0][i]) * mean / flat[p][i], 0.01) << p << " " << i;
+    }
+  }
+}
+
 TEST_F(ToolTest, BadFilesAreOneLineEachAndTheOthersAreDone) {
   Frame("good.fits", 8, 8, [](int, int, int) { return 5; });
   WriteBytes(In("empty.fits"), "");
