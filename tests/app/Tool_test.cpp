@@ -259,8 +259,8 @@ TEST_F(ToolTest, ImagesLargerThanTheMemoryComeOutTheSame) {
   // A sanitizer's own memory would count.
   const std::string limit = kSanitized ? "" : "ulimit -d $((158 * 1024)); ";
   for (const std::string store : {"contiguous", "paged"}) {
-    const Result r =
-        Shell(limit + "korimg " + steps + "-o small.fits --overwrite --memory 8M --store " + store);
+    const Result r = Shell(limit + "korimg " + steps +
+                           "-o small.fits --overwrite --threads 2 --memory 8M --store " + store);
     ASSERT_EQ(r.code, 0) << store << ": " << r.err;
     const std::string small = ReadBytes(In("small.fits")).substr(2880 * 2);
     ASSERT_EQ(small.size(), whole.size());
