@@ -69,7 +69,11 @@ void RebaseToZero(Call& call) {
 }
 
 void LiftUp(Call& call) {
-  call.image->LiftUp(call.Integer("lines"));
+  const int lines = call.Integer("lines");
+  call.image->LiftUp(lines);
+  for (const char* key : {"CRPIX2", "LTV2"}) {
+    if (const auto row = call.header.GetDouble(key)) call.header.Set(key, *row - lines);
+  }
 }
 
 void Paste(Call& call) {

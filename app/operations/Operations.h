@@ -10,6 +10,7 @@
 
 #include "korimg/image/CVelImage.h"
 
+#include "app/files/ImageFile.h"
 #include "app/tool/Tool.h"
 
 namespace korimg::tool {
@@ -67,11 +68,12 @@ void CheckValue(const Operation& operation, const Parameter& parameter, const st
 /// What an operation runs on.
 class Call {
  public:
-  Call(Tool& tool, const Step& step, std::unique_ptr<CVelImage>& image, CRect* rect)
-      : tool(tool), image(image), rect(rect), step_(step) {}
+  Call(Tool& tool, const Step& step, std::unique_ptr<CVelImage>& image, files::Header& header, CRect* rect)
+      : tool(tool), image(image), header(header), rect(rect), step_(step) {}
 
   Tool& tool;
   std::unique_ptr<CVelImage>& image;
+  files::Header& header;  ///< of the image: operations that move pixels keep its world coordinates right
   CRect* rect;
 
   double Number(const std::string& name) const;

@@ -101,7 +101,7 @@ void Apply(Tool& tool, const ApplyOptions& options) {
   LoadedImage loaded = LoadImage(tool, store, plan.input, options.hdu);
   for (const Step& step : plan.steps) {
     tool.console.CheckCancelled();
-    Call call(tool, step, loaded.image, options.rect.empty() ? nullptr : &rect);
+    Call call(tool, step, loaded.image, loaded.info.header, options.rect.empty() ? nullptr : &rect);
     call.image->SetProgressHandle(call.Window());
     step.operation->run(call);
     tool.console.EndProgress();

@@ -37,7 +37,7 @@ class Table : public files::FolderTest {
     }
     managers_.push_back(store == "contiguous" ? MemoryStore() : TinyPool());
     LoadedImage loaded = LoadImage(tool_, managers_.back(), first_);
-    Call call(tool_, step, loaded.image, rect);
+    Call call(tool_, step, loaded.image, loaded.info.header, rect);
     operation.run(call);
     return std::move(loaded.image);
   }
@@ -91,7 +91,7 @@ TEST_F(Table, ABlankPixelOfAFlatLeavesItsPixelAlone) {
   Step step{&FindOperation("dark-flat"), {{"flat", second_.string()}}};
   managers_.push_back(MemoryStore());
   LoadedImage loaded = LoadImage(tool_, managers_.back(), first_);
-  Call call(tool_, step, loaded.image, nullptr);
+  Call call(tool_, step, loaded.image, loaded.info.header, nullptr);
   step.operation->run(call);
   EXPECT_EQ(loaded.image->GetPixelGrayRaw(7, 9, 1), static_cast<float>(Random(100, 1000)(1, 7, 9)));
   EXPECT_TRUE(std::isfinite(loaded.image->GetPixelGrayRaw(8, 9, 1)));

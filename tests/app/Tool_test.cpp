@@ -211,6 +211,18 @@ TEST_F(ToolTest, ApplyRunsAListOfOperations) {
   EXPECT_TRUE(told) << "HISTORY tells what was done";
 }
 
+TEST_F(ToolTest, WorldCoordinatesMoveWithThePixels) {
+  Header header;
+  header.Set("CRPIX1", 10.5);
+  header.Set("CRPIX2", 20.5);
+  Frame("a.fits", 50, 40, test::Random(0, 1000), "float32", header);
+  ASSERT_EQ(Shell("korimg apply lift-up lines=7 a.fits -o b.fits").code, 0);
+  const auto reader = ImageReader::Open(In("b.fits"));
+  EXPECT_EQ(reader->Info().header.GetDouble("CRPIX2"), 13.5);
+  EXPECT_EQ(reader->Info().header.GetDouble("CRPIX1"), 10.5);
+  EXPECT_EQ(Read("b.fits")[0][3 * 50 + 4], Read("a.fits")[0][10 * 50 + 4]);
+}
+
 TEST_F(ToolTest, LevelsTravelWithTheImage) {
   Frame("a.fits", 20, 20, [](int, int x, int) { return 100 * x; });
   ASSERT_EQ(Shell("korimg apply level min=500 max=1500 a.fits -o b.fits").code, 0);
