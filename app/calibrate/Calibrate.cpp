@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "korimg/image/CImgCalculation.h"
 #include "korimg/image/Lines.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/platform/CParallel.h"
@@ -432,14 +433,11 @@ class Session {
   }
 
   static void Add(CVelImage& image, float value) {
-    for (int p = 0; p < image.GetPlanes(); ++p) {
-      ForLines(Team::All, 0, image.GetHeight(), [&](int y) {
-        float* row = image.GetWritableLine(0, y, p);
-        for (int x = 0; x < image.GetWidth(); ++x) {
-          row[x] += value;
-        }
-      });
-    }
+    constexpr int kAdd = 0;
+    CImgCalculation sum;
+    sum.Swap(&image);
+    sum.Do(value, kAdd, 0, &sum, nullptr, 0);
+    sum.Swap(&image);
   }
 
   /// Share of the pixels that lie below their offset, and will be 0.

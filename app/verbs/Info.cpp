@@ -1,6 +1,5 @@
 // korimg info: what files hold. korimg --version: what the tool is.
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <limits>
 #include <map>
@@ -8,6 +7,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "korimg/image/Numbers.h"
 #include "korimg/levels/CImgAutoLevel.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/platform/CParallel.h"
@@ -22,12 +22,6 @@ namespace {
 struct PlaneMeasures {
   double min, max, mean, median, stddev;
 };
-
-/// A number that sorts as the float does.
-std::uint32_t SortKey(float value) {
-  const auto bits = std::bit_cast<std::uint32_t>(value);
-  return bits >> 31 ? ~bits : bits | 1u << 31;
-}
 
 /// The value of a rank among a plane's pixels without NaN: counted by the upper halves of their sort keys,
 /// then by the lower halves of those that share the upper one. Takes no copy of the pixels.
@@ -49,7 +43,7 @@ float ValueOfRank(CVelImage& image, int plane, long long rank) {
     }
     prefix |= half << shift;
   }
-  return std::bit_cast<float>(prefix >> 31 ? prefix & ~(1u << 31) : ~prefix);
+  return FromSortKey(prefix);
 }
 
 /// Median of the pixels that are not NaN; the mean of the two middle ones when their number is even.

@@ -29,6 +29,13 @@ float Blend(double a, double b, double p00, double p10, double p01, double p11) 
   return static_cast<float>((1 - b) * (1 - a) * p00 + (b - ab) * p01 + (a - ab) * p10 + ab * p11);
 }
 
+/// read(plane), or the brightness of the three planes for -1; a mono image has plane 0 only.
+template <class F>
+float OfPlane(CVelImage const& image, int plane, F&& read) {
+  if (!image.IsColor()) return read(0);
+  return plane == -1 ? CVelImage::CalcBright(read(0), read(1), read(2)) : read(plane);
+}
+
 }  // namespace
 
 unsigned char CVelImage::Gray256(float raw, int plane) const {
@@ -149,8 +156,7 @@ float CVelImage::GetPixelGrayRaw(int x, int y, double dx, double dy, double sin,
   const auto read = [&](int p) {
     return nearest ? GetPixelGrayRaw(ix, iy, p) : GetPixelGrayRaw(at.sx, at.sy, p);
   };
-  if (!IsColor()) return read(0);
-  return plane == -1 ? CalcBright(read(0), read(1), read(2)) : read(plane);
+  return OfPlane(*this, plane, read);
 }
 
 float CVelImage::GetPixelGray256f(int x, int y, double dx, double dy, double sin, double cos, double scale,
@@ -163,8 +169,7 @@ float CVelImage::GetPixelGray256f(int x, int y, double dx, double dy, double sin
   const auto read = [&](int p) {
     return nearest ? GetPixelGray256f(ix, iy, p) : GetPixelGray256f(at.sx, at.sy, p);
   };
-  if (!IsColor()) return read(0);
-  return plane == -1 ? CalcBright(read(0), read(1), read(2)) : read(plane);
+  return OfPlane(*this, plane, read);
 }
 
 float CVelImage::GetPixelGray256f(int x, int y, int dx, int dy, double sin, double cos, double scale,

@@ -1,7 +1,10 @@
-// Numbers to integers, with every number that does not fit limited first. Internal.
+// Numbers to integers: limited where they do not fit, and as keys to sort by. Internal.
 #pragma once
 
 #include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstdint>
 #include <limits>
 
 namespace korimg {
@@ -11,6 +14,17 @@ inline int TruncateToInt(double value) {
   constexpr double kLow = std::numeric_limits<int>::min(), kHigh = std::numeric_limits<int>::max();
   // max(low, NaN) is low: std::max answers its first argument unless the second one is greater.
   return static_cast<int>(std::min(std::max(kLow, value), kHigh));
+}
+
+/// A number that sorts as the float does, with NaN last.
+inline std::uint32_t SortKey(float value) {
+  if (std::isnan(value)) return ~0u;
+  const auto bits = std::bit_cast<std::uint32_t>(value);
+  return bits >> 31 ? ~bits : bits | 1u << 31;
+}
+
+inline float FromSortKey(std::uint32_t key) {
+  return std::bit_cast<float>(key >> 31 ? key & ~(1u << 31) : ~key);
 }
 
 }  // namespace korimg

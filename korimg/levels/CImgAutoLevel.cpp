@@ -1,7 +1,6 @@
 #include "korimg/levels/CImgAutoLevel.h"
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <functional>
@@ -280,17 +279,6 @@ double UpperMiddle(std::vector<double>& numbers) {
   if (middle >= end) return std::numeric_limits<double>::quiet_NaN();
   std::nth_element(numbers.begin(), middle, end);
   return *middle;
-}
-
-/// A number that sorts as the float does, with NaN last.
-std::uint32_t SortKey(float value) {
-  if (std::isnan(value)) return ~0u;
-  const auto bits = std::bit_cast<std::uint32_t>(value);
-  return bits >> 31 ? ~bits : bits | 1u << 31;
-}
-
-float FromSortKey(std::uint32_t key) {
-  return std::bit_cast<float>(key >> 31 ? key & ~(1u << 31) : ~key);
 }
 
 /// The same for the pixels themselves, without a copy of them: counted by the upper halves of their keys, and

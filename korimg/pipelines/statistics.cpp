@@ -98,7 +98,6 @@ Definition binning(const Target& target) {
   binned(x, y) = F64(0);
   binned(x, y) += column_sum(x * bins + across, y);
 
-  Var block("block");
   const int lanes = target.natural_vector_size<double>() * 2;
   binned.parallel(y);
   binned.update().reorder(across, x, y).parallel(y);
