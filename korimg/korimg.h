@@ -33,3 +33,5 @@
 #include "korimg/platform/GlobalMemory.h"
 #include "korimg/platform/Messages.h"
 #include "korimg/platform/StringTable.h"
+#include "korimg/raw/CImgBayerToRgb.h"
+#include "korimg/raw/CImgInformation.h"
