@@ -49,7 +49,7 @@ inline bool Serves(CVelImage const& frame, CVelImage const& image) {
          (!frame.IsColor() || frame.GetPlanes() >= image.GetPlanes());
 }
 
-inline bool IsContiguous(CVelImage const& image) {
+inline bool IsContiguous(CImage const& image) {
   return image.GetAllocationPolicy() != CVmManager::Paged;
 }
 
@@ -109,7 +109,7 @@ inline float NotNegative(float v) {
 /// A pipeline's view of a whole plane of a contiguous image, or of a temporary plane.
 class PlaneBuffer {
  public:
-  PlaneBuffer(CVelImage& image, int plane, bool readOnly = true)
+  PlaneBuffer(CImage& image, int plane, bool readOnly = true)
       : PlaneBuffer(reinterpret_cast<float*>(image.GetBlockOnMemory(plane, readOnly)), image.GetWidth(),
                     image.GetHeight()) {}
   PlaneBuffer(float* pixels, int width, int height) : buffer_(pixels, width, height) {}

@@ -59,18 +59,19 @@ class KORIMG_API CImgBayerToRgb : public CVelImage {
   };
   struct Strip;
 
-  int GetGain(int nCFA, double* pGain, CImage& image);
+  static int GetGain(int nCFA, double* pGain, CImage& image);
   bool ArgCheck(tagBayerStruct const& bayer) const;
   void CopySrcToBayer(CImage& frame);
   static void ChangeBitImage(CImage& frame, int srcBits, int dstBits, bool autoRange);
   /// Corrects plane 0 of the frame into plane 1.
   static void ToneCurveCorrect(CImage& frame, tagBayerStruct const& bayer, Range const& range);
   void GammaCorrect(int dstBits, double gamma);
-  int DoRoundUp(int green, int nProgress);
+  int DoRoundUp(tagBayerStruct const& bayer, int nProgress);
 
+  // The line path's steps for the rows y and y + 1, y odd.
   static void CopyOrgToDisp(CImage& frame, int plane, int y, Strip& strip);
-  static void MakeYImage(int cfa, Strip& strip);
-  static void MakeRGBImage(int cfa, Strip& strip);
+  static void MakeYImage(int nCFA, Strip& strip);
+  static void MakeRGBImage(int nCFA, Strip& strip);
   void SynthImage(tagBayerStruct const& bayer, Range const& range, int y, Strip& strip);
 
  private:

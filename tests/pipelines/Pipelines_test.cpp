@@ -128,7 +128,16 @@ class Argument {
 
   bool IsOutput() const { return argument_.kind == halide_argument_kind_output_buffer; }
 
-  void AddTo(std::uint64_t& hash) const {
+  /// All NaN are the same: which of two a sum passes on is left to the compiler.
+  void AddTo(std::uint64_t& hash) {
+    if (argument_.type.code == halide_type_float && argument_.type.bits == 32) {
+      for (size_t i = 0; i < bytes_.size(); i += 4) {
+        float number;
+        std::memcpy(&number, &bytes_[i], 4);
+        if (std::isnan(number)) number = NAN;
+        std::memcpy(&bytes_[i], &number, 4);
+      }
+    }
     for (const unsigned char byte : bytes_) {
       hash = (hash ^ byte) * 1099511628211ULL;
     }

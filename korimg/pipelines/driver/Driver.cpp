@@ -40,6 +40,20 @@ void Archive(const std::string& ar, const fs::path& archive, const std::vector<f
   if (std::system(command.c_str()) != 0) Fail("failed: " + command);
 }
 
+/// Renames the outputs of a function: the parts of a Tuple are called after it and numbered.
+void NameOutputs(Module& module, const std::string& function, const std::vector<std::string>& names) {
+  for (Internal::LoweredFunc& f : module.functions()) {
+    if (f.name != function) continue;
+    auto name = names.begin();
+    for (Internal::LoweredArgument& argument : f.args) {
+      if (!argument.is_output() || name == names.end()) continue;
+      Expr renamed = Internal::Variable::make(type_of<halide_buffer_t*>(), *name + ".buffer");
+      f.body = Internal::LetStmt::make(argument.name + ".buffer", renamed, f.body);
+      argument.name = *name++;
+    }
+  }
+}
+
 std::vector<fs::path> Compile(const Member& member, const std::string& forms, const fs::path& folder) {
   const std::vector<Target> targets = Forms(forms, member.withAvx2);
   std::vector<std::string> suffixes;
@@ -54,7 +68,9 @@ std::vector<fs::path> Compile(const Member& member, const std::string& forms, co
     // Strict floats: every form of a pipeline gives the same bits.
     const Target target = form.with_feature(Target::StrictFloat);
     Definition definition = member.define(target);
-    return Pipeline(definition.outputs).compile_to_module(definition.arguments, name, target);
+    Module module = Pipeline(definition.outputs).compile_to_module(definition.arguments, name, target);
+    NameOutputs(module, name, definition.outputNames);
+    return module;
   };
   compile_multitarget(member.name,
                       {{OutputFileType::object, (folder / (member.name + ".o")).string()},

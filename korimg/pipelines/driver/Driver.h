@@ -11,6 +11,7 @@
 struct Definition {
   std::vector<Halide::Argument> arguments;
   std::vector<Halide::Func> outputs;
+  std::vector<std::string> outputNames = {};  ///< of the parts when the only output is a Tuple
 };
 
 /// A named pipeline. `define` is called once for each compiled form, and must build everything anew.

@@ -1,0 +1,457 @@
+#include "korimg/raw/CImgBayerToRgb.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <vector>
+
+#include "korimg/image/Frame.h"
+#include "korimg/levels/CImgAutoLevel.h"
+#include "korimg/platform/CException.h"
+#include "korimg/platform/CParallel.h"
+
+using namespace korimg;
+
+namespace {
+
+constexpr int kRed = 0, kGreen = 1, kBlue = 2;
+
+/// Column and row of red in the 2 x 2 cell; blue lies diagonally opposite.
+struct RedSite {
+  int x, y;
+
+  explicit RedSite(int cfa) : x(cfa == 2 || cfa == 3), y(cfa == 3 || cfa == 4) {}
+  /// Parity of the columns of red or blue in a row.
+  int ColouredColumns(int row) const { return (x + y + row) & 1; }
+};
+
+float* Line(CImage& image, int y, int plane) {
+  return reinterpret_cast<float*>(image.GetVmImage()->GetImageAdr(0, y, plane, false, false, nullptr));
+}
+
+float const* ReadLine(CImage& image, int y, int plane) {
+  return reinterpret_cast<float const*>(image.GetVmImage()->GetImageAdr(0, y, plane, true, false, nullptr));
+}
+
+double WhiteOf(int bits) {
+  return std::ldexp(1.0, bits) - 1;
+}
+
+/// NaN stays NaN.
+template <class T>
+T Limited(T v, T min, T max) {
+  const T raised = v < min ? min : v;
+  return raised > max ? max : raised;
+}
+
+/// The gain of one position of the cell, and the knee that brings it back to white: a line of that slope from
+/// black to the point, and from there one to white.
+struct Knee {
+  double gain, pointX = 0, pointY = 0, ratio = 1;
+
+  Knee(double gain, double range) : gain(gain) {
+    if (!(range > 0)) return;  // nothing lies within
+    pointX = range / (gain + 1);
+    pointY = gain * range / (gain + 1);
+    ratio = (range - pointY) / (range - pointX);
+  }
+  double operator()(double v, double black) const {
+    const double d = v - black;
+    // The pixel itself, not its distance from black, decides the side.
+    return (v < pointX ? d * gain : (d - pointX) * ratio + pointY) + black;
+  }
+};
+
+}  // namespace
+
+/// Eight lines of a frame around a pair of rows, in several planes. Line 0 is an even row of the frame.
+struct CImgBayerToRgb::Strip {
+  static constexpr int kLines = 8, kPlanes = 6;
+  static constexpr int kBrightness = 3, kRaw = 4, kRedAndBlue = 5;  // after the colours
+
+  explicit Strip(int width) : width(width), pixels(static_cast<size_t>(width) * kLines * kPlanes) {}
+  float* Line(int plane, int line) { return &pixels[static_cast<size_t>(plane * kLines + line) * width]; }
+
+  int width;
+  std::vector<float> pixels;
+};
+
+int CImgBayerToRgb::Do(tagBayerStruct bayer, CVelImage* pSrc, int nProgress) {
+  const int copied = CopyImage(*pSrc, nullptr, nullptr);
+  return copied ? Do(bayer, nProgress) : copied;
+}
+
+int CImgBayerToRgb::Do(tagBayerStruct bayer, int nProgress) {
+  if (bayer.bRoundUp == 1) return DoRoundUp(bayer, nProgress);
+  if (!ArgCheck(bayer)) return 0;
+  const int width = GetWidth(), height = GetHeight(), step = height / 100;
+  const int gammaSteps = bayer.bGamma ? 3 * (height - bayer.nTrimBottom - bayer.nTrimTop) : 0;
+  const ProgressScope progress(*this, nProgress, bayer.bMono ? 6145 : 6178,
+                               height - 7 + 10 * step + gammaSteps);
+  if (bayer.bSubtract) {
+    if (IsContiguous(*this)) {
+      sub_scalar_inplace_float(bayer.fSubtract, PlaneBuffer(*this, 0, false));
+    } else {
+      ForLines(Team::All, 0, height, [&](int y) {
+        float* line = GetWritableLine(0, y, 0);
+        for (int x = 0; x < width; ++x) {
+          line[x] -= bayer.fSubtract;
+        }
+      });
+    }
+  }
+  ShowProgress(step);
+
+  std::unique_ptr<CImage> frame;
+  try {
+    frame = std::make_unique<CImage>(VmManager(), Float, width, height, bayer.bToneCurve ? 2 : 1, 1.0, 0.0,
+                                     true, nullptr);
+  } catch (velora::CVmMemoryAllocationError const&) {
+    throw new CMemoryException();
+  }
+  ShowProgress(step);
+  CopySrcToBayer(*frame);
+  ShowProgress(step);
+  ChangeBitImage(*frame, bayer.nSrcBits, bayer.nDstBits, bayer.bAutoRange != 0);
+  ShowProgress(step);
+
+  if (!ChangeSize(width - bayer.nTrimLeft - bayer.nTrimRight, height - bayer.nTrimTop - bayer.nTrimBottom,
+                  nullptr)) {
+    return 0;
+  }
+  ShowProgress(step);
+  if (!bayer.bMono) {
+    if (!ChangePlanes(3, nullptr)) return 0;
+    for (int p = 1; p < 3; ++p) {
+      SetLevel(p, GetLevelMin(0), GetLevelMax(0));
+    }
+    SetOrgPlanes(3);
+  }
+  ShowProgress(step);
+
+  Range range{0, WhiteOf(bayer.nDstBits)};
+  if (bayer.bAutoRange) {
+    frame->GetMinMax(0, &range.min, &range.max);
+  } else if (bayer.nSrcBits == Float) {
+    range = {frame->GetLevelMin(0), frame->GetLevelMax(0)};
+  }
+  ShowProgress(step);
+  if (bayer.bToneCurve) ToneCurveCorrect(*frame, bayer, range);
+  const int plane = bayer.bToneCurve ? 1 : 0;
+  if (CanHalide(*frame, *this, bayer.nCFA)) {
+    DevelopByPipelines(*frame, plane, bayer, range);
+  } else {
+    DevelopByLines(*frame, plane, bayer, range);
+  }
+  if (bayer.bGamma) GammaCorrect(bayer.nDstBits, bayer.dGamma);
+  SetBayerImage(false);
+  return 1;
+}
+
+bool CImgBayerToRgb::ArgCheck(tagBayerStruct const& bayer) const {
+  const bool knowsBits = bayer.nSrcBits == 12 || bayer.nSrcBits == 14
+                             ? bayer.nDstBits == 16
+                             : bayer.nSrcBits == Float && bayer.nDstBits == Float;
+  const int trims[] = {bayer.nTrimLeft, bayer.nTrimTop, bayer.nTrimRight, bayer.nTrimBottom};
+  const auto leaves = [](int size, int first, int second) { return 1LL * size - first - second > 0; };
+  return !IsEmpty() && bayer.nCFA >= 1 && bayer.nCFA <= 4 && GetWidth() >= 6 && GetHeight() >= 6 &&
+         knowsBits && *std::min_element(std::begin(trims), std::end(trims)) >= 0 &&
+         leaves(GetWidth(), bayer.nTrimLeft, bayer.nTrimRight) &&
+         leaves(GetHeight(), bayer.nTrimTop, bayer.nTrimBottom) && (!bayer.bToneCurve || bayer.pGain);
+}
+
+void CImgBayerToRgb::CopySrcToBayer(CImage& frame) {
+  for (int p = 0; p < frame.GetPlanes(); ++p) {
+    frame.SetLevel(p, GetLevelMin(0), GetLevelMax(0));
+  }
+  if (MayRunPipelines(*this, frame)) {
+    paste_float(PlaneBuffer(*this, 0), 0, GetWidth(), 0, GetHeight(), 0, 0, PlaneBuffer(frame, 0, false));
+    return;
+  }
+  ForLines(Team::All, 0, GetHeight(),
+           [&](int y) { std::copy_n(GetLine(0, y, 0), GetWidth(), Line(frame, y, 0)); });
+}
+
+void CImgBayerToRgb::ChangeBitImage(CImage& frame, int srcBits, int dstBits, bool autoRange) {
+  if (srcBits == Float) return;
+  double min = 0, max = WhiteOf(srcBits);
+  if (autoRange) frame.GetMinMax(0, &min, &max);
+  const double white = WhiteOf(dstBits), range = max - min;
+  ForLines(Team::All, 0, frame.GetHeight(), [&](int y) {
+    float* line = Line(frame, y, 0);
+    for (int x = 0; x < frame.GetWidth(); ++x) {
+      line[x] = range > 0 ? static_cast<float>(Limited((line[x] - min) * white / range, 0.0, white)) : 0.0f;
+    }
+  });
+}
+
+int CImgBayerToRgb::GetGain(int nCFA, double* pGain) {
+  return GetGain(nCFA, pGain, *this);
+}
+
+int CImgBayerToRgb::GetGain(int nCFA, double* pGain, CImage& image) {
+  if (nCFA < 1 || nCFA > 4) return 0;
+  float medians[4] = {1, 1, 1, 1};
+  // Lent for the measurement, which an exception may leave.
+  struct Loan {
+    CImage& owner;
+    CImgAutoLevel borrower;
+    explicit Loan(CImage& image) : owner(image) { owner.Swap(borrower); }
+    ~Loan() { owner.Swap(borrower); }
+  } loan(image);
+  loan.borrower.GetMedianBayer(medians, 1);
+  const bool greenFirst = nCFA == 2 || nCFA == 4;
+  const int green[2] = {greenFirst ? 0 : 1, greenFirst ? 3 : 2};
+  const auto mean = static_cast<float>(0.5 * (medians[green[0]] + medians[green[1]]));
+  for (int i = 0; i < 4; ++i) {
+    const bool reference = i == green[0] || i == green[1] || !(medians[i] >= 1);
+    pGain[i] = reference ? 1.0 : static_cast<double>(mean) / medians[i];
+  }
+  return 1;
+}
+
+bool CImgBayerToRgb::CanHalide(CImage const& frame, CImage const& image, int nCFA) {
+  return MayRunPipelines(frame, image) && nCFA < 5;
+}
+
+void CImgBayerToRgb::ToneCurveCorrect(CImage& frame, tagBayerStruct const& bayer, Range const& range) {
+  std::vector<Knee> knees;
+  for (int i = 0; i < 4; ++i) {
+    knees.emplace_back(bayer.pGain[i], range.max - range.min);
+  }
+  if (MayRunPipelines(frame)) {
+    // By levelcut and knee.
+    static constexpr std::array kPlain = {tone_curve_correct_float, tone_curve_correct_maker_float,
+                                          tone_curve_correct_levelcut_float,
+                                          tone_curve_correct_levelcut_maker_float};
+    static constexpr std::array kByPower = {
+        tone_curve_correct_curve_power_float, tone_curve_correct_curve_power_maker_float,
+        tone_curve_correct_curve_power_levelcut_float, tone_curve_correct_curve_power_levelcut_maker_float};
+    const int form = (bayer.bLevelCut ? 2 : 0) + (bayer.bKnee ? 1 : 0);
+    const auto four = [&](double Knee::*number, int i) { return static_cast<float>(knees[i].*number); };
+    const auto run = [&](auto* pipeline, auto... exponent) {
+      pipeline(PlaneBuffer(frame, 0), static_cast<float>(range.min), static_cast<float>(range.max),
+               four(&Knee::gain, 0), four(&Knee::gain, 1), four(&Knee::gain, 2), four(&Knee::gain, 3),
+               four(&Knee::pointX, 0), four(&Knee::pointX, 1), four(&Knee::pointX, 2), four(&Knee::pointX, 3),
+               four(&Knee::pointY, 0), four(&Knee::pointY, 1), four(&Knee::pointY, 2), four(&Knee::pointY, 3),
+               four(&Knee::ratio, 0), four(&Knee::ratio, 1), four(&Knee::ratio, 2), four(&Knee::ratio, 3),
+               exponent..., PlaneBuffer(frame, 1, false));
+    };
+    if (bayer.bCurvePower) {
+      run(kByPower[form], static_cast<float>(bayer.dCurvePower));
+    } else {
+      run(kPlain[form]);
+    }
+    return;
+  }
+  const auto [black, white] = range;
+  const auto correct = [&, black = black, white = white](double v, Knee const& knee) -> double {
+    if (!bayer.bKnee) return bayer.bLevelCut ? Limited(v * knee.gain, black, white) : v * knee.gain;
+    if (bayer.bLevelCut) return v < black ? black : v > white ? white : knee(v, black);
+    return v > black && v < white ? knee(v, black) : v;
+  };
+  const auto curve = [&, black = black, white = white, p = bayer.dCurvePower](double v) {
+    return v > black && v < white ? white * std::pow(1 - std::pow((white - v) / white, p), 1 / p) : v;
+  };
+  ForLines(Team::All, 0, frame.GetHeight(), [&](int y) {
+    float const* in = ReadLine(frame, y, 0);
+    float* out = Line(frame, y, 1);
+    for (int x = 0; x < frame.GetWidth(); ++x) {
+      const auto corrected = static_cast<float>(correct(in[x], knees[2 * (y & 1) + (x & 1)]));
+      out[x] = bayer.bCurvePower ? static_cast<float>(curve(corrected)) : corrected;
+    }
+  });
+}
+
+void CImgBayerToRgb::DevelopByPipelines(CImage& frame, int plane, tagBayerStruct const& bayer,
+                                        Range const& range) {
+  // By the number of the colour filter array.
+  static constexpr std::array kColour = {bayer_to_rgb_RGGB_float, bayer_to_rgb_GRBG_float,
+                                         bayer_to_rgb_BGGR_float, bayer_to_rgb_GBRG_float};
+  static constexpr std::array kColourCut = {
+      bayer_to_rgb_level_cut_RGGB_float, bayer_to_rgb_level_cut_GRBG_float, bayer_to_rgb_level_cut_BGGR_float,
+      bayer_to_rgb_level_cut_GBRG_float};
+  static constexpr std::array kGray = {bayer_to_gray_RGGB_float, bayer_to_gray_GRBG_float,
+                                       bayer_to_gray_BGGR_float, bayer_to_gray_GBRG_float};
+  static constexpr std::array kGrayCut = {
+      bayer_to_gray_level_cut_RGGB_float, bayer_to_gray_level_cut_GRBG_float,
+      bayer_to_gray_level_cut_BGGR_float, bayer_to_gray_level_cut_GBRG_float};
+  const auto low = static_cast<float>(range.min), high = static_cast<float>(range.max);
+  const int cfa = bayer.nCFA - 1;
+  PlaneBuffer in(frame, plane);
+  std::vector<PlaneBuffer> out;
+  for (int p = 0; p < (bayer.bMono ? 1 : 3); ++p) {
+    out.emplace_back(*this, p, false).SetMin(bayer.nTrimLeft, bayer.nTrimTop);
+  }
+  if (bayer.bMono) {
+    bayer.bLevelCut ? kGrayCut[cfa](in, low, high, out[0]) : kGray[cfa](in, out[0]);
+  } else {
+    bayer.bLevelCut ? kColourCut[cfa](in, low, high, out[0], out[1], out[2])
+                    : kColour[cfa](in, out[0], out[1], out[2]);
+  }
+}
+
+void CImgBayerToRgb::DevelopByLines(CImage& frame, int plane, tagBayerStruct const& bayer,
+                                    Range const& range) {
+  const int height = frame.GetHeight();
+  ShowProgress(height / 100);
+  const int first = std::max(3, bayer.nTrimTop / 2 * 2 + 1);
+  const int last = std::min(height - 5, (height - bayer.nTrimBottom) / 2 * 2 - 1);
+  if (height - 4 <= 3 || last < first) return;
+  std::vector<Strip> strips(CParallel::GetMaxThreads(), Strip(frame.GetWidth()));
+  ForLines(Team::All, 0, (last - first) / 2 + 1, [&](int pair) {
+    const int y = first + 2 * pair;
+    Strip& strip = strips[CParallel::GetThreadNum()];
+    CopyOrgToDisp(frame, plane, y, strip);
+    MakeYImage(bayer.nCFA, strip);
+    if (!bayer.bMono) MakeRGBImage(bayer.nCFA, strip);
+    SynthImage(bayer, range, y, strip);
+    ShowProgress(2);
+  });
+}
+
+void CImgBayerToRgb::CopyOrgToDisp(CImage& frame, int plane, int y, Strip& strip) {
+  for (int line = 0; line < Strip::kLines; ++line) {
+    std::copy_n(ReadLine(frame, y - 3 + line, plane), strip.width, strip.Line(Strip::kRaw, line));
+  }
+}
+
+// The sums below are added in the pipelines' order, for the same bits. Both kinds of site are computed in
+// each column, which makes vectors of the loops.
+
+void CImgBayerToRgb::MakeYImage(int nCFA, Strip& strip) {
+  const int last = strip.width - 1;
+  for (int k = 1; k <= 6; ++k) {
+    float const *above = strip.Line(Strip::kRaw, k - 1), *here = strip.Line(Strip::kRaw, k),
+                *below = strip.Line(Strip::kRaw, k + 1);
+    float* sum = strip.Line(Strip::kRedAndBlue, k);
+    for (int x = 1; x < last; ++x) {
+      sum[x] = here[x] + 0.25f * ((above[x - 1] + below[x - 1]) + (above[x + 1] + below[x + 1]));
+    }
+    // The raw number stands for all colours there.
+    sum[0] = here[0] + here[0];
+    sum[last] = here[last] + here[last];
+  }
+  for (int k = 2; k <= 5; ++k) {
+    const int coloured = RedSite(nCFA).ColouredColumns(k);
+    float const *above = strip.Line(Strip::kRaw, k - 1), *here = strip.Line(Strip::kRaw, k),
+                *below = strip.Line(Strip::kRaw, k + 1);
+    float const *sumAbove = strip.Line(Strip::kRedAndBlue, k - 1), *sum = strip.Line(Strip::kRedAndBlue, k),
+                *sumBelow = strip.Line(Strip::kRedAndBlue, k + 1);
+    float* bright = strip.Line(Strip::kBrightness, k);
+    for (int x = 1; x < last; ++x) {
+      const float atColour = sum[x] + 0.25f * ((above[x] + below[x]) + (here[x - 1] + here[x + 1]));
+      const float atGreen = here[x] + 0.25f * ((sumAbove[x] + sumBelow[x]) + (sum[x - 1] + sum[x + 1]));
+      bright[x] = ((x & 1) == coloured ? atColour : atGreen) * (1.0f / 3);
+    }
+    bright[0] = here[0];
+    bright[last] = here[last];
+  }
+}
+
+void CImgBayerToRgb::MakeRGBImage(int nCFA, Strip& strip) {
+  const int last = strip.width - 1;
+  const RedSite red(nCFA);
+  for (int k = 2; k <= 5; ++k) {
+    const int coloured = red.ColouredColumns(k);
+    const bool isRedRow = (k & 1) == red.y;
+    float const *above = strip.Line(Strip::kRaw, k - 1), *here = strip.Line(Strip::kRaw, k),
+                *below = strip.Line(Strip::kRaw, k + 1);
+    float *own = strip.Line(isRedRow ? kRed : kBlue, k), *other = strip.Line(isRedRow ? kBlue : kRed, k),
+          *green = strip.Line(kGreen, k);
+    for (int x = 1; x < last; ++x) {
+      const bool isColoured = (x & 1) == coloured;
+      const float stacked = above[x] + below[x], beside = here[x - 1] + here[x + 1];
+      const float corners = (above[x - 1] + below[x - 1]) + (above[x + 1] + below[x + 1]);
+      own[x] = isColoured ? here[x] : 0.5f * beside;
+      green[x] = isColoured ? 0.25f * (stacked + beside) : here[x];
+      other[x] = isColoured ? 0.25f * corners : 0.5f * stacked;
+    }
+    for (float* colour : {own, green, other}) {
+      colour[0] = here[0];
+      colour[last] = here[last];
+    }
+  }
+}
+
+void CImgBayerToRgb::SynthImage(tagBayerStruct const& bayer, Range const& range, int y, Strip& strip) {
+  const auto low = static_cast<float>(range.min), high = static_cast<float>(range.max);
+  const int border = bayer.bMono ? 0 : 1;
+  const int left = std::max(bayer.nTrimLeft, border),
+            right = std::min(bayer.nTrimLeft + GetWidth(), strip.width - border);
+  for (int k = 3; k <= 4; ++k) {
+    const int row = y + k - 3 - bayer.nTrimTop;
+    if (row < 0 || row >= GetHeight()) continue;
+    float const* bright = strip.Line(Strip::kBrightness, k);
+    float const *brightAbove = strip.Line(Strip::kBrightness, k - 1),
+                *brightBelow = strip.Line(Strip::kBrightness, k + 1);
+    for (int p = 0; p < (bayer.bMono ? 1 : 3); ++p) {
+      float const *above = strip.Line(p, k - 1), *here = strip.Line(p, k), *below = strip.Line(p, k + 1);
+      float* out = GetWritableLine(0, row, p);
+      const auto columnSum = [&](int x) {
+        return (here[x] - bright[x]) + ((above[x] - brightAbove[x]) + (below[x] - brightBelow[x]));
+      };
+      for (int x = left; x < right; ++x) {
+        const float v = bayer.bMono
+                            ? bright[x]
+                            : bright[x] + ((columnSum(x - 1) + columnSum(x)) + columnSum(x + 1)) * (1.0f / 9);
+        out[x - bayer.nTrimLeft] = bayer.bLevelCut ? Limited(v, low, high) : v;
+      }
+    }
+  }
+}
+
+void CImgBayerToRgb::GammaCorrect(int dstBits, double gamma) {
+  const Window whole(*this, nullptr);
+  const double exponent = 1 / gamma;
+  for (int p = 0; p < GetPlanes(); ++p) {
+    const double min = dstBits == Float ? GetLevelMin(p) : 0;
+    const double range = (dstBits == Float ? GetLevelMax(p) : WhiteOf(dstBits)) - min;
+    if (!(range > 0)) continue;
+    if (IsContiguous(*this)) {
+      gamma_correct_float(static_cast<float>(min), static_cast<float>(range), static_cast<float>(exponent),
+                          PlaneBuffer(*this, p, false));
+      continue;
+    }
+    ForLines(Team::All, 0, GetHeight(), [&](int y) {
+      float* line = GetWritableLine(0, y, p);
+      for (int x = 0; x < GetWidth(); ++x) {
+        if (line[x] > min)
+          line[x] = static_cast<float>(std::pow((line[x] - min) / range, exponent) * range + min);
+      }
+      ShowProgress(1);
+    });
+  }
+}
+
+int CImgBayerToRgb::DoRoundUp(tagBayerStruct const& bayer, int nProgress) {
+  const int width = GetWidth() / 2, height = GetHeight() / 2, way = bayer.nRoundUpGreen;
+  if (way < 0 || way > 4 || IsEmpty() || width < 1 || height < 1) return 0;
+  CImage mosaic;
+  if (!mosaic.CopyImage(*this, nullptr)) return 0;
+  const ProgressScope progress(*this, nProgress, 6178, height);
+  if (!ChangeSize(width, height, nullptr) || !ChangePlanes(3, nullptr)) return 0;
+  for (int p = 1; p < 3; ++p) {
+    SetLevel(p, GetLevelMin(0), GetLevelMax(0));
+  }
+  SetOrgPlanes(3);
+  const RedSite red(bayer.nCFA);
+  const int upperGreen = 1 - red.ColouredColumns(0);
+  ForLines(Team::All, 0, height, [&](int y) {
+    float const* rows[] = {ReadLine(mosaic, 2 * y, 0), ReadLine(mosaic, 2 * y + 1, 0)};
+    float* out[] = {GetWritableLine(0, y, kRed), GetWritableLine(0, y, kGreen), GetWritableLine(0, y, kBlue)};
+    for (int x = 0; x < width; ++x) {
+      const float upper = rows[0][2 * x + upperGreen], lower = rows[1][2 * x + 1 - upperGreen];
+      out[kRed][x] = rows[red.y][2 * x + red.x];
+      out[kBlue][x] = rows[1 - red.y][2 * x + 1 - red.x];
+      out[kGreen][x] = way == 0   ? upper
+                       : way == 1 ? lower
+                       : way == 2 ? (upper + lower) * 0.5f
+                       : way == 3 ? std::min(upper, lower)
+                                  : std::max(upper, lower);
+    }
+    ShowProgress(1);
+  });
+  SetBayerImage(false);
+  return 1;
+}
