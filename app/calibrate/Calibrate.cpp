@@ -11,7 +11,6 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "korimg/image/CImgCalculation.h"
 #include "korimg/image/Lines.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/platform/CParallel.h"
@@ -49,6 +48,7 @@ std::string Dump(const Json& json) {
 struct Light {
   Frame frame;
   const Group *dark = nullptr, *flat = nullptr, *bias = nullptr;  ///< the bias only where there is no dark
+  files::Mosaic mosaic;                                           ///< to be developed
   fs::path output, preview;
 
   const Group* Offset() const { return dark ? dark : bias; }
@@ -57,6 +57,7 @@ struct Light {
     for (const Group* group : {dark, bias, flat}) {
       if (group) text += (text.empty() ? "" : ", ") + group->name;
     }
+    if (mosaic.cfa > 0) text += fmt::format("{}mosaic {}", text.empty() ? "" : ", ", mosaic.name);
     return text;
   }
   Json Description() const {
@@ -66,6 +67,7 @@ struct Light {
     for (const auto& [key, group] : {std::pair("dark", dark), {"flat", flat}, {"bias", bias}}) {
       json[key] = group ? Json(group->name) : Json();
     }
+    if (mosaic.cfa > 0) json["mosaic"] = mosaic.name;
     return json;
   }
 };
@@ -199,6 +201,7 @@ class Session {
   /// Calibrates all lights, a few at once: each by itself on one thread, from its file to its results.
   void CalibrateLights() {
     fs::create_directories(options_.out);
+    ChooseWhiteBalances();
     constexpr int kMostAtOnce = 4;  // each holds an image
     const int threads = CParallel::GetMaxThreads(), atOnce = std::min(threads, kMostAtOnce);
     const auto policy = atOnce > 1 ? std::launch::async : std::launch::deferred;
@@ -234,22 +237,16 @@ class Session {
 
   bool HasLights() const { return !lights_.empty(); }
 
+  /// Nothing says how much of the lights is no light.
+  bool LacksOffsets() const {
+    return !options_.flats.empty() && std::any_of(lights_.begin(), lights_.end(), [](const Light& light) {
+      return !light.Offset() && !light.frame.info.camera;
+    });
+  }
+
  private:
   fs::path MasterPath(const Group& group) const { return options_.masters / (group.name + ".fits"); }
   fs::path ManifestPath() const { return options_.masters / "manifest.json"; }
-
-  /// Two lights of one name would write one file.
-  void CheckStems(const std::vector<fs::path>& paths) const {
-    std::map<std::string, fs::path> stems;
-    for (const fs::path& path : paths) {
-      const auto [other, isNew] = stems.emplace(StemOf(path), path);
-      if (!isNew) {
-        throw files::FileError(path, fmt::format("its result would have the same name as that of {}; "
-                                                 "calibrate them into different folders",
-                                                 other->second.string()));
-      }
-    }
-  }
 
   /// The group that serves a frame; none when no frames of that kind were given. Throws when they do not fit.
   const Group* Choose(const std::vector<Group>& groups, const Frame& frame) const {
@@ -301,7 +298,15 @@ class Session {
     if (darks_.empty()) light.bias = Choose(biases_, light.frame);
     light.flat = Choose(flats_, light.frame);
     // What nothing was taken off is not written again: a picture of it is all that is new.
-    if (light.Offset() || light.flat) light.output = options_.out / (StemOf(path) + ".fits");
+    if (!options_.keepMosaic) light.mosaic = files::FindMosaic(light.frame.info, options_.develop.mosaic);
+    if (!light.mosaic.name.empty() && light.mosaic.cfa == 0) {
+      throw files::FileError(path,
+                             fmt::format("a mosaic of the pattern {} cannot be developed; use --keep-mosaic",
+                                         light.mosaic.name));
+    }
+    if (light.Offset() || light.flat || light.mosaic.cfa > 0) {
+      light.output = options_.out / (StemOf(path) + ".fits");
+    }
     light.preview = options_.out / (StemOf(path) + ".png");
     return light;
   }
@@ -339,9 +344,9 @@ class Session {
   void WarnOfFlat(const Master& flat) const {
     const Frame& first = flat.group->frames.front();
     const bool single = flat.group->frames.size() == 1;
-    const bool raw = first.info.type.find("int") != std::string::npos &&
+    const bool raw = !first.info.camera && first.info.type.find("int") != std::string::npos &&
                      !first.info.header.GetString("NCOMBINE") && !first.info.header.GetString("STACKCNT");
-    if (!single && !flat.offset) {
+    if (!single && !flat.offset && !first.info.camera) {
       tool_.console.Warn(
           fmt::format("{}: FLATS WITHOUT BIAS OR DARK of their own: their offset stays in "
                       "them, and the edges will be corrected too little; give --bias",
@@ -367,24 +372,63 @@ class Session {
 
   const Master* MasterOf(const Group* group) const { return group ? &masters_.at(group) : nullptr; }
 
-  Result CalibrateLight(const Light& light) {
-    const auto start = Clock::now();
-    Result result{&light};
-    LoadedImage loaded = LoadImage(tool_, store_, light.frame.path);
-    CVelImage& image = *loaded.image;
-    const files::ImageInfo& planned = light.frame.info;
-    if (loaded.info.width != planned.width || loaded.info.height != planned.height ||
-        loaded.info.planes != planned.planes) {
+  struct Calibrated {
+    LoadedImage loaded;
+    double clipped;
+  };
+
+  /// A light from its file, less its offset and divided by its flat.
+  Calibrated LoadLight(const Light& light) const {
+    const Master *offset = MasterOf(light.Offset()), *flat = MasterOf(light.flat);
+    Calibrated result{LoadImage(tool_, store_, light.frame.path, {.lessBlack = !offset}), 0};
+    const files::ImageInfo &planned = light.frame.info, &found = result.loaded.info;
+    if (found.width != planned.width || found.height != planned.height || found.planes != planned.planes) {
       throw files::FileError(light.frame.path, "has changed since the work began");
     }
-    const Master *offset = MasterOf(light.Offset()), *flat = MasterOf(light.flat);
-    result.clipped = Apply(image, offset, flat);
-    result.mean = Measures(image).mean;
-    LevelBySample(image);
-    if (!light.output.empty()) {
-      Describe(loaded.info.header, result, offset, flat);
-      SaveImage(tool_, image, loaded.info.header, light.output);
+    result.clipped = Apply(*result.loaded.image, offset, flat);
+    return result;
+  }
+
+  /// Lights of one camera share their white balance, so that their colours can be added up.
+  static std::string CameraOf(const Light& light) {
+    return light.mosaic.name + ' ' + light.frame.info.header.GetString("INSTRUME").value_or("");
+  }
+
+  /// Chooses the white balance of each camera by its first light.
+  void ChooseWhiteBalances() {
+    for (const Light& light : lights_) {
+      if (light.mosaic.cfa == 0 || balances_.contains(CameraOf(light))) continue;
+      const Calibrated first = LoadLight(light);
+      CVelImage& image = *first.loaded.image;
+      // The pedestal is no light.
+      if (options_.pedestal > 0) Calculate(image, Calculation::Subtract, options_.pedestal);
+      const WhiteBalance balance =
+          ChooseWhiteBalance(image, first.loaded.info, light.mosaic, options_.develop.whiteBalance);
+      tool_.console.Say(
+          fmt::format("mosaic {} ({}): white balance {} ({:.4g}){}", light.mosaic.name, light.mosaic.reason,
+                      balance.text, fmt::join(balance.gains, ", "),
+                      balance.text == "by medians" ? " of " + light.frame.path.filename().string() : ""));
+      balances_.emplace(CameraOf(light), balance);
     }
+  }
+
+  Result CalibrateLight(const Light& light) {
+    const auto start = Clock::now();
+    Calibrated calibrated = LoadLight(light);
+    Result result{&light, calibrated.clipped};
+    CVelImage& image = *calibrated.loaded.image;
+    files::ImageInfo& info = calibrated.loaded.info;
+    result.mean = Measures(image).mean;
+    Describe(info.header, result, MasterOf(light.Offset()), MasterOf(light.flat));
+    if (light.mosaic.cfa > 0) {
+      // Gains are for light alone, and the pedestal comes back after them.
+      const double pedestal = options_.pedestal;
+      if (pedestal > 0) Calculate(image, Calculation::Subtract, pedestal);
+      Develop(image, info, light.mosaic, balances_.at(CameraOf(light)), options_.develop);
+      if (pedestal > 0) Calculate(image, Calculation::Add, pedestal);
+    }
+    LevelForPreview(image, kPreviewSide);
+    if (!light.output.empty()) SaveImage(tool_, image, info.header, light.output);
     SavePicture(tool_, image, light.preview, ShrinkTo(image, kPreviewSide));
     result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     return result;
@@ -397,47 +441,17 @@ class Session {
     Measures m = flat ? flat->measures : Measures();
     const auto pedestal = static_cast<float>(options_.pedestal);
     const bool lifts = dark && pedestal > 0;
-    if (lifts) Add(image, pedestal);
+    if (lifts) Calculate(image, Calculation::Add, pedestal);
     const double clipped = dark ? ClippedShare(image, *dark) : 0;
     if (lifts) {
       // Only what lies above the pedestal is light, to be divided by the flat.
       image.DarkFlat(&image, dark, nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr, 0);
-      Add(image, -pedestal);
+      Calculate(image, Calculation::Subtract, pedestal);
       dark = nullptr;
     }
     image.DarkFlat(&image, dark, divisor, m.minima, m.maxima, m.averages, 0, 0, nullptr, 0);
-    if (pedestal > 0) Add(image, pedestal);
+    if (pedestal > 0) Calculate(image, Calculation::Add, pedestal);
     return clipped;
-  }
-
-  /// Sets black and white by the pixels that a preview's size takes.
-  void LevelBySample(CVelImage& image) const {
-    const int step = ShrinkTo(image, kPreviewSide);
-    const int width = std::max(image.GetWidth() / step, 1), height = std::max(image.GetHeight() / step, 1);
-    CVelImage sample(store_, CImage::Float, width, height, image.GetPlanes(), 1.0, 0.0, 1, nullptr);
-    sample.SetOrgBitsPixel(image.GetOrgBitsPixel());
-    for (int p = 0; p < image.GetPlanes(); ++p) {
-      sample.SetLevel(p, image.GetLevelMin(p), image.GetLevelMax(p));
-      for (int y = 0; y < height; ++y) {
-        const float* from = image.GetLine(0, y * step, p);
-        float* to = sample.GetWritableLine(0, y, p);
-        for (int x = 0; x < width; ++x) {
-          to[x] = from[x * step];
-        }
-      }
-    }
-    LevelForPicture(sample, "histogram");
-    for (int p = 0; p < image.GetPlanes(); ++p) {
-      image.SetLevel(p, sample.GetLevelMin(p), sample.GetLevelMax(p));
-    }
-  }
-
-  static void Add(CVelImage& image, float value) {
-    constexpr int kAdd = 0;
-    CImgCalculation sum;
-    sum.Swap(&image);
-    sum.Do(value, kAdd, 0, &sum, nullptr, 0);
-    sum.Swap(&image);
   }
 
   /// Share of the pixels that lie below their offset, and will be 0.
@@ -502,6 +516,7 @@ class Session {
   std::vector<Light> lights_;
   std::shared_ptr<CVmManager> store_ = tool_.MakeStore();
   std::map<const Group*, Master> masters_;
+  std::map<std::string, WhiteBalance> balances_;
   Report report_;
 };
 
@@ -512,7 +527,7 @@ void Calibrate(Tool& tool, const CalibrateOptions& options) {
   session.Show();
   if (tool.options.dryRun || !session.HasLights()) return;
   session.CheckOutputs();
-  if (!options.flats.empty() && options.darks.empty() && options.biases.empty()) {
+  if (session.LacksOffsets()) {
     tool.console.Warn(
         "LIGHTS WITHOUT DARK OR BIAS: their offset is divided by the flat as if it were light, "
         "and the edges will be corrected too much; give --dark or --bias");

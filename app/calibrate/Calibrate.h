@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "app/tool/Tool.h"
+#include "app/develop/Develop.h"
 
 namespace korimg::tool {
 
@@ -16,12 +16,15 @@ struct CalibrateOptions {
   std::filesystem::path report;   ///< a page that shows the results; empty: none
   double pedestal = 0;            ///< added before anything is taken off, and kept in the output
   bool allowMismatch = false;     ///< frames that differ in more than size serve with a warning
+  DevelopOptions develop;         ///< of lights that are mosaics
+  bool keepMosaic = false;        ///< mosaics stay as they are
 };
 
-/// Writes a calibrated FITS of floats and a picture for each light. Darks contain the bias; the bias comes
-/// off flats that have no dark of their own exposure, and off lights when there are no darks. A light that
-/// cannot be done is an error of its own; anything wrong with calibration frames or outputs ends the call
-/// before anything is written.
+/// Writes a calibrated FITS of floats and a picture for each light; mosaics are developed into colour, with
+/// one white balance for all lights of a camera. Darks contain the bias; the bias comes off flats that have
+/// no dark of their own exposure, and off lights when there are no darks. A light that cannot be done is an
+/// error of its own; anything wrong with calibration frames or outputs ends the call before anything is
+/// written.
 void Calibrate(Tool& tool, const CalibrateOptions& options);
 
 }  // namespace korimg::tool

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <map>
 #include <tuple>
 
 #include <fmt/format.h>
@@ -33,10 +34,15 @@ struct Property {
 };
 
 constexpr Property kProperties[] = {
-    {"INSTRUME", nullptr, true, true, true},     {"XBINNING", nullptr, true, true, true},
-    {"YBINNING", nullptr, true, true, true},     {"GAIN", nullptr, true, true, true},
-    {"OFFSET", nullptr, true, true, true},       {"READOUTM", nullptr, true, true, true},
-    {"EXPTIME", "EXPOSURE", false, true, false}, {kTemperature, nullptr, true, true, false, kDegrees},
+    {"INSTRUME", nullptr, true, true, true},
+    {"XBINNING", nullptr, true, true, true},
+    {"YBINNING", nullptr, true, true, true},
+    {"GAIN", nullptr, true, true, true},
+    {"OFFSET", nullptr, true, true, true},
+    {"ISOSPEED", nullptr, true, true, false},
+    {"READOUTM", nullptr, true, true, true},
+    {"EXPTIME", "EXPOSURE", false, true, false},
+    {kTemperature, nullptr, true, true, false, kDegrees},
     {"FILTER", "FILTER1", false, false, true},
 };
 
@@ -80,25 +86,18 @@ double Distance(const Frame& a, const Frame& b) {
   return x && y ? std::abs(*x - *y) : std::numeric_limits<double>::infinity();
 }
 
-std::string LowerExtension(const fs::path& path) {
-  std::string extension = path.extension().string();
-  for (char& c : extension) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return extension;
-}
-
 bool IsOneOf(const std::string& extension, std::initializer_list<const char*> list) {
   return std::find(list.begin(), list.end(), extension) != list.end();
 }
 
 /// The name without a packer's extension.
 fs::path Unpacked(const fs::path& path) {
-  return IsOneOf(LowerExtension(path), {".gz", ".fz"}) ? path.filename().stem() : path.filename();
+  return IsOneOf(files::LowerExtension(path), {".gz", ".fz"}) ? path.filename().stem() : path.filename();
 }
 
 bool HasImageExtension(const fs::path& path) {
-  return IsOneOf(LowerExtension(path), {".fits", ".fit", ".fts", ".tif", ".tiff", ".png"});
+  return IsOneOf(files::LowerExtension(path), {".fits", ".fit", ".fts", ".tif", ".tiff", ".png"}) ||
+         files::HasRawExtension(path);
 }
 
 /// "master_flat_Ha" and the like, free of what file names should not hold.
@@ -154,8 +153,8 @@ std::vector<fs::path> ExpandFolders(const std::vector<fs::path>& paths) {
       if (!hidden && HasImageExtension(Unpacked(entry.path()))) files.push_back(entry.path());
     }
     if (files.size() == before) {
-      throw files::FileError(path,
-                             "no images in this folder (.fits .fit .fts, also .gz .fz, .tif .tiff .png)");
+      throw files::FileError(
+          path, "no images in this folder (.fits .fit .fts, also .gz .fz, .tif .tiff .png, camera raw)");
     }
     std::sort(files.begin() + static_cast<std::ptrdiff_t>(before), files.end());
   }
@@ -199,6 +198,18 @@ Match FindMatch(const std::vector<Group>& groups, const Frame& frame) {
 std::optional<double> ExposureOf(const Frame& frame) {
   const auto exposure = frame.info.header.GetDouble("EXPTIME");
   return exposure ? exposure : frame.info.header.GetDouble("EXPOSURE");
+}
+
+void CheckStems(const std::vector<fs::path>& paths) {
+  std::map<std::string, fs::path> stems;
+  for (const fs::path& path : paths) {
+    const auto [other, isNew] = stems.emplace(StemOf(path), path);
+    if (!isNew) {
+      throw files::FileError(path, fmt::format("its result would have the same name as that of {}; "
+                                               "write them into different folders",
+                                               other->second.string()));
+    }
+  }
 }
 
 std::string StemOf(const fs::path& path) {

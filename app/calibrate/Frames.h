@@ -61,6 +61,9 @@ Match FindMatch(const std::vector<Group>& groups, const Frame& frame);
 /// Exposure time by EXPTIME or EXPOSURE.
 std::optional<double> ExposureOf(const Frame& frame);
 
+/// Refuses files whose results would have the same name.
+void CheckStems(const std::vector<std::filesystem::path>& paths);
+
 /// A file's name without the extensions of images and packers.
 std::string StemOf(const std::filesystem::path& path);
 

@@ -11,6 +11,7 @@
 #include "korimg/image/Lines.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
+#include "app/files/Mosaic.h"
 #include "app/tool/Images.h"
 
 namespace korimg::tool {
@@ -18,9 +19,15 @@ namespace {
 
 constexpr size_t kBandPixels = 4 << 20;  // of all frames of a group together
 
+/// Flats without an offset of their own: camera raw files know their black level.
+files::ReadOptions FlatOptions(const Group& group, bool hasOffset) {
+  return {.lessBlack = group.kind == FrameKind::Flat && !hasOffset, .manyOpen = group.frames.size() > 1};
+}
+
 /// The largest value that a file's pixels can have. Floats are taken for those of a 16-bit camera.
-float ScaleEnd(const files::ImageInfo& info) {
+float ScaleEnd(const files::ImageInfo& info, bool lessBlack) {
   constexpr float kCamera = 65535;
+  if (info.camera) return static_cast<float>(info.camera->white - (lessBlack ? info.camera->black[0] : 0));
   if (info.type.starts_with("float")) return kCamera;
   if (info.type == "uint16" && info.bscale == 1) return kCamera;
   if (info.type == "uint8") return static_cast<float>(info.bzero + 255 * info.bscale);
@@ -39,10 +46,10 @@ void AllowManyFiles() {
 /// The frames of a group, open for reading.
 class Stack {
  public:
-  explicit Stack(const Group& group) {
+  Stack(const Group& group, const files::ReadOptions& options) : lessBlack_(options.lessBlack) {
     AllowManyFiles();
     for (const Frame& frame : group.frames) {
-      readers_.push_back(files::ImageReader::Open(frame.path));
+      readers_.push_back(files::ImageReader::Open(frame.path, options));
       const files::ImageInfo &info = readers_.back()->Info(), &first = Info();
       if (info.width != first.width || info.height != first.height || info.planes != first.planes) {
         throw files::FileError(frame.path, "has changed since the frames were grouped");
@@ -130,12 +137,13 @@ class Stack {
   /// Reads rows of a frame, `planeRows` rows apart by planes.
   void Read(int i, int y0, int rows, float* to, int planeRows = 1) {
     const files::ImageInfo& info = Info();
-    const float end = ScaleEnd(readers_[i]->Info()), factor = factors_[i];
+    const float factor = factors_[i];
     float* planes[3] = {};
     for (int p = 0; p < info.planes; ++p) {
       planes[p] = to + static_cast<size_t>(p) * info.width * planeRows;
     }
     readers_[i]->ReadRows(y0, rows, planes);
+    const float end = ScaleEnd(readers_[i]->Info(), lessBlack_);
     for (int p = 0; p < info.planes; ++p) {
       for (int y = 0; y < rows; ++y) {
         float* row = planes[p] + static_cast<size_t>(y) * info.width;
@@ -156,6 +164,7 @@ class Stack {
     }
   }
 
+  bool lessBlack_;
   std::vector<std::unique_ptr<files::ImageReader>> readers_;
   std::vector<float> factors_;
   std::vector<long long> saturated_;
@@ -174,6 +183,43 @@ double ShareFrom(CVelImage& image, float end) {
     }
   }
   return static_cast<double>(count) / image.GetPlanes() / image.GetWidth() / image.GetHeight();
+}
+
+/// Brings the four colours of a mosaic to the mean of all, so that dividing by the flat leaves an image's
+/// colours alone. Pixels that are no finite numbers are passed over.
+void EqualiseCells(CVelImage& image) {
+  struct Line {
+    double sums[2] = {};
+    int counts[2] = {};
+  };
+  const std::vector<Line> lines = MapLines(0, image.GetHeight(), [&](int y) {
+    const float* row = image.GetLine(0, y, 0);
+    Line line;
+    for (int x = 0; x < image.GetWidth(); ++x) {
+      if (!std::isfinite(row[x])) continue;
+      line.sums[x % 2] += row[x];
+      ++line.counts[x % 2];
+    }
+    return line;
+  });
+  double sums[4] = {}, counts[4] = {}, mean = 0;
+  for (size_t y = 0; y < lines.size(); ++y) {
+    for (int x = 0; x < 2; ++x) {
+      sums[y % 2 * 2 + x] += lines[y].sums[x];
+      counts[y % 2 * 2 + x] += lines[y].counts[x];
+    }
+  }
+  for (int i = 0; i < 4; ++i) {
+    if (!(sums[i] > 0)) return;
+    mean += sums[i] / counts[i] / 4;
+  }
+  ForLines(Team::All, 0, image.GetHeight(), [&](int y) {
+    float* row = image.GetWritableLine(0, y, 0);
+    for (int x = 0; x < image.GetWidth(); ++x) {
+      const int cell = y % 2 * 2 + x % 2;
+      row[x] *= static_cast<float>(mean * counts[cell] / sums[cell]);
+    }
+  });
 }
 
 }  // namespace
@@ -248,11 +294,12 @@ Master MakeMaster(Tool& tool, const std::shared_ptr<CVmManager>& store, const Gr
   Master master;
   master.group = &group;
   if (group.frames.size() == 1) {
-    LoadedImage loaded = LoadImage(tool, store, group.frames.front().path);
+    const files::ReadOptions options = FlatOptions(group, false);
+    LoadedImage loaded = LoadImage(tool, store, group.frames.front().path, options);
     master.image = std::move(loaded.image);
-    master.saturated = ShareFrom(*master.image, ScaleEnd(loaded.info));
+    master.saturated = ShareFrom(*master.image, ScaleEnd(loaded.info, options.lessBlack));
   } else {
-    Stack stack(group);
+    Stack stack(group, FlatOptions(group, offset != nullptr));
     const files::ImageInfo& info = stack.Info();
     master.image = std::make_unique<CVelImage>(store, CImage::Float, info.width, info.height, info.planes,
                                                1.0, 0.0, 1, nullptr);
@@ -262,6 +309,10 @@ Master MakeMaster(Tool& tool, const std::shared_ptr<CVmManager>& store, const Gr
     }
     stack.Median(tool, *master.image, "making " + group.name);
     master.saturated = stack.Saturated();
+  }
+  if (group.kind == FrameKind::Flat && files::FindMosaic(group.frames.front().info).cfa > 0) {
+    EqualiseCells(*master.image);
+    master.equalised = true;
   }
   master.measures = Measures(*master.image);
   return master;
@@ -275,6 +326,7 @@ void SaveMaster(Tool& tool, Master& master, const std::filesystem::path& path) {
     header.Set("STACKCNT", count, "frames in this master");
   }
   header.AddHistory(fmt::format("korimg {} {}", Version(), master.Text()));
+  if (master.equalised) header.AddHistory("the colours of its mosaic brought to one mean");
   for (const Frame& frame : master.group->frames) {
     header.AddHistory("made of " + frame.path.filename().string());
   }

@@ -24,14 +24,16 @@ struct Master {
   const Master* offset = nullptr;  ///< of flats: the bias or dark that came off each frame
   std::unique_ptr<CVelImage> image;
   Measures measures;
-  double saturated = 0;  ///< share of its frames' pixels that are at the end of their scale
+  bool equalised = false;  ///< a mosaic's flat: its colours have one mean
+  double saturated = 0;    ///< share of its frames' pixels that are at the end of their scale
 
   /// Where it comes from, for people and headers.
   std::string Text() const;
 };
 
 /// Makes the master of a group in bounded memory: a single frame as it is, else the median of all. Flats have
-/// `offset`, which may be null, taken off and are brought to one mean before.
+/// `offset`, which may be null, taken off and are brought to one mean before; the colours of a mosaic are
+/// brought to one mean after.
 Master MakeMaster(Tool& tool, const std::shared_ptr<CVmManager>& store, const Group& group,
                   const Master* offset);
 

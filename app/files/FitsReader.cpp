@@ -52,19 +52,6 @@ bool SameName(std::string_view a, std::string_view b) {
                     [](unsigned char x, unsigned char y) { return std::toupper(x) == std::toupper(y); });
 }
 
-/// A new empty file for temporary data, named like korimg-XXXXXX.
-fs::path NewTemporary(const fs::path& shown) {
-  std::error_code error;
-  const fs::path folder = fs::temp_directory_path(error);
-  if (error)
-    throw FileError(shown, "cannot unpack it: TMPDIR names no folder; set it to one with free space");
-  std::string name = (folder / "korimg-XXXXXX").string();
-  const int descriptor = mkstemp(name.data());
-  if (descriptor < 0) ThrowSystemError(shown, "unpack it into folder " + folder.string(), errno);
-  close(descriptor);
-  return name;
-}
-
 /// Unpacks a file made by gzip, of one or more members. The reading functions of zlib are of no use here:
 /// they take some files that end too early for whole ones.
 void Unpack(const fs::path& path, const File& source, const File& target) {

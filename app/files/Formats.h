@@ -16,8 +16,9 @@
 namespace korimg::files {
 
 std::unique_ptr<ImageReader> OpenFits(const std::filesystem::path& path, const ReadOptions& options);
-std::unique_ptr<ImageReader> OpenTiff(const std::filesystem::path& path);
+std::unique_ptr<ImageReader> OpenTiff(const std::filesystem::path& path, const ReadOptions& options);
 std::unique_ptr<ImageReader> OpenPng(const std::filesystem::path& path);
+std::unique_ptr<ImageReader> OpenRaw(const std::filesystem::path& path, const ReadOptions& options);
 
 std::unique_ptr<ImageWriter> CreateFits(const std::filesystem::path& path, const WriteOptions& options);
 std::unique_ptr<ImageWriter> CreateTiff(const std::filesystem::path& path, const WriteOptions& options);
@@ -73,6 +74,9 @@ class TransientFile {
   std::filesystem::path path_;
   int slot_;
 };
+
+/// A new empty file for temporary data, named like korimg-XXXXXX.
+std::filesystem::path NewTemporary(const std::filesystem::path& shown);
 
 /// "<name>.part" beside a file to be written.
 std::filesystem::path PartialName(const std::filesystem::path& path);

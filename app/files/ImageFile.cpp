@@ -35,14 +35,6 @@ struct Slot {
 };
 std::array<Slot, 64> g_slots;
 
-std::string LowerExtension(const fs::path& path) {
-  std::string extension = path.extension().string();
-  for (char& c : extension) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return extension;
-}
-
 void CheckRows(const fs::path& path, int y0, int rows, int height) {
   if (y0 < 0 || rows < 0 || rows > height - y0) {
     throw std::out_of_range(
@@ -55,6 +47,14 @@ void CheckRows(const fs::path& path, int y0, int rows, int height) {
 
 FileError::FileError(const fs::path& path, std::string_view what)
     : std::runtime_error(OneLine(fmt::format("{}: {}", path.string(), what))) {}
+
+std::string LowerExtension(const fs::path& path) {
+  std::string extension = path.extension().string();
+  for (char& c : extension) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return extension;
+}
 
 void ThrowSystemError(const fs::path& path, std::string_view doing, int error) {
   throw FileError(path, fmt::format("cannot {}: {}", doing, std::strerror(error)));
@@ -121,6 +121,18 @@ void File::Write(const void* data, std::size_t size, std::uint64_t offset) const
   }
 }
 
+fs::path NewTemporary(const fs::path& shown) {
+  std::error_code error;
+  const fs::path folder = fs::temp_directory_path(error);
+  if (error)
+    throw FileError(shown, "cannot unpack it: TMPDIR names no folder; set it to one with free space");
+  std::string name = (folder / "korimg-XXXXXX").string();
+  const int descriptor = mkstemp(name.data());
+  if (descriptor < 0) ThrowSystemError(shown, "unpack it into folder " + folder.string(), errno);
+  close(descriptor);
+  return name;
+}
+
 fs::path PartialName(const fs::path& path) {
   return path.string() + ".part";
 }
@@ -179,13 +191,13 @@ std::unique_ptr<ImageReader> ImageReader::Open(const fs::path& path, const ReadO
   if (startsWith("\x89PNG\r\n\x1a\n"sv)) return OpenPng(path);
   if (startsWith("II\x2a\0"sv) || startsWith("MM\0\x2a"sv) || startsWith("II\x2b\0"sv) ||
       startsWith("MM\0\x2b"sv)) {
-    return OpenTiff(path);
+    return HasRawExtension(path) ? OpenRaw(path, options) : OpenTiff(path, options);
   }
   if (startsWith("BZh"sv) || startsWith("PK\3\4"sv) || startsWith("\x1f\x9d"sv) ||
       startsWith("\xfd\x37zXZ"sv)) {
     throw FileError(path, "packed by a program other than gzip; unpack it first");
   }
-  throw FileError(path, "neither FITS, TIFF nor PNG by its first bytes; convert it to one of them");
+  return OpenRaw(path, options);
 }
 
 void ImageReader::ReadRows(int y0, int rows, float* const* planes) {

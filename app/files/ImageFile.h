@@ -1,6 +1,7 @@
-// Image files of the tool: FITS, TIFF and PNG, read and written by bands of rows.
+// Image files of the tool: FITS, TIFF, PNG and camera raw, read and written by bands of rows.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -50,33 +51,47 @@ struct Header {
   std::vector<std::string> CardsForOutput() const;
 };
 
+/// What a camera raw file says of its sensor. Four values go by position in the 2 x 2 cell of the mosaic, row
+/// by row; three of them by plane where there is no mosaic.
+struct CameraRaw {
+  std::string maker, model;                 ///< in the form of the library's lists
+  double white = 0;                         ///< raw value of saturation
+  std::array<double, 4> black{};            ///< raw value of no light
+  bool hasGains = false;                    ///< the camera's white balance is known
+  std::array<double, 4> gains{1, 1, 1, 1};  ///< of its white balance, green 1
+};
+
 /// What a file says about its image.
 struct ImageInfo {
   std::filesystem::path path;
-  std::string format;         ///< "FITS", "TIFF" or "PNG"
+  std::string format;         ///< "FITS", "TIFF", "PNG" or "camera raw"
   int width = 0, height = 0;  ///< pixels
   int planes = 1;             ///< 1, or 3 for red, green, blue
   std::string type;           ///< of the stored pixels: uint8 int16 uint16 int32 uint32 int64 float32 float64
-  double bscale = 1, bzero = 0;  ///< FITS: physical value = bzero + bscale * stored value
-  int hdu = 0;                   ///< FITS: number of the header-data unit, 0 = primary
-  std::string hduName;           ///< FITS: EXTNAME, if any
-  Header header;                 ///< FITS only
+  double bscale = 1, bzero = 0;     ///< FITS: physical value = bzero + bscale * stored value
+  int hdu = 0;                      ///< FITS: number of the header-data unit, 0 = primary
+  std::string hduName;              ///< FITS: EXTNAME, if any
+  Header header;                    ///< FITS; camera raw: exposure, mosaic and the like as cards
+  std::optional<CameraRaw> camera;  ///< camera raw only
 };
 
 struct ReadOptions {
-  std::string hdu;  ///< FITS: number (0 = primary) or EXTNAME; empty: the first image that has pixels
+  std::string hdu;         ///< FITS: number (0 = primary) or EXTNAME; empty: the first image that has pixels
+  bool lessBlack = false;  ///< camera raw: take the black level off; pixels may be negative then
+  bool manyOpen = false;   ///< camera raw: keep the unpacked pixels in a temporary file
 };
 
 /// Largest width and height that readers and writers accept; checked before any arithmetic with them.
 constexpr int kMaxSide = 1'000'000;
 
 /// An image open for reading. Memory use is a few rows, whatever the size of the image; exceptions are the
-/// strips or tiles of a compressed TIFF or FITS file, and interlaced PNG. Readers of different files may work
-/// in different threads.
+/// strips or tiles of a compressed TIFF or FITS file, interlaced PNG, and camera raw. Readers of different
+/// files may work in different threads.
 class ImageReader {
  public:
   /// Opens a file by its content, not by its name. FITS may be packed by gzip (it is unpacked to a temporary
-  /// file) or tile-compressed; TIFF and PNG may be gray or colour, further channels are left out.
+  /// file) or tile-compressed; TIFF and PNG may be gray or colour, further channels are left out. Camera raw
+  /// gives the undeveloped pixels of the sensor's active area; what is known of black once rows were read.
   /// @throws FileError if the file is unreadable, damaged, shorter than its header says, or of an unsupported
   /// kind.
   static std::unique_ptr<ImageReader> Open(const std::filesystem::path& path,
@@ -138,6 +153,12 @@ class ImageWriter {
   bool anyOrder_;
   std::int64_t rowsWritten_ = 0;
 };
+
+/// A file name's extension in lower case, with its dot.
+std::string LowerExtension(const std::filesystem::path& path);
+
+/// A file name that cameras give to raw files. Many of these are TIFF files by their first bytes.
+bool HasRawExtension(const std::filesystem::path& path);
 
 /// Removes the unfinished files of all writers. Calls nothing but unlink(): made for handlers of SIGINT and
 /// SIGTERM.

@@ -54,6 +54,17 @@ class Tiff {
   TIFF* tiff_ = nullptr;
 };
 
+constexpr const char* kRead = "rm";  // not mapped: a file that shrinks must not kill the process
+
+/// Camera raw under another name.
+bool IsMosaic(const fs::path& path) {
+  Tiff file(path, path, kRead);
+  std::uint16_t photometric = 0;
+  const std::uint8_t* version = nullptr;
+  return TIFFGetField(*file, TIFFTAG_DNGVERSION, &version) != 0 ||
+         (TIFFGetField(*file, TIFFTAG_PHOTOMETRIC, &photometric) != 0 && photometric == PHOTOMETRIC_CFA);
+}
+
 class TiffReader : public ImageReader {
  public:
   explicit TiffReader(const fs::path& path) {
@@ -252,8 +263,6 @@ class TiffReader : public ImageReader {
     std::vector<unsigned char> data;
   };
 
-  static constexpr const char* kRead = "rm";  // not mapped: a file that shrinks must not kill the process
-
   std::vector<std::unique_ptr<Tiff>> handles_;
   std::vector<State> states_;
   std::uint16_t samples_ = 1;
@@ -340,7 +349,8 @@ class TiffWriter : public ImageWriter {
 
 }  // namespace
 
-std::unique_ptr<ImageReader> OpenTiff(const fs::path& path) {
+std::unique_ptr<ImageReader> OpenTiff(const fs::path& path, const ReadOptions& options) {
+  if (IsMosaic(path)) return OpenRaw(path, options);
   return std::make_unique<TiffReader>(path);
 }
 

@@ -8,7 +8,11 @@
 
 #include <fmt/format.h>
 
+#include "korimg/image/CImgCalculation.h"
 #include "korimg/platform/Debug.h"
+
+#include "app/files/CameraName.h"
+#include "app/files/Mosaic.h"
 
 namespace korimg::tool {
 namespace {
@@ -67,13 +71,39 @@ std::string LevelKey(const char* end, int plane) {
   return fmt::format("KORL{}{}", end, plane + 1);
 }
 
-void SetLevels(CVelImage& image, const files::ImageInfo& info) {
+/// What a file says of camera and exposure.
+void ReadHeader(const files::ImageInfo& info, CHeader& camera) {
+  const files::Header& header = info.header;
+  auto exposure = header.GetDouble("EXPTIME");
+  if (!exposure) exposure = header.GetDouble("EXPOSURE");
+  if (exposure) camera.SetExposureTime(*exposure);
+  if (const auto temperature = header.GetDouble("CCD-TEMP")) camera.SetCoolingTemperature(*temperature);
+  const auto detector = header.GetString("INSTRUME");
+  if (detector) camera.SetDetector(Widen(*detector));
+  if (const auto iso = header.GetDouble("ISOSPEED"); iso && *iso > 0 && *iso < 65536) {
+    camera.SetISO(static_cast<unsigned short>(*iso));
+  }
+  const auto [maker, model] = info.camera ? std::pair(info.camera->maker, info.camera->model)
+                                          : files::ListedName(detector.value_or(""));
+  camera.SetCameraMaker(Widen(maker));
+  camera.SetCameraModel(Widen(model));
+  if (info.camera && info.camera->hasGains) {
+    camera.SetWBShootingGainBayer(info.camera->gains.data());
+    camera.SetWBShootingGain(1);
+  }
+}
+
+void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack) {
+  const auto black =
+      info.camera ? *std::min_element(info.camera->black.begin(), info.camera->black.end()) : 0;
   for (int p = 0; p < image.GetPlanes(); ++p) {
     const auto low = info.header.GetDouble(LevelKey("MIN", p)),
                high = info.header.GetDouble(LevelKey("MAX", p));
     if (low && high && *high > *low) {
       image.SetLevel(p, *low, *high);
       image.SetOwnLevel(true);
+    } else if (info.camera && info.camera->white > black) {
+      image.SetLevel(p, lessBlack ? 0 : black, info.camera->white - (lessBlack ? black : 0));
     } else if (info.type == "uint8") {
       image.SetLevel(p, 0, 255);
     } else if (info.type == "uint16" && info.bscale == 1) {
@@ -93,8 +123,8 @@ int BandRows(int width, int planes, int height) {
 }
 
 LoadedImage LoadImage(Tool& tool, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
-                      const std::string& hdu) {
-  const auto reader = files::ImageReader::Open(path, {.hdu = hdu});
+                      const files::ReadOptions& options) {
+  const auto reader = files::ImageReader::Open(path, options);
   const files::ImageInfo& info = reader->Info();
   auto image = std::make_unique<CVelImage>(store, CImage::Float, info.width, info.height, info.planes, 1.0,
                                            0.0, 1, nullptr);
@@ -106,22 +136,20 @@ LoadedImage LoadImage(Tool& tool, const std::shared_ptr<CVmManager>& store, cons
   image->SetOrgPlanes(info.planes);
   image->SetOrgWidth(info.width);
   image->SetOrgHeight(info.height);
-  image->SetBayerImage(info.header.GetString("BAYERPAT").has_value());
-  image->SetOrgBayerImage(image->IsBayerImage());
-  ReadHeader(info.header, *image->GetHeader());
-  SetLevels(*image, info);
+  const int cfa = files::FindMosaic(info).cfa;
+  image->SetBayerImage(cfa > 0);
+  image->SetOrgBayerImage(cfa > 0);
+  image->GetHeader()->SetCFAPattern(cfa);
+  ReadHeader(info, *image->GetHeader());
+  SetLevels(*image, info, options.lessBlack);
   return {std::move(image), info};
 }
 
-void ReadHeader(const files::Header& header, CHeader& camera) {
-  auto exposure = header.GetDouble("EXPTIME");
-  if (!exposure) exposure = header.GetDouble("EXPOSURE");
-  if (exposure) camera.SetExposureTime(*exposure);
-  if (const auto temperature = header.GetDouble("CCD-TEMP")) camera.SetCoolingTemperature(*temperature);
-  if (const auto detector = header.GetString("INSTRUME")) camera.SetDetector(Widen(*detector));
-  if (const auto iso = header.GetDouble("ISOSPEED"); iso && *iso > 0 && *iso < 65536) {
-    camera.SetISO(static_cast<unsigned short>(*iso));
-  }
+void Calculate(CVelImage& image, Calculation operation, double value) {
+  CImgCalculation result;
+  result.Swap(&image);
+  result.Do(value, static_cast<int>(operation), 0, &result, nullptr, 0);
+  result.Swap(&image);
 }
 
 void SaveImage(Tool& tool, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
@@ -132,10 +160,7 @@ void SaveImage(Tool& tool, CVelImage& image, const files::Header& header, const 
   write.planes = image.GetPlanes();
   write.header = header;
   write.overwrite = tool.options.overwrite;
-  std::string extension = path.extension().string();
-  std::transform(extension.begin(), extension.end(), extension.begin(),
-                 [](unsigned char c) { return std::tolower(c); });
-  const bool byLevels = extension == ".png";
+  const bool byLevels = files::LowerExtension(path) == ".png";
   write.type = byLevels || options.integers ? "uint16" : "float32";
   for (int p = 0; p < image.GetPlanes(); ++p) {
     write.header.Set(LevelKey("MIN", p), image.GetLevelMin(p), "raw value shown as black");

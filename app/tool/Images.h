@@ -21,13 +21,15 @@ struct LoadedImage {
   files::ImageInfo info;
 };
 
-/// Reads a file into a store. Levels come from the keywords KORLMIN1..3 and KORLMAX1..3, else from the type
-/// of integers, else from the extremes of the pixels.
+/// Reads a file into a store. Levels come from the keywords KORLMIN1..3 and KORLMAX1..3, else from what a
+/// camera raw file says, else from the type of integers, else from the extremes of the pixels.
 LoadedImage LoadImage(Tool& tool, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
-                      const std::string& hdu = {});
+                      const files::ReadOptions& options = {});
 
-/// What a header says of camera and exposure.
-void ReadHeader(const files::Header& header, CHeader& camera);
+enum class Calculation : int { Add = 0, Subtract = 1, Multiply = 2, Divide = 3 };
+
+/// Calculates with all pixels of an image, in place.
+void Calculate(CVelImage& image, Calculation operation, double value);
 
 struct SaveOptions {
   bool integers = false;  ///< 16-bit values in place of floats, for FITS and TIFF

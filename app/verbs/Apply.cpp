@@ -98,7 +98,7 @@ void Apply(Tool& tool, const ApplyOptions& options) {
   }
   tool.CheckOutput(options.output);
   const auto store = tool.MakeStore(options.store);
-  LoadedImage loaded = LoadImage(tool, store, plan.input, options.hdu);
+  LoadedImage loaded = LoadImage(tool, store, plan.input, {.hdu = options.hdu});
   for (const Step& step : plan.steps) {
     tool.console.CheckCancelled();
     Call call(tool, step, loaded.image, loaded.info.header, options.rect.empty() ? nullptr : &rect);

@@ -1,6 +1,10 @@
 #include "app/verbs/AutoPicture.h"
 
+#include <algorithm>
+
 #include "korimg/levels/CImgAutoLevel.h"
+
+#include "app/tool/Images.h"
 
 namespace korimg::tool {
 
@@ -26,6 +30,28 @@ void LevelForPicture(CVelImage& image, const std::string& method) {
       levels.SetLevel(p, levels.GetLevelMin(p) - 1, levels.GetLevelMin(p) + 1);
   }
   levels.Swap(&image);
+}
+
+void LevelForPreview(CVelImage& image, int side) {
+  const int step = ShrinkTo(image, side);
+  const int width = std::max(image.GetWidth() / step, 1), height = std::max(image.GetHeight() / step, 1);
+  const auto store = CreateContiguousManager({});
+  CVelImage sample(store, CImage::Float, width, height, image.GetPlanes(), 1.0, 0.0, 1, nullptr);
+  sample.SetOrgBitsPixel(image.GetOrgBitsPixel());
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    sample.SetLevel(p, image.GetLevelMin(p), image.GetLevelMax(p));
+    for (int y = 0; y < height; ++y) {
+      const float* from = image.GetLine(0, y * step, p);
+      float* to = sample.GetWritableLine(0, y, p);
+      for (int x = 0; x < width; ++x) {
+        to[x] = from[x * step];
+      }
+    }
+  }
+  LevelForPicture(sample, "histogram");
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    image.SetLevel(p, sample.GetLevelMin(p), sample.GetLevelMax(p));
+  }
 }
 
 }  // namespace korimg::tool

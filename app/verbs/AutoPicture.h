@@ -10,4 +10,7 @@ namespace korimg::tool {
 /// "histogram" as the automatic levels do, "none" leaves them. A colour image keeps its colours.
 void LevelForPicture(CVelImage& image, const std::string& method);
 
+/// The same by "histogram", from the pixels that a preview of `side` pixels takes: quick on a large image.
+void LevelForPreview(CVelImage& image, int side);
+
 }  // namespace korimg::tool

@@ -22,6 +22,8 @@ void AddCalibrationOptions(CLI::App& verb, CalibrateOptions& options) {
       ->check(CLI::Range(0.0, 1e6));
   verb.add_flag("--allow-mismatch", options.allowMismatch,
                 "use calibration frames that differ in more than size, with a warning");
+  AddMosaicOptions(verb, options.develop);
+  verb.add_flag("--keep-mosaic", options.keepMosaic, "do not develop mosaics into colour");
 }
 
 /// The folder of one kind of frames in a session: its name in any case, singular or plural. Empty: there is
@@ -66,7 +68,7 @@ void Run(Tool& tool, const fs::path& session, CalibrateOptions options) {
   if (calibrates) {
     options.masters = options.out / "masters";
   } else {
-    tool.console.Warn("no darks, flats or biases: the lights are only previewed");
+    tool.console.Warn("no darks, flats or biases: lights are only developed and previewed");
   }
   options.report = options.out / "report.html";
   options.out /= "calibrated";
@@ -87,6 +89,7 @@ void AddCalibrate(CLI::App& app, Tool& tool) {
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {
     tool.Begin();
+    CheckWhiteBalance(options->develop.whiteBalance);
     if (options->darks.empty() && options->flats.empty() && options->biases.empty()) {
       throw UsageError("nothing to calibrate with: give --dark, --flat or --bias");
     }
@@ -107,6 +110,7 @@ void AddRun(CLI::App& app, Tool& tool) {
   AddCommonOptions(*verb, tool);
   verb->callback([arguments, &tool] {
     tool.Begin();
+    CheckWhiteBalance(arguments->options.develop.whiteBalance);
     Run(tool, arguments->session, arguments->options);
   });
 }

@@ -11,7 +11,10 @@
 #include "korimg/levels/CImgAutoLevel.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/platform/CParallel.h"
+#include "korimg/platform/Debug.h"
+#include "korimg/raw/CImgInformation.h"
 
+#include "app/files/Mosaic.h"
 #include "app/tool/Images.h"
 #include "app/verbs/Verbs.h"
 
@@ -71,12 +74,29 @@ constexpr const char* kKeywords[] = {"OBJECT",   "IMAGETYP", "EXPTIME",  "EXPOSU
                                      "INSTRUME", "GAIN",     "OFFSET",   "XBINNING", "DATE-OBS", "BAYERPAT",
                                      "XBAYROFF", "YBAYROFF", "ROWORDER", "PEDESTAL"};
 
+struct CameraTexts {
+  std::string instrument, exposure, format;
+};
+
+/// What the library has to say of the camera of a raw file.
+CameraTexts CameraText(CVelImage& image) {
+  CImgInformation information;
+  information.Swap(&image);
+  CString instrument, exposure, temperature, format;
+  information.GetInfoString(instrument, exposure, temperature);
+  information.GetRawType(format);
+  information.Swap(&image);
+  const auto narrow = [](const wchar_t* text) { return Narrow(text); };
+  return {narrow(instrument), narrow(exposure), narrow(format)};
+}
+
 void Info(Tool& tool, const std::filesystem::path& path, const std::string& hdu) {
   const auto store = tool.MakeStore();
-  LoadedImage loaded = LoadImage(tool, store, path, hdu);
+  LoadedImage loaded = LoadImage(tool, store, path, {.hdu = hdu});
   CImgAutoLevel image;
   image.Swap(loaded.image.get());
   const files::ImageInfo& info = loaded.info;
+  const files::Mosaic mosaic = files::FindMosaic(info);
   std::vector<PlaneMeasures> planes;
   for (int p = 0; p < image.GetPlanes(); ++p) {
     planes.push_back(Measure(image, p));
@@ -103,6 +123,18 @@ void Info(Tool& tool, const std::filesystem::path& path, const std::string& hdu)
     for (const char* key : kKeywords) {
       if (const auto value = info.header.GetString(key)) json["keywords"][key] = *value;
     }
+    if (!mosaic.name.empty()) {
+      json["mosaic"] = {{"pattern", mosaic.name}, {"developable", mosaic.cfa > 0}, {"reason", mosaic.reason}};
+    }
+    if (info.camera) {
+      json["camera"] = {
+          {"maker", info.camera->maker},
+          {"model", info.camera->model},
+          {"black", info.camera->black},
+          {"white", info.camera->white},
+          {"gains", info.camera->hasGains ? nlohmann::json(info.camera->gains) : nlohmann::json()},
+          {"raw_type", CameraText(image).format}};
+    }
     fmt::print("{}\n", json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
     return;
   }
@@ -120,6 +152,17 @@ void Info(Tool& tool, const std::filesystem::path& path, const std::string& hdu)
       line += fmt::format("{}{} {}", line.empty() ? "" : ", ", key, *value);
   }
   if (!line.empty()) fmt::print("  {}\n", line);
+  if (info.camera) {
+    const auto [instrument, exposure, format] = CameraText(image);
+    fmt::print("  camera {}{}{}, black {:g}, white {:g}", instrument, exposure.empty() ? "" : ", " + exposure,
+               format.empty() ? "" : ", " + format, fmt::join(info.camera->black, " "), info.camera->white);
+    if (info.camera->hasGains) fmt::print(", white balance {:.4g}", fmt::join(info.camera->gains, " "));
+    fmt::print("\n");
+  }
+  if (!mosaic.name.empty()) {
+    fmt::print("  mosaic {} as stored ({}){}\n", mosaic.name, mosaic.reason,
+               mosaic.cfa > 0 ? "" : ": not supported");
+  }
 }
 
 void ShowVersion(bool verbose) {

@@ -20,7 +20,7 @@ struct RenderOptions {
 void Render(Tool& tool, const RenderOptions& options) {
   tool.CheckOutput(options.output);
   const auto store = tool.MakeStore();
-  LoadedImage loaded = LoadImage(tool, store, options.input, options.hdu);
+  LoadedImage loaded = LoadImage(tool, store, options.input, {.hdu = options.hdu});
   LevelForPicture(*loaded.image, options.level);
   const int shrink = std::max(static_cast<int>(std::lround(1 / options.scale)), 1);
   SavePicture(tool, *loaded.image, options.output, shrink);

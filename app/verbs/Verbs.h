@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "app/develop/Develop.h"
 #include "app/tool/Tool.h"
 
 namespace korimg::tool {
@@ -12,11 +13,15 @@ void AddInfo(CLI::App& app, Tool& tool);
 void AddOps(CLI::App& app, Tool& tool);
 void AddApply(CLI::App& app, Tool& tool);
 void AddCalibrate(CLI::App& app, Tool& tool);
+void AddDevelop(CLI::App& app, Tool& tool);
 void AddRender(CLI::App& app, Tool& tool);
 void AddSimulate(CLI::App& app, Tool& tool);
 void AddRun(CLI::App& app, Tool& tool);
 
 /// Adds the options that all verbs take.
 void AddCommonOptions(CLI::App& verb, Tool& tool);
+
+/// Adds the options that say what a mosaic is and how its colours are balanced.
+void AddMosaicOptions(CLI::App& verb, DevelopOptions& options);
 
 }  // namespace korimg::tool

@@ -1,0 +1,204 @@
+// korimg develop: from a camera's mosaic to a colour image.
+#include "app/develop/Develop.h"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "app/calibrate/Masters.h"
+#include "app/verbs/AutoPicture.h"
+#include "app/verbs/Verbs.h"
+
+namespace korimg::tool {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kPreviewSide = 1200;  // pixels
+constexpr double kWhite16 = 65535;
+constexpr double kUnitWhite = 16;  // images that stay below it are not on a camera's scale
+
+struct Arguments {
+  std::vector<fs::path> inputs;
+  fs::path out, dark, flat;
+  std::string bits;
+  double black = 0;
+  DevelopOptions develop;
+};
+
+bool IsImageName(const fs::path& path) {
+  const std::string extension = files::LowerExtension(path);
+  return extension == ".fits" || extension == ".fit" || extension == ".fts" || extension == ".tif" ||
+         extension == ".tiff";
+}
+
+/// A calibration frame with what is needed to apply it.
+struct Serving {
+  std::vector<Group> groups;
+  Master master;
+};
+
+class Developer {
+ public:
+  Developer(Tool& tool, const Arguments& arguments)
+      : tool_(tool), arguments_(arguments), toFile_(IsImageName(arguments.out)) {
+    Load(FrameKind::Dark, arguments.dark, dark_);
+    Load(FrameKind::Flat, arguments.flat, flat_);
+  }
+
+  void Do(const fs::path& path) {
+    const fs::path output = toFile_ ? arguments_.out : arguments_.out / (StemOf(path) + ".fits");
+    fs::path preview = output;
+    preview.replace_extension(".png");
+    tool_.CheckOutput(output);
+    tool_.CheckOutput(preview);
+    const bool hasDark = dark_.master.image != nullptr;
+    LoadedImage loaded = LoadImage(tool_, store_, path, {.lessBlack = !hasDark && arguments_.black == 0});
+    CVelImage& image = *loaded.image;
+    files::ImageInfo& info = loaded.info;
+    if (fs::exists(output) && fs::equivalent(output, path)) {
+      throw files::FileError(output, "would be replaced by its own result; choose another --out");
+    }
+    const files::Mosaic mosaic = RequireMosaic(image, info, arguments_.develop.mosaic);
+    Calibrate(path, image);
+    TakeOffset(image, info);
+    const WhiteBalance balance = ChooseWhiteBalance(image, info, mosaic, arguments_.develop.whiteBalance);
+    if (!mosaic.name.empty()) {
+      tool_.console.Say(fmt::format("{}: mosaic {} ({}), white balance {} ({:.4g})", path.filename().string(),
+                                    mosaic.name, mosaic.reason, balance.text,
+                                    fmt::join(balance.gains, ", ")));
+    }
+    Develop(image, info, mosaic, balance, arguments_.develop);
+    if (!arguments_.out.parent_path().empty() && toFile_)
+      fs::create_directories(arguments_.out.parent_path());
+    if (!toFile_) fs::create_directories(arguments_.out);
+    const bool integers = arguments_.bits == "16" ||
+                          (arguments_.bits.empty() && files::LowerExtension(output).starts_with(".tif"));
+    if (integers) Calculate(image, Calculation::Multiply, kWhite16 / image.GetLevelMax(0));
+    for (int p = 0; p < image.GetPlanes() && integers; ++p) {
+      image.SetLevel(p, 0, kWhite16);
+    }
+    SaveImage(tool_, image, info.header, output, {.integers = integers});
+    LevelForPreview(image, kPreviewSide);
+    SavePicture(tool_, image, preview, ShrinkTo(image, kPreviewSide));
+    if (tool_.options.json) {
+      const nlohmann::ordered_json json{{"file", path.string()},       {"output", output.string()},
+                                        {"preview", preview.string()}, {"mosaic", mosaic.name},
+                                        {"reason", mosaic.reason},     {"white_balance", balance.text},
+                                        {"gains", balance.gains}};
+      fmt::print("{}\n", json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+    } else {
+      tool_.console.Say(fmt::format("{} -> {}", path.filename().string(), output.string()));
+    }
+  }
+
+ private:
+  void Load(FrameKind kind, const fs::path& path, Serving& serving) {
+    if (path.empty()) return;
+    serving.groups = MakeGroups(kind, {path});
+    serving.master = MakeMaster(tool_, store_, serving.groups.front(), nullptr);
+  }
+
+  void Calibrate(const fs::path& path, CVelImage& image) {
+    for (const Serving* serving : {&dark_, &flat_}) {
+      const CVelImage* frame = serving->master.image.get();
+      if (frame && (frame->GetWidth() != image.GetWidth() || frame->GetHeight() != image.GetHeight() ||
+                    (frame->GetPlanes() != 1 && frame->GetPlanes() != image.GetPlanes()))) {
+        throw files::FileError(
+            path, fmt::format("is {} x {} pixels, but {} is {} x {}", image.GetWidth(), image.GetHeight(),
+                              serving->master.Text(), frame->GetWidth(), frame->GetHeight()));
+      }
+    }
+    Measures m = flat_.master.measures;
+    image.DarkFlat(&image, dark_.master.image.get(), flat_.master.image.get(), m.minima, m.maxima, m.averages,
+                   0, 0, nullptr, 0);
+  }
+
+  /// Makes black 0, and white what the camera's sensor can give above it.
+  void TakeOffset(CVelImage& image, const files::ImageInfo& info) {
+    double black = arguments_.black;
+    if (black > 0) Calculate(image, Calculation::Subtract, black);
+    if (dark_.master.image) {
+      black = dark_.master.measures.mean;
+    } else if (info.camera && black == 0) {
+      black = *std::min_element(info.camera->black.begin(), info.camera->black.end());
+    } else if (black == 0) {
+      tool_.console.Warn(
+          fmt::format("{}: its black level is not known, and counts as light; give --dark or --black",
+                      info.path.string()));
+    }
+    double white = info.camera ? info.camera->white : kWhite16;
+    if (!info.camera && info.type != "uint16") {
+      const double brightest = std::get<1>(image.GetMinMax(0)) + black;
+      if (brightest <= kUnitWhite || brightest > kWhite16) white = brightest;
+    }
+    for (int p = 0; p < image.GetPlanes(); ++p) {
+      image.SetLevel(p, 0, white > black ? white - black : 1);
+    }
+  }
+
+  Tool& tool_;
+  const Arguments& arguments_;
+  bool toFile_;
+  std::shared_ptr<CVmManager> store_ = tool_.MakeStore();
+  Serving dark_, flat_;
+};
+
+}  // namespace
+
+void AddMosaicOptions(CLI::App& verb, DevelopOptions& options) {
+  verb.add_option("--cfa", options.mosaic.cfa,
+                  "pattern of the mosaic, from the upper left corner of the upright picture")
+      ->check(CLI::IsMember({"auto", "RGGB", "GRBG", "BGGR", "GBRG"}, CLI::ignore_case))
+      ->transform([](const std::string& word) { return word == "auto" ? std::string() : word; });
+  verb.add_option("--row-order", options.mosaic.rowOrder,
+                  "whether the first stored row is the upper or the lower one")
+      ->check(CLI::IsMember({"auto", "top-down", "bottom-up"}, CLI::ignore_case))
+      ->transform([](const std::string& word) { return word == "auto" ? std::string() : word; });
+  verb.add_option("--white-balance", options.whiteBalance,
+                  "auto (the camera's, else by medians), camera, none, or gains of the cells row by row: "
+                  "1.9,1,1,1.5");
+}
+
+void AddDevelop(CLI::App& app, Tool& tool) {
+  auto arguments = std::make_shared<Arguments>();
+  DevelopOptions& options = arguments->develop;
+  CLI::App* verb = app.add_subcommand("develop", "Make colour images of camera raw files and mosaics");
+  verb->add_option("frames", arguments->inputs, "camera raw, FITS or TIFF files, or folders of them")
+      ->required();
+  verb->add_option("--out", arguments->out, "folder for the results, or a name: .fits, or .tif with 16 bits")
+      ->required();
+  AddMosaicOptions(*verb, options);
+  verb->add_flag("--mono", options.mono, "brightness in one plane");
+  verb->add_flag("--half", options.half, "half the size, a pixel from each cell of the mosaic");
+  verb->add_option("--gamma", options.gamma, "2.2 and the like, for pictures; 1 keeps the values linear")
+      ->check(CLI::Range(0.1, 10.0));
+  verb->add_flag("--level-cut", options.levelCut, "limit the results to black and white");
+  CLI::Option* dark = verb->add_option("--dark", arguments->dark,
+                                       "taken off the mosaic first; holds the camera's black level");
+  verb->add_option("--flat", arguments->flat, "the mosaic is divided by it");
+  verb->add_option("--black", arguments->black,
+                   "raw value of no light, where neither a dark nor the file says it")
+      ->check(CLI::Range(0.0, 1e6))
+      ->excludes(dark);
+  verb->add_option("--bits", arguments->bits, "16: whole numbers up to 65535 for white; float: the raw scale")
+      ->check(CLI::IsMember({"16", "float"}));
+  AddCommonOptions(*verb, tool);
+  verb->callback([arguments, &tool] {
+    tool.Begin();
+    const DevelopOptions& options = arguments->develop;
+    CheckWhiteBalance(options.whiteBalance);
+    if (options.half && (options.mono || options.levelCut || options.gamma != 1)) {
+      throw UsageError("--half takes neither --mono nor --level-cut nor --gamma");
+    }
+    const std::vector<fs::path> frames = ExpandFolders(arguments->inputs);
+    CheckStems(frames);
+    if (IsImageName(arguments->out) && frames.size() > 1) {
+      throw UsageError(fmt::format("--out {}: several frames need a folder", arguments->out.string()));
+    }
+    Developer developer(tool, *arguments);
+    tool.ForEachFile(frames, [&](const fs::path& path) { developer.Do(path); });
+  });
+}
+
+}  // namespace korimg::tool

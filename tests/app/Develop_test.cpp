@@ -1,0 +1,229 @@
+// Development by the tool: from mosaics in files to colour images in files.
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "app/files/Mosaic.h"
+#include "app/simulate/Simulate.h"
+#include "tests/app/Tool.h"
+#include "tests/support/Dng.h"
+
+namespace korimg::files {
+namespace {
+
+using nlohmann::json;
+
+class DevelopTest : public ToolTest {
+ protected:
+  static constexpr int kWidth = 60, kHeight = 41;
+
+  /// A scene of one colour behind a pattern, on an offset.
+  static test::PixelRule Plain(const std::string& pattern, std::array<double, 3> colour, double offset) {
+    return [=](int, int x, int y) {
+      const size_t plane = std::string("RGB").find(pattern[static_cast<size_t>(y % 2 * 2 + x % 2)]);
+      return offset + colour[plane];
+    };
+  }
+
+  static test::Dng Raw(const std::string& pattern, std::array<double, 3> colour, std::array<int, 4> black) {
+    test::Dng dng;
+    dng.width = kWidth;
+    dng.height = kHeight;
+    dng.pattern = pattern;
+    dng.black = black;
+    for (int y = 0; y < dng.height; ++y) {
+      for (int x = 0; x < dng.width; ++x) {
+        dng.pixels.push_back(
+            static_cast<std::uint16_t>(Plain(pattern, colour, black[static_cast<size_t>(y % 2 * 2 + x % 2)])(0, x, y)));
+      }
+    }
+    return dng;
+  }
+
+  /// All pixels of the planes are these values.
+  static void ExpectColour(const Planes& planes, const std::vector<double>& colour, double tolerance = 1e-3) {
+    ASSERT_EQ(planes.size(), colour.size());
+    for (size_t p = 0; p < planes.size(); ++p) {
+      for (const float v : planes[p]) {
+        ASSERT_NEAR(v, colour[p], tolerance) << "plane " << p;
+      }
+    }
+  }
+};
+
+TEST_F(DevelopTest, CameraRawTakesBlackAndGainsFromItsFile) {
+  test::Dng dng = Raw("BGGR", {400, 800, 500}, {510, 520, 530, 540});
+  dng.neutral = {0.5, 1, 0.625};
+  test::WriteDng(In("a.dng"), dng);
+  const Result r = Shell("korimg develop a.dng --out done --json");
+  ASSERT_EQ(r.code, 0) << r.err;
+  const json told = json::parse(r.out);
+  EXPECT_EQ(told["mosaic"], "BGGR");
+  EXPECT_EQ(told["white_balance"], "the camera's");
+  EXPECT_TRUE(std::filesystem::exists(In("done/a.png")));
+  const auto reader = ImageReader::Open(In("done/a.fits"));
+  ExpectColour(ReadAll(*reader, 64), {800, 800, 800}, 0.1);
+  EXPECT_EQ(FindMosaic(reader->Info()).name, "");
+  EXPECT_FALSE(reader->Info().header.GetString("BAYERPAT"));
+  EXPECT_EQ(reader->Info().header.GetString("INSTRUME"), "Canon EOS 6D");
+
+  ASSERT_EQ(Shell("korimg develop a.dng --out none.fits --white-balance none").code, 0);
+  ExpectColour(Read("none.fits"), {400, 800, 500});
+  ASSERT_EQ(Shell("korimg develop a.dng --out half.fits --half").code, 0);
+  const auto half = ImageReader::Open(In("half.fits"));
+  EXPECT_EQ(std::pair(half->Info().width, half->Info().height), std::pair(30, 20));
+  ExpectColour(ReadAll(*half, 64), {800, 800, 800}, 0.1);
+  ASSERT_EQ(Shell("korimg develop a.dng --out mono.fits --mono --white-balance 2,1,1,2").code, 0);
+  ExpectColour(Read("mono.fits"), {(800 + 800 + 1000) / 3.0}, 0.1);
+  // 16 bits: white of the file, 16383 less its black, is 65535.
+  ASSERT_EQ(Shell("korimg develop a.dng --out sixteen.tif --white-balance none").code, 0);
+  const auto sixteen = ImageReader::Open(In("sixteen.tif"));
+  EXPECT_EQ(sixteen->Info().type, "uint16");
+  ExpectColour(ReadAll(*sixteen, 64), {400 * 65535 / 15873.0, 800 * 65535 / 15873.0, 500 * 65535 / 15873.0}, 0.6);
+  ASSERT_EQ(Shell("korimg develop a.dng --out wrong.fits --cfa rggb --white-balance none").code, 0);
+  ExpectColour(Read("wrong.fits"), {500, 800, 400}, 31);
+}
+
+TEST_F(DevelopTest, MosaicsOfFitsFilesByTheirKeywords) {
+  Header header;
+  header.Set("BAYERPAT", "RGGB");
+  header.Set("ROWORDER", "BOTTOM-UP");
+  header.Set("XBAYROFF", 1);
+  header.Set("OBJECT", "M 31");
+  // Upright GRBG; of 40 rows, bottom-up: BGGR is what is stored.
+  Frame("a.fits", kWidth, 40, Plain("BGGR", {400, 800, 500}, 1000), "uint16", header);
+  EXPECT_NE(Shell("korimg info a.fits").out.find("mosaic BGGR as stored"), std::string::npos);
+  Frame("dark.fits", kWidth, 40, [](int, int, int) { return 1000; }, "uint16");
+  // The flat's light is reddish, and falls off to both sides.
+  const auto fall = [](int x) { return 1 - (x - 29.5) * (x - 29.5) / 1800; };
+  Frame("flat.fits", kWidth, 40, [&](int, int x, int y) { return fall(x) * Plain("BGGR", {3000, 2000, 1000}, 0)(0, x, y); }, "float32", header);
+  Frame("lit.fits", kWidth, 40, [&](int, int x, int y) { return 1000 + fall(x) * Plain("BGGR", {400, 800, 500}, 0)(0, x, y); }, "float32", header);
+  ASSERT_EQ(Shell("korimg develop a.fits --dark dark.fits --out done --white-balance none").code, 0);
+  ExpectColour(Read("done/a.fits"), {400, 800, 500});
+  const auto reader = ImageReader::Open(In("done/a.fits"));
+  for (const char* key : {"BAYERPAT", "XBAYROFF"}) {
+    EXPECT_FALSE(reader->Info().header.GetString(key)) << key;
+  }
+  EXPECT_EQ(reader->Info().header.GetString("OBJECT"), "M 31");
+  EXPECT_EQ(reader->Info().header.GetString("ROWORDER"), "BOTTOM-UP");
+  ASSERT_EQ(Shell("korimg develop a.fits --black 1000 --out auto.fits").code, 0);
+  ExpectColour(Read("auto.fits"), {800, 800, 800}, 0.01);
+  const Result flat = Shell("korimg develop lit.fits --dark dark.fits --flat flat.fits --out flat.fits.d --white-balance none");
+  ASSERT_EQ(flat.code, 0) << flat.err;
+  const Planes planes = Read("flat.fits.d/lit.fits");
+  for (int p = 0; p < 3; ++p) {
+    const double expected[] = {400, 800, 500};
+    for (const float v : planes[p]) {
+      ASSERT_NEAR(v / planes[1][0], expected[p] / 800, 0.001) << p;
+    }
+  }
+  // Pixels from 0 to 1 are balanced by their medians as well.
+  Frame("unit.fits", kWidth, 40, Plain("BGGR", {0.25, 0.5, 0.125}, 0), "float32", header);
+  ASSERT_EQ(Shell("korimg develop unit.fits --out unit.d --white-balance auto").code, 0);
+  ExpectColour(Read("unit.d/unit.fits"), {0.5, 0.5, 0.5}, 1e-6);
+}
+
+TEST_F(DevelopTest, WhatCannotBeDoneIsSaidAndNothingIsLost) {
+  Header other;
+  other.Set("BAYERPAT", "GMYC");
+  Frame("mono.fits", 20, 20, test::Random(0, 100), "uint16");
+  Frame("gmyc.fits", 20, 20, test::Random(0, 100), "uint16", other);
+  Frame("small.fits", 5, 20, test::Random(0, 100), "uint16");
+  Frame("dark.fits", 20, 21, test::Random(0, 100), "uint16");
+  WriteBytes(In("taken.fits"), "mine");
+  const struct {
+    const char *command, *says;
+    int code;
+  } cases[] = {
+      {"mono.fits --out a", "give --cfa", 1},
+      {"gmyc.fits --out a", "pattern GMYC is not supported", 1},
+      {"small.fits --cfa RGGB --out a", "too small", 1},
+      {"mono.fits --cfa RGGB --white-balance camera --out a", "knows no white balance", 1},
+      {"mono.fits --cfa RGGB --dark dark.fits --out a", "20 x 21", 1},
+      {"mono.fits --cfa RGGB --out taken.fits", "exists already", 1},
+      {"mono.fits --cfa RGGB --out mono.fits --overwrite", "own result", 1},
+      {"mono.fits --cfa RGGB --white-balance 1,2,3 --out a", "four positive gains", 2},
+      {"mono.fits --cfa RGGB --white-balance 1,0,1,1 --out a", "four positive gains", 2},
+      {"mono.fits --cfa RGGB --half --mono --out a", "--half takes neither", 2},
+      {"mono.fits gmyc.fits --cfa RGGB --out a.fits", "need a folder", 2},
+      {"mono.fits --cfa RGBG --out a", "RGBG", 2},
+  };
+  for (const auto& c : cases) {
+    const Result r = Shell(std::string("korimg develop ") + c.command);
+    EXPECT_EQ(r.code, c.code) << c.command << r.err;
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << c.command << ": " << r.err;
+    EXPECT_TRUE(!std::filesystem::exists(In("a")) || std::filesystem::is_empty(In("a"))) << c.command;
+  }
+  EXPECT_EQ(ReadBytes(In("taken.fits")), "mine");
+  EXPECT_EQ(Read("mono.fits").size(), 1u);
+}
+
+TEST_F(DevelopTest, SessionsOfAColourCameraGiveColour) {
+  korimg::SimulateOptions options;
+  options.frames = 3;
+  options.width = 240;
+  options.height = 180;
+  options.bayer = "GBRG";
+  ASSERT_TRUE(korimg::Simulate(In("night"), options));
+  const Result r = Shell("korimg run night --out done --pedestal 100 && korimg run night --out kept --keep-mosaic");
+  ASSERT_EQ(r.code, 0) << r.err;
+  std::vector<std::array<double, 3>> medians;
+  for (const char* name : {"done/calibrated/light_0001.fits", "done/calibrated/light_0003.fits"}) {
+    const auto reader = ImageReader::Open(In(name));
+    Planes planes = ReadAll(*reader, 64);
+    ASSERT_EQ(planes.size(), 3u);
+    EXPECT_EQ(FindMosaic(reader->Info()).name, "");
+    std::array<double, 3> sky;
+    for (int p = 0; p < 3; ++p) {
+      std::nth_element(planes[p].begin(), planes[p].begin() + 240 * 90, planes[p].end());
+      sky[p] = planes[p][240 * 90] - 100;
+    }
+    // The sky of the first light is grey, and nearly so in the others.
+    EXPECT_NEAR(sky[0] / sky[1], 1, 0.03) << name;
+    EXPECT_NEAR(sky[2] / sky[1], 1, 0.03) << name;
+  }
+  const auto kept = ImageReader::Open(In("kept/calibrated/light_0001.fits"));
+  EXPECT_EQ(kept->Info().planes, 1);
+  EXPECT_EQ(FindMosaic(kept->Info()).name, "GBRG");
+  // A calibrated mosaic that was kept can be developed later, to the same.
+  ASSERT_EQ(Shell("korimg develop kept/calibrated/light_0001.fits --out later --white-balance none && "
+                  "korimg run night --out plain --white-balance none").code, 0);
+  EXPECT_EQ(Read("later/light_0001.fits"), Read("plain/calibrated/light_0001.fits"));
+}
+
+TEST_F(DevelopTest, SessionsOfCameraRawFiles) {
+  // Lights of one colour on a black level with warm pixels, darks and flats that know them.
+  const auto warm = [](int x, int y) { return x * 7 % 50 == 3 && y % 11 == 4 ? 900 : 0; };
+  const auto fall = [](int x) { return 1 - (x - 29.5) * (x - 29.5) / 1800; };
+  for (const char* folder : {"lights", "darks", "flats"}) {
+    std::filesystem::create_directories(In("night") / folder);
+  }
+  const auto write = [&](const std::string& name, const std::function<double(int, int)>& rule) {
+    test::Dng dng = Raw("RGGB", {0, 0, 0}, {512, 512, 512, 512});
+    for (int y = 0; y < kHeight; ++y) {
+      for (int x = 0; x < kWidth; ++x) {
+        dng.pixels[static_cast<size_t>(y) * kWidth + x] = static_cast<std::uint16_t>(std::lround(rule(x, y)));
+      }
+    }
+    dng.neutral = {0.5, 1, 0.8};
+    test::WriteDng(In("night") / name, dng);
+  };
+  for (const char* n : {"1", "2", "3"}) {
+    const std::string end = std::string(n) + ".dng";
+    write("lights/light" + end, [&](int x, int y) { return 512 + warm(x, y) + fall(x) * Plain("RGGB", {2000, 4000, 3200}, 0)(0, x, y); });
+    write("darks/dark" + end, [&](int x, int y) { return 512 + warm(x, y); });
+    write("flats/flat" + end, [&](int x, int y) { return 512 + warm(x, y) + fall(x) * Plain("RGGB", {9000, 7000, 8000}, 0)(0, x, y); });
+  }
+  const Result r = Shell("korimg run night --out done");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.err.find("warning"), std::string::npos) << r.err;
+  const Planes planes = Read("done/calibrated/light2.fits");
+  ASSERT_EQ(planes.size(), 3u);
+  for (size_t p = 0; p < planes.size(); ++p) {
+    for (size_t i = 0; i < planes[p].size(); ++i) {
+      ASSERT_NEAR(planes[p][i] / planes[0][0], 1, 0.003) << p << ' ' << i % kWidth << ' ' << i / kWidth;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace korimg::files

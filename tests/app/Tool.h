@@ -1,0 +1,67 @@
+// Runs the built tool as a person or a script calls it.
+#pragma once
+
+#include <cstdlib>
+
+#include <sys/wait.h>
+
+#include "tests/app/Folder.h"
+#include "tests/support/Images.h"
+
+namespace korimg::files {
+
+#if defined(__has_feature)
+#define KORIMG_HAS_FEATURE(name) __has_feature(name)
+#else
+#define KORIMG_HAS_FEATURE(name) 0
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || KORIMG_HAS_FEATURE(thread_sanitizer)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
+struct Result {
+  int code;
+  std::string out, err;
+};
+
+class ToolTest : public FolderTest {
+ protected:
+  /// Runs a shell command in which "korimg" is the tool that was built, in this test's folder.
+  Result Shell(const std::string& command) {
+    const std::string script = "cd '" + folder_.string() +
+                               "' && korimg() { '" KORIMG_TOOL "' \"$@\"; } && { " + command +
+                               "; } > out.txt 2> err.txt < /dev/null";
+    const int status = std::system(("bash -c " + Quoted(script)).c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadBytes(In("out.txt")), ReadBytes(In("err.txt"))};
+  }
+
+  static std::string Quoted(const std::string& text) {
+    std::string quoted = "'";
+    for (const char c : text) {
+      quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return quoted + "'";
+  }
+
+  void Frame(const std::string& name, int width, int height, const test::PixelRule& rule,
+             const std::string& type = "float32", Header header = {}) {
+    const auto writer = ImageWriter::Create(
+        In(name),
+        {.width = width, .height = height, .type = type, .header = std::move(header), .overwrite = true});
+    std::vector<float> row(width);
+    for (int y = 0; y < height; ++y) {
+      for (int x = 0; x < width; ++x) {
+        row[x] = static_cast<float>(rule(0, x, y));
+      }
+      const float* planes[] = {row.data()};
+      writer->WriteRows(y, 1, planes);
+    }
+    writer->Commit();
+  }
+
+  Planes Read(const std::string& name) { return ReadAll(*ImageReader::Open(In(name)), 64); }
+};
+
+}  // namespace korimg::files
