@@ -20,7 +20,7 @@ constexpr int kWidth = 6000, kHeight = 4000;
 /// The same random numbers as floats and as 16-bit ones, with room for the results.
 struct Planes {
   std::vector<float> raw, red, green, blue;
-  cv::Mat mosaic{kHeight, kWidth, CV_16U}, colours{kHeight, kWidth, CV_16UC3};
+  cv::Mat mosaic = cv::Mat(kHeight, kWidth, CV_16U), colours = cv::Mat(kHeight, kWidth, CV_16UC3);
 
   Planes() : raw(1LL * kWidth * kHeight), red(raw.size()), green(raw.size()), blue(raw.size()) {
     unsigned state = 1;
