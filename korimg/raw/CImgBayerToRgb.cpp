@@ -325,6 +325,7 @@ void CImgBayerToRgb::MakeYImage(int nCFA, Strip& strip) {
     float const *above = strip.Line(Strip::kRaw, k - 1), *here = strip.Line(Strip::kRaw, k),
                 *below = strip.Line(Strip::kRaw, k + 1);
     float* sum = strip.Line(Strip::kRedAndBlue, k);
+#pragma omp simd
     for (int x = 1; x < last; ++x) {
       sum[x] = here[x] + 0.25f * ((above[x - 1] + below[x - 1]) + (above[x + 1] + below[x + 1]));
     }
@@ -339,6 +340,7 @@ void CImgBayerToRgb::MakeYImage(int nCFA, Strip& strip) {
     float const *sumAbove = strip.Line(Strip::kRedAndBlue, k - 1), *sum = strip.Line(Strip::kRedAndBlue, k),
                 *sumBelow = strip.Line(Strip::kRedAndBlue, k + 1);
     float* bright = strip.Line(Strip::kBrightness, k);
+#pragma omp simd
     for (int x = 1; x < last; ++x) {
       const float atColour = sum[x] + 0.25f * ((above[x] + below[x]) + (here[x - 1] + here[x + 1]));
       const float atGreen = here[x] + 0.25f * ((sumAbove[x] + sumBelow[x]) + (sum[x - 1] + sum[x + 1]));
@@ -359,6 +361,7 @@ void CImgBayerToRgb::MakeRGBImage(int nCFA, Strip& strip) {
                 *below = strip.Line(Strip::kRaw, k + 1);
     float *own = strip.Line(isRedRow ? kRed : kBlue, k), *other = strip.Line(isRedRow ? kBlue : kRed, k),
           *green = strip.Line(kGreen, k);
+#pragma omp simd
     for (int x = 1; x < last; ++x) {
       const bool isColoured = (x & 1) == coloured;
       const float stacked = above[x] + below[x], beside = here[x - 1] + here[x + 1];
@@ -379,6 +382,8 @@ void CImgBayerToRgb::SynthImage(tagBayerStruct const& bayer, Range const& range,
   const int border = bayer.bMono ? 0 : 1;
   const int left = std::max(bayer.nTrimLeft, border),
             right = std::min(bayer.nTrimLeft + GetWidth(), strip.width - border);
+  // The sums of red and blue have served.
+  float *columnSum = strip.Line(Strip::kRedAndBlue, 0), *colour = strip.Line(Strip::kRedAndBlue, 1);
   for (int k = 3; k <= 4; ++k) {
     const int row = y + k - 3 - bayer.nTrimTop;
     if (row < 0 || row >= GetHeight()) continue;
@@ -387,15 +392,21 @@ void CImgBayerToRgb::SynthImage(tagBayerStruct const& bayer, Range const& range,
                 *brightBelow = strip.Line(Strip::kBrightness, k + 1);
     for (int p = 0; p < (bayer.bMono ? 1 : 3); ++p) {
       float const *above = strip.Line(p, k - 1), *here = strip.Line(p, k), *below = strip.Line(p, k + 1);
+      float const* made = bright;
+      if (!bayer.bMono) {
+#pragma omp simd
+        for (int x = left - 1; x <= right; ++x) {
+          columnSum[x] = (here[x] - bright[x]) + ((above[x] - brightAbove[x]) + (below[x] - brightBelow[x]));
+        }
+#pragma omp simd
+        for (int x = left; x < right; ++x) {
+          colour[x] = bright[x] + ((columnSum[x - 1] + columnSum[x]) + columnSum[x + 1]) * (1.0f / 9);
+        }
+        made = colour;
+      }
       float* out = GetWritableLine(0, row, p);
-      const auto columnSum = [&](int x) {
-        return (here[x] - bright[x]) + ((above[x] - brightAbove[x]) + (below[x] - brightBelow[x]));
-      };
       for (int x = left; x < right; ++x) {
-        const float v = bayer.bMono
-                            ? bright[x]
-                            : bright[x] + ((columnSum(x - 1) + columnSum(x)) + columnSum(x + 1)) * (1.0f / 9);
-        out[x - bayer.nTrimLeft] = bayer.bLevelCut ? Limited(v, low, high) : v;
+        out[x - bayer.nTrimLeft] = bayer.bLevelCut ? Limited(made[x], low, high) : made[x];
       }
     }
   }
