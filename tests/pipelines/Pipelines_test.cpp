@@ -128,7 +128,14 @@ class Argument {
 
   bool IsOutput() const { return argument_.kind == halide_argument_kind_output_buffer; }
 
-  void AddTo(std::uint64_t& hash) const {
+  /// NaN counts as NaN: which of two operands' bits it takes is up to the compiler.
+  void AddTo(std::uint64_t& hash) {
+    const bool floats = argument_.type.code == halide_type_float && argument_.type.bits == 32;
+    for (size_t i = 0; floats && i < bytes_.size(); i += sizeof(float)) {
+      float value;
+      std::memcpy(&value, &bytes_[i], sizeof value);
+      if (std::isnan(value)) std::fill_n(&bytes_[i], sizeof value, 0xFF);
+    }
     for (const unsigned char byte : bytes_) {
       hash = (hash ^ byte) * 1099511628211ULL;
     }
@@ -154,7 +161,7 @@ std::string Fingerprint(const PipelineEntry& entry) {
   }
   const int status = entry.call(addresses.data());
   std::uint64_t hash = 14695981039346656037ULL;
-  for (const auto& argument : arguments) {
+  for (auto& argument : arguments) {
     if (argument->IsOutput()) argument->AddTo(hash);
   }
   return std::string(metadata.name) + (status ? " failed " : " ") + std::to_string(status ? status : hash);
