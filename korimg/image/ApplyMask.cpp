@@ -38,7 +38,8 @@ int PlaneFor(CVelImage const& other, int p) {
 
 /// Blends the pixels from `first` to `last` of a line, with nothing of `t` at a share of 0; or the other way
 /// round.
-void Blend(float* t, float const* o, float const* mask, int first, int last, Share const& share, bool reverse) {
+void Blend(float* t, float const* o, float const* mask, int first, int last, Share const& share,
+           bool reverse) {
   if (reverse) {
     for (int x = first; x < last; ++x) {
       t[x] = (o[x] - t[x]) * share(mask[x]) + t[x];
@@ -50,7 +51,8 @@ void Blend(float* t, float const* o, float const* mask, int first, int last, Sha
   }
 }
 
-void BlendLines(CVelImage& image, CVelImage& other, CVelImage& mask, Window const& window, bool reverse, Team team) {
+void BlendLines(CVelImage& image, CVelImage& other, CVelImage& mask, Window const& window, bool reverse,
+                Team team) {
   const Share share(mask);
   for (int p = 0; p < image.GetPlanes(); ++p) {
     ForLines(team, window.top, window.bottom, [&](int y) {
@@ -61,8 +63,8 @@ void BlendLines(CVelImage& image, CVelImage& other, CVelImage& mask, Window cons
 }
 
 /// Brings the other's pixels back to where nothing is selected, and blends the rest if there is a mask.
-void Select(CVelImage& image, CVelImage& other, CImageSelection const& selection, CVelImage* mask, bool reverse,
-            Window const& window, Team team) {
+void Select(CVelImage& image, CVelImage& other, CImageSelection const& selection, CVelImage* mask,
+            bool reverse, Window const& window, Team team) {
   const Share share(mask ? *mask : image);
   ForPlaneLines(image, window, team, [&](int p, int y) {
     float* t = image.GetWritableLine(0, y, p);
@@ -107,11 +109,13 @@ void BlendByPipeline(CVelImage& image, CVelImage& other, CVelImage& mask, Window
 
 }  // namespace
 
-int CVelImage::ApplyMask(CRect* rect, CImageSelection* selection, CVelImage* other, CImageMask* mask, int show) {
+int CVelImage::ApplyMask(CRect* rect, CImageSelection* selection, CVelImage* other, CImageMask* mask,
+                         int show) {
   CVelImage* shares = mask ? mask->GetVelImage() : nullptr;
   const bool selects = selection && !selection->IsAllSelection();
   if (!other || (!shares && !selects)) return 0;
-  if (other->IsEmpty() || !SameSize(*other, *this) || (shares && (shares->IsEmpty() || !SameSize(*shares, *this)))) {
+  if (other->IsEmpty() || !SameSize(*other, *this) ||
+      (shares && (shares->IsEmpty() || !SameSize(*shares, *this)))) {
     return 0;
   }
   const Window window(*this, rect);
@@ -134,12 +138,12 @@ int CVelImage::ApplyMask(CRect* rect, CImageSelection* selection, CVelImage* oth
   return 1;
 }
 
-void CVelImage::ApplyMask_Do0(CVelImage* other, CVelImage* maskImage, int left, int right, int top, int bottom,
-                              int reverse) {
+void CVelImage::ApplyMask_Do0(CVelImage* other, CVelImage* maskImage, int left, int right, int top,
+                              int bottom, int reverse) {
   BlendLines(*this, *other, *maskImage, {left, top, right, bottom}, reverse, Team::One);
 }
 
-void CVelImage::ApplyMask_Do0_x(CVelImage* other, CVelImage* maskImage, int left, int right, int top, int bottom,
-                                int reverse) {
+void CVelImage::ApplyMask_Do0_x(CVelImage* other, CVelImage* maskImage, int left, int right, int top,
+                                int bottom, int reverse) {
   BlendLines(*this, *other, *maskImage, {left, top, right, bottom}, reverse, Team::All);
 }

@@ -252,10 +252,10 @@ class KORIMG_API CVelImage : public CImage {
   // Selections and masks.
   /// Takes an operation's result back to `other`, the image before it, in the rectangle: wholly where an
   /// active selection selects nothing, in part by a mask's plane 0. A mask that comes of the selection stands
-  /// for it. A mono `other` serves colour images. Without `other`, or with neither mask nor selection, nothing
-  /// happens, nor with a mask whose levels are equal. A mask alone leaves 0 outside the rectangle on contiguous
-  /// stores, and blends all rows when the rectangle begins at the corner and is as wide as the image is wide
-  /// and high; on paged ones it leaves the rest alone. The answer is no status.
+  /// for it. A mono `other` serves colour images. Without `other`, or with neither mask nor selection,
+  /// nothing happens, nor with a mask whose levels are equal. A mask alone leaves 0 outside the rectangle on
+  /// contiguous stores, and blends all rows when the rectangle begins at the corner and is as wide as the
+  /// image is wide and high; on paged ones it leaves the rest alone. The answer is no status.
   int ApplyMask(CRect* rect, CImageSelection* selection, CVelImage* other, CImageMask* mask, int show);
 
   // Statistics.

@@ -16,9 +16,8 @@ using Table = Halide::Runtime::Buffer<float, 1>;
 double CImgToneCurve::CalcToneCurve(float* table, int n, double x) {
   if (x < 0) return 0.0;
   const double e = table[n] * 255.0;
-  if (table[n - 1] == table[n]) return e;
   const double slope = (table[n] - table[n - 1]) * static_cast<double>(n);
-  return (x - e) * (slope < 0 ? 0 : slope) + e;
+  return slope > 0 ? (x - e) * slope + e : e;
 }
 
 double CImgToneCurve::CalcToneNormal(double x, double indexScale, float* table, int n) {

@@ -33,9 +33,9 @@ class KORIMG_API CSpline {
   /// Solves for the derivatives and coefficients of all points. 1, or 0 with fewer than 3 points, or when x
   /// descends anywhere.
   static int CalcSpline(Points* points);
-  /// The curve at x, with a status where one is asked for: 1 found; 0 x is the last point's, or its segment is
-  /// of no known kind; -1 x is outside the points; -2 there are fewer than 2. All but 1 give 0.0. Splines need
-  /// CalcSpline first; two points give the line between them.
+  /// The curve at x, with a status where one is asked for: 1 found; 0 x is the last point's, or its segment
+  /// is of no known kind; -1 x is outside the points; -2 there are fewer than 2. All but 1 give 0.0. Splines
+  /// need CalcSpline first; two points give the line between them.
   static double GetValue(double x, Points* points, int* status);
   /// The same on this curve, solved first when it has changed; status 0 and 0.0 when that failed.
   double GetValue(double x, int* status);

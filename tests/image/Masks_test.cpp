@@ -3,6 +3,7 @@
 
 #include "korimg/image/CImageMask.h"
 #include "korimg/image/CImageSelection.h"
+
 #include "tests/support/Images.h"
 
 using namespace korimg::test;
@@ -59,7 +60,8 @@ TEST(ApplyMask, AllRoutesTakeBackWhatIsNotMeant) {
         const CString file = c.selectionMask ? L"" : L"mask.fits";
         CImageMask mask(c.masks ? shares.get() : nullptr, 0, 0, c.reverseMask, file, 0);
         CRect window(4, 2, 30, 25);
-        image->ApplyMask(c.window ? &window : nullptr, c.selects ? &selection : nullptr, other.get(), &mask, 0);
+        image->ApplyMask(c.window ? &window : nullptr, c.selects ? &selection : nullptr, other.get(), &mask,
+                         0);
         const bool zeros = c.masks && !c.selects && store.name != "paged";
         const auto expected = [&](int p, int x, int y) -> double {
           const double t = before->GetPixelGrayRaw(x, y, p);
@@ -71,7 +73,8 @@ TEST(ApplyMask, AllRoutesTakeBackWhatIsNotMeant) {
           const double m = v > 0 ? std::min(v, 1.0) : 0;
           return c.reverseMask ? o * m + t * (1 - m) : t * m + o * (1 - m);
         };
-        ASSERT_EQ(Difference(*image, expected, 1e-5), "") << c.name << ' ' << store.name << ' ' << otherPlanes;
+        ASSERT_EQ(Difference(*image, expected, 1e-5), "")
+            << c.name << ' ' << store.name << ' ' << otherPlanes;
       });
     }
   }
@@ -97,7 +100,8 @@ TEST(ApplyMask, NothingHappensWithoutSomethingToDo) {
     flat->SetLevel(0, 500, 500);
     CImageSelection none, disc = Disc();
     none.SetHeight(kHeight);
-    CImageMask noMask, degenerate(flat.get(), 0, 1, 0, L"mask.fits", 0), misfit(small.get(), 0, 1, 0, L"mask.fits", 0);
+    CImageMask noMask, degenerate(flat.get(), 0, 1, 0, L"mask.fits", 0),
+        misfit(small.get(), 0, 1, 0, L"mask.fits", 0);
     CRect part(2, 2, 9, 9), outside(50, 50, 60, 60);
     image->ApplyMask(nullptr, &disc, nullptr, nullptr, 0);
     image->ApplyMask(nullptr, &none, other.get(), &noMask, 0);

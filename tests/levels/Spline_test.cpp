@@ -1,9 +1,9 @@
-#include "korimg/levels/CSpline.h"
-
 #include <cmath>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "korimg/levels/CSpline.h"
 
 namespace {
 
@@ -22,7 +22,8 @@ class DenseSpline {
       }
       m[row++][n] = points_[s + 1].second;
       if (s + 1 == segments) break;
-      m[row][4 * s + 1] = 1, m[row][4 * s + 2] = 2 * h, m[row][4 * s + 3] = 3 * h * h, m[row++][4 * s + 5] = -1;
+      m[row][4 * s + 1] = 1, m[row][4 * s + 2] = 2 * h, m[row][4 * s + 3] = 3 * h * h,
+                     m[row++][4 * s + 5] = -1;
       m[row][4 * s + 2] = 2, m[row][4 * s + 3] = 6 * h, m[row++][4 * s + 6] = -2;
     }
     const double last = points_[segments].first - points_[segments - 1].first;
@@ -102,9 +103,9 @@ TEST(CSpline, EachSegmentIsOfTheKindOfItsLeftPoint) {
   const struct {
     double x, y;
     int status;
-  } cases[] = {{0, 0, 1},    {0.25, 0.5, 1}, {1, 2, 1}, {1.5, 2, 1}, {2, 6, 1}, {2.5, 9, 1},
-               {3.5, 0, 0},  // of no known kind
-               {4, 0, 0},    // the last point
+  } cases[] = {{0, 0, 1},    {0.25, 0.5, 1}, {1, 2, 1},   {1.5, 2, 1},
+               {2, 6, 1},    {2.5, 9, 1},    {3.5, 0, 0},  // of no known kind
+               {4, 0, 0},                                  // the last point
                {4.1, 0, -1}, {-0.1, 0, -1}};
   for (const auto& c : cases) {
     int status = 7;

@@ -97,7 +97,10 @@ class Argument {
     }
     bytes_.resize(size * argument.type.bytes());
     for (long long i = 0; i < size; ++i) {
-      const double value = i % 97 == 5 ? NAN : i % 89 == 7 ? INFINITY : 1000 * Noise(i) - 100;
+      const double value = table         ? Noise(i)
+                           : i % 97 == 5 ? NAN
+                           : i % 89 == 7 ? INFINITY
+                                         : 1000 * Noise(i) - 100;
       if (argument.type.code == halide_type_float && argument.type.bits == 32) {
         const auto f = static_cast<float>(value);
         std::memcpy(&bytes_[i * 4], &f, 4);
