@@ -9,6 +9,9 @@
 #include "korimg/platform/CRect.h"
 #include "korimg/platform/Export.h"
 
+class CImageMask;
+class CImageSelection;
+
 /// An image of one or three planes of float pixels, and the base of every operation: an operation is the
 /// image that its result is written to.
 ///
@@ -246,6 +249,15 @@ class KORIMG_API CVelImage : public CImage {
   void PixelBlt(int dstX, int dstY, int width, int height, CVelImage* src, int srcX, int srcY,
                 int convertLevel);
 
+  // Selections and masks.
+  /// Takes an operation's result back to `other`, the image before it, in the rectangle: wholly where an
+  /// active selection selects nothing, in part by a mask's plane 0. A mask that comes of the selection stands
+  /// for it. A mono `other` serves colour images. Without `other`, or with neither mask nor selection,
+  /// nothing happens, nor with a mask whose levels are equal. A mask alone leaves 0 outside the rectangle on
+  /// contiguous stores, and blends all rows when the rectangle begins at the corner and is as wide as the
+  /// image is wide and high; on paged ones it leaves the rest alone. The answer is no status.
+  int ApplyMask(CRect* rect, CImageSelection* selection, CVelImage* other, CImageMask* mask, int show);
+
   // Statistics.
   /// Counts the pixels of a plane, or of brightness for plane -1 of a colour image, into `bins` bins from min
   /// to max (raw). logScale gives trunc(log10(count) x 10000) in place of counts; useCull looks at the sample
@@ -315,6 +327,10 @@ class KORIMG_API CVelImage : public CImage {
   float const* Buffered(BufferedLine& buffer, int y, int plane);
   void ReleaseBuffered(BufferedLine& buffer);
   bool ShowProgressContinue();
+  void ApplyMask_Do0(CVelImage* other, CVelImage* maskImage, int left, int right, int top, int bottom,
+                     int reverse);
+  void ApplyMask_Do0_x(CVelImage* other, CVelImage* maskImage, int left, int right, int top, int bottom,
+                       int reverse);
 
   BufferedLine buffered_[2];
   float minPixel_[3] = {};

@@ -32,8 +32,8 @@ class DevelopTest : public ToolTest {
     dng.black = black;
     for (int y = 0; y < dng.height; ++y) {
       for (int x = 0; x < dng.width; ++x) {
-        dng.pixels.push_back(
-            static_cast<std::uint16_t>(Plain(pattern, colour, black[static_cast<size_t>(y % 2 * 2 + x % 2)])(0, x, y)));
+        dng.pixels.push_back(static_cast<std::uint16_t>(
+            Plain(pattern, colour, black[static_cast<size_t>(y % 2 * 2 + x % 2)])(0, x, y)));
       }
     }
     return dng;
@@ -78,7 +78,8 @@ TEST_F(DevelopTest, CameraRawTakesBlackAndGainsFromItsFile) {
   ASSERT_EQ(Shell("korimg develop a.dng --out sixteen.tif --white-balance none").code, 0);
   const auto sixteen = ImageReader::Open(In("sixteen.tif"));
   EXPECT_EQ(sixteen->Info().type, "uint16");
-  ExpectColour(ReadAll(*sixteen, 64), {400 * 65535 / 15873.0, 800 * 65535 / 15873.0, 500 * 65535 / 15873.0}, 0.6);
+  ExpectColour(ReadAll(*sixteen, 64), {400 * 65535 / 15873.0, 800 * 65535 / 15873.0, 500 * 65535 / 15873.0},
+               0.6);
   ASSERT_EQ(Shell("korimg develop a.dng --out wrong.fits --cfa rggb --white-balance none").code, 0);
   ExpectColour(Read("wrong.fits"), {500, 800, 400}, 31);
 }
@@ -92,11 +93,22 @@ TEST_F(DevelopTest, MosaicsOfFitsFilesByTheirKeywords) {
   // Upright GRBG; of 40 rows, bottom-up: BGGR is what is stored.
   Frame("a.fits", kWidth, 40, Plain("BGGR", {400, 800, 500}, 1000), "uint16", header);
   EXPECT_NE(Shell("korimg info a.fits").out.find("mosaic BGGR as stored"), std::string::npos);
-  Frame("dark.fits", kWidth, 40, [](int, int, int) { return 1000; }, "uint16");
+  Frame(
+      "dark.fits", kWidth, 40, [](int, int, int) { return 1000; }, "uint16");
   // The flat's light is reddish, and falls off to both sides.
   const auto fall = [](int x) { return 1 - (x - 29.5) * (x - 29.5) / 1800; };
-  Frame("flat.fits", kWidth, 40, [&](int, int x, int y) { return fall(x) * Plain("BGGR", {3000, 2000, 1000}, 0)(0, x, y); }, "float32", header);
-  Frame("lit.fits", kWidth, 40, [&](int, int x, int y) { return 1000 + fall(x) * Plain("BGGR", {400, 800, 500}, 0)(0, x, y); }, "float32", header);
+  Frame(
+      "flat.fits", kWidth, 40,
+      [&](int, int x, int y) {
+        return fall(x) * Plain("BGGR", {3000, 2000, 1000}, 0)(0, x, y);
+      },
+      "float32", header);
+  Frame(
+      "lit.fits", kWidth, 40,
+      [&](int, int x, int y) {
+        return 1000 + fall(x) * Plain("BGGR", {400, 800, 500}, 0)(0, x, y);
+      },
+      "float32", header);
   ASSERT_EQ(Shell("korimg develop a.fits --dark dark.fits --out done --white-balance none").code, 0);
   ExpectColour(Read("done/a.fits"), {400, 800, 500});
   const auto reader = ImageReader::Open(In("done/a.fits"));
@@ -107,7 +119,8 @@ TEST_F(DevelopTest, MosaicsOfFitsFilesByTheirKeywords) {
   EXPECT_EQ(reader->Info().header.GetString("ROWORDER"), "BOTTOM-UP");
   ASSERT_EQ(Shell("korimg develop a.fits --black 1000 --out auto.fits").code, 0);
   ExpectColour(Read("auto.fits"), {800, 800, 800}, 0.01);
-  const Result flat = Shell("korimg develop lit.fits --dark dark.fits --flat flat.fits --out flat.fits.d --white-balance none");
+  const Result flat = Shell(
+      "korimg develop lit.fits --dark dark.fits --flat flat.fits --out flat.fits.d --white-balance none");
   ASSERT_EQ(flat.code, 0) << flat.err;
   const Planes planes = Read("flat.fits.d/lit.fits");
   for (int p = 0; p < 3; ++p) {
@@ -164,7 +177,8 @@ TEST_F(DevelopTest, SessionsOfAColourCameraGiveColour) {
   options.height = 180;
   options.bayer = "GBRG";
   ASSERT_TRUE(korimg::Simulate(In("night"), options));
-  const Result r = Shell("korimg run night --out done --pedestal 100 && korimg run night --out kept --keep-mosaic");
+  const Result r =
+      Shell("korimg run night --out done --pedestal 100 && korimg run night --out kept --keep-mosaic");
   ASSERT_EQ(r.code, 0) << r.err;
   std::vector<std::array<double, 3>> medians;
   for (const char* name : {"done/calibrated/light_0001.fits", "done/calibrated/light_0003.fits"}) {
@@ -186,7 +200,9 @@ TEST_F(DevelopTest, SessionsOfAColourCameraGiveColour) {
   EXPECT_EQ(FindMosaic(kept->Info()).name, "GBRG");
   // A calibrated mosaic that was kept can be developed later, to the same.
   ASSERT_EQ(Shell("korimg develop kept/calibrated/light_0001.fits --out later --white-balance none && "
-                  "korimg run night --out plain --white-balance none").code, 0);
+                  "korimg run night --out plain --white-balance none")
+                .code,
+            0);
   EXPECT_EQ(Read("later/light_0001.fits"), Read("plain/calibrated/light_0001.fits"));
 }
 
@@ -209,9 +225,13 @@ TEST_F(DevelopTest, SessionsOfCameraRawFiles) {
   };
   for (const char* n : {"1", "2", "3"}) {
     const std::string end = std::string(n) + ".dng";
-    write("lights/light" + end, [&](int x, int y) { return 512 + warm(x, y) + fall(x) * Plain("RGGB", {2000, 4000, 3200}, 0)(0, x, y); });
+    write("lights/light" + end, [&](int x, int y) {
+      return 512 + warm(x, y) + fall(x) * Plain("RGGB", {2000, 4000, 3200}, 0)(0, x, y);
+    });
     write("darks/dark" + end, [&](int x, int y) { return 512 + warm(x, y); });
-    write("flats/flat" + end, [&](int x, int y) { return 512 + warm(x, y) + fall(x) * Plain("RGGB", {9000, 7000, 8000}, 0)(0, x, y); });
+    write("flats/flat" + end, [&](int x, int y) {
+      return 512 + warm(x, y) + fall(x) * Plain("RGGB", {9000, 7000, 8000}, 0)(0, x, y);
+    });
   }
   const Result r = Shell("korimg run night --out done");
   ASSERT_EQ(r.code, 0) << r.err;

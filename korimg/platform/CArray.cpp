@@ -1,0 +1,5 @@
+#include "korimg/platform/CArray.h"
+
+void AfxThrowInvalidArgException() {
+  throw new CInvalidArgException;
+}
