@@ -421,15 +421,24 @@ class Session {
     result.mean = Measures(image).mean;
     Describe(info.header, result, MasterOf(light.Offset()), MasterOf(light.flat));
     if (light.mosaic.cfa > 0) {
-      // Gains are for light alone, and the pedestal comes back after them.
+      // Gains are for light alone: the pedestal comes back after them.
       const double pedestal = options_.pedestal;
       if (pedestal > 0) Calculate(image, Calculation::Subtract, pedestal);
-      Develop(image, info, light.mosaic, balances_.at(CameraOf(light)), options_.develop);
-      if (pedestal > 0) Calculate(image, Calculation::Add, pedestal);
+      Development development(image, info, light.mosaic, balances_.at(CameraOf(light)), options_.develop);
+      Levels levels = development.PictureLevels(kPreviewSide);
+      for (int p = 0; p < 3; ++p) {
+        levels.min[p] += pedestal;
+        levels.max[p] += pedestal;
+      }
+      SaveDeveloped(tool_, development, info.header, levels, levels, light.output, false, light.preview, kPreviewSide,
+                    [&](CVelImage& band) {
+                      if (pedestal > 0) Calculate(band, Calculation::Add, pedestal);
+                    });
+    } else {
+      LevelForPreview(image, kPreviewSide);
+      if (!light.output.empty()) SaveImage(tool_, image, info.header, light.output);
+      SavePicture(tool_, image, light.preview, ShrinkTo({image.GetWidth(), image.GetHeight()}, kPreviewSide));
     }
-    LevelForPreview(image, kPreviewSide);
-    if (!light.output.empty()) SaveImage(tool_, image, info.header, light.output);
-    SavePicture(tool_, image, light.preview, ShrinkTo(image, kPreviewSide));
     result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     return result;
   }

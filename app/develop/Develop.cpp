@@ -1,7 +1,9 @@
 #include "app/develop/Develop.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 
 #include <fmt/format.h>
 
@@ -9,6 +11,8 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/raw/CImgBayerToRgb.h"
 #include "korimg/raw/CImgInformation.h"
+
+#include "app/verbs/AutoPicture.h"
 
 namespace korimg::tool {
 namespace {
@@ -117,48 +121,129 @@ WhiteBalance ChooseWhiteBalance(CVelImage& image, const files::ImageInfo& info, 
   return {GainsByMedians(image, mosaic.cfa), "by medians"};
 }
 
-void Develop(CVelImage& image, files::ImageInfo& info, const files::Mosaic& mosaic,
-             const WhiteBalance& balance, const DevelopOptions& options) {
-  std::array<double, 4> gains = balance.gains;
-  const bool balances = gains != std::array<double, 4>{1, 1, 1, 1};
-  const std::string shown = fmt::format("white balance {} ({:.4g})", balance.text, fmt::join(gains, ", "));
+Development::Development(CVelImage& image, files::ImageInfo& info, const files::Mosaic& mosaic,
+                         const WhiteBalance& balance, const DevelopOptions& options)
+    : image_(image), path_(info.path), cfa_(mosaic.cfa), gains_(balance.gains), options_(options) {
+  if (cfa_ == 0 && (options.mono || options.half || options.levelCut || options.gamma != 1)) {
+    throw files::FileError(path_, "has colours already: --mono, --half, --gamma and --level-cut are for mosaics");
+  }
+  if (cfa_ > 0 && (image.GetWidth() < kSmallest || image.GetHeight() < kSmallest)) {
+    throw files::FileError(path_, fmt::format("a mosaic of {} x {} pixels is too small to develop; {} x {} is "
+                                              "the smallest",
+                                              image.GetWidth(), image.GetHeight(), kSmallest, kSmallest));
+  }
   info.header.AddHistory(fmt::format("korimg {} develop", Version()));
-  if (mosaic.cfa == 0) {
-    if (options.mono || options.half || options.levelCut || options.gamma != 1) {
-      throw files::FileError(info.path,
-                             "has colours already: --mono, --half, --gamma and --level-cut are for mosaics");
-    }
-    ScalePlanes(image, gains.data());
-    info.header.AddHistory("colours of the camera; " + shown);
-    return;
-  }
-  if (image.GetWidth() < kSmallest || image.GetHeight() < kSmallest) {
-    throw files::FileError(info.path,
-                           fmt::format("a mosaic of {} x {} pixels is too small to develop; {} x {} is "
-                                       "the smallest",
-                                       image.GetWidth(), image.GetHeight(), kSmallest, kSmallest));
-  }
-  tagBayerStruct bayer;
-  bayer.nCFA = mosaic.cfa;
-  bayer.nSrcBits = bayer.nDstBits = -32;
-  bayer.bMono = options.mono;
-  bayer.bToneCurve = balances;
-  bayer.pGain = gains.data();
-  bayer.bLevelCut = options.levelCut;
-  bayer.bGamma = options.gamma != 1;
-  bayer.dGamma = options.gamma;
-  bayer.bRoundUp = options.half;
-  bayer.nRoundUpGreen = 2;
-  CImgBayerToRgb developed;
-  developed.Swap(&image);
-  const int done = developed.Do(bayer, 0);
-  developed.Swap(&image);
-  if (!done) throw files::FileError(info.path, "there is no room to develop it; give --memory");
-  if (options.half && balances) ScalePlanes(image, ByPlane(gains, mosaic.cfa).data());
-  files::RemoveMosaic(info.header);
-  info.header.AddHistory(fmt::format("mosaic {} ({}); {}", mosaic.name, mosaic.reason, shown));
+  info.header.AddHistory(fmt::format(
+      "{}; white balance {} ({:.4g})",
+      cfa_ > 0 ? fmt::format("mosaic {} ({})", mosaic.name, mosaic.reason) : "colours of the camera", balance.text,
+      fmt::join(gains_, ", ")));
   if (options.half) info.header.AddHistory("half the size, a pixel from each cell");
   if (options.gamma != 1) info.header.AddHistory(fmt::format("gamma {:g}", options.gamma));
+  if (cfa_ > 0) files::RemoveMosaic(info.header);
+}
+
+Shape Development::Size() const {
+  const int part = options_.half ? 2 : 1;
+  return {image_.GetWidth() / part, image_.GetHeight() / part, options_.mono ? 1 : 3};
+}
+
+/// A copy of rows, with the image's levels.
+std::unique_ptr<CVelImage> Development::Rows(int top, int bottom) {
+  auto rows = std::make_unique<CVelImage>(image_.VmManager(), CImage::Float, image_.GetWidth(),
+                                          bottom - top, image_.GetPlanes(), 1.0, 0.0, 1, nullptr);
+  for (int p = 0; p < image_.GetPlanes(); ++p) {
+    rows->SetLevel(p, image_.GetLevelMin(p), image_.GetLevelMax(p));
+    for (int y = top; y < bottom; ++y) {
+      std::memcpy(rows->GetWritableLine(0, y - top, p), image_.GetLine(0, y, p), sizeof(float) * image_.GetWidth());
+    }
+  }
+  return rows;
+}
+
+void Development::DevelopBand(CVelImage& band, int trimTop, int trimBottom) {
+  const bool balances = gains_ != std::array<double, 4>{1, 1, 1, 1};
+  if (cfa_ == 0) {
+    if (balances) ScalePlanes(band, gains_.data());
+    return;
+  }
+  tagBayerStruct bayer;
+  bayer.nCFA = cfa_;
+  bayer.nSrcBits = bayer.nDstBits = -32;
+  bayer.nTrimTop = trimTop;
+  bayer.nTrimBottom = trimBottom;
+  bayer.bMono = options_.mono;
+  bayer.bToneCurve = balances;
+  bayer.pGain = gains_.data();
+  bayer.bLevelCut = options_.levelCut;
+  bayer.bGamma = options_.gamma != 1;
+  bayer.dGamma = options_.gamma;
+  bayer.bRoundUp = options_.half;
+  bayer.nRoundUpGreen = 2;
+  CImgBayerToRgb developed;
+  developed.Swap(&band);
+  const int done = developed.Do(bayer, 0);
+  developed.Swap(&band);
+  if (!done) throw files::FileError(path_, "there is no room to develop it; give --memory");
+  if (options_.half && balances) ScalePlanes(band, ByPlane(gains_, cfa_).data());
+}
+
+Levels Development::PictureLevels(int side) {
+  // Whole cells, so that the sample is a mosaic too.
+  const int step = ShrinkTo({image_.GetWidth(), image_.GetHeight()}, side);
+  const int width = std::max(image_.GetWidth() / step / 2 * 2, std::min(image_.GetWidth(), kSmallest));
+  const int height = std::max(image_.GetHeight() / step / 2 * 2, std::min(image_.GetHeight(), kSmallest));
+  const auto place = [step](int i, int end) { return std::min(i / 2 * 2 * step, (end / 2 - 1) * 2) + i % 2; };
+  CVelImage sample(image_.VmManager(), CImage::Float, width, height, image_.GetPlanes(), 1.0, 0.0, 1, nullptr);
+  for (int p = 0; p < image_.GetPlanes(); ++p) {
+    sample.SetLevel(p, image_.GetLevelMin(p), image_.GetLevelMax(p));
+    for (int y = 0; y < height; ++y) {
+      const float* from = image_.GetLine(0, place(y, image_.GetHeight()), p);
+      float* to = sample.GetWritableLine(0, y, p);
+      for (int x = 0; x < width; ++x) {
+        to[x] = from[place(x, image_.GetWidth())];
+      }
+    }
+  }
+  DevelopBand(sample, 0, 0);
+  LevelForPicture(sample, "histogram");
+  return Levels(sample);
+}
+
+void Development::ForBands(Tool& tool, const std::string& title, const std::function<void(CVelImage&)>& visit) {
+  constexpr int kBandRows = 256;                              // even: bands begin with the mosaic's first row
+  const int margin = cfa_ == 0 || options_.half ? 0 : 4;      // rows that a developed one looks at, and one
+  const int height = options_.half ? image_.GetHeight() / 2 * 2 : image_.GetHeight();
+  for (int y = 0; y < height; y += kBandRows) {
+    tool.console.CheckCancelled();
+    tool.console.Progress(title, y, height);
+    // What would be too little for a band of its own goes with the one before.
+    const int end = height - y < kBandRows + kSmallest ? height : y + kBandRows;
+    const int above = std::min(margin, y), below = std::min(margin, height - end);
+    const auto band = Rows(y - above, end + below);
+    DevelopBand(*band, above, below);
+    visit(*band);
+    if (end == height) break;
+  }
+  tool.console.EndProgress();
+}
+
+void SaveDeveloped(Tool& tool, Development& development, const files::Header& header, const Levels& levels,
+                   const Levels& pictureLevels, const std::filesystem::path& output, bool integers,
+                   const std::filesystem::path& preview, int side, const std::function<void(CVelImage&)>& change) {
+  const Shape shape = development.Size();
+  ImageSaver image(tool, output, shape, levels, header, {.integers = integers});
+  PictureSaver picture(tool, preview, shape, pictureLevels, ShrinkTo(shape, side));
+  development.ForBands(tool, "developing " + output.filename().string(), [&](CVelImage& band) {
+    change(band);
+    const float* planes[3] = {};
+    for (int p = 0; p < shape.planes; ++p) {
+      planes[p] = band.GetLine(0, 0, p);
+    }
+    image.Write(band.GetHeight(), planes);
+    picture.Write(band.GetHeight(), planes);
+  });
+  image.Commit();
+  picture.Commit();
 }
 
 }  // namespace korimg::tool

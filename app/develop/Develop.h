@@ -2,6 +2,8 @@
 #pragma once
 
 #include <array>
+#include <functional>
+#include <memory>
 #include <string>
 
 #include "app/files/Mosaic.h"
@@ -38,10 +40,37 @@ files::Mosaic RequireMosaic(CVelImage& image, const files::ImageInfo& info,
 WhiteBalance ChooseWhiteBalance(CVelImage& image, const files::ImageInfo& info, const files::Mosaic& mosaic,
                                 const std::string& wanted);
 
-/// Develops a mosaic in place, and takes note of it in the header, which loses the keywords of the mosaic.
-/// Black is level 0. An image that has colours already only gets its white balance.
-/// @throws FileError, with the image as it was, when it is too small or there is no room.
-void Develop(CVelImage& image, files::ImageInfo& info, const files::Mosaic& mosaic,
-             const WhiteBalance& balance, const DevelopOptions& options);
+/// The development of a mosaic by bands of rows: the colour image is never held as a whole. Black is level 0.
+/// An image that has colours already only gets its white balance.
+class Development {
+ public:
+  /// Takes note of what will be done in the header, which loses the keywords of the mosaic.
+  /// @throws FileError when the image is too small, or of no use for the options.
+  Development(CVelImage& image, files::ImageInfo& info, const files::Mosaic& mosaic, const WhiteBalance& balance,
+              const DevelopOptions& options);
+
+  Shape Size() const;
+  /// Levels that make a good picture of the result, from a sample of the mosaic as large as a preview.
+  Levels PictureLevels(int side);
+  /// Calls visit(band) with the result's rows in order, which the visit may change.
+  /// @throws FileError when there is no room.
+  void ForBands(Tool& tool, const std::string& title, const std::function<void(CVelImage&)>& visit);
+
+ private:
+  std::unique_ptr<CVelImage> Rows(int top, int bottom);
+  void DevelopBand(CVelImage& band, int trimTop, int trimBottom);
+
+  CVelImage& image_;
+  std::filesystem::path path_;
+  int cfa_;
+  std::array<double, 4> gains_;
+  DevelopOptions options_;
+};
+
+/// Writes what development gives into an image file and a small picture, which may be named by `levels`.
+/// `change` works on each band before.
+void SaveDeveloped(Tool& tool, Development& development, const files::Header& header, const Levels& levels,
+                   const Levels& pictureLevels, const std::filesystem::path& output, bool integers,
+                   const std::filesystem::path& preview, int side, const std::function<void(CVelImage&)>& change);
 
 }  // namespace korimg::tool

@@ -152,80 +152,109 @@ void Calculate(CVelImage& image, Calculation operation, double value) {
   result.Swap(&image);
 }
 
-void SaveImage(Tool& tool, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
-               const SaveOptions& options) {
-  files::WriteOptions write;
-  write.width = image.GetWidth();
-  write.height = image.GetHeight();
-  write.planes = image.GetPlanes();
-  write.header = header;
-  write.overwrite = tool.options.overwrite;
-  const bool byLevels = files::LowerExtension(path) == ".png";
-  write.type = byLevels || options.integers ? "uint16" : "float32";
+Levels::Levels(const CVelImage& image) {
   for (int p = 0; p < image.GetPlanes(); ++p) {
-    write.header.Set(LevelKey("MIN", p), image.GetLevelMin(p), "raw value shown as black");
-    write.header.Set(LevelKey("MAX", p), image.GetLevelMax(p), "raw value shown as white");
+    min[p] = image.GetLevelMin(p);
+    max[p] = image.GetLevelMax(p);
   }
-  const auto writer = files::ImageWriter::Create(path, write);
-  std::vector<float> scaled;
-  ForBands(tool, image, true, "writing " + path.filename().string(),
-           [&](int y0, int rows, float* const* planes) {
-             if (!byLevels) return writer->WriteRows(y0, rows, planes);
-             const size_t size = static_cast<size_t>(rows) * write.width;
-             scaled.resize(size * write.planes);
-             std::vector<const float*> out;
-             for (int p = 0; p < write.planes; ++p) {
-               const auto min = static_cast<float>(image.GetLevelMin(p));
-               const auto scale = static_cast<float>(65535.0 / image.GetLevelRange(p));
-               float* to = scaled.data() + p * size;
-               for (size_t i = 0; i < size; ++i) {
-                 to[i] = (planes[p][i] - min) * scale;
-               }
-               out.push_back(to);
-             }
-             writer->WriteRows(y0, rows, out.data());
-           });
-  writer->Commit();
 }
 
-int ShrinkTo(const CVelImage& image, int side) {
-  return (std::max(image.GetWidth(), image.GetHeight()) + side - 1) / side;
+ImageSaver::ImageSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
+                       const files::Header& header, const SaveOptions& options)
+    : shape_(shape), levels_(levels), byLevels_(files::LowerExtension(path) == ".png") {
+  files::WriteOptions write{shape.width, shape.height, shape.planes};
+  write.header = header;
+  write.overwrite = tool.options.overwrite;
+  write.type = byLevels_ || options.integers ? "uint16" : "float32";
+  for (int p = 0; p < shape.planes; ++p) {
+    write.header.Set(LevelKey("MIN", p), levels.min[p], "raw value shown as black");
+    write.header.Set(LevelKey("MAX", p), levels.max[p], "raw value shown as white");
+  }
+  writer_ = files::ImageWriter::Create(path, write);
+}
+
+void ImageSaver::Write(int rows, const float* const* planes) {
+  const float* out[3] = {};
+  const size_t size = static_cast<size_t>(rows) * shape_.width;
+  scaled_.resize(byLevels_ ? size * shape_.planes : 0);
+  for (int p = 0; p < shape_.planes; ++p) {
+    out[p] = planes[p];
+    if (!byLevels_) continue;
+    const auto min = static_cast<float>(levels_.min[p]);
+    const auto scale = static_cast<float>(65535.0 / (levels_.max[p] - levels_.min[p]));
+    float* to = scaled_.data() + p * size;
+    for (size_t i = 0; i < size; ++i) {
+      to[i] = (planes[p][i] - min) * scale;
+    }
+    out[p] = to;
+  }
+  writer_->WriteRows(next_, rows, out);
+  next_ += rows;
+}
+
+void SaveImage(Tool& tool, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
+               const SaveOptions& options) {
+  ImageSaver saver(tool, path, {image.GetWidth(), image.GetHeight(), image.GetPlanes()}, Levels(image), header, options);
+  ForBands(tool, image, true, "writing " + path.filename().string(),
+           [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
+  saver.Commit();
+}
+
+int ShrinkTo(const Shape& shape, int side) {
+  return (std::max(shape.width, shape.height) + side - 1) / side;
+}
+
+PictureSaver::PictureSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
+                           int shrink)
+    : shape_(shape),
+      picture_{std::max(shape.width / shrink, 1), std::max(shape.height / shrink, 1), shape.planes},
+      levels_(levels),
+      shrink_(shrink),
+      rowsOfPixel_(std::min(shrink, shape.height)),
+      sums_(static_cast<size_t>(shape.width) * shape.planes),
+      line_(static_cast<size_t>(picture_.width) * shape.planes) {
+  files::WriteOptions write{picture_.width, picture_.height, picture_.planes};
+  write.type = "uint8";
+  write.overwrite = tool.options.overwrite;
+  writer_ = files::ImageWriter::Create(path, write);
+}
+
+void PictureSaver::Write(int rows, const float* const* planes) {
+  const int columns = std::min(shrink_, shape_.width);
+  const float share = 1.0f / static_cast<float>(rowsOfPixel_ * columns);
+  for (int y = 0; y < rows; ++y, ++next_) {
+    const int line = next_ / rowsOfPixel_;
+    if (line >= picture_.height) continue;
+    for (int p = 0; p < shape_.planes; ++p) {
+      const float* from = planes[p] + static_cast<size_t>(y) * shape_.width;
+      float* sums = sums_.data() + static_cast<size_t>(p) * shape_.width;
+      const auto min = static_cast<float>(levels_.min[p]);
+      const auto scale = static_cast<float>(255.0 / (levels_.max[p] - levels_.min[p]));
+      for (int x = 0; x < shape_.width; ++x) {
+        const float v = (from[x] - min) * scale, shown = v > 0 ? v : 0;  // NaN is black
+        sums[x] += shown < 255 ? shown : 255;
+      }
+    }
+    if ((next_ + 1) % rowsOfPixel_ != 0) continue;
+    const float* out[3] = {};
+    for (int p = 0; p < shape_.planes; ++p) {
+      const float* sums = sums_.data() + static_cast<size_t>(p) * shape_.width;
+      float* to = line_.data() + static_cast<size_t>(p) * picture_.width;
+      for (int x = 0; x < picture_.width; ++x) {
+        to[x] = share * std::accumulate(&sums[x * shrink_], &sums[x * shrink_] + columns, 0.0f);
+      }
+      out[p] = to;
+    }
+    writer_->WriteRows(line, 1, out);
+    std::fill(sums_.begin(), sums_.end(), 0.0f);
+  }
 }
 
 void SavePicture(Tool& tool, CVelImage& image, const std::filesystem::path& path, int shrink) {
-  files::WriteOptions write;
-  write.width = std::max(image.GetWidth() / shrink, 1);
-  write.height = std::max(image.GetHeight() / shrink, 1);
-  write.planes = image.GetPlanes();
-  write.type = "uint8";
-  write.overwrite = tool.options.overwrite;
-  const auto writer = files::ImageWriter::Create(path, write);
-  // The mean of shrink x shrink pixels: of what the levels show, so that a bright star stays a point.
-  const int rows = std::min(shrink, image.GetHeight()), columns = std::min(shrink, image.GetWidth());
-  const float share = 1.0f / static_cast<float>(rows * columns);
-  std::vector<float> sums(image.GetWidth()), line(static_cast<size_t>(write.width) * write.planes);
-  std::vector<const float*> out(write.planes);
-  for (int y = 0; y < write.height; ++y) {
-    for (int p = 0; p < write.planes; ++p) {
-      float* to = line.data() + static_cast<size_t>(p) * write.width;
-      out[p] = to;
-      const auto min = static_cast<float>(image.GetLevelMin(p));
-      const auto scale = static_cast<float>(255.0 / image.GetLevelRange(p));
-      std::fill(sums.begin(), sums.end(), 0.0f);
-      for (int j = 0; j < rows; ++j) {
-        const float* from = image.GetLine(0, y * shrink + j, p);
-        for (int x = 0; x < image.GetWidth(); ++x) {
-          const float v = (from[x] - min) * scale, shown = v > 0 ? v : 0;  // NaN is black
-          sums[x] += shown < 255 ? shown : 255;
-        }
-      }
-      for (int x = 0; x < write.width; ++x) {
-        to[x] = share * std::accumulate(&sums[x * shrink], &sums[x * shrink] + columns, 0.0f);
-      }
-    }
-    writer->WriteRows(y, 1, out.data());
-  }
-  writer->Commit();
+  PictureSaver saver(tool, path, {image.GetWidth(), image.GetHeight(), image.GetPlanes()}, Levels(image), shrink);
+  ForBands(tool, image, true, "writing " + path.filename().string(),
+           [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
+  saver.Commit();
 }
 
 }  // namespace korimg::tool

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "korimg/image/CVelImage.h"
 
@@ -35,15 +36,61 @@ struct SaveOptions {
   bool integers = false;  ///< 16-bit values in place of floats, for FITS and TIFF
 };
 
-/// Writes an image with a header, its levels as keywords. PNG holds 16-bit values from black to white by the
-/// levels; FITS and TIFF hold raw values.
+/// What an image's pixels mean on a picture, by plane.
+struct Levels {
+  double min[3] = {}, max[3] = {};
+
+  Levels() = default;
+  explicit Levels(const CVelImage& image);
+};
+
+/// Size of a picture or image to be written.
+struct Shape {
+  int width = 0, height = 0, planes = 1;
+};
+
+/// An image being written with a header, its levels as keywords. PNG holds 16-bit values from black to white
+/// by the levels; FITS and TIFF hold raw values.
+class ImageSaver {
+ public:
+  ImageSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
+             const files::Header& header, const SaveOptions& options = {});
+  /// Writes the next rows; planes[p] holds rows x width floats.
+  void Write(int rows, const float* const* planes);
+  void Commit() { writer_->Commit(); }
+
+ private:
+  Shape shape_;
+  Levels levels_;
+  bool byLevels_;
+  int next_ = 0;
+  std::vector<float> scaled_;
+  std::unique_ptr<files::ImageWriter> writer_;
+};
+
+/// An 8-bit picture being written by levels, made smaller by a whole number of pixels: each of its pixels is
+/// the mean of what the levels show, so that a bright star stays a point.
+class PictureSaver {
+ public:
+  PictureSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape, const Levels& levels, int shrink);
+  /// Takes the next rows; planes[p] holds rows x width floats.
+  void Write(int rows, const float* const* planes);
+  void Commit() { writer_->Commit(); }
+
+ private:
+  Shape shape_, picture_;
+  Levels levels_;
+  int shrink_, rowsOfPixel_;
+  int next_ = 0;
+  std::vector<float> sums_, line_;
+  std::unique_ptr<files::ImageWriter> writer_;
+};
+
 void SaveImage(Tool& tool, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
                const SaveOptions& options = {});
-
-/// Writes an 8-bit picture by the image's levels, made smaller by a whole number of pixels.
 void SavePicture(Tool& tool, CVelImage& image, const std::filesystem::path& path, int shrink);
 
-/// The whole number that brings an image to at most `side` pixels.
-int ShrinkTo(const CVelImage& image, int side);
+/// The whole number that brings a picture to at most `side` pixels.
+int ShrinkTo(const Shape& shape, int side);
 
 }  // namespace korimg::tool

@@ -33,7 +33,7 @@ void LevelForPicture(CVelImage& image, const std::string& method) {
 }
 
 void LevelForPreview(CVelImage& image, int side) {
-  const int step = ShrinkTo(image, side);
+  const int step = ShrinkTo({image.GetWidth(), image.GetHeight()}, side);
   const int width = std::max(image.GetWidth() / step, 1), height = std::max(image.GetHeight() / step, 1);
   const auto store = CreateContiguousManager({});
   CVelImage sample(store, CImage::Float, width, height, image.GetPlanes(), 1.0, 0.0, 1, nullptr);

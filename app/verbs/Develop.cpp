@@ -68,19 +68,25 @@ class Developer {
                                     mosaic.name, mosaic.reason, balance.text,
                                     fmt::join(balance.gains, ", ")));
     }
-    Develop(image, info, mosaic, balance, arguments_.develop);
-    if (!arguments_.out.parent_path().empty() && toFile_)
-      fs::create_directories(arguments_.out.parent_path());
-    if (!toFile_) fs::create_directories(arguments_.out);
-    const bool integers = arguments_.bits == "16" ||
-                          (arguments_.bits.empty() && files::LowerExtension(output).starts_with(".tif"));
-    if (integers) Calculate(image, Calculation::Multiply, kWhite16 / image.GetLevelMax(0));
-    for (int p = 0; p < image.GetPlanes() && integers; ++p) {
-      image.SetLevel(p, 0, kWhite16);
+    Development development(image, info, mosaic, balance, arguments_.develop);
+    if (!toFile_) {
+      fs::create_directories(arguments_.out);
+    } else if (!output.parent_path().empty()) {
+      fs::create_directories(output.parent_path());
     }
-    SaveImage(tool_, image, info.header, output, {.integers = integers});
-    LevelForPreview(image, kPreviewSide);
-    SavePicture(tool_, image, preview, ShrinkTo(image, kPreviewSide));
+    const bool integers =
+        arguments_.bits == "16" || (arguments_.bits.empty() && files::LowerExtension(output).starts_with(".tif"));
+    const double scale = integers ? kWhite16 / image.GetLevelMax(0) : 1;
+    Levels levels(image), picture = development.PictureLevels(kPreviewSide);
+    for (int p = 0; p < 3; ++p) {
+      levels.max[p] = levels.max[0] * (p == 0 ? scale : 1);
+      picture.min[p] *= scale;
+      picture.max[p] *= scale;
+    }
+    SaveDeveloped(tool_, development, info.header, levels, picture, output, integers, preview, kPreviewSide,
+                  [&](CVelImage& band) {
+                    if (integers) Calculate(band, Calculation::Multiply, scale);
+                  });
     if (tool_.options.json) {
       const nlohmann::ordered_json json{{"file", path.string()},       {"output", output.string()},
                                         {"preview", preview.string()}, {"mosaic", mosaic.name},

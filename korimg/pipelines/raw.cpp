@@ -70,8 +70,8 @@ struct Development {
   }
 
   /// Each strip slides down line by line through rings of the last lines of every stage, which stay in the
-  /// second-level cache. Tiles of 512 x 32 that compute their surroundings anew took twice the time; the
-  /// width of the strips hardly matters from 1500 columns on.
+  /// second-level cache. Sliding by pairs of rows, with formulas for each, took twice the time: the
+  /// surroundings of each pair were computed anew. The width hardly matters from 1500 columns on.
   void schedule(Func output, const Target& target, bool colours) {
     const int lanes = target.natural_vector_size<float>(), widest = 3000;
     Var strip("strip"), line("line"), tile("tile"), column("column");

@@ -32,9 +32,10 @@ struct tagBayerStruct {
 /// where it is, and keeps its colour.
 ///
 /// On contiguous stores the frame's edges are mirrored, and every pixel is developed. On paged ones the line
-/// loop leaves out the first three rows and the last two to four, and in colour the first and the last
-/// column; in the next two the plain samples of the edge take part. There the pixels keep what the change of
-/// shape left: 0, and the raw number in plane 0 when nothing is trimmed. Elsewhere both give the same bits.
+/// loop leaves out the frame's first three rows and its last three or four, row nTrimTop when that is even
+/// and 4 or more, and in colour the first and the last column; in the next two the plain samples of the edge
+/// take part. There the pixels keep what the change of shape left: 0, and the raw number in plane 0 when
+/// nothing is trimmed. Elsewhere both give the same bits.
 class KORIMG_API CImgBayerToRgb : public CVelImage {
  public:
   CImgBayerToRgb() = default;
