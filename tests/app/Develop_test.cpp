@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "app/develop/Develop.h"
 #include "app/files/Mosaic.h"
 #include "app/simulate/Simulate.h"
+#include "korimg/raw/CImgBayerToRgb.h"
 #include "tests/app/Tool.h"
 #include "tests/support/Dng.h"
 
@@ -168,6 +170,51 @@ TEST_F(DevelopTest, WhatCannotBeDoneIsSaidAndNothingIsLost) {
   }
   EXPECT_EQ(ReadBytes(In("taken.fits")), "mine");
   EXPECT_EQ(Read("mono.fits").size(), 1u);
+}
+
+TEST_F(DevelopTest, BandsAreTheWholeInParts) {
+  const auto store = test::MemoryStore();
+  for (const int height : {6, 255, 256, 261, 262, 519, 771}) {
+    for (int options = 0; options <= 4; ++options) {
+      tool::DevelopOptions develop;
+      develop.mono = options & 1;
+      develop.levelCut = options & 2;
+      develop.gamma = options & 2 ? 2.2 : 1;
+      develop.half = options == 4;
+      const auto image = test::Make(store, 37, height, 1, test::Random(-10, 900));
+      ImageInfo info;
+      info.planes = 1;
+      tool::WhiteBalance balance{{1.5, 1, 1, 2}, "as told"};
+      Mosaic mosaic{1, "RGGB", ""};
+      const auto whole = test::Make<CImgBayerToRgb>(store, 37, height, 1, test::Random(-10, 900));
+      tagBayerStruct bayer;
+      bayer.nCFA = 1;
+      bayer.nSrcBits = bayer.nDstBits = -32;
+      bayer.bMono = develop.mono;
+      bayer.bToneCurve = !develop.half;
+      bayer.pGain = balance.gains.data();
+      bayer.bLevelCut = bayer.bGamma = develop.levelCut;
+      bayer.dGamma = 2.2;
+      bayer.bRoundUp = develop.half;
+      bayer.nRoundUpGreen = 2;
+      ASSERT_TRUE(whole->Do(bayer, 0));
+      if (develop.half) balance.gains = {1, 1, 1, 1};
+      tool::Development bands(*image, info, mosaic, balance, develop);
+      tool::Tool tool;
+      tool.console.SetUp(true, false);
+      int next = 0;
+      bands.ForBands(tool, "", [&](CVelImage& band) {
+        for (int p = 0; p < band.GetPlanes(); ++p) {
+          for (int y = 0; y < band.GetHeight(); ++y) {
+            const float *got = band.GetLine(0, y, p), *wanted = whole->GetLine(0, next + y, p);
+            ASSERT_TRUE(std::equal(got, got + band.GetWidth(), wanted)) << height << ' ' << options << ' ' << next + y;
+          }
+        }
+        next += band.GetHeight();
+      });
+      EXPECT_EQ(next, whole->GetHeight());
+    }
+  }
 }
 
 TEST_F(DevelopTest, SessionsOfAColourCameraGiveColour) {
