@@ -403,7 +403,7 @@ class Session {
       // The pedestal is no light.
       if (options_.pedestal > 0) Calculate(image, Calculation::Subtract, options_.pedestal);
       const WhiteBalance balance =
-          ChooseWhiteBalance(image, first.loaded.info, light.mosaic, options_.develop.whiteBalance);
+          ChooseWhiteBalance(&image, first.loaded.info, light.mosaic, options_.develop.whiteBalance);
       tool_.console.Say(
           fmt::format("mosaic {} ({}): white balance {} ({:.4g}){}", light.mosaic.name, light.mosaic.reason,
                       balance.text, fmt::join(balance.gains, ", "),
@@ -424,7 +424,7 @@ class Session {
       // Gains are for light alone: the pedestal comes back after them.
       const double pedestal = options_.pedestal;
       if (pedestal > 0) Calculate(image, Calculation::Subtract, pedestal);
-      Development development(image, info, light.mosaic, balances_.at(CameraOf(light)), options_.develop);
+      Development development(MosaicSource(image), info, light.mosaic, balances_.at(CameraOf(light)), options_.develop);
       Levels levels = development.PictureLevels(kPreviewSide);
       for (int p = 0; p < 3; ++p) {
         levels.min[p] += pedestal;

@@ -4,11 +4,13 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <future>
 
 #include <fmt/format.h>
 
 #include "korimg/image/CImgBright.h"
 #include "korimg/pipelines/runtime/Runtime.h"
+#include "korimg/platform/CParallel.h"
 #include "korimg/raw/CImgBayerToRgb.h"
 #include "korimg/raw/CImgInformation.h"
 
@@ -85,7 +87,7 @@ void CheckWhiteBalance(const std::string& wanted) {
                   wanted));
 }
 
-files::Mosaic RequireMosaic(CVelImage& image, const files::ImageInfo& info,
+files::Mosaic RequireMosaic(const files::ImageInfo& info,
                             const files::MosaicOptions& options) {
   files::Mosaic mosaic = files::FindMosaic(info, options);
   if (mosaic.cfa > 0 || (info.camera && info.planes == 3)) return mosaic;
@@ -97,10 +99,9 @@ files::Mosaic RequireMosaic(CVelImage& image, const files::ImageInfo& info,
                                mosaic.name));
   }
   CImgInformation camera;
-  camera.Swap(&image);
+  ReadHeader(info, *camera.GetHeader());
   int cfa = 0;
   const bool known = camera.GetAutoCFA(&cfa) && cfa <= 4;
-  camera.Swap(&image);
   if (!known) {
     throw files::FileError(info.path,
                            "says nothing of a mosaic (BAYERPAT); if it is one, give --cfa with its pattern");
@@ -108,29 +109,50 @@ files::Mosaic RequireMosaic(CVelImage& image, const files::ImageInfo& info,
   return files::FindMosaic(info, {files::CfaName(cfa), options.rowOrder, "by the name of its camera"});
 }
 
-WhiteBalance ChooseWhiteBalance(CVelImage& image, const files::ImageInfo& info, const files::Mosaic& mosaic,
-                                const std::string& wanted) {
-  if (const auto gains = ParseGains(wanted)) return {*gains, "as told"};
-  if (wanted == "none") return {{1, 1, 1, 1}, "none"};
-  if (info.camera && info.camera->hasGains) return {info.camera->gains, "the camera's"};
-  if (wanted == "camera") {
-    throw files::FileError(info.path,
-                           "knows no white balance of its camera; give --white-balance auto, none or gains");
-  }
-  if (mosaic.cfa == 0) return {{1, 1, 1, 1}, "none"};
-  return {GainsByMedians(image, mosaic.cfa), "by medians"};
+bool NeedsMedians(const files::ImageInfo& info, const std::string& wanted) {
+  return wanted == "auto" && info.planes == 1 && !(info.camera && info.camera->hasGains);
 }
 
-Development::Development(CVelImage& image, files::ImageInfo& info, const files::Mosaic& mosaic,
+WhiteBalance ChooseWhiteBalance(CVelImage* image, const files::ImageInfo& info, const files::Mosaic& mosaic,
+                                const std::string& wanted) {
+  if (const auto gains = ParseGains(wanted)) return {*gains, "as told"};
+  if (NeedsMedians(info, wanted)) return {GainsByMedians(*image, mosaic.cfa), "by medians"};
+  if (info.camera && info.camera->hasGains && wanted != "none") return {info.camera->gains, "the camera's"};
+  if (wanted == "camera") {
+    throw files::FileError(info.path, "knows no white balance of its camera; give --white-balance auto, none or gains");
+  }
+  return {{1, 1, 1, 1}, "none"};
+}
+
+MosaicSource::MosaicSource(CVelImage& image)
+    : shape{image.GetWidth(), image.GetHeight(), image.GetPlanes()},
+      levels(image),
+      store(image.VmManager()),
+      read([&image](int y0, int rows, float* const* planes) {
+        const auto width = static_cast<size_t>(image.GetWidth());
+        for (int p = 0; p < image.GetPlanes(); ++p) {
+          for (int y = 0; y < rows; ++y) {
+            std::memcpy(planes[p] + y * width, image.GetLine(0, y0 + y, p), sizeof(float) * width);
+          }
+        }
+      }) {}
+
+MosaicSource::MosaicSource(files::ImageReader& reader, const Levels& levels, std::shared_ptr<CVmManager> store)
+    : shape{reader.Info().width, reader.Info().height, reader.Info().planes},
+      levels(levels),
+      store(std::move(store)),
+      read([&reader](int y0, int rows, float* const* planes) { reader.ReadRows(y0, rows, planes); }) {}
+
+Development::Development(MosaicSource source, files::ImageInfo& info, const files::Mosaic& mosaic,
                          const WhiteBalance& balance, const DevelopOptions& options)
-    : image_(image), path_(info.path), cfa_(mosaic.cfa), gains_(balance.gains), options_(options) {
+    : source_(std::move(source)), path_(info.path), cfa_(mosaic.cfa), gains_(balance.gains), options_(options) {
   if (cfa_ == 0 && (options.mono || options.half || options.levelCut || options.gamma != 1)) {
     throw files::FileError(path_, "has colours already: --mono, --half, --gamma and --level-cut are for mosaics");
   }
-  if (cfa_ > 0 && (image.GetWidth() < kSmallest || image.GetHeight() < kSmallest)) {
+  if (cfa_ > 0 && (std::min(source_.shape.width, source_.shape.height) < kSmallest)) {
     throw files::FileError(path_, fmt::format("a mosaic of {} x {} pixels is too small to develop; {} x {} is "
                                               "the smallest",
-                                              image.GetWidth(), image.GetHeight(), kSmallest, kSmallest));
+                                              source_.shape.width, source_.shape.height, kSmallest, kSmallest));
   }
   info.header.AddHistory(fmt::format("korimg {} develop", Version()));
   info.header.AddHistory(fmt::format(
@@ -144,20 +166,17 @@ Development::Development(CVelImage& image, files::ImageInfo& info, const files::
 
 Shape Development::Size() const {
   const int part = options_.half ? 2 : 1;
-  return {image_.GetWidth() / part, image_.GetHeight() / part, options_.mono ? 1 : 3};
+  return {source_.shape.width / part, source_.shape.height / part, options_.mono ? 1 : 3};
 }
 
-/// A copy of rows, with the image's levels.
-std::unique_ptr<CVelImage> Development::Rows(int top, int bottom) {
-  auto rows = std::make_unique<CVelImage>(image_.VmManager(), CImage::Float, image_.GetWidth(),
-                                          bottom - top, image_.GetPlanes(), 1.0, 0.0, 1, nullptr);
-  for (int p = 0; p < image_.GetPlanes(); ++p) {
-    rows->SetLevel(p, image_.GetLevelMin(p), image_.GetLevelMax(p));
-    for (int y = top; y < bottom; ++y) {
-      std::memcpy(rows->GetWritableLine(0, y - top, p), image_.GetLine(0, y, p), sizeof(float) * image_.GetWidth());
-    }
+/// An image for some of the source's pixels, with its levels.
+std::unique_ptr<CVelImage> Development::NewImage(int width, int height) const {
+  auto image = std::make_unique<CVelImage>(source_.store, CImage::Float, width, height, source_.shape.planes, 1.0, 0.0,
+                                           1, nullptr);
+  for (int p = 0; p < source_.shape.planes; ++p) {
+    image->SetLevel(p, source_.levels.min[p], source_.levels.max[p]);
   }
-  return rows;
+  return image;
 }
 
 void Development::DevelopBand(CVelImage& band, int trimTop, int trimBottom) {
@@ -189,40 +208,49 @@ void Development::DevelopBand(CVelImage& band, int trimTop, int trimBottom) {
 
 Levels Development::PictureLevels(int side) {
   // Whole cells, so that the sample is a mosaic too.
-  const int step = ShrinkTo({image_.GetWidth(), image_.GetHeight()}, side);
-  const int width = std::max(image_.GetWidth() / step / 2 * 2, std::min(image_.GetWidth(), kSmallest));
-  const int height = std::max(image_.GetHeight() / step / 2 * 2, std::min(image_.GetHeight(), kSmallest));
+  const auto& [width, height, planes] = source_.shape;
+  const int step = ShrinkTo(source_.shape, side);
   const auto place = [step](int i, int end) { return std::min(i / 2 * 2 * step, (end / 2 - 1) * 2) + i % 2; };
-  CVelImage sample(image_.VmManager(), CImage::Float, width, height, image_.GetPlanes(), 1.0, 0.0, 1, nullptr);
-  for (int p = 0; p < image_.GetPlanes(); ++p) {
-    sample.SetLevel(p, image_.GetLevelMin(p), image_.GetLevelMax(p));
-    for (int y = 0; y < height; ++y) {
-      const float* from = image_.GetLine(0, place(y, image_.GetHeight()), p);
-      float* to = sample.GetWritableLine(0, y, p);
-      for (int x = 0; x < width; ++x) {
-        to[x] = from[place(x, image_.GetWidth())];
+  const auto length = [step](int end) { return std::max(end / step / 2 * 2, std::min(end, kSmallest)); };
+  const auto sample = NewImage(length(width), length(height));
+  std::vector<float> rows(static_cast<size_t>(width) * planes);
+  float* lines[3] = {};
+  for (int p = 0; p < planes; ++p) {
+    lines[p] = rows.data() + static_cast<size_t>(p) * width;
+  }
+  for (int y = 0; y < sample->GetHeight(); ++y) {
+    source_.read(place(y, height), 1, lines);
+    for (int p = 0; p < planes; ++p) {
+      float* to = sample->GetWritableLine(0, y, p);
+      for (int x = 0; x < sample->GetWidth(); ++x) {
+        to[x] = lines[p][place(x, width)];
       }
     }
   }
-  DevelopBand(sample, 0, 0);
-  LevelForPicture(sample, "histogram");
-  return Levels(sample);
+  DevelopBand(*sample, 0, 0);
+  LevelForPicture(*sample, "histogram");
+  return Levels(*sample);
 }
 
-void Development::ForBands(Tool& tool, const std::string& title, const std::function<void(CVelImage&)>& visit) {
-  constexpr int kBandRows = 256;                              // even: bands begin with the mosaic's first row
-  const int margin = cfa_ == 0 || options_.half ? 0 : 4;      // rows that a developed one looks at, and one
-  const int height = options_.half ? image_.GetHeight() / 2 * 2 : image_.GetHeight();
-  for (int y = 0; y < height; y += kBandRows) {
+void Development::ForBands(Tool& tool, const std::string& title,
+                           const std::function<void(std::unique_ptr<CVelImage>)>& visit) {
+  constexpr int kBandRows = 128;                          // even: bands begin with the first row of a cell
+  const int margin = cfa_ == 0 || options_.half ? 0 : 4;  // rows that a developed one looks at, and one more
+  const int height = options_.half ? source_.shape.height / 2 * 2 : source_.shape.height;
+  for (int y = 0, end; y < height; y = end) {
     tool.console.CheckCancelled();
     tool.console.Progress(title, y, height);
     // What would be too little for a band of its own goes with the one before.
-    const int end = height - y < kBandRows + kSmallest ? height : y + kBandRows;
+    end = height - y < kBandRows + kSmallest ? height : y + kBandRows;
     const int above = std::min(margin, y), below = std::min(margin, height - end);
-    const auto band = Rows(y - above, end + below);
+    auto band = NewImage(source_.shape.width, end + below - (y - above));
+    float* planes[3] = {};
+    for (int p = 0; p < source_.shape.planes; ++p) {
+      planes[p] = band->GetWritableLine(0, 0, p);
+    }
+    source_.read(y - above, band->GetHeight(), planes);
     DevelopBand(*band, above, below);
-    visit(*band);
-    if (end == height) break;
+    visit(std::move(band));
   }
   tool.console.EndProgress();
 }
@@ -233,15 +261,22 @@ void SaveDeveloped(Tool& tool, Development& development, const files::Header& he
   const Shape shape = development.Size();
   ImageSaver image(tool, output, shape, levels, header, {.integers = integers});
   PictureSaver picture(tool, preview, shape, pictureLevels, ShrinkTo(shape, side));
-  development.ForBands(tool, "developing " + output.filename().string(), [&](CVelImage& band) {
-    change(band);
+  const auto write = [&](CVelImage& band) {
     const float* planes[3] = {};
     for (int p = 0; p < shape.planes; ++p) {
       planes[p] = band.GetLine(0, 0, p);
     }
     image.Write(band.GetHeight(), planes);
     picture.Write(band.GetHeight(), planes);
+  };
+  const auto policy = CParallel::GetMaxThreads() > 1 ? std::launch::async : std::launch::deferred;
+  std::future<void> writing;
+  development.ForBands(tool, "developing " + output.filename().string(), [&](std::unique_ptr<CVelImage> band) {
+    change(*band);
+    if (writing.valid()) writing.get();
+    writing = std::async(policy, [&write, band = std::move(band)] { write(*band); });
   });
+  writing.get();
   image.Commit();
   picture.Commit();
 }

@@ -31,44 +31,58 @@ void CheckWhiteBalance(const std::string& wanted);
 
 /// The mosaic of an image, also by its camera's name when the file says nothing else.
 /// @throws FileError when there is none, or one that cannot be developed.
-files::Mosaic RequireMosaic(CVelImage& image, const files::ImageInfo& info,
-                            const files::MosaicOptions& options);
+files::Mosaic RequireMosaic(const files::ImageInfo& info, const files::MosaicOptions& options);
 
 /// White balance as wanted: "auto" takes the camera's gains where the file has them, else the medians of the
-/// image, which must be free of its offset.
+/// image, which must be free of its offset; it is not looked at otherwise, and may be null then.
 /// @throws FileError when the camera's gains are wanted and not known.
-WhiteBalance ChooseWhiteBalance(CVelImage& image, const files::ImageInfo& info, const files::Mosaic& mosaic,
+WhiteBalance ChooseWhiteBalance(CVelImage* image, const files::ImageInfo& info, const files::Mosaic& mosaic,
                                 const std::string& wanted);
 
-/// The development of a mosaic by bands of rows: the colour image is never held as a whole. Black is level 0.
-/// An image that has colours already only gets its white balance.
+/// True when ChooseWhiteBalance wants to see the image.
+bool NeedsMedians(const files::ImageInfo& info, const std::string& wanted);
+
+/// Where the pixels to be developed come from: an image, or a file that is open.
+struct MosaicSource {
+  Shape shape;
+  Levels levels;  ///< black is 0
+  std::shared_ptr<CVmManager> store;
+  std::function<void(int y0, int rows, float* const* planes)> read;
+
+  explicit MosaicSource(CVelImage& image);
+  MosaicSource(files::ImageReader& reader, const Levels& levels, std::shared_ptr<CVmManager> store);
+};
+
+/// The development of a mosaic by bands of rows: the colour image is never held as a whole. Pixels that have
+/// colours already only get their white balance.
 class Development {
  public:
   /// Takes note of what will be done in the header, which loses the keywords of the mosaic.
   /// @throws FileError when the image is too small, or of no use for the options.
-  Development(CVelImage& image, files::ImageInfo& info, const files::Mosaic& mosaic, const WhiteBalance& balance,
-              const DevelopOptions& options);
+  Development(MosaicSource source, files::ImageInfo& info, const files::Mosaic& mosaic,
+              const WhiteBalance& balance, const DevelopOptions& options);
 
   Shape Size() const;
   /// Levels that make a good picture of the result, from a sample of the mosaic as large as a preview.
   Levels PictureLevels(int side);
-  /// Calls visit(band) with the result's rows in order, which the visit may change.
+  /// Calls visit(band) with the result's rows in order.
   /// @throws FileError when there is no room.
-  void ForBands(Tool& tool, const std::string& title, const std::function<void(CVelImage&)>& visit);
+  void ForBands(Tool& tool, const std::string& title,
+                const std::function<void(std::unique_ptr<CVelImage>)>& visit);
 
  private:
-  std::unique_ptr<CVelImage> Rows(int top, int bottom);
+  std::unique_ptr<CVelImage> NewImage(int width, int height) const;
   void DevelopBand(CVelImage& band, int trimTop, int trimBottom);
 
-  CVelImage& image_;
+  MosaicSource source_;
   std::filesystem::path path_;
   int cfa_;
   std::array<double, 4> gains_;
   DevelopOptions options_;
 };
 
-/// Writes what development gives into an image file and a small picture, which may be named by `levels`.
-/// `change` works on each band before.
+/// Writes what development gives into an image file and a small picture. `change` works on each band before.
+/// A band is written while the next one is developed.
 void SaveDeveloped(Tool& tool, Development& development, const files::Header& header, const Levels& levels,
                    const Levels& pictureLevels, const std::filesystem::path& output, bool integers,
                    const std::filesystem::path& preview, int side, const std::function<void(CVelImage&)>& change);

@@ -71,28 +71,6 @@ std::string LevelKey(const char* end, int plane) {
   return fmt::format("KORL{}{}", end, plane + 1);
 }
 
-/// What a file says of camera and exposure.
-void ReadHeader(const files::ImageInfo& info, CHeader& camera) {
-  const files::Header& header = info.header;
-  auto exposure = header.GetDouble("EXPTIME");
-  if (!exposure) exposure = header.GetDouble("EXPOSURE");
-  if (exposure) camera.SetExposureTime(*exposure);
-  if (const auto temperature = header.GetDouble("CCD-TEMP")) camera.SetCoolingTemperature(*temperature);
-  const auto detector = header.GetString("INSTRUME");
-  if (detector) camera.SetDetector(Widen(*detector));
-  if (const auto iso = header.GetDouble("ISOSPEED"); iso && *iso > 0 && *iso < 65536) {
-    camera.SetISO(static_cast<unsigned short>(*iso));
-  }
-  const auto [maker, model] = info.camera ? std::pair(info.camera->maker, info.camera->model)
-                                          : files::ListedName(detector.value_or(""));
-  camera.SetCameraMaker(Widen(maker));
-  camera.SetCameraModel(Widen(model));
-  if (info.camera && info.camera->hasGains) {
-    camera.SetWBShootingGainBayer(info.camera->gains.data());
-    camera.SetWBShootingGain(1);
-  }
-}
-
 void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack) {
   const auto black =
       info.camera ? *std::min_element(info.camera->black.begin(), info.camera->black.end()) : 0;
@@ -143,6 +121,27 @@ LoadedImage LoadImage(Tool& tool, const std::shared_ptr<CVmManager>& store, cons
   ReadHeader(info, *image->GetHeader());
   SetLevels(*image, info, options.lessBlack);
   return {std::move(image), info};
+}
+
+void ReadHeader(const files::ImageInfo& info, CHeader& camera) {
+  const files::Header& header = info.header;
+  auto exposure = header.GetDouble("EXPTIME");
+  if (!exposure) exposure = header.GetDouble("EXPOSURE");
+  if (exposure) camera.SetExposureTime(*exposure);
+  if (const auto temperature = header.GetDouble("CCD-TEMP")) camera.SetCoolingTemperature(*temperature);
+  const auto detector = header.GetString("INSTRUME");
+  if (detector) camera.SetDetector(Widen(*detector));
+  if (const auto iso = header.GetDouble("ISOSPEED"); iso && *iso > 0 && *iso < 65536) {
+    camera.SetISO(static_cast<unsigned short>(*iso));
+  }
+  const auto [maker, model] = info.camera ? std::pair(info.camera->maker, info.camera->model)
+                                          : files::ListedName(detector.value_or(""));
+  camera.SetCameraMaker(Widen(maker));
+  camera.SetCameraModel(Widen(model));
+  if (info.camera && info.camera->hasGains) {
+    camera.SetWBShootingGainBayer(info.camera->gains.data());
+    camera.SetWBShootingGain(1);
+  }
 }
 
 void Calculate(CVelImage& image, Calculation operation, double value) {

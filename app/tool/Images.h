@@ -27,6 +27,9 @@ struct LoadedImage {
 LoadedImage LoadImage(Tool& tool, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
                       const files::ReadOptions& options = {});
 
+/// What a file says of camera and exposure.
+void ReadHeader(const files::ImageInfo& info, CHeader& camera);
+
 enum class Calculation : int { Add = 0, Subtract = 1, Multiply = 2, Divide = 3 };
 
 /// Calculates with all pixels of an image, in place.

@@ -52,34 +52,53 @@ class Developer {
     preview.replace_extension(".png");
     tool_.CheckOutput(output);
     tool_.CheckOutput(preview);
-    const bool hasDark = dark_.master.image != nullptr;
-    LoadedImage loaded = LoadImage(tool_, store_, path, {.lessBlack = !hasDark && arguments_.black == 0});
-    CVelImage& image = *loaded.image;
-    files::ImageInfo& info = loaded.info;
     if (fs::exists(output) && fs::equivalent(output, path)) {
       throw files::FileError(output, "would be replaced by its own result; choose another --out");
     }
-    const files::Mosaic mosaic = RequireMosaic(image, info, arguments_.develop.mosaic);
-    Calibrate(path, image);
-    TakeOffset(image, info);
-    const WhiteBalance balance = ChooseWhiteBalance(image, info, mosaic, arguments_.develop.whiteBalance);
+    const bool hasDark = dark_.master.image != nullptr, hasFlat = flat_.master.image != nullptr;
+    const files::ReadOptions read{.lessBlack = !hasDark && arguments_.black == 0};
+    const auto reader = files::ImageReader::Open(path, read);
+    files::ImageInfo info = reader->Info();
+    const files::Mosaic mosaic = RequireMosaic(info, arguments_.develop.mosaic);
+    const std::string& wanted = arguments_.develop.whiteBalance;
+    if (info.camera && read.lessBlack && !hasFlat && !NeedsMedians(info, wanted)) {
+      // Nothing wants to see the whole mosaic: its rows go from the file to the results.
+      std::vector<float> first(info.width);
+      float* planes[] = {first.data(), first.data(), first.data()};
+      reader->ReadRows(0, 1, planes);  // black is known once a row was read
+      info.camera = reader->Info().camera;
+      Levels levels;
+      for (int p = 0; p < info.planes; ++p) {
+        levels.max[p] = WhiteOf(info, BlackOf(info), 0);
+      }
+      Save(MosaicSource(*reader, levels, store_), info, mosaic, ChooseWhiteBalance(nullptr, info, mosaic, wanted), output, preview);
+      return;
+    }
+    LoadedImage loaded = LoadImage(tool_, store_, path, read);
+    Calibrate(path, *loaded.image);
+    TakeOffset(*loaded.image, loaded.info);
+    const WhiteBalance balance = ChooseWhiteBalance(loaded.image.get(), loaded.info, mosaic, wanted);
+    Save(MosaicSource(*loaded.image), loaded.info, mosaic, balance, output, preview);
+  }
+
+ private:
+  void Save(MosaicSource source, files::ImageInfo& info, const files::Mosaic& mosaic, const WhiteBalance& balance,
+            const fs::path& output, const fs::path& preview) {
+    const std::string name = info.path.filename().string();
     if (!mosaic.name.empty()) {
-      tool_.console.Say(fmt::format("{}: mosaic {} ({}), white balance {} ({:.4g})", path.filename().string(),
-                                    mosaic.name, mosaic.reason, balance.text,
-                                    fmt::join(balance.gains, ", ")));
+      tool_.console.Say(fmt::format("{}: mosaic {} ({}), white balance {} ({:.4g})", name, mosaic.name, mosaic.reason,
+                                    balance.text, fmt::join(balance.gains, ", ")));
     }
-    Development development(image, info, mosaic, balance, arguments_.develop);
-    if (!toFile_) {
-      fs::create_directories(arguments_.out);
-    } else if (!output.parent_path().empty()) {
-      fs::create_directories(output.parent_path());
-    }
+    const double white = source.levels.max[0];
+    Development development(std::move(source), info, mosaic, balance, arguments_.develop);
+    const fs::path folder = toFile_ ? output.parent_path() : arguments_.out;
+    if (!folder.empty()) fs::create_directories(folder);
     const bool integers =
         arguments_.bits == "16" || (arguments_.bits.empty() && files::LowerExtension(output).starts_with(".tif"));
-    const double scale = integers ? kWhite16 / image.GetLevelMax(0) : 1;
-    Levels levels(image), picture = development.PictureLevels(kPreviewSide);
+    const double scale = integers ? kWhite16 / white : 1;
+    Levels levels, picture = development.PictureLevels(kPreviewSide);
     for (int p = 0; p < 3; ++p) {
-      levels.max[p] = levels.max[0] * (p == 0 ? scale : 1);
+      levels.max[p] = white * scale;
       picture.min[p] *= scale;
       picture.max[p] *= scale;
     }
@@ -88,17 +107,16 @@ class Developer {
                     if (integers) Calculate(band, Calculation::Multiply, scale);
                   });
     if (tool_.options.json) {
-      const nlohmann::ordered_json json{{"file", path.string()},       {"output", output.string()},
+      const nlohmann::ordered_json json{{"file", info.path.string()},  {"output", output.string()},
                                         {"preview", preview.string()}, {"mosaic", mosaic.name},
                                         {"reason", mosaic.reason},     {"white_balance", balance.text},
                                         {"gains", balance.gains}};
       fmt::print("{}\n", json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
     } else {
-      tool_.console.Say(fmt::format("{} -> {}", path.filename().string(), output.string()));
+      tool_.console.Say(fmt::format("{} -> {}", name, output.string()));
     }
   }
 
- private:
   void Load(FrameKind kind, const fs::path& path, Serving& serving) {
     if (path.empty()) return;
     serving.groups = MakeGroups(kind, {path});
@@ -120,26 +138,33 @@ class Developer {
                    0, 0, nullptr, 0);
   }
 
-  /// Makes black 0, and white what the camera's sensor can give above it.
+  /// The camera's least raw value of no light.
+  static double BlackOf(const files::ImageInfo& info) {
+    return *std::min_element(info.camera->black.begin(), info.camera->black.end());
+  }
+
+  /// What the sensor can give above black, on the file's scale.
+  static double WhiteOf(const files::ImageInfo& info, double black, double brightest) {
+    double white = info.camera ? info.camera->white : kWhite16;
+    if (!info.camera && info.type != "uint16" && (brightest <= kUnitWhite || brightest > kWhite16)) white = brightest;
+    return white > black ? white - black : 1;
+  }
+
+  /// Makes black 0.
   void TakeOffset(CVelImage& image, const files::ImageInfo& info) {
     double black = arguments_.black;
     if (black > 0) Calculate(image, Calculation::Subtract, black);
     if (dark_.master.image) {
       black = dark_.master.measures.mean;
     } else if (info.camera && black == 0) {
-      black = *std::min_element(info.camera->black.begin(), info.camera->black.end());
+      black = BlackOf(info);
     } else if (black == 0) {
-      tool_.console.Warn(
-          fmt::format("{}: its black level is not known, and counts as light; give --dark or --black",
-                      info.path.string()));
+      tool_.console.Warn(fmt::format("{}: its black level is not known, and counts as light; give --dark or --black",
+                                     info.path.string()));
     }
-    double white = info.camera ? info.camera->white : kWhite16;
-    if (!info.camera && info.type != "uint16") {
-      const double brightest = std::get<1>(image.GetMinMax(0)) + black;
-      if (brightest <= kUnitWhite || brightest > kWhite16) white = brightest;
-    }
+    const double brightest = info.camera ? 0 : std::get<1>(image.GetMinMax(0)) + black;
     for (int p = 0; p < image.GetPlanes(); ++p) {
-      image.SetLevel(p, 0, white > black ? white - black : 1);
+      image.SetLevel(p, 0, WhiteOf(info, black, brightest));
     }
   }
 
