@@ -9,6 +9,9 @@
 #include "korimg/platform/CRect.h"
 #include "korimg/platform/Export.h"
 
+class CFilterMatrix;
+class CFilterProcEx;
+
 /// An image of one or three planes of float pixels, and the base of every operation: an operation is the
 /// image that its result is written to.
 ///
@@ -291,6 +294,26 @@ class KORIMG_API CVelImage : public CImage {
   int DarkFlat(CVelImage* source, CVelImage* dark, CVelImage* flat, float* minima, float* maxima,
                float* averages, float fOffset, double gamma, CRect* rect, int show);
 
+  // Prepared filters: a slot for each of planes 0 to 2, and six sets of such slots. They serve a team of
+  // workers as CFilterProc does; making and clearing is for one thread.
+  /// Fills the slot of a plane; 0 for a plane that is not 0 to 2. A slot that isn't empty keeps its weights,
+  /// whatever the kernel, and is bound to the source and plane anew: ClearFilterProc comes between two
+  /// kernels.
+  int MakeFilterProc(CVelImage* src, CFilterMatrix const* matrix, int plane, int normalize);
+  int MakeFilterProcEx(int set, CVelImage* src, CFilterMatrix const* matrix, int plane, int normalize);
+  /// Selects the slot of a plane; any other than 0 to 2 selects plane 0.
+  void SetFilterProcPln(int plane);
+  void SetFilterProcPlnEx(int set, int plane);
+  /// The filtered pixel of the slot selected or named; 0 when it is empty.
+  float CalcFilterProc(int x, int y);
+  float CalcFilterProc(int x, int y, int plane);
+  float CalcFilterProcEx(int set, int x, int y);
+  float CalcFilterProcEx(int set, int x, int y, int plane);
+  void ClearFilterProc();
+  /// The slots, and a set from 0 to 5, themselves.
+  CFilterProcEx& FilterProcSlots();
+  CFilterProcEx& FilterProcSet(int set);
+
  protected:
   int ToColor();
   int ToGray();
@@ -308,6 +331,7 @@ class KORIMG_API CVelImage : public CImage {
     std::shared_ptr<CVmHandle> store;
   };
   struct Mapping;
+  struct FilterProcs;
 
   unsigned char Gray256(float raw, int plane) const;
   void CopyInternal(CVelImage const& other);
@@ -344,4 +368,5 @@ class KORIMG_API CVelImage : public CImage {
   std::atomic<int> progressNext_{0};
   CString regKey_;
   std::vector<float> directImage_[3];
+  std::shared_ptr<FilterProcs> filterProcs_;  ///< made when the first is wanted
 };
