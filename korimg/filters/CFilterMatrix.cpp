@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <new>
 #include <numbers>
+#include <numeric>
 
 #include "korimg/image/Numbers.h"
 
@@ -32,8 +34,9 @@ void CFilterMatrix::Init() {
 }
 
 int CFilterMatrix::MakeMtx(int r, int size, int) {
-  constexpr int kLargest = 1 << 20;
-  if (r < 0 || r > kLargest) return 0;
+  constexpr int kLargest = 1 << 20;  // beyond it no machine has room
+  if (r < 0) return 0;
+  if (r > kLargest) throw std::bad_alloc();
   const long long d = 2LL * r + 1;
   cells_.assign(d * d, 0.0f);
   r_ = r;
@@ -68,11 +71,20 @@ float* CFilterMatrix::GetMtxPtr(int dx, int dy) {
   return i >= 0 && i < GetCount() ? &cells_[i] : nullptr;
 }
 
-void CFilterMatrix::Normalize() {
-  float sum = 0;
-  for (const float cell : cells_) {
-    sum += cell;
+std::vector<float> CFilterMatrix::GetMiddleRow(int normalize) const {
+  const auto first = cells_.begin() + static_cast<std::ptrdiff_t>(r_) * d_;
+  std::vector<float> row(first, first + d_);
+  const float sum = std::accumulate(row.begin(), row.end(), 0.0f);
+  if (normalize && sum != 0) {
+    for (float& cell : row) {
+      cell /= sum;
+    }
   }
+  return row;
+}
+
+void CFilterMatrix::Normalize() {
+  const float sum = std::accumulate(cells_.begin(), cells_.end(), 0.0f);
   if (sum == 0) return;
   for (float& cell : cells_) {
     cell /= sum;

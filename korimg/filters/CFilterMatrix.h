@@ -37,6 +37,9 @@ class KORIMG_API CFilterMatrix {
   float GetPrm(int dx, int dy) const;
   float* GetMtxPtr(int dx, int dy);
 
+  /// The cells of the middle row, divided by their sum in float when `normalize` is non-zero and it is not 0.
+  std::vector<float> GetMiddleRow(int normalize) const;
+
   /// Divides by the sum of the cells, added up in float; a sum of exactly 0 leaves them.
   void Normalize();
   /// Mean over a disc: cells of `weight` about a centre of 1, normalised.

@@ -1,23 +1,13 @@
 #include "korimg/filters/CFilterProc.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "korimg/filters/CFilterMatrix.h"
+#include "korimg/filters/Edges.h"
 #include "korimg/filters/WeightedSum.h"
 #include "korimg/image/CVelImage.h"
 #include "korimg/platform/CParallel.h"
 #include "korimg/platform/Debug.h"
-
-namespace {
-
-/// The row that is read for row y.
-int SourceRow(int y, int height) {
-  const int row = static_cast<int>(std::abs(y % (2LL * height)));
-  return row < height ? row : 2 * height - row - 1;
-}
-
-}  // namespace
 
 CFilterProc::CFilterProc(CVelImage* image, CFilterMatrix const* matrix, int plane) {
   MakeBuf(image, matrix, plane, 1);
@@ -33,17 +23,7 @@ void CFilterProc::Init() {
 int CFilterProc::MakeBuf(CVelImage* image, CFilterMatrix const* matrix, int plane, int normalize) {
   r_ = matrix->GetR();
   d_ = matrix->GetD();
-  weights_.resize(d_);
-  float sum = 0;
-  for (int k = 0; k < d_; ++k) {
-    weights_[k] = matrix->GetPrm(k - r_, 0);
-    sum += weights_[k];
-  }
-  if (normalize && sum != 0) {
-    for (float& weight : weights_) {
-      weight /= sum;
-    }
-  }
+  weights_ = matrix->GetMiddleRow(normalize);
   Bind(image, plane);
   return 1;
 }
@@ -101,7 +81,7 @@ int CFilterProc::ProcHorizontal(int, int y) {
 
 /// Filters row y along x into a slot of the ring.
 void CFilterProc::FilterRow(Ring& ring, int slot, int y) {
-  float const* row = image_->GetLine(0, SourceRow(y, image_->GetHeight()), plane_);
+  float const* row = image_->GetLine(0, korimg::RowBelowRepeated(y, image_->GetHeight()), plane_);
   float* padded = ring.padded.data();
   std::fill_n(padded, r_, row[0]);
   std::copy_n(row, width_, padded + r_);

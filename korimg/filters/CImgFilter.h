@@ -67,5 +67,8 @@ class KORIMG_API CImgFilter : public CVelImage {
   void CalcShift(int& dx, int& dy, int, CVelImage* other) const;
 
  private:
-  CVelImage* MakeWork(int margin, int planes, int show, int message);
+  CVelImage* MakeWork(int margin, int sources, int planes, int show, int message);
+  void RankFilter(int mode, int rank, int message, CVelImage* src, CRect* rect, int show);
+  void SharpenPlanes(double strength, int mode, double weight, double threshold, CVelImage* src, int first,
+                     int end, CRect* rect, int show);
 };

@@ -215,6 +215,7 @@ class KORIMG_API CVelImage : public CImage {
 
   // Progress. Every operation opens the display, counts its steps and closes it; see korimg::ProgressEvent.
   void SetProgressHandle(HWND window) { progressWindow_ = window; }
+  HWND GetProgressHandle() const { return progressWindow_; }
   void ShowProgressInit(int show, wchar_t const* text, int total);
   void ShowProgressInit(int show, int id, int total);
   void ShowProgressInit(wchar_t const* text);  ///< pulse mode: each step sends its amount
