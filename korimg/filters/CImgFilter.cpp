@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <memory>
 #include <new>
 #include <span>
 #include <vector>
@@ -37,10 +38,12 @@ int MirroredColumn(int x, int dx, int width) {
   return std::clamp(column >= 0 && column < width ? column : x - dx, 0, width - 1);
 }
 
-/// Calls cell(dx, dy, pixel) for the pixels of a mode by rows; rows point at column x.
+/// Calls cell(dx, dy, pixel) for the pixels of a mode by rows, which point at column x; not at all for the
+/// pixel alone.
 template <class F>
 void ForNeighbours(float* const rows[], int x, int mode, int width, F&& cell) {
   const std::span<int const> halfWidths = HalfWidths(mode);
+  if (halfWidths.empty()) return;
   const int r = static_cast<int>(halfWidths.size()) / 2;
   for (int dy = -r; dy <= r; ++dy) {
     const int half = halfWidths[r + dy];
@@ -237,14 +240,15 @@ void CImgFilter::LaplacianFilter(int mode, CVelImage* src, CRect* rect, int show
 }
 
 void CImgFilter::MedianFilter(int mode, CVelImage* src, CRect* rect, int show) {
-  RankFilter(mode, RankQuery::kMedian, 6120, src, rect, show);
+  RankFilter(mode, std::nullopt, 6120, src, rect, show);
 }
 
 void CImgFilter::MinMaxFilter(int mode, int rank, CVelImage* src, CRect* rect, int show) {
   RankFilter(mode, std::max(rank, 0), 6153, src, rect, show);
 }
 
-void CImgFilter::RankFilter(int mode, int rank, int message, CVelImage* src, CRect* rect, int show) {
+void CImgFilter::RankFilter(int mode, std::optional<int> rank, int message, CVelImage* src, CRect* rect,
+                            int show) {
   if (!Fits(*src, *this)) return;
   Window window(0, 0, 0, 0);
   CalcRect(window.left, window.top, window.right, window.bottom, rect);
@@ -253,7 +257,7 @@ void CImgFilter::RankFilter(int mode, int rank, int message, CVelImage* src, CRe
   if (const std::span<int const> halfWidths = HalfWidths(mode); !halfWidths.empty()) {
     query.cells = {static_cast<int>(halfWidths.size()) / 2, {halfWidths.begin(), halfWidths.end()}};
   }
-  query.rank = std::min(rank, query.cells.Count() - 1);
+  if (rank) query.rank = std::min(*rank, query.cells.Count() - 1);
   const int r = query.cells.r;
   for (int p = 0; p < GetPlanes(); ++p) {
     FindRanks(*this, *src, p, window, query, [&](int x, int y, float const* values, int columns) {
@@ -263,8 +267,7 @@ void CImgFilter::RankFilter(int mode, int rank, int message, CVelImage* src, CRe
       float* out = GetWritableLine(0, y, p);
       const auto edge = [&](int from, int to) {
         for (int at = std::max(from, x); at < std::min(to, x + columns); ++at) {
-          out[at] = rank == RankQuery::kMedian ? GetMedianRaw(rows.At(at), at, mode)
-                                               : GetMinMaxRaw(rows.At(at), at, mode, rank);
+          out[at] = rank ? GetMinMaxRaw(rows.At(at), at, mode, *rank) : GetMedianRaw(rows.At(at), at, mode);
         }
       };
       edge(0, r);

@@ -81,9 +81,7 @@ void ForCells(Neighbourhood const& cells, F&& cell) {
 class NetworkSelector {
  public:
   explicit NetworkSelector(RankQuery const& query)
-      : query_(query),
-        count_(query.cells.Count()),
-        rank_(query.rank == RankQuery::kMedian ? count_ / 2 : query.rank) {
+      : query_(query), count_(query.cells.Count()), rank_(query.rank.value_or(count_ / 2)) {
     // From the end of a network that sorts, only what leads to the rank is kept.
     const Network network = MakeNetwork(count_);
     std::vector<bool> wanted(count_);
@@ -182,9 +180,7 @@ class NetworkSelector {
       const int u = x + tile.r + dx, v = y + tile.r + dy;
       if (query_.row || tile.IsInImage(u, v)) values.push_back(tile.pixels[tile.Index(u, v)]);
     });
-    const auto nth =
-        values.begin() +
-        (query_.rank == RankQuery::kMedian ? static_cast<std::ptrdiff_t>(values.size()) / 2 : rank_);
+    const auto nth = values.begin() + (query_.rank ? rank_ : static_cast<std::ptrdiff_t>(values.size()) / 2);
     std::nth_element(values.begin(), nth, values.end(), NanLast);
     return *nth;
   }
@@ -305,7 +301,7 @@ void SlideOver(Tile const& tile, RankQuery const& query, RankSink const& sink) {
   for (int y = 0; y < tile.results.Height(); ++y) {
     const int v = r + y, step = y % 2 ? -1 : 1;
     for (int i = 0; i < width; ++i) {
-      line[u - r] = order.Value(set.Find(query.rank == RankQuery::kMedian ? set.Count() / 2 : query.rank));
+      line[u - r] = order.Value(set.Find(query.rank.value_or(set.Count() / 2)));
       if (i + 1 == width) break;
       for (int d = -r; d <= r; ++d) {
         const int half = cells.halfWidth[r + d];
@@ -351,7 +347,7 @@ void FindRanks(CVelImage& shown, CVelImage& src, int plane, Window const& window
   const int count = query.cells.Count(), r = query.cells.r;
   constexpr int kFew = 49;  // cells up to which networks are faster
   const bool few = count <= kFew;
-  const bool beyond = query.rank != RankQuery::kMedian && (query.rank < 0 || query.rank >= count);
+  const bool beyond = query.rank && (*query.rank < 0 || *query.rank >= count);
   const auto network = few && !beyond ? std::make_unique<NetworkSelector>(query) : nullptr;
   const int tileHeight = few ? 64 : std::clamp(2 * r, 64, 256), tileWidth = few ? 512 : tileHeight;
   ForLines(Team::All, 0, (window.Height() + tileHeight - 1) / tileHeight, [&](int band) {

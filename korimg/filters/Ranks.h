@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "korimg/image/Frame.h"
@@ -20,11 +21,8 @@ struct Neighbourhood {
 };
 
 struct RankQuery {
-  /// The upper middle of those that are there.
-  static constexpr int kMedian = -1;
-
   Neighbourhood cells;
-  int rank = kMedian;  ///< 0 the smallest; NaN comes last
+  std::optional<int> rank;  ///< 0 the smallest, NaN last; none: the upper middle of those that are there
   /// The rows and columns that are read for those beyond the edges. Null: cells beyond the edges are left
   /// out.
   int (*row)(int y, int height) = nullptr;
