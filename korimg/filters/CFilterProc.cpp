@@ -9,6 +9,8 @@
 #include "korimg/platform/CParallel.h"
 #include "korimg/platform/Debug.h"
 
+using namespace korimg;
+
 CFilterProc::CFilterProc(CVelImage* image, CFilterMatrix const* matrix, int plane) {
   MakeBuf(image, matrix, plane, 1);
 }
@@ -34,17 +36,21 @@ void CFilterProc::Bind(CVelImage* image, int plane) {
   width_ = image->GetWidth();
   rings_.resize(std::max(CParallel::GetMaxThreads(), 1));
   for (Ring& ring : rings_) {
-    ring.cells.resize(static_cast<size_t>(d_) * width_);
+    ring.cells.resize(Place(0, width_ + kSumBlock - 1));
     ring.padded.resize(static_cast<size_t>(width_) + 2 * r_);
     ring.served = false;
   }
+}
+
+size_t CFilterProc::Place(int slot, int x) const {
+  return (static_cast<size_t>(x / kSumBlock) * d_ + slot) * kSumBlock + x % kSumBlock;
 }
 
 /// Null for a worker beyond the team that the rings were made for.
 CFilterProc::Ring* CFilterProc::OwnRing() {
   const size_t thread = CParallel::GetThreadNum();
   if (thread < rings_.size()) return &rings_[thread];
-  korimg::DebugLine("filter: Over! the team has grown since the filter was made");
+  DebugLine("filter: Over! the team has grown since the filter was made");
   return nullptr;
 }
 
@@ -58,10 +64,13 @@ void CFilterProc::CalcLine(int left, int right, int y, float* line) {
   Ring const* ring = OwnRing();
   if (!ring) return;
   std::vector<float const*> taps(d_);
-  for (int k = 0; k < d_; ++k) {
-    taps[k] = ring->cells.data() + static_cast<size_t>((ring->first + k) % d_) * width_ + left;
+  for (int x = left, next = 0; x < right; x = next) {
+    next = std::min((x / kSumBlock + 1) * kSumBlock, right);
+    for (int k = 0; k < d_; ++k) {
+      taps[k] = &ring->cells[Place((ring->first + k) % d_, x)];
+    }
+    WeightedSum(taps.data(), weights_.data(), d_, next - x, line + x - left);
   }
-  korimg::WeightedSum(taps.data(), weights_.data(), d_, right - left, line);
 }
 
 int CFilterProc::ProcHorizontal(int, int y) {
@@ -81,17 +90,19 @@ int CFilterProc::ProcHorizontal(int, int y) {
 
 /// Filters row y along x into a slot of the ring.
 void CFilterProc::FilterRow(Ring& ring, int slot, int y) {
-  float const* row = image_->GetLine(0, korimg::RowBelowRepeated(y, image_->GetHeight()), plane_);
+  float const* row = image_->GetLine(0, RowBelowRepeated(y, image_->GetHeight()), plane_);
   float* padded = ring.padded.data();
   std::fill_n(padded, r_, row[0]);
   std::copy_n(row, width_, padded + r_);
   std::fill_n(padded + r_ + width_, r_, row[width_ - 1]);
   std::vector<float const*> taps(d_);
-  for (int k = 0; k < d_; ++k) {
-    taps[k] = padded + k;
+  for (int x = 0; x < width_; x += kSumBlock) {
+    for (int k = 0; k < d_; ++k) {
+      taps[k] = padded + x + k;
+    }
+    WeightedSum(taps.data(), weights_.data(), d_, std::min(kSumBlock, width_ - x),
+                &ring.cells[Place(slot, x)]);
   }
-  korimg::WeightedSum(taps.data(), weights_.data(), d_, width_,
-                      ring.cells.data() + static_cast<size_t>(slot) * width_);
 }
 
 float CFilterProc::ProcVertical(int x) {
@@ -99,7 +110,7 @@ float CFilterProc::ProcVertical(int x) {
   if (!ring) return 0;
   float sum = 0;
   for (int k = 0, slot = ring->first; k < d_; ++k, slot = slot + 1 == d_ ? 0 : slot + 1) {
-    sum += weights_[k] * ring->cells[static_cast<size_t>(slot) * width_ + x];
+    sum += weights_[k] * ring->cells[Place(slot, x)];
   }
   return sum;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 #include "korimg/platform/Export.h"
@@ -48,13 +49,15 @@ class KORIMG_API CFilterProc {
 
  private:
   struct alignas(64) Ring {
-    std::vector<float> cells;   ///< D rows
+    std::vector<float> cells;   ///< D rows, in blocks of columns: a walk down a block is a walk along memory
     std::vector<float> padded;  ///< a source row with its edges repeated
     bool served = false;
     int lastY = 0;
     int first = 0;  ///< slot of the oldest row
   };
   Ring* OwnRing();
+  /// Place of a column in a slot of a ring.
+  size_t Place(int slot, int x) const;
   void FilterRow(Ring& ring, int slot, int y);
 
   int r_ = 0;

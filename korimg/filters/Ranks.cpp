@@ -137,21 +137,23 @@ class NetworkSelector {
   }
 
   void Sort(float* values, int chunk, int columns) const {
-    for (const auto& [i, j, low, high] : steps_) {
-      float* __restrict a = values + static_cast<size_t>(i) * chunk;
-      float* __restrict b = values + static_cast<size_t>(j) * chunk;
-      if (low && high) {
-        Exchange(a, b, columns);
-      } else if (low) {
-        for (int x = 0; x < columns; ++x) {
-          a[x] = a[x] < b[x] ? a[x] : b[x];
-        }
-      } else {
-        for (int x = 0; x < columns; ++x) {
-          b[x] = a[x] < b[x] ? b[x] : a[x];
+    RunInLongVectors([=, this]() KORIMG_IN_LOOP {
+      for (const auto& [i, j, low, high] : steps_) {
+        float* __restrict a = values + static_cast<size_t>(i) * chunk;
+        float* __restrict b = values + static_cast<size_t>(j) * chunk;
+        if (low && high) {
+          Exchange(a, b, columns);
+        } else if (low) {
+          for (int x = 0; x < columns; ++x) {
+            a[x] = a[x] < b[x] ? a[x] : b[x];
+          }
+        } else {
+          for (int x = 0; x < columns; ++x) {
+            b[x] = a[x] < b[x] ? b[x] : a[x];
+          }
         }
       }
-    }
+    });
   }
 
   /// Selects anew where cells lie beyond the edges and are left out, and where NaN may be the result.

@@ -4,6 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "korimg/image/Vectors.h"
+
 namespace korimg {
 
 using Network = std::vector<std::pair<int, int>>;
@@ -27,7 +29,7 @@ inline Network MakeNetwork(int count) {
 }
 
 /// Brings each column's pair into order.
-inline void Exchange(float* __restrict a, float* __restrict b, int columns) {
+KORIMG_IN_LOOP inline void Exchange(float* __restrict a, float* __restrict b, int columns) {
   for (int x = 0; x < columns; ++x) {
     const float low = a[x] < b[x] ? a[x] : b[x], high = a[x] < b[x] ? b[x] : a[x];
     a[x] = low;

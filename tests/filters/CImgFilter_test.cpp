@@ -98,7 +98,7 @@ TEST(CImgFilter, FiltersBySmallNeighbourhoods) {
                 const bool differs = std::abs(Mean(*src, mode, 1, p, x, y) / c - 1) >= 0.2;
                 return differs ? (c - Mean(*src, mode, 0.5, p, x, y)) * 1.5 + c : c;
               },
-              2e-5, "unsharp");
+              3e-4, "unsharp");
       }
     }
   });
