@@ -64,7 +64,8 @@ double Mean(CVelImage& src, int mode, double weight, int p, int x, int y) {
 
 TEST(CImgFilter, FiltersBySmallNeighbourhoods) {
   OnEveryStore([](StoreCase const& store) {
-    for (const auto& [width, height] : {std::pair(1, 1), {2, 1}, {3, 2}, {65, 1}, {1, 71}, {71, 40}}) {
+    for (const auto& size : {std::pair(1, 1), {2, 1}, {3, 2}, {65, 1}, {1, 71}, {71, 40}}) {
+      const int width = size.first, height = size.second;
       const auto src = Make(store.make(), width, height, 3, Random(1, 1000));
       for (const int mode : {0, 1, 2, 3}) {
         OptionalRect rect;

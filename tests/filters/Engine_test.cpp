@@ -38,7 +38,8 @@ double Separable(CVelImage& image, CFilterMatrix const& m, bool normalize, int p
 
 TEST(CFilterProc, FiltersByTheMiddleRowAlongBothAxes) {
   OnEveryStore([](StoreCase const& store) {
-    for (const auto& [width, height] : {std::pair(1, 1), {3, 2}, {65, 1}, {1, 71}, {41, 57}}) {
+    for (const auto& size : {std::pair(1, 1), {3, 2}, {65, 1}, {1, 71}, {41, 57}}) {
+      const int width = size.first, height = size.second;
       for (const int r : {1, 3, 10}) {
         const auto src = Make(store.make(), width, height, 2, Random(-5, 30));
         const CFilterMatrix matrix = Lopsided(r);
@@ -130,9 +131,11 @@ TEST(CVelImage, PreparedFiltersKeepTheirWeights) {
 
 TEST(CFilterBlock, ConvolvesAndSortsInTwoDimensions) {
   OnEveryStore([](StoreCase const& store) {
-    for (const auto& [width, height] : {std::pair(1, 1), {3, 2}, {97, 23}, {1, 9}}) {
+    for (const auto& size : {std::pair(1, 1), {3, 2}, {97, 23}, {1, 9}}) {
+      const int width = size.first, height = size.second;
       const auto src = Make(store.make(), width, height, 1, Random(-9, 30));
-      for (const auto& [blockR, matrixR] : {std::pair(1, 1), {5, 5}, {3, 1}, {1, 3}}) {
+      for (const auto& radii : {std::pair(1, 1), {5, 5}, {3, 1}, {1, 3}}) {
+        const int blockR = radii.first, matrixR = radii.second;
         const CFilterMatrix matrix = Lopsided(matrixR);
         CFilterMatrix mask;
         mask.MakeMask(matrixR, matrixR);
