@@ -1,5 +1,4 @@
 // Extremes over discs of fixed radii.
-#include <cmath>
 #include <map>
 
 #include "Driver.h"
@@ -8,7 +7,7 @@ using namespace Halide;
 
 namespace {
 
-Var x("x"), y("y"), strip("strip"), line("line"), column("column"), u("u"), v("v");
+Var x("x"), y("y"), strip("strip"), column("column"), u("u"), v("v");
 
 /// Integers in the order of the floats, all NaN after the numbers.
 Expr key(Expr value) {

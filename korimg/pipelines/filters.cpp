@@ -5,7 +5,7 @@ using namespace Halide;
 
 namespace {
 
-Var x("x"), y("y"), column("column"), strip("strip"), u("u"), v("v"), line("line"), block("block");
+Var x("x"), y("y"), column("column"), strip("strip"), u("u"), v("v"), block("block");
 
 /// input filtered by weight, 2 radius + 1 numbers, along x and then along y; planes mirror about their edge
 /// rows and columns.
