@@ -5,41 +5,13 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <utility>
 #include <vector>
 
 #include "korimg/image/Lines.h"
+#include "korimg/image/SortingNetwork.h"
 
 namespace korimg {
 namespace {
-
-using Network = std::vector<std::pair<int, int>>;
-
-/// Batcher's merge exchange: pairs to bring into order, one after the other, which sort any number of values.
-Network MakeNetwork(int count) {
-  Network network;
-  int top = 1;
-  while (top * 2 < count) {
-    top *= 2;
-  }
-  for (int p = top; p > 0; p /= 2) {
-    for (int q = top, r = 0, d = p;; d = q - p, q /= 2, r = p) {
-      for (int i = 0; i + d < count; ++i) {
-        if ((i & p) == r) network.emplace_back(i, i + d);
-      }
-      if (q == p) break;
-    }
-  }
-  return network;
-}
-
-void Exchange(float* __restrict a, float* __restrict b, int columns) {
-  for (int x = 0; x < columns; ++x) {
-    const float low = a[x] < b[x] ? a[x] : b[x], high = a[x] < b[x] ? b[x] : a[x];
-    a[x] = low;
-    b[x] = high;
-  }
-}
 
 /// Columns that are sorted together, a column of every frame: as many as stay in the first-level cache.
 int ChunkColumns(int count) {

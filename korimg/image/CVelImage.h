@@ -9,6 +9,8 @@
 #include "korimg/platform/CRect.h"
 #include "korimg/platform/Export.h"
 
+class CFilterMatrix;
+class CFilterProcEx;
 class CImageMask;
 class CImageSelection;
 
@@ -215,6 +217,7 @@ class KORIMG_API CVelImage : public CImage {
 
   // Progress. Every operation opens the display, counts its steps and closes it; see korimg::ProgressEvent.
   void SetProgressHandle(HWND window) { progressWindow_ = window; }
+  HWND GetProgressHandle() const { return progressWindow_; }
   void ShowProgressInit(int show, wchar_t const* text, int total);
   void ShowProgressInit(int show, int id, int total);
   void ShowProgressInit(wchar_t const* text);  ///< pulse mode: each step sends its amount
@@ -303,6 +306,26 @@ class KORIMG_API CVelImage : public CImage {
   int DarkFlat(CVelImage* source, CVelImage* dark, CVelImage* flat, float* minima, float* maxima,
                float* averages, float fOffset, double gamma, CRect* rect, int show);
 
+  // Prepared filters: a slot for each of planes 0 to 2, and six sets of such slots. They serve a team of
+  // workers as CFilterProc does; making and clearing is for one thread.
+  /// Fills the slot of a plane; 0 for a plane that is not 0 to 2. A slot that isn't empty keeps its weights,
+  /// whatever the kernel, and is bound to the source and plane anew: ClearFilterProc comes between two
+  /// kernels.
+  int MakeFilterProc(CVelImage* src, CFilterMatrix const* matrix, int plane, int normalize);
+  int MakeFilterProcEx(int set, CVelImage* src, CFilterMatrix const* matrix, int plane, int normalize);
+  /// Selects the slot of a plane; any other than 0 to 2 selects plane 0.
+  void SetFilterProcPln(int plane);
+  void SetFilterProcPlnEx(int set, int plane);
+  /// The filtered pixel of the slot selected or named; 0 when it is empty.
+  float CalcFilterProc(int x, int y);
+  float CalcFilterProc(int x, int y, int plane);
+  float CalcFilterProcEx(int set, int x, int y);
+  float CalcFilterProcEx(int set, int x, int y, int plane);
+  void ClearFilterProc();
+  /// The slots, and a set from 0 to 5, themselves.
+  CFilterProcEx& FilterProcSlots();
+  CFilterProcEx& FilterProcSet(int set);
+
  protected:
   int ToColor();
   int ToGray();
@@ -320,6 +343,7 @@ class KORIMG_API CVelImage : public CImage {
     std::shared_ptr<CVmHandle> store;
   };
   struct Mapping;
+  struct FilterProcs;
 
   unsigned char Gray256(float raw, int plane) const;
   void CopyInternal(CVelImage const& other);
@@ -360,4 +384,5 @@ class KORIMG_API CVelImage : public CImage {
   std::atomic<int> progressNext_{0};
   CString regKey_;
   std::vector<float> directImage_[3];
+  std::shared_ptr<FilterProcs> filterProcs_;  ///< made when the first is wanted
 };

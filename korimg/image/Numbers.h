@@ -16,6 +16,11 @@ inline int TruncateToInt(double value) {
   return static_cast<int>(std::min(std::max(kLow, value), kHigh));
 }
 
+/// The order of floats with NaN last.
+inline bool NanLast(float a, float b) {
+  return a < b || (std::isnan(b) && !std::isnan(a));
+}
+
 /// A number that sorts as the float does, with NaN last.
 inline std::uint32_t SortKey(float value) {
   if (std::isnan(value)) return ~0u;

@@ -75,6 +75,9 @@ class Argument {
     if (argument.kind == halide_argument_kind_input_scalar) {
       const auto has = [&](const char* part) { return name.find(part) != std::string::npos; };
       number_ = has("Bins")                                      ? bins
+                : has("nR")                                      ? (bins - 1) / 2
+                : has("fDarkThreshold")                          ? (has("Min") ? 50 : 100)
+                : has("fHighlightThreshold")                     ? (has("Max") ? 700 : 500)
                 : has("start") || has("Start")                   ? 3
                 : has("end") || has("End") || has("nWidth")      ? 90
                 : has("nHeight")                                 ? 71

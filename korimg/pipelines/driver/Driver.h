@@ -42,3 +42,11 @@ inline void ScheduleByStrips(Halide::Func f, const Halide::Target& target, bool 
       .parallel(strip)
       .vectorize(x, lanes, TailStrategy::GuardWithIf);
 }
+
+/// Parts of about `want` of an output's dimension, all of nearly the same size, a multiple of `multiple`. In
+/// a tile that stuck out, inner stages would be computed in full.
+inline Halide::Expr EvenPart(const Halide::Func& output, int dimension, Halide::Expr want, int multiple) {
+  Halide::Expr extent = output.output_buffers()[0].dim(dimension).extent();
+  Halide::Expr parts = max((extent + want - 1) / want, 1);
+  return max(((extent + parts - 1) / parts + multiple - 1) / multiple, 1) * multiple;
+}

@@ -50,6 +50,7 @@ struct Scratch {
     std::size_t size = 0;
   };
   Block blocks[kKept];
+  int next = 0;  ///< the block that goes when there are too many
 
   ~Scratch() {
     for (const Block& block : blocks) {
@@ -96,6 +97,12 @@ void halide_free(void*, void* block) {
       kept = {start, size};
       return;
     }
+    // Sizes change from one pipeline to the next: old blocks make room.
+    Scratch::Block& oldest = t_scratch.blocks[t_scratch.next];
+    t_scratch.next = (t_scratch.next + 1) % kKept;
+    std::free(oldest.address);
+    oldest = {start, size};
+    return;
   }
   std::free(start);
 }

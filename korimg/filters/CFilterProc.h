@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "korimg/platform/Export.h"
+
+class CFilterMatrix;
+class CVelImage;
+
+/// Filters an image by the middle row of a kernel along x, then along y. Each worker keeps a ring of rows
+/// that are filtered along x, so that a run over rising rows filters each row once.
+///
+/// Edges: rows above the image mirror about its first row, rows below repeat its last row and mirror on;
+/// columns repeat the edge.
+///
+/// Workers are told apart by their number: one object serves a whole team, whose size must not grow after
+/// MakeBuf or Bind. What throws is std::bad_alloc, and what the source's store throws.
+class KORIMG_API CFilterProc {
+ public:
+  CFilterProc() = default;
+  CFilterProc(CVelImage* image, CFilterMatrix const* matrix, int plane);
+  CFilterProc(CFilterProc const&) = default;
+  CFilterProc& operator=(CFilterProc const&) = default;
+  virtual ~CFilterProc() = default;
+
+  /// Takes over the kernel's middle row, divided by its sum when `normalize` is non-zero and the sum is not
+  /// 0, and binds the source, which is kept by address; the kernel is not needed any more. Answers 1.
+  int MakeBuf(CVelImage* image, CFilterMatrix const* matrix, int plane, int normalize);
+  /// Keeps the weights and turns to another source, plane or team.
+  void Bind(CVelImage* image, int plane);
+  /// The filtered pixel: columns of a row in one go, and rows in rising order, cost least.
+  float Calc(int x, int y);
+  /// The filtered pixels of row y from column left to right - 1; the same values.
+  void CalcLine(int left, int right, int y, float* line);
+  void Empty() { Init(); }
+  void Init();
+  int IsEmpty() const { return rings_.empty() || rings_[0].cells.empty(); }
+
+  int GetR() const { return r_; }
+  int GetD() const { return d_; }
+  /// The weights, 2 R + 1 of them; null when empty.
+  float const* GetFilter() const { return weights_.empty() ? nullptr : weights_.data(); }
+
+ protected:
+  /// Brings this worker's ring up to row y. Always 1.
+  int ProcHorizontal(int x, int y);
+  float ProcVertical(int x);
+
+ private:
+  struct alignas(64) Ring {
+    std::vector<float> cells;   ///< D rows, in blocks of columns: a walk down a block is a walk along memory
+    std::vector<float> padded;  ///< a source row with its edges repeated
+    bool served = false;
+    int lastY = 0;
+    int first = 0;  ///< slot of the oldest row
+  };
+  Ring* OwnRing();
+  /// Place of a column in a slot of a ring.
+  size_t Place(int slot, int x) const;
+  void FilterRow(Ring& ring, int slot, int y);
+
+  int r_ = 0;
+  int d_ = 0;
+  CVelImage* image_ = nullptr;
+  int plane_ = 0;
+  int width_ = 0;
+  std::vector<float> weights_;
+  std::vector<Ring> rings_;
+};
+
+/// Three such filters, one for each plane.
+class KORIMG_API CFilterProcEx {
+ public:
+  /// 0 for a plane that is not 0 to 2. A filter that is not empty keeps its weights.
+  int Make(CVelImage* image, CFilterMatrix const* matrix, int plane, int normalize);
+  /// Any other plane selects plane 0.
+  void SetPln(int plane) { current_ = Index(plane); }
+  float Calc(int x, int y) { return procs_[current_].Calc(x, y); }
+  float Calc(int x, int y, int plane) { return procs_[Index(plane)].Calc(x, y); }
+  void CalcLine(int left, int right, int y, int plane, float* line) {
+    procs_[Index(plane)].CalcLine(left, right, y, line);
+  }
+  int GetR() const { return GetR(current_); }
+  int GetR(int plane) const { return procs_[Index(plane)].GetR(); }
+  int GetD() const { return GetD(current_); }
+  int GetD(int plane) const { return procs_[Index(plane)].GetD(); }
+  float const* GetFilter() const { return GetFilter(current_); }
+  float const* GetFilter(int plane) const { return procs_[Index(plane)].GetFilter(); }
+  void Clear();
+
+ private:
+  static int Index(int plane) { return plane > 0 && plane < 3 ? plane : 0; }
+
+  CFilterProc procs_[3];
+  int current_ = 0;
+};
