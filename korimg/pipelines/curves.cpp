@@ -39,13 +39,14 @@ Definition tone_curve(const Target& target, bool colour) {
   Expr n = first.n, low = cast<double>(level_min), scale = F64(255.0) / cast<double>(level_range);
   const auto raw = [=](Expr u) { return cast<float>(u / scale + low); };
 
-  // Entries -1 (below the scale) to n by both curves, then those of the master alone.
+  // Entry 0 is for pixels below the scale, then come those of both curves together; the same of the master alone.
+  // Places count from 0, so that they are known to need no sign in an address.
   Func results("results");
   Expr second = n + 2;
-  Expr own = select(i < 0, F64(0.0), first.value(i));
-  Expr masters = select(i < second, F64(0.0), last.value(i - second));
-  results(i) = raw(colour ? select(i > n, masters, last.at(own)) : own);
-  const auto place = [=](Expr q) { return clamp(cast<int>(floor(q)), -1, n); };
+  Expr own = select(i == 0, F64(0.0), first.value(i - 1));
+  Expr masters = select(i == second, F64(0.0), last.value(i - second - 1));
+  results(i) = raw(colour ? select(i < second, last.at(own), masters) : own);
+  const auto place = [=](Expr q) { return clamp(cast<int>(floor(q)) + 1, 0, n + 1); };
 
   // Above the table: raw = a (s - low) + b. Where the master is looked up there, v is its argument.
   Expr through = last.above(first.above(F64(255.0)));  // of the line at 255, where both curves are lines
@@ -66,6 +67,7 @@ Definition tone_curve(const Target& target, bool colour) {
   Func output("output");
   if (!colour) {
     output(x, y) = simple;
+    ScheduleByStrips(output, target);
   } else {
     // The plane's line may lead back onto the master's table, unless it is level or begins at its end.
     Expr isSimple = !(first.slope > F64(0.0)) || curve(n) == 1.0f || curve(n) > 1.0f;
@@ -73,11 +75,11 @@ Definition tone_curve(const Target& target, bool colour) {
     Expr looked = results(select(above, place(v) + second, place(q)));
     Expr high = is_nan(v) || v > cast<float>(n);
     output(x, y) = select(isSimple, simple, select(above && high, straight(v, 4), looked));
-    output.specialize(isSimple);
+    ScheduleByStrips(output, target);
+    output.specialize(isSimple);  // takes the schedule along
   }
   results.compute_root();
   line.bound(i, 0, 6).compute_root();
-  ScheduleByStrips(output, target);
   if (colour) return {{input, level_min, level_range, curve, master}, {output}};
   return {{input, level_min, level_range, master}, {output}};
 }
