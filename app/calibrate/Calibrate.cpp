@@ -424,14 +424,15 @@ class Session {
       // Gains are for light alone: the pedestal comes back after them.
       const double pedestal = options_.pedestal;
       if (pedestal > 0) Calculate(image, Calculation::Subtract, pedestal);
-      Development development(MosaicSource(image), info, light.mosaic, balances_.at(CameraOf(light)), options_.develop);
+      Development development(MosaicSource(image), info, light.mosaic, balances_.at(CameraOf(light)),
+                              options_.develop);
       Levels levels = development.PictureLevels(kPreviewSide);
       for (int p = 0; p < 3; ++p) {
         levels.min[p] += pedestal;
         levels.max[p] += pedestal;
       }
-      SaveDeveloped(tool_, development, info.header, levels, levels, light.output, false, light.preview, kPreviewSide,
-                    [&](CVelImage& band) {
+      SaveDeveloped(tool_, development, info.header, levels, levels, light.output, false, light.preview,
+                    kPreviewSide, [&](CVelImage& band) {
                       if (pedestal > 0) Calculate(band, Calculation::Add, pedestal);
                     });
     } else {

@@ -87,8 +87,7 @@ void CheckWhiteBalance(const std::string& wanted) {
                   wanted));
 }
 
-files::Mosaic RequireMosaic(const files::ImageInfo& info,
-                            const files::MosaicOptions& options) {
+files::Mosaic RequireMosaic(const files::ImageInfo& info, const files::MosaicOptions& options) {
   files::Mosaic mosaic = files::FindMosaic(info, options);
   if (mosaic.cfa > 0 || (info.camera && info.planes == 3)) return mosaic;
   if (info.planes > 1) throw files::FileError(info.path, "has colours already; there is nothing to develop");
@@ -119,7 +118,8 @@ WhiteBalance ChooseWhiteBalance(CVelImage* image, const files::ImageInfo& info, 
   if (NeedsMedians(info, wanted)) return {GainsByMedians(*image, mosaic.cfa), "by medians"};
   if (info.camera && info.camera->hasGains && wanted != "none") return {info.camera->gains, "the camera's"};
   if (wanted == "camera") {
-    throw files::FileError(info.path, "knows no white balance of its camera; give --white-balance auto, none or gains");
+    throw files::FileError(info.path,
+                           "knows no white balance of its camera; give --white-balance auto, none or gains");
   }
   return {{1, 1, 1, 1}, "none"};
 }
@@ -137,7 +137,8 @@ MosaicSource::MosaicSource(CVelImage& image)
         }
       }) {}
 
-MosaicSource::MosaicSource(files::ImageReader& reader, const Levels& levels, std::shared_ptr<CVmManager> store)
+MosaicSource::MosaicSource(files::ImageReader& reader, const Levels& levels,
+                           std::shared_ptr<CVmManager> store)
     : shape{reader.Info().width, reader.Info().height, reader.Info().planes},
       levels(levels),
       store(std::move(store)),
@@ -145,20 +146,33 @@ MosaicSource::MosaicSource(files::ImageReader& reader, const Levels& levels, std
 
 Development::Development(MosaicSource source, files::ImageInfo& info, const files::Mosaic& mosaic,
                          const WhiteBalance& balance, const DevelopOptions& options)
-    : source_(std::move(source)), path_(info.path), cfa_(mosaic.cfa), gains_(balance.gains), options_(options) {
+    : source_(std::move(source)),
+      path_(info.path),
+      cfa_(mosaic.cfa),
+      gains_(balance.gains),
+      options_(options) {
   if (cfa_ == 0 && (options.mono || options.half || options.levelCut || options.gamma != 1)) {
-    throw files::FileError(path_, "has colours already: --mono, --half, --gamma and --level-cut are for mosaics");
+    throw files::FileError(path_,
+                           "has colours already: --mono, --half, --gamma and --level-cut are for mosaics");
   }
   if (cfa_ > 0 && (std::min(source_.shape.width, source_.shape.height) < kSmallest)) {
-    throw files::FileError(path_, fmt::format("a mosaic of {} x {} pixels is too small to develop; {} x {} is "
-                                              "the smallest",
-                                              source_.shape.width, source_.shape.height, kSmallest, kSmallest));
+    throw files::FileError(path_,
+                           fmt::format("a mosaic of {} x {} pixels is too small to develop; {} x {} is "
+                                       "the smallest",
+                                       source_.shape.width, source_.shape.height, kSmallest, kSmallest));
   }
   info.header.AddHistory(fmt::format("korimg {} develop", Version()));
   info.header.AddHistory(fmt::format(
       "{}; white balance {} ({:.4g})",
-      cfa_ > 0 ? fmt::format("mosaic {} ({})", mosaic.name, mosaic.reason) : "colours of the camera", balance.text,
-      fmt::join(gains_, ", ")));
+      cfa_ > 0 ? fmt::format("mosaic {} ({})", mosaic.name, mosaic.reason) : "colours of the camera",
+      balance.text, fmt::join(gains_, ", ")));
+  if (options.scale != 1) info.header.AddHistory(fmt::format("multiplied by {:.9g}", options.scale));
+  for (int i = 0; i < 4; ++i) {
+    gains_[i] *= options.scale;
+  }
+  for (int p = 0; p < source_.shape.planes; ++p) {
+    source_.levels.max[p] *= options.scale;
+  }
   if (options.half) info.header.AddHistory("half the size, a pixel from each cell");
   if (options.gamma != 1) info.header.AddHistory(fmt::format("gamma {:g}", options.gamma));
   if (cfa_ > 0) files::RemoveMosaic(info.header);
@@ -171,8 +185,8 @@ Shape Development::Size() const {
 
 /// An image for some of the source's pixels, with its levels.
 std::unique_ptr<CVelImage> Development::NewImage(int width, int height) const {
-  auto image = std::make_unique<CVelImage>(source_.store, CImage::Float, width, height, source_.shape.planes, 1.0, 0.0,
-                                           1, nullptr);
+  auto image = std::make_unique<CVelImage>(source_.store, CImage::Float, width, height, source_.shape.planes,
+                                           1.0, 0.0, 1, nullptr);
   for (int p = 0; p < source_.shape.planes; ++p) {
     image->SetLevel(p, source_.levels.min[p], source_.levels.max[p]);
   }
@@ -257,25 +271,26 @@ void Development::ForBands(Tool& tool, const std::string& title,
 
 void SaveDeveloped(Tool& tool, Development& development, const files::Header& header, const Levels& levels,
                    const Levels& pictureLevels, const std::filesystem::path& output, bool integers,
-                   const std::filesystem::path& preview, int side, const std::function<void(CVelImage&)>& change) {
+                   const std::filesystem::path& preview, int side,
+                   const std::function<void(CVelImage&)>& change) {
   const Shape shape = development.Size();
   ImageSaver image(tool, output, shape, levels, header, {.integers = integers});
   PictureSaver picture(tool, preview, shape, pictureLevels, ShrinkTo(shape, side));
-  const auto write = [&](CVelImage& band) {
-    const float* planes[3] = {};
-    for (int p = 0; p < shape.planes; ++p) {
-      planes[p] = band.GetLine(0, 0, p);
-    }
-    image.Write(band.GetHeight(), planes);
-    picture.Write(band.GetHeight(), planes);
-  };
   const auto policy = CParallel::GetMaxThreads() > 1 ? std::launch::async : std::launch::deferred;
   std::future<void> writing;
-  development.ForBands(tool, "developing " + output.filename().string(), [&](std::unique_ptr<CVelImage> band) {
-    change(*band);
-    if (writing.valid()) writing.get();
-    writing = std::async(policy, [&write, band = std::move(band)] { write(*band); });
-  });
+  development.ForBands(tool, "developing " + output.filename().string(),
+                       [&](std::unique_ptr<CVelImage> band) {
+                         change(*band);
+                         std::array<const float*, 3> planes = {};
+                         for (int p = 0; p < shape.planes; ++p) {
+                           planes[p] = band->GetLine(0, 0, p);
+                         }
+                         picture.Write(band->GetHeight(), planes.data());
+                         if (writing.valid()) writing.get();
+                         writing = std::async(policy, [&image, planes, band = std::move(band)] {
+                           image.Write(band->GetHeight(), planes.data());
+                         });
+                       });
   writing.get();
   image.Commit();
   picture.Commit();

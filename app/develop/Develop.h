@@ -18,6 +18,7 @@ struct DevelopOptions {
   bool half = false;                  ///< half the size: each pixel from one cell of the mosaic
   bool levelCut = false;              ///< results are limited to black and white
   double gamma = 1;
+  double scale = 1;  ///< that the raw values are multiplied by
 };
 
 /// Gains by position in the 2 x 2 cell, by rows, or by plane of a colour image; and where they come from.
@@ -85,6 +86,7 @@ class Development {
 /// A band is written while the next one is developed.
 void SaveDeveloped(Tool& tool, Development& development, const files::Header& header, const Levels& levels,
                    const Levels& pictureLevels, const std::filesystem::path& output, bool integers,
-                   const std::filesystem::path& preview, int side, const std::function<void(CVelImage&)>& change);
+                   const std::filesystem::path& preview, int side,
+                   const std::function<void(CVelImage&)>& change);
 
 }  // namespace korimg::tool

@@ -158,8 +158,8 @@ Levels::Levels(const CVelImage& image) {
   }
 }
 
-ImageSaver::ImageSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
-                       const files::Header& header, const SaveOptions& options)
+ImageSaver::ImageSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape,
+                       const Levels& levels, const files::Header& header, const SaveOptions& options)
     : shape_(shape), levels_(levels), byLevels_(files::LowerExtension(path) == ".png") {
   files::WriteOptions write{shape.width, shape.height, shape.planes};
   write.header = header;
@@ -193,7 +193,8 @@ void ImageSaver::Write(int rows, const float* const* planes) {
 
 void SaveImage(Tool& tool, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
                const SaveOptions& options) {
-  ImageSaver saver(tool, path, {image.GetWidth(), image.GetHeight(), image.GetPlanes()}, Levels(image), header, options);
+  ImageSaver saver(tool, path, {image.GetWidth(), image.GetHeight(), image.GetPlanes()}, Levels(image),
+                   header, options);
   ForBands(tool, image, true, "writing " + path.filename().string(),
            [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
   saver.Commit();
@@ -203,8 +204,8 @@ int ShrinkTo(const Shape& shape, int side) {
   return (std::max(shape.width, shape.height) + side - 1) / side;
 }
 
-PictureSaver::PictureSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
-                           int shrink)
+PictureSaver::PictureSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape,
+                           const Levels& levels, int shrink)
     : shape_(shape),
       picture_{std::max(shape.width / shrink, 1), std::max(shape.height / shrink, 1), shape.planes},
       levels_(levels),
@@ -250,7 +251,8 @@ void PictureSaver::Write(int rows, const float* const* planes) {
 }
 
 void SavePicture(Tool& tool, CVelImage& image, const std::filesystem::path& path, int shrink) {
-  PictureSaver saver(tool, path, {image.GetWidth(), image.GetHeight(), image.GetPlanes()}, Levels(image), shrink);
+  PictureSaver saver(tool, path, {image.GetWidth(), image.GetHeight(), image.GetPlanes()}, Levels(image),
+                     shrink);
   ForBands(tool, image, true, "writing " + path.filename().string(),
            [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
   saver.Commit();

@@ -75,7 +75,8 @@ class ImageSaver {
 /// the mean of what the levels show, so that a bright star stays a point.
 class PictureSaver {
  public:
-  PictureSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape, const Levels& levels, int shrink);
+  PictureSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
+               int shrink);
   /// Takes the next rows; planes[p] holds rows x width floats.
   void Write(int rows, const float* const* planes);
   void Commit() { writer_->Commit(); }

@@ -71,7 +71,8 @@ class Developer {
       for (int p = 0; p < info.planes; ++p) {
         levels.max[p] = WhiteOf(info, BlackOf(info), 0);
       }
-      Save(MosaicSource(*reader, levels, store_), info, mosaic, ChooseWhiteBalance(nullptr, info, mosaic, wanted), output, preview);
+      Save(MosaicSource(*reader, levels, store_), info, mosaic,
+           ChooseWhiteBalance(nullptr, info, mosaic, wanted), output, preview);
       return;
     }
     LoadedImage loaded = LoadImage(tool_, store_, path, read);
@@ -82,30 +83,24 @@ class Developer {
   }
 
  private:
-  void Save(MosaicSource source, files::ImageInfo& info, const files::Mosaic& mosaic, const WhiteBalance& balance,
-            const fs::path& output, const fs::path& preview) {
+  void Save(MosaicSource source, files::ImageInfo& info, const files::Mosaic& mosaic,
+            const WhiteBalance& balance, const fs::path& output, const fs::path& preview) {
     const std::string name = info.path.filename().string();
     if (!mosaic.name.empty()) {
-      tool_.console.Say(fmt::format("{}: mosaic {} ({}), white balance {} ({:.4g})", name, mosaic.name, mosaic.reason,
-                                    balance.text, fmt::join(balance.gains, ", ")));
+      tool_.console.Say(fmt::format("{}: mosaic {} ({}), white balance {} ({:.4g})", name, mosaic.name,
+                                    mosaic.reason, balance.text, fmt::join(balance.gains, ", ")));
     }
-    const double white = source.levels.max[0];
-    Development development(std::move(source), info, mosaic, balance, arguments_.develop);
+    const bool integers = arguments_.bits == "16" ||
+                          (arguments_.bits.empty() && files::LowerExtension(output).starts_with(".tif"));
+    DevelopOptions options = arguments_.develop;
+    if (integers) options.scale = kWhite16 / source.levels.max[0];
+    Levels levels;
+    std::fill(levels.max, levels.max + 3, source.levels.max[0] * options.scale);
+    Development development(std::move(source), info, mosaic, balance, options);
     const fs::path folder = toFile_ ? output.parent_path() : arguments_.out;
     if (!folder.empty()) fs::create_directories(folder);
-    const bool integers =
-        arguments_.bits == "16" || (arguments_.bits.empty() && files::LowerExtension(output).starts_with(".tif"));
-    const double scale = integers ? kWhite16 / white : 1;
-    Levels levels, picture = development.PictureLevels(kPreviewSide);
-    for (int p = 0; p < 3; ++p) {
-      levels.max[p] = white * scale;
-      picture.min[p] *= scale;
-      picture.max[p] *= scale;
-    }
-    SaveDeveloped(tool_, development, info.header, levels, picture, output, integers, preview, kPreviewSide,
-                  [&](CVelImage& band) {
-                    if (integers) Calculate(band, Calculation::Multiply, scale);
-                  });
+    SaveDeveloped(tool_, development, info.header, levels, development.PictureLevels(kPreviewSide), output,
+                  integers, preview, kPreviewSide, [](CVelImage&) {});
     if (tool_.options.json) {
       const nlohmann::ordered_json json{{"file", info.path.string()},  {"output", output.string()},
                                         {"preview", preview.string()}, {"mosaic", mosaic.name},
@@ -146,7 +141,8 @@ class Developer {
   /// What the sensor can give above black, on the file's scale.
   static double WhiteOf(const files::ImageInfo& info, double black, double brightest) {
     double white = info.camera ? info.camera->white : kWhite16;
-    if (!info.camera && info.type != "uint16" && (brightest <= kUnitWhite || brightest > kWhite16)) white = brightest;
+    if (!info.camera && info.type != "uint16" && (brightest <= kUnitWhite || brightest > kWhite16))
+      white = brightest;
     return white > black ? white - black : 1;
   }
 
@@ -159,8 +155,9 @@ class Developer {
     } else if (info.camera && black == 0) {
       black = BlackOf(info);
     } else if (black == 0) {
-      tool_.console.Warn(fmt::format("{}: its black level is not known, and counts as light; give --dark or --black",
-                                     info.path.string()));
+      tool_.console.Warn(
+          fmt::format("{}: its black level is not known, and counts as light; give --dark or --black",
+                      info.path.string()));
     }
     const double brightest = info.camera ? 0 : std::get<1>(image.GetMinMax(0)) + black;
     for (int p = 0; p < image.GetPlanes(); ++p) {

@@ -46,7 +46,8 @@ double Median(std::vector<double> times) {
 
 int main(int argc, char** argv) {
   if (argc < 3) {
-    std::fprintf(stderr, "usage: %s TOOL FOLDER [RUNS]: writes a raw file and its results into the folder\n", argv[0]);
+    std::fprintf(stderr, "usage: %s TOOL FOLDER [RUNS]: writes a raw file and its results into the folder\n",
+                 argv[0]);
     return 2;
   }
   const std::string tool = argv[1];
@@ -62,8 +63,8 @@ int main(int argc, char** argv) {
       if (reader.open_file(raw.c_str()) != LIBRAW_SUCCESS || reader.unpack() != LIBRAW_SUCCESS) std::abort();
     }));
     const auto develop = [&](const std::string& options) {
-      const std::string command =
-          "'" + tool + "' develop -q --overwrite '" + raw.string() + "' --out '" + (folder / "done").string() + "' " + options;
+      const std::string command = "'" + tool + "' develop -q --overwrite '" + raw.string() + "' --out '" +
+                                  (folder / "done").string() + "' " + options;
       if (std::system(command.c_str()) != 0) std::abort();
     };
     floats.push_back(Seconds([&] { develop(""); }));

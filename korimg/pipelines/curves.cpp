@@ -39,8 +39,8 @@ Definition tone_curve(const Target& target, bool colour) {
   Expr n = first.n, low = cast<double>(level_min), scale = F64(255.0) / cast<double>(level_range);
   const auto raw = [=](Expr u) { return cast<float>(u / scale + low); };
 
-  // Entry 0 is for pixels below the scale, then come those of both curves together; the same of the master alone.
-  // Places count from 0, so that they are known to need no sign in an address.
+  // Entry 0 is for pixels below the scale, then come those of both curves together; the same of the master
+  // alone. Places count from 0, so that they are known to need no sign in an address.
   Func results("results");
   Expr second = n + 2;
   Expr own = select(i == 0, F64(0.0), first.value(i - 1));

@@ -1,11 +1,13 @@
 // Development by the tool: from mosaics in files to colour images in files.
+#include "app/develop/Develop.h"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "app/develop/Develop.h"
+#include "korimg/raw/CImgBayerToRgb.h"
+
 #include "app/files/Mosaic.h"
 #include "app/simulate/Simulate.h"
-#include "korimg/raw/CImgBayerToRgb.h"
 #include "tests/app/Tool.h"
 #include "tests/support/Dng.h"
 
@@ -208,7 +210,8 @@ TEST_F(DevelopTest, BandsAreTheWholeInParts) {
         for (int p = 0; p < band.GetPlanes(); ++p) {
           for (int y = 0; y < band.GetHeight(); ++y) {
             const float *got = band.GetLine(0, y, p), *wanted = whole->GetLine(0, next + y, p);
-            ASSERT_TRUE(std::equal(got, got + band.GetWidth(), wanted)) << height << ' ' << options << ' ' << next + y;
+            ASSERT_TRUE(std::equal(got, got + band.GetWidth(), wanted))
+                << height << ' ' << options << ' ' << next + y;
           }
         }
         next += band.GetHeight();
