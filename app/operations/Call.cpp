@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <sstream>
 
@@ -10,14 +9,6 @@
 
 namespace korimg::tool {
 namespace {
-
-std::optional<double> ToNumber(const std::string& text) {
-  double value = 0;
-  const char* start = text.c_str() + (text.starts_with('+') ? 1 : 0);
-  const auto [end, error] = std::from_chars(start, text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size() || text.empty()) return std::nullopt;
-  return value;
-}
 
 std::vector<std::string> Split(const std::string& text) {
   std::vector<std::string> parts;
@@ -44,6 +35,30 @@ size_t Distance(const std::string& a, const std::string& b) {
     }
   }
   return row[b.size()];
+}
+
+/// Reads "x:y,x:y...", in any order, into points that ascend in x. Answers what should be written instead, or
+/// nothing.
+std::string ReadPoints(const std::string& text, std::vector<CurvePoint>& points) {
+  constexpr double kNearest = 1e-6;
+  for (const std::string& part : Split(text)) {
+    const size_t colon = part.find(':');
+    const auto x = ToNumber(part.substr(0, colon)),
+               y = ToNumber(colon == std::string::npos ? "" : part.substr(colon + 1));
+    if (!x || !y) return "write points as x:y with commas between, such as 0:0,0.2:0.35,1:1";
+    // The negation refuses NaN too.
+    if (!(*y >= 0 && *y <= 1)) return "y runs from 0 for black to 1 for white";
+    points.push_back({*x, *y});
+  }
+  std::sort(points.begin(), points.end(), [](const CurvePoint& a, const CurvePoint& b) { return a.x < b.x; });
+  if (points.size() < 2 || points.front().x != 0 || points.back().x != 1) {
+    return "the first point must be at x = 0 and the last at x = 1";
+  }
+  for (size_t i = 1; i < points.size(); ++i) {
+    // The negation refuses NaN too.
+    if (!(points[i].x - points[i - 1].x >= kNearest)) return "two points have the same x";
+  }
+  return "";
 }
 
 }  // namespace
@@ -76,6 +91,11 @@ void CheckValue(const Operation& operation, const Parameter& parameter, const st
     if (std::find(parameter.choices.begin(), parameter.choices.end(), value) == parameter.choices.end()) {
       refuse(fmt::format("write one of {}", fmt::join(parameter.choices, ", ")));
     }
+    return;
+  }
+  if (parameter.kind == ParameterKind::Points) {
+    std::vector<CurvePoint> points;
+    if (const std::string wanted = ReadPoints(value, points); !wanted.empty()) refuse(wanted);
     return;
   }
   const std::vector<std::string> parts =
@@ -122,33 +142,43 @@ int Call::Choice(const std::string& name) const {
                           parameter->choices.begin());
 }
 
-std::vector<float> Call::PerPlane(const std::string& name) const {
-  std::vector<float> values;
+template <class T>
+std::vector<T> Call::PerPlane(const std::string& name) const {
+  std::vector<T> values;
   for (const std::string& part : Split(Text(name))) {
-    values.push_back(static_cast<float>(*ToNumber(part)));
+    values.push_back(static_cast<T>(*ToNumber(part)));
   }
-  values.resize(std::max(image->GetPlanes(), 3), values.back());
+  values.resize(std::max(image->GetPlanes(), 3), values.empty() ? T(0) : values.back());
   return values;
+}
+
+template std::vector<float> Call::PerPlane(const std::string& name) const;
+template std::vector<double> Call::PerPlane(const std::string& name) const;
+
+std::vector<CurvePoint> Call::Points(const std::string& name) const {
+  if (!Has(name)) return {{0, 0}, {1, 1}};
+  std::vector<CurvePoint> points;
+  ReadPoints(Text(name), points);
+  return points;
 }
 
 std::unique_ptr<CVelImage> Call::File(const std::string& name, bool sameSize) const {
   const std::filesystem::path path = Text(name);
-  auto loaded = LoadImage(tool, image->VmManager(), path);
-  const CVelImage& other = *loaded.image;
-  if (sameSize && (other.GetWidth() != image->GetWidth() || other.GetHeight() != image->GetHeight())) {
+  if (!sameSize) return std::move(LoadImage(tool, image->VmManager(), path).image);
+  auto other = LoadSameSize(tool, *image, path, Name());
+  if (other->IsColor() && other->GetPlanes() < image->GetPlanes()) {
     throw files::FileError(
-        path, fmt::format("is {} x {}, but the image is {} x {}; {} wants the same size", other.GetWidth(),
-                          other.GetHeight(), image->GetWidth(), image->GetHeight(), step_.operation->name));
+        path, fmt::format("has {} planes, but the image has {}", other->GetPlanes(), image->GetPlanes()));
   }
-  if (sameSize && other.IsColor() && other.GetPlanes() < image->GetPlanes()) {
-    throw files::FileError(
-        path, fmt::format("has {} planes, but the image has {}", other.GetPlanes(), image->GetPlanes()));
-  }
-  return std::move(loaded.image);
+  return other;
+}
+
+const std::string& Call::Name() const {
+  return step_.operation->name;
 }
 
 HWND Call::Window() const {
-  return tool.console.OperationWindow(step_.operation->name);
+  return tool.console.OperationWindow(Name());
 }
 
 void Call::Prepare(CVelImage& target) const {

@@ -12,6 +12,8 @@
 #include "korimg/levels/CImgAutoLevel.h"
 
 #include "app/files/ImageFile.h"
+#include "app/operations/Curves.h"
+#include "app/operations/Filters.h"
 
 namespace korimg::tool {
 namespace {
@@ -237,10 +239,36 @@ Parameter Choice(const std::string& name, const std::vector<std::string>& choice
   return {name, Kind::Choice, "", choices[0], 0, 0, choices, help};
 }
 
+Parameter Points(const std::string& name, const std::string& value, const std::string& help) {
+  return {name, Kind::Points, "0-1", value, 0, 1, {}, help};
+}
+
+Parameter Radius(const std::string& help) {
+  return PerPlane("radius", "pixels", "1", 0, 1000, help);
+}
+
+Parameter Mode() {
+  return Choice("mode", {"cross", "3x3", "5x5"},
+                "the pixel and its 4 neighbours; 8 neighbours; 5 x 5 pixels without the corners");
+}
+
 /// A parameter that may be left out though it has no default.
 Parameter Optional(Parameter parameter) {
   parameter.optional = true;
   return parameter;
+}
+
+/// The parameters of a filter that can be confined to a band of levels.
+std::vector<Parameter> WithBand(std::vector<Parameter> parameters) {
+  for (Parameter band :
+       {PerPlane("dark", "0-255", "", -1e6, 1e6, "pixels below it stay as they are"),
+        PerPlane("dark-range", "0-255", "", 0, 1e6, "over which the filter fades in below dark"),
+        PerPlane("highlight", "0-255", "", -1e6, 1e6, "pixels above it stay as they are"),
+        PerPlane("highlight-range", "0-255", "", 0, 1e6,
+                 "over which the filter fades out above highlight")}) {
+    parameters.push_back(Optional(std::move(band)));
+  }
+  return parameters;
 }
 
 }  // namespace
@@ -287,6 +315,19 @@ const std::vector<Operation>& Operations() {
         Flag("cut-minus", "0", "1: negative results of subtract become 0")},
        true,
        Calculate},
+      {"curve",
+       "a tone curve on the range from black to white, sampled into a table",
+       {Points("points", "0:0,1:1",
+               "x:y,x:y...: x from 0 (black) to 1 (white), y limited to 0 to 1; for all planes"),
+        Optional(Points("red", "", "the same for the first plane of a colour image, before `points`")),
+        Optional(Points("green", "", "for the second")), Optional(Points("blue", "", "for the third")),
+        Choice(
+            "kind", {"spline", "line"},
+            "between points: a natural cubic spline, limited to 0 to 1 where it overshoots; straight lines"),
+        Integer("entries", "", "65536", 2, 1 << 20, "of the table: so many tones come out")},
+       true,
+       Curve,
+       1e-3},  // a pixel at the edge of an entry may fall to either side
       {"cut-off",
        "replaces pixels at or beyond the levels",
        {Optional(Number("low", "raw", "", "for pixels at or below black; black when not given")),
@@ -311,7 +352,30 @@ const std::vector<Operation>& Operations() {
        false,
        Flat,
        std::nullopt},
+      {"gaussian", "blurs by a Gaussian",
+       WithBand(
+           {PerPlane("sigma", "pixels", "1", 0, 1000, "standard deviation; 0 leaves the plane as it is")}),
+       true, Gaussian, std::nullopt},
+      {"h-alpha",
+       "a curve for the sun in H-alpha: lifts what is faint beside the disc",
+       {Number("knee", "0-1", "0.2",
+               "below this share of the range, tones run along a line from 0 to the gain", 0, 1),
+        Number("gain", "0-1", "0.8", "where that line ends", 0, 1000)},
+       true,
+       HAlpha,
+       std::nullopt},
+      {"h-alpha-level",
+       "sets black to the smallest pixel and white to a multiple of the largest; no pixel changes",
+       {Number("factor", "", "1", "the multiple", 0, 1e6)},
+       false,
+       HAlphaLevel},
       {"invert", "turns the image over: black becomes white", {}, true, Invert},
+      {"laplacian",
+       "edges: the size of the Laplacian, above the first plane's black",
+       {Choice("mode", {"cross", "3x3", "product"},
+               "by 4 neighbours; by 8; second differences along both axes, one of the other")},
+       true,
+       Laplacian},
       {"level",
        "sets black and white; no pixel changes",
        {PerPlane("min", "raw", "", -1e30, 1e30, "shown as black"),
@@ -324,16 +388,57 @@ const std::vector<Operation>& Operations() {
        false,
        LiftUp,
        std::nullopt},
+      {"maximum",
+       "the largest pixel in the disc about each pixel",
+       {Radius("of the disc; contiguous stores round it up and take 10 at most")},
+       true,
+       Maximum},
+      {"mean", "the mean of a square about each pixel; with a band of levels, of a disc",
+       WithBand({Radius("of the disc, or half the square's side"),
+                 PerPlane("weight", "", "1", 0, 1e6, "of each neighbour against the pixel's 1")}),
+       true, Mean},
+      {"mean-without-edge",
+       "the mean of a square about each pixel where the image is flat, and the pixel itself at edges",
+       WithBand({Radius("half the square's side"),
+                 PerPlane("weight", "", "1", 0, 1e6, "of each neighbour against the pixel's 1")}),
+       true, MeanWithoutEdge},
+      {"median", "the median of the disc about each pixel", WithBand({Radius("of the disc")}), true, Median},
+      {"minimum",
+       "the smallest pixel in the disc about each pixel",
+       {Radius("of the disc; contiguous stores round it up and take 10 at most")},
+       true,
+       Minimum},
       {"paste",
        "copies a window of another image of the same size",
        {File("file", "the other image")},
        true,
        Paste},
+      {"rank",
+       "the pixel of a given rank in the disc about each pixel",
+       {Radius("of the disc; for the smallest and the largest as minimum and maximum have it"),
+        PerPlane("rank", "", "", 0, 1e7,
+                 "0: the smallest; the largest is the number of pixels in the disc less 1")},
+       true,
+       Rank},
       {"rebase-to-zero",
        "moves black to 0, cuts what is below, and gives all planes one range",
        {},
        false,
        RebaseToZero},
+      {"small-median", "the median of a pixel and its nearest neighbours", {Mode()}, true, SmallMedian},
+      {"small-rank",
+       "the pixel of a given rank among a pixel and its nearest neighbours",
+       {Integer("rank", "", "0", 0, 20, "0: the smallest; the largest is 4 for cross, 8 for 3x3, 20 for 5x5"),
+        Mode()},
+       true,
+       SmallRank},
+      {"small-unsharp",
+       "sharpens by the difference from the mean of the nearest neighbours",
+       {PerPlane("strength", "", "1", -1e6, 1e6, "what the difference is multiplied by"), Mode(),
+        PerPlane("weight", "", "1", 0, 1e6, "of each neighbour against the pixel's 1"),
+        PerPlane("threshold", "", "0", 0, 1e6, "share by which a pixel must differ from the plain mean")},
+       true,
+       SmallUnsharp},
       {"synthesize-dark",
        "makes a dark for other conditions out of this one and a second",
        {File("file", "the second dark"),

@@ -21,7 +21,8 @@ enum class ParameterKind {
   Flag,      ///< 0 or 1
   Choice,    ///< one of the names in `choices`, whose place in the list is the library's number
   PerPlane,  ///< one number, or one for each plane with commas between
-  File       ///< an image
+  File,      ///< an image
+  Points     ///< of a curve: "x:y,x:y..." from x = 0 to x = 1, y from 0 to 1
 };
 
 struct Parameter {
@@ -33,6 +34,11 @@ struct Parameter {
   std::vector<std::string> choices = {};
   std::string help;
   bool optional = false;  ///< may be left out though it has no default
+};
+
+/// A point of a curve on scales of 0 to 1.
+struct CurvePoint {
+  double x = 0, y = 0;
 };
 
 class Call;
@@ -79,8 +85,11 @@ class Call {
   double Number(const std::string& name) const;
   int Integer(const std::string& name) const;
   int Choice(const std::string& name) const;  ///< place in the list of choices
-  /// One value for each plane of the image, at least three.
-  std::vector<float> PerPlane(const std::string& name) const;
+  /// One value for each plane of the image, at least three; zeros when it was left out.
+  template <class T = float>
+  std::vector<T> PerPlane(const std::string& name) const;
+  /// The points of a curve, ascending in x; the straight line when it was left out.
+  std::vector<CurvePoint> Points(const std::string& name) const;
   /// True when the parameter was given, or has a default.
   bool Has(const std::string& name) const;
   /// The image of a file, in the same store. It must have the size of this image when sameSize is set.
@@ -95,6 +104,7 @@ class Call {
     return target;
   }
 
+  const std::string& Name() const;  ///< of the operation
   HWND Window() const;
 
  private:

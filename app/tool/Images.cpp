@@ -123,6 +123,17 @@ LoadedImage LoadImage(Tool& tool, const std::shared_ptr<CVmManager>& store, cons
   return {std::move(image), info};
 }
 
+std::unique_ptr<CVelImage> LoadSameSize(Tool& tool, const CVelImage& image, const std::filesystem::path& path,
+                                        const std::string& user) {
+  auto other = LoadImage(tool, image.VmManager(), path).image;
+  if (other->GetWidth() != image.GetWidth() || other->GetHeight() != image.GetHeight()) {
+    throw files::FileError(
+        path, fmt::format("is {} x {}, but the image is {} x {}; {} wants the same size", other->GetWidth(),
+                          other->GetHeight(), image.GetWidth(), image.GetHeight(), user));
+  }
+  return other;
+}
+
 void ReadHeader(const files::ImageInfo& info, CHeader& camera) {
   const files::Header& header = info.header;
   auto exposure = header.GetDouble("EXPTIME");

@@ -27,6 +27,11 @@ struct LoadedImage {
 LoadedImage LoadImage(Tool& tool, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
                       const files::ReadOptions& options = {});
 
+/// The image of a file, in the same store as another and of the same size. `user` is what wants it. Throws
+/// FileError with both sizes.
+std::unique_ptr<CVelImage> LoadSameSize(Tool& tool, const CVelImage& image, const std::filesystem::path& path,
+                                        const std::string& user);
+
 /// What a file says of camera and exposure.
 void ReadHeader(const files::ImageInfo& info, CHeader& camera);
 

@@ -33,6 +33,14 @@ long long ParseSize(const std::string& text) {
   return static_cast<long long>(number);
 }
 
+std::optional<double> ToNumber(const std::string& text) {
+  double value = 0;
+  const char* start = text.c_str() + (text.starts_with('+') ? 1 : 0);
+  const auto [end, error] = std::from_chars(start, text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size() || text.empty()) return std::nullopt;
+  return value;
+}
+
 void Tool::Begin() {
   if (options.threads > 0) {
     CParallel::SetMaxThreads(options.threads);

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -31,6 +32,9 @@ struct CommonOptions {
 
 /// Bytes of "200M", "1.5G", "4096". Throws UsageError.
 long long ParseSize(const std::string& text);
+
+/// The number that a text is, the whole of it.
+std::optional<double> ToNumber(const std::string& text);
 
 /// One run of the tool.
 class Tool {

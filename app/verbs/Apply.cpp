@@ -1,11 +1,13 @@
 // korimg apply: operations of the table on one image, one after the other. korimg ops: the table.
 #include <algorithm>
+#include <optional>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "korimg/pipelines/runtime/Runtime.h"
 
+#include "app/operations/Blend.h"
 #include "app/operations/Operations.h"
 #include "app/tool/Images.h"
 #include "app/verbs/Verbs.h"
@@ -16,6 +18,7 @@ namespace {
 struct ApplyOptions {
   std::vector<std::string> words;
   std::string output, rect, store = "contiguous", bits = "float", hdu;
+  BlendOptions blend;
 };
 
 struct Plan {
@@ -92,6 +95,7 @@ void Apply(Tool& tool, const ApplyOptions& options) {
     history += (history.empty() ? "" : " then ") + step.Text();
   }
   if (!options.rect.empty()) history += " --rect " + options.rect;
+  history += options.blend.Text();
   if (tool.options.dryRun) {
     tool.console.Say(fmt::format("{}: {} -> {}", plan.input, history, options.output));
     return;
@@ -99,13 +103,18 @@ void Apply(Tool& tool, const ApplyOptions& options) {
   tool.CheckOutput(options.output);
   const auto store = tool.MakeStore(options.store);
   LoadedImage loaded = LoadImage(tool, store, plan.input, {.hdu = options.hdu});
+  CRect* window = options.rect.empty() ? nullptr : &rect;
+  std::optional<Blend> blend;
+  if (options.blend.Any()) blend.emplace(tool, options.blend, *loaded.image, window);
   for (const Step& step : plan.steps) {
     tool.console.CheckCancelled();
-    Call call(tool, step, loaded.image, loaded.info.header, options.rect.empty() ? nullptr : &rect);
+    Call call(tool, step, loaded.image, loaded.info.header, window);
     call.image->SetProgressHandle(call.Window());
     step.operation->run(call);
     tool.console.EndProgress();
+    if (blend) blend->CheckShape(*loaded.image, step.operation->name);
   }
+  if (blend) blend->Apply(*loaded.image);
   loaded.info.header.AddHistory(fmt::format("korimg {} {}", Version(), history));
   SaveImage(tool, *loaded.image, loaded.info.header, options.output, {.integers = options.bits == "16"});
   if (tool.options.json) {
@@ -131,6 +140,8 @@ const char* KindName(ParameterKind kind) {
       return "number, or three";
     case ParameterKind::File:
       return "file";
+    case ParameterKind::Points:
+      return "points";
   }
   return "";
 }
@@ -139,7 +150,7 @@ std::string RangeText(const Parameter& parameter) {
   constexpr double kUnlimited = 1e30;
   if (parameter.kind == ParameterKind::Choice) return fmt::format("{}", fmt::join(parameter.choices, ", "));
   if (parameter.kind == ParameterKind::File || parameter.kind == ParameterKind::Flag ||
-      parameter.high >= kUnlimited)
+      parameter.kind == ParameterKind::Points || parameter.high >= kUnlimited)
     return "";
   return fmt::format("{} to {}", parameter.low, parameter.high);
 }
@@ -163,7 +174,16 @@ void ShowOperation(const Operation& operation) {
 
 /// The page of the documentation.
 void ShowMarkdown() {
-  fmt::print("# Operations\n\nWhat `korimg apply` can do; `korimg ops --markdown` writes this page.\n");
+  fmt::print("{}", R"(# Operations
+
+What `korimg apply` can do; `korimg ops --markdown` writes this page.
+
+`--mask FILE` blends the result of all steps with the input by plane 0 of an image of the same size: none of the result
+at its black, all of it at its white, or the other way round with `--mask-reverse`. `--select FILE` takes the result
+inside a polygon only, or outside of it with `--select-reverse`. Each line of its file is a vertex, `x y` in pixels from
+the centre of the first one, decimals allowed; `#` begins a comment. Pixels on the outline are selected, and no row may
+be selected in two pieces. Both may be given, and `--rect` beside them.
+)");
   for (const Operation& operation : Operations()) {
     fmt::print("\n## {}\n\n{}. Works on {}.\n", operation.name, operation.summary,
                operation.takesRect ? "the whole image or `--rect`" : "the whole image");
@@ -199,6 +219,15 @@ void AddApply(CLI::App& app, Tool& tool) {
   verb->add_option("words", options->words, "NAME [parameter=value]... [then NAME ...]... INPUT")->required();
   verb->add_option("-o,--output", options->output, "FITS, TIFF or PNG, by its extension")->required();
   verb->add_option("--rect", options->rect, "LEFT,TOP,RIGHT,BOTTOM: work on this window only");
+  auto* mask =
+      verb->add_option("--mask", options->blend.mask,
+                       "image of the same size: the result of all steps is blended with the input, from "
+                       "none of it at the mask's black to all at its white");
+  verb->add_flag("--mask-reverse", options->blend.maskReverse, "the other way round")->needs(mask);
+  auto* select =
+      verb->add_option("--select", options->blend.selection,
+                       "file of a polygon, 'x y' in pixels on each line: outside of it the input stays");
+  verb->add_flag("--select-reverse", options->blend.selectionReverse, "inside of it")->needs(select);
   verb->add_option("--store", options->store, "contiguous or paged")
       ->check(CLI::IsMember({"contiguous", "paged"}));
   verb->add_option("--bits", options->bits, "float or 16, for FITS and TIFF")

@@ -121,6 +121,11 @@ TEST_F(ToolTest, WrongCallsExitWithTwoAndSayWhatToDo) {
         Case{"apply invert a.fits -o b.fits --rect 5,5,2,9", "rectangle is empty"},
         Case{"apply invert a.fits -o b.fits --rect 5,5,2", "no rectangle"},
         Case{"apply to-gray a.fits -o b.fits --rect 0,0,4,4", "leave --rect out"},
+        Case{"apply curve points=0:0,0.5:1 a.fits -o b.fits", "the last at x = 1"},
+        Case{"apply rank rank=5 a.fits -o b.fits", "0 to 4, not 5"},
+        Case{"apply invert a.fits -o b.fits --mask-reverse", "--mask"},
+        Case{"apply invert a.fits -o b.fits --select-reverse", "--select"},
+        Case{"apply to-colour then to-gray a.fits -o b.fits --mask a.fits", "8 x 8 x 3 of 8 x 8 x 1"},
         Case{"apply auto-level method=histogram low=0 high=0 a.fits -o b.fits", "must not be 0"},
         Case{"apply invert a.fits -o b.fits --memory lots", "no size"},
         Case{"simulate d --size 20", "no size"}, Case{"nothing", ""}, Case{"", ""}}) {
@@ -154,6 +159,35 @@ TEST_F(ToolTest, ApplyRunsAListOfOperations) {
     told |= card.find("HISTORY") == 0 && card.find("calculate value=10") != std::string::npos;
   }
   EXPECT_TRUE(told) << "HISTORY tells what was done";
+}
+
+TEST_F(ToolTest, MasksAndSelectionsLimitTheWholeList) {
+  Frame("a.fits", 50, 40, test::Random(0, 1000));
+  Frame(
+      "mask.fits", 50, 40, [](int, int x, int) { return x < 25 ? 0 : 65535; }, "uint16");
+  WriteBytes(In("p.txt"), "20 10\n40 10\n40 30\n20 30\n");
+  ASSERT_EQ(Shell("korimg apply calculate value=10 then calculate value=5 a.fits -o b.fits --mask mask.fits "
+                  "--mask-reverse --select p.txt --select-reverse")
+                .code,
+            0);
+  const Planes a = Read("a.fits"), b = Read("b.fits");
+  for (int i = 0; i < 2000; ++i) {
+    const int x = i % 50, y = i / 50;
+    const bool inside = x >= 20 && x <= 40 && y >= 10 && y <= 30;
+    ASSERT_NEAR(b[0][i], a[0][i] + (x < 25 && !inside ? 15 : 0), 1e-3) << x << " " << y;
+  }
+  std::string history;
+  const auto result = ImageReader::Open(In("b.fits"));
+  for (const std::string& card : result->Info().header.cards) {
+    if (card.starts_with("HISTORY")) history += card.substr(8, card.find_last_not_of(' ') - 7) + " ";
+  }
+  EXPECT_NE(history.find("value=5 --mask mask.fits --mask-reverse --select p.txt --select-reverse"),
+            history.npos)
+      << history;
+  Frame("small.fits", 30, 20, [](int, int x, int) { return x; });
+  const Result r = Shell("korimg apply invert a.fits -o c.fits --mask small.fits");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("30 x 20, but the image is 50 x 40"), std::string::npos) << r.err;
 }
 
 TEST_F(ToolTest, WorldCoordinatesMoveWithThePixels) {
