@@ -3,7 +3,6 @@
 #pragma once
 
 #include <algorithm>
-#include <memory>
 
 #include "korimg/image/Frame.h"
 
@@ -26,26 +25,28 @@ inline Window WidenedWindow(CVelImage const& image, CRect* rect) {
   return w;
 }
 
-/// Composites two contiguous images of one size: run(plane, a, b, output) for each plane of a, over the
-/// widened window. A second image with fewer planes serves the rest by its last one. The result has a's
-/// record and is 0 outside the window; it is empty when there is no room for it or when a block has no
-/// address.
+/// Composites two contiguous images into a contiguous target of a's shape: run(plane of a, plane of b, a, b,
+/// output) for each plane, over the widened window. A second image with fewer planes serves the rest by its last
+/// one. Pixels outside the window and the target's record stay; so does all of it when a block has no address.
+/// The target may be one of the images.
 template <class F>
-std::unique_ptr<CVelImage> CompositeBlocks(CVelImage& a, CVelImage& b, CRect* rect, F&& run) {
-  std::unique_ptr<CVelImage> result = a.CloneWithoutImage(nullptr);
-  if (!result) return nullptr;
-  const Window window = WidenedWindow(a, rect);
-  for (int p = 0; p < a.GetPlanes(); ++p) {
+void CompositeBlocks(CVelImage& target, CVelImage& a, CVelImage& b, CRect* rect, F&& run) {
+  const Window window = WidenedWindow(target, rect);
+  for (int p = 0; p < target.GetPlanes(); ++p) {
     const int q = std::min(p, b.GetPlanes() - 1);
-    if (!result->GetBlockOnMemory(p, false) || !a.GetBlockOnMemory(p, true) || !b.GetBlockOnMemory(q, true)) {
-      return nullptr;
-    }
-    RunIntoWindow(*result, p, window, [&](halide_buffer_t* out) {
-      PlaneBuffer first(a, p), second(b, q);
-      run(p, static_cast<halide_buffer_t*>(first), static_cast<halide_buffer_t*>(second), out);
-    });
+    if (!target.GetBlockOnMemory(p, false) || !a.GetBlockOnMemory(p, true) || !b.GetBlockOnMemory(q, true)) return;
   }
-  return result;
+  const bool direct = &target != &b;  // pixels of b are read beside the one that is written
+  for (int p = 0; p < target.GetPlanes(); ++p) {
+    const int q = std::min(p, b.GetPlanes() - 1);
+    RunIntoWindow(
+        target, p, window,
+        [&](halide_buffer_t* out) {
+          PlaneBuffer first(a, p), second(b, q);
+          run(p, q, static_cast<halide_buffer_t*>(first), static_cast<halide_buffer_t*>(second), out);
+        },
+        direct);
+  }
 }
 
 }  // namespace korimg

@@ -150,12 +150,13 @@ class TemporaryPlane {
 };
 
 /// Runs a pipeline into the window of a contiguous image's plane: run(output buffer). A partial window goes
-/// through a zeroed temporary, so that the rest of the plane keeps what it holds.
+/// through a zeroed temporary, so that the rest of the plane keeps what it holds; so does a whole one that is
+/// not `direct`, since the pipeline reads the plane beside the pixel that it writes.
 template <class F>
-void RunIntoWindow(CVelImage& target, int plane, Window const& window, F&& run) {
+void RunIntoWindow(CVelImage& target, int plane, Window const& window, F&& run, bool direct = true) {
   if (window.IsEmpty()) return;
   PlaneBuffer whole(target, plane, false);
-  if (window.Covers(target)) {
+  if (direct && window.Covers(target)) {
     run(static_cast<halide_buffer_t*>(whole));
     return;
   }

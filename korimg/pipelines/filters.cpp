@@ -72,7 +72,7 @@ struct Band {
     const auto mix = [&](Expr t) { return (1.0f - t) * s + t * f; };
     Expr below = mix((s - dark_min) / (dark - dark_min));
     Expr above = mix((highlight_max - s) / (highlight_max - highlight));
-    return select(s < dark_min || s > highlight_max, s, s<dark, below, s> highlight, above, f);
+    return select((s < dark_min) || (s > highlight_max), s, (s < dark), below, (s > highlight), above, f);
   }
 };
 

@@ -30,20 +30,27 @@ TEST(CompositeStep, WidensSmallWindows) {
 }
 
 TEST(CompositeStep, CompositesTheWindowOfEachPlane) {
-  const auto a = Make(MemoryStore(), 150, 90, 3, Random(0, 100)),
-             mono = Make(MemoryStore(), 150, 90, 1, Random(0, 100, 2));
-  for (const bool whole : {true, false}) {
-    CRect rect(100, 20, 105, 25);
-    const auto result = CompositeBlocks(*a, *mono, whole ? nullptr : &rect,
-                                        [](int, halide_buffer_t* first, halide_buffer_t* second,
-                                           halide_buffer_t* out) { sub0_float(first, second, out); });
-    ASSERT_TRUE(result);
-    const auto expected = [&](int p, int x, int y) -> double {
-      const bool inside = whole || (x >= 86 && x < 150 && y >= 20 && y < 52);
-      const float d = a->GetPixelGrayRaw(x, y, p) - mono->GetPixelGrayRaw(x, y, 0);
-      return inside ? std::max(d, 0.0f) : 0;
-    };
-    EXPECT_EQ(Difference(*result, expected, 0), "") << whole;
+  const PixelRule first = Random(0, 100), second = Random(0, 100, 2), old = Wild(0, 100);
+  // Anew, over the first image, and over the second.
+  for (const char* into : {"another", "a", "b"}) {
+    for (const bool whole : {true, false}) {
+      const auto a = Make(MemoryStore(), 150, 90, 3, first), b = Make(MemoryStore(), 150, 90, 3, second),
+                 mono = Make(MemoryStore(), 150, 90, 1, second), other = Make(MemoryStore(), 150, 90, 3, old);
+      CVelImage& target = *into == 'b' ? *b : std::string(into) == "a" ? *a : *other;
+      CVelImage& served = &target == b.get() ? *b : *mono;
+      const PixelRule& before = &target == b.get() ? second : &target == a.get() ? first : old;
+      CRect rect(100, 20, 105, 25);
+      CompositeBlocks(target, *a, served, whole ? nullptr : &rect,
+                      [](int, int, halide_buffer_t* x, halide_buffer_t* y, halide_buffer_t* out) {
+                        sub0_float(x, y, out);
+                      });
+      const auto expected = [&](int p, int x, int y) -> double {
+        if (!whole && !(x >= 86 && y >= 20 && y < 52)) return static_cast<float>(before(p, x, y));
+        const int q = &served == b.get() ? p : 0;
+        return std::max(static_cast<float>(first(p, x, y)) - static_cast<float>(second(q, x, y)), 0.0f);
+      };
+      EXPECT_EQ(Difference(target, expected, 0), "") << into << whole;
+    }
   }
 }
 

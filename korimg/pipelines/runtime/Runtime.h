@@ -20,6 +20,9 @@ struct PipelineEntry {
 /// All pipelines of the library.
 KORIMG_API const std::vector<PipelineEntry>& PipelineTable();
 
+/// The pipeline of a name; null when there is none.
+KORIMG_API const PipelineEntry* FindPipeline(const std::string& name);
+
 /// Sets the number of threads of the pipelines' pool; 0 brings back the default, which the environment
 /// variable HL_NUM_THREADS may set. Answers the number before.
 KORIMG_API int SetPipelineThreads(int threads);

@@ -1,3 +1,5 @@
+#include <unordered_map>
+
 #include <Pipelines.h>
 
 #include "korimg/pipelines/runtime/Runtime.h"
@@ -7,4 +9,16 @@ const std::vector<korimg::PipelineEntry>& korimg::PipelineTable() {
 #include <Pipelines.inc>
   };
   return table;
+}
+
+const korimg::PipelineEntry* korimg::FindPipeline(const std::string& name) {
+  static const auto byName = [] {
+    std::unordered_map<std::string, const PipelineEntry*> map;
+    for (const PipelineEntry& entry : PipelineTable()) {
+      map[entry.metadata()->name] = &entry;
+    }
+    return map;
+  }();
+  const auto found = byName.find(name);
+  return found == byName.end() ? nullptr : found->second;
 }
