@@ -76,7 +76,7 @@ Member resolution_member(const NamedKernel& named) {
                 .vectorize(xi, wide, TailStrategy::GuardWithIf)
                 .parallel(yo);
             rows.compute_at(output, yi).vectorize(x, wide, TailStrategy::RoundUp);
-            row_taps.compute_at(output, yi).bound(k, 0, lanes).vectorize(k);
+            row_taps.compute_at(output, yi).bound(k, 0, lanes).vectorize(k).unroll(x, 16);
             across.table.compute_root().vectorize(x, wide, TailStrategy::RoundUp);
             down.table.compute_root().vectorize(y, wide, TailStrategy::RoundUp);
             return Definition{{input, new_width, new_height}, {output}};

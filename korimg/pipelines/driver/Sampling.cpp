@@ -177,7 +177,7 @@ Sample SampleAt(const ImageParam& input, Kernel kernel, const Position& position
         .parallel(yo);
     at.compute_at(output, yi).vectorize(x, wide, TailStrategy::RoundUp);
     columns.compute_at(output, yi).bound(k, 0, lanes);
-    columns.update(0).reorder(vector, x, y).vectorize(vector);
+    columns.update(0).reorder(vector, x, y).vectorize(vector).unroll(x, 4);
     columns.update(1).reorder(tap, x, y);
   };
   return {WeightedTaps(kernel, added, weights_x), place != Off, schedule};
