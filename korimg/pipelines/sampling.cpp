@@ -1,0 +1,183 @@
+// Planes read between their pixels: scaled, turned and shifted.
+#include "Sampling.h"
+
+#include "Driver.h"
+
+using namespace Halide;
+
+namespace {
+
+Var x("x"), y("y"), k("k"), xo("xo"), yo("yo"), xi("xi"), yi("yi");
+
+/// Where the pixels of a scaled axis look in the source: the first tap's place and the weights, as a table.
+struct ScaledAxis {
+  Func table;
+  Kernel kernel;
+  Expr first;  ///< of the table's index n
+
+  ScaledAxis(const std::string& name, Kernel kernel, Var n, Expr size, Expr new_size)
+      : table(name), kernel(kernel) {
+    constexpr double kSlope = -0.1;  // of the bicubic kernel, softer than that of turns and shifts
+    Expr ratio = cast<float>(size) / cast<float>(max(new_size, 1));
+    Expr s = clamp(cast<float>(n) * ratio, 0.0f, cast<float>(size));
+    Expr at = cast<int>(kernel == Kernel::Nearest ? s + 0.5f : s);
+    first = at + FirstTap(kernel);
+    std::vector<Expr> parts = {first};
+    for (const Expr& weight : KernelWeights(kernel, s - cast<float>(at), kSlope)) {
+      parts.push_back(weight);
+    }
+    table(n) = Tuple(parts);
+  }
+  Expr tap(Expr n) const { return table(n)[0]; }
+  std::vector<Expr> weights(Expr n) const {
+    std::vector<Expr> all;
+    for (int i = 0; i < Taps(kernel); ++i) {
+      all.push_back(table(n)[1 + i]);
+    }
+    return all;
+  }
+};
+
+Member resolution_member(const NamedKernel& named) {
+  const Kernel kernel = named.kernel;
+  return {std::string("resolution_") + named.name + "_float",
+          [=](const Target& target) {
+            ImageParam input(Float(32), 2, "input");
+            Param<int> new_width("new_width"), new_height("new_height");
+            Expr width = input.dim(0).extent(), height = input.dim(1).extent();
+            ScaledAxis across("across", kernel, x, width, new_width),
+                down("down", kernel, y, height, new_height);
+            const int taps = Taps(kernel), lanes = taps == 6 ? 8 : taps,
+                      wide = target.natural_vector_size<float>();
+
+            // The rows of taps added for the source's columns; then, for each pixel, its taps of that row as
+            // one vector, and their sum.
+            Func bounded = BoundaryConditions::repeat_edge(input, {{0, width}, {}});
+            Func rows("rows"), row_taps("row_taps"), output("output");
+            std::vector<Expr> added, single;
+            for (int i = 0; i < taps; ++i) {
+              // A row without weight in the bilinear kernel isn't even loaded.
+              Expr row = down.tap(y) + i;
+              if (kernel == Kernel::Bilinear && i == 1)
+                row = select(down.weights(y)[1] == 0.0f, row - 1, row);
+              added.push_back(bounded(x, clamp(row, 0, height - 1)));
+            }
+            rows(x, y) = WeightedTaps(kernel, added, down.weights(y));
+            row_taps(k, x, y) =
+                rows(unsafe_promise_clamped(across.tap(x) + k, across.first, across.first + lanes - 1), y);
+            for (int i = 0; i < taps; ++i) {
+              single.push_back(row_taps(i, x, y));
+            }
+            output(x, y) = WeightedTaps(kernel, single, across.weights(x));
+
+            output
+                .tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, 512, wide), kStripLines,
+                      TailStrategy::GuardWithIf)
+                .vectorize(xi, wide, TailStrategy::GuardWithIf)
+                .parallel(yo);
+            rows.compute_at(output, yi).vectorize(x, wide, TailStrategy::RoundUp);
+            row_taps.compute_at(output, yi).bound(k, 0, lanes).vectorize(k).unroll(x, 16);
+            across.table.compute_root().vectorize(x, wide, TailStrategy::RoundUp);
+            down.table.compute_root().vectorize(y, wide, TailStrategy::RoundUp);
+            return Definition{{input, new_width, new_height}, {output}};
+          },
+          true};
+}
+
+/// The parameters of a turn, and where the output's pixels come from.
+struct Turn {
+  Param<float> shift_x{"shift_x"}, shift_y{"shift_y"}, center_x{"center_x"}, center_y{"center_y"};
+  Param<float> cosR{"cosR"}, sinR{"sinR"};
+
+  Position position() const {
+    return Turned(cast<float>(x) + shift_x - center_x, center_y - (cast<float>(y) + shift_y), center_x,
+                  center_y, cosR, sinR);
+  }
+  std::vector<Argument> arguments(std::vector<Argument> all) const {
+    for (const auto& p : {shift_x, shift_y, center_x, center_y, cosR, sinR}) {
+      all.push_back(p);
+    }
+    return all;
+  }
+};
+
+Member rotate_member(const NamedKernel& named) {
+  return {std::string("rotate_") + named.name + "_float",
+          [=](const Target& target) {
+            ImageParam input(Float(32), 2, "input");
+            Param<float> outside("outside");
+            Turn turn;
+            Sample sample = SampleAt(input, named.kernel, turn.position());
+            Func output("output");
+            output(x, y) = sample.Or(outside);
+            sample.schedule(output, target);
+            std::vector<Argument> arguments = turn.arguments({input});
+            arguments.push_back(outside);
+            return Definition{arguments, {output}};
+          },
+          true};
+}
+
+/// 1 where a position lies on a plane of this size.
+Definition mask(const Target& target, const Expr& inside, const std::vector<Argument>& arguments) {
+  Func output("output");
+  output(x, y) = select(inside, 1, 0);
+  ScheduleByStrips(output, target);
+  return {arguments, {output}};
+}
+
+Definition rotate_mask(const Target& target) {
+  Param<int> width("width"), height("height");
+  Turn turn;
+  return mask(target, IsInside(turn.position(), width, height), turn.arguments({width, height}));
+}
+
+Definition translate_intshift(const Target& target) {
+  ImageParam input(Float(32), 2, "input");
+  Param<int> shift_x("shift_x"), shift_y("shift_y");
+  Param<float> outside("outside");
+  Sample sample = SampleWholeShift(input, shift_x, shift_y);
+  Func output("output");
+  output(x, y) = sample.Or(outside);
+  sample.schedule(output, target);
+  return {{input, shift_x, shift_y, outside}, {output}};
+}
+
+Definition translate_floatshift_bicubic(const Target& target) {
+  ImageParam input(Float(32), 2, "input");
+  Param<float> shift_x("shift_x"), shift_y("shift_y"), outside("outside");
+  Sample sample = SampleShifted(input, Kernel::Bicubic, shift_x, shift_y);
+  Func composit("composit");
+  composit(x, y) = sample.Or(outside);
+  sample.schedule(composit, target);
+  return {{input, shift_x, shift_y, outside}, {composit}};
+}
+
+Definition translate_intshift_mask(const Target& target) {
+  Param<int> width("width"), height("height"), shift_x("shift_x"), shift_y("shift_y");
+  return mask(target, IsInside(WholeShift(shift_x, shift_y), width, height),
+              {width, height, shift_x, shift_y});
+}
+
+Definition translate_floatshift_mask(const Target& target) {
+  Param<int> width("width"), height("height");
+  Param<float> shift_x("shift_x"), shift_y("shift_y");
+  return mask(target, IsInside({cast<float>(x) - shift_x, cast<float>(y) - shift_y}, width, height),
+              {width, height, shift_x, shift_y});
+}
+
+}  // namespace
+
+std::vector<Member> Family() {
+  std::vector<Member> members;
+  for (const NamedKernel& kernel : kKernels) {
+    members.push_back(resolution_member(kernel));
+    members.push_back(rotate_member(kernel));
+  }
+  members.insert(members.end(), {{"rotate_mask", rotate_mask},
+                                 {"translate_intshift_float", translate_intshift},
+                                 {"translate_floatshift_bicubic_float", translate_floatshift_bicubic, true},
+                                 {"translate_intshift_mask", translate_intshift_mask},
+                                 {"translate_floatshift_mask", translate_floatshift_mask}});
+  return members;
+}
