@@ -17,8 +17,8 @@ function(korimg_compile_options target)
   endif()
 endfunction()
 
-# korimg_pipeline_family(NAME [SHARDS n]): builds the generator of NAME.cpp, runs it in n processes, and adds
-# the objects, the declarations <NAME>.h and the table rows <NAME>.inc to the target korimg_pipelines.
+# korimg_pipeline_family(NAME [SHARDS n]): builds the generator of NAME.cpp and runs it in n processes, each of which
+# writes its objects, declarations and table rows: <NAME>.<shard>.a, .h and .inc.
 function(korimg_pipeline_family name)
   cmake_parse_arguments(ARG "" "SHARDS" "" ${ARGN})
   if(NOT ARG_SHARDS)
@@ -32,22 +32,18 @@ function(korimg_pipeline_family name)
   set(out ${CMAKE_CURRENT_BINARY_DIR}/generated)
   math(EXPR last "${ARG_SHARDS} - 1")
   foreach(shard RANGE ${last})
-    set(archive ${out}/${name}.${shard}.a)
-    set(byproducts "")
-    if(shard EQUAL 0)
-      set(byproducts ${out}/${name}.h ${out}/${name}.inc)
-    endif()
+    set(part ${out}/${name}.${shard})
     add_custom_command(
-      OUTPUT ${archive} ${byproducts}
+      OUTPUT ${part}.a ${part}.h ${part}.inc
       COMMAND ${generator} --family ${name} --out ${out} --shard ${shard}/${ARG_SHARDS}
               --forms "${KORIMG_PIPELINE_FORMS}" --ar ${CMAKE_AR}
       DEPENDS ${generator}
       COMMENT "Pipelines: ${name} (${shard})"
       VERBATIM)
-    list(APPEND outputs ${archive} ${byproducts})
-    set_property(GLOBAL APPEND PROPERTY KORIMG_PIPELINE_ARCHIVES ${archive})
+    list(APPEND outputs ${part}.a ${part}.h ${part}.inc)
+    set_property(GLOBAL APPEND PROPERTY KORIMG_PIPELINE_ARCHIVES ${part}.a)
+    set_property(GLOBAL APPEND PROPERTY KORIMG_PIPELINE_PARTS ${name}.${shard})
   endforeach()
   add_custom_target(korimg_pipelines_${name} DEPENDS ${outputs})
   set_property(GLOBAL APPEND PROPERTY KORIMG_PIPELINE_TARGETS korimg_pipelines_${name})
-  set_property(GLOBAL APPEND PROPERTY KORIMG_PIPELINE_FAMILIES ${name})
 endfunction()

@@ -42,6 +42,30 @@ std::string Signature(const halide_filter_metadata_t& metadata) {
   return inputs + "-> " + outputs.substr(0, outputs.size() - 1);
 }
 
+/// The composite family: every form, scale, kernel and op.
+std::map<std::string, std::string> Composites() {
+  std::map<std::string, std::string> signatures;
+  for (const std::string form : {"intshift", "floatshift", "rotate"}) {
+    for (const bool level : {false, true}) {
+      for (const std::string kernel : {"bicubic", "bilinear", "lanczos2", "lanczos3", "nearest"}) {
+        for (const std::string op : {"average", "add", "sub", "sub_cutminus", "mult", "div", "diff", "brighter",
+                                     "darker", "default", "weight"}) {
+          std::string name = "composit_" + form + (level ? "_level_" : "_");
+          if (form != "intshift") name += kernel + "_";
+          std::string signature = form == "intshift" ? "a:2d:f32 b:2d:f32 shift_x:i32 shift_y:i32 "
+                                                     : "a:2d:f32 b:2d:f32 shift_x:f32 shift_y:f32 ";
+          if (form == "rotate") signature += "center_x:f32 center_y:f32 cosR:f32 sinR:f32 ";
+          signature += "outside:f32 ";
+          if (level) signature += "level_min_a:f32 level_range_a:f32 level_min_b:f32 level_range_b:f32 ";
+          if (op == "weight") signature += "weight:f32 ";
+          signatures[name + op + "_float"] = signature + "-> composit:2d:f32";
+        }
+      }
+    }
+  }
+  return signatures;
+}
+
 TEST(Pipelines, AreThoseOfTheList) {
   std::map<std::string, std::map<std::string, std::string>> listed, built;  // family, name, signature
   std::ifstream list(KORIMG_PIPELINE_LIST);
@@ -54,6 +78,8 @@ TEST(Pipelines, AreThoseOfTheList) {
     listed[family][name] = signature;
   }
   ASSERT_GE(listed.size(), 10u);
+  listed["composite"] = Composites();
+  EXPECT_EQ(listed["composite"].size(), 242u);
   for (const PipelineEntry& entry : PipelineTable()) {
     const halide_filter_metadata_t* metadata = entry.metadata();
     built[entry.family][metadata->name] = Signature(*metadata);
@@ -82,7 +108,7 @@ class Argument {
                 : has("end") || has("End") || has("nWidth")      ? 90
                 : has("nHeight")                                 ? 71
                 : has("Range") || has("Max") || has("Average")   ? 700.5
-                : has("Min") || has("threshold") || has("shift") ? 2
+                : has("Min") || has("threshold") || has("shift") ? 2.3
                 : has("Gamma")                                   ? 1.25
                                                                  : 0.75;
       return;

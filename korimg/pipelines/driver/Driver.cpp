@@ -1,5 +1,5 @@
 // The generator's main program: compiles the members of a family for every form, and writes their objects as
-// one archive, their declarations as <family>.h and their table rows as <family>.inc.
+// one archive, their declarations and their table rows, for one of several shards: <family>.<shard>.a, .h, .inc.
 #include "Driver.h"
 
 #include <cstdio>
@@ -116,28 +116,14 @@ int main(int argc, char** argv) {
   const fs::path folder = out / (family + "." + std::to_string(shard));
   fs::create_directories(folder);
 
-  const std::vector<Member> members = Family();
   std::vector<fs::path> objects;
-  for (size_t i = 0; i < members.size(); ++i) {
-    if (static_cast<int>(i % shards) != shard) continue;
-    const std::vector<fs::path> more = Compile(members[i], option["--forms"], folder);
-    objects.insert(objects.end(), more.begin(), more.end());
-  }
-  Archive(option["--ar"], out / (family + "." + std::to_string(shard) + ".a"), objects);
-  if (shard != 0) return 0;
-
-  std::ofstream header(out / (family + ".h")), rows(out / (family + ".inc"));
+  std::ofstream header(folder.string() + ".h"), rows(folder.string() + ".inc");
   header << "#pragma once\n#include <HalideRuntime.h>\nextern \"C\" {\n";
-  for (size_t i = 0; i < members.size(); ++i) {
+  const std::vector<Member> members = Family();
+  for (size_t i = shard; i < members.size(); i += shards) {
     const Member& member = members[i];
-    if (static_cast<int>(i % shards) !=
-        shard) {  // another process compiles it: only its declaration is wanted
-      Definition definition = member.define(Target("x86-64-linux-sse41"));
-      const Module module =
-          Pipeline(definition.outputs)
-              .compile_to_module(definition.arguments, member.name, Target("x86-64-linux-sse41"));
-      module.compile({{OutputFileType::c_header, (folder / (member.name + ".h")).string()}});
-    }
+    const std::vector<fs::path> more = Compile(member, option["--forms"], folder);
+    objects.insert(objects.end(), more.begin(), more.end());
     header << Declaration(member, folder) << "\n"
            << "int " << member.name << "_argv(void** args);\n"
            << "const struct halide_filter_metadata_t* " << member.name << "_metadata();\n";
@@ -145,5 +131,6 @@ int main(int argc, char** argv) {
          << (member.withAvx2 ? "true" : "false") << "},\n";
   }
   header << "}\n";
+  Archive(option["--ar"], folder.string() + ".a", objects);
   return 0;
 }

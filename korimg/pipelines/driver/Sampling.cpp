@@ -198,7 +198,7 @@ Sample SampleShifted(const ImageParam& input, Kernel kernel, Expr shiftX, Expr s
   Expr top = y + cast<int>(whole(shiftY)) + first, left = x + cast<int>(whole(shiftX)) + first;
 
   // The weights of both axes; then the rows of taps added for all columns of a line, and the columns of that.
-  Func weight("weight"), rows("rows"), sum("sum");
+  Func weight("axis_weight"), rows("rows");
   Func bounded = BoundaryConditions::repeat_edge(input, {{0, input.dim(0).extent()}, {}});
   std::vector<Expr> weights_x, weights_y, across, along;
   const auto at_x = weights(shiftX), at_y = weights(shiftY);
