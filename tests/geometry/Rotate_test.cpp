@@ -108,7 +108,8 @@ TEST(CImgRotate, NoAngleCopiesAndQuarterTurnsAreExact) {
       const auto source = Make(store.make(), width, height, 3, Wild(0, 1000));
       source->SetLevel(1, -3, 77);
       const auto target = Target(*source);
-      const auto pixel = [&](int p, int x, int y) { return source->GetPixelGrayRaw(x, y, p); };
+      const auto kept = Make(MemoryStore(), width, height, 3, Wild(0, 1000));
+      const auto pixel = [&](int p, int x, int y) { return kept->GetPixelGrayRaw(x, y, p); };
       const int right = width - 1, bottom = height - 1;
       ASSERT_EQ(target->Do(0.0, 0, source.get(), 1, 9, 0), 1);
       ASSERT_EQ(Difference(*target, *source), "") << store.name;
