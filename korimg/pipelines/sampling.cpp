@@ -71,7 +71,7 @@ Member resolution_member(const NamedKernel& named) {
             output(x, y) = WeightedTaps(kernel, single, across.weights(x));
 
             output
-                .tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, 512, wide), kStripLines,
+                .tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, 2048, wide), kStripLines,
                       TailStrategy::GuardWithIf)
                 .vectorize(xi, wide, TailStrategy::GuardWithIf)
                 .parallel(yo);

@@ -1,0 +1,162 @@
+#include "korimg/geometry/CImgRotate.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <tuple>
+
+#include "korimg/geometry/CInterp.h"
+#include "korimg/geometry/LockedLine.h"
+#include "korimg/geometry/Resized.h"
+#include "korimg/image/Numbers.h"
+
+using namespace korimg;
+
+namespace {
+
+constexpr int kRotating = 6112;
+
+using Pipeline = int (*)(halide_buffer_t*, float, float, float, float, float, float, float, halide_buffer_t*);
+constexpr Pipeline kPipelines[] = {rotate_bilinear_float, rotate_bicubic_float, rotate_lanczos2_float,
+                                   rotate_lanczos3_float, rotate_nearest_float};
+
+/// The canvas that holds the turned corners of an image, counted from the middle.
+std::tuple<int, int> TurnedSize(int width, int height, double sine, double cosine) {
+  const double left = -(width / 2), right = width - width / 2 - 1;
+  const double top = height / 2, bottom = height / 2 - height + 1;
+  double minX = 0, maxX = 0, minY = 0, maxY = 0;
+  for (const auto& [x, y] :
+       {std::pair(left, top), std::pair(right, top), std::pair(left, bottom), std::pair(right, bottom)}) {
+    const double u = std::ceil(x * cosine - y * sine), v = std::ceil(x * sine + y * cosine);
+    minX = std::min(minX, u), maxX = std::max(maxX, u);
+    minY = std::min(minY, v), maxY = std::max(maxY, v);
+  }
+  return {TruncateToInt(maxX - minX), TruncateToInt(maxY - minY)};
+}
+
+/// The default centre of an image while it is turned.
+class CentreScope {
+ public:
+  explicit CentreScope(CVelImage& image) : image_(image), before_(image.GetStdCtr()) {
+    image.SetDefaultCenter();
+  }
+  ~CentreScope() { image_.SetStdCtr(before_); }
+  CentreScope(CentreScope const&) = delete;
+  CentreScope& operator=(CentreScope const&) = delete;
+
+ private:
+  CVelImage& image_;
+  CfPoint before_;
+};
+
+/// Calls line(plane, y) for all lines of a target that fits the source.
+template <class F>
+void CopyLines(CImgRotate& target, CVelImage& src, int show, F&& line) {
+  if (!Fits(src, target)) return;
+  const ProgressScope progress(target, show, kRotating, target.GetPlanes() * target.GetHeight());
+  ForPlaneLines(target, Window(target, nullptr), Team::All, line);
+}
+
+}  // namespace
+
+float CImgRotate::OutsideValue(unsigned long colour, CVelImage const& src) const {
+  const auto r = static_cast<float>(colour & 255), g = static_cast<float>(colour >> 8 & 255),
+             b = static_cast<float>(colour >> 16 & 255);
+  const float value = src.IsColor() ? r : std::trunc(0.299f * r + 0.587f * g + 0.114f * b);
+  return ToRaw(value, 0);
+}
+
+int CImgRotate::Do(double degrees, unsigned long colour, CVelImage* src, int expand, int method,
+                   int progress) {
+  if (degrees == 0.0) {
+    Do0(src, progress);
+    return 1;
+  }
+  if (!Fits(*src, *this)) return 0;
+  const float outside = OutsideValue(colour, *src);
+  InitStdPtCtr();
+  SetStdCtr(GetWidth() / 2, GetHeight() / 2);
+  const double radians = degrees * M_PI / 180, sine = std::sin(radians), cosine = std::cos(radians);
+  if (expand) {
+    const auto [width, height] = TurnedSize(src->GetWidth(), src->GetHeight(), sine, cosine);
+    if (!Resized(*this, *src, width, height, progress)) return 0;
+  }
+  if (method < 0 || method >= static_cast<int>(std::size(kPipelines))) return 1;
+  const ProgressScope scope(*this, progress, kRotating, GetPlanes() * GetHeight());
+  (this->*(MayRunPipelines(*this, *src) ? &CImgRotate::DoPipelines : &CImgRotate::DoLines))(src, sine, cosine,
+                                                                                            outside, method);
+  return 1;
+}
+
+void CImgRotate::DoPipelines(CVelImage* src, double sine, double cosine, float outside, int method) {
+  const auto half = [](int size) { return static_cast<float>(size) * 0.5f; };
+  for (int p = 0; p < GetPlanes(); ++p) {
+    kPipelines[method](PlaneBuffer(*src, p), -half(GetWidth() - src->GetWidth()),
+                       -half(GetHeight() - src->GetHeight()), half(src->GetWidth()), half(src->GetHeight()),
+                       static_cast<float>(cosine), static_cast<float>(sine), outside,
+                       PlaneBuffer(*this, p, false));
+  }
+}
+
+void CImgRotate::DoLines(CVelImage* src, double sine, double cosine, float outside, int method) {
+  const CentreScope centre(*src);
+  const double left = -(GetWidth() - src->GetWidth()) * 0.5, top = -(GetHeight() - src->GetHeight()) * 0.5;
+  std::vector<CInterp> planes;
+  for (int p = 0; p < GetPlanes(); ++p) {
+    CInterp& interp = planes.emplace_back(method);
+    interp.SetBParam(CInterp::Rotate, src, left, left + GetWidth(), 0, outside, p, sine, cosine, 1.0, 1);
+    interp.SetLineCapacity(GetWidth());
+  }
+  ForPlaneLines(*this, Window(*this, nullptr), Team::All, [&](int p, int y) {
+    const LockedLine out(*this, y, p);
+    planes[p].GetBLine(y + top, &out[0]);
+  });
+}
+
+void CImgRotate::Do0(CVelImage* src, int progress) {
+  InitStdPtCtr();
+  CopyLines(*this, *src, progress, [&](int p, int y) {
+    std::memcpy(GetWritableLine(0, y, p), src->GetLine(0, y, p), sizeof(float) * GetWidth());
+  });
+}
+
+void CImgRotate::Do180(CVelImage* src, int progress) {
+  InitStdPtCtr();
+  CopyLines(*this, *src, progress, [&](int p, int y) {
+    float const* in = src->GetLine(0, GetHeight() - 1 - y, p);
+    std::reverse_copy(in, in + GetWidth(), GetWritableLine(0, y, p));
+  });
+}
+
+int CImgRotate::Do90(int direction, CVelImage* src, int progress) {
+  InitStdPtCtr();
+  if (!Fits(*src, *this) || !Resized(*this, *src, src->GetHeight(), src->GetWidth(), progress)) return 0;
+  const int width = GetWidth(), height = GetHeight();
+  const ProgressScope scope(*this, progress, kRotating, GetPlanes() * height);
+  // Tiles through a buffer of their size, so that no more than a line of either image is in use at a time.
+  constexpr int kTile = 64;
+  for (int p = 0; p < GetPlanes(); ++p) {
+    SetLevel(p, src->GetLevelMin(p), src->GetLevelMax(p));
+    ForLines(Team::All, 0, (height + kTile - 1) / kTile, [&](int band) {
+      const int top = band * kTile, rows = std::min(kTile, height - top);
+      // Target rows are source columns, from the right end on in a counter-clockwise turn.
+      const int sourceLeft = direction == 0 ? height - top - rows : top;
+      for (int left = 0; left < width; left += kTile) {
+        const int columns = std::min(kTile, width - left);
+        float tile[kTile][kTile];
+        for (int x = 0; x < columns; ++x) {
+          const int sourceY = direction == 0 ? left + x : width - 1 - left - x;
+          float const* in = src->GetLine(sourceLeft, sourceY, p);
+          for (int y = 0; y < rows; ++y) {
+            tile[y][x] = in[direction == 0 ? rows - 1 - y : y];
+          }
+        }
+        for (int y = 0; y < rows; ++y) {
+          std::memcpy(GetWritableLine(left, top + y, p), tile[y], sizeof(float) * columns);
+        }
+      }
+      ShowProgress(rows);
+    });
+  }
+  return 1;
+}
