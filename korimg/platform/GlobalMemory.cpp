@@ -7,7 +7,7 @@ struct HGLOBAL__ {
   std::vector<unsigned char> bytes;
 };
 
-HGLOBAL GlobalAlloc(std::size_t bytes) {
+HGLOBAL GlobalAlloc(unsigned, std::size_t bytes) {
   try {
     return new HGLOBAL__{std::vector<unsigned char>(bytes)};
   } catch (const std::bad_alloc&) {

@@ -1,0 +1,72 @@
+// Planes of floats into interleaved bytes for the screen.
+#include "Driver.h"
+
+using namespace Halide;
+
+namespace {
+
+Var x("x"), y("y"), c("c");
+
+/// One plane and its levels, as 0 to 255.
+struct Channel {
+  ImageParam plane;
+  Expr min, range;
+
+  /// 0 up to the level minimum and for NaN, 255 from the maximum on.
+  Expr shown() const {
+    Expr v = plane(x, y), m = cast<float>(min), max = cast<float>(min + range);
+    Expr ratio = 255.0f / cast<float>(range);
+    Expr inside = cast<int>((v - m) * ratio);
+    return cast<uint8_t>(select(v > m, select(v < max, inside, 255), 0));
+  }
+};
+
+/// Lines of whole pixels in vectors: the channels of one vector are woven into one another in registers.
+void schedule(Func output, const Target& target) {
+  const int lanes = target.natural_vector_size<uint8_t>();
+  OutputImageParam buffer = output.output_buffer();
+  buffer.dim(0).set_stride(Expr());  // pixels need not lie side by side
+  Var strip("strip"), line("line");
+  for (const int channels : {4, 3}) {
+    output
+        .specialize(buffer.dim(0).stride() == channels && buffer.dim(2).stride() == 1 &&
+                    buffer.dim(2).min() == 0 && buffer.dim(2).extent() == channels)
+        .split(y, strip, line, kStripLines, TailStrategy::GuardWithIf)
+        .reorder(c, x, line, strip)
+        .unroll(c)
+        .parallel(strip)
+        .vectorize(x, lanes, TailStrategy::GuardWithIf);
+  }
+  ScheduleByStrips(output, target);
+}
+
+/// name(x, y, c) = blue, green, red, 0.
+template <class Level>
+Member bitmap(const std::string& name, const std::string& output) {
+  return {name, [=](const Target& target) {
+            Definition definition;
+            std::vector<Argument> levels;
+            std::vector<Expr> channels = {cast<uint8_t>(0)};
+            for (const std::string colour : {"Red", "Green", "Blue"}) {
+              std::string plane = colour;
+              plane[0] = static_cast<char>(std::tolower(plane[0]));
+              Param<Level> min("f" + colour + "LevelMin"), range("f" + colour + "LevelRange");
+              const Channel channel{ImageParam(Float(32), 2, plane), min, range};
+              definition.arguments.push_back(channel.plane);
+              levels.insert(levels.end(), {min, range});
+              channels.insert(channels.begin(), channel.shown());
+            }
+            definition.arguments.insert(definition.arguments.end(), levels.begin(), levels.end());
+            Func dib(output);
+            dib(x, y, c) = mux(c, channels);
+            schedule(dib, target);
+            definition.outputs = {dib};
+            return definition;
+          }};
+}
+
+}  // namespace
+
+std::vector<Member> Family() {
+  return {bitmap<double>("todib32_float", "dib"), bitmap<float>("image_buffer_32bit_float", "output")};
+}
