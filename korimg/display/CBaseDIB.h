@@ -19,9 +19,9 @@ class KORIMG_API CBaseDIB : public CObject {
   static CRuntimeClass const* GetThisClass();
   CRuntimeClass const* GetRuntimeClass() const override { return GetThisClass(); }
 
-  /// Makes the bitmap in the depth of the window (32 bits without one), zeroed; what it held before is gone.
-  /// pal has an entry for each colour of the depth. A CVmDIB shows its progress when flag is non-zero. 1, or
-  /// 0 for no size and when there is no room.
+  /// Makes the bitmap in the depth of the window (32 bits without one); what it held before is gone. A
+  /// CMemoryDIB is zeroed, a CVmDIB holds anything. pal has an entry for each colour of the depth. A CVmDIB
+  /// shows its progress when flag is non-zero. 1, or 0 for no size and when there is no room.
   virtual int Create(CWnd* pWnd, int width, int height, PALETTEENTRY* pal, int flag) = 0;
   virtual int Create(CWnd* pWnd, int width, int height, int flag) = 0;
   virtual void Empty();

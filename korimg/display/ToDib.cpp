@@ -7,6 +7,7 @@
 
 #include "korimg/display/CVmDIB.h"
 #include "korimg/image/Frame.h"
+#include "korimg/image/Vectors.h"
 
 using namespace korimg;
 
@@ -26,16 +27,22 @@ struct Shown {
         ratio(255 / range) {}
 
   /// On the screen's path by one multiplication, in packed bitmaps by the division.
-  T Inside(T v) const {
+  KORIMG_IN_LOOP T Inside(T v) const {
     if constexpr (std::is_same_v<T, float>) return (v - min) * ratio;
     return (v - min) / range * 255;
   }
   void Line(float const* in, Byte* out, int width) const {
-    const Shown local = *this;  // in registers: bytes may alias anything
-    for (int x = 0; x < width; ++x) {
-      const T v = in[x];
-      out[x] = static_cast<Byte>(v > local.min ? v < local.max ? static_cast<int>(local.Inside(v)) : 255 : 0);
-    }
+    RunInLongVectors([&]() KORIMG_IN_LOOP {
+      // Copies, to stay in registers: bytes may alias anything.
+      const Shown local = *this;
+      float const* const from = in;
+      Byte* const to = out;
+      for (int x = 0, n = width; x < n; ++x) {
+        const T v = from[x];
+        to[x] =
+            static_cast<Byte>(v > local.min ? v < local.max ? static_cast<int>(local.Inside(v)) : 255 : 0);
+      }
+    });
   }
 };
 
@@ -68,12 +75,15 @@ class ShownLine {
 /// Blue, green and red, `Step` bytes a pixel.
 template <int Step, class T>
 void WriteBgr(ShownLine<T> const& line, Byte* out, int width) {
-  Byte const *r = line.Plane(0), *g = line.Plane(1), *b = line.Plane(2);
-  for (int x = 0; x < width; ++x) {
-    out[Step * x] = b[x];
-    out[Step * x + 1] = g[x];
-    out[Step * x + 2] = r[x];
-  }
+  RunInLongVectors([&]() KORIMG_IN_LOOP {
+    Byte const *r = line.Plane(0), *g = line.Plane(1), *b = line.Plane(2);
+    Byte* __restrict to = out;
+    for (int x = 0, n = width; x < n; ++x) {
+      to[Step * x] = b[x];
+      to[Step * x + 1] = g[x];
+      to[Step * x + 2] = r[x];
+    }
+  });
 }
 
 /// Grey, or 2 bits of blue, 3 of green and 3 of red.

@@ -2,6 +2,10 @@
 
 #include "korimg/image/CVelImage.h"
 
+namespace korimg {
+struct Window;
+}
+
 /// Adds the pixels of cells up to one pixel each.
 class KORIMG_API CImgSoftBinning : public CVelImage {
  public:
@@ -12,5 +16,5 @@ class KORIMG_API CImgSoftBinning : public CVelImage {
   int Do(int binX, int binY, int roundUp, int scaleLevels, CVelImage* src, int show);
 
  private:
-  void BinLines(int binX, int binY, CVelImage& src, int show);
+  void BinLines(int binX, int binY, CVelImage& src, korimg::Window const& window);
 };

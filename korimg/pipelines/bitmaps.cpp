@@ -1,4 +1,6 @@
 // Planes of floats into interleaved bytes for the screen.
+#include <limits>
+
 #include "Driver.h"
 
 using namespace Halide;
@@ -12,12 +14,14 @@ struct Channel {
   ImageParam plane;
   Expr min, range;
 
-  /// 0 up to the level minimum and for NaN, 255 from the maximum on.
+  /// 0 up to the level minimum and for NaN, 255 from the maximum on. The ratio is a trifle too large, so that
+  /// the maximum gives 255 without a comparison; without a range it is infinite, and any pixel above is 255.
   Expr shown() const {
-    Expr v = plane(x, y), m = cast<float>(min), max = cast<float>(min + range);
-    Expr ratio = 255.0f / cast<float>(range);
-    Expr inside = cast<int>((v - m) * ratio);
-    return cast<uint8_t>(select(v > m, select(v < max, inside, 255), 0));
+    Expr v = plane(x, y), low = cast<float>(min), span = cast<float>(min + range) - low;
+    Expr ratio = select(span > 0.0f, 255.0f / span * (1 + 0x1p-22f), std::numeric_limits<float>::infinity());
+    Expr scaled = (v - low) * ratio;
+    Expr raised = select(scaled > 0.0f, scaled, 0.0f);  // NaN too
+    return cast<uint8_t>(cast<int>(select(raised < 255.0f, raised, 255.0f)));
   }
 };
 
@@ -43,7 +47,8 @@ void schedule(Func output, const Target& target) {
 /// name(x, y, c) = blue, green, red, 0.
 template <class Level>
 Member bitmap(const std::string& name, const std::string& output) {
-  return {name, [=](const Target& target) {
+  return {name,
+          [=](const Target& target) {
             Definition definition;
             std::vector<Argument> levels;
             std::vector<Expr> channels = {cast<uint8_t>(0)};
@@ -62,7 +67,8 @@ Member bitmap(const std::string& name, const std::string& output) {
             schedule(dib, target);
             definition.outputs = {dib};
             return definition;
-          }};
+          },
+          true};
 }
 
 }  // namespace
