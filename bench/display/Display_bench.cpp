@@ -83,8 +83,8 @@ void RedrawAndBlit(benchmark::State& state) {
   Measure(state, 24.0 * g_screen.Width() * g_screen.Height(), [] {
     All().colour->ToDIB(&All().dib, &g_screen);
     CPaintDC dc(&All().screen);
-    All().dib.BitBlt(&All().screen, &dc, 0, 0, g_screen.Width(), g_screen.Height(), g_screen.left, g_screen.top,
-                     SRCCOPY);
+    All().dib.BitBlt(&All().screen, &dc, 0, 0, g_screen.Width(), g_screen.Height(), g_screen.left,
+                     g_screen.top, SRCCOPY);
   });
 }
 void Packed24(benchmark::State& state) {

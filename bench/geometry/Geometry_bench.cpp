@@ -1,4 +1,5 @@
-// Flips, scrolls, crops and binning beside a plain copy of a plane; OpenCV's flip and area reduction as peers.
+// Flips, scrolls, crops and binning beside a plain copy of a plane; OpenCV's flip and area reduction as
+// peers.
 #include <cstring>
 
 #include <benchmark/benchmark.h>
@@ -21,9 +22,8 @@ constexpr double kPlane = 4.0 * kWidth * kHeight;
 
 template <class Image = CVelImage>
 std::shared_ptr<Image> New(bool paged = false) {
-  return korimg::test::Make<Image>(
-      paged ? korimg::CreatePagedManager() : korimg::test::MemoryStore(), kWidth, kHeight, 1,
-      korimg::test::Random(0, 1000));
+  return korimg::test::Make<Image>(paged ? korimg::CreatePagedManager() : korimg::test::MemoryStore(), kWidth,
+                                   kHeight, 1, korimg::test::Random(0, 1000));
 }
 
 CVelImage& Source() {

@@ -6,8 +6,8 @@
 
 using namespace korimg;
 
-std::unique_ptr<CVelImage> CImgDrawText::MakeMask(std::shared_ptr<CVmManager> const& manager, CString const& text,
-                                                  LOGFONTW const& font, int smooth) {
+std::unique_ptr<CVelImage> CImgDrawText::MakeMask(std::shared_ptr<CVmManager> const& manager,
+                                                  CString const& text, LOGFONTW const& font, int smooth) {
   const int factor = smooth ? 2 : 1;
   LOGFONTW drawn = font;
   drawn.lfHeight *= factor;
@@ -38,7 +38,8 @@ std::unique_ptr<CVelImage> CImgDrawText::MakeMask(std::shared_ptr<CVmManager> co
 
 std::unique_ptr<CVelImage> CImgDrawText::MakeLayer(CVelImage& mask, CVelImage const& target,
                                                    unsigned long colour) {
-  std::vector<double> channels = {1.0 * (colour & 255), 1.0 * (colour >> 8 & 255), 1.0 * (colour >> 16 & 255)};
+  std::vector<double> channels = {1.0 * (colour & 255), 1.0 * (colour >> 8 & 255),
+                                  1.0 * (colour >> 16 & 255)};
   if (!target.IsColor()) {
     const auto [low, high] = std::minmax_element(channels.begin(), channels.end());
     channels = {(*low + *high) * 0.5};

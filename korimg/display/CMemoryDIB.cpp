@@ -91,7 +91,7 @@ void CMemoryDIB::CopyImage(CVmDIB* source, CRect* rect) {
   }
 }
 
-CMemoryDIB& CMemoryDIB::operator=(CMemoryDIB& source) {
+CMemoryDIB& CMemoryDIB::operator=(CMemoryDIB& source) {  // NOLINT: CopyImage passes itself over
   CopyImage(&source, nullptr);
   return *this;
 }

@@ -41,7 +41,8 @@ Owned<PangoFontDescription> Describe(PangoContext* context, LOGFONTW const& font
   Owned<PangoFontDescription> description(pango_font_description_new());
   const std::wstring face(font.lfFaceName, std::find(font.lfFaceName, std::end(font.lfFaceName), L'\0'));
   pango_font_description_set_family(description.get(), face.empty() ? "Sans" : korimg::Narrow(face).c_str());
-  pango_font_description_set_style(description.get(), font.lfItalic ? PANGO_STYLE_ITALIC : PANGO_STYLE_NORMAL);
+  pango_font_description_set_style(description.get(),
+                                   font.lfItalic ? PANGO_STYLE_ITALIC : PANGO_STYLE_NORMAL);
   pango_font_description_set_weight(description.get(),
                                     static_cast<PangoWeight>(font.lfWeight ? font.lfWeight : kNormal));
   const double height = font.lfHeight ? std::abs(static_cast<double>(font.lfHeight)) : kDefaultHeight;
@@ -49,7 +50,8 @@ Owned<PangoFontDescription> Describe(PangoContext* context, LOGFONTW const& font
   if (font.lfHeight < 0) return description;
   // The square of the letters whose line is as high as was asked for.
   const auto metrics = Metrics(context, description.get());
-  const int line = pango_font_metrics_get_ascent(metrics.get()) + pango_font_metrics_get_descent(metrics.get());
+  const int line =
+      pango_font_metrics_get_ascent(metrics.get()) + pango_font_metrics_get_descent(metrics.get());
   if (line > 0) {
     pango_font_description_set_absolute_size(description.get(),
                                              height * height * PANGO_SCALE * PANGO_SCALE / line);
@@ -77,7 +79,8 @@ Owned<PangoLayout> LayOut(PangoContext* context, PangoFontDescription const* des
 
 std::optional<korimg::TextPixels> korimg::DrawTextPixels(CString const& text, LOGFONTW const& font) {
   constexpr int kLargest = 32767;
-  if (std::abs(static_cast<long long>(font.lfHeight)) > kLargest || font.lfWidth > kLargest) return std::nullopt;
+  if (std::abs(static_cast<long long>(font.lfHeight)) > kLargest || font.lfWidth > kLargest)
+    return std::nullopt;
   const auto context = MakeContext();
   const auto description = Describe(context.get(), font);
   const auto layout = LayOut(context.get(), description.get(), text, font);

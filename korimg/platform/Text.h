@@ -10,15 +10,16 @@
 
 /// A font by its looks.
 struct LOGFONTW {
-  std::int32_t lfHeight = 0;  ///< pixels: above 0 of a line, below 0 of the letters' square; 0 is a line of 16
-  std::int32_t lfWidth = 0;   ///< pixels of a mean letter; 0 is the font's own proportion
+  std::int32_t lfHeight =
+      0;                     ///< pixels: above 0 of a line, below 0 of the letters' square; 0 is a line of 16
+  std::int32_t lfWidth = 0;  ///< pixels of a mean letter; 0 is the font's own proportion
   std::int32_t lfEscapement = 0;   ///< without effect: text runs to the right
   std::int32_t lfOrientation = 0;  ///< without effect
   std::int32_t lfWeight = 0;       ///< 100 to 900; 0 is 400
   std::uint8_t lfItalic = 0;
   std::uint8_t lfUnderline = 0;
   std::uint8_t lfStrikeOut = 0;
-  std::uint8_t lfCharSet = 0;         ///< without effect, as are the next four: letters are Unicode
+  std::uint8_t lfCharSet = 0;  ///< without effect, as are the next four: letters are Unicode
   std::uint8_t lfOutPrecision = 0;
   std::uint8_t lfClipPrecision = 0;
   std::uint8_t lfQuality = 0;

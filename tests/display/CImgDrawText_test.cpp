@@ -9,6 +9,13 @@
 
 using namespace korimg::test;
 
+#ifdef __SANITIZE_ADDRESS__
+/// The system's font lists live as long as the program.
+extern "C" const char* __lsan_default_suppressions() {  // NOLINT
+  return "leak:libfontconfig\n";
+}
+#endif
+
 namespace {
 
 LOGFONTW Font(int height, int width = 0) {
@@ -31,8 +38,9 @@ double Coverage(CVelImage& mask) {
 }
 
 TEST(CImgDrawText, TheBoxFollowsFontAndText) {
-  const auto once = Mask(L"M31", Font(24), 0), twice = Mask(L"M31M31", Font(24), 0), large = Mask(L"M31", Font(48), 0),
-             square = Mask(L"M31", Font(-24), 0), wide = Mask(L"M31", Font(24, 30), 0);
+  const auto once = Mask(L"M31", Font(24), 0), twice = Mask(L"M31M31", Font(24), 0),
+             large = Mask(L"M31", Font(48), 0), square = Mask(L"M31", Font(-24), 0),
+             wide = Mask(L"M31", Font(24, 30), 0);
   EXPECT_NEAR(once->GetHeight(), 24, 1) << "the height of a line";
   EXPECT_NEAR(large->GetHeight(), 48, 1);
   EXPECT_GT(square->GetHeight(), once->GetHeight()) << "the letters' square is smaller than the line";
@@ -100,12 +108,19 @@ TEST(CImgDrawText, LayersAreMasksInAColour) {
   const double shares[] = {100 / 255.0, 200 / 255.0, 0};
   for (const auto& store : {MemoryStore(), TinyPool()}) {
     const auto mono = Make(store, 3, 3, 1, Random(0, 1)), colour = Make(store, 3, 3, 3, Random(0, 1));
-    const auto grey = CImgDrawText::MakeLayer(*mask, *mono, kColour), rgb = CImgDrawText::MakeLayer(*mask, *colour, kColour);
+    const auto grey = CImgDrawText::MakeLayer(*mask, *mono, kColour),
+               rgb = CImgDrawText::MakeLayer(*mask, *colour, kColour);
     ASSERT_EQ(grey->GetPlanes(), 1);
     ASSERT_EQ(rgb->GetPlanes(), 3);
     EXPECT_EQ(rgb->GetLevelMax(2), 1);
-    EXPECT_EQ(Difference(*grey, [&](int, int x, int y) { return mask->GetPixelGrayRaw(x, y, 0) * 100 / 255.0; }, 1e-6), "");
-    EXPECT_EQ(Difference(*rgb, [&](int p, int x, int y) { return mask->GetPixelGrayRaw(x, y, 0) * shares[p]; }, 1e-6), "");
+    EXPECT_EQ(
+        Difference(
+            *grey, [&](int, int x, int y) { return mask->GetPixelGrayRaw(x, y, 0) * 100 / 255.0; }, 1e-6),
+        "");
+    EXPECT_EQ(
+        Difference(
+            *rgb, [&](int p, int x, int y) { return mask->GetPixelGrayRaw(x, y, 0) * shares[p]; }, 1e-6),
+        "");
   }
 }
 
