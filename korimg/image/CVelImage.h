@@ -9,6 +9,7 @@
 #include "korimg/platform/CRect.h"
 #include "korimg/platform/Export.h"
 
+class CBaseDIB;
 class CFilterMatrix;
 class CFilterProcEx;
 class CImageMask;
@@ -290,6 +291,17 @@ class KORIMG_API CVelImage : public CImage {
   /// -1.
   float Get1stBrighterPixel(int plane, CRect* rect, double threshold, int& x, int& y);
 
+  // Display. The display value of a pixel is 0 up to the level minimum and for NaN, 255 from the level
+  // maximum on, and else (pixel - minimum) x 255 / range, truncated. A mono image shows plane 0.
+  /// Renders the rectangle of a bitmap of this image's size; left and top are limited to the last column and
+  /// row. By depth: 8 holds the grey, or colour as 2-3-3 bits (blue highest); 16 is dithered by the place; 24
+  /// and 32 hold blue, green, red. The fourth byte of 32 becomes 0 from a contiguous image, and is left by a
+  /// paged one. Other depths and sizes do nothing.
+  void ToDIB(CBaseDIB* dib, CRect* rect);
+  /// The image as a packed bitmap of 8 bits (256 greys, or the 256 most frequent colours of 5 bits a channel)
+  /// or 24, in a block that the caller frees. Null for other depths and when there is no memory.
+  HDIB GetDib(int bits);
+
   // Calibration. A mono dark or flat serves every plane, a colour one plane by plane.
   /// Each pixel becomes max(pixel - dark, 0).
   void DarkClbrtn(CVelImage* dark, int show);
@@ -346,6 +358,10 @@ class KORIMG_API CVelImage : public CImage {
   struct FilterProcs;
 
   unsigned char Gray256(float raw, int plane) const;
+  HDIB GetDib8Mono(BITMAPINFOHEADER const& header);
+  HDIB GetDib8Color(BITMAPINFOHEADER const& header);
+  HDIB GetDib24Mono(BITMAPINFOHEADER const& header);
+  HDIB GetDib24Color(BITMAPINFOHEADER const& header);
   void CopyInternal(CVelImage const& other);
   void CopyImageInternal(CVelImage const& other, HWND window, wchar_t const* text);
   float const* Buffered(BufferedLine& buffer, int y, int plane);

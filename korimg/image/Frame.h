@@ -116,6 +116,11 @@ class PlaneBuffer {
 
   operator halide_buffer_t*() { return buffer_.raw_buffer(); }  // NOLINT: an argument of a pipeline
   void SetMin(int x, int y) { buffer_.set_min(x, y); }
+  /// Leaves the first columns and lines.
+  void Crop(int width, int height) {
+    buffer_.crop(0, 0, width);
+    buffer_.crop(1, 0, height);
+  }
 
  private:
   Halide::Runtime::Buffer<float, 2> buffer_;

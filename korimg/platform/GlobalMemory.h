@@ -11,7 +11,7 @@ using HGLOBAL = struct HGLOBAL__*;
 /// lines of pixels padded to 4 bytes, bottom line first unless the height is negative.
 using HDIB = HGLOBAL;
 
-/// Header of a packed bitmap, as in files and on clipboards.
+/// Header of a bitmap, as in files, on clipboards and of drawing surfaces.
 struct BITMAPINFOHEADER {
   std::uint32_t biSize = sizeof(BITMAPINFOHEADER);
   std::int32_t biWidth = 0;
@@ -26,8 +26,11 @@ struct BITMAPINFOHEADER {
   std::uint32_t biClrImportant = 0;
 };
 
-/// A zeroed block; null when there is no memory.
-KORIMG_API HGLOBAL GlobalAlloc(std::size_t bytes);
+/// Flags of a block that may move while it is not locked, and is zeroed.
+constexpr unsigned GHND = 66;
+
+/// A block, zeroed whatever the flags are; null when there is no memory.
+KORIMG_API HGLOBAL GlobalAlloc(unsigned flags, std::size_t bytes);
 /// Address of the block, valid until GlobalFree; null for a null handle.
 KORIMG_API void* GlobalLock(HGLOBAL block);
 KORIMG_API void GlobalUnlock(HGLOBAL block);

@@ -1,6 +1,7 @@
 #include "korimg/platform/Messages.h"
 
 #include <algorithm>
+#include <atomic>
 #include <deque>
 #include <map>
 #include <memory>
@@ -26,6 +27,7 @@ std::shared_ptr<Queue> ThisThreadsQueue() {
 std::mutex g_windowsMutex;
 std::map<HWND, std::shared_ptr<Window>> g_windows;
 std::uintptr_t g_lastWindow = 0;
+std::atomic<HWND> g_mainWindow = nullptr;
 
 std::shared_ptr<Window> Find(HWND window) {
   const std::lock_guard lock(g_windowsMutex);
@@ -72,6 +74,14 @@ HWND CreateMessageWindow(MessageHandler handler) {
   const auto handle = reinterpret_cast<HWND>(++g_lastWindow);
   g_windows.emplace(handle, std::move(window));
   return handle;
+}
+
+void SetMainWindow(HWND window) {
+  g_mainWindow = window;
+}
+
+HWND MainWindow() {
+  return g_mainWindow;
 }
 
 void DestroyMessageWindow(HWND window) {

@@ -43,6 +43,10 @@ using MessageHandler = std::function<std::intptr_t(unsigned, std::uintptr_t, std
 /// Makes a window that belongs to this thread: its posted messages come to this thread's queue.
 KORIMG_API HWND CreateMessageWindow(MessageHandler handler);
 
+/// The application's main window, where work without an image shows its progress; null at first.
+KORIMG_API void SetMainWindow(HWND window);
+KORIMG_API HWND MainWindow();
+
 /// Ends a window; messages still queued for it are dropped when they are dispatched.
 KORIMG_API void DestroyMessageWindow(HWND window);
 

@@ -189,7 +189,7 @@ HDIB Bitmap(int width, int height, int bits, const std::vector<unsigned char>& p
   header.biHeight = height;
   header.biBitCount = static_cast<std::uint16_t>(bits);
   header.biClrUsed = static_cast<std::uint32_t>(palette.size() / 4);
-  const HDIB dib = GlobalAlloc(sizeof header + palette.size() + lines.size());
+  const HDIB dib = GlobalAlloc(GHND, sizeof header + palette.size() + lines.size());
   auto* at = static_cast<unsigned char*>(GlobalLock(dib));
   std::memcpy(at, &header, sizeof header);
   std::copy(palette.begin(), palette.end(), at + sizeof header);
@@ -230,7 +230,7 @@ TEST(CImage, RefusesBitmapsThatAreBroken) {
   const HDIB shortened = Bitmap(100, 100, 24, {}, {1, 2, 3, 0}), odd = Bitmap(1, 1, 16, {}, {0, 0, 0, 0}),
              flat = Bitmap(0, 1, 24, {}, {}),
              palette = Bitmap(1, 1, 8, std::vector<unsigned char>(4 * 300), {0, 0, 0, 0}),
-             tiny = GlobalAlloc(3), lowest = Bitmap(1, -2147483647 - 1, 24, {}, {0, 0, 0, 0});
+             tiny = GlobalAlloc(GHND, 3), lowest = Bitmap(1, -2147483647 - 1, 24, {}, {0, 0, 0, 0});
   for (const HDIB dib : {shortened, odd, flat, palette, tiny, lowest, HDIB()}) {
     CVelImage image;
     EXPECT_EQ(image.AttachDIB(MemoryStore(), dib), 0);

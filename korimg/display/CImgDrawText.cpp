@@ -1,0 +1,65 @@
+#include "korimg/display/CImgDrawText.h"
+
+#include <algorithm>
+
+#include "korimg/image/Frame.h"
+
+using namespace korimg;
+
+std::unique_ptr<CVelImage> CImgDrawText::MakeMask(std::shared_ptr<CVmManager> const& manager,
+                                                  CString const& text, LOGFONTW const& font, int smooth) {
+  const int factor = smooth ? 2 : 1;
+  LOGFONTW drawn = font;
+  drawn.lfHeight *= factor;
+  drawn.lfWidth *= factor;
+  const auto pixels = DrawTextPixels(text, drawn);
+  if (!pixels) return nullptr;
+  const int width = pixels->width / factor, height = pixels->height / factor;
+  if (width < 1 || height < 1) return nullptr;
+  try {
+    auto mask = std::make_unique<CVelImage>(manager, Float, width, height, 1, 1.0, 0.0, 1, nullptr);
+    mask->SetLevel(0, 0, 1);
+    for (int y = 0; y < height; ++y) {
+      float* line = mask->GetWritableLine(0, y, 0);
+      for (int x = 0; x < width; ++x) {
+        int covered = 0;
+        for (int i = 0; i < factor * factor; ++i) {
+          const int px = x * factor + i % factor, py = y * factor + i / factor;
+          covered += pixels->covered[1LL * py * pixels->width + px];
+        }
+        line[x] = static_cast<float>(covered) / static_cast<float>(factor * factor);
+      }
+    }
+    return mask;
+  } catch (velora::CVmMemoryAllocationError const&) {
+    return nullptr;
+  }
+}
+
+std::unique_ptr<CVelImage> CImgDrawText::MakeLayer(CVelImage& mask, CVelImage const& target,
+                                                   unsigned long colour) {
+  std::vector<double> channels = {1.0 * (colour & 255), 1.0 * (colour >> 8 & 255),
+                                  1.0 * (colour >> 16 & 255)};
+  if (!target.IsColor()) {
+    const auto [low, high] = std::minmax_element(channels.begin(), channels.end());
+    channels = {(*low + *high) * 0.5};
+  }
+  try {
+    auto layer = std::make_unique<CVelImage>(mask.VmManager(), Float, mask.GetWidth(), mask.GetHeight(),
+                                             static_cast<int>(channels.size()), 1.0, 0.0, 1, nullptr);
+    for (int p = 0; p < layer->GetPlanes(); ++p) {
+      layer->SetLevel(p, 0, 1);
+    }
+    ForPlaneLines(*layer, Window(*layer, nullptr), Team::One, [&](int p, int y) {
+      float const* in = mask.GetLine(0, y, 0);
+      float* out = layer->GetWritableLine(0, y, p);
+      const auto share = static_cast<float>(channels[p] / 255);
+      for (int x = 0; x < mask.GetWidth(); ++x) {
+        out[x] = in[x] * share;
+      }
+    });
+    return layer;
+  } catch (velora::CVmMemoryAllocationError const&) {
+    return nullptr;
+  }
+}

@@ -1,0 +1,17 @@
+#pragma once
+
+#include "korimg/image/CVelImage.h"
+#include "korimg/platform/Text.h"
+
+/// Text as images: what letters cover, and layers of one colour to lay over an image.
+class KORIMG_API CImgDrawText : public CVelImage {
+ public:
+  /// A mono image, levels 0 to 1, of the text's box: 1 where letters are and 0 elsewhere. smooth non-zero
+  /// draws twice as large and takes the mean of each 2 x 2 pixels. Empty when the text has no box, and when
+  /// there is no room.
+  static std::unique_ptr<CVelImage> MakeMask(std::shared_ptr<CVmManager> const& manager, CString const& text,
+                                             LOGFONTW const& font, int smooth);
+  /// The mask in a colour, 0x00BBGGRR, with the planes of an image that it is laid over: in a colour one each
+  /// plane times its channel / 255, in a mono one times the mean of the smallest and the largest channel.
+  static std::unique_ptr<CVelImage> MakeLayer(CVelImage& mask, CVelImage const& target, unsigned long colour);
+};
