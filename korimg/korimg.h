@@ -4,6 +4,8 @@
 #include "korimg/calibration/CImgDark.h"
 #include "korimg/calibration/MedianOfFrames.h"
 #include "korimg/colour/CColor.h"
+#include "korimg/composite/CAlignment.h"
+#include "korimg/composite/CImgComposit.h"
 #include "korimg/display/CBaseDIB.h"
 #include "korimg/display/CImgDrawLine.h"
 #include "korimg/display/CImgDrawText.h"
