@@ -3,8 +3,8 @@
 #include "korimg/platform/CString.h"
 #include "korimg/platform/Export.h"
 
-/// Names of the ways to find the shift between two images: 0 by reference points, 1 by itself, 2 by centroids,
-/// 3 by matching the images. Any other number has an empty name.
+/// Names of the ways to find the shift between two images: 0 by reference points, 1 by itself, 2 by
+/// centroids, 3 by matching the images. Any other number has an empty name.
 class KORIMG_API CAlignment {
  public:
   CAlignment() = default;

@@ -15,7 +15,18 @@ using namespace korimg;
 
 namespace {
 
-enum Mode : int { kAverage, kAdd, kWeight, kSubtract, kMultiply, kDivide, kDifference, kBrighter, kDarker, kNeighbour };
+enum Mode : int {
+  kAverage,
+  kAdd,
+  kWeight,
+  kSubtract,
+  kMultiply,
+  kDivide,
+  kDifference,
+  kBrighter,
+  kDarker,
+  kNeighbour
+};
 enum Form : int { kWholeShift, kFloatShift, kRotate };
 
 constexpr int kCompositing = 6107;
@@ -87,11 +98,11 @@ struct CImgComposit::Task {
 };
 
 void CImgComposit::Do(CVelImage* a, CVelImage* b, double dx, double dy, double degrees, int useImageCentre,
-                      int mode, int method, double weight, int level, int cutMinus, double threshold, int radius,
-                      CRect* rect, int progress, int resourceId) {
+                      int mode, int method, double weight, int level, int cutMinus, double threshold,
+                      int radius, CRect* rect, int progress, int resourceId) {
   if (mode == kNeighbour) {
-    DoNbrComposit(a, b, dx, dy, degrees, mode, method, weight, level, cutMinus, threshold, radius, rect, progress,
-                  resourceId);
+    DoNbrComposit(a, b, dx, dy, degrees, mode, method, weight, level, cutMinus, threshold, radius, rect,
+                  progress, resourceId);
     return;
   }
   const Task task{dx, dy, degrees, useImageCentre, mode, method, weight, level != 0, cutMinus != 0, false};
@@ -103,9 +114,9 @@ void CImgComposit::Do(CVelImage* a, CVelImage* b, double dx, double dy, double d
   Do(a, b, dx, dy, degrees, useImageCentre, mode, method, 0.5, level, 0, 0.95, 0, nullptr, 0, -1);
 }
 
-void CImgComposit::Do65(CVelImage* a, CVelImage* b, double dx, double dy, double degrees, int mode, double weight,
-                        int level, int cutMinus, double threshold, int radius, CRect* rect, int progress,
-                        int resourceId) {
+void CImgComposit::Do65(CVelImage* a, CVelImage* b, double dx, double dy, double degrees, int mode,
+                        double weight, int level, int cutMinus, double threshold, int radius, CRect* rect,
+                        int progress, int resourceId) {
   if (mode == kNeighbour) {
     Abr(a, b, dx, dy, degrees, mode, weight, level, cutMinus, threshold, radius, rect, progress, resourceId);
     return;
@@ -114,16 +125,17 @@ void CImgComposit::Do65(CVelImage* a, CVelImage* b, double dx, double dy, double
   DoComposit(*a, *b, task, rect, progress, resourceId);
 }
 
-void CImgComposit::Do65(CVelImage* a, CVelImage* b, double dx, double dy, double degrees, int mode, int level) {
+void CImgComposit::Do65(CVelImage* a, CVelImage* b, double dx, double dy, double degrees, int mode,
+                        int level) {
   Do65(a, b, dx, dy, degrees, mode, 0.5, level, 0, 0.95, 0, nullptr, 0, -1);
 }
 
-void CImgComposit::Abr(CVelImage* a, CVelImage* b, double dx, double dy, double degrees, int mode, double ratio,
-                       int level, int cutMinus, double threshold, int radius, CRect* rect, int progress,
-                       int resourceId) {
+void CImgComposit::Abr(CVelImage* a, CVelImage* b, double dx, double dy, double degrees, int mode,
+                       double ratio, int level, int cutMinus, double threshold, int radius, CRect* rect,
+                       int progress, int resourceId) {
   constexpr int kBilinear = 0;
-  DoNbrComposit(a, b, dx, dy, degrees, mode, kBilinear, ratio, level, cutMinus, threshold, radius, rect, progress,
-                resourceId);
+  DoNbrComposit(a, b, dx, dy, degrees, mode, kBilinear, ratio, level, cutMinus, threshold, radius, rect,
+                progress, resourceId);
 }
 
 void CImgComposit::DoComposit(CVelImage& a, CVelImage& b, Task const& asked, CRect* rect, int progress,
@@ -143,39 +155,48 @@ void CImgComposit::DoPipelines(CVelImage& a, CVelImage& b, Task const& task, CRe
   constexpr int kFar = 1 << 30;
   PipelineEntry const* pipeline = FindPipeline(task.Pipeline());
   if (!pipeline) return;
-  int wholeX = std::clamp(TruncateToInt(task.dx), -kFar, kFar), wholeY = std::clamp(TruncateToInt(task.dy), -kFar, kFar);
+  int wholeX = std::clamp(TruncateToInt(task.dx), -kFar, kFar),
+      wholeY = std::clamp(TruncateToInt(task.dy), -kFar, kFar);
   const Form form = task.GetForm();
   const auto number = [](double v) { return static_cast<float>(v); };
-  CompositeBlocks(*this, a, b, rect, [&](int p, int q, halide_buffer_t* first, halide_buffer_t* second, halide_buffer_t* out) {
-    std::vector<float> numbers;
-    if (form != kWholeShift) numbers = {number(task.dx), number(task.dy)};
-    if (form == kRotate) {
-      const CfPoint centre = task.useImageCentre ? b.GetStdCtr() : CfPoint(b.GetWidth() * 0.5, b.GetHeight() * 0.5);
-      numbers.insert(numbers.end(), {number(centre.fx), number(centre.fy), number(task.Cosine()), number(task.Sine())});
-    }
-    numbers.push_back(OutsideValue(task.mode));
-    if (task.level) {
-      numbers.insert(numbers.end(), {number(a.GetLevelMin(p)), number(a.GetLevelRange(p)), number(b.GetLevelMin(q)), number(b.GetLevelRange(q))});
-    }
-    if (task.mode == kWeight) numbers.push_back(number(task.weight));
-    std::vector<void*> arguments{first, second};
-    if (form == kWholeShift) arguments.insert(arguments.end(), {&wholeX, &wholeY});
-    for (float& n : numbers) {
-      arguments.push_back(&n);
-    }
-    arguments.push_back(out);
-    pipeline->call(arguments.data());
-  });
+  CompositeBlocks(*this, a, b, rect,
+                  [&](int p, int q, halide_buffer_t* first, halide_buffer_t* second, halide_buffer_t* out) {
+                    std::vector<float> numbers;
+                    if (form != kWholeShift) numbers = {number(task.dx), number(task.dy)};
+                    if (form == kRotate) {
+                      const CfPoint centre = task.useImageCentre
+                                                 ? b.GetStdCtr()
+                                                 : CfPoint(b.GetWidth() * 0.5, b.GetHeight() * 0.5);
+                      numbers.insert(numbers.end(), {number(centre.fx), number(centre.fy),
+                                                     number(task.Cosine()), number(task.Sine())});
+                    }
+                    numbers.push_back(OutsideValue(task.mode));
+                    if (task.level) {
+                      numbers.insert(numbers.end(), {number(a.GetLevelMin(p)), number(a.GetLevelRange(p)),
+                                                     number(b.GetLevelMin(q)), number(b.GetLevelRange(q))});
+                    }
+                    if (task.mode == kWeight) numbers.push_back(number(task.weight));
+                    std::vector<void*> arguments{first, second};
+                    if (form == kWholeShift) arguments.insert(arguments.end(), {&wholeX, &wholeY});
+                    for (float& n : numbers) {
+                      arguments.push_back(&n);
+                    }
+                    arguments.push_back(out);
+                    pipeline->call(arguments.data());
+                  });
 }
 
-void CImgComposit::DoLines(CVelImage& a, CVelImage& b, Task const& task, CRect* rect, int progress, int resourceId) {
+void CImgComposit::DoLines(CVelImage& a, CVelImage& b, Task const& task, CRect* rect, int progress,
+                           int resourceId) {
   const Window window(*this, rect);
-  const ProgressScope scope(*this, progress, resourceId == -1 ? kCompositing : resourceId, window.IsEmpty() ? 0 : window.Height());
+  const ProgressScope scope(*this, progress, resourceId == -1 ? kCompositing : resourceId,
+                            window.IsEmpty() ? 0 : window.Height());
   if (window.IsEmpty()) return;
   const int width = window.Width();
   CInterp interp(task.method);
-  interp.SetBParam(task.GetForm(), &b, window.left - task.dx, window.right - task.dx, task.level, OutsideValue(task.mode),
-                   a.IsColor() ? -1 : 0, task.Sine(), task.Cosine(), 1.0, task.useImageCentre);
+  interp.SetBParam(task.GetForm(), &b, window.left - task.dx, window.right - task.dx, task.level,
+                   OutsideValue(task.mode), a.IsColor() ? -1 : 0, task.Sine(), task.Cosine(), 1.0,
+                   task.useImageCentre);
   interp.SetLineCapacity(width);
   std::vector<float> samples(3LL * width);
   const auto row = [&](int p) { return samples.data() + static_cast<size_t>(p) * width; };
@@ -215,7 +236,8 @@ void CImgComposit::DoNbrComposit(CVelImage* a, CVelImage* b, double dx, double d
   constexpr int kMostRadius = 2, kNearest = 4;
   if (!Fits(*a, *this) || b->IsEmpty()) return;
   const Window window(*this, rect);
-  const ProgressScope scope(*this, progress, resourceId == -1 ? kCompositing : resourceId, window.Lines(*this));
+  const ProgressScope scope(*this, progress, resourceId == -1 ? kCompositing : resourceId,
+                            window.Lines(*this));
   const double sine = std::sin(degrees * std::numbers::pi / 180), cosine = std::sqrt(1 - sine * sine);
   const double limitA = level ? threshold * 255 : a->GetMaxPixel(0) * threshold;
   const double limitB = level ? threshold * 255 : b->GetMaxPixel(0) * threshold;
@@ -238,7 +260,8 @@ void CImgComposit::DoNbrComposit(CVelImage* a, CVelImage* b, double dx, double d
       int off = 0;
       double sx = 0, sy = 0;
       const double av = pixelOfA(x, y);
-      const double bv = level ? interp.GetBPixelGray256f(x, y, &off, &sx, &sy) : interp.GetBPixelGrayRaw(x, y, &off, &sx, &sy);
+      const double bv = level ? interp.GetBPixelGray256f(x, y, &off, &sx, &sy)
+                              : interp.GetBPixelGrayRaw(x, y, &off, &sx, &sy);
       const double scaled = bv * ratio;
       if (off || !(sx >= 1 && sx < b->GetWidth() - 1 && sy >= 1 && sy < b->GetHeight() - 1)) return av;
       if (radius == 0) return std::min(scaled, av);

@@ -1,10 +1,47 @@
 #include "korimg/display/CImgDrawText.h"
 
 #include <algorithm>
+#include <cstring>
 
+#include "korimg/composite/CImgComposit.h"
 #include "korimg/image/Frame.h"
 
 using namespace korimg;
+
+int CImgDrawText::Do(CVelImage* target, CPoint at, CString const& text, LOGFONTW* font, unsigned long colour,
+                     int smooth) {
+  constexpr int kWeight = 2, kNearest = 4, kOnLevels = 1;
+  constexpr double kOpacity = 0.95;
+  if (target->IsEmpty()) return 0;
+  const auto mask = MakeMask(target->VmManager(), text, *font, smooth);
+  const auto layer = mask ? MakeLayer(*mask, *target, colour) : nullptr;
+  if (!layer) return 0;
+  const long long right = 1LL * at.x + layer->GetWidth(), bottom = 1LL * at.y + layer->GetHeight();
+  const Window box(std::max(at.x, 0), std::max(at.y, 0),
+                   static_cast<int>(std::min<long long>(right, target->GetWidth())),
+                   static_cast<int>(std::min<long long>(bottom, target->GetHeight())));
+  if (box.IsEmpty()) return 0;
+  // What lies under the box is composited as an image of its own, so that nothing around it changes.
+  CVelImage under(target->VmManager(), Float, box.Width(), box.Height(), target->GetPlanes(), 1.0, 0.0, 1,
+                  nullptr);
+  const size_t bytes = box.Width() * sizeof(float);
+  for (int p = 0; p < target->GetPlanes(); ++p) {
+    under.SetLevel(p, target->GetLevelMin(p), target->GetLevelMax(p));
+    for (int y = box.top; y < box.bottom; ++y) {
+      std::memcpy(under.GetWritableLine(0, y - box.top, p), target->GetLine(box.left, y, p), bytes);
+    }
+  }
+  CImgComposit mixed;
+  mixed.Create(under, nullptr);
+  mixed.Do(&under, layer.get(), at.x - box.left, at.y - box.top, 0, 0, kWeight, kNearest, kOpacity, kOnLevels,
+           0, 0, 0, nullptr, 0, -1);
+  for (int p = 0; p < target->GetPlanes(); ++p) {
+    for (int y = box.top; y < box.bottom; ++y) {
+      std::memcpy(target->GetWritableLine(box.left, y, p), mixed.GetLine(0, y - box.top, p), bytes);
+    }
+  }
+  return 1;
+}
 
 std::unique_ptr<CVelImage> CImgDrawText::MakeMask(std::shared_ptr<CVmManager> const& manager,
                                                   CString const& text, LOGFONTW const& font, int smooth) {

@@ -139,8 +139,13 @@ void CImage::Empty() {
 }
 
 std::unique_ptr<CVmImage> CImage::NewStore(std::shared_ptr<CVmManager> const& manager, int width, int height,
-                                           int planes, DataType bits, ProgressPtr const& progress) const {
-  return std::make_unique<CVmImage>(manager, width, height, planes, GetBytesPixel(bits), progress);
+                                           int planes, DataType bits, ProgressPtr const& progress,
+                                           Contents contents) const {
+  auto store = std::make_unique<CVmImage>(manager, width, height, planes, GetBytesPixel(bits), progress);
+  for (int p = 0; p < planes && contents == Contents::Zero; ++p) {
+    store->Clear(p);
+  }
+  return store;
 }
 
 bool CImage::AllocImage(std::shared_ptr<CVmManager> const& manager, ProgressPtr const& progress) {
@@ -179,7 +184,8 @@ bool CImage::ChangePlanes(int planes, ProgressPtr const& progress) {
 
 bool CImage::ChangeBits(DataType bits, bool isSigned, ChangeBitsLevel level, ProgressPtr const& progress) {
   return Try([&] {
-    auto store = NewStore(VmManager(), GetWidth(), GetHeight(), GetPlanes(), bits, progress);
+    auto store =
+        NewStore(VmManager(), GetWidth(), GetHeight(), GetPlanes(), bits, progress, Contents::Undefined);
     const int from = GetBytesPixel(), to = GetBytesPixel(bits);
     velora::ScopedProgress steps(progress, GetPlanes() * GetHeight());
     for (int p = 0; p < GetPlanes(); ++p) {
@@ -223,7 +229,7 @@ bool CImage::Create(CImage const& other, ProgressPtr const& progress) {
     if (!fits) {
       vmImage_ = other.IsEmpty() ? nullptr
                                  : NewStore(other.VmManager(), other.GetWidth(), other.GetHeight(),
-                                            other.GetPlanes(), other.bits_, progress);
+                                            other.GetPlanes(), other.bits_, progress, Contents::Undefined);
     }
     CopyRecord(other);
   });

@@ -52,7 +52,7 @@ class KORIMG_API CImage : public CObject {
   bool IsEmpty() const { return !vmImage_; }
   void Empty();
   bool AllocImage(std::shared_ptr<CVmManager> const& manager, ProgressPtr const& progress);
-  /// Pixels are not kept.
+  /// Pixels are not kept: all are 0, unless the size is the same.
   bool ChangeSize(int width, int height, ProgressPtr const& progress);
   /// Keeps the pixels of the planes that both shapes have. New planes are 0 and get plane 0's levels.
   bool ChangePlanes(int planes, ProgressPtr const& progress);
@@ -183,9 +183,12 @@ class KORIMG_API CImage : public CObject {
   CVmImage* GetVmImage() const { return vmImage_.get(); }
 
  private:
+  enum class Contents { Undefined, Zero };
+
   void CopyRecord(CImage const& other);
   std::unique_ptr<CVmImage> NewStore(std::shared_ptr<CVmManager> const& manager, int width, int height,
-                                     int planes, DataType bits, ProgressPtr const& progress) const;
+                                     int planes, DataType bits, ProgressPtr const& progress,
+                                     Contents contents = Contents::Zero) const;
 
   DataType bits_ = Float;
   bool signed_ = true;

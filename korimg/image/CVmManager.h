@@ -26,7 +26,8 @@ class KORIMG_API CVmManager : public std::enable_shared_from_this<CVmManager> {
   /// How many lines of an image of this height share a block.
   virtual long long GetLinesPerBlock(long long bytesPerLine, long long height) const = 0;
 
-  /// Makes the blocks of a store, all zero. Throws velora::CVmMemoryAllocationError, with nothing changed.
+  /// Makes the blocks of a store; what is not zero counts as touched. Throws
+  /// velora::CVmMemoryAllocationError, with nothing changed.
   virtual std::shared_ptr<CVmHandle> Allocate(long long blockSize, long long blockCount) = 0;
   virtual void Free(std::shared_ptr<CVmHandle> const& handle) noexcept = 0;
 

@@ -26,15 +26,16 @@ inline Window WidenedWindow(CVelImage const& image, CRect* rect) {
 }
 
 /// Composites two contiguous images into a contiguous target of a's shape: run(plane of a, plane of b, a, b,
-/// output) for each plane, over the widened window. A second image with fewer planes serves the rest by its last
-/// one. Pixels outside the window and the target's record stay; so does all of it when a block has no address.
-/// The target may be one of the images.
+/// output) for each plane, over the widened window. A second image with fewer planes serves the rest by its
+/// last one. Pixels outside the window and the target's record stay; so does all of it when a block has no
+/// address. The target may be one of the images.
 template <class F>
 void CompositeBlocks(CVelImage& target, CVelImage& a, CVelImage& b, CRect* rect, F&& run) {
   const Window window = WidenedWindow(target, rect);
   for (int p = 0; p < target.GetPlanes(); ++p) {
     const int q = std::min(p, b.GetPlanes() - 1);
-    if (!target.GetBlockOnMemory(p, false) || !a.GetBlockOnMemory(p, true) || !b.GetBlockOnMemory(q, true)) return;
+    if (!target.GetBlockOnMemory(p, false) || !a.GetBlockOnMemory(p, true) || !b.GetBlockOnMemory(q, true))
+      return;
   }
   const bool direct = &target != &b;  // pixels of b are read beside the one that is written
   for (int p = 0; p < target.GetPlanes(); ++p) {

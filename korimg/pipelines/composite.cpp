@@ -17,7 +17,7 @@ constexpr NamedForm kForms[] = {
 
 /// The share of white that v is, limited; NaN stays NaN.
 Expr share_of_white(Expr v, float low) {
-  return select(v < low, low, v > 255.0f, 255.0f, v) * (1.0f / 255);
+  return select(v<low, low, v> 255.0f, 255.0f, v) * (1.0f / 255);
 }
 
 /// A way to combine a and b; `scaled` is set when both are on the scale of 0 to 255.
@@ -52,12 +52,12 @@ Definition composite(Form form, bool level, Kernel kernel, const Op& op, const T
   Param<float> weight("weight");
   Var x("x"), y("y");
 
-  const Sample sample = form == Form::WholeShift   ? SampleWholeShift(b, shift_x, shift_y)
-                        : form == Form::FloatShift ? SampleShifted(b, kernel, shift_x, shift_y)
-                                                   : SampleAt(b, kernel,
-                                                              Turned(x - shift_x - center_x,
-                                                                     center_y - (y - shift_y), center_x,
-                                                                     center_y, cosR, sinR));
+  const Sample sample = form == Form::WholeShift ? SampleWholeShift(b, shift_x, shift_y)
+                        : form == Form::FloatShift
+                            ? SampleShifted(b, kernel, shift_x, shift_y)
+                            : SampleAt(b, kernel,
+                                       Turned(x - shift_x - center_x, center_y - (y - shift_y), center_x,
+                                              center_y, cosR, sinR));
   Func composit("composit");
   if (level) {
     // `outside` counts from b's black.

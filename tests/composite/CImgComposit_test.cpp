@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "korimg/composite/CAlignment.h"
+
 #include "tests/support/Images.h"
 
 using namespace korimg;
@@ -26,12 +27,10 @@ struct Placing {
   int useImageCentre;
 };
 
-const Placing kPlacings[] = {{"whole shift", 3, -5, 0, 0},
-                             {"whole shift out of sight", 300, 0, 0, 0},
-                             {"part of a pixel", 3.25, -5.6, 0, 0},
-                             {"part of a pixel, off both edges", -20.7, 30.35, 0, 1},
-                             {"turned", 4.2, -3.1, 17.3, 0},
-                             {"turned about a centre", 4, 3, -148.6, 1}};
+const Placing kPlacings[] = {
+    {"whole shift", 3, -5, 0, 0},          {"whole shift out of sight", 300, 0, 0, 0},
+    {"part of a pixel", 3.25, -5.6, 0, 0}, {"part of a pixel, off both edges", -20.7, 30.35, 0, 1},
+    {"turned", 4.2, -3.1, 17.3, 0},        {"turned about a centre", 4, 3, -148.6, 1}};
 
 double Bicubic(double t) {
   t = std::abs(t);
@@ -47,8 +46,8 @@ double Lanczos(double t, double n) {
 /// b between its pixels.
 double Between(CVelImage& b, int plane, int method, double u, double v) {
   const auto pixel = [&](int x, int y) {
-    return static_cast<double>(b.GetPixelGrayRaw(std::clamp(x, 0, b.GetWidth() - 1),
-                                                 std::clamp(y, 0, b.GetHeight() - 1), plane));
+    return static_cast<double>(
+        b.GetPixelGrayRaw(std::clamp(x, 0, b.GetWidth() - 1), std::clamp(y, 0, b.GetHeight() - 1), plane));
   };
   const auto weight = [&](double t) {
     switch (method) {
@@ -200,9 +199,9 @@ TEST_P(Composites, EveryModeFormKernelAndScaleIsTheFormula) {
                 const double got = target.GetPixelGrayRaw(x, y, p);
                 const double scale = std::abs(raw) + std::abs(second) + std::abs(expected) + 1000;
                 if (std::abs(got - expected) <= 2e-5 * scale) continue;
-                ADD_FAILURE() << place.form << (lines ? " by lines" : "") << " mode " << mode << " method " << method
-                              << " level " << level << " (" << x << ", " << y << ") " << p << ": " << got
-                              << ", not " << expected;
+                ADD_FAILURE() << place.form << (lines ? " by lines" : "") << " mode " << mode << " method "
+                              << method << " level " << level << " (" << x << ", " << y << ") " << p << ": "
+                              << got << ", not " << expected;
                 ++wrong;
               }
             }
@@ -229,7 +228,8 @@ TEST(CImgComposit, SmallRectanglesAreWidenedByPipelinesOnly) {
     CRect rect(100, 20, 110, 30);
     target.Do(a.get(), b.get(), 90, 10, 0, 0, 1, 0, 0, 0, 0, 0, 0, &rect, 0, -1);
     const auto expected = [&](int p, int x, int y) -> double {
-      const bool done = lines ? x >= 100 && x < 110 && y >= 20 && y < 30 : x >= 86 && x < 150 && y >= 20 && y < 52;
+      const bool done =
+          lines ? x >= 100 && x < 110 && y >= 20 && y < 30 : x >= 86 && x < 150 && y >= 20 && y < 52;
       if (!done) return static_cast<float>(old(p, x, y));
       const bool inside = x >= 90 && x < 130 && y >= 10 && y < 60;
       return static_cast<float>(first(p, x, y)) + (inside ? b->GetPixelGrayRaw(x - 90, y - 10, 0) : 0);
@@ -260,7 +260,8 @@ TEST(CImgComposit, TheTargetMayBeOneOfTheImages) {
 }
 
 TEST(CImgComposit, WhatCannotBeDoneLeavesTheTarget) {
-  constexpr double kNan = std::numeric_limits<double>::quiet_NaN(), kInf = std::numeric_limits<double>::infinity();
+  constexpr double kNan = std::numeric_limits<double>::quiet_NaN(),
+                   kInf = std::numeric_limits<double>::infinity();
   for (const bool lines : {false, true}) {
     const auto store = lines ? TinyPool() : MemoryStore();
     const auto a = Make(store, 40, 30, 1, Random(1, 2)), b = Make(store, 40, 30, 1, Random(1, 2, 2));
@@ -293,7 +294,8 @@ TEST(CImgComposit, WhatCannotBeDoneLeavesTheTarget) {
 
 TEST(CImgComposit, Version65GoesByLinesAndSumsInFloats) {
   const auto a = Make(MemoryStore(), 80, 60, 3, Random(0, 100)), b = Make(MemoryStore(), 70, 66, 3, Waves);
-  const auto pagedA = Make(TinyPool(), 80, 60, 3, Random(0, 100)), pagedB = Make(TinyPool(), 70, 66, 3, Waves);
+  const auto pagedA = Make(TinyPool(), 80, 60, 3, Random(0, 100)),
+             pagedB = Make(TinyPool(), 70, 66, 3, Waves);
   CImgComposit old, paged;
   old.Create(*a, nullptr);
   paged.Create(*pagedA, nullptr);

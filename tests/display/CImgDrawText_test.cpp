@@ -124,4 +124,35 @@ TEST(CImgDrawText, LayersAreMasksInAColour) {
   }
 }
 
+TEST(CImgDrawText, TextIsLaidOverItsBoxOnly) {
+  constexpr unsigned long kColour = 0x0000C864;
+  const double shares[] = {100 / 255.0, 200 / 255.0, 0};
+  LOGFONTW font = Font(20);
+  const auto mask = Mask(L"M42", font, 1);
+  const PixelRule before = Random(50, 950);
+  for (const auto& store : {MemoryStore(), TinyPool()}) {
+    for (const int planes : {1, 3}) {
+      for (const CPoint at : {CPoint(11, 7), CPoint(-9, -5), CPoint(70, 35)}) {
+        const auto image = Make(store, 90, 45, planes, before);
+        CImgDrawText text;
+        ASSERT_EQ(text.Do(image.get(), at, L"M42", &font, kColour, 1), 1);
+        const auto expected = [&](int p, int x, int y) -> double {
+          const int mx = x - at.x, my = y - at.y;
+          if (mx < 0 || my < 0 || mx >= mask->GetWidth() || my >= mask->GetHeight())
+            return static_cast<float>(before(p, x, y));
+          const double share = planes == 1 ? 100 / 255.0 : shares[p];
+          const double text = mask->GetPixelGrayRaw(mx, my, 0) * share * 255;
+          return image->ToRaw(0.05 * image->To256(before(p, x, y), p) + 0.95 * text, p);
+        };
+        EXPECT_EQ(Difference(*image, expected, 1e-5), "") << planes << " at " << at.x;
+      }
+      const auto image = Make(store, 90, 45, planes, before);
+      CImgDrawText text;
+      EXPECT_EQ(text.Do(image.get(), CPoint(90, 0), L"M42", &font, kColour, 1), 0) << "beyond the image";
+      EXPECT_EQ(text.Do(image.get(), CPoint(0, 0), L"", &font, kColour, 1), 0);
+      EXPECT_EQ(Difference(*image, before, 1e-7), "");
+    }
+  }
+}
+
 }  // namespace

@@ -69,6 +69,25 @@ TEST(CImage, ChangePlanesKeepsThePixelsItCan) {
   }
 }
 
+TEST(CImage, NewPixelsAreZeroInMemoryUsedBefore) {
+  for (const StoreCase& store : Stores()) {
+    const auto manager = store.make();
+    const auto dirty = [&] { Make(manager, 40, 30, 3, [](int, int, int) { return 7; }); };
+    const auto zero = [](int, int, int) { return 0.0; };
+    dirty();
+    CVelImage made(manager, CImage::Float, 40, 30, 3, 1.0, 0.0, 1, nullptr);
+    EXPECT_EQ(Difference(made, zero, 0), "") << store.name;
+    CVelImage resized(manager, CImage::Float, 4, 3, 3, 1.0, 0.0, 1, nullptr);
+    dirty();
+    ASSERT_TRUE(resized.ChangeSize(40, 30, nullptr));
+    EXPECT_EQ(Difference(resized, zero, 0), "") << store.name;
+    CVelImage grown(manager, CImage::Float, 40, 30, 1, 1.0, 0.0, 1, nullptr);
+    dirty();
+    ASSERT_TRUE(grown.ChangePlanes(3, nullptr));
+    EXPECT_EQ(Difference(grown, zero, 0), "") << store.name;
+  }
+}
+
 TEST(CImage, ChangeBitsConvertsAndLimits) {
   for (const StoreCase& store : Stores()) {
     const auto manager = store.make();

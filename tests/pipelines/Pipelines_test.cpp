@@ -48,8 +48,8 @@ std::map<std::string, std::string> Composites() {
   for (const std::string form : {"intshift", "floatshift", "rotate"}) {
     for (const bool level : {false, true}) {
       for (const std::string kernel : {"bicubic", "bilinear", "lanczos2", "lanczos3", "nearest"}) {
-        for (const std::string op : {"average", "add", "sub", "sub_cutminus", "mult", "div", "diff", "brighter",
-                                     "darker", "default", "weight"}) {
+        for (const std::string op : {"average", "add", "sub", "sub_cutminus", "mult", "div", "diff",
+                                     "brighter", "darker", "default", "weight"}) {
           std::string name = "composit_" + form + (level ? "_level_" : "_");
           if (form != "intshift") name += kernel + "_";
           std::string signature = form == "intshift" ? "a:2d:f32 b:2d:f32 shift_x:i32 shift_y:i32 "

@@ -1,5 +1,6 @@
 // The generator's main program: compiles the members of a family for every form, and writes their objects as
-// one archive, their declarations and their table rows, for one of several shards: <family>.<shard>.a, .h, .inc.
+// one archive, their declarations and their table rows, for one of several shards: <family>.<shard>.a, .h,
+// .inc.
 #include "Driver.h"
 
 #include <cstdio>
