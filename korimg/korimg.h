@@ -67,3 +67,5 @@
 #include "korimg/platform/Text.h"
 #include "korimg/raw/CImgBayerToRgb.h"
 #include "korimg/raw/CImgInformation.h"
+#include "korimg/stacking/CImgMedianComposit.h"
+#include "korimg/stacking/CImgNormalize.h"

@@ -68,13 +68,18 @@ Member resolution_member(const NamedKernel& named) {
             for (int i = 0; i < taps; ++i) {
               single.push_back(row_taps(i, x, y));
             }
-            output(x, y) = WeightedTaps(kernel, single, across.weights(x));
+            Expr sample = WeightedTaps(kernel, single, across.weights(x));
+            // Half the size takes every second pixel as it is.
+            Func whole = BoundaryConditions::repeat_edge(input, {{0, width}, {0, height}});
+            Expr halved = width == 2 * new_width && height == 2 * new_height;
+            output(x, y) = kernel == Kernel::Bilinear ? select(halved, whole(2 * x, 2 * y), sample) : sample;
 
             output
                 .tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, 2048, wide), kStripLines,
                       TailStrategy::GuardWithIf)
                 .vectorize(xi, wide, TailStrategy::GuardWithIf)
                 .parallel(yo);
+            if (kernel == Kernel::Bilinear) output.specialize(halved);
             rows.compute_at(output, yi).vectorize(x, wide, TailStrategy::RoundUp);
             row_taps.compute_at(output, yi).bound(k, 0, lanes).vectorize(k).unroll(x, 16);
             across.table.compute_root().vectorize(x, wide, TailStrategy::RoundUp);
