@@ -302,6 +302,24 @@ class KORIMG_API CVelImage : public CImage {
   /// or 24, in a block that the caller frees. Null for other depths and when there is no memory.
   HDIB GetDib(int bits);
 
+  // Positions, for registration.
+  /// The centroid of a window by the squares of what exceeds its mean, of brightness on the 256 scale, so
+  /// that the brightest star counts most; the window's middle when there is none. In whole numbers it is
+  /// rounded.
+  void GetCentroid(double& x, double& y, CRect* rect);
+  void GetCentroid(int& x, int& y, CRect* rect);
+  /// The same by raw values, or the luminance of raw values.
+  void GetCentroidRaw(double& x, double& y, CRect* rect);
+  void GetCentroidRaw(int& x, int& y, CRect* rect);
+  /// How another image lies to this one by the reference points of both: 0 not known, 1 the shift from it to
+  /// this one, 2 its turn too, as CImgComposit takes them. The other's centre is set when it is not. The
+  /// second form adds a correction to what is known.
+  int GetFitPrm(CVelImage* other, double& dx, double& dy, double& degrees);
+  int GetFitPrm(CVelImage* other, double& dx, double& dy, double& degrees, double addX, double addY,
+                double addDegrees);
+  /// The shift by the centroids of both whole images. Answers 1.
+  int GetFitPrmFromCentroid(CVelImage* other, double& dx, double& dy);
+
   // Calibration. A mono dark or flat serves every plane, a colour one plane by plane.
   /// Each pixel becomes max(pixel - dark, 0).
   void DarkClbrtn(CVelImage* dark, int show);

@@ -145,7 +145,8 @@ class Columns {
 /// The mean of the values within k deviations of the median; see CImgMedianComposit.
 void ClippedMeans(Columns& sorted, int frames, int columns, double k, int mode, float* out) {
   std::vector<double> scratch(4LL * columns);
-  double *mean = scratch.data(), *squares = mean + columns, *kept = squares + columns, *keptSum = kept + columns;
+  double *mean = scratch.data(), *squares = mean + columns, *kept = squares + columns,
+         *keptSum = kept + columns;
   int const* counts = sorted.Counts();
   for (int x = 0; x < columns; ++x) {
     mean[x] = sorted.Sums()[x] / std::max(counts[x], 1);
@@ -215,8 +216,8 @@ void CImgMedianComposit::DeallocateStoreBuffer() {
 
 int CImgMedianComposit::EndOfBand(int y0, int y1) const {
   if (store_.empty() || target_->IsEmpty() || y0 < 0) return y0;
-  const auto smallest = std::min_element(store_.begin(), store_.end(),
-                                         [](auto& a, auto& b) { return a->Size() < b->Size(); });
+  const auto smallest =
+      std::min_element(store_.begin(), store_.end(), [](auto& a, auto& b) { return a->Size() < b->Size(); });
   const long long rows = (*smallest)->Size() / (1LL * target_->GetWidth() * target_->GetPlanes());
   return static_cast<int>(std::min<long long>({y1 + 1LL, y0 + rows, target_->GetHeight()}));
 }
@@ -241,14 +242,16 @@ int CImgMedianComposit::Store(int slot, CVelImage* frame, int yStart, int yEnd, 
   return 1;
 }
 
-void CImgMedianComposit::StoreLines(CLineData& band, CVelImage& frame, int yStart, int rows, double dx, double dy,
-                                    double radians, int useImageCentre, int method) const {
+void CImgMedianComposit::StoreLines(CLineData& band, CVelImage& frame, int yStart, int rows, double dx,
+                                    double dy, double radians, int useImageCentre, int method) const {
   const int width = target_->GetWidth(), planes = target_->GetPlanes();
   const bool whole = dx == std::floor(dx) && dy == std::floor(dy);
   CInterp interp(method);
-  interp.SetBParam(radians != 0 ? CInterp::Rotate : whole ? CInterp::WholeShift : CInterp::FloatShift, &frame, -dx,
-                   width - 1 - dx, 0, 0.0f, std::min(planes, frame.GetPlanes()), std::sin(radians),
-                   std::cos(radians), 1.0, useImageCentre);
+  interp.SetBParam(radians != 0 ? CInterp::Rotate
+                   : whole      ? CInterp::WholeShift
+                                : CInterp::FloatShift,
+                   &frame, -dx, width - 1 - dx, 0, 0.0f, std::min(planes, frame.GetPlanes()),
+                   std::sin(radians), std::cos(radians), 1.0, useImageCentre);
   interp.SetLineCapacity(width);
   ForLines(Team::All, 0, rows, [&](int r) {
     const long long size = 1LL * width * planes;
@@ -290,7 +293,8 @@ void CImgMedianComposit::StorePipelines(CLineData& band, CVelImage& frame, int y
       translate_floatshift_bicubic_float(in, x, y, 0.0f, values);
       translate_floatshift_mask(w, h, x, y, valid);
     } else {
-      const int x = std::clamp(TruncateToInt(dx), -kFar, kFar), y = std::clamp(TruncateToInt(dy), -kFar, kFar) - yStart;
+      const int x = std::clamp(TruncateToInt(dx), -kFar, kFar),
+                y = std::clamp(TruncateToInt(dy), -kFar, kFar) - yStart;
       translate_intshift_float(in, x, y, 0.0f, values);
       translate_intshift_mask(w, h, x, y, valid);
     }
@@ -312,7 +316,8 @@ void CImgMedianComposit::SetRefNormalizeParam(double* a, double* b) {
 /// Calls reduce(sorted columns, their number, where they go) for the columns of each row and plane.
 template <class F>
 void CImgMedianComposit::Reduce(int y0, int y1, bool threaded, bool normalised, F&& reduce) {
-  const int frames = static_cast<int>(store_.size()), width = target_->GetWidth(), planes = target_->GetPlanes();
+  const int frames = static_cast<int>(store_.size()), width = target_->GetWidth(),
+            planes = target_->GetPlanes();
   std::vector<Normaliser> normalisers(3LL * frames);
   for (int i = 0; normalised && i < frames; ++i) {
     for (int p = 0; p < 3; ++p) {

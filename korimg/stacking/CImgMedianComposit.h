@@ -32,10 +32,10 @@ struct SNormalizeItem {
   double b[3];
 };
 
-/// Stacks registered frames by a statistic over the frames of each pixel, in bands: for each band, the rows of
-/// every frame are stored, and one calculation writes the band of the target. What a frame does not reach is
-/// missing from the statistic; a pixel that no frame reaches is 0. The result does not depend on the bands'
-/// height, nor on the number of threads.
+/// Stacks registered frames by a statistic over the frames of each pixel, in bands: for each band, the rows
+/// of every frame are stored, and one calculation writes the band of the target. What a frame does not reach
+/// is missing from the statistic; a pixel that no frame reaches is 0. The result does not depend on the
+/// bands' height, nor on the number of threads.
 ///
 /// The store takes frames x (rows + 1) x width x planes x 8 bytes, and serves every band of a run. Rows are
 /// counted in the target's grid, y1 included, and clipped to the target and to the store.
@@ -62,8 +62,8 @@ class KORIMG_API CImgMedianComposit : public CVelImage {
   /// runs on all threads when the target is contiguous, and so does SigmaCalc.
   void Calc(int y0, int y1);
   void MedianCalc(int y0, int y1);
-  /// The mean of the values within k standard deviations of the median, once; those beyond count as the median
-  /// (mode 0) or not at all. Of two values the mean, or 0 for k below 1.
+  /// The mean of the values within k standard deviations of the median, once; those beyond count as the
+  /// median (mode 0) or not at all. Of two values the mean, or 0 for k below 1.
   void Calc(double k, int y0, int y1, int mode);
   /// The same with mode 0, of values brought to the reference: (v - a) x (reference b / b) + reference a. A
   /// negative b, or one of 0, leaves the frame alone; a reference b of 0 makes all values reference a. Throws
@@ -76,8 +76,8 @@ class KORIMG_API CImgMedianComposit : public CVelImage {
  private:
   /// The rows y0 to y1 that target and store have, for a band that begins at y0.
   int EndOfBand(int y0, int y1) const;
-  void StoreLines(CLineData& band, CVelImage& frame, int yStart, int rows, double dx, double dy, double radians,
-                  int useImageCentre, int method) const;
+  void StoreLines(CLineData& band, CVelImage& frame, int yStart, int rows, double dx, double dy,
+                  double radians, int useImageCentre, int method) const;
   void StorePipelines(CLineData& band, CVelImage& frame, int yStart, int rows, double dx, double dy,
                       double radians, int useImageCentre, int method) const;
   template <class F>

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "korimg/geometry/CInterp.h"
+
 #include "tests/support/Images.h"
 
 using namespace korimg;
@@ -63,9 +64,9 @@ struct Placing {
 };
 
 std::vector<Placing> Places(int frames) {
-  const std::vector<Placing> some = {{0, 0, 0},        {3, -2, 0},        {-7, 5, 0},       {60, 40, 0},
-                                     {2.25, -1.5, 0},  {-8.75, 3.125, 0}, {1, 2, 0.1},      {-3.5, 0.5, -0.7},
-                                     {0, 0, 3.1},      {100, 0, 0},       {-2, 0, 0},       {0, 7, 0}};
+  const std::vector<Placing> some = {{0, 0, 0},       {3, -2, 0},        {-7, 5, 0},  {60, 40, 0},
+                                     {2.25, -1.5, 0}, {-8.75, 3.125, 0}, {1, 2, 0.1}, {-3.5, 0.5, -0.7},
+                                     {0, 0, 3.1},     {100, 0, 0},       {-2, 0, 0},  {0, 7, 0}};
   std::vector<Placing> places;
   for (int i = 0; i < frames; ++i) {
     places.push_back(some[i % some.size()]);
@@ -81,7 +82,8 @@ struct Sampled {
 
 Sampled SampleAt(CVelImage& frame, CInterp& interp, const Placing& place, int p, int x, int y) {
   const double cx = frame.GetWidth() * 0.5, cy = frame.GetHeight() * 0.5;
-  const double X = x - place.dx - cx, Y = cy - (y - place.dy), c = std::cos(place.radians), s = std::sin(place.radians);
+  const double X = x - place.dx - cx, Y = cy - (y - place.dy), c = std::cos(place.radians),
+               s = std::sin(place.radians);
   const double u = place.radians != 0 ? c * X - s * Y + cx : x - place.dx;
   const double v = place.radians != 0 ? cy - (s * X + c * Y) : y - place.dy;
   Sampled at;
@@ -117,8 +119,8 @@ TEST_P(Stacks, EveryStatisticIsThatOfTheValidPixels) {
       ASSERT_EQ(stack.AllocateStoreBuffer(target.get(), frames, kRows), 1);
       for (int y = 0; y < kHeight; y += kRows) {
         for (int i = 0; i < frames; ++i) {
-          stack.Store(i, images[i].get(), y, y + kRows - 1, places[i].dx, places[i].dy, places[i].radians, 0, 0,
-                      nullptr, CInterp::MethodBicubic);
+          stack.Store(i, images[i].get(), y, y + kRows - 1, places[i].dx, places[i].dy, places[i].radians, 0,
+                      0, nullptr, CInterp::MethodBicubic);
         }
         statistic.run(stack, y, y + kRows - 1);
       }
@@ -136,8 +138,9 @@ TEST_P(Stacks, EveryStatisticIsThatOfTheValidPixels) {
         const double expected = values.empty() ? 0 : statistic.expected(values);
         const double got = target->GetPixelGrayRaw(x, y, p);
         if (doubtful || std::abs(got - expected) < 2e-3) continue;
-        ADD_FAILURE() << statistic.name << " of " << frames << (paged ? " paged" : "") << " plane " << p << " (" << x
-                      << ", " << y << "): " << got << ", not " << expected << " of " << values.size();
+        ADD_FAILURE() << statistic.name << " of " << frames << (paged ? " paged" : "") << " plane " << p
+                      << " (" << x << ", " << y << "): " << got << ", not " << expected << " of "
+                      << values.size();
         ++wrong;
       }
     }
@@ -148,7 +151,7 @@ INSTANTIATE_TEST_SUITE_P(Frames, Stacks, ::testing::Values(1, 2, 3, 8, 21));
 
 /// Runs a stack of frames that are not moved, in bands.
 void StackBands(CVelImage& target, const std::vector<std::shared_ptr<CVelImage>>& images, int rows,
-         const std::function<void(CImgMedianComposit&, int, int)>& calculate) {
+                const std::function<void(CImgMedianComposit&, int, int)>& calculate) {
   CImgMedianComposit stack(&target, 0);
   ASSERT_EQ(stack.AllocateStoreBuffer(&target, static_cast<int>(images.size()), rows), 1);
   for (int y = 0; y < target.GetHeight(); y += rows) {
@@ -172,7 +175,8 @@ TEST(CImgMedianComposit, TheSameForAnyBandsThreadsAndStores) {
   };
   std::vector<std::shared_ptr<CVelImage>> images;
   for (int i = 0; i < 7; ++i) {
-    images.push_back(Make(MemoryStore(), kWidth, kHeight, 3, i % 2 ? Wild(100, 900, i) : Random(100, 900, i)));
+    images.push_back(
+        Make(MemoryStore(), kWidth, kHeight, 3, i % 2 ? Wild(100, 900, i) : Random(100, 900, i)));
   }
   const auto whole = Make(MemoryStore(), kWidth, kHeight, 3, Random(0, 1));
   StackBands(*whole, images, kHeight, clip);
@@ -229,20 +233,24 @@ TEST(CImgMedianComposit, FramesAreBroughtToTheReference) {
   for (const Case& c : {Case{5, 10, 140}, Case{-1, 10, 30}, Case{5, -1, 30}, Case{5, 0, 100}, Case{0, 10, 30},
                         Case{0, 0, 100}}) {
     const float got = OnePixel({30}, [&](CImgMedianComposit& stack) {
-      double a[] = {10, 0, 0}, b[] = {c.b, 0, 0}, referenceA[] = {100, 0, 0}, referenceB[] = {c.referenceB, 0, 0};
+      double a[] = {10, 0, 0}, b[] = {c.b, 0, 0}, referenceA[] = {100, 0, 0},
+             referenceB[] = {c.referenceB, 0, 0};
       stack.AddNormalizeParam(a, b);
       stack.SetRefNormalizeParam(referenceA, referenceB);
       stack.SigmaCalc(2, 0, 0);
     });
     EXPECT_EQ(got, c.expected) << c.b << " " << c.referenceB;
   }
-  const auto without = [] { OnePixel({30, 31}, [](CImgMedianComposit& stack) { stack.SigmaCalc(2, 0, 0); }); };
+  const auto without = [] {
+    OnePixel({30, 31}, [](CImgMedianComposit& stack) { stack.SigmaCalc(2, 0, 0); });
+  };
   EXPECT_THROW(without(), CInvalidArgException*);
 }
 
 TEST(CImgMedianComposit, OffsetsRunThroughTheBandValueByValue) {
   for (const auto& store : {MemoryStore(), TinyPool()}) {
-    const auto frame = Make(store, 5, 4, 3, [](int, int, int) { return 10; }), target = Make(store, 5, 4, 3, Random(0, 1));
+    const auto frame = Make(store, 5, 4, 3, [](int, int, int) { return 10; }),
+               target = Make(store, 5, 4, 3, Random(0, 1));
     CImgMedianComposit stack(target.get(), 0);
     stack.AllocateStoreBuffer(target.get(), 1, 4);
     float offsets[] = {1, 2, 3};
@@ -256,7 +264,8 @@ TEST(CImgMedianComposit, OffsetsRunThroughTheBandValueByValue) {
 TEST(CImgMedianComposit, RowsBeyondTargetAndStoreAreLeftOut) {
   for (const auto& store : {MemoryStore(), TinyPool()}) {
     const PixelRule rule = Random(1, 2);
-    const auto frame = Make(store, 9, 12, 1, rule), target = Make(store, 9, 12, 1, [](int, int, int) { return 7; });
+    const auto frame = Make(store, 9, 12, 1, rule),
+               target = Make(store, 9, 12, 1, [](int, int, int) { return 7; });
     CImgMedianComposit stack(target.get(), 0);
     EXPECT_EQ(stack.Store(0, frame.get(), 0, 3, 0, 0, 0, 0, 0, nullptr, 1), 0) << "no slot";
     stack.Calc(0, 11);

@@ -1,0 +1,172 @@
+#include "korimg/measurement/CImgPixelInfo.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+#include "korimg/image/Frame.h"
+#include "korimg/image/Numbers.h"
+#include "korimg/measurement/PSF.h"
+
+using namespace korimg;
+
+/// Where the figures of a plane go.
+struct CImgPixelInfo::Results {
+  double *min, *max, *mean, *sd, *median;
+
+  void Clear() const {
+    for (double* result : {min, max, mean, sd, median}) {
+      if (result) std::fill_n(result, 3, 0.0);
+    }
+  }
+
+  /// The figures of what is kept of a plane's sorted pixels.
+  void SetTrimmed(int plane, std::vector<float> const& sorted, double low, double high) const {
+    const int n = static_cast<int>(sorted.size());
+    if (n == 0) return;
+    const int first = std::clamp(TruncateToInt(n * (1 - high) * 0.5), 0, n / 2);
+    const int last = std::min(std::max(TruncateToInt(n * (low + 1) * 0.5), n / 2 + 1), n - 1);
+    const int kept = last - first + 1;
+    double sum = 0, squares = 0;
+    for (int i = first; i <= last; ++i) {
+      sum += sorted[i];
+    }
+    for (int i = first; i <= last; ++i) {
+      const double d = sorted[i] - sum / kept;
+      squares += d * d;
+    }
+    min[plane] = sorted[first];
+    max[plane] = sorted[last];
+    mean[plane] = sum / kept;
+    sd[plane] = std::sqrt(squares / kept);
+    if (median) median[plane] = sorted[first + kept / 2];
+  }
+};
+
+std::vector<float> CImgPixelInfo::PixelsOf(CRect rect, int plane) {
+  const Window window(*this, &rect);
+  std::vector<float> pixels;
+  for (int y = window.top; y < window.bottom && !window.IsEmpty(); ++y) {
+    float const* line = GetLine(window.left, y, plane);
+    pixels.insert(pixels.end(), line, line + window.Width());
+  }
+  std::sort(pixels.begin(), pixels.end(), NanLast);
+  return pixels;
+}
+
+std::vector<float> CImgPixelInfo::PixelsOf(int x, int y, int radius, int plane) {
+  const auto limited = [](long long v, int size) { return static_cast<int>(std::clamp<long long>(v, 0, size)); };
+  const int right = limited(1LL * x + radius, GetWidth()), bottom = limited(1LL * y + radius, GetHeight());
+  std::vector<float> pixels;
+  for (int row = limited(1LL * y - radius + 1, GetHeight()); row < bottom; ++row) {
+    float const* line = GetLine(0, row, plane);
+    for (int column = limited(1LL * x - radius + 1, GetWidth()); column < right; ++column) {
+      const long long dx = 1LL * column - x, dy = 1LL * row - y;
+      if (dx * dx + dy * dy < 1LL * radius * radius) pixels.push_back(line[column]);
+    }
+  }
+  std::sort(pixels.begin(), pixels.end(), NanLast);
+  return pixels;
+}
+
+void CImgPixelInfo::Calc(CRect rect, double* min, double* max, double* mean, double* sd, double* median) {
+  Results{min, max, mean, sd, median}.Clear();
+  const Window window(*this, &rect);
+  if (window.IsEmpty()) return;
+  const double n = static_cast<double>(window.Pixels());
+  for (int p = 0; p < Planes(); ++p) {
+    struct Line {
+      float min, max;
+      double sum;
+    };
+    const auto lines = MapLines(window.top, window.bottom, [&](int y) {
+      float const* in = GetLine(window.left, y, p);
+      Line line{in[0], in[0], 0};
+      for (int x = 0; x < window.Width(); ++x) {
+        line.min = in[x] < line.min ? in[x] : line.min;
+        line.max = in[x] > line.max ? in[x] : line.max;
+        line.sum += in[x];
+      }
+      return line;
+    });
+    min[p] = lines[0].min, max[p] = lines[0].max;
+    double sum = 0, squares = 0;
+    for (const Line& line : lines) {
+      min[p] = std::min<double>(min[p], line.min);
+      max[p] = std::max<double>(max[p], line.max);
+      sum += line.sum;
+    }
+    mean[p] = sum / n;
+    for (const double line : MapLines(window.top, window.bottom, [&](int y) {
+           float const* in = GetLine(window.left, y, p);
+           double lineSquares = 0;
+           for (int x = 0; x < window.Width(); ++x) {
+             lineSquares += (in[x] - mean[p]) * (in[x] - mean[p]);
+           }
+           return lineSquares;
+         })) {
+      squares += line;
+    }
+    sd[p] = std::sqrt(squares / n);
+    if (!median) continue;
+    std::vector<float> pixels = PixelsOf(rect, p);
+    median[p] = pixels[(pixels.size() - 1) / 2];
+  }
+}
+
+void CImgPixelInfo::Calc(CPoint centre, int size, double* min, double* max, double* mean, double* sd,
+                         double* median) {
+  const int half = size / 2;
+  Calc({centre.x - half, centre.y - half, centre.x + half + 1, centre.y + half + 1}, min, max, mean, sd, median);
+}
+
+void CImgPixelInfo::CalcFWHM(int x, int y, double* fwhm) {
+  constexpr int kNear = 10;
+  *fwhm = 0;
+  CRect box(x - kNear, y - kNear, x + kNear, y + kNear);
+  int peakX = -1, peakY = -1;
+  GetMaxPixel(0, &box, peakX, peakY);
+  PSF psf(this);
+  if (peakX < 0 || peakY < 0 || !psf.Add({peakX, peakY})) return;
+  psf.GetMeanFWHM(fwhm);
+}
+
+void CImgPixelInfo::CalcSky(CRect rect, double* min, double* max, double* mean, double* sd, double* median) {
+  CalcSky(rect, 1, 1, min, max, mean, sd, median);
+}
+
+void CImgPixelInfo::CalcSky(CRect rect, double low, double high, double* min, double* max, double* mean,
+                            double* sd, double* median) {
+  const Results results{min, max, mean, sd, median};
+  results.Clear();
+  for (int p = 0; p < Planes(); ++p) {
+    results.SetTrimmed(p, PixelsOf(rect, p), low, high);
+  }
+}
+
+void CImgPixelInfo::CalcSky(int x, int y, int radius, double low, double high, double* min, double* max,
+                            double* mean, double* sd, double* median) {
+  const Results results{min, max, mean, sd, median};
+  results.Clear();
+  for (int p = 0; p < Planes(); ++p) {
+    results.SetTrimmed(p, PixelsOf(x, y, radius, p), low, high);
+  }
+}
+
+void CImgPixelInfo::CalcStar(int x, int y, int radius, double low, double high, double* min, double* max,
+                             double* mean, double* sd, double* median, double* peak, double* fwhm) {
+  double medians[3];
+  const Results results{min, max, mean, sd, median ? median : medians};
+  results.Clear();
+  std::fill_n(peak, 3, 0.0);
+  std::fill_n(fwhm, 3, 0.0);
+  for (int p = 0; p < Planes(); ++p) {
+    const std::vector<float> sorted = PixelsOf(x, y, radius, p);
+    if (sorted.empty()) continue;
+    results.SetTrimmed(p, sorted, low, high);
+    peak[p] = sorted.back();
+    const double half = (results.median[p] + peak[p]) * 0.5;
+    const auto above = std::count_if(sorted.begin(), sorted.end(), [half](float v) { return v > half; });
+    fwhm[p] = 2 * std::sqrt(static_cast<double>(above) / std::numbers::pi);
+  }
+}
