@@ -126,8 +126,8 @@ void MoveLinear(Header& header, const AffineMap& map, const std::string& alterna
     return;
   }
   const double size = std::sqrt(std::abs(map.Inverse().Determinant()));
-  const Matrix turn = {{{inverse[0][0] / size, inverse[0][1] / size},
-                        {inverse[1][0] / size, inverse[1][1] / size}}};
+  const Matrix turn = {
+      {{inverse[0][0] / size, inverse[0][1] / size}, {inverse[1][0] / size, inverse[1][1] / size}}};
   if (turn != kIdentity) {
     const Matrix pc = Turn(header, alternate) * turn;
     RemoveTurn(header, alternate);
@@ -237,8 +237,8 @@ bool MoveMosaic(Header& header, const ImageSize& before, const ImageSize& after,
   if (inverse.tx != std::floor(inverse.tx) || inverse.ty != std::floor(inverse.ty)) return false;
   const auto parity = [](double v) { return static_cast<int>(std::fmod(std::abs(v), 2)); };
   // The first pixel of the result, seen as a corner cut out of the source.
-  const int wanted = CfaNumber(
-      BayerLayout{.pattern = mosaic.cfa, .cropX = parity(inverse.tx), .cropY = parity(inverse.ty)});
+  const int wanted =
+      CfaNumber(BayerLayout{.pattern = mosaic.cfa, .cropX = parity(inverse.tx), .cropY = parity(inverse.ty)});
   const char* key = header.GetString("BAYERPAT") ? "BAYERPAT" : "FILTER";
   for (const char* offset : {"XBAYROFF", "YBAYROFF"}) {
     if (header.GetString(offset)) header.Set(offset, 0);

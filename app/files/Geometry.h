@@ -15,8 +15,6 @@ struct AffineMap {
 
   static AffineMap Shift(double x, double y) { return {.tx = x, .ty = y}; }
 
-  /// False for a map that leaves no area.
-  bool IsInvertible() const { return Determinant() != 0; }
   double Determinant() const { return xx * yy - xy * yx; }
   AffineMap Inverse() const;
   /// This map first, then another.
@@ -28,11 +26,13 @@ struct ImageSize {
   int width = 0, height = 0, planes = 1;
 };
 
-/// Brings the header of an image of one size along with its pixels, which the map sends to an image of another:
+/// Brings the header of an image of one size along with its pixels, which the map sends to an image of
+/// another:
 /// - world coordinates of every description (CRPIX, and CD, or CDELT with PC or CROTA), LTV and LTM;
 /// - SIP polynomials survive shifts and mirroring, and are dropped with a line of HISTORY otherwise, as are
 ///   look-up tables of distortions. Distortions of the world's side (PVi_m) do not see pixels and stay;
-/// - XPIXSZ, YPIXSZ, PIXSIZE1, PIXSIZE2, SCALE and PIXSCALE follow the size of pixels, XORGSUBF and YORGSUBF a
+/// - XPIXSZ, YPIXSZ, PIXSIZE1, PIXSIZE2, SCALE and PIXSCALE follow the size of pixels, XORGSUBF and YORGSUBF
+/// a
 ///   shift;
 /// - the phase of a mosaic follows shifts and mirroring by whole pixels.
 /// False, and nothing done, where the image is an undeveloped mosaic that the map would mix up.

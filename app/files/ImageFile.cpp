@@ -236,12 +236,12 @@ std::unique_ptr<ImageWriter> ImageWriter::Create(const fs::path& path, const Wri
     for (const Format& f : kFormats) {
       all += std::string(all.empty() ? "" : " ") + f.extensions;
     }
-    throw FileError(
-        path, fmt::format("cannot tell the format from the extension '{}'; supported are {}", extension, all));
+    throw FileError(path, fmt::format("cannot tell the format from the extension '{}'; supported are {}",
+                                      extension, all));
   }
   if (std::find(format->types.begin(), format->types.end(), options.type) == format->types.end()) {
-    throw FileError(path, fmt::format("cannot write {} pixels to {}; supported are {}", options.type, extension,
-                                      fmt::join(format->types, " and ")));
+    throw FileError(path, fmt::format("cannot write {} pixels to {}; supported are {}", options.type,
+                                      extension, fmt::join(format->types, " and ")));
   }
   std::error_code error;
   const fs::file_status status = fs::symlink_status(path, error);

@@ -112,12 +112,13 @@ class ImageReader {
 };
 
 struct WriteOptions {
-  int width = 0, height = 0;     ///< pixels
-  int planes = 1;                ///< 1 or 3
-  std::string type = "float32";  ///< FITS: float32 or uint16; TIFF: uint8 too; PNG: uint8 or uint16; JPEG: uint8
-  Header header = {};            ///< FITS: cards to carry over (see Header::CardsForOutput)
-  bool verbatim = false;         ///< FITS: write the header's cards as they are, all of them
-  bool overwrite = false;        ///< replace an existing file
+  int width = 0, height = 0;  ///< pixels
+  int planes = 1;             ///< 1 or 3
+  std::string type =
+      "float32";           ///< FITS: float32 or uint16; TIFF: uint8 too; PNG: uint8 or uint16; JPEG: uint8
+  Header header = {};      ///< FITS: cards to carry over (see Header::CardsForOutput)
+  bool verbatim = false;   ///< FITS: write the header's cards as they are, all of them
+  bool overwrite = false;  ///< replace an existing file
 };
 
 /// An image being written: to "<name>.part" beside the final name, which it takes in Commit(). Without

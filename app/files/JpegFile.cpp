@@ -1,4 +1,5 @@
-// JPEG files: gray or colour, through libjpeg. They are written only: their losses are no input for measurements.
+// JPEG files: gray or colour, through libjpeg. They are written only: their losses are no input for
+// measurements.
 #include <array>
 #include <csetjmp>
 #include <cstdio>

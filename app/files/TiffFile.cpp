@@ -276,7 +276,9 @@ class TiffWriter : public ImageWriter {
   TiffWriter(const fs::path& path, const WriteOptions& options)
       : ImageWriter(path, options, false),
         part_(PartialName(path)),
-        bytes_(options.type == "uint8" ? 1 : options.type == "uint16" ? 2 : 4) {
+        bytes_(options.type == "uint8"    ? 1
+               : options.type == "uint16" ? 2
+                                          : 4) {
     const std::uint64_t rowBytes = static_cast<std::uint64_t>(options.width) *
                                    static_cast<std::uint64_t>(options.planes) *
                                    static_cast<std::uint64_t>(bytes_);

@@ -30,8 +30,9 @@ files::ImageSize SizeOf(const Call& call) {
 }
 
 [[noreturn]] void RefuseMosaic(const Call& call) {
-  throw UsageError(fmt::format(
-      "{}: the image is an undeveloped mosaic, whose colours this would mix up; develop it first", call.Name()));
+  throw UsageError(
+      fmt::format("{}: the image is an undeveloped mosaic, whose colours this would mix up; develop it first",
+                  call.Name()));
 }
 
 /// Takes the header along with pixels that go to an image of another size.
@@ -71,7 +72,8 @@ void LayOn(Call& call, int width, int height, Place column, Place row, std::vect
 void QuarterTurn(Call& call, bool clockwise) {
   const auto before = SizeOf(call);
   Move(call, before, before.height, before.width,
-       clockwise ? AffineMap{0, -1, 1, 0, before.height - 1.0, 0} : AffineMap{0, 1, -1, 0, 0, before.width - 1.0});
+       clockwise ? AffineMap{0, -1, 1, 0, before.height - 1.0, 0}
+                 : AffineMap{0, 1, -1, 0, 0, before.width - 1.0});
   Replace<CImgRotate>(call,
                       [&](CImgRotate& target) { return target.Do90(clockwise, call.image.get(), kShow); });
 }
@@ -187,7 +189,8 @@ void Join(Call& call) {
   if (!files::DropWorldCoordinates(call.header, size, "the image is a mosaic of two")) RefuseMosaic(call);
   second->SetDefaultCenter();
   const double x = call.Number("x"), y = call.Number("y"), angle = call.Number("angle");
-  const double sine = std::sin(angle * std::numbers::pi / 180), cosine = std::cos(angle * std::numbers::pi / 180);
+  const double sine = std::sin(angle * std::numbers::pi / 180),
+               cosine = std::cos(angle * std::numbers::pi / 180);
   const CfPoint centre = second->GetStdCtr();
   double left = 0, top = 0, right = size.width, bottom = size.height;
   for (const double u : {-centre.fx, second->GetWidth() - centre.fx}) {
@@ -260,8 +263,8 @@ void Scale(Call& call) {
   const auto side = [](int size, double factor) { return std::max(std::round(size * factor), 1.0); };
   const double width = side(before.width, factorX), height = side(before.height, factorY);
   if (width > files::kMaxSide || height > files::kMaxSide) {
-    throw UsageError(fmt::format("scale: {} x {} is too large; the most is {} on a side", width, height,
-                                 files::kMaxSide));
+    throw UsageError(
+        fmt::format("scale: {} x {} is too large; the most is {} on a side", width, height, files::kMaxSide));
   }
   const int newWidth = static_cast<int>(width), newHeight = static_cast<int>(height);
   Move(call, before, newWidth, newHeight, {width / before.width, 0, 0, height / before.height});

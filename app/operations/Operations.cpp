@@ -240,8 +240,8 @@ Parameter Points(const std::string& name, const std::string& value, const std::s
   return {name, Kind::Points, "0-1", value, 0, 1, {}, help};
 }
 
-Parameter Kernel() {
-  return Choice("method", {"bilinear", "bicubic", "lanczos2", "lanczos3", "nearest"}, "how pixels are read between their centres");
+Parameter Kernel(const std::string& help) {
+  return Choice("method", kKernels, "how pixels are read between their centres" + help);
 }
 
 Parameter Radius(const std::string& help) {
@@ -372,8 +372,10 @@ const std::vector<Operation>& Operations() {
       {"expansion",
        "unfolds the disc of a planet into a map of equal degrees, twice as wide as high",
        {Number("radius", "pixels", "", "of the disc at its equator", 1, kFar),
-        Optional(Number("centre-x", "pixels", "", "of the disc; the image's middle when left out", -kFar, kFar)),
-        Optional(Number("centre-y", "pixels", "", "of the disc; the image's middle when left out", -kFar, kFar)),
+        Optional(
+            Number("centre-x", "pixels", "", "of the disc; the image's middle when left out", -kFar, kFar)),
+        Optional(
+            Number("centre-y", "pixels", "", "of the disc; the image's middle when left out", -kFar, kFar)),
         Number("tilt-y", "degrees", "0", "by which the north pole is tipped towards the viewer", -360, 360),
         Number("tilt-x", "degrees", "0", "by which the north pole is then turned to the left", -360, 360),
         Number("oblateness", "", "1", "polar radius in equatorial ones", 0.01, 1),
@@ -456,8 +458,8 @@ const std::vector<Operation>& Operations() {
        {File("file", "the second image"),
         Number("x", "pixels", "0", "of the second image's top left corner, from this one's", -kFar, kFar),
         Number("y", "pixels", "0", "of the same corner", -kFar, kFar),
-        Number("angle", "degrees", "0", "by which the second is turned about its middle, clockwise on the screen",
-               -360, 360),
+        Number("angle", "degrees", "0",
+               "by which the second is turned about its middle, clockwise on the screen", -360, 360),
         Choice("mode", {"second", "transparent", "brighter", "darker"},
                "what shows where both lie: the second; this one where the second has the transparent value; "
                "the larger pixel; the smaller"),
@@ -486,20 +488,22 @@ const std::vector<Operation>& Operations() {
        RebaseToZero},
       {"rotate",
        "turns the image; quarter and half turns are exact",
-       {Number("degrees", "degrees", "", "a positive angle turns the picture clockwise on the screen", -1e6, 1e6),
-        Kernel(), Flag("expand", "1", "1: the canvas grows to hold the corners; 0: it keeps its size"),
-        Integer("outside", "0-255", "0", 0, 255, "of the pixels that the image does not reach, by plane 0's levels")},
+       {Number("degrees", "degrees", "", "a positive angle turns the picture clockwise on the screen", -1e6,
+               1e6),
+        Kernel(""), Flag("expand", "1", "1: the canvas grows to hold the corners; 0: it keeps its size"),
+        Integer("outside", "0-255", "0", 0, 255,
+                "of the pixels that the image does not reach, by plane 0's levels")},
        false,
        Rotate,
        std::nullopt},
       {"scale",
        "changes the number of pixels; to make an image much smaller, bin it first",
-       {Optional(Integer("width", "pixels", "", 1, kLargestSide, "of the result; in proportion when left out")),
-        Optional(Integer("height", "pixels", "", 1, kLargestSide, "of the result; in proportion when left out")),
+       {Optional(
+            Integer("width", "pixels", "", 1, kLargestSide, "of the result; in proportion when left out")),
+        Optional(
+            Integer("height", "pixels", "", 1, kLargestSide, "of the result; in proportion when left out")),
         Optional(Number("factor", "", "", "of both sides, in place of width and height", 0.001, 1000)),
-        Choice("method", {"bilinear", "bicubic", "lanczos2", "lanczos3", "nearest"},
-               "how pixels are read between their centres; bicubic is softer on contiguous stores (slope -0.1) "
-               "than on paged ones (-0.5)")},
+        Kernel("; bicubic is softer on contiguous stores (slope -0.1) than on paged ones (-0.5)")},
        false,
        Scale},
       {"scroll",

@@ -37,6 +37,9 @@ struct Parameter {
   bool optional = false;  ///< may be left out though it has no default
 };
 
+/// Names of the kernels that images are read by between their pixels, by the library's numbers.
+inline const std::vector<std::string> kKernels = {"bilinear", "bicubic", "lanczos2", "lanczos3", "nearest"};
+
 /// A point of a curve on scales of 0 to 1.
 struct CurvePoint {
   double x = 0, y = 0;

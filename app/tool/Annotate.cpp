@@ -51,7 +51,8 @@ class Drawing {
   }
 
   void Circle(double x, double y, double radius) {
-    if (x + radius < 0 || y + radius < 0 || x - radius > pen_.GetWidth() || y - radius > pen_.GetHeight()) return;
+    if (x + radius < 0 || y + radius < 0 || x - radius > pen_.GetWidth() || y - radius > pen_.GetHeight())
+      return;
     const int sides = std::clamp(static_cast<int>(radius * 2), 16, 720);
     const auto point = [&](int i) {
       const double angle = 2 * std::numbers::pi * i / sides;
@@ -106,7 +107,7 @@ class Drawing {
 
 /// The largest round angle of at most so many seconds.
 double RoundAngle(double most) {
-  constexpr double kRound[] = {0.1, 0.2, 0.5, 1,   2,    5,    10,   20,    30,    60,    120,
+  constexpr double kRound[] = {0.1, 0.2, 0.5,  1,    2,    5,    10,    20,    30,    60,    120,
                                300, 600, 1200, 1800, 3600, 7200, 18000, 36000, 72000, 108000};
   return *std::max(std::upper_bound(std::begin(kRound), std::end(kRound), most) - 1, std::begin(kRound));
 }
@@ -128,8 +129,9 @@ void Annotate(CVelImage& picture, const Annotations& annotations, const std::fil
   constexpr double kFar = 1e6;  // pixels
   Drawing drawing(picture);
   if (!annotations.stars.empty()) {
-    for (const auto& star : ReadNumberLines(annotations.stars, 2, 3, kFar,
-                                            "star; write x, y and, if wanted, a radius in pixels: 12.5 80 6")) {
+    for (const auto& star :
+         ReadNumberLines(annotations.stars, 2, 3, kFar,
+                         "star; write x, y and, if wanted, a radius in pixels: 12.5 80 6")) {
       if (star.size() == 3 && star[2] < 0) {
         throw files::FileError(annotations.stars, fmt::format("a radius of {} is not possible", star[2]));
       }
@@ -141,9 +143,10 @@ void Annotate(CVelImage& picture, const Annotations& annotations, const std::fil
   if (annotations.scaleBar) {
     const auto scale = files::PixelScale(header);
     if (!scale) {
-      throw files::FileError(input,
-                             "does not say its scale: it has neither world coordinates, nor SCALE, nor FOCALLEN "
-                             "with XPIXSZ; leave --scale-bar out");
+      throw files::FileError(
+          input,
+          "does not say its scale: it has neither world coordinates, nor SCALE, nor FOCALLEN "
+          "with XPIXSZ; leave --scale-bar out");
     }
     constexpr double kShareOfWidth = 0.3;
     const double pixel = *scale * binX, length = RoundAngle(kShareOfWidth * drawing.Width() * pixel);

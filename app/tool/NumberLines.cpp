@@ -30,8 +30,7 @@ std::vector<std::vector<double>> ReadNumberLines(const std::filesystem::path& pa
     }
     if (values.empty()) continue;
     if (!good || values.size() < least || values.size() > most) {
-      throw files::FileError(
-          path, fmt::format("line {}: '{}' is no {}", number, line.substr(0, 60), wanted));
+      throw files::FileError(path, fmt::format("line {}: '{}' is no {}", number, line.substr(0, 60), wanted));
     }
     lines.push_back(std::move(values));
   }

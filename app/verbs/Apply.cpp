@@ -140,7 +140,8 @@ std::string RangeText(const Parameter& parameter) {
   constexpr double kUnlimited = 1e30;
   if (parameter.kind == ParameterKind::Choice) return fmt::format("{}", fmt::join(parameter.choices, ", "));
   if (parameter.kind == ParameterKind::File || parameter.kind == ParameterKind::Flag ||
-      parameter.kind == ParameterKind::Rect || parameter.kind == ParameterKind::Points || parameter.high >= kUnlimited)
+      parameter.kind == ParameterKind::Rect || parameter.kind == ParameterKind::Points ||
+      parameter.high >= kUnlimited)
     return "";
   return fmt::format("{} to {}", parameter.low, parameter.high);
 }

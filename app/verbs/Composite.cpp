@@ -17,7 +17,6 @@ namespace {
 
 const std::vector<std::string> kModes = {"average", "add",        "weight",   "subtract", "multiply",
                                          "divide",  "difference", "brighter", "darker",   "neighbour"};
-const std::vector<std::string> kKernels = {"bilinear", "bicubic", "lanczos2", "lanczos3", "nearest"};
 constexpr int kNeighbour = 9;
 constexpr double kFar = 1e6;  // pixels
 
@@ -38,8 +37,8 @@ struct CompositeOptions {
 
   /// As a call would be written with all that counts.
   std::string Text() const {
-    std::string text = fmt::format("composite {} {} --mode {} --dx {} --dy {} --angle {} --kernel {}", first, second,
-                                   mode, dx, dy, angle, kernel);
+    std::string text = fmt::format("composite {} {} --mode {} --dx {} --dy {} --angle {} --kernel {}", first,
+                                   second, mode, dx, dy, angle, kernel);
     if (!centre.empty()) text += " --centre " + centre;
     if (mode == "weight" || mode == "neighbour") text += fmt::format(" --weight {}", weight);
     if (mode == "neighbour") text += fmt::format(" --threshold {} --radius {}", threshold, radius);
@@ -76,7 +75,8 @@ std::unique_ptr<CVelImage> AsKindOf(const CVelImage& first, std::unique_ptr<CVel
 /// What the ranges of the options let through.
 void Check(const CompositeOptions& options) {
   for (const double number : {options.dx, options.dy, options.angle, options.weight, options.threshold}) {
-    if (std::isnan(number)) throw UsageError("composite: write numbers for --dx, --dy, --angle and the others");
+    if (std::isnan(number))
+      throw UsageError("composite: write numbers for --dx, --dy, --angle and the others");
   }
   if (options.Mode() == kNeighbour && std::abs(options.angle) >= 90) {
     throw UsageError("--mode neighbour turns by less than 90 degrees");
@@ -109,7 +109,8 @@ void Composite(Tool& tool, const CompositeOptions& options) {
   }
   result.SetProgressHandle(tool.console.OperationWindow("composite"));
   result.Do(&first, second.get(), options.dx, options.dy, options.angle, 1, options.Mode(), options.Kernel(),
-            options.weight, options.level, options.cutMinus, options.threshold, options.radius, window, 1, -1);
+            options.weight, options.level, options.cutMinus, options.threshold, options.radius, window, 1,
+            -1);
   tool.console.EndProgress();
   // A small rectangle may have been widened: only what was asked for goes back into the image.
   if (window) first.Paste(&result, window);
@@ -133,7 +134,8 @@ void AddComposite(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<CompositeOptions>();
   CLI::App* verb = app.add_subcommand("composite", "Combine two images into one");
   verb->add_option("first", options->first, "gives the size, header and levels of the result")->required();
-  verb->add_option("second", options->second, "of any size; mono serves colour, colour serves mono by its luminance")
+  verb->add_option("second", options->second,
+                   "of any size; mono serves colour, colour serves mono by its luminance")
       ->required();
   verb->add_option("-o,--output", options->output, "FITS, TIFF or PNG, by its extension")->required();
   verb->add_option("--dx", options->dx, "pixels by which the second is shifted to the right")
@@ -141,10 +143,13 @@ void AddComposite(CLI::App& app, Tool& tool) {
   verb->add_option("--dy", options->dy, "pixels by which it is shifted down")->check(CLI::Range(-kFar, kFar));
   verb->add_option("--angle", options->angle, "degrees by which it is turned first, clockwise on the screen")
       ->check(CLI::Range(-360.0, 360.0));
-  verb->add_option("--centre", options->centre, "X,Y of the second that it turns about; its middle unless told");
-  verb->add_option("--mode", options->mode,
-                   "how the two are combined; where the second does not reach it counts as 0, and as 255 in multiply "
-                   "and divide (with --level on contiguous stores from its black); neighbour replaces what is saturated in a long exposure by a short one")
+  verb->add_option("--centre", options->centre,
+                   "X,Y of the second that it turns about; its middle unless told");
+  verb->add_option(
+          "--mode", options->mode,
+          "how the two are combined; where the second does not reach it counts as 0, and as 255 in multiply "
+          "and divide (with --level on contiguous stores from its black); neighbour replaces what is "
+          "saturated in a long exposure by a short one")
       ->check(CLI::IsMember(kModes));
   verb->add_option("--kernel", options->kernel, "how the second is read between its pixels")
       ->check(CLI::IsMember(kKernels));
@@ -155,7 +160,8 @@ void AddComposite(CLI::App& app, Tool& tool) {
   verb->add_flag("--cut-minus", options->cutMinus, "subtract: negative results become 0");
   verb->add_option("--threshold", options->threshold, "neighbour: saturated is what exceeds this share")
       ->check(CLI::Range(0.0, 1.0));
-  verb->add_option("--radius", options->radius, "neighbour: pixels to look at on each side")->check(CLI::Range(0, 2));
+  verb->add_option("--radius", options->radius, "neighbour: pixels to look at on each side")
+      ->check(CLI::Range(0, 2));
   verb->add_option("--rect", options->rect, "LEFT,TOP,RIGHT,BOTTOM: outside of it the first image stays");
   verb->add_option("--store", options->store, "contiguous or paged")
       ->check(CLI::IsMember({"contiguous", "paged"}));

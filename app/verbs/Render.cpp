@@ -24,11 +24,12 @@ struct RenderOptions {
   Annotations annotations;
 };
 
-/// Makes an image smaller by cells: each pixel is what the levels show of its cell in the mean, so that a bright
-/// star stays a point, and blank pixels are black ones.
+/// Makes an image smaller by cells: each pixel is what the levels show of its cell in the mean, so that a
+/// bright star stays a point, and blank pixels are black ones.
 void Shrink(std::unique_ptr<CVelImage>& image, int binX, int binY) {
   for (int p = 0; p < image->GetPlanes(); ++p) {
-    const auto black = static_cast<float>(image->GetLevelMin(p)), white = static_cast<float>(image->GetLevelMax(p));
+    const auto black = static_cast<float>(image->GetLevelMin(p)),
+               white = static_cast<float>(image->GetLevelMax(p));
     for (int y = 0; y < image->GetHeight(); ++y) {
       float* line = image->GetWritableLine(0, y, p);
       for (int x = 0, width = image->GetWidth(); x < width; ++x) {
@@ -45,7 +46,8 @@ void Shrink(std::unique_ptr<CVelImage>& image, int binX, int binY) {
 }
 
 /// Renders an image into a bitmap, band by band, and writes it: blue, green, red in pixels of `step` bytes.
-void WritePicture(Tool& tool, CVelImage& image, CBaseDIB& bitmap, int step, const std::filesystem::path& path) {
+void WritePicture(Tool& tool, CVelImage& image, CBaseDIB& bitmap, int step,
+                  const std::filesystem::path& path) {
   const int width = image.GetWidth(), height = image.GetHeight(), planes = image.GetPlanes() < 3 ? 1 : 3;
   if (!bitmap.Create(nullptr, width, height, 0)) {
     throw velora::CVmMemoryAllocationError("no room for the picture");
@@ -116,7 +118,8 @@ void AddRender(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<RenderOptions>();
   CLI::App* verb = app.add_subcommand("render", "Make a picture of an image");
   verb->add_option("input", options->input, "FITS, TIFF or PNG")->required();
-  verb->add_option("-o,--output", options->output, "the picture of 8 bits: PNG, TIFF or JPEG, by its extension")
+  verb->add_option("-o,--output", options->output,
+                   "the picture of 8 bits: PNG, TIFF or JPEG, by its extension")
       ->required();
   verb->add_option("--level", options->level,
                    "how black and white are set; none takes the image's own levels")
@@ -131,9 +134,10 @@ void AddRender(CLI::App& app, Tool& tool) {
   verb->add_flag("--scale-bar", options->annotations.scaleBar,
                  "bar of a round angle, by the world coordinates, or by FOCALLEN and XPIXSZ")
       ->needs(annotate);
-  verb->add_option("--stars", options->annotations.stars,
-                   "text file of circles, 'x y [radius]' in pixels of the image on each line, from the centre of "
-                   "its first pixel; # begins a comment")
+  verb->add_option(
+          "--stars", options->annotations.stars,
+          "text file of circles, 'x y [radius]' in pixels of the image on each line, from the centre of "
+          "its first pixel; # begins a comment")
       ->needs(annotate);
   verb->add_option("--hdu", options->hdu, "number or name of the FITS extension to read");
   AddCommonOptions(*verb, tool);

@@ -24,8 +24,8 @@ struct Point {
   double x = 0, y = 0;
 };
 
-/// Right ascension and declination in radians of a 0-based pixel: SIP, then CD, or CDELT with PC or CROTA2, then
-/// the gnomonic projection.
+/// Right ascension and declination in radians of a 0-based pixel: SIP, then CD, or CDELT with PC or CROTA2,
+/// then the gnomonic projection.
 Point Sky(const Header& header, Point pixel) {
   const auto number = [&](const std::string& key, double missing) {
     return header.GetDouble(key).value_or(missing);
@@ -34,7 +34,8 @@ Point Sky(const Header& header, Point pixel) {
     double sum = 0;
     for (int p = 0; p <= 3; ++p) {
       for (int q = 0; p + q <= 3; ++q) {
-        sum += number(name + "_" + std::to_string(p) + "_" + std::to_string(q), 0) * std::pow(u, p) * std::pow(v, q);
+        sum += number(name + "_" + std::to_string(p) + "_" + std::to_string(q), 0) * std::pow(u, p) *
+               std::pow(v, q);
       }
     }
     return sum;
@@ -150,35 +151,39 @@ Point Centroid(CVelImage& image) {
   return {x / sum, y / sum};
 }
 
-constexpr const char* kSteps[] = {"crop rect=11,8,90,66",
-                                  "flip axis=left-right",
-                                  "flip axis=top-bottom",
-                                  "lift-up lines=6",
-                                  "scroll x=4 y=-5",
-                                  "canvas width=130 height=60 anchor=centre",
-                                  "canvas width=90 height=101 anchor=bottom-right",
-                                  "rotate degrees=180",
-                                  "rotate degrees=90",
-                                  "rotate degrees=-90 expand=0",
-                                  "rotate degrees=450",
-                                  "rotate degrees=23.5",
-                                  "rotate degrees=-130 method=bicubic",
-                                  "rotate degrees=8 expand=0",
-                                  "bin bin-x=2 bin-y=2",
-                                  "bin bin-x=3 bin-y=1 round-up=1",
-                                  "scale factor=1.7",
-                                  "scale width=150 method=lanczos3",
-                                  "scale width=120 height=200",
-                                  "crop rect=5,3,95,70 then rotate degrees=12 then bin then flip axis=left-right",
-                                  "flip then scale factor=2 then rotate degrees=270 then canvas width=220 height=220"};
+constexpr const char* kSteps[] = {
+    "crop rect=11,8,90,66",
+    "flip axis=left-right",
+    "flip axis=top-bottom",
+    "lift-up lines=6",
+    "scroll x=4 y=-5",
+    "canvas width=130 height=60 anchor=centre",
+    "canvas width=90 height=101 anchor=bottom-right",
+    "rotate degrees=180",
+    "rotate degrees=90",
+    "rotate degrees=-90 expand=0",
+    "rotate degrees=450",
+    "rotate degrees=23.5",
+    "rotate degrees=-130 method=bicubic",
+    "rotate degrees=8 expand=0",
+    "bin bin-x=2 bin-y=2",
+    "bin bin-x=3 bin-y=1 round-up=1",
+    "scale factor=1.7",
+    "scale width=150 method=lanczos3",
+    "scale width=120 height=200",
+    "crop rect=5,3,95,70 then rotate degrees=12 then bin then flip axis=left-right",
+    "flip then scale factor=2 then rotate degrees=270 then canvas width=220 height=220"};
 
 TEST_F(Geometry, AnObjectKeepsItsPlaceInTheSky) {
   for (const Point object : {Point{33.3, 24.6}, Point{58.0, 41.2}}) {
     for (const char* form : {"CD", "CDELT", "CROTA", "PC", "SIP"}) {
       const Header header = Coordinates(form);
-      Save(97, 71, 1, [&](int, int x, int y) {
-        return 100 + 1000 * std::exp(-0.5 * (std::pow(x - object.x, 2) + std::pow(y - object.y, 2)) / 9);
-      }, header);
+      Save(
+          97, 71, 1,
+          [&](int, int x, int y) {
+            return 100 + 1000 * std::exp(-0.5 * (std::pow(x - object.x, 2) + std::pow(y - object.y, 2)) / 9);
+          },
+          header);
       const Point sky = Sky(header, object);
       for (const std::string steps : kSteps) {
         for (const std::string store : {"contiguous", "paged"}) {
@@ -239,7 +244,9 @@ TEST_F(Geometry, OtherDescriptionsMoveToo) {
     std::filesystem::copy_file(In("a.fits"), In("b.fits"), std::filesystem::copy_options::overwrite_existing);
     const Header gone = Run(steps + file).info.header;
     EXPECT_FALSE(gone.GetString("CRPIX1") || gone.GetString("CD1_1") || gone.GetString("CTYPE1B")) << steps;
-    const auto says = [](const std::string& card) { return card.starts_with("HISTORY korimg dropped the world"); };
+    const auto says = [](const std::string& card) {
+      return card.starts_with("HISTORY korimg dropped the world");
+    };
     EXPECT_TRUE(std::any_of(gone.cards.begin(), gone.cards.end(), says)) << steps;
     std::filesystem::current_path("/");
   }
@@ -261,7 +268,8 @@ TEST_F(Geometry, TheMosaicKeepsItsPhase) {
         info.header = header;
         info.height = 15;
         const int before = files::FindMosaic(info).cfa;
-        Save(18, 15, 1, [&](int, int x, int y) { return colourOf(before, x, y); }, header);
+        Save(
+            18, 15, 1, [&](int, int x, int y) { return colourOf(before, x, y); }, header);
         for (const char* steps :
              {"crop rect=0,0,10,9", "crop rect=1,0,10,10", "crop rect=2,3,17,14", "crop rect=3,5,12,15",
               "flip axis=left-right", "flip axis=top-bottom", "rotate degrees=180", "lift-up lines=3",
@@ -279,7 +287,8 @@ TEST_F(Geometry, TheMosaicKeepsItsPhase) {
             }
           }
         }
-        for (const char* steps : {"rotate degrees=90", "rotate degrees=5", "bin", "scale factor=2", "expansion radius=5"}) {
+        for (const char* steps :
+             {"rotate degrees=90", "rotate degrees=5", "bin", "scale factor=2", "expansion radius=5"}) {
           EXPECT_THROW(Run(steps), UsageError) << steps;
         }
       }
@@ -352,8 +361,8 @@ TEST_F(Geometry, PixelsGoWhereTheyShould) {
 TEST_F(Geometry, WhatIsNotPossibleIsRefused) {
   Save(31, 22, 1, Random(0, 1));
   SaveImage(tool_, *Make(MemoryStore(), 31, 22, 3, Random(0, 1)), {}, In("colour.fits"));
-  for (const char* steps : {"crop rect=0,0,32,5", "crop rect=-1,0,3,5", "bin bin-x=32", "scale", "scale factor=2 width=3",
-                            "scale width=1000000 height=1 then scale factor=2"}) {
+  for (const char* steps : {"crop rect=0,0,32,5", "crop rect=-1,0,3,5", "bin bin-x=32", "scale",
+                            "scale factor=2 width=3", "scale width=1000000 height=1 then scale factor=2"}) {
     EXPECT_THROW(Run(steps), UsageError) << steps;
   }
   EXPECT_THROW(CheckValue(FindOperation("crop"), FindOperation("crop").parameters[0], "5,5,2,9"), UsageError);
