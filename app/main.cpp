@@ -29,7 +29,7 @@ int Run(int argc, char** argv, Tool& tool) {
   app.set_help_all_flag("--help-all", "Help of all verbs");
   AddVersion(app, tool);
   for (const auto add :
-       {AddInfo, AddOps, AddApply, AddCalibrate, AddDevelop, AddRender, AddRun, AddSimulate}) {
+       {AddInfo, AddOps, AddApply, AddCalibrate, AddComposite, AddDevelop, AddRender, AddRun, AddSimulate}) {
     add(app, tool);
   }
   try {
