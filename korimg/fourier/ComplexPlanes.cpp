@@ -1,0 +1,143 @@
+#include "korimg/fourier/ComplexPlanes.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <new>
+
+#include <sys/mman.h>
+
+#include "korimg/fourier/LineTransform.h"
+#include "korimg/fourier/Rows.h"
+#include "korimg/platform/CParallel.h"
+
+using namespace korimg;
+
+namespace {
+
+constexpr std::align_val_t kAlignment{1 << 21};  ///< of huge pages, which spare the column passes a search
+
+}  // namespace
+
+ComplexPlanes::ComplexPlanes(bool onTeam) : onTeam_(onTeam) {}
+ComplexPlanes::~ComplexPlanes() = default;
+
+void ComplexPlanes::Release::operator()(complex* p) const {
+  ::operator delete(p, kAlignment);
+}
+
+int ComplexPlanes::Create(int width, int height) {
+  width_ = height_ = 0;
+  for (auto& array : arrays_) {
+    array.reset();
+  }
+  constexpr int kLargest = std::numeric_limits<int>::max() / 2 + 1;
+  if (width < 1 || height < 1 || width > kLargest || height > kLargest) return 0;
+  const int w = static_cast<int>(std::bit_ceil(static_cast<unsigned>(width)));
+  const int h = static_cast<int>(std::bit_ceil(static_cast<unsigned>(height)));
+  const size_t bytes = sizeof(complex) * w * h;
+  for (auto& array : arrays_) {
+    array.reset(static_cast<complex*>(::operator new(bytes, kAlignment, std::nothrow)));
+    if (!array) {
+      arrays_[0].reset();
+      return 0;
+    }
+    madvise(array.get(), bytes, MADV_HUGEPAGE);
+  }
+  width_ = w;
+  height_ = h;
+  Init();
+  return 1;
+}
+
+void ComplexPlanes::Init() {
+  for (int p = 0; p < 2; ++p) {
+    ampPhase_[p] = false;
+    ForLines(onTeam_ ? Team::All : Team::One, 0, height_, [&](int y) {
+      std::memset(static_cast<void*>(arrays_[p].get() + static_cast<size_t>(y) * width_), 0,
+                  sizeof(complex) * width_);
+    });
+  }
+}
+
+complex* ComplexPlanes::GetArray(int plane) {
+  return plane == 0 || plane == 1 ? arrays_[plane].get() : nullptr;
+}
+
+void ComplexPlanes::Swap(int plane) {
+  complex* data = GetArray(plane);
+  if (!data) return;
+  const auto exchange = [&](int y) {
+    complex* row = data + static_cast<size_t>(y) * width_;
+    std::swap_ranges(row, row + width_ / 2, row + width_ / 2);
+    return row;
+  };
+  const int half = height_ / 2;
+  ForRows([&](int y) {
+    if (y >= half && half > 0) return;  // goes with its partner
+    complex* row = exchange(y);
+    if (half > 0) std::swap_ranges(row, row + width_, exchange(y + half));
+  });
+}
+
+void ComplexPlanes::ToAmpPhase(int plane) {
+  complex* data = GetArray(plane);
+  if (!data) return;
+  ForRows([&](int y) {
+    for (complex* c = data + static_cast<size_t>(y) * width_; c < data + static_cast<size_t>(y + 1) * width_;
+         ++c) {
+      *c = {std::sqrt(c->re * c->re + c->im * c->im), std::atan2(c->im, c->re)};
+    }
+  });
+  Swap(plane);
+  ampPhase_[plane] = true;
+}
+
+void ComplexPlanes::ToReIm(int plane) {
+  complex* data = GetArray(plane);
+  if (!data) return;
+  Swap(plane);
+  ForRows([&](int y) {
+    for (complex* c = data + static_cast<size_t>(y) * width_; c < data + static_cast<size_t>(y + 1) * width_;
+         ++c) {
+      *c = {c->re * std::cos(c->im), c->re * std::sin(c->im)};
+    }
+  });
+  ampPhase_[plane] = false;
+}
+
+bool ComplexPlanes::Transform(int plane, int sign, float rowScale, float columnScale) {
+  complex* data = GetArray(plane);
+  if (!data) return true;
+  constexpr int kLanes = LineTransform::kLanes;
+  const int workers = onTeam_ ? CParallel::GetMaxThreads() : 1;
+  // Lines of `length` elements at distance `step`, the first of each at distance `pitch`.
+  const auto pass = [&](LineTransform const& transform, std::vector<LineTransform::Work> const& work,
+                        int lines, int step, int pitch, float scale) {
+    const int blocks = (lines + kLanes - 1) / kLanes;
+    ForLines(onTeam_ ? Team::All : Team::One, 0, workers, [&](int worker) {
+      const auto share = [&](int w) { return static_cast<int>(1LL * blocks * w / workers); };
+      for (int block = share(worker); block < share(worker + 1); ++block) {
+        const int first = block * kLanes, count = std::min(kLanes, lines - first);
+        transform.Run({data + static_cast<size_t>(first) * pitch, step, pitch, count}, sign, scale,
+                      work[worker]);
+        if (progress_) progress_->ShowProgress(count);
+      }
+    });
+  };
+  try {
+    const LineTransform rows(width_);
+    const LineTransform columns(height_);
+    std::vector<LineTransform::Work> work;
+    for (int i = 0; i < workers; ++i) {
+      work.emplace_back(std::max(width_, height_));
+    }
+    pass(rows, work, height_, 1, width_, rowScale);
+    pass(columns, work, width_, width_, 1, columnScale);
+  } catch (std::bad_alloc const&) {
+    return false;
+  }
+  return true;
+}
