@@ -51,11 +51,11 @@ void OpenCvTransform(benchmark::State& state) {
   }
 }
 
-/// A field of stars with noise, turned clockwise about the middle and shifted.
-std::shared_ptr<CImgFourier> Stars(double dx, double dy, double degrees, int seed) {
+/// A field of stars, with noise to either side of 1000, turned clockwise about the middle and shifted.
+std::shared_ptr<CImgFourier> Stars(double dx, double dy, double degrees, int seed, double noise = 5) {
   using korimg::test::Noise;
   auto image = korimg::test::Make<CImgFourier>(korimg::test::MemoryStore(), kFrame, kFrame, 1,
-                                               korimg::test::Random(980, 1020, seed));
+                                               korimg::test::Random(1000 - noise, 1000 + noise, seed));
   const double c = std::cos(degrees * 3.14159265358979 / 180), s = std::sin(degrees * 3.14159265358979 / 180);
   float* pixels = image->GetWritableLine(0, 0, 0);
   for (int i = 0; i < 2000; ++i) {
@@ -81,30 +81,40 @@ CImgFourier& Shifted() {
   static const auto image = Stars(kDx, kDy, 0, 2);
   return *image;
 }
+CImgFourier& NoisyFirst() {
+  static const auto image = Stars(0, 0, 0, 1, 60);
+  return *image;
+}
+CImgFourier& NoisyShifted() {
+  static const auto image = Stars(kDx, kDy, 0, 2, 60);
+  return *image;
+}
 
+template <CImgFourier& (*first)(), CImgFourier& (*second)()>
 void Shift(benchmark::State& state) {
   SetThreads(state);
   double dx = 0, dy = 0, peak = 0;
   int w = 0, h = 0;
-  First().CalcShiftByPOC(&Shifted(), nullptr, 0, nullptr, dx, dy, peak, w, h, 0);
+  first().CalcShiftByPOC(&second(), nullptr, 0, nullptr, dx, dy, peak, w, h, 0);
   for ([[maybe_unused]] auto _ : state) {
-    First().CalcShiftByPOC(&Shifted(), nullptr, 0, nullptr, dx, dy, peak, w, h, 0);
+    first().CalcShiftByPOC(&second(), nullptr, 0, nullptr, dx, dy, peak, w, h, 0);
   }
   state.counters["error"] = std::hypot(dx - kDx, dy - kDy);
 }
 
+template <CImgFourier& (*first)(), CImgFourier& (*second)()>
 void OpenCvShift(benchmark::State& state) {
   SetThreads(state);
-  const cv::Mat a(kFrame, kFrame, CV_32F, First().GetWritableLine(0, 0, 0));
-  const cv::Mat b(kFrame, kFrame, CV_32F, Shifted().GetWritableLine(0, 0, 0));
+  const cv::Mat a(kFrame, kFrame, CV_32F, first().GetWritableLine(0, 0, 0));
+  const cv::Mat b(kFrame, kFrame, CV_32F, second().GetWritableLine(0, 0, 0));
   cv::Mat window;
   cv::createHanningWindow(window, a.size(), CV_32F);
   cv::Point2d shift;
   for ([[maybe_unused]] auto _ : state) {
     state.PauseTiming();
-    const cv::Mat first = a.clone(), second = b.clone();  // which it multiplies by the window in place
+    const cv::Mat one = a.clone(), other = b.clone();  // which it multiplies by the window in place
     state.ResumeTiming();
-    shift = cv::phaseCorrelate(first, second, window);
+    shift = cv::phaseCorrelate(one, other, window);
   }
   state.counters["error"] = std::hypot(shift.x - kDx, shift.y - kDy);
 }
@@ -131,8 +141,10 @@ void Turn(benchmark::State& state) {
     add("forward", Transform<0>, threads);
     add("inverse", Transform<1>, threads);
     add("forward_opencv", OpenCvTransform, threads);
-    add("CalcShiftByPOC", Shift, threads);
-    add("CalcShiftByPOC_opencv", OpenCvShift, threads);
+    add("CalcShiftByPOC", Shift<First, Shifted>, threads);
+    add("CalcShiftByPOC_opencv", OpenCvShift<First, Shifted>, threads);
+    add("CalcShiftByPOC_noisy", Shift<NoisyFirst, NoisyShifted>, threads);
+    add("CalcShiftByPOC_noisy_opencv", OpenCvShift<NoisyFirst, NoisyShifted>, threads);
     add("CalcRotByRIPOC", Turn, threads);
   }
   return true;

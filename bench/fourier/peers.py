@@ -27,7 +27,7 @@ def median_ms(run, times=5):
 
 
 def stars(dx, dy, seed):
-    image = np.random.default_rng(seed).uniform(980, 1020, (FRAME, FRAME)).astype(np.float32)
+    image = np.random.default_rng(seed).uniform(995, 1005, (FRAME, FRAME)).astype(np.float32)
     for u, v, w in np.random.default_rng(0).uniform(0, 1, (2000, 3)):
         x, y = (1.5 * u - 0.25) * FRAME + dx, (1.5 * v - 0.25) * FRAME + dy
         columns = np.arange(max(int(x) - 8, 0), min(int(x) + 9, FRAME))

@@ -19,21 +19,24 @@ Halide::Runtime::Buffer<float, 3> Elements(complex* data, int width, int height)
   return Halide::Runtime::Buffer<float, 3>(&data->re, 2, width, height);
 }
 
-/// 0.5 + 0.5 cos(pi sqrt(s)) for s from 0 to 1: a series in s, which needs no root.
-KORIMG_IN_LOOP inline double RaisedCosine(double s) {
-  constexpr int kTerms = 13;
+/// 0.5 + 0.5 cos(pi sqrt(s)) for s from 0 to 1: the square of cos(pi / 2 sqrt(s)), a series in s without a
+/// root.
+KORIMG_IN_LOOP inline float RaisedCosine(float s) {
+  constexpr int kTerms = 8;
   constexpr auto kSeries = [] {
-    std::array<double, kTerms> series{1};
-    for (int i = 1; i < kTerms; ++i) {
-      series[i] = -series[i - 1] * std::numbers::pi * std::numbers::pi / (2 * i * (2 * i - 1));
+    std::array<float, kTerms> series{};
+    double term = 1;
+    for (int i = 0; i < kTerms; ++i) {
+      series[i] = static_cast<float>(term);
+      term *= -std::numbers::pi * std::numbers::pi / 4 / ((2 * i + 1) * (2 * i + 2));
     }
     return series;
   }();
-  double cosine = 0;
+  float cosine = 0;
   for (int i = kTerms - 1; i >= 0; --i) {
     cosine = cosine * s + kSeries[i];
   }
-  return 0.5 + 0.5 * cosine;
+  return cosine * cosine;
 }
 
 }  // namespace
@@ -75,14 +78,20 @@ void CFftd::Windowing(int plane) {
   if (!data) return;
   const double radius = std::min(width_, height_) / 2;
   ForRows([&](int y) {
+    std::vector<float> factors(width_);
+    float* factor = factors.data();
     float* row = &data[static_cast<size_t>(y) * width_].re;
-    const double dy = y - height_ / 2;
-    RunInLongVectors([=, this]() KORIMG_IN_LOOP {
-      for (int x = 0; x < width_; ++x) {
-        const double dx = x - width_ / 2, s = (dx * dx + dy * dy) / (radius * radius);
-        const auto factor = static_cast<float>(s < 1 ? RaisedCosine(s) : 0.0);
-        row[2 * x] *= factor;
-        row[2 * x + 1] *= factor;
+    const auto dy = static_cast<float>(y - height_ / 2), unit = static_cast<float>(1 / (radius * radius));
+    const int width = width_, middle = width_ / 2;
+    RunInLongVectors([=]() KORIMG_IN_LOOP {
+      for (int x = 0; x < width; ++x) {
+        const auto dx = static_cast<float>(x - middle);
+        const float s = (dx * dx + dy * dy) * unit;
+        factor[x] = s < 1 ? RaisedCosine(s) : 0.0f;
+      }
+      for (int x = 0; x < width; ++x) {
+        row[2 * x] *= factor[x];
+        row[2 * x + 1] *= factor[x];
       }
     });
   });

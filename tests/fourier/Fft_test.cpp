@@ -134,6 +134,24 @@ TYPED_TEST(Fft, RestoresAndKeepsEnergy) {
   EXPECT_LT(Distance(Values(fft, 0), before), 2e-6);
 }
 
+TYPED_TEST(Fft, AmplitudeAndPhase) {
+  TypeParam fft;
+  ASSERT_EQ(fft.Create(64, 32), 1);
+  Fill(fft);
+  for (int i = 0; i < 32; ++i) {  // along the axes and the diagonals
+    const float a[] = {0, 3, -3, 3, 1e-20f, -1e15f}, b[] = {0, 3, 0, -3, -1e-20f};
+    fft.GetArray(0)[i] = {a[i % 6], b[i % 5]};
+  }
+  const auto before = Values(fft, 0);
+  fft.ToAmpPhase(0);
+  const auto after = Values(fft, 0);
+  for (int i = 0; i < 64 * 32; ++i) {
+    const Number v = before[i], polar = after[(i / 64 + 16) % 32 * 64 + (i + 32) % 64];
+    ASSERT_NEAR(polar.real(), std::abs(v), 1e-18 + 2e-7 * std::abs(v));
+    ASSERT_NEAR(polar.imag(), std::arg(v), 4e-7) << v;
+  }
+}
+
 TYPED_TEST(Fft, OtherPlanesDoNothing) {
   TypeParam fft;
   ASSERT_EQ(fft.Create(32, 64), 1);
