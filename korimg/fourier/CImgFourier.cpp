@@ -57,10 +57,11 @@ void CImgFourier::PutImage(CVelImage& real, CVelImage* imaginary, int plane, CFf
     put_fft_real_float(pixels, elements);
     return;
   }
+  const int imaginaryPlane = imaginary ? std::min(plane, imaginary->GetPlanes() - 1) : 0;
   ForLines(Team::All, w.top, w.bottom, [&](int y) {
     dcomplex* row = fft.GetArray(array) + static_cast<size_t>(y - w.top) * fft.GetWidth();
     float const* re = real.GetLine(w.left, y, plane);
-    float const* im = imaginary ? imaginary->GetLine(w.left, y, plane) : nullptr;
+    float const* im = imaginary ? imaginary->GetLine(w.left, y, imaginaryPlane) : nullptr;
     for (int x = 0; x < w.Width(); ++x) {
       row[x] = {re[x], im ? im[x] : 0.0f};
     }

@@ -34,10 +34,10 @@ class KORIMG_API CImgFourier : public CVelImage {
   int CalcRotByRIPOC_1D(CVelImage* other, CVelImage* polarA, CVelImage* polarB, CRect* rect, double& degrees,
                         int& outWidth, int& outHeight, int progress);
 
-  /// Transforms each plane, with that of secondInput, which may be null, as the imaginary part; into output1
-  /// and output2, either of which may be null. reIm 0 means amplitude and phase, with the zero frequency in
-  /// the middle, as the result, or as the input when inverse is non-zero. window non-zero multiplies by a
-  /// raised cosine first.
+  /// Transforms each plane, with that of secondInput, which may be null or mono, as the imaginary part; into
+  /// output1 and output2, either of which may be null. reIm 0 means amplitude and phase, with the zero
+  /// frequency in the middle, as the result, or as the input when inverse is non-zero. window non-zero
+  /// multiplies by a raised cosine first.
   int Do(int inverse, int reIm, int window, CVelImage* secondInput, CVelImage* output1, CVelImage* output2,
          CRect* rect, int progress);
   /// Each plane in logarithmic polar coordinates over half a turn, as CFftd::ToLogPolar gives them.

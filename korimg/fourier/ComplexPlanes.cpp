@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -39,7 +40,7 @@ KORIMG_IN_LOOP inline float Phase(complex const& c) {
   return std::copysign(static_cast<float>(angle), c.im);
 }
 
-constexpr std::align_val_t kAlignment{1 << 21};  ///< of huge pages, which spare the column passes a search
+constexpr size_t kHugePage = 1 << 21;  ///< spares the column passes a search for each row
 
 }  // namespace
 
@@ -47,7 +48,7 @@ ComplexPlanes::ComplexPlanes(bool onTeam) : onTeam_(onTeam) {}
 ComplexPlanes::~ComplexPlanes() = default;
 
 void ComplexPlanes::Release::operator()(complex* p) const {
-  ::operator delete(p, kAlignment);
+  std::free(p);
 }
 
 int ComplexPlanes::Create(int width, int height) {
@@ -61,12 +62,13 @@ int ComplexPlanes::Create(int width, int height) {
   const int h = static_cast<int>(std::bit_ceil(static_cast<unsigned>(height)));
   const size_t bytes = sizeof(complex) * w * h;
   for (auto& array : arrays_) {
-    array.reset(static_cast<complex*>(::operator new(bytes, kAlignment, std::nothrow)));
+    const size_t alignment = bytes < kHugePage ? 64 : kHugePage;
+    array.reset(static_cast<complex*>(std::aligned_alloc(alignment, std::max(bytes, alignment))));
     if (!array) {
       arrays_[0].reset();
       return 0;
     }
-    madvise(array.get(), bytes, MADV_HUGEPAGE);
+    if (bytes >= kHugePage) madvise(array.get(), bytes, MADV_HUGEPAGE);
   }
   width_ = w;
   height_ = h;

@@ -24,7 +24,7 @@ class KORIMG_API ComplexPlanes {
   /// Rounds each size up to a power of two, and makes both planes, zeroed. 1, or 0 without room, and for
   /// sizes below 1: there are no planes then.
   int Create(int width, int height);
-  /// Zeroes both planes.
+  /// Zeroes both planes, which hold real and imaginary parts then.
   void Init();
   int GetWidth() const { return width_; }
   int GetHeight() const { return height_; }
