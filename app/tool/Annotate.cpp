@@ -65,39 +65,21 @@ class Drawing {
   }
 
  private:
-  /// Text with a shadow, in letters as large as fit.
+  /// Text in letters as large as fit.
   void Text(const std::string& text, int left, int top) {
     const CString wide(Widen(text).c_str());
-    const auto draw = [&](int height) {
-      LOGFONTW font;
-      font.lfHeight = height;
-      auto mask = CImgDrawText::MakeMask(pen_.VmManager(), wide, font, 1);
-      if (!mask) throw std::runtime_error(fmt::format("cannot draw '{}': is there a font?", text));
-      return mask;
-    };
-    auto mask = draw(letters_);
+    LOGFONTW font;
+    font.lfHeight = letters_;
+    const auto mask = CImgDrawText::MakeMask(pen_.VmManager(), wide, font, kSmooth);
     const int room = std::max(Width() - left - margin_, 1);
-    if (mask->GetWidth() > room) mask = draw(std::max(letters_ * room / mask->GetWidth(), 6));
-    Cover(*mask, left + 1, top + 1, kBlack);
-    Cover(*mask, left, top, colour_);
-  }
-
-  /// Blends with a colour by what a mask covers. Blank pixels count as black.
-  void Cover(CVelImage& mask, int left, int top, unsigned long colour) {
-    const int x0 = std::max(left, 0), x1 = std::min(left + mask.GetWidth(), Width());
-    for (int p = 0; p < pen_.GetPlanes(); ++p) {
-      const float black = static_cast<float>(pen_.GetLevelMin(p));
-      const float value = pen_.ToRaw(static_cast<float>(colour >> 8 * p & 255), p);
-      for (int y = std::max(top, 0); y < std::min(top + mask.GetHeight(), pen_.GetHeight()); ++y) {
-        const float* share = mask.GetLine(0, y - top, 0);
-        float* line = pen_.GetWritableLine(0, y, p);
-        for (int x = x0; x < x1; ++x) {
-          const float covered = share[x - left], before = std::isfinite(line[x]) ? line[x] : black;
-          if (covered > 0) line[x] = before + covered * (value - before);
-        }
-      }
+    if (mask && mask->GetWidth() > room) font.lfHeight = std::max(letters_ * room / mask->GetWidth(), 6);
+    CImgDrawText drawn;
+    if (!drawn.Do(&pen_, CPoint(left, top), wide, &font, colour_, kSmooth)) {
+      throw std::runtime_error(fmt::format("cannot draw '{}': is there a font?", text));
     }
   }
+
+  static constexpr int kSmooth = 1;
 
   CVelImage& picture_;
   CImgDrawLine pen_;  ///< the picture, while it is drawn into

@@ -24,20 +24,25 @@ struct RenderOptions {
   Annotations annotations;
 };
 
-/// Makes an image smaller by cells: each pixel is what the levels show of its cell in the mean, so that a
-/// bright star stays a point, and blank pixels are black ones.
-void Shrink(std::unique_ptr<CVelImage>& image, int binX, int binY) {
-  for (int p = 0; p < image->GetPlanes(); ++p) {
-    const auto black = static_cast<float>(image->GetLevelMin(p)),
-               white = static_cast<float>(image->GetLevelMax(p));
-    for (int y = 0; y < image->GetHeight(); ++y) {
-      float* line = image->GetWritableLine(0, y, p);
-      for (int x = 0, width = image->GetWidth(); x < width; ++x) {
+/// Limits pixels to what the levels show; blank ones become black.
+void LimitToLevels(CVelImage& image) {
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    const auto black = static_cast<float>(image.GetLevelMin(p)),
+               white = static_cast<float>(image.GetLevelMax(p));
+    for (int y = 0; y < image.GetHeight(); ++y) {
+      float* line = image.GetWritableLine(0, y, p);
+      for (int x = 0, width = image.GetWidth(); x < width; ++x) {
         const float v = line[x] > black ? line[x] : black;
         line[x] = v < white ? v : white;
       }
     }
   }
+}
+
+/// Makes an image smaller by cells, each the mean of what the levels show of it, so that a bright star stays
+/// a point.
+void Shrink(std::unique_ptr<CVelImage>& image, int binX, int binY) {
+  LimitToLevels(*image);
   auto binned = std::make_unique<CImgSoftBinning>();
   if (!binned->Create(*image, nullptr) || !binned->Do(binX, binY, 0, 1, image.get(), 0)) {
     throw velora::CVmMemoryAllocationError("no room for the picture");
@@ -99,6 +104,7 @@ void Render(Tool& tool, const RenderOptions& options) {
       throw files::FileError(options.input,
                              "names no OBJECT and does not say its scale; give --title, --stars or both");
     }
+    LimitToLevels(*image);
     Annotate(*image, annotations, options.input, loaded.info.header, binX, binY);
   }
   constexpr long long kBytesPerPixel = 4;

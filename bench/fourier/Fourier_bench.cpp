@@ -1,16 +1,14 @@
 // Transforms and registration beside OpenCV's; the counter `error` is the distance from the true shift in
 // pixels. peers.py measures SciPy and scikit-image on the same sizes.
 #include <cmath>
-#include <cstring>
 
 #include <benchmark/benchmark.h>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "korimg/fourier/CImgFourier.h"
-#include "korimg/pipelines/runtime/Runtime.h"
-#include "korimg/platform/CParallel.h"
 
+#include "bench/Measure.h"
 #include "tests/support/Images.h"
 
 namespace {
@@ -19,10 +17,7 @@ constexpr int kTransform = 4096, kFrame = 2048;
 constexpr double kDx = 12.37, kDy = -7.61, kTurn = 7.3;
 
 void SetThreads(const benchmark::State& state) {
-  const int threads = static_cast<int>(state.range(0));
-  CParallel::SetMaxThreads(threads);
-  korimg::SetPipelineThreads(threads);
-  cv::setNumThreads(threads);
+  korimg::bench::SetThreads(static_cast<int>(state.range(0)));
 }
 
 template <int direction>

@@ -150,7 +150,7 @@ TEST_F(Render, AnnotationsChangeOnlyWhatIsNearThem) {
         ASSERT_TRUE(c.near(i % 400, i / 400)) << c.name << " " << i % 400 << " " << i / 400;
       }
       EXPECT_GE(changed, c.least) << c.name;
-      EXPECT_EQ(brightest, 255) << c.name;
+      EXPECT_GE(brightest, 242) << c.name;  // text covers 95 %
     }
     // The bar itself: so many bright pixels in its row, which is at the margin of 6 from the bottom.
     EXPECT_EQ(std::count(&bar[0][293 * 400], &bar[0][294 * 400], 255.0f), 59);
