@@ -22,13 +22,14 @@ struct ScaledAxis {
     Expr s = clamp(cast<float>(n) * ratio, 0.0f, cast<float>(size));
     Expr at = cast<int>(kernel == Kernel::Nearest ? s + 0.5f : s);
     first = at + FirstTap(kernel);
-    std::vector<Expr> parts = {first};
+    // Unsigned: what is known of the values would be enforced once more, for each pixel.
+    std::vector<Expr> parts = {cast<uint32_t>(first)};
     for (const Expr& weight : KernelWeights(kernel, s - cast<float>(at), kSlope)) {
       parts.push_back(weight);
     }
     table(n) = Tuple(parts);
   }
-  Expr tap(Expr n) const { return table(n)[0]; }
+  Expr tap(Expr n) const { return reinterpret<int>(table(n)[0]); }
   std::vector<Expr> weights(Expr n) const {
     std::vector<Expr> all;
     for (int i = 0; i < Taps(kernel); ++i) {
@@ -52,7 +53,7 @@ Member resolution_member(const NamedKernel& named) {
 
             // The rows of taps added for the source's columns; then, for each pixel, its taps of that row as
             // one vector, and their sum.
-            Func bounded = BoundaryConditions::repeat_edge(input, {{0, width}, {}});
+            Expr column = AtEdges(x, width);
             Func rows("rows"), row_taps("row_taps"), output("output");
             std::vector<Expr> added, single;
             for (int i = 0; i < taps; ++i) {
@@ -60,7 +61,7 @@ Member resolution_member(const NamedKernel& named) {
               Expr row = down.tap(y) + i;
               if (kernel == Kernel::Bilinear && i == 1)
                 row = select(down.weights(y)[1] == 0.0f, row - 1, row);
-              added.push_back(bounded(x, clamp(row, 0, height - 1)));
+              added.push_back(input(column, clamp(row, 0, height - 1)));
             }
             rows(x, y) = WeightedTaps(kernel, added, down.weights(y));
             row_taps(k, x, y) =
@@ -69,10 +70,13 @@ Member resolution_member(const NamedKernel& named) {
               single.push_back(row_taps(i, x, y));
             }
             Expr sample = WeightedTaps(kernel, single, across.weights(x));
-            // Half the size takes every second pixel as it is.
-            Func whole = BoundaryConditions::repeat_edge(input, {{0, width}, {0, height}});
+            // Half the size takes every second pixel as it is. As bits, since strict floats keep both sides of a
+            // choice that is known.
             Expr halved = width == 2 * new_width && height == 2 * new_height;
-            output(x, y) = kernel == Kernel::Bilinear ? select(halved, whole(2 * x, 2 * y), sample) : sample;
+            const auto bits = [](Expr v) { return reinterpret<uint32_t>(v); };
+            output(x, y) = kernel == Kernel::Bilinear
+                               ? reinterpret<float>(select(halved, bits(input(2 * x, 2 * y)), bits(sample)))
+                               : sample;
 
             output
                 .tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, 2048, wide), kStripLines,

@@ -101,6 +101,11 @@ std::vector<Expr> KernelWeights(Kernel kernel, Expr f, double a) {
   }
 }
 
+Expr AtEdges(Expr at, Expr size) {
+  // Both bounds are told to be unlikely: with one alone every load is that of a single pixel.
+  return min(likely(max(likely(at), 0)), size - 1);
+}
+
 Expr WeightedTaps(Kernel kernel, const std::vector<Expr>& taps, const std::vector<Expr>& weights) {
   if (kernel == Kernel::Nearest) return taps[0];
   Expr sum = taps[0] * weights[0];
@@ -199,7 +204,7 @@ Sample SampleShifted(const ImageParam& input, Kernel kernel, Expr shiftX, Expr s
 
   // The weights of both axes; then the rows of taps added for all columns of a line, and the columns of that.
   Func weight("axis_weight"), rows("rows");
-  Func bounded = BoundaryConditions::repeat_edge(input, {{0, input.dim(0).extent()}, {}});
+  Expr column = AtEdges(x, input.dim(0).extent());
   std::vector<Expr> weights_x, weights_y, across, along;
   const auto at_x = weights(shiftX), at_y = weights(shiftY);
   weight(k, axis) = undef<float>();
@@ -208,7 +213,7 @@ Sample SampleShifted(const ImageParam& input, Kernel kernel, Expr shiftX, Expr s
     weight(i, 1) = at_y[i];
     weights_x.push_back(weight(i, 0));
     weights_y.push_back(weight(i, 1));
-    across.push_back(bounded(x, clamped(top + i, input, 1)));
+    across.push_back(input(column, clamped(top + i, input, 1)));
   }
   rows(x, y) = WeightedTaps(kernel, across, weights_y);
   for (int i = 0; i < taps; ++i) {

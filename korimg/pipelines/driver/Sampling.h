@@ -33,6 +33,10 @@ constexpr int FirstTap(Kernel kernel) {
 /// Keys, R. G. (1981), Cubic convolution interpolation; Duchon, C. E. (1979), Lanczos filtering.
 std::vector<Halide::Expr> KernelWeights(Kernel kernel, Halide::Expr fraction, double a = -0.5);
 
+/// A place along an axis, at the edge where it lies beyond. Loops are split where it passes an edge, so that
+/// all between loads whole vectors.
+Halide::Expr AtEdges(Halide::Expr at, Halide::Expr size);
+
 /// The sum of weighted taps in their order. A whole position of the bilinear kernel is its pixel alone,
 /// whatever lies beside it.
 Halide::Expr WeightedTaps(Kernel kernel, const std::vector<Halide::Expr>& taps,
