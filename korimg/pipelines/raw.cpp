@@ -75,11 +75,8 @@ struct Development {
   void schedule(Func output, const Target& target, bool colours) {
     const int lanes = target.natural_vector_size<float>(), widest = 3000;
     Var strip("strip"), line("line"), tile("tile"), column("column");
-    Expr width = output.output_buffers()[0].dim(0).extent();
-    Expr tiles = max((width + widest - 1) / widest, 1);
-    Expr tile_width = max(((width + tiles - 1) / tiles + lanes - 1) / lanes, 1) * lanes;
     output.split(y, strip, line, kStripLines, TailStrategy::GuardWithIf)
-        .split(x, tile, column, tile_width, TailStrategy::GuardWithIf)
+        .split(x, tile, column, EvenPart(output, 0, widest, lanes), TailStrategy::GuardWithIf)
         .reorder(column, line, tile, strip)
         .parallel(strip)
         .vectorize(column, lanes, TailStrategy::GuardWithIf);

@@ -22,8 +22,7 @@ struct ScaledAxis {
     Expr s = clamp(cast<float>(n) * ratio, 0.0f, cast<float>(size));
     Expr at = cast<int>(kernel == Kernel::Nearest ? s + 0.5f : s);
     first = at + FirstTap(kernel);
-    // Unsigned: what is known of the values would be enforced once more, for each pixel.
-    std::vector<Expr> parts = {cast<uint32_t>(first)};
+    std::vector<Expr> parts = {Unbounded(first)};
     for (const Expr& weight : KernelWeights(kernel, s - cast<float>(at), kSlope)) {
       parts.push_back(weight);
     }
@@ -39,8 +38,55 @@ struct ScaledAxis {
   }
 };
 
+/// A line of an output is written in few parts: memory takes long runs best.
+constexpr int kWholeLines = 1 << 14;
+
+/// The columns of taps added for the source's lines, and of these the rows: of an enlargement the first step,
+/// which is the dear one, has fewer lines than the second.
+Member bilinear_resolution_member() {
+  return {
+      "resolution_bilinear_float",
+      [](const Target& target) {
+        ImageParam input(Float(32), 2, "input");
+        Param<int> new_width("new_width"), new_height("new_height");
+        Expr width = input.dim(0).extent(), height = input.dim(1).extent();
+        ScaledAxis across("across", Kernel::Bilinear, x, width, new_width),
+            down("down", Kernel::Bilinear, y, height, new_height);
+        const int wide = target.natural_vector_size<float>();
+
+        Func line("line"), taps("taps"), lines("lines"), output("output");
+        line(x, y) = input(AtEdges(x, width), clamp(y, 0, height - 1));
+        taps(k, x, y) = line(unsafe_promise_clamped(across.tap(x) + k, across.first, across.first + 1), y);
+        lines(x, y) = WeightedTaps(Kernel::Bilinear, {taps(0, x, y), taps(1, x, y)}, across.weights(x));
+        Expr sample =
+            WeightedTaps(Kernel::Bilinear, {lines(x, down.first), lines(x, down.first + 1)}, down.weights(y));
+        // Half the size takes every second pixel as it is. As bits, since strict floats keep both sides of
+        // a choice that is known.
+        Expr halved = width == 2 * new_width && height == 2 * new_height;
+        Expr second = input(AtEdges(2 * x, width), clamp(2 * y, 0, height - 1));
+        output(x, y) =
+            reinterpret<float>(select(halved, reinterpret<uint32_t>(second), reinterpret<uint32_t>(sample)));
+
+        const int strip_lines = 16;  // the strip's lines stay in the second-level cache
+        output
+            .tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, kWholeLines, wide), strip_lines,
+                  TailStrategy::GuardWithIf)
+            .vectorize(xi, wide, TailStrategy::GuardWithIf)
+            .parallel(yo);
+        output.specialize(halved);
+        lines.compute_at(output, xo).vectorize(x, wide, TailStrategy::RoundUp);
+        line.compute_at(lines, y).vectorize(x, wide, TailStrategy::RoundUp);
+        taps.compute_at(lines, y).bound(k, 0, 2).vectorize(k).unroll(x, 16);
+        across.table.compute_root().vectorize(x, wide, TailStrategy::RoundUp);
+        down.table.compute_root().vectorize(y, wide, TailStrategy::RoundUp);
+        return Definition{{input, new_width, new_height}, {output}};
+      },
+      true};
+}
+
 Member resolution_member(const NamedKernel& named) {
   const Kernel kernel = named.kernel;
+  if (kernel == Kernel::Bilinear) return bilinear_resolution_member();
   return {std::string("resolution_") + named.name + "_float",
           [=](const Target& target) {
             ImageParam input(Float(32), 2, "input");
@@ -53,15 +99,10 @@ Member resolution_member(const NamedKernel& named) {
 
             // The rows of taps added for the source's columns; then, for each pixel, its taps of that row as
             // one vector, and their sum.
-            Expr column = AtEdges(x, width);
             Func rows("rows"), row_taps("row_taps"), output("output");
             std::vector<Expr> added, single;
             for (int i = 0; i < taps; ++i) {
-              // A row without weight in the bilinear kernel isn't even loaded.
-              Expr row = down.tap(y) + i;
-              if (kernel == Kernel::Bilinear && i == 1)
-                row = select(down.weights(y)[1] == 0.0f, row - 1, row);
-              added.push_back(input(column, clamp(row, 0, height - 1)));
+              added.push_back(input(AtEdges(x, width), clamp(down.tap(y) + i, 0, height - 1)));
             }
             rows(x, y) = WeightedTaps(kernel, added, down.weights(y));
             row_taps(k, x, y) =
@@ -69,21 +110,14 @@ Member resolution_member(const NamedKernel& named) {
             for (int i = 0; i < taps; ++i) {
               single.push_back(row_taps(i, x, y));
             }
-            Expr sample = WeightedTaps(kernel, single, across.weights(x));
-            // Half the size takes every second pixel as it is. As bits, since strict floats keep both sides of a
-            // choice that is known.
-            Expr halved = width == 2 * new_width && height == 2 * new_height;
-            const auto bits = [](Expr v) { return reinterpret<uint32_t>(v); };
-            output(x, y) = kernel == Kernel::Bilinear
-                               ? reinterpret<float>(select(halved, bits(input(2 * x, 2 * y)), bits(sample)))
-                               : sample;
+            output(x, y) = WeightedTaps(kernel, single, across.weights(x));
 
+            // The taps of a part stay in the first-level cache.
             output
-                .tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, 2048, wide), kStripLines,
-                      TailStrategy::GuardWithIf)
+                .tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, taps > 1 ? 2048 : kWholeLines, wide),
+                      kStripLines, TailStrategy::GuardWithIf)
                 .vectorize(xi, wide, TailStrategy::GuardWithIf)
                 .parallel(yo);
-            if (kernel == Kernel::Bilinear) output.specialize(halved);
             rows.compute_at(output, yi).vectorize(x, wide, TailStrategy::RoundUp);
             row_taps.compute_at(output, yi).bound(k, 0, lanes).vectorize(k).unroll(x, 16);
             across.table.compute_root().vectorize(x, wide, TailStrategy::RoundUp);

@@ -106,6 +106,10 @@ Expr AtEdges(Expr at, Expr size) {
   return min(likely(max(likely(at), 0)), size - 1);
 }
 
+Expr Unbounded(Expr place) {
+  return cast<uint32_t>(place);
+}
+
 Expr WeightedTaps(Kernel kernel, const std::vector<Expr>& taps, const std::vector<Expr>& weights) {
   if (kernel == Kernel::Nearest) return taps[0];
   Expr sum = taps[0] * weights[0];
@@ -145,14 +149,14 @@ Sample SampleAt(const ImageParam& input, Kernel kernel, const Position& position
   Expr interior = left >= 0 && left <= width - lanes && top >= 0 && top <= height - taps;
 
   Func at("at");
-  std::vector<Expr> parts = {select(!inside, Off, interior, Interior, Edge), left, top};
+  std::vector<Expr> parts = {select(!inside, Off, interior, Interior, Edge), Unbounded(left), Unbounded(top)};
   for (const auto& weights :
        {KernelWeights(kernel, u - cast<float>(column)), KernelWeights(kernel, v - cast<float>(row))}) {
     parts.insert(parts.end(), weights.begin(), weights.end());
   }
   at(x, y) = Tuple(parts);
   const auto part = [=](int i) { return at(x, y)[i]; };
-  Expr place = part(0);
+  Expr place = part(0), at_left = reinterpret<int>(part(1)), at_top = reinterpret<int>(part(2));
   std::vector<Expr> weights_x, weights_y;
   for (int i = 0; i < taps; ++i) {
     weights_x.push_back(part(3 + i));
@@ -166,9 +170,9 @@ Sample SampleAt(const ImageParam& input, Kernel kernel, const Position& position
   tap.where(place == Edge);
   std::vector<Expr> dense, single, added;
   for (int i = 0; i < taps; ++i) {
-    dense.push_back(input(unsafe_promise_clamped(part(1) + vector, 0, width - 1),
-                          unsafe_promise_clamped(part(2) + i, 0, height - 1)));
-    single.push_back(input(clamped(part(1) + tap, input, 0), clamped(part(2) + i, input, 1)));
+    dense.push_back(input(unsafe_promise_clamped(at_left + vector, 0, width - 1),
+                          unsafe_promise_clamped(at_top + i, 0, height - 1)));
+    single.push_back(input(clamped(at_left + tap, input, 0), clamped(at_top + i, input, 1)));
     added.push_back(columns(i, x, y));
   }
   columns(vector, x, y) = WeightedTaps(kernel, dense, weights_y);
@@ -177,7 +181,8 @@ Sample SampleAt(const ImageParam& input, Kernel kernel, const Position& position
   const auto schedule = [=](Func output, const Target& target) mutable {
     const int wide = target.natural_vector_size<float>();
     Var xi("xi"), yi("yi");
-    output.tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, 256, wide), 32, TailStrategy::GuardWithIf)
+    // Lines as long as possible: the taps of one take 8 KiB, a part of the first-level cache.
+    output.tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, 2048 / lanes, wide), 32, TailStrategy::GuardWithIf)
         .vectorize(xi, wide, TailStrategy::GuardWithIf)
         .parallel(yo);
     at.compute_at(output, yi).vectorize(x, wide, TailStrategy::RoundUp);

@@ -37,6 +37,10 @@ std::vector<Halide::Expr> KernelWeights(Kernel kernel, Halide::Expr fraction, do
 /// all between loads whole vectors.
 Halide::Expr AtEdges(Halide::Expr at, Halide::Expr size);
 
+/// A place to be kept in a table and taken out by reinterpret<int>: of what is known to be bounded, the
+/// bounds would be enforced again for each pixel that is loaded by it.
+Halide::Expr Unbounded(Halide::Expr place);
+
 /// The sum of weighted taps in their order. A whole position of the bilinear kernel is its pixel alone,
 /// whatever lies beside it.
 Halide::Expr WeightedTaps(Kernel kernel, const std::vector<Halide::Expr>& taps,
