@@ -13,7 +13,6 @@ struct CalibrateOptions {
   std::vector<std::filesystem::path> lights, darks, flats, biases;
   std::filesystem::path out;
   std::filesystem::path masters;  ///< folder for the masters; empty: they are not kept
-  std::filesystem::path report;   ///< a page that shows the results; empty: none
   double pedestal = 0;            ///< added before anything is taken off, and kept in the output
   bool allowMismatch = false;     ///< frames that differ in more than size serve with a warning
   DevelopOptions develop;         ///< of lights that are mosaics

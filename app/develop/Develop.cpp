@@ -246,25 +246,32 @@ Levels Development::PictureLevels(int side) {
   return Levels(*sample);
 }
 
+std::unique_ptr<CVelImage> Development::Rows(int y0, int y1) {
+  const int margin = cfa_ == 0 || options_.half ? 0 : 4;  // rows that a developed one looks at, and one more
+  const int least = cfa_ == 0 ? 1 : kSmallest, part = options_.half ? 2 : 1;
+  const int height = source_.shape.height / part * part, first = y0 * part, last = y1 * part;
+  // A mosaic begins with the first row of a cell.
+  const int wanted = std::min(first - margin, height - least);
+  const int top = cfa_ == 0 ? first : std::max(wanted / 2 * 2, 0);
+  const int bottom = std::min(std::max(last + margin, top + least), height);
+  auto band = NewImage(source_.shape.width, bottom - top);
+  float* planes[3] = {};
+  for (int p = 0; p < source_.shape.planes; ++p) {
+    planes[p] = band->GetWritableLine(0, 0, p);
+  }
+  source_.read(top, bottom - top, planes);
+  DevelopBand(*band, first - top, bottom - last);
+  return band;
+}
+
 void Development::ForBands(Tool& tool, const std::string& title,
                            const std::function<void(std::unique_ptr<CVelImage>)>& visit) {
-  constexpr int kBandRows = 128;                          // even: bands begin with the first row of a cell
-  const int margin = cfa_ == 0 || options_.half ? 0 : 4;  // rows that a developed one looks at, and one more
-  const int height = options_.half ? source_.shape.height / 2 * 2 : source_.shape.height;
-  for (int y = 0, end; y < height; y = end) {
+  constexpr int kBandRows = 128;
+  const int height = Size().height;
+  for (int y = 0; y < height; y += kBandRows) {
     tool.console.CheckCancelled();
     tool.console.Progress(title, y, height);
-    // What would be too little for a band of its own goes with the one before.
-    end = height - y < kBandRows + kSmallest ? height : y + kBandRows;
-    const int above = std::min(margin, y), below = std::min(margin, height - end);
-    auto band = NewImage(source_.shape.width, end + below - (y - above));
-    float* planes[3] = {};
-    for (int p = 0; p < source_.shape.planes; ++p) {
-      planes[p] = band->GetWritableLine(0, 0, p);
-    }
-    source_.read(y - above, band->GetHeight(), planes);
-    DevelopBand(*band, above, below);
-    visit(std::move(band));
+    visit(Rows(y, std::min(y + kBandRows, height)));
   }
   tool.console.EndProgress();
 }

@@ -66,6 +66,8 @@ class Development {
   Shape Size() const;
   /// Levels that make a good picture of the result, from a sample of the mosaic as large as a preview.
   Levels PictureLevels(int side);
+  /// Rows y0 to y1 - 1 of the result. Throws FileError when there is no room.
+  std::unique_ptr<CVelImage> Rows(int y0, int y1);
   /// Calls visit(band) with the result's rows in order.
   /// @throws FileError when there is no room.
   void ForBands(Tool& tool, const std::string& title,

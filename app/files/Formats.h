@@ -24,6 +24,8 @@ std::unique_ptr<ImageWriter> CreateFits(const std::filesystem::path& path, const
 std::unique_ptr<ImageWriter> CreateTiff(const std::filesystem::path& path, const WriteOptions& options);
 std::unique_ptr<ImageWriter> CreatePng(const std::filesystem::path& path, const WriteOptions& options);
 std::unique_ptr<ImageWriter> CreateJpeg(const std::filesystem::path& path, const WriteOptions& options);
+/// A picture whose file is added to `bytes`, which must outlive the writer.
+std::unique_ptr<ImageWriter> CreateJpeg(std::string& bytes, const WriteOptions& options);
 
 /// FileError with the text of an errno value.
 [[noreturn]] void ThrowSystemError(const std::filesystem::path& path, std::string_view doing, int error);

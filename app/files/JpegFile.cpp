@@ -17,21 +17,48 @@ namespace fs = std::filesystem;
 
 namespace {
 
+/// What takes the bytes of a JPEG file.
+struct Target {
+  virtual ~Target() = default;
+  virtual void Put(const void* data, std::size_t size) = 0;
+  virtual void Commit() {}
+};
+
+class FileTarget : public Target {
+ public:
+  explicit FileTarget(const fs::path& path)
+      : path_(path), part_(PartialName(path)), file_(part_.Path(), O_RDWR | O_CREAT | O_TRUNC, path) {}
+  void Put(const void* data, std::size_t size) override {
+    file_.Write(data, size, offset_);
+    offset_ += size;
+  }
+  void Commit() override { part_.RenameTo(path_); }
+
+ private:
+  fs::path path_;
+  TransientFile part_;
+  File file_;
+  std::uint64_t offset_ = 0;
+};
+
+class StringTarget : public Target {
+ public:
+  explicit StringTarget(std::string& bytes) : bytes_(bytes) {}
+  void Put(const void* data, std::size_t size) override { bytes_.append(static_cast<const char*>(data), size); }
+
+ private:
+  std::string& bytes_;
+};
+
 /// Where libjpeg's bytes and errors go.
 struct Stream {
-  explicit Stream(const File& file) : file(file) {}
+  explicit Stream(Target& target) : target(target) {}
 
-  const File& file;
-  std::uint64_t offset = 0;
+  Target& target;
   std::exception_ptr exception;
   std::jmp_buf jump;
   char message[JMSG_LENGTH_MAX] = "";
   std::array<JOCTET, 1 << 16> buffer;
-
-  void Flush(std::size_t size) {
-    file.Write(buffer.data(), size, offset);
-    offset += size;
-  }
 };
 
 Stream& StreamOf(j_common_ptr jpeg) {
@@ -55,7 +82,7 @@ void OnStart(j_compress_ptr jpeg) {
 void Flush(j_compress_ptr jpeg, std::size_t size) {
   Stream& stream = StreamOf(reinterpret_cast<j_common_ptr>(jpeg));
   try {
-    stream.Flush(size);
+    stream.target.Put(stream.buffer.data(), size);
     return;
   } catch (const FileError&) {
     stream.exception = std::current_exception();
@@ -83,11 +110,10 @@ struct Compressor : jpeg_compress_struct {
 
 class JpegWriter : public ImageWriter {
  public:
-  JpegWriter(const fs::path& path, const WriteOptions& options)
+  JpegWriter(const fs::path& path, const WriteOptions& options, std::unique_ptr<Target> target)
       : ImageWriter(path, options, false),
-        part_(PartialName(path)),
-        file_(part_.Path(), O_RDWR | O_CREAT | O_TRUNC, path),
-        stream_(file_),
+        target_(std::move(target)),
+        stream_(*target_),
         row_(static_cast<std::size_t>(options.width) * static_cast<std::size_t>(options.planes)) {
     jpeg_.err = jpeg_std_error(&errors_);
     errors_.error_exit = OnError;
@@ -95,10 +121,10 @@ class JpegWriter : public ImageWriter {
     jpeg_.client_data = &stream_;
     Guard([&] {
       jpeg_create_compress(&jpeg_);
-      target_.init_destination = OnStart;
-      target_.empty_output_buffer = OnFull;
-      target_.term_destination = OnEnd;
-      jpeg_.dest = &target_;
+      destination_.init_destination = OnStart;
+      destination_.empty_output_buffer = OnFull;
+      destination_.term_destination = OnEnd;
+      jpeg_.dest = &destination_;
       jpeg_.image_width = static_cast<JDIMENSION>(options_.width);
       jpeg_.image_height = static_cast<JDIMENSION>(options_.height);
       jpeg_.input_components = options_.planes;
@@ -131,7 +157,7 @@ class JpegWriter : public ImageWriter {
 
   void Finish() override {
     Guard([&] { jpeg_finish_compress(&jpeg_); });
-    part_.RenameTo(path_);
+    target_->Commit();
   }
 
  private:
@@ -145,11 +171,10 @@ class JpegWriter : public ImageWriter {
     calls();
   }
 
-  TransientFile part_;
-  File file_;
+  std::unique_ptr<Target> target_;
   Stream stream_;
   jpeg_error_mgr errors_{};
-  jpeg_destination_mgr target_{};
+  jpeg_destination_mgr destination_{};
   Compressor jpeg_;
   std::vector<JSAMPLE> row_;
 };
@@ -157,7 +182,11 @@ class JpegWriter : public ImageWriter {
 }  // namespace
 
 std::unique_ptr<ImageWriter> CreateJpeg(const fs::path& path, const WriteOptions& options) {
-  return std::make_unique<JpegWriter>(path, options);
+  return std::make_unique<JpegWriter>(path, options, std::make_unique<FileTarget>(path));
+}
+
+std::unique_ptr<ImageWriter> CreateJpeg(std::string& bytes, const WriteOptions& options) {
+  return std::make_unique<JpegWriter>("picture", options, std::make_unique<StringTarget>(bytes));
 }
 
 }  // namespace korimg::files

@@ -12,6 +12,7 @@
 #include "korimg/platform/Debug.h"
 
 #include "app/files/CameraName.h"
+#include "app/files/Formats.h"
 #include "app/files/Mosaic.h"
 
 namespace korimg::tool {
@@ -215,19 +216,30 @@ int ShrinkTo(const Shape& shape, int side) {
   return (std::max(shape.width, shape.height) + side - 1) / side;
 }
 
-PictureSaver::PictureSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape,
-                           const Levels& levels, int shrink)
+PictureSaver::PictureSaver(const Shape& shape, const Levels& levels, int shrink)
     : shape_(shape),
       picture_{std::max(shape.width / shrink, 1), std::max(shape.height / shrink, 1), shape.planes},
       levels_(levels),
       shrink_(shrink),
       rowsOfPixel_(std::min(shrink, shape.height)),
       sums_(static_cast<size_t>(shape.width) * shape.planes),
-      line_(static_cast<size_t>(picture_.width) * shape.planes) {
-  files::WriteOptions write{picture_.width, picture_.height, picture_.planes};
-  write.type = "uint8";
+      line_(static_cast<size_t>(picture_.width) * shape.planes) {}
+
+PictureSaver::PictureSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape,
+                           const Levels& levels, int shrink)
+    : PictureSaver(shape, levels, shrink) {
+  files::WriteOptions write = Format();
   write.overwrite = tool.options.overwrite;
   writer_ = files::ImageWriter::Create(path, write);
+}
+
+PictureSaver::PictureSaver(std::string& jpeg, const Shape& shape, const Levels& levels, int shrink)
+    : PictureSaver(shape, levels, shrink) {
+  writer_ = files::CreateJpeg(jpeg, Format());
+}
+
+files::WriteOptions PictureSaver::Format() const {
+  return {.width = picture_.width, .height = picture_.height, .planes = picture_.planes, .type = "uint8"};
 }
 
 void PictureSaver::Write(int rows, const float* const* planes) {
@@ -261,12 +273,29 @@ void PictureSaver::Write(int rows, const float* const* planes) {
   }
 }
 
-void SavePicture(Tool& tool, CVelImage& image, const std::filesystem::path& path, int shrink) {
-  PictureSaver saver(tool, path, {image.GetWidth(), image.GetHeight(), image.GetPlanes()}, Levels(image),
-                     shrink);
-  ForBands(tool, image, true, "writing " + path.filename().string(),
-           [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
+namespace {
+
+void FillPicture(Tool& tool, CVelImage& image, const std::string& title, PictureSaver& saver) {
+  ForBands(tool, image, true, title, [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
   saver.Commit();
+}
+
+Shape ShapeOf(const CVelImage& image) {
+  return {image.GetWidth(), image.GetHeight(), image.GetPlanes()};
+}
+
+}  // namespace
+
+void SavePicture(Tool& tool, CVelImage& image, const std::filesystem::path& path, int shrink) {
+  PictureSaver saver(tool, path, ShapeOf(image), Levels(image), shrink);
+  FillPicture(tool, image, "writing " + path.filename().string(), saver);
+}
+
+std::string JpegOf(Tool& tool, CVelImage& image, int shrink) {
+  std::string jpeg;
+  PictureSaver saver(jpeg, ShapeOf(image), Levels(image), shrink);
+  FillPicture(tool, image, "drawing", saver);
+  return jpeg;
 }
 
 }  // namespace korimg::tool

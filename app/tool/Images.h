@@ -82,11 +82,16 @@ class PictureSaver {
  public:
   PictureSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
                int shrink);
+  /// The same as a JPEG in memory, which must outlive this object.
+  PictureSaver(std::string& jpeg, const Shape& shape, const Levels& levels, int shrink);
   /// Takes the next rows; planes[p] holds rows x width floats.
   void Write(int rows, const float* const* planes);
   void Commit() { writer_->Commit(); }
 
  private:
+  PictureSaver(const Shape& shape, const Levels& levels, int shrink);
+  files::WriteOptions Format() const;
+
   Shape shape_, picture_;
   Levels levels_;
   int shrink_, rowsOfPixel_;
@@ -98,6 +103,8 @@ class PictureSaver {
 void SaveImage(Tool& tool, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
                const SaveOptions& options = {});
 void SavePicture(Tool& tool, CVelImage& image, const std::filesystem::path& path, int shrink);
+/// A JPEG of an image by its levels, in memory.
+std::string JpegOf(Tool& tool, CVelImage& image, int shrink);
 
 /// The whole number that brings a picture to at most `side` pixels.
 int ShrinkTo(const Shape& shape, int side);

@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "app/calibrate/Calibrate.h"
 #include "app/develop/Develop.h"
 #include "app/tool/Tool.h"
 
@@ -21,6 +22,9 @@ void AddRun(CLI::App& app, Tool& tool);
 
 /// Adds the options that all verbs take.
 void AddCommonOptions(CLI::App& verb, Tool& tool);
+
+/// Adds the options of calibration but the frames themselves.
+void AddCalibrationOptions(CLI::App& verb, CalibrateOptions& options);
 
 /// Adds the options that say what a mosaic is and how its colours are balanced.
 void AddMosaicOptions(CLI::App& verb, DevelopOptions& options);

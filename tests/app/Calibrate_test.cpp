@@ -447,18 +447,18 @@ double CornerToCentre(const std::vector<Cell>& cells) {
 TEST_F(CalibrateTest, ASimulatedSessionComesOutAsItsTruth) {
   constexpr int kSide = 1000;
   ASSERT_TRUE(Simulate(In("s"), {.frames = 6, .width = kSide, .height = kSide, .seed = 2}));
-  fs::rename(In("s/lights"), In("s/LIGHT"));
-  fs::rename(In("s/biases"), In("s/Bias"));
   const json truth = json::parse(files::ReadBytes(In("s/truth.json")));
   std::vector<std::vector<float>> results;
   for (const char* threads : {"1", "2", "3"}) {
     const fs::path out = In(std::string("out") + threads);
-    const Outcome outcome = Call({"run", In("s").string(), "--out", out.string(), "--threads", threads});
+    const Outcome outcome = Calibrate("--dark @s/darks --flat @s/flats --bias @s/biases @s/lights --out " +
+                                      std::string("@out") + threads + " --master-dir @out" + threads +
+                                      "/masters --threads " + threads);
     ASSERT_EQ(outcome.code, 0) << outcome.errors;
     EXPECT_EQ(outcome.errors, "");
     EXPECT_TRUE(fs::exists(out / "masters/master_dark_120s.fits"));
-    EXPECT_EQ(ImageReader::Open(out / "calibrated/light_0006.png")->Info().width, kSide);
-    results.push_back(Pixels(out / "calibrated/light_0001.fits"));
+    EXPECT_EQ(ImageReader::Open(out / "light_0006.png")->Info().width, kSide);
+    results.push_back(Pixels(out / "light_0001.fits"));
     for (const auto& entry : fs::recursive_directory_iterator(out)) {
       EXPECT_NE(entry.path().extension(), ".part");
     }
@@ -470,7 +470,7 @@ TEST_F(CalibrateTest, ASimulatedSessionComesOutAsItsTruth) {
   EXPECT_NEAR(MeanRatio(cells, 0, 1), 1, 0.001);
   EXPECT_NEAR(CornerToCentre(cells), 1, 0.005);
   // The measure sees what the bias does when it stays in the flats.
-  const Outcome outcome = Calibrate("--dark @s/darks --flat @s/flats --out @wrong @s/LIGHT/light_0001.fits");
+  const Outcome outcome = Calibrate("--dark @s/darks --flat @s/flats --out @wrong @s/lights/light_0001.fits");
   ASSERT_EQ(outcome.code, 0) << outcome.errors;
   EXPECT_LT(CornerToCentre(SkyCells(truth, Pixels(In("wrong/light_0001.fits")), kSide, kSide)), 0.995);
 }

@@ -1,0 +1,477 @@
+#include "app/calibrate/Session.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <set>
+
+#include <fmt/format.h>
+
+#include "korimg/image/Lines.h"
+#include "korimg/pipelines/runtime/Runtime.h"
+
+#include "app/files/Formats.h"
+
+namespace korimg::tool {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+constexpr double kManySaturated = 0.01;  // share of a flat's pixels that is worth a warning
+
+const char* NameOf(FrameKind kind) {
+  return kind == FrameKind::Bias ? "bias" : kind == FrameKind::Dark ? "dark" : "flat";
+}
+
+/// Lights of one camera share their white balance, so that their colours can be added up.
+std::string CameraOf(const Light& light) {
+  return light.mosaic.name + ' ' + light.frame.info.header.GetString("INSTRUME").value_or("");
+}
+
+/// Pixels that lie below their offset, and will be 0.
+long long CountClipped(CVelImage& image, CVelImage& offset) {
+  long long count = 0;
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    for (const int n : MapLines(0, image.GetHeight(), [&](int y) {
+           const float *row = image.GetLine(0, y, p),
+                       *off = offset.GetLine(0, y, std::min(p, offset.GetPlanes() - 1));
+           int below = 0;
+           for (int x = 0; x < image.GetWidth(); ++x) {
+             below += row[x] < off[x];
+           }
+           return below;
+         })) {
+      count += n;
+    }
+  }
+  return count;
+}
+
+long long Pixels(const CVelImage& image) {
+  return 1LL * image.GetWidth() * image.GetHeight() * image.GetPlanes();
+}
+
+/// Some rows of an image that holds nothing else.
+std::unique_ptr<CVelImage> NewBand(const std::shared_ptr<CVmManager>& store, int width, int rows,
+                                   int planes) {
+  return std::make_unique<CVelImage>(store, CImage::Float, width, rows, planes, 1.0, 0.0, 1, nullptr);
+}
+
+std::unique_ptr<CVelImage> RowsOf(CVelImage& image, int y0, int rows) {
+  auto band = NewBand(image.VmManager(), image.GetWidth(), rows, image.GetPlanes());
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    for (int y = 0; y < rows; ++y) {
+      std::memcpy(band->GetWritableLine(0, y, p), image.GetLine(0, y0 + y, p),
+                  sizeof(float) * image.GetWidth());
+    }
+  }
+  return band;
+}
+
+void CheckUnchanged(const Light& light, const files::ImageInfo& found) {
+  const files::ImageInfo& planned = light.frame.info;
+  if (found.width != planned.width || found.height != planned.height || found.planes != planned.planes) {
+    throw files::FileError(light.frame.path, "has changed since the work began");
+  }
+}
+
+}  // namespace
+
+std::string Percent(double share) {
+  return fmt::format("{:.3g} %", 100 * share);
+}
+
+std::string Dump(const Json& json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+std::string Light::Served() const {
+  std::string text;
+  for (const Group* group : {dark, bias, flat}) {
+    if (group) text += (text.empty() ? "" : ", ") + group->name;
+  }
+  if (mosaic.cfa > 0) text += fmt::format("{}mosaic {}", text.empty() ? "" : ", ", mosaic.name);
+  return text;
+}
+
+Json Light::Description() const {
+  Json json{{"file", frame.path.string()}};
+  for (const auto& [key, group] : {std::pair("dark", dark), {"flat", flat}, {"bias", bias}}) {
+    json[key] = group ? Json(group->name) : Json();
+  }
+  if (mosaic.cfa > 0) json["mosaic"] = mosaic.name;
+  return json;
+}
+
+Session::Session(Tool& tool, const CalibrateOptions& options) : tool_(tool), options_(options) {
+  darks_ = MakeGroups(FrameKind::Dark, ExpandFolders(options.darks));
+  flats_ = MakeGroups(FrameKind::Flat, ExpandFolders(options.flats));
+  biases_ = MakeGroups(FrameKind::Bias, ExpandFolders(options.biases));
+  FindOffsetsOfFlats();
+  const std::vector<fs::path> paths = ExpandFolders(options.lights);
+  CheckStems(paths);
+  tool.ForEachFile(paths, [&](const fs::path& path) {
+    failed_.push_back(path.filename().string());  // failed, unless it is planned
+    lights_.push_back(PlanLight(path));
+    failed_.pop_back();
+  });
+}
+
+void Session::Show() const {
+  for (const auto* groups : {&biases_, &darks_, &flats_}) {
+    for (const Group& group : *groups) {
+      ShowGroup(group);
+    }
+  }
+  // Lights in a row that are served alike take one line.
+  for (size_t i = 0, next; i < lights_.size(); i = next) {
+    const Light& light = lights_[i];
+    for (next = i + 1; next < lights_.size() && lights_[next].Served() == light.Served();) {
+      ++next;
+    }
+    const std::string name = light.frame.path.filename().string();
+    const std::string served = light.Served().empty() ? "picture only" : light.Served();
+    tool_.console.Say(next - i == 1 ? fmt::format("{}: {}", name, served)
+                                    : fmt::format("{} lights ({} to {}): {}", next - i, name,
+                                                  lights_[next - 1].frame.path.filename().string(), served));
+  }
+  if (tool_.options.json && tool_.options.dryRun) {
+    for (const Light& light : lights_) {
+      fmt::print("{}\n", Dump(light.Description()));
+    }
+  }
+}
+
+void Session::CheckOutputs(std::vector<fs::path> outputs) const {
+  if (!options_.masters.empty()) {
+    for (const Group* group : NeededGroups()) {
+      outputs.push_back(MasterPath(*group));
+    }
+    outputs.push_back(ManifestPath());
+  }
+  std::set<fs::path> inputs;
+  for (const Light& light : lights_) {
+    inputs.insert(fs::weakly_canonical(light.frame.path));
+  }
+  for (const auto* groups : {&biases_, &darks_, &flats_}) {
+    for (const Group& group : *groups) {
+      for (const Frame& frame : group.frames) {
+        inputs.insert(fs::weakly_canonical(frame.path));
+      }
+    }
+  }
+  for (const fs::path& output : outputs) {
+    if (inputs.contains(fs::weakly_canonical(output))) {
+      throw files::FileError(output, "would be replaced by its own result; choose another --out");
+    }
+    tool_.CheckOutput(output);
+  }
+}
+
+void Session::Prepare() {
+  if (LacksOffsets()) {
+    tool_.console.Warn(
+        "LIGHTS WITHOUT DARK OR BIAS: their offset is divided by the flat as if it were light, "
+        "and the edges will be corrected too much; give --dark or --bias");
+  }
+  MakeMasters();
+  SaveMasters();
+  ChooseWhiteBalances();
+}
+
+void Session::MakeMasters() {
+  for (const Group* group : NeededGroups()) {
+    const auto offset = offsetsOfFlats_.find(group);
+    const Master* off = offset == offsetsOfFlats_.end() ? nullptr : &masters_.at(offset->second);
+    const Master& master = masters_.emplace(group, MakeMaster(tool_, store_, *group, off)).first->second;
+    const Measures& m = master.measures;
+    masterLines_.push_back(fmt::format("{}: {}; mean {:.6g}, min {:.6g}, max {:.6g}, saturated {}",
+                                       group->name, group->Text(), m.mean, m.min, m.max,
+                                       Percent(master.saturated)));
+    tool_.console.Say(masterLines_.back());
+    if (group->kind == FrameKind::Flat) WarnOfFlat(master);
+  }
+}
+
+void Session::SaveMasters() {
+  if (options_.masters.empty()) return;
+  fs::create_directories(options_.masters);
+  Json manifest{{"program", fmt::format("korimg {}", Version())}, {"masters", Json::array()}};
+  for (const Group* group : NeededGroups()) {
+    Master& master = masters_.at(group);
+    SaveMaster(tool_, master, MasterPath(*group));
+    Json entry{{"file", MasterPath(*group).filename().string()},
+               {"kind", NameOf(group->kind)},
+               {"offset", master.offset ? Json(master.offset->group->name) : Json()},
+               {"mean", master.measures.mean},
+               {"min", master.measures.min},
+               {"max", master.measures.max},
+               {"saturated", master.saturated},
+               {"inputs", Json::array()}};
+    for (const Frame& frame : group->frames) {
+      entry["inputs"].push_back({{"file", fs::absolute(frame.path).string()},
+                                 {"bytes", fs::file_size(frame.path)},
+                                 {"date", frame.info.header.GetString("DATE-OBS").value_or("")}});
+    }
+    manifest["masters"].push_back(std::move(entry));
+  }
+  files::TransientFile part(files::PartialName(ManifestPath()));
+  std::ofstream file(part.Path());
+  file << manifest.dump(1, ' ', false, Json::error_handler_t::replace) << '\n';
+  file.close();
+  if (!file) throw files::FileError(ManifestPath(), "cannot be written; is the disk full?");
+  part.RenameTo(ManifestPath());
+}
+
+/// Nothing says how much of the lights is no light.
+bool Session::LacksOffsets() const {
+  return !options_.flats.empty() && std::any_of(lights_.begin(), lights_.end(), [](const Light& light) {
+    return !light.Offset() && !light.frame.info.camera;
+  });
+}
+
+fs::path Session::MasterPath(const Group& group) const {
+  return options_.masters / (group.name + ".fits");
+}
+
+fs::path Session::ManifestPath() const {
+  return options_.masters / "manifest.json";
+}
+
+/// The group that serves a frame; none when no frames of that kind were given. Throws when they do not fit.
+const Group* Session::Choose(const std::vector<Group>& groups, const Frame& frame) const {
+  const Match match = FindMatch(groups, frame);
+  if (!match.group) return nullptr;
+  const Frame& first = match.group->frames.front();
+  const std::string kind = NameOf(match.group->kind);
+  if (!match.sameSize) {
+    throw files::FileError(
+        frame.path, fmt::format("is {} x {} x {}, but the {} frames are {} x {} x {} ({})", frame.info.width,
+                                frame.info.height, frame.info.planes, kind, first.info.width,
+                                first.info.height, first.info.planes, first.path.filename().string()));
+  }
+  std::string differences;
+  for (const Mismatch& m : match.mismatches) {
+    differences += fmt::format("{}{} is {}, but {} in the {} frames", differences.empty() ? "" : "; ", m.key,
+                               m.wanted, m.found, kind);
+  }
+  if (!differences.empty()) {
+    differences += fmt::format(" ({})", first.path.filename().string());
+    if (!options_.allowMismatch) {
+      throw files::FileError(frame.path, differences + "; give frames that match, or use --allow-mismatch");
+    }
+    tool_.console.Warn(fmt::format("{}: {}", frame.path.string(), differences));
+  }
+  if (tool_.options.verbose && !match.unknown.empty()) {
+    tool_.console.Say(fmt::format("{}: taken as matching {} without {}", frame.path.filename().string(),
+                                  match.group->name, fmt::format("{}", fmt::join(match.unknown, ", "))));
+  }
+  return match.group;
+}
+
+/// A flat's own dark is one of its exposure; else the bias comes off. A single flat is a master.
+void Session::FindOffsetsOfFlats() {
+  for (const Group& flat : flats_) {
+    if (flat.frames.size() == 1) continue;
+    const Frame& first = flat.frames.front();
+    const Match own = FindMatch(darks_, first);
+    const bool hasOwnDark = own && ExposureOf(first) && ExposureOf(own.group->frames.front());
+    const Group* offset = hasOwnDark ? own.group : Choose(biases_, first);
+    if (offset) offsetsOfFlats_[&flat] = offset;
+  }
+}
+
+Light Session::PlanLight(const fs::path& path) const {
+  Light light{ReadFrame(path)};
+  light.dark = Choose(darks_, light.frame);
+  if (darks_.empty()) light.bias = Choose(biases_, light.frame);
+  light.flat = Choose(flats_, light.frame);
+  if (!options_.keepMosaic) light.mosaic = files::FindMosaic(light.frame.info, options_.develop.mosaic);
+  if (!light.mosaic.name.empty() && light.mosaic.cfa == 0) {
+    throw files::FileError(
+        path,
+        fmt::format("a mosaic of the pattern {} cannot be developed; use --keep-mosaic", light.mosaic.name));
+  }
+  return light;
+}
+
+/// Groups that serve a light or such a flat, those of offsets first.
+std::vector<const Group*> Session::NeededGroups() const {
+  std::set<const Group*> needed;
+  for (const Light& light : lights_) {
+    needed.insert({light.dark, light.flat, light.bias});
+    if (const auto offset = offsetsOfFlats_.find(light.flat); offset != offsetsOfFlats_.end()) {
+      needed.insert(offset->second);
+    }
+  }
+  std::vector<const Group*> ordered;
+  for (const auto* groups : {&biases_, &darks_, &flats_}) {
+    for (const Group& group : *groups) {
+      if (needed.contains(&group)) ordered.push_back(&group);
+    }
+  }
+  return ordered;
+}
+
+void Session::ShowGroup(const Group& group) const {
+  const files::ImageInfo& info = group.frames.front().info;
+  std::string line =
+      fmt::format("{}: {}, {} x {}{}", group.name, group.Text(), info.width, info.height, group.Properties());
+  if (const auto offset = offsetsOfFlats_.find(&group); offset != offsetsOfFlats_.end()) {
+    line += fmt::format("; less {}", offset->second->name);
+  }
+  const auto needed = NeededGroups();
+  if (std::find(needed.begin(), needed.end(), &group) == needed.end()) line += "; serves no light";
+  tool_.console.Say(line);
+}
+
+void Session::WarnOfFlat(const Master& flat) const {
+  const Frame& first = flat.group->frames.front();
+  const bool single = flat.group->frames.size() == 1;
+  const bool raw = !first.info.camera && first.info.type.find("int") != std::string::npos &&
+                   !first.info.header.GetString("NCOMBINE") && !first.info.header.GetString("STACKCNT");
+  if (!single && !flat.offset && !first.info.camera) {
+    tool_.console.Warn(
+        fmt::format("{}: FLATS WITHOUT BIAS OR DARK of their own: their offset stays in "
+                    "them, and the edges will be corrected too little; give --bias",
+                    flat.group->name));
+  } else if (single && raw) {
+    tool_.console.Warn(
+        fmt::format("{}: one flat is taken as a master as it is; if it is a raw frame with "
+                    "its bias, give two or more and --bias",
+                    first.path.string()));
+  }
+  if (flat.saturated > kManySaturated) {
+    tool_.console.Warn(
+        fmt::format("{}: {} of its pixels are saturated", flat.group->name, Percent(flat.saturated)));
+  }
+  for (int p = 0; p < flat.image->GetPlanes(); ++p) {
+    if (!(flat.measures.minima[p] < flat.measures.maxima[p])) {
+      tool_.console.Warn(
+          fmt::format("{}: all its pixels are equal; lights are not divided by it", flat.group->name));
+      break;
+    }
+  }
+}
+
+Session::Calibrated Session::LoadLight(const Light& light) const {
+  const Master *offset = MasterOf(light.Offset()), *flat = MasterOf(light.flat);
+  Calibrated result{LoadImage(tool_, store_, light.frame.path, {.lessBlack = !offset}), 0};
+  CheckUnchanged(light, result.loaded.info);
+  CVelImage& image = *result.loaded.image;
+  const long long clipped = Apply(image, offset ? offset->image.get() : nullptr,
+                                  flat ? flat->image.get() : nullptr, flat ? flat->measures : Measures());
+  result.clipped = static_cast<double>(clipped) / static_cast<double>(Pixels(image));
+  return result;
+}
+
+Development Session::Develop(MosaicSource source, const Light& light, files::ImageInfo& info) const {
+  return {std::move(source), info, light.mosaic, balances_.at(CameraOf(light)), options_.develop};
+}
+
+void Session::ChooseWhiteBalances() {
+  for (const Light& light : lights_) {
+    if (light.mosaic.cfa == 0 || balances_.contains(CameraOf(light))) continue;
+    const Calibrated first = LoadLight(light);
+    CVelImage& image = *first.loaded.image;
+    // The pedestal is no light.
+    if (options_.pedestal > 0) Calculate(image, Calculation::Subtract, options_.pedestal);
+    const WhiteBalance balance =
+        ChooseWhiteBalance(&image, first.loaded.info, light.mosaic, options_.develop.whiteBalance);
+    tool_.console.Say(
+        fmt::format("mosaic {} ({}): white balance {} ({:.4g}){}", light.mosaic.name, light.mosaic.reason,
+                    balance.text, fmt::join(balance.gains, ", "),
+                    balance.text == "by medians" ? " of " + light.frame.path.filename().string() : ""));
+    balances_.emplace(CameraOf(light), balance);
+  }
+}
+
+/// Takes the offset off and divides by the flat, either of which may be null. Answers how many pixels were
+/// clipped at 0.
+long long Session::Apply(CVelImage& image, CVelImage* dark, CVelImage* flat, const Measures& measures) const {
+  Measures m = measures;
+  const auto pedestal = static_cast<float>(options_.pedestal);
+  const bool lifts = dark && pedestal > 0;
+  if (lifts) Calculate(image, Calculation::Add, pedestal);
+  const long long clipped = dark ? CountClipped(image, *dark) : 0;
+  if (lifts) {
+    // Only what lies above the pedestal is light, to be divided by the flat.
+    image.DarkFlat(&image, dark, nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr, 0);
+    Calculate(image, Calculation::Subtract, pedestal);
+    dark = nullptr;
+  }
+  image.DarkFlat(&image, dark, flat, m.minima, m.maxima, m.averages, 0, 0, nullptr, 0);
+  if (pedestal > 0) Calculate(image, Calculation::Add, pedestal);
+  return clipped;
+}
+
+void Session::Describe(files::Header& header, const Light& light, double clipped) const {
+  const Master *offset = MasterOf(light.Offset()), *flat = MasterOf(light.flat);
+  header.AddHistory(fmt::format("korimg {} calibrate", Version()));
+  if (offset) header.AddHistory(fmt::format("{}: {}", NameOf(offset->group->kind), offset->Text()));
+  if (flat) header.AddHistory("flat: " + flat->Text());
+  const double source = offset ? 0 : header.GetDouble("PEDESTAL").value_or(0);
+  if (offset) {
+    // What the camera's own pedestal was came off with the frames that have it too.
+    header.Remove("PEDESTAL");
+    header.AddHistory(fmt::format("{} of the pixels lay below their {} and were clipped", Percent(clipped),
+                                  NameOf(offset->group->kind)));
+  }
+  if (options_.pedestal > 0) {
+    header.Set("PEDESTAL", source - options_.pedestal, "add this to get zero-based values");
+    header.AddHistory(
+        fmt::format("pedestal: {:g} was added to all pixels, and is still in them", options_.pedestal));
+  }
+}
+
+LightRows::LightRows(const Session& session, const Light& light)
+    : session_(session),
+      light_(light),
+      reader_(files::ImageReader::Open(light.frame.path, {.lessBlack = !light.Offset(), .manyOpen = true})),
+      info_(reader_->Info()) {
+  CheckUnchanged(light, info_);
+  shape_ = {info_.width, info_.height, info_.planes};
+  if (light.mosaic.cfa == 0) return;
+  MosaicSource source(*reader_, {}, session.store_);
+  source.read = [this](int y0, int rows, float* const* planes) { ReadCalibrated(y0, rows, planes); };
+  development_ = std::make_unique<Development>(session.Develop(std::move(source), light, info_));
+  shape_ = development_->Size();
+}
+
+void LightRows::Read(int y0, int rows, float* const* planes) {
+  if (!development_) return ReadCalibrated(y0, rows, planes);
+  const auto band = development_->Rows(y0, y0 + rows);
+  // Gains are for light alone: the pedestal comes back after them.
+  if (session_.options_.pedestal > 0) Calculate(*band, Calculation::Add, session_.options_.pedestal);
+  for (int p = 0; p < shape_.planes; ++p) {
+    std::memcpy(planes[p], band->GetLine(0, 0, p), sizeof(float) * shape_.width * rows);
+  }
+}
+
+void LightRows::ReadCalibrated(int y0, int rows, float* const* planes) {
+  const auto band = NewBand(session_.store_, info_.width, rows, info_.planes);
+  float* own[3] = {};
+  for (int p = 0; p < info_.planes; ++p) {
+    own[p] = band->GetWritableLine(0, 0, p);
+  }
+  reader_->ReadRows(y0, rows, own);
+  const Master *offset = session_.MasterOf(light_.Offset()), *flat = session_.MasterOf(light_.flat);
+  const auto dark = offset ? RowsOf(*offset->image, y0, rows) : nullptr,
+             divisor = flat ? RowsOf(*flat->image, y0, rows) : nullptr;
+  clipped_ += session_.Apply(*band, dark.get(), divisor.get(), flat ? flat->measures : Measures());
+  seen_ += Pixels(*band);
+  if (light_.mosaic.cfa > 0 && session_.options_.pedestal > 0) {
+    Calculate(*band, Calculation::Subtract, session_.options_.pedestal);
+  }
+  for (int p = 0; p < info_.planes; ++p) {
+    std::memcpy(planes[p], own[p], sizeof(float) * info_.width * rows);
+  }
+}
+
+double LightRows::Clipped() const {
+  return seen_ > 0 ? static_cast<double>(clipped_) / static_cast<double>(seen_) : 0;
+}
+
+}  // namespace korimg::tool

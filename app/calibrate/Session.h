@@ -1,0 +1,124 @@
+// A session's lights, the calibration frames that serve them, and their pixels once calibrated.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "app/calibrate/Calibrate.h"
+#include "app/calibrate/Masters.h"
+#include "app/tool/Images.h"
+
+namespace korimg::tool {
+
+/// A light, and what serves it.
+struct Light {
+  Frame frame;
+  const Group *dark = nullptr, *flat = nullptr, *bias = nullptr;  ///< the bias only where there is no dark
+  files::Mosaic mosaic;                                           ///< to be developed
+
+  const Group* Offset() const { return dark ? dark : bias; }
+  bool Changes() const { return Offset() || flat || mosaic.cfa > 0; }
+  std::string Name() const { return frame.path.filename().string(); }
+  /// The names of what serves it.
+  std::string Served() const;
+  nlohmann::ordered_json Description() const;
+};
+
+std::string Percent(double share);
+/// One line. Bytes of file names that are no UTF-8 are replaced.
+std::string Dump(const nlohmann::ordered_json& json);
+
+/// Lights and calibration frames: matched when it is made, and ready to work after Prepare.
+class Session {
+ public:
+  /// Reads the headers of all frames. A light that nothing fits is an error of its own, and is left out.
+  /// @throws FileError on calibration frames that cannot be read, and on lights whose names clash.
+  Session(Tool& tool, const CalibrateOptions& options);
+
+  /// Groups of calibration frames, and what serves which lights.
+  void Show() const;
+  /// Refuses outputs that exist, masters among them, and those that are inputs whatever the options say.
+  void CheckOutputs(std::vector<std::filesystem::path> outputs) const;
+  /// Makes the masters that are needed, writes them where the options want them, and chooses the white
+  /// balance of each camera by its first light. Warns of whatever is wrong with the set of frames.
+  void Prepare();
+
+  const std::vector<Light>& Lights() const { return lights_; }
+  /// The lights that were left out.
+  const std::vector<std::string>& Failed() const { return failed_; }
+  /// A line on each master.
+  const std::vector<std::string>& MasterLines() const { return masterLines_; }
+  const CalibrateOptions& Options() const { return options_; }
+
+  struct Calibrated {
+    LoadedImage loaded;
+    double clipped;  ///< share of the pixels limited at 0
+  };
+  /// A light from its file, less its offset and divided by its flat; mosaics stay.
+  Calibrated LoadLight(const Light& light) const;
+  /// The development of a light's mosaic, calibrated and free of its pedestal.
+  Development Develop(MosaicSource source, const Light& light, files::ImageInfo& info) const;
+  /// Puts what was done into the header of a light.
+  void Describe(files::Header& header, const Light& light, double clipped) const;
+
+ private:
+  friend class LightRows;
+
+  std::filesystem::path MasterPath(const Group& group) const;
+  std::filesystem::path ManifestPath() const;
+  const Group* Choose(const std::vector<Group>& groups, const Frame& frame) const;
+  void FindOffsetsOfFlats();
+  Light PlanLight(const std::filesystem::path& path) const;
+  std::vector<const Group*> NeededGroups() const;
+  void ShowGroup(const Group& group) const;
+  void MakeMasters();
+  void SaveMasters();
+  void WarnOfFlat(const Master& flat) const;
+  bool LacksOffsets() const;
+  void ChooseWhiteBalances();
+  const Master* MasterOf(const Group* group) const { return group ? &masters_.at(group) : nullptr; }
+  long long Apply(CVelImage& image, CVelImage* offset, CVelImage* flat, const Measures& measures) const;
+
+  Tool& tool_;
+  const CalibrateOptions& options_;
+  std::vector<Group> darks_, flats_, biases_;
+  std::map<const Group*, const Group*> offsetsOfFlats_;
+  std::vector<Light> lights_;
+  std::vector<std::string> failed_, masterLines_;
+  std::shared_ptr<CVmManager> store_ = tool_.MakeStore();
+  std::map<const Group*, Master> masters_;
+  std::map<std::string, WhiteBalance> balances_;
+};
+
+/// A light's calibrated and developed pixels, by rows, without holding more of it than these.
+class LightRows {
+ public:
+  /// @throws FileError when the file has changed since the session was planned.
+  LightRows(const Session& session, const Light& light);
+
+  /// Of the developed image.
+  Shape Size() const { return shape_; }
+  /// What the file says, and what was done to it.
+  const files::ImageInfo& Info() const { return info_; }
+  /// Rows y0 to y0 + rows - 1; planes[p] takes rows x width floats.
+  void Read(int y0, int rows, float* const* planes);
+  /// Share of the pixels read so far that were limited at 0.
+  double Clipped() const;
+
+ private:
+  void ReadCalibrated(int y0, int rows, float* const* planes);
+
+  const Session& session_;
+  const Light& light_;
+  std::unique_ptr<files::ImageReader> reader_;
+  files::ImageInfo info_;
+  std::unique_ptr<Development> development_;
+  Shape shape_;
+  long long clipped_ = 0, seen_ = 0;
+};
+
+}  // namespace korimg::tool

@@ -1,0 +1,464 @@
+#include "app/run/Run.h"
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+
+#include <fmt/format.h>
+
+#include "korimg/pipelines/runtime/Runtime.h"
+
+#include "app/calibrate/Session.h"
+#include "app/register/Register.h"
+#include "app/run/Report.h"
+#include "app/stack/StackHeader.h"
+#include "app/tool/SideBySide.h"
+#include "app/verbs/AutoPicture.h"
+
+namespace korimg::tool {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+constexpr int kThumbnailSide = 300, kPictureSide = 1400;  // pixels
+
+/// A light on its way.
+struct Progress {
+  const Light* light = nullptr;
+  std::string error;  ///< it could not be done at all
+  Shape shape;
+  double clipped = 0;
+  FrameMeasure measure;
+  FrameLevels levels;
+  std::string thumbnail;
+  Registration registration;
+  std::string reason;  ///< why it is left out
+  double weight = 0;
+  CImgStack::Counts counts;
+
+  bool IsMeasured() const { return error.empty(); }
+  bool IsUsed() const { return error.empty() && reason.empty(); }
+};
+
+/// Lights that make one image.
+struct Target {
+  std::string filter;
+  std::string name;  ///< of its files
+  std::vector<Progress*> frames = {};
+};
+
+std::string FilterOf(const Light& light) {
+  return light.frame.info.header.GetString("FILTER").value_or("");
+}
+
+/// A filter's name as it may stand in the name of a file.
+std::string FileWord(const std::string& text) {
+  std::string word;
+  for (const char c : text) {
+    const bool plain = std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '+';
+    word += plain ? c : '_';
+  }
+  return word.empty() ? "none" : word;
+}
+
+double Median(std::vector<double> values) {
+  if (values.empty()) return 0;
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+/// All of a light, calibrated and developed.
+std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmManager>& store) {
+  const Shape shape = rows.Size();
+  // The image does not keep its store alive.
+  const auto image = std::shared_ptr<CVelImage>(
+      new CVelImage(store, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr),
+      [store](CVelImage* p) { delete p; });
+  for (int y = 0, count = BandRows(shape.width, shape.planes, shape.height); y < shape.height; y += count) {
+    float* planes[3] = {};
+    for (int p = 0; p < shape.planes; ++p) {
+      planes[p] = image->GetWritableLine(0, y, p);
+    }
+    rows.Read(y, std::min(count, shape.height - y), planes);
+  }
+  return image;
+}
+
+class Road {
+ public:
+  Road(Tool& tool, const RunOptions& options)
+      : tool_(tool), options_(options), session_(tool, options.calibrate) {
+    for (const Light& light : session_.Lights()) {
+      frames_.push_back({&light});
+    }
+    // In the order of time, which is that of names where nothing else is known.
+    std::stable_sort(frames_.begin(), frames_.end(), [](const Progress& a, const Progress& b) {
+      const auto date = [](const Progress& f) {
+        return f.light->frame.info.header.GetString("DATE-OBS").value_or("");
+      };
+      return date(a) < date(b);
+    });
+    std::map<std::string, Target> byFilter;
+    for (Progress& frame : frames_) {
+      Target& target = byFilter[FilterOf(*frame.light)];
+      target.filter = FilterOf(*frame.light);
+      target.frames.push_back(&frame);
+    }
+    for (auto& [filter, target] : byFilter) {
+      target.name = byFilter.size() == 1 ? "stack" : "stack_" + FileWord(filter);
+      targets_.push_back(std::move(target));
+    }
+  }
+
+  void Show() {
+    session_.Show();
+    for (const Target& target : targets_) {
+      Plan(fmt::format("{}: {} light{}{}", target.name, target.frames.size(),
+                       target.frames.size() == 1 ? "" : "s",
+                       target.filter.empty() ? "" : ", filter " + target.filter));
+    }
+  }
+
+  bool HasLights() const { return !frames_.empty(); }
+
+  void Do() {
+    std::vector<fs::path> outputs = {Path("report.html")};
+    for (const Target& target : targets_) {
+      for (const char* extension : {".fits", ".tif", ".png"}) {
+        outputs.push_back(Path(target.name + extension));
+      }
+    }
+    session_.CheckOutputs(outputs);
+    session_.Prepare();
+    fs::create_directories(options_.calibrate.out);
+    MeasureFrames();
+    RegisterFrames();
+    for (Target& target : targets_) {
+      LeaveOutBad(target);
+    }
+    for (Target& target : targets_) {
+      StackFrames(target);
+    }
+    TellFrames();
+    WriteReport();
+  }
+
+ private:
+  fs::path Path(const std::string& name) const { return options_.calibrate.out / name; }
+
+  void Plan(const std::string& line) {
+    report_.plan.push_back(line);
+    tool_.console.Say(line);
+  }
+
+  void LeaveOut(Progress& frame, const std::string& reason) {
+    frame.reason = reason;
+    tool_.console.Warn(fmt::format("{}: left out: {}", frame.light->Name(), reason));
+  }
+
+  void MeasureFrames() {
+    SideBySide(
+        tool_, "measuring frame", frames_.size(),
+        [&](size_t i) {
+          Progress frame = frames_[i];
+          LightRows rows(session_, *frame.light);
+          const auto image = LoadWhole(rows, tool_.MakeStore());
+          frame.shape = rows.Size();
+          frame.clipped = rows.Clipped();
+          frame.measure = MeasureFrame(*image);
+          frame.levels = MeasureLevels(*image);
+          LevelForPreview(*image, kThumbnailSide);
+          frame.thumbnail = JpegOf(tool_, *image, ShrinkTo(frame.shape, kThumbnailSide));
+          return frame;
+        },
+        [&](size_t i, const auto& result) {
+          Progress& frame = frames_[i];
+          frame.error = "cannot be read";
+          tool_.ForEachFile({frame.light->frame.path}, [&](const fs::path&) { frame = result(); });
+        });
+  }
+
+  void RegisterFrames() {
+    std::vector<FrameMeasure> measures;
+    std::vector<size_t> numbers;
+    for (size_t i = 0; i < frames_.size(); ++i) {
+      if (!frames_[i].IsMeasured()) continue;
+      measures.push_back(frames_[i].measure);
+      numbers.push_back(i);
+    }
+    if (measures.empty()) throw files::FileError(options_.calibrate.out, "no light could be read");
+    reference_ = numbers[ChooseReference(measures)];
+    const auto image = [this](const Progress& frame) {
+      return [this, &frame] {
+        LightRows rows(session_, *frame.light);
+        return LoadWhole(rows, tool_.MakeStore());
+      };
+    };
+    Progress& reference = frames_[reference_];
+    Registrar registrar(reference.measure, image(reference));
+    SideBySide(
+        tool_, "registering frame", frames_.size(),
+        [&](size_t i) {
+          const Progress& frame = frames_[i];
+          if (!frame.IsMeasured()) return Registration();
+          if (i == reference_) return ReferenceRegistration(reference.measure);
+          return registrar.Register(frame.measure, image(frame));
+        },
+        [&](size_t i, const auto& result) {
+          Progress& frame = frames_[i];
+          if (!frame.IsMeasured()) return;
+          tool_.ForEachFile({frame.light->frame.path},
+                            [&](const fs::path&) { frame.registration = result(); });
+        });
+    Plan(fmt::format("reference: {}, {} stars, FWHM {:.2f} px", reference.light->Name(),
+                     reference.measure.starCount, reference.measure.fwhm));
+  }
+
+  /// Leaves out what cannot be stacked, and what is much worse than the others.
+  void LeaveOutBad(Target& target) {
+    const Shape& shape = frames_[reference_].shape;
+    std::vector<double> stars, fwhms, elongations;
+    for (const Progress* frame : target.frames) {
+      if (!frame->IsMeasured()) continue;
+      stars.push_back(frame->measure.starCount);
+      if (frame->measure.starCount == 0) continue;
+      fwhms.push_back(frame->measure.fwhm);
+      elongations.push_back(frame->measure.elongation);
+    }
+    const FrameLimits& limits = options_.limits;
+    const double fewest = limits.stars * Median(stars), widest = limits.fwhm * Median(fwhms),
+                 longest = limits.elongation * Median(elongations);
+    report_.limits.push_back(fmt::format(
+        "{}: fewer than {:.0f} stars ({:g} of the median), FWHM above {:.2f} px ({:g} times), elongation above "
+        "{:.2f} ({:g} times); what could not be registered",
+        target.name, fewest, limits.stars, widest, limits.fwhm, longest, limits.elongation));
+    for (Progress* frame : target.frames) {
+      if (!frame->IsMeasured()) continue;
+      const FrameMeasure& m = frame->measure;
+      if (frame->shape.planes != shape.planes) {
+        LeaveOut(*frame, fmt::format("has {} planes, the reference {}", frame->shape.planes, shape.planes));
+      } else if (limits.stars > 0 && m.starCount < fewest) {
+        LeaveOut(*frame, fmt::format("{} stars, fewer than {:.0f}", m.starCount, fewest));
+      } else if (limits.fwhm > 0 && m.fwhm > widest) {
+        LeaveOut(*frame, fmt::format("FWHM {:.2f} px, above {:.2f}", m.fwhm, widest));
+      } else if (limits.elongation > 0 && m.elongation > longest) {
+        LeaveOut(*frame, fmt::format("elongation {:.2f}, above {:.2f}", m.elongation, longest));
+      } else if (!frame->registration.IsGood()) {
+        LeaveOut(*frame, "not registered: " + frame->registration.status);
+      }
+    }
+  }
+
+  std::vector<StackInput> Inputs(const std::vector<Progress*>& used) const {
+    std::vector<StackInput> inputs;
+    for (const Progress* frame : used) {
+      StackInput input{frame->light->Name(), frame->shape};
+      input.dx = frame->registration.dx;
+      input.dy = frame->registration.dy;
+      input.degrees = frame->registration.degrees;
+      input.levels = frame->levels;
+      input.read = [this, frame](int y0, int rows, float* const* planes) {
+        LightRows(session_, *frame->light).Read(y0, rows, planes);
+      };
+      inputs.push_back(std::move(input));
+    }
+    return inputs;
+  }
+
+  void StackFrames(Target& target) {
+    std::vector<Progress*> used;
+    size_t reference = 0;
+    for (Progress* frame : target.frames) {
+      if (!frame->IsUsed()) continue;
+      if (frame == &frames_[reference_]) reference = used.size();
+      used.push_back(frame);
+    }
+    if (used.empty()) {
+      tool_.console.Error(fmt::format("{}: no frame is left to stack", target.name));
+      tool_.exitCode = kFailed;
+      return;
+    }
+    std::vector<StackInput> inputs = Inputs(used);
+    StackOptions options = options_.stack;
+    options.memory = DefaultStackMemory(tool_);
+    if (options_.weightByNoise) {
+      const auto weights = NoiseWeights(inputs, static_cast<int>(reference), options.normalisation);
+      for (size_t i = 0; i < inputs.size(); ++i) {
+        inputs[i].weight = weights[i];
+      }
+    }
+    const Shape shape = frames_[reference_].shape;
+    Plan(fmt::format("{}: {} of {} frames, {}", target.name, used.size(), target.frames.size(),
+                     PlanStack(inputs, shape, options).Text()));
+
+    const auto store = tool_.MakeStore();
+    CVelImage image(store, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr);
+    Stack(tool_, inputs, static_cast<int>(reference), options, 0, [&](const StackBand& band) {
+      for (int p = 0; p < shape.planes; ++p) {
+        for (int y = 0; y < band.rows; ++y) {
+          std::copy_n(band.planes[p] + static_cast<size_t>(y) * shape.width, shape.width,
+                      image.GetWritableLine(0, band.y0 + y, p));
+        }
+      }
+      for (size_t i = 0; i < band.counts.size(); ++i) {
+        used[i]->counts.values += band.counts[i].values;
+        used[i]->counts.low += band.counts[i].low;
+        used[i]->counts.high += band.counts[i].high;
+      }
+    });
+    for (size_t i = 0; i < used.size(); ++i) {
+      used[i]->weight = inputs[i].weight;
+    }
+    SaveStack(target, used, *used[reference], image);
+  }
+
+  void SaveStack(const Target& target, const std::vector<Progress*>& used, const Progress& reference,
+                 CVelImage& image) {
+    LightRows source(session_, *reference.light);
+    files::Header first = source.Info().header;
+    session_.Describe(first, *reference.light, reference.clipped);
+    StackHeader collected(first);
+    for (const Progress* frame : used) {
+      collected.Add(frame->light->frame.info.header);
+    }
+    files::Header header = collected.Make();
+    for (const std::string& line : History(used, target)) {
+      header.AddHistory(line);
+    }
+    LevelForPreview(image, kPictureSide);
+    SaveImage(tool_, image, header, Path(target.name + ".fits"));
+    SaveImage(tool_, image, header, Path(target.name + ".tif"), {.integers = true});
+    SavePicture(tool_, image, Path(target.name + ".png"), 1);
+
+    const FrameMeasure measure = MeasureFrame(image);
+    double exposure = 0;
+    long long values = 0, rejected = 0;
+    for (const Progress* frame : used) {
+      exposure += ExposureOf(frame->light->frame).value_or(0);
+      values += frame->counts.values;
+      rejected += frame->counts.low + frame->counts.high;
+    }
+    ReportStack stack{target.name, JpegOf(tool_, image, ShrinkTo(reference.shape, kPictureSide))};
+    stack.facts = {
+        {"frames", fmt::format("{} of {}", used.size(), target.frames.size())},
+        {"exposure", fmt::format("{:g} s", exposure)},
+        {"size", fmt::format("{} x {}", reference.shape.width, reference.shape.height)},
+        {"stars", fmt::format("{}", measure.starCount)},
+        {"FWHM", fmt::format("{:.2f} px; of the reference {:.2f}", measure.fwhm, reference.measure.fwhm)},
+        {"noise of the sky", fmt::format("{:.4g}; of the reference {:.4g}", measure.noise, reference.measure.noise)},
+        {"rejected", Percent(values > 0 ? static_cast<double>(rejected) / static_cast<double>(values) : 0)}};
+    if (!target.filter.empty()) stack.facts.insert(stack.facts.begin(), {"filter", target.filter});
+    report_.stacks.push_back(std::move(stack));
+    tool_.console.Say(fmt::format("{} -> {}: FWHM {:.2f} px, noise {:.4g} (reference {:.4g})", target.name,
+                                  Path(target.name + ".fits").string(), measure.fwhm, measure.noise,
+                                  reference.measure.noise));
+  }
+
+  std::vector<std::string> History(const std::vector<Progress*>& used, const Target& target) const {
+    const StackOptions& s = options_.stack;
+    const char* const methods[] = {"median", "mean", "sigma", "max", "min"};
+    const char* const normalisations[] = {"none", "level", "level+scale"};
+    std::string method = methods[s.method];
+    if (s.method == CImgStack::ClippedMean) method += fmt::format(", kappa {:g} and {:g}", s.clip.low, s.clip.high);
+    return {fmt::format("korimg {} run", Version()),
+            fmt::format("{} of {} frames stacked: {}; normalised by {}; weights by {}", used.size(),
+                        target.frames.size(), method, normalisations[static_cast<int>(s.normalisation)],
+                        options_.weightByNoise ? "noise" : "none"),
+            fmt::format("grid of {}", frames_[reference_].light->Name())};
+  }
+
+  static double Rejected(const Progress& frame) {
+    const CImgStack::Counts& c = frame.counts;
+    return c.values > 0 ? static_cast<double>(c.low + c.high) / static_cast<double>(c.values) : 0;
+  }
+
+  void TellFrames() const {
+    for (const Progress& frame : frames_) {
+      const Registration& r = frame.registration;
+      if (tool_.options.json) {
+        Json json = frame.light->Description();
+        json["stars"] = frame.measure.starCount;
+        json["fwhm"] = frame.measure.fwhm;
+        json["elongation"] = frame.measure.elongation;
+        json["sky"] = frame.measure.sky;
+        json["noise"] = frame.measure.noise;
+        json["dx"] = r.dx;
+        json["dy"] = r.dy;
+        json["degrees"] = r.degrees;
+        json["residual_px"] = r.residual;
+        json["method"] = r.method;
+        json["status"] = frame.IsUsed() ? "stacked" : frame.IsMeasured() ? frame.reason : frame.error;
+        json["weight"] = frame.weight;
+        json["rejected"] = Rejected(frame);
+        fmt::print("{}\n", Dump(json));
+      } else if (frame.IsUsed()) {
+        tool_.console.Say(fmt::format(
+            "{}: {} stars, FWHM {:.2f} px, dx {:.2f}, dy {:.2f}, {:.3f} degrees by {}; weight {:.2f}, rejected {}",
+            frame.light->Name(), frame.measure.starCount, frame.measure.fwhm, r.dx, r.dy, r.degrees, r.method,
+            frame.weight, Percent(Rejected(frame))));
+      }
+    }
+  }
+
+  void WriteReport() {
+    report_.command = tool_.commandLine;
+    report_.plan.insert(report_.plan.begin(), session_.MasterLines().begin(), session_.MasterLines().end());
+    for (const Progress& frame : frames_) {
+      ReportFrame row{frame.light->Name(), frame.light->Served(), frame.IsMeasured() ? frame.reason : frame.error};
+      if (frame.IsMeasured()) {
+        row.thumbnail = frame.thumbnail;
+        row.clipped = frame.clipped;
+        row.stars = frame.measure.starCount;
+        row.sky = frame.measure.sky;
+        row.noise = frame.measure.noise;
+        if (frame.measure.starCount > 0) {
+          row.fwhm = frame.measure.fwhm;
+          row.elongation = frame.measure.elongation;
+        }
+        if (frame.registration.IsGood()) {
+          row.method = frame.registration.method;
+          row.dx = frame.registration.dx;
+          row.dy = frame.registration.dy;
+          row.degrees = frame.registration.degrees;
+          row.residual = frame.registration.residual;
+        }
+      }
+      if (frame.IsUsed()) {
+        row.weight = frame.weight;
+        row.rejected = 100 * Rejected(frame);
+      }
+      report_.frames.push_back(std::move(row));
+    }
+    for (const std::string& name : session_.Failed()) {
+      report_.frames.push_back({name, "", "cannot be calibrated"});
+    }
+    korimg::tool::WriteReport(report_, Path("report.html"));
+    tool_.console.Say("report: " + Path("report.html").string());
+  }
+
+  Tool& tool_;
+  const RunOptions& options_;
+  Session session_;
+  std::vector<Progress> frames_;
+  std::vector<Target> targets_;
+  size_t reference_ = 0;
+  Report report_;
+};
+
+}  // namespace
+
+void Run(Tool& tool, RunOptions options) {
+  if (!options.calibrate.darks.empty() || !options.calibrate.flats.empty() ||
+      !options.calibrate.biases.empty()) {
+    options.calibrate.masters = options.calibrate.out / "masters";
+  }
+  Road road(tool, options);
+  road.Show();
+  if (tool.options.dryRun || !road.HasLights()) return;
+  road.Do();
+}
+
+}  // namespace korimg::tool

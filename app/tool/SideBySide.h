@@ -1,0 +1,41 @@
+// Work on many frames, a few at once.
+#pragma once
+
+#include <algorithm>
+#include <deque>
+#include <future>
+#include <string>
+#include <type_traits>
+
+#include "korimg/platform/CParallel.h"
+
+#include "app/tool/Tool.h"
+
+namespace korimg::tool {
+
+/// Calls work(i) for 0 to count - 1, a few at once, each with its share of the threads; and take(i, result) for
+/// their results in order on this thread, where result() gives what work gave, or throws what it threw. The
+/// progress counts frames. At most four are at work at a time: each holds an image.
+template <class Work, class Take>
+void SideBySide(Tool& tool, const std::string& title, size_t count, Work&& work, Take&& take) {
+  constexpr int kMostAtOnce = 4;
+  const int threads = CParallel::GetMaxThreads(), atOnce = std::min(threads, kMostAtOnce);
+  const auto policy = atOnce > 1 ? std::launch::async : std::launch::deferred;
+  std::deque<std::future<std::invoke_result_t<Work&, size_t>>> running;
+  size_t next = 0;
+  for (size_t done = 0; done < count; ++done) {
+    for (; next < count && next < done + atOnce; ++next) {
+      running.push_back(std::async(policy, [&work, next, threads, atOnce] {
+        CParallel::SetMaxThreads(threads / atOnce);
+        return work(next);
+      }));
+    }
+    tool.console.JobProgress(title, static_cast<long long>(done) + 1, static_cast<long long>(count));
+    auto result = std::move(running.front());
+    running.pop_front();
+    take(done, [&result] { return result.get(); });
+  }
+  tool.console.JobProgress("", 0, 0);
+}
+
+}  // namespace korimg::tool

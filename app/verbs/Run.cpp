@@ -1,0 +1,92 @@
+// korimg run: a session's folder to a finished picture.
+#include <algorithm>
+#include <cctype>
+
+#include <fmt/format.h>
+
+#include "app/calibrate/Frames.h"
+#include "app/run/Run.h"
+#include "app/verbs/Verbs.h"
+
+namespace korimg::tool {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// The folder of one kind of frames in a session: its name in any case, singular or plural. Empty: there is
+/// none.
+fs::path FindFolder(const fs::path& session, std::initializer_list<const char*> names) {
+  std::vector<fs::path> found;
+  for (const auto& entry : fs::directory_iterator(session)) {
+    std::string name = entry.path().filename().string();
+    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
+    if (entry.is_directory() && std::find(names.begin(), names.end(), name) != names.end()) {
+      found.push_back(entry.path());
+    }
+  }
+  if (found.size() > 1) {
+    std::sort(found.begin(), found.end());
+    throw files::FileError(session, fmt::format("has both {} and {}; rename one of them",
+                                                found[0].filename().string(), found[1].filename().string()));
+  }
+  return found.empty() ? fs::path() : found[0];
+}
+
+/// Finds a session's frames by the folders they lie in.
+void FindFrames(Tool& tool, const fs::path& session, CalibrateOptions& options) {
+  if (!fs::is_directory(session)) {
+    throw files::FileError(session, "is no folder; name one that holds the folder lights");
+  }
+  const struct {
+    const char* title;
+    std::initializer_list<const char*> names;
+    std::vector<fs::path>& files;
+  } kinds[] = {{"lights", {"lights", "light"}, options.lights},
+               {"darks", {"darks", "dark"}, options.darks},
+               {"flats", {"flats", "flat"}, options.flats},
+               {"biases", {"biases", "bias"}, options.biases}};
+  for (const auto& [title, names, files] : kinds) {
+    const fs::path folder = FindFolder(session, names);
+    if (!folder.empty()) files = ExpandFolders({folder});
+    tool.console.Say(folder.empty() ? fmt::format("{}: none", title)
+                                    : fmt::format("{}: {} in {}", title, files.size(), folder.string()));
+  }
+  if (options.lights.empty()) throw files::FileError(session, "has no folder lights or light");
+  if (options.darks.empty() && options.flats.empty() && options.biases.empty()) {
+    tool.console.Warn("no darks, flats or biases: lights are stacked as they are");
+  }
+}
+
+}  // namespace
+
+void AddRun(CLI::App& app, Tool& tool) {
+  struct Arguments {
+    fs::path session;
+    RunOptions options;
+  };
+  auto arguments = std::make_shared<Arguments>();
+  RunOptions& options = arguments->options;
+  CLI::App* verb = app.add_subcommand("run", "Work through a session: from raw frames to a finished picture");
+  verb->add_option("folder", arguments->session, "holds the folders lights, darks, flats and biases")
+      ->required();
+  AddCalibrationOptions(*verb, options.calibrate);
+  verb->add_option("--min-stars", options.limits.stars,
+                   "leave out frames with fewer stars than this share of the median; 0: no limit")
+      ->check(CLI::Range(0.0, 1.0));
+  verb->add_option("--max-fwhm", options.limits.fwhm,
+                   "leave out frames whose FWHM is more than this many times the median; 0: no limit")
+      ->check(CLI::Range(0.0, 100.0));
+  verb->add_option("--max-elongation", options.limits.elongation,
+                   "leave out frames whose elongation is more than this many times the median; 0: no limit")
+      ->check(CLI::Range(0.0, 100.0));
+  AddCommonOptions(*verb, tool);
+  verb->callback([arguments, &tool] {
+    tool.Begin();
+    CheckWhiteBalance(arguments->options.calibrate.develop.whiteBalance);
+    FindFrames(tool, arguments->session, arguments->options.calibrate);
+    Run(tool, arguments->options);
+  });
+}
+
+}  // namespace korimg::tool
