@@ -48,6 +48,8 @@
 #include "korimg/levels/CImgToneCurve.h"
 #include "korimg/levels/CSpline.h"
 #include "korimg/measurement/CImgPixelInfo.h"
+#include "korimg/measurement/CStarFinder.h"
+#include "korimg/measurement/CStarMatcher.h"
 #include "korimg/measurement/CStarPos.h"
 #include "korimg/measurement/PSF.h"
 #include "korimg/pipelines/runtime/Runtime.h"

@@ -40,7 +40,8 @@ TEST(CImgPixelInfo, FiguresOfRectanglesAndCircles) {
       }
       return pixels;
     };
-    for (const CRect& rect : {CRect(0, 0, 67, 45), CRect(5, 7, 6, 8), CRect(-9, 20, 11, 90), CRect(3, 4, 13, 9)}) {
+    for (const CRect& rect :
+         {CRect(0, 0, 67, 45), CRect(5, 7, 6, 8), CRect(-9, 20, 11, 90), CRect(3, 4, 13, 9)}) {
       Figures f{};
       image->Calc(rect, f.min, f.max, f.mean, f.sd, f.median);
       for (int p = 0; p < 3; ++p) {
@@ -57,7 +58,8 @@ TEST(CImgPixelInfo, FiguresOfRectanglesAndCircles) {
       for (const CPoint centre : {CPoint(30, 20), CPoint(2, 44), CPoint(66, 0)}) {
         constexpr int kRadius = 6;
         Figures f{};
-        image->CalcStar(centre.x, centre.y, kRadius, low, high, f.min, f.max, f.mean, f.sd, f.median, f.peak, f.fwhm);
+        image->CalcStar(centre.x, centre.y, kRadius, low, high, f.min, f.max, f.mean, f.sd, f.median, f.peak,
+                        f.fwhm);
         auto pixels = pixelsOf(1, [&](int x, int y) {
           return (x - centre.x) * (x - centre.x) + (y - centre.y) * (y - centre.y) < kRadius * kRadius;
         });

@@ -10,7 +10,8 @@ namespace {
 
 PixelRule Star(double cx, double cy) {
   return [=](int p, int x, int y) {
-    return 200 + 20 * p + 500 * std::exp(-((x - cx) * (x - cx) + (y - cy) * (y - cy)) / 8) + Random(0, 1)(p, x, y);
+    return 200 + 20 * p + 500 * std::exp(-((x - cx) * (x - cx) + (y - cy) * (y - cy)) / 8) +
+           Random(0, 1)(p, x, y);
   };
 }
 
@@ -48,8 +49,9 @@ TEST(Centroid, FindsAStarOnBothStores) {
 
 TEST(Centroid, IsTheMiddleWithoutWeights) {
   for (const auto& store : {MemoryStore(), TinyPool()}) {
-    for (const PixelRule& rule : {PixelRule([](int, int, int) { return 300; }),
-                                  PixelRule([](int, int x, int y) { return x == 3 && y == 3 ? NAN : 300; })}) {
+    for (const PixelRule& rule :
+         {PixelRule([](int, int, int) { return 300; }),
+          PixelRule([](int, int x, int y) { return x == 3 && y == 3 ? NAN : 300; })}) {
       const auto image = Make(store, 30, 21, 1, rule);
       double x, y;
       image->GetCentroid(x, y, nullptr);
@@ -67,7 +69,8 @@ TEST(Centroid, IsTheMiddleWithoutWeights) {
 }
 
 TEST(FitPrm, FollowsTheReferencePoints) {
-  const auto here = Make(MemoryStore(), 100, 80, 1, Star(50, 40)), there = Make(MemoryStore(), 100, 80, 1, Star(44.5, 43));
+  const auto here = Make(MemoryStore(), 100, 80, 1, Star(50, 40)),
+             there = Make(MemoryStore(), 100, 80, 1, Star(44.5, 43));
   double dx = 9, dy = 9, degrees = 9;
   for (CVelImage* image : {here.get(), there.get()}) {
     image->InitStdPtCtr();

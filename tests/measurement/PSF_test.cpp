@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "korimg/measurement/CImgPixelInfo.h"
+
 #include "tests/support/Images.h"
 
 using namespace korimg::test;
