@@ -23,6 +23,7 @@ std::unique_ptr<ImageReader> OpenRaw(const std::filesystem::path& path, const Re
 std::unique_ptr<ImageWriter> CreateFits(const std::filesystem::path& path, const WriteOptions& options);
 std::unique_ptr<ImageWriter> CreateTiff(const std::filesystem::path& path, const WriteOptions& options);
 std::unique_ptr<ImageWriter> CreatePng(const std::filesystem::path& path, const WriteOptions& options);
+std::unique_ptr<ImageWriter> CreateJpeg(const std::filesystem::path& path, const WriteOptions& options);
 
 /// FileError with the text of an errno value.
 [[noreturn]] void ThrowSystemError(const std::filesystem::path& path, std::string_view doing, int error);

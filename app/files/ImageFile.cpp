@@ -1,5 +1,6 @@
 #include "app/files/ImageFile.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -205,24 +206,42 @@ void ImageReader::ReadRows(int y0, int rows, float* const* planes) {
   if (rows > 0) Read(y0, rows, planes);
 }
 
+namespace {
+
+/// What can be written.
+struct Format {
+  const char* extensions;
+  std::vector<std::string_view> types;
+  std::unique_ptr<ImageWriter> (*create)(const fs::path&, const WriteOptions&);
+};
+
+const Format kFormats[] = {{".fits .fit .fts", {"float32", "uint16"}, CreateFits},
+                           {".tif .tiff", {"float32", "uint8", "uint16"}, CreateTiff},
+                           {".png", {"uint8", "uint16"}, CreatePng},
+                           {".jpg .jpeg", {"uint8"}, CreateJpeg}};
+
+}  // namespace
+
 std::unique_ptr<ImageWriter> ImageWriter::Create(const fs::path& path, const WriteOptions& options) {
   CheckSides(path, options.width, options.height);
   if (options.planes != 1 && options.planes != 3) {
     throw FileError(path, fmt::format("cannot write {} planes; 1 and 3 are supported", options.planes));
   }
   const std::string extension = LowerExtension(path);
-  const bool fits = extension == ".fits" || extension == ".fit" || extension == ".fts";
-  const bool tiff = extension == ".tif" || extension == ".tiff";
-  const bool png = extension == ".png";
-  if (!fits && !tiff && !png) {
-    throw FileError(
-        path, fmt::format("cannot tell the format from the extension '{}'; supported are .fits .fit .fts "
-                          ".tif .tiff .png",
-                          extension));
+  const auto format = std::find_if(std::begin(kFormats), std::end(kFormats), [&](const Format& f) {
+    return (" " + std::string(f.extensions) + " ").find(" " + extension + " ") != std::string::npos;
+  });
+  if (extension.empty() || format == std::end(kFormats)) {
+    std::string all;
+    for (const Format& f : kFormats) {
+      all += std::string(all.empty() ? "" : " ") + f.extensions;
+    }
+    throw FileError(path, fmt::format("cannot tell the format from the extension '{}'; supported are {}",
+                                      extension, all));
   }
-  if (options.type != "uint16" && options.type != (png ? "uint8" : "float32")) {
-    throw FileError(path, fmt::format("cannot write {} pixels to {}; supported are {} and uint16",
-                                      options.type, extension, png ? "uint8" : "float32"));
+  if (std::find(format->types.begin(), format->types.end(), options.type) == format->types.end()) {
+    throw FileError(path, fmt::format("cannot write {} pixels to {}; supported are {}", options.type,
+                                      extension, fmt::join(format->types, " and ")));
   }
   std::error_code error;
   const fs::file_status status = fs::symlink_status(path, error);
@@ -231,7 +250,7 @@ std::unique_ptr<ImageWriter> ImageWriter::Create(const fs::path& path, const Wri
   if (fs::exists(status) && !options.overwrite) {
     throw FileError(path, "exists already; use --overwrite to replace it, or another name");
   }
-  return fits ? CreateFits(path, options) : tiff ? CreateTiff(path, options) : CreatePng(path, options);
+  return format->create(path, options);
 }
 
 ImageWriter::ImageWriter(const fs::path& path, const WriteOptions& options, bool anyOrder)

@@ -112,27 +112,27 @@ class ImageReader {
 };
 
 struct WriteOptions {
-  int width = 0, height = 0;     ///< pixels
-  int planes = 1;                ///< 1 or 3
-  std::string type = "float32";  ///< FITS and TIFF: float32 or uint16; PNG: uint8 or uint16
-  Header header = {};            ///< FITS: cards to carry over (see Header::CardsForOutput)
-  bool verbatim = false;         ///< FITS: write the header's cards as they are, all of them
-  bool overwrite = false;        ///< replace an existing file
+  int width = 0, height = 0;  ///< pixels
+  int planes = 1;             ///< 1 or 3
+  std::string type =
+      "float32";           ///< FITS: float32 or uint16; TIFF: uint8 too; PNG: uint8 or uint16; JPEG: uint8
+  Header header = {};      ///< FITS: cards to carry over (see Header::CardsForOutput)
+  bool verbatim = false;   ///< FITS: write the header's cards as they are, all of them
+  bool overwrite = false;  ///< replace an existing file
 };
 
 /// An image being written: to "<name>.part" beside the final name, which it takes in Commit(). Without
 /// Commit() the destructor removes it.
 class ImageWriter {
  public:
-  /// The format follows the extension, in any case: .fits .fit .fts, .tif .tiff, .png.
+  /// The format follows the extension, in any case: .fits .fit .fts, .tif .tiff, .png, .jpg .jpeg.
   /// @throws FileError on another extension or type, an existing file without `overwrite`, a disk without
   /// space.
   static std::unique_ptr<ImageWriter> Create(const std::filesystem::path& path, const WriteOptions& options);
   virtual ~ImageWriter() = default;
 
   /// Writes rows y0 to y0 + rows - 1; planes[p] holds rows * width floats. Integer types take the nearest
-  /// whole number, clamped to their range, and 0 for NaN. TIFF and PNG want the rows in order, FITS takes
-  /// any.
+  /// whole number, clamped to their range, and 0 for NaN. All but FITS want the rows in order.
   /// @throws FileError when the disk is full, std::out_of_range if the rows are outside the image or out of
   /// order.
   void WriteRows(int y0, int rows, const float* const* planes);

@@ -276,7 +276,9 @@ class TiffWriter : public ImageWriter {
   TiffWriter(const fs::path& path, const WriteOptions& options)
       : ImageWriter(path, options, false),
         part_(PartialName(path)),
-        bytes_(options.type == "uint16" ? 2 : 4) {
+        bytes_(options.type == "uint8"    ? 1
+               : options.type == "uint16" ? 2
+                                          : 4) {
     const std::uint64_t rowBytes = static_cast<std::uint64_t>(options.width) *
                                    static_cast<std::uint64_t>(options.planes) *
                                    static_cast<std::uint64_t>(bytes_);
@@ -291,7 +293,7 @@ class TiffWriter : public ImageWriter {
     TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, static_cast<std::uint32_t>(options.width));
     TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, static_cast<std::uint32_t>(options.height));
     TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, bytes_ * 8);
-    TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT, bytes_ == 2 ? SAMPLEFORMAT_UINT : SAMPLEFORMAT_IEEEFP);
+    TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT, bytes_ == 4 ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT);
     TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, options.planes);
     TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
     TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, options.planes == 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
@@ -309,7 +311,10 @@ class TiffWriter : public ImageWriter {
     for (int y = 0; y < rows; ++y) {
       for (std::size_t p = 0; p < step; ++p) {
         const float* in = planes[p] + static_cast<std::size_t>(y) * width;
-        if (bytes_ == 2) {
+        if (bytes_ == 1) {
+          for (std::size_t x = 0; x < width; ++x)
+            row_[x * step + p] = RoundTo<std::uint8_t>(in[x]);
+        } else if (bytes_ == 2) {
           auto* out = reinterpret_cast<std::uint16_t*>(row_.data()) + p;
           for (std::size_t x = 0; x < width; ++x)
             out[x * step] = RoundTo<std::uint16_t>(in[x]);

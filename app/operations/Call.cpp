@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <sstream>
 
 #include <fmt/format.h>
@@ -81,6 +82,18 @@ std::string Step::Text() const {
   return text;
 }
 
+CRect ParseRect(const std::string& text) {
+  CRect rect;
+  int end = 0;
+  if (std::sscanf(text.c_str(), "%d,%d,%d,%d%n", &rect.left, &rect.top, &rect.right, &rect.bottom, &end) !=
+          4 ||
+      end != static_cast<int>(text.size())) {
+    throw UsageError(fmt::format("'{}' is no rectangle: write LEFT,TOP,RIGHT,BOTTOM in pixels", text));
+  }
+  if (rect.IsRectEmpty()) throw UsageError("the rectangle is empty: right and bottom are exclusive");
+  return rect;
+}
+
 void CheckValue(const Operation& operation, const Parameter& parameter, const std::string& value) {
   const auto refuse = [&](const std::string& wanted) {
     throw UsageError(
@@ -91,6 +104,10 @@ void CheckValue(const Operation& operation, const Parameter& parameter, const st
     if (std::find(parameter.choices.begin(), parameter.choices.end(), value) == parameter.choices.end()) {
       refuse(fmt::format("write one of {}", fmt::join(parameter.choices, ", ")));
     }
+    return;
+  }
+  if (parameter.kind == ParameterKind::Rect) {
+    ParseRect(value);
     return;
   }
   if (parameter.kind == ParameterKind::Points) {
@@ -154,6 +171,10 @@ std::vector<T> Call::PerPlane(const std::string& name) const {
 
 template std::vector<float> Call::PerPlane(const std::string& name) const;
 template std::vector<double> Call::PerPlane(const std::string& name) const;
+
+CRect Call::Rect(const std::string& name) const {
+  return ParseRect(Text(name));
+}
 
 std::vector<CurvePoint> Call::Points(const std::string& name) const {
   if (!Has(name)) return {{0, 0}, {1, 1}};

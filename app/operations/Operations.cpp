@@ -14,6 +14,7 @@
 #include "app/files/ImageFile.h"
 #include "app/operations/Curves.h"
 #include "app/operations/Filters.h"
+#include "app/operations/Geometry.h"
 
 namespace korimg::tool {
 namespace {
@@ -68,14 +69,6 @@ void CutToLevels(Call& call) {
 
 void RebaseToZero(Call& call) {
   call.image->CutOutOfZeroLevel();
-}
-
-void LiftUp(Call& call) {
-  const int lines = call.Integer("lines");
-  call.image->LiftUp(lines);
-  for (const char* key : {"CRPIX2", "LTV2"}) {
-    if (const auto row = call.header.GetDouble(key)) call.header.Set(key, *row - lines);
-  }
 }
 
 void Paste(Call& call) {
@@ -239,8 +232,16 @@ Parameter Choice(const std::string& name, const std::vector<std::string>& choice
   return {name, Kind::Choice, "", choices[0], 0, 0, choices, help};
 }
 
+Parameter Rect(const std::string& name, const std::string& help) {
+  return {name, Kind::Rect, "pixels", "", 0, 0, {}, help};
+}
+
 Parameter Points(const std::string& name, const std::string& value, const std::string& help) {
   return {name, Kind::Points, "0-1", value, 0, 1, {}, help};
+}
+
+Parameter Kernel(const std::string& help) {
+  return Choice("method", kKernels, "how pixels are read between their centres" + help);
 }
 
 Parameter Radius(const std::string& help) {
@@ -275,6 +276,7 @@ std::vector<Parameter> WithBand(std::vector<Parameter> parameters) {
 
 const std::vector<Operation>& Operations() {
   constexpr double kFar = 1e6;  // pixels
+  constexpr int kLargestSide = files::kMaxSide;
   static const std::vector<Operation> table = {
       {"auto-level",
        "sets black and white by the image's own pixels; no pixel changes",
@@ -289,6 +291,14 @@ const std::vector<Operation>& Operations() {
                 "histogram: 0 shifts planes to one peak, 1 keeps one black, 2 shifts levels")},
        true,
        AutoLevel},
+      {"bin",
+       "adds the pixels of cells up to one pixel each",
+       {Integer("bin-x", "pixels", "2", 1, 1000, "width of a cell"),
+        Integer("bin-y", "pixels", "2", 1, 1000, "height of a cell"),
+        Flag("round-up", "0", "1: cells that the edges cut become pixels too"),
+        Flag("scale-levels", "1", "1: black and white are multiplied by the number of pixels in a cell")},
+       false,
+       Bin},
       {"blit",
        "copies a window of another image to a place in this one",
        {File("file", "the other image"),
@@ -315,6 +325,22 @@ const std::vector<Operation>& Operations() {
         Flag("cut-minus", "0", "1: negative results of subtract become 0")},
        true,
        Calculate},
+      {"canvas",
+       "changes the size without scaling: cuts edges off, or adds some",
+       {Integer("width", "pixels", "", 1, kLargestSide, "of the result"),
+        Integer("height", "pixels", "", 1, kLargestSide, "of the result"),
+        Choice("anchor",
+               {"centre", "top-left", "top", "top-right", "left", "right", "bottom-left", "bottom",
+                "bottom-right"},
+               "the place in the result where the image lies"),
+        PerPlane("fill", "0-255", "0", -1e6, 1e6, "of the pixels that are added")},
+       false,
+       Canvas},
+      {"crop",
+       "cuts a window out",
+       {Rect("rect", "the pixels that stay; right and bottom are exclusive")},
+       false,
+       Crop},
       {"curve",
        "a tone curve on the range from black to white, sampled into a table",
        {Points("points", "0:0,1:1",
@@ -343,6 +369,20 @@ const std::vector<Operation>& Operations() {
         Number("offset", "", "0", "share of the flat's mean that is added to the divisor", -1, 100)},
        true,
        DarkFlat},
+      {"expansion",
+       "unfolds the disc of a planet into a map of equal degrees, twice as wide as high",
+       {Number("radius", "pixels", "", "of the disc at its equator", 1, kFar),
+        Optional(
+            Number("centre-x", "pixels", "", "of the disc; the image's middle when left out", -kFar, kFar)),
+        Optional(
+            Number("centre-y", "pixels", "", "of the disc; the image's middle when left out", -kFar, kFar)),
+        Number("tilt-y", "degrees", "0", "by which the north pole is tipped towards the viewer", -360, 360),
+        Number("tilt-x", "degrees", "0", "by which the north pole is then turned to the left", -360, 360),
+        Number("oblateness", "", "1", "polar radius in equatorial ones", 0.01, 1),
+        Integer("width", "pixels", "720", 2, kLargestSide, "of the map"),
+        Flag("grid", "0", "1: meridians and parallels by 30 degrees")},
+       false,
+       Expand},
       {"flat",
        "divides by a flat frame and multiplies by its mean",
        {File("file", "the flat frame"),
@@ -352,6 +392,11 @@ const std::vector<Operation>& Operations() {
        false,
        Flat,
        std::nullopt},
+      {"flip",
+       "mirrors the image",
+       {Choice("axis", {"top-bottom", "left-right"}, "what changes places")},
+       false,
+       Flip},
       {"gaussian", "blurs by a Gaussian",
        WithBand(
            {PerPlane("sigma", "pixels", "1", 0, 1000, "standard deviation; 0 leaves the plane as it is")}),
@@ -408,6 +453,22 @@ const std::vector<Operation>& Operations() {
        {Radius("of the disc; contiguous stores round it up and take 10 at most")},
        true,
        Minimum},
+      {"mosaic",
+       "joins a second image to this one, on a canvas that holds both",
+       {File("file", "the second image"),
+        Number("x", "pixels", "0", "of the second image's top left corner, from this one's", -kFar, kFar),
+        Number("y", "pixels", "0", "of the same corner", -kFar, kFar),
+        Number("angle", "degrees", "0",
+               "by which the second is turned about its middle, clockwise on the screen", -360, 360),
+        Choice("mode", {"second", "transparent", "brighter", "darker"},
+               "what shows where both lie: the second; this one where the second has the transparent value; "
+               "the larger pixel; the smaller"),
+        PerPlane("transparent", "raw", "0", -1e30, 1e30, "value of the second that lets this image through"),
+        Flag("average", "0", "1: the mean shows everywhere, of the fill where one is missing"),
+        Flag("match-levels", "0", "1: each image is read by its own black and white"),
+        PerPlane("fill", "0-255", "0", -1e6, 1e6, "where neither lies")},
+       false,
+       Join},
       {"paste",
        "copies a window of another image of the same size",
        {File("file", "the other image")},
@@ -425,6 +486,32 @@ const std::vector<Operation>& Operations() {
        {},
        false,
        RebaseToZero},
+      {"rotate",
+       "turns the image; quarter and half turns are exact",
+       {Number("degrees", "degrees", "", "a positive angle turns the picture clockwise on the screen", -1e6,
+               1e6),
+        Kernel(""), Flag("expand", "1", "1: the canvas grows to hold the corners; 0: it keeps its size"),
+        Integer("outside", "0-255", "0", 0, 255,
+                "of the pixels that the image does not reach, by plane 0's levels")},
+       false,
+       Rotate,
+       std::nullopt},
+      {"scale",
+       "changes the number of pixels; to make an image much smaller, bin it first",
+       {Optional(
+            Integer("width", "pixels", "", 1, kLargestSide, "of the result; in proportion when left out")),
+        Optional(
+            Integer("height", "pixels", "", 1, kLargestSide, "of the result; in proportion when left out")),
+        Optional(Number("factor", "", "", "of both sides, in place of width and height", 0.001, 1000)),
+        Kernel("; bicubic is softer on contiguous stores (slope -0.1) than on paged ones (-0.5)")},
+       false,
+       Scale},
+      {"scroll",
+       "shifts the image around its edges; world coordinates are those of the pixels that stay inside",
+       {Integer("x", "pixels", "0", -1e6, 1e6, "to the right; a negative number to the left"),
+        Integer("y", "pixels", "0", -1e6, 1e6, "down; a negative number up")},
+       false,
+       Scroll},
       {"small-median", "the median of a pixel and its nearest neighbours", {Mode()}, true, SmallMedian},
       {"small-rank",
        "the pixel of a given rank among a pixel and its nearest neighbours",

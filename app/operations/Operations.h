@@ -22,6 +22,7 @@ enum class ParameterKind {
   Choice,    ///< one of the names in `choices`, whose place in the list is the library's number
   PerPlane,  ///< one number, or one for each plane with commas between
   File,      ///< an image
+  Rect,      ///< LEFT,TOP,RIGHT,BOTTOM in pixels
   Points     ///< of a curve: "x:y,x:y..." from x = 0 to x = 1, y from 0 to 1
 };
 
@@ -35,6 +36,9 @@ struct Parameter {
   std::string help;
   bool optional = false;  ///< may be left out though it has no default
 };
+
+/// Names of the kernels that images are read by between their pixels, by the library's numbers.
+inline const std::vector<std::string> kKernels = {"bilinear", "bicubic", "lanczos2", "lanczos3", "nearest"};
 
 /// A point of a curve on scales of 0 to 1.
 struct CurvePoint {
@@ -68,6 +72,9 @@ struct Step {
   std::string Text() const;                   ///< "bright bright=10"
 };
 
+/// Reads LEFT,TOP,RIGHT,BOTTOM; right and bottom are exclusive. Throws UsageError, also for an empty one.
+CRect ParseRect(const std::string& text);
+
 /// Checks a value against its parameter. Throws UsageError that names both.
 void CheckValue(const Operation& operation, const Parameter& parameter, const std::string& value);
 
@@ -88,6 +95,7 @@ class Call {
   /// One value for each plane of the image, at least three; zeros when it was left out.
   template <class T = float>
   std::vector<T> PerPlane(const std::string& name) const;
+  CRect Rect(const std::string& name) const;
   /// The points of a curve, ascending in x; the straight line when it was left out.
   std::vector<CurvePoint> Points(const std::string& name) const;
   /// True when the parameter was given, or has a default.

@@ -2,15 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
-#include <sstream>
 #include <utility>
 #include <vector>
 
 #include <fmt/format.h>
 
 #include "app/files/ImageFile.h"
-#include "app/tool/Tool.h"
+#include "app/tool/NumberLines.h"
 
 namespace korimg::tool {
 namespace {
@@ -25,24 +23,10 @@ using Span = std::pair<T, T>;
 
 std::vector<Vertex> ReadVertices(const std::filesystem::path& path) {
   constexpr double kFar = 1e6;  // pixels
-  std::ifstream in(path);
-  if (!in) throw files::FileError(path, "cannot be read; --select wants a file of vertices");
   std::vector<Vertex> vertices;
-  int number = 0;
-  for (std::string line; std::getline(in, line);) {
-    ++number;
-    std::istringstream words(line.substr(0, line.find('#')));
-    std::string first, second, more;
-    if (!(words >> first)) continue;
-    words >> second;
-    const auto x = ToNumber(first), y = ToNumber(second);
-    // The negation refuses NaN too.
-    if (!x || !y || words >> more || !(std::abs(*x) <= kFar && std::abs(*y) <= kFar)) {
-      throw files::FileError(
-          path, fmt::format("line {}: '{}' is no vertex; write x and y in pixels, such as 12.5 80", number,
-                            line.substr(0, 60)));
-    }
-    vertices.push_back({*x, *y});
+  for (const auto& line :
+       ReadNumberLines(path, 2, 2, kFar, "vertex; write x and y in pixels, such as 12.5 80")) {
+    vertices.push_back({line[0], line[1]});
   }
   if (vertices.size() < 3) {
     throw files::FileError(path, fmt::format("has {} vertices; a polygon has 3 or more", vertices.size()));

@@ -72,18 +72,6 @@ Plan ParsePlan(const std::vector<std::string>& words) {
   return plan;
 }
 
-CRect ParseRect(const std::string& text) {
-  CRect rect;
-  int end = 0;
-  if (std::sscanf(text.c_str(), "%d,%d,%d,%d%n", &rect.left, &rect.top, &rect.right, &rect.bottom, &end) !=
-          4 ||
-      end != static_cast<int>(text.size())) {
-    throw UsageError(fmt::format("'{}' is no rectangle: write LEFT,TOP,RIGHT,BOTTOM in pixels", text));
-  }
-  if (rect.IsRectEmpty()) throw UsageError("the rectangle is empty: right and bottom are exclusive");
-  return rect;
-}
-
 void Apply(Tool& tool, const ApplyOptions& options) {
   const Plan plan = ParsePlan(options.words);
   CRect rect = options.rect.empty() ? CRect() : ParseRect(options.rect);
@@ -140,6 +128,8 @@ const char* KindName(ParameterKind kind) {
       return "number, or three";
     case ParameterKind::File:
       return "file";
+    case ParameterKind::Rect:
+      return "left,top,right,bottom";
     case ParameterKind::Points:
       return "points";
   }
@@ -150,7 +140,8 @@ std::string RangeText(const Parameter& parameter) {
   constexpr double kUnlimited = 1e30;
   if (parameter.kind == ParameterKind::Choice) return fmt::format("{}", fmt::join(parameter.choices, ", "));
   if (parameter.kind == ParameterKind::File || parameter.kind == ParameterKind::Flag ||
-      parameter.kind == ParameterKind::Points || parameter.high >= kUnlimited)
+      parameter.kind == ParameterKind::Rect || parameter.kind == ParameterKind::Points ||
+      parameter.high >= kUnlimited)
     return "";
   return fmt::format("{} to {}", parameter.low, parameter.high);
 }

@@ -4,6 +4,11 @@
 
 #include <fmt/format.h>
 
+#include "korimg/display/CMemoryDIB.h"
+#include "korimg/display/CVmDIB.h"
+#include "korimg/geometry/CImgSoftBinning.h"
+
+#include "app/tool/Annotate.h"
 #include "app/tool/Images.h"
 #include "app/verbs/AutoPicture.h"
 #include "app/verbs/Verbs.h"
@@ -15,15 +20,101 @@ struct RenderOptions {
   std::filesystem::path input, output;
   std::string level = "histogram", hdu;
   double scale = 1;
+  bool annotate = false;
+  Annotations annotations;
 };
+
+/// Limits pixels to what the levels show; blank ones become black.
+void LimitToLevels(CVelImage& image) {
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    const auto black = static_cast<float>(image.GetLevelMin(p)),
+               white = static_cast<float>(image.GetLevelMax(p));
+    for (int y = 0; y < image.GetHeight(); ++y) {
+      float* line = image.GetWritableLine(0, y, p);
+      for (int x = 0, width = image.GetWidth(); x < width; ++x) {
+        const float v = line[x] > black ? line[x] : black;
+        line[x] = v < white ? v : white;
+      }
+    }
+  }
+}
+
+/// Makes an image smaller by cells, each the mean of what the levels show of it, so that a bright star stays
+/// a point.
+void Shrink(std::unique_ptr<CVelImage>& image, int binX, int binY) {
+  LimitToLevels(*image);
+  auto binned = std::make_unique<CImgSoftBinning>();
+  if (!binned->Create(*image, nullptr) || !binned->Do(binX, binY, 0, 1, image.get(), 0)) {
+    throw velora::CVmMemoryAllocationError("no room for the picture");
+  }
+  image = std::move(binned);
+}
+
+/// Renders an image into a bitmap, band by band, and writes it: blue, green, red in pixels of `step` bytes.
+void WritePicture(Tool& tool, CVelImage& image, CBaseDIB& bitmap, int step,
+                  const std::filesystem::path& path) {
+  const int width = image.GetWidth(), height = image.GetHeight(), planes = image.GetPlanes() < 3 ? 1 : 3;
+  if (!bitmap.Create(nullptr, width, height, 0)) {
+    throw velora::CVmMemoryAllocationError("no room for the picture");
+  }
+  files::WriteOptions write{width, height, planes};
+  write.type = "uint8";
+  write.overwrite = tool.options.overwrite;
+  const auto writer = files::ImageWriter::Create(path, write);
+  const int band = BandRows(width, planes, height);
+  std::vector<float> line(static_cast<size_t>(width) * planes);
+  const float* rows[3] = {};
+  for (int p = 0; p < planes; ++p) {
+    rows[p] = line.data() + static_cast<size_t>(p) * width;
+  }
+  for (int top = 0; top < height; top += band) {
+    tool.console.CheckCancelled();
+    tool.console.Progress("writing " + path.filename().string(), top, height);
+    CRect rect(0, top, width, std::min(top + band, height));
+    image.ToDIB(&bitmap, &rect);
+    for (int y = rect.top; y < rect.bottom; ++y) {
+      const unsigned char* pixels = bitmap.GetImageAdr32(0, y);
+      for (int p = 0; p < planes; ++p) {
+        float* out = line.data() + static_cast<size_t>(p) * width;
+        for (int x = 0; x < width; ++x) {
+          out[x] = pixels[step * x + 2 - p];
+        }
+      }
+      writer->WriteRows(y, 1, rows);
+    }
+  }
+  tool.console.EndProgress();
+  writer->Commit();
+}
 
 void Render(Tool& tool, const RenderOptions& options) {
   tool.CheckOutput(options.output);
   const auto store = tool.MakeStore();
   LoadedImage loaded = LoadImage(tool, store, options.input, {.hdu = options.hdu});
-  LevelForPicture(*loaded.image, options.level);
+  auto& image = loaded.image;
+  LevelForPicture(*image, options.level);
   const int shrink = std::max(static_cast<int>(std::lround(1 / options.scale)), 1);
-  SavePicture(tool, *loaded.image, options.output, shrink);
+  const int binX = std::min(shrink, image->GetWidth()), binY = std::min(shrink, image->GetHeight());
+  if (shrink > 1) Shrink(image, binX, binY);
+  if (options.annotate) {
+    const Annotations& told = options.annotations;
+    const bool asTold = !told.title.empty() || told.scaleBar || !told.stars.empty();
+    const Annotations annotations = asTold ? told : DefaultAnnotations(loaded.info.header);
+    if (annotations.title.empty() && !annotations.scaleBar && annotations.stars.empty()) {
+      throw files::FileError(options.input,
+                             "names no OBJECT and does not say its scale; give --title, --stars or both");
+    }
+    LimitToLevels(*image);
+    Annotate(*image, annotations, options.input, loaded.info.header, binX, binY);
+  }
+  constexpr long long kBytesPerPixel = 4;
+  if (kBytesPerPixel * image->GetWidth() * image->GetHeight() <= tool.Memory()) {
+    CMemoryDIB bitmap;
+    WritePicture(tool, *image, bitmap, 4, options.output);
+  } else {
+    CVmDIB bitmap(tool.MakeStore("paged"));
+    WritePicture(tool, *image, bitmap, 3, options.output);
+  }
   tool.console.Say(fmt::format("{} -> {}", options.input.string(), options.output.string()));
 }
 
@@ -33,13 +124,27 @@ void AddRender(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<RenderOptions>();
   CLI::App* verb = app.add_subcommand("render", "Make a picture of an image");
   verb->add_option("input", options->input, "FITS, TIFF or PNG")->required();
-  verb->add_option("-o,--output", options->output, "the picture, PNG")->required();
+  verb->add_option("-o,--output", options->output,
+                   "the picture of 8 bits: PNG, TIFF or JPEG, by its extension")
+      ->required();
   verb->add_option("--level", options->level,
                    "how black and white are set; none takes the image's own levels")
       ->check(CLI::IsMember({"normal", "mean", "median", "histogram", "none"}));
   verb->add_option("--scale", options->scale,
                    "1, or a fraction such as 0.25, rounded to one over a whole number")
       ->check(CLI::Range(0.001, 1.0));
+  auto* annotate = verb->add_flag("--annotate", options->annotate,
+                                  "draw what the next options say; without any, the name of the OBJECT and, "
+                                  "where the scale is known, a scale bar");
+  verb->add_option("--title", options->annotations.title, "text in the upper left corner")->needs(annotate);
+  verb->add_flag("--scale-bar", options->annotations.scaleBar,
+                 "bar of a round angle, by the world coordinates, or by FOCALLEN and XPIXSZ")
+      ->needs(annotate);
+  verb->add_option(
+          "--stars", options->annotations.stars,
+          "text file of circles, 'x y [radius]' in pixels of the image on each line, from the centre of "
+          "its first pixel; # begins a comment")
+      ->needs(annotate);
   verb->add_option("--hdu", options->hdu, "number or name of the FITS extension to read");
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {

@@ -1,13 +1,11 @@
 // Composites of two planes: by whole shifts beside a copy of as many bytes, turned beside the turning alone.
-#include <cstring>
 
 #include <benchmark/benchmark.h>
 
 #include "korimg/composite/CImgComposit.h"
 #include "korimg/geometry/CImgRotate.h"
-#include "korimg/pipelines/runtime/Runtime.h"
-#include "korimg/platform/CParallel.h"
 
+#include "bench/Measure.h"
 #include "tests/support/Images.h"
 
 namespace {
@@ -35,25 +33,14 @@ Images& All() {
 
 template <class F>
 void Measure(benchmark::State& state, double bytes, F&& run) {
-  const int threads = static_cast<int>(state.range(0));
-  CParallel::SetMaxThreads(threads);
-  korimg::SetPipelineThreads(threads);
-  run();
-  for ([[maybe_unused]] auto _ : state) {
-    run();
-  }
+  korimg::bench::Run(state, static_cast<int>(state.range(0)), run);
   state.SetBytesProcessed(static_cast<std::int64_t>(static_cast<double>(state.iterations()) * bytes));
 }
 
 void Copy(benchmark::State& state) {
   const float* from = All().a->GetLine(0, 0, 0);
   float* to = All().target->GetWritableLine(0, 0, 0);
-  Measure(state, 2 * kPlane, [&] {
-#pragma omp parallel for schedule(static)
-    for (int y = 0; y < kHeight; ++y) {
-      std::memcpy(to + 1LL * y * kWidth, from + 1LL * y * kWidth, sizeof(float) * kWidth);
-    }
-  });
+  Measure(state, 2 * kPlane, [&] { korimg::bench::CopyByLines(from, to, kWidth, kHeight); });
 }
 
 void Composite(benchmark::State& state, double shift, double degrees, int mode, int level) {

@@ -10,8 +10,8 @@
 #include "korimg/filters/CFilterMatrix.h"
 #include "korimg/filters/CImgFilterBlur.h"
 #include "korimg/filters/CImgFilterMisc.h"
-#include "korimg/pipelines/runtime/Runtime.h"
-#include "korimg/platform/CParallel.h"
+
+#include "bench/Measure.h"
 
 namespace {
 
@@ -54,14 +54,7 @@ Images& Paged() {
 /// Runs with the threads of the case, its second number.
 template <class F>
 void Measure(benchmark::State& state, F&& run) {
-  const int threads = static_cast<int>(state.range(1));
-  CParallel::SetMaxThreads(threads);
-  korimg::SetPipelineThreads(threads);
-  cv::setNumThreads(threads);
-  run();
-  for ([[maybe_unused]] auto _ : state) {
-    run();
-  }
+  korimg::bench::Run(state, static_cast<int>(state.range(1)), run);
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 

@@ -1,6 +1,5 @@
 // Flips, scrolls, crops and binning beside a plain copy of a plane; OpenCV's flip and area reduction as
 // peers.
-#include <cstring>
 
 #include <benchmark/benchmark.h>
 #include <opencv2/core.hpp>
@@ -10,9 +9,8 @@
 #include "korimg/geometry/CImgFlip.h"
 #include "korimg/geometry/CImgScroll.h"
 #include "korimg/geometry/CImgSoftBinning.h"
-#include "korimg/pipelines/runtime/Runtime.h"
-#include "korimg/platform/CParallel.h"
 
+#include "bench/Measure.h"
 #include "tests/support/Images.h"
 
 namespace {
@@ -37,14 +35,7 @@ CVelImage& PagedSource() {
 
 template <class F>
 void Measure(benchmark::State& state, double bytes, F&& run) {
-  const int threads = static_cast<int>(state.range(0));
-  CParallel::SetMaxThreads(threads);
-  korimg::SetPipelineThreads(threads);
-  cv::setNumThreads(threads);
-  run();
-  for ([[maybe_unused]] auto _ : state) {
-    run();
-  }
+  korimg::bench::Run(state, static_cast<int>(state.range(0)), run);
   state.SetBytesProcessed(static_cast<std::int64_t>(static_cast<double>(state.iterations()) * bytes));
 }
 
@@ -52,12 +43,7 @@ void Copy(benchmark::State& state) {
   static const auto target = New();
   const float* from = Source().GetLine(0, 0, 0);
   float* to = target->GetWritableLine(0, 0, 0);
-  Measure(state, 2 * kPlane, [&] {
-#pragma omp parallel for schedule(static)
-    for (int y = 0; y < kHeight; ++y) {
-      std::memcpy(to + 1LL * y * kWidth, from + 1LL * y * kWidth, sizeof(float) * kWidth);
-    }
-  });
+  Measure(state, 2 * kPlane, [&] { korimg::bench::CopyByLines(from, to, kWidth, kHeight); });
 }
 
 template <int axis>

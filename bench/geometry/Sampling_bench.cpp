@@ -6,8 +6,8 @@
 
 #include "korimg/geometry/CImgResolution.h"
 #include "korimg/geometry/CImgRotate.h"
-#include "korimg/pipelines/runtime/Runtime.h"
-#include "korimg/platform/CParallel.h"
+
+#include "bench/Measure.h"
 
 namespace {
 
@@ -46,14 +46,7 @@ Images& All() {
 /// Runs with the threads of the case, beside OpenCV's with as many.
 template <class F>
 void Measure(benchmark::State& state, double pixels, F&& run) {
-  const int threads = static_cast<int>(state.range(0));
-  CParallel::SetMaxThreads(threads);
-  korimg::SetPipelineThreads(threads);
-  cv::setNumThreads(threads);
-  run();
-  for ([[maybe_unused]] auto _ : state) {
-    run();
-  }
+  korimg::bench::Run(state, static_cast<int>(state.range(0)), run);
   state.SetItemsProcessed(static_cast<std::int64_t>(static_cast<double>(state.iterations()) * pixels));
 }
 

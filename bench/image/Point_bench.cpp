@@ -8,8 +8,8 @@
 #include "korimg/image/CImgBright.h"
 #include "korimg/image/CImgCalculation.h"
 #include "korimg/image/CImgInvert.h"
-#include "korimg/pipelines/runtime/Runtime.h"
-#include "korimg/platform/CParallel.h"
+
+#include "bench/Measure.h"
 
 namespace {
 
@@ -49,13 +49,7 @@ Images& Paged() {
 /// Runs with the threads of the case; planes is the number of planes that are read or written.
 template <class F>
 void Measure(benchmark::State& state, double planes, F&& run) {
-  const int threads = static_cast<int>(state.range(0));
-  CParallel::SetMaxThreads(threads);
-  korimg::SetPipelineThreads(threads);
-  run();
-  for ([[maybe_unused]] auto _ : state) {
-    run();
-  }
+  korimg::bench::Run(state, static_cast<int>(state.range(0)), run);
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
   state.SetBytesProcessed(
       static_cast<std::int64_t>(static_cast<double>(state.iterations()) * planes * kBytes));
@@ -66,10 +60,7 @@ void Copy(benchmark::State& state) {
   Measure(state, 2, [&] {
     const float* from = i.source.GetLine(0, 0, 0);
     float* to = i.invert.GetWritableLine(0, 0, 0);
-#pragma omp parallel for schedule(static)
-    for (int y = 0; y < kHeight; ++y) {
-      std::memcpy(to + 1LL * y * kWidth, from + 1LL * y * kWidth, sizeof(float) * kWidth);
-    }
+    korimg::bench::CopyByLines(from, to, kWidth, kHeight);
   });
 }
 

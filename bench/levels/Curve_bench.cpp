@@ -1,13 +1,11 @@
 // Tone curves over three planes beside a plain copy of the same bytes.
-#include <cstring>
 #include <memory>
 
 #include <benchmark/benchmark.h>
 
 #include "korimg/levels/CImgToneCurve.h"
-#include "korimg/pipelines/runtime/Runtime.h"
-#include "korimg/platform/CParallel.h"
 
+#include "bench/Measure.h"
 #include "tests/support/Images.h"
 
 namespace {
@@ -34,13 +32,7 @@ Images& Frames() {
 
 template <class F>
 void Measure(benchmark::State& state, F&& run) {
-  const int threads = static_cast<int>(state.range(0));
-  CParallel::SetMaxThreads(threads);
-  korimg::SetPipelineThreads(threads);
-  run();
-  for ([[maybe_unused]] auto _ : state) {
-    run();
-  }
+  korimg::bench::Run(state, static_cast<int>(state.range(0)), run);
   state.SetBytesProcessed(static_cast<std::int64_t>(static_cast<double>(state.iterations()) * kBytes));
 }
 
@@ -49,10 +41,7 @@ void Copy(benchmark::State& state) {
     for (int p = 0; p < kPlanes; ++p) {
       const float* from = Frames().source->GetLine(0, 0, p);
       float* to = Frames().curved->GetWritableLine(0, 0, p);
-#pragma omp parallel for schedule(static)
-      for (int y = 0; y < kHeight; ++y) {
-        std::memcpy(to + 1LL * y * kWidth, from + 1LL * y * kWidth, sizeof(float) * kWidth);
-      }
+      korimg::bench::CopyByLines(from, to, kWidth, kHeight);
     }
   });
 }

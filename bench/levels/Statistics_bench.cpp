@@ -10,8 +10,8 @@
 
 #include "korimg/image/CVelImage.h"
 #include "korimg/levels/CImgAutoLevel.h"
-#include "korimg/pipelines/runtime/Runtime.h"
-#include "korimg/platform/CParallel.h"
+
+#include "bench/Measure.h"
 
 namespace {
 
@@ -52,10 +52,7 @@ Sky& TheSky() {
 }
 
 void SetThreads(const benchmark::State& state) {
-  const int threads = static_cast<int>(state.range(0));
-  CParallel::SetMaxThreads(threads);
-  korimg::SetPipelineThreads(threads);
-  cv::setNumThreads(threads);
+  korimg::bench::SetThreads(static_cast<int>(state.range(0)));
 }
 
 template <class F>

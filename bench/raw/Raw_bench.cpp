@@ -9,9 +9,9 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "korimg/pipelines/runtime/Runtime.h"
-#include "korimg/platform/CParallel.h"
 #include "korimg/raw/CImgBayerToRgb.h"
+
+#include "bench/Measure.h"
 
 namespace {
 
@@ -39,10 +39,7 @@ Planes& ThePlanes() {
 }
 
 void SetThreads(const benchmark::State& state) {
-  const int threads = static_cast<int>(state.range(0));
-  CParallel::SetMaxThreads(threads);
-  korimg::SetPipelineThreads(threads);
-  cv::setNumThreads(threads);
+  korimg::bench::SetThreads(static_cast<int>(state.range(0)));
 }
 
 template <class F>

@@ -55,7 +55,9 @@ std::vector<float> CImgPixelInfo::PixelsOf(CRect rect, int plane) {
 }
 
 std::vector<float> CImgPixelInfo::PixelsOf(int x, int y, int radius, int plane) {
-  const auto limited = [](long long v, int size) { return static_cast<int>(std::clamp<long long>(v, 0, size)); };
+  const auto limited = [](long long v, int size) {
+    return static_cast<int>(std::clamp<long long>(v, 0, size));
+  };
   const int right = limited(1LL * x + radius, GetWidth()), bottom = limited(1LL * y + radius, GetHeight());
   std::vector<float> pixels;
   for (int row = limited(1LL * y - radius + 1, GetHeight()); row < bottom; ++row) {
@@ -117,7 +119,8 @@ void CImgPixelInfo::Calc(CRect rect, double* min, double* max, double* mean, dou
 void CImgPixelInfo::Calc(CPoint centre, int size, double* min, double* max, double* mean, double* sd,
                          double* median) {
   const int half = size / 2;
-  Calc({centre.x - half, centre.y - half, centre.x + half + 1, centre.y + half + 1}, min, max, mean, sd, median);
+  Calc({centre.x - half, centre.y - half, centre.x + half + 1, centre.y + half + 1}, min, max, mean, sd,
+       median);
 }
 
 void CImgPixelInfo::CalcFWHM(int x, int y, double* fwhm) {

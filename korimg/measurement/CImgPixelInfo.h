@@ -2,8 +2,8 @@
 
 #include "korimg/image/CVelImage.h"
 
-/// Statistics of a part of an image, in raw values. Results are arrays of one entry for each plane, up to three,
-/// and 0 where there is no pixel. `median` may be null. Positions beyond the image are left out.
+/// Statistics of a part of an image, in raw values. Results are arrays of one entry for each plane, up to
+/// three, and 0 where there is no pixel. `median` may be null. Positions beyond the image are left out.
 class KORIMG_API CImgPixelInfo : public CVelImage {
  public:
   CImgPixelInfo() = default;
@@ -15,8 +15,8 @@ class KORIMG_API CImgPixelInfo : public CVelImage {
   /// FWHM by PSF of the brightest pixel of plane 0 within 10 pixels; 0 when there is none to measure.
   void CalcFWHM(int x, int y, double* fwhm);
 
-  /// Trimmed: of the sorted pixels those from n (1 - high) / 2 to n (1 + low) / 2. 1 keeps all of a half, 0 only
-  /// its end in the middle. The median is the upper one of an even number.
+  /// Trimmed: of the sorted pixels those from n (1 - high) / 2 to n (1 + low) / 2. 1 keeps all of a half, 0
+  /// only its end in the middle. The median is the upper one of an even number.
   void CalcSky(CRect rect, double* min, double* max, double* mean, double* sd, double* median);
   void CalcSky(CRect rect, double low, double high, double* min, double* max, double* mean, double* sd,
                double* median);

@@ -39,8 +39,8 @@ Moments SumLines(Window const& window, F&& add) {
 /// The middle of the window in place of a position that does not lie in it.
 void KeepInside(Window const& window, double& x, double& y) {
   const int nearX = TruncateToInt(x + 0.5), nearY = TruncateToInt(y + 0.5);
-  const bool inside = x == x && y == y && nearX >= window.left && nearX < window.right && nearY >= window.top &&
-                      nearY < window.bottom;
+  const bool inside = x == x && y == y && nearX >= window.left && nearX < window.right &&
+                      nearY >= window.top && nearY < window.bottom;
   if (inside) return;
   x = (window.left + window.right) / 2;
   y = (window.top + window.bottom) / 2;
@@ -90,14 +90,15 @@ void CentroidByPipelines(CVelImage& image, Window const& w, double& x, double& y
   const auto range = [&](int p) { return image.GetLevelRange(p); };
   if (image.IsColor()) {
     PlaneBuffer second(image, 1), third(image, 2);
-    average_gray256_floor_zero_float(first, second, third, min(0), range(0), min(1), range(1), min(2), range(2),
-                                     w.left, w.right, w.top, w.bottom, average);
+    average_gray256_floor_zero_float(first, second, third, min(0), range(0), min(1), range(1), min(2),
+                                     range(2), w.left, w.right, w.top, w.bottom, average);
     centroid_gray256_float(first, second, third, min(0), range(0), min(1), range(1), min(2), range(2),
                            average.Value(), w.left, w.right, w.top, w.bottom, centroidX, centroidY);
   } else {
     const auto low = static_cast<float>(min(0)), span = static_cast<float>(range(0));
     average256_floor_zero_float(first, low, span, w.left, w.right, w.top, w.bottom, average);
-    centroid256_float(first, low, span, average.Value(), w.left, w.right, w.top, w.bottom, centroidX, centroidY);
+    centroid256_float(first, low, span, average.Value(), w.left, w.right, w.top, w.bottom, centroidX,
+                      centroidY);
   }
   x = centroidX.Value();
   y = centroidY.Value();
@@ -130,8 +131,9 @@ void CVelImage::GetCentroidRaw(double& x, double& y, CRect* rect) {
   const Window window(*this, rect);
   if (window.IsEmpty()) return;
   const Moments all = SumLines(window, [&](Moments& sums, int line) {
-    ForLight(*this, window, line, [](int, float raw) { return static_cast<double>(raw); },
-             [&](int column, double v) { sums.Add(v, column, line); });
+    ForLight(
+        *this, window, line, [](int, float raw) { return static_cast<double>(raw); },
+        [&](int column, double v) { sums.Add(v, column, line); });
   });
   x = all.x / all.weight;
   y = all.y / all.weight;

@@ -132,7 +132,8 @@ int PSF::Add(CPoint seed) {
   if (image_->IsEmpty()) return 0;
   const CPoint peak = ClimbToPeak(seed);
   double base = 0, width = 0;
-  if (!GetBase(peak, &base) || base >= GetPixelValue(peak, kNoCentre, 0) || !GetFWHM(peak, base, &width)) return 0;
+  if (!GetBase(peak, &base) || base >= GetPixelValue(peak, kNoCentre, 0) || !GetFWHM(peak, base, &width))
+    return 0;
   if (!(width >= 0 && width < maximum_)) return 0;
   samples_.push_back(FwhmToPsf(width));
   return 1;

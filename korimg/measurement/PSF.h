@@ -5,10 +5,10 @@
 #include "korimg/image/CVelImage.h"
 #include "korimg/platform/CObject.h"
 
-/// Widths of stars, by walks from a peak along rows and columns, on the mean of the planes. Each star's width is
-/// kept as the square root of its FWHM in pixels times 0.42466, so means are those of roots; FwhmToPsf and
-/// PsfToFwhm undo each other. Widths from 0 to the setting "Max" of section "Psf" (64) count. Functions answer 1,
-/// or 0 and leave their results.
+/// Widths of stars, by walks from a peak along rows and columns, on the mean of the planes. Each star's width
+/// is kept as the square root of its FWHM in pixels times 0.42466, so means are those of roots; FwhmToPsf and
+/// PsfToFwhm undo each other. Widths from 0 to the setting "Max" of section "Psf" (64) count. Functions
+/// answer 1, or 0 and leave their results.
 class KORIMG_API PSF : public CObject {
  public:
   explicit PSF(CVelImage* image);
@@ -22,8 +22,8 @@ class KORIMG_API PSF : public CObject {
   int GetMedianFWHM(double* out);
   int GetMeanPSF(double* out);
   int GetMedianPSF(double* out);
-  /// Half widths at half height to four sides, along the axes or at 45 degrees, whichever is the more elongated.
-  /// `peak` may be null.
+  /// Half widths at half height to four sides, along the axes or at 45 degrees, whichever is the more
+  /// elongated. `peak` may be null.
   int GetFWHMXY(CPoint seed, double* left, double* right, double* up, double* down, CPoint* peak);
 
   static double FwhmToPsf(double fwhm);
@@ -33,7 +33,8 @@ class KORIMG_API PSF : public CObject {
   CPoint ClimbToPeak(CPoint p);
   int GetBase(CPoint peak, double* base);
   int GetFWHM(CPoint peak, double base, double* width);
-  int GetFWHMXY(CPoint peak, double base, double* left, double* right, double* up, double* down, double degrees);
+  int GetFWHMXY(CPoint peak, double base, double* left, double* right, double* up, double* down,
+                double degrees);
   double GetPixelValue(CPoint p, CPoint centre, double degrees);
   int Accept(double psf, double* out) const;
 

@@ -42,7 +42,9 @@ struct Light {
       with_levels("red", "fRed", Float(64));
       with_levels("green", "fGreen", Float(64));
       with_levels("blue", "fBlue", Float(64));
-      at = [=](Expr x, Expr y) { return brightness(channels[0](x, y), channels[1](x, y), channels[2](x, y)); };
+      at = [=](Expr x, Expr y) {
+        return brightness(channels[0](x, y), channels[1](x, y), channels[2](x, y));
+      };
     } else {
       with_levels("input", "f", Float(32));
       at = channels[0];

@@ -115,7 +115,8 @@ TEST_F(ImageFile, UnsupportedOutputsAreNamed) {
     WriteOptions options;
     const char* says;
   } cases[] = {
-      {"a.jpg", good, ".fits .fit .fts .tif .tiff .png"},
+      {"a.gif", good, ".fits .fit .fts .tif .tiff .png .jpg .jpeg"},
+      {"a.jpg", good, "supported are uint8"},
       {"fits", good, "supported are"},
       {"a.png", good, "uint8 and uint16"},
       {"a.fits", {.width = 2, .height = 2, .type = "uint8"}, "float32 and uint16"},

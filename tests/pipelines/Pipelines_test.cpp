@@ -114,7 +114,9 @@ class Argument {
       return;
     }
     const bool table = argument.dimensions == 1;
-    const int extents[] = {table ? bins : 203, 135, 4};
+    const bool complex = argument.dimensions == 3 && argument.type.code == halide_type_float;
+    const int planar[] = {table ? bins : 203, 135, 4}, woven[] = {2, 203, 135};
+    int const* extents = complex ? woven : planar;
     long long size = 1;
     for (int i = 0; i < argument.dimensions; ++i) {
       dimensions_[i] = {0, extents[i], static_cast<int>(size), 0};

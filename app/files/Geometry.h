@@ -1,0 +1,49 @@
+// What moving an image's pixels does to its header: world coordinates, pixel sizes, the mosaic's phase.
+#pragma once
+
+#include <optional>
+
+#include "app/files/ImageFile.h"
+
+namespace korimg::files {
+
+/// Where source pixel (x, y) goes: (xx x + xy y + tx, yx x + yy y + ty). Positions are 0-based, whole at the
+/// pixels' centres, y downward as the rows are stored.
+struct AffineMap {
+  double xx = 1, xy = 0, yx = 0, yy = 1;
+  double tx = 0, ty = 0;
+
+  static AffineMap Shift(double x, double y) { return {.tx = x, .ty = y}; }
+
+  double Determinant() const { return xx * yy - xy * yx; }
+  AffineMap Inverse() const;
+  /// This map first, then another.
+  AffineMap Then(const AffineMap& next) const;
+};
+
+/// Size of an image.
+struct ImageSize {
+  int width = 0, height = 0, planes = 1;
+};
+
+/// Brings the header of an image of one size along with its pixels, which the map sends to an image of
+/// another:
+/// - world coordinates of every description (CRPIX, and CD, or CDELT with PC or CROTA), LTV and LTM;
+/// - SIP polynomials survive shifts and mirroring, and are dropped with a line of HISTORY otherwise, as are
+///   look-up tables of distortions. Distortions of the world's side (PVi_m) do not see pixels and stay;
+/// - XPIXSZ, YPIXSZ, PIXSIZE1, PIXSIZE2, SCALE and PIXSCALE follow the size of pixels, XORGSUBF and YORGSUBF
+/// a
+///   shift;
+/// - the phase of a mosaic follows shifts and mirroring by whole pixels.
+/// False, and nothing done, where the image is an undeveloped mosaic that the map would mix up.
+[[nodiscard]] bool MoveHeader(Header& header, const ImageSize& before, const ImageSize& after,
+                              const AffineMap& map);
+
+/// For pixels that go where no affine map says: world coordinates are dropped with a line of HISTORY that
+/// names the reason. False for an undeveloped mosaic.
+[[nodiscard]] bool DropWorldCoordinates(Header& header, const ImageSize& before, const std::string& reason);
+
+/// Seconds of arc for a pixel: by the world coordinates, by SCALE or PIXSCALE, or by FOCALLEN and XPIXSZ.
+std::optional<double> PixelScale(const Header& header);
+
+}  // namespace korimg::files
