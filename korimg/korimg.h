@@ -52,6 +52,7 @@
 #include "korimg/levels/CImgToneCurve.h"
 #include "korimg/levels/CSpline.h"
 #include "korimg/measurement/CImgPixelInfo.h"
+#include "korimg/measurement/CPhaseMatcher.h"
 #include "korimg/measurement/CStarFinder.h"
 #include "korimg/measurement/CStarMatcher.h"
 #include "korimg/measurement/CStarPos.h"

@@ -1,22 +1,21 @@
-// korimg stars: the stars of images. korimg register: how frames lie on a reference.
+// korimg stars: the stars of images.
 #include <algorithm>
 #include <fstream>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "korimg/measurement/CStarFinder.h"
+
 #include "app/files/Formats.h"
-#include "app/tool/FrameStars.h"
+#include "app/tool/Images.h"
 #include "app/verbs/Verbs.h"
 
 namespace korimg::tool {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-void PrintJson(const Json& json) {
-  fmt::print("{}\n", json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
-}
+namespace fs = std::filesystem;
 
 std::string Flags(const CStar& star) {
   std::string text;
@@ -27,14 +26,22 @@ std::string Flags(const CStar& star) {
   return text;
 }
 
+struct Found {
+  fs::path file;
+  const CVelImage& image;
+  const CStarFinder& finder;
+
+  const std::vector<CStar>& Stars() const { return finder.GetStars(); }
+};
+
 /// Lines of "x y radius", which render draws circles by, with the other measures as comments.
-void WriteList(const std::filesystem::path& path, const FrameStars& frame) {
+void WriteList(const fs::path& path, const Found& found) {
   constexpr double kRadii = 2, kLeast = 3;  // FWHM, pixels
   files::TransientFile part(files::PartialName(path));
   std::ofstream out(part.Path());
   out << fmt::format("# {} stars of {}\n# x y radius # flux fwhm elongation peak snr sky flags\n",
-                     frame.stars.size(), frame.file.filename().string());
-  for (const CStar& star : frame.stars) {
+                     found.Stars().size(), found.file.filename().string());
+  for (const CStar& star : found.Stars()) {
     const std::string flags = Flags(star);
     out << fmt::format("{:.3f} {:.3f} {:.1f} # {:.6g} {:.3f} {:.3f} {:.6g} {:.1f} {:.6g} {}\n", star.x,
                        star.y, std::max(kRadii * star.fwhm, kLeast), star.flux, star.fwhm, star.elongation,
@@ -45,22 +52,24 @@ void WriteList(const std::filesystem::path& path, const FrameStars& frame) {
   part.RenameTo(path);
 }
 
-void PrintStars(const Tool& tool, const FrameStars& frame) {
+void PrintStars(const Tool& tool, const Found& found) {
+  const CStarFinder& finder = found.finder;
   if (!tool.options.json) {
     fmt::print("{}: {} stars, FWHM {:.2f}, elongation {:.2f}, sky {:g} with a noise of {:.4g}\n",
-               frame.file.string(), frame.stars.size(), frame.fwhm, frame.elongation, frame.sky, frame.noise);
+               found.file.string(), found.Stars().size(), finder.GetFwhm(), finder.GetElongation(),
+               finder.GetSky(), finder.GetNoise());
     return;
   }
-  Json json{{"file", frame.file.string()},
-            {"width", frame.width},
-            {"height", frame.height},
-            {"stars", frame.stars.size()},
-            {"fwhm", frame.fwhm},
-            {"elongation", frame.elongation},
-            {"sky", frame.sky},
-            {"noise", frame.noise},
+  Json json{{"file", found.file.string()},
+            {"width", found.image.GetWidth()},
+            {"height", found.image.GetHeight()},
+            {"stars", found.Stars().size()},
+            {"fwhm", finder.GetFwhm()},
+            {"elongation", finder.GetElongation()},
+            {"sky", finder.GetSky()},
+            {"noise", finder.GetNoise()},
             {"list", Json::array()}};
-  for (const CStar& star : frame.stars) {
+  for (const CStar& star : found.Stars()) {
     json["list"].push_back({{"x", star.x},
                             {"y", star.y},
                             {"flux", star.flux},
@@ -71,12 +80,12 @@ void PrintStars(const Tool& tool, const FrameStars& frame) {
                             {"sky", star.sky},
                             {"flags", Flags(star)}});
   }
-  PrintJson(json);
+  fmt::print("{}\n", json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 struct StarsOptions {
-  std::vector<std::filesystem::path> files;
-  std::filesystem::path output;
+  std::vector<fs::path> files;
+  fs::path output;
   double sigmas = 5;
   std::string hdu;
 };
@@ -90,64 +99,16 @@ void Stars(Tool& tool, const StarsOptions& options) {
     }
     tool.CheckOutput(options.output);
   }
-  tool.ForEachFile(options.files, [&](const std::filesystem::path& file) {
-    const FrameStars frame = MeasureFrame(tool, file, options.sigmas, options.hdu);
-    if (!options.output.empty()) WriteList(options.output, frame);
-    PrintStars(tool, frame);
+  const auto store = tool.MakeStore();
+  tool.ForEachFile(options.files, [&](const fs::path& file) {
+    const LoadedImage loaded = LoadImage(tool, store, file, {.hdu = options.hdu});
+    CStarFinder finder(loaded.image.get());
+    finder.SetThreshold(options.sigmas);
+    finder.Find();
+    const Found found{file, *loaded.image, finder};
+    if (!options.output.empty()) WriteList(options.output, found);
+    PrintStars(tool, found);
   });
-}
-
-struct RegisterOptions {
-  std::vector<std::filesystem::path> files;
-  std::string reference = "auto", hdu;
-  double sigmas = 5, residual = 1;
-};
-
-void PrintRegistration(const Tool& tool, const FrameStars& frame, const Registration& r) {
-  if (tool.options.json) {
-    PrintJson({{"file", frame.file.string()},
-               {"dx", r.dx},
-               {"dy", r.dy},
-               {"degrees", r.degrees},
-               {"stars", r.stars},
-               {"residual_px", r.residual},
-               {"method", r.method},
-               {"status", r.status}});
-  } else if (r.IsGood()) {
-    fmt::print("{}: shift {:.3f}, {:.3f}, angle {:.4f}, {} of {} stars, residual {:.3f}\n",
-               frame.file.string(), r.dx, r.dy, r.degrees, r.stars, frame.stars.size(), r.residual);
-  } else {
-    fmt::print("{}: {}, with {} stars\n", frame.file.string(), r.status, frame.stars.size());
-  }
-}
-
-void Register(Tool& tool, const RegisterOptions& options) {
-  std::vector<FrameStars> frames;
-  const auto measure = [&](const std::filesystem::path& file) {
-    return MeasureFrame(tool, file, options.sigmas, options.hdu);
-  };
-  tool.ForEachFile(options.files, [&](const std::filesystem::path& file) {
-    tool.console.JobProgress("finding stars", static_cast<long long>(frames.size()),
-                             static_cast<long long>(options.files.size()));
-    frames.push_back(measure(file));
-  });
-  tool.console.JobProgress("finding stars", 0, 0);
-  FrameStars reference;
-  if (options.reference != "auto") {
-    reference = measure(options.reference);
-  } else if (const int best = ChooseReference(frames); best >= 0) {
-    reference = frames[best];
-  }
-  tool.console.Say(reference.stars.empty()
-                       ? "no stars to register by"
-                       : fmt::format("reference: {}, FWHM {:.2f}, {} stars", reference.file.string(),
-                                     reference.fwhm, reference.stars.size()));
-  CStarMatcher matcher(reference.stars);
-  matcher.SetResidualLimit(options.residual);
-  for (const FrameStars& frame : frames) {
-    tool.console.CheckCancelled();
-    PrintRegistration(tool, frame, RegisterByStars(matcher, frame));
-  }
 }
 
 }  // namespace
@@ -165,23 +126,6 @@ void AddStars(CLI::App& app, Tool& tool) {
   verb->callback([options, &tool] {
     tool.Begin();
     Stars(tool, *options);
-  });
-}
-
-void AddRegister(CLI::App& app, Tool& tool) {
-  auto options = std::make_shared<RegisterOptions>();
-  CLI::App* verb = app.add_subcommand("register", "Tell how frames lie on a reference");
-  verb->add_option("frames", options->files, "FITS, TIFF, PNG or camera raw")->required();
-  verb->add_option("--reference", options->reference, "an image, or auto for the sharpest of the frames");
-  verb->add_option("--sigma", options->sigmas, "noise of the sky that stars exceed so many times")
-      ->check(CLI::Range(0.5, 1e6));
-  verb->add_option("--residual", options->residual, "pixels that stars may be off by in the mean")
-      ->check(CLI::Range(0.01, 100.0));
-  verb->add_option("--hdu", options->hdu, "number or name of the FITS extension to read");
-  AddCommonOptions(*verb, tool);
-  verb->callback([options, &tool] {
-    tool.Begin();
-    Register(tool, *options);
   });
 }
 

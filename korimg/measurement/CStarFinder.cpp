@@ -19,6 +19,8 @@ constexpr double kFwhmOfSigma = 2.354820045829508;
 constexpr double kPixelVariance = 1.0 / 12;
 /// Pixels of the widest apertures.
 constexpr double kWidest = 40;
+/// Variance of the widest window that shapes are measured through.
+constexpr double kWidestWindow = 30;
 
 /// The upper one of an even number; `none` of nothing.
 double MedianOf(std::vector<double> values, double none) {
@@ -303,7 +305,7 @@ class UsualShape {
 
 /// The shapes of those seeds that are stars.
 std::vector<Shape> MeasureShapes(CVelImage& image, SkyMesh const& sky, std::vector<StarSeed> const& seeds) {
-  constexpr double kReach = 18, kWidest = 30, kNarrowed = 1.5;
+  constexpr double kReach = 18, kNarrowed = 1.5;
   enum State { Nothing, Measured, Failed };
   struct Candidate {
     State state = Nothing;
@@ -314,7 +316,7 @@ std::vector<Shape> MeasureShapes(CVelImage& image, SkyMesh const& sky, std::vect
     Candidate c;
     const Stamp stamp(image, sky, seeds[i].x, seeds[i].y, kReach);
     if (!IsHotPixel(stamp, seeds[i]))
-      c.state = MeasureShape(stamp, seeds[i], kWidest, c.shape) ? Measured : Failed;
+      c.state = MeasureShape(stamp, seeds[i], kWidestWindow, c.shape) ? Measured : Failed;
     return c;
   });
   std::vector<Shape> shapes;
@@ -322,13 +324,14 @@ std::vector<Shape> MeasureShapes(CVelImage& image, SkyMesh const& sky, std::vect
     if (c.state == Measured) shapes.push_back(c.shape);
   }
   const UsualShape usual(shapes);
+  const double widest = std::min(kNarrowed * usual.Variance(), kWidestWindow);
   // What widens or draws away a free window, a cloud or a brighter star, may leave a narrower one alone.
   ForLines(Team::All, 0, count, [&](int i) {
     Candidate& c = candidates[i];
     if (c.state == Nothing || (c.state == Measured && usual.Fits(c.shape))) return;
     Stamp stamp(image, sky, seeds[i].x, seeds[i].y, kReach);
     const auto measure = [&] {
-      return MeasureShape(stamp, seeds[i], kNarrowed * usual.Variance(), c.shape) && usual.Fits(c.shape);
+      return MeasureShape(stamp, seeds[i], widest, c.shape) && usual.Fits(c.shape);
     };
     c.state = Measured;
     if (measure()) return;

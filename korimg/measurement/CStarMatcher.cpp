@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "korimg/measurement/PointGrid.h"
+#include "korimg/measurement/RigidFit.h"
 
 using namespace korimg;
 
@@ -20,50 +21,6 @@ constexpr size_t kFewForThree = 30;
 /// Pixels by which the sides of two triangles of the same stars may differ, and by which the whole patterns
 /// may, laid on each other by a triangle.
 constexpr double kSideError = 1, kPatternError = 3;
-
-/// Turned, scaled and shifted.
-struct Similarity {
-  double a = 1, b = 0;  ///< scale times cosine and sine
-  double x = 0, y = 0;
-
-  Point operator()(Point const& p) const { return {a * p.x - b * p.y + x, b * p.x + a * p.y + y}; }
-  double Scale() const { return std::hypot(a, b); }
-};
-
-struct Pair {
-  Point from, to;
-  double weight = 1;
-};
-
-/// By weighted least squares; with `rigid` the scale stays 1.
-Similarity Fit(std::vector<Pair> const& pairs, bool rigid) {
-  double total = 0;
-  Point from, to;
-  for (Pair const& p : pairs) {
-    total += p.weight;
-    from = {from.x + p.weight * p.from.x, from.y + p.weight * p.from.y};
-    to = {to.x + p.weight * p.to.x, to.y + p.weight * p.to.y};
-  }
-  from = {from.x / total, from.y / total};
-  to = {to.x / total, to.y / total};
-  double dot = 0, cross = 0, squares = 0;
-  for (Pair const& p : pairs) {
-    const double fx = p.from.x - from.x, fy = p.from.y - from.y, tx = p.to.x - to.x, ty = p.to.y - to.y;
-    dot += p.weight * (fx * tx + fy * ty);
-    cross += p.weight * (fx * ty - fy * tx);
-    squares += p.weight * (fx * fx + fy * fy);
-  }
-  const double size = rigid ? std::hypot(dot, cross) : squares;
-  Similarity fit{dot / size, cross / size};
-  const Point turned = fit(from);
-  fit.x = to.x - turned.x;
-  fit.y = to.y - turned.y;
-  return fit;
-}
-
-double Distance(Point const& p, Point const& q) {
-  return std::hypot(p.x - q.x, p.y - q.y);
-}
 
 /// Corners opposite to the longest, the middle and the shortest side, and what does not change with scale.
 struct Triangle {
@@ -172,7 +129,7 @@ struct StarField {
 
   /// Mirrored, columns count from right to left.
   StarField(std::vector<CStar> stars, double slack, bool mirrored)
-      : StarField(SortedAndSpread(std::move(stars)), slack, mirrored ? -1 : 1) {}
+      : StarField(CStarMatcher::Select(std::move(stars)), slack, mirrored ? -1 : 1) {}
 
  private:
   StarField(std::vector<CStar> const& stars, double slack, int direction)
@@ -183,16 +140,6 @@ struct StarField {
     for (CStar const& star : stars) {
       weights.push_back(WeightOf(star));
     }
-  }
-
-  static std::vector<CStar> SortedAndSpread(std::vector<CStar> stars) {
-    std::erase_if(stars, [](CStar const& s) {
-      return !std::isfinite(s.x) || !std::isfinite(s.y) || !(s.flux == s.flux);
-    });
-    std::sort(stars.begin(), stars.end(), [](CStar const& s, CStar const& t) {
-      return std::tuple(-s.flux, s.y, s.x) < std::tuple(-t.flux, t.y, t.x);
-    });
-    return Spread(stars, kFitStars);
   }
 
   static std::vector<Point> PointsOf(std::vector<CStar> const& stars, int direction) {
@@ -263,19 +210,28 @@ bool FindAgreement(StarField const& stars, StarField const& reference, Similarit
   constexpr double kEnough = 0.4;
   const double count = static_cast<double>(std::min(stars.pattern.size(), reference.pattern.size()));
   std::vector<Hypothesis> hypotheses = Hypotheses(stars, reference);
-  double least = 3;
-  if (count > 3) {
-    const double expected = static_cast<double>(stars.pattern.size() * reference.pattern.size()) *
-                            std::numbers::pi * kPatternError * kPatternError / reference.PatternArea();
-    least = LeastAgreement(expected, static_cast<double>(hypotheses.size()));
-  } else {
+  if (count <= 3) {
     // Three stars agree with their own triangle whatever they are.
     const auto rigid =
         std::count_if(hypotheses.begin(), hypotheses.end(), [](Hypothesis const& h) { return h.rigid; });
     if (rigid != 1 || std::max(stars.pattern.size(), reference.pattern.size()) > kFewForThree) return false;
   }
+  const auto all = static_cast<double>(hypotheses.size());
   if (hypotheses.size() > kMost) hypotheses.resize(kMost);
+  const double even = static_cast<double>(stars.pattern.size() * reference.pattern.size()) * std::numbers::pi *
+                      kPatternError * kPatternError / reference.PatternArea();
+  // Where stars crowd, more of them meet by chance than even ones: as those tell that lie farther around.
+  const auto exceedsChance = [&](Similarity const& map, double meet) {
+    if (count <= 3) return meet >= 3;
+    constexpr double kWider = 10;
+    double around = -meet;
+    for (Point const& p : stars.pattern) {
+      reference.patternGrid.ForNear(map(p), kWider * kPatternError, [&](int, double) { ++around; });
+    }
+    return meet >= LeastAgreement(std::max(even, around / (kWider * kWider)), all);
+  };
   double most = 0;
+  bool agrees = false;
   std::vector<char> taken(reference.pattern.size());
   for (Hypothesis const& h : hypotheses) {
     double meet = 0;
@@ -287,9 +243,10 @@ bool FindAgreement(StarField const& stars, StarField const& reference, Similarit
     if (meet <= most) continue;
     most = meet;
     best = h.map;
-    if (most >= least && most >= kEnough * count) break;
+    agrees = exceedsChance(best, most);
+    if (agrees && most >= kEnough * count) break;
   }
-  return most >= least;
+  return agrees;
 }
 
 /// The pairs of stars that a map brings within a radius, each star of the reference once.
@@ -312,40 +269,22 @@ std::vector<Pair> PairsOf(StarField const& stars, StarField const& reference, Si
   return pairs;
 }
 
-double RootMeanSquare(std::vector<Pair> const& pairs, Similarity const& map) {
-  double sum = 0;
-  for (Pair const& p : pairs) {
-    const double d = Distance(map(p.from), p.to);
-    sum += d * d;
-  }
-  return std::sqrt(sum / static_cast<double>(pairs.size()));
-}
-
-/// A fit without the pairs that are off by more than four times what is usual for their weights.
-Similarity RobustFit(std::vector<Pair>& pairs, bool rigid) {
-  constexpr int kRounds = 4;
-  constexpr double kClip = 4, kSigmaOfMedian = 0.85, kLeast = 0.5;  // the median of distances is 1.18 sigma
-  Similarity fit = Fit(pairs, rigid);
-  for (int round = 0; round < kRounds && pairs.size() > 3; ++round) {
-    const auto off = [&](Pair const& p) { return Distance(fit(p.from), p.to) * std::sqrt(p.weight); };
-    std::vector<double> offs;
-    for (Pair const& p : pairs) {
-      offs.push_back(off(p));
-    }
-    std::nth_element(offs.begin(), offs.begin() + offs.size() / 2, offs.end());
-    const double most = kClip * std::max(kSigmaOfMedian * offs[offs.size() / 2], kLeast);
-    if (std::erase_if(pairs, [&](Pair const& p) { return off(p) > most; }) == 0) break;
-    fit = Fit(pairs, rigid);
-  }
-  return fit;
-}
-
 }  // namespace
 
 CStarMatcher::CStarMatcher(std::vector<CStar> const& reference)
     : reference_(std::make_unique<StarField>(reference, 0.0, false)) {}
 
 CStarMatcher::~CStarMatcher() = default;
+
+std::vector<CStar> CStarMatcher::Select(std::vector<CStar> stars) {
+  std::erase_if(stars, [](CStar const& s) {
+    return !std::isfinite(s.x) || !std::isfinite(s.y) || !(s.flux == s.flux);
+  });
+  std::sort(stars.begin(), stars.end(), [](CStar const& s, CStar const& t) {
+    return std::tuple(-s.flux, s.y, s.x) < std::tuple(-t.flux, t.y, t.x);
+  });
+  return Spread(stars, kFitStars);
+}
 
 CStarMatch CStarMatcher::Match(std::vector<CStar> const& list, int width, int height) const {
   constexpr size_t kFewest = 3;
@@ -368,10 +307,10 @@ CStarMatch CStarMatcher::Match(std::vector<CStar> const& list, int width, int he
   }
   match.scale = map.Scale();
   const Similarity rigid = RobustFit(pairs, true);
-  const Point middle{width * 0.5, height * 0.5}, moved = rigid(middle);
-  match.dx = moved.x - middle.x;
-  match.dy = moved.y - middle.y;
-  match.degrees = std::atan2(rigid.b, rigid.a) * 180 / std::numbers::pi;
+  const Pose pose = PoseOf(rigid, width, height);
+  match.dx = pose.dx;
+  match.dy = pose.dy;
+  match.degrees = pose.degrees;
   match.residual = RootMeanSquare(pairs, rigid);
   match.stars = static_cast<int>(pairs.size());
   match.status = match.residual <= residualLimit_ ? CStarMatch::Ok : CStarMatch::ResidualTooLarge;

@@ -41,6 +41,9 @@ class KORIMG_API CStarMatcher {
   CStarMatcher(CStarMatcher const&) = delete;
   CStarMatcher& operator=(CStarMatcher const&) = delete;
 
+  /// Those stars of a list that matching uses; the others may be forgotten.
+  static std::vector<CStar> Select(std::vector<CStar> stars);
+
   /// Pixels; 1 at first.
   void SetResidualLimit(double pixels) { residualLimit_ = pixels; }
 

@@ -107,7 +107,7 @@ Sky SkyOf(std::vector<float> const& pixels, double least) {
   if (start == pixels.end()) return {};
   float low = -kHuge, high = kHuge, pivot = *start;
   double count = -1, mean = 0, sigma = 0;
-  for (int round = 0; round < 12; ++round) {
+  for (int round = 0; round < 5; ++round) {
     const Moments m = Between(pixels, low, high, pivot);
     if (m.count < least || m.count == count) break;
     count = m.count;

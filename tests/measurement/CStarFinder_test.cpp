@@ -187,6 +187,7 @@ TEST(CStarFinder, NoStarsIsAnAnswer) {
          const auto rule = none.Rule(20);
          return (rule(p, x, y) + rule(p, x + 1, y) + rule(p, x, y + 1) + rule(p, x + 1, y + 1)) / 4;
        }},
+      {"stripes", [&](int p, int x, int y) { return none.Rule(10)(p, x, y) + 60 * std::sin(0.15 * y); }},
       {"an empty border", [&](int p, int x, int y) { return x + y < 150 ? 0 : none.Rule(10)(p, x, y); }},
   };
   for (const auto& [name, rule] : skies) {
