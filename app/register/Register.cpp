@@ -24,14 +24,8 @@ FrameMeasure MeasureFrame(CVelImage& image, double sigmas) {
   CStarFinder finder(&image);
   finder.SetThreshold(sigmas);
   const int count = finder.Find();
-  return {image.GetWidth(),
-          image.GetHeight(),
-          finder.GetSky(),
-          finder.GetNoise(),
-          finder.GetFwhm(),
-          finder.GetElongation(),
-          count,
-          CStarMatcher::Select(finder.GetStars())};
+  return {image.GetWidth(), image.GetHeight(),      finder.GetSky(), finder.GetNoise(),
+          finder.GetFwhm(), finder.GetElongation(), count,           CStarMatcher::Select(finder.GetStars())};
 }
 
 size_t ChooseReference(const std::vector<FrameMeasure>& frames) {
@@ -82,14 +76,10 @@ CStarMatch Registrar::MatchByPhase(const ImageSource& image) {
 }
 
 std::string ToJson(const Registration& registration) {
-  const Json json{{"file", registration.file},
-                  {"dx", registration.dx},
-                  {"dy", registration.dy},
-                  {"degrees", registration.degrees},
-                  {"stars", registration.stars},
-                  {"residual_px", registration.residual},
-                  {"method", registration.method},
-                  {"status", registration.status}};
+  const Json json{{"file", registration.file},     {"dx", registration.dx},
+                  {"dy", registration.dy},         {"degrees", registration.degrees},
+                  {"stars", registration.stars},   {"residual_px", registration.residual},
+                  {"method", registration.method}, {"status", registration.status}};
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 

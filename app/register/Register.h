@@ -1,5 +1,5 @@
-// How frames lie on a reference: first by their stars, then by phase correlation. Nothing here reads files but
-// the list of registrations itself.
+// How frames lie on a reference: first by their stars, then by phase correlation. Nothing here reads files
+// but the list of registrations itself.
 #pragma once
 
 #include <filesystem>
@@ -35,10 +35,10 @@ size_t ChooseReference(const std::vector<FrameMeasure>& frames);
 struct Registration {
   std::string file;  ///< as the user named it
   double dx = 0, dy = 0, degrees = 0;
-  int stars = 0;           ///< that the fit is made of
-  double residual = 0;     ///< pixels, root mean square
-  std::string method;      ///< "reference", "stars", "phase"
-  std::string status;      ///< "ok", "no stars", "no match", "mirrored", "residual too large"
+  int stars = 0;        ///< that the fit is made of
+  double residual = 0;  ///< pixels, root mean square
+  std::string method;   ///< "reference", "stars", "phase"
+  std::string status;   ///< "ok", "no stars", "no match", "mirrored", "residual too large"
   bool IsGood() const { return status == "ok"; }
 };
 

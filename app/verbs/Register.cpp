@@ -1,4 +1,6 @@
 // korimg register: how frames lie on a reference.
+#include "app/register/Register.h"
+
 #include <deque>
 #include <fstream>
 #include <future>
@@ -8,7 +10,6 @@
 #include "korimg/platform/CParallel.h"
 
 #include "app/files/Formats.h"
-#include "app/register/Register.h"
 #include "app/tool/Images.h"
 #include "app/verbs/Verbs.h"
 
@@ -37,10 +38,11 @@ void ForFilesAtOnce(Tool& tool, const std::vector<fs::path>& files, const std::s
   size_t next = 0, done = 0;
   tool.ForEachFile(files, [&](const fs::path&) {
     for (; next < files.size() && next < done + atOnce; ++next) {
-      running.push_back(std::async(policy, [&work, &file = files[next], share = threads / static_cast<int>(atOnce)] {
-        CParallel::SetMaxThreads(share);
-        return work(file);
-      }));
+      running.push_back(
+          std::async(policy, [&work, &file = files[next], share = threads / static_cast<int>(atOnce)] {
+            CParallel::SetMaxThreads(share);
+            return work(file);
+          }));
     }
     tool.console.JobProgress(title, static_cast<long long>(done) + 1, static_cast<long long>(files.size()));
     auto first = std::move(running.front());
@@ -52,8 +54,8 @@ void ForFilesAtOnce(Tool& tool, const std::vector<fs::path>& files, const std::s
 }
 
 std::string Line(const Registration& r) {
-  return r.IsGood() ? fmt::format("{}: shift {:.3f}, {:.3f}, angle {:.4f}, residual {:.3f} ({}, {})", r.file, r.dx,
-                                  r.dy, r.degrees, r.residual, r.method, r.stars)
+  return r.IsGood() ? fmt::format("{}: shift {:.3f}, {:.3f}, angle {:.4f}, residual {:.3f} ({}, {})", r.file,
+                                  r.dx, r.dy, r.degrees, r.residual, r.method, r.stars)
                     : fmt::format("{}: {}", r.file, r.status);
 }
 
@@ -67,11 +69,10 @@ void Register(Tool& tool, const RegisterOptions& options) {
 
   std::vector<fs::path> files;
   std::vector<FrameMeasure> frames;
-  ForFilesAtOnce(tool, options.files, "finding stars in frame", measure,
-                 [&](size_t i, FrameMeasure frame) {
-                   files.push_back(options.files[i]);
-                   frames.push_back(std::move(frame));
-                 });
+  ForFilesAtOnce(tool, options.files, "finding stars in frame", measure, [&](size_t i, FrameMeasure frame) {
+    files.push_back(options.files[i]);
+    frames.push_back(std::move(frame));
+  });
   if (frames.empty()) return;
   fs::path referenceFile = options.reference;
   FrameMeasure reference;
@@ -85,7 +86,8 @@ void Register(Tool& tool, const RegisterOptions& options) {
   tool.console.Say(fmt::format("reference: {}, FWHM {:.2f}, {} stars", referenceFile.string(), reference.fwhm,
                                reference.starCount));
 
-  Registrar registrar(reference, [&] { return load(referenceFile); }, options.residual);
+  Registrar registrar(
+      reference, [&] { return load(referenceFile); }, options.residual);
   std::string lines;
   for (size_t i = 0; i < files.size(); ++i) {
     tool.ForEachFile({files[i]}, [&](const fs::path& file) {

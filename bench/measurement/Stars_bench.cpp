@@ -1,5 +1,5 @@
-// Star detection and measurement of a frame of 6 megapixels beside SEP's background, extraction and apertures, and
-// matching of two lists.
+// Star detection and measurement of a frame of 6 megapixels beside SEP's background, extraction and
+// apertures, and matching of two lists.
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -26,7 +26,8 @@ std::vector<float> MakeFrame(int stars) {
   std::vector<float> pixels(static_cast<size_t>(kWidth) * kHeight);
   std::uint64_t state = 1;
   for (float& v : pixels) {
-    v = static_cast<float>(1500 + 35 * std::sqrt(-2 * std::log(Random(state))) * std::cos(6.283185307 * Random(state)));
+    v = static_cast<float>(1500 + 35 * std::sqrt(-2 * std::log(Random(state))) *
+                                      std::cos(6.283185307 * Random(state)));
   }
   for (int i = 0; i < stars; ++i) {
     const double cx = 10 + (kWidth - 20) * Random(state), cy = 10 + (kHeight - 20) * Random(state);
@@ -53,8 +54,8 @@ void Finder(benchmark::State& state) {
   const auto store = korimg::CreateContiguousManager();
   CVelImage image(store, CImage::Float, kWidth, kHeight, 1, 1.0, 0.0, 1, nullptr);
   for (int y = 0; y < kHeight; ++y) {
-    std::memcpy(image.GetWritableLine(0, y, 0), FrameOf(static_cast<int>(state.range(0))).data() + 1L * y * kWidth,
-                kWidth * sizeof(float));
+    std::memcpy(image.GetWritableLine(0, y, 0),
+                FrameOf(static_cast<int>(state.range(0))).data() + 1L * y * kWidth, kWidth * sizeof(float));
   }
   int found = 0;
   for ([[maybe_unused]] auto _ : state) {
@@ -81,8 +82,8 @@ void Sep(benchmark::State& state) {
     image.noiseval = background->globalrms;
     image.noise_type = SEP_NOISE_STDDEV;
     sep_catalog* catalog = nullptr;
-    sep_extract(&image, 1.5F * background->globalrms, SEP_THRESH_ABS, 5, kKernel, 3, 3, SEP_FILTER_CONV, 32, 0.005, 1,
-                1.0, &catalog);
+    sep_extract(&image, 1.5F * background->globalrms, SEP_THRESH_ABS, 5, kKernel, 3, 3, SEP_FILTER_CONV, 32,
+                0.005, 1, 1.0, &catalog);
     for (int i = 0; i < catalog->nobj; ++i) {
       double sum, error, area;
       short flag;

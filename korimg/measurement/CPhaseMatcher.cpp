@@ -10,9 +10,9 @@
 #include "korimg/fourier/CImgFourier.h"
 #include "korimg/geometry/CInterp.h"
 #include "korimg/image/Lines.h"
-#include "korimg/platform/CParallel.h"
 #include "korimg/measurement/RigidFit.h"
 #include "korimg/measurement/SkyMesh.h"
+#include "korimg/platform/CParallel.h"
 
 using namespace korimg;
 
@@ -111,8 +111,8 @@ std::unique_ptr<CImgFourier> Laid(CVelImage& first, CVelImage& second, Similarit
   const Pose pose = PoseOf(map, second.GetWidth(), second.GetHeight());
   CImgComposit laid;
   laid.Create(first, nullptr);
-  laid.Do(&first, &second, pose.dx, pose.dy, pose.degrees, 0, kFirstAndWeight, CInterp::MethodBilinear, 1.0, 0,
-          0, 0, 0, nullptr, 0, -1);
+  laid.Do(&first, &second, pose.dx, pose.dy, pose.degrees, 0, kFirstAndWeight, CInterp::MethodBilinear, 1.0,
+          0, 0, 0, 0, nullptr, 0, -1);
   auto result = std::make_unique<CImgFourier>();
   result->Swap(&laid);
   return result;
@@ -250,7 +250,8 @@ CPhaseMatcher::Scale::Answer CPhaseMatcher::Scale::Match(CVelImage& image, CStar
       correction = RobustFit(tiles.pairs, true);
       map = Joined(map, correction);
     }
-    std::erase_if(tiles.pairs, [&](Pair const& p) { return Distance(correction(p.from), p.to) > kAgreement; });
+    std::erase_if(tiles.pairs,
+                  [&](Pair const& p) { return Distance(correction(p.from), p.to) > kAgreement; });
     const size_t agree = tiles.pairs.size();
     if (agree < kFewest || static_cast<double>(agree) < kShare * tiles.lit) continue;
     map = Unbinned(map, bin);

@@ -161,13 +161,15 @@ struct Shape {
 bool MeasureShape(Stamp const& stamp, StarSeed const& seed, double widest, Shape& shape) {
   constexpr int kRounds = 12;
   constexpr double kFarthest = 1.5, kNarrowest = 0.4, kLongest = 400, kStill = 1e-4;
-  constexpr double kWindowReach = 3;
+  constexpr double kWindowReach = 3, kWidestReach = 17;
+  static_assert(kWindowReach * kWindowReach * kWidestWindow < kWidestReach * kWidestReach);
+  widest = std::clamp(widest, kNarrowest, kWidestWindow);
   double x = seed.x, y = seed.y, window = 1.5;
   for (int round = 0; round < kRounds; ++round) {
     double sum = 0, sumX = 0, sumY = 0;
     Symmetric c;
     const double scale = -0.5 / window;
-    double weightsX[64];
+    double weightsX[static_cast<int>(2 * kWidestReach) + 1];
     const double reach = kWindowReach * std::sqrt(window);
     const int first = static_cast<int>(std::ceil(x - reach)),
               count = static_cast<int>(std::floor(x + reach)) - first + 1;
@@ -204,8 +206,7 @@ bool MeasureShape(Stamp const& stamp, StarSeed const& seed, double widest, Shape
     x += stepX;
     y += stepY;
     if (!(std::abs(x - seed.x) <= kFarthest && std::abs(y - seed.y) <= kFarthest)) return false;
-    const double before =
-        std::exchange(window, std::clamp(shape.Variance(), kNarrowest, std::max(widest, kNarrowest)));
+    const double before = std::exchange(window, std::clamp(shape.Variance(), kNarrowest, widest));
     if (std::abs(stepX) + std::abs(stepY) < kStill && std::abs(window - before) < 0.01 * before) break;
   }
   shape.x = x;
@@ -324,7 +325,7 @@ std::vector<Shape> MeasureShapes(CVelImage& image, SkyMesh const& sky, std::vect
     if (c.state == Measured) shapes.push_back(c.shape);
   }
   const UsualShape usual(shapes);
-  const double widest = std::min(kNarrowed * usual.Variance(), kWidestWindow);
+  const double widest = kNarrowed * usual.Variance();
   // What widens or draws away a free window, a cloud or a brighter star, may leave a narrower one alone.
   ForLines(Team::All, 0, count, [&](int i) {
     Candidate& c = candidates[i];

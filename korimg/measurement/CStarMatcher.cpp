@@ -218,8 +218,8 @@ bool FindAgreement(StarField const& stars, StarField const& reference, Similarit
   }
   const auto all = static_cast<double>(hypotheses.size());
   if (hypotheses.size() > kMost) hypotheses.resize(kMost);
-  const double even = static_cast<double>(stars.pattern.size() * reference.pattern.size()) * std::numbers::pi *
-                      kPatternError * kPatternError / reference.PatternArea();
+  const double even = static_cast<double>(stars.pattern.size() * reference.pattern.size()) *
+                      std::numbers::pi * kPatternError * kPatternError / reference.PatternArea();
   // Where stars crowd, more of them meet by chance than even ones: as those tell that lie farther around.
   const auto exceedsChance = [&](Similarity const& map, double meet) {
     if (count <= 3) return meet >= 3;

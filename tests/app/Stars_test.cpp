@@ -7,7 +7,6 @@
 #include <nlohmann/json.hpp>
 
 #include "app/register/Register.h"
-
 #include "tests/app/Tool.h"
 
 namespace korimg::files {
@@ -86,7 +85,8 @@ TEST_F(StarsTest, RegistersASessionAgainstItsTruth) {
 
   // Too few stars: phase correlation, hot pixels and all.
   const Result phase = Shell(
-      "korimg register --json --sigma 1e5 --reference night/lights/light_0001.fits night/lights/light_000[35].fits");
+      "korimg register --json --sigma 1e5 --reference night/lights/light_0001.fits "
+      "night/lights/light_000[35].fits");
   ASSERT_EQ(Lines(phase.out).size(), 2u) << phase.err;
   for (const int light : {3, 5}) {
     const Json line = Lines(phase.out)[light / 4];
@@ -104,8 +104,9 @@ TEST_F(StarsTest, HalfTurnsAreFoundAndMirroredFramesNamed) {
                   "korimg apply flip light_0002.fits -o flipped.fits")
                 .code,
             0);
-  const Result r = Shell("cd night/lights && korimg register --json --reference light_0001.fits light_0002.fits "
-                         "turned.fits flipped.fits");
+  const Result r = Shell(
+      "cd night/lights && korimg register --json --reference light_0001.fits light_0002.fits "
+      "turned.fits flipped.fits");
   ASSERT_EQ(Lines(r.out).size(), 3u) << r.err;
   const Json plain = Lines(r.out)[0], turned = Lines(r.out)[1];
   ASSERT_EQ(turned["status"], "ok");
@@ -113,7 +114,8 @@ TEST_F(StarsTest, HalfTurnsAreFoundAndMirroredFramesNamed) {
   const double turn = plain["degrees"].get<double>() * std::numbers::pi / 180;
   EXPECT_NEAR(turned["dx"], plain["dx"].get<double>() - std::cos(turn) + std::sin(turn), 0.02);
   EXPECT_NEAR(turned["dy"], plain["dy"].get<double>() - std::sin(turn) - std::cos(turn), 0.02);
-  EXPECT_NEAR(std::remainder(turned["degrees"].get<double>() - plain["degrees"].get<double>() - 180, 360), 0, 0.002);
+  EXPECT_NEAR(std::remainder(turned["degrees"].get<double>() - plain["degrees"].get<double>() - 180, 360), 0,
+              0.002);
   EXPECT_EQ(Lines(r.out)[2]["status"], "mirrored");
 }
 

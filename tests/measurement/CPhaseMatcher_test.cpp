@@ -28,7 +28,8 @@ struct Field {
     const double a = pose.degrees * std::numbers::pi / 180, reach = 5 * sigma;
     for (int i = 0; i < objects; ++i) {
       const std::uint64_t n = 1000000ull * seed + 3 * i;
-      const double x = width * (1.6 * Noise(n) - 0.8) - pose.dx, y = height * (1.6 * Noise(n + 1) - 0.8) - pose.dy;
+      const double x = width * (1.6 * Noise(n) - 0.8) - pose.dx,
+                   y = height * (1.6 * Noise(n + 1) - 0.8) - pose.dy;
       const double cx = width * 0.5 + std::cos(a) * x + std::sin(a) * y,
                    cy = height * 0.5 - std::sin(a) * x + std::cos(a) * y;
       for (int v = std::max(0.0, cy - reach); v < std::min<double>(height, cy + reach); ++v) {
@@ -63,12 +64,11 @@ TEST(CPhaseMatcher, FindsShiftAndAngle) {
     double tolerance;
     Field field = {};
   };
-  for (Case const& c : {Case{"shift", {-31.4, 22.3, 0}, 0.15},
-                        Case{"turned", {9.7, -14.6, 3.2}, 0.15},
-                        Case{"half a turn", {-7.2, 5.5, 180}, 0.15},
-                        Case{"half a turn, and more", {4.4, 12.6, -176.5}, 0.15},
-                        // No pixel of these is two deviations above the sky.
-                        Case{"wide and faint", {45.5, -22.1, 0.4}, 1, {1000, 800, 7, 12}}}) {
+  for (Case const& c :
+       {Case{"shift", {-31.4, 22.3, 0}, 0.15}, Case{"turned", {9.7, -14.6, 3.2}, 0.15},
+        Case{"half a turn", {-7.2, 5.5, 180}, 0.15}, Case{"half a turn, and more", {4.4, 12.6, -176.5}, 0.15},
+        // No pixel of these is two deviations above the sky.
+        Case{"wide and faint", {45.5, -22.1, 0.4}, 1, {1000, 800, 7, 12}}}) {
     const auto make = [&](Pose const& pose, int noise) {
       return Make(MemoryStore(), c.field.width, c.field.height, 1, c.field.Seen(pose, noise));
     };
@@ -123,7 +123,8 @@ TEST(CPhaseMatcher, NothingIsTakenForAMatch) {
   const auto sky = [](int seed, int noise) { return Field{.seed = seed}.Seen({0, 0, 0}, noise); };
   const auto none = [](int noise) { return Field{.objects = 0}.Seen({0, 0, 0}, noise); };
   const auto withHotPixels = [](PixelRule const& rule) -> PixelRule {
-    return [=](int p, int x, int y) { return rule(p, x, y) + ((x / 2 * 31 + y / 2 * 17) % 97 == 0 ? 4000 : 0); };
+    return
+        [=](int p, int x, int y) { return rule(p, x, y) + ((x / 2 * 31 + y / 2 * 17) % 97 == 0 ? 4000 : 0); };
   };
   struct Case {
     char const* name;
@@ -144,7 +145,8 @@ TEST(CPhaseMatcher, NothingIsTakenForAMatch) {
   const auto reference = Image(sky(5, 1));
   EXPECT_EQ(Match(*reference, empty).status, CStarMatch::NoMatch);
   for (const auto& [width, height] : Sizes()) {
-    EXPECT_EQ(Match(*reference, *Make(MemoryStore(), width, height, 1, Wild(0, 1e30))).status, CStarMatch::NoMatch);
+    EXPECT_EQ(Match(*reference, *Make(MemoryStore(), width, height, 1, Wild(0, 1e30))).status,
+              CStarMatch::NoMatch);
   }
 }
 
