@@ -11,8 +11,7 @@
 
 namespace korimg::bench {
 
-/// For this library's loops and pipelines and for OpenCV. The pipelines' pool never shrinks: one thread
-/// first.
+/// For this library's loops and pipelines and for OpenCV. The pipelines' pool never shrinks: one thread first.
 inline void SetThreads(int threads) {
   CParallel::SetMaxThreads(threads);
   SetPipelineThreads(threads);
