@@ -19,6 +19,8 @@ void AddDevelop(CLI::App& app, Tool& tool);
 void AddRender(CLI::App& app, Tool& tool);
 void AddSimulate(CLI::App& app, Tool& tool);
 void AddRun(CLI::App& app, Tool& tool);
+void AddStars(CLI::App& app, Tool& tool);
+void AddRegister(CLI::App& app, Tool& tool);
 
 /// Adds the options that all verbs take.
 void AddCommonOptions(CLI::App& verb, Tool& tool);

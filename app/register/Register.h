@@ -1,0 +1,77 @@
+// How frames lie on a reference: first by their stars, then by phase correlation. Nothing here reads files
+// but the list of registrations itself.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "korimg/measurement/CPhaseMatcher.h"
+#include "korimg/measurement/CStarMatcher.h"
+
+namespace korimg::tool {
+
+/// What is kept of a frame once its pixels are gone.
+struct FrameMeasure {
+  int width = 0, height = 0;
+  double sky = 0, noise = 0;        ///< level and deviation, raw
+  double fwhm = 0, elongation = 0;  ///< of the usual star
+  int starCount = 0;                ///< found
+  std::vector<CStar> stars;         ///< those that frames are matched by: 2000 at most
+};
+
+/// Finds and measures the stars of an image, `sigmas` above the sky.
+FrameMeasure MeasureFrame(CVelImage& image, double sigmas = 5);
+
+/// The frame that others are best laid on: of those with half as many stars as the richest one, or more, that
+/// of the smallest FWHM; the first when no frame has any star. There must be a frame.
+size_t ChooseReference(const std::vector<FrameMeasure>& frames);
+
+/// How a frame comes to lie on the reference, in the terms of CImgComposit::Do: shifts in pixels and degrees
+/// about the middle, clockwise on the screen.
+struct Registration {
+  std::string file;  ///< as the user named it
+  double dx = 0, dy = 0, degrees = 0;
+  int stars = 0;        ///< that the fit is made of
+  double residual = 0;  ///< pixels, root mean square
+  std::string method;   ///< "reference", "stars", "phase"
+  std::string status;   ///< "ok", "no stars", "no match", "mirrored", "residual too large"
+  bool IsGood() const { return status == "ok"; }
+};
+
+/// The registration of the reference itself.
+Registration ReferenceRegistration(const FrameMeasure& reference);
+
+/// Gives an image again whose pixels were let go, and keeps what it needs to live.
+using ImageSource = std::function<std::shared_ptr<CVelImage>()>;
+
+/// Lays frames on a reference. Any number of threads may call it at once.
+class Registrar {
+ public:
+  /// The image of the reference is only asked for by the first frame whose stars do not match. Stars may be
+  /// off by `residual` pixels.
+  Registrar(const FrameMeasure& reference, ImageSource image, double residual = 1);
+
+  /// A frame that no method can lay on the reference has the status of its stars. Throws what the sources of
+  /// images throw.
+  Registration Register(const FrameMeasure& frame, const ImageSource& image);
+
+ private:
+  CStarMatch MatchByPhase(const ImageSource& image);
+
+  CStarMatcher stars_;
+  ImageSource loadReference_;
+  std::mutex mutex_;  ///< one phase correlation at a time: each holds a few images
+  std::shared_ptr<CVelImage> reference_;
+  std::unique_ptr<CPhaseMatcher> phase_;
+};
+
+/// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, method, status.
+std::string ToJson(const Registration& registration);
+/// Those of a file with one on each line; empty lines do not count. Throws files::FileError, with the line.
+std::vector<Registration> ReadRegistrations(const std::filesystem::path& path);
+
+}  // namespace korimg::tool

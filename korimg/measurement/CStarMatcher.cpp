@@ -1,0 +1,318 @@
+#include "korimg/measurement/CStarMatcher.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <numbers>
+#include <tuple>
+#include <utility>
+
+#include "korimg/measurement/PointGrid.h"
+#include "korimg/measurement/RigidFit.h"
+
+using namespace korimg;
+
+namespace {
+
+constexpr size_t kPatternStars = 200, kFitStars = 2000;
+constexpr int kNeighbours = 7;
+/// Among more stars than these some triangle looks like any three.
+constexpr size_t kFewForThree = 30;
+/// Pixels by which the sides of two triangles of the same stars may differ, and by which the whole patterns
+/// may, laid on each other by a triangle.
+constexpr double kSideError = 1, kPatternError = 3;
+
+/// Corners opposite to the longest, the middle and the shortest side, and what does not change with scale.
+struct Triangle {
+  std::array<int, 3> corners;
+  double longest, middleShare, shortestShare;
+  bool clockwise;
+};
+
+/// Adds a triangle to a list, in every order of its corners in which no side is longer than the one before by
+/// more than `slack`.
+void AddTriangle(std::vector<Point> const& points, std::array<int, 3> corners, double slack,
+                 std::vector<Triangle>& triangles) {
+  constexpr double kShortest = 3, kFlattest = 0.01;
+  std::sort(corners.begin(), corners.end());
+  do {
+    Point const &p = points[corners[0]], &q = points[corners[1]], &r = points[corners[2]];
+    const double a = Distance(q, r), b = Distance(r, p), c = Distance(p, q);
+    const double area = (q.x - p.x) * (r.y - p.y) - (q.y - p.y) * (r.x - p.x);
+    if (c < kShortest || std::abs(area) < kFlattest * a * a) return;
+    if (a >= b - slack && b >= c - slack) triangles.push_back({corners, a, b / a, c / a, area > 0});
+  } while (std::next_permutation(corners.begin(), corners.end()));
+}
+
+std::vector<Triangle> Triangles(std::vector<Point> const& points, double slack) {
+  const int count = static_cast<int>(points.size()), near = std::min(count - 1, kNeighbours);
+  std::vector<std::array<int, 3>> corners;
+  std::vector<std::pair<double, int>> others(count);
+  for (int i = 0; i < count; ++i) {
+    for (int k = 0; k < count; ++k) {
+      others[k] = {k == i ? -1 : Distance(points[i], points[k]), k};
+    }
+    std::partial_sort(others.begin(), others.begin() + near + 1, others.end());
+    for (int j = 1; j <= near; ++j) {
+      for (int k = j + 1; k <= near; ++k) {
+        corners.push_back({i, others[j].second, others[k].second});
+        std::sort(corners.back().begin(), corners.back().end());
+      }
+    }
+  }
+  std::sort(corners.begin(), corners.end());
+  corners.erase(std::unique(corners.begin(), corners.end()), corners.end());
+  std::vector<Triangle> triangles;
+  for (auto const& three : corners) {
+    AddTriangle(points, three, slack, triangles);
+  }
+  std::stable_sort(triangles.begin(), triangles.end(),
+                   [](Triangle const& s, Triangle const& t) { return s.middleShare < t.middleShare; });
+  return triangles;
+}
+
+/// The first `most` of a list that do not crowd in one of 8 x 8 zones; others when there are too few.
+std::vector<CStar> Spread(std::vector<CStar> const& stars, size_t most) {
+  constexpr int kZones = 8;
+  if (stars.size() <= most) return stars;
+  const auto range = [&](double CStar::*part) {
+    const auto [low, high] = std::minmax_element(
+        stars.begin(), stars.end(), [&](CStar const& s, CStar const& t) { return s.*part < t.*part; });
+    return std::pair((*low).*part, std::max((*high).*part - (*low).*part, 1e-6));
+  };
+  const auto [left, width] = range(&CStar::x);
+  const auto [top, height] = range(&CStar::y);
+  const auto zone = [](double along) { return std::min(static_cast<int>(along * kZones), kZones - 1); };
+  std::array<size_t, kZones * kZones> taken{};
+  const size_t share = 2 * most / taken.size() + 1;
+  std::vector<CStar> spread, rest;
+  for (CStar const& star : stars) {
+    size_t& here = taken[zone((star.y - top) / height) * kZones + zone((star.x - left) / width)];
+    (here < share ? spread : rest).push_back(star);
+    ++here;
+  }
+  spread.insert(spread.end(), rest.begin(), rest.end());
+  spread.resize(most);
+  return spread;
+}
+
+/// One over the square of what a position may be off by.
+double WeightOf(CStar const& star) {
+  constexpr double kBest = 0.015, kFlagged = 0.3, kUnknown = 0.1;
+  const double photons = star.snr > 0 && star.fwhm > 0 ? 0.5 * star.fwhm / star.snr : kUnknown;
+  const double flagged = star.flags != 0 ? kFlagged : 0;
+  return 1 / (kBest * kBest + photons * photons + flagged * flagged);
+}
+
+}  // namespace
+
+namespace korimg {
+
+/// A list of stars made ready.
+struct StarField {
+  std::vector<Point> pattern;  ///< the stars of the triangles
+  PointGrid patternGrid;
+  std::vector<Triangle> triangles;
+  PointGrid grid;  ///< of the stars of the fit
+  std::vector<double> weights;
+
+  double PatternArea() const {
+    double left = pattern[0].x, right = left, top = pattern[0].y, bottom = top;
+    for (Point const& p : pattern) {
+      left = std::min(left, p.x);
+      right = std::max(right, p.x);
+      top = std::min(top, p.y);
+      bottom = std::max(bottom, p.y);
+    }
+    return std::max((right - left) * (bottom - top), 1.0);
+  }
+
+  /// Mirrored, columns count from right to left.
+  StarField(std::vector<CStar> stars, double slack, bool mirrored)
+      : StarField(CStarMatcher::Select(std::move(stars)), slack, mirrored ? -1 : 1) {}
+
+ private:
+  StarField(std::vector<CStar> const& stars, double slack, int direction)
+      : pattern(PointsOf(Spread(stars, kPatternStars), direction)),
+        patternGrid(pattern),
+        triangles(Triangles(pattern, slack)),
+        grid(PointsOf(stars, direction)) {
+    for (CStar const& star : stars) {
+      weights.push_back(WeightOf(star));
+    }
+  }
+
+  static std::vector<Point> PointsOf(std::vector<CStar> const& stars, int direction) {
+    std::vector<Point> points;
+    for (CStar const& star : stars) {
+      points.push_back({direction * star.x, star.y});
+    }
+    return points;
+  }
+};
+
+}  // namespace korimg
+
+namespace {
+
+/// Two triangles of the same shape: how the one comes to lie on the other.
+struct Hypothesis {
+  Similarity map;
+  bool rigid;
+  double error;  ///< of the shape, relative
+};
+
+std::vector<Hypothesis> Hypotheses(StarField const& stars, StarField const& reference) {
+  constexpr double kRigid = 0.01;
+  std::vector<Hypothesis> found;
+  for (Triangle const& t : stars.triangles) {
+    const double most = kSideError / t.longest;
+    const auto before = [](Triangle const& s, double share) { return s.middleShare < share; };
+    const double widest = 2 * most + 0.02;
+    for (auto r = std::lower_bound(reference.triangles.begin(), reference.triangles.end(),
+                                   t.middleShare - widest, before);
+         r != reference.triangles.end() && r->middleShare <= t.middleShare + widest; ++r) {
+      const double error = std::min(most + kSideError / r->longest, widest);
+      if (r->clockwise != t.clockwise || std::abs(r->middleShare - t.middleShare) > error ||
+          std::abs(r->shortestShare - t.shortestShare) > error) {
+        continue;
+      }
+      std::vector<Pair> pairs;
+      for (int k = 0; k < 3; ++k) {
+        pairs.push_back({stars.pattern[t.corners[k]], reference.pattern[r->corners[k]]});
+      }
+      const Similarity map = Fit(pairs, false);
+      found.push_back({map, std::abs(map.Scale() - 1) < kRigid + error, error});
+    }
+  }
+  std::stable_sort(found.begin(), found.end(), [](Hypothesis const& g, Hypothesis const& h) {
+    return std::tuple(!g.rigid, g.error) < std::tuple(!h.rigid, h.error);
+  });
+  return found;
+}
+
+/// How many stars have to meet where `expected` do by chance, beside the three of a triangle, so that one
+/// trial in a thousand searches at most is taken in.
+double LeastAgreement(double expected, double hypotheses) {
+  constexpr double kMistaken = 1e-3;
+  double more = 0;
+  // The chance of so many is less than the expected number to that power over its factorial.
+  for (double chance = 1; hypotheses * chance > kMistaken;) {
+    ++more;
+    chance *= expected / more;
+  }
+  return 3 + more;
+}
+
+/// The map under which most stars of the patterns meet. False when chance would do as well.
+bool FindAgreement(StarField const& stars, StarField const& reference, Similarity& best) {
+  constexpr size_t kMost = 20000;
+  constexpr double kEnough = 0.4;
+  const double count = static_cast<double>(std::min(stars.pattern.size(), reference.pattern.size()));
+  std::vector<Hypothesis> hypotheses = Hypotheses(stars, reference);
+  if (count <= 3) {
+    // Three stars agree with their own triangle whatever they are.
+    const auto rigid =
+        std::count_if(hypotheses.begin(), hypotheses.end(), [](Hypothesis const& h) { return h.rigid; });
+    if (rigid != 1 || std::max(stars.pattern.size(), reference.pattern.size()) > kFewForThree) return false;
+  }
+  const auto all = static_cast<double>(hypotheses.size());
+  if (hypotheses.size() > kMost) hypotheses.resize(kMost);
+  const double even = static_cast<double>(stars.pattern.size() * reference.pattern.size()) *
+                      std::numbers::pi * kPatternError * kPatternError / reference.PatternArea();
+  // Where stars crowd, more of them meet by chance than even ones: as those tell that lie farther around.
+  const auto exceedsChance = [&](Similarity const& map, double meet) {
+    if (count <= 3) return meet >= 3;
+    constexpr double kWider = 10;
+    double around = -meet;
+    for (Point const& p : stars.pattern) {
+      reference.patternGrid.ForNear(map(p), kWider * kPatternError, [&](int, double) { ++around; });
+    }
+    return meet >= LeastAgreement(std::max(even, around / (kWider * kWider)), all);
+  };
+  double most = 0;
+  bool agrees = false;
+  std::vector<char> taken(reference.pattern.size());
+  for (Hypothesis const& h : hypotheses) {
+    double meet = 0;
+    std::fill(taken.begin(), taken.end(), 0);
+    for (Point const& p : stars.pattern) {
+      const int i = reference.patternGrid.Nearest(h.map(p), kPatternError);
+      if (i >= 0 && !std::exchange(taken[i], 1)) ++meet;
+    }
+    if (meet <= most) continue;
+    most = meet;
+    best = h.map;
+    agrees = exceedsChance(best, most);
+    if (agrees && most >= kEnough * count) break;
+  }
+  return agrees;
+}
+
+/// The pairs of stars that a map brings within a radius, each star of the reference once.
+std::vector<Pair> PairsOf(StarField const& stars, StarField const& reference, Similarity const& map,
+                          double radius) {
+  std::vector<Point> const &from = stars.grid.Points(), &to = reference.grid.Points();
+  std::vector<int> partner(to.size(), -1);
+  for (int i = 0; i < static_cast<int>(from.size()); ++i) {
+    const int k = reference.grid.Nearest(map(from[i]), radius);
+    if (k < 0) continue;
+    const bool nearer =
+        partner[k] < 0 || Distance(map(from[i]), to[k]) < Distance(map(from[partner[k]]), to[k]);
+    if (nearer) partner[k] = i;
+  }
+  std::vector<Pair> pairs;
+  for (size_t k = 0; k < to.size(); ++k) {
+    const int i = partner[k];
+    if (i >= 0) pairs.push_back({from[i], to[k], 1 / (1 / stars.weights[i] + 1 / reference.weights[k])});
+  }
+  return pairs;
+}
+
+}  // namespace
+
+CStarMatcher::CStarMatcher(std::vector<CStar> const& reference)
+    : reference_(std::make_unique<StarField>(reference, 0.0, false)) {}
+
+CStarMatcher::~CStarMatcher() = default;
+
+std::vector<CStar> CStarMatcher::Select(std::vector<CStar> stars) {
+  std::erase_if(stars, [](CStar const& s) {
+    return !std::isfinite(s.x) || !std::isfinite(s.y) || !(s.flux == s.flux);
+  });
+  std::sort(stars.begin(), stars.end(), [](CStar const& s, CStar const& t) {
+    return std::tuple(-s.flux, s.y, s.x) < std::tuple(-t.flux, t.y, t.x);
+  });
+  return Spread(stars, kFitStars);
+}
+
+CStarMatch CStarMatcher::Match(std::vector<CStar> const& list, int width, int height) const {
+  constexpr size_t kFewest = 3;
+  CStarMatch match;
+  const StarField stars(list, kSideError, false);
+  if (stars.pattern.size() < kFewest || reference_->pattern.size() < kFewest) return match;
+  Similarity map;
+  if (!FindAgreement(stars, *reference_, map)) {
+    const bool mirrored = FindAgreement(StarField(list, kSideError, true), *reference_, map);
+    match.status = mirrored ? CStarMatch::Mirrored : CStarMatch::NoMatch;
+    return match;
+  }
+  constexpr double kNearest = 1;
+  double radius = kPatternError;
+  std::vector<Pair> pairs;
+  for (int round = 0; round < 4; ++round) {
+    pairs = PairsOf(stars, *reference_, map, radius);
+    map = RobustFit(pairs, false);
+    radius = std::clamp(4 * RootMeanSquare(pairs, map), kNearest, kPatternError);
+  }
+  match.scale = map.Scale();
+  const Similarity rigid = RobustFit(pairs, true);
+  const Pose pose = PoseOf(rigid, width, height);
+  match.dx = pose.dx;
+  match.dy = pose.dy;
+  match.degrees = pose.degrees;
+  match.residual = RootMeanSquare(pairs, rigid);
+  match.stars = static_cast<int>(pairs.size());
+  match.status = match.residual <= residualLimit_ ? CStarMatch::Ok : CStarMatch::ResidualTooLarge;
+  return match;
+}

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "korimg/measurement/CStarFinder.h"
+
+namespace korimg {
+struct StarField;
+}
+
+/// How an image lies on a reference, by their stars.
+struct CStarMatch {
+  enum Status : int {
+    Ok,
+    NoStars,          ///< fewer than three in one of the lists
+    NoMatch,          ///< no pattern that both share
+    Mirrored,         ///< a pattern that is turned over: one of the images has to be flipped
+    ResidualTooLarge  ///< a pattern that no shift and rotation bring together, as of another scale
+  };
+  Status status = NoStars;
+  // Set with Ok and ResidualTooLarge only.
+  /// As CImgComposit::Do takes them to lay the image on the reference, without its reference centre.
+  double dx = 0, dy = 0, degrees = 0;
+  double scale = 1;     ///< of the reference over the image, by a fit of its own
+  double residual = 0;  ///< pixels, root mean square of the distances that shift and rotation leave
+  int stars = 0;        ///< pairs that the fit is made of
+};
+
+/// Matches lists of stars against the list of a reference by similar triangles, which know of no shift,
+/// rotation or scale (Groth, 1986), and fits shift and rotation to all pairs that the best agreement of
+/// patterns brings together, by least squares without what lies far off.
+///
+/// Triangles are of up to 200 bright stars spread over the image, each with its nearest neighbours; the fit
+/// takes up to 2000. An agreement is one that far exceeds what chance makes of as many stars; three stars are
+/// matched with up to 30 only, and when no other triangle agrees.
+class KORIMG_API CStarMatcher {
+ public:
+  explicit CStarMatcher(std::vector<CStar> const& reference);
+  ~CStarMatcher();
+  CStarMatcher(CStarMatcher const&) = delete;
+  CStarMatcher& operator=(CStarMatcher const&) = delete;
+
+  /// Those stars of a list that matching uses; the others may be forgotten.
+  static std::vector<CStar> Select(std::vector<CStar> stars);
+
+  /// Pixels; 1 at first.
+  void SetResidualLimit(double pixels) { residualLimit_ = pixels; }
+
+  /// The size is that of the image whose stars these are. Any number of threads may call it at once.
+  CStarMatch Match(std::vector<CStar> const& stars, int width, int height) const;
+
+ private:
+  std::unique_ptr<korimg::StarField const> reference_;
+  double residualLimit_ = 1;
+};

@@ -1,0 +1,41 @@
+// The sky of an image: its level and noise by cells, smooth between them. Internal.
+#pragma once
+
+#include <vector>
+
+#include "korimg/image/CVelImage.h"
+
+namespace korimg {
+
+/// `count` pixels of a line from column x on, in raw values: of the only plane, the luminance of three, or of
+/// a mosaic a mean over its colours.
+void ReadLight(CVelImage& image, int x, int y, int count, float* out);
+/// The variance in pixels by which that mean makes stars wider.
+double LightSpread(CVelImage const& image);
+
+/// Level and deviation of the sky in cells of about 64 x 64 pixels: the middle of what repeated clipping
+/// leaves, and the deviation of its darker half, which stars and nebulae do not widen. Cells without enough
+/// numbers, or without noise, take their neighbours' values; a median of 3 x 3 cells passes over those that a
+/// bright object fills. Between the middles of cells values are bilinear.
+class SkyMesh {
+ public:
+  explicit SkyMesh(CVelImage& image);
+
+  void Levels(int x, int y, int count, float* out) const { Interpolate(levels_, x, y, count, out); }
+  /// One over the deviation.
+  void Weights(int x, int y, int count, float* out) const { Interpolate(weights_, x, y, count, out); }
+  double Level(int x, int y) const;
+  double Sigma(int x, int y) const;
+  /// Medians of all cells.
+  double MedianLevel() const;
+  double MedianSigma() const;
+
+ private:
+  void Interpolate(std::vector<float> const& cells, int x, int y, int count, float* out) const;
+
+  int columns_, rows_;
+  double stepX_, stepY_;  ///< pixels
+  std::vector<float> levels_, weights_;
+};
+
+}  // namespace korimg

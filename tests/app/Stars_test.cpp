@@ -1,0 +1,212 @@
+#include <cmath>
+#include <fstream>
+#include <numbers>
+#include <sstream>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "app/register/Register.h"
+#include "tests/app/Tool.h"
+
+namespace korimg::files {
+namespace {
+
+using Json = nlohmann::json;
+
+double Median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values.at(values.size() / 2);
+}
+
+std::vector<Json> Lines(const std::string& text) {
+  std::vector<Json> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(Json::parse(line));
+  }
+  return lines;
+}
+
+class StarsTest : public ToolTest {
+ protected:
+  struct Error {
+    double shift, angle;
+  };
+  /// How far a registration on the first light is off.
+  Error ErrorOf(const Json& line, const Json& pose) {
+    // The truth turns about the middle of the outer pixels' middles, the result about half the size.
+    const double turn = pose["rotation_deg"], a = -turn * std::numbers::pi / 180;
+    const double x = 0.5 - pose["dx"].get<double>(), y = 0.5 - pose["dy"].get<double>();
+    const double dx = std::cos(a) * x - std::sin(a) * y - 0.5, dy = std::sin(a) * x + std::cos(a) * y - 0.5;
+    return {std::hypot(line["dx"].get<double>() - dx, line["dy"].get<double>() - dy),
+            std::abs(line["degrees"].get<double>() + turn)};
+  }
+
+  void Simulate() {
+    ASSERT_EQ(Shell("korimg simulate night --frames 5 --size 1400x1000 --seed 4").code, 0);
+    truth_ = Json::parse(std::ifstream(In("night/truth.json")));
+  }
+
+  Json truth_;
+};
+
+TEST_F(StarsTest, RegistersASessionAgainstItsTruth) {
+  Simulate();
+  const Result r =
+      Shell("korimg register --json --reference night/lights/light_0001.fits night/lights/*.fits");
+  ASSERT_EQ(r.code, 0) << r.err;
+  const auto lines = Lines(r.out);
+  ASSERT_EQ(lines.size(), 5u);
+  std::vector<double> shifts, angles;
+  for (size_t i = 0; i < lines.size(); ++i) {
+    const Json& line = lines[i];
+    ASSERT_EQ(line["status"], "ok") << line;
+    EXPECT_EQ(line["method"], i == 0 ? "reference" : "stars");
+    EXPECT_GT(line["stars"], 60);
+    EXPECT_LT(line["residual_px"], 0.5);
+    const Error error = ErrorOf(line, truth_["lights"][i]);
+    shifts.push_back(error.shift);
+    angles.push_back(error.angle);
+    EXPECT_LT(shifts.back(), 0.05) << line;
+  }
+  EXPECT_LT(Median(shifts), 0.02);
+  EXPECT_LT(Median(angles), 0.002);
+
+  const Result automatic = Shell("korimg register --threads 1 night/lights/*.fits -o list.jsonl");
+  EXPECT_EQ(automatic.code, 0) << automatic.err;
+  EXPECT_NE(automatic.out.find("reference: night/lights/"), std::string::npos);
+  EXPECT_NE(automatic.out.find("shift 0.000, 0.000, angle 0.0000"), std::string::npos)
+      << "of the reference" << automatic.out;
+  const auto list = tool::ReadRegistrations(In("list.jsonl"));
+  ASSERT_EQ(list.size(), 5u);
+  EXPECT_EQ(list[4].file, "night/lights/light_0005.fits");
+  EXPECT_EQ(std::count_if(list.begin(), list.end(), [](auto& r) { return r.method == "reference"; }), 1);
+
+  // Too few stars: phase correlation, hot pixels and all.
+  const Result phase = Shell(
+      "korimg register --json --sigma 1e5 --reference night/lights/light_0001.fits "
+      "night/lights/light_000[35].fits");
+  ASSERT_EQ(Lines(phase.out).size(), 2u) << phase.err;
+  for (const int light : {3, 5}) {
+    const Json line = Lines(phase.out)[light / 4];
+    EXPECT_EQ(line["method"], "phase");
+    ASSERT_EQ(line["status"], "ok");
+    const Error error = ErrorOf(line, truth_["lights"][light - 1]);
+    EXPECT_LT(error.shift, 0.1);
+    EXPECT_LT(error.angle, 0.02);
+  }
+}
+
+TEST_F(StarsTest, HalfTurnsAreFoundAndMirroredFramesNamed) {
+  Simulate();
+  ASSERT_EQ(Shell("cd night/lights && korimg apply rotate degrees=180 light_0002.fits -o turned.fits && "
+                  "korimg apply flip light_0002.fits -o flipped.fits")
+                .code,
+            0);
+  const Result r = Shell(
+      "cd night/lights && korimg register --json --reference light_0001.fits light_0002.fits "
+      "turned.fits flipped.fits");
+  ASSERT_EQ(Lines(r.out).size(), 3u) << r.err;
+  const Json plain = Lines(r.out)[0], turned = Lines(r.out)[1];
+  ASSERT_EQ(turned["status"], "ok");
+  // Half a turn about the middle pixel, while angles are about half the size: half a pixel beyond.
+  const double turn = plain["degrees"].get<double>() * std::numbers::pi / 180;
+  EXPECT_NEAR(turned["dx"], plain["dx"].get<double>() - std::cos(turn) + std::sin(turn), 0.02);
+  EXPECT_NEAR(turned["dy"], plain["dy"].get<double>() - std::sin(turn) - std::cos(turn), 0.02);
+  EXPECT_NEAR(std::remainder(turned["degrees"].get<double>() - plain["degrees"].get<double>() - 180, 360), 0,
+              0.002);
+  EXPECT_EQ(Lines(r.out)[2]["status"], "mirrored");
+}
+
+TEST_F(StarsTest, ListsOfRegistrationsAreRead) {
+  tool::Registration registration{"a \"b\".fits", -1.5, 1e-17, 179.25, 7, 0.125, "phase", "ok"};
+  std::ofstream(In("list")) << tool::ToJson(registration) << "\n\n"
+                            << R"({"file": "c", "dx": 1, "dy": 2, "degrees": 3})" << '\n';
+  const auto read = tool::ReadRegistrations(In("list"));
+  ASSERT_EQ(read.size(), 2u);
+  EXPECT_EQ(tool::ToJson(read[0]), tool::ToJson(registration));
+  EXPECT_EQ(read[0].dy, 1e-17);
+  EXPECT_TRUE(read[1].IsGood());
+  for (const char* bad : {"no", "{}", R"({"file": "c", "dx": "1", "dy": 2, "degrees": 3})", "[1]"}) {
+    std::ofstream(In("bad")) << tool::ToJson(registration) << '\n' << bad;
+    try {
+      tool::ReadRegistrations(In("bad"));
+      ADD_FAILURE() << bad;
+    } catch (const FileError& error) {
+      EXPECT_NE(std::string(error.what()).find("line 2 "), std::string::npos) << error.what();
+    }
+  }
+  EXPECT_THROW(tool::ReadRegistrations(In("missing")), FileError);
+}
+
+TEST_F(StarsTest, TheReferenceIsTheSharpestRichFrame) {
+  const auto frame = [](int stars, double fwhm) {
+    tool::FrameMeasure measure;
+    measure.starCount = stars;
+    measure.fwhm = fwhm;
+    return measure;
+  };
+  EXPECT_EQ(tool::ChooseReference({frame(0, 0)}), 0u);
+  EXPECT_EQ(tool::ChooseReference({frame(0, 0), frame(1, 9), frame(0, 0)}), 1u);
+  EXPECT_EQ(tool::ChooseReference({frame(10, 1), frame(100, 3), frame(50, 2.9), frame(49, 2)}), 2u);
+}
+
+TEST_F(StarsTest, FindsTheStarsOfASession) {
+  Simulate();
+  const Result r = Shell("korimg stars --json -o list.txt night/lights/light_0001.fits");
+  ASSERT_EQ(r.code, 0) << r.err;
+  const Json found = Lines(r.out).at(0);
+  EXPECT_NEAR(found["fwhm"].get<double>(), truth_["lights"][0]["fwhm_px"].get<double>(), 0.09);
+  EXPECT_EQ(found["stars"], found["list"].size());
+  int bright = 0, met = 0;
+  for (const Json& star : truth_["stars"]) {
+    const double x = star["x"], y = star["y"];
+    if (star["flux_e"] < 5000 || x < 8 || y < 8 || x > 1391 || y > 991) continue;
+    const bool alone = std::count_if(truth_["stars"].begin(), truth_["stars"].end(), [&](const Json& other) {
+                         return other["flux_e"] > 0.2 * star["flux_e"].get<double>() &&
+                                std::hypot(other["x"].get<double>() - x, other["y"].get<double>() - y) < 8;
+                       }) == 1;
+    if (!alone) continue;
+    ++bright;
+    for (const Json& near : found["list"]) {
+      if (std::hypot(near["x"].get<double>() - x, near["y"].get<double>() - y) > 1) continue;
+      ++met;
+      break;
+    }
+  }
+  EXPECT_GE(met, 0.95 * bright);
+
+  std::ifstream list(In("list.txt"));
+  size_t stars = 0;
+  for (std::string line; std::getline(list, line);) {
+    std::istringstream words(line.substr(0, line.find('#')));
+    double x, y, radius;
+    if (!(words >> x)) continue;
+    ASSERT_TRUE(words >> y >> radius) << line;
+    EXPECT_NEAR(x, found["list"][stars]["x"].get<double>(), 0.001);
+    EXPECT_GE(radius, 3);
+    std::string more;
+    EXPECT_FALSE(words >> more) << line;
+    ++stars;
+  }
+  EXPECT_EQ(stars, found["list"].size());
+}
+
+TEST_F(StarsTest, FailuresSayWhatIsWrong) {
+  Frame("flat.fits", 80, 60, [](int, int, int) { return 100; });
+  Frame("noise.fits", 80, 60, test::Random(90, 110));
+  EXPECT_NE(Shell("korimg stars flat.fits noise.fits").out.find("flat.fits: 0 stars"), std::string::npos);
+  const Result r = Shell("korimg register --json flat.fits missing.fits noise.fits");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("missing.fits: "), std::string::npos);
+  ASSERT_EQ(Lines(r.out).size(), 2u);
+  EXPECT_EQ(Lines(r.out)[0]["method"], "reference");
+  EXPECT_EQ(Lines(r.out)[1]["status"], "no stars");
+  EXPECT_EQ(Shell("korimg stars -o list.txt flat.fits noise.fits").code, 2);
+  EXPECT_EQ(Shell("korimg stars -o list.txt flat.fits && korimg stars -o list.txt flat.fits").code, 1);
+  EXPECT_EQ(Shell("korimg register --reference missing.fits flat.fits").code, 1);
+}
+
+}  // namespace
+}  // namespace korimg::files

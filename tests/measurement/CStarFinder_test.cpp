@@ -1,0 +1,302 @@
+#include "korimg/measurement/CStarFinder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/Images.h"
+
+using namespace korimg::test;
+
+namespace {
+
+struct Light {
+  double x, y, flux;
+};
+
+/// A sky of stars: Moffat profiles of beta 3, whose integral is known, summed over 5 x 5 points of each
+/// pixel.
+class Scene {
+ public:
+  Scene(int width, int height, double fwhm)
+      : width(width), height(height), fwhm_(fwhm), pixels_(width * height) {}
+
+  double& At(int x, int y) { return pixels_[y * width + x]; }
+
+  /// Elongated along x by `ratio`.
+  void Add(Light const& star, double ratio = 1) {
+    const double w2 = std::pow(fwhm_ / 2, 2) / (std::cbrt(2.0) - 1), reach = 12 * fwhm_;
+    for (int y = std::max(0, static_cast<int>(star.y - reach)); y < std::min<double>(height, star.y + reach);
+         ++y) {
+      for (int x = std::max(0, static_cast<int>(star.x - reach)); x < std::min<double>(width, star.x + reach);
+           ++x) {
+        for (int k = 0; k < 25; ++k) {
+          const double dx = (x + (k % 5 - 2) / 5.0 - star.x) / ratio, dy = y + (k / 5 - 2) / 5.0 - star.y;
+          const double t = 1 + (dx * dx + dy * dy) / w2;
+          At(x, y) += star.flux * 2 / (std::numbers::pi * w2 * ratio) / (t * t * t) / 25;
+        }
+      }
+    }
+    stars.push_back(star);
+  }
+
+  /// Random stars that keep a distance; fluxes from `faintest` on, fewer with brightness.
+  void Scatter(int count, double apart, double faintest, int seed) {
+    for (std::uint64_t n = 1000 * seed; static_cast<int>(stars.size()) < count; ++n) {
+      const Light star{10 + (width - 20) * Noise(3 * n), 10 + (height - 20) * Noise(3 * n + 1),
+                       faintest * std::pow(Noise(3 * n + 2), -0.9)};
+      const bool alone = std::none_of(stars.begin(), stars.end(), [&](Light const& other) {
+        return std::hypot(other.x - star.x, other.y - star.y) < apart;
+      });
+      if (alone) Add(star);
+    }
+  }
+
+  /// With normal noise on a sloping sky.
+  PixelRule Rule(double noise) const {
+    return [this, noise](int p, int x, int y) {
+      const std::uint64_t n = 4ull * (1ull * p * width * height + y * width + x);
+      const double normal =
+          std::sqrt(-2 * std::log(Noise(n) + 1e-12)) * std::cos(2 * std::numbers::pi * Noise(n + 1));
+      return 1000 + 0.2 * x - 0.1 * y + pixels_[y * width + x] + noise * normal;
+    };
+  }
+
+  int width, height;
+  std::vector<Light> stars;
+
+ private:
+  double fwhm_;
+  std::vector<double> pixels_;
+};
+
+CStar const* FindNear(std::vector<CStar> const& found, double x, double y, double within = 1.5) {
+  CStar const* best = nullptr;
+  for (CStar const& star : found) {
+    const double d = std::hypot(star.x - x, star.y - y);
+    if (d < within) {
+      within = d;
+      best = &star;
+    }
+  }
+  return best;
+}
+
+std::vector<CStar> Find(CVelImage& image, double sigmas = 5) {
+  CStarFinder finder(&image);
+  finder.SetThreshold(sigmas);
+  const int count = finder.Find();
+  EXPECT_EQ(count, static_cast<int>(finder.GetStars().size()));
+  return finder.GetStars();
+}
+
+double Median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values.at(values.size() / 2);
+}
+
+TEST(CStarFinder, AgreesWithTheTruth) {
+  for (const double fwhm : {2.0, 3.0, 5.0}) {
+    constexpr double kNoise = 10;
+    Scene scene(620, 590, fwhm);
+    // The best possible sum of such a star has a signal to noise of 0.515 flux / (noise fwhm).
+    const double flux10 = 10 * kNoise * fwhm / 0.515;
+    scene.Scatter(static_cast<int>(1200 / (fwhm + 2) / fwhm), 6 * fwhm, flux10 * 1.05, 3);
+    const std::vector<Light> stars = scene.stars;
+    for (int i = 0; i < 30; ++i) {
+      scene.At(19 * i % 620, 37 * i % 590) += 150 + 600 * i;  // hot pixels
+    }
+    for (int i = 0; i < 12; ++i) {
+      for (int k = 0; k < 5; ++k) {
+        scene.At(20 + 30 * i + k, 30 + 25 * i + (i % 3) * k / 2) += 2000;  // cosmic rays
+      }
+    }
+    const auto image = Make(MemoryStore(), scene.width, scene.height, 1, scene.Rule(kNoise));
+    CStarFinder finder(image.get());
+    finder.Find();
+    std::vector<double> offsets, widths, fluxes;
+    int matched = 0;
+    for (Light const& light : stars) {
+      CStar const* star = FindNear(finder.GetStars(), light.x, light.y);
+      matched += star != nullptr;
+      if (!star || light.flux < 4 * flux10) continue;
+      offsets.push_back(std::hypot(star->x - light.x, star->y - light.y));
+      widths.push_back(star->fwhm);
+      fluxes.push_back(star->flux / light.flux);
+    }
+    EXPECT_GE(matched, 0.95 * stars.size()) << fwhm;
+    int spurious = 0;
+    for (CStar const& star : finder.GetStars()) {
+      spurious += std::none_of(stars.begin(), stars.end(), [&](Light const& light) {
+        return std::hypot(star.x - light.x, star.y - light.y) < 1.5;
+      });
+    }
+    EXPECT_LE(spurious, 2) << fwhm;
+    ASSERT_GE(offsets.size(), 5u);
+    EXPECT_LT(Median(offsets), 0.015 * fwhm) << fwhm;
+    EXPECT_NEAR(Median(widths), fwhm, 0.03 * fwhm);
+    EXPECT_NEAR(finder.GetFwhm(), fwhm, 0.04 * fwhm);
+    EXPECT_NEAR(Median(fluxes), 1, 0.035) << fwhm;
+    EXPECT_NEAR(finder.GetNoise(), kNoise, 0.08 * kNoise);
+    EXPECT_NEAR(finder.GetSky(), 1000 + 62 - 29.5, 0.3 * kNoise);
+    EXPECT_TRUE(std::is_sorted(finder.GetStars().begin(), finder.GetStars().end(),
+                               [](CStar const& a, CStar const& b) { return a.flux > b.flux; }));
+  }
+}
+
+TEST(CStarFinder, TheSameOnEveryStoreForAnyNumberOfThreads) {
+  Scene scene(200, 430, 3);
+  scene.Scatter(50, 10, 1500, 5);
+  for (const int planes : {1, 3}) {
+    std::vector<CStar> first;
+    OnEveryPath([&](StoreCase const& store) {
+      const auto image = Make(store.make(), scene.width, scene.height, planes, scene.Rule(10));
+      const auto stars = Find(*image);
+      if (first.empty()) first = stars;
+      ASSERT_GE(stars.size(), 45u);
+      ASSERT_EQ(stars.size(), first.size());
+      for (size_t i = 0; i < stars.size(); ++i) {
+        EXPECT_EQ(stars[i].x, first[i].x);
+        EXPECT_EQ(stars[i].y, first[i].y);
+        EXPECT_EQ(stars[i].flux, first[i].flux);
+        EXPECT_EQ(stars[i].fwhm, first[i].fwhm);
+        EXPECT_EQ(stars[i].flags, first[i].flags);
+      }
+    });
+  }
+}
+
+TEST(CStarFinder, NoStarsIsAnAnswer) {
+  const Scene none(260, 200, 3);
+  const auto isHot = [](int x, int y) { return (x * 31 + y * 17) % 97 == 0; };
+  const std::vector<std::pair<char const*, PixelRule>> skies = {
+      {"noise", none.Rule(10)},
+      {"constant", [](int, int, int) { return 7; }},
+      {"zero", [](int, int, int) { return 0; }},
+      {"no numbers", [](int, int, int) { return std::nan(""); }},
+      {"infinite", [](int, int, int) { return INFINITY; }},
+      {"hot pixels only",
+       [&](int p, int x, int y) {
+         return none.Rule(10)(p, x, y) + (isHot(x, y) ? 300 + 50 * (x % 100) : 0);
+       }},
+      // Noise that neighbours share, as after resampling.
+      {"soft noise",
+       [&](int p, int x, int y) {
+         const auto rule = none.Rule(20);
+         return (rule(p, x, y) + rule(p, x + 1, y) + rule(p, x, y + 1) + rule(p, x + 1, y + 1)) / 4;
+       }},
+      {"stripes", [&](int p, int x, int y) { return none.Rule(10)(p, x, y) + 60 * std::sin(0.15 * y); }},
+      {"an empty border", [&](int p, int x, int y) { return x + y < 150 ? 0 : none.Rule(10)(p, x, y); }},
+  };
+  for (const auto& [name, rule] : skies) {
+    EXPECT_LE(Find(*Make(MemoryStore(), 260, 200, 1, rule)).size(), 1u) << name;
+  }
+  CVelImage empty;
+  EXPECT_EQ(CStarFinder(&empty).Find(), 0);
+  for (const auto& [width, height] : Sizes()) {
+    for (const int planes : {1, 3}) {
+      for (const auto& store : {MemoryStore(), TinyPool()}) {
+        const auto image = Make(store, width, height, planes, Wild(-1e30, 1e30));
+        for (CStar const& star : Find(*image, 1)) {
+          EXPECT_TRUE(std::isfinite(star.flux) && std::isfinite(star.fwhm) && std::isfinite(star.snr));
+        }
+      }
+    }
+  }
+}
+
+TEST(CStarFinder, FlagsAndPairs) {
+  Scene scene(300, 200, 3);
+  scene.Scatter(25, 30, 4e3, 9);
+  const Light saturated{150.3, 100.4, 2e6}, byEdge{2.4, 100, 2e4}, holed{250, 150, 2e4};
+  const auto clear = [&](Light const& at) {
+    return std::erase_if(scene.stars,
+                         [&](Light const& s) { return std::hypot(s.x - at.x, s.y - at.y) < 40; });
+  };
+  Scene field(300, 200, 3);
+  for (Light const& special : {saturated, byEdge, holed}) {
+    clear(special);
+  }
+  for (Light const& star : scene.stars) {
+    field.Add(star);
+  }
+  for (Light const& special : {saturated, byEdge, holed}) {
+    field.Add(special);
+  }
+  const auto sky = field.Rule(10);
+  const auto image = Make(MemoryStore(), 300, 200, 1, [&](int p, int x, int y) -> double {
+    if (x == 253 && y == 152) return std::nan("");
+    return std::min(sky(p, x, y), 60000.0);
+  });
+  const auto found = Find(*image);
+  const auto flagsOf = [&](Light const& light) {
+    CStar const* star = FindNear(found, light.x, light.y);
+    return star ? star->flags : -1;
+  };
+  EXPECT_EQ(flagsOf(saturated), CStar::Saturated);
+  EXPECT_EQ(flagsOf(byEdge), CStar::Edge);
+  EXPECT_EQ(flagsOf(holed), CStar::Edge);
+  for (Light const& star : scene.stars) {
+    EXPECT_EQ(flagsOf(star) & CStar::Saturated, 0) << star.x << " " << star.y;
+  }
+  CStarFinder told(image.get());
+  told.SetSaturation(1200);
+  told.Find();
+  EXPECT_NE(FindNear(told.GetStars(), holed.x, holed.y)->flags & CStar::Saturated, 0);
+
+  // Stars two and a half widths apart, the fainter one a quarter of the brighter, are two.
+  Scene pairs(300, 200, 3);
+  for (int i = 0; i < 8; ++i) {
+    const double angle = 0.7 * i, x = 40 + 60.3 * (i % 4), y = 50 + 90.6 * (i / 4);
+    pairs.Add({x, y, 1e5});
+    pairs.Add({x + 7.5 * std::cos(angle), y + 7.5 * std::sin(angle), 2.5e4});
+  }
+  const auto both = Find(*Make(MemoryStore(), 300, 200, 1, pairs.Rule(5)));
+  EXPECT_EQ(both.size(), 16u);
+  for (CStar const& star : both) {
+    EXPECT_NE(star.flags & CStar::Blended, 0);
+  }
+}
+
+TEST(CStarFinder, CrowdedFieldsAndShapes) {
+  Scene crowd(600, 600, 2.5);
+  for (int i = 0; i < 55 * 55; ++i) {
+    crowd.Add({20 + 10.3 * (i % 55) + Noise(2 * i), 20 + 10.3 * (i / 55) + Noise(2 * i + 1),
+               3000 + 20.0 * (i % 500)});
+  }
+  const auto many = Find(*Make(TinyPool(), 600, 600, 1, crowd.Rule(10)));
+  EXPECT_NEAR(static_cast<double>(many.size()), 55 * 55, 10);
+
+  Scene trailed(300, 300, 3);
+  for (int i = 0; i < 25; ++i) {
+    trailed.Add({40.2 + 55.1 * (i % 5), 40.7 + 55.3 * (i / 5), 3e4}, 1.6);
+  }
+  const auto image = Make(MemoryStore(), 300, 300, 1, trailed.Rule(5));
+  CStarFinder shapes(image.get());
+  EXPECT_EQ(shapes.Find(), 25);
+  EXPECT_NEAR(shapes.GetElongation(), 1.55, 0.1);
+}
+
+TEST(CStarFinder, MosaicsShowNeitherTheirColoursNorWiderStars) {
+  Scene scene(300, 300, 3);
+  scene.Scatter(40, 20, 1e4, 4);
+  const auto sky = scene.Rule(10);
+  const auto image = Make(TinyPool(), 300, 300, 1, [&](int p, int x, int y) {
+    return sky(p, x, y) * (x % 2 == y % 2 ? 1 : x % 2 ? 0.6 : 1.5);
+  });
+  image->SetBayerImage(true);
+  CStarFinder finder(image.get());
+  EXPECT_NEAR(finder.Find(), 40, 1);
+  std::vector<double> offsets;
+  for (Light const& light : scene.stars) {
+    CStar const* star = FindNear(finder.GetStars(), light.x, light.y);
+    if (star) offsets.push_back(std::hypot(star->x - light.x, star->y - light.y));
+  }
+  EXPECT_GE(offsets.size(), 39u);
+  EXPECT_LT(Median(offsets), 0.15);
+  EXPECT_NEAR(finder.GetFwhm(), 3, 0.2);
+}
+
+}  // namespace

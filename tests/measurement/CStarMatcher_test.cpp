@@ -1,0 +1,191 @@
+#include "korimg/measurement/CStarMatcher.h"
+
+#include <cmath>
+#include <numbers>
+
+#include <gtest/gtest.h>
+
+#include "korimg/composite/CImgComposit.h"
+#include "korimg/geometry/CInterp.h"
+
+#include "tests/support/Images.h"
+
+using namespace korimg::test;
+
+namespace {
+
+constexpr int kWidth = 3000, kHeight = 2000;
+
+/// How a frame was taken: what lays it on the reference is the result that is wanted.
+struct Pose {
+  double dx, dy, degrees, scale = 1;
+  bool mirrored = false;
+};
+
+/// Where a star of the reference is on the frame: the inverse of what a composite does.
+CStar Seen(CStar star, Pose const& pose) {
+  const double a = pose.degrees * std::numbers::pi / 180, x = (star.x - kWidth * 0.5 - pose.dx) / pose.scale,
+               y = (star.y - kHeight * 0.5 - pose.dy) / pose.scale;
+  star.x = kWidth * 0.5 + std::cos(a) * x + std::sin(a) * y;
+  star.y = kHeight * 0.5 - std::sin(a) * x + std::cos(a) * y;
+  if (pose.mirrored) star.x = kWidth - 1 - star.x;
+  return star;
+}
+
+bool IsOn(CStar const& star) {
+  return star.x >= 0 && star.y >= 0 && star.x < kWidth && star.y < kHeight;
+}
+
+/// Stars of the sky around the reference frame, bright ones few.
+std::vector<CStar> Sky(int count, int seed) {
+  std::vector<CStar> stars(count);
+  for (int i = 0; i < count; ++i) {
+    const std::uint64_t n = 1000000ull * seed + 3 * i;
+    stars[i].x = kWidth * (3 * Noise(n) - 1);
+    stars[i].y = kHeight * (3 * Noise(n + 1) - 1);
+    stars[i].flux = 1000 * std::pow(Noise(n + 2), -1.2);
+    stars[i].snr = stars[i].flux / 100;
+    stars[i].fwhm = 3;
+  }
+  return stars;
+}
+
+/// What a frame shows of a sky, positions and fluxes a little off, and stars of its own beside it.
+std::vector<CStar> Frame(std::vector<CStar> const& sky, Pose const& pose, double jitter, int strangers,
+                         int seed) {
+  std::vector<CStar> seen;
+  for (size_t i = 0; i < sky.size(); ++i) {
+    CStar star = Seen(sky[i], pose);
+    const std::uint64_t n = 77000000ull * seed + 3 * i;
+    star.x += jitter * (2 * Noise(n) - 1);
+    star.y += jitter * (2 * Noise(n + 1) - 1);
+    star.flux *= 0.8 + 0.3 * Noise(n + 2);
+    if (IsOn(star)) seen.push_back(star);
+  }
+  for (CStar star : Sky(strangers * 9, 1000 + seed)) {
+    if (IsOn(star)) seen.push_back(star);
+  }
+  return seen;
+}
+
+TEST(CStarMatcher, FindsShiftAndAngle) {
+  struct Case {
+    char const* name;
+    int stars;  // on a frame, about
+    Pose pose;
+    int strangers;
+  };
+  for (Case const& c :
+       {Case{"identity", 100, {0, 0, 0}, 0}, Case{"shift", 100, {12.4, -7.7, 0}, 10},
+        Case{"a quarter turn", 100, {-30.2, 55.5, 90.1}, 10}, Case{"half a turn", 100, {3.3, -4.4, 180}, 10},
+        Case{"half a turn, crowded", 5000, {3.3, -4.4, 179.7}, 500}, Case{"twenty", 20, {40, 30, 0.4}, 2},
+        Case{"many outliers", 60, {15, 8, -0.3}, 60}, Case{"a tenth of the frame", 400, {2700, 40, 0.2}, 0},
+        Case{"a tenth of the frame, crowded", 5000, {-400, 1760, -3}, 0}}) {
+    const auto sky = Sky(c.stars * 9, 5);
+    CStarMatcher matcher(Frame(sky, {0, 0, 0}, 0.05, 0, 1));
+    const CStarMatch match = matcher.Match(Frame(sky, c.pose, 0.05, c.strangers, 2), kWidth, kHeight);
+    ASSERT_EQ(match.status, CStarMatch::Ok) << c.name;
+    const double lever = std::hypot(c.pose.dx, c.pose.dy) > 1000 ? 4 : 1;  // shifts are told from far away
+    EXPECT_NEAR(match.dx, c.pose.dx, 0.03 * lever) << c.name;
+    EXPECT_NEAR(match.dy, c.pose.dy, 0.03 * lever) << c.name;
+    EXPECT_NEAR(std::remainder(match.degrees - c.pose.degrees, 360), 0, 0.002 * lever) << c.name;
+    EXPECT_NEAR(match.scale, 1, 1e-4 * lever) << c.name;
+    EXPECT_LT(match.residual, 0.1) << c.name;
+  }
+}
+
+TEST(CStarMatcher, FewStars) {
+  const std::vector<CStar> all = Frame(Sky(60, 8), {0, 0, 0}, 0, 0, 1);
+  const Pose pose{25.5, -13.25, 177};
+  for (const int count : {0, 1, 2, 3, 4, 5}) {
+    ASSERT_GE(all.size(), 5u);
+    const std::vector<CStar> reference(all.begin(), all.begin() + count);
+    std::vector<CStar> frame;
+    for (CStar const& star : reference) {
+      frame.push_back(Seen(star, pose));
+    }
+    const CStarMatch match = CStarMatcher(reference).Match(frame, kWidth, kHeight);
+    if (count < 3) {
+      EXPECT_EQ(match.status, CStarMatch::NoStars) << count;
+      continue;
+    }
+    ASSERT_EQ(match.status, CStarMatch::Ok) << count;
+    EXPECT_EQ(match.stars, count);
+    EXPECT_NEAR(match.dx, pose.dx, 1e-6);
+    EXPECT_NEAR(match.dy, pose.dy, 1e-6);
+    EXPECT_NEAR(match.degrees, pose.degrees, 1e-9);
+  }
+  CStar lost;
+  lost.x = NAN;
+  EXPECT_EQ(CStarMatcher({lost, lost, lost, lost}).Match(all, kWidth, kHeight).status, CStarMatch::NoStars);
+  EXPECT_NE(CStarMatcher(std::vector<CStar>(50)).Match(std::vector<CStar>(50), kWidth, kHeight).status,
+            CStarMatch::Ok);
+}
+
+TEST(CStarMatcher, FailuresAreToldApart) {
+  const auto sky = Sky(900, 11);
+  const auto reference = Frame(sky, {0, 0, 0}, 0.05, 0, 1);
+  CStarMatcher matcher(reference);
+  const auto statusOf = [&](std::vector<CStar> const& frame) {
+    return matcher.Match(frame, kWidth, kHeight).status;
+  };
+  EXPECT_EQ(statusOf(Frame(sky, {20, 30, 5, 1, true}, 0.05, 0, 2)), CStarMatch::Mirrored);
+  EXPECT_EQ(statusOf(Frame(sky, {20, 30, 5}, 0.3, 0, 2)), CStarMatch::Ok);
+  const CStarMatch binned = matcher.Match(Frame(sky, {20, 30, 5, 1.5}, 0.05, 0, 2), kWidth, kHeight);
+  EXPECT_EQ(binned.status, CStarMatch::ResidualTooLarge);
+  EXPECT_NEAR(binned.scale, 1.5, 1e-3);
+  matcher.SetResidualLimit(0.02);
+  EXPECT_EQ(statusOf(Frame(sky, {20, 30, 5}, 0.3, 0, 2)), CStarMatch::ResidualTooLarge);
+  // Another field is never taken for this one.
+  matcher.SetResidualLimit(5);
+  for (int seed = 100; seed < 112; ++seed) {
+    for (const int count : {6, 20, 100, 1000}) {
+      EXPECT_EQ(statusOf(Frame(Sky(count * 9, seed), {0, 0, 0}, 0, 0, seed)), CStarMatch::NoMatch)
+          << seed << " " << count;
+    }
+  }
+}
+
+TEST(CStarMatcher, ACompositeLaysTheFrameOnTheReference) {
+  constexpr int kSide = 200;
+  const auto image = [&](std::vector<CStar> const& stars) {
+    return Make<CImgComposit>(MemoryStore(), kSide, kSide, 1, [&](int p, int x, int y) {
+      double v = 100 + Random(0, 2)(p, x, y);
+      for (CStar const& s : stars) {
+        v += 500 * std::exp(-(std::pow(x - s.x, 2) + std::pow(y - s.y, 2)) / (2 * 1.7 * 1.7));
+      }
+      return v;
+    });
+  };
+  std::vector<CStar> stars, moved;
+  const double a = 7 * std::numbers::pi / 180;
+  for (int i = 0; i < 14; ++i) {
+    CStar star;
+    star.x = 45 + 110 * Noise(2 * i + 500);
+    star.y = 45 + 110 * Noise(2 * i + 501);
+    stars.push_back(star);
+    const double x = star.x - 99, y = star.y - 104;
+    star.x = 107 + std::cos(a) * x - std::sin(a) * y;
+    star.y = 95 + std::sin(a) * x + std::cos(a) * y;
+    moved.push_back(star);
+  }
+  const auto reference = image(stars), frame = image(moved), laid = image(stars);
+  const auto find = [](CVelImage& of) {
+    CStarFinder finder(&of);
+    finder.Find();
+    return finder.GetStars();
+  };
+  const CStarMatch match = CStarMatcher(find(*reference)).Match(find(*frame), kSide, kSide);
+  ASSERT_EQ(match.status, CStarMatch::Ok);
+  EXPECT_NEAR(match.degrees, -7, 0.05);
+  laid->Do(reference.get(), frame.get(), match.dx, match.dy, match.degrees, 0, 6, CInterp::MethodBicubic, 0);
+  float worst = 0;
+  for (int y = 40; y < 160; ++y) {
+    for (int x = 40; x < 160; ++x) {
+      worst = std::max(worst, laid->GetPixelGrayRaw(x, y, 0));
+    }
+  }
+  EXPECT_LT(worst, 25) << "of stars 500 high";
+}
+
+}  // namespace
