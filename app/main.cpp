@@ -28,8 +28,8 @@ int Run(int argc, char** argv, Tool& tool) {
   CLI::App app("Image processing for astronomy: from raw camera frames to a picture.", "korimg");
   app.set_help_all_flag("--help-all", "Help of all verbs");
   AddVersion(app, tool);
-  for (const auto add :
-       {AddInfo, AddOps, AddApply, AddCalibrate, AddComposite, AddDevelop, AddRender, AddRun, AddSimulate}) {
+  for (const auto add : {AddInfo, AddOps, AddApply, AddCalibrate, AddComposite, AddDevelop, AddRender, AddRun,
+                         AddSimulate, AddStack}) {
     add(app, tool);
   }
   try {

@@ -18,6 +18,7 @@ void AddDevelop(CLI::App& app, Tool& tool);
 void AddRender(CLI::App& app, Tool& tool);
 void AddSimulate(CLI::App& app, Tool& tool);
 void AddRun(CLI::App& app, Tool& tool);
+void AddStack(CLI::App& app, Tool& tool);
 
 /// Adds the options that all verbs take.
 void AddCommonOptions(CLI::App& verb, Tool& tool);
