@@ -36,11 +36,7 @@ struct Journal::Record {
 
 Journal::Journal(const fs::path& output, const std::string& digest, const Shape& shape, bool maps,
                  size_t frames, Use use)
-    : path_(output.string() + ".resume"),
-      shape_(shape),
-      images_(maps ? 3 : 1),
-      frames_(frames),
-      use_(use) {
+    : path_(output.string() + ".resume"), shape_(shape), images_(maps ? 3 : 1), frames_(frames), use_(use) {
   const bool found = use == Kept && fs::exists(path_);
   if (use == Passing) transient_ = std::make_unique<files::TransientFile>(path_);
   file_ = std::make_unique<files::File>(path_, O_RDWR | O_CREAT | (found ? 0 : O_TRUNC), path_);

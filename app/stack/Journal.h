@@ -1,4 +1,5 @@
-// The finished bands of a stack, on disk until the result is written: a run that was killed goes on from them.
+// The finished bands of a stack, on disk until the result is written: a run that was killed goes on from
+// them.
 #pragma once
 
 #include <filesystem>
@@ -30,8 +31,8 @@ class Journal {
   /// Rows of the result that are done.
   int Rows() const { return rows_; }
 
-  /// Takes the next band. Once this returns it survives the end of the program, and one that is kept also that
-  /// of the machine.
+  /// Takes the next band. Once this returns it survives the end of the program, and one that is kept also
+  /// that of the machine.
   void Add(const StackBand& band);
   /// Calls visit for all bands, in order.
   void ForBands(const std::function<void(const StackBand&)>& visit) const;

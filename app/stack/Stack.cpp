@@ -85,14 +85,15 @@ RowRange SourceRows(const StackInput& input, int width, int y0, int y1) {
 struct BandBytes {
   long long store, total;
 
-  BandBytes(const std::vector<StackInput>& inputs, const Shape& shape, const StackOptions& options, int rows) {
+  BandBytes(const std::vector<StackInput>& inputs, const Shape& shape, const StackOptions& options,
+            int rows) {
     const auto frames = static_cast<long long>(inputs.size());
     const long long line = 4LL * shape.width * shape.planes;
     store = frames * (rows + 1) * line * 2;
     long long read = 0;
     for (const StackInput& input : inputs) {
-      const RowRange range = SourceRows(input, shape.width, (shape.height - rows) / 2,
-                                        (shape.height + rows) / 2);
+      const RowRange range =
+          SourceRows(input, shape.width, (shape.height - rows) / 2, (shape.height + rows) / 2);
       read = std::max(read, 4LL * (range.end - range.first) * input.shape.width * input.shape.planes);
     }
     // One frame's rows are read while another's are stored; for sorting each thread has its columns.

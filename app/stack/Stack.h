@@ -19,8 +19,8 @@ namespace korimg::tool {
 struct StackInput {
   std::string name;  ///< for people
   Shape shape;       ///< planes as the reference has them
-  /// As CImgComposit takes them: the frame is turned about its middle (width / 2, height / 2), clockwise on the
-  /// screen, and then shifted to the right and down.
+  /// As CImgComposit takes them: the frame is turned about its middle (width / 2, height / 2), clockwise on
+  /// the screen, and then shifted to the right and down.
   double dx = 0, dy = 0, degrees = 0;
   double weight = 1;   ///< in means; positive
   FrameLevels levels;  ///< for normalising
@@ -40,8 +40,8 @@ struct StackOptions {
   long long memory = 0;  ///< bytes for everything that a stack holds; 0 takes DefaultStackMemory
 };
 
-/// Rows of the result; planes[p] holds rows x width floats, NaN where no frame reaches. The maps hold the number
-/// of values that were rejected as too low and too high; null without StackOptions::rejectionMaps.
+/// Rows of the result; planes[p] holds rows x width floats, NaN where no frame reaches. The maps hold the
+/// number of values that were rejected as too low and too high; null without StackOptions::rejectionMaps.
 struct StackBand {
   int y0 = 0, rows = 0;
   const float* const* planes = nullptr;
@@ -62,13 +62,14 @@ struct StackPlan {
 /// Bytes that a stack takes unless told otherwise: bands larger than that are no faster.
 long long DefaultStackMemory(const Tool& tool);
 
-/// The bands by the memory rule: frames x (rows + 1) x width x planes x 8 bytes, and what is held beside them.
+/// The bands by the memory rule: frames x (rows + 1) x width x planes x 8 bytes, and what is held beside
+/// them.
 /// @throws std::runtime_error when not even bands of one row fit.
 StackPlan PlanStack(const std::vector<StackInput>& inputs, const Shape& shape, const StackOptions& options);
 
-/// Stacks the frames on the grid of the one numbered `reference`, which normalising goes by too, from row `y0`
-/// on. Calls sink for the bands in order; frames are read in order for each, the next one while one is stored.
-/// The result does not depend on bands or threads.
+/// Stacks the frames on the grid of the one numbered `reference`, which normalising goes by too, from row
+/// `y0` on. Calls sink for the bands in order; frames are read in order for each, the next one while one is
+/// stored. The result does not depend on bands or threads.
 /// @throws Cancelled, and what reading and the sink throw.
 void Stack(Tool& tool, const std::vector<StackInput>& inputs, int reference, const StackOptions& options,
            int y0, const std::function<void(const StackBand&)>& sink);

@@ -36,13 +36,16 @@ std::pair<std::string, std::string> Parts(const std::string& card) {
 std::optional<double> FitsTime(const std::string& date) {
   int y = 0, m = 0, d = 0, hours = 0, minutes = 0, read = 0;
   double s = 0;
-  const int fields = std::sscanf(date.c_str(), "%4d-%2d-%2d%nT%2d:%2d:%lf", &y, &m, &d, &read, &hours, &minutes, &s);
-  const year_month_day day{year(y), month(static_cast<unsigned>(m)), std::chrono::day(static_cast<unsigned>(d))};
+  const int fields =
+      std::sscanf(date.c_str(), "%4d-%2d-%2d%nT%2d:%2d:%lf", &y, &m, &d, &read, &hours, &minutes, &s);
+  const year_month_day day{year(y), month(static_cast<unsigned>(m)),
+                           std::chrono::day(static_cast<unsigned>(d))};
   if ((fields != 3 && fields != 6) || !day.ok() || (fields == 3 && read != static_cast<int>(date.size())) ||
       hours < 0 || hours > 24 || minutes < 0 || minutes > 59 || !(s >= 0 && s < 61)) {
     return std::nullopt;
   }
-  return kDay * static_cast<double>(sys_days(day).time_since_epoch().count()) + 3600.0 * hours + 60.0 * minutes + s;
+  return kDay * static_cast<double>(sys_days(day).time_since_epoch().count()) + 3600.0 * hours +
+         60.0 * minutes + s;
 }
 
 std::string FitsDate(double seconds) {

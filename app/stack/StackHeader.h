@@ -23,9 +23,9 @@ class StackHeader {
   void Add(const files::Header& frame);
 
   /// The reference's header with, for frames that are combined by their mean or another middle: EXPTIME the
-  /// mean exposure of a frame, LIVETIME and XPOSURE all of them, DATE-OBS and DATE-END the first start and the
-  /// last end, DATE-AVG the middle weighted by exposure, STACKCNT and NCOMBINE the number of frames. Keywords
-  /// that differ between frames keep the reference's value and are named in HISTORY.
+  /// mean exposure of a frame, LIVETIME and XPOSURE all of them, DATE-OBS and DATE-END the first start and
+  /// the last end, DATE-AVG the middle weighted by exposure, STACKCNT and NCOMBINE the number of frames.
+  /// Keywords that differ between frames keep the reference's value and are named in HISTORY.
   files::Header Make() const;
 
  private:

@@ -68,8 +68,8 @@ const Transform& Transforms::Of(const fs::path& frame) const {
   for (const auto* known : {&here_, &there_}) {
     if (const auto found = known->find(canonical); found != known->end()) return found->second;
   }
-  throw files::FileError(frame, fmt::format("{} says nothing of this frame; register it too, or leave it out",
-                                            path_.string()));
+  throw files::FileError(
+      frame, fmt::format("{} says nothing of this frame; register it too, or leave it out", path_.string()));
 }
 
 }  // namespace korimg::tool

@@ -54,8 +54,8 @@ CImgStack::Clip ParseClip(const Options& options) {
   const auto low = ToNumber(options.kappa.substr(0, comma)),
              high = comma == std::string::npos ? low : ToNumber(options.kappa.substr(comma + 1));
   if (!low || !high || !(*low > 0 && *high > 0 && *low <= 1000 && *high <= 1000)) {
-    throw UsageError(fmt::format("--kappa {}: write standard deviations, one number or LOW,HIGH, as in 2.5 or 3,2.5",
-                                 options.kappa));
+    throw UsageError(fmt::format(
+        "--kappa {}: write standard deviations, one number or LOW,HIGH, as in 2.5 or 3,2.5", options.kappa));
   }
   return {*low, *high, options.iterations};
 }
@@ -95,14 +95,17 @@ class Sources {
     }
   }
 
-  std::vector<Source>& Used() { return used_; }
+  const std::vector<Source>& Used() const { return used_; }
   const std::vector<std::pair<fs::path, std::string>>& LeftOut() const { return leftOut_; }
   int Reference() const { return reference_; }
 
   StackInput Input(size_t number) {
     Source& source = used_[number];
-    StackInput input{source.path.string(), {source.info.width, source.info.height, source.info.planes},
-                     source.transform.dx, source.transform.dy, source.transform.degrees};
+    StackInput input{source.path.string(),
+                     {source.info.width, source.info.height, source.info.planes},
+                     source.transform.dx,
+                     source.transform.dy,
+                     source.transform.degrees};
     input.read = [&source](int y0, int rows, float* const* planes) {
       if (source.reader) return source.reader->ReadRows(y0, rows, planes);
       const auto reader = files::ImageReader::Open(source.path, kRead);
@@ -121,8 +124,9 @@ class Sources {
   /// The one that is told; else the first that lies still.
   void FindReference(const Options& options) {
     const auto found = std::find_if(used_.begin(), used_.end(), [&](const Source& source) {
-      return options.reference.empty() ? source.transform.IsNone()
-                                       : fs::weakly_canonical(source.path) == fs::weakly_canonical(options.reference);
+      return options.reference.empty()
+                 ? source.transform.IsNone()
+                 : fs::weakly_canonical(source.path) == fs::weakly_canonical(options.reference);
     });
     if (found == used_.end() && !options.reference.empty()) {
       throw files::FileError(options.reference, "is none of the frames that are stacked");
@@ -133,13 +137,14 @@ class Sources {
   void Check(const Source& source, const Options& options) const {
     const files::ImageInfo &own = source.info, &wanted = used_[reference_].info;
     if (own.width != wanted.width || own.height != wanted.height || own.planes != wanted.planes) {
-      throw files::FileError(
-          source.path, fmt::format("is {} x {} x {}, but the reference is {} x {} x {} ({})", own.width, own.height,
-                                   own.planes, wanted.width, wanted.height, wanted.planes,
-                                   used_[reference_].path.filename().string()));
+      throw files::FileError(source.path,
+                             fmt::format("is {} x {} x {}, but the reference is {} x {} x {} ({})", own.width,
+                                         own.height, own.planes, wanted.width, wanted.height, wanted.planes,
+                                         used_[reference_].path.filename().string()));
     }
     if (!source.transform.IsNone() && !files::FindMosaic(own).name.empty()) {
-      throw files::FileError(source.path, "is an undeveloped mosaic, whose colours moving would mix; develop it first");
+      throw files::FileError(source.path,
+                             "is an undeveloped mosaic, whose colours moving would mix; develop it first");
     }
     if (options.weight == "fwhm" && !source.transform.fwhm) {
       throw files::FileError(source.path, "has no fwhm in the transforms; use --weight noise or none");
@@ -180,7 +185,8 @@ class StackRun {
       tool_.console.Warn(fmt::format("{}: left out: {}", path.string(), status));
     }
     if (!reference.transform.IsNone()) {
-      tool_.console.Warn("no frame lies where the reference of the transforms does: world coordinates are dropped");
+      tool_.console.Warn(
+          "no frame lies where the reference of the transforms does: world coordinates are dropped");
     }
   }
 
@@ -208,8 +214,8 @@ class StackRun {
     } catch (const Cancelled&) {
       if (!options_.resume) throw;
       files::RemovePartialFiles();
-      tool_.console.Error(fmt::format("cancelled at row {} of {}; the same call goes on from there", journal.Rows(),
-                                      shape_.height));
+      tool_.console.Error(fmt::format("cancelled at row {} of {}; the same call goes on from there",
+                                      journal.Rows(), shape_.height));
       tool_.exitCode = kCancelled;
       return;
     }
@@ -243,27 +249,33 @@ class StackRun {
   }
 
   /// Finds out before the work whether the outputs can be written.
-  void TryOutputs() {
+  void TryOutputs() const {
     for (const fs::path& output : Outputs()) {
       NewSaver(output, files::Header(), Levels());
     }
   }
 
-  std::unique_ptr<ImageSaver> NewSaver(const fs::path& path, const files::Header& header, const Levels& levels) const {
+  std::unique_ptr<ImageSaver> NewSaver(const fs::path& path, const files::Header& header,
+                                       const Levels& levels) const {
     return std::make_unique<ImageSaver>(tool_, path, shape_, levels, header,
                                         SaveOptions{.integers = options_.bits == "16"});
   }
 
   /// All that the pixels of the result depend on.
-  std::string Digest() {
-    Json json{{"korimg", Version()}, {"stack", options_.Text()}, {"maps", options_.maps},
-              {"reference", sources_.Reference()}, {"frames", Json::array()}};
+  std::string Digest() const {
+    Json json{{"korimg", Version()},
+              {"stack", options_.Text()},
+              {"maps", options_.maps},
+              {"reference", sources_.Reference()},
+              {"frames", Json::array()}};
     for (const Source& source : sources_.Used()) {
       struct stat state {};
-      if (stat(source.path.c_str(), &state) != 0) files::ThrowSystemError(source.path, "look at the file", errno);
+      if (stat(source.path.c_str(), &state) != 0)
+        files::ThrowSystemError(source.path, "look at the file", errno);
       const Transform& t = source.transform;
-      json["frames"].push_back({fs::weakly_canonical(source.path).string(), state.st_size, state.st_mtim.tv_sec,
-                                state.st_mtim.tv_nsec, t.dx, t.dy, t.degrees, t.fwhm.value_or(0)});
+      json["frames"].push_back({fs::weakly_canonical(source.path).string(), state.st_size,
+                                state.st_mtim.tv_sec, state.st_mtim.tv_nsec, t.dx, t.dy, t.degrees,
+                                t.fwhm.value_or(0)});
     }
     return json.dump(-1, ' ', true, Json::error_handler_t::replace);
   }
@@ -298,11 +310,12 @@ class StackRun {
     }
   }
 
-  files::Header MakeHeader() {
+  files::Header MakeHeader() const {
     const Source& reference = sources_.Used()[sources_.Reference()];
     files::Header start = reference.info.header;
     if (!reference.transform.IsNone() &&
-        !files::DropWorldCoordinates(start, {shape_.width, shape_.height, shape_.planes}, "no frame lies on this grid")) {
+        !files::DropWorldCoordinates(start, {shape_.width, shape_.height, shape_.planes},
+                                     "no frame lies on this grid")) {
       throw files::FileError(reference.path, "is an undeveloped mosaic; develop it first");
     }
     StackHeader header(std::move(start));
@@ -311,9 +324,8 @@ class StackRun {
     }
     files::Header made = header.Make();
     made.AddHistory(fmt::format("korimg {} {}", Version(), options_.Text()));
-    const auto [low, high] = std::minmax_element(inputs_.begin(), inputs_.end(), [](const auto& a, const auto& b) {
-      return a.weight < b.weight;
-    });
+    const auto [low, high] = std::minmax_element(
+        inputs_.begin(), inputs_.end(), [](const auto& a, const auto& b) { return a.weight < b.weight; });
     made.AddHistory(fmt::format("{} frames stacked, {} left out; weights {:.4g} to {:.4g}", inputs_.size(),
                                 sources_.LeftOut().size(), low->weight, high->weight));
     for (const auto& [path, status] : sources_.LeftOut()) {
@@ -371,23 +383,31 @@ class StackRun {
     for (size_t i = 0; i < inputs_.size(); ++i) {
       const CImgStack::Counts& counts = counts_[i];
       const double values = static_cast<double>(std::max(counts.values, 1LL));
-      const double low = static_cast<double>(counts.low) / values, high = static_cast<double>(counts.high) / values;
+      const double low = static_cast<double>(counts.low) / values,
+                   high = static_cast<double>(counts.high) / values;
       const double covers = static_cast<double>(counts.values) / shape_.width / shape_.height / shape_.planes;
-      frames.push_back({{"file", inputs_[i].name}, {"weight", inputs_[i].weight}, {"covers", covers},
-                        {"rejected_low", low}, {"rejected_high", high}});
-      tool_.console.Say(fmt::format("{}: covers {}{}{}", sources_.Used()[i].path.filename().string(), Percent(covers),
-                                    stack_.method == CImgStack::ClippedMean
-                                        ? fmt::format(", rejected {} low, {} high", Percent(low), Percent(high))
-                                        : "",
-                                    options_.weight != "none" ? fmt::format(", weight {:.4g}", inputs_[i].weight) : ""));
+      frames.push_back({{"file", inputs_[i].name},
+                        {"weight", inputs_[i].weight},
+                        {"covers", covers},
+                        {"rejected_low", low},
+                        {"rejected_high", high}});
+      tool_.console.Say(
+          fmt::format("{}: covers {}{}{}", sources_.Used()[i].path.filename().string(), Percent(covers),
+                      stack_.method == CImgStack::ClippedMean
+                          ? fmt::format(", rejected {} low, {} high", Percent(low), Percent(high))
+                          : "",
+                      options_.weight != "none" ? fmt::format(", weight {:.4g}", inputs_[i].weight) : ""));
     }
     if (tool_.options.json) {
       Json leftOut = Json::array();
       for (const auto& [path, status] : sources_.LeftOut()) {
         leftOut.push_back({{"file", path.string()}, {"status", status}});
       }
-      const Json json{{"output", options_.output.string()}, {"frames", frames}, {"left_out", leftOut},
-                      {"bands", plan_.bands}, {"peak_memory_bytes", usage.ru_maxrss * 1024LL}};
+      const Json json{{"output", options_.output.string()},
+                      {"frames", frames},
+                      {"left_out", leftOut},
+                      {"bands", plan_.bands},
+                      {"peak_memory_bytes", usage.ru_maxrss * 1024LL}};
       fmt::print("{}\n", json.dump(-1, ' ', false, Json::error_handler_t::replace));
     } else {
       tool_.console.Say(fmt::format("{} -> {}; peak memory {} MiB", options_.Text(), options_.output.string(),
@@ -414,14 +434,17 @@ void AddStack(CLI::App& app, Tool& tool) {
   verb->add_option("-o,--output", options->output, "FITS, TIFF or PNG, by its extension")->required();
   verb->add_option("--method", options->method, "what a pixel becomes; sigma is a mean without outliers")
       ->check(CLI::IsMember(kMethods));
-  verb->add_option("--kappa", options->kappa,
-                   "sigma: standard deviations from the median beyond which values are rejected, one number or "
-                   "LOW,HIGH");
-  verb->add_option("--iterations", options->iterations, "sigma: how often at most")->check(CLI::Range(1, 100));
+  verb->add_option(
+      "--kappa", options->kappa,
+      "sigma: standard deviations from the median beyond which values are rejected, one number or "
+      "LOW,HIGH");
+  verb->add_option("--iterations", options->iterations, "sigma: how often at most")
+      ->check(CLI::Range(1, 100));
   verb->add_option("--normalize", options->normalise,
                    "bring each frame's sky to that of the reference: its level, or its level and spread")
       ->check(CLI::IsMember(kNormalisations));
-  verb->add_option("--weight", options->weight, "of frames in means: by the noise, or by fwhm of --transforms")
+  verb->add_option("--weight", options->weight,
+                   "of frames in means: by the noise, or by fwhm of --transforms")
       ->check(CLI::IsMember({"none", "noise", "fwhm"}));
   verb->add_option("--transforms", options->transforms,
                    "what korimg register --json wrote; without it frames are taken as they lie");
@@ -431,10 +454,12 @@ void AddStack(CLI::App& app, Tool& tool) {
                    "the frame that gives header, levels and sky; the first that is not moved unless told");
   verb->add_flag("--rejection-maps", options->maps,
                  "write NAME_low and NAME_high too: the number of values rejected in each pixel");
-  verb->add_flag("--resume", options->resume,
-                 "go on with what a killed run of the same call left in OUTPUT.resume, and leave it there if this "
-                 "one is cancelled");
-  verb->add_option("--bits", options->bits, "float or 16, for FITS and TIFF")->check(CLI::IsMember({"float", "16"}));
+  verb->add_flag(
+      "--resume", options->resume,
+      "go on with what a killed run of the same call left in OUTPUT.resume, and leave it there if this "
+      "one is cancelled");
+  verb->add_option("--bits", options->bits, "float or 16, for FITS and TIFF")
+      ->check(CLI::IsMember({"float", "16"}));
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {
     tool.Begin();
