@@ -29,7 +29,7 @@ int Run(int argc, char** argv, Tool& tool) {
   app.set_help_all_flag("--help-all", "Help of all verbs");
   AddVersion(app, tool);
   for (const auto add : {AddInfo, AddOps, AddApply, AddCalibrate, AddComposite, AddDevelop, AddRegister,
-                         AddRender, AddRun, AddSimulate, AddStars}) {
+                         AddRender, AddRun, AddSimulate, AddStack, AddStars}) {
     add(app, tool);
   }
   try {

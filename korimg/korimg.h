@@ -79,3 +79,5 @@
 #include "korimg/raw/CImgInformation.h"
 #include "korimg/stacking/CImgMedianComposit.h"
 #include "korimg/stacking/CImgNormalize.h"
+#include "korimg/stacking/CImgStack.h"
+#include "korimg/stacking/FrameLevels.h"

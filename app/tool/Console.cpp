@@ -129,13 +129,14 @@ void Console::EndProgress() {
   if (!inJob_) End();
 }
 
-void Console::JobProgress(const std::string& title, long long step, long long total) {
+void Console::JobProgress(const std::string& title, long long step, long long total,
+                          const std::string& detail) {
   const std::lock_guard lock(mutex_);
   inJob_ = total > 0;
-  Show(title, step, total);
+  Show(title, step, total, detail);
 }
 
-void Console::Show(const std::string& title, long long step, long long total) {
+void Console::Show(const std::string& title, long long step, long long total, const std::string& detail) {
   using namespace std::chrono;
   if (total <= 0) return End();
   const auto now = steady_clock::now();
@@ -148,11 +149,12 @@ void Console::Show(const std::string& title, long long step, long long total) {
   const int percent = static_cast<int>(100 * std::min(step, total) / total);
   if (quiet_ || percent == lastPercent_) return;
   lastPercent_ = percent;
+  const std::string where = detail.empty() ? fmt::format("{} of {}", step, total) : detail;
   if (!isTerminal_) {
     // A line every few seconds is enough for a log.
     if (now - lastShown_ < 5s) return;
     lastShown_ = now;
-    fmt::print(stderr, "korimg: {}: {} of {}\n", title, step, total);
+    fmt::print(stderr, "korimg: {}: {}\n", title, where);
     return;
   }
   if (!keyboard_) keyboard_ = std::make_unique<Keyboard>();
@@ -162,8 +164,8 @@ void Console::Show(const std::string& title, long long step, long long total) {
   const int left =
       step > 0 ? static_cast<int>(seconds * static_cast<double>(total - step) / static_cast<double>(step))
                : 0;
-  fmt::print(stderr, "\r{} [{:<{}}] {:3} %  {} of {}  {:.1f}/s  {}:{:02} left \x1b[K", title,
-             std::string(static_cast<size_t>(percent * kWidth / 100), '#'), kWidth, percent, step, total,
+  fmt::print(stderr, "\r{} [{:<{}}] {:3} %  {}  {:.1f}/s  {}:{:02} left \x1b[K", title,
+             std::string(static_cast<size_t>(percent * kWidth / 100), '#'), kWidth, percent, where,
              static_cast<double>(step) / std::max(seconds, 1e-3), left / 60, left % 60);
   barShown_ = true;
 }

@@ -38,7 +38,8 @@ class Console {
   void Progress(const std::string& title, long long step, long long total);
   void EndProgress();
   /// The same for a job of many files, until a total of 0; what its parts show of theirs is kept away.
-  void JobProgress(const std::string& title, long long step, long long total);
+  /// `detail` stands in the place of "step of total".
+  void JobProgress(const std::string& title, long long step, long long total, const std::string& detail = "");
 
   /// Throws Cancelled once Ctrl-C or Escape was pressed.
   void CheckCancelled();
@@ -49,7 +50,7 @@ class Console {
 
  private:
   struct Keyboard;
-  void Show(const std::string& title, long long step, long long total);
+  void Show(const std::string& title, long long step, long long total, const std::string& detail = "");
   void ClearBar();
   void End();
 

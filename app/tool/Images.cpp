@@ -72,6 +72,12 @@ std::string LevelKey(const char* end, int plane) {
   return fmt::format("KORL{}{}", end, plane + 1);
 }
 
+}  // namespace
+
+int BandRows(int width, int planes, int height) {
+  return static_cast<int>(std::clamp<long long>(kBandBytes / (4LL * width * planes), 1, height));
+}
+
 void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack) {
   const auto black =
       info.camera ? *std::min_element(info.camera->black.begin(), info.camera->black.end()) : 0;
@@ -93,12 +99,6 @@ void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack) {
       image.SetLevel(p, usable ? min : 0, usable ? max : 1);
     }
   }
-}
-
-}  // namespace
-
-int BandRows(int width, int planes, int height) {
-  return static_cast<int>(std::clamp<long long>(kBandBytes / (4LL * width * planes), 1, height));
 }
 
 LoadedImage LoadImage(Tool& tool, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,

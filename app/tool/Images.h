@@ -27,6 +27,9 @@ struct LoadedImage {
 LoadedImage LoadImage(Tool& tool, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
                       const files::ReadOptions& options = {});
 
+/// Gives the pixels of a file the levels that LoadImage does; `lessBlack` as they were read.
+void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack);
+
 /// The image of a file, in the same store as another and of the same size. `user` is what wants it. Throws
 /// FileError with both sizes.
 std::unique_ptr<CVelImage> LoadSameSize(Tool& tool, const CVelImage& image, const std::filesystem::path& path,

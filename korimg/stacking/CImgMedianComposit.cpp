@@ -6,9 +6,7 @@
 #include <new>
 
 #include "korimg/geometry/CInterp.h"
-#include "korimg/image/Frame.h"
-#include "korimg/image/Numbers.h"
-#include "korimg/image/SortingNetwork.h"
+#include "korimg/stacking/StackColumns.h"
 
 using namespace korimg;
 
@@ -27,123 +25,19 @@ class BandPlane {
   Halide::Runtime::Buffer<T, 2> buffer_;
 };
 
-/// How a frame's plane is brought to the reference.
-struct Normaliser {
-  double centre = 0, factor = 1, add = 0;
-  bool constant = false;
-
-  Normaliser() = default;
-  Normaliser(double a, double b, double referenceA, double referenceB) {
-    if (referenceB < 0 || b < 0) return;
-    constant = referenceB == 0;
-    add = referenceA;
-    if (constant) return;
-    if (b == 0) {
-      add = 0;
-      return;
-    }
-    centre = a;
-    factor = referenceB / b;
-  }
-  KORIMG_IN_LOOP double operator()(float v) const { return constant ? add : (v - centre) * factor + add; }
-};
-
-/// Columns that are sorted together: as many as stay in the first-level cache.
-int ColumnsAtOnce(int frames) {
-  constexpr int kCached = 8192, kLeast = 64;
-  return std::max(kCached / std::max(frames, 1) / 16 * 16, kLeast);
+/// A shift so near that its sum with any line of the target is a float: lines would be rounded each in their
+/// own way otherwise, depending on where their band begins.
+double WithoutRounding(double dy, int height) {
+  constexpr int kBits = 23;
+  const double reach = std::abs(dy) + height;
+  if (!(reach < 1 << kBits)) return dy;
+  const double step = std::ldexp(1.0, std::ilogb(reach) + 1 - kBits);
+  return std::round(dy / step) * step;
 }
 
-/// The values of some columns of all frames, as rows: of column x the first Count(x), in order, are real.
-class Columns {
- public:
-  Columns(int frames, Network const& network)
-      : frames_(frames),
-        most_(ColumnsAtOnce(frames)),
-        network_(network),
-        values_(1LL * frames * most_),
-        counts_(most_),
-        numbers_(most_),
-        sums_(most_) {}
-
-  int Most() const { return most_; }
-  int const* Counts() const { return counts_.data(); }
-  double const* Sums() const { return sums_.data(); }
-  float* Row(int i) { return values_.data() + static_cast<size_t>(i) * most_; }
-  float Median(int x) {
-    const int n = counts_[x];
-    if (n == 0) return 0;
-    return n % 2 ? Row(n / 2)[x] : (Row(n / 2 - 1)[x] + Row(n / 2)[x]) * 0.5f;
-  }
-
-  void Start(int columns) {
-    columns_ = columns;
-    std::fill_n(counts_.begin(), columns, 0);
-    std::fill_n(numbers_.begin(), columns, 0);
-    std::fill_n(sums_.begin(), columns, 0.0);
-  }
-
-  /// Frame i's values. What is missing sorts to the end.
-  void Add(int i, float const* values, int const* valid, Normaliser const& normalise) {
-    float* row = Row(i);
-    int *counts = counts_.data(), *numbers = numbers_.data();
-    double* sums = sums_.data();
-    RunInLongVectors([=, columns = columns_]() KORIMG_IN_LOOP {
-      for (int x = 0; x < columns; ++x) {
-        const double v = normalise(values[x]);
-        const bool there = valid[x] != 0;
-        row[x] = there ? static_cast<float>(v) : kMissing;
-        counts[x] += there;
-        numbers[x] += there && v == v;
-        sums[x] += there ? v : 0.0;
-      }
-    });
-  }
-
-  void Sort() {
-    // The network knows nothing of NaN.
-    std::vector<std::pair<int, std::vector<float>>> aside;
-    for (int x = 0; x < columns_; ++x) {
-      if (numbers_[x] != counts_[x]) aside.emplace_back(x, TakeSorted(x));
-    }
-    for (const auto& [i, j] : network_) {
-      float *a = Row(i), *b = Row(j);
-      RunInLongVectors([=, columns = columns_]() KORIMG_IN_LOOP { Exchange(a, b, columns); });
-    }
-    for (const auto& [x, column] : aside) {
-      for (int i = 0; i < frames_; ++i) {
-        Row(i)[x] = column[i];
-      }
-    }
-  }
-
- private:
-  static constexpr float kMissing = std::numeric_limits<float>::infinity();
-
-  /// A column with NaN, in order: numbers, NaN, what is missing. It is left without NaN.
-  std::vector<float> TakeSorted(int x) {
-    std::vector<float> column;
-    for (int i = 0; i < frames_; ++i) {
-      column.push_back(std::exchange(Row(i)[x], 0.0f));
-    }
-    std::sort(column.begin(), column.end(), NanLast);
-    // What is missing stands among the infinities at the end of the numbers.
-    const auto firstNan = std::find_if(column.begin(), column.end(), [](float v) { return v != v; });
-    std::rotate(firstNan - (frames_ - counts_[x]), firstNan, column.end());
-    return column;
-  }
-
-  int frames_;
-  int most_;
-  int columns_ = 0;
-  Network const& network_;
-  std::vector<float> values_;
-  std::vector<int> counts_, numbers_;  ///< real values of each column, and those that are numbers
-  std::vector<double> sums_;
-};
-
 /// The mean of the values within k deviations of the median; see CImgMedianComposit.
-void ClippedMeans(Columns& sorted, int frames, int columns, double k, int mode, float* out) {
+void ClippedMeans(Columns& sorted, double k, int mode, float* out) {
+  const int frames = sorted.Frames(), columns = sorted.Size();
   std::vector<double> scratch(4LL * columns);
   double *mean = scratch.data(), *squares = mean + columns, *kept = squares + columns,
          *keptSum = kept + columns;
@@ -275,6 +169,7 @@ void CImgMedianComposit::StorePipelines(CLineData& band, CVelImage& frame, int y
   constexpr int kFar = 1 << 30;  // beyond it no shift meets a frame, and positions stay whole numbers
   const int width = target_->GetWidth(), planes = target_->GetPlanes();
   const bool whole = dx == std::floor(dx) && dy == std::floor(dy);
+  if (!whole || radians != 0) dy = WithoutRounding(dy, target_->GetHeight());
   const auto number = [](double v) { return static_cast<float>(v); };
   for (int p = 0; p < planes; ++p) {
     BandPlane<float> values(band.Values() + 1LL * p * width, width, rows, planes);
@@ -313,65 +208,36 @@ void CImgMedianComposit::SetRefNormalizeParam(double* a, double* b) {
   std::copy_n(b, 3, referenceB_);
 }
 
-/// Calls reduce(sorted columns, their number, where they go) for the columns of each row and plane.
+/// Calls reduce(sorted columns, where their result goes).
 template <class F>
 void CImgMedianComposit::Reduce(int y0, int y1, bool threaded, bool normalised, F&& reduce) {
-  const int frames = static_cast<int>(store_.size()), width = target_->GetWidth(),
-            planes = target_->GetPlanes();
-  std::vector<Normaliser> normalisers(3LL * frames);
-  for (int i = 0; normalised && i < frames; ++i) {
-    for (int p = 0; p < 3; ++p) {
-      normalisers[3 * i + p] = {items_[i].a[p], items_[i].b[p], referenceA_[p], referenceB_[p]};
-    }
-  }
-  const Network network = MakeNetwork(frames);
-  const bool team = threaded && IsContiguous(*target_);
-  ForLines(team ? Team::All : Team::One, y0, EndOfBand(y0, y1), [&](int y) {
-    Columns columns(frames, network);
-    for (int p = 0; p < planes; ++p) {
-      const long long first = ((y - y0) * 1LL * planes + p) * width;
-      for (int left = 0; left < width; left += columns.Most()) {
-        const int count = std::min(columns.Most(), width - left);
-        columns.Start(count);
-        for (int i = 0; i < frames; ++i) {
-          columns.Add(i, store_[i]->Values() + first + left, store_[i]->Valid() + first + left,
-                      normalisers[3 * i + std::min(p, 2)]);
-        }
-        columns.Sort();
-        reduce(columns, count, target_->GetWritableLine(left, y, p));
-      }
-    }
-  });
+  ForColumns(y0, y1, threaded && IsContiguous(*target_), normalised, false,
+             [&](Columns& columns, Part const& part) {
+               columns.Sort();
+               reduce(columns, target_->GetWritableLine(part.x, part.y, part.plane));
+             });
+  ShowBand(y1);
+}
+
+void CImgMedianComposit::ShowBand(int y1) {
   target_->ShowProgressMsg(progressId_);
   target_->ShowProgress(static_cast<int>(y1 * 100LL / std::max(target_->GetHeight(), 1)));
 }
 
 void CImgMedianComposit::Calc(int y0, int y1) {
-  Reduce(y0, y1, false, false, [](Columns& sorted, int columns, float* out) {
-    for (int x = 0; x < columns; ++x) {
-      out[x] = sorted.Median(x);
-    }
-  });
+  Reduce(y0, y1, false, false, [](Columns& sorted, float* out) { sorted.Medians(out); });
 }
 
 void CImgMedianComposit::MedianCalc(int y0, int y1) {
-  Reduce(y0, y1, true, false, [](Columns& sorted, int columns, float* out) {
-    for (int x = 0; x < columns; ++x) {
-      out[x] = sorted.Median(x);
-    }
-  });
+  Reduce(y0, y1, true, false, [](Columns& sorted, float* out) { sorted.Medians(out); });
 }
 
 void CImgMedianComposit::Calc(double k, int y0, int y1, int mode) {
-  Reduce(y0, y1, false, false, [&](Columns& sorted, int columns, float* out) {
-    ClippedMeans(sorted, static_cast<int>(store_.size()), columns, k, mode, out);
-  });
+  Reduce(y0, y1, false, false, [&](Columns& sorted, float* out) { ClippedMeans(sorted, k, mode, out); });
 }
 
 void CImgMedianComposit::SigmaCalc(double k, int y0, int y1) {
-  Reduce(y0, y1, true, true, [&](Columns& sorted, int columns, float* out) {
-    ClippedMeans(sorted, static_cast<int>(store_.size()), columns, k, 0, out);
-  });
+  Reduce(y0, y1, true, true, [&](Columns& sorted, float* out) { ClippedMeans(sorted, k, 0, out); });
 }
 
 /// The best valid value of each pixel, by better(value, best so far).
@@ -398,8 +264,7 @@ void CImgMedianComposit::Extreme(int y0, int y1, float start, F&& better) {
       }
     }
   });
-  target_->ShowProgressMsg(progressId_);
-  target_->ShowProgress(static_cast<int>(y1 * 100LL / std::max(target_->GetHeight(), 1)));
+  ShowBand(y1);
 }
 
 void CImgMedianComposit::CalcMax(int y0, int y1) {

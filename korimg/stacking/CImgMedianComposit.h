@@ -73,6 +73,19 @@ class KORIMG_API CImgMedianComposit : public CVelImage {
   void CalcMax(int y0, int y1);
   void CalcMin(int y0, int y1);
 
+ protected:
+  /// Where columns of a band lie on the target.
+  struct Part {
+    int x, y, plane;
+  };
+  template <class F>
+  void ForColumns(int y0, int y1, bool threaded, bool normalised, bool finiteOnly, F&& reduce);
+  CVelImage& Target() const { return *target_; }
+  int Slots() const { return static_cast<int>(store_.size()); }
+  int NormalizeItems() const { return static_cast<int>(items_.GetSize()); }
+  /// Shows that the rows up to y1 are done.
+  void ShowBand(int y1);
+
  private:
   /// The rows y0 to y1 that target and store have, for a band that begins at y0.
   int EndOfBand(int y0, int y1) const;

@@ -1,0 +1,475 @@
+// korimg stack: registered frames become one image.
+#include <algorithm>
+#include <cmath>
+#include <set>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include "korimg/pipelines/runtime/Runtime.h"
+
+#include "app/calibrate/Frames.h"
+#include "app/files/Geometry.h"
+#include "app/files/Mosaic.h"
+#include "app/operations/Operations.h"
+#include "app/stack/Journal.h"
+#include "app/stack/StackHeader.h"
+#include "app/stack/Transforms.h"
+#include "app/verbs/Verbs.h"
+
+namespace korimg::tool {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+const std::vector<std::string> kMethods = {"median", "mean", "sigma", "max", "min"};  // CImgStack::Method
+const std::vector<std::string> kNormalisations = {"none", "level", "level+scale"};
+
+int NumberOf(const std::vector<std::string>& names, const std::string& name) {
+  return static_cast<int>(std::find(names.begin(), names.end(), name) - names.begin());
+}
+
+struct Options {
+  std::vector<fs::path> frames;
+  fs::path output, transforms, reference;
+  std::string method = "sigma", kappa = "2.5", normalise = "none", weight = "none", kernel = "bicubic",
+              bits = "float";
+  int iterations = 5;
+  bool maps = false, resume = false;
+
+  /// As a call would be written with all that counts.
+  std::string Text() const {
+    std::string text = "stack --method " + method;
+    if (method == "sigma") text += fmt::format(" --kappa {} --iterations {}", kappa, iterations);
+    return text + fmt::format(" --normalize {} --weight {} --kernel {}", normalise, weight, kernel);
+  }
+};
+
+CImgStack::Clip ParseClip(const Options& options) {
+  const size_t comma = options.kappa.find(',');
+  const auto low = ToNumber(options.kappa.substr(0, comma)),
+             high = comma == std::string::npos ? low : ToNumber(options.kappa.substr(comma + 1));
+  if (!low || !high || !(*low > 0 && *high > 0 && *low <= 1000 && *high <= 1000)) {
+    throw UsageError(fmt::format(
+        "--kappa {}: write standard deviations, one number or LOW,HIGH, as in 2.5 or 3,2.5", options.kappa));
+  }
+  return {*low, *high, options.iterations};
+}
+
+/// A frame's file, and what is to be done with it.
+struct Source {
+  fs::path path;
+  files::ImageInfo info;
+  Transform transform;
+  std::unique_ptr<files::ImageReader> reader;  ///< while it is open
+};
+
+/// The files of a stack. The first ones stay open; opening others anew for each band costs little, and there
+/// may be more of them than a process may open.
+class Sources {
+ public:
+  static constexpr size_t kMostOpen = 100;
+
+  explicit Sources(const Options& options) {
+    std::optional<Transforms> transforms;
+    if (!options.transforms.empty()) transforms.emplace(options.transforms);
+    for (const fs::path& path : ExpandFolders(options.frames)) {
+      const Transform transform = transforms ? transforms->Of(path) : Transform();
+      if (transform.status != "ok") {
+        leftOut_.emplace_back(path, transform.status);
+        continue;
+      }
+      auto reader = files::ImageReader::Open(path, kRead);
+      Source source{path, reader->Info(), transform, nullptr};
+      if (used_.size() < kMostOpen) source.reader = std::move(reader);
+      used_.push_back(std::move(source));
+    }
+    if (used_.empty()) throw UsageError("no frame to stack: none of them is ok");
+    FindReference(options);
+    for (const Source& source : used_) {
+      Check(source, options);
+    }
+  }
+
+  const std::vector<Source>& Used() const { return used_; }
+  const std::vector<std::pair<fs::path, std::string>>& LeftOut() const { return leftOut_; }
+  int Reference() const { return reference_; }
+
+  StackInput Input(size_t number) {
+    Source& source = used_[number];
+    StackInput input{source.path.string(),
+                     {source.info.width, source.info.height, source.info.planes},
+                     source.transform.dx,
+                     source.transform.dy,
+                     source.transform.degrees};
+    input.read = [&source](int y0, int rows, float* const* planes) {
+      if (source.reader) return source.reader->ReadRows(y0, rows, planes);
+      const auto reader = files::ImageReader::Open(source.path, kRead);
+      const files::ImageInfo &now = reader->Info(), &then = source.info;
+      if (now.width != then.width || now.height != then.height || now.planes != then.planes) {
+        throw files::FileError(source.path, "has changed since the work began");
+      }
+      reader->ReadRows(y0, rows, planes);
+    };
+    return input;
+  }
+
+ private:
+  inline static const files::ReadOptions kRead = {.manyOpen = true};
+
+  /// The one that is told; else the first that lies still.
+  void FindReference(const Options& options) {
+    const auto found = std::find_if(used_.begin(), used_.end(), [&](const Source& source) {
+      return options.reference.empty()
+                 ? source.transform.IsNone()
+                 : fs::weakly_canonical(source.path) == fs::weakly_canonical(options.reference);
+    });
+    if (found == used_.end() && !options.reference.empty()) {
+      throw files::FileError(options.reference, "is none of the frames that are stacked");
+    }
+    reference_ = found == used_.end() ? 0 : static_cast<int>(found - used_.begin());
+  }
+
+  void Check(const Source& source, const Options& options) const {
+    const files::ImageInfo &own = source.info, &wanted = used_[reference_].info;
+    if (own.width != wanted.width || own.height != wanted.height || own.planes != wanted.planes) {
+      throw files::FileError(source.path,
+                             fmt::format("is {} x {} x {}, but the reference is {} x {} x {} ({})", own.width,
+                                         own.height, own.planes, wanted.width, wanted.height, wanted.planes,
+                                         used_[reference_].path.filename().string()));
+    }
+    if (!source.transform.IsNone() && !files::FindMosaic(own).name.empty()) {
+      throw files::FileError(source.path,
+                             "is an undeveloped mosaic, whose colours moving would mix; develop it first");
+    }
+    if (options.weight == "fwhm" && !source.transform.fwhm) {
+      throw files::FileError(source.path, "has no fwhm in the transforms; use --weight noise or none");
+    }
+  }
+
+  std::vector<Source> used_;
+  std::vector<std::pair<fs::path, std::string>> leftOut_;
+  int reference_ = 0;
+};
+
+std::string Percent(double share) {
+  return fmt::format("{:.3g} %", 100 * share);
+}
+
+class StackRun {
+ public:
+  StackRun(Tool& tool, const Options& options) : tool_(tool), options_(options), sources_(options) {
+    stack_.method = static_cast<CImgStack::Method>(NumberOf(kMethods, options.method));
+    stack_.clip = ParseClip(options);
+    stack_.normalisation = static_cast<Normalisation>(NumberOf(kNormalisations, options.normalise));
+    stack_.kernel = NumberOf(kKernels, options.kernel);
+    stack_.rejectionMaps = options.maps;
+    stack_.memory = DefaultStackMemory(tool);
+    for (size_t i = 0; i < sources_.Used().size(); ++i) {
+      inputs_.push_back(sources_.Input(i));
+    }
+    shape_ = inputs_[sources_.Reference()].shape;
+  }
+
+  void Plan() {
+    plan_ = PlanStack(inputs_, shape_, stack_);
+    const Source& reference = sources_.Used()[sources_.Reference()];
+    tool_.console.Say(fmt::format("{} frames of {} x {}{}, reference {}: {}", inputs_.size(), shape_.width,
+                                  shape_.height, shape_.planes > 1 ? " in colour" : "",
+                                  reference.path.filename().string(), plan_.Text()));
+    for (const auto& [path, status] : sources_.LeftOut()) {
+      tool_.console.Warn(fmt::format("{}: left out: {}", path.string(), status));
+    }
+    if (!reference.transform.IsNone()) {
+      tool_.console.Warn(
+          "no frame lies where the reference of the transforms does: world coordinates are dropped");
+    }
+  }
+
+  void Work() {
+    CheckOutputs();
+    Journal journal(options_.output, Digest(), shape_, options_.maps, inputs_.size(),
+                    options_.resume ? Journal::Kept : Journal::Passing);
+    if (journal.WasOther()) {
+      tool_.console.Warn(fmt::format("{}.resume: made from other frames or options; beginning anew",
+                                     options_.output.string()));
+    }
+    if (journal.Rows() > 0) {
+      tool_.console.Say(fmt::format("going on at row {} of {}", journal.Rows(), shape_.height));
+      // What is there under the final names was written by the run that these bands are of.
+      tool_.options.overwrite = true;
+    }
+    TryOutputs();
+    try {
+      if (journal.Rows() < shape_.height) {
+        Measure();
+        Stack(tool_, inputs_, sources_.Reference(), stack_, journal.Rows(),
+              [&](const StackBand& band) { journal.Add(band); });
+      }
+      Save(journal);
+    } catch (const Cancelled&) {
+      if (!options_.resume) throw;
+      files::RemovePartialFiles();
+      tool_.console.Error(fmt::format("cancelled at row {} of {}; the same call goes on from there",
+                                      journal.Rows(), shape_.height));
+      tool_.exitCode = kCancelled;
+      return;
+    }
+    journal.Remove();
+    Tell();
+  }
+
+ private:
+  fs::path MapName(const char* end) const {
+    fs::path name = options_.output.stem();
+    name += end;
+    name += options_.output.extension();
+    return options_.output.parent_path() / name;
+  }
+
+  std::vector<fs::path> Outputs() const {
+    if (!options_.maps) return {options_.output};
+    return {options_.output, MapName("_low"), MapName("_high")};
+  }
+
+  void CheckOutputs() const {
+    for (const fs::path& output : Outputs()) {
+      for (const Source& source : sources_.Used()) {
+        if (fs::weakly_canonical(output) == fs::weakly_canonical(source.path)) {
+          throw files::FileError(output, "is one of the frames; choose another name");
+        }
+      }
+      const bool mayGoOn = options_.resume && fs::exists(options_.output.string() + ".resume");
+      if (!mayGoOn) tool_.CheckOutput(output);
+    }
+  }
+
+  /// Finds out before the work whether the outputs can be written.
+  void TryOutputs() const {
+    for (const fs::path& output : Outputs()) {
+      NewSaver(output, files::Header(), Levels());
+    }
+  }
+
+  std::unique_ptr<ImageSaver> NewSaver(const fs::path& path, const files::Header& header,
+                                       const Levels& levels) const {
+    return std::make_unique<ImageSaver>(tool_, path, shape_, levels, header,
+                                        SaveOptions{.integers = options_.bits == "16"});
+  }
+
+  /// All that the pixels of the result depend on.
+  std::string Digest() const {
+    Json json{{"korimg", Version()},
+              {"stack", options_.Text()},
+              {"maps", options_.maps},
+              {"reference", sources_.Reference()},
+              {"frames", Json::array()}};
+    for (const Source& source : sources_.Used()) {
+      struct stat state {};
+      if (stat(source.path.c_str(), &state) != 0)
+        files::ThrowSystemError(source.path, "look at the file", errno);
+      const Transform& t = source.transform;
+      json["frames"].push_back({fs::weakly_canonical(source.path).string(), state.st_size,
+                                state.st_mtim.tv_sec, state.st_mtim.tv_nsec, t.dx, t.dy, t.degrees,
+                                t.fwhm.value_or(0)});
+    }
+    return json.dump(-1, ' ', true, Json::error_handler_t::replace);
+  }
+
+  /// Levels and weights.
+  void Measure() {
+    if (stack_.normalisation == Normalisation::None && options_.weight != "noise") return WeighByFwhm();
+    long long done = 0;
+    for (StackInput& input : inputs_) {
+      tool_.console.CheckCancelled();
+      tool_.console.Progress("measuring frame", ++done, static_cast<long long>(inputs_.size()));
+      input.levels = MeasureInput(input);
+    }
+    tool_.console.EndProgress();
+    WeighByFwhm();
+    if (options_.weight != "noise") return;
+    const auto weights = NoiseWeights(inputs_, sources_.Reference(), stack_.normalisation);
+    for (size_t i = 0; i < inputs_.size(); ++i) {
+      inputs_[i].weight = weights[i];
+    }
+  }
+
+  void WeighByFwhm() {
+    if (options_.weight != "fwhm") return;
+    double best = INFINITY;
+    for (const Source& source : sources_.Used()) {
+      best = std::min(best, *source.transform.fwhm);
+    }
+    for (size_t i = 0; i < inputs_.size(); ++i) {
+      const double ratio = best / *sources_.Used()[i].transform.fwhm;
+      inputs_[i].weight = ratio * ratio;
+    }
+  }
+
+  files::Header MakeHeader() const {
+    const Source& reference = sources_.Used()[sources_.Reference()];
+    files::Header start = reference.info.header;
+    if (!reference.transform.IsNone() &&
+        !files::DropWorldCoordinates(start, {shape_.width, shape_.height, shape_.planes},
+                                     "no frame lies on this grid")) {
+      throw files::FileError(reference.path, "is an undeveloped mosaic; develop it first");
+    }
+    StackHeader header(std::move(start));
+    for (const Source& source : sources_.Used()) {
+      header.Add(source.info.header);
+    }
+    files::Header made = header.Make();
+    made.AddHistory(fmt::format("korimg {} {}", Version(), options_.Text()));
+    const auto [low, high] = std::minmax_element(
+        inputs_.begin(), inputs_.end(), [](const auto& a, const auto& b) { return a.weight < b.weight; });
+    made.AddHistory(fmt::format("{} frames stacked, {} left out; weights {:.4g} to {:.4g}", inputs_.size(),
+                                sources_.LeftOut().size(), low->weight, high->weight));
+    for (const auto& [path, status] : sources_.LeftOut()) {
+      made.AddHistory(fmt::format("left out: {} ({})", path.filename().string(), status));
+    }
+    CImgStack::Counts all;
+    for (const CImgStack::Counts& counts : counts_) {
+      all.values += counts.values;
+      all.low += counts.low;
+      all.high += counts.high;
+    }
+    if (stack_.method == CImgStack::ClippedMean) {
+      const double values = static_cast<double>(std::max(all.values, 1LL));
+      made.AddHistory(fmt::format("rejected as too low {}, as too high {} of the pixels",
+                                  Percent(static_cast<double>(all.low) / values),
+                                  Percent(static_cast<double>(all.high) / values)));
+    }
+    return made;
+  }
+
+  void Save(const Journal& journal) {
+    counts_.assign(inputs_.size(), {});
+    journal.ForBands([&](const StackBand& band) {
+      for (size_t i = 0; i < counts_.size(); ++i) {
+        counts_[i].values += band.counts[i].values;
+        counts_[i].low += band.counts[i].low;
+        counts_[i].high += band.counts[i].high;
+      }
+    });
+    const auto sample = SampleInput(inputs_[sources_.Reference()]);
+    SetLevels(*sample, sources_.Used()[sources_.Reference()].info, false);
+    Levels countLevels;
+    std::fill_n(countLevels.max, 3, static_cast<double>(inputs_.size()));
+    const files::Header header = MakeHeader();
+    std::vector<std::unique_ptr<ImageSaver>> savers;
+    for (const fs::path& output : Outputs()) {
+      savers.push_back(NewSaver(output, header, savers.empty() ? Levels(*sample) : countLevels));
+    }
+    journal.ForBands([&](const StackBand& band) {
+      tool_.console.CheckCancelled();
+      savers[0]->Write(band.rows, band.planes);
+      if (!options_.maps) return;
+      savers[1]->Write(band.rows, band.low);
+      savers[2]->Write(band.rows, band.high);
+    });
+    for (size_t i = savers.size(); i-- > 0;) {
+      savers[i]->Commit();
+    }
+  }
+
+  void Tell() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    Json frames = Json::array();
+    for (size_t i = 0; i < inputs_.size(); ++i) {
+      const CImgStack::Counts& counts = counts_[i];
+      const double values = static_cast<double>(std::max(counts.values, 1LL));
+      const double low = static_cast<double>(counts.low) / values,
+                   high = static_cast<double>(counts.high) / values;
+      const double covers = static_cast<double>(counts.values) / shape_.width / shape_.height / shape_.planes;
+      frames.push_back({{"file", inputs_[i].name},
+                        {"weight", inputs_[i].weight},
+                        {"covers", covers},
+                        {"rejected_low", low},
+                        {"rejected_high", high}});
+      tool_.console.Say(
+          fmt::format("{}: covers {}{}{}", sources_.Used()[i].path.filename().string(), Percent(covers),
+                      stack_.method == CImgStack::ClippedMean
+                          ? fmt::format(", rejected {} low, {} high", Percent(low), Percent(high))
+                          : "",
+                      options_.weight != "none" ? fmt::format(", weight {:.4g}", inputs_[i].weight) : ""));
+    }
+    if (tool_.options.json) {
+      Json leftOut = Json::array();
+      for (const auto& [path, status] : sources_.LeftOut()) {
+        leftOut.push_back({{"file", path.string()}, {"status", status}});
+      }
+      const Json json{{"output", options_.output.string()},
+                      {"frames", frames},
+                      {"left_out", leftOut},
+                      {"bands", plan_.bands},
+                      {"peak_memory_bytes", usage.ru_maxrss * 1024LL}};
+      fmt::print("{}\n", json.dump(-1, ' ', false, Json::error_handler_t::replace));
+    } else {
+      tool_.console.Say(fmt::format("{} -> {}; peak memory {} MiB", options_.Text(), options_.output.string(),
+                                    usage.ru_maxrss / 1024));
+    }
+  }
+
+  Tool& tool_;
+  const Options& options_;
+  Sources sources_;
+  StackOptions stack_;
+  StackPlan plan_;
+  std::vector<StackInput> inputs_;
+  std::vector<CImgStack::Counts> counts_;
+  Shape shape_;
+};
+
+}  // namespace
+
+void AddStack(CLI::App& app, Tool& tool) {
+  auto options = std::make_shared<Options>();
+  CLI::App* verb = app.add_subcommand("stack", "Combine registered frames into one image");
+  verb->add_option("frames", options->frames, "files or folders, all of one size")->required();
+  verb->add_option("-o,--output", options->output, "FITS, TIFF or PNG, by its extension")->required();
+  verb->add_option("--method", options->method, "what a pixel becomes; sigma is a mean without outliers")
+      ->check(CLI::IsMember(kMethods));
+  verb->add_option(
+      "--kappa", options->kappa,
+      "sigma: standard deviations from the median beyond which values are rejected, one number or "
+      "LOW,HIGH");
+  verb->add_option("--iterations", options->iterations, "sigma: how often at most")
+      ->check(CLI::Range(1, 100));
+  verb->add_option("--normalize", options->normalise,
+                   "bring each frame's sky to that of the reference: its level, or its level and spread")
+      ->check(CLI::IsMember(kNormalisations));
+  verb->add_option("--weight", options->weight,
+                   "of frames in means: by the noise, or by fwhm of --transforms")
+      ->check(CLI::IsMember({"none", "noise", "fwhm"}));
+  verb->add_option("--transforms", options->transforms,
+                   "what korimg register --json wrote; without it frames are taken as they lie");
+  verb->add_option("--kernel", options->kernel, "how moved frames are read between their pixels")
+      ->check(CLI::IsMember(kKernels));
+  verb->add_option("--reference", options->reference,
+                   "the frame that gives header, levels and sky; the first that is not moved unless told");
+  verb->add_flag("--rejection-maps", options->maps,
+                 "write NAME_low and NAME_high too: the number of values rejected in each pixel");
+  verb->add_flag(
+      "--resume", options->resume,
+      "go on with what a killed run of the same call left in OUTPUT.resume, and leave it there if this "
+      "one is cancelled");
+  verb->add_option("--bits", options->bits, "float or 16, for FITS and TIFF")
+      ->check(CLI::IsMember({"float", "16"}));
+  AddCommonOptions(*verb, tool);
+  verb->callback([options, &tool] {
+    tool.Begin();
+    if (options->weight == "fwhm" && options->transforms.empty()) {
+      throw UsageError("--weight fwhm takes the sizes of stars from --transforms FILE");
+    }
+    StackRun run(tool, *options);
+    run.Plan();
+    if (!tool.options.dryRun) run.Work();
+  });
+}
+
+}  // namespace korimg::tool
