@@ -80,14 +80,17 @@ std::string Plot(const std::string& title, const Report& report,
   low -= margin, high += margin;
   const auto last = static_cast<double>(std::max<size_t>(report.frames.size() - 1, 1));
   const auto x = [&](size_t i) { return kLeft + (kWidth - kLeft - kRight) * static_cast<double>(i) / last; };
-  const auto y = [&](double v) { return kHeight - kBottom - (kHeight - kTop - kBottom) * (v - low) / (high - low); };
+  const auto y = [&](double v) {
+    return kHeight - kBottom - (kHeight - kTop - kBottom) * (v - low) / (high - low);
+  };
   std::string svg = fmt::format(
       "<svg width=\"{0}\" height=\"{1}\" viewBox=\"0 0 {0} {1}\" font-size=\"11\" fill=\"#d8dade\">"
       "<text x=\"{2}\" y=\"17\" font-size=\"13\">{3}</text>",
       kWidth, kHeight, kLeft, Escaped(title));
   for (const double v : {low + margin, high - margin}) {
     svg += fmt::format(
-        "<line x1=\"{}\" x2=\"{}\" y1=\"{:.1f}\" y2=\"{:.1f}\" stroke=\"#3a3e46\"/><text x=\"{}\" y=\"{:.1f}\" "
+        "<line x1=\"{}\" x2=\"{}\" y1=\"{:.1f}\" y2=\"{:.1f}\" stroke=\"#3a3e46\"/><text x=\"{}\" "
+        "y=\"{:.1f}\" "
         "text-anchor=\"end\">{:.4g}</text>",
         kLeft, kWidth - kRight, y(v), y(v), kLeft - 6, y(v) + 4, v);
   }
@@ -102,8 +105,9 @@ std::string Plot(const std::string& title, const Report& report,
       if (!(frame.*value)) continue;
       const double v = *(frame.*value);
       if (frame.reason.empty()) line += fmt::format("{:.1f},{:.1f} ", x(i), y(v));
-      dots += fmt::format("<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"2.5\" fill=\"{}\"><title>{}: {:.4g}</title></circle>",
-                          x(i), y(v), frame.reason.empty() ? colour : "#f08080", Escaped(frame.file), v);
+      dots += fmt::format(
+          "<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"2.5\" fill=\"{}\"><title>{}: {:.4g}</title></circle>",
+          x(i), y(v), frame.reason.empty() ? colour : "#f08080", Escaped(frame.file), v);
     }
     svg += fmt::format("<polyline fill=\"none\" stroke=\"{}\" points=\"{}\"/>{}", colour, line, dots);
     if (curves.size() > 1) {
@@ -129,7 +133,8 @@ std::string Lines(const std::vector<std::string>& lines) {
 
 std::string Page(const Report& report) {
   std::string page = fmt::format(
-      "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>korimg</title><style>{}</style>"
+      "<!DOCTYPE html>\n<html lang=\"en\"><head><meta "
+      "charset=\"utf-8\"><title>korimg</title><style>{}</style>"
       "</head><body>\n<h1>Stacked frames</h1>\n",
       kStyle);
   for (const ReportStack& stack : report.stacks) {
@@ -150,25 +155,30 @@ std::string Page(const Report& report) {
   page +=
       "</div>\n<h2>Frames</h2>\n<div class=\"scroll\"><table>\n<tr><th></th><th>frame</th><th>status</th>"
       "<th>calibrated by</th><th class=\"n\">clipped</th><th class=\"n\">stars</th><th class=\"n\">FWHM</th>"
-      "<th class=\"n\">elongation</th><th class=\"n\">sky</th><th class=\"n\">noise</th><th>registered by</th>"
-      "<th class=\"n\">dx</th><th class=\"n\">dy</th><th class=\"n\">degrees</th><th class=\"n\">residual</th>"
+      "<th class=\"n\">elongation</th><th class=\"n\">sky</th><th class=\"n\">noise</th><th>registered "
+      "by</th>"
+      "<th class=\"n\">dx</th><th class=\"n\">dy</th><th class=\"n\">degrees</th><th "
+      "class=\"n\">residual</th>"
       "<th class=\"n\">weight</th><th class=\"n\">rejected</th></tr>\n";
   for (const ReportFrame& frame : report.frames) {
-    page += fmt::format(
-        "<tr><td>{}</td><td>{}</td><td{}>{}</td><td>{}</td><td class=\"n\">{:.2g} %</td>",
-        frame.thumbnail.empty() ? "" : fmt::format("<img width=\"150\" src=\"{}\" alt=\"\">", Inline(frame.thumbnail)),
-        Escaped(frame.file), frame.reason.empty() ? "" : " class=\"bad\"",
-        frame.reason.empty() ? "stacked" : "left out: " + Escaped(frame.reason), Escaped(frame.served),
-        100 * frame.clipped);
+    page += fmt::format("<tr><td>{}</td><td>{}</td><td{}>{}</td><td>{}</td><td class=\"n\">{:.2g} %</td>",
+                        frame.thumbnail.empty()
+                            ? ""
+                            : fmt::format("<img width=\"150\" src=\"{}\" alt=\"\">", Inline(frame.thumbnail)),
+                        Escaped(frame.file), frame.reason.empty() ? "" : " class=\"bad\"",
+                        frame.reason.empty() ? "stacked" : "left out: " + Escaped(frame.reason),
+                        Escaped(frame.served), 100 * frame.clipped);
     page += Cell(frame.stars, "{:.0f}") + Cell(frame.fwhm, "{:.2f}") + Cell(frame.elongation, "{:.2f}") +
             Cell(frame.sky, "{:.5g}") + Cell(frame.noise, "{:.4g}") +
             fmt::format("<td>{}</td>", Escaped(frame.method)) + Cell(frame.dx, "{:.2f}") +
             Cell(frame.dy, "{:.2f}") + Cell(frame.degrees, "{:.3f}") + Cell(frame.residual, "{:.3f}") +
             Cell(frame.weight, "{:.2f}") + Cell(frame.rejected, "{:.3f} %") + "</tr>\n";
   }
-  page += "</table></div>\n<h2>Left out</h2>\n" + Lines(report.limits) + "<h2>Plan</h2>\n" + Lines(report.plan);
-  page += fmt::format("<h2>Made by</h2>\n<p><code>{}</code><br>korimg {}, {:%Y-%m-%d %H:%M} UTC</p>\n</body></html>\n",
-                      Escaped(report.command), Version(), fmt::gmtime(std::time(nullptr)));
+  page +=
+      "</table></div>\n<h2>Left out</h2>\n" + Lines(report.limits) + "<h2>Plan</h2>\n" + Lines(report.plan);
+  page += fmt::format(
+      "<h2>Made by</h2>\n<p><code>{}</code><br>korimg {}, {:%Y-%m-%d %H:%M} UTC</p>\n</body></html>\n",
+      Escaped(report.command), Version(), fmt::gmtime(std::time(nullptr)));
   return page;
 }
 

@@ -231,10 +231,11 @@ class Road {
     const FrameLimits& limits = options_.limits;
     const double fewest = limits.stars * Median(stars), widest = limits.fwhm * Median(fwhms),
                  longest = limits.elongation * Median(elongations);
-    report_.limits.push_back(fmt::format(
-        "{}: fewer than {:.0f} stars ({:g} of the median), FWHM above {:.2f} px ({:g} times), elongation above "
-        "{:.2f} ({:g} times); what could not be registered",
-        target.name, fewest, limits.stars, widest, limits.fwhm, longest, limits.elongation));
+    report_.limits.push_back(
+        fmt::format("{}: fewer than {:.0f} stars ({:g} of the median), FWHM above {:.2f} px ({:g} times), "
+                    "elongation above "
+                    "{:.2f} ({:g} times); what could not be registered",
+                    target.name, fewest, limits.stars, widest, limits.fwhm, longest, limits.elongation));
     for (Progress* frame : target.frames) {
       if (!frame->IsMeasured()) continue;
       const FrameMeasure& m = frame->measure;
@@ -348,7 +349,8 @@ class Road {
         {"size", fmt::format("{} x {}", reference.shape.width, reference.shape.height)},
         {"stars", fmt::format("{}", measure.starCount)},
         {"FWHM", fmt::format("{:.2f} px; of the reference {:.2f}", measure.fwhm, reference.measure.fwhm)},
-        {"noise of the sky", fmt::format("{:.4g}; of the reference {:.4g}", measure.noise, reference.measure.noise)},
+        {"noise of the sky",
+         fmt::format("{:.4g}; of the reference {:.4g}", measure.noise, reference.measure.noise)},
         {"rejected", Percent(values > 0 ? static_cast<double>(rejected) / static_cast<double>(values) : 0)}};
     if (!target.filter.empty()) stack.facts.insert(stack.facts.begin(), {"filter", target.filter});
     report_.stacks.push_back(std::move(stack));
@@ -362,7 +364,8 @@ class Road {
     const char* const methods[] = {"median", "mean", "sigma", "max", "min"};
     const char* const normalisations[] = {"none", "level", "level+scale"};
     std::string method = methods[s.method];
-    if (s.method == CImgStack::ClippedMean) method += fmt::format(", kappa {:g} and {:g}", s.clip.low, s.clip.high);
+    if (s.method == CImgStack::ClippedMean)
+      method += fmt::format(", kappa {:g} and {:g}", s.clip.low, s.clip.high);
     return {fmt::format("korimg {} run", Version()),
             fmt::format("{} of {} frames stacked: {}; normalised by {}; weights by {}", used.size(),
                         target.frames.size(), method, normalisations[static_cast<int>(s.normalisation)],
@@ -395,10 +398,11 @@ class Road {
         json["rejected"] = Rejected(frame);
         fmt::print("{}\n", Dump(json));
       } else if (frame.IsUsed()) {
-        tool_.console.Say(fmt::format(
-            "{}: {} stars, FWHM {:.2f} px, dx {:.2f}, dy {:.2f}, {:.3f} degrees by {}; weight {:.2f}, rejected {}",
-            frame.light->Name(), frame.measure.starCount, frame.measure.fwhm, r.dx, r.dy, r.degrees, r.method,
-            frame.weight, Percent(Rejected(frame))));
+        tool_.console.Say(
+            fmt::format("{}: {} stars, FWHM {:.2f} px, dx {:.2f}, dy {:.2f}, {:.3f} degrees by {}; weight "
+                        "{:.2f}, rejected {}",
+                        frame.light->Name(), frame.measure.starCount, frame.measure.fwhm, r.dx, r.dy,
+                        r.degrees, r.method, frame.weight, Percent(Rejected(frame))));
       }
     }
   }
@@ -407,7 +411,8 @@ class Road {
     report_.command = tool_.commandLine;
     report_.plan.insert(report_.plan.begin(), session_.MasterLines().begin(), session_.MasterLines().end());
     for (const Progress& frame : frames_) {
-      ReportFrame row{frame.light->Name(), frame.light->Served(), frame.IsMeasured() ? frame.reason : frame.error};
+      ReportFrame row{frame.light->Name(), frame.light->Served(),
+                      frame.IsMeasured() ? frame.reason : frame.error};
       if (frame.IsMeasured()) {
         row.thumbnail = frame.thumbnail;
         row.clipped = frame.clipped;

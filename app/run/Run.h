@@ -22,10 +22,10 @@ struct RunOptions {
   FrameLimits limits;
 };
 
-/// Calibrates, develops, measures, registers and stacks the lights, one stack for each filter, all on the grid
-/// of one reference. Writes stack.fits, stack.tif and stack.png (stack_<filter>... when there are several),
-/// report.html and the masters. Calibrated frames are made twice, for measuring and for stacking, and never
-/// written. A frame that cannot be used is left out, and the report says why.
+/// Calibrates, develops, measures, registers and stacks the lights, one stack for each filter, all on the
+/// grid of one reference. Writes stack.fits, stack.tif and stack.png (stack_<filter>... when there are
+/// several), report.html and the masters. Calibrated frames are made twice, for measuring and for stacking,
+/// and never written. A frame that cannot be used is left out, and the report says why.
 /// @throws FileError when calibration frames or outputs are wrong, or no frame is left.
 void Run(Tool& tool, RunOptions options);
 

@@ -13,9 +13,9 @@
 
 namespace korimg::tool {
 
-/// Calls work(i) for 0 to count - 1, a few at once, each with its share of the threads; and take(i, result) for
-/// their results in order on this thread, where result() gives what work gave, or throws what it threw. The
-/// progress counts frames. At most four are at work at a time: each holds an image.
+/// Calls work(i) for 0 to count - 1, a few at once, each with its share of the threads; and take(i, result)
+/// for their results in order on this thread, where result() gives what work gave, or throws what it threw.
+/// The progress counts frames. At most four are at work at a time: each holds an image.
 template <class Work, class Take>
 void SideBySide(Tool& tool, const std::string& title, size_t count, Work&& work, Take&& take) {
   constexpr int kMostAtOnce = 4;

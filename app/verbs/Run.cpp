@@ -1,11 +1,12 @@
 // korimg run: a session's folder to a finished picture.
+#include "app/run/Run.h"
+
 #include <algorithm>
 #include <cctype>
 
 #include <fmt/format.h>
 
 #include "app/calibrate/Frames.h"
-#include "app/run/Run.h"
 #include "app/verbs/Verbs.h"
 
 namespace korimg::tool {

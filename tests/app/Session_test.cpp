@@ -1,6 +1,7 @@
 // A light's rows, read as they are wanted.
 #include "app/calibrate/Session.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "app/simulate/Simulate.h"
@@ -32,8 +33,8 @@ TEST_F(SessionTest, RowsInPiecesAreThoseOfTheWholeLight) {
     double pedestal;
     bool half, keepMosaic;
     int planes, side;
-  } cases[] = {{"mono", 0, false, false, 1, kSide},     {"mono", 200, false, false, 1, kSide},
-               {"colour", 0, false, false, 3, kSide},   {"colour", 200, false, false, 3, kSide},
+  } cases[] = {{"mono", 0, false, false, 1, kSide},      {"mono", 200, false, false, 1, kSide},
+               {"colour", 0, false, false, 3, kSide},    {"colour", 200, false, false, 3, kSide},
                {"colour", 0, true, false, 3, kSide / 2}, {"colour", 0, false, true, 1, kSide}};
   for (const Case& c : cases) {
     SCOPED_TRACE(fmt::format("{} {} {} {}", c.session, c.pedestal, c.half, c.keepMosaic));
@@ -69,8 +70,16 @@ TEST_F(SessionTest, RowsInPiecesAreThoseOfTheWholeLight) {
     ASSERT_EQ(rows.Size().planes, c.planes);
     ASSERT_EQ(rows.Size().width, c.side);
     ASSERT_EQ(rows.Size().height, c.side);
-    for (const auto& [y0, count] : {std::pair(0, c.side), {0, 1}, {1, 1}, {2, 7}, {3, 10}, {4, 2}, {5, 40},
-                                   {c.side - 9, 4}, {c.side - 2, 2}, {c.side - 1, 1}}) {
+    for (const auto& [y0, count] : {std::pair(0, c.side),
+                                    {0, 1},
+                                    {1, 1},
+                                    {2, 7},
+                                    {3, 10},
+                                    {4, 2},
+                                    {5, 40},
+                                    {c.side - 9, 4},
+                                    {c.side - 2, 2},
+                                    {c.side - 1, 1}}) {
       const Planes part = Read(rows, y0, count);
       for (int p = 0; p < c.planes; ++p) {
         for (int y = 0; y < count; ++y) {
@@ -79,7 +88,9 @@ TEST_F(SessionTest, RowsInPiecesAreThoseOfTheWholeLight) {
               << "rows " << y0 << " + " << count << ", row " << y0 + y << ", plane " << p;
         }
       }
-      if (y0 == 0 && count == c.side) EXPECT_EQ(rows.Clipped(), whole.clipped);
+      if (y0 == 0 && count == c.side) {
+        EXPECT_EQ(rows.Clipped(), whole.clipped);
+      }
     }
   }
 }
