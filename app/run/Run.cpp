@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <numbers>
 
 #include <fmt/format.h>
 
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "app/calibrate/Session.h"
+#include "app/files/Geometry.h"
 #include "app/register/Register.h"
 #include "app/run/Report.h"
 #include "app/stack/StackHeader.h"
@@ -68,6 +70,29 @@ double Median(std::vector<double> values) {
   const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
   std::nth_element(values.begin(), middle, values.end());
   return *middle;
+}
+
+/// How much brighter stars are than the same ones of the reference: transparency, exposure. 1 when too few
+/// are the same.
+double FluxRatio(const FrameMeasure& frame, const Registration& r, const FrameMeasure& reference) {
+  constexpr double kNear = 1.5, kSnr = 20;  // pixels
+  constexpr size_t kLeast = 5;
+  const auto isGood = [](const CStar& star) { return star.flags == 0 && star.snr > kSnr; };
+  const double a = r.degrees * std::numbers::pi / 180, c = std::cos(a), s = std::sin(a);
+  const double cx = frame.width * 0.5, cy = frame.height * 0.5;
+  std::vector<double> ratios;
+  for (const CStar& star : frame.stars) {
+    if (!isGood(star)) continue;
+    const double u = star.x - cx, v = cy - star.y;
+    const double x = c * u + s * v + cx + r.dx, y = cy - (c * v - s * u) + r.dy;
+    for (const CStar& other : reference.stars) {
+      if (isGood(other) && std::hypot(other.x - x, other.y - y) < kNear) {
+        ratios.push_back(star.flux / other.flux);
+        break;
+      }
+    }
+  }
+  return ratios.size() < kLeast ? 1 : Median(std::move(ratios));
 }
 
 /// All of a light, calibrated and developed.
@@ -210,8 +235,12 @@ class Road {
         [&](size_t i, const auto& result) {
           Progress& frame = frames_[i];
           if (!frame.IsMeasured()) return;
-          tool_.ForEachFile({frame.light->frame.path},
-                            [&](const fs::path&) { frame.registration = result(); });
+          tool_.ForEachFile({frame.light->frame.path}, [&](const fs::path&) {
+            frame.registration = result();
+            // Frames are brought to the reference by their sky and by the light of their stars.
+            const double ratio = FluxRatio(frame.measure, frame.registration, reference.measure);
+            std::fill(std::begin(frame.levels.spread), std::end(frame.levels.spread), ratio);
+          });
         });
     Plan(fmt::format("reference: {}, {} stars, FWHM {:.2f} px", reference.light->Name(),
                      reference.measure.starCount, reference.measure.fwhm));
@@ -239,8 +268,10 @@ class Road {
     for (Progress* frame : target.frames) {
       if (!frame->IsMeasured()) continue;
       const FrameMeasure& m = frame->measure;
-      if (frame->shape.planes != shape.planes) {
-        LeaveOut(*frame, fmt::format("has {} planes, the reference {}", frame->shape.planes, shape.planes));
+      const Shape& own = frame->shape;
+      if (own.width != shape.width || own.height != shape.height || own.planes != shape.planes) {
+        LeaveOut(*frame, fmt::format("is {} x {} x {}, the reference {} x {} x {}", own.width, own.height,
+                                     own.planes, shape.width, shape.height, shape.planes));
       } else if (limits.stars > 0 && m.starCount < fewest) {
         LeaveOut(*frame, fmt::format("{} stars, fewer than {:.0f}", m.starCount, fewest));
       } else if (limits.fwhm > 0 && m.fwhm > widest) {
@@ -321,6 +352,12 @@ class Road {
     LightRows source(session_, *reference.light);
     files::Header first = source.Info().header;
     session_.Describe(first, *reference.light, reference.clipped);
+    const Shape& shape = reference.shape;
+    if (&reference != &frames_[reference_] &&
+        !files::DropWorldCoordinates(first, {shape.width, shape.height, shape.planes},
+                                     "the grid is that of a frame of another stack")) {
+      throw files::FileError(reference.light->frame.path, "is an undeveloped mosaic, which cannot be moved");
+    }
     StackHeader collected(first);
     for (const Progress* frame : used) {
       collected.Add(frame->light->frame.info.header);

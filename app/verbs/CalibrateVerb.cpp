@@ -13,7 +13,6 @@ void AddCalibrationOptions(CLI::App& verb, CalibrateOptions& options) {
   verb.add_flag("--allow-mismatch", options.allowMismatch,
                 "use calibration frames that differ in more than size, with a warning");
   AddMosaicOptions(verb, options.develop);
-  verb.add_flag("--keep-mosaic", options.keepMosaic, "do not develop mosaics into colour");
 }
 
 void AddCalibrate(CLI::App& app, Tool& tool) {
@@ -25,6 +24,7 @@ void AddCalibrate(CLI::App& app, Tool& tool) {
   verb->add_option("--bias", options->biases, "files or folders; one file is taken as a master");
   verb->add_option("--master-dir", options->masters, "folder to keep the masters in");
   AddCalibrationOptions(*verb, *options);
+  verb->add_flag("--keep-mosaic", options->keepMosaic, "do not develop mosaics into colour");
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {
     tool.Begin();

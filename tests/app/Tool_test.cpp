@@ -44,24 +44,6 @@ TEST_F(ToolTest, InfoPassesOverBlankPixels) {
   EXPECT_TRUE(json::parse(Shell("korimg info --json blank.fits").out)["median"][0].is_null());
 }
 
-TEST_F(ToolTest, RunWorksThroughASession) {
-  korimg::SimulateOptions options;
-  options.frames = 3;
-  options.width = 200;
-  options.height = 150;
-  ASSERT_TRUE(korimg::Simulate(In("night"), options));
-  WriteBytes(In("night") / "lights" / "broken.fits", "no image");
-  const Result r = Shell("korimg run night --out 'the result'");
-  EXPECT_EQ(r.code, 1) << "one light can't be read";
-  const std::string report = ReadBytes(In("the result") / "report.html");
-  for (const char* part :
-       {"calibrated/light_0001.png", "calibrated/light_0003.png", "master_bias", "broken.fits"}) {
-    EXPECT_NE(report.find(part), std::string::npos) << part;
-  }
-  EXPECT_TRUE(std::filesystem::exists(In("the result") / "calibrated" / "light_0002.fits"));
-  EXPECT_TRUE(std::filesystem::exists(In("the result") / "masters" / "manifest.json"));
-}
-
 TEST_F(ToolTest, ColourFramesAreCalibratedPlaneByPlane) {
   const auto frame = [&](const std::string& name, const test::PixelRule& rule, int planes) {
     Planes pixels(planes, std::vector<float>(60 * 40));

@@ -1,0 +1,252 @@
+// The whole road, from raw frames to a picture and a report.
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/resource.h>
+
+#include "korimg/measurement/CStarFinder.h"
+
+#include "app/simulate/Simulate.h"
+#include "tests/app/Tool.h"
+
+namespace korimg::files {
+namespace {
+
+using nlohmann::json;
+namespace fs = std::filesystem;
+
+class RunTest : public ToolTest {
+ protected:
+  static std::vector<json> Lines(const std::string& text) {
+    std::vector<json> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+      lines.push_back(json::parse(line));
+    }
+    return lines;
+  }
+
+  static double Median(std::vector<double> values) {
+    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
+    return values.at(values.size() / 2);
+  }
+};
+
+TEST_F(RunTest, ASimulatedSessionComesOutAsItsTruth) {
+  constexpr int kFrames = 16, kWidth = 900, kHeight = 700;
+  ASSERT_TRUE(Simulate(In("night"), {.frames = kFrames, .width = kWidth, .height = kHeight, .seed = 4}));
+  fs::rename(In("night/lights"), In("night/LIGHT"));
+  fs::rename(In("night/biases"), In("night/Bias"));
+  WriteBytes(In("night/LIGHT/broken.fits"), "no image");
+  const Result r =
+      Shell("korimg run night --out 'the result' --json && korimg run night --out again --threads 1 -q");
+  const json truth = json::parse(ReadBytes(In("night/truth.json")));
+  EXPECT_EQ(r.code, 1) << "one light can't be read";
+  EXPECT_NE(r.err.find("broken.fits"), std::string::npos);
+  for (const auto& entry : fs::recursive_directory_iterator(In("the result"))) {
+    EXPECT_NE(entry.path().extension(), ".part");
+  }
+
+  // How the frames lie, to the reference that was chosen.
+  const std::vector<json> lines = Lines(r.out);
+  ASSERT_EQ(lines.size(), kFrames);
+  struct Pose {
+    double a, x, y;
+  };
+  std::vector<Pose> poses;
+  size_t reference = 0;
+  for (size_t i = 0; i < kFrames; ++i) {
+    const json& light = truth["lights"][i];
+    poses.push_back({light["rotation_deg"].get<double>() * std::numbers::pi / 180, light["dx"], light["dy"]});
+    EXPECT_EQ(lines[i]["status"], "stacked") << lines[i];
+    if (lines[i]["method"] == "reference") reference = i;
+  }
+  const auto toReference = [&](size_t i, double u, double v) {
+    const auto turn = [](double a, double x, double y) {
+      return std::pair(std::cos(a) * x - std::sin(a) * y, std::sin(a) * x + std::cos(a) * y);
+    };
+    const double cx = (kWidth - 1) / 2.0, cy = (kHeight - 1) / 2.0;
+    const auto [x, y] = turn(-poses[i].a, u - cx - poses[i].x, v - cy - poses[i].y);
+    const auto [p, q] = turn(poses[reference].a, x, y);
+    return std::pair(p + cx + poses[reference].x, q + cy + poses[reference].y);
+  };
+  std::vector<double> shifts, angles;
+  for (size_t i = 0; i < kFrames; ++i) {
+    // What is told moves the middle of the frame as CImgComposit does.
+    const auto [x, y] = toReference(i, (kWidth - 1) / 2.0, (kHeight - 1) / 2.0);
+    const double degrees = lines[i]["degrees"], a = degrees * std::numbers::pi / 180;
+    const double mx = kWidth * 0.5 + lines[i]["dx"].get<double>() - 0.5 * (std::cos(a) - std::sin(a)),
+                 my = kHeight * 0.5 + lines[i]["dy"].get<double>() - 0.5 * (std::sin(a) + std::cos(a));
+    shifts.push_back(std::hypot(mx - x, my - y));
+    angles.push_back(std::abs(degrees - (poses[reference].a - poses[i].a) * 180 / std::numbers::pi));
+    EXPECT_LT(shifts.back(), 0.1) << i;
+  }
+  EXPECT_LT(Median(shifts), 0.02);
+  EXPECT_LT(Median(angles), 0.002);
+
+  // Fluxes of bright, unsaturated stars that stand alone.
+  Planes pixels = Read("the result/stack.fits");
+  ASSERT_EQ(pixels.size(), 1u);
+  const auto store = CreateContiguousManager();
+  CVelImage stack(store, CImage::Float, kWidth, kHeight, 1, 1.0, 0.0, 1, nullptr);
+  for (int y = 0; y < kHeight; ++y) {
+    std::copy_n(&pixels[0][static_cast<size_t>(y) * kWidth], kWidth, stack.GetWritableLine(0, y, 0));
+  }
+  CStarFinder finder(&stack);
+  finder.Find();
+  const double transparency = truth["lights"][reference]["transparency"];
+  std::vector<double> ratios;
+  for (const json& star : truth["stars"]) {
+    const double flux = star["flux_adu"];
+    if (flux < 8000 || flux > 60000) continue;
+    const double sx = star["x"].get<double>() - (kWidth - 1) / 2.0,
+                 sy = star["y"].get<double>() - (kHeight - 1) / 2.0;
+    const Pose& pose = poses[reference];
+    const double x = std::cos(pose.a) * sx - std::sin(pose.a) * sy + (kWidth - 1) / 2.0 + pose.x,
+                 y = std::sin(pose.a) * sx + std::cos(pose.a) * sy + (kHeight - 1) / 2.0 + pose.y;
+    for (const CStar& found : finder.GetStars()) {
+      if (found.flags == 0 && std::hypot(found.x - x, found.y - y) < 1)
+        ratios.push_back(found.flux / flux / transparency);
+    }
+  }
+  ASSERT_GE(ratios.size(), 8u);
+  EXPECT_NEAR(Median(ratios), 1, 0.01);
+
+  // Hot pixels are gone, wherever a frame laid them.
+  int seen = 0;
+  for (const json& hot : truth["hot_pixels"]["list"]) {
+    for (size_t i = 0; i < kFrames; ++i) {
+      const auto [u, v] = toReference(i, hot["x"], hot["y"]);
+      const int x = static_cast<int>(std::lround(u)), y = static_cast<int>(std::lround(v));
+      if (x < 5 || y < 5 || x >= kWidth - 5 || y >= kHeight - 5) continue;
+      const auto at = [&](int dx, int dy) {
+        return pixels[0][static_cast<size_t>(y + dy) * kWidth + x + dx];
+      };
+      const double above = at(0, 0) - 0.25 * (at(-2, 0) + at(2, 0) + at(0, -2) + at(0, 2));
+      seen +=
+          above > 12 * finder.GetNoise() && at(0, 0) - finder.GetSky() < 0.2 * hot["dark_adu"].get<double>();
+    }
+  }
+  EXPECT_LE(seen, 2);
+
+  // The other outputs.
+  const auto reader = ImageReader::Open(In("the result/stack.fits"));
+  const Header& header = reader->Info().header;
+  EXPECT_EQ(header.GetDouble("NCOMBINE"), kFrames);
+  EXPECT_EQ(header.GetDouble("STACKCNT"), kFrames);
+  EXPECT_EQ(ImageReader::Open(In("the result/stack.tif"))->Info().type, "uint16");
+  EXPECT_EQ(ImageReader::Open(In("the result/stack.png"))->Info().width, kWidth);
+  EXPECT_TRUE(fs::exists(In("the result/masters/manifest.json")));
+  const std::string report = ReadBytes(In("the result/report.html"));
+  for (const char* part : {"light_0001.fits", "master_bias", "broken.fits", "korimg run night", "FWHM",
+                           "<polyline", "data:image/jpeg;base64,/9j/"}) {
+    EXPECT_NE(report.find(part), std::string::npos) << part;
+  }
+  for (const char* part : {"src=\"http", "href", "src=\"/", ".png\""}) {
+    EXPECT_EQ(report.find(part), std::string::npos) << part << ": the page needs other files";
+  }
+  // Threads don't matter.
+  const Planes again = Read("again/stack.fits");
+  EXPECT_EQ(0, std::memcmp(again[0].data(), pixels[0].data(), pixels[0].size() * sizeof(float)));
+}
+
+TEST_F(RunTest, WhatIsMuchWorseIsLeftOutAndFiltersAreStackedApart) {
+  ASSERT_TRUE(Simulate(In("night"), {.frames = 7, .width = 600, .height = 500, .seed = 9}));
+  // One light behind clouds, one out of focus, one of the sky alone, and two through another filter.
+  const auto change = [&](int number, const std::function<void(std::vector<float>&)>& work,
+                          const char* filter) {
+    const std::string name = fmt::format("night/lights/light_{:04}.fits", number);
+    const auto reader = ImageReader::Open(In(name));
+    const ImageInfo info = reader->Info();
+    Planes pixels = ReadAll(*reader, 64);
+    work(pixels[0]);
+    Header header;
+    header.Set("DATE-OBS", info.header.GetString("DATE-OBS").value_or(""));
+    header.Set("EXPTIME", info.header.GetDouble("EXPTIME").value_or(0));
+    header.Set("FILTER", filter);
+    const auto writer = ImageWriter::Create(
+        In(name), {.width = 600, .height = 500, .type = "uint16", .header = header, .overwrite = true});
+    WriteAll(*writer, pixels, 600, 500, 64);
+  };
+  const auto keep = [](std::vector<float>&) {};
+  const auto blur = [](std::vector<float>& v) {
+    for (int round = 0; round < 8; ++round) {
+      const std::vector<float> before = v;
+      for (size_t i = 601; i + 601 < v.size(); ++i) {
+        v[i] = 0.2f * (before[i] + before[i - 1] + before[i + 1] + before[i - 600] + before[i + 600]);
+      }
+    }
+  };
+  const auto cloud = [](std::vector<float>& v) {
+    std::vector<float> sorted = v;
+    std::nth_element(sorted.begin(), sorted.begin() + sorted.size() / 2, sorted.end());
+    const float sky = sorted[sorted.size() / 2];
+    for (float& p : v) {
+      p = sky + (p - sky) * (p > sky + 60 ? 0.02f : 1.0f);
+    }
+  };
+  for (const int i : {1, 2, 3}) {
+    change(i, keep, "L");
+  }
+  change(4, blur, "L");
+  change(5, cloud, "L");
+  change(6, keep, "R/x");
+  change(7, keep, "R/x");
+  const Result r = Shell("korimg run night --out out --json && korimg info out/stack_R_x.fits");
+  ASSERT_EQ(r.code, 0) << r.err;
+  std::map<std::string, std::string> status;
+  std::istringstream out(r.out);
+  for (std::string line; std::getline(out, line) && line.starts_with("{");) {
+    const json j = json::parse(line);
+    status[fs::path(j["file"].get<std::string>()).stem()] = j["status"];
+  }
+  EXPECT_EQ(status["light_0001"], "stacked");
+  EXPECT_EQ(status["light_0007"], "stacked");
+  EXPECT_TRUE(status["light_0004"].find("FWHM") != std::string::npos ||
+              status["light_0004"].find("stars") != std::string::npos)
+      << status["light_0004"];
+  EXPECT_NE(status["light_0005"].find("stars"), std::string::npos) << status["light_0005"];
+  EXPECT_EQ(ImageReader::Open(In("out/stack_L.fits"))->Info().header.GetDouble("NCOMBINE"), 3);
+  EXPECT_EQ(ImageReader::Open(In("out/stack_R_x.fits"))->Info().header.GetDouble("NCOMBINE"), 2);
+  EXPECT_EQ(ImageReader::Open(In("out/stack_R_x.fits"))->Info().header.GetString("FILTER"), "R/x");
+}
+
+TEST_F(RunTest, ColourSessionsGiveColour) {
+  ASSERT_TRUE(Simulate(In("night"), {.frames = 3, .width = 500, .height = 400, .bayer = "GBRG"}));
+  const Result r = Shell("korimg run night --out out --pedestal 100");
+  ASSERT_EQ(r.code, 0) << r.err;
+  const Planes planes = Read("out/stack.fits");
+  ASSERT_EQ(planes.size(), 3u);
+  std::array<double, 3> sky;
+  for (size_t p = 0; p < 3; ++p) {
+    std::vector<double> values;
+    for (const float v : planes[p]) {
+      if (v == v) values.push_back(v);
+    }
+    sky[p] = Median(values) - 100;
+  }
+  EXPECT_NEAR(sky[0] / sky[1], 1, 0.05);
+  EXPECT_NEAR(sky[2] / sky[1], 1, 0.05);
+}
+
+TEST_F(RunTest, BadSessionsSayWhatToDo) {
+  fs::create_directories(In("empty"));
+  EXPECT_NE(Shell("korimg run empty --out out").err.find("no folder lights"), std::string::npos);
+  EXPECT_NE(Shell("korimg run nowhere --out out").err.find("is no folder"), std::string::npos);
+  ASSERT_TRUE(Simulate(In("night"), {.frames = 2, .width = 300, .height = 200}));
+  ASSERT_EQ(Shell("korimg run night --out out").code, 0);
+  const Result again = Shell("korimg run night --out out");
+  EXPECT_EQ(again.code, 1);
+  EXPECT_NE(again.err.find("--overwrite"), std::string::npos) << again.err;
+  const Result plan = Shell("korimg run night --out dry --dry-run");
+  EXPECT_EQ(plan.code, 0);
+  EXPECT_NE(plan.err.find("stack: 2 lights"), std::string::npos) << plan.err;
+  EXPECT_FALSE(fs::exists(In("dry")));
+}
+
+}  // namespace
+}  // namespace korimg::files
