@@ -361,8 +361,14 @@ class Photometry {
   }
 
   std::vector<CStar> Measure(double saturation) const {
-    std::vector<CStar> stars =
-        MapLines(0, static_cast<int>(shapes_.size()), [&](int i) { return MeasureStar(i, saturation); });
+    const auto measured =
+        MapLines(0, static_cast<int>(shapes_.size()), [&](int i) { return MeasureStar(i); });
+    const double most = std::min(saturation, SharedTop(measured));
+    std::vector<CStar> stars;
+    for (auto const& [star, top] : measured) {
+      stars.push_back(star);
+      if (top >= most) stars.back().flags |= CStar::Saturated;
+    }
     const Factors factors = FactorsOf(stars);
     for (size_t i = 0; i < stars.size(); ++i) {
       constexpr double kLeastFwhm = 0.5;
@@ -398,7 +404,12 @@ class Photometry {
     return stars == 1;
   }
 
-  CStar MeasureStar(int i, double saturation) const {
+  struct Measured {
+    CStar star;
+    double top;  ///< raw value of the brightest pixel
+  };
+
+  Measured MeasureStar(int i) const {
     Shape const& shape = shapes_[i];
     const Stamp stamp(image_, sky_, shape.x, shape.y, aperture_ + 2);
     const int column = std::clamp(static_cast<int>(std::lround(shape.x)), 0, image_.GetWidth() - 1),
@@ -414,10 +425,24 @@ class Photometry {
     star.snr = star.flux / (star.noise * grain_ * std::sqrt(std::numbers::pi) * aperture_);
     star.elongation = std::sqrt(shape.longer / shape.shorter);
     const bool flat = star.peak > kBright * star.noise && IsFlatTop(stamp, peakX, peakY, star.peak);
-    if (flat || star.peak + star.sky >= saturation) star.flags |= CStar::Saturated;
+    if (flat) star.flags |= CStar::Saturated;
     if (!stamp.IsWhole(shape.x, shape.y, aperture_)) star.flags |= CStar::Edge;
     if (!IsAlone(shape, aperture_ + width_)) star.flags |= CStar::Blended;
-    return star;
+    return {star, star.peak + sky_.Level(peakX, peakY)};
+  }
+
+  /// The highest top of all when three stars or more have it: no sensor shows more. Else infinite.
+  static double SharedTop(std::vector<Measured> const& stars) {
+    constexpr double kRounding = 1e-6;
+    double highest = 0, sharing = 0;
+    for (Measured const& m : stars) {
+      highest = std::max(highest, m.top);
+    }
+    const double least = highest - kRounding * highest;
+    for (Measured const& m : stars) {
+      if (m.top >= least) ++sharing;
+    }
+    return sharing >= 3 ? least : std::numeric_limits<double>::infinity();
   }
 
   /// Around the top of a star of the usual width the fifth brightest pixel is lower by 4 ln 2 / FWHM^2 at

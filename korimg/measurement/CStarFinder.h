@@ -43,7 +43,8 @@ class KORIMG_API CStarFinder {
 
   /// Deviations of the smoothed sky that a star exceeds; 5 at first. What is not above 0 counts as 0.
   void SetThreshold(double sigmas) { threshold_ = sigmas; }
-  /// Raw value from which on pixels are saturated. Flat tops count as saturated without it.
+  /// Raw value from which on pixels are saturated. Without it those stars count as saturated whose
+  /// tops are flat, and those that share the highest top of the image.
   void SetSaturation(double raw) { saturation_ = raw; }
 
   /// Returns the number of stars.

@@ -246,6 +246,20 @@ TEST(CStarFinder, FlagsAndPairs) {
   told.Find();
   EXPECT_NE(FindNear(told.GetStars(), holed.x, holed.y)->flags & CStar::Saturated, 0);
 
+  // Narrow stars have no flat tops, but they stop at the same value.
+  Scene narrow(300, 200, 1.6);
+  narrow.Scatter(30, 20, 3e3, 2);
+  const auto cut = Find(*Make(MemoryStore(), 300, 200, 1, [&](int p, int x, int y) {
+    return std::min(narrow.Rule(2)(p, x, y), 4095.0);
+  }));
+  int tops = 0;
+  for (CStar const& star : cut) {
+    const bool full = star.sky + star.peak > 4050;
+    tops += full;
+    EXPECT_EQ((star.flags & CStar::Saturated) != 0, full) << star.peak;
+  }
+  EXPECT_GE(tops, 3);
+
   // Stars two and a half widths apart, the fainter one a quarter of the brighter, are two.
   Scene pairs(300, 200, 3);
   for (int i = 0; i < 8; ++i) {
