@@ -38,6 +38,10 @@ Journal::Journal(const fs::path& output, const std::string& digest, const Shape&
                  size_t frames, Use use)
     : path_(output.string() + ".resume"), shape_(shape), images_(maps ? 3 : 1), frames_(frames), use_(use) {
   const bool found = use == Kept && fs::exists(path_);
+  // The bands and the images that are made of them lie side by side at the end.
+  const fs::path folder = fs::absolute(path_).parent_path();
+  const std::uint64_t needed = 2 * sizeof(float) * images_ * shape.planes * shape.height * shape.width;
+  if (!found && files::FreeSpace(folder) < needed) files::ThrowDiskFull(path_, folder, needed);
   if (use == Passing) transient_ = std::make_unique<files::TransientFile>(path_);
   file_ = std::make_unique<files::File>(path_, O_RDWR | O_CREAT | (found ? 0 : O_TRUNC), path_);
   const std::string title = fmt::format("korimg stack: finished bands, for --resume\n{}\n", digest);

@@ -34,10 +34,10 @@ enum class Normalisation { None, Level, LevelAndScale };
 struct StackOptions {
   CImgStack::Method method = CImgStack::ClippedMean;
   CImgStack::Clip clip;
-  Normalisation normalisation = Normalisation::None;
+  Normalisation normalisation = Normalisation::Level;
   int kernel = CInterp::MethodBicubic;
   bool rejectionMaps = false;
-  long long memory = 0;  ///< bytes for everything that a stack holds; 0 takes DefaultStackMemory
+  long long memory = 0;  ///< bytes for all that a stack holds, as DefaultStackMemory answers them
 };
 
 /// Rows of the result; planes[p] holds rows x width floats, NaN where no frame reaches. The maps hold the
@@ -80,7 +80,7 @@ std::unique_ptr<CVelImage> SampleInput(const StackInput& input);
 /// Measures a frame for normalising and weights, by such rows.
 FrameLevels MeasureInput(const StackInput& input);
 
-/// Weights by noise: of the plane with the median noise, as normalising leaves it; the best frame has 1.
+/// Weights by the noise of all planes, as normalising leaves it: one over its square. The best frame has 1.
 std::vector<double> NoiseWeights(const std::vector<StackInput>& inputs, int reference,
                                  Normalisation normalisation);
 

@@ -36,7 +36,7 @@ int NumberOf(const std::vector<std::string>& names, const std::string& name) {
 struct Options {
   std::vector<fs::path> frames;
   fs::path output, transforms, reference;
-  std::string method = "sigma", kappa = "2.5", normalise = "none", weight = "none", kernel = "bicubic",
+  std::string method = "sigma", kappa = "2.5", normalise = "level", weight = "none", kernel = "bicubic",
               bits = "float";
   int iterations = 5;
   bool maps = false, resume = false;
@@ -213,7 +213,6 @@ class StackRun {
       Save(journal);
     } catch (const Cancelled&) {
       if (!options_.resume) throw;
-      files::RemovePartialFiles();
       tool_.console.Error(fmt::format("cancelled at row {} of {}; the same call goes on from there",
                                       journal.Rows(), shape_.height));
       tool_.exitCode = kCancelled;

@@ -110,10 +110,13 @@ class Columns {
     for (int x = 0; x < columns_; ++x) {
       if (numbers_[x] != counts_[x]) aside.emplace_back(x, TakeSorted(x));
     }
-    for (const auto& [i, j] : network_) {
-      float *a = Row(i), *b = Row(j);
-      RunInLongVectors([=, columns = columns_]() KORIMG_IN_LOOP { Exchange(a, b, columns); });
-    }
+    float* first = values_.data();
+    const auto most = static_cast<size_t>(most_);
+    RunInLongVectors([&, columns = columns_]() KORIMG_IN_LOOP {
+      for (const auto& [i, j] : network_) {
+        Exchange(first + i * most, first + j * most, columns);
+      }
+    });
     for (const auto& [x, column] : aside) {
       for (int i = 0; i < frames_; ++i) {
         Row(i)[x] = column[i];

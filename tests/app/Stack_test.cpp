@@ -63,8 +63,8 @@ TEST_F(StackTest, MeanOfFramesAsTheyLieWithHolesAndBlankPixels) {
   for (int i = 0; i < 5; ++i) {
     Frame(fmt::format("it's [{}] a.fits", i), 23, 17, rule(i));
   }
-  const files::Result result =
-      Shell("korimg stack it*a.fits --method mean --rejection-maps -o 'sum [1] é.fits' --json");
+  const files::Result result = Shell(
+      "korimg stack it*a.fits --method mean --normalize none --rejection-maps -o 'sum [1] é.fits' --json");
   ASSERT_EQ(result.code, 0) << result.err;
   EXPECT_EQ(LastJson(result)["frames"].size(), 5);
   const Planes got = Read("sum [1] é.fits"), low = Read("sum [1] é_low.fits"),
@@ -111,9 +111,10 @@ TEST_F(StackTest, TransformsAreThoseOfTheCompositeAndBadFramesAreLeftOut) {
            json{{"file", "cloud.fits"}, {"dx", nullptr}, {"status", "no match"}}.dump();
   files::WriteBytes(In("t.jsonl"), lines);
   for (int i = 1; i < 5; ++i) {
-    const files::Result result = Shell(fmt::format(
-        "korimg stack 0.fits {}.fits cloud.fits --transforms t.jsonl --method {} -o out.fits --overwrite", i,
-        i % 2 ? "mean" : "median"));
+    const files::Result result =
+        Shell(fmt::format("korimg stack 0.fits {}.fits cloud.fits --transforms t.jsonl --normalize none "
+                          "--method {} -o out.fits --overwrite",
+                          i, i % 2 ? "mean" : "median"));
     ASSERT_EQ(result.code, 0) << result.err;
     EXPECT_NE(result.err.find("cloud.fits: left out: no match"), std::string::npos) << result.err;
     const Planes got = Read("out.fits");
@@ -127,8 +128,10 @@ TEST_F(StackTest, TransformsAreThoseOfTheCompositeAndBadFramesAreLeftOut) {
   ASSERT_EQ(
       Shell("korimg composite 0.fits 4.fits --dx -1.3 --dy 0.4 --angle 2 --kernel bicubic -o both.fits").code,
       0);
-  ASSERT_EQ(
-      Shell("korimg stack 0.fits 4.fits --transforms t.jsonl --method mean -o out.fits --overwrite").code, 0);
+  ASSERT_EQ(Shell("korimg stack 0.fits 4.fits --transforms t.jsonl --method mean --normalize none -o "
+                  "out.fits --overwrite")
+                .code,
+            0);
   const Planes both = Read("both.fits"), stacked = Read("out.fits");
   for (int i = 10 * kWidth; i < 20 * kWidth; ++i) {
     const int x = i % kWidth;
@@ -261,12 +264,105 @@ TEST_F(StackTest, TheSamePixelsForAnyMemoryAndThreads) {
   EXPECT_EQ(Names().size(), 7 + 1 + 6 + 2) << "no states, no parts";
 }
 
+/// Frames that are made as they are read: one scene, each at its own level and scale.
+std::vector<StackInput> Scenes(int frames, const Shape& shape,
+                               const std::function<double(int i, int p, int x, int y)>& rule) {
+  std::vector<StackInput> inputs;
+  for (int i = 0; i < frames; ++i) {
+    StackInput input{fmt::format("scene {}", i), shape};
+    input.read = [=](int y0, int rows, float* const* planes) {
+      for (int p = 0; p < shape.planes; ++p) {
+        for (int n = 0; n < rows * shape.width; ++n) {
+          planes[p][n] = static_cast<float>(rule(i, p, n % shape.width, y0 + n / shape.width));
+        }
+      }
+    };
+    input.levels = MeasureInput(input);
+    inputs.push_back(std::move(input));
+  }
+  return inputs;
+}
+
+TEST(Stack, NormalisedFramesAreAllLikeTheReference) {
+  const test::WithThreads team(2);
+  const Shape shape{70, 50, 3};
+  const auto scene = [](int p, int x, int y) { return 100 * p + 40 * Noise(p * 100000 + y * 100 + x); };
+  const auto scaled =
+      Scenes(6, shape, [&](int i, int p, int x, int y) { return 50 * i + (1 + 0.5 * i) * scene(p, x, y); });
+  const auto shifted = Scenes(6, shape, [&](int i, int p, int x, int y) { return 50 * i + scene(p, x, y); });
+  const struct {
+    const std::vector<StackInput>& inputs;
+    Normalisation normalisation;
+    bool alike;
+  } cases[] = {{scaled, Normalisation::LevelAndScale, true},
+               {scaled, Normalisation::Level, false},
+               {shifted, Normalisation::Level, true},
+               {shifted, Normalisation::None, false}};
+  for (const auto& [inputs, normalisation, alike] : cases) {
+    for (const auto method : {CImgStack::Minimum, CImgStack::Maximum}) {
+      Tool tool;
+      tool.console.SetUp(true, false);
+      constexpr int kReference = 2;
+      double most = 0;
+      int next = 0;
+      Stack(tool, inputs, kReference, {.method = method, .normalisation = normalisation, .memory = 1 << 19},
+            0, [&](const StackBand& band) {
+              EXPECT_EQ(band.y0, next);
+              next += band.rows;
+              EXPECT_EQ(band.low, nullptr);
+              std::vector<float> rows(band.rows * 70 * 3);
+              float* planes[] = {rows.data(), rows.data() + band.rows * 70, rows.data() + 2 * band.rows * 70};
+              inputs[kReference].read(band.y0, band.rows, planes);
+              for (int n = 0; n < 3 * band.rows * 70; ++n) {
+                most = std::max<double>(
+                    most, std::abs(rows[n] - band.planes[n / (band.rows * 70)][n % (band.rows * 70)]));
+              }
+            });
+      EXPECT_EQ(next, 50);
+      EXPECT_EQ(most < 0.01, alike) << static_cast<int>(normalisation) << " " << most;
+    }
+  }
+}
+
+TEST(Stack, WeightsAreOneOverTheSquareOfTheNoise) {
+  const auto inputs = Scenes(4, {200, 100, 1}, [](int i, int, int x, int y) {
+    return i == 3 ? 5 : (1 + i) * Noise(i * 1000000 + y * 1000 + x);
+  });
+  const auto plain = NoiseWeights(inputs, 0, Normalisation::Level),
+             scaled = NoiseWeights(inputs, 0, Normalisation::LevelAndScale);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_NEAR(plain[i] * (1 + i) * (1 + i), 1, 0.1) << i;
+    EXPECT_NEAR(scaled[i], 1, 0.1) << "scaled to one spread they have one noise";
+  }
+  EXPECT_EQ(plain[3], 1) << "without noise nothing is known";
+}
+
+TEST(Stack, WhatReadingThrowsReachesTheCaller) {
+  const test::WithThreads team(2);
+  for (const int fails : {0, 2}) {
+    auto inputs = Scenes(3, {30, 20, 1}, [](int i, int, int, int) { return i; });
+    inputs[fails].read = [](int y0, int, float* const*) {
+      if (y0 > 4) throw files::FileError("frame", "is gone");
+    };
+    Tool tool;
+    tool.console.SetUp(true, false);
+    int bands = 0;
+    EXPECT_EQ(files::ErrorOf([&] {
+                Stack(tool, inputs, 0, {.normalisation = Normalisation::None, .memory = 280000}, 0,
+                      [&](const StackBand&) { ++bands; });
+              }),
+              "frame: is gone");
+    EXPECT_LT(bands, 20);
+  }
+}
+
 TEST_F(StackTest, MoreFramesThanMayBeOpenAtOnce) {
   constexpr int kFrames = 140;
   for (int i = 0; i < kFrames; ++i) {
     Frame(fmt::format("{:03}.fits", i), 9, 8, [i](int, int x, int) { return i * (x + 1.0); });
   }
-  const files::Result result = Shell("ulimit -n 128 && korimg stack ???.fits --method max -o out.tif");
+  const files::Result result =
+      Shell("ulimit -n 128 && korimg stack ???.fits --method max --normalize none -o out.tif");
   ASSERT_EQ(result.code, 0) << result.err;
   EXPECT_EQ(Read("out.tif")[0][8], 9 * (kFrames - 1));
 }
@@ -314,10 +410,11 @@ bool RunAndKill(const fs::path& folder, const std::vector<std::string>& words, i
 TEST_F(StackTest, ARunThatIsKilledGoesOnToTheSameResult) {
   constexpr int kFrames = 12, kWidth = 160, kHeight = 240;
   Frames(kFrames, kWidth, kHeight);
-  std::vector<std::string> call = {"korimg",      "stack", "--memory", "900K",     "--rejection-maps",
-                                   "--normalize", "level", "-o",       "out.fits", "--resume"};
+  std::vector<std::string> call = {"korimg",   "stack", "--threads",        "2",
+                                   "--memory", "900K",  "--rejection-maps", "--normalize",
+                                   "level",    "-o",    "out.fits",         "--resume"};
   const auto lineTo = [](const std::string& output) {
-    return "korimg stack --memory 900K --rejection-maps --normalize level f*.fits -o " + output;
+    return "korimg stack --threads 2 --memory 900K --rejection-maps --normalize level f*.fits -o " + output;
   };
   for (int i = 0; i < kFrames; ++i) {
     call.push_back(fmt::format("f{:02}.fits", i));
@@ -356,7 +453,7 @@ TEST_F(StackTest, ARunThatIsKilledGoesOnToTheSameResult) {
 
 TEST_F(StackTest, CancelledItLeavesNothingOrWhatResumeWants) {
   Frames(12, 160, 240);
-  std::vector<std::string> call = {"korimg", "stack", "--memory", "600K", "-o", "out.fits"};
+  std::vector<std::string> call = {"korimg", "stack", "--threads", "2", "--memory", "600K", "-o", "out.fits"};
   for (int i = 0; i < 12; ++i) {
     call.push_back(fmt::format("f{:02}.fits", i));
   }
@@ -371,7 +468,7 @@ TEST_F(StackTest, CancelledItLeavesNothingOrWhatResumeWants) {
   EXPECT_EQ(Names().size(), 13);
   EXPECT_TRUE(fs::exists(In("out.fits.resume")));
   // A state of other options is of no use, and a plain run leaves it behind as little.
-  const std::string line = "korimg stack f*.fits -o out.fits --memory 600K ";
+  const std::string line = "korimg stack f*.fits -o out.fits --threads 2 --memory 600K ";
   const files::Result other = Shell(line + "--resume --kappa 4");
   EXPECT_EQ(other.code, 0);
   EXPECT_NE(other.err.find("beginning anew"), std::string::npos) << other.err;
@@ -525,7 +622,8 @@ TEST_F(StackTest, ASimulatedSessionByItsTruth) {
     std::nth_element(d.begin(), d.begin() + d.size() / 2, d.end());
     return d[d.size() / 2];
   };
-  const double four = noise(stack(4, "--method mean")), sixteen = noise(stack(kFrames, "--method mean"));
+  const double four = noise(stack(4, "--method mean --normalize none")),
+               sixteen = noise(stack(kFrames, "--method mean --normalize none"));
   EXPECT_NEAR(four / sixteen, 2, 0.25);
 
   // The trail and the cosmic rays are in the mean, and gone from the clipped mean.

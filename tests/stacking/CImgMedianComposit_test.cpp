@@ -244,7 +244,7 @@ TEST(CImgMedianComposit, FramesAreBroughtToTheReference) {
   const auto without = [] {
     OnePixel({30, 31}, [](CImgMedianComposit& stack) { stack.SigmaCalc(2, 0, 0); });
   };
-  EXPECT_THROW(without(), CInvalidArgException*);
+  EXPECT_TRUE(ThrowsPointer<CInvalidArgException>(without));
 }
 
 TEST(CImgMedianComposit, OffsetsRunThroughTheBandValueByValue) {

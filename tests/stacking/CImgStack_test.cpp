@@ -278,7 +278,8 @@ TEST(CImgStack, ByHand) {
   EXPECT_FLOAT_EQ(OnePixel(outliers, CImgStack::ClippedMean, {2.5, 1e3, 5}), 1066.0f / 11) << "low only";
   const auto target = Make(MemoryStore(), 1, 1, 1, Random(0, 1));
   for (const double weight : {0.0, -1.0, static_cast<double>(nan), static_cast<double>(inf)}) {
-    EXPECT_THROW(CImgStack(target.get()).SetWeights(std::vector{1.0, weight}), CInvalidArgException*);
+    const auto set = [&] { CImgStack(target.get()).SetWeights(std::vector{1.0, weight}); };
+    EXPECT_TRUE(ThrowsPointer<CInvalidArgException>(set)) << weight;
   }
 }
 

@@ -147,6 +147,18 @@ inline std::string Difference(CVelImage& image, CVelImage& expected, double tole
       image, [&](int p, int x, int y) { return expected.GetPixelGrayRaw(x, y, p); }, tolerance);
 }
 
+/// True when `action` throws a pointer to Exception, as the platform does. It is deleted.
+template <class Exception, class F>
+bool ThrowsPointer(F&& action) {
+  try {
+    action();
+  } catch (Exception* error) {
+    error->Delete();
+    return true;
+  }
+  return false;
+}
+
 /// Sets the processor's features for a scope: 0 runs the plain line loops.
 class WithFeatures {
  public:
