@@ -29,7 +29,7 @@ constexpr int kThumbnailSide = 300, kPictureSide = 1400;  // pixels
 /// A light on its way.
 struct Progress {
   const Light* light = nullptr;
-  std::string error;  ///< it could not be done at all
+  std::string error = "cannot be read";  ///< it could not be done at all
   Shape shape;
   double clipped = 0;
   FrameMeasure measure;
@@ -188,7 +188,7 @@ class Road {
     SideBySide(
         tool_, "measuring frame", frames_.size(),
         [&](size_t i) {
-          Progress frame = frames_[i];
+          Progress frame{frames_[i].light, ""};
           LightRows rows(session_, *frame.light);
           const auto image = LoadWhole(rows, tool_.MakeStore());
           frame.shape = rows.Size();
@@ -200,9 +200,7 @@ class Road {
           return frame;
         },
         [&](size_t i, const auto& result) {
-          Progress& frame = frames_[i];
-          frame.error = "cannot be read";
-          tool_.ForEachFile({frame.light->frame.path}, [&](const fs::path&) { frame = result(); });
+          tool_.ForEachFile({frames_[i].light->frame.path}, [&](const fs::path&) { frames_[i] = result(); });
         });
   }
 
