@@ -174,8 +174,7 @@ std::string Page(const Report& report) {
             Cell(frame.dy, "{:.2f}") + Cell(frame.degrees, "{:.3f}") + Cell(frame.residual, "{:.3f}") +
             Cell(frame.weight, "{:.2f}") + Cell(frame.rejected, "{:.3f} %") + "</tr>\n";
   }
-  page +=
-      "</table></div>\n<h2>Left out</h2>\n" + Lines(report.limits) + "<h2>Plan</h2>\n" + Lines(report.plan);
+  page += "</table></div>\n<h2>Plan</h2>\n" + Lines(report.plan);
   page += fmt::format(
       "<h2>Made by</h2>\n<p><code>{}</code><br>korimg {}, {:%Y-%m-%d %H:%M} UTC</p>\n</body></html>\n",
       Escaped(report.command), Version(), fmt::gmtime(std::time(nullptr)));

@@ -29,9 +29,8 @@ struct ReportStack {
 };
 
 struct Report {
-  std::string command;              ///< as the tool was called
-  std::vector<std::string> plan;    ///< what was found and how it was matched, by lines
-  std::vector<std::string> limits;  ///< for leaving frames out
+  std::string command;            ///< as the tool was called
+  std::vector<std::string> plan;  ///< what was found, how it was matched, and what is left out, by lines
   std::vector<ReportStack> stacks;
   std::vector<ReportFrame> frames;  ///< in order of time
 };

@@ -244,37 +244,43 @@ class Road {
                      reference.measure.starCount, reference.measure.fwhm));
   }
 
-  /// Leaves out what cannot be stacked, and what is much worse than the others.
+  /// Leaves out what cannot be stacked, and what is much worse than the others. A few stars tell nothing of
+  /// that.
   void LeaveOutBad(Target& target) {
-    const Shape& shape = frames_[reference_].shape;
+    constexpr int kEnough = 20;
     std::vector<double> stars, fwhms, elongations;
     for (const Progress* frame : target.frames) {
       if (!frame->IsMeasured()) continue;
       stars.push_back(frame->measure.starCount);
-      if (frame->measure.starCount == 0) continue;
+      if (frame->measure.starCount < kEnough) continue;
       fwhms.push_back(frame->measure.fwhm);
       elongations.push_back(frame->measure.elongation);
     }
     const FrameLimits& limits = options_.limits;
-    const double fewest = limits.stars * Median(stars), widest = limits.fwhm * Median(fwhms),
-                 longest = limits.elongation * Median(elongations);
-    report_.limits.push_back(
-        fmt::format("{}: fewer than {:.0f} stars ({:g} of the median), FWHM above {:.2f} px ({:g} times), "
-                    "elongation above "
-                    "{:.2f} ({:g} times); what could not be registered",
-                    target.name, fewest, limits.stars, widest, limits.fwhm, longest, limits.elongation));
+    const double usual = Median(stars), fewest = usual < kEnough ? 0 : limits.stars * usual,
+                 widest = limits.fwhm * Median(fwhms), longest = limits.elongation * Median(elongations);
+    std::string text = target.name + ": what could not be registered";
+    if (fewest > 0)
+      text += fmt::format("; fewer than {:.0f} stars ({:g} of the median)", fewest, limits.stars);
+    if (widest > 0)
+      text += fmt::format("; FWHM above {:.2f} px ({:g} times the median)", widest, limits.fwhm);
+    if (longest > 0)
+      text += fmt::format("; elongation above {:.2f} ({:g} times the median)", longest, limits.elongation);
+    Plan(text + "; are left out");
+    const Shape& shape = frames_[reference_].shape;
     for (Progress* frame : target.frames) {
       if (!frame->IsMeasured()) continue;
       const FrameMeasure& m = frame->measure;
+      const bool tells = m.starCount >= kEnough;
       const Shape& own = frame->shape;
       if (own.width != shape.width || own.height != shape.height || own.planes != shape.planes) {
         LeaveOut(*frame, fmt::format("is {} x {} x {}, the reference {} x {} x {}", own.width, own.height,
                                      own.planes, shape.width, shape.height, shape.planes));
-      } else if (limits.stars > 0 && m.starCount < fewest) {
+      } else if (m.starCount < fewest) {
         LeaveOut(*frame, fmt::format("{} stars, fewer than {:.0f}", m.starCount, fewest));
-      } else if (limits.fwhm > 0 && m.fwhm > widest) {
+      } else if (tells && widest > 0 && m.fwhm > widest) {
         LeaveOut(*frame, fmt::format("FWHM {:.2f} px, above {:.2f}", m.fwhm, widest));
-      } else if (limits.elongation > 0 && m.elongation > longest) {
+      } else if (tells && longest > 0 && m.elongation > longest) {
         LeaveOut(*frame, fmt::format("elongation {:.2f}, above {:.2f}", m.elongation, longest));
       } else if (!frame->registration.IsGood()) {
         LeaveOut(*frame, "not registered: " + frame->registration.status);
