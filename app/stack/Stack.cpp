@@ -97,7 +97,7 @@ struct BandBytes {
       read = std::max(read, 4LL * (range.end - range.first) * input.shape.width * input.shape.planes);
     }
     // One frame's rows are read while another's are stored; for sorting each thread has its columns.
-    const long long columns = CParallel::GetMaxThreads() * std::max(8192LL, 64 * frames) * 16;
+    const long long columns = CParallel::GetMaxThreads() * std::max(8192LL, 192 * frames) * 16;
     total = store + 2 * read + rows * line * (options.rejectionMaps ? 3 : 1) + columns;
   }
 };

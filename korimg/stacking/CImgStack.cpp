@@ -17,6 +17,7 @@ struct Work {
   std::vector<double> first, second;  ///< two sums
   std::vector<double> medians;
   std::vector<int> from, to;     ///< ranks that clipping leaves
+  std::vector<int> open;         ///< columns that may lose more
   std::vector<float> low, high;  ///< the least and largest value that it leaves
   std::vector<float> lowCount, highCount;
 
@@ -33,27 +34,61 @@ struct Work {
   }
 };
 
-/// The median of the values that are left in each column, and the sums of their distances from it and of the
-/// squares of these.
+/// The median of the values of each column, and the sums of their distances from it and of the squares of
+/// these.
 void SumUp(Columns& sorted, Work& work) {
   double *linear = work.first.data(), *squares = work.second.data(), *medians = work.medians.data();
-  int const *from = work.from.data(), *to = work.to.data();
+  int const* counts = sorted.Counts();
   const int columns = sorted.Size();
   for (int x = 0; x < columns; ++x) {
-    medians[x] = sorted.Median(x, from[x], to[x]);
+    medians[x] = sorted.Median(x);
     linear[x] = squares[x] = 0;
   }
   for (int i = 0; i < sorted.Frames(); ++i) {
     float const* row = sorted.Row(i);
     RunInLongVectors([=]() KORIMG_IN_LOOP {
       for (int x = 0; x < columns; ++x) {
-        const bool counts = (i >= from[x]) & (i < to[x]);
-        const double d = counts ? row[x] - medians[x] : 0.0;
+        const double d = i < counts[x] ? row[x] - medians[x] : 0.0;
         linear[x] += d;
         squares[x] += d * d;
       }
     });
   }
+}
+
+/// The same of the values that are left in one column.
+void SumUp(Columns& sorted, Work& work, int x) {
+  const double median = sorted.Median(x, work.from[x], work.to[x]);
+  double linear = 0, squares = 0;
+  for (int i = work.from[x]; i < work.to[x]; ++i) {
+    const double d = sorted.Row(i)[x] - median;
+    linear += d;
+    squares += d * d;
+  }
+  work.medians[x] = median;
+  work.first[x] = linear;
+  work.second[x] = squares;
+}
+
+/// Takes what lies too far from a column's median off the ranks that are left. False when that is nothing, or
+/// would be all.
+bool Reject(Columns& sorted, Clip const& clip, Work& work, int x) {
+  int from = work.from[x], to = work.to[x];
+  const int n = to - from;
+  if (n < 3) return false;
+  const double mean = work.first[x] / n;
+  const double deviation = std::sqrt(std::max(work.second[x] / n - mean * mean, 0.0));
+  const double low = work.medians[x] - clip.low * deviation, high = work.medians[x] + clip.high * deviation;
+  while (from < to && sorted.Row(from)[x] < low) {
+    ++from;
+  }
+  while (from < to && sorted.Row(to - 1)[x] > high) {
+    --to;
+  }
+  if (from == to || to - from == n) return false;
+  work.from[x] = from;
+  work.to[x] = to;
+  return true;
 }
 
 /// Sorts the columns, and finds the least and largest value of each that clipping leaves.
@@ -62,29 +97,17 @@ void FindLimits(Columns& columns, Clip const& clip, Work& work) {
   const int size = columns.Size();
   std::fill_n(work.from.begin(), size, 0);
   std::copy_n(columns.Counts(), size, work.to.begin());
-  bool changed = true;
-  for (int round = 0; changed && round < clip.iterations; ++round) {
-    changed = false;
-    SumUp(columns, work);
-    for (int x = 0; x < size; ++x) {
-      int from = work.from[x], to = work.to[x];
-      const int n = to - from;
-      if (n < 3) continue;
-      const double mean = work.first[x] / n;
-      const double deviation = std::sqrt(std::max(work.second[x] / n - mean * mean, 0.0));
-      const double low = work.medians[x] - clip.low * deviation,
-                   high = work.medians[x] + clip.high * deviation;
-      while (from < to && columns.Row(from)[x] < low) {
-        ++from;
-      }
-      while (from < to && columns.Row(to - 1)[x] > high) {
-        --to;
-      }
-      if (from == to || to - from == n) continue;
-      changed = true;
-      work.from[x] = from;
-      work.to[x] = to;
-    }
+  // The first round is for all columns side by side; most of them are done then.
+  work.open.clear();
+  if (clip.iterations > 0) SumUp(columns, work);
+  for (int x = 0; clip.iterations > 0 && x < size; ++x) {
+    if (Reject(columns, clip, work, x)) work.open.push_back(x);
+  }
+  for (int round = 1; round < clip.iterations && !work.open.empty(); ++round) {
+    std::erase_if(work.open, [&](int x) {
+      SumUp(columns, work, x);
+      return !Reject(columns, clip, work, x);
+    });
   }
   for (int x = 0; x < size; ++x) {
     const bool any = columns.Counts()[x] > 0;

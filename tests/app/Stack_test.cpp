@@ -306,7 +306,7 @@ TEST(Stack, NormalisedFramesAreAllLikeTheReference) {
       double most = 0;
       int next = 0;
       Stack(tool, inputs, kReference, {.method = method, .normalisation = normalisation, .memory = 1 << 19},
-            0, [&](const StackBand& band) {
+            0, [&, &inputs = inputs](const StackBand& band) {
               EXPECT_EQ(band.y0, next);
               next += band.rows;
               EXPECT_EQ(band.low, nullptr);
