@@ -1,21 +1,36 @@
 #include "app/register/Register.h"
 
 #include <algorithm>
-#include <fstream>
+#include <cmath>
+#include <numbers>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-
-#include "app/files/ImageFile.h"
 
 namespace korimg::tool {
 namespace {
 
 using Json = nlohmann::ordered_json;
 
-Registration FromMatch(const CStarMatch& match, const char* method) {
+Registration FromMatch(const CStarMatch& match, const FrameMeasure& frame, const char* method) {
   const char* const names[] = {"ok", "no stars", "no match", "mirrored", "residual too large"};
-  return {{}, match.dx, match.dy, match.degrees, match.stars, match.residual, method, names[match.status]};
+  return {{},         match.dx, match.dy,           match.degrees, match.stars, match.residual,
+          frame.fwhm, method,   names[match.status]};
+}
+
+/// A frame that lies on another one, which lies on the reference, on that.
+Registration Joined(const Registration& first, const FrameMeasure& frame, const Registration& second,
+                    const FrameMeasure& between) {
+  Registration joined = first;
+  const double a = second.degrees * std::numbers::pi / 180, c = std::cos(a), s = std::sin(a);
+  // Where the frame's middle comes to.
+  const double x = frame.width * 0.5 + first.dx - between.width * 0.5,
+               y = frame.height * 0.5 + first.dy - between.height * 0.5;
+  joined.dx = c * x - s * y + between.width * 0.5 + second.dx - frame.width * 0.5;
+  joined.dy = s * x + c * y + between.height * 0.5 + second.dy - frame.height * 0.5;
+  joined.degrees = std::remainder(first.degrees + second.degrees, 360);
+  joined.residual = std::hypot(first.residual, second.residual);
+  return joined;
 }
 
 }  // namespace
@@ -46,6 +61,7 @@ size_t ChooseReference(const std::vector<FrameMeasure>& frames) {
 Registration ReferenceRegistration(const FrameMeasure& reference) {
   Registration registration;
   registration.stars = static_cast<int>(reference.stars.size());
+  registration.fwhm = reference.fwhm;
   registration.method = "reference";
   registration.status = "ok";
   return registration;
@@ -61,9 +77,9 @@ Registration Registrar::Register(const FrameMeasure& frame, const ImageSource& i
   const bool isKnown = match.status != CStarMatch::NoStars && match.status != CStarMatch::NoMatch;
   if (!isKnown) {
     const CStarMatch phase = MatchByPhase(image);
-    if (phase.status == CStarMatch::Ok) return FromMatch(phase, "phase");
+    if (phase.status == CStarMatch::Ok) return FromMatch(phase, frame, "phase");
   }
-  return FromMatch(match, "stars");
+  return FromMatch(match, frame, "stars");
 }
 
 CStarMatch Registrar::MatchByPhase(const ImageSource& image) {
@@ -76,33 +92,47 @@ CStarMatch Registrar::MatchByPhase(const ImageSource& image) {
 }
 
 std::string ToJson(const Registration& registration) {
-  const Json json{{"file", registration.file},     {"dx", registration.dx},
-                  {"dy", registration.dy},         {"degrees", registration.degrees},
-                  {"stars", registration.stars},   {"residual_px", registration.residual},
-                  {"method", registration.method}, {"status", registration.status}};
+  const Json json{{"file", registration.file},    {"dx", registration.dx},
+                  {"dy", registration.dy},        {"degrees", registration.degrees},
+                  {"stars", registration.stars},  {"residual_px", registration.residual},
+                  {"fwhm", registration.fwhm},    {"method", registration.method},
+                  {"status", registration.status}};
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-std::vector<Registration> ReadRegistrations(const std::filesystem::path& path) {
-  std::ifstream in(path);
-  if (!in) throw files::FileError(path, "cannot be read");
-  std::vector<Registration> registrations;
-  int number = 0;
-  for (std::string line; std::getline(in, line);) {
-    ++number;
-    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-    try {
-      const Json json = Json::parse(line);
-      registrations.push_back({json.at("file"), json.at("dx"), json.at("dy"), json.at("degrees"),
-                               json.value("stars", 0), json.value("residual_px", 0.0),
-                               json.value("method", ""), json.value("status", "ok")});
-    } catch (const Json::exception& error) {
-      throw files::FileError(
-          path, fmt::format("line {} is no registration, as korimg register --json writes them: {}", number,
-                            error.what()));
+bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames,
+                           std::vector<Registration>& registrations) {
+  constexpr size_t kMostTried = 5;
+  const auto wants = [&](size_t i) {
+    return registrations[i].status == "no match" && frames[i].stars.size() >= 3;
+  };
+  bool any = false;
+  for (bool found = true; found;) {
+    found = false;
+    for (size_t i = 0; i < frames.size(); ++i) {
+      if (!wants(i)) continue;
+      std::vector<size_t> others;
+      for (size_t k = 0; k < frames.size(); ++k) {
+        if (registrations[k].IsGood()) others.push_back(k);
+      }
+      const auto distance = [i](size_t k) { return k > i ? k - i : i - k; };
+      std::stable_sort(others.begin(), others.end(),
+                       [&](size_t a, size_t b) { return distance(a) < distance(b); });
+      others.resize(std::min(others.size(), kMostTried));
+      for (const size_t k : others) {
+        const CStarMatch match =
+            CStarMatcher(frames[k].stars).Match(frames[i].stars, frames[i].width, frames[i].height);
+        if (match.status != CStarMatch::Ok) continue;
+        Registration& registration = registrations[i];
+        const std::string file = registration.file;
+        registration = Joined(FromMatch(match, frames[i], "stars"), frames[i], registrations[k], frames[k]);
+        registration.file = file;
+        found = any = true;
+        break;
+      }
     }
   }
-  return registrations;
+  return any;
 }
 
 }  // namespace korimg::tool

@@ -1,5 +1,4 @@
-// How frames lie on a reference: first by their stars, then by phase correlation. Nothing here reads files
-// but the list of registrations itself.
+// How frames lie on a reference: first by their stars, then by phase correlation. Nothing here reads files.
 #pragma once
 
 #include <filesystem>
@@ -37,6 +36,7 @@ struct Registration {
   double dx = 0, dy = 0, degrees = 0;
   int stars = 0;        ///< that the fit is made of
   double residual = 0;  ///< pixels, root mean square
+  double fwhm = 0;      ///< pixels, of the frame's stars
   std::string method;   ///< "reference", "stars", "phase"
   std::string status;   ///< "ok", "no stars", "no match", "mirrored", "residual too large"
   bool IsGood() const { return status == "ok"; }
@@ -69,9 +69,12 @@ class Registrar {
   std::unique_ptr<CPhaseMatcher> phase_;
 };
 
-/// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, method, status.
+/// Lays frames whose stars do not match those of the reference on frames that lie on it, by their stars:
+/// those nearest in the order of frames, five at most for each. One registration for each frame; false when
+/// none was found.
+bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations);
+
+/// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, fwhm, method, status.
 std::string ToJson(const Registration& registration);
-/// Those of a file with one on each line; empty lines do not count. Throws files::FileError, with the line.
-std::vector<Registration> ReadRegistrations(const std::filesystem::path& path);
 
 }  // namespace korimg::tool

@@ -222,24 +222,25 @@ class Road {
     };
     Progress& reference = frames_[reference_];
     Registrar registrar(reference.measure, image(reference));
+    std::vector<Registration> registrations(numbers.size());
     SideBySide(
-        tool_, "registering frame", frames_.size(),
-        [&](size_t i) {
-          const Progress& frame = frames_[i];
-          if (!frame.IsMeasured()) return Registration();
-          if (i == reference_) return ReferenceRegistration(reference.measure);
-          return registrar.Register(frame.measure, image(frame));
+        tool_, "registering frame", numbers.size(),
+        [&](size_t k) {
+          if (numbers[k] == reference_) return ReferenceRegistration(reference.measure);
+          return registrar.Register(measures[k], image(frames_[numbers[k]]));
         },
-        [&](size_t i, const auto& result) {
-          Progress& frame = frames_[i];
-          if (!frame.IsMeasured()) return;
-          tool_.ForEachFile({frame.light->frame.path}, [&](const fs::path&) {
-            frame.registration = result();
-            // Frames are brought to the reference by their sky and by the light of their stars.
-            const double ratio = FluxRatio(frame.measure, frame.registration, reference.measure);
-            std::fill(std::begin(frame.levels.spread), std::end(frame.levels.spread), ratio);
-          });
+        [&](size_t k, const auto& result) {
+          tool_.ForEachFile({frames_[numbers[k]].light->frame.path},
+                            [&](const fs::path&) { registrations[k] = result(); });
         });
+    RegisterThroughOthers(measures, registrations);
+    for (size_t k = 0; k < numbers.size(); ++k) {
+      Progress& frame = frames_[numbers[k]];
+      frame.registration = registrations[k];
+      // Frames are brought to the reference by their sky and by the light of their stars.
+      const double ratio = FluxRatio(frame.measure, frame.registration, reference.measure);
+      std::fill(std::begin(frame.levels.spread), std::end(frame.levels.spread), ratio);
+    }
     Plan(fmt::format("reference: {}, {} stars, FWHM {:.2f} px", reference.light->Name(),
                      reference.measure.starCount, reference.measure.fwhm));
   }

@@ -1,16 +1,13 @@
 // korimg register: how frames lie on a reference.
 #include "app/register/Register.h"
 
-#include <deque>
 #include <fstream>
-#include <future>
 
 #include <fmt/format.h>
 
-#include "korimg/platform/CParallel.h"
-
 #include "app/files/Formats.h"
 #include "app/tool/Images.h"
+#include "app/tool/SideBySide.h"
 #include "app/verbs/Verbs.h"
 
 namespace korimg::tool {
@@ -24,34 +21,6 @@ struct RegisterOptions {
   fs::path output;
   double sigmas = 5, residual = 1;
 };
-
-/// Calls work(file) for a few files at once, each on its share of the threads, and then take(index, result)
-/// in order. A file that fails is one line on standard error.
-template <class Work, class Take>
-void ForFilesAtOnce(Tool& tool, const std::vector<fs::path>& files, const std::string& title, Work&& work,
-                    Take&& take) {
-  constexpr int kMostAtOnce = 4;  // each holds an image
-  const int threads = CParallel::GetMaxThreads();
-  const auto atOnce = static_cast<size_t>(std::min(threads, kMostAtOnce));
-  const auto policy = atOnce > 1 ? std::launch::async : std::launch::deferred;
-  std::deque<std::future<decltype(work(files[0]))>> running;
-  size_t next = 0, done = 0;
-  tool.ForEachFile(files, [&](const fs::path&) {
-    for (; next < files.size() && next < done + atOnce; ++next) {
-      running.push_back(
-          std::async(policy, [&work, &file = files[next], share = threads / static_cast<int>(atOnce)] {
-            CParallel::SetMaxThreads(share);
-            return work(file);
-          }));
-    }
-    tool.console.JobProgress(title, static_cast<long long>(done) + 1, static_cast<long long>(files.size()));
-    auto first = std::move(running.front());
-    running.pop_front();
-    const size_t index = done++;
-    take(index, first.get());
-  });
-  tool.console.JobProgress("", 0, 0);
-}
 
 std::string Line(const Registration& r) {
   return r.IsGood() ? fmt::format("{}: shift {:.3f}, {:.3f}, angle {:.4f}, residual {:.3f} ({}, {})", r.file,
@@ -69,10 +38,15 @@ void Register(Tool& tool, const RegisterOptions& options) {
 
   std::vector<fs::path> files;
   std::vector<FrameMeasure> frames;
-  ForFilesAtOnce(tool, options.files, "finding stars in frame", measure, [&](size_t i, FrameMeasure frame) {
-    files.push_back(options.files[i]);
-    frames.push_back(std::move(frame));
-  });
+  SideBySide(
+      tool, "finding stars in frame", options.files.size(),
+      [&](size_t i) { return measure(options.files[i]); },
+      [&](size_t i, const auto& result) {
+        tool.ForEachFile({options.files[i]}, [&](const fs::path& file) {
+          frames.push_back(result());
+          files.push_back(file);
+        });
+      });
   if (frames.empty()) return;
   fs::path referenceFile = options.reference;
   FrameMeasure reference;
@@ -88,21 +62,23 @@ void Register(Tool& tool, const RegisterOptions& options) {
 
   Registrar registrar(
       reference, [&] { return load(referenceFile); }, options.residual);
-  std::string lines;
+  std::vector<Registration> registrations(files.size());
   for (size_t i = 0; i < files.size(); ++i) {
     tool.ForEachFile({files[i]}, [&](const fs::path& file) {
-      Registration registration = fs::equivalent(file, referenceFile)
-                                      ? ReferenceRegistration(reference)
-                                      : registrar.Register(frames[i], [&] { return load(file); });
-      registration.file = file.string();
-      lines += ToJson(registration) + '\n';
-      if (tool.options.json && options.output.empty()) {
-        fmt::print("{}\n", ToJson(registration));
-      } else if (!tool.options.json) {
-        fmt::print("{}\n", Line(registration));
-      }
+      registrations[i] = fs::equivalent(file, referenceFile)
+                             ? ReferenceRegistration(reference)
+                             : registrar.Register(frames[i], [&] { return load(file); });
     });
+    registrations[i].file = files[i].string();
   }
+  RegisterThroughOthers(frames, registrations);
+  std::string lines;
+  for (const Registration& registration : registrations) {
+    if (registration.status.empty()) continue;  // its failure was told
+    lines += ToJson(registration) + '\n';
+    if (!tool.options.json) fmt::print("{}\n", Line(registration));
+  }
+  if (tool.options.json && options.output.empty()) fmt::print("{}", lines);
   if (options.output.empty() || tool.options.dryRun) return;
   files::TransientFile part(files::PartialName(options.output));
   std::ofstream out(part.Path());

@@ -1,12 +1,14 @@
 #include <cmath>
 #include <fstream>
 #include <numbers>
+#include <random>
 #include <sstream>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "app/register/Register.h"
+#include "app/stack/Transforms.h"
 #include "tests/app/Tool.h"
 
 namespace korimg::files {
@@ -78,10 +80,10 @@ TEST_F(StarsTest, RegistersASessionAgainstItsTruth) {
   EXPECT_NE(automatic.out.find("reference: night/lights/"), std::string::npos);
   EXPECT_NE(automatic.out.find("shift 0.000, 0.000, angle 0.0000"), std::string::npos)
       << "of the reference" << automatic.out;
-  const auto list = tool::ReadRegistrations(In("list.jsonl"));
+  const std::vector<Json> list = Lines(ReadBytes(In("list.jsonl")));
   ASSERT_EQ(list.size(), 5u);
-  EXPECT_EQ(list[4].file, "night/lights/light_0005.fits");
-  EXPECT_EQ(std::count_if(list.begin(), list.end(), [](auto& r) { return r.method == "reference"; }), 1);
+  EXPECT_EQ(list[4]["file"], "night/lights/light_0005.fits");
+  EXPECT_EQ(std::count_if(list.begin(), list.end(), [](auto& r) { return r["method"] == "reference"; }), 1);
 
   // Too few stars: phase correlation, hot pixels and all.
   const Result phase = Shell(
@@ -119,25 +121,55 @@ TEST_F(StarsTest, HalfTurnsAreFoundAndMirroredFramesNamed) {
   EXPECT_EQ(Lines(r.out)[2]["status"], "mirrored");
 }
 
-TEST_F(StarsTest, ListsOfRegistrationsAreRead) {
-  tool::Registration registration{"a \"b\".fits", -1.5, 1e-17, 179.25, 7, 0.125, "phase", "ok"};
-  std::ofstream(In("list")) << tool::ToJson(registration) << "\n\n"
-                            << R"({"file": "c", "dx": 1, "dy": 2, "degrees": 3})" << '\n';
-  const auto read = tool::ReadRegistrations(In("list"));
-  ASSERT_EQ(read.size(), 2u);
-  EXPECT_EQ(tool::ToJson(read[0]), tool::ToJson(registration));
-  EXPECT_EQ(read[0].dy, 1e-17);
-  EXPECT_TRUE(read[1].IsGood());
-  for (const char* bad : {"no", "{}", R"({"file": "c", "dx": "1", "dy": 2, "degrees": 3})", "[1]"}) {
-    std::ofstream(In("bad")) << tool::ToJson(registration) << '\n' << bad;
-    try {
-      tool::ReadRegistrations(In("bad"));
-      ADD_FAILURE() << bad;
-    } catch (const FileError& error) {
-      EXPECT_NE(std::string(error.what()).find("line 2 "), std::string::npos) << error.what();
+TEST_F(StarsTest, StacksReadWhatRegisterWrites) {
+  const std::string name = "a \"b\" 星.fits";
+  const tool::Registration registration{In(name).string(), -1.5, 1e-17, 179.25, 7, 0.125, 2.5, "phase", "ok"};
+  WriteBytes(In("list"), tool::ToJson(registration) + "\n\n");
+  const tool::Transform read = tool::Transforms(In("list")).Of(In(name));
+  EXPECT_EQ(std::tuple(read.dx, read.dy, read.degrees, read.fwhm, read.status),
+            std::tuple(-1.5, 1e-17, 179.25, 2.5, "ok"));
+}
+
+TEST_F(StarsTest, FramesWithoutCommonStarsAreRegisteredThroughOthers) {
+  // A long field, seen in three overlapping frames that are turned and shifted; the last shares no star with
+  // the first.
+  constexpr int kWidth = 800, kHeight = 600;
+  const struct { double dx, dy, degrees; } poses[] = {{0, 0, 0}, {450.25, -20.5, 3}, {900.75, 31.125, -174}};
+  std::vector<tool::FrameMeasure> frames;
+  for (const auto& pose : poses) {
+    tool::FrameMeasure frame;
+    frame.width = kWidth;
+    frame.height = kHeight;
+    std::minstd_rand random(5);
+    std::uniform_real_distribution<double> along(0, 1800), across(0, kHeight);
+    for (int i = 0; i < 150; ++i) {
+      CStar star;
+      const double x = along(random), y = across(random);
+      star.flux = 1000 - i;
+      star.snr = 100;
+      star.fwhm = 3;
+      // What CImgComposit undoes.
+      const double a = -pose.degrees * std::numbers::pi / 180, u = x - pose.dx - kWidth / 2.0,
+                   v = y - pose.dy - kHeight / 2.0;
+      star.x = std::cos(a) * u - std::sin(a) * v + kWidth / 2.0;
+      star.y = std::sin(a) * u + std::cos(a) * v + kHeight / 2.0;
+      if (star.x > 0 && star.y > 0 && star.x < kWidth && star.y < kHeight) frame.stars.push_back(star);
     }
+    frames.push_back(frame);
   }
-  EXPECT_THROW(tool::ReadRegistrations(In("missing")), FileError);
+  std::vector<tool::Registration> registrations(3);
+  registrations[0].status = "ok";
+  registrations[1].status = registrations[2].status = "no match";
+  ASSERT_EQ(CStarMatcher(frames[0].stars).Match(frames[2].stars, kWidth, kHeight).status,
+            CStarMatch::NoMatch);
+  EXPECT_TRUE(tool::RegisterThroughOthers(frames, registrations));
+  for (int i = 1; i < 3; ++i) {
+    ASSERT_TRUE(registrations[i].IsGood()) << i;
+    EXPECT_NEAR(registrations[i].dx, poses[i].dx, 1e-3);
+    EXPECT_NEAR(registrations[i].dy, poses[i].dy, 1e-3);
+    EXPECT_NEAR(registrations[i].degrees, poses[i].degrees, 1e-4);
+  }
+  EXPECT_FALSE(tool::RegisterThroughOthers(frames, registrations)) << "all are known";
 }
 
 TEST_F(StarsTest, TheReferenceIsTheSharpestRichFrame) {
