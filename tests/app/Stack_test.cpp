@@ -135,7 +135,8 @@ TEST_F(StackTest, TransformsAreThoseOfTheCompositeAndBadFramesAreLeftOut) {
   const Planes both = Read("both.fits"), stacked = Read("out.fits");
   for (int i = 10 * kWidth; i < 20 * kWidth; ++i) {
     const int x = i % kWidth;
-    EXPECT_NEAR(both[0][i], stacked[0][i], x > 5 && x < 34 ? 1e-3 : INFINITY);
+    if (x <= 5 || x >= 34) continue;  // the first alone, or with 0
+    EXPECT_NEAR(both[0][i], stacked[0][i], 1e-3) << x;
   }
 }
 
