@@ -181,8 +181,11 @@ Sample SampleAt(const ImageParam& input, Kernel kernel, const Position& position
   const auto schedule = [=](Func output, const Target& target) mutable {
     const int wide = target.natural_vector_size<float>();
     Var xi("xi"), yi("yi");
-    // Lines as long as possible: the taps of one take 8 KiB, a part of the first-level cache.
-    output.tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, 2048 / lanes, wide), 32, TailStrategy::GuardWithIf)
+    // Lines as long as possible: the taps of one take 8 KiB, a part of the first-level cache. Strips are low,
+    // since bands of a stack have few lines.
+    output
+        .tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, 2048 / lanes, wide), EvenPart(output, 1, 16, 1),
+              TailStrategy::GuardWithIf)
         .vectorize(xi, wide, TailStrategy::GuardWithIf)
         .parallel(yo);
     at.compute_at(output, yi).vectorize(x, wide, TailStrategy::RoundUp);
@@ -228,7 +231,9 @@ Sample SampleShifted(const ImageParam& input, Kernel kernel, Expr shiftX, Expr s
   const auto schedule = [=](Func output, const Target& target) mutable {
     const int wide = target.natural_vector_size<float>();
     Var xi("xi"), yi("yi");
-    output.tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, 1024, wide), kStripLines, TailStrategy::GuardWithIf)
+    output
+        .tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, 1024, wide), EvenPart(output, 1, 16, 1),
+              TailStrategy::GuardWithIf)
         .vectorize(xi, wide, TailStrategy::GuardWithIf)
         .parallel(yo);
     rows.compute_at(output, yi).vectorize(x, wide, TailStrategy::RoundUp);
