@@ -79,10 +79,6 @@ void CheckUnchanged(const Light& light, const files::ImageInfo& found) {
 
 }  // namespace
 
-std::string Percent(double share) {
-  return fmt::format("{:.3g} %", 100 * share);
-}
-
 std::string Dump(const Json& json) {
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }

@@ -28,7 +28,6 @@ struct Light {
   nlohmann::ordered_json Description() const;
 };
 
-std::string Percent(double share);
 /// One line. Bytes of file names that are no UTF-8 are replaced.
 std::string Dump(const nlohmann::ordered_json& json);
 

@@ -319,14 +319,13 @@ class Road {
       return;
     }
     std::vector<StackInput> inputs = Inputs(used);
-    StackOptions options = options_.stack;
+    StackOptions options = options_.stack.Options();
     options.memory = DefaultStackMemory(tool_);
-    if (options_.weightByNoise) {
-      const auto weights = NoiseWeights(inputs, static_cast<int>(reference), options.normalisation);
-      for (size_t i = 0; i < inputs.size(); ++i) {
-        inputs[i].weight = weights[i];
-      }
+    std::vector<double> fwhms;
+    for (const Progress* frame : used) {
+      fwhms.push_back(frame->measure.fwhm);
     }
+    options_.stack.Weigh(inputs, fwhms, static_cast<int>(reference));
     const Shape shape = frames_[reference_].shape;
     Plan(fmt::format("{}: {} of {} frames, {}", target.name, used.size(), target.frames.size(),
                      PlanStack(inputs, shape, options).Text()));
@@ -402,17 +401,9 @@ class Road {
   }
 
   std::vector<std::string> History(const std::vector<Progress*>& used, const Target& target) const {
-    const StackOptions& s = options_.stack;
-    const char* const methods[] = {"median", "mean", "sigma", "max", "min"};
-    const char* const normalisations[] = {"none", "level", "level+scale"};
-    std::string method = methods[s.method];
-    if (s.method == CImgStack::ClippedMean)
-      method += fmt::format(", kappa {:g} and {:g}", s.clip.low, s.clip.high);
-    return {fmt::format("korimg {} run", Version()),
-            fmt::format("{} of {} frames stacked: {}; normalised by {}; weights by {}", used.size(),
-                        target.frames.size(), method, normalisations[static_cast<int>(s.normalisation)],
-                        options_.weightByNoise ? "noise" : "none"),
-            fmt::format("grid of {}", frames_[reference_].light->Name())};
+    return {fmt::format("korimg {} run {}", Version(), options_.stack.Text()),
+            fmt::format("{} frames stacked, {} left out; on the grid of {}", used.size(),
+                        target.frames.size() - used.size(), frames_[reference_].light->Name())};
   }
 
   static double Rejected(const Progress& frame) {

@@ -4,7 +4,7 @@
 #include <filesystem>
 
 #include "app/calibrate/Calibrate.h"
-#include "app/stack/Stack.h"
+#include "app/stack/StackChoices.h"
 
 namespace korimg::tool {
 
@@ -17,8 +17,8 @@ struct FrameLimits {
 
 struct RunOptions {
   CalibrateOptions calibrate;  ///< `out` is the folder for all results
-  StackOptions stack;
-  bool weightByNoise = true;
+  /// Levels are those of the sky, scales those of the stars' light.
+  StackChoices stack{.normalise = "level+scale", .weight = "noise"};
   FrameLimits limits;
 };
 

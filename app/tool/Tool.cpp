@@ -66,6 +66,10 @@ std::shared_ptr<CVmManager> Tool::MakeStore(const std::string& kind) const {
   return CreatePagedManager(store);
 }
 
+std::string Percent(double share) {
+  return fmt::format("{:.3g} %", 100 * share);
+}
+
 void Tool::ForEachFile(const std::vector<std::filesystem::path>& files,
                        const std::function<void(const std::filesystem::path&)>& work) {
   for (const std::filesystem::path& file : files) {

@@ -36,6 +36,9 @@ long long ParseSize(const std::string& text);
 /// The number that a text is, the whole of it.
 std::optional<double> ToNumber(const std::string& text);
 
+/// A share for people, as in "1.25 %".
+std::string Percent(double share);
+
 /// One run of the tool.
 class Tool {
  public:

@@ -81,9 +81,11 @@ void AddRun(CLI::App& app, Tool& tool) {
   verb->add_option("--max-elongation", options.limits.elongation,
                    "leave out frames whose elongation is more than this many times the median; 0: no limit")
       ->check(CLI::Range(0.0, 100.0));
+  options.stack.AddTo(*verb);
   AddCommonOptions(*verb, tool);
   verb->callback([arguments, &tool] {
     tool.Begin();
+    arguments->options.stack.Options();  // before any work
     CheckWhiteBalance(arguments->options.calibrate.develop.whiteBalance);
     FindFrames(tool, arguments->session, arguments->options.calibrate);
     Run(tool, arguments->options);

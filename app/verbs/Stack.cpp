@@ -15,6 +15,7 @@
 #include "app/files/Mosaic.h"
 #include "app/operations/Operations.h"
 #include "app/stack/Journal.h"
+#include "app/stack/StackChoices.h"
 #include "app/stack/StackHeader.h"
 #include "app/stack/Transforms.h"
 #include "app/verbs/Verbs.h"
@@ -26,39 +27,12 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
-const std::vector<std::string> kMethods = {"median", "mean", "sigma", "max", "min"};  // CImgStack::Method
-const std::vector<std::string> kNormalisations = {"none", "level", "level+scale"};
-
-int NumberOf(const std::vector<std::string>& names, const std::string& name) {
-  return static_cast<int>(std::find(names.begin(), names.end(), name) - names.begin());
-}
-
-struct Options {
+struct Options : StackChoices {
   std::vector<fs::path> frames;
   fs::path output, transforms, reference;
-  std::string method = "sigma", kappa = "2.5", normalise = "level", weight = "none", kernel = "bicubic",
-              bits = "float";
-  int iterations = 5;
+  std::string bits = "float";
   bool maps = false, resume = false;
-
-  /// As a call would be written with all that counts.
-  std::string Text() const {
-    std::string text = "stack --method " + method;
-    if (method == "sigma") text += fmt::format(" --kappa {} --iterations {}", kappa, iterations);
-    return text + fmt::format(" --normalize {} --weight {} --kernel {}", normalise, weight, kernel);
-  }
 };
-
-CImgStack::Clip ParseClip(const Options& options) {
-  const size_t comma = options.kappa.find(',');
-  const auto low = ToNumber(options.kappa.substr(0, comma)),
-             high = comma == std::string::npos ? low : ToNumber(options.kappa.substr(comma + 1));
-  if (!low || !high || !(*low > 0 && *high > 0 && *low <= 1000 && *high <= 1000)) {
-    throw UsageError(fmt::format(
-        "--kappa {}: write standard deviations, one number or LOW,HIGH, as in 2.5 or 3,2.5", options.kappa));
-  }
-  return {*low, *high, options.iterations};
-}
 
 /// A frame's file, and what is to be done with it.
 struct Source {
@@ -156,17 +130,10 @@ class Sources {
   int reference_ = 0;
 };
 
-std::string Percent(double share) {
-  return fmt::format("{:.3g} %", 100 * share);
-}
-
 class StackRun {
  public:
   StackRun(Tool& tool, const Options& options) : tool_(tool), options_(options), sources_(options) {
-    stack_.method = static_cast<CImgStack::Method>(NumberOf(kMethods, options.method));
-    stack_.clip = ParseClip(options);
-    stack_.normalisation = static_cast<Normalisation>(NumberOf(kNormalisations, options.normalise));
-    stack_.kernel = NumberOf(kKernels, options.kernel);
+    stack_ = options.StackChoices::Options();
     stack_.rejectionMaps = options.maps;
     stack_.memory = DefaultStackMemory(tool);
     for (size_t i = 0; i < sources_.Used().size(); ++i) {
@@ -281,7 +248,7 @@ class StackRun {
 
   /// Levels and weights.
   void Measure() {
-    if (stack_.normalisation == Normalisation::None && options_.weight != "noise") return WeighByFwhm();
+    if (stack_.normalisation == Normalisation::None && options_.weight != "noise") return Weigh();
     long long done = 0;
     for (StackInput& input : inputs_) {
       tool_.console.CheckCancelled();
@@ -289,24 +256,15 @@ class StackRun {
       input.levels = MeasureInput(input);
     }
     tool_.console.EndProgress();
-    WeighByFwhm();
-    if (options_.weight != "noise") return;
-    const auto weights = NoiseWeights(inputs_, sources_.Reference(), stack_.normalisation);
-    for (size_t i = 0; i < inputs_.size(); ++i) {
-      inputs_[i].weight = weights[i];
-    }
+    Weigh();
   }
 
-  void WeighByFwhm() {
-    if (options_.weight != "fwhm") return;
-    double best = INFINITY;
+  void Weigh() {
+    std::vector<double> fwhms;
     for (const Source& source : sources_.Used()) {
-      best = std::min(best, *source.transform.fwhm);
+      fwhms.push_back(source.transform.fwhm.value_or(0));
     }
-    for (size_t i = 0; i < inputs_.size(); ++i) {
-      const double ratio = best / *sources_.Used()[i].transform.fwhm;
-      inputs_[i].weight = ratio * ratio;
-    }
+    options_.Weigh(inputs_, fwhms, sources_.Reference());
   }
 
   files::Header MakeHeader() const {
@@ -322,7 +280,7 @@ class StackRun {
       header.Add(source.info.header);
     }
     files::Header made = header.Make();
-    made.AddHistory(fmt::format("korimg {} {}", Version(), options_.Text()));
+    made.AddHistory(fmt::format("korimg {} stack {}", Version(), options_.Text()));
     const auto [low, high] = std::minmax_element(
         inputs_.begin(), inputs_.end(), [](const auto& a, const auto& b) { return a.weight < b.weight; });
     made.AddHistory(fmt::format("{} frames stacked, {} left out; weights {:.4g} to {:.4g}", inputs_.size(),
@@ -409,8 +367,8 @@ class StackRun {
                       {"peak_memory_bytes", usage.ru_maxrss * 1024LL}};
       fmt::print("{}\n", json.dump(-1, ' ', false, Json::error_handler_t::replace));
     } else {
-      tool_.console.Say(fmt::format("{} -> {}; peak memory {} MiB", options_.Text(), options_.output.string(),
-                                    usage.ru_maxrss / 1024));
+      tool_.console.Say(fmt::format("stack {} -> {}; peak memory {} MiB", options_.Text(),
+                                    options_.output.string(), usage.ru_maxrss / 1024));
     }
   }
 
@@ -431,24 +389,9 @@ void AddStack(CLI::App& app, Tool& tool) {
   CLI::App* verb = app.add_subcommand("stack", "Combine registered frames into one image");
   verb->add_option("frames", options->frames, "files or folders, all of one size")->required();
   verb->add_option("-o,--output", options->output, "FITS, TIFF or PNG, by its extension")->required();
-  verb->add_option("--method", options->method, "what a pixel becomes; sigma is a mean without outliers")
-      ->check(CLI::IsMember(kMethods));
-  verb->add_option(
-      "--kappa", options->kappa,
-      "sigma: standard deviations from the median beyond which values are rejected, one number or "
-      "LOW,HIGH");
-  verb->add_option("--iterations", options->iterations, "sigma: how often at most")
-      ->check(CLI::Range(1, 100));
-  verb->add_option("--normalize", options->normalise,
-                   "bring each frame's sky to that of the reference: its level, or its level and spread")
-      ->check(CLI::IsMember(kNormalisations));
-  verb->add_option("--weight", options->weight,
-                   "of frames in means: by the noise, or by fwhm of --transforms")
-      ->check(CLI::IsMember({"none", "noise", "fwhm"}));
+  options->AddTo(*verb);
   verb->add_option("--transforms", options->transforms,
                    "what korimg register --json wrote; without it frames are taken as they lie");
-  verb->add_option("--kernel", options->kernel, "how moved frames are read between their pixels")
-      ->check(CLI::IsMember(kKernels));
   verb->add_option("--reference", options->reference,
                    "the frame that gives header, levels and sky; the first that is not moved unless told");
   verb->add_flag("--rejection-maps", options->maps,

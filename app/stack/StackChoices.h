@@ -1,0 +1,26 @@
+// The options of stacking that several verbs take.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "app/stack/Stack.h"
+
+namespace korimg::tool {
+
+struct StackChoices {
+  std::string method = "sigma", kappa = "2.5", normalise = "level", weight = "none", kernel = "bicubic";
+  int iterations = 5;
+
+  void AddTo(CLI::App& verb);
+  /// Throws UsageError for a kappa that is none.
+  StackOptions Options() const;
+  /// As a call would be written with all that counts.
+  std::string Text() const;
+  /// By noise, by FWHM in pixels, or 1 for all; the best frame has 1, and one without a FWHM too.
+  void Weigh(std::vector<StackInput>& inputs, const std::vector<double>& fwhms, int reference) const;
+};
+
+}  // namespace korimg::tool
