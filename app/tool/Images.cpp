@@ -72,6 +72,15 @@ std::string LevelKey(const char* end, int plane) {
   return fmt::format("KORL{}{}", end, plane + 1);
 }
 
+void FillPicture(Tool& tool, CVelImage& image, const std::string& title, PictureSaver& saver) {
+  ForBands(tool, image, true, title, [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
+  saver.Commit();
+}
+
+Shape ShapeOf(const CVelImage& image) {
+  return {image.GetWidth(), image.GetHeight(), image.GetPlanes()};
+}
+
 }  // namespace
 
 int BandRows(int width, int planes, int height) {
@@ -205,8 +214,7 @@ void ImageSaver::Write(int rows, const float* const* planes) {
 
 void SaveImage(Tool& tool, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
                const SaveOptions& options) {
-  ImageSaver saver(tool, path, {image.GetWidth(), image.GetHeight(), image.GetPlanes()}, Levels(image),
-                   header, options);
+  ImageSaver saver(tool, path, ShapeOf(image), Levels(image), header, options);
   ForBands(tool, image, true, "writing " + path.filename().string(),
            [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
   saver.Commit();
@@ -272,19 +280,6 @@ void PictureSaver::Write(int rows, const float* const* planes) {
     std::fill(sums_.begin(), sums_.end(), 0.0f);
   }
 }
-
-namespace {
-
-void FillPicture(Tool& tool, CVelImage& image, const std::string& title, PictureSaver& saver) {
-  ForBands(tool, image, true, title, [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
-  saver.Commit();
-}
-
-Shape ShapeOf(const CVelImage& image) {
-  return {image.GetWidth(), image.GetHeight(), image.GetPlanes()};
-}
-
-}  // namespace
 
 void SavePicture(Tool& tool, CVelImage& image, const std::filesystem::path& path, int shrink) {
   PictureSaver saver(tool, path, ShapeOf(image), Levels(image), shrink);

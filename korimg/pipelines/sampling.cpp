@@ -66,10 +66,8 @@ Member bilinear_resolution_member() {
         Expr second = input(AtEdges(2 * x, width), clamp(2 * y, 0, height - 1));
         output(x, y) =
             reinterpret<float>(select(halved, reinterpret<uint32_t>(second), reinterpret<uint32_t>(sample)));
-
-        const int strip_lines = 16;  // the strip's lines stay in the second-level cache
         output
-            .tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, kWholeLines, wide), strip_lines,
+            .tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, kWholeLines, wide), kStripLines,
                   TailStrategy::GuardWithIf)
             .vectorize(xi, wide, TailStrategy::GuardWithIf)
             .parallel(yo);
