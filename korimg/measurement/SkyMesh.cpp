@@ -105,11 +105,12 @@ Sky SkyOf(std::vector<float> const& pixels, double least) {
   constexpr float kHuge = 1e18f;  // squares of what is beyond are no floats
   const auto start = std::find_if(pixels.begin(), pixels.end(), [](float v) { return std::abs(v) < kHuge; });
   if (start == pixels.end()) return {};
+  constexpr double kSettled = 0.999;
   float low = -kHuge, high = kHuge, pivot = *start;
   double count = -1, mean = 0, sigma = 0;
   for (int round = 0; round < 5; ++round) {
     const Moments m = Between(pixels, low, high, pivot);
-    if (m.count < least || m.count == count) break;
+    if (m.count < least || (count > 0 && m.count > kSettled * count)) break;
     count = m.count;
     const double offset = m.sum / m.count;
     mean = pivot + offset;
@@ -231,10 +232,12 @@ SkyMesh::SkyMesh(CVelImage& image)
     for (int column = 0; column < columns_; ++column) {
       const int left = border(column, columns_, image.GetWidth()),
                 width = border(column + 1, columns_, image.GetWidth()) - left;
-      const int count = width * (bottom - top);
+      // Every second line of a large cell tells enough.
+      const int step = bottom - top > kCell / 2 ? 2 : 1, lines = (bottom - top + step - 1) / step,
+                count = width * lines;
       pixels.assign((count + kLanes - 1) / kLanes * kLanes, std::numeric_limits<float>::quiet_NaN());
-      for (int y = top; y < bottom; ++y) {
-        ReadLight(image, left, y, width, pixels.data() + (y - top) * width);
+      for (int line = 0; line < lines; ++line) {
+        ReadLight(image, left, top + line * step, width, pixels.data() + line * width);
       }
       cells[row * columns_ + column] = SkyOf(pixels, kLeastShare * count);
     }

@@ -111,16 +111,30 @@ class Band {
     marks_.resize(width_);
     float const *row = Row(y), *up = Row(y - 1), *down = Row(y + 1);
     std::uint8_t* marks = marks_.data();
-    RunInLongVectors([=, width = width_]() KORIMG_IN_LOOP {
-      for (int x = 1; x < width - 1; ++x) {
-        const float v = row[x];
-        marks[x] = (v > threshold) & (v > up[x - 1]) & (v > up[x]) & (v > up[x + 1]) & (v > row[x - 1]) &
-                   (v >= row[x + 1]) & (v >= down[x - 1]) & (v >= down[x]) & (v >= down[x + 1]);
+    // Most of the sky lies below the threshold.
+    constexpr int kPart = 64;
+    for (int left = 1; left < width_ - 1; left += kPart) {
+      const int right = std::min(left + kPart, width_ - 1);
+      int above = 0;
+      RunInLongVectors([=, &above]() KORIMG_IN_LOOP {
+        int any = 0;
+        for (int x = left; x < right; ++x) {
+          any |= row[x] > threshold;
+        }
+        above = any;
+      });
+      if (!above) continue;
+      RunInLongVectors([=]() KORIMG_IN_LOOP {
+        for (int x = left; x < right; ++x) {
+          const float v = row[x];
+          marks[x] = (v > threshold) & (v > up[x - 1]) & (v > up[x]) & (v > up[x + 1]) & (v > row[x - 1]) &
+                     (v >= row[x + 1]) & (v >= down[x - 1]) & (v >= down[x]) & (v >= down[x + 1]);
+        }
+      });
+      for (int x = left; x < right; ++x) {
+        StarSeed seed;
+        if (marks[x] && StandsOut(x, y, rise, seed)) seeds.push_back(seed);
       }
-    });
-    for (int x = 1; x < width_ - 1; ++x) {
-      StarSeed seed;
-      if (marks[x] && StandsOut(x, y, rise, seed)) seeds.push_back(seed);
     }
   }
 
