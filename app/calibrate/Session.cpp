@@ -363,6 +363,15 @@ Session::Calibrated Session::LoadLight(const Light& light) const {
   return result;
 }
 
+Levels Session::MosaicLevels(const Light& light) const {
+  const files::ImageInfo& info = light.frame.info;
+  // Of floats without levels the extremes are looked for.
+  if (info.type.starts_with("float")) return Levels(*LoadLight(light).loaded.image);
+  const auto row = NewBand(store_, info.width, 1, info.planes);
+  SetLevels(*row, info, !light.Offset());
+  return Levels(*row);
+}
+
 Development Session::Develop(MosaicSource source, const Light& light, files::ImageInfo& info) const {
   return {std::move(source), info, light.mosaic, balances_.at(CameraOf(light)), options_.develop};
 }
@@ -430,7 +439,7 @@ LightRows::LightRows(const Session& session, const Light& light)
   CheckUnchanged(light, info_);
   shape_ = {info_.width, info_.height, info_.planes};
   if (light.mosaic.cfa == 0) return;
-  MosaicSource source(*reader_, {}, session.store_);
+  MosaicSource source(*reader_, session.MosaicLevels(light), session.store_);
   source.read = [this](int y0, int rows, float* const* planes) { ReadCalibrated(y0, rows, planes); };
   development_ = std::make_unique<Development>(session.Develop(std::move(source), light, info_));
   shape_ = development_->Size();

@@ -80,6 +80,8 @@ class Session {
   bool LacksOffsets() const;
   void ChooseWhiteBalances();
   const Master* MasterOf(const Group* group) const { return group ? &masters_.at(group) : nullptr; }
+  /// The levels that LoadLight gives.
+  Levels MosaicLevels(const Light& light) const;
   long long Apply(CVelImage& image, CVelImage* offset, CVelImage* flat, const Measures& measures) const;
 
   Tool& tool_;

@@ -248,7 +248,7 @@ Levels Development::PictureLevels(int side) {
 
 std::unique_ptr<CVelImage> Development::Rows(int y0, int y1) {
   const int margin = cfa_ == 0 || options_.half ? 0 : 4;  // rows that a developed one looks at, and one more
-  const int least = cfa_ == 0 ? 1 : kSmallest, part = options_.half ? 2 : 1;
+  const int least = cfa_ == 0 || options_.half ? 1 : kSmallest, part = options_.half ? 2 : 1;
   const int height = source_.shape.height / part * part, first = y0 * part, last = y1 * part;
   // A mosaic begins with the first row of a cell.
   const int wanted = std::min(first - margin, height - least);

@@ -74,7 +74,7 @@ Member bilinear_resolution_member() {
         output.specialize(halved);
         lines.compute_at(output, xo).vectorize(x, wide, TailStrategy::RoundUp);
         line.compute_at(lines, y).vectorize(x, wide, TailStrategy::RoundUp);
-        taps.compute_at(lines, y).bound(k, 0, 2).vectorize(k).unroll(x, 16);
+        taps.compute_at(lines, y).bound(k, 0, 2).vectorize(k).unroll(x, wide, TailStrategy::RoundUp);
         across.table.compute_root().vectorize(x, wide, TailStrategy::RoundUp);
         down.table.compute_root().vectorize(y, wide, TailStrategy::RoundUp);
         return Definition{{input, new_width, new_height}, {output}};
@@ -117,7 +117,10 @@ Member resolution_member(const NamedKernel& named) {
                 .vectorize(xi, wide, TailStrategy::GuardWithIf)
                 .parallel(yo);
             rows.compute_at(output, yi).vectorize(x, wide, TailStrategy::RoundUp);
-            row_taps.compute_at(output, yi).bound(k, 0, lanes).vectorize(k).unroll(x, 16);
+            row_taps.compute_at(output, yi)
+                .bound(k, 0, lanes)
+                .vectorize(k)
+                .unroll(x, wide, TailStrategy::RoundUp);
             across.table.compute_root().vectorize(x, wide, TailStrategy::RoundUp);
             down.table.compute_root().vectorize(y, wide, TailStrategy::RoundUp);
             return Definition{{input, new_width, new_height}, {output}};

@@ -43,7 +43,7 @@ TEST_F(RunTest, ASimulatedSessionComesOutAsItsTruth) {
   fs::rename(In("night/biases"), In("night/Bias"));
   WriteBytes(In("night/LIGHT/broken.fits"), "no image");
   const Result r =
-      Shell("korimg run night --out 'the result' --json && korimg run night --out again --threads 1 -q");
+      Shell("korimg run night --out 'the result' --json; korimg run night --out again --threads 1 -q");
   const json truth = json::parse(ReadBytes(In("night/truth.json")));
   EXPECT_EQ(r.code, 1) << "one light can't be read";
   EXPECT_NE(r.err.find("broken.fits"), std::string::npos);
@@ -174,7 +174,7 @@ TEST_F(RunTest, WhatIsMuchWorseIsLeftOutAndFiltersAreStackedApart) {
   };
   const auto keep = [](std::vector<float>&) {};
   const auto blur = [](std::vector<float>& v) {
-    for (int round = 0; round < 8; ++round) {
+    for (int round = 0; round < 20; ++round) {
       const std::vector<float> before = v;
       for (size_t i = 601; i + 601 < v.size(); ++i) {
         v[i] = 0.2f * (before[i] + before[i - 1] + before[i + 1] + before[i - 600] + before[i + 600]);
@@ -196,7 +196,7 @@ TEST_F(RunTest, WhatIsMuchWorseIsLeftOutAndFiltersAreStackedApart) {
   change(5, cloud, "L");
   change(6, keep, "R/x");
   change(7, keep, "R/x");
-  const Result r = Shell("korimg run night --out out --json && korimg info out/stack_R_x.fits");
+  const Result r = Shell("korimg run night --out out --json --allow-mismatch");
   ASSERT_EQ(r.code, 0) << r.err;
   std::map<std::string, std::string> status;
   std::istringstream out(r.out);
@@ -244,7 +244,7 @@ TEST_F(RunTest, BadSessionsSayWhatToDo) {
   EXPECT_NE(again.err.find("--overwrite"), std::string::npos) << again.err;
   const Result plan = Shell("korimg run night --out dry --dry-run");
   EXPECT_EQ(plan.code, 0);
-  EXPECT_NE(plan.err.find("stack: 2 lights"), std::string::npos) << plan.err;
+  EXPECT_NE(plan.out.find("stack: 2 lights"), std::string::npos) << plan.out;
   EXPECT_FALSE(fs::exists(In("dry")));
 }
 

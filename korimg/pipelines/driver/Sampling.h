@@ -38,7 +38,9 @@ std::vector<Halide::Expr> KernelWeights(Kernel kernel, Halide::Expr fraction, do
 Halide::Expr AtEdges(Halide::Expr at, Halide::Expr size);
 
 /// A place to be kept in a table and taken out by reinterpret<int>: of what is known to be bounded, the
-/// bounds would be enforced again for each pixel that is loaded by it.
+/// bounds would be enforced again for each pixel that is loaded by it. Nothing may be loaded by an entry of
+/// the table that was not computed, so no loop over it may begin before or end beyond the table's whole
+/// vectors.
 Halide::Expr Unbounded(Halide::Expr place);
 
 /// The sum of weighted taps in their order. A whole position of the bilinear kernel is its pixel alone,
