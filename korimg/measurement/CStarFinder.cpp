@@ -22,6 +22,11 @@ constexpr double kWidest = 40;
 /// Variance of the widest window that shapes are measured through.
 constexpr double kWidestWindow = 30;
 
+/// std::hypot is made for numbers whose squares are none, and slow.
+double Length(double x, double y) {
+  return std::sqrt(x * x + y * y);
+}
+
 /// The upper one of an even number; `none` of nothing.
 double MedianOf(std::vector<double> values, double none) {
   if (values.empty()) return none;
@@ -75,7 +80,7 @@ class Stamp {
   double Circle(double x, double y, double radius) const {
     double sum = 0;
     ForPixels(x, y, radius + 1, [&](int i, int j, double v) {
-      sum += v * std::clamp(radius + 0.5 - std::hypot(i - x, j - y), 0.0, 1.0);
+      sum += v * std::clamp(radius + 0.5 - Length(i - x, j - y), 0.0, 1.0);
     });
     return sum;
   }
@@ -87,7 +92,7 @@ class Stamp {
     const double step = (to - from) / rings;
     std::vector<std::vector<double>> pixels(rings);
     ForPixels(x, y, to, [&](int i, int j, double v) {
-      const double ring = (std::hypot(i - x, j - y) - from) / step;
+      const double ring = (Length(i - x, j - y) - from) / step;
       if (ring >= 0 && ring < rings) pixels[static_cast<int>(ring)].push_back(v);
     });
     double sum = 0;
@@ -123,7 +128,7 @@ class Stamp {
     const int cx = static_cast<int>(std::lround(x)), cy = static_cast<int>(std::lround(y));
     for (int j = cy - r; j <= cy + r; ++j) {
       for (int i = cx - r; i <= cx + r; ++i) {
-        if (Has(i, j) && std::hypot(i - x, j - y) <= radius && At(i, j) != At(i, j)) return false;
+        if (Has(i, j) && Length(i - x, j - y) <= radius && At(i, j) != At(i, j)) return false;
       }
     }
     return true;
@@ -307,6 +312,8 @@ class UsualShape {
 /// The shapes of those seeds that are stars.
 std::vector<Shape> MeasureShapes(CVelImage& image, SkyMesh const& sky, std::vector<StarSeed> const& seeds) {
   constexpr double kReach = 18, kNarrowed = 1.5;
+  // Most stars are small: a stamp of a quarter of the pixels holds their windows.
+  constexpr double kSmallReach = 9, kSmallWindow = 5;
   enum State { Nothing, Measured, Failed };
   struct Candidate {
     State state = Nothing;
@@ -315,9 +322,12 @@ std::vector<Shape> MeasureShapes(CVelImage& image, SkyMesh const& sky, std::vect
   const int count = static_cast<int>(seeds.size());
   auto candidates = MapLines(0, count, [&](int i) {
     Candidate c;
+    const Stamp small(image, sky, seeds[i].x, seeds[i].y, kSmallReach);
+    if (IsHotPixel(small, seeds[i])) return c;
+    c.state = Measured;
+    if (MeasureShape(small, seeds[i], kSmallWindow, c.shape) && c.shape.Variance() < kSmallWindow) return c;
     const Stamp stamp(image, sky, seeds[i].x, seeds[i].y, kReach);
-    if (!IsHotPixel(stamp, seeds[i]))
-      c.state = MeasureShape(stamp, seeds[i], kWidestWindow, c.shape) ? Measured : Failed;
+    if (!MeasureShape(stamp, seeds[i], kWidestWindow, c.shape)) c.state = Failed;
     return c;
   });
   std::vector<Shape> shapes;
