@@ -232,8 +232,8 @@ SkyMesh::SkyMesh(CVelImage& image)
     for (int column = 0; column < columns_; ++column) {
       const int left = border(column, columns_, image.GetWidth()),
                 width = border(column + 1, columns_, image.GetWidth()) - left;
-      // Every second line of a large cell tells enough.
-      const int step = bottom - top > kCell / 2 ? 2 : 1, lines = (bottom - top + step - 1) / step,
+      // A thousand pixels of a cell tell enough.
+      const int step = bottom - top > kCell / 2 ? 4 : 1, lines = (bottom - top + step - 1) / step,
                 count = width * lines;
       pixels.assign((count + kLanes - 1) / kLanes * kLanes, std::numeric_limits<float>::quiet_NaN());
       for (int line = 0; line < lines; ++line) {
