@@ -100,8 +100,8 @@ std::string ToJson(const Registration& registration) {
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames,
-                           std::vector<Registration>& registrations) {
+bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,
+                           const std::function<std::shared_ptr<CVelImage>(size_t)>& image) {
   constexpr size_t kMostTried = 5;
   const auto wants = [&](size_t i) {
     return registrations[i].status == "no match" && frames[i].stars.size() >= 3;
@@ -113,20 +113,24 @@ bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames,
       if (!wants(i)) continue;
       std::vector<size_t> others;
       for (size_t k = 0; k < frames.size(); ++k) {
-        if (registrations[k].IsGood()) others.push_back(k);
+        if (registrations[k].IsGood() && registrations[k].method != "reference") others.push_back(k);
       }
       const auto distance = [i](size_t k) { return k > i ? k - i : i - k; };
       std::stable_sort(others.begin(), others.end(),
                        [&](size_t a, size_t b) { return distance(a) < distance(b); });
       others.resize(std::min(others.size(), kMostTried));
       for (const size_t k : others) {
-        const CStarMatch match =
-            CStarMatcher(frames[k].stars).Match(frames[i].stars, frames[i].width, frames[i].height);
-        if (match.status != CStarMatch::Ok) continue;
-        Registration& registration = registrations[i];
-        const std::string file = registration.file;
-        registration = Joined(FromMatch(match, frames[i], "stars"), frames[i], registrations[k], frames[k]);
-        registration.file = file;
+        const bool isNearest = k == others.front();
+        const Registration between =
+            isNearest
+                ? Registrar(frames[k], [&] { return image(k); }).Register(frames[i], [&] { return image(i); })
+                : FromMatch(
+                      CStarMatcher(frames[k].stars).Match(frames[i].stars, frames[i].width, frames[i].height),
+                      frames[i], "stars");
+        if (!between.IsGood()) continue;
+        const std::string file = registrations[i].file;
+        registrations[i] = Joined(between, frames[i], registrations[k], frames[k]);
+        registrations[i].file = file;
         found = any = true;
         break;
       }

@@ -69,10 +69,11 @@ class Registrar {
   std::unique_ptr<CPhaseMatcher> phase_;
 };
 
-/// Lays frames whose stars do not match those of the reference on frames that lie on it, by their stars:
-/// those nearest in the order of frames, five at most for each. One registration for each frame; false when
-/// none was found.
-bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations);
+/// Lays frames that do not match the reference on frames that lie on it: those nearest in the order of
+/// frames, five at most by their stars, and the nearest one by phase correlation too. `image` gives the image
+/// of a frame again. One registration for each frame; false when none was found.
+bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,
+                           const std::function<std::shared_ptr<CVelImage>(size_t)>& image);
 
 /// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, fwhm, method, status.
 std::string ToJson(const Registration& registration);

@@ -233,7 +233,7 @@ class Road {
           tool_.ForEachFile({frames_[numbers[k]].light->frame.path},
                             [&](const fs::path&) { registrations[k] = result(); });
         });
-    RegisterThroughOthers(measures, registrations);
+    RegisterThroughOthers(measures, registrations, [&](size_t k) { return image(frames_[numbers[k]])(); });
     for (size_t k = 0; k < numbers.size(); ++k) {
       Progress& frame = frames_[numbers[k]];
       frame.registration = registrations[k];

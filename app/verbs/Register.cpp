@@ -71,7 +71,7 @@ void Register(Tool& tool, const RegisterOptions& options) {
     });
     registrations[i].file = files[i].string();
   }
-  RegisterThroughOthers(frames, registrations);
+  RegisterThroughOthers(frames, registrations, [&](size_t i) { return load(files[i]); });
   std::string lines;
   for (const Registration& registration : registrations) {
     if (registration.status.empty()) continue;  // its failure was told

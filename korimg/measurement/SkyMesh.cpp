@@ -105,7 +105,7 @@ Sky SkyOf(std::vector<float> const& pixels, double least) {
   constexpr float kHuge = 1e18f;  // squares of what is beyond are no floats
   const auto start = std::find_if(pixels.begin(), pixels.end(), [](float v) { return std::abs(v) < kHuge; });
   if (start == pixels.end()) return {};
-  constexpr double kSettled = 0.999;
+  constexpr double kSettled = 0.99999;
   float low = -kHuge, high = kHuge, pivot = *start;
   double count = -1, mean = 0, sigma = 0;
   for (int round = 0; round < 5; ++round) {
@@ -224,6 +224,7 @@ SkyMesh::SkyMesh(CVelImage& image)
       stepX_(static_cast<double>(image.GetWidth()) / columns_),
       stepY_(static_cast<double>(image.GetHeight()) / rows_) {
   constexpr double kLeastShare = 0.25;
+  constexpr size_t kMany = 1000;
   std::vector<Sky> cells(static_cast<size_t>(columns_) * rows_);
   const auto border = [](int i, int count, int size) { return static_cast<int>(1LL * i * size / count); };
   ForLines(Team::All, 0, rows_, [&](int row) {
@@ -232,8 +233,8 @@ SkyMesh::SkyMesh(CVelImage& image)
     for (int column = 0; column < columns_; ++column) {
       const int left = border(column, columns_, image.GetWidth()),
                 width = border(column + 1, columns_, image.GetWidth()) - left;
-      // A thousand pixels of a cell tell enough.
-      const int step = bottom - top > kCell / 2 ? 4 : 1, lines = (bottom - top + step - 1) / step,
+      // A thousand pixels of a cell tell enough where there are many cells.
+      const int step = cells.size() > kMany ? 4 : 1, lines = (bottom - top + step - 1) / step,
                 count = width * lines;
       pixels.assign((count + kLanes - 1) / kLanes * kLanes, std::numeric_limits<float>::quiet_NaN());
       for (int line = 0; line < lines; ++line) {

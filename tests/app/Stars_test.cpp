@@ -157,19 +157,23 @@ TEST_F(StarsTest, FramesWithoutCommonStarsAreRegisteredThroughOthers) {
     }
     frames.push_back(frame);
   }
+  const auto noImage = [](size_t) -> std::shared_ptr<CVelImage> {
+    throw FileError("an image", "is not needed");
+  };
   std::vector<tool::Registration> registrations(3);
   registrations[0].status = "ok";
+  registrations[0].method = "stars";
   registrations[1].status = registrations[2].status = "no match";
   ASSERT_EQ(CStarMatcher(frames[0].stars).Match(frames[2].stars, kWidth, kHeight).status,
             CStarMatch::NoMatch);
-  EXPECT_TRUE(tool::RegisterThroughOthers(frames, registrations));
+  EXPECT_TRUE(tool::RegisterThroughOthers(frames, registrations, noImage));
   for (int i = 1; i < 3; ++i) {
     ASSERT_TRUE(registrations[i].IsGood()) << i;
     EXPECT_NEAR(registrations[i].dx, poses[i].dx, 1e-3);
     EXPECT_NEAR(registrations[i].dy, poses[i].dy, 1e-3);
     EXPECT_NEAR(registrations[i].degrees, poses[i].degrees, 1e-4);
   }
-  EXPECT_FALSE(tool::RegisterThroughOthers(frames, registrations)) << "all are known";
+  EXPECT_FALSE(tool::RegisterThroughOthers(frames, registrations, noImage)) << "all are known";
 }
 
 TEST_F(StarsTest, TheReferenceIsTheSharpestRichFrame) {
