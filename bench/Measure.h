@@ -11,7 +11,8 @@
 
 namespace korimg::bench {
 
-/// For this library's loops and pipelines and for OpenCV. The pipelines' pool never shrinks: one thread first.
+/// For this library's loops and pipelines and for OpenCV. The pipelines' pool never shrinks: one thread
+/// first.
 inline void SetThreads(int threads) {
   CParallel::SetMaxThreads(threads);
   SetPipelineThreads(threads);

@@ -44,7 +44,9 @@ class FileTarget : public Target {
 class StringTarget : public Target {
  public:
   explicit StringTarget(std::string& bytes) : bytes_(bytes) {}
-  void Put(const void* data, std::size_t size) override { bytes_.append(static_cast<const char*>(data), size); }
+  void Put(const void* data, std::size_t size) override {
+    bytes_.append(static_cast<const char*>(data), size);
+  }
 
  private:
   std::string& bytes_;

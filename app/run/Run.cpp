@@ -99,7 +99,7 @@ double FluxRatio(const FrameMeasure& frame, const Registration& r, const FrameMe
 std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmManager>& store) {
   const Shape shape = rows.Size();
   // The image does not keep its store alive.
-  const auto image = std::shared_ptr<CVelImage>(
+  auto image = std::shared_ptr<CVelImage>(
       new CVelImage(store, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr),
       [store](CVelImage* p) { delete p; });
   for (int y = 0, count = BandRows(shape.width, shape.planes, shape.height); y < shape.height; y += count) {

@@ -452,9 +452,8 @@ TEST_F(CalibrateTest, ASimulatedSessionComesOutAsItsTruth) {
   for (const char* threads : {"1", "2", "3"}) {
     const fs::path out = In(std::string("out") + threads);
     const std::string name = std::string("@out") + threads;
-    const Outcome outcome =
-        Calibrate("@s/lights --dark @s/darks --flat @s/flats --bias @s/biases --out " + name +
-                  " --master-dir " + name + "/masters --threads " + threads);
+    const Outcome outcome = Calibrate("@s/lights --dark @s/darks --flat @s/flats --bias @s/biases --out " +
+                                      name + " --master-dir " + name + "/masters --threads " + threads);
     ASSERT_EQ(outcome.code, 0) << outcome.errors;
     EXPECT_EQ(outcome.errors, "");
     EXPECT_TRUE(fs::exists(out / "masters/master_dark_120s.fits"));
