@@ -22,12 +22,10 @@ Registration FromMatch(const CStarMatch& match, const FrameMeasure& frame, const
 Registration Joined(const Registration& first, const FrameMeasure& frame, const Registration& second,
                     const FrameMeasure& between) {
   Registration joined = first;
-  const double a = second.degrees * std::numbers::pi / 180, c = std::cos(a), s = std::sin(a);
-  // Where the frame's middle comes to.
-  const double x = frame.width * 0.5 + first.dx - between.width * 0.5,
-               y = frame.height * 0.5 + first.dy - between.height * 0.5;
-  joined.dx = c * x - s * y + between.width * 0.5 + second.dx - frame.width * 0.5;
-  joined.dy = s * x + c * y + between.height * 0.5 + second.dy - frame.height * 0.5;
+  const double x = frame.width * 0.5, y = frame.height * 0.5;  // the frame's middle
+  const auto [toX, toY] = PlaceOf(second, between, x + first.dx, y + first.dy);
+  joined.dx = toX - x;
+  joined.dy = toY - y;
   joined.degrees = std::remainder(first.degrees + second.degrees, 360);
   joined.residual = std::hypot(first.residual, second.residual);
   return joined;
@@ -41,6 +39,12 @@ FrameMeasure MeasureFrame(CVelImage& image, double sigmas) {
   const int count = finder.Find();
   return {image.GetWidth(), image.GetHeight(),      finder.GetSky(), finder.GetNoise(),
           finder.GetFwhm(), finder.GetElongation(), count,           CStarMatcher::Select(finder.GetStars())};
+}
+
+std::pair<double, double> PlaceOf(const Registration& r, const FrameMeasure& frame, double x, double y) {
+  const double a = r.degrees * std::numbers::pi / 180, c = std::cos(a), s = std::sin(a);
+  const double cx = frame.width * 0.5, cy = frame.height * 0.5, u = x - cx, v = y - cy;
+  return {c * u - s * v + cx + r.dx, s * u + c * v + cy + r.dy};
 }
 
 size_t ChooseReference(const std::vector<FrameMeasure>& frames) {

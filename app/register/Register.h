@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "korimg/measurement/CPhaseMatcher.h"
@@ -41,6 +42,10 @@ struct Registration {
   std::string status;   ///< "ok", "no stars", "no match", "mirrored", "residual too large"
   bool IsGood() const { return status == "ok"; }
 };
+
+/// Where a position of a frame comes to lie on the reference.
+std::pair<double, double> PlaceOf(const Registration& registration, const FrameMeasure& frame, double x,
+                                  double y);
 
 /// The registration of the reference itself.
 Registration ReferenceRegistration(const FrameMeasure& reference);

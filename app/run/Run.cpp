@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
-#include <numbers>
+#include <set>
 
 #include <fmt/format.h>
 
@@ -51,6 +51,11 @@ struct Target {
   std::vector<Progress*> frames = {};
 };
 
+/// Share of the values that were rejected.
+double Rejected(const CImgStack::Counts& c) {
+  return c.values > 0 ? static_cast<double>(c.low + c.high) / static_cast<double>(c.values) : 0;
+}
+
 std::string FilterOf(const Light& light) {
   return light.frame.info.header.GetString("FILTER").value_or("");
 }
@@ -78,13 +83,10 @@ double FluxRatio(const FrameMeasure& frame, const Registration& r, const FrameMe
   constexpr double kNear = 1.5, kSnr = 20;  // pixels
   constexpr size_t kLeast = 5;
   const auto isGood = [](const CStar& star) { return star.flags == 0 && star.snr > kSnr; };
-  const double a = r.degrees * std::numbers::pi / 180, c = std::cos(a), s = std::sin(a);
-  const double cx = frame.width * 0.5, cy = frame.height * 0.5;
   std::vector<double> ratios;
   for (const CStar& star : frame.stars) {
     if (!isGood(star)) continue;
-    const double u = star.x - cx, v = cy - star.y;
-    const double x = c * u + s * v + cx + r.dx, y = cy - (c * v - s * u) + r.dy;
+    const auto [x, y] = PlaceOf(r, frame, star.x, star.y);
     for (const CStar& other : reference.stars) {
       if (isGood(other) && std::hypot(other.x - x, other.y - y) < kNear) {
         ratios.push_back(star.flux / other.flux);
@@ -132,8 +134,13 @@ class Road {
       target.filter = FilterOf(*frame.light);
       target.frames.push_back(&frame);
     }
+    std::set<std::string> names;
     for (auto& [filter, target] : byFilter) {
-      target.name = byFilter.size() == 1 ? "stack" : "stack_" + FileWord(filter);
+      const std::string name = byFilter.size() == 1 ? "stack" : "stack_" + FileWord(filter);
+      target.name = name;
+      for (int n = 2; !names.insert(target.name).second; ++n) {
+        target.name = fmt::format("{}_{}", name, n);
+      }
       targets_.push_back(std::move(target));
     }
   }
@@ -340,9 +347,7 @@ class Road {
         }
       }
       for (size_t i = 0; i < band.counts.size(); ++i) {
-        used[i]->counts.values += band.counts[i].values;
-        used[i]->counts.low += band.counts[i].low;
-        used[i]->counts.high += band.counts[i].high;
+        used[i]->counts += band.counts[i];
       }
     });
     for (size_t i = 0; i < used.size(); ++i) {
@@ -377,11 +382,10 @@ class Road {
 
     const FrameMeasure measure = MeasureFrame(image);
     double exposure = 0;
-    long long values = 0, rejected = 0;
+    CImgStack::Counts counts;
     for (const Progress* frame : used) {
       exposure += ExposureOf(frame->light->frame).value_or(0);
-      values += frame->counts.values;
-      rejected += frame->counts.low + frame->counts.high;
+      counts += frame->counts;
     }
     ReportStack stack{target.name, JpegOf(tool_, image, ShrinkTo(reference.shape, kPictureSide))};
     stack.facts = {
@@ -392,7 +396,7 @@ class Road {
         {"FWHM", fmt::format("{:.2f} px; of the reference {:.2f}", measure.fwhm, reference.measure.fwhm)},
         {"noise of the sky",
          fmt::format("{:.4g}; of the reference {:.4g}", measure.noise, reference.measure.noise)},
-        {"rejected", Percent(values > 0 ? static_cast<double>(rejected) / static_cast<double>(values) : 0)}};
+        {"rejected", Percent(Rejected(counts))}};
     if (!target.filter.empty()) stack.facts.insert(stack.facts.begin(), {"filter", target.filter});
     report_.stacks.push_back(std::move(stack));
     tool_.console.Say(fmt::format("{} -> {}: FWHM {:.2f} px, noise {:.4g} (reference {:.4g})", target.name,
@@ -404,11 +408,6 @@ class Road {
     return {fmt::format("korimg {} run {}", Version(), options_.stack.Text()),
             fmt::format("{} frames stacked, {} left out; on the grid of {}", used.size(),
                         target.frames.size() - used.size(), frames_[reference_].light->Name())};
-  }
-
-  static double Rejected(const Progress& frame) {
-    const CImgStack::Counts& c = frame.counts;
-    return c.values > 0 ? static_cast<double>(c.low + c.high) / static_cast<double>(c.values) : 0;
   }
 
   void TellFrames() const {
@@ -428,14 +427,14 @@ class Road {
         json["method"] = r.method;
         json["status"] = frame.IsUsed() ? "stacked" : frame.IsMeasured() ? frame.reason : frame.error;
         json["weight"] = frame.weight;
-        json["rejected"] = Rejected(frame);
+        json["rejected"] = Rejected(frame.counts);
         fmt::print("{}\n", Dump(json));
       } else if (frame.IsUsed()) {
         tool_.console.Say(
             fmt::format("{}: {} stars, FWHM {:.2f} px, dx {:.2f}, dy {:.2f}, {:.3f} degrees by {}; weight "
                         "{:.2f}, rejected {}",
                         frame.light->Name(), frame.measure.starCount, frame.measure.fwhm, r.dx, r.dy,
-                        r.degrees, r.method, frame.weight, Percent(Rejected(frame))));
+                        r.degrees, r.method, frame.weight, Percent(Rejected(frame.counts))));
       }
     }
   }
@@ -466,7 +465,7 @@ class Road {
       }
       if (frame.IsUsed()) {
         row.weight = frame.weight;
-        row.rejected = 100 * Rejected(frame);
+        row.rejected = 100 * Rejected(frame.counts);
       }
       report_.frames.push_back(std::move(row));
     }

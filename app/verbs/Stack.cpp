@@ -290,9 +290,7 @@ class StackRun {
     }
     CImgStack::Counts all;
     for (const CImgStack::Counts& counts : counts_) {
-      all.values += counts.values;
-      all.low += counts.low;
-      all.high += counts.high;
+      all += counts;
     }
     if (stack_.method == CImgStack::ClippedMean) {
       const double values = static_cast<double>(std::max(all.values, 1LL));
@@ -307,9 +305,7 @@ class StackRun {
     counts_.assign(inputs_.size(), {});
     journal.ForBands([&](const StackBand& band) {
       for (size_t i = 0; i < counts_.size(); ++i) {
-        counts_[i].values += band.counts[i].values;
-        counts_[i].low += band.counts[i].low;
-        counts_[i].high += band.counts[i].high;
+        counts_[i] += band.counts[i];
       }
     });
     const auto sample = SampleInput(inputs_[sources_.Reference()]);

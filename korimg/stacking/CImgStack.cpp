@@ -259,9 +259,7 @@ void CImgStack::Stack(Method method, Clip const& clip, int y0, int y1) {
                }
                const std::lock_guard lock(mutex);
                for (int i = 0; i < Slots(); ++i) {
-                 counts_[i].values += statistic.counts[i].values;
-                 counts_[i].low += statistic.counts[i].low;
-                 counts_[i].high += statistic.counts[i].high;
+                 counts_[i] += statistic.counts[i];
                }
              });
   ShowBand(y1);

@@ -27,6 +27,13 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   /// What became of a frame's pixels. Those that are missing or no finite numbers don't count.
   struct Counts {
     long long values = 0, low = 0, high = 0;  ///< all, and of them those rejected as too low and too high
+
+    Counts& operator+=(Counts const& other) {
+      values += other.values;
+      low += other.low;
+      high += other.high;
+      return *this;
+    }
   };
 
   explicit CImgStack(CVelImage* target);
