@@ -63,14 +63,17 @@ void Register(Tool& tool, const RegisterOptions& options) {
   Registrar registrar(
       reference, [&] { return load(referenceFile); }, options.residual);
   std::vector<Registration> registrations(files.size());
-  for (size_t i = 0; i < files.size(); ++i) {
-    tool.ForEachFile({files[i]}, [&](const fs::path& file) {
-      registrations[i] = fs::equivalent(file, referenceFile)
-                             ? ReferenceRegistration(reference)
-                             : registrar.Register(frames[i], [&] { return load(file); });
-    });
-    registrations[i].file = files[i].string();
-  }
+  SideBySide(
+      tool, "registering frame", files.size(),
+      [&](size_t i) {
+        return fs::equivalent(files[i], referenceFile)
+                   ? ReferenceRegistration(reference)
+                   : registrar.Register(frames[i], [&] { return load(files[i]); });
+      },
+      [&](size_t i, const auto& result) {
+        tool.ForEachFile({files[i]}, [&](const fs::path&) { registrations[i] = result(); });
+        registrations[i].file = files[i].string();
+      });
   RegisterThroughOthers(frames, registrations, [&](size_t i) { return load(files[i]); });
   std::string lines;
   for (const Registration& registration : registrations) {

@@ -35,7 +35,8 @@ struct Pair {
 };
 
 inline double Distance(Point const& p, Point const& q) {
-  return std::hypot(p.x - q.x, p.y - q.y);
+  const double x = p.x - q.x, y = p.y - q.y;
+  return std::sqrt(x * x + y * y);  // std::hypot is made for numbers whose squares are none, and slow
 }
 
 /// By weighted least squares; with `rigid` the scale stays 1.

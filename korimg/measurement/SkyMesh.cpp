@@ -48,14 +48,21 @@ Moments Between(std::vector<float> const& pixels, float low, float high, float p
   return all;
 }
 
-/// Numbers of pixels in equal steps of value.
+/// Numbers of pixels in equal steps of value, summed up: any range of them is one difference.
 class Histogram {
  public:
   Histogram(std::vector<float> const& pixels, float low, float high)
       : low_(low), step_((high - low) / kBins) {
+    std::array<int, kBins> bins{};
     const float scale = kBins / (high - low);
     for (const float v : pixels) {
-      if (v > low && v < high) ++bins_[std::min(static_cast<int>((v - low) * scale), kBins - 1)];
+      if (v > low && v < high) ++bins[std::min(static_cast<int>((v - low) * scale), kBins - 1)];
+    }
+    for (int i = 0; i < kBins; ++i) {
+      const double place = i + 0.5, n = bins[i];
+      counts_[i + 1] = counts_[i] + n;
+      places_[i + 1] = places_[i] + n * place;
+      squares_[i + 1] = squares_[i] + n * place * place;
     }
   }
 
@@ -66,13 +73,11 @@ class Histogram {
       const int from = static_cast<int>(std::max(first, 0.0)),
                 to = static_cast<int>(std::min<double>(last, kBins));
       middle = MiddleMean(from, to);
-      double count = 0, squares = 0;
-      for (int i = from; i < to && i < middle; ++i) {
-        const double d = middle - (i + 0.5);
-        count += bins_[i];
-        squares += bins_[i] * d * d;
-      }
-      sigma = count > 0 ? std::sqrt(squares / count) : 0;
+      const int end = std::clamp(static_cast<int>(std::ceil(middle)), from, to);
+      const double count = counts_[end] - counts_[from], places = places_[end] - places_[from],
+                   squares = squares_[end] - squares_[from];
+      const double square = count > 0 ? (squares - 2 * middle * places) / count + middle * middle : 0;
+      sigma = std::sqrt(std::max(square, 0.0));
       first = middle - kClip * sigma;
       last = middle + kClip * sigma + 1;
     }
@@ -84,21 +89,19 @@ class Histogram {
 
   /// In bins, of the middle half of what bins from .. to - 1 hold.
   double MiddleMean(int from, int to) const {
-    double total = 0, before = 0, sum = 0;
-    for (int i = from; i < to; ++i) {
-      total += bins_[i];
-    }
-    for (int i = from; i < to; ++i) {
-      const double after = before + bins_[i];
-      const double taken = std::min(after, 0.75 * total) - std::max(before, 0.25 * total);
-      if (taken > 0) sum += taken * (i + 0.5);
-      before = after;
-    }
-    return total > 0 ? sum / (0.5 * total) : 0.5 * (from + to);
+    const double total = counts_[to] - counts_[from];
+    if (!(total > 0)) return 0.5 * (from + to);
+    return (PlacesOf(counts_[from] + 0.75 * total) - PlacesOf(counts_[from] + 0.25 * total)) / (0.5 * total);
+  }
+
+  /// The sum of the places of so many of the lowest pixels.
+  double PlacesOf(double count) const {
+    const auto whole = std::upper_bound(counts_.begin() + 1, counts_.end() - 1, count) - counts_.begin() - 1;
+    return places_[whole] + (count - counts_[whole]) * (static_cast<double>(whole) + 0.5);
   }
 
   float low_, step_;
-  std::array<int, kBins> bins_{};
+  std::array<double, kBins + 1> counts_{}, places_{}, squares_{};  ///< of the bins before each
 };
 
 Sky SkyOf(std::vector<float> const& pixels, double least) {

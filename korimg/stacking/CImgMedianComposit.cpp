@@ -211,7 +211,7 @@ void CImgMedianComposit::SetRefNormalizeParam(double* a, double* b) {
 /// Calls reduce(sorted columns, where their result goes).
 template <class F>
 void CImgMedianComposit::Reduce(int y0, int y1, bool threaded, bool normalised, F&& reduce) {
-  ForColumns(y0, y1, threaded && IsContiguous(*target_), normalised, false,
+  ForColumns(y0, y1, threaded && IsContiguous(*target_), normalised, false, {},
              [&](Columns& columns, Part const& part) {
                columns.Sort();
                reduce(columns, target_->GetWritableLine(part.x, part.y, part.plane));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <span>
 #include <vector>
 
 #include "korimg/image/CVelImage.h"
@@ -79,7 +80,8 @@ class KORIMG_API CImgMedianComposit : public CVelImage {
     int x, y, plane;
   };
   template <class F>
-  void ForColumns(int y0, int y1, bool threaded, bool normalised, bool finiteOnly, F&& reduce);
+  void ForColumns(int y0, int y1, bool threaded, bool normalised, bool finiteOnly,
+                  std::span<double const> weights, F&& reduce);
   CVelImage& Target() const { return *target_; }
   int Slots() const { return static_cast<int>(store_.size()); }
   int NormalizeItems() const { return static_cast<int>(items_.GetSize()); }

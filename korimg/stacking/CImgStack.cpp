@@ -1,6 +1,7 @@
 #include "korimg/stacking/CImgStack.h"
 
 #include <mutex>
+#include <numeric>
 
 #include "korimg/geometry/CInterp.h"
 #include "korimg/stacking/StackColumns.h"
@@ -16,9 +17,9 @@ struct Work {
   std::vector<float> values;          ///< by frames, as the columns had them before they were sorted
   std::vector<double> first, second;  ///< two sums
   std::vector<double> medians;
-  std::vector<int> from, to;     ///< ranks that clipping leaves
+  std::vector<int> from, to;     ///< ranks that are left
   std::vector<int> open;         ///< columns that may lose more
-  std::vector<float> low, high;  ///< the least and largest value that it leaves
+  std::vector<float> low, high;  ///< the least and largest value that are left
   std::vector<float> lowCount, highCount;
 
   void Resize(int columns) {
@@ -91,78 +92,62 @@ bool Reject(Columns& sorted, Clip const& clip, Work& work, int x) {
   return true;
 }
 
-/// Sorts the columns, and finds the least and largest value of each that clipping leaves.
-void FindLimits(Columns& columns, Clip const& clip, Work& work) {
-  columns.Sort();
+/// Nothing is rejected yet.
+void KeepAll(Columns const& columns, Work& work) {
   const int size = columns.Size();
   std::fill_n(work.from.begin(), size, 0);
   std::copy_n(columns.Counts(), size, work.to.begin());
+  std::fill_n(work.low.begin(), size, -Columns::kMissing);
+  std::fill_n(work.high.begin(), size, Columns::kMissing);
+}
+
+/// Sorts the columns, and rejects what lies too far from the others.
+void ClipColumns(Columns& columns, Clip const& clip, Work& work) {
+  if (clip.iterations <= 0) return;
+  columns.Sort();
   // The first round is for all columns side by side; most of them are done then.
   work.open.clear();
-  if (clip.iterations > 0) SumUp(columns, work);
-  for (int x = 0; clip.iterations > 0 && x < size; ++x) {
+  SumUp(columns, work);
+  for (int x = 0; x < columns.Size(); ++x) {
     if (Reject(columns, clip, work, x)) work.open.push_back(x);
   }
+  const std::vector<int> clipped = work.open;
   for (int round = 1; round < clip.iterations && !work.open.empty(); ++round) {
     std::erase_if(work.open, [&](int x) {
       SumUp(columns, work, x);
       return !Reject(columns, clip, work, x);
     });
   }
-  for (int x = 0; x < size; ++x) {
-    const bool any = columns.Counts()[x] > 0;
-    work.low[x] = any ? columns.Row(work.from[x])[x] : 0;
-    work.high[x] = any ? columns.Row(work.to[x] - 1)[x] : 0;
+  for (const int x : clipped) {
+    work.low[x] = columns.Row(work.from[x])[x];
+    work.high[x] = columns.Row(work.to[x] - 1)[x];
   }
 }
 
-/// Weighted means of the values within the limits, and what lies beyond.
-void Means(Work& work, int frames, int stride, double const* weights, int columns, CImgStack::Counts* counts,
-           float* out) {
-  double *sum = work.first.data(), *weight = work.second.data();
-  float const *low = work.low.data(), *high = work.high.data();
-  float *lowCount = work.lowCount.data(), *highCount = work.highCount.data();
-  std::fill_n(sum, columns, 0.0);
-  std::fill_n(weight, columns, 0.0);
-  std::fill_n(lowCount, columns, 0.0f);
-  std::fill_n(highCount, columns, 0.0f);
-  for (int i = 0; i < frames; ++i) {
-    float const* row = work.values.data() + static_cast<size_t>(i) * stride;
-    CImgStack::Counts& count = counts[i];
-    RunInLongVectors([=, w = weights[i], &count]() KORIMG_IN_LOOP {
-      int all = 0, below = 0, above = 0;
-      for (int x = 0; x < columns; ++x) {
-        const bool there = row[x] < Columns::kMissing, isLow = row[x] < low[x],
-                   isHigh = there & (row[x] > high[x]), keeps = there & !isLow & !isHigh;
-        sum[x] += keeps ? w * row[x] : 0.0;
-        weight[x] += keeps ? w : 0.0;
-        lowCount[x] += isLow ? 1.0f : 0.0f;
-        highCount[x] += isHigh ? 1.0f : 0.0f;
-        all += there;
-        below += isLow;
-        above += isHigh;
-      }
-      count.values += all;
-      count.low += below;
-      count.high += above;
-    });
-  }
-  for (int x = 0; x < columns; ++x) {
-    out[x] = static_cast<float>(sum[x] / weight[x]);
-  }
-}
-
-/// How many values each frame has in the columns.
-void CountValues(Columns& columns, CImgStack::Counts* counts) {
-  for (int i = 0; i < columns.Frames(); ++i) {
-    float const* row = columns.Row(i);
-    RunInLongVectors([=, size = columns.Size(), &values = counts[i].values]() KORIMG_IN_LOOP {
-      int all = 0;
-      for (int x = 0; x < size; ++x) {
-        all += row[x] < Columns::kMissing;
-      }
-      values += all;
-    });
+/// The weighted means of what is left, and what lies beyond. Only the few columns that lost a value are gone
+/// through; the others have their sums.
+void Means(Columns const& columns, Work& work, double const* weights, CImgStack::Counts* counts, float* out) {
+  const int frames = columns.Frames(), stride = columns.Most();
+  const double all = std::accumulate(weights, weights + frames, 0.0);
+  for (int x = 0; x < columns.Size(); ++x) {
+    const int lowCount = work.from[x], highCount = columns.Counts()[x] - work.to[x];
+    work.lowCount[x] = static_cast<float>(lowCount);
+    work.highCount[x] = static_cast<float>(highCount);
+    if (work.to[x] - lowCount == frames) {
+      out[x] = static_cast<float>(columns.Sums()[x] / all);
+      continue;
+    }
+    double sum = 0, weight = 0;
+    for (int i = 0; i < frames; ++i) {
+      const float v = work.values[static_cast<size_t>(i) * stride + x];
+      const bool there = v < Columns::kMissing, isLow = v < work.low[x], isHigh = there && v > work.high[x];
+      counts[i].low += isLow;
+      counts[i].high += isHigh;
+      if (!there || isLow || isHigh) continue;
+      sum += weights[i] * v;
+      weight += weights[i];
+    }
+    out[x] = static_cast<float>(sum / weight);
   }
 }
 
@@ -189,21 +174,19 @@ struct Statistic {
   std::vector<CImgStack::Counts> counts = {};
 
   void operator()(Columns& columns, float* out) {
-    const int size = columns.Size(), frames = columns.Frames();
+    const int frames = columns.Frames();
     work.Resize(columns.Most());
     counts.assign(frames, {});
+    for (int i = 0; i < frames; ++i) {
+      counts[i].values = columns.Present(i);
+    }
     if (method == CImgStack::Mean || method == CImgStack::ClippedMean) {
       work.values.assign(columns.Row(0), columns.Row(0) + static_cast<size_t>(frames) * columns.Most());
-      if (method == CImgStack::ClippedMean) {
-        FindLimits(columns, clip, work);
-      } else {
-        std::fill_n(work.low.begin(), size, std::numeric_limits<float>::lowest());
-        std::fill_n(work.high.begin(), size, std::numeric_limits<float>::max());
-      }
-      Means(work, frames, columns.Most(), weights.data(), size, counts.data(), out);
+      KeepAll(columns, work);
+      if (method == CImgStack::ClippedMean) ClipColumns(columns, clip, work);
+      Means(columns, work, weights.data(), counts.data(), out);
       return;
     }
-    CountValues(columns, counts.data());
     if (method == CImgStack::Median) {
       columns.Sort();
       columns.Medians(out);
@@ -242,7 +225,7 @@ void CImgStack::Stack(Method method, Clip const& clip, int y0, int y1) {
   weights_.resize(Slots(), 1.0);
   counts_.resize(Slots());
   std::mutex mutex;
-  ForColumns(y0, y1, true, NormalizeItems() > 0, true,
+  ForColumns(y0, y1, true, NormalizeItems() > 0, true, weights_,
              [&, statistic = Statistic{method, clip, weights_}](Columns& columns, Part const& part) mutable {
                float* out = Target().GetWritableLine(part.x, part.y, part.plane);
                statistic(columns, out);

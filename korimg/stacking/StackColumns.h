@@ -55,14 +55,17 @@ class Columns {
         network_(network),
         values_(1LL * frames * most_),
         counts_(most_),
-        numbers_(most_),
-        sums_(most_) {}
+        sums_(most_),
+        present_(frames) {}
 
   int Frames() const { return frames_; }
   int Most() const { return most_; }
   int Size() const { return columns_; }
   int const* Counts() const { return counts_.data(); }
+  /// Of the values of each column, each by its frame's weight.
   double const* Sums() const { return sums_.data(); }
+  /// The number of columns in which frame i has a real value.
+  int Present(int i) const { return present_[i]; }
   /// Frame i's values, or when sorted the values of rank i.
   float* Row(int i) { return values_.data() + static_cast<size_t>(i) * most_; }
   /// The median of column x, sorted, or of those of its values with ranks from `first` to `end` - 1.
@@ -82,33 +85,40 @@ class Columns {
   void Start(int columns) {
     columns_ = columns;
     std::fill_n(counts_.begin(), columns, 0);
-    std::fill_n(numbers_.begin(), columns, 0);
     std::fill_n(sums_.begin(), columns, 0.0);
+    hasNan_ = false;
   }
 
   /// Frame i's values. What is missing sorts to the end.
-  void Add(int i, float const* values, int const* valid, Normaliser const& normalise) {
+  void Add(int i, float const* values, int const* valid, Normaliser const& normalise, double weight = 1) {
     float* row = Row(i);
-    int *counts = counts_.data(), *numbers = numbers_.data();
+    int* counts = counts_.data();
     double* sums = sums_.data();
-    RunInLongVectors([=, columns = columns_, any = !finiteOnly_]() KORIMG_IN_LOOP {
+    int present = 0, nans = 0;
+    RunInLongVectors([=, &present, &nans, columns = columns_, any = !finiteOnly_]() KORIMG_IN_LOOP {
+      int all = 0, notNumbers = 0;
       for (int x = 0; x < columns; ++x) {
         const double v = normalise(values[x]);
         const auto number = static_cast<float>(v);
         const bool there = (valid[x] != 0) & (any | (number - number == 0));
         row[x] = there ? number : kMissing;
         counts[x] += there;
-        numbers[x] += there && v == v;
-        sums[x] += there ? v : 0.0;
+        sums[x] += there ? weight * v : 0.0;
+        all += there;
+        notNumbers += there & (number != number);
       }
+      present = all;
+      nans = notNumbers;
     });
+    present_[i] = present;
+    hasNan_ |= nans > 0;
   }
 
   void Sort() {
     // The network knows nothing of NaN.
     std::vector<std::pair<int, std::vector<float>>> aside;
-    for (int x = 0; x < columns_; ++x) {
-      if (numbers_[x] != counts_[x]) aside.emplace_back(x, TakeSorted(x));
+    for (int x = 0; hasNan_ && x < columns_; ++x) {
+      if (HasNan(x)) aside.emplace_back(x, TakeSorted(x));
     }
     float* first = values_.data();
     const auto most = static_cast<size_t>(most_);
@@ -125,6 +135,13 @@ class Columns {
   }
 
  private:
+  bool HasNan(int x) {
+    for (int i = 0; i < frames_; ++i) {
+      if (std::isnan(Row(i)[x])) return true;
+    }
+    return false;
+  }
+
   /// A column with NaN, in order: numbers, NaN, what is missing. It is left without NaN.
   std::vector<float> TakeSorted(int x) {
     std::vector<float> column;
@@ -144,17 +161,19 @@ class Columns {
   int columns_ = 0;
   Network const& network_;
   std::vector<float> values_;
-  std::vector<int> counts_, numbers_;  ///< real values of each column, and those that are numbers
+  std::vector<int> counts_;  ///< real values of each column
   std::vector<double> sums_;
+  std::vector<int> present_;
+  bool hasNan_ = false;
 };
 
 }  // namespace korimg
 
 /// Calls reduce(columns, part of the target) for the columns of each row and plane, values by frames. Each
-/// row has its own copy of `reduce`.
+/// row has its own copy of `reduce`. Without weights all are 1.
 template <class F>
 void CImgMedianComposit::ForColumns(int y0, int y1, bool threaded, bool normalised, bool finiteOnly,
-                                    F&& reduce) {
+                                    std::span<double const> weights, F&& reduce) {
   using namespace korimg;
   const int frames = static_cast<int>(store_.size()), width = target_->GetWidth(),
             planes = target_->GetPlanes();
@@ -174,7 +193,7 @@ void CImgMedianComposit::ForColumns(int y0, int y1, bool threaded, bool normalis
         columns.Start(std::min(columns.Most(), width - left));
         for (int i = 0; i < frames; ++i) {
           columns.Add(i, store_[i]->Values() + first + left, store_[i]->Valid() + first + left,
-                      normalisers[3 * i + std::min(p, 2)]);
+                      normalisers[3 * i + std::min(p, 2)], weights.empty() ? 1 : weights[i]);
         }
         part(columns, Part{left, y, p});
       }

@@ -188,8 +188,8 @@ Sample SampleAt(const ImageParam& input, Kernel kernel, const Position& position
               TailStrategy::GuardWithIf)
         .vectorize(xi, wide, TailStrategy::GuardWithIf)
         .parallel(yo);
-    at.compute_at(output, yi).vectorize(x, wide, TailStrategy::RoundUp);
-    columns.compute_at(output, yi).bound(k, 0, lanes);
+    at.compute_at(output, yi).store_in(MemoryType::Stack).vectorize(x, wide, TailStrategy::RoundUp);
+    columns.compute_at(output, yi).store_in(MemoryType::Stack).bound(k, 0, lanes);
     columns.update(0).reorder(vector, x, y).vectorize(vector).unroll(x, 4);
     columns.update(1).reorder(tap, x, y);
   };
