@@ -1,10 +1,15 @@
 #include "app/stack/Stack.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
-#include <future>
+#include <condition_variable>
+#include <exception>
 #include <limits>
+#include <mutex>
 #include <numbers>
+#include <stop_token>
+#include <thread>
 
 #include <fmt/format.h>
 #include <sys/mman.h>
@@ -36,8 +41,21 @@ class FrameRows {
     return planes;
   }
 
-  /// Gives back the memory of all rows but y0 to y1 - 1.
-  void Keep(int y0, int y1) {
+  /// Says that rows y0 to y1 - 1 are needed now. The memory of others is given back once they are many:
+  /// frames that lie a little higher or lower than the last one need nearly the same.
+  void Need(int y0, int y1) {
+    first_ = std::min(first_, y0);
+    end_ = std::max(end_, y1);
+    if (end_ - first_ <= (y1 - y0) * 5 / 4) return;
+    GiveBackAllBut(y0, y1);
+    first_ = y0;
+    end_ = y1;
+  }
+
+  void GiveBackAll() { GiveBackAllBut(0, 0); }
+
+ private:
+  void GiveBackAllBut(int y0, int y1) {
     for (float* plane : Row(0)) {
       const auto size = static_cast<size_t>(shape_.width);
       GiveBack(plane, plane + y0 * size);
@@ -45,7 +63,6 @@ class FrameRows {
     }
   }
 
- private:
   static void GiveBack(float* from, float* to) {
     const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
     const std::uintptr_t first = (reinterpret_cast<std::uintptr_t>(from) + page - 1) / page * page,
@@ -56,6 +73,86 @@ class FrameRows {
   Shape shape_;
   std::shared_ptr<CVmManager> store_;
   CVelImage image_;
+  int first_ = 0, end_ = 0;  ///< rows that may have memory, as far as they were needed
+};
+
+/// Frames that are read and stored at a time: each takes room for its rows.
+int FramesAtOnce() {
+  constexpr int kMost = 4;
+  return std::min(CParallel::GetMaxThreads(), kMost);
+}
+
+/// Fills one band after the other, a few frames at a time, each on its share of the threads. While a band is
+/// stacked, the first frames of the next one are read.
+class BandFeeder {
+ public:
+  /// What is done for frame `step % frames` of band `step / frames`, by one of FramesAtOnce() workers.
+  using Work = std::function<void(int worker, long long step)>;
+
+  BandFeeder(int frames, long long steps, Work read, Work store)
+      : frames_(frames), steps_(steps), read_(std::move(read)), store_(std::move(store)) {
+    const int workers = FramesAtOnce(), threads = CParallel::GetMaxThreads() / workers;
+    for (int i = 0; i < workers; ++i) {
+      workers_.emplace_back([this, i, threads](const std::stop_token& stop) {
+        CParallel::SetMaxThreads(threads);
+        Run(i, stop);
+      });
+    }
+  }
+
+  /// Returns once every frame of the open band is stored; calls idle(frames stored) now and then until it is.
+  /// Throws what reading and storing throw, and what `idle` throws.
+  template <class F>
+  void WaitForBand(F&& idle) {
+    constexpr std::chrono::milliseconds kNow(100);
+    std::unique_lock lock(mutex_);
+    for (bool done = false; !done;) {
+      done = changed_.wait_for(lock, kNow, [&] { return failure_ || stored_ == frames_; });
+      if (failure_) std::rethrow_exception(failure_);
+      idle(stored_);
+    }
+  }
+
+  /// The next band may take the place of this one.
+  void OpenNextBand() {
+    {
+      const std::lock_guard lock(mutex_);
+      ++band_;
+      stored_ = 0;
+    }
+    changed_.notify_all();
+  }
+
+ private:
+  void Run(int worker, const std::stop_token& stop) try {
+    std::unique_lock lock(mutex_);
+    while (next_ < steps_ && !failure_) {
+      const long long step = next_++;
+      lock.unlock();
+      read_(worker, step);
+      lock.lock();
+      if (!changed_.wait(lock, stop, [&] { return step / frames_ == band_; })) return;
+      lock.unlock();
+      store_(worker, step);
+      lock.lock();
+      ++stored_;
+      changed_.notify_all();
+    }
+  } catch (...) {
+    const std::lock_guard lock(mutex_);
+    if (!failure_) failure_ = std::current_exception();
+    changed_.notify_all();
+  }
+
+  int frames_;
+  long long steps_;
+  Work read_, store_;
+  std::mutex mutex_;
+  std::condition_variable_any changed_;
+  long long next_ = 0, band_ = 0;
+  int stored_ = 0;  ///< of the open band
+  std::exception_ptr failure_;
+  std::vector<std::jthread> workers_;
 };
 
 struct RowRange {
@@ -96,9 +193,9 @@ struct BandBytes {
           SourceRows(input, shape.width, (shape.height - rows) / 2, (shape.height + rows) / 2);
       read = std::max(read, 4LL * (range.end - range.first) * input.shape.width * input.shape.planes);
     }
-    // One frame's rows are read while another's are stored; for sorting each thread has its columns.
-    const long long columns = CParallel::GetMaxThreads() * std::max(8192LL, 192 * frames) * 16;
-    total = store + 2 * read + rows * line * (options.rejectionMaps ? 3 : 1) + columns;
+    // For sorting each thread has its columns.
+    const long long columns = CParallel::GetMaxThreads() * std::max(8192LL, 384 * frames) * 16;
+    total = store + FramesAtOnce() * read * 5 / 4 + rows * line * (options.rejectionMaps ? 3 : 1) + columns;
   }
 };
 
@@ -189,37 +286,39 @@ void Stack(Tool& tool, const std::vector<StackInput>& inputs, int reference, con
   // Frames and bands in one sequence: step n stores frame n % frames of band n / frames.
   const int bands = (shape.height - y0 + plan.rows - 1) / plan.rows;
   const long long steps = 1LL * bands * frames;
-  std::unique_ptr<FrameRows> buffers[2];
   const auto top = [&](long long band) { return y0 + static_cast<int>(band) * plan.rows; };
   const auto bottom = [&](long long band) { return std::min(top(band) + plan.rows, shape.height); };
-  const auto read = [&](long long step) {
+  std::vector<std::unique_ptr<FrameRows>> buffers(FramesAtOnce());
+  std::vector<std::mutex> reading(frames);
+  const auto read = [&](int worker, long long step) {
     const StackInput& input = inputs[step % frames];
-    auto& buffer = buffers[step % 2];
+    const std::lock_guard lock(reading[step % frames]);
+    auto& buffer = buffers[worker];
     if (!buffer || buffer->Image().GetWidth() != input.shape.width ||
         buffer->Image().GetHeight() != input.shape.height) {
       buffer = std::make_unique<FrameRows>(input.shape);
     }
     const RowRange rows = SourceRows(input, shape.width, top(step / frames), bottom(step / frames));
-    buffer->Keep(rows.first, rows.end);
+    buffer->Need(rows.first, rows.end);
     if (rows.first < rows.end) {
       input.read(rows.first, rows.end - rows.first, buffer->Row(rows.first).data());
     }
   };
-  const auto policy = CParallel::GetMaxThreads() > 1 ? std::launch::async : std::launch::deferred;
-  std::future<void> next = std::async(policy, read, 0);
-  for (long long step = 0; step < steps; ++step) {
-    const int band = static_cast<int>(step / frames), frame = static_cast<int>(step % frames);
-    tool.console.CheckCancelled();
-    tool.console.JobProgress(
-        "stacking", step, steps,
-        fmt::format("band {} of {}, frame {} of {}", band + 1, bands, frame + 1, frames));
-    next.get();
-    if (step + 1 < steps) next = std::async(policy, read, step + 1);
-    const StackInput& input = inputs[frame];
-    stack.Store(frame, &buffers[step % 2]->Image(), top(band), bottom(band) - 1, input.dx, input.dy,
-                input.degrees * std::numbers::pi / 180, options.kernel);
-    if (frame + 1 < frames) continue;
+  const auto store = [&](int worker, long long step) {
+    const StackInput& input = inputs[step % frames];
+    stack.Store(static_cast<int>(step % frames), &buffers[worker]->Image(), top(step / frames),
+                bottom(step / frames) - 1, input.dx, input.dy, input.degrees * std::numbers::pi / 180,
+                options.kernel);
+  };
+  BandFeeder feeder(frames, steps, read, store);
+  for (int band = 0; band < bands; ++band) {
+    feeder.WaitForBand([&](int stored) {
+      tool.console.CheckCancelled();
+      tool.console.JobProgress("stacking", 1LL * band * frames + stored, steps,
+                               fmt::format("band {} of {}, frame {} of {}", band + 1, bands, stored, frames));
+    });
     stack.Stack(options.method, options.clip, top(band), bottom(band) - 1);
+    feeder.OpenNextBand();
     const auto planes = target.Row(top(band));
     StackBand done{top(band), bottom(band) - top(band), planes.data()};
     done.counts = stack.TakeCounts();
@@ -232,7 +331,7 @@ void Stack(Tool& tool, const std::vector<StackInput>& inputs, int reference, con
     }
     sink(done);
     for (FrameRows* rows : {&target, maps[0].get(), maps[1].get()}) {
-      if (rows) rows->Keep(0, 0);
+      if (rows) rows->GiveBackAll();
     }
   }
   tool.console.JobProgress("", 0, 0);

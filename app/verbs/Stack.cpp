@@ -18,6 +18,7 @@
 #include "app/stack/StackChoices.h"
 #include "app/stack/StackHeader.h"
 #include "app/stack/Transforms.h"
+#include "app/tool/SideBySide.h"
 #include "app/verbs/Verbs.h"
 
 namespace korimg::tool {
@@ -249,13 +250,12 @@ class StackRun {
   /// Levels and weights.
   void Measure() {
     if (stack_.normalisation == Normalisation::None && options_.weight != "noise") return Weigh();
-    long long done = 0;
-    for (StackInput& input : inputs_) {
-      tool_.console.CheckCancelled();
-      tool_.console.Progress("measuring frame", ++done, static_cast<long long>(inputs_.size()));
-      input.levels = MeasureInput(input);
-    }
-    tool_.console.EndProgress();
+    SideBySide(
+        tool_, "measuring frame", inputs_.size(), [&](size_t i) { return MeasureInput(inputs_[i]); },
+        [&](size_t i, const auto& result) {
+          tool_.console.CheckCancelled();
+          inputs_[i].levels = result();
+        });
     Weigh();
   }
 

@@ -11,7 +11,7 @@ class KORIMG_API CParallel {
   /// Size of the team that the next parallel loop of this thread gets.
   static int GetMaxThreads();
 
-  /// Sets the size of the team; values below 1 count as 1. The pipelines' pool is set by
-  /// korimg::SetPipelineThreads.
+  /// Sets the size of this thread's team; values below 1 count as 1. With 1 the thread runs pipelines alone
+  /// too; otherwise their pool helps, which korimg::SetPipelineThreads sets.
   static void SetMaxThreads(int threads);
 };

@@ -37,7 +37,7 @@ struct Normaliser {
 
 /// Columns that are sorted together: as many as stay in the first-level cache.
 inline int ColumnsAtOnce(int frames) {
-  constexpr int kCached = 8192, kLeast = 192;
+  constexpr int kCached = 8192, kLeast = 384;
   return std::max(kCached / std::max(frames, 1) / 16 * 16, kLeast);
 }
 

@@ -11,6 +11,7 @@
 
 #include <HalideRuntime.h>
 
+#include "korimg/platform/CParallel.h"
 #include "korimg/platform/Debug.h"
 
 namespace {
@@ -30,7 +31,18 @@ void NoteError(void*, const char* text) {
   korimg::DebugLine(std::string("pipeline: ") + text);
 }
 
+/// Threads whose team is themselves run pipelines alone too: others are at work beside them.
+int RunTasks(void* context, halide_task_t task, int first, int count, std::uint8_t* closure) {
+  if (CParallel::GetMaxThreads() > 1) return halide_default_do_par_for(context, task, first, count, closure);
+  int result = 0;
+  for (int i = first; i < first + count && result == 0; ++i) {
+    result = halide_do_task(context, task, i, closure);
+  }
+  return result;
+}
+
 const bool g_installed = [] {
+  halide_set_custom_do_par_for(RunTasks);
   halide_set_error_handler(NoteError);
   halide_set_custom_can_use_target_features(CanUse);
   return true;
