@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <numbers>
+#include <numeric>
 
 #include "korimg/fourier/LineTransform.h"
 #include "korimg/fourier/Rows.h"
@@ -101,13 +102,11 @@ void CFftd::CalcPOC(bool limitRows) {
   complex* a = GetArray(0);
   if (!a) return;
   complex const* b = GetArray(1);
-  const auto low = [](int size) { return static_cast<int>(size * 0.25); };
-  const auto high = [](int size) { return static_cast<int>(size * 0.75); };
   ForRows([&](int y) {
     complex* rowA = a + static_cast<size_t>(y) * width_;
     complex const* rowB = b + static_cast<size_t>(y) * width_;
-    const bool beyond = limitRows && y >= low(height_) && y < high(height_);
-    const int left = beyond ? 0 : low(width_), right = beyond ? width_ : high(width_);
+    const bool beyond = limitRows && !Band(height_).Has(y);
+    const int left = beyond ? 0 : Band(width_).end, right = beyond ? width_ : Band(width_).start;
     RunInLongVectors([=, this]() KORIMG_IN_LOOP {
       for (int x = 0; x < left; ++x) {
         rowA[x] = CrossPower(rowA[x], rowB[x]);
@@ -126,6 +125,100 @@ void CFftd::CalcPOC() {
 
 void CFftd::CalcPOC1D() {
   CalcPOC(false);
+}
+
+/// Images of very different scales lose each other in rounding: brings them near to one another. False when
+/// one has nothing to correlate.
+bool CFftd::BalanceParts() {
+  complex* data = GetArray(0);
+  struct Power {
+    double re = 0, im = 0;
+  } power;
+  for (Power const& row : MapLines(0, height_, [&](int y) {
+         complex const* row = data + static_cast<size_t>(y) * width_;
+         Power sum;
+         RunInLongVectors([&sum, row, width = width_]() KORIMG_IN_LOOP {
+           constexpr int kLanes = 8;
+           double re[kLanes] = {}, im[kLanes] = {};
+           for (int x = 0; x < width; x += kLanes) {
+             for (int k = 0; k < std::min(kLanes, width - x); ++k) {
+               re[k] += static_cast<double>(row[x + k].re) * row[x + k].re;
+               im[k] += static_cast<double>(row[x + k].im) * row[x + k].im;
+             }
+           }
+           sum = {std::accumulate(re, re + kLanes, 0.0), std::accumulate(im, im + kLanes, 0.0)};
+         });
+         return sum;
+       })) {
+    power.re += row.re;
+    power.im += row.im;
+  }
+  const double ratio = std::sqrt(power.re / power.im);
+  if (!(ratio > 0) || !std::isfinite(ratio)) return false;
+  constexpr double kNear = 16;
+  if (ratio < kNear && ratio > 1 / kNear) return true;
+  ForRows([&, factor = static_cast<float>(ratio)](int y) {
+    complex* row = data + static_cast<size_t>(y) * width_;
+    for (int x = 0; x < width_; ++x) {
+      row[x].im *= factor;
+    }
+  });
+  return true;
+}
+
+/// The cross-power spectrum of the images whose joint spectrum is Z: (Z(k) + conj Z(-k)) / 2 and (Z(k) - conj
+/// Z(-k)) / 2i.
+void CFftd::CalcPOCOfParts() {
+  complex* data = GetArray(0);
+  const auto [end, start] = Band(width_);
+  const auto isIn = [&](int y) { return Band(height_).Has(y); };
+  // Row y from copies of it and of the row of the opposite frequency.
+  const auto calculate = [&](int y, std::vector<complex> const& own, std::vector<complex> const& other) {
+    complex* row = data + static_cast<size_t>(y) * width_;
+    std::fill(row + (isIn(y) ? end : 0), row + (isIn(y) ? start : width_), complex{});
+    if (!isIn(y)) return;
+    complex const *z = own.data(), *opposite = other.data();
+    const auto part = [=](int x, int opposed) KORIMG_IN_LOOP {
+      const complex r{opposite[opposed].re, -opposite[opposed].im};
+      return CrossPower({z[x].re + r.re, z[x].im + r.im}, {z[x].im - r.im, r.re - z[x].re});
+    };
+    if (end > 0 || start == 0) row[0] = part(0, 0);
+    RunInLongVectors([=, width = width_, end = end, start = std::max(start, 1)]() KORIMG_IN_LOOP {
+      for (int x = 1; x < end; ++x) {
+        row[x] = part(x, width - x);
+      }
+      for (int x = start; x < width; ++x) {
+        row[x] = part(x, width - x);
+      }
+    });
+  };
+  ForLines(Team::All, 0, height_ / 2 + 1, [&](int y) {
+    const int opposite = (height_ - y) % height_;
+    const auto copy = [&](int line) {
+      complex const* row = data + static_cast<size_t>(line) * width_;
+      const bool isNeeded = isIn(y) || isIn(opposite);
+      return std::vector<complex>(row, row + (isNeeded ? width_ : 0));
+    };
+    const std::vector<complex> one = copy(y), other = copy(opposite);
+    calculate(y, one, other);
+    if (opposite != y) calculate(opposite, other, one);
+    if (progress_) progress_->ShowProgress(opposite != y ? 2 : 1);
+  });
+}
+
+void CFftd::CorrelateParts() {
+  complex* data = GetArray(0);
+  if (!data) return;
+  Windowing(0);
+  if (!BalanceParts()) {
+    return ForRows([&](int y) { std::fill_n(data + static_cast<size_t>(y) * width_, width_, complex{}); });
+  }
+  // Frequencies of the band need the opposite ones: one more column than CalcPOC keeps.
+  const Frequencies rows = Band(height_), columns = Band(width_);
+  Transform(0, 1, 1.0f, 1.0f, kAll, {columns.end + 1, columns.start});
+  CalcPOCOfParts();
+  Transform(0, -1, 1.0f / static_cast<float>(width_), 1.0f / static_cast<float>(height_), rows);
+  Swap(0);
 }
 
 void CFftd::SwapX(int plane) {

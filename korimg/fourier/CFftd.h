@@ -26,6 +26,11 @@ class KORIMG_API CFftd : public ComplexPlanes {
   void CalcPOC();
   /// The same of the rows, with the limit along x alone.
   void CalcPOC1D();
+  /// A's real parts are one image, and its imaginary parts another: A becomes their correlation with no
+  /// displacement in the middle, as Windowing, Do, CalcPOC, Do back and Swap make it of planes A and B,
+  /// within rounding and in half the time. All is 0 when an image is 0 under the window, or not finite. B is
+  /// left alone.
+  void CorrelateParts();
   using ComplexPlanes::Swap;
   /// Exchanges the halves of each row.
   void SwapX(int plane);
@@ -48,5 +53,9 @@ class KORIMG_API CFftd : public ComplexPlanes {
 
  private:
   void CalcPOC(bool limitRows);
+  /// The lower half of the frequencies.
+  static Frequencies Band(int size) { return {static_cast<int>(size * 0.25), static_cast<int>(size * 0.75)}; }
+  bool BalanceParts();
+  void CalcPOCOfParts();
   void SubPixPeakPEF(int px, int py, int both, double& dx, double& dy);
 };

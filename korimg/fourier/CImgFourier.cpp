@@ -26,19 +26,6 @@ Halide::Runtime::Buffer<float, 3> Elements(CFftd& fft, int array, int width, int
   return elements;
 }
 
-/// Both planes become the correlation in A, with no displacement in the middle.
-void CorrelatePlanes(CFftd& fft) {
-  for (const int p : {0, 1}) {
-    fft.Windowing(p);
-  }
-  for (const int p : {0, 1}) {
-    fft.Do(0, p);
-  }
-  fft.CalcPOC();
-  fft.Do(1, 0);
-  fft.Swap(0);
-}
-
 }  // namespace
 
 void CImgFourier::PutImage(CVelImage& real, CVelImage* imaginary, int plane, CFftd& fft, int array,
@@ -66,6 +53,29 @@ void CImgFourier::PutImage(CVelImage& real, CVelImage* imaginary, int plane, CFf
       row[x] = {re[x], im ? im[x] : 0.0f};
     }
     ShowProgress(1);
+  });
+}
+
+void CImgFourier::PutPair(CVelImage& other, CFftd& fft, Window const& window) {
+  ForLines(Team::All, 0, fft.GetHeight(), [&](int y) {
+    dcomplex* row = fft.GetArray(0) + static_cast<size_t>(y) * fft.GetWidth();
+    const auto count = [&](CVelImage const& image) {
+      const Window w(window.left, window.top + y, std::min(window.right, image.GetWidth()),
+                     std::min(window.bottom, image.GetHeight()));
+      return w.IsEmpty() ? 0 : w.Width();
+    };
+    const auto line = [&](CVelImage& image) { return image.GetLine(window.left, window.top + y, 0); };
+    const int re = count(*this), im = count(other), both = std::min(re, im);
+    float const *a = re > 0 ? line(*this) : nullptr, *b = im > 0 ? line(other) : nullptr;
+    for (int x = 0; x < both; ++x) {
+      row[x] = {a[x], b[x]};
+    }
+    for (int x = both; x < re; ++x) {
+      row[x].re = a[x];
+    }
+    for (int x = both; x < im; ++x) {
+      row[x].im = b[x];
+    }
   });
 }
 
@@ -112,9 +122,8 @@ int CImgFourier::CalcShiftByPOC(CVelImage* other, CVelImage* surface, double blu
   Window window(0, 0, 0, 0);
   if (!Begin(fft, *other, rect, outWidth, outHeight, window)) return 0;
   const ProgressScope display(*this, progress, Shift, static_cast<int>(outHeight * (blur > 0 ? 19.5 : 18.5)));
-  PutImage(*this, nullptr, 0, fft, 0, window);
-  PutImage(*other, nullptr, 0, fft, 1, window);
-  CorrelatePlanes(fft);
+  PutPair(*other, fft, window);
+  fft.CorrelateParts();
 
   CVelImage sharp(VmManager(), Float, outWidth, outHeight, 1, 1.0, 0.0, 1, nullptr);
   CImgFilterBlur blurred;
@@ -158,7 +167,14 @@ int CImgFourier::CalcRotByRIPOC(CVelImage* other, CVelImage* polarA, CVelImage* 
     GetImage(polarA, nullptr, 0, fft, 0);
     GetImage(polarB, nullptr, 0, fft, 1);
   }
-  CorrelatePlanes(fft);
+  ForLines(Team::All, 0, outHeight, [&](int y) {
+    dcomplex* a = fft.GetArray(0) + static_cast<size_t>(y) * outWidth;
+    dcomplex const* b = fft.GetArray(1) + static_cast<size_t>(y) * outWidth;
+    for (int x = 0; x < outWidth; ++x) {
+      a[x].im = b[x].re;
+    }
+  });
+  fft.CorrelateParts();
 
   // Images of the same scale meet near the middle row.
   constexpr int kBand = 20;

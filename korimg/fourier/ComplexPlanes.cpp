@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -42,13 +43,30 @@ KORIMG_IN_LOOP inline float Phase(complex const& c) {
 
 constexpr size_t kHugePage = 1 << 21;  ///< spares the column passes a search for each row
 
+/// Zeroed memory in huge pages, which come when they are first used; null without room.
+void* MapPages(size_t bytes) {
+  const size_t all = bytes + kHugePage;
+  void* map = mmap(nullptr, all, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (map == MAP_FAILED) return nullptr;
+  auto* const first = static_cast<char*>(map);
+  const size_t before = (kHugePage - reinterpret_cast<std::uintptr_t>(first) % kHugePage) % kHugePage;
+  if (before > 0) munmap(first, before);
+  munmap(first + before + bytes, kHugePage - before);
+  madvise(first + before, bytes, MADV_HUGEPAGE);
+  return first + before;
+}
+
 }  // namespace
 
 ComplexPlanes::ComplexPlanes(bool onTeam) : onTeam_(onTeam) {}
 ComplexPlanes::~ComplexPlanes() = default;
 
 void ComplexPlanes::Release::operator()(complex* p) const {
-  std::free(p);
+  if (mapped > 0) {
+    munmap(p, mapped);
+  } else {
+    std::free(p);
+  }
 }
 
 int ComplexPlanes::Create(int width, int height) {
@@ -61,18 +79,21 @@ int ComplexPlanes::Create(int width, int height) {
   const int w = static_cast<int>(std::bit_ceil(static_cast<unsigned>(width)));
   const int h = static_cast<int>(std::bit_ceil(static_cast<unsigned>(height)));
   const size_t bytes = sizeof(complex) * w * h;
+  constexpr size_t kAlignment = 64;
   for (auto& array : arrays_) {
-    const size_t alignment = bytes < kHugePage ? 64 : kHugePage;
-    array.reset(static_cast<complex*>(std::aligned_alloc(alignment, std::max(bytes, alignment))));
+    const bool large = bytes >= kHugePage;
+    void* const memory =
+        large ? MapPages(bytes) : std::aligned_alloc(kAlignment, std::max(bytes, kAlignment));
+    array = {static_cast<complex*>(memory), Release{large ? bytes : 0}};
     if (!array) {
       arrays_[0].reset();
       return 0;
     }
-    if (bytes >= kHugePage) madvise(array.get(), bytes, MADV_HUGEPAGE);
+    if (!large) std::memset(memory, 0, bytes);
   }
   width_ = w;
   height_ = h;
-  Init();
+  ampPhase_[0] = ampPhase_[1] = false;
   return 1;
 }
 
@@ -135,34 +156,39 @@ void ComplexPlanes::ToReIm(int plane) {
   ampPhase_[plane] = false;
 }
 
-bool ComplexPlanes::Transform(int plane, int sign, float rowScale, float columnScale) {
+bool ComplexPlanes::Transform(int plane, int sign, float rowScale, float columnScale, Frequencies const& rows,
+                              Frequencies const& columns) {
   complex* data = GetArray(plane);
   if (!data) return true;
   constexpr int kLanes = LineTransform::kLanes;
   const int workers = onTeam_ ? CParallel::GetMaxThreads() : 1;
-  // Lines of `length` elements at distance `step`, the first of each at distance `pitch`.
+  // Lines of elements at distance `step`, the first of each at distance `pitch`; of `count` those wanted.
   const auto pass = [&](LineTransform const& transform, std::vector<LineTransform::Work> const& work,
-                        int lines, int step, int pitch, float scale) {
-    const int blocks = (lines + kLanes - 1) / kLanes;
+                        int count, int step, int pitch, float scale, Frequencies const& wanted) {
+    std::vector<int> blocks;
+    for (int first = 0; first < count; first += kLanes) {
+      const int last = std::min(first + kLanes, count) - 1;
+      if (wanted.Has(first) || wanted.Has(last)) blocks.push_back(first);
+    }
+    const auto share = [&](int w) { return blocks.size() * w / workers; };
     ForLines(onTeam_ ? Team::All : Team::One, 0, workers, [&](int worker) {
-      const auto share = [&](int w) { return static_cast<int>(1LL * blocks * w / workers); };
-      for (int block = share(worker); block < share(worker + 1); ++block) {
-        const int first = block * kLanes, count = std::min(kLanes, lines - first);
-        transform.Run({data + static_cast<size_t>(first) * pitch, step, pitch, count}, sign, scale,
+      for (size_t block = share(worker); block < share(worker + 1); ++block) {
+        const int first = blocks[block], lines = std::min(kLanes, count - first);
+        transform.Run({data + static_cast<size_t>(first) * pitch, step, pitch, lines}, sign, scale,
                       work[worker]);
-        if (progress_) progress_->ShowProgress(count);
+        if (progress_) progress_->ShowProgress(lines);
       }
     });
   };
   try {
-    const LineTransform rows(width_);
-    const LineTransform columns(height_);
+    const LineTransform alongRows(width_);
+    const LineTransform alongColumns(height_);
     std::vector<LineTransform::Work> work;
     for (int i = 0; i < workers; ++i) {
       work.emplace_back(std::max(width_, height_));
     }
-    pass(rows, work, height_, 1, width_, rowScale);
-    pass(columns, work, width_, width_, 1, columnScale);
+    pass(alongRows, work, height_, 1, width_, rowScale, rows);
+    pass(alongColumns, work, width_, width_, 1, columnScale, columns);
   } catch (std::bad_alloc const&) {
     return false;
   }

@@ -41,14 +41,25 @@ class KORIMG_API ComplexPlanes {
 
   /// Exchanges the quadrants: element (0, 0) comes to (width / 2, height / 2).
   void Swap(int plane);
+  /// Lines below `end` and from `start` on: the low frequencies to either side of 0.
+  struct Frequencies {
+    int end, start;
+    bool Has(int i) const { return i < end || i >= start; }
+  };
+  static constexpr Frequencies kAll{0, 0};
   /// Transforms rows and then columns in place, with the kernel exp(sign 2 pi i jk / n), and multiplies by
-  /// `rowScale` and `columnScale`. False when there is no room to work in: nothing has changed then.
-  bool Transform(int plane, int sign, float rowScale, float columnScale);
+  /// `rowScale` and `columnScale`. Rows that are not among `rows` have to be zero; columns that are not among
+  /// `columns` are left half done. False when there is no room to work in: nothing has changed then.
+  bool Transform(int plane, int sign, float rowScale, float columnScale, Frequencies const& rows = kAll,
+                 Frequencies const& columns = kAll);
   /// Calls f(y) for each row, on one thread or on the team, and counts it on the display.
   template <class F>
   void ForRows(F&& f);
 
   struct Release {
+    Release() : mapped(0) {}
+    explicit Release(size_t bytes) : mapped(bytes) {}
+    size_t mapped;  ///< bytes; 0 for memory of the heap
     void operator()(complex* p) const;
   };
 

@@ -7,6 +7,7 @@
 #include "korimg/image/CVelImage.h"
 #include "korimg/image/Frame.h"
 #include "korimg/image/Numbers.h"
+#include "korimg/image/Vectors.h"
 #include "korimg/levels/Brightness.h"
 
 using namespace korimg;
@@ -297,26 +298,34 @@ float CVelImage::GetMaxPixel(int plane, CRect* rect, int& x, int& y) {
   x = y = -1;
   const Window window(*this, rect);
   if (window.IsEmpty()) return 0;
-  struct Place {
-    float value;
-    int x;
-  };
   const float first = GetPixelGrayRaw(window.left, window.top, plane);
-  const auto lines = MapLines(window.top, window.bottom, [&](int line) {
-    float const* pixels = GetLine(0, line, plane);
-    Place best{first, -1};
-    for (int i = window.left; i < window.right; ++i) {
-      if (pixels[i] > best.value) best = {pixels[i], i};
+  const auto largest = MapLines(window.top, window.bottom, [&](int line) {
+    constexpr int kLanes = 32;
+    float lanes[kLanes];
+    std::fill_n(lanes, kLanes, first);
+    float const* pixels = GetLine(window.left, line, plane);
+    const int width = window.Width(), whole = width / kLanes * kLanes;
+    RunInLongVectors([&lanes, pixels, whole]() KORIMG_IN_LOOP {
+      for (int i = 0; i < whole; i += kLanes) {
+        for (int k = 0; k < kLanes; ++k) {
+          lanes[k] = pixels[i + k] > lanes[k] ? pixels[i + k] : lanes[k];
+        }
+      }
+    });
+    for (int i = whole; i < width; ++i) {
+      lanes[0] = pixels[i] > lanes[0] ? pixels[i] : lanes[0];
     }
-    return best;
+    return *std::max_element(lanes, lanes + kLanes);
   });
   float max = first;
   for (int i = 0; i < window.Height(); ++i) {
-    if (!(lines[i].value > max)) continue;
-    max = lines[i].value;
-    x = lines[i].x;
+    if (!(largest[i] > max)) continue;
+    max = largest[i];
     y = window.top + i;
   }
+  if (y < 0) return max;
+  float const* row = GetLine(window.left, y, plane);
+  x = window.left + static_cast<int>(std::find(row, row + window.Width(), max) - row);
   return max;
 }
 

@@ -284,6 +284,35 @@ TEST(CFftd, FindsPeaksBetweenElements) {
   }
 }
 
+TEST(CFftd, PartsCorrelateAsPlanesDo) {
+  for (const auto& [width, height] :
+       {std::pair(1, 1), {2, 1}, {1, 2}, {2, 2}, {4, 2}, {4, 4}, {8, 16}, {64, 16}, {16, 128}}) {
+    for (const float scale : {1.0f, 2e-6f, 5e5f, 0.0f}) {
+      CFftd planes, parts;
+      ASSERT_EQ(planes.Create(width, height) + parts.Create(width, height), 2);
+      Fill(planes);
+      for (int i = 0; i < width * height; ++i) {
+        const float a = planes.GetArray(0)[i].re, b = planes.GetArray(1)[i].re * scale;
+        planes.GetArray(0)[i] = {a, 0};
+        planes.GetArray(1)[i] = {b, 0};
+        parts.GetArray(0)[i] = {a, b};
+        parts.GetArray(1)[i] = {7, 7};
+      }
+      for (const int p : {0, 1}) {
+        planes.Windowing(p);
+        planes.Do(0, p);
+      }
+      planes.CalcPOC();
+      planes.Do(1, 0);
+      planes.Swap(0);
+      parts.CorrelateParts();
+      EXPECT_LT(Distance(Values(parts, 0), Values(planes, 0)), 1e-4)
+          << width << " x " << height << ", times " << scale;
+      EXPECT_EQ(parts.GetArray(1)[width * height - 1].re, 7);
+    }
+  }
+}
+
 TEST(CFftd, WithoutAPeakAllIsZero) {
   for (const float value : {0.0f, -3.0f, std::nanf("")}) {
     for (const auto& [width, height] : {std::pair(16, 16), {1, 1}, {1, 8}}) {
