@@ -108,7 +108,7 @@ bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<
                            const std::function<std::shared_ptr<CVelImage>(size_t)>& image) {
   constexpr size_t kMostTried = 5;
   const auto wants = [&](size_t i) {
-    return registrations[i].status == "no match" && frames[i].stars.size() >= 3;
+    return registrations[i].status == "no match" && frames[i].stars.size() >= 2;
   };
   bool any = false;
   for (bool found = true; found;) {

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "app/calibrate/Frames.h"
 #include "app/files/Formats.h"
 #include "app/tool/Images.h"
 #include "app/tool/SideBySide.h"
@@ -36,13 +37,13 @@ void Register(Tool& tool, const RegisterOptions& options) {
   };
   const auto measure = [&](const fs::path& file) { return MeasureFrame(*load(file), options.sigmas); };
 
+  const std::vector<fs::path> wanted = ExpandFolders(options.files);
   std::vector<fs::path> files;
   std::vector<FrameMeasure> frames;
   SideBySide(
-      tool, "finding stars in frame", options.files.size(),
-      [&](size_t i) { return measure(options.files[i]); },
+      tool, "finding stars in frame", wanted.size(), [&](size_t i) { return measure(wanted[i]); },
       [&](size_t i, const auto& result) {
-        tool.ForEachFile({options.files[i]}, [&](const fs::path& file) {
+        tool.ForEachFile({wanted[i]}, [&](const fs::path& file) {
           frames.push_back(result());
           files.push_back(file);
         });
@@ -96,7 +97,7 @@ void Register(Tool& tool, const RegisterOptions& options) {
 void AddRegister(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<RegisterOptions>();
   CLI::App* verb = app.add_subcommand("register", "Tell how frames lie on a reference");
-  verb->add_option("frames", options->files, "FITS, TIFF, PNG or camera raw")->required();
+  verb->add_option("frames", options->files, "files or folders: FITS, TIFF, PNG or camera raw")->required();
   verb->add_option("--reference", options->reference, "an image, or auto for the sharpest of the frames");
   verb->add_option("-o,--output", options->output, "file for one line of JSON for each frame");
   verb->add_option("--sigma", options->sigmas, "noise of the sky that stars exceed so many times")

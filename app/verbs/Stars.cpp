@@ -7,6 +7,7 @@
 
 #include "korimg/measurement/CStarFinder.h"
 
+#include "app/calibrate/Frames.h"
 #include "app/files/Formats.h"
 #include "app/tool/Images.h"
 #include "app/verbs/Verbs.h"
@@ -91,16 +92,16 @@ struct StarsOptions {
 };
 
 void Stars(Tool& tool, const StarsOptions& options) {
+  const std::vector<fs::path> files = ExpandFolders(options.files);
   if (!options.output.empty()) {
-    if (options.files.size() > 1) {
-      throw UsageError(
-          fmt::format("one list holds the stars of one image, not of {}; call it for each, or use --json",
-                      options.files.size()));
+    if (files.size() > 1) {
+      throw UsageError(fmt::format(
+          "one list holds the stars of one image, not of {}; call it for each, or use --json", files.size()));
     }
     tool.CheckOutput(options.output);
   }
   const auto store = tool.MakeStore();
-  tool.ForEachFile(options.files, [&](const fs::path& file) {
+  tool.ForEachFile(files, [&](const fs::path& file) {
     const LoadedImage loaded = LoadImage(tool, store, file, {.hdu = options.hdu});
     CStarFinder finder(loaded.image.get());
     finder.SetThreshold(options.sigmas);
@@ -116,7 +117,7 @@ void Stars(Tool& tool, const StarsOptions& options) {
 void AddStars(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<StarsOptions>();
   CLI::App* verb = app.add_subcommand("stars", "Find and measure the stars of images");
-  verb->add_option("images", options->files, "FITS, TIFF, PNG or camera raw")->required();
+  verb->add_option("images", options->files, "files or folders: FITS, TIFF, PNG or camera raw")->required();
   verb->add_option("-o,--output", options->output,
                    "list of 'x y radius # flux ...', which render --annotate --stars reads");
   verb->add_option("--sigma", options->sigmas, "noise of the sky that stars exceed so many times")

@@ -334,7 +334,8 @@ void CFftd::ToLogPolar(int r0, int mode, int degStart, int degEnd, int logTone, 
   const int half =
       static_cast<int>((mode == 0 ? std::hypot(width_, height_) : std::min(width_, height_)) * 0.5);
   const double rhoStart = std::log(r0 + 1.0), rhoStep = (std::log(half - 0.5) - rhoStart) / height_;
-  auto from = elements.copy();
+  std::vector<complex> copy(data, data + static_cast<size_t>(width_) * height_);
+  auto from = Elements(copy.data(), width_, height_);
   to_log_polar_float(from, static_cast<float>(rhoStart), static_cast<float>(rhoStep),
                      static_cast<float>(degStart * kRadian),
                      static_cast<float>((degEnd - degStart) * kRadian / width_), elements);

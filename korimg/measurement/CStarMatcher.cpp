@@ -191,7 +191,7 @@ std::vector<Hypothesis> Hypotheses(StarField const& stars, StarField const& refe
   return found;
 }
 
-/// How many stars have to meet where `expected` do by chance, beside the three of a triangle, so that one
+/// How many stars have to meet where `expected` do by chance, beside those of the hypothesis, so that one
 /// trial in a thousand searches at most is taken in.
 double LeastAgreement(double expected, double hypotheses) {
   constexpr double kMistaken = 1e-3;
@@ -201,7 +201,7 @@ double LeastAgreement(double expected, double hypotheses) {
     ++more;
     chance *= expected / more;
   }
-  return 3 + more;
+  return more;
 }
 
 /// The map under which most stars of the patterns meet. False when chance would do as well.
@@ -228,7 +228,7 @@ bool FindAgreement(StarField const& stars, StarField const& reference, Similarit
     for (Point const& p : stars.pattern) {
       reference.patternGrid.ForNear(map(p), kWider * kPatternError, [&](int, double) { ++around; });
     }
-    return meet >= LeastAgreement(std::max(even, around / (kWider * kWider)), all);
+    return meet >= 3 + LeastAgreement(std::max(even, around / (kWider * kWider)), all);
   };
   double most = 0;
   bool agrees = false;
@@ -269,6 +269,29 @@ std::vector<Pair> PairsOf(StarField const& stars, StarField const& reference, Si
   return pairs;
 }
 
+/// The shift that lays the brightest star on the reference's brightest one, if others meet then. False when
+/// chance would do as well, and for what has not moved: that may be the sensor's own.
+bool FindShift(StarField const& stars, StarField const& reference, double area, std::vector<Pair>& pairs) {
+  constexpr double kLeastMoved = 0.5, kRadius = 1;
+  std::vector<Point> const &from = stars.grid.Points(), &to = reference.grid.Points();
+  if (Distance(from[0], to[0]) < kLeastMoved) return false;
+  pairs = PairsOf(stars, reference, {1, 0, to[0].x - from[0].x, to[0].y - from[0].y}, kRadius);
+  const double others = static_cast<double>((from.size() - 1) * (to.size() - 1));
+  const double expected = others * std::numbers::pi * kRadius * kRadius / area;
+  return static_cast<double>(pairs.size()) >= 1 + LeastAgreement(expected, 1);
+}
+
+/// By weighted least squares.
+Similarity FitShift(std::vector<Pair> const& pairs) {
+  double weight = 0, x = 0, y = 0;
+  for (Pair const& p : pairs) {
+    weight += p.weight;
+    x += p.weight * (p.to.x - p.from.x);
+    y += p.weight * (p.to.y - p.from.y);
+  }
+  return {1, 0, x / weight, y / weight};
+}
+
 }  // namespace
 
 CStarMatcher::CStarMatcher(std::vector<CStar> const& reference)
@@ -287,26 +310,31 @@ std::vector<CStar> CStarMatcher::Select(std::vector<CStar> stars) {
 }
 
 CStarMatch CStarMatcher::Match(std::vector<CStar> const& list, int width, int height) const {
-  constexpr size_t kFewest = 3;
+  constexpr size_t kFewest = 2;
   CStarMatch match;
   const StarField stars(list, kSideError, false);
   if (stars.pattern.size() < kFewest || reference_->pattern.size() < kFewest) return match;
-  Similarity map;
-  if (!FindAgreement(stars, *reference_, map)) {
-    const bool mirrored = FindAgreement(StarField(list, kSideError, true), *reference_, map);
-    match.status = mirrored ? CStarMatch::Mirrored : CStarMatch::NoMatch;
+  Similarity map, rigid;
+  std::vector<Pair> pairs;
+  if (FindAgreement(stars, *reference_, map)) {
+    constexpr double kNearest = 1;
+    double radius = kPatternError;
+    for (int round = 0; round < 4; ++round) {
+      pairs = PairsOf(stars, *reference_, map, radius);
+      map = RobustFit(pairs, false);
+      radius = std::clamp(4 * RootMeanSquare(pairs, map), kNearest, kPatternError);
+    }
+    match.scale = map.Scale();
+    rigid = RobustFit(pairs, true);
+  } else if (FindAgreement(StarField(list, kSideError, true), *reference_, map)) {
+    match.status = CStarMatch::Mirrored;
+    return match;
+  } else if (FindShift(stars, *reference_, 1.0 * width * height, pairs)) {
+    rigid = FitShift(pairs);
+  } else {
+    match.status = CStarMatch::NoMatch;
     return match;
   }
-  constexpr double kNearest = 1;
-  double radius = kPatternError;
-  std::vector<Pair> pairs;
-  for (int round = 0; round < 4; ++round) {
-    pairs = PairsOf(stars, *reference_, map, radius);
-    map = RobustFit(pairs, false);
-    radius = std::clamp(4 * RootMeanSquare(pairs, map), kNearest, kPatternError);
-  }
-  match.scale = map.Scale();
-  const Similarity rigid = RobustFit(pairs, true);
   const Pose pose = PoseOf(rigid, width, height);
   match.dx = pose.dx;
   match.dy = pose.dy;

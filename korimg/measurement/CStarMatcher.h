@@ -13,7 +13,7 @@ struct StarField;
 struct CStarMatch {
   enum Status : int {
     Ok,
-    NoStars,          ///< fewer than three in one of the lists
+    NoStars,          ///< fewer than two in one of the lists
     NoMatch,          ///< no pattern that both share
     Mirrored,         ///< a pattern that is turned over: one of the images has to be flipped
     ResidualTooLarge  ///< a pattern that no shift and rotation bring together, as of another scale
@@ -33,7 +33,8 @@ struct CStarMatch {
 ///
 /// Triangles are of up to 200 bright stars spread over the image, each with its nearest neighbours; the fit
 /// takes up to 2000. An agreement is one that far exceeds what chance makes of as many stars; three stars are
-/// matched with up to 30 only, and when no other triangle agrees.
+/// matched with up to 30 only, and when no other triangle agrees. Where no triangle is shared a shift alone
+/// will do, under which the brightest stars and others meet: two of few stars tell it.
 class KORIMG_API CStarMatcher {
  public:
   explicit CStarMatcher(std::vector<CStar> const& reference);

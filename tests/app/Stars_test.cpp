@@ -100,6 +100,47 @@ TEST_F(StarsTest, RegistersASessionAgainstItsTruth) {
   }
 }
 
+TEST_F(StarsTest, RealFramesAreLaidOnEachOther) {
+  const std::filesystem::path data = RealFrames();
+  if (data.empty()) GTEST_SKIP() << "no real frames: KORIMG_TEST_DATA names no folder";
+  const auto real = [&](const char* name) { return (data / name).string(); };
+  const std::string infrared = real("ic310-infrared");
+  ASSERT_EQ(Shell("korimg calibrate " + infrared + "/IC310_?.fits --bias " + infrared + "/bias* --flat " +
+                  infrared + "/flats* --out infrared")
+                .code,
+            0);
+  const struct {
+    std::string reference, frames;
+    std::vector<std::pair<double, double>> shifts;
+    double error;
+  } sessions[] = {
+      // A drift of more than the field's half, and field rotation.
+      {real("hatp32-field/HATP-32171220013343.fits"),
+       real("hatp32-field/HATP-321712200[26]0312.fits ") + real("hatp32-field/HATP-32171220083312.fits"),
+       {{8.56, -15.82}, {180.54, -53.56}, {270.35, -19.89}},
+       0.5},
+      // Too few stars, or too many: by phase.
+      {real("m13-globular/M13_blue_0001.fits"),
+       real("m13-globular/M13_blue_000*"),
+       {{0, 0}, {12, -1}, {25, -3}, {34, -3}, {46, -3}},
+       1.5},
+      // A galaxy and a few faint stars.
+      {"infrared/IC310_5.fits",
+       "infrared/IC310_?.fits",
+       {{-2.9, -5.1}, {-1.6, -3.9}, {-0.9, -1.8}, {-1.5, -0.9}, {0, 0}},
+       0.5}};
+  for (const auto& [reference, frames, shifts, error] : sessions) {
+    const Result r = Shell("korimg register --json --reference " + reference + " " + frames);
+    ASSERT_EQ(Lines(r.out).size(), shifts.size()) << r.err;
+    for (size_t i = 0; i < shifts.size(); ++i) {
+      const Json line = Lines(r.out)[i];
+      EXPECT_EQ(line["status"], "ok") << line;
+      EXPECT_NEAR(line["dx"].get<double>(), shifts[i].first, error) << line;
+      EXPECT_NEAR(line["dy"].get<double>(), shifts[i].second, error) << line;
+    }
+  }
+}
+
 TEST_F(StarsTest, HalfTurnsAreFoundAndMirroredFramesNamed) {
   Simulate();
   ASSERT_EQ(Shell("cd night/lights && korimg apply rotate degrees=180 light_0002.fits -o turned.fits && "
@@ -242,6 +283,8 @@ TEST_F(StarsTest, FailuresSayWhatIsWrong) {
   EXPECT_EQ(Shell("korimg stars -o list.txt flat.fits noise.fits").code, 2);
   EXPECT_EQ(Shell("korimg stars -o list.txt flat.fits && korimg stars -o list.txt flat.fits").code, 1);
   EXPECT_EQ(Shell("korimg register --reference missing.fits flat.fits").code, 1);
+  const Result folder = Shell("mkdir two && cp flat.fits noise.fits two && korimg register --json two");
+  EXPECT_EQ(Lines(folder.out).size(), 2u) << folder.err;
 }
 
 }  // namespace

@@ -106,7 +106,7 @@ TEST(CStarMatcher, FewStars) {
     }
     const CStarMatch match = CStarMatcher(reference).Match(frame, kWidth, kHeight);
     if (count < 3) {
-      EXPECT_EQ(match.status, CStarMatch::NoStars) << count;
+      EXPECT_EQ(match.status, count < 2 ? CStarMatch::NoStars : CStarMatch::NoMatch) << count;
       continue;
     }
     ASSERT_EQ(match.status, CStarMatch::Ok) << count;
@@ -120,6 +120,28 @@ TEST(CStarMatcher, FewStars) {
   EXPECT_EQ(CStarMatcher({lost, lost, lost, lost}).Match(all, kWidth, kHeight).status, CStarMatch::NoStars);
   EXPECT_NE(CStarMatcher(std::vector<CStar>(50)).Match(std::vector<CStar>(50), kWidth, kHeight).status,
             CStarMatch::Ok);
+}
+
+TEST(CStarMatcher, TwoStarsTellAShift) {
+  std::vector<CStar> stars = Frame(Sky(40, 8), {0, 0, 0}, 0, 0, 1);
+  ASSERT_GE(stars.size(), 3u);
+  stars.resize(2);
+  const auto match = [&](Pose const& pose, int strangers) {
+    auto frame = Frame(stars, pose, 0.2, strangers, 3);
+    frame[0].flux = 1e9;  // strangers are not brighter
+    return CStarMatcher(Frame(stars, {0, 0, 0}, 0, 1, 4)).Match(frame, kWidth, kHeight);
+  };
+  stars[0].flux = 1e9;
+  for (const int strangers : {0, 1, 5}) {
+    const CStarMatch shifted = match({-40.5, 12.25, 0}, strangers);
+    ASSERT_EQ(shifted.status, CStarMatch::Ok) << strangers;
+    EXPECT_EQ(shifted.stars, 2);
+    EXPECT_NEAR(shifted.dx, -40.5, 0.3);
+    EXPECT_NEAR(shifted.dy, 12.25, 0.3);
+    EXPECT_EQ(shifted.degrees, 0);
+  }
+  EXPECT_EQ(match({-40.5, 12.25, 5}, 1).status, CStarMatch::NoMatch) << "turned";
+  EXPECT_EQ(match({0.1, 0, 0}, 1).status, CStarMatch::NoMatch) << "perhaps hot pixels";
 }
 
 TEST(CStarMatcher, FailuresAreToldApart) {
