@@ -19,7 +19,7 @@ import cv2
 import numba
 import numpy as np
 
-RUNS, KAPPA, ROUNDS = 5, 2.5, 5
+RUNS, ROUNDS = 5, 5
 
 
 def read(path):
@@ -47,7 +47,7 @@ def move(image, t):
 
 
 @numba.njit(parallel=True)
-def clip(stack, out):
+def clip(stack, out, kappa=2.5):
     frames, height, width = stack.shape
     for y in numba.prange(height):
         values = np.empty(frames, np.float32)
@@ -77,7 +77,7 @@ def clip(stack, out):
                     d = values[i] - middle
                     linear += d
                     squares += d * d
-                width_ = KAPPA * math.sqrt(max(squares / count - (linear / count) ** 2, 0.0))
+                width_ = kappa * math.sqrt(max(squares / count - (linear / count) ** 2, 0.0))
                 low, high = first, end
                 while low < high and values[low] < middle - width_:
                     low += 1
@@ -130,4 +130,5 @@ def main():
     print(f"ratio {medians['korimg'] / medians['chain']:.2f}")
 
 
-main()
+if __name__ == "__main__":
+    main()

@@ -170,7 +170,7 @@ bool CFftd::BalanceParts() {
 /// Z(-k)) / 2i.
 void CFftd::CalcPOCOfParts() {
   complex* data = GetArray(0);
-  const auto [end, start] = Band(width_);
+  const int end = Band(width_).end, start = Band(width_).start;
   const auto isIn = [&](int y) { return Band(height_).Has(y); };
   // Row y from copies of it and of the row of the opposite frequency.
   const auto calculate = [&](int y, std::vector<complex> const& own, std::vector<complex> const& other) {
@@ -183,11 +183,11 @@ void CFftd::CalcPOCOfParts() {
       return CrossPower({z[x].re + r.re, z[x].im + r.im}, {z[x].im - r.im, r.re - z[x].re});
     };
     if (end > 0 || start == 0) row[0] = part(0, 0);
-    RunInLongVectors([=, width = width_, end = end, start = std::max(start, 1)]() KORIMG_IN_LOOP {
+    RunInLongVectors([=, width = width_]() KORIMG_IN_LOOP {
       for (int x = 1; x < end; ++x) {
         row[x] = part(x, width - x);
       }
-      for (int x = start; x < width; ++x) {
+      for (int x = std::max(start, 1); x < width; ++x) {
         row[x] = part(x, width - x);
       }
     });

@@ -80,8 +80,10 @@ TEST(CImgFourier, ScalesDoNotMatter) {
   const auto first = Make<CImgFourier>(MemoryStore(), kSize, kSize, 1, Stars(kSize));
   const auto moved = Stars(kSize, 5.3, -2.6);
   for (const auto& [scale, pedestal] : {std::pair(1.0, 0.0), {1e-7, 0.0}, {3e6, 0.0}, {1e-4, 1.0}}) {
-    const auto other = Make(MemoryStore(), kSize, kSize, 1,
-                            [&](int p, int x, int y) { return scale * moved(p, x, y) + pedestal; });
+    const auto other =
+        Make(MemoryStore(), kSize, kSize, 1, [&, scale = scale, pedestal = pedestal](int p, int x, int y) {
+          return scale * moved(p, x, y) + pedestal;
+        });
     const Shift s = Measure(*first, *other);
     EXPECT_NEAR(s.dx, 5.3, 0.1) << scale;
     EXPECT_NEAR(s.dy, -2.6, 0.1) << scale;
