@@ -446,6 +446,18 @@ LightRows::LightRows(const Session& session, const Light& light)
 }
 
 void LightRows::Read(int y0, int rows, float* const* planes) {
+  constexpr int kAtOnce =
+      128;  // small beside whatever the rows are for, many beside the margins of development
+  for (int done = 0; done < rows; done += kAtOnce) {
+    std::vector<float*> to;
+    for (int p = 0; p < shape_.planes; ++p) {
+      to.push_back(planes[p] + static_cast<size_t>(done) * shape_.width);
+    }
+    ReadBand(y0 + done, std::min(kAtOnce, rows - done), to.data());
+  }
+}
+
+void LightRows::ReadBand(int y0, int rows, float* const* planes) {
   if (!development_) return ReadCalibrated(y0, rows, planes);
   const auto band = development_->Rows(y0, y0 + rows);
   // Gains are for light alone: the pedestal comes back after them.

@@ -111,6 +111,7 @@ class LightRows {
   double Clipped() const;
 
  private:
+  void ReadBand(int y0, int rows, float* const* planes);
   void ReadCalibrated(int y0, int rows, float* const* planes);
 
   const Session& session_;

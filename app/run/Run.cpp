@@ -104,13 +104,11 @@ std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmM
   auto image = std::shared_ptr<CVelImage>(
       new CVelImage(store, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr),
       [store](CVelImage* p) { delete p; });
-  for (int y = 0, count = BandRows(shape.width, shape.planes, shape.height); y < shape.height; y += count) {
-    float* planes[3] = {};
-    for (int p = 0; p < shape.planes; ++p) {
-      planes[p] = image->GetWritableLine(0, y, p);
-    }
-    rows.Read(y, std::min(count, shape.height - y), planes);
+  float* planes[3] = {};
+  for (int p = 0; p < shape.planes; ++p) {
+    planes[p] = image->GetWritableLine(0, 0, p);
   }
+  rows.Read(0, shape.height, planes);
   return image;
 }
 
