@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "korimg/image/Numbers.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "app/calibrate/Session.h"
@@ -70,13 +71,6 @@ std::string FileWord(const std::string& text) {
   return word.empty() ? "none" : word;
 }
 
-double Median(std::vector<double> values) {
-  if (values.empty()) return 0;
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
 /// How much brighter stars are than the same ones of the reference: transparency, exposure. 1 when too few
 /// are the same.
 double FluxRatio(const FrameMeasure& frame, const Registration& r, const FrameMeasure& reference) {
@@ -94,7 +88,7 @@ double FluxRatio(const FrameMeasure& frame, const Registration& r, const FrameMe
       }
     }
   }
-  return ratios.size() < kLeast ? 1 : Median(std::move(ratios));
+  return ratios.size() < kLeast ? 1 : UpperMedian(ratios);
 }
 
 /// All of a light, calibrated and developed.
@@ -263,8 +257,9 @@ class Road {
       elongations.push_back(frame->measure.elongation);
     }
     const FrameLimits& limits = options_.limits;
-    const double usual = Median(stars), fewest = usual < kEnough ? 0 : limits.stars * usual,
-                 widest = limits.fwhm * Median(fwhms), longest = limits.elongation * Median(elongations);
+    const double usual = UpperMedian(stars), fewest = usual < kEnough ? 0 : limits.stars * usual,
+                 widest = limits.fwhm * UpperMedian(fwhms),
+                 longest = limits.elongation * UpperMedian(elongations);
     std::string text = target.name + ": what could not be registered";
     if (fewest > 0)
       text += fmt::format("; fewer than {:.0f} stars ({:g} of the median)", fewest, limits.stars);

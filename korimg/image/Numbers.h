@@ -1,4 +1,4 @@
-// Numbers to integers: limited where they do not fit, and as keys to sort by. Internal.
+// Numbers to integers, limited where they do not fit; their order; their middle. Internal.
 #pragma once
 
 #include <algorithm>
@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <vector>
 
 namespace korimg {
 
@@ -30,6 +31,16 @@ inline std::uint32_t SortKey(float value) {
 
 inline float FromSortKey(std::uint32_t key) {
   return std::bit_cast<float>(key >> 31 ? key & ~(1u << 31) : ~key);
+}
+
+/// The median of numbers without NaN, which change places: of an even count the upper one of the middle two,
+/// of none `none`.
+template <class T>
+T UpperMedian(std::vector<T>& numbers, T none = 0) {
+  if (numbers.empty()) return none;
+  const auto middle = numbers.begin() + static_cast<std::ptrdiff_t>(numbers.size() / 2);
+  std::nth_element(numbers.begin(), middle, numbers.end());
+  return *middle;
 }
 
 }  // namespace korimg

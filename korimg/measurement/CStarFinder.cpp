@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "korimg/image/Lines.h"
+#include "korimg/image/Numbers.h"
 #include "korimg/measurement/PointGrid.h"
 #include "korimg/measurement/StarSeeds.h"
 
@@ -25,13 +26,6 @@ constexpr double kWidestWindow = 30;
 /// std::hypot is made for numbers whose squares are none, and slow.
 double Length(double x, double y) {
   return std::sqrt(x * x + y * y);
-}
-
-/// The upper one of an even number; `none` of nothing.
-double MedianOf(std::vector<double> values, double none) {
-  if (values.empty()) return none;
-  std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
-  return values[values.size() / 2];
 }
 
 /// The pixels around a star, less their sky, as far as the image reaches. What is not finite is NaN.
@@ -98,7 +92,7 @@ class Stamp {
     double sum = 0;
     for (int k = 0; k < rings; ++k) {
       const double inner = from + k * step, outer = inner + step;
-      sum += MedianOf(std::move(pixels[k]), 0) * std::numbers::pi * (outer * outer - inner * inner);
+      sum += UpperMedian(pixels[k]) * std::numbers::pi * (outer * outer - inner * inner);
     }
     return sum;
   }
@@ -292,8 +286,8 @@ class UsualShape {
       shorter.push_back(shape.shorter);
       sizes.push_back(shape.Variance());
     }
-    size_ = MedianOf(sizes, 0);
-    least_ = std::max(kNarrow, kNarrowShare * MedianOf(shorter, 0));
+    size_ = UpperMedian(sizes);
+    least_ = std::max(kNarrow, kNarrowShare * UpperMedian(shorter));
   }
 
   /// Neither a cosmic ray nor a trail nor a cloud.
@@ -365,7 +359,7 @@ class Photometry {
     for (Shape const& shape : shapes) {
       widths.push_back(shape.GaussianFwhm());
     }
-    width_ = MedianOf(widths, 0);
+    width_ = UpperMedian(widths);
     aperture_ = std::clamp(1.5 * width_, 2.0, kWidest / 2);
     wide_ = std::clamp(3.5 * width_, 4.0, kWidest);
   }
@@ -484,8 +478,8 @@ class Photometry {
       if (f.width > 0 && std::isfinite(f.width)) widths.push_back(f.width);
       fluxes.push_back(f.flux);
     }
-    return {widths.size() < kLeast ? 1 : MedianOf(widths, 1),
-            fluxes.size() < kLeast ? 1 : MedianOf(fluxes, 1)};
+    return {widths.size() < kLeast ? 1 : UpperMedian(widths),
+            fluxes.size() < kLeast ? 1 : UpperMedian(fluxes)};
   }
 
   static constexpr double kBright = 100;  ///< deviations of the sky
@@ -532,6 +526,6 @@ void CStarFinder::SetTypical() {
   const size_t brighter = (widths.size() + 1) / 2;
   widths.resize(brighter);
   elongations.resize(brighter);
-  fwhm_ = MedianOf(widths, 0);
-  elongation_ = MedianOf(elongations, 0);
+  fwhm_ = UpperMedian(widths);
+  elongation_ = UpperMedian(elongations);
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <numbers>
 
+#include "korimg/image/Numbers.h"
+
 namespace korimg {
 
 Similarity Joined(Similarity const& first, Similarity const& second) {
@@ -68,8 +70,7 @@ Similarity RobustFit(std::vector<Pair>& pairs, bool rigid) {
     for (Pair const& p : pairs) {
       offs.push_back(off(p));
     }
-    std::nth_element(offs.begin(), offs.begin() + offs.size() / 2, offs.end());
-    const double most = kClip * std::max(kSigmaOfMedian * offs[offs.size() / 2], kLeast);
+    const double most = kClip * std::max(kSigmaOfMedian * UpperMedian(offs), kLeast);
     if (std::erase_if(pairs, [&](Pair const& p) { return off(p) > most; }) == 0) break;
     fit = Fit(pairs, rigid);
   }

@@ -4,18 +4,12 @@
 #include <cmath>
 #include <vector>
 
+#include "korimg/image/Numbers.h"
+
 namespace korimg {
 namespace {
 
 constexpr double kSigmas = 1.482602218505602;  // of a normal distribution in its median distance
-
-/// The middle value, the upper one of two; 0 of none.
-double Middle(std::vector<float>& values) {
-  if (values.empty()) return 0;
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
 
 }  // namespace
 
@@ -38,14 +32,14 @@ FrameLevels MeasureLevels(CVelImage& image) {
         if (std::isfinite(distance)) distances.push_back(std::abs(distance));
       }
     }
-    const double level = Middle(values);
+    const double level = UpperMedian(values);
     for (float& v : values) {
       v = static_cast<float>(std::abs(v - level));
     }
     result.level[p] = level;
-    result.spread[p] = kSigmas * Middle(values);
+    result.spread[p] = kSigmas * UpperMedian(values);
     // Of a difference to a mean of two: 1 + 1/2 times the variance of a pixel.
-    result.noise[p] = kSigmas * Middle(distances) / std::sqrt(1.5);
+    result.noise[p] = kSigmas * UpperMedian(distances) / std::sqrt(1.5);
   }
   return result;
 }
