@@ -126,7 +126,7 @@ class BandFeeder {
  private:
   void Run(int worker, const std::stop_token& stop) try {
     std::unique_lock lock(mutex_);
-    while (next_ < steps_ && !failure_) {
+    while (next_ < steps_ && !failure_ && !stop.stop_requested()) {
       const long long step = next_++;
       lock.unlock();
       read_(worker, step);
