@@ -308,7 +308,7 @@ void Stack(Tool& tool, const std::vector<StackInput>& inputs, int reference, con
     const StackInput& input = inputs[step % frames];
     stack.Store(static_cast<int>(step % frames), &buffers[worker]->Image(), top(step / frames),
                 bottom(step / frames) - 1, input.dx, input.dy, input.degrees * std::numbers::pi / 180,
-                options.kernel);
+                options.kernel, options.clampUndershoot ? &input.levels : nullptr);
   };
   BandFeeder feeder(frames, steps, read, store);
   for (int band = 0; band < bands; ++band) {

@@ -23,7 +23,7 @@ struct StackInput {
   /// the screen, and then shifted to the right and down.
   double dx = 0, dy = 0, degrees = 0;
   double weight = 1;   ///< in means; positive
-  FrameLevels levels;  ///< for normalising
+  FrameLevels levels;  ///< for normalising, and to tell undershoot from noise
   /// Fills rows y0 to y0 + rows - 1; planes[p] takes rows x width floats. NaN and infinities are left out of
   /// the stack. Called for any rows in any order, each row once for a band, and from
   /// one thread at a time; other frames are read beside it.
@@ -37,6 +37,7 @@ struct StackOptions {
   CImgStack::Clip clip;
   Normalisation normalisation = Normalisation::Level;
   int kernel = CInterp::MethodBicubic;
+  bool clampUndershoot = true;  ///< of kernels beside bright stars, where it falls below the sky
   bool rejectionMaps = false;
   long long memory = 0;  ///< bytes for all that a stack holds, as DefaultStackMemory answers them
 };
@@ -69,8 +70,8 @@ long long DefaultStackMemory(const Tool& tool);
 StackPlan PlanStack(const std::vector<StackInput>& inputs, const Shape& shape, const StackOptions& options);
 
 /// Stacks the frames on the grid of the one numbered `reference`, which normalising goes by too, from row
-/// `y0` on. Calls sink for the bands in order; frames are read in order for each, the next one while one is
-/// stored. The result does not depend on bands or threads.
+/// `y0` on. Calls sink for the bands in order; frames are read a few at a time. The result does not depend on
+/// bands or threads.
 /// @throws Cancelled, and what reading and the sink throw.
 void Stack(Tool& tool, const std::vector<StackInput>& inputs, int reference, const StackOptions& options,
            int y0, const std::function<void(const StackBand&)>& sink);

@@ -44,6 +44,11 @@ void StackChoices::AddTo(CLI::App& verb) {
       ->check(CLI::IsMember({"none", "noise", "fwhm"}));
   verb.add_option("--kernel", kernel, "how moved frames are read between their pixels")
       ->check(CLI::IsMember(kKernels));
+  verb.add_option(
+          "--undershoot", undershoot,
+          "dark rings of bicubic and lanczos kernels beside bright stars: raised to the pixels around "
+          "where they fall below the sky, or kept")
+      ->check(CLI::IsMember({"clamp", "keep"}));
 }
 
 StackOptions StackChoices::Options() const {
@@ -52,13 +57,15 @@ StackOptions StackChoices::Options() const {
   options.clip = ParseClip(kappa, iterations);
   options.normalisation = static_cast<Normalisation>(NumberOf(kNormalisations, normalise));
   options.kernel = NumberOf(kKernels, kernel);
+  options.clampUndershoot = undershoot == "clamp";
   return options;
 }
 
 std::string StackChoices::Text() const {
   std::string text = "--method " + method;
   if (method == "sigma") text += fmt::format(" --kappa {} --iterations {}", kappa, iterations);
-  return text + fmt::format(" --normalize {} --weight {} --kernel {}", normalise, weight, kernel);
+  return text + fmt::format(" --normalize {} --weight {} --kernel {} --undershoot {}", normalise, weight,
+                            kernel, undershoot);
 }
 
 void StackChoices::Weigh(std::vector<StackInput>& inputs, const std::vector<double>& fwhms,

@@ -11,7 +11,8 @@
 namespace korimg::tool {
 
 struct StackChoices {
-  std::string method = "sigma", kappa = "2.5", normalise = "level", weight = "none", kernel = "bicubic";
+  std::string method = "sigma", kappa = "2.5", normalise = "level", weight = "none", kernel = "bicubic",
+              undershoot = "clamp";
   int iterations = 5;
 
   void AddTo(CLI::App& verb);

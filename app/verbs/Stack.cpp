@@ -249,7 +249,10 @@ class StackRun {
 
   /// Levels and weights.
   void Measure() {
-    if (stack_.normalisation == Normalisation::None && options_.weight != "noise") return Weigh();
+    if (stack_.normalisation == Normalisation::None && options_.weight != "noise" &&
+        !stack_.clampUndershoot) {
+      return Weigh();
+    }
     SideBySide(
         tool_, "measuring frame", inputs_.size(), [&](size_t i) { return MeasureInput(inputs_[i]); },
         [&](size_t i, const auto& result) {

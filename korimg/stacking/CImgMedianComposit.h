@@ -85,13 +85,14 @@ class KORIMG_API CImgMedianComposit : public CVelImage {
                   std::span<double const> weights, F&& reduce);
   CVelImage& Target() const { return *target_; }
   int Slots() const { return static_cast<int>(store_.size()); }
+  CLineData& Band(int slot) { return *store_[slot]; }
+  /// One past the last of the rows y0 to y1 that target and store have, for a band that begins at y0.
+  int EndOfBand(int y0, int y1) const;
   int NormalizeItems() const { return static_cast<int>(items_.GetSize()); }
   /// Shows that the rows up to y1 are done.
   void ShowBand(int y1);
 
  private:
-  /// The rows y0 to y1 that target and store have, for a band that begins at y0.
-  int EndOfBand(int y0, int y1) const;
   void StoreLines(CLineData& band, CVelImage& frame, int yStart, int rows, double dx, double dy,
                   double radians, int useImageCentre, int method) const;
   void StorePipelines(CLineData& band, CVelImage& frame, int yStart, int rows, double dx, double dy,

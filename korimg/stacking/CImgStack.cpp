@@ -1,5 +1,8 @@
 #include "korimg/stacking/CImgStack.h"
 
+#include <algorithm>
+#include <cmath>
+#include <limits>
 #include <mutex>
 #include <numeric>
 
@@ -213,12 +216,64 @@ void CImgStack::SetRejectionMaps(CVelImage* low, CVelImage* high) {
 }
 
 int CImgStack::Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx, double dy, double radians,
-                     int method) {
+                     int method, FrameLevels const* levels) {
   // Shifts of contiguous frames are bicubic always; an angle that moves no pixel takes the road of turns.
   constexpr double kNone = 1e-12;
   const bool whole = dx == std::floor(dx) && dy == std::floor(dy);
   if (radians == 0 && !whole && method != CInterp::MethodBicubic) radians = kNone;
-  return CImgMedianComposit::Store(slot, frame, yStart, yEnd, dx, dy, radians, 0, 0, nullptr, method);
+  const int stored =
+      CImgMedianComposit::Store(slot, frame, yStart, yEnd, dx, dy, radians, 0, 0, nullptr, method);
+  const bool hasNegativeLobes = method == CInterp::MethodBicubic || method == CInterp::MethodLanczos2 ||
+                                method == CInterp::MethodLanczos3;
+  if (stored && hasNegativeLobes && (radians != 0 || !whole) && levels) {
+    RaiseUndershoot(slot, *frame, yStart, yEnd, dx, dy, radians, *levels);
+  }
+  return stored;
+}
+
+void CImgStack::RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd, double dx, double dy,
+                                double radians, FrameLevels const& levels) {
+  constexpr double kSigmas = 5;
+  const int width = Target().GetWidth(), planes = Target().GetPlanes();
+  const double c = std::cos(radians), s = std::sin(radians), cx = frame.GetWidth() * 0.5,
+               cy = frame.GetHeight() * 0.5;
+  /// The lowest of the four pixels around where pixel (x, y) of the target is read.
+  const auto lowest = [&](int x, int y, int plane) {
+    const double u = x - cx - dx, v = cy - y + dy;
+    const auto inside = [](double at, int size) { return static_cast<int>(std::clamp(at, 0.0, size - 1.0)); };
+    const double left = std::floor(c * u - s * v + cx), top = std::floor(cy - (s * u + c * v));
+    const int x0 = inside(left, frame.GetWidth()), x1 = inside(left + 1, frame.GetWidth());
+    float least = std::numeric_limits<float>::infinity();
+    for (const double line : {top, top + 1}) {
+      float const* row = frame.GetLine(0, inside(line, frame.GetHeight()), plane);
+      least = std::min({least, row[x0], row[x1]});
+    }
+    return least;
+  };
+  ForLines(Team::All, yStart, EndOfBand(yStart, yEnd), [&](int y) {
+    for (int p = 0; p < planes; ++p) {
+      const double depth = kSigmas * levels.noise[std::min(p, 2)];
+      const auto floor = static_cast<float>(levels.level[std::min(p, 2)] - depth);
+      const int plane = std::min(p, frame.GetPlanes() - 1);
+      const long long first = ((y - yStart) * 1LL * planes + p) * width;
+      float* values = Band(slot).Values() + first;
+      int const* valid = Band(slot).Valid() + first;
+      int low = 0;
+      RunInLongVectors([=, &low]() KORIMG_IN_LOOP {
+        int count = 0;
+        for (int x = 0; x < width; ++x) {
+          count += (values[x] < floor) & (valid[x] != 0);
+        }
+        low = count;
+      });
+      for (int x = 0; low > 0 && x < width; ++x) {
+        if (!(values[x] < floor) || !valid[x]) continue;
+        --low;
+        const float least = lowest(x, y, plane);
+        if (values[x] < least - depth) values[x] = least;
+      }
+    }
+  });
 }
 
 void CImgStack::Stack(Method method, Clip const& clip, int y0, int y1) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "korimg/stacking/CImgMedianComposit.h"
+#include "korimg/stacking/FrameLevels.h"
 
 /// Stacks registered frames in bands as CImgMedianComposit does, with weights, clipping that is repeated and
 /// counted, and pixels that are no finite numbers left out. Every statistic runs on all threads, on any
@@ -47,8 +48,12 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
 
   /// As CImgMedianComposit::Store, turned about the middle of the frame, and with the kernel of `method` also
   /// for shifts by parts of a pixel.
+  ///
+  /// Bicubic and Lanczos kernels undershoot beside what is much brighter, and leave dark rings around stars.
+  /// With the frame's `levels`, what falls more than five deviations of its noise below its level, and as
+  /// much below the lowest of the four pixels around, becomes this one.
   int Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx, double dy, double radians,
-            int method);
+            int method, korimg::FrameLevels const* levels = nullptr);
 
   /// Writes the rows y0 to y1 of the target, and of the maps. The median is that of CImgMedianComposit, and
   /// has no weights; means are weighted. The result does not depend on bands or threads.
@@ -57,6 +62,9 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   std::vector<Counts> TakeCounts() { return std::exchange(counts_, {}); }
 
  private:
+  void RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd, double dx, double dy, double radians,
+                       korimg::FrameLevels const& levels);
+
   std::vector<double> weights_;
   float outside_ = 0;
   CVelImage* lowMap_ = nullptr;

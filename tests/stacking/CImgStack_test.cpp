@@ -263,6 +263,55 @@ float OnePixel(const std::vector<float>& values, CImgStack::Method method, const
   return target->GetPixelGrayRaw(0, 0, 0);
 }
 
+TEST(CImgStack, UndershootBesideBrightPixelsIsRaisedAndNothingElse) {
+  // A sky of 100 with noise, a bright bar, and a dark pixel of the sensor.
+  constexpr int kSize = 80, kDarkX = 60, kDarkY = 20;
+  const auto rule = [](int, int x, int y) -> double {
+    if (x == kDarkX && y == kDarkY) return 20;
+    return x >= 30 && x < 38 && y >= 20 && y < 60 ? 5000 : 99 + 2 * Noise(y * 1000LL + x);
+  };
+  struct Case {
+    double dx, dy, degrees;
+    int method;
+    bool rings;
+  };
+  for (const Case& c : {Case{0.5, 0, 0, CInterp::MethodBicubic, true},
+                        {-3.4, 2.6, 0, CInterp::MethodLanczos3, true},
+                        {1.2, -0.7, 7, CInterp::MethodBicubic, true},
+                        {0.5, 0.5, -4, CInterp::MethodBilinear, false},
+                        {2, 1, 0, CInterp::MethodBicubic, false}}) {
+    for (const StoreCase& store : Stores()) {
+      const auto frame = Make(store.make(), kSize, kSize, 1, rule);
+      const auto stacked = [&](const FrameLevels* levels) {
+        const auto target = Make(MemoryStore(), kSize, kSize, 1, Random(0, 1));
+        CImgStack stack(target.get());
+        stack.AllocateStoreBuffer(target.get(), 1, kSize);
+        stack.Store(0, frame.get(), 0, kSize - 1, c.dx, c.dy, c.degrees * std::numbers::pi / 180, c.method,
+                    levels);
+        stack.SetOutside(100);
+        stack.Stack(CImgStack::Median, kClip, 0, kSize - 1);
+        return Pixels(*target);
+      };
+      const FrameLevels levels = MeasureLevels(*frame);
+      const auto kept = stacked(nullptr), raised = stacked(&levels);
+      int rings = 0;
+      double darkest = 1000;
+      for (size_t i = 0; i < kept.size(); ++i) {
+        if (kept[i] != raised[i]) {
+          ++rings;
+          EXPECT_LT(kept[i], levels.level[0] - 5 * levels.noise[0] + 1e-3);
+          EXPECT_GT(raised[i] - kept[i], 5 * levels.noise[0] - 1e-3);
+          EXPECT_GE(raised[i], 99) << store.name;
+        }
+        darkest = std::min<double>(darkest, raised[i]);
+      }
+      EXPECT_EQ(rings > 40, c.rings) << store.name << ", " << rings;
+      EXPECT_EQ(rings > 0, c.rings);
+      EXPECT_LT(darkest, 85) << "the dark pixel stays";
+    }
+  }
+}
+
 TEST(CImgStack, ByHand) {
   const float nan = NAN, inf = INFINITY;
   EXPECT_EQ(OnePixel({-3, -8, nan}, CImgStack::Maximum), -3) << "of negatives too";
