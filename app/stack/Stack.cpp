@@ -219,6 +219,19 @@ void AddNormalisation(CImgStack& stack, const std::vector<StackInput>& inputs, i
   }
 }
 
+/// An outlier widens the deviation of few frames so far that it lies within it.
+void WarnOfIdleClipping(Tool& tool, int frames, const StackOptions& options) {
+  if (options.method != CImgStack::ClippedMean || frames < 3) return;
+  // Of one value far from the others.
+  const double farthest = frames / std::sqrt(frames - 1.0);
+  const double kappa = std::max(options.clip.low, options.clip.high);
+  if (kappa < farthest) return;
+  tool.console.Warn(fmt::format(
+      "of {} frames an outlier lies {:.2f} deviations off, however bright it is: --kappa {:g} rejects "
+      "next to nothing; use a smaller one, or --method median",
+      frames, farthest, kappa));
+}
+
 }  // namespace
 
 std::string StackPlan::Text() const {
@@ -259,6 +272,7 @@ void Stack(Tool& tool, const std::vector<StackInput>& inputs, int reference, con
   const Shape shape = inputs[reference].shape;
   const int frames = static_cast<int>(inputs.size());
   StackPlan plan = PlanStack(inputs, shape, options);
+  WarnOfIdleClipping(tool, frames, options);
 
   FrameRows target(shape);
   std::unique_ptr<FrameRows> maps[2];

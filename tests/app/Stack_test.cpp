@@ -178,6 +178,27 @@ TEST_F(StackTest, WhatIsWrongIsToldBeforeTheWork) {
   EXPECT_EQ(Names().size(), 5 + 3 + 2) << "nothing is left";
 }
 
+TEST_F(StackTest, ClippingThatCannotRejectIsToldOf) {
+  for (int i = 0; i < 5; ++i) {
+    Frame(fmt::format("{}.fits", i), 20, 10,
+          [i](int, int x, int) { return x == 5 && i == 2 ? 9000 : 100 + i; });
+  }
+  const struct {
+    std::string call;
+    bool warns, rejects;
+  } cases[] = {{"[0-4].fits --kappa 2.6", true, false},
+               {"[0-4].fits --kappa 2.4", false, true},
+               {"[0-3].fits", true, false},
+               {"[0-3].fits --kappa 2", false, true},
+               {"[0-3].fits --method median", false, true}};
+  for (const auto& [call, warns, rejects] : cases) {
+    const files::Result r = Shell("korimg stack --overwrite --normalize none -o stack.fits " + call);
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.err.find("however bright") != std::string::npos, warns) << call << r.err;
+    EXPECT_EQ(Read("stack.fits")[0][5] < 110, rejects) << call;
+  }
+}
+
 TEST_F(StackTest, HeaderOfTheFramesThatWereUsed) {
   const char* dates[] = {"2026-03-14T22:00:00", "2026-03-14T21:00:00.5", "2026-03-14T23:59:00"};
   std::string lines;
