@@ -109,7 +109,10 @@ class BandFeeder {
     for (bool done = false; !done;) {
       done = changed_.wait_for(lock, kNow, [&] { return failure_ || stored_ == frames_; });
       if (failure_) std::rethrow_exception(failure_);
-      idle(stored_);
+      const int stored = stored_;
+      lock.unlock();
+      idle(stored);
+      lock.lock();
     }
   }
 
