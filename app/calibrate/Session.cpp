@@ -365,8 +365,13 @@ Session::Calibrated Session::LoadLight(const Light& light) const {
 
 Levels Session::MosaicLevels(const Light& light) const {
   const files::ImageInfo& info = light.frame.info;
-  // Of floats without levels the extremes are looked for.
-  if (info.type.starts_with("float")) return Levels(*LoadLight(light).loaded.image);
+  if (info.type.starts_with("float")) {
+    // Without levels of its own the extremes are looked for, once for all bands that are read of it.
+    const std::lock_guard lock(levelsMutex_);
+    const auto known = levels_.find(&light);
+    if (known != levels_.end()) return known->second;
+    return levels_.emplace(&light, *LoadLight(light).loaded.image).first->second;
+  }
   const auto row = NewBand(store_, info.width, 1, info.planes);
   SetLevels(*row, info, !light.Offset());
   return Levels(*row);
@@ -446,8 +451,8 @@ LightRows::LightRows(const Session& session, const Light& light)
 }
 
 void LightRows::Read(int y0, int rows, float* const* planes) {
-  constexpr int kAtOnce =
-      128;  // small beside whatever the rows are for, many beside the margins of development
+  // Little memory beside what the rows are for, and many rows beside the margins of development.
+  constexpr int kAtOnce = 128;
   for (int done = 0; done < rows; done += kAtOnce) {
     std::vector<float*> to;
     for (int p = 0; p < shape_.planes; ++p) {

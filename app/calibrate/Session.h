@@ -3,6 +3,7 @@
 
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -93,6 +94,8 @@ class Session {
   std::shared_ptr<CVmManager> store_ = tool_.MakeStore();
   std::map<const Group*, Master> masters_;
   std::map<std::string, WhiteBalance> balances_;
+  mutable std::map<const Light*, Levels> levels_;  ///< those of MosaicLevels that took a whole light
+  mutable std::mutex levelsMutex_;
 };
 
 /// A light's calibrated and developed pixels, by rows, without holding more of it than these.

@@ -17,6 +17,8 @@
 
 #include "korimg/platform/CParallel.h"
 
+#include "app/tool/SideBySide.h"
+
 namespace korimg::tool {
 namespace {
 
@@ -75,12 +77,6 @@ class FrameRows {
   CVelImage image_;
   int first_ = 0, end_ = 0;  ///< rows that may have memory, as far as they were needed
 };
-
-/// Frames that are read and stored at a time: each takes room for its rows.
-int FramesAtOnce() {
-  constexpr int kMost = 4;
-  return std::min(CParallel::GetMaxThreads(), kMost);
-}
 
 /// Fills one band after the other, a few frames at a time, each on its share of the threads. While a band is
 /// stacked, the first frames of the next one are read.
@@ -196,8 +192,7 @@ struct BandBytes {
           SourceRows(input, shape.width, (shape.height - rows) / 2, (shape.height + rows) / 2);
       read = std::max(read, 4LL * (range.end - range.first) * input.shape.width * input.shape.planes);
     }
-    // For sorting each thread has its columns.
-    const long long columns = CParallel::GetMaxThreads() * std::max(8192LL, 384 * frames) * 16;
+    const long long columns = CParallel::GetMaxThreads() * CImgStack::BytesOfThread(inputs.size());
     total = store + FramesAtOnce() * read * 5 / 4 + rows * line * (options.rejectionMaps ? 3 : 1) + columns;
   }
 };

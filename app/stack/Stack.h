@@ -25,8 +25,8 @@ struct StackInput {
   double weight = 1;   ///< in means; positive
   FrameLevels levels;  ///< for normalising, and to tell undershoot from noise
   /// Fills rows y0 to y0 + rows - 1; planes[p] takes rows x width floats. NaN and infinities are left out of
-  /// the stack. Called for any rows in any order, each row once for a band, and from
-  /// one thread at a time; other frames are read beside it.
+  /// the stack. Called for any rows in any order, each row once for a band, and from one thread at a time;
+  /// other frames are read beside it.
   std::function<void(int y0, int rows, float* const* planes)> read;
 };
 

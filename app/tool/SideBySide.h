@@ -13,13 +13,19 @@
 
 namespace korimg::tool {
 
+/// Frames that are worked on at a time, each by its share of this thread's team: each holds an image, or a
+/// band of one.
+inline int FramesAtOnce() {
+  constexpr int kMost = 4;
+  return std::min(CParallel::GetMaxThreads(), kMost);
+}
+
 /// Calls work(i) for 0 to count - 1, a few at once, each with its share of the threads; and take(i, result)
 /// for their results in order on this thread, where result() gives what work gave, or throws what it threw.
-/// The progress counts frames. At most four are at work at a time: each holds an image.
+/// The progress counts frames.
 template <class Work, class Take>
 void SideBySide(Tool& tool, const std::string& title, size_t count, Work&& work, Take&& take) {
-  constexpr int kMostAtOnce = 4;
-  const int threads = CParallel::GetMaxThreads(), atOnce = std::min(threads, kMostAtOnce);
+  const int threads = CParallel::GetMaxThreads(), atOnce = FramesAtOnce();
   const auto policy = atOnce > 1 ? std::launch::async : std::launch::deferred;
   std::deque<std::future<std::invoke_result_t<Work&, size_t>>> running;
   size_t next = 0;

@@ -13,7 +13,6 @@ import concurrent.futures
 import math
 import os
 import pathlib
-import resource
 import statistics
 import subprocess
 import sys
@@ -99,12 +98,14 @@ def chain(session, out):
 
 
 def measure(command):
+    """Seconds and MB of a command, and what it prints."""
     start = time.perf_counter()
-    child = subprocess.Popen(command, stdout=subprocess.DEVNULL)
+    child = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+    text = child.stdout.read()
     _, status, usage = os.wait4(child.pid, 0)
     if status:
         raise SystemExit(f"failed: {command}")
-    return time.perf_counter() - start, usage.ru_maxrss / 1024
+    return time.perf_counter() - start, usage.ru_maxrss / 1024, text
 
 
 def main():
@@ -121,12 +122,11 @@ def main():
     times = {"korimg": [], "chain": []}
     with tempfile.TemporaryDirectory() as folder:
         for _ in range(runs):
-            times["korimg"].append(measure([korimg, "run", str(session), "--out", f"{folder}/korimg", "--kappa", str(KAPPA),
-                                            "--threads", str(THREADS), "--quiet", "--overwrite"]))
-            child = subprocess.run([sys.executable, __file__, "--chain", str(session), f"{folder}/chain"], check=True,
-                                   capture_output=True, text=True)  # its time, without that of compiling
-            peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss / 1024
-            times["chain"].append((float(child.stdout), peak))
+            seconds, peak, _ = measure([korimg, "run", str(session), "--out", f"{folder}/korimg", "--kappa", str(KAPPA),
+                                        "--threads", str(THREADS), "--quiet", "--overwrite"])
+            times["korimg"].append((seconds, peak))
+            _, peak, own = measure([sys.executable, __file__, "--chain", str(session), f"{folder}/chain"])
+            times["chain"].append((float(own), peak))  # without the time of starting and compiling
     print(f"{THREADS} threads; OpenCV {cv2.__version__}, Numba {numba.__version__}, SEP {sep.__version__}")
     medians = {name: statistics.median(seconds for seconds, _ in results) for name, results in times.items()}
     for name, results in times.items():

@@ -23,11 +23,6 @@ constexpr double kWidest = 40;
 /// Variance of the widest window that shapes are measured through.
 constexpr double kWidestWindow = 30;
 
-/// std::hypot is made for numbers whose squares are none, and slow.
-double Length(double x, double y) {
-  return std::sqrt(x * x + y * y);
-}
-
 /// The pixels around a star, less their sky, as far as the image reaches. What is not finite is NaN.
 class Stamp {
  public:

@@ -11,6 +11,14 @@ struct Point {
   double x = 0, y = 0;
 };
 
+/// std::hypot is made for numbers whose squares are none, and slow.
+inline double Length(double x, double y) {
+  return std::sqrt(x * x + y * y);
+}
+inline double Distance(Point const& p, Point const& q) {
+  return Length(p.x - q.x, p.y - q.y);
+}
+
 /// Points sorted into square cells of about two each.
 class PointGrid {
  public:

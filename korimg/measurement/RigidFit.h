@@ -34,11 +34,6 @@ struct Pair {
   double weight = 1;
 };
 
-inline double Distance(Point const& p, Point const& q) {
-  const double x = p.x - q.x, y = p.y - q.y;
-  return std::sqrt(x * x + y * y);  // std::hypot is made for numbers whose squares are none, and slow
-}
-
 /// By weighted least squares; with `rigid` the scale stays 1.
 Similarity Fit(std::vector<Pair> const& pairs, bool rigid);
 /// The same without the pairs that are off by more than four times what is usual for their weights; those are

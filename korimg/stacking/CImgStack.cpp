@@ -237,7 +237,7 @@ void CImgStack::RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd
   const int width = Target().GetWidth(), planes = Target().GetPlanes();
   const double c = std::cos(radians), s = std::sin(radians), cx = frame.GetWidth() * 0.5,
                cy = frame.GetHeight() * 0.5;
-  /// The lowest of the four pixels around where pixel (x, y) of the target is read.
+  // The lowest of the four pixels around where pixel (x, y) of the target is read.
   const auto lowest = [&](int x, int y, int plane) {
     const double u = x - cx - dx, v = cy - y + dy;
     const auto inside = [](double at, int size) { return static_cast<int>(std::clamp(at, 0.0, size - 1.0)); };
@@ -274,6 +274,12 @@ void CImgStack::RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd
       }
     }
   });
+}
+
+long long CImgStack::BytesOfThread(size_t frames) {
+  constexpr long long kBytes = 16;  // of a value: sorted, as it was, and its share of sums and limits
+  const int count = static_cast<int>(frames);
+  return kBytes * count * ColumnsAtOnce(count);
 }
 
 void CImgStack::Stack(Method method, Clip const& clip, int y0, int y1) {

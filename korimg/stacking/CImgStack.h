@@ -55,6 +55,8 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   int Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx, double dy, double radians,
             int method, korimg::FrameLevels const* levels = nullptr);
 
+  /// What each thread of Stack takes beside the store, about.
+  static long long BytesOfThread(size_t frames);
   /// Writes the rows y0 to y1 of the target, and of the maps. The median is that of CImgMedianComposit, and
   /// has no weights; means are weighted. The result does not depend on bands or threads.
   void Stack(Method method, Clip const& clip, int y0, int y1);

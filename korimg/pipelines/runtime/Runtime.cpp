@@ -2,9 +2,7 @@
 // forms.
 #include "korimg/pipelines/runtime/Runtime.h"
 
-#include <algorithm>
 #include <atomic>
-#include <bit>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -92,9 +90,7 @@ void* halide_malloc(void*, std::size_t bytes) {
       return static_cast<char*>(start) + kAlignment;
     }
   }
-  // Tiles of turned images differ a little in size: rounded up by a quarter at most, they share blocks.
-  const std::size_t step = std::max(std::bit_floor(bytes) / 4, kAlignment),
-                    size = (bytes + step - 1) / step * step;
+  const std::size_t size = (bytes + kAlignment - 1) / kAlignment * kAlignment;
   // Vectors may read a little past the end.
   void* start = std::aligned_alloc(kAlignment, size + 2 * kAlignment);
   if (!start) return nullptr;
