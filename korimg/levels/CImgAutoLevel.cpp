@@ -118,14 +118,14 @@ Spread BrightnessMean(CVelImage& image, Window const& window) {
   return {image.ToRaw(s.middle, 0), s.deviation / 255.0 * image.GetLevelRange(0)};
 }
 
-/// Median of a plane or of raw brightness, with the distance of all pixels from it.
-Spread MedianAndDeviation(CImgAutoLevel& image, int brightness, int plane, CRect* rect) {
-  const Window window(image, rect);
-  float median = 0;
-  image.GetMedian(&median, 1, brightness, plane, rect);
-  return {median, brightness ? RootMeanSquareFrom(median, window, RawBrightness(image))
-                             : RootMeanSquareFrom(median, window, PlaneValues(image, plane))};
-}
+/// Of a colour image brightness is measured when asked for; of a mono one its only plane, which -1 means too.
+struct Subject {
+  bool ofBrightness;
+  int plane;
+
+  Subject(CVelImage const& image, int brightness, int plane)
+      : ofBrightness(brightness && image.IsColor()), plane(image.IsColor() ? plane : std::max(plane, 0)) {}
+};
 
 struct Range {
   double min = 0;
@@ -160,6 +160,14 @@ Range ExtremesOf(Window const& window, Values&& values) {
 Range BrightnessRange(CVelImage& image, Window const& window) {
   const Range range = ExtremesOf(window, Brightness(image));
   return {image.ToRaw(range.min, 0), image.ToRaw(range.max, 0)};
+}
+
+/// Raw brightness and that of the 256 scale are one scale, by plane 0's levels.
+bool HasOneLevel(CVelImage const& image) {
+  const auto like0 = [&](int p) {
+    return image.GetLevelMin(p) == image.GetLevelMin(0) && image.GetLevelMax(p) == image.GetLevelMax(0);
+  };
+  return like0(1) && like0(2);
 }
 
 /// Extremes of raw brightness.
@@ -281,8 +289,21 @@ double UpperMiddle(std::vector<double>& numbers) {
   return *middle;
 }
 
-/// The same for the pixels themselves, without a copy of them: counted by the upper halves of their keys, and
-/// then by the lower halves of those that share the middle's upper one.
+/// Side of the blocks that bring a window down to a median's samples, if that is wanted.
+int BlockSide(Window const& window, int sample) {
+  return sample ? BlockSide(window.Pixels(), window.Width(), window.Height()) : 1;
+}
+
+/// The median of the means of a window's blocks.
+template <class Values>
+double MedianOfBlocks(Window const& window, int step, Values&& values) {
+  std::vector<double> sums =
+      BlockSums(window.left, window.top, window.Width() / step, window.Height() / step, step, values);
+  return UpperMiddle(sums) / (static_cast<double>(step) * step);
+}
+
+/// The upper middle of the pixels themselves, without a copy of them: counted by the upper halves of their
+/// keys, and then by the lower halves of those that share the middle's upper one.
 float UpperMiddleOfPixels(CVelImage& image, int plane, Window const& window) {
   constexpr int kHalf = 16, kStrips = 16;
   const auto count = [&](auto&& add) {
@@ -316,6 +337,20 @@ float UpperMiddleOfPixels(CVelImage& image, int plane, Window const& window) {
     if (key >> kHalf == upper) ++table[key & ((1u << kHalf) - 1)];
   }));
   return FromSortKey(upper << kHalf | lower);
+}
+
+/// Median of brightness on the 256 scale, with the distance of all pixels from it, raw by plane 0.
+Spread BrightnessMedian(CVelImage& image, Window const& window) {
+  const double median = MedianOfBlocks(window, BlockSide(window, 1), Brightness(image));
+  const double spread = RootMeanSquareFrom(median, window, Brightness(image));
+  return {image.ToRaw(median, 0), spread / 255.0 * image.GetLevelRange(0)};
+}
+
+/// Median of a plane, with the distance of all pixels from it.
+Spread PlaneMedian(CImgAutoLevel& image, int plane, CRect* rect) {
+  float median = 0;
+  image.GetMedian(&median, 1, 0, plane, rect);
+  return {median, RootMeanSquareFrom(median, Window(image, rect), PlaneValues(image, plane))};
 }
 
 }  // namespace
@@ -365,14 +400,14 @@ void CImgAutoLevel::DoByMedian(double low, double high, int separate, CRect* rec
   const auto set = [&](int plane, Spread const& s) {
     SetFiniteLevel(*this, plane, s.middle - s.deviation * low, s.middle + s.deviation * high);
   };
-  if (IsColor() && !separate) return set(-1, MedianAndDeviation(*this, 1, -1, rect));
+  if (IsColor() && !separate) return set(-1, BrightnessMedian(*this, Window(*this, rect)));
   for (int p = 0; p < GetPlanes(); ++p) {
-    set(p, MedianAndDeviation(*this, 0, p, rect));
+    set(p, PlaneMedian(*this, p, rect));
   }
 }
 
 void CImgAutoLevel::GetByMedian(double& low, double& high, CRect* rect) {
-  const Spread s = MedianAndDeviation(*this, IsColor(), 0, rect);
+  const Spread s = IsColor() ? BrightnessMedian(*this, Window(*this, rect)) : PlaneMedian(*this, 0, rect);
   low = (s.middle - GetLevelMin(0)) / s.deviation;
   high = (GetLevelMax(0) - s.middle) / s.deviation;
 }
@@ -438,25 +473,22 @@ void CImgAutoLevel::GetMedian(float* result, int sample, int brightness, int pla
   *result = 0;
   const Window window(*this, rect);
   if (window.IsEmpty()) return;
-  const int step = sample ? BlockSide(window.Pixels(), window.Width(), window.Height()) : 1;
-  const int across = window.Width() / step, down = window.Height() / step;
-  const bool ofBrightness = brightness && IsColor();
-  if (step == 1 && !ofBrightness) {
-    *result = UpperMiddleOfPixels(*this, plane, window);
-    return;
-  }
-  std::vector<double> sums;
-  if (ofBrightness) {
-    sums = BlockSums(window.left, window.top, across, down, step, RawBrightness(*this));
+  const int step = BlockSide(window, sample);
+  const Subject subject(*this, brightness, plane);
+  if (subject.ofBrightness) {
+    *result = static_cast<float>(MedianOfBlocks(window, step, RawBrightness(*this)));
+  } else if (step == 1) {
+    *result = UpperMiddleOfPixels(*this, subject.plane, window);
   } else if (MayRunPipelines(*this)) {
-    sums.resize(static_cast<size_t>(across) * down);
-    PlaneBuffer from(*this, plane);
+    const int across = window.Width() / step, down = window.Height() / step;
+    std::vector<double> sums(static_cast<size_t>(across) * down);
+    PlaneBuffer from(*this, subject.plane);
     from.SetMin(-window.left, -window.top);  // the pipeline's blocks start at 0, 0
     binning_float(from, step, Halide::Runtime::Buffer<double, 2>(sums.data(), across, down));
+    *result = static_cast<float>(UpperMiddle(sums) / (static_cast<double>(step) * step));
   } else {
-    sums = BlockSums(window.left, window.top, across, down, step, PlaneValues(*this, plane));
+    *result = static_cast<float>(MedianOfBlocks(window, step, PlaneValues(*this, subject.plane)));
   }
-  *result = static_cast<float>(UpperMiddle(sums) / (static_cast<double>(step) * step));
 }
 
 void CImgAutoLevel::GetMedianBayer(float* result, int sample) {
@@ -479,28 +511,28 @@ void CImgAutoLevel::GetMode(float* mode, float* lower, float* upper, int brightn
   constexpr double kFoot = 6.0;  // spreads from the peak
   constexpr int kRun = 10;       // of low bins that end a peak
   const Window window(*this, rect);
-  const bool ofBrightness = brightness && IsColor(),
-             ofBytes = GetOrgBitsPixel() == Gray8 || GetOrgBitsPixel() == Rgb24;
+  const Subject subject(*this, brightness, plane);
+  const bool ofBytes = GetOrgBitsPixel() == Gray8 || GetOrgBitsPixel() == Rgb24;
   const int bins = ofBytes ? 256 : kBins;
   Range range;
   if (!window.IsEmpty()) {
-    range = !ofBrightness            ? PlaneRange(*this, plane)
-            : MayRunPipelines(*this) ? RawBrightnessRange(*this, window)
-                                     : BrightnessRange(*this, window);
+    range = !subject.ofBrightness                          ? PlaneRange(*this, subject.plane)
+            : MayRunPipelines(*this) && HasOneLevel(*this) ? RawBrightnessRange(*this, window)
+                                                           : BrightnessRange(*this, window);
   }
   std::vector<int> hist(bins);
-  GetHistogram(hist.data(), bins, range.min, range.max, ofBrightness ? -1 : plane, 0, 1, 0, rect,
-               ofBrightness, ofBrightness ? kMessage : 0);
+  GetHistogram(hist.data(), bins, range.min, range.max, subject.ofBrightness ? -1 : subject.plane, 0, 1, 0,
+               rect, subject.ofBrightness, subject.ofBrightness ? kMessage : 0);
   const auto peak = static_cast<int>(std::max_element(hist.begin(), hist.end()) - hist.begin());
   const double width = range.Size() / bins;
   *mode = static_cast<float>(peak * width + range.min);
   if (lower) {
     double spread = 0;
-    if (ofBrightness) {
+    if (subject.ofBrightness) {
       GetLevelDoubleRangeStd(0.0f, To256(*mode, 0), &spread, 1, -1, rect);
       spread *= GetLevelRange(0) / 255.0;
     } else {
-      GetLevelDoubleRangeStd(0.0f, *mode, &spread, 0, plane, rect);
+      GetLevelDoubleRangeStd(0.0f, *mode, &spread, 0, subject.plane, rect);
     }
     *lower = static_cast<float>(*mode - spread * kFoot);
   }
@@ -535,7 +567,8 @@ void CImgAutoLevel::GetLevelDoubleRangeStd(float lo, float hi, double* std, int 
   const Window window(*this, rect);
   const double from = hi;
   const auto square = [from](double v) { return (v - from) * (v - from); };
-  const Sum sum = brightness && IsColor() ? AddUp(window, Brightness(*this), square, lo, hi)
-                                          : AddUp(window, PlaneValues(*this, plane), square, lo, hi);
+  const Subject subject(*this, brightness, plane);
+  const Sum sum = subject.ofBrightness ? AddUp(window, Brightness(*this), square, lo, hi)
+                                       : AddUp(window, PlaneValues(*this, subject.plane), square, lo, hi);
   *std = std::sqrt(sum.MeanOrZero());
 }

@@ -230,10 +230,18 @@ TEST(DoByMedian, SetsLevelsAboutTheMedian) {
     for (const int separate : {1, 0}) {
       const auto image = Make<CImgAutoLevel>(store.make(), 71, 133, 3, SkyRule());
       const auto reference = Make<CImgAutoLevel>(MemoryStore(), 1, 1, 3, Random(0, 1));
-      for (int p = separate ? 0 : -1; p < (separate ? 3 : 0); ++p) {
-        const auto values = Values(*image, rect, p);
+      for (int p = separate ? 0 : kBrightness; p < (separate ? 3 : 0); ++p) {
+        auto values = Values(*image, rect, p, separate ? Raw : Of256);
+        for (double& v : values) {
+          if (!separate) v = image->ToRaw(v, 0);
+        }
         const double m = UpperMedian(values), s = RmsFrom(m, values);
         reference->SetLevel(p, m - 2 * s, m + 5 * s);
+        if (p > 0) continue;
+        double low = 0, high = 0;
+        if (!separate) image->GetByMedian(low, high, &rect);
+        EXPECT_NEAR(low, separate ? 0 : (m - 100) / s, 1e-4) << store.name;
+        EXPECT_NEAR(high, separate ? 0 : (900 - m) / s, 1e-4) << store.name;
       }
       image->DoByMedian(2, 5, separate, &rect);
       for (int p = 0; p < 3; ++p) {
@@ -360,6 +368,41 @@ TEST(GetMode, OfBrightnessIsRaw) {
     std::erase_if(below, [&](double v) { return !(v >= 100 && v <= mode); });
     EXPECT_NEAR(lower, mode - 6 * RmsFrom(mode, below), 0.1) << store.name;
   });
+}
+
+TEST(GetMode, OfBrightnessWithLevelsOfTheirOwnIsTakenFromThe256Scale) {
+  // Skies of 500, 1000 and 2000 with levels in proportion: on the 256 scale all of them lie at 63.75.
+  OnEveryStore([](const StoreCase& store) {
+    const auto image = Make<CImgAutoLevel>(store.make(), 300, 200, 3, [](int p, int x, int y) {
+      return std::round((500 + 20 * (Random(-1, 1)(0, x, y) + Random(-1, 1, 2)(0, x, y))) * (1 << p));
+    });
+    for (int p = 0; p < 3; ++p) {
+      image->SetLevel(p, 0, 2000 << p);
+    }
+    float mode = 0, lower = 0;
+    image->GetMode(&mode, &lower, nullptr, 1, -1, nullptr);
+    EXPECT_NEAR(mode, 500, 6) << store.name;
+    EXPECT_NEAR(lower, 500 - 6 * 16.3, 40) << store.name;
+  });
+}
+
+TEST(CImgAutoLevel, PlaneMinusOneOfAMonoImageIsItsOnlyOne) {
+  for (const StoreCase& store : Stores()) {
+    const auto image = Make<CImgAutoLevel>(store.make(), 71, 33, 1, SkyRule());
+    for (const int brightness : {0, 1}) {
+      float median[2], mode[2];
+      double spread[2];
+      for (const int plane : {0, -1}) {
+        image->GetMedian(&median[-plane], 1, brightness, plane, nullptr);
+        image->GetMode(&mode[-plane], nullptr, nullptr, brightness, plane, nullptr);
+        image->GetLevelDoubleRangeStd(900, 1010, &spread[-plane], brightness, plane, nullptr);
+      }
+      EXPECT_EQ(median[1], median[0]) << store.name;
+      EXPECT_NEAR(mode[1], mode[0], 10) << store.name;
+      EXPECT_EQ(spread[1], spread[0]) << store.name;
+      EXPECT_GT(spread[1], 0);
+    }
+  }
 }
 
 TEST(DoByHistogram, PlacesThePeak) {
