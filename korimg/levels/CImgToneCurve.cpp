@@ -1,6 +1,7 @@
 #include "korimg/levels/CImgToneCurve.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "korimg/image/Frame.h"
 #include "korimg/image/Numbers.h"
@@ -35,13 +36,10 @@ void CImgToneCurve::Do(float** const curves, int count, CVelImage* src, CRect* r
     for (int p = 0; p < GetPlanes(); ++p) {
       const auto min = static_cast<float>(GetLevelMin(p)), range = static_cast<float>(GetLevelRange(p));
       RunIntoWindow(*this, p, window, [&](halide_buffer_t* out) {
-        if (!colour) {
-          tone_curve_gray_float(PlaneBuffer(*src, p), min, range, master.raw_buffer(), out);
-          return;
-        }
+        if (!colour) return tone_curve_gray_float(PlaneBuffer(*src, p), min, range, master.raw_buffer(), out);
         Table curve(curves[1 + p], count);
-        tone_curve_color_float(PlaneBuffer(*src, p), min, range, curve.raw_buffer(), master.raw_buffer(),
-                               out);
+        return tone_curve_color_float(PlaneBuffer(*src, p), min, range, curve.raw_buffer(),
+                                      master.raw_buffer(), out);
       });
     }
     return;
@@ -49,10 +47,15 @@ void CImgToneCurve::Do(float** const curves, int count, CVelImage* src, CRect* r
   const int n = count - 1;
   const double indexScale = n / 255.0;
   MapPixels(*this, *src, window, Team::All, [&](int p) {
-    const double m = static_cast<float>(GetLevelMin(p)), k = 255.0 / static_cast<float>(GetLevelRange(p));
+    const auto min = static_cast<float>(GetLevelMin(p)), range = static_cast<float>(GetLevelRange(p));
+    // A pixel at the level's maximum, which is a double, lies there to the rounding of floats.
+    const float rounding = 0x1p-22f * (std::abs(min) + std::abs(range));
+    const double m = min, k = 255.0 / range;
     float *master = curves[0], *curve = colour ? curves[1 + p] : nullptr;
     return [=](float s) {
+      if (std::isnan(s)) return s;
       double t = (s - m) * k;
+      if (t > 255 && !(std::abs(s - min - range) > rounding)) t = 255;
       if (curve) t = CalcToneNormal(t, indexScale, curve, n);
       return static_cast<float>(CalcToneNormal(t, indexScale, master, n) / k + m);
     };

@@ -59,22 +59,25 @@ Definition tone_curve(const Target& target, bool colour) {
                                 last.end * (F64(1.0) - last.slope) / scale + low}));
 
   Expr s = input(x, y), d = s - level_min, q = d * (cast<float>(n) / level_range);
-  Expr above = is_nan(s) || q > cast<float>(n);
+  // The level's maximum is a double, and a pixel that lies there is so to the rounding of floats.
+  Expr rounding = 0x1p-22f * (abs(level_min) + abs(level_range));
+  Expr above = q > cast<float>(n) && abs(d - level_range) > rounding;
   const auto straight = [&](Expr v, int k) {
     return select(line(k) > 0.0f, v * line(k) + line(k + 1), line(k + 1));
   };
   Expr simple = select(above, straight(d, 0), results(place(q)));
   Func output("output");
   if (!colour) {
-    output(x, y) = simple;
+    output(x, y) = select(is_nan(s), s, simple);
     ScheduleByStrips(output, target);
   } else {
     // The plane's line may lead back onto the master's table, unless it is level or begins at its end.
-    Expr isSimple = !(first.slope > F64(0.0)) || curve(n) == 1.0f || curve(n) > 1.0f;
+    Expr isSimple = !(first.slope > F64(0.0)) || curve(n) == 1.0f;
     Expr v = straight(q, 2);
     Expr looked = results(select(above, place(v) + second, place(q)));
-    Expr high = is_nan(v) || v > cast<float>(n);
-    output(x, y) = select(isSimple, simple, select(above && high, straight(v, 4), looked));
+    Expr high = v > cast<float>(n);
+    Expr result = select(isSimple, simple, select(above && high, straight(v, 4), looked));
+    output(x, y) = select(is_nan(s), s, result);
     ScheduleByStrips(output, target);
     output.specialize(isSimple);  // takes the schedule along
   }

@@ -23,6 +23,7 @@ Table Sampled(int count, const std::function<double(double)>& curve) {
 double Look(const Table& table, double x) {
   const int n = static_cast<int>(table.size()) - 1;
   if (x >= 0 && x <= 255) return table[static_cast<size_t>(x * (n / 255.0))] * 255.0;
+  if (std::isnan(x)) return x;
   if (x < 0) return 0;
   const double end = table[n] * 255.0, rise = table[n] - table[n - 1];
   return rise > 0 ? end + rise * n * (x - end) : end;
@@ -92,6 +93,42 @@ TEST(CImgToneCurve, TablesHoldInsideAndBeyondTheirEnds) {
         }
       });
     }
+  }
+}
+
+TEST(CImgToneCurve, ALevelsMaximumLiesOnTheTable) {
+  for (const StoreCase& store : Stores()) {
+    // It ends at 102, in steps of 0.4, and goes on from 163.2.
+    Table dim = Sampled(256, [](double v) { return 0.4 * v; });
+    float* curves[] = {dim.data()};
+    for (int i = 0; i < 400; ++i) {
+      const double min = -2000 + 9000 * Noise(i), range = std::pow(10, 4 * Noise(1000 + i)) + 5;
+      const auto src = Make(store.make(), 3, 1, 1, [&](int, int x, int) {
+        return x == 0 ? min + range : x == 1 ? min + range * 1.001 : NAN;
+      });
+      const auto target = Make<CImgToneCurve>(store.make(), 3, 1, 1, Random(0, 1));
+      target->SetLevel(0, min, min + range);
+      target->Do(curves, 256, src.get(), nullptr, 0, 0);
+      const auto result = [&](int x) { return (target->GetPixelGrayRaw(x, 0, 0) - min) / range * 255; };
+      ASSERT_NEAR(result(0), 102, 0.5) << store.name << min << " " << range;
+      ASSERT_NEAR(result(1), 163.302, 0.1) << store.name << min << " " << range;
+      ASSERT_TRUE(std::isnan(result(2))) << store.name;
+    }
+  }
+}
+
+TEST(CImgToneCurve, ALineAboveTheTableMayLeadBackOntoTheMaster) {
+  for (const StoreCase& store : Stores()) {
+    const auto src = Make(store.make(), 2, 1, 3, [](int, int x, int) { return 256 + x; });
+    const auto target = Make<CImgToneCurve>(store.make(), 2, 1, 3, Random(0, 1));
+    for (int p = 0; p < 3; ++p) {
+      target->SetLevel(p, 0, 255);
+    }
+    // Plane 0's table ends at 510 with a slope of 2: 256 leads to 2, and 257 to 4, of which the master makes
+    // twice as much again.
+    target->DoHAlpha(2, 4, src.get(), nullptr, 0);
+    EXPECT_NEAR(target->GetPixelGrayRaw(0, 0, 0), 4, 1e-3) << store.name;
+    EXPECT_NEAR(target->GetPixelGrayRaw(1, 0, 0), 8, 1e-3) << store.name;
   }
 }
 
