@@ -56,7 +56,7 @@ Member tone_member(bool by_power, bool level_cut, bool knee) {
       tone(x, y) = corrected;
       Expr t = tone(x, y);
       Expr curved = high * power(1.0f - power((high - t) / high, exponent), 1.0f / exponent);
-      output(x, y) = select(within(t), curved, t);
+      output(x, y) = select(within(t) && t >= 0.0f, curved, t);  // below 0 there is no such power
     } else {
       output(x, y) = corrected;
     }
@@ -72,13 +72,14 @@ Member tone_member(bool by_power, bool level_cut, bool knee) {
   return {name, define};
 }
 
-/// Above the minimum, ((v - minimum) / range) ^ gamma on the same range.
+/// Above the minimum, ((v - minimum) / range) ^ gamma on the same range. Infinity stays.
 Definition gamma_correct(const Target& target) {
   Param<float> minimum("fLevelMin"), range("fLevelRange"), gamma("fGamma");
   Func output("output");
   output(x, y) = undef<float>();
   Expr v = output(x, y);
-  output(x, y) = select(v > minimum, power((v - minimum) / range, gamma) * range + minimum, v);
+  Expr bent = power((v - minimum) / range, gamma) * range + minimum;
+  output(x, y) = select(v > minimum && !is_inf(v), bent, v);
   ScheduleByStrips(output, target, true);
   return {{minimum, range, gamma}, {output}};
 }

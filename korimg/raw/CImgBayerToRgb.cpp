@@ -250,8 +250,9 @@ void CImgBayerToRgb::ToneCurveCorrect(CImage& frame, tagBayerStruct const& bayer
     if (bayer.bLevelCut) return v < black ? black : v > white ? white : knee(v, black);
     return v > black && v < white ? knee(v, black) : v;
   };
-  const auto curve = [&, black = black, white = white, p = bayer.dCurvePower](double v) {
-    return v > black && v < white ? white * std::pow(1 - std::pow((white - v) / white, p), 1 / p) : v;
+  const auto curve = [black = black, white = white, p = bayer.dCurvePower](double v) {
+    if (!(v > black && v < white && v >= 0)) return v;  // below 0 there is no such power
+    return white * std::pow(1 - std::pow((white - v) / white, p), 1 / p);
   };
   ForLines(Team::All, 0, frame.GetHeight(), [&](int y) {
     float const* in = ReadLine(frame, y, 0);
@@ -427,7 +428,7 @@ void CImgBayerToRgb::GammaCorrect(int dstBits, double gamma) {
     ForLines(Team::All, 0, GetHeight(), [&](int y) {
       float* line = GetWritableLine(0, y, p);
       for (int x = 0; x < GetWidth(); ++x) {
-        if (line[x] > min)
+        if (line[x] > min && !std::isinf(line[x]))
           line[x] = static_cast<float>(std::pow((line[x] - min) / range, exponent) * range + min);
       }
       ShowProgress(1);

@@ -305,7 +305,8 @@ TEST(CImgBayerToRgb, AConstantFrameHasNoRange) {
 TEST(CImgBayerToRgb, ToneCorrectionInAllItsForms) {
   OnEveryPath([](StoreCase const& store) {
     for (int form = 0; form < 8; ++form) {
-      for (auto const& [black, white] : {std::pair(0.0, 4000.0), std::pair(150.0, 3000.0)}) {
+      for (auto const& [black, white] :
+           {std::pair(0.0, 4000.0), std::pair(150.0, 3000.0), std::pair(-300.0, 3000.0)}) {
         tagBayerStruct bayer = Floats(1);
         double gains[4] = {1.9, 1, 0.8, 2.6};
         bayer.pGain = gains;
@@ -325,13 +326,13 @@ TEST(CImgBayerToRgb, ToneCorrectionInAllItsForms) {
           if (bayer.bKnee && !bayer.bLevelCut && !(v > black && v < white)) t = v;
           if (bayer.bKnee && bayer.bLevelCut) t = v < black ? black : v > white ? white : t;
           if (!bayer.bKnee && bayer.bLevelCut) t = t < black ? black : t > white ? white : t;
-          if (!bayer.bCurvePower || !(t > black && t < white)) return t;
+          if (!bayer.bCurvePower || !(t > black && t < white && t >= 0)) return t;
           const double curved = std::pow(std::pow(white, 1.4) - std::pow(white - t, 1.4), 1 / 1.4);
           // Near black single precision, of numbers near white's power, is coarse.
           const double got = frame->GetPixelGrayRaw(x, y, 1);
           return std::abs(got - curved) < 1e-5 * white ? got : curved;
         };
-        ASSERT_EQ(Difference(*frame, expected, 2e-6), "")
+        ASSERT_EQ(Difference(*frame, expected, 1e-5), "")
             << store.name << " form " << form << " from " << black;
       }
     }
@@ -357,8 +358,10 @@ TEST(CImgBayerToRgb, AKneeOfGainOneIsNone) {
 TEST(CImgBayerToRgb, GammaBendsWhatIsAboveBlack) {
   OnEveryPath([](StoreCase const& store) {
     for (const double gamma : {1.0, 2.2, 0.45}) {
-      const auto plain = Mosaic(store.make(), 37, 40, Random(-300, 1500)),
-                 bent = Mosaic(store.make(), 37, 40, Random(-300, 1500));
+      const auto sky = [](int p, int x, int y) {
+        return x == 20 && y == 21 ? INFINITY : Random(-300, 1500)(p, x, y);
+      };
+      const auto plain = Mosaic(store.make(), 37, 40, sky), bent = Mosaic(store.make(), 37, 40, sky);
       tagBayerStruct bayer = Floats(2);
       ASSERT_EQ(plain->Do(bayer, 0), 1);
       bayer.bGamma = 1, bayer.dGamma = gamma;
