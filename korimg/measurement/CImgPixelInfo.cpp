@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numbers>
 
 #include "korimg/image/Frame.h"
@@ -10,13 +11,23 @@
 
 using namespace korimg;
 
+namespace {
+
+/// The place of the largest number of sorted pixels, of which NaN are the last; 0 when there are only NaN.
+int LastNumber(std::vector<float> const& sorted) {
+  const auto end = std::partition_point(sorted.begin(), sorted.end(), [](float v) { return !std::isnan(v); });
+  return std::max(0, static_cast<int>(end - sorted.begin()) - 1);
+}
+
+}  // namespace
+
 /// Where the figures of a plane go.
 struct CImgPixelInfo::Results {
   double *min, *max, *mean, *sd, *median;
 
-  void Clear() const {
+  void Clear(int planes) const {
     for (double* result : {min, max, mean, sd, median}) {
-      if (result) std::fill_n(result, 3, 0.0);
+      if (result) std::fill_n(result, planes, 0.0);
     }
   }
 
@@ -36,7 +47,7 @@ struct CImgPixelInfo::Results {
       squares += d * d;
     }
     min[plane] = sorted[first];
-    max[plane] = sorted[last];
+    max[plane] = sorted[std::max(first, std::min(last, LastNumber(sorted)))];
     mean[plane] = sum / kept;
     sd[plane] = std::sqrt(squares / kept);
     if (median) median[plane] = sorted[first + kept / 2];
@@ -72,9 +83,10 @@ std::vector<float> CImgPixelInfo::PixelsOf(int x, int y, int radius, int plane) 
 }
 
 void CImgPixelInfo::Calc(CRect rect, double* min, double* max, double* mean, double* sd, double* median) {
-  Results{min, max, mean, sd, median}.Clear();
+  Results{min, max, mean, sd, median}.Clear(Planes());
   const Window window(*this, &rect);
   if (window.IsEmpty()) return;
+  constexpr float kNone = std::numeric_limits<float>::infinity();
   const double n = static_cast<double>(window.Pixels());
   for (int p = 0; p < Planes(); ++p) {
     struct Line {
@@ -83,7 +95,7 @@ void CImgPixelInfo::Calc(CRect rect, double* min, double* max, double* mean, dou
     };
     const auto lines = MapLines(window.top, window.bottom, [&](int y) {
       float const* in = GetLine(window.left, y, p);
-      Line line{in[0], in[0], 0};
+      Line line{kNone, -kNone, 0};
       for (int x = 0; x < window.Width(); ++x) {
         line.min = in[x] < line.min ? in[x] : line.min;
         line.max = in[x] > line.max ? in[x] : line.max;
@@ -91,13 +103,14 @@ void CImgPixelInfo::Calc(CRect rect, double* min, double* max, double* mean, dou
       }
       return line;
     });
-    min[p] = lines[0].min, max[p] = lines[0].max;
+    min[p] = kNone, max[p] = -kNone;
     double sum = 0, squares = 0;
     for (const Line& line : lines) {
       min[p] = std::min<double>(min[p], line.min);
       max[p] = std::max<double>(max[p], line.max);
       sum += line.sum;
     }
+    if (min[p] > max[p]) min[p] = max[p] = std::numeric_limits<double>::quiet_NaN();  // there are only NaN
     mean[p] = sum / n;
     for (const double line : MapLines(window.top, window.bottom, [&](int y) {
            float const* in = GetLine(window.left, y, p);
@@ -141,7 +154,7 @@ void CImgPixelInfo::CalcSky(CRect rect, double* min, double* max, double* mean, 
 void CImgPixelInfo::CalcSky(CRect rect, double low, double high, double* min, double* max, double* mean,
                             double* sd, double* median) {
   const Results results{min, max, mean, sd, median};
-  results.Clear();
+  results.Clear(Planes());
   for (int p = 0; p < Planes(); ++p) {
     results.SetTrimmed(p, PixelsOf(rect, p), low, high);
   }
@@ -150,7 +163,7 @@ void CImgPixelInfo::CalcSky(CRect rect, double low, double high, double* min, do
 void CImgPixelInfo::CalcSky(int x, int y, int radius, double low, double high, double* min, double* max,
                             double* mean, double* sd, double* median) {
   const Results results{min, max, mean, sd, median};
-  results.Clear();
+  results.Clear(Planes());
   for (int p = 0; p < Planes(); ++p) {
     results.SetTrimmed(p, PixelsOf(x, y, radius, p), low, high);
   }
@@ -160,14 +173,14 @@ void CImgPixelInfo::CalcStar(int x, int y, int radius, double low, double high, 
                              double* mean, double* sd, double* median, double* peak, double* fwhm) {
   double medians[3];
   const Results results{min, max, mean, sd, median ? median : medians};
-  results.Clear();
-  std::fill_n(peak, 3, 0.0);
-  std::fill_n(fwhm, 3, 0.0);
+  results.Clear(Planes());
+  std::fill_n(peak, Planes(), 0.0);
+  std::fill_n(fwhm, Planes(), 0.0);
   for (int p = 0; p < Planes(); ++p) {
     const std::vector<float> sorted = PixelsOf(x, y, radius, p);
     if (sorted.empty()) continue;
     results.SetTrimmed(p, sorted, low, high);
-    peak[p] = sorted.back();
+    peak[p] = sorted[LastNumber(sorted)];
     const double half = (results.median[p] + peak[p]) * 0.5;
     const auto above = std::count_if(sorted.begin(), sorted.end(), [half](float v) { return v > half; });
     fwhm[p] = 2 * std::sqrt(static_cast<double>(above) / std::numbers::pi);

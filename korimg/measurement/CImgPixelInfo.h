@@ -3,7 +3,9 @@
 #include "korimg/image/CVelImage.h"
 
 /// Statistics of a part of an image, in raw values. Results are arrays of one entry for each plane, up to
-/// three, and 0 where there is no pixel. `median` may be null. Positions beyond the image are left out.
+/// three, and 0 where there is no pixel. `median` may be null. Positions beyond the image are left out. NaN
+/// pixels count as the largest in medians and trimming, make means NaN, and are never a minimum, maximum or
+/// peak beside numbers.
 class KORIMG_API CImgPixelInfo : public CVelImage {
  public:
   CImgPixelInfo() = default;

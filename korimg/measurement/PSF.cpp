@@ -23,6 +23,11 @@ bool IsOn(CVelImage const& image, CPoint p) {
   return p.x >= 0 && p.y >= 0 && p.x < image.GetWidth() && p.y < image.GetHeight();
 }
 
+/// A walk outward from a peak may stand there: column 0 and row 0 end it on the left and upper side.
+bool IsOnWay(CVelImage const& image, CPoint p, CPoint direction) {
+  return IsOn(image, p) && p.x + direction.x >= 0 && p.y + direction.y >= 0;
+}
+
 }  // namespace
 
 PSF::PSF(CVelImage* image) : image_(image) {
@@ -81,14 +86,14 @@ int PSF::GetBase(CPoint peak, double* base) {
   for (const CPoint& direction : kDirections) {
     double before = GetPixelValue(peak, kNoCentre, 0);
     CPoint p = Stepped(peak, direction, 1);
-    while (IsOn(*image_, p) && p.x + direction.x >= 0 && p.y + direction.y >= 0) {
+    while (IsOnWay(*image_, p, direction)) {
       const double value = GetPixelValue(p, kNoCentre, 0);
       if (!(value <= before)) break;
       before = value;
       p = Stepped(p, direction, 1);
     }
     p = Stepped(p, direction, kBeyond);
-    for (int i = 0; i < kMost && IsOn(*image_, p); ++i, p = Stepped(p, direction, 1)) {
+    for (int i = 0; i < kMost && IsOnWay(*image_, p, direction); ++i, p = Stepped(p, direction, 1)) {
       values.push_back(GetPixelValue(p, kNoCentre, 0));
     }
   }

@@ -81,14 +81,43 @@ TEST(CImgPixelInfo, FiguresOfRectanglesAndCircles) {
   }
 }
 
+TEST(CImgPixelInfo, ExtremesAndPeaksPassNanOver) {
+  const float column[] = {3, 9, 1, 5};
+  for (int hole = 0; hole < 5; ++hole) {
+    const auto image = Make<CImgPixelInfo>(MemoryStore(), 5, 5, 1, [&](int, int x, int y) -> double {
+      return y == hole || x > 0 ? NAN : column[y < hole ? y : y - 1];
+    });
+    Figures f;
+    const auto expect = [&](const char* what) {
+      EXPECT_EQ(f.min[0], 1) << what << hole;
+      EXPECT_EQ(f.max[0], 9) << what << hole;
+    };
+    image->Calc(CRect(0, 0, 3, 5), f.min, f.max, f.mean, f.sd, nullptr);
+    expect("rectangle");
+    image->CalcSky(CRect(0, 0, 3, 5), f.min, f.max, f.mean, f.sd, nullptr);
+    expect("sky");
+    image->CalcStar(0, 2, 4, 1, 1, f.min, f.max, f.mean, f.sd, nullptr, f.peak, f.fwhm);
+    expect("circle");
+    EXPECT_EQ(f.peak[0], 9);
+    image->Calc(CRect(1, 0, 5, 5), f.min, f.max, f.mean, f.sd, nullptr);
+    EXPECT_TRUE(std::isnan(f.min[0]) && std::isnan(f.max[0])) << "NaN alone";
+  }
+}
+
 TEST(CImgPixelInfo, NothingGivesZeros) {
   const auto image = Make<CImgPixelInfo>(MemoryStore(), 9, 9, 1, Wild(1, 2));
   Figures f;
-  std::fill_n(f.min, 21, 7.0);
+  const auto fill = [&] {
+    for (double* results : {f.min, f.max, f.mean, f.sd, f.median, f.peak, f.fwhm}) {
+      std::fill_n(results, 3, 7.0);
+    }
+  };
+  fill();
   image->Calc(CRect(20, 20, 30, 30), f.min, f.max, f.mean, f.sd, f.median);
   image->CalcStar(-50, 3, 5, 1, 1, f.min, f.max, f.mean, f.sd, f.median, f.peak, f.fwhm);
   for (const double* results : {f.min, f.max, f.mean, f.sd, f.median, f.peak, f.fwhm}) {
     EXPECT_EQ(results[0], 0);
+    EXPECT_EQ(results[1], 7) << "an image of one plane has one result";
   }
   image->CalcStar(4, 4, 4, 1, 1, f.min, f.max, f.mean, f.sd, f.median, f.peak, f.fwhm);
   image->Calc(CPoint(4, 4), 9, f.min, f.max, f.mean, f.sd, f.median);

@@ -1,7 +1,9 @@
 #include "korimg/measurement/PSF.h"
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -65,6 +67,51 @@ TEST(PSF, TheMoreElongatedOfTwoCrossesIsGiven) {
     if (degrees == 0 || degrees == 90) {
       EXPECT_EQ(across > along, degrees == 0);
     }
+  }
+}
+
+TEST(PSF, TheBaseIsTheMiddleOfTwelveValuesOnEachSide) {
+  // All that walks from the peak at (20, 20) pass and collect: each way falls to its end and rises by one
+  // step, from which two pixels further twelve values are taken. They tell where they were read.
+  struct Way {
+    int dx, dy, fall;
+  };
+  const Way ways[] = {{-1, 0, 3}, {1, 0, 5}, {0, -1, 2}, {0, 1, 7}};
+  const auto base = [&](int width, int height, int peakX, int peakY, std::vector<double>* collected) {
+    const auto value = [&](int x, int y) -> double {
+      if (x == peakX && y == peakY) return 1000;
+      for (const Way& way : ways) {
+        const int along = way.dx * (x - peakX) + way.dy * (y - peakY);
+        const int beside = way.dx ? y - peakY : x - peakX;
+        if (beside != 0 || along <= 0) continue;
+        return along <= way.fall ? 300 - 10 * along : 310 + (way.dx + 3 * way.dy) + 0.5 * along;
+      }
+      return 0;
+    };
+    const auto image = Make(MemoryStore(), width, height, 1, [&](int, int x, int y) { return value(x, y); });
+    for (const Way& way : ways) {
+      for (int i = 0; i < 12; ++i) {
+        const int along = way.fall + 1 + 2 + i, x = peakX + way.dx * along, y = peakY + way.dy * along;
+        if (x <= 0 && way.dx < 0) break;  // column 0 and row 0 are out on these sides
+        if (y <= 0 && way.dy < 0) break;
+        if (x >= width || y >= height) break;
+        collected->push_back(value(x, y));
+      }
+    }
+    std::sort(collected->begin(), collected->end());
+    // Seen through the width: on each side half the height lies between the peak and the 290 beside it.
+    PSF psf(image.get());
+    double fwhm = 0;
+    EXPECT_EQ(psf.Add(CPoint(peakX, peakY)), 1);
+    EXPECT_EQ(psf.GetMeanFWHM(&fwhm), 1);
+    return 2 * (1000 - fwhm / 2 * (1000 - 290)) - 1000;
+  };
+  for (const auto& [width, height, x, y] :
+       {std::tuple(60, 60, 25, 25), {31, 29, 12, 9}, {60, 60, 7, 25}, {60, 60, 25, 8}, {40, 33, 20, 17}}) {
+    std::vector<double> collected;
+    const double got = base(width, height, x, y, &collected);
+    EXPECT_NEAR(got, collected[collected.size() / 2], 0.01)
+        << width << "x" << height << " at " << x << "," << y;
   }
 }
 
