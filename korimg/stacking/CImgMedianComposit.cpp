@@ -124,6 +124,13 @@ int CImgMedianComposit::Store(int slot, CVelImage* frame, int yStart, int yEnd, 
   const int rows = EndOfBand(yStart, yEnd) - yStart;
   if (rows <= 0) return 0;
   const long long row = 1LL * target_->GetWidth() * target_->GetPlanes();
+  // Whole shifts have no kernel, and other shifts of contiguous frames have one of their own.
+  const bool whole = dx == std::floor(dx) && dy == std::floor(dy);
+  const bool sampled = radians != 0 || (!whole && !IsContiguous(*frame));
+  if (sampled && CInterp::GetString(method).IsEmpty()) {
+    std::fill_n(band.Valid(), rows * row, 0);
+    return 0;
+  }
   if (IsContiguous(*frame)) {
     StorePipelines(band, *frame, yStart, rows, dx, dy, radians, useImageCentre, method);
   } else {
@@ -177,7 +184,6 @@ void CImgMedianComposit::StorePipelines(CLineData& band, CVelImage& frame, int y
     PlaneBuffer in(frame, p < frame.GetPlanes() ? p : 0);
     const int w = frame.GetWidth(), h = frame.GetHeight();
     if (radians != 0) {
-      if (method < 0 || method >= static_cast<int>(std::size(kRotate))) continue;
       const CfPoint centre = useImageCentre ? frame.GetStdCtr() : CfPoint(w * 0.5, h * 0.5);
       const float cosine = number(std::cos(radians)), sine = number(std::sin(radians));
       const float x = number(-dx), y = number(yStart - dy), cx = number(centre.fx), cy = number(centre.fy);

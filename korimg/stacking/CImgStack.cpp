@@ -217,10 +217,11 @@ void CImgStack::SetRejectionMaps(CVelImage* low, CVelImage* high) {
 
 int CImgStack::Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx, double dy, double radians,
                      int method, FrameLevels const* levels) {
-  // Shifts of contiguous frames are bicubic always; an angle that moves no pixel takes the road of turns.
+  // Shifts of contiguous frames are bicubic always; an angle that moves no pixel takes the road of turns. The
+  // lines of paged frames honour the method.
   constexpr double kNone = 1e-12;
   const bool whole = dx == std::floor(dx) && dy == std::floor(dy);
-  if (radians == 0 && !whole && method != CInterp::MethodBicubic) radians = kNone;
+  if (IsContiguous(*frame) && radians == 0 && !whole && method != CInterp::MethodBicubic) radians = kNone;
   const int stored =
       CImgMedianComposit::Store(slot, frame, yStart, yEnd, dx, dy, radians, 0, 0, nullptr, method);
   const bool hasNegativeLobes = method == CInterp::MethodBicubic || method == CInterp::MethodLanczos2 ||

@@ -261,6 +261,28 @@ TEST(CImgMedianComposit, OffsetsRunThroughTheBandValueByValue) {
   }
 }
 
+TEST(CImgMedianComposit, AnUnknownKernelLeavesTheBandEmpty) {
+  for (const auto& store : {MemoryStore(), TinyPool()}) {
+    const bool paged = store->GetAllocationPolicy() == CVmManager::Paged;
+    const auto frame = Make(store, kWidth, kHeight, 1, Random(5, 6)),
+               target = Make(store, kWidth, kHeight, 1, Random(0, 1));
+    for (const int method : {-1, 5}) {
+      for (const Placing& place : {Placing{0, 0, 0.1}, {0.5, 0, 0}, {2, 0, 0}}) {
+        CImgMedianComposit stack(target.get(), 0);
+        ASSERT_EQ(stack.AllocateStoreBuffer(target.get(), 1, kHeight), 1);
+        stack.Store(0, frame.get(), 0, kHeight - 1, 0, 0, 0, 0, 0, nullptr, 0);
+        // Whole shifts need no kernel, and other shifts of contiguous frames have one of their own.
+        const bool needs = place.radians != 0 || (paged && place.dx == 0.5);
+        EXPECT_EQ(stack.Store(0, frame.get(), 0, kHeight - 1, place.dx, place.dy, place.radians, 0, 0,
+                              nullptr, method),
+                  !needs);
+        stack.Calc(0, kHeight - 1);
+        EXPECT_EQ(target->GetPixelGrayRaw(30, 20, 0) == 0, needs) << paged << method;
+      }
+    }
+  }
+}
+
 TEST(CImgMedianComposit, RowsBeyondTargetAndStoreAreLeftOut) {
   for (const auto& store : {MemoryStore(), TinyPool()}) {
     const PixelRule rule = Random(1, 2);

@@ -232,19 +232,24 @@ TEST(CImgStack, TheSameBitsForAnyBandsThreadsAndTargets) {
 }
 
 TEST(CImgStack, ShiftsByPartsOfAPixelTakeTheKernelThatIsAskedFor) {
-  const auto frame = Make(MemoryStore(), kWidth, kHeight, 1, Random(0, 100));
-  for (const int kernel : {CInterp::MethodBilinear, CInterp::MethodBicubic, CInterp::MethodLanczos2,
-                           CInterp::MethodLanczos3, CInterp::MethodNearest}) {
-    const auto target = Make(MemoryStore(), kWidth, kHeight, 1, Random(0, 1));
-    CImgStack stack(target.get());
-    stack.AllocateStoreBuffer(target.get(), 1, kHeight);
-    stack.Store(0, frame.get(), 0, kHeight - 1, 3.25, -1.5, 0, kernel);
-    stack.Stack(CImgStack::Mean, {}, 0, kHeight - 1);
-    CInterp interp(kernel, frame.get(), 0);
-    for (int y = 8; y < kHeight - 8; ++y) {
-      for (int x = 8; x < kWidth - 8; ++x) {
-        ASSERT_NEAR(target->GetPixelGrayRaw(x, y, 0), interp.Do(x - 3.25, y + 1.5, 0), 2e-3)
-            << kernel << " " << x << ", " << y;
+  for (const auto& store : {MemoryStore(), TinyPool()}) {
+    const auto frame = Make(store, kWidth, kHeight, 1, Random(1, 100));
+    for (const int kernel : {CInterp::MethodBilinear, CInterp::MethodBicubic, CInterp::MethodLanczos2,
+                             CInterp::MethodLanczos3, CInterp::MethodNearest}) {
+      for (const double dy : {-1.5, 0.0}) {
+        const auto target = Make(store, kWidth, kHeight, 1, Random(0, 1));
+        CImgStack stack(target.get());
+        stack.AllocateStoreBuffer(target.get(), 1, kHeight);
+        stack.Store(0, frame.get(), 0, kHeight - 1, 3.25, dy, 0, kernel);
+        stack.Stack(CImgStack::Mean, {}, 0, kHeight - 1);
+        CInterp interp(kernel, frame.get(), 0);
+        for (int y = 0; y < kHeight; ++y) {
+          for (int x = 0; x < kWidth; ++x) {
+            const bool reached = x >= 4 && y - dy < kHeight;
+            ASSERT_NEAR(target->GetPixelGrayRaw(x, y, 0), reached ? interp.Do(x - 3.25, y - dy, 0) : 0, 2e-3)
+                << kernel << " " << x << ", " << y << " by " << dy;
+          }
+        }
       }
     }
   }
