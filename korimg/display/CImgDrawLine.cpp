@@ -41,7 +41,7 @@ void CImgDrawLine::DrawLine(CPoint a, CPoint b, float const* values) {
 
 void CImgDrawLine::DrawPixel(long long x, long long y, float const* values) {
   if (x < 0 || y < 0 || x >= GetWidth() || y >= GetHeight()) return;
-  for (int p = 0; p < GetPlanes(); ++p) {
+  for (int p = 0; p < std::min(GetPlanes(), 3); ++p) {  // further planes have no colour
     SetPixelGrayRaw(static_cast<int>(x), static_cast<int>(y), values[p], p);
   }
 }

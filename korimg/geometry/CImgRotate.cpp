@@ -68,11 +68,11 @@ float CImgRotate::OutsideValue(unsigned long colour, CVelImage const& src) const
 
 int CImgRotate::Do(double degrees, unsigned long colour, CVelImage* src, int expand, int method,
                    int progress) {
+  if (!Fits(*src, *this)) return 0;
   if (degrees == 0.0) {
     Do0(src, progress);
     return 1;
   }
-  if (!Fits(*src, *this)) return 0;
   const float outside = OutsideValue(colour, *src);
   InitStdPtCtr();
   SetStdCtr(GetWidth() / 2, GetHeight() / 2);

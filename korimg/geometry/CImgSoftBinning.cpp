@@ -8,12 +8,13 @@ using namespace korimg;
 
 int CImgSoftBinning::Do(int binX, int binY, int roundUp, int scaleLevels, CVelImage* src, int show) {
   InitStdPtCtr();
-  if (binX < 1 || binY < 1 || binX > src->GetWidth() || binY > src->GetHeight()) return 0;
+  if (binX < 1 || binY < 1) return 0;
   const auto cells = [roundUp](int size, int bin) { return size / bin + (roundUp && size % bin ? 1 : 0); };
-  if (!Resized(*this, *src, cells(src->GetWidth(), binX), cells(src->GetHeight(), binY), show)) return 0;
+  const int width = cells(src->GetWidth(), binX), height = cells(src->GetHeight(), binY);
+  if (width == 0 || height == 0 || !Resized(*this, *src, width, height, show)) return 0;
   if (MayRunPipelines(*this, *src)) {
     const int wholeX = src->GetWidth() / binX, wholeY = src->GetHeight() / binY;
-    for (int p = 0; p < GetPlanes(); ++p) {
+    for (int p = 0; p < GetPlanes() && wholeX > 0 && wholeY > 0; ++p) {
       PlaneBuffer whole(*this, p, false);
       whole.Crop(wholeX, wholeY);
       binning2f_float(PlaneBuffer(*src, p), binX, binY, whole);

@@ -398,8 +398,7 @@ template <class F>
 void CInterp::Masked(bool shortRow, float* data, int* valid, F&& line) const {
   if (image_->IsEmpty()) return;
   const size_t stride = capacity_ > 0 ? capacity_ : width_;
-  const int columns =
-      std::min(Columns(1LL * floorRight_ - floorLeft_ + (shortRow ? 0 : 1)), static_cast<int>(stride));
+  const int columns = Columns(1LL * floorRight_ - floorLeft_ + (shortRow ? 0 : 1));
   for (int p = 0; p < plane_; ++p) {
     line(PlaneOfImage(p), data + p * stride, valid + p * stride, columns);
   }

@@ -34,8 +34,8 @@ class KORIMG_API CInterp {
   /// For the pixel readers.
   void SetBParam(CVelImage* image, double shiftX, double shiftY, double sine, double cosine, double scale,
                  int useImageCentre, int plane, float outside);
-  /// The most samples that a line reader writes to a row. GetBLineMed's planes lie this far apart, or the
-  /// image's width when it is not set.
+  /// The most samples that a line reader writes to a row; all of its span when this is not set. GetBLineMed's
+  /// planes lie this far apart, or else the image's width.
   void SetLineCapacity(int samples) { capacity_ = samples; }
 
   /// A sample in raw; 0 off the image (the far edges, x = width and y = height, are on it; nearest has no

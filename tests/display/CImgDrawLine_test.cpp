@@ -37,6 +37,14 @@ Pixels2d Nearest(CPoint a, CPoint b) {
   return pixels;
 }
 
+TEST(CImgDrawLine, PlanesBeyondTheThirdHaveNoColour) {
+  const auto image = Make<CImgDrawLine>(MemoryStore(), 9, 3, 5, [](int p, int, int) { return p; });
+  image->Do(CPoint(0, 1), CPoint(8, 1), 0xffffff);
+  for (int p = 0; p < 5; ++p) {
+    EXPECT_EQ(image->GetPixelGrayRaw(4, 1, p), p < 3 ? image->GetLevelMax(p) : p);
+  }
+}
+
 TEST(CImgDrawLine, EveryDirectionAndDegenerateLines) {
   const std::vector<std::pair<CPoint, CPoint>> lines = {
       {{1, 1}, {30, 12}},  {{1, 1}, {12, 30}},   {{16, 16}, {1, 30}},  {{30, 2}, {1, 9}},

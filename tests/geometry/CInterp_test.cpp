@@ -209,6 +209,26 @@ TEST(Lines, MaskedFormsFlagWhatIsReal) {
   }
 }
 
+TEST(Lines, MaskedFormsFillTheirSpanUnlessACapacityLimitsThem) {
+  const auto image = Make(MemoryStore(), 8, 5, 1, kNoise);
+  for (int form = 0; form < 3; ++form) {
+    for (const int capacity : {0, 3, 20}) {
+      CInterp interp(0);
+      interp.SetBParam(form, image.get(), -4, 9, 0, -1, 1, 0, 1, 1.0,
+                       0);  // 14 samples of an image of 8 columns
+      if (capacity) interp.SetLineCapacity(capacity);
+      std::vector<float> data(20, -77);
+      std::vector<int> valid(20, 9);
+      interp.GetBLineMed(2, data.data(), valid.data());
+      for (int x = 0; x < 20; ++x) {
+        const bool written = x < (capacity ? std::min(capacity, 14) : 14), real = written && x >= 4 && x < 12;
+        ASSERT_EQ(valid[x], written ? real : 9) << form << " " << capacity << " " << x;
+        ASSERT_EQ(data[x], real ? image->GetPixelGrayRaw(x - 4, 2, 0) : written ? -1 : -77);
+      }
+    }
+  }
+}
+
 TEST(Lines, AreTheSameFromAPoolByEightThreads) {
   const auto paged = Make(TinyPool(), 200, 90, 1, kNoise), memory = Make(MemoryStore(), 200, 90, 1, kNoise);
   const auto turned = [](CVelImage& image, int method) {

@@ -112,6 +112,10 @@ TEST(CImgRotate, NoAngleCopiesAndQuarterTurnsAreExact) {
       const auto pixel = [&](int p, int x, int y) { return kept->GetPixelGrayRaw(x, y, p); };
       const int right = width - 1, bottom = height - 1;
       ASSERT_EQ(target->Do(0.0, 0, source.get(), 1, 9, 0), 1);
+      const auto larger = Make<CImgRotate>(store.make(), source->GetWidth() + 1, source->GetHeight(),
+                                           source->GetPlanes(), Random(5, 6));
+      ASSERT_EQ(larger->Do(0.0, 0, source.get(), 1, 1, 0), 0) << "another size";
+      ASSERT_EQ(Difference(*larger, Random(5, 6), 1e-6), "");
       ASSERT_EQ(Difference(*target, *source), "") << store.name;
       target->Do180(source.get(), 0);
       ASSERT_EQ(Difference(
