@@ -125,7 +125,7 @@ Member resolution_member(const NamedKernel& named) {
             down.table.compute_root().vectorize(y, wide, TailStrategy::RoundUp);
             return Definition{{input, new_width, new_height}, {output}};
           },
-          true};
+          true, kernel != Kernel::Bicubic};
 }
 
 /// The parameters of a turn, and where the output's pixels come from.

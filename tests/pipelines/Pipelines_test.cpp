@@ -233,12 +233,14 @@ TEST(Pipelines, AllFormsGiveTheSameBits) {
   for (const std::string& line : lowest) {
     EXPECT_EQ(line.find("failed"), std::string::npos) << line;
   }
-  EXPECT_EQ(FingerprintsOf("avx"), lowest);
-  EXPECT_EQ(FingerprintsOf("avx2"), lowest);
+  for (const char* form : {"base", "avx", "avx2"}) {
+    EXPECT_EQ(FingerprintsOf(form), lowest) << form;
+  }
 }
 
 TEST(Pipelines, AFailureIsNotedAndLeavesTheOutput) {
   std::string noted;
+  const long long failures = PipelineFailures();
   SetDebugSink([&](const std::wstring& line) { noted = Narrow(line); });
   for (const PipelineEntry& entry : PipelineTable()) {
     const halide_filter_metadata_t& metadata = *entry.metadata();
@@ -254,12 +256,26 @@ TEST(Pipelines, AFailureIsNotedAndLeavesTheOutput) {
     EXPECT_NE(entry.call(arguments), 0) << "the output asks for more than the input has";
     EXPECT_EQ(out[0], 9);
     EXPECT_NE(noted.find("pipeline: "), std::string::npos);
+    EXPECT_GT(PipelineFailures(), failures);
   }
   SetDebugSink(nullptr);
 }
 
 TEST(Pipelines, FormsAreChosenFromTheLowestUp) {
   const PipelineEntry& plain = PipelineTable().front();
+  std::set<std::string> withBase;
+  for (const PipelineEntry& entry : PipelineTable()) {
+    if (!entry.withBase) continue;
+    const std::string name = entry.metadata()->name;
+    withBase.insert(name);
+    LimitForms("base");
+    EXPECT_EQ(ChosenForm(entry), "base") << name;
+    EXPECT_EQ(ChosenForm(plain), "sse41") << "which is asked for nothing";
+    LimitForms("");
+    EXPECT_EQ(ChosenForm(entry), __builtin_cpu_supports("avx2") ? "avx2" : "sse41") << name;
+  }
+  EXPECT_EQ(withBase, (std::set<std::string>{"resolution_lanczos2_float", "resolution_lanczos3_float",
+                                             "resolution_nearest_float"}));
   for (const auto& [limit, chosen] : {std::pair("sse41", "sse41"), std::pair("avx", "avx")}) {
     LimitForms(limit);
     EXPECT_EQ(ChosenForm(plain), __builtin_cpu_supports("avx") ? chosen : "sse41");

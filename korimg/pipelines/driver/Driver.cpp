@@ -21,15 +21,16 @@ namespace {
 }
 
 /// Best form first, as the run-time choice wants them; the last one is the starting point of the choice.
-std::vector<Target> Forms(const std::string& list, bool withAvx2) {
+std::vector<Target> Forms(const std::string& list, const Member& member) {
   const std::string common = "-no_runtime-no_bounds_query";
   std::vector<Target> forms;
-  if (withAvx2 && list.find("avx2") != std::string::npos) {
+  if (member.withAvx2 && list.find("avx2") != std::string::npos) {
     forms.emplace_back("x86-64-linux-sse41-avx-avx2" + common);
   }
   if ((";" + list + ";").find(";avx;") != std::string::npos)
     forms.emplace_back("x86-64-linux-sse41-avx" + common);
   forms.emplace_back("x86-64-linux-sse41" + common);
+  if (member.withBase) forms.emplace_back("x86-64-linux" + common);
   return forms;
 }
 
@@ -56,7 +57,7 @@ void NameOutputs(Module& module, const std::string& function, const std::vector<
 }
 
 std::vector<fs::path> Compile(const Member& member, const std::string& forms, const fs::path& folder) {
-  const std::vector<Target> targets = Forms(forms, member.withAvx2);
+  const std::vector<Target> targets = Forms(forms, member);
   std::vector<std::string> suffixes;
   std::vector<fs::path> objects;
   for (const Target& target : targets) {
@@ -129,7 +130,7 @@ int main(int argc, char** argv) {
            << "int " << member.name << "_argv(void** args);\n"
            << "const struct halide_filter_metadata_t* " << member.name << "_metadata();\n";
     rows << "{\"" << family << "\", " << member.name << "_argv, " << member.name << "_metadata, "
-         << (member.withAvx2 ? "true" : "false") << "},\n";
+         << (member.withAvx2 ? "true" : "false") << ", " << (member.withBase ? "true" : "false") << "},\n";
   }
   header << "}\n";
   Archive(option["--ar"], folder.string() + ".a", objects);

@@ -19,6 +19,7 @@ struct Member {
   std::string name;
   std::function<Definition(const Halide::Target&)> define;
   bool withAvx2 = false;  ///< also compiled for AVX2: pays in convolutions, not in point operations
+  bool withBase = false;  ///< also compiled for processors without SSE4.1
 };
 
 /// The members of the family that a generator is built for.

@@ -18,6 +18,7 @@ namespace {
 constexpr std::uint64_t kAvx = 1u << 5, kAvx2 = 1u << 6, kNoRuntime = 1u << 31, kSse41 = 1u << 4;
 
 std::atomic<std::uint64_t> g_allowed{~0ULL};
+std::atomic<long long> g_failures{0};
 
 int CanUse(int count, const std::uint64_t* features) {
   const bool allowed = (features[0] & ~g_allowed.load(std::memory_order_relaxed)) == 0;
@@ -26,6 +27,7 @@ int CanUse(int count, const std::uint64_t* features) {
 
 /// A pipeline that fails leaves its output as it is, and says so.
 void NoteError(void*, const char* text) {
+  ++g_failures;
   korimg::DebugLine(std::string("pipeline: ") + text);
 }
 
@@ -131,13 +133,21 @@ std::string ChosenForm(const PipelineEntry& pipeline) {
     const std::uint64_t features[2] = {kNoRuntime | kSse41 | word, 0};
     return CanUse(2, features) != 0;
   };
+  if (pipeline.withBase && !can(0)) return "base";
   if (pipeline.withAvx2 && can(kAvx | kAvx2)) return "avx2";
   return can(kAvx) ? "avx" : "sse41";
 }
 
 void LimitForms(const std::string& highest) {
-  const std::uint64_t denied = highest == "sse41" ? kAvx | kAvx2 : highest == "avx" ? kAvx2 : 0;
+  const std::uint64_t denied = highest == "base"    ? kSse41 | kAvx | kAvx2
+                               : highest == "sse41" ? kAvx | kAvx2
+                               : highest == "avx"   ? kAvx2
+                                                    : 0;
   g_allowed.store(~denied, std::memory_order_relaxed);
+}
+
+long long PipelineFailures() {
+  return g_failures;
 }
 
 const char* Version() {

@@ -15,6 +15,7 @@ struct PipelineEntry {
   int (*call)(void** arguments);                  ///< addresses of buffers and scalars, in order
   const halide_filter_metadata_t* (*metadata)();  ///< name and arguments
   bool withAvx2;                                  ///< has a form for AVX2
+  bool withBase;                                  ///< has one for processors without SSE4.1
 };
 
 /// All pipelines of the library.
@@ -27,12 +28,17 @@ KORIMG_API const PipelineEntry* FindPipeline(const std::string& name);
 /// variable HL_NUM_THREADS may set. Answers the number before.
 KORIMG_API int SetPipelineThreads(int threads);
 
-/// The form that a pipeline runs in on this processor: "sse41", "avx" or "avx2".
+/// The form that a pipeline runs in on this processor: "base", "sse41", "avx" or "avx2".
 KORIMG_API std::string ChosenForm(const PipelineEntry& pipeline);
 
 /// Lets pipelines run in forms up to this one only ("" for all). Takes effect for pipelines not yet called,
 /// since each keeps its choice: it is for tests, before the first call.
 KORIMG_API void LimitForms(const std::string& highest);
+
+/// A number that rises whenever a pipeline of this process fails: it leaves its output as it is, and sends a
+/// debug line. A host compares the numbers before and after a result was made, and keeps none that a failure
+/// had a part in.
+KORIMG_API long long PipelineFailures();
 
 /// The library's version.
 KORIMG_API const char* Version();
