@@ -95,7 +95,7 @@ void CVelImage::FlatClbrtn(CVelImage* flat, CRect* rect, int show) {
     for (int p = 0; p < GetPlanes(); ++p) {
       // A partial window divides the zeros of its temporary: it ends up as 0.
       RunIntoWindow(*this, p, window, [&](halide_buffer_t* out) {
-        flat_float(PlaneBuffer(*flat, PlaneOf(*flat, p)), average, out);
+        return flat_float(PlaneBuffer(*flat, PlaneOf(*flat, p)), average, out);
       });
     }
     return;

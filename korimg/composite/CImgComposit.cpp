@@ -182,7 +182,7 @@ void CImgComposit::DoPipelines(CVelImage& a, CVelImage& b, Task const& task, CRe
                       arguments.push_back(&n);
                     }
                     arguments.push_back(out);
-                    pipeline->call(arguments.data());
+                    return pipeline->call(arguments.data());
                   });
 }
 
@@ -192,19 +192,23 @@ void CImgComposit::DoLines(CVelImage& a, CVelImage& b, Task const& task, CRect* 
   const ProgressScope scope(*this, progress, resourceId == -1 ? kCompositing : resourceId,
                             window.IsEmpty() ? 0 : window.Height());
   if (window.IsEmpty()) return;
+  // Rows of b are read beside the one that is written.
+  CVelImage kept;
+  if (&b == this) MakeWorkCopy(kept, b);
   const int width = window.Width();
   CInterp interp(task.method);
-  interp.SetBParam(task.GetForm(), &b, window.left - task.dx, window.right - task.dx, task.level,
-                   OutsideValue(task.mode), a.IsColor() ? -1 : 0, task.Sine(), task.Cosine(), 1.0,
+  interp.SetBParam(task.GetForm(), &b == this ? &kept : &b, window.left - task.dx, window.right - task.dx,
+                   task.level, OutsideValue(task.mode), a.IsColor() ? -1 : 0, task.Sine(), task.Cosine(), 1.0,
                    task.useImageCentre);
   interp.SetLineCapacity(width);
-  std::vector<float> samples(3LL * width);
+  // Where a shift is no number, or leads far away, lines have fewer samples than the window.
+  std::vector<float> samples(3LL * width, OutsideValue(task.mode));
   const auto row = [&](int p) { return samples.data() + static_cast<size_t>(p) * width; };
   const auto lines = [&](auto&& combine) {
     for (int y = window.top; y < window.bottom; ++y) {
       // b comes into rows of its own, since this image and a may be the same.
       interp.GetBLine(y - task.dy, row(0), row(1), row(2));
-      for (int p = 0; p < GetPlanes(); ++p) {
+      for (int p = 0; p < std::min(GetPlanes(), kMostCompositePlanes); ++p) {
         float const* first = a.GetLine(window.left, y, p);
         float const* second = row(p);
         float* out = GetWritableLine(window.left, y, p);
@@ -235,16 +239,23 @@ void CImgComposit::DoNbrComposit(CVelImage* a, CVelImage* b, double dx, double d
                                  CRect* rect, int progress, int resourceId) {
   constexpr int kMostRadius = 2, kNearest = 4;
   if (!Fits(*a, *this) || b->IsEmpty()) return;
+  // Pixels of both are read around the one that is written.
+  CVelImage keptA, keptB;
+  if (a == this && radius > 0) MakeWorkCopy(keptA, *a);
+  if (b == this) MakeWorkCopy(keptB, *b);
+  a = keptA.IsEmpty() ? a : &keptA;
+  b = keptB.IsEmpty() ? b : &keptB;
   const Window window(*this, rect);
+  const int planes = std::min(GetPlanes(), kMostCompositePlanes);
   const ProgressScope scope(*this, progress, resourceId == -1 ? kCompositing : resourceId,
-                            window.Lines(*this));
+                            window.IsEmpty() ? 0 : planes * window.Height());
   const double sine = std::sin(degrees * std::numbers::pi / 180), cosine = std::sqrt(1 - sine * sine);
   const double limitA = level ? threshold * 255 : a->GetMaxPixel(0) * threshold;
   const double limitB = level ? threshold * 255 : b->GetMaxPixel(0) * threshold;
   const auto saturated = [&](double value, double limit) { return level ? value > limit : value >= limit; };
   const int r = std::min(radius, kMostRadius);
   CInterp interp(method, b, 0), nearA(kNearest, a, 0);
-  for (int p = 0; p < GetPlanes(); ++p) {
+  for (int p = 0; p < planes; ++p) {
     const int q = std::min(p, b->GetPlanes() - 1);
     interp.SetBParam(b, dx, dy, sine, cosine, 1.0, 1, q, level ? OutsideValue(mode) : 0.0f);
     const auto pixelOfA = [&](int x, int y) {

@@ -2,10 +2,11 @@
 
 #include "korimg/image/CVelImage.h"
 
-/// Merges two images into this one, which has the shape of the first, `a`; this image and `a` may be the
-/// same. The second, `b`, may be of any size; a mono one serves every plane. Its pixel (x - dx, y - dy) comes
-/// to (x, y). With an angle in degrees it turns about its reference centre (useImageCentre non-zero) or about
-/// (width, height) / 2, and then shifts; a positive angle turns it clockwise on the screen:
+/// Merges two images into this one, which has the shape of the first, `a`, in up to three planes; this image
+/// and either of the two may be the same. The second, `b`, may be of any size; a mono one serves every plane.
+/// Its pixel (x - dx, y - dy) comes to (x, y). With an angle in degrees it turns about its reference centre
+/// (useImageCentre non-zero) or about (width, height) / 2, and then shifts; a positive angle turns it
+/// clockwise on the screen:
 ///
 ///     X = x - cx - dx, Y = cy - y + dy
 ///     (cos X - sin Y + cx, cy - (sin X + cos Y)) of b comes to (x, y).

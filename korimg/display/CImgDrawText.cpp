@@ -32,7 +32,7 @@ int CImgDrawText::Do(CVelImage* target, CPoint at, CString const& text, LOGFONTW
     }
   }
   CImgComposit mixed;
-  mixed.Create(under, nullptr);
+  MakeWorkImage(mixed, under);
   mixed.Do(&under, layer.get(), at.x - box.left, at.y - box.top, 0, 0, kWeight, kNearest, kOpacity, kOnLevels,
            0, 0, 0, nullptr, 0, -1);
   for (int p = 0; p < target->GetPlanes(); ++p) {

@@ -80,12 +80,9 @@ void RunGaussian(CVelImage& target, CVelImage& src, int p, Window const& window,
   Halide::Runtime::Buffer<float, 1> weights(row.data(), matrix.GetD());
   PlaneBuffer input(src, p);
   RunIntoWindow(target, p, window, [&](halide_buffer_t* out) {
-    if (band) {
-      apply_filter_with_threshold_float(input, weights, matrix.GetR(), band->dark, band->darkMin,
-                                        band->highlight, band->highlightMax, out);
-    } else {
-      apply_filter_float(input, weights, matrix.GetR(), out);
-    }
+    if (!band) return apply_filter_float(input, weights, matrix.GetR(), out);
+    return apply_filter_with_threshold_float(input, weights, matrix.GetR(), band->dark, band->darkMin,
+                                             band->highlight, band->highlightMax, out);
   });
 }
 

@@ -57,7 +57,7 @@ void CImgFilterMisc::MinMaxFilter(double r[], int rank[], CVelImage* src, CRect*
                 });
     } else if (whole <= kLargestDisc) {
       const DiscPipeline run = (smallest ? kMinimum : kMaximum)[whole - 1];
-      RunIntoWindow(*this, p, window, [&](halide_buffer_t* out) { run(PlaneBuffer(*src, p), out); });
+      RunIntoWindow(*this, p, window, [&](halide_buffer_t* out) { return run(PlaneBuffer(*src, p), out); });
     }
   }
 }

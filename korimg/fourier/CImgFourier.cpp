@@ -127,7 +127,7 @@ int CImgFourier::CalcShiftByPOC(CVelImage* other, CVelImage* surface, double blu
 
   CVelImage sharp(VmManager(), Float, outWidth, outHeight, 1, 1.0, 0.0, 1, nullptr);
   CImgFilterBlur blurred;
-  blurred.Create(sharp, nullptr);
+  MakeWorkImage(blurred, sharp);
   GetImage(&sharp, nullptr, 0, fft, 0);
   blurred.GaussianFilter(blur > 0 ? blur : 1.0, &sharp, nullptr, 0);
   if (blur > 0) {
@@ -180,7 +180,7 @@ int CImgFourier::CalcRotByRIPOC(CVelImage* other, CVelImage* polarA, CVelImage* 
   constexpr int kBand = 20;
   CVelImage sharp(VmManager(), Float, outWidth, outHeight, 1, 1.0, 0.0, 1, nullptr);
   CImgFilterBlur blurred;
-  blurred.Create(sharp, nullptr);
+  MakeWorkImage(blurred, sharp);
   GetImage(&sharp, nullptr, 0, fft, 0);
   CRect band(0, outHeight / 2 - kBand, outWidth, outHeight / 2 + kBand);
   blurred.GaussianFilter(1.0, &sharp, &band, 0);

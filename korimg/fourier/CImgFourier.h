@@ -24,9 +24,10 @@ class KORIMG_API CImgFourier : public CVelImage {
   int CalcShiftByPOC(CVelImage* other, CVelImage* surface, double blur, CRect* rect, double& dx, double& dy,
                      double& peak, int& outWidth, int& outHeight, int progress);
   /// The angle by which other is turned against this, from -90 to 90 degrees, clockwise on the screen:
-  /// CImgComposit turns it back by the negative angle. Half a turn is not seen. Images that keep their scale
-  /// are compared by their amplitude spectra in polar coordinates, which polarA and polarB receive when both
-  /// are given.
+  /// CImgComposit turns it back by the negative angle. Half a turn is not seen. The angle is true of a square
+  /// transform only: one of unequal sides stretches the spectra, which then do not match when they are
+  /// turned. CPhaseMatcher lays images of any shape on squares. Images that keep their scale are compared by
+  /// their amplitude spectra in polar coordinates, which polarA and polarB receive when both are given.
   int CalcRotByRIPOC(CVelImage* other, CVelImage* polarA, CVelImage* polarB, CRect* rect, double& degrees,
                      int& outWidth, int& outHeight, int progress);
   /// The same by rows, of which no peak is found: degrees is 0. polarA receives this image's transformed

@@ -100,9 +100,11 @@ void BlendByPipeline(CVelImage& image, CVelImage& other, CVelImage& mask, Window
   if (straight) window.bottom = image.GetHeight();
   for (int p = 0; p < image.GetPlanes(); ++p) {
     PlaneBuffer t(image, p), o(other, PlaneFor(other, p));
-    RunIntoWindow(*result, p, window, [&](halide_buffer_t* out) {
-      mask_add_float(reverse ? o : t, reverse ? t : o, PlaneBuffer(mask, 0), share.Low(), share.Range(), out);
+    const int status = RunIntoWindow(*result, p, window, [&](halide_buffer_t* out) {
+      return mask_add_float(reverse ? o : t, reverse ? t : o, PlaneBuffer(mask, 0), share.Low(),
+                            share.Range(), out);
     });
+    if (status) return;
   }
   image.Swap(result.get());
 }

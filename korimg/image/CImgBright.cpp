@@ -43,8 +43,8 @@ void CImgBright::Do(float* const bright, float* const contrast, double average, 
   }
   for (int p = 0; p < GetPlanes(); ++p) {
     RunIntoWindow(*this, p, window, [&](halide_buffer_t* out) {
-      bright_float(PlaneBuffer(*src, p), static_cast<float>(GetLevelMin(p)),
-                   static_cast<float>(GetLevelRange(p)), mean, bright[p], contrast[p], out);
+      return bright_float(PlaneBuffer(*src, p), static_cast<float>(GetLevelMin(p)),
+                          static_cast<float>(GetLevelRange(p)), mean, bright[p], contrast[p], out);
     });
   }
 }

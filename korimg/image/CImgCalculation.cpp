@@ -44,7 +44,7 @@ void CImgCalculation::Do(double value, int op, int cutMinus, CVelImage* src, CRe
   for (int p = 0; p < GetPlanes(); ++p) {
     // The target alone decides on this path, so the source may be paged.
     StagedPlane in(*src, p, *VmManager());
-    RunIntoWindow(*this, p, window, [&](halide_buffer_t* out) { pipeline(in, v, out); });
+    RunIntoWindow(*this, p, window, [&](halide_buffer_t* out) { return pipeline(in, v, out); });
   }
 }
 

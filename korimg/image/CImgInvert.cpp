@@ -33,9 +33,9 @@ void CImgInvert::Do(CVelImage* src, CRect* rect, int show) {
   }
   for (int p = 0; p < GetPlanes(); ++p) {
     RunIntoWindow(*this, p, window, [&](halide_buffer_t* out) {
-      invert_float(PlaneBuffer(*src, p), static_cast<float>(src->GetLevelMin(p)),
-                   static_cast<float>(src->GetLevelRange(p)), static_cast<float>(GetLevelMin(p)),
-                   static_cast<float>(GetLevelRange(p)), out);
+      return invert_float(PlaneBuffer(*src, p), static_cast<float>(src->GetLevelMin(p)),
+                          static_cast<float>(src->GetLevelRange(p)), static_cast<float>(GetLevelMin(p)),
+                          static_cast<float>(GetLevelRange(p)), out);
     });
   }
 }

@@ -94,8 +94,8 @@ bool CVelImage::Create(CVelImage const& other, ProgressPtr const& progress) {
   if (!CImage::Create(other, progress)) return false;
   CopyInternal(other);
   DeleteDirectImage();
-  for (int p = 0; p < GetPlanes(); ++p) {
-    if (!IsEmpty() && !Fill(p, 0.0)) return false;
+  for (int p = 0; p < GetPlanes() && !IsEmpty(); ++p) {
+    GetVmImage()->Clear(p);
   }
   return true;
 }
@@ -166,8 +166,7 @@ int CVelImage::ToColor() {
 
 int CVelImage::ToColor(CVelImage* src, int message) {
   if (IsColor()) return 1;
-  if (!ToColor()) return 0;
-  if (!korimg::SameSize(*this, *src)) return 1;
+  if (src->IsEmpty() || !korimg::SameSize(*this, *src) || !ToColor()) return 0;
   const korimg::ProgressScope progress(*this, message, 6130, GetHeight());
   korimg::ForLines(korimg::Team::All, 0, GetHeight(), [&](int y) {
     for (int p = 0; p < 3; ++p) {
@@ -195,13 +194,13 @@ int CVelImage::ToGray(CVelImage* src, int message) {
   if (!ToGray()) return 0;
   // The source alone decides on the pipeline; a paged target gets its plane from a temporary.
   if (src->GetAllocationPolicy() != CVmManager::Paged) {
-    korimg::WriteThroughPlane(*this, 0, *src->VmManager(), [&](halide_buffer_t* out) {
+    const auto run = [&](halide_buffer_t* out) {
       korimg::PlaneBuffer r(*src, 0), g(*src, 1), b(*src, 2);
-      tograyraw_float(r, g, b, src->GetLevelMin(0), src->GetLevelRange(0), src->GetLevelMin(1),
-                      src->GetLevelRange(1), src->GetLevelMin(2), src->GetLevelRange(2), GetLevelMin(0),
-                      GetLevelRange(0), out);
-    });
-    return 1;
+      return tograyraw_float(r, g, b, src->GetLevelMin(0), src->GetLevelRange(0), src->GetLevelMin(1),
+                             src->GetLevelRange(1), src->GetLevelMin(2), src->GetLevelRange(2),
+                             GetLevelMin(0), GetLevelRange(0), out);
+    };
+    return korimg::WriteThroughPlane(*this, 0, *src->VmManager(), run) == 0;
   }
   const korimg::ProgressScope progress(*this, message, 6129, GetHeight());
   korimg::ForLines(korimg::Team::All, 0, GetHeight(), [&](int y) {

@@ -48,7 +48,8 @@ class KORIMG_API CVelImage : public CImage {
   std::unique_ptr<CVelImage> Clone(ProgressPtr const& progress) const;
   /// A zeroed image of the same record; empty when there is no room.
   std::unique_ptr<CVelImage> CloneWithoutImage(ProgressPtr const& progress) const;
-  /// Takes the other's record and shape, with all pixels 0.
+  /// Takes the other's record and shape, with all pixels 0 before scale and offset. False when memory ran
+  /// out.
   bool Create(CVelImage const& other, ProgressPtr const& progress);
   int Create(CVelImage const& other, HWND window, wchar_t const* text);
   /// 1, or 0 when memory ran out: the image is empty then.
@@ -59,7 +60,7 @@ class KORIMG_API CVelImage : public CImage {
   /// Builds the image from a packed bitmap, as floats; 0 when that failed.
   int AttachDIB(std::shared_ptr<CVmManager> const& manager, HDIB dib);
   /// Turns this image into one of three planes that hold src's: of a mono src plane 0 three times. 0 on
-  /// failure.
+  /// failure, and when src has another size: nothing is done then.
   int ToColor(CVelImage* src, int message);
   /// Turns this image into a mono one that holds src's luminance by src's levels, brought to this image's
   /// levels of plane 0. 0 on failure, and when src has no three planes of its own.

@@ -62,6 +62,11 @@ bool MayRunPipelines(Images const&... images) {
 /// The processor offers the vector forms of the line loops, which run on the whole team.
 bool HasVectors();
 
+/// Gives a work image the record and shape of another, with all pixels 0, or its pixels too, in a store of
+/// the same kind. Throws velora::CVmMemoryAllocationError when there is no room.
+void MakeWorkImage(CVelImage& work, CVelImage const& like);
+void MakeWorkCopy(CVelImage& work, CVelImage const& source);
+
 /// Opens the progress display of an operation, and closes it on every way out.
 class ProgressScope {
  public:
@@ -154,24 +159,22 @@ class TemporaryPlane {
   int height_;
 };
 
-/// Runs a pipeline into the window of a contiguous image's plane: run(output buffer). A partial window goes
-/// through a zeroed temporary, so that the rest of the plane keeps what it holds; so does a whole one that is
-/// not `direct`, since the pipeline reads the plane beside the pixel that it writes.
+/// Runs a pipeline into the window of a contiguous image's plane: run(output buffer) answers its status, and
+/// so does this, 0 when it went well. A partial window goes through a zeroed temporary, so that the rest of
+/// the plane keeps what it holds, and all of it does when the pipeline fails; so does a whole one that is not
+/// `direct`, since the pipeline reads the plane beside the pixel that it writes.
 template <class F>
-void RunIntoWindow(CVelImage& target, int plane, Window const& window, F&& run, bool direct = true) {
-  if (window.IsEmpty()) return;
+int RunIntoWindow(CVelImage& target, int plane, Window const& window, F&& run, bool direct = true) {
+  if (window.IsEmpty()) return 0;
   PlaneBuffer whole(target, plane, false);
-  if (direct && window.Covers(target)) {
-    run(static_cast<halide_buffer_t*>(whole));
-    return;
-  }
+  if (direct && window.Covers(target)) return run(static_cast<halide_buffer_t*>(whole));
   TemporaryPlane temporary(*target.VmManager(), window.Width(), window.Height());
   temporary.Clear();
   PlaneBuffer part = temporary.Buffer();
   part.SetMin(window.left, window.top);
-  run(static_cast<halide_buffer_t*>(part));
+  if (const int status = run(static_cast<halide_buffer_t*>(part))) return status;
   part.SetMin(0, 0);
-  paste_float(part, window.left, window.right, window.top, window.bottom, 0, 0, whole);
+  return paste_float(part, window.left, window.right, window.top, window.bottom, 0, 0, whole);
 }
 
 /// A contiguous copy of a plane that may be paged: pipelines never see the address of a paged line.
@@ -186,20 +189,18 @@ class StagedPlane {
 };
 
 /// Runs a pipeline into a whole plane: straight into a contiguous one, else through a temporary of the given
-/// store.
+/// store. Answers the pipeline's status; a paged plane keeps what it holds unless it is 0.
 template <class F>
-void WriteThroughPlane(CVelImage& target, int plane, CVmManager& contiguous, F&& run) {
-  if (IsContiguous(target)) {
-    run(PlaneBuffer(target, plane, false));
-    return;
-  }
+int WriteThroughPlane(CVelImage& target, int plane, CVmManager& contiguous, F&& run) {
+  if (IsContiguous(target)) return run(PlaneBuffer(target, plane, false));
   TemporaryPlane temporary(contiguous, target.GetWidth(), target.GetHeight());
-  run(temporary.Buffer());
+  if (const int status = run(temporary.Buffer())) return status;
   float const* pixels = temporary.Pixels();
   const size_t width = target.GetWidth();
   ForLines(Team::All, 0, target.GetHeight(), [&](int y) {
     std::memcpy(target.GetWritableLine(0, y, plane), pixels + y * width, width * sizeof(float));
   });
+  return 0;
 }
 
 }  // namespace korimg

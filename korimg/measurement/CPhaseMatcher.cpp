@@ -9,7 +9,7 @@
 #include "korimg/fourier/CFft.h"
 #include "korimg/fourier/CImgFourier.h"
 #include "korimg/geometry/CInterp.h"
-#include "korimg/image/Lines.h"
+#include "korimg/image/Frame.h"
 #include "korimg/measurement/RigidFit.h"
 #include "korimg/measurement/SkyMesh.h"
 #include "korimg/platform/CParallel.h"
@@ -26,7 +26,7 @@ constexpr int kWhole = 1024;
 
 std::unique_ptr<CImgFourier> MakePlane(CVelImage const& like, int width, int height) {
   auto plane = std::make_unique<CImgFourier>();
-  plane->Create(CVelImage(like.VmManager(), CImage::Float, width, height, 1, 1.0, 0.0, 1, nullptr), nullptr);
+  MakeWorkImage(*plane, CVelImage(like.VmManager(), CImage::Float, width, height, 1, 1.0, 0.0, 1, nullptr));
   return plane;
 }
 
@@ -72,12 +72,12 @@ std::unique_ptr<CImgFourier> LightOf(CVelImage& image, int bin) {
   constexpr float kLeast = 3, kMost = 50;
   auto light = WithoutSky(image);
   CImgFilterBlur whole;
-  whole.Create(*light, nullptr);
+  MakeWorkImage(whole, *light);
   whole.MedianFilter(kSingle, light.get(), nullptr, 0);
   light = MakePlane(image, image.GetWidth() / bin, image.GetHeight() / bin);
   PutBinned(whole, bin, *light, 0, 0);
   CImgFilterBlur blurred;
-  blurred.Create(*light, nullptr);
+  MakeWorkImage(blurred, *light);
   blurred.GaussianFilter(kBlur, light.get(), nullptr, 0);
   const SkyMesh sky(blurred);
   const int width = light->GetWidth(), height = light->GetHeight();
@@ -110,7 +110,7 @@ std::unique_ptr<CImgFourier> Laid(CVelImage& first, CVelImage& second, Similarit
   constexpr int kFirstAndWeight = 2;
   const Pose pose = PoseOf(map, second.GetWidth(), second.GetHeight());
   CImgComposit laid;
-  laid.Create(first, nullptr);
+  MakeWorkImage(laid, first);
   laid.Do(&first, &second, pose.dx, pose.dy, pose.degrees, 0, kFirstAndWeight, CInterp::MethodBilinear, 1.0,
           0, 0, 0, 0, nullptr, 0, -1);
   auto result = std::make_unique<CImgFourier>();

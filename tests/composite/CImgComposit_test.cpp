@@ -252,9 +252,35 @@ TEST(CImgComposit, TheTargetMayBeOneOfTheImages) {
       apart.Do(a.get(), b.get(), 2.5, 3.5, degrees, 0, 2, 1, 0);
       onA.Do(&onA, b.get(), 2.5, 3.5, degrees, 0, 2, 1, 0);
       EXPECT_EQ(Difference(onA, apart), "") << lines << degrees;
-      if (lines) continue;
       onB.Do(a.get(), &onB, 2.5, 3.5, degrees, 0, 2, 1, 0);
-      EXPECT_EQ(Difference(onB, apart), "") << degrees;
+      EXPECT_EQ(Difference(onB, apart), "") << lines << degrees;
+      // Neighbours are those of before, on either of them.
+      for (const int radius : {0, 2}) {
+        apart.Abr(a.get(), b.get(), 1, 2, degrees, 9, 0.9, 0, 0, 0.6, radius, nullptr, 0, -1);
+        for (CImgComposit* target : {&onA, &onB}) {
+          target->CopyImage(target == &onA ? *a : *b, nullptr, nullptr);
+          CVelImage* second = target == &onB ? target : static_cast<CVelImage*>(b.get());
+          target->Abr(target == &onA ? target : static_cast<CVelImage*>(a.get()), second, 1, 2, degrees, 9,
+                      0.9, 0, 0, 0.6, radius, nullptr, 0, -1);
+          EXPECT_EQ(Difference(*target, apart), "") << lines << degrees << radius << (target == &onB);
+        }
+      }
+    }
+  }
+}
+
+TEST(CImgComposit, PlanesBeyondTheThirdAreLeftAlone) {
+  for (const bool lines : {false, true}) {
+    const auto store = lines ? TinyPool() : MemoryStore();
+    const auto a = Make(store, 70, 40, 5, Random(0, 100)), b = Make(store, 70, 40, 5, Random(0, 100, 2));
+    CImgComposit target;
+    target.Create(*a, nullptr);
+    Paint(target, Random(5, 6));
+    for (const int mode : {1, 9}) {
+      target.Do(a.get(), b.get(), 1.5, 2, 0, 0, mode, 0, 0.5, 0, 0, 0.5, 1, nullptr, 0, -1);
+      for (int p = 0; p < 5; ++p) {
+        EXPECT_EQ(target.GetPixelGrayRaw(30, 20, p) == static_cast<float>(Random(5, 6)(p, 30, 20)), p >= 3);
+      }
     }
   }
 }
@@ -283,6 +309,22 @@ TEST(CImgComposit, WhatCannotBeDoneLeavesTheTarget) {
       for (const double degrees : {0.0, 45.0}) {
         target.Do(a.get(), b.get(), far, 0, degrees, 0, 1, 1, 0);
         EXPECT_EQ(Difference(target, *a), "") << far << " " << degrees << lines;
+      }
+    }
+    // What lies outside is 255 to a product and a quotient; with levels on the scale of 0 to 255, or counted
+    // from b's black in pipelines, where it has b's range.
+    for (const double far : {kNan, kInf, -kInf, 1e300, -1e10, 2147483648.0}) {
+      for (const int level : {0, 1}) {
+        for (const int mode : {4, 5}) {
+          target.Do(a.get(), b.get(), 0, far, 0, 0, mode, 1, level);
+          const double second = lines || !level ? 255 : 255 * 255 / b->GetLevelRange(0);
+          const auto expected = [&](int p, int x, int y) {
+            const double raw = a->GetPixelGrayRaw(x, y, p);
+            return level ? a->ToRaw(Combine(mode, true, false, 0, a->To256(raw, p), second), p)
+                         : Combine(mode, false, false, 0, raw, second);
+          };
+          EXPECT_EQ(Difference(target, expected, 1e-4), "") << far << " mode " << mode << level << lines;
+        }
       }
     }
     for (const double degrees : {kNan, kInf}) {

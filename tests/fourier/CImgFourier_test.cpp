@@ -202,6 +202,42 @@ TEST(CImgFourier, FindsRotations) {
   }
 }
 
+TEST(CImgFourier, AnglesAreTrueOfSquareTransforms) {
+  constexpr double kTurn = 30;
+  const auto seen = [](int height) {
+    // The middle 200 rows of a field of 300, turned about its middle; above and below there is nothing.
+    const int top = (300 - height) / 2;
+    const auto frame = [&](double degrees) {
+      return Make<CImgFourier>(MemoryStore(), 300, height, 1,
+                               [top, stars = Stars(300, 0, 0, degrees)](int p, int x, int y) {
+                                 const int row = y + top;
+                                 return row >= 50 && row < 250 ? stars(p, x, row) : 0.0;
+                               });
+    };
+    double degrees = 0;
+    int w = 0, h = 0;
+    EXPECT_EQ(frame(0)->CalcRotByRIPOC(frame(kTurn).get(), nullptr, nullptr, nullptr, degrees, w, h, 0), 1);
+    return degrees;
+  };
+  EXPECT_NEAR(seen(300), kTurn, 180.0 / 512);
+  EXPECT_GT(std::abs(seen(200) - kTurn), 10);
+}
+
+TEST(CImgFourier, NoRoomForAWorkImageIsAnError) {
+  // Two frames fit, and the blurred correlation does not: there are no files in that directory.
+  for (const bool contiguous : {true, false}) {
+    const StoreOptions options{.budget = contiguous ? 6 << 20 : 130 << 10, .swapDirectory = "/proc"};
+    const auto store = contiguous ? CreateContiguousManager(options) : CreatePagedManager(options);
+    const auto first = Make<CImgFourier>(store, 100, 100, 1, Stars(100)),
+               other = Make<CImgFourier>(store, 100, 100, 1, Stars(100, 3, 2));
+    double degrees = 0;
+    int w = 0, h = 0;
+    EXPECT_THROW(Measure(*first, *other), velora::CVmMemoryAllocationError);
+    EXPECT_THROW(first->CalcRotByRIPOC(other.get(), nullptr, nullptr, nullptr, degrees, w, h, 0),
+                 velora::CVmMemoryAllocationError);
+  }
+}
+
 TEST(CImgFourier, ShowsTransforms) {
   constexpr int kWidth = 37, kHeight = 21, kW = 16, kH = 8, kLeft = 3, kTop = 5;
   OptionalRect rect = CRect(kLeft, kTop, kLeft + 30, kTop + 9);

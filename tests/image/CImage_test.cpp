@@ -88,6 +88,23 @@ TEST(CImage, NewPixelsAreZeroInMemoryUsedBefore) {
   }
 }
 
+TEST(CVelImage, IsCreatedWithZerosBeforeScaleAndOffset) {
+  for (const StoreCase& store : Stores()) {
+    const auto manager = store.make();
+    const CVelImage shape(manager, CImage::Float, 33, 21, 3, 2.0, 7.0, 1, nullptr);
+    CVelImage image;
+    for (int i = 0; i < 2; ++i) {  // in fresh memory, and in what it holds already
+      ASSERT_TRUE(image.Create(shape, nullptr));
+      EXPECT_EQ(Difference(
+                    image, [](int, int, int) { return 0; }, 0),
+                "")
+          << store.name;
+      EXPECT_EQ(static_cast<CImage&>(image).GetPixel(5, 6, 1), 7);
+      Paint(image, Random(1, 2));
+    }
+  }
+}
+
 TEST(CImage, ChangeBitsConvertsAndLimits) {
   for (const StoreCase& store : Stores()) {
     const auto manager = store.make();

@@ -229,6 +229,9 @@ TEST(CVelImage, ToColourAndBack) {
                     *grey, [&](int, int x, int y) { return colour->GetPixelBrightRaw(x, y); }, 1e-6),
                 "")
           << from.name << " to " << to.name;
+      const auto wider = Make(to.make(), 72, 133, 1, Random(0, 1));
+      EXPECT_EQ(wider->ToColor(colour.get(), 0), 0);
+      EXPECT_EQ(wider->GetPlanes(), 1) << "nothing was changed";
       EXPECT_EQ(grey->ToGray(colour.get(), 0), 1) << "a mono image is done";
       const auto other = Make(to.make(), 71, 133, 3, Random(0, 1));
       EXPECT_EQ(other->ToGray(mono.get(), 0), 0);

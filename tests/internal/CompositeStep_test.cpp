@@ -42,7 +42,7 @@ TEST(CompositeStep, CompositesTheWindowOfEachPlane) {
       CRect rect(100, 20, 105, 25);
       CompositeBlocks(target, *a, served, whole ? nullptr : &rect,
                       [](int, int, halide_buffer_t* x, halide_buffer_t* y, halide_buffer_t* out) {
-                        sub0_float(x, y, out);
+                        return sub0_float(x, y, out);
                       });
       const auto expected = [&](int p, int x, int y) -> double {
         if (!whole && !(x >= 86 && y >= 20 && y < 52)) return static_cast<float>(before(p, x, y));

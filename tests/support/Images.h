@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <ostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -104,7 +105,7 @@ std::shared_ptr<Image> Make(const std::shared_ptr<CVmManager>& store, int width,
   const auto both = std::make_shared<Both>();
   both->store = store;
   const std::shared_ptr<Image> image(both, &both->image);
-  image->Create(shape, nullptr);
+  if (!image->Create(shape, nullptr)) throw std::runtime_error("no room for a test's image");
   for (int p = 0; p < planes; ++p) {
     image->SetLevel(p, 100 + 10 * p, 900 + 25 * p);
   }
