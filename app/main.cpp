@@ -38,6 +38,7 @@ int Run(int argc, char** argv, Tool& tool) {
     const int code = app.exit(error);
     return code == 0 ? kDone : kBadUsage;
   }
+  if (tool.exitCode == kDone) Tool::CheckComputed("korimg");  // nothing was saved that could have said it
   return tool.exitCode;
 }
 

@@ -68,9 +68,11 @@ class ImageSaver {
              const files::Header& header, const SaveOptions& options = {});
   /// Writes the next rows; planes[p] holds rows x width floats.
   void Write(int rows, const float* const* planes);
-  void Commit() { writer_->Commit(); }
+  /// Throws FileError when a pipeline has failed.
+  void Commit();
 
  private:
+  std::filesystem::path path_;
   Shape shape_;
   Levels levels_;
   bool byLevels_;
@@ -89,12 +91,14 @@ class PictureSaver {
   PictureSaver(std::string& jpeg, const Shape& shape, const Levels& levels, int shrink);
   /// Takes the next rows; planes[p] holds rows x width floats.
   void Write(int rows, const float* const* planes);
-  void Commit() { writer_->Commit(); }
+  /// Throws FileError when a pipeline has failed.
+  void Commit();
 
  private:
   PictureSaver(const Shape& shape, const Levels& levels, int shrink);
   files::WriteOptions Format() const;
 
+  std::filesystem::path path_;
   Shape shape_, picture_;
   Levels levels_;
   int shrink_, rowsOfPixel_;

@@ -74,8 +74,10 @@ void Tool::ForEachFile(const std::vector<std::filesystem::path>& files,
                        const std::function<void(const std::filesystem::path&)>& work) {
   for (const std::filesystem::path& file : files) {
     console.CheckCancelled();
+    const long long failures = PipelineFailures();
     try {
       work(file);
+      if (PipelineFailures() != failures) CheckComputed(file);
     } catch (const Cancelled&) {
       throw;
     } catch (const UsageError&) {
@@ -93,6 +95,14 @@ void Tool::ForEachFile(const std::vector<std::filesystem::path>& files,
 void Tool::CheckOutput(const std::filesystem::path& path) const {
   if (options.overwrite || !std::filesystem::exists(path)) return;
   throw files::FileError(path, "exists already; choose another name or use --overwrite");
+}
+
+void Tool::CheckComputed(const std::filesystem::path& path) {
+  if (PipelineFailures() == 0) return;
+  throw files::FileError(
+      path,
+      "part of the computation failed, most likely for want of memory, and its result is not "
+      "kept; lower --memory or --threads and run it again (--verbose tells what failed)");
 }
 
 }  // namespace korimg::tool

@@ -62,6 +62,9 @@ class Tool {
 
   /// Refuses an output that exists already, unless --overwrite was given.
   void CheckOutput(const std::filesystem::path& path) const;
+
+  /// Refuses to keep what may be wrong: once a pipeline has failed, nothing more is saved. Throws FileError.
+  static void CheckComputed(const std::filesystem::path& path);
 };
 
 }  // namespace korimg::tool

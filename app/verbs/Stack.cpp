@@ -175,8 +175,10 @@ class StackRun {
     try {
       if (journal.Rows() < shape_.height) {
         Measure();
-        Stack(tool_, inputs_, sources_.Reference(), stack_, journal.Rows(),
-              [&](const StackBand& band) { journal.Add(band); });
+        Stack(tool_, inputs_, sources_.Reference(), stack_, journal.Rows(), [&](const StackBand& band) {
+          Tool::CheckComputed(options_.output);
+          journal.Add(band);
+        });
       }
       Save(journal);
     } catch (const Cancelled&) {

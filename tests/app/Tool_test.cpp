@@ -306,6 +306,19 @@ TEST_F(ToolTest, AFullDiskNamesTheFileAndLeavesNothing) {
   }
 }
 
+TEST_F(ToolTest, NothingIsSavedOnceAPipelineHasFailed) {
+  if (kSanitized) GTEST_SKIP() << "sanitizers have allocators of their own";
+  Save("a.fits", 900, 700, 1, test::Random(100, 900));
+  const std::string noRoom = "LD_PRELOAD='" KORIMG_NO_ROOM "' KORIMG_ROOM=8000 ";
+  ASSERT_EQ(Shell("korimg apply gaussian sigma=5 a.fits -o whole.fits").code, 0);
+  for (const char* more : {"", "--rect 100,100,300,300"}) {
+    const Result failed = Shell(noRoom + "korimg apply gaussian sigma=5 a.fits -o b.fits " + more);
+    EXPECT_EQ(failed.code, 1);
+    EXPECT_NE(failed.err.find("b.fits: part of the computation failed"), std::string::npos) << failed.err;
+    EXPECT_FALSE(std::filesystem::exists(In("b.fits")) || std::filesystem::exists(In("b.fits.part")));
+  }
+}
+
 TEST_F(ToolTest, TheDocumentationIsThatOfTheTable) {
   EXPECT_EQ(ReadBytes(KORIMG_DOCS "/operations.md"), Shell("korimg ops --markdown").out)
       << "write it anew: korimg ops --markdown > docs/operations.md";
