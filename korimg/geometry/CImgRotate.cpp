@@ -5,6 +5,8 @@
 #include <cstring>
 #include <tuple>
 
+#include <xmmintrin.h>
+
 #include "korimg/geometry/CInterp.h"
 #include "korimg/geometry/LockedLine.h"
 #include "korimg/geometry/Resized.h"
@@ -48,6 +50,19 @@ class CentreScope {
   CVelImage& image_;
   CfPoint before_;
 };
+
+constexpr int kSide = 4;
+
+/// Writes four pixels of four lines as four pixels of each of four others.
+void Transpose(float const* const in[kSide], int at, float* out0, float* out1, float* out2, float* out3) {
+  __m128 a = _mm_loadu_ps(in[0] + at), b = _mm_loadu_ps(in[1] + at), c = _mm_loadu_ps(in[2] + at),
+         d = _mm_loadu_ps(in[3] + at);
+  _MM_TRANSPOSE4_PS(a, b, c, d);
+  _mm_store_ps(out0, a);
+  _mm_store_ps(out1, b);
+  _mm_store_ps(out2, c);
+  _mm_store_ps(out3, d);
+}
 
 /// Calls line(plane, y) for all lines of a target that fits the source.
 template <class F>
@@ -133,22 +148,33 @@ int CImgRotate::Do90(int direction, CVelImage* src, int progress) {
   if (!Fits(*src, *this) || !Resized(*this, *src, src->GetHeight(), src->GetWidth(), progress)) return 0;
   const int width = GetWidth(), height = GetHeight();
   const ProgressScope scope(*this, progress, kRotating, GetPlanes() * height);
-  // Tiles through a buffer of their size, so that no more than a line of either image is in use at a time.
-  constexpr int kTile = 64;
+  // Tiles through a buffer of their size, so that no more than a few lines of either image are in use at a
+  // time. Their rows are runs that memory takes well.
+  constexpr int kTileRows = 32, kTileColumns = 256;
   for (int p = 0; p < GetPlanes(); ++p) {
     SetLevel(p, src->GetLevelMin(p), src->GetLevelMax(p));
-    ForLines(Team::All, 0, (height + kTile - 1) / kTile, [&](int band) {
-      const int top = band * kTile, rows = std::min(kTile, height - top);
+    ForLines(Team::All, 0, (height + kTileRows - 1) / kTileRows, [&](int band) {
+      const int top = band * kTileRows, rows = std::min(kTileRows, height - top);
       // Target rows are source columns, from the right end on in a counter-clockwise turn.
       const int sourceLeft = direction == 0 ? height - top - rows : top;
-      for (int left = 0; left < width; left += kTile) {
-        const int columns = std::min(kTile, width - left);
-        float tile[kTile][kTile];
-        for (int x = 0; x < columns; ++x) {
-          const int sourceY = direction == 0 ? left + x : width - 1 - left - x;
-          float const* in = src->GetLine(sourceLeft, sourceY, p);
-          for (int y = 0; y < rows; ++y) {
-            tile[y][x] = in[direction == 0 ? rows - 1 - y : y];
+      alignas(16) float tile[kTileRows][kTileColumns];
+      for (int left = 0; left < width; left += kTileColumns) {
+        const int columns = std::min(kTileColumns, width - left);
+        for (int x = 0; x < columns; x += kSide) {
+          float const* in[kSide];
+          for (int i = 0; i < kSide; ++i) {
+            const int column = left + std::min(x + i, columns - 1);
+            in[i] = src->GetLine(sourceLeft, direction == 0 ? column : width - 1 - column, p);
+          }
+          const auto out = [&](int y) { return &tile[direction == 0 ? rows - 1 - y : y][x]; };
+          int y = 0;
+          for (; y + kSide <= rows; y += kSide) {
+            Transpose(in, y, out(y), out(y + 1), out(y + 2), out(y + 3));
+          }
+          for (; y < rows; ++y) {
+            for (int i = 0; i < kSide; ++i) {
+              out(y)[i] = in[i][y];
+            }
           }
         }
         for (int y = 0; y < rows; ++y) {
