@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <memory>
 #include <new>
 #include <span>
@@ -11,6 +12,7 @@
 #include "korimg/filters/Edges.h"
 #include "korimg/filters/Ranks.h"
 #include "korimg/image/Numbers.h"
+#include "korimg/platform/Debug.h"
 #include "korimg/platform/StringTable.h"
 
 using namespace korimg;
@@ -317,28 +319,34 @@ CVelImage* CImgFilter::MakeDDWork(int margin, int show) {
 CVelImage* CImgFilter::MakeWork(int margin, int sources, int planes, int show, int message) {
   constexpr int kDefault = 2;
   const int r = margin ? margin : kDefault;
-  const int width = GetWidth() + 2 * r, height = GetHeight() + 2 * r;
-  std::unique_ptr<CVelImage> work;
+  const auto manager = IsEmpty() ? nullptr : VmManager();
+  const long long longest = std::max(GetWidth(), GetHeight()) + 2LL * r;
+  if (!manager || r < 0 || longest > std::numeric_limits<int>::max()) return nullptr;
   try {
-    const auto manager = IsEmpty() ? nullptr : VmManager();
-    if (!manager) return nullptr;
-    work = std::make_unique<CVelImage>(manager, Float, width, height, planes, 1.0, 0.0, 1,
-                                       GetProgressHandle(), LoadString(6169).c_str());
-  } catch (velora::CVmMemoryAllocationError const&) {
-    return nullptr;
-  } catch (std::bad_alloc const&) {
-    return nullptr;
+    auto work = std::make_unique<CVelImage>(manager, Float, GetWidth() + 2 * r, GetHeight() + 2 * r, planes,
+                                            1.0, 0.0, 1, GetProgressHandle(), LoadString(6169).c_str());
+    FillWork(*work, r, sources, show, message);
+    return work.release();
+  } catch (velora::CVeloraImageException const& error) {
+    DebugLine(error.what());
+  } catch (std::bad_alloc const& error) {
+    DebugLine(error.what());
   }
+  return nullptr;
+}
+
+void CImgFilter::FillWork(CVelImage& work, int r, int sources, int show, int message) {
+  const int width = work.GetWidth(), height = work.GetHeight(), planes = work.GetPlanes();
   const bool brightness = planes > sources;
   const ProgressScope progress(*this, show, message, height * (2 * sources + brightness));
   for (int p = 0; p < planes; ++p) {
     const int levels = p < sources ? p : 0;
-    work->SetLevel(p, GetLevelMin(levels), GetLevelMax(levels));
+    work.SetLevel(p, GetLevelMin(levels), GetLevelMax(levels));
   }
   for (int p = 0; p < sources; ++p) {
     ForLines(Team::All, 0, height, [&](int y) {
       float const* in = GetLine(0, RowBelowRepeated(y - r, GetHeight()), p);
-      float* out = work->GetWritableLine(0, y, p);
+      float* out = work.GetWritableLine(0, y, p);
       std::copy_n(in, GetWidth(), out + r);
       for (int x = 0; x < r; ++x) {
         out[x] = in[RowBelowRepeated(x - r, GetWidth())];
@@ -350,9 +358,8 @@ CVelImage* CImgFilter::MakeWork(int margin, int sources, int planes, int show, i
   if (brightness) {
     const double min = GetLevelMin(0), range = GetLevelRange(0);
     ForLines(Team::All, 0, height, [&](int y) {
-      float const *red = work->GetLine(0, y, 0), *green = work->GetLine(0, y, 1),
-                  *blue = work->GetLine(0, y, 2);
-      float* out = work->GetWritableLine(0, y, 3);
+      float const *red = work.GetLine(0, y, 0), *green = work.GetLine(0, y, 1), *blue = work.GetLine(0, y, 2);
+      float* out = work.GetWritableLine(0, y, 3);
       const auto scaled = [&](float v) { return (v - min) / range * 255.0; };
       for (int x = 0; x < width; ++x) {
         auto sum = static_cast<float>(scaled(red[x]));
@@ -363,5 +370,4 @@ CVelImage* CImgFilter::MakeWork(int margin, int sources, int planes, int show, i
       ShowProgress(1);
     });
   }
-  return work.release();
 }

@@ -68,6 +68,7 @@ class KORIMG_API CImgFilter : public CVelImage {
 
  private:
   CVelImage* MakeWork(int margin, int sources, int planes, int show, int message);
+  void FillWork(CVelImage& work, int r, int sources, int show, int message);
   void RankFilter(int mode, std::optional<int> rank, int message, CVelImage* src, CRect* rect, int show);
   void SharpenPlanes(double strength, int mode, double weight, double threshold, CVelImage* src, int first,
                      int end, CRect* rect, int show);
