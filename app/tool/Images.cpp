@@ -148,7 +148,14 @@ void ReadHeader(const files::ImageInfo& info, CHeader& camera) {
   const files::Header& header = info.header;
   auto exposure = header.GetDouble("EXPTIME");
   if (!exposure) exposure = header.GetDouble("EXPOSURE");
-  if (exposure) camera.SetExposureTime(*exposure);
+  if (exposure) {
+    camera.SetExposureTime(*exposure);
+    // A camera's way of telling a short exposure, where it is true.
+    const double parts = 1 / *exposure;
+    if (info.camera && parts > 2 && std::abs(parts - std::round(parts)) < 1e-3 * parts) {
+      camera.SetExposureShutterSpeed(Widen(fmt::format("1/{:.0f}", parts)));
+    }
+  }
   if (const auto temperature = header.GetDouble("CCD-TEMP")) camera.SetCoolingTemperature(*temperature);
   const auto detector = header.GetString("INSTRUME");
   if (detector) camera.SetDetector(Widen(*detector));

@@ -1,8 +1,6 @@
 #include "korimg/image/CHeader.h"
 
 #include <algorithm>
-#include <cmath>
-#include <cwchar>
 
 void CHeader::GetWBShootingGainBayer(double* gains) const {
   std::copy(gainBayer_.begin(), gainBayer_.end(), gains);
@@ -27,15 +25,8 @@ int CHeader::GetExposureTime(double* seconds) const {
 }
 
 int CHeader::GetExposureShutterSpeed(CString& text) const {
-  if (!exposureTime_) return 0;
-  wchar_t buffer[64];
-  const double t = *exposureTime_;
-  if (t > 0 && t < 0.5) {
-    std::swprintf(buffer, std::size(buffer), L"1/%.0f", 1 / t);
-  } else {
-    std::swprintf(buffer, std::size(buffer), L"%g", t);
-  }
-  text = buffer;
+  if (shutterSpeed_.IsEmpty()) return 0;
+  text = shutterSpeed_;
   return 1;
 }
 

@@ -41,8 +41,9 @@ class KORIMG_API CHeader {
   /// The getters below answer non-zero when the value is present, and leave the argument alone otherwise.
   int GetExposureTime(double* seconds) const;
   void SetExposureTime(double seconds) { exposureTime_ = seconds; }
-  /// The exposure as text: "1/250" below half a second, else seconds as in "300".
+  /// The exposure as the file has it in words, as in "1/250".
   int GetExposureShutterSpeed(CString& text) const;
+  void SetExposureShutterSpeed(const CString& text) { shutterSpeed_ = text; }
   int GetDetector(CString& name) const;
   void SetDetector(const CString& name) { detector_ = name; }
   int GetCoolingTemperature(double* celsius) const;
@@ -58,6 +59,7 @@ class KORIMG_API CHeader {
   std::array<double, 8> gainHoneyComb_{};
   int cfaPattern_ = 0;
   std::optional<double> exposureTime_;
+  CString shutterSpeed_;
   CString detector_;
   std::optional<double> coolingTemperature_;
 };

@@ -1,10 +1,13 @@
 #include "korimg/platform/CRegistry.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <string_view>
 #include <utility>
 
 #include "korimg/platform/Debug.h"
@@ -62,14 +65,16 @@ std::shared_ptr<const SettingsProvider> Provider() {
   return g_provider;
 }
 
-template <class T, class Parse>
-bool ReadNumber(const wchar_t* section, const wchar_t* key, T defaultValue, T* value, Parse parse) {
+/// The number that a text begins with, with a decimal point in every locale.
+template <class T>
+bool ReadNumber(const wchar_t* section, const wchar_t* key, T defaultValue, T* value) {
   *value = defaultValue;
   const std::optional<std::string> text = Provider()->Get(korimg::Narrow(section), korimg::Narrow(key));
   if (!text) return false;
-  char* end = nullptr;
-  const T parsed = parse(text->c_str(), &end);
-  if (end == text->c_str()) return false;
+  std::string_view number = *text;
+  number.remove_prefix(std::min(number.find_first_not_of(" \t+"), number.size()));
+  T parsed{};
+  if (std::from_chars(number.data(), number.data() + number.size(), parsed).ec != std::errc()) return false;
   *value = parsed;
   return true;
 }
@@ -77,14 +82,11 @@ bool ReadNumber(const wchar_t* section, const wchar_t* key, T defaultValue, T* v
 }  // namespace
 
 bool CRegistry::Read(const wchar_t* section, const wchar_t* key, int defaultValue, int* value) {
-  const auto parse = [](const char* text, char** end) {
-    return static_cast<int>(std::strtol(text, end, 10));
-  };
-  return ReadNumber(section, key, defaultValue, value, parse);
+  return ReadNumber(section, key, defaultValue, value);
 }
 
 bool CRegistry::Read(const wchar_t* section, const wchar_t* key, double defaultValue, double* value) {
-  return ReadNumber(section, key, defaultValue, value, std::strtod);
+  return ReadNumber(section, key, defaultValue, value);
 }
 
 void CRegistry::SetProvider(std::shared_ptr<const SettingsProvider> provider) {

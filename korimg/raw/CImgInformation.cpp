@@ -1,6 +1,7 @@
 #include "korimg/raw/CImgInformation.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <limits>
 #include <string>
@@ -271,9 +272,13 @@ bool Hits(std::wstring_view models, std::wstring const& model) {
 void FormatKnown(bool present, double number, int format, CString& text) {
   constexpr double kUnknown = -9999.99;
   if (!present || !(std::abs(number - kUnknown) > std::numeric_limits<double>::epsilon())) return;
-  wchar_t buffer[400];
-  std::swprintf(buffer, std::size(buffer), LoadString(format).c_str(), number);
-  text = buffer;
+  // "%.2f" of the text is the number; a point is a point in every locale.
+  std::wstring const& pattern = LoadString(format);
+  const size_t at = pattern.find(L"%.");
+  char digits[400];
+  const auto [end, error] = std::to_chars(std::begin(digits), std::end(digits), number,
+                                          std::chars_format::fixed, pattern[at + 2] - L'0');
+  text = (pattern.substr(0, at) + std::wstring(digits, end) + pattern.substr(at + 4)).c_str();
 }
 
 }  // namespace
@@ -326,8 +331,7 @@ void CImgInformation::GetInfoString(CString& instrument, CString& exposure, CStr
     instrument = header.GetCameraModel();
     exposure.Empty();
     temperature.Empty();
-    FormatKnown(hasExposure, seconds, kSeconds, exposure);
-    if (!exposure.IsEmpty()) header.GetExposureShutterSpeed(exposure);
+    if (!header.GetExposureShutterSpeed(exposure)) FormatKnown(hasExposure, seconds, kSeconds, exposure);
     return;
   }
   instrument.Empty();

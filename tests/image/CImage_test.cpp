@@ -186,6 +186,7 @@ TEST(CImage, CopiesBringTheWholeRecord) {
   src->SetBayerImage(true);
   src->GetHeader()->SetCameraModel(L"camera");
   src->GetHeader()->SetExposureTime(0.004);
+  src->GetHeader()->SetExposureShutterSpeed(L"1/250");
   src->GetHistogramCullXRef() = {1};
   const auto check = [](CImage& image) {
     EXPECT_TRUE(image.HasOwnLevel() && image.IsBayerImage() && !image.IsCcd());

@@ -1,3 +1,4 @@
+#include <clocale>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +14,7 @@
 #include "korimg/platform/Debug.h"
 #include "korimg/platform/Messages.h"
 #include "korimg/platform/StringTable.h"
+#include "korimg/raw/CImgInformation.h"
 
 using namespace korimg;
 
@@ -85,6 +87,34 @@ TEST(Registry, ReadsNumbersOrTheDefault) {
   EXPECT_TRUE(CRegistry::Read(L"Dialog\\AutoStretch", L"FilterR", 0.0, &d));
   EXPECT_EQ(d, 1.5);
   std::filesystem::remove_all(folder);
+}
+
+TEST(Registry, APointIsAPointInEveryLocale) {
+  const auto folder = std::filesystem::temp_directory_path() / "korimg locale";
+  std::filesystem::create_directories(folder);
+  const std::string compile =
+      "localedef -i de_DE -f UTF-8 '" + (folder / "de_DE.UTF-8").string() + "' > /dev/null 2>&1";
+  const int made = std::system(compile.c_str());
+  setenv("LOCPATH", folder.c_str(), 1);
+  const bool known =
+      made == 0 && std::setlocale(LC_ALL, "de_DE.UTF-8") && *std::localeconv()->decimal_point == ',';
+  CImgInformation image;
+  image.GetHeader()->SetExposureTime(2.5);
+  const auto provider = std::make_shared<MapProvider>();
+  provider->values = {{"Eval/Min", " +0.25 s"}};
+  CRegistry::SetProvider(provider);
+  double d = 0;
+  const bool read = CRegistry::Read(L"Eval", L"Min", 5.0, &d);
+  CString instrument, exposure, temperature;
+  image.GetInfoString(instrument, exposure, temperature);
+  CRegistry::SetProvider(nullptr);
+  std::setlocale(LC_ALL, "C");
+  unsetenv("LOCPATH");
+  std::filesystem::remove_all(folder);
+  if (!known) GTEST_SKIP() << "needs the package of locales";
+  EXPECT_TRUE(read);
+  EXPECT_EQ(d, 0.25);
+  EXPECT_EQ(exposure, L"2.50秒");
 }
 
 TEST(Messages, EachThreadHasItsOwnQueue) {

@@ -138,6 +138,8 @@ TEST(CImgInformation, TextsOfCamerasAndOfCcds) {
     frame->GetHeader()->SetExposureTime(0.004);
     frame->GetHeader()->SetCoolingTemperature(-20.25);
   }
+  EXPECT_EQ(texts(*camera), "EOS R5|0.00秒|") << "without the file's own text";
+  camera->GetHeader()->SetExposureShutterSpeed(L"1/250");
   EXPECT_EQ(texts(*camera), "EOS R5|1/250|");
   EXPECT_EQ(texts(*ccd), "KAF-8300|0.00秒|-20.2度");
 }
