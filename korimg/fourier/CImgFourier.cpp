@@ -141,6 +141,7 @@ int CImgFourier::CalcShiftByPOC(CVelImage* other, CVelImage* surface, double blu
     fft.PeakOfPOC(&x, &y, dx, dy, peak);
   }
   GetImage(surface, nullptr, 0, fft, 0);
+  ShowProgressRest();
   return 1;
 }
 
@@ -193,6 +194,7 @@ int CImgFourier::CalcRotByRIPOC(CVelImage* other, CVelImage* polarA, CVelImage* 
   double dx = 0, dy = 0, peak = 0;
   fft.PeakOfPOC(&x, &y, dx, dy, peak);
   degrees = dx * 180.0 / outWidth;
+  ShowProgressRest();
   return 1;
 }
 
@@ -216,6 +218,7 @@ int CImgFourier::CalcRotByRIPOC_1D(CVelImage* other, CVelImage* polarA, CVelImag
   fft.PeakOfPOC1D(dx);
   GetImage(polarB, nullptr, 0, fft, 0);
   degrees = dx * 180.0 / outWidth;
+  ShowProgressRest();
   return 1;
 }
 

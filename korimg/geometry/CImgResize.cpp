@@ -29,7 +29,8 @@ int CImgResize::Do(int width, int height, int anchor, float* const fill, CVelIma
   if (!Resized(*this, *src, width, height, progress)) return 0;
   if (anchor < 0 || anchor > 8) anchor = 0;
   const Overlap x(src->GetWidth(), width, anchor % 3), y(src->GetHeight(), height, anchor / 3);
-  for (int p = 0; p < GetPlanes(); ++p) {
+  velora::ScopedProgress steps(ResizeProgress(*this, progress), GetPlanes());
+  for (int p = 0; p < GetPlanes(); ++p, steps.Step(p - 1)) {
     const float value = ToRaw(fill[p], p);
     if (MayRunPipelines(*this, *src)) {
       paste_with_fill_float(PlaneBuffer(*src, p), value, x.begin, x.end, y.begin, y.end, x.source, y.source,

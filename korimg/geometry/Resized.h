@@ -6,14 +6,17 @@
 
 namespace korimg {
 
+/// Where a target shows that its size changes; nowhere unless `show` is set.
+inline std::shared_ptr<velora::Progress> ResizeProgress(CVelImage const& target, int show) {
+  if (!show) return nullptr;
+  return velora::ProgressWin::Create(target.GetProgressHandle(), LoadString(6111).c_str(), false);
+}
+
 /// Gives the target a new size; false when src cannot serve its planes, and when there is no room. The store
 /// tells its progress when `show` is set.
 inline bool Resized(CVelImage& target, CVelImage const& src, int width, int height, int show) {
   if (target.IsEmpty() || src.IsEmpty() || src.GetPlanes() < target.GetPlanes()) return false;
-  const auto progress =
-      show ? velora::ProgressWin::Create(target.GetProgressHandle(), LoadString(6111).c_str(), false)
-           : nullptr;
-  return target.ChangeSize(width, height, progress);
+  return target.ChangeSize(width, height, ResizeProgress(target, show));
 }
 
 }  // namespace korimg

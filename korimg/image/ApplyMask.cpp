@@ -51,22 +51,31 @@ void Blend(float* t, float const* o, float const* mask, int first, int last, Sha
   }
 }
 
+/// Calls line(plane, y) for the planes of each line of the window, and counts lines of all planes together.
+template <class F>
+void ForMaskedLines(CVelImage& image, Window const& window, Team team, F&& line) {
+  ForLines(team, window.top, window.bottom, [&](int y) {
+    for (int p = 0; p < image.GetPlanes(); ++p) {
+      line(p, y);
+    }
+    image.ShowProgress(1);
+  });
+}
+
 void BlendLines(CVelImage& image, CVelImage& other, CVelImage& mask, Window const& window, bool reverse,
                 Team team) {
   const Share share(mask);
-  for (int p = 0; p < image.GetPlanes(); ++p) {
-    ForLines(team, window.top, window.bottom, [&](int y) {
-      Blend(image.GetWritableLine(0, y, p), other.GetLine(0, y, PlaneFor(other, p)), mask.GetLine(0, y, 0),
-            window.left, window.right, share, reverse);
-    });
-  }
+  ForMaskedLines(image, window, team, [&](int p, int y) {
+    Blend(image.GetWritableLine(0, y, p), other.GetLine(0, y, PlaneFor(other, p)), mask.GetLine(0, y, 0),
+          window.left, window.right, share, reverse);
+  });
 }
 
 /// Brings the other's pixels back to where nothing is selected, and blends the rest if there is a mask.
 void Select(CVelImage& image, CVelImage& other, CImageSelection const& selection, CVelImage* mask,
             bool reverse, Window const& window, Team team) {
   const Share share(mask ? *mask : image);
-  ForPlaneLines(image, window, team, [&](int p, int y) {
+  ForMaskedLines(image, window, team, [&](int p, int y) {
     float* t = image.GetWritableLine(0, y, p);
     float const* o = other.GetLine(0, y, PlaneFor(other, p));
     auto [first, last] = selection.GetRange(y, image.GetWidth());

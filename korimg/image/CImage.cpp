@@ -158,9 +158,11 @@ bool CImage::AllocImage(std::shared_ptr<CVmManager> const& manager, ProgressPtr 
 bool CImage::ChangeSize(int width, int height, ProgressPtr const& progress) {
   if (!IsEmpty() && width == GetWidth() && height == GetHeight()) return true;
   return Try([&] {
+    velora::ScopedProgress steps(progress, 1);
     vmImage_ = NewStore(VmManager(), width, height, GetPlanes(), bits_, progress);
     axes_[0] = width;
     axes_[1] = height;
+    steps.Step(0);
   });
 }
 

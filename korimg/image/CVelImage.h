@@ -226,6 +226,8 @@ class KORIMG_API CVelImage : public CImage {
   void ShowProgressInit(int id);
   /// Counts n steps; 0 once Escape was pressed while the display is open. Any thread may call it.
   int ShowProgress(int n);
+  /// Counts what is left of the total, for operations whose steps are estimates.
+  void ShowProgressRest();
   void ShowProgressMsg(wchar_t const* text);
   void ShowProgressMsg(int id);
   void ShowProgressSetHeader(wchar_t const* text);

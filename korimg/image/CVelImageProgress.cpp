@@ -54,6 +54,11 @@ int CVelImage::ShowProgress(int n) {
   return ShowProgressContinue();
 }
 
+void CVelImage::ShowProgressRest() {
+  const int count = progressCount_.load(std::memory_order_relaxed);
+  if (!progressPulse_ && progressTotal_ > count) ShowProgress(progressTotal_ - count);
+}
+
 bool CVelImage::ShowProgressContinue() {
   return korimg::ContinueAfterMessages();
 }

@@ -1,0 +1,243 @@
+// What operations show while they run: their text, and steps that add up to their total.
+#include <gtest/gtest.h>
+
+#include "korimg/calibration/CImgDark.h"
+#include "korimg/composite/CImgComposit.h"
+#include "korimg/filters/CImgFilter.h"
+#include "korimg/filters/CImgFilterBlur.h"
+#include "korimg/filters/CImgFilterMisc.h"
+#include "korimg/fourier/CImgFourier.h"
+#include "korimg/geometry/CImgCrop.h"
+#include "korimg/geometry/CImgExpansion.h"
+#include "korimg/geometry/CImgFlip.h"
+#include "korimg/geometry/CImgMosaic.h"
+#include "korimg/geometry/CImgResize.h"
+#include "korimg/geometry/CImgResolution.h"
+#include "korimg/geometry/CImgRotate.h"
+#include "korimg/geometry/CImgScroll.h"
+#include "korimg/geometry/CImgSoftBinning.h"
+#include "korimg/image/CImageMask.h"
+#include "korimg/image/CImageSelection.h"
+#include "korimg/image/CImgBright.h"
+#include "korimg/image/CImgCalculation.h"
+#include "korimg/image/CImgCutOff.h"
+#include "korimg/image/CImgInvert.h"
+#include "korimg/image/Progress.h"
+#include "korimg/levels/CImgToneCurve.h"
+#include "korimg/platform/StringTable.h"
+#include "korimg/raw/CImgBayerToRgb.h"
+#include "korimg/stacking/CImgNormalize.h"
+
+#include "tests/support/Images.h"
+
+using namespace korimg;
+using namespace korimg::test;
+
+namespace {
+
+constexpr int kWidth = 71, kHeight = 67, kLines = 3 * kHeight;
+
+/// A window that notes the texts opened and closed, and the percentages.
+struct Display {
+  std::vector<std::wstring> opened;
+  int closed = 0;
+  std::vector<int> steps;
+  HWND window = CreateMessageWindow([this](unsigned message, std::uintptr_t first, std::intptr_t second) {
+    if (message != kProgressMessage) return 0;
+    if (first == 0) opened.emplace_back(second ? reinterpret_cast<wchar_t const*>(second) : L"");
+    if (first == 1) steps.push_back(static_cast<int>(second));
+    if (first == 2) ++closed;
+    return 0;
+  });
+  ~Display() { DestroyMessageWindow(window); }
+};
+
+struct Stage {
+  std::shared_ptr<CVmManager> store;
+  HWND window;
+  std::shared_ptr<CVelImage> src = Make(store, kWidth, kHeight, 3, Random(100, 900));
+  std::vector<std::shared_ptr<CVelImage>> kept = {};
+
+  template <class Image>
+  Image& Target(int planes = 3) {
+    const auto image = Make<Image>(store, kWidth, kHeight, planes, Random(100, 900));
+    image->SetProgressHandle(window);
+    kept.push_back(image);
+    return *image;
+  }
+};
+
+/// What is shown on contiguous stores.
+enum Planes { Silent, Opens, Steps };
+
+struct Operation {
+  const char* name;
+  int text;
+  int total;      ///< on lines, in steps of one; -1: in steps of several, which end near all
+  Planes planes;  ///< there are no steps where pipelines run
+  std::function<void(Stage&)> run;
+};
+
+const std::vector<Operation>& Operations() {
+  static double ones[3] = {1, 1, 1}, twos[3] = {2, 2, 2};
+  static int zeros[3] = {0, 0, 0};
+  static float floats[3] = {10, 10, 10};
+  static float line[2] = {0, 1};
+  static float* curves[4] = {line, line, line, line};
+  static const std::vector<Operation> all = {
+      {"invert", 6124, kLines, Opens, [](Stage& s) { s.Target<CImgInvert>().Do(s.src.get(), nullptr, 1); }},
+      {"bright", 6115, kLines, Opens,
+       [](Stage& s) { s.Target<CImgBright>().Do(floats, floats, 100, s.src.get(), nullptr, 1); }},
+      {"calculation", 6109, kLines, Opens,
+       [](Stage& s) { s.Target<CImgCalculation>().Do(5, 0, 0, s.src.get(), nullptr, 1); }},
+      {"cut-off", 6198, kLines, Steps,
+       [](Stage& s) { s.Target<CImgCutOff>().Do(s.src.get(), 0, 1, nullptr, 1); }},
+      {"tone curve", 6114, kLines, Opens,
+       [](Stage& s) { s.Target<CImgToneCurve>().Do(curves, 2, s.src.get(), nullptr, 1, 0); }},
+      {"h-alpha", 6194, kLines, Opens,
+       [](Stage& s) { s.Target<CImgToneCurve>().DoHAlpha(0.5, 0.5, s.src.get(), nullptr, 1); }},
+      {"dark", 6106, kLines, Opens, [](Stage& s) { s.Target<CVelImage>().DarkClbrtn(s.src.get(), 1); }},
+      {"flat with gamma", 6105, kLines, Silent,
+       [](Stage& s) {
+         s.src->CalcMinMax();
+         s.Target<CVelImage>().FlatClbrtn(s.src.get(), 0, 1.5, 1);
+       }},
+      {"flat", 6105, kLines, Silent,
+       [](Stage& s) { s.Target<CVelImage>().FlatClbrtn(s.src.get(), nullptr, 1); }},
+      {"dark and flat", 6195, kLines, Steps,
+       [](Stage& s) {
+         s.Target<CVelImage>().DarkFlat(s.src.get(), s.src.get(), nullptr, nullptr, nullptr, nullptr, 0, 0,
+                                        nullptr, 1);
+       }},
+      {"dark between two", 6183, kLines, Steps,
+       [](Stage& s) { s.Target<CImgDark>().DoInterpolateByScore(s.src.get(), 1.5, 1, 2, 1); }},
+      {"normalise", 6197, -1, Steps,
+       [](Stage& s) { s.Target<CImgNormalize>().Do(s.src.get(), floats, floats, 1); }},
+      {"gaussian", 6131, kLines, Opens,
+       [](Stage& s) { s.Target<CImgFilterBlur>().GaussianFilter(ones, s.src.get(), nullptr, 1); }},
+      {"mean", 6119, kLines, Steps,
+       [](Stage& s) { s.Target<CImgFilterBlur>().MeanFilter(twos, ones, s.src.get(), nullptr, 1); }},
+      {"mean without edges", 6119, kLines, Steps,
+       [](Stage& s) { s.Target<CImgFilterBlur>().MeanWithoutEdgeFilter(twos, ones, s.src.get(), nullptr, 1); }},
+      {"median", 6120, -1, Steps,
+       [](Stage& s) { s.Target<CImgFilterBlur>().MedianFilter(twos, s.src.get(), nullptr, 1); }},
+      {"minimum", 6153, -1, Opens,
+       [](Stage& s) { s.Target<CImgFilterMisc>().MinMaxFilter(twos, zeros, s.src.get(), nullptr, 1); }},
+      {"edges", 6143, kLines, Steps,
+       [](Stage& s) { s.Target<CImgFilter>().LaplacianFilter(0, s.src.get(), nullptr, 1); }},
+      {"median of neighbours", 6120, -1, Steps,
+       [](Stage& s) { s.Target<CImgFilter>().MedianFilter(0, s.src.get(), nullptr, 1); }},
+      {"rank of neighbours", 6153, -1, Steps,
+       [](Stage& s) { s.Target<CImgFilter>().MinMaxFilter(0, 1, s.src.get(), nullptr, 1); }},
+      {"work image", 6126, -1, Steps,
+       [](Stage& s) { std::unique_ptr<CVelImage>(s.Target<CImgFilter>().MakeFilterWork(2, 1)); }},
+      {"work image with brightness", 6125, -1, Steps,
+       [](Stage& s) { std::unique_ptr<CVelImage>(s.Target<CImgFilter>().MakeDDWork(2, 1)); }},
+      {"flip rows", 6127, kLines, Steps, [](Stage& s) { s.Target<CImgFlip>().Do(0, s.src.get(), 1); }},
+      {"flip columns", 6128, kLines, Steps, [](Stage& s) { s.Target<CImgFlip>().Do(1, s.src.get(), 1); }},
+      {"scroll", 6146, kLines, Steps, [](Stage& s) { s.Target<CImgScroll>().Do(5, 1, s.src.get(), 1); }},
+      {"crop", 6172, 3 * 40, Silent,
+       [](Stage& s) { s.Target<CImgCrop>().Do(CRect(3, 4, 60, 44), s.src.get(), 1); }},
+      {"binning", 6132, 3 * 33, Silent,
+       [](Stage& s) { s.Target<CImgSoftBinning>().Do(3, 2, 0, 0, s.src.get(), 1); }},
+      {"resolution", 6110, 3 * 90, Opens,
+       [](Stage& s) { s.Target<CImgResolution>().Do(s.src.get(), 80, 90, 1); }},
+      {"turn", 6112, kLines, Opens,
+       [](Stage& s) { s.Target<CImgRotate>().Do(10, 0, s.src.get(), 0, 0, 1); }},
+      {"no turn", 6112, kLines, Steps, [](Stage& s) { s.Target<CImgRotate>().Do0(s.src.get(), 1); }},
+      {"half turn", 6112, kLines, Steps, [](Stage& s) { s.Target<CImgRotate>().Do180(s.src.get(), 1); }},
+      {"quarter turn", 6112, -1, Steps, [](Stage& s) { s.Target<CImgRotate>().Do90(0, s.src.get(), 1); }},
+      {"canvas", 6111, -1, Steps,
+       [](Stage& s) { s.Target<CImgResize>().Do(90, 80, 4, floats, s.src.get(), 1); }},
+      {"mosaic", 6135, kHeight, Steps,
+       [](Stage& s) {
+         s.Target<CImgMosaic>().Do(s.src.get(), 0, 0, s.src.get(), 3.5, 2, 5, 0, floats, floats, 0, 0, nullptr, 1);
+       }},
+      {"expansion", 6140, kLines, Steps,
+       [](Stage& s) { s.Target<CImgExpansion>().Do(s.src.get(), 35, 33, 20, 0, 0, 0, 0, nullptr, 1); }},
+      {"composite", 6107, kHeight, Silent,
+       [](Stage& s) {
+         s.Target<CImgComposit>().Do(s.src.get(), s.src.get(), 1.5, 2, 0, 0, 0, 0, 0.5, 0, 0, 0.9, 0, nullptr, 1, -1);
+       }},
+      {"composite of neighbours", 6188, kLines, Steps,
+       [](Stage& s) {
+         s.Target<CImgComposit>().Do(s.src.get(), s.src.get(), 1.5, 2, 0, 0, 9, 0, 0.5, 0, 0, 0.9, 1, nullptr, 1, 6188);
+       }},
+      {"selection", 6187, kHeight, Steps,
+       [](Stage& s) {
+         CImageSelection selection;
+         selection.SetHeight(kHeight);
+         for (int y = 0; y < kHeight; ++y) {
+           selection.SetInOut(y, 5, 20);
+         }
+         s.Target<CVelImage>().ApplyMask(nullptr, &selection, s.src.get(), nullptr, 1);
+       }},
+      {"mask", 6187, kHeight, Opens,
+       [](Stage& s) {
+         CImageMask mask(&s.Target<CVelImage>(1), 0, 1, 0, L"mask.fits", 0);
+         s.Target<CVelImage>().ApplyMask(nullptr, nullptr, s.src.get(), &mask, 1);
+       }},
+      {"shift by phase", 6150, -1, Steps,
+       [](Stage& s) {
+         double dx, dy, peak;
+         int w, h;
+         s.Target<CImgFourier>().CalcShiftByPOC(s.src.get(), nullptr, 0, nullptr, dx, dy, peak, w, h, 1);
+       }},
+      {"angle by phase", 6151, -1, Steps,
+       [](Stage& s) {
+         double degrees;
+         int w, h;
+         s.Target<CImgFourier>().CalcRotByRIPOC(s.src.get(), nullptr, nullptr, nullptr, degrees, w, h, 1);
+       }},
+      {"transform", 6190, -1, Steps,
+       [](Stage& s) {
+         s.Target<CImgFourier>().Do(0, 1, 0, nullptr, s.src.get(), nullptr, nullptr, 1);
+       }},
+      {"development", 6178, -1, Opens,
+       [](Stage& s) {
+         tagBayerStruct bayer;
+         bayer.nCFA = 1;
+         bayer.nSrcBits = bayer.nDstBits = -32;
+         s.Target<CImgBayerToRgb>(1).Do(bayer, 1);
+       }},
+  };
+  return all;
+}
+
+TEST(OperationProgress, TextsTotalsAndStepsThatReachThem) {
+  const WithThreads alone(1);
+  for (const auto& store : {MemoryStore(), TinyPool()}) {
+    const bool paged = store->GetAllocationPolicy() == CVmManager::Paged;
+    for (const Operation& operation : Operations()) {
+      Display display;
+      Stage stage{store, display.window};
+      operation.run(stage);
+      ContinueAfterMessages();
+      const std::string name = operation.name + std::string(paged ? " paged" : "");
+      const bool silent = !paged && operation.planes == Silent;
+      const auto& opened = display.opened;
+      EXPECT_EQ(std::count(opened.begin(), opened.end(), LoadString(operation.text)) == 0, silent) << name;
+      EXPECT_EQ(display.closed, static_cast<int>(opened.size())) << name;
+      std::vector<int> expected;
+      if (operation.total > 0) {
+        // An event each time that a fiftieth has passed.
+        for (int count = 1; count <= operation.total; count += std::max(operation.total / 50, 1)) {
+          expected.push_back(static_cast<int>(100.0 * count / operation.total));
+        }
+      }
+      if (!paged && operation.planes != Steps) {
+        EXPECT_LE(display.steps.size(), 1u) << name;  // that of a change of size
+      } else if (operation.total < 0) {
+        ASSERT_FALSE(display.steps.empty()) << name;
+        EXPECT_GE(display.steps.back(), 98) << name;
+      } else {
+        const size_t extra = display.steps.size() - std::min(display.steps.size(), expected.size());
+        EXPECT_LE(extra, 1u) << name;
+        display.steps.erase(display.steps.begin(), display.steps.begin() + static_cast<std::ptrdiff_t>(extra));
+        EXPECT_EQ(display.steps, expected) << name;
+      }
+    }
+  }
+}
+
+}  // namespace
