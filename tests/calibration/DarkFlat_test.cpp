@@ -194,6 +194,24 @@ TEST(DarkFlat, AnswersForWhatItWasGiven) {
   EXPECT_EQ(empty.DarkFlat(&empty, &empty, nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr, 0), 1);
 }
 
+TEST(DarkFlat, AConstantPlaneOfTheFlatEndsItsUse) {
+  for (const StoreCase& store : Stores()) {
+    const auto source = Make(store.make(), 33, 21, 3, Random(100, 900)),
+               target = Make(source->VmManager(), 33, 21, 3, Random(0, 1)),
+               flat = Make(source->VmManager(), 33, 21, 3,
+                           [](int p, int x, int y) { return p == 1 ? 9000 : kFlat(p, x, y); });
+    FlatStatistics s(*flat);
+    EXPECT_EQ(
+        target->DarkFlat(source.get(), nullptr, flat.get(), s.minima, s.maxima, s.averages, 0, 0, nullptr, 0),
+        -1);
+    const auto expected = [&](int p, int x, int y) {
+      const double pixel = source->GetPixelGrayRaw(x, y, p);
+      return p > 0 ? pixel : Divided(pixel, flat->GetPixelGrayRaw(x, y, 0), s.averages[0], 0);
+    };
+    EXPECT_EQ(Difference(*target, expected, 1e-6), "") << store.name;
+  }
+}
+
 TEST(DarkFlat, AFlatOfAConstantScaleUndoesVignetting) {
   const auto vignette = [](int x, int y) {
     const double r2 = (x - 35.0) * (x - 35.0) + (y - 66.0) * (y - 66.0);

@@ -407,6 +407,102 @@ TEST(CImgComposit, AShortExposureReplacesWhatIsSaturated) {
   }
 }
 
+TEST(CImgComposit, NeighboursFollowTheirRulesWithEverythingAltered) {
+  constexpr int kW = 60, kH = 44;
+  constexpr double kRatio = 1.7, kDx = 1.3, kDy = -2.6, kDegrees = 7;
+  const double s = std::sin(kDegrees * std::numbers::pi / 180), c = std::sqrt(1 - s * s);
+  int rules[10] = {};
+  for (const auto& store : {MemoryStore(), TinyPool()}) {
+    for (const int planesB : {1, 3}) {
+      for (const int level : {0, 1}) {
+        for (const auto& [radius, method] : {std::pair(0, 1), {1, 0}, {2, 1}, {7, 0}}) {
+          const auto a = Make(store, kW, kH, 3, Random(0, 1000)),
+                     b = Make(store, 55, 47, planesB, Random(0, 600, 5));
+          // Few pixels are saturated, so that all cases of neighbours occur.
+          const double threshold = radius == 1 ? 0.9 : 0.97;
+          for (int p = 0; p < 3; ++p) {
+            a->SetLevel(p, 10 * p, 990 + p);
+            if (p < planesB) b->SetLevel(p, 5 * p, 590 - p);
+          }
+          a->CalcMinMax(0), b->CalcMinMax(0);
+          b->SetStdCtr(20.5, 30.25);
+          CImgComposit target;
+          target.Create(*a, nullptr);
+          for (int p = 0; p < 3; ++p) {
+            target.SetLevel(p, 50 + p, 800 - 9 * p);
+          }
+          Paint(target, Random(0, 1000, 9));
+          const auto old = target.Clone(nullptr);
+          CRect rect(3, 0, 57, 40);
+          target.Do(a.get(), b.get(), kDx, kDy, kDegrees, 0, 9, method, kRatio, level, 1, threshold, radius,
+                    &rect, 0, -1);
+          const double limitA = level ? threshold * 255 : a->GetMaxPixel(0) * threshold;
+          const double limitB = level ? threshold * 255 : b->GetMaxPixel(0) * threshold;
+          const auto saturated = [&](double v, double limit) { return level ? v > limit : v >= limit; };
+          const auto expected = [&](int p, int x, int y) -> double {
+            const double kept = old->GetPixelGrayRaw(x, y, p), got = target.GetPixelGrayRaw(x, y, p);
+            if (x < 3 || x >= 57 || y >= 40) return kept;
+            const int q = std::min(p, planesB - 1), r = std::min(radius, 2);
+            const auto pixelA = [&](int i, int j) {
+              const double raw = a->GetPixelGrayRaw(i, j, p);
+              return level ? a->To256(raw, p) : raw;
+            };
+            const auto scaleB = [&](double raw) { return level ? b->To256(raw, q) : raw; };
+            const double X = x - 20.5 - kDx, Y = 30.25 - y + kDy;
+            const double u = c * X - s * Y + 20.5, v = 30.25 - (s * X + c * Y);
+            const double av = pixelA(x, y);
+            int rule = 2;
+            double result = av;
+            if (u >= 1 && u < b->GetWidth() - 1 && v >= 1 && v < b->GetHeight() - 1) {
+              const double bv = scaleB(Between(*b, q, method, u, v)), scaled = bv * kRatio;
+              double largestA = av, largestB = bv;
+              for (int j = -r; j <= r; ++j) {
+                for (int i = -r; i <= r; ++i) {
+                  if (x + i >= 0 && x + i < kW && y + j >= 0 && y + j < kH) {
+                    largestA = std::max(largestA, pixelA(x + i, y + j));
+                  }
+                  const int bx = std::clamp(static_cast<int>(u + i + 0.5), 0, b->GetWidth() - 1);
+                  const int by = std::clamp(static_cast<int>(v + j + 0.5), 0, b->GetHeight() - 1);
+                  largestB = std::max(largestB, scaleB(b->GetPixelGrayRaw(bx, by, q)));
+                }
+              }
+              const bool spotA = saturated(largestA, limitA), spotB = saturated(largestB, limitB);
+              if (radius == 0) {
+                rule = 3, result = std::min(scaled, av);
+              } else if (!spotA) {
+                rule = 6, result = std::min(spotB ? largestB * kRatio : scaled, av);
+              } else if (!spotB) {
+                rule = 7, result = std::min(scaled, largestA);
+              } else if (saturated(av, limitA) && saturated(bv, limitB)) {
+                rule = 8, result = std::min(scaled, av);
+              } else {
+                rule = 9;
+                double fromA = 0, fromB = 0;
+                for (const auto& [i, j] : {std::pair(1, 1), {0, 1}, {1, 0}}) {
+                  const int nx = std::max(x - i, 0), ny = std::max(y - j, 0);
+                  const bool done = nx >= 3 && (ny != y || nx != x);
+                  const double raw = (done ? target : *old).GetPixelGrayRaw(nx, ny, p);
+                  const double t = level ? target.To256(raw, p) : raw;
+                  fromA += std::abs(av - t), fromB += std::abs(scaled - t);
+                }
+                if (std::abs(fromA - fromB) < 1e-3) return got;  // rounding decides
+                result = fromB > fromA ? av : scaled;
+              }
+            }
+            ++rules[rule];
+            return level ? target.ToRaw(result, 0) : result;
+          };
+          ASSERT_EQ(Difference(target, expected, 2e-5), "")
+              << "radius " << radius << " level " << level << " planes " << planesB;
+        }
+      }
+    }
+  }
+  for (const int rule : {2, 3, 6, 7, 8, 9}) {
+    EXPECT_GT(rules[rule], 20) << rule;
+  }
+}
+
 TEST(CAlignment, Names) {
   EXPECT_EQ(CAlignment::GetEngString(0), L"RefPoint");
   EXPECT_EQ(CAlignment::GetEngString(3), L"Matching");

@@ -78,7 +78,7 @@ TEST(CImgDrawLine, ColoursComeByTheLevels) {
   const auto mono = Make<CImgDrawLine>(MemoryStore(), 3, 1, 1, Random(0, 1));
   mono->Do({0, 0}, {0, 0}, kColour);
   EXPECT_NEAR(mono->GetPixelGray256f(0, 0, 0), 25, 1e-4);
-  EXPECT_EQ(mono->GetLevelMin(0), 100);
+  EXPECT_EQ(mono->GetLevelMax(0), 1070);
 }
 
 }  // namespace

@@ -166,6 +166,7 @@ TEST(CImgFilterBlur, MeanIsASquareAndOfABandADisc) {
 
 TEST(CImgFilterBlur, MeanWithoutEdgeKeepsEdges) {
   double r[] = {1.0, 2.0, 0.5}, weight[] = {1.0, 0.5, 1.0};
+  const auto levels = Make<CImgFilterBlur>(MemoryStore(), 1, 1, 3, Random(0, 1));  // of all targets
   const auto filtered = [&](CVelImage& src, int p, int x, int y) {
     const int reach = std::max<int>(r[p], 1);
     std::vector<double> mean(2 * reach + 1), edge(2 * reach + 1);
@@ -187,7 +188,7 @@ TEST(CImgFilterBlur, MeanWithoutEdgeKeepsEdges) {
       edge[i] /= edgeSum != 0 ? edgeSum : 1;
     }
     const double e = Separable(src, edge, p, x, y, BottomRepeated, Nearest);
-    const double q = std::clamp(e / src.GetLevelRange(p), 0.0, 1.0);
+    const double q = std::clamp(e / levels->GetLevelRange(p), 0.0, 1.0);
     return (1 - q * q) * Separable(src, mean, p, x, y, BottomRepeated, Nearest) +
            q * q * src.GetPixelGrayRaw(x, y, p);
   };

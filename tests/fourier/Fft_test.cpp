@@ -284,6 +284,80 @@ TEST(CFftd, FindsPeaksBetweenElements) {
   }
 }
 
+/// The peak evaluation along a line of values r, from p and its neighbour q, with the band of a half.
+double FittedPeak(int p, int q, int size, const std::function<double(int)>& value) {
+  const auto inside = [=](int i) { return std::clamp(i, 0, size - 1); };
+  double above = 0, below = 0;
+  for (const int s : {p, q}) {
+    for (int i = 1; i <= 3; ++i) {
+      const double k = 2 * std::cos(kPi * i / 2);
+      const auto r = [&](int at) { return value(inside(at)); };
+      const auto c = [&](int at) { return inside(at) - size / 2; };
+      const double u = r(s - i) + r(s + i) - k * r(s);
+      const double v = k * c(s) * r(s) - c(s - i) * r(s - i) - c(s + i) * r(s + i);
+      above += u * v, below += u * u;
+    }
+  }
+  return -above / below;
+}
+
+TEST(CFftd, PeaksFollowTheirFormulaOnAnySurface) {
+  for (const auto& [width, height] : {std::pair(16, 8), {8, 32}}) {
+    CFftd fft;
+    ASSERT_EQ(fft.Create(width, height), 1);
+    for (int round = 0; round < 40; ++round) {
+      Fill(fft, 100 + round);
+      // Anywhere, the edges and corners among them.
+      const int px = round < 20 ? round % 3 * (width - 1) / 2 : static_cast<int>(Noise(round) * width);
+      const int py =
+          round < 20 ? round / 3 % 3 * (height - 1) / 2 : static_cast<int>(Noise(round + 99) * height);
+      const auto inRow = [&](int x) { return fft.GetArray(0)[py * width + x].re; };
+      const auto inColumn = [&](int y) { return fft.GetArray(0)[y * width + px].re; };
+      fft.GetArray(0)[py * width + px].re = std::abs(inRow(px)) + 1;
+      const auto clamped = [](int i, int size) { return std::clamp(i, 0, size - 1); };
+      const int q = inRow(clamped(px - 1, width)) > inRow(clamped(px + 1, width)) ? px - 1 : px + 1;
+      const int above = std::abs(py - 1), below = py + 1 < height ? py + 1 : height - 1;
+      double x = 0, y = 0, peak = 0;
+      fft.PeakOfPOC(&px, &py, x, y, peak);
+      EXPECT_NEAR(x, FittedPeak(px, q, width, inRow), 1e-6) << px << ", " << py;
+      EXPECT_NEAR(y, FittedPeak(py, inColumn(above) > inColumn(below) ? above : below, height, inColumn),
+                  1e-6)
+          << px << ", " << py;
+    }
+  }
+}
+
+TEST(CFft, APeakIsTheCentroidAboveTheFloorOfItsWindow) {
+  constexpr int kWidth = 64, kHeight = 32;
+  for (const auto& [px, py] : {std::pair(40, 10), {2, 3}, {63, 31}}) {
+    CFft fft;
+    ASSERT_EQ(fft.Create(kWidth, kHeight), 1);
+    Fill(fft, 7);
+    fft.GetArray(0)[py * kWidth + px].re =
+        500;  // the array is swapped about its middle before it is searched
+    const int sx = (px + kWidth / 2) % kWidth, sy = (py + kHeight / 2) % kHeight;
+    const auto value = [before = Values(fft, 0)](int x, int y) {
+      return before[(y + kHeight / 2) % kHeight * kWidth + (x + kWidth / 2) % kWidth].real();
+    };
+    const int left = std::max(sx - 11, 0), right = std::min(sx + 11, kWidth), top = std::max(sy - 11, 0),
+              bottom = std::min(sy + 11, kHeight);
+    double floor = value(0, 0), sum = 0, sumX = 0, sumY = 0;
+    for (int i = 0; i < kWidth * kHeight; ++i) {
+      const int x = i % kWidth, y = i / kWidth;
+      if (x >= left && x < right && y >= top && y < bottom) floor = std::min(floor, value(x, y));
+    }
+    for (int y = top; y < bottom; ++y) {
+      for (int x = left; x < right; ++x) {
+        sum += value(x, y) - floor, sumX += x * (value(x, y) - floor), sumY += y * (value(x, y) - floor);
+      }
+    }
+    double x = 0, y = 0;
+    fft.PeakOfPOC(x, y);
+    EXPECT_NEAR(x, sumX / sum - kWidth / 2, 1e-4);
+    EXPECT_NEAR(y, sumY / sum - kHeight / 2, 1e-4);
+  }
+}
+
 TEST(CFftd, PartsCorrelateAsPlanesDo) {
   for (const auto& [width, height] :
        {std::pair(1, 1), {2, 1}, {1, 2}, {2, 2}, {4, 2}, {4, 4}, {8, 16}, {64, 16}, {16, 128}}) {

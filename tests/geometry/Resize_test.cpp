@@ -29,7 +29,7 @@ TEST(CImgResize, LaysTheSourceAtTheAnchor) {
         const auto expected = [&](int p, int x, int y) -> double {
           const int sx = x - dx, sy = y - dy;
           if (sx >= 0 && sx < kWidth && sy >= 0 && sy < kHeight) return source->GetPixelGrayRaw(sx, sy, p);
-          return fill[p] / 255.0 * (800 + 15 * p) + 100 + 10 * p;
+          return target->ToRaw(static_cast<double>(fill[p]), p);
         };
         ASSERT_EQ(Difference(*target, expected, 1e-6), "")
             << store.name << " " << width << "x" << height << " anchor " << anchor;

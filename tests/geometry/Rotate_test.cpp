@@ -58,7 +58,7 @@ TEST(CImgRotate, TurnsByEveryKernel) {
               continue;
             }
             // Red is 255 of plane 0's levels, for all planes.
-            ExpectTurned(*target, *source, degrees, method, 900);
+            ExpectTurned(*target, *source, degrees, method, target->ToRaw(255.0, 0));
             EXPECT_EQ(target->GetStdCtr().x, width / 2);
             EXPECT_EQ(source->GetStdCtr().fx, 3.0) << "the source's centre is given back";
           }
@@ -150,7 +150,7 @@ TEST(CImgRotate, ExpandsToTheTurnedCorners) {
   EXPECT_EQ(eighth->GetWidth(), 34 + 35);
   EXPECT_EQ(eighth->GetHeight(), 35 + 34);
   // 0.299 * 96 + 0.587 * 64 + 0.114 * 32, of plane 0's levels.
-  EXPECT_NEAR(eighth->GetPixelGrayRaw(0, 0, 0), 69 / 255.0 * 800 + 100, 1e-3);
+  EXPECT_NEAR(eighth->GetPixelGrayRaw(0, 0, 0), eighth->ToRaw(69.0, 0), 1e-3);
 }
 
 TEST(CImgRotate, StrangeAnglesPixelsAndMethods) {
@@ -160,7 +160,7 @@ TEST(CImgRotate, StrangeAnglesPixelsAndMethods) {
       const auto target = Target(*source);
       EXPECT_EQ(target->Do(degrees, 0, source.get(), 0, 1, 0), 1);
       EXPECT_EQ(Difference(
-                    *target, [](int, int, int) { return 100; }, 0),
+                    *target, [&](int, int, int) { return target->GetLevelMin(0); }, 0),
                 "")
           << "all outside";
       EXPECT_EQ(target->Do(degrees, 0, source.get(), 1, 1, 0), 0) << "an empty canvas";

@@ -153,6 +153,9 @@ TEST(CImgSoftBinning, LevelsMayFollow) {
   const auto src = Make(MemoryStore(), 20, 20, 3, [](int p, int, int) { return 300 + 10 * p; });
   for (const int scale : {0, 1}) {
     const auto image = Target<CImgSoftBinning>(MemoryStore(), *src);
+    for (int p = 0; p < 3; ++p) {
+      image->SetLevel(p, src->GetLevelMin(p), src->GetLevelMax(p));
+    }
     ASSERT_EQ(image->Do(2, 5, 0, scale, src.get(), 0), 1);
     for (int p = 0; p < 3; ++p) {
       const float before = src->GetPixelGray256f(0, 0, p);

@@ -134,8 +134,13 @@ TEST(CVelImage, MapsPositions) {
   EXPECT_EQ(read(10, 20, 0, 0, 0, 1, 0), 10 + 20000);
   EXPECT_EQ(read(10, 20, 2, -3, 0, 1, 0), 8 + 23000);
   EXPECT_EQ(read(52, 44, 0, 0, 0, 0.5, 0), 51 + 42000) << "zoomed about the centre";
+  EXPECT_EQ(read(52, 44, 4, -6, 0, 0.5, 0), 49 + 45000) << "zoomed and shifted";
+  EXPECT_NEAR(read(60, 43, 2, -1, 90, 2, 0), 58 + 24000, 0.02) << "all at once";
   EXPECT_NEAR(read(60, 40, 0, 0, 90, 1, 0), 50 + 30000, 0.01) << "u = 10 turns up";
   EXPECT_EQ(read(10, 20, 0.6, 0, 0, 1, 1), 9 + 20000) << "9.4 rounds down";
+  EXPECT_EQ(read(10, 20, 0.4, -0.7, 0, 1, 1), 10 + 21000) << "9.6 and 20.7 round up";
+  EXPECT_EQ(image->GetPixelGray256f(10, 20, 0.4, -0.7, 0.0, 1.0, 1.0, 0, -1, 1, nullptr, nullptr, nullptr),
+            image->GetPixelGray256f(10, 21, 0));
   EXPECT_EQ(read(10, 20, 11, 0, 0, 1, 0), -1);
 
   int outside = 7;
@@ -193,6 +198,39 @@ TEST(CVelImage, ReferencePoints) {
   EXPECT_EQ(src->CloneWithoutImage(nullptr)->GetStdPt(0).x, 9);
 }
 
+TEST(CVelImage, CopiesAndExchangesTakePointsTablesAndWindowAlong) {
+  int here = 0;
+  HWND window = reinterpret_cast<HWND>(&here);
+  const auto marked = Make(MemoryStore(), 5, 4, 3, Random(10, 20)),
+             plain = Make(MemoryStore(), 3, 2, 1, Random(0, 1));
+  marked->SetStdPt(0, CfPoint(3, 2));
+  marked->SetStdPt(1, CfPoint(1, 1));
+  marked->SetStdCtr(2.5, 1.5);
+  marked->SetProgressHandle(window);
+  marked->CalcMinMax(0);
+  const auto tells = [&](CVelImage const& image) {
+    return image.GetStdPt(0).x == 3 && image.GetStdPt(1).y == 1 && image.GetStdCtr().fx == 2.5 &&
+           image.GetMinPixel(2) >= 10 && image.GetMaxPixel(1) > image.GetAvrPixel(1) &&
+           image.GetAvrPixel(1) > image.GetMinPixel(1) && image.GetProgressHandle() == window;
+  };
+  ASSERT_TRUE(tells(*marked));
+  CVelImage assigned, copied, created;
+  assigned = *marked;
+  EXPECT_TRUE(tells(assigned));
+  EXPECT_EQ(copied.CopyImage(*marked, nullptr, nullptr), 1);
+  EXPECT_TRUE(tells(copied));
+  EXPECT_TRUE(created.Create(*marked, nullptr));
+  EXPECT_TRUE(tells(created));
+  EXPECT_TRUE(tells(*marked->Clone(nullptr)));
+  EXPECT_TRUE(tells(CVelImage(*marked, nullptr)));
+  plain->Swap(marked.get());
+  EXPECT_TRUE(tells(*plain));
+  EXPECT_EQ(plain->GetPlanes(), 3);
+  EXPECT_FALSE(marked->IsValidStdPt(0) || marked->IsValidStdCtr() || marked->GetProgressHandle());
+  EXPECT_EQ(marked->GetMaxPixel(0), 0);
+  EXPECT_EQ(marked->GetWidth(), 3);
+}
+
 TEST(CVelImage, RectanglesAreClippedSideBySide) {
   const auto image = Make(MemoryStore(), 10, 6, 1, Random(0, 1));
   struct Case {
@@ -223,12 +261,14 @@ TEST(CVelImage, ToColourAndBack) {
             "");
       }
       const auto grey = Make(to.make(), 71, 133, 3, Random(0, 1));
+      grey->SetLevel(0, -50, 1200);
       ASSERT_EQ(grey->ToGray(colour.get(), 0), 1);
       ASSERT_EQ(grey->GetPlanes(), 1);
-      EXPECT_EQ(Difference(
-                    *grey, [&](int, int x, int y) { return colour->GetPixelBrightRaw(x, y); }, 1e-6),
-                "")
-          << from.name << " to " << to.name;
+      // By the source's levels, to the target's.
+      const auto brightness = [&](int, int x, int y) {
+        return colour->GetPixelBright256f(x, y) / 255 * 1250 - 50;
+      };
+      EXPECT_EQ(Difference(*grey, brightness, 1e-5), "") << from.name << " to " << to.name;
       const auto wider = Make(to.make(), 72, 133, 1, Random(0, 1));
       EXPECT_EQ(wider->ToColor(colour.get(), 0), 0);
       EXPECT_EQ(wider->GetPlanes(), 1) << "nothing was changed";

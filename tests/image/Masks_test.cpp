@@ -88,6 +88,16 @@ TEST(ApplyMask, AWindowAsWideAsAWideImageBlendsAllItsRows) {
   CRect rows(0, 0, kWidth, 3);
   image->ApplyMask(&rows, nullptr, other.get(), &mask, 0);
   EXPECT_EQ(Difference(*image, *other), "");
+  // Of an image higher than wide the same rows are a window, and what is beyond them becomes 0.
+  const auto high = Make(MemoryStore(), kHeight, kWidth, 1, Random(100, 900)),
+             otherHigh = Make(MemoryStore(), kHeight, kWidth, 1, Random(100, 900, 2)),
+             sharesHigh = Make(MemoryStore(), kHeight, kWidth, 1, [](int, int, int) { return 100; });
+  CImageMask highMask(sharesHigh.get(), 1, 0, 0, L"", 0);
+  CRect top(0, 0, kHeight, 3);
+  high->ApplyMask(&top, nullptr, otherHigh.get(), &highMask, 0);
+  EXPECT_EQ(Difference(
+                *high, [&](int, int x, int y) { return y < 3 ? otherHigh->GetPixelGrayRaw(x, y, 0) : 0; }, 0),
+            "");
 }
 
 TEST(ApplyMask, NothingHappensWithoutSomethingToDo) {

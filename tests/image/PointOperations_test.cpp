@@ -123,7 +123,7 @@ TEST(PointOperations, WorkInPlace) {
                         const std::function<void(decltype(*image), CVelImage&)>& run) {
     using Image = std::decay_t<decltype(*image)>;
     const auto apart = Make<Image>(image->VmManager(), width, 40, 3, kGarbage);
-    const auto source = Make(image->VmManager(), width, 40, 3, Wild(0, 1000));
+    const auto source = Make<Image>(image->VmManager(), width, 40, 3, Wild(0, 1000));
     run(*apart, *source);
     run(*image, *image);
     EXPECT_EQ(Difference(*image, *apart), "") << store << " " << width;

@@ -158,7 +158,7 @@ TEST(CImgToneCurve, KeepsTheRestOfAWindowAndIgnoresTablesOfOneValue) {
 TEST(CImgToneCurve, HAlphaBendsBelowTheKnee) {
   for (const double knee : {0.0, 0.25, 2.0, std::nan("")}) {
     const auto src = Make(MemoryStore(), 256, 1, 3,
-                          [](int p, int x, int) { return 100 + 10 * p + x * 0.99 * (800 + 15 * p) / 255; });
+                          [](int p, int x, int) { return 130 + 7 * p + x * 0.99 * (940 + 33 * p) / 255; });
     const auto target = Make<CImgToneCurve>(MemoryStore(), 256, 1, 3, Random(0, 1));
     target->DoHAlpha(knee, 0.5, src.get(), nullptr, 0);
     const double w = knee * 255;

@@ -261,6 +261,27 @@ TEST(CImgMedianComposit, OffsetsRunThroughTheBandValueByValue) {
   }
 }
 
+TEST(CImgMedianComposit, FramesMayTurnAboutTheirOwnCentre) {
+  for (const auto& store : {MemoryStore(), TinyPool()}) {
+    const auto frame = Make(store, kWidth, kHeight, 1, [](int, int x, int y) { return 5 + x + 100.0 * y; }),
+               target = Make(store, kWidth, kHeight, 1, Random(0, 1));
+    frame->SetStdCtr(20.0, 13.0);
+    for (const int own : {0, 1}) {
+      const double cx = own ? 20 : kWidth * 0.5, cy = own ? 13 : kHeight * 0.5, angle = 0.2;
+      CImgMedianComposit stack(target.get(), 0);
+      ASSERT_EQ(stack.AllocateStoreBuffer(target.get(), 1, kHeight), 1);
+      ASSERT_EQ(stack.Store(0, frame.get(), 0, kHeight - 1, 1.5, -2, angle, own, 0, nullptr, 0), 1);
+      stack.Calc(0, kHeight - 1);
+      for (const auto& [x, y] : {std::pair(20, 13), {30, 20}, {25, 9}}) {
+        const double X = x - cx - 1.5, Y = cy - y - 2;
+        const double u = std::cos(angle) * X - std::sin(angle) * Y + cx,
+                     v = cy - (std::sin(angle) * X + std::cos(angle) * Y);
+        EXPECT_NEAR(target->GetPixelGrayRaw(x, y, 0), 5 + u + 100 * v, 0.05) << own;
+      }
+    }
+  }
+}
+
 TEST(CImgMedianComposit, AnUnknownKernelLeavesTheBandEmpty) {
   for (const auto& store : {MemoryStore(), TinyPool()}) {
     const bool paged = store->GetAllocationPolicy() == CVmManager::Paged;

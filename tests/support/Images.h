@@ -9,6 +9,7 @@
 #include <ostream>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "korimg/image/CVelImage.h"
@@ -92,8 +93,8 @@ inline PixelRule Wild(double low, double high, int seed = 1) {
   };
 }
 
-/// An operation or plain image on a store, painted by a rule, with levels 100 to 900 that differ by plane. It
-/// keeps its store alive.
+/// An operation or plain image on a store, painted by a rule, with levels that differ by plane: 100 to 900 of
+/// a plain image, and other ones of an operation, which is a target. It keeps its store alive.
 template <class Image = CVelImage>
 std::shared_ptr<Image> Make(const std::shared_ptr<CVmManager>& store, int width, int height, int planes,
                             const PixelRule& rule) {
@@ -107,7 +108,11 @@ std::shared_ptr<Image> Make(const std::shared_ptr<CVmManager>& store, int width,
   const std::shared_ptr<Image> image(both, &both->image);
   if (!image->Create(shape, nullptr)) throw std::runtime_error("no room for a test's image");
   for (int p = 0; p < planes; ++p) {
-    image->SetLevel(p, 100 + 10 * p, 900 + 25 * p);
+    if constexpr (std::is_same_v<Image, CVelImage>) {
+      image->SetLevel(p, 100 + 10 * p, 900 + 25 * p);
+    } else {
+      image->SetLevel(p, 130 + 7 * p, 1070 + 40 * p);
+    }
   }
   Paint(*image, rule);
   return image;

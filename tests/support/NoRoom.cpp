@@ -1,5 +1,5 @@
-// Preloaded into the tool, it lets the scratch memory of pipelines run out: aligned allocations of more bytes than
-// KORIMG_ROOM fail.
+// Preloaded into the tool, it lets the scratch memory of pipelines run out: aligned allocations of more bytes
+// than KORIMG_ROOM fail.
 #include <cstdlib>
 
 extern "C" void* aligned_alloc(size_t alignment, size_t bytes) {
