@@ -224,9 +224,7 @@ int CVelImage::MakeDirectImage() {
       throw new CMemoryException();
     }
     for (int y = 0; y < GetHeight(); ++y) {
-      float const* line = GetImageAdr(0, y, p, Locked, nullptr);
-      std::memcpy(directImage_[p].data() + y * width, line, width * sizeof(float));
-      UnlockAll();
+      std::memcpy(directImage_[p].data() + y * width, GetLine(0, y, p), width * sizeof(float));
     }
   }
   return 1;

@@ -117,6 +117,8 @@ TEST(CVelImage, BufferedLinesSurviveAPoolAndAChangeOfSize) {
     image->GetPixelGrayRaw(0, y, 0);  // pushes everything out that may go
   }
   EXPECT_EQ(image->GetPixelGrayRawBuf(10.5, 20.5, 0), before);
+  image->MakeDirectImage();  // goes through all lines too
+  EXPECT_EQ(image->GetPixelGrayRawBuf(10.5, 20.5, 0), before);
   ASSERT_TRUE(image->ChangeSize(50, 60, nullptr));
   Paint(*image, Random(0, 1000, 3));
   EXPECT_EQ(image->GetPixelGrayRawBuf(10.5, 20.5, 0), image->GetPixelGrayRaw(10.5, 20.5, 0));
