@@ -10,6 +10,9 @@ function(korimg_compile_options target)
     # False alarms of g++ 12 on strings and regular expressions.
     target_compile_options(${target} PRIVATE -Wno-restrict -Wno-stringop-overflow -Wno-maybe-uninitialized)
   endif()
+  if(KORIMG_ASSERTIONS)
+    target_compile_definitions(${target} PRIVATE KORIMG_ASSERTIONS _GLIBCXX_ASSERTIONS)
+  endif()
   if(KORIMG_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${KORIMG_SANITIZE} -fno-omit-frame-pointer
                                              -fno-sanitize-recover=all)

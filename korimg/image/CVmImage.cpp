@@ -4,6 +4,8 @@
 #include <cstring>
 #include <string>
 
+#include "korimg/platform/Assert.h"
+
 namespace {
 
 void CheckSizes(long long width, long long height, long long planes, long long bytesPixel) {
@@ -65,6 +67,7 @@ std::tuple<int, int> CVmImage::GetBlockShape() const {
 
 unsigned char* CVmImage::GetImageAdr(long long x, long long y, long long plane, bool readOnly, bool locked,
                                      AddressHandle* handle) {
+  KORIMG_ASSERT(x >= 0 && x <= width_ && y >= 0 && y < height_ && plane >= 0 && plane < planes_);
   const long long line = plane * height_ + y;
   const long long block = line / linesPerBlock_;
   const auto manager = Manager();
@@ -101,6 +104,7 @@ void CVmImage::UnlockAll() {
 }
 
 unsigned char* CVmImage::GetBlockOnMemory(long long block, bool readOnly) {
+  KORIMG_ASSERT(block >= 0 && block < blockCount_);
   return Manager()->GetBlock(handle_, block, readOnly);
 }
 

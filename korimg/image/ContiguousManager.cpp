@@ -12,6 +12,7 @@
 #include "korimg/image/CVmManager.h"
 #include "korimg/image/CVmMemory.h"
 #include "korimg/image/SwapFile.h"
+#include "korimg/platform/Assert.h"
 
 namespace korimg {
 namespace {
@@ -166,6 +167,7 @@ class ContiguousManager : public CVmManager {
       if (found == used_.end()) continue;
       CVmMemory record = std::move(found->second);
       used_.erase(found);
+      KORIMG_ASSERT(record.handle.get() == &handle && record.block == i);
       if (record.memory->IsMapped()) continue;
       record.handle.reset();
       kept_.push_back(std::move(record));

@@ -10,6 +10,7 @@
 
 #include "korimg/image/CVelImage.h"
 #include "korimg/image/Lines.h"
+#include "korimg/platform/Assert.h"
 
 namespace korimg {
 
@@ -19,6 +20,7 @@ struct Window {
 
   Window(CVelImage const& image, CRect* rect) {
     if (!image.IsEmpty()) image.NormalizeRect(rect, left, top, right, bottom);
+    KORIMG_ASSERT(IsEmpty() || IsInside(image));
   }
   Window(int left, int top, int right, int bottom) : left(left), top(top), right(right), bottom(bottom) {}
 
@@ -28,6 +30,9 @@ struct Window {
   long long Pixels() const { return IsEmpty() ? 0 : 1LL * Width() * Height(); }
   /// Lines that an operation over all planes steps through.
   int Lines(CVelImage const& image) const { return IsEmpty() ? 0 : image.GetPlanes() * Height(); }
+  bool IsInside(CVelImage const& image) const {
+    return left >= 0 && top >= 0 && right <= image.GetWidth() && bottom <= image.GetHeight();
+  }
   bool Covers(CVelImage const& image) const {
     return left == 0 && top == 0 && Width() >= image.GetWidth() && Height() >= image.GetHeight();
   }
@@ -85,6 +90,7 @@ class ProgressScope {
 template <class F>
 void ForPlaneLines(CVelImage& image, Window const& window, Team team, F&& line) {
   if (window.IsEmpty()) return;
+  KORIMG_ASSERT(window.IsInside(image));
   for (int p = 0; p < image.GetPlanes(); ++p) {
     ForLines(team, window.top, window.bottom, [&](int y) {
       line(p, y);
@@ -116,7 +122,9 @@ class PlaneBuffer {
  public:
   PlaneBuffer(CImage& image, int plane, bool readOnly = true)
       : PlaneBuffer(reinterpret_cast<float*>(image.GetBlockOnMemory(plane, readOnly)), image.GetWidth(),
-                    image.GetHeight()) {}
+                    image.GetHeight()) {
+    KORIMG_ASSERT(IsContiguous(image));
+  }
   PlaneBuffer(float* pixels, int width, int height) : buffer_(pixels, width, height) {}
 
   operator halide_buffer_t*() { return buffer_.raw_buffer(); }  // NOLINT: an argument of a pipeline
@@ -166,6 +174,7 @@ class TemporaryPlane {
 template <class F>
 int RunIntoWindow(CVelImage& target, int plane, Window const& window, F&& run, bool direct = true) {
   if (window.IsEmpty()) return 0;
+  KORIMG_ASSERT(window.IsInside(target));
   PlaneBuffer whole(target, plane, false);
   if (direct && window.Covers(target)) return run(static_cast<halide_buffer_t*>(whole));
   TemporaryPlane temporary(*target.VmManager(), window.Width(), window.Height());

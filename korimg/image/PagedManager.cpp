@@ -15,6 +15,7 @@
 #include "korimg/image/CVmManager.h"
 #include "korimg/image/CVmMemory.h"
 #include "korimg/image/SwapFile.h"
+#include "korimg/platform/Assert.h"
 #include "korimg/platform/Debug.h"
 
 namespace korimg {
@@ -234,6 +235,7 @@ class PagedManager : public CVmManager {
   }
 
   void LetGo(CVmMemory& slot) {
+    KORIMG_ASSERT(slot.locks > 0);
     if (--slot.locks == 0 && static_cast<PagedHandle&>(*slot.handle).freed) Discard(slot);
   }
 
