@@ -1,10 +1,10 @@
 #include "app/tool/Tool.h"
 
 #include <charconv>
+#include <cmath>
 #include <cstdlib>
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/platform/CParallel.h"
@@ -22,13 +22,11 @@ long long ParseSize(const std::string& text) {
   if (!unit.empty() && unit.back() == 'i') unit.pop_back();
   const std::string units = "KMGT";
   const size_t power = unit.empty() ? 0 : units.find(static_cast<char>(std::toupper(unit[0]))) + 1;
-  if (error != std::errc() || !(number > 0) || unit.size() > 1 || (!unit.empty() && power == 0) ||
-      number > 1e15) {
+  number = std::ldexp(number, 10 * static_cast<int>(power));
+  if (error != std::errc() || !(number > 0 && number < 1e18) || unit.size() > 1 ||
+      (!unit.empty() && power == 0)) {
     throw UsageError(
         fmt::format("'{}' is no size: write a number of bytes, or one with K, M, G or T, as in 512M", text));
-  }
-  for (size_t i = 0; i < power; ++i) {
-    number *= 1024;
   }
   return static_cast<long long>(number);
 }
@@ -53,8 +51,7 @@ void Tool::Begin() {
 }
 
 long long Tool::Memory() const {
-  if (options.memory > 0) return options.memory;
-  return static_cast<long long>(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE) / 2;
+  return options.memory > 0 ? options.memory : DefaultBudget();
 }
 
 std::shared_ptr<CVmManager> Tool::MakeStore(const std::string& kind) const {

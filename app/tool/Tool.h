@@ -26,7 +26,7 @@ class UsageError : public std::runtime_error {
 /// Options that every verb takes.
 struct CommonOptions {
   int threads = 0;       ///< of both pools; 0 leaves the defaults
-  long long memory = 0;  ///< bytes for pixels; 0 takes half of the machine's
+  long long memory = 0;  ///< bytes for pixels; 0 takes DefaultBudget()
   bool quiet = false, verbose = false, json = false, overwrite = false, dryRun = false;
 };
 

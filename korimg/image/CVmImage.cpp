@@ -1,6 +1,7 @@
 #include "korimg/image/CVmImage.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <string>
 
@@ -15,6 +16,7 @@ void CheckSizes(long long width, long long height, long long planes, long long b
   for (const long long factor : {width, height, planes}) {
     bad = bad || __builtin_mul_overflow(bytes, factor, &bytes);
   }
+  bad = bad || bytes > LLONG_MAX / 2;  // room for managers to round up
   if (bad) {
     throw velora::CVmMemoryAllocationError("no image can have the size " + std::to_string(width) + " x " +
                                            std::to_string(height) + " x " + std::to_string(planes) +
@@ -33,7 +35,7 @@ CVmImage::CVmImage(std::shared_ptr<CVmManager> const& manager, long long width, 
   bytesPerLine_ = width * bytesPixel;
   linesPerBlock_ = manager->GetLinesPerBlock(bytesPerLine_, height);
   totalLines_ = height * planes;
-  blockCount_ = (totalLines_ + linesPerBlock_ - 1) / linesPerBlock_;
+  blockCount_ = (totalLines_ - 1) / linesPerBlock_ + 1;
   handle_ = manager->Allocate(linesPerBlock_ * bytesPerLine_, blockCount_);
 }
 

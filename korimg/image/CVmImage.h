@@ -17,8 +17,8 @@ class KORIMG_API CVmImage {
     long long block = -1;
   };
 
-  /// All sizes positive. Throws velora::CVmMemoryAllocationError when one isn't, when their product does not
-  /// fit in 63 bits, and when there is no room.
+  /// All sizes positive. Throws velora::CVmMemoryAllocationError when one isn't, when their product is
+  /// 2^62 or more, and when there is no room.
   CVmImage(std::shared_ptr<CVmManager> const& manager, long long width, long long height, long long planes,
            long long bytesPixel, std::shared_ptr<velora::Progress> const& progress);
   /// A store of the same shape on the same manager, with the same pixels.

@@ -44,10 +44,14 @@ class KORIMG_API CVmManager : public std::enable_shared_from_this<CVmManager> {
 namespace korimg {
 
 struct StoreOptions {
-  long long budget = 0;           ///< bytes of memory for pixels; 0 takes half of what the machine has
+  long long budget = 0;           ///< bytes of memory for pixels; 0 takes DefaultBudget()
   long long blockSize = 1 << 20;  ///< bytes of a block of the paged store; a line larger than it is one block
   std::filesystem::path swapDirectory;  ///< for temporary files; empty takes the system's temporary directory
 };
+
+/// Half of the memory of the machine, or of the container when its limit is lower. A quarter when the
+/// directory for temporary files is itself in memory, in which they may then take a half.
+KORIMG_API long long DefaultBudget(const StoreOptions& options = {});
 
 /// A store that keeps each plane in one block: in memory up to the budget, above it in a mapped temporary
 /// file that has no name and whose space is reserved beforehand. Freed blocks are kept for the next image.

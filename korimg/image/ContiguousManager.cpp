@@ -11,6 +11,7 @@
 
 #include "korimg/image/CVmManager.h"
 #include "korimg/image/CVmMemory.h"
+#include "korimg/image/Memory.h"
 #include "korimg/image/SwapFile.h"
 #include "korimg/platform/Assert.h"
 
@@ -54,7 +55,7 @@ class PrivateMemory : public CVmMemoryInterface {
 class MappedMemory : public CVmMemoryInterface {
  public:
   MappedMemory(const std::filesystem::path& directory, long long bytes)
-      : file_(directory, bytes), size_(bytes) {
+      : file_(directory, bytes, SwapFile::Mapped), size_(bytes) {
     void* base = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, file_.Descriptor(), 0);
     if (base == MAP_FAILED) {
       throw velora::CVmMemoryAllocationError("can't map a temporary file of " + std::to_string(size_ >> 20) +
@@ -78,7 +79,7 @@ class MappedMemory : public CVmMemoryInterface {
 class ContiguousManager : public CVmManager {
  public:
   explicit ContiguousManager(const StoreOptions& options)
-      : budget_(StoreBudget(options.budget)), swapDirectory_(SwapDirectory(options.swapDirectory)) {}
+      : budget_(StoreBudget(options)), swapDirectory_(options.swapDirectory) {}
 
   AllocationPolicy GetAllocationPolicy() const override { return Contiguous; }
 
@@ -147,12 +148,12 @@ class ContiguousManager : public CVmManager {
       return record;
     }
     const long long size = RoundUp(bytes);
-    while (!kept_.empty() && private_ + size > budget_) {
+    while (!kept_.empty() && size > budget_ - private_) {
       private_ -= kept_.front().memory->GetSize();
       kept_.erase(kept_.begin());
     }
     CVmMemory record;
-    if (private_ + size <= budget_) {
+    if (size <= budget_ - private_) {
       record.memory = std::make_unique<PrivateMemory>(bytes);
       private_ += size;
     } else {

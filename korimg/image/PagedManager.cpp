@@ -14,6 +14,7 @@
 
 #include "korimg/image/CVmManager.h"
 #include "korimg/image/CVmMemory.h"
+#include "korimg/image/Memory.h"
 #include "korimg/image/SwapFile.h"
 #include "korimg/platform/Assert.h"
 #include "korimg/platform/Debug.h"
@@ -59,9 +60,7 @@ struct ThreadEnd {
 class PagedManager : public CVmManager {
  public:
   explicit PagedManager(const StoreOptions& options)
-      : budget_(StoreBudget(options.budget)),
-        blockSize_(options.blockSize),
-        swapDirectory_(SwapDirectory(options.swapDirectory)) {}
+      : budget_(StoreBudget(options)), blockSize_(options.blockSize), swapDirectory_(options.swapDirectory) {}
 
   AllocationPolicy GetAllocationPolicy() const override { return Paged; }
 
@@ -84,13 +83,13 @@ class PagedManager : public CVmManager {
     const std::lock_guard lock(mutex_);
     const long long bytes = blockSize * blockCount;
     std::unique_ptr<SwapFile> swap;
-    if (allocated_ + bytes > budget_) {
+    if (bytes > budget_ - allocated_) {
       // From here on blocks may have to leave memory: each store gets its room on the disk now.
-      swap = std::make_unique<SwapFile>(swapDirectory_, bytes);
+      swap = std::make_unique<SwapFile>(swapDirectory_, bytes, SwapFile::Written);
       for (const std::shared_ptr<PagedHandle>& other : handles_) {
         if (other->swap) continue;
-        other->swap =
-            std::make_unique<SwapFile>(swapDirectory_, other->GetBlockSize() * other->GetBlockCount());
+        other->swap = std::make_unique<SwapFile>(
+            swapDirectory_, other->GetBlockSize() * other->GetBlockCount(), SwapFile::Written);
       }
     }
     auto handle = std::make_shared<PagedHandle>(blockSize, blockCount, shared_from_this());

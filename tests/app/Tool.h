@@ -7,19 +7,11 @@
 
 #include "tests/app/Folder.h"
 #include "tests/support/Images.h"
+#include "tests/support/Process.h"
 
 namespace korimg::files {
 
-#if defined(__has_feature)
-#define KORIMG_HAS_FEATURE(name) __has_feature(name)
-#else
-#define KORIMG_HAS_FEATURE(name) 0
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || KORIMG_HAS_FEATURE(thread_sanitizer)
-inline constexpr bool kSanitized = true;
-#else
-inline constexpr bool kSanitized = false;
-#endif
+using test::kSanitized;
 
 struct Result {
   int code;

@@ -281,6 +281,21 @@ TEST_F(ToolTest, ImagesLargerThanTheMemoryComeOutTheSame) {
   }
 }
 
+TEST_F(ToolTest, SaysOnceThatTemporaryFilesTakeMemory) {
+  if (Shell("stat -f -c %T /dev/shm").out != "tmpfs\n") GTEST_SKIP() << "/dev/shm is no memory here";
+  Frame("a.fits", 600, 600, test::Random(0, 1));
+  for (const std::string store : {"contiguous", "paged"}) {
+    const std::string call =
+        "TMPDIR=/dev/shm korimg apply invert then invert a.fits -o b.fits --overwrite "
+        "--memory 1M --store " +
+        store;
+    EXPECT_EQ(Shell(call).err.find("take memory"), std::string::npos);
+    const std::string said = Shell(call + " --verbose").err;
+    EXPECT_NE(said.find("/dev/shm take memory"), std::string::npos) << said;
+    EXPECT_EQ(said.find("take memory"), said.rfind("take memory")) << said;
+  }
+}
+
 TEST_F(ToolTest, CancelLeavesNothingUnfinished) {
   // Interrupted once it is at work.
   const Result r = Shell("{ '" KORIMG_TOOL

@@ -1,14 +1,21 @@
+#include <climits>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "korimg/platform/Debug.h"
 
 #include "tests/support/Images.h"
+#include "tests/support/Process.h"
 
 using namespace korimg;
 using namespace korimg::test;
@@ -36,6 +43,46 @@ std::string MessageOf(const std::function<void()>& allocate) {
   }
   return "no error";
 }
+
+/// Runs a case in a process of its own, whose only disk for temporary files is what `mount` mounts on the
+/// directory $D: "" when all is well, else what the case says, or "skip" where the system allows no mounting.
+std::string OnDisk(const std::string& mount,
+                   const std::function<std::string(const std::filesystem::path&)>& run) {
+  if (kThreadSanitized) return "skip";  // a process that has forked may start no threads
+  std::string directory = std::filesystem::temp_directory_path() / "korimg-disk-XXXXXX";
+  if (!mkdtemp(directory.data())) return "no directory";
+  int ends[2];
+  if (pipe(ends) != 0) return "no pipe";
+  const pid_t child = fork();
+  if (child == 0) {
+    std::string said = "skip";
+    setenv("D", directory.c_str(), 1);
+    if (unshare(CLONE_NEWNS) == 0 && ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+        std::system(mount.c_str()) == 0) {
+      try {
+        said = run(directory);
+      } catch (const std::exception& error) {
+        said = error.what();
+      }
+    }
+    [[maybe_unused]] const ssize_t written = write(ends[1], said.data(), said.size());
+    _exit(0);
+  }
+  close(ends[1]);
+  std::string said(4096, ' ');
+  said.resize(std::max<ssize_t>(read(ends[0], said.data(), said.size()), 0));
+  close(ends[0]);
+  int status = 0;
+  waitpid(child, &status, 0);
+  std::filesystem::remove_all(directory);
+  return WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status)) : said;
+}
+/// What makes a file system in a file and mounts it.
+std::string LoopDisk(const std::string& size, const std::string& make) {
+  return "truncate -s " + size + " \"$D.disk\" && " + make + " \"$D.disk\" > /dev/null 2>&1 && " +
+         "mount -o loop \"$D.disk\" \"$D\"; done=$?; rm \"$D.disk\"; exit $done";
+}
+constexpr const char* kFiveMiB = "mount -t tmpfs -o size=5m none \"$D\"";
 
 TEST(Store, Shape) {
   const auto pool = Pool(4);
@@ -82,6 +129,8 @@ TEST(Store, StartsAtZeroAndKeepsWhatIsWritten) {
 
 TEST(Store, LockedBlocksStayAndThePoolGrowsRatherThanDeadlock) {
   const auto pool = Pool(4);
+  CVmImage early = Image16(pool, 8, 1);  // fits, and has to leave all the same
+  At(early, 0, 5, 0, false) = 3;
   CVmImage image = Image16(pool, 400, 1);
   std::vector<CVmImage::AddressHandle> locks(50);
   std::vector<float*> lines;
@@ -114,6 +163,13 @@ TEST(Store, LockedBlocksStayAndThePoolGrowsRatherThanDeadlock) {
   image.GetImageAdr(0, 0, 0, false, true, nullptr);
   image.UnlockAll();
   EXPECT_FALSE(image.Unlock({0}));
+  At(image, 0, 399, 0, true);
+  int resident = 0;
+  for (int i = 0; i < 100; ++i) {
+    resident += image.GetVmHandle()->GetType(i) == CVmBlock::Memory;
+  }
+  EXPECT_LE(resident, 4 + 8) << "what nobody holds any more has left";
+  EXPECT_EQ(At(early, 0, 5, 0, true), 3);
 }
 
 TEST(Store, AddressesHoldForTheNextFewAccesses) {
@@ -132,6 +188,17 @@ TEST(Store, AddressesHoldForTheNextFewAccesses) {
       ASSERT_EQ(At(image, 0, (round + 4 * i * 11) % 400, 0, true), 100 * round + i);
     }
   }
+  // A block that is asked for again is the latest again.
+  float& kept = At(image, 0, 0, 0, false);
+  for (int i = 1; i < 14; ++i) {
+    if (i == 7) At(image, 1, 0, 0, true);
+    At(image, 0, 4 * i, 0, true);
+  }
+  kept = -7;
+  for (int i = 0; i < 15; ++i) {
+    At(image, 0, 200 + 4 * i, 0, true);
+  }
+  EXPECT_EQ(At(image, 0, 0, 0, true), -7);
 }
 
 TEST(Store, ServesManyThreads) {
@@ -168,13 +235,123 @@ TEST(Store, ServesManyThreads) {
   }
 }
 
+TEST(Store, WhatCantBeWrittenOutStays) {
+  const auto pool = Pool(2);
+  CVmImage image = Image16(pool, 400, 1);
+  const auto write = [&](int from, int to, int by) {
+    for (int y = from; y < to; ++y) {
+      At(image, 5, y, 0, false) = static_cast<float>(y + by);
+    }
+  };
+  const auto check = [&](int by) {
+    for (int y = 0; y < 400; ++y) {
+      ASSERT_EQ(At(image, 5, y, 0, true), y + by) << y;
+    }
+  };
+  write(0, 400, 0);
+  std::vector<std::string> said;
+  SetDebugSink([&](const std::wstring& line) { said.push_back(Narrow(line)); });
+  {
+    const WithFileLimit limit(256 * 40);  // the first forty blocks can be written, the others can't
+    write(0, 400, 1000);
+    check(1000);
+    EXPECT_FALSE(said.empty());
+  }
+  said.clear();
+  write(0, 400, 2000);
+  check(2000);
+  EXPECT_EQ(said, std::vector<std::string>()) << "the disk is well again";
+  SetDebugSink(nullptr);
+}
+
+TEST(Store, SpaceIsReservedOnDisksOfEveryKind) {
+  // The second one has no call to reserve space.
+  for (const std::string& mount : {std::string(kFiveMiB), LoopDisk("5M", "mkfs.ext2 -q -F")}) {
+    const std::string said = OnDisk(mount, [](const std::filesystem::path& disk) -> std::string {
+      for (const auto& make : {CreateContiguousManager, CreatePagedManager}) {
+        const auto manager = make({.budget = 1, .swapDirectory = disk});
+        const std::string message = MessageOf([&] { CVmImage(manager, 1024, 2048, 1, 4, nullptr); });
+        if (message.find("available 4 MiB") == std::string::npos &&
+            message.find("available 5 MiB") == std::string::npos)
+          return message;
+        CVmImage fits(manager, 1024, 1000, 1, 4, nullptr);
+        for (int y = 0; y < 1000; ++y) {
+          At(fits, 1023, y, 0, false) = static_cast<float>(y);
+        }
+        for (int y = 0; y < 1000; ++y) {
+          if (At(fits, 1023, y, 0, true) != y) return "lost";
+        }
+      }
+      return "";
+    });
+    if (said == "skip") GTEST_SKIP() << "cannot be run here: " << mount;
+    EXPECT_EQ(said, "") << mount;
+  }
+}
+
+TEST(Store, MappedPlanesAreRefusedWhereChangesTakeNewSpace) {
+  const std::string said =
+      OnDisk(LoopDisk("128M", "mkfs.btrfs"), [](const std::filesystem::path& disk) -> std::string {
+        const auto contiguous = CreateContiguousManager({.budget = 1, .swapDirectory = disk});
+        const std::string message = MessageOf([&] { CVmImage(contiguous, 1024, 100, 1, 4, nullptr); });
+        if (message.find("a paged store can use it") == std::string::npos) return message;
+        const auto pool = CreatePagedManager({.budget = 1, .swapDirectory = disk});
+        CVmImage image(pool, 1024, 5000, 1, 4, nullptr);
+        for (int y = 0; y < 5000; ++y) {
+          At(image, 7, y, 0, false) = static_cast<float>(y);
+        }
+        for (int y = 0; y < 5000; ++y) {
+          if (At(image, 7, y, 0, true) != y) return "lost";
+        }
+        return "";
+      });
+  if (said == "skip") GTEST_SKIP() << "no such disk can be mounted here";
+  EXPECT_EQ(said, "");
+}
+
+TEST(Store, ATemporaryDirectoryIsNeededForTemporaryFilesOnly) {
+  const char* before = std::getenv("TMPDIR");
+  const std::string kept = before ? before : "";
+  setenv("TMPDIR", "/nonexistent/tmp", 1);
+  for (const auto& make : {CreateContiguousManager, CreatePagedManager}) {
+    const auto manager = make({.budget = 4 << 20, .blockSize = 1 << 16});
+    for (int round = 0; round < 5; ++round) {  // what was freed is room again
+      CVmImage image(manager, 1000, 1000, 1, 4, nullptr);
+      for (int y = 0; y < 1000; ++y) {
+        At(image, y, y, 0, false) = 7;
+      }
+      EXPECT_EQ(At(image, 99, 99, 0, true), 7);
+      EXPECT_TRUE(image.IsOnMemory());
+    }
+    const std::string message = MessageOf([&] { CVmImage(manager, 1024, 1024, 2, 4, nullptr); });
+    EXPECT_NE(message.find("/nonexistent/tmp"), std::string::npos) << message;
+    EXPECT_NE(message.find("TMPDIR"), std::string::npos) << message;
+  }
+  before ? setenv("TMPDIR", kept.c_str(), 1) : unsetenv("TMPDIR");
+}
+
 TEST(Store, RefusesSizesThatCantBe) {
-  for (const StoreCase& store : Stores()) {
+  std::vector<StoreCase> stores = Stores();
+  stores.push_back({"endless", [] { return CreateContiguousManager({.budget = LLONG_MAX}); }});
+  for (const StoreCase& store : stores) {
     const auto manager = store.make();
     for (const auto& [width, height, planes] :
          {std::tuple(0LL, 5LL, 1LL), std::tuple(5LL, -1LL, 1LL), std::tuple(5LL, 5LL, 0LL),
           std::tuple(1LL << 31, 1LL << 31, 3LL), std::tuple(1LL << 62, 2LL, 1LL)}) {
       EXPECT_THROW(CVmImage(manager, width, height, planes, 4, nullptr), velora::CVmMemoryAllocationError);
+    }
+    // Just below the most that an image can have, and in lines of any length: true figures.
+    for (const long long width : {1LL, 3LL, 1LL << 20, 1LL << 61}) {
+      const long long height = LLONG_MAX / 2 / width, bytes = width * height;
+      const std::string message = MessageOf([&] { CVmImage(manager, width, height, 1, 1, nullptr); });
+      const auto says = [&](long long mebibytes) {
+        return message.find("needed " + std::to_string(mebibytes) + " MiB") != std::string::npos;
+      };
+      EXPECT_TRUE(says(bytes >> 20) || says((bytes >> 20) + 1)) << store.name << ": " << message;
+      EXPECT_NE(MessageOf([&] {
+                  CVmImage(manager, width, height + 1, 1, 1, nullptr);
+                }).find("no image can have the size " + std::to_string(width)),
+                std::string::npos);
     }
     CVelImage image(manager, CImage::Float, 20, 20, 1, 1, 0, 1, nullptr);
     Paint(image, Random(0, 1));
@@ -205,25 +382,27 @@ TEST(Store, SaysWhereThereIsNoRoomAndHowMuchIsThere) {
 
 TEST(Store, AFullDiskIsAnErrorAndLosesNothing) {
   // A limit of file sizes stands for the disk.
-  struct rlimit before {};
-  getrlimit(RLIMIT_FSIZE, &before);
-  const struct rlimit small { 1 << 20, before.rlim_max }, tiny{100000, before.rlim_max};
   std::vector<std::string> lines;
-  SetDebugSink([&](const std::wstring& line) { lines.push_back(Narrow(line)); });
+  SetDebugSink([&](const std::wstring& line) {
+    if (line.find(L"needed") != std::wstring::npos) lines.push_back(Narrow(line));
+  });
   for (const auto& manager :
        {CreateContiguousManager({.budget = 1}), CreatePagedManager({.budget = 300000})}) {
     CVelImage image(manager, CImage::Float, 256, 256, 1, 1, 0, 1, nullptr);
     Paint(image, Random(0, 1));
-    setrlimit(RLIMIT_FSIZE, &small);
-    EXPECT_FALSE(image.ChangeSize(2000, 2000, nullptr));
-    EXPECT_THROW(CVelImage(manager, CImage::Float, 2000, 2000, 3, 1, 0, 1, nullptr),
-                 velora::CVmMemoryAllocationError);
-    setrlimit(RLIMIT_FSIZE, &tiny);
-    CVelImage copy;
-    EXPECT_EQ(copy.CopyImage(image, nullptr, nullptr), 0);
-    EXPECT_TRUE(copy.IsEmpty());
-    EXPECT_EQ(image.CloneWithoutImage(nullptr), nullptr);
-    setrlimit(RLIMIT_FSIZE, &before);
+    {
+      const WithFileLimit small(1 << 20);
+      EXPECT_FALSE(image.ChangeSize(2000, 2000, nullptr));
+      EXPECT_THROW(CVelImage(manager, CImage::Float, 2000, 2000, 3, 1, 0, 1, nullptr),
+                   velora::CVmMemoryAllocationError);
+    }
+    {
+      const WithFileLimit tiny(100000);
+      CVelImage copy;
+      EXPECT_EQ(copy.CopyImage(image, nullptr, nullptr), 0);
+      EXPECT_TRUE(copy.IsEmpty());
+      EXPECT_EQ(image.CloneWithoutImage(nullptr), nullptr);
+    }
     EXPECT_EQ(Difference(
                   image, [](int p, int x, int y) { return static_cast<float>(Random(0, 1)(p, x, y)); }, 0),
               "");
