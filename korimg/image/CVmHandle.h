@@ -37,6 +37,8 @@ class KORIMG_API CVmHandle {
   std::shared_ptr<CVmManager> VmManager() const { return manager_.lock(); }
   /// True while the manager is alive.
   bool Deleted() const { return VmManager() != nullptr; }
+  /// True when the manager has gone: a look only, without a share in it.
+  bool Expired() const { return manager_.expired(); }
 
  protected:
   void Delete() { manager_.reset(); }

@@ -28,7 +28,7 @@ void CheckSizes(long long width, long long height, long long planes, long long b
 
 CVmImage::CVmImage(std::shared_ptr<CVmManager> const& manager, long long width, long long height,
                    long long planes, long long bytesPixel, std::shared_ptr<velora::Progress> const&)
-    : width_(width), height_(height), planes_(planes), bytesPixel_(bytesPixel) {
+    : width_(width), height_(height), planes_(planes), bytesPixel_(bytesPixel), manager_(manager.get()) {
   CheckSizes(width, height, planes, bytesPixel);
   if (!manager) throw velora::CVmMemoryAllocationError("no store manager was given for the image");
   policy_ = manager->GetAllocationPolicy();
@@ -40,14 +40,15 @@ CVmImage::CVmImage(std::shared_ptr<CVmManager> const& manager, long long width, 
 }
 
 CVmImage::CVmImage(CVmImage& other, std::shared_ptr<velora::Progress> const& progress)
-    : CVmImage(other.Manager(), other.width_, other.height_, other.planes_, other.bytesPixel_, progress) {
+    : CVmImage(other.Manager().shared_from_this(), other.width_, other.height_, other.planes_,
+               other.bytesPixel_, progress) {
   velora::ScopedProgress steps(progress, static_cast<int>(blockCount_));
-  const auto manager = Manager();
+  CVmManager& manager = Manager();
   for (long long i = 0; i < blockCount_; ++i) {
-    if (!manager->IsUntouched(other.handle_, i)) {
+    if (!manager.IsUntouched(other.handle_, i)) {
       const unsigned char* from = other.GetBlockOnMemory(i, true);
       std::memcpy(GetBlockOnMemory(i, false), from, GetBlockLineCount(i) * bytesPerLine_);
-    } else if (!manager->IsUntouched(handle_, i)) {
+    } else if (!manager.IsUntouched(handle_, i)) {
       std::memset(GetBlockOnMemory(i, false), 0, GetBlockLineCount(i) * bytesPerLine_);
     }
     steps.Step(static_cast<int>(i));
@@ -72,15 +73,15 @@ unsigned char* CVmImage::GetImageAdr(long long x, long long y, long long plane, 
   KORIMG_ASSERT(x >= 0 && x <= width_ && y >= 0 && y < height_ && plane >= 0 && plane < planes_);
   const long long line = plane * height_ + y;
   const long long block = line / linesPerBlock_;
-  const auto manager = Manager();
+  CVmManager& manager = Manager();
   if (locked) {
     // The lock comes first: no other thread can push the block out before its address is known.
-    manager->Lock(handle_, block);
+    manager.Lock(handle_, block);
     const std::lock_guard guard(locksMutex_);
     ++locks_[block];
     if (handle) handle->block = block;
   }
-  unsigned char* start = manager->GetBlock(handle_, block, readOnly);
+  unsigned char* start = manager.GetBlock(handle_, block, readOnly);
   return start + (line - block * linesPerBlock_) * bytesPerLine_ + x * bytesPixel_;
 }
 
@@ -107,27 +108,28 @@ void CVmImage::UnlockAll() {
 
 unsigned char* CVmImage::GetBlockOnMemory(long long block, bool readOnly) {
   KORIMG_ASSERT(block >= 0 && block < blockCount_);
-  return Manager()->GetBlock(handle_, block, readOnly);
+  return Manager().GetBlock(handle_, block, readOnly);
 }
 
 bool CVmImage::IsOnMemory() const {
-  return Manager()->IsOnMemory(handle_);
+  return Manager().IsOnMemory(handle_);
 }
 
 void CVmImage::Clear(long long plane) {
-  const auto manager = Manager();
+  CVmManager& manager = Manager();
   for (long long line = plane * height_, end = line + height_; line < end;) {
     const long long block = line / linesPerBlock_;
     const long long next = std::min(end, (block + 1) * linesPerBlock_);
-    if (!manager->IsUntouched(handle_, block)) {
-      unsigned char* start = manager->GetBlock(handle_, block, false);
+    if (!manager.IsUntouched(handle_, block)) {
+      unsigned char* start = manager.GetBlock(handle_, block, false);
       std::memset(start + (line - block * linesPerBlock_) * bytesPerLine_, 0, (next - line) * bytesPerLine_);
     }
     line = next;
   }
 }
 
-std::shared_ptr<CVmManager> CVmImage::Manager() const {
-  if (auto manager = handle_->VmManager()) return manager;
+// No share is taken: a count that all threads write would make each wait for the others.
+CVmManager& CVmImage::Manager() const {
+  if (!handle_->Expired()) return *manager_;
   throw velora::CVmManagerHandleDeletedError("the store manager of this image has ended before the image");
 }

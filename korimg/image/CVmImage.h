@@ -63,7 +63,7 @@ class KORIMG_API CVmImage {
   void Clear(long long plane);
 
  private:
-  std::shared_ptr<CVmManager> Manager() const;
+  CVmManager& Manager() const;
 
   long long width_;
   long long height_;
@@ -73,6 +73,7 @@ class KORIMG_API CVmImage {
   long long linesPerBlock_;
   long long totalLines_;
   long long blockCount_;
+  CVmManager* manager_;  ///< while the handle says that it is alive
   std::shared_ptr<CVmHandle> handle_;
   bool parallel_ = false;
   CVmManager::AllocationPolicy policy_;

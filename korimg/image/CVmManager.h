@@ -8,7 +8,8 @@
 #include "korimg/platform/Export.h"
 
 /// Decides where the blocks of stores live. All operations are safe from any number of threads, but a store
-/// is allocated and freed by one thread at a time.
+/// is allocated and freed by one thread at a time. A manager may end before its images, which then throw, but
+/// not while a thread asks it.
 class KORIMG_API CVmManager : public std::enable_shared_from_this<CVmManager> {
  public:
   enum AllocationPolicy : int {

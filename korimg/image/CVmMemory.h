@@ -14,7 +14,8 @@ class CVmMemoryInterface {
   virtual bool IsMapped() const = 0;      ///< lies in a temporary file
 };
 
-/// The record that a manager keeps of one memory resource and of the block that lives in it.
+/// The record that a manager keeps of one memory resource and of the block that lives in it. It leaves alone
+/// what it has no use for.
 class CVmMemory {
  public:
   CVmMemory() = default;
@@ -36,7 +37,7 @@ class CVmMemory {
   long long slot = -1;                ///< its number in the manager's table
   std::shared_ptr<CVmHandle> handle;  ///< the store whose block lives here
   long long block = -1;               ///< that block
-  long long file = -1;                ///< its place in the swap file while the copy there is good, else -1
-  long long locks = 0;                ///< holds by threads and locks by images
-  long long stamp = 0;                ///< the access count at its last use
+  long long file = -1;                ///< the block's place in a file, else -1
+  long long locks = 0;                ///< how often it is locked
+  long long stamp = 0;                ///< when it was used last
 };

@@ -1,8 +1,10 @@
+#include <atomic>
 #include <climits>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <latch>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -235,6 +237,73 @@ TEST(Store, ServesManyThreads) {
   }
 }
 
+TEST(Store, ServesThreadsAtRandomWhileOthersFree) {
+  constexpr int kThreads = 6, kHeight = 600;
+  const auto pool = Pool(3);
+  CVmImage images[] = {Image16(pool, kHeight, 1), Image16(pool, kHeight, 1)};
+  std::atomic<int> wrong = 0;
+  const auto work = [&](int t) {
+    // Each line has an owner who knows what it holds; the other lines of its block have other owners.
+    std::vector<float> truth[] = {std::vector<float>(kHeight), std::vector<float>(kHeight)};
+    std::unique_ptr<CVmImage> own;
+    for (int round = 0; round < 3000; ++round) {
+      int n = 0;
+      const auto next = [&](int sides) {
+        return static_cast<int>(sides * Noise(1000000ULL * t + 10ULL * round + n++));
+      };
+      const int which = next(2), y = next(kHeight / kThreads) * kThreads + t;
+      CVmImage& image = images[which];
+      float& value = truth[which][y];
+      switch (next(8)) {
+        case 0: {
+          CVmImage::AddressHandle lock;
+          auto* line = reinterpret_cast<float*>(image.GetImageAdr(0, y, 0, false, true, &lock));
+          for (int i = 0; i < 12; ++i) {
+            At(images[1 - which], 0, (y + 7 * i) % kHeight, 0, true);  // pushes out what is not locked
+          }
+          wrong += line[15] != value;
+          line[15] = value = static_cast<float>(round);
+          image.Unlock(lock);
+          break;
+        }
+        case 1:
+          if (own) {
+            wrong += At(*own, 3, 17, 0, true) != 5 || At(*own, 3, 30, 0, true) != 0;
+            own.reset();
+          } else {
+            own = std::make_unique<CVmImage>(pool, 16, 40, 1, 4, nullptr);
+            At(*own, 3, 17, 0, false) = 5;
+          }
+          break;
+        case 2:
+        case 3:
+        case 4: {
+          float* line = &At(image, 0, y, 0, false);
+          wrong += line[15] != value;
+          line[15] = value = static_cast<float>(round);
+          break;
+        }
+        default:
+          wrong += At(image, 15, y, 0, true) != value;
+      }
+      if (round % 500 == 0) wrong += pool->IsUntouched(image.GetVmHandle(), y / 4) && value != 0;
+    }
+    for (int which : {0, 1}) {
+      for (int y = t; y < kHeight; y += kThreads) {
+        wrong += At(images[which], 15, y, 0, true) != truth[which][y];
+      }
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back(work, t);
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(wrong, 0);
+}
+
 TEST(Store, WhatCantBeWrittenOutStays) {
   const auto pool = Pool(2);
   CVmImage image = Image16(pool, 400, 1);
@@ -262,6 +331,49 @@ TEST(Store, WhatCantBeWrittenOutStays) {
   check(2000);
   EXPECT_EQ(said, std::vector<std::string>()) << "the disk is well again";
   SetDebugSink(nullptr);
+}
+
+TEST(Store, FreedImagesLeaveNothingBehind) {
+  // An idle thread still holds blocks of the freed image.
+  const auto run = [](const std::filesystem::path& disk) -> std::string {
+    const auto pool = CreatePagedManager({.budget = 1 << 20, .blockSize = 1 << 18, .swapDirectory = disk});
+    auto first = std::make_unique<CVmImage>(pool, 1024, 1024, 1, 4, nullptr);
+    const std::shared_ptr<CVmHandle> handle = first->GetVmHandle();
+    std::latch filled(1), freed(1);
+    std::string said;
+    std::thread idle([&] {
+      for (int y = 0; y < 1024; ++y) {
+        At(*first, 0, y, 0, false) = 1;
+      }
+      filled.count_down();
+      freed.wait();
+      try {
+        pool->GetBlock(handle, 15, true);
+        said += "a block of a freed image was served; ";
+      } catch (const velora::CVmManagerException&) {
+      }
+      CVmImage small(pool, 1024, 64, 1, 4, nullptr);
+      for (int y = 0; y < 64; ++y) {
+        if (At(small, 0, y, 0, true) != 0) said += "not zero; ";
+      }
+    });
+    filled.wait();
+    first.reset();
+    CVmImage second(pool, 1024, 1024, 1, 4, nullptr);
+    for (int y = 0; y < 1024; ++y) {
+      At(second, 0, y, 0, false) = static_cast<float>(y);
+    }
+    freed.count_down();
+    idle.join();
+    for (int y = 0; y < 1024; ++y) {
+      if (At(second, 0, y, 0, true) != y) said += "lost; ";
+    }
+    return said;
+  };
+  EXPECT_EQ(run(std::filesystem::temp_directory_path()), "");
+  const std::string said = OnDisk(kFiveMiB, run);
+  if (said == "skip") GTEST_SKIP() << "no disk can be mounted here";
+  EXPECT_EQ(said, "");
 }
 
 TEST(Store, SpaceIsReservedOnDisksOfEveryKind) {
