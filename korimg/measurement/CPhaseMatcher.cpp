@@ -199,7 +199,7 @@ Tiles CorrelateTiles(CImgFourier& first, CVelImage& second) {
       const Shift shift = Correlate(first, second, &rect);
       if (!(shift.peak > 0)) continue;
       ++tiles.lit;
-      if (std::hypot(shift.x, shift.y) > kFarthest) continue;
+      if (!(std::hypot(shift.x, shift.y) <= kFarthest)) continue;
       const Point middle{left + side * 0.5, top + side * 0.5};
       tiles.pairs.push_back({{middle.x + shift.x, middle.y + shift.y}, middle, 1 / (kError * kError)});
     }

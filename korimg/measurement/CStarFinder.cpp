@@ -27,7 +27,10 @@ constexpr double kWidestWindow = 30;
 class Stamp {
  public:
   Stamp(CVelImage& image, SkyMesh const& sky, double x, double y, double reach) {
-    const auto limited = [](double v, int size) { return static_cast<int>(std::clamp(v, 0.0, size * 1.0)); };
+    // In this order of arguments a position that is no number becomes 0.
+    const auto limited = [](double v, int size) {
+      return static_cast<int>(std::min(std::max(0.0, v), size * 1.0));
+    };
     left_ = limited(std::floor(x - reach), image.GetWidth() - 1);
     top_ = limited(std::floor(y - reach), image.GetHeight() - 1);
     right_ = limited(std::ceil(x + reach) + 1, image.GetWidth());

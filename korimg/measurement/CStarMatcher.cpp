@@ -300,8 +300,9 @@ CStarMatcher::CStarMatcher(std::vector<CStar> const& reference)
 CStarMatcher::~CStarMatcher() = default;
 
 std::vector<CStar> CStarMatcher::Select(std::vector<CStar> stars) {
+  constexpr double kFarthest = 1e9;  // pixels; differences and areas of what is nearer are numbers
   std::erase_if(stars, [](CStar const& s) {
-    return !std::isfinite(s.x) || !std::isfinite(s.y) || !(s.flux == s.flux);
+    return !(std::abs(s.x) <= kFarthest && std::abs(s.y) <= kFarthest && s.flux == s.flux);
   });
   std::sort(stars.begin(), stars.end(), [](CStar const& s, CStar const& t) {
     return std::tuple(-s.flux, s.y, s.x) < std::tuple(-t.flux, t.y, t.x);

@@ -114,7 +114,7 @@ int PSF::GetFWHMXY(CPoint peak, double base, double* left, double* right, double
     int steps = 1;
     for (;; ++steps) {
       const CPoint p = Stepped(peak, kDirections[i], steps);
-      if (steps > static_cast<int>(maximum_) || !IsOn(*image_, p)) return 0;
+      if (!(steps <= maximum_) || !IsOn(*image_, p)) return 0;
       const double value = GetPixelValue(p, peak, degrees);
       if (!(value > half)) {
         *widths[i] = steps - (half - value) / (inner - value);

@@ -83,13 +83,12 @@ class PointGrid {
   }
 
  private:
-  // Limited before they become whole numbers.
-  int Column(double x) const {
-    return static_cast<int>(std::clamp(std::floor((x - left_) / cell_), -1.0, columns_ * 1.0));
+  /// Limited before it becomes a whole number; in this order of arguments what is no number is outside.
+  static int Cell(double along, int count) {
+    return static_cast<int>(std::min(std::max(-1.0, std::floor(along)), count * 1.0));
   }
-  int Row(double y) const {
-    return static_cast<int>(std::clamp(std::floor((y - top_) / cell_), -1.0, rows_ * 1.0));
-  }
+  int Column(double x) const { return Cell((x - left_) / cell_, columns_); }
+  int Row(double y) const { return Cell((y - top_) / cell_, rows_); }
   size_t CellOf(Point const& p) const { return static_cast<size_t>(Row(p.y)) * columns_ + Column(p.x); }
 
   std::vector<Point> points_;

@@ -26,7 +26,8 @@ struct Moments {
 
 /// Of the pixels between two limits, less a pivot. Their number is a multiple of kLanes.
 Moments Between(std::vector<float> const& pixels, float low, float high, float pivot) {
-  alignas(64) float counts[kLanes] = {}, sums[kLanes] = {}, squares[kLanes] = {};
+  alignas(64) float counts[kLanes] = {}, sums[kLanes] = {};
+  alignas(64) double squares[kLanes] = {};
   RunInLongVectors([&]() KORIMG_IN_LOOP {
     for (size_t i = 0; i < pixels.size(); i += kLanes) {
       for (int k = 0; k < kLanes; ++k) {
@@ -35,7 +36,7 @@ Moments Between(std::vector<float> const& pixels, float low, float high, float p
         const float d = in ? v - pivot : 0.0f;
         counts[k] += in ? 1.0f : 0.0f;
         sums[k] += d;
-        squares[k] += d * d;
+        squares[k] += static_cast<double>(d) * d;
       }
     }
   });
@@ -56,7 +57,7 @@ class Histogram {
     std::array<int, kBins> bins{};
     const float scale = kBins / (high - low);
     for (const float v : pixels) {
-      if (v > low && v < high) ++bins[std::min(static_cast<int>((v - low) * scale), kBins - 1)];
+      if (v > low && v < high) ++bins[static_cast<int>(std::min((v - low) * scale, kBins - 1.0f))];
     }
     for (int i = 0; i < kBins; ++i) {
       const double place = i + 0.5, n = bins[i];
@@ -105,7 +106,7 @@ class Histogram {
 };
 
 Sky SkyOf(std::vector<float> const& pixels, double least) {
-  constexpr float kHuge = 1e18f;  // squares of what is beyond are no floats
+  constexpr float kHuge = 1e18f;  // what is beyond is no sky
   const auto start = std::find_if(pixels.begin(), pixels.end(), [](float v) { return std::abs(v) < kHuge; });
   if (start == pixels.end()) return {};
   constexpr double kSettled = 0.99999;

@@ -20,6 +20,13 @@ constexpr int kBox = 24;
 /// Lines that are smoothed together: many against the kBox lines before and after them, few for caches.
 constexpr int kBand = 384;
 
+/// Light and heights beyond these are cut off, so that neither sums of light nor heights stop being numbers.
+constexpr float kBrightest = 1e35f, kHighest = 1e38f;
+
+float Limited(float v, float most) {
+  return std::min(std::max(v, -most), most);
+}
+
 /// A line less its sky, filtered along x. What is not finite is sky.
 void FilterLine(CVelImage& image, SkyMesh const& sky, int y, std::vector<float>& padded,
                 std::vector<float>& level, float* out) {
@@ -30,7 +37,7 @@ void FilterLine(CVelImage& image, SkyMesh const& sky, int y, std::vector<float>&
   RunInLongVectors([=]() KORIMG_IN_LOOP {
     for (int x = 0; x < width; ++x) {
       const float v = in[x];
-      in[x] = v - v == 0 ? v - under[x] : 0.0f;
+      in[x] = v - v == 0 ? Limited(v - under[x], kBrightest) : 0.0f;
     }
     for (int x = 0; x < width; ++x) {
       out[x] = (in[x - 2] + in[x + 2]) + 4 * (in[x - 1] + in[x + 1]) + 6 * in[x];
@@ -61,7 +68,8 @@ void SmoothedHeights(CVelImage& image, SkyMesh const& sky, int top, int bottom, 
     float* out = heights + static_cast<size_t>(middle - top) * width;
     RunInLongVectors([=]() KORIMG_IN_LOOP {
       for (int x = 0; x < width; ++x) {
-        out[x] = ((a[x] + e[x]) + 4 * (b[x] + d[x]) + 6 * c[x]) * (w[x] * (1 / kFilterNoise));
+        out[x] =
+            Limited(((a[x] + e[x]) + 4 * (b[x] + d[x]) + 6 * c[x]) * (w[x] * (1 / kFilterNoise)), kHighest);
       }
     });
   }

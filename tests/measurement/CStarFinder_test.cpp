@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "korimg/measurement/CStarMatcher.h"
+
 #include "tests/support/Images.h"
 
 using namespace korimg::test;
@@ -311,6 +313,64 @@ TEST(CStarFinder, MosaicsShowNeitherTheirColoursNorWiderStars) {
   EXPECT_GE(offsets.size(), 39u);
   EXPECT_LT(Median(offsets), 0.15);
   EXPECT_NEAR(finder.GetFwhm(), 3, 0.2);
+}
+
+// What is too high for floats over a sky without noise is a star all the same; squares of what is far from
+// the first pixel are no floats.
+TEST(CStarFinder, HugeValuesAreMeasuredLikeOthers) {
+  constexpr double kX = 154.3, kY = 145.6;
+  const auto star = Make(MemoryStore(), 300, 300, 1, [](int, int x, int y) {
+    return 1e19 * std::exp(-((x - kX) * (x - kX) + (y - kY) * (y - kY)) / 4);
+  });
+  const auto found = Find(*star);
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_NEAR(found[0].x, kX, 0.01);
+  EXPECT_NEAR(found[0].y, kY, 0.01);
+  EXPECT_NEAR(found[0].peak / 1e19, 0.95, 0.05);
+
+  constexpr double kLevel = 9e17, kHalf = 2e15;
+  const auto sky = Make(MemoryStore(), 64, 64, 1, [](int p, int x, int y) {
+    return x + y == 0 ? -kLevel : Random(kLevel - kHalf, kLevel + kHalf)(p, x, y);
+  });
+  CStarFinder finder(sky.get());
+  EXPECT_EQ(finder.Find(), 0);
+  EXPECT_NEAR(finder.GetSky() / kLevel, 1, 1e-3);
+  EXPECT_NEAR(finder.GetNoise(), kHalf / std::sqrt(3.0), 0.2 * kHalf);
+}
+
+// Small frames with pixels whose squares or sums are no floats, at corners above all.
+TEST(CStarFinder, WildFramesGiveStarsInsideOrNone) {
+  constexpr double kValues[] = {1e19, 3e38, -3e38, 1e30, -1e19, 1e-40, 1, 1e5, INFINITY, -INFINITY, NAN};
+  int stars = 0;
+  const int threads = CParallel::GetMaxThreads();
+  CParallel::SetMaxThreads(1);  // small frames are done before a team has met
+  for (int i = 0; i < 600; ++i) {
+    const auto pick = [i](int n, int count) { return static_cast<int>(count * Noise(100 * i + n)); };
+    const int width = i < 100 ? 10 : 1 + pick(0, 80), height = i < 100 ? 10 : 1 + pick(1, 80),
+              planes = i % 3 ? 1 : 3, wild = 1 + pick(2, 6), spread = i % 2 ? 4 : std::max(width, height);
+    const double noise = i % 4 < 2 ? 0 : 10;
+    const auto image =
+        Make(i % 5 ? MemoryStore() : TinyPool(), width, height, planes, Random(-noise, noise, i));
+    for (int k = 0; k < wild; ++k) {
+      const int x = std::min(pick(4 * k + 3, spread), width - 1),
+                y = std::min(pick(4 * k + 4, spread), height - 1);
+      image->GetWritableLine(0, y, pick(4 * k + 5, planes))[x] =
+          static_cast<float>(kValues[pick(4 * k + 6, static_cast<int>(std::size(kValues)))]);
+    }
+    image->SetBayerImage(planes == 1 && i % 7 == 0);
+    CStarFinder finder(image.get());
+    stars += finder.Find();
+    for (CStar const& s : finder.GetStars()) {
+      ASSERT_TRUE(s.x > -2 && s.y > -2 && s.x < width + 1 && s.y < height + 1)
+          << i << ": " << s.x << ' ' << s.y;
+      for (const double v : {s.flux, s.sky, s.noise, s.snr, s.fwhm, s.elongation}) {
+        ASSERT_TRUE(std::isfinite(v)) << i;
+      }
+    }
+    CStarMatcher(finder.GetStars()).Match(finder.GetStars(), width, height);
+  }
+  CParallel::SetMaxThreads(threads);
+  EXPECT_GT(stars, 10);
 }
 
 }  // namespace
