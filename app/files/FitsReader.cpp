@@ -1,21 +1,19 @@
 // FITS files. Headers and plain pixels are read here: CFITSIO divides by zero and allocates absurd sizes on
-// damaged headers, and its general conversion of pixels is several times slower. It reads tile-compressed
-// pixels, once they are checked.
+// damaged headers, and its general conversion of pixels is several times slower. It unpacks tile-compressed
+// pixels, in a process of its own: what damaged ones do to it cannot be told without unpacking them.
 #include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <type_traits>
 
 #include <fcntl.h>
-#include <fitsio.h>
 #include <fmt/format.h>
 #include <unistd.h>
 #include <zlib.h>
 
-#include "app/files/Formats.h"
+#include "app/files/Decoder.h"
 
 namespace korimg::files {
 
@@ -23,28 +21,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// CFITSIO keeps one stack of error messages for all threads: its calls take turns.
-std::recursive_mutex g_cfitsio;
-
 constexpr std::size_t kChunk = 32768;  // pixels that are read and converted at a time: they stay in the cache
-
-/// The status of CFITSIO and the messages it left, as one text. The stack is empty afterwards.
-std::string CfitsioText(int status) {
-  char text[FLEN_ERRMSG];
-  fits_get_errstatus(status, text);
-  std::string all = text;
-  while (fits_read_errmsg(text) != 0)
-    all += std::string("; ") + text;
-  return all;
-}
-
-struct CloseFits {
-  void operator()(fitsfile* file) const {
-    const std::lock_guard lock(g_cfitsio);
-    int status = 0;
-    fits_close_file(file, &status);
-  }
-};
 
 bool SameName(std::string_view a, std::string_view b) {
   return a.size() == b.size() &&
@@ -131,26 +108,30 @@ void SwapInPlace(float* values, std::size_t n) {
     values[i] = std::bit_cast<float>(BigEndian(std::bit_cast<std::uint32_t>(values[i])));
 }
 
+/// What a tile-compressed image is unpacked by.
+struct Tiles {
+  double bytes = 0, pixels = 0;    // of the table; of the largest tile
+  std::optional<Decoder> decoder;  // once pixels were asked for
+  std::optional<File> unpacked;
+};
+
 class FitsReader : public ImageReader {
  public:
-  FitsReader(const fs::path& path, const ReadOptions& options) {
+  FitsReader(const fs::path& path, const ReadOptions& options) : file_(path, O_RDONLY, path) {
     info_.path = path;
     info_.format = "FITS";
-    file_ = std::make_unique<File>(path, O_RDONLY, path);
-    // The name of the unpacked file is gone at the end of this, its content when it is closed.
-    std::unique_ptr<TransientFile> unpacked;
     char start[2] = {};
-    file_->Read(start, 2, 0);
+    file_.Read(start, 2, 0);
     if (std::memcmp(start, "\x1f\x8b", 2) == 0) {
-      unpacked = std::make_unique<TransientFile>(NewTemporary(path));
-      auto target = std::make_unique<File>(unpacked->Path(), O_RDWR, path);
-      Unpack(path, *file_, *target);
-      file_ = std::move(target);
+      File unpacked = TemporaryFile(path);
+      Unpack(path, file_, unpacked);
+      file_ = std::move(unpacked);
     }
     const Hdu hdu = Select(options);
     Describe(hdu);
-    // An absolute name, lest CFITSIO takes a leading '~' or '-' for something special.
-    if (hdu.compressed) OpenCompressed(unpacked ? unpacked->Path() : fs::absolute(path));
+    if (!hdu.compressed) return;
+    CheckSum();
+    DropTableCards();
   }
 
  protected:
@@ -160,7 +141,7 @@ class FitsReader : public ImageReader {
       const std::uint64_t first = (static_cast<std::uint64_t>(p) * static_cast<std::uint64_t>(info_.height) +
                                    static_cast<std::uint64_t>(y0)) *
                                   static_cast<std::uint64_t>(info_.width);
-      if (compressed_) {
+      if (tiles_) {
         ReadCompressed(first, count, planes[p]);
       } else {
         ReadPlain(first, count, planes[p]);
@@ -170,10 +151,6 @@ class FitsReader : public ImageReader {
 
  private:
   [[noreturn]] void Fail(const std::string& text) const { throw FileError(info_.path, text); }
-
-  void Check(int status, std::string_view doing) const {
-    if (status != 0) Fail(fmt::format("cannot {}: {}", doing, CfitsioText(status)));
-  }
 
   /// A header-data unit: what its header says about its data.
   struct Hdu {
@@ -191,7 +168,7 @@ class FitsReader : public ImageReader {
     Hdu hdu;
     for (std::uint64_t i = 0;; ++i) {
       std::array<char, kFitsBlock> block;
-      const std::size_t got = file_->Read(block.data(), kFitsBlock, offset + i * kFitsBlock);
+      const std::size_t got = file_.Read(block.data(), kFitsBlock, offset + i * kFitsBlock);
       if (i == 0 && offset > 0 && (got < kFitsBlock || std::memcmp(block.data(), "XTENSION", 8) != 0))
         return std::nullopt;
       if (got < kFitsBlock || i == kMostBlocks) Fail("not a FITS file, or damaged: no END in the header");
@@ -272,7 +249,7 @@ class FitsReader : public ImageReader {
     if (error != std::errc() || last != end) wanted = -1;
     std::uint64_t offset = 0;
     for (int number = 0;; ++number) {
-      std::optional<Hdu> hdu = offset < file_->Size() ? ReadHdu(offset) : std::nullopt;
+      std::optional<Hdu> hdu = offset < file_.Size() ? ReadHdu(offset) : std::nullopt;
       if (!hdu) {
         if (options.hdu.empty()) Fail(fmt::format("no image in any of its {} header-data units", number));
         Fail(fmt::format("no header-data unit '{}' among its {} (numbered from 0)", options.hdu, number));
@@ -290,8 +267,8 @@ class FitsReader : public ImageReader {
         return std::move(*hdu);
       }
       const double next = static_cast<double>(hdu->start) + hdu->bytes;
-      offset = next >= static_cast<double>(file_->Size())
-                   ? file_->Size()
+      offset = next >= static_cast<double>(file_.Size())
+                   ? file_.Size()
                    : (static_cast<std::uint64_t>(next) + kFitsBlock - 1) / kFitsBlock * kFitsBlock;
     }
   }
@@ -327,10 +304,11 @@ class FitsReader : public ImageReader {
                  : bitpix_ == -32 ? "float32"
                                   : "float64";
 
-    const double bytes = hdu.compressed ? CompressedBytes()
-                                        : static_cast<double>(info_.width) * info_.height * info_.planes *
-                                              static_cast<double>(Bytes(bitpix_));
-    const double held = std::max(0.0, static_cast<double>(file_->Size()) - static_cast<double>(start_));
+    if (hdu.compressed) DescribeTiles();
+    const double bytes = tiles_ ? tiles_->bytes
+                                : static_cast<double>(info_.width) * info_.height * info_.planes *
+                                      static_cast<double>(Bytes(bitpix_));
+    const double held = std::max(0.0, static_cast<double>(file_.Size()) - static_cast<double>(start_));
     if (bytes > held) {
       Fail(fmt::format(
           "truncated: {} x {} x {} {} pixels take {:.0f} bytes, the file holds {:.0f}; get the file again",
@@ -338,27 +316,29 @@ class FitsReader : public ImageReader {
     }
   }
 
-  void OpenCompressed(const fs::path& name) {
-    const std::lock_guard lock(g_cfitsio);
-    fits_clear_errmsg();
-    int status = 0;
-    fitsfile* opened = nullptr;
-    fits_open_diskfile(&opened, name.c_str(), READONLY, &status);
-    compressed_.reset(opened);
-    fits_movabs_hdu(opened, info_.hdu + 1, nullptr, &status);
-    Check(status, "read the header of the compressed image");
-    CheckTiles(opened);
-    // Damaged tiles may lead CFITSIO astray; the sum that most packers leave tells them.
-    int dataAnswer = 0, headerAnswer = 0;
-    fits_verify_chksum(opened, &dataAnswer, &headerAnswer, &status);
-    Check(status, "sum up the compressed pixels");
-    if (dataAnswer < 0) Fail("damaged: the compressed pixels do not match their DATASUM; get the file again");
-    DropTableCards();
+  /// Damaged tiles are told by the sum that most packers leave: of 32-bit words, with carries added on.
+  void CheckSum() const {
+    const auto stored = info_.header.GetInt("DATASUM");
+    if (!stored) return;
+    std::vector<unsigned char> block(kFitsBlock * 32);
+    std::uint64_t sum = 0;
+    const std::uint64_t bytes =
+        (static_cast<std::uint64_t>(tiles_->bytes) + kFitsBlock - 1) / kFitsBlock * kFitsBlock;
+    for (std::uint64_t done = 0; done < bytes; done += block.size()) {
+      const std::size_t got =
+          file_.Read(block.data(), std::min<std::uint64_t>(block.size(), bytes - done), start_ + done);
+      std::fill(block.begin() + static_cast<std::ptrdiff_t>(got), block.end(), 0);
+      for (std::size_t i = 0; i < block.size(); i += 4)
+        sum += FromFile<std::uint32_t>(block.data() + i);
+      while (sum >> 32 != 0)
+        sum = (sum & 0xffffffff) + (sum >> 32);
+    }
+    if (static_cast<std::int64_t>(sum) != *stored)
+      Fail("damaged: the compressed pixels do not match their DATASUM; get the file again");
   }
 
-  /// Bytes of the table that holds the tiles, after a check that the tiles cover the image and are of a sane
-  /// size.
-  double CompressedBytes() {
+  /// Checks that the tiles cover the image and are of a sane size.
+  void DescribeTiles() {
     constexpr double kLargestTile = 1 << 28;
     double tiles = 1, pixels = 1;
     const std::array<int, 3> sides = {info_.width, info_.height, info_.planes};
@@ -370,7 +350,9 @@ class FitsReader : public ImageReader {
       tiles *= std::ceil(static_cast<double>(side) / static_cast<double>(tile));
       pixels *= static_cast<double>(std::min(side, tile));
     }
-    const auto number = [&](const char* key) { return info_.header.GetDouble(key).value_or(0); };
+    const auto number = [&](const char* key) {
+      return static_cast<double>(info_.header.GetInt(key).value_or(0));
+    };
     if (number("NAXIS2") != tiles) {
       Fail(fmt::format("damaged: {:.0f} compressed tiles where {:.0f} make the image", number("NAXIS2"),
                        tiles));
@@ -379,28 +361,9 @@ class FitsReader : public ImageReader {
       Fail(fmt::format("compressed in tiles of {:.0f} pixels; up to {:.0f} are supported", pixels,
                        kLargestTile));
     }
-    return number("NAXIS1") * tiles + number("PCOUNT");
-  }
-
-  /// Compares what the tiles claim with the size of the heap they are in: CFITSIO would allocate it.
-  void CheckTiles(fitsfile* fits) {
-    const LONGLONG tiles = info_.header.GetInt("NAXIS2").value_or(0);
-    const LONGLONG heap = info_.header.GetInt("PCOUNT").value_or(0);
-    for (const char* name : {"COMPRESSED_DATA", "GZIP_COMPRESSED_DATA", "UNCOMPRESSED_DATA"}) {
-      std::string column = name;
-      int absent = 0, number = 0, status = 0;
-      if (fits_get_colnum(fits, CASEINSEN, column.data(), &number, &absent) != 0) continue;
-      for (LONGLONG i = 1; i <= tiles; ++i) {
-        LONGLONG length = 0, offset = 0;
-        fits_read_descriptll(fits, number, i, &length, &offset, &status);
-        Check(status, fmt::format("find tile {}", i));
-        if (length < 0 || offset < 0 || length > heap || offset > heap - length) {
-          Fail(fmt::format("damaged: tile {} of {} bytes at {} is outside its heap of {} bytes", i, length,
-                           offset, heap));
-        }
-      }
-    }
-    fits_clear_errmsg();
+    tiles_.emplace();
+    tiles_->bytes = std::max(number("NAXIS1") * tiles + number("PCOUNT"), 0.0);
+    tiles_->pixels = pixels;
   }
 
   /// What describes the table around a compressed image says nothing of the image.
@@ -424,7 +387,7 @@ class FitsReader : public ImageReader {
     for (std::size_t done = 0; done < count;) {
       const std::size_t n = std::min(kChunk, count - done);
       void* raw = direct ? static_cast<void*>(out + done) : buffer_.data();
-      if (file_->Read(raw, n * size, start_ + (first + done) * size) != n * size) {
+      if (file_.Read(raw, n * size, start_ + (first + done) * size) != n * size) {
         Fail("truncated while it was read; get the file again");
       }
       switch (bitpix_) {
@@ -452,18 +415,29 @@ class FitsReader : public ImageReader {
   }
 
   void ReadCompressed(std::uint64_t first, std::size_t count, float* out) {
-    const std::lock_guard lock(g_cfitsio);
-    fits_clear_errmsg();
-    float blank = std::numeric_limits<float>::quiet_NaN();
-    int status = 0;
-    fits_read_img(compressed_.get(), TFLOAT, static_cast<LONGLONG>(first) + 1, static_cast<LONGLONG>(count),
-                  &blank, out, nullptr, &status);
-    Check(status, "unpack the pixels");
+    constexpr std::size_t kAtOnce = 1 << 20;  // pixels: as wide as an image can be
+    static_assert(kAtOnce > kMaxSide);
+    if (!tiles_->decoder) {
+      tiles_->unpacked.emplace(MemoryFile(info_.path, kAtOnce * sizeof(float)));
+      tiles_->decoder.emplace(info_.path, file_,
+                              nlohmann::json{{"kind", "tiles"},
+                                             {"hdu", info_.hdu},
+                                             {"pixels", tiles_->pixels},
+                                             {"tiles", info_.header.GetInt("NAXIS2").value_or(0)},
+                                             {"heap", info_.header.GetInt("PCOUNT").value_or(0)}});
+    }
+    const std::size_t width = static_cast<std::size_t>(info_.width), wholeRows = kAtOnce / width * width;
+    for (std::size_t done = 0; done < count; done += wholeRows) {
+      const std::size_t n = std::min(wholeRows, count - done);
+      tiles_->decoder->Ask({{"first", first + done}, {"count", n}}, *tiles_->unpacked);
+      if (tiles_->unpacked->Read(out + done, n * sizeof(float), 0) != n * sizeof(float))
+        Fail("its unpacked pixels are gone");
+    }
   }
 
-  std::unique_ptr<File> file_;
-  std::unique_ptr<fitsfile, CloseFits> compressed_;  // open only for tile-compressed images
-  std::uint64_t start_ = 0;                          // of the pixels in the file
+  File file_;
+  std::optional<Tiles> tiles_;
+  std::uint64_t start_ = 0;  // of the pixels in the file
   int bitpix_ = 0;
   Scaling by_;
   std::vector<unsigned char> buffer_;

@@ -10,6 +10,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "app/files/ImageFile.h"
 
@@ -40,16 +41,32 @@ std::uint64_t FreeSpace(const std::filesystem::path& folder);
 /// @throws FileError unless both sides are 1..kMaxSide.
 void CheckSides(const std::filesystem::path& path, std::int64_t width, std::int64_t height);
 
-/// A file descriptor that closes itself; reads and writes that are complete or throw. Errors speak of the
-/// file `shown`, which the user knows, where `path` is a partial or temporary one.
+/// A file descriptor that closes itself.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int number = -1) : number_(number) {}
+  FileDescriptor(FileDescriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+    std::swap(number_, other.number_);
+    return *this;
+  }
+  ~FileDescriptor();
+
+  int Get() const { return number_; }
+
+ private:
+  int number_;
+};
+
+/// An open file; reads and writes that are complete or throw. Errors speak of the file `shown`, which the
+/// user knows, where `path` is a partial or temporary one.
 class File {
  public:
   File(const std::filesystem::path& path, int flags, const std::filesystem::path& shown);
-  ~File();
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
+  File(FileDescriptor descriptor, const std::filesystem::path& path, const std::filesystem::path& shown)
+      : path_(path), shown_(shown), descriptor_(std::move(descriptor)) {}
 
-  int Descriptor() const { return descriptor_; }
+  int Descriptor() const { return descriptor_.Get(); }
   std::uint64_t Size() const;
   /// Reads up to `size` bytes, fewer only at the end of the file.
   std::size_t Read(void* data, std::size_t size, std::uint64_t offset) const;
@@ -57,7 +74,7 @@ class File {
 
  private:
   std::filesystem::path path_, shown_;
-  int descriptor_;
+  FileDescriptor descriptor_;
 };
 
 /// A file that vanishes with this object, or with RemovePartialFiles(), unless it was renamed.
@@ -78,8 +95,8 @@ class TransientFile {
   int slot_;
 };
 
-/// A new empty file for temporary data, named like korimg-XXXXXX.
-std::filesystem::path NewTemporary(const std::filesystem::path& shown);
+/// A new empty file for temporary data, without a name; the system's temporary folder holds it.
+File TemporaryFile(const std::filesystem::path& shown);
 
 /// "<name>.part" beside a file to be written.
 std::filesystem::path PartialName(const std::filesystem::path& path);

@@ -83,16 +83,16 @@ void CheckSides(const fs::path& path, std::int64_t width, std::int64_t height) {
 
 File::File(const fs::path& path, int flags, const fs::path& shown)
     : path_(path), shown_(shown), descriptor_(open(path.c_str(), flags | O_CLOEXEC, 0666)) {
-  if (descriptor_ < 0) ThrowSystemError(shown, flags & O_CREAT ? "create the file" : "open the file", errno);
+  if (Descriptor() < 0) ThrowSystemError(shown, flags & O_CREAT ? "create the file" : "open the file", errno);
 }
 
-File::~File() {
-  close(descriptor_);
+FileDescriptor::~FileDescriptor() {
+  if (number_ >= 0) close(number_);
 }
 
 std::uint64_t File::Size() const {
   struct stat state;
-  if (fstat(descriptor_, &state) != 0) ThrowSystemError(shown_, "find the size", errno);
+  if (fstat(Descriptor(), &state) != 0) ThrowSystemError(shown_, "find the size", errno);
   return static_cast<std::uint64_t>(state.st_size);
 }
 
@@ -100,7 +100,7 @@ std::size_t File::Read(void* data, std::size_t size, std::uint64_t offset) const
   std::size_t done = 0;
   while (done < size) {
     const ssize_t n =
-        pread(descriptor_, static_cast<char*>(data) + done, size - done, static_cast<off_t>(offset + done));
+        pread(Descriptor(), static_cast<char*>(data) + done, size - done, static_cast<off_t>(offset + done));
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) ThrowSystemError(shown_, "read", errno);
     if (n == 0) break;
@@ -112,7 +112,7 @@ std::size_t File::Read(void* data, std::size_t size, std::uint64_t offset) const
 void File::Write(const void* data, std::size_t size, std::uint64_t offset) const {
   std::size_t done = 0;
   while (done < size) {
-    const ssize_t n = pwrite(descriptor_, static_cast<const char*>(data) + done, size - done,
+    const ssize_t n = pwrite(Descriptor(), static_cast<const char*>(data) + done, size - done,
                              static_cast<off_t>(offset + done));
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG))
@@ -122,16 +122,16 @@ void File::Write(const void* data, std::size_t size, std::uint64_t offset) const
   }
 }
 
-fs::path NewTemporary(const fs::path& shown) {
+File TemporaryFile(const fs::path& shown) {
   std::error_code error;
   const fs::path folder = fs::temp_directory_path(error);
   if (error)
     throw FileError(shown, "cannot unpack it: TMPDIR names no folder; set it to one with free space");
   std::string name = (folder / "korimg-XXXXXX").string();
-  const int descriptor = mkstemp(name.data());
-  if (descriptor < 0) ThrowSystemError(shown, "unpack it into folder " + folder.string(), errno);
-  close(descriptor);
-  return name;
+  FileDescriptor descriptor(mkostemp(name.data(), O_CLOEXEC));
+  if (descriptor.Get() < 0) ThrowSystemError(shown, "unpack it into folder " + folder.string(), errno);
+  unlink(name.c_str());
+  return {std::move(descriptor), name, shown};
 }
 
 fs::path PartialName(const fs::path& path) {

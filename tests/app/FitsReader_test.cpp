@@ -368,6 +368,80 @@ TEST_F(FitsReader, ReadersWorkInParallel) {
   EXPECT_EQ(good, 80);
 }
 
+// A tile that says of itself to be much larger than it is: CFITSIO writes where nothing is.
+TEST_F(FitsReader, TilesThatBreakTheirDecoderAreErrorsOfTheirFileOnly) {
+  std::string bytes = ReadBytes(Make(SHORT_IMG, 1, HCOMPRESS_1, Nothing));
+  const auto replace = [&](std::string_view from, std::string_view to) {
+    const std::size_t at = bytes.find(from);
+    ASSERT_NE(at, std::string::npos) << from;
+    bytes.replace(at, to.size(), to);
+  };
+  replace("DATASUM ", "DATASUX ");
+  WriteBytes(In("unsummed"), bytes);
+  replace("\xdd\x99", std::string_view("\xdd\x99\0\0\x20\0\0\0\x20\0", 10));
+  WriteBytes(In("broken"), bytes);
+  const Planes wanted = ReadAll(*ImageReader::Open(In("unsummed")), 5);
+  const auto kept = ImageReader::Open(In("unsummed"));
+  EXPECT_EQ(ReadAll(*kept, kHeight), wanted);
+  std::vector<std::thread> threads;
+  std::atomic<int> good = 0, broken = 0;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 5; ++i) {
+        good += ReadAll(*ImageReader::Open(In("unsummed")), 7) == wanted;
+        broken += ErrorOfReading(In("broken")).find("broke down") != std::string::npos;
+      }
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(good, 20);
+  EXPECT_EQ(broken, 20);
+  EXPECT_EQ(ReadAll(*kept, 3), wanted);
+}
+
+TEST_F(FitsReader, MoreFilesMayBeOpenThanHaveAProcess) {
+  const fs::path path = Make(LONG_IMG, 1, RICE_1, Nothing);
+  const Planes wanted = ReadAll(*ImageReader::Open(path), kHeight);
+  std::vector<std::unique_ptr<ImageReader>> readers;
+  for (int i = 0; i < 150; ++i) {
+    readers.push_back(ImageReader::Open(path));
+  }
+  const auto readAll = [&](std::size_t first) {
+    int good = 0;
+    for (std::size_t i = first; i < readers.size(); i += 3)
+      good += ReadAll(*readers[i], 17) == wanted;
+    return good;
+  };
+  std::vector<std::thread> threads;
+  std::atomic<int> good = 0;
+  for (std::size_t t = 0; t < 3; ++t)
+    threads.emplace_back([&, t] { good += readAll(t) + readAll(t); });
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(good, 300);
+}
+
+TEST_F(FitsReader, DecodersThatAreGoneAreStartedAnew) {
+  const fs::path path = Make(SHORT_IMG, 1, RICE_1, Nothing);
+  const Planes wanted = ReadAll(*ImageReader::Open(path), 5);
+  for (int i = 0; i < 3; ++i) {
+    int killed = 0;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+      const std::string status = ReadBytes(entry.path() / "status");
+      if (status.starts_with("Name:\tkorimg-decoder") &&
+          status.find("\nPPid:\t" + std::to_string(getpid()) + "\n") != std::string::npos) {
+        killed += kill(std::stoi(entry.path().filename()), SIGKILL) == 0;
+        // Its ends of connections are closed by then.
+        while (ReadBytes(entry.path() / "status").find("State:\tZ") == std::string::npos)
+          std::this_thread::yield();
+      }
+    }
+    EXPECT_EQ(killed, 1);
+    EXPECT_EQ(ReadAll(*ImageReader::Open(path), 5), wanted);
+  }
+}
+
 TEST_F(FitsReader, RealFiles) {
   const fs::path frames = RealFrames();
   if (frames.empty()) GTEST_SKIP() << "KORIMG_TEST_DATA names no folder of real frames";

@@ -88,6 +88,18 @@ TEST_F(ToolTest, BadFilesAreOneLineEachAndTheOthersAreDone) {
   }
 }
 
+TEST_F(ToolTest, RawFilesNeedTheDecoderBesideTheTool) {
+  WriteBytes(In("text.cr2"), "not a raw file, but long enough to be looked at");
+  const Result there = Shell("korimg info text.cr2");
+  EXPECT_EQ(there.code, 1);
+  EXPECT_NE(there.err.find("text.cr2: cannot read it as camera raw"), std::string::npos) << there.err;
+  const Result absent = Shell("cp '" KORIMG_TOOL "' alone && ./alone info text.cr2");
+  EXPECT_EQ(absent.code, 1);
+  EXPECT_NE(absent.err.find("text.cr2: cannot be decoded without the program korimg-decoder"),
+            std::string::npos)
+      << absent.err;
+}
+
 TEST_F(ToolTest, WrongCallsExitWithTwoAndSayWhatToDo) {
   Frame("a.fits", 8, 8, [](int, int, int) { return 5; });
   struct Case {
