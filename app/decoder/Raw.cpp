@@ -24,8 +24,8 @@ constexpr unsigned kLastOddFilter = 999;  // codes up to here are no 2 x 2 arran
 class Raw : public Session {
  public:
   Raw(const std::string& path, const nlohmann::json& open)
-      : raw_(std::make_unique<LibRaw>(LIBRAW_OPIONS_NO_DATAERR_CALLBACK)) {
-    Limit(kBytes, kSeconds);
+      : path_(path), raw_(std::make_unique<LibRaw>(LIBRAW_OPIONS_NO_DATAERR_CALLBACK)) {
+    SetLimits(path);
     raw_->set_dataerror_handler([](void* damaged, const char*, auto) { *static_cast<bool*>(damaged) = true; },
                                 &damaged_);
     const int error = raw_->open_file(path.c_str());
@@ -53,7 +53,7 @@ class Raw : public Session {
   }
 
   nlohmann::json Answer(const nlohmann::json&, int target) override {
-    Limit(kBytes, kSeconds);
+    SetLimits(path_);
     Check(raw_->unpack());
     const libraw_rawdata_t& data = raw_->imgdata.rawdata;
     const bool complete = planes_ == 1 ? data.raw_image != nullptr : data.color3_image || data.color4_image;
@@ -75,7 +75,10 @@ class Raw : public Session {
   }
 
  private:
-  static constexpr double kBytes = 4e9, kSeconds = 60;
+  static void SetLimits(const std::string& path) {
+    constexpr double kMemory = 4e9, kSeconds = 5, kBytesInSecond = 1e6;
+    Limit(kMemory, kSeconds + static_cast<double>(std::filesystem::file_size(path)) / kBytesInSecond);
+  }
 
   void Check(int error) const {
     if (damaged_) throw std::runtime_error("the raw pixels are damaged or incomplete; get the file again");
@@ -151,6 +154,7 @@ class Raw : public Session {
     return header;
   }
 
+  std::string path_;
   bool damaged_ = false;
   int planes_ = 1;
   std::unique_ptr<LibRaw> raw_;

@@ -50,7 +50,7 @@ class Tiles : public Session {
   }
 
  private:
-  static constexpr double kSeconds = 20;
+  static constexpr double kSeconds = 5;
 
   /// CFITSIO holds a tile and a few copies of it, of up to 8 bytes a pixel.
   double Memory() const {

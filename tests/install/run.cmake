@@ -12,6 +12,7 @@ run(${CMAKE_COMMAND} --build ${WORK}/build)
 run(${WORK}/build/host)
 if(EXISTS ${WORK}/prefix/bin/korimg)
   run(${WORK}/prefix/bin/korimg --version)
+  run(${WORK}/prefix/bin/korimg info ${PACKED})
 endif()
 # One header brings them all in.
 file(GLOB_RECURSE headers RELATIVE ${WORK}/prefix/include ${WORK}/prefix/include/korimg/*/*.h)
