@@ -164,7 +164,7 @@ void WriteAllRaw(const fs::path& folder) {
     dng.maker = maker;
     for (const bool compressed : {false, true}) {
       dng.compressed = compressed;
-      test::WriteDng(folder / fmt::format("{}-{:d}", dng.maker, compressed), dng);
+      test::WriteDng(folder / fmt::format("{:.5}-{:d}", dng.maker, compressed), dng);
     }
   }
 }
@@ -243,7 +243,7 @@ int main(int argc, char** argv) {
             "; settings\n[Psf]\nMax = 64\n# more\n[Dialog\\AutoStretch]\nCount=12\nWidth = 1.5e3\n[Open\n");
   WriteText(at("journal") / "bands", std::string("\0\x1b\0", 3));
   WriteText(at("journal") / "damaged", std::string("\1\x00\x05\0\x90\x07", 6));
-  WriteText(at("journal") / "made up",
+  WriteText(at("journal") / "made-up",
             std::string("\2\0\0", 3) + "korimg stack: finished bands, for --resume\ndigest\n");
   const float pixels[] = {0, 1, 5, 1e19f, 3, 1e38f, -1e30f, 0.25f, 100, 2};
   const std::string bytes(reinterpret_cast<const char*>(pixels), sizeof pixels);
