@@ -189,6 +189,7 @@ TEST_F(DevelopTest, BandsAreTheWholeInParts) {
       tool::WhiteBalance balance{{1.5, 1, 1, 2}, "as told"};
       Mosaic mosaic{1, "RGGB", ""};
       const auto whole = test::Make<CImgBayerToRgb>(store, 37, height, 1, test::Random(-10, 900));
+      whole->SetLevel(0, image->GetLevelMin(0), image->GetLevelMax(0));
       tagBayerStruct bayer;
       bayer.nCFA = 1;
       bayer.nSrcBits = bayer.nDstBits = -32;

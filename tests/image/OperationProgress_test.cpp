@@ -118,7 +118,9 @@ const std::vector<Operation>& Operations() {
       {"mean", 6119, kLines, Steps,
        [](Stage& s) { s.Target<CImgFilterBlur>().MeanFilter(twos, ones, s.src.get(), nullptr, 1); }},
       {"mean without edges", 6119, kLines, Steps,
-       [](Stage& s) { s.Target<CImgFilterBlur>().MeanWithoutEdgeFilter(twos, ones, s.src.get(), nullptr, 1); }},
+       [](Stage& s) {
+         s.Target<CImgFilterBlur>().MeanWithoutEdgeFilter(twos, ones, s.src.get(), nullptr, 1);
+       }},
       {"median", 6120, -1, Steps,
        [](Stage& s) { s.Target<CImgFilterBlur>().MedianFilter(twos, s.src.get(), nullptr, 1); }},
       {"minimum", 6153, -1, Opens,
@@ -142,8 +144,7 @@ const std::vector<Operation>& Operations() {
        [](Stage& s) { s.Target<CImgSoftBinning>().Do(3, 2, 0, 0, s.src.get(), 1); }},
       {"resolution", 6110, 3 * 90, Opens,
        [](Stage& s) { s.Target<CImgResolution>().Do(s.src.get(), 80, 90, 1); }},
-      {"turn", 6112, kLines, Opens,
-       [](Stage& s) { s.Target<CImgRotate>().Do(10, 0, s.src.get(), 0, 0, 1); }},
+      {"turn", 6112, kLines, Opens, [](Stage& s) { s.Target<CImgRotate>().Do(10, 0, s.src.get(), 0, 0, 1); }},
       {"no turn", 6112, kLines, Steps, [](Stage& s) { s.Target<CImgRotate>().Do0(s.src.get(), 1); }},
       {"half turn", 6112, kLines, Steps, [](Stage& s) { s.Target<CImgRotate>().Do180(s.src.get(), 1); }},
       {"quarter turn", 6112, -1, Steps, [](Stage& s) { s.Target<CImgRotate>().Do90(0, s.src.get(), 1); }},
@@ -151,17 +152,20 @@ const std::vector<Operation>& Operations() {
        [](Stage& s) { s.Target<CImgResize>().Do(90, 80, 4, floats, s.src.get(), 1); }},
       {"mosaic", 6135, kHeight, Steps,
        [](Stage& s) {
-         s.Target<CImgMosaic>().Do(s.src.get(), 0, 0, s.src.get(), 3.5, 2, 5, 0, floats, floats, 0, 0, nullptr, 1);
+         s.Target<CImgMosaic>().Do(s.src.get(), 0, 0, s.src.get(), 3.5, 2, 5, 0, floats, floats, 0, 0,
+                                   nullptr, 1);
        }},
       {"expansion", 6140, kLines, Steps,
        [](Stage& s) { s.Target<CImgExpansion>().Do(s.src.get(), 35, 33, 20, 0, 0, 0, 0, nullptr, 1); }},
       {"composite", 6107, kHeight, Silent,
        [](Stage& s) {
-         s.Target<CImgComposit>().Do(s.src.get(), s.src.get(), 1.5, 2, 0, 0, 0, 0, 0.5, 0, 0, 0.9, 0, nullptr, 1, -1);
+         s.Target<CImgComposit>().Do(s.src.get(), s.src.get(), 1.5, 2, 0, 0, 0, 0, 0.5, 0, 0, 0.9, 0, nullptr,
+                                     1, -1);
        }},
       {"composite of neighbours", 6188, kLines, Steps,
        [](Stage& s) {
-         s.Target<CImgComposit>().Do(s.src.get(), s.src.get(), 1.5, 2, 0, 0, 9, 0, 0.5, 0, 0, 0.9, 1, nullptr, 1, 6188);
+         s.Target<CImgComposit>().Do(s.src.get(), s.src.get(), 1.5, 2, 0, 0, 9, 0, 0.5, 0, 0, 0.9, 1, nullptr,
+                                     1, 6188);
        }},
       {"selection", 6187, kHeight, Steps,
        [](Stage& s) {
@@ -190,9 +194,7 @@ const std::vector<Operation>& Operations() {
          s.Target<CImgFourier>().CalcRotByRIPOC(s.src.get(), nullptr, nullptr, nullptr, degrees, w, h, 1);
        }},
       {"transform", 6190, -1, Steps,
-       [](Stage& s) {
-         s.Target<CImgFourier>().Do(0, 1, 0, nullptr, s.src.get(), nullptr, nullptr, 1);
-       }},
+       [](Stage& s) { s.Target<CImgFourier>().Do(0, 1, 0, nullptr, s.src.get(), nullptr, nullptr, 1); }},
       {"development", 6178, -1, Opens,
        [](Stage& s) {
          tagBayerStruct bayer;
@@ -233,7 +235,8 @@ TEST(OperationProgress, TextsTotalsAndStepsThatReachThem) {
       } else {
         const size_t extra = display.steps.size() - std::min(display.steps.size(), expected.size());
         EXPECT_LE(extra, 1u) << name;
-        display.steps.erase(display.steps.begin(), display.steps.begin() + static_cast<std::ptrdiff_t>(extra));
+        display.steps.erase(display.steps.begin(),
+                            display.steps.begin() + static_cast<std::ptrdiff_t>(extra));
         EXPECT_EQ(display.steps, expected) << name;
       }
     }
