@@ -38,6 +38,24 @@ struct ScaledAxis {
   }
 };
 
+/// What the scaling pipelines share: a plane, its new size, and a table for each axis.
+struct Scaling {
+  ImageParam input{Float(32), 2, "input"};
+  Param<int> new_width{"new_width"}, new_height{"new_height"};
+  Expr width = input.dim(0).extent(), height = input.dim(1).extent();
+  ScaledAxis across, down;
+
+  explicit Scaling(Kernel kernel)
+      : across("across", kernel, x, width, new_width), down("down", kernel, y, height, new_height) {}
+
+  /// Schedules the tables; the rest of the output's schedule stands before.
+  Definition definition(const Func& output, int wide) {
+    across.table.compute_root().vectorize(x, wide, TailStrategy::RoundUp);
+    down.table.compute_root().vectorize(y, wide, TailStrategy::RoundUp);
+    return {{input, new_width, new_height}, {output}};
+  }
+};
+
 /// A line of an output is written in few parts: memory takes long runs best.
 constexpr int kWholeLines = 1 << 14;
 
@@ -47,11 +65,8 @@ Member bilinear_resolution_member() {
   return {
       "resolution_bilinear_float",
       [](const Target& target) {
-        ImageParam input(Float(32), 2, "input");
-        Param<int> new_width("new_width"), new_height("new_height");
-        Expr width = input.dim(0).extent(), height = input.dim(1).extent();
-        ScaledAxis across("across", Kernel::Bilinear, x, width, new_width),
-            down("down", Kernel::Bilinear, y, height, new_height);
+        Scaling scaling(Kernel::Bilinear);
+        auto& [input, new_width, new_height, width, height, across, down] = scaling;
         const int wide = target.natural_vector_size<float>();
 
         Func line("line"), taps("taps"), lines("lines"), output("output");
@@ -75,24 +90,18 @@ Member bilinear_resolution_member() {
         lines.compute_at(output, xo).vectorize(x, wide, TailStrategy::RoundUp);
         line.compute_at(lines, y).vectorize(x, wide, TailStrategy::RoundUp);
         taps.compute_at(lines, y).bound(k, 0, 2).vectorize(k).unroll(x, wide, TailStrategy::RoundUp);
-        across.table.compute_root().vectorize(x, wide, TailStrategy::RoundUp);
-        down.table.compute_root().vectorize(y, wide, TailStrategy::RoundUp);
-        return Definition{{input, new_width, new_height}, {output}};
+        return scaling.definition(output, wide);
       },
       true};
 }
 
-/// One load and one store for each pixel, at places from tables. In vectors the lanes' loads would be put
-/// together one by one, which takes twice the time; half the size is loads of every second pixel, which
-/// vectors are good at.
+/// One load and one store for each pixel, at places from tables: vectors would be put together lane by lane.
+/// Half the size is loads of every second pixel, which vectors are good at.
 Member nearest_resolution_member() {
   return {"resolution_nearest_float",
           [](const Target& target) {
-            ImageParam input(Float(32), 2, "input");
-            Param<int> new_width("new_width"), new_height("new_height");
-            Expr width = input.dim(0).extent(), height = input.dim(1).extent();
-            ScaledAxis across("across", Kernel::Nearest, x, width, new_width),
-                down("down", Kernel::Nearest, y, height, new_height);
+            Scaling scaling(Kernel::Nearest);
+            auto& [input, new_width, new_height, width, height, across, down] = scaling;
             Expr column = unsafe_promise_clamped(min(across.tap(x), width - 1), 0, width - 1);
             Expr row = clamp(down.tap(y), 0, height - 1);
             Expr halved = width == 2 * new_width;
@@ -102,9 +111,7 @@ Member nearest_resolution_member() {
             const int wide = target.natural_vector_size<float>();
             output.specialize(halved).vectorize(x, wide, TailStrategy::GuardWithIf);
             output.unroll(x, 8, TailStrategy::GuardWithIf);
-            across.table.compute_root().vectorize(x, wide, TailStrategy::RoundUp);
-            down.table.compute_root().vectorize(y, wide, TailStrategy::RoundUp);
-            return Definition{{input, new_width, new_height}, {output}};
+            return scaling.definition(output, wide);
           },
           true, true};
 }
@@ -115,11 +122,8 @@ Member resolution_member(const NamedKernel& named) {
   if (kernel == Kernel::Nearest) return nearest_resolution_member();
   return {std::string("resolution_") + named.name + "_float",
           [=](const Target& target) {
-            ImageParam input(Float(32), 2, "input");
-            Param<int> new_width("new_width"), new_height("new_height");
-            Expr width = input.dim(0).extent(), height = input.dim(1).extent();
-            ScaledAxis across("across", kernel, x, width, new_width),
-                down("down", kernel, y, height, new_height);
+            Scaling scaling(kernel);
+            auto& [input, new_width, new_height, width, height, across, down] = scaling;
             const int taps = Taps(kernel), lanes = taps == 6 ? 8 : taps,
                       wide = target.natural_vector_size<float>();
 
@@ -140,8 +144,8 @@ Member resolution_member(const NamedKernel& named) {
 
             // The taps of a part stay in the first-level cache.
             output
-                .tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, taps > 1 ? 2048 : kWholeLines, wide),
-                      kStripLines, TailStrategy::GuardWithIf)
+                .tile(x, y, xo, yo, xi, yi, EvenPart(output, 0, 2048, wide), kStripLines,
+                      TailStrategy::GuardWithIf)
                 .vectorize(xi, wide, TailStrategy::GuardWithIf)
                 .parallel(yo);
             rows.compute_at(output, yi).vectorize(x, wide, TailStrategy::RoundUp);
@@ -149,9 +153,7 @@ Member resolution_member(const NamedKernel& named) {
                 .bound(k, 0, lanes)
                 .vectorize(k)
                 .unroll(x, wide, TailStrategy::RoundUp);
-            across.table.compute_root().vectorize(x, wide, TailStrategy::RoundUp);
-            down.table.compute_root().vectorize(y, wide, TailStrategy::RoundUp);
-            return Definition{{input, new_width, new_height}, {output}};
+            return scaling.definition(output, wide);
           },
           true, kernel != Kernel::Bicubic};
 }
