@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <numbers>
 #include <string>
 #include <vector>
@@ -27,7 +28,6 @@ enum Mode : int {
   kDarker,
   kNeighbour
 };
-enum Form : int { kWholeShift, kFloatShift, kRotate };
 
 constexpr int kCompositing = 6107;
 constexpr float kWhite = 255.0f;
@@ -75,10 +75,7 @@ struct CImgComposit::Task {
   double weight;
   bool level, cutMinus, floatMean;
 
-  Form GetForm() const {
-    if (degrees != 0) return kRotate;
-    return dx == std::floor(dx) && dy == std::floor(dy) ? kWholeShift : kFloatShift;
-  }
+  CInterp::Form GetForm() const { return CInterp::FormOf(dx, dy, degrees); }
   double Sine() const { return std::sin(degrees * std::numbers::pi / 180); }
   double Cosine() const { return std::cos(degrees * std::numbers::pi / 180); }
 
@@ -88,9 +85,9 @@ struct CImgComposit::Task {
     constexpr char const* kKernels[] = {"bilinear_", "bicubic_", "lanczos2_", "lanczos3_", "nearest_"};
     constexpr char const* kOps[] = {"average", "add",  "weight",   "sub",   "mult",
                                     "div",     "diff", "brighter", "darker"};
-    const Form form = GetForm();
+    const CInterp::Form form = GetForm();
     std::string name = std::string("composit_") + kForms[form] + (level ? "level_" : "");
-    if (form != kWholeShift) name += method >= 0 && method < 5 ? kKernels[method] : "unknown_";
+    if (form != CInterp::WholeShift) name += method >= 0 && method < 5 ? kKernels[method] : "unknown_";
     name += mode > kDarker ? "default" : kOps[mode];
     if (mode == kSubtract && cutMinus) name += "_cutminus";
     return name + "_float";
@@ -157,13 +154,13 @@ void CImgComposit::DoPipelines(CVelImage& a, CVelImage& b, Task const& task, CRe
   if (!pipeline) return;
   int wholeX = std::clamp(TruncateToInt(task.dx), -kFar, kFar),
       wholeY = std::clamp(TruncateToInt(task.dy), -kFar, kFar);
-  const Form form = task.GetForm();
+  const CInterp::Form form = task.GetForm();
   const auto number = [](double v) { return static_cast<float>(v); };
   CompositeBlocks(*this, a, b, rect,
                   [&](int p, int q, halide_buffer_t* first, halide_buffer_t* second, halide_buffer_t* out) {
                     std::vector<float> numbers;
-                    if (form != kWholeShift) numbers = {number(task.dx), number(task.dy)};
-                    if (form == kRotate) {
+                    if (form != CInterp::WholeShift) numbers = {number(task.dx), number(task.dy)};
+                    if (form == CInterp::Rotate) {
                       const CfPoint centre = task.useImageCentre
                                                  ? b.GetStdCtr()
                                                  : CfPoint(b.GetWidth() * 0.5, b.GetHeight() * 0.5);
@@ -177,7 +174,7 @@ void CImgComposit::DoPipelines(CVelImage& a, CVelImage& b, Task const& task, CRe
                     }
                     if (task.mode == kWeight) numbers.push_back(number(task.weight));
                     std::vector<void*> arguments{first, second};
-                    if (form == kWholeShift) arguments.insert(arguments.end(), {&wholeX, &wholeY});
+                    if (form == CInterp::WholeShift) arguments.insert(arguments.end(), {&wholeX, &wholeY});
                     for (float& n : numbers) {
                       arguments.push_back(&n);
                     }
@@ -193,12 +190,13 @@ void CImgComposit::DoLines(CVelImage& a, CVelImage& b, Task const& task, CRect* 
                             window.IsEmpty() ? 0 : window.Height());
   if (window.IsEmpty()) return;
   // Rows of b are read beside the one that is written.
-  CVelImage kept;
-  if (&b == this) MakeWorkCopy(kept, b);
+  std::unique_ptr<CVelImage> copy;
+  CVelImage* second = &b;
+  if (second == this) second = (copy = b.Clone(nullptr)).get();
   const int width = window.Width();
   CInterp interp(task.method);
-  interp.SetBParam(task.GetForm(), &b == this ? &kept : &b, window.left - task.dx, window.right - task.dx,
-                   task.level, OutsideValue(task.mode), a.IsColor() ? -1 : 0, task.Sine(), task.Cosine(), 1.0,
+  interp.SetBParam(task.GetForm(), second, window.left - task.dx, window.right - task.dx, task.level,
+                   OutsideValue(task.mode), a.IsColor() ? -1 : 0, task.Sine(), task.Cosine(), 1.0,
                    task.useImageCentre);
   interp.SetLineCapacity(width);
   // Where a shift is no number, or leads far away, lines have fewer samples than the window.
@@ -210,17 +208,17 @@ void CImgComposit::DoLines(CVelImage& a, CVelImage& b, Task const& task, CRect* 
       interp.GetBLine(y - task.dy, row(0), row(1), row(2));
       for (int p = 0; p < std::min(GetPlanes(), kMostCompositePlanes); ++p) {
         float const* first = a.GetLine(window.left, y, p);
-        float const* second = row(p);
+        float const* sampled = row(p);
         float* out = GetWritableLine(window.left, y, p);
         if (task.level) {
           const auto min = static_cast<float>(a.GetLevelMin(p));
           const auto gain = static_cast<float>(255.0 / a.GetLevelRange(p));
           for (int x = 0; x < width; ++x) {
-            out[x] = combine((first[x] - min) * gain, second[x]) * (1.0f / gain) + min;
+            out[x] = combine((first[x] - min) * gain, sampled[x]) * (1.0f / gain) + min;
           }
         } else {
           for (int x = 0; x < width; ++x) {
-            out[x] = combine(first[x], second[x]);
+            out[x] = combine(first[x], sampled[x]);
           }
         }
       }
@@ -240,11 +238,9 @@ void CImgComposit::DoNbrComposit(CVelImage* a, CVelImage* b, double dx, double d
   constexpr int kMostRadius = 2, kNearest = 4;
   if (!Fits(*a, *this) || b->IsEmpty()) return;
   // Pixels of both are read around the one that is written.
-  CVelImage keptA, keptB;
-  if (a == this && radius > 0) MakeWorkCopy(keptA, *a);
-  if (b == this) MakeWorkCopy(keptB, *b);
-  a = keptA.IsEmpty() ? a : &keptA;
-  b = keptB.IsEmpty() ? b : &keptB;
+  std::unique_ptr<CVelImage> copyOfA, copyOfB;
+  if (a == this && radius > 0) a = (copyOfA = a->Clone(nullptr)).get();
+  if (b == this) b = (copyOfB = b->Clone(nullptr)).get();
   const Window window(*this, rect);
   const int planes = std::min(GetPlanes(), kMostCompositePlanes);
   const ProgressScope scope(*this, progress, resourceId == -1 ? kCompositing : resourceId,

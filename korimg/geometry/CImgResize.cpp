@@ -30,24 +30,25 @@ int CImgResize::Do(int width, int height, int anchor, float* const fill, CVelIma
   if (anchor < 0 || anchor > 8) anchor = 0;
   const Overlap x(src->GetWidth(), width, anchor % 3), y(src->GetHeight(), height, anchor / 3);
   velora::ScopedProgress steps(ResizeProgress(*this, progress), GetPlanes());
-  for (int p = 0; p < GetPlanes(); ++p, steps.Step(p - 1)) {
+  for (int p = 0; p < GetPlanes(); ++p) {
     const float value = ToRaw(fill[p], p);
     if (MayRunPipelines(*this, *src)) {
       paste_with_fill_float(PlaneBuffer(*src, p), value, x.begin, x.end, y.begin, y.end, x.source, y.source,
                             PlaneBuffer(*this, p, false));
-      continue;
+    } else {
+      ForLines(Team::All, 0, height, [&](int row) {
+        float* out = GetWritableLine(0, row, p);
+        if (row < y.begin || row >= y.end) {
+          std::fill_n(out, width, value);
+          return;
+        }
+        std::fill_n(out, x.begin, value);
+        std::memcpy(out + x.begin, src->GetLine(x.source, row - y.begin + y.source, p),
+                    sizeof(float) * (x.end - x.begin));
+        std::fill(out + x.end, out + width, value);
+      });
     }
-    ForLines(Team::All, 0, height, [&](int row) {
-      float* out = GetWritableLine(0, row, p);
-      if (row < y.begin || row >= y.end) {
-        std::fill_n(out, width, value);
-        return;
-      }
-      std::fill_n(out, x.begin, value);
-      std::memcpy(out + x.begin, src->GetLine(x.source, row - y.begin + y.source, p),
-                  sizeof(float) * (x.end - x.begin));
-      std::fill(out + x.end, out + width, value);
-    });
+    steps.Step(p);
   }
   return 1;
 }

@@ -70,6 +70,11 @@ struct CInterp::Run {
   }
 };
 
+CInterp::Form CInterp::FormOf(double dx, double dy, double angle) {
+  if (angle != 0) return Rotate;
+  return IsWhole(dx) && IsWhole(dy) ? WholeShift : FloatShift;
+}
+
 CInterp::CInterp(int method, CVelImage* image, int) : method_(method), form_(FloatShift) {
   image_ = image;
   GetImageYaddress();
@@ -108,7 +113,7 @@ void CInterp::SetBParam(CVelImage* image, double shiftX, double shiftY, double s
   sine_ = sine, cosine_ = cosine, scale_ = scale;
   plane_ = plane;
   outside_ = outside;
-  form_ = cosine != 1.0 ? Rotate : IsWhole(shiftX) && IsWhole(shiftY) ? WholeShift : FloatShift;
+  form_ = FormOf(shiftX, shiftY, cosine != 1.0);
 }
 
 void CInterp::GetImageYaddress() {

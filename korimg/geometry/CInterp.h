@@ -20,6 +20,9 @@ class KORIMG_API CInterp {
   /// Forms of the line readers.
   enum Form : int { WholeShift, FloatShift, Rotate };
 
+  /// The form that a shift and an angle, in whatever unit, ask for.
+  static Form FormOf(double dx, double dy, double angle);
+
   /// SetBParam comes before any read.
   explicit CInterp(int method) : method_(method) {}
   /// Ready for Do. The third argument is not used.

@@ -102,20 +102,20 @@ void Select(CVelImage& image, CVelImage& other, CImageSelection const& selection
 /// Blends through an image of its own, whose pixels are 0 where nothing is blended.
 void BlendByPipeline(CVelImage& image, CVelImage& other, CVelImage& mask, Window window, bool reverse) {
   const Share share(mask);
-  const std::unique_ptr<CVelImage> result = image.CloneWithoutImage(nullptr);
-  if (!result) throw velora::CVmMemoryAllocationError("no room for the masked image");
+  CVelImage result;
+  MakeWorkImage(result, image);
   const bool straight = window.left == 0 && window.top == 0 && window.Width() >= image.GetWidth() &&
                         window.Width() >= image.GetHeight();
   if (straight) window.bottom = image.GetHeight();
   for (int p = 0; p < image.GetPlanes(); ++p) {
     PlaneBuffer t(image, p), o(other, PlaneFor(other, p));
-    const int status = RunIntoWindow(*result, p, window, [&](halide_buffer_t* out) {
+    const int status = RunIntoWindow(result, p, window, [&](halide_buffer_t* out) {
       return mask_add_float(reverse ? o : t, reverse ? t : o, PlaneBuffer(mask, 0), share.Low(),
                             share.Range(), out);
     });
     if (status) return;
   }
-  image.Swap(result.get());
+  image.Swap(&result);
 }
 
 }  // namespace

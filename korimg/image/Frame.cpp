@@ -11,23 +11,12 @@ bool HasVectors() {
   return (CKorSys::SIMD() & kFourLanes) != 0;
 }
 
-namespace {
-
-[[noreturn]] void ThrowNoRoom(CVelImage const& like) {
+void MakeWorkImage(CVelImage& work, CVelImage const& like) {
+  if (work.Create(like, nullptr)) return;
   throw velora::CVmMemoryAllocationError("no room for a work image of " + std::to_string(like.GetWidth()) +
                                          " x " + std::to_string(like.GetHeight()) + " x " +
                                          std::to_string(like.GetPlanes()) +
                                          " pixels; free memory, or space in the temporary directory");
-}
-
-}  // namespace
-
-void MakeWorkImage(CVelImage& work, CVelImage const& like) {
-  if (!work.Create(like, nullptr)) ThrowNoRoom(like);
-}
-
-void MakeWorkCopy(CVelImage& work, CVelImage const& source) {
-  if (!work.CopyImage(source, nullptr, nullptr)) ThrowNoRoom(source);
 }
 
 TemporaryPlane::TemporaryPlane(CVmManager& contiguous, int width, int height)

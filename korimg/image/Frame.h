@@ -67,10 +67,9 @@ bool MayRunPipelines(Images const&... images) {
 /// The processor offers the vector forms of the line loops, which run on the whole team.
 bool HasVectors();
 
-/// Gives a work image the record and shape of another, with all pixels 0, or its pixels too, in a store of
-/// the same kind. Throws velora::CVmMemoryAllocationError when there is no room.
+/// Gives a work image the record, shape and kind of store of another, with all pixels 0. Throws
+/// velora::CVmMemoryAllocationError when there is no room.
 void MakeWorkImage(CVelImage& work, CVelImage const& like);
-void MakeWorkCopy(CVelImage& work, CVelImage const& source);
 
 /// Opens the progress display of an operation, and closes it on every way out.
 class ProgressScope {

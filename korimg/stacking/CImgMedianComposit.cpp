@@ -125,8 +125,8 @@ int CImgMedianComposit::Store(int slot, CVelImage* frame, int yStart, int yEnd, 
   if (rows <= 0) return 0;
   const long long row = 1LL * target_->GetWidth() * target_->GetPlanes();
   // Whole shifts have no kernel, and other shifts of contiguous frames have one of their own.
-  const bool whole = dx == std::floor(dx) && dy == std::floor(dy);
-  const bool sampled = radians != 0 || (!whole && !IsContiguous(*frame));
+  const CInterp::Form form = CInterp::FormOf(dx, dy, radians);
+  const bool sampled = form == CInterp::Rotate || (form == CInterp::FloatShift && !IsContiguous(*frame));
   if (sampled && CInterp::GetString(method).IsEmpty()) {
     std::fill_n(band.Valid(), rows * row, 0);
     return 0;
@@ -146,13 +146,10 @@ int CImgMedianComposit::Store(int slot, CVelImage* frame, int yStart, int yEnd, 
 void CImgMedianComposit::StoreLines(CLineData& band, CVelImage& frame, int yStart, int rows, double dx,
                                     double dy, double radians, int useImageCentre, int method) const {
   const int width = target_->GetWidth(), planes = target_->GetPlanes();
-  const bool whole = dx == std::floor(dx) && dy == std::floor(dy);
   CInterp interp(method);
-  interp.SetBParam(radians != 0 ? CInterp::Rotate
-                   : whole      ? CInterp::WholeShift
-                                : CInterp::FloatShift,
-                   &frame, -dx, width - 1 - dx, 0, 0.0f, std::min(planes, frame.GetPlanes()),
-                   std::sin(radians), std::cos(radians), 1.0, useImageCentre);
+  interp.SetBParam(CInterp::FormOf(dx, dy, radians), &frame, -dx, width - 1 - dx, 0, 0.0f,
+                   std::min(planes, frame.GetPlanes()), std::sin(radians), std::cos(radians), 1.0,
+                   useImageCentre);
   interp.SetLineCapacity(width);
   ForLines(Team::All, 0, rows, [&](int r) {
     const long long size = 1LL * width * planes;
@@ -175,21 +172,21 @@ void CImgMedianComposit::StorePipelines(CLineData& band, CVelImage& frame, int y
                                                           rotate_nearest_float};
   constexpr int kFar = 1 << 30;  // beyond it no shift meets a frame, and positions stay whole numbers
   const int width = target_->GetWidth(), planes = target_->GetPlanes();
-  const bool whole = dx == std::floor(dx) && dy == std::floor(dy);
-  if (!whole || radians != 0) dy = WithoutRounding(dy, target_->GetHeight());
+  const CInterp::Form form = CInterp::FormOf(dx, dy, radians);
+  if (form != CInterp::WholeShift) dy = WithoutRounding(dy, target_->GetHeight());
   const auto number = [](double v) { return static_cast<float>(v); };
   for (int p = 0; p < planes; ++p) {
     BandPlane<float> values(band.Values() + 1LL * p * width, width, rows, planes);
     BandPlane<int> valid(band.Valid() + 1LL * p * width, width, rows, planes);
     PlaneBuffer in(frame, p < frame.GetPlanes() ? p : 0);
     const int w = frame.GetWidth(), h = frame.GetHeight();
-    if (radians != 0) {
+    if (form == CInterp::Rotate) {
       const CfPoint centre = useImageCentre ? frame.GetStdCtr() : CfPoint(w * 0.5, h * 0.5);
       const float cosine = number(std::cos(radians)), sine = number(std::sin(radians));
       const float x = number(-dx), y = number(yStart - dy), cx = number(centre.fx), cy = number(centre.fy);
       kRotate[method](in, x, y, cx, cy, cosine, sine, 0.0f, values);
       rotate_mask(w, h, x, y, cx, cy, cosine, sine, valid);
-    } else if (!whole) {
+    } else if (form == CInterp::FloatShift) {
       const float x = number(dx), y = number(dy - yStart);
       translate_floatshift_bicubic_float(in, x, y, 0.0f, values);
       translate_floatshift_mask(w, h, x, y, valid);

@@ -220,13 +220,14 @@ int CImgStack::Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx
   // Shifts of contiguous frames are bicubic always; an angle that moves no pixel takes the road of turns. The
   // lines of paged frames honour the method.
   constexpr double kNone = 1e-12;
-  const bool whole = dx == std::floor(dx) && dy == std::floor(dy);
-  if (IsContiguous(*frame) && radians == 0 && !whole && method != CInterp::MethodBicubic) radians = kNone;
+  const CInterp::Form form = CInterp::FormOf(dx, dy, radians);
+  if (form == CInterp::FloatShift && IsContiguous(*frame) && method != CInterp::MethodBicubic)
+    radians = kNone;
   const int stored =
       CImgMedianComposit::Store(slot, frame, yStart, yEnd, dx, dy, radians, 0, 0, nullptr, method);
   const bool hasNegativeLobes = method == CInterp::MethodBicubic || method == CInterp::MethodLanczos2 ||
                                 method == CInterp::MethodLanczos3;
-  if (stored && hasNegativeLobes && (radians != 0 || !whole) && levels) {
+  if (stored && hasNegativeLobes && form != CInterp::WholeShift && levels) {
     RaiseUndershoot(slot, *frame, yStart, yEnd, dx, dy, radians, *levels);
   }
   return stored;
