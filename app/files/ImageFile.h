@@ -137,6 +137,9 @@ class ImageWriter {
   /// order.
   void WriteRows(int y0, int rows, const float* const* planes);
 
+  /// The final name.
+  const std::filesystem::path& Path() const { return path_; }
+
   /// Completes the file and gives it its final name.
   /// @throws FileError if rows are missing or the disk is full.
   void Commit();

@@ -186,9 +186,14 @@ Levels::Levels(const CVelImage& image) {
   }
 }
 
+void CommitComputed(files::ImageWriter& writer) {
+  Tool::CheckComputed(writer.Path());
+  writer.Commit();
+}
+
 ImageSaver::ImageSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape,
                        const Levels& levels, const files::Header& header, const SaveOptions& options)
-    : path_(path), shape_(shape), levels_(levels), byLevels_(files::LowerExtension(path) == ".png") {
+    : shape_(shape), levels_(levels), byLevels_(files::LowerExtension(path) == ".png") {
   files::WriteOptions write{shape.width, shape.height, shape.planes};
   write.header = header;
   write.overwrite = tool.options.overwrite;
@@ -219,11 +224,6 @@ void ImageSaver::Write(int rows, const float* const* planes) {
   next_ += rows;
 }
 
-void ImageSaver::Commit() {
-  Tool::CheckComputed(path_);
-  writer_->Commit();
-}
-
 void SaveImage(Tool& tool, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
                const SaveOptions& options) {
   ImageSaver saver(tool, path, ShapeOf(image), Levels(image), header, options);
@@ -251,7 +251,6 @@ PictureSaver::PictureSaver(Tool& tool, const std::filesystem::path& path, const 
   files::WriteOptions write = Format();
   write.overwrite = tool.options.overwrite;
   writer_ = files::ImageWriter::Create(path, write);
-  path_ = path;
 }
 
 PictureSaver::PictureSaver(std::string& jpeg, const Shape& shape, const Levels& levels, int shrink)
@@ -292,11 +291,6 @@ void PictureSaver::Write(int rows, const float* const* planes) {
     writer_->WriteRows(line, 1, out);
     std::fill(sums_.begin(), sums_.end(), 0.0f);
   }
-}
-
-void PictureSaver::Commit() {
-  Tool::CheckComputed(path_);
-  writer_->Commit();
 }
 
 void SavePicture(Tool& tool, CVelImage& image, const std::filesystem::path& path, int shrink) {

@@ -60,6 +60,9 @@ struct Shape {
   int width = 0, height = 0, planes = 1;
 };
 
+/// Gives a file its final name. Throws FileError when a pipeline has failed.
+void CommitComputed(files::ImageWriter& writer);
+
 /// An image being written with a header, its levels as keywords. PNG holds 16-bit values from black to white
 /// by the levels; FITS and TIFF hold raw values.
 class ImageSaver {
@@ -68,11 +71,9 @@ class ImageSaver {
              const files::Header& header, const SaveOptions& options = {});
   /// Writes the next rows; planes[p] holds rows x width floats.
   void Write(int rows, const float* const* planes);
-  /// Throws FileError when a pipeline has failed.
-  void Commit();
+  void Commit() { CommitComputed(*writer_); }
 
  private:
-  std::filesystem::path path_;
   Shape shape_;
   Levels levels_;
   bool byLevels_;
@@ -91,14 +92,12 @@ class PictureSaver {
   PictureSaver(std::string& jpeg, const Shape& shape, const Levels& levels, int shrink);
   /// Takes the next rows; planes[p] holds rows x width floats.
   void Write(int rows, const float* const* planes);
-  /// Throws FileError when a pipeline has failed.
-  void Commit();
+  void Commit() { CommitComputed(*writer_); }
 
  private:
   PictureSaver(const Shape& shape, const Levels& levels, int shrink);
   files::WriteOptions Format() const;
 
-  std::filesystem::path path_;
   Shape shape_, picture_;
   Levels levels_;
   int shrink_, rowsOfPixel_;

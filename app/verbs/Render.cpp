@@ -84,8 +84,7 @@ void WritePicture(Tool& tool, CVelImage& image, CBaseDIB& bitmap, int step,
     }
   }
   tool.console.EndProgress();
-  Tool::CheckComputed(path);
-  writer->Commit();
+  CommitComputed(*writer);
 }
 
 void Render(Tool& tool, const RenderOptions& options) {

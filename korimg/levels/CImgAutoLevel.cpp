@@ -110,12 +110,16 @@ Spread MeanAndDeviation(Window const& window, Values&& values) {
   return {mean, RootMeanSquareFrom(mean, window, values)};
 }
 
+/// The same of the 256 scale, raw by plane 0.
+Spread RawByPlane0(CVelImage const& image, Spread const& s) {
+  return {image.ToRaw(s.middle, 0), s.deviation / 255.0 * image.GetLevelRange(0)};
+}
+
 /// Mean and deviation of brightness, raw by plane 0.
 Spread BrightnessMean(CVelImage& image, Window const& window) {
   // On contiguous stores plane 0 stands for all three: owners' parameters are tuned to that.
   const std::array<int, 3> planes = IsContiguous(image) ? std::array{0, 0, 0} : kColour;
-  const Spread s = MeanAndDeviation(window, Brightness(image, planes));
-  return {image.ToRaw(s.middle, 0), s.deviation / 255.0 * image.GetLevelRange(0)};
+  return RawByPlane0(image, MeanAndDeviation(window, Brightness(image, planes)));
 }
 
 /// Of a colour image brightness is measured when asked for; of a mono one its only plane, which -1 means too.
@@ -294,12 +298,15 @@ int BlockSide(Window const& window, int sample) {
   return sample ? BlockSide(window.Pixels(), window.Width(), window.Height()) : 1;
 }
 
-/// The median of the means of a window's blocks.
-template <class Values>
-double MedianOfBlocks(Window const& window, int step, Values&& values) {
-  std::vector<double> sums =
-      BlockSums(window.left, window.top, window.Width() / step, window.Height() / step, step, values);
+/// The median of the means of step x step blocks, from their sums.
+double MedianOfMeans(std::vector<double> sums, int step) {
   return UpperMiddle(sums) / (static_cast<double>(step) * step);
+}
+
+/// Sums of the whole blocks of a window.
+template <class Values>
+std::vector<double> BlockSums(Window const& window, int step, Values&& values) {
+  return BlockSums(window.left, window.top, window.Width() / step, window.Height() / step, step, values);
 }
 
 /// The upper middle of the pixels themselves, without a copy of them: counted by the upper halves of their
@@ -341,9 +348,9 @@ float UpperMiddleOfPixels(CVelImage& image, int plane, Window const& window) {
 
 /// Median of brightness on the 256 scale, with the distance of all pixels from it, raw by plane 0.
 Spread BrightnessMedian(CVelImage& image, Window const& window) {
-  const double median = MedianOfBlocks(window, BlockSide(window, 1), Brightness(image));
-  const double spread = RootMeanSquareFrom(median, window, Brightness(image));
-  return {image.ToRaw(median, 0), spread / 255.0 * image.GetLevelRange(0)};
+  const int step = BlockSide(window, 1);
+  const double median = MedianOfMeans(BlockSums(window, step, Brightness(image)), step);
+  return RawByPlane0(image, {median, RootMeanSquareFrom(median, window, Brightness(image))});
 }
 
 /// Median of a plane, with the distance of all pixels from it.
@@ -475,20 +482,22 @@ void CImgAutoLevel::GetMedian(float* result, int sample, int brightness, int pla
   if (window.IsEmpty()) return;
   const int step = BlockSide(window, sample);
   const Subject subject(*this, brightness, plane);
+  std::vector<double> sums;
   if (subject.ofBrightness) {
-    *result = static_cast<float>(MedianOfBlocks(window, step, RawBrightness(*this)));
+    sums = BlockSums(window, step, RawBrightness(*this));
   } else if (step == 1) {
     *result = UpperMiddleOfPixels(*this, subject.plane, window);
+    return;
   } else if (MayRunPipelines(*this)) {
     const int across = window.Width() / step, down = window.Height() / step;
-    std::vector<double> sums(static_cast<size_t>(across) * down);
+    sums.resize(static_cast<size_t>(across) * down);
     PlaneBuffer from(*this, subject.plane);
     from.SetMin(-window.left, -window.top);  // the pipeline's blocks start at 0, 0
     binning_float(from, step, Halide::Runtime::Buffer<double, 2>(sums.data(), across, down));
-    *result = static_cast<float>(UpperMiddle(sums) / (static_cast<double>(step) * step));
   } else {
-    *result = static_cast<float>(MedianOfBlocks(window, step, PlaneValues(*this, subject.plane)));
+    sums = BlockSums(window, step, PlaneValues(*this, subject.plane));
   }
+  *result = static_cast<float>(MedianOfMeans(std::move(sums), step));
 }
 
 void CImgAutoLevel::GetMedianBayer(float* result, int sample) {
@@ -498,12 +507,12 @@ void CImgAutoLevel::GetMedianBayer(float* result, int sample) {
     if (IsEmpty() || cells.IsEmpty()) continue;
     const long long pixels = 1LL * GetWidth() * GetHeight() / 4;
     const int step = sample ? BlockSide(pixels, cells.Width(), cells.Height()) : 1;
-    std::vector<double> sums =
+    const std::vector<double> sums =
         BlockSums(0, 0, cells.Width() / step, cells.Height() / step, step,
                   [this, right = position % 2, below = position / 2](int, int y) {
                     return [line = GetLine(right, 2 * y + below, 0)](int i) -> double { return line[2 * i]; };
                   });
-    result[position] = static_cast<float>(UpperMiddle(sums) / (static_cast<double>(step) * step));
+    result[position] = static_cast<float>(MedianOfMeans(sums, step));
   }
 }
 
