@@ -70,11 +70,11 @@ double Median(std::vector<double> values) {
 void Compare(Tool& tool, const std::string& name, CalibrateOptions options, const fs::path& out, int runs) {
   std::vector<fs::path> inputs;
   for (const auto* paths : {&options.darks, &options.flats, &options.biases}) {
-    for (const fs::path& path : ExpandFolders(*paths)) {
+    for (const fs::path& path : ExpandFolders(tool.console, *paths)) {
       inputs.push_back(path);
     }
   }
-  const std::vector<fs::path> lights = ExpandFolders(options.lights);
+  const std::vector<fs::path> lights = ExpandFolders(tool.console, options.lights);
   options.out = out;
   std::vector<double> plain, calibrated;
   Image image;
@@ -131,7 +131,7 @@ int main(int argc, char** argv) {
     }
     CalibrateOptions ready = options;
     ready.biases.clear();
-    for (const fs::path& path : ExpandFolders({masters})) {
+    for (const fs::path& path : ExpandFolders(tool.console, {masters})) {
       const std::string name = path.filename().string();
       if (name.starts_with("master_dark")) ready.darks = {path};
       if (name.starts_with("master_flat")) ready.flats = {path};

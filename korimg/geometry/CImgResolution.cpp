@@ -25,7 +25,8 @@ bool IsMethod(int method) {
 template <class F>
 int Scale(CVelImage& target, CVelImage* src, int width, int height, int method, int show, F&& lines) {
   target.InitStdPtCtr();
-  if (!Resized(target, *src, width, height, show)) return 0;
+  const auto contents = IsMethod(method) ? CImage::Contents::Undefined : CImage::Contents::Zero;
+  if (!Resized(target, *src, width, height, show, contents)) return 0;
   const ProgressScope progress(target, show, 6110, height * target.GetPlanes());
   if (!MayRunPipelines(target, *src)) {
     lines();

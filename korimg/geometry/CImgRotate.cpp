@@ -92,11 +92,13 @@ int CImgRotate::Do(double degrees, unsigned long colour, CVelImage* src, int exp
   InitStdPtCtr();
   SetStdCtr(GetWidth() / 2, GetHeight() / 2);
   const double radians = degrees * M_PI / 180, sine = std::sin(radians), cosine = std::cos(radians);
+  const bool isMethod = method >= 0 && method < static_cast<int>(std::size(kPipelines));
   if (expand) {
     const auto [width, height] = TurnedSize(src->GetWidth(), src->GetHeight(), sine, cosine);
-    if (!Resized(*this, *src, width, height, progress)) return 0;
+    const auto contents = isMethod ? Contents::Undefined : Contents::Zero;
+    if (!Resized(*this, *src, width, height, progress, contents)) return 0;
   }
-  if (method < 0 || method >= static_cast<int>(std::size(kPipelines))) return 1;
+  if (!isMethod) return 1;
   const ProgressScope scope(*this, progress, kRotating, GetPlanes() * GetHeight());
   (this->*(MayRunPipelines(*this, *src) ? &CImgRotate::DoPipelines : &CImgRotate::DoLines))(src, sine, cosine,
                                                                                             outside, method);

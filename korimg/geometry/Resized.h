@@ -13,10 +13,11 @@ inline std::shared_ptr<velora::Progress> ResizeProgress(CVelImage const& target,
 }
 
 /// Gives the target a new size; false when src cannot serve its planes, and when there is no room. The store
-/// tells its progress when `show` is set.
-inline bool Resized(CVelImage& target, CVelImage const& src, int width, int height, int show) {
+/// tells its progress when `show` is set. Who writes all pixels has no use for zeros.
+inline bool Resized(CVelImage& target, CVelImage const& src, int width, int height, int show,
+                    CImage::Contents contents = CImage::Contents::Undefined) {
   if (target.IsEmpty() || src.IsEmpty() || src.GetPlanes() < target.GetPlanes()) return false;
-  return target.ChangeSize(width, height, ResizeProgress(target, show));
+  return target.ChangeSize(width, height, ResizeProgress(target, show), contents);
 }
 
 }  // namespace korimg

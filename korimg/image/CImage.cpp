@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "korimg/image/Lines.h"
+#include "korimg/image/Vectors.h"
 #include "korimg/platform/Debug.h"
 
 namespace {
@@ -74,23 +75,30 @@ Extremes ExtremesOf(float const* line, int width) {
   using Doubles = double __attribute__((vector_size(32)));
   constexpr int kFloats = 4, kVectors = 4, kStep = kVectors * kFloats;
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
-  Floats low[kVectors], high[kVectors];
-  Doubles sum[kVectors] = {};
-  std::fill_n(low, kVectors, Floats{} + kInfinity);
-  std::fill_n(high, kVectors, Floats{} - kInfinity);
+  struct {
+    Floats low[kVectors], high[kVectors];
+    Doubles sum[kVectors] = {};
+  } lanes;
   const int whole = width - width % kStep;
-  for (int x = 0; x < whole; x += kStep) {
-    for (int k = 0; k < kVectors; ++k) {
-      const auto v = Load<Floats>(reinterpret_cast<unsigned char const*>(line + x + k * kFloats));
-      low[k] = v < low[k] ? v : low[k];
-      high[k] = v > high[k] ? v : high[k];
-      sum[k] += __builtin_convertvector(v, Doubles);
+  korimg::RunInLongVectors([&]() KORIMG_IN_LOOP {
+    auto found = lanes;  // in registers
+    std::fill_n(found.low, kVectors, Floats{} + kInfinity);
+    std::fill_n(found.high, kVectors, Floats{} - kInfinity);
+    for (int x = 0; x < whole; x += kStep) {
+      for (int k = 0; k < kVectors; ++k) {
+        Floats v;
+        std::memcpy(&v, line + x + k * kFloats, sizeof v);
+        found.low[k] = v < found.low[k] ? v : found.low[k];
+        found.high[k] = v > found.high[k] ? v : found.high[k];
+        found.sum[k] += __builtin_convertvector(v, Doubles);
+      }
     }
-  }
+    lanes = found;
+  });
   Extremes all;
   for (int lane = 0; lane < kStep; ++lane) {
     const int k = lane / kFloats, j = lane % kFloats;
-    all.Add({low[k][j], high[k][j], sum[k][j], whole / kStep});
+    all.Add({lanes.low[k][j], lanes.high[k][j], lanes.sum[k][j], whole / kStep});
   }
   int x = whole;
   if (std::isnan(all.sum)) {  // a NaN, or infinities of both signs: the line again, one by one
@@ -155,11 +163,11 @@ bool CImage::AllocImage(std::shared_ptr<CVmManager> const& manager, ProgressPtr 
   });
 }
 
-bool CImage::ChangeSize(int width, int height, ProgressPtr const& progress) {
+bool CImage::ChangeSize(int width, int height, ProgressPtr const& progress, Contents contents) {
   if (!IsEmpty() && width == GetWidth() && height == GetHeight()) return true;
   return Try([&] {
     velora::ScopedProgress steps(progress, 1);
-    vmImage_ = NewStore(VmManager(), width, height, GetPlanes(), bits_, progress);
+    vmImage_ = NewStore(VmManager(), width, height, GetPlanes(), bits_, progress, contents);
     axes_[0] = width;
     axes_[1] = height;
     steps.Step(0);

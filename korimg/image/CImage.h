@@ -37,6 +37,8 @@ class KORIMG_API CImage : public CObject {
   enum ChangeBitsLevel : int { KeepLevel = 0, ScaleLevel = 1 };
   /// How an address is asked for, as bits.
   enum Mode : int { ReadWrite = 0, ReadOnly = 1, Locked = 2 };
+  /// What new room holds before anything is written: whatever lay there, or zeros.
+  enum class Contents { Undefined, Zero };
   using AddressHandle = CVmImage::AddressHandle;
   using ProgressPtr = std::shared_ptr<velora::Progress>;
 
@@ -52,8 +54,8 @@ class KORIMG_API CImage : public CObject {
   bool IsEmpty() const { return !vmImage_; }
   void Empty();
   bool AllocImage(std::shared_ptr<CVmManager> const& manager, ProgressPtr const& progress);
-  /// Pixels are not kept: all are 0, unless the size is the same.
-  bool ChangeSize(int width, int height, ProgressPtr const& progress);
+  /// Pixels are not kept: all are 0, unless the size is the same or the caller will write all of them.
+  bool ChangeSize(int width, int height, ProgressPtr const& progress, Contents contents = Contents::Zero);
   /// Keeps the pixels of the planes that both shapes have. New planes are 0 and get plane 0's levels.
   bool ChangePlanes(int planes, ProgressPtr const& progress);
   /// Converts the pixels to another type with scale 1 and offset 0. Integers are rounded and limited, NaN is
@@ -183,8 +185,6 @@ class KORIMG_API CImage : public CObject {
   CVmImage* GetVmImage() const { return vmImage_.get(); }
 
  private:
-  enum class Contents { Undefined, Zero };
-
   void CopyRecord(CImage const& other);
   std::unique_ptr<CVmImage> NewStore(std::shared_ptr<CVmManager> const& manager, int width, int height,
                                      int planes, DataType bits, ProgressPtr const& progress,

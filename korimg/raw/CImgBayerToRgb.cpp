@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <vector>
 
 #include "korimg/image/Frame.h"
+#include "korimg/image/Vectors.h"
 #include "korimg/levels/CImgAutoLevel.h"
 #include "korimg/platform/CException.h"
 #include "korimg/platform/CParallel.h"
@@ -15,6 +17,7 @@ using namespace korimg;
 namespace {
 
 constexpr int kRed = 0, kGreen = 1, kBlue = 2;
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 /// Column and row of red in the 2 x 2 cell; blue lies diagonally opposite.
 struct RedSite {
@@ -64,15 +67,27 @@ struct Knee {
 
 }  // namespace
 
-/// Eight lines of a frame around a pair of rows, in several planes. Line 0 is an even row of the frame.
+/// Eight lines of a frame around a pair of rows, in several planes. Line 0 is an even row of the frame. From
+/// pair to pair the strip slides down by two lines, and keeps what was made of the other six.
 struct CImgBayerToRgb::Strip {
-  static constexpr int kLines = 8, kPlanes = 6;
-  static constexpr int kBrightness = 3, kRaw = 4, kRedAndBlue = 5;  // after the colours
+  static constexpr int kLines = 8, kPlanes = 7;
+  static constexpr int kBrightness = 3, kRaw = 4, kRedAndBlue = 5, kSynthesis = 6;  // after the colours
 
   explicit Strip(int width) : width(width), pixels(static_cast<size_t>(width) * kLines * kPlanes) {}
-  float* Line(int plane, int line) { return &pixels[static_cast<size_t>(plane * kLines + line) * width]; }
+  float* Line(int plane, int line) {
+    return &pixels[static_cast<size_t>(plane * kLines + (top + line) % kLines) * width];
+  }
+  void Restart() { top = kept = 0; }
+  void SlideDown() {
+    top = (top + 2) % kLines;
+    kept = kLines - 2;
+  }
+  /// The first of the lines from `margin` on whose surroundings of as many lines are new.
+  int FirstNew(int margin) const { return std::max(margin, kept - margin); }
 
   int width;
+  int top = 0;   ///< where line 0 lies in the ring of lines
+  int kept = 0;  ///< lines that are there from the pair before
   std::vector<float> pixels;
 };
 
@@ -300,19 +315,23 @@ void CImgBayerToRgb::DevelopByLines(CImage& frame, int plane, tagBayerStruct con
   const int last = std::min(height - 5, (height - bayer.nTrimBottom) / 2 * 2 - 1);
   if (height - 4 <= 3 || last < first) return;
   std::vector<Strip> strips(CParallel::GetMaxThreads(), Strip(frame.GetWidth()));
-  ForLines(Team::All, 0, (last - first) / 2 + 1, [&](int pair) {
-    const int y = first + 2 * pair;
+  constexpr int kRun = 64;  // rows that one thread makes from top to bottom
+  ForLines(Team::All, 0, (last - first) / kRun + 1, [&](int run) {
     Strip& strip = strips[CParallel::GetThreadNum()];
-    CopyOrgToDisp(frame, plane, y, strip);
-    MakeYImage(bayer.nCFA, strip);
-    if (!bayer.bMono) MakeRGBImage(bayer.nCFA, strip);
-    SynthImage(bayer, range, y, strip);
-    ShowProgress(2);
+    strip.Restart();
+    const int begin = first + run * kRun;
+    for (int y = begin; y <= std::min(begin + kRun - 2, last); y += 2, strip.SlideDown()) {
+      CopyOrgToDisp(frame, plane, y, strip);
+      MakeYImage(bayer.nCFA, strip);
+      if (!bayer.bMono) MakeRGBImage(bayer.nCFA, strip);
+      SynthImage(bayer, range, y, strip);
+      ShowProgress(2);
+    }
   });
 }
 
 void CImgBayerToRgb::CopyOrgToDisp(CImage& frame, int plane, int y, Strip& strip) {
-  for (int line = 0; line < Strip::kLines; ++line) {
+  for (int line = strip.FirstNew(0); line < Strip::kLines; ++line) {
     std::copy_n(ReadLine(frame, y - 3 + line, plane), strip.width, strip.Line(Strip::kRaw, line));
   }
 }
@@ -322,7 +341,7 @@ void CImgBayerToRgb::CopyOrgToDisp(CImage& frame, int plane, int y, Strip& strip
 
 void CImgBayerToRgb::MakeYImage(int nCFA, Strip& strip) {
   const int last = strip.width - 1;
-  for (int k = 1; k <= 6; ++k) {
+  for (int k = strip.FirstNew(1); k <= 6; ++k) {
     float const *above = strip.Line(Strip::kRaw, k - 1), *here = strip.Line(Strip::kRaw, k),
                 *below = strip.Line(Strip::kRaw, k + 1);
     float* sum = strip.Line(Strip::kRedAndBlue, k);
@@ -334,7 +353,7 @@ void CImgBayerToRgb::MakeYImage(int nCFA, Strip& strip) {
     sum[0] = here[0] + here[0];
     sum[last] = here[last] + here[last];
   }
-  for (int k = 2; k <= 5; ++k) {
+  for (int k = strip.FirstNew(2); k <= 5; ++k) {
     const int coloured = RedSite(nCFA).ColouredColumns(k);
     float const *above = strip.Line(Strip::kRaw, k - 1), *here = strip.Line(Strip::kRaw, k),
                 *below = strip.Line(Strip::kRaw, k + 1);
@@ -355,7 +374,7 @@ void CImgBayerToRgb::MakeYImage(int nCFA, Strip& strip) {
 void CImgBayerToRgb::MakeRGBImage(int nCFA, Strip& strip) {
   const int last = strip.width - 1;
   const RedSite red(nCFA);
-  for (int k = 2; k <= 5; ++k) {
+  for (int k = strip.FirstNew(2); k <= 5; ++k) {
     const int coloured = red.ColouredColumns(k);
     const bool isRedRow = (k & 1) == red.y;
     float const *above = strip.Line(Strip::kRaw, k - 1), *here = strip.Line(Strip::kRaw, k),
@@ -383,8 +402,7 @@ void CImgBayerToRgb::SynthImage(tagBayerStruct const& bayer, Range const& range,
   const int border = bayer.bMono ? 0 : 1;
   const int left = std::max(bayer.nTrimLeft, border),
             right = std::min(bayer.nTrimLeft + GetWidth(), strip.width - border);
-  // The sums of red and blue have served.
-  float *columnSum = strip.Line(Strip::kRedAndBlue, 0), *colour = strip.Line(Strip::kRedAndBlue, 1);
+  float *columnSum = strip.Line(Strip::kSynthesis, 0), *colour = strip.Line(Strip::kSynthesis, 1);
   for (int k = 3; k <= 4; ++k) {
     const int row = y + k - 3 - bayer.nTrimTop;
     if (row < 0 || row >= GetHeight()) continue;
@@ -427,10 +445,15 @@ void CImgBayerToRgb::GammaCorrect(int dstBits, double gamma) {
     }
     ForLines(Team::All, 0, GetHeight(), [&](int y) {
       float* line = GetWritableLine(0, y, p);
-      for (int x = 0; x < GetWidth(); ++x) {
-        if (line[x] > min && !std::isinf(line[x]))
-          line[x] = static_cast<float>(std::pow((line[x] - min) / range, exponent) * range + min);
-      }
+      const int width = GetWidth();
+      RunInLongVectors([&]() KORIMG_IN_LOOP {
+#pragma omp simd
+        for (int x = 0; x < width; ++x) {
+          const double share = (line[x] - min) / range;
+          const auto corrected = static_cast<float>(PositivePower(share, exponent) * range + min);
+          line[x] = share > 0 && share < kInfinity ? corrected : line[x];
+        }
+      });
       ShowProgress(1);
     });
   }
