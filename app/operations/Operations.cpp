@@ -118,12 +118,25 @@ void Level(Call& call) {
 }
 
 void AutoLevel(Call& call) {
+  // What suits a sky with stars, by method.
+  constexpr std::pair<double, double> kDefaults[] = {{0.001, 0.999}, {1, 4}, {1, 4}, {0.4, 2}};
+  const int method = call.Choice("method"), separate = call.Integer("separate");
+  const double low = call.Has("low") ? call.Number("low") : kDefaults[method].first,
+               high = call.Has("high") ? call.Number("high") : kDefaults[method].second;
+  for (int p = 0; p < call.image->GetPlanes(); ++p) {
+    const auto [min, max] = call.image->GetMinMax(p);
+    if (!std::isfinite(min) || !std::isfinite(max)) {
+      throw UsageError(
+          "auto-level: the image has infinite pixels, or none that is a number: no levels fit it");
+    }
+    if (!(min < max)) {
+      throw UsageError(fmt::format("auto-level: all pixels of plane {} are {:g}: no levels fit it", p, min));
+    }
+  }
   CImgAutoLevel levels;
   levels.Swap(call.image.get());
   levels.SetProgressHandle(call.Window());
-  const double low = call.Number("low"), high = call.Number("high");
-  const int separate = call.Integer("separate");
-  switch (call.Choice("method")) {
+  switch (method) {
     case 0:
       levels.DoByNormal(low, high, separate, call.rect);
       break;
@@ -138,6 +151,15 @@ void AutoLevel(Call& call) {
       levels.DoByHistogram(low, high, separate, call.Integer("mode"), call.rect);
   }
   levels.Swap(call.image.get());
+  for (int p = 0; p < call.image->GetPlanes(); ++p) {
+    const double black = call.image->GetLevelMin(p), white = call.image->GetLevelMax(p);
+    if (!(black < white)) {
+      throw UsageError(
+          fmt::format("auto-level: black would be {:g} and white {:g}; take another method, "
+                      "or other values of low and high",
+                      black, white));
+    }
+  }
   call.image->SetOwnLevel(true);
 }
 
@@ -147,10 +169,20 @@ void Dark(Call& call) {
 
 void Flat(Call& call) {
   const auto flat = call.File("file");
-  if (!std::isfinite(flat->GetAvrGrayRaw(0))) {
-    throw UsageError("flat: the flat has blank pixels; dark-flat passes them over");
+  const bool curved = call.Number("gamma") > 0;
+  if (!curved && call.Number("offset") != 0) {
+    throw UsageError("flat: offset goes with a gamma; give gamma=1 for a flat as it is");
   }
-  if (call.Number("gamma") > 0) {
+  for (int p = 0; p < flat->GetPlanes(); ++p) {
+    if (!std::isfinite(flat->GetAvrGrayRaw(p))) {
+      throw UsageError("flat: the flat has blank pixels; dark-flat passes them over");
+    }
+    const auto [min, max] = flat->GetMinMax(p);
+    if (curved && !(min < max)) {
+      throw UsageError("flat: a plane of the flat is constant, and has no curve; take another flat");
+    }
+  }
+  if (curved) {
     call.image->FlatClbrtn(flat.get(), static_cast<float>(call.Number("offset")), call.Number("gamma"),
                            kShow);
   } else {
@@ -282,10 +314,14 @@ const std::vector<Operation>& Operations() {
        "sets black and white by the image's own pixels; no pixel changes",
        {Choice("method", {"normal", "mean", "median", "histogram"},
                "percentiles; mean or median with deviations; or the peak of the histogram"),
-        Number("low", "", "0.001", "normal: share of pixels below black; else deviations below the middle",
-               -1e6, 1e6),
-        Number("high", "", "0.999", "normal: share of pixels below white; else deviations above the middle",
-               -1e6, 1e6),
+        Optional(Number("low", "", "",
+                        "normal: share of pixels below black, 0.001; else deviations below the middle, 1, "
+                        "and 0.4 for histogram",
+                        -1e6, 1e6)),
+        Optional(Number("high", "", "",
+                        "normal: share of pixels below white, 0.999; else deviations above the middle, 4, "
+                        "and 2 for histogram",
+                        -1e6, 1e6)),
         Flag("separate", "0", "1: each plane by itself; 0: all planes move together by brightness"),
         Integer("mode", "", "0", 0, 2,
                 "histogram: 0 shifts planes to one peak, 1 keeps one black, 2 shifts levels")},

@@ -10,6 +10,7 @@
 
 #include "app/operations/Operations.h"
 #include "app/tool/Images.h"
+#include "app/tool/Tell.h"
 #include "app/verbs/Verbs.h"
 
 namespace korimg::tool {
@@ -72,6 +73,34 @@ std::unique_ptr<CVelImage> AsKindOf(const CVelImage& first, std::unique_ptr<CVel
   return grey;
 }
 
+/// Puts the first image back where the second does not reach: there the library combines it with a value
+/// that stands for nothing, a black strip or a white one. What reaches is what the kernel finds of ones.
+void RestoreUnreached(CVelImage& result, CVelImage& first, const CVelImage& second,
+                      const CompositeOptions& options, CRect* window) {
+  const auto plane = [](const CVelImage& like) {
+    return CVelImage(like.VmManager(), CImage::Float, like.GetWidth(), like.GetHeight(), 1, 1.0, 0.0, 1,
+                     nullptr);
+  };
+  CVelImage nothing = plane(first), ones = plane(second);
+  ones.Fill(0, 1);
+  ones.SetStdCtr(second.GetStdCtr());
+  CImgComposit reach;
+  if (!reach.Create(nothing, nullptr)) throw velora::CVmMemoryAllocationError("no room for the result");
+  constexpr int kAdd = 1;
+  reach.Do(&nothing, &ones, options.dx, options.dy, options.angle, 1, kAdd, options.Kernel(), 1, 0, 0, 1, 1,
+           window, 0, -1);
+  constexpr float kAll = 0.9f;  // the weights of some kernels add up to a little less than 1
+  for (int p = 0; p < result.GetPlanes(); ++p) {
+    for (int y = 0; y < result.GetHeight(); ++y) {
+      const float *found = reach.GetLine(0, y, 0), *own = first.GetLine(0, y, p);
+      float* out = result.GetWritableLine(0, y, p);
+      for (int x = 0; x < result.GetWidth(); ++x) {
+        if (!(found[x] > kAll)) out[x] = own[x];
+      }
+    }
+  }
+}
+
 /// What the ranges of the options let through.
 void Check(const CompositeOptions& options) {
   for (const double number : {options.dx, options.dy, options.angle, options.weight, options.threshold}) {
@@ -87,10 +116,12 @@ void Composite(Tool& tool, const CompositeOptions& options) {
   Check(options);
   CRect rect = options.rect.empty() ? CRect() : ParseRect(options.rect);
   CRect* window = options.rect.empty() ? nullptr : &rect;
-  if (tool.options.dryRun) {
-    tool.console.Say(fmt::format("{} -> {}", options.Text(), options.output));
-    return;
-  }
+  const nlohmann::ordered_json json{{"first", options.first},
+                                    {"second", options.second},
+                                    {"output", options.output},
+                                    {"operation", options.Text()}};
+  const std::string line = fmt::format("{} -> {}", options.Text(), options.output);
+  if (tool.options.dryRun) return Tell(tool, json, line);
   tool.CheckOutput(options.output);
   const auto store = tool.MakeStore(options.store);
   LoadedImage loaded = LoadImage(tool, store, options.first, {.hdu = options.hdu});
@@ -112,20 +143,13 @@ void Composite(Tool& tool, const CompositeOptions& options) {
             options.weight, options.level, options.cutMinus, options.threshold, options.radius, window, 1,
             -1);
   tool.console.EndProgress();
+  if (options.Mode() != kNeighbour) RestoreUnreached(result, first, *second, options, window);
   // A small rectangle may have been widened: only what was asked for goes back into the image.
   if (window) first.Paste(&result, window);
   loaded.info.header.AddHistory(fmt::format("korimg {} {}", Version(), options.Text()));
   SaveImage(tool, window ? first : result, loaded.info.header, options.output,
             {.integers = options.bits == "16"});
-  if (tool.options.json) {
-    fmt::print("{}\n", nlohmann::json{{"first", options.first},
-                                      {"second", options.second},
-                                      {"output", options.output},
-                                      {"operation", options.Text()}}
-                           .dump());
-  } else {
-    tool.console.Say(fmt::format("{} -> {}", options.Text(), options.output));
-  }
+  Tell(tool, json, line);
 }
 
 }  // namespace
@@ -147,9 +171,8 @@ void AddComposite(CLI::App& app, Tool& tool) {
                    "X,Y of the second that it turns about; its middle unless told");
   verb->add_option(
           "--mode", options->mode,
-          "how the two are combined; where the second does not reach it counts as 0, and as 255 in multiply "
-          "and divide (with --level on contiguous stores from its black); neighbour replaces what is "
-          "saturated in a long exposure by a short one")
+          "how the two are combined; where the second does not reach, the first stands as it is; neighbour "
+          "replaces what is saturated in a long exposure by a short one")
       ->check(CLI::IsMember(kModes));
   verb->add_option("--kernel", options->kernel, "how the second is read between its pixels")
       ->check(CLI::IsMember(kKernels));

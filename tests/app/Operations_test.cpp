@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "app/tool/Images.h"
@@ -31,6 +32,7 @@ class Table : public files::FolderTest {
     if (parameter.kind == ParameterKind::Rect) return "11,7,80,66";
     if (parameter.kind == ParameterKind::Points) return "0:0,0.3:0.5,1:1";
     if (parameter.name == "max") return "800,900,1000";
+    if (parameter.name == "high") return "800";
     if (parameter.name == "rank") return "2,3,1";
     if (parameter.name == "width" || parameter.name == "height") return "120";
     if (parameter.name == "radius" || parameter.name.starts_with("centre-")) return "40";
@@ -112,6 +114,61 @@ TEST_F(Table, ABlankPixelOfAFlatLeavesItsPixelAlone) {
   EXPECT_EQ(loaded.image->GetPixelGrayRaw(7, 9, 1), static_cast<float>(Random(100, 1000)(1, 7, 9)));
   EXPECT_TRUE(std::isfinite(loaded.image->GetPixelGrayRaw(8, 9, 1)));
   EXPECT_THROW(Run(FindOperation("flat"), "contiguous", nullptr), UsageError);
+}
+
+TEST_F(Table, WhatCannotGiveAnImageIsRefused) {
+  const auto sky = [](int p, int x, int y) { return 500 * p + 1000 + 30 * Random(-1, 1)(p, x, y); };
+  const auto constant = [](int, int, int) { return 700.0; };
+  const auto hole = [&](int p, int x, int y) { return p == 2 && x == 7 && y == 9 ? NAN : sky(p, x, y); };
+  const auto infinite = [&](int p, int x, int y) {
+    return p == 1 && x == 7 && y == 9 ? INFINITY : sky(p, x, y);
+  };
+  const struct {
+    test::PixelRule image, flat;
+    const char* operation;
+    std::map<std::string, std::string> values;
+    bool works;
+  } cases[] = {
+      {constant, sky, "auto-level", {{"method", "normal"}}, false},
+      {constant, sky, "auto-level", {{"method", "mean"}, {"separate", "1"}}, false},
+      {constant, sky, "auto-level", {{"method", "median"}}, false},
+      {constant, sky, "auto-level", {{"method", "histogram"}}, false},
+      {infinite, sky, "auto-level", {{"method", "mean"}}, false},
+      {sky, sky, "auto-level", {{"low", "0.7"}, {"high", "0.1"}}, false},
+      {sky, sky, "auto-level", {{"method", "median"}}, true},
+      {sky, hole, "flat", {}, false},
+      {sky, constant, "flat", {{"gamma", "2"}}, false},
+      {sky, constant, "flat", {}, true},
+      {sky, sky, "flat", {{"offset", "0.2"}}, false},
+      {sky, sky, "flat", {{"offset", "0.2"}, {"gamma", "1"}}, true},
+  };
+  int number = 0;
+  for (const auto& c : cases) {
+    first_ = File(fmt::format("first{}.fits", ++number), c.image);
+    second_ = File(fmt::format("second{}.fits", number), c.flat);
+    Step step{&FindOperation(c.operation), c.values};
+    if (step.operation->name == "flat") step.values["file"] = second_.string();
+    for (const char* store : {"contiguous", "paged"}) {
+      if (c.works) {
+        EXPECT_NO_THROW(Run(step, store)) << step.Text();
+      } else {
+        EXPECT_THROW(Run(step, store), UsageError) << step.Text();
+      }
+    }
+  }
+}
+
+TEST_F(Table, AutomaticLevelsKeepTheSkyByTheirOwnDefaults) {
+  // A sky of noise, and stars on it.
+  first_ = File("first.fits", [](int p, int x, int y) {
+    const double noise = Random(-1, 1)(p, x, y) + Random(-1, 1, 5)(p, x, y) + Random(-1, 1, 9)(p, x, y);
+    return 1000 + 30 * noise + (x % 17 == 3 && y % 13 == 5 ? 9000 : 0);
+  });
+  for (const char* method : {"normal", "mean", "median", "histogram"}) {
+    const auto image = Run(Step{&FindOperation("auto-level"), {{"method", method}}}, "contiguous");
+    EXPECT_LT(image->GetLevelMin(0), 990) << method;
+    EXPECT_GT(image->GetLevelMax(0), 1050) << method;
+  }
 }
 
 TEST_F(Table, DefaultsAreWithinTheirRangesAndNamesAreUnique) {
