@@ -27,10 +27,16 @@ std::string CommandLine(int argc, char** argv) {
 int Run(int argc, char** argv, Tool& tool) {
   CLI::App app("Image processing for astronomy: from raw camera frames to a picture.", "korimg");
   app.set_help_all_flag("--help-all", "Help of all verbs");
+  app.option_defaults()->always_capture_default();
   AddVersion(app, tool);
   for (const auto add : {AddInfo, AddOps, AddApply, AddCalibrate, AddComposite, AddDevelop, AddRegister,
                          AddRender, AddRun, AddSimulate, AddStack, AddStars}) {
     add(app, tool);
+  }
+  for (CLI::App* verb : app.get_subcommands({})) {
+    for (CLI::Option* option : verb->get_options()) {
+      if (option->get_default_str() == "[]") option->default_str("");  // no files
+    }
   }
   try {
     app.parse(argc, argv);

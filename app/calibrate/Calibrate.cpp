@@ -29,36 +29,40 @@ class LightWriter {
  public:
   LightWriter(Tool& tool, const Session& session) : tool_(tool), session_(session) {}
 
-  /// What nothing was taken off is not written again: a picture of it is all that is new.
+  /// What nothing was taken off is not written again.
   std::optional<fs::path> Output(const Light& light) const {
     if (!light.Changes()) return std::nullopt;
     return session_.Options().out / (StemOf(light.frame.path) + ".fits");
   }
-  fs::path Preview(const Light& light) const {
-    return session_.Options().out / (StemOf(light.frame.path) + ".png");
+  /// Apart from the frames, which are often read as a folder.
+  std::optional<fs::path> Preview(const Light& light) const {
+    if (!session_.Options().previews) return std::nullopt;
+    return session_.Options().out / "previews" / (StemOf(light.frame.path) + ".png");
   }
   std::vector<fs::path> Outputs() const {
     std::vector<fs::path> outputs;
     for (const Light& light : session_.Lights()) {
       if (const auto output = Output(light)) outputs.push_back(*output);
-      outputs.push_back(Preview(light));
+      if (const auto preview = Preview(light)) outputs.push_back(*preview);
     }
     return outputs;
   }
   Json Description(const Light& light) const {
     Json json = light.Description();
-    const auto output = Output(light);
-    json["output"] = output ? Json(output->string()) : Json();
-    json["preview"] = Preview(light).string();
+    for (const auto& [key, path] : {std::pair("output", Output(light)), {"preview", Preview(light)}}) {
+      json[key] = path ? Json(path->string()) : Json();
+    }
     return json;
   }
 
   /// Each light by itself, from its file to its results.
   void WriteAll() {
-    fs::create_directories(session_.Options().out);
+    const fs::path& out = session_.Options().out;
+    fs::create_directories(session_.Options().previews ? out / "previews" : out);
     const auto& lights = session_.Lights();
     SideBySide(
-        tool_, "calibrating frame", lights.size(), [&](size_t i) { return Write(lights[i]); },
+        tool_, "calibrating frame", lights.size(), BytesOf(lights.front().frame.info),
+        [&](size_t i) { return Write(lights[i]); },
         [&](size_t i, const auto& result) {
           tool_.ForEachFile({lights[i].frame.path}, [&](const fs::path&) { Tell(lights[i], result()); });
         });
@@ -75,7 +79,7 @@ class LightWriter {
     session_.Describe(info.header, light, result.clipped);
     if (light.mosaic.cfa > 0) {
       // Gains are for light alone: the pedestal comes back after them.
-      const double pedestal = session_.Options().pedestal;
+      const double pedestal = session_.Options().KeptPedestal();
       if (pedestal > 0) Calculate(image, Calculation::Subtract, pedestal);
       Development development = session_.Develop(MosaicSource(image), light, info);
       Levels levels = development.PictureLevels(kPreviewSide);
@@ -83,15 +87,16 @@ class LightWriter {
         levels.min[p] += pedestal;
         levels.max[p] += pedestal;
       }
-      SaveDeveloped(tool_, development, info.header, levels, levels, *Output(light), false, Preview(light),
+      SaveDeveloped(tool_, development, info.header, levels, levels, *Output(light), {}, Preview(light),
                     kPreviewSide, [&](CVelImage& band) {
                       if (pedestal > 0) Calculate(band, Calculation::Add, pedestal);
                     });
     } else {
       LevelForPreview(image, kPreviewSide);
       if (const auto output = Output(light)) SaveImage(tool_, image, info.header, *output);
-      SavePicture(tool_, image, Preview(light),
-                  ShrinkTo({image.GetWidth(), image.GetHeight()}, kPreviewSide));
+      if (const auto preview = Preview(light)) {
+        SavePicture(tool_, image, *preview, ShrinkTo({image.GetWidth(), image.GetHeight()}, kPreviewSide));
+      }
     }
     result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     return result;
@@ -107,7 +112,7 @@ class LightWriter {
       std::fflush(stdout);
     } else {
       tool_.console.Say(fmt::format("{} -> {}: mean {:.6g}{}", light.Name(),
-                                    Output(light).value_or(Preview(light)).string(), result.mean,
+                                    Output(light) ? Output(light)->string() : "as it is", result.mean,
                                     light.Offset() ? ", clipped " + Percent(result.clipped) : ""));
     }
   }

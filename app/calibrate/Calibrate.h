@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <vector>
 
 #include "app/develop/Develop.h"
@@ -13,17 +14,24 @@ struct CalibrateOptions {
   std::vector<std::filesystem::path> lights, darks, flats, biases;
   std::filesystem::path out;
   std::filesystem::path masters;  ///< folder for the masters; empty: they are not kept
-  double pedestal = 0;            ///< added before anything is taken off, and kept in the output
-  bool allowMismatch = false;     ///< frames that differ in more than size serve with a warning
-  DevelopOptions develop;         ///< of lights that are mosaics
-  bool keepMosaic = false;        ///< mosaics stay as they are
+  /// Added before anything is taken off, and kept in the output. None: what the noise needs, and taken off
+  /// again at the end.
+  std::optional<double> pedestal;
+  bool allowMismatch = false;       ///< frames that differ in more than size serve with a warning
+  DevelopOptions develop;           ///< of lights that are mosaics
+  bool keepMosaic = false;          ///< mosaics stay as they are
+  bool lightsMayBeMissing = false;  ///< a light that cannot be used is a warning, and names may clash
+  bool previews = false;            ///< a small picture of each light too, in the folder previews
+
+  /// What stays in the output beside light.
+  double KeptPedestal() const { return pedestal.value_or(0); }
 };
 
-/// Writes a calibrated FITS of floats and a picture for each light; mosaics are developed into colour, with
-/// one white balance for all lights of a camera. Darks contain the bias; the bias comes off flats that have
-/// no dark of their own exposure, and off lights when there are no darks. A light that cannot be done is an
-/// error of its own; anything wrong with calibration frames or outputs ends the call before anything is
-/// written.
+/// Writes a calibrated FITS of floats for each light, and a picture where they are wanted; mosaics are
+/// developed into colour, with one white balance for all lights of a camera. Darks contain the bias; the bias
+/// comes off flats that have no dark of their own exposure, and off lights when there are no darks. A light
+/// that cannot be done is an error of its own; anything wrong with calibration frames or outputs ends the
+/// call before anything is written.
 void Calibrate(Tool& tool, const CalibrateOptions& options);
 
 }  // namespace korimg::tool

@@ -1,12 +1,16 @@
 #include "app/calibrate/Frames.h"
 
 #include <algorithm>
+#include <array>
+#include <cctype>
 #include <cmath>
 #include <limits>
 #include <map>
 #include <tuple>
 
 #include <fmt/format.h>
+
+#include "app/files/Times.h"
 
 namespace korimg::tool {
 
@@ -16,7 +20,7 @@ namespace {
 
 constexpr double kExact = 1e-6;  // relative: numbers that were written with few digits
 constexpr double kDegrees = 2;   // that the dark signal may be trusted over
-constexpr const char* kTemperature = "CCD-TEMP";
+constexpr const char *kTemperature = "CCD-TEMP", *kFilter = "FILTER", *kOtherFilter = "FILTER1";
 
 /// What must agree between the frames of a group, and between a group and the frames it serves.
 struct Property {
@@ -43,7 +47,7 @@ constexpr Property kProperties[] = {
     {"READOUTM", nullptr, true, true, true},
     {"EXPTIME", "EXPOSURE", false, true, false},
     {kTemperature, nullptr, true, true, false, kDegrees},
-    {"FILTER", "FILTER1", false, false, true},
+    {kFilter, kOtherFilter, false, false, true},
 };
 
 std::optional<double> Number(const std::string& text) {
@@ -60,7 +64,7 @@ std::string Shown(const std::string& value) {
 
 bool Agree(const Property& property, const std::string& a, const std::string& b) {
   const auto x = Number(a), y = Number(b);
-  if (!x || !y) return a == b;
+  if (!x || !y) return FoldedName(a) == FoldedName(b);
   return std::abs(*x - *y) <= property.tolerance + kExact * std::abs(*x);
 }
 
@@ -95,9 +99,49 @@ fs::path Unpacked(const fs::path& path) {
   return IsOneOf(files::LowerExtension(path), {".gz", ".fz"}) ? path.filename().stem() : path.filename();
 }
 
-bool HasImageExtension(const fs::path& path) {
-  return IsOneOf(files::LowerExtension(path), {".fits", ".fit", ".fts", ".tif", ".tiff", ".png"}) ||
-         files::HasRawExtension(path);
+/// Kinds of image files; the first two hold frames as a camera gives them.
+enum FileKind : size_t { kFits, kRaw, kTiff, kPng, kNoImage };
+constexpr const char* kKindNames[] = {"FITS", "camera raw", "TIFF", "PNG"};
+
+FileKind KindOf(const fs::path& path) {
+  const std::string extension = files::LowerExtension(Unpacked(path));
+  if (IsOneOf(extension, {".fits", ".fit", ".fts"})) return kFits;
+  if (files::HasRawExtension(Unpacked(path))) return kRaw;
+  if (IsOneOf(extension, {".tif", ".tiff"})) return kTiff;
+  return extension == ".png" ? kPng : kNoImage;
+}
+
+/// The frames in a folder.
+std::vector<fs::path> FramesIn(Console& console, const fs::path& folder) {
+  std::array<std::vector<fs::path>, 4> found;
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    const FileKind kind = KindOf(entry.path());
+    const bool hidden = entry.path().filename().string().starts_with(".");
+    if (!hidden && kind != kNoImage) found[kind].push_back(entry.path());
+  }
+  const bool hasFrames = !found[kFits].empty() || !found[kRaw].empty();
+  std::vector<fs::path>* frames = nullptr;
+  std::string kinds;
+  for (size_t kind = 0; kind < found.size(); ++kind) {
+    if (found[kind].empty()) continue;
+    const std::string text = fmt::format("{} {}", found[kind].size(), kKindNames[kind]);
+    if (hasFrames && kind >= kTiff) {
+      console.Warn(fmt::format("{}: {} files beside the frames are left out; name them to use them",
+                               folder.string(), text));
+      continue;
+    }
+    kinds += (kinds.empty() ? "" : " and ") + text;
+    if (frames) {
+      throw files::FileError(folder, fmt::format("holds {} files; name those of one kind", kinds));
+    }
+    frames = &found[kind];
+  }
+  if (!frames) {
+    throw files::FileError(
+        folder, "no images in this folder (.fits .fit .fts, also .gz .fz, .tif .tiff .png, camera raw)");
+  }
+  std::sort(frames->begin(), frames->end());
+  return std::move(*frames);
 }
 
 /// "master_flat_Ha" and the like, free of what file names should not hold.
@@ -105,13 +149,10 @@ std::string MasterName(const Group& group) {
   const Frame& first = group.frames.front();
   if (group.kind == FrameKind::Bias) return "master_bias";
   if (group.kind == FrameKind::Dark) {
-    const auto exposure = ExposureOf(first);
+    const auto exposure = files::ExposureOf(first.info.header);
     return exposure ? fmt::format("master_dark_{:g}s", *exposure) : "master_dark";
   }
-  std::string filter;
-  for (const Property& property : kProperties) {
-    if (property.key == std::string("FILTER")) filter = property.Of(first.info.header).value_or("");
-  }
+  std::string filter = FilterOf(first.info.header);
   for (char& c : filter) {
     if (static_cast<unsigned char>(c) < ' ' || std::string("/\\:*?\"<>| ").find(c) != std::string::npos)
       c = '_';
@@ -136,35 +177,43 @@ std::string Group::Properties() const {
   return text;
 }
 
+std::string FilterOf(const files::Header& header) {
+  const auto filter = header.GetString(kFilter);
+  return filter ? *filter : header.GetString(kOtherFilter).value_or("");
+}
+
+std::string FoldedName(std::string name) {
+  std::erase(name, ' ');
+  for (char& c : name) {
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
+  return name;
+}
+
 Frame ReadFrame(const fs::path& path) {
   return {path, files::ImageReader::Open(path)->Info()};
 }
 
-std::vector<fs::path> ExpandFolders(const std::vector<fs::path>& paths) {
+std::vector<fs::path> ExpandFolders(Console& console, const std::vector<fs::path>& paths) {
   std::vector<fs::path> files;
   for (const fs::path& path : paths) {
-    if (!fs::is_directory(path)) {
-      files.push_back(path);
-      continue;
-    }
-    const size_t before = files.size();
-    for (const auto& entry : fs::directory_iterator(path)) {
-      const bool hidden = entry.path().filename().string().starts_with(".");
-      if (!hidden && HasImageExtension(Unpacked(entry.path()))) files.push_back(entry.path());
-    }
-    if (files.size() == before) {
-      throw files::FileError(
-          path, "no images in this folder (.fits .fit .fts, also .gz .fz, .tif .tiff .png, camera raw)");
-    }
-    std::sort(files.begin() + static_cast<std::ptrdiff_t>(before), files.end());
+    const auto more = fs::is_directory(path) ? FramesIn(console, path) : std::vector<fs::path>{path};
+    files.insert(files.end(), more.begin(), more.end());
   }
   return files;
 }
 
-std::vector<Group> MakeGroups(FrameKind kind, const std::vector<fs::path>& paths) {
+std::vector<Group> MakeGroups(Console& console, FrameKind kind, const std::vector<fs::path>& paths) {
   std::vector<Group> groups;
   for (const fs::path& path : paths) {
-    Frame frame = ReadFrame(path);
+    Frame frame;
+    try {
+      frame = ReadFrame(path);
+    } catch (const files::FileError& error) {
+      if (groups.empty() && path == paths.back()) throw;
+      console.Warn(fmt::format("{}; it is left out", error.what()));
+      continue;
+    }
     const auto same = std::find_if(groups.begin(), groups.end(), [&](const Group& group) {
       return Compare(group, frame) && group.frames.front().info.planes == frame.info.planes;
     });
@@ -195,11 +244,6 @@ Match FindMatch(const std::vector<Group>& groups, const Frame& frame) {
   return best;
 }
 
-std::optional<double> ExposureOf(const Frame& frame) {
-  const auto exposure = frame.info.header.GetDouble("EXPTIME");
-  return exposure ? exposure : frame.info.header.GetDouble("EXPOSURE");
-}
-
 void CheckStems(const std::vector<fs::path>& paths) {
   std::map<std::string, fs::path> stems;
   for (const fs::path& path : paths) {
@@ -214,7 +258,7 @@ void CheckStems(const std::vector<fs::path>& paths) {
 
 std::string StemOf(const fs::path& path) {
   const fs::path name = Unpacked(path);
-  return HasImageExtension(name) ? name.stem().string() : name.string();
+  return KindOf(path) != kNoImage ? name.stem().string() : name.string();
 }
 
 }  // namespace korimg::tool

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "app/files/ImageFile.h"
+#include "app/tool/Console.h"
 
 namespace korimg::tool {
 
@@ -47,19 +48,26 @@ struct Match {
 /// Reads the header of an image file.
 Frame ReadFrame(const std::filesystem::path& path);
 
-/// Files as they are, and folders as the image files in them, in the order of their names.
-/// @throws FileError for a folder without images.
-std::vector<std::filesystem::path> ExpandFolders(const std::vector<std::filesystem::path>& paths);
+/// Files as they are, and folders as the image files in them, in the order of their names. A folder is read
+/// as frames of one kind: pictures (PNG, TIFF) beside FITS or camera raw files are left out, and told of.
+/// @throws FileError for a folder without images, or with several kinds of frames.
+std::vector<std::filesystem::path> ExpandFolders(Console& console,
+                                                 const std::vector<std::filesystem::path>& paths);
 
-/// Parts frames by size, camera, binning, gain, offset and readout mode; darks and biases by temperature;
-/// darks by exposure; flats by filter.
-std::vector<Group> MakeGroups(FrameKind kind, const std::vector<std::filesystem::path>& paths);
+/// A frame that cannot be read is left out with a warning, unless no other is left. Parts frames by size,
+/// camera, binning, gain, offset and readout mode; darks and biases by temperature; darks by exposure; flats
+/// by filter.
+std::vector<Group> MakeGroups(Console& console, FrameKind kind,
+                              const std::vector<std::filesystem::path>& paths);
 
 /// The group with the fewest mismatches, and of these the one nearest in temperature.
 Match FindMatch(const std::vector<Group>& groups, const Frame& frame);
 
-/// Exposure time by EXPTIME or EXPOSURE.
-std::optional<double> ExposureOf(const Frame& frame);
+/// The filter that a frame was taken through, by FILTER or FILTER1; empty where neither says one.
+std::string FilterOf(const files::Header& header);
+
+/// A name without blanks and in lower case, as names are compared.
+std::string FoldedName(std::string name);
 
 /// Refuses files whose results would have the same name.
 void CheckStems(const std::vector<std::filesystem::path>& paths);

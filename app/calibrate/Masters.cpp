@@ -290,7 +290,7 @@ std::string Master::Text() const {
 }
 
 Master MakeMaster(Tool& tool, const std::shared_ptr<CVmManager>& store, const Group& group,
-                  const Master* offset) {
+                  const Master* offset, bool mosaic) {
   Master master;
   master.group = &group;
   if (group.frames.size() == 1) {
@@ -310,7 +310,8 @@ Master MakeMaster(Tool& tool, const std::shared_ptr<CVmManager>& store, const Gr
     stack.Median(tool, *master.image, "making " + group.name);
     master.saturated = stack.Saturated();
   }
-  if (group.kind == FrameKind::Flat && files::FindMosaic(group.frames.front().info).cfa > 0) {
+  const files::ImageInfo& first = group.frames.front().info;
+  if (group.kind == FrameKind::Flat && first.planes == 1 && (mosaic || files::FindMosaic(first).cfa > 0)) {
     EqualiseCells(*master.image);
     master.equalised = true;
   }

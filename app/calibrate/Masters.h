@@ -32,10 +32,10 @@ struct Master {
 };
 
 /// Makes the master of a group in bounded memory: a single frame as it is, else the median of all. Flats have
-/// `offset`, which may be null, taken off and are brought to one mean before; the colours of a mosaic are
-/// brought to one mean after.
+/// `offset`, which may be null, taken off and are brought to one mean before; the colours of a mosaic, which
+/// they name or are told to be, are brought to one mean after.
 Master MakeMaster(Tool& tool, const std::shared_ptr<CVmManager>& store, const Group& group,
-                  const Master* offset);
+                  const Master* offset, bool mosaic = false);
 
 /// Writes a master with the first frame's header and its history.
 void SaveMaster(Tool& tool, Master& master, const std::filesystem::path& path);

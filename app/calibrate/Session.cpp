@@ -1,6 +1,7 @@
 #include "app/calibrate/Session.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <fstream>
 #include <set>
@@ -11,6 +12,7 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "app/files/Formats.h"
+#include "app/files/Times.h"
 
 namespace korimg::tool {
 
@@ -30,16 +32,18 @@ std::string CameraOf(const Light& light) {
   return light.mosaic.name + ' ' + light.frame.info.header.GetString("INSTRUME").value_or("");
 }
 
-/// Pixels that lie below their offset, and will be 0.
-long long CountClipped(CVelImage& image, CVelImage& offset) {
+/// Takes the offset off an image; what would be less than `least` becomes that. Answers how many pixels were.
+long long Subtract(CVelImage& image, CVelImage& offset, float least) {
   long long count = 0;
   for (int p = 0; p < image.GetPlanes(); ++p) {
     for (const int n : MapLines(0, image.GetHeight(), [&](int y) {
-           const float *row = image.GetLine(0, y, p),
-                       *off = offset.GetLine(0, y, std::min(p, offset.GetPlanes() - 1));
+           float* row = image.GetWritableLine(0, y, p);
+           const float* off = offset.GetLine(0, y, std::min(p, offset.GetPlanes() - 1));
            int below = 0;
            for (int x = 0; x < image.GetWidth(); ++x) {
-             below += row[x] < off[x];
+             const float light = row[x] - off[x];
+             below += light < least;
+             row[x] = light < least ? least : light;  // blank pixels stay
            }
            return below;
          })) {
@@ -79,10 +83,6 @@ void CheckUnchanged(const Light& light, const files::ImageInfo& found) {
 
 }  // namespace
 
-std::string Dump(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
 std::string Light::Served() const {
   std::string text;
   for (const Group* group : {dark, bias, flat}) {
@@ -102,17 +102,20 @@ Json Light::Description() const {
 }
 
 Session::Session(Tool& tool, const CalibrateOptions& options) : tool_(tool), options_(options) {
-  darks_ = MakeGroups(FrameKind::Dark, ExpandFolders(options.darks));
-  flats_ = MakeGroups(FrameKind::Flat, ExpandFolders(options.flats));
-  biases_ = MakeGroups(FrameKind::Bias, ExpandFolders(options.biases));
+  darks_ = MakeGroups(tool.console, FrameKind::Dark, ExpandFolders(tool.console, options.darks));
+  flats_ = MakeGroups(tool.console, FrameKind::Flat, ExpandFolders(tool.console, options.flats));
+  biases_ = MakeGroups(tool.console, FrameKind::Bias, ExpandFolders(tool.console, options.biases));
   FindOffsetsOfFlats();
-  const std::vector<fs::path> paths = ExpandFolders(options.lights);
-  CheckStems(paths);
-  tool.ForEachFile(paths, [&](const fs::path& path) {
-    failed_.push_back(path.filename().string());  // failed, unless it is planned
-    lights_.push_back(PlanLight(path));
-    failed_.pop_back();
-  });
+  const std::vector<fs::path> paths = ExpandFolders(tool.console, options.lights);
+  if (!options.lightsMayBeMissing) CheckStems(paths);
+  tool.ForEachFile(
+      paths,
+      [&](const fs::path& path) {
+        failed_.push_back(path.filename().string());  // failed, unless it is planned
+        lights_.push_back(PlanLight(path));
+        failed_.pop_back();
+      },
+      options.lightsMayBeMissing);
 }
 
 void Session::Show() const {
@@ -128,7 +131,7 @@ void Session::Show() const {
       ++next;
     }
     const std::string name = light.frame.path.filename().string();
-    const std::string served = light.Served().empty() ? "picture only" : light.Served();
+    const std::string served = light.Served().empty() ? "nothing to do" : light.Served();
     tool_.console.Say(next - i == 1 ? fmt::format("{}: {}", name, served)
                                     : fmt::format("{} lights ({} to {}): {}", next - i, name,
                                                   lights_[next - 1].frame.path.filename().string(), served));
@@ -140,7 +143,7 @@ void Session::Show() const {
   }
 }
 
-void Session::CheckOutputs(std::vector<fs::path> outputs) const {
+std::vector<fs::path> Session::CheckOutputs(std::vector<fs::path> outputs) const {
   if (!options_.masters.empty()) {
     for (const Group* group : NeededGroups()) {
       outputs.push_back(MasterPath(*group));
@@ -164,6 +167,7 @@ void Session::CheckOutputs(std::vector<fs::path> outputs) const {
     }
     tool_.CheckOutput(output);
   }
+  return outputs;
 }
 
 void Session::Prepare() {
@@ -173,6 +177,7 @@ void Session::Prepare() {
         "and the edges will be corrected too much; give --dark or --bias");
   }
   MakeMasters();
+  CheckLights();
   SaveMasters();
   ChooseWhiteBalances();
 }
@@ -181,7 +186,12 @@ void Session::MakeMasters() {
   for (const Group* group : NeededGroups()) {
     const auto offset = offsetsOfFlats_.find(group);
     const Master* off = offset == offsetsOfFlats_.end() ? nullptr : &masters_.at(offset->second);
-    const Master& master = masters_.emplace(group, MakeMaster(tool_, store_, *group, off)).first->second;
+    // The lights' pattern is that of flats which name none.
+    const bool mosaic = std::any_of(lights_.begin(), lights_.end(), [group](const Light& light) {
+      return light.flat == group && light.mosaic.cfa > 0;
+    });
+    const Master& master =
+        masters_.emplace(group, MakeMaster(tool_, store_, *group, off, mosaic)).first->second;
     const Measures& m = master.measures;
     masterLines_.push_back(fmt::format("{}: {}; mean {:.6g}, min {:.6g}, max {:.6g}, saturated {}",
                                        group->name, group->Text(), m.mean, m.min, m.max,
@@ -189,6 +199,67 @@ void Session::MakeMasters() {
     tool_.console.Say(masterLines_.back());
     if (group->kind == FrameKind::Flat) WarnOfFlat(master);
   }
+}
+
+/// Looks at the first light of each camera and offset: whether it and its masters are on one scale, how much
+/// its noise needs below 0, and whether it is a mosaic that nobody named.
+void Session::CheckLights() {
+  std::set<std::pair<const Group*, std::string>> seen;
+  for (const Light& light : lights_) {
+    if (!seen.insert({light.Offset(), CameraOf(light)}).second) continue;
+    const auto reader =
+        files::ImageReader::Open(light.frame.path, {.lessBlack = !light.Offset(), .manyOpen = true});
+    const files::ImageInfo& info = reader->Info();
+    StackInput input{light.frame.path.string(), {info.width, info.height, info.planes}};
+    input.read = [&](int y0, int rows, float* const* planes) { reader->ReadRows(y0, rows, planes); };
+    const FrameLevels levels = MeasureInput(input);
+    if (const Master* offset = MasterOf(light.Offset())) {
+      CheckScale(light, levels, *offset);
+      constexpr double kDeep = 20;  // standard deviations: nothing of the noise, and little of hot pixels'
+      double& pedestal = pedestals_[light.Offset()];
+      for (int p = 0; p < info.planes; ++p) {
+        pedestal = std::max(pedestal, std::ceil(kDeep * levels.noise[p]));
+      }
+    }
+    if (light.mosaic.name.empty() && !options_.keepMosaic && PhasesDiffer(*reader)) {
+      tool_.console.Warn(
+          fmt::format("{}: looks like a mosaic, but names no pattern: it is taken as mono; give "
+                      "--cfa, or --keep-mosaic if it is none",
+                      light.frame.path.string()));
+    }
+  }
+}
+
+/// Refuses masters that are not on a light's scale. An offset lies below all of the light, and a dark above
+/// the bias that it holds.
+void Session::CheckScale(const Light& light, const FrameLevels& levels, const Master& offset) const {
+  constexpr double kFar = 5, kUnit = 1.5, kCounts = 16;
+  const FrameLevels own = MeasureLevels(*offset.image);
+  const std::string& name = offset.group->name;
+  const double sky = levels.level[0], dark = own.level[0];
+  std::string wrong;
+  if (dark > sky + kFar * levels.spread[0] + 0.01 * std::abs(sky)) {
+    wrong = fmt::format("has a median of {:.6g}, less than {:.6g} of {}", sky, dark, name);
+  } else if (offset.measures.max <= kUnit && sky > kCounts) {
+    wrong =
+        fmt::format("has a median of {:.6g}, but {} no pixel above {:.3g}", sky, name, offset.measures.max);
+  }
+  if (light.dark && wrong.empty()) {
+    const Match match = FindMatch(biases_, light.dark->frames.front());
+    const auto bias = masters_.find(match.group);
+    if (bias != masters_.end()) {
+      const double level = MeasureLevels(*bias->second.image).level[0];
+      if (dark < level - kFar * std::max<double>(own.spread[0], 1e-3 * std::abs(level))) {
+        wrong = fmt::format(
+            "needs a dark that holds its bias, but {} has a median of {:.6g} and {} one of {:.6g}", name,
+            dark, bias->first->name, level);
+      }
+    }
+  }
+  if (wrong.empty()) return;
+  wrong += ": their scales differ; give frames as the camera wrote them, or masters made of such";
+  if (!options_.allowMismatch) throw files::FileError(light.frame.path, wrong + ", or use --allow-mismatch");
+  tool_.console.Warn(fmt::format("{}: {}", light.frame.path.string(), wrong));
 }
 
 void Session::SaveMasters() {
@@ -273,7 +344,8 @@ void Session::FindOffsetsOfFlats() {
     if (flat.frames.size() == 1) continue;
     const Frame& first = flat.frames.front();
     const Match own = FindMatch(darks_, first);
-    const bool hasOwnDark = own && ExposureOf(first) && ExposureOf(own.group->frames.front());
+    const bool hasOwnDark = own && files::ExposureOf(first.info.header) &&
+                            files::ExposureOf(own.group->frames.front().info.header);
     const Group* offset = hasOwnDark ? own.group : Choose(biases_, first);
     if (offset) offsetsOfFlats_[&flat] = offset;
   }
@@ -284,7 +356,10 @@ Light Session::PlanLight(const fs::path& path) const {
   light.dark = Choose(darks_, light.frame);
   if (darks_.empty()) light.bias = Choose(biases_, light.frame);
   light.flat = Choose(flats_, light.frame);
-  if (!options_.keepMosaic) light.mosaic = files::FindMosaic(light.frame.info, options_.develop.mosaic);
+  if (light.frame.info.planes > 1 && !options_.develop.mosaic.cfa.empty()) {
+    throw files::FileError(path, "has colours already: --cfa is for mosaics; leave it out");
+  }
+  if (!options_.keepMosaic) light.mosaic = MosaicOf(light.frame.info, options_.develop.mosaic);
   if (!light.mosaic.name.empty() && light.mosaic.cfa == 0) {
     throw files::FileError(
         path,
@@ -357,8 +432,8 @@ Session::Calibrated Session::LoadLight(const Light& light) const {
   Calibrated result{LoadImage(tool_, store_, light.frame.path, {.lessBlack = !offset}), 0};
   CheckUnchanged(light, result.loaded.info);
   CVelImage& image = *result.loaded.image;
-  const long long clipped = Apply(image, offset ? offset->image.get() : nullptr,
-                                  flat ? flat->image.get() : nullptr, flat ? flat->measures : Measures());
+  const long long clipped =
+      Apply(light, image, offset ? offset->image.get() : nullptr, flat ? flat->image.get() : nullptr);
   result.clipped = static_cast<double>(clipped) / static_cast<double>(Pixels(image));
   return result;
 }
@@ -386,10 +461,18 @@ void Session::ChooseWhiteBalances() {
     if (light.mosaic.cfa == 0 || balances_.contains(CameraOf(light))) continue;
     const Calibrated first = LoadLight(light);
     CVelImage& image = *first.loaded.image;
+    std::string wanted = options_.develop.whiteBalance;
+    if (!light.Offset() && !light.frame.info.camera && NeedsMedians(first.loaded.info, wanted)) {
+      wanted = "none";
+      tool_.console.Warn(
+          fmt::format("{}: its level without light is not known, so that its colours cannot be "
+                      "balanced; give --dark, --bias or --white-balance",
+                      light.frame.path.string()));
+    }
     // The pedestal is no light.
-    if (options_.pedestal > 0) Calculate(image, Calculation::Subtract, options_.pedestal);
-    const WhiteBalance balance =
-        ChooseWhiteBalance(&image, first.loaded.info, light.mosaic, options_.develop.whiteBalance);
+    const double kept = options_.KeptPedestal();
+    if (kept > 0) Calculate(image, Calculation::Subtract, kept);
+    const WhiteBalance balance = ChooseWhiteBalance(&image, first.loaded.info, light.mosaic, wanted);
     tool_.console.Say(
         fmt::format("mosaic {} ({}): white balance {} ({:.4g}){}", light.mosaic.name, light.mosaic.reason,
                     balance.text, fmt::join(balance.gains, ", "),
@@ -398,23 +481,24 @@ void Session::ChooseWhiteBalances() {
   }
 }
 
-/// Takes the offset off and divides by the flat, either of which may be null. Answers how many pixels were
-/// clipped at 0.
-long long Session::Apply(CVelImage& image, CVelImage* dark, CVelImage* flat, const Measures& measures) const {
-  Measures m = measures;
-  const auto pedestal = static_cast<float>(options_.pedestal);
-  const bool lifts = dark && pedestal > 0;
-  if (lifts) Calculate(image, Calculation::Add, pedestal);
-  const long long clipped = dark ? CountClipped(image, *dark) : 0;
-  if (lifts) {
-    // Only what lies above the pedestal is light, to be divided by the flat.
-    image.DarkFlat(&image, dark, nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr, 0);
-    Calculate(image, Calculation::Subtract, pedestal);
-    dark = nullptr;
+/// Takes the offset off and divides by the flat. Answers how many pixels were clipped.
+long long Session::Apply(const Light& light, CVelImage& image, CVelImage* offset, CVelImage* flat) const {
+  const double kept = options_.KeptPedestal();
+  // Only what lies above the pedestal is light, to be divided by the flat.
+  const long long clipped =
+      offset ? Subtract(image, *offset, 0.0f - static_cast<float>(PedestalOf(light))) : 0;
+  if (flat) {
+    Measures m = MasterOf(light.flat)->measures;
+    image.DarkFlat(&image, nullptr, flat, m.minima, m.maxima, m.averages, 0, 0, nullptr, 0);
   }
-  image.DarkFlat(&image, dark, flat, m.minima, m.maxima, m.averages, 0, 0, nullptr, 0);
-  if (pedestal > 0) Calculate(image, Calculation::Add, pedestal);
+  if (kept > 0) Calculate(image, Calculation::Add, kept);
   return clipped;
+}
+
+double Session::PedestalOf(const Light& light) const {
+  if (options_.pedestal) return *options_.pedestal;
+  const auto found = pedestals_.find(light.Offset());
+  return found == pedestals_.end() ? 0 : found->second;
 }
 
 void Session::Describe(files::Header& header, const Light& light, double clipped) const {
@@ -426,13 +510,14 @@ void Session::Describe(files::Header& header, const Light& light, double clipped
   if (offset) {
     // What the camera's own pedestal was came off with the frames that have it too.
     header.Remove("PEDESTAL");
-    header.AddHistory(fmt::format("{} of the pixels lay below their {} and were clipped", Percent(clipped),
+    const double pedestal = PedestalOf(light);
+    header.AddHistory(fmt::format("{} of the pixels lay {}below their {} and were clipped", Percent(clipped),
+                                  pedestal > 0 ? fmt::format("more than {:g} ", pedestal) : "",
                                   NameOf(offset->group->kind)));
   }
-  if (options_.pedestal > 0) {
-    header.Set("PEDESTAL", source - options_.pedestal, "add this to get zero-based values");
-    header.AddHistory(
-        fmt::format("pedestal: {:g} was added to all pixels, and is still in them", options_.pedestal));
+  if (const double kept = options_.KeptPedestal(); kept > 0) {
+    header.Set("PEDESTAL", source - kept, "add this to get zero-based values");
+    header.AddHistory(fmt::format("pedestal: {:g} was added to all pixels, and is still in them", kept));
   }
 }
 
@@ -466,7 +551,8 @@ void LightRows::ReadBand(int y0, int rows, float* const* planes) {
   if (!development_) return ReadCalibrated(y0, rows, planes);
   const auto band = development_->Rows(y0, y0 + rows);
   // Gains are for light alone: the pedestal comes back after them.
-  if (session_.options_.pedestal > 0) Calculate(*band, Calculation::Add, session_.options_.pedestal);
+  if (session_.options_.KeptPedestal() > 0)
+    Calculate(*band, Calculation::Add, session_.options_.KeptPedestal());
   for (int p = 0; p < shape_.planes; ++p) {
     std::memcpy(planes[p], band->GetLine(0, 0, p), sizeof(float) * shape_.width * rows);
   }
@@ -482,10 +568,10 @@ void LightRows::ReadCalibrated(int y0, int rows, float* const* planes) {
   const Master *offset = session_.MasterOf(light_.Offset()), *flat = session_.MasterOf(light_.flat);
   const auto dark = offset ? RowsOf(*offset->image, y0, rows) : nullptr,
              divisor = flat ? RowsOf(*flat->image, y0, rows) : nullptr;
-  clipped_ += session_.Apply(*band, dark.get(), divisor.get(), flat ? flat->measures : Measures());
+  clipped_ += session_.Apply(light_, *band, dark.get(), divisor.get());
   seen_ += Pixels(*band);
-  if (light_.mosaic.cfa > 0 && session_.options_.pedestal > 0) {
-    Calculate(*band, Calculation::Subtract, session_.options_.pedestal);
+  if (light_.mosaic.cfa > 0 && session_.options_.KeptPedestal() > 0) {
+    Calculate(*band, Calculation::Subtract, session_.options_.KeptPedestal());
   }
   for (int p = 0; p < info_.planes; ++p) {
     std::memcpy(planes[p], own[p], sizeof(float) * info_.width * rows);

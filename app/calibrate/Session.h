@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "app/calibrate/Calibrate.h"
 #include "app/calibrate/Masters.h"
+#include "app/stack/Stack.h"
 #include "app/tool/Images.h"
+#include "app/tool/Tell.h"
 
 namespace korimg::tool {
 
@@ -29,20 +29,18 @@ struct Light {
   nlohmann::ordered_json Description() const;
 };
 
-/// One line. Bytes of file names that are no UTF-8 are replaced.
-std::string Dump(const nlohmann::ordered_json& json);
-
 /// Lights and calibration frames: matched when it is made, and ready to work after Prepare.
 class Session {
  public:
   /// Reads the headers of all frames. A light that nothing fits is an error of its own, and is left out.
-  /// @throws FileError on calibration frames that cannot be read, and on lights whose names clash.
+  /// @throws FileError when no calibration frame of a kind can be read, and on lights whose names clash.
   Session(Tool& tool, const CalibrateOptions& options);
 
   /// Groups of calibration frames, and what serves which lights.
   void Show() const;
-  /// Refuses outputs that exist, masters among them, and those that are inputs whatever the options say.
-  void CheckOutputs(std::vector<std::filesystem::path> outputs) const;
+  /// Refuses outputs that exist, and those that are inputs whatever the options say. Answers all of them, the
+  /// masters among them.
+  std::vector<std::filesystem::path> CheckOutputs(std::vector<std::filesystem::path> outputs) const;
   /// Makes the masters that are needed, writes them where the options want them, and chooses the white
   /// balance of each camera by its first light. Warns of whatever is wrong with the set of frames.
   void Prepare();
@@ -76,6 +74,8 @@ class Session {
   std::vector<const Group*> NeededGroups() const;
   void ShowGroup(const Group& group) const;
   void MakeMasters();
+  void CheckLights();
+  void CheckScale(const Light& light, const FrameLevels& levels, const Master& offset) const;
   void SaveMasters();
   void WarnOfFlat(const Master& flat) const;
   bool LacksOffsets() const;
@@ -83,7 +83,9 @@ class Session {
   const Master* MasterOf(const Group* group) const { return group ? &masters_.at(group) : nullptr; }
   /// The levels that LoadLight gives.
   Levels MosaicLevels(const Light& light) const;
-  long long Apply(CVelImage& image, CVelImage* offset, CVelImage* flat, const Measures& measures) const;
+  long long Apply(const Light& light, CVelImage& image, CVelImage* offset, CVelImage* flat) const;
+  /// How far below 0 a light's pixels may lie once their offset is taken off.
+  double PedestalOf(const Light& light) const;
 
   Tool& tool_;
   const CalibrateOptions& options_;
@@ -93,6 +95,7 @@ class Session {
   std::vector<std::string> failed_, masterLines_;
   std::shared_ptr<CVmManager> store_ = tool_.MakeStore();
   std::map<const Group*, Master> masters_;
+  std::map<const Group*, double> pedestals_;  ///< for the noise of the lights that an offset serves
   std::map<std::string, WhiteBalance> balances_;
   mutable std::map<const Light*, Levels> levels_;  ///< those of MosaicLevels that took a whole light
   mutable std::mutex levelsMutex_;

@@ -5,10 +5,12 @@
 #include <cmath>
 #include <cstring>
 #include <future>
+#include <limits>
 
 #include <fmt/format.h>
 
 #include "korimg/image/CImgBright.h"
+#include "korimg/image/Numbers.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/platform/CParallel.h"
 #include "korimg/raw/CImgBayerToRgb.h"
@@ -87,6 +89,70 @@ void CheckWhiteBalance(const std::string& wanted) {
                   wanted));
 }
 
+bool PhasesDiffer(files::ImageReader& reader) {
+  constexpr int kPairs = 64;
+  constexpr double kClear = 0.5, kAlike = 0.3;  // of the noise, of the largest difference
+  const files::ImageInfo& info = reader.Info();
+  const int pairs = std::min(info.height / 2, kPairs), width = info.width / 2 * 2;
+  if (info.planes > 1 || pairs == 0 || width == 0) return false;
+  std::array<std::vector<float>, 4> places;
+  std::vector<float> rows(2 * static_cast<size_t>(info.width));
+  float* const planes[] = {rows.data()};
+  for (int i = 0; i < pairs; ++i) {
+    reader.ReadRows(static_cast<int>(1LL * i * (info.height / 2) / pairs) * 2, 2, planes);
+    for (int k = 0; k < 2; ++k) {
+      for (int x = 0; x < width; ++x) {
+        const float v = rows[static_cast<size_t>(k) * info.width + x];
+        if (std::isfinite(v)) places[2 * k + x % 2].push_back(v);
+      }
+    }
+  }
+  double low = std::numeric_limits<double>::infinity(), high = -low, noise = 0;
+  std::vector<double> medians;
+  for (std::vector<float>& place : places) {
+    if (place.empty()) return false;
+    const float median = UpperMedian(place);
+    medians.push_back(median);
+    for (float& v : place) {
+      v = std::abs(v - median);
+    }
+    low = std::min<double>(low, median);
+    high = std::max<double>(high, median);
+    noise = std::max<double>(noise, 1.4826 * UpperMedian(place));
+  }
+  // Green lies on one of the diagonals; a detector's rows or columns differ on both.
+  const double green = std::min(std::abs(medians[0] - medians[3]), std::abs(medians[1] - medians[2]));
+  return high - low > kClear * noise && green < kAlike * (high - low);
+}
+
+namespace {
+
+/// The CFA number of a camera by its name; 0 for one that has no Bayer mosaic, or is not known.
+int CfaOfCamera(const files::ImageInfo& info) {
+  // Some cameras change their pattern with the size of their frames. Nothing is held for pixels untouched.
+  static const std::shared_ptr<CVmManager> store = CreatePagedManager();
+  CImgInformation camera;
+  camera.Create(CVelImage(store, CImage::Float, info.width, info.height, 1, 1.0, 0.0, 1, nullptr), nullptr);
+  ReadHeader(info, *camera.GetHeader());
+  int cfa = 0;
+  return camera.GetAutoCFA(&cfa) && cfa <= 4 ? cfa : 0;
+}
+
+files::Mosaic ByName(const files::ImageInfo& info, int cfa, const std::string& rowOrder) {
+  return files::FindMosaic(info, {files::CfaName(cfa), rowOrder, "by the name of its camera"});
+}
+
+}  // namespace
+
+files::Mosaic MosaicOf(const files::ImageInfo& info, const files::MosaicOptions& options) {
+  const files::Mosaic mosaic = files::FindMosaic(info, options);
+  if (!mosaic.name.empty() || info.planes > 1) return mosaic;
+  const int cfa = CfaOfCamera(info);
+  // Frames of such a camera that were made mono keep its name.
+  if (cfa == 0 || !PhasesDiffer(*files::ImageReader::Open(info.path))) return mosaic;
+  return ByName(info, cfa, options.rowOrder);
+}
+
 files::Mosaic RequireMosaic(const files::ImageInfo& info, const files::MosaicOptions& options) {
   files::Mosaic mosaic = files::FindMosaic(info, options);
   if (mosaic.cfa > 0 || (info.camera && info.planes == 3)) return mosaic;
@@ -97,15 +163,12 @@ files::Mosaic RequireMosaic(const files::ImageInfo& info, const files::MosaicOpt
                                "If the file is wrong, give --cfa",
                                mosaic.name));
   }
-  CImgInformation camera;
-  ReadHeader(info, *camera.GetHeader());
-  int cfa = 0;
-  const bool known = camera.GetAutoCFA(&cfa) && cfa <= 4;
-  if (!known) {
+  const int cfa = CfaOfCamera(info);
+  if (cfa == 0) {
     throw files::FileError(info.path,
                            "says nothing of a mosaic (BAYERPAT); if it is one, give --cfa with its pattern");
   }
-  return files::FindMosaic(info, {files::CfaName(cfa), options.rowOrder, "by the name of its camera"});
+  return ByName(info, cfa, options.rowOrder);
 }
 
 bool NeedsMedians(const files::ImageInfo& info, const std::string& wanted) {
@@ -277,12 +340,13 @@ void Development::ForBands(Tool& tool, const std::string& title,
 }
 
 void SaveDeveloped(Tool& tool, Development& development, const files::Header& header, const Levels& levels,
-                   const Levels& pictureLevels, const std::filesystem::path& output, bool integers,
-                   const std::filesystem::path& preview, int side,
+                   const Levels& pictureLevels, const std::filesystem::path& output, const SaveOptions& save,
+                   const std::optional<std::filesystem::path>& preview, int side,
                    const std::function<void(CVelImage&)>& change) {
   const Shape shape = development.Size();
-  ImageSaver image(tool, output, shape, levels, header, {.integers = integers});
-  PictureSaver picture(tool, preview, shape, pictureLevels, ShrinkTo(shape, side));
+  ImageSaver image(tool, output, shape, levels, header, save);
+  std::optional<PictureSaver> picture;
+  if (preview) picture.emplace(tool, *preview, shape, pictureLevels, ShrinkTo(shape, side));
   const auto policy = CParallel::GetMaxThreads() > 1 ? std::launch::async : std::launch::deferred;
   std::future<void> writing;
   development.ForBands(tool, "developing " + output.filename().string(),
@@ -292,7 +356,7 @@ void SaveDeveloped(Tool& tool, Development& development, const files::Header& he
                          for (int p = 0; p < shape.planes; ++p) {
                            planes[p] = band->GetLine(0, 0, p);
                          }
-                         picture.Write(band->GetHeight(), planes.data());
+                         if (picture) picture->Write(band->GetHeight(), planes.data());
                          if (writing.valid()) writing.get();
                          writing = std::async(policy, [&image, planes, band = std::move(band)] {
                            image.Write(band->GetHeight(), planes.data());
@@ -300,7 +364,7 @@ void SaveDeveloped(Tool& tool, Development& development, const files::Header& he
                        });
   writing.get();
   image.Commit();
-  picture.Commit();
+  if (picture) picture->Commit();
 }
 
 }  // namespace korimg::tool

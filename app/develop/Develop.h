@@ -4,6 +4,7 @@
 #include <array>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "app/files/Mosaic.h"
@@ -29,6 +30,13 @@ struct WhiteBalance {
 
 /// @throws UsageError for a white balance that is neither a known word nor four positive numbers.
 void CheckWhiteBalance(const std::string& wanted);
+
+/// True when the colours of a mosaic show in the rows of a file: cells of 2 x 2 whose places have medians
+/// that differ by half of their pixels' noise and more, but those of one diagonal much less.
+bool PhasesDiffer(files::ImageReader& reader);
+
+/// The mosaic of an image; when the file says nothing else, by its camera's name, if its colours show.
+files::Mosaic MosaicOf(const files::ImageInfo& info, const files::MosaicOptions& options);
 
 /// The mosaic of an image, also by its camera's name when the file says nothing else.
 /// @throws FileError when there is none, or one that cannot be developed.
@@ -84,11 +92,11 @@ class Development {
   DevelopOptions options_;
 };
 
-/// Writes what development gives into an image file and a small picture. `change` works on each band before.
-/// A band is written while the next one is developed.
+/// Writes what development gives into an image file, and a small picture where one is wanted. `change` works
+/// on each band before. A band is written while the next one is developed.
 void SaveDeveloped(Tool& tool, Development& development, const files::Header& header, const Levels& levels,
-                   const Levels& pictureLevels, const std::filesystem::path& output, bool integers,
-                   const std::filesystem::path& preview, int side,
+                   const Levels& pictureLevels, const std::filesystem::path& output, const SaveOptions& save,
+                   const std::optional<std::filesystem::path>& preview, int side,
                    const std::function<void(CVelImage&)>& change);
 
 }  // namespace korimg::tool

@@ -14,6 +14,7 @@
 #include <zlib.h>
 
 #include "app/files/Decoder.h"
+#include "app/files/Geometry.h"
 
 namespace korimg::files {
 
@@ -129,9 +130,12 @@ class FitsReader : public ImageReader {
     }
     const Hdu hdu = Select(options);
     Describe(hdu);
-    if (!hdu.compressed) return;
-    CheckSum();
-    DropTableCards();
+    if (hdu.compressed) {
+      CheckSum();
+      DropTableCards();
+    }
+    info_.header.turned =
+        RowsRunUp(info_.header) && TurnRows(info_.header, {info_.width, info_.height, info_.planes});
   }
 
  protected:

@@ -1,8 +1,11 @@
 // FITS files of one image. Rows may come in any order: their place in the file is known from the start.
+#include <algorithm>
+
 #include <fcntl.h>
 #include <fmt/format.h>
 
 #include "app/files/Formats.h"
+#include "app/files/Geometry.h"
 
 namespace korimg::files {
 
@@ -16,10 +19,20 @@ std::uint64_t WholeBlocks(std::uint64_t bytes) {
   return (bytes + kFitsBlock - 1) / kFitsBlock * kFitsBlock;
 }
 
-std::string MakeHeader(const WriteOptions& options) {
+/// The header as it goes into a file whose rows are stored from the lowest up; none when they are not.
+std::optional<Header> TurnedHeader(const WriteOptions& options) {
+  Header header = options.header;
+  if (!header.turned || options.verbatim) return std::nullopt;
+  if (!TurnRows(header, {options.width, options.height, options.planes})) return std::nullopt;
+  header.turned = false;
+  // Without what told of their order, rows are stored from the highest down.
+  return RowsRunUp(header) ? std::optional(header) : std::nullopt;
+}
+
+std::string MakeHeader(const WriteOptions& options, const Header& header) {
   std::string text;
   const auto add = [&](std::string_view key, auto value, std::string_view comment) {
-    text += fmt::format("{:<80}", fmt::format("{:8}= {:>20} / {}", key, value, comment));
+    text += fmt::format("{:<80.80}", fmt::format("{:8}= {:>20} / {}", key, value, comment));
   };
   const bool integer = options.type == "uint16";
   add("SIMPLE", "T", "conforms to the FITS standard");
@@ -29,10 +42,17 @@ std::string MakeHeader(const WriteOptions& options) {
   add("NAXIS2", options.height, "rows");
   if (options.planes == 3) add("NAXIS3", 3, "planes: red, green, blue");
   if (integer) {
-    add("BSCALE", 1, "physical value = BZERO + BSCALE * stored value");
-    add("BZERO", 32768, "unsigned 16-bit integers");
+    // Stored numbers are signed: 32768 less.
+    const auto number = [](double v) {
+      std::string text = fmt::format("{}", v);
+      std::replace(text.begin(), text.end(), 'e', 'E');
+      return text;
+    };
+    const Scale& scale = options.scale;
+    add("BSCALE", number(scale.step), "physical value = BZERO + BSCALE * stored value");
+    add("BZERO", number(scale.zero + 32768 * scale.step), scale.IsPlain() ? "unsigned 16-bit integers" : "");
   }
-  for (const std::string& card : options.verbatim ? options.header.cards : options.header.CardsForOutput())
+  for (const std::string& card : options.verbatim ? header.cards : header.CardsForOutput())
     text += card;
   text += "END";
   text.resize(WholeBlocks(text.size()), ' ');
@@ -46,7 +66,9 @@ class FitsWriter : public ImageWriter {
         part_(PartialName(path)),
         file_(part_.Path(), O_RDWR | O_CREAT | O_TRUNC, path),
         pixelBytes_(options.type == "uint16" ? 2 : 4) {
-    const std::string header = MakeHeader(options);
+    const auto turned = TurnedHeader(options);
+    runsUp_ = turned.has_value();
+    const std::string header = MakeHeader(options, turned.value_or(options.header));
     start_ = header.size();
     end_ = start_ + WholeBlocks(static_cast<std::uint64_t>(options.width) *
                                 static_cast<std::uint64_t>(options.height) *
@@ -57,6 +79,8 @@ class FitsWriter : public ImageWriter {
   }
 
  protected:
+  bool RunsUp() const override { return runsUp_; }
+
   void Write(int y0, int rows, const float* const* planes) override {
     const std::size_t count = static_cast<std::size_t>(rows) * static_cast<std::size_t>(options_.width);
     buffer_.resize(std::min(count, kChunk) * pixelBytes_);
@@ -96,6 +120,7 @@ class FitsWriter : public ImageWriter {
 
   TransientFile part_;
   File file_;
+  bool runsUp_ = false;
   std::size_t pixelBytes_;
   std::uint64_t start_ = 0, end_ = 0;  // of the pixels in the file; the end includes padding
   std::vector<unsigned char> buffer_;

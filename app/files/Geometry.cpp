@@ -239,7 +239,9 @@ bool MoveMosaic(Header& header, const ImageSize& before, const ImageSize& after,
   // The first pixel of the result, seen as a corner cut out of the source.
   const int wanted =
       CfaNumber(BayerLayout{.pattern = mosaic.cfa, .cropX = parity(inverse.tx), .cropY = parity(inverse.ty)});
-  const char* key = header.GetString("BAYERPAT") ? "BAYERPAT" : "FILTER";
+  const char* key = header.GetString("BAYERPAT")   ? "BAYERPAT"
+                    : header.GetString("COLORTYP") ? "COLORTYP"
+                                                   : "FILTER";
   for (const char* offset : {"XBAYROFF", "YBAYROFF"}) {
     if (header.GetString(offset)) header.Set(offset, 0);
   }
@@ -270,9 +272,10 @@ AffineMap AffineMap::Then(const AffineMap& next) const {
           .ty = next.yx * tx + next.yy * ty + next.ty};
 }
 
-bool MoveHeader(Header& header, const ImageSize& before, const ImageSize& after, const AffineMap& map) {
-  Header moved = header;
-  if (!MoveMosaic(moved, before, after, map)) return false;
+namespace {
+
+/// Brings everything along but the mosaic.
+void MoveCoordinates(Header& moved, const AffineMap& map) {
   for (const std::string& alternate : Alternates()) {
     if (!HasWorldCoordinates(moved, alternate)) continue;
     MovePoint(moved, "CRPIX1" + alternate, "CRPIX2" + alternate, map);
@@ -285,7 +288,52 @@ bool MoveHeader(Header& header, const ImageSize& before, const ImageSize& after,
   }
   MoveDistortions(moved, map);
   MovePixelSizes(moved, map);
+}
+
+/// The world coordinates' matrix where they are those of the sky.
+std::optional<Matrix> SkyMatrix(const Header& header) {
+  const auto type = header.GetString("CTYPE1");
+  const bool sky = type && (type->starts_with("RA-") || type->starts_with("DEC-") ||
+                            type->find("LON-") == 1 || type->find("LAT-") == 1);
+  if (!sky) return std::nullopt;
+  CardMatrix cd(header, "CD", {});
+  if (!cd.found && header.GetDouble("CDELT1")) {
+    const auto [x, y] = Steps(header, "");
+    cd.values = Matrix{{{x, 0}, {0, y}}} * Turn(header, "");
+  }
+  return cd.values;
+}
+
+double Determinant(const Matrix& m) {
+  return m[0][0] * m[1][1] - m[0][1] * m[1][0];
+}
+
+}  // namespace
+
+bool MoveHeader(Header& header, const ImageSize& before, const ImageSize& after, const AffineMap& map) {
+  Header moved = header;
+  if (!MoveMosaic(moved, before, after, map)) return false;
+  MoveCoordinates(moved, map);
   header = std::move(moved);
+  return true;
+}
+
+bool RowsRunUp(const Header& header) {
+  const auto order = header.GetString("ROWORDER");
+  if (order) return order->starts_with("BOTTOM") || order->starts_with("bottom");
+  const auto matrix = SkyMatrix(header);
+  if (!matrix) return false;
+  // Longitudes grow to the left of north on the sky.
+  const std::string type = *header.GetString("CTYPE1");
+  const bool longitudeFirst = type.starts_with("RA-") || type.find("LON-") == 1;
+  const double determinant = Determinant(*matrix);
+  return longitudeFirst ? determinant < 0 : determinant > 0;
+}
+
+bool TurnRows(Header& header, const ImageSize& size) {
+  const AffineMap turn{.yy = -1, .ty = size.height - 1.0};
+  if (!header.GetString("ROWORDER")) return MoveHeader(header, size, size, turn);
+  MoveCoordinates(header, turn);
   return true;
 }
 
@@ -325,16 +373,8 @@ bool DropWorldCoordinates(Header& header, const ImageSize& before, const std::st
 
 std::optional<double> PixelScale(const Header& header) {
   constexpr double kSecondsPerDegree = 3600, kSecondsPerMillimetre = 206.264806247;
-  const auto type = header.GetString("CTYPE1");
-  const bool sky = type && (type->starts_with("RA-") || type->starts_with("DEC-") ||
-                            type->find("LON-") == 1 || type->find("LAT-") == 1);
-  if (sky) {
-    CardMatrix cd(header, "CD", {});
-    if (!cd.found && header.GetDouble("CDELT1")) {
-      const auto [x, y] = Steps(header, "");
-      cd.values = Matrix{{{x, 0}, {0, y}}} * Turn(header, "");
-    }
-    const double area = cd.values[0][0] * cd.values[1][1] - cd.values[0][1] * cd.values[1][0];
+  if (const auto matrix = SkyMatrix(header)) {
+    const double area = Determinant(*matrix);
     if (area != 0 && std::isfinite(area)) return std::sqrt(std::abs(area)) * kSecondsPerDegree;
   }
   for (const char* key : {"SCALE", "PIXSCALE"}) {

@@ -39,6 +39,15 @@ struct ImageSize {
 [[nodiscard]] bool MoveHeader(Header& header, const ImageSize& before, const ImageSize& after,
                               const AffineMap& map);
 
+/// True where the rows of a FITS file are stored from the lowest up: by ROWORDER; where it says nothing, by
+/// world coordinates of a sky that would be mirrored from the highest down.
+bool RowsRunUp(const Header& header);
+
+/// Brings a header along with rows whose order is turned over. A stated ROWORDER stays, and with it the
+/// pattern of a mosaic, which is that of the upright picture. False, and nothing done, for a mosaic that
+/// cannot be turned.
+[[nodiscard]] bool TurnRows(Header& header, const ImageSize& size);
+
 /// For pixels that go where no affine map says: world coordinates are dropped with a line of HISTORY that
 /// names the reason. False for an undeveloped mosaic.
 [[nodiscard]] bool DropWorldCoordinates(Header& header, const ImageSize& before, const std::string& reason);

@@ -141,7 +141,7 @@ bool DescribesSource(std::string_view name) {
                                  "DATAMIN",  "DATAMAX",  "END",      "BLOCKED",  "INHERIT",  "ZIMAGE",
                                  "ZCMPTYPE", "ZBITPIX",  "ZMASKCMP", "ZQUANTIZ", "ZDITHER0", "ZSIMPLE",
                                  "ZTENSION", "ZEXTEND",  "ZBLOCKED", "ZPCOUNT",  "ZGCOUNT",  "ZHECKSUM",
-                                 "ZDATASUM", "ZSCALE",   "ZZERO",    "ZBLANK"};
+                                 "ZDATASUM", "ZSCALE",   "ZZERO",    "ZBLANK",   "CBLACK",   "CWHITE"};
   constexpr std::array kNumbered = {"NAXIS", "ZNAXIS", "ZTILE", "ZNAME", "ZVAL"};
   return std::any_of(kPlain.begin(), kPlain.end(), [&](auto stem) { return Matches(name, stem, false); }) ||
          std::any_of(kNumbered.begin(), kNumbered.end(),
@@ -256,7 +256,6 @@ std::vector<std::string> Header::CardsForOutput() const {
   std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &utc);
   output.Set("DATE", date, "UTC of writing this file");
   output.Set("SWMODIFY", "korimg " KORIMG_VERSION, "program that wrote this file");
-  if (!output.GetString("ROWORDER")) output.Set("ROWORDER", "TOP-DOWN", "order of the rows");
   return output.cards;
 }
 

@@ -4,8 +4,11 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <climits>
+#include <cmath>
 #include <cstring>
+#include <regex>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -203,7 +206,62 @@ std::unique_ptr<ImageReader> ImageReader::Open(const fs::path& path, const ReadO
 
 void ImageReader::ReadRows(int y0, int rows, float* const* planes) {
   CheckRows(info_.path, y0, rows, info_.height);
-  if (rows > 0) Read(y0, rows, planes);
+  if (rows <= 0) return;
+  if (!info_.header.turned) return Read(y0, rows, planes);
+  Read(info_.height - y0 - rows, rows, planes);
+  for (int p = 0; p < info_.planes; ++p) {
+    for (int y = 0; y < rows / 2; ++y) {
+      float* row = planes[p] + static_cast<std::size_t>(y) * static_cast<std::size_t>(info_.width);
+      float* other =
+          planes[p] + static_cast<std::size_t>(rows - 1 - y) * static_cast<std::size_t>(info_.width);
+      std::swap_ranges(row, row + info_.width, other);
+    }
+  }
+}
+
+void ImageReader::ApplyScale(int rows, float* const* planes) const {
+  if (Scale{info_.bscale, info_.bzero}.IsPlain()) return;
+  const std::size_t count = static_cast<std::size_t>(rows) * static_cast<std::size_t>(info_.width);
+  for (int p = 0; p < info_.planes; ++p) {
+    for (std::size_t i = 0; i < count; ++i) {
+      planes[p][i] = static_cast<float>(info_.bzero + info_.bscale * planes[p][i]);
+    }
+  }
+}
+
+std::string Scale::Text() const {
+  return fmt::format("korimg: raw value = {} + {} * stored number", zero, step);
+}
+
+std::optional<Scale> Scale::Parse(std::string_view text) {
+  static const std::regex form("korimg: raw value = (\\S+) \\+ (\\S+) \\* stored number");
+  std::match_results<std::string_view::const_iterator> match;
+  if (text.size() > 200 || !std::regex_match(text.begin(), text.end(), match, form)) return std::nullopt;
+  Scale scale;
+  for (const auto& [number, part] : {std::pair(&scale.zero, match[1]), {&scale.step, match[2]}}) {
+    const char* end = &*part.first + part.length();
+    const auto [read, error] = std::from_chars(&*part.first, end, *number);
+    if (error != std::errc() || read != end || !std::isfinite(*number)) return std::nullopt;
+  }
+  return scale.step > 0 ? std::optional(scale) : std::nullopt;
+}
+
+void RangeOf16Bits::Add(const float* pixels, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    const float v = pixels[i];
+    const bool finite = std::abs(v) <= std::numeric_limits<float>::max();
+    min_ = finite && v < min_ ? v : min_;
+    max_ = finite && v > max_ ? v : max_;
+    whole_ &= !finite || v == std::trunc(v);
+  }
+}
+
+Scale RangeOf16Bits::Get() const {
+  constexpr double kLast = 65535;
+  const bool fits = whole_ && min_ >= 0 && max_ <= kLast;
+  if (fits || min_ > max_) return {};
+  const double range = static_cast<double>(max_) - min_;
+  return {range > 0 ? range / kLast : 1, min_};
 }
 
 namespace {
@@ -264,8 +322,29 @@ void ImageWriter::WriteRows(int y0, int rows, const float* const* planes) {
                             "in order",
                             path_.string(), y0, rowsWritten_)));
   }
-  if (rows > 0) Write(y0, rows, planes);
+  if (rows > 0) Write(RunsUp() ? options_.height - y0 - rows : y0, rows, Stored(rows, planes).data());
   rowsWritten_ += rows;
+}
+
+/// The rows as they are stored: on their scale, and in their order.
+std::array<const float*, 3> ImageWriter::Stored(int rows, const float* const* planes) {
+  std::array<const float*, 3> stored = {};
+  std::copy_n(planes, options_.planes, stored.begin());
+  const Scale& scale = options_.scale;
+  if (scale.IsPlain() && !RunsUp()) return stored;
+  const auto width = static_cast<std::size_t>(options_.width), count = static_cast<std::size_t>(rows) * width;
+  stored_.resize(count * static_cast<std::size_t>(options_.planes));
+  for (std::size_t p = 0; p < static_cast<std::size_t>(options_.planes); ++p) {
+    float* to = stored_.data() + p * count;
+    stored[p] = to;
+    for (int y = 0; y < rows; ++y, to += width) {
+      const float* from = planes[p] + static_cast<std::size_t>(RunsUp() ? rows - 1 - y : y) * width;
+      for (std::size_t x = 0; x < width; ++x) {
+        to[x] = scale.IsPlain() ? from[x] : static_cast<float>((from[x] - scale.zero) / scale.step);
+      }
+    }
+  }
+  return stored;
 }
 
 void ImageWriter::Commit() {

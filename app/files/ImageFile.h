@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -23,6 +24,9 @@ class FileError : public std::runtime_error {
 /// and HISTORY included. Names longer than 8 characters mean HIERARCH cards ("ESO DET DIT").
 struct Header {
   std::vector<std::string> cards;  ///< 80 characters each, without END
+  /// The rows of its FITS file are stored from the lowest up. Pixels are read and written upright: what cards
+  /// say of places (world coordinates, the phase of a mosaic) is brought along, ROWORDER stays as stated.
+  bool turned = false;
 
   /// The value of the first card of that name. Strings come without quotes and trailing blanks, long ones
   /// joined over their CONTINUE cards; other values as written. None: no such card, or a card without a
@@ -46,8 +50,8 @@ struct Header {
   void AddHistory(std::string_view text);
 
   /// The cards that belong into a file made from this one: without those that describe the layout, scaling,
-  /// compression, checksums and extremes of the source's pixels; SWMODIFY and DATE set; ROWORDER 'TOP-DOWN'
-  /// added where the source says nothing, as rows are stored as they are. Everything else is verbatim.
+  /// compression, checksums and extremes of the source's pixels; SWMODIFY and DATE set. Everything else is
+  /// verbatim.
   std::vector<std::string> CardsForOutput() const;
 };
 
@@ -61,6 +65,29 @@ struct CameraRaw {
   std::array<double, 4> gains{1, 1, 1, 1};  ///< of its white balance, green 1
 };
 
+/// How stored numbers stand for raw values: raw value = zero + step * stored number.
+struct Scale {
+  double step = 1, zero = 0;
+
+  bool IsPlain() const { return step == 1 && zero == 0; }
+  /// As TIFF and PNG files hold it beside their pixels, and back; none where a text says no such thing.
+  std::string Text() const;
+  static std::optional<Scale> Parse(std::string_view text);
+};
+
+/// Finds the scale on which 16 bits hold an image: whole numbers from 0 to 65535 stay as they are, others
+/// take the image's own range.
+class RangeOf16Bits {
+ public:
+  /// Takes pixels. Those that are no finite numbers are passed over.
+  void Add(const float* pixels, std::size_t count);
+  Scale Get() const;
+
+ private:
+  float min_ = std::numeric_limits<float>::infinity(), max_ = -min_;
+  bool whole_ = true;
+};
+
 /// What a file says about its image.
 struct ImageInfo {
   std::filesystem::path path;
@@ -68,7 +95,7 @@ struct ImageInfo {
   int width = 0, height = 0;  ///< pixels
   int planes = 1;             ///< 1, or 3 for red, green, blue
   std::string type;           ///< of the stored pixels: uint8 int16 uint16 int32 uint32 int64 float32 float64
-  double bscale = 1, bzero = 0;     ///< FITS: physical value = bzero + bscale * stored value
+  double bscale = 1, bzero = 0;     ///< raw value = bzero + bscale * stored value; FITS, and 16 bits of ours
   int hdu = 0;                      ///< FITS: number of the header-data unit, 0 = primary
   std::string hduName;              ///< FITS: EXTNAME, if any
   Header header;                    ///< FITS; camera raw: exposure, mosaic and the like as cards
@@ -101,13 +128,17 @@ class ImageReader {
   const ImageInfo& Info() const { return info_; }
 
   /// Reads rows y0 to y0 + rows - 1 of all planes as physical values; planes[p] takes rows * width floats.
-  /// Rows count from the first stored one. Blank pixels are NaN. Any order of y0 is allowed; upwards is
-  /// fastest.
+  /// Rows count from the upper one of the upright picture: FITS files that are stored from the lowest up, as
+  /// ROWORDER or a sky that would be mirrored otherwise tells, are turned. Blank pixels are NaN. Any order of
+  /// y0 is allowed; upwards is fastest.
   /// @throws FileError on damaged data, std::out_of_range if the rows are not inside the image.
   void ReadRows(int y0, int rows, float* const* planes);
 
  protected:
   virtual void Read(int y0, int rows, float* const* planes) = 0;
+  /// Brings stored numbers that were read to info_'s scale.
+  void ApplyScale(int rows, float* const* planes) const;
+
   ImageInfo info_;
 };
 
@@ -119,6 +150,7 @@ struct WriteOptions {
   Header header = {};      ///< FITS: cards to carry over (see Header::CardsForOutput)
   bool verbatim = false;   ///< FITS: write the header's cards as they are, all of them
   bool overwrite = false;  ///< replace an existing file
+  Scale scale = {};        ///< of uint16: on which the pixels are stored; the file says so
 };
 
 /// An image being written: to "<name>.part" beside the final name, which it takes in Commit(). Without
@@ -146,6 +178,8 @@ class ImageWriter {
 
  protected:
   explicit ImageWriter(const std::filesystem::path& path, const WriteOptions& options, bool anyOrder);
+  /// True when rows are stored from the lowest up.
+  virtual bool RunsUp() const { return false; }
   virtual void Write(int y0, int rows, const float* const* planes) = 0;
   virtual void Finish() = 0;
 
@@ -153,8 +187,11 @@ class ImageWriter {
   WriteOptions options_;
 
  private:
+  std::array<const float*, 3> Stored(int rows, const float* const* planes);
+
   bool anyOrder_;
   std::int64_t rowsWritten_ = 0;
+  std::vector<float> stored_;
 };
 
 /// A file name's extension in lower case, with its dot.

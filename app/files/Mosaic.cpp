@@ -42,16 +42,19 @@ Mosaic FindMosaic(const ImageInfo& info, const MosaicOptions& options) {
   Mosaic mosaic;
   BayerLayout layout;
   layout.height = info.height;
-  const auto pattern = header.GetString("BAYERPAT"), filter = header.GetString("FILTER");
+  auto pattern = header.GetString("BAYERPAT"), type = header.GetString("COLORTYP");
+  const auto filter = header.GetString("FILTER");
+  if (pattern && pattern->empty()) pattern.reset();
+  if (type && CfaNumber(*type) == 0) type.reset();  // other uses of it are no patterns
   bool byFilter = false;
-  if (!options.cfa.empty()) {
+  if (info.planes > 1) {
+    return mosaic;
+  } else if (!options.cfa.empty()) {
     mosaic.name = Upper(options.cfa);
     mosaic.reason = options.source;
-  } else if (info.planes > 1) {
-    return mosaic;
-  } else if (pattern && !pattern->empty()) {
-    mosaic.name = *pattern;
-    mosaic.reason = "by BAYERPAT";
+  } else if (pattern || type) {
+    mosaic.name = pattern ? *pattern : *type;
+    mosaic.reason = pattern ? "by BAYERPAT" : "by COLORTYP";
     for (const auto& [key, offset] :
          {std::pair("XBAYROFF", &layout.xOffset), {"YBAYROFF", &layout.yOffset}}) {
       const int odd = static_cast<int>(header.GetInt(key).value_or(0) & 1);
@@ -70,7 +73,8 @@ Mosaic FindMosaic(const ImageInfo& info, const MosaicOptions& options) {
   const auto stored = header.GetString("ROWORDER");
   const std::string order = Upper(!options.rowOrder.empty() ? options.rowOrder : stored.value_or(""));
   const bool bottomUp = order.empty() ? byFilter : order.starts_with("BOTTOM");
-  if (bottomUp) layout.rowOrder = RowOrder::BottomUp;
+  // What is said of the order is said of the stored rows; these may have been turned since.
+  if (bottomUp != (header.turned && !order.empty())) layout.rowOrder = RowOrder::BottomUp;
   mosaic.cfa = CfaNumber(layout);
   mosaic.reason += fmt::format("; {} rows {} {}", info.height, bottomUp ? "bottom-up" : "top-down",
                                !options.rowOrder.empty() ? "as told"

@@ -41,9 +41,9 @@ struct MosaicOptions {
   std::string source = "as told";  ///< who says the pattern
 };
 
-/// Finds the mosaic by BAYERPAT, XBAYROFF, YBAYROFF and ROWORDER; by a FILTER that names a pattern. Without
-/// ROWORDER, rows are top-down where BAYERPAT is given, as capture programs write both so, and bottom-up, as
-/// the standard has it, otherwise.
+/// Finds the mosaic by BAYERPAT or COLORTYP, XBAYROFF, YBAYROFF and ROWORDER; by a FILTER that names a
+/// pattern. Without ROWORDER, rows are top-down where BAYERPAT is given, as capture programs write both so,
+/// and bottom-up, as the standard has it, otherwise.
 Mosaic FindMosaic(const ImageInfo& info, const MosaicOptions& options = {});
 
 /// Takes the keywords of a mosaic out of the header of an image that was developed.

@@ -89,6 +89,8 @@ struct Pass {
   png_infop info = nullptr;
 };
 
+constexpr const char* kScaleKey = "Comment";
+
 class PngReader : public ImageReader {
  public:
   explicit PngReader(const fs::path& path) : file_(path, O_RDONLY, path) {
@@ -102,6 +104,14 @@ class PngReader : public ImageReader {
     info_.planes = png_get_channels(png, pass_->info) == 3 ? 3 : 1;
     wide_ = png_get_bit_depth(png, pass_->info) == 16;
     info_.type = wide_ ? "uint16" : "uint8";
+    png_textp texts = nullptr;
+    const int count = png_get_text(png, pass_->info, &texts, nullptr);
+    for (int i = 0; wide_ && i < count; ++i) {
+      if (texts[i].key != std::string_view(kScaleKey) || texts[i].text == nullptr) continue;
+      const Scale scale = Scale::Parse(texts[i].text).value_or(Scale());
+      info_.bscale = scale.step;
+      info_.bzero = scale.zero;
+    }
 
     // No byte of a PNG holds more than 1032 bytes of pixels; packed depths take at least 1/8 of what they
     // unpack to.
@@ -145,6 +155,7 @@ class PngReader : public ImageReader {
         }
       }
     }
+    ApplyScale(rows, planes);
   }
 
  private:
@@ -207,6 +218,14 @@ class PngWriter : public ImageWriter {
       // smaller than a search does, in a third of the time.
       png_set_compression_strategy(png, Z_RLE);
       png_set_filter(png, PNG_FILTER_TYPE_BASE, PNG_FILTER_AVG);
+      if (!options_.scale.IsPlain()) {
+        std::string text = options_.scale.Text();
+        png_text entry = {};
+        entry.compression = PNG_TEXT_COMPRESSION_NONE;
+        entry.key = const_cast<char*>(kScaleKey);
+        entry.text = text.data();
+        png_set_text(png, pass_.info, &entry, 1);
+      }
       png_write_info(png, pass_.info);
       if (std::endian::native == std::endian::little) png_set_swap(png);
     });

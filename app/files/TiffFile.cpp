@@ -101,6 +101,7 @@ class TiffReader : public ImageReader {
         }
       }
     }
+    ApplyScale(rows, planes);
   }
 
  private:
@@ -136,6 +137,12 @@ class TiffReader : public ImageReader {
     if (TIFFIsCODECConfigured(compression) == 0)
       Fail(fmt::format("compression {} is not supported", compression));
     info_.type = real ? "float32" : bits == 8 ? "uint8" : "uint16";
+    const char* description = nullptr;
+    if (bits == 16 && TIFFGetField(tiff, TIFFTAG_IMAGEDESCRIPTION, &description) != 0) {
+      const Scale scale = Scale::Parse(description).value_or(Scale());
+      info_.bscale = scale.step;
+      info_.bzero = scale.zero;
+    }
     bytes_ = bits / 8;
     negative_ = photometric == PHOTOMETRIC_MINISWHITE && !real;
     tiled_ = TIFFIsTiled(tiff) != 0;
@@ -299,6 +306,7 @@ class TiffWriter : public ImageWriter {
     TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, options.planes == 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
     TIFFSetField(tiff, TIFFTAG_ORIENTATION, ORIENTATION_TOPLEFT);
     TIFFSetField(tiff, TIFFTAG_SOFTWARE, "korimg " KORIMG_VERSION);
+    if (!options.scale.IsPlain()) TIFFSetField(tiff, TIFFTAG_IMAGEDESCRIPTION, options.scale.Text().c_str());
     constexpr std::uint64_t kStrip = 1 << 18;
     TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP,
                  static_cast<std::uint32_t>(std::max<std::uint64_t>(1, kStrip / rowBytes)));

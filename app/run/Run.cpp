@@ -1,17 +1,21 @@
 #include "app/run/Run.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <exception>
 #include <map>
 #include <set>
 
 #include <fmt/format.h>
 
+#include "korimg/image/Lines.h"
 #include "korimg/image/Numbers.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "app/calibrate/Session.h"
 #include "app/files/Geometry.h"
+#include "app/files/Times.h"
 #include "app/register/Register.h"
 #include "app/run/Report.h"
 #include "app/stack/StackHeader.h"
@@ -33,6 +37,7 @@ struct Progress {
   std::string error = "cannot be read";  ///< it could not be done at all
   Shape shape;
   double clipped = 0;
+  std::uint64_t digest = 0;  ///< of its pixels
   FrameMeasure measure;
   FrameLevels levels;
   std::string thumbnail;
@@ -55,10 +60,6 @@ struct Target {
 /// Share of the values that were rejected.
 double Rejected(const CImgStack::Counts& c) {
   return c.values > 0 ? static_cast<double>(c.low + c.high) / static_cast<double>(c.values) : 0;
-}
-
-std::string FilterOf(const Light& light) {
-  return light.frame.info.header.GetString("FILTER").value_or("");
 }
 
 /// A filter's name as it may stand in the name of a file.
@@ -91,6 +92,25 @@ double FluxRatio(const FrameMeasure& frame, const Registration& r, const FrameMe
   return ratios.size() < kLeast ? 1 : UpperMedian(ratios);
 }
 
+/// A number that images of other pixels hardly share (FNV-1a, by lines).
+std::uint64_t DigestOf(CVelImage& image) {
+  constexpr std::uint64_t kStart = 14695981039346656037ULL, kFactor = 1099511628211ULL;
+  std::uint64_t digest = kStart;
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    for (const std::uint64_t line : MapLines(0, image.GetHeight(), [&](int y) {
+           const float* row = image.GetLine(0, y, p);
+           std::uint64_t sum = kStart;
+           for (int x = 0; x < image.GetWidth(); ++x) {
+             sum = (sum ^ std::bit_cast<std::uint32_t>(row[x])) * kFactor;
+           }
+           return sum;
+         })) {
+      digest = (digest ^ line) * kFactor;
+    }
+  }
+  return digest;
+}
+
 /// All of a light, calibrated and developed.
 std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmManager>& store) {
   const Shape shape = rows.Size();
@@ -106,6 +126,30 @@ std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmM
   return image;
 }
 
+/// Takes what a run has written away when it ends by an exception: a repeat must not find outputs in its way.
+class Unfinished {
+ public:
+  Unfinished(const Tool& tool, std::vector<fs::path> outputs, const CalibrateOptions& options)
+      : outputs_(tool.options.overwrite ? std::vector<fs::path>() : std::move(outputs)),
+        folders_{options.masters, options.out} {}
+  ~Unfinished() {
+    if (std::uncaught_exceptions() == exceptions_) return;
+    std::error_code ignored;
+    for (const fs::path& output : outputs_) {
+      fs::remove(output, ignored);
+    }
+    for (const fs::path& folder : folders_) {
+      if (!outputs_.empty() && fs::is_empty(folder, ignored)) fs::remove(folder, ignored);
+    }
+  }
+  Unfinished(const Unfinished&) = delete;
+  Unfinished& operator=(const Unfinished&) = delete;
+
+ private:
+  int exceptions_ = std::uncaught_exceptions();
+  std::vector<fs::path> outputs_, folders_;
+};
+
 class Road {
  public:
   Road(Tool& tool, const RunOptions& options)
@@ -115,20 +159,19 @@ class Road {
     }
     // In the order of time, which is that of names where nothing else is known.
     std::stable_sort(frames_.begin(), frames_.end(), [](const Progress& a, const Progress& b) {
-      const auto date = [](const Progress& f) {
-        return f.light->frame.info.header.GetString("DATE-OBS").value_or("");
-      };
-      return date(a) < date(b);
+      const auto start = [](const Progress& f) { return files::StartOf(f.light->frame.info.header); };
+      return start(a) < start(b);
     });
     std::map<std::string, Target> byFilter;
     for (Progress& frame : frames_) {
-      Target& target = byFilter[FilterOf(*frame.light)];
-      target.filter = FilterOf(*frame.light);
+      const std::string filter = FilterOf(frame.light->frame.info.header);
+      Target& target = byFilter[FoldedName(filter)];
+      if (target.frames.empty()) target.filter = filter;
       target.frames.push_back(&frame);
     }
     std::set<std::string> names;
     for (auto& [filter, target] : byFilter) {
-      const std::string name = byFilter.size() == 1 ? "stack" : "stack_" + FileWord(filter);
+      const std::string name = byFilter.size() == 1 ? "stack" : "stack_" + FileWord(target.filter);
       target.name = name;
       for (int n = 2; !names.insert(target.name).second; ++n) {
         target.name = fmt::format("{}_{}", name, n);
@@ -151,14 +194,15 @@ class Road {
   void Do() {
     std::vector<fs::path> outputs = {Path("report.html")};
     for (const Target& target : targets_) {
-      for (const char* extension : {".fits", ".tif", ".png"}) {
+      for (const char* extension : {".fits", "_float.tif", "_16bit.tif", ".png"}) {
         outputs.push_back(Path(target.name + extension));
       }
     }
-    session_.CheckOutputs(outputs);
+    const Unfinished unfinished(tool_, session_.CheckOutputs(outputs), options_.calibrate);
     session_.Prepare();
     fs::create_directories(options_.calibrate.out);
     MeasureFrames();
+    LeaveOutCopies();
     RegisterFrames();
     for (Target& target : targets_) {
       LeaveOutBad(target);
@@ -168,6 +212,7 @@ class Road {
     }
     TellFrames();
     WriteReport();
+    CheckShares();
   }
 
  private:
@@ -183,15 +228,22 @@ class Road {
     tool_.console.Warn(fmt::format("{}: left out: {}", frame.light->Name(), reason));
   }
 
+  /// What a light takes once it is developed, and while its stars are found.
+  long long BytesOfFrame() const {
+    const Light& light = *frames_.front().light;
+    return 2 * BytesOf(light.frame.info) * (light.mosaic.cfa > 0 ? 3 : 1);
+  }
+
   void MeasureFrames() {
     SideBySide(
-        tool_, "measuring frame", frames_.size(),
+        tool_, "measuring frame", frames_.size(), BytesOfFrame(),
         [&](size_t i) {
           Progress frame{frames_[i].light, ""};
           LightRows rows(session_, *frame.light);
           const auto image = LoadWhole(rows, tool_.MakeStore());
           frame.shape = rows.Size();
           frame.clipped = rows.Clipped();
+          frame.digest = DigestOf(*image);
           frame.measure = MeasureFrame(*image);
           frame.levels = MeasureLevels(*image);
           LevelForPreview(*image, kThumbnailSide);
@@ -199,15 +251,46 @@ class Road {
           return frame;
         },
         [&](size_t i, const auto& result) {
-          tool_.ForEachFile({frames_[i].light->frame.path}, [&](const fs::path&) { frames_[i] = result(); });
+          tool_.ForEachFile(
+              {frames_[i].light->frame.path}, [&](const fs::path&) { frames_[i] = result(); }, true);
         });
+  }
+
+  /// Frames with the same pixels count once.
+  void LeaveOutCopies() {
+    std::map<std::uint64_t, const Progress*> first;
+    for (Progress& frame : frames_) {
+      if (!frame.IsMeasured() || !(frame.levels.noise[0] > 0)) continue;
+      const auto [same, isNew] = first.emplace(frame.digest, &frame);
+      if (!isNew) LeaveOut(frame, "is a copy of " + same->second->light->Name());
+    }
+  }
+
+  /// A result that holds less than half of its lights is no success.
+  void CheckShares() {
+    const size_t lights = frames_.size() + session_.Failed().size();
+    const auto used = static_cast<size_t>(
+        std::count_if(frames_.begin(), frames_.end(), [](const Progress& frame) { return frame.IsUsed(); }));
+    const auto tell = [&](const std::string& name, size_t part, size_t all) {
+      if (2 * part >= all) return;
+      tool_.console.Error(
+          fmt::format("{}: holds {} of {} lights, less than half; the report says why", name, part, all));
+      tool_.exitCode = kFailed;
+    };
+    if (targets_.size() == 1) return tell(targets_[0].name, used, lights);
+    for (const Target& target : targets_) {
+      const auto stacked = std::count_if(target.frames.begin(), target.frames.end(),
+                                         [](const Progress* frame) { return frame->IsUsed(); });
+      if (stacked > 0) tell(target.name, static_cast<size_t>(stacked), target.frames.size());
+    }
+    tell("the session", used, lights);
   }
 
   void RegisterFrames() {
     std::vector<FrameMeasure> measures;
     std::vector<size_t> numbers;
     for (size_t i = 0; i < frames_.size(); ++i) {
-      if (!frames_[i].IsMeasured()) continue;
+      if (!frames_[i].IsUsed()) continue;
       measures.push_back(frames_[i].measure);
       numbers.push_back(i);
     }
@@ -223,14 +306,15 @@ class Road {
     Registrar registrar(reference.measure, image(reference));
     std::vector<Registration> registrations(numbers.size());
     SideBySide(
-        tool_, "registering frame", numbers.size(),
+        tool_, "registering frame", numbers.size(), BytesOfFrame(),
         [&](size_t k) {
           if (numbers[k] == reference_) return ReferenceRegistration(reference.measure);
           return registrar.Register(measures[k], image(frames_[numbers[k]]));
         },
         [&](size_t k, const auto& result) {
-          tool_.ForEachFile({frames_[numbers[k]].light->frame.path},
-                            [&](const fs::path&) { registrations[k] = result(); });
+          tool_.ForEachFile(
+              {frames_[numbers[k]].light->frame.path}, [&](const fs::path&) { registrations[k] = result(); },
+              true);
         });
     RegisterThroughOthers(measures, registrations, [&](size_t k) { return image(frames_[numbers[k]])(); });
     for (size_t k = 0; k < numbers.size(); ++k) {
@@ -250,7 +334,7 @@ class Road {
     constexpr int kEnough = 20;
     std::vector<double> stars, fwhms, elongations;
     for (const Progress* frame : target.frames) {
-      if (!frame->IsMeasured()) continue;
+      if (!frame->IsUsed()) continue;
       stars.push_back(frame->measure.starCount);
       if (frame->measure.starCount < kEnough) continue;
       fwhms.push_back(frame->measure.fwhm);
@@ -270,7 +354,7 @@ class Road {
     Plan(text + "; are left out");
     const Shape& shape = frames_[reference_].shape;
     for (Progress* frame : target.frames) {
-      if (!frame->IsMeasured()) continue;
+      if (!frame->IsUsed()) continue;
       const FrameMeasure& m = frame->measure;
       const bool tells = m.starCount >= kEnough;
       const Shape& own = frame->shape;
@@ -325,6 +409,7 @@ class Road {
     for (const Progress* frame : used) {
       fwhms.push_back(frame->measure.fwhm);
     }
+    CheckScales(inputs, static_cast<int>(reference));
     options_.stack.Weigh(inputs, fwhms, static_cast<int>(reference));
     const Shape shape = frames_[reference_].shape;
     Plan(fmt::format("{}: {} of {} frames, {}", target.name, used.size(), target.frames.size(),
@@ -370,14 +455,15 @@ class Road {
     }
     LevelForPreview(image, kPictureSide);
     SaveImage(tool_, image, header, Path(target.name + ".fits"));
-    SaveImage(tool_, image, header, Path(target.name + ".tif"), {.integers = true});
+    SaveImage(tool_, image, header, Path(target.name + "_float.tif"));
+    SaveImage(tool_, image, header, Path(target.name + "_16bit.tif"), {.integers = true});
     SavePicture(tool_, image, Path(target.name + ".png"), 1);
 
     const FrameMeasure measure = MeasureFrame(image);
     double exposure = 0;
     CImgStack::Counts counts;
     for (const Progress* frame : used) {
-      exposure += ExposureOf(frame->light->frame).value_or(0);
+      exposure += files::ExposureOf(frame->light->frame.info.header).value_or(0);
       counts += frame->counts;
     }
     ReportStack stack{target.name, JpegOf(tool_, image, ShrinkTo(reference.shape, kPictureSide))};
@@ -392,9 +478,19 @@ class Road {
         {"rejected", Percent(Rejected(counts))}};
     if (!target.filter.empty()) stack.facts.insert(stack.facts.begin(), {"filter", target.filter});
     report_.stacks.push_back(std::move(stack));
-    tool_.console.Say(fmt::format("{} -> {}: FWHM {:.2f} px, noise {:.4g} (reference {:.4g})", target.name,
-                                  Path(target.name + ".fits").string(), measure.fwhm, measure.noise,
-                                  reference.measure.noise));
+    Tell(tool_,
+         {{"stack", Path(target.name + ".fits").string()},
+          {"filter", target.filter},
+          {"frames", used.size()},
+          {"lights", target.frames.size()},
+          {"exposure", exposure},
+          {"stars", measure.starCount},
+          {"fwhm", measure.fwhm},
+          {"noise", measure.noise},
+          {"peak_memory_bytes", PeakMemory()}},
+         fmt::format("{} -> {}: FWHM {:.2f} px, noise {:.4g} (reference {:.4g})", target.name,
+                     Path(target.name + ".fits").string(), measure.fwhm, measure.noise,
+                     reference.measure.noise));
   }
 
   std::vector<std::string> History(const std::vector<Progress*>& used, const Target& target) const {
@@ -485,9 +581,12 @@ void Run(Tool& tool, RunOptions options) {
       !options.calibrate.biases.empty()) {
     options.calibrate.masters = options.calibrate.out / "masters";
   }
+  options.calibrate.lightsMayBeMissing = true;
   Road road(tool, options);
   road.Show();
-  if (tool.options.dryRun || !road.HasLights()) return;
+  if (!road.HasLights())
+    throw files::FileError(options.calibrate.lights.front().parent_path(), "no light can be used");
+  if (tool.options.dryRun) return;
   road.Do();
 }
 

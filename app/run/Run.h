@@ -23,9 +23,11 @@ struct RunOptions {
 };
 
 /// Calibrates, develops, measures, registers and stacks the lights, one stack for each filter, all on the
-/// grid of one reference. Writes stack.fits, stack.tif and stack.png (stack_<filter>... when there are
-/// several), report.html and the masters. Calibrated frames are made twice, for measuring and for stacking,
-/// and never written. A frame that cannot be used is left out, and the report says why.
+/// grid of one reference. Writes stack.fits, stack_float.tif, stack_16bit.tif and stack.png
+/// (stack_<filter>... when there are several), report.html and the masters. Calibrated frames are made twice,
+/// for measuring and for stacking, and never written. A frame that cannot be used is left out, and the report
+/// says why; copies count once. The exit code is 1 when a stack holds less than half of its lights. What ends
+/// the run leaves no outputs.
 /// @throws FileError when calibration frames or outputs are wrong, or no frame is left.
 void Run(Tool& tool, RunOptions options);
 

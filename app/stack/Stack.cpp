@@ -371,6 +371,19 @@ FrameLevels MeasureInput(const StackInput& input) {
   return MeasureLevels(*SampleInput(input));
 }
 
+void CheckScales(const std::vector<StackInput>& inputs, int reference) {
+  constexpr double kOtherScale = 1000;
+  const FrameLevels& wanted = inputs[reference].levels;
+  for (const StackInput& input : inputs) {
+    const double own = input.levels.noise[0], other = wanted.noise[0];
+    if (!(own > 0 && other > 0) || std::max(own / other, other / own) < kOtherScale) continue;
+    throw files::FileError(
+        input.name, fmt::format("has a noise of {:.3g} about {:.6g}, but the reference {} has {:.3g} about "
+                                "{:.6g}: their scales differ; stack frames of one scale",
+                                own, input.levels.level[0], inputs[reference].name, other, wanted.level[0]));
+  }
+}
+
 std::vector<double> NoiseWeights(const std::vector<StackInput>& inputs, int reference,
                                  Normalisation normalisation) {
   std::vector<double> weights;

@@ -82,6 +82,11 @@ std::unique_ptr<CVelImage> SampleInput(const StackInput& input);
 /// Measures a frame for normalising and weights, by such rows.
 FrameLevels MeasureInput(const StackInput& input);
 
+/// Refuses frames whose numbers cannot be on the reference's scale: floats from 0 to 1 beside those of a
+/// camera. A camera's own frames, of whatever exposure, do not differ so much in their noise.
+/// @throws FileError that names the frame and the noise of both.
+void CheckScales(const std::vector<StackInput>& inputs, int reference);
+
 /// Weights by the noise of all planes, as normalising leaves it: one over its square. The best frame has 1.
 std::vector<double> NoiseWeights(const std::vector<StackInput>& inputs, int reference,
                                  Normalisation normalisation);

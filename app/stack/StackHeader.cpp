@@ -1,26 +1,23 @@
 #include "app/stack/StackHeader.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
-#include <cstdio>
 
 #include <fmt/format.h>
 
+#include "app/files/Times.h"
+
 namespace korimg::tool {
 namespace {
-
-using namespace std::chrono;
-
-constexpr double kDay = 86400;
 
 /// Keywords that tell nothing of what frames have in common, or that are made anew.
 bool IsFramesOwn(const std::string& key) {
   static const std::set<std::string> kOwn = {
       "",        "HISTORY",  "COMMENT",  "CONTINUE", "HIERARCH", "END",      "SIMPLE",   "BITPIX",
       "BZERO",   "BSCALE",   "BLANK",    "CHECKSUM", "DATASUM",  "DATAMIN",  "DATAMAX",  "DATE",
-      "EXPTIME", "EXPOSURE", "LIVETIME", "XPOSURE",  "DATE-OBS", "DATE-END", "DATE-AVG", "TIME-OBS",
-      "UT",      "MJD-OBS",  "JD",       "STACKCNT", "NCOMBINE", "EXTEND"};
+      "EXPTIME", "EXPOSURE", "LIVETIME", "XPOSURE",  "DATE-OBS", "DATE-BEG", "DATE-END", "DATE-AVG",
+      "MJD-OBS", "MJD-BEG",  "MJD-END",  "MJD-AVG",  "TELAPSE",  "TIME-OBS", "TIME-END", "UT",
+      "JD",      "STACKCNT", "NCOMBINE", "EXTEND"};
   return kOwn.contains(key) || key.starts_with("NAXIS") || key.starts_with("KORL");
 }
 
@@ -32,33 +29,6 @@ std::pair<std::string, std::string> Parts(const std::string& card) {
 }
 
 }  // namespace
-
-std::optional<double> FitsTime(const std::string& date) {
-  int y = 0, m = 0, d = 0, hours = 0, minutes = 0, read = 0;
-  double s = 0;
-  const int fields =
-      std::sscanf(date.c_str(), "%4d-%2d-%2d%nT%2d:%2d:%lf", &y, &m, &d, &read, &hours, &minutes, &s);
-  const year_month_day day{year(y), month(static_cast<unsigned>(m)),
-                           std::chrono::day(static_cast<unsigned>(d))};
-  if ((fields != 3 && fields != 6) || !day.ok() || (fields == 3 && read != static_cast<int>(date.size())) ||
-      hours < 0 || hours > 24 || minutes < 0 || minutes > 59 || !(s >= 0 && s < 61)) {
-    return std::nullopt;
-  }
-  return kDay * static_cast<double>(sys_days(day).time_since_epoch().count()) + 3600.0 * hours +
-         60.0 * minutes + s;
-}
-
-std::string FitsDate(double seconds) {
-  const auto whole = static_cast<long long>(std::round(seconds * 1000));
-  const sys_time<milliseconds> time{milliseconds(whole)};
-  const auto day = floor<days>(time);
-  const year_month_day date(day);
-  const hh_mm_ss clock(time - day);
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}", static_cast<int>(date.year()),
-                     static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                     clock.hours().count(), clock.minutes().count(), clock.seconds().count(),
-                     clock.subseconds().count());
-}
 
 StackHeader::StackHeader(files::Header reference) : header_(std::move(reference)) {
   for (const std::string& card : header_.cards) {
@@ -75,22 +45,17 @@ void StackHeader::Add(const files::Header& frame) {
     const auto own = values_.find(key);
     if (own != values_.end() && seen.insert(key).second && own->second != value) differing_.insert(key);
   }
-  auto exposure = frame.GetDouble("EXPTIME");
-  if (!exposure) exposure = frame.GetDouble("EXPOSURE");
+  const auto exposure = files::ExposureOf(frame);
   const bool knowsExposure = exposure && *exposure >= 0 && std::isfinite(*exposure);
   if (knowsExposure) {
     ++withExposure_;
     // A frame that is a stack itself is worth all of its exposures.
     exposure_ += frame.GetDouble("LIVETIME").value_or(*exposure);
   }
-  std::string date = frame.GetString("DATE-OBS").value_or("");
-  if (date.find('T') == std::string::npos) {
-    if (const auto time = frame.GetString("TIME-OBS")) date += "T" + *time;
-  }
-  const auto start = FitsTime(date);
+  const auto start = files::StartOf(frame);
   if (!start) return;
   const double length = knowsExposure ? *exposure : 0;
-  const double end = FitsTime(frame.GetString("DATE-END").value_or("")).value_or(*start + length);
+  const double end = files::FitsTime(frame.GetString("DATE-END").value_or("")).value_or(*start + length);
   if (withTime_++ == 0) {
     origin_ = start_ = *start;
     end_ = end;
@@ -118,13 +83,26 @@ files::Header StackHeader::Make() const {
     }
   }
   if (withTime_ > 0) {
-    header.Remove("TIME-OBS");
-    for (const char* stale : {"MJD-OBS", "JD", "UT"}) {
+    for (const char* stale : {"TIME-OBS", "TIME-END", "JD", "UT"}) {
       header.Remove(stale);
     }
-    header.Set("DATE-OBS", FitsDate(start_), "start of the first frame");
-    header.Set("DATE-END", FitsDate(end_), "end of the last frame");
-    header.Set("DATE-AVG", FitsDate(origin_ + middles_ / weights_), "middle, weighted by exposure");
+    const double middle = origin_ + middles_ / weights_;
+    const struct {
+      const char *date, *mjd;
+      double time;
+      const char* comment;
+    } times[] = {{"DATE-OBS", "MJD-OBS", start_, "start of the first frame"},
+                 {"DATE-BEG", "MJD-BEG", start_, "start of the first frame"},
+                 {"DATE-END", "MJD-END", end_, "end of the last frame"},
+                 {"DATE-AVG", "MJD-AVG", middle, "middle, weighted by exposure"}};
+    for (const auto& [date, mjd, time, comment] : times) {
+      const bool always = date != std::string_view("DATE-BEG");
+      if (always || header.GetString(date)) header.Set(date, files::FitsDate(time), comment);
+      if (header.GetString(mjd)) header.Set(mjd, files::ToMjd(time), comment);
+    }
+    if (header.GetString("TELAPSE")) {
+      header.Set("TELAPSE", end_ - start_, "[s] from the first frame's start to the last one's end");
+    }
   }
   header.Set("STACKCNT", frames_, "frames that were stacked");
   header.Set("NCOMBINE", frames_, "frames that were stacked");

@@ -10,11 +10,6 @@
 
 namespace korimg::tool {
 
-/// Seconds since 1970 of a FITS date such as 2026-03-14T21:05:30.250; a day alone is its beginning.
-std::optional<double> FitsTime(const std::string& date);
-/// The same backwards, to the millisecond.
-std::string FitsDate(double seconds);
-
 /// Collects what the frames that are used say of time, and where they differ.
 class StackHeader {
  public:
@@ -24,7 +19,8 @@ class StackHeader {
 
   /// The reference's header with, for frames that are combined by their mean or another middle: EXPTIME the
   /// mean exposure of a frame, LIVETIME and XPOSURE all of them, DATE-OBS and DATE-END the first start and
-  /// the last end, DATE-AVG the middle weighted by exposure, STACKCNT and NCOMBINE the number of frames.
+  /// the last end, DATE-AVG the middle weighted by exposure, and as much of DATE-BEG, MJD-... and TELAPSE as
+  /// the reference has; STACKCNT and NCOMBINE the number of frames.
   /// Keywords that differ between frames keep the reference's value and are named in HISTORY.
   files::Header Make() const;
 

@@ -14,11 +14,13 @@
 #include "app/files/CameraName.h"
 #include "app/files/Formats.h"
 #include "app/files/Mosaic.h"
+#include "app/files/Times.h"
 
 namespace korimg::tool {
 namespace {
 
 constexpr long long kBandBytes = 4 << 20;
+constexpr double kWhite = 65535;  // of 16 bits
 
 /// Calls visit(y0, rows, planes) for the bands of an image, where planes[p] is the address of the band's rows
 /// of plane p: in the store itself when its planes are contiguous, else in a buffer that is filled before the
@@ -83,6 +85,10 @@ Shape ShapeOf(const CVelImage& image) {
 
 }  // namespace
 
+long long BytesOf(const files::ImageInfo& info) {
+  return 4LL * info.width * info.height * info.planes;
+}
+
 int BandRows(int width, int planes, int height) {
   return static_cast<int>(std::clamp<long long>(kBandBytes / (4LL * width * planes), 1, height));
 }
@@ -146,9 +152,7 @@ std::unique_ptr<CVelImage> LoadSameSize(Tool& tool, const CVelImage& image, cons
 
 void ReadHeader(const files::ImageInfo& info, CHeader& camera) {
   const files::Header& header = info.header;
-  auto exposure = header.GetDouble("EXPTIME");
-  if (!exposure) exposure = header.GetDouble("EXPOSURE");
-  if (exposure) {
+  if (const auto exposure = files::ExposureOf(header)) {
     camera.SetExposureTime(*exposure);
     // A camera's way of telling a short exposure, where it is true.
     const double parts = 1 / *exposure;
@@ -193,11 +197,20 @@ void CommitComputed(files::ImageWriter& writer) {
 
 ImageSaver::ImageSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape,
                        const Levels& levels, const files::Header& header, const SaveOptions& options)
-    : shape_(shape), levels_(levels), byLevels_(files::LowerExtension(path) == ".png") {
+    : shape_(shape), levels_(levels) {
+  const bool byLevels = files::LowerExtension(path) == ".png";
   files::WriteOptions write{shape.width, shape.height, shape.planes};
   write.header = header;
   write.overwrite = tool.options.overwrite;
-  write.type = byLevels_ || options.integers ? "uint16" : "float32";
+  write.type = byLevels || options.integers ? "uint16" : "float32";
+  if (options.integers) write.scale = options.scale;
+  if (byLevels) {
+    // Planes of one scale are stored by it, and can be read back; others are a picture only.
+    bringsToOne_ =
+        std::any_of(levels.min, levels.min + shape.planes, [&](double v) { return v != levels.min[0]; }) ||
+        std::any_of(levels.max, levels.max + shape.planes, [&](double v) { return v != levels.max[0]; });
+    if (!bringsToOne_) write.scale = {(levels.max[0] - levels.min[0]) / kWhite, levels.min[0]};
+  }
   for (int p = 0; p < shape.planes; ++p) {
     write.header.Set(LevelKey("MIN", p), levels.min[p], "raw value shown as black");
     write.header.Set(LevelKey("MAX", p), levels.max[p], "raw value shown as white");
@@ -208,12 +221,12 @@ ImageSaver::ImageSaver(Tool& tool, const std::filesystem::path& path, const Shap
 void ImageSaver::Write(int rows, const float* const* planes) {
   const float* out[3] = {};
   const size_t size = static_cast<size_t>(rows) * shape_.width;
-  scaled_.resize(byLevels_ ? size * shape_.planes : 0);
+  scaled_.resize(bringsToOne_ ? size * shape_.planes : 0);
   for (int p = 0; p < shape_.planes; ++p) {
     out[p] = planes[p];
-    if (!byLevels_) continue;
+    if (!bringsToOne_) continue;
     const auto min = static_cast<float>(levels_.min[p]);
-    const auto scale = static_cast<float>(65535.0 / (levels_.max[p] - levels_.min[p]));
+    const auto scale = static_cast<float>(kWhite / (levels_.max[p] - levels_.min[p]));
     float* to = scaled_.data() + p * size;
     for (size_t i = 0; i < size; ++i) {
       to[i] = (planes[p][i] - min) * scale;
@@ -226,7 +239,18 @@ void ImageSaver::Write(int rows, const float* const* planes) {
 
 void SaveImage(Tool& tool, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
                const SaveOptions& options) {
-  ImageSaver saver(tool, path, ShapeOf(image), Levels(image), header, options);
+  SaveOptions scaled = options;
+  if (options.integers) {
+    files::RangeOf16Bits range;
+    ForBands(tool, image, true, "measuring " + path.filename().string(),
+             [&](int, int rows, float* const* planes) {
+               for (int p = 0; p < image.GetPlanes(); ++p) {
+                 range.Add(planes[p], static_cast<size_t>(rows) * image.GetWidth());
+               }
+             });
+    scaled.scale = range.Get();
+  }
+  ImageSaver saver(tool, path, ShapeOf(image), Levels(image), header, scaled);
   ForBands(tool, image, true, "writing " + path.filename().string(),
            [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
   saver.Commit();

@@ -13,6 +13,9 @@
 
 namespace korimg::tool {
 
+/// Bytes of an image in a store.
+long long BytesOf(const files::ImageInfo& info);
+
 /// Rows of a band of about 4 MiB.
 int BandRows(int width, int planes, int height);
 
@@ -45,6 +48,8 @@ void Calculate(CVelImage& image, Calculation operation, double value);
 
 struct SaveOptions {
   bool integers = false;  ///< 16-bit values in place of floats, for FITS and TIFF
+  /// On which those stand; SaveImage finds it by the image's own range.
+  files::Scale scale = {};
 };
 
 /// What an image's pixels mean on a picture, by plane.
@@ -64,7 +69,7 @@ struct Shape {
 void CommitComputed(files::ImageWriter& writer);
 
 /// An image being written with a header, its levels as keywords. PNG holds 16-bit values from black to white
-/// by the levels; FITS and TIFF hold raw values.
+/// by the levels; FITS and TIFF hold raw values. What 16 bits stand for is written into the file.
 class ImageSaver {
  public:
   ImageSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
@@ -76,7 +81,7 @@ class ImageSaver {
  private:
   Shape shape_;
   Levels levels_;
-  bool byLevels_;
+  bool bringsToOne_ = false;  ///< each plane from its own levels to 0 to 65535
   int next_ = 0;
   std::vector<float> scaled_;
   std::unique_ptr<files::ImageWriter> writer_;

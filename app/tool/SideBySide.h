@@ -20,12 +20,15 @@ inline int FramesAtOnce() {
   return std::min(CParallel::GetMaxThreads(), kMost);
 }
 
-/// Calls work(i) for 0 to count - 1, a few at once, each with its share of the threads; and take(i, result)
-/// for their results in order on this thread, where result() gives what work gave, or throws what it threw.
-/// The progress counts frames.
+/// Calls work(i) for 0 to count - 1, a few at once, as long as they fit half of the memory with `bytes` for
+/// each, each with its share of the threads; and take(i, result) for their results in order on this thread,
+/// where result() gives what work gave, or throws what it threw. The progress counts frames.
 template <class Work, class Take>
-void SideBySide(Tool& tool, const std::string& title, size_t count, Work&& work, Take&& take) {
-  const int threads = CParallel::GetMaxThreads(), atOnce = FramesAtOnce();
+void SideBySide(Tool& tool, const std::string& title, size_t count, long long bytes, Work&& work,
+                Take&& take) {
+  const long long fit = tool.Memory() / 2 / std::max(bytes, 1LL);
+  const int threads = CParallel::GetMaxThreads(),
+            atOnce = static_cast<int>(std::clamp<long long>(fit, 1, FramesAtOnce()));
   const auto policy = atOnce > 1 ? std::launch::async : std::launch::deferred;
   std::deque<std::future<std::invoke_result_t<Work&, size_t>>> running;
   size_t next = 0;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include <fmt/format.h>
+#include <sys/resource.h>
 
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/platform/CParallel.h"
@@ -39,6 +40,12 @@ std::optional<double> ToNumber(const std::string& text) {
   return value;
 }
 
+long long PeakMemory() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss * 1024LL;
+}
+
 void Tool::Begin() {
   if (options.threads > 0) {
     CParallel::SetMaxThreads(options.threads);
@@ -57,7 +64,11 @@ long long Tool::Memory() const {
 std::shared_ptr<CVmManager> Tool::MakeStore(const std::string& kind) const {
   StoreOptions store;
   store.budget = Memory();
-  if (kind == "contiguous") return CreateContiguousManager(store);
+  if (kind == "contiguous") {
+    const std::lock_guard lock(mutex_);
+    if (!contiguous_) contiguous_ = CreateContiguousManager(store);
+    return contiguous_;
+  }
   // A pool of at least 16 blocks, however small the budget is.
   store.blockSize = std::min<long long>(store.blockSize, std::max(store.budget / 16, 4096LL));
   return CreatePagedManager(store);
@@ -68,7 +79,12 @@ std::string Percent(double share) {
 }
 
 void Tool::ForEachFile(const std::vector<std::filesystem::path>& files,
-                       const std::function<void(const std::filesystem::path&)>& work) {
+                       const std::function<void(const std::filesystem::path&)>& work, bool mayBeMissing) {
+  const auto fail = [&](const std::string& line) {
+    if (mayBeMissing) return console.Warn(line);
+    console.Error(line);
+    exitCode = kFailed;
+  };
   for (const std::filesystem::path& file : files) {
     console.CheckCancelled();
     const long long failures = PipelineFailures();
@@ -80,11 +96,9 @@ void Tool::ForEachFile(const std::vector<std::filesystem::path>& files,
     } catch (const UsageError&) {
       throw;
     } catch (const files::FileError& error) {
-      console.Error(error.what());
-      exitCode = kFailed;
+      fail(error.what());
     } catch (const std::exception& error) {
-      console.Error(fmt::format("{}: {}", file.string(), error.what()));
-      exitCode = kFailed;
+      fail(fmt::format("{}: {}", file.string(), error.what()));
     }
   }
 }

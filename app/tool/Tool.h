@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -39,6 +40,9 @@ std::optional<double> ToNumber(const std::string& text);
 /// A share for people, as in "1.25 %".
 std::string Percent(double share);
 
+/// Bytes of memory that this process held at most.
+long long PeakMemory();
+
 /// One run of the tool.
 class Tool {
  public:
@@ -53,18 +57,24 @@ class Tool {
   /// Bytes that pixels may take.
   long long Memory() const;
 
-  /// A store within the memory budget: "contiguous" or "paged".
+  /// A store within the memory budget: "contiguous", which all of a job shares with its budget, or a new
+  /// "paged" one. Any thread may ask.
   std::shared_ptr<CVmManager> MakeStore(const std::string& kind = "contiguous") const;
 
   /// Does a thing to each file. A failure is one line on standard error, and the other files are still done.
+  /// It makes the exit code 1, unless the file may be missing from the result.
   void ForEachFile(const std::vector<std::filesystem::path>& files,
-                   const std::function<void(const std::filesystem::path&)>& work);
+                   const std::function<void(const std::filesystem::path&)>& work, bool mayBeMissing = false);
 
   /// Refuses an output that exists already, unless --overwrite was given.
   void CheckOutput(const std::filesystem::path& path) const;
 
   /// Refuses to keep what may be wrong: once a pipeline has failed, nothing more is saved. Throws FileError.
   static void CheckComputed(const std::filesystem::path& path);
+
+ private:
+  mutable std::mutex mutex_;
+  mutable std::shared_ptr<CVmManager> contiguous_;
 };
 
 }  // namespace korimg::tool

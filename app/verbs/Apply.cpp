@@ -10,6 +10,7 @@
 #include "app/operations/Blend.h"
 #include "app/operations/Operations.h"
 #include "app/tool/Images.h"
+#include "app/tool/Tell.h"
 #include "app/verbs/Verbs.h"
 
 namespace korimg::tool {
@@ -84,10 +85,10 @@ void Apply(Tool& tool, const ApplyOptions& options) {
   }
   if (!options.rect.empty()) history += " --rect " + options.rect;
   history += options.blend.Text();
-  if (tool.options.dryRun) {
-    tool.console.Say(fmt::format("{}: {} -> {}", plan.input, history, options.output));
-    return;
-  }
+  const nlohmann::ordered_json json{
+      {"input", plan.input}, {"output", options.output}, {"operations", history}};
+  const std::string line = fmt::format("{}: {} -> {}", plan.input, history, options.output);
+  if (tool.options.dryRun) return Tell(tool, json, line);
   tool.CheckOutput(options.output);
   const auto store = tool.MakeStore(options.store);
   LoadedImage loaded = LoadImage(tool, store, plan.input, {.hdu = options.hdu});
@@ -105,13 +106,7 @@ void Apply(Tool& tool, const ApplyOptions& options) {
   if (blend) blend->Apply(*loaded.image);
   loaded.info.header.AddHistory(fmt::format("korimg {} {}", Version(), history));
   SaveImage(tool, *loaded.image, loaded.info.header, options.output, {.integers = options.bits == "16"});
-  if (tool.options.json) {
-    fmt::print(
-        "{}\n",
-        nlohmann::json{{"input", plan.input}, {"output", options.output}, {"operations", history}}.dump());
-  } else {
-    tool.console.Say(fmt::format("{}: {} -> {}", plan.input, history, options.output));
-  }
+  Tell(tool, json, line);
 }
 
 const char* KindName(ParameterKind kind) {

@@ -6,10 +6,15 @@ namespace korimg::tool {
 
 void AddCalibrationOptions(CLI::App& verb, CalibrateOptions& options) {
   verb.add_option("--out", options.out, "folder for the results")->required();
-  verb.add_option(
-          "--pedestal", options.pedestal,
-          "raw value added before darks come off, so that nothing is clipped at 0; stays in the output")
-      ->check(CLI::Range(0.0, 1e6));
+  verb.add_option_function<std::string>(
+          "--pedestal",
+          [&options](const std::string& text) {
+            options.pedestal = text == "auto" ? std::nullopt : ToNumber(text);
+          },
+          "raw value added before darks come off, so that noise is not clipped at 0, and kept in the output; "
+          "auto adds what the noise needs, and takes it off again: faint skies may be negative")
+      ->default_str("auto")
+      ->check(CLI::Range(0.0, 1e6) | CLI::IsMember({"auto"}));
   verb.add_flag("--allow-mismatch", options.allowMismatch,
                 "use calibration frames that differ in more than size, with a warning");
   AddMosaicOptions(verb, options.develop);
@@ -25,6 +30,7 @@ void AddCalibrate(CLI::App& app, Tool& tool) {
   verb->add_option("--master-dir", options->masters, "folder to keep the masters in");
   AddCalibrationOptions(*verb, *options);
   verb->add_flag("--keep-mosaic", options->keepMosaic, "do not develop mosaics into colour");
+  verb->add_flag("--previews", options->previews, "write small pictures of the lights into OUT/previews");
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {
     tool.Begin();

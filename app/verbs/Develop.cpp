@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "app/calibrate/Masters.h"
+#include "app/tool/Tell.h"
 #include "app/verbs/AutoPicture.h"
 #include "app/verbs/Verbs.h"
 
@@ -21,8 +22,9 @@ constexpr double kUnitWhite = 16;  // images that stay below it are not on a cam
 struct Arguments {
   std::vector<fs::path> inputs;
   fs::path out, dark, flat;
-  std::string bits;
+  std::string bits = "float";
   double black = 0;
+  bool previews = false;
   DevelopOptions develop;
 };
 
@@ -48,10 +50,11 @@ class Developer {
 
   void Do(const fs::path& path) {
     const fs::path output = toFile_ ? arguments_.out : arguments_.out / (StemOf(path) + ".fits");
-    fs::path preview = output;
-    preview.replace_extension(".png");
+    // Apart from the frames, which are often read as a folder.
+    std::optional<fs::path> preview;
+    if (arguments_.previews) preview = output.parent_path() / "previews" / (output.stem().string() + ".png");
     tool_.CheckOutput(output);
-    tool_.CheckOutput(preview);
+    if (preview) tool_.CheckOutput(*preview);
     if (fs::exists(output) && fs::equivalent(output, path)) {
       throw files::FileError(output, "would be replaced by its own result; choose another --out");
     }
@@ -84,37 +87,41 @@ class Developer {
 
  private:
   void Save(MosaicSource source, files::ImageInfo& info, const files::Mosaic& mosaic,
-            const WhiteBalance& balance, const fs::path& output, const fs::path& preview) {
+            const WhiteBalance& balance, const fs::path& output, const std::optional<fs::path>& preview) {
     const std::string name = info.path.filename().string();
+    const nlohmann::ordered_json json{{"file", info.path.string()},
+                                      {"output", output.string()},
+                                      {"preview", preview ? preview->string() : ""},
+                                      {"mosaic", mosaic.name},
+                                      {"reason", mosaic.reason},
+                                      {"white_balance", balance.text},
+                                      {"gains", balance.gains}};
+    const std::string line = fmt::format("{} -> {}", name, output.string());
     if (!mosaic.name.empty()) {
       tool_.console.Say(fmt::format("{}: mosaic {} ({}), white balance {} ({:.4g})", name, mosaic.name,
                                     mosaic.reason, balance.text, fmt::join(balance.gains, ", ")));
     }
-    const bool integers = arguments_.bits == "16" ||
-                          (arguments_.bits.empty() && files::LowerExtension(output).starts_with(".tif"));
+    if (tool_.options.dryRun) return Tell(tool_, json, line);
+    SaveOptions save{.integers = arguments_.bits == "16"};
     DevelopOptions options = arguments_.develop;
-    if (integers) options.scale = kWhite16 / source.levels.max[0];
+    if (save.integers) options.scale = kWhite16 / source.levels.max[0];
+    // The noise of a dark sky goes below black; it is kept, unless black is to be the end.
+    constexpr double kBelowBlack = kWhite16 / 64;
+    if (!options.levelCut && options.gamma == 1) save.scale = {1 + kBelowBlack / kWhite16, -kBelowBlack};
     Levels levels;
     std::fill(levels.max, levels.max + 3, source.levels.max[0] * options.scale);
     Development development(std::move(source), info, mosaic, balance, options);
-    const fs::path folder = toFile_ ? output.parent_path() : arguments_.out;
+    const fs::path folder = (preview ? *preview : output).parent_path();
     if (!folder.empty()) fs::create_directories(folder);
-    SaveDeveloped(tool_, development, info.header, levels, development.PictureLevels(kPreviewSide), output,
-                  integers, preview, kPreviewSide, [](CVelImage&) {});
-    if (tool_.options.json) {
-      const nlohmann::ordered_json json{{"file", info.path.string()},  {"output", output.string()},
-                                        {"preview", preview.string()}, {"mosaic", mosaic.name},
-                                        {"reason", mosaic.reason},     {"white_balance", balance.text},
-                                        {"gains", balance.gains}};
-      fmt::print("{}\n", json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
-    } else {
-      tool_.console.Say(fmt::format("{} -> {}", name, output.string()));
-    }
+    SaveDeveloped(tool_, development, info.header, levels,
+                  preview ? development.PictureLevels(kPreviewSide) : levels, output, save, preview,
+                  kPreviewSide, [](CVelImage&) {});
+    Tell(tool_, json, line);
   }
 
   void Load(FrameKind kind, const fs::path& path, Serving& serving) {
     if (path.empty()) return;
-    serving.groups = MakeGroups(kind, {path});
+    serving.groups = MakeGroups(tool_.console, kind, {path});
     serving.master = MakeMaster(tool_, store_, serving.groups.front(), nullptr);
   }
 
@@ -194,8 +201,7 @@ void AddDevelop(CLI::App& app, Tool& tool) {
   CLI::App* verb = app.add_subcommand("develop", "Make colour images of camera raw files and mosaics");
   verb->add_option("frames", arguments->inputs, "camera raw, FITS or TIFF files, or folders of them")
       ->required();
-  verb->add_option("--out", arguments->out, "folder for the results, or a name: .fits, or .tif with 16 bits")
-      ->required();
+  verb->add_option("--out", arguments->out, "folder for the results, or a name: .fits or .tif")->required();
   AddMosaicOptions(*verb, options);
   verb->add_flag("--mono", options.mono, "brightness in one plane");
   verb->add_flag("--half", options.half, "half the size, a pixel from each cell of the mosaic");
@@ -209,8 +215,11 @@ void AddDevelop(CLI::App& app, Tool& tool) {
                    "raw value of no light, where neither a dark nor the file says it")
       ->check(CLI::Range(0.0, 1e6))
       ->excludes(dark);
-  verb->add_option("--bits", arguments->bits, "16: whole numbers up to 65535 for white; float: the raw scale")
+  verb->add_option(
+          "--bits", arguments->bits,
+          "16: whole numbers, with white at 65535 and room for noise below black; float: the raw scale")
       ->check(CLI::IsMember({"16", "float"}));
+  verb->add_flag("--previews", arguments->previews, "write small pictures too, into the folder previews");
   AddCommonOptions(*verb, tool);
   verb->callback([arguments, &tool] {
     tool.Begin();
@@ -219,7 +228,7 @@ void AddDevelop(CLI::App& app, Tool& tool) {
     if (options.half && (options.mono || options.levelCut || options.gamma != 1)) {
       throw UsageError("--half takes neither --mono nor --level-cut nor --gamma");
     }
-    const std::vector<fs::path> frames = ExpandFolders(arguments->inputs);
+    const std::vector<fs::path> frames = ExpandFolders(tool.console, arguments->inputs);
     CheckStems(frames);
     if (IsImageName(arguments->out) && frames.size() > 1) {
       throw UsageError(fmt::format("--out {}: several frames need a folder", arguments->out.string()));

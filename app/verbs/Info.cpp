@@ -14,6 +14,7 @@
 #include "korimg/platform/Debug.h"
 #include "korimg/raw/CImgInformation.h"
 
+#include "app/develop/Develop.h"
 #include "app/files/Mosaic.h"
 #include "app/tool/Images.h"
 #include "app/verbs/Verbs.h"
@@ -96,7 +97,7 @@ void Info(Tool& tool, const std::filesystem::path& path, const std::string& hdu)
   CImgAutoLevel image;
   image.Swap(loaded.image.get());
   const files::ImageInfo& info = loaded.info;
-  const files::Mosaic mosaic = files::FindMosaic(info);
+  const files::Mosaic mosaic = MosaicOf(info, {});
   std::vector<PlaneMeasures> planes;
   for (int p = 0; p < image.GetPlanes(); ++p) {
     planes.push_back(Measure(image, p));
@@ -108,6 +109,7 @@ void Info(Tool& tool, const std::filesystem::path& path, const std::string& hdu)
                         {"planes", info.planes},
                         {"type", info.type},
                         {"format", info.format},
+                        {"rows_turned", info.header.turned},
                         {"keywords", nlohmann::json::object()}};
     for (const PlaneMeasures& m : planes) {
       json["min"].push_back(m.min);
@@ -152,6 +154,7 @@ void Info(Tool& tool, const std::filesystem::path& path, const std::string& hdu)
       line += fmt::format("{}{} {}", line.empty() ? "" : ", ", key, *value);
   }
   if (!line.empty()) fmt::print("  {}\n", line);
+  if (info.header.turned) fmt::print("  rows stored from the lowest up, and read upright\n");
   if (info.camera) {
     const auto [instrument, exposure, format] = CameraText(image);
     fmt::print("  camera {}{}{}, black {:g}, white {:g}", instrument, exposure.empty() ? "" : ", " + exposure,
@@ -160,7 +163,7 @@ void Info(Tool& tool, const std::filesystem::path& path, const std::string& hdu)
     fmt::print("\n");
   }
   if (!mosaic.name.empty()) {
-    fmt::print("  mosaic {} as stored ({}){}\n", mosaic.name, mosaic.reason,
+    fmt::print("  mosaic {} from the upper left corner on ({}){}\n", mosaic.name, mosaic.reason,
                mosaic.cfa > 0 ? "" : ": not supported");
   }
 }
@@ -214,10 +217,13 @@ void AddVersion(CLI::App& app, Tool& tool) {
 
 void AddCommonOptions(CLI::App& verb, Tool& tool) {
   CommonOptions& options = tool.options;
-  verb.add_option("--threads", options.threads, "Threads of loops and pipelines")->check(CLI::Range(1, 1024));
+  verb.add_option("--threads", options.threads, "Threads of loops and pipelines")
+      ->default_str("as many as there are processors")
+      ->check(CLI::Range(1, 1024));
   verb.add_option_function<std::string>(
-      "--memory", [&options](const std::string& text) { options.memory = ParseSize(text); },
-      "Memory for pixels, as in 512M; beyond it temporary files are used");
+          "--memory", [&options](const std::string& text) { options.memory = ParseSize(text); },
+          "Memory for pixels, as in 512M; beyond it temporary files are used")
+      ->default_str("half of what the system gives");
   verb.add_flag("--quiet,-q", options.quiet, "Errors and warnings only");
   verb.add_flag("--verbose,-v", options.verbose, "Say more");
   verb.add_flag("--json", options.json, "Results for programs, one object a line");

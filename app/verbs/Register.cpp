@@ -29,6 +29,18 @@ std::string Line(const Registration& r) {
                     : fmt::format("{}: {}", r.file, r.status);
 }
 
+/// What a frame takes while its stars are found, by the first one that can be read.
+long long BytesAtWork(const std::vector<fs::path>& frames, const std::string& hdu) {
+  for (const fs::path& frame : frames) {
+    try {
+      return 2 * BytesOf(files::ImageReader::Open(frame, {.hdu = hdu})->Info());
+    } catch (const files::FileError&) {
+      // Told when its turn comes.
+    }
+  }
+  return 0;
+}
+
 void Register(Tool& tool, const RegisterOptions& options) {
   if (!options.output.empty()) tool.CheckOutput(options.output);
   const auto store = tool.MakeStore();
@@ -37,11 +49,12 @@ void Register(Tool& tool, const RegisterOptions& options) {
   };
   const auto measure = [&](const fs::path& file) { return MeasureFrame(*load(file), options.sigmas); };
 
-  const std::vector<fs::path> wanted = ExpandFolders(options.files);
+  const std::vector<fs::path> wanted = ExpandFolders(tool.console, options.files);
   std::vector<fs::path> files;
   std::vector<FrameMeasure> frames;
+  const long long bytes = BytesAtWork(wanted, options.hdu);
   SideBySide(
-      tool, "finding stars in frame", wanted.size(), [&](size_t i) { return measure(wanted[i]); },
+      tool, "finding stars in frame", wanted.size(), bytes, [&](size_t i) { return measure(wanted[i]); },
       [&](size_t i, const auto& result) {
         tool.ForEachFile({wanted[i]}, [&](const fs::path& file) {
           frames.push_back(result());
@@ -65,7 +78,7 @@ void Register(Tool& tool, const RegisterOptions& options) {
       reference, [&] { return load(referenceFile); }, options.residual);
   std::vector<Registration> registrations(files.size());
   SideBySide(
-      tool, "registering frame", files.size(),
+      tool, "registering frame", files.size(), bytes,
       [&](size_t i) {
         return fs::equivalent(files[i], referenceFile)
                    ? ReferenceRegistration(reference)
@@ -82,7 +95,7 @@ void Register(Tool& tool, const RegisterOptions& options) {
     lines += ToJson(registration) + '\n';
     if (!tool.options.json) fmt::print("{}\n", Line(registration));
   }
-  if (tool.options.json && options.output.empty()) fmt::print("{}", lines);
+  if (tool.options.json && (options.output.empty() || tool.options.dryRun)) fmt::print("{}", lines);
   if (options.output.empty() || tool.options.dryRun) return;
   files::TransientFile part(files::PartialName(options.output));
   std::ofstream out(part.Path());
@@ -105,6 +118,10 @@ void AddRegister(CLI::App& app, Tool& tool) {
   verb->add_option("--residual", options->residual, "pixels that stars may be off by in the mean")
       ->check(CLI::Range(0.01, 100.0));
   verb->add_option("--hdu", options->hdu, "number or name of the FITS extension to read");
+  verb->footer(
+      "A frame of width x height pixels lies on the reference once it is turned by `degrees`, clockwise "
+      "on the screen, about the point (width / 2, height / 2), and then shifted by `dx` to the right and "
+      "`dy` down. Positions count from the centre of the first pixel.");
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {
     tool.Begin();

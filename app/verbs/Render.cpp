@@ -10,6 +10,7 @@
 
 #include "app/tool/Annotate.h"
 #include "app/tool/Images.h"
+#include "app/tool/Tell.h"
 #include "app/verbs/AutoPicture.h"
 #include "app/verbs/Verbs.h"
 
@@ -89,6 +90,10 @@ void WritePicture(Tool& tool, CVelImage& image, CBaseDIB& bitmap, int step,
 
 void Render(Tool& tool, const RenderOptions& options) {
   tool.CheckOutput(options.output);
+  if (tool.options.dryRun) {
+    return Tell(tool, {{"input", options.input.string()}, {"output", options.output.string()}},
+                fmt::format("{} -> {}", options.input.string(), options.output.string()));
+  }
   const auto store = tool.MakeStore();
   LoadedImage loaded = LoadImage(tool, store, options.input, {.hdu = options.hdu});
   auto& image = loaded.image;
@@ -115,7 +120,15 @@ void Render(Tool& tool, const RenderOptions& options) {
     CVmDIB bitmap(tool.MakeStore("paged"));
     WritePicture(tool, *image, bitmap, 3, options.output);
   }
-  tool.console.Say(fmt::format("{} -> {}", options.input.string(), options.output.string()));
+  nlohmann::ordered_json json{{"input", options.input.string()},
+                              {"output", options.output.string()},
+                              {"width", image->GetWidth()},
+                              {"height", image->GetHeight()}};
+  for (int p = 0; p < image->GetPlanes(); ++p) {
+    json["black"].push_back(image->GetLevelMin(p));
+    json["white"].push_back(image->GetLevelMax(p));
+  }
+  Tell(tool, json, fmt::format("{} -> {}", options.input.string(), options.output.string()));
 }
 
 }  // namespace

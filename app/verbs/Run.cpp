@@ -15,13 +15,17 @@ namespace fs = std::filesystem;
 
 namespace {
 
+std::string Lower(std::string name) {
+  std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
+  return name;
+}
+
 /// The folder of one kind of frames in a session: its name in any case, singular or plural. Empty: there is
 /// none.
 fs::path FindFolder(const fs::path& session, std::initializer_list<const char*> names) {
   std::vector<fs::path> found;
   for (const auto& entry : fs::directory_iterator(session)) {
-    std::string name = entry.path().filename().string();
-    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
+    const std::string name = Lower(entry.path().filename().string());
     if (entry.is_directory() && std::find(names.begin(), names.end(), name) != names.end()) {
       found.push_back(entry.path());
     }
@@ -49,9 +53,23 @@ void FindFrames(Tool& tool, const fs::path& session, CalibrateOptions& options) 
                {"biases", {"biases", "bias"}, options.biases}};
   for (const auto& [title, names, files] : kinds) {
     const fs::path folder = FindFolder(session, names);
-    if (!folder.empty()) files = ExpandFolders({folder});
+    if (!folder.empty()) files = ExpandFolders(tool.console, {folder});
     tool.console.Say(folder.empty() ? fmt::format("{}: none", title)
                                     : fmt::format("{}: {} in {}", title, files.size(), folder.string()));
+  }
+  for (const auto& entry : fs::directory_iterator(session)) {
+    const std::string name = Lower(entry.path().filename().string());
+    const bool looksLikeIt = std::any_of(std::begin(kinds), std::end(kinds), [&](const auto& kind) {
+      return std::any_of(kind.names.begin(), kind.names.end(),
+                         [&](const char* word) { return name.find(word) != std::string::npos; });
+    });
+    const bool taken = std::any_of(std::begin(kinds), std::end(kinds), [&](const auto& kind) {
+      return std::find(kind.names.begin(), kind.names.end(), name) != kind.names.end();
+    });
+    if (entry.is_directory() && looksLikeIt && !taken) {
+      tool.console.Warn(fmt::format("{}: is not read; frames are taken from lights, darks, flats and biases",
+                                    entry.path().string()));
+    }
   }
   if (options.lights.empty()) throw files::FileError(session, "has no folder lights or light");
   if (options.darks.empty() && options.flats.empty() && options.biases.empty()) {

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "app/simulate/Simulate.h"
+#include "app/tool/Tell.h"
 #include "app/verbs/Verbs.h"
 
 namespace korimg::tool {
@@ -39,13 +40,20 @@ void AddSimulate(CLI::App& app, Tool& tool) {
       tool.console.Progress("simulating", done, total);
       return true;
     };
+    const nlohmann::ordered_json json{{"folder", options->folder.string()},
+                                      {"lights", simulate.frames},
+                                      {"width", simulate.width},
+                                      {"height", simulate.height},
+                                      {"truth", (options->folder / "truth.json").string()}};
+    const std::string line = fmt::format("{}: {} lights of {} x {}", options->folder.string(),
+                                         simulate.frames, simulate.width, simulate.height);
+    if (tool.options.dryRun) return Tell(tool, json, line);
     try {
       Simulate(options->folder, simulate);
     } catch (const std::invalid_argument& error) {
       throw UsageError(error.what());
     }
-    tool.console.Say(fmt::format("{}: {} lights of {} x {}", options->folder.string(), simulate.frames,
-                                 simulate.width, simulate.height));
+    Tell(tool, json, line);
   });
 }
 

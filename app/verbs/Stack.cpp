@@ -5,7 +5,6 @@
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "korimg/pipelines/runtime/Runtime.h"
@@ -19,6 +18,7 @@
 #include "app/stack/StackHeader.h"
 #include "app/stack/Transforms.h"
 #include "app/tool/SideBySide.h"
+#include "app/tool/Tell.h"
 #include "app/verbs/Verbs.h"
 
 namespace korimg::tool {
@@ -49,10 +49,10 @@ class Sources {
  public:
   static constexpr size_t kMostOpen = 100;
 
-  explicit Sources(const Options& options) {
+  Sources(Tool& tool, const Options& options) {
     std::optional<Transforms> transforms;
     if (!options.transforms.empty()) transforms.emplace(options.transforms);
-    for (const fs::path& path : ExpandFolders(options.frames)) {
+    for (const fs::path& path : ExpandFolders(tool.console, options.frames)) {
       const Transform transform = transforms ? transforms->Of(path) : Transform();
       if (transform.status != "ok") {
         leftOut_.emplace_back(path, transform.status);
@@ -117,6 +117,12 @@ class Sources {
                                          own.height, own.planes, wanted.width, wanted.height, wanted.planes,
                                          used_[reference_].path.filename().string()));
     }
+    if (own.format != wanted.format) {
+      throw files::FileError(
+          source.path, fmt::format("is a {} file, but the reference is {} ({}): their scales differ; "
+                                   "stack frames of one kind",
+                                   own.format, wanted.format, used_[reference_].path.filename().string()));
+    }
     if (!source.transform.IsNone() && !files::FindMosaic(own).name.empty()) {
       throw files::FileError(source.path,
                              "is an undeveloped mosaic, whose colours moving would mix; develop it first");
@@ -133,7 +139,7 @@ class Sources {
 
 class StackRun {
  public:
-  StackRun(Tool& tool, const Options& options) : tool_(tool), options_(options), sources_(options) {
+  StackRun(Tool& tool, const Options& options) : tool_(tool), options_(options), sources_(tool, options) {
     stack_ = options.StackChoices::Options();
     stack_.rejectionMaps = options.maps;
     stack_.memory = DefaultStackMemory(tool);
@@ -151,6 +157,20 @@ class StackRun {
                                   reference.path.filename().string(), plan_.Text()));
     for (const auto& [path, status] : sources_.LeftOut()) {
       tool_.console.Warn(fmt::format("{}: left out: {}", path.string(), status));
+    }
+    if (tool_.options.json && tool_.options.dryRun) {
+      Json leftOut = Json::array();
+      for (const auto& [path, status] : sources_.LeftOut()) {
+        leftOut.push_back({{"file", path.string()}, {"status", status}});
+      }
+      tool::Tell(tool_,
+                 {{"output", options_.output.string()},
+                  {"frames", inputs_.size()},
+                  {"reference", reference.path.string()},
+                  {"left_out", leftOut},
+                  {"bands", plan_.bands},
+                  {"memory_bytes", plan_.totalBytes}},
+                 "");
     }
     if (!reference.transform.IsNone()) {
       tool_.console.Warn(
@@ -190,6 +210,11 @@ class StackRun {
     }
     journal.Remove();
     Tell();
+    const size_t used = inputs_.size(), all = used + sources_.LeftOut().size();
+    if (2 * used >= all) return;
+    tool_.console.Error(fmt::format("{}: holds {} of {} frames, less than half; the others are not ok in {}",
+                                    options_.output.string(), used, all, options_.transforms.string()));
+    tool_.exitCode = kFailed;
   }
 
  private:
@@ -225,9 +250,9 @@ class StackRun {
   }
 
   std::unique_ptr<ImageSaver> NewSaver(const fs::path& path, const files::Header& header,
-                                       const Levels& levels) const {
+                                       const Levels& levels, const files::Scale& scale = {}) const {
     return std::make_unique<ImageSaver>(tool_, path, shape_, levels, header,
-                                        SaveOptions{.integers = options_.bits == "16"});
+                                        SaveOptions{.integers = options_.bits == "16", .scale = scale});
   }
 
   /// All that the pixels of the result depend on.
@@ -256,11 +281,12 @@ class StackRun {
       return Weigh();
     }
     SideBySide(
-        tool_, "measuring frame", inputs_.size(), [&](size_t i) { return MeasureInput(inputs_[i]); },
+        tool_, "measuring frame", inputs_.size(), 0, [&](size_t i) { return MeasureInput(inputs_[i]); },
         [&](size_t i, const auto& result) {
           tool_.console.CheckCancelled();
           inputs_[i].levels = result();
         });
+    CheckScales(inputs_, sources_.Reference());
     Weigh();
   }
 
@@ -308,9 +334,13 @@ class StackRun {
 
   void Save(const Journal& journal) {
     counts_.assign(inputs_.size(), {});
+    files::RangeOf16Bits range;
     journal.ForBands([&](const StackBand& band) {
       for (size_t i = 0; i < counts_.size(); ++i) {
         counts_[i] += band.counts[i];
+      }
+      for (int p = 0; p < shape_.planes && options_.bits == "16"; ++p) {
+        range.Add(band.planes[p], static_cast<size_t>(band.rows) * shape_.width);
       }
     });
     const auto sample = SampleInput(inputs_[sources_.Reference()]);
@@ -320,7 +350,8 @@ class StackRun {
     const files::Header header = MakeHeader();
     std::vector<std::unique_ptr<ImageSaver>> savers;
     for (const fs::path& output : Outputs()) {
-      savers.push_back(NewSaver(output, header, savers.empty() ? Levels(*sample) : countLevels));
+      savers.push_back(savers.empty() ? NewSaver(output, header, Levels(*sample), range.Get())
+                                      : NewSaver(output, header, countLevels));
     }
     journal.ForBands([&](const StackBand& band) {
       tool_.console.CheckCancelled();
@@ -335,8 +366,7 @@ class StackRun {
   }
 
   void Tell() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
+    const long long peak = PeakMemory();
     Json frames = Json::array();
     for (size_t i = 0; i < inputs_.size(); ++i) {
       const CImgStack::Counts& counts = counts_[i];
@@ -365,11 +395,11 @@ class StackRun {
                       {"frames", frames},
                       {"left_out", leftOut},
                       {"bands", plan_.bands},
-                      {"peak_memory_bytes", usage.ru_maxrss * 1024LL}};
+                      {"peak_memory_bytes", peak}};
       fmt::print("{}\n", json.dump(-1, ' ', false, Json::error_handler_t::replace));
     } else {
       tool_.console.Say(fmt::format("stack {} -> {}; peak memory {} MiB", options_.Text(),
-                                    options_.output.string(), usage.ru_maxrss / 1024));
+                                    options_.output.string(), peak >> 20));
     }
   }
 

@@ -92,7 +92,7 @@ struct StarsOptions {
 };
 
 void Stars(Tool& tool, const StarsOptions& options) {
-  const std::vector<fs::path> files = ExpandFolders(options.files);
+  const std::vector<fs::path> files = ExpandFolders(tool.console, options.files);
   if (!options.output.empty()) {
     if (files.size() > 1) {
       throw UsageError(fmt::format(
@@ -107,7 +107,7 @@ void Stars(Tool& tool, const StarsOptions& options) {
     finder.SetThreshold(options.sigmas);
     finder.Find();
     const Found found{file, *loaded.image, finder};
-    if (!options.output.empty()) WriteList(options.output, found);
+    if (!options.output.empty() && !tool.options.dryRun) WriteList(options.output, found);
     PrintStars(tool, found);
   });
 }

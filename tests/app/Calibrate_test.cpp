@@ -97,7 +97,8 @@ class CalibrateTest : public files::FolderTest {
     const std::vector<float> pixels = Pixels(In(name));
     for (int i = 0; i < kWidth * kHeight; ++i) {
       const double want = expected(i % kWidth, i / kWidth);
-      if (std::isnan(want) ? !std::isnan(pixels[i]) : !(std::abs(pixels[i] - want) < 1e-4 * (1 + want))) {
+      if (std::isnan(want) ? !std::isnan(pixels[i])
+                           : !(std::abs(pixels[i] - want) < 1e-4 * (1 + std::abs(want)))) {
         return fmt::format("({}, {}): {} for {}", i % kWidth, i / kWidth, pixels[i], want);
       }
     }
@@ -176,7 +177,8 @@ TEST_F(CalibrateTest, TakesOffsetsOffAndDividesByTheFlat) {
        "", "FLATS WITHOUT BIAS OR DARK"},
   };
   for (const auto& [options, expected, pedestal, warning] : cases) {
-    const Outcome outcome = Calibrate(options + " --overwrite --json --out @out @light.fits");
+    const std::string clip = pedestal.empty() ? " --pedestal 0" : "";
+    const Outcome outcome = Calibrate(options + clip + " --overwrite --json --out @out @light.fits");
     ASSERT_EQ(outcome.code, 0) << options << outcome.errors;
     if (warning.empty()) {
       EXPECT_EQ(outcome.errors, "") << options;
@@ -193,6 +195,113 @@ TEST_F(CalibrateTest, TakesOffsetsOffAndDividesByTheFlat) {
     EXPECT_NEAR(json::parse(outcome.out)["clipped"].get<double>(), clips ? 1.0 / kWidth / kHeight : 0, 1e-9)
         << options;
   }
+}
+
+TEST_F(CalibrateTest, FaintSkiesKeepTheirNoise) {
+  // A sky of 1 in noise of 5: clipped at 0 it would be 3.
+  const auto noise = [](int x, int y) { return (x * 7 + y * 3) % 2 ? 5.0 : -5.0; };
+  for (const char* name : {"dark/1.fits", "dark/2.fits"}) {
+    Write(name, [](int, int) { return 100; });
+  }
+  Write("light.fits", [&](int x, int y) { return x == 4 && y == 4 ? NAN : 101 + noise(x, y); });
+  Write("flat.fits", Flat);
+  const auto sky = [&](int x, int y) { return x == 4 && y == 4 ? NAN : 1 + noise(x, y); };
+  ASSERT_EQ(Calibrate("--dark @dark --out @out @light.fits").code, 0);
+  EXPECT_EQ(Difference("out/light.fits", sky), "");
+  EXPECT_FALSE(ImageReader::Open(In("out/light.fits"))->Info().header.GetString("PEDESTAL"));
+  ASSERT_EQ(Calibrate("--dark @dark --flat @flat.fits --out @out --overwrite @light.fits").code, 0);
+  EXPECT_EQ(Difference("out/light.fits", [&](int x, int y) { return sky(x, y) * FlatMean() / Flat(x, y); }),
+            "");
+  ASSERT_EQ(Calibrate("--dark @dark --pedestal 0 --out @out --overwrite @light.fits").code, 0);
+  EXPECT_EQ(Difference("out/light.fits",
+                       [&](int x, int y) { return x == 4 && y == 4 ? NAN : std::max(sky(x, y), 0.0); }),
+            "");
+}
+
+TEST_F(CalibrateTest, MastersOnAnotherScaleAreRefusedWithTheNumbers) {
+  const auto write = [&](const std::string& name, double level) {
+    Write(name, [level](int x, int y) { return level * (1 + 0.01 * ((x * 5 + y * 3) % 7)); });
+  };
+  write("light.fits", 770);
+  write("unit.fits", 770 / 65535.0);
+  for (const char* n : {"1", "2"}) {
+    write(fmt::format("dark/{}.fits", n), 510);
+    write(fmt::format("bias/{}.fits", n), 500);
+    write(fmt::format("less/{}.fits", n), 10);  // the bias is off already
+    write(fmt::format("small/{}.fits", n), 510 / 65535.0);
+    write(fmt::format("flat/{}.fits", n), 30000);
+  }
+  const struct {
+    const char *call, *said;
+  } cases[] = {{"--dark @dark @light.fits", ""},
+               {"--dark @dark --bias @bias --flat @flat @light.fits", ""},
+               {"--dark @less @light.fits", ""},
+               {"--dark @small @light.fits", "median of 793.1, but master_dark no pixel above 0.00825"},
+               {"--bias @small @light.fits", "but master_bias no pixel above"},
+               {"--dark @dark @unit.fits", "less than 525.3 of master_dark"},
+               {"--dark @less --bias @bias --flat @flat @light.fits", "master_dark has a median of 10.3"}};
+  for (const auto& c : cases) {
+    fs::remove_all(In("out"));
+    const Outcome outcome = Calibrate(std::string("--out @out ") + c.call);
+    EXPECT_EQ(outcome.code, *c.said ? 1 : 0) << c.call << outcome.errors;
+    EXPECT_NE(outcome.errors.find(c.said), std::string::npos) << c.call << outcome.errors;
+    EXPECT_EQ(fs::exists(In("out")), !*c.said) << c.call;
+    EXPECT_EQ(Calibrate(std::string("--allow-mismatch --out @out2 --overwrite ") + c.call).code, 0) << c.call;
+  }
+}
+
+TEST_F(CalibrateTest, MosaicsThatFramesDoNotName) {
+  const auto cell = [](int x, int y, double red, double green, double blue) {
+    return x % 2 == y % 2 ? (x % 2 ? blue : red) : green;
+  };
+  const auto grain = [](int x, int y) { return (x * 5 + y * 11) % 13 - 6; };
+  for (const char* n : {"1", "2"}) {
+    Write(fmt::format("bias/{}.fits", n), [&](int, int) { return 500; });
+    // A reddish lamp, and light that falls off.
+    Write(fmt::format("flat/{}.fits", n),
+          [&](int x, int y) { return 500 + (1 - 0.02 * x) * cell(x, y, 9000, 6000, 5000); });
+  }
+  const auto light = [&](int x, int y) {
+    return 500 + (1 - 0.02 * x) * (cell(x, y, 200, 400, 300) + grain(x, y));
+  };
+  Write("light.fits", light);
+  // Rows that differ are a detector's, and no mosaic.
+  Write("rows.fits", [&](int x, int y) { return 900 + 80 * (y % 2) + grain(x, y); });
+  EXPECT_EQ(Calibrate("--bias @bias --out @rows @rows.fits").errors, "");
+  const std::string frames = " --bias @bias --flat @flat ";
+  // Nobody says a pattern: mono, with a warning.
+  const Outcome silent = Calibrate("--out @mono" + frames + "@light.fits");
+  EXPECT_NE(silent.errors.find("looks like a mosaic, but names no pattern"), std::string::npos)
+      << silent.errors;
+  EXPECT_EQ(Calibrate("--out @kept --keep-mosaic" + frames + "@light.fits").errors, "");
+  // The lights' pattern is the flats' too.
+  const Outcome told = Calibrate("--out @told --cfa RGGB --white-balance none" + frames + "@light.fits");
+  ASSERT_EQ(told.code, 0) << told.errors;
+  const auto reader = ImageReader::Open(In("told/light.fits"));
+  const files::Planes planes = files::ReadAll(*reader, 5);
+  const auto mean = [](const std::vector<float>& v) {
+    return std::accumulate(v.begin(), v.end(), 0.0) / static_cast<double>(v.size());
+  };
+  EXPECT_NEAR(mean(planes.at(0)) / mean(planes.at(1)), 0.5, 0.02);
+  EXPECT_NEAR(mean(planes.at(2)) / mean(planes.at(1)), 0.75, 0.02);
+  // By another keyword; and without anything that tells the level of no light, colours are not balanced.
+  Write("named.fits", light, Cards({{"COLORTYP", "RGGB"}}));
+  const Outcome named = Calibrate("--flat @flat --out @named @named.fits --json");
+  ASSERT_EQ(named.code, 0) << named.errors;
+  EXPECT_EQ(json::parse(named.out)["mosaic"], "RGGB");
+  EXPECT_NE(named.errors.find("its colours cannot be balanced"), std::string::npos) << named.errors;
+  // A camera's name is enough where its colours show.
+  Write("camera.fits", light, Cards({{"INSTRUME", "Canon EOS 600D"}}));
+  Write(
+      "grey.fits", [&](int x, int y) { return 900 + grain(x, y); }, Cards({{"INSTRUME", "Canon EOS 600D"}}));
+  EXPECT_TRUE(json::parse(Calibrate("--bias @bias --out @by --json @camera.fits").out).contains("mosaic"));
+  EXPECT_FALSE(json::parse(Calibrate("--bias @bias --out @by --json @grey.fits").out).contains("mosaic"));
+  // What has colours is no mosaic.
+  files::WriteAll(*ImageWriter::Create(In("colour.fits"), {.width = kWidth, .height = kHeight, .planes = 3}),
+                  files::Planes(3, std::vector<float>(kWidth * kHeight, 800)), kWidth, kHeight, kHeight);
+  const Outcome colour = Calibrate("--bias @bias --cfa RGGB --out @colour @colour.fits");
+  EXPECT_EQ(colour.code, 1);
+  EXPECT_NE(colour.errors.find("has colours already"), std::string::npos) << colour.errors;
 }
 
 TEST_F(CalibrateTest, FlatsPreferTheirOwnDark) {
@@ -242,7 +351,8 @@ TEST_F(CalibrateTest, EachLightTakesTheFramesThatMatch) {
         fmt::format("flats/{}.fits", filter), [&](int x, int) { return x < 10          ? 1
                                                                        : filter == "R" ? 2
                                                                                        : 3; },
-        Cards({{"FILTER", filter}, {"EXPTIME", "1"}}));
+        filter == "R" ? Cards({{"FILTER1", " r"}, {"EXPTIME", "1"}})
+                      : Cards({{"FILTER", "HA7nm"}, {"EXPTIME", "1"}}));
   }
   for (const int exposure : {30, 300}) {
     for (const int temperature : {-20, -10}) {
@@ -344,15 +454,16 @@ TEST_F(CalibrateTest, WhatIsBrokenOrInTheWay) {
   EXPECT_NE(plan.out.find("a.fits: master_dark"), std::string::npos) << plan.out;
   EXPECT_FALSE(fs::exists(In("out")));
 
-  // A broken calibration frame stops all, a broken light itself only.
-  const Outcome none = Calibrate("--dark @dark.fits @broken.fits --out @out @light");
+  // Calibration frames that all are broken stop all, a broken light itself only.
+  const Outcome none = Calibrate("--dark @broken.fits --out @out @light");
   EXPECT_EQ(none.code, 1);
   EXPECT_NE(none.errors.find("broken.fits"), std::string::npos);
   EXPECT_FALSE(fs::exists(In("out")));
-  const Outcome some = Calibrate("--dark @dark.fits --out @out --json @light");
+  const Outcome some = Calibrate("--dark @dark.fits @broken.fits --out @out --json @light");
   EXPECT_EQ(some.code, 1);
-  EXPECT_NE(some.errors.find("b.fits"), std::string::npos);
-  EXPECT_EQ(std::count(some.errors.begin(), some.errors.end(), '\n'), 1) << some.errors;
+  EXPECT_NE(some.errors.find("broken.fits"), std::string::npos) << "one of several frames: left out";
+  EXPECT_NE(some.errors.find("b.fits: "), std::string::npos);
+  EXPECT_EQ(std::count(some.errors.begin(), some.errors.end(), '\n'), 2) << some.errors;
   EXPECT_EQ(std::count(some.out.begin(), some.out.end(), '\n'), 2) << some.out;
   EXPECT_EQ(Difference("out/c.fits", level(290)), "");
 
@@ -452,12 +563,13 @@ TEST_F(CalibrateTest, ASimulatedSessionComesOutAsItsTruth) {
   for (const char* threads : {"1", "2", "3"}) {
     const fs::path out = In(std::string("out") + threads);
     const std::string name = std::string("@out") + threads;
-    const Outcome outcome = Calibrate("@s/lights --dark @s/darks --flat @s/flats --bias @s/biases --out " +
-                                      name + " --master-dir " + name + "/masters --threads " + threads);
+    const Outcome outcome =
+        Calibrate("@s/lights --dark @s/darks --flat @s/flats --bias @s/biases --out " + name +
+                  " --master-dir " + name + "/masters --previews --threads " + threads);
     ASSERT_EQ(outcome.code, 0) << outcome.errors;
     EXPECT_EQ(outcome.errors, "");
     EXPECT_TRUE(fs::exists(out / "masters/master_dark_120s.fits"));
-    EXPECT_EQ(ImageReader::Open(out / "light_0006.png")->Info().width, kSide);
+    EXPECT_EQ(ImageReader::Open(out / "previews/light_0006.png")->Info().width, kSide);
     results.push_back(Pixels(out / "light_0001.fits"));
     for (const auto& entry : fs::recursive_directory_iterator(out)) {
       EXPECT_NE(entry.path().extension(), ".part");

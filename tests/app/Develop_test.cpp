@@ -58,12 +58,12 @@ TEST_F(DevelopTest, CameraRawTakesBlackAndGainsFromItsFile) {
   test::Dng dng = Raw("BGGR", {400, 800, 500}, {510, 520, 530, 540});
   dng.neutral = {0.5, 1, 0.625};
   test::WriteDng(In("a.dng"), dng);
-  const Result r = Shell("korimg develop a.dng --out done --json");
+  const Result r = Shell("korimg develop a.dng --out done --previews --json");
   ASSERT_EQ(r.code, 0) << r.err;
   const json told = json::parse(r.out);
   EXPECT_EQ(told["mosaic"], "BGGR");
   EXPECT_EQ(told["white_balance"], "the camera's");
-  EXPECT_TRUE(std::filesystem::exists(In("done/a.png")));
+  EXPECT_TRUE(std::filesystem::exists(In("done/previews/a.png")));
   const auto reader = ImageReader::Open(In("done/a.fits"));
   ExpectColour(ReadAll(*reader, 64), {800, 800, 800}, 0.1);
   EXPECT_EQ(FindMosaic(reader->Info()).name, "");
@@ -79,11 +79,20 @@ TEST_F(DevelopTest, CameraRawTakesBlackAndGainsFromItsFile) {
   ASSERT_EQ(Shell("korimg develop a.dng --out mono.fits --mono --white-balance 2,1,1,2").code, 0);
   ExpectColour(Read("mono.fits"), {(800 + 800 + 1000) / 3.0}, 0.1);
   // 16 bits: white of the file, 16383 less its black, is 65535.
-  ASSERT_EQ(Shell("korimg develop a.dng --out sixteen.tif --white-balance none").code, 0);
+  ASSERT_EQ(Shell("korimg develop a.dng --out sixteen.tif --bits 16 --white-balance none").code, 0);
   const auto sixteen = ImageReader::Open(In("sixteen.tif"));
   EXPECT_EQ(sixteen->Info().type, "uint16");
   ExpectColour(ReadAll(*sixteen, 64), {400 * 65535 / 15873.0, 800 * 65535 / 15873.0, 500 * 65535 / 15873.0},
                0.6);
+  ASSERT_EQ(Shell("korimg develop a.dng --out float.tif --white-balance none").code, 0);
+  EXPECT_EQ(ImageReader::Open(In("float.tif"))->Info().type, "float32");
+  // Noise below black is kept.
+  ASSERT_EQ(
+      Shell("korimg apply calculate op=subtract value=1300 a.dng -o low.fits && "
+            "korimg develop low.fits --black 100 --out low.tif --cfa BGGR --bits 16 --white-balance none")
+          .code,
+      0);
+  EXPECT_LT(Read("low.tif")[0][500], -100);
   ASSERT_EQ(Shell("korimg develop a.dng --out wrong.fits --cfa rggb --white-balance none").code, 0);
   ExpectColour(Read("wrong.fits"), {500, 800, 400}, 31);
 }
@@ -94,9 +103,10 @@ TEST_F(DevelopTest, MosaicsOfFitsFilesByTheirKeywords) {
   header.Set("ROWORDER", "BOTTOM-UP");
   header.Set("XBAYROFF", 1);
   header.Set("OBJECT", "M 31");
-  // Upright GRBG; of 40 rows, bottom-up: BGGR is what is stored.
+  // Upright GRBG; of 40 rows, bottom-up: BGGR is what is stored. Frames are read upright.
   Frame("a.fits", kWidth, 40, Plain("BGGR", {400, 800, 500}, 1000), "uint16", header);
-  EXPECT_NE(Shell("korimg info a.fits").out.find("mosaic BGGR as stored"), std::string::npos);
+  EXPECT_NE(Shell("korimg info a.fits").out.find("mosaic GRBG from the upper left corner on"),
+            std::string::npos);
   Frame(
       "dark.fits", kWidth, 40, [](int, int, int) { return 1000; }, "uint16");
   // The flat's light is reddish, and falls off to both sides.

@@ -207,6 +207,7 @@ TEST_F(Geometry, AnObjectKeepsItsPlaceInTheSky) {
 
 TEST_F(Geometry, OtherDescriptionsMoveToo) {
   Header header = Coordinates("CD");
+  header.Set("ROWORDER", "TOP-DOWN");
   header.Set("CTYPE1B", "LINEAR");
   header.Set("CRPIX1B", 10.0);
   header.Set("LTV1", -100.0);

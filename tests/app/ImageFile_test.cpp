@@ -81,6 +81,60 @@ TEST_F(ImageFile, RoundTripsOverFormatsTypesAndSizes) {
   EXPECT_EQ(Names().size(), std::size(kinds));  // no partial file is left
 }
 
+TEST_F(ImageFile, SixteenBitsTakeTheImagesOwnRangeAndSayIt) {
+  constexpr int kWidth = 61, kHeight = 23;
+  const auto image = [&](double low, double high, bool whole) {
+    Planes planes = Noise(3, kWidth, kHeight);
+    for (auto& plane : planes) {
+      for (size_t i = 0; i < plane.size(); ++i) {
+        const double v = low + (high - low) * static_cast<double>((i * 7919 + 13) % 1403) / 1402;
+        plane[i] = static_cast<float>(whole ? std::round(v) : v);
+      }
+    }
+    return planes;
+  };
+  const struct {
+    double low, high;
+    bool whole, plain;
+  } cases[] = {{0, 1, false, false},        {-37.5, 810.25, false, false}, {0, 65535, true, true},
+               {3, 900, true, true},        {-5, 900, true, false},        {100, 70000, true, false},
+               {1e-12, 3e-12, false, false}};
+  for (const auto& c : cases) {
+    const Planes pixels = image(c.low, c.high, c.whole);
+    RangeOf16Bits range;
+    for (const auto& plane : pixels) {
+      range.Add(plane.data(), plane.size());
+    }
+    const float blank = NAN;
+    range.Add(&blank, 1);
+    EXPECT_EQ(range.Get().IsPlain(), c.plain) << c.low;
+    for (const char* name : {"a.fits", "a.tif", "a.png"}) {
+      WriteAll(*ImageWriter::Create(In(name), {.width = kWidth,
+                                               .height = kHeight,
+                                               .planes = 3,
+                                               .type = "uint16",
+                                               .overwrite = true,
+                                               .scale = range.Get()}),
+               pixels, kWidth, kHeight, 10);
+      const auto reader = ImageReader::Open(In(name));
+      const Planes read = ReadAll(*reader, 7);
+      const double step = c.plain ? 0 : (c.high - c.low) / 65535;
+      for (int p = 0; p < 3; ++p) {
+        for (size_t i = 0; i < read[p].size(); ++i) {
+          // Half a step, and the rounding of floats.
+          ASSERT_NEAR(read[p][i], pixels[p][i], 0.51 * step + 1e-7 * std::abs(pixels[p][i])) << name << c.low;
+        }
+      }
+    }
+  }
+  EXPECT_EQ(Scale::Parse(Scale{2.5e-7, -13}.Text()).value().step, 2.5e-7);
+  for (const char* other :
+       {"", "korimg: raw value = 1 + nan * stored number", "taken with a camera",
+        "korimg: raw value = 1 + 0 * stored number", "korimg: raw value = x + 1 * stored number"}) {
+    EXPECT_FALSE(Scale::Parse(other)) << other;
+  }
+}
+
 TEST_F(ImageFile, FitsTakesRowsInAnyOrder) {
   const Planes image = Noise(3, 11, 20);
   const auto writer = ImageWriter::Create(In("a.fits"), {.width = 11, .height = 20, .planes = 3});

@@ -105,6 +105,12 @@ TEST(Mosaic, HeadersSayWhichAndWhy) {
     EXPECT_NE(mosaic.reason.find(c.reason), std::string::npos) << c.title << ": " << mosaic.reason;
     info.planes = 3;
     EXPECT_EQ(FindMosaic(info).name, "") << c.title << ", developed";
+    if (std::string(c.title) == "bottom-up, even") {
+      info.planes = 1;
+      info.header.turned = true;
+      EXPECT_EQ(FindMosaic(info).name, "RGGB") << "read upright";
+      EXPECT_EQ(FindMosaic(info, {"", "top-down"}).name, "GBRG") << "read turned, as the header wants it";
+    }
     RemoveMosaic(info.header);
     info.planes = 1;
     EXPECT_EQ(FindMosaic(info).name, "") << c.title << ": keywords left";
@@ -253,13 +259,16 @@ TEST(RealRawFiles, DecodeToThePixelsOfTheirTwins) {
     const Planes upright = ReadAll(*a, 100), stored = ReadAll(*b, 100);
     const int width = b->Info().width, height = b->Info().height;
     ASSERT_EQ(a->Info().height, height);
+    // Rows are stored from the lowest up, which the world coordinates of one of them tell.
+    const bool turned = b->Info().header.turned;
+    EXPECT_EQ(turned, std::string(fits).find("wcs") != std::string::npos);
     for (int y = 0; y < height; ++y) {
-      const auto row = stored[0].begin() + static_cast<std::ptrdiff_t>(height - 1 - y) * width;
+      const auto row = stored[0].begin() + static_cast<std::ptrdiff_t>(turned ? y : height - 1 - y) * width;
       ASSERT_TRUE(std::equal(row, row + width, upright[0].begin() + static_cast<std::ptrdiff_t>(y) * width))
           << y;
     }
     EXPECT_EQ(FindMosaic(a->Info()).name, "RGGB");
-    EXPECT_EQ(FindMosaic(b->Info()).name, "GBRG");
+    EXPECT_EQ(FindMosaic(b->Info()).name, turned ? "RGGB" : "GBRG");
     EXPECT_EQ(a->Info().camera->black[3], 2048);
   }
   int decoded = 0;

@@ -1,6 +1,7 @@
 #include <chrono>
 #include <cmath>
 #include <fstream>
+#include <map>
 #include <numbers>
 #include <thread>
 
@@ -10,9 +11,9 @@
 #include <signal.h>
 #include <sys/resource.h>
 
+#include "app/files/Times.h"
 #include "app/simulate/Simulate.h"
 #include "app/stack/Journal.h"
-#include "app/stack/StackHeader.h"
 #include "tests/app/Tool.h"
 
 namespace korimg::tool {
@@ -206,6 +207,11 @@ TEST_F(StackTest, HeaderOfTheFramesThatWereUsed) {
     Header header;
     header.Set("EXPTIME", i == 2 ? 300.0 : 60.0);
     header.Set("DATE-OBS", i < 3 ? dates[i] : "2027-01-01T00:00:00");
+    header.Set("DATE-BEG", i < 3 ? dates[i] : "2027-01-01T00:00:00");
+    header.Set("DATE-AVG", "2026-03-14T22:00:30");
+    header.Set("MJD-AVG", 61113.9);
+    header.Set("TELAPSE", 60.0);
+    header.Set("CBLACK", 100);
     header.Set("OBJECT", "M 42");
     header.Set("FILTER", i == 1 ? "Ha" : "L");
     header.Set("CRVAL1", 83.8);
@@ -226,6 +232,11 @@ TEST_F(StackTest, HeaderOfTheFramesThatWereUsed) {
   EXPECT_EQ(header.GetString("DATE-END"), "2026-03-15T00:04:00.000");
   // (60 x 22:00:30 + 60 x 21:00:30.5 + 300 x 24:01:30) / 420
   EXPECT_EQ(header.GetString("DATE-AVG"), "2026-03-14T23:18:21.500");
+  EXPECT_EQ(header.GetString("DATE-BEG"), "2026-03-14T21:00:00.500");
+  EXPECT_NEAR(header.GetDouble("MJD-AVG").value_or(0), 61113 + (23 * 3600 + 18 * 60 + 21.5) / 86400, 1e-8);
+  EXPECT_EQ(header.GetDouble("TELAPSE"), 3 * 3600 + 4 * 60 - 0.5);
+  EXPECT_FALSE(header.GetString("MJD-OBS")) << "the reference has none";
+  EXPECT_FALSE(header.GetString("CBLACK")) << "the pixels are others";
   EXPECT_EQ(header.GetString("OBJECT"), "M 42");
   EXPECT_EQ(header.GetString("FILTER"), "L");
   EXPECT_EQ(header.GetString("CTYPE1"), "RA---TAN") << "the reference lies on its own grid";
@@ -244,7 +255,8 @@ TEST_F(StackTest, HeaderOfTheFramesThatWereUsed) {
   EXPECT_FALSE(files::ImageReader::Open(In("moved.fits"))->Info().header.GetString("CTYPE1"));
 }
 
-TEST(FitsTime, DatesThereAndBack) {
+TEST(Times, DatesThereAndBack) {
+  using files::FitsDate, files::FitsTime;
   for (const char* date : {"1969-07-20T20:17:40.000", "2000-02-29T23:59:59.999", "2026-12-31T00:00:00.001"}) {
     ASSERT_TRUE(FitsTime(date)) << date;
     EXPECT_EQ(FitsDate(*FitsTime(date)), date);
@@ -252,9 +264,60 @@ TEST(FitsTime, DatesThereAndBack) {
   EXPECT_EQ(FitsTime("1970-01-02"), 86400);
   EXPECT_EQ(FitsTime("1970-01-01T00:01:00.25"), 60.25);
   for (const char* wrong : {"", "2026", "2026-02-30", "2026-01-01T25:00:00", "2026-01-01T12:60:00", "x",
-                            "2026-01-01T12:00", "2026-01-01T12:00:nan", "31/12/99"}) {
+                            "2026-01-01T12:00", "2026-01-01T12:00:nan", "31/12/99", "2026-01-01-0700"}) {
     EXPECT_FALSE(FitsTime(wrong)) << wrong;
   }
+  for (const char* zoned : {"2026-03-14T23:30:05.5-0700", "2026-03-15T07:30:05.5+01:00",
+                            "2026-03-15T08:30:05.5+02", "2026-03-15T06:30:05.5Z"}) {
+    EXPECT_EQ(FitsDate(FitsTime(zoned).value_or(0)), "2026-03-15T06:30:05.500") << zoned;
+  }
+  const std::pair<std::map<std::string, std::string>, const char*> headers[] = {
+      {{{"DATE-OBS", "2026-03-14"}, {"TIME-OBS", "21:05:00"}}, "2026-03-14T21:05:00.000"},
+      {{{"DATE-OBS", "2026-03-14T20:00:00"}, {"DATE-BEG", "2026-03-14T21:05:00"}}, "2026-03-14T21:05:00.000"},
+      {{{"DATE-OBS", "last night"}, {"MJD-OBS", "61113.25"}}, "2026-03-14T06:00:00.000"}};
+  for (const auto& [cards, start] : headers) {
+    Header header;
+    for (const auto& [key, value] : cards) {
+      header.Set(key, value);
+    }
+    EXPECT_EQ(FitsDate(files::StartOf(header).value_or(0)), start);
+  }
+}
+
+TEST_F(StackTest, FramesOfOneKindAndOneScale) {
+  fs::create_directory(In("d"));
+  const auto rule = [](double scale) {
+    return [scale](int, int x, int y) { return scale * (1000 + 100 * Noise(y * 9000 + x)); };
+  };
+  for (const char* name : {"d/a.fits", "d/b.fits", "d/a.png", "d/c.tif", "e.tif"}) {
+    Frame(name, 40, 30, rule(1), fs::path(name).extension() == ".png" ? "uint16" : "float32");
+  }
+  Frame("unit.fits", 40, 30, rule(1 / 65535.0));
+  const struct {
+    const char* call;
+    int code;
+    std::vector<const char*> said;
+  } cases[] = {
+      {"d", 0, {"d: 1 TIFF files beside the frames are left out", "d: 1 PNG files beside"}},
+      {"d/a.fits d/a.png", 1, {"a.png: is a PNG file, but the reference is FITS (a.fits)"}},
+      {"d/a.fits e.tif", 1, {"e.tif: is a TIFF file"}},
+      {"d/a.fits d/b.fits unit.fits", 1, {"unit.fits: has a noise of", "their scales differ"}},
+  };
+  for (const auto& c : cases) {
+    const files::Result r = Shell(fmt::format("korimg stack {} -o out.fits --overwrite", c.call));
+    EXPECT_EQ(r.code, c.code) << c.call << r.err;
+    for (const char* said : c.said) {
+      EXPECT_NE(r.err.find(said), std::string::npos) << c.call << ": " << r.err;
+    }
+  }
+  EXPECT_EQ(files::ImageReader::Open(In("out.fits"))->Info().header.GetInt("NCOMBINE"), 2);
+  // Two kinds that both are frames, or both pictures.
+  files::WriteBytes(In("d/x.cr2"), "raw");
+  EXPECT_NE(Shell("korimg stack d -o out2.fits").err.find("2 FITS and 1 camera raw"), std::string::npos);
+  fs::create_directory(In("p"));
+  fs::rename(In("d/a.png"), In("p/a.png"));
+  fs::rename(In("d/c.tif"), In("p/c.tif"));
+  EXPECT_NE(Shell("korimg stars p").err.find("1 TIFF and 1 PNG"), std::string::npos);
 }
 
 TEST_F(StackTest, TheSamePixelsForAnyMemoryAndThreads) {

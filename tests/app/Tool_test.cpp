@@ -35,6 +35,57 @@ TEST_F(ToolTest, InfoTellsWhatIsThere) {
   EXPECT_NEAR(j["stddev"][0].get<double>(), std::sqrt((1200.0 * 1200 - 1) / 12), 1e-6);
 }
 
+TEST_F(ToolTest, FramesAreReadUprightAndWrittenInTheirOwnOrder) {
+  const auto rule = [](int, int x, int y) { return 100 + x + 10 * y; };  // of the stored rows
+  constexpr int kWidth = 9, kHeight = 7;
+  const auto header = [](const char* order, double determinant, const char* first = "RA---TAN") {
+    Header h;
+    if (*order) h.Set("ROWORDER", order);
+    if (determinant == 0) return h;
+    h.Set("CTYPE1", first);
+    h.Set("CTYPE2", first == std::string("RA---TAN") ? "DEC--TAN" : "RA---TAN");
+    h.Set("CRPIX1", 3.0), h.Set("CRPIX2", 2.0);
+    h.Set("CD1_1", determinant < 0 ? -0.5 : 0.5), h.Set("CD1_2", 0.0);
+    h.Set("CD2_1", 0.0), h.Set("CD2_2", 0.5);
+    return h;
+  };
+  const struct {
+    Header header;
+    bool turned;
+  } cases[] = {{header("", 0), false},
+               {header("BOTTOM-UP", 0), true},
+               {header("TOP-DOWN", -1), false},
+               {header("BOTTOM-UP", 1), true},
+               {header("", -1), true},
+               {header("", 1), false},
+               {header("", 1, "DEC--TAN"), true},
+               {header("", -1, "DEC--TAN"), false}};
+  for (const auto& c : cases) {
+    Frame("a.fits", kWidth, kHeight, rule, "float32", c.header);
+    const std::string what =
+        c.header.GetString("ROWORDER").value_or("none") + c.header.GetString("CD1_1").value_or("");
+    const auto reader = ImageReader::Open(In("a.fits"));
+    EXPECT_EQ(reader->Info().header.turned, c.turned) << what;
+    EXPECT_EQ(ReadAll(*reader, 3)[0][0], c.turned ? 160 : 100) << what;
+    EXPECT_EQ(ReadAll(*reader, 4, true)[0][kWidth], c.turned ? 150 : 110) << what;
+    const auto place = reader->Info().header.GetDouble("CRPIX2");
+    EXPECT_TRUE(!place || *place == (c.turned ? kHeight + 1 - 2 : 2)) << what;
+    // Pictures are upright, and FITS files as they were.
+    ASSERT_EQ(Shell("korimg apply calculate op=add value=0 a.fits -o b.fits --overwrite && "
+                    "korimg apply calculate op=add value=0 a.fits -o b.tif --overwrite")
+                  .code,
+              0);
+    EXPECT_EQ(Read("b.tif")[0][0], c.turned ? 160 : 100) << what;
+    const std::string before = ReadBytes(In("a.fits")), after = ReadBytes(In("b.fits"));
+    const size_t bytes = (kWidth * kHeight * 4 + 2879) / 2880 * 2880;
+    EXPECT_TRUE(before.substr(before.size() - bytes) == after.substr(after.size() - bytes)) << what;
+    const auto again = ImageReader::Open(In("b.fits"));
+    EXPECT_EQ(again->Info().header.GetString("ROWORDER"), c.header.GetString("ROWORDER"))
+        << "none is invented";
+    EXPECT_EQ(again->Info().header.GetDouble("CRPIX2"), place) << what;
+  }
+}
+
 TEST_F(ToolTest, InfoPassesOverBlankPixels) {
   Frame("nan.fits", 9, 1, [](int, int x, int) { return x < 4 ? NAN : -10.0 * x; });
   const json j = json::parse(Shell("korimg info --json nan.fits").out);
