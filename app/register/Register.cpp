@@ -12,10 +12,47 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+/// What few stars leave open.
+std::string Doubt(const CStarMatch& match) {
+  constexpr double kSure = 1;  // pixels
+  std::string text = match.stars == 2 ? "by two stars alone, so that a half turn or another pair of stars is "
+                                        "not excluded; "
+                                      : "";
+  if (text.empty() && match.cornerError <= kSure) return "";
+  return text + fmt::format("corners may be off by {:.1f} px", match.cornerError);
+}
+
+/// Why a frame does not lie on the reference, by the stars of both.
+std::string Refusal(const CStarMatch& match, size_t stars, size_t reference, double limit) {
+  switch (match.status) {
+    case CStarMatch::NoStars:
+      return fmt::format("{} of them, the reference {}; two of each are needed", stars, reference);
+    case CStarMatch::ResidualTooLarge: {
+      constexpr double kSame = 0.002;
+      return fmt::format("{:.3f} px of {} stars, more than {:g}{}", match.residual, match.stars, limit,
+                         std::abs(match.scale - 1) > kSame
+                             ? fmt::format("; the reference is {:.4f} times as large", match.scale)
+                             : "");
+    }
+    case CStarMatch::Mirrored:
+      return fmt::format("its {} stars are the reference's turned over; flip it", stars);
+    default:
+      return fmt::format("{} stars, the reference {}: they share no pattern that chance would not make",
+                         stars, reference);
+  }
+}
+
 Registration FromMatch(const CStarMatch& match, const FrameMeasure& frame, const char* method) {
   const char* const names[] = {"ok", "no stars", "no match", "mirrored", "residual too large"};
   return {{},         match.dx, match.dy,           match.degrees, match.stars, match.residual,
           frame.fwhm, method,   names[match.status]};
+}
+
+Registration FromStars(const CStarMatch& match, const FrameMeasure& frame, size_t reference, double limit) {
+  Registration registration = FromMatch(match, frame, "stars");
+  registration.note =
+      match.status == CStarMatch::Ok ? Doubt(match) : Refusal(match, frame.stars.size(), reference, limit);
+  return registration;
 }
 
 /// A frame that lies on another one, which lies on the reference, on that.
@@ -28,6 +65,7 @@ Registration Joined(const Registration& first, const FrameMeasure& frame, const 
   joined.dy = toY - y;
   joined.degrees = std::remainder(first.degrees + second.degrees, 360);
   joined.residual = std::hypot(first.residual, second.residual);
+  if (joined.note.empty()) joined.note = second.note;
   return joined;
 }
 
@@ -72,18 +110,22 @@ Registration ReferenceRegistration(const FrameMeasure& reference) {
 }
 
 Registrar::Registrar(const FrameMeasure& reference, ImageSource image, double residual)
-    : stars_(reference.stars), loadReference_(std::move(image)) {
+    : stars_(reference.stars),
+      starCount_(reference.stars.size()),
+      residual_(residual),
+      loadReference_(std::move(image)) {
   stars_.SetResidualLimit(residual);
 }
 
 Registration Registrar::Register(const FrameMeasure& frame, const ImageSource& image) {
   const CStarMatch match = stars_.Match(frame.stars, frame.width, frame.height);
-  const bool isKnown = match.status != CStarMatch::NoStars && match.status != CStarMatch::NoMatch;
-  if (!isKnown) {
+  const bool isSure = match.status != CStarMatch::NoStars && match.status != CStarMatch::NoMatch &&
+                      !(match.status == CStarMatch::Ok && match.stars == 2);
+  if (!isSure) {
     const CStarMatch phase = MatchByPhase(image);
     if (phase.status == CStarMatch::Ok) return FromMatch(phase, frame, "phase");
   }
-  return FromMatch(match, frame, "stars");
+  return FromStars(match, frame, starCount_, residual_);
 }
 
 CStarMatch Registrar::MatchByPhase(const ImageSource& image) {
@@ -96,11 +138,11 @@ CStarMatch Registrar::MatchByPhase(const ImageSource& image) {
 }
 
 std::string ToJson(const Registration& registration) {
-  const Json json{{"file", registration.file},    {"dx", registration.dx},
-                  {"dy", registration.dy},        {"degrees", registration.degrees},
-                  {"stars", registration.stars},  {"residual_px", registration.residual},
-                  {"fwhm", registration.fwhm},    {"method", registration.method},
-                  {"status", registration.status}};
+  const Json json{{"file", registration.file},     {"dx", registration.dx},
+                  {"dy", registration.dy},         {"degrees", registration.degrees},
+                  {"stars", registration.stars},   {"residual_px", registration.residual},
+                  {"fwhm", registration.fwhm},     {"method", registration.method},
+                  {"status", registration.status}, {"note", registration.note}};
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
@@ -128,9 +170,9 @@ bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<
         const Registration between =
             isNearest
                 ? Registrar(frames[k], [&] { return image(k); }).Register(frames[i], [&] { return image(i); })
-                : FromMatch(
+                : FromStars(
                       CStarMatcher(frames[k].stars).Match(frames[i].stars, frames[i].width, frames[i].height),
-                      frames[i], "stars");
+                      frames[i], frames[k].stars.size(), 1);
         if (!between.IsGood()) continue;
         const std::string file = registrations[i].file;
         registrations[i] = Joined(between, frames[i], registrations[k], frames[k]);

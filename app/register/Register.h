@@ -40,7 +40,10 @@ struct Registration {
   double fwhm = 0;      ///< pixels, of the frame's stars
   std::string method;   ///< "reference", "stars", "phase"
   std::string status;   ///< "ok", "no stars", "no match", "mirrored", "residual too large"
+  std::string note;     ///< numbers and limits: of what is not ok why, else what few stars leave open
   bool IsGood() const { return status == "ok"; }
+  /// Status and note.
+  std::string Text() const { return note.empty() ? status : status + ": " + note; }
 };
 
 /// Where a position of a frame comes to lie on the reference.
@@ -68,6 +71,8 @@ class Registrar {
   CStarMatch MatchByPhase(const ImageSource& image);
 
   CStarMatcher stars_;
+  size_t starCount_;  ///< of the reference
+  double residual_;
   ImageSource loadReference_;
   std::mutex mutex_;  ///< one phase correlation at a time: each holds a few images
   std::shared_ptr<CVelImage> reference_;
@@ -80,7 +85,7 @@ class Registrar {
 bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,
                            const std::function<std::shared_ptr<CVelImage>(size_t)>& image);
 
-/// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, fwhm, method, status.
+/// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, fwhm, method, status, note.
 std::string ToJson(const Registration& registration);
 
 }  // namespace korimg::tool

@@ -284,7 +284,7 @@ class Road {
       } else if (tells && longest > 0 && m.elongation > longest) {
         LeaveOut(*frame, fmt::format("elongation {:.2f}, above {:.2f}", m.elongation, longest));
       } else if (!frame->registration.IsGood()) {
-        LeaveOut(*frame, "not registered: " + frame->registration.status);
+        LeaveOut(*frame, "not registered: " + frame->registration.Text());
       }
     }
   }
@@ -419,15 +419,16 @@ class Road {
         json["residual_px"] = r.residual;
         json["method"] = r.method;
         json["status"] = frame.IsUsed() ? "stacked" : frame.IsMeasured() ? frame.reason : frame.error;
+        json["note"] = frame.IsUsed() ? r.note : "";
         json["weight"] = frame.weight;
         json["rejected"] = Rejected(frame.counts);
         fmt::print("{}\n", Dump(json));
       } else if (frame.IsUsed()) {
-        tool_.console.Say(
-            fmt::format("{}: {} stars, FWHM {:.2f} px, dx {:.2f}, dy {:.2f}, {:.3f} degrees by {}; weight "
-                        "{:.2f}, rejected {}",
-                        frame.light->Name(), frame.measure.starCount, frame.measure.fwhm, r.dx, r.dy,
-                        r.degrees, r.method, frame.weight, Percent(Rejected(frame.counts))));
+        tool_.console.Say(fmt::format(
+            "{}: {} stars, FWHM {:.2f} px, dx {:.2f}, dy {:.2f}, {:.3f} degrees by {}; weight "
+            "{:.2f}, rejected {}{}",
+            frame.light->Name(), frame.measure.starCount, frame.measure.fwhm, r.dx, r.dy, r.degrees, r.method,
+            frame.weight, Percent(Rejected(frame.counts)), r.note.empty() ? "" : "; " + r.note));
       }
     }
   }
@@ -454,6 +455,7 @@ class Road {
           row.dy = frame.registration.dy;
           row.degrees = frame.registration.degrees;
           row.residual = frame.registration.residual;
+          row.note = frame.registration.note;
         }
       }
       if (frame.IsUsed()) {

@@ -24,9 +24,9 @@ struct RegisterOptions {
 };
 
 std::string Line(const Registration& r) {
-  return r.IsGood() ? fmt::format("{}: shift {:.3f}, {:.3f}, angle {:.4f}, residual {:.3f} ({}, {})", r.file,
-                                  r.dx, r.dy, r.degrees, r.residual, r.method, r.stars)
-                    : fmt::format("{}: {}", r.file, r.status);
+  if (!r.IsGood()) return fmt::format("{}: {}", r.file, r.Text());
+  return fmt::format("{}: shift {:.3f}, {:.3f}, angle {:.4f}, residual {:.3f} ({}, {}){}", r.file, r.dx, r.dy,
+                     r.degrees, r.residual, r.method, r.stars, r.note.empty() ? "" : "; " + r.note);
 }
 
 void Register(Tool& tool, const RegisterOptions& options) {

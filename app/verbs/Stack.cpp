@@ -55,7 +55,7 @@ class Sources {
     for (const fs::path& path : ExpandFolders(options.frames)) {
       const Transform transform = transforms ? transforms->Of(path) : Transform();
       if (transform.status != "ok") {
-        leftOut_.emplace_back(path, transform.status);
+        leftOut_.emplace_back(path, transform.Text());
         continue;
       }
       auto reader = files::ImageReader::Open(path, kRead);
