@@ -13,6 +13,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "app/files/ConstantBorder.h"
 #include "app/files/Formats.h"
 
 namespace korimg::files {
@@ -175,7 +176,9 @@ void RemovePartialFiles() noexcept {
   }
 }
 
-std::unique_ptr<ImageReader> ImageReader::Open(const fs::path& path, const ReadOptions& options) {
+namespace {
+
+std::unique_ptr<ImageReader> OpenAny(const fs::path& path, const ReadOptions& options) {
   unsigned char start[8] = {};
   {
     const File file(path, O_RDONLY, path);
@@ -201,9 +204,22 @@ std::unique_ptr<ImageReader> ImageReader::Open(const fs::path& path, const ReadO
   return OpenRaw(path, options);
 }
 
+}  // namespace
+
+std::unique_ptr<ImageReader> ImageReader::Open(const fs::path& path, const ReadOptions& options) {
+  auto reader = OpenAny(path, options);
+  if (options.lessBorder) {
+    reader->border_ = options.border ? options.border : ConstantBorder::Find(*reader);
+    reader->info_.noData = reader->border_->Text();
+  }
+  return reader;
+}
+
 void ImageReader::ReadRows(int y0, int rows, float* const* planes) {
   CheckRows(info_.path, y0, rows, info_.height);
-  if (rows > 0) Read(y0, rows, planes);
+  if (rows <= 0) return;
+  Read(y0, rows, planes);
+  if (border_) border_->Blank(y0, rows, info_.planes, planes);
 }
 
 namespace {

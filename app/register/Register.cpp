@@ -75,8 +75,15 @@ FrameMeasure MeasureFrame(CVelImage& image, double sigmas) {
   CStarFinder finder(&image);
   finder.SetThreshold(sigmas);
   const int count = finder.Find();
-  return {image.GetWidth(), image.GetHeight(),      finder.GetSky(), finder.GetNoise(),
-          finder.GetFwhm(), finder.GetElongation(), count,           CStarMatcher::Select(finder.GetStars())};
+  return {image.GetWidth(),
+          image.GetHeight(),
+          finder.GetSky(),
+          finder.GetNoise(),
+          finder.GetFwhm(),
+          finder.GetElongation(),
+          count,
+          CStarMatcher::Select(finder.GetStars()),
+          {}};
 }
 
 std::pair<double, double> PlaceOf(const Registration& r, const FrameMeasure& frame, double x, double y) {

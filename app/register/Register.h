@@ -21,6 +21,7 @@ struct FrameMeasure {
   double fwhm = 0, elongation = 0;  ///< of the usual star
   int starCount = 0;                ///< found
   std::vector<CStar> stars;         ///< those that frames are matched by: 2000 at most
+  std::string noData;               ///< for people: what of its edges was left out
 };
 
 /// Finds and measures the stars of an image, `sigmas` above the sky.

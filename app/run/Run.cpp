@@ -11,6 +11,7 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "app/calibrate/Session.h"
+#include "app/files/ConstantBorder.h"
 #include "app/files/Geometry.h"
 #include "app/register/Register.h"
 #include "app/run/Report.h"
@@ -33,6 +34,7 @@ struct Progress {
   std::string error = "cannot be read";  ///< it could not be done at all
   Shape shape;
   double clipped = 0;
+  std::shared_ptr<const files::ConstantBorder> border;  ///< of its file
   FrameMeasure measure;
   FrameLevels levels;
   std::string thumbnail;
@@ -192,6 +194,7 @@ class Road {
           const auto image = LoadWhole(rows, tool_.MakeStore());
           frame.shape = rows.Size();
           frame.clipped = rows.Clipped();
+          frame.border = rows.Border();
           frame.measure = MeasureFrame(*image);
           frame.levels = MeasureLevels(*image);
           LevelForPreview(*image, kThumbnailSide);
@@ -201,6 +204,11 @@ class Road {
         [&](size_t i, const auto& result) {
           tool_.ForEachFile({frames_[i].light->frame.path}, [&](const fs::path&) { frames_[i] = result(); });
         });
+    for (const Progress& frame : frames_) {
+      if (frame.border && !frame.border->IsEmpty()) {
+        Plan(fmt::format("{}: {}", frame.light->Name(), frame.border->Text()));
+      }
+    }
   }
 
   void RegisterFrames() {
@@ -215,7 +223,7 @@ class Road {
     reference_ = numbers[ChooseReference(measures)];
     const auto image = [this](const Progress& frame) {
       return [this, &frame] {
-        LightRows rows(session_, *frame.light);
+        LightRows rows(session_, *frame.light, frame.border);
         return LoadWhole(rows, tool_.MakeStore());
       };
     };
@@ -298,7 +306,7 @@ class Road {
       input.degrees = frame->registration.degrees;
       input.levels = frame->levels;
       input.read = [this, frame](int y0, int rows, float* const* planes) {
-        LightRows(session_, *frame->light).Read(y0, rows, planes);
+        LightRows(session_, *frame->light, frame->border).Read(y0, rows, planes);
       };
       inputs.push_back(std::move(input));
     }

@@ -32,10 +32,16 @@ std::string Line(const Registration& r) {
 void Register(Tool& tool, const RegisterOptions& options) {
   if (!options.output.empty()) tool.CheckOutput(options.output);
   const auto store = tool.MakeStore();
-  const auto load = [&](const fs::path& file) -> std::shared_ptr<CVelImage> {
-    return LoadImage(tool, store, file, {.hdu = options.hdu}).image;
+  const auto open = [&](const fs::path& file) {
+    return LoadImage(tool, store, file, {.hdu = options.hdu, .lessBorder = true});
   };
-  const auto measure = [&](const fs::path& file) { return MeasureFrame(*load(file), options.sigmas); };
+  const auto load = [&](const fs::path& file) -> std::shared_ptr<CVelImage> { return open(file).image; };
+  const auto measure = [&](const fs::path& file) {
+    const LoadedImage loaded = open(file);
+    FrameMeasure frame = MeasureFrame(*loaded.image, options.sigmas);
+    frame.noData = loaded.info.noData;
+    return frame;
+  };
 
   const std::vector<fs::path> wanted = ExpandFolders(options.files);
   std::vector<fs::path> files;
@@ -46,6 +52,8 @@ void Register(Tool& tool, const RegisterOptions& options) {
         tool.ForEachFile({wanted[i]}, [&](const fs::path& file) {
           frames.push_back(result());
           files.push_back(file);
+          const std::string& noData = frames.back().noData;
+          if (!noData.empty()) tool.console.Say(fmt::format("{}: {}", file.string(), noData));
         });
       });
   if (frames.empty()) return;

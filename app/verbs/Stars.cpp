@@ -31,6 +31,7 @@ struct Found {
   fs::path file;
   const CVelImage& image;
   const CStarFinder& finder;
+  const std::string& noData;
 
   const std::vector<CStar>& Stars() const { return finder.GetStars(); }
 };
@@ -59,6 +60,7 @@ void PrintStars(const Tool& tool, const Found& found) {
     fmt::print("{}: {} stars, FWHM {:.2f}, elongation {:.2f}, sky {:g} with a noise of {:.4g}\n",
                found.file.string(), found.Stars().size(), finder.GetFwhm(), finder.GetElongation(),
                finder.GetSky(), finder.GetNoise());
+    if (!found.noData.empty()) fmt::print("{}: {}\n", found.file.string(), found.noData);
     return;
   }
   Json json{{"file", found.file.string()},
@@ -69,6 +71,7 @@ void PrintStars(const Tool& tool, const Found& found) {
             {"elongation", finder.GetElongation()},
             {"sky", finder.GetSky()},
             {"noise", finder.GetNoise()},
+            {"no_data", found.noData},
             {"list", Json::array()}};
   for (const CStar& star : found.Stars()) {
     json["list"].push_back({{"x", star.x},
@@ -102,11 +105,11 @@ void Stars(Tool& tool, const StarsOptions& options) {
   }
   const auto store = tool.MakeStore();
   tool.ForEachFile(files, [&](const fs::path& file) {
-    const LoadedImage loaded = LoadImage(tool, store, file, {.hdu = options.hdu});
+    const LoadedImage loaded = LoadImage(tool, store, file, {.hdu = options.hdu, .lessBorder = true});
     CStarFinder finder(loaded.image.get());
     finder.SetThreshold(options.sigmas);
     finder.Find();
-    const Found found{file, *loaded.image, finder};
+    const Found found{file, *loaded.image, finder, loaded.info.noData};
     if (!options.output.empty()) WriteList(options.output, found);
     PrintStars(tool, found);
   });
