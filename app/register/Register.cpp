@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <numbers>
+#include <optional>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -69,6 +70,59 @@ Registration Joined(const Registration& first, const FrameMeasure& frame, const 
   return joined;
 }
 
+using FrameImage = std::function<std::shared_ptr<CVelImage>(size_t)>;
+
+Registration RegisterOn(size_t reference, size_t frame, const std::vector<FrameMeasure>& frames,
+                        const FrameImage& image) {
+  return Registrar(frames[reference], [&] { return image(reference); }).Register(frames[frame], [&] {
+    return image(frame);
+  });
+}
+
+/// Frame i lies on the reference as on frame k.
+void LayThrough(const Registration& between, size_t i, size_t k, const std::vector<FrameMeasure>& frames,
+                std::vector<Registration>& registrations) {
+  const std::string file = registrations[i].file;
+  registrations[i] = Joined(between, frames[i], registrations[k], frames[k]);
+  registrations[i].file = file;
+}
+
+bool IsTurnedOver(const Registration& registration) {
+  return std::abs(std::remainder(registration.degrees, 360)) > 90;
+}
+
+/// True when one was found to be wrong.
+bool CheckHalfTurns(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,
+                    const FrameImage& image) {
+  const auto good = [&](size_t i, int step) -> std::optional<size_t> {
+    for (i += step; i < frames.size(); i += step) {  // beyond the first one lies the largest number
+      if (registrations[i].IsGood()) return i;
+    }
+    return std::nullopt;
+  };
+  bool any = false;
+  for (size_t i = 0; i < frames.size(); ++i) {
+    const Registration& r = registrations[i];
+    const bool byLight = r.method == "phase" || r.method == "disc";
+    if (!r.IsGood() || !byLight || !IsTurnedOver(r)) continue;
+    const auto before = good(i, -1), after = good(i, 1);
+    const auto agrees = [&](const std::optional<size_t>& k) { return k && IsTurnedOver(registrations[*k]); };
+    if (agrees(before) || agrees(after) || !(before || after)) continue;
+    const size_t k = !before || (after && *after - i < i - *before) ? *after : *before;
+    const Registration between = RegisterOn(k, i, frames, image);
+    if (between.IsGood() && IsTurnedOver(between)) continue;
+    any = true;
+    if (between.IsGood()) {
+      LayThrough(between, i, k, frames, registrations);
+    } else {
+      registrations[i].status = "no match";
+      registrations[i].note =
+          "its light is laid on the reference's by half a turn, but not on that of the frame beside it";
+    }
+  }
+  return any;
+}
+
 }  // namespace
 
 FrameMeasure MeasureFrame(CVelImage& image, double sigmas) {
@@ -129,19 +183,25 @@ Registration Registrar::Register(const FrameMeasure& frame, const ImageSource& i
   const bool isSure = match.status != CStarMatch::NoStars && match.status != CStarMatch::NoMatch &&
                       !(match.status == CStarMatch::Ok && match.stars == 2);
   if (!isSure) {
-    const CStarMatch phase = MatchByPhase(image);
-    if (phase.status == CStarMatch::Ok) return FromMatch(phase, frame, "phase");
+    Registration byLight = RegisterByLight(frame, image);
+    if (byLight.IsGood()) return byLight;
   }
   return FromStars(match, frame, starCount_, residual_);
 }
 
-CStarMatch Registrar::MatchByPhase(const ImageSource& image) {
+Registration Registrar::RegisterByLight(const FrameMeasure& frame, const ImageSource& image) {
   const std::lock_guard lock(mutex_);
   if (!phase_) {
     reference_ = loadReference_();
+    disc_ = std::make_unique<CDiscMatcher>(*reference_);
     phase_ = std::make_unique<CPhaseMatcher>(reference_.get());
   }
-  return phase_->Match(*image());
+  const auto own = image();
+  const CStarMatch disc = disc_->Match(*own);
+  if (disc.status != CStarMatch::Ok) return FromMatch(phase_->Match(*own), frame, "phase");
+  Registration registration = FromMatch(disc, frame, "disc");
+  registration.note = "by the middle of its disc; turns other than half ones are not looked for";
+  return registration;
 }
 
 std::string ToJson(const Registration& registration) {
@@ -156,10 +216,10 @@ std::string ToJson(const Registration& registration) {
 bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,
                            const std::function<std::shared_ptr<CVelImage>(size_t)>& image) {
   constexpr size_t kMostTried = 5;
+  bool any = CheckHalfTurns(frames, registrations, image);
   const auto wants = [&](size_t i) {
     return registrations[i].status == "no match" && frames[i].stars.size() >= 2;
   };
-  bool any = false;
   for (bool found = true; found;) {
     found = false;
     for (size_t i = 0; i < frames.size(); ++i) {
@@ -176,14 +236,12 @@ bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<
         const bool isNearest = k == others.front();
         const Registration between =
             isNearest
-                ? Registrar(frames[k], [&] { return image(k); }).Register(frames[i], [&] { return image(i); })
+                ? RegisterOn(k, i, frames, image)
                 : FromStars(
                       CStarMatcher(frames[k].stars).Match(frames[i].stars, frames[i].width, frames[i].height),
                       frames[i], frames[k].stars.size(), 1);
         if (!between.IsGood()) continue;
-        const std::string file = registrations[i].file;
-        registrations[i] = Joined(between, frames[i], registrations[k], frames[k]);
-        registrations[i].file = file;
+        LayThrough(between, i, k, frames, registrations);
         found = any = true;
         break;
       }

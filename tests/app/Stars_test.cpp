@@ -269,6 +269,34 @@ TEST_F(StarsTest, DoubtsAndRefusalsTellTheirNumbers) {
   EXPECT_EQ(registered(five, FrameOf(turned, 0, 0), 1).find("mirrored: its 5 stars"), 0u);
 }
 
+// Frames beside one that its light turned over do not bear it out.
+TEST_F(StarsTest, HalfTurnsByLightAreCheckedByNeighbours) {
+  const auto planet = [](double x, double y) {
+    return test::Make(test::MemoryStore(), 120, 100, 1, [=](int p, int i, int k) {
+      const double r = std::hypot(i - x, k - y) / 30;
+      return test::Random(0, 9)(p, i, k) +
+             (r < 1 ? 900 * (0.5 + 0.5 * std::sqrt(1 - r * r)) + 60 * std::sin(0.2 * (k - y)) : 0);
+    });
+  };
+  std::vector<tool::FrameMeasure> frames(4);
+  std::vector<tool::Registration> registrations(4);
+  for (size_t i = 0; i < frames.size(); ++i) {
+    frames[i].width = 120;
+    frames[i].height = 100;
+    registrations[i].status = "ok";
+    registrations[i].method = i == 0 ? "reference" : "phase";
+    registrations[i].dx = -2.0 * static_cast<double>(i);
+  }
+  registrations[2].degrees = 180;
+  registrations[2].dx = 7;
+  const auto image = [&](size_t i) { return planet(60 + 2.0 * static_cast<double>(i), 50); };
+  EXPECT_TRUE(tool::RegisterThroughOthers(frames, registrations, image));
+  ASSERT_TRUE(registrations[2].IsGood());
+  EXPECT_EQ(registrations[2].degrees, 0);
+  EXPECT_NEAR(registrations[2].dx, -4, 0.1);
+  EXPECT_FALSE(tool::RegisterThroughOthers(frames, registrations, image));
+}
+
 TEST_F(StarsTest, TheReferenceIsTheSharpestRichFrame) {
   const auto frame = [](int stars, double fwhm) {
     tool::FrameMeasure measure;
