@@ -521,10 +521,13 @@ void Session::Describe(files::Header& header, const Light& light, double clipped
   }
 }
 
-LightRows::LightRows(const Session& session, const Light& light)
+LightRows::LightRows(const Session& session, const Light& light,
+                     std::shared_ptr<const files::ConstantBorder> border)
     : session_(session),
       light_(light),
-      reader_(files::ImageReader::Open(light.frame.path, {.lessBlack = !light.Offset(), .manyOpen = true})),
+      reader_(files::ImageReader::Open(
+          light.frame.path,
+          {.lessBlack = !light.Offset(), .manyOpen = true, .lessBorder = true, .border = std::move(border)})),
       info_(reader_->Info()) {
   CheckUnchanged(light, info_);
   shape_ = {info_.width, info_.height, info_.planes};

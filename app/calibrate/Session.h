@@ -104,13 +104,17 @@ class Session {
 /// A light's calibrated and developed pixels, by rows, without holding more of it than these.
 class LightRows {
  public:
+  /// What of the light's edges holds one value throughout is NaN. Who reads a light again gives what Border
+  /// answered the first time, since finding that may take reading all of it.
   /// @throws FileError when the file has changed since the session was planned.
-  LightRows(const Session& session, const Light& light);
+  LightRows(const Session& session, const Light& light,
+            std::shared_ptr<const files::ConstantBorder> border = nullptr);
 
   /// Of the developed image.
   Shape Size() const { return shape_; }
   /// What the file says, and what was done to it.
   const files::ImageInfo& Info() const { return info_; }
+  const std::shared_ptr<const files::ConstantBorder>& Border() const { return reader_->Border(); }
   /// Rows y0 to y0 + rows - 1; planes[p] takes rows x width floats.
   void Read(int y0, int rows, float* const* planes);
   /// Share of the pixels read so far that were limited at 0.

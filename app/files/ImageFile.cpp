@@ -16,6 +16,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "app/files/ConstantBorder.h"
 #include "app/files/Formats.h"
 
 namespace korimg::files {
@@ -178,7 +179,9 @@ void RemovePartialFiles() noexcept {
   }
 }
 
-std::unique_ptr<ImageReader> ImageReader::Open(const fs::path& path, const ReadOptions& options) {
+namespace {
+
+std::unique_ptr<ImageReader> OpenAny(const fs::path& path, const ReadOptions& options) {
   unsigned char start[8] = {};
   {
     const File file(path, O_RDONLY, path);
@@ -204,19 +207,31 @@ std::unique_ptr<ImageReader> ImageReader::Open(const fs::path& path, const ReadO
   return OpenRaw(path, options);
 }
 
+}  // namespace
+
+std::unique_ptr<ImageReader> ImageReader::Open(const fs::path& path, const ReadOptions& options) {
+  auto reader = OpenAny(path, options);
+  if (options.lessBorder) {
+    reader->border_ = options.border ? options.border : ConstantBorder::Find(*reader);
+    reader->info_.noData = reader->border_->Text();
+  }
+  return reader;
+}
+
 void ImageReader::ReadRows(int y0, int rows, float* const* planes) {
   CheckRows(info_.path, y0, rows, info_.height);
   if (rows <= 0) return;
-  if (!info_.header.turned) return Read(y0, rows, planes);
-  Read(info_.height - y0 - rows, rows, planes);
+  const bool turned = info_.header.turned;
+  Read(turned ? info_.height - y0 - rows : y0, rows, planes);
   for (int p = 0; p < info_.planes; ++p) {
-    for (int y = 0; y < rows / 2; ++y) {
+    for (int y = 0; turned && y < rows / 2; ++y) {
       float* row = planes[p] + static_cast<std::size_t>(y) * static_cast<std::size_t>(info_.width);
       float* other =
           planes[p] + static_cast<std::size_t>(rows - 1 - y) * static_cast<std::size_t>(info_.width);
       std::swap_ranges(row, row + info_.width, other);
     }
   }
+  if (border_) border_->Blank(y0, rows, info_.planes, planes);
 }
 
 void ImageReader::ApplyScale(int rows, float* const* planes) const {

@@ -100,12 +100,17 @@ struct ImageInfo {
   std::string hduName;              ///< FITS: EXTNAME, if any
   Header header;                    ///< FITS; camera raw: exposure, mosaic and the like as cards
   std::optional<CameraRaw> camera;  ///< camera raw only
+  std::string noData;               ///< for people: what is left out by ReadOptions::lessBorder, if anything
 };
 
+class ConstantBorder;
+
 struct ReadOptions {
-  std::string hdu;         ///< FITS: number (0 = primary) or EXTNAME; empty: the first image that has pixels
-  bool lessBlack = false;  ///< camera raw: take the black level off; pixels may be negative then
-  bool manyOpen = false;   ///< camera raw: keep the unpacked pixels in a temporary file
+  std::string hdu;          ///< FITS: number (0 = primary) or EXTNAME; empty: the first image that has pixels
+  bool lessBlack = false;   ///< camera raw: take the black level off; pixels may be negative then
+  bool manyOpen = false;    ///< camera raw: keep the unpacked pixels in a temporary file
+  bool lessBorder = false;  ///< what ConstantBorder finds is NaN
+  std::shared_ptr<const ConstantBorder> border;  ///< found before, in place of finding it
 };
 
 /// Largest width and height that readers and writers accept; checked before any arithmetic with them.
@@ -126,6 +131,8 @@ class ImageReader {
   virtual ~ImageReader() = default;
 
   const ImageInfo& Info() const { return info_; }
+  /// What rows are read without; null when all of them were wanted.
+  const std::shared_ptr<const ConstantBorder>& Border() const { return border_; }
 
   /// Reads rows y0 to y0 + rows - 1 of all planes as physical values; planes[p] takes rows * width floats.
   /// Rows count from the upper one of the upright picture: FITS files that are stored from the lowest up, as
@@ -140,6 +147,9 @@ class ImageReader {
   void ApplyScale(int rows, float* const* planes) const;
 
   ImageInfo info_;
+
+ private:
+  std::shared_ptr<const ConstantBorder> border_;
 };
 
 struct WriteOptions {

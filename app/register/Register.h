@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "korimg/measurement/CDiscMatcher.h"
 #include "korimg/measurement/CPhaseMatcher.h"
 #include "korimg/measurement/CStarMatcher.h"
 
@@ -21,6 +22,7 @@ struct FrameMeasure {
   double fwhm = 0, elongation = 0;  ///< of the usual star
   int starCount = 0;                ///< found
   std::vector<CStar> stars;         ///< those that frames are matched by: 2000 at most
+  std::string noData;               ///< for people: what of its edges was left out
 };
 
 /// Finds and measures the stars of an image, `sigmas` above the sky.
@@ -38,9 +40,12 @@ struct Registration {
   int stars = 0;        ///< that the fit is made of
   double residual = 0;  ///< pixels, root mean square
   double fwhm = 0;      ///< pixels, of the frame's stars
-  std::string method;   ///< "reference", "stars", "phase"
+  std::string method;   ///< "reference", "stars", "disc", "phase"
   std::string status;   ///< "ok", "no stars", "no match", "mirrored", "residual too large"
+  std::string note;     ///< numbers and limits: of what is not ok why, else what few stars leave open
   bool IsGood() const { return status == "ok"; }
+  /// Status and note.
+  std::string Text() const { return note.empty() ? status : status + ": " + note; }
 };
 
 /// Where a position of a frame comes to lie on the reference.
@@ -56,7 +61,8 @@ using ImageSource = std::function<std::shared_ptr<CVelImage>()>;
 /// Lays frames on a reference. Any number of threads may call it at once.
 class Registrar {
  public:
-  /// The image of the reference is only asked for by the first frame whose stars do not match. Stars may be
+  /// The image of the reference is only asked for by the first frame whose stars do not match: discs are laid
+  /// on each other by their middles, and everything else by phase correlation. Stars may be
   /// off by `residual` pixels.
   Registrar(const FrameMeasure& reference, ImageSource image, double residual = 1);
 
@@ -65,22 +71,26 @@ class Registrar {
   Registration Register(const FrameMeasure& frame, const ImageSource& image);
 
  private:
-  CStarMatch MatchByPhase(const ImageSource& image);
+  Registration RegisterByLight(const FrameMeasure& frame, const ImageSource& image);
 
   CStarMatcher stars_;
+  size_t starCount_;  ///< of the reference
+  double residual_;
   ImageSource loadReference_;
-  std::mutex mutex_;  ///< one phase correlation at a time: each holds a few images
+  std::mutex mutex_;  ///< one frame at a time by its light: phase correlation holds a few images
   std::shared_ptr<CVelImage> reference_;
+  std::unique_ptr<CDiscMatcher> disc_;
   std::unique_ptr<CPhaseMatcher> phase_;
 };
 
 /// Lays frames that do not match the reference on frames that lie on it: those nearest in the order of
-/// frames, five at most by their stars, and the nearest one by phase correlation too. `image` gives the image
-/// of a frame again. One registration for each frame; false when none was found.
+/// frames, five at most by their stars, and the nearest one by its light too. A frame that its light turns
+/// over between others that are not turned is compared with the nearest of these, which has to bear it out.
+/// `image` gives the image of a frame again. One registration for each frame; false when none was found.
 bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,
                            const std::function<std::shared_ptr<CVelImage>(size_t)>& image);
 
-/// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, fwhm, method, status.
+/// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, fwhm, method, status, note.
 std::string ToJson(const Registration& registration);
 
 }  // namespace korimg::tool

@@ -161,13 +161,15 @@ std::string Page(const Report& report) {
       "class=\"n\">residual</th>"
       "<th class=\"n\">weight</th><th class=\"n\">rejected</th></tr>\n";
   for (const ReportFrame& frame : report.frames) {
-    page += fmt::format("<tr><td>{}</td><td>{}</td><td{}>{}</td><td>{}</td><td class=\"n\">{:.2g} %</td>",
-                        frame.thumbnail.empty()
-                            ? ""
-                            : fmt::format("<img width=\"150\" src=\"{}\" alt=\"\">", Inline(frame.thumbnail)),
-                        Escaped(frame.file), frame.reason.empty() ? "" : " class=\"bad\"",
-                        frame.reason.empty() ? "stacked" : "left out: " + Escaped(frame.reason),
-                        Escaped(frame.served), 100 * frame.clipped);
+    page +=
+        fmt::format("<tr><td>{}</td><td>{}</td><td{}>{}</td><td>{}</td><td class=\"n\">{:.2g} %</td>",
+                    frame.thumbnail.empty()
+                        ? ""
+                        : fmt::format("<img width=\"150\" src=\"{}\" alt=\"\">", Inline(frame.thumbnail)),
+                    Escaped(frame.file), frame.reason.empty() ? "" : " class=\"bad\"",
+                    frame.reason.empty() ? "stacked" + Escaped(frame.note.empty() ? "" : "; " + frame.note)
+                                         : "left out: " + Escaped(frame.reason),
+                    Escaped(frame.served), 100 * frame.clipped);
     page += Cell(frame.stars, "{:.0f}") + Cell(frame.fwhm, "{:.2f}") + Cell(frame.elongation, "{:.2f}") +
             Cell(frame.sky, "{:.5g}") + Cell(frame.noise, "{:.4g}") +
             fmt::format("<td>{}</td>", Escaped(frame.method)) + Cell(frame.dx, "{:.2f}") +

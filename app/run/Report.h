@@ -14,6 +14,7 @@ struct ReportFrame {
   std::string file;
   std::string served;     ///< the masters that calibrated it
   std::string reason;     ///< why it was left out; empty: it is in the stack
+  std::string note;       ///< what few stars leave open of where it lies
   std::string thumbnail;  ///< a JPEG
   std::string method;     ///< how it was registered
   double clipped = 0;     ///< share of the pixels limited at 0

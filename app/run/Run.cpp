@@ -14,6 +14,7 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "app/calibrate/Session.h"
+#include "app/files/ConstantBorder.h"
 #include "app/files/Geometry.h"
 #include "app/files/Times.h"
 #include "app/register/Register.h"
@@ -38,6 +39,7 @@ struct Progress {
   Shape shape;
   double clipped = 0;
   std::uint64_t digest = 0;  ///< of its pixels
+  std::shared_ptr<const files::ConstantBorder> border;  ///< of its file
   FrameMeasure measure;
   FrameLevels levels;
   std::string thumbnail;
@@ -244,6 +246,7 @@ class Road {
           frame.shape = rows.Size();
           frame.clipped = rows.Clipped();
           frame.digest = DigestOf(*image);
+          frame.border = rows.Border();
           frame.measure = MeasureFrame(*image);
           frame.levels = MeasureLevels(*image);
           LevelForPreview(*image, kThumbnailSide);
@@ -254,6 +257,11 @@ class Road {
           tool_.ForEachFile(
               {frames_[i].light->frame.path}, [&](const fs::path&) { frames_[i] = result(); }, true);
         });
+    for (const Progress& frame : frames_) {
+      if (frame.border && !frame.border->IsEmpty()) {
+        Plan(fmt::format("{}: {}", frame.light->Name(), frame.border->Text()));
+      }
+    }
   }
 
   /// Frames with the same pixels count once.
@@ -298,7 +306,7 @@ class Road {
     reference_ = numbers[ChooseReference(measures)];
     const auto image = [this](const Progress& frame) {
       return [this, &frame] {
-        LightRows rows(session_, *frame.light);
+        LightRows rows(session_, *frame.light, frame.border);
         return LoadWhole(rows, tool_.MakeStore());
       };
     };
@@ -368,7 +376,7 @@ class Road {
       } else if (tells && longest > 0 && m.elongation > longest) {
         LeaveOut(*frame, fmt::format("elongation {:.2f}, above {:.2f}", m.elongation, longest));
       } else if (!frame->registration.IsGood()) {
-        LeaveOut(*frame, "not registered: " + frame->registration.status);
+        LeaveOut(*frame, "not registered: " + frame->registration.Text());
       }
     }
   }
@@ -382,7 +390,7 @@ class Road {
       input.degrees = frame->registration.degrees;
       input.levels = frame->levels;
       input.read = [this, frame](int y0, int rows, float* const* planes) {
-        LightRows(session_, *frame->light).Read(y0, rows, planes);
+        LightRows(session_, *frame->light, frame->border).Read(y0, rows, planes);
       };
       inputs.push_back(std::move(input));
     }
@@ -515,15 +523,16 @@ class Road {
         json["residual_px"] = r.residual;
         json["method"] = r.method;
         json["status"] = frame.IsUsed() ? "stacked" : frame.IsMeasured() ? frame.reason : frame.error;
+        json["note"] = frame.IsUsed() ? r.note : "";
         json["weight"] = frame.weight;
         json["rejected"] = Rejected(frame.counts);
         fmt::print("{}\n", Dump(json));
       } else if (frame.IsUsed()) {
-        tool_.console.Say(
-            fmt::format("{}: {} stars, FWHM {:.2f} px, dx {:.2f}, dy {:.2f}, {:.3f} degrees by {}; weight "
-                        "{:.2f}, rejected {}",
-                        frame.light->Name(), frame.measure.starCount, frame.measure.fwhm, r.dx, r.dy,
-                        r.degrees, r.method, frame.weight, Percent(Rejected(frame.counts))));
+        tool_.console.Say(fmt::format(
+            "{}: {} stars, FWHM {:.2f} px, dx {:.2f}, dy {:.2f}, {:.3f} degrees by {}; weight "
+            "{:.2f}, rejected {}{}",
+            frame.light->Name(), frame.measure.starCount, frame.measure.fwhm, r.dx, r.dy, r.degrees, r.method,
+            frame.weight, Percent(Rejected(frame.counts)), r.note.empty() ? "" : "; " + r.note));
       }
     }
   }
@@ -550,6 +559,7 @@ class Road {
           row.dy = frame.registration.dy;
           row.degrees = frame.registration.degrees;
           row.residual = frame.registration.residual;
+          row.note = frame.registration.note;
         }
       }
       if (frame.IsUsed()) {

@@ -32,6 +32,7 @@ double Number(const json& object, const char* key, bool needed) {
 Transform Parse(const json& object) {
   Transform transform;
   if (object.contains("status")) transform.status = object["status"].get<std::string>();
+  if (object.contains("note")) transform.note = object["note"].get<std::string>();
   const bool usable = transform.status == "ok";
   transform.dx = Number(object, "dx", usable);
   transform.dy = Number(object, "dy", usable);

@@ -13,6 +13,9 @@ struct Transform {
   double dx = 0, dy = 0, degrees = 0;
   std::optional<double> fwhm;  ///< pixels
   std::string status = "ok";   ///< else why the frame is of no use
+  std::string note;            ///< the numbers of that
+
+  std::string Text() const { return note.empty() ? status : status + ": " + note; }
 
   bool IsNone() const { return dx == 0 && dy == 0 && degrees == 0; }
 };

@@ -24,9 +24,9 @@ struct RegisterOptions {
 };
 
 std::string Line(const Registration& r) {
-  return r.IsGood() ? fmt::format("{}: shift {:.3f}, {:.3f}, angle {:.4f}, residual {:.3f} ({}, {})", r.file,
-                                  r.dx, r.dy, r.degrees, r.residual, r.method, r.stars)
-                    : fmt::format("{}: {}", r.file, r.status);
+  if (!r.IsGood()) return fmt::format("{}: {}", r.file, r.Text());
+  return fmt::format("{}: shift {:.3f}, {:.3f}, angle {:.4f}, residual {:.3f} ({}, {}){}", r.file, r.dx, r.dy,
+                     r.degrees, r.residual, r.method, r.stars, r.note.empty() ? "" : "; " + r.note);
 }
 
 /// What a frame takes while its stars are found, by the first one that can be read.
@@ -44,10 +44,16 @@ long long BytesAtWork(const std::vector<fs::path>& frames, const std::string& hd
 void Register(Tool& tool, const RegisterOptions& options) {
   if (!options.output.empty()) tool.CheckOutput(options.output);
   const auto store = tool.MakeStore();
-  const auto load = [&](const fs::path& file) -> std::shared_ptr<CVelImage> {
-    return LoadImage(tool, store, file, {.hdu = options.hdu}).image;
+  const auto open = [&](const fs::path& file) {
+    return LoadImage(tool, store, file, {.hdu = options.hdu, .lessBorder = true});
   };
-  const auto measure = [&](const fs::path& file) { return MeasureFrame(*load(file), options.sigmas); };
+  const auto load = [&](const fs::path& file) -> std::shared_ptr<CVelImage> { return open(file).image; };
+  const auto measure = [&](const fs::path& file) {
+    const LoadedImage loaded = open(file);
+    FrameMeasure frame = MeasureFrame(*loaded.image, options.sigmas);
+    frame.noData = loaded.info.noData;
+    return frame;
+  };
 
   const std::vector<fs::path> wanted = ExpandFolders(tool.console, options.files);
   std::vector<fs::path> files;
@@ -59,6 +65,8 @@ void Register(Tool& tool, const RegisterOptions& options) {
         tool.ForEachFile({wanted[i]}, [&](const fs::path& file) {
           frames.push_back(result());
           files.push_back(file);
+          const std::string& noData = frames.back().noData;
+          if (!noData.empty()) tool.console.Say(fmt::format("{}: {}", file.string(), noData));
         });
       });
   if (frames.empty()) return;

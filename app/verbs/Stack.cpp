@@ -10,6 +10,7 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "app/calibrate/Frames.h"
+#include "app/files/ConstantBorder.h"
 #include "app/files/Geometry.h"
 #include "app/files/Mosaic.h"
 #include "app/operations/Operations.h"
@@ -41,6 +42,7 @@ struct Source {
   files::ImageInfo info;
   Transform transform;
   std::unique_ptr<files::ImageReader> reader;  ///< while it is open
+  std::shared_ptr<const files::ConstantBorder> border = nullptr;
 };
 
 /// The files of a stack. The first ones stay open; opening others anew for each band costs little, and there
@@ -55,7 +57,7 @@ class Sources {
     for (const fs::path& path : ExpandFolders(tool.console, options.frames)) {
       const Transform transform = transforms ? transforms->Of(path) : Transform();
       if (transform.status != "ok") {
-        leftOut_.emplace_back(path, transform.status);
+        leftOut_.emplace_back(path, transform.Text());
         continue;
       }
       auto reader = files::ImageReader::Open(path, kRead);
@@ -74,6 +76,15 @@ class Sources {
   const std::vector<std::pair<fs::path, std::string>>& LeftOut() const { return leftOut_; }
   int Reference() const { return reference_; }
 
+  /// Finds what of a frame's edges holds no data; its rows are read without that from now on.
+  const files::ConstantBorder& FindBorder(size_t number) {
+    Source& source = used_[number];
+    auto reader = OpenAgain(source);
+    source.border = reader->Border();
+    if (source.reader) source.reader = std::move(reader);
+    return *source.border;
+  }
+
   StackInput Input(size_t number) {
     Source& source = used_[number];
     StackInput input{source.path.string(),
@@ -83,18 +94,23 @@ class Sources {
                      source.transform.degrees};
     input.read = [&source](int y0, int rows, float* const* planes) {
       if (source.reader) return source.reader->ReadRows(y0, rows, planes);
-      const auto reader = files::ImageReader::Open(source.path, kRead);
-      const files::ImageInfo &now = reader->Info(), &then = source.info;
-      if (now.width != then.width || now.height != then.height || now.planes != then.planes) {
-        throw files::FileError(source.path, "has changed since the work began");
-      }
-      reader->ReadRows(y0, rows, planes);
+      OpenAgain(source)->ReadRows(y0, rows, planes);
     };
     return input;
   }
 
  private:
   inline static const files::ReadOptions kRead = {.manyOpen = true};
+
+  static std::unique_ptr<files::ImageReader> OpenAgain(const Source& source) {
+    auto reader = files::ImageReader::Open(source.path,
+                                           {.manyOpen = true, .lessBorder = true, .border = source.border});
+    const files::ImageInfo &now = reader->Info(), &then = source.info;
+    if (now.width != then.width || now.height != then.height || now.planes != then.planes) {
+      throw files::FileError(source.path, "has changed since the work began");
+    }
+    return reader;
+  }
 
   /// The one that is told; else the first that lies still.
   void FindReference(const Options& options) {
@@ -274,19 +290,29 @@ class StackRun {
     return json.dump(-1, ' ', true, Json::error_handler_t::replace);
   }
 
-  /// Levels and weights.
+  /// Edges, levels and weights.
   void Measure() {
-    if (stack_.normalisation == Normalisation::None && options_.weight != "noise" &&
-        !stack_.clampUndershoot) {
-      return Weigh();
-    }
+    const bool wantsLevels =
+        stack_.normalisation != Normalisation::None || options_.weight == "noise" || stack_.clampUndershoot;
+    struct Measured {
+      std::string noData;
+      FrameLevels levels;
+    };
     SideBySide(
-        tool_, "measuring frame", inputs_.size(), 0, [&](size_t i) { return MeasureInput(inputs_[i]); },
+        tool_, "measuring frame", inputs_.size(), 0,
+        [&](size_t i) {
+          const std::string noData = sources_.FindBorder(i).Text();
+          return Measured{noData, wantsLevels ? MeasureInput(inputs_[i]) : FrameLevels()};
+        },
         [&](size_t i, const auto& result) {
           tool_.console.CheckCancelled();
-          inputs_[i].levels = result();
+          const Measured measured = result();
+          inputs_[i].levels = measured.levels;
+          if (!measured.noData.empty()) {
+            tool_.console.Say(fmt::format("{}: {}", inputs_[i].name, measured.noData));
+          }
         });
-    CheckScales(inputs_, sources_.Reference());
+    if (wantsLevels) CheckScales(inputs_, sources_.Reference());
     Weigh();
   }
 

@@ -6,9 +6,11 @@
 #include <nlohmann/json.hpp>
 
 #include "korimg/measurement/CStarFinder.h"
+#include "korimg/stacking/FrameLevels.h"
 
 #include "app/calibrate/Frames.h"
 #include "app/files/Formats.h"
+#include "app/files/Gain.h"
 #include "app/tool/Images.h"
 #include "app/verbs/Verbs.h"
 
@@ -31,17 +33,27 @@ struct Found {
   fs::path file;
   const CVelImage& image;
   const CStarFinder& finder;
+  const std::string& noData;
+  const files::Gain& gain;
 
   const std::vector<CStar>& Stars() const { return finder.GetStars(); }
 };
+
+/// What signal to noise is made of.
+std::string GainText(const files::Gain& gain) {
+  return gain.electrons > 0
+             ? fmt::format("gain {:g} ({})", gain.electrons, gain.source)
+             : fmt::format("gain unknown ({}): snr leaves out the noise of the stars' own light",
+                           gain.source);
+}
 
 /// Lines of "x y radius", which render draws circles by, with the other measures as comments.
 void WriteList(const fs::path& path, const Found& found) {
   constexpr double kRadii = 2, kLeast = 3;  // FWHM, pixels
   files::TransientFile part(files::PartialName(path));
   std::ofstream out(part.Path());
-  out << fmt::format("# {} stars of {}\n# x y radius # flux fwhm elongation peak snr sky flags\n",
-                     found.Stars().size(), found.file.filename().string());
+  out << fmt::format("# {} stars of {}\n# {}\n# x y radius # flux fwhm elongation peak snr sky flags\n",
+                     found.Stars().size(), found.file.filename().string(), GainText(found.gain));
   for (const CStar& star : found.Stars()) {
     const std::string flags = Flags(star);
     out << fmt::format("{:.3f} {:.3f} {:.1f} # {:.6g} {:.3f} {:.3f} {:.6g} {:.1f} {:.6g} {}\n", star.x,
@@ -56,9 +68,10 @@ void WriteList(const fs::path& path, const Found& found) {
 void PrintStars(const Tool& tool, const Found& found) {
   const CStarFinder& finder = found.finder;
   if (!tool.options.json) {
-    fmt::print("{}: {} stars, FWHM {:.2f}, elongation {:.2f}, sky {:g} with a noise of {:.4g}\n",
+    fmt::print("{}: {} stars, FWHM {:.2f}, elongation {:.2f}, sky {:g} with a noise of {:.4g}, {}\n",
                found.file.string(), found.Stars().size(), finder.GetFwhm(), finder.GetElongation(),
-               finder.GetSky(), finder.GetNoise());
+               finder.GetSky(), finder.GetNoise(), GainText(found.gain));
+    if (!found.noData.empty()) fmt::print("{}: {}\n", found.file.string(), found.noData);
     return;
   }
   Json json{{"file", found.file.string()},
@@ -69,6 +82,9 @@ void PrintStars(const Tool& tool, const Found& found) {
             {"elongation", finder.GetElongation()},
             {"sky", finder.GetSky()},
             {"noise", finder.GetNoise()},
+            {"no_data", found.noData},
+            {"gain", found.gain.electrons > 0 ? Json(found.gain.electrons) : Json()},
+            {"gain_from", found.gain.source},
             {"list", Json::array()}};
   for (const CStar& star : found.Stars()) {
     json["list"].push_back({{"x", star.x},
@@ -87,7 +103,7 @@ void PrintStars(const Tool& tool, const Found& found) {
 struct StarsOptions {
   std::vector<fs::path> files;
   fs::path output;
-  double sigmas = 5;
+  double sigmas = 5, gain = 0;
   std::string hdu;
 };
 
@@ -102,11 +118,15 @@ void Stars(Tool& tool, const StarsOptions& options) {
   }
   const auto store = tool.MakeStore();
   tool.ForEachFile(files, [&](const fs::path& file) {
-    const LoadedImage loaded = LoadImage(tool, store, file, {.hdu = options.hdu});
+    const LoadedImage loaded = LoadImage(tool, store, file, {.hdu = options.hdu, .lessBorder = true});
     CStarFinder finder(loaded.image.get());
     finder.SetThreshold(options.sigmas);
+    const files::Gain gain = options.gain > 0
+                                 ? files::Gain{options.gain, "--gain"}
+                                 : files::FindGain(loaded.info.header, MeasureLevels(*loaded.image).noise[0]);
+    finder.SetGain(gain.electrons);
     finder.Find();
-    const Found found{file, *loaded.image, finder};
+    const Found found{file, *loaded.image, finder, loaded.info.noData, gain};
     if (!options.output.empty() && !tool.options.dryRun) WriteList(options.output, found);
     PrintStars(tool, found);
   });
@@ -122,6 +142,10 @@ void AddStars(CLI::App& app, Tool& tool) {
                    "list of 'x y radius # flux ...', which render --annotate --stars reads");
   verb->add_option("--sigma", options->sigmas, "noise of the sky that stars exceed so many times")
       ->check(CLI::Range(0.5, 1e6));
+  verb->add_option("--gain", options->gain,
+                   "electrons of a value, for the noise of a star's own light; by EGAIN, or GAIN in e-/ADU, "
+                   "unless told")
+      ->check(CLI::Range(1e-9, 1e9));
   verb->add_option("--hdu", options->hdu, "number or name of the FITS extension to read");
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {

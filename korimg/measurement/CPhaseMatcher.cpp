@@ -150,7 +150,8 @@ Shift Correlate(CImgFourier& first, CVelImage& second, CRect* rect) {
   return shift;
 }
 
-/// Ways in which the second image may lie on the first, the likelier first.
+/// Ways in which the second image may lie on the first, the likelier first; each that is turned over has one
+/// that is not.
 std::vector<Similarity> Candidates(CImgFourier& first, CImgFourier& second) {
   double degrees = 0;
   int width = 0, height = 0;
@@ -168,8 +169,6 @@ std::vector<Similarity> Candidates(CImgFourier& first, CImgFourier& second) {
   }
   std::stable_sort(candidates.begin(), candidates.end(),
                    [](Candidate const& a, Candidate const& b) { return a.peak > b.peak; });
-  constexpr size_t kMost = 2;
-  candidates.resize(std::min(candidates.size(), kMost));
   std::vector<Similarity> maps;
   for (Candidate const& c : candidates) {
     maps.push_back(c.map);
@@ -207,6 +206,59 @@ Tiles CorrelateTiles(CImgFourier& first, CVelImage& second) {
   return tiles;
 }
 
+/// A first guess, made better by tiles.
+struct Refined {
+  Similarity map, correction;
+  Tiles tiles;
+
+  Refined(CImgFourier& first, CImgFourier& second, Similarity const& guess) : map(guess) {
+    constexpr int kRounds = 3;
+    for (int round = 0; round < kRounds; ++round) {
+      const auto laid = Laid(first, second, map);
+      tiles = CorrelateTiles(first, *laid);
+      if (tiles.pairs.size() < kFewest) break;
+      correction = RobustFit(tiles.pairs, true);
+      map = Joined(map, correction);
+    }
+  }
+
+  /// Leaves out the tiles that do not agree. False when too few do.
+  bool Agrees() {
+    constexpr double kAgreement = 0.75, kShare = 0.4;
+    std::erase_if(tiles.pairs,
+                  [&](Pair const& p) { return Distance(correction(p.from), p.to) > kAgreement; });
+    const size_t agree = tiles.pairs.size();
+    return agree >= kFewest && static_cast<double>(agree) >= kShare * tiles.lit;
+  }
+
+  static constexpr size_t kFewest = 3;
+};
+
+bool IsHalfTurn(Similarity const& map) {
+  return map.a < 0;
+}
+
+/// How much of the light of two images is the same: 1 when all is.
+double Likeness(CVelImage& first, CVelImage& second) {
+  struct Sums {
+    double both = 0, first = 0, second = 0;
+  };
+  Sums all;
+  for (Sums const& line : MapLines(0, first.GetHeight(), [&](int y) {
+         Sums sums;
+         float const *a = first.GetLine(0, y, 0), *b = second.GetLine(0, y, 0);
+         for (int x = 0; x < first.GetWidth(); ++x) {
+           sums.both += static_cast<double>(a[x]) * b[x];
+           sums.first += static_cast<double>(a[x]) * a[x];
+           sums.second += static_cast<double>(b[x]) * b[x];
+         }
+         return sums;
+       })) {
+    all = {all.both + line.both, all.first + line.first, all.second + line.second};
+  }
+  return all.first > 0 && all.second > 0 ? all.both / std::sqrt(all.first * all.second) : 0;
+}
+
 }  // namespace
 
 /// The reference's light, in pixels of one size.
@@ -221,9 +273,8 @@ struct CPhaseMatcher::Scale {
 };
 
 CPhaseMatcher::Scale::Answer CPhaseMatcher::Scale::Match(CVelImage& image, CStarMatch& match) const {
-  constexpr size_t kFewest = 3;
-  constexpr int kRounds = 3;
-  constexpr double kAgreement = 0.75, kShare = 0.4;
+  constexpr size_t kMost = 2;
+  constexpr double kProof = 0.1;
   const OnOneThread alone;
   const auto other = LightOf(image, bin);
   const auto longest = [](CVelImage const& i) { return std::max(i.GetWidth(), i.GetHeight()); };
@@ -239,29 +290,34 @@ CPhaseMatcher::Scale::Answer CPhaseMatcher::Scale::Match(CVelImage& image, CStar
   Similarity fromFirst, fromSecond;
   const auto first = whole(*light, fromFirst), second = whole(*other, fromSecond);
   const Similarity toSecond{1, 0, -fromSecond.x, -fromSecond.y};
-  for (Similarity const& candidate : Candidates(*first, *second)) {
-    Similarity map = Unbinned(Joined(Joined(toSecond, candidate), fromFirst), coarse);
-    Tiles tiles;
-    Similarity correction;
-    for (int round = 0; round < kRounds; ++round) {
-      const auto laid = Laid(*light, *other, map);
-      tiles = CorrelateTiles(*light, *laid);
-      if (tiles.pairs.size() < kFewest) break;
-      correction = RobustFit(tiles.pairs, true);
-      map = Joined(map, correction);
+  std::vector<Similarity> guesses = Candidates(*first, *second);
+  for (Similarity& guess : guesses) {
+    guess = Unbinned(Joined(Joined(toSecond, guess), fromFirst), coarse);
+  }
+  const auto likeness = [&](Similarity const& map) { return Likeness(*light, *Laid(*light, *other, map)); };
+  bool isUnproven = false;
+  for (size_t i = 0; i < guesses.size(); ++i) {
+    if (i >= kMost && (!isUnproven || IsHalfTurn(guesses[i]))) continue;
+    Refined fit(*light, *other, guesses[i]);
+    if (!fit.Agrees()) continue;
+    // Round and symmetric objects agree with themselves turned over.
+    const auto isAsGood = [&](Similarity const& unturned) {
+      return !IsHalfTurn(unturned) &&
+             likeness(Refined(*light, *other, unturned).map) + kProof > likeness(fit.map);
+    };
+    if (IsHalfTurn(fit.map) && std::any_of(guesses.begin(), guesses.end(), isAsGood)) {
+      isUnproven = true;
+      continue;
     }
-    std::erase_if(tiles.pairs,
-                  [&](Pair const& p) { return Distance(correction(p.from), p.to) > kAgreement; });
-    const size_t agree = tiles.pairs.size();
-    if (agree < kFewest || static_cast<double>(agree) < kShare * tiles.lit) continue;
+    Similarity map = fit.map;
     map = Unbinned(map, bin);
     if (IsSensors(map, image)) return Sensor;
     const Pose pose = PoseOf(map, image.GetWidth(), image.GetHeight());
     match.dx = pose.dx;
     match.dy = pose.dy;
     match.degrees = pose.degrees;
-    match.residual = bin * RootMeanSquare(tiles.pairs, correction);
-    match.stars = static_cast<int>(agree);
+    match.residual = bin * RootMeanSquare(fit.tiles.pairs, fit.correction);
+    match.stars = static_cast<int>(fit.tiles.pairs.size());
     match.status = CStarMatch::Ok;
     return Found;
   }

@@ -12,12 +12,12 @@ struct CStar {
   enum Flag : int { Saturated = 1, Edge = 2, Blended = 4 };
 
   double x = 0, y = 0;
-  double flux = 0;        ///< of the whole star, above the sky
-  double peak = 0;        ///< brightest pixel, above the sky
-  double sky = 0;         ///< level under the star
-  double noise = 0;       ///< deviation of a pixel of the sky
-  double snr = 0;         ///< what the aperture holds over the noise of the sky in it
-  double fwhm = 0;        ///< of the image before pixels integrated it
+  double flux = 0;   ///< of the whole star, above the sky
+  double peak = 0;   ///< brightest pixel, above the sky
+  double sky = 0;    ///< level under the star
+  double noise = 0;  ///< deviation of a pixel of the sky
+  double snr = 0;    ///< what the aperture holds over its noise: the sky's, and the star's where SetGain told
+  double fwhm = 0;   ///< of the image before pixels integrated it
   double elongation = 1;  ///< longer axis over shorter one
   int flags = 0;
 };
@@ -47,6 +47,10 @@ class KORIMG_API CStarFinder {
   /// tops are flat, and those that share the highest top of the image.
   void SetSaturation(double raw) { saturation_ = raw; }
 
+  /// Electrons of a raw value: what a star's own photons add to its noise. 0, at first, where nobody knows:
+  /// signal to noise is then that of the sky alone, which is too much for bright stars.
+  void SetGain(double electrons) { gain_ = electrons; }
+
   /// Returns the number of stars.
   int Find();
 
@@ -65,6 +69,7 @@ class KORIMG_API CStarFinder {
   CVelImage* image_;
   double threshold_ = 5;
   double saturation_ = std::numeric_limits<double>::infinity();
+  double gain_ = 0;
   std::vector<CStar> stars_;
   double fwhm_ = 0, elongation_ = 0, sky_ = 0, noise_ = 0;
 };

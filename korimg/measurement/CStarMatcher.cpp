@@ -112,6 +112,7 @@ namespace korimg {
 struct StarField {
   std::vector<Point> pattern;  ///< the stars of the triangles
   PointGrid patternGrid;
+  std::vector<double> fluxes;  ///< of the same
   std::vector<Triangle> triangles;
   PointGrid grid;  ///< of the stars of the fit
   std::vector<double> weights;
@@ -137,6 +138,9 @@ struct StarField {
         patternGrid(pattern),
         triangles(Triangles(pattern, slack)),
         grid(PointsOf(stars, direction)) {
+    for (CStar const& star : Spread(stars, kPatternStars)) {
+      fluxes.push_back(star.flux);
+    }
     for (CStar const& star : stars) {
       weights.push_back(WeightOf(star));
     }
@@ -269,10 +273,86 @@ std::vector<Pair> PairsOf(StarField const& stars, StarField const& reference, Si
   return pairs;
 }
 
+/// Pixels by which two stars alone have to move: what stays may be the sensor's own.
+constexpr double kLeastMoved = 0.5;
+
+/// Stars of which couples are made.
+constexpr size_t kBrightest = 30;
+
+/// Two stars of a list. Their order counts.
+struct Couple {
+  int first, second;
+  double length;
+};
+
+/// Of the brightest stars, by growing length.
+std::vector<Couple> Couples(StarField const& field) {
+  constexpr double kShortest = 10;  // pixels
+  const int count = static_cast<int>(std::min(field.pattern.size(), kBrightest));
+  std::vector<Couple> couples;
+  for (int i = 0; i < count; ++i) {
+    for (int k = 0; k < count; ++k) {
+      const double length = Distance(field.pattern[i], field.pattern[k]);
+      if (i != k && length >= kShortest) couples.push_back({i, k, length});
+    }
+  }
+  std::stable_sort(couples.begin(), couples.end(),
+                   [](Couple const& a, Couple const& b) { return a.length < b.length; });
+  return couples;
+}
+
+/// The shift and turn that lay two stars on two as far from each other and that chance explains least. False
+/// when it explains them well enough.
+bool FindTurn(StarField const& stars, StarField const& reference, double area, Similarity& best) {
+  constexpr double kLengthError = 1, kRadius = 1.5, kLeastTurn = 0.01, kBrighter = 2, kMistaken = 1e-3;
+  const std::vector<Couple> ours = Couples(stars), theirs = Couples(reference);
+  const double tried = 0.5 * static_cast<double>(ours.size()) * static_cast<double>(theirs.size());
+  const auto count = [](StarField const& field) {
+    return static_cast<double>(std::min(field.pattern.size(), kBrightest));
+  };
+  const double others =
+      (count(stars) - 2) * (count(reference) - 2) * std::numbers::pi * kRadius * kRadius / area;
+  double least = kMistaken;
+  std::vector<char> taken(reference.pattern.size());
+  for (Couple const& a : ours) {
+    if (a.first > a.second) continue;
+    const auto before = [](Couple const& c, double length) { return c.length < length; };
+    for (auto b = std::lower_bound(theirs.begin(), theirs.end(), a.length - kLengthError, before);
+         b != theirs.end() && b->length <= a.length + kLengthError; ++b) {
+      const Similarity map = Fit({{stars.pattern[a.first], reference.pattern[b->first]},
+                                  {stars.pattern[a.second], reference.pattern[b->second]}},
+                                 true);
+      int meet = 0;
+      bool moves = false;
+      std::fill(taken.begin(), taken.end(), 0);
+      for (size_t i = 0; i < std::min(stars.pattern.size(), kBrightest); ++i) {
+        const Point to = map(stars.pattern[i]);
+        const int k = reference.patternGrid.Nearest(to, kRadius);
+        if (k < 0 || k >= static_cast<int>(kBrightest) || std::exchange(taken[k], 1)) continue;
+        ++meet;
+        moves |= Distance(stars.pattern[i], to) >= kLeastMoved;
+      }
+      const double brighter = stars.fluxes[a.first] / stars.fluxes[a.second] *
+                              (reference.fluxes[b->second] / reference.fluxes[b->first]);
+      if (meet < 2 || (meet == 2 && !(moves && brighter < kBrighter && brighter > 1 / kBrighter))) continue;
+      // With the first stars on each other, the second ones have to meet in a part of a ring.
+      const double turn = std::max(std::abs(std::atan2(map.b, map.a)), kLeastTurn);
+      double chance = tried * 4 * kLengthError * a.length * turn / area;
+      for (int more = 1; more <= meet - 2; ++more) {
+        chance *= others / more;
+      }
+      if (chance >= least) continue;
+      least = chance;
+      best = map;
+    }
+  }
+  return least < kMistaken;
+}
+
 /// The shift that lays the brightest star on the reference's brightest one, if others meet then. False when
-/// chance would do as well, and for what has not moved: that may be the sensor's own.
+/// chance would do as well, and for what has not moved.
 bool FindShift(StarField const& stars, StarField const& reference, double area, std::vector<Pair>& pairs) {
-  constexpr double kLeastMoved = 0.5, kRadius = 1;
+  constexpr double kRadius = 1;
   std::vector<Point> const &from = stars.grid.Points(), &to = reference.grid.Points();
   if (Distance(from[0], to[0]) < kLeastMoved) return false;
   pairs = PairsOf(stars, reference, {1, 0, to[0].x - from[0].x, to[0].y - from[0].y}, kRadius);
@@ -290,6 +370,44 @@ Similarity FitShift(std::vector<Pair> const& pairs) {
     y += p.weight * (p.to.y - p.from.y);
   }
   return {1, 0, x / weight, y / weight};
+}
+
+/// What a fit leaves open, by the weights of its pairs and the distances that it leaves.
+struct FitError {
+  double shift = 0, turn = 0;  ///< deviations: of the pairs' middle, and in radians about it
+  double corner = 0;           ///< of the corner farthest from there
+};
+
+FitError ErrorOf(std::vector<Pair> const& pairs, Similarity const& map, int width, int height) {
+  double weight = 0, lever = 0, left = 0;
+  Point middle;
+  for (Pair const& p : pairs) {
+    weight += p.weight;
+    middle = {middle.x + p.weight * p.from.x, middle.y + p.weight * p.from.y};
+  }
+  middle = {middle.x / weight, middle.y / weight};
+  for (Pair const& p : pairs) {
+    const double r = Distance(p.from, middle), d = Distance(map(p.from), p.to);
+    lever += p.weight * r * r;
+    left += p.weight * d * d;
+  }
+  const double unknown = std::max(2.0 * static_cast<double>(pairs.size()) - 3, 1.0);
+  const double wider = std::max(left / unknown, 1.0);
+  FitError error{std::sqrt(2 * wider / weight), std::sqrt(wider / lever), 0};
+  for (Point const& corner :
+       {Point{0, 0}, Point{1.0 * width, 0}, Point{0, 1.0 * height}, Point{1.0 * width, 1.0 * height}}) {
+    error.corner = std::max(error.corner, std::hypot(error.shift, error.turn * Distance(corner, middle)));
+  }
+  return error;
+}
+
+/// Shift and turn of few stars, or the shift alone where the turn is lost in what it may be off by.
+Similarity FitFew(std::vector<Pair>& pairs, double limit, int width, int height) {
+  constexpr double kSeen = 3;
+  const Similarity map = RobustFit(pairs, true);
+  const FitError error = ErrorOf(pairs, map, width, height);
+  const bool tells = error.corner <= limit || std::abs(std::atan2(map.b, map.a)) > kSeen * error.turn;
+  return tells ? map : FitShift(pairs);
 }
 
 }  // namespace
@@ -315,8 +433,10 @@ CStarMatch CStarMatcher::Match(std::vector<CStar> const& list, int width, int he
   CStarMatch match;
   const StarField stars(list, kSideError, false);
   if (stars.pattern.size() < kFewest || reference_->pattern.size() < kFewest) return match;
+  const double area = 1.0 * width * height;
   Similarity map, rigid;
   std::vector<Pair> pairs;
+  bool isFew = false;
   if (FindAgreement(stars, *reference_, map)) {
     constexpr double kNearest = 1;
     double radius = kPatternError;
@@ -327,20 +447,32 @@ CStarMatch CStarMatcher::Match(std::vector<CStar> const& list, int width, int he
     }
     match.scale = map.Scale();
     rigid = RobustFit(pairs, true);
+  } else if (FindTurn(stars, *reference_, area, map)) {
+    pairs = PairsOf(stars, *reference_, map, kPatternError);
+    isFew = true;
   } else if (FindAgreement(StarField(list, kSideError, true), *reference_, map)) {
     match.status = CStarMatch::Mirrored;
     return match;
-  } else if (FindShift(stars, *reference_, 1.0 * width * height, pairs)) {
-    rigid = FitShift(pairs);
+  } else if (FindShift(stars, *reference_, area, pairs)) {
+    isFew = true;
   } else {
     match.status = CStarMatch::NoMatch;
     return match;
+  }
+  if (isFew) {
+    rigid = FitFew(pairs, residualLimit_, width, height);
+    // What two or three stars agree to is not enough to say what else may be wrong with the frame.
+    if (RootMeanSquare(pairs, rigid) > residualLimit_) {
+      match.status = CStarMatch::NoMatch;
+      return match;
+    }
   }
   const Pose pose = PoseOf(rigid, width, height);
   match.dx = pose.dx;
   match.dy = pose.dy;
   match.degrees = pose.degrees;
   match.residual = RootMeanSquare(pairs, rigid);
+  match.cornerError = ErrorOf(pairs, rigid, width, height).corner;
   match.stars = static_cast<int>(pairs.size());
   match.status = match.residual <= residualLimit_ ? CStarMatch::Ok : CStarMatch::ResidualTooLarge;
   return match;

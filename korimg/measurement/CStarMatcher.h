@@ -24,7 +24,10 @@ struct CStarMatch {
   double dx = 0, dy = 0, degrees = 0;
   double scale = 1;     ///< of the reference over the image, by a fit of its own
   double residual = 0;  ///< pixels, root mean square of the distances that shift and rotation leave
-  int stars = 0;        ///< pairs that the fit is made of
+  /// Pixels that a corner of the image may be off by, one deviation, by what is known of the stars'
+  /// positions.
+  double cornerError = 0;
+  int stars = 0;  ///< pairs that the fit is made of
 };
 
 /// Matches lists of stars against the list of a reference by similar triangles, which know of no shift,
@@ -33,8 +36,13 @@ struct CStarMatch {
 ///
 /// Triangles are of up to 200 bright stars spread over the image, each with its nearest neighbours; the fit
 /// takes up to 2000. An agreement is one that far exceeds what chance makes of as many stars; three stars are
-/// matched with up to 30 only, and when no other triangle agrees. Where no triangle is shared a shift alone
-/// will do, under which the brightest stars and others meet: two of few stars tell it.
+/// matched with up to 30 only, and when no other triangle agrees.
+///
+/// Where triangles tell nothing, any two of the 30 brightest stars will do that are as far from each other as
+/// two of the reference, if chance would not make as much: the larger the turn, and the fewer others meet,
+/// the more of it chance makes. Two stars alone leave a half turn open, which their brightness may tell, and
+/// are not believed where nothing has moved. At last the brightest stars are laid on each other, if others
+/// meet then. Where the stars lie too close to each other to tell a turn, only the shift is taken.
 class KORIMG_API CStarMatcher {
  public:
   explicit CStarMatcher(std::vector<CStar> const& reference);

@@ -164,11 +164,12 @@ TEST_F(StarsTest, HalfTurnsAreFoundAndMirroredFramesNamed) {
 
 TEST_F(StarsTest, StacksReadWhatRegisterWrites) {
   const std::string name = "a \"b\" 星.fits";
-  const tool::Registration registration{In(name).string(), -1.5, 1e-17, 179.25, 7, 0.125, 2.5, "phase", "ok"};
+  const tool::Registration registration{In(name).string(), -1.5, 1e-17,   179.25, 7, 0.125, 2.5,
+                                        "phase",           "ok", "a note"};
   WriteBytes(In("list"), tool::ToJson(registration) + "\n\n");
   const tool::Transform read = tool::Transforms(In("list")).Of(In(name));
-  EXPECT_EQ(std::tuple(read.dx, read.dy, read.degrees, read.fwhm, read.status),
-            std::tuple(-1.5, 1e-17, 179.25, 2.5, "ok"));
+  EXPECT_EQ(std::tuple(read.dx, read.dy, read.degrees, read.fwhm, read.Text()),
+            std::tuple(-1.5, 1e-17, 179.25, 2.5, "ok: a note"));
 }
 
 TEST_F(StarsTest, FramesWithoutCommonStarsAreRegisteredThroughOthers) {
@@ -215,6 +216,85 @@ TEST_F(StarsTest, FramesWithoutCommonStarsAreRegisteredThroughOthers) {
     EXPECT_NEAR(registrations[i].degrees, poses[i].degrees, 1e-4);
   }
   EXPECT_FALSE(tool::RegisterThroughOthers(frames, registrations, noImage)) << "all are known";
+}
+
+/// A frame of stars at given places.
+tool::FrameMeasure FrameOf(const std::vector<std::pair<double, double>>& places, double dx, double dy) {
+  tool::FrameMeasure frame;
+  frame.width = 800;
+  frame.height = 600;
+  for (const auto& [x, y] : places) {
+    CStar star;
+    star.x = x + dx;
+    star.y = y + dy;
+    star.flux = 1000 - 10.0 * static_cast<double>(frame.stars.size());
+    star.snr = 100;
+    star.fwhm = 3;
+    frame.stars.push_back(star);
+  }
+  return frame;
+}
+
+TEST_F(StarsTest, DoubtsAndRefusalsTellTheirNumbers) {
+  const auto noImage = [] {
+    return test::Make(test::MemoryStore(), 20, 20, 1, [](int, int, int) { return 1; });
+  };
+  const std::vector<std::pair<double, double>> places = {
+      {100, 100}, {650, 480}, {520, 90}, {220, 410}, {330, 300}};
+  const auto registered = [&](const tool::FrameMeasure& reference, const tool::FrameMeasure& frame,
+                              double limit) {
+    return tool::Registrar(reference, noImage, limit).Register(frame, noImage).Text();
+  };
+  const tool::FrameMeasure five = FrameOf(places, 0, 0), two = FrameOf({places[0], places[1]}, 0, 0);
+  EXPECT_EQ(registered(five, FrameOf(places, 5, 3), 1), "ok");
+  EXPECT_EQ(registered(two, FrameOf({places[0], places[1]}, 5, 3), 1).find("ok: by two stars alone"), 0u);
+  EXPECT_EQ(registered(five, FrameOf({places[0]}, 0, 0), 1),
+            "no stars: 1 of them, the reference 5; two of each are needed");
+  EXPECT_EQ(registered(five, FrameOf({{50, 80}, {90, 700}, {130, 20}}, 0, 0), 1)
+                .find("no match: 3 stars, the reference 5:"),
+            0u);
+  auto larger = places;
+  for (auto& [x, y] : larger) {
+    x *= 1.25;
+    y *= 1.25;
+  }
+  const std::string tooLarge = registered(five, FrameOf(larger, 0, 0), 2);
+  EXPECT_NE(tooLarge.find("of 5 stars, more than 2; the reference is 0.8000 times as large"),
+            std::string::npos)
+      << tooLarge;
+  auto turned = places;
+  for (auto& [x, y] : turned) {
+    x = 800 - x;
+  }
+  EXPECT_EQ(registered(five, FrameOf(turned, 0, 0), 1).find("mirrored: its 5 stars"), 0u);
+}
+
+// Frames beside one that its light turned over do not bear it out.
+TEST_F(StarsTest, HalfTurnsByLightAreCheckedByNeighbours) {
+  const auto planet = [](double x, double y) {
+    return test::Make(test::MemoryStore(), 120, 100, 1, [=](int p, int i, int k) {
+      const double r = std::hypot(i - x, k - y) / 30;
+      return test::Random(0, 9)(p, i, k) +
+             (r < 1 ? 900 * (0.5 + 0.5 * std::sqrt(1 - r * r)) + 60 * std::sin(0.2 * (k - y)) : 0);
+    });
+  };
+  std::vector<tool::FrameMeasure> frames(4);
+  std::vector<tool::Registration> registrations(4);
+  for (size_t i = 0; i < frames.size(); ++i) {
+    frames[i].width = 120;
+    frames[i].height = 100;
+    registrations[i].status = "ok";
+    registrations[i].method = i == 0 ? "reference" : "phase";
+    registrations[i].dx = -2.0 * static_cast<double>(i);
+  }
+  registrations[2].degrees = 180;
+  registrations[2].dx = 7;
+  const auto image = [&](size_t i) { return planet(60 + 2.0 * static_cast<double>(i), 50); };
+  EXPECT_TRUE(tool::RegisterThroughOthers(frames, registrations, image));
+  ASSERT_TRUE(registrations[2].IsGood());
+  EXPECT_EQ(registrations[2].degrees, 0);
+  EXPECT_NEAR(registrations[2].dx, -4, 0.1);
+  EXPECT_FALSE(tool::RegisterThroughOthers(frames, registrations, image));
 }
 
 TEST_F(StarsTest, TheReferenceIsTheSharpestRichFrame) {

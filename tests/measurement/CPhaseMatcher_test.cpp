@@ -82,6 +82,28 @@ TEST(CPhaseMatcher, FindsShiftAndAngle) {
   }
 }
 
+// What looks the same turned over is not turned over.
+TEST(CPhaseMatcher, HalfATurnNeedsProof) {
+  for (int seed = 1; seed <= 8; ++seed) {
+    const Field field{.objects = 60, .seed = seed};
+    const PixelRule half = field.Seen({0, 0, 0}, 1);
+    const auto both = [&](double noise, int dx, int dy) {
+      return [=](int p, int x, int y) {
+        x += dx;
+        y += dy;
+        const bool inside = x >= 0 && y >= 0 && x < kWidth && y < kHeight;
+        const double light = inside ? half(p, x, y) + half(p, kWidth - 1 - x, kHeight - 1 - y) : 2000;
+        return light + noise * Noise(p + 1000ull * x + y + static_cast<std::uint64_t>(1e7 * noise));
+      };
+    };
+    const auto reference = Image(both(10, 0, 0)), frame = Image(both(11, 9, -6));
+    const CStarMatch match = Match(*reference, *frame);
+    ASSERT_EQ(match.status, CStarMatch::Ok) << seed;
+    EXPECT_NEAR(match.degrees, 0, 0.1) << seed;
+    EXPECT_NEAR(match.dx, 9, 0.1) << seed;
+  }
+}
+
 TEST(CPhaseMatcher, EveryStoreNumberOfThreadsAndKindOfImage) {
   const Pose pose{12.3, -20.2, 1.1};
   const PixelRule sky = Field().Seen({0, 0, 0}, 1), moved = Field().Seen(pose, 2);

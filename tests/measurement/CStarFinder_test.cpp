@@ -148,6 +148,100 @@ TEST(CStarFinder, AgreesWithTheTruth) {
   }
 }
 
+/// Gaussian stars of one flux, integrated over pixels, on a grid with random parts of pixels; photons of a
+/// gain and 3 of noise from elsewhere on a sky of 100.
+struct GaussianGrid {
+  int side, step;
+  double fwhm, flux;
+  std::vector<Light> stars;
+  std::vector<double> pixels;
+
+  GaussianGrid(int across, double fwhm, double flux, int seed)
+      : step(static_cast<int>(std::max(24.0, 8 * fwhm))), fwhm(fwhm), flux(flux) {
+    side = across * step;
+    pixels.resize(static_cast<size_t>(side) * side);
+    std::uint64_t n = 5000ull * seed;
+    for (int i = 0; i < across * across; ++i) {
+      const Light star{(i % across + 0.5) * step + Noise(n++) - 0.5,
+                       (i / across + 0.5) * step + Noise(n++) - 0.5, flux};
+      stars.push_back(star);
+      const double scale = 2.354820045 / fwhm / std::sqrt(2.0);
+      const auto share = [&](int pixel, double middle) {
+        return 0.5 * (std::erf((pixel + 0.5 - middle) * scale) - std::erf((pixel - 0.5 - middle) * scale));
+      };
+      const int x0 = i % across * step, y0 = i / across * step;
+      for (int y = y0; y < y0 + step; ++y) {
+        for (int x = x0; x < x0 + step; ++x) {
+          pixels[static_cast<size_t>(y) * side + x] = flux * share(x, star.x) * share(y, star.y);
+        }
+      }
+    }
+  }
+
+  PixelRule Rule(double gain) const {
+    return [this, gain](int, int x, int y) {
+      const std::uint64_t n = 2ull * (y * side + x) + 90000000;
+      const double light = 100 + pixels[static_cast<size_t>(y) * side + x],
+                   noise = std::sqrt(light / gain + 9);
+      return light + noise * std::sqrt(-2 * std::log(Noise(n) + 1e-12)) *
+                         std::cos(2 * std::numbers::pi * Noise(n + 1));
+    };
+  }
+};
+
+TEST(CStarFinder, NarrowStarsKeepTheirPlaceAndWidth) {
+  for (const double fwhm : {1.2, 1.5, 1.8, 2.2, 3.0, 6.0}) {
+    const GaussianGrid grid(12, fwhm, 2e5, 1);
+    const auto image = Make(MemoryStore(), grid.side, grid.side, 1, grid.Rule(1e9));
+    CStarFinder finder(image.get());
+    finder.Find();
+    double squares = 0;
+    std::vector<double> widths;
+    for (Light const& light : grid.stars) {
+      CStar const* star = FindNear(finder.GetStars(), light.x, light.y);
+      ASSERT_NE(star, nullptr) << fwhm << ": " << light.x << ' ' << light.y;
+      squares += std::pow(star->x - light.x, 2) + std::pow(star->y - light.y, 2);
+      widths.push_back(star->fwhm);
+    }
+    EXPECT_LT(std::sqrt(squares / static_cast<double>(grid.stars.size())), 0.003) << fwhm;
+    EXPECT_NEAR(finder.GetFwhm(), fwhm, 0.01 * fwhm);
+    std::sort(widths.begin(), widths.end());
+    EXPECT_NEAR(widths[widths.size() / 10], fwhm, 0.015 * fwhm);
+    EXPECT_NEAR(widths[widths.size() * 9 / 10], fwhm, 0.015 * fwhm);
+  }
+}
+
+// Of equal stars fluxes scatter by what signal to noise says.
+TEST(CStarFinder, SignalToNoiseHoldsTheStarsOwnPhotons) {
+  constexpr double kGain = 2.5;
+  for (const double flux : {1.5e3, 2e4, 2e5}) {
+    const GaussianGrid grid(16, 3, flux, 2);
+    const auto image = Make(MemoryStore(), grid.side, grid.side, 1, grid.Rule(kGain));
+    const auto snr = [&](double gain) {
+      CStarFinder finder(image.get());
+      finder.SetGain(gain);
+      finder.Find();
+      std::vector<double> ratios, fluxes;
+      for (CStar const& star : finder.GetStars()) {
+        ratios.push_back(star.snr);
+        fluxes.push_back(star.flux);
+      }
+      double sum = 0, squares = 0;
+      for (const double f : fluxes) {
+        sum += f;
+        squares += f * f;
+      }
+      const double n = static_cast<double>(fluxes.size()), mean = sum / n;
+      EXPECT_NEAR(n, 256, 3);
+      return std::pair(Median(ratios), mean / std::sqrt(squares / n - mean * mean));
+    };
+    const auto [told, measured] = snr(kGain);
+    EXPECT_NEAR(told / measured, 1, 0.2) << flux;
+    EXPECT_LT(told, std::sqrt(flux * kGain)) << flux;
+    EXPECT_GT(snr(0).first, told) << flux;
+  }
+}
+
 TEST(CStarFinder, TheSameOnEveryStoreForAnyNumberOfThreads) {
   Scene scene(200, 430, 3);
   scene.Scatter(50, 10, 1500, 5);
@@ -315,6 +409,21 @@ TEST(CStarFinder, MosaicsShowNeitherTheirColoursNorWiderStars) {
   EXPECT_NEAR(finder.GetFwhm(), 3, 0.2);
 }
 
+// A mean over a mosaic's colours spreads its hot pixels, which are no stars for that.
+TEST(CStarFinder, HotPixelsOfAMosaicAreNoStars) {
+  Scene scene(400, 400, 3);
+  scene.Scatter(40, 20, 1e4, 4);
+  const auto sky = scene.Rule(10);
+  const auto image = Make(MemoryStore(), 400, 400, 1, [&](int p, int x, int y) {
+    const bool isHot = (31 * x + 57 * y) % 401 == 7;
+    return sky(p, x, y) + (isHot ? 500 + 30 * ((x + y) % 97) : 0);
+  });
+  image->SetBayerImage(true);
+  CStarFinder finder(image.get());
+  EXPECT_NEAR(finder.Find(), 40, 8);
+  EXPECT_NEAR(finder.GetFwhm(), 3, 0.2);
+}
+
 // What is too high for floats over a sky without noise is a star all the same; squares of what is far from
 // the first pixel are no floats.
 TEST(CStarFinder, HugeValuesAreMeasuredLikeOthers) {
@@ -350,7 +459,10 @@ TEST(CStarFinder, WildFramesGiveStarsInsideOrNone) {
               planes = i % 3 ? 1 : 3, wild = 1 + pick(2, 6), spread = i % 2 ? 4 : std::max(width, height);
     const double noise = i % 4 < 2 ? 0 : 10;
     const auto image =
-        Make(i % 5 ? MemoryStore() : TinyPool(), width, height, planes, Random(-noise, noise, i));
+        Make(i % 5 ? MemoryStore() : TinyPool(), width, height, planes, [&](int p, int x, int y) {
+          const double r2 = std::pow(x - width / 3, 2) + std::pow(y - height / 2, 2);
+          return Random(-noise, noise, i)(p, x, y) + (i % 3 == 1 ? 5000 * std::exp(-r2 / 5) : 0);
+        });
     for (int k = 0; k < wild; ++k) {
       const int x = std::min(pick(4 * k + 3, spread), width - 1),
                 y = std::min(pick(4 * k + 4, spread), height - 1);

@@ -1,0 +1,43 @@
+// Edges of an image that hold one value throughout, as frames do that were moved and padded, and overscan.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace korimg::files {
+
+class ImageReader;
+
+/// Pixels that hold no data: runs of one value from the left and the right edge of rows. Such runs are also
+/// what whole rows at the top and the bottom are, and the wedges that turning leaves.
+///
+/// Sky that is honestly constant is kept. No border is: a value that more than 30 % of the other pixels have
+/// too, as a sky of zeros has or a frame without noise; the highest value of the image, which is saturation;
+/// what would leave less than a tenth of the image; and what is not bounded by straight lines, as the black
+/// sky around a planet is not.
+class ConstantBorder {
+ public:
+  /// Reads a few rows at the top and the bottom; all of an image whose corners look like a border. Throws
+  /// what reading throws.
+  static std::shared_ptr<const ConstantBorder> Find(ImageReader& reader);
+
+  bool IsEmpty() const { return share_ == 0; }
+  /// One line, without an end, for people; empty when there is none.
+  std::string Text() const;
+  /// Makes NaN of what lies on rows y0 to y0 + rows - 1.
+  void Blank(int y0, int rows, int planes, float* const* pixels) const;
+
+ private:
+  /// Columns from..to - 1 hold data.
+  struct Columns {
+    int from, to;
+  };
+
+  int width_ = 0;
+  double share_ = 0;    ///< of the image
+  std::string values_;  ///< that it holds
+  std::vector<Columns> rows_;
+};
+
+}  // namespace korimg::files
