@@ -275,9 +275,8 @@ void CImgComposit::DoNbrComposit(CVelImage* a, CVelImage* b, double dx, double d
       double largestA = av, largestB = bv;
       for (int j = -r; j <= r; ++j) {
         for (int i = -r; i <= r; ++i) {
-          if (x + i >= 0 && x + i < GetWidth() && y + j >= 0 && y + j < GetHeight()) {
-            largestA = std::max<double>(largestA, pixelOfA(x + i, y + j));
-          }
+          if (x + i < 0 || x + i >= GetWidth() || y + j < 0 || y + j >= GetHeight()) continue;
+          largestA = std::max<double>(largestA, pixelOfA(x + i, y + j));
           largestB = std::max<double>(largestB, pixelOfB(sx + i, sy + j));
         }
       }
