@@ -59,8 +59,9 @@ class MappedMemory : public CVmMemoryInterface {
     void* base = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, file_.Descriptor(), 0);
     if (base == MAP_FAILED) {
       throw velora::CVmMemoryAllocationError("can't map a temporary file of " + std::to_string(size_ >> 20) +
-                                             " MiB in " + directory.string() + " (" + std::strerror(errno) +
-                                             ")");
+                                             " MiB in " + SwapDirectory(directory).string() + " (" +
+                                             std::strerror(errno) +
+                                             "); free some memory, or lift the limit of address space");
     }
     address_ = static_cast<unsigned char*>(base);
   }

@@ -60,6 +60,27 @@ TEST(Memory, OfAContainerIsItsLeastLimit) {
   fs::remove_all(root);
 }
 
+TEST(Memory, AFileThatCantBeMappedIsNamed) {
+  if (test::kSanitized) GTEST_SKIP() << "sanitizers need all of the address space";
+  const auto store = CreateContiguousManager({.budget = 1});
+  long long pages = 0;  // of the address space that is taken
+  std::ifstream("/proc/self/statm") >> pages;
+  struct rlimit before {};
+  getrlimit(RLIMIT_AS, &before);
+  const struct rlimit limit {
+    static_cast<rlim_t>(pages* sysconf(_SC_PAGESIZE) + 64 * kMiB), before.rlim_max
+  };
+  setrlimit(RLIMIT_AS, &limit);
+  std::string said;
+  try {
+    CVmImage(store, 1024, 256 * 1024, 1, 1, nullptr);
+  } catch (const velora::CVmMemoryAllocationError& error) {
+    said = error.what();
+  }
+  setrlimit(RLIMIT_AS, &before);
+  EXPECT_NE(said.find(" in " + SwapDirectory({}).string() + " ("), std::string::npos) << said;
+}
+
 TEST(Memory, IsHalvedOnceMoreForADirectoryInMemory) {
   if (!IsInMemory("/dev/shm") || IsInMemory("/proc")) GTEST_SKIP() << "/dev/shm is no memory here";
   EXPECT_EQ(DefaultBudget({.swapDirectory = "/proc"}), UsableMemory() / 2);
