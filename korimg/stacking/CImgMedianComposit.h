@@ -53,7 +53,8 @@ class KORIMG_API CImgMedianComposit : public CVelImage {
   /// CImgComposit does it, by radians; `method` is one of CInterp. A frame with fewer planes gives its first.
   /// Contiguous frames shifted by parts of a pixel are read by the bicubic kernel whatever the method. With
   /// addOffset, offsets[i mod planes] is added to value i of the band. 0 when the slot is not there, and for
-  /// an unknown method: the band is empty then. Slots may be filled side by side, each by one thread.
+  /// an unknown method where one is needed: the band is empty then. Slots may be filled side by side, each by
+  /// one thread.
   int Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx, double dy, double radians,
             int useImageCentre, int addOffset, float* const offsets, int method);
   /// For SigmaCalc, one for each slot in their order.
