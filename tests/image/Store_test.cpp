@@ -525,6 +525,17 @@ TEST(Store, AFullDiskIsAnErrorAndLosesNothing) {
   EXPECT_NE(lines[0].find("needed 15 MiB"), std::string::npos) << lines[0];
 }
 
+TEST(Store, EveryImageHasItsOwnRoomOnceTheyExceedTheBudget) {
+  const auto manager = CreatePagedManager({.budget = 1 << 20});
+  const CVelImage large(manager, CImage::Float, 480, 480, 1, 1, 0, 1, nullptr);
+  const auto make = [&] { CVelImage(manager, CImage::Float, 200, 200, 1, 1, 0, 1, nullptr); };
+  {
+    const WithFileLimit limit(600000);  // enough for the small image only
+    EXPECT_THROW(make(), velora::CVmMemoryAllocationError);
+  }
+  EXPECT_NO_THROW(make());
+}
+
 TEST(Store, AManagerThatHasGoneIsAnException) {
   for (const StoreCase& store : Stores()) {
     auto manager = store.make();

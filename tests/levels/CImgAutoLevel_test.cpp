@@ -400,18 +400,20 @@ TEST(GetMode, OfBrightnessIsRaw) {
 }
 
 TEST(GetMode, OfBrightnessWithLevelsOfTheirOwnIsTakenFromThe256Scale) {
-  // Skies of 500, 1000 and 2000 with levels in proportion: on the 256 scale all of them lie at 63.75.
+  // Skies of 500 times a plane's scale with levels in proportion: on the 256 scale all of them lie at 63.75.
   OnEveryStore([](const StoreCase& store) {
-    const auto image = Make<CImgAutoLevel>(store.make(), 300, 200, 3, [](int p, int x, int y) {
-      return std::round((500 + 20 * (Random(-1, 1)(0, x, y) + Random(-1, 1, 2)(0, x, y))) * (1 << p));
-    });
-    for (int p = 0; p < 3; ++p) {
-      image->SetLevel(p, 0, 2000 << p);
+    for (const auto& scales : {std::array{1, 2, 4}, {1, 1, 4}, {1, 3, 1}, {1, 1, 1}}) {
+      const auto image = Make<CImgAutoLevel>(store.make(), 300, 200, 3, [&](int p, int x, int y) {
+        return std::round((500 + 20 * (Random(-1, 1)(0, x, y) + Random(-1, 1, 2)(0, x, y))) * scales[p]);
+      });
+      for (int p = 0; p < 3; ++p) {
+        image->SetLevel(p, 0, 2000 * scales[p]);
+      }
+      float mode = 0, lower = 0;
+      image->GetMode(&mode, &lower, nullptr, 1, -1, nullptr);
+      EXPECT_NEAR(mode, 500, 6) << store.name << scales[1] << scales[2];
+      EXPECT_NEAR(lower, 500 - 6 * 16.3, 40) << store.name << scales[1] << scales[2];
     }
-    float mode = 0, lower = 0;
-    image->GetMode(&mode, &lower, nullptr, 1, -1, nullptr);
-    EXPECT_NEAR(mode, 500, 6) << store.name;
-    EXPECT_NEAR(lower, 500 - 6 * 16.3, 40) << store.name;
   });
 }
 

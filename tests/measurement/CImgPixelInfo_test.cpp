@@ -56,7 +56,7 @@ TEST(CImgPixelInfo, FiguresOfRectanglesAndCircles) {
     }
     for (const auto& [low, high] : {std::pair(1.0, 1.0), {0.5, 0.3}, {0.0, 0.0}, {-5.0, 7.0}}) {
       for (const CPoint centre : {CPoint(30, 20), CPoint(2, 44), CPoint(66, 0)}) {
-        constexpr int kRadius = 6;
+        constexpr int kRadius = 5;  // with pixels at just this distance off the axes
         Figures f{};
         image->CalcStar(centre.x, centre.y, kRadius, low, high, f.min, f.max, f.mean, f.sd, f.median, f.peak,
                         f.fwhm);

@@ -107,7 +107,7 @@ TEST(PSF, TheBaseIsTheMiddleOfTwelveValuesOnEachSide) {
     return 2 * (1000 - fwhm / 2 * (1000 - 290)) - 1000;
   };
   for (const auto& [width, height, x, y] :
-       {std::tuple(60, 60, 25, 25), {31, 29, 12, 9}, {60, 60, 7, 25}, {60, 60, 25, 8}, {40, 33, 20, 17}}) {
+       {std::tuple(60, 60, 25, 25), {31, 29, 12, 9}, {60, 60, 8, 25}, {60, 60, 25, 9}, {40, 33, 20, 17}}) {
     std::vector<double> collected;
     const double got = base(width, height, x, y, &collected);
     EXPECT_NEAR(got, collected[collected.size() / 2], 0.01)
