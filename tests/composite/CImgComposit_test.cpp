@@ -418,7 +418,8 @@ TEST(CImgComposit, NeighboursFollowTheirRulesWithEverythingAltered) {
   for (const auto& store : {MemoryStore(), TinyPool()}) {
     for (const int planesB : {1, 3}) {
       for (const int level : {0, 1}) {
-        for (const auto& [radius, method] : {std::pair(0, 1), {1, 0}, {2, 1}, {7, 0}}) {
+        for (const auto& around : {std::pair(0, 1), {1, 0}, {2, 1}, {7, 0}}) {
+          const int radius = around.first, method = around.second;
           const auto a = Make(store, kW, kH, 3, Random(0, 1000)),
                      b = Make(store, 55, 47, planesB, Random(0, 600, 5));
           // Few pixels are saturated, so that all cases of neighbours occur.
