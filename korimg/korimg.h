@@ -51,6 +51,7 @@
 #include "korimg/levels/CImgAutoLevel.h"
 #include "korimg/levels/CImgToneCurve.h"
 #include "korimg/levels/CSpline.h"
+#include "korimg/measurement/CDiscMatcher.h"
 #include "korimg/measurement/CImgPixelInfo.h"
 #include "korimg/measurement/CPhaseMatcher.h"
 #include "korimg/measurement/CStarFinder.h"

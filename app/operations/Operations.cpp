@@ -123,6 +123,10 @@ void AutoLevel(Call& call) {
   const int method = call.Choice("method"), separate = call.Integer("separate");
   const double low = call.Has("low") ? call.Number("low") : kDefaults[method].first,
                high = call.Has("high") ? call.Number("high") : kDefaults[method].second;
+  constexpr int kHistogram = 3;
+  if (method == kHistogram && low + high == 0) {
+    throw UsageError("auto-level: low + high must not be 0 for the method histogram");
+  }
   for (int p = 0; p < call.image->GetPlanes(); ++p) {
     const auto [min, max] = call.image->GetMinMax(p);
     if (!std::isfinite(min) || !std::isfinite(max)) {
@@ -147,7 +151,6 @@ void AutoLevel(Call& call) {
       levels.DoByMedian(low, high, separate, call.rect);
       break;
     default:
-      if (low + high == 0) throw UsageError("auto-level: low + high must not be 0 for the method histogram");
       levels.DoByHistogram(low, high, separate, call.Integer("mode"), call.rect);
   }
   levels.Swap(call.image.get());

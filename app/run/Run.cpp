@@ -38,7 +38,7 @@ struct Progress {
   std::string error = "cannot be read";  ///< it could not be done at all
   Shape shape;
   double clipped = 0;
-  std::uint64_t digest = 0;  ///< of its pixels
+  std::uint64_t digest = 0;                             ///< of its pixels
   std::shared_ptr<const files::ConstantBorder> border;  ///< of its file
   FrameMeasure measure;
   FrameLevels levels;

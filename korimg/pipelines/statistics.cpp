@@ -96,13 +96,15 @@ struct Histogram {
     return all;
   }
 
-  /// Bin of a value. Values beyond the ends, and NaN, count in the end bins. Narrow bins are dithered by
-  /// `offset`, from -1 to 1, or they would show the steps of the data as combs.
+  /// Bin of a value. Values beyond the ends count in the end bins, and NaN in one after the last, which
+  /// nobody reads. Narrow bins are dithered by `offset`, from -1 to 1, or they would show the steps of the
+  /// data as combs.
   Expr bin(Expr value, Expr offset) const {
     Expr scale = cast<double>(max(bins, 2) - 1) / (high - low);
     Expr spread = select(scale > F64(0) && scale <= F64(1), 3.0f, 0.0f);  // in bins
     Expr position = (cast<double>(value) - low) * scale + cast<double>(offset * spread);
-    return cast<int>(select(position > F64(0), min(position, cast<double>(bins - 1)), F64(0)));
+    Expr inside = select(position > F64(0), min(position, cast<double>(bins - 1)), F64(0));
+    return select(is_nan(value), bins, cast<int>(inside));
   }
 
   /// Counts value(column, row) over the window. Strips of lines fill tables of their own, and neighbours of a
@@ -124,7 +126,7 @@ struct Histogram {
     r.where(likely(column < width) && row < height);
     part(i, table, strip) = 0;
     Expr at = index(start_x + min(likely(column), width - 1), start_y + min(row, height - 1));
-    part(unsafe_promise_clamped(at, 0, bins - 1), r.x, strip) += 1;
+    part(unsafe_promise_clamped(at, 0, bins), r.x, strip) += 1;
     RDom parts(0, kTables, 0, kStrips, "parts");
     histogram(i) = 0;
     histogram(i) += part(i, parts.x, parts.y);

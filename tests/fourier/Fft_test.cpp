@@ -311,8 +311,8 @@ TEST(CFftd, PeaksFollowTheirFormulaOnAnySurface) {
       const int px = round < 20 ? round % 3 * (width - 1) / 2 : static_cast<int>(Noise(round) * width);
       const int py =
           round < 20 ? round / 3 % 3 * (height - 1) / 2 : static_cast<int>(Noise(round + 99) * height);
-      const auto inRow = [&](int x) { return fft.GetArray(0)[py * width + x].re; };
-      const auto inColumn = [&](int y) { return fft.GetArray(0)[y * width + px].re; };
+      const auto inRow = [&, width = width, py](int x) { return fft.GetArray(0)[py * width + x].re; };
+      const auto inColumn = [&, width = width, px](int y) { return fft.GetArray(0)[y * width + px].re; };
       fft.GetArray(0)[py * width + px].re = std::abs(inRow(px)) + 1;
       const auto clamped = [](int i, int size) { return std::clamp(i, 0, size - 1); };
       const int q = inRow(clamped(px - 1, width)) > inRow(clamped(px + 1, width)) ? px - 1 : px + 1;

@@ -37,7 +37,7 @@ TEST(CImgResolution, PipelinesScaleByEveryKernel) {
         for (const auto& [w, h] : NewSizes(width, height)) {
           const auto target = Target(*source);
           ASSERT_EQ(target->DoChange(source.get(), w, h, method, 0), 1);
-          const auto expected = [&](int p, int x, int y) {
+          const auto expected = [&, width = width, height = height, w = w, h = h](int p, int x, int y) {
             return SampleBySum(*source, p, method, Scaled(x, width, w), Scaled(y, height, h), -0.1);
           };
           ASSERT_EQ(target->GetWidth(), w);

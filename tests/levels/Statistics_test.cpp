@@ -48,12 +48,13 @@ std::vector<double> Values(CVelImage& image, const OptionalRect& rect, int plane
   return values;
 }
 
-/// Counts without dither. Contiguous stores pile up what lies beyond the ends, paged ones leave it out.
+/// Counts numbers without dither. Contiguous stores pile up what lies beyond the ends, paged ones leave it
+/// out.
 std::vector<int> Counted(const std::vector<double>& values, int bins, double min, double max, bool pilesUp) {
   std::vector<int> hist(bins);
   const double scale = (pilesUp ? std::max(bins, 2) - 1 : bins) / (max - min);
   for (const double v : values) {
-    if (!pilesUp && !(v >= min && v <= max)) continue;
+    if (std::isnan(v) || (!pilesUp && !(v >= min && v <= max))) continue;
     const double position = (v - min) * scale;
     ++hist[position > 0 ? static_cast<int>(std::min<double>(position, bins - 1)) : 0];
   }
@@ -84,6 +85,25 @@ TEST(GetHistogram, CountsTheWindowByTheRuleOfItsStore) {
         ASSERT_EQ(image->GetHistogram(hist.data(), bins, 0, 10, 2, 0, 0, 0, Address(rect), 0, 0),
                   static_cast<int>(2.0 * width * height / bins));
       }
+    }
+  });
+}
+
+TEST(GetHistogram, BlankPixelsHaveNoBin) {
+  OnEveryPath([](const StoreCase& store) {
+    const auto image = Make(store.make(), 61, 23, 3, Random(100, 1000));
+    for (int i = 0; i < 90; ++i) {
+      image->SetPixelGrayRaw(i * 7 % 61, i % 23, NAN, i % 3);
+    }
+    for (const int plane : {-1, 0, 1, 2}) {
+      int blank = 0;
+      for (int i = 0; i < 61 * 23; ++i) {
+        const auto is = [&](int p) { return std::isnan(image->GetPixelGrayRaw(i % 61, i / 61, p)); };
+        blank += plane < 0 ? is(0) || is(1) || is(2) : is(plane);
+      }
+      std::vector<int> counts(50);
+      image->GetHistogram(counts.data(), 50, -1e5, 1e5, plane, 0, 1, 0, nullptr, 0, 0);
+      EXPECT_EQ(std::accumulate(counts.begin(), counts.end(), 0), 61 * 23 - blank) << store.name << plane;
     }
   });
 }
