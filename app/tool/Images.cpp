@@ -195,10 +195,14 @@ void CommitComputed(files::ImageWriter& writer) {
   writer.Commit();
 }
 
+bool IsPng(const std::filesystem::path& path) {
+  return files::LowerExtension(path) == ".png";
+}
+
 ImageSaver::ImageSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape,
                        const Levels& levels, const files::Header& header, const SaveOptions& options)
     : shape_(shape), levels_(levels) {
-  const bool byLevels = files::LowerExtension(path) == ".png";
+  const bool byLevels = IsPng(path) && !options.integers;
   files::WriteOptions write{shape.width, shape.height, shape.planes};
   write.header = header;
   write.overwrite = tool.options.overwrite;
@@ -240,7 +244,9 @@ void ImageSaver::Write(int rows, const float* const* planes) {
 void SaveImage(Tool& tool, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
                const SaveOptions& options) {
   SaveOptions scaled = options;
-  if (options.integers) {
+  // Levels that nobody chose make no picture: planes of their own extremes would lose their colours.
+  scaled.integers |= IsPng(path) && !image.HasOwnLevel();
+  if (scaled.integers) {
     files::RangeOf16Bits range;
     ForBands(tool, image, true, "measuring " + path.filename().string(),
              [&](int, int rows, float* const* planes) {

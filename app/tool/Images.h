@@ -68,8 +68,12 @@ struct Shape {
 /// Gives a file its final name. Throws FileError when a pipeline has failed.
 void CommitComputed(files::ImageWriter& writer);
 
+/// PNG has 16 bits, whatever is asked for.
+bool IsPng(const std::filesystem::path& path);
+
 /// An image being written with a header, its levels as keywords. PNG holds 16-bit values from black to white
-/// by the levels; FITS and TIFF hold raw values. What 16 bits stand for is written into the file.
+/// by the levels, unless integers are asked for; FITS and TIFF hold raw values. What 16 bits stand for is
+/// written into the file.
 class ImageSaver {
  public:
   ImageSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
@@ -111,6 +115,7 @@ class PictureSaver {
   std::unique_ptr<files::ImageWriter> writer_;
 };
 
+/// PNG holds the image's own range where nobody chose its levels.
 void SaveImage(Tool& tool, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
                const SaveOptions& options = {});
 void SavePicture(Tool& tool, CVelImage& image, const std::filesystem::path& path, int shrink);

@@ -268,7 +268,7 @@ class StackRun {
   std::unique_ptr<ImageSaver> NewSaver(const fs::path& path, const files::Header& header,
                                        const Levels& levels, const files::Scale& scale = {}) const {
     return std::make_unique<ImageSaver>(tool_, path, shape_, levels, header,
-                                        SaveOptions{.integers = options_.bits == "16", .scale = scale});
+                                        SaveOptions{.integers = options_.bits == "16" || IsPng(path), .scale = scale});
   }
 
   /// All that the pixels of the result depend on.
@@ -365,7 +365,7 @@ class StackRun {
       for (size_t i = 0; i < counts_.size(); ++i) {
         counts_[i] += band.counts[i];
       }
-      for (int p = 0; p < shape_.planes && options_.bits == "16"; ++p) {
+      for (int p = 0; p < shape_.planes && (options_.bits == "16" || IsPng(options_.output)); ++p) {
         range.Add(band.planes[p], static_cast<size_t>(band.rows) * shape_.width);
       }
     });

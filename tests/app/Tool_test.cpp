@@ -14,6 +14,7 @@ namespace korimg::files {
 namespace {
 
 using nlohmann::json;
+namespace fs = std::filesystem;
 
 TEST_F(ToolTest, InfoTellsWhatIsThere) {
   Header header;
@@ -83,6 +84,32 @@ TEST_F(ToolTest, FramesAreReadUprightAndWrittenInTheirOwnOrder) {
     EXPECT_EQ(again->Info().header.GetString("ROWORDER"), c.header.GetString("ROWORDER"))
         << "none is invented";
     EXPECT_EQ(again->Info().header.GetDouble("CRPIX2"), place) << what;
+  }
+}
+
+TEST_F(ToolTest, SixteenBitsKeepColoursAndWhatIsBelowZero) {
+  constexpr double kPlanes[] = {1, 2, 0.5};
+  const auto rule = [&](int p, int x, int y) { return kPlanes[p] * (test::Noise(y * 900 + x) - 0.1); };
+  Planes pixels(3, std::vector<float>(40 * 30));
+  for (int p = 0; p < 3; ++p) {
+    for (int i = 0; i < 40 * 30; ++i) {
+      pixels[p][i] = static_cast<float>(rule(p, i % 40, i / 40));
+    }
+  }
+  pixels[1][77] = INFINITY;
+  WriteAll(*ImageWriter::Create(In("a.fits"), {.width = 40, .height = 30, .planes = 3}), pixels, 40, 30, 30);
+  for (const char* name : {"b.png", "b.tif", "b.fits", "s.png"}) {
+    const std::string call = name == std::string("s.png") ? "stack a.fits --normalize none "
+                                                          : "apply calculate op=add value=0 a.fits ";
+    const char* bits = fs::path(name).extension() == ".png" ? "" : " --bits 16";
+    ASSERT_EQ(Shell("korimg " + call + "-o " + name + bits).code, 0);
+    const Planes read = Read(name);
+    for (int p = 0; p < 3; ++p) {
+      for (int i = 0; i < 40 * 30; ++i) {
+        if (p == 1 && i == 77) continue;
+        ASSERT_NEAR(read[p][i], pixels[p][i], 2.0 / 65535) << name << p << " " << i;
+      }
+    }
   }
 }
 

@@ -57,9 +57,13 @@ TEST(CImgResolution, PipelinesScaleByEveryKernel) {
 }
 
 TEST(CImgResolution, LinesGoTheirOwnWayAtTheEdges) {
-  for (const auto& [width, height] : Sizes()) {
+  for (const auto& sides : Sizes()) {
+    const auto [columns, rows] = sides;
+    const int width = columns, height = rows;
     const auto source = Make(TinyPool(), width, height, 2, kNoise);
-    for (const auto& [w, h] : NewSizes(width, height)) {
+    for (const auto& newSides : NewSizes(width, height)) {
+      const auto [newColumns, newRows] = newSides;
+      const int w = newColumns, h = newRows;
       const auto size = std::to_string(width) + "x" + std::to_string(height) + " to " + std::to_string(w) +
                         "x" + std::to_string(h);
       const auto pixel = [&](int x, int y, int p) -> double { return source->GetPixelGrayRaw(x, y, p); };
