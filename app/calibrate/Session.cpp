@@ -12,6 +12,7 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "app/files/Formats.h"
+#include "app/files/Geometry.h"
 #include "app/files/Times.h"
 
 namespace korimg::tool {
@@ -21,7 +22,13 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
+/// Frames of 0 to 1 stay below the one, and a camera's own are beyond the other.
+constexpr double kUnitMost = 1.5, kCountsLeast = 16;
 constexpr double kManySaturated = 0.01;  // share of a flat's pixels that is worth a warning
+
+const files::Header& HeaderOf(const Group& group) {
+  return group.frames.front().info.header;
+}
 
 const char* NameOf(FrameKind kind) {
   return kind == FrameKind::Bias ? "bias" : kind == FrameKind::Dark ? "dark" : "flat";
@@ -177,6 +184,7 @@ void Session::Prepare() {
         "and the edges will be corrected too much; give --dark or --bias");
   }
   MakeMasters();
+  TurnMasters();
   CheckLights();
   SaveMasters();
   ChooseWhiteBalances();
@@ -190,8 +198,19 @@ void Session::MakeMasters() {
     const bool mosaic = std::any_of(lights_.begin(), lights_.end(), [group](const Light& light) {
       return light.flat == group && light.mosaic.cfa > 0;
     });
+    const bool overturned = off && files::LiesOverturned(HeaderOf(*group), HeaderOf(*off->group));
+    if (overturned) TurnOver(*off->image);
     const Master& master =
         masters_.emplace(group, MakeMaster(tool_, store_, *group, off, mosaic)).first->second;
+    if (overturned) TurnOver(*off->image);
+    if (off && off->measures.max <= kUnitMost && master.measures.mean > kCountsLeast) {
+      throw files::FileError(
+          group->frames.front().path,
+          fmt::format(
+              "is on another scale than {}: a mean of {:.6g} beside no pixel above {:.3g}; give frames "
+              "as the camera wrote them",
+              off->group->name, master.measures.mean, off->measures.max));
+    }
     const Measures& m = master.measures;
     masterLines_.push_back(fmt::format("{}: {}; mean {:.6g}, min {:.6g}, max {:.6g}, saturated {}",
                                        group->name, group->Text(), m.mean, m.min, m.max,
@@ -199,6 +218,30 @@ void Session::MakeMasters() {
     tool_.console.Say(masterLines_.back());
     if (group->kind == FrameKind::Flat) WarnOfFlat(master);
   }
+}
+
+/// Makes masters for lights that are read the other way round than the frames they are made of.
+void Session::TurnMasters() {
+  for (const Light& light : lights_) {
+    for (const Group* group : {light.Offset(), light.flat}) {
+      if (!group || turned_.contains(group) ||
+          !files::LiesOverturned(light.frame.info.header, HeaderOf(*group))) {
+        continue;
+      }
+      auto image = std::make_unique<CVelImage>();
+      if (!image->CopyImage(*masters_.at(group).image, nullptr, nullptr)) {
+        throw velora::CVmMemoryAllocationError("no room for a master");
+      }
+      TurnOver(*image);
+      turned_.emplace(group, std::move(image));
+    }
+  }
+}
+
+CVelImage* Session::ImageOf(const Group* group, const Light& light) const {
+  if (!group) return nullptr;
+  const bool overturned = files::LiesOverturned(light.frame.info.header, HeaderOf(*group));
+  return overturned ? turned_.at(group).get() : masters_.at(group).image.get();
 }
 
 /// Looks at the first light of each camera and offset: whether it and its masters are on one scale, how much
@@ -233,14 +276,14 @@ void Session::CheckLights() {
 /// Refuses masters that are not on a light's scale. An offset lies below all of the light, and a dark above
 /// the bias that it holds.
 void Session::CheckScale(const Light& light, const FrameLevels& levels, const Master& offset) const {
-  constexpr double kFar = 5, kUnit = 1.5, kCounts = 16;
+  constexpr double kFar = 5;
   const FrameLevels own = MeasureLevels(*offset.image);
   const std::string& name = offset.group->name;
   const double sky = levels.level[0], dark = own.level[0];
   std::string wrong;
   if (dark > sky + kFar * levels.spread[0] + 0.01 * std::abs(sky)) {
     wrong = fmt::format("has a median of {:.6g}, less than {:.6g} of {}", sky, dark, name);
-  } else if (offset.measures.max <= kUnit && sky > kCounts) {
+  } else if (offset.measures.max <= kUnitMost && sky > kCountsLeast) {
     wrong =
         fmt::format("has a median of {:.6g}, but {} no pixel above {:.3g}", sky, name, offset.measures.max);
   }
@@ -428,12 +471,11 @@ void Session::WarnOfFlat(const Master& flat) const {
 }
 
 Session::Calibrated Session::LoadLight(const Light& light) const {
-  const Master *offset = MasterOf(light.Offset()), *flat = MasterOf(light.flat);
+  const Master* offset = MasterOf(light.Offset());
   Calibrated result{LoadImage(tool_, store_, light.frame.path, {.lessBlack = !offset}), 0};
   CheckUnchanged(light, result.loaded.info);
   CVelImage& image = *result.loaded.image;
-  const long long clipped =
-      Apply(light, image, offset ? offset->image.get() : nullptr, flat ? flat->image.get() : nullptr);
+  const long long clipped = Apply(light, image, ImageOf(light.Offset(), light), ImageOf(light.flat, light));
   result.clipped = static_cast<double>(clipped) / static_cast<double>(Pixels(image));
   return result;
 }
@@ -568,9 +610,11 @@ void LightRows::ReadCalibrated(int y0, int rows, float* const* planes) {
     own[p] = band->GetWritableLine(0, 0, p);
   }
   reader_->ReadRows(y0, rows, own);
-  const Master *offset = session_.MasterOf(light_.Offset()), *flat = session_.MasterOf(light_.flat);
-  const auto dark = offset ? RowsOf(*offset->image, y0, rows) : nullptr,
-             divisor = flat ? RowsOf(*flat->image, y0, rows) : nullptr;
+  const auto rowsOf = [&](const Group* group) {
+    CVelImage* image = session_.ImageOf(group, light_);
+    return image ? RowsOf(*image, y0, rows) : nullptr;
+  };
+  const auto dark = rowsOf(light_.Offset()), divisor = rowsOf(light_.flat);
   clipped_ += session_.Apply(light_, *band, dark.get(), divisor.get());
   seen_ += Pixels(*band);
   if (light_.mosaic.cfa > 0 && session_.options_.KeptPedestal() > 0) {

@@ -74,6 +74,7 @@ class Session {
   std::vector<const Group*> NeededGroups() const;
   void ShowGroup(const Group& group) const;
   void MakeMasters();
+  void TurnMasters();
   void CheckLights();
   void CheckScale(const Light& light, const FrameLevels& levels, const Master& offset) const;
   void SaveMasters();
@@ -81,6 +82,8 @@ class Session {
   bool LacksOffsets() const;
   void ChooseWhiteBalances();
   const Master* MasterOf(const Group* group) const { return group ? &masters_.at(group) : nullptr; }
+  /// The master's pixels as the light lies; null for no group.
+  CVelImage* ImageOf(const Group* group, const Light& light) const;
   /// The levels that LoadLight gives.
   Levels MosaicLevels(const Light& light) const;
   long long Apply(const Light& light, CVelImage& image, CVelImage* offset, CVelImage* flat) const;
@@ -95,6 +98,7 @@ class Session {
   std::vector<std::string> failed_, masterLines_;
   std::shared_ptr<CVmManager> store_ = tool_.MakeStore();
   std::map<const Group*, Master> masters_;
+  std::map<const Group*, std::unique_ptr<CVelImage>> turned_;  ///< masters the other way round
   std::map<const Group*, double> pedestals_;  ///< for the noise of the lights that an offset serves
   std::map<std::string, WhiteBalance> balances_;
   mutable std::map<const Light*, Levels> levels_;  ///< those of MosaicLevels that took a whole light

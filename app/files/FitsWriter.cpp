@@ -26,7 +26,7 @@ std::optional<Header> TurnedHeader(const WriteOptions& options) {
   if (!TurnRows(header, {options.width, options.height, options.planes})) return std::nullopt;
   header.turned = false;
   // Without what told of their order, rows are stored from the highest down.
-  return RowsRunUp(header) ? std::optional(header) : std::nullopt;
+  return RowsRunUp(header, true) ? std::optional(header) : std::nullopt;
 }
 
 std::string MakeHeader(const WriteOptions& options, const Header& header) {

@@ -318,10 +318,15 @@ bool MoveHeader(Header& header, const ImageSize& before, const ImageSize& after,
   return true;
 }
 
-bool RowsRunUp(const Header& header) {
+bool LiesOverturned(const Header& served, const Header& other) {
+  const bool bothSay = served.GetString("ROWORDER") && other.GetString("ROWORDER");
+  return !bothSay && served.turned != other.turned;
+}
+
+bool RowsRunUp(const Header& header, bool bySky) {
   const auto order = header.GetString("ROWORDER");
   if (order) return order->starts_with("BOTTOM") || order->starts_with("bottom");
-  const auto matrix = SkyMatrix(header);
+  const auto matrix = bySky ? SkyMatrix(header) : std::nullopt;
   if (!matrix) return false;
   // Longitudes grow to the left of north on the sky.
   const std::string type = *header.GetString("CTYPE1");

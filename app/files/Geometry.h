@@ -39,9 +39,13 @@ struct ImageSize {
 [[nodiscard]] bool MoveHeader(Header& header, const ImageSize& before, const ImageSize& after,
                               const AffineMap& map);
 
-/// True where the rows of a FITS file are stored from the lowest up: by ROWORDER; where it says nothing, by
-/// world coordinates of a sky that would be mirrored from the highest down.
-bool RowsRunUp(const Header& header);
+/// True where the rows of a FITS file are stored from the lowest up: by ROWORDER; where it says nothing and
+/// bySky is set, by world coordinates of a sky that would be mirrored from the highest down.
+bool RowsRunUp(const Header& header, bool bySky);
+
+/// True when an image must be turned over to lie as the one that it serves does: frames that do not both
+/// state their order are taken as stored in one.
+bool LiesOverturned(const Header& served, const Header& other);
 
 /// Brings a header along with rows whose order is turned over. A stated ROWORDER stays, and with it the
 /// pattern of a mosaic, which is that of the upright picture. False, and nothing done, for a mosaic that

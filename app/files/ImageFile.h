@@ -106,7 +106,9 @@ struct ImageInfo {
 class ConstantBorder;
 
 struct ReadOptions {
-  std::string hdu;          ///< FITS: number (0 = primary) or EXTNAME; empty: the first image that has pixels
+  std::string hdu;  ///< FITS: number (0 = primary) or EXTNAME; empty: the first image that has pixels
+  bool bySky =
+      false;  ///< FITS: rows whose order is not stated run as the sky of their world coordinates wants
   bool lessBlack = false;   ///< camera raw: take the black level off; pixels may be negative then
   bool manyOpen = false;    ///< camera raw: keep the unpacked pixels in a temporary file
   bool lessBorder = false;  ///< what ConstantBorder finds is NaN
@@ -136,8 +138,8 @@ class ImageReader {
 
   /// Reads rows y0 to y0 + rows - 1 of all planes as physical values; planes[p] takes rows * width floats.
   /// Rows count from the upper one of the upright picture: FITS files that are stored from the lowest up, as
-  /// ROWORDER or a sky that would be mirrored otherwise tells, are turned. Blank pixels are NaN. Any order of
-  /// y0 is allowed; upwards is fastest.
+  /// ROWORDER tells or, where it is asked for, a sky that would be mirrored otherwise, are turned. Blank
+  /// pixels are NaN. Any order of y0 is allowed; upwards is fastest.
   /// @throws FileError on damaged data, std::out_of_range if the rows are not inside the image.
   void ReadRows(int y0, int rows, float* const* planes);
 

@@ -18,14 +18,15 @@ std::string BlendOptions::Text() const {
   return text;
 }
 
-Blend::Blend(Tool& tool, const BlendOptions& options, CVelImage& before, CRect* rect)
+Blend::Blend(Tool& tool, const BlendOptions& options, CVelImage& before, const files::Header& header,
+             CRect* rect)
     : tool_(tool), options_(options), rect_(rect) {
   if (!options.selection.empty()) {
     selection_ = ReadPolygon(options.selection, before.GetWidth(), before.GetHeight());
     selection_.SetReverse(options.selectionReverse);
   }
   if (!options.mask.empty()) {
-    mask_ = LoadSameSize(tool, before, options.mask, "--mask");
+    mask_ = LoadSameSize(tool, before, header, options.mask, "--mask");
     if (static_cast<float>(mask_->GetLevelMin(0)) == static_cast<float>(mask_->GetLevelMax(0))) {
       throw files::FileError(options.mask,
                              "has no range between black and white; set one by `korimg apply level`");

@@ -7,6 +7,7 @@
 #include "korimg/image/CImageSelection.h"
 #include "korimg/image/CVelImage.h"
 
+#include "app/files/ImageFile.h"
 #include "app/tool/Tool.h"
 
 namespace korimg::tool {
@@ -26,7 +27,7 @@ class Blend {
  public:
   /// Reads mask and selection, and copies the image. A rectangle, null for the whole image, says where pixels
   /// may change. Throws FileError for files that do not fit the image.
-  Blend(Tool& tool, const BlendOptions& options, CVelImage& before, CRect* rect);
+  Blend(Tool& tool, const BlendOptions& options, CVelImage& before, const files::Header& header, CRect* rect);
 
   /// Throws UsageError when the operation left an image of another shape.
   void CheckShape(const CVelImage& image, const std::string& operation) const;

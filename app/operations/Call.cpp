@@ -186,7 +186,7 @@ std::vector<CurvePoint> Call::Points(const std::string& name) const {
 std::unique_ptr<CVelImage> Call::File(const std::string& name, bool sameSize) const {
   const std::filesystem::path path = Text(name);
   if (!sameSize) return std::move(LoadImage(tool, image->VmManager(), path).image);
-  auto other = LoadSameSize(tool, *image, path, Name());
+  auto other = LoadSameSize(tool, *image, header, path, Name());
   if (other->IsColor() && other->GetPlanes() < image->GetPlanes()) {
     throw files::FileError(
         path, fmt::format("has {} planes, but the image has {}", other->GetPlanes(), image->GetPlanes()));

@@ -463,11 +463,14 @@ class Road {
     }
     LevelForPreview(image, kPictureSide);
     SaveImage(tool_, image, header, Path(target.name + ".fits"));
+    // Pictures are upright, as the sky is.
+    const bool overturned = !header.turned && files::RowsRunUp(header, true);
+    const FrameMeasure measure = MeasureFrame(image);
+    if (overturned) TurnOver(image);
     SaveImage(tool_, image, header, Path(target.name + "_float.tif"));
     SaveImage(tool_, image, header, Path(target.name + "_16bit.tif"), {.integers = true});
     SavePicture(tool_, image, Path(target.name + ".png"), 1);
 
-    const FrameMeasure measure = MeasureFrame(image);
     double exposure = 0;
     CImgStack::Counts counts;
     for (const Progress* frame : used) {

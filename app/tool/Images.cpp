@@ -13,6 +13,7 @@
 
 #include "app/files/CameraName.h"
 #include "app/files/Formats.h"
+#include "app/files/Geometry.h"
 #include "app/files/Mosaic.h"
 #include "app/files/Times.h"
 
@@ -139,9 +140,25 @@ LoadedImage LoadImage(Tool& tool, const std::shared_ptr<CVmManager>& store, cons
   return {std::move(image), info};
 }
 
-std::unique_ptr<CVelImage> LoadSameSize(Tool& tool, const CVelImage& image, const std::filesystem::path& path,
-                                        const std::string& user) {
-  auto other = LoadImage(tool, image.VmManager(), path).image;
+void TurnOver(CVelImage& image) {
+  std::vector<float> kept(image.GetWidth());
+  const size_t bytes = sizeof(float) * kept.size();
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    for (int y = 0; y < image.GetHeight() / 2; ++y) {
+      const int other = image.GetHeight() - 1 - y;
+      std::memcpy(kept.data(), image.GetLine(0, y, p), bytes);
+      std::vector<float> lower(image.GetLine(0, other, p), image.GetLine(0, other, p) + image.GetWidth());
+      std::memcpy(image.GetWritableLine(0, y, p), lower.data(), bytes);
+      std::memcpy(image.GetWritableLine(0, other, p), kept.data(), bytes);
+    }
+  }
+}
+
+std::unique_ptr<CVelImage> LoadSameSize(Tool& tool, const CVelImage& image, const files::Header& header,
+                                        const std::filesystem::path& path, const std::string& user) {
+  LoadedImage loaded = LoadImage(tool, image.VmManager(), path);
+  if (files::LiesOverturned(header, loaded.info.header)) TurnOver(*loaded.image);
+  auto other = std::move(loaded.image);
   if (other->GetWidth() != image.GetWidth() || other->GetHeight() != image.GetHeight()) {
     throw files::FileError(
         path, fmt::format("is {} x {}, but the image is {} x {}; {} wants the same size", other->GetWidth(),

@@ -33,10 +33,13 @@ LoadedImage LoadImage(Tool& tool, const std::shared_ptr<CVmManager>& store, cons
 /// Gives the pixels of a file the levels that LoadImage does; `lessBlack` as they were read.
 void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack);
 
-/// The image of a file, in the same store as another and of the same size. `user` is what wants it. Throws
-/// FileError with both sizes.
-std::unique_ptr<CVelImage> LoadSameSize(Tool& tool, const CVelImage& image, const std::filesystem::path& path,
-                                        const std::string& user);
+/// Turns an image over, upside down.
+void TurnOver(CVelImage& image);
+
+/// The image of a file, in the same store as another, of the same size and lying as it does. `user` is what
+/// wants it. Throws FileError with both sizes.
+std::unique_ptr<CVelImage> LoadSameSize(Tool& tool, const CVelImage& image, const files::Header& header,
+                                        const std::filesystem::path& path, const std::string& user);
 
 /// What a file says of camera and exposure.
 void ReadHeader(const files::ImageInfo& info, CHeader& camera);

@@ -91,10 +91,10 @@ void Apply(Tool& tool, const ApplyOptions& options) {
   if (tool.options.dryRun) return Tell(tool, json, line);
   tool.CheckOutput(options.output);
   const auto store = tool.MakeStore(options.store);
-  LoadedImage loaded = LoadImage(tool, store, plan.input, {.hdu = options.hdu});
+  LoadedImage loaded = LoadImage(tool, store, plan.input, {.hdu = options.hdu, .bySky = true});
   CRect* window = options.rect.empty() ? nullptr : &rect;
   std::optional<Blend> blend;
-  if (options.blend.Any()) blend.emplace(tool, options.blend, *loaded.image, window);
+  if (options.blend.Any()) blend.emplace(tool, options.blend, *loaded.image, loaded.info.header, window);
   for (const Step& step : plan.steps) {
     tool.console.CheckCancelled();
     Call call(tool, step, loaded.image, loaded.info.header, window);

@@ -8,6 +8,7 @@
 #include "korimg/composite/CImgComposit.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
+#include "app/files/Geometry.h"
 #include "app/operations/Operations.h"
 #include "app/tool/Images.h"
 #include "app/tool/Tell.h"
@@ -126,7 +127,9 @@ void Composite(Tool& tool, const CompositeOptions& options) {
   const auto store = tool.MakeStore(options.store);
   LoadedImage loaded = LoadImage(tool, store, options.first, {.hdu = options.hdu});
   CVelImage& first = *loaded.image;
-  const auto second = AsKindOf(first, LoadImage(tool, store, options.second, {.hdu = options.hdu}).image);
+  LoadedImage other = LoadImage(tool, store, options.second, {.hdu = options.hdu});
+  if (files::LiesOverturned(loaded.info.header, other.info.header)) TurnOver(*other.image);
+  const auto second = AsKindOf(first, std::move(other.image));
   // One centre for both paths, which would take the middle of an odd side differently.
   second->SetStdCtr(CentreOf(*second, options.centre));
   if (options.Mode() == kNeighbour) {

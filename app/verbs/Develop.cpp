@@ -182,14 +182,17 @@ class Developer {
 }  // namespace
 
 void AddMosaicOptions(CLI::App& verb, DevelopOptions& options) {
-  verb.add_option("--cfa", options.mosaic.cfa,
-                  "pattern of the mosaic, from the upper left corner of the upright picture")
-      ->check(CLI::IsMember({"auto", "RGGB", "GRBG", "BGGR", "GBRG"}, CLI::ignore_case))
-      ->transform([](const std::string& word) { return word == "auto" ? std::string() : word; });
-  verb.add_option("--row-order", options.mosaic.rowOrder,
-                  "whether the first stored row is the upper or the lower one")
-      ->check(CLI::IsMember({"auto", "top-down", "bottom-up"}, CLI::ignore_case))
-      ->transform([](const std::string& word) { return word == "auto" ? std::string() : word; });
+  const auto add = [&verb](const char* name, std::string& told, const char* help) {
+    return verb
+        .add_option_function<std::string>(
+            name, [&told](const std::string& word) { told = word == "auto" ? "" : word; }, help)
+        ->default_str("auto");
+  };
+  add("--cfa", options.mosaic.cfa, "pattern of the mosaic, from the upper left corner of the upright picture")
+      ->check(CLI::IsMember({"auto", "RGGB", "GRBG", "BGGR", "GBRG"}, CLI::ignore_case));
+  add("--row-order", options.mosaic.rowOrder,
+      "of a mosaic: whether the first stored row is the upper or the lower one")
+      ->check(CLI::IsMember({"auto", "top-down", "bottom-up"}, CLI::ignore_case));
   verb.add_option("--white-balance", options.whiteBalance,
                   "auto (the camera's, else by medians), camera, none, or gains of the cells row by row: "
                   "1.9,1,1,1.5");

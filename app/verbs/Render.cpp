@@ -95,7 +95,7 @@ void Render(Tool& tool, const RenderOptions& options) {
                 fmt::format("{} -> {}", options.input.string(), options.output.string()));
   }
   const auto store = tool.MakeStore();
-  LoadedImage loaded = LoadImage(tool, store, options.input, {.hdu = options.hdu});
+  LoadedImage loaded = LoadImage(tool, store, options.input, {.hdu = options.hdu, .bySky = true});
   auto& image = loaded.image;
   LevelForPicture(*image, options.level);
   const int shrink = std::max(static_cast<int>(std::lround(1 / options.scale)), 1);

@@ -267,8 +267,9 @@ class StackRun {
 
   std::unique_ptr<ImageSaver> NewSaver(const fs::path& path, const files::Header& header,
                                        const Levels& levels, const files::Scale& scale = {}) const {
-    return std::make_unique<ImageSaver>(tool_, path, shape_, levels, header,
-                                        SaveOptions{.integers = options_.bits == "16" || IsPng(path), .scale = scale});
+    return std::make_unique<ImageSaver>(
+        tool_, path, shape_, levels, header,
+        SaveOptions{.integers = options_.bits == "16" || IsPng(path), .scale = scale});
   }
 
   /// All that the pixels of the result depend on.

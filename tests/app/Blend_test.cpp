@@ -47,7 +47,7 @@ TEST_F(BlendTest, MaskSelectionAndRectangleInAllCombinations) {
     const PixelRule before = [&](int p, int x, int y) { return (changes(x, y) ? plain : wild)(p, x, y); };
     const auto store = bits & 32 ? MemoryStore() : TinyPool();
     const auto image = Make(store, kWidth, kHeight, 3, before);
-    Blend blend(tool_, options, *image, partial ? &rect : nullptr);
+    Blend blend(tool_, options, *image, {}, partial ? &rect : nullptr);
     Paint(*image, [&](int p, int x, int y) { return (changes(x, y) ? after : before)(p, x, y); });
     blend.Apply(*image);
     const auto expected = [&](int p, int x, int y) {
@@ -69,7 +69,7 @@ TEST_F(BlendTest, MasksWithoutRangeAreRefused) {
     image->SetLevel(0, low, high);
     tool_.options.overwrite = true;
     SaveImage(tool_, *image, header, In("mask.fits"));
-    return files::ErrorOf([&] { Blend(tool_, {.mask = In("mask.fits")}, *image, nullptr); });
+    return files::ErrorOf([&] { Blend(tool_, {.mask = In("mask.fits")}, *image, {}, nullptr); });
   };
   EXPECT_NE(level(1e9, 1e9 + 1).find("no range"), std::string::npos);
   EXPECT_EQ(level(1, 2), "");

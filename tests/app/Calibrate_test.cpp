@@ -218,6 +218,36 @@ TEST_F(CalibrateTest, FaintSkiesKeepTheirNoise) {
             "");
 }
 
+TEST_F(CalibrateTest, MastersLieAsTheirLightsDo) {
+  // One sensor stores its rows in one order, whoever says so: WCS or ROWORDER of the lights, of all, of none.
+  const auto light = [](int x, int y) { return Signal(x, y) * Flat(x, y) / FlatMean() + Dark(x, y); };
+  Header sky = Cards({{"CTYPE1", "RA---TAN"}, {"CTYPE2", "DEC--TAN"}});
+  sky.Set("CD1_1", -0.1), sky.Set("CD2_2", 0.1), sky.Set("CRPIX1", 5.0), sky.Set("CRPIX2", 5.0);
+  const Header none, up = Cards({{"ROWORDER", "BOTTOM-UP"}}), down = Cards({{"ROWORDER", "TOP-DOWN"}});
+  int number = 0;
+  for (const auto& [of, other] :
+       {std::pair(sky, none), {up, none}, {none, up}, {up, up}, {sky, down}, {down, none}}) {
+    const std::string folder = fmt::format("o{}/", ++number);
+    Write(folder + "light.fits", light, of);
+    for (const char* n : {"1", "2"}) {
+      Write(folder + "dark/" + n + ".fits", Dark, other);
+      Write(folder + "bias/" + n + ".fits", Bias);
+      Write(
+          folder + "flat/" + n + ".fits", [](int x, int y) { return 1000 * Flat(x, y) + Bias(x, y); }, other);
+    }
+    const Outcome outcome = Calibrate(
+        fmt::format("--dark @{0}dark --bias @{0}bias --flat @{0}flat --out @{0}out @{0}light.fits", folder));
+    ASSERT_EQ(outcome.code, 0) << outcome.errors;
+    const auto reader = ImageReader::Open(In(folder + "out/light.fits"));
+    const bool turned = reader->Info().header.turned;
+    EXPECT_EQ(turned, of.GetString("ROWORDER") == "BOTTOM-UP");
+    EXPECT_EQ(Difference(folder + "out/light.fits",
+                         [&](int x, int y) { return Signal(x, turned ? kHeight - 1 - y : y); }),
+              "")
+        << number;
+  }
+}
+
 TEST_F(CalibrateTest, MastersOnAnotherScaleAreRefusedWithTheNumbers) {
   const auto write = [&](const std::string& name, double level) {
     Write(name, [level](int x, int y) { return level * (1 + 0.01 * ((x * 5 + y * 3) % 7)); });

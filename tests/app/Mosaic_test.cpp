@@ -255,7 +255,7 @@ TEST(RealRawFiles, DecodeToThePixelsOfTheirTwins) {
   const auto folder = data / "dslr-bayer-pair";
   for (const auto& [raw, fits] : {std::pair("frame1_0812_rewrapped.dng", "frame1_0812.fits"),
                                   {"frame2_0814_rewrapped.dng", "frame2_0814_wcs.fits"}}) {
-    const auto a = ImageReader::Open(folder / raw), b = ImageReader::Open(folder / fits);
+    const auto a = ImageReader::Open(folder / raw), b = ImageReader::Open(folder / fits, {.bySky = true});
     const Planes upright = ReadAll(*a, 100), stored = ReadAll(*b, 100);
     const int width = b->Info().width, height = b->Info().height;
     ASSERT_EQ(a->Info().height, height);
