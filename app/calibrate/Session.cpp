@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include "korimg/geometry/CImgFlip.h"
 #include "korimg/image/Lines.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
@@ -228,11 +229,10 @@ void Session::TurnMasters() {
           !files::LiesOverturned(light.frame.info.header, HeaderOf(*group))) {
         continue;
       }
-      auto image = std::make_unique<CVelImage>();
-      if (!image->CopyImage(*masters_.at(group).image, nullptr, nullptr)) {
-        throw velora::CVmMemoryAllocationError("no room for a master");
-      }
-      TurnOver(*image);
+      CVelImage& master = *masters_.at(group).image;
+      auto image = std::make_unique<CImgFlip>();
+      if (!image->Create(master, nullptr)) throw velora::CVmMemoryAllocationError("no room for a master");
+      image->Do(0, &master, 0);
       turned_.emplace(group, std::move(image));
     }
   }

@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include "korimg/geometry/CImgFlip.h"
 #include "korimg/image/CImgCalculation.h"
 #include "korimg/platform/Debug.h"
 
@@ -141,17 +142,10 @@ LoadedImage LoadImage(Tool& tool, const std::shared_ptr<CVmManager>& store, cons
 }
 
 void TurnOver(CVelImage& image) {
-  std::vector<float> kept(image.GetWidth());
-  const size_t bytes = sizeof(float) * kept.size();
-  for (int p = 0; p < image.GetPlanes(); ++p) {
-    for (int y = 0; y < image.GetHeight() / 2; ++y) {
-      const int other = image.GetHeight() - 1 - y;
-      std::memcpy(kept.data(), image.GetLine(0, y, p), bytes);
-      std::vector<float> lower(image.GetLine(0, other, p), image.GetLine(0, other, p) + image.GetWidth());
-      std::memcpy(image.GetWritableLine(0, y, p), lower.data(), bytes);
-      std::memcpy(image.GetWritableLine(0, other, p), kept.data(), bytes);
-    }
-  }
+  CImgFlip turned;
+  if (!turned.Create(image, nullptr)) throw velora::CVmMemoryAllocationError("no room to turn an image over");
+  turned.Do(0, &image, 0);
+  image.Paste(&turned, nullptr);
 }
 
 std::unique_ptr<CVelImage> LoadSameSize(Tool& tool, const CVelImage& image, const files::Header& header,

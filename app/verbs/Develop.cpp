@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "app/calibrate/Masters.h"
+#include "app/files/Geometry.h"
 #include "app/tool/Tell.h"
 #include "app/verbs/AutoPicture.h"
 #include "app/verbs/Verbs.h"
@@ -79,7 +80,7 @@ class Developer {
       return;
     }
     LoadedImage loaded = LoadImage(tool_, store_, path, read);
-    Calibrate(path, *loaded.image);
+    Calibrate(path, loaded.info.header, *loaded.image);
     TakeOffset(*loaded.image, loaded.info);
     const WhiteBalance balance = ChooseWhiteBalance(loaded.image.get(), loaded.info, mosaic, wanted);
     Save(MosaicSource(*loaded.image), loaded.info, mosaic, balance, output, preview);
@@ -125,14 +126,21 @@ class Developer {
     serving.master = MakeMaster(tool_, store_, serving.groups.front(), nullptr);
   }
 
-  void Calibrate(const fs::path& path, CVelImage& image) {
-    for (const Serving* serving : {&dark_, &flat_}) {
+  void Calibrate(const fs::path& path, const files::Header& header, CVelImage& image) {
+    for (Serving* serving : {&dark_, &flat_}) {
       const CVelImage* frame = serving->master.image.get();
       if (frame && (frame->GetWidth() != image.GetWidth() || frame->GetHeight() != image.GetHeight() ||
                     (frame->GetPlanes() != 1 && frame->GetPlanes() != image.GetPlanes()))) {
         throw files::FileError(
             path, fmt::format("is {} x {} pixels, but {} is {} x {}", image.GetWidth(), image.GetHeight(),
                               serving->master.Text(), frame->GetWidth(), frame->GetHeight()));
+      }
+      if (!frame) continue;
+      // It lies as the frame before wanted it.
+      files::Header& own = serving->groups.front().frames.front().info.header;
+      if (files::LiesOverturned(header, own)) {
+        TurnOver(*serving->master.image);
+        own.turned = !own.turned;
       }
     }
     Measures m = flat_.master.measures;

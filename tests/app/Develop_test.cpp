@@ -107,6 +107,17 @@ TEST_F(DevelopTest, MosaicsOfFitsFilesByTheirKeywords) {
   Frame("a.fits", kWidth, 40, Plain("BGGR", {400, 800, 500}, 1000), "uint16", header);
   EXPECT_NE(Shell("korimg info a.fits").out.find("mosaic GRBG from the upper left corner on"),
             std::string::npos);
+  // Its rows, whose order it does not state, are the sensor's.
+  const auto dark = [](int, int, int y) { return 1000 + 10 * (y / 2); };
+  Frame("dark.fits", kWidth, 40, dark, "uint16");
+  Frame(
+      "steep.fits", kWidth, 40,
+      [&](int p, int x, int y) {
+        return dark(p, x, y) + Plain("BGGR", {400, 800, 500}, 0)(p, x, y);
+      },
+      "uint16", header);
+  ASSERT_EQ(Shell("korimg develop steep.fits --dark dark.fits --out steep --white-balance none").code, 0);
+  ExpectColour(Read("steep/steep.fits"), {400, 800, 500});
   Frame(
       "dark.fits", kWidth, 40, [](int, int, int) { return 1000; }, "uint16");
   // The flat's light is reddish, and falls off to both sides.
