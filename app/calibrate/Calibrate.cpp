@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "app/calibrate/Session.h"
+#include "app/files/Geometry.h"
 #include "app/tool/SideBySide.h"
 #include "app/verbs/AutoPicture.h"
 
@@ -22,6 +23,7 @@ constexpr int kPreviewSide = 1200;  // pixels
 struct Result {
   double clipped = 0, mean = 0;
   double seconds = 0;
+  std::string noData;  ///< for people
 };
 
 /// Writes a session's lights.
@@ -32,12 +34,12 @@ class LightWriter {
   /// What nothing was taken off is not written again.
   std::optional<fs::path> Output(const Light& light) const {
     if (!light.Changes()) return std::nullopt;
-    return session_.Options().out / (StemOf(light.frame.path) + ".fits");
+    return session_.Options().out / (light.stem + ".fits");
   }
   /// Apart from the frames, which are often read as a folder.
   std::optional<fs::path> Preview(const Light& light) const {
     if (!session_.Options().previews) return std::nullopt;
-    return session_.Options().out / "previews" / (StemOf(light.frame.path) + ".png");
+    return session_.Options().out / "previews" / (light.stem + ".png");
   }
   std::vector<fs::path> Outputs() const {
     std::vector<fs::path> outputs;
@@ -76,6 +78,7 @@ class LightWriter {
     CVelImage& image = *calibrated.loaded.image;
     files::ImageInfo& info = calibrated.loaded.info;
     result.mean = Measures(image).mean;
+    result.noData = info.noData;
     session_.Describe(info.header, light, result.clipped);
     if (light.mosaic.cfa > 0) {
       // Gains are for light alone: the pedestal comes back after them.
@@ -95,7 +98,8 @@ class LightWriter {
       LevelForPreview(image, kPreviewSide);
       if (const auto output = Output(light)) SaveImage(tool_, image, info.header, *output);
       if (const auto preview = Preview(light)) {
-        SavePicture(tool_, image, *preview, ShrinkTo({image.GetWidth(), image.GetHeight()}, kPreviewSide));
+        SavePicture(tool_, image, *preview, ShrinkTo({image.GetWidth(), image.GetHeight()}, kPreviewSide),
+                    files::IsPictureOverturned(info.header));
       }
     }
     result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
@@ -103,6 +107,7 @@ class LightWriter {
   }
 
   void Tell(const Light& light, const Result& result) const {
+    if (!result.noData.empty()) tool_.console.Say(fmt::format("{}: {}", light.Name(), result.noData));
     if (tool_.options.json) {
       Json json = Description(light);
       json["clipped"] = result.clipped;

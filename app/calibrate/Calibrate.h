@@ -20,7 +20,7 @@ struct CalibrateOptions {
   bool allowMismatch = false;       ///< frames that differ in more than size serve with a warning
   DevelopOptions develop;           ///< of lights that are mosaics
   bool keepMosaic = false;          ///< mosaics stay as they are
-  bool lightsMayBeMissing = false;  ///< a light that cannot be used is a warning, and names may clash
+  bool lightsMayBeMissing = false;  ///< a light that cannot be used is a warning
   bool previews = false;            ///< a small picture of each light too, in the folder previews
 
   /// What stays in the output beside light.

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cmath>
 #include <limits>
 #include <map>
@@ -10,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "app/files/Text.h"
 #include "app/files/Times.h"
 
 namespace korimg::tool {
@@ -111,6 +111,23 @@ FileKind KindOf(const fs::path& path) {
   return extension == ".png" ? kPng : kNoImage;
 }
 
+/// The names of the folders in a folder that hold frames.
+std::string FoldersWithFrames(const fs::path& folder) {
+  std::vector<std::string> names;
+  std::error_code ignored;
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    const std::string name = entry.path().filename().string();
+    if (name.starts_with(".") || !entry.is_directory(ignored)) continue;
+    const auto inside = fs::directory_iterator(entry.path(), ignored);
+    if (std::any_of(begin(inside), end(inside),
+                    [](const auto& file) { return KindOf(file.path()) < kTiff; })) {
+      names.push_back(name);
+    }
+  }
+  std::sort(names.begin(), names.end());
+  return fmt::format("{}", fmt::join(names, ", "));
+}
+
 /// The frames in a folder.
 std::vector<fs::path> FramesIn(Console& console, const fs::path& folder) {
   std::array<std::vector<fs::path>, 4> found;
@@ -136,9 +153,15 @@ std::vector<fs::path> FramesIn(Console& console, const fs::path& folder) {
     }
     frames = &found[kind];
   }
+  const std::string folders = FoldersWithFrames(folder);
   if (!frames) {
     throw files::FileError(
-        folder, "no images in this folder (.fits .fit .fts, also .gz .fz, .tif .tiff .png, camera raw)");
+        folder, "no images in this folder (.fits .fit .fts, also .gz .fz, .tif .tiff .png, camera raw)" +
+                    (folders.empty() ? "" : "; folders in it hold some, name these: " + folders));
+  }
+  if (!folders.empty()) {
+    console.Warn(fmt::format("{}: frames of the folders in it are not read; name these to use them: {}",
+                             folder.string(), folders));
   }
   std::sort(frames->begin(), frames->end());
   return std::move(*frames);
@@ -184,10 +207,7 @@ std::string FilterOf(const files::Header& header) {
 
 std::string FoldedName(std::string name) {
   std::erase(name, ' ');
-  for (char& c : name) {
-    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  }
-  return name;
+  return files::LowerCase(name);
 }
 
 Frame ReadFrame(const fs::path& path) {

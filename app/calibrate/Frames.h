@@ -49,7 +49,8 @@ struct Match {
 Frame ReadFrame(const std::filesystem::path& path);
 
 /// Files as they are, and folders as the image files in them, in the order of their names. A folder is read
-/// as frames of one kind: pictures (PNG, TIFF) beside FITS or camera raw files are left out, and told of.
+/// as frames of one kind: pictures (PNG, TIFF) beside FITS or camera raw files, and folders of frames in it,
+/// are left out, and told of.
 /// @throws FileError for a folder without images, or with several kinds of frames.
 std::vector<std::filesystem::path> ExpandFolders(Console& console,
                                                  const std::vector<std::filesystem::path>& paths);

@@ -9,6 +9,7 @@
 
 #include "korimg/calibration/MedianOfFrames.h"
 #include "korimg/image/Lines.h"
+#include "korimg/image/Numbers.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "app/files/Mosaic.h"
@@ -18,6 +19,7 @@ namespace korimg::tool {
 namespace {
 
 constexpr size_t kBandPixels = 4 << 20;  // of all frames of a group together
+constexpr double kManySaturated = 0.01;
 
 /// Flats without an offset of their own: camera raw files know their black level.
 files::ReadOptions FlatOptions(const Group& group, bool hasOffset) {
@@ -122,6 +124,40 @@ class Stack {
     tool.console.EndProgress();
   }
 
+  /// Electrons of a raw value by the noise of the first two flats, once they are normalised: light counted in
+  /// electrons has a variance of its mean (photon transfer). The median of many pieces of rows, so that
+  /// cosmic rays do not count. The noise of reading, small beside a flat's light, counts as light's. 0 when
+  /// there is no noise.
+  double MeasureGain() {
+    constexpr int kSampleRows = 512;
+    constexpr size_t kPiece = 64;  // pixels
+    // Of the sum of so many squares, less the means of a mosaic's two colours in a row: median over mean.
+    constexpr double kFreedom = kPiece - 2, kMedian = 1 - 2 / (9 * kFreedom);
+    const int step = std::max(Info().height / kSampleRows, 1);
+    const double back = 1 / factors_[0], ratio = factors_[1] / factors_[0];
+    std::vector<float> a(RowPixels()), b(RowPixels());
+    std::vector<double> variances;  // of a unit of light
+    for (int y = 0; y < Info().height; y += step) {
+      Read(0, y, 1, a.data());
+      Read(1, y, 1, b.data());
+      for (size_t first = 0; first + kPiece <= a.size(); first += kPiece) {
+        double light = 0, squares = 0, sums[2] = {};
+        for (size_t x = first; x < first + kPiece; ++x) {
+          const double difference = back * (a[x] - b[x]);  // the second frame on the first one's scale
+          light += back * a[x];
+          squares += difference * difference;
+          sums[x % 2] += difference;
+        }
+        const double spread = squares - (sums[0] * sums[0] + sums[1] * sums[1]) / (kPiece / 2);
+        const double variance = spread / (kFreedom * kMedian * kMedian * kMedian);
+        if (light > 0 && std::isfinite(variance))
+          variances.push_back(variance * kPiece / (light * (1 + ratio)));
+      }
+    }
+    const double variance = UpperMedian(variances);
+    return variance > 0 ? 1 / variance : 0;
+  }
+
   /// Share of the pixels read that were at the end of their scale.
   double Saturated() const {
     double sum = 0;
@@ -171,13 +207,14 @@ class Stack {
   CVelImage* offset_ = nullptr;
 };
 
-/// Share of an image's pixels at or above a value.
-double ShareFrom(CVelImage& image, float end) {
+/// Share of an image's pixels that a condition holds for.
+template <class Condition>
+double ShareWhere(CVelImage& image, Condition&& holds) {
   long long count = 0;
   for (int p = 0; p < image.GetPlanes(); ++p) {
     for (const long long n : MapLines(0, image.GetHeight(), [&](int y) {
            const float* row = image.GetLine(0, y, p);
-           return std::count_if(row, row + image.GetWidth(), [end](float v) { return v >= end; });
+           return std::count_if(row, row + image.GetWidth(), holds);
          })) {
       count += n;
     }
@@ -223,6 +260,10 @@ void EqualiseCells(CVelImage& image) {
 }
 
 }  // namespace
+
+double ShareBelow(CVelImage& image, float value) {
+  return ShareWhere(image, [value](float v) { return v < value; });
+}
 
 Measures::Measures(CVelImage& image) {
   struct Line {
@@ -297,7 +338,8 @@ Master MakeMaster(Tool& tool, const std::shared_ptr<CVmManager>& store, const Gr
     const files::ReadOptions options = FlatOptions(group, false);
     LoadedImage loaded = LoadImage(tool, store, group.frames.front().path, options);
     master.image = std::move(loaded.image);
-    master.saturated = ShareFrom(*master.image, ScaleEnd(loaded.info, options.lessBlack));
+    master.saturated = ShareWhere(
+        *master.image, [end = ScaleEnd(loaded.info, options.lessBlack)](float v) { return v >= end; });
   } else {
     Stack stack(group, FlatOptions(group, offset != nullptr));
     const files::ImageInfo& info = stack.Info();
@@ -309,6 +351,11 @@ Master MakeMaster(Tool& tool, const std::shared_ptr<CVmManager>& store, const Gr
     }
     stack.Median(tool, *master.image, "making " + group.name);
     master.saturated = stack.Saturated();
+    const bool raw = info.planes == 1 && !info.type.starts_with("float");
+    if (group.kind == FrameKind::Flat && raw && (offset || info.camera) &&
+        master.saturated < kManySaturated) {
+      master.gain = stack.MeasureGain();
+    }
   }
   const files::ImageInfo& first = group.frames.front().info;
   if (group.kind == FrameKind::Flat && first.planes == 1 && (mosaic || files::FindMosaic(first).cfa > 0)) {

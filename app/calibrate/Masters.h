@@ -26,10 +26,14 @@ struct Master {
   Measures measures;
   bool equalised = false;  ///< a mosaic's flat: its colours have one mean
   double saturated = 0;    ///< share of its frames' pixels that are at the end of their scale
+  double gain = 0;         ///< electrons of a raw value, by the noise of two raw flats; 0: not known
 
   /// Where it comes from, for people and headers.
   std::string Text() const;
 };
+
+/// Share of an image's pixels that are less than a value.
+double ShareBelow(CVelImage& image, float value);
 
 /// Makes the master of a group in bounded memory: a single frame as it is, else the median of all. Flats have
 /// `offset`, which may be null, taken off and are brought to one mean before; the colours of a mosaic, which

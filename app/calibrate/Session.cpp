@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <set>
 
 #include <fmt/format.h>
@@ -13,6 +14,7 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "app/files/Formats.h"
+#include "app/files/Gain.h"
 #include "app/files/Geometry.h"
 #include "app/files/Times.h"
 
@@ -115,15 +117,29 @@ Session::Session(Tool& tool, const CalibrateOptions& options) : tool_(tool), opt
   biases_ = MakeGroups(tool.console, FrameKind::Bias, ExpandFolders(tool.console, options.biases));
   FindOffsetsOfFlats();
   const std::vector<fs::path> paths = ExpandFolders(tool.console, options.lights);
-  if (!options.lightsMayBeMissing) CheckStems(paths);
   tool.ForEachFile(
       paths,
       [&](const fs::path& path) {
-        failed_.push_back(path.filename().string());  // failed, unless it is planned
-        lights_.push_back(PlanLight(path));
+        failed_.push_back({path.filename().string()});  // failed, unless it is planned
+        Frame frame = ReadFrame(path);
+        failed_.back().filter = FilterOf(frame.info.header);
+        lights_.push_back(PlanLight(std::move(frame)));
         failed_.pop_back();
       },
       options.lightsMayBeMissing);
+  NameResults();
+}
+
+/// Files of one name in different folders have results of different names.
+void Session::NameResults() {
+  std::set<std::string> taken;
+  for (Light& light : lights_) {
+    const std::string stem = StemOf(light.frame.path);
+    light.stem = stem;
+    for (int n = 2; !taken.insert(light.stem).second; ++n) {
+      light.stem = fmt::format("{}_{}", stem, n);
+    }
+  }
 }
 
 void Session::Show() const {
@@ -213,12 +229,29 @@ void Session::MakeMasters() {
               off->group->name, master.measures.mean, off->measures.max));
     }
     const Measures& m = master.measures;
-    masterLines_.push_back(fmt::format("{}: {}; mean {:.6g}, min {:.6g}, max {:.6g}, saturated {}",
-                                       group->name, group->Text(), m.mean, m.min, m.max,
-                                       Percent(master.saturated)));
+    masterLines_.push_back(fmt::format(
+        "{}: {}; mean {:.6g}, min {:.6g}, max {:.6g}, saturated {}{}", group->name, group->Text(), m.mean,
+        m.min, m.max, Percent(master.saturated),
+        master.gain > 0 ? fmt::format(", gain {:.3g} electrons by their noise", master.gain) : ""));
     tool_.console.Say(masterLines_.back());
     if (group->kind == FrameKind::Flat) WarnOfFlat(master);
+    if (group->kind == FrameKind::Dark) CheckHoldsBias(master);
   }
+}
+
+/// Refuses darks whose bias is off already, which lights keep then: a camera's own values are not negative.
+void Session::CheckHoldsBias(const Master& dark) const {
+  constexpr double kMany = 0.01;  // of the pixels
+  const double negative = ShareBelow(*dark.image, 0);
+  if (negative < kMany) return;
+  const fs::path& path = dark.group->frames.front().path;
+  const std::string wrong = fmt::format(
+      "{} of its pixels are negative: its bias was taken off before, and would stay in the lights; give "
+      "darks "
+      "as the camera wrote them",
+      Percent(negative));
+  if (!options_.allowMismatch) throw files::FileError(path, wrong + ", or use --allow-mismatch");
+  tool_.console.Warn(fmt::format("{}: {}", path.string(), wrong));
 }
 
 /// Makes masters for lights that are read the other way round than the frames they are made of.
@@ -394,8 +427,9 @@ void Session::FindOffsetsOfFlats() {
   }
 }
 
-Light Session::PlanLight(const fs::path& path) const {
-  Light light{ReadFrame(path)};
+Light Session::PlanLight(Frame frame) const {
+  const fs::path path = frame.path;
+  Light light{std::move(frame)};
   light.dark = Choose(darks_, light.frame);
   if (darks_.empty()) light.bias = Choose(biases_, light.frame);
   light.flat = Choose(flats_, light.frame);
@@ -472,7 +506,8 @@ void Session::WarnOfFlat(const Master& flat) const {
 
 Session::Calibrated Session::LoadLight(const Light& light) const {
   const Master* offset = MasterOf(light.Offset());
-  Calibrated result{LoadImage(tool_, store_, light.frame.path, {.lessBlack = !offset}), 0};
+  Calibrated result{LoadImage(tool_, store_, light.frame.path, {.lessBlack = !offset, .lessBorder = true}),
+                    0};
   CheckUnchanged(light, result.loaded.info);
   CVelImage& image = *result.loaded.image;
   const long long clipped = Apply(light, image, ImageOf(light.Offset(), light), ImageOf(light.flat, light));
@@ -548,6 +583,10 @@ void Session::Describe(files::Header& header, const Light& light, double clipped
   header.AddHistory(fmt::format("korimg {} calibrate", Version()));
   if (offset) header.AddHistory(fmt::format("{}: {}", NameOf(offset->group->kind), offset->Text()));
   if (flat) header.AddHistory("flat: " + flat->Text());
+  const bool knowsGain = files::FindGain(header, std::numeric_limits<double>::infinity()).electrons > 0;
+  if (flat && flat->gain > 0 && light.mosaic.cfa == 0 && !knowsGain) {
+    header.Set("EGAIN", flat->gain, "electrons of a value, by the noise of the flats");
+  }
   const double source = offset ? 0 : header.GetDouble("PEDESTAL").value_or(0);
   if (offset) {
     // What the camera's own pedestal was came off with the frames that have it too.

@@ -18,6 +18,7 @@ namespace korimg::tool {
 /// A light, and what serves it.
 struct Light {
   Frame frame;
+  std::string stem;                                               ///< of its results' names, no other light's
   const Group *dark = nullptr, *flat = nullptr, *bias = nullptr;  ///< the bias only where there is no dark
   files::Mosaic mosaic;                                           ///< to be developed
 
@@ -33,7 +34,7 @@ struct Light {
 class Session {
  public:
   /// Reads the headers of all frames. A light that nothing fits is an error of its own, and is left out.
-  /// @throws FileError when no calibration frame of a kind can be read, and on lights whose names clash.
+  /// @throws FileError when no calibration frame of a kind can be read.
   Session(Tool& tool, const CalibrateOptions& options);
 
   /// Groups of calibration frames, and what serves which lights.
@@ -46,8 +47,12 @@ class Session {
   void Prepare();
 
   const std::vector<Light>& Lights() const { return lights_; }
-  /// The lights that were left out.
-  const std::vector<std::string>& Failed() const { return failed_; }
+  /// A light that was left out.
+  struct FailedLight {
+    std::string name;
+    std::optional<std::string> filter = {};  ///< none where its header cannot be read
+  };
+  const std::vector<FailedLight>& Failed() const { return failed_; }
   /// A line on each master.
   const std::vector<std::string>& MasterLines() const { return masterLines_; }
   const CalibrateOptions& Options() const { return options_; }
@@ -56,7 +61,8 @@ class Session {
     LoadedImage loaded;
     double clipped;  ///< share of the pixels limited at 0
   };
-  /// A light from its file, less its offset and divided by its flat; mosaics stay.
+  /// A light from its file, less its offset and divided by its flat; mosaics stay. What of its edges holds
+  /// one value throughout is NaN.
   Calibrated LoadLight(const Light& light) const;
   /// The development of a light's mosaic, calibrated and free of its pedestal.
   Development Develop(MosaicSource source, const Light& light, files::ImageInfo& info) const;
@@ -70,12 +76,14 @@ class Session {
   std::filesystem::path ManifestPath() const;
   const Group* Choose(const std::vector<Group>& groups, const Frame& frame) const;
   void FindOffsetsOfFlats();
-  Light PlanLight(const std::filesystem::path& path) const;
+  Light PlanLight(Frame frame) const;
+  void NameResults();
   std::vector<const Group*> NeededGroups() const;
   void ShowGroup(const Group& group) const;
   void MakeMasters();
   void TurnMasters();
   void CheckLights();
+  void CheckHoldsBias(const Master& dark) const;
   void CheckScale(const Light& light, const FrameLevels& levels, const Master& offset) const;
   void SaveMasters();
   void WarnOfFlat(const Master& flat) const;
@@ -95,7 +103,8 @@ class Session {
   std::vector<Group> darks_, flats_, biases_;
   std::map<const Group*, const Group*> offsetsOfFlats_;
   std::vector<Light> lights_;
-  std::vector<std::string> failed_, masterLines_;
+  std::vector<FailedLight> failed_;
+  std::vector<std::string> masterLines_;
   std::shared_ptr<CVmManager> store_ = tool_.MakeStore();
   std::map<const Group*, Master> masters_;
   std::map<const Group*, std::unique_ptr<CVelImage>> turned_;  ///< masters the other way round

@@ -16,6 +16,7 @@
 #include "korimg/raw/CImgBayerToRgb.h"
 #include "korimg/raw/CImgInformation.h"
 
+#include "app/files/Geometry.h"
 #include "app/verbs/AutoPicture.h"
 
 namespace korimg::tool {
@@ -346,7 +347,10 @@ void SaveDeveloped(Tool& tool, Development& development, const files::Header& he
   const Shape shape = development.Size();
   ImageSaver image(tool, output, shape, levels, header, save);
   std::optional<PictureSaver> picture;
-  if (preview) picture.emplace(tool, *preview, shape, pictureLevels, ShrinkTo(shape, side));
+  if (preview) {
+    picture.emplace(tool, *preview, shape, pictureLevels, ShrinkTo(shape, side),
+                    files::IsPictureOverturned(header));
+  }
   const auto policy = CParallel::GetMaxThreads() > 1 ? std::launch::async : std::launch::deferred;
   std::future<void> writing;
   development.ForBands(tool, "developing " + output.filename().string(),

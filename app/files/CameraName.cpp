@@ -2,19 +2,14 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
+
+#include "app/files/Text.h"
 
 namespace korimg::files {
 namespace {
 
-std::string Lower(std::string_view text) {
-  std::string lower(text);
-  std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
-  return lower;
-}
-
 bool Contains(std::string_view text, std::string_view part) {
-  return Lower(text).find(part) != std::string::npos;
+  return LowerCase(text).find(part) != std::string::npos;
 }
 
 /// Without blanks around it and with single ones inside.
@@ -34,7 +29,8 @@ std::string Tidy(std::string_view text) {
 
 /// Text without a word that it may begin with.
 std::string Without(const std::string& text, std::string_view word) {
-  const bool begins = text.size() > word.size() && text[word.size()] == ' ' && Lower(text).starts_with(word);
+  const bool begins =
+      text.size() > word.size() && text[word.size()] == ' ' && LowerCase(text).starts_with(word);
   return begins ? text.substr(word.size() + 1) : text;
 }
 
@@ -64,7 +60,7 @@ const Maker* FindMaker(std::string_view text) {
 /// Models made since Ricoh owns the mark, which some decoders still give to Pentax.
 bool IsRicoh(const std::string& model) {
   constexpr std::array kModels{"k-3", "k-3 ii", "k-s1", "k-s2", "k-1", "k-1 mark ii", "k-70", "kp", "645z"};
-  return std::find(kModels.begin(), kModels.end(), Lower(Without(model, "pentax"))) != kModels.end();
+  return std::find(kModels.begin(), kModels.end(), LowerCase(Without(model, "pentax"))) != kModels.end();
 }
 
 }  // namespace
@@ -75,16 +71,16 @@ std::pair<std::string, std::string> ListedName(std::string_view maker, std::stri
   if (!known) return {Tidy(maker), name};
   std::string by = known->name;
   if (by == "Canon") name = Without(name, "canon");
-  if (by == "Nikon" && !Lower(name).starts_with("nikon")) name = "NIKON " + name;
+  if (by == "Nikon" && !LowerCase(name).starts_with("nikon")) name = "NIKON " + name;
   if (by == "Pentax" && IsRicoh(name)) by = "Ricoh";
-  if (by == "Fujifilm" && Lower(name).starts_with("finepix ")) name.erase(7, 1);
+  if (by == "Fujifilm" && LowerCase(name).starts_with("finepix ")) name.erase(7, 1);
   return {by, name};
 }
 
 std::pair<std::string, std::string> ListedName(std::string_view name) {
   const std::string tidy = Tidy(name);
   const Maker* known = FindMaker(tidy);
-  if (!known || !Lower(tidy).starts_with(known->spelling)) return {};
+  if (!known || !LowerCase(tidy).starts_with(known->spelling)) return {};
   return ListedName(known->name, Without(tidy, known->spelling));
 }
 

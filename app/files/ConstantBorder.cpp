@@ -8,6 +8,8 @@
 
 #include <fmt/format.h>
 
+#include "korimg/image/Numbers.h"
+
 #include "app/files/ImageFile.h"
 
 namespace korimg::files {
@@ -120,53 +122,69 @@ struct Candidate {
   Value value;
   long long inside = 0;  ///< pixels that have it between the runs
   bool isHighest = true;
-  int least = 1;  ///< pixels of a run that is not made by chance
+  float lowest = std::numeric_limits<float>::infinity();  ///< of the first plane between the runs
+  std::vector<float> beyond = {};  ///< pixels of the first plane at the ends of its runs
+
+  /// Pixels of a run that is not made by chance; none is long enough of what is no border.
+  int LeastRun(long long between, int height) {
+    constexpr double kCommon = 0.3, kChance = 1e-3;
+    constexpr int kNone = std::numeric_limits<int>::max();
+    const double share = static_cast<double>(inside) / static_cast<double>(std::max(between, 1LL));
+    if (share > kCommon || (isHighest && !IsSteep())) return kNone;
+    return share > 0 ? static_cast<int>(std::ceil(std::log(kChance / height) / std::log(share))) : 1;
+  }
+
+ private:
+  /// Beside saturated pixels there are bright ones, beside a border there is sky.
+  bool IsSteep() {
+    constexpr float kBright = 0.7F;
+    if (beyond.empty()) return false;
+    return UpperMedian(beyond) - lowest < kBright * (value[0] - lowest);
+  }
 };
 
-}  // namespace
-
-std::shared_ptr<const ConstantBorder> ConstantBorder::Find(ImageReader& reader) {
-  constexpr int kSampled = 64, kBandRows = 64;
-  constexpr double kCommon = 0.3, kChance = 1e-3, kLeastShare = 0.1;
-  constexpr long long kLeastPixels = 16;
-  auto border = std::make_shared<ConstantBorder>();
-  const int width = reader.Info().width, height = reader.Info().height, planes = reader.Info().planes;
-  if (std::min(width, height) < 2 * kLeastRun) return border;
-  std::vector<Candidate> candidates;
-  for (const Value& value : CornerValues(reader)) {
-    candidates.push_back({value});
-  }
-  if (candidates.empty()) return border;
-
-  // The runs of each row, and what the pixels between them are like.
+/// The runs of one value that a row begins and ends with.
+struct Row {
   struct Run {
-    int length = 0, candidate = 0;
+    int length = 0;
+    int candidate = 0;
     Value next{};  ///< of the pixel beyond it
   };
-  std::vector<std::array<Run, 2>> runs(height);
-  std::vector<char> isOneValue(height);
-  long long between = 0;
+  Run sides[2];
+  bool isOneValue = false;
+};
+
+/// The candidates' runs in all rows, and of some rows what lies between them: a number of pixels.
+std::vector<Row> ReadRuns(ImageReader& reader, std::vector<Candidate>& candidates, long long& between) {
+  constexpr int kSampled = 64, kBandRows = 64;
+  const int width = reader.Info().width, height = reader.Info().height, planes = reader.Info().planes;
+  std::vector<Row> found(height);
+  between = 0;
   for (int y0 = 0; y0 < height; y0 += kBandRows) {
     const int rows = std::min(kBandRows, height - y0);
     const Band band(reader, y0, rows);
     for (int y = y0; y < y0 + rows; ++y) {
-      for (int c = 0; c < static_cast<int>(candidates.size()); ++c) {
-        for (const int side : {0, 1}) {
-          const int length = band.Run(side == 0 ? 0 : width - 1, y, side == 0 ? 1 : -1, candidates[c].value);
-          if (length > runs[y][side].length) runs[y][side] = {length, c};
+      Row& row = found[y];
+      for (const int side : {0, 1}) {
+        const int edge = side == 0 ? 0 : width - 1, step = side == 0 ? 1 : -1;
+        Row::Run& run = row.sides[side];
+        for (int c = 0; c < static_cast<int>(candidates.size()); ++c) {
+          const int length = band.Run(edge, y, step, candidates[c].value);
+          if (length > run.length) run = {length, c};
+        }
+        run.next = band.At(edge + step * std::min(run.length, width - 1), y);
+        if (run.length > 0 && run.length < width && std::isfinite(run.next[0])) {
+          candidates[run.candidate].beyond.push_back(run.next[0]);
         }
       }
-      for (const int side : {0, 1}) {
-        const int length = std::min(runs[y][side].length, width - 1);
-        runs[y][side].next = band.At(side == 0 ? length : width - 1 - length, y);
-      }
-      isOneValue[y] = band.Run(0, y, 1, band.At(0, y)) == width;
+      row.isOneValue = band.Run(0, y, 1, band.At(0, y)) == width;
       if (y % std::max(height / kSampled, 1) != 0) continue;
-      for (int x = runs[y][0].length; x < width - runs[y][1].length; ++x) {
+      for (int x = row.sides[0].length; x < width - row.sides[1].length; ++x) {
         const Value value = band.At(x, y);
         ++between;
         for (Candidate& c : candidates) {
-          if (value == c.value) ++c.inside;
+          c.inside += value == c.value;
+          c.lowest = std::min(c.lowest, value[0]);
           for (int p = 0; p < planes; ++p) {
             if (value[p] > c.value[p]) c.isHighest = false;
           }
@@ -174,63 +192,96 @@ std::shared_ptr<const ConstantBorder> ConstantBorder::Find(ImageReader& reader) 
       }
     }
   }
-  for (Candidate& c : candidates) {
-    const double share = static_cast<double>(c.inside) / static_cast<double>(std::max(between, 1LL));
-    if (c.isHighest || share > kCommon)
-      c.least = std::numeric_limits<int>::max();
-    else if (share > 0)
-      c.least = static_cast<int>(std::ceil(std::log(kChance / height) / std::log(share)));
+  return found;
+}
+
+/// An image without noise ends in lines of one value, or in the value that the line before has: each of these
+/// may look like a border of one pixel.
+bool IsSmooth(const std::vector<Row>& rows, int top, int bottom) {
+  constexpr double kMostRepeated = 0.9;
+  if (top == bottom || rows[top].isOneValue || rows[bottom - 1].isOneValue) return true;
+  long long repeated = 0;
+  for (int y = top + 1; y < bottom; ++y) {
+    for (const int side : {0, 1}) {
+      repeated += rows[y].sides[side].next == rows[y - 1].sides[side].next;
+    }
   }
-  for (auto& row : runs) {
-    for (Run& run : row) {
-      if (run.length < candidates[run.candidate].least) run.length = 0;
+  return static_cast<double>(repeated) > kMostRepeated * 2 * (bottom - top - 1);
+}
+
+/// What lies between the runs is bounded by a few straight lines on either side.
+bool IsStraight(const std::vector<Row>& rows, int top, int bottom) {
+  constexpr int kMostPieces = 3;
+  for (const int side : {0, 1}) {
+    std::vector<Point> chain;
+    for (int y = top; y < bottom; ++y) {
+      chain.push_back({1.0 * rows[y].sides[side].length, 1.0 * y});
+    }
+    // Pixels beside the border may have its value by chance.
+    if (chain.size() > 1 && Pieces(Smoothed(chain), 0, chain.size() - 1) > kMostPieces) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::shared_ptr<const ConstantBorder> ConstantBorder::Find(ImageReader& reader) {
+  constexpr double kLeastShare = 0.1;
+  constexpr long long kLeastPixels = 16;
+  const auto none = std::make_shared<ConstantBorder>();
+  const int width = reader.Info().width, height = reader.Info().height;
+  if (std::min(width, height) < 2 * kLeastRun) return none;
+  std::vector<Candidate> candidates;
+  for (const Value& value : CornerValues(reader)) {
+    candidates.push_back({value});
+  }
+  if (candidates.empty()) return none;
+
+  long long between = 0;
+  std::vector<Row> rows = ReadRuns(reader, candidates, between);
+  std::vector<int> least;
+  for (Candidate& c : candidates) {
+    least.push_back(c.LeastRun(between, height));
+  }
+  for (Row& row : rows) {
+    for (Row::Run& run : row.sides) {
+      if (run.length < least[run.candidate]) run.length = 0;
     }
   }
 
-  // Rows without data end the image at the top and the bottom.
-  const auto isWhole = [&](int y) { return runs[y][0].length == width; };
+  // Rows without data end the image at the top and the bottom; between them they are a sensor's lost lines.
+  const auto isWhole = [&](int y) { return rows[y].sides[0].length == width; };
   int top = 0, bottom = height;
   while (top < bottom && isWhole(top))
     ++top;
   while (bottom > top && isWhole(bottom - 1))
     --bottom;
+  auto border = std::make_shared<ConstantBorder>();
   border->width_ = width;
   border->rows_.assign(height, {0, 0});
-  // Of an image without noise each line may be as constant as a border of one pixel.
-  long long data = 0, repeated = 0;
-  bool isThin = top <= 1 && height - bottom <= 1, isSmooth = false;
-  std::vector<Point> chains[2];
+  long long data = 0;
+  bool isThin = top <= 1 && height - bottom <= 1;
   for (int y = top; y < bottom; ++y) {
-    if (isWhole(y)) runs[y] = {};  // a lost line of the sensor
-    border->rows_[y] = {runs[y][0].length, width - runs[y][1].length};
-    data += border->rows_[y].to - border->rows_[y].from;
-    for (const int side : {0, 1}) {
-      chains[side].push_back({1.0 * runs[y][side].length, 1.0 * y});
-      isThin = isThin && runs[y][side].length <= 1;
-      if (y > top && runs[y][side].next == runs[y - 1][side].next) ++repeated;
-    }
-    // Such lines have one value, or the one beside it that the line before has.
-    isSmooth = isSmooth || ((y == top || y == bottom - 1) && isOneValue[y]);
+    if (isWhole(y)) rows[y].sides[0].length = rows[y].sides[1].length = 0;
+    const auto& [left, right] = rows[y].sides;
+    border->rows_[y] = {left.length, width - right.length};
+    data += width - left.length - right.length;
+    isThin = isThin && left.length <= 1 && right.length <= 1;
   }
-  constexpr double kMostRepeated = 0.9;
-  isSmooth = isSmooth || static_cast<double>(repeated) > kMostRepeated * 2 * (bottom - top - 1);
   const long long all = 1LL * width * height;
-  if (all - data < kLeastPixels || static_cast<double>(data) < kLeastShare * static_cast<double>(all)) {
-    return std::make_shared<ConstantBorder>();
-  }
-  if (isThin && isSmooth) return std::make_shared<ConstantBorder>();
-  for (const auto& chain : chains) {
-    // Pixels beside the border may have its value by chance.
-    constexpr int kMostPieces = 3;
-    if (chain.size() > 1 && Pieces(Smoothed(chain), 0, chain.size() - 1) > kMostPieces) {
-      return std::make_shared<ConstantBorder>();
-    }
+  if (all - data < kLeastPixels || static_cast<double>(data) < kLeastShare * static_cast<double>(all) ||
+      (isThin && IsSmooth(rows, top, bottom)) || !IsStraight(rows, top, bottom)) {
+    return none;
   }
   border->share_ = static_cast<double>(all - data) / static_cast<double>(all);
   for (size_t c = 0; c < candidates.size(); ++c) {
-    const bool used = candidates[c].least < std::numeric_limits<int>::max();
-    if (used)
-      border->values_ += fmt::format("{}{:g}", border->values_.empty() ? "" : " or ", candidates[c].value[0]);
+    const bool used = std::any_of(rows.begin(), rows.end(), [&](const Row& row) {
+      return std::any_of(std::begin(row.sides), std::end(row.sides), [&](const Row::Run& run) {
+        return run.length > 0 && run.candidate == static_cast<int>(c);
+      });
+    });
+    if (!used) continue;
+    border->values_ += fmt::format("{}{:g}", border->values_.empty() ? "" : " or ", candidates[c].value[0]);
   }
   return border;
 }

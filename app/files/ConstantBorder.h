@@ -13,9 +13,9 @@ class ImageReader;
 /// what whole rows at the top and the bottom are, and the wedges that turning leaves.
 ///
 /// Sky that is honestly constant is kept. No border is: a value that more than 30 % of the other pixels have
-/// too, as a sky of zeros has or a frame without noise; the highest value of the image, which is saturation;
-/// what would leave less than a tenth of the image; and what is not bounded by straight lines, as the black
-/// sky around a planet is not.
+/// too, as a sky of zeros has or a frame without noise; the highest value of the image where bright pixels
+/// lie beside it, which is saturation; what would leave less than a tenth of the image; and what is not
+/// bounded by straight lines, as the black sky around a planet is not.
 class ConstantBorder {
  public:
   /// Reads a few rows at the top and the bottom; all of an image whose corners look like a border. Throws

@@ -51,6 +51,7 @@ std::string MakeHeader(const WriteOptions& options, const Header& header) {
     const Scale& scale = options.scale;
     add("BSCALE", number(scale.step), "physical value = BZERO + BSCALE * stored value");
     add("BZERO", number(scale.zero + 32768 * scale.step), scale.IsPlain() ? "unsigned 16-bit integers" : "");
+    if (scale.hasBlank) add("BLANK", -32768, "stored value of pixels that are no numbers");
   }
   for (const std::string& card : options.verbatim ? header.cards : header.CardsForOutput())
     text += card;

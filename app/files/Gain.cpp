@@ -1,9 +1,10 @@
 #include "app/files/Gain.h"
 
 #include <algorithm>
-#include <cctype>
 
 #include <fmt/format.h>
+
+#include "app/files/Text.h"
 
 namespace korimg::files {
 namespace {
@@ -14,9 +15,7 @@ bool IsInElectrons(const Header& header, std::string_view key) {
     if (!card.starts_with(fmt::format("{:<8}=", key))) continue;
     const size_t slash = card.find('/');
     if (slash == std::string::npos) return false;
-    std::string comment = card.substr(slash);
-    std::transform(comment.begin(), comment.end(), comment.begin(),
-                   [](unsigned char c) { return std::tolower(c); });
+    const std::string comment = LowerCase(card.substr(slash));
     for (const char* unit : {"e-/", "e/adu", "e/dn", "electron"}) {
       if (comment.find(unit) != std::string::npos) return true;
     }

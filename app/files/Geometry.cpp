@@ -335,6 +335,10 @@ bool RowsRunUp(const Header& header, bool bySky) {
   return longitudeFirst ? determinant < 0 : determinant > 0;
 }
 
+bool IsPictureOverturned(const Header& header) {
+  return !header.turned && RowsRunUp(header, true);
+}
+
 bool TurnRows(Header& header, const ImageSize& size) {
   const AffineMap turn{.yy = -1, .ty = size.height - 1.0};
   if (!header.GetString("ROWORDER")) return MoveHeader(header, size, size, turn);

@@ -43,6 +43,10 @@ struct ImageSize {
 /// bySky is set, by world coordinates of a sky that would be mirrored from the highest down.
 bool RowsRunUp(const Header& header, bool bySky);
 
+/// An image with this header makes a picture that is upside down: its rows lie as they are stored, from the
+/// lowest up by its sky.
+bool IsPictureOverturned(const Header& header);
+
 /// True when an image must be turned over to lie as the one that it serves does: frames that do not both
 /// state their order are taken as stored in one.
 bool LiesOverturned(const Header& served, const Header& other);

@@ -18,6 +18,7 @@
 
 #include "app/files/ConstantBorder.h"
 #include "app/files/Formats.h"
+#include "app/files/Text.h"
 
 namespace korimg::files {
 
@@ -54,11 +55,7 @@ FileError::FileError(const fs::path& path, std::string_view what)
     : std::runtime_error(OneLine(fmt::format("{}: {}", path.string(), what))) {}
 
 std::string LowerExtension(const fs::path& path) {
-  std::string extension = path.extension().string();
-  for (char& c : extension) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return extension;
+  return LowerCase(path.extension().string());
 }
 
 void ThrowSystemError(const fs::path& path, std::string_view doing, int error) {
@@ -235,21 +232,24 @@ void ImageReader::ReadRows(int y0, int rows, float* const* planes) {
 }
 
 void ImageReader::ApplyScale(int rows, float* const* planes) const {
-  if (Scale{info_.bscale, info_.bzero}.IsPlain()) return;
+  if (Scale{info_.bscale, info_.bzero, info_.hasBlank}.IsPlain()) return;
   const std::size_t count = static_cast<std::size_t>(rows) * static_cast<std::size_t>(info_.width);
   for (int p = 0; p < info_.planes; ++p) {
     for (std::size_t i = 0; i < count; ++i) {
-      planes[p][i] = static_cast<float>(info_.bzero + info_.bscale * planes[p][i]);
+      const float stored = planes[p][i];
+      planes[p][i] = info_.hasBlank && stored == 0 ? std::numeric_limits<float>::quiet_NaN()
+                                                   : static_cast<float>(info_.bzero + info_.bscale * stored);
     }
   }
 }
 
 std::string Scale::Text() const {
-  return fmt::format("korimg: raw value = {} + {} * stored number", zero, step);
+  return fmt::format("korimg: raw value = {} + {} * stored number{}", zero, step,
+                     hasBlank ? "; 0 is blank" : "");
 }
 
 std::optional<Scale> Scale::Parse(std::string_view text) {
-  static const std::regex form("korimg: raw value = (\\S+) \\+ (\\S+) \\* stored number");
+  static const std::regex form("korimg: raw value = (\\S+) \\+ (\\S+) \\* stored number(; 0 is blank)?");
   std::match_results<std::string_view::const_iterator> match;
   if (text.size() > 200 || !std::regex_match(text.begin(), text.end(), match, form)) return std::nullopt;
   Scale scale;
@@ -258,6 +258,7 @@ std::optional<Scale> Scale::Parse(std::string_view text) {
     const auto [read, error] = std::from_chars(&*part.first, end, *number);
     if (error != std::errc() || read != end || !std::isfinite(*number)) return std::nullopt;
   }
+  scale.hasBlank = match[3].matched;
   return scale.step > 0 ? std::optional(scale) : std::nullopt;
 }
 
@@ -268,15 +269,19 @@ void RangeOf16Bits::Add(const float* pixels, std::size_t count) {
     min_ = finite && v < min_ ? v : min_;
     max_ = finite && v > max_ ? v : max_;
     whole_ &= !finite || v == std::trunc(v);
+    hasBlank_ |= std::isnan(v);
   }
 }
 
 Scale RangeOf16Bits::Get() const {
   constexpr double kLast = 65535;
-  const bool fits = whole_ && min_ >= 0 && max_ <= kLast;
-  if (fits || min_ > max_) return {};
+  const double lowest = hasBlank_ ? 1 : 0;  // stored number
+  if (min_ > max_) return {.hasBlank = hasBlank_};
+  if (whole_ && min_ >= lowest && max_ <= kLast) return {.hasBlank = hasBlank_};
+  if (whole_ && min_ >= 0 && max_ < kLast) return {.zero = -lowest, .hasBlank = hasBlank_};
   const double range = static_cast<double>(max_) - min_;
-  return {range > 0 ? range / kLast : 1, min_};
+  const double step = range > 0 ? range / (kLast - lowest) : 1;
+  return {step, min_ - lowest * step, hasBlank_};
 }
 
 namespace {

@@ -68,15 +68,16 @@ struct CameraRaw {
 /// How stored numbers stand for raw values: raw value = zero + step * stored number.
 struct Scale {
   double step = 1, zero = 0;
+  bool hasBlank = false;  ///< 0 is stored for pixels that are no numbers, and for no others
 
-  bool IsPlain() const { return step == 1 && zero == 0; }
+  bool IsPlain() const { return step == 1 && zero == 0 && !hasBlank; }
   /// As TIFF and PNG files hold it beside their pixels, and back; none where a text says no such thing.
   std::string Text() const;
   static std::optional<Scale> Parse(std::string_view text);
 };
 
 /// Finds the scale on which 16 bits hold an image: whole numbers from 0 to 65535 stay as they are, others
-/// take the image's own range.
+/// take the image's own range. Where pixels are no numbers these get 0, and the others what is above it.
 class RangeOf16Bits {
  public:
   /// Takes pixels. Those that are no finite numbers are passed over.
@@ -85,7 +86,7 @@ class RangeOf16Bits {
 
  private:
   float min_ = std::numeric_limits<float>::infinity(), max_ = -min_;
-  bool whole_ = true;
+  bool whole_ = true, hasBlank_ = false;
 };
 
 /// What a file says about its image.
@@ -96,6 +97,7 @@ struct ImageInfo {
   int planes = 1;             ///< 1, or 3 for red, green, blue
   std::string type;           ///< of the stored pixels: uint8 int16 uint16 int32 uint32 int64 float32 float64
   double bscale = 1, bzero = 0;     ///< raw value = bzero + bscale * stored value; FITS, and 16 bits of ours
+  bool hasBlank = false;            ///< 16 bits of ours: 0 is stored for pixels that are no numbers
   int hdu = 0;                      ///< FITS: number of the header-data unit, 0 = primary
   std::string hduName;              ///< FITS: EXTNAME, if any
   Header header;                    ///< FITS; camera raw: exposure, mosaic and the like as cards
@@ -176,7 +178,8 @@ class ImageWriter {
   virtual ~ImageWriter() = default;
 
   /// Writes rows y0 to y0 + rows - 1; planes[p] holds rows * width floats. Integer types take the nearest
-  /// whole number, clamped to their range, and 0 for NaN. All but FITS want the rows in order.
+  /// whole number, clamped to their range, and 0 for NaN, which is read back where the scale has it so. All
+  /// but FITS want the rows in order.
   /// @throws FileError when the disk is full, std::out_of_range if the rows are outside the image or out of
   /// order.
   void WriteRows(int y0, int rows, const float* const* planes);

@@ -111,6 +111,7 @@ class PngReader : public ImageReader {
       const Scale scale = Scale::Parse(texts[i].text).value_or(Scale());
       info_.bscale = scale.step;
       info_.bzero = scale.zero;
+      info_.hasBlank = scale.hasBlank;
     }
 
     // No byte of a PNG holds more than 1032 bytes of pixels; packed depths take at least 1/8 of what they

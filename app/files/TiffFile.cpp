@@ -142,6 +142,7 @@ class TiffReader : public ImageReader {
       const Scale scale = Scale::Parse(description).value_or(Scale());
       info_.bscale = scale.step;
       info_.bzero = scale.zero;
+      info_.hasBlank = scale.hasBlank;
     }
     bytes_ = bits / 8;
     negative_ = photometric == PHOTOMETRIC_MINISWHITE && !real;

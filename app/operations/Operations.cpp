@@ -316,13 +316,16 @@ const std::vector<Operation>& Operations() {
       {"auto-level",
        "sets black and white by the image's own pixels; no pixel changes",
        {Choice("method", {"normal", "mean", "median", "histogram"},
-               "percentiles; mean or median with deviations; or the peak of the histogram"),
-        Optional(Number("low", "", "",
-                        "normal: share of pixels below black, 0.001; else deviations below the middle, 1, "
-                        "and 0.4 for histogram",
-                        -1e6, 1e6)),
+               "shares of a histogram; mean or median with deviations; or the histogram's peak"),
+        Optional(
+            Number("low", "", "",
+                   "normal: share of pixels below black, 0.001, in a histogram of 5000 bins from the darkest "
+                   "to the brightest pixel, where each bin counts one pixel more: few pixels, or some far "
+                   "from the others, move it; else deviations below the middle, 1, and 0.4 for histogram",
+                   -1e6, 1e6)),
         Optional(Number("high", "", "",
-                        "normal: share of pixels below white, 0.999; else deviations above the middle, 4, "
+                        "normal: share of pixels below white, 0.999, in that histogram; else deviations "
+                        "above the middle, 4, "
                         "and 2 for histogram",
                         -1e6, 1e6)),
         Flag("separate", "0", "1: each plane by itself; 0: all planes move together by brightness"),

@@ -8,6 +8,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "korimg/image/Numbers.h"
+
 namespace korimg::tool {
 namespace {
 
@@ -205,12 +207,40 @@ Registration Registrar::RegisterByLight(const FrameMeasure& frame, const ImageSo
 }
 
 std::string ToJson(const Registration& registration) {
-  const Json json{{"file", registration.file},     {"dx", registration.dx},
-                  {"dy", registration.dy},         {"degrees", registration.degrees},
-                  {"stars", registration.stars},   {"residual_px", registration.residual},
-                  {"fwhm", registration.fwhm},     {"method", registration.method},
-                  {"status", registration.status}, {"note", registration.note}};
+  const Json json{{"file", registration.file},
+                  {"dx", registration.dx},
+                  {"dy", registration.dy},
+                  {"degrees", registration.degrees},
+                  {"stars", registration.stars},
+                  {"residual_px", registration.residual},
+                  {"fwhm", registration.fwhm},
+                  {"flux_ratio", registration.fluxRatio ? Json(*registration.fluxRatio) : Json()},
+                  {"method", registration.method},
+                  {"status", registration.status},
+                  {"note", registration.note}};
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+void CompareFluxes(const std::vector<FrameMeasure>& frames, const FrameMeasure& reference,
+                   std::vector<Registration>& registrations) {
+  constexpr double kNear = 1.5, kSnr = 20;  // pixels
+  constexpr size_t kLeast = 5;
+  const auto isGood = [](const CStar& star) { return star.flags == 0 && star.snr > kSnr; };
+  for (size_t i = 0; i < frames.size(); ++i) {
+    if (!registrations[i].IsGood()) continue;
+    std::vector<double> ratios;
+    for (const CStar& star : frames[i].stars) {
+      if (!isGood(star)) continue;
+      const auto [x, y] = PlaceOf(registrations[i], frames[i], star.x, star.y);
+      for (const CStar& other : reference.stars) {
+        if (isGood(other) && std::hypot(other.x - x, other.y - y) < kNear) {
+          ratios.push_back(star.flux / other.flux);
+          break;
+        }
+      }
+    }
+    if (ratios.size() >= kLeast) registrations[i].fluxRatio = UpperMedian(ratios);
+  }
 }
 
 bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,

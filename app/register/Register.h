@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -43,6 +44,9 @@ struct Registration {
   std::string method;   ///< "reference", "stars", "disc", "phase"
   std::string status;   ///< "ok", "no stars", "no match", "mirrored", "residual too large"
   std::string note;     ///< numbers and limits: of what is not ok why, else what few stars leave open
+  /// Of its stars' light to that of the same ones on the reference; none when too few are the same.
+  std::optional<double> fluxRatio = {};
+
   bool IsGood() const { return status == "ok"; }
   /// Status and note.
   std::string Text() const { return note.empty() ? status : status + ": " + note; }
@@ -90,7 +94,13 @@ class Registrar {
 bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,
                            const std::function<std::shared_ptr<CVelImage>(size_t)>& image);
 
-/// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, fwhm, method, status, note.
+/// Fills in how much brighter the stars of registered frames are than the same ones of the reference: by
+/// transparency, exposure and gain. Stars that are saturated, blended, at an edge or faint do not count.
+void CompareFluxes(const std::vector<FrameMeasure>& frames, const FrameMeasure& reference,
+                   std::vector<Registration>& registrations);
+
+/// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, fwhm, flux_ratio, method, status,
+/// note.
 std::string ToJson(const Registration& registration);
 
 }  // namespace korimg::tool

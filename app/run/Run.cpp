@@ -74,26 +74,6 @@ std::string FileWord(const std::string& text) {
   return word.empty() ? "none" : word;
 }
 
-/// How much brighter stars are than the same ones of the reference: transparency, exposure. 1 when too few
-/// are the same.
-double FluxRatio(const FrameMeasure& frame, const Registration& r, const FrameMeasure& reference) {
-  constexpr double kNear = 1.5, kSnr = 20;  // pixels
-  constexpr size_t kLeast = 5;
-  const auto isGood = [](const CStar& star) { return star.flags == 0 && star.snr > kSnr; };
-  std::vector<double> ratios;
-  for (const CStar& star : frame.stars) {
-    if (!isGood(star)) continue;
-    const auto [x, y] = PlaceOf(r, frame, star.x, star.y);
-    for (const CStar& other : reference.stars) {
-      if (isGood(other) && std::hypot(other.x - x, other.y - y) < kNear) {
-        ratios.push_back(star.flux / other.flux);
-        break;
-      }
-    }
-  }
-  return ratios.size() < kLeast ? 1 : UpperMedian(ratios);
-}
-
 /// A number that images of other pixels hardly share (FNV-1a, by lines).
 std::uint64_t DigestOf(CVelImage& image) {
   constexpr std::uint64_t kStart = 14695981039346656037ULL, kFactor = 1099511628211ULL;
@@ -285,13 +265,25 @@ class Road {
           fmt::format("{}: holds {} of {} lights, less than half; the report says why", name, part, all));
       tool_.exitCode = kFailed;
     };
-    if (targets_.size() == 1) return tell(targets_[0].name, used, lights);
+    std::map<std::string, size_t> failed;  // by filter
+    for (const Session::FailedLight& light : session_.Failed()) {
+      if (light.filter) ++failed[FoldedName(*light.filter)];
+    }
     for (const Target& target : targets_) {
+      const auto own = failed.extract(FoldedName(target.filter));
       const auto stacked = std::count_if(target.frames.begin(), target.frames.end(),
                                          [](const Progress* frame) { return frame->IsUsed(); });
-      if (stacked > 0) tell(target.name, static_cast<size_t>(stacked), target.frames.size());
+      if (targets_.size() > 1 && stacked > 0) {
+        tell(target.name, static_cast<size_t>(stacked), target.frames.size() + (own ? own.mapped() : 0));
+      }
     }
-    tell("the session", used, lights);
+    for (const auto& [filter, count] : failed) {
+      tool_.console.Error(
+          fmt::format("none of the {} light{} of filter {} could be used: there is no stack of them", count,
+                      count == 1 ? "" : "s", filter.empty() ? "none" : filter));
+      tool_.exitCode = kFailed;
+    }
+    tell(targets_.size() == 1 ? targets_[0].name : "the session", used, lights);
   }
 
   void RegisterFrames() {
@@ -325,12 +317,13 @@ class Road {
               true);
         });
     RegisterThroughOthers(measures, registrations, [&](size_t k) { return image(frames_[numbers[k]])(); });
+    CompareFluxes(measures, reference.measure, registrations);
     for (size_t k = 0; k < numbers.size(); ++k) {
       Progress& frame = frames_[numbers[k]];
       frame.registration = registrations[k];
       // Frames are brought to the reference by their sky and by the light of their stars.
-      const double ratio = FluxRatio(frame.measure, frame.registration, reference.measure);
-      std::fill(std::begin(frame.levels.spread), std::end(frame.levels.spread), ratio);
+      std::fill(std::begin(frame.levels.spread), std::end(frame.levels.spread),
+                frame.registration.fluxRatio.value_or(1));
     }
     Plan(fmt::format("reference: {}, {} stars, FWHM {:.2f} px", reference.light->Name(),
                      reference.measure.starCount, reference.measure.fwhm));
@@ -464,7 +457,7 @@ class Road {
     LevelForPreview(image, kPictureSide);
     SaveImage(tool_, image, header, Path(target.name + ".fits"));
     // Pictures are upright, as the sky is.
-    const bool overturned = !header.turned && files::RowsRunUp(header, true);
+    const bool overturned = files::IsPictureOverturned(header);
     const FrameMeasure measure = MeasureFrame(image);
     if (overturned) TurnOver(image);
     SaveImage(tool_, image, header, Path(target.name + "_float.tif"));
@@ -571,8 +564,8 @@ class Road {
       }
       report_.frames.push_back(std::move(row));
     }
-    for (const std::string& name : session_.Failed()) {
-      report_.frames.push_back({name, "", "cannot be calibrated"});
+    for (const Session::FailedLight& light : session_.Failed()) {
+      report_.frames.push_back({light.name, "", "cannot be calibrated"});
     }
     korimg::tool::WriteReport(report_, Path("report.html"));
     tool_.console.Say("report: " + Path("report.html").string());
@@ -590,6 +583,8 @@ class Road {
 }  // namespace
 
 void Run(Tool& tool, RunOptions options) {
+  options.stack.Settle(true);
+  options.stack.Options();  // refuses what is wrong before any work
   if (!options.calibrate.darks.empty() || !options.calibrate.flats.empty() ||
       !options.calibrate.biases.empty()) {
     options.calibrate.masters = options.calibrate.out / "masters";

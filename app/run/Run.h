@@ -17,8 +17,7 @@ struct FrameLimits {
 
 struct RunOptions {
   CalibrateOptions calibrate;  ///< `out` is the folder for all results
-  /// Levels are those of the sky, scales those of the stars' light.
-  StackChoices stack{.normalise = "level+scale", .weight = "noise"};
+  StackChoices stack;
   FrameLimits limits;
 };
 

@@ -45,7 +45,7 @@ Journal::Journal(const fs::path& output, const std::string& digest, const Shape&
   if (use == Passing) transient_ = std::make_unique<files::TransientFile>(path_);
   file_ = std::make_unique<files::File>(path_, O_RDWR | O_CREAT | (found ? 0 : O_TRUNC), path_);
   const std::string title = fmt::format("korimg stack: finished bands, for --resume\n{}\n", digest);
-  begin_ = end_ = title.size();
+  end_ = title.size();
   if (found) {
     std::string start(title.size(), '\0');
     start.resize(file_->Read(start.data(), start.size(), 0));
@@ -53,6 +53,7 @@ Journal::Journal(const fs::path& output, const std::string& digest, const Shape&
     while (start == title && rows_ < shape.height) {
       const auto stored = Read(end_, rows_);
       if (!stored) break;
+      bands_.push_back({end_, rows_});
       end_ = stored->end;
       rows_ += stored->band.rows;
     }
@@ -112,18 +113,17 @@ void Journal::Add(const StackBand& band) {
   record.sum = sum;
   file_->Write(&record, sizeof record, end_);
   if (use_ == Kept && fdatasync(file_->Descriptor()) != 0) files::ThrowSystemError(path_, "write", errno);
+  bands_.push_back({end_, rows_});
   end_ = at;
   rows_ += band.rows;
 }
 
-void Journal::ForBands(const std::function<void(const StackBand&)>& visit) const {
-  int rows = 0;
-  for (std::uint64_t at = begin_; rows < rows_;) {
-    const auto stored = Read(at, rows);
+void Journal::ForBands(const std::function<void(const StackBand&)>& visit, bool fromLowest) const {
+  for (size_t i = 0; i < bands_.size(); ++i) {
+    const Place& place = bands_[fromLowest ? bands_.size() - 1 - i : i];
+    const auto stored = Read(place.offset, place.y0);
     if (!stored) throw files::FileError(path_, "was changed while the stack was made; run it again");
     visit(stored->band);
-    rows += stored->band.rows;
-    at = stored->end;
   }
 }
 

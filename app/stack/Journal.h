@@ -34,8 +34,8 @@ class Journal {
   /// Takes the next band. Once this returns it survives the end of the program, and one that is kept also
   /// that of the machine.
   void Add(const StackBand& band);
-  /// Calls visit for all bands, in order.
-  void ForBands(const std::function<void(const StackBand&)>& visit) const;
+  /// Calls visit for all bands, in order, or from the lowest up.
+  void ForBands(const std::function<void(const StackBand&)>& visit, bool fromLowest = false) const;
   void Remove();
 
  private:
@@ -58,7 +58,13 @@ class Journal {
   bool wasOther_ = false;
   std::unique_ptr<files::TransientFile> transient_;
   std::unique_ptr<files::File> file_;
-  std::uint64_t begin_ = 0, end_ = 0;  ///< of the bands in the file
+  /// A band in the file, and its first row.
+  struct Place {
+    std::uint64_t offset;
+    int y0;
+  };
+  std::vector<Place> bands_;
+  std::uint64_t end_ = 0;  ///< of the bands in the file
   int rows_ = 0;
 };
 

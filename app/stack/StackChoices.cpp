@@ -37,9 +37,17 @@ void StackChoices::AddTo(CLI::App& verb) {
       "sigma: standard deviations from the median beyond which values are rejected, one number or "
       "LOW,HIGH");
   verb.add_option("--iterations", iterations, "sigma: how often at most")->check(CLI::Range(1, 100));
-  verb.add_option("--normalize", normalise,
-                  "bring each frame's sky to that of the reference: its level, or its level and spread")
-      ->check(CLI::IsMember(kNormalisations));
+  verb.add_option(
+          "--normalize", normalise,
+          "bring each frame to the reference: the level of its sky, or its scale too, by the light of stars "
+          "where "
+          "register compared it, else by the spread of the pixels; auto: by level and the light of stars, "
+          "by level alone where that is not known")
+      ->check(CLI::IsMember([] {
+        auto names = kNormalisations;
+        names.insert(names.begin(), "auto");
+        return names;
+      }()));
   verb.add_option("--weight", weight, "of frames in means: by the noise, or by fwhm of --transforms")
       ->check(CLI::IsMember({"none", "noise", "fwhm"}));
   verb.add_option("--kernel", kernel, "how moved frames are read between their pixels")
@@ -49,6 +57,10 @@ void StackChoices::AddTo(CLI::App& verb) {
           "dark rings of bicubic and lanczos kernels beside bright stars: raised to the pixels around "
           "where they fall below the sky, or kept")
       ->check(CLI::IsMember({"clamp", "keep"}));
+}
+
+void StackChoices::Settle(bool fluxesAreCompared) {
+  if (normalise == "auto") normalise = fluxesAreCompared ? "level+scale" : "level";
 }
 
 StackOptions StackChoices::Options() const {

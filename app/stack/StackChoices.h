@@ -11,12 +11,14 @@
 namespace korimg::tool {
 
 struct StackChoices {
-  std::string method = "sigma", kappa = "2.5", normalise = "level", weight = "none", kernel = "bicubic",
+  std::string method = "sigma", kappa = "2.5", normalise = "auto", weight = "noise", kernel = "bicubic",
               undershoot = "clamp";
   int iterations = 5;
 
   void AddTo(CLI::App& verb);
-  /// Throws UsageError for a kappa that is none.
+  /// Decides what auto means: frames are brought to one scale where the light of their stars was compared.
+  void Settle(bool fluxesAreCompared);
+  /// Once that is settled. Throws UsageError for a kappa that is none.
   StackOptions Options() const;
   /// As a call would be written with all that counts.
   std::string Text() const;

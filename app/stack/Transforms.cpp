@@ -38,6 +38,7 @@ Transform Parse(const json& object) {
   transform.dy = Number(object, "dy", usable);
   transform.degrees = Number(object, "degrees", usable);
   if (const double fwhm = Number(object, "fwhm", false); fwhm > 0) transform.fwhm = fwhm;
+  if (const double ratio = Number(object, "flux_ratio", false); ratio > 0) transform.fluxRatio = ratio;
   return transform;
 }
 

@@ -11,9 +11,10 @@ namespace korimg::tool {
 /// How a frame is brought to the reference, as CImgComposit takes it.
 struct Transform {
   double dx = 0, dy = 0, degrees = 0;
-  std::optional<double> fwhm;  ///< pixels
-  std::string status = "ok";   ///< else why the frame is of no use
-  std::string note;            ///< the numbers of that
+  std::optional<double> fwhm;       ///< pixels
+  std::optional<double> fluxRatio;  ///< of its stars to those of the reference
+  std::string status = "ok";        ///< else why the frame is of no use
+  std::string note;                 ///< the numbers of that
 
   std::string Text() const { return note.empty() ? status : status + ": " + note; }
 

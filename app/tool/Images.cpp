@@ -206,6 +206,11 @@ void CommitComputed(files::ImageWriter& writer) {
   writer.Commit();
 }
 
+bool IsFits(const std::filesystem::path& path) {
+  const std::string extension = files::LowerExtension(path);
+  return extension == ".fits" || extension == ".fit" || extension == ".fts";
+}
+
 bool IsPng(const std::filesystem::path& path) {
   return files::LowerExtension(path) == ".png";
 }
@@ -287,8 +292,9 @@ PictureSaver::PictureSaver(const Shape& shape, const Levels& levels, int shrink)
       line_(static_cast<size_t>(picture_.width) * shape.planes) {}
 
 PictureSaver::PictureSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape,
-                           const Levels& levels, int shrink)
+                           const Levels& levels, int shrink, bool overturned)
     : PictureSaver(shape, levels, shrink) {
+  overturned_ = overturned;
   files::WriteOptions write = Format();
   write.overwrite = tool.options.overwrite;
   writer_ = files::ImageWriter::Create(path, write);
@@ -320,22 +326,40 @@ void PictureSaver::Write(int rows, const float* const* planes) {
       }
     }
     if ((next_ + 1) % rowsOfPixel_ != 0) continue;
-    const float* out[3] = {};
     for (int p = 0; p < shape_.planes; ++p) {
       const float* sums = sums_.data() + static_cast<size_t>(p) * shape_.width;
       float* to = line_.data() + static_cast<size_t>(p) * picture_.width;
       for (int x = 0; x < picture_.width; ++x) {
         to[x] = share * std::accumulate(&sums[x * shrink_], &sums[x * shrink_] + columns, 0.0f);
       }
-      out[p] = to;
     }
-    writer_->WriteRows(line, 1, out);
+    if (overturned_) {
+      overturnedLines_.insert(overturnedLines_.end(), line_.begin(), line_.end());
+    } else {
+      WriteLine(line, line_.data());
+    }
     std::fill(sums_.begin(), sums_.end(), 0.0f);
   }
 }
 
-void SavePicture(Tool& tool, CVelImage& image, const std::filesystem::path& path, int shrink) {
-  PictureSaver saver(tool, path, ShapeOf(image), Levels(image), shrink);
+void PictureSaver::WriteLine(int line, const float* pixels) {
+  const float* planes[3] = {};
+  for (int p = 0; p < picture_.planes; ++p) {
+    planes[p] = pixels + static_cast<size_t>(p) * picture_.width;
+  }
+  writer_->WriteRows(line, 1, planes);
+}
+
+void PictureSaver::Commit() {
+  for (int line = 0; overturned_ && line < picture_.height; ++line) {
+    WriteLine(line, &overturnedLines_.at(line_.size() * (picture_.height - 1 - line)));
+  }
+  CommitComputed(*writer_);
+}
+
+void SavePicture(Tool& tool, CVelImage& image, const std::filesystem::path& path, int shrink,
+                 bool overturned) {
+  PictureSaver saver(tool, path, ShapeOf(image), Levels(image), shrink, overturned);
   FillPicture(tool, image, "writing " + path.filename().string(), saver);
 }
 

@@ -71,6 +71,8 @@ struct Shape {
 /// Gives a file its final name. Throws FileError when a pipeline has failed.
 void CommitComputed(files::ImageWriter& writer);
 
+bool IsFits(const std::filesystem::path& path);
+
 /// PNG has 16 bits, whatever is asked for.
 bool IsPng(const std::filesystem::path& path);
 
@@ -95,33 +97,37 @@ class ImageSaver {
 };
 
 /// An 8-bit picture being written by levels, made smaller by a whole number of pixels: each of its pixels is
-/// the mean of what the levels show, so that a bright star stays a point.
+/// the mean of what the levels show, so that a bright star stays a point. An overturned one has its last row
+/// at the top, and is held in memory until it is complete.
 class PictureSaver {
  public:
   PictureSaver(Tool& tool, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
-               int shrink);
+               int shrink, bool overturned = false);
   /// The same as a JPEG in memory, which must outlive this object.
   PictureSaver(std::string& jpeg, const Shape& shape, const Levels& levels, int shrink);
   /// Takes the next rows; planes[p] holds rows x width floats.
   void Write(int rows, const float* const* planes);
-  void Commit() { CommitComputed(*writer_); }
+  void Commit();
 
  private:
   PictureSaver(const Shape& shape, const Levels& levels, int shrink);
+  void WriteLine(int line, const float* pixels);
   files::WriteOptions Format() const;
 
   Shape shape_, picture_;
   Levels levels_;
   int shrink_, rowsOfPixel_;
   int next_ = 0;
-  std::vector<float> sums_, line_;
+  bool overturned_ = false;
+  std::vector<float> sums_, line_, overturnedLines_;
   std::unique_ptr<files::ImageWriter> writer_;
 };
 
 /// PNG holds the image's own range where nobody chose its levels.
 void SaveImage(Tool& tool, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
                const SaveOptions& options = {});
-void SavePicture(Tool& tool, CVelImage& image, const std::filesystem::path& path, int shrink);
+void SavePicture(Tool& tool, CVelImage& image, const std::filesystem::path& path, int shrink,
+                 bool overturned = false);
 /// A JPEG of an image by its levels, in memory.
 std::string JpegOf(Tool& tool, CVelImage& image, int shrink);
 

@@ -1,6 +1,7 @@
 // korimg register: how frames lie on a reference.
 #include "app/register/Register.h"
 
+#include <algorithm>
 #include <fstream>
 
 #include <fmt/format.h>
@@ -39,6 +40,19 @@ long long BytesAtWork(const std::vector<fs::path>& frames, const std::string& hd
     }
   }
   return 0;
+}
+
+/// A reference by itself, or less than half of the frames, is no success.
+void CheckShare(Tool& tool, const std::vector<Registration>& registrations, size_t all) {
+  const auto count = [&](const auto& holds) {
+    return static_cast<size_t>(std::count_if(registrations.begin(), registrations.end(), holds));
+  };
+  const size_t good = count([](const Registration&r) { return r.IsGood(); }),
+               matched = count([](const Registration&r) { return r.IsGood() && r.method != "reference"; });
+  if (2 * good >= all && (matched > 0 || good == all)) return;
+  tool.console.Error(fmt::format("{} of {} frames lie on the reference{}", good, all,
+                                 matched > 0 ? ", less than half" : ", none but itself"));
+  tool.exitCode = kFailed;
 }
 
 void Register(Tool& tool, const RegisterOptions& options) {
@@ -97,6 +111,7 @@ void Register(Tool& tool, const RegisterOptions& options) {
         registrations[i].file = files[i].string();
       });
   RegisterThroughOthers(frames, registrations, [&](size_t i) { return load(files[i]); });
+  CompareFluxes(frames, reference, registrations);
   std::string lines;
   for (const Registration& registration : registrations) {
     if (registration.status.empty()) continue;  // its failure was told
@@ -104,6 +119,7 @@ void Register(Tool& tool, const RegisterOptions& options) {
     if (!tool.options.json) fmt::print("{}\n", Line(registration));
   }
   if (tool.options.json && (options.output.empty() || tool.options.dryRun)) fmt::print("{}", lines);
+  CheckShare(tool, registrations, wanted.size());
   if (options.output.empty() || tool.options.dryRun) return;
   files::TransientFile part(files::PartialName(options.output));
   std::ofstream out(part.Path());

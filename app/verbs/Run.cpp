@@ -2,11 +2,11 @@
 #include "app/run/Run.h"
 
 #include <algorithm>
-#include <cctype>
 
 #include <fmt/format.h>
 
 #include "app/calibrate/Frames.h"
+#include "app/files/Text.h"
 #include "app/verbs/Verbs.h"
 
 namespace korimg::tool {
@@ -15,17 +15,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string Lower(std::string name) {
-  std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
-  return name;
-}
-
 /// The folder of one kind of frames in a session: its name in any case, singular or plural. Empty: there is
 /// none.
 fs::path FindFolder(const fs::path& session, std::initializer_list<const char*> names) {
   std::vector<fs::path> found;
   for (const auto& entry : fs::directory_iterator(session)) {
-    const std::string name = Lower(entry.path().filename().string());
+    const std::string name = files::LowerCase(entry.path().filename().string());
     if (entry.is_directory() && std::find(names.begin(), names.end(), name) != names.end()) {
       found.push_back(entry.path());
     }
@@ -58,7 +53,7 @@ void FindFrames(Tool& tool, const fs::path& session, CalibrateOptions& options) 
                                     : fmt::format("{}: {} in {}", title, files.size(), folder.string()));
   }
   for (const auto& entry : fs::directory_iterator(session)) {
-    const std::string name = Lower(entry.path().filename().string());
+    const std::string name = files::LowerCase(entry.path().filename().string());
     const bool looksLikeIt = std::any_of(std::begin(kinds), std::end(kinds), [&](const auto& kind) {
       return std::any_of(kind.names.begin(), kind.names.end(),
                          [&](const char* word) { return name.find(word) != std::string::npos; });
@@ -103,7 +98,6 @@ void AddRun(CLI::App& app, Tool& tool) {
   AddCommonOptions(*verb, tool);
   verb->callback([arguments, &tool] {
     tool.Begin();
-    arguments->options.stack.Options();  // before any work
     CheckWhiteBalance(arguments->options.calibrate.develop.whiteBalance);
     FindFrames(tool, arguments->session, arguments->options.calibrate);
     Run(tool, arguments->options);

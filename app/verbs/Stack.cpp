@@ -75,6 +75,11 @@ class Sources {
   const std::vector<Source>& Used() const { return used_; }
   const std::vector<std::pair<fs::path, std::string>>& LeftOut() const { return leftOut_; }
   int Reference() const { return reference_; }
+  /// The light of stars was compared.
+  bool HaveFluxes() const {
+    return std::any_of(used_.begin(), used_.end(),
+                       [](const Source& source) { return source.transform.fluxRatio.has_value(); });
+  }
 
   /// Finds what of a frame's edges holds no data; its rows are read without that from now on.
   const files::ConstantBorder& FindBorder(size_t number) {
@@ -156,7 +161,8 @@ class Sources {
 class StackRun {
  public:
   StackRun(Tool& tool, const Options& options) : tool_(tool), options_(options), sources_(tool, options) {
-    stack_ = options.StackChoices::Options();
+    options_.Settle(sources_.HaveFluxes());
+    stack_ = options_.StackChoices::Options();
     stack_.rejectionMaps = options.maps;
     stack_.memory = DefaultStackMemory(tool);
     for (size_t i = 0; i < sources_.Used().size(); ++i) {
@@ -286,7 +292,7 @@ class StackRun {
       const Transform& t = source.transform;
       json["frames"].push_back({fs::weakly_canonical(source.path).string(), state.st_size,
                                 state.st_mtim.tv_sec, state.st_mtim.tv_nsec, t.dx, t.dy, t.degrees,
-                                t.fwhm.value_or(0)});
+                                t.fwhm.value_or(0), t.fluxRatio.value_or(0)});
     }
     return json.dump(-1, ' ', true, Json::error_handler_t::replace);
   }
@@ -309,6 +315,10 @@ class StackRun {
           tool_.console.CheckCancelled();
           const Measured measured = result();
           inputs_[i].levels = measured.levels;
+          if (sources_.HaveFluxes()) {
+            const double ratio = sources_.Used()[i].transform.fluxRatio.value_or(1);
+            std::fill(std::begin(inputs_[i].levels.spread), std::end(inputs_[i].levels.spread), ratio);
+          }
           if (!measured.noData.empty()) {
             tool_.console.Say(fmt::format("{}: {}", inputs_[i].name, measured.noData));
           }
@@ -380,15 +390,34 @@ class StackRun {
       savers.push_back(savers.empty() ? NewSaver(output, header, Levels(*sample), range.Get())
                                       : NewSaver(output, header, countLevels));
     }
-    journal.ForBands([&](const StackBand& band) {
-      tool_.console.CheckCancelled();
-      savers[0]->Write(band.rows, band.planes);
-      if (!options_.maps) return;
-      savers[1]->Write(band.rows, band.low);
-      savers[2]->Write(band.rows, band.high);
-    });
+    // Pictures are upright, as the sky is; FITS files lie as their frames do.
+    const bool turns = !IsFits(options_.output) && files::IsPictureOverturned(header);
+    journal.ForBands(
+        [&](const StackBand& band) {
+          tool_.console.CheckCancelled();
+          const float* const* images[] = {band.planes, band.low, band.high};
+          for (size_t i = 0; i < savers.size(); ++i) {
+            if (turns) {
+              WriteOverturned(*savers[i], band.rows, images[i]);
+            } else {
+              savers[i]->Write(band.rows, images[i]);
+            }
+          }
+        },
+        turns);
     for (size_t i = savers.size(); i-- > 0;) {
       savers[i]->Commit();
+    }
+  }
+
+  /// Writes rows, the last one first.
+  void WriteOverturned(ImageSaver& saver, int rows, const float* const* planes) const {
+    for (int y = rows - 1; y >= 0; --y) {
+      const float* row[3] = {};
+      for (int p = 0; p < shape_.planes; ++p) {
+        row[p] = planes[p] + static_cast<size_t>(y) * shape_.width;
+      }
+      saver.Write(1, row);
     }
   }
 
@@ -431,7 +460,7 @@ class StackRun {
   }
 
   Tool& tool_;
-  const Options& options_;
+  Options options_;
   Sources sources_;
   StackOptions stack_;
   StackPlan plan_;

@@ -255,6 +255,7 @@ TEST_F(CalibrateTest, MastersOnAnotherScaleAreRefusedWithTheNumbers) {
   write("light.fits", 770);
   write("unit.fits", 770 / 65535.0);
   for (const char* n : {"1", "2"}) {
+    Write(fmt::format("below/{}.fits", n), [](int x, int y) { return (x * 5 + y * 3) % 7 - 1; });
     write(fmt::format("dark/{}.fits", n), 510);
     write(fmt::format("bias/{}.fits", n), 500);
     write(fmt::format("less/{}.fits", n), 10);  // the bias is off already
@@ -266,6 +267,7 @@ TEST_F(CalibrateTest, MastersOnAnotherScaleAreRefusedWithTheNumbers) {
   } cases[] = {{"--dark @dark @light.fits", ""},
                {"--dark @dark --bias @bias --flat @flat @light.fits", ""},
                {"--dark @less @light.fits", ""},
+               {"--dark @below @light.fits", "14.2 % of its pixels are negative"},
                {"--dark @small @light.fits", "median of 793.1, but master_dark no pixel above 0.00825"},
                {"--bias @small @light.fits", "but master_bias no pixel above"},
                {"--dark @dark @unit.fits", "less than 525.3 of master_dark"},
@@ -278,6 +280,76 @@ TEST_F(CalibrateTest, MastersOnAnotherScaleAreRefusedWithTheNumbers) {
     EXPECT_EQ(fs::exists(In("out")), !*c.said) << c.call;
     EXPECT_EQ(Calibrate(std::string("--allow-mismatch --out @out2 --overwrite ") + c.call).code, 0) << c.call;
   }
+}
+
+/// Counts of photons with that mean, in whole numbers of values.
+Rule Photons(double mean, double gain, int seed) {
+  return [=](int x, int y) {
+    const std::uint64_t n = 1000003ull * seed + 2ull * (4096 * y + x);
+    const double normal = std::sqrt(-2 * std::log(test::Noise(n) + 1e-12)) *
+                          std::cos(2 * std::numbers::pi * test::Noise(n + 1));
+    const double electrons = mean * gain * (1 + 0.2 * Flat(x % 13, y)) * (x % 2 ? 1 : 0.6);
+    return std::round(200 + (electrons + std::sqrt(electrons) * normal) / gain);
+  };
+}
+
+// What nobody told of the gain is told by the noise of two flats, of unequal light.
+TEST_F(CalibrateTest, FlatsTellTheGain) {
+  constexpr int kSide = 400;
+  for (const double gain : {0.4, 3.7}) {
+    const auto write = [&](const std::string& name, const Rule& rule, Header header = {},
+                           const char* type = "uint16") {
+      fs::create_directories(In(name).parent_path());
+      std::vector<float> pixels;
+      for (int i = 0; i < kSide * kSide; ++i) {
+        pixels.push_back(static_cast<float>(rule(i % kSide, i / kSide)));
+      }
+      files::WriteAll(
+          *ImageWriter::Create(
+              In(name), {.width = kSide, .height = kSide, .type = type, .header = header, .overwrite = true}),
+          {pixels}, kSide, kSide, kSide);
+    };
+    write("flat/1.fits", Photons(9000, gain, 1));
+    write("flat/2.fits", Photons(7000, gain, 2));
+    write("bias/1.fits", [](int, int) { return 200; });
+    write("light.fits", Photons(300, gain, 3));
+    write("known.fits", Photons(300, gain, 3), Cards({{"EGAIN", "1.25"}}));
+    const Outcome made =
+        Calibrate("--flat @flat --bias @bias --overwrite --out @out @light.fits @known.fits");
+    ASSERT_EQ(made.code, 0) << made.errors;
+    EXPECT_NEAR(ImageReader::Open(In("out/light.fits"))->Info().header.GetDouble("EGAIN").value_or(0) / gain,
+                1, 0.02);
+    EXPECT_EQ(ImageReader::Open(In("out/known.fits"))->Info().header.GetDouble("EGAIN"), 1.25);
+    // Floats are no counts of a camera.
+    write("flat/1.fits", Photons(9000, gain, 1), {}, "float32");
+    ASSERT_EQ(Calibrate("--flat @flat --bias @bias --overwrite --out @out @light.fits").code, 0);
+    EXPECT_FALSE(ImageReader::Open(In("out/light.fits"))->Info().header.GetDouble("EGAIN"));
+  }
+}
+
+TEST_F(CalibrateTest, PaddingStaysNoDataAndPicturesAreUpright) {
+  constexpr int kSide = 64;
+  const Header sky = files::SkyFromBelow();
+  std::vector<float> pixels;
+  for (int i = 0; i < kSide * kSide; ++i) {
+    const int x = i % kSide, y = i / kSide;
+    pixels.push_back(x < 9 ? 0 : 200 + 10 * static_cast<float>(test::Noise(i)) + (y < 16 ? 400.0f : 0.0f));
+  }
+  files::WriteAll(*ImageWriter::Create(In("light.fits"), {.width = kSide, .height = kSide, .header = sky}),
+                  {pixels}, kSide, kSide, 16);
+  std::vector<float> dark(kSide * kSide, 3);
+  files::WriteAll(*ImageWriter::Create(In("dark.fits"), {.width = kSide, .height = kSide, .overwrite = true}),
+                  {dark}, kSide, kSide, 16);
+  const Outcome made = Calibrate("--dark @dark.fits --previews --out @out @light.fits");
+  ASSERT_EQ(made.code, 0) << made.errors;
+  EXPECT_NE(made.out.find("14 % of its pixels, at the edges, are 0 throughout"), std::string::npos)
+      << made.out;
+  const std::vector<float> light = Pixels(In("out/light.fits")),
+                           preview = Pixels(In("out/previews/light.png"));
+  for (int i = 0; i < kSide * kSide; ++i) {
+    ASSERT_EQ(std::isnan(light[i]), i % kSide < 9) << i;
+  }
+  EXPECT_LT(preview[5 * kSide + 40], preview[60 * kSide + 40]);
 }
 
 TEST_F(CalibrateTest, MosaicsThatFramesDoNotName) {
@@ -508,11 +580,18 @@ TEST_F(CalibrateTest, WhatIsBrokenOrInTheWay) {
   EXPECT_EQ(Calibrate("--dark @dark.fits --overwrite --out @light @light/a.fits").code, 1);
   EXPECT_EQ(Difference("light/a.fits", level(100)), "");
 
-  // Two lights that would make one file.
-  Write("other/a.fit", level(100));
-  EXPECT_NE(Calibrate("--dark @dark.fits --out @out3 @light/a.fits @other/a.fit").errors.find("same name"),
+  // Two lights of one name, and folders in a folder.
+  Write("other/a.fit", level(200));
+  EXPECT_EQ(Calibrate("--dark @dark.fits --out @out3 @light/a.fits @other/a.fit").code, 0);
+  EXPECT_EQ(Difference("out3/a.fits", level(90)), "");
+  EXPECT_EQ(Difference("out3/a_2.fits", level(190)), "");
+  Write("other/night 2/b.fits", level(200));
+  EXPECT_NE(Calibrate("--dark @dark.fits --out @out4 @other")
+                .errors.find("are not read; name these to use them: night 2"),
             std::string::npos);
-  EXPECT_FALSE(fs::exists(In("out3")));
+  fs::remove(In("other/a.fit"));
+  EXPECT_NE(Calibrate("--dark @dark.fits --out @out5 @other").errors.find("name these: night 2"),
+            std::string::npos);
 }
 
 /// The sky of a calibrated light over what the truth says, in cells free of stars and nebula.

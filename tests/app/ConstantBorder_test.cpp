@@ -78,7 +78,12 @@ TEST_F(ConstantBorderTest, IsWhatHoldsOneValueAtTheEdges) {
       {"no noise", [](int, int x, int y) { return 100 + Star(x, y, 90, 70); }, none},
       {"a gradient without noise", [](int, int x, int) { return 100 + 3 * x; }, none},
       {"another", [](int, int, int y) { return 100 + 3 * y; }, none},
-      {"saturated", [&](int p, int x, int y) { return x < 50 ? 65535 : Padded(none, 0)(p, x, y); }, none},
+      {"the highest value", Padded(sides, 65535), sides, "uint16"},
+      {"a saturated glow",
+       [&](int p, int x, int y) {
+         return std::min(Padded(none, 0)(p, x, y) + 2e5 * std::exp(-x / 40.0), 65535.0);
+       },
+       none},
       {"a planet",
        [](int, int x, int y) {
          return std::max(

@@ -36,6 +36,23 @@ class FolderTest : public ::testing::Test {
   std::filesystem::path folder_;
 };
 
+/// World coordinates that only rows from the lowest up bring into the order of the sky; nothing states it.
+inline Header SkyFromBelow() {
+  Header header;
+  for (const auto& [key, text] : {std::pair("CTYPE1", "RA---TAN"), {"CTYPE2", "DEC--TAN"}}) {
+    header.Set(key, text);
+  }
+  for (const auto& [key, number] : {std::pair("CRPIX1", 3.0),
+                                    {"CRPIX2", 2.0},
+                                    {"CD1_1", -0.5},
+                                    {"CD1_2", 0.0},
+                                    {"CD2_1", 0.0},
+                                    {"CD2_2", 0.5}}) {
+    header.Set(key, number);
+  }
+  return header;
+}
+
 inline std::string ReadBytes(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};

@@ -325,6 +325,29 @@ TEST_F(RunTest, BadSessionsSayWhatToDo) {
   EXPECT_EQ(copies.code, 0) << copies.err;
   EXPECT_NE(copies.err.find("is a copy of light_0001.fits"), std::string::npos) << copies.err;
   EXPECT_EQ(ImageReader::Open(In("copies/stack.fits"))->Info().header.GetInt("NCOMBINE"), 2);
+  // A filter that no flat serves has no stack.
+  const auto through = [&](const std::string& name, const char* filter) {
+    const auto reader = ImageReader::Open(In(name));
+    ImageInfo info = reader->Info();
+    const Planes pixels = ReadAll(*reader, 64);
+    info.header.Set("FILTER", filter);
+    WriteAll(*ImageWriter::Create(
+                 In(name),
+                 {.width = 300, .height = 200, .type = "uint16", .header = info.header, .overwrite = true}),
+             pixels, 300, 200, 64);
+  };
+  fs::copy(In("night"), In("filters"), fs::copy_options::recursive);
+  for (const auto& flat : fs::directory_iterator(In("filters/flats"))) {
+    through("filters/flats/" + flat.path().filename().string(), "L");
+  }
+  fs::remove(In("filters/lights/x2.fit")), fs::remove(In("filters/lights/x2.fits"));
+  through("filters/lights/light_0001.fits", "L");
+  through("filters/lights/light_0002.fits", "Ha");
+  const Result filters = Shell("korimg run filters --out halves");
+  EXPECT_EQ(filters.code, 1);
+  EXPECT_NE(filters.err.find("none of the 1 light of filter ha could be used"), std::string::npos)
+      << filters.err;
+  EXPECT_TRUE(fs::exists(In("halves/stack.fits")));
   // Folders that are not read are named, and a truncated dark is left out.
   fs::create_directories(In("night/flatdarks"));
   fs::resize_file(In("night/darks/dark_0001.fits"), 20000);

@@ -129,16 +129,54 @@ TEST_F(StackTest, TransformsAreThoseOfTheCompositeAndBadFramesAreLeftOut) {
   ASSERT_EQ(
       Shell("korimg composite 0.fits 4.fits --dx -1.3 --dy 0.4 --angle 2 --kernel bicubic -o both.fits").code,
       0);
-  ASSERT_EQ(Shell("korimg stack 0.fits 4.fits --transforms t.jsonl --method mean --normalize none -o "
-                  "out.fits --overwrite")
-                .code,
-            0);
+  ASSERT_EQ(
+      Shell("korimg stack 0.fits 4.fits --transforms t.jsonl --method mean --normalize none --weight none -o "
+            "out.fits --overwrite")
+          .code,
+      0);
   const Planes both = Read("both.fits"), stacked = Read("out.fits");
   for (int i = 10 * kWidth; i < 20 * kWidth; ++i) {
     const int x = i % kWidth;
     if (x <= 5 || x >= 34) continue;  // the first alone, or with 0
     EXPECT_NEAR(both[0][i], stacked[0][i], 1e-3) << x;
   }
+}
+
+// Frames that register compared by their stars are brought to one scale of light, and pictures are upright.
+TEST_F(StackTest, FluxesOfTransformsAreTheScale) {
+  constexpr int kWidth = 120, kHeight = 80;
+  const auto scene = [](int x, int y) {
+    return 900 * std::exp(-(std::pow(x - 60.0, 2) + std::pow(y - 20.0, 2)) / 6);
+  };
+  const Header sky = files::SkyFromBelow();
+  // Half of the light, but the noise of an equal sky.
+  const double fluxes[] = {1, 0.5};
+  for (int i = 0; i < 2; ++i) {
+    Frame(
+        fmt::format("{}.fits", i), kWidth, kHeight,
+        [&](int, int x, int y) {
+          return 300 + fluxes[i] * scene(x, y) + 10 * (test::Noise(7919 * i + 1000 * y + x) - 0.5);
+        },
+        "float32", sky);
+  }
+  const auto line = [](const char* name, double ratio) {
+    return json{{"file", name}, {"dx", 0}, {"dy", 0}, {"degrees", 0}, {"flux_ratio", ratio}}.dump() + "\n";
+  };
+  files::WriteBytes(In("t.jsonl"), line("0.fits", 1) + line("1.fits", 0.5));
+  const auto peak = [&](const std::string& options) {
+    const files::Result r =
+        Shell("korimg stack 0.fits 1.fits --method mean --weight none -o out.fits --overwrite " + options);
+    EXPECT_EQ(r.code, 0) << r.err;
+    return Read("out.fits")[0][20 * kWidth + 60] - 300;
+  };
+  EXPECT_NEAR(peak("--transforms t.jsonl"), 900, 10);
+  EXPECT_NEAR(peak("--transforms t.jsonl --normalize level"), 675, 10);
+  EXPECT_NEAR(peak(""), 675, 10);
+  ASSERT_EQ(Shell("korimg stack 0.fits 1.fits --rejection-maps -o out.tif --memory 400K").code, 0);
+  const Planes fits = Read("out.fits"), picture = Read("out.tif"), low = Read("out_low.tif");
+  EXPECT_GT(picture[0][(kHeight - 1 - 20) * kWidth + 60], 600);
+  EXPECT_LT(picture[0][20 * kWidth + 60], 400);
+  EXPECT_EQ(low[0].size(), picture[0].size());
 }
 
 TEST_F(StackTest, WhatIsWrongIsToldBeforeTheWork) {

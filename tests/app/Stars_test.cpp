@@ -164,12 +164,12 @@ TEST_F(StarsTest, HalfTurnsAreFoundAndMirroredFramesNamed) {
 
 TEST_F(StarsTest, StacksReadWhatRegisterWrites) {
   const std::string name = "a \"b\" 星.fits";
-  const tool::Registration registration{In(name).string(), -1.5, 1e-17,   179.25, 7, 0.125, 2.5,
-                                        "phase",           "ok", "a note"};
+  const tool::Registration registration{In(name).string(), -1.5, 1e-17,    179.25, 7, 0.125, 2.5,
+                                        "phase",           "ok", "a note", 0.75};
   WriteBytes(In("list"), tool::ToJson(registration) + "\n\n");
   const tool::Transform read = tool::Transforms(In("list")).Of(In(name));
-  EXPECT_EQ(std::tuple(read.dx, read.dy, read.degrees, read.fwhm, read.Text()),
-            std::tuple(-1.5, 1e-17, 179.25, 2.5, "ok: a note"));
+  EXPECT_EQ(std::tuple(read.dx, read.dy, read.degrees, read.fwhm, read.fluxRatio, read.Text()),
+            std::tuple(-1.5, 1e-17, 179.25, 2.5, 0.75, "ok: a note"));
 }
 
 TEST_F(StarsTest, FramesWithoutCommonStarsAreRegisteredThroughOthers) {
@@ -365,6 +365,9 @@ TEST_F(StarsTest, FailuresSayWhatIsWrong) {
   EXPECT_EQ(Shell("korimg register --reference missing.fits flat.fits").code, 1);
   const Result folder = Shell("mkdir two && cp flat.fits noise.fits two && korimg register --json two");
   EXPECT_EQ(Lines(folder.out).size(), 2u) << folder.err;
+  EXPECT_EQ(folder.code, 1);
+  EXPECT_NE(folder.err.find("1 of 2 frames lie on the reference, none but itself"), std::string::npos)
+      << folder.err;
 }
 
 }  // namespace
