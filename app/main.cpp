@@ -2,11 +2,9 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include "korimg/platform/CException.h"
-
-#include "app/files/ImageFile.h"
 #include "app/tool/Tool.h"
 #include "app/verbs/Verbs.h"
+#include "session/files/ImageFile.h"
 
 using namespace korimg;
 using namespace korimg::tool;
@@ -44,8 +42,8 @@ int Run(int argc, char** argv, Tool& tool) {
     const int code = app.exit(error);
     return code == 0 ? kDone : kBadUsage;
   }
-  if (tool.exitCode == kDone) Tool::CheckComputed("korimg");  // nothing was saved that could have said it
-  return tool.exitCode;
+  if (tool.ExitCode() == kDone) Job::CheckComputed("korimg");  // nothing was saved that could have said it
+  return tool.ExitCode();
 }
 
 }  // namespace
@@ -53,7 +51,7 @@ int Run(int argc, char** argv, Tool& tool) {
 int main(int argc, char** argv) {
   CatchSignals();
   Tool tool;
-  tool.commandLine = CommandLine(argc, argv);
+  tool.job.options.origin = CommandLine(argc, argv);
   try {
     return Run(argc, argv, tool);
   } catch (const Cancelled&) {
@@ -63,13 +61,12 @@ int main(int argc, char** argv) {
   } catch (const UsageError& error) {
     tool.console.Error(error.what());
     return kBadUsage;
-  } catch (CMemoryException* error) {
-    error->Delete();
-    tool.console.Error("out of memory; lower --memory, so that large images go to temporary files");
-  } catch (const std::bad_alloc&) {
-    tool.console.Error("out of memory; lower --memory, so that large images go to temporary files");
-  } catch (const std::exception& error) {
-    tool.console.Error(error.what());
+  } catch (...) {
+    try {
+      ThrowOfFamily();
+    } catch (const Error& error) {
+      tool.console.Error(error.what());
+    }
   }
   return kFailed;
 }

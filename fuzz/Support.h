@@ -1,4 +1,4 @@
-// What the fuzz targets share: a folder in memory, a silent tool with small stores, and reading whole images.
+// What the fuzz targets share: a folder in memory, a silent job with small stores, and reading whole images.
 #pragma once
 
 #include <algorithm>
@@ -19,8 +19,8 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/platform/CParallel.h"
 
-#include "app/files/ImageFile.h"
-#include "app/tool/Images.h"
+#include "session/files/ImageFile.h"
+#include "session/picture/Images.h"
 
 namespace korimg::fuzz {
 
@@ -58,21 +58,20 @@ inline std::filesystem::path WriteInput(const char* name, const void* data, std:
   return path;
 }
 
-/// One tool for all runs, on one thread and with a small budget.
-inline tool::Tool& QuietTool() {
-  static tool::Tool* const tool = [] {
+/// One job for all runs, on one thread and with a small budget.
+inline session::Job& QuietJob() {
+  static session::Job* const job = [] {
     Folder();
     // Recipes may ask for images of any size: those that are no small ones find a full disk.
     constexpr rlim_t kLargest = 8 << 20;
     const rlimit limit{kLargest, kLargest};
     setrlimit(RLIMIT_FSIZE, &limit);
     std::signal(SIGXFSZ, SIG_IGN);
-    auto* made = new tool::Tool;
-    made->options = {.threads = 1, .memory = 4 << 20, .quiet = true, .overwrite = true};
-    made->Begin();
-    return made;
+    CParallel::SetMaxThreads(1);
+    SetPipelineThreads(1);
+    return new session::Job({.memory = 4 << 20, .overwrite = true});
   }();
-  return *tool;
+  return *job;
 }
 
 /// Whether an input begins as files of its format do; others go to the decoders of camera raw, at a cost.
@@ -87,12 +86,12 @@ inline bool Begins(const std::uint8_t* data, std::size_t size,
 /// one line.
 inline void ReadImage(const std::filesystem::path& path, const files::ReadOptions& options = {}) {
   constexpr std::int64_t kSmall = 1 << 18;  // pixels
-  static const auto store = QuietTool().MakeStore();
+  static const auto store = QuietJob().MakeStore();
   try {
     const auto reader = files::ImageReader::Open(path, options);
     const files::ImageInfo& info = reader->Info();
     if (std::int64_t{info.width} * info.height * info.planes <= kSmall) {
-      tool::LoadImage(QuietTool(), store, path, options);
+      session::LoadImage(QuietJob(), store, path, options);
       return;
     }
     std::vector<float> rows(static_cast<std::size_t>(info.width) * info.planes);

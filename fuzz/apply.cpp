@@ -17,7 +17,7 @@ namespace {
 /// A small image with wild pixels, in the folder of this process.
 void MakeFile(const char* name, int planes, int kind) {
   constexpr int kWidth = 24, kHeight = 17;
-  const auto store = fuzz::QuietTool().MakeStore();
+  const auto store = fuzz::QuietJob().MakeStore();
   CVelImage image(store, CImage::Float, kWidth, kHeight, planes, 1.0, 0.0, 1, nullptr);
   for (int p = 0; p < planes; ++p) {
     image.SetLevel(p, 100 + 10 * p, 900 + 25 * p);
@@ -29,14 +29,14 @@ void MakeFile(const char* name, int planes, int kind) {
   }
   files::Header header;
   if (kind == 2) header.Set("BAYERPAT", "RGGB");
-  SaveImage(fuzz::QuietTool(), image, header, fuzz::Folder() / name);
+  SaveImage(fuzz::QuietJob(), image, header, fuzz::Folder() / name);
 }
 
 /// Runs the verb as the command line does. Answers how it ended.
 std::string Outcome(std::vector<std::string> words) {
   CLI::App app;
-  Tool& tool = fuzz::QuietTool();
-  const CommonOptions options = tool.options;
+  Tool tool;
+  tool.options = {.threads = 1, .memory = 4 << 20, .quiet = true, .overwrite = true};
   AddApply(app, tool);
   std::string outcome = "done";
   try {
@@ -52,7 +52,6 @@ std::string Outcome(std::vector<std::string> words) {
     error->Delete();
     outcome = "memory";
   }
-  tool.options = options;
   return outcome;
 }
 
@@ -62,7 +61,7 @@ std::string Outcome(std::vector<std::string> words) {
 // others the polygon.
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const bool made = [] {
-    fuzz::QuietTool();
+    fuzz::QuietJob();
     MakeFile("gray.fits", 1, 1);
     MakeFile("mosaic.fits", 1, 2);
     MakeFile("colour.fits", 3, 3);

@@ -1,9 +1,9 @@
 // The cards of a header: read, changed, moved along with pixels, and chosen for output.
 #include <cmath>
 
-#include "app/files/Geometry.h"
-#include "app/files/Mosaic.h"
 #include "fuzz/Support.h"
+#include "session/files/Geometry.h"
+#include "session/files/Mosaic.h"
 
 using namespace korimg;
 using namespace korimg::files;
@@ -58,6 +58,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz::Expect(!header.GetString("OBJECT"), "what was removed is gone");
   ExpectCards(header.CardsForOutput());
   CHeader camera;
-  tool::ReadHeader(info, camera);
+  session::ReadHeader(info, camera);
   return 0;
 }

@@ -1,6 +1,6 @@
 // The journal of a stack that was killed: bands that were written, and a file that was damaged since or never
 // was one.
-#include "app/stack/Journal.h"
+#include "session/stack/Journal.h"
 
 #include <algorithm>
 #include <cstring>
@@ -8,7 +8,7 @@
 #include "fuzz/Support.h"
 
 using namespace korimg;
-using namespace korimg::tool;
+using namespace korimg::session;
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <tiffio.h>
 #include <zlib.h>
 
-#include "app/operations/Operations.h"
-#include "app/stack/Journal.h"
 #include "fuzz/Support.h"
+#include "session/operations/Operations.h"
+#include "session/stack/Journal.h"
 #include "tests/support/Dng.h"
 
 using namespace korimg;
@@ -184,16 +184,16 @@ void WriteRecipes(const fs::path& folder, const fs::path& dictionary) {
                            "p",
                            "t"};
   std::size_t number = 0;
-  for (const tool::Operation& operation : tool::Operations()) {
+  for (const session::Operation& operation : session::Operations()) {
     words += fmt::format("\"{}\"\n", operation.name);
     std::string recipe = operation.name;
-    for (const tool::Parameter& p : operation.parameters) {
+    for (const session::Parameter& p : operation.parameters) {
       words += fmt::format("\"{}=\"\n", p.name);
       std::string value = p.defaultValue;
-      if (p.kind == tool::ParameterKind::File) value = "gray.fits";
-      if (p.kind == tool::ParameterKind::Rect) value = "3,2,20,14";
-      if (p.kind == tool::ParameterKind::Points) value = "0:0,0.3:0.5,1:1";
-      if (p.kind == tool::ParameterKind::PerPlane && value.empty()) value = "150,100,200";
+      if (p.kind == session::ParameterKind::File) value = "gray.fits";
+      if (p.kind == session::ParameterKind::Rect) value = "3,2,20,14";
+      if (p.kind == session::ParameterKind::Points) value = "0:0,0.3:0.5,1:1";
+      if (p.kind == session::ParameterKind::PerPlane && value.empty()) value = "150,100,200";
       if (value.empty()) value = "7";
       for (const std::string& choice : p.choices) {
         words += fmt::format("\"{}\"\n", choice);

@@ -13,7 +13,7 @@ namespace {
 CVelImage& Star() {
   static CVelImage* const image = [] {
     constexpr int kSide = 31;
-    static const auto store = fuzz::QuietTool().MakeStore();
+    static const auto store = fuzz::QuietJob().MakeStore();
     auto* made = new CVelImage(store, CImage::Float, kSide, kSide, 1, 1.0, 0.0, 1, nullptr);
     for (int i = 0; i < kSide * kSide; ++i) {
       const int x = i % kSide - kSide / 2, y = i / kSide - kSide / 2;

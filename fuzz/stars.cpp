@@ -18,7 +18,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < kHead + sizeof(float)) return 0;
   const int most = data[3] & 16 ? 90 : 24;  // of several cells of sky, or quick
   const int width = 1 + data[0] % most, height = 1 + data[1] % most, planes = data[2] % 2 ? 3 : 1;
-  static const auto contiguous = fuzz::QuietTool().MakeStore();
+  static const auto contiguous = fuzz::QuietJob().MakeStore();
   static const auto paged = CreatePagedManager({.budget = 1 << 16, .blockSize = 4096});
   CImgPixelInfo image;
   image.Create(

@@ -1,5 +1,5 @@
 // Registration files, as `--transforms` takes them.
-#include "app/stack/Transforms.h"
+#include "session/stack/Transforms.h"
 
 #include <cmath>
 
@@ -10,8 +10,8 @@ using namespace korimg;
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const auto path = fuzz::WriteInput("transforms", data, size);
   try {
-    const tool::Transforms transforms(path);
-    const tool::Transform& one = transforms.Of("a.fits");
+    const session::Transforms transforms(path);
+    const session::Transform& one = transforms.Of("a.fits");
     constexpr double kFar = 1e6;
     fuzz::Expect(std::abs(one.dx) <= kFar && std::abs(one.dy) <= kFar && std::abs(one.degrees) <= kFar,
                  "shifts and angles within limits");

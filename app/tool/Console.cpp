@@ -9,11 +9,8 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "korimg/image/Progress.h"
-#include "korimg/platform/Debug.h"
-
-#include "app/files/ImageFile.h"
 #include "app/tool/Tool.h"
+#include "session/files/ImageFile.h"
 
 namespace korimg::tool {
 namespace {
@@ -28,6 +25,10 @@ extern "C" void OnSignal(int) {
   g_interrupted = 1;
 }
 
+constexpr char kEscape = 27;
+
+}  // namespace
+
 bool HasJapaneseLocale() {
   for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
     const char* value = std::getenv(name);
@@ -35,10 +36,6 @@ bool HasJapaneseLocale() {
   }
   return false;
 }
-
-constexpr char kEscape = 27;
-
-}  // namespace
 
 /// Single keys from the terminal, for as long as a bar is shown.
 struct Console::Keyboard {
@@ -69,48 +66,70 @@ struct Console::Keyboard {
   }
 };
 
-Console::Console() : isTerminal_(isatty(STDERR_FILENO)), isJapanese_(HasJapaneseLocale()) {
-  window_ = CreateMessageWindow([this](unsigned message, std::uintptr_t first, std::intptr_t second) {
-    if (message != kProgressMessage) return 0;
-    switch (static_cast<ProgressEvent>(first)) {
-      case ProgressEvent::Open:
-        if (isJapanese_ && second) operation_ = Narrow(reinterpret_cast<const wchar_t*>(second));
-        break;
-      case ProgressEvent::Step:
-        Progress(operation_, second, 100);
-        break;
-      case ProgressEvent::Close:
-        EndProgress();
-        break;
-      default:
-        break;
-    }
-    return 0;
-  });
-}
+/// What the terminal has to say of cancelling.
+class Console::TerminalToken : public session::CancelToken {
+ public:
+  explicit TerminalToken(Console& console) : console_(console) {}
+  bool IsCancelled() override {
+    const std::lock_guard lock(console_.mutex_);
+    if (g_interrupted || (console_.keyboard_ && console_.keyboard_->EscapePressed())) Cancel();
+    if (!CancelToken::IsCancelled()) return false;
+    console_.End();
+    return true;
+  }
+
+ private:
+  Console& console_;
+};
+
+Console::Console() : isTerminal_(isatty(STDERR_FILENO)) {}
 
 Console::~Console() {
   End();
-  DestroyMessageWindow(window_);
 }
 
-void Console::SetUp(bool quiet, bool json) {
+std::shared_ptr<session::CancelToken> Console::Token() {
+  return std::make_shared<TerminalToken>(*this);
+}
+
+void Console::SetUp(bool quiet, bool verbose, bool json) {
   quiet_ = quiet;
+  verbose_ = verbose;
   json_ = json;
 }
 
-void Console::Say(const std::string& line) {
-  if (quiet_ || json_) return;
+void Console::Show(const session::Event& event) {
+  using session::Event;
   const std::lock_guard lock(mutex_);
+  const bool tells = !quiet_ && !json_;
+  switch (event.kind) {
+    case Event::Note:
+      if (tells) Print(event.text);
+      break;
+    case Event::Detail:
+      if (tells && verbose_) Print(event.text);
+      break;
+    case Event::Progress:
+      ShowProgress(event);
+      break;
+    case Event::Result:
+      if (json_) Print(event.data);
+      if (tells && !event.text.empty()) Print(event.text);
+      break;
+    case Event::Warning:
+      ClearBar();
+      fmt::print(stderr, "korimg: warning: {}\n", event.text);
+      break;
+    case Event::Failure:
+      Error(event.text);
+      break;
+  }
+}
+
+void Console::Print(const std::string& line) {
   ClearBar();
   fmt::print("{}\n", line);
   std::fflush(stdout);
-}
-
-void Console::Warn(const std::string& line) {
-  const std::lock_guard lock(mutex_);
-  ClearBar();
-  fmt::print(stderr, "korimg: warning: {}\n", line);
 }
 
 void Console::Error(const std::string& line) {
@@ -119,42 +138,26 @@ void Console::Error(const std::string& line) {
   fmt::print(stderr, "korimg: {}\n", line);
 }
 
-void Console::Progress(const std::string& title, long long step, long long total) {
-  const std::lock_guard lock(mutex_);
-  if (!inJob_) Show(title, step, total);
-}
-
-void Console::EndProgress() {
-  const std::lock_guard lock(mutex_);
-  if (!inJob_) End();
-}
-
-void Console::JobProgress(const std::string& title, long long step, long long total,
-                          const std::string& detail) {
-  const std::lock_guard lock(mutex_);
-  inJob_ = total > 0;
-  Show(title, step, total, detail);
-}
-
-void Console::Show(const std::string& title, long long step, long long total, const std::string& detail) {
+void Console::ShowProgress(const session::Event& event) {
   using namespace std::chrono;
+  const long long step = event.step, total = event.total;
   if (total <= 0) return End();
   const auto now = steady_clock::now();
-  if (title != title_) {
+  if (event.text != title_) {
     End();
-    title_ = title;
+    title_ = event.text;
     start_ = now;
     lastShown_ = now;
   }
   const int percent = static_cast<int>(100 * std::min(step, total) / total);
   if (quiet_ || percent == lastPercent_) return;
   lastPercent_ = percent;
-  const std::string where = detail.empty() ? fmt::format("{} of {}", step, total) : detail;
+  const std::string where = event.detail.empty() ? fmt::format("{} of {}", step, total) : event.detail;
   if (!isTerminal_) {
     // A line every few seconds is enough for a log.
     if (now - lastShown_ < 5s) return;
     lastShown_ = now;
-    fmt::print(stderr, "korimg: {}: {}\n", title, where);
+    fmt::print(stderr, "korimg: {}: {}\n", title_, where);
     return;
   }
   if (!keyboard_) keyboard_ = std::make_unique<Keyboard>();
@@ -164,7 +167,7 @@ void Console::Show(const std::string& title, long long step, long long total, co
   const int left =
       step > 0 ? static_cast<int>(seconds * static_cast<double>(total - step) / static_cast<double>(step))
                : 0;
-  fmt::print(stderr, "\r{} [{:<{}}] {:3} %  {}  {:.1f}/s  {}:{:02} left \x1b[K", title,
+  fmt::print(stderr, "\r{} [{:<{}}] {:3} %  {}  {:.1f}/s  {}:{:02} left \x1b[K", title_,
              std::string(static_cast<size_t>(percent * kWidth / 100), '#'), kWidth, percent, where,
              static_cast<double>(step) / std::max(seconds, 1e-3), left / 60, left % 60);
   barShown_ = true;
@@ -180,19 +183,6 @@ void Console::End() {
   ClearBar();
   title_.clear();
   keyboard_.reset();
-}
-
-void Console::CheckCancelled() {
-  const std::lock_guard lock(mutex_);
-  if (g_interrupted || (keyboard_ && keyboard_->EscapePressed())) {
-    End();
-    throw Cancelled();
-  }
-}
-
-HWND Console::OperationWindow(const std::string& title) {
-  operation_ = title;
-  return window_;
 }
 
 void CatchSignals() {

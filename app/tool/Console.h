@@ -2,20 +2,16 @@
 #pragma once
 
 #include <chrono>
-#include <exception>
 #include <memory>
 #include <mutex>
 #include <string>
 
-#include "korimg/platform/Messages.h"
+#include "session/job/Job.h"
 
 namespace korimg::tool {
 
-/// The user pressed Ctrl-C or Escape: exit code 130.
-class Cancelled : public std::exception {
- public:
-  const char* what() const noexcept override { return "cancelled"; }
-};
+/// True under a Japanese locale.
+bool HasJapaneseLocale();
 
 /// On a terminal progress is a bar with the time left; elsewhere it is a plain line now and then. All of it
 /// goes to standard error, so that standard output holds results only. Any thread may call it.
@@ -26,46 +22,34 @@ class Console {
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
 
-  void SetUp(bool quiet, bool json);
+  void SetUp(bool quiet, bool verbose, bool json);
 
-  /// A line for people, unless --quiet or --json was given.
-  void Say(const std::string& line);
-  /// Warnings and errors are always shown.
-  void Warn(const std::string& line);
+  /// Shows an event of a job. Lines for people come unless --quiet or --json was given, and with --json
+  /// results as objects in place of them; warnings and failures always.
+  void Show(const session::Event& event);
+  /// An error that ends the call.
   void Error(const std::string& line);
 
-  /// Shows how far a job is, in the user's units: step of total. A total of 0 ends the display.
-  void Progress(const std::string& title, long long step, long long total);
-  void EndProgress();
-  /// The same for a job of many files, until a total of 0; what its parts show of theirs is kept away.
-  /// `detail` stands in the place of "step of total".
-  void JobProgress(const std::string& title, long long step, long long total, const std::string& detail = "");
-
-  /// Throws Cancelled once Ctrl-C or Escape was pressed.
-  void CheckCancelled();
-
-  /// The window that the library's operations show their progress on. `title` stands for their own captions,
-  /// which are shown under a Japanese locale only.
-  HWND OperationWindow(const std::string& title);
+  /// Cancels jobs by Ctrl-C, SIGTERM, or Escape while a bar is shown. It must not outlive the console.
+  std::shared_ptr<session::CancelToken> Token();
 
  private:
   struct Keyboard;
-  void Show(const std::string& title, long long step, long long total, const std::string& detail = "");
+  class TerminalToken;
+  void Print(const std::string& line);
+  void ShowProgress(const session::Event& event);
   void ClearBar();
   void End();
 
   std::recursive_mutex mutex_;
   bool quiet_ = false;
+  bool verbose_ = false;
   bool json_ = false;
   bool isTerminal_;
-  bool isJapanese_;
   bool barShown_ = false;
-  bool inJob_ = false;
   std::string title_;
   int lastPercent_ = -1;
   std::chrono::steady_clock::time_point start_, lastShown_;
-  HWND window_;
-  std::string operation_;
   std::unique_ptr<Keyboard> keyboard_;
 };
 

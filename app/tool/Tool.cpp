@@ -1,49 +1,16 @@
 #include "app/tool/Tool.h"
 
-#include <charconv>
-#include <cmath>
-#include <cstdlib>
-
 #include <fmt/format.h>
-#include <sys/resource.h>
 
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/platform/CParallel.h"
 #include "korimg/platform/Debug.h"
 
-#include "app/files/ImageFile.h"
-
 namespace korimg::tool {
 
-long long ParseSize(const std::string& text) {
-  double number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  std::string unit(end, text.data() + text.size());
-  if (!unit.empty() && (unit.back() == 'B' || unit.back() == 'b')) unit.pop_back();
-  if (!unit.empty() && unit.back() == 'i') unit.pop_back();
-  const std::string units = "KMGT";
-  const size_t power = unit.empty() ? 0 : units.find(static_cast<char>(std::toupper(unit[0]))) + 1;
-  number = std::ldexp(number, 10 * static_cast<int>(power));
-  if (error != std::errc() || !(number > 0 && number < 1e18) || unit.size() > 1 ||
-      (!unit.empty() && power == 0)) {
-    throw UsageError(
-        fmt::format("'{}' is no size: write a number of bytes, or one with K, M, G or T, as in 512M", text));
-  }
-  return static_cast<long long>(number);
-}
-
-std::optional<double> ToNumber(const std::string& text) {
-  double value = 0;
-  const char* start = text.c_str() + (text.starts_with('+') ? 1 : 0);
-  const auto [end, error] = std::from_chars(start, text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size() || text.empty()) return std::nullopt;
-  return value;
-}
-
-long long PeakMemory() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss * 1024LL;
+Tool::Tool()
+    : job({.report = [this](const Event& event) { console.Show(event); }, .cancel = console.Token()}) {
+  job.options.ownCaptions = HasJapaneseLocale();
 }
 
 void Tool::Begin() {
@@ -51,69 +18,16 @@ void Tool::Begin() {
     CParallel::SetMaxThreads(options.threads);
     SetPipelineThreads(options.threads);
   }
-  console.SetUp(options.quiet, options.json);
+  job.options.memory = options.memory;
+  job.options.overwrite = options.overwrite;
+  console.SetUp(options.quiet, options.verbose, options.json);
   if (options.verbose) {
     SetDebugSink([](const std::wstring& line) { fmt::print(stderr, "korimg: {}\n", Narrow(line)); });
   }
 }
 
-long long Tool::Memory() const {
-  return options.memory > 0 ? options.memory : DefaultBudget();
-}
-
-std::shared_ptr<CVmManager> Tool::MakeStore(const std::string& kind) const {
-  StoreOptions store;
-  store.budget = Memory();
-  if (kind == "contiguous") {
-    const std::lock_guard lock(mutex_);
-    if (!contiguous_) contiguous_ = CreateContiguousManager(store);
-    return contiguous_;
-  }
-  // A pool of at least 16 blocks, however small the budget is.
-  store.blockSize = std::min<long long>(store.blockSize, std::max(store.budget / 16, 4096LL));
-  return CreatePagedManager(store);
-}
-
-std::string Percent(double share) {
-  return fmt::format("{:.3g} %", 100 * share);
-}
-
-void Tool::ForEachFile(const std::vector<std::filesystem::path>& files,
-                       const std::function<void(const std::filesystem::path&)>& work, bool mayBeMissing) {
-  const auto fail = [&](const std::string& line) {
-    if (mayBeMissing) return console.Warn(line);
-    console.Error(line);
-    exitCode = kFailed;
-  };
-  for (const std::filesystem::path& file : files) {
-    console.CheckCancelled();
-    const long long failures = PipelineFailures();
-    try {
-      work(file);
-      if (PipelineFailures() != failures) CheckComputed(file);
-    } catch (const Cancelled&) {
-      throw;
-    } catch (const UsageError&) {
-      throw;
-    } catch (const files::FileError& error) {
-      fail(error.what());
-    } catch (const std::exception& error) {
-      fail(fmt::format("{}: {}", file.string(), error.what()));
-    }
-  }
-}
-
-void Tool::CheckOutput(const std::filesystem::path& path) const {
-  if (options.overwrite || !std::filesystem::exists(path)) return;
-  throw files::FileError(path, "exists already; choose another name or use --overwrite");
-}
-
-void Tool::CheckComputed(const std::filesystem::path& path) {
-  if (PipelineFailures() == 0) return;
-  throw files::FileError(
-      path,
-      "part of the computation failed, most likely for want of memory, and its result is not "
-      "kept; lower --memory or --threads and run it again (--verbose tells what failed)");
+int Tool::ExitCode() const {
+  return exitCode != kDone ? exitCode : job.HasFailed() ? kFailed : kDone;
 }
 
 }  // namespace korimg::tool

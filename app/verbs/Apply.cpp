@@ -7,11 +7,12 @@
 
 #include "korimg/pipelines/runtime/Runtime.h"
 
-#include "app/operations/Blend.h"
-#include "app/operations/Operations.h"
-#include "app/tool/Images.h"
-#include "app/tool/Tell.h"
+#include "app/tool/Tool.h"
 #include "app/verbs/Verbs.h"
+#include "session/job/Json.h"
+#include "session/operations/Blend.h"
+#include "session/operations/Operations.h"
+#include "session/picture/Images.h"
 
 namespace korimg::tool {
 namespace {
@@ -88,25 +89,25 @@ void Apply(Tool& tool, const ApplyOptions& options) {
   const nlohmann::ordered_json json{
       {"input", plan.input}, {"output", options.output}, {"operations", history}};
   const std::string line = fmt::format("{}: {} -> {}", plan.input, history, options.output);
-  if (tool.options.dryRun) return Tell(tool, json, line);
-  tool.CheckOutput(options.output);
-  const auto store = tool.MakeStore(options.store);
-  LoadedImage loaded = LoadImage(tool, store, plan.input, {.hdu = options.hdu, .bySky = true});
+  if (tool.options.dryRun) return tool.job.Tell(Dump(json), line);
+  tool.job.CheckOutput(options.output);
+  const auto store = tool.job.MakeStore(options.store);
+  LoadedImage loaded = LoadImage(tool.job, store, plan.input, {.hdu = options.hdu, .bySky = true});
   CRect* window = options.rect.empty() ? nullptr : &rect;
   std::optional<Blend> blend;
-  if (options.blend.Any()) blend.emplace(tool, options.blend, *loaded.image, loaded.info.header, window);
+  if (options.blend.Any()) blend.emplace(tool.job, options.blend, *loaded.image, loaded.info.header, window);
   for (const Step& step : plan.steps) {
-    tool.console.CheckCancelled();
-    Call call(tool, step, loaded.image, loaded.info.header, window);
+    tool.job.CheckCancelled();
+    Call call(tool.job, step, loaded.image, loaded.info.header, window);
     call.image->SetProgressHandle(call.Window());
     step.operation->run(call);
-    tool.console.EndProgress();
+    tool.job.EndProgress();
     if (blend) blend->CheckShape(*loaded.image, step.operation->name);
   }
   if (blend) blend->Apply(*loaded.image);
   loaded.info.header.AddHistory(fmt::format("korimg {} {}", Version(), history));
-  SaveImage(tool, *loaded.image, loaded.info.header, options.output, {.integers = options.bits == "16"});
-  Tell(tool, json, line);
+  SaveImage(tool.job, *loaded.image, loaded.info.header, options.output, {.integers = options.bits == "16"});
+  tool.job.Tell(Dump(json), line);
 }
 
 const char* KindName(ParameterKind kind) {

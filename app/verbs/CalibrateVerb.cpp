@@ -1,6 +1,6 @@
 // korimg calibrate: from raw frames to calibrated ones.
-#include "app/calibrate/Calibrate.h"
 #include "app/verbs/Verbs.h"
+#include "session/calibrate/Calibrate.h"
 
 namespace korimg::tool {
 
@@ -38,7 +38,11 @@ void AddCalibrate(CLI::App& app, Tool& tool) {
     if (options->darks.empty() && options->flats.empty() && options->biases.empty()) {
       throw UsageError("nothing to calibrate with: give --dark, --flat or --bias");
     }
-    Calibrate(tool, *options);
+    if (tool.options.dryRun) {
+      PlanCalibration(tool.job, *options);
+    } else {
+      Calibrate(tool.job, *options);
+    }
   });
 }
 

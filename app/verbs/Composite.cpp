@@ -8,11 +8,12 @@
 #include "korimg/composite/CImgComposit.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
-#include "app/files/Geometry.h"
-#include "app/operations/Operations.h"
-#include "app/tool/Images.h"
-#include "app/tool/Tell.h"
+#include "app/tool/Tool.h"
 #include "app/verbs/Verbs.h"
+#include "session/files/Geometry.h"
+#include "session/job/Json.h"
+#include "session/operations/Operations.h"
+#include "session/picture/Images.h"
 
 namespace korimg::tool {
 namespace {
@@ -122,12 +123,12 @@ void Composite(Tool& tool, const CompositeOptions& options) {
                                     {"output", options.output},
                                     {"operation", options.Text()}};
   const std::string line = fmt::format("{} -> {}", options.Text(), options.output);
-  if (tool.options.dryRun) return Tell(tool, json, line);
-  tool.CheckOutput(options.output);
-  const auto store = tool.MakeStore(options.store);
-  LoadedImage loaded = LoadImage(tool, store, options.first, {.hdu = options.hdu});
+  if (tool.options.dryRun) return tool.job.Tell(Dump(json), line);
+  tool.job.CheckOutput(options.output);
+  const auto store = tool.job.MakeStore(options.store);
+  LoadedImage loaded = LoadImage(tool.job, store, options.first, {.hdu = options.hdu});
   CVelImage& first = *loaded.image;
-  LoadedImage other = LoadImage(tool, store, options.second, {.hdu = options.hdu});
+  LoadedImage other = LoadImage(tool.job, store, options.second, {.hdu = options.hdu});
   if (files::LiesOverturned(loaded.info.header, other.info.header)) TurnOver(*other.image);
   const auto second = AsKindOf(first, std::move(other.image));
   // One centre for both paths, which would take the middle of an odd side differently.
@@ -141,18 +142,18 @@ void Composite(Tool& tool, const CompositeOptions& options) {
   if (!(window ? result.CopyImage(first, nullptr, nullptr) : result.Create(first, nullptr))) {
     throw velora::CVmMemoryAllocationError("no room for the result");
   }
-  result.SetProgressHandle(tool.console.OperationWindow("composite"));
+  result.SetProgressHandle(tool.job.OperationWindow("composite"));
   result.Do(&first, second.get(), options.dx, options.dy, options.angle, 1, options.Mode(), options.Kernel(),
             options.weight, options.level, options.cutMinus, options.threshold, options.radius, window, 1,
             -1);
-  tool.console.EndProgress();
+  tool.job.EndProgress();
   if (options.Mode() != kNeighbour) RestoreUnreached(result, first, *second, options, window);
   // A small rectangle may have been widened: only what was asked for goes back into the image.
   if (window) first.Paste(&result, window);
   loaded.info.header.AddHistory(fmt::format("korimg {} {}", Version(), options.Text()));
-  SaveImage(tool, window ? first : result, loaded.info.header, options.output,
+  SaveImage(tool.job, window ? first : result, loaded.info.header, options.output,
             {.integers = options.bits == "16"});
-  Tell(tool, json, line);
+  tool.job.Tell(Dump(json), line);
 }
 
 }  // namespace

@@ -1,14 +1,15 @@
 // korimg develop: from a camera's mosaic to a colour image.
-#include "app/develop/Develop.h"
+#include "session/develop/Develop.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "app/calibrate/Masters.h"
-#include "app/files/Geometry.h"
-#include "app/tool/Tell.h"
-#include "app/verbs/AutoPicture.h"
+#include "app/tool/Tool.h"
 #include "app/verbs/Verbs.h"
+#include "session/calibrate/Masters.h"
+#include "session/files/Geometry.h"
+#include "session/job/Json.h"
+#include "session/picture/AutoPicture.h"
 
 namespace korimg::tool {
 
@@ -54,8 +55,8 @@ class Developer {
     // Apart from the frames, which are often read as a folder.
     std::optional<fs::path> preview;
     if (arguments_.previews) preview = output.parent_path() / "previews" / (output.stem().string() + ".png");
-    tool_.CheckOutput(output);
-    if (preview) tool_.CheckOutput(*preview);
+    tool_.job.CheckOutput(output);
+    if (preview) tool_.job.CheckOutput(*preview);
     if (fs::exists(output) && fs::equivalent(output, path)) {
       throw files::FileError(output, "would be replaced by its own result; choose another --out");
     }
@@ -79,7 +80,7 @@ class Developer {
            ChooseWhiteBalance(nullptr, info, mosaic, wanted), output, preview);
       return;
     }
-    LoadedImage loaded = LoadImage(tool_, store_, path, read);
+    LoadedImage loaded = LoadImage(tool_.job, store_, path, read);
     Calibrate(path, loaded.info.header, *loaded.image);
     TakeOffset(*loaded.image, loaded.info);
     const WhiteBalance balance = ChooseWhiteBalance(loaded.image.get(), loaded.info, mosaic, wanted);
@@ -99,10 +100,10 @@ class Developer {
                                       {"gains", balance.gains}};
     const std::string line = fmt::format("{} -> {}", name, output.string());
     if (!mosaic.name.empty()) {
-      tool_.console.Say(fmt::format("{}: mosaic {} ({}), white balance {} ({:.4g})", name, mosaic.name,
-                                    mosaic.reason, balance.text, fmt::join(balance.gains, ", ")));
+      tool_.job.Say(fmt::format("{}: mosaic {} ({}), white balance {} ({:.4g})", name, mosaic.name,
+                                mosaic.reason, balance.text, fmt::join(balance.gains, ", ")));
     }
-    if (tool_.options.dryRun) return Tell(tool_, json, line);
+    if (tool_.options.dryRun) return tool_.job.Tell(Dump(json), line);
     SaveOptions save{.integers = arguments_.bits == "16"};
     DevelopOptions options = arguments_.develop;
     if (save.integers) options.scale = kWhite16 / source.levels.max[0];
@@ -114,16 +115,16 @@ class Developer {
     Development development(std::move(source), info, mosaic, balance, options);
     const fs::path folder = (preview ? *preview : output).parent_path();
     if (!folder.empty()) fs::create_directories(folder);
-    SaveDeveloped(tool_, development, info.header, levels,
+    SaveDeveloped(tool_.job, development, info.header, levels,
                   preview ? development.PictureLevels(kPreviewSide) : levels, output, save, preview,
                   kPreviewSide, [](CVelImage&) {});
-    Tell(tool_, json, line);
+    tool_.job.Tell(Dump(json), line);
   }
 
   void Load(FrameKind kind, const fs::path& path, Serving& serving) {
     if (path.empty()) return;
-    serving.groups = MakeGroups(tool_.console, kind, {path});
-    serving.master = MakeMaster(tool_, store_, serving.groups.front(), nullptr);
+    serving.groups = MakeGroups(tool_.job, kind, {path});
+    serving.master = MakeMaster(tool_.job, store_, serving.groups.front(), nullptr);
   }
 
   void Calibrate(const fs::path& path, const files::Header& header, CVelImage& image) {
@@ -170,7 +171,7 @@ class Developer {
     } else if (info.camera && black == 0) {
       black = BlackOf(info);
     } else if (black == 0) {
-      tool_.console.Warn(
+      tool_.job.Warn(
           fmt::format("{}: its black level is not known, and counts as light; give --dark or --black",
                       info.path.string()));
     }
@@ -183,7 +184,7 @@ class Developer {
   Tool& tool_;
   const Arguments& arguments_;
   bool toFile_;
-  std::shared_ptr<CVmManager> store_ = tool_.MakeStore();
+  std::shared_ptr<CVmManager> store_ = tool_.job.MakeStore();
   Serving dark_, flat_;
 };
 
@@ -239,13 +240,13 @@ void AddDevelop(CLI::App& app, Tool& tool) {
     if (options.half && (options.mono || options.levelCut || options.gamma != 1)) {
       throw UsageError("--half takes neither --mono nor --level-cut nor --gamma");
     }
-    const std::vector<fs::path> frames = ExpandFolders(tool.console, arguments->inputs);
+    const std::vector<fs::path> frames = ExpandFolders(tool.job, arguments->inputs);
     CheckStems(frames);
     if (IsImageName(arguments->out) && frames.size() > 1) {
       throw UsageError(fmt::format("--out {}: several frames need a folder", arguments->out.string()));
     }
     Developer developer(tool, *arguments);
-    tool.ForEachFile(frames, [&](const fs::path& path) { developer.Do(path); });
+    tool.job.ForEachFile(frames, [&](const fs::path& path) { developer.Do(path); });
   });
 }
 

@@ -7,17 +7,17 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "korimg/image/Numbers.h"
+#include "korimg/image/internal/Numbers.h"
 #include "korimg/levels/CImgAutoLevel.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/platform/CParallel.h"
 #include "korimg/platform/Debug.h"
 #include "korimg/raw/CImgInformation.h"
 
-#include "app/develop/Develop.h"
-#include "app/files/Mosaic.h"
-#include "app/tool/Images.h"
 #include "app/verbs/Verbs.h"
+#include "session/develop/Develop.h"
+#include "session/files/Mosaic.h"
+#include "session/picture/Images.h"
 
 namespace korimg::tool {
 namespace {
@@ -92,8 +92,8 @@ CameraTexts CameraText(CVelImage& image) {
 }
 
 void Info(Tool& tool, const std::filesystem::path& path, const std::string& hdu) {
-  const auto store = tool.MakeStore();
-  LoadedImage loaded = LoadImage(tool, store, path, {.hdu = hdu});
+  const auto store = tool.job.MakeStore();
+  LoadedImage loaded = LoadImage(tool.job, store, path, {.hdu = hdu});
   CImgAutoLevel image;
   image.Swap(loaded.image.get());
   const files::ImageInfo& info = loaded.info;
@@ -196,7 +196,7 @@ void AddInfo(CLI::App& app, Tool& tool) {
   AddCommonOptions(*verb, tool);
   verb->callback([files, hdu, &tool] {
     tool.Begin();
-    tool.ForEachFile(*files, [&](const std::filesystem::path& file) { Info(tool, file, *hdu); });
+    tool.job.ForEachFile(*files, [&](const std::filesystem::path& file) { Info(tool, file, *hdu); });
   });
 }
 

@@ -1,16 +1,16 @@
 // korimg register: how frames lie on a reference.
-#include "app/register/Register.h"
+#include "session/register/Register.h"
 
 #include <algorithm>
 #include <fstream>
 
 #include <fmt/format.h>
 
-#include "app/calibrate/Frames.h"
-#include "app/files/Formats.h"
-#include "app/tool/Images.h"
-#include "app/tool/SideBySide.h"
 #include "app/verbs/Verbs.h"
+#include "session/calibrate/Frames.h"
+#include "session/files/Formats.h"
+#include "session/job/SideBySide.h"
+#include "session/picture/Images.h"
 
 namespace korimg::tool {
 namespace {
@@ -50,16 +50,15 @@ void CheckShare(Tool& tool, const std::vector<Registration>& registrations, size
   const size_t good = count([](const Registration&r) { return r.IsGood(); }),
                matched = count([](const Registration&r) { return r.IsGood() && r.method != "reference"; });
   if (2 * good >= all && (matched > 0 || good == all)) return;
-  tool.console.Error(fmt::format("{} of {} frames lie on the reference{}", good, all,
-                                 matched > 0 ? ", less than half" : ", none but itself"));
-  tool.exitCode = kFailed;
+  tool.job.Fail(fmt::format("{} of {} frames lie on the reference{}", good, all,
+                            matched > 0 ? ", less than half" : ", none but itself"));
 }
 
 void Register(Tool& tool, const RegisterOptions& options) {
-  if (!options.output.empty()) tool.CheckOutput(options.output);
-  const auto store = tool.MakeStore();
+  if (!options.output.empty()) tool.job.CheckOutput(options.output);
+  const auto store = tool.job.MakeStore();
   const auto open = [&](const fs::path& file) {
-    return LoadImage(tool, store, file, {.hdu = options.hdu, .lessBorder = true});
+    return LoadImage(tool.job, store, file, {.hdu = options.hdu, .lessBorder = true});
   };
   const auto load = [&](const fs::path& file) -> std::shared_ptr<CVelImage> { return open(file).image; };
   const auto measure = [&](const fs::path& file) {
@@ -69,18 +68,18 @@ void Register(Tool& tool, const RegisterOptions& options) {
     return frame;
   };
 
-  const std::vector<fs::path> wanted = ExpandFolders(tool.console, options.files);
+  const std::vector<fs::path> wanted = ExpandFolders(tool.job, options.files);
   std::vector<fs::path> files;
   std::vector<FrameMeasure> frames;
   const long long bytes = BytesAtWork(wanted, options.hdu);
   SideBySide(
-      tool, "finding stars in frame", wanted.size(), bytes, [&](size_t i) { return measure(wanted[i]); },
+      tool.job, "finding stars in frame", wanted.size(), bytes, [&](size_t i) { return measure(wanted[i]); },
       [&](size_t i, const auto& result) {
-        tool.ForEachFile({wanted[i]}, [&](const fs::path& file) {
+        tool.job.ForEachFile({wanted[i]}, [&](const fs::path& file) {
           frames.push_back(result());
           files.push_back(file);
           const std::string& noData = frames.back().noData;
-          if (!noData.empty()) tool.console.Say(fmt::format("{}: {}", file.string(), noData));
+          if (!noData.empty()) tool.job.Say(fmt::format("{}: {}", file.string(), noData));
         });
       });
   if (frames.empty()) return;
@@ -93,21 +92,21 @@ void Register(Tool& tool, const RegisterOptions& options) {
   } else {
     reference = measure(referenceFile);
   }
-  tool.console.Say(fmt::format("reference: {}, FWHM {:.2f}, {} stars", referenceFile.string(), reference.fwhm,
-                               reference.starCount));
+  tool.job.Say(fmt::format("reference: {}, FWHM {:.2f}, {} stars", referenceFile.string(), reference.fwhm,
+                           reference.starCount));
 
   Registrar registrar(
       reference, [&] { return load(referenceFile); }, options.residual);
   std::vector<Registration> registrations(files.size());
   SideBySide(
-      tool, "registering frame", files.size(), bytes,
+      tool.job, "registering frame", files.size(), bytes,
       [&](size_t i) {
         return fs::equivalent(files[i], referenceFile)
                    ? ReferenceRegistration(reference)
                    : registrar.Register(frames[i], [&] { return load(files[i]); });
       },
       [&](size_t i, const auto& result) {
-        tool.ForEachFile({files[i]}, [&](const fs::path&) { registrations[i] = result(); });
+        tool.job.ForEachFile({files[i]}, [&](const fs::path&) { registrations[i] = result(); });
         registrations[i].file = files[i].string();
       });
   RegisterThroughOthers(frames, registrations, [&](size_t i) { return load(files[i]); });

@@ -8,11 +8,12 @@
 #include "korimg/display/CVmDIB.h"
 #include "korimg/geometry/CImgSoftBinning.h"
 
-#include "app/tool/Annotate.h"
-#include "app/tool/Images.h"
-#include "app/tool/Tell.h"
-#include "app/verbs/AutoPicture.h"
+#include "app/tool/Tool.h"
 #include "app/verbs/Verbs.h"
+#include "session/job/Json.h"
+#include "session/picture/Annotate.h"
+#include "session/picture/AutoPicture.h"
+#include "session/picture/Images.h"
 
 namespace korimg::tool {
 namespace {
@@ -69,8 +70,8 @@ void WritePicture(Tool& tool, CVelImage& image, CBaseDIB& bitmap, int step,
     rows[p] = line.data() + static_cast<size_t>(p) * width;
   }
   for (int top = 0; top < height; top += band) {
-    tool.console.CheckCancelled();
-    tool.console.Progress("writing " + path.filename().string(), top, height);
+    tool.job.CheckCancelled();
+    tool.job.Progress("writing " + path.filename().string(), top, height);
     CRect rect(0, top, width, std::min(top + band, height));
     image.ToDIB(&bitmap, &rect);
     for (int y = rect.top; y < rect.bottom; ++y) {
@@ -84,18 +85,18 @@ void WritePicture(Tool& tool, CVelImage& image, CBaseDIB& bitmap, int step,
       writer->WriteRows(y, 1, rows);
     }
   }
-  tool.console.EndProgress();
+  tool.job.EndProgress();
   CommitComputed(*writer);
 }
 
 void Render(Tool& tool, const RenderOptions& options) {
-  tool.CheckOutput(options.output);
+  tool.job.CheckOutput(options.output);
   if (tool.options.dryRun) {
-    return Tell(tool, {{"input", options.input.string()}, {"output", options.output.string()}},
-                fmt::format("{} -> {}", options.input.string(), options.output.string()));
+    return tool.job.Tell(Dump({{"input", options.input.string()}, {"output", options.output.string()}}),
+                         fmt::format("{} -> {}", options.input.string(), options.output.string()));
   }
-  const auto store = tool.MakeStore();
-  LoadedImage loaded = LoadImage(tool, store, options.input, {.hdu = options.hdu, .bySky = true});
+  const auto store = tool.job.MakeStore();
+  LoadedImage loaded = LoadImage(tool.job, store, options.input, {.hdu = options.hdu, .bySky = true});
   auto& image = loaded.image;
   LevelForPicture(*image, options.level);
   const int shrink = std::max(static_cast<int>(std::lround(1 / options.scale)), 1);
@@ -113,11 +114,11 @@ void Render(Tool& tool, const RenderOptions& options) {
     Annotate(*image, annotations, options.input, loaded.info.header, binX, binY);
   }
   constexpr long long kBytesPerPixel = 4;
-  if (kBytesPerPixel * image->GetWidth() * image->GetHeight() <= tool.Memory()) {
+  if (kBytesPerPixel * image->GetWidth() * image->GetHeight() <= tool.job.Memory()) {
     CMemoryDIB bitmap;
     WritePicture(tool, *image, bitmap, 4, options.output);
   } else {
-    CVmDIB bitmap(tool.MakeStore("paged"));
+    CVmDIB bitmap(tool.job.MakeStore("paged"));
     WritePicture(tool, *image, bitmap, 3, options.output);
   }
   nlohmann::ordered_json json{{"input", options.input.string()},
@@ -128,7 +129,7 @@ void Render(Tool& tool, const RenderOptions& options) {
     json["black"].push_back(image->GetLevelMin(p));
     json["white"].push_back(image->GetLevelMax(p));
   }
-  Tell(tool, json, fmt::format("{} -> {}", options.input.string(), options.output.string()));
+  tool.job.Tell(Dump(json), fmt::format("{} -> {}", options.input.string(), options.output.string()));
 }
 
 }  // namespace

@@ -1,13 +1,13 @@
 // korimg run: a session's folder to a finished picture.
-#include "app/run/Run.h"
+#include "session/run/Run.h"
 
 #include <algorithm>
 
 #include <fmt/format.h>
 
-#include "app/calibrate/Frames.h"
-#include "app/files/Text.h"
 #include "app/verbs/Verbs.h"
+#include "session/calibrate/Frames.h"
+#include "session/files/Text.h"
 
 namespace korimg::tool {
 
@@ -48,9 +48,9 @@ void FindFrames(Tool& tool, const fs::path& session, CalibrateOptions& options) 
                {"biases", {"biases", "bias"}, options.biases}};
   for (const auto& [title, names, files] : kinds) {
     const fs::path folder = FindFolder(session, names);
-    if (!folder.empty()) files = ExpandFolders(tool.console, {folder});
-    tool.console.Say(folder.empty() ? fmt::format("{}: none", title)
-                                    : fmt::format("{}: {} in {}", title, files.size(), folder.string()));
+    if (!folder.empty()) files = ExpandFolders(tool.job, {folder});
+    tool.job.Say(folder.empty() ? fmt::format("{}: none", title)
+                                : fmt::format("{}: {} in {}", title, files.size(), folder.string()));
   }
   for (const auto& entry : fs::directory_iterator(session)) {
     const std::string name = files::LowerCase(entry.path().filename().string());
@@ -62,13 +62,13 @@ void FindFrames(Tool& tool, const fs::path& session, CalibrateOptions& options) 
       return std::find(kind.names.begin(), kind.names.end(), name) != kind.names.end();
     });
     if (entry.is_directory() && looksLikeIt && !taken) {
-      tool.console.Warn(fmt::format("{}: is not read; frames are taken from lights, darks, flats and biases",
-                                    entry.path().string()));
+      tool.job.Warn(fmt::format("{}: is not read; frames are taken from lights, darks, flats and biases",
+                                entry.path().string()));
     }
   }
   if (options.lights.empty()) throw files::FileError(session, "has no folder lights or light");
   if (options.darks.empty() && options.flats.empty() && options.biases.empty()) {
-    tool.console.Warn("no darks, flats or biases: lights are stacked as they are");
+    tool.job.Warn("no darks, flats or biases: lights are stacked as they are");
   }
 }
 
@@ -94,13 +94,17 @@ void AddRun(CLI::App& app, Tool& tool) {
   verb->add_option("--max-elongation", options.limits.elongation,
                    "leave out frames whose elongation is more than this many times the median; 0: no limit")
       ->check(CLI::Range(0.0, 100.0));
-  options.stack.AddTo(*verb);
+  AddStackChoices(*verb, options.stack);
   AddCommonOptions(*verb, tool);
   verb->callback([arguments, &tool] {
     tool.Begin();
     CheckWhiteBalance(arguments->options.calibrate.develop.whiteBalance);
     FindFrames(tool, arguments->session, arguments->options.calibrate);
-    Run(tool, arguments->options);
+    if (tool.options.dryRun) {
+      PlanRun(tool.job, arguments->options);
+    } else {
+      Run(tool.job, arguments->options);
+    }
   });
 }
 

@@ -3,9 +3,10 @@
 
 #include <fmt/format.h>
 
-#include "app/simulate/Simulate.h"
-#include "app/tool/Tell.h"
+#include "app/tool/Tool.h"
 #include "app/verbs/Verbs.h"
+#include "session/job/Json.h"
+#include "session/simulate/Simulate.h"
 
 namespace korimg::tool {
 
@@ -36,8 +37,8 @@ void AddSimulate(CLI::App& app, Tool& tool) {
     simulate.overwrite = tool.options.overwrite;
     simulate.threads = tool.options.threads;
     simulate.progress = [&tool](int done, int total) {
-      tool.console.CheckCancelled();
-      tool.console.Progress("simulating", done, total);
+      tool.job.CheckCancelled();
+      tool.job.Progress("simulating", done, total);
       return true;
     };
     const nlohmann::ordered_json json{{"folder", options->folder.string()},
@@ -47,13 +48,13 @@ void AddSimulate(CLI::App& app, Tool& tool) {
                                       {"truth", (options->folder / "truth.json").string()}};
     const std::string line = fmt::format("{}: {} lights of {} x {}", options->folder.string(),
                                          simulate.frames, simulate.width, simulate.height);
-    if (tool.options.dryRun) return Tell(tool, json, line);
+    if (tool.options.dryRun) return tool.job.Tell(Dump(json), line);
     try {
       Simulate(options->folder, simulate);
     } catch (const std::invalid_argument& error) {
       throw UsageError(error.what());
     }
-    Tell(tool, json, line);
+    tool.job.Tell(Dump(json), line);
   });
 }
 

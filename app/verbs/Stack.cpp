@@ -9,18 +9,19 @@
 
 #include "korimg/pipelines/runtime/Runtime.h"
 
-#include "app/calibrate/Frames.h"
-#include "app/files/ConstantBorder.h"
-#include "app/files/Geometry.h"
-#include "app/files/Mosaic.h"
-#include "app/operations/Operations.h"
-#include "app/stack/Journal.h"
-#include "app/stack/StackChoices.h"
-#include "app/stack/StackHeader.h"
-#include "app/stack/Transforms.h"
-#include "app/tool/SideBySide.h"
-#include "app/tool/Tell.h"
+#include "app/tool/Tool.h"
 #include "app/verbs/Verbs.h"
+#include "session/calibrate/Frames.h"
+#include "session/files/ConstantBorder.h"
+#include "session/files/Geometry.h"
+#include "session/files/Mosaic.h"
+#include "session/job/Json.h"
+#include "session/job/SideBySide.h"
+#include "session/operations/Operations.h"
+#include "session/stack/Journal.h"
+#include "session/stack/StackChoices.h"
+#include "session/stack/StackHeader.h"
+#include "session/stack/Transforms.h"
 
 namespace korimg::tool {
 
@@ -54,7 +55,7 @@ class Sources {
   Sources(Tool& tool, const Options& options) {
     std::optional<Transforms> transforms;
     if (!options.transforms.empty()) transforms.emplace(options.transforms);
-    for (const fs::path& path : ExpandFolders(tool.console, options.frames)) {
+    for (const fs::path& path : ExpandFolders(tool.job, options.frames)) {
       const Transform transform = transforms ? transforms->Of(path) : Transform();
       if (transform.status != "ok") {
         leftOut_.emplace_back(path, transform.Text());
@@ -164,7 +165,7 @@ class StackRun {
     options_.Settle(sources_.HaveFluxes());
     stack_ = options_.StackChoices::Options();
     stack_.rejectionMaps = options.maps;
-    stack_.memory = DefaultStackMemory(tool);
+    stack_.memory = DefaultStackMemory(tool.job);
     for (size_t i = 0; i < sources_.Used().size(); ++i) {
       inputs_.push_back(sources_.Input(i));
     }
@@ -174,28 +175,27 @@ class StackRun {
   void Plan() {
     plan_ = PlanStack(inputs_, shape_, stack_);
     const Source& reference = sources_.Used()[sources_.Reference()];
-    tool_.console.Say(fmt::format("{} frames of {} x {}{}, reference {}: {}", inputs_.size(), shape_.width,
-                                  shape_.height, shape_.planes > 1 ? " in colour" : "",
-                                  reference.path.filename().string(), plan_.Text()));
+    tool_.job.Say(fmt::format("{} frames of {} x {}{}, reference {}: {}", inputs_.size(), shape_.width,
+                              shape_.height, shape_.planes > 1 ? " in colour" : "",
+                              reference.path.filename().string(), plan_.Text()));
     for (const auto& [path, status] : sources_.LeftOut()) {
-      tool_.console.Warn(fmt::format("{}: left out: {}", path.string(), status));
+      tool_.job.Warn(fmt::format("{}: left out: {}", path.string(), status));
     }
     if (tool_.options.json && tool_.options.dryRun) {
       Json leftOut = Json::array();
       for (const auto& [path, status] : sources_.LeftOut()) {
         leftOut.push_back({{"file", path.string()}, {"status", status}});
       }
-      tool::Tell(tool_,
-                 {{"output", options_.output.string()},
-                  {"frames", inputs_.size()},
-                  {"reference", reference.path.string()},
-                  {"left_out", leftOut},
-                  {"bands", plan_.bands},
-                  {"memory_bytes", plan_.totalBytes}},
-                 "");
+      tool_.job.Tell(Dump({{"output", options_.output.string()},
+                           {"frames", inputs_.size()},
+                           {"reference", reference.path.string()},
+                           {"left_out", leftOut},
+                           {"bands", plan_.bands},
+                           {"memory_bytes", plan_.totalBytes}}),
+                     "");
     }
     if (!reference.transform.IsNone()) {
-      tool_.console.Warn(
+      tool_.job.Warn(
           "no frame lies where the reference of the transforms does: world coordinates are dropped");
     }
   }
@@ -205,28 +205,28 @@ class StackRun {
     Journal journal(options_.output, Digest(), shape_, options_.maps, inputs_.size(),
                     options_.resume ? Journal::Kept : Journal::Passing);
     if (journal.WasOther()) {
-      tool_.console.Warn(fmt::format("{}.resume: made from other frames or options; beginning anew",
-                                     options_.output.string()));
+      tool_.job.Warn(fmt::format("{}.resume: made from other frames or options; beginning anew",
+                                 options_.output.string()));
     }
     if (journal.Rows() > 0) {
-      tool_.console.Say(fmt::format("going on at row {} of {}", journal.Rows(), shape_.height));
+      tool_.job.Say(fmt::format("going on at row {} of {}", journal.Rows(), shape_.height));
       // What is there under the final names was written by the run that these bands are of.
-      tool_.options.overwrite = true;
+      tool_.job.options.overwrite = true;
     }
     TryOutputs();
     try {
       if (journal.Rows() < shape_.height) {
         Measure();
-        Stack(tool_, inputs_, sources_.Reference(), stack_, journal.Rows(), [&](const StackBand& band) {
-          Tool::CheckComputed(options_.output);
+        Stack(tool_.job, inputs_, sources_.Reference(), stack_, journal.Rows(), [&](const StackBand& band) {
+          Job::CheckComputed(options_.output);
           journal.Add(band);
         });
       }
       Save(journal);
     } catch (const Cancelled&) {
       if (!options_.resume) throw;
-      tool_.console.Error(fmt::format("cancelled at row {} of {}; the same call goes on from there",
-                                      journal.Rows(), shape_.height));
+      tool_.job.Fail(fmt::format("cancelled at row {} of {}; the same call goes on from there",
+                                 journal.Rows(), shape_.height));
       tool_.exitCode = kCancelled;
       return;
     }
@@ -234,9 +234,8 @@ class StackRun {
     Tell();
     const size_t used = inputs_.size(), all = used + sources_.LeftOut().size();
     if (2 * used >= all) return;
-    tool_.console.Error(fmt::format("{}: holds {} of {} frames, less than half; the others are not ok in {}",
-                                    options_.output.string(), used, all, options_.transforms.string()));
-    tool_.exitCode = kFailed;
+    tool_.job.Fail(fmt::format("{}: holds {} of {} frames, less than half; the others are not ok in {}",
+                               options_.output.string(), used, all, options_.transforms.string()));
   }
 
  private:
@@ -260,7 +259,7 @@ class StackRun {
         }
       }
       const bool mayGoOn = options_.resume && fs::exists(options_.output.string() + ".resume");
-      if (!mayGoOn) tool_.CheckOutput(output);
+      if (!mayGoOn) tool_.job.CheckOutput(output);
     }
   }
 
@@ -274,7 +273,7 @@ class StackRun {
   std::unique_ptr<ImageSaver> NewSaver(const fs::path& path, const files::Header& header,
                                        const Levels& levels, const files::Scale& scale = {}) const {
     return std::make_unique<ImageSaver>(
-        tool_, path, shape_, levels, header,
+        tool_.job, path, shape_, levels, header,
         SaveOptions{.integers = options_.bits == "16" || IsPng(path), .scale = scale});
   }
 
@@ -306,13 +305,13 @@ class StackRun {
       FrameLevels levels;
     };
     SideBySide(
-        tool_, "measuring frame", inputs_.size(), 0,
+        tool_.job, "measuring frame", inputs_.size(), 0,
         [&](size_t i) {
           const std::string noData = sources_.FindBorder(i).Text();
           return Measured{noData, wantsLevels ? MeasureInput(inputs_[i]) : FrameLevels()};
         },
         [&](size_t i, const auto& result) {
-          tool_.console.CheckCancelled();
+          tool_.job.CheckCancelled();
           const Measured measured = result();
           inputs_[i].levels = measured.levels;
           if (sources_.HaveFluxes()) {
@@ -320,7 +319,7 @@ class StackRun {
             std::fill(std::begin(inputs_[i].levels.spread), std::end(inputs_[i].levels.spread), ratio);
           }
           if (!measured.noData.empty()) {
-            tool_.console.Say(fmt::format("{}: {}", inputs_[i].name, measured.noData));
+            tool_.job.Say(fmt::format("{}: {}", inputs_[i].name, measured.noData));
           }
         });
     if (wantsLevels) CheckScales(inputs_, sources_.Reference());
@@ -394,7 +393,7 @@ class StackRun {
     const bool turns = !IsFits(options_.output) && files::IsPictureOverturned(header);
     journal.ForBands(
         [&](const StackBand& band) {
-          tool_.console.CheckCancelled();
+          tool_.job.CheckCancelled();
           const float* const* images[] = {band.planes, band.low, band.high};
           for (size_t i = 0; i < savers.size(); ++i) {
             if (turns) {
@@ -435,28 +434,24 @@ class StackRun {
                         {"covers", covers},
                         {"rejected_low", low},
                         {"rejected_high", high}});
-      tool_.console.Say(
+      tool_.job.Say(
           fmt::format("{}: covers {}{}{}", sources_.Used()[i].path.filename().string(), Percent(covers),
                       stack_.method == CImgStack::ClippedMean
                           ? fmt::format(", rejected {} low, {} high", Percent(low), Percent(high))
                           : "",
                       options_.weight != "none" ? fmt::format(", weight {:.4g}", inputs_[i].weight) : ""));
     }
-    if (tool_.options.json) {
-      Json leftOut = Json::array();
-      for (const auto& [path, status] : sources_.LeftOut()) {
-        leftOut.push_back({{"file", path.string()}, {"status", status}});
-      }
-      const Json json{{"output", options_.output.string()},
-                      {"frames", frames},
-                      {"left_out", leftOut},
-                      {"bands", plan_.bands},
-                      {"peak_memory_bytes", peak}};
-      fmt::print("{}\n", json.dump(-1, ' ', false, Json::error_handler_t::replace));
-    } else {
-      tool_.console.Say(fmt::format("stack {} -> {}; peak memory {} MiB", options_.Text(),
-                                    options_.output.string(), peak >> 20));
+    Json leftOut = Json::array();
+    for (const auto& [path, status] : sources_.LeftOut()) {
+      leftOut.push_back({{"file", path.string()}, {"status", status}});
     }
+    tool_.job.Tell(Dump({{"output", options_.output.string()},
+                         {"frames", frames},
+                         {"left_out", leftOut},
+                         {"bands", plan_.bands},
+                         {"peak_memory_bytes", peak}}),
+                   fmt::format("stack {} -> {}; peak memory {} MiB", options_.Text(),
+                               options_.output.string(), peak >> 20));
   }
 
   Tool& tool_;
@@ -471,12 +466,38 @@ class StackRun {
 
 }  // namespace
 
+void AddStackChoices(CLI::App& verb, StackChoices& choices) {
+  verb.add_option("--method", choices.method, "what a pixel becomes; sigma is a mean without outliers")
+      ->check(CLI::IsMember(kStackMethods));
+  verb.add_option(
+      "--kappa", choices.kappa,
+      "sigma: standard deviations from the median beyond which values are rejected, one number or "
+      "LOW,HIGH");
+  verb.add_option("--iterations", choices.iterations, "sigma: how often at most")->check(CLI::Range(1, 100));
+  verb.add_option(
+          "--normalize", choices.normalise,
+          "bring each frame to the reference: the level of its sky, or its scale too, by the light of stars "
+          "where register compared it, else by the spread of the pixels; auto: by level and the light of "
+          "stars, "
+          "by level alone where that is not known")
+      ->check(CLI::IsMember({"auto", "none", "level", "level+scale"}));
+  verb.add_option("--weight", choices.weight, "of frames in means: by the noise, or by fwhm of --transforms")
+      ->check(CLI::IsMember({"none", "noise", "fwhm"}));
+  verb.add_option("--kernel", choices.kernel, "how moved frames are read between their pixels")
+      ->check(CLI::IsMember(kKernels));
+  verb.add_option(
+          "--undershoot", choices.undershoot,
+          "dark rings of bicubic and lanczos kernels beside bright stars: raised to the pixels around "
+          "where they fall below the sky, or kept")
+      ->check(CLI::IsMember({"clamp", "keep"}));
+}
+
 void AddStack(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<Options>();
   CLI::App* verb = app.add_subcommand("stack", "Combine registered frames into one image");
   verb->add_option("frames", options->frames, "files or folders, all of one size")->required();
   verb->add_option("-o,--output", options->output, "FITS, TIFF or PNG, by its extension")->required();
-  options->AddTo(*verb);
+  AddStackChoices(*verb, *options);
   verb->add_option("--transforms", options->transforms,
                    "what korimg register --json wrote; without it frames are taken as they lie");
   verb->add_option("--reference", options->reference,

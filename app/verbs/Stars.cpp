@@ -5,14 +5,14 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "korimg/composite/stacking/FrameLevels.h"
 #include "korimg/measurement/CStarFinder.h"
-#include "korimg/stacking/FrameLevels.h"
 
-#include "app/calibrate/Frames.h"
-#include "app/files/Formats.h"
-#include "app/files/Gain.h"
-#include "app/tool/Images.h"
 #include "app/verbs/Verbs.h"
+#include "session/calibrate/Frames.h"
+#include "session/files/Formats.h"
+#include "session/files/Gain.h"
+#include "session/picture/Images.h"
 
 namespace korimg::tool {
 namespace {
@@ -108,17 +108,17 @@ struct StarsOptions {
 };
 
 void Stars(Tool& tool, const StarsOptions& options) {
-  const std::vector<fs::path> files = ExpandFolders(tool.console, options.files);
+  const std::vector<fs::path> files = ExpandFolders(tool.job, options.files);
   if (!options.output.empty()) {
     if (files.size() > 1) {
       throw UsageError(fmt::format(
           "one list holds the stars of one image, not of {}; call it for each, or use --json", files.size()));
     }
-    tool.CheckOutput(options.output);
+    tool.job.CheckOutput(options.output);
   }
-  const auto store = tool.MakeStore();
-  tool.ForEachFile(files, [&](const fs::path& file) {
-    const LoadedImage loaded = LoadImage(tool, store, file, {.hdu = options.hdu, .lessBorder = true});
+  const auto store = tool.job.MakeStore();
+  tool.job.ForEachFile(files, [&](const fs::path& file) {
+    const LoadedImage loaded = LoadImage(tool.job, store, file, {.hdu = options.hdu, .lessBorder = true});
     CStarFinder finder(loaded.image.get());
     finder.SetThreshold(options.sigmas);
     const files::Gain gain = options.gain > 0

@@ -3,11 +3,14 @@
 
 #include <CLI/CLI.hpp>
 
-#include "app/calibrate/Calibrate.h"
-#include "app/develop/Develop.h"
 #include "app/tool/Tool.h"
+#include "session/calibrate/Calibrate.h"
+#include "session/develop/Develop.h"
+#include "session/stack/StackChoices.h"
 
 namespace korimg::tool {
+
+using namespace session;
 
 void AddVersion(CLI::App& app, Tool& tool);
 void AddInfo(CLI::App& app, Tool& tool);
@@ -28,6 +31,9 @@ void AddCommonOptions(CLI::App& verb, Tool& tool);
 
 /// Adds the options of calibration but the frames themselves.
 void AddCalibrationOptions(CLI::App& verb, CalibrateOptions& options);
+
+/// Adds the options of stacking but the frames themselves.
+void AddStackChoices(CLI::App& verb, StackChoices& choices);
 
 /// Adds the options that say what a mosaic is and how its colours are balanced.
 void AddMosaicOptions(CLI::App& verb, DevelopOptions& options);

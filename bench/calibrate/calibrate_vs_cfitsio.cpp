@@ -11,9 +11,9 @@
 #include <fmt/format.h>
 #include <sys/resource.h>
 
-#include "app/calibrate/Calibrate.h"
-#include "app/calibrate/Frames.h"
-#include "app/simulate/Simulate.h"
+#include "session/calibrate/Calibrate.h"
+#include "session/calibrate/Frames.h"
+#include "session/simulate/Simulate.h"
 
 namespace fs = std::filesystem;
 using namespace korimg;
@@ -70,11 +70,11 @@ double Median(std::vector<double> values) {
 void Compare(Tool& tool, const std::string& name, CalibrateOptions options, const fs::path& out, int runs) {
   std::vector<fs::path> inputs;
   for (const auto* paths : {&options.darks, &options.flats, &options.biases}) {
-    for (const fs::path& path : ExpandFolders(tool.console, *paths)) {
+    for (const fs::path& path : ExpandFolders(tool.job, *paths)) {
       inputs.push_back(path);
     }
   }
-  const std::vector<fs::path> lights = ExpandFolders(tool.console, options.lights);
+  const std::vector<fs::path> lights = ExpandFolders(tool.job, options.lights);
   options.out = out;
   std::vector<double> plain, calibrated;
   Image image;
@@ -88,7 +88,7 @@ void Compare(Tool& tool, const std::string& name, CalibrateOptions options, cons
         Write(out / path.filename(), image);
       }
     }));
-    calibrated.push_back(Seconds(out, [&] { Calibrate(tool, options); }));
+    calibrated.push_back(Seconds(out, [&] { Calibrate(tool.job, options); }));
   }
   fs::remove_all(out);
   rusage usage;
@@ -127,11 +127,11 @@ int main(int argc, char** argv) {
       once.out = out;
       once.masters = masters;
       fs::remove_all(out);
-      Calibrate(tool, once);
+      Calibrate(tool.job, once);
     }
     CalibrateOptions ready = options;
     ready.biases.clear();
-    for (const fs::path& path : ExpandFolders(tool.console, {masters})) {
+    for (const fs::path& path : ExpandFolders(tool.job, {masters})) {
       const std::string name = path.filename().string();
       if (name.starts_with("master_dark")) ready.darks = {path};
       if (name.starts_with("master_flat")) ready.flats = {path};

@@ -2,7 +2,7 @@
 #include <cmath>
 
 #include "korimg/image/CVelImage.h"
-#include "korimg/image/Frame.h"
+#include "korimg/image/internal/Frame.h"
 
 using namespace korimg;
 

@@ -7,8 +7,8 @@
 #include <limits>
 #include <vector>
 
-#include "korimg/image/Lines.h"
-#include "korimg/image/SortingNetwork.h"
+#include "korimg/image/internal/Lines.h"
+#include "korimg/image/internal/SortingNetwork.h"
 
 namespace korimg {
 namespace {

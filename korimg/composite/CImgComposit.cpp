@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "korimg/geometry/CInterp.h"
-#include "korimg/image/CompositeStep.h"
-#include "korimg/image/Numbers.h"
+#include "korimg/image/internal/CompositeStep.h"
+#include "korimg/image/internal/Numbers.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
 using namespace korimg;

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "korimg/composite/CImgComposit.h"
-#include "korimg/image/Frame.h"
+#include "korimg/image/internal/Frame.h"
 
 using namespace korimg;
 

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "korimg/display/CVmDIB.h"
-#include "korimg/image/Frame.h"
-#include "korimg/image/Vectors.h"
+#include "korimg/image/internal/Frame.h"
+#include "korimg/image/internal/Vectors.h"
 
 using namespace korimg;
 

@@ -5,9 +5,9 @@
 #include <cstdlib>
 
 #include "korimg/filters/CFilterMatrix.h"
-#include "korimg/filters/Edges.h"
-#include "korimg/filters/WeightedSum.h"
-#include "korimg/image/Numbers.h"
+#include "korimg/filters/internal/Edges.h"
+#include "korimg/filters/internal/WeightedSum.h"
+#include "korimg/image/internal/Numbers.h"
 
 CFilterBlock::CFilterBlock(CVelImage* image, int r, int x0, int y, int plane, int flags)
     : r_(r), x0_(x0), y_(y), width_(image->GetWidth() - x0), image_(image) {

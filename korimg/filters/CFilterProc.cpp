@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "korimg/filters/CFilterMatrix.h"
-#include "korimg/filters/Edges.h"
-#include "korimg/filters/WeightedSum.h"
+#include "korimg/filters/internal/Edges.h"
+#include "korimg/filters/internal/WeightedSum.h"
 #include "korimg/image/CVelImage.h"
 #include "korimg/platform/CParallel.h"
 #include "korimg/platform/Debug.h"

@@ -9,9 +9,9 @@
 #include <span>
 #include <vector>
 
-#include "korimg/filters/Edges.h"
-#include "korimg/filters/Ranks.h"
-#include "korimg/image/Numbers.h"
+#include "korimg/filters/internal/Edges.h"
+#include "korimg/filters/internal/Ranks.h"
+#include "korimg/image/internal/Numbers.h"
 #include "korimg/platform/Debug.h"
 #include "korimg/platform/StringTable.h"
 

@@ -8,9 +8,9 @@
 #include "korimg/filters/CFilterBlock.h"
 #include "korimg/filters/CFilterMatrix.h"
 #include "korimg/filters/CFilterProc.h"
-#include "korimg/filters/LevelBand.h"
-#include "korimg/filters/Ranks.h"
-#include "korimg/image/Numbers.h"
+#include "korimg/filters/internal/LevelBand.h"
+#include "korimg/filters/internal/Ranks.h"
+#include "korimg/image/internal/Numbers.h"
 
 using namespace korimg;
 

@@ -4,9 +4,9 @@
 #include <cmath>
 
 #include "korimg/filters/CFilterMatrix.h"
-#include "korimg/filters/Edges.h"
-#include "korimg/filters/Ranks.h"
-#include "korimg/image/Numbers.h"
+#include "korimg/filters/internal/Edges.h"
+#include "korimg/filters/internal/Ranks.h"
+#include "korimg/image/internal/Numbers.h"
 
 using namespace korimg;
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <tuple>
 
-#include "korimg/image/Numbers.h"
+#include "korimg/image/internal/Numbers.h"
 
 namespace {
 

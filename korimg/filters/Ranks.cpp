@@ -1,7 +1,7 @@
 // Two ways to one value. A few cells: a network that selects the rank, the same exchanges for many pixels
 // side by side. Many cells: all pixels of a tile are numbered in their order, and a window that slides over
 // the tile keeps the set of its numbers, one bit each, with a pointer at the rank.
-#include "korimg/filters/Ranks.h"
+#include "korimg/filters/internal/Ranks.h"
 
 #include <algorithm>
 #include <bit>
@@ -11,8 +11,8 @@
 #include <memory>
 #include <numeric>
 
-#include "korimg/image/Numbers.h"
-#include "korimg/image/SortingNetwork.h"
+#include "korimg/image/internal/Numbers.h"
+#include "korimg/image/internal/SortingNetwork.h"
 
 namespace korimg {
 namespace {

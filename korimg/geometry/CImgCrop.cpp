@@ -1,6 +1,6 @@
 #include "korimg/geometry/CImgCrop.h"
 
-#include "korimg/geometry/Resized.h"
+#include "korimg/geometry/internal/Resized.h"
 
 using namespace korimg;
 

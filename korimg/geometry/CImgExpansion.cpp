@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "korimg/geometry/LockedLine.h"
-#include "korimg/image/Frame.h"
+#include "korimg/geometry/internal/LockedLine.h"
+#include "korimg/image/internal/Frame.h"
 #include "korimg/platform/Rotation.h"
 
 using namespace korimg;

@@ -1,7 +1,7 @@
 #include "korimg/geometry/CImgFlip.h"
 
-#include "korimg/image/Frame.h"
-#include "korimg/image/Vectors.h"
+#include "korimg/image/internal/Frame.h"
+#include "korimg/image/internal/Vectors.h"
 
 using namespace korimg;
 

@@ -4,8 +4,8 @@
 #include <cmath>
 #include <numbers>
 
-#include "korimg/geometry/LockedLine.h"
-#include "korimg/image/Frame.h"
+#include "korimg/geometry/internal/LockedLine.h"
+#include "korimg/image/internal/Frame.h"
 
 using namespace korimg;
 

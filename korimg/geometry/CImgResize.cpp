@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "korimg/geometry/Resized.h"
+#include "korimg/geometry/internal/Resized.h"
 
 using namespace korimg;
 

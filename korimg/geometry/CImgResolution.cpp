@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "korimg/geometry/CInterp.h"
-#include "korimg/geometry/LockedLine.h"
-#include "korimg/geometry/Resized.h"
+#include "korimg/geometry/internal/LockedLine.h"
+#include "korimg/geometry/internal/Resized.h"
 
 using namespace korimg;
 

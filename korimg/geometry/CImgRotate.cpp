@@ -8,9 +8,9 @@
 #include <xmmintrin.h>
 
 #include "korimg/geometry/CInterp.h"
-#include "korimg/geometry/LockedLine.h"
-#include "korimg/geometry/Resized.h"
-#include "korimg/image/Numbers.h"
+#include "korimg/geometry/internal/LockedLine.h"
+#include "korimg/geometry/internal/Resized.h"
+#include "korimg/image/internal/Numbers.h"
 
 using namespace korimg;
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "korimg/geometry/Resized.h"
+#include "korimg/geometry/internal/Resized.h"
 
 using namespace korimg;
 

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <cwctype>
 
-#include "korimg/image/Frame.h"
-#include "korimg/image/Numbers.h"
+#include "korimg/image/internal/Frame.h"
+#include "korimg/image/internal/Numbers.h"
 
 using namespace korimg;
 

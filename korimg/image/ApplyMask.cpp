@@ -6,7 +6,7 @@
 #include "korimg/image/CImageSelection.h"
 #include "korimg/image/CVelImage.h"
 #include "korimg/image/Exceptions.h"
-#include "korimg/image/Frame.h"
+#include "korimg/image/internal/Frame.h"
 
 using namespace korimg;
 

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <limits>
 
-#include "korimg/image/Lines.h"
-#include "korimg/image/Vectors.h"
+#include "korimg/image/internal/Lines.h"
+#include "korimg/image/internal/Vectors.h"
 #include "korimg/platform/Debug.h"
 
 namespace {

@@ -1,6 +1,6 @@
 #include "korimg/image/CImgCutOff.h"
 
-#include "korimg/image/Frame.h"
+#include "korimg/image/internal/Frame.h"
 
 using namespace korimg;
 

@@ -6,7 +6,7 @@
 #include <new>
 
 #include "korimg/colour/CColor.h"
-#include "korimg/image/Frame.h"
+#include "korimg/image/internal/Frame.h"
 #include "korimg/platform/CException.h"
 #include "korimg/platform/StringTable.h"
 

@@ -2,7 +2,7 @@
 #include <algorithm>
 
 #include "korimg/image/CVelImage.h"
-#include "korimg/image/Numbers.h"
+#include "korimg/image/internal/Numbers.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 #include <algorithm>
 
 #include "korimg/image/CVelImage.h"
-#include "korimg/image/Numbers.h"
 #include "korimg/image/Progress.h"
+#include "korimg/image/internal/Numbers.h"
 #include "korimg/platform/StringTable.h"
 
 using korimg::LoadString;

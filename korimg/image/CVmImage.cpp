@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "korimg/platform/Assert.h"
+#include "korimg/platform/internal/Assert.h"
 
 namespace {
 

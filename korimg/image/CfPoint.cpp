@@ -1,6 +1,6 @@
 #include "korimg/image/CfPoint.h"
 
-#include "korimg/image/Numbers.h"
+#include "korimg/image/internal/Numbers.h"
 
 void CfPoint::Set(double newX, double newY) {
   x = korimg::TruncateToInt(newX);

@@ -1,4 +1,4 @@
-#include "korimg/image/Frame.h"
+#include "korimg/image/internal/Frame.h"
 
 #include <string>
 

@@ -35,10 +35,10 @@
 
 #include "korimg/image/CVmManager.h"
 #include "korimg/image/CVmMemory.h"
-#include "korimg/image/Memory.h"
-#include "korimg/image/SwapFile.h"
-#include "korimg/platform/Assert.h"
+#include "korimg/image/internal/Memory.h"
+#include "korimg/image/internal/SwapFile.h"
 #include "korimg/platform/Debug.h"
+#include "korimg/platform/internal/Assert.h"
 
 namespace korimg {
 namespace {

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "korimg/image/CVelImage.h"
-#include "korimg/image/Frame.h"
+#include "korimg/image/internal/Frame.h"
 
 using namespace korimg;
 

@@ -1,4 +1,4 @@
-#include "korimg/image/SwapFile.h"
+#include "korimg/image/internal/SwapFile.h"
 
 #include <algorithm>
 #include <atomic>
@@ -17,7 +17,7 @@
 #include <unistd.h>
 
 #include "korimg/image/Exceptions.h"
-#include "korimg/image/Memory.h"
+#include "korimg/image/internal/Memory.h"
 #include "korimg/platform/Debug.h"
 
 namespace korimg {

@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <functional>
 
-#include "korimg/image/Frame.h"
-#include "korimg/image/Numbers.h"
-#include "korimg/levels/Brightness.h"
+#include "korimg/image/internal/Frame.h"
+#include "korimg/image/internal/Numbers.h"
+#include "korimg/levels/internal/Brightness.h"
 
 using namespace korimg;
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
-#include "korimg/image/Frame.h"
-#include "korimg/image/Numbers.h"
+#include "korimg/image/internal/Frame.h"
+#include "korimg/image/internal/Numbers.h"
 
 using namespace korimg;
 

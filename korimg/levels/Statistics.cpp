@@ -5,10 +5,10 @@
 #include <numeric>
 
 #include "korimg/image/CVelImage.h"
-#include "korimg/image/Frame.h"
-#include "korimg/image/Numbers.h"
-#include "korimg/image/Vectors.h"
-#include "korimg/levels/Brightness.h"
+#include "korimg/image/internal/Frame.h"
+#include "korimg/image/internal/Numbers.h"
+#include "korimg/image/internal/Vectors.h"
+#include "korimg/levels/internal/Brightness.h"
 
 using namespace korimg;
 

@@ -8,10 +8,10 @@
 #include <numeric>
 #include <vector>
 
-#include "korimg/image/Lines.h"
-#include "korimg/image/Numbers.h"
-#include "korimg/measurement/RigidFit.h"
-#include "korimg/measurement/SkyMesh.h"
+#include "korimg/image/internal/Lines.h"
+#include "korimg/image/internal/Numbers.h"
+#include "korimg/measurement/internal/RigidFit.h"
+#include "korimg/measurement/internal/SkyMesh.h"
 
 using namespace korimg;
 

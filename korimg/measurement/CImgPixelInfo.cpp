@@ -5,8 +5,8 @@
 #include <limits>
 #include <numbers>
 
-#include "korimg/image/Frame.h"
-#include "korimg/image/Numbers.h"
+#include "korimg/image/internal/Frame.h"
+#include "korimg/image/internal/Numbers.h"
 #include "korimg/measurement/PSF.h"
 
 using namespace korimg;

@@ -6,12 +6,12 @@
 
 #include "korimg/composite/CImgComposit.h"
 #include "korimg/filters/CImgFilterBlur.h"
-#include "korimg/fourier/CFft.h"
-#include "korimg/fourier/CImgFourier.h"
 #include "korimg/geometry/CInterp.h"
-#include "korimg/image/Frame.h"
-#include "korimg/measurement/RigidFit.h"
-#include "korimg/measurement/SkyMesh.h"
+#include "korimg/geometry/fourier/CFft.h"
+#include "korimg/geometry/fourier/CImgFourier.h"
+#include "korimg/image/internal/Frame.h"
+#include "korimg/measurement/internal/RigidFit.h"
+#include "korimg/measurement/internal/SkyMesh.h"
 #include "korimg/platform/CParallel.h"
 
 using namespace korimg;

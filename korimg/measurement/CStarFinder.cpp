@@ -6,10 +6,10 @@
 #include <tuple>
 #include <utility>
 
-#include "korimg/image/Lines.h"
-#include "korimg/image/Numbers.h"
-#include "korimg/measurement/PointGrid.h"
-#include "korimg/measurement/StarSeeds.h"
+#include "korimg/image/internal/Lines.h"
+#include "korimg/image/internal/Numbers.h"
+#include "korimg/measurement/internal/PointGrid.h"
+#include "korimg/measurement/internal/StarSeeds.h"
 
 using namespace korimg;
 

@@ -7,8 +7,8 @@
 #include <tuple>
 #include <utility>
 
-#include "korimg/measurement/PointGrid.h"
-#include "korimg/measurement/RigidFit.h"
+#include "korimg/measurement/internal/PointGrid.h"
+#include "korimg/measurement/internal/RigidFit.h"
 
 using namespace korimg;
 

@@ -2,8 +2,8 @@
 #include <cmath>
 #include <numbers>
 
-#include "korimg/image/Frame.h"
-#include "korimg/image/Numbers.h"
+#include "korimg/image/internal/Frame.h"
+#include "korimg/image/internal/Numbers.h"
 
 using namespace korimg;
 

@@ -6,7 +6,7 @@
 #include <numbers>
 #include <numeric>
 
-#include "korimg/image/Numbers.h"
+#include "korimg/image/internal/Numbers.h"
 #include "korimg/platform/CRegistry.h"
 
 namespace {

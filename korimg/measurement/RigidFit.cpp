@@ -1,9 +1,9 @@
-#include "korimg/measurement/RigidFit.h"
+#include "korimg/measurement/internal/RigidFit.h"
 
 #include <algorithm>
 #include <numbers>
 
-#include "korimg/image/Numbers.h"
+#include "korimg/image/internal/Numbers.h"
 
 namespace korimg {
 

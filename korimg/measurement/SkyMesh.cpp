@@ -1,4 +1,4 @@
-#include "korimg/measurement/SkyMesh.h"
+#include "korimg/measurement/internal/SkyMesh.h"
 
 #include <algorithm>
 #include <array>
@@ -6,8 +6,8 @@
 #include <cstring>
 #include <limits>
 
-#include "korimg/image/Lines.h"
-#include "korimg/image/Vectors.h"
+#include "korimg/image/internal/Lines.h"
+#include "korimg/image/internal/Vectors.h"
 
 namespace korimg {
 namespace {

@@ -1,12 +1,12 @@
-#include "korimg/measurement/StarSeeds.h"
+#include "korimg/measurement/internal/StarSeeds.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdint>
 
-#include "korimg/image/Lines.h"
-#include "korimg/image/Vectors.h"
+#include "korimg/image/internal/Lines.h"
+#include "korimg/image/internal/Vectors.h"
 
 namespace korimg {
 namespace {

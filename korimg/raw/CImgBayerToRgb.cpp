@@ -6,8 +6,8 @@
 #include <limits>
 #include <vector>
 
-#include "korimg/image/Frame.h"
-#include "korimg/image/Vectors.h"
+#include "korimg/image/internal/Frame.h"
+#include "korimg/image/internal/Vectors.h"
 #include "korimg/levels/CImgAutoLevel.h"
 #include "korimg/platform/CException.h"
 #include "korimg/platform/CParallel.h"

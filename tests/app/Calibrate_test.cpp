@@ -11,9 +11,9 @@
 
 #include "korimg/platform/CParallel.h"
 
-#include "app/simulate/Simulate.h"
 #include "app/verbs/Verbs.h"
-#include "tests/app/Folder.h"
+#include "session/simulate/Simulate.h"
+#include "tests/support/Folder.h"
 #include "tests/support/Images.h"
 
 namespace korimg::tool {
@@ -51,7 +51,7 @@ class CalibrateTest : public files::FolderTest {
       AddRun(app, tool);
       try {
         app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
-        outcome.code = tool.exitCode;
+        outcome.code = tool.ExitCode();
       } catch (const UsageError& error) {
         tool.console.Error(error.what());
         outcome.code = kBadUsage;

@@ -1,4 +1,4 @@
-#include "app/files/ConstantBorder.h"
+#include "session/files/ConstantBorder.h"
 
 #include <cmath>
 #include <numbers>

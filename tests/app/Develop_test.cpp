@@ -1,13 +1,13 @@
 // Development by the tool: from mosaics in files to colour images in files.
-#include "app/develop/Develop.h"
+#include "session/develop/Develop.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "korimg/raw/CImgBayerToRgb.h"
 
-#include "app/files/Mosaic.h"
-#include "app/simulate/Simulate.h"
+#include "session/files/Mosaic.h"
+#include "session/simulate/Simulate.h"
 #include "tests/app/Tool.h"
 #include "tests/support/Dng.h"
 
@@ -199,7 +199,7 @@ TEST_F(DevelopTest, BandsAreTheWholeInParts) {
   const auto store = test::MemoryStore();
   for (const int height : {6, 127, 128, 133, 134, 263, 391}) {
     for (int options = 0; options <= 4; ++options) {
-      tool::DevelopOptions develop;
+      session::DevelopOptions develop;
       develop.mono = options & 1;
       develop.levelCut = options & 2;
       develop.gamma = options & 2 ? 2.2 : 1;
@@ -207,7 +207,7 @@ TEST_F(DevelopTest, BandsAreTheWholeInParts) {
       const auto image = test::Make(store, 37, height, 1, test::Random(-10, 900));
       ImageInfo info;
       info.planes = 1;
-      tool::WhiteBalance balance{{1.5, 1, 1, 2}, "as told"};
+      session::WhiteBalance balance{{1.5, 1, 1, 2}, "as told"};
       Mosaic mosaic{1, "RGGB", ""};
       const auto whole = test::Make<CImgBayerToRgb>(store, 37, height, 1, test::Random(-10, 900));
       whole->SetLevel(0, image->GetLevelMin(0), image->GetLevelMax(0));
@@ -223,11 +223,10 @@ TEST_F(DevelopTest, BandsAreTheWholeInParts) {
       bayer.nRoundUpGreen = 2;
       ASSERT_TRUE(whole->Do(bayer, 0));
       if (develop.half) balance.gains = {1, 1, 1, 1};
-      tool::Development bands(tool::MosaicSource(*image), info, mosaic, balance, develop);
-      tool::Tool tool;
-      tool.console.SetUp(true, false);
+      session::Development bands(session::MosaicSource(*image), info, mosaic, balance, develop);
+      session::Job job;
       int next = 0;
-      bands.ForBands(tool, "", [&](std::unique_ptr<CVelImage> part) {
+      bands.ForBands(job, "", [&](std::unique_ptr<CVelImage> part) {
         CVelImage& band = *part;
         for (int p = 0; p < band.GetPlanes(); ++p) {
           for (int y = 0; y < band.GetHeight(); ++y) {

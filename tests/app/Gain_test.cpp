@@ -1,4 +1,4 @@
-#include "app/files/Gain.h"
+#include "session/files/Gain.h"
 
 #include <nlohmann/json.hpp>
 

@@ -10,7 +10,7 @@
 
 #include "korimg/measurement/CStarFinder.h"
 
-#include "app/simulate/Simulate.h"
+#include "session/simulate/Simulate.h"
 #include "tests/app/Tool.h"
 
 namespace korimg::files {

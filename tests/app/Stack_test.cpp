@@ -11,9 +11,10 @@
 #include <signal.h>
 #include <sys/resource.h>
 
-#include "app/files/Times.h"
-#include "app/simulate/Simulate.h"
-#include "app/stack/Journal.h"
+#include "app/tool/Tool.h"
+#include "session/files/Times.h"
+#include "session/simulate/Simulate.h"
+#include "session/stack/Journal.h"
 #include "tests/app/Tool.h"
 
 namespace korimg::tool {
@@ -423,13 +424,12 @@ TEST(Stack, NormalisedFramesAreAllLikeTheReference) {
                {shifted, Normalisation::None, false}};
   for (const auto& [inputs, normalisation, alike] : cases) {
     for (const auto method : {CImgStack::Minimum, CImgStack::Maximum}) {
-      Tool tool;
-      tool.console.SetUp(true, false);
+      Job job;
       constexpr int kReference = 2;
       double most = 0;
       int next = 0;
-      Stack(tool, inputs, kReference, {.method = method, .normalisation = normalisation, .memory = 1 << 19},
-            0, [&, &inputs = inputs](const StackBand& band) {
+      Stack(job, inputs, kReference, {.method = method, .normalisation = normalisation, .memory = 1 << 19}, 0,
+            [&, &inputs = inputs](const StackBand& band) {
               EXPECT_EQ(band.y0, next);
               next += band.rows;
               EXPECT_EQ(band.low, nullptr);
@@ -467,11 +467,10 @@ TEST(Stack, WhatReadingThrowsReachesTheCaller) {
     inputs[fails].read = [](int y0, int, float* const*) {
       if (y0 > 4) throw files::FileError("frame", "is gone");
     };
-    Tool tool;
-    tool.console.SetUp(true, false);
+    Job job;
     int bands = 0;
     EXPECT_EQ(files::ErrorOf([&] {
-                Stack(tool, inputs, 0, {.normalisation = Normalisation::None, .memory = 280000}, 0,
+                Stack(job, inputs, 0, {.normalisation = Normalisation::None, .memory = 280000}, 0,
                       [&](const StackBand&) { ++bands; });
               }),
               "frame: is gone");
@@ -503,7 +502,7 @@ TEST_F(StackTest, MemoryIsBoundedHoweverManyFrames) {
   EXPECT_LT(LastJson(result)["peak_memory_bytes"], 90 << 20);
 }
 
-/// Starts the tool, kills it as soon as `when` holds, and answers whether it was killed rather than done.
+/// Starts the job, kills it as soon as `when` holds, and answers whether it was killed rather than done.
 bool RunAndKill(const fs::path& folder, const std::vector<std::string>& words, int signal,
                 const std::function<bool()>& when) {
   const pid_t child = fork();

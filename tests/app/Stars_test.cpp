@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "app/register/Register.h"
-#include "app/stack/Transforms.h"
+#include "session/register/Register.h"
+#include "session/stack/Transforms.h"
 #include "tests/app/Tool.h"
 
 namespace korimg::files {
@@ -164,10 +164,10 @@ TEST_F(StarsTest, HalfTurnsAreFoundAndMirroredFramesNamed) {
 
 TEST_F(StarsTest, StacksReadWhatRegisterWrites) {
   const std::string name = "a \"b\" 星.fits";
-  const tool::Registration registration{In(name).string(), -1.5, 1e-17,    179.25, 7, 0.125, 2.5,
-                                        "phase",           "ok", "a note", 0.75};
-  WriteBytes(In("list"), tool::ToJson(registration) + "\n\n");
-  const tool::Transform read = tool::Transforms(In("list")).Of(In(name));
+  const session::Registration registration{In(name).string(), -1.5, 1e-17,    179.25, 7, 0.125, 2.5,
+                                           "phase",           "ok", "a note", 0.75};
+  WriteBytes(In("list"), session::ToJson(registration) + "\n\n");
+  const session::Transform read = session::Transforms(In("list")).Of(In(name));
   EXPECT_EQ(std::tuple(read.dx, read.dy, read.degrees, read.fwhm, read.fluxRatio, read.Text()),
             std::tuple(-1.5, 1e-17, 179.25, 2.5, 0.75, "ok: a note"));
 }
@@ -177,9 +177,9 @@ TEST_F(StarsTest, FramesWithoutCommonStarsAreRegisteredThroughOthers) {
   // the first.
   constexpr int kWidth = 800, kHeight = 600;
   const struct { double dx, dy, degrees; } poses[] = {{0, 0, 0}, {450.25, -20.5, 3}, {900.75, 31.125, -174}};
-  std::vector<tool::FrameMeasure> frames;
+  std::vector<session::FrameMeasure> frames;
   for (const auto& pose : poses) {
-    tool::FrameMeasure frame;
+    session::FrameMeasure frame;
     frame.width = kWidth;
     frame.height = kHeight;
     std::minstd_rand random(5);
@@ -202,25 +202,25 @@ TEST_F(StarsTest, FramesWithoutCommonStarsAreRegisteredThroughOthers) {
   const auto noImage = [](size_t) -> std::shared_ptr<CVelImage> {
     throw FileError("an image", "is not needed");
   };
-  std::vector<tool::Registration> registrations(3);
+  std::vector<session::Registration> registrations(3);
   registrations[0].status = "ok";
   registrations[0].method = "stars";
   registrations[1].status = registrations[2].status = "no match";
   ASSERT_EQ(CStarMatcher(frames[0].stars).Match(frames[2].stars, kWidth, kHeight).status,
             CStarMatch::NoMatch);
-  EXPECT_TRUE(tool::RegisterThroughOthers(frames, registrations, noImage));
+  EXPECT_TRUE(session::RegisterThroughOthers(frames, registrations, noImage));
   for (int i = 1; i < 3; ++i) {
     ASSERT_TRUE(registrations[i].IsGood()) << i;
     EXPECT_NEAR(registrations[i].dx, poses[i].dx, 1e-3);
     EXPECT_NEAR(registrations[i].dy, poses[i].dy, 1e-3);
     EXPECT_NEAR(registrations[i].degrees, poses[i].degrees, 1e-4);
   }
-  EXPECT_FALSE(tool::RegisterThroughOthers(frames, registrations, noImage)) << "all are known";
+  EXPECT_FALSE(session::RegisterThroughOthers(frames, registrations, noImage)) << "all are known";
 }
 
 /// A frame of stars at given places.
-tool::FrameMeasure FrameOf(const std::vector<std::pair<double, double>>& places, double dx, double dy) {
-  tool::FrameMeasure frame;
+session::FrameMeasure FrameOf(const std::vector<std::pair<double, double>>& places, double dx, double dy) {
+  session::FrameMeasure frame;
   frame.width = 800;
   frame.height = 600;
   for (const auto& [x, y] : places) {
@@ -241,11 +241,11 @@ TEST_F(StarsTest, DoubtsAndRefusalsTellTheirNumbers) {
   };
   const std::vector<std::pair<double, double>> places = {
       {100, 100}, {650, 480}, {520, 90}, {220, 410}, {330, 300}};
-  const auto registered = [&](const tool::FrameMeasure& reference, const tool::FrameMeasure& frame,
+  const auto registered = [&](const session::FrameMeasure& reference, const session::FrameMeasure& frame,
                               double limit) {
-    return tool::Registrar(reference, noImage, limit).Register(frame, noImage).Text();
+    return session::Registrar(reference, noImage, limit).Register(frame, noImage).Text();
   };
-  const tool::FrameMeasure five = FrameOf(places, 0, 0), two = FrameOf({places[0], places[1]}, 0, 0);
+  const session::FrameMeasure five = FrameOf(places, 0, 0), two = FrameOf({places[0], places[1]}, 0, 0);
   EXPECT_EQ(registered(five, FrameOf(places, 5, 3), 1), "ok");
   EXPECT_EQ(registered(two, FrameOf({places[0], places[1]}, 5, 3), 1).find("ok: by two stars alone"), 0u);
   EXPECT_EQ(registered(five, FrameOf({places[0]}, 0, 0), 1),
@@ -278,8 +278,8 @@ TEST_F(StarsTest, HalfTurnsByLightAreCheckedByNeighbours) {
              (r < 1 ? 900 * (0.5 + 0.5 * std::sqrt(1 - r * r)) + 60 * std::sin(0.2 * (k - y)) : 0);
     });
   };
-  std::vector<tool::FrameMeasure> frames(4);
-  std::vector<tool::Registration> registrations(4);
+  std::vector<session::FrameMeasure> frames(4);
+  std::vector<session::Registration> registrations(4);
   for (size_t i = 0; i < frames.size(); ++i) {
     frames[i].width = 120;
     frames[i].height = 100;
@@ -290,23 +290,23 @@ TEST_F(StarsTest, HalfTurnsByLightAreCheckedByNeighbours) {
   registrations[2].degrees = 180;
   registrations[2].dx = 7;
   const auto image = [&](size_t i) { return planet(60 + 2.0 * static_cast<double>(i), 50); };
-  EXPECT_TRUE(tool::RegisterThroughOthers(frames, registrations, image));
+  EXPECT_TRUE(session::RegisterThroughOthers(frames, registrations, image));
   ASSERT_TRUE(registrations[2].IsGood());
   EXPECT_EQ(registrations[2].degrees, 0);
   EXPECT_NEAR(registrations[2].dx, -4, 0.1);
-  EXPECT_FALSE(tool::RegisterThroughOthers(frames, registrations, image));
+  EXPECT_FALSE(session::RegisterThroughOthers(frames, registrations, image));
 }
 
 TEST_F(StarsTest, TheReferenceIsTheSharpestRichFrame) {
   const auto frame = [](int stars, double fwhm) {
-    tool::FrameMeasure measure;
+    session::FrameMeasure measure;
     measure.starCount = stars;
     measure.fwhm = fwhm;
     return measure;
   };
-  EXPECT_EQ(tool::ChooseReference({frame(0, 0)}), 0u);
-  EXPECT_EQ(tool::ChooseReference({frame(0, 0), frame(1, 9), frame(0, 0)}), 1u);
-  EXPECT_EQ(tool::ChooseReference({frame(10, 1), frame(100, 3), frame(50, 2.9), frame(49, 2)}), 2u);
+  EXPECT_EQ(session::ChooseReference({frame(0, 0)}), 0u);
+  EXPECT_EQ(session::ChooseReference({frame(0, 0), frame(1, 9), frame(0, 0)}), 1u);
+  EXPECT_EQ(session::ChooseReference({frame(10, 1), frame(100, 3), frame(50, 2.9), frame(49, 2)}), 2u);
 }
 
 TEST_F(StarsTest, FindsTheStarsOfASession) {

@@ -5,7 +5,7 @@
 
 #include <sys/wait.h>
 
-#include "tests/app/Folder.h"
+#include "tests/support/Folder.h"
 #include "tests/support/Images.h"
 #include "tests/support/Process.h"
 

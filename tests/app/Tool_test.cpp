@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "app/simulate/Simulate.h"
+#include "session/simulate/Simulate.h"
 
 namespace korimg::files {
 namespace {

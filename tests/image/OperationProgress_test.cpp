@@ -3,10 +3,10 @@
 
 #include "korimg/calibration/CImgDark.h"
 #include "korimg/composite/CImgComposit.h"
+#include "korimg/composite/stacking/CImgNormalize.h"
 #include "korimg/filters/CImgFilter.h"
 #include "korimg/filters/CImgFilterBlur.h"
 #include "korimg/filters/CImgFilterMisc.h"
-#include "korimg/fourier/CImgFourier.h"
 #include "korimg/geometry/CImgCrop.h"
 #include "korimg/geometry/CImgExpansion.h"
 #include "korimg/geometry/CImgFlip.h"
@@ -16,6 +16,7 @@
 #include "korimg/geometry/CImgRotate.h"
 #include "korimg/geometry/CImgScroll.h"
 #include "korimg/geometry/CImgSoftBinning.h"
+#include "korimg/geometry/fourier/CImgFourier.h"
 #include "korimg/image/CImageMask.h"
 #include "korimg/image/CImageSelection.h"
 #include "korimg/image/CImgBright.h"
@@ -26,7 +27,6 @@
 #include "korimg/levels/CImgToneCurve.h"
 #include "korimg/platform/StringTable.h"
 #include "korimg/raw/CImgBayerToRgb.h"
-#include "korimg/stacking/CImgNormalize.h"
 
 #include "tests/support/Images.h"
 

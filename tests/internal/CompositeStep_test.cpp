@@ -1,4 +1,4 @@
-#include "korimg/image/CompositeStep.h"
+#include "korimg/image/internal/CompositeStep.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // What a pipeline that fails leaves behind.
-#include "korimg/image/Frame.h"
+#include "korimg/image/internal/Frame.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "korimg/image/Memory.h"
+#include "korimg/image/internal/Memory.h"
 
 #include <fstream>
 

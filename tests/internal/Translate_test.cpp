@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "korimg/image/Frame.h"
+#include "korimg/image/internal/Frame.h"
 
 #include "tests/geometry/Reference.h"
 

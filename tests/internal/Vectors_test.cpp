@@ -1,4 +1,4 @@
-#include "korimg/image/Vectors.h"
+#include "korimg/image/internal/Vectors.h"
 
 #include <cmath>
 #include <random>

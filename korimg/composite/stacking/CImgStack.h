@@ -1,0 +1,75 @@
+#pragma once
+
+#include <span>
+#include <utility>
+#include <vector>
+
+#include "korimg/composite/stacking/CImgMedianComposit.h"
+#include "korimg/composite/stacking/FrameLevels.h"
+
+/// Stacks registered frames in bands as CImgMedianComposit does, with weights, clipping that is repeated and
+/// counted, and pixels that are no finite numbers left out. Every statistic runs on all threads, on any
+/// store.
+///
+/// Frames are normalised, as SigmaCalc describes it, when there is an AddNormalizeParam for each slot; equal
+/// spreads of frame and reference shift the level alone.
+class KORIMG_API CImgStack : public CImgMedianComposit {
+ public:
+  enum Method : int { Median, Mean, ClippedMean, Maximum, Minimum };
+
+  /// Values further than so many standard deviations below or above the median are rejected, and again by the
+  /// median and deviation of the others, until none is or so often. Of one or two values none is rejected,
+  /// and the last ones never are.
+  struct Clip {
+    double low = 2.5, high = 2.5;
+    int iterations = 5;
+  };
+
+  /// What became of a frame's pixels. Those that are missing or no finite numbers don't count.
+  struct Counts {
+    long long values = 0, low = 0, high = 0;  ///< all, and of them those rejected as too low and too high
+
+    Counts& operator+=(Counts const& other) {
+      values += other.values;
+      low += other.low;
+      high += other.high;
+      return *this;
+    }
+  };
+
+  explicit CImgStack(CVelImage* target);
+
+  /// The weight of each slot in means, positive; 1 unless set. Throws CInvalidArgException* for another one.
+  void SetWeights(std::span<double const> weights);
+  /// What a pixel becomes that no frame reaches: 0 unless set.
+  void SetOutside(float value) { outside_ = value; }
+  /// Images of the target's shape that get the number of values rejected in each pixel. Either may be null.
+  void SetRejectionMaps(CVelImage* low, CVelImage* high);
+
+  /// As CImgMedianComposit::Store, turned about the middle of the frame, and with the kernel of `method` also
+  /// for shifts by parts of a pixel.
+  ///
+  /// Bicubic and Lanczos kernels undershoot beside what is much brighter, and leave dark rings around stars.
+  /// With the frame's `levels`, what falls more than five deviations of its noise below its level, and as
+  /// much below the lowest of the four pixels around, becomes this one.
+  int Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx, double dy, double radians,
+            int method, korimg::FrameLevels const* levels = nullptr);
+
+  /// What each thread of Stack takes beside the store, about.
+  static long long BytesOfThread(size_t frames);
+  /// Writes the rows y0 to y1 of the target, and of the maps. The median is that of CImgMedianComposit, and
+  /// has no weights; means are weighted. The result does not depend on bands or threads.
+  void Stack(Method method, Clip const& clip, int y0, int y1);
+  /// What became of each slot's pixels in the calls since this was asked last.
+  std::vector<Counts> TakeCounts() { return std::exchange(counts_, {}); }
+
+ private:
+  void RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd, double dx, double dy, double radians,
+                       korimg::FrameLevels const& levels);
+
+  std::vector<double> weights_;
+  float outside_ = 0;
+  CVelImage* lowMap_ = nullptr;
+  CVelImage* highMap_ = nullptr;
+  std::vector<Counts> counts_;
+};

@@ -1,0 +1,63 @@
+// The transform of lines of complex numbers, eight lines side by side in the lanes of vectors. Internal.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "korimg/geometry/fourier/ComplexPlanes.h"
+
+namespace korimg {
+
+/// Lines of a power of two: what their transform needs to know, computed once for a length.
+///
+/// Decimation in frequency by four, with a last step by two where the length asks for it. Steps over more
+/// than what the nearest cache holds run over the whole line; below that, part by part.
+class LineTransform {
+ public:
+  static constexpr int kLanes = 8;
+
+  /// Elements of one index of eight lines.
+  struct Row {
+    float re[kLanes];
+    float im[kLanes];
+  };
+  /// Room for the lines that are transformed together.
+  class Work {
+   public:
+    explicit Work(int length);
+    Row* Rows() const { return rows_.get(); }
+
+   private:
+    struct Release {
+      void operator()(Row* p) const;
+    };
+    std::unique_ptr<Row[], Release> rows_;
+  };
+  /// Where lines lie: element k of line i at data[k * step + i * pitch].
+  struct Lines {
+    complex* data;
+    int step;
+    int pitch;
+    int count;  ///< 1 to kLanes
+  };
+
+  explicit LineTransform(int length);
+
+  /// Transforms lines in place with the kernel exp(sign 2 pi i jk / length) and multiplies by `scale`.
+  void Run(Lines const& lines, int sign, float scale, Work const& work) const;
+
+ private:
+  struct Step {
+    int size;      ///< of the parts that it splits
+    size_t roots;  ///< where its roots begin
+  };
+
+  int length_;
+  std::vector<Step> steps_;    ///< by four, those with roots
+  std::vector<float> roots_;   ///< real and imaginary parts of w^j, w^2j, w^3j
+  int last_;                   ///< size of the parts that remain: 4, 2 or 1
+  std::vector<int> places_;    ///< where element k of the result lies, for sign -1
+  std::vector<int> reversed_;  ///< and for sign 1, whose result is the same in reverse
+};
+
+}  // namespace korimg

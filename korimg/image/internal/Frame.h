@@ -1,0 +1,214 @@
+// The road that all operations travel: the window, the choice of path, pipelines over planes, loops over
+// lines and the progress display. Operations hold their own arithmetic and the differences between their two
+// paths. Internal.
+#pragma once
+
+#include <cstring>
+
+#include <HalideBuffer.h>
+#include <Pipelines.h>
+
+#include "korimg/image/CVelImage.h"
+#include "korimg/image/internal/Lines.h"
+#include "korimg/platform/internal/Assert.h"
+
+namespace korimg {
+
+/// A rectangle clipped to an image. An image without pixels has an empty one.
+struct Window {
+  int left = 0, top = 0, right = 0, bottom = 0;
+
+  Window(CVelImage const& image, CRect* rect) {
+    if (!image.IsEmpty()) image.NormalizeRect(rect, left, top, right, bottom);
+    KORIMG_ASSERT(IsEmpty() || IsInside(image));
+  }
+  Window(int left, int top, int right, int bottom) : left(left), top(top), right(right), bottom(bottom) {}
+
+  int Width() const { return right - left; }
+  int Height() const { return bottom - top; }
+  bool IsEmpty() const { return right <= left || bottom <= top; }
+  long long Pixels() const { return IsEmpty() ? 0 : 1LL * Width() * Height(); }
+  /// Lines that an operation over all planes steps through.
+  int Lines(CVelImage const& image) const { return IsEmpty() ? 0 : image.GetPlanes() * Height(); }
+  bool IsInside(CVelImage const& image) const {
+    return left >= 0 && top >= 0 && right <= image.GetWidth() && bottom <= image.GetHeight();
+  }
+  bool Covers(CVelImage const& image) const {
+    return left == 0 && top == 0 && Width() >= image.GetWidth() && Height() >= image.GetHeight();
+  }
+};
+
+inline bool SameSize(CVelImage const& a, CVelImage const& b) {
+  return a.GetWidth() == b.GetWidth() && a.GetHeight() == b.GetHeight();
+}
+
+/// `src` has a pixel for each of the target's.
+inline bool Fits(CVelImage const& src, CVelImage const& target) {
+  return !src.IsEmpty() && !target.IsEmpty() && SameSize(src, target) &&
+         src.GetPlanes() >= target.GetPlanes();
+}
+
+/// `frame` can serve every plane of `image`: a mono one by its only plane, a colour one plane by plane.
+inline bool Serves(CVelImage const& frame, CVelImage const& image) {
+  return SameSize(frame, image) && !frame.IsEmpty() &&
+         (!frame.IsColor() || frame.GetPlanes() >= image.GetPlanes());
+}
+
+inline bool IsContiguous(CImage const& image) {
+  return image.GetAllocationPolicy() != CVmManager::Paged;
+}
+
+/// Pipelines may run: the planes of all images are contiguous.
+template <class... Images>
+bool MayRunPipelines(Images const&... images) {
+  return (IsContiguous(images) && ...);
+}
+
+/// The processor offers the vector forms of the line loops, which run on the whole team.
+bool HasVectors();
+
+/// Gives a work image the record, shape and kind of store of another, with all pixels 0. Throws
+/// velora::CVmMemoryAllocationError when there is no room.
+void MakeWorkImage(CVelImage& work, CVelImage const& like);
+
+/// Opens the progress display of an operation, and closes it on every way out.
+class ProgressScope {
+ public:
+  ProgressScope(CVelImage& image, int show, int message, int total) : image_(image) {
+    image_.ShowProgressInit(show, message, total);
+  }
+  ~ProgressScope() { image_.ShowProgressEnd(0); }
+  ProgressScope(ProgressScope const&) = delete;
+  ProgressScope& operator=(ProgressScope const&) = delete;
+
+ private:
+  CVelImage& image_;
+};
+
+/// Calls line(plane, y) for the window's lines of each plane in turn, and counts the lines on the display.
+template <class F>
+void ForPlaneLines(CVelImage& image, Window const& window, Team team, F&& line) {
+  if (window.IsEmpty()) return;
+  KORIMG_ASSERT(window.IsInside(image));
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    ForLines(team, window.top, window.bottom, [&](int y) {
+      line(p, y);
+      image.ShowProgress(1);
+    });
+  }
+}
+
+/// Writes formula(plane)(source pixel) over the window.
+template <class F>
+void MapPixels(CVelImage& target, CVelImage& src, Window const& window, Team team, F&& formula) {
+  ForPlaneLines(target, window, team, [&](int p, int y) {
+    const auto map = formula(p);
+    float const* in = src.GetLine(window.left, y, p);
+    float* out = target.GetWritableLine(window.left, y, p);
+    for (int x = 0; x < window.Width(); ++x) {
+      out[x] = map(in[x]);
+    }
+  });
+}
+
+/// Limits below at 0; NaN stays NaN.
+inline float NotNegative(float v) {
+  return v < 0.0f ? 0.0f : v;
+}
+
+/// A pipeline's view of a whole plane of a contiguous image, or of a temporary plane.
+class PlaneBuffer {
+ public:
+  PlaneBuffer(CImage& image, int plane, bool readOnly = true)
+      : PlaneBuffer(reinterpret_cast<float*>(image.GetBlockOnMemory(plane, readOnly)), image.GetWidth(),
+                    image.GetHeight()) {
+    KORIMG_ASSERT(IsContiguous(image));
+  }
+  PlaneBuffer(float* pixels, int width, int height) : buffer_(pixels, width, height) {}
+
+  operator halide_buffer_t*() { return buffer_.raw_buffer(); }  // NOLINT: an argument of a pipeline
+  void SetMin(int x, int y) { buffer_.set_min(x, y); }
+  /// Leaves the first columns and lines.
+  void Crop(int width, int height) {
+    buffer_.crop(0, 0, width);
+    buffer_.crop(1, 0, height);
+  }
+
+ private:
+  Halide::Runtime::Buffer<float, 2> buffer_;
+};
+
+/// A single number that a pipeline gives; 0 when it failed.
+template <class T>
+class ScalarResult {
+ public:
+  operator halide_buffer_t*() { return buffer_; }  // NOLINT: an argument of a pipeline
+  T Value() const { return value_; }
+
+ private:
+  T value_{};
+  Halide::Runtime::Buffer<T, 0> buffer_ = Halide::Runtime::Buffer<T, 0>::make_scalar(&value_);
+};
+
+/// A contiguous plane for the length of a call, in the room of a store with contiguous planes, where memory
+/// freed before is used again and what exceeds the budget is mapped. What it holds at first is undefined.
+class TemporaryPlane {
+ public:
+  TemporaryPlane(CVmManager& contiguous, int width, int height);
+
+  void Clear() { store_.Clear(0); }
+  float* Pixels() { return reinterpret_cast<float*>(store_.GetBlockOnMemory(0, false)); }
+  PlaneBuffer Buffer() { return PlaneBuffer(Pixels(), width_, height_); }
+
+ private:
+  CVmImage store_;
+  int width_;
+  int height_;
+};
+
+/// Runs a pipeline into the window of a contiguous image's plane: run(output buffer) answers its status, and
+/// so does this, 0 when it went well. A partial window goes through a zeroed temporary, so that the rest of
+/// the plane keeps what it holds, and all of it does when the pipeline fails; so does a whole one that is not
+/// `direct`, since the pipeline reads the plane beside the pixel that it writes.
+template <class F>
+int RunIntoWindow(CVelImage& target, int plane, Window const& window, F&& run, bool direct = true) {
+  if (window.IsEmpty()) return 0;
+  KORIMG_ASSERT(window.IsInside(target));
+  PlaneBuffer whole(target, plane, false);
+  if (direct && window.Covers(target)) return run(static_cast<halide_buffer_t*>(whole));
+  TemporaryPlane temporary(*target.VmManager(), window.Width(), window.Height());
+  temporary.Clear();
+  PlaneBuffer part = temporary.Buffer();
+  part.SetMin(window.left, window.top);
+  if (const int status = run(static_cast<halide_buffer_t*>(part))) return status;
+  part.SetMin(0, 0);
+  return paste_float(part, window.left, window.right, window.top, window.bottom, 0, 0, whole);
+}
+
+/// A contiguous copy of a plane that may be paged: pipelines never see the address of a paged line.
+class StagedPlane {
+ public:
+  StagedPlane(CVelImage& image, int plane, CVmManager& contiguous);
+  operator halide_buffer_t*() { return buffer_; }  // NOLINT: an argument of a pipeline
+
+ private:
+  std::unique_ptr<TemporaryPlane> copy_;
+  PlaneBuffer buffer_;
+};
+
+/// Runs a pipeline into a whole plane: straight into a contiguous one, else through a temporary of the given
+/// store. Answers the pipeline's status; a paged plane keeps what it holds unless it is 0.
+template <class F>
+int WriteThroughPlane(CVelImage& target, int plane, CVmManager& contiguous, F&& run) {
+  if (IsContiguous(target)) return run(PlaneBuffer(target, plane, false));
+  TemporaryPlane temporary(contiguous, target.GetWidth(), target.GetHeight());
+  if (const int status = run(temporary.Buffer())) return status;
+  float const* pixels = temporary.Pixels();
+  const size_t width = target.GetWidth();
+  ForLines(Team::All, 0, target.GetHeight(), [&](int y) {
+    std::memcpy(target.GetWritableLine(0, y, plane), pixels + y * width, width * sizeof(float));
+  });
+  return 0;
+}
+
+}  // namespace korimg

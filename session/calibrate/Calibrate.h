@@ -1,0 +1,51 @@
+// Calibration of lights by masters made of dark, flat and bias frames.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+#include "session/develop/Develop.h"
+
+namespace korimg::session {
+
+struct CalibrateOptions {
+  /// Files, or folders of files. One file of a kind is taken as a master.
+  std::vector<std::filesystem::path> lights, darks, flats, biases;
+  std::filesystem::path out;
+  std::filesystem::path masters;  ///< folder for the masters; empty: they are not kept
+  /// Added before anything is taken off, and kept in the output. None: what the noise needs, and taken off
+  /// again at the end.
+  std::optional<double> pedestal;
+  bool allowMismatch = false;       ///< frames that differ in more than size serve with a warning
+  DevelopOptions develop;           ///< of lights that are mosaics
+  bool keepMosaic = false;          ///< mosaics stay as they are
+  bool lightsMayBeMissing = false;  ///< a light that cannot be used is a warning
+  bool previews = false;            ///< a small picture of each light too, in the folder previews
+
+  /// What stays in the output beside light.
+  double KeptPedestal() const { return pedestal.value_or(0); }
+};
+
+/// A light, and what it has come to.
+struct CalibratedLight {
+  std::filesystem::path file;
+  std::optional<std::filesystem::path> output, preview;  ///< no output where there is nothing to do
+  std::string dark, flat, bias, mosaic;  ///< names of the masters that serve it, and its pattern
+  bool isDone = false;
+  double clipped = 0, mean = 0;  ///< share of the pixels limited at 0; of the result
+  double seconds = 0;
+  std::string noData;  ///< for people: what of its edges holds no data
+};
+
+/// Writes a calibrated FITS of floats for each light, and a picture where they are wanted; mosaics are
+/// developed into colour, with one white balance for all lights of a camera. Darks contain the bias; the bias
+/// comes off flats that have no dark of their own exposure, and off lights when there are no darks. A light
+/// that cannot be done is an error of its own; anything wrong with calibration frames or outputs ends the
+/// call before anything is written.
+std::vector<CalibratedLight> Calibrate(Job& job, const CalibrateOptions& options);
+
+/// Tells what Calibrate would do: groups of frames, and what serves each light. Writes nothing.
+std::vector<CalibratedLight> PlanCalibration(Job& job, const CalibrateOptions& options);
+
+}  // namespace korimg::session

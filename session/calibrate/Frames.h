@@ -1,0 +1,77 @@
+// Frames of a session: their groups, and which group of calibration frames serves a frame.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "session/files/ImageFile.h"
+#include "session/job/Job.h"
+
+namespace korimg::session {
+
+enum class FrameKind { Bias, Dark, Flat };
+
+/// A file and what it says of itself.
+struct Frame {
+  std::filesystem::path path;
+  files::ImageInfo info;
+};
+
+/// Calibration frames that belong together: taken by the same camera in the same way.
+struct Group {
+  FrameKind kind;
+  std::string name;  ///< of their master, as in "master_dark_120s"
+  std::vector<Frame> frames;
+
+  /// The frames by number and names.
+  std::string Text() const;
+  /// What their first header says of the properties that matter for the kind.
+  std::string Properties() const;
+};
+
+/// A property in which a frame differs from the frames that should serve it.
+struct Mismatch {
+  std::string key, wanted, found;
+};
+
+/// The group that serves a frame best.
+struct Match {
+  const Group* group = nullptr;  ///< none when there are no groups
+  bool sameSize = true;          ///< and planes that serve the frame's
+  std::vector<Mismatch> mismatches;
+  std::vector<std::string> unknown;  ///< keys that one of the two lacks: they count as matching
+
+  explicit operator bool() const { return group && sameSize && mismatches.empty(); }
+};
+
+/// Reads the header of an image file.
+Frame ReadFrame(const std::filesystem::path& path);
+
+/// Files as they are, and folders as the image files in them, in the order of their names. A folder is read
+/// as frames of one kind: pictures (PNG, TIFF) beside FITS or camera raw files, and folders of frames in it,
+/// are left out, and told of.
+/// @throws FileError for a folder without images, or with several kinds of frames.
+std::vector<std::filesystem::path> ExpandFolders(Job& job, const std::vector<std::filesystem::path>& paths);
+
+/// A frame that cannot be read is left out with a warning, unless no other is left. Parts frames by size,
+/// camera, binning, gain, offset and readout mode; darks and biases by temperature; darks by exposure; flats
+/// by filter.
+std::vector<Group> MakeGroups(Job& job, FrameKind kind, const std::vector<std::filesystem::path>& paths);
+
+/// The group with the fewest mismatches, and of these the one nearest in temperature.
+Match FindMatch(const std::vector<Group>& groups, const Frame& frame);
+
+/// The filter that a frame was taken through, by FILTER or FILTER1; empty where neither says one.
+std::string FilterOf(const files::Header& header);
+
+/// A name without blanks and in lower case, as names are compared.
+std::string FoldedName(std::string name);
+
+/// Refuses files whose results would have the same name.
+void CheckStems(const std::vector<std::filesystem::path>& paths);
+
+/// A file's name without the extensions of images and packers.
+std::string StemOf(const std::filesystem::path& path);
+
+}  // namespace korimg::session

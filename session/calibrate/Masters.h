@@ -1,0 +1,47 @@
+// Masters: what a group of calibration frames is made into.
+#pragma once
+
+#include <memory>
+
+#include "korimg/image/CVelImage.h"
+
+#include "session/calibrate/Frames.h"
+#include "session/job/Job.h"
+
+namespace korimg::session {
+
+/// Extremes and means of an image's planes. Pixels that are no finite numbers are passed over.
+struct Measures {
+  float minima[3] = {}, maxima[3] = {}, averages[3] = {};
+  double min = 0, max = 0, mean = 0;  ///< of all planes
+
+  Measures() = default;
+  explicit Measures(CVelImage& image);
+};
+
+struct Master {
+  const Group* group = nullptr;
+  const Master* offset = nullptr;  ///< of flats: the bias or dark that came off each frame
+  std::unique_ptr<CVelImage> image;
+  Measures measures;
+  bool equalised = false;  ///< a mosaic's flat: its colours have one mean
+  double saturated = 0;    ///< share of its frames' pixels that are at the end of their scale
+  double gain = 0;         ///< electrons of a raw value, by the noise of two raw flats; 0: not known
+
+  /// Where it comes from, for people and headers.
+  std::string Text() const;
+};
+
+/// Share of an image's pixels that are less than a value.
+double ShareBelow(CVelImage& image, float value);
+
+/// Makes the master of a group in bounded memory: a single frame as it is, else the median of all. Flats have
+/// `offset`, which may be null, taken off and are brought to one mean before; the colours of a mosaic, which
+/// they name or are told to be, are brought to one mean after.
+Master MakeMaster(Job& job, const std::shared_ptr<CVmManager>& store, const Group& group,
+                  const Master* offset, bool mosaic = false);
+
+/// Writes a master with the first frame's header and its history.
+void SaveMaster(Job& job, Master& master, const std::filesystem::path& path);
+
+}  // namespace korimg::session

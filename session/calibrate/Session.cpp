@@ -1,0 +1,662 @@
+#include "session/calibrate/Session.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <set>
+
+#include <fmt/format.h>
+
+#include "korimg/geometry/CImgFlip.h"
+#include "korimg/image/internal/Lines.h"
+#include "korimg/pipelines/runtime/Runtime.h"
+
+#include "session/files/Formats.h"
+#include "session/files/Gain.h"
+#include "session/files/Geometry.h"
+#include "session/files/Times.h"
+
+namespace korimg::session {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+/// Frames of 0 to 1 stay below the one, and a camera's own are beyond the other.
+constexpr double kUnitMost = 1.5, kCountsLeast = 16;
+constexpr double kManySaturated = 0.01;  // share of a flat's pixels that is worth a warning
+
+const files::Header& HeaderOf(const Group& group) {
+  return group.frames.front().info.header;
+}
+
+const char* NameOf(FrameKind kind) {
+  return kind == FrameKind::Bias ? "bias" : kind == FrameKind::Dark ? "dark" : "flat";
+}
+
+/// Lights of one camera share their white balance, so that their colours can be added up.
+std::string CameraOf(const Light& light) {
+  return light.mosaic.name + ' ' + light.frame.info.header.GetString("INSTRUME").value_or("");
+}
+
+/// Takes the offset off an image; what would be less than `least` becomes that. Answers how many pixels were.
+long long Subtract(CVelImage& image, CVelImage& offset, float least) {
+  long long count = 0;
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    for (const int n : MapLines(0, image.GetHeight(), [&](int y) {
+           float* row = image.GetWritableLine(0, y, p);
+           const float* off = offset.GetLine(0, y, std::min(p, offset.GetPlanes() - 1));
+           int below = 0;
+           for (int x = 0; x < image.GetWidth(); ++x) {
+             const float light = row[x] - off[x];
+             below += light < least;
+             row[x] = light < least ? least : light;  // blank pixels stay
+           }
+           return below;
+         })) {
+      count += n;
+    }
+  }
+  return count;
+}
+
+long long Pixels(const CVelImage& image) {
+  return 1LL * image.GetWidth() * image.GetHeight() * image.GetPlanes();
+}
+
+/// Some rows of an image that holds nothing else.
+std::unique_ptr<CVelImage> NewBand(const std::shared_ptr<CVmManager>& store, int width, int rows,
+                                   int planes) {
+  return std::make_unique<CVelImage>(store, CImage::Float, width, rows, planes, 1.0, 0.0, 1, nullptr);
+}
+
+std::unique_ptr<CVelImage> RowsOf(CVelImage& image, int y0, int rows) {
+  auto band = NewBand(image.VmManager(), image.GetWidth(), rows, image.GetPlanes());
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    for (int y = 0; y < rows; ++y) {
+      std::memcpy(band->GetWritableLine(0, y, p), image.GetLine(0, y0 + y, p),
+                  sizeof(float) * image.GetWidth());
+    }
+  }
+  return band;
+}
+
+void CheckUnchanged(const Light& light, const files::ImageInfo& found) {
+  const files::ImageInfo& planned = light.frame.info;
+  if (found.width != planned.width || found.height != planned.height || found.planes != planned.planes) {
+    throw files::FileError(light.frame.path, "has changed since the work began");
+  }
+}
+
+}  // namespace
+
+std::string Light::Served() const {
+  std::string text;
+  for (const Group* group : {dark, bias, flat}) {
+    if (group) text += (text.empty() ? "" : ", ") + group->name;
+  }
+  if (mosaic.cfa > 0) text += fmt::format("{}mosaic {}", text.empty() ? "" : ", ", mosaic.name);
+  return text;
+}
+
+Json Light::Description() const {
+  Json json{{"file", frame.path.string()}};
+  for (const auto& [key, group] : {std::pair("dark", dark), {"flat", flat}, {"bias", bias}}) {
+    json[key] = group ? Json(group->name) : Json();
+  }
+  if (mosaic.cfa > 0) json["mosaic"] = mosaic.name;
+  return json;
+}
+
+Session::Session(Job& job, const CalibrateOptions& options) : job_(job), options_(options) {
+  darks_ = MakeGroups(job, FrameKind::Dark, ExpandFolders(job, options.darks));
+  flats_ = MakeGroups(job, FrameKind::Flat, ExpandFolders(job, options.flats));
+  biases_ = MakeGroups(job, FrameKind::Bias, ExpandFolders(job, options.biases));
+  FindOffsetsOfFlats();
+  const std::vector<fs::path> paths = ExpandFolders(job, options.lights);
+  job.ForEachFile(
+      paths,
+      [&](const fs::path& path) {
+        failed_.push_back({path});  // failed, unless it is planned
+        Frame frame = ReadFrame(path);
+        failed_.back().filter = FilterOf(frame.info.header);
+        lights_.push_back(PlanLight(std::move(frame)));
+        failed_.pop_back();
+      },
+      options.lightsMayBeMissing);
+  NameResults();
+}
+
+/// Files of one name in different folders have results of different names.
+void Session::NameResults() {
+  std::set<std::string> taken;
+  for (Light& light : lights_) {
+    const std::string stem = StemOf(light.frame.path);
+    light.stem = stem;
+    for (int n = 2; !taken.insert(light.stem).second; ++n) {
+      light.stem = fmt::format("{}_{}", stem, n);
+    }
+  }
+}
+
+void Session::Show() const {
+  for (const auto* groups : {&biases_, &darks_, &flats_}) {
+    for (const Group& group : *groups) {
+      ShowGroup(group);
+    }
+  }
+  // Lights in a row that are served alike take one line.
+  for (size_t i = 0, next; i < lights_.size(); i = next) {
+    const Light& light = lights_[i];
+    for (next = i + 1; next < lights_.size() && lights_[next].Served() == light.Served();) {
+      ++next;
+    }
+    const std::string name = light.frame.path.filename().string();
+    const std::string served = light.Served().empty() ? "nothing to do" : light.Served();
+    job_.Say(next - i == 1 ? fmt::format("{}: {}", name, served)
+                           : fmt::format("{} lights ({} to {}): {}", next - i, name,
+                                         lights_[next - 1].frame.path.filename().string(), served));
+  }
+}
+
+std::vector<fs::path> Session::CheckOutputs(std::vector<fs::path> outputs) const {
+  if (!options_.masters.empty()) {
+    for (const Group* group : NeededGroups()) {
+      outputs.push_back(MasterPath(*group));
+    }
+    outputs.push_back(ManifestPath());
+  }
+  std::set<fs::path> inputs;
+  for (const Light& light : lights_) {
+    inputs.insert(fs::weakly_canonical(light.frame.path));
+  }
+  for (const auto* groups : {&biases_, &darks_, &flats_}) {
+    for (const Group& group : *groups) {
+      for (const Frame& frame : group.frames) {
+        inputs.insert(fs::weakly_canonical(frame.path));
+      }
+    }
+  }
+  for (const fs::path& output : outputs) {
+    if (inputs.contains(fs::weakly_canonical(output))) {
+      throw files::FileError(output, "would be replaced by its own result; choose another --out");
+    }
+    job_.CheckOutput(output);
+  }
+  return outputs;
+}
+
+void Session::Prepare() {
+  if (LacksOffsets()) {
+    job_.Warn(
+        "LIGHTS WITHOUT DARK OR BIAS: their offset is divided by the flat as if it were light, "
+        "and the edges will be corrected too much; give --dark or --bias");
+  }
+  MakeMasters();
+  TurnMasters();
+  CheckLights();
+  SaveMasters();
+  ChooseWhiteBalances();
+}
+
+void Session::MakeMasters() {
+  for (const Group* group : NeededGroups()) {
+    const auto offset = offsetsOfFlats_.find(group);
+    const Master* off = offset == offsetsOfFlats_.end() ? nullptr : &masters_.at(offset->second);
+    // The lights' pattern is that of flats which name none.
+    const bool mosaic = std::any_of(lights_.begin(), lights_.end(), [group](const Light& light) {
+      return light.flat == group && light.mosaic.cfa > 0;
+    });
+    const bool overturned = off && files::LiesOverturned(HeaderOf(*group), HeaderOf(*off->group));
+    if (overturned) TurnOver(*off->image);
+    const Master& master =
+        masters_.emplace(group, MakeMaster(job_, store_, *group, off, mosaic)).first->second;
+    if (overturned) TurnOver(*off->image);
+    if (off && off->measures.max <= kUnitMost && master.measures.mean > kCountsLeast) {
+      throw files::FileError(
+          group->frames.front().path,
+          fmt::format(
+              "is on another scale than {}: a mean of {:.6g} beside no pixel above {:.3g}; give frames "
+              "as the camera wrote them",
+              off->group->name, master.measures.mean, off->measures.max));
+    }
+    const Measures& m = master.measures;
+    masterLines_.push_back(fmt::format(
+        "{}: {}; mean {:.6g}, min {:.6g}, max {:.6g}, saturated {}{}", group->name, group->Text(), m.mean,
+        m.min, m.max, Percent(master.saturated),
+        master.gain > 0 ? fmt::format(", gain {:.3g} electrons by their noise", master.gain) : ""));
+    job_.Say(masterLines_.back());
+    if (group->kind == FrameKind::Flat) WarnOfFlat(master);
+    if (group->kind == FrameKind::Dark) CheckHoldsBias(master);
+  }
+}
+
+/// Refuses darks whose bias is off already, which lights keep then: a camera's own values are not negative.
+void Session::CheckHoldsBias(const Master& dark) const {
+  constexpr double kMany = 0.01;  // of the pixels
+  const double negative = ShareBelow(*dark.image, 0);
+  if (negative < kMany) return;
+  const fs::path& path = dark.group->frames.front().path;
+  const std::string wrong = fmt::format(
+      "{} of its pixels are negative: its bias was taken off before, and would stay in the lights; give "
+      "darks "
+      "as the camera wrote them",
+      Percent(negative));
+  if (!options_.allowMismatch) throw files::FileError(path, wrong + ", or use --allow-mismatch");
+  job_.Warn(fmt::format("{}: {}", path.string(), wrong));
+}
+
+/// Makes masters for lights that are read the other way round than the frames they are made of.
+void Session::TurnMasters() {
+  for (const Light& light : lights_) {
+    for (const Group* group : {light.Offset(), light.flat}) {
+      if (!group || turned_.contains(group) ||
+          !files::LiesOverturned(light.frame.info.header, HeaderOf(*group))) {
+        continue;
+      }
+      CVelImage& master = *masters_.at(group).image;
+      auto image = std::make_unique<CImgFlip>();
+      if (!image->Create(master, nullptr)) throw velora::CVmMemoryAllocationError("no room for a master");
+      image->Do(0, &master, 0);
+      turned_.emplace(group, std::move(image));
+    }
+  }
+}
+
+CVelImage* Session::ImageOf(const Group* group, const Light& light) const {
+  if (!group) return nullptr;
+  const bool overturned = files::LiesOverturned(light.frame.info.header, HeaderOf(*group));
+  return overturned ? turned_.at(group).get() : masters_.at(group).image.get();
+}
+
+/// Looks at the first light of each camera and offset: whether it and its masters are on one scale, how much
+/// its noise needs below 0, and whether it is a mosaic that nobody named.
+void Session::CheckLights() {
+  std::set<std::pair<const Group*, std::string>> seen;
+  for (const Light& light : lights_) {
+    if (!seen.insert({light.Offset(), CameraOf(light)}).second) continue;
+    const auto reader =
+        files::ImageReader::Open(light.frame.path, {.lessBlack = !light.Offset(), .manyOpen = true});
+    const files::ImageInfo& info = reader->Info();
+    StackInput input{light.frame.path.string(), {info.width, info.height, info.planes}};
+    input.read = [&](int y0, int rows, float* const* planes) { reader->ReadRows(y0, rows, planes); };
+    const FrameLevels levels = MeasureInput(input);
+    if (const Master* offset = MasterOf(light.Offset())) {
+      CheckScale(light, levels, *offset);
+      constexpr double kDeep = 20;  // standard deviations: nothing of the noise, and little of hot pixels'
+      double& pedestal = pedestals_[light.Offset()];
+      for (int p = 0; p < info.planes; ++p) {
+        pedestal = std::max(pedestal, std::ceil(kDeep * levels.noise[p]));
+      }
+    }
+    if (light.mosaic.name.empty() && !options_.keepMosaic && PhasesDiffer(*reader)) {
+      job_.Warn(
+          fmt::format("{}: looks like a mosaic, but names no pattern: it is taken as mono; give "
+                      "--cfa, or --keep-mosaic if it is none",
+                      light.frame.path.string()));
+    }
+  }
+}
+
+/// Refuses masters that are not on a light's scale. An offset lies below all of the light, and a dark above
+/// the bias that it holds.
+void Session::CheckScale(const Light& light, const FrameLevels& levels, const Master& offset) const {
+  constexpr double kFar = 5;
+  const FrameLevels own = MeasureLevels(*offset.image);
+  const std::string& name = offset.group->name;
+  const double sky = levels.level[0], dark = own.level[0];
+  std::string wrong;
+  if (dark > sky + kFar * levels.spread[0] + 0.01 * std::abs(sky)) {
+    wrong = fmt::format("has a median of {:.6g}, less than {:.6g} of {}", sky, dark, name);
+  } else if (offset.measures.max <= kUnitMost && sky > kCountsLeast) {
+    wrong =
+        fmt::format("has a median of {:.6g}, but {} no pixel above {:.3g}", sky, name, offset.measures.max);
+  }
+  if (light.dark && wrong.empty()) {
+    const Match match = FindMatch(biases_, light.dark->frames.front());
+    const auto bias = masters_.find(match.group);
+    if (bias != masters_.end()) {
+      const double level = MeasureLevels(*bias->second.image).level[0];
+      if (dark < level - kFar * std::max<double>(own.spread[0], 1e-3 * std::abs(level))) {
+        wrong = fmt::format(
+            "needs a dark that holds its bias, but {} has a median of {:.6g} and {} one of {:.6g}", name,
+            dark, bias->first->name, level);
+      }
+    }
+  }
+  if (wrong.empty()) return;
+  wrong += ": their scales differ; give frames as the camera wrote them, or masters made of such";
+  if (!options_.allowMismatch) throw files::FileError(light.frame.path, wrong + ", or use --allow-mismatch");
+  job_.Warn(fmt::format("{}: {}", light.frame.path.string(), wrong));
+}
+
+void Session::SaveMasters() {
+  if (options_.masters.empty()) return;
+  fs::create_directories(options_.masters);
+  Json manifest{{"program", fmt::format("korimg {}", Version())}, {"masters", Json::array()}};
+  for (const Group* group : NeededGroups()) {
+    Master& master = masters_.at(group);
+    SaveMaster(job_, master, MasterPath(*group));
+    Json entry{{"file", MasterPath(*group).filename().string()},
+               {"kind", NameOf(group->kind)},
+               {"offset", master.offset ? Json(master.offset->group->name) : Json()},
+               {"mean", master.measures.mean},
+               {"min", master.measures.min},
+               {"max", master.measures.max},
+               {"saturated", master.saturated},
+               {"inputs", Json::array()}};
+    for (const Frame& frame : group->frames) {
+      entry["inputs"].push_back({{"file", fs::absolute(frame.path).string()},
+                                 {"bytes", fs::file_size(frame.path)},
+                                 {"date", frame.info.header.GetString("DATE-OBS").value_or("")}});
+    }
+    manifest["masters"].push_back(std::move(entry));
+  }
+  files::TransientFile part(files::PartialName(ManifestPath()));
+  std::ofstream file(part.Path());
+  file << manifest.dump(1, ' ', false, Json::error_handler_t::replace) << '\n';
+  file.close();
+  if (!file) throw files::FileError(ManifestPath(), "cannot be written; is the disk full?");
+  part.RenameTo(ManifestPath());
+}
+
+/// Nothing says how much of the lights is no light.
+bool Session::LacksOffsets() const {
+  return !options_.flats.empty() && std::any_of(lights_.begin(), lights_.end(), [](const Light& light) {
+    return !light.Offset() && !light.frame.info.camera;
+  });
+}
+
+fs::path Session::MasterPath(const Group& group) const {
+  return options_.masters / (group.name + ".fits");
+}
+
+fs::path Session::ManifestPath() const {
+  return options_.masters / "manifest.json";
+}
+
+/// The group that serves a frame; none when no frames of that kind were given. Throws when they do not fit.
+const Group* Session::Choose(const std::vector<Group>& groups, const Frame& frame) const {
+  const Match match = FindMatch(groups, frame);
+  if (!match.group) return nullptr;
+  const Frame& first = match.group->frames.front();
+  const std::string kind = NameOf(match.group->kind);
+  if (!match.sameSize) {
+    throw files::FileError(
+        frame.path, fmt::format("is {} x {} x {}, but the {} frames are {} x {} x {} ({})", frame.info.width,
+                                frame.info.height, frame.info.planes, kind, first.info.width,
+                                first.info.height, first.info.planes, first.path.filename().string()));
+  }
+  std::string differences;
+  for (const Mismatch& m : match.mismatches) {
+    differences += fmt::format("{}{} is {}, but {} in the {} frames", differences.empty() ? "" : "; ", m.key,
+                               m.wanted, m.found, kind);
+  }
+  if (!differences.empty()) {
+    differences += fmt::format(" ({})", first.path.filename().string());
+    if (!options_.allowMismatch) {
+      throw files::FileError(frame.path, differences + "; give frames that match, or use --allow-mismatch");
+    }
+    job_.Warn(fmt::format("{}: {}", frame.path.string(), differences));
+  }
+  if (!match.unknown.empty()) {
+    job_.Explain(fmt::format("{}: taken as matching {} without {}", frame.path.filename().string(),
+                             match.group->name, fmt::format("{}", fmt::join(match.unknown, ", "))));
+  }
+  return match.group;
+}
+
+/// A flat's own dark is one of its exposure; else the bias comes off. A single flat is a master.
+void Session::FindOffsetsOfFlats() {
+  for (const Group& flat : flats_) {
+    if (flat.frames.size() == 1) continue;
+    const Frame& first = flat.frames.front();
+    const Match own = FindMatch(darks_, first);
+    const bool hasOwnDark = own && files::ExposureOf(first.info.header) &&
+                            files::ExposureOf(own.group->frames.front().info.header);
+    const Group* offset = hasOwnDark ? own.group : Choose(biases_, first);
+    if (offset) offsetsOfFlats_[&flat] = offset;
+  }
+}
+
+Light Session::PlanLight(Frame frame) const {
+  const fs::path path = frame.path;
+  Light light{std::move(frame)};
+  light.dark = Choose(darks_, light.frame);
+  if (darks_.empty()) light.bias = Choose(biases_, light.frame);
+  light.flat = Choose(flats_, light.frame);
+  if (light.frame.info.planes > 1 && !options_.develop.mosaic.cfa.empty()) {
+    throw files::FileError(path, "has colours already: --cfa is for mosaics; leave it out");
+  }
+  if (!options_.keepMosaic) light.mosaic = MosaicOf(light.frame.info, options_.develop.mosaic);
+  if (!light.mosaic.name.empty() && light.mosaic.cfa == 0) {
+    throw files::FileError(
+        path,
+        fmt::format("a mosaic of the pattern {} cannot be developed; use --keep-mosaic", light.mosaic.name));
+  }
+  return light;
+}
+
+/// Groups that serve a light or such a flat, those of offsets first.
+std::vector<const Group*> Session::NeededGroups() const {
+  std::set<const Group*> needed;
+  for (const Light& light : lights_) {
+    needed.insert({light.dark, light.flat, light.bias});
+    if (const auto offset = offsetsOfFlats_.find(light.flat); offset != offsetsOfFlats_.end()) {
+      needed.insert(offset->second);
+    }
+  }
+  std::vector<const Group*> ordered;
+  for (const auto* groups : {&biases_, &darks_, &flats_}) {
+    for (const Group& group : *groups) {
+      if (needed.contains(&group)) ordered.push_back(&group);
+    }
+  }
+  return ordered;
+}
+
+void Session::ShowGroup(const Group& group) const {
+  const files::ImageInfo& info = group.frames.front().info;
+  std::string line =
+      fmt::format("{}: {}, {} x {}{}", group.name, group.Text(), info.width, info.height, group.Properties());
+  if (const auto offset = offsetsOfFlats_.find(&group); offset != offsetsOfFlats_.end()) {
+    line += fmt::format("; less {}", offset->second->name);
+  }
+  const auto needed = NeededGroups();
+  if (std::find(needed.begin(), needed.end(), &group) == needed.end()) line += "; serves no light";
+  job_.Say(line);
+}
+
+void Session::WarnOfFlat(const Master& flat) const {
+  const Frame& first = flat.group->frames.front();
+  const bool single = flat.group->frames.size() == 1;
+  const bool raw = !first.info.camera && first.info.type.find("int") != std::string::npos &&
+                   !first.info.header.GetString("NCOMBINE") && !first.info.header.GetString("STACKCNT");
+  if (!single && !flat.offset && !first.info.camera) {
+    job_.Warn(
+        fmt::format("{}: FLATS WITHOUT BIAS OR DARK of their own: their offset stays in "
+                    "them, and the edges will be corrected too little; give --bias",
+                    flat.group->name));
+  } else if (single && raw) {
+    job_.Warn(
+        fmt::format("{}: one flat is taken as a master as it is; if it is a raw frame with "
+                    "its bias, give two or more and --bias",
+                    first.path.string()));
+  }
+  if (flat.saturated > kManySaturated) {
+    job_.Warn(fmt::format("{}: {} of its pixels are saturated", flat.group->name, Percent(flat.saturated)));
+  }
+  for (int p = 0; p < flat.image->GetPlanes(); ++p) {
+    if (!(flat.measures.minima[p] < flat.measures.maxima[p])) {
+      job_.Warn(fmt::format("{}: all its pixels are equal; lights are not divided by it", flat.group->name));
+      break;
+    }
+  }
+}
+
+Session::Calibrated Session::LoadLight(const Light& light) const {
+  const Master* offset = MasterOf(light.Offset());
+  Calibrated result{LoadImage(job_, store_, light.frame.path, {.lessBlack = !offset, .lessBorder = true}), 0};
+  CheckUnchanged(light, result.loaded.info);
+  CVelImage& image = *result.loaded.image;
+  const long long clipped = Apply(light, image, ImageOf(light.Offset(), light), ImageOf(light.flat, light));
+  result.clipped = static_cast<double>(clipped) / static_cast<double>(Pixels(image));
+  return result;
+}
+
+Levels Session::MosaicLevels(const Light& light) const {
+  const files::ImageInfo& info = light.frame.info;
+  if (info.type.starts_with("float")) {
+    // Without levels of its own the extremes are looked for, once for all bands that are read of it.
+    const std::lock_guard lock(levelsMutex_);
+    const auto known = levels_.find(&light);
+    if (known != levels_.end()) return known->second;
+    return levels_.emplace(&light, *LoadLight(light).loaded.image).first->second;
+  }
+  const auto row = NewBand(store_, info.width, 1, info.planes);
+  SetLevels(*row, info, !light.Offset());
+  return Levels(*row);
+}
+
+Development Session::Develop(MosaicSource source, const Light& light, files::ImageInfo& info) const {
+  return {std::move(source), info, light.mosaic, balances_.at(CameraOf(light)), options_.develop};
+}
+
+void Session::ChooseWhiteBalances() {
+  for (const Light& light : lights_) {
+    if (light.mosaic.cfa == 0 || balances_.contains(CameraOf(light))) continue;
+    const Calibrated first = LoadLight(light);
+    CVelImage& image = *first.loaded.image;
+    std::string wanted = options_.develop.whiteBalance;
+    if (!light.Offset() && !light.frame.info.camera && NeedsMedians(first.loaded.info, wanted)) {
+      wanted = "none";
+      job_.Warn(
+          fmt::format("{}: its level without light is not known, so that its colours cannot be "
+                      "balanced; give --dark, --bias or --white-balance",
+                      light.frame.path.string()));
+    }
+    // The pedestal is no light.
+    const double kept = options_.KeptPedestal();
+    if (kept > 0) Calculate(image, Calculation::Subtract, kept);
+    const WhiteBalance balance = ChooseWhiteBalance(&image, first.loaded.info, light.mosaic, wanted);
+    job_.Say(fmt::format("mosaic {} ({}): white balance {} ({:.4g}){}", light.mosaic.name,
+                         light.mosaic.reason, balance.text, fmt::join(balance.gains, ", "),
+                         balance.text == "by medians" ? " of " + light.frame.path.filename().string() : ""));
+    balances_.emplace(CameraOf(light), balance);
+  }
+}
+
+/// Takes the offset off and divides by the flat. Answers how many pixels were clipped.
+long long Session::Apply(const Light& light, CVelImage& image, CVelImage* offset, CVelImage* flat) const {
+  const double kept = options_.KeptPedestal();
+  // Only what lies above the pedestal is light, to be divided by the flat.
+  const long long clipped =
+      offset ? Subtract(image, *offset, 0.0f - static_cast<float>(PedestalOf(light))) : 0;
+  if (flat) {
+    Measures m = MasterOf(light.flat)->measures;
+    image.DarkFlat(&image, nullptr, flat, m.minima, m.maxima, m.averages, 0, 0, nullptr, 0);
+  }
+  if (kept > 0) Calculate(image, Calculation::Add, kept);
+  return clipped;
+}
+
+double Session::PedestalOf(const Light& light) const {
+  if (options_.pedestal) return *options_.pedestal;
+  const auto found = pedestals_.find(light.Offset());
+  return found == pedestals_.end() ? 0 : found->second;
+}
+
+void Session::Describe(files::Header& header, const Light& light, double clipped) const {
+  const Master *offset = MasterOf(light.Offset()), *flat = MasterOf(light.flat);
+  header.AddHistory(fmt::format("korimg {} calibrate", Version()));
+  if (offset) header.AddHistory(fmt::format("{}: {}", NameOf(offset->group->kind), offset->Text()));
+  if (flat) header.AddHistory("flat: " + flat->Text());
+  const bool knowsGain = files::FindGain(header, std::numeric_limits<double>::infinity()).electrons > 0;
+  if (flat && flat->gain > 0 && light.mosaic.cfa == 0 && !knowsGain) {
+    header.Set("EGAIN", flat->gain, "electrons of a value, by the noise of the flats");
+  }
+  const double source = offset ? 0 : header.GetDouble("PEDESTAL").value_or(0);
+  if (offset) {
+    // What the camera's own pedestal was came off with the frames that have it too.
+    header.Remove("PEDESTAL");
+    const double pedestal = PedestalOf(light);
+    header.AddHistory(fmt::format("{} of the pixels lay {}below their {} and were clipped", Percent(clipped),
+                                  pedestal > 0 ? fmt::format("more than {:g} ", pedestal) : "",
+                                  NameOf(offset->group->kind)));
+  }
+  if (const double kept = options_.KeptPedestal(); kept > 0) {
+    header.Set("PEDESTAL", source - kept, "add this to get zero-based values");
+    header.AddHistory(fmt::format("pedestal: {:g} was added to all pixels, and is still in them", kept));
+  }
+}
+
+LightRows::LightRows(const Session& session, const Light& light,
+                     std::shared_ptr<const files::ConstantBorder> border)
+    : session_(session),
+      light_(light),
+      reader_(files::ImageReader::Open(
+          light.frame.path,
+          {.lessBlack = !light.Offset(), .manyOpen = true, .lessBorder = true, .border = std::move(border)})),
+      info_(reader_->Info()) {
+  CheckUnchanged(light, info_);
+  shape_ = {info_.width, info_.height, info_.planes};
+  if (light.mosaic.cfa == 0) return;
+  MosaicSource source(*reader_, session.MosaicLevels(light), session.store_);
+  source.read = [this](int y0, int rows, float* const* planes) { ReadCalibrated(y0, rows, planes); };
+  development_ = std::make_unique<Development>(session.Develop(std::move(source), light, info_));
+  shape_ = development_->Size();
+}
+
+void LightRows::Read(int y0, int rows, float* const* planes) {
+  // Little memory beside what the rows are for, and many rows beside the margins of development.
+  constexpr int kAtOnce = 128;
+  for (int done = 0; done < rows; done += kAtOnce) {
+    std::vector<float*> to;
+    for (int p = 0; p < shape_.planes; ++p) {
+      to.push_back(planes[p] + static_cast<size_t>(done) * shape_.width);
+    }
+    ReadBand(y0 + done, std::min(kAtOnce, rows - done), to.data());
+  }
+}
+
+void LightRows::ReadBand(int y0, int rows, float* const* planes) {
+  if (!development_) return ReadCalibrated(y0, rows, planes);
+  const auto band = development_->Rows(y0, y0 + rows);
+  // Gains are for light alone: the pedestal comes back after them.
+  if (session_.options_.KeptPedestal() > 0)
+    Calculate(*band, Calculation::Add, session_.options_.KeptPedestal());
+  for (int p = 0; p < shape_.planes; ++p) {
+    std::memcpy(planes[p], band->GetLine(0, 0, p), sizeof(float) * shape_.width * rows);
+  }
+}
+
+void LightRows::ReadCalibrated(int y0, int rows, float* const* planes) {
+  const auto band = NewBand(session_.store_, info_.width, rows, info_.planes);
+  float* own[3] = {};
+  for (int p = 0; p < info_.planes; ++p) {
+    own[p] = band->GetWritableLine(0, 0, p);
+  }
+  reader_->ReadRows(y0, rows, own);
+  const auto rowsOf = [&](const Group* group) {
+    CVelImage* image = session_.ImageOf(group, light_);
+    return image ? RowsOf(*image, y0, rows) : nullptr;
+  };
+  const auto dark = rowsOf(light_.Offset()), divisor = rowsOf(light_.flat);
+  clipped_ += session_.Apply(light_, *band, dark.get(), divisor.get());
+  seen_ += Pixels(*band);
+  if (light_.mosaic.cfa > 0 && session_.options_.KeptPedestal() > 0) {
+    Calculate(*band, Calculation::Subtract, session_.options_.KeptPedestal());
+  }
+  for (int p = 0; p < info_.planes; ++p) {
+    std::memcpy(planes[p], own[p], sizeof(float) * info_.width * rows);
+  }
+}
+
+double LightRows::Clipped() const {
+  return seen_ > 0 ? static_cast<double>(clipped_) / static_cast<double>(seen_) : 0;
+}
+
+}  // namespace korimg::session

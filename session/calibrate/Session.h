@@ -1,0 +1,150 @@
+// A session's lights, the calibration frames that serve them, and their pixels once calibrated.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "session/calibrate/Calibrate.h"
+#include "session/calibrate/Masters.h"
+#include "session/job/Job.h"
+#include "session/job/Json.h"
+#include "session/picture/Images.h"
+#include "session/stack/Stack.h"
+
+namespace korimg::session {
+
+/// A light, and what serves it.
+struct Light {
+  Frame frame;
+  std::string stem;                                               ///< of its results' names, no other light's
+  const Group *dark = nullptr, *flat = nullptr, *bias = nullptr;  ///< the bias only where there is no dark
+  files::Mosaic mosaic;                                           ///< to be developed
+
+  const Group* Offset() const { return dark ? dark : bias; }
+  bool Changes() const { return Offset() || flat || mosaic.cfa > 0; }
+  std::string Name() const { return frame.path.filename().string(); }
+  /// The names of what serves it.
+  std::string Served() const;
+  nlohmann::ordered_json Description() const;
+};
+
+/// Lights and calibration frames: matched when it is made, and ready to work after Prepare.
+class Session {
+ public:
+  /// Reads the headers of all frames. A light that nothing fits is an error of its own, and is left out.
+  /// @throws FileError when no calibration frame of a kind can be read.
+  Session(Job& job, const CalibrateOptions& options);
+
+  /// Groups of calibration frames, and what serves which lights.
+  void Show() const;
+  /// Refuses outputs that exist, and those that are inputs whatever the options say. Answers all of them, the
+  /// masters among them.
+  std::vector<std::filesystem::path> CheckOutputs(std::vector<std::filesystem::path> outputs) const;
+  /// Makes the masters that are needed, writes them where the options want them, and chooses the white
+  /// balance of each camera by its first light. Warns of whatever is wrong with the set of frames.
+  void Prepare();
+
+  const std::vector<Light>& Lights() const { return lights_; }
+  /// A light that was left out.
+  struct FailedLight {
+    std::filesystem::path path;
+    std::optional<std::string> filter = {};  ///< none where its header cannot be read
+  };
+  const std::vector<FailedLight>& Failed() const { return failed_; }
+  /// A line on each master.
+  const std::vector<std::string>& MasterLines() const { return masterLines_; }
+  const CalibrateOptions& Options() const { return options_; }
+
+  struct Calibrated {
+    LoadedImage loaded;
+    double clipped;  ///< share of the pixels limited at 0
+  };
+  /// A light from its file, less its offset and divided by its flat; mosaics stay. What of its edges holds
+  /// one value throughout is NaN.
+  Calibrated LoadLight(const Light& light) const;
+  /// The development of a light's mosaic, calibrated and free of its pedestal.
+  Development Develop(MosaicSource source, const Light& light, files::ImageInfo& info) const;
+  /// Puts what was done into the header of a light.
+  void Describe(files::Header& header, const Light& light, double clipped) const;
+
+ private:
+  friend class LightRows;
+
+  std::filesystem::path MasterPath(const Group& group) const;
+  std::filesystem::path ManifestPath() const;
+  const Group* Choose(const std::vector<Group>& groups, const Frame& frame) const;
+  void FindOffsetsOfFlats();
+  Light PlanLight(Frame frame) const;
+  void NameResults();
+  std::vector<const Group*> NeededGroups() const;
+  void ShowGroup(const Group& group) const;
+  void MakeMasters();
+  void TurnMasters();
+  void CheckLights();
+  void CheckHoldsBias(const Master& dark) const;
+  void CheckScale(const Light& light, const FrameLevels& levels, const Master& offset) const;
+  void SaveMasters();
+  void WarnOfFlat(const Master& flat) const;
+  bool LacksOffsets() const;
+  void ChooseWhiteBalances();
+  const Master* MasterOf(const Group* group) const { return group ? &masters_.at(group) : nullptr; }
+  /// The master's pixels as the light lies; null for no group.
+  CVelImage* ImageOf(const Group* group, const Light& light) const;
+  /// The levels that LoadLight gives.
+  Levels MosaicLevels(const Light& light) const;
+  long long Apply(const Light& light, CVelImage& image, CVelImage* offset, CVelImage* flat) const;
+  /// How far below 0 a light's pixels may lie once their offset is taken off.
+  double PedestalOf(const Light& light) const;
+
+  Job& job_;
+  const CalibrateOptions& options_;
+  std::vector<Group> darks_, flats_, biases_;
+  std::map<const Group*, const Group*> offsetsOfFlats_;
+  std::vector<Light> lights_;
+  std::vector<FailedLight> failed_;
+  std::vector<std::string> masterLines_;
+  std::shared_ptr<CVmManager> store_ = job_.MakeStore();
+  std::map<const Group*, Master> masters_;
+  std::map<const Group*, std::unique_ptr<CVelImage>> turned_;  ///< masters the other way round
+  std::map<const Group*, double> pedestals_;  ///< for the noise of the lights that an offset serves
+  std::map<std::string, WhiteBalance> balances_;
+  mutable std::map<const Light*, Levels> levels_;  ///< those of MosaicLevels that took a whole light
+  mutable std::mutex levelsMutex_;
+};
+
+/// A light's calibrated and developed pixels, by rows, without holding more of it than these.
+class LightRows {
+ public:
+  /// What of the light's edges holds one value throughout is NaN. Who reads a light again gives what Border
+  /// answered the first time, since finding that may take reading all of it.
+  /// @throws FileError when the file has changed since the session was planned.
+  LightRows(const Session& session, const Light& light,
+            std::shared_ptr<const files::ConstantBorder> border = nullptr);
+
+  /// Of the developed image.
+  Shape Size() const { return shape_; }
+  /// What the file says, and what was done to it.
+  const files::ImageInfo& Info() const { return info_; }
+  const std::shared_ptr<const files::ConstantBorder>& Border() const { return reader_->Border(); }
+  /// Rows y0 to y0 + rows - 1; planes[p] takes rows x width floats.
+  void Read(int y0, int rows, float* const* planes);
+  /// Share of the pixels read so far that were limited at 0.
+  double Clipped() const;
+
+ private:
+  void ReadBand(int y0, int rows, float* const* planes);
+  void ReadCalibrated(int y0, int rows, float* const* planes);
+
+  const Session& session_;
+  const Light& light_;
+  std::unique_ptr<files::ImageReader> reader_;
+  files::ImageInfo info_;
+  std::unique_ptr<Development> development_;
+  Shape shape_;
+  long long clipped_ = 0, seen_ = 0;
+};
+
+}  // namespace korimg::session

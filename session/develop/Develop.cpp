@@ -1,0 +1,372 @@
+#include "session/develop/Develop.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <future>
+#include <limits>
+
+#include <fmt/format.h>
+
+#include "korimg/image/CImgBright.h"
+#include "korimg/image/internal/Numbers.h"
+#include "korimg/pipelines/runtime/Runtime.h"
+#include "korimg/platform/CParallel.h"
+#include "korimg/raw/CImgBayerToRgb.h"
+#include "korimg/raw/CImgInformation.h"
+
+#include "session/files/Geometry.h"
+#include "session/picture/AutoPicture.h"
+
+namespace korimg::session {
+namespace {
+
+constexpr int kSmallest = 6;  // pixels of a side that can be developed
+
+/// Four positive numbers, or none.
+std::optional<std::array<double, 4>> ParseGains(const std::string& text) {
+  std::array<double, 4> gains;
+  const char *at = text.data(), *end = at + text.size();
+  for (int i = 0; i < 4; ++i) {
+    if (i > 0 && (at == end || *at++ != ',')) return std::nullopt;
+    const auto [next, error] = std::from_chars(at, end, gains[i]);
+    if (error != std::errc() || !(gains[i] > 0) || !std::isfinite(gains[i])) return std::nullopt;
+    at = next;
+  }
+  return at == end ? std::optional(gains) : std::nullopt;
+}
+
+/// Where red and blue lie in the cell of a mosaic.
+struct Sites {
+  int red, blue;
+  explicit Sites(int cfa) : red(std::array{0, 1, 3, 2}[cfa - 1]), blue(3 - red) {}
+};
+
+/// Gains by plane from those by cell; both greens become one.
+std::array<double, 3> ByPlane(const std::array<double, 4>& cells, int cfa) {
+  const Sites sites(cfa);
+  double green = 0;
+  for (int i = 0; i < 4; ++i) {
+    if (i != sites.red && i != sites.blue) green += 0.5 * cells[i];
+  }
+  return {cells[sites.red], green, cells[sites.blue]};
+}
+
+/// Multiplies each plane of an image whose black is 0.
+void ScalePlanes(CVelImage& image, const double* gains) {
+  constexpr double kTwice = 256;  // a contrast that doubles
+  float brightness[3] = {}, contrast[3] = {};
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    contrast[p] = static_cast<float>((gains[p] - 1) * kTwice);
+  }
+  CImgBright scaled;
+  scaled.Swap(&image);
+  scaled.Do(brightness, contrast, 0, &scaled, nullptr, 0);
+  scaled.Swap(&image);
+}
+
+std::array<double, 4> GainsByMedians(CVelImage& image, int cfa) {
+  // The library trusts medians of 1 and more; pixels from 0 to 1 are brought there, exactly, by a power of 2.
+  constexpr double kScale = 65536, kUnitWhite = 16;
+  const bool unit = image.GetLevelMax(0) <= kUnitWhite;
+  if (unit) Calculate(image, Calculation::Multiply, kScale);
+  std::array<double, 4> gains;
+  CImgBayerToRgb frame;
+  frame.Swap(&image);
+  frame.GetGain(cfa, gains.data());
+  frame.Swap(&image);
+  if (unit) Calculate(image, Calculation::Multiply, 1 / kScale);
+  return gains;
+}
+
+}  // namespace
+
+void CheckWhiteBalance(const std::string& wanted) {
+  if (wanted == "auto" || wanted == "camera" || wanted == "none" || ParseGains(wanted)) return;
+  throw UsageError(
+      fmt::format("--white-balance {}: give auto, camera, none, or four positive gains such as "
+                  "1.9,1,1,1.5, for the cells of the mosaic row by row",
+                  wanted));
+}
+
+bool PhasesDiffer(files::ImageReader& reader) {
+  constexpr int kPairs = 64;
+  constexpr double kClear = 0.5, kAlike = 0.3;  // of the noise, of the largest difference
+  const files::ImageInfo& info = reader.Info();
+  const int pairs = std::min(info.height / 2, kPairs), width = info.width / 2 * 2;
+  if (info.planes > 1 || pairs == 0 || width == 0) return false;
+  std::array<std::vector<float>, 4> places;
+  std::vector<float> rows(2 * static_cast<size_t>(info.width));
+  float* const planes[] = {rows.data()};
+  for (int i = 0; i < pairs; ++i) {
+    reader.ReadRows(static_cast<int>(1LL * i * (info.height / 2) / pairs) * 2, 2, planes);
+    for (int k = 0; k < 2; ++k) {
+      for (int x = 0; x < width; ++x) {
+        const float v = rows[static_cast<size_t>(k) * info.width + x];
+        if (std::isfinite(v)) places[2 * k + x % 2].push_back(v);
+      }
+    }
+  }
+  double low = std::numeric_limits<double>::infinity(), high = -low, noise = 0;
+  std::vector<double> medians;
+  for (std::vector<float>& place : places) {
+    if (place.empty()) return false;
+    const float median = UpperMedian(place);
+    medians.push_back(median);
+    for (float& v : place) {
+      v = std::abs(v - median);
+    }
+    low = std::min<double>(low, median);
+    high = std::max<double>(high, median);
+    noise = std::max<double>(noise, 1.4826 * UpperMedian(place));
+  }
+  // Green lies on one of the diagonals; a detector's rows or columns differ on both.
+  const double green = std::min(std::abs(medians[0] - medians[3]), std::abs(medians[1] - medians[2]));
+  return high - low > kClear * noise && green < kAlike * (high - low);
+}
+
+namespace {
+
+/// The CFA number of a camera by its name; 0 for one that has no Bayer mosaic, or is not known.
+int CfaOfCamera(const files::ImageInfo& info) {
+  // Some cameras change their pattern with the size of their frames. Nothing is held for pixels untouched.
+  static const std::shared_ptr<CVmManager> store = CreatePagedManager();
+  CImgInformation camera;
+  camera.Create(CVelImage(store, CImage::Float, info.width, info.height, 1, 1.0, 0.0, 1, nullptr), nullptr);
+  ReadHeader(info, *camera.GetHeader());
+  int cfa = 0;
+  return camera.GetAutoCFA(&cfa) && cfa <= 4 ? cfa : 0;
+}
+
+files::Mosaic ByName(const files::ImageInfo& info, int cfa, const std::string& rowOrder) {
+  return files::FindMosaic(info, {files::CfaName(cfa), rowOrder, "by the name of its camera"});
+}
+
+}  // namespace
+
+files::Mosaic MosaicOf(const files::ImageInfo& info, const files::MosaicOptions& options) {
+  const files::Mosaic mosaic = files::FindMosaic(info, options);
+  if (!mosaic.name.empty() || info.planes > 1) return mosaic;
+  const int cfa = CfaOfCamera(info);
+  // Frames of such a camera that were made mono keep its name.
+  if (cfa == 0 || !PhasesDiffer(*files::ImageReader::Open(info.path))) return mosaic;
+  return ByName(info, cfa, options.rowOrder);
+}
+
+files::Mosaic RequireMosaic(const files::ImageInfo& info, const files::MosaicOptions& options) {
+  files::Mosaic mosaic = files::FindMosaic(info, options);
+  if (mosaic.cfa > 0 || (info.camera && info.planes == 3)) return mosaic;
+  if (info.planes > 1) throw files::FileError(info.path, "has colours already; there is nothing to develop");
+  if (!mosaic.name.empty()) {
+    throw files::FileError(
+        info.path, fmt::format("a mosaic of the pattern {} is not supported; RGGB, GRBG, BGGR and GBRG are. "
+                               "If the file is wrong, give --cfa",
+                               mosaic.name));
+  }
+  const int cfa = CfaOfCamera(info);
+  if (cfa == 0) {
+    throw files::FileError(info.path,
+                           "says nothing of a mosaic (BAYERPAT); if it is one, give --cfa with its pattern");
+  }
+  return ByName(info, cfa, options.rowOrder);
+}
+
+bool NeedsMedians(const files::ImageInfo& info, const std::string& wanted) {
+  return wanted == "auto" && info.planes == 1 && !(info.camera && info.camera->hasGains);
+}
+
+WhiteBalance ChooseWhiteBalance(CVelImage* image, const files::ImageInfo& info, const files::Mosaic& mosaic,
+                                const std::string& wanted) {
+  if (const auto gains = ParseGains(wanted)) return {*gains, "as told"};
+  if (NeedsMedians(info, wanted)) return {GainsByMedians(*image, mosaic.cfa), "by medians"};
+  if (info.camera && info.camera->hasGains && wanted != "none") return {info.camera->gains, "the camera's"};
+  if (wanted == "camera") {
+    throw files::FileError(info.path,
+                           "knows no white balance of its camera; give --white-balance auto, none or gains");
+  }
+  return {{1, 1, 1, 1}, "none"};
+}
+
+MosaicSource::MosaicSource(CVelImage& image)
+    : shape{image.GetWidth(), image.GetHeight(), image.GetPlanes()},
+      levels(image),
+      store(image.VmManager()),
+      read([&image](int y0, int rows, float* const* planes) {
+        const auto width = static_cast<size_t>(image.GetWidth());
+        for (int p = 0; p < image.GetPlanes(); ++p) {
+          for (int y = 0; y < rows; ++y) {
+            std::memcpy(planes[p] + y * width, image.GetLine(0, y0 + y, p), sizeof(float) * width);
+          }
+        }
+      }) {}
+
+MosaicSource::MosaicSource(files::ImageReader& reader, const Levels& levels,
+                           std::shared_ptr<CVmManager> store)
+    : shape{reader.Info().width, reader.Info().height, reader.Info().planes},
+      levels(levels),
+      store(std::move(store)),
+      read([&reader](int y0, int rows, float* const* planes) { reader.ReadRows(y0, rows, planes); }) {}
+
+Development::Development(MosaicSource source, files::ImageInfo& info, const files::Mosaic& mosaic,
+                         const WhiteBalance& balance, const DevelopOptions& options)
+    : source_(std::move(source)),
+      path_(info.path),
+      cfa_(mosaic.cfa),
+      gains_(balance.gains),
+      options_(options) {
+  if (cfa_ == 0 && (options.mono || options.half || options.levelCut || options.gamma != 1)) {
+    throw files::FileError(path_,
+                           "has colours already: --mono, --half, --gamma and --level-cut are for mosaics");
+  }
+  if (cfa_ > 0 && (std::min(source_.shape.width, source_.shape.height) < kSmallest)) {
+    throw files::FileError(path_,
+                           fmt::format("a mosaic of {} x {} pixels is too small to develop; {} x {} is "
+                                       "the smallest",
+                                       source_.shape.width, source_.shape.height, kSmallest, kSmallest));
+  }
+  info.header.AddHistory(fmt::format("korimg {} develop", Version()));
+  info.header.AddHistory(fmt::format(
+      "{}; white balance {} ({:.4g})",
+      cfa_ > 0 ? fmt::format("mosaic {} ({})", mosaic.name, mosaic.reason) : "colours of the camera",
+      balance.text, fmt::join(gains_, ", ")));
+  if (options.scale != 1) info.header.AddHistory(fmt::format("multiplied by {:.9g}", options.scale));
+  for (int i = 0; i < 4; ++i) {
+    gains_[i] *= options.scale;
+  }
+  for (int p = 0; p < source_.shape.planes; ++p) {
+    source_.levels.max[p] *= options.scale;
+  }
+  if (options.half) info.header.AddHistory("half the size, a pixel from each cell");
+  if (options.gamma != 1) info.header.AddHistory(fmt::format("gamma {:g}", options.gamma));
+  if (cfa_ > 0) files::RemoveMosaic(info.header);
+}
+
+Shape Development::Size() const {
+  const int part = options_.half ? 2 : 1;
+  return {source_.shape.width / part, source_.shape.height / part, options_.mono ? 1 : 3};
+}
+
+/// An image for some of the source's pixels, with its levels.
+std::unique_ptr<CVelImage> Development::NewImage(int width, int height) const {
+  auto image = std::make_unique<CVelImage>(source_.store, CImage::Float, width, height, source_.shape.planes,
+                                           1.0, 0.0, 1, nullptr);
+  for (int p = 0; p < source_.shape.planes; ++p) {
+    image->SetLevel(p, source_.levels.min[p], source_.levels.max[p]);
+  }
+  return image;
+}
+
+void Development::DevelopBand(CVelImage& band, int trimTop, int trimBottom) {
+  const bool balances = gains_ != std::array<double, 4>{1, 1, 1, 1};
+  if (cfa_ == 0) {
+    if (balances) ScalePlanes(band, gains_.data());
+    return;
+  }
+  tagBayerStruct bayer;
+  bayer.nCFA = cfa_;
+  bayer.nSrcBits = bayer.nDstBits = -32;
+  bayer.nTrimTop = trimTop;
+  bayer.nTrimBottom = trimBottom;
+  bayer.bMono = options_.mono;
+  bayer.bToneCurve = balances;
+  bayer.pGain = gains_.data();
+  bayer.bLevelCut = options_.levelCut;
+  bayer.bGamma = options_.gamma != 1;
+  bayer.dGamma = options_.gamma;
+  bayer.bRoundUp = options_.half;
+  bayer.nRoundUpGreen = 2;
+  CImgBayerToRgb developed;
+  developed.Swap(&band);
+  const int done = developed.Do(bayer, 0);
+  developed.Swap(&band);
+  if (!done) throw files::FileError(path_, "there is no room to develop it; give --memory");
+  if (options_.half && balances) ScalePlanes(band, ByPlane(gains_, cfa_).data());
+}
+
+Levels Development::PictureLevels(int side) {
+  // Whole cells, so that the sample is a mosaic too.
+  const auto& [width, height, planes] = source_.shape;
+  const int step = ShrinkTo(source_.shape, side);
+  const auto place = [step](int i, int end) { return std::min(i / 2 * 2 * step, (end / 2 - 1) * 2) + i % 2; };
+  const auto length = [step](int end) { return std::max(end / step / 2 * 2, std::min(end, kSmallest)); };
+  const auto sample = NewImage(length(width), length(height));
+  std::vector<float> rows(static_cast<size_t>(width) * planes);
+  float* lines[3] = {};
+  for (int p = 0; p < planes; ++p) {
+    lines[p] = rows.data() + static_cast<size_t>(p) * width;
+  }
+  for (int y = 0; y < sample->GetHeight(); ++y) {
+    source_.read(place(y, height), 1, lines);
+    for (int p = 0; p < planes; ++p) {
+      float* to = sample->GetWritableLine(0, y, p);
+      for (int x = 0; x < sample->GetWidth(); ++x) {
+        to[x] = lines[p][place(x, width)];
+      }
+    }
+  }
+  DevelopBand(*sample, 0, 0);
+  LevelForPicture(*sample, "histogram");
+  return Levels(*sample);
+}
+
+std::unique_ptr<CVelImage> Development::Rows(int y0, int y1) {
+  const int margin = cfa_ == 0 || options_.half ? 0 : 4;  // rows that a developed one looks at, and one more
+  const int least = cfa_ == 0 || options_.half ? 1 : kSmallest, part = options_.half ? 2 : 1;
+  const int height = source_.shape.height / part * part, first = y0 * part, last = y1 * part;
+  // A mosaic begins with the first row of a cell.
+  const int wanted = std::min(first - margin, height - least);
+  const int top = cfa_ == 0 ? first : std::max(wanted / 2 * 2, 0);
+  const int bottom = std::min(std::max(last + margin, top + least), height);
+  auto band = NewImage(source_.shape.width, bottom - top);
+  float* planes[3] = {};
+  for (int p = 0; p < source_.shape.planes; ++p) {
+    planes[p] = band->GetWritableLine(0, 0, p);
+  }
+  source_.read(top, bottom - top, planes);
+  DevelopBand(*band, first - top, bottom - last);
+  return band;
+}
+
+void Development::ForBands(Job& job, const std::string& title,
+                           const std::function<void(std::unique_ptr<CVelImage>)>& visit) {
+  constexpr int kBandRows = 128;
+  const int height = Size().height;
+  for (int y = 0; y < height; y += kBandRows) {
+    job.CheckCancelled();
+    job.Progress(title, y, height);
+    visit(Rows(y, std::min(y + kBandRows, height)));
+  }
+  job.EndProgress();
+}
+
+void SaveDeveloped(Job& job, Development& development, const files::Header& header, const Levels& levels,
+                   const Levels& pictureLevels, const std::filesystem::path& output, const SaveOptions& save,
+                   const std::optional<std::filesystem::path>& preview, int side,
+                   const std::function<void(CVelImage&)>& change) {
+  const Shape shape = development.Size();
+  ImageSaver image(job, output, shape, levels, header, save);
+  std::optional<PictureSaver> picture;
+  if (preview) {
+    picture.emplace(job, *preview, shape, pictureLevels, ShrinkTo(shape, side),
+                    files::IsPictureOverturned(header));
+  }
+  const auto policy = CParallel::GetMaxThreads() > 1 ? std::launch::async : std::launch::deferred;
+  std::future<void> writing;
+  development.ForBands(job, "developing " + output.filename().string(), [&](std::unique_ptr<CVelImage> band) {
+    change(*band);
+    std::array<const float*, 3> planes = {};
+    for (int p = 0; p < shape.planes; ++p) {
+      planes[p] = band->GetLine(0, 0, p);
+    }
+    if (picture) picture->Write(band->GetHeight(), planes.data());
+    if (writing.valid()) writing.get();
+    writing = std::async(
+        policy, [&image, planes, band = std::move(band)] { image.Write(band->GetHeight(), planes.data()); });
+  });
+  writing.get();
+  image.Commit();
+  if (picture) picture->Commit();
+}
+
+}  // namespace korimg::session

@@ -1,0 +1,102 @@
+// From a mosaic of colour filters to a colour image.
+#pragma once
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "session/files/Mosaic.h"
+#include "session/picture/Images.h"
+
+namespace korimg::session {
+
+struct DevelopOptions {
+  files::MosaicOptions mosaic;
+  std::string whiteBalance = "auto";  ///< "auto", "camera", "none" or four gains "1.9,1,1,1.5"
+  bool mono = false;                  ///< brightness in place of colour
+  bool half = false;                  ///< half the size: each pixel from one cell of the mosaic
+  bool levelCut = false;              ///< results are limited to black and white
+  double gamma = 1;
+  double scale = 1;  ///< that the raw values are multiplied by
+};
+
+/// Gains by position in the 2 x 2 cell, by rows, or by plane of a colour image; and where they come from.
+struct WhiteBalance {
+  std::array<double, 4> gains{1, 1, 1, 1};
+  std::string text;
+};
+
+/// @throws UsageError for a white balance that is neither a known word nor four positive numbers.
+void CheckWhiteBalance(const std::string& wanted);
+
+/// True when the colours of a mosaic show in the rows of a file: cells of 2 x 2 whose places have medians
+/// that differ by half of their pixels' noise and more, but those of one diagonal much less.
+bool PhasesDiffer(files::ImageReader& reader);
+
+/// The mosaic of an image; when the file says nothing else, by its camera's name, if its colours show.
+files::Mosaic MosaicOf(const files::ImageInfo& info, const files::MosaicOptions& options);
+
+/// The mosaic of an image, also by its camera's name when the file says nothing else.
+/// @throws FileError when there is none, or one that cannot be developed.
+files::Mosaic RequireMosaic(const files::ImageInfo& info, const files::MosaicOptions& options);
+
+/// White balance as wanted: "auto" takes the camera's gains where the file has them, else the medians of the
+/// image, which must be free of its offset; it is not looked at otherwise, and may be null then.
+/// @throws FileError when the camera's gains are wanted and not known.
+WhiteBalance ChooseWhiteBalance(CVelImage* image, const files::ImageInfo& info, const files::Mosaic& mosaic,
+                                const std::string& wanted);
+
+/// True when ChooseWhiteBalance wants to see the image.
+bool NeedsMedians(const files::ImageInfo& info, const std::string& wanted);
+
+/// Where the pixels to be developed come from: an image, or a file that is open.
+struct MosaicSource {
+  Shape shape;
+  Levels levels;  ///< black is 0
+  std::shared_ptr<CVmManager> store;
+  std::function<void(int y0, int rows, float* const* planes)> read;
+
+  explicit MosaicSource(CVelImage& image);
+  MosaicSource(files::ImageReader& reader, const Levels& levels, std::shared_ptr<CVmManager> store);
+};
+
+/// The development of a mosaic by bands of rows: the colour image is never held as a whole. Pixels that have
+/// colours already only get their white balance.
+class Development {
+ public:
+  /// Takes note of what will be done in the header, which loses the keywords of the mosaic.
+  /// @throws FileError when the image is too small, or of no use for the options.
+  Development(MosaicSource source, files::ImageInfo& info, const files::Mosaic& mosaic,
+              const WhiteBalance& balance, const DevelopOptions& options);
+
+  Shape Size() const;
+  /// Levels that make a good picture of the result, from a sample of the mosaic as large as a preview.
+  Levels PictureLevels(int side);
+  /// Rows y0 to y1 - 1 of the result. Throws FileError when there is no room.
+  std::unique_ptr<CVelImage> Rows(int y0, int y1);
+  /// Calls visit(band) with the result's rows in order.
+  /// @throws FileError when there is no room.
+  void ForBands(Job& job, const std::string& title,
+                const std::function<void(std::unique_ptr<CVelImage>)>& visit);
+
+ private:
+  std::unique_ptr<CVelImage> NewImage(int width, int height) const;
+  void DevelopBand(CVelImage& band, int trimTop, int trimBottom);
+
+  MosaicSource source_;
+  std::filesystem::path path_;
+  int cfa_;
+  std::array<double, 4> gains_;
+  DevelopOptions options_;
+};
+
+/// Writes what development gives into an image file, and a small picture where one is wanted. `change` works
+/// on each band before. A band is written while the next one is developed.
+void SaveDeveloped(Job& job, Development& development, const files::Header& header, const Levels& levels,
+                   const Levels& pictureLevels, const std::filesystem::path& output, const SaveOptions& save,
+                   const std::optional<std::filesystem::path>& preview, int side,
+                   const std::function<void(CVelImage&)>& change);
+
+}  // namespace korimg::session

@@ -1,0 +1,21 @@
+// What a raw value is worth in electrons.
+#pragma once
+
+#include <string>
+
+#include "session/files/ImageFile.h"
+
+namespace korimg::files {
+
+struct Gain {
+  double electrons = 0;  ///< of a raw value; 0: not known
+  std::string source;    ///< for people: where it is from, or why it is not known
+};
+
+/// By EGAIN, or by GAIN where its comment speaks of electrons (else it is a setting of the camera); times
+/// NCOMBINE, since a mean of so many frames has their photons. `noise`, the deviation of a pixel of the sky,
+/// tells when values were brought to another scale since: there is no less of it than hundredths of an
+/// electron.
+Gain FindGain(const Header& header, double noise);
+
+}  // namespace korimg::files

@@ -1,0 +1,377 @@
+#include "session/files/ImageFile.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <regex>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include "session/files/ConstantBorder.h"
+#include "session/files/Formats.h"
+#include "session/files/Text.h"
+
+namespace korimg::files {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string OneLine(std::string text) {
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < ' ' || c == 127) c = ' ';
+  }
+  return text;
+}
+
+/// Names of the unfinished files, in storage that a signal handler can read.
+struct Slot {
+  enum State { kFree, kFilling, kUsed };
+  std::atomic<int> state{kFree};
+  char name[PATH_MAX];
+};
+std::array<Slot, 64> g_slots;
+
+void CheckRows(const fs::path& path, int y0, int rows, int height) {
+  if (y0 < 0 || rows < 0 || rows > height - y0) {
+    throw std::out_of_range(
+        OneLine(fmt::format("{}: rows {} to {} are outside the image of {} rows", path.string(), y0,
+                            static_cast<std::int64_t>(y0) + rows - 1, height)));
+  }
+}
+
+}  // namespace
+
+FileError::FileError(const fs::path& path, std::string_view what)
+    : Error(session::ErrorKind::File, OneLine(fmt::format("{}: {}", path.string(), what)), path.string()) {}
+
+std::string LowerExtension(const fs::path& path) {
+  return LowerCase(path.extension().string());
+}
+
+void ThrowSystemError(const fs::path& path, std::string_view doing, int error) {
+  throw FileError(path, fmt::format("cannot {}: {}", doing, std::strerror(error)));
+}
+
+void ThrowDiskFull(const fs::path& path, const fs::path& folder, std::uint64_t needed) {
+  throw FileError(path,
+                  fmt::format("no room in folder {}: {} bytes needed, {} available; free some space or write "
+                              "elsewhere",
+                              folder.string(), needed, FreeSpace(folder)));
+}
+
+std::uint64_t FreeSpace(const fs::path& folder) {
+  struct statvfs state;
+  if (statvfs(folder.c_str(), &state) != 0) return std::numeric_limits<std::uint64_t>::max();
+  return static_cast<std::uint64_t>(state.f_bavail) * state.f_frsize;
+}
+
+void CheckSides(const fs::path& path, std::int64_t width, std::int64_t height) {
+  if (width < 1 || height < 1 || width > kMaxSide || height > kMaxSide) {
+    throw FileError(path, fmt::format("an image of {} x {} pixels is not supported; sides of 1 to {} are",
+                                      width, height, kMaxSide));
+  }
+}
+
+File::File(const fs::path& path, int flags, const fs::path& shown)
+    : path_(path), shown_(shown), descriptor_(open(path.c_str(), flags | O_CLOEXEC, 0666)) {
+  if (Descriptor() < 0) ThrowSystemError(shown, flags & O_CREAT ? "create the file" : "open the file", errno);
+}
+
+FileDescriptor::~FileDescriptor() {
+  if (number_ >= 0) close(number_);
+}
+
+std::uint64_t File::Size() const {
+  struct stat state;
+  if (fstat(Descriptor(), &state) != 0) ThrowSystemError(shown_, "find the size", errno);
+  return static_cast<std::uint64_t>(state.st_size);
+}
+
+std::size_t File::Read(void* data, std::size_t size, std::uint64_t offset) const {
+  std::size_t done = 0;
+  while (done < size) {
+    const ssize_t n =
+        pread(Descriptor(), static_cast<char*>(data) + done, size - done, static_cast<off_t>(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) ThrowSystemError(shown_, "read", errno);
+    if (n == 0) break;
+    done += static_cast<std::size_t>(n);
+  }
+  return done;
+}
+
+void File::Write(const void* data, std::size_t size, std::uint64_t offset) const {
+  std::size_t done = 0;
+  while (done < size) {
+    const ssize_t n = pwrite(Descriptor(), static_cast<const char*>(data) + done, size - done,
+                             static_cast<off_t>(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG))
+      ThrowDiskFull(shown_, fs::absolute(path_).parent_path(), size - done);
+    if (n < 0) ThrowSystemError(shown_, "write", errno);
+    done += static_cast<std::size_t>(n);
+  }
+}
+
+File TemporaryFile(const fs::path& shown) {
+  std::error_code error;
+  const fs::path folder = fs::temp_directory_path(error);
+  if (error)
+    throw FileError(shown, "cannot unpack it: TMPDIR names no folder; set it to one with free space");
+  std::string name = (folder / "korimg-XXXXXX").string();
+  FileDescriptor descriptor(mkostemp(name.data(), O_CLOEXEC));
+  if (descriptor.Get() < 0) ThrowSystemError(shown, "unpack it into folder " + folder.string(), errno);
+  unlink(name.c_str());
+  return {std::move(descriptor), name, shown};
+}
+
+fs::path PartialName(const fs::path& path) {
+  return path.string() + ".part";
+}
+
+TransientFile::TransientFile(const fs::path& path) : path_(fs::absolute(path)), slot_(-1) {
+  // Beyond the last slot, or with a name that is too long, only a signal leaves the file behind.
+  if (path_.string().size() >= sizeof Slot::name) return;
+  for (std::size_t i = 0; i < g_slots.size(); ++i) {
+    int expected = Slot::kFree;
+    if (!g_slots[i].state.compare_exchange_strong(expected, Slot::kFilling)) continue;
+    std::memcpy(g_slots[i].name, path_.c_str(), path_.string().size() + 1);
+    g_slots[i].state = Slot::kUsed;
+    slot_ = static_cast<int>(i);
+    return;
+  }
+}
+
+TransientFile::~TransientFile() {
+  if (path_.empty()) return;
+  unlink(path_.c_str());
+  Forget();
+}
+
+void TransientFile::RenameTo(const fs::path& target) {
+  if (rename(path_.c_str(), target.c_str()) != 0) {
+    ThrowSystemError(target, "rename " + path_.string() + " to it", errno);
+  }
+  Forget();
+  path_.clear();
+}
+
+void TransientFile::Forget() {
+  if (slot_ >= 0) g_slots[static_cast<std::size_t>(slot_)].state = Slot::kFree;
+}
+
+void RemovePartialFiles() noexcept {
+  for (Slot& slot : g_slots) {
+    if (slot.state == Slot::kUsed) unlink(slot.name);
+  }
+}
+
+namespace {
+
+std::unique_ptr<ImageReader> OpenAny(const fs::path& path, const ReadOptions& options) {
+  unsigned char start[8] = {};
+  {
+    const File file(path, O_RDONLY, path);
+    struct stat state;
+    if (fstat(file.Descriptor(), &state) != 0) ThrowSystemError(path, "look at the file", errno);
+    if (!S_ISREG(state.st_mode)) throw FileError(path, "not a regular file; name an image file");
+    if (file.Read(start, sizeof start, 0) == 0) throw FileError(path, "the file is empty (0 bytes)");
+  }
+  const auto startsWith = [&](std::string_view magic) {
+    return std::memcmp(start, magic.data(), magic.size()) == 0;
+  };
+  using namespace std::string_view_literals;
+  if (startsWith("SIMPLE"sv) || startsWith("\x1f\x8b"sv)) return OpenFits(path, options);
+  if (startsWith("\x89PNG\r\n\x1a\n"sv)) return OpenPng(path);
+  if (startsWith("II\x2a\0"sv) || startsWith("MM\0\x2a"sv) || startsWith("II\x2b\0"sv) ||
+      startsWith("MM\0\x2b"sv)) {
+    return HasRawExtension(path) ? OpenRaw(path, options) : OpenTiff(path, options);
+  }
+  if (startsWith("BZh"sv) || startsWith("PK\3\4"sv) || startsWith("\x1f\x9d"sv) ||
+      startsWith("\xfd\x37zXZ"sv)) {
+    throw FileError(path, "packed by a program other than gzip; unpack it first");
+  }
+  return OpenRaw(path, options);
+}
+
+}  // namespace
+
+std::unique_ptr<ImageReader> ImageReader::Open(const fs::path& path, const ReadOptions& options) {
+  auto reader = OpenAny(path, options);
+  if (options.lessBorder) {
+    reader->border_ = options.border ? options.border : ConstantBorder::Find(*reader);
+    reader->info_.noData = reader->border_->Text();
+  }
+  return reader;
+}
+
+void ImageReader::ReadRows(int y0, int rows, float* const* planes) {
+  CheckRows(info_.path, y0, rows, info_.height);
+  if (rows <= 0) return;
+  const bool turned = info_.header.turned;
+  Read(turned ? info_.height - y0 - rows : y0, rows, planes);
+  for (int p = 0; p < info_.planes; ++p) {
+    for (int y = 0; turned && y < rows / 2; ++y) {
+      float* row = planes[p] + static_cast<std::size_t>(y) * static_cast<std::size_t>(info_.width);
+      float* other =
+          planes[p] + static_cast<std::size_t>(rows - 1 - y) * static_cast<std::size_t>(info_.width);
+      std::swap_ranges(row, row + info_.width, other);
+    }
+  }
+  if (border_) border_->Blank(y0, rows, info_.planes, planes);
+}
+
+void ImageReader::ApplyScale(int rows, float* const* planes) const {
+  if (Scale{info_.bscale, info_.bzero, info_.hasBlank}.IsPlain()) return;
+  const std::size_t count = static_cast<std::size_t>(rows) * static_cast<std::size_t>(info_.width);
+  for (int p = 0; p < info_.planes; ++p) {
+    for (std::size_t i = 0; i < count; ++i) {
+      const float stored = planes[p][i];
+      planes[p][i] = info_.hasBlank && stored == 0 ? std::numeric_limits<float>::quiet_NaN()
+                                                   : static_cast<float>(info_.bzero + info_.bscale * stored);
+    }
+  }
+}
+
+std::string Scale::Text() const {
+  return fmt::format("korimg: raw value = {} + {} * stored number{}", zero, step,
+                     hasBlank ? "; 0 is blank" : "");
+}
+
+std::optional<Scale> Scale::Parse(std::string_view text) {
+  static const std::regex form("korimg: raw value = (\\S+) \\+ (\\S+) \\* stored number(; 0 is blank)?");
+  std::match_results<std::string_view::const_iterator> match;
+  if (text.size() > 200 || !std::regex_match(text.begin(), text.end(), match, form)) return std::nullopt;
+  Scale scale;
+  for (const auto& [number, part] : {std::pair(&scale.zero, match[1]), {&scale.step, match[2]}}) {
+    const char* end = &*part.first + part.length();
+    const auto [read, error] = std::from_chars(&*part.first, end, *number);
+    if (error != std::errc() || read != end || !std::isfinite(*number)) return std::nullopt;
+  }
+  scale.hasBlank = match[3].matched;
+  return scale.step > 0 ? std::optional(scale) : std::nullopt;
+}
+
+void RangeOf16Bits::Add(const float* pixels, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    const float v = pixels[i];
+    const bool finite = std::abs(v) <= std::numeric_limits<float>::max();
+    min_ = finite && v < min_ ? v : min_;
+    max_ = finite && v > max_ ? v : max_;
+    whole_ &= !finite || v == std::trunc(v);
+    hasBlank_ |= std::isnan(v);
+  }
+}
+
+Scale RangeOf16Bits::Get() const {
+  constexpr double kLast = 65535;
+  const double lowest = hasBlank_ ? 1 : 0;  // stored number
+  if (min_ > max_) return {.hasBlank = hasBlank_};
+  if (whole_ && min_ >= lowest && max_ <= kLast) return {.hasBlank = hasBlank_};
+  if (whole_ && min_ >= 0 && max_ < kLast) return {.zero = -lowest, .hasBlank = hasBlank_};
+  const double range = static_cast<double>(max_) - min_;
+  const double step = range > 0 ? range / (kLast - lowest) : 1;
+  return {step, min_ - lowest * step, hasBlank_};
+}
+
+namespace {
+
+/// What can be written.
+struct Format {
+  const char* extensions;
+  std::vector<std::string_view> types;
+  std::unique_ptr<ImageWriter> (*create)(const fs::path&, const WriteOptions&);
+};
+
+const Format kFormats[] = {{".fits .fit .fts", {"float32", "uint16"}, CreateFits},
+                           {".tif .tiff", {"float32", "uint8", "uint16"}, CreateTiff},
+                           {".png", {"uint8", "uint16"}, CreatePng},
+                           {".jpg .jpeg", {"uint8"}, CreateJpeg}};
+
+}  // namespace
+
+std::unique_ptr<ImageWriter> ImageWriter::Create(const fs::path& path, const WriteOptions& options) {
+  CheckSides(path, options.width, options.height);
+  if (options.planes != 1 && options.planes != 3) {
+    throw FileError(path, fmt::format("cannot write {} planes; 1 and 3 are supported", options.planes));
+  }
+  const std::string extension = LowerExtension(path);
+  const auto format = std::find_if(std::begin(kFormats), std::end(kFormats), [&](const Format& f) {
+    return (" " + std::string(f.extensions) + " ").find(" " + extension + " ") != std::string::npos;
+  });
+  if (extension.empty() || format == std::end(kFormats)) {
+    std::string all;
+    for (const Format& f : kFormats) {
+      all += std::string(all.empty() ? "" : " ") + f.extensions;
+    }
+    throw FileError(path, fmt::format("cannot tell the format from the extension '{}'; supported are {}",
+                                      extension, all));
+  }
+  if (std::find(format->types.begin(), format->types.end(), options.type) == format->types.end()) {
+    throw FileError(path, fmt::format("cannot write {} pixels to {}; supported are {}", options.type,
+                                      extension, fmt::join(format->types, " and ")));
+  }
+  std::error_code error;
+  const fs::file_status status = fs::symlink_status(path, error);
+  if (fs::exists(status) && fs::is_directory(fs::status(path, error)))
+    throw FileError(path, "is a folder; name a file");
+  if (fs::exists(status) && !options.overwrite) {
+    throw FileError(path, "exists already; use --overwrite to replace it, or another name");
+  }
+  return format->create(path, options);
+}
+
+ImageWriter::ImageWriter(const fs::path& path, const WriteOptions& options, bool anyOrder)
+    : path_(path), options_(options), anyOrder_(anyOrder) {}
+
+void ImageWriter::WriteRows(int y0, int rows, const float* const* planes) {
+  CheckRows(path_, y0, rows, options_.height);
+  if (!anyOrder_ && y0 != rowsWritten_) {
+    throw std::out_of_range(
+        OneLine(fmt::format("{}: row {} was given where row {} is next; this format wants the rows "
+                            "in order",
+                            path_.string(), y0, rowsWritten_)));
+  }
+  if (rows > 0) Write(RunsUp() ? options_.height - y0 - rows : y0, rows, Stored(rows, planes).data());
+  rowsWritten_ += rows;
+}
+
+/// The rows as they are stored: on their scale, and in their order.
+std::array<const float*, 3> ImageWriter::Stored(int rows, const float* const* planes) {
+  std::array<const float*, 3> stored = {};
+  std::copy_n(planes, options_.planes, stored.begin());
+  const Scale& scale = options_.scale;
+  if (scale.IsPlain() && !RunsUp()) return stored;
+  const auto width = static_cast<std::size_t>(options_.width), count = static_cast<std::size_t>(rows) * width;
+  stored_.resize(count * static_cast<std::size_t>(options_.planes));
+  for (std::size_t p = 0; p < static_cast<std::size_t>(options_.planes); ++p) {
+    float* to = stored_.data() + p * count;
+    stored[p] = to;
+    for (int y = 0; y < rows; ++y, to += width) {
+      const float* from = planes[p] + static_cast<std::size_t>(RunsUp() ? rows - 1 - y : y) * width;
+      for (std::size_t x = 0; x < width; ++x) {
+        to[x] = scale.IsPlain() ? from[x] : static_cast<float>((from[x] - scale.zero) / scale.step);
+      }
+    }
+  }
+  return stored;
+}
+
+void ImageWriter::Commit() {
+  if (rowsWritten_ < options_.height) {
+    throw FileError(path_, fmt::format("only {} of {} rows were written", rowsWritten_, options_.height));
+  }
+  Finish();
+}
+
+}  // namespace korimg::files

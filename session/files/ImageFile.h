@@ -1,0 +1,224 @@
+// Image files of the tool: FITS, TIFF, PNG and camera raw, read and written by bands of rows.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "session/job/Errors.h"
+
+namespace korimg::files {
+
+/// Whatever goes wrong with a file. The text is one line, "<path>: <what is wrong and what to do>".
+class FileError : public session::Error {
+ public:
+  FileError(const std::filesystem::path& path, std::string_view what);
+};
+
+/// The cards of a FITS header in their order, kept as they were read: duplicates, HIERARCH, CONTINUE, COMMENT
+/// and HISTORY included. Names longer than 8 characters mean HIERARCH cards ("ESO DET DIT").
+struct Header {
+  std::vector<std::string> cards;  ///< 80 characters each, without END
+  /// The rows of its FITS file are stored from the lowest up. Pixels are read and written upright: what cards
+  /// say of places (world coordinates, the phase of a mosaic) is brought along, ROWORDER stays as stated.
+  bool turned = false;
+
+  /// The value of the first card of that name. Strings come without quotes and trailing blanks, long ones
+  /// joined over their CONTINUE cards; other values as written. None: no such card, or a card without a
+  /// value.
+  std::optional<std::string> GetString(std::string_view key) const;
+  /// The value as a number; a number written as a string ('060.00') counts, other text does not.
+  std::optional<double> GetDouble(std::string_view key) const;
+  /// The value as a whole number; "40." and '40' count, 40.5 does not.
+  std::optional<std::int64_t> GetInt(std::string_view key) const;
+
+  /// Gives the first card of that name a new value and comment in its place, or appends a card; later cards
+  /// of the same name go. Characters that FITS does not allow become '?'. An empty comment keeps none.
+  void Set(std::string_view key, std::string_view value, std::string_view comment = {});
+  void Set(std::string_view key, const char* value, std::string_view comment = {});
+  void Set(std::string_view key, double value, std::string_view comment = {});
+  void Set(std::string_view key, std::int64_t value, std::string_view comment = {});
+  void Set(std::string_view key, int value, std::string_view comment = {});
+  /// Removes all cards of that name with their continuations.
+  void Remove(std::string_view key);
+  /// Appends text as HISTORY, 72 characters a card, broken at blanks where there are any.
+  void AddHistory(std::string_view text);
+
+  /// The cards that belong into a file made from this one: without those that describe the layout, scaling,
+  /// compression, checksums and extremes of the source's pixels; SWMODIFY and DATE set. Everything else is
+  /// verbatim.
+  std::vector<std::string> CardsForOutput() const;
+};
+
+/// What a camera raw file says of its sensor. Four values go by position in the 2 x 2 cell of the mosaic, row
+/// by row; three of them by plane where there is no mosaic.
+struct CameraRaw {
+  std::string maker, model;                 ///< in the form of the library's lists
+  double white = 0;                         ///< raw value of saturation
+  std::array<double, 4> black{};            ///< raw value of no light
+  bool hasGains = false;                    ///< the camera's white balance is known
+  std::array<double, 4> gains{1, 1, 1, 1};  ///< of its white balance, green 1
+};
+
+/// How stored numbers stand for raw values: raw value = zero + step * stored number.
+struct Scale {
+  double step = 1, zero = 0;
+  bool hasBlank = false;  ///< 0 is stored for pixels that are no numbers, and for no others
+
+  bool IsPlain() const { return step == 1 && zero == 0 && !hasBlank; }
+  /// As TIFF and PNG files hold it beside their pixels, and back; none where a text says no such thing.
+  std::string Text() const;
+  static std::optional<Scale> Parse(std::string_view text);
+};
+
+/// Finds the scale on which 16 bits hold an image: whole numbers from 0 to 65535 stay as they are, others
+/// take the image's own range. Where pixels are no numbers these get 0, and the others what is above it.
+class RangeOf16Bits {
+ public:
+  /// Takes pixels. Those that are no finite numbers are passed over.
+  void Add(const float* pixels, std::size_t count);
+  Scale Get() const;
+
+ private:
+  float min_ = std::numeric_limits<float>::infinity(), max_ = -min_;
+  bool whole_ = true, hasBlank_ = false;
+};
+
+/// What a file says about its image.
+struct ImageInfo {
+  std::filesystem::path path;
+  std::string format;         ///< "FITS", "TIFF", "PNG" or "camera raw"
+  int width = 0, height = 0;  ///< pixels
+  int planes = 1;             ///< 1, or 3 for red, green, blue
+  std::string type;           ///< of the stored pixels: uint8 int16 uint16 int32 uint32 int64 float32 float64
+  double bscale = 1, bzero = 0;     ///< raw value = bzero + bscale * stored value; FITS, and 16 bits of ours
+  bool hasBlank = false;            ///< 16 bits of ours: 0 is stored for pixels that are no numbers
+  int hdu = 0;                      ///< FITS: number of the header-data unit, 0 = primary
+  std::string hduName;              ///< FITS: EXTNAME, if any
+  Header header;                    ///< FITS; camera raw: exposure, mosaic and the like as cards
+  std::optional<CameraRaw> camera;  ///< camera raw only
+  std::string noData;               ///< for people: what is left out by ReadOptions::lessBorder, if anything
+};
+
+class ConstantBorder;
+
+struct ReadOptions {
+  std::string hdu;  ///< FITS: number (0 = primary) or EXTNAME; empty: the first image that has pixels
+  bool bySky =
+      false;  ///< FITS: rows whose order is not stated run as the sky of their world coordinates wants
+  bool lessBlack = false;   ///< camera raw: take the black level off; pixels may be negative then
+  bool manyOpen = false;    ///< camera raw: keep the unpacked pixels in a temporary file
+  bool lessBorder = false;  ///< what ConstantBorder finds is NaN
+  std::shared_ptr<const ConstantBorder> border;  ///< found before, in place of finding it
+};
+
+/// Largest width and height that readers and writers accept; checked before any arithmetic with them.
+constexpr int kMaxSide = 1'000'000;
+
+/// An image open for reading. Memory use is a few rows, whatever the size of the image; exceptions are the
+/// strips or tiles of a compressed TIFF or FITS file, interlaced PNG, and camera raw. Readers of different
+/// files may work in different threads.
+class ImageReader {
+ public:
+  /// Opens a file by its content, not by its name. FITS may be packed by gzip (it is unpacked to a temporary
+  /// file) or tile-compressed; TIFF and PNG may be gray or colour, further channels are left out. Camera raw
+  /// gives the undeveloped pixels of the sensor's active area; what is known of black once rows were read.
+  /// @throws FileError if the file is unreadable, damaged, shorter than its header says, or of an unsupported
+  /// kind.
+  static std::unique_ptr<ImageReader> Open(const std::filesystem::path& path,
+                                           const ReadOptions& options = {});
+  virtual ~ImageReader() = default;
+
+  const ImageInfo& Info() const { return info_; }
+  /// What rows are read without; null when all of them were wanted.
+  const std::shared_ptr<const ConstantBorder>& Border() const { return border_; }
+
+  /// Reads rows y0 to y0 + rows - 1 of all planes as physical values; planes[p] takes rows * width floats.
+  /// Rows count from the upper one of the upright picture: FITS files that are stored from the lowest up, as
+  /// ROWORDER tells or, where it is asked for, a sky that would be mirrored otherwise, are turned. Blank
+  /// pixels are NaN. Any order of y0 is allowed; upwards is fastest.
+  /// @throws FileError on damaged data, std::out_of_range if the rows are not inside the image.
+  void ReadRows(int y0, int rows, float* const* planes);
+
+ protected:
+  virtual void Read(int y0, int rows, float* const* planes) = 0;
+  /// Brings stored numbers that were read to info_'s scale.
+  void ApplyScale(int rows, float* const* planes) const;
+
+  ImageInfo info_;
+
+ private:
+  std::shared_ptr<const ConstantBorder> border_;
+};
+
+struct WriteOptions {
+  int width = 0, height = 0;  ///< pixels
+  int planes = 1;             ///< 1 or 3
+  std::string type =
+      "float32";           ///< FITS: float32 or uint16; TIFF: uint8 too; PNG: uint8 or uint16; JPEG: uint8
+  Header header = {};      ///< FITS: cards to carry over (see Header::CardsForOutput)
+  bool verbatim = false;   ///< FITS: write the header's cards as they are, all of them
+  bool overwrite = false;  ///< replace an existing file
+  Scale scale = {};        ///< of uint16: on which the pixels are stored; the file says so
+};
+
+/// An image being written: to "<name>.part" beside the final name, which it takes in Commit(). Without
+/// Commit() the destructor removes it.
+class ImageWriter {
+ public:
+  /// The format follows the extension, in any case: .fits .fit .fts, .tif .tiff, .png, .jpg .jpeg.
+  /// @throws FileError on another extension or type, an existing file without `overwrite`, a disk without
+  /// space.
+  static std::unique_ptr<ImageWriter> Create(const std::filesystem::path& path, const WriteOptions& options);
+  virtual ~ImageWriter() = default;
+
+  /// Writes rows y0 to y0 + rows - 1; planes[p] holds rows * width floats. Integer types take the nearest
+  /// whole number, clamped to their range, and 0 for NaN, which is read back where the scale has it so. All
+  /// but FITS want the rows in order.
+  /// @throws FileError when the disk is full, std::out_of_range if the rows are outside the image or out of
+  /// order.
+  void WriteRows(int y0, int rows, const float* const* planes);
+
+  /// The final name.
+  const std::filesystem::path& Path() const { return path_; }
+
+  /// Completes the file and gives it its final name.
+  /// @throws FileError if rows are missing or the disk is full.
+  void Commit();
+
+ protected:
+  explicit ImageWriter(const std::filesystem::path& path, const WriteOptions& options, bool anyOrder);
+  /// True when rows are stored from the lowest up.
+  virtual bool RunsUp() const { return false; }
+  virtual void Write(int y0, int rows, const float* const* planes) = 0;
+  virtual void Finish() = 0;
+
+  std::filesystem::path path_;
+  WriteOptions options_;
+
+ private:
+  std::array<const float*, 3> Stored(int rows, const float* const* planes);
+
+  bool anyOrder_;
+  std::int64_t rowsWritten_ = 0;
+  std::vector<float> stored_;
+};
+
+/// A file name's extension in lower case, with its dot.
+std::string LowerExtension(const std::filesystem::path& path);
+
+/// A file name that cameras give to raw files. Many of these are TIFF files by their first bytes.
+bool HasRawExtension(const std::filesystem::path& path);
+
+/// Removes the unfinished files of all writers. Calls nothing but unlink(): made for handlers of SIGINT and
+/// SIGTERM.
+void RemovePartialFiles() noexcept;
+
+}  // namespace korimg::files

@@ -1,0 +1,49 @@
+// What goes wrong, for every host: of what kind it is, what it is about, and one line that says what to do.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace korimg::session {
+
+enum class ErrorKind {
+  Usage,      ///< the call itself is wrong
+  File,       ///< a file or folder cannot be read, written, or used for this
+  Resource,   ///< no room in memory
+  Cancelled,  ///< by the user
+  Internal    ///< nobody's fault but ours
+};
+
+class Error : public std::runtime_error {
+ public:
+  /// `subject` is the file or the argument that it is about; empty where there is none.
+  Error(ErrorKind kind, const std::string& text, std::string subject = "")
+      : std::runtime_error(text), kind_(kind), subject_(std::move(subject)) {}
+
+  ErrorKind Kind() const { return kind_; }
+  const std::string& Subject() const { return subject_; }
+
+ private:
+  ErrorKind kind_;
+  std::string subject_;
+};
+
+/// The call itself is wrong. The text says what to write instead.
+class UsageError : public Error {
+ public:
+  explicit UsageError(const std::string& text) : Error(ErrorKind::Usage, text) {}
+};
+
+/// The job's cancel token was used.
+class Cancelled : public Error {
+ public:
+  Cancelled() : Error(ErrorKind::Cancelled, "cancelled") {}
+};
+
+/// Turns what is being handled into one of the family: the library's thrown pointers and what memory that
+/// cannot be had throws become errors of resources, everything foreign an internal one. To be called in a
+/// catch block; rethrows.
+[[noreturn]] void ThrowOfFamily();
+
+}  // namespace korimg::session

@@ -1,0 +1,132 @@
+// What a piece of work needs of the world, whoever has it done: a command line, a script, a window.
+#pragma once
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "korimg/image/CVmManager.h"
+#include "korimg/platform/Messages.h"
+
+#include "session/job/Errors.h"
+
+namespace korimg::session {
+
+/// What a job tells while it works.
+struct Event {
+  enum Kind {
+    Note,      ///< what was found, is planned, or is done
+    Detail,    ///< the same for those who want to know more
+    Progress,  ///< how far a part of the work is, in the user's units
+    Result,    ///< what has become of a frame or an output
+    Warning,
+    Failure  ///< something that was asked for cannot be done; the rest still is
+  };
+
+  Kind kind = Note;
+  std::string text;                ///< one line for people; of Progress the title
+  std::string data = {};           ///< Result: the same for programs, an object of JSON in one line
+  long long step = 0, total = 0;   ///< Progress: so many of so many; a total of 0 ends it
+  std::string detail = {};         ///< Progress: stands in the place of "step of total", if any
+};
+
+/// Takes the events of a job: one at a time, in their order, on whatever thread they come up on.
+using Reporter = std::function<void(const Event&)>;
+
+/// Stops the jobs that share it at their next step.
+class CancelToken {
+ public:
+  virtual ~CancelToken() = default;
+  /// Any thread may call it, and handlers of signals.
+  void Cancel() { cancelled_ = true; }
+  virtual bool IsCancelled() { return cancelled_; }
+
+ private:
+  std::atomic<bool> cancelled_ = false;
+};
+
+struct JobOptions {
+  Reporter report;                                                    ///< none: nobody listens
+  std::shared_ptr<CancelToken> cancel = std::make_shared<CancelToken>();
+  long long memory = 0;    ///< bytes for pixels; 0 takes DefaultBudget()
+  bool overwrite = false;  ///< outputs may replace files
+  bool ownCaptions = false;  ///< operations show their own captions, in Japanese
+  std::string origin;      ///< what the work was called by, for headers and reports
+};
+
+/// One piece of work: a session, a recipe for some files. Jobs share nothing but the pipelines' pool of
+/// threads: several may run in one process, each within its own memory.
+class Job {
+ public:
+  explicit Job(JobOptions options = {});
+  ~Job();
+  Job(const Job&) = delete;
+  Job& operator=(const Job&) = delete;
+
+  JobOptions options;
+
+  void Say(const std::string& line) { Report({Event::Note, line}); }
+  void Explain(const std::string& line) { Report({Event::Detail, line}); }
+  void Warn(const std::string& line) { Report({Event::Warning, line}); }
+  /// Tells of something that was asked for and is not there. The job is no success, but goes on.
+  void Fail(const std::string& line);
+  bool HasFailed() const { return hasFailed_; }
+  /// What has become of a frame or an output: an object of JSON, and a line that says the same.
+  void Tell(const std::string& data, const std::string& line) { Report({Event::Result, line, data}); }
+
+  /// Shows how far a part of the work is: step of total. A total of 0 ends the display.
+  void Progress(const std::string& title, long long step, long long total);
+  void EndProgress() { Progress("", 0, 0); }
+  /// The same for work on many files, until a total of 0: what its parts show of theirs is kept away.
+  void JobProgress(const std::string& title, long long step, long long total, const std::string& detail = "");
+  /// Throws Cancelled once the token was used.
+  void CheckCancelled() const;
+  /// The window that the library's operations show their progress on, under that title.
+  HWND OperationWindow(const std::string& title);
+
+  /// Bytes that pixels may take.
+  long long Memory() const;
+  /// A store within the memory budget: "contiguous", which all of a job shares with its budget, or a new
+  /// "paged" one. Any thread may ask.
+  std::shared_ptr<CVmManager> MakeStore(const std::string& kind = "contiguous") const;
+
+  /// Does a thing to each file. A failure is told in one line, and the other files are still done. The job
+  /// has failed then, unless the file may be missing from the result.
+  void ForEachFile(const std::vector<std::filesystem::path>& files,
+                   const std::function<void(const std::filesystem::path&)>& work, bool mayBeMissing = false);
+
+  /// Refuses an output that exists already, unless it may be replaced.
+  void CheckOutput(const std::filesystem::path& path) const;
+  /// Refuses to keep what may be wrong: once a pipeline has failed, nothing more is saved. Throws FileError.
+  static void CheckComputed(const std::filesystem::path& path);
+
+ private:
+  void Report(const Event& event);
+
+  mutable std::mutex mutex_;
+  std::recursive_mutex reporting_;
+  std::atomic<bool> hasFailed_ = false;
+  bool inJob_ = false;
+  HWND window_;
+  std::string operation_;
+  mutable std::shared_ptr<CVmManager> contiguous_;
+};
+
+/// Bytes of "200M", "1.5G", "4096". Throws UsageError.
+long long ParseSize(const std::string& text);
+
+/// The number that a text is, the whole of it.
+std::optional<double> ToNumber(const std::string& text);
+
+/// A share for people, as in "1.25 %".
+std::string Percent(double share);
+
+/// Bytes of memory that this process held at most.
+long long PeakMemory();
+
+}  // namespace korimg::session

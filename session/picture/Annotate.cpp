@@ -1,0 +1,140 @@
+#include "session/picture/Annotate.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+#include <fmt/format.h>
+
+#include "korimg/display/CImgDrawLine.h"
+#include "korimg/display/CImgDrawText.h"
+#include "korimg/platform/Debug.h"
+
+#include "session/files/Geometry.h"
+#include "session/files/NumberLines.h"
+
+namespace korimg::session {
+namespace {
+
+constexpr unsigned long kBlack = 0x000000, kWhite = 0xFFFFFF, kYellow = 0x50E6FF;  // blue, green, red
+
+/// A picture being drawn into.
+class Drawing {
+ public:
+  explicit Drawing(CVelImage& picture) : picture_(picture) {
+    pen_.Swap(&picture_);
+    const int side = std::min(pen_.GetWidth(), pen_.GetHeight());
+    letters_ = std::clamp(side / 25, 12, 200);
+    margin_ = letters_ / 2;
+    colour_ = pen_.IsColor() ? kYellow : kWhite;
+  }
+  ~Drawing() { pen_.Swap(&picture_); }
+  Drawing(const Drawing&) = delete;
+  Drawing& operator=(const Drawing&) = delete;
+
+  int Width() const { return pen_.GetWidth(); }
+  int Letters() const { return letters_; }
+
+  void Title(const std::string& text) { Text(text, margin_, margin_); }
+
+  /// A bar of so many pixels in the lower left corner, with its length above it.
+  void ScaleBar(const std::string& text, double length) {
+    const int thick = std::max(letters_ / 10, 1), bottom = pen_.GetHeight() - margin_;
+    const int right = margin_ + static_cast<int>(std::lround(length));
+    for (const int shadow : {1, 0}) {
+      for (int y = bottom - thick; y < bottom; ++y) {
+        pen_.Do(CPoint(margin_ + shadow, y + shadow), CPoint(right + shadow, y + shadow),
+                shadow ? kBlack : colour_);
+      }
+    }
+    Text(text, margin_, bottom - thick - letters_ * 5 / 4);
+  }
+
+  void Circle(double x, double y, double radius) {
+    if (x + radius < 0 || y + radius < 0 || x - radius > pen_.GetWidth() || y - radius > pen_.GetHeight())
+      return;
+    const int sides = std::clamp(static_cast<int>(radius * 2), 16, 720);
+    const auto point = [&](int i) {
+      const double angle = 2 * std::numbers::pi * i / sides;
+      return CPoint(static_cast<int>(std::lround(x + radius * std::cos(angle))),
+                    static_cast<int>(std::lround(y + radius * std::sin(angle))));
+    };
+    for (int i = 0; i < sides; ++i) {
+      pen_.Do(point(i), point(i + 1), colour_);
+    }
+  }
+
+ private:
+  /// Text in letters as large as fit.
+  void Text(const std::string& text, int left, int top) {
+    const CString wide(Widen(text).c_str());
+    LOGFONTW font;
+    font.lfHeight = letters_;
+    const auto mask = CImgDrawText::MakeMask(pen_.VmManager(), wide, font, kSmooth);
+    const int room = std::max(Width() - left - margin_, 1);
+    if (mask && mask->GetWidth() > room) font.lfHeight = std::max(letters_ * room / mask->GetWidth(), 6);
+    CImgDrawText drawn;
+    if (!drawn.Do(&pen_, CPoint(left, top), wide, &font, colour_, kSmooth)) {
+      throw std::runtime_error(fmt::format("cannot draw '{}': is there a font?", text));
+    }
+  }
+
+  static constexpr int kSmooth = 1;
+
+  CVelImage& picture_;
+  CImgDrawLine pen_;  ///< the picture, while it is drawn into
+  int letters_, margin_;
+  unsigned long colour_;
+};
+
+/// The largest round angle of at most so many seconds.
+double RoundAngle(double most) {
+  constexpr double kRound[] = {0.1, 0.2, 0.5,  1,    2,    5,    10,    20,    30,    60,    120,
+                               300, 600, 1200, 1800, 3600, 7200, 18000, 36000, 72000, 108000};
+  return *std::max(std::upper_bound(std::begin(kRound), std::end(kRound), most) - 1, std::begin(kRound));
+}
+
+std::string AngleText(double seconds) {
+  return seconds < 60     ? fmt::format("{}\u2033", seconds)
+         : seconds < 3600 ? fmt::format("{}\u2032", seconds / 60)
+                          : fmt::format("{}\u00B0", seconds / 3600);
+}
+
+}  // namespace
+
+Annotations DefaultAnnotations(const files::Header& header) {
+  return {header.GetString("OBJECT").value_or(""), files::PixelScale(header).has_value(), {}};
+}
+
+void Annotate(CVelImage& picture, const Annotations& annotations, const std::filesystem::path& input,
+              const files::Header& header, int binX, int binY) {
+  constexpr double kFar = 1e6;  // pixels
+  Drawing drawing(picture);
+  if (!annotations.stars.empty()) {
+    for (const auto& star :
+         ReadNumberLines(annotations.stars, 2, 3, kFar,
+                         "star; write x, y and, if wanted, a radius in pixels: 12.5 80 6")) {
+      if (star.size() == 3 && star[2] < 0) {
+        throw files::FileError(annotations.stars, fmt::format("a radius of {} is not possible", star[2]));
+      }
+      // The middle of a picture's pixel is that of its cell.
+      drawing.Circle((star[0] + 0.5) / binX - 0.5, (star[1] + 0.5) / binY - 0.5,
+                     star.size() == 3 ? star[2] / binX : drawing.Letters() / 2.0);
+    }
+  }
+  if (annotations.scaleBar) {
+    const auto scale = files::PixelScale(header);
+    if (!scale) {
+      throw files::FileError(
+          input,
+          "does not say its scale: it has neither world coordinates, nor SCALE, nor FOCALLEN "
+          "with XPIXSZ; leave --scale-bar out");
+    }
+    constexpr double kShareOfWidth = 0.3;
+    const double pixel = *scale * binX, length = RoundAngle(kShareOfWidth * drawing.Width() * pixel);
+    drawing.ScaleBar(AngleText(length), length / pixel);
+  }
+  if (!annotations.title.empty()) drawing.Title(annotations.title);
+}
+
+}  // namespace korimg::session

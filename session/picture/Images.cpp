@@ -1,0 +1,372 @@
+#include "session/picture/Images.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <numeric>
+
+#include <fmt/format.h>
+
+#include "korimg/geometry/CImgFlip.h"
+#include "korimg/image/CImgCalculation.h"
+#include "korimg/platform/Debug.h"
+
+#include "session/files/CameraName.h"
+#include "session/files/Formats.h"
+#include "session/files/Geometry.h"
+#include "session/files/Mosaic.h"
+#include "session/files/Times.h"
+
+namespace korimg::session {
+namespace {
+
+constexpr long long kBandBytes = 4 << 20;
+constexpr double kWhite = 65535;  // of 16 bits
+
+/// Calls visit(y0, rows, planes) for the bands of an image, where planes[p] is the address of the band's rows
+/// of plane p: in the store itself when its planes are contiguous, else in a buffer that is filled before the
+/// visit (readOnly) or emptied after it.
+template <class Visit>
+void ForBands(Job& job, CVelImage& image, bool readOnly, const std::string& title, Visit&& visit) {
+  const int width = image.GetWidth(), height = image.GetHeight(), planes = image.GetPlanes();
+  const bool contiguous = image.GetAllocationPolicy() != CVmManager::Paged;
+  const int band = BandRows(width, planes, height);
+  std::vector<float> buffer(contiguous ? 0 : static_cast<size_t>(band) * width * planes);
+  std::vector<float*> rows(planes);
+  for (int y0 = 0; y0 < height; y0 += band) {
+    job.CheckCancelled();
+    job.Progress(title, y0, height);
+    const int count = std::min(band, height - y0);
+    for (int p = 0; p < planes; ++p) {
+      rows[p] = contiguous
+                    ? image.GetImageAdr(0, y0, p, readOnly ? CImage::ReadOnly : CImage::ReadWrite, nullptr)
+                    : buffer.data() + static_cast<size_t>(p) * band * width;
+    }
+    const auto copy = [&](bool fromStore) {
+      for (int p = 0; p < planes && !contiguous; ++p) {
+        for (int y = 0; y < count; ++y) {
+          float* row = rows[p] + static_cast<size_t>(y) * width;
+          const size_t bytes = sizeof(float) * width;
+          if (fromStore) {
+            std::memcpy(row, image.GetLine(0, y0 + y, p), bytes);
+          } else {
+            std::memcpy(image.GetWritableLine(0, y0 + y, p), row, bytes);
+          }
+        }
+      }
+    };
+    if (readOnly) copy(true);
+    visit(y0, count, rows.data());
+    if (!readOnly) copy(false);
+  }
+  job.EndProgress();
+}
+
+CImage::SourceType SourceTypeOf(const files::ImageInfo& info) {
+  const bool colour = info.planes > 1;
+  if (info.type == "uint8") return colour ? CImage::Rgb24 : CImage::Gray8;
+  if (info.type == "int16" || info.type == "uint16") return colour ? CImage::Rgb48 : CImage::Gray16;
+  if (info.type == "float32") return CImage::Real32;
+  if (info.type == "float64") return CImage::Real64;
+  return CImage::Gray32;
+}
+
+std::string LevelKey(const char* end, int plane) {
+  return fmt::format("KORL{}{}", end, plane + 1);
+}
+
+void FillPicture(Job& job, CVelImage& image, const std::string& title, PictureSaver& saver) {
+  ForBands(job, image, true, title, [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
+  saver.Commit();
+}
+
+Shape ShapeOf(const CVelImage& image) {
+  return {image.GetWidth(), image.GetHeight(), image.GetPlanes()};
+}
+
+}  // namespace
+
+long long BytesOf(const files::ImageInfo& info) {
+  return 4LL * info.width * info.height * info.planes;
+}
+
+int BandRows(int width, int planes, int height) {
+  return static_cast<int>(std::clamp<long long>(kBandBytes / (4LL * width * planes), 1, height));
+}
+
+void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack) {
+  const auto black =
+      info.camera ? *std::min_element(info.camera->black.begin(), info.camera->black.end()) : 0;
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    const auto low = info.header.GetDouble(LevelKey("MIN", p)),
+               high = info.header.GetDouble(LevelKey("MAX", p));
+    if (low && high && *high > *low) {
+      image.SetLevel(p, *low, *high);
+      image.SetOwnLevel(true);
+    } else if (info.camera && info.camera->white > black) {
+      image.SetLevel(p, lessBlack ? 0 : black, info.camera->white - (lessBlack ? black : 0));
+    } else if (info.type == "uint8") {
+      image.SetLevel(p, 0, 255);
+    } else if (info.type == "uint16" && info.bscale == 1) {
+      image.SetLevel(p, 0, 65535);
+    } else {
+      const auto [min, max] = image.GetMinMax(p);
+      const bool usable = std::isfinite(min) && std::isfinite(max) && max > min;
+      image.SetLevel(p, usable ? min : 0, usable ? max : 1);
+    }
+  }
+}
+
+LoadedImage LoadImage(Job& job, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
+                      const files::ReadOptions& options) {
+  const auto reader = files::ImageReader::Open(path, options);
+  const files::ImageInfo& info = reader->Info();
+  auto image = std::make_unique<CVelImage>(store, CImage::Float, info.width, info.height, info.planes, 1.0,
+                                           0.0, 1, nullptr);
+  ForBands(job, *image, false, "reading " + path.filename().string(),
+           [&](int y0, int rows, float* const* planes) { reader->ReadRows(y0, rows, planes); });
+  image->SetOrgFileName(Widen(path.string()));
+  image->SetOrgFileFormat(Widen(info.format));
+  image->SetOrgBitsPixel(SourceTypeOf(info));
+  image->SetOrgPlanes(info.planes);
+  image->SetOrgWidth(info.width);
+  image->SetOrgHeight(info.height);
+  const int cfa = files::FindMosaic(info).cfa;
+  image->SetBayerImage(cfa > 0);
+  image->SetOrgBayerImage(cfa > 0);
+  image->GetHeader()->SetCFAPattern(cfa);
+  ReadHeader(info, *image->GetHeader());
+  SetLevels(*image, info, options.lessBlack);
+  return {std::move(image), info};
+}
+
+void TurnOver(CVelImage& image) {
+  CImgFlip turned;
+  if (!turned.Create(image, nullptr)) throw velora::CVmMemoryAllocationError("no room to turn an image over");
+  turned.Do(0, &image, 0);
+  image.Paste(&turned, nullptr);
+}
+
+std::unique_ptr<CVelImage> LoadSameSize(Job& job, const CVelImage& image, const files::Header& header,
+                                        const std::filesystem::path& path, const std::string& user) {
+  LoadedImage loaded = LoadImage(job, image.VmManager(), path);
+  if (files::LiesOverturned(header, loaded.info.header)) TurnOver(*loaded.image);
+  auto other = std::move(loaded.image);
+  if (other->GetWidth() != image.GetWidth() || other->GetHeight() != image.GetHeight()) {
+    throw files::FileError(
+        path, fmt::format("is {} x {}, but the image is {} x {}; {} wants the same size", other->GetWidth(),
+                          other->GetHeight(), image.GetWidth(), image.GetHeight(), user));
+  }
+  return other;
+}
+
+void ReadHeader(const files::ImageInfo& info, CHeader& camera) {
+  const files::Header& header = info.header;
+  if (const auto exposure = files::ExposureOf(header)) {
+    camera.SetExposureTime(*exposure);
+    // A camera's way of telling a short exposure, where it is true.
+    const double parts = 1 / *exposure;
+    if (info.camera && parts > 2 && std::abs(parts - std::round(parts)) < 1e-3 * parts) {
+      camera.SetExposureShutterSpeed(Widen(fmt::format("1/{:.0f}", parts)));
+    }
+  }
+  if (const auto temperature = header.GetDouble("CCD-TEMP")) camera.SetCoolingTemperature(*temperature);
+  const auto detector = header.GetString("INSTRUME");
+  if (detector) camera.SetDetector(Widen(*detector));
+  if (const auto iso = header.GetDouble("ISOSPEED"); iso && *iso > 0 && *iso < 65536) {
+    camera.SetISO(static_cast<unsigned short>(*iso));
+  }
+  const auto [maker, model] = info.camera ? std::pair(info.camera->maker, info.camera->model)
+                                          : files::ListedName(detector.value_or(""));
+  camera.SetCameraMaker(Widen(maker));
+  camera.SetCameraModel(Widen(model));
+  if (info.camera && info.camera->hasGains) {
+    camera.SetWBShootingGainBayer(info.camera->gains.data());
+    camera.SetWBShootingGain(1);
+  }
+}
+
+void Calculate(CVelImage& image, Calculation operation, double value) {
+  CImgCalculation result;
+  result.Swap(&image);
+  result.Do(value, static_cast<int>(operation), 0, &result, nullptr, 0);
+  result.Swap(&image);
+}
+
+Levels::Levels(const CVelImage& image) {
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    min[p] = image.GetLevelMin(p);
+    max[p] = image.GetLevelMax(p);
+  }
+}
+
+void CommitComputed(files::ImageWriter& writer) {
+  Job::CheckComputed(writer.Path());
+  writer.Commit();
+}
+
+bool IsFits(const std::filesystem::path& path) {
+  const std::string extension = files::LowerExtension(path);
+  return extension == ".fits" || extension == ".fit" || extension == ".fts";
+}
+
+bool IsPng(const std::filesystem::path& path) {
+  return files::LowerExtension(path) == ".png";
+}
+
+ImageSaver::ImageSaver(Job& job, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
+                       const files::Header& header, const SaveOptions& options)
+    : shape_(shape), levels_(levels) {
+  const bool byLevels = IsPng(path) && !options.integers;
+  files::WriteOptions write{shape.width, shape.height, shape.planes};
+  write.header = header;
+  write.overwrite = job.options.overwrite;
+  write.type = byLevels || options.integers ? "uint16" : "float32";
+  if (options.integers) write.scale = options.scale;
+  if (byLevels) {
+    // Planes of one scale are stored by it, and can be read back; others are a picture only.
+    bringsToOne_ =
+        std::any_of(levels.min, levels.min + shape.planes, [&](double v) { return v != levels.min[0]; }) ||
+        std::any_of(levels.max, levels.max + shape.planes, [&](double v) { return v != levels.max[0]; });
+    if (!bringsToOne_) write.scale = {(levels.max[0] - levels.min[0]) / kWhite, levels.min[0]};
+  }
+  for (int p = 0; p < shape.planes; ++p) {
+    write.header.Set(LevelKey("MIN", p), levels.min[p], "raw value shown as black");
+    write.header.Set(LevelKey("MAX", p), levels.max[p], "raw value shown as white");
+  }
+  writer_ = files::ImageWriter::Create(path, write);
+}
+
+void ImageSaver::Write(int rows, const float* const* planes) {
+  const float* out[3] = {};
+  const size_t size = static_cast<size_t>(rows) * shape_.width;
+  scaled_.resize(bringsToOne_ ? size * shape_.planes : 0);
+  for (int p = 0; p < shape_.planes; ++p) {
+    out[p] = planes[p];
+    if (!bringsToOne_) continue;
+    const auto min = static_cast<float>(levels_.min[p]);
+    const auto scale = static_cast<float>(kWhite / (levels_.max[p] - levels_.min[p]));
+    float* to = scaled_.data() + p * size;
+    for (size_t i = 0; i < size; ++i) {
+      to[i] = (planes[p][i] - min) * scale;
+    }
+    out[p] = to;
+  }
+  writer_->WriteRows(next_, rows, out);
+  next_ += rows;
+}
+
+void SaveImage(Job& job, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
+               const SaveOptions& options) {
+  SaveOptions scaled = options;
+  // Levels that nobody chose make no picture: planes of their own extremes would lose their colours.
+  scaled.integers |= IsPng(path) && !image.HasOwnLevel();
+  if (scaled.integers) {
+    files::RangeOf16Bits range;
+    ForBands(job, image, true, "measuring " + path.filename().string(),
+             [&](int, int rows, float* const* planes) {
+               for (int p = 0; p < image.GetPlanes(); ++p) {
+                 range.Add(planes[p], static_cast<size_t>(rows) * image.GetWidth());
+               }
+             });
+    scaled.scale = range.Get();
+  }
+  ImageSaver saver(job, path, ShapeOf(image), Levels(image), header, scaled);
+  ForBands(job, image, true, "writing " + path.filename().string(),
+           [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
+  saver.Commit();
+}
+
+int ShrinkTo(const Shape& shape, int side) {
+  return (std::max(shape.width, shape.height) + side - 1) / side;
+}
+
+PictureSaver::PictureSaver(const Shape& shape, const Levels& levels, int shrink)
+    : shape_(shape),
+      picture_{std::max(shape.width / shrink, 1), std::max(shape.height / shrink, 1), shape.planes},
+      levels_(levels),
+      shrink_(shrink),
+      rowsOfPixel_(std::min(shrink, shape.height)),
+      sums_(static_cast<size_t>(shape.width) * shape.planes),
+      line_(static_cast<size_t>(picture_.width) * shape.planes) {}
+
+PictureSaver::PictureSaver(Job& job, const std::filesystem::path& path, const Shape& shape,
+                           const Levels& levels, int shrink, bool overturned)
+    : PictureSaver(shape, levels, shrink) {
+  overturned_ = overturned;
+  files::WriteOptions write = Format();
+  write.overwrite = job.options.overwrite;
+  writer_ = files::ImageWriter::Create(path, write);
+}
+
+PictureSaver::PictureSaver(std::string& jpeg, const Shape& shape, const Levels& levels, int shrink)
+    : PictureSaver(shape, levels, shrink) {
+  writer_ = files::CreateJpeg(jpeg, Format());
+}
+
+files::WriteOptions PictureSaver::Format() const {
+  return {.width = picture_.width, .height = picture_.height, .planes = picture_.planes, .type = "uint8"};
+}
+
+void PictureSaver::Write(int rows, const float* const* planes) {
+  const int columns = std::min(shrink_, shape_.width);
+  const float share = 1.0f / static_cast<float>(rowsOfPixel_ * columns);
+  for (int y = 0; y < rows; ++y, ++next_) {
+    const int line = next_ / rowsOfPixel_;
+    if (line >= picture_.height) continue;
+    for (int p = 0; p < shape_.planes; ++p) {
+      const float* from = planes[p] + static_cast<size_t>(y) * shape_.width;
+      float* sums = sums_.data() + static_cast<size_t>(p) * shape_.width;
+      const auto min = static_cast<float>(levels_.min[p]);
+      const auto scale = static_cast<float>(255.0 / (levels_.max[p] - levels_.min[p]));
+      for (int x = 0; x < shape_.width; ++x) {
+        const float v = (from[x] - min) * scale, shown = v > 0 ? v : 0;  // NaN is black
+        sums[x] += shown < 255 ? shown : 255;
+      }
+    }
+    if ((next_ + 1) % rowsOfPixel_ != 0) continue;
+    for (int p = 0; p < shape_.planes; ++p) {
+      const float* sums = sums_.data() + static_cast<size_t>(p) * shape_.width;
+      float* to = line_.data() + static_cast<size_t>(p) * picture_.width;
+      for (int x = 0; x < picture_.width; ++x) {
+        to[x] = share * std::accumulate(&sums[x * shrink_], &sums[x * shrink_] + columns, 0.0f);
+      }
+    }
+    if (overturned_) {
+      overturnedLines_.insert(overturnedLines_.end(), line_.begin(), line_.end());
+    } else {
+      WriteLine(line, line_.data());
+    }
+    std::fill(sums_.begin(), sums_.end(), 0.0f);
+  }
+}
+
+void PictureSaver::WriteLine(int line, const float* pixels) {
+  const float* planes[3] = {};
+  for (int p = 0; p < picture_.planes; ++p) {
+    planes[p] = pixels + static_cast<size_t>(p) * picture_.width;
+  }
+  writer_->WriteRows(line, 1, planes);
+}
+
+void PictureSaver::Commit() {
+  for (int line = 0; overturned_ && line < picture_.height; ++line) {
+    WriteLine(line, &overturnedLines_.at(line_.size() * (picture_.height - 1 - line)));
+  }
+  CommitComputed(*writer_);
+}
+
+void SavePicture(Job& job, CVelImage& image, const std::filesystem::path& path, int shrink, bool overturned) {
+  PictureSaver saver(job, path, ShapeOf(image), Levels(image), shrink, overturned);
+  FillPicture(job, image, "writing " + path.filename().string(), saver);
+}
+
+std::string JpegOf(Job& job, CVelImage& image, int shrink) {
+  std::string jpeg;
+  PictureSaver saver(jpeg, ShapeOf(image), Levels(image), shrink);
+  FillPicture(job, image, "drawing", saver);
+  return jpeg;
+}
+
+}  // namespace korimg::session

@@ -1,0 +1,137 @@
+// Between files and the library's images, by bands of rows: a whole image is never held beside its store.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "korimg/image/CVelImage.h"
+
+#include "session/files/ImageFile.h"
+#include "session/job/Job.h"
+
+namespace korimg::session {
+
+/// Bytes of an image in a store.
+long long BytesOf(const files::ImageInfo& info);
+
+/// Rows of a band of about 4 MiB.
+int BandRows(int width, int planes, int height);
+
+/// An image with what its file said.
+struct LoadedImage {
+  std::unique_ptr<CVelImage> image;
+  files::ImageInfo info;
+};
+
+/// Reads a file into a store. Levels come from the keywords KORLMIN1..3 and KORLMAX1..3, else from what a
+/// camera raw file says, else from the type of integers, else from the extremes of the pixels.
+LoadedImage LoadImage(Job& job, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
+                      const files::ReadOptions& options = {});
+
+/// Gives the pixels of a file the levels that LoadImage does; `lessBlack` as they were read.
+void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack);
+
+/// Turns an image over, upside down.
+void TurnOver(CVelImage& image);
+
+/// The image of a file, in the same store as another, of the same size and lying as it does. `user` is what
+/// wants it. Throws FileError with both sizes.
+std::unique_ptr<CVelImage> LoadSameSize(Job& job, const CVelImage& image, const files::Header& header,
+                                        const std::filesystem::path& path, const std::string& user);
+
+/// What a file says of camera and exposure.
+void ReadHeader(const files::ImageInfo& info, CHeader& camera);
+
+enum class Calculation : int { Add = 0, Subtract = 1, Multiply = 2, Divide = 3 };
+
+/// Calculates with all pixels of an image, in place.
+void Calculate(CVelImage& image, Calculation operation, double value);
+
+struct SaveOptions {
+  bool integers = false;  ///< 16-bit values in place of floats, for FITS and TIFF
+  /// On which those stand; SaveImage finds it by the image's own range.
+  files::Scale scale = {};
+};
+
+/// What an image's pixels mean on a picture, by plane.
+struct Levels {
+  double min[3] = {}, max[3] = {};
+
+  Levels() = default;
+  explicit Levels(const CVelImage& image);
+};
+
+/// Size of a picture or image to be written.
+struct Shape {
+  int width = 0, height = 0, planes = 1;
+};
+
+/// Gives a file its final name. Throws FileError when a pipeline has failed.
+void CommitComputed(files::ImageWriter& writer);
+
+bool IsFits(const std::filesystem::path& path);
+
+/// PNG has 16 bits, whatever is asked for.
+bool IsPng(const std::filesystem::path& path);
+
+/// An image being written with a header, its levels as keywords. PNG holds 16-bit values from black to white
+/// by the levels, unless integers are asked for; FITS and TIFF hold raw values. What 16 bits stand for is
+/// written into the file.
+class ImageSaver {
+ public:
+  ImageSaver(Job& job, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
+             const files::Header& header, const SaveOptions& options = {});
+  /// Writes the next rows; planes[p] holds rows x width floats.
+  void Write(int rows, const float* const* planes);
+  void Commit() { CommitComputed(*writer_); }
+
+ private:
+  Shape shape_;
+  Levels levels_;
+  bool bringsToOne_ = false;  ///< each plane from its own levels to 0 to 65535
+  int next_ = 0;
+  std::vector<float> scaled_;
+  std::unique_ptr<files::ImageWriter> writer_;
+};
+
+/// An 8-bit picture being written by levels, made smaller by a whole number of pixels: each of its pixels is
+/// the mean of what the levels show, so that a bright star stays a point. An overturned one has its last row
+/// at the top, and is held in memory until it is complete.
+class PictureSaver {
+ public:
+  PictureSaver(Job& job, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
+               int shrink, bool overturned = false);
+  /// The same as a JPEG in memory, which must outlive this object.
+  PictureSaver(std::string& jpeg, const Shape& shape, const Levels& levels, int shrink);
+  /// Takes the next rows; planes[p] holds rows x width floats.
+  void Write(int rows, const float* const* planes);
+  void Commit();
+
+ private:
+  PictureSaver(const Shape& shape, const Levels& levels, int shrink);
+  void WriteLine(int line, const float* pixels);
+  files::WriteOptions Format() const;
+
+  Shape shape_, picture_;
+  Levels levels_;
+  int shrink_, rowsOfPixel_;
+  int next_ = 0;
+  bool overturned_ = false;
+  std::vector<float> sums_, line_, overturnedLines_;
+  std::unique_ptr<files::ImageWriter> writer_;
+};
+
+/// PNG holds the image's own range where nobody chose its levels.
+void SaveImage(Job& job, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
+               const SaveOptions& options = {});
+void SavePicture(Job& job, CVelImage& image, const std::filesystem::path& path, int shrink,
+                 bool overturned = false);
+/// A JPEG of an image by its levels, in memory.
+std::string JpegOf(Job& job, CVelImage& image, int shrink);
+
+/// The whole number that brings a picture to at most `side` pixels.
+int ShrinkTo(const Shape& shape, int side);
+
+}  // namespace korimg::session

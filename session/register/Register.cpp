@@ -1,0 +1,283 @@
+#include "session/register/Register.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+#include <optional>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "korimg/image/internal/Numbers.h"
+
+namespace korimg::session {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+/// What few stars leave open.
+std::string Doubt(const CStarMatch& match) {
+  constexpr double kSure = 1;  // pixels
+  std::string text = match.stars == 2 ? "by two stars alone, so that a half turn or another pair of stars is "
+                                        "not excluded; "
+                                      : "";
+  if (text.empty() && match.cornerError <= kSure) return "";
+  return text + fmt::format("corners may be off by {:.1f} px", match.cornerError);
+}
+
+/// Why a frame does not lie on the reference, by the stars of both.
+std::string Refusal(const CStarMatch& match, size_t stars, size_t reference, double limit) {
+  switch (match.status) {
+    case CStarMatch::NoStars:
+      return fmt::format("{} of them, the reference {}; two of each are needed", stars, reference);
+    case CStarMatch::ResidualTooLarge: {
+      constexpr double kSame = 0.002;
+      return fmt::format("{:.3f} px of {} stars, more than {:g}{}", match.residual, match.stars, limit,
+                         std::abs(match.scale - 1) > kSame
+                             ? fmt::format("; the reference is {:.4f} times as large", match.scale)
+                             : "");
+    }
+    case CStarMatch::Mirrored:
+      return fmt::format("its {} stars are the reference's turned over; flip it", stars);
+    default:
+      return fmt::format("{} stars, the reference {}: they share no pattern that chance would not make",
+                         stars, reference);
+  }
+}
+
+Registration FromMatch(const CStarMatch& match, const FrameMeasure& frame, const char* method) {
+  const char* const names[] = {"ok", "no stars", "no match", "mirrored", "residual too large"};
+  return {{},         match.dx, match.dy,           match.degrees, match.stars, match.residual,
+          frame.fwhm, method,   names[match.status]};
+}
+
+Registration FromStars(const CStarMatch& match, const FrameMeasure& frame, size_t reference, double limit) {
+  Registration registration = FromMatch(match, frame, "stars");
+  registration.note =
+      match.status == CStarMatch::Ok ? Doubt(match) : Refusal(match, frame.stars.size(), reference, limit);
+  return registration;
+}
+
+/// A frame that lies on another one, which lies on the reference, on that.
+Registration Joined(const Registration& first, const FrameMeasure& frame, const Registration& second,
+                    const FrameMeasure& between) {
+  Registration joined = first;
+  const double x = frame.width * 0.5, y = frame.height * 0.5;  // the frame's middle
+  const auto [toX, toY] = PlaceOf(second, between, x + first.dx, y + first.dy);
+  joined.dx = toX - x;
+  joined.dy = toY - y;
+  joined.degrees = std::remainder(first.degrees + second.degrees, 360);
+  joined.residual = std::hypot(first.residual, second.residual);
+  if (joined.note.empty()) joined.note = second.note;
+  return joined;
+}
+
+using FrameImage = std::function<std::shared_ptr<CVelImage>(size_t)>;
+
+Registration RegisterOn(size_t reference, size_t frame, const std::vector<FrameMeasure>& frames,
+                        const FrameImage& image) {
+  return Registrar(frames[reference], [&] { return image(reference); }).Register(frames[frame], [&] {
+    return image(frame);
+  });
+}
+
+/// Frame i lies on the reference as on frame k.
+void LayThrough(const Registration& between, size_t i, size_t k, const std::vector<FrameMeasure>& frames,
+                std::vector<Registration>& registrations) {
+  const std::string file = registrations[i].file;
+  registrations[i] = Joined(between, frames[i], registrations[k], frames[k]);
+  registrations[i].file = file;
+}
+
+bool IsTurnedOver(const Registration& registration) {
+  return std::abs(std::remainder(registration.degrees, 360)) > 90;
+}
+
+/// True when one was found to be wrong.
+bool CheckHalfTurns(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,
+                    const FrameImage& image) {
+  const auto good = [&](size_t i, int step) -> std::optional<size_t> {
+    for (i += step; i < frames.size(); i += step) {  // beyond the first one lies the largest number
+      if (registrations[i].IsGood()) return i;
+    }
+    return std::nullopt;
+  };
+  bool any = false;
+  for (size_t i = 0; i < frames.size(); ++i) {
+    const Registration& r = registrations[i];
+    const bool byLight = r.method == "phase" || r.method == "disc";
+    if (!r.IsGood() || !byLight || !IsTurnedOver(r)) continue;
+    const auto before = good(i, -1), after = good(i, 1);
+    const auto agrees = [&](const std::optional<size_t>& k) { return k && IsTurnedOver(registrations[*k]); };
+    if (agrees(before) || agrees(after) || !(before || after)) continue;
+    const size_t k = !before || (after && *after - i < i - *before) ? *after : *before;
+    const Registration between = RegisterOn(k, i, frames, image);
+    if (between.IsGood() && IsTurnedOver(between)) continue;
+    any = true;
+    if (between.IsGood()) {
+      LayThrough(between, i, k, frames, registrations);
+    } else {
+      registrations[i].status = "no match";
+      registrations[i].note =
+          "its light is laid on the reference's by half a turn, but not on that of the frame beside it";
+    }
+  }
+  return any;
+}
+
+}  // namespace
+
+FrameMeasure MeasureFrame(CVelImage& image, double sigmas) {
+  CStarFinder finder(&image);
+  finder.SetThreshold(sigmas);
+  const int count = finder.Find();
+  return {image.GetWidth(),
+          image.GetHeight(),
+          finder.GetSky(),
+          finder.GetNoise(),
+          finder.GetFwhm(),
+          finder.GetElongation(),
+          count,
+          CStarMatcher::Select(finder.GetStars()),
+          {}};
+}
+
+std::pair<double, double> PlaceOf(const Registration& r, const FrameMeasure& frame, double x, double y) {
+  const double a = r.degrees * std::numbers::pi / 180, c = std::cos(a), s = std::sin(a);
+  const double cx = frame.width * 0.5, cy = frame.height * 0.5, u = x - cx, v = y - cy;
+  return {c * u - s * v + cx + r.dx, s * u + c * v + cy + r.dy};
+}
+
+size_t ChooseReference(const std::vector<FrameMeasure>& frames) {
+  int most = 0;
+  for (const FrameMeasure& frame : frames) {
+    most = std::max(most, frame.starCount);
+  }
+  const auto isRich = [&](const FrameMeasure& frame) {
+    return frame.starCount > 0 && 2LL * frame.starCount >= most;
+  };
+  size_t best = 0;
+  for (size_t i = 1; i < frames.size(); ++i) {
+    if (isRich(frames[i]) && (!isRich(frames[best]) || frames[i].fwhm < frames[best].fwhm)) best = i;
+  }
+  return best;
+}
+
+Registration ReferenceRegistration(const FrameMeasure& reference) {
+  Registration registration;
+  registration.stars = static_cast<int>(reference.stars.size());
+  registration.fwhm = reference.fwhm;
+  registration.method = "reference";
+  registration.status = "ok";
+  return registration;
+}
+
+Registrar::Registrar(const FrameMeasure& reference, ImageSource image, double residual)
+    : stars_(reference.stars),
+      starCount_(reference.stars.size()),
+      residual_(residual),
+      loadReference_(std::move(image)) {
+  stars_.SetResidualLimit(residual);
+}
+
+Registration Registrar::Register(const FrameMeasure& frame, const ImageSource& image) {
+  const CStarMatch match = stars_.Match(frame.stars, frame.width, frame.height);
+  const bool isSure = match.status != CStarMatch::NoStars && match.status != CStarMatch::NoMatch &&
+                      !(match.status == CStarMatch::Ok && match.stars == 2);
+  if (!isSure) {
+    Registration byLight = RegisterByLight(frame, image);
+    if (byLight.IsGood()) return byLight;
+  }
+  return FromStars(match, frame, starCount_, residual_);
+}
+
+Registration Registrar::RegisterByLight(const FrameMeasure& frame, const ImageSource& image) {
+  const std::lock_guard lock(mutex_);
+  if (!phase_) {
+    reference_ = loadReference_();
+    disc_ = std::make_unique<CDiscMatcher>(*reference_);
+    phase_ = std::make_unique<CPhaseMatcher>(reference_.get());
+  }
+  const auto own = image();
+  const CStarMatch disc = disc_->Match(*own);
+  if (disc.status != CStarMatch::Ok) return FromMatch(phase_->Match(*own), frame, "phase");
+  Registration registration = FromMatch(disc, frame, "disc");
+  registration.note = "by the middle of its disc; turns other than half ones are not looked for";
+  return registration;
+}
+
+std::string ToJson(const Registration& registration) {
+  const Json json{{"file", registration.file},
+                  {"dx", registration.dx},
+                  {"dy", registration.dy},
+                  {"degrees", registration.degrees},
+                  {"stars", registration.stars},
+                  {"residual_px", registration.residual},
+                  {"fwhm", registration.fwhm},
+                  {"flux_ratio", registration.fluxRatio ? Json(*registration.fluxRatio) : Json()},
+                  {"method", registration.method},
+                  {"status", registration.status},
+                  {"note", registration.note}};
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+void CompareFluxes(const std::vector<FrameMeasure>& frames, const FrameMeasure& reference,
+                   std::vector<Registration>& registrations) {
+  constexpr double kNear = 1.5, kSnr = 20;  // pixels
+  constexpr size_t kLeast = 5;
+  const auto isGood = [](const CStar& star) { return star.flags == 0 && star.snr > kSnr; };
+  for (size_t i = 0; i < frames.size(); ++i) {
+    if (!registrations[i].IsGood()) continue;
+    std::vector<double> ratios;
+    for (const CStar& star : frames[i].stars) {
+      if (!isGood(star)) continue;
+      const auto [x, y] = PlaceOf(registrations[i], frames[i], star.x, star.y);
+      for (const CStar& other : reference.stars) {
+        if (isGood(other) && std::hypot(other.x - x, other.y - y) < kNear) {
+          ratios.push_back(star.flux / other.flux);
+          break;
+        }
+      }
+    }
+    if (ratios.size() >= kLeast) registrations[i].fluxRatio = UpperMedian(ratios);
+  }
+}
+
+bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,
+                           const std::function<std::shared_ptr<CVelImage>(size_t)>& image) {
+  constexpr size_t kMostTried = 5;
+  bool any = CheckHalfTurns(frames, registrations, image);
+  const auto wants = [&](size_t i) {
+    return registrations[i].status == "no match" && frames[i].stars.size() >= 2;
+  };
+  for (bool found = true; found;) {
+    found = false;
+    for (size_t i = 0; i < frames.size(); ++i) {
+      if (!wants(i)) continue;
+      std::vector<size_t> others;
+      for (size_t k = 0; k < frames.size(); ++k) {
+        if (registrations[k].IsGood() && registrations[k].method != "reference") others.push_back(k);
+      }
+      const auto distance = [i](size_t k) { return k > i ? k - i : i - k; };
+      std::stable_sort(others.begin(), others.end(),
+                       [&](size_t a, size_t b) { return distance(a) < distance(b); });
+      others.resize(std::min(others.size(), kMostTried));
+      for (const size_t k : others) {
+        const bool isNearest = k == others.front();
+        const Registration between =
+            isNearest
+                ? RegisterOn(k, i, frames, image)
+                : FromStars(
+                      CStarMatcher(frames[k].stars).Match(frames[i].stars, frames[i].width, frames[i].height),
+                      frames[i], frames[k].stars.size(), 1);
+        if (!between.IsGood()) continue;
+        LayThrough(between, i, k, frames, registrations);
+        found = any = true;
+        break;
+      }
+    }
+  }
+  return any;
+}
+
+}  // namespace korimg::session

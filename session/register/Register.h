@@ -1,0 +1,106 @@
+// How frames lie on a reference: first by their stars, then by phase correlation. Nothing here reads files.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "korimg/measurement/CDiscMatcher.h"
+#include "korimg/measurement/CPhaseMatcher.h"
+#include "korimg/measurement/CStarMatcher.h"
+
+namespace korimg::session {
+
+/// What is kept of a frame once its pixels are gone.
+struct FrameMeasure {
+  int width = 0, height = 0;
+  double sky = 0, noise = 0;        ///< level and deviation, raw
+  double fwhm = 0, elongation = 0;  ///< of the usual star
+  int starCount = 0;                ///< found
+  std::vector<CStar> stars;         ///< those that frames are matched by: 2000 at most
+  std::string noData;               ///< for people: what of its edges was left out
+};
+
+/// Finds and measures the stars of an image, `sigmas` above the sky.
+FrameMeasure MeasureFrame(CVelImage& image, double sigmas = 5);
+
+/// The frame that others are best laid on: of those with half as many stars as the richest one, or more, that
+/// of the smallest FWHM; the first when no frame has any star. There must be a frame.
+size_t ChooseReference(const std::vector<FrameMeasure>& frames);
+
+/// How a frame comes to lie on the reference, in the terms of CImgComposit::Do: shifts in pixels and degrees
+/// about the middle, clockwise on the screen.
+struct Registration {
+  std::string file;  ///< as the user named it
+  double dx = 0, dy = 0, degrees = 0;
+  int stars = 0;        ///< that the fit is made of
+  double residual = 0;  ///< pixels, root mean square
+  double fwhm = 0;      ///< pixels, of the frame's stars
+  std::string method;   ///< "reference", "stars", "disc", "phase"
+  std::string status;   ///< "ok", "no stars", "no match", "mirrored", "residual too large"
+  std::string note;     ///< numbers and limits: of what is not ok why, else what few stars leave open
+  /// Of its stars' light to that of the same ones on the reference; none when too few are the same.
+  std::optional<double> fluxRatio = {};
+
+  bool IsGood() const { return status == "ok"; }
+  /// Status and note.
+  std::string Text() const { return note.empty() ? status : status + ": " + note; }
+};
+
+/// Where a position of a frame comes to lie on the reference.
+std::pair<double, double> PlaceOf(const Registration& registration, const FrameMeasure& frame, double x,
+                                  double y);
+
+/// The registration of the reference itself.
+Registration ReferenceRegistration(const FrameMeasure& reference);
+
+/// Gives an image again whose pixels were let go, and keeps what it needs to live.
+using ImageSource = std::function<std::shared_ptr<CVelImage>()>;
+
+/// Lays frames on a reference. Any number of threads may call it at once.
+class Registrar {
+ public:
+  /// The image of the reference is only asked for by the first frame whose stars do not match: discs are laid
+  /// on each other by their middles, and everything else by phase correlation. Stars may be
+  /// off by `residual` pixels.
+  Registrar(const FrameMeasure& reference, ImageSource image, double residual = 1);
+
+  /// A frame that no method can lay on the reference has the status of its stars. Throws what the sources of
+  /// images throw.
+  Registration Register(const FrameMeasure& frame, const ImageSource& image);
+
+ private:
+  Registration RegisterByLight(const FrameMeasure& frame, const ImageSource& image);
+
+  CStarMatcher stars_;
+  size_t starCount_;  ///< of the reference
+  double residual_;
+  ImageSource loadReference_;
+  std::mutex mutex_;  ///< one frame at a time by its light: phase correlation holds a few images
+  std::shared_ptr<CVelImage> reference_;
+  std::unique_ptr<CDiscMatcher> disc_;
+  std::unique_ptr<CPhaseMatcher> phase_;
+};
+
+/// Lays frames that do not match the reference on frames that lie on it: those nearest in the order of
+/// frames, five at most by their stars, and the nearest one by its light too. A frame that its light turns
+/// over between others that are not turned is compared with the nearest of these, which has to bear it out.
+/// `image` gives the image of a frame again. One registration for each frame; false when none was found.
+bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,
+                           const std::function<std::shared_ptr<CVelImage>(size_t)>& image);
+
+/// Fills in how much brighter the stars of registered frames are than the same ones of the reference: by
+/// transparency, exposure and gain. Stars that are saturated, blended, at an edge or faint do not count.
+void CompareFluxes(const std::vector<FrameMeasure>& frames, const FrameMeasure& reference,
+                   std::vector<Registration>& registrations);
+
+/// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, fwhm, flux_ratio, method, status,
+/// note.
+std::string ToJson(const Registration& registration);
+
+}  // namespace korimg::session

@@ -1,0 +1,638 @@
+#include "session/run/Run.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <exception>
+#include <map>
+#include <set>
+
+#include <fmt/format.h>
+
+#include "korimg/image/internal/Lines.h"
+#include "korimg/image/internal/Numbers.h"
+#include "korimg/pipelines/runtime/Runtime.h"
+
+#include "session/calibrate/Session.h"
+#include "session/files/ConstantBorder.h"
+#include "session/files/Geometry.h"
+#include "session/files/Times.h"
+#include "session/job/SideBySide.h"
+#include "session/picture/AutoPicture.h"
+#include "session/register/Register.h"
+#include "session/run/Report.h"
+#include "session/stack/StackHeader.h"
+
+namespace korimg::session {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+constexpr int kThumbnailSide = 300, kPictureSide = 1400;  // pixels
+
+/// A light on its way.
+struct Progress {
+  const Light* light = nullptr;
+  std::string error = "cannot be read";  ///< it could not be done at all
+  Shape shape;
+  double clipped = 0;
+  std::uint64_t digest = 0;                             ///< of its pixels
+  std::shared_ptr<const files::ConstantBorder> border;  ///< of its file
+  FrameMeasure measure;
+  FrameLevels levels;
+  std::string thumbnail;
+  Registration registration;
+  std::string reason;  ///< why it is left out
+  double weight = 0;
+  CImgStack::Counts counts;
+
+  bool IsMeasured() const { return error.empty(); }
+  bool IsUsed() const { return error.empty() && reason.empty(); }
+};
+
+/// Lights that make one image.
+struct Target {
+  std::string filter;
+  std::string name;  ///< of its files
+  std::vector<Progress*> frames = {};
+};
+
+/// Share of the values that were rejected.
+double Rejected(const CImgStack::Counts& c) {
+  return c.values > 0 ? static_cast<double>(c.low + c.high) / static_cast<double>(c.values) : 0;
+}
+
+/// A filter's name as it may stand in the name of a file.
+std::string FileWord(const std::string& text) {
+  std::string word;
+  for (const char c : text) {
+    const bool plain = std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '+';
+    word += plain ? c : '_';
+  }
+  return word.empty() ? "none" : word;
+}
+
+/// A number that images of other pixels hardly share (FNV-1a, by lines).
+std::uint64_t DigestOf(CVelImage& image) {
+  constexpr std::uint64_t kStart = 14695981039346656037ULL, kFactor = 1099511628211ULL;
+  std::uint64_t digest = kStart;
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    for (const std::uint64_t line : MapLines(0, image.GetHeight(), [&](int y) {
+           const float* row = image.GetLine(0, y, p);
+           std::uint64_t sum = kStart;
+           for (int x = 0; x < image.GetWidth(); ++x) {
+             sum = (sum ^ std::bit_cast<std::uint32_t>(row[x])) * kFactor;
+           }
+           return sum;
+         })) {
+      digest = (digest ^ line) * kFactor;
+    }
+  }
+  return digest;
+}
+
+/// All of a light, calibrated and developed.
+std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmManager>& store) {
+  const Shape shape = rows.Size();
+  // The image does not keep its store alive.
+  auto image = std::shared_ptr<CVelImage>(
+      new CVelImage(store, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr),
+      [store](CVelImage* p) { delete p; });
+  float* planes[3] = {};
+  for (int p = 0; p < shape.planes; ++p) {
+    planes[p] = image->GetWritableLine(0, 0, p);
+  }
+  rows.Read(0, shape.height, planes);
+  return image;
+}
+
+/// Takes what a run has written away when it ends by an exception: a repeat must not find outputs in its way.
+class Unfinished {
+ public:
+  Unfinished(const Job& job, std::vector<fs::path> outputs, const CalibrateOptions& options)
+      : outputs_(job.options.overwrite ? std::vector<fs::path>() : std::move(outputs)),
+        folders_{options.masters, options.out} {}
+  ~Unfinished() {
+    if (std::uncaught_exceptions() == exceptions_) return;
+    std::error_code ignored;
+    for (const fs::path& output : outputs_) {
+      fs::remove(output, ignored);
+    }
+    for (const fs::path& folder : folders_) {
+      if (!outputs_.empty() && fs::is_empty(folder, ignored)) fs::remove(folder, ignored);
+    }
+  }
+  Unfinished(const Unfinished&) = delete;
+  Unfinished& operator=(const Unfinished&) = delete;
+
+ private:
+  int exceptions_ = std::uncaught_exceptions();
+  std::vector<fs::path> outputs_, folders_;
+};
+
+class Road {
+ public:
+  Road(Job& job, const RunOptions& options) : job_(job), options_(options), session_(job, options.calibrate) {
+    for (const Light& light : session_.Lights()) {
+      frames_.push_back({&light});
+    }
+    // In the order of time, which is that of names where nothing else is known.
+    std::stable_sort(frames_.begin(), frames_.end(), [](const Progress& a, const Progress& b) {
+      const auto start = [](const Progress& f) { return files::StartOf(f.light->frame.info.header); };
+      return start(a) < start(b);
+    });
+    std::map<std::string, Target> byFilter;
+    for (Progress& frame : frames_) {
+      const std::string filter = FilterOf(frame.light->frame.info.header);
+      Target& target = byFilter[FoldedName(filter)];
+      if (target.frames.empty()) target.filter = filter;
+      target.frames.push_back(&frame);
+    }
+    std::set<std::string> names;
+    for (auto& [filter, target] : byFilter) {
+      const std::string name = byFilter.size() == 1 ? "stack" : "stack_" + FileWord(target.filter);
+      target.name = name;
+      for (int n = 2; !names.insert(target.name).second; ++n) {
+        target.name = fmt::format("{}_{}", name, n);
+      }
+      targets_.push_back(std::move(target));
+    }
+  }
+
+  /// Tells of the work; throws FileError when there is none.
+  void Show() {
+    session_.Show();
+    for (const Target& target : targets_) {
+      Plan(fmt::format("{}: {} light{}{}", target.name, target.frames.size(),
+                       target.frames.size() == 1 ? "" : "s",
+                       target.filter.empty() ? "" : ", filter " + target.filter));
+    }
+    if (frames_.empty()) {
+      throw files::FileError(options_.calibrate.lights.front().parent_path(), "no light can be used");
+    }
+  }
+
+  /// The plan of each light, for programs.
+  void TellPlan() const {
+    for (const Progress& frame : frames_) {
+      job_.Tell(Dump(frame.light->Description()), "");
+    }
+  }
+
+  RunResult Do() {
+    std::vector<fs::path> outputs = {Path("report.html")};
+    for (const Target& target : targets_) {
+      for (const char* extension : {".fits", "_float.tif", "_16bit.tif", ".png"}) {
+        outputs.push_back(Path(target.name + extension));
+      }
+    }
+    const Unfinished unfinished(job_, session_.CheckOutputs(outputs), options_.calibrate);
+    session_.Prepare();
+    fs::create_directories(options_.calibrate.out);
+    MeasureFrames();
+    LeaveOutCopies();
+    RegisterFrames();
+    for (Target& target : targets_) {
+      LeaveOutBad(target);
+    }
+    for (Target& target : targets_) {
+      StackFrames(target);
+    }
+    RunResult result{Frames(), stacks_, Path("report.html")};
+    TellFrames(result.frames);
+    WriteReport();
+    CheckShares();
+    return result;
+  }
+
+ private:
+  fs::path Path(const std::string& name) const { return options_.calibrate.out / name; }
+
+  void Plan(const std::string& line) {
+    report_.plan.push_back(line);
+    job_.Say(line);
+  }
+
+  void LeaveOut(Progress& frame, const std::string& reason) {
+    frame.reason = reason;
+    job_.Warn(fmt::format("{}: left out: {}", frame.light->Name(), reason));
+  }
+
+  /// What a light takes once it is developed, and while its stars are found.
+  long long BytesOfFrame() const {
+    const Light& light = *frames_.front().light;
+    return 2 * BytesOf(light.frame.info) * (light.mosaic.cfa > 0 ? 3 : 1);
+  }
+
+  void MeasureFrames() {
+    SideBySide(
+        job_, "measuring frame", frames_.size(), BytesOfFrame(),
+        [&](size_t i) {
+          Progress frame{frames_[i].light, ""};
+          LightRows rows(session_, *frame.light);
+          const auto image = LoadWhole(rows, job_.MakeStore());
+          frame.shape = rows.Size();
+          frame.clipped = rows.Clipped();
+          frame.digest = DigestOf(*image);
+          frame.border = rows.Border();
+          frame.measure = MeasureFrame(*image);
+          frame.levels = MeasureLevels(*image);
+          LevelForPreview(*image, kThumbnailSide);
+          frame.thumbnail = JpegOf(job_, *image, ShrinkTo(frame.shape, kThumbnailSide));
+          return frame;
+        },
+        [&](size_t i, const auto& result) {
+          job_.ForEachFile(
+              {frames_[i].light->frame.path}, [&](const fs::path&) { frames_[i] = result(); }, true);
+        });
+    for (const Progress& frame : frames_) {
+      if (frame.border && !frame.border->IsEmpty()) {
+        Plan(fmt::format("{}: {}", frame.light->Name(), frame.border->Text()));
+      }
+    }
+  }
+
+  /// Frames with the same pixels count once.
+  void LeaveOutCopies() {
+    std::map<std::uint64_t, const Progress*> first;
+    for (Progress& frame : frames_) {
+      if (!frame.IsMeasured() || !(frame.levels.noise[0] > 0)) continue;
+      const auto [same, isNew] = first.emplace(frame.digest, &frame);
+      if (!isNew) LeaveOut(frame, "is a copy of " + same->second->light->Name());
+    }
+  }
+
+  /// A result that holds less than half of its lights is no success.
+  void CheckShares() {
+    const size_t lights = frames_.size() + session_.Failed().size();
+    const auto used = static_cast<size_t>(
+        std::count_if(frames_.begin(), frames_.end(), [](const Progress& frame) { return frame.IsUsed(); }));
+    const auto tell = [&](const std::string& name, size_t part, size_t all) {
+      if (2 * part >= all) return;
+      job_.Fail(
+          fmt::format("{}: holds {} of {} lights, less than half; the report says why", name, part, all));
+    };
+    std::map<std::string, size_t> failed;  // by filter
+    for (const Session::FailedLight& light : session_.Failed()) {
+      if (light.filter) ++failed[FoldedName(*light.filter)];
+    }
+    for (const Target& target : targets_) {
+      const auto own = failed.extract(FoldedName(target.filter));
+      const auto stacked = std::count_if(target.frames.begin(), target.frames.end(),
+                                         [](const Progress* frame) { return frame->IsUsed(); });
+      if (targets_.size() > 1 && stacked > 0) {
+        tell(target.name, static_cast<size_t>(stacked), target.frames.size() + (own ? own.mapped() : 0));
+      }
+    }
+    for (const auto& [filter, count] : failed) {
+      job_.Fail(fmt::format("none of the {} light{} of filter {} could be used: there is no stack of them",
+                            count, count == 1 ? "" : "s", filter.empty() ? "none" : filter));
+    }
+    tell(targets_.size() == 1 ? targets_[0].name : "the session", used, lights);
+  }
+
+  void RegisterFrames() {
+    std::vector<FrameMeasure> measures;
+    std::vector<size_t> numbers;
+    for (size_t i = 0; i < frames_.size(); ++i) {
+      if (!frames_[i].IsUsed()) continue;
+      measures.push_back(frames_[i].measure);
+      numbers.push_back(i);
+    }
+    if (measures.empty()) throw files::FileError(options_.calibrate.out, "no light could be read");
+    reference_ = numbers[ChooseReference(measures)];
+    const auto image = [this](const Progress& frame) {
+      return [this, &frame] {
+        LightRows rows(session_, *frame.light, frame.border);
+        return LoadWhole(rows, job_.MakeStore());
+      };
+    };
+    Progress& reference = frames_[reference_];
+    Registrar registrar(reference.measure, image(reference));
+    std::vector<Registration> registrations(numbers.size());
+    SideBySide(
+        job_, "registering frame", numbers.size(), BytesOfFrame(),
+        [&](size_t k) {
+          if (numbers[k] == reference_) return ReferenceRegistration(reference.measure);
+          return registrar.Register(measures[k], image(frames_[numbers[k]]));
+        },
+        [&](size_t k, const auto& result) {
+          job_.ForEachFile(
+              {frames_[numbers[k]].light->frame.path}, [&](const fs::path&) { registrations[k] = result(); },
+              true);
+        });
+    RegisterThroughOthers(measures, registrations, [&](size_t k) { return image(frames_[numbers[k]])(); });
+    CompareFluxes(measures, reference.measure, registrations);
+    for (size_t k = 0; k < numbers.size(); ++k) {
+      Progress& frame = frames_[numbers[k]];
+      frame.registration = registrations[k];
+      // Frames are brought to the reference by their sky and by the light of their stars.
+      std::fill(std::begin(frame.levels.spread), std::end(frame.levels.spread),
+                frame.registration.fluxRatio.value_or(1));
+    }
+    Plan(fmt::format("reference: {}, {} stars, FWHM {:.2f} px", reference.light->Name(),
+                     reference.measure.starCount, reference.measure.fwhm));
+  }
+
+  /// Leaves out what cannot be stacked, and what is much worse than the others. A few stars tell nothing of
+  /// that.
+  void LeaveOutBad(Target& target) {
+    constexpr int kEnough = 20;
+    std::vector<double> stars, fwhms, elongations;
+    for (const Progress* frame : target.frames) {
+      if (!frame->IsUsed()) continue;
+      stars.push_back(frame->measure.starCount);
+      if (frame->measure.starCount < kEnough) continue;
+      fwhms.push_back(frame->measure.fwhm);
+      elongations.push_back(frame->measure.elongation);
+    }
+    const FrameLimits& limits = options_.limits;
+    const double usual = UpperMedian(stars), fewest = usual < kEnough ? 0 : limits.stars * usual,
+                 widest = limits.fwhm * UpperMedian(fwhms),
+                 longest = limits.elongation * UpperMedian(elongations);
+    std::string text = target.name + ": what could not be registered";
+    if (fewest > 0)
+      text += fmt::format("; fewer than {:.0f} stars ({:g} of the median)", fewest, limits.stars);
+    if (widest > 0)
+      text += fmt::format("; FWHM above {:.2f} px ({:g} times the median)", widest, limits.fwhm);
+    if (longest > 0)
+      text += fmt::format("; elongation above {:.2f} ({:g} times the median)", longest, limits.elongation);
+    Plan(text + "; are left out");
+    const Shape& shape = frames_[reference_].shape;
+    for (Progress* frame : target.frames) {
+      if (!frame->IsUsed()) continue;
+      const FrameMeasure& m = frame->measure;
+      const bool tells = m.starCount >= kEnough;
+      const Shape& own = frame->shape;
+      if (own.width != shape.width || own.height != shape.height || own.planes != shape.planes) {
+        LeaveOut(*frame, fmt::format("is {} x {} x {}, the reference {} x {} x {}", own.width, own.height,
+                                     own.planes, shape.width, shape.height, shape.planes));
+      } else if (m.starCount < fewest) {
+        LeaveOut(*frame, fmt::format("{} stars, fewer than {:.0f}", m.starCount, fewest));
+      } else if (tells && widest > 0 && m.fwhm > widest) {
+        LeaveOut(*frame, fmt::format("FWHM {:.2f} px, above {:.2f}", m.fwhm, widest));
+      } else if (tells && longest > 0 && m.elongation > longest) {
+        LeaveOut(*frame, fmt::format("elongation {:.2f}, above {:.2f}", m.elongation, longest));
+      } else if (!frame->registration.IsGood()) {
+        LeaveOut(*frame, "not registered: " + frame->registration.Text());
+      }
+    }
+  }
+
+  std::vector<StackInput> Inputs(const std::vector<Progress*>& used) const {
+    std::vector<StackInput> inputs;
+    for (const Progress* frame : used) {
+      StackInput input{frame->light->Name(), frame->shape};
+      input.dx = frame->registration.dx;
+      input.dy = frame->registration.dy;
+      input.degrees = frame->registration.degrees;
+      input.levels = frame->levels;
+      input.read = [this, frame](int y0, int rows, float* const* planes) {
+        LightRows(session_, *frame->light, frame->border).Read(y0, rows, planes);
+      };
+      inputs.push_back(std::move(input));
+    }
+    return inputs;
+  }
+
+  void StackFrames(Target& target) {
+    std::vector<Progress*> used;
+    size_t reference = 0;
+    for (Progress* frame : target.frames) {
+      if (!frame->IsUsed()) continue;
+      if (frame == &frames_[reference_]) reference = used.size();
+      used.push_back(frame);
+    }
+    if (used.empty()) {
+      job_.Fail(fmt::format("{}: no frame is left to stack", target.name));
+      return;
+    }
+    std::vector<StackInput> inputs = Inputs(used);
+    StackOptions options = options_.stack.Options();
+    options.memory = DefaultStackMemory(job_);
+    std::vector<double> fwhms;
+    for (const Progress* frame : used) {
+      fwhms.push_back(frame->measure.fwhm);
+    }
+    CheckScales(inputs, static_cast<int>(reference));
+    options_.stack.Weigh(inputs, fwhms, static_cast<int>(reference));
+    const Shape shape = frames_[reference_].shape;
+    Plan(fmt::format("{}: {} of {} frames, {}", target.name, used.size(), target.frames.size(),
+                     PlanStack(inputs, shape, options).Text()));
+
+    const auto store = job_.MakeStore();
+    CVelImage image(store, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr);
+    Stack(job_, inputs, static_cast<int>(reference), options, 0, [&](const StackBand& band) {
+      for (int p = 0; p < shape.planes; ++p) {
+        for (int y = 0; y < band.rows; ++y) {
+          std::copy_n(band.planes[p] + static_cast<size_t>(y) * shape.width, shape.width,
+                      image.GetWritableLine(0, band.y0 + y, p));
+        }
+      }
+      for (size_t i = 0; i < band.counts.size(); ++i) {
+        used[i]->counts += band.counts[i];
+      }
+    });
+    for (size_t i = 0; i < used.size(); ++i) {
+      used[i]->weight = inputs[i].weight;
+    }
+    SaveStack(target, used, *used[reference], image);
+  }
+
+  void SaveStack(const Target& target, const std::vector<Progress*>& used, const Progress& reference,
+                 CVelImage& image) {
+    LightRows source(session_, *reference.light);
+    files::Header first = source.Info().header;
+    session_.Describe(first, *reference.light, reference.clipped);
+    const Shape& shape = reference.shape;
+    if (&reference != &frames_[reference_] &&
+        !files::DropWorldCoordinates(first, {shape.width, shape.height, shape.planes},
+                                     "the grid is that of a frame of another stack")) {
+      throw files::FileError(reference.light->frame.path, "is an undeveloped mosaic, which cannot be moved");
+    }
+    StackHeader collected(first);
+    for (const Progress* frame : used) {
+      collected.Add(frame->light->frame.info.header);
+    }
+    files::Header header = collected.Make();
+    for (const std::string& line : History(used, target)) {
+      header.AddHistory(line);
+    }
+    LevelForPreview(image, kPictureSide);
+    SaveImage(job_, image, header, Path(target.name + ".fits"));
+    // Pictures are upright, as the sky is.
+    const bool overturned = files::IsPictureOverturned(header);
+    const FrameMeasure measure = MeasureFrame(image);
+    if (overturned) TurnOver(image);
+    SaveImage(job_, image, header, Path(target.name + "_float.tif"));
+    SaveImage(job_, image, header, Path(target.name + "_16bit.tif"), {.integers = true});
+    SavePicture(job_, image, Path(target.name + ".png"), 1);
+
+    double exposure = 0;
+    CImgStack::Counts counts;
+    for (const Progress* frame : used) {
+      exposure += files::ExposureOf(frame->light->frame.info.header).value_or(0);
+      counts += frame->counts;
+    }
+    ReportStack stack{target.name, JpegOf(job_, image, ShrinkTo(reference.shape, kPictureSide))};
+    stack.facts = {
+        {"frames", fmt::format("{} of {}", used.size(), target.frames.size())},
+        {"exposure", fmt::format("{:g} s", exposure)},
+        {"size", fmt::format("{} x {}", reference.shape.width, reference.shape.height)},
+        {"stars", fmt::format("{}", measure.starCount)},
+        {"FWHM", fmt::format("{:.2f} px; of the reference {:.2f}", measure.fwhm, reference.measure.fwhm)},
+        {"noise of the sky",
+         fmt::format("{:.4g}; of the reference {:.4g}", measure.noise, reference.measure.noise)},
+        {"rejected", Percent(Rejected(counts))}};
+    if (!target.filter.empty()) stack.facts.insert(stack.facts.begin(), {"filter", target.filter});
+    report_.stacks.push_back(std::move(stack));
+    stacks_.push_back({Path(target.name + ".fits"), target.filter, static_cast<int>(used.size()),
+                       static_cast<int>(target.frames.size()), exposure, measure.starCount, measure.fwhm,
+                       measure.noise});
+    job_.Tell(Dump({{"stack", Path(target.name + ".fits").string()},
+                    {"filter", target.filter},
+                    {"frames", used.size()},
+                    {"lights", target.frames.size()},
+                    {"exposure", exposure},
+                    {"stars", measure.starCount},
+                    {"fwhm", measure.fwhm},
+                    {"noise", measure.noise},
+                    {"peak_memory_bytes", PeakMemory()}}),
+              fmt::format("{} -> {}: FWHM {:.2f} px, noise {:.4g} (reference {:.4g})", target.name,
+                          Path(target.name + ".fits").string(), measure.fwhm, measure.noise,
+                          reference.measure.noise));
+  }
+
+  std::vector<std::string> History(const std::vector<Progress*>& used, const Target& target) const {
+    return {fmt::format("korimg {} run {}", Version(), options_.stack.Text()),
+            fmt::format("{} frames stacked, {} left out; on the grid of {}", used.size(),
+                        target.frames.size() - used.size(), frames_[reference_].light->Name())};
+  }
+
+  /// What has become of each light.
+  std::vector<RunFrame> Frames() const {
+    std::vector<RunFrame> frames;
+    for (const Progress& frame : frames_) {
+      RunFrame told{frame.light->frame.path, frame.measure, frame.registration};
+      told.status = frame.IsUsed() ? "stacked" : frame.IsMeasured() ? frame.reason : frame.error;
+      told.isStacked = frame.IsUsed();
+      told.weight = frame.weight;
+      told.rejected = Rejected(frame.counts);
+      frames.push_back(std::move(told));
+    }
+    for (const Session::FailedLight& light : session_.Failed()) {
+      RunFrame told{light.path};
+      told.status = "cannot be calibrated";
+      frames.push_back(std::move(told));
+    }
+    return frames;
+  }
+
+  void TellFrames(const std::vector<RunFrame>& frames) const {
+    for (size_t i = 0; i < frames_.size(); ++i) {
+      const RunFrame& frame = frames[i];
+      const FrameMeasure& m = frame.measure;
+      const Registration& r = frame.registration;
+      Json json = frames_[i].light->Description();
+      json.update({{"stars", m.starCount},
+                   {"fwhm", m.fwhm},
+                   {"elongation", m.elongation},
+                   {"sky", m.sky},
+                   {"noise", m.noise},
+                   {"dx", r.dx},
+                   {"dy", r.dy},
+                   {"degrees", r.degrees},
+                   {"residual_px", r.residual},
+                   {"method", r.method},
+                   {"status", frame.status},
+                   {"note", frame.isStacked ? r.note : ""},
+                   {"weight", frame.weight},
+                   {"rejected", frame.rejected}});
+      const std::string line = fmt::format(
+          "{}: {} stars, FWHM {:.2f} px, dx {:.2f}, dy {:.2f}, {:.3f} degrees by {}; weight "
+          "{:.2f}, rejected {}{}",
+          frames_[i].light->Name(), m.starCount, m.fwhm, r.dx, r.dy, r.degrees, r.method, frame.weight,
+          Percent(frame.rejected), r.note.empty() ? "" : "; " + r.note);
+      job_.Tell(Dump(json), frame.isStacked ? line : "");
+    }
+  }
+
+  void WriteReport() {
+    report_.command = job_.options.origin;
+    report_.plan.insert(report_.plan.begin(), session_.MasterLines().begin(), session_.MasterLines().end());
+    for (const Progress& frame : frames_) {
+      ReportFrame row{frame.light->Name(), frame.light->Served(),
+                      frame.IsMeasured() ? frame.reason : frame.error};
+      if (frame.IsMeasured()) {
+        row.thumbnail = frame.thumbnail;
+        row.clipped = frame.clipped;
+        row.stars = frame.measure.starCount;
+        row.sky = frame.measure.sky;
+        row.noise = frame.measure.noise;
+        if (frame.measure.starCount > 0) {
+          row.fwhm = frame.measure.fwhm;
+          row.elongation = frame.measure.elongation;
+        }
+        if (frame.registration.IsGood()) {
+          row.method = frame.registration.method;
+          row.dx = frame.registration.dx;
+          row.dy = frame.registration.dy;
+          row.degrees = frame.registration.degrees;
+          row.residual = frame.registration.residual;
+          row.note = frame.registration.note;
+        }
+      }
+      if (frame.IsUsed()) {
+        row.weight = frame.weight;
+        row.rejected = 100 * Rejected(frame.counts);
+      }
+      report_.frames.push_back(std::move(row));
+    }
+    for (const Session::FailedLight& light : session_.Failed()) {
+      report_.frames.push_back({light.path.filename().string(), "", "cannot be calibrated"});
+    }
+    session::WriteReport(report_, Path("report.html"));
+    job_.Say("report: " + Path("report.html").string());
+  }
+
+  Job& job_;
+  const RunOptions& options_;
+  Session session_;
+  std::vector<Progress> frames_;
+  std::vector<Target> targets_;
+  size_t reference_ = 0;
+  Report report_;
+  std::vector<RunStack> stacks_;
+};
+
+/// What follows from the folders.
+RunOptions Complete(RunOptions options) {
+  options.stack.Settle(true);
+  options.stack.Options();  // refuses what is wrong before any work
+  const CalibrateOptions& frames = options.calibrate;
+  if (!frames.darks.empty() || !frames.flats.empty() || !frames.biases.empty()) {
+    options.calibrate.masters = frames.out / "masters";
+  }
+  options.calibrate.lightsMayBeMissing = true;
+  return options;
+}
+
+}  // namespace
+
+RunResult Run(Job& job, const RunOptions& options) {
+  const RunOptions complete = Complete(options);
+  Road road(job, complete);
+  road.Show();
+  return road.Do();
+}
+
+void PlanRun(Job& job, const RunOptions& options) {
+  const RunOptions complete = Complete(options);
+  Road road(job, complete);
+  road.Show();
+  road.TellPlan();
+}
+
+}  // namespace korimg::session

@@ -1,0 +1,64 @@
+// The whole road: a session's frames to a finished picture.
+#pragma once
+
+#include <filesystem>
+
+#include "session/calibrate/Calibrate.h"
+#include "session/register/Register.h"
+#include "session/stack/StackChoices.h"
+
+namespace korimg::session {
+
+/// What a frame may be to be stacked, relative to the median of the frames stacked with it. 0 sets no limit.
+struct FrameLimits {
+  double stars = 0.4;       ///< at least so many: clouds
+  double fwhm = 1.5;        ///< at most: focus, seeing
+  double elongation = 1.4;  ///< at most: trails
+};
+
+struct RunOptions {
+  CalibrateOptions calibrate;  ///< `out` is the folder for all results
+  StackChoices stack;
+  FrameLimits limits;
+};
+
+/// A light, and what has become of it.
+struct RunFrame {
+  std::filesystem::path file;
+  FrameMeasure measure = {};
+  Registration registration = {};
+  std::string status = {};  ///< "stacked", or why it is not
+  bool isStacked = false;
+  double weight = 0;    ///< in its stack
+  double rejected = 0;  ///< share of its pixels
+};
+
+struct RunStack {
+  std::filesystem::path file;  ///< the FITS file; pictures lie beside it
+  std::string filter;
+  int frames = 0, lights = 0;  ///< stacked, and wanted
+  double exposure = 0;         ///< seconds
+  int stars = 0;
+  double fwhm = 0;   ///< pixels
+  double noise = 0;  ///< of the sky
+};
+
+struct RunResult {
+  std::vector<RunFrame> frames;
+  std::vector<RunStack> stacks;
+  std::filesystem::path report;
+};
+
+/// Calibrates, develops, measures, registers and stacks the lights, one stack for each filter, all on the
+/// grid of one reference. Writes stack.fits, stack_float.tif, stack_16bit.tif and stack.png
+/// (stack_<filter>... when there are several), report.html and the masters. Calibrated frames are made twice,
+/// for measuring and for stacking, and never written. A frame that cannot be used is left out, and the report
+/// says why; copies count once. The job has failed when a stack holds less than half of its lights. What ends
+/// the run leaves no outputs.
+/// @throws FileError when calibration frames or outputs are wrong, or no frame is left.
+RunResult Run(Job& job, const RunOptions& options);
+
+/// Tells what Run would do: groups of frames, what serves each light, stacks. Writes nothing.
+void PlanRun(Job& job, const RunOptions& options);
+
+}  // namespace korimg::session

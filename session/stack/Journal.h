@@ -1,0 +1,71 @@
+// The finished bands of a stack, on disk until the result is written: a run that was killed goes on from
+// them.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "session/files/Formats.h"
+#include "session/stack/Stack.h"
+
+namespace korimg::session {
+
+/// The file "<output>.resume".
+class Journal {
+ public:
+  enum Use {
+    Passing,  ///< begins anew, and vanishes with this object
+    Kept      ///< goes on with what is there, and stays until Remove
+  };
+
+  /// `digest` stands for all that the result depends on: bands of another one are of no use. Damaged bands at
+  /// the end of the file are left out.
+  Journal(const std::filesystem::path& output, const std::string& digest, const Shape& shape, bool maps,
+          size_t frames, Use use);
+
+  /// There was a file of another digest, which is lost.
+  bool WasOther() const { return wasOther_; }
+  /// Rows of the result that are done.
+  int Rows() const { return rows_; }
+
+  /// Takes the next band. Once this returns it survives the end of the program, and one that is kept also
+  /// that of the machine.
+  void Add(const StackBand& band);
+  /// Calls visit for all bands, in order, or from the lowest up.
+  void ForBands(const std::function<void(const StackBand&)>& visit, bool fromLowest = false) const;
+  void Remove();
+
+ private:
+  struct Record;
+  /// A band with the memory that it points to.
+  struct Stored {
+    StackBand band;
+    std::vector<float> pixels;
+    std::vector<const float*> planes;
+    std::uint64_t end;  ///< in the file
+  };
+
+  std::optional<Stored> Read(std::uint64_t offset, int y0) const;
+
+  std::filesystem::path path_;
+  Shape shape_;
+  size_t images_;  ///< the result, or it and two maps
+  size_t frames_;
+  Use use_;
+  bool wasOther_ = false;
+  std::unique_ptr<files::TransientFile> transient_;
+  std::unique_ptr<files::File> file_;
+  /// A band in the file, and its first row.
+  struct Place {
+    std::uint64_t offset;
+    int y0;
+  };
+  std::vector<Place> bands_;
+  std::uint64_t end_ = 0;  ///< of the bands in the file
+  int rows_ = 0;
+};
+
+}  // namespace korimg::session

@@ -1,0 +1,409 @@
+#include "session/stack/Stack.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <exception>
+#include <limits>
+#include <mutex>
+#include <numbers>
+#include <stop_token>
+#include <thread>
+
+#include <fmt/format.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "korimg/platform/CParallel.h"
+
+#include "session/job/SideBySide.h"
+
+namespace korimg::session {
+namespace {
+
+constexpr long long kMiB = 1 << 20;
+
+/// An image of which only some rows are in memory: the others have addresses, but no pages.
+class FrameRows {
+ public:
+  explicit FrameRows(const Shape& shape)
+      : shape_(shape),
+        store_(CreateContiguousManager({.budget = std::numeric_limits<long long>::max() / 2})),
+        image_(store_, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr) {}
+
+  CVelImage& Image() { return image_; }
+
+  /// The addresses of a row's planes.
+  std::vector<float*> Row(int y) {
+    std::vector<float*> planes;
+    for (int p = 0; p < shape_.planes; ++p) {
+      planes.push_back(image_.GetWritableLine(0, y, p));
+    }
+    return planes;
+  }
+
+  /// Says that rows y0 to y1 - 1 are needed now. The memory of others is given back once they are many:
+  /// frames that lie a little higher or lower than the last one need nearly the same.
+  void Need(int y0, int y1) {
+    first_ = std::min(first_, y0);
+    end_ = std::max(end_, y1);
+    if (end_ - first_ <= (y1 - y0) * 5 / 4) return;
+    GiveBackAllBut(y0, y1);
+    first_ = y0;
+    end_ = y1;
+  }
+
+  void GiveBackAll() { GiveBackAllBut(0, 0); }
+
+ private:
+  void GiveBackAllBut(int y0, int y1) {
+    for (float* plane : Row(0)) {
+      const auto size = static_cast<size_t>(shape_.width);
+      GiveBack(plane, plane + y0 * size);
+      GiveBack(plane + y1 * size, plane + shape_.height * size);
+    }
+  }
+
+  static void GiveBack(float* from, float* to) {
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const std::uintptr_t first = (reinterpret_cast<std::uintptr_t>(from) + page - 1) / page * page,
+                         last = reinterpret_cast<std::uintptr_t>(to) / page * page;
+    if (first < last) madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
+  }
+
+  Shape shape_;
+  std::shared_ptr<CVmManager> store_;
+  CVelImage image_;
+  int first_ = 0, end_ = 0;  ///< rows that may have memory, as far as they were needed
+};
+
+/// Fills one band after the other, a few frames at a time, each on its share of the threads. While a band is
+/// stacked, the first frames of the next one are read.
+class BandFeeder {
+ public:
+  /// What is done for frame `step % frames` of band `step / frames`, by one of FramesAtOnce() workers.
+  using Work = std::function<void(int worker, long long step)>;
+
+  BandFeeder(int frames, long long steps, Work read, Work store)
+      : frames_(frames), steps_(steps), read_(std::move(read)), store_(std::move(store)) {
+    const int workers = FramesAtOnce(), threads = CParallel::GetMaxThreads() / workers;
+    for (int i = 0; i < workers; ++i) {
+      workers_.emplace_back([this, i, threads](const std::stop_token& stop) {
+        CParallel::SetMaxThreads(threads);
+        Run(i, stop);
+      });
+    }
+  }
+
+  /// Returns once every frame of the open band is stored; calls idle(frames stored) now and then until it is.
+  /// Throws what reading and storing throw, and what `idle` throws.
+  template <class F>
+  void WaitForBand(F&& idle) {
+    constexpr std::chrono::milliseconds kNow(100);
+    std::unique_lock lock(mutex_);
+    for (bool done = false; !done;) {
+      done = changed_.wait_for(lock, kNow, [&] { return failure_ || stored_ == frames_; });
+      if (failure_) std::rethrow_exception(failure_);
+      const int stored = stored_;
+      lock.unlock();
+      idle(stored);
+      lock.lock();
+    }
+  }
+
+  /// The next band may take the place of this one.
+  void OpenNextBand() {
+    {
+      const std::lock_guard lock(mutex_);
+      ++band_;
+      stored_ = 0;
+    }
+    changed_.notify_all();
+  }
+
+ private:
+  void Run(int worker, const std::stop_token& stop) try {
+    std::unique_lock lock(mutex_);
+    while (next_ < steps_ && !failure_ && !stop.stop_requested()) {
+      const long long step = next_++;
+      lock.unlock();
+      read_(worker, step);
+      lock.lock();
+      if (!changed_.wait(lock, stop, [&] { return step / frames_ == band_; })) return;
+      lock.unlock();
+      store_(worker, step);
+      lock.lock();
+      ++stored_;
+      changed_.notify_all();
+    }
+  } catch (...) {
+    const std::lock_guard lock(mutex_);
+    if (!failure_) failure_ = std::current_exception();
+    changed_.notify_all();
+  }
+
+  int frames_;
+  long long steps_;
+  Work read_, store_;
+  std::mutex mutex_;
+  std::condition_variable_any changed_;
+  long long next_ = 0, band_ = 0;
+  int stored_ = 0;  ///< of the open band
+  std::exception_ptr failure_;
+  std::vector<std::jthread> workers_;
+};
+
+struct RowRange {
+  int first = 0, end = 0;
+};
+
+/// The rows of a frame that rows y0 to y1 - 1 of the target are made of.
+RowRange SourceRows(const StackInput& input, int width, int y0, int y1) {
+  constexpr double kTaps = 4;  // that a kernel looks to either side, and what rounding may add
+  const double angle = input.degrees * std::numbers::pi / 180, s = std::sin(angle), c = std::cos(angle);
+  const double cx = input.shape.width * 0.5, cy = input.shape.height * 0.5;
+  double least = std::numeric_limits<double>::infinity(), most = -least;
+  for (const int x : {0, width - 1}) {
+    for (const int y : {y0, y1 - 1}) {
+      const double v = cy - (s * (x - input.dx - cx) + c * (cy - (y - input.dy)));
+      least = std::min(least, v);
+      most = std::max(most, v);
+    }
+  }
+  const double height = input.shape.height;
+  const RowRange range{static_cast<int>(std::clamp(std::floor(least) - kTaps, 0.0, height)),
+                       static_cast<int>(std::clamp(std::ceil(most) + kTaps + 1, 0.0, height))};
+  return range.first < range.end ? range : RowRange();
+}
+
+/// Bytes that a stack takes for bands of so many rows.
+struct BandBytes {
+  long long store, total;
+
+  BandBytes(const std::vector<StackInput>& inputs, const Shape& shape, const StackOptions& options,
+            int rows) {
+    const auto frames = static_cast<long long>(inputs.size());
+    const long long line = 4LL * shape.width * shape.planes;
+    store = frames * (rows + 1) * line * 2;
+    long long read = 0;
+    for (const StackInput& input : inputs) {
+      const RowRange range =
+          SourceRows(input, shape.width, (shape.height - rows) / 2, (shape.height + rows) / 2);
+      read = std::max(read, 4LL * (range.end - range.first) * input.shape.width * input.shape.planes);
+    }
+    const long long columns = CParallel::GetMaxThreads() * CImgStack::BytesOfThread(inputs.size());
+    total = store + FramesAtOnce() * read * 5 / 4 + rows * line * (options.rejectionMaps ? 3 : 1) + columns;
+  }
+};
+
+void AddNormalisation(CImgStack& stack, const std::vector<StackInput>& inputs, int reference,
+                      Normalisation normalisation) {
+  if (normalisation == Normalisation::None) return;
+  // One spread of the reference for all frames: those that cannot be scaled get it as theirs.
+  FrameLevels to = inputs[reference].levels;
+  for (double& spread : to.spread) {
+    if (!(spread > 0)) spread = 1;
+  }
+  stack.SetRefNormalizeParam(to.level, to.spread);
+  for (const StackInput& input : inputs) {
+    FrameLevels from = input.levels;
+    for (int p = 0; p < 3; ++p) {
+      const bool scales = normalisation == Normalisation::LevelAndScale && from.spread[p] > 0 &&
+                          inputs[reference].levels.spread[p] > 0;
+      if (!scales) from.spread[p] = to.spread[p];
+    }
+    stack.AddNormalizeParam(from.level, from.spread);
+  }
+}
+
+/// An outlier widens the deviation of few frames so far that it lies within it.
+void WarnOfIdleClipping(Job& job, int frames, const StackOptions& options) {
+  if (options.method != CImgStack::ClippedMean || frames < 3) return;
+  // Of one value far from the others.
+  const double farthest = frames / std::sqrt(frames - 1.0);
+  const double kappa = std::max(options.clip.low, options.clip.high);
+  if (kappa < farthest) return;
+  job.Warn(fmt::format(
+      "of {} frames an outlier lies {:.2f} deviations off, however bright it is: --kappa {:g} rejects "
+      "next to nothing; use a smaller one, or --method median",
+      frames, farthest, kappa));
+}
+
+}  // namespace
+
+std::string StackPlan::Text() const {
+  return fmt::format("{} band{} of {} row{}, {} MiB for the frames' rows, {} MiB with all else", bands,
+                     bands == 1 ? "" : "s", rows, rows == 1 ? "" : "s", (storeBytes + kMiB - 1) / kMiB,
+                     (totalBytes + kMiB - 1) / kMiB);
+}
+
+long long DefaultStackMemory(const Job& job) {
+  constexpr long long kEnough = 256 * kMiB;
+  return job.options.memory > 0 ? job.options.memory : std::min(job.Memory(), kEnough);
+}
+
+StackPlan PlanStack(const std::vector<StackInput>& inputs, const Shape& shape, const StackOptions& options) {
+  int fits = 0, tooMany = shape.height + 1;
+  while (tooMany - fits > 1) {
+    const int rows = (fits + tooMany) / 2;
+    (BandBytes(inputs, shape, options, rows).total <= options.memory ? fits : tooMany) = rows;
+  }
+  if (fits == 0) {
+    const long long least = BandBytes(inputs, shape, options, 1).total;
+    throw std::runtime_error(
+        fmt::format("a band of one row of {} frames takes {} bytes, and the memory is {}; use --memory {}K",
+                    inputs.size(), least, options.memory, least / 1024 + 1));
+  }
+  StackPlan plan;
+  plan.bands = (shape.height + fits - 1) / fits;
+  plan.rows = (shape.height + plan.bands - 1) / plan.bands;
+  plan.bands = (shape.height + plan.rows - 1) / plan.rows;
+  const BandBytes bytes(inputs, shape, options, plan.rows);
+  plan.storeBytes = bytes.store;
+  plan.totalBytes = bytes.total;
+  return plan;
+}
+
+void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const StackOptions& options,
+           int y0, const std::function<void(const StackBand&)>& sink) {
+  const Shape shape = inputs[reference].shape;
+  const int frames = static_cast<int>(inputs.size());
+  StackPlan plan = PlanStack(inputs, shape, options);
+  WarnOfIdleClipping(job, frames, options);
+
+  FrameRows target(shape);
+  std::unique_ptr<FrameRows> maps[2];
+  CImgStack stack(&target.Image());
+  while (!stack.AllocateStoreBuffer(&target.Image(), frames, plan.rows)) {
+    stack.DeallocateStoreBuffer();
+    if (plan.rows == 1) throw std::bad_alloc();
+    plan.rows = (plan.rows + 1) / 2;
+    job.Warn(fmt::format("less memory than planned: bands of {} rows", plan.rows));
+  }
+  std::vector<double> weights;
+  for (const StackInput& input : inputs) {
+    weights.push_back(input.weight);
+  }
+  stack.SetWeights(weights);
+  stack.SetOutside(std::numeric_limits<float>::quiet_NaN());
+  AddNormalisation(stack, inputs, reference, options.normalisation);
+  if (options.rejectionMaps) {
+    for (auto& map : maps) {
+      map = std::make_unique<FrameRows>(shape);
+    }
+    stack.SetRejectionMaps(&maps[0]->Image(), &maps[1]->Image());
+  }
+
+  // Frames and bands in one sequence: step n stores frame n % frames of band n / frames.
+  const int bands = (shape.height - y0 + plan.rows - 1) / plan.rows;
+  const long long steps = 1LL * bands * frames;
+  const auto top = [&](long long band) { return y0 + static_cast<int>(band) * plan.rows; };
+  const auto bottom = [&](long long band) { return std::min(top(band) + plan.rows, shape.height); };
+  std::vector<std::unique_ptr<FrameRows>> buffers(FramesAtOnce());
+  std::vector<std::mutex> reading(frames);
+  const auto read = [&](int worker, long long step) {
+    const StackInput& input = inputs[step % frames];
+    const std::lock_guard lock(reading[step % frames]);
+    auto& buffer = buffers[worker];
+    if (!buffer || buffer->Image().GetWidth() != input.shape.width ||
+        buffer->Image().GetHeight() != input.shape.height) {
+      buffer = std::make_unique<FrameRows>(input.shape);
+    }
+    const RowRange rows = SourceRows(input, shape.width, top(step / frames), bottom(step / frames));
+    buffer->Need(rows.first, rows.end);
+    if (rows.first < rows.end) {
+      input.read(rows.first, rows.end - rows.first, buffer->Row(rows.first).data());
+    }
+  };
+  const auto store = [&](int worker, long long step) {
+    const StackInput& input = inputs[step % frames];
+    stack.Store(static_cast<int>(step % frames), &buffers[worker]->Image(), top(step / frames),
+                bottom(step / frames) - 1, input.dx, input.dy, input.degrees * std::numbers::pi / 180,
+                options.kernel, options.clampUndershoot ? &input.levels : nullptr);
+  };
+  BandFeeder feeder(frames, steps, read, store);
+  for (int band = 0; band < bands; ++band) {
+    feeder.WaitForBand([&](int stored) {
+      job.CheckCancelled();
+      job.JobProgress("stacking", 1LL * band * frames + stored, steps,
+                      fmt::format("band {} of {}, frame {} of {}", band + 1, bands, stored, frames));
+    });
+    stack.Stack(options.method, options.clip, top(band), bottom(band) - 1);
+    feeder.OpenNextBand();
+    const auto planes = target.Row(top(band));
+    StackBand done{top(band), bottom(band) - top(band), planes.data()};
+    done.counts = stack.TakeCounts();
+    std::vector<float*> low, high;
+    if (options.rejectionMaps) {
+      low = maps[0]->Row(top(band));
+      high = maps[1]->Row(top(band));
+      done.low = low.data();
+      done.high = high.data();
+    }
+    sink(done);
+    for (FrameRows* rows : {&target, maps[0].get(), maps[1].get()}) {
+      if (rows) rows->GiveBackAll();
+    }
+  }
+  job.JobProgress("", 0, 0);
+}
+
+std::unique_ptr<CVelImage> SampleInput(const StackInput& input) {
+  // As many lines as MeasureLevels looks at, one below the other.
+  constexpr int kPixels = 60000;
+  static const std::shared_ptr<CVmManager> store = CreateContiguousManager();
+  const Shape& shape = input.shape;
+  const int lines = std::clamp((kPixels + shape.width - 1) / shape.width, 1, shape.height);
+  auto sample = std::make_unique<CVelImage>(store, CImage::Float, shape.width, lines, shape.planes, 1.0, 0.0,
+                                            1, nullptr);
+  for (int i = 0; i < lines; ++i) {
+    std::vector<float*> row;
+    for (int p = 0; p < shape.planes; ++p) {
+      row.push_back(sample->GetWritableLine(0, i, p));
+    }
+    input.read(static_cast<int>((2LL * i + 1) * shape.height / (2LL * lines)), 1, row.data());
+  }
+  return sample;
+}
+
+FrameLevels MeasureInput(const StackInput& input) {
+  return MeasureLevels(*SampleInput(input));
+}
+
+void CheckScales(const std::vector<StackInput>& inputs, int reference) {
+  constexpr double kOtherScale = 1000;
+  const FrameLevels& wanted = inputs[reference].levels;
+  for (const StackInput& input : inputs) {
+    const double own = input.levels.noise[0], other = wanted.noise[0];
+    if (!(own > 0 && other > 0) || std::max(own / other, other / own) < kOtherScale) continue;
+    throw files::FileError(
+        input.name, fmt::format("has a noise of {:.3g} about {:.6g}, but the reference {} has {:.3g} about "
+                                "{:.6g}: their scales differ; stack frames of one scale",
+                                own, input.levels.level[0], inputs[reference].name, other, wanted.level[0]));
+  }
+}
+
+std::vector<double> NoiseWeights(const std::vector<StackInput>& inputs, int reference,
+                                 Normalisation normalisation) {
+  std::vector<double> weights;
+  for (const StackInput& input : inputs) {
+    double variance = 0;
+    for (int p = 0; p < input.shape.planes; ++p) {
+      const FrameLevels &from = input.levels, &to = inputs[reference].levels;
+      const bool scales =
+          normalisation == Normalisation::LevelAndScale && from.spread[p] > 0 && to.spread[p] > 0;
+      const double noise = from.noise[p] * (scales ? to.spread[p] / from.spread[p] : 1);
+      variance += noise * noise;
+    }
+    weights.push_back(variance > 0 ? 1 / variance : 0);
+  }
+  const double best = *std::max_element(weights.begin(), weights.end());
+  for (double& weight : weights) {
+    // A frame without noise has no pixels, or is none: it must not rule the others out.
+    weight = weight > 0 ? weight / best : 1;
+  }
+  return weights;
+}
+
+}  // namespace korimg::session

@@ -1,0 +1,94 @@
+// Registered frames to one image, in bands of rows: memory is bounded, however many frames there are.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "korimg/composite/stacking/CImgStack.h"
+#include "korimg/composite/stacking/FrameLevels.h"
+#include "korimg/geometry/CInterp.h"
+
+#include "session/picture/Images.h"
+
+namespace korimg::session {
+
+/// A frame to be stacked, wherever its pixels come from.
+struct StackInput {
+  std::string name;  ///< for people
+  Shape shape;       ///< planes as the reference has them
+  /// As CImgComposit takes them: the frame is turned about its middle (width / 2, height / 2), clockwise on
+  /// the screen, and then shifted to the right and down.
+  double dx = 0, dy = 0, degrees = 0;
+  double weight = 1;   ///< in means; positive
+  FrameLevels levels;  ///< for normalising, and to tell undershoot from noise
+  /// Fills rows y0 to y0 + rows - 1; planes[p] takes rows x width floats. NaN and infinities are left out of
+  /// the stack. Called for any rows in any order, each row once for a band, and from one thread at a time;
+  /// other frames are read beside it.
+  std::function<void(int y0, int rows, float* const* planes)> read;
+};
+
+enum class Normalisation { None, Level, LevelAndScale };
+
+struct StackOptions {
+  CImgStack::Method method = CImgStack::ClippedMean;
+  CImgStack::Clip clip;
+  Normalisation normalisation = Normalisation::Level;
+  int kernel = CInterp::MethodBicubic;
+  bool clampUndershoot = true;  ///< of kernels beside bright stars, where it falls below the sky
+  bool rejectionMaps = false;
+  long long memory = 0;  ///< bytes for all that a stack holds, as DefaultStackMemory answers them
+};
+
+/// Rows of the result; planes[p] holds rows x width floats, NaN where no frame reaches. The maps hold the
+/// number of values that were rejected as too low and too high; null without StackOptions::rejectionMaps.
+struct StackBand {
+  int y0 = 0, rows = 0;
+  const float* const* planes = nullptr;
+  const float* const* low = nullptr;
+  const float* const* high = nullptr;
+  std::vector<CImgStack::Counts> counts = {};  ///< of each frame, in this band
+};
+
+/// How a stack is cut into bands.
+struct StackPlan {
+  int rows = 0, bands = 0;
+  long long storeBytes = 0;  ///< values and flags of all frames for a band
+  long long totalBytes = 0;  ///< with the rows that are read, the result's and the work space
+
+  std::string Text() const;
+};
+
+/// Bytes that a stack takes unless told otherwise: bands larger than that are no faster.
+long long DefaultStackMemory(const Job& job);
+
+/// The bands by the memory rule: frames x (rows + 1) x width x planes x 8 bytes, and what is held beside
+/// them.
+/// @throws std::runtime_error when not even bands of one row fit.
+StackPlan PlanStack(const std::vector<StackInput>& inputs, const Shape& shape, const StackOptions& options);
+
+/// Stacks the frames on the grid of the one numbered `reference`, which normalising goes by too, from row
+/// `y0` on. Calls sink for the bands in order; frames are read a few at a time. The result does not depend on
+/// bands or threads.
+/// @throws Cancelled, and what reading and the sink throw.
+void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const StackOptions& options,
+           int y0, const std::function<void(const StackBand&)>& sink);
+
+/// Some rows of a frame, spread evenly over it: enough to measure it by.
+std::unique_ptr<CVelImage> SampleInput(const StackInput& input);
+
+/// Measures a frame for normalising and weights, by such rows.
+FrameLevels MeasureInput(const StackInput& input);
+
+/// Refuses frames whose numbers cannot be on the reference's scale: floats from 0 to 1 beside those of a
+/// camera. A camera's own frames, of whatever exposure, do not differ so much in their noise.
+/// @throws FileError that names the frame and the noise of both.
+void CheckScales(const std::vector<StackInput>& inputs, int reference);
+
+/// Weights by the noise of all planes, as normalising leaves it: one over its square. The best frame has 1.
+std::vector<double> NoiseWeights(const std::vector<StackInput>& inputs, int reference,
+                                 Normalisation normalisation);
+
+}  // namespace korimg::session

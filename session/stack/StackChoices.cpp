@@ -1,0 +1,71 @@
+#include "session/stack/StackChoices.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include "session/operations/Operations.h"
+
+namespace korimg::session {
+namespace {
+
+const std::vector<std::string> kNormalisations = {"none", "level", "level+scale"};
+
+int NumberOf(const std::vector<std::string>& names, const std::string& name) {
+  return static_cast<int>(std::find(names.begin(), names.end(), name) - names.begin());
+}
+
+CImgStack::Clip ParseClip(const std::string& kappa, int iterations) {
+  const size_t comma = kappa.find(',');
+  const auto low = ToNumber(kappa.substr(0, comma)),
+             high = comma == std::string::npos ? low : ToNumber(kappa.substr(comma + 1));
+  if (!low || !high || !(*low > 0 && *high > 0 && *low <= 1000 && *high <= 1000)) {
+    throw UsageError(fmt::format(
+        "--kappa {}: write standard deviations, one number or LOW,HIGH, as in 2.5 or 3,2.5", kappa));
+  }
+  return {*low, *high, iterations};
+}
+
+}  // namespace
+
+void StackChoices::Settle(bool fluxesAreCompared) {
+  if (normalise == "auto") normalise = fluxesAreCompared ? "level+scale" : "level";
+}
+
+StackOptions StackChoices::Options() const {
+  StackOptions options;
+  options.method = static_cast<CImgStack::Method>(NumberOf(kStackMethods, method));
+  options.clip = ParseClip(kappa, iterations);
+  options.normalisation = static_cast<Normalisation>(NumberOf(kNormalisations, normalise));
+  options.kernel = NumberOf(kKernels, kernel);
+  options.clampUndershoot = undershoot == "clamp";
+  return options;
+}
+
+std::string StackChoices::Text() const {
+  std::string text = "--method " + method;
+  if (method == "sigma") text += fmt::format(" --kappa {} --iterations {}", kappa, iterations);
+  return text + fmt::format(" --normalize {} --weight {} --kernel {} --undershoot {}", normalise, weight,
+                            kernel, undershoot);
+}
+
+void StackChoices::Weigh(std::vector<StackInput>& inputs, const std::vector<double>& fwhms,
+                         int reference) const {
+  std::vector<double> weights(inputs.size(), 1.0);
+  if (weight == "noise") weights = NoiseWeights(inputs, reference, Options().normalisation);
+  if (weight == "fwhm") {
+    double best = 0;
+    for (const double fwhm : fwhms) {
+      if (fwhm > 0 && (best == 0 || fwhm < best)) best = fwhm;
+    }
+    for (size_t i = 0; i < inputs.size(); ++i) {
+      const double ratio = fwhms[i] > 0 ? best / fwhms[i] : 1;
+      weights[i] = ratio * ratio;
+    }
+  }
+  for (size_t i = 0; i < inputs.size(); ++i) {
+    inputs[i].weight = weights[i];
+  }
+}
+
+}  // namespace korimg::session

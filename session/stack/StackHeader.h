@@ -1,0 +1,38 @@
+// The header of a stack, from those of its frames.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "session/files/ImageFile.h"
+
+namespace korimg::session {
+
+/// Collects what the frames that are used say of time, and where they differ.
+class StackHeader {
+ public:
+  /// All comes from the reference but what is said of times here.
+  explicit StackHeader(files::Header reference);
+  void Add(const files::Header& frame);
+
+  /// The reference's header with, for frames that are combined by their mean or another middle: EXPTIME the
+  /// mean exposure of a frame, LIVETIME and XPOSURE all of them, DATE-OBS and DATE-END the first start and
+  /// the last end, DATE-AVG the middle weighted by exposure, and as much of DATE-BEG, MJD-... and TELAPSE as
+  /// the reference has; STACKCNT and NCOMBINE the number of frames.
+  /// Keywords that differ between frames keep the reference's value and are named in HISTORY.
+  files::Header Make() const;
+
+ private:
+  files::Header header_;
+  std::map<std::string, std::string> values_;  ///< of the reference, by keyword
+  std::set<std::string> differing_;
+  int frames_ = 0, withExposure_ = 0, withTime_ = 0;
+  double exposure_ = 0;
+  double start_ = 0, end_ = 0;
+  double middles_ = 0, weights_ = 0;  ///< of the exposures, as seconds from the first frame's start
+  double origin_ = 0;
+};
+
+}  // namespace korimg::session

@@ -1,0 +1,364 @@
+#include "korimg/composite/stacking/CImgStack.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <numbers>
+
+#include <gtest/gtest.h>
+
+#include "korimg/composite/stacking/FrameLevels.h"
+#include "korimg/geometry/CInterp.h"
+
+#include "tests/support/Images.h"
+
+using namespace korimg;
+using namespace korimg::test;
+
+namespace {
+
+constexpr int kWidth = 61, kHeight = 43;
+constexpr CImgStack::Clip kClip{1.4, 1.7, 4};
+
+struct Value {
+  double v, weight;
+};
+
+/// What a pixel should become.
+struct Expected {
+  double value = 0;
+  int low = 0, high = 0;
+  bool doubtful = false;  ///< a value lies so near a limit that rounding decides
+};
+
+double MiddleOf(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
+}
+
+Expected Reference(CImgStack::Method method, const CImgStack::Clip& clip, std::vector<Value> values) {
+  Expected expected;
+  const auto plain = [&] {
+    std::vector<double> v;
+    for (const Value& value : values)
+      v.push_back(value.v);
+    return v;
+  };
+  for (int round = 0; method == CImgStack::ClippedMean && round < clip.iterations && values.size() > 2;
+       ++round) {
+    const double m = MiddleOf(plain()), n = static_cast<double>(values.size());
+    double mean = 0, variance = 0;
+    for (const Value& value : values)
+      mean += value.v / n;
+    for (const Value& value : values)
+      variance += (value.v - mean) * (value.v - mean) / n;
+    const double low = m - clip.low * std::sqrt(variance), high = m + clip.high * std::sqrt(variance);
+    std::vector<Value> kept;
+    int below = 0, above = 0;
+    for (const Value& value : values) {
+      const double slack = 1e-4 * (1 + std::abs(value.v));
+      expected.doubtful |= std::abs(value.v - low) < slack || std::abs(value.v - high) < slack;
+      below += value.v < low;
+      above += value.v > high;
+      if (value.v >= low && value.v <= high) kept.push_back(value);
+    }
+    if (kept.empty() || kept.size() == values.size()) break;
+    expected.low += below;
+    expected.high += above;
+    values = kept;
+  }
+  const std::vector<double> v = plain();
+  if (method == CImgStack::Median) expected.value = MiddleOf(v);
+  if (method == CImgStack::Maximum) expected.value = *std::max_element(v.begin(), v.end());
+  if (method == CImgStack::Minimum) expected.value = *std::min_element(v.begin(), v.end());
+  if (method == CImgStack::Mean || method == CImgStack::ClippedMean) {
+    double sum = 0, weights = 0;
+    for (const Value& value : values) {
+      sum += value.weight * value.v;
+      weights += value.weight;
+    }
+    expected.value = sum / weights;
+  }
+  return expected;
+}
+
+constexpr CImgStack::Method kMethods[] = {CImgStack::Median, CImgStack::Mean, CImgStack::ClippedMean,
+                                          CImgStack::Maximum, CImgStack::Minimum};
+
+double WeightOf(int frame) {
+  return 0.25 + frame % 3;
+}
+
+/// Whole shifts with holes; pixels are negative too, wild ones among them.
+class CImgStackOf : public ::testing::TestWithParam<int> {};
+
+TEST_P(CImgStackOf, EveryMethodIsThatOfTheFiniteValuesNormalisedAndWeighted) {
+  const int frames = GetParam();
+  for (const bool paged : {false, true}) {
+    const auto store = paged ? TinyPool() : MemoryStore();
+    std::vector<std::shared_ptr<CVelImage>> images;
+    std::vector<double> weights;
+    for (int i = 0; i < frames; ++i) {
+      images.push_back(Make(store, kWidth, kHeight, 2 * (i % 2) + 1, Wild(-300, 500, i)));
+      weights.push_back(WeightOf(i));
+    }
+    const auto dx = [](int i) { return i * 7 % 11 - 5; };
+    const auto dy = [](int i) { return i * 5 % 13 - 6; };
+    const auto normalised = [](double v, int i) { return (v - 10 * i) * (3.0 / (1 + i % 4)) + 20; };
+    for (const auto method : kMethods) {
+      const auto target = Make(store, kWidth, kHeight, 3, Random(0, 1)),
+                 low = Make(store, kWidth, kHeight, 3, Wild(0, 1)),
+                 high = Make(store, kWidth, kHeight, 3, Wild(0, 1));
+      CImgStack stack(target.get());
+      constexpr int kRows = 16;
+      ASSERT_EQ(stack.AllocateStoreBuffer(target.get(), frames, kRows), 1);
+      stack.SetWeights(weights);
+      stack.SetRejectionMaps(low.get(), high.get());
+      stack.SetOutside(NAN);
+      double reference[] = {20, 20, 20}, spread[] = {3, 3, 3};
+      stack.SetRefNormalizeParam(reference, spread);
+      for (int i = 0; i < frames; ++i) {
+        double a[] = {10.0 * i, 10.0 * i, 10.0 * i}, b[] = {1.0 + i % 4, 1.0 + i % 4, 1.0 + i % 4};
+        stack.AddNormalizeParam(a, b);
+      }
+      for (int y = 0; y < kHeight; y += kRows) {
+        for (int i = 0; i < frames; ++i) {
+          stack.Store(i, images[i].get(), y, y + kRows - 1, dx(i), dy(i), 0, CInterp::MethodBicubic);
+        }
+        stack.Stack(method, kClip, y, y + kRows - 1);
+      }
+      long long values = 0, lows = 0, highs = 0, doubtful = 0;
+      int wrong = 0;
+      for (int i = 0; i < 3 * kHeight * kWidth && wrong < 3; ++i) {
+        const int p = i / (kHeight * kWidth), y = i / kWidth % kHeight, x = i % kWidth;
+        std::vector<Value> found;
+        for (int f = 0; f < frames; ++f) {
+          const int u = x - dx(f), v = y - dy(f);
+          if (u < 0 || v < 0 || u >= kWidth || v >= kHeight) continue;
+          const float pixel = images[f]->GetPixelGrayRaw(u, v, images[f]->GetPlanes() > 1 ? p : 0);
+          if (std::isfinite(pixel)) found.push_back({normalised(pixel, f), weights[f]});
+        }
+        values += static_cast<long long>(found.size());
+        const double got = target->GetPixelGrayRaw(x, y, p);
+        if (found.empty()) {
+          if (std::isnan(got)) continue;
+          ADD_FAILURE() << "no value at " << x << ", " << y << ", but " << got;
+          ++wrong;
+          continue;
+        }
+        const Expected expected = Reference(method, kClip, found);
+        lows += expected.low;
+        highs += expected.high;
+        doubtful += expected.doubtful;
+        if (expected.doubtful ||
+            (std::abs(got - expected.value) < 1e-3 && low->GetPixelGrayRaw(x, y, p) == expected.low &&
+             high->GetPixelGrayRaw(x, y, p) == expected.high)) {
+          continue;
+        }
+        ADD_FAILURE() << "method " << method << " of " << frames << (paged ? " paged" : "") << " plane " << p
+                      << " (" << x << ", " << y << "): " << got << ", not " << expected.value << "; "
+                      << low->GetPixelGrayRaw(x, y, p) << " low, not " << expected.low << "; "
+                      << high->GetPixelGrayRaw(x, y, p) << " high, not " << expected.high;
+        ++wrong;
+      }
+      CImgStack::Counts all;
+      for (const auto& counts : stack.TakeCounts()) {
+        all.values += counts.values;
+        all.low += counts.low;
+        all.high += counts.high;
+      }
+      EXPECT_EQ(all.values, values);
+      EXPECT_LE(std::abs(all.low - lows), frames * doubtful) << "method " << method << " of " << frames;
+      EXPECT_LE(std::abs(all.high - highs), frames * doubtful) << "method " << method << " of " << frames;
+      EXPECT_LE(doubtful, 3 * kHeight * kWidth / 50) << "the reference has little to say";
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Frames, CImgStackOf, ::testing::Values(1, 2, 3, 8, 21));
+
+/// A stack of turned and shifted frames in bands, with its maps below it.
+std::vector<float> StackBands(const std::shared_ptr<CVmManager>& store,
+                              const std::vector<std::shared_ptr<CVelImage>>& images, int rows, int kernel) {
+  const auto target = Make(store, kWidth, kHeight, 3, Random(0, 1)),
+             low = Make(store, kWidth, kHeight, 3, Random(0, 1)),
+             high = Make(store, kWidth, kHeight, 3, Random(0, 1));
+  const int frames = static_cast<int>(images.size());
+  CImgStack stack(target.get());
+  EXPECT_EQ(stack.AllocateStoreBuffer(target.get(), frames, rows), 1);
+  stack.SetRejectionMaps(low.get(), high.get());
+  std::vector<double> weights;
+  for (int i = 0; i < frames; ++i) {
+    weights.push_back(WeightOf(i));
+  }
+  stack.SetWeights(weights);
+  for (int y = 0; y < kHeight; y += rows) {
+    for (int i = 0; i < frames; ++i) {
+      const double turn = i % 3 == 0 ? 0 : i % 3 == 1 ? 0.01 * i : std::numbers::pi + 0.003;
+      stack.Store(i, images[i].get(), y, y + rows - 1, 0.37 * i - 1, 2.1 - 0.77 * i, turn, kernel);
+    }
+    stack.Stack(CImgStack::ClippedMean, kClip, y, y + rows - 1);
+  }
+  std::vector<float> all = Pixels(*target);
+  for (const auto& map : {low, high}) {
+    const std::vector<float> counts = Pixels(*map);
+    all.insert(all.end(), counts.begin(), counts.end());
+  }
+  return all;
+}
+
+TEST(CImgStack, TheSameBitsForAnyBandsThreadsAndTargets) {
+  std::vector<std::shared_ptr<CVelImage>> images, paged;
+  const auto pool = TinyPool();
+  for (int i = 0; i < 9; ++i) {
+    const auto rule = i % 2 ? Wild(100, 900, i) : Random(100, 900, i);
+    images.push_back(Make(MemoryStore(), kWidth, kHeight, 3, rule));
+    paged.push_back(Make(pool, kWidth, kHeight, 3, rule));
+  }
+  for (const auto& frames : {images, paged}) {
+    const auto whole = StackBands(MemoryStore(), frames, kHeight, CInterp::MethodBicubic);
+    for (const int rows : {1, 7, 64}) {
+      for (const int threads : {1, 5}) {
+        const WithThreads team(threads);
+        EXPECT_EQ(std::memcmp(StackBands(MemoryStore(), frames, rows, CInterp::MethodBicubic).data(),
+                              whole.data(), whole.size() * sizeof(float)),
+                  0)
+            << rows << " rows, " << threads << " threads" << (frames == paged ? ", paged frames" : "");
+      }
+    }
+    const auto onPages = StackBands(pool, frames, 9, CInterp::MethodBicubic);
+    EXPECT_EQ(std::memcmp(onPages.data(), whole.data(), whole.size() * sizeof(float)), 0) << "a paged target";
+  }
+}
+
+TEST(CImgStack, ShiftsByPartsOfAPixelTakeTheKernelThatIsAskedFor) {
+  for (const auto& store : {MemoryStore(), TinyPool()}) {
+    const auto frame = Make(store, kWidth, kHeight, 1, Random(1, 100));
+    for (const int kernel : {CInterp::MethodBilinear, CInterp::MethodBicubic, CInterp::MethodLanczos2,
+                             CInterp::MethodLanczos3, CInterp::MethodNearest}) {
+      for (const double dy : {-1.5, 0.0}) {
+        const auto target = Make(store, kWidth, kHeight, 1, Random(0, 1));
+        CImgStack stack(target.get());
+        stack.AllocateStoreBuffer(target.get(), 1, kHeight);
+        stack.Store(0, frame.get(), 0, kHeight - 1, 3.25, dy, 0, kernel);
+        stack.Stack(CImgStack::Mean, {}, 0, kHeight - 1);
+        CInterp interp(kernel, frame.get(), 0);
+        for (int y = 0; y < kHeight; ++y) {
+          for (int x = 0; x < kWidth; ++x) {
+            const bool reached = x >= 4 && y - dy < kHeight;
+            ASSERT_NEAR(target->GetPixelGrayRaw(x, y, 0), reached ? interp.Do(x - 3.25, y - dy, 0) : 0, 2e-3)
+                << kernel << " " << x << ", " << y << " by " << dy;
+          }
+        }
+      }
+    }
+  }
+}
+
+/// One pixel of one frame for each value, and what becomes of it.
+float OnePixel(const std::vector<float>& values, CImgStack::Method method, const CImgStack::Clip& clip = {}) {
+  const auto target = Make(MemoryStore(), 1, 1, 1, Random(0, 1));
+  CImgStack stack(target.get());
+  stack.AllocateStoreBuffer(target.get(), static_cast<int>(values.size()), 1);
+  for (size_t i = 0; i < values.size(); ++i) {
+    const auto frame = Make(MemoryStore(), 1, 1, 1, [&](int, int, int) { return values[i]; });
+    stack.Store(static_cast<int>(i), frame.get(), 0, 0, 0, 0, 0, CInterp::MethodBicubic);
+  }
+  stack.Stack(method, clip, 0, 0);
+  return target->GetPixelGrayRaw(0, 0, 0);
+}
+
+TEST(CImgStack, UndershootBesideBrightPixelsIsRaisedAndNothingElse) {
+  // A sky of 100 with noise, a bright bar, and a dark pixel of the sensor.
+  constexpr int kSize = 80, kDarkX = 60, kDarkY = 20;
+  const auto rule = [](int, int x, int y) -> double {
+    if (x == kDarkX && y == kDarkY) return 20;
+    return x >= 30 && x < 38 && y >= 20 && y < 60 ? 5000 : 99 + 2 * Noise(y * 1000LL + x);
+  };
+  struct Case {
+    double dx, dy, degrees;
+    int method;
+    bool rings;
+  };
+  for (const Case& c : {Case{0.5, 0, 0, CInterp::MethodBicubic, true},
+                        {-3.4, 2.6, 0, CInterp::MethodLanczos3, true},
+                        {1.2, -0.7, 7, CInterp::MethodBicubic, true},
+                        {0.5, 0.5, -4, CInterp::MethodBilinear, false},
+                        {2, 1, 0, CInterp::MethodBicubic, false}}) {
+    for (const StoreCase& store : Stores()) {
+      const auto frame = Make(store.make(), kSize, kSize, 1, rule);
+      const auto stacked = [&](const FrameLevels* levels) {
+        const auto target = Make(MemoryStore(), kSize, kSize, 1, Random(0, 1));
+        CImgStack stack(target.get());
+        stack.AllocateStoreBuffer(target.get(), 1, kSize);
+        stack.Store(0, frame.get(), 0, kSize - 1, c.dx, c.dy, c.degrees * std::numbers::pi / 180, c.method,
+                    levels);
+        stack.SetOutside(100);
+        stack.Stack(CImgStack::Median, kClip, 0, kSize - 1);
+        return Pixels(*target);
+      };
+      const FrameLevels levels = MeasureLevels(*frame);
+      const auto kept = stacked(nullptr), raised = stacked(&levels);
+      int rings = 0;
+      double darkest = 1000;
+      for (size_t i = 0; i < kept.size(); ++i) {
+        if (kept[i] != raised[i]) {
+          ++rings;
+          EXPECT_LT(kept[i], levels.level[0] - 5 * levels.noise[0] + 1e-3);
+          EXPECT_GT(raised[i] - kept[i], 5 * levels.noise[0] - 1e-3);
+          EXPECT_GE(raised[i], 99) << store.name;
+        }
+        darkest = std::min<double>(darkest, raised[i]);
+      }
+      EXPECT_EQ(rings > 40, c.rings) << store.name << ", " << rings;
+      EXPECT_EQ(rings > 0, c.rings);
+      EXPECT_LT(darkest, 85) << "the dark pixel stays";
+    }
+  }
+}
+
+TEST(CImgStack, ByHand) {
+  const float nan = NAN, inf = INFINITY;
+  EXPECT_EQ(OnePixel({-3, -8, nan}, CImgStack::Maximum), -3) << "of negatives too";
+  EXPECT_EQ(OnePixel({-3, inf, -inf, 8}, CImgStack::Minimum), -3);
+  EXPECT_EQ(OnePixel({nan, inf, -inf}, CImgStack::Median), 0) << "no value";
+  EXPECT_EQ(OnePixel({nan, 4, inf, 8}, CImgStack::Mean), 6);
+  EXPECT_EQ(OnePixel({4, 8}, CImgStack::ClippedMean, {0.1, 0.1, 5}), 6) << "of two none is rejected";
+  EXPECT_EQ(OnePixel({0, 0, 10, 10}, CImgStack::ClippedMean, {0.5, 0.5, 5}), 5) << "never all";
+  // The first round rejects 1000, the second 30.
+  const std::vector<float> outliers = {0, 1, 2, 3, 4, 5, 6, 7, 8, 30, 1000};
+  EXPECT_FLOAT_EQ(OnePixel(outliers, CImgStack::ClippedMean, {2.5, 2.5, 1}), 6.6f);
+  EXPECT_FLOAT_EQ(OnePixel(outliers, CImgStack::ClippedMean, {2.5, 2.5, 5}), 4);
+  EXPECT_FLOAT_EQ(OnePixel(outliers, CImgStack::ClippedMean, {2.5, 1e3, 5}), 1066.0f / 11) << "low only";
+  const auto target = Make(MemoryStore(), 1, 1, 1, Random(0, 1));
+  for (const double weight : {0.0, -1.0, static_cast<double>(nan), static_cast<double>(inf)}) {
+    const auto set = [&] { CImgStack(target.get()).SetWeights(std::vector{1.0, weight}); };
+    EXPECT_TRUE(ThrowsPointer<CInvalidArgException>(set)) << weight;
+  }
+}
+
+TEST(FrameLevels, LevelSpreadAndNoiseOfASkyWithStarsAndGradient) {
+  // Noise of deviation 10 on a slope, a share of bright pixels and some that are no numbers.
+  const auto rule = [](int p, int x, int y) -> double {
+    const double u = Noise(1 + p * 9000000LL + y * 3000LL + x),
+                 v = Noise(77 + p * 9000000LL + y * 3000LL + x);
+    const double normal = std::sqrt(-2 * std::log(1 - u)) * std::cos(2 * std::numbers::pi * v);
+    if ((x * 31 + y * 17) % 97 == 0) return (x + y) % 2 ? NAN : 30000;
+    return 1000 * (p + 1) + 10 * normal + 0.5 * (x - 200);
+  };
+  for (const auto& store : {MemoryStore(), TinyPool()}) {
+    const auto image = Make(store, 401, 333, 3, rule);
+    const FrameLevels levels = MeasureLevels(*image);
+    // Uniform of 200 wide with noise: half of the pixels lie within 50.3 of the middle.
+    for (int p = 0; p < 3; ++p) {
+      EXPECT_NEAR(levels.level[p], 1000 * (p + 1), 2) << p;
+      EXPECT_NEAR(levels.spread[p], 1.4826 * 50.3, 2) << p;
+      EXPECT_NEAR(levels.noise[p], 10, 0.3) << p;
+    }
+  }
+  const auto empty = Make(MemoryStore(), 5, 1, 1, [](int, int, int) { return NAN; });
+  EXPECT_EQ(MeasureLevels(*empty).level[0], 0);
+  EXPECT_EQ(MeasureLevels(*Make(MemoryStore(), 1, 3, 1, [](int, int, int) { return 7; })).level[0], 7);
+}
+
+}  // namespace

@@ -1,0 +1,98 @@
+// A light's rows, read as they are wanted.
+#include "session/calibrate/Session.h"
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "session/simulate/Simulate.h"
+#include "tests/support/Folder.h"
+
+namespace korimg::session {
+namespace {
+
+using SessionTest = files::FolderTest;
+using Planes = std::vector<std::vector<float>>;
+
+Planes Read(LightRows& rows, int y0, int count) {
+  const Shape shape = rows.Size();
+  Planes planes(shape.planes, std::vector<float>(static_cast<size_t>(shape.width) * count));
+  float* addresses[3] = {};
+  for (int p = 0; p < shape.planes; ++p) {
+    addresses[p] = planes[p].data();
+  }
+  rows.Read(y0, count, addresses);
+  return planes;
+}
+
+TEST_F(SessionTest, RowsInPiecesAreThoseOfTheWholeLight) {
+  constexpr int kSide = 101;
+  ASSERT_TRUE(Simulate(In("mono"), {.frames = 3, .width = kSide, .height = kSide}));
+  ASSERT_TRUE(Simulate(In("colour"), {.frames = 3, .width = kSide, .height = kSide, .bayer = "GRBG"}));
+  struct Case {
+    const char* session;
+    double pedestal;
+    bool half, keepMosaic;
+    int planes, side;
+  } cases[] = {{"mono", 0, false, false, 1, kSide},      {"mono", 200, false, false, 1, kSide},
+               {"colour", 0, false, false, 3, kSide},    {"colour", 200, false, false, 3, kSide},
+               {"colour", 0, true, false, 3, kSide / 2}, {"colour", 0, false, true, 1, kSide}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(fmt::format("{} {} {} {}", c.session, c.pedestal, c.half, c.keepMosaic));
+    Job job;
+    CalibrateOptions options;
+    const std::filesystem::path folder = In(c.session);
+    options.lights = {folder / "lights"};
+    options.darks = {folder / "darks"};
+    options.flats = {folder / "flats"};
+    options.biases = {folder / "biases"};
+    options.pedestal = c.pedestal;
+    options.develop.half = c.half;
+    options.keepMosaic = c.keepMosaic;
+    Session session(job, options);
+    session.Prepare();
+    ASSERT_EQ(session.Lights().size(), 3u);
+    const Light& light = session.Lights()[1];
+
+    // What the whole light comes to at once.
+    Session::Calibrated whole = session.LoadLight(light);
+    CVelImage& image = *whole.loaded.image;
+    std::unique_ptr<CVelImage> developed;
+    if (light.mosaic.cfa > 0) {
+      if (c.pedestal > 0) Calculate(image, Calculation::Subtract, c.pedestal);
+      Development development = session.Develop(MosaicSource(image), light, whole.loaded.info);
+      developed = development.Rows(0, development.Size().height);
+      if (c.pedestal > 0) Calculate(*developed, Calculation::Add, c.pedestal);
+    }
+    CVelImage& wanted = developed ? *developed : image;
+
+    LightRows rows(session, light);
+    ASSERT_EQ(rows.Size().planes, c.planes);
+    ASSERT_EQ(rows.Size().width, c.side);
+    ASSERT_EQ(rows.Size().height, c.side);
+    for (const auto& [y0, count] : {std::pair(0, c.side),
+                                    {0, 1},
+                                    {1, 1},
+                                    {2, 7},
+                                    {3, 10},
+                                    {4, 2},
+                                    {5, 40},
+                                    {c.side - 9, 4},
+                                    {c.side - 2, 2},
+                                    {c.side - 1, 1}}) {
+      const Planes part = Read(rows, y0, count);
+      for (int p = 0; p < c.planes; ++p) {
+        for (int y = 0; y < count; ++y) {
+          const float* own = &part[p][static_cast<size_t>(y) * c.side];
+          ASSERT_TRUE(std::equal(own, own + c.side, wanted.GetLine(0, y0 + y, p)))
+              << "rows " << y0 << " + " << count << ", row " << y0 + y << ", plane " << p;
+        }
+      }
+      if (y0 == 0 && count == c.side) {
+        EXPECT_EQ(rows.Clipped(), whole.clipped);
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace korimg::session
