@@ -92,7 +92,7 @@ void Apply(Tool& tool, const ApplyOptions& options) {
   if (tool.options.dryRun) return tool.job.Tell(Dump(json), line);
   tool.job.CheckOutput(options.output);
   const auto store = tool.job.MakeStore(options.store);
-  LoadedImage loaded = LoadImage(tool.job, store, plan.input, {.hdu = options.hdu, .bySky = true});
+  LoadedImage loaded = LoadImage(tool.job, store, plan.input, {.hdu = options.hdu});
   CRect* window = options.rect.empty() ? nullptr : &rect;
   std::optional<Blend> blend;
   if (options.blend.Any()) blend.emplace(tool.job, options.blend, *loaded.image, loaded.info.header, window);

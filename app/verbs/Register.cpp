@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <map>
 
 #include <fmt/format.h>
 
@@ -42,6 +43,18 @@ long long BytesAtWork(const std::vector<fs::path>& frames, const std::string& hd
   return 0;
 }
 
+/// Frames with the same pixels count once.
+void NameCopies(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations) {
+  std::map<std::uint64_t, std::string> first;
+  for (size_t i = 0; i < frames.size(); ++i) {
+    if (!(frames[i].noise > 0)) continue;
+    const auto [same, isNew] = first.emplace(frames[i].digest, registrations[i].file);
+    if (isNew) continue;
+    registrations[i].status = "copy";
+    registrations[i].note = "has the pixels of " + same->second;
+  }
+}
+
 /// A reference by itself, or less than half of the frames, is no success.
 void CheckShare(Tool& tool, const std::vector<Registration>& registrations, size_t all) {
   const auto count = [&](const auto& holds) {
@@ -75,12 +88,15 @@ void Register(Tool& tool, const RegisterOptions& options) {
   SideBySide(
       tool.job, "finding stars in frame", wanted.size(), bytes, [&](size_t i) { return measure(wanted[i]); },
       [&](size_t i, const auto& result) {
-        tool.job.ForEachFile({wanted[i]}, [&](const fs::path& file) {
-          frames.push_back(result());
-          files.push_back(file);
-          const std::string& noData = frames.back().noData;
-          if (!noData.empty()) tool.job.Say(fmt::format("{}: {}", file.string(), noData));
-        });
+        tool.job.ForEachFile(
+            {wanted[i]},
+            [&](const fs::path& file) {
+              frames.push_back(result());
+              files.push_back(file);
+              const std::string& noData = frames.back().noData;
+              if (!noData.empty()) tool.job.Say(fmt::format("{}: {}", file.string(), noData));
+            },
+            true);
       });
   if (frames.empty()) return;
   fs::path referenceFile = options.reference;
@@ -111,6 +127,12 @@ void Register(Tool& tool, const RegisterOptions& options) {
       });
   RegisterThroughOthers(frames, registrations, [&](size_t i) { return load(files[i]); });
   CompareFluxes(frames, reference, registrations);
+  NameCopies(frames, registrations);
+  for (const fs::path& file : wanted) {
+    if (std::find(files.begin(), files.end(), file) == files.end()) {
+      registrations.push_back({.file = file.string(), .status = "cannot be read"});
+    }
+  }
   std::string lines;
   for (const Registration& registration : registrations) {
     if (registration.status.empty()) continue;  // its failure was told

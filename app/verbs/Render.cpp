@@ -10,6 +10,7 @@
 
 #include "app/tool/Tool.h"
 #include "app/verbs/Verbs.h"
+#include "session/files/Geometry.h"
 #include "session/job/Json.h"
 #include "session/picture/Annotate.h"
 #include "session/picture/AutoPicture.h"
@@ -96,8 +97,11 @@ void Render(Tool& tool, const RenderOptions& options) {
                          fmt::format("{} -> {}", options.input.string(), options.output.string()));
   }
   const auto store = tool.job.MakeStore();
-  LoadedImage loaded = LoadImage(tool.job, store, options.input, {.hdu = options.hdu, .bySky = true});
+  LoadedImage loaded = LoadImage(tool.job, store, options.input, {.hdu = options.hdu});
   auto& image = loaded.image;
+  const bool overturned = files::IsPictureOverturned(loaded.info.header);
+  const int fullHeight = image->GetHeight();
+  if (overturned) TurnOver(*image);
   LevelForPicture(*image, options.level);
   const int shrink = std::max(static_cast<int>(std::lround(1 / options.scale)), 1);
   const int binX = std::min(shrink, image->GetWidth()), binY = std::min(shrink, image->GetHeight());
@@ -105,7 +109,8 @@ void Render(Tool& tool, const RenderOptions& options) {
   if (options.annotate) {
     const Annotations& told = options.annotations;
     const bool asTold = !told.title.empty() || told.scaleBar || !told.stars.empty();
-    const Annotations annotations = asTold ? told : DefaultAnnotations(loaded.info.header);
+    Annotations annotations = asTold ? told : DefaultAnnotations(loaded.info.header);
+    if (overturned) annotations.overturnedHeight = fullHeight;
     if (annotations.title.empty() && !annotations.scaleBar && annotations.stars.empty()) {
       throw files::FileError(options.input,
                              "names no OBJECT and does not say its scale; give --title, --stars or both");

@@ -18,6 +18,7 @@
 #include "session/job/Json.h"
 #include "session/job/SideBySide.h"
 #include "session/operations/Operations.h"
+#include "session/register/Register.h"
 #include "session/stack/Journal.h"
 #include "session/stack/StackChoices.h"
 #include "session/stack/StackHeader.h"
@@ -61,10 +62,23 @@ class Sources {
         leftOut_.emplace_back(path, transform.Text());
         continue;
       }
-      auto reader = files::ImageReader::Open(path, kRead);
-      Source source{path, reader->Info(), transform, nullptr};
-      if (used_.size() < kMostOpen) source.reader = std::move(reader);
-      used_.push_back(std::move(source));
+      try {
+        auto reader = files::ImageReader::Open(path, kRead);
+        Source source{path, reader->Info(), transform, nullptr};
+        if (used_.size() < kMostOpen) source.reader = std::move(reader);
+        used_.push_back(std::move(source));
+      } catch (const files::FileError& error) {
+        leftOut_.emplace_back(path, error.what());
+      }
+    }
+    if ((options.normalise == "auto" || options.normalise == "level+scale") && HaveFluxes()) {
+      const auto unknown = std::stable_partition(used_.begin(), used_.end(), [](const Source& source) {
+        return source.transform.fluxRatio.has_value();
+      });
+      for (auto source = unknown; source != used_.end(); ++source) {
+        leftOut_.emplace_back(source->path, kNoCommonLight);
+      }
+      used_.erase(unknown, used_.end());
     }
     if (used_.empty()) throw UsageError("no frame to stack: none of them is ok");
     FindReference(options);
@@ -196,7 +210,8 @@ class StackRun {
     }
     if (!reference.transform.IsNone()) {
       tool_.job.Warn(
-          "no frame lies where the reference of the transforms does: world coordinates are dropped");
+          "the frame that gives header and sky is not the one that the transforms are of: the stack lies as "
+          "that one, and has no world coordinates");
     }
   }
 
@@ -346,7 +361,7 @@ class StackRun {
     for (const Source& source : sources_.Used()) {
       header.Add(source.info.header);
     }
-    files::Header made = header.Make();
+    files::Header made = header.Make(stack_.normalisation == Normalisation::LevelAndScale);
     made.AddHistory(fmt::format("korimg {} stack {}", Version(), options_.Text()));
     const auto [low, high] = std::minmax_element(
         inputs_.begin(), inputs_.end(), [](const auto& a, const auto& b) { return a.weight < b.weight; });
@@ -425,21 +440,24 @@ class StackRun {
     Json frames = Json::array();
     for (size_t i = 0; i < inputs_.size(); ++i) {
       const CImgStack::Counts& counts = counts_[i];
+      const std::optional<double>& ratio = sources_.Used()[i].transform.fluxRatio;
       const double values = static_cast<double>(std::max(counts.values, 1LL));
       const double low = static_cast<double>(counts.low) / values,
                    high = static_cast<double>(counts.high) / values;
       const double covers = static_cast<double>(counts.values) / shape_.width / shape_.height / shape_.planes;
       frames.push_back({{"file", inputs_[i].name},
                         {"weight", inputs_[i].weight},
+                        {"flux_ratio", ratio ? Json(*ratio) : Json()},
                         {"covers", covers},
                         {"rejected_low", low},
                         {"rejected_high", high}});
       tool_.job.Say(
-          fmt::format("{}: covers {}{}{}", sources_.Used()[i].path.filename().string(), Percent(covers),
+          fmt::format("{}: covers {}{}{}{}", sources_.Used()[i].path.filename().string(), Percent(covers),
                       stack_.method == CImgStack::ClippedMean
                           ? fmt::format(", rejected {} low, {} high", Percent(low), Percent(high))
                           : "",
-                      options_.weight != "none" ? fmt::format(", weight {:.4g}", inputs_[i].weight) : ""));
+                      options_.weight != "none" ? fmt::format(", weight {:.4g}", inputs_[i].weight) : "",
+                      ratio ? fmt::format(", light {:.3g} of the reference's", *ratio) : ""));
     }
     Json leftOut = Json::array();
     for (const auto& [path, status] : sources_.LeftOut()) {

@@ -157,11 +157,10 @@ std::vector<fs::path> FramesIn(Job& job, const fs::path& folder) {
   if (!frames) {
     throw files::FileError(
         folder, "no images in this folder (.fits .fit .fts, also .gz .fz, .tif .tiff .png, camera raw)" +
-                    (folders.empty() ? "" : "; folders in it hold some, name these: " + folders));
+                    (folders.empty() ? "" : "; folders in it hold some, which are not read: " + folders));
   }
   if (!folders.empty()) {
-    job.Warn(fmt::format("{}: frames of the folders in it are not read; name these to use them: {}",
-                         folder.string(), folders));
+    job.Warn(fmt::format("{}: frames of the folders in it are not read: {}", folder.string(), folders));
   }
   std::sort(frames->begin(), frames->end());
   return std::move(*frames);
@@ -233,6 +232,11 @@ std::vector<Group> MakeGroups(Job& job, FrameKind kind, const std::vector<fs::pa
       if (groups.empty() && path == paths.back()) throw;
       job.Warn(fmt::format("{}; it is left out", error.what()));
       continue;
+    }
+    const std::string type = FoldedName(frame.info.header.GetString("IMAGETYP").value_or(""));
+    if (type.starts_with("light") || type.starts_with("object")) {
+      job.Warn(fmt::format("{}: says that it is a light (IMAGETYP '{}'); it is used as it was given",
+                           path.string(), *frame.info.header.GetString("IMAGETYP")));
     }
     const auto same = std::find_if(groups.begin(), groups.end(), [&](const Group& group) {
       return Compare(group, frame) && group.frames.front().info.planes == frame.info.planes;

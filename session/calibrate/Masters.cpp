@@ -23,7 +23,9 @@ constexpr double kManySaturated = 0.01;
 
 /// Flats without an offset of their own: camera raw files know their black level.
 files::ReadOptions FlatOptions(const Group& group, bool hasOffset) {
-  return {.lessBlack = group.kind == FrameKind::Flat && !hasOffset, .manyOpen = group.frames.size() > 1};
+  return {.lessBlack = group.kind == FrameKind::Flat && !hasOffset,
+          .manyOpen = group.frames.size() > 1,
+          .lessBorder = true};
 }
 
 /// The largest value that a file's pixels can have. Floats are taken for those of a 16-bit camera.
@@ -124,38 +126,56 @@ class Stack {
     job.EndProgress();
   }
 
-  /// Electrons of a raw value by the noise of the first two flats, once they are normalised: light counted in
-  /// electrons has a variance of its mean (photon transfer). The median of many pieces of rows, so that
-  /// cosmic rays do not count. The noise of reading, small beside a flat's light, counts as light's. 0 when
-  /// there is no noise.
-  double MeasureGain() {
+  /// A piece of a row in the first two frames.
+  struct Piece {
+    double variance;  ///< of their difference, the second one brought to the first one's scale
+    double light;     ///< of a pixel in the first one
+  };
+
+  /// The first two frames' noise, by many pieces of rows, so that cosmic rays do not count in the median.
+  std::vector<Piece> Noise() {
     constexpr int kSampleRows = 512;
     constexpr size_t kPiece = 64;  // pixels
     // Of the sum of so many squares, less the means of a mosaic's two colours in a row: median over mean.
     constexpr double kFreedom = kPiece - 2, kMedian = 1 - 2 / (9 * kFreedom);
     const int step = std::max(Info().height / kSampleRows, 1);
-    const double back = 1 / factors_[0], ratio = factors_[1] / factors_[0];
+    const double back = 1 / factors_[0];
     std::vector<float> a(RowPixels()), b(RowPixels());
-    std::vector<double> variances;  // of a unit of light
+    std::vector<Piece> pieces;
     for (int y = 0; y < Info().height; y += step) {
       Read(0, y, 1, a.data());
       Read(1, y, 1, b.data());
       for (size_t first = 0; first + kPiece <= a.size(); first += kPiece) {
         double light = 0, squares = 0, sums[2] = {};
         for (size_t x = first; x < first + kPiece; ++x) {
-          const double difference = back * (a[x] - b[x]);  // the second frame on the first one's scale
-          light += back * a[x];
+          const double difference = back * (a[x] - b[x]);
+          light += back * a[x] / kPiece;
           squares += difference * difference;
           sums[x % 2] += difference;
         }
         const double spread = squares - (sums[0] * sums[0] + sums[1] * sums[1]) / (kPiece / 2);
         const double variance = spread / (kFreedom * kMedian * kMedian * kMedian);
-        if (light > 0 && std::isfinite(variance))
-          variances.push_back(variance * kPiece / (light * (1 + ratio)));
+        if (std::isfinite(variance)) pieces.push_back({variance, light});
       }
     }
-    const double variance = UpperMedian(variances);
-    return variance > 0 ? 1 / variance : 0;
+    return pieces;
+  }
+
+  /// Electrons of a raw value by photon transfer between the first two flats, once they are normalised: light
+  /// counted in electrons has a variance of its mean. 0 when that is not most of their noise.
+  /// `offsetVariance` is that of a pixel of the frames that came off.
+  double MeasureGain(double offsetVariance) {
+    constexpr double kMost = 100;  // electrons: beyond that flats are no raw ones
+    const double ratio = factors_[1] / factors_[0], read = offsetVariance * (1 + ratio * ratio);
+    std::vector<double> variances, ofLight;  // of a unit of light
+    for (const Piece& piece : Noise()) {
+      if (!(piece.light > 0)) continue;
+      variances.push_back(piece.variance);
+      ofLight.push_back((piece.variance - read) / (piece.light * (1 + ratio)));
+    }
+    if (!(UpperMedian(variances) > 2 * read)) return 0;
+    const double gain = 1 / UpperMedian(ofLight);
+    return gain > 0 && gain < kMost ? gain : 0;
   }
 
   /// Share of the pixels read that were at the end of their scale.
@@ -206,6 +226,17 @@ class Stack {
   std::vector<long long> saturated_;
   CVelImage* offset_ = nullptr;
 };
+
+/// The variance of a pixel between frames of a group.
+double NoiseVariance(const Group& group) {
+  std::vector<double> variances;
+  for (const Stack::Piece& piece : Stack({group.kind, group.name, {group.frames[0], group.frames[1]}},
+                                         {.manyOpen = true, .lessBorder = true})
+                                       .Noise()) {
+    variances.push_back(piece.variance / 2);
+  }
+  return UpperMedian(variances);
+}
 
 /// Share of an image's pixels that a condition holds for.
 template <class Condition>
@@ -312,6 +343,7 @@ Measures::Measures(CVelImage& image) {
       all.sum += line.sum;
       count += line.count;
     }
+    hasBlank |= count < static_cast<double>(image.GetWidth()) * image.GetHeight();
     if (count == 0) continue;
     minima[p] = all.min;
     maxima[p] = all.max;
@@ -351,10 +383,11 @@ Master MakeMaster(Job& job, const std::shared_ptr<CVmManager>& store, const Grou
     }
     stack.Median(job, *master.image, "making " + group.name);
     master.saturated = stack.Saturated();
-    const bool raw = info.planes == 1 && !info.type.starts_with("float");
-    if (group.kind == FrameKind::Flat && raw && (offset || info.camera) &&
+    const bool raw = info.planes == 1 && !info.type.starts_with("float") &&
+                     !info.header.GetString("NCOMBINE") && !info.header.GetString("STACKCNT");
+    if (group.kind == FrameKind::Flat && raw && offset && offset->group->frames.size() > 1 &&
         master.saturated < kManySaturated) {
-      master.gain = stack.MeasureGain();
+      master.gain = stack.MeasureGain(NoiseVariance(*offset->group));
     }
   }
   const files::ImageInfo& first = group.frames.front().info;

@@ -14,6 +14,7 @@ namespace korimg::session {
 struct Measures {
   float minima[3] = {}, maxima[3] = {}, averages[3] = {};
   double min = 0, max = 0, mean = 0;  ///< of all planes
+  bool hasBlank = false;              ///< there are pixels that are no finite numbers
 
   Measures() = default;
   explicit Measures(CVelImage& image);

@@ -63,6 +63,19 @@ long long Subtract(CVelImage& image, CVelImage& offset, float least) {
   return count;
 }
 
+/// Makes blank what a flat has no data for.
+void Blank(CVelImage& image, CVelImage& flat) {
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    ForLines(Team::All, 0, image.GetHeight(), [&](int y) {
+      float* row = image.GetWritableLine(0, y, p);
+      const float* divisor = flat.GetLine(0, y, std::min(p, flat.GetPlanes() - 1));
+      for (int x = 0; x < image.GetWidth(); ++x) {
+        row[x] = std::isfinite(divisor[x]) ? row[x] : std::numeric_limits<float>::quiet_NaN();
+      }
+    });
+  }
+}
+
 long long Pixels(const CVelImage& image) {
   return 1LL * image.GetWidth() * image.GetHeight() * image.GetPlanes();
 }
@@ -315,6 +328,13 @@ void Session::CheckScale(const Light& light, const FrameLevels& levels, const Ma
     wrong =
         fmt::format("has a median of {:.6g}, but {} no pixel above {:.3g}", sky, name, offset.measures.max);
   }
+  constexpr double kLittle = 0.02;  // of the light: a camera's own offset is more
+  if (light.dark && wrong.empty() && biases_.empty() && dark < kLittle * sky) {
+    job_.Warn(fmt::format(
+        "{}: has a median of {:.6g}, and {} one of {:.6g} only: if its bias was taken off before, "
+        "it stays in the lights; give --bias then",
+        light.frame.path.string(), sky, name, dark));
+  }
   if (light.dark && wrong.empty()) {
     const Match match = FindMatch(biases_, light.dark->frames.front());
     const auto bias = masters_.find(match.group);
@@ -558,6 +578,7 @@ long long Session::Apply(const Light& light, CVelImage& image, CVelImage* offset
   if (flat) {
     Measures m = MasterOf(light.flat)->measures;
     image.DarkFlat(&image, nullptr, flat, m.minima, m.maxima, m.averages, 0, 0, nullptr, 0);
+    if (m.hasBlank) Blank(image, *flat);
   }
   if (kept > 0) Calculate(image, Calculation::Add, kept);
   return clipped;
@@ -575,7 +596,11 @@ void Session::Describe(files::Header& header, const Light& light, double clipped
   if (offset) header.AddHistory(fmt::format("{}: {}", NameOf(offset->group->kind), offset->Text()));
   if (flat) header.AddHistory("flat: " + flat->Text());
   const bool knowsGain = files::FindGain(header, std::numeric_limits<double>::infinity()).electrons > 0;
-  if (flat && flat->gain > 0 && light.mosaic.cfa == 0 && !knowsGain) {
+  const auto isSetAlike = [&](const char* key) {
+    return header.GetString(key) == HeaderOf(*light.flat).GetString(key);
+  };
+  if (flat && flat->gain > 0 && light.mosaic.cfa == 0 && !knowsGain && isSetAlike("GAIN") &&
+      isSetAlike("ISOSPEED")) {
     header.Set("EGAIN", flat->gain, "electrons of a value, by the noise of the flats");
   }
   const double source = offset ? 0 : header.GetDouble("PEDESTAL").value_or(0);

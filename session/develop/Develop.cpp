@@ -329,13 +329,15 @@ std::unique_ptr<CVelImage> Development::Rows(int y0, int y1) {
 }
 
 void Development::ForBands(Job& job, const std::string& title,
-                           const std::function<void(std::unique_ptr<CVelImage>)>& visit) {
+                           const std::function<void(std::unique_ptr<CVelImage>)>& visit, bool fromLowest) {
   constexpr int kBandRows = 128;
   const int height = Size().height;
-  for (int y = 0; y < height; y += kBandRows) {
+  for (int done = 0, rows; done < height; done += rows) {
     job.CheckCancelled();
-    job.Progress(title, y, height);
-    visit(Rows(y, std::min(y + kBandRows, height)));
+    job.Progress(title, done, height);
+    rows = std::min(kBandRows, height - done);
+    const int y = fromLowest ? height - done - rows : done;
+    visit(Rows(y, y + rows));
   }
   job.EndProgress();
 }
@@ -347,23 +349,28 @@ void SaveDeveloped(Job& job, Development& development, const files::Header& head
   const Shape shape = development.Size();
   ImageSaver image(job, output, shape, levels, header, save);
   std::optional<PictureSaver> picture;
+  const bool overturned = files::IsPictureOverturned(header), turns = overturned && !IsFits(output);
   if (preview) {
-    picture.emplace(job, *preview, shape, pictureLevels, ShrinkTo(shape, side),
-                    files::IsPictureOverturned(header));
+    picture.emplace(job, *preview, shape, pictureLevels, ShrinkTo(shape, side), overturned && !turns);
   }
   const auto policy = CParallel::GetMaxThreads() > 1 ? std::launch::async : std::launch::deferred;
   std::future<void> writing;
-  development.ForBands(job, "developing " + output.filename().string(), [&](std::unique_ptr<CVelImage> band) {
-    change(*band);
-    std::array<const float*, 3> planes = {};
-    for (int p = 0; p < shape.planes; ++p) {
-      planes[p] = band->GetLine(0, 0, p);
-    }
-    if (picture) picture->Write(band->GetHeight(), planes.data());
-    if (writing.valid()) writing.get();
-    writing = std::async(
-        policy, [&image, planes, band = std::move(band)] { image.Write(band->GetHeight(), planes.data()); });
-  });
+  development.ForBands(
+      job, "developing " + output.filename().string(),
+      [&](std::unique_ptr<CVelImage> band) {
+        change(*band);
+        if (turns) TurnOver(*band);
+        std::array<const float*, 3> planes = {};
+        for (int p = 0; p < shape.planes; ++p) {
+          planes[p] = band->GetLine(0, 0, p);
+        }
+        if (picture) picture->Write(band->GetHeight(), planes.data());
+        if (writing.valid()) writing.get();
+        writing = std::async(policy, [&image, planes, band = std::move(band)] {
+          image.Write(band->GetHeight(), planes.data());
+        });
+      },
+      turns);
   writing.get();
   image.Commit();
   if (picture) picture->Commit();

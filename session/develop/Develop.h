@@ -76,10 +76,10 @@ class Development {
   Levels PictureLevels(int side);
   /// Rows y0 to y1 - 1 of the result. Throws FileError when there is no room.
   std::unique_ptr<CVelImage> Rows(int y0, int y1);
-  /// Calls visit(band) with the result's rows in order.
+  /// Calls visit(band) with the result's rows in order; from the lowest band up when it is asked for.
   /// @throws FileError when there is no room.
   void ForBands(Job& job, const std::string& title,
-                const std::function<void(std::unique_ptr<CVelImage>)>& visit);
+                const std::function<void(std::unique_ptr<CVelImage>)>& visit, bool fromLowest = false);
 
  private:
   std::unique_ptr<CVelImage> NewImage(int width, int height) const;

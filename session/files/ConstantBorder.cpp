@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <iterator>
 #include <limits>
 #include <optional>
 
@@ -152,6 +153,9 @@ struct Row {
   };
   Run sides[2];
   bool isOneValue = false;
+  std::vector<float> some = {};  ///< pixels of the first plane, spread over it
+
+  bool IsWhole() const { return isOneValue && sides[0].length > 0; }
 };
 
 /// The candidates' runs in all rows, and of some rows what lies between them: a number of pixels.
@@ -178,6 +182,17 @@ std::vector<Row> ReadRuns(ImageReader& reader, std::vector<Candidate>& candidate
         }
       }
       row.isOneValue = band.Run(0, y, 1, band.At(0, y)) == width;
+      constexpr int kSome = 16;
+      for (int i = 0; i < kSome; ++i) {
+        row.some.push_back(band.At((2 * i + 1) * width / (2 * kSome), y)[0]);
+      }
+      // Beside rows of a border lie rows of the sky.
+      if (y > 0 && row.IsWhole() != found[y - 1].IsWhole()) {
+        const Row &border = row.IsWhole() ? row : found[y - 1], &sky = row.IsWhole() ? found[y - 1] : row;
+        std::copy_if(sky.some.begin(), sky.some.end(),
+                     std::back_inserter(candidates[border.sides[0].candidate].beyond),
+                     [](float v) { return std::isfinite(v); });
+      }
       if (y % std::max(height / kSampled, 1) != 0) continue;
       for (int x = row.sides[0].length; x < width - row.sides[1].length; ++x) {
         const Value value = band.At(x, y);
@@ -193,6 +208,13 @@ std::vector<Row> ReadRuns(ImageReader& reader, std::vector<Candidate>& candidate
     }
   }
   return found;
+}
+
+/// Most rows have one value each, as those of an image without noise may.
+bool IsStriped(const std::vector<Row>& rows, int top, int bottom) {
+  const auto count =
+      std::count_if(rows.begin() + top, rows.begin() + bottom, [](const Row& row) { return row.isOneValue; });
+  return 2 * count > bottom - top;
 }
 
 /// An image without noise ends in lines of one value, or in the value that the line before has: each of these
@@ -227,6 +249,7 @@ bool IsStraight(const std::vector<Row>& rows, int top, int bottom) {
 
 std::shared_ptr<const ConstantBorder> ConstantBorder::Find(ImageReader& reader) {
   constexpr double kLeastShare = 0.1;
+  constexpr double kMostLost = 0.1;  // of the rows; more than that have the value as their own
   constexpr long long kLeastPixels = 16;
   const auto none = std::make_shared<ConstantBorder>();
   const int width = reader.Info().width, height = reader.Info().height;
@@ -259,10 +282,13 @@ std::shared_ptr<const ConstantBorder> ConstantBorder::Find(ImageReader& reader) 
   auto border = std::make_shared<ConstantBorder>();
   border->width_ = width;
   border->rows_.assign(height, {0, 0});
-  long long data = 0;
+  long long data = 0, lost = 0;
   bool isThin = top <= 1 && height - bottom <= 1;
   for (int y = top; y < bottom; ++y) {
-    if (isWhole(y)) rows[y].sides[0].length = rows[y].sides[1].length = 0;
+    if (isWhole(y)) {
+      rows[y].sides[0].length = rows[y].sides[1].length = 0;
+      ++lost;
+    }
     const auto& [left, right] = rows[y].sides;
     border->rows_[y] = {left.length, width - right.length};
     data += width - left.length - right.length;
@@ -270,6 +296,7 @@ std::shared_ptr<const ConstantBorder> ConstantBorder::Find(ImageReader& reader) 
   }
   const long long all = 1LL * width * height;
   if (all - data < kLeastPixels || static_cast<double>(data) < kLeastShare * static_cast<double>(all) ||
+      static_cast<double>(lost) > kMostLost * (bottom - top) || IsStriped(rows, top, bottom) ||
       (isThin && IsSmooth(rows, top, bottom)) || !IsStraight(rows, top, bottom)) {
     return none;
   }

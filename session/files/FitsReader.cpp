@@ -134,8 +134,8 @@ class FitsReader : public ImageReader {
       CheckSum();
       DropTableCards();
     }
-    info_.header.turned = RowsRunUp(info_.header, options.bySky) &&
-                          TurnRows(info_.header, {info_.width, info_.height, info_.planes});
+    info_.header.turned =
+        RowsRunUp(info_.header, false) && TurnRows(info_.header, {info_.width, info_.height, info_.planes});
   }
 
  protected:

@@ -277,8 +277,9 @@ Scale RangeOf16Bits::Get() const {
   constexpr double kLast = 65535;
   const double lowest = hasBlank_ ? 1 : 0;  // stored number
   if (min_ > max_) return {.hasBlank = hasBlank_};
+  // Others read integers of a BZERO of 32768 as they are stored, and blank pixels as 0.
+  if (whole_ && min_ >= 0 && max_ <= kLast - lowest) return {.zero = -lowest, .hasBlank = hasBlank_};
   if (whole_ && min_ >= lowest && max_ <= kLast) return {.hasBlank = hasBlank_};
-  if (whole_ && min_ >= 0 && max_ < kLast) return {.zero = -lowest, .hasBlank = hasBlank_};
   const double range = static_cast<double>(max_) - min_;
   const double step = range > 0 ? range / (kLast - lowest) : 1;
   return {step, min_ - lowest * step, hasBlank_};

@@ -110,9 +110,7 @@ struct ImageInfo {
 class ConstantBorder;
 
 struct ReadOptions {
-  std::string hdu;  ///< FITS: number (0 = primary) or EXTNAME; empty: the first image that has pixels
-  bool bySky =
-      false;  ///< FITS: rows whose order is not stated run as the sky of their world coordinates wants
+  std::string hdu;          ///< FITS: number (0 = primary) or EXTNAME; empty: the first image that has pixels
   bool lessBlack = false;   ///< camera raw: take the black level off; pixels may be negative then
   bool manyOpen = false;    ///< camera raw: keep the unpacked pixels in a temporary file
   bool lessBorder = false;  ///< what ConstantBorder finds is NaN
@@ -141,9 +139,8 @@ class ImageReader {
   const std::shared_ptr<const ConstantBorder>& Border() const { return border_; }
 
   /// Reads rows y0 to y0 + rows - 1 of all planes as physical values; planes[p] takes rows * width floats.
-  /// Rows count from the upper one of the upright picture: FITS files that are stored from the lowest up, as
-  /// ROWORDER tells or, where it is asked for, a sky that would be mirrored otherwise, are turned. Blank
-  /// pixels are NaN. Any order of y0 is allowed; upwards is fastest.
+  /// Rows count as they are stored, but from the upper one where ROWORDER tells that they are stored from the
+  /// lowest up. Blank pixels are NaN. Any order of y0 is allowed; upwards is fastest.
   /// @throws FileError on damaged data, std::out_of_range if the rows are not inside the image.
   void ReadRows(int y0, int rows, float* const* planes);
 

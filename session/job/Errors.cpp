@@ -8,7 +8,8 @@ namespace korimg::session {
 
 void ThrowOfFamily() {
   const auto noRoom = [] {
-    return Error(ErrorKind::Resource, "out of memory; lower --memory, so that large images go to temporary files");
+    return Error(ErrorKind::Resource,
+                 "out of memory; lower --memory, so that large images go to temporary files");
   };
   try {
     throw;

@@ -29,10 +29,10 @@ struct Event {
   };
 
   Kind kind = Note;
-  std::string text;                ///< one line for people; of Progress the title
-  std::string data = {};           ///< Result: the same for programs, an object of JSON in one line
-  long long step = 0, total = 0;   ///< Progress: so many of so many; a total of 0 ends it
-  std::string detail = {};         ///< Progress: stands in the place of "step of total", if any
+  std::string text;               ///< one line for people; of Progress the title
+  std::string data = {};          ///< Result: the same for programs, an object of JSON in one line
+  long long step = 0, total = 0;  ///< Progress: so many of so many; a total of 0 ends it
+  std::string detail = {};        ///< Progress: stands in the place of "step of total", if any
 };
 
 /// Takes the events of a job: one at a time, in their order, on whatever thread they come up on.
@@ -51,12 +51,12 @@ class CancelToken {
 };
 
 struct JobOptions {
-  Reporter report;                                                    ///< none: nobody listens
+  Reporter report;  ///< none: nobody listens
   std::shared_ptr<CancelToken> cancel = std::make_shared<CancelToken>();
-  long long memory = 0;    ///< bytes for pixels; 0 takes DefaultBudget()
-  bool overwrite = false;  ///< outputs may replace files
+  long long memory = 0;      ///< bytes for pixels; 0 takes DefaultBudget()
+  bool overwrite = false;    ///< outputs may replace files
   bool ownCaptions = false;  ///< operations show their own captions, in Japanese
-  std::string origin;      ///< what the work was called by, for headers and reports
+  std::string origin;        ///< what the work was called by, for headers and reports
 };
 
 /// One piece of work: a session, a recipe for some files. Jobs share nothing but the pipelines' pool of

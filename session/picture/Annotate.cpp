@@ -117,8 +117,10 @@ void Annotate(CVelImage& picture, const Annotations& annotations, const std::fil
       if (star.size() == 3 && star[2] < 0) {
         throw files::FileError(annotations.stars, fmt::format("a radius of {} is not possible", star[2]));
       }
+      const double y =
+          annotations.overturnedHeight > 0 ? annotations.overturnedHeight - 1 - star[1] : star[1];
       // The middle of a picture's pixel is that of its cell.
-      drawing.Circle((star[0] + 0.5) / binX - 0.5, (star[1] + 0.5) / binY - 0.5,
+      drawing.Circle((star[0] + 0.5) / binX - 0.5, (y + 0.5) / binY - 0.5,
                      star.size() == 3 ? star[2] / binX : drawing.Letters() / 2.0);
     }
   }

@@ -14,6 +14,8 @@ struct Annotations {
   std::string title;            ///< in the upper left corner; empty for none
   bool scaleBar = false;        ///< in the lower left corner, of a round length in the sky
   std::filesystem::path stars;  ///< list of "x y [radius]" in pixels of the image; empty for none
+  int overturnedHeight =
+      0;  ///< rows of an image that is drawn the other way round than its stars lie, else 0
 };
 
 /// What is drawn unless it is told: the name of the object, and a scale bar where the scale is known.

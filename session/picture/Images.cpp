@@ -273,8 +273,22 @@ void SaveImage(Job& job, CVelImage& image, const files::Header& header, const st
     scaled.scale = range.Get();
   }
   ImageSaver saver(job, path, ShapeOf(image), Levels(image), header, scaled);
-  ForBands(job, image, true, "writing " + path.filename().string(),
-           [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
+  const std::string title = "writing " + path.filename().string();
+  if (!IsFits(path) && files::IsPictureOverturned(header)) {
+    for (int y = image.GetHeight() - 1; y >= 0; --y) {
+      job.CheckCancelled();
+      job.Progress(title, image.GetHeight() - 1 - y, image.GetHeight());
+      const float* row[3] = {};
+      for (int p = 0; p < image.GetPlanes(); ++p) {
+        row[p] = image.GetLine(0, y, p);
+      }
+      saver.Write(1, row);
+    }
+    job.EndProgress();
+  } else {
+    ForBands(job, image, true, title,
+             [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
+  }
   saver.Commit();
 }
 

@@ -123,7 +123,8 @@ class PictureSaver {
   std::unique_ptr<files::ImageWriter> writer_;
 };
 
-/// PNG holds the image's own range where nobody chose its levels.
+/// PNG holds the image's own range where nobody chose its levels. TIFF and PNG are upright by the header's
+/// sky; FITS files lie as the image does.
 void SaveImage(Job& job, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
                const SaveOptions& options = {});
 void SavePicture(Job& job, CVelImage& image, const std::filesystem::path& path, int shrink,

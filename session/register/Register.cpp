@@ -1,13 +1,16 @@
 #include "session/register/Register.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <iterator>
 #include <numbers>
 #include <optional>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "korimg/image/internal/Lines.h"
 #include "korimg/image/internal/Numbers.h"
 
 namespace korimg::session {
@@ -125,6 +128,25 @@ bool CheckHalfTurns(const std::vector<FrameMeasure>& frames, std::vector<Registr
   return any;
 }
 
+/// A number that images of other pixels hardly share (FNV-1a, by lines).
+std::uint64_t DigestOf(CVelImage& image) {
+  constexpr std::uint64_t kStart = 14695981039346656037ULL, kFactor = 1099511628211ULL;
+  std::uint64_t digest = kStart;
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    for (const std::uint64_t line : MapLines(0, image.GetHeight(), [&](int y) {
+           const float* row = image.GetLine(0, y, p);
+           std::uint64_t sum = kStart;
+           for (int x = 0; x < image.GetWidth(); ++x) {
+             sum = (sum ^ std::bit_cast<std::uint32_t>(row[x])) * kFactor;
+           }
+           return sum;
+         })) {
+      digest = (digest ^ line) * kFactor;
+    }
+  }
+  return digest;
+}
+
 }  // namespace
 
 FrameMeasure MeasureFrame(CVelImage& image, double sigmas) {
@@ -139,7 +161,8 @@ FrameMeasure MeasureFrame(CVelImage& image, double sigmas) {
           finder.GetElongation(),
           count,
           CStarMatcher::Select(finder.GetStars()),
-          {}};
+          {},
+          DigestOf(image)};
 }
 
 std::pair<double, double> PlaceOf(const Registration& r, const FrameMeasure& frame, double x, double y) {
@@ -221,25 +244,86 @@ std::string ToJson(const Registration& registration) {
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
+namespace {
+
+/// Of the light of stars that two frames share.
+struct Ratio {
+  double value, error;  ///< the error is relative
+};
+
+/// The mean by errors, without what is further from it than errors let expect: variable stars, wrong pairs.
+std::optional<double> MeanRatio(std::vector<Ratio> ratios) {
+  constexpr double kFar = 4;  // errors
+  constexpr int kRounds = 5;
+  if (ratios.empty()) return std::nullopt;
+  std::sort(ratios.begin(), ratios.end(), [](const Ratio& a, const Ratio& b) { return a.value < b.value; });
+  const auto weight = [](const Ratio& r) { return 1 / (r.error * r.error); };
+  double all = 0, below = 0;
+  for (const Ratio& r : ratios) {
+    all += weight(r);
+  }
+  double mean = ratios.back().value;
+  for (const Ratio& r : ratios) {  // the median by weights
+    below += weight(r);
+    if (below < all / 2) continue;
+    mean = r.value;
+    break;
+  }
+  for (int round = 0; round < kRounds; ++round) {
+    double sum = 0, weights = 0;
+    for (const Ratio& r : ratios) {
+      if (std::abs(r.value / mean - 1) > kFar * r.error) continue;
+      sum += weight(r) * r.value;
+      weights += weight(r);
+    }
+    if (weights > 0) mean = sum / weights;
+  }
+  return mean;
+}
+
+}  // namespace
+
 void CompareFluxes(const std::vector<FrameMeasure>& frames, const FrameMeasure& reference,
                    std::vector<Registration>& registrations) {
-  constexpr double kNear = 1.5, kSnr = 20;  // pixels
-  constexpr size_t kLeast = 5;
-  const auto isGood = [](const CStar& star) { return star.flags == 0 && star.snr > kSnr; };
+  constexpr double kNear = 1.5;    // pixels
+  constexpr double kLeast = 0.01;  // relative error of the brightest stars, whose number counts
+  // Of faint stars a cloud leaves those that noise makes brighter: the brightest ones of the reference
+  // decide.
+  constexpr size_t kMost = 50;
+  const auto isGood = [](const CStar& star) { return star.flags == 0 && star.snr > 0 && star.flux > 0; };
+  std::vector<CStar> brightest;
+  std::copy_if(reference.stars.begin(), reference.stars.end(), std::back_inserter(brightest), isGood);
+  std::sort(brightest.begin(), brightest.end(),
+            [](const CStar& a, const CStar& b) { return a.flux > b.flux; });
   for (size_t i = 0; i < frames.size(); ++i) {
     if (!registrations[i].IsGood()) continue;
-    std::vector<double> ratios;
+    std::vector<std::pair<double, double>> places;
     for (const CStar& star : frames[i].stars) {
-      if (!isGood(star)) continue;
-      const auto [x, y] = PlaceOf(registrations[i], frames[i], star.x, star.y);
-      for (const CStar& other : reference.stars) {
-        if (isGood(other) && std::hypot(other.x - x, other.y - y) < kNear) {
-          ratios.push_back(star.flux / other.flux);
-          break;
+      places.push_back(PlaceOf(registrations[i], frames[i], star.x, star.y));
+    }
+    std::vector<Ratio> ratios;
+    for (const CStar& wanted : brightest) {
+      for (size_t k = 0; k < places.size() && ratios.size() < kMost; ++k) {
+        const CStar& star = frames[i].stars[k];
+        if (std::hypot(wanted.x - places[k].first, wanted.y - places[k].second) >= kNear) continue;
+        if (isGood(star)) {
+          ratios.push_back({star.flux / wanted.flux, std::hypot(1 / star.snr, 1 / wanted.snr, kLeast)});
         }
+        break;
       }
     }
-    if (ratios.size() >= kLeast) registrations[i].fluxRatio = UpperMedian(ratios);
+    registrations[i].fluxRatio = MeanRatio(std::move(ratios));
+  }
+  // What is found on a few frames of a disc is no star.
+  const auto count = [&](const auto& holds) {
+    return std::count_if(registrations.begin(), registrations.end(), holds);
+  };
+  if (2 * count([](const Registration& r) { return r.fluxRatio.has_value(); }) >
+      count([](const Registration& r) { return r.IsGood(); })) {
+    return;
+  }
+  for (Registration& registration : registrations) {
+    registration.fluxRatio.reset();
   }
 }
 

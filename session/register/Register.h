@@ -1,6 +1,7 @@
 // How frames lie on a reference: first by their stars, then by phase correlation. Nothing here reads files.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -24,6 +25,7 @@ struct FrameMeasure {
   int starCount = 0;                ///< found
   std::vector<CStar> stars;         ///< those that frames are matched by: 2000 at most
   std::string noData;               ///< for people: what of its edges was left out
+  std::uint64_t digest = 0;         ///< of its pixels: equal for copies
 };
 
 /// Finds and measures the stars of an image, `sigmas` above the sky.
@@ -42,9 +44,10 @@ struct Registration {
   double residual = 0;  ///< pixels, root mean square
   double fwhm = 0;      ///< pixels, of the frame's stars
   std::string method;   ///< "reference", "stars", "disc", "phase"
-  std::string status;   ///< "ok", "no stars", "no match", "mirrored", "residual too large"
-  std::string note;     ///< numbers and limits: of what is not ok why, else what few stars leave open
-  /// Of its stars' light to that of the same ones on the reference; none when too few are the same.
+  std::string
+      status;  ///< "ok", "no stars", "no match", "mirrored", "residual too large", "copy", "cannot be read"
+  std::string note;  ///< numbers and limits: of what is not ok why, else what few stars leave open
+  /// Of its stars' light to that of the same ones on the reference; none when none is the same.
   std::optional<double> fluxRatio = {};
 
   bool IsGood() const { return status == "ok"; }
@@ -95,9 +98,15 @@ bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<
                            const std::function<std::shared_ptr<CVelImage>(size_t)>& image);
 
 /// Fills in how much brighter the stars of registered frames are than the same ones of the reference: by
-/// transparency, exposure and gain. Stars that are saturated, blended, at an edge or faint do not count.
+/// transparency, exposure and gain. The brightest stars of the reference decide that are neither saturated,
+/// nor blended, nor at an edge, each by its signal to noise. Nothing is filled in unless most of the frames
+/// have such stars.
 void CompareFluxes(const std::vector<FrameMeasure>& frames, const FrameMeasure& reference,
                    std::vector<Registration>& registrations);
+
+/// Why a frame without a flux ratio cannot stand beside others that have one.
+inline constexpr const char* kNoCommonLight =
+    "no star to compare its light with the reference's by; --normalize level takes it as it is";
 
 /// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, fwhm, flux_ratio, method, status,
 /// note.

@@ -159,7 +159,7 @@ std::string Page(const Report& report) {
       "by</th>"
       "<th class=\"n\">dx</th><th class=\"n\">dy</th><th class=\"n\">degrees</th><th "
       "class=\"n\">residual</th>"
-      "<th class=\"n\">weight</th><th class=\"n\">rejected</th></tr>\n";
+      "<th class=\"n\">light</th><th class=\"n\">weight</th><th class=\"n\">rejected</th></tr>\n";
   for (const ReportFrame& frame : report.frames) {
     page +=
         fmt::format("<tr><td>{}</td><td>{}</td><td{}>{}</td><td>{}</td><td class=\"n\">{:.2g} %</td>",
@@ -174,7 +174,8 @@ std::string Page(const Report& report) {
             Cell(frame.sky, "{:.5g}") + Cell(frame.noise, "{:.4g}") +
             fmt::format("<td>{}</td>", Escaped(frame.method)) + Cell(frame.dx, "{:.2f}") +
             Cell(frame.dy, "{:.2f}") + Cell(frame.degrees, "{:.3f}") + Cell(frame.residual, "{:.3f}") +
-            Cell(frame.weight, "{:.2f}") + Cell(frame.rejected, "{:.3f} %") + "</tr>\n";
+            Cell(frame.light, "{:.3g}") + Cell(frame.weight, "{:.2f}") + Cell(frame.rejected, "{:.3f} %") +
+            "</tr>\n";
   }
   page += "</table></div>\n<h2>Plan</h2>\n" + Lines(report.plan);
   page += fmt::format(

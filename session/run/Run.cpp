@@ -1,7 +1,6 @@
 #include "session/run/Run.h"
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <exception>
 #include <map>
@@ -38,7 +37,6 @@ struct Progress {
   std::string error = "cannot be read";  ///< it could not be done at all
   Shape shape;
   double clipped = 0;
-  std::uint64_t digest = 0;                             ///< of its pixels
   std::shared_ptr<const files::ConstantBorder> border;  ///< of its file
   FrameMeasure measure;
   FrameLevels levels;
@@ -72,25 +70,6 @@ std::string FileWord(const std::string& text) {
     word += plain ? c : '_';
   }
   return word.empty() ? "none" : word;
-}
-
-/// A number that images of other pixels hardly share (FNV-1a, by lines).
-std::uint64_t DigestOf(CVelImage& image) {
-  constexpr std::uint64_t kStart = 14695981039346656037ULL, kFactor = 1099511628211ULL;
-  std::uint64_t digest = kStart;
-  for (int p = 0; p < image.GetPlanes(); ++p) {
-    for (const std::uint64_t line : MapLines(0, image.GetHeight(), [&](int y) {
-           const float* row = image.GetLine(0, y, p);
-           std::uint64_t sum = kStart;
-           for (int x = 0; x < image.GetWidth(); ++x) {
-             sum = (sum ^ std::bit_cast<std::uint32_t>(row[x])) * kFactor;
-           }
-           return sum;
-         })) {
-      digest = (digest ^ line) * kFactor;
-    }
-  }
-  return digest;
 }
 
 /// All of a light, calibrated and developed.
@@ -235,7 +214,6 @@ class Road {
           const auto image = LoadWhole(rows, job_.MakeStore());
           frame.shape = rows.Size();
           frame.clipped = rows.Clipped();
-          frame.digest = DigestOf(*image);
           frame.border = rows.Border();
           frame.measure = MeasureFrame(*image);
           frame.levels = MeasureLevels(*image);
@@ -259,7 +237,7 @@ class Road {
     std::map<std::uint64_t, const Progress*> first;
     for (Progress& frame : frames_) {
       if (!frame.IsMeasured() || !(frame.levels.noise[0] > 0)) continue;
-      const auto [same, isNew] = first.emplace(frame.digest, &frame);
+      const auto [same, isNew] = first.emplace(frame.measure.digest, &frame);
       if (!isNew) LeaveOut(frame, "is a copy of " + same->second->light->Name());
     }
   }
@@ -325,10 +303,16 @@ class Road {
         });
     RegisterThroughOthers(measures, registrations, [&](size_t k) { return image(frames_[numbers[k]])(); });
     CompareFluxes(measures, reference.measure, registrations);
+    const bool lightIsCompared = std::any_of(registrations.begin(), registrations.end(),
+                                             [](const Registration& r) { return r.fluxRatio.has_value(); });
     for (size_t k = 0; k < numbers.size(); ++k) {
       Progress& frame = frames_[numbers[k]];
       frame.registration = registrations[k];
       // Frames are brought to the reference by their sky and by the light of their stars.
+      if (options_.stack.normalise == "level+scale" && lightIsCompared && frame.registration.IsGood() &&
+          !frame.registration.fluxRatio) {
+        LeaveOut(frame, kNoCommonLight);
+      }
       std::fill(std::begin(frame.levels.spread), std::end(frame.levels.spread),
                 frame.registration.fluxRatio.value_or(1));
     }
@@ -402,8 +386,15 @@ class Road {
     size_t reference = 0;
     for (Progress* frame : target.frames) {
       if (!frame->IsUsed()) continue;
-      if (frame == &frames_[reference_]) reference = used.size();
       used.push_back(frame);
+    }
+    // The light of a filter is that of its clearest frame, unless it is the reference's own.
+    for (size_t i = 1; i < used.size(); ++i) {
+      const auto light = [&](size_t k) { return used[k]->registration.fluxRatio.value_or(0); };
+      if (light(i) > light(reference)) reference = i;
+    }
+    for (size_t i = 0; i < used.size(); ++i) {
+      if (used[i] == &frames_[reference_]) reference = i;
     }
     if (used.empty()) {
       job_.Fail(fmt::format("{}: no frame is left to stack", target.name));
@@ -456,18 +447,17 @@ class Road {
     for (const Progress* frame : used) {
       collected.Add(frame->light->frame.info.header);
     }
-    files::Header header = collected.Make();
+    files::Header header =
+        collected.Make(options_.stack.Options().normalisation == Normalisation::LevelAndScale);
     for (const std::string& line : History(used, target)) {
       header.AddHistory(line);
     }
     LevelForPreview(image, kPictureSide);
     SaveImage(job_, image, header, Path(target.name + ".fits"));
-    // Pictures are upright, as the sky is.
-    const bool overturned = files::IsPictureOverturned(header);
     const FrameMeasure measure = MeasureFrame(image);
-    if (overturned) TurnOver(image);
     SaveImage(job_, image, header, Path(target.name + "_float.tif"));
     SaveImage(job_, image, header, Path(target.name + "_16bit.tif"), {.integers = true});
+    if (files::IsPictureOverturned(header)) TurnOver(image);
     SavePicture(job_, image, Path(target.name + ".png"), 1);
 
     double exposure = 0;
@@ -549,12 +539,14 @@ class Road {
                    {"status", frame.status},
                    {"note", frame.isStacked ? r.note : ""},
                    {"weight", frame.weight},
-                   {"rejected", frame.rejected}});
+                   {"rejected", frame.rejected},
+                   {"flux_ratio", r.fluxRatio ? Json(*r.fluxRatio) : Json()}});
       const std::string line = fmt::format(
-          "{}: {} stars, FWHM {:.2f} px, dx {:.2f}, dy {:.2f}, {:.3f} degrees by {}; weight "
-          "{:.2f}, rejected {}{}",
-          frames_[i].light->Name(), m.starCount, m.fwhm, r.dx, r.dy, r.degrees, r.method, frame.weight,
-          Percent(frame.rejected), r.note.empty() ? "" : "; " + r.note);
+          "{}: {} stars, FWHM {:.2f} px, dx {:.2f}, dy {:.2f}, {:.3f} degrees by {}; light {:.3g} of the "
+          "reference's, weight {:.2f}, rejected {}{}",
+          frames_[i].light->Name(), m.starCount, m.fwhm, r.dx, r.dy, r.degrees, r.method,
+          r.fluxRatio.value_or(1), frame.weight, Percent(frame.rejected),
+          r.note.empty() ? "" : "; " + r.note);
       job_.Tell(Dump(json), frame.isStacked ? line : "");
     }
   }
@@ -570,6 +562,7 @@ class Road {
         row.clipped = frame.clipped;
         row.stars = frame.measure.starCount;
         row.sky = frame.measure.sky;
+        row.light = frame.registration.fluxRatio;
         row.noise = frame.measure.noise;
         if (frame.measure.starCount > 0) {
           row.fwhm = frame.measure.fwhm;

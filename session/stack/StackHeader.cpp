@@ -67,7 +67,7 @@ void StackHeader::Add(const files::Header& frame) {
   weights_ += weight;
 }
 
-files::Header StackHeader::Make() const {
+files::Header StackHeader::Make(bool scaled) const {
   files::Header header = header_;
   const auto differing = [&](const char* what, int known) {
     if (known > 0 && known < frames_) {
@@ -77,10 +77,12 @@ files::Header StackHeader::Make() const {
   if (withExposure_ > 0) {
     header.Set("LIVETIME", exposure_, "[s] exposure of all frames");
     header.Set("XPOSURE", exposure_, "[s] exposure of all frames");
-    header.Set("EXPTIME", exposure_ / withExposure_, "[s] mean exposure of a frame");
-    if (header.GetString("EXPOSURE")) {
-      header.Set("EXPOSURE", exposure_ / withExposure_, "[s] mean exposure of a frame");
-    }
+    const auto own = files::ExposureOf(header);
+    const double exposure = scaled && own ? *own : exposure_ / withExposure_;
+    const char* comment =
+        scaled ? "[s] exposure of the frame they are scaled to" : "[s] mean exposure of a frame";
+    header.Set("EXPTIME", exposure, comment);
+    if (header.GetString("EXPOSURE")) header.Set("EXPOSURE", exposure, comment);
   }
   if (withTime_ > 0) {
     for (const char* stale : {"TIME-OBS", "TIME-END", "JD", "UT"}) {

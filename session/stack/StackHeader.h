@@ -21,8 +21,9 @@ class StackHeader {
   /// mean exposure of a frame, LIVETIME and XPOSURE all of them, DATE-OBS and DATE-END the first start and
   /// the last end, DATE-AVG the middle weighted by exposure, and as much of DATE-BEG, MJD-... and TELAPSE as
   /// the reference has; STACKCNT and NCOMBINE the number of frames.
-  /// Keywords that differ between frames keep the reference's value and are named in HISTORY.
-  files::Header Make() const;
+  /// Keywords that differ between frames keep the reference's value and are named in HISTORY, and so does the
+  /// exposure of frames that were scaled to the light of the reference.
+  files::Header Make(bool scaled) const;
 
  private:
   files::Header header_;

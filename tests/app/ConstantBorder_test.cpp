@@ -55,6 +55,7 @@ TEST_F(ConstantBorderTest, IsWhatHoldsOneValueAtTheEdges) {
   const Mask none = [](int, int) { return false; };
   const Mask sides = [](int x, int y) { return x < 30 || x >= kWidth - 9 || y < 12; };
   const Mask column = [](int x, int) { return x == 0; };
+  const Mask strip = [](int, int y) { return y >= kHeight - 7; };
   const Mask half = [](int x, int) { return x < kWidth / 2; };
   struct Case {
     const char* name;
@@ -77,8 +78,10 @@ TEST_F(ConstantBorderTest, IsWhatHoldsOneValueAtTheEdges) {
       {"a sky of zeros", [](int, int x, int y) { return std::max(Star(x, y, 90, 70) - 1, 0.0); }, none},
       {"no noise", [](int, int x, int y) { return 100 + Star(x, y, 90, 70); }, none},
       {"a gradient without noise", [](int, int x, int) { return 100 + 3 * x; }, none},
+      {"stripes", [](int, int, int y) { return 1000 + 10 * (y / 2); }, none},
       {"another", [](int, int, int y) { return 100 + 3 * y; }, none},
       {"the highest value", Padded(sides, 65535), sides, "uint16"},
+      {"the highest value below", Padded(strip, 1e6), strip},
       {"a saturated glow",
        [&](int p, int x, int y) {
          return std::min(Padded(none, 0)(p, x, y) + 2e5 * std::exp(-x / 40.0), 65535.0);
@@ -89,6 +92,8 @@ TEST_F(ConstantBorderTest, IsWhatHoldsOneValueAtTheEdges) {
          return std::max(
              std::round(Sky(x, y, 3) - 200 - 2.0 * std::max(std::hypot(x - 110, y - 95) - 50, -20.0)), 0.0);
        },
+       none},
+      {"a dark clipped at its offset", [](int, int x, int y) { return x == 29 && y % 11 == 4 ? 900 : 512; },
        none},
       {"a lost line", [&](int p, int x, int y) { return y == 70 ? 0 : Padded(none, 0)(p, x, y); }, none},
   };
@@ -152,7 +157,8 @@ TEST_F(ConstantBorderTest, IsNoDataForStarsWeightsAndStacks) {
   }
   const Result stacked = Shell("korimg stack --json --weight noise --method mean -o stack.fits" + names);
   ASSERT_EQ(stacked.code, 0) << stacked.err;
-  for (const Json& frame : Json::parse(stacked.out)["frames"]) {
+  const Json told = Json::parse(stacked.out);
+  for (const Json& frame : told["frames"]) {
     EXPECT_GT(frame["weight"].get<double>(), 0.85) << frame;
   }
   const Planes stack = Read("stack.fits");

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <functional>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <jpeglib.h>
 
@@ -106,6 +107,36 @@ TEST_F(Render, SmallPicturesShowTheMeanOfWhatTheLevelsShow) {
   EXPECT_EQ(p[0][2 * 7 + 2], shown(15 * 400 + 800)) << "a star stays a point";
   EXPECT_EQ(p[0][1 * 7 + 5], shown(15 * 400)) << "a blank pixel is a black one";
   EXPECT_EQ(p[0][0], shown(12 * 400));
+}
+
+// Where only the sky tells that rows run up, pictures are turned, and circles are about the stars all the
+// same.
+TEST_F(Render, CirclesLieAboutStarsOfOverturnedImages) {
+  constexpr int kWidth = 200, kHeight = 161;
+  Save(
+      "a.fits", kWidth, kHeight, 1,
+      [](int, int x, int y) {
+        return 200 + 600 * std::exp(-(std::pow(x - 60.0, 2) + std::pow(y - 30.0, 2)) / 5);
+      },
+      SkyFromBelow());
+  WriteBytes(In("stars.txt"), "60 30 12\n");
+  for (const int bin : {1, 2}) {
+    const std::string scale = fmt::format(" --scale {} --level none --overwrite ", 1.0 / bin);
+    ASSERT_EQ(Shell("korimg render a.fits -o plain.png" + scale).code, 0);
+    ASSERT_EQ(Shell("korimg render a.fits -o ring.png --annotate --stars stars.txt" + scale).code, 0);
+    const Planes plain = Read("plain.png"), ring = Read("ring.png");
+    const int width = kWidth / bin;
+    double sx = 0, sy = 0, changed = 0;
+    for (size_t i = 0; i < plain[0].size(); ++i) {
+      if (plain[0][i] == ring[0][i]) continue;
+      ++changed, sx += static_cast<double>(i % width), sy += static_cast<double>(i / width);
+    }
+    const size_t peak = std::max_element(plain[0].begin(), plain[0].end()) - plain[0].begin();
+    EXPECT_NEAR(static_cast<double>(peak / width), (kHeight - 1 - 30.0) / bin, 1);
+    EXPECT_GT(changed, 20);
+    EXPECT_NEAR(sx / changed, static_cast<double>(peak % width), 1);
+    EXPECT_NEAR(sy / changed, static_cast<double>(peak / width), 1);
+  }
 }
 
 TEST_F(Render, AnnotationsChangeOnlyWhatIsNearThem) {

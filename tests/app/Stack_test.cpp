@@ -173,6 +173,11 @@ TEST_F(StackTest, FluxesOfTransformsAreTheScale) {
   EXPECT_NEAR(peak("--transforms t.jsonl"), 900, 10);
   EXPECT_NEAR(peak("--transforms t.jsonl --normalize level"), 675, 10);
   EXPECT_NEAR(peak(""), 675, 10);
+  // Light that is not known cannot stand beside light that is.
+  files::WriteBytes(In("t.jsonl"), line("0.fits", 1) +
+                                       json{{"file", "1.fits"}, {"dx", 0}, {"dy", 0}, {"degrees", 0}}.dump());
+  EXPECT_NEAR(peak("--transforms t.jsonl"), 900, 10);
+  EXPECT_NEAR(peak("--transforms t.jsonl --normalize level"), 675, 10);
   ASSERT_EQ(Shell("korimg stack 0.fits 1.fits --rejection-maps -o out.tif --memory 400K").code, 0);
   const Planes fits = Read("out.fits"), picture = Read("out.tif"), low = Read("out_low.tif");
   EXPECT_GT(picture[0][(kHeight - 1 - 20) * kWidth + 60], 600);

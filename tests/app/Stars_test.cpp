@@ -269,6 +269,49 @@ TEST_F(StarsTest, DoubtsAndRefusalsTellTheirNumbers) {
   EXPECT_EQ(registered(five, FrameOf(turned, 0, 0), 1).find("mirrored: its 5 stars"), 0u);
 }
 
+// Through clouds the brightest stars still tell how much light is left, though they are faint then.
+TEST_F(StarsTest, LightIsComparedByTheStarsThatFramesShare) {
+  std::vector<std::pair<double, double>> places;
+  for (int i = 0; i < 40; ++i) {
+    places.emplace_back(20 + i * 173 % 751, 30 + i * 211 % 541);
+  }
+  const session::FrameMeasure reference = FrameOf(places, 0, 0);
+  std::vector<session::FrameMeasure> frames = {reference};
+  const double transparencies[] = {1, 0.62, 0.2, 0.05};
+  for (const double transparency : transparencies) {
+    session::FrameMeasure frame = FrameOf(places, 7, -4);
+    for (size_t i = 0; i < frame.stars.size(); ++i) {
+      CStar& star = frame.stars[i];
+      star.snr = 100 * transparency;
+      // Errors as noise makes them, one star that has become brighter, and one that is none.
+      star.flux *= transparency * (1 + (static_cast<double>(i * 37 % 21) - 10) / 6 / star.snr);
+      if (i == 3) star.flux *= 3;
+      if (i == 5) star.flags = CStar::Saturated, star.flux = 1e6;
+    }
+    frames.push_back(frame);
+  }
+  frames.push_back(FrameOf({{3, 3}}, 0, 0));
+  std::vector<session::Registration> registrations(frames.size());
+  for (size_t i = 0; i < frames.size(); ++i) {
+    registrations[i].status = "ok";
+    if (i > 0) registrations[i].dx = -7, registrations[i].dy = 4;
+  }
+  session::CompareFluxes(frames, reference, registrations);
+  EXPECT_EQ(registrations[0].fluxRatio, 1);
+  for (size_t i = 0; i < std::size(transparencies); ++i) {
+    EXPECT_NEAR(registrations[i + 1].fluxRatio.value_or(0) / transparencies[i], 1, 0.005 / transparencies[i]);
+  }
+  EXPECT_FALSE(registrations.back().fluxRatio);
+  // What only few of the frames show is no star.
+  for (size_t i = 1; i + 2 < frames.size(); ++i) {
+    frames[i].stars.clear();
+  }
+  session::CompareFluxes(frames, reference, registrations);
+  for (const session::Registration& registration : registrations) {
+    EXPECT_FALSE(registration.fluxRatio);
+  }
+}
+
 // Frames beside one that its light turned over do not bear it out.
 TEST_F(StarsTest, HalfTurnsByLightAreCheckedByNeighbours) {
   const auto planet = [](double x, double y) {
@@ -357,9 +400,10 @@ TEST_F(StarsTest, FailuresSayWhatIsWrong) {
   const Result r = Shell("korimg register --json flat.fits missing.fits noise.fits");
   EXPECT_EQ(r.code, 1);
   EXPECT_NE(r.err.find("missing.fits: "), std::string::npos);
-  ASSERT_EQ(Lines(r.out).size(), 2u);
+  ASSERT_EQ(Lines(r.out).size(), 3u);
   EXPECT_EQ(Lines(r.out)[0]["method"], "reference");
   EXPECT_EQ(Lines(r.out)[1]["status"], "no stars");
+  EXPECT_EQ(Lines(r.out)[2]["status"], "cannot be read");
   EXPECT_EQ(Shell("korimg stars -o list.txt flat.fits noise.fits").code, 2);
   EXPECT_EQ(Shell("korimg stars -o list.txt flat.fits && korimg stars -o list.txt flat.fits").code, 1);
   EXPECT_EQ(Shell("korimg register --reference missing.fits flat.fits").code, 1);
@@ -368,6 +412,18 @@ TEST_F(StarsTest, FailuresSayWhatIsWrong) {
   EXPECT_EQ(folder.code, 1);
   EXPECT_NE(folder.err.find("1 of 2 frames lie on the reference, none but itself"), std::string::npos)
       << folder.err;
+  // One that cannot be read of four is a warning, for stacking too; a copy counts once.
+  ASSERT_EQ(Shell("korimg simulate night --frames 3 --size 400x300").code, 0);
+  WriteBytes(In("night/lights/x.fits"), ReadBytes(In("night/lights/light_0001.fits")).substr(0, 9000));
+  const Result most = Shell("korimg register night/lights -o t.json");
+  EXPECT_EQ(most.code, 0) << most.err;
+  EXPECT_NE(most.err.find("warning: night/lights/x.fits"), std::string::npos) << most.err;
+  std::filesystem::copy_file(In("night/lights/light_0002.fits"), In("night/lights/y.fits"));
+  ASSERT_EQ(Shell("korimg register night/lights -o t.json --overwrite").code, 0);
+  const Result stacked = Shell("korimg stack night/lights --transforms t.json -o s.fits");
+  EXPECT_EQ(stacked.code, 0) << stacked.err;
+  EXPECT_NE(stacked.err.find("y.fits: left out: copy: has the pixels of"), std::string::npos) << stacked.err;
+  EXPECT_EQ(ImageReader::Open(In("s.fits"))->Info().header.GetInt("NCOMBINE"), 3);
 }
 
 }  // namespace

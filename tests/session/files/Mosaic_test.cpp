@@ -7,6 +7,7 @@
 #include "korimg/raw/CImgInformation.h"
 
 #include "session/files/CameraName.h"
+#include "session/files/Geometry.h"
 #include "tests/support/Dng.h"
 #include "tests/support/Folder.h"
 #include "tests/support/Images.h"
@@ -255,20 +256,19 @@ TEST(RealRawFiles, DecodeToThePixelsOfTheirTwins) {
   const auto folder = data / "dslr-bayer-pair";
   for (const auto& [raw, fits] : {std::pair("frame1_0812_rewrapped.dng", "frame1_0812.fits"),
                                   {"frame2_0814_rewrapped.dng", "frame2_0814_wcs.fits"}}) {
-    const auto a = ImageReader::Open(folder / raw), b = ImageReader::Open(folder / fits, {.bySky = true});
+    const auto a = ImageReader::Open(folder / raw), b = ImageReader::Open(folder / fits);
     const Planes upright = ReadAll(*a, 100), stored = ReadAll(*b, 100);
     const int width = b->Info().width, height = b->Info().height;
     ASSERT_EQ(a->Info().height, height);
     // Rows are stored from the lowest up, which the world coordinates of one of them tell.
-    const bool turned = b->Info().header.turned;
-    EXPECT_EQ(turned, std::string(fits).find("wcs") != std::string::npos);
+    EXPECT_EQ(IsPictureOverturned(b->Info().header), std::string(fits).find("wcs") != std::string::npos);
     for (int y = 0; y < height; ++y) {
-      const auto row = stored[0].begin() + static_cast<std::ptrdiff_t>(turned ? y : height - 1 - y) * width;
+      const auto row = stored[0].begin() + static_cast<std::ptrdiff_t>(height - 1 - y) * width;
       ASSERT_TRUE(std::equal(row, row + width, upright[0].begin() + static_cast<std::ptrdiff_t>(y) * width))
           << y;
     }
     EXPECT_EQ(FindMosaic(a->Info()).name, "RGGB");
-    EXPECT_EQ(FindMosaic(b->Info()).name, turned ? "RGGB" : "GBRG");
+    EXPECT_EQ(FindMosaic(b->Info()).name, "GBRG");
     EXPECT_EQ(a->Info().camera->black[3], 2048);
   }
   int decoded = 0;
