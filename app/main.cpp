@@ -54,9 +54,9 @@ int main(int argc, char** argv) {
   tool.job.options.origin = CommandLine(argc, argv);
   try {
     return Run(argc, argv, tool);
-  } catch (const Cancelled&) {
+  } catch (const Cancelled& cancelled) {
     files::RemovePartialFiles();
-    tool.console.Error("cancelled; nothing unfinished was left behind");
+    tool.console.Error(cancelled.what());
     return kCancelled;
   } catch (const UsageError& error) {
     tool.console.Error(error.what());

@@ -35,10 +35,11 @@ class UsageError : public Error {
   explicit UsageError(const std::string& text) : Error(ErrorKind::Usage, text) {}
 };
 
-/// The job's cancel token was used.
+/// The job's cancel token was used. The text says what is left of the work.
 class Cancelled : public Error {
  public:
-  Cancelled() : Error(ErrorKind::Cancelled, "cancelled") {}
+  explicit Cancelled(const std::string& text = "cancelled; nothing unfinished was left behind")
+      : Error(ErrorKind::Cancelled, text) {}
 };
 
 /// Turns what is being handled into one of the family: the library's thrown pointers and what memory that

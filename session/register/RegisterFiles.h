@@ -1,0 +1,35 @@
+// How the frames of files lie on a reference.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "session/job/Job.h"
+#include "session/register/Register.h"
+
+namespace korimg::session {
+
+struct RegisterOptions {
+  std::vector<std::filesystem::path> files;  ///< or folders of files
+  std::string reference = "auto";            ///< an image, or the sharpest of the frames
+  std::string hdu;                           ///< FITS: number or name of the extension that is read
+  double sigmas = 5;                         ///< of the sky's noise, that stars exceed
+  double residual = 1;                       ///< pixels that stars may be off by in the mean
+};
+
+struct RegisterResult {
+  std::filesystem::path reference;
+  FrameMeasure measure;              ///< of the reference
+  std::vector<Registration> frames;  ///< one for each file; those that could not be read come last
+};
+
+/// Finds the stars of frames and lays each on the reference. The job has failed when less than half of them
+/// lie on it, or none but itself.
+/// @throws FileError for a reference that cannot be read.
+RegisterResult RegisterFiles(Job& job, const RegisterOptions& options);
+
+/// Writes them as Transforms reads them, one a line. Throws FileError.
+void WriteRegistrations(const std::filesystem::path& path, const std::vector<Registration>& registrations);
+
+}  // namespace korimg::session

@@ -1,0 +1,47 @@
+// Stacks of files.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "session/stack/StackChoices.h"
+
+namespace korimg::session {
+
+struct StackFilesOptions : StackChoices {
+  std::vector<std::filesystem::path> frames;  ///< or folders of frames
+  std::filesystem::path output;               ///< FITS, TIFF or PNG, by its extension
+  std::filesystem::path transforms;           ///< as WriteRegistrations writes them; empty: frames lie still
+  std::filesystem::path reference;            ///< gives header and sky; empty: the first that lies still
+  std::string bits = "float";                 ///< or "16"
+  bool maps = false;                          ///< of rejection: OUTPUT_low and OUTPUT_high too
+  bool resume = false;                        ///< goes on with what a killed run of the same options left
+};
+
+struct StackedFrame {
+  std::filesystem::path file;
+  double weight = 0;
+  std::optional<double> fluxRatio;          ///< of its stars to those of the transforms' reference
+  double covers = 0;                        ///< share of the stack
+  double rejectedLow = 0, rejectedHigh = 0;  ///< shares of its pixels
+};
+
+struct StackResult {
+  std::vector<std::filesystem::path> outputs;  ///< the stack, and the maps if any
+  std::vector<StackedFrame> frames;
+  std::vector<std::pair<std::filesystem::path, std::string>> leftOut;  ///< and why
+  int bands = 0;
+};
+
+/// Stacks frames of one size and kind. Files that cannot be read, or that the transforms say are of no use, are
+/// left out; the job has failed when these are more than half.
+/// @throws FileError, UsageError when no frame is left, Cancelled.
+StackResult StackFiles(Job& job, const StackFilesOptions& options);
+
+/// Tells what StackFiles would do. Writes nothing.
+void PlanStackFiles(Job& job, const StackFilesOptions& options);
+
+}  // namespace korimg::session
