@@ -1,6 +1,6 @@
 // The journal of a stack that was killed: bands that were written, and a file that was damaged since or never
 // was one.
-#include "session/stack/Journal.h"
+#include "session/stack/internal/Journal.h"
 
 #include <algorithm>
 #include <cstring>

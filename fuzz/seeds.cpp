@@ -10,7 +10,7 @@
 
 #include "fuzz/Support.h"
 #include "session/operations/Operations.h"
-#include "session/stack/Journal.h"
+#include "session/stack/internal/Journal.h"
 #include "tests/support/Dng.h"
 
 using namespace korimg;

@@ -1,5 +1,5 @@
 // Registration files, as `--transforms` takes them.
-#include "session/stack/Transforms.h"
+#include "session/stack/internal/Transforms.h"
 
 #include <cmath>
 

@@ -4,9 +4,9 @@
 
 #include <fmt/format.h>
 
-#include "session/calibrate/Session.h"
+#include "session/calibrate/internal/Session.h"
 #include "session/files/Geometry.h"
-#include "session/job/SideBySide.h"
+#include "session/job/internal/SideBySide.h"
 #include "session/picture/AutoPicture.h"
 
 namespace korimg::session {

@@ -5,6 +5,7 @@
 #include <optional>
 #include <vector>
 
+#include "session/Export.h"
 #include "session/develop/Develop.h"
 
 namespace korimg::session {
@@ -43,9 +44,9 @@ struct CalibratedLight {
 /// comes off flats that have no dark of their own exposure, and off lights when there are no darks. A light
 /// that cannot be done is an error of its own; anything wrong with calibration frames or outputs ends the
 /// call before anything is written.
-std::vector<CalibratedLight> Calibrate(Job& job, const CalibrateOptions& options);
+KORIMG_SESSION_API std::vector<CalibratedLight> Calibrate(Job& job, const CalibrateOptions& options);
 
 /// Tells what Calibrate would do: groups of frames, and what serves each light. Writes nothing.
-std::vector<CalibratedLight> PlanCalibration(Job& job, const CalibrateOptions& options);
+KORIMG_SESSION_API std::vector<CalibratedLight> PlanCalibration(Job& job, const CalibrateOptions& options);
 
 }  // namespace korimg::session

@@ -10,7 +10,7 @@
 #include <fmt/format.h>
 
 #include "session/files/Text.h"
-#include "session/files/Times.h"
+#include "session/files/internal/Times.h"
 
 namespace korimg::session {
 

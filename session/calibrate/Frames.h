@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "session/Export.h"
 #include "session/files/ImageFile.h"
 #include "session/job/Job.h"
 
@@ -19,7 +20,7 @@ struct Frame {
 };
 
 /// Calibration frames that belong together: taken by the same camera in the same way.
-struct Group {
+struct KORIMG_SESSION_API Group {
   FrameKind kind;
   std::string name;  ///< of their master, as in "master_dark_120s"
   std::vector<Frame> frames;
@@ -46,32 +47,34 @@ struct Match {
 };
 
 /// Reads the header of an image file.
-Frame ReadFrame(const std::filesystem::path& path);
+KORIMG_SESSION_API Frame ReadFrame(const std::filesystem::path& path);
 
 /// Files as they are, and folders as the image files in them, in the order of their names. A folder is read
 /// as frames of one kind: pictures (PNG, TIFF) beside FITS or camera raw files, and folders of frames in it,
 /// are left out, and told of.
 /// @throws FileError for a folder without images, or with several kinds of frames.
-std::vector<std::filesystem::path> ExpandFolders(Job& job, const std::vector<std::filesystem::path>& paths);
+KORIMG_SESSION_API std::vector<std::filesystem::path> ExpandFolders(
+    Job& job, const std::vector<std::filesystem::path>& paths);
 
 /// A frame that cannot be read is left out with a warning, unless no other is left. Parts frames by size,
 /// camera, binning, gain, offset and readout mode; darks and biases by temperature; darks by exposure; flats
 /// by filter.
-std::vector<Group> MakeGroups(Job& job, FrameKind kind, const std::vector<std::filesystem::path>& paths);
+KORIMG_SESSION_API std::vector<Group> MakeGroups(Job& job, FrameKind kind,
+                                                 const std::vector<std::filesystem::path>& paths);
 
 /// The group with the fewest mismatches, and of these the one nearest in temperature.
-Match FindMatch(const std::vector<Group>& groups, const Frame& frame);
+KORIMG_SESSION_API Match FindMatch(const std::vector<Group>& groups, const Frame& frame);
 
 /// The filter that a frame was taken through, by FILTER or FILTER1; empty where neither says one.
-std::string FilterOf(const files::Header& header);
+KORIMG_SESSION_API std::string FilterOf(const files::Header& header);
 
 /// A name without blanks and in lower case, as names are compared.
-std::string FoldedName(std::string name);
+KORIMG_SESSION_API std::string FoldedName(std::string name);
 
 /// Refuses files whose results would have the same name.
-void CheckStems(const std::vector<std::filesystem::path>& paths);
+KORIMG_SESSION_API void CheckStems(const std::vector<std::filesystem::path>& paths);
 
 /// A file's name without the extensions of images and packers.
-std::string StemOf(const std::filesystem::path& path);
+KORIMG_SESSION_API std::string StemOf(const std::filesystem::path& path);
 
 }  // namespace korimg::session

@@ -5,6 +5,7 @@
 
 #include "korimg/image/CVelImage.h"
 
+#include "session/Export.h"
 #include "session/calibrate/Frames.h"
 #include "session/job/Job.h"
 
@@ -20,7 +21,7 @@ struct Measures {
   explicit Measures(CVelImage& image);
 };
 
-struct Master {
+struct KORIMG_SESSION_API Master {
   const Group* group = nullptr;
   const Master* offset = nullptr;  ///< of flats: the bias or dark that came off each frame
   std::unique_ptr<CVelImage> image;
@@ -39,8 +40,8 @@ double ShareBelow(CVelImage& image, float value);
 /// Makes the master of a group in bounded memory: a single frame as it is, else the median of all. Flats have
 /// `offset`, which may be null, taken off and are brought to one mean before; the colours of a mosaic, which
 /// they name or are told to be, are brought to one mean after.
-Master MakeMaster(Job& job, const std::shared_ptr<CVmManager>& store, const Group& group,
-                  const Master* offset, bool mosaic = false);
+KORIMG_SESSION_API Master MakeMaster(Job& job, const std::shared_ptr<CVmManager>& store, const Group& group,
+                                     const Master* offset, bool mosaic = false);
 
 /// Writes a master with the first frame's header and its history.
 void SaveMaster(Job& job, Master& master, const std::filesystem::path& path);

@@ -1,4 +1,4 @@
-#include "session/calibrate/Session.h"
+#include "session/calibrate/internal/Session.h"
 
 #include <algorithm>
 #include <cmath>
@@ -16,7 +16,7 @@
 #include "session/files/Formats.h"
 #include "session/files/Gain.h"
 #include "session/files/Geometry.h"
-#include "session/files/Times.h"
+#include "session/files/internal/Times.h"
 
 namespace korimg::session {
 

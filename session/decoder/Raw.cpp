@@ -10,7 +10,7 @@
 #include <libraw/libraw.h>
 
 #include "session/decoder/Sessions.h"
-#include "session/files/CameraName.h"
+#include "session/files/internal/CameraName.h"
 
 namespace korimg::decoder {
 namespace {

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "session/files/Packets.h"
+#include "session/files/internal/Packets.h"
 
 namespace korimg::decoder {
 

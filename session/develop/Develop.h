@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "session/Export.h"
 #include "session/files/Mosaic.h"
 #include "session/picture/Images.h"
 
@@ -29,30 +30,31 @@ struct WhiteBalance {
 };
 
 /// @throws UsageError for a white balance that is neither a known word nor four positive numbers.
-void CheckWhiteBalance(const std::string& wanted);
+KORIMG_SESSION_API void CheckWhiteBalance(const std::string& wanted);
 
 /// True when the colours of a mosaic show in the rows of a file: cells of 2 x 2 whose places have medians
 /// that differ by half of their pixels' noise and more, but those of one diagonal much less.
-bool PhasesDiffer(files::ImageReader& reader);
+KORIMG_SESSION_API bool PhasesDiffer(files::ImageReader& reader);
 
 /// The mosaic of an image; when the file says nothing else, by its camera's name, if its colours show.
-files::Mosaic MosaicOf(const files::ImageInfo& info, const files::MosaicOptions& options);
+KORIMG_SESSION_API files::Mosaic MosaicOf(const files::ImageInfo& info, const files::MosaicOptions& options);
 
 /// The mosaic of an image, also by its camera's name when the file says nothing else.
 /// @throws FileError when there is none, or one that cannot be developed.
-files::Mosaic RequireMosaic(const files::ImageInfo& info, const files::MosaicOptions& options);
+KORIMG_SESSION_API files::Mosaic RequireMosaic(const files::ImageInfo& info,
+                                               const files::MosaicOptions& options);
 
 /// White balance as wanted: "auto" takes the camera's gains where the file has them, else the medians of the
 /// image, which must be free of its offset; it is not looked at otherwise, and may be null then.
 /// @throws FileError when the camera's gains are wanted and not known.
-WhiteBalance ChooseWhiteBalance(CVelImage* image, const files::ImageInfo& info, const files::Mosaic& mosaic,
-                                const std::string& wanted);
+KORIMG_SESSION_API WhiteBalance ChooseWhiteBalance(CVelImage* image, const files::ImageInfo& info,
+                                                   const files::Mosaic& mosaic, const std::string& wanted);
 
 /// True when ChooseWhiteBalance wants to see the image.
-bool NeedsMedians(const files::ImageInfo& info, const std::string& wanted);
+KORIMG_SESSION_API bool NeedsMedians(const files::ImageInfo& info, const std::string& wanted);
 
 /// Where the pixels to be developed come from: an image, or a file that is open.
-struct MosaicSource {
+struct KORIMG_SESSION_API MosaicSource {
   Shape shape;
   Levels levels;  ///< black is 0
   std::shared_ptr<CVmManager> store;
@@ -64,7 +66,7 @@ struct MosaicSource {
 
 /// The development of a mosaic by bands of rows: the colour image is never held as a whole. Pixels that have
 /// colours already only get their white balance.
-class Development {
+class KORIMG_SESSION_API Development {
  public:
   /// Takes note of what will be done in the header, which loses the keywords of the mosaic.
   /// @throws FileError when the image is too small, or of no use for the options.
@@ -94,9 +96,10 @@ class Development {
 
 /// Writes what development gives into an image file, and a small picture where one is wanted. `change` works
 /// on each band before. A band is written while the next one is developed.
-void SaveDeveloped(Job& job, Development& development, const files::Header& header, const Levels& levels,
-                   const Levels& pictureLevels, const std::filesystem::path& output, const SaveOptions& save,
-                   const std::optional<std::filesystem::path>& preview, int side,
-                   const std::function<void(CVelImage&)>& change);
+KORIMG_SESSION_API void SaveDeveloped(Job& job, Development& development, const files::Header& header,
+                                      const Levels& levels, const Levels& pictureLevels,
+                                      const std::filesystem::path& output, const SaveOptions& save,
+                                      const std::optional<std::filesystem::path>& preview, int side,
+                                      const std::function<void(CVelImage&)>& change);
 
 }  // namespace korimg::session

@@ -1,4 +1,4 @@
-#include "session/files/CameraName.h"
+#include "session/files/internal/CameraName.h"
 
 #include <algorithm>
 #include <array>

@@ -1,9 +1,10 @@
-#include "session/files/Decoder.h"
+#include "session/files/internal/Decoder.h"
 
 #include <csignal>
 #include <list>
 #include <mutex>
 
+#include <dlfcn.h>
 #include <fmt/format.h>
 #include <spawn.h>
 #include <sys/mman.h>
@@ -27,13 +28,18 @@ std::pair<FileDescriptor, FileDescriptor> Connection(const fs::path& shown) {
   return {FileDescriptor(ends[0]), FileDescriptor(ends[1])};
 }
 
-/// Where korimg-decoder lies: beside the program, in a build's folder of it, or as it is installed.
+/// Where korimg-decoder lies: beside the program or the library, in a build's folder of them, or as it is
+/// installed.
 fs::path Program(const fs::path& shown) {
   std::error_code error;
   const fs::path here = fs::read_symlink("/proc/self/exe", error).parent_path();
-  for (const char* folder : {"", "../libexec/korimg", "../app"}) {
-    const fs::path program = here / folder / "korimg-decoder";
-    if (access(program.c_str(), X_OK) == 0) return program;
+  Dl_info own{};
+  const bool known = dladdr(reinterpret_cast<const void*>(&Program), &own) != 0 && own.dli_fname != nullptr;
+  for (const fs::path& place : {here, known ? fs::path(own.dli_fname).parent_path() : here}) {
+    for (const char* folder : {"", "../libexec/korimg", "../../libexec/korimg", "../app"}) {
+      const fs::path program = place / folder / "korimg-decoder";
+      if (access(program.c_str(), X_OK) == 0) return program;
+    }
   }
   throw FileError(
       shown, fmt::format("cannot be decoded without the program korimg-decoder, which belongs into {} or "

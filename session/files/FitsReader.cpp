@@ -13,8 +13,8 @@
 #include <unistd.h>
 #include <zlib.h>
 
-#include "session/files/Decoder.h"
 #include "session/files/Geometry.h"
+#include "session/files/internal/Decoder.h"
 
 namespace korimg::files {
 

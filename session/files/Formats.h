@@ -12,6 +12,7 @@
 #include <string>
 #include <utility>
 
+#include "session/Export.h"
 #include "session/files/ImageFile.h"
 
 namespace korimg::files {
@@ -78,7 +79,7 @@ class File {
 };
 
 /// A file that vanishes with this object, or with RemovePartialFiles(), unless it was renamed.
-class TransientFile {
+class KORIMG_SESSION_API TransientFile {
  public:
   explicit TransientFile(const std::filesystem::path& path);
   ~TransientFile();
@@ -99,7 +100,7 @@ class TransientFile {
 File TemporaryFile(const std::filesystem::path& shown);
 
 /// "<name>.part" beside a file to be written.
-std::filesystem::path PartialName(const std::filesystem::path& path);
+KORIMG_SESSION_API std::filesystem::path PartialName(const std::filesystem::path& path);
 
 /// Headers and data of FITS files take whole blocks of so many bytes.
 constexpr std::uint64_t kFitsBlock = 2880;

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "session/Export.h"
 #include "session/files/ImageFile.h"
 
 namespace korimg::files {
@@ -16,6 +17,6 @@ struct Gain {
 /// NCOMBINE, since a mean of so many frames has their photons. `noise`, the deviation of a pixel of the sky,
 /// tells when values were brought to another scale since: there is no less of it than hundredths of an
 /// electron.
-Gain FindGain(const Header& header, double noise);
+KORIMG_SESSION_API Gain FindGain(const Header& header, double noise);
 
 }  // namespace korimg::files

@@ -3,13 +3,14 @@
 
 #include <optional>
 
+#include "session/Export.h"
 #include "session/files/ImageFile.h"
 
 namespace korimg::files {
 
 /// Where source pixel (x, y) goes: (xx x + xy y + tx, yx x + yy y + ty). Positions are 0-based, whole at the
 /// pixels' centres, y downward as the rows are stored.
-struct AffineMap {
+struct KORIMG_SESSION_API AffineMap {
   double xx = 1, xy = 0, yx = 0, yy = 1;
   double tx = 0, ty = 0;
 
@@ -41,15 +42,15 @@ struct ImageSize {
 
 /// True where the rows of a FITS file are stored from the lowest up: by ROWORDER; where it says nothing and
 /// bySky is set, by world coordinates of a sky that would be mirrored from the highest down.
-bool RowsRunUp(const Header& header, bool bySky);
+KORIMG_SESSION_API bool RowsRunUp(const Header& header, bool bySky);
 
 /// An image with this header makes a picture that is upside down: its rows lie as they are stored, from the
 /// lowest up by its sky.
-bool IsPictureOverturned(const Header& header);
+KORIMG_SESSION_API bool IsPictureOverturned(const Header& header);
 
 /// True when an image must be turned over to lie as the one that it serves does: frames that do not both
 /// state their order are taken as stored in one.
-bool LiesOverturned(const Header& served, const Header& other);
+KORIMG_SESSION_API bool LiesOverturned(const Header& served, const Header& other);
 
 /// Brings a header along with rows whose order is turned over. A stated ROWORDER stays, and with it the
 /// pattern of a mosaic, which is that of the upright picture. False, and nothing done, for a mosaic that
@@ -61,6 +62,6 @@ bool LiesOverturned(const Header& served, const Header& other);
 [[nodiscard]] bool DropWorldCoordinates(Header& header, const ImageSize& before, const std::string& reason);
 
 /// Seconds of arc for a pixel: by the world coordinates, by SCALE or PIXSCALE, or by FOCALLEN and XPIXSZ.
-std::optional<double> PixelScale(const Header& header);
+KORIMG_SESSION_API std::optional<double> PixelScale(const Header& header);
 
 }  // namespace korimg::files

@@ -16,9 +16,9 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include "session/files/ConstantBorder.h"
 #include "session/files/Formats.h"
 #include "session/files/Text.h"
+#include "session/files/internal/ConstantBorder.h"
 
 namespace korimg::files {
 

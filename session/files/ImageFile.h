@@ -12,19 +12,20 @@
 #include <string_view>
 #include <vector>
 
+#include "session/Export.h"
 #include "session/job/Errors.h"
 
 namespace korimg::files {
 
 /// Whatever goes wrong with a file. The text is one line, "<path>: <what is wrong and what to do>".
-class FileError : public session::Error {
+class KORIMG_SESSION_API FileError : public session::Error {
  public:
   FileError(const std::filesystem::path& path, std::string_view what);
 };
 
 /// The cards of a FITS header in their order, kept as they were read: duplicates, HIERARCH, CONTINUE, COMMENT
 /// and HISTORY included. Names longer than 8 characters mean HIERARCH cards ("ESO DET DIT").
-struct Header {
+struct KORIMG_SESSION_API Header {
   std::vector<std::string> cards;  ///< 80 characters each, without END
   /// The rows of its FITS file are stored from the lowest up. Pixels are read and written upright: what cards
   /// say of places (world coordinates, the phase of a mosaic) is brought along, ROWORDER stays as stated.
@@ -68,7 +69,7 @@ struct CameraRaw {
 };
 
 /// How stored numbers stand for raw values: raw value = zero + step * stored number.
-struct Scale {
+struct KORIMG_SESSION_API Scale {
   double step = 1, zero = 0;
   bool hasBlank = false;  ///< 0 is stored for pixels that are no numbers, and for no others
 
@@ -80,7 +81,7 @@ struct Scale {
 
 /// Finds the scale on which 16 bits hold an image: whole numbers from 0 to 65535 stay as they are, others
 /// take the image's own range. Where pixels are no numbers these get 0, and the others what is above it.
-class RangeOf16Bits {
+class KORIMG_SESSION_API RangeOf16Bits {
  public:
   /// Takes pixels. Those that are no finite numbers are passed over.
   void Add(const float* pixels, std::size_t count);
@@ -123,7 +124,7 @@ constexpr int kMaxSide = 1'000'000;
 /// An image open for reading. Memory use is a few rows, whatever the size of the image; exceptions are the
 /// strips or tiles of a compressed TIFF or FITS file, interlaced PNG, and camera raw. Readers of different
 /// files may work in different threads.
-class ImageReader {
+class KORIMG_SESSION_API ImageReader {
  public:
   /// Opens a file by its content, not by its name. FITS may be packed by gzip (it is unpacked to a temporary
   /// file) or tile-compressed; TIFF and PNG may be gray or colour, further channels are left out. Camera raw
@@ -168,7 +169,7 @@ struct WriteOptions {
 
 /// An image being written: to "<name>.part" beside the final name, which it takes in Commit(). Without
 /// Commit() the destructor removes it.
-class ImageWriter {
+class KORIMG_SESSION_API ImageWriter {
  public:
   /// The format follows the extension, in any case: .fits .fit .fts, .tif .tiff, .png, .jpg .jpeg.
   /// @throws FileError on another extension or type, an existing file without `overwrite`, a disk without
@@ -209,13 +210,13 @@ class ImageWriter {
 };
 
 /// A file name's extension in lower case, with its dot.
-std::string LowerExtension(const std::filesystem::path& path);
+KORIMG_SESSION_API std::string LowerExtension(const std::filesystem::path& path);
 
 /// A file name that cameras give to raw files. Many of these are TIFF files by their first bytes.
-bool HasRawExtension(const std::filesystem::path& path);
+KORIMG_SESSION_API bool HasRawExtension(const std::filesystem::path& path);
 
 /// Removes the unfinished files of all writers. Calls nothing but unlink(): made for handlers of SIGINT and
 /// SIGTERM.
-void RemovePartialFiles() noexcept;
+KORIMG_SESSION_API void RemovePartialFiles() noexcept;
 
 }  // namespace korimg::files

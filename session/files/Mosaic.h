@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "session/Export.h"
 #include "session/files/ImageFile.h"
 
 namespace korimg::files {
@@ -19,10 +20,10 @@ struct BayerLayout {
 };
 
 /// The CFA number of the first two stored rows: 1 RGGB, 2 GRBG, 3 BGGR, 4 GBRG.
-int CfaNumber(const BayerLayout& layout);
+KORIMG_SESSION_API int CfaNumber(const BayerLayout& layout);
 
 /// 1 to 4 for "RGGB", "GRBG", "BGGR" and "GBRG" in any case; else 0.
-int CfaNumber(std::string_view pattern);
+KORIMG_SESSION_API int CfaNumber(std::string_view pattern);
 
 /// "RGGB" and so on for 1 to 4.
 const char* CfaName(int number);
@@ -44,9 +45,9 @@ struct MosaicOptions {
 /// Finds the mosaic by BAYERPAT or COLORTYP, XBAYROFF, YBAYROFF and ROWORDER; by a FILTER that names a
 /// pattern. Without ROWORDER, rows are top-down where BAYERPAT is given, as capture programs write both so,
 /// and bottom-up, as the standard has it, otherwise.
-Mosaic FindMosaic(const ImageInfo& info, const MosaicOptions& options = {});
+KORIMG_SESSION_API Mosaic FindMosaic(const ImageInfo& info, const MosaicOptions& options = {});
 
 /// Takes the keywords of a mosaic out of the header of an image that was developed.
-void RemoveMosaic(Header& header);
+KORIMG_SESSION_API void RemoveMosaic(Header& header);
 
 }  // namespace korimg::files

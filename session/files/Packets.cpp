@@ -1,4 +1,4 @@
-#include "session/files/Packets.h"
+#include "session/files/internal/Packets.h"
 
 #include <cerrno>
 #include <cstring>

@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 
-#include "session/files/Decoder.h"
+#include "session/files/internal/Decoder.h"
 
 namespace korimg::files {
 namespace {

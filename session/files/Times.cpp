@@ -1,4 +1,4 @@
-#include "session/files/Times.h"
+#include "session/files/internal/Times.h"
 
 #include <chrono>
 #include <cmath>

@@ -5,6 +5,8 @@
 #include <string>
 #include <utility>
 
+#include "session/Export.h"
+
 namespace korimg::session {
 
 enum class ErrorKind {
@@ -15,7 +17,7 @@ enum class ErrorKind {
   Internal    ///< nobody's fault but ours
 };
 
-class Error : public std::runtime_error {
+class KORIMG_SESSION_API Error : public std::runtime_error {
  public:
   /// `subject` is the file or the argument that it is about; empty where there is none.
   Error(ErrorKind kind, const std::string& text, std::string subject = "")
@@ -30,13 +32,13 @@ class Error : public std::runtime_error {
 };
 
 /// The call itself is wrong. The text says what to write instead.
-class UsageError : public Error {
+class KORIMG_SESSION_API UsageError : public Error {
  public:
   explicit UsageError(const std::string& text) : Error(ErrorKind::Usage, text) {}
 };
 
 /// The job's cancel token was used. The text says what is left of the work.
-class Cancelled : public Error {
+class KORIMG_SESSION_API Cancelled : public Error {
  public:
   explicit Cancelled(const std::string& text = "cancelled; nothing unfinished was left behind")
       : Error(ErrorKind::Cancelled, text) {}
@@ -45,6 +47,6 @@ class Cancelled : public Error {
 /// Turns what is being handled into one of the family: the library's thrown pointers and what memory that
 /// cannot be had throws become errors of resources, everything foreign an internal one. To be called in a
 /// catch block; rethrows.
-[[noreturn]] void ThrowOfFamily();
+[[noreturn]] KORIMG_SESSION_API void ThrowOfFamily();
 
 }  // namespace korimg::session

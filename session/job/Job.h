@@ -13,6 +13,7 @@
 #include "korimg/image/CVmManager.h"
 #include "korimg/platform/Messages.h"
 
+#include "session/Export.h"
 #include "session/job/Errors.h"
 
 namespace korimg::session {
@@ -39,7 +40,7 @@ struct Event {
 using Reporter = std::function<void(const Event&)>;
 
 /// Stops the jobs that share it at their next step.
-class CancelToken {
+class KORIMG_SESSION_API CancelToken {
  public:
   virtual ~CancelToken() = default;
   /// Any thread may call it, and handlers of signals.
@@ -61,7 +62,7 @@ struct JobOptions {
 
 /// One piece of work: a session, a recipe for some files. Jobs share nothing but the pipelines' pool of
 /// threads: several may run in one process, each within its own memory.
-class Job {
+class KORIMG_SESSION_API Job {
  public:
   explicit Job(JobOptions options = {});
   ~Job();
@@ -118,15 +119,15 @@ class Job {
 };
 
 /// Bytes of "200M", "1.5G", "4096". Throws UsageError.
-long long ParseSize(const std::string& text);
+KORIMG_SESSION_API long long ParseSize(const std::string& text);
 
 /// The number that a text is, the whole of it.
-std::optional<double> ToNumber(const std::string& text);
+KORIMG_SESSION_API std::optional<double> ToNumber(const std::string& text);
 
 /// A share for people, as in "1.25 %".
-std::string Percent(double share);
+KORIMG_SESSION_API std::string Percent(double share);
 
 /// Bytes of memory that this process held at most.
-long long PeakMemory();
+KORIMG_SESSION_API long long PeakMemory();
 
 }  // namespace korimg::session

@@ -6,7 +6,7 @@
 #include "korimg/platform/Debug.h"
 
 #include "session/files/ImageFile.h"
-#include "session/operations/Polygon.h"
+#include "session/operations/internal/Polygon.h"
 #include "session/picture/Images.h"
 
 namespace korimg::session {

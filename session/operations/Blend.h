@@ -7,12 +7,13 @@
 #include "korimg/image/CImageSelection.h"
 #include "korimg/image/CVelImage.h"
 
+#include "session/Export.h"
 #include "session/files/ImageFile.h"
 #include "session/job/Job.h"
 
 namespace korimg::session {
 
-struct BlendOptions {
+struct KORIMG_SESSION_API BlendOptions {
   std::string mask, selection;  ///< files; empty for none
   bool maskReverse = false, selectionReverse = false;
 
@@ -23,7 +24,7 @@ struct BlendOptions {
 
 /// Blends what operations made of an image with the image as it was: by plane 0 of a mask, from nothing of
 /// the result at its black to all at its white, and within a selection.
-class Blend {
+class KORIMG_SESSION_API Blend {
  public:
   /// Reads mask and selection, and copies the image. A rectangle, null for the whole image, says where pixels
   /// may change. Throws FileError for files that do not fit the image.

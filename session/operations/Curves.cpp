@@ -1,4 +1,4 @@
-#include "session/operations/Curves.h"
+#include "session/operations/internal/Curves.h"
 
 #include <algorithm>
 

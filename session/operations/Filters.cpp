@@ -1,4 +1,4 @@
-#include "session/operations/Filters.h"
+#include "session/operations/internal/Filters.h"
 
 #include <algorithm>
 #include <cmath>

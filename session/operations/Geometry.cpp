@@ -1,4 +1,4 @@
-#include "session/operations/Geometry.h"
+#include "session/operations/internal/Geometry.h"
 
 #include <algorithm>
 #include <cmath>

@@ -12,9 +12,9 @@
 #include "korimg/levels/CImgAutoLevel.h"
 
 #include "session/files/ImageFile.h"
-#include "session/operations/Curves.h"
-#include "session/operations/Filters.h"
-#include "session/operations/Geometry.h"
+#include "session/operations/internal/Curves.h"
+#include "session/operations/internal/Filters.h"
+#include "session/operations/internal/Geometry.h"
 
 namespace korimg::session {
 namespace {

@@ -10,6 +10,7 @@
 
 #include "korimg/image/CVelImage.h"
 
+#include "session/Export.h"
 #include "session/files/ImageFile.h"
 #include "session/job/Job.h"
 
@@ -60,26 +61,27 @@ struct Operation {
 };
 
 /// All operations, by name.
-const std::vector<Operation>& Operations();
+KORIMG_SESSION_API const std::vector<Operation>& Operations();
 
 /// The operation of that name. Throws UsageError with the nearest names.
-const Operation& FindOperation(const std::string& name);
+KORIMG_SESSION_API const Operation& FindOperation(const std::string& name);
 
 /// One operation of an apply call, with its parameters.
-struct Step {
+struct KORIMG_SESSION_API Step {
   const Operation* operation;
   std::map<std::string, std::string> values;  ///< those given
   std::string Text() const;                   ///< "bright bright=10"
 };
 
 /// Reads LEFT,TOP,RIGHT,BOTTOM; right and bottom are exclusive. Throws UsageError, also for an empty one.
-CRect ParseRect(const std::string& text);
+KORIMG_SESSION_API CRect ParseRect(const std::string& text);
 
 /// Checks a value against its parameter. Throws UsageError that names both.
-void CheckValue(const Operation& operation, const Parameter& parameter, const std::string& value);
+KORIMG_SESSION_API void CheckValue(const Operation& operation, const Parameter& parameter,
+                                   const std::string& value);
 
 /// What an operation runs on.
-class Call {
+class KORIMG_SESSION_API Call {
  public:
   Call(Job& job, const Step& step, std::unique_ptr<CVelImage>& image, files::Header& header, CRect* rect)
       : job(job), image(image), header(header), rect(rect), step_(step) {}

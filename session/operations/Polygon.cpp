@@ -1,4 +1,4 @@
-#include "session/operations/Polygon.h"
+#include "session/operations/internal/Polygon.h"
 
 #include <algorithm>
 #include <cmath>
@@ -8,7 +8,7 @@
 #include <fmt/format.h>
 
 #include "session/files/ImageFile.h"
-#include "session/files/NumberLines.h"
+#include "session/operations/internal/NumberLines.h"
 
 namespace korimg::session {
 namespace {

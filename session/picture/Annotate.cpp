@@ -11,7 +11,7 @@
 #include "korimg/platform/Debug.h"
 
 #include "session/files/Geometry.h"
-#include "session/files/NumberLines.h"
+#include "session/operations/internal/NumberLines.h"
 
 namespace korimg::session {
 namespace {

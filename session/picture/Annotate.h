@@ -6,6 +6,7 @@
 
 #include "korimg/image/CVelImage.h"
 
+#include "session/Export.h"
 #include "session/files/ImageFile.h"
 
 namespace korimg::session {
@@ -19,12 +20,13 @@ struct Annotations {
 };
 
 /// What is drawn unless it is told: the name of the object, and a scale bar where the scale is known.
-Annotations DefaultAnnotations(const files::Header& header);
+KORIMG_SESSION_API Annotations DefaultAnnotations(const files::Header& header);
 
 /// Draws into a picture of which each pixel stands for binX x binY pixels of the image that the header tells
 /// of. Colour pictures are drawn into in yellow, mono ones in white. Throws FileError that names the list of
 /// stars, or `input` when a scale bar is wanted and its header does not say the scale.
-void Annotate(CVelImage& picture, const Annotations& annotations, const std::filesystem::path& input,
-              const files::Header& header, int binX, int binY);
+KORIMG_SESSION_API void Annotate(CVelImage& picture, const Annotations& annotations,
+                                 const std::filesystem::path& input, const files::Header& header, int binX,
+                                 int binY);
 
 }  // namespace korimg::session

@@ -12,11 +12,11 @@
 #include "korimg/image/CImgCalculation.h"
 #include "korimg/platform/Debug.h"
 
-#include "session/files/CameraName.h"
 #include "session/files/Formats.h"
 #include "session/files/Geometry.h"
 #include "session/files/Mosaic.h"
-#include "session/files/Times.h"
+#include "session/files/internal/CameraName.h"
+#include "session/files/internal/Times.h"
 
 namespace korimg::session {
 namespace {

@@ -8,16 +8,17 @@
 
 #include "korimg/image/CVelImage.h"
 
+#include "session/Export.h"
 #include "session/files/ImageFile.h"
 #include "session/job/Job.h"
 
 namespace korimg::session {
 
 /// Bytes of an image in a store.
-long long BytesOf(const files::ImageInfo& info);
+KORIMG_SESSION_API long long BytesOf(const files::ImageInfo& info);
 
 /// Rows of a band of about 4 MiB.
-int BandRows(int width, int planes, int height);
+KORIMG_SESSION_API int BandRows(int width, int planes, int height);
 
 /// An image with what its file said.
 struct LoadedImage {
@@ -27,27 +28,30 @@ struct LoadedImage {
 
 /// Reads a file into a store. Levels come from the keywords KORLMIN1..3 and KORLMAX1..3, else from what a
 /// camera raw file says, else from the type of integers, else from the extremes of the pixels.
-LoadedImage LoadImage(Job& job, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
-                      const files::ReadOptions& options = {});
+KORIMG_SESSION_API LoadedImage LoadImage(Job& job, const std::shared_ptr<CVmManager>& store,
+                                         const std::filesystem::path& path,
+                                         const files::ReadOptions& options = {});
 
 /// Gives the pixels of a file the levels that LoadImage does; `lessBlack` as they were read.
-void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack);
+KORIMG_SESSION_API void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack);
 
 /// Turns an image over, upside down.
-void TurnOver(CVelImage& image);
+KORIMG_SESSION_API void TurnOver(CVelImage& image);
 
 /// The image of a file, in the same store as another, of the same size and lying as it does. `user` is what
 /// wants it. Throws FileError with both sizes.
-std::unique_ptr<CVelImage> LoadSameSize(Job& job, const CVelImage& image, const files::Header& header,
-                                        const std::filesystem::path& path, const std::string& user);
+KORIMG_SESSION_API std::unique_ptr<CVelImage> LoadSameSize(Job& job, const CVelImage& image,
+                                                           const files::Header& header,
+                                                           const std::filesystem::path& path,
+                                                           const std::string& user);
 
 /// What a file says of camera and exposure.
-void ReadHeader(const files::ImageInfo& info, CHeader& camera);
+KORIMG_SESSION_API void ReadHeader(const files::ImageInfo& info, CHeader& camera);
 
 enum class Calculation : int { Add = 0, Subtract = 1, Multiply = 2, Divide = 3 };
 
 /// Calculates with all pixels of an image, in place.
-void Calculate(CVelImage& image, Calculation operation, double value);
+KORIMG_SESSION_API void Calculate(CVelImage& image, Calculation operation, double value);
 
 struct SaveOptions {
   bool integers = false;  ///< 16-bit values in place of floats, for FITS and TIFF
@@ -56,7 +60,7 @@ struct SaveOptions {
 };
 
 /// What an image's pixels mean on a picture, by plane.
-struct Levels {
+struct KORIMG_SESSION_API Levels {
   double min[3] = {}, max[3] = {};
 
   Levels() = default;
@@ -69,17 +73,17 @@ struct Shape {
 };
 
 /// Gives a file its final name. Throws FileError when a pipeline has failed.
-void CommitComputed(files::ImageWriter& writer);
+KORIMG_SESSION_API void CommitComputed(files::ImageWriter& writer);
 
-bool IsFits(const std::filesystem::path& path);
+KORIMG_SESSION_API bool IsFits(const std::filesystem::path& path);
 
 /// PNG has 16 bits, whatever is asked for.
-bool IsPng(const std::filesystem::path& path);
+KORIMG_SESSION_API bool IsPng(const std::filesystem::path& path);
 
 /// An image being written with a header, its levels as keywords. PNG holds 16-bit values from black to white
 /// by the levels, unless integers are asked for; FITS and TIFF hold raw values. What 16 bits stand for is
 /// written into the file.
-class ImageSaver {
+class KORIMG_SESSION_API ImageSaver {
  public:
   ImageSaver(Job& job, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
              const files::Header& header, const SaveOptions& options = {});
@@ -99,7 +103,7 @@ class ImageSaver {
 /// An 8-bit picture being written by levels, made smaller by a whole number of pixels: each of its pixels is
 /// the mean of what the levels show, so that a bright star stays a point. An overturned one has its last row
 /// at the top, and is held in memory until it is complete.
-class PictureSaver {
+class KORIMG_SESSION_API PictureSaver {
  public:
   PictureSaver(Job& job, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
                int shrink, bool overturned = false);
@@ -125,14 +129,14 @@ class PictureSaver {
 
 /// PNG holds the image's own range where nobody chose its levels. TIFF and PNG are upright by the header's
 /// sky; FITS files lie as the image does.
-void SaveImage(Job& job, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
-               const SaveOptions& options = {});
-void SavePicture(Job& job, CVelImage& image, const std::filesystem::path& path, int shrink,
-                 bool overturned = false);
+KORIMG_SESSION_API void SaveImage(Job& job, CVelImage& image, const files::Header& header,
+                                  const std::filesystem::path& path, const SaveOptions& options = {});
+KORIMG_SESSION_API void SavePicture(Job& job, CVelImage& image, const std::filesystem::path& path, int shrink,
+                                    bool overturned = false);
 /// A JPEG of an image by its levels, in memory.
-std::string JpegOf(Job& job, CVelImage& image, int shrink);
+KORIMG_SESSION_API std::string JpegOf(Job& job, CVelImage& image, int shrink);
 
 /// The whole number that brings a picture to at most `side` pixels.
-int ShrinkTo(const Shape& shape, int side);
+KORIMG_SESSION_API int ShrinkTo(const Shape& shape, int side);
 
 }  // namespace korimg::session

@@ -15,6 +15,8 @@
 #include "korimg/measurement/CPhaseMatcher.h"
 #include "korimg/measurement/CStarMatcher.h"
 
+#include "session/Export.h"
+
 namespace korimg::session {
 
 /// What is kept of a frame once its pixels are gone.
@@ -29,11 +31,11 @@ struct FrameMeasure {
 };
 
 /// Finds and measures the stars of an image, `sigmas` above the sky.
-FrameMeasure MeasureFrame(CVelImage& image, double sigmas = 5);
+KORIMG_SESSION_API FrameMeasure MeasureFrame(CVelImage& image, double sigmas = 5);
 
 /// The frame that others are best laid on: of those with half as many stars as the richest one, or more, that
 /// of the smallest FWHM; the first when no frame has any star. There must be a frame.
-size_t ChooseReference(const std::vector<FrameMeasure>& frames);
+KORIMG_SESSION_API size_t ChooseReference(const std::vector<FrameMeasure>& frames);
 
 /// How a frame comes to lie on the reference, in the terms of CImgComposit::Do: shifts in pixels and degrees
 /// about the middle, clockwise on the screen.
@@ -56,17 +58,17 @@ struct Registration {
 };
 
 /// Where a position of a frame comes to lie on the reference.
-std::pair<double, double> PlaceOf(const Registration& registration, const FrameMeasure& frame, double x,
-                                  double y);
+KORIMG_SESSION_API std::pair<double, double> PlaceOf(const Registration& registration,
+                                                     const FrameMeasure& frame, double x, double y);
 
 /// The registration of the reference itself.
-Registration ReferenceRegistration(const FrameMeasure& reference);
+KORIMG_SESSION_API Registration ReferenceRegistration(const FrameMeasure& reference);
 
 /// Gives an image again whose pixels were let go, and keeps what it needs to live.
 using ImageSource = std::function<std::shared_ptr<CVelImage>()>;
 
 /// Lays frames on a reference. Any number of threads may call it at once.
-class Registrar {
+class KORIMG_SESSION_API Registrar {
  public:
   /// The image of the reference is only asked for by the first frame whose stars do not match: discs are laid
   /// on each other by their middles, and everything else by phase correlation. Stars may be
@@ -94,15 +96,16 @@ class Registrar {
 /// frames, five at most by their stars, and the nearest one by its light too. A frame that its light turns
 /// over between others that are not turned is compared with the nearest of these, which has to bear it out.
 /// `image` gives the image of a frame again. One registration for each frame; false when none was found.
-bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,
-                           const std::function<std::shared_ptr<CVelImage>(size_t)>& image);
+KORIMG_SESSION_API bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames,
+                                              std::vector<Registration>& registrations,
+                                              const std::function<std::shared_ptr<CVelImage>(size_t)>& image);
 
 /// Fills in how much brighter the stars of registered frames are than the same ones of the reference: by
 /// transparency, exposure and gain. The brightest stars of the reference decide that are neither saturated,
 /// nor blended, nor at an edge, each by its signal to noise. Nothing is filled in unless most of the frames
 /// have such stars.
-void CompareFluxes(const std::vector<FrameMeasure>& frames, const FrameMeasure& reference,
-                   std::vector<Registration>& registrations);
+KORIMG_SESSION_API void CompareFluxes(const std::vector<FrameMeasure>& frames, const FrameMeasure& reference,
+                                      std::vector<Registration>& registrations);
 
 /// Why a frame without a flux ratio cannot stand beside others that have one.
 inline constexpr const char* kNoCommonLight =
@@ -110,6 +113,6 @@ inline constexpr const char* kNoCommonLight =
 
 /// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, fwhm, flux_ratio, method, status,
 /// note.
-std::string ToJson(const Registration& registration);
+KORIMG_SESSION_API std::string ToJson(const Registration& registration);
 
 }  // namespace korimg::session

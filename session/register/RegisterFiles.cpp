@@ -8,7 +8,7 @@
 
 #include "session/calibrate/Frames.h"
 #include "session/files/Formats.h"
-#include "session/job/SideBySide.h"
+#include "session/job/internal/SideBySide.h"
 #include "session/picture/Images.h"
 
 namespace korimg::session {
@@ -45,11 +45,11 @@ void CheckShare(Job& job, const std::vector<Registration>& registrations, size_t
   const auto count = [&](const auto& holds) {
     return static_cast<size_t>(std::count_if(registrations.begin(), registrations.end(), holds));
   };
-  const size_t good = count([](const Registration& r) { return r.IsGood(); }),
-               matched = count([](const Registration& r) { return r.IsGood() && r.method != "reference"; });
+  const size_t good = count([](const Registration&r) { return r.IsGood(); }),
+               matched = count([](const Registration&r) { return r.IsGood() && r.method != "reference"; });
   if (2 * good >= all && (matched > 0 || good == all)) return;
   job.Fail(fmt::format("{} of {} frames lie on the reference{}", good, all,
-                            matched > 0 ? ", less than half" : ", none but itself"));
+                       matched > 0 ? ", less than half" : ", none but itself"));
 }
 
 }  // namespace
@@ -98,7 +98,7 @@ RegisterResult RegisterFiles(Job& job, const RegisterOptions& options) {
     reference = measure(referenceFile);
   }
   job.Say(fmt::format("reference: {}, FWHM {:.2f}, {} stars", referenceFile.string(), reference.fwhm,
-                           reference.starCount));
+                      reference.starCount));
 
   Registrar registrar(
       reference, [&] { return load(referenceFile); }, options.residual);

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "session/Export.h"
 #include "session/job/Job.h"
 #include "session/register/Register.h"
 
@@ -27,9 +28,10 @@ struct RegisterResult {
 /// Finds the stars of frames and lays each on the reference. The job has failed when less than half of them
 /// lie on it, or none but itself.
 /// @throws FileError for a reference that cannot be read.
-RegisterResult RegisterFiles(Job& job, const RegisterOptions& options);
+KORIMG_SESSION_API RegisterResult RegisterFiles(Job& job, const RegisterOptions& options);
 
 /// Writes them as Transforms reads them, one a line. Throws FileError.
-void WriteRegistrations(const std::filesystem::path& path, const std::vector<Registration>& registrations);
+KORIMG_SESSION_API void WriteRegistrations(const std::filesystem::path& path,
+                                           const std::vector<Registration>& registrations);
 
 }  // namespace korimg::session

@@ -1,4 +1,4 @@
-#include "session/run/Report.h"
+#include "session/run/internal/Report.h"
 
 #include <algorithm>
 #include <fstream>

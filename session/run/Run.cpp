@@ -12,15 +12,15 @@
 #include "korimg/image/internal/Numbers.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
-#include "session/calibrate/Session.h"
-#include "session/files/ConstantBorder.h"
+#include "session/calibrate/internal/Session.h"
 #include "session/files/Geometry.h"
-#include "session/files/Times.h"
-#include "session/job/SideBySide.h"
+#include "session/files/internal/ConstantBorder.h"
+#include "session/files/internal/Times.h"
+#include "session/job/internal/SideBySide.h"
 #include "session/picture/AutoPicture.h"
 #include "session/register/Register.h"
-#include "session/run/Report.h"
-#include "session/stack/StackHeader.h"
+#include "session/run/internal/Report.h"
+#include "session/stack/internal/StackHeader.h"
 
 namespace korimg::session {
 

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 
+#include "session/Export.h"
 #include "session/calibrate/Calibrate.h"
 #include "session/register/Register.h"
 #include "session/stack/StackChoices.h"
@@ -56,9 +57,9 @@ struct RunResult {
 /// says why; copies count once. The job has failed when a stack holds less than half of its lights. What ends
 /// the run leaves no outputs.
 /// @throws FileError when calibration frames or outputs are wrong, or no frame is left.
-RunResult Run(Job& job, const RunOptions& options);
+KORIMG_SESSION_API RunResult Run(Job& job, const RunOptions& options);
 
 /// Tells what Run would do: groups of frames, what serves each light, stacks. Writes nothing.
-void PlanRun(Job& job, const RunOptions& options);
+KORIMG_SESSION_API void PlanRun(Job& job, const RunOptions& options);
 
 }  // namespace korimg::session

@@ -14,7 +14,7 @@
 
 #include "session/files/Formats.h"
 #include "session/files/ImageFile.h"
-#include "session/simulate/Random.h"
+#include "session/simulate/internal/Random.h"
 
 namespace korimg {
 

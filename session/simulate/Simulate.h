@@ -6,6 +6,8 @@
 #include <functional>
 #include <string>
 
+#include "session/Export.h"
+
 namespace korimg {
 
 struct SimulateOptions {
@@ -25,6 +27,6 @@ struct SimulateOptions {
 /// words.
 /// @return false if cancelled: files made so far stay, without truth.json.
 /// @throws std::invalid_argument for options out of range, files::FileError if a file cannot be written.
-bool Simulate(const std::filesystem::path& folder, const SimulateOptions& options);
+KORIMG_SESSION_API bool Simulate(const std::filesystem::path& folder, const SimulateOptions& options);
 
 }  // namespace korimg

@@ -1,4 +1,4 @@
-#include "session/stack/Journal.h"
+#include "session/stack/internal/Journal.h"
 
 #include <cerrno>
 #include <cstring>

@@ -17,7 +17,7 @@
 
 #include "korimg/platform/CParallel.h"
 
-#include "session/job/SideBySide.h"
+#include "session/job/internal/SideBySide.h"
 
 namespace korimg::session {
 namespace {

@@ -11,6 +11,7 @@
 #include "korimg/composite/stacking/FrameLevels.h"
 #include "korimg/geometry/CInterp.h"
 
+#include "session/Export.h"
 #include "session/picture/Images.h"
 
 namespace korimg::session {
@@ -53,7 +54,7 @@ struct StackBand {
 };
 
 /// How a stack is cut into bands.
-struct StackPlan {
+struct KORIMG_SESSION_API StackPlan {
   int rows = 0, bands = 0;
   long long storeBytes = 0;  ///< values and flags of all frames for a band
   long long totalBytes = 0;  ///< with the rows that are read, the result's and the work space
@@ -62,33 +63,35 @@ struct StackPlan {
 };
 
 /// Bytes that a stack takes unless told otherwise: bands larger than that are no faster.
-long long DefaultStackMemory(const Job& job);
+KORIMG_SESSION_API long long DefaultStackMemory(const Job& job);
 
 /// The bands by the memory rule: frames x (rows + 1) x width x planes x 8 bytes, and what is held beside
 /// them.
 /// @throws std::runtime_error when not even bands of one row fit.
-StackPlan PlanStack(const std::vector<StackInput>& inputs, const Shape& shape, const StackOptions& options);
+KORIMG_SESSION_API StackPlan PlanStack(const std::vector<StackInput>& inputs, const Shape& shape,
+                                       const StackOptions& options);
 
 /// Stacks the frames on the grid of the one numbered `reference`, which normalising goes by too, from row
 /// `y0` on. Calls sink for the bands in order; frames are read a few at a time. The result does not depend on
 /// bands or threads.
 /// @throws Cancelled, and what reading and the sink throw.
-void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const StackOptions& options,
-           int y0, const std::function<void(const StackBand&)>& sink);
+KORIMG_SESSION_API void Stack(Job& job, const std::vector<StackInput>& inputs, int reference,
+                              const StackOptions& options, int y0,
+                              const std::function<void(const StackBand&)>& sink);
 
 /// Some rows of a frame, spread evenly over it: enough to measure it by.
-std::unique_ptr<CVelImage> SampleInput(const StackInput& input);
+KORIMG_SESSION_API std::unique_ptr<CVelImage> SampleInput(const StackInput& input);
 
 /// Measures a frame for normalising and weights, by such rows.
-FrameLevels MeasureInput(const StackInput& input);
+KORIMG_SESSION_API FrameLevels MeasureInput(const StackInput& input);
 
 /// Refuses frames whose numbers cannot be on the reference's scale: floats from 0 to 1 beside those of a
 /// camera. A camera's own frames, of whatever exposure, do not differ so much in their noise.
 /// @throws FileError that names the frame and the noise of both.
-void CheckScales(const std::vector<StackInput>& inputs, int reference);
+KORIMG_SESSION_API void CheckScales(const std::vector<StackInput>& inputs, int reference);
 
 /// Weights by the noise of all planes, as normalising leaves it: one over its square. The best frame has 1.
-std::vector<double> NoiseWeights(const std::vector<StackInput>& inputs, int reference,
-                                 Normalisation normalisation);
+KORIMG_SESSION_API std::vector<double> NoiseWeights(const std::vector<StackInput>& inputs, int reference,
+                                                    Normalisation normalisation);
 
 }  // namespace korimg::session

@@ -11,16 +11,16 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "session/calibrate/Frames.h"
-#include "session/files/ConstantBorder.h"
 #include "session/files/Geometry.h"
 #include "session/files/Mosaic.h"
+#include "session/files/internal/ConstantBorder.h"
 #include "session/job/Json.h"
-#include "session/job/SideBySide.h"
+#include "session/job/internal/SideBySide.h"
 #include "session/picture/Images.h"
 #include "session/register/Register.h"
-#include "session/stack/Journal.h"
-#include "session/stack/StackHeader.h"
-#include "session/stack/Transforms.h"
+#include "session/stack/internal/Journal.h"
+#include "session/stack/internal/StackHeader.h"
+#include "session/stack/internal/Transforms.h"
 
 namespace korimg::session {
 
@@ -166,7 +166,8 @@ class Sources {
 
 class StackRun {
  public:
-  StackRun(Job& job, const StackFilesOptions& options) : job_(job), options_(options), sources_(job, options) {
+  StackRun(Job& job, const StackFilesOptions& options)
+      : job_(job), options_(options), sources_(job, options) {
     options_.Settle(sources_.HaveFluxes());
     stack_ = options_.Options();
     stack_.rejectionMaps = options.maps;
@@ -181,8 +182,8 @@ class StackRun {
     plan_ = PlanStack(inputs_, shape_, stack_);
     const Source& reference = sources_.Used()[sources_.Reference()];
     job_.Say(fmt::format("{} frames of {} x {}{}, reference {}: {}", inputs_.size(), shape_.width,
-                              shape_.height, shape_.planes > 1 ? " in colour" : "",
-                              reference.path.filename().string(), plan_.Text()));
+                         shape_.height, shape_.planes > 1 ? " in colour" : "",
+                         reference.path.filename().string(), plan_.Text()));
     for (const auto& [path, status] : sources_.LeftOut()) {
       job_.Warn(fmt::format("{}: left out: {}", path.string(), status));
     }
@@ -196,12 +197,12 @@ class StackRun {
   /// The plan for programs.
   void TellPlan() {
     job_.Tell(Dump({{"output", options_.output.string()},
-                         {"frames", inputs_.size()},
-                         {"reference", sources_.Used()[sources_.Reference()].path.string()},
-                         {"left_out", LeftOut(sources_.LeftOut())},
-                         {"bands", plan_.bands},
-                         {"memory_bytes", plan_.totalBytes}}),
-                   "");
+                    {"frames", inputs_.size()},
+                    {"reference", sources_.Used()[sources_.Reference()].path.string()},
+                    {"left_out", LeftOut(sources_.LeftOut())},
+                    {"bands", plan_.bands},
+                    {"memory_bytes", plan_.totalBytes}}),
+              "");
   }
 
   StackResult Work() {
@@ -210,7 +211,7 @@ class StackRun {
                     options_.resume ? Journal::Kept : Journal::Passing);
     if (journal.WasOther()) {
       job_.Warn(fmt::format("{}.resume: made from other frames or options; beginning anew",
-                                 options_.output.string()));
+                            options_.output.string()));
     }
     if (journal.Rows() > 0) {
       job_.Say(fmt::format("going on at row {} of {}", journal.Rows(), shape_.height));
@@ -229,8 +230,8 @@ class StackRun {
       Save(journal);
     } catch (const Cancelled&) {
       if (!options_.resume) throw;
-      throw Cancelled(fmt::format("cancelled at row {} of {}; the same call goes on from there", journal.Rows(),
-                                  shape_.height));
+      throw Cancelled(fmt::format("cancelled at row {} of {}; the same call goes on from there",
+                                  journal.Rows(), shape_.height));
     }
     journal.Remove();
     const StackResult result = Result();
@@ -238,7 +239,7 @@ class StackRun {
     const size_t used = inputs_.size(), all = used + sources_.LeftOut().size();
     if (2 * used >= all) return result;
     job_.Fail(fmt::format("{}: holds {} of {} frames, less than half; the others are not ok in {}",
-                               options_.output.string(), used, all, options_.transforms.string()));
+                          options_.output.string(), used, all, options_.transforms.string()));
     return result;
   }
 
@@ -457,7 +458,8 @@ class StackRun {
       job_.Say(fmt::format(
           "{}: covers {}{}{}{}", frame.file.filename().string(), Percent(frame.covers),
           stack_.method == CImgStack::ClippedMean
-              ? fmt::format(", rejected {} low, {} high", Percent(frame.rejectedLow), Percent(frame.rejectedHigh))
+              ? fmt::format(", rejected {} low, {} high", Percent(frame.rejectedLow),
+                            Percent(frame.rejectedHigh))
               : "",
           options_.weight != "none" ? fmt::format(", weight {:.4g}", frame.weight) : "",
           frame.fluxRatio ? fmt::format(", light {:.3g} of the reference's", *frame.fluxRatio) : ""));

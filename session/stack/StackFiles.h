@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "session/Export.h"
 #include "session/stack/StackChoices.h"
 
 namespace korimg::session {
@@ -24,8 +25,8 @@ struct StackFilesOptions : StackChoices {
 struct StackedFrame {
   std::filesystem::path file;
   double weight = 0;
-  std::optional<double> fluxRatio;          ///< of its stars to those of the transforms' reference
-  double covers = 0;                        ///< share of the stack
+  std::optional<double> fluxRatio;           ///< of its stars to those of the transforms' reference
+  double covers = 0;                         ///< share of the stack
   double rejectedLow = 0, rejectedHigh = 0;  ///< shares of its pixels
 };
 
@@ -36,12 +37,12 @@ struct StackResult {
   int bands = 0;
 };
 
-/// Stacks frames of one size and kind. Files that cannot be read, or that the transforms say are of no use, are
-/// left out; the job has failed when these are more than half.
+/// Stacks frames of one size and kind. Files that cannot be read, or that the transforms say are of no use,
+/// are left out; the job has failed when these are more than half.
 /// @throws FileError, UsageError when no frame is left, Cancelled.
-StackResult StackFiles(Job& job, const StackFilesOptions& options);
+KORIMG_SESSION_API StackResult StackFiles(Job& job, const StackFilesOptions& options);
 
 /// Tells what StackFiles would do. Writes nothing.
-void PlanStackFiles(Job& job, const StackFilesOptions& options);
+KORIMG_SESSION_API void PlanStackFiles(Job& job, const StackFilesOptions& options);
 
 }  // namespace korimg::session

@@ -1,11 +1,11 @@
-#include "session/stack/StackHeader.h"
+#include "session/stack/internal/StackHeader.h"
 
 #include <algorithm>
 #include <cmath>
 
 #include <fmt/format.h>
 
-#include "session/files/Times.h"
+#include "session/files/internal/Times.h"
 
 namespace korimg::session {
 namespace {

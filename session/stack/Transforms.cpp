@@ -1,4 +1,4 @@
-#include "session/stack/Transforms.h"
+#include "session/stack/internal/Transforms.h"
 
 #include <cmath>
 #include <fstream>

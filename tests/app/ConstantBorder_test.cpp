@@ -1,4 +1,4 @@
-#include "session/files/ConstantBorder.h"
+#include "session/files/internal/ConstantBorder.h"
 
 #include <cmath>
 #include <numbers>

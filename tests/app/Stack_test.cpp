@@ -12,9 +12,9 @@
 #include <sys/resource.h>
 
 #include "app/tool/Tool.h"
-#include "session/files/Times.h"
+#include "session/files/internal/Times.h"
 #include "session/simulate/Simulate.h"
-#include "session/stack/Journal.h"
+#include "session/stack/internal/Journal.h"
 #include "tests/app/Tool.h"
 
 namespace korimg::tool {

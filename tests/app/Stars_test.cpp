@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "session/register/Register.h"
-#include "session/stack/Transforms.h"
+#include "session/stack/internal/Transforms.h"
 #include "tests/app/Tool.h"
 
 namespace korimg::files {

@@ -1,5 +1,5 @@
 // A light's rows, read as they are wanted.
-#include "session/calibrate/Session.h"
+#include "session/calibrate/internal/Session.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>

@@ -6,8 +6,8 @@
 #include "korimg/platform/Debug.h"
 #include "korimg/raw/CImgInformation.h"
 
-#include "session/files/CameraName.h"
 #include "session/files/Geometry.h"
+#include "session/files/internal/CameraName.h"
 #include "tests/support/Dng.h"
 #include "tests/support/Folder.h"
 #include "tests/support/Images.h"

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "session/operations/Polygon.h"
+#include "session/operations/internal/Polygon.h"
 #include "session/picture/Images.h"
 #include "tests/support/Folder.h"
 #include "tests/support/Images.h"

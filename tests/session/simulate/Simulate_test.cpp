@@ -5,7 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "session/simulate/Random.h"
+#include "session/simulate/internal/Random.h"
 #include "tests/support/Folder.h"
 
 namespace korimg {

@@ -1,7 +1,7 @@
 // Decoders of other makers, kept away from this process.
 #pragma once
 
-#include "session/files/Packets.h"
+#include "session/files/internal/Packets.h"
 
 namespace korimg::files {
 

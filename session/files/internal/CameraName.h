@@ -5,13 +5,16 @@
 #include <string_view>
 #include <utility>
 
+#include "session/Export.h"
+
 namespace korimg::files {
 
 /// Maker and model as the library's lists of cameras spell them, whatever the file says: Canon's models
 /// without the maker ("EOS 6D"), Nikon's with it ("NIKON D750").
-std::pair<std::string, std::string> ListedName(std::string_view maker, std::string_view model);
+KORIMG_SESSION_API std::pair<std::string, std::string> ListedName(std::string_view maker,
+                                                                  std::string_view model);
 
 /// The same for a name in one piece, as headers have it ("Canon EOS 6D"). Empty: no known maker of cameras.
-std::pair<std::string, std::string> ListedName(std::string_view name);
+KORIMG_SESSION_API std::pair<std::string, std::string> ListedName(std::string_view name);
 
 }  // namespace korimg::files

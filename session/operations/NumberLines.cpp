@@ -1,4 +1,4 @@
-#include "session/files/NumberLines.h"
+#include "session/operations/internal/NumberLines.h"
 
 #include <cmath>
 #include <fstream>
