@@ -177,7 +177,9 @@ TEST_F(ToolTest, RawFilesNeedTheDecoderBesideTheTool) {
   const Result there = Shell("korimg info text.cr2");
   EXPECT_EQ(there.code, 1);
   EXPECT_NE(there.err.find("text.cr2: cannot read it as camera raw"), std::string::npos) << there.err;
-  const Result absent = Shell("cp '" KORIMG_TOOL "' alone && ./alone info text.cr2");
+  const Result absent = Shell("cp '" KORIMG_TOOL
+                              "' alone && cp $(ldd alone | awk '/libkorimg/ {print $3}') . && "
+                              "LD_LIBRARY_PATH=. ./alone info text.cr2");
   EXPECT_EQ(absent.code, 1);
   EXPECT_NE(absent.err.find("text.cr2: cannot be decoded without the program korimg-decoder"),
             std::string::npos)

@@ -50,7 +50,8 @@ int main(int, char** words) {
     warnings += event.kind == Event::Warning;
   }});
   const RunResult one = Run(job, OptionsFor(night, folder / "one"));
-  Expect(one.stacks.size() == 1 && one.stacks[0].frames == 6 && one.frames.size() == 6, "all frames are stacked");
+  Expect(one.stacks.size() == 1 && one.stacks[0].frames == 6 && one.frames.size() == 6,
+         "all frames are stacked");
   Expect(fs::exists(one.stacks[0].file) && fs::exists(one.report), "stack and report are there");
   Expect(steps > 8 && results == 7 && warnings == 0 && !job.HasFailed(), "the events tell of it");
 
