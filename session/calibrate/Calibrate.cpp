@@ -1,5 +1,6 @@
 #include "session/calibrate/Calibrate.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include <fmt/format.h>
@@ -79,10 +80,13 @@ class LightWriter {
         job_, "calibrating frame", lights.size(), BytesOf(lights.front().frame.info),
         [&](size_t i) { return Write(lights[i]); },
         [&](size_t i, const auto& result) {
-          job_.ForEachFile({lights[i].frame.path}, [&](const fs::path&) {
-            results[i] = result();
-            Tell(results[i]);
-          });
+          job_.ForEachFile(
+              {lights[i].frame.path},
+              [&](const fs::path&) {
+                results[i] = result();
+                Tell(results[i]);
+              },
+              true);
         });
     return results;
   }
@@ -160,10 +164,18 @@ std::vector<CalibratedLight> Calibrate(Job& job, const CalibrateOptions& options
   Session session(job, options);
   session.Show();
   LightWriter writer(job, session);
-  if (session.Lights().empty()) return {};
-  session.CheckOutputs(writer.Outputs());
-  session.Prepare();
-  return writer.WriteAll();
+  std::vector<CalibratedLight> results;
+  if (!session.Lights().empty()) {
+    session.CheckOutputs(writer.Outputs());
+    session.Prepare();
+    results = writer.WriteAll();
+  }
+  const auto done = static_cast<size_t>(std::count_if(
+      results.begin(), results.end(), [](const CalibratedLight& light) { return light.isDone; }));
+  const size_t all = session.Lights().size() + session.Failed().size();
+  if (2 * done < all || done == 0)
+    job.Fail(fmt::format("{} of {} lights are calibrated, less than half", done, all));
+  return results;
 }
 
 }  // namespace korimg::session

@@ -18,11 +18,11 @@ struct CalibrateOptions {
   /// Added before anything is taken off, and kept in the output. None: what the noise needs, and taken off
   /// again at the end.
   std::optional<double> pedestal;
-  bool allowMismatch = false;       ///< frames that differ in more than size serve with a warning
-  DevelopOptions develop;           ///< of lights that are mosaics
-  bool keepMosaic = false;          ///< mosaics stay as they are
-  bool lightsMayBeMissing = false;  ///< a light that cannot be used is a warning
-  bool previews = false;            ///< a small picture of each light too, in the folder previews
+  bool allowMismatch = false;        ///< frames that differ in more than size serve with a warning
+  DevelopOptions develop;            ///< of lights that are mosaics
+  bool keepMosaic = false;           ///< mosaics stay as they are
+  bool misfitsMayBeMissing = false;  ///< a light that the calibration frames do not fit is a warning
+  bool previews = false;             ///< a small picture of each light too, in the folder previews
 
   /// What stays in the output beside light.
   double KeptPedestal() const { return pedestal.value_or(0); }
@@ -42,8 +42,9 @@ struct CalibratedLight {
 /// Writes a calibrated FITS of floats for each light, and a picture where they are wanted; mosaics are
 /// developed into colour, with one white balance for all lights of a camera. Darks contain the bias; the bias
 /// comes off flats that have no dark of their own exposure, and off lights when there are no darks. A light
-/// that cannot be done is an error of its own; anything wrong with calibration frames or outputs ends the
-/// call before anything is written.
+/// that cannot be read is a warning, one that the calibration frames do not fit a failure, and so are less
+/// than half of the lights; anything wrong with calibration frames or outputs ends the call before anything
+/// is written.
 KORIMG_SESSION_API std::vector<CalibratedLight> Calibrate(Job& job, const CalibrateOptions& options);
 
 /// Tells what Calibrate would do: groups of frames, and what serves each light. Writes nothing.

@@ -129,17 +129,21 @@ Session::Session(Job& job, const CalibrateOptions& options) : job_(job), options
   flats_ = MakeGroups(job, FrameKind::Flat, ExpandFolders(job, options.flats));
   biases_ = MakeGroups(job, FrameKind::Bias, ExpandFolders(job, options.biases));
   FindOffsetsOfFlats();
-  const std::vector<fs::path> paths = ExpandFolders(job, options.lights);
-  job.ForEachFile(
-      paths,
-      [&](const fs::path& path) {
-        failed_.push_back({path});  // failed, unless it is planned
-        Frame frame = ReadFrame(path);
-        failed_.back().filter = FilterOf(frame.info.header);
-        lights_.push_back(PlanLight(std::move(frame)));
-        failed_.pop_back();
-      },
-      options.lightsMayBeMissing);
+  for (const fs::path& path : ExpandFolders(job, options.lights)) {
+    failed_.push_back({path});  // failed, unless it is planned
+    std::optional<Frame> frame;
+    job.ForEachFile(
+        {path}, [&](const fs::path&) { frame = ReadFrame(path); }, true);
+    if (!frame) continue;
+    failed_.back().filter = FilterOf(frame->info.header);
+    job.ForEachFile(
+        {path},
+        [&](const fs::path&) {
+          lights_.push_back(PlanLight(std::move(*frame)));
+          failed_.pop_back();
+        },
+        options.misfitsMayBeMissing);
+  }
   NameResults();
 }
 

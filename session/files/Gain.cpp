@@ -28,6 +28,9 @@ bool IsInElectrons(const Header& header, std::string_view key) {
 
 Gain FindGain(const Header& header, double noise) {
   constexpr double kLeastNoise = 0.01;  // electrons
+  if (const double of = header.GetDouble("KORLGAIN").value_or(0); of > 0 && noise * of >= kLeastNoise) {
+    return {of, "KORLGAIN"};
+  }
   const char* key = "EGAIN";
   auto electrons = header.GetDouble(key);
   if (!electrons && IsInElectrons(header, "GAIN")) electrons = header.GetDouble(key = "GAIN");

@@ -13,10 +13,10 @@ struct Gain {
   std::string source;    ///< for people: where it is from, or why it is not known
 };
 
-/// By EGAIN, or by GAIN where its comment speaks of electrons (else it is a setting of the camera); times
-/// NCOMBINE, since a mean of so many frames has their photons. `noise`, the deviation of a pixel of the sky,
-/// tells when values were brought to another scale since: there is no less of it than hundredths of an
-/// electron.
+/// By KORLGAIN, which stacks of ours hold; else by EGAIN, or by GAIN where its comment speaks of electrons
+/// (else it is a setting of the camera); times NCOMBINE, since a mean of so many frames has their photons.
+/// `noise`, the deviation of a pixel of the sky, tells when values were brought to another scale since: there
+/// is no less of it than hundredths of an electron.
 KORIMG_SESSION_API Gain FindGain(const Header& header, double noise);
 
 }  // namespace korimg::files

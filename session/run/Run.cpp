@@ -444,11 +444,12 @@ class Road {
       throw files::FileError(reference.light->frame.path, "is an undeveloped mosaic, which cannot be moved");
     }
     StackHeader collected(first);
+    const Normalisation normalisation = options_.stack.Options().normalisation;
     for (const Progress* frame : used) {
-      collected.Add(frame->light->frame.info.header);
+      collected.Add(frame->light->frame.info.header, frame->weight,
+                    ScaleOf(frame->levels, reference.levels, normalisation));
     }
-    files::Header header =
-        collected.Make(options_.stack.Options().normalisation == Normalisation::LevelAndScale);
+    files::Header header = collected.Make(normalisation == Normalisation::LevelAndScale);
     for (const std::string& line : History(used, target)) {
       header.AddHistory(line);
     }
@@ -608,7 +609,7 @@ RunOptions Complete(RunOptions options) {
   if (!frames.darks.empty() || !frames.flats.empty() || !frames.biases.empty()) {
     options.calibrate.masters = frames.out / "masters";
   }
-  options.calibrate.lightsMayBeMissing = true;
+  options.calibrate.misfitsMayBeMissing = true;
   return options;
 }
 

@@ -371,6 +371,12 @@ FrameLevels MeasureInput(const StackInput& input) {
   return MeasureLevels(*SampleInput(input));
 }
 
+double ScaleOf(const FrameLevels& frame, const FrameLevels& reference, Normalisation normalisation) {
+  const bool scales =
+      normalisation == Normalisation::LevelAndScale && frame.spread[0] > 0 && reference.spread[0] > 0;
+  return scales ? reference.spread[0] / frame.spread[0] : 1;
+}
+
 void CheckScales(const std::vector<StackInput>& inputs, int reference) {
   constexpr double kOtherScale = 1000;
   const FrameLevels& wanted = inputs[reference].levels;

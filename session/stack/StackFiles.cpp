@@ -348,8 +348,9 @@ class StackRun {
       throw files::FileError(reference.path, "is an undeveloped mosaic; develop it first");
     }
     StackHeader header(std::move(start));
-    for (const Source& source : sources_.Used()) {
-      header.Add(source.info.header);
+    for (size_t i = 0; i < inputs_.size(); ++i) {
+      header.Add(sources_.Used()[i].info.header, inputs_[i].weight,
+                 ScaleOf(inputs_[i].levels, inputs_[sources_.Reference()].levels, stack_.normalisation));
     }
     files::Header made = header.Make(stack_.normalisation == Normalisation::LevelAndScale);
     made.AddHistory(fmt::format("korimg {} stack {}", Version(), options_.Text()));

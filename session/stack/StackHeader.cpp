@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include <fmt/format.h>
 
+#include "session/files/Gain.h"
 #include "session/files/internal/Times.h"
 
 namespace korimg::session {
@@ -37,8 +39,14 @@ StackHeader::StackHeader(files::Header reference) : header_(std::move(reference)
   }
 }
 
-void StackHeader::Add(const files::Header& frame) {
+void StackHeader::Add(const files::Header& frame, double weight, double scale) {
   ++frames_;
+  constexpr double kAnyNoise = std::numeric_limits<double>::infinity();
+  const files::Gain own = files::FindGain(frame, kAnyNoise),
+                    gain = own.electrons > 0 ? own : files::FindGain(header_, kAnyNoise);
+  // Light of L electrons has a variance of L; what multiplies a value multiplies its square by more.
+  variance_ += weight * weight * scale / gain.electrons;
+  allWeights_ += weight;
   std::set<std::string> seen;
   for (const std::string& card : frame.cards) {
     const auto [key, value] = Parts(card);
@@ -62,9 +70,9 @@ void StackHeader::Add(const files::Header& frame) {
   }
   start_ = std::min(start_, *start);
   end_ = std::max(end_, end);
-  const double weight = length > 0 ? length : 1;
-  middles_ += weight * (*start + length / 2 - origin_);
-  weights_ += weight;
+  const double share = length > 0 ? length : 1;
+  middles_ += share * (*start + length / 2 - origin_);
+  weights_ += share;
 }
 
 files::Header StackHeader::Make(bool scaled) const {
@@ -105,6 +113,10 @@ files::Header StackHeader::Make(bool scaled) const {
     if (header.GetString("TELAPSE")) {
       header.Set("TELAPSE", end_ - start_, "[s] from the first frame's start to the last one's end");
     }
+  }
+  header.Remove("KORLGAIN");
+  if (const double gain = allWeights_ * allWeights_ / variance_; std::isfinite(gain) && gain > 0) {
+    header.Set("KORLGAIN", gain, "electrons of a value of this stack");
   }
   header.Set("STACKCNT", frames_, "frames that were stacked");
   header.Set("NCOMBINE", frames_, "frames that were stacked");

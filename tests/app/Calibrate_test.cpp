@@ -585,7 +585,7 @@ TEST_F(CalibrateTest, WhatIsBrokenOrInTheWay) {
   EXPECT_NE(none.errors.find("broken.fits"), std::string::npos);
   EXPECT_FALSE(fs::exists(In("out")));
   const Outcome some = Calibrate("--dark @dark.fits @broken.fits --out @out --json @light");
-  EXPECT_EQ(some.code, 1);
+  EXPECT_EQ(some.code, 0) << "two of three stand";
   EXPECT_NE(some.errors.find("broken.fits"), std::string::npos) << "one of several frames: left out";
   EXPECT_NE(some.errors.find("b.fits: "), std::string::npos);
   EXPECT_EQ(std::count(some.errors.begin(), some.errors.end(), '\n'), 2) << some.errors;

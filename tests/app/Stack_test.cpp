@@ -149,7 +149,8 @@ TEST_F(StackTest, FluxesOfTransformsAreTheScale) {
   const auto scene = [](int x, int y) {
     return 900 * std::exp(-(std::pow(x - 60.0, 2) + std::pow(y - 20.0, 2)) / 6);
   };
-  const Header sky = files::SkyFromBelow();
+  Header sky = files::SkyFromBelow();
+  sky.Set("EGAIN", 2.0);
   // Half of the light, but the noise of an equal sky.
   const double fluxes[] = {1, 0.5};
   for (int i = 0; i < 2; ++i) {
@@ -170,8 +171,15 @@ TEST_F(StackTest, FluxesOfTransformsAreTheScale) {
     EXPECT_EQ(r.code, 0) << r.err;
     return Read("out.fits")[0][20 * kWidth + 60] - 300;
   };
+  // Light that was doubled has twice the variance of its photons.
+  const auto gain = [&] {
+    return files::ImageReader::Open(In("out.fits"))->Info().header.GetDouble("KORLGAIN");
+  };
   EXPECT_NEAR(peak("--transforms t.jsonl"), 900, 10);
+  EXPECT_NEAR(gain().value_or(0), 2.0 * 4 / (1 + 2), 1e-6);
+  EXPECT_NE(Shell("korimg stars out.fits").out.find("gain 2.66667 (KORLGAIN)"), std::string::npos);
   EXPECT_NEAR(peak("--transforms t.jsonl --normalize level"), 675, 10);
+  EXPECT_NEAR(gain().value_or(0), 4, 1e-6);
   EXPECT_NEAR(peak(""), 675, 10);
   // Light that is not known cannot stand beside light that is.
   files::WriteBytes(In("t.jsonl"), line("0.fits", 1) +

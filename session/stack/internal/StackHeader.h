@@ -15,12 +15,14 @@ class StackHeader {
  public:
   /// All comes from the reference but what is said of times here.
   explicit StackHeader(files::Header reference);
-  void Add(const files::Header& frame);
+  /// A frame that counts by `weight`, its values multiplied by `scale`.
+  void Add(const files::Header& frame, double weight, double scale);
 
   /// The reference's header with, for frames that are combined by their mean or another middle: EXPTIME the
   /// mean exposure of a frame, LIVETIME and XPOSURE all of them, DATE-OBS and DATE-END the first start and
   /// the last end, DATE-AVG the middle weighted by exposure, and as much of DATE-BEG, MJD-... and TELAPSE as
-  /// the reference has; STACKCNT and NCOMBINE the number of frames.
+  /// the reference has; STACKCNT and NCOMBINE the number of frames, KORLGAIN the electrons of a value where
+  /// those of all frames are known.
   /// Keywords that differ between frames keep the reference's value and are named in HISTORY, and so does the
   /// exposure of frames that were scaled to the light of the reference.
   files::Header Make(bool scaled) const;
@@ -34,6 +36,7 @@ class StackHeader {
   double start_ = 0, end_ = 0;
   double middles_ = 0, weights_ = 0;  ///< of the exposures, as seconds from the first frame's start
   double origin_ = 0;
+  double allWeights_ = 0, variance_ = 0;  ///< of the frames; of a unit of light, NaN where it is not known
 };
 
 }  // namespace korimg::session
