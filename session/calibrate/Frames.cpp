@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <map>
+#include <string_view>
 #include <tuple>
 
 #include <fmt/format.h>
@@ -182,6 +184,52 @@ std::string MasterName(const Group& group) {
   return filter.empty() ? "master_flat" : "master_flat_" + filter;
 }
 
+/// A number that frames of other pixels hardly share, by some rows in the middle. None for camera raw, which
+/// would have to be unpacked.
+std::optional<std::size_t> DigestOf(const Frame& frame) {
+  constexpr int kRows = 8;
+  if (frame.info.camera) return std::nullopt;
+  const auto reader = files::ImageReader::Open(frame.path);
+  const files::ImageInfo& info = reader->Info();
+  const int rows = std::min(kRows, info.height);
+  const size_t plane = static_cast<size_t>(rows) * info.width;
+  std::vector<float> pixels(plane * info.planes);
+  float* planes[3] = {};
+  for (int p = 0; p < info.planes; ++p) {
+    planes[p] = pixels.data() + p * plane;
+  }
+  reader->ReadRows((info.height - rows) / 2, rows, planes);
+  return std::hash<std::string_view>()(
+      {reinterpret_cast<const char*>(pixels.data()), pixels.size() * sizeof(float)});
+}
+
+/// Leaves copies out of a group, if frames that differ remain: those that are all alike have no noise.
+void LeaveOutCopies(Job& job, Group& group) {
+  std::map<std::size_t, const Frame*> first;
+  std::vector<Frame> kept;
+  std::vector<std::string> copies;
+  for (const Frame& frame : group.frames) {
+    std::optional<std::size_t> digest;
+    try {
+      digest = DigestOf(frame);
+    } catch (const files::FileError&) {
+      // Told when the master is made.
+    }
+    const auto same = digest ? first.emplace(*digest, &frame) : std::pair(first.end(), true);
+    if (same.second) {
+      kept.push_back(frame);
+    } else {
+      copies.push_back(fmt::format("{}: is a copy of {}: it counts once", frame.path.string(),
+                                   same.first->second->path.filename().string()));
+    }
+  }
+  if (copies.empty() || kept.size() < 2) return;
+  for (const std::string& copy : copies) {
+    job.Warn(copy);
+  }
+  group.frames = std::move(kept);
+}
+
 }  // namespace
 
 std::string Group::Text() const {
@@ -245,6 +293,7 @@ std::vector<Group> MakeGroups(Job& job, FrameKind kind, const std::vector<fs::pa
     group.frames.push_back(std::move(frame));
   }
   for (size_t i = 0; i < groups.size(); ++i) {
+    LeaveOutCopies(job, groups[i]);
     const std::string name = MasterName(groups[i]);
     groups[i].name = name;
     for (int n = 2; std::any_of(groups.begin(), groups.begin() + static_cast<std::ptrdiff_t>(i),

@@ -56,9 +56,9 @@ KORIMG_SESSION_API Frame ReadFrame(const std::filesystem::path& path);
 KORIMG_SESSION_API std::vector<std::filesystem::path> ExpandFolders(
     Job& job, const std::vector<std::filesystem::path>& paths);
 
-/// A frame that cannot be read is left out with a warning, unless no other is left. Parts frames by size,
-/// camera, binning, gain, offset and readout mode; darks and biases by temperature; darks by exposure; flats
-/// by filter.
+/// A frame that cannot be read, and a copy of another, is left out with a warning, unless no other is left.
+/// Parts frames by size, camera, binning, gain, offset and readout mode; darks and biases by temperature;
+/// darks by exposure; flats by filter.
 KORIMG_SESSION_API std::vector<Group> MakeGroups(Job& job, FrameKind kind,
                                                  const std::vector<std::filesystem::path>& paths);
 

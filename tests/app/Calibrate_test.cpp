@@ -141,9 +141,12 @@ TEST_F(CalibrateTest, TakesOffsetsOffAndDividesByTheFlat) {
   Write("light.fits", light, Cards({{"OBJECT", "M 1"}, {"PEDESTAL", "7"}}));
   for (int i = 0; i < 5; ++i) {
     const double stray = i == 1 ? 5000 : 0;
-    const double lamp = 1000 + 400 * i;  // flats of a twilight
-    Write(fmt::format("dark/{}.fits", i), [&](int x, int y) { return Dark(x, y) + (x == 2) * stray; });
-    Write(fmt::format("bias/{}.fits", i), [&](int x, int y) { return Bias(x, y) + (x == 7) * stray; });
+    const double lamp = 1000 + 400 * i;   // flats of a twilight
+    const double trace = 2e-5 * (i - 2);  // frames are no copies of one another
+    Write(fmt::format("dark/{}.fits", i),
+          [&](int x, int y) { return Dark(x, y) + trace + (x == 2) * stray; });
+    Write(fmt::format("bias/{}.fits", i),
+          [&](int x, int y) { return Bias(x, y) + trace + (x == 7) * stray; });
     Write(fmt::format("flat/{}.fits", i),
           [&](int x, int y) { return lamp * Flat(x, y) + Bias(x, y) + (x == 9 && y == 9) * stray; });
   }
@@ -602,6 +605,14 @@ TEST_F(CalibrateTest, WhatIsBrokenOrInTheWay) {
   EXPECT_EQ(Difference("out/a.fits", level(80)), "");
   EXPECT_EQ(Calibrate("--dark @dark.fits --overwrite --out @light @light/a.fits").code, 1);
   EXPECT_EQ(Difference("light/a.fits", level(100)), "");
+
+  // A copy of a dark counts once: of 1, 5, 9 and 9 again the median is 5.
+  for (const auto& [name, v] : {std::pair("1", 1), {"2", 5}, {"3", 9}, {"4", 9}}) {
+    Write(fmt::format("darks/{}.fits", name), level(v));
+  }
+  const Outcome copy = Calibrate("--dark @darks --out @once @light/a.fits");
+  EXPECT_NE(copy.errors.find("4.fits: is a copy of 3.fits"), std::string::npos) << copy.errors;
+  EXPECT_EQ(Difference("once/a.fits", level(95)), "");
 
   // Two lights of one name, and folders in a folder.
   Write("other/a.fit", level(200));
