@@ -371,10 +371,10 @@ FrameLevels MeasureInput(const StackInput& input) {
   return MeasureLevels(*SampleInput(input));
 }
 
-double ScaleOf(const FrameLevels& frame, const FrameLevels& reference, Normalisation normalisation) {
-  const bool scales =
-      normalisation == Normalisation::LevelAndScale && frame.spread[0] > 0 && reference.spread[0] > 0;
-  return scales ? reference.spread[0] / frame.spread[0] : 1;
+double ScaleOf(const FrameLevels& frame, const FrameLevels& reference, Normalisation normalisation,
+               int plane) {
+  const double from = frame.spread[plane], to = reference.spread[plane];
+  return normalisation == Normalisation::LevelAndScale && from > 0 && to > 0 ? to / from : 1;
 }
 
 void CheckScales(const std::vector<StackInput>& inputs, int reference) {
@@ -397,9 +397,7 @@ std::vector<double> NoiseWeights(const std::vector<StackInput>& inputs, int refe
     double variance = 0;
     for (int p = 0; p < input.shape.planes; ++p) {
       const FrameLevels &from = input.levels, &to = inputs[reference].levels;
-      const bool scales =
-          normalisation == Normalisation::LevelAndScale && from.spread[p] > 0 && to.spread[p] > 0;
-      const double noise = from.noise[p] * (scales ? to.spread[p] / from.spread[p] : 1);
+      const double noise = from.noise[p] * ScaleOf(from, to, normalisation, p);
       variance += noise * noise;
     }
     weights.push_back(variance > 0 ? 1 / variance : 0);

@@ -85,8 +85,9 @@ KORIMG_SESSION_API std::unique_ptr<CVelImage> SampleInput(const StackInput& inpu
 /// Measures a frame for normalising and weights, by such rows.
 KORIMG_SESSION_API FrameLevels MeasureInput(const StackInput& input);
 
-/// What normalising multiplies a frame's first plane by.
-double ScaleOf(const FrameLevels& frame, const FrameLevels& reference, Normalisation normalisation);
+/// What normalising multiplies a plane of a frame by.
+double ScaleOf(const FrameLevels& frame, const FrameLevels& reference, Normalisation normalisation,
+               int plane = 0);
 
 /// Refuses frames whose numbers cannot be on the reference's scale: floats from 0 to 1 beside those of a
 /// camera. A camera's own frames, of whatever exposure, do not differ so much in their noise.
