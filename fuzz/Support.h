@@ -20,6 +20,7 @@
 #include "korimg/platform/CParallel.h"
 
 #include "session/files/ImageFile.h"
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 
 namespace korimg::fuzz {
@@ -91,7 +92,7 @@ inline void ReadImage(const std::filesystem::path& path, const files::ReadOption
     const auto reader = files::ImageReader::Open(path, options);
     const files::ImageInfo& info = reader->Info();
     if (std::int64_t{info.width} * info.height * info.planes <= kSmall) {
-      session::LoadImage(QuietJob(), store, path, options);
+      session::Image::Open(QuietJob(), store, path, options);
       return;
     }
     std::vector<float> rows(static_cast<std::size_t>(info.width) * info.planes);

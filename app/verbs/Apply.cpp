@@ -12,6 +12,7 @@
 #include "session/job/Json.h"
 #include "session/operations/Blend.h"
 #include "session/operations/Operations.h"
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 
 namespace korimg::tool {
@@ -92,21 +93,21 @@ void Apply(Tool& tool, const ApplyOptions& options) {
   if (tool.options.dryRun) return tool.job.Tell(Dump(json), line);
   tool.job.CheckOutput(options.output);
   const auto store = tool.job.MakeStore(options.store);
-  LoadedImage loaded = LoadImage(tool.job, store, plan.input, {.hdu = options.hdu});
+  Image loaded = Image::Open(tool.job, store, plan.input, {.hdu = options.hdu});
   CRect* window = options.rect.empty() ? nullptr : &rect;
   std::optional<Blend> blend;
-  if (options.blend.Any()) blend.emplace(tool.job, options.blend, *loaded.image, loaded.info.header, window);
+  if (options.blend.Any()) blend.emplace(tool.job, options.blend, loaded.Pixels(), loaded.Header(), window);
   for (const Step& step : plan.steps) {
     tool.job.CheckCancelled();
-    Call call(tool.job, step, loaded.image, loaded.info.header, window);
+    Call call(tool.job, step, loaded.Pointer(), loaded.Header(), window);
     call.image->SetProgressHandle(call.Window());
     step.operation->run(call);
     tool.job.EndProgress();
-    if (blend) blend->CheckShape(*loaded.image, step.operation->name);
+    if (blend) blend->CheckShape(loaded.Pixels(), step.operation->name);
   }
-  if (blend) blend->Apply(*loaded.image);
-  loaded.info.header.AddHistory(fmt::format("korimg {} {}", Version(), history));
-  SaveImage(tool.job, *loaded.image, loaded.info.header, options.output, {.integers = options.bits == "16"});
+  if (blend) blend->Apply(loaded.Pixels());
+  loaded.Header().AddHistory(fmt::format("korimg {} {}", Version(), history));
+  SaveImage(tool.job, loaded.Pixels(), loaded.Header(), options.output, {.integers = options.bits == "16"});
   tool.job.Tell(Dump(json), line);
 }
 

@@ -13,6 +13,7 @@
 #include "session/files/Geometry.h"
 #include "session/job/Json.h"
 #include "session/operations/Operations.h"
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 
 namespace korimg::tool {
@@ -126,11 +127,11 @@ void Composite(Tool& tool, const CompositeOptions& options) {
   if (tool.options.dryRun) return tool.job.Tell(Dump(json), line);
   tool.job.CheckOutput(options.output);
   const auto store = tool.job.MakeStore(options.store);
-  LoadedImage loaded = LoadImage(tool.job, store, options.first, {.hdu = options.hdu});
-  CVelImage& first = *loaded.image;
-  LoadedImage other = LoadImage(tool.job, store, options.second, {.hdu = options.hdu});
-  if (files::LiesOverturned(loaded.info.header, other.info.header)) TurnOver(*other.image);
-  const auto second = AsKindOf(first, std::move(other.image));
+  Image loaded = Image::Open(tool.job, store, options.first, {.hdu = options.hdu});
+  CVelImage& first = loaded.Pixels();
+  Image other = Image::Open(tool.job, store, options.second, {.hdu = options.hdu});
+  if (files::LiesOverturned(loaded.Header(), other.Header())) TurnOver(other.Pixels());
+  const auto second = AsKindOf(first, std::move(other.Pointer()));
   // One centre for both paths, which would take the middle of an odd side differently.
   second->SetStdCtr(CentreOf(*second, options.centre));
   if (options.Mode() == kNeighbour) {
@@ -150,8 +151,8 @@ void Composite(Tool& tool, const CompositeOptions& options) {
   if (options.Mode() != kNeighbour) RestoreUnreached(result, first, *second, options, window);
   // A small rectangle may have been widened: only what was asked for goes back into the image.
   if (window) first.Paste(&result, window);
-  loaded.info.header.AddHistory(fmt::format("korimg {} {}", Version(), options.Text()));
-  SaveImage(tool.job, window ? first : result, loaded.info.header, options.output,
+  loaded.Header().AddHistory(fmt::format("korimg {} {}", Version(), options.Text()));
+  SaveImage(tool.job, window ? first : result, loaded.Header(), options.output,
             {.integers = options.bits == "16"});
   tool.job.Tell(Dump(json), line);
 }

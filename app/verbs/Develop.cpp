@@ -10,6 +10,7 @@
 #include "session/files/Geometry.h"
 #include "session/job/Json.h"
 #include "session/picture/AutoPicture.h"
+#include "session/picture/Image.h"
 
 namespace korimg::tool {
 
@@ -80,11 +81,11 @@ class Developer {
            ChooseWhiteBalance(nullptr, info, mosaic, wanted), output, preview);
       return;
     }
-    LoadedImage loaded = LoadImage(tool_.job, store_, path, read);
-    Calibrate(path, loaded.info.header, *loaded.image);
-    TakeOffset(*loaded.image, loaded.info);
-    const WhiteBalance balance = ChooseWhiteBalance(loaded.image.get(), loaded.info, mosaic, wanted);
-    Save(MosaicSource(*loaded.image), loaded.info, mosaic, balance, output, preview);
+    Image loaded = Image::Open(tool_.job, store_, path, read);
+    Calibrate(path, loaded.Header(), loaded.Pixels());
+    TakeOffset(loaded.Pixels(), loaded.Info());
+    const WhiteBalance balance = ChooseWhiteBalance(&loaded.Pixels(), loaded.Info(), mosaic, wanted);
+    Save(MosaicSource(loaded.Pixels()), loaded.Info(), mosaic, balance, output, preview);
   }
 
  private:

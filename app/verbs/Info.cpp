@@ -17,6 +17,7 @@
 #include "app/verbs/Verbs.h"
 #include "session/develop/Develop.h"
 #include "session/files/Mosaic.h"
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 
 namespace korimg::tool {
@@ -93,10 +94,10 @@ CameraTexts CameraText(CVelImage& image) {
 
 void Info(Tool& tool, const std::filesystem::path& path, const std::string& hdu) {
   const auto store = tool.job.MakeStore();
-  LoadedImage loaded = LoadImage(tool.job, store, path, {.hdu = hdu});
+  Image loaded = Image::Open(tool.job, store, path, {.hdu = hdu});
   CImgAutoLevel image;
-  image.Swap(loaded.image.get());
-  const files::ImageInfo& info = loaded.info;
+  image.Swap(&loaded.Pixels());
+  const files::ImageInfo& info = loaded.Info();
   const files::Mosaic mosaic = MosaicOf(info, {});
   std::vector<PlaneMeasures> planes;
   for (int p = 0; p < image.GetPlanes(); ++p) {

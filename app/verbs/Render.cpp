@@ -14,6 +14,7 @@
 #include "session/job/Json.h"
 #include "session/picture/Annotate.h"
 #include "session/picture/AutoPicture.h"
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 
 namespace korimg::tool {
@@ -97,9 +98,9 @@ void Render(Tool& tool, const RenderOptions& options) {
                          fmt::format("{} -> {}", options.input.string(), options.output.string()));
   }
   const auto store = tool.job.MakeStore();
-  LoadedImage loaded = LoadImage(tool.job, store, options.input, {.hdu = options.hdu});
-  auto& image = loaded.image;
-  const bool overturned = files::IsPictureOverturned(loaded.info.header);
+  Image loaded = Image::Open(tool.job, store, options.input, {.hdu = options.hdu});
+  auto& image = loaded.Pointer();
+  const bool overturned = files::IsPictureOverturned(loaded.Header());
   const int fullHeight = image->GetHeight();
   if (overturned) TurnOver(*image);
   LevelForPicture(*image, options.level);
@@ -109,14 +110,14 @@ void Render(Tool& tool, const RenderOptions& options) {
   if (options.annotate) {
     const Annotations& told = options.annotations;
     const bool asTold = !told.title.empty() || told.scaleBar || !told.stars.empty();
-    Annotations annotations = asTold ? told : DefaultAnnotations(loaded.info.header);
+    Annotations annotations = asTold ? told : DefaultAnnotations(loaded.Header());
     if (overturned) annotations.overturnedHeight = fullHeight;
     if (annotations.title.empty() && !annotations.scaleBar && annotations.stars.empty()) {
       throw files::FileError(options.input,
                              "names no OBJECT and does not say its scale; give --title, --stars or both");
     }
     LimitToLevels(*image);
-    Annotate(*image, annotations, options.input, loaded.info.header, binX, binY);
+    Annotate(*image, annotations, options.input, loaded.Header(), binX, binY);
   }
   constexpr long long kBytesPerPixel = 4;
   if (kBytesPerPixel * image->GetWidth() * image->GetHeight() <= tool.job.Memory()) {

@@ -12,6 +12,7 @@
 #include "session/calibrate/Frames.h"
 #include "session/files/Formats.h"
 #include "session/files/Gain.h"
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 
 namespace korimg::tool {
@@ -118,15 +119,15 @@ void Stars(Tool& tool, const StarsOptions& options) {
   }
   const auto store = tool.job.MakeStore();
   tool.job.ForEachFile(files, [&](const fs::path& file) {
-    const LoadedImage loaded = LoadImage(tool.job, store, file, {.hdu = options.hdu, .lessBorder = true});
-    CStarFinder finder(loaded.image.get());
+    const Image loaded = Image::Open(tool.job, store, file, {.hdu = options.hdu, .lessBorder = true});
+    CStarFinder finder(&loaded.Pixels());
     finder.SetThreshold(options.sigmas);
     const files::Gain gain = options.gain > 0
                                  ? files::Gain{options.gain, "--gain"}
-                                 : files::FindGain(loaded.info.header, MeasureLevels(*loaded.image).noise[0]);
+                                 : files::FindGain(loaded.Header(), MeasureLevels(loaded.Pixels()).noise[0]);
     finder.SetGain(gain.electrons);
     finder.Find();
-    const Found found{file, *loaded.image, finder, loaded.info.noData, gain};
+    const Found found{file, loaded.Pixels(), finder, loaded.Info().noData, gain};
     if (!options.output.empty() && !tool.options.dryRun) WriteList(options.output, found);
     PrintStars(tool, found);
   });

@@ -1,6 +1,6 @@
 #include "korimg/image/CVmHandle.h"
 
-#include "korimg/platform/internal/Assert.h"
+#include "korimg/platform/Assert.h"
 
 CVmHandle::CVmHandle(long long blockSize, long long blockCount, std::shared_ptr<CVmManager> const& manager)
     : manager_(manager), blockSize_(blockSize), blockCount_(blockCount), blocks_(blockCount) {}

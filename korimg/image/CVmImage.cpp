@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "korimg/platform/internal/Assert.h"
+#include "korimg/platform/Assert.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include "korimg/image/CVmMemory.h"
 #include "korimg/image/internal/Memory.h"
 #include "korimg/image/internal/SwapFile.h"
-#include "korimg/platform/internal/Assert.h"
+#include "korimg/platform/Assert.h"
 
 namespace korimg {
 namespace {

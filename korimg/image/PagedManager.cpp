@@ -37,8 +37,8 @@
 #include "korimg/image/CVmMemory.h"
 #include "korimg/image/internal/Memory.h"
 #include "korimg/image/internal/SwapFile.h"
+#include "korimg/platform/Assert.h"
 #include "korimg/platform/Debug.h"
-#include "korimg/platform/internal/Assert.h"
 
 namespace korimg {
 namespace {

@@ -98,8 +98,8 @@ class LightWriter {
     CalibratedLight result = Planned(light);
     result.isDone = true;
     result.clipped = calibrated.clipped;
-    CVelImage& image = *calibrated.loaded.image;
-    files::ImageInfo& info = calibrated.loaded.info;
+    CVelImage& image = calibrated.loaded.Pixels();
+    files::ImageInfo& info = calibrated.loaded.Info();
     result.mean = Measures(image).mean;
     result.noData = info.noData;
     session_.Describe(info.header, light, result.clipped);

@@ -13,6 +13,7 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "session/files/Mosaic.h"
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 
 namespace korimg::session {
@@ -368,15 +369,14 @@ Master MakeMaster(Job& job, const std::shared_ptr<CVmManager>& store, const Grou
   master.group = &group;
   if (group.frames.size() == 1) {
     const files::ReadOptions options = FlatOptions(group, false);
-    LoadedImage loaded = LoadImage(job, store, group.frames.front().path, options);
-    master.image = std::move(loaded.image);
+    Image loaded = Image::Open(job, store, group.frames.front().path, options);
+    master.image = std::move(loaded.Pointer());
     master.saturated = ShareWhere(
-        *master.image, [end = ScaleEnd(loaded.info, options.lessBlack)](float v) { return v >= end; });
+        *master.image, [end = ScaleEnd(loaded.Info(), options.lessBlack)](float v) { return v >= end; });
   } else {
     Stack stack(group, FlatOptions(group, offset != nullptr));
     const files::ImageInfo& info = stack.Info();
-    master.image = std::make_unique<CVelImage>(store, CImage::Float, info.width, info.height, info.planes,
-                                               1.0, 0.0, 1, nullptr);
+    master.image = NewImage(store, info.width, info.height, info.planes);
     if (group.kind == FrameKind::Flat) {
       master.offset = offset;
       stack.Normalise(offset ? offset->image.get() : nullptr);

@@ -80,14 +80,8 @@ long long Pixels(const CVelImage& image) {
   return 1LL * image.GetWidth() * image.GetHeight() * image.GetPlanes();
 }
 
-/// Some rows of an image that holds nothing else.
-std::unique_ptr<CVelImage> NewBand(const std::shared_ptr<CVmManager>& store, int width, int rows,
-                                   int planes) {
-  return std::make_unique<CVelImage>(store, CImage::Float, width, rows, planes, 1.0, 0.0, 1, nullptr);
-}
-
 std::unique_ptr<CVelImage> RowsOf(CVelImage& image, int y0, int rows) {
-  auto band = NewBand(image.VmManager(), image.GetWidth(), rows, image.GetPlanes());
+  auto band = NewImage(image.VmManager(), image.GetWidth(), rows, image.GetPlanes());
   for (int p = 0; p < image.GetPlanes(); ++p) {
     for (int y = 0; y < rows; ++y) {
       std::memcpy(band->GetWritableLine(0, y, p), image.GetLine(0, y0 + y, p),
@@ -523,9 +517,10 @@ void Session::WarnOfFlat(const Master& flat) const {
 
 Session::Calibrated Session::LoadLight(const Light& light) const {
   const Master* offset = MasterOf(light.Offset());
-  Calibrated result{LoadImage(job_, store_, light.frame.path, {.lessBlack = !offset, .lessBorder = true}), 0};
-  CheckUnchanged(light, result.loaded.info);
-  CVelImage& image = *result.loaded.image;
+  Calibrated result{Image::Open(job_, store_, light.frame.path, {.lessBlack = !offset, .lessBorder = true}),
+                    0};
+  CheckUnchanged(light, result.loaded.Info());
+  CVelImage& image = result.loaded.Pixels();
   const long long clipped = Apply(light, image, ImageOf(light.Offset(), light), ImageOf(light.flat, light));
   result.clipped = static_cast<double>(clipped) / static_cast<double>(Pixels(image));
   return result;
@@ -538,9 +533,9 @@ Levels Session::MosaicLevels(const Light& light) const {
     const std::lock_guard lock(levelsMutex_);
     const auto known = levels_.find(&light);
     if (known != levels_.end()) return known->second;
-    return levels_.emplace(&light, *LoadLight(light).loaded.image).first->second;
+    return levels_.emplace(&light, LoadLight(light).loaded.Pixels()).first->second;
   }
-  const auto row = NewBand(store_, info.width, 1, info.planes);
+  const auto row = NewImage(store_, info.width, 1, info.planes);
   SetLevels(*row, info, !light.Offset());
   return Levels(*row);
 }
@@ -553,9 +548,9 @@ void Session::ChooseWhiteBalances() {
   for (const Light& light : lights_) {
     if (light.mosaic.cfa == 0 || balances_.contains(CameraOf(light))) continue;
     const Calibrated first = LoadLight(light);
-    CVelImage& image = *first.loaded.image;
+    CVelImage& image = first.loaded.Pixels();
     std::string wanted = options_.develop.whiteBalance;
-    if (!light.Offset() && !light.frame.info.camera && NeedsMedians(first.loaded.info, wanted)) {
+    if (!light.Offset() && !light.frame.info.camera && NeedsMedians(first.loaded.Info(), wanted)) {
       wanted = "none";
       job_.Warn(
           fmt::format("{}: its level without light is not known, so that its colours cannot be "
@@ -565,7 +560,7 @@ void Session::ChooseWhiteBalances() {
     // The pedestal is no light.
     const double kept = options_.KeptPedestal();
     if (kept > 0) Calculate(image, Calculation::Subtract, kept);
-    const WhiteBalance balance = ChooseWhiteBalance(&image, first.loaded.info, light.mosaic, wanted);
+    const WhiteBalance balance = ChooseWhiteBalance(&image, first.loaded.Info(), light.mosaic, wanted);
     job_.Say(fmt::format("mosaic {} ({}): white balance {} ({:.4g}){}", light.mosaic.name,
                          light.mosaic.reason, balance.text, fmt::join(balance.gains, ", "),
                          balance.text == "by medians" ? " of " + light.frame.path.filename().string() : ""));
@@ -663,7 +658,7 @@ void LightRows::ReadBand(int y0, int rows, float* const* planes) {
 }
 
 void LightRows::ReadCalibrated(int y0, int rows, float* const* planes) {
-  const auto band = NewBand(session_.store_, info_.width, rows, info_.planes);
+  const auto band = NewImage(session_.store_, info_.width, rows, info_.planes);
   float* own[3] = {};
   for (int p = 0; p < info_.planes; ++p) {
     own[p] = band->GetWritableLine(0, 0, p);

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include "session/operations/Operations.h"
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 
 namespace korimg::session {
@@ -185,7 +186,7 @@ std::vector<CurvePoint> Call::Points(const std::string& name) const {
 
 std::unique_ptr<CVelImage> Call::File(const std::string& name, bool sameSize) const {
   const std::filesystem::path path = Text(name);
-  if (!sameSize) return std::move(LoadImage(job, image->VmManager(), path).image);
+  if (!sameSize) return std::move(Image::Open(job, image->VmManager(), path).Pointer());
   auto other = LoadSameSize(job, *image, header, path, Name());
   if (other->IsColor() && other->GetPlanes() < image->GetPlanes()) {
     throw files::FileError(

@@ -14,9 +14,9 @@
 
 #include "session/files/Formats.h"
 #include "session/files/Geometry.h"
-#include "session/files/Mosaic.h"
 #include "session/files/internal/CameraName.h"
 #include "session/files/internal/Times.h"
+#include "session/picture/internal/Bands.h"
 
 namespace korimg::session {
 namespace {
@@ -24,60 +24,13 @@ namespace {
 constexpr long long kBandBytes = 4 << 20;
 constexpr double kWhite = 65535;  // of 16 bits
 
-/// Calls visit(y0, rows, planes) for the bands of an image, where planes[p] is the address of the band's rows
-/// of plane p: in the store itself when its planes are contiguous, else in a buffer that is filled before the
-/// visit (readOnly) or emptied after it.
-template <class Visit>
-void ForBands(Job& job, CVelImage& image, bool readOnly, const std::string& title, Visit&& visit) {
-  const int width = image.GetWidth(), height = image.GetHeight(), planes = image.GetPlanes();
-  const bool contiguous = image.GetAllocationPolicy() != CVmManager::Paged;
-  const int band = BandRows(width, planes, height);
-  std::vector<float> buffer(contiguous ? 0 : static_cast<size_t>(band) * width * planes);
-  std::vector<float*> rows(planes);
-  for (int y0 = 0; y0 < height; y0 += band) {
-    job.CheckCancelled();
-    job.Progress(title, y0, height);
-    const int count = std::min(band, height - y0);
-    for (int p = 0; p < planes; ++p) {
-      rows[p] = contiguous
-                    ? image.GetImageAdr(0, y0, p, readOnly ? CImage::ReadOnly : CImage::ReadWrite, nullptr)
-                    : buffer.data() + static_cast<size_t>(p) * band * width;
-    }
-    const auto copy = [&](bool fromStore) {
-      for (int p = 0; p < planes && !contiguous; ++p) {
-        for (int y = 0; y < count; ++y) {
-          float* row = rows[p] + static_cast<size_t>(y) * width;
-          const size_t bytes = sizeof(float) * width;
-          if (fromStore) {
-            std::memcpy(row, image.GetLine(0, y0 + y, p), bytes);
-          } else {
-            std::memcpy(image.GetWritableLine(0, y0 + y, p), row, bytes);
-          }
-        }
-      }
-    };
-    if (readOnly) copy(true);
-    visit(y0, count, rows.data());
-    if (!readOnly) copy(false);
-  }
-  job.EndProgress();
-}
-
-CImage::SourceType SourceTypeOf(const files::ImageInfo& info) {
-  const bool colour = info.planes > 1;
-  if (info.type == "uint8") return colour ? CImage::Rgb24 : CImage::Gray8;
-  if (info.type == "int16" || info.type == "uint16") return colour ? CImage::Rgb48 : CImage::Gray16;
-  if (info.type == "float32") return CImage::Real32;
-  if (info.type == "float64") return CImage::Real64;
-  return CImage::Gray32;
-}
-
 std::string LevelKey(const char* end, int plane) {
   return fmt::format("KORL{}{}", end, plane + 1);
 }
 
 void FillPicture(Job& job, CVelImage& image, const std::string& title, PictureSaver& saver) {
-  ForBands(job, image, true, title, [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
+  ForBands<Access::Read>(job, image, title,
+                         [&](const Band<const float>& band) { saver.Write(band.Rows(), band.Data()); });
   saver.Commit();
 }
 
@@ -118,29 +71,6 @@ void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack) {
   }
 }
 
-LoadedImage LoadImage(Job& job, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
-                      const files::ReadOptions& options) {
-  const auto reader = files::ImageReader::Open(path, options);
-  const files::ImageInfo& info = reader->Info();
-  auto image = std::make_unique<CVelImage>(store, CImage::Float, info.width, info.height, info.planes, 1.0,
-                                           0.0, 1, nullptr);
-  ForBands(job, *image, false, "reading " + path.filename().string(),
-           [&](int y0, int rows, float* const* planes) { reader->ReadRows(y0, rows, planes); });
-  image->SetOrgFileName(Widen(path.string()));
-  image->SetOrgFileFormat(Widen(info.format));
-  image->SetOrgBitsPixel(SourceTypeOf(info));
-  image->SetOrgPlanes(info.planes);
-  image->SetOrgWidth(info.width);
-  image->SetOrgHeight(info.height);
-  const int cfa = files::FindMosaic(info).cfa;
-  image->SetBayerImage(cfa > 0);
-  image->SetOrgBayerImage(cfa > 0);
-  image->GetHeader()->SetCFAPattern(cfa);
-  ReadHeader(info, *image->GetHeader());
-  SetLevels(*image, info, options.lessBlack);
-  return {std::move(image), info};
-}
-
 void TurnOver(CVelImage& image) {
   CImgFlip turned;
   if (!turned.Create(image, nullptr)) throw velora::CVmMemoryAllocationError("no room to turn an image over");
@@ -150,15 +80,14 @@ void TurnOver(CVelImage& image) {
 
 std::unique_ptr<CVelImage> LoadSameSize(Job& job, const CVelImage& image, const files::Header& header,
                                         const std::filesystem::path& path, const std::string& user) {
-  LoadedImage loaded = LoadImage(job, image.VmManager(), path);
-  if (files::LiesOverturned(header, loaded.info.header)) TurnOver(*loaded.image);
-  auto other = std::move(loaded.image);
-  if (other->GetWidth() != image.GetWidth() || other->GetHeight() != image.GetHeight()) {
+  Image other = Image::Open(job, image.VmManager(), path);
+  if (files::LiesOverturned(header, other.Header())) TurnOver(other.Pixels());
+  if (other.Width() != image.GetWidth() || other.Height() != image.GetHeight()) {
     throw files::FileError(
-        path, fmt::format("is {} x {}, but the image is {} x {}; {} wants the same size", other->GetWidth(),
-                          other->GetHeight(), image.GetWidth(), image.GetHeight(), user));
+        path, fmt::format("is {} x {}, but the image is {} x {}; {} wants the same size", other.Width(),
+                          other.Height(), image.GetWidth(), image.GetHeight(), user));
   }
-  return other;
+  return std::move(other.Pointer());
 }
 
 void ReadHeader(const files::ImageInfo& info, CHeader& camera) {
@@ -264,12 +193,14 @@ void SaveImage(Job& job, CVelImage& image, const files::Header& header, const st
   scaled.integers |= IsPng(path) && !image.HasOwnLevel();
   if (scaled.integers) {
     files::RangeOf16Bits range;
-    ForBands(job, image, true, "measuring " + path.filename().string(),
-             [&](int, int rows, float* const* planes) {
-               for (int p = 0; p < image.GetPlanes(); ++p) {
-                 range.Add(planes[p], static_cast<size_t>(rows) * image.GetWidth());
-               }
-             });
+    ForBands<Access::Read>(job, image, "measuring " + path.filename().string(),
+                           [&](const Band<const float>& band) {
+                             for (int p = 0; p < band.Planes(); ++p) {
+                               for (int y = 0; y < band.Rows(); ++y) {
+                                 range.Add(band.Plane(p)[y].data(), band.Width());
+                               }
+                             }
+                           });
     scaled.scale = range.Get();
   }
   ImageSaver saver(job, path, ShapeOf(image), Levels(image), header, scaled);
@@ -286,8 +217,8 @@ void SaveImage(Job& job, CVelImage& image, const files::Header& header, const st
     }
     job.EndProgress();
   } else {
-    ForBands(job, image, true, title,
-             [&](int, int rows, float* const* planes) { saver.Write(rows, planes); });
+    ForBands<Access::Read>(job, image, title,
+                           [&](const Band<const float>& band) { saver.Write(band.Rows(), band.Data()); });
   }
   saver.Commit();
 }

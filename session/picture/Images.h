@@ -20,19 +20,7 @@ KORIMG_SESSION_API long long BytesOf(const files::ImageInfo& info);
 /// Rows of a band of about 4 MiB.
 KORIMG_SESSION_API int BandRows(int width, int planes, int height);
 
-/// An image with what its file said.
-struct LoadedImage {
-  std::unique_ptr<CVelImage> image;
-  files::ImageInfo info;
-};
-
-/// Reads a file into a store. Levels come from the keywords KORLMIN1..3 and KORLMAX1..3, else from what a
-/// camera raw file says, else from the type of integers, else from the extremes of the pixels.
-KORIMG_SESSION_API LoadedImage LoadImage(Job& job, const std::shared_ptr<CVmManager>& store,
-                                         const std::filesystem::path& path,
-                                         const files::ReadOptions& options = {});
-
-/// Gives the pixels of a file the levels that LoadImage does; `lessBlack` as they were read.
+/// Gives the pixels of a file the levels that Image::Open does; `lessBlack` as they were read.
 KORIMG_SESSION_API void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack);
 
 /// Turns an image over, upside down.

@@ -9,6 +9,7 @@
 #include "session/calibrate/Frames.h"
 #include "session/files/Formats.h"
 #include "session/job/internal/SideBySide.h"
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 
 namespace korimg::session {
@@ -57,13 +58,15 @@ void CheckShare(Job& job, const std::vector<Registration>& registrations, size_t
 RegisterResult RegisterFiles(Job& job, const RegisterOptions& options) {
   const auto store = job.MakeStore();
   const auto open = [&](const fs::path& file) {
-    return LoadImage(job, store, file, {.hdu = options.hdu, .lessBorder = true});
+    return Image::Open(job, store, file, {.hdu = options.hdu, .lessBorder = true});
   };
-  const auto load = [&](const fs::path& file) -> std::shared_ptr<CVelImage> { return open(file).image; };
+  const auto load = [&](const fs::path& file) -> std::shared_ptr<CVelImage> {
+    return std::move(open(file).Pointer());
+  };
   const auto measure = [&](const fs::path& file) {
-    const LoadedImage loaded = open(file);
-    FrameMeasure frame = MeasureFrame(*loaded.image, options.sigmas);
-    frame.noData = loaded.info.noData;
+    const Image loaded = open(file);
+    FrameMeasure frame = MeasureFrame(loaded.Pixels(), options.sigmas);
+    frame.noData = loaded.Info().noData;
     return frame;
   };
 

@@ -10,7 +10,7 @@
 
 #include "korimg/image/CVelImage.h"
 #include "korimg/image/internal/Lines.h"
-#include "korimg/platform/internal/Assert.h"
+#include "korimg/platform/Assert.h"
 
 namespace korimg {
 

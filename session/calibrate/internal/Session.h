@@ -11,6 +11,7 @@
 #include "session/calibrate/Masters.h"
 #include "session/job/Job.h"
 #include "session/job/Json.h"
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 #include "session/stack/Stack.h"
 
@@ -59,7 +60,7 @@ class Session {
   const CalibrateOptions& Options() const { return options_; }
 
   struct Calibrated {
-    LoadedImage loaded;
+    Image loaded;
     double clipped;  ///< share of the pixels limited at 0
   };
   /// A light from its file, less its offset and divided by its flat; mosaics stay. What of its edges holds

@@ -55,11 +55,11 @@ TEST_F(SessionTest, RowsInPiecesAreThoseOfTheWholeLight) {
 
     // What the whole light comes to at once.
     Session::Calibrated whole = session.LoadLight(light);
-    CVelImage& image = *whole.loaded.image;
+    CVelImage& image = *whole.loaded.Pointer();
     std::unique_ptr<CVelImage> developed;
     if (light.mosaic.cfa > 0) {
       if (c.pedestal > 0) Calculate(image, Calculation::Subtract, c.pedestal);
-      Development development = session.Develop(MosaicSource(image), light, whole.loaded.info);
+      Development development = session.Develop(MosaicSource(image), light, whole.loaded.Info());
       developed = development.Rows(0, development.Size().height);
       if (c.pedestal > 0) Calculate(*developed, Calculation::Add, c.pedestal);
     }

@@ -10,6 +10,7 @@
 
 #include "session/files/Mosaic.h"
 #include "session/operations/Operations.h"
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 #include "tests/support/Folder.h"
 #include "tests/support/Images.h"
@@ -113,14 +114,14 @@ class Geometry : public files::FolderTest {
   }
 
   /// "crop rect=1,2,3,4 then flip" on a.fits.
-  LoadedImage Run(const std::string& text, const std::string& store = "contiguous") {
+  Image Run(const std::string& text, const std::string& store = "contiguous") {
     managers_.push_back(store == "contiguous" ? MemoryStore() : TinyPool());
-    LoadedImage loaded = LoadImage(job_, managers_.back(), In("a.fits"));
+    Image loaded = Image::Open(job_, managers_.back(), In("a.fits"));
     std::istringstream words(text + " then");
     std::optional<Step> step;
     for (std::string word; words >> word;) {
       if (word == "then") {
-        Call call(job_, *step, loaded.image, loaded.info.header, nullptr);
+        Call call(job_, *step, loaded.Pointer(), loaded.Header(), nullptr);
         step->operation->run(call);
         step.reset();
       } else if (!step) {
@@ -185,17 +186,18 @@ TEST_F(Geometry, AnObjectKeepsItsPlaceInTheSky) {
       const Point sky = Sky(header, object);
       for (const std::string steps : kSteps) {
         for (const std::string store : {"contiguous", "paged"}) {
-          const auto [image, info] = Run(steps, store);
-          const bool dropped = info.header.GetString("CTYPE1") == "RA---TAN" && form == std::string("SIP");
+          const Image image = Run(steps, store);
+          const files::Header& result = image.Header();
+          const bool dropped = result.GetString("CTYPE1") == "RA---TAN" && form == std::string("SIP");
           const auto has = [&](const char* word) { return steps.find(word) != std::string::npos; };
           const bool keeps = has("degrees=180") || !(has("bin") || has("scale") || has("rotate"));
           if (form == std::string("SIP")) {
             EXPECT_EQ(dropped, !keeps) << steps;
-            EXPECT_EQ(info.header.GetString("A_2_0").has_value(), keeps) << steps;
+            EXPECT_EQ(result.GetString("A_2_0").has_value(), keeps) << steps;
             if (dropped) continue;
           }
           // Seconds of arc, of which a pixel has 2 or so.
-          EXPECT_LT(Between(Sky(info.header, Centroid(*image)), sky), 0.05)
+          EXPECT_LT(Between(Sky(result, Centroid(image.Pixels())), sky), 0.05)
               << form << " " << store << ": " << steps;
         }
       }
@@ -216,7 +218,7 @@ TEST_F(Geometry, OtherDescriptionsMoveToo) {
   header.Set("XBINNING", 2);
   header.Set("XORGSUBF", 40);
   Save(60, 50, 1, Random(0, 1), header);
-  const Header binned = Run("crop rect=6,4,56,44 then bin bin-x=2 bin-y=4").info.header;
+  const Header binned = Run("crop rect=6,4,56,44 then bin bin-x=2 bin-y=4").Header();
   const auto expect = [](const Header& in, std::initializer_list<std::pair<const char*, double>> values) {
     for (const auto& [key, value] : values) {
       EXPECT_DOUBLE_EQ(in.GetDouble(key).value_or(NAN), value) << key;
@@ -236,12 +238,12 @@ TEST_F(Geometry, OtherDescriptionsMoveToo) {
                   {"XORGSUBF", 23},
                   {"YORGSUBF", 1}});
   EXPECT_FALSE(binned.GetString("CDELT1")) << "beside CD it would be stale";
-  expect(Run("rotate degrees=90").info.header, {{"XPIXSZ", 5}, {"YPIXSZ", 3.75}, {"SCALE", 2}});
+  expect(Run("rotate degrees=90").Header(), {{"XPIXSZ", 5}, {"YPIXSZ", 3.75}, {"SCALE", 2}});
   for (const char* steps : {"expansion radius=20", "mosaic file="}) {
     const std::string file = std::string(steps).ends_with("=") ? "b.fits" : "";
     std::filesystem::current_path(folder_);
     std::filesystem::copy_file(In("a.fits"), In("b.fits"), std::filesystem::copy_options::overwrite_existing);
-    const Header gone = Run(steps + file).info.header;
+    const Header gone = Run(steps + file).Header();
     EXPECT_FALSE(gone.GetString("CRPIX1") || gone.GetString("CD1_1") || gone.GetString("CTYPE1B")) << steps;
     const auto says = [](const std::string& card) {
       return card.starts_with("HISTORY korimg dropped the world");
@@ -273,7 +275,9 @@ TEST_F(Geometry, TheMosaicKeepsItsPhase) {
              {"crop rect=0,0,10,9", "crop rect=1,0,10,10", "crop rect=2,3,17,14", "crop rect=3,5,12,15",
               "flip axis=left-right", "flip axis=top-bottom", "rotate degrees=180", "lift-up lines=3",
               "canvas width=11 height=20", "crop rect=1,1,16,14 then flip then flip axis=left-right"}) {
-          auto [image, moved] = Run(steps);
+          const Image result = Run(steps);
+          CVelImage* const image = &result.Pixels();
+          files::ImageInfo moved = result.Info();
           moved.height = image->GetHeight();
           const int after = files::FindMosaic(moved).cfa;
           ASSERT_GT(after, 0) << steps;
@@ -345,14 +349,14 @@ TEST_F(Geometry, PixelsGoWhereTheyShould) {
   std::filesystem::current_path(folder_);
   for (const Case& c : cases) {
     for (const char* store : {"contiguous", "paged"}) {
-      const auto image = Run(c.steps, store).image;
+      const auto image = std::move(Run(c.steps, store).Pointer());
       EXPECT_EQ(std::pair(image->GetWidth(), image->GetHeight()), std::pair(c.width, c.height)) << c.steps;
       EXPECT_EQ(Difference(*image, c.expected, 1e-5), "") << c.steps << " " << store;
     }
   }
   std::filesystem::current_path("/");
   // The middle of a planet's map faces the viewer.
-  const auto map = Run("expansion radius=10 centre-x=15 centre-y=11 width=40").image;
+  const auto map = std::move(Run("expansion radius=10 centre-x=15 centre-y=11 width=40").Pointer());
   EXPECT_EQ(std::pair(map->GetWidth(), map->GetHeight()), std::pair(40, 20));
   EXPECT_EQ(map->GetPixelGrayRaw(20, 10, 1), static_cast<float>(at(1, 15, 11)));
 }

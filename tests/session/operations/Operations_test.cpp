@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 #include "tests/support/Folder.h"
 #include "tests/support/Images.h"
@@ -51,10 +52,10 @@ class Table : public files::FolderTest {
 
   std::unique_ptr<CVelImage> Run(const Step& step, const std::string& store, CRect* rect = nullptr) {
     managers_.push_back(store == "contiguous" ? MemoryStore() : TinyPool());
-    LoadedImage loaded = LoadImage(job_, managers_.back(), first_);
-    Call call(job_, step, loaded.image, loaded.info.header, rect);
+    Image loaded = Image::Open(job_, managers_.back(), first_);
+    Call call(job_, step, loaded.Pointer(), loaded.Header(), rect);
     step.operation->run(call);
-    return std::move(loaded.image);
+    return std::move(loaded.Pointer());
   }
 
   Job job_;
@@ -106,11 +107,11 @@ TEST_F(Table, ABlankPixelOfAFlatLeavesItsPixelAlone) {
                  [](int p, int x, int y) { return x == 7 && y == 9 ? NAN : Random(50, 500, 2)(p, x, y); });
   Step step{&FindOperation("dark-flat"), {{"flat", second_.string()}}};
   managers_.push_back(MemoryStore());
-  LoadedImage loaded = LoadImage(job_, managers_.back(), first_);
-  Call call(job_, step, loaded.image, loaded.info.header, nullptr);
+  Image loaded = Image::Open(job_, managers_.back(), first_);
+  Call call(job_, step, loaded.Pointer(), loaded.Header(), nullptr);
   step.operation->run(call);
-  EXPECT_EQ(loaded.image->GetPixelGrayRaw(7, 9, 1), static_cast<float>(Random(100, 1000)(1, 7, 9)));
-  EXPECT_TRUE(std::isfinite(loaded.image->GetPixelGrayRaw(8, 9, 1)));
+  EXPECT_EQ(loaded.Pixels().GetPixelGrayRaw(7, 9, 1), static_cast<float>(Random(100, 1000)(1, 7, 9)));
+  EXPECT_TRUE(std::isfinite(loaded.Pixels().GetPixelGrayRaw(8, 9, 1)));
   EXPECT_THROW(Run(FindOperation("flat"), "contiguous", nullptr), UsageError);
 }
 

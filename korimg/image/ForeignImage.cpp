@@ -1,0 +1,85 @@
+#include "korimg/image/ForeignImage.h"
+
+#include <utility>
+
+#include "korimg/platform/Assert.h"
+
+namespace korimg {
+namespace {
+
+/// The store of one foreign image, and of all that is made from it.
+class ForeignManager : public CVmManager {
+ public:
+  ForeignManager(std::vector<float*> planes, std::shared_ptr<const void> owner,
+                 std::shared_ptr<CVmManager> rest)
+      : planes_(std::move(planes)), owner_(std::move(owner)), rest_(std::move(rest)) {
+    KORIMG_ASSERT(rest_->GetAllocationPolicy() == Contiguous);
+  }
+
+  /// Makes the foreign image. New images are cleared, which this one must not be.
+  std::unique_ptr<CVelImage> Make(int width, int height) {
+    auto image =
+        std::make_unique<CVelImage>(shared_from_this(), CImage::Float, width, height,
+                                    static_cast<int>(planes_.size()), 1.0, 0.0, 1, CImage::ProgressPtr());
+    isMade_ = true;
+    return image;
+  }
+
+  AllocationPolicy GetAllocationPolicy() const override { return Contiguous; }
+
+  unsigned char* GetBlock(std::shared_ptr<CVmHandle> const& handle, long long block, bool readOnly) override {
+    const auto& inner = Inner(handle);
+    return inner ? rest_->GetBlock(inner, block, readOnly)
+                 : reinterpret_cast<unsigned char*>(planes_[static_cast<size_t>(block)]);
+  }
+
+  long long GetLinesPerBlock(long long, long long height) const override { return height; }
+
+  std::shared_ptr<CVmHandle> Allocate(long long blockSize, long long blockCount) override {
+    auto handle = std::make_shared<Handle>(blockSize, blockCount, shared_from_this());
+    if (isMade_) handle->inner = rest_->Allocate(blockSize, blockCount);
+    return handle;
+  }
+
+  void Free(std::shared_ptr<CVmHandle> const& handle) noexcept override {
+    if (const auto& inner = Inner(handle)) rest_->Free(inner);
+  }
+
+  void Lock(std::shared_ptr<CVmHandle> const&, long long) override {}
+  void Unlock(std::shared_ptr<CVmHandle> const&, long long) override {}
+
+  bool IsOnMemory(std::shared_ptr<CVmHandle> const& handle) const override {
+    const auto& inner = Inner(handle);
+    return !inner || rest_->IsOnMemory(inner);
+  }
+
+  bool IsUntouched(std::shared_ptr<CVmHandle> const& handle, long long block) const override {
+    const auto& inner = Inner(handle);
+    return inner ? rest_->IsUntouched(inner, block) : !isMade_;
+  }
+
+ private:
+  struct Handle : CVmHandle {
+    using CVmHandle::CVmHandle;
+    std::shared_ptr<CVmHandle> inner;  ///< of `rest`; none for the foreign image
+  };
+
+  static const std::shared_ptr<CVmHandle>& Inner(std::shared_ptr<CVmHandle> const& handle) {
+    return static_cast<const Handle&>(*handle).inner;
+  }
+
+  const std::vector<float*> planes_;
+  const std::shared_ptr<const void> owner_;
+  const std::shared_ptr<CVmManager> rest_;
+  bool isMade_ = false;
+};
+
+}  // namespace
+
+StoredImage MakeImageOver(std::vector<float*> planes, int width, int height,
+                          std::shared_ptr<const void> owner, std::shared_ptr<CVmManager> rest) {
+  const auto manager = std::make_shared<ForeignManager>(std::move(planes), std::move(owner), std::move(rest));
+  return {manager, manager->Make(width, height)};
+}
+
+}  // namespace korimg

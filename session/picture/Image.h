@@ -1,0 +1,71 @@
+// An image with all that belongs to it, for every step and every host.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "korimg/image/CVelImage.h"
+#include "korimg/image/View.h"
+
+#include "session/Export.h"
+#include "session/files/ImageFile.h"
+#include "session/job/Job.h"
+
+namespace korimg::session {
+
+/// Pixels with their levels, the store that they live in, and what the file or the caller says of them.
+/// Moved, never copied. Pixels are floats on the raw scale, 1 plane, or 3 for red, green and blue.
+class KORIMG_SESSION_API Image {
+ public:
+  /// Takes pixels with what is known of them, and holds their store.
+  explicit Image(std::unique_ptr<CVelImage> pixels, files::ImageInfo info = {});
+
+  /// Reads a file into a store. Levels come from the keywords KORLMIN1..3 and KORLMAX1..3, else from what a
+  /// camera raw file says, else from the type of integers, else from the extremes of the pixels.
+  /// @throws FileError, Cancelled
+  static Image Open(Job& job, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
+                    const files::ReadOptions& options = {});
+  /// The same in the job's own store.
+  static Image Open(Job& job, const std::filesystem::path& path, const files::ReadOptions& options = {});
+
+  /// An image over memory of somebody else, which `owner` keeps alive: without a copy where rows have nothing
+  /// between them, else copied once. Operations that work in place change that memory; the levels are the
+  /// extremes of the pixels.
+  /// @throws UsageError for bands of no pixels or of 2 planes
+  static Image Over(Job& job, const Band<float>& pixels, std::shared_ptr<const void> owner = nullptr);
+  /// A copy of pixels, of any pitch.
+  static Image CopyOf(Job& job, const Band<const float>& pixels);
+
+  int Width() const { return pixels_->GetWidth(); }
+  int Height() const { return pixels_->GetHeight(); }
+  int Planes() const { return pixels_->GetPlanes(); }
+  CVelImage& Pixels() const { return *pixels_; }
+  /// What operations replace by their results, in the same store.
+  std::unique_ptr<CVelImage>& Pointer() { return pixels_; }
+  files::ImageInfo& Info() { return info_; }
+  const files::ImageInfo& Info() const { return info_; }
+  files::Header& Header() { return info_.header; }
+  const files::Header& Header() const { return info_.header; }
+
+  /// Copies the rows of a band out of the image, or into it.
+  void ReadRows(const Band<float>& to) const;
+  void WriteRows(const Band<const float>& from);
+  /// The pixels themselves, good until an operation replaces them. Contiguous stores only.
+  Band<float> Rows(int top, int rows) const { return RowsOf(*pixels_, top, rows); }
+  Band<float> Rows() const { return Rows(0, Height()); }
+
+  /// The pixels of an image's rows in its store, which must be contiguous.
+  static Band<float> RowsOf(CVelImage& image, int top, int rows, bool readOnly = false);
+
+ private:
+  std::shared_ptr<CVmManager> store_;
+  std::unique_ptr<CVelImage> pixels_;  ///< ends before its store
+  files::ImageInfo info_;
+};
+
+/// An image of floats in a store.
+KORIMG_SESSION_API std::unique_ptr<CVelImage> NewImage(const std::shared_ptr<CVmManager>& store, int width,
+                                                       int height, int planes);
+
+}  // namespace korimg::session
