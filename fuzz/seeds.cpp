@@ -189,8 +189,8 @@ void WriteRecipes(const fs::path& folder, const fs::path& dictionary) {
     std::string recipe = operation.name;
     for (const session::Parameter& p : operation.parameters) {
       words += fmt::format("\"{}=\"\n", p.name);
-      std::string value = p.defaultValue;
-      if (p.kind == session::ParameterKind::File) value = "gray.fits";
+      std::string value = p.defaultValue ? session::TextOf(*p.defaultValue) : "";
+      if (p.kind == session::ParameterKind::Image) value = "gray.fits";
       if (p.kind == session::ParameterKind::Rect) value = "3,2,20,14";
       if (p.kind == session::ParameterKind::Points) value = "0:0,0.3:0.5,1:1";
       if (p.kind == session::ParameterKind::PerPlane && value.empty()) value = "150,100,200";

@@ -12,7 +12,8 @@
 #include "app/verbs/Verbs.h"
 #include "session/files/Geometry.h"
 #include "session/job/Json.h"
-#include "session/operations/Operations.h"
+#include "session/operations/Kernels.h"
+#include "session/operations/Operation.h"
 #include "session/picture/Image.h"
 #include "session/picture/Images.h"
 
@@ -37,7 +38,7 @@ struct CompositeOptions {
     return static_cast<int>(std::find(names.begin(), names.end(), name) - names.begin());
   }
   int Mode() const { return Number(kModes, mode); }
-  int Kernel() const { return Number(kKernels, kernel); }
+  int Kernel() const { return ValueOf(kKernels, kernel); }
 
   /// As a call would be written with all that counts.
   std::string Text() const {
@@ -180,7 +181,7 @@ void AddComposite(CLI::App& app, Tool& tool) {
           "replaces what is saturated in a long exposure by a short one")
       ->check(CLI::IsMember(kModes));
   verb->add_option("--kernel", options->kernel, "how the second is read between its pixels")
-      ->check(CLI::IsMember(kKernels));
+      ->check(CLI::IsMember(NamesOf(kKernels)));
   verb->add_option("--weight", options->weight,
                    "weight: the second's share; neighbour: what the second is multiplied by")
       ->check(CLI::Range(-1e6, 1e6));

@@ -1,13 +1,13 @@
 // korimg stack: registered frames become one image.
 #include "app/verbs/Verbs.h"
-#include "session/operations/Operations.h"
+#include "session/operations/Kernels.h"
 #include "session/stack/StackFiles.h"
 
 namespace korimg::tool {
 
 void AddStackChoices(CLI::App& verb, StackChoices& choices) {
   verb.add_option("--method", choices.method, "what a pixel becomes; sigma is a mean without outliers")
-      ->check(CLI::IsMember(kStackMethods));
+      ->check(CLI::IsMember(NamesOf(kStackMethods)));
   verb.add_option(
       "--kappa", choices.kappa,
       "sigma: standard deviations from the median beyond which values are rejected, one number or "
@@ -23,7 +23,7 @@ void AddStackChoices(CLI::App& verb, StackChoices& choices) {
   verb.add_option("--weight", choices.weight, "of frames in means: by the noise, or by fwhm of --transforms")
       ->check(CLI::IsMember({"none", "noise", "fwhm"}));
   verb.add_option("--kernel", choices.kernel, "how moved frames are read between their pixels")
-      ->check(CLI::IsMember(kKernels));
+      ->check(CLI::IsMember(NamesOf(kKernels)));
   verb.add_option(
           "--undershoot", choices.undershoot,
           "dark rings of bicubic and lanczos kernels beside bright stars: raised to the pixels around "

@@ -28,8 +28,8 @@ class Plane {
   Plane(T* pixels, int width, int rows) : Plane(pixels, width, rows, width) {}
   /// What may be written may be read.
   template <class U>
-    requires(std::is_same_v<const U, T> && !std::is_same_v<U, T>)
-  Plane(const Plane<U>& other) : Plane(other.Data(), other.Width(), other.Rows(), other.Pitch()) {}
+  requires(std::is_same_v<const U, T> && !std::is_same_v<U, T>) Plane(const Plane<U>& other)
+      : Plane(other.Data(), other.Width(), other.Rows(), other.Pitch()) {}
 
   int Width() const { return width_; }
   int Rows() const { return rows_; }
@@ -70,8 +70,7 @@ class Band {
       : Band(pixels, planes, width, top, rows, width) {}
   /// What may be written may be read.
   template <class U>
-    requires(std::is_same_v<const U, T> && !std::is_same_v<U, T>)
-  Band(const Band<U>& other)
+  requires(std::is_same_v<const U, T> && !std::is_same_v<U, T>) Band(const Band<U>& other)
       : Band(other.Data(), other.Planes(), other.Width(), other.Top(), other.Rows(), other.Pitch()) {}
 
   int Planes() const { return planes_; }

@@ -44,4 +44,10 @@ Gain FindGain(const Header& header, double noise) {
   return {*electrons * frames, frames > 1 ? fmt::format("{}, {:g} frames", key, frames) : key};
 }
 
+void DropGain(Header& header) {
+  if (IsInElectrons(header, "GAIN")) header.Remove("GAIN");
+  header.Remove("EGAIN");
+  header.Remove("KORLGAIN");
+}
+
 }  // namespace korimg::files

@@ -19,4 +19,7 @@ struct Gain {
 /// is no less of it than hundredths of an electron.
 KORIMG_SESSION_API Gain FindGain(const Header& header, double noise);
 
+/// Removes the cards that FindGain goes by, where values are no counts of the camera any more.
+KORIMG_SESSION_API void DropGain(Header& header);
+
 }  // namespace korimg::files

@@ -45,13 +45,13 @@ Image::Image(std::unique_ptr<CVelImage> pixels, files::ImageInfo info)
     : store_(pixels->VmManager()), pixels_(std::move(pixels)), info_(std::move(info)) {}
 
 Image Image::Open(Job& job, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
-                      const files::ReadOptions& options) {
+                  const files::ReadOptions& options) {
   const auto reader = files::ImageReader::Open(path, options);
   const files::ImageInfo& info = reader->Info();
   auto image = NewImage(store, info.width, info.height, info.planes);
-  ForBands<Access::Write>(
-      job, *image, "reading " + path.filename().string(),
-      [&](const Band<float>& band) { reader->ReadRows(band.Top(), band.Rows(), band.Data()); });
+  ForBands<Access::Write>(job, *image, "reading " + path.filename().string(), [&](const Band<float>& band) {
+    reader->ReadRows(band.Top(), band.Rows(), band.Data());
+  });
   image->SetOrgFileName(Widen(path.string()));
   image->SetOrgFileFormat(Widen(info.format));
   image->SetOrgBitsPixel(SourceTypeOf(info));

@@ -82,12 +82,16 @@ std::unique_ptr<CVelImage> LoadSameSize(Job& job, const CVelImage& image, const 
                                         const std::filesystem::path& path, const std::string& user) {
   Image other = Image::Open(job, image.VmManager(), path);
   if (files::LiesOverturned(header, other.Header())) TurnOver(other.Pixels());
-  if (other.Width() != image.GetWidth() || other.Height() != image.GetHeight()) {
-    throw files::FileError(
-        path, fmt::format("is {} x {}, but the image is {} x {}; {} wants the same size", other.Width(),
-                          other.Height(), image.GetWidth(), image.GetHeight(), user));
-  }
+  CheckSameSize(other.Pixels(), image, path, user);
   return std::move(other.Pointer());
+}
+
+void CheckSameSize(const CVelImage& other, const CVelImage& image, const std::filesystem::path& name,
+                   const std::string& user) {
+  if (other.GetWidth() == image.GetWidth() && other.GetHeight() == image.GetHeight()) return;
+  throw files::FileError(
+      name, fmt::format("is {} x {}, but the image is {} x {}; {} wants the same size", other.GetWidth(),
+                        other.GetHeight(), image.GetWidth(), image.GetHeight(), user));
 }
 
 void ReadHeader(const files::ImageInfo& info, CHeader& camera) {

@@ -33,6 +33,10 @@ KORIMG_SESSION_API std::unique_ptr<CVelImage> LoadSameSize(Job& job, const CVelI
                                                            const std::filesystem::path& path,
                                                            const std::string& user);
 
+/// Refuses an image of another size. Throws FileError with both sizes; `name` is what it is called.
+KORIMG_SESSION_API void CheckSameSize(const CVelImage& other, const CVelImage& image,
+                                      const std::filesystem::path& name, const std::string& user);
+
 /// What a file says of camera and exposure.
 KORIMG_SESSION_API void ReadHeader(const files::ImageInfo& info, CHeader& camera);
 

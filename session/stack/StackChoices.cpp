@@ -1,19 +1,15 @@
 #include "session/stack/StackChoices.h"
 
-#include <algorithm>
-
 #include <fmt/format.h>
 
-#include "session/operations/Operations.h"
+#include "session/operations/Kernels.h"
 
 namespace korimg::session {
 namespace {
 
-const std::vector<std::string> kNormalisations = {"none", "level", "level+scale"};
-
-int NumberOf(const std::vector<std::string>& names, const std::string& name) {
-  return static_cast<int>(std::find(names.begin(), names.end(), name) - names.begin());
-}
+const std::vector<Named<Normalisation>> kNormalisations = {{"none", Normalisation::None},
+                                                           {"level", Normalisation::Level},
+                                                           {"level+scale", Normalisation::LevelAndScale}};
 
 CImgStack::Clip ParseClip(const std::string& kappa, int iterations) {
   const size_t comma = kappa.find(',');
@@ -34,10 +30,10 @@ void StackChoices::Settle(bool fluxesAreCompared) {
 
 StackOptions StackChoices::Options() const {
   StackOptions options;
-  options.method = static_cast<CImgStack::Method>(NumberOf(kStackMethods, method));
+  options.method = ValueOf(kStackMethods, method);
   options.clip = ParseClip(kappa, iterations);
-  options.normalisation = static_cast<Normalisation>(NumberOf(kNormalisations, normalise));
-  options.kernel = NumberOf(kKernels, kernel);
+  options.normalisation = ValueOf(kNormalisations, normalise);
+  options.kernel = ValueOf(kKernels, kernel);
   options.clampUndershoot = undershoot == "clamp";
   return options;
 }

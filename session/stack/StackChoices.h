@@ -4,12 +4,16 @@
 #include <string>
 #include <vector>
 
+#include "session/job/Named.h"
 #include "session/stack/Stack.h"
 
 namespace korimg::session {
 
-/// Names of the methods, by the numbers of CImgStack::Method.
-inline const std::vector<std::string> kStackMethods = {"median", "mean", "sigma", "max", "min"};
+inline const std::vector<Named<CImgStack::Method>> kStackMethods = {{"median", CImgStack::Median},
+                                                                    {"mean", CImgStack::Mean},
+                                                                    {"sigma", CImgStack::ClippedMean},
+                                                                    {"max", CImgStack::Maximum},
+                                                                    {"min", CImgStack::Minimum}};
 
 struct StackChoices {
   std::string method = "sigma", kappa = "2.5", normalise = "auto", weight = "noise", kernel = "bicubic",

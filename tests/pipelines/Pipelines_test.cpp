@@ -68,14 +68,17 @@ std::map<std::string, std::string> Composites() {
 
 TEST(Pipelines, AreThoseOfTheList) {
   std::map<std::string, std::map<std::string, std::string>> listed, built;  // family, name, signature
-  std::ifstream list(KORIMG_PIPELINE_LIST);
-  for (std::string line; std::getline(list, line);) {
-    if (line.empty() || line[0] == '#') continue;
-    std::istringstream words(line);
-    std::string family, name, signature;
-    words >> family >> name >> std::ws;
-    std::getline(words, signature);
-    listed[family][name] = signature;
+  for (const auto& file : std::filesystem::directory_iterator(KORIMG_PIPELINE_LISTS)) {
+    if (file.path().extension() != ".txt") continue;
+    std::ifstream list(file.path());
+    for (std::string line; std::getline(list, line);) {
+      if (line.empty() || line[0] == '#') continue;
+      std::istringstream words(line);
+      std::string name, signature;
+      words >> name >> std::ws;
+      std::getline(words, signature);
+      listed[file.path().stem()][name] = signature;
+    }
   }
   ASSERT_GE(listed.size(), 10u);
   listed["composite"] = Composites();

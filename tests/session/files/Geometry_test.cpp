@@ -121,13 +121,12 @@ class Geometry : public files::FolderTest {
     std::optional<Step> step;
     for (std::string word; words >> word;) {
       if (word == "then") {
-        Call call(job_, *step, loaded.Pointer(), loaded.Header(), nullptr);
-        step->operation->run(call);
+        step->Run(job_, loaded);
         step.reset();
       } else if (!step) {
-        step = Step{&FindOperation(word), {}};
+        step.emplace(FindOperation(word));
       } else {
-        step->values[word.substr(0, word.find('='))] = word.substr(word.find('=') + 1);
+        step->Set(word.substr(0, word.find('=')), word.substr(word.find('=') + 1));
       }
     }
     return loaded;
@@ -368,7 +367,7 @@ TEST_F(Geometry, WhatIsNotPossibleIsRefused) {
                             "scale factor=2 width=3", "scale width=1000000 height=1 then scale factor=2"}) {
     EXPECT_THROW(Run(steps), UsageError) << steps;
   }
-  EXPECT_THROW(CheckValue(FindOperation("crop"), FindOperation("crop").parameters[0], "5,5,2,9"), UsageError);
+  EXPECT_THROW(FindOperation("crop").Find("rect").Read("5,5,2,9"), UsageError);
   std::filesystem::current_path(folder_);
   EXPECT_THROW(Run("mosaic file=colour.fits"), UsageError);
   EXPECT_THROW(Run("mosaic file=a.fits x=999999"), UsageError);

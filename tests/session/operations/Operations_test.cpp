@@ -2,10 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <sstream>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
+#include "session/operations/Describe.h"
+#include "session/operations/Documentation.h"
 #include "session/picture/Image.h"
 #include "session/picture/Images.h"
 #include "tests/support/Folder.h"
@@ -16,6 +20,12 @@ namespace {
 
 using namespace korimg::test;
 
+bool IsAsBefore(CVelImage& image, CVelImage& before) {
+  return image.GetWidth() == before.GetWidth() && image.GetPlanes() == before.GetPlanes() &&
+         image.GetLevelMin(1) == before.GetLevelMin(1) && image.GetLevelMax(1) == before.GetLevelMax(1) &&
+         Difference(image, before, 0).empty();
+}
+
 class Table : public files::FolderTest {
  protected:
   /// A colour image of 97 x 71, from a file.
@@ -25,37 +35,33 @@ class Table : public files::FolderTest {
     return In(name);
   }
 
-  /// A value for a parameter that has no default.
-  std::string Value(const Parameter& parameter) {
-    if (parameter.kind == ParameterKind::File) return second_.string();
-    if (parameter.kind == ParameterKind::Rect) return "11,7,80,66";
-    if (parameter.kind == ParameterKind::Points) return "0:0,0.3:0.5,1:1";
-    if (parameter.name == "max") return "800,900,1000";
-    if (parameter.name == "high") return "800";
-    if (parameter.name == "rank") return "2,3,1";
-    if (parameter.name == "width" || parameter.name == "height") return "120";
-    if (parameter.name == "radius" || parameter.name.starts_with("centre-")) return "40";
-    if (parameter.kind == ParameterKind::PerPlane) return "150,100,200";
-    return parameter.kind == ParameterKind::Integer ? "7" : "437.5";
+  /// The example of an operation, with its images; without the values that may be left out, if wanted.
+  Step Example(const Operation& operation, bool requiredOnly = false) {
+    Step step(operation);
+    std::istringstream words(operation.example);
+    for (std::string word; words >> word;) {
+      const Parameter& parameter = operation.Find(word.substr(0, word.find('=')));
+      const std::string value = word.substr(word.find('=') + 1);
+      if (requiredOnly && !parameter.required) continue;
+      step.Set(parameter.name, parameter.kind == ParameterKind::Image ? In(value).string() : value);
+    }
+    return step;
   }
 
-  std::unique_ptr<CVelImage> Run(const Operation& operation, const std::string& store, CRect* rect,
-                                 bool optionals = true) {
-    Step step{&operation, {}};
-    for (const Parameter& parameter : operation.parameters) {
-      if (!parameter.defaultValue.empty() || (parameter.optional && !optionals)) continue;
-      if (operation.name == "scale" && parameter.name == "factor") continue;  // width and height are given
-      step.values[parameter.name] = Value(parameter);
+  /// The images that examples speak of.
+  void MakeExamples() {
+    first_ = File("light.fits", Random(100, 1000));
+    int seed = 1;
+    for (const char* name : {"dark.fits", "flat.fits", "other.fits"}) {
+      File(name, Random(50, 500, ++seed));
     }
-    return Run(step, store, rect);
   }
 
   std::unique_ptr<CVelImage> Run(const Step& step, const std::string& store, CRect* rect = nullptr) {
     managers_.push_back(store == "contiguous" ? MemoryStore() : TinyPool());
-    Image loaded = Image::Open(job_, managers_.back(), first_);
-    Call call(job_, step, loaded.Pointer(), loaded.Header(), rect);
-    step.operation->run(call);
-    return std::move(loaded.Pointer());
+    Image image = Image::Open(job_, managers_.back(), first_);
+    step.Run(job_, image, rect);
+    return std::move(image.Pointer());
   }
 
   Job job_;
@@ -63,36 +69,78 @@ class Table : public files::FolderTest {
   std::vector<std::shared_ptr<CVmManager>> managers_;
 };
 
-TEST_F(Table, EveryOperationGivesTheSameOnBothStores) {
-  first_ = File("first.fits", Random(100, 1000));
-  second_ = File("second.fits", Random(50, 500, 2));
+TEST_F(Table, EveryExampleGivesTheSameOnBothStores) {
+  MakeExamples();
   for (const Operation& operation : Operations()) {
-    for (const auto& [partial, optionals] : {std::pair(false, true), {true, true}, {true, false}}) {
+    const auto before = Image::Open(job_, first_);
+    for (const auto& [partial, requiredOnly] : {std::pair(false, false), {true, false}, {true, true}}) {
       if (partial && !operation.takesRect) continue;
-      if (!optionals && operation.name == "dark-flat") continue;  // wants one of them
+      if (requiredOnly && operation.name == "dark-flat") continue;  // wants one of them
+      const Step step = Example(operation, requiredOnly);
       CRect rect(13, 5, 90, 60);
-      const auto contiguous = Run(operation, "contiguous", partial ? &rect : nullptr, optionals);
-      const auto paged = Run(operation, "paged", partial ? &rect : nullptr, optionals);
-      ASSERT_EQ(contiguous->GetPlanes(), paged->GetPlanes()) << operation.name;
+      const auto contiguous = Run(step, "contiguous", partial ? &rect : nullptr);
+      const auto paged = Run(step, "paged", partial ? &rect : nullptr);
+      ASSERT_EQ(contiguous->GetPlanes(), paged->GetPlanes()) << step.Text();
+      if (!requiredOnly && operation.name != "to-colour") {
+        EXPECT_FALSE(IsAsBefore(*contiguous, before.Pixels())) << step.Text() << " does nothing";
+      }
       if (!operation.storesAgree) continue;
-      EXPECT_EQ(Difference(*contiguous, *paged, *operation.storesAgree), "") << operation.name;
+      EXPECT_EQ(Difference(*contiguous, *paged, *operation.storesAgree), "") << step.Text();
       for (int p = 0; p < contiguous->GetPlanes(); ++p) {
         // Automatic levels count in bins, a few of which make up the difference of the two paths.
-        EXPECT_NEAR(contiguous->GetLevelMin(p), paged->GetLevelMin(p), 2.0) << operation.name;
-        EXPECT_NEAR(contiguous->GetLevelMax(p), paged->GetLevelMax(p), 2.0) << operation.name;
+        EXPECT_NEAR(contiguous->GetLevelMin(p), paged->GetLevelMin(p), 2.0) << step.Text();
+        EXPECT_NEAR(contiguous->GetLevelMax(p), paged->GetLevelMax(p), 2.0) << step.Text();
       }
     }
   }
 }
 
+TEST_F(Table, HeadersGoTheWayThatIsSaid) {
+  MakeExamples();
+  files::Header header;
+  for (const auto& [key, value] : {std::pair("CRPIX1", 30.5),
+                                   {"CRPIX2", 20.25},
+                                   {"CRVAL1", 83.8},
+                                   {"CRVAL2", -5.4},
+                                   {"CD1_1", -2.8e-4},
+                                   {"CD2_2", 2.8e-4},
+                                   {"EGAIN", 1.3},
+                                   {"KORLGAIN", 2.5}}) {
+    header.Set(key, value);
+  }
+  header.Set("CTYPE1", "RA---TAN");
+  header.Set("CTYPE2", "DEC--TAN");
+  header.Set("GAIN", 1.5, "e-/ADU");
+  header.Set("OBJECT", "M 42");
+  for (const Operation& operation : Operations()) {
+    Image image = Image::Open(job_, first_);
+    image.Header() = header;
+    Example(operation).Run(job_, image);
+    const files::Header& after = image.Header();
+    const auto has = [&](const char* key) { return after.GetString(key).has_value(); };
+    const bool moves = operation.header == HeaderEffect::Moves,
+               places = operation.header != HeaderEffect::DropsPlaces,
+               counts = operation.header != HeaderEffect::DropsCounts;
+    EXPECT_EQ(has("CTYPE1"), places) << operation.name;
+    EXPECT_EQ(has("CRPIX1"), places) << operation.name;
+    for (const char* key : {"EGAIN", "KORLGAIN", "GAIN"}) {
+      EXPECT_EQ(has(key), counts) << operation.name << " " << key;
+    }
+    EXPECT_TRUE(has("OBJECT")) << operation.name;
+    const bool stays = after.GetDouble("CRPIX1") == 30.5 && after.GetDouble("CRPIX2") == 20.25;
+    EXPECT_EQ(stays, places && !moves) << operation.name;
+    const bool keeps = operation.header == HeaderEffect::Keeps;
+    EXPECT_EQ(after.cards == header.cards, keeps) << operation.name;
+  }
+}
+
 TEST_F(Table, AWindowLeavesTheRestAsItWas) {
-  first_ = File("first.fits", Random(100, 1000));
-  second_ = File("second.fits", Random(50, 500, 2));
+  MakeExamples();
   for (const Operation& operation : Operations()) {
     if (!operation.takesRect) continue;
     for (const std::string store : {"contiguous", "paged"}) {
       CRect rect(13, 5, 90, 60);
-      const auto image = Run(operation, store, &rect);
+      const auto image = Run(Example(operation), store, &rect);
       for (const auto& [x, y] : {std::pair(12, 30), {90, 30}, {50, 4}, {50, 60}}) {
         EXPECT_EQ(image->GetPixelGrayRaw(x, y, 1), static_cast<float>(Random(100, 1000)(1, x, y)))
             << operation.name;
@@ -105,14 +153,10 @@ TEST_F(Table, ABlankPixelOfAFlatLeavesItsPixelAlone) {
   first_ = File("first.fits", Random(100, 1000));
   second_ = File("flat.fits",
                  [](int p, int x, int y) { return x == 7 && y == 9 ? NAN : Random(50, 500, 2)(p, x, y); });
-  Step step{&FindOperation("dark-flat"), {{"flat", second_.string()}}};
-  managers_.push_back(MemoryStore());
-  Image loaded = Image::Open(job_, managers_.back(), first_);
-  Call call(job_, step, loaded.Pointer(), loaded.Header(), nullptr);
-  step.operation->run(call);
-  EXPECT_EQ(loaded.Pixels().GetPixelGrayRaw(7, 9, 1), static_cast<float>(Random(100, 1000)(1, 7, 9)));
-  EXPECT_TRUE(std::isfinite(loaded.Pixels().GetPixelGrayRaw(8, 9, 1)));
-  EXPECT_THROW(Run(FindOperation("flat"), "contiguous", nullptr), UsageError);
+  const auto image = Run(Step(FindOperation("dark-flat"), {{"flat", second_.string()}}), "contiguous");
+  EXPECT_EQ(image->GetPixelGrayRaw(7, 9, 1), static_cast<float>(Random(100, 1000)(1, 7, 9)));
+  EXPECT_TRUE(std::isfinite(image->GetPixelGrayRaw(8, 9, 1)));
+  EXPECT_THROW(Run(Step(FindOperation("flat"), {{"file", second_.string()}}), "contiguous"), UsageError);
 }
 
 TEST_F(Table, WhatCannotGiveAnImageIsRefused) {
@@ -145,8 +189,8 @@ TEST_F(Table, WhatCannotGiveAnImageIsRefused) {
   for (const auto& c : cases) {
     first_ = File(fmt::format("first{}.fits", ++number), c.image);
     second_ = File(fmt::format("second{}.fits", number), c.flat);
-    Step step{&FindOperation(c.operation), c.values};
-    if (step.operation->name == "flat") step.values["file"] = second_.string();
+    Step step(FindOperation(c.operation), c.values);
+    if (step.What().name == "flat") step.Set("file", second_.string());
     for (const char* store : {"contiguous", "paged"}) {
       if (c.works) {
         EXPECT_NO_THROW(Run(step, store)) << step.Text();
@@ -164,7 +208,7 @@ TEST_F(Table, AutomaticLevelsKeepTheSkyByTheirOwnDefaults) {
     return 1000 + 30 * noise + (x % 17 == 3 && y % 13 == 5 ? 9000 : 0);
   });
   for (const char* method : {"normal", "mean", "median", "histogram"}) {
-    const auto image = Run(Step{&FindOperation("auto-level"), {{"method", method}}}, "contiguous");
+    const auto image = Run(Step(FindOperation("auto-level"), {{"method", method}}), "contiguous");
     EXPECT_LT(image->GetLevelMin(0), 990) << method;
     EXPECT_GT(image->GetLevelMax(0), 1050) << method;
   }
@@ -174,12 +218,13 @@ TEST_F(Table, DefaultsAreWithinTheirRangesAndNamesAreUnique) {
   std::vector<std::string> names;
   for (const Operation& operation : Operations()) {
     names.push_back(operation.name);
-    EXPECT_FALSE(operation.summary.empty());
+    EXPECT_FALSE(operation.summary.empty() || operation.text.empty()) << operation.name;
     for (const Parameter& parameter : operation.parameters) {
       EXPECT_FALSE(parameter.help.empty()) << operation.name << " " << parameter.name;
-      if (!parameter.defaultValue.empty()) {
-        EXPECT_NO_THROW(CheckValue(operation, parameter, parameter.defaultValue)) << operation.name;
-      }
+      if (!parameter.defaultValue) continue;
+      // What is written of it in the documentation can be written in a call.
+      EXPECT_EQ(TextOf(parameter.Read(TextOf(*parameter.defaultValue))), TextOf(*parameter.defaultValue))
+          << operation.name;
     }
   }
   EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
@@ -215,10 +260,8 @@ TEST_F(Table, RefusesValuesThatCantBe) {
                         Case{"curve", "points", "0:0,1:1,2:1"},
                         Case{"curve", "red", "0:0,1"},
                         Case{"curve", "red", "0:0,1:1x"}}) {
-    const Operation& operation = FindOperation(c.operation);
-    const auto parameter = std::find_if(operation.parameters.begin(), operation.parameters.end(),
-                                        [&](const Parameter& p) { return p.name == c.parameter; });
-    EXPECT_THROW(CheckValue(operation, *parameter, c.value), UsageError) << c.parameter << "=" << c.value;
+    EXPECT_THROW(Step(FindOperation(c.operation)).Set(c.parameter, c.value), UsageError)
+        << c.parameter << "=" << c.value;
   }
   EXPECT_THROW(FindOperation("inverse"), UsageError);
 }
@@ -228,7 +271,12 @@ TEST_F(Table, FramesOfAnotherSizeAreRefusedWithBothSizes) {
   second_ = In("small.fits");
   SaveImage(job_, *Make(MemoryStore(), 50, 40, 1, Random(0, 1)), {}, second_);
   for (const char* name : {"dark", "flat", "dark-flat", "paste", "synthesize-dark"}) {
-    const std::string error = files::ErrorOf([&] { Run(FindOperation(name), "contiguous", nullptr); });
+    const Operation& operation = FindOperation(name);
+    Step step(operation);
+    for (const Parameter& parameter : operation.parameters) {
+      if (parameter.kind == ParameterKind::Image) step.Set(parameter.name, second_.string());
+    }
+    const std::string error = files::ErrorOf([&] { Run(step, "contiguous"); });
     EXPECT_NE(error.find("50 x 40"), std::string::npos) << name << ": " << error;
     EXPECT_NE(error.find("97 x 71"), std::string::npos) << name << ": " << error;
   }
@@ -318,7 +366,7 @@ TEST_F(Table, FiltersGetTheirParametersPlaneByPlane) {
   };
   for (const Case& c : cases) {
     for (const char* store : {"contiguous", "paged"}) {
-      const auto image = Run({&FindOperation(c.operation), c.values}, store);
+      const auto image = Run(Step(FindOperation(c.operation), c.values), store);
       for (int i = 0; i < 60; ++i) {
         const int p = i % 3, x = 10 + i, y = 10 + (i * 7) % 50;
         const double want = c.expected(p, x, y);
@@ -344,11 +392,11 @@ TEST_F(Table, CurvesRunThroughTheirPoints) {
   for (const char* store : {"contiguous", "paged"}) {
     for (const bool lines : {true, false}) {
       // In disorder, and blue before the curve of all planes.
-      const Step step{&FindOperation("curve"),
+      const Step step(FindOperation("curve"),
                       lines ? std::map<std::string, std::string>{{"points", "1:1,0:0,0.2:0.35"},
                                                                  {"blue", "0:1,1:0"},
                                                                  {"kind", "line"}}
-                            : std::map<std::string, std::string>{{"points", "0:0,0.3:0.9,1:1"}}};
+                            : std::map<std::string, std::string>{{"points", "0:0,0.3:0.9,1:1"}});
       const auto image = Run(step, store);
       const auto expected = [&](int p, int x, int y) {
         const double low = 100 + 10 * p, range = 800 + 15 * p, t = (at(p, x, y) - low) / range;
@@ -364,9 +412,7 @@ TEST_F(Table, WhatAnImageCantTakeIsRefused) {
   const auto mono = In("mono.fits");
   SaveImage(job_, *Make(MemoryStore(), 97, 71, 1, Random(100, 1000)), {}, mono);
   const auto run = [&](const char* name, const std::map<std::string, std::string>& values,
-                       const char* store) {
-    return Run({&FindOperation(name), values}, store);
-  };
+                       const char* store) { return Run(Step(FindOperation(name), values), store); };
   // Contiguous images would be left as they are.
   for (const char* radius : {"11", "10.5", "1,2,11"}) {
     EXPECT_THROW(run("minimum", {{"radius", radius}}, "contiguous"), UsageError);
@@ -387,6 +433,139 @@ TEST_F(Table, WhatAnImageCantTakeIsRefused) {
   EXPECT_THROW(run("curve", {{"red", "0:0,1:1"}}, "contiguous"), UsageError);
   // What is said of planes that are not there does not count.
   EXPECT_NO_THROW(run("minimum", {{"radius", "1,11,11"}}, "contiguous"));
+}
+
+enum class Shade { Dark, Light };
+
+struct OwnOptions {
+  double number = 0.5;
+  int count = 3;
+  bool flag = false;
+  Shade shade = Shade::Dark;
+  PerPlane planes = 2;
+  std::optional<CRect> window;
+  std::optional<std::vector<CurvePoint>> points;
+  Matrix matrix = {1, 1, {1}};
+  std::optional<ImageSource> image;
+};
+
+/// An operation of a host's own, which writes what it was given into the first pixels.
+Operation Own() {
+  return Describe<OwnOptions>("own", "tells what it was given", "For tests.")
+      .Takes("number", &OwnOptions::number, {"a number", "raw", -1, 1})
+      .Takes("count", &OwnOptions::count, {"a count", "", 0, 9})
+      .Takes("flag", &OwnOptions::flag, {"a flag"})
+      .Chooses("shade", &OwnOptions::shade, {{"dark", Shade::Dark}, {"light", Shade::Light}}, "a choice")
+      .Takes("planes", &OwnOptions::planes, {"for each plane", "", -5, 5})
+      .Takes("window", &OwnOptions::window, {"a window"})
+      .Takes("points", &OwnOptions::points, {"points"})
+      .Takes("matrix", &OwnOptions::matrix, {"rows", "", -10, 10})
+      .Takes("image", &OwnOptions::image, {"another image"})
+      .Runs([](Call& call, const OwnOptions& options) {
+        float* to = call.image->GetWritableLine(0, 0, 0);
+        *to++ = static_cast<float>(options.number);
+        *to++ = static_cast<float>(options.count);
+        *to++ = options.flag;
+        *to++ = options.shade == Shade::Light;
+        *to++ = static_cast<float>(options.planes[2]);
+        *to++ = options.window ? static_cast<float>(options.window->right) : -1;
+        *to++ = options.points ? static_cast<float>((*options.points)[1].y) : -1;
+        *to++ = static_cast<float>(options.matrix.values.back() + 100 * options.matrix.rows);
+        *to++ = options.image ? call.Load(*options.image)->GetPixelGrayRaw(0, 0, 0) : -1;
+      });
+}
+
+TEST_F(Table, ValuesAreReadOrGivenByTheirType) {
+  const Operation own = Own();
+  auto other = std::make_shared<Image>(NewImage(MemoryStore(), 20, 3, 1));
+  other->Pixels().SetPixelGrayRaw(0, 0, 77, 0);
+  const auto told = [&](const Step& step) {
+    Image image(NewImage(MemoryStore(), 20, 3, 1));
+    step.Run(job_, image);
+    const float* line = image.Pixels().GetLine(0, 0, 0);
+    return std::vector<float>(line, line + 9);
+  };
+  EXPECT_EQ(told(Step(own)), (std::vector<float>{0.5, 3, 0, 0, 2, -1, -1, 101, -1}));
+  const Step read(own, {{"number", "-0.25"},
+                        {"count", "7"},
+                        {"flag", "1"},
+                        {"shade", "light"},
+                        {"planes", "1,2,-3"},
+                        {"window", "1,2,30,40"},
+                        {"points", "1:1,0.5:0.75,0:0"},
+                        {"matrix", "1,2,3;4,5,-6"}});
+  const std::vector<float> expected = {-0.25, 7, 1, 1, -3, 30, 0.75, 194, -1};
+  EXPECT_EQ(told(read), expected);
+  Step given(own);
+  given.SetValue("number", -0.25)
+      .SetValue("count", 7.0)
+      .SetValue("flag", 1)
+      .SetValue("shade", std::string("light"));
+  given.SetValue("planes", PerPlane({1, 2, -3})).SetValue("window", CRect(1, 2, 30, 40));
+  given.SetValue("points", std::vector<CurvePoint>{{1, 1}, {0.5, 0.75}, {0, 0}});
+  given.SetValue("matrix", Matrix{2, 3, {1, 2, 3, 4, 5, -6}});
+  EXPECT_EQ(told(given), expected);
+  // The one is written as the other, but for points, which come in order.
+  EXPECT_EQ(given.Text(),
+            "own count=7 flag=1 matrix=1,2,3;4,5,-6 number=-0.25 planes=1,2,-3 "
+            "points=0:0,0.5:0.75,1:1 shade=light window=1,2,30,40");
+  given.SetValue("image", ImageSource{.image = other}).SetValue("planes", 4);
+  EXPECT_EQ(told(given)[8], 77);
+  EXPECT_EQ(told(given)[4], 4);
+
+  Step step(own);
+  const std::vector<std::pair<const char*, Value>> wrong = {{"number", 1.5},
+                                                            {"number", std::string("1")},
+                                                            {"number", std::nan("")},
+                                                            {"count", 2.5},
+                                                            {"count", 10},
+                                                            {"flag", 2},
+                                                            {"shade", std::string("grey")},
+                                                            {"shade", 0},
+                                                            {"planes", PerPlane({1, 2})},
+                                                            {"planes", PerPlane({1, 2, 6})},
+                                                            {"window", CRect(3, 3, 3, 9)},
+                                                            {"points", std::vector<CurvePoint>{{0, 0}}},
+                                                            {"matrix", Matrix{2, 2, {1, 2, 3}}},
+                                                            {"matrix", Matrix{1, 1, {11}}},
+                                                            {"image", ImageSource{}},
+                                                            {"colour", 1.0}};
+  for (const auto& [name, value] : wrong) {
+    EXPECT_THROW(step.SetValue(name, value), UsageError) << name << "=" << TextOf(value);
+  }
+  for (const char* text : {"", "1,2;3", "1,x", "1;11"}) {
+    EXPECT_THROW(step.Set("matrix", text), UsageError) << text;
+  }
+  EXPECT_EQ(told(step), told(Step(own))) << "what was refused has left something";
+}
+
+TEST_F(Table, ProgramsAreToldTheSame) {
+  const auto all = nlohmann::json::parse(OperationsAsJson()).at("operations");
+  ASSERT_EQ(all.size(), Operations().size());
+  for (size_t i = 0; i < all.size(); ++i) {
+    const Operation& operation = Operations()[i];
+    const auto& told = all[i];
+    EXPECT_EQ(told.at("name"), operation.name);
+    const auto& schema = told.at("parameters");
+    EXPECT_EQ(schema.at("properties").size(), operation.parameters.size());
+    size_t required = 0;
+    for (const Parameter& parameter : operation.parameters) {
+      const auto& property = schema.at("properties").at(parameter.name);
+      EXPECT_EQ(property.contains("default"), parameter.defaultValue.has_value()) << operation.name;
+      EXPECT_TRUE(property.contains("type") || property.contains("oneOf")) << operation.name;
+      required += parameter.required;
+    }
+    EXPECT_EQ(schema.at("required").size(), required) << operation.name;
+  }
+  const auto gaussian = nlohmann::json::parse(OperationsAsJson("gaussian")).at("operations").at(0);
+  EXPECT_EQ(gaussian.at("family"), "filters");
+  EXPECT_TRUE(gaussian.at("stores_agree").is_null());
+  EXPECT_EQ(gaussian.at("parameters").at("properties").at("sigma"),
+            nlohmann::json::parse(R"({"oneOf": [{"type": "number", "minimum": 0.0, "maximum": 1000.0},
+                {"type": "array", "items": {"type": "number", "minimum": 0.0, "maximum": 1000.0},
+                 "minItems": 3, "maxItems": 3}],
+                "description": "standard deviation; 0 leaves the plane as it is", "kind": "number, or three",
+                "unit": "pixels", "default": 1.0})"));
 }
 
 TEST(Sizes, AreReadWithTheirUnits) {
