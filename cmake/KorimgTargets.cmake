@@ -20,6 +20,11 @@ function(korimg_compile_options target)
   endif()
 endfunction()
 
+# For sources whose own speed does not count: compiled in half the time.
+function(korimg_quick_compilation target)
+  target_compile_options(${target} PRIVATE $<$<NOT:$<CONFIG:Debug>>:-O1>)
+endfunction()
+
 # korimg_pipeline_family(NAME [SHARDS n]): builds the generator of NAME.cpp and runs it in n processes, each of which
 # writes its objects, declarations and table rows: <NAME>.<shard>.a, .h and .inc.
 function(korimg_pipeline_family name)
