@@ -22,6 +22,10 @@ std::string CommandLine(int argc, char** argv) {
   return line;
 }
 
+int ExitCodeOf(ErrorKind kind) {
+  return kind == ErrorKind::Cancelled ? kCancelled : kind == ErrorKind::Usage ? kBadUsage : kFailed;
+}
+
 int Run(int argc, char** argv, Tool& tool) {
   CLI::App app("Image processing for astronomy: from raw camera frames to a picture.", "korimg");
   app.set_help_all_flag("--help-all", "Help of all verbs");
@@ -53,20 +57,14 @@ int main(int argc, char** argv) {
   Tool tool;
   tool.job.options.origin = CommandLine(argc, argv);
   try {
-    return Run(argc, argv, tool);
-  } catch (const Cancelled& cancelled) {
-    files::RemovePartialFiles();
-    tool.console.Error(cancelled.what());
-    return kCancelled;
-  } catch (const UsageError& error) {
-    tool.console.Error(error.what());
-    return kBadUsage;
-  } catch (...) {
     try {
-      ThrowOfFamily();
-    } catch (const Error& error) {
-      tool.console.Error(error.what());
+      return Run(argc, argv, tool);
+    } catch (...) {
+      ThrowOfFamily();  // the verbs' own too
     }
+  } catch (const Error& error) {
+    if (error.Kind() == ErrorKind::Cancelled) files::RemovePartialFiles();
+    tool.console.Error(error.what());
+    return ExitCodeOf(error.Kind());
   }
-  return kFailed;
 }

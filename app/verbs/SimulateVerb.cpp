@@ -49,11 +49,7 @@ void AddSimulate(CLI::App& app, Tool& tool) {
     const std::string line = fmt::format("{}: {} lights of {} x {}", options->folder.string(),
                                          simulate.frames, simulate.width, simulate.height);
     if (tool.options.dryRun) return tool.job.Tell(Dump(json), line);
-    try {
-      Simulate(options->folder, simulate);
-    } catch (const std::invalid_argument& error) {
-      throw UsageError(error.what());
-    }
+    Simulate(options->folder, simulate);
     tool.job.Tell(Dump(json), line);
   });
 }

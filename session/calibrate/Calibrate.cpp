@@ -7,6 +7,7 @@
 
 #include "session/calibrate/internal/Session.h"
 #include "session/files/Geometry.h"
+#include "session/job/internal/Edge.h"
 #include "session/job/internal/SideBySide.h"
 #include "session/picture/AutoPicture.h"
 
@@ -149,33 +150,37 @@ class LightWriter {
 }  // namespace
 
 std::vector<CalibratedLight> PlanCalibration(Job& job, const CalibrateOptions& options) {
-  const Session session(job, options);
-  session.Show();
-  const LightWriter writer(job, session);
-  std::vector<CalibratedLight> lights;
-  for (const Light& light : session.Lights()) {
-    lights.push_back(writer.Planned(light));
-    job.Tell(Dump(LightWriter::Description(lights.back())), "");
-  }
-  return lights;
+  return AtEdge([&] {
+    const Session session(job, options);
+    session.Show();
+    const LightWriter writer(job, session);
+    std::vector<CalibratedLight> lights;
+    for (const Light& light : session.Lights()) {
+      lights.push_back(writer.Planned(light));
+      job.Tell(Dump(LightWriter::Description(lights.back())), "");
+    }
+    return lights;
+  });
 }
 
 std::vector<CalibratedLight> Calibrate(Job& job, const CalibrateOptions& options) {
-  Session session(job, options);
-  session.Show();
-  LightWriter writer(job, session);
-  std::vector<CalibratedLight> results;
-  if (!session.Lights().empty()) {
-    session.CheckOutputs(writer.Outputs());
-    session.Prepare();
-    results = writer.WriteAll();
-  }
-  const auto done = static_cast<size_t>(std::count_if(
-      results.begin(), results.end(), [](const CalibratedLight& light) { return light.isDone; }));
-  const size_t all = session.Lights().size() + session.Failed().size();
-  if (2 * done < all || done == 0)
-    job.Fail(fmt::format("{} of {} lights are calibrated, less than half", done, all));
-  return results;
+  return AtEdge([&] {
+    Session session(job, options);
+    session.Show();
+    LightWriter writer(job, session);
+    std::vector<CalibratedLight> results;
+    if (!session.Lights().empty()) {
+      session.CheckOutputs(writer.Outputs());
+      session.Prepare();
+      results = writer.WriteAll();
+    }
+    const auto done = static_cast<size_t>(std::count_if(
+        results.begin(), results.end(), [](const CalibratedLight& light) { return light.isDone; }));
+    const size_t all = session.Lights().size() + session.Failed().size();
+    if (2 * done < all || done == 0)
+      job.Fail(fmt::format("{} of {} lights are calibrated, less than half", done, all));
+    return results;
+  });
 }
 
 }  // namespace korimg::session

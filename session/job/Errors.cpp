@@ -1,7 +1,9 @@
 #include "session/job/Errors.h"
 
+#include <filesystem>
 #include <new>
 
+#include "korimg/image/Exceptions.h"
 #include "korimg/platform/CException.h"
 
 namespace korimg::session {
@@ -20,6 +22,12 @@ void ThrowOfFamily() {
     throw noRoom();
   } catch (const std::bad_alloc&) {
     throw noRoom();
+  } catch (const velora::CVmMemoryAllocationError& error) {
+    throw Error(ErrorKind::Resource, error.what());
+  } catch (const velora::CVmManagerException& error) {
+    throw Error(ErrorKind::Resource, error.what());
+  } catch (const std::filesystem::filesystem_error& error) {
+    throw Error(ErrorKind::File, error.what(), error.path1().string());
   } catch (const std::exception& error) {
     throw Error(ErrorKind::Internal, error.what());
   }

@@ -44,9 +44,9 @@ class KORIMG_SESSION_API Cancelled : public Error {
       : Error(ErrorKind::Cancelled, text) {}
 };
 
-/// Turns what is being handled into one of the family: the library's thrown pointers and what memory that
-/// cannot be had throws become errors of resources, everything foreign an internal one. To be called in a
-/// catch block; rethrows.
+/// Turns what is being handled into one of the family: the library's thrown pointers, and what is thrown for
+/// want of memory or by a store, become errors of resources, those of the file system of files, and all other
+/// exceptions internal ones. To be called in a catch block; rethrows.
 [[noreturn]] KORIMG_SESSION_API void ThrowOfFamily();
 
 }  // namespace korimg::session

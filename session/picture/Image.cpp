@@ -9,6 +9,7 @@
 #include "korimg/platform/Debug.h"
 
 #include "session/files/Mosaic.h"
+#include "session/job/internal/Edge.h"
 #include "session/picture/Images.h"
 #include "session/picture/internal/Bands.h"
 
@@ -39,13 +40,8 @@ void CheckShape(const Band<const float>& pixels) {
   throw UsageError("an image has pixels, in 1 plane or in 3");
 }
 
-}  // namespace
-
-Image::Image(std::unique_ptr<CVelImage> pixels, files::ImageInfo info)
-    : store_(pixels->VmManager()), pixels_(std::move(pixels)), info_(std::move(info)) {}
-
-Image Image::Open(Job& job, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
-                  const files::ReadOptions& options) {
+Image Load(Job& job, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
+           const files::ReadOptions& options) {
   const auto reader = files::ImageReader::Open(path, options);
   const files::ImageInfo& info = reader->Info();
   auto image = NewImage(store, info.width, info.height, info.planes);
@@ -67,27 +63,41 @@ Image Image::Open(Job& job, const std::shared_ptr<CVmManager>& store, const std:
   return Image(std::move(image), info);
 }
 
+}  // namespace
+
+Image::Image(std::unique_ptr<CVelImage> pixels, files::ImageInfo info)
+    : store_(pixels->VmManager()), pixels_(std::move(pixels)), info_(std::move(info)) {}
+
+Image Image::Open(Job& job, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
+                  const files::ReadOptions& options) {
+  return AtEdge([&] { return Load(job, store, path, options); });
+}
+
 Image Image::Open(Job& job, const std::filesystem::path& path, const files::ReadOptions& options) {
-  return Open(job, job.MakeStore(), path, options);
+  return AtEdge([&] { return Load(job, job.MakeStore(), path, options); });
 }
 
 Image Image::Over(Job& job, const Band<float>& pixels, std::shared_ptr<const void> owner) {
-  if (!pixels.IsDense()) return CopyOf(job, pixels);
-  CheckShape(pixels);
-  StoredImage made = MakeImageOver({pixels.Data(), pixels.Data() + pixels.Planes()}, pixels.Width(),
-                                   pixels.Rows(), std::move(owner), job.MakeStore());
-  Image image(std::move(made.image), InfoOf(pixels.Width(), pixels.Rows(), pixels.Planes()));
-  SetLevels(image.Pixels(), image.Info(), false);
-  return image;
+  return AtEdge([&] {
+    if (!pixels.IsDense()) return CopyOf(job, pixels);
+    CheckShape(pixels);
+    StoredImage made = MakeImageOver({pixels.Data(), pixels.Data() + pixels.Planes()}, pixels.Width(),
+                                     pixels.Rows(), std::move(owner), job.MakeStore());
+    Image image(std::move(made.image), InfoOf(pixels.Width(), pixels.Rows(), pixels.Planes()));
+    SetLevels(image.Pixels(), image.Info(), false);
+    return image;
+  });
 }
 
 Image Image::CopyOf(Job& job, const Band<const float>& pixels) {
-  CheckShape(pixels);
-  const auto [width, height, planes] = std::array{pixels.Width(), pixels.Rows(), pixels.Planes()};
-  Image image(NewImage(job.MakeStore(), width, height, planes), InfoOf(width, height, planes));
-  image.WriteRows(pixels.At(0));
-  SetLevels(image.Pixels(), image.Info(), false);
-  return image;
+  return AtEdge([&] {
+    CheckShape(pixels);
+    const auto [width, height, planes] = std::array{pixels.Width(), pixels.Rows(), pixels.Planes()};
+    Image image(NewImage(job.MakeStore(), width, height, planes), InfoOf(width, height, planes));
+    image.WriteRows(pixels.At(0));
+    SetLevels(image.Pixels(), image.Info(), false);
+    return image;
+  });
 }
 
 void Image::ReadRows(const Band<float>& to) const {

@@ -8,6 +8,7 @@
 
 #include "session/calibrate/Frames.h"
 #include "session/files/Formats.h"
+#include "session/job/internal/Edge.h"
 #include "session/job/internal/SideBySide.h"
 #include "session/picture/Image.h"
 #include "session/picture/Images.h"
@@ -53,9 +54,7 @@ void CheckShare(Job& job, const std::vector<Registration>& registrations, size_t
                        matched > 0 ? ", less than half" : ", none but itself"));
 }
 
-}  // namespace
-
-RegisterResult RegisterFiles(Job& job, const RegisterOptions& options) {
+RegisterResult Register(Job& job, const RegisterOptions& options) {
   const auto store = job.MakeStore();
   const auto open = [&](const fs::path& file) {
     return Image::Open(job, store, file, {.hdu = options.hdu, .lessBorder = true});
@@ -129,15 +128,23 @@ RegisterResult RegisterFiles(Job& job, const RegisterOptions& options) {
   return {referenceFile, std::move(reference), std::move(registrations)};
 }
 
+}  // namespace
+
+RegisterResult RegisterFiles(Job& job, const RegisterOptions& options) {
+  return AtEdge([&] { return Register(job, options); });
+}
+
 void WriteRegistrations(const fs::path& path, const std::vector<Registration>& registrations) {
-  files::TransientFile part(files::PartialName(path));
-  std::ofstream out(part.Path());
-  for (const Registration& registration : registrations) {
-    out << ToJson(registration) << '\n';
-  }
-  out.close();
-  if (!out) throw files::FileError(path, "cannot be written; is the disk full?");
-  part.RenameTo(path);
+  AtEdge([&] {
+    files::TransientFile part(files::PartialName(path));
+    std::ofstream out(part.Path());
+    for (const Registration& registration : registrations) {
+      out << ToJson(registration) << '\n';
+    }
+    out.close();
+    if (!out) throw files::FileError(path, "cannot be written; is the disk full?");
+    part.RenameTo(path);
+  });
 }
 
 }  // namespace korimg::session

@@ -16,6 +16,7 @@
 #include "session/files/Geometry.h"
 #include "session/files/internal/ConstantBorder.h"
 #include "session/files/internal/Times.h"
+#include "session/job/internal/Edge.h"
 #include "session/job/internal/SideBySide.h"
 #include "session/picture/AutoPicture.h"
 #include "session/register/Register.h"
@@ -616,17 +617,21 @@ RunOptions Complete(RunOptions options) {
 }  // namespace
 
 RunResult Run(Job& job, const RunOptions& options) {
-  const RunOptions complete = Complete(options);
-  Road road(job, complete);
-  road.Show();
-  return road.Do();
+  return AtEdge([&] {
+    const RunOptions complete = Complete(options);
+    Road road(job, complete);
+    road.Show();
+    return road.Do();
+  });
 }
 
 void PlanRun(Job& job, const RunOptions& options) {
-  const RunOptions complete = Complete(options);
-  Road road(job, complete);
-  road.Show();
-  road.TellPlan();
+  AtEdge([&] {
+    const RunOptions complete = Complete(options);
+    Road road(job, complete);
+    road.Show();
+    road.TellPlan();
+  });
 }
 
 }  // namespace korimg::session

@@ -5,15 +5,17 @@
 #include <cmath>
 #include <fstream>
 #include <numbers>
-#include <stdexcept>
 #include <vector>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 #include <omp.h>
 
+#include "korimg/pipelines/runtime/Runtime.h"
+
 #include "session/files/Formats.h"
 #include "session/files/ImageFile.h"
+#include "session/job/internal/Edge.h"
 #include "session/simulate/internal/Random.h"
 
 namespace korimg {
@@ -506,7 +508,7 @@ class Session {
       header.Set("YBAYROFF", 0, "rows before the pattern");
     }
     header.Set("ROWORDER", "TOP-DOWN", "order of the rows");
-    header.Set("SWCREATE", "korimg " KORIMG_VERSION, "program that made this frame");
+    header.Set("SWCREATE", fmt::format("korimg {}", Version()), "program that made this frame");
     return header;
   }
 
@@ -526,7 +528,7 @@ class Session {
                          {"blue", Calibrated(factor * colour[2], 2)}};
     };
     Json truth;
-    truth["program"] = "korimg " KORIMG_VERSION;
+    truth["program"] = fmt::format("korimg {}", Version());
     truth["conventions"] = {
         {"positions", "0-based pixels, x to the right, y downwards, whole numbers are the middles of pixels"},
         {"motion",
@@ -651,19 +653,19 @@ class Session {
 bool Simulate(const fs::path& folder, const SimulateOptions& options) {
   constexpr int kLeastSide = 64;
   if (options.frames < 1 || options.frames > 9999) {
-    throw std::invalid_argument(fmt::format("{} frames; 1 to 9999 are possible", options.frames));
+    throw session::UsageError(fmt::format("{} frames; 1 to 9999 are possible", options.frames));
   }
   if (std::min(options.width, options.height) < kLeastSide ||
       std::max(options.width, options.height) > files::kMaxSide) {
-    throw std::invalid_argument(fmt::format("a size of {}x{}; sides of {} to {} are possible", options.width,
-                                            options.height, kLeastSide, files::kMaxSide));
+    throw session::UsageError(fmt::format("a size of {}x{}; sides of {} to {} are possible", options.width,
+                                          options.height, kLeastSide, files::kMaxSide));
   }
   const std::string& bayer = options.bayer;
   if (!bayer.empty() && bayer != "RGGB" && bayer != "GRBG" && bayer != "BGGR" && bayer != "GBRG") {
-    throw std::invalid_argument(
+    throw session::UsageError(
         fmt::format("Bayer pattern '{}'; RGGB, GRBG, BGGR and GBRG are possible", bayer));
   }
-  return Session(folder, options).Write();
+  return session::AtEdge([&] { return Session(folder, options).Write(); });
 }
 
 }  // namespace korimg

@@ -26,7 +26,7 @@ struct SimulateOptions {
 /// shifts and rotations. truth.json holds every parameter that a test may want, with its conventions in
 /// words.
 /// @return false if cancelled: files made so far stay, without truth.json.
-/// @throws std::invalid_argument for options out of range, files::FileError if a file cannot be written.
+/// @throws session::UsageError for options out of range, files::FileError if a file cannot be written.
 KORIMG_SESSION_API bool Simulate(const std::filesystem::path& folder, const SimulateOptions& options);
 
 }  // namespace korimg

@@ -15,6 +15,7 @@
 #include "session/files/Mosaic.h"
 #include "session/files/internal/ConstantBorder.h"
 #include "session/job/Json.h"
+#include "session/job/internal/Edge.h"
 #include "session/job/internal/SideBySide.h"
 #include "session/picture/Images.h"
 #include "session/register/Register.h"
@@ -488,15 +489,19 @@ class StackRun {
 }  // namespace
 
 StackResult StackFiles(Job& job, const StackFilesOptions& options) {
-  StackRun run(job, options);
-  run.Plan();
-  return run.Work();
+  return AtEdge([&] {
+    StackRun run(job, options);
+    run.Plan();
+    return run.Work();
+  });
 }
 
 void PlanStackFiles(Job& job, const StackFilesOptions& options) {
-  StackRun run(job, options);
-  run.Plan();
-  run.TellPlan();
+  AtEdge([&] {
+    StackRun run(job, options);
+    run.Plan();
+    run.TellPlan();
+  });
 }
 
 }  // namespace korimg::session

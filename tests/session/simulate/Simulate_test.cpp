@@ -195,7 +195,7 @@ TEST_F(Simulated, RefusesCancelsAndCleansUp) {
            [](SimulateOptions& o) { o.height = 2000000; }, [](SimulateOptions& o) { o.bayer = "RGBG"; }}) {
     SimulateOptions bad = good;
     change(bad);
-    EXPECT_THROW(Simulate(folder_, bad), std::invalid_argument);
+    EXPECT_THROW(Simulate(folder_, bad), session::UsageError);
   }
   EXPECT_TRUE(Names().empty());
 
