@@ -1,11 +1,16 @@
 // The verbs of the tool. Each adds its sub-command, which runs when it is parsed.
 #pragma once
 
+#include <string>
+#include <type_traits>
+#include <vector>
+
 #include <CLI/CLI.hpp>
 
 #include "app/tool/Tool.h"
 #include "session/calibrate/Calibrate.h"
 #include "session/develop/Develop.h"
+#include "session/job/Named.h"
 #include "session/stack/StackChoices.h"
 
 namespace korimg::tool {
@@ -37,5 +42,15 @@ void AddStackChoices(CLI::App& verb, StackChoices& choices);
 
 /// Adds the options that say what a mosaic is and how its colours are balanced.
 void AddMosaicOptions(CLI::App& verb, DevelopOptions& options);
+
+/// Adds an option that is one of some choices.
+template <class Value>
+void AddChoice(CLI::App& verb, const std::string& option, Value& chosen,
+               const std::vector<Named<std::type_identity_t<Value>>>& choices, const std::string& help) {
+  verb.add_option_function<std::string>(
+          option, [&chosen, choices](const std::string& name) { chosen = ValueOf(choices, name); }, help)
+      ->default_str(NameOf(choices, chosen))
+      ->check(CLI::IsMember(NamesOf(choices)));
+}
 
 }  // namespace korimg::tool

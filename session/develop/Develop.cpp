@@ -178,6 +178,7 @@ bool NeedsMedians(const files::ImageInfo& info, const std::string& wanted) {
 
 WhiteBalance ChooseWhiteBalance(CVelImage* image, const files::ImageInfo& info, const files::Mosaic& mosaic,
                                 const std::string& wanted) {
+  CheckWhiteBalance(wanted);
   if (const auto gains = ParseGains(wanted)) return {*gains, "as told"};
   if (NeedsMedians(info, wanted)) return {GainsByMedians(*image, mosaic.cfa), "by medians"};
   if (info.camera && info.camera->hasGains && wanted != "none") return {info.camera->gains, "the camera's"};
@@ -306,7 +307,7 @@ Levels Development::PictureLevels(int side) {
     }
   }
   DevelopBand(*sample, 0, 0);
-  LevelForPicture(*sample, "histogram");
+  LevelForPicture(*sample, LevelMethod::Histogram);
   return Levels(*sample);
 }
 

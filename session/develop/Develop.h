@@ -46,7 +46,7 @@ KORIMG_SESSION_API files::Mosaic RequireMosaic(const files::ImageInfo& info,
 
 /// White balance as wanted: "auto" takes the camera's gains where the file has them, else the medians of the
 /// image, which must be free of its offset; it is not looked at otherwise, and may be null then.
-/// @throws FileError when the camera's gains are wanted and not known.
+/// @throws FileError when the camera's gains are wanted and not known, UsageError as CheckWhiteBalance does.
 KORIMG_SESSION_API WhiteBalance ChooseWhiteBalance(CVelImage* image, const files::ImageInfo& info,
                                                    const files::Mosaic& mosaic, const std::string& wanted);
 

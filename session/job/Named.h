@@ -24,6 +24,15 @@ std::vector<std::string> NamesOf(const std::vector<Named<E>>& choices) {
   return names;
 }
 
+/// The name of a value that has one.
+template <class E>
+std::string NameOf(const std::vector<Named<E>>& choices, E value) {
+  for (const auto& choice : choices) {
+    if (value == choice.value) return choice.name;
+  }
+  return "";
+}
+
 /// What a name stands for. Throws UsageError for another one.
 template <class E>
 E ValueOf(const std::vector<Named<E>>& choices, const std::string& name) {

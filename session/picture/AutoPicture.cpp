@@ -8,14 +8,14 @@
 
 namespace korimg::session {
 
-void LevelForPicture(CVelImage& image, const std::string& method) {
-  if (method == "none") return;
+void LevelForPicture(CVelImage& image, LevelMethod method) {
+  if (method == LevelMethod::None) return;
   CImgAutoLevel levels;
   levels.Swap(&image);
-  if (method == "normal") levels.DoByNormal(0.01, 0.997, 0, nullptr);
-  if (method == "mean") levels.DoByMean(1, 4, 0, nullptr);
-  if (method == "median") levels.DoByMedian(1, 4, 0, nullptr);
-  if (method == "histogram") levels.DoByHistogram(0.4, 2.0, 0, 0, nullptr);
+  if (method == LevelMethod::Normal) levels.DoByNormal(0.01, 0.997, 0, nullptr);
+  if (method == LevelMethod::Mean) levels.DoByMean(1, 4, 0, nullptr);
+  if (method == LevelMethod::Median) levels.DoByMedian(1, 4, 0, nullptr);
+  if (method == LevelMethod::Histogram) levels.DoByHistogram(0.4, 2.0, 0, 0, nullptr);
   const auto isFlat = [&levels] {
     for (int p = 0; p < levels.GetPlanes(); ++p) {
       if (!(levels.GetLevelRange(p) > 0)) return true;
@@ -48,7 +48,7 @@ void LevelForPreview(CVelImage& image, int side) {
       }
     }
   }
-  LevelForPicture(sample, "histogram");
+  LevelForPicture(sample, LevelMethod::Histogram);
   for (int p = 0; p < image.GetPlanes(); ++p) {
     image.SetLevel(p, sample.GetLevelMin(p), sample.GetLevelMax(p));
   }

@@ -9,6 +9,7 @@
 
 #include "session/run/Run.h"
 #include "session/simulate/Simulate.h"
+#include "session/stars/Stars.h"
 
 using namespace korimg;
 using namespace korimg::session;
@@ -53,6 +54,10 @@ int main(int, char** words) {
   Expect(one.stacks.size() == 1 && one.stacks[0].frames == 6 && one.frames.size() == 6,
          "all frames are stacked");
   Expect(fs::exists(one.stacks[0].file) && fs::exists(one.report), "stack and report are there");
+  const auto found = FindStars(job, {.files = {one.stacks[0].file}});
+  Expect(found.size() == 1 && static_cast<int>(found[0].stars.size()) == one.stacks[0].stars &&
+             found[0].fwhm == one.stacks[0].fwhm && found[0].gain.electrons > 0,
+         "the stack has the stars that it was told to have");
   Expect(steps > 8 && results == 7 && warnings == 0 && !job.HasFailed(), "the events tell of it");
 
   JobOptions stopped;

@@ -1,0 +1,38 @@
+// Pictures of images, by their levels.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "session/Export.h"
+#include "session/job/Job.h"
+#include "session/picture/Annotate.h"
+#include "session/picture/AutoPicture.h"
+#include "session/picture/Images.h"
+
+namespace korimg::session {
+
+struct RenderOptions {
+  std::filesystem::path input;
+  std::filesystem::path output;                 ///< of 8 bits: PNG, TIFF or JPEG, by its extension
+  std::string hdu;                              ///< FITS: number or name of the extension that is read
+  LevelMethod level = LevelMethod::Histogram;   ///< how black and white are set
+  double scale = 1;                             ///< to 1, rounded to one over a whole number
+  std::optional<Annotations> annotations = {};  ///< where they tell nothing, DefaultAnnotations
+};
+
+struct RenderResult {
+  Shape shape;    ///< of the picture
+  Levels levels;  ///< raw values that are black and white on it
+};
+
+/// Makes a picture of an image, upright by its header's sky.
+/// @throws FileError, Cancelled
+KORIMG_SESSION_API RenderResult Render(Job& job, const RenderOptions& options);
+
+/// Tells what Render would do. Reads and writes nothing.
+/// @throws FileError for an output that exists already, unless it may be replaced.
+KORIMG_SESSION_API void PlanRender(Job& job, const RenderOptions& options);
+
+}  // namespace korimg::session
