@@ -114,6 +114,7 @@ RenderResult Draw(Job& job, const RenderOptions& options) {
   const int fullHeight = image->GetHeight();
   if (overturned) TurnOver(*image);
   LevelForPicture(*image, options.level);
+  const Levels levels(*image);  // of values, not of the sums that cells are
   const int shrink = std::max(static_cast<int>(std::lround(1 / options.scale)), 1);
   const int binX = std::min(shrink, image->GetWidth()), binY = std::min(shrink, image->GetHeight());
   if (shrink > 1) Shrink(image, binX, binY);
@@ -128,7 +129,7 @@ RenderResult Draw(Job& job, const RenderOptions& options) {
     CVmDIB bitmap(job.MakeStore("paged"));
     WritePicture(job, *image, bitmap, 3, options.output);
   }
-  const RenderResult result{{image->GetWidth(), image->GetHeight(), image->GetPlanes()}, Levels(*image)};
+  const RenderResult result{{image->GetWidth(), image->GetHeight(), image->GetPlanes()}, levels};
   Json json{{"width", result.shape.width}, {"height", result.shape.height}};
   for (int p = 0; p < result.shape.planes; ++p) {
     json["black"].push_back(result.levels.min[p]);
