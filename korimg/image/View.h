@@ -1,6 +1,7 @@
 // Views of pixels that lie in somebody else's memory: rows, planes, and bands of rows of several planes.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <span>
@@ -44,6 +45,19 @@ class Plane {
     return {pixels_ + y * pitch_, static_cast<std::size_t>(width_)};
   }
 
+  /// Calls visit(pixels) for all pixels in their order, in pieces as long as memory has them: whole rows, or
+  /// all rows at once where there is nothing in between.
+  template <class Visit>
+  void ForRuns(Visit&& visit) const {
+    if (IsDense()) {
+      visit(korimg::Row<T>(pixels_, static_cast<std::size_t>(width_) * rows_));
+      return;
+    }
+    for (int y = 0; y < rows_; ++y) {
+      visit((*this)[y]);
+    }
+  }
+
  private:
   T* pixels_ = nullptr;
   int width_ = 0, rows_ = 0;
@@ -68,6 +82,14 @@ class Band {
   }
   Band(T* const* pixels, int planes, int width, int top, int rows)
       : Band(pixels, planes, width, top, rows, width) {}
+  /// The planes lie one behind the other from `pixels` on, with nothing between them or their rows.
+  Band(T* pixels, int planes, int width, int top, int rows)
+      : planes_(planes), width_(width), top_(top), rows_(rows), pitch_(width) {
+    KORIMG_ASSERT(planes >= 0 && planes <= kMostPlanes && width >= 0 && rows >= 0);
+    for (int p = 0; p < planes; ++p) {
+      pixels_[p] = pixels + static_cast<std::size_t>(p) * rows * width;
+    }
+  }
   /// What may be written may be read.
   template <class U>
   requires(std::is_same_v<const U, T> && !std::is_same_v<U, T>) Band(const Band<U>& other)
@@ -115,18 +137,24 @@ class Band {
   std::ptrdiff_t pitch_ = 0;
 };
 
+/// Copies the pixels of one band to another of the same shape, whatever rows they count from.
+inline void CopyPixels(const Band<const float>& from, const Band<float>& to) {
+  KORIMG_ASSERT(from.Planes() == to.Planes() && from.Width() == to.Width() && from.Rows() == to.Rows());
+  for (int p = 0; p < to.Planes(); ++p) {
+    for (int y = 0; y < to.Rows(); ++y) {
+      std::copy_n(from.Plane(p)[y].data(), to.Width(), to.Plane(p)[y].data());
+    }
+  }
+}
+
 /// Memory for a band, which keeps it from one use to the next.
 class BandBuffer {
  public:
   /// Room for some rows of an image; what they hold is left from before.
   Band<float> Get(int planes, int width, int top, int rows) {
-    const auto plane = static_cast<std::size_t>(width) * rows;
-    if (pixels_.size() < plane * planes) pixels_.resize(plane * planes);
-    std::array<float*, Band<float>::kMostPlanes> starts{};
-    for (int p = 0; p < planes; ++p) {
-      starts[p] = pixels_.data() + p * plane;
-    }
-    return {starts.data(), planes, width, top, rows};
+    const auto size = static_cast<std::size_t>(planes) * rows * width;
+    if (pixels_.size() < size) pixels_.resize(size);
+    return {pixels_.data(), planes, width, top, rows};
   }
 
  private:
