@@ -95,13 +95,9 @@ inline void ReadImage(const std::filesystem::path& path, const files::ReadOption
       session::Image::Open(QuietJob(), store, path, options);
       return;
     }
-    std::vector<float> rows(static_cast<std::size_t>(info.width) * info.planes);
-    float* planes[3] = {};
-    for (int p = 0; p < info.planes; ++p) {
-      planes[p] = rows.data() + static_cast<std::size_t>(p) * info.width;
-    }
+    BandBuffer row;
     for (const int y : {0, info.height - 1, info.height / 2}) {
-      reader->ReadRows(y, 1, planes);
+      reader->ReadRows(row.Get(info.planes, info.width, y, 1));
     }
   } catch (const files::FileError& error) {
     const std::string text = error.what();

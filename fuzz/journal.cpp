@@ -28,17 +28,15 @@ float Value(int image, int x, int y) {
 void WriteBands(Journal& journal, unsigned cuts, bool maps) {
   for (int y0 = 0, k = 0; y0 < kHeight && k < 4; ++k, cuts >>= 2) {
     const int rows = std::min(1 + static_cast<int>(cuts % 4) % 3, kHeight - y0);
-    std::vector<float> pixels;
-    for (int image = 0; image < 3; ++image) {
+    std::vector<float> pixels[3];
+    StackBand band;
+    Band<const float>* const images[] = {&band.result, &band.low, &band.high};
+    for (int image = 0; image < (maps ? 3 : 1); ++image) {
       for (int i = 0; i < rows * kWidth; ++i) {
-        pixels.push_back(Value(image, i % kWidth, y0 + i / kWidth));
+        pixels[image].push_back(Value(image, i % kWidth, y0 + i / kWidth));
       }
+      *images[image] = {pixels[image].data(), 1, kWidth, y0, rows};
     }
-    const float* planes[3];
-    for (int image = 0; image < 3; ++image) {
-      planes[image] = pixels.data() + static_cast<std::size_t>(image) * rows * kWidth;
-    }
-    StackBand band{y0, rows, planes, maps ? planes + 1 : nullptr, maps ? planes + 2 : nullptr};
     band.counts.resize(kFrames);
     journal.Add(band);
     y0 += rows;
@@ -76,14 +74,16 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const Journal journal = Open(output, maps, Journal::Kept);
   int rows = 0;
   journal.ForBands([&](const StackBand& band) {
-    fuzz::Expect(band.y0 == rows && band.rows > 0 && band.counts.size() == kFrames, "bands in order");
-    rows += band.rows;
+    fuzz::Expect(band.result.Top() == rows && band.result.Rows() > 0 && band.counts.size() == kFrames,
+                 "bands in order");
+    rows += band.result.Rows();
     if (data[0] & 2) return;  // a file that is made up may have a sum that is right
-    const float* const* images[] = {band.planes, band.low, band.high};
+    const Band<const float>* const images[] = {&band.result, &band.low, &band.high};
     for (int image = 0; image < (maps ? 3 : 1); ++image) {
-      for (int i = 0; i < band.rows * kWidth; ++i) {
-        fuzz::Expect(images[image][0][i] == Value(image, i % kWidth, band.y0 + i / kWidth),
-                     "pixels as they were written");
+      for (int y = band.result.Top(); y < rows; ++y) {
+        for (int x = 0; x < kWidth; ++x) {
+          fuzz::Expect(images[image]->Row(0, y)[x] == Value(image, x, y), "pixels as they were written");
+        }
       }
     }
   });

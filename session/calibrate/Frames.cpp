@@ -192,13 +192,8 @@ std::optional<std::size_t> DigestOf(const Frame& frame) {
   const auto reader = files::ImageReader::Open(frame.path);
   const files::ImageInfo& info = reader->Info();
   const int rows = std::min(kRows, info.height);
-  const size_t plane = static_cast<size_t>(rows) * info.width;
-  std::vector<float> pixels(plane * info.planes);
-  float* planes[3] = {};
-  for (int p = 0; p < info.planes; ++p) {
-    planes[p] = pixels.data() + p * plane;
-  }
-  reader->ReadRows((info.height - rows) / 2, rows, planes);
+  std::vector<float> pixels(static_cast<size_t>(rows) * info.width * info.planes);
+  reader->ReadRows({pixels.data(), info.planes, info.width, (info.height - rows) / 2, rows});
   return std::hash<std::string_view>()(
       {reinterpret_cast<const char*>(pixels.data()), pixels.size() * sizeof(float)});
 }

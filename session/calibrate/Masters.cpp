@@ -75,12 +75,12 @@ class Stack {
     const int step = std::max(info.height / kSampleRows, 1);
     std::vector<double> means(readers_.size());
     ForLines(Team::All, 0, Count(), [&](int i) {
-      std::vector<float> row(RowPixels());
+      std::vector<float> pixels(RowPixels());
       double sum = 0;
       long long valid = 0;
       for (int y = 0; y < info.height; y += step) {
-        Read(i, y, 1, row.data());
-        for (const float v : row) {
+        Read(i, Rows(pixels.data(), y, 1));
+        for (const float v : pixels) {
           if (std::isfinite(v)) sum += v, ++valid;
         }
       }
@@ -107,19 +107,17 @@ class Stack {
     const files::ImageInfo& info = Info();
     const int rows =
         static_cast<int>(std::clamp<size_t>(kBandPixels / (RowPixels() * Count()), 1, info.height));
-    std::vector<float> band(RowPixels() * Count() * rows);
-    const auto frame = [&](int i, int plane) {
-      return band.data() + (RowPixels() * i + static_cast<size_t>(plane) * info.width) * rows;
-    };
+    std::vector<float> pixels(RowPixels() * Count() * rows);
     for (int y0 = 0; y0 < info.height; y0 += rows) {
       job.CheckCancelled();
       job.Progress(title, y0, info.height);
       const int count = std::min(rows, info.height - y0);
-      ForLines(Team::All, 0, Count(), [&](int i) { Read(i, y0, count, frame(i, 0), rows); });
+      const auto frame = [&](int i) { return Rows(pixels.data() + RowPixels() * rows * i, y0, count); };
+      ForLines(Team::All, 0, Count(), [&](int i) { Read(i, frame(i)); });
       for (int p = 0; p < info.planes; ++p) {
         std::vector<float const*> frames;
         for (int i = 0; i < Count(); ++i) {
-          frames.push_back(frame(i, p));
+          frames.push_back(frame(i).Data()[p]);
         }
         MedianOfFrames(frames, info.width, count, image.GetWritableLine(0, y0, p));
       }
@@ -144,8 +142,8 @@ class Stack {
     std::vector<float> a(RowPixels()), b(RowPixels());
     std::vector<Piece> pieces;
     for (int y = 0; y < Info().height; y += step) {
-      Read(0, y, 1, a.data());
-      Read(1, y, 1, b.data());
+      Read(0, Rows(a.data(), y, 1));
+      Read(1, Rows(b.data(), y, 1));
       for (size_t first = 0; first + kPiece <= a.size(); first += kPiece) {
         double light = 0, squares = 0, sums[2] = {};
         for (size_t x = first; x < first + kPiece; ++x) {
@@ -191,30 +189,30 @@ class Stack {
  private:
   size_t RowPixels() const { return static_cast<size_t>(Info().width) * Info().planes; }
 
-  /// Reads rows of a frame, `planeRows` rows apart by planes.
-  void Read(int i, int y0, int rows, float* to, int planeRows = 1) {
-    const files::ImageInfo& info = Info();
+  /// Rows of the frames' width and planes over memory for them.
+  Band<float> Rows(float* pixels, int top, int rows) const {
+    return {pixels, Info().planes, Info().width, top, rows};
+  }
+
+  /// Reads rows of a frame.
+  void Read(int i, const Band<float>& to) {
     const float factor = factors_[i];
-    float* planes[3] = {};
-    for (int p = 0; p < info.planes; ++p) {
-      planes[p] = to + static_cast<size_t>(p) * info.width * planeRows;
-    }
-    readers_[i]->ReadRows(y0, rows, planes);
+    readers_[i]->ReadRows(to);
     const float end = ScaleEnd(readers_[i]->Info(), lessBlack_);
-    for (int p = 0; p < info.planes; ++p) {
-      for (int y = 0; y < rows; ++y) {
-        float* row = planes[p] + static_cast<size_t>(y) * info.width;
+    for (int p = 0; p < to.Planes(); ++p) {
+      for (int y = to.Top(); y < to.Bottom(); ++y) {
+        float* row = to.Row(p, y).data();
         int saturated = 0;
-        for (int x = 0; x < info.width; ++x) {
+        for (int x = 0; x < to.Width(); ++x) {
           saturated += row[x] >= end;
         }
         saturated_[i] += saturated;
         const float* offset =
-            offset_ ? offset_->GetLine(0, y0 + y, std::min(p, offset_->GetPlanes() - 1)) : nullptr;
-        for (int x = 0; x < info.width && offset; ++x) {
+            offset_ ? offset_->GetLine(0, y, std::min(p, offset_->GetPlanes() - 1)) : nullptr;
+        for (int x = 0; x < to.Width() && offset; ++x) {
           row[x] -= offset[x];
         }
-        for (int x = 0; x < info.width && factor != 1; ++x) {
+        for (int x = 0; x < to.Width() && factor != 1; ++x) {
           row[x] *= factor;
         }
       }

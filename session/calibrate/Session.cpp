@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <fstream>
 #include <limits>
 #include <set>
@@ -82,12 +81,7 @@ long long Pixels(const CVelImage& image) {
 
 std::unique_ptr<CVelImage> RowsOf(CVelImage& image, int y0, int rows) {
   auto band = NewImage(image.VmManager(), image.GetWidth(), rows, image.GetPlanes());
-  for (int p = 0; p < image.GetPlanes(); ++p) {
-    for (int y = 0; y < rows; ++y) {
-      std::memcpy(band->GetWritableLine(0, y, p), image.GetLine(0, y0 + y, p),
-                  sizeof(float) * image.GetWidth());
-    }
-  }
+  CopyPixels(Image::RowsOf(image, y0, rows, true), Image::RowsOf(*band, 0, rows));
   return band;
 }
 
@@ -293,7 +287,7 @@ void Session::CheckLights() {
         files::ImageReader::Open(light.frame.path, {.lessBlack = !light.Offset(), .manyOpen = true});
     const files::ImageInfo& info = reader->Info();
     StackInput input{light.frame.path.string(), {info.width, info.height, info.planes}};
-    input.read = [&](int y0, int rows, float* const* planes) { reader->ReadRows(y0, rows, planes); };
+    input.read = [&](const Band<float>& to) { reader->ReadRows(to); };
     const FrameLevels levels = MeasureInput(input);
     if (const Master* offset = MasterOf(light.Offset())) {
       CheckScale(light, levels, *offset);
@@ -629,44 +623,35 @@ LightRows::LightRows(const Session& session, const Light& light,
   shape_ = {info_.width, info_.height, info_.planes};
   if (light.mosaic.cfa == 0) return;
   MosaicSource source(*reader_, session.MosaicLevels(light), session.store_);
-  source.read = [this](int y0, int rows, float* const* planes) { ReadCalibrated(y0, rows, planes); };
+  source.read = [this](const Band<float>& to) { ReadCalibrated(to); };
   development_ = std::make_unique<Development>(session.Develop(std::move(source), light, info_));
   shape_ = development_->Size();
 }
 
-void LightRows::Read(int y0, int rows, float* const* planes) {
+void LightRows::Read(const Band<float>& to) {
   // Little memory beside what the rows are for, and many rows beside the margins of development.
   constexpr int kAtOnce = 128;
-  for (int done = 0; done < rows; done += kAtOnce) {
-    std::vector<float*> to;
-    for (int p = 0; p < shape_.planes; ++p) {
-      to.push_back(planes[p] + static_cast<size_t>(done) * shape_.width);
-    }
-    ReadBand(y0 + done, std::min(kAtOnce, rows - done), to.data());
+  for (int top = to.Top(); top < to.Bottom(); top += kAtOnce) {
+    ReadBand(to.Part(top, std::min(kAtOnce, to.Bottom() - top)));
   }
 }
 
-void LightRows::ReadBand(int y0, int rows, float* const* planes) {
-  if (!development_) return ReadCalibrated(y0, rows, planes);
-  const auto band = development_->Rows(y0, y0 + rows);
+void LightRows::ReadBand(const Band<float>& to) {
+  if (!development_) return ReadCalibrated(to);
+  const auto band = development_->Rows(to.Top(), to.Bottom());
   // Gains are for light alone: the pedestal comes back after them.
   if (session_.options_.KeptPedestal() > 0)
     Calculate(*band, Calculation::Add, session_.options_.KeptPedestal());
-  for (int p = 0; p < shape_.planes; ++p) {
-    std::memcpy(planes[p], band->GetLine(0, 0, p), sizeof(float) * shape_.width * rows);
-  }
+  CopyPixels(Image::RowsOf(*band, 0, to.Rows(), true), to);
 }
 
-void LightRows::ReadCalibrated(int y0, int rows, float* const* planes) {
-  const auto band = NewImage(session_.store_, info_.width, rows, info_.planes);
-  float* own[3] = {};
-  for (int p = 0; p < info_.planes; ++p) {
-    own[p] = band->GetWritableLine(0, 0, p);
-  }
-  reader_->ReadRows(y0, rows, own);
+void LightRows::ReadCalibrated(const Band<float>& to) {
+  const auto band = NewImage(session_.store_, to.Width(), to.Rows(), to.Planes());
+  const Band<float> own = Image::RowsOf(*band, 0, to.Rows()).At(to.Top());
+  reader_->ReadRows(own);
   const auto rowsOf = [&](const Group* group) {
     CVelImage* image = session_.ImageOf(group, light_);
-    return image ? RowsOf(*image, y0, rows) : nullptr;
+    return image ? RowsOf(*image, to.Top(), to.Rows()) : nullptr;
   };
   const auto dark = rowsOf(light_.Offset()), divisor = rowsOf(light_.flat);
   clipped_ += session_.Apply(light_, *band, dark.get(), divisor.get());
@@ -674,9 +659,7 @@ void LightRows::ReadCalibrated(int y0, int rows, float* const* planes) {
   if (light_.mosaic.cfa > 0 && session_.options_.KeptPedestal() > 0) {
     Calculate(*band, Calculation::Subtract, session_.options_.KeptPedestal());
   }
-  for (int p = 0; p < info_.planes; ++p) {
-    std::memcpy(planes[p], own[p], sizeof(float) * info_.width * rows);
-  }
+  CopyPixels(own, to);
 }
 
 double LightRows::Clipped() const {

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstring>
 #include <future>
 #include <limits>
 
@@ -18,6 +17,7 @@
 
 #include "session/files/Geometry.h"
 #include "session/picture/AutoPicture.h"
+#include "session/picture/Image.h"
 
 namespace korimg::session {
 namespace {
@@ -97,13 +97,14 @@ bool PhasesDiffer(files::ImageReader& reader) {
   const int pairs = std::min(info.height / 2, kPairs), width = info.width / 2 * 2;
   if (info.planes > 1 || pairs == 0 || width == 0) return false;
   std::array<std::vector<float>, 4> places;
-  std::vector<float> rows(2 * static_cast<size_t>(info.width));
-  float* const planes[] = {rows.data()};
+  BandBuffer buffer;
   for (int i = 0; i < pairs; ++i) {
-    reader.ReadRows(static_cast<int>(1LL * i * (info.height / 2) / pairs) * 2, 2, planes);
+    const int top = static_cast<int>(1LL * i * (info.height / 2) / pairs) * 2;
+    const Band<float> rows = buffer.Get(1, info.width, top, 2);
+    reader.ReadRows(rows);
     for (int k = 0; k < 2; ++k) {
       for (int x = 0; x < width; ++x) {
-        const float v = rows[static_cast<size_t>(k) * info.width + x];
+        const float v = rows.Row(0, top + k)[x];
         if (std::isfinite(v)) places[2 * k + x % 2].push_back(v);
       }
     }
@@ -193,11 +194,10 @@ MosaicSource::MosaicSource(CVelImage& image)
     : shape{image.GetWidth(), image.GetHeight(), image.GetPlanes()},
       levels(image),
       store(image.VmManager()),
-      read([&image](int y0, int rows, float* const* planes) {
-        const auto width = static_cast<size_t>(image.GetWidth());
-        for (int p = 0; p < image.GetPlanes(); ++p) {
-          for (int y = 0; y < rows; ++y) {
-            std::memcpy(planes[p] + y * width, image.GetLine(0, y0 + y, p), sizeof(float) * width);
+      read([&image](const Band<float>& to) {
+        for (int p = 0; p < to.Planes(); ++p) {
+          for (int y = to.Top(); y < to.Bottom(); ++y) {
+            std::copy_n(image.GetLine(0, y, p), to.Width(), to.Row(p, y).data());
           }
         }
       }) {}
@@ -207,7 +207,7 @@ MosaicSource::MosaicSource(files::ImageReader& reader, const Levels& levels,
     : shape{reader.Info().width, reader.Info().height, reader.Info().planes},
       levels(levels),
       store(std::move(store)),
-      read([&reader](int y0, int rows, float* const* planes) { reader.ReadRows(y0, rows, planes); }) {}
+      read([&reader](const Band<float>& to) { reader.ReadRows(to); }) {}
 
 Development::Development(MosaicSource source, files::ImageInfo& info, const files::Mosaic& mosaic,
                          const WhiteBalance& balance, const DevelopOptions& options)
@@ -292,17 +292,14 @@ Levels Development::PictureLevels(int side) {
   const auto place = [step](int i, int end) { return std::min(i / 2 * 2 * step, (end / 2 - 1) * 2) + i % 2; };
   const auto length = [step](int end) { return std::max(end / step / 2 * 2, std::min(end, kSmallest)); };
   const auto sample = NewImage(length(width), length(height));
-  std::vector<float> rows(static_cast<size_t>(width) * planes);
-  float* lines[3] = {};
-  for (int p = 0; p < planes; ++p) {
-    lines[p] = rows.data() + static_cast<size_t>(p) * width;
-  }
+  BandBuffer buffer;
   for (int y = 0; y < sample->GetHeight(); ++y) {
-    source_.read(place(y, height), 1, lines);
+    const Band<float> line = buffer.Get(planes, width, place(y, height), 1);
+    source_.read(line);
     for (int p = 0; p < planes; ++p) {
       float* to = sample->GetWritableLine(0, y, p);
       for (int x = 0; x < sample->GetWidth(); ++x) {
-        to[x] = lines[p][place(x, width)];
+        to[x] = line.Plane(p)[0][place(x, width)];
       }
     }
   }
@@ -320,11 +317,7 @@ std::unique_ptr<CVelImage> Development::Rows(int y0, int y1) {
   const int top = cfa_ == 0 ? first : std::max(wanted / 2 * 2, 0);
   const int bottom = std::min(std::max(last + margin, top + least), height);
   auto band = NewImage(source_.shape.width, bottom - top);
-  float* planes[3] = {};
-  for (int p = 0; p < source_.shape.planes; ++p) {
-    planes[p] = band->GetWritableLine(0, 0, p);
-  }
-  source_.read(top, bottom - top, planes);
+  source_.read(Image::RowsOf(*band, 0, bottom - top).At(top));
   DevelopBand(*band, first - top, bottom - last);
   return band;
 }
@@ -361,15 +354,10 @@ void SaveDeveloped(Job& job, Development& development, const files::Header& head
       [&](std::unique_ptr<CVelImage> band) {
         change(*band);
         if (turns) TurnOver(*band);
-        std::array<const float*, 3> planes = {};
-        for (int p = 0; p < shape.planes; ++p) {
-          planes[p] = band->GetLine(0, 0, p);
-        }
-        if (picture) picture->Write(band->GetHeight(), planes.data());
+        const Band<const float> rows = Image::RowsOf(*band, 0, band->GetHeight(), true);
+        if (picture) picture->Write(rows);
         if (writing.valid()) writing.get();
-        writing = std::async(policy, [&image, planes, band = std::move(band)] {
-          image.Write(band->GetHeight(), planes.data());
-        });
+        writing = std::async(policy, [&image, rows, band = std::move(band)] { image.Write(rows); });
       },
       turns);
   writing.get();

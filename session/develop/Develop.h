@@ -58,7 +58,7 @@ struct KORIMG_SESSION_API MosaicSource {
   Shape shape;
   Levels levels;  ///< black is 0
   std::shared_ptr<CVmManager> store;
-  std::function<void(int y0, int rows, float* const* planes)> read;
+  std::function<void(const Band<float>& to)> read;  ///< of its rows
 
   explicit MosaicSource(CVelImage& image);
   MosaicSource(files::ImageReader& reader, const Levels& levels, std::shared_ptr<CVmManager> store);

@@ -60,9 +60,8 @@ class Developer {
     const std::string& wanted = options_.whiteBalance;
     if (info.camera && read.lessBlack && !hasFlat && !NeedsMedians(info, wanted)) {
       // Nothing wants to see the whole mosaic: its rows go from the file to the results.
-      std::vector<float> first(info.width);
-      float* planes[] = {first.data(), first.data(), first.data()};
-      reader->ReadRows(0, 1, planes);  // black is known once a row was read
+      BandBuffer first;
+      reader->ReadRows(first.Get(info.planes, info.width, 0, 1));  // black is known once a row was read
       info.camera = reader->Info().camera;
       Levels levels;
       for (int p = 0; p < info.planes; ++p) {

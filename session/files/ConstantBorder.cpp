@@ -20,45 +20,38 @@ namespace {
 using Value = std::array<float, 3>;
 
 /// Some rows of an image.
-class Band {
+class Rows {
  public:
-  Band(ImageReader& reader, int y0, int rows)
-      : y0_(y0), width_(reader.Info().width), planes_(reader.Info().planes) {
-    pixels_.resize(static_cast<size_t>(rows) * width_ * planes_);
-    float* planes[3] = {};
-    for (int p = 0; p < planes_; ++p) {
-      planes[p] = pixels_.data() + static_cast<size_t>(p) * rows * width_;
-      plane_[p] = planes[p];
-    }
-    reader.ReadRows(y0, rows, planes);
+  Rows(ImageReader& reader, int top, int rows)
+      : band_(buffer_.Get(reader.Info().planes, reader.Info().width, top, rows)) {
+    reader.ReadRows(band_);
   }
 
   Value At(int x, int y) const {
     Value value{};
-    for (int p = 0; p < planes_; ++p) {
-      value[p] = plane_[p][static_cast<size_t>(y - y0_) * width_ + x];
+    for (int p = 0; p < band_.Planes(); ++p) {
+      value[p] = band_.Row(p, y)[x];
     }
     return value;
   }
   bool Is(int x, int y, const Value& value) const {
-    for (int p = 0; p < planes_; ++p) {
-      if (plane_[p][static_cast<size_t>(y - y0_) * width_ + x] != value[p]) return false;
+    for (int p = 0; p < band_.Planes(); ++p) {
+      if (band_.Row(p, y)[x] != value[p]) return false;
     }
     return true;
   }
   /// Pixels of that value from column x on, in steps of 1 or -1.
   int Run(int x, int y, int step, const Value& value) const {
     int length = 0;
-    for (; x >= 0 && x < width_ && Is(x, y, value); x += step) {
+    for (; x >= 0 && x < band_.Width() && Is(x, y, value); x += step) {
       ++length;
     }
     return length;
   }
 
  private:
-  int y0_, width_, planes_;
-  std::vector<float> pixels_;
-  const float* plane_[3] = {};
+  BandBuffer buffer_;
+  Band<float> band_;
 };
 
 constexpr int kLeastRun = 8;  ///< pixels of a corner's row or column
@@ -68,7 +61,7 @@ std::vector<Value> CornerValues(ImageReader& reader) {
   const int width = reader.Info().width, height = reader.Info().height;
   std::vector<Value> values;
   for (const int top : {0, height - kLeastRun}) {
-    const Band band(reader, top, kLeastRun);
+    const Rows band(reader, top, kLeastRun);
     for (const int x : {0, width - 1}) {
       const int y = top == 0 ? 0 : height - 1;
       const Value value = band.At(x, y);
@@ -166,7 +159,7 @@ std::vector<Row> ReadRuns(ImageReader& reader, std::vector<Candidate>& candidate
   between = 0;
   for (int y0 = 0; y0 < height; y0 += kBandRows) {
     const int rows = std::min(kBandRows, height - y0);
-    const Band band(reader, y0, rows);
+    const Rows band(reader, y0, rows);
     for (int y = y0; y < y0 + rows; ++y) {
       Row& row = found[y];
       for (const int side : {0, 1}) {
@@ -280,7 +273,6 @@ std::shared_ptr<const ConstantBorder> ConstantBorder::Find(ImageReader& reader) 
   while (bottom > top && isWhole(bottom - 1))
     --bottom;
   auto border = std::make_shared<ConstantBorder>();
-  border->width_ = width;
   border->rows_.assign(height, {0, 0});
   long long data = 0, lost = 0;
   bool isThin = top <= 1 && height - bottom <= 1;
@@ -319,15 +311,15 @@ std::string ConstantBorder::Text() const {
                      100 * share_, values_);
 }
 
-void ConstantBorder::Blank(int y0, int rows, int planes, float* const* pixels) const {
+void ConstantBorder::Blank(const Band<float>& pixels) const {
   if (IsEmpty()) return;
   constexpr float kNone = std::numeric_limits<float>::quiet_NaN();
-  for (int p = 0; p < planes; ++p) {
-    for (int y = 0; y < rows; ++y) {
-      float* row = pixels[p] + static_cast<size_t>(y) * width_;
-      const Columns data = rows_[y0 + y];
-      std::fill(row, row + data.from, kNone);
-      std::fill(row + data.to, row + width_, kNone);
+  for (int p = 0; p < pixels.Planes(); ++p) {
+    for (int y = pixels.Top(); y < pixels.Bottom(); ++y) {
+      const korimg::Row<float> row = pixels.Row(p, y);
+      const Columns data = rows_[y];
+      std::fill(row.begin(), row.begin() + data.from, kNone);
+      std::fill(row.begin() + data.to, row.end(), kNone);
     }
   }
 }

@@ -139,17 +139,19 @@ class FitsReader : public ImageReader {
   }
 
  protected:
-  void Read(int y0, int rows, float* const* planes) override {
-    const std::size_t count = static_cast<std::size_t>(rows) * static_cast<std::size_t>(info_.width);
+  void Read(const Band<float>& to) override {
     for (int p = 0; p < info_.planes; ++p) {
-      const std::uint64_t first = (static_cast<std::uint64_t>(p) * static_cast<std::uint64_t>(info_.height) +
-                                   static_cast<std::uint64_t>(y0)) *
-                                  static_cast<std::uint64_t>(info_.width);
+      std::uint64_t first = (static_cast<std::uint64_t>(p) * static_cast<std::uint64_t>(info_.height) +
+                             static_cast<std::uint64_t>(to.Top())) *
+                            static_cast<std::uint64_t>(info_.width);
       if (tiles_) {
-        ReadCompressed(first, count, planes[p]);
-      } else {
-        ReadPlain(first, count, planes[p]);
+        ReadCompressed(first, to.Plane(p));
+        continue;
       }
+      to.Plane(p).ForRuns([&](Row<float> run) {
+        ReadPlain(first, run);
+        first += run.size();
+      });
     }
   }
 
@@ -384,7 +386,9 @@ class FitsReader : public ImageReader {
     });
   }
 
-  void ReadPlain(std::uint64_t first, std::size_t count, float* out) {
+  void ReadPlain(std::uint64_t first, Row<float> run) {
+    float* const out = run.data();
+    const std::size_t count = run.size();
     const auto size = static_cast<std::size_t>(std::abs(bitpix_) / 8);
     const bool direct = bitpix_ == -32 && by_.scale == 1 && by_.zero == 0;
     if (!direct) buffer_.resize(kChunk * size);
@@ -418,7 +422,7 @@ class FitsReader : public ImageReader {
     }
   }
 
-  void ReadCompressed(std::uint64_t first, std::size_t count, float* out) {
+  void ReadCompressed(std::uint64_t first, const Plane<float>& to) {
     constexpr std::size_t kAtOnce = 1 << 20;  // pixels: as wide as an image can be
     static_assert(kAtOnce > kMaxSide);
     if (!tiles_->decoder) {
@@ -430,12 +434,18 @@ class FitsReader : public ImageReader {
                                              {"tiles", info_.header.GetInt("NAXIS2").value_or(0)},
                                              {"heap", info_.header.GetInt("PCOUNT").value_or(0)}});
     }
-    const std::size_t width = static_cast<std::size_t>(info_.width), wholeRows = kAtOnce / width * width;
-    for (std::size_t done = 0; done < count; done += wholeRows) {
-      const std::size_t n = std::min(wholeRows, count - done);
-      tiles_->decoder->Ask({{"first", first + done}, {"count", n}}, *tiles_->unpacked);
-      if (tiles_->unpacked->Read(out + done, n * sizeof(float), 0) != n * sizeof(float))
-        Fail("its unpacked pixels are gone");
+    const int wholeRows = static_cast<int>(kAtOnce) / info_.width;
+    for (int done = 0; done < to.Rows(); done += wholeRows) {
+      const Plane<float> part(to[done].data(), to.Width(), std::min(wholeRows, to.Rows() - done), to.Pitch());
+      const std::size_t count = static_cast<std::size_t>(part.Rows()) * static_cast<std::size_t>(info_.width);
+      tiles_->decoder->Ask({{"first", first}, {"count", count}}, *tiles_->unpacked);
+      first += count;
+      std::uint64_t at = 0;
+      part.ForRuns([&](Row<float> run) {
+        if (tiles_->unpacked->Read(run.data(), run.size_bytes(), at) != run.size_bytes())
+          Fail("its unpacked pixels are gone");
+        at += run.size_bytes();
+      });
     }
   }
 

@@ -82,20 +82,22 @@ class FitsWriter : public ImageWriter {
  protected:
   bool RunsUp() const override { return runsUp_; }
 
-  void Write(int y0, int rows, const float* const* planes) override {
-    const std::size_t count = static_cast<std::size_t>(rows) * static_cast<std::size_t>(options_.width);
-    buffer_.resize(std::min(count, kChunk) * pixelBytes_);
+  void Write(const Band<const float>& from) override {
     for (int p = 0; p < options_.planes; ++p) {
-      const std::uint64_t first =
-          (static_cast<std::uint64_t>(p) * static_cast<std::uint64_t>(options_.height) +
-           static_cast<std::uint64_t>(y0)) *
-          static_cast<std::uint64_t>(options_.width);
-      for (std::size_t done = 0; done < count;) {
-        const std::size_t n = std::min(kChunk, count - done);
-        Convert(planes[p] + done, n);
-        file_.Write(buffer_.data(), n * pixelBytes_, start_ + (first + done) * pixelBytes_);
-        done += n;
-      }
+      std::uint64_t at =
+          start_ + (static_cast<std::uint64_t>(p) * static_cast<std::uint64_t>(options_.height) +
+                    static_cast<std::uint64_t>(from.Top())) *
+                       static_cast<std::uint64_t>(options_.width) * pixelBytes_;
+      from.Plane(p).ForRuns([&](Row<const float> run) {
+        buffer_.resize(std::min(run.size(), kChunk) * pixelBytes_);
+        for (std::size_t done = 0; done < run.size();) {
+          const std::size_t n = std::min(kChunk, run.size() - done);
+          Convert(run.data() + done, n);
+          file_.Write(buffer_.data(), n * pixelBytes_, at);
+          at += n * pixelBytes_;
+          done += n;
+        }
+      });
     }
   }
 

@@ -41,11 +41,16 @@ struct Slot {
 };
 std::array<Slot, 64> g_slots;
 
-void CheckRows(const fs::path& path, int y0, int rows, int height) {
-  if (y0 < 0 || rows < 0 || rows > height - y0) {
+void CheckBand(const fs::path& path, const Band<const float>& band, int width, int height, int planes) {
+  if (band.Top() < 0 || band.Rows() > height - band.Top()) {
     throw std::out_of_range(
-        OneLine(fmt::format("{}: rows {} to {} are outside the image of {} rows", path.string(), y0,
-                            static_cast<std::int64_t>(y0) + rows - 1, height)));
+        OneLine(fmt::format("{}: rows {} to {} are outside the image of {} rows", path.string(), band.Top(),
+                            static_cast<std::int64_t>(band.Top()) + band.Rows() - 1, height)));
+  }
+  if (band.Width() != width || band.Planes() != planes) {
+    throw std::out_of_range(
+        OneLine(fmt::format("{}: rows of {} pixels in {} planes were given for an image of {} in {}",
+                            path.string(), band.Width(), band.Planes(), width, planes)));
   }
 }
 
@@ -215,31 +220,30 @@ std::unique_ptr<ImageReader> ImageReader::Open(const fs::path& path, const ReadO
   return reader;
 }
 
-void ImageReader::ReadRows(int y0, int rows, float* const* planes) {
-  CheckRows(info_.path, y0, rows, info_.height);
-  if (rows <= 0) return;
+void ImageReader::ReadRows(const Band<float>& to) {
+  CheckBand(info_.path, to, info_.width, info_.height, info_.planes);
+  const int rows = to.Rows();
+  if (rows == 0) return;
   const bool turned = info_.header.turned;
-  Read(turned ? info_.height - y0 - rows : y0, rows, planes);
+  Read(turned ? to.At(info_.height - to.Bottom()) : to);
   for (int p = 0; p < info_.planes; ++p) {
+    const Plane<float> plane = to.Plane(p);
     for (int y = 0; turned && y < rows / 2; ++y) {
-      float* row = planes[p] + static_cast<std::size_t>(y) * static_cast<std::size_t>(info_.width);
-      float* other =
-          planes[p] + static_cast<std::size_t>(rows - 1 - y) * static_cast<std::size_t>(info_.width);
-      std::swap_ranges(row, row + info_.width, other);
+      std::swap_ranges(plane[y].begin(), plane[y].end(), plane[rows - 1 - y].begin());
     }
   }
-  if (border_) border_->Blank(y0, rows, info_.planes, planes);
+  if (border_) border_->Blank(to);
 }
 
-void ImageReader::ApplyScale(int rows, float* const* planes) const {
+void ImageReader::ApplyScale(const Band<float>& rows) const {
   if (Scale{info_.bscale, info_.bzero, info_.hasBlank}.IsPlain()) return;
-  const std::size_t count = static_cast<std::size_t>(rows) * static_cast<std::size_t>(info_.width);
-  for (int p = 0; p < info_.planes; ++p) {
-    for (std::size_t i = 0; i < count; ++i) {
-      const float stored = planes[p][i];
-      planes[p][i] = info_.hasBlank && stored == 0 ? std::numeric_limits<float>::quiet_NaN()
-                                                   : static_cast<float>(info_.bzero + info_.bscale * stored);
-    }
+  for (int p = 0; p < rows.Planes(); ++p) {
+    rows.Plane(p).ForRuns([this](Row<float> pixels) {
+      for (float& v : pixels) {
+        v = info_.hasBlank && v == 0 ? std::numeric_limits<float>::quiet_NaN()
+                                     : static_cast<float>(info_.bzero + info_.bscale * v);
+      }
+    });
   }
 }
 
@@ -262,14 +266,17 @@ std::optional<Scale> Scale::Parse(std::string_view text) {
   return scale.step > 0 ? std::optional(scale) : std::nullopt;
 }
 
-void RangeOf16Bits::Add(const float* pixels, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) {
-    const float v = pixels[i];
-    const bool finite = std::abs(v) <= std::numeric_limits<float>::max();
-    min_ = finite && v < min_ ? v : min_;
-    max_ = finite && v > max_ ? v : max_;
-    whole_ &= !finite || v == std::trunc(v);
-    hasBlank_ |= std::isnan(v);
+void RangeOf16Bits::Add(const Band<const float>& pixels) {
+  for (int p = 0; p < pixels.Planes(); ++p) {
+    pixels.Plane(p).ForRuns([this](Row<const float> run) {
+      for (const float v : run) {
+        const bool finite = std::abs(v) <= std::numeric_limits<float>::max();
+        min_ = finite && v < min_ ? v : min_;
+        max_ = finite && v > max_ ? v : max_;
+        whole_ &= !finite || v == std::trunc(v);
+        hasBlank_ |= std::isnan(v);
+      }
+    });
   }
 }
 
@@ -335,34 +342,31 @@ std::unique_ptr<ImageWriter> ImageWriter::Create(const fs::path& path, const Wri
 ImageWriter::ImageWriter(const fs::path& path, const WriteOptions& options, bool anyOrder)
     : path_(path), options_(options), anyOrder_(anyOrder) {}
 
-void ImageWriter::WriteRows(int y0, int rows, const float* const* planes) {
-  CheckRows(path_, y0, rows, options_.height);
-  if (!anyOrder_ && y0 != rowsWritten_) {
+void ImageWriter::WriteRows(const Band<const float>& from) {
+  CheckBand(path_, from, options_.width, options_.height, options_.planes);
+  if (!anyOrder_ && from.Top() != rowsWritten_) {
     throw std::out_of_range(
         OneLine(fmt::format("{}: row {} was given where row {} is next; this format wants the rows "
                             "in order",
-                            path_.string(), y0, rowsWritten_)));
+                            path_.string(), from.Top(), rowsWritten_)));
   }
-  if (rows > 0) Write(RunsUp() ? options_.height - y0 - rows : y0, rows, Stored(rows, planes).data());
-  rowsWritten_ += rows;
+  if (from.Rows() > 0) Write(Stored(from));
+  rowsWritten_ += from.Rows();
 }
 
 /// The rows as they are stored: on their scale, and in their order.
-std::array<const float*, 3> ImageWriter::Stored(int rows, const float* const* planes) {
-  std::array<const float*, 3> stored = {};
-  std::copy_n(planes, options_.planes, stored.begin());
+Band<const float> ImageWriter::Stored(const Band<const float>& from) {
   const Scale& scale = options_.scale;
-  if (scale.IsPlain() && !RunsUp()) return stored;
-  const auto width = static_cast<std::size_t>(options_.width), count = static_cast<std::size_t>(rows) * width;
-  stored_.resize(count * static_cast<std::size_t>(options_.planes));
-  for (std::size_t p = 0; p < static_cast<std::size_t>(options_.planes); ++p) {
-    float* to = stored_.data() + p * count;
-    stored[p] = to;
-    for (int y = 0; y < rows; ++y, to += width) {
-      const float* from = planes[p] + static_cast<std::size_t>(RunsUp() ? rows - 1 - y : y) * width;
-      for (std::size_t x = 0; x < width; ++x) {
-        to[x] = scale.IsPlain() ? from[x] : static_cast<float>((from[x] - scale.zero) / scale.step);
-      }
+  if (scale.IsPlain() && !RunsUp()) return from;
+  const int rows = from.Rows();
+  const Band<float> stored =
+      stored_.Get(from.Planes(), from.Width(), RunsUp() ? options_.height - from.Bottom() : from.Top(), rows);
+  for (int p = 0; p < from.Planes(); ++p) {
+    for (int y = 0; y < rows; ++y) {
+      std::ranges::transform(from.Plane(p)[RunsUp() ? rows - 1 - y : y], stored.Plane(p)[y].begin(),
+                             [&scale](float v) {
+                               return scale.IsPlain() ? v : static_cast<float>((v - scale.zero) / scale.step);
+                             });
     }
   }
   return stored;

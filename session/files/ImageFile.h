@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "korimg/image/View.h"
+
 #include "session/Export.h"
 #include "session/job/Errors.h"
 
@@ -84,7 +86,7 @@ struct KORIMG_SESSION_API Scale {
 class KORIMG_SESSION_API RangeOf16Bits {
  public:
   /// Takes pixels. Those that are no finite numbers are passed over.
-  void Add(const float* pixels, std::size_t count);
+  void Add(const Band<const float>& pixels);
   Scale Get() const;
 
  private:
@@ -139,16 +141,16 @@ class KORIMG_SESSION_API ImageReader {
   /// What rows are read without; null when all of them were wanted.
   const std::shared_ptr<const ConstantBorder>& Border() const { return border_; }
 
-  /// Reads rows y0 to y0 + rows - 1 of all planes as physical values; planes[p] takes rows * width floats.
-  /// Rows count as they are stored, but from the upper one where ROWORDER tells that they are stored from the
-  /// lowest up. Blank pixels are NaN. Any order of y0 is allowed; upwards is fastest.
-  /// @throws FileError on damaged data, std::out_of_range if the rows are not inside the image.
-  void ReadRows(int y0, int rows, float* const* planes);
+  /// Fills a band, of the image's width and planes and any pitch, with physical values. Rows count as they
+  /// are stored, but from the upper one where ROWORDER tells that they are stored from the lowest up. Blank
+  /// pixels are NaN. Bands may come in any order; upwards is fastest.
+  /// @throws FileError on damaged data, std::out_of_range if the band is not one of the image.
+  void ReadRows(const Band<float>& to);
 
  protected:
-  virtual void Read(int y0, int rows, float* const* planes) = 0;
+  virtual void Read(const Band<float>& to) = 0;
   /// Brings stored numbers that were read to info_'s scale.
-  void ApplyScale(int rows, float* const* planes) const;
+  void ApplyScale(const Band<float>& rows) const;
 
   ImageInfo info_;
 
@@ -177,12 +179,12 @@ class KORIMG_SESSION_API ImageWriter {
   static std::unique_ptr<ImageWriter> Create(const std::filesystem::path& path, const WriteOptions& options);
   virtual ~ImageWriter() = default;
 
-  /// Writes rows y0 to y0 + rows - 1; planes[p] holds rows * width floats. Integer types take the nearest
-  /// whole number, clamped to their range, and 0 for NaN, which is read back where the scale has it so. All
-  /// but FITS want the rows in order.
-  /// @throws FileError when the disk is full, std::out_of_range if the rows are outside the image or out of
-  /// order.
-  void WriteRows(int y0, int rows, const float* const* planes);
+  /// Writes a band, of the image's width and planes and any pitch. Integer types take the nearest whole
+  /// number, clamped to their range, and 0 for NaN, which is read back where the scale has it so. All but
+  /// FITS want the rows in order.
+  /// @throws FileError when the disk is full, std::out_of_range if the band is not one of the image, or out
+  /// of order.
+  void WriteRows(const Band<const float>& from);
 
   /// The final name.
   const std::filesystem::path& Path() const { return path_; }
@@ -195,18 +197,18 @@ class KORIMG_SESSION_API ImageWriter {
   explicit ImageWriter(const std::filesystem::path& path, const WriteOptions& options, bool anyOrder);
   /// True when rows are stored from the lowest up.
   virtual bool RunsUp() const { return false; }
-  virtual void Write(int y0, int rows, const float* const* planes) = 0;
+  virtual void Write(const Band<const float>& from) = 0;
   virtual void Finish() = 0;
 
   std::filesystem::path path_;
   WriteOptions options_;
 
  private:
-  std::array<const float*, 3> Stored(int rows, const float* const* planes);
+  Band<const float> Stored(const Band<const float>& from);
 
   bool anyOrder_;
   std::int64_t rowsWritten_ = 0;
-  std::vector<float> stored_;
+  BandBuffer stored_;
 };
 
 /// A file name's extension in lower case, with its dot.

@@ -141,12 +141,12 @@ class JpegWriter : public ImageWriter {
   }
 
  protected:
-  void Write(int, int rows, const float* const* planes) override {
+  void Write(const Band<const float>& from) override {
     const auto width = static_cast<std::size_t>(options_.width),
                step = static_cast<std::size_t>(options_.planes);
-    for (int y = 0; y < rows; ++y) {
+    for (int y = from.Top(); y < from.Bottom(); ++y) {
       for (std::size_t p = 0; p < step; ++p) {
-        const float* in = planes[p] + static_cast<std::size_t>(y) * width;
+        const float* in = from.Row(static_cast<int>(p), y).data();
         for (std::size_t x = 0; x < width; ++x)
           row_[x * step + p] = RoundTo<std::uint8_t>(in[x]);
       }

@@ -126,14 +126,14 @@ class PngReader : public ImageReader {
   }
 
  protected:
-  void Read(int y0, int rows, float* const* planes) override {
+  void Read(const Band<float>& to) override {
     row_.resize(RowBytes());
     if (interlaced_) {
       UnpackInterlaced();
-    } else if (y0 < next_) {
+    } else if (to.Top() < next_) {
       Restart();
     }
-    for (int y = interlaced_ ? y0 : next_; y < y0 + rows; ++y) {
+    for (int y = interlaced_ ? to.Top() : next_; y < to.Bottom(); ++y) {
       const png_byte* row = row_.data();
       if (interlaced_) {
         row = whole_.data() + static_cast<std::size_t>(y) * RowBytes();
@@ -142,10 +142,10 @@ class PngReader : public ImageReader {
         Guard(pass_->png, info_.path, [&] { png_read_row(pass_->png, row_.data(), nullptr); });
         next_ = y + 1;
       }
-      if (y < y0) continue;
+      if (y < to.Top()) continue;
       const auto width = static_cast<std::size_t>(info_.width), step = static_cast<std::size_t>(info_.planes);
       for (std::size_t p = 0; p < step; ++p) {
-        float* out = planes[p] + static_cast<std::size_t>(y - y0) * width;
+        float* out = to.Row(static_cast<int>(p), y).data();
         if (wide_) {
           const auto* in = reinterpret_cast<const std::uint16_t*>(row) + p;
           for (std::size_t x = 0; x < width; ++x)
@@ -156,7 +156,7 @@ class PngReader : public ImageReader {
         }
       }
     }
-    ApplyScale(rows, planes);
+    ApplyScale(to);
   }
 
  private:
@@ -235,12 +235,12 @@ class PngWriter : public ImageWriter {
   }
 
  protected:
-  void Write(int, int rows, const float* const* planes) override {
+  void Write(const Band<const float>& from) override {
     const auto width = static_cast<std::size_t>(options_.width),
                step = static_cast<std::size_t>(options_.planes);
-    for (int y = 0; y < rows; ++y) {
+    for (int y = from.Top(); y < from.Bottom(); ++y) {
       for (std::size_t p = 0; p < step; ++p) {
-        const float* in = planes[p] + static_cast<std::size_t>(y) * width;
+        const float* in = from.Row(static_cast<int>(p), y).data();
         if (wide_) {
           auto* out = reinterpret_cast<std::uint16_t*>(row_.data()) + p;
           for (std::size_t x = 0; x < width; ++x)

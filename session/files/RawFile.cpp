@@ -33,15 +33,15 @@ class RawReader : public ImageReader {
   }
 
  protected:
-  void Read(int y0, int rows, float* const* planes) override {
+  void Read(const Band<float>& to) override {
     if (!pixels_) Unpack();
     const size_t width = info_.width, bytes = width * sizeof(std::uint16_t);
     std::vector<std::uint16_t> row(width);
-    for (int y = y0; y < y0 + rows; ++y) {
+    for (int y = to.Top(); y < to.Bottom(); ++y) {
       for (int p = 0; p < info_.planes; ++p) {
         if (pixels_->Read(row.data(), bytes, (static_cast<size_t>(p) * info_.height + y) * bytes) < bytes)
           throw FileError(info_.path, "its unpacked pixels are gone");
-        Convert(row.data(), y, p, planes[p] + static_cast<size_t>(y - y0) * width);
+        Convert(row.data(), y, p, to.Row(p, y).data());
       }
     }
   }

@@ -89,19 +89,18 @@ class TiffReader : public ImageReader {
   }
 
  protected:
-  void Read(int y0, int rows, float* const* planes) override {
+  void Read(const Band<float>& to) override {
     for (std::size_t h = 0; h < handles_.size(); ++h) {
-      for (int y = y0; y < y0 + rows; ++y) {
-        const std::size_t offset = static_cast<std::size_t>(y - y0) * static_cast<std::size_t>(info_.width);
+      for (int y = to.Top(); y < to.Bottom(); ++y) {
         if (tiled_) {
-          TakeRowOfTiles(h, y, planes, offset);
+          TakeRowOfTiles(h, y, to);
         } else {
           ReadScanline(h, y);
-          Take(states_[h].data.data(), h, planes, offset, info_.width);
+          Take(states_[h].data.data(), h, to, y, 0, info_.width);
         }
       }
     }
-    ApplyScale(rows, planes);
+    ApplyScale(to);
   }
 
  private:
@@ -209,7 +208,7 @@ class TiffReader : public ImageReader {
     state.row = y;
   }
 
-  void TakeRowOfTiles(std::size_t h, int y, float* const* planes, std::size_t offset) {
+  void TakeRowOfTiles(std::size_t h, int y, const Band<float>& to) {
     State& state = states_[h];
     TIFF* tiff = Handle(h);
     const auto size = static_cast<std::size_t>(TIFFTileSize64(tiff));
@@ -231,18 +230,17 @@ class TiffReader : public ImageReader {
     for (int i = 0; i < across; ++i) {
       const unsigned char* row = state.data.data() + static_cast<std::size_t>(i) * size +
                                  static_cast<std::size_t>(y % tileHeight) * rowSize;
-      Take(row, h, planes, offset + static_cast<std::size_t>(i * tileWidth),
-           std::min(tileWidth, info_.width - i * tileWidth));
+      Take(row, h, to, y, i * tileWidth, std::min(tileWidth, info_.width - i * tileWidth));
     }
   }
 
-  /// Converts n pixels of one or of all planes.
-  void Take(const unsigned char* row, std::size_t h, float* const* planes, std::size_t offset, int n) const {
+  /// Converts n pixels of row y from column x on, of one or of all planes.
+  void Take(const unsigned char* row, std::size_t h, const Band<float>& to, int y, int x, int n) const {
     if (separate_) {
-      TakePlane(row, 1, planes[h] + offset, n);
+      TakePlane(row, 1, to.Row(static_cast<int>(h), y).data() + x, n);
     } else {
       for (int p = 0; p < info_.planes; ++p)
-        TakePlane(row + p * bytes_, samples_, planes[p] + offset, n);
+        TakePlane(row + p * bytes_, samples_, to.Row(p, y).data() + x, n);
     }
   }
 
@@ -314,12 +312,12 @@ class TiffWriter : public ImageWriter {
   }
 
  protected:
-  void Write(int y0, int rows, const float* const* planes) override {
+  void Write(const Band<const float>& from) override {
     const auto width = static_cast<std::size_t>(options_.width),
                step = static_cast<std::size_t>(options_.planes);
-    for (int y = 0; y < rows; ++y) {
+    for (int y = from.Top(); y < from.Bottom(); ++y) {
       for (std::size_t p = 0; p < step; ++p) {
-        const float* in = planes[p] + static_cast<std::size_t>(y) * width;
+        const float* in = from.Row(static_cast<int>(p), y).data();
         if (bytes_ == 1) {
           for (std::size_t x = 0; x < width; ++x)
             row_[x * step + p] = RoundTo<std::uint8_t>(in[x]);
@@ -334,8 +332,7 @@ class TiffWriter : public ImageWriter {
         }
       }
       errno = 0;
-      if (TIFFWriteScanline(**tiff_, row_.data(), static_cast<std::uint32_t>(y0 + y), 0) != 1)
-        FailToWrite(y0 + y);
+      if (TIFFWriteScanline(**tiff_, row_.data(), static_cast<std::uint32_t>(y), 0) != 1) FailToWrite(y);
     }
   }
 

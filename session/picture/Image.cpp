@@ -45,9 +45,8 @@ Image Load(Job& job, const std::shared_ptr<CVmManager>& store, const std::filesy
   const auto reader = files::ImageReader::Open(path, options);
   const files::ImageInfo& info = reader->Info();
   auto image = NewImage(store, info.width, info.height, info.planes);
-  ForBands<Access::Write>(job, *image, "reading " + path.filename().string(), [&](const Band<float>& band) {
-    reader->ReadRows(band.Top(), band.Rows(), band.Data());
-  });
+  ForBands<Access::Write>(job, *image, "reading " + path.filename().string(),
+                          [&](const Band<float>& band) { reader->ReadRows(band); });
   image->SetOrgFileName(Widen(path.string()));
   image->SetOrgFileFormat(Widen(info.format));
   image->SetOrgBitsPixel(SourceTypeOf(info));

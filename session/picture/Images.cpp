@@ -1,9 +1,7 @@
 #include "session/picture/Images.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
-#include <cstring>
 #include <numeric>
 
 #include <fmt/format.h>
@@ -29,8 +27,7 @@ std::string LevelKey(const char* end, int plane) {
 }
 
 void FillPicture(Job& job, CVelImage& image, const std::string& title, PictureSaver& saver) {
-  ForBands<Access::Read>(job, image, title,
-                         [&](const Band<const float>& band) { saver.Write(band.Rows(), band.Data()); });
+  ForBands<Access::Read>(job, image, title, [&](const Band<const float>& band) { saver.Write(band); });
   saver.Commit();
 }
 
@@ -171,23 +168,22 @@ ImageSaver::ImageSaver(Job& job, const std::filesystem::path& path, const Shape&
   writer_ = files::ImageWriter::Create(path, write);
 }
 
-void ImageSaver::Write(int rows, const float* const* planes) {
-  const float* out[3] = {};
-  const size_t size = static_cast<size_t>(rows) * shape_.width;
-  scaled_.resize(bringsToOne_ ? size * shape_.planes : 0);
-  for (int p = 0; p < shape_.planes; ++p) {
-    out[p] = planes[p];
-    if (!bringsToOne_) continue;
-    const auto min = static_cast<float>(levels_.min[p]);
-    const auto scale = static_cast<float>(kWhite / (levels_.max[p] - levels_.min[p]));
-    float* to = scaled_.data() + p * size;
-    for (size_t i = 0; i < size; ++i) {
-      to[i] = (planes[p][i] - min) * scale;
+void ImageSaver::Write(const Band<const float>& rows) {
+  Band<const float> out = rows.At(next_);
+  next_ += rows.Rows();
+  if (bringsToOne_) {
+    const Band<float> scaled = scaled_.Get(shape_.planes, shape_.width, out.Top(), out.Rows());
+    for (int p = 0; p < shape_.planes; ++p) {
+      const auto min = static_cast<float>(levels_.min[p]);
+      const auto scale = static_cast<float>(kWhite / (levels_.max[p] - levels_.min[p]));
+      for (int y = 0; y < out.Rows(); ++y) {
+        std::ranges::transform(out.Plane(p)[y], scaled.Plane(p)[y].begin(),
+                               [=](float v) { return (v - min) * scale; });
+      }
     }
-    out[p] = to;
+    out = scaled;
   }
-  writer_->WriteRows(next_, rows, out);
-  next_ += rows;
+  writer_->WriteRows(out);
 }
 
 void SaveImage(Job& job, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
@@ -198,13 +194,7 @@ void SaveImage(Job& job, CVelImage& image, const files::Header& header, const st
   if (scaled.integers) {
     files::RangeOf16Bits range;
     ForBands<Access::Read>(job, image, "measuring " + path.filename().string(),
-                           [&](const Band<const float>& band) {
-                             for (int p = 0; p < band.Planes(); ++p) {
-                               for (int y = 0; y < band.Rows(); ++y) {
-                                 range.Add(band.Plane(p)[y].data(), band.Width());
-                               }
-                             }
-                           });
+                           [&](const Band<const float>& band) { range.Add(band); });
     scaled.scale = range.Get();
   }
   ImageSaver saver(job, path, ShapeOf(image), Levels(image), header, scaled);
@@ -217,12 +207,11 @@ void SaveImage(Job& job, CVelImage& image, const files::Header& header, const st
       for (int p = 0; p < image.GetPlanes(); ++p) {
         row[p] = image.GetLine(0, y, p);
       }
-      saver.Write(1, row);
+      saver.Write({row, image.GetPlanes(), image.GetWidth(), y, 1});
     }
     job.EndProgress();
   } else {
-    ForBands<Access::Read>(job, image, title,
-                           [&](const Band<const float>& band) { saver.Write(band.Rows(), band.Data()); });
+    ForBands<Access::Read>(job, image, title, [&](const Band<const float>& band) { saver.Write(band); });
   }
   saver.Commit();
 }
@@ -258,15 +247,17 @@ files::WriteOptions PictureSaver::Format() const {
   return {.width = picture_.width, .height = picture_.height, .planes = picture_.planes, .type = "uint8"};
 }
 
-void PictureSaver::Write(int rows, const float* const* planes) {
+void PictureSaver::Write(const Band<const float>& rows) {
   const int columns = std::min(shrink_, shape_.width);
   const float share = 1.0f / static_cast<float>(rowsOfPixel_ * columns);
-  for (int y = 0; y < rows; ++y, ++next_) {
+  const Band<float> sum(sums_.data(), shape_.planes, shape_.width, 0, 1),
+      mean(line_.data(), picture_.planes, picture_.width, 0, 1);
+  for (int y = rows.Top(); y < rows.Bottom(); ++y, ++next_) {
     const int line = next_ / rowsOfPixel_;
     if (line >= picture_.height) continue;
     for (int p = 0; p < shape_.planes; ++p) {
-      const float* from = planes[p] + static_cast<size_t>(y) * shape_.width;
-      float* sums = sums_.data() + static_cast<size_t>(p) * shape_.width;
+      const float* from = rows.Row(p, y).data();
+      float* sums = sum.Row(p, 0).data();
       const auto min = static_cast<float>(levels_.min[p]);
       const auto scale = static_cast<float>(255.0 / (levels_.max[p] - levels_.min[p]));
       for (int x = 0; x < shape_.width; ++x) {
@@ -276,8 +267,8 @@ void PictureSaver::Write(int rows, const float* const* planes) {
     }
     if ((next_ + 1) % rowsOfPixel_ != 0) continue;
     for (int p = 0; p < shape_.planes; ++p) {
-      const float* sums = sums_.data() + static_cast<size_t>(p) * shape_.width;
-      float* to = line_.data() + static_cast<size_t>(p) * picture_.width;
+      const float* sums = sum.Row(p, 0).data();
+      float* to = mean.Row(p, 0).data();
       for (int x = 0; x < picture_.width; ++x) {
         to[x] = share * std::accumulate(&sums[x * shrink_], &sums[x * shrink_] + columns, 0.0f);
       }
@@ -292,11 +283,7 @@ void PictureSaver::Write(int rows, const float* const* planes) {
 }
 
 void PictureSaver::WriteLine(int line, const float* pixels) {
-  const float* planes[3] = {};
-  for (int p = 0; p < picture_.planes; ++p) {
-    planes[p] = pixels + static_cast<size_t>(p) * picture_.width;
-  }
-  writer_->WriteRows(line, 1, planes);
+  writer_->WriteRows({pixels, picture_.planes, picture_.width, line, 1});
 }
 
 void PictureSaver::Commit() {

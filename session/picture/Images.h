@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "korimg/image/CVelImage.h"
+#include "korimg/image/View.h"
 
 #include "session/Export.h"
 #include "session/files/ImageFile.h"
@@ -79,8 +80,8 @@ class KORIMG_SESSION_API ImageSaver {
  public:
   ImageSaver(Job& job, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
              const files::Header& header, const SaveOptions& options = {});
-  /// Writes the next rows; planes[p] holds rows x width floats.
-  void Write(int rows, const float* const* planes);
+  /// Writes the next rows, whatever they count from.
+  void Write(const Band<const float>& rows);
   void Commit() { CommitComputed(*writer_); }
 
  private:
@@ -88,7 +89,7 @@ class KORIMG_SESSION_API ImageSaver {
   Levels levels_;
   bool bringsToOne_ = false;  ///< each plane from its own levels to 0 to 65535
   int next_ = 0;
-  std::vector<float> scaled_;
+  BandBuffer scaled_;
   std::unique_ptr<files::ImageWriter> writer_;
 };
 
@@ -101,8 +102,8 @@ class KORIMG_SESSION_API PictureSaver {
                int shrink, bool overturned = false);
   /// The same as a JPEG in memory, which must outlive this object.
   PictureSaver(std::string& jpeg, const Shape& shape, const Levels& levels, int shrink);
-  /// Takes the next rows; planes[p] holds rows x width floats.
-  void Write(int rows, const float* const* planes);
+  /// Takes the next rows, whatever they count from.
+  void Write(const Band<const float>& rows);
   void Commit();
 
  private:

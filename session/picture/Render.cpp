@@ -78,7 +78,7 @@ void WritePicture(Job& job, CVelImage& image, CBaseDIB& bitmap, int step, const 
           out[x] = pixels[step * x + 2 - p];
         }
       }
-      writer->WriteRows(y, 1, rows);
+      writer->WriteRows({rows, planes, width, y, 1});
     }
   }
   job.EndProgress();

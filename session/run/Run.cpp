@@ -80,11 +80,7 @@ std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmM
   auto image = std::shared_ptr<CVelImage>(
       new CVelImage(store, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr),
       [store](CVelImage* p) { delete p; });
-  float* planes[3] = {};
-  for (int p = 0; p < shape.planes; ++p) {
-    planes[p] = image->GetWritableLine(0, 0, p);
-  }
-  rows.Read(0, shape.height, planes);
+  rows.Read(Image::RowsOf(*image, 0, shape.height));
   return image;
 }
 
@@ -374,8 +370,8 @@ class Road {
       input.dy = frame->registration.dy;
       input.degrees = frame->registration.degrees;
       input.levels = frame->levels;
-      input.read = [this, frame](int y0, int rows, float* const* planes) {
-        LightRows(session_, *frame->light, frame->border).Read(y0, rows, planes);
+      input.read = [this, frame](const Band<float>& to) {
+        LightRows(session_, *frame->light, frame->border).Read(to);
       };
       inputs.push_back(std::move(input));
     }
@@ -417,12 +413,7 @@ class Road {
     const auto store = job_.MakeStore();
     CVelImage image(store, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr);
     Stack(job_, inputs, static_cast<int>(reference), options, 0, [&](const StackBand& band) {
-      for (int p = 0; p < shape.planes; ++p) {
-        for (int y = 0; y < band.rows; ++y) {
-          std::copy_n(band.planes[p] + static_cast<size_t>(y) * shape.width, shape.width,
-                      image.GetWritableLine(0, band.y0 + y, p));
-        }
-      }
+      CopyPixels(band.result, Image::RowsOf(image, band.result.Top(), band.result.Rows()));
       for (size_t i = 0; i < band.counts.size(); ++i) {
         used[i]->counts += band.counts[i];
       }

@@ -441,25 +441,24 @@ class Session {
                                                           .header = MakeHeader(kind, frame),
                                                           .verbatim = true,
                                                           .overwrite = options_.overwrite});
-    std::vector<float> band(static_cast<std::size_t>(kBand) * static_cast<std::size_t>(width_));
+    BandBuffer buffer;
     for (int y0 = 0; y0 < height_; y0 += kBand) {
-      const int rows = std::min(kBand, height_ - y0);
+      const Band<float> band = buffer.Get(1, width_, y0, std::min(kBand, height_ - y0));
 #pragma omp parallel num_threads(Threads())
       {
         std::vector<double> row(static_cast<std::size_t>(width_));
 #pragma omp for schedule(dynamic)
-        for (int y = y0; y < y0 + rows; ++y) {
+        for (int y = y0; y < band.Bottom(); ++y) {
           Expect(kind, frame, y, row);
           Random random({options_.seed, kNoise, kind, Key(frame), Key(y)});
-          float* out = band.data() + static_cast<std::size_t>(y - y0) * static_cast<std::size_t>(width_);
+          float* out = band.Row(0, y).data();
           for (std::size_t x = 0; x < row.size(); ++x) {
             const double electrons = random.Poisson(row[x]) + kReadNoise * random.Normal();
             out[x] = static_cast<float>(electrons / kGain + bias_[x]);
           }
         }
       }
-      const float* plane = band.data();
-      writer->WriteRows(y0, rows, &plane);
+      writer->WriteRows(band);
     }
     writer->Commit();
   }

@@ -55,7 +55,7 @@ Journal::Journal(const fs::path& output, const std::string& digest, const Shape&
       if (!stored) break;
       bands_.push_back({end_, rows_});
       end_ = stored->end;
-      rows_ += stored->band.rows;
+      rows_ += stored->band.result.Rows();
     }
   }
   if (ftruncate(file_->Descriptor(), static_cast<off_t>(rows_ > 0 ? end_ : 0)) != 0) {
@@ -70,8 +70,8 @@ std::optional<Journal::Stored> Journal::Read(std::uint64_t offset, int y0) const
       record.rows > shape_.height - y0) {
     return std::nullopt;
   }
-  const size_t plane = static_cast<size_t>(record.rows) * shape_.width;
-  Stored stored{{record.y0, record.rows}, std::vector<float>(images_ * shape_.planes * plane), {}, 0};
+  const size_t image = static_cast<size_t>(shape_.planes) * record.rows * shape_.width;
+  Stored stored{{}, std::vector<float>(images_ * image), 0};
   stored.band.counts.resize(frames_);
   std::uint64_t at = offset + sizeof record, sum = y0;
   const auto take = [&](void* data, size_t bytes) {
@@ -84,30 +84,30 @@ std::optional<Journal::Stored> Journal::Read(std::uint64_t offset, int y0) const
       !take(stored.pixels.data(), stored.pixels.size() * sizeof(float)) || sum != record.sum) {
     return std::nullopt;
   }
-  for (size_t i = 0; i < images_ * shape_.planes; ++i) {
-    stored.planes.push_back(stored.pixels.data() + i * plane);
-  }
-  stored.band.planes = stored.planes.data();
+  const auto band = [&](size_t i) {
+    return Band<const float>(stored.pixels.data() + i * image, shape_.planes, shape_.width, y0, record.rows);
+  };
+  stored.band.result = band(0);
   if (images_ > 1) {
-    stored.band.low = stored.band.planes + shape_.planes;
-    stored.band.high = stored.band.low + shape_.planes;
+    stored.band.low = band(1);
+    stored.band.high = band(2);
   }
   stored.end = at;
   return stored;
 }
 
 void Journal::Add(const StackBand& band) {
-  Record record{band.y0, band.rows};
-  std::uint64_t at = end_ + sizeof record, sum = band.y0;
+  Record record{band.result.Top(), band.result.Rows()};
+  std::uint64_t at = end_ + sizeof record, sum = record.y0;
   const auto put = [&](const void* data, size_t bytes) {
     file_->Write(data, bytes, at);
     at += bytes;
     sum = Sum(sum, data, bytes);
   };
   put(band.counts.data(), frames_ * sizeof(Counts));
-  for (const float* const* image : {band.planes, band.low, band.high}) {
-    for (int p = 0; image && p < shape_.planes; ++p) {
-      put(image[p], sizeof(float) * band.rows * shape_.width);
+  for (const Band<const float>* image : {&band.result, &band.low, &band.high}) {
+    for (int p = 0; p < image->Planes(); ++p) {
+      image->Plane(p).ForRuns([&](Row<const float> run) { put(run.data(), run.size_bytes()); });
     }
   }
   record.sum = sum;
@@ -115,7 +115,7 @@ void Journal::Add(const StackBand& band) {
   if (use_ == Kept && fdatasync(file_->Descriptor()) != 0) files::ThrowSystemError(path_, "write", errno);
   bands_.push_back({end_, rows_});
   end_ = at;
-  rows_ += band.rows;
+  rows_ += record.rows;
 }
 
 void Journal::ForBands(const std::function<void(const StackBand&)>& visit, bool fromLowest) const {

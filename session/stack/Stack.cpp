@@ -18,6 +18,7 @@
 #include "korimg/platform/CParallel.h"
 
 #include "session/job/internal/SideBySide.h"
+#include "session/picture/Image.h"
 
 namespace korimg::session {
 namespace {
@@ -34,14 +35,7 @@ class FrameRows {
 
   CVelImage& Image() { return image_; }
 
-  /// The addresses of a row's planes.
-  std::vector<float*> Row(int y) {
-    std::vector<float*> planes;
-    for (int p = 0; p < shape_.planes; ++p) {
-      planes.push_back(image_.GetWritableLine(0, y, p));
-    }
-    return planes;
-  }
+  Band<float> Rows(int top, int rows) { return Image::RowsOf(image_, top, rows); }
 
   /// Says that rows y0 to y1 - 1 are needed now. The memory of others is given back once they are many:
   /// frames that lie a little higher or lower than the last one need nearly the same.
@@ -58,14 +52,15 @@ class FrameRows {
 
  private:
   void GiveBackAllBut(int y0, int y1) {
-    for (float* plane : Row(0)) {
-      const auto size = static_cast<size_t>(shape_.width);
-      GiveBack(plane, plane + y0 * size);
-      GiveBack(plane + y1 * size, plane + shape_.height * size);
+    const Band<float> all = Rows(0, shape_.height);
+    for (int p = 0; p < shape_.planes; ++p) {
+      GiveBack(all.Part(0, y0).Plane(p));
+      GiveBack(all.Part(y1, shape_.height - y1).Plane(p));
     }
   }
 
-  static void GiveBack(float* from, float* to) {
+  static void GiveBack(const Plane<float>& rows) {
+    float *const from = rows.Data(), *const to = from + rows.Rows() * rows.Pitch();
     const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
     const std::uintptr_t first = (reinterpret_cast<std::uintptr_t>(from) + page - 1) / page * page,
                          last = reinterpret_cast<std::uintptr_t>(to) / page * page;
@@ -313,7 +308,7 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
     const RowRange rows = SourceRows(input, shape.width, top(step / frames), bottom(step / frames));
     buffer->Need(rows.first, rows.end);
     if (rows.first < rows.end) {
-      input.read(rows.first, rows.end - rows.first, buffer->Row(rows.first).data());
+      input.read(buffer->Rows(rows.first, rows.end - rows.first));
     }
   };
   const auto store = [&](int worker, long long step) {
@@ -331,19 +326,15 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
     });
     stack.Stack(options.method, options.clip, top(band), bottom(band) - 1);
     feeder.OpenNextBand();
-    const auto planes = target.Row(top(band));
-    StackBand done{top(band), bottom(band) - top(band), planes.data()};
-    done.counts = stack.TakeCounts();
-    std::vector<float*> low, high;
+    const int rows = bottom(band) - top(band);
+    StackBand done{.result = target.Rows(top(band), rows), .counts = stack.TakeCounts()};
     if (options.rejectionMaps) {
-      low = maps[0]->Row(top(band));
-      high = maps[1]->Row(top(band));
-      done.low = low.data();
-      done.high = high.data();
+      done.low = maps[0]->Rows(top(band), rows);
+      done.high = maps[1]->Rows(top(band), rows);
     }
     sink(done);
-    for (FrameRows* rows : {&target, maps[0].get(), maps[1].get()}) {
-      if (rows) rows->GiveBackAll();
+    for (FrameRows* image : {&target, maps[0].get(), maps[1].get()}) {
+      if (image) image->GiveBackAll();
     }
   }
   job.JobProgress("", 0, 0);
@@ -358,11 +349,8 @@ std::unique_ptr<CVelImage> SampleInput(const StackInput& input) {
   auto sample = std::make_unique<CVelImage>(store, CImage::Float, shape.width, lines, shape.planes, 1.0, 0.0,
                                             1, nullptr);
   for (int i = 0; i < lines; ++i) {
-    std::vector<float*> row;
-    for (int p = 0; p < shape.planes; ++p) {
-      row.push_back(sample->GetWritableLine(0, i, p));
-    }
-    input.read(static_cast<int>((2LL * i + 1) * shape.height / (2LL * lines)), 1, row.data());
+    input.read(
+        Image::RowsOf(*sample, i, 1).At(static_cast<int>((2LL * i + 1) * shape.height / (2LL * lines))));
   }
   return sample;
 }

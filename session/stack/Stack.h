@@ -10,6 +10,7 @@
 #include "korimg/composite/stacking/CImgStack.h"
 #include "korimg/composite/stacking/FrameLevels.h"
 #include "korimg/geometry/CInterp.h"
+#include "korimg/image/View.h"
 
 #include "session/Export.h"
 #include "session/picture/Images.h"
@@ -25,10 +26,10 @@ struct StackInput {
   double dx = 0, dy = 0, degrees = 0;
   double weight = 1;   ///< in means; positive
   FrameLevels levels;  ///< for normalising, and to tell undershoot from noise
-  /// Fills rows y0 to y0 + rows - 1; planes[p] takes rows x width floats. NaN and infinities are left out of
-  /// the stack. Called for any rows in any order, each row once for a band, and from one thread at a time;
-  /// other frames are read beside it.
-  std::function<void(int y0, int rows, float* const* planes)> read;
+  /// Fills a band of its rows. NaN and infinities are left out of the stack. Called for any rows in any
+  /// order, each row once for a band of the result, and from one thread at a time; other frames are read
+  /// beside it.
+  std::function<void(const Band<float>& to)> read;
 };
 
 enum class Normalisation { None, Level, LevelAndScale };
@@ -43,13 +44,10 @@ struct StackOptions {
   long long memory = 0;  ///< bytes for all that a stack holds, as DefaultStackMemory answers them
 };
 
-/// Rows of the result; planes[p] holds rows x width floats, NaN where no frame reaches. The maps hold the
-/// number of values that were rejected as too low and too high; null without StackOptions::rejectionMaps.
+/// Rows of the result, NaN where no frame reaches. The maps hold the number of values that were rejected as
+/// too low and too high; they have no planes without StackOptions::rejectionMaps.
 struct StackBand {
-  int y0 = 0, rows = 0;
-  const float* const* planes = nullptr;
-  const float* const* low = nullptr;
-  const float* const* high = nullptr;
+  Band<const float> result, low = {}, high = {};
   std::vector<CImgStack::Counts> counts = {};  ///< of each frame, in this band
 };
 

@@ -104,9 +104,9 @@ class Sources {
                      source.transform.dx,
                      source.transform.dy,
                      source.transform.degrees};
-    input.read = [&source](int y0, int rows, float* const* planes) {
-      if (source.reader) return source.reader->ReadRows(y0, rows, planes);
-      OpenAgain(source)->ReadRows(y0, rows, planes);
+    input.read = [&source](const Band<float>& to) {
+      if (source.reader) return source.reader->ReadRows(to);
+      OpenAgain(source)->ReadRows(to);
     };
     return input;
   }
@@ -382,9 +382,7 @@ class StackRun {
       for (size_t i = 0; i < counts_.size(); ++i) {
         counts_[i] += band.counts[i];
       }
-      for (int p = 0; p < shape_.planes && (options_.bits == "16" || IsPng(options_.output)); ++p) {
-        range.Add(band.planes[p], static_cast<size_t>(band.rows) * shape_.width);
-      }
+      if (options_.bits == "16" || IsPng(options_.output)) range.Add(band.result);
     });
     const auto sample = SampleInput(inputs_[sources_.Reference()]);
     SetLevels(*sample, sources_.Used()[sources_.Reference()].info, false);
@@ -401,13 +399,9 @@ class StackRun {
     journal.ForBands(
         [&](const StackBand& band) {
           job_.CheckCancelled();
-          const float* const* images[] = {band.planes, band.low, band.high};
+          const Band<const float>* images[] = {&band.result, &band.low, &band.high};
           for (size_t i = 0; i < savers.size(); ++i) {
-            if (turns) {
-              WriteOverturned(*savers[i], band.rows, images[i]);
-            } else {
-              savers[i]->Write(band.rows, images[i]);
-            }
+            turns ? WriteOverturned(*savers[i], *images[i]) : savers[i]->Write(*images[i]);
           }
         },
         turns);
@@ -417,13 +411,9 @@ class StackRun {
   }
 
   /// Writes rows, the last one first.
-  void WriteOverturned(ImageSaver& saver, int rows, const float* const* planes) const {
-    for (int y = rows - 1; y >= 0; --y) {
-      const float* row[3] = {};
-      for (int p = 0; p < shape_.planes; ++p) {
-        row[p] = planes[p] + static_cast<size_t>(y) * shape_.width;
-      }
-      saver.Write(1, row);
+  static void WriteOverturned(ImageSaver& saver, const Band<const float>& rows) {
+    for (int y = rows.Bottom() - 1; y >= rows.Top(); --y) {
+      saver.Write(rows.Part(y, 1));
     }
   }
 

@@ -407,10 +407,12 @@ std::vector<StackInput> Scenes(int frames, const Shape& shape,
   std::vector<StackInput> inputs;
   for (int i = 0; i < frames; ++i) {
     StackInput input{fmt::format("scene {}", i), shape};
-    input.read = [=](int y0, int rows, float* const* planes) {
+    input.read = [=](const Band<float>& to) {
       for (int p = 0; p < shape.planes; ++p) {
-        for (int n = 0; n < rows * shape.width; ++n) {
-          planes[p][n] = static_cast<float>(rule(i, p, n % shape.width, y0 + n / shape.width));
+        for (int y = to.Top(); y < to.Bottom(); ++y) {
+          for (int x = 0; x < shape.width; ++x) {
+            to.Row(p, y)[x] = static_cast<float>(rule(i, p, x, y));
+          }
         }
       }
     };
@@ -443,15 +445,18 @@ TEST(Stack, NormalisedFramesAreAllLikeTheReference) {
       int next = 0;
       Stack(job, inputs, kReference, {.method = method, .normalisation = normalisation, .memory = 1 << 19}, 0,
             [&, &inputs = inputs](const StackBand& band) {
-              EXPECT_EQ(band.y0, next);
-              next += band.rows;
-              EXPECT_EQ(band.low, nullptr);
-              std::vector<float> rows(band.rows * 70 * 3);
-              float* planes[] = {rows.data(), rows.data() + band.rows * 70, rows.data() + 2 * band.rows * 70};
-              inputs[kReference].read(band.y0, band.rows, planes);
-              for (int n = 0; n < 3 * band.rows * 70; ++n) {
-                most = std::max<double>(
-                    most, std::abs(rows[n] - band.planes[n / (band.rows * 70)][n % (band.rows * 70)]));
+              EXPECT_EQ(band.result.Top(), next);
+              next = band.result.Bottom();
+              EXPECT_EQ(band.low.Planes(), 0);
+              BandBuffer buffer;
+              const Band<float> wanted = buffer.Get(3, 70, band.result.Top(), band.result.Rows());
+              inputs[kReference].read(wanted);
+              for (int p = 0; p < 3; ++p) {
+                for (int y = wanted.Top(); y < wanted.Bottom(); ++y) {
+                  for (int x = 0; x < 70; ++x) {
+                    most = std::max<double>(most, std::abs(wanted.Row(p, y)[x] - band.result.Row(p, y)[x]));
+                  }
+                }
               }
             });
       EXPECT_EQ(next, 50);
@@ -477,8 +482,8 @@ TEST(Stack, WhatReadingThrowsReachesTheCaller) {
   const test::WithThreads team(2);
   for (const int fails : {0, 2}) {
     auto inputs = Scenes(3, {30, 20, 1}, [](int i, int, int, int) { return i; });
-    inputs[fails].read = [](int y0, int, float* const*) {
-      if (y0 > 4) throw files::FileError("frame", "is gone");
+    inputs[fails].read = [](const Band<float>& to) {
+      if (to.Top() > 4) throw files::FileError("frame", "is gone");
     };
     Job job;
     int bands = 0;
@@ -617,13 +622,10 @@ TEST_F(StackTest, TheJournalKeepsWholeBandsOnly) {
     pixels[i] = static_cast<float>(i);
   }
   const auto band = [&](int y0, int rows, auto&& use) {
-    const float* planes[9];
-    for (int p = 0; p < 9; ++p) {
-      planes[p] = pixels.data() + p * 60 + y0 * 5;
-    }
-    StackBand made{y0, rows, planes, planes + 3, planes + 6};
-    made.counts = {{y0, 1, 2}, {rows, 3, 4}};
-    use(made);
+    const auto image = [&](int i) {
+      return Band<const float>(pixels.data() + i * 180, 3, 5, 0, 12).Part(y0, rows);
+    };
+    use(StackBand{image(0), image(1), image(2), {{y0, 1, 2}, {rows, 3, 4}}});
   };
   const auto open = [&](const std::string& digest, Journal::Use use = Journal::Kept) {
     return Journal(In("x"), digest, shape, true, 2, use);
@@ -631,17 +633,20 @@ TEST_F(StackTest, TheJournalKeepsWholeBandsOnly) {
   const auto expectRows = [&](const Journal& journal, int rows) {
     int next = 0;
     journal.ForBands([&](const StackBand& got) {
-      band(got.y0, got.rows, [&](const StackBand& made) {
-        EXPECT_EQ(got.y0, next);
+      band(got.result.Top(), got.result.Rows(), [&](const StackBand& made) {
+        EXPECT_EQ(got.result.Top(), next);
         EXPECT_EQ(got.counts[1].values, made.counts[1].values);
         EXPECT_EQ(got.counts[0].high, 2);
-        for (const auto image : {&StackBand::planes, &StackBand::low, &StackBand::high}) {
+        for (const auto image : {&StackBand::result, &StackBand::low, &StackBand::high}) {
           for (int p = 0; p < 3; ++p) {
-            EXPECT_EQ(std::memcmp((got.*image)[p], (made.*image)[p], 20 * got.rows), 0) << p;
+            for (int y = next; y < got.result.Bottom(); ++y) {
+              EXPECT_TRUE(std::ranges::equal((got.*image).Row(p, y), (made.*image).Row(p, y)))
+                  << p << ' ' << y;
+            }
           }
         }
       });
-      next += got.rows;
+      next = got.result.Bottom();
     });
     EXPECT_EQ(next, rows);
   };

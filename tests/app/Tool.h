@@ -49,8 +49,7 @@ class ToolTest : public FolderTest {
       for (int x = 0; x < width; ++x) {
         row[x] = static_cast<float>(rule(0, x, y));
       }
-      const float* planes[] = {row.data()};
-      writer->WriteRows(y, 1, planes);
+      writer->WriteRows({row.data(), 1, width, y, 1});
     }
     writer->Commit();
   }

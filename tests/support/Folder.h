@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -65,27 +66,67 @@ inline void WriteBytes(const std::filesystem::path& path, const std::string& byt
 /// Planes of one image, each width * height floats.
 using Planes = std::vector<std::vector<float>>;
 
-/// Reads everything in bands of `band` rows, from the last band to the first if `backwards`.
+/// The rows of planes, of which each is a part of its vector.
+template <class PlanesOfOne>
+auto RowsOf(PlanesOfOne& planes, int width, int top, int rows) {
+  using Pixel = std::remove_reference_t<decltype(planes[0][0])>;
+  Pixel* starts[3] = {};
+  for (std::size_t p = 0; p < planes.size(); ++p)
+    starts[p] = planes[p].data() + static_cast<std::size_t>(top) * width;
+  return Band<Pixel>(starts, static_cast<int>(planes.size()), width, top, rows);
+}
+
+/// Memory for a band with gaps between its rows, which nobody may look at or change.
+class GappedRows {
+ public:
+  GappedRows(int planes, int width, int top, int rows, int gap)
+      : pitch_(width + gap), pixels_(static_cast<std::size_t>(planes) * rows * pitch_, kGap) {
+    float* starts[3] = {};
+    for (int p = 0; p < planes; ++p)
+      starts[p] = pixels_.data() + static_cast<std::size_t>(p) * rows * pitch_;
+    band = {starts, planes, width, top, rows, pitch_};
+  }
+
+  bool HasWholeGaps() const {
+    for (std::size_t i = 0; i < pixels_.size(); ++i) {
+      if (static_cast<int>(i % pitch_) >= band.Width() && pixels_[i] != kGap) return false;
+    }
+    return true;
+  }
+
+ private:
+  static constexpr float kGap = -1e9F;
+
+  int pitch_;
+  std::vector<float> pixels_;
+
+ public:
+  Band<float> band;
+};
+
+/// Reads everything in bands of `band` rows, from the last band to the first if `backwards`. Every other band
+/// has gaps between its rows.
 inline Planes ReadAll(ImageReader& reader, int band, bool backwards = false) {
   const ImageInfo& info = reader.Info();
   Planes planes(info.planes, std::vector<float>(static_cast<std::size_t>(info.width) * info.height));
   const int bands = (info.height + band - 1) / band;
   for (int i = 0; i < bands; ++i) {
     const int y = (backwards ? bands - 1 - i : i) * band;
-    float* to[3] = {};
-    for (int p = 0; p < info.planes; ++p)
-      to[p] = planes[p].data() + static_cast<std::size_t>(y) * info.width;
-    reader.ReadRows(y, std::min(band, info.height - y), to);
+    GappedRows rows(info.planes, info.width, y, std::min(band, info.height - y), i % 2 == 0 ? 3 : 0);
+    reader.ReadRows(rows.band);
+    EXPECT_TRUE(rows.HasWholeGaps()) << info.path;
+    CopyPixels(rows.band, RowsOf(planes, info.width, y, rows.band.Rows()));
   }
   return planes;
 }
 
+/// Writes everything in such bands.
 inline void WriteAll(ImageWriter& writer, const Planes& planes, int width, int height, int band) {
   for (int y = 0; y < height; y += band) {
-    const float* from[3] = {};
-    for (std::size_t p = 0; p < planes.size(); ++p)
-      from[p] = planes[p].data() + static_cast<std::size_t>(y) * width;
-    writer.WriteRows(y, std::min(band, height - y), from);
+    const int count = std::min(band, height - y);
+    GappedRows rows(static_cast<int>(planes.size()), width, y, count, y / band % 2 == 0 ? 2 : 0);
+    CopyPixels(RowsOf(planes, width, y, count), rows.band);
+    writer.WriteRows(rows.band);
   }
   writer.Commit();
 }

@@ -130,14 +130,14 @@ class LightRows {
   /// What the file says, and what was done to it.
   const files::ImageInfo& Info() const { return info_; }
   const std::shared_ptr<const files::ConstantBorder>& Border() const { return reader_->Border(); }
-  /// Rows y0 to y0 + rows - 1; planes[p] takes rows x width floats.
-  void Read(int y0, int rows, float* const* planes);
+  /// Fills a band of the developed image.
+  void Read(const Band<float>& to);
   /// Share of the pixels read so far that were limited at 0.
   double Clipped() const;
 
  private:
-  void ReadBand(int y0, int rows, float* const* planes);
-  void ReadCalibrated(int y0, int rows, float* const* planes);
+  void ReadBand(const Band<float>& to);
+  void ReadCalibrated(const Band<float>& to);
 
   const Session& session_;
   const Light& light_;

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "korimg/image/View.h"
+
 namespace korimg::files {
 
 class ImageReader;
@@ -25,8 +27,8 @@ class ConstantBorder {
   bool IsEmpty() const { return share_ == 0; }
   /// One line, without an end, for people; empty when there is none.
   std::string Text() const;
-  /// Makes NaN of what lies on rows y0 to y0 + rows - 1.
-  void Blank(int y0, int rows, int planes, float* const* pixels) const;
+  /// Makes NaN of what lies on the rows of a band.
+  void Blank(const Band<float>& pixels) const;
 
  private:
   /// Columns from..to - 1 hold data.
@@ -34,7 +36,6 @@ class ConstantBorder {
     int from, to;
   };
 
-  int width_ = 0;
   double share_ = 0;    ///< of the image
   std::string values_;  ///< that it holds
   std::vector<Columns> rows_;

@@ -44,7 +44,6 @@ class Journal {
   struct Stored {
     StackBand band;
     std::vector<float> pixels;
-    std::vector<const float*> planes;
     std::uint64_t end;  ///< in the file
   };
 

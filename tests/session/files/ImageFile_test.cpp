@@ -106,11 +106,11 @@ TEST_F(ImageFile, SixteenBitsTakeTheImagesOwnRangeAndSayIt) {
     Planes pixels = image(c.low, c.high, c.whole);
     if (c.blank) pixels[1][5] = NAN;
     RangeOf16Bits range;
-    for (const auto& plane : pixels) {
-      range.Add(plane.data(), plane.size());
-    }
+    GappedRows gapped(3, kWidth, 0, kHeight, 3);
+    CopyPixels(RowsOf(pixels, kWidth, 0, kHeight), gapped.band);
+    range.Add(gapped.band);
     const float infinite = INFINITY;
-    range.Add(&infinite, 1);
+    range.Add({&infinite, 1, 1, 0, 1});
     EXPECT_EQ(range.Get().IsPlain(), c.exact && !c.blank) << c.low;
     for (const char* name : {"a.fits", "a.tif", "a.png"}) {
       WriteAll(*ImageWriter::Create(In(name), {.width = kWidth,
@@ -141,12 +141,42 @@ TEST_F(ImageFile, SixteenBitsTakeTheImagesOwnRangeAndSayIt) {
   }
 }
 
+TEST_F(ImageFile, JpegTakesRowsOfAnyPitch) {
+  constexpr int kWidth = 37, kHeight = 21;
+  const Planes image = Noise(3, kWidth, kHeight);
+  const WriteOptions options{.width = kWidth, .height = kHeight, .planes = 3, .type = "uint8"};
+  const auto whole = ImageWriter::Create(In("whole.jpg"), options);
+  whole->WriteRows(RowsOf(image, kWidth, 0, kHeight));
+  whole->Commit();
+  WriteAll(*ImageWriter::Create(In("bands.jpg"), options), image, kWidth, kHeight, 4);
+  EXPECT_EQ(ReadBytes(In("bands.jpg")), ReadBytes(In("whole.jpg")));
+}
+
+TEST_F(ImageFile, RowsOfFitsFromTheLowestUpAreTurned) {
+  constexpr int kWidth = 9, kHeight = 14;
+  Planes image = Noise(3, kWidth, kHeight);
+  WriteOptions options{.width = kWidth, .height = kHeight, .planes = 3};
+  options.header.Set("ROWORDER", "BOTTOM-UP");
+  options.verbatim = true;  // the rows too
+  WriteAll(*ImageWriter::Create(In("stored.fits"), options), image, kWidth, kHeight, 5);
+  options.header.turned = true;
+  options.verbatim = false;
+  WriteAll(*ImageWriter::Create(In("turned.fits"), options), image, kWidth, kHeight, 5);
+  ExpectSame(ReadAll(*ImageReader::Open(In("turned.fits")), 4), image, "turned to and fro");
+  for (auto& plane : image) {
+    for (int y = 0; y < kHeight / 2; ++y) {
+      std::swap_ranges(&plane[y * kWidth], &plane[y * kWidth] + kWidth, &plane[(kHeight - 1 - y) * kWidth]);
+    }
+  }
+  ExpectSame(ReadAll(*ImageReader::Open(In("stored.fits")), 4), image, "turned");
+  ExpectSame(ReadAll(*ImageReader::Open(In("stored.fits")), 5, true), image, "turned, backwards");
+}
+
 TEST_F(ImageFile, FitsTakesRowsInAnyOrder) {
   const Planes image = Noise(3, 11, 20);
   const auto writer = ImageWriter::Create(In("a.fits"), {.width = 11, .height = 20, .planes = 3});
   for (const int y : {15, 0, 10, 5}) {
-    const float* from[3] = {&image[0][y * 11], &image[1][y * 11], &image[2][y * 11]};
-    writer->WriteRows(y, 5, from);
+    writer->WriteRows(RowsOf(image, 11, y, 5));
   }
   writer->Commit();
   ExpectSame(ReadAll(*ImageReader::Open(In("a.fits")), 20), image, "shuffled bands");
@@ -158,14 +188,21 @@ TEST_F(ImageFile, RowsOutsideAreRefused) {
            6, 6);
   const auto reader = ImageReader::Open(In("a.png"));
   float pixels[40];
-  float* to = pixels;
-  const int wrong[][2] = {{-1, 1}, {0, 7}, {6, 1}, {5, 2}, {0, -1}, {5, std::numeric_limits<int>::max()}};
-  for (const auto& [y, rows] : wrong)
-    EXPECT_THROW(reader->ReadRows(y, rows, &to), std::out_of_range) << y << ' ' << rows;
-  EXPECT_NO_THROW(reader->ReadRows(6, 0, &to));
+  const struct {
+    int planes, width, top, rows;
+  } wrong[] = {{1, 4, -1, 1}, {1, 4, 0, 7}, {1, 4, 6, 1}, {1, 4, 5, std::numeric_limits<int>::max()},
+               {1, 3, 0, 1},  {1, 5, 0, 1}, {3, 4, 0, 1}, {0, 4, 0, 1}};
+  for (const auto& [planes, width, top, rows] : wrong) {
+    const Band<float> band(pixels, planes, width, top, rows);
+    EXPECT_THROW(reader->ReadRows(band), std::out_of_range)
+        << planes << ' ' << width << ' ' << top << ' ' << rows;
+    const auto writer = ImageWriter::Create(In("b.fits"), {.width = 4, .height = 6});
+    EXPECT_THROW(writer->WriteRows(band), std::out_of_range)
+        << planes << ' ' << width << ' ' << top << ' ' << rows;
+  }
+  EXPECT_NO_THROW(reader->ReadRows({pixels, 1, 4, 6, 0}));
   const auto writer = ImageWriter::Create(In("b.tif"), {.width = 4, .height = 6});
-  const float* from = pixels;
-  EXPECT_THROW(writer->WriteRows(1, 1, &from), std::out_of_range);
+  EXPECT_THROW(writer->WriteRows({pixels, 1, 4, 1, 1}), std::out_of_range) << "out of order";
 }
 
 TEST_F(ImageFile, UnsupportedOutputsAreNamed) {
@@ -205,8 +242,7 @@ TEST_F(ImageFile, AppearsOnlyWhenComplete) {
     {
       const auto writer = ImageWriter::Create(In(name), options);
       EXPECT_EQ(Names(), std::vector<std::string>{part});
-      const float* from = image[0].data();
-      writer->WriteRows(0, 3, &from);
+      writer->WriteRows(RowsOf(image, 5, 0, 3));
       EXPECT_NE(ErrorOf([&] { writer->Commit(); }).find("only 3 of 4 rows"), std::string::npos);
     }
     EXPECT_TRUE(Names().empty()) << name;
