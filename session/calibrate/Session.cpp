@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "korimg/geometry/CImgFlip.h"
+#include "korimg/image/ForeignImage.h"
 #include "korimg/image/internal/Lines.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
@@ -79,10 +80,9 @@ long long Pixels(const CVelImage& image) {
   return 1LL * image.GetWidth() * image.GetHeight() * image.GetPlanes();
 }
 
-std::unique_ptr<CVelImage> RowsOf(CVelImage& image, int y0, int rows) {
-  auto band = NewImage(image.VmManager(), image.GetWidth(), rows, image.GetPlanes());
-  CopyPixels(Image::RowsOf(image, y0, rows, true), Image::RowsOf(*band, 0, rows));
-  return band;
+/// Rows as an image of their own, without a copy; they have nothing between them. Its results lie in `store`.
+StoredImage ImageOver(const Band<float>& rows, const std::shared_ptr<CVmManager>& store) {
+  return MakeImageOver({rows.Data(), rows.Data() + rows.Planes()}, rows.Width(), rows.Rows(), nullptr, store);
 }
 
 void CheckUnchanged(const Light& light, const files::ImageInfo& found) {
@@ -645,21 +645,23 @@ void LightRows::ReadBand(const Band<float>& to) {
   CopyPixels(Image::RowsOf(*band, 0, to.Rows(), true), to);
 }
 
+/// Calibrates rows where they are to lie, by the rows of the masters where those lie.
 void LightRows::ReadCalibrated(const Band<float>& to) {
-  const auto band = NewImage(session_.store_, to.Width(), to.Rows(), to.Planes());
-  const Band<float> own = Image::RowsOf(*band, 0, to.Rows()).At(to.Top());
-  reader_->ReadRows(own);
+  const Band<float> rows = to.IsDense() ? to : dense_.Get(to.Planes(), to.Width(), to.Top(), to.Rows());
+  reader_->ReadRows(rows);
   const auto rowsOf = [&](const Group* group) {
     CVelImage* image = session_.ImageOf(group, light_);
-    return image ? RowsOf(*image, to.Top(), to.Rows()) : nullptr;
+    return image ? ImageOver(Image::RowsOf(*image, to.Top(), to.Rows(), true), session_.store_)
+                 : StoredImage();
   };
-  const auto dark = rowsOf(light_.Offset()), divisor = rowsOf(light_.flat);
-  clipped_ += session_.Apply(light_, *band, dark.get(), divisor.get());
-  seen_ += Pixels(*band);
+  const StoredImage band = ImageOver(rows, session_.store_), offset = rowsOf(light_.Offset()),
+                    flat = rowsOf(light_.flat);
+  clipped_ += session_.Apply(light_, *band.image, offset.image.get(), flat.image.get());
+  seen_ += Pixels(*band.image);
   if (light_.mosaic.cfa > 0 && session_.options_.KeptPedestal() > 0) {
-    Calculate(*band, Calculation::Subtract, session_.options_.KeptPedestal());
+    Calculate(*band.image, Calculation::Subtract, session_.options_.KeptPedestal());
   }
-  CopyPixels(own, to);
+  if (!to.IsDense()) CopyPixels(rows, to);
 }
 
 double LightRows::Clipped() const {

@@ -412,12 +412,12 @@ class Road {
 
     const auto store = job_.MakeStore();
     CVelImage image(store, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr);
-    Stack(job_, inputs, static_cast<int>(reference), options, 0, [&](const StackBand& band) {
-      CopyPixels(band.result, Image::RowsOf(image, band.result.Top(), band.result.Rows()));
+    const auto count = [&](const StackBand& band) {
       for (size_t i = 0; i < band.counts.size(); ++i) {
         used[i]->counts += band.counts[i];
       }
-    });
+    };
+    Stack(job_, inputs, static_cast<int>(reference), options, 0, count, &image);
     for (size_t i = 0; i < used.size(); ++i) {
       used[i]->weight = inputs[i].weight;
     }

@@ -261,16 +261,17 @@ StackPlan PlanStack(const std::vector<StackInput>& inputs, const Shape& shape, c
 }
 
 void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const StackOptions& options,
-           int y0, const std::function<void(const StackBand&)>& sink) {
+           int y0, const std::function<void(const StackBand&)>& sink, CVelImage* whole) {
   const Shape shape = inputs[reference].shape;
   const int frames = static_cast<int>(inputs.size());
   StackPlan plan = PlanStack(inputs, shape, options);
   WarnOfIdleClipping(job, frames, options);
 
-  FrameRows target(shape);
-  std::unique_ptr<FrameRows> maps[2];
-  CImgStack stack(&target.Image());
-  while (!stack.AllocateStoreBuffer(&target.Image(), frames, plan.rows)) {
+  std::unique_ptr<FrameRows> own, maps[2];
+  if (!whole) own = std::make_unique<FrameRows>(shape);
+  CVelImage& target = whole ? *whole : own->Image();
+  CImgStack stack(&target);
+  while (!stack.AllocateStoreBuffer(&target, frames, plan.rows)) {
     stack.DeallocateStoreBuffer();
     if (plan.rows == 1) throw std::bad_alloc();
     plan.rows = (plan.rows + 1) / 2;
@@ -327,13 +328,13 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
     stack.Stack(options.method, options.clip, top(band), bottom(band) - 1);
     feeder.OpenNextBand();
     const int rows = bottom(band) - top(band);
-    StackBand done{.result = target.Rows(top(band), rows), .counts = stack.TakeCounts()};
+    StackBand done{.result = Image::RowsOf(target, top(band), rows), .counts = stack.TakeCounts()};
     if (options.rejectionMaps) {
       done.low = maps[0]->Rows(top(band), rows);
       done.high = maps[1]->Rows(top(band), rows);
     }
     sink(done);
-    for (FrameRows* image : {&target, maps[0].get(), maps[1].get()}) {
+    for (FrameRows* image : {own.get(), maps[0].get(), maps[1].get()}) {
       if (image) image->GiveBackAll();
     }
   }

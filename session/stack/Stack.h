@@ -71,11 +71,12 @@ KORIMG_SESSION_API StackPlan PlanStack(const std::vector<StackInput>& inputs, co
 
 /// Stacks the frames on the grid of the one numbered `reference`, which normalising goes by too, from row
 /// `y0` on. Calls sink for the bands in order; frames are read a few at a time. The result does not depend on
-/// bands or threads.
+/// bands or threads. It is made in the rows of `whole` where there is one, an image of the reference's shape
+/// in a contiguous store; else a band is gone after the sink.
 /// @throws Cancelled, and what reading and the sink throw.
 KORIMG_SESSION_API void Stack(Job& job, const std::vector<StackInput>& inputs, int reference,
                               const StackOptions& options, int y0,
-                              const std::function<void(const StackBand&)>& sink);
+                              const std::function<void(const StackBand&)>& sink, CVelImage* whole = nullptr);
 
 /// Some rows of a frame, spread evenly over it: enough to measure it by.
 KORIMG_SESSION_API std::unique_ptr<CVelImage> SampleInput(const StackInput& input);

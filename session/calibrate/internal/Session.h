@@ -145,6 +145,7 @@ class LightRows {
   files::ImageInfo info_;
   std::unique_ptr<Development> development_;
   Shape shape_;
+  BandBuffer dense_;
   long long clipped_ = 0, seen_ = 0;
 };
 
