@@ -4,6 +4,7 @@
 
 #include "korimg/pipelines/runtime/Runtime.h"
 
+#include "session/job/internal/Edge.h"
 #include "session/picture/Images.h"
 
 namespace korimg::session {
@@ -27,25 +28,29 @@ void CheckSteps(const ApplyOptions& options) {
 }
 
 void Apply(Job& job, const ApplyOptions& options, Image& image) {
-  CheckSteps(options);
-  CRect rect = options.rect.value_or(CRect());
-  CRect* window = options.rect ? &rect : nullptr;
-  std::optional<Blend> blend;
-  if (options.blend.Any()) blend.emplace(job, options.blend, image.Pixels(), image.Header(), window);
-  for (const Step& step : options.steps) {
-    step.Run(job, image, window);
-    if (blend) blend->CheckShape(image.Pixels(), step.What().name);
-  }
-  if (blend) blend->Apply(image.Pixels());
+  AtEdge([&] {
+    CheckSteps(options);
+    CRect rect = options.rect.value_or(CRect());
+    CRect* window = options.rect ? &rect : nullptr;
+    std::optional<Blend> blend;
+    if (options.blend.Any()) blend.emplace(job, options.blend, image.Pixels(), image.Header(), window);
+    for (const Step& step : options.steps) {
+      step.Run(job, image, window);
+      if (blend) blend->CheckShape(image.Pixels(), step.What().name);
+    }
+    if (blend) blend->Apply(image.Pixels());
+  });
 }
 
 void ApplyFile(Job& job, const ApplyOptions& options) {
-  CheckSteps(options);
-  job.CheckOutput(options.output);
-  Image image = Image::Open(job, job.MakeStore(options.store), options.input, {.hdu = options.hdu});
-  Apply(job, options, image);
-  image.Header().AddHistory(fmt::format("korimg {} {}", Version(), options.Text()));
-  SaveImage(job, image.Pixels(), image.Header(), options.output, {.integers = options.integers});
+  AtEdge([&] {
+    CheckSteps(options);
+    job.CheckOutput(options.output);
+    Image image = Image::Open(job, job.MakeStore(options.store), options.input, {.hdu = options.hdu});
+    Apply(job, options, image);
+    image.Header().AddHistory(fmt::format("korimg {} {}", Version(), options.Text()));
+    SaveImage(job, image.Pixels(), image.Header(), options.output, {.integers = options.integers});
+  });
 }
 
 }  // namespace korimg::session

@@ -11,7 +11,7 @@ namespace {
 constexpr int kShow = 1;
 
 struct DarkOptions {
-  ImageSource file;
+  ImageValue file;
 };
 
 void Dark(Call& call, const DarkOptions& options) {
@@ -19,7 +19,7 @@ void Dark(Call& call, const DarkOptions& options) {
 }
 
 struct FlatOptions {
-  ImageSource file;
+  ImageValue file;
   double gamma = 0, offset = 0;
 };
 
@@ -46,7 +46,7 @@ void Flat(Call& call, const FlatOptions& options) {
 }
 
 struct DarkFlatOptions {
-  std::optional<ImageSource> dark, flat;
+  std::optional<ImageValue> dark, flat;
   double gamma = 0, offset = 0;
 };
 
@@ -69,7 +69,7 @@ void DarkFlat(Call& call, const DarkFlatOptions& options) {
 enum class Interpolation { Proportion, Power, Score };
 
 struct SynthesizeDarkOptions {
-  ImageSource file;
+  ImageValue file;
   Interpolation method = Interpolation::Proportion;
   double a1 = 0, a2 = 1, a = 0.5, b1 = 0, b2 = 1, b = 0, step = 1, score1 = 0, score2 = 1, score = 0.5;
 };

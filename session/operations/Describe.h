@@ -63,9 +63,9 @@ class KORIMG_SESSION_API Call {
 
   /// Another image, in the same store where it comes from a file. It must have the size of this one, and its
   /// planes where it has colours.
-  std::shared_ptr<CVelImage> Load(const ImageSource& source) const;
+  std::shared_ptr<CVelImage> Load(const ImageValue& source) const;
   /// The same of any size.
-  std::shared_ptr<CVelImage> LoadAnySize(const ImageSource& source) const;
+  std::shared_ptr<CVelImage> LoadAnySize(const ImageValue& source) const;
 
   const std::string& Name() const { return operation_.name; }
   HWND Window() const { return job.OperationWindow(Name()); }
@@ -84,7 +84,7 @@ struct About {
 };
 
 /// Describes an operation whose options are a struct O. Members hold the defaults; a std::optional may be
-/// left out without one. ImageSource and CRect must be given unless they are optional.
+/// left out without one. ImageValue and CRect must be given unless they are optional.
 template <class O>
 class Describe {
  public:
@@ -101,7 +101,7 @@ class Describe {
     using M = typename Member<T>::Type;
     Parameter parameter = Make(name, KindOf<M>(), about);
     if constexpr (!Member<T>::kOptional) {
-      if constexpr (std::is_same_v<M, ImageSource> || std::is_same_v<M, CRect>) {
+      if constexpr (std::is_same_v<M, ImageValue> || std::is_same_v<M, CRect>) {
         parameter.required = true;
       } else {
         parameter.defaultValue = Value(O{}.*member);
@@ -179,7 +179,7 @@ class Describe {
     if constexpr (std::is_same_v<M, int>) return ParameterKind::Integer;
     if constexpr (std::is_same_v<M, bool>) return ParameterKind::Flag;
     if constexpr (std::is_same_v<M, PerPlane>) return ParameterKind::PerPlane;
-    if constexpr (std::is_same_v<M, ImageSource>) return ParameterKind::Image;
+    if constexpr (std::is_same_v<M, ImageValue>) return ParameterKind::Image;
     if constexpr (std::is_same_v<M, CRect>) return ParameterKind::Rect;
     if constexpr (std::is_same_v<M, std::vector<CurvePoint>>) return ParameterKind::Points;
     if constexpr (std::is_same_v<M, Matrix>) return ParameterKind::Matrix;

@@ -150,7 +150,7 @@ Json JsonOf(const Value& value) {
     Json operator()(const PerPlane& planes) const {
       return planes.Count() == 1 ? Json(planes[0]) : Json(planes.values);
     }
-    Json operator()(const ImageSource& source) const { return source.path.string(); }
+    Json operator()(const ImageValue& source) const { return source.path.string(); }
     Json operator()(const CRect& rect) const { return {rect.left, rect.top, rect.right, rect.bottom}; }
     Json operator()(const std::vector<CurvePoint>& points) const {
       Json array = Json::array();

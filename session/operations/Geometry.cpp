@@ -202,7 +202,7 @@ void Flip(Call& call, const FlipOptions& options) {
 enum class Shows : int { Second, Transparent, Brighter, Darker };
 
 struct MosaicOptions {
-  ImageSource file;
+  ImageValue file;
   double x = 0, y = 0, angle = 0;
   Shows mode = Shows::Second;
   PerPlane transparent = 0;

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "session/files/Gain.h"
+#include "session/job/internal/Edge.h"
 #include "session/operations/Describe.h"
 #include "session/picture/Images.h"
 
@@ -74,22 +75,24 @@ void Step::CheckTakesRect() const {
 }
 
 void Step::Run(Job& job, Image& image, CRect* rect) const {
-  CheckComplete();
-  if (rect) CheckTakesRect();
-  job.CheckCancelled();
-  Call call(job, *operation_, image, rect);
-  image.Pixels().SetProgressHandle(call.Window());
-  operation_->run(call, values_);
-  job.EndProgress();
-  if (operation_->header == HeaderEffect::DropsCounts) files::DropGain(image.Header());
+  AtEdge([&] {
+    CheckComplete();
+    if (rect) CheckTakesRect();
+    job.CheckCancelled();
+    Call call(job, *operation_, image, rect);
+    image.Pixels().SetProgressHandle(call.Window());
+    operation_->run(call, values_);
+    job.EndProgress();
+    if (operation_->header == HeaderEffect::DropsCounts) files::DropGain(image.Header());
+  });
 }
 
-std::shared_ptr<CVelImage> Call::LoadAnySize(const ImageSource& source) const {
+std::shared_ptr<CVelImage> Call::LoadAnySize(const ImageValue& source) const {
   if (source.image) return {source.image, &source.image->Pixels()};
   return std::move(Image::Open(job, image->VmManager(), source.path).Pointer());
 }
 
-std::shared_ptr<CVelImage> Call::Load(const ImageSource& source) const {
+std::shared_ptr<CVelImage> Call::Load(const ImageValue& source) const {
   std::shared_ptr<CVelImage> other;
   if (source.image) {
     other = LoadAnySize(source);

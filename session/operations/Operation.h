@@ -61,7 +61,7 @@ struct PerPlane {
 };
 
 /// An image that an operation takes beside its own: a file, or one in memory.
-struct ImageSource {
+struct ImageValue {
   std::filesystem::path path = {};
   std::shared_ptr<Image> image = nullptr;  ///< goes before the path
 
@@ -69,8 +69,8 @@ struct ImageSource {
 };
 
 /// The value of a parameter, of the type that its kind has: double, int, bool, the name of a choice,
-/// PerPlane, ImageSource, CRect, points, Matrix.
-using Value = std::variant<double, int, bool, std::string, PerPlane, ImageSource, CRect,
+/// PerPlane, ImageValue, CRect, points, Matrix.
+using Value = std::variant<double, int, bool, std::string, PerPlane, ImageValue, CRect,
                            std::vector<CurvePoint>, Matrix>;
 
 struct KORIMG_SESSION_API Parameter {

@@ -85,7 +85,7 @@ void RebaseToZero(Call& call, const NoOptions&) {
 }
 
 struct PasteOptions {
-  ImageSource file;
+  ImageValue file;
 };
 
 void Paste(Call& call, const PasteOptions& options) {
@@ -97,7 +97,7 @@ void Paste(Call& call, const PasteOptions& options) {
 }
 
 struct BlitOptions {
-  ImageSource file;
+  ImageValue file;
   int x = 0, y = 0, width = 1000000, height = 1000000, fromX = 0, fromY = 0;
   bool convertLevel = false;
 };

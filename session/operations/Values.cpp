@@ -152,7 +152,7 @@ Value Parameter::Read(const std::string& text) const {
       return planes;
     }
     case ParameterKind::Image:
-      return ImageSource{.path = text};
+      return ImageValue{.path = text};
     case ParameterKind::Rect:
       return ParseRect(text);
     case ParameterKind::Points:
@@ -184,7 +184,7 @@ Value Parameter::Check(const Value& value) const {
       if (const auto* planes = std::get_if<PerPlane>(&value)) return InRange(*this, *planes);
       Want("give one number, or three of them");
     case ParameterKind::Image:
-      if (const auto* source = std::get_if<ImageSource>(&value); source && !source->IsEmpty()) return value;
+      if (const auto* source = std::get_if<ImageValue>(&value); source && !source->IsEmpty()) return value;
       Want("give an image, or the name of its file");
     case ParameterKind::Rect:
       if (const auto* rect = std::get_if<CRect>(&value); rect && !rect->IsRectEmpty()) return value;
@@ -208,7 +208,7 @@ std::string TextOf(const Value& value) {
     std::string operator()(const PerPlane& planes) const {
       return fmt::format("{}", fmt::join(planes.values, ","));
     }
-    std::string operator()(const ImageSource& source) const {
+    std::string operator()(const ImageValue& source) const {
       return source.image ? "an image in memory" : source.path.string();
     }
     std::string operator()(const CRect& rect) const {

@@ -13,6 +13,8 @@
 #include "session/composite/Composite.h"
 #include "session/develop/DevelopFiles.h"
 #include "session/info/Inspect.h"
+#include "session/operations/Apply.h"
+#include "session/operations/Operations.h"
 #include "session/picture/Render.h"
 #include "session/register/RegisterFiles.h"
 #include "session/run/Run.h"
@@ -52,6 +54,13 @@ class Steps : public files::FolderTest {
              }},
             {"Render", [this](Job& job) { Render(job, {.input = light_, .output = In("out/a.png")}); }},
             {"CompositeFiles", [this](Job& job) { CompositeFiles(job, CompositeChoices()); }},
+            {"ApplyFile", [this](Job& job) { ApplyFile(job, ApplyChoices()); }},
+            {"Apply",
+             [this](Job& job) {
+               Job quiet;
+               Image image = Image::Open(quiet, light_);
+               Apply(job, ApplyChoices(), image);
+             }},
             {"Composite", [this](Job& job) {
                Job quiet;
                Image first = Image::Open(quiet, light_);
@@ -98,6 +107,13 @@ class Steps : public files::FolderTest {
     options.output = In("out/both.fits");
     return options;
   }
+  ApplyOptions ApplyChoices() const {
+    ApplyOptions options;
+    options.steps = {session::Step(FindOperation("gaussian")), session::Step(FindOperation("invert"))};
+    options.input = light_;
+    options.output = In("out/applied.fits");
+    return options;
+  }
 
   fs::path light_ = In("night/lights/light_0001.fits");
 };
@@ -138,8 +154,9 @@ TEST_F(Steps, ThrowErrorsOfTheFamilyOnly) {
 
 TEST_F(Steps, LeaveNothingUnfinishedWhereverTheyAreCancelled) {
   for (const auto& [name, step] : Working()) {
-    if (!std::set<std::string>{"DevelopFiles", "FindStars", "Inspect", "Render", "CompositeFiles"}.count(
-            name))
+    if (!std::set<std::string>{"DevelopFiles", "FindStars", "Inspect", "Render", "CompositeFiles",
+                               "ApplyFile"}
+             .count(name))
       continue;  // those of many steps have tests of their own
     SCOPED_TRACE(name);
     int cancelled = 0;

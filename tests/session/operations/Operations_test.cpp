@@ -446,7 +446,7 @@ struct OwnOptions {
   std::optional<CRect> window;
   std::optional<std::vector<CurvePoint>> points;
   Matrix matrix = {1, 1, {1}};
-  std::optional<ImageSource> image;
+  std::optional<ImageValue> image;
 };
 
 /// An operation of a host's own, which writes what it was given into the first pixels.
@@ -509,7 +509,7 @@ TEST_F(Table, ValuesAreReadOrGivenByTheirType) {
   EXPECT_EQ(given.Text(),
             "own count=7 flag=1 matrix=1,2,3;4,5,-6 number=-0.25 planes=1,2,-3 "
             "points=0:0,0.5:0.75,1:1 shade=light window=1,2,30,40");
-  given.SetValue("image", ImageSource{.image = other}).SetValue("planes", 4);
+  given.SetValue("image", ImageValue{.image = other}).SetValue("planes", 4);
   EXPECT_EQ(told(given)[8], 77);
   EXPECT_EQ(told(given)[4], 4);
 
@@ -528,7 +528,7 @@ TEST_F(Table, ValuesAreReadOrGivenByTheirType) {
                                                             {"points", std::vector<CurvePoint>{{0, 0}}},
                                                             {"matrix", Matrix{2, 2, {1, 2, 3}}},
                                                             {"matrix", Matrix{1, 1, {11}}},
-                                                            {"image", ImageSource{}},
+                                                            {"image", ImageValue{}},
                                                             {"colour", 1.0}};
   for (const auto& [name, value] : wrong) {
     EXPECT_THROW(step.SetValue(name, value), UsageError) << name << "=" << TextOf(value);
