@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <utility>
 
 #include <fmt/format.h>
 #include <sys/resource.h>
@@ -16,14 +17,34 @@ namespace korimg::session {
 
 Job::Job(JobOptions options) : options(std::move(options)) {
   window_ = CreateMessageWindow([this](unsigned message, std::uintptr_t first, std::intptr_t second) {
-    if (message != kProgressMessage) return 0;
-    if (static_cast<ProgressEvent>(first) == ProgressEvent::Open && this->options.ownCaptions && second) {
-      operation_ = Narrow(reinterpret_cast<const wchar_t*>(second));
-    }
-    if (static_cast<ProgressEvent>(first) == ProgressEvent::Step) Progress(operation_, second, 100);
-    if (static_cast<ProgressEvent>(first) == ProgressEvent::Close) EndProgress();
+    if (message == kProgressMessage) ShowOperation(static_cast<ProgressEvent>(first), second);
     return 0;
   });
+}
+
+/// Operations close their display by destructors, which nothing may leave: what the reporter throws is kept
+/// until the job goes on.
+void Job::ShowOperation(ProgressEvent event, std::intptr_t detail) {
+  try {
+    if (event == ProgressEvent::Open && options.ownCaptions && detail) {
+      operation_ = Narrow(reinterpret_cast<const wchar_t*>(detail));
+    }
+    if (event == ProgressEvent::Step) Progress(operation_, detail, 100);
+    if (event == ProgressEvent::Close) Progress("", 0, 0);
+  } catch (...) {
+    const std::lock_guard lock(reporting_);
+    if (!thrown_) thrown_ = std::current_exception();
+  }
+}
+
+void Job::RethrowOfReporter() {
+  const std::lock_guard lock(reporting_);
+  if (thrown_) std::rethrow_exception(std::exchange(thrown_, nullptr));
+}
+
+void Job::EndProgress() {
+  Progress("", 0, 0);
+  RethrowOfReporter();
 }
 
 Job::~Job() {

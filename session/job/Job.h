@@ -2,6 +2,8 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
+#include <exception>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -11,6 +13,7 @@
 #include <vector>
 
 #include "korimg/image/CVmManager.h"
+#include "korimg/image/Progress.h"
 #include "korimg/platform/Messages.h"
 
 #include "session/Export.h"
@@ -36,7 +39,8 @@ struct Event {
   std::string detail = {};        ///< Progress: stands in the place of "step of total", if any
 };
 
-/// Takes the events of a job: one at a time, in their order, on whatever thread they come up on.
+/// Takes the events of a job: one at a time, in their order, on whatever thread they come up on. What it
+/// throws ends the step, once an operation that runs is done.
 using Reporter = std::function<void(const Event&)>;
 
 /// Stops the jobs that share it at their next step.
@@ -82,7 +86,8 @@ class KORIMG_SESSION_API Job {
 
   /// Shows how far a part of the work is: step of total. A total of 0 ends the display.
   void Progress(const std::string& title, long long step, long long total);
-  void EndProgress() { Progress("", 0, 0); }
+  /// Ends the display, and throws what the reporter threw during an operation.
+  void EndProgress();
   /// The same for work on many files, until a total of 0: what its parts show of theirs is kept away.
   void JobProgress(const std::string& title, long long step, long long total, const std::string& detail = "");
   /// Throws Cancelled once the token was used.
@@ -108,11 +113,14 @@ class KORIMG_SESSION_API Job {
 
  private:
   void Report(const Event& event);
+  void ShowOperation(ProgressEvent event, std::intptr_t detail);
+  void RethrowOfReporter();
 
   mutable std::mutex mutex_;
   std::recursive_mutex reporting_;
   std::atomic<bool> hasFailed_ = false;
   bool inJob_ = false;
+  std::exception_ptr thrown_;  ///< by the reporter, while an operation ran
   HWND window_;
   std::string operation_;
   mutable std::shared_ptr<CVmManager> contiguous_;
