@@ -30,6 +30,8 @@ void ThrowOfFamily() {
     throw Error(ErrorKind::File, error.what(), error.path1().string());
   } catch (const std::exception& error) {
     throw Error(ErrorKind::Internal, error.what());
+  } catch (...) {
+    throw Error(ErrorKind::Internal, "something was thrown that is no exception of the standard library");
   }
 }
 

@@ -53,7 +53,13 @@ Job::~Job() {
 
 void Job::Report(const Event& event) {
   const std::lock_guard lock(reporting_);
-  if (options.report) options.report(event);
+  if (!options.report) return;
+  try {
+    options.report(event);
+  } catch (...) {
+    hasReporterThrown_ = true;
+    throw;
+  }
 }
 
 void Job::Fail(const std::string& line) {
@@ -93,6 +99,9 @@ std::shared_ptr<CVmManager> Job::MakeStore(const std::string& kind) const {
     if (!contiguous_) contiguous_ = CreateContiguousManager(store);
     return contiguous_;
   }
+  if (kind != "paged") {
+    throw UsageError(fmt::format("there is no store '{}'; contiguous and paged are possible", kind));
+  }
   // A pool of at least 16 blocks, however small the budget is.
   store.blockSize = std::min<long long>(store.blockSize, std::max(store.budget / 16, 4096LL));
   return CreatePagedManager(store);
@@ -112,14 +121,22 @@ void Job::ForEachFile(const std::vector<std::filesystem::path>& files,
     } catch (const UsageError&) {
       throw;
     } catch (const files::FileError& error) {
+      if (hasReporterThrown_) throw;
       fail(error.what());
     } catch (const std::exception& error) {
+      if (hasReporterThrown_) throw;  // which is no fault of the file
       fail(fmt::format("{}: {}", file.string(), error.what()));
     }
   }
 }
 
-void Job::CheckOutput(const std::filesystem::path& path) const {
+void Job::CheckOutput(const std::filesystem::path& path,
+                      const std::vector<std::filesystem::path>& inputs) const {
+  for (const std::filesystem::path& input : inputs) {
+    std::error_code none;
+    if (!std::filesystem::equivalent(path, input, none)) continue;
+    throw files::FileError(path, "would be replaced by its own result; choose another output");
+  }
   if (options.overwrite || !std::filesystem::exists(path)) return;
   throw files::FileError(path, "exists already; choose another name or use --overwrite");
 }

@@ -60,6 +60,8 @@ void DarkFlat(Call& call, const DarkFlatOptions& options) {
     minima[p] = static_cast<float>(min);
     maxima[p] = static_cast<float>(max);
     averages[p] = static_cast<float>(average);  // blank pixels passed over, lest one of them blanks the image
+    // Before anything is changed.
+    if (min == max) throw UsageError("dark-flat: a plane of the flat is constant; take another flat");
   }
   const int done = call.image->DarkFlat(call.image.get(), dark.get(), flat.get(), minima, maxima, averages,
                                         static_cast<float>(options.offset), options.gamma, call.rect, kShow);

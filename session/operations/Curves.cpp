@@ -77,7 +77,8 @@ std::vector<Operation> CurvesOperations() {
           "curve's ends. Measure before, not after: brightness is no longer proportional to "
           "light.")
           .Takes("points", &CurveOptions::points,
-                 {"x:y,x:y...: x from 0 (black) to 1 (white), y limited to 0 to 1; for all planes", "0-1"})
+                 {"x:y,x:y... in any order: x from 0 (black) to 1 (white), y from 0 to 1; for all planes",
+                  "0-1"})
           .Takes("red", &CurveOptions::red,
                  {"the same for the first plane of a colour image, before `points`", "0-1"})
           .Takes("green", &CurveOptions::green, {"for the second", "0-1"})
@@ -89,7 +90,7 @@ std::vector<Operation> CurvesOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .StoresAgree(1e-3)  // a pixel at the edge of an entry may fall to either side
-          .Example("points=0:0,0.2:0.45,1:1 red=0:0,0.5:0.55,1:1")
+          .Example("points=0:0,0.2:0.45,1:1")
           .Runs(Curve),
       Describe<HAlphaOptions>("h-alpha",
                               "a curve for the sun in H-alpha: lifts what is faint beside the disc",

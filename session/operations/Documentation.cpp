@@ -118,7 +118,6 @@ Json ArraySchema(Json items, int least, int most) {
 }
 
 Json TypeSchema(const Parameter& parameter) {
-  const Json number{{"type", "number"}};
   switch (parameter.kind) {
     case ParameterKind::Number:
     case ParameterKind::Integer:
@@ -134,7 +133,7 @@ Json TypeSchema(const Parameter& parameter) {
     case ParameterKind::Rect:
       return ArraySchema({{"type", "integer"}}, 4, 4);
     case ParameterKind::Points:
-      return ArraySchema(ArraySchema(number, 2, 2), 2, 0);
+      return ArraySchema(ArraySchema({{"type", "number"}, {"minimum", 0}, {"maximum", 1}}, 2, 2), 2, 0);
     case ParameterKind::Matrix:
       return ArraySchema(ArraySchema(NumberSchema(parameter), 1, 0), 1, 0);
   }

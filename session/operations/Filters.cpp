@@ -290,6 +290,7 @@ std::vector<Operation> FiltersOperations() {
                                         "Makes stars larger, for a mask that covers their halos too."),
                   kExtremeRadius)
           .OnRect()
+          .StoresAgree(std::nullopt)  // contiguous ones round the radius up
           .Example("radius=2")
           .Runs(Maximum),
       TakesBand(TakesWeight(TakesRadius(
@@ -323,6 +324,7 @@ std::vector<Operation> FiltersOperations() {
                                 "and large ones show rings when it is overdone; blend it by a mask."),
           kExtremeRadius)
           .OnRect()
+          .StoresAgree(std::nullopt)  // contiguous ones round the radius up
           .Example("radius=1")
           .Runs(Minimum),
       TakesRadius(
@@ -334,6 +336,7 @@ std::vector<Operation> FiltersOperations() {
                  {"0: the smallest; the largest is the number of pixels in the disc less 1", "", 0, 1e7})
           .Required()
           .OnRect()
+          .StoresAgree(std::nullopt)  // contiguous ones round the radius up
           .Example("radius=2 rank=4")
           .Runs(Rank),
       TakesMode(smallMedian).OnRect().Example("mode=3x3").Runs(SmallMedian),

@@ -489,6 +489,7 @@ std::vector<Operation> GeometryOperations() {
           .Runs(Rotate),
       TakesKernel(scale, "; bicubic is softer on contiguous stores (slope -0.1) than on paged ones (-0.5)")
           .Header(HeaderEffect::Moves)
+          .StoresAgree(std::nullopt)  // bicubic
           .Example("factor=1.5")
           .Runs(Scale),
       Describe<ScrollOptions>(

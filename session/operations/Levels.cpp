@@ -137,6 +137,7 @@ std::vector<Operation> LevelsOperations() {
           .Takes("mode", &AutoLevelOptions::mode,
                  {"histogram: 0 shifts planes to one peak, 1 keeps one black, 2 shifts levels", "", 0, 2})
           .OnRect()
+          .StoresAgree(1e-2)  // of the levels: the stores count in bins of their own
           .Example("method=median low=2 high=12")
           .Runs(AutoLevel),
       Describe<HAlphaLevelOptions>(

@@ -26,15 +26,11 @@ Step::Step(const Operation& operation, const std::map<std::string, std::string>&
 
 Step& Step::Set(const std::string& name, const std::string& text) {
   const Parameter& parameter = operation_->Find(name);
-  if (parameter.kind == ParameterKind::Rect) {
-    values_[name] = ParseRect(text);
-  } else {
-    try {
-      values_[name] = parameter.Read(text);
-    } catch (const UsageError& wanted) {
-      throw UsageError(
-          fmt::format("{}: {}={} is not possible; {}", operation_->name, name, text, wanted.what()));
-    }
+  try {
+    values_[name] = parameter.Read(text);
+  } catch (const UsageError& wanted) {
+    throw UsageError(
+        fmt::format("{}: {}={} is not possible; {}", operation_->name, name, text, wanted.what()));
   }
   texts_[name] = text;
   return *this;
@@ -77,7 +73,15 @@ void Step::CheckTakesRect() const {
 void Step::Run(Job& job, Image& image, CRect* rect) const {
   AtEdge([&] {
     CheckComplete();
-    if (rect) CheckTakesRect();
+    if (rect) {
+      CheckTakesRect();
+      const int left = std::max(rect->left, 0), right = std::min(rect->right, image.Width());
+      const int top = std::max(rect->top, 0), bottom = std::min(rect->bottom, image.Height());
+      if (left >= right || top >= bottom) {
+        throw UsageError(fmt::format("{}: the rectangle {} has no pixel of the image, {} x {}",
+                                     operation_->name, TextOf(*rect), image.Width(), image.Height()));
+      }
+    }
     job.CheckCancelled();
     Call call(job, *operation_, image, rect);
     image.Pixels().SetProgressHandle(call.Window());

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <sstream>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -18,10 +17,11 @@ namespace {
 
 std::vector<std::string> Split(const std::string& text, char between) {
   std::vector<std::string> parts;
-  std::istringstream in(text);
-  for (std::string part; std::getline(in, part, between);) {
-    parts.push_back(part);
+  size_t start = 0;
+  for (size_t end; (end = text.find(between, start)) != std::string::npos; start = end + 1) {
+    parts.push_back(text.substr(start, end - start));
   }
+  parts.push_back(text.substr(start));
   return parts;
 }
 
@@ -152,6 +152,7 @@ Value Parameter::Read(const std::string& text) const {
       return planes;
     }
     case ParameterKind::Image:
+      if (text.empty()) Want("name the file of an image");
       return ImageValue{.path = text};
     case ParameterKind::Rect:
       return ParseRect(text);

@@ -165,6 +165,10 @@ ImageSaver::ImageSaver(Job& job, const std::filesystem::path& path, const Shape&
     write.header.Set(LevelKey("MIN", p), levels.min[p], "raw value shown as black");
     write.header.Set(LevelKey("MAX", p), levels.max[p], "raw value shown as white");
   }
+  for (int p = shape.planes; p < Band<float>::kMostPlanes; ++p) {
+    write.header.Remove(LevelKey("MIN", p));
+    write.header.Remove(LevelKey("MAX", p));
+  }
   writer_ = files::ImageWriter::Create(path, write);
 }
 

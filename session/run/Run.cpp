@@ -595,6 +595,8 @@ class Road {
 
 /// What follows from the folders.
 RunOptions Complete(RunOptions options) {
+  if (options.calibrate.lights.empty())
+    throw UsageError("there are no lights; name files or folders of them");
   options.stack.Settle(true);
   options.stack.Options();  // refuses what is wrong before any work
   const CalibrateOptions& frames = options.calibrate;

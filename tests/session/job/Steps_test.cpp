@@ -152,6 +152,40 @@ TEST_F(Steps, ThrowErrorsOfTheFamilyOnly) {
   EXPECT_THROW(Simulate(In("other"), options), Error);
 }
 
+// Whatever a host's reporter throws is its own, and not taken for the fault of a frame.
+TEST_F(Steps, EndWhereverTheReporterThrows) {
+  for (const auto& [name, step] : Working()) {
+    int told = 0, thrown = 0;
+    for (bool ends = false; !ends; ++told) {
+      fs::remove_all(In("out"));
+      fs::create_directory(In("out"));
+      int left = told;
+      bool hasThrown = false;
+      Job job({.report = [&](const Event&) {
+        if (left-- != 0) return;
+        hasThrown = true;
+        throw std::runtime_error("the host's own");
+      }});
+      try {
+        step(job);
+        EXPECT_FALSE(hasThrown) << name << " went on after event " << told;
+        ends = true;
+      } catch (const Error& error) {
+        EXPECT_STREQ(error.what(), "the host's own") << name;
+        ++thrown;
+      }
+      if (told > 200) break;  // those of many steps: enough
+    }
+    EXPECT_GT(thrown, 0) << name;
+  }
+}
+
+TEST_F(Steps, WantFrames) {
+  Job job;
+  EXPECT_THROW(session::Run(job, {}), UsageError);
+  EXPECT_THROW(PlanRun(job, {}), UsageError);
+}
+
 TEST_F(Steps, LeaveNothingUnfinishedWhereverTheyAreCancelled) {
   for (const auto& [name, step] : Working()) {
     if (!std::set<std::string>{"DevelopFiles", "FindStars", "Inspect", "Render", "CompositeFiles",

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <set>
 #include <sstream>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "session/operations/Apply.h"
 #include "session/operations/Describe.h"
 #include "session/operations/Documentation.h"
 #include "session/picture/Image.h"
@@ -84,8 +86,11 @@ TEST_F(Table, EveryExampleGivesTheSameOnBothStores) {
       if (!requiredOnly && operation.name != "to-colour") {
         EXPECT_FALSE(IsAsBefore(*contiguous, before.Pixels())) << step.Text() << " does nothing";
       }
-      if (!operation.storesAgree) continue;
-      EXPECT_EQ(Difference(*contiguous, *paged, *operation.storesAgree), "") << step.Text();
+      // With the values of their examples these agree, with others they do not.
+      static const std::set<std::string> kAgreeHere = {"maximum", "minimum", "rank", "scale"};
+      const auto share = kAgreeHere.contains(operation.name) ? 1e-5 : operation.storesAgree;
+      if (!share) continue;
+      EXPECT_EQ(Difference(*contiguous, *paged, *share), "") << step.Text();
       for (int p = 0; p < contiguous->GetPlanes(); ++p) {
         // Automatic levels count in bins, a few of which make up the difference of the two paths.
         EXPECT_NEAR(contiguous->GetLevelMin(p), paged->GetLevelMin(p), 2.0) << step.Text();
@@ -241,6 +246,12 @@ TEST_F(Table, RefusesValuesThatCantBe) {
                         Case{"bright", "bright", ""},
                         Case{"bright", "bright", "nan"},
                         Case{"bright", "bright", "1e9"},
+                        Case{"bright", "bright", "1,2,3,"},
+                        Case{"bright", "bright", "1,"},
+                        Case{"curve", "points", "0:0,1:1,"},
+                        Case{"dark", "file", ""},
+                        Case{"crop", "rect", "1,2,3"},
+                        Case{"crop", "rect", "5,5,2,9"},
                         Case{"lift-up", "lines", "1.5"},
                         Case{"lift-up", "lines", "-1"},
                         Case{"calculate", "op", "power"},
@@ -260,8 +271,13 @@ TEST_F(Table, RefusesValuesThatCantBe) {
                         Case{"curve", "points", "0:0,1:1,2:1"},
                         Case{"curve", "red", "0:0,1"},
                         Case{"curve", "red", "0:0,1:1x"}}) {
-    EXPECT_THROW(Step(FindOperation(c.operation)).Set(c.parameter, c.value), UsageError)
-        << c.parameter << "=" << c.value;
+    std::string error;
+    try {
+      Step(FindOperation(c.operation)).Set(c.parameter, c.value);
+    } catch (const UsageError& refused) {
+      error = refused.what();
+    }
+    EXPECT_TRUE(error.starts_with(std::string(c.operation) + ": " + c.parameter + "=")) << error;
   }
   EXPECT_THROW(FindOperation("inverse"), UsageError);
 }
@@ -566,6 +582,28 @@ TEST_F(Table, ProgramsAreToldTheSame) {
                  "minItems": 3, "maxItems": 3}],
                 "description": "standard deviation; 0 leaves the plane as it is", "kind": "number, or three",
                 "unit": "pixels", "default": 1.0})"));
+}
+
+TEST_F(Table, WhatIsRefusedChangesNothing) {
+  MakeExamples();
+  File("constant.fits", [](int, int, int) { return 700; });
+  const auto refuses = [&](const Step& step, CRect* rect) {
+    Image image = Image::Open(job_, first_);
+    EXPECT_THROW(step.Run(job_, image, rect), UsageError) << step.Text();
+    EXPECT_TRUE(IsAsBefore(image.Pixels(), Image::Open(job_, first_).Pixels())) << step.Text();
+  };
+  refuses(Step(FindOperation("dark-flat"),
+               {{"dark", In("dark.fits").string()}, {"flat", In("constant.fits").string()}}),
+          nullptr);
+  for (CRect rect : {CRect(97, 0, 99, 9), CRect(-9, 3, 0, 9), CRect(5, 71, 9, 80), CRect(20, 20, 10, 10)}) {
+    refuses(Step(FindOperation("invert")), &rect);
+  }
+  ApplyOptions options;
+  options.steps = {Step(FindOperation("invert"))};
+  options.input = first_;
+  options.output = In("./light.fits");
+  Job overwrites({.overwrite = true});
+  EXPECT_THROW(ApplyFile(overwrites, options), files::FileError);
 }
 
 TEST(Sizes, AreReadWithTheirUnits) {
