@@ -141,7 +141,7 @@ void Composite(Job& job, Image& first, Image second, const CompositeOptions& opt
 void CompositeFiles(Job& job, const CompositeFilesOptions& options) {
   AtEdge([&] {
     Check(options);
-    job.CheckOutput(options.output, {options.first, options.second});
+    job.CheckOutput(options.output);
     const auto store = job.MakeStore(options.paged ? "paged" : "contiguous");
     Image first = Image::Open(job, store, options.first, {.hdu = options.hdu});
     Combine(job, first, Image::Open(job, store, options.second, {.hdu = options.hdu}), options);

@@ -130,13 +130,7 @@ void Job::ForEachFile(const std::vector<std::filesystem::path>& files,
   }
 }
 
-void Job::CheckOutput(const std::filesystem::path& path,
-                      const std::vector<std::filesystem::path>& inputs) const {
-  for (const std::filesystem::path& input : inputs) {
-    std::error_code none;
-    if (!std::filesystem::equivalent(path, input, none)) continue;
-    throw files::FileError(path, "would be replaced by its own result; choose another output");
-  }
+void Job::CheckOutput(const std::filesystem::path& path) const {
   if (options.overwrite || !std::filesystem::exists(path)) return;
   throw files::FileError(path, "exists already; choose another name or use --overwrite");
 }

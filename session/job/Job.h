@@ -106,10 +106,8 @@ class KORIMG_SESSION_API Job {
   void ForEachFile(const std::vector<std::filesystem::path>& files,
                    const std::function<void(const std::filesystem::path&)>& work, bool mayBeMissing = false);
 
-  /// Refuses an output that exists already, unless it may be replaced, and one that is an input whatever the
-  /// options say. Throws FileError.
-  void CheckOutput(const std::filesystem::path& path,
-                   const std::vector<std::filesystem::path>& inputs = {}) const;
+  /// Refuses an output that exists already, unless it may be replaced.
+  void CheckOutput(const std::filesystem::path& path) const;
   /// Refuses to keep what may be wrong: once a pipeline has failed, nothing more is saved. Throws FileError.
   static void CheckComputed(const std::filesystem::path& path);
 

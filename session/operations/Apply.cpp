@@ -45,7 +45,7 @@ void Apply(Job& job, const ApplyOptions& options, Image& image) {
 void ApplyFile(Job& job, const ApplyOptions& options) {
   AtEdge([&] {
     CheckSteps(options);
-    job.CheckOutput(options.output, {options.input});
+    job.CheckOutput(options.output);
     Image image = Image::Open(job, job.MakeStore(options.store), options.input, {.hdu = options.hdu});
     Apply(job, options, image);
     image.Header().AddHistory(fmt::format("korimg {} {}", Version(), options.Text()));

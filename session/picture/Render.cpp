@@ -107,7 +107,7 @@ void Tell(Job& job, const RenderOptions& options, const Json& more = Json::objec
 }
 
 RenderResult Draw(Job& job, const RenderOptions& options) {
-  job.CheckOutput(options.output, {options.input});
+  job.CheckOutput(options.output);
   Image loaded = Image::Open(job, options.input, {.hdu = options.hdu});
   auto& image = loaded.Pointer();
   const bool overturned = files::IsPictureOverturned(loaded.Header());
@@ -147,7 +147,7 @@ RenderResult Render(Job& job, const RenderOptions& options) {
 
 void PlanRender(Job& job, const RenderOptions& options) {
   AtEdge([&] {
-    job.CheckOutput(options.output, {options.input});
+    job.CheckOutput(options.output);
     Tell(job, options);
   });
 }

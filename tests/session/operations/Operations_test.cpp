@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "session/operations/Apply.h"
 #include "session/operations/Describe.h"
 #include "session/operations/Documentation.h"
 #include "session/picture/Image.h"
@@ -598,12 +597,6 @@ TEST_F(Table, WhatIsRefusedChangesNothing) {
   for (CRect rect : {CRect(97, 0, 99, 9), CRect(-9, 3, 0, 9), CRect(5, 71, 9, 80), CRect(20, 20, 10, 10)}) {
     refuses(Step(FindOperation("invert")), &rect);
   }
-  ApplyOptions options;
-  options.steps = {Step(FindOperation("invert"))};
-  options.input = first_;
-  options.output = In("./light.fits");
-  Job overwrites({.overwrite = true});
-  EXPECT_THROW(ApplyFile(overwrites, options), files::FileError);
 }
 
 TEST(Sizes, AreReadWithTheirUnits) {
