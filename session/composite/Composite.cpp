@@ -12,6 +12,7 @@
 #include "session/job/Json.h"
 #include "session/job/internal/Edge.h"
 #include "session/operations/Kernels.h"
+#include "session/operations/Operation.h"
 #include "session/picture/Images.h"
 
 namespace korimg::session {
@@ -36,7 +37,7 @@ std::string TextOf(const CompositeOptions& options, const fs::path& first, const
   if (options.level) text += " --level";
   if (options.cutMinus) text += " --cut-minus";
   if (const auto& rect = options.rect) {
-    text += fmt::format(" --rect {},{},{},{}", rect->left, rect->top, rect->right, rect->bottom);
+    text += " --rect " + session::TextOf(*rect);
   }
   return text;
 }

@@ -21,8 +21,6 @@ std::string ApplyOptions::Text() const {
 void CheckSteps(const ApplyOptions& options) {
   for (const Step& step : options.steps) {
     step.CheckComplete();
-  }
-  for (const Step& step : options.steps) {
     if (options.rect) step.CheckTakesRect();
   }
 }

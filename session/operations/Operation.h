@@ -1,6 +1,7 @@
 // What an operation is: its name, its typed parameters, what it does to pixels and header.
 #pragma once
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <map>

@@ -347,8 +347,7 @@ std::unique_ptr<CVelImage> SampleInput(const StackInput& input) {
   static const std::shared_ptr<CVmManager> store = CreateContiguousManager();
   const Shape& shape = input.shape;
   const int lines = std::clamp((kPixels + shape.width - 1) / shape.width, 1, shape.height);
-  auto sample = std::make_unique<CVelImage>(store, CImage::Float, shape.width, lines, shape.planes, 1.0, 0.0,
-                                            1, nullptr);
+  auto sample = NewImage(store, shape.width, lines, shape.planes);
   for (int i = 0; i < lines; ++i) {
     input.read(
         Image::RowsOf(*sample, i, 1).At(static_cast<int>((2LL * i + 1) * shape.height / (2LL * lines))));
