@@ -43,7 +43,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   CStarFinder finder(&image);
   finder.SetThreshold(data[3] & 8 ? 0 : 5);
   finder.Find();
-  for (CStar const& s : finder.GetStars()) {
+  for (const CStar& s : finder.GetStars()) {
     fuzz::Expect(s.x > -2 && s.y > -2 && s.x < width + 1 && s.y < height + 1, "stars are on the image");
     for (const double v : {s.flux, s.sky, s.noise, s.snr, s.fwhm, s.elongation}) {
       fuzz::Expect(std::isfinite(v), "figures of stars are numbers");

@@ -46,7 +46,7 @@ std::vector<float> MakeFrame(int stars) {
   return pixels;
 }
 
-std::vector<float> const& FrameOf(int stars) {
+const std::vector<float>& FrameOf(int stars) {
   static const std::vector<float> few = MakeFrame(2400), many = MakeFrame(30000);
   return stars < 10000 ? few : many;
 }
@@ -67,7 +67,7 @@ void Finder(benchmark::State& state) {
 }
 
 void Sep(benchmark::State& state) {
-  std::vector<float> const& frame = FrameOf(static_cast<int>(state.range(0)));
+  const std::vector<float>& frame = FrameOf(static_cast<int>(state.range(0)));
   constexpr float kKernel[] = {1, 2, 1, 2, 4, 2, 1, 2, 1};
   int found = 0;
   std::vector<float> pixels;

@@ -72,7 +72,7 @@ Picture Scene() {
       }
     }
   }
-  for (Star const& s : stars) {
+  for (const Star& s : stars) {
     for (int y = std::max(0, static_cast<int>(s.y) - 8); y < std::min(kHeight, static_cast<int>(s.y) + 9);
          ++y) {
       for (int x = std::max(0, static_cast<int>(s.x) - 8); x < std::min(kWidth, static_cast<int>(s.x) + 9);
@@ -96,7 +96,7 @@ Picture Scene() {
 /// One Bayer pattern, by the numbers of all who develop it. OpenCV names the cell that starts one column and
 /// one row on.
 struct Pattern {
-  char const* name;
+  const char* name;
   int cfa;
   int edgeAware, gradients;
   unsigned char libRaw;
@@ -108,7 +108,7 @@ constexpr Pattern kPatterns[] = {
     {"GBRG", 4, cv::COLOR_BayerGR2RGB_EA, cv::COLOR_BayerGR2RGB_VNG, LIBRAW_OPENBAYER_GBRG},
 };
 
-std::vector<unsigned short> Sample(Picture const& scene, Pattern const& pattern) {
+std::vector<unsigned short> Sample(const Picture& scene, const Pattern& pattern) {
   std::vector<unsigned short> mosaic(1ULL * kWidth * kHeight);
   for (int y = 0; y < kHeight; ++y) {
     for (int x = 0; x < kWidth; ++x) {
@@ -122,7 +122,7 @@ std::vector<unsigned short> Sample(Picture const& scene, Pattern const& pattern)
 }
 
 template <class T>
-Picture FromInterleaved(T const* pixels, double scale) {
+Picture FromInterleaved(const T* pixels, double scale) {
   Picture picture = Blank();
   for (int i = 0; i < kWidth * kHeight; ++i) {
     for (int c = 0; c < 3; ++c) {
@@ -132,7 +132,7 @@ Picture FromInterleaved(T const* pixels, double scale) {
   return picture;
 }
 
-Picture Ours(std::vector<unsigned short> const& mosaic, Pattern const& pattern) {
+Picture Ours(const std::vector<unsigned short>& mosaic, const Pattern& pattern) {
   const auto store = korimg::CreateContiguousManager();
   CImgBayerToRgb image;
   image.CopyImage(CVelImage(store, CImage::Float, kWidth, kHeight, 1, 1.0, 0.0, 1, nullptr), nullptr,
@@ -149,7 +149,7 @@ Picture Ours(std::vector<unsigned short> const& mosaic, Pattern const& pattern) 
   return picture;
 }
 
-Picture EdgeAware(std::vector<unsigned short> const& mosaic, Pattern const& pattern) {
+Picture EdgeAware(const std::vector<unsigned short>& mosaic, const Pattern& pattern) {
   const cv::Mat in(kHeight, kWidth, CV_16U, const_cast<unsigned short*>(mosaic.data()));
   cv::Mat out;
   cv::cvtColor(in, out, pattern.edgeAware);
@@ -157,7 +157,7 @@ Picture EdgeAware(std::vector<unsigned short> const& mosaic, Pattern const& patt
 }
 
 /// Of 8-bit numbers: it knows no others. Its result lies two rows too high, for which it is not blamed.
-Picture Gradients(std::vector<unsigned short> const& mosaic, Pattern const& pattern) {
+Picture Gradients(const std::vector<unsigned short>& mosaic, const Pattern& pattern) {
   cv::Mat in(kHeight, kWidth, CV_8U), out;
   for (size_t i = 0; i < mosaic.size(); ++i) {
     in.data[i] = static_cast<unsigned char>(std::lround(mosaic[i] / 257.0));
@@ -170,7 +170,7 @@ Picture Gradients(std::vector<unsigned short> const& mosaic, Pattern const& patt
   return picture;
 }
 
-Picture HomogeneityDirected(std::vector<unsigned short> const& mosaic, Pattern const& pattern) {
+Picture HomogeneityDirected(const std::vector<unsigned short>& mosaic, const Pattern& pattern) {
   const auto raw = std::make_unique<LibRaw>();  // large
   auto* bytes = reinterpret_cast<unsigned char*>(const_cast<unsigned short*>(mosaic.data()));
   raw->open_bayer(bytes, static_cast<unsigned>(mosaic.size() * 2), kWidth, kHeight, 0, 0, 0, 0, 0,
@@ -195,7 +195,7 @@ Picture HomogeneityDirected(std::vector<unsigned short> const& mosaic, Pattern c
   return picture;
 }
 
-double SignalToNoise(std::vector<float> const& truth, std::vector<float> const& made) {
+double SignalToNoise(const std::vector<float>& truth, const std::vector<float>& made) {
   double sum = 0;
   for (int y = kBorder; y < kHeight - kBorder; ++y) {
     for (int x = kBorder; x < kWidth - kBorder; ++x) {
@@ -208,7 +208,7 @@ double SignalToNoise(std::vector<float> const& truth, std::vector<float> const& 
 }
 
 /// Two parts of each picture, one below the other, three times as large; from left to right.
-void WriteCrops(char const* file, std::vector<Picture> const& pictures) {
+void WriteCrops(const char* file, const std::vector<Picture>& pictures) {
   constexpr int kSide = 88, kZoom = 3, kGap = 6;
   constexpr std::pair<int, int> kCorners[] = {{330, 300}, {786, 92}};
   const int width = static_cast<int>(pictures.size()) * (kSide * kZoom + kGap) - kGap,
@@ -241,8 +241,8 @@ void WriteCrops(char const* file, std::vector<Picture> const& pictures) {
 
 int main(int argc, char** argv) {
   const struct {
-    char const* name;
-    Picture (*develop)(std::vector<unsigned short> const&, Pattern const&);
+    const char* name;
+    Picture (*develop)(const std::vector<unsigned short>&, const Pattern&);
     bool isShown;
   } developers[] = {{"korimg", Ours, true},
                     {"OpenCV EA, 16 bits", EdgeAware, true},
@@ -250,9 +250,9 @@ int main(int argc, char** argv) {
                     {"LibRaw AHD, 16 bits", HomogeneityDirected, true}};
   const Picture scene = Scene();
   std::vector<Picture> shown = {scene};
-  for (Pattern const& pattern : kPatterns) {
+  for (const Pattern& pattern : kPatterns) {
     const std::vector<unsigned short> mosaic = Sample(scene, pattern);
-    for (auto const& [name, develop, isShown] : developers) {
+    for (const auto& [name, develop, isShown] : developers) {
       const Picture made = develop(mosaic, pattern);
       std::printf("%s %-20s  R %.2f  G %.2f  B %.2f dB\n", pattern.name, name,
                   SignalToNoise(scene[0], made[0]), SignalToNoise(scene[1], made[1]),

@@ -14,7 +14,7 @@ void Interpolate(CImgDark& image, CVelImage& second, int show, F&& formula) {
   if (!Fits(second, image)) return;
   const ProgressScope progress(image, show, 6183, image.GetHeight() * image.GetPlanes());
   ForPlaneLines(image, Window(image, nullptr), Team::One, [&](int p, int y) {
-    float const* s = second.GetLine(0, y, p);
+    const float* s = second.GetLine(0, y, p);
     float* d = image.GetWritableLine(0, y, p);
     for (int x = 0; x < image.GetWidth(); ++x) {
       d[x] = static_cast<float>(formula(static_cast<double>(d[x]), static_cast<double>(s[x])));

@@ -9,7 +9,7 @@
 class KORIMG_API CImgDark : public CVelImage {
  public:
   CImgDark() = default;
-  CImgDark(CImgDark const& other) : CVelImage(other, nullptr) {}
+  CImgDark(const CImgDark& other) : CVelImage(other, nullptr) {}
 
   /// Linear in both quantities, whose changes add.
   void DoInterpolateByProportion(CVelImage* second, double a1, double a2, double a, double b1, double b2,

@@ -9,7 +9,7 @@ using namespace korimg;
 namespace {
 
 /// The plane of a calibration frame that serves plane p of an image.
-int PlaneOf(CVelImage const& frame, int p) {
+int PlaneOf(const CVelImage& frame, int p) {
   return frame.IsColor() ? p : 0;
 }
 
@@ -42,7 +42,7 @@ void CVelImage::DarkClbrtn(CVelImage* dark, int show) {
     return;
   }
   ForPlaneLines(*this, whole, Team::All, [&](int p, int y) {
-    float const* k = dark->GetLine(0, y, PlaneOf(*dark, p));
+    const float* k = dark->GetLine(0, y, PlaneOf(*dark, p));
     float* pixel = GetWritableLine(0, y, p);
     for (int x = 0; x < GetWidth(); ++x) {
       pixel[x] = NotNegative(pixel[x] - k[x]);
@@ -76,7 +76,7 @@ void CVelImage::FlatClbrtn(CVelImage* flat, float fOffset, double gamma, int sho
     const float average = useFlat ? FlatGamma(flat->GetAvrGrayRaw(q), maximum, origin, gamma) : 0.0f;
     ForLines(Team::All, 0, GetHeight(), [&](int y) {
       if (useFlat) {
-        float const* f = flat->GetLine(0, y, q);
+        const float* f = flat->GetLine(0, y, q);
         float* pixel = GetWritableLine(0, y, p);
         for (int x = 0; x < GetWidth(); ++x) {
           pixel[x] = Divide(pixel[x], average, FlatGamma(f[x], maximum, origin, gamma) + average * fOffset);
@@ -102,7 +102,7 @@ void CVelImage::FlatClbrtn(CVelImage* flat, CRect* rect, int show) {
   }
   const ProgressScope progress(*this, show, 6105, GetHeight() * GetPlanes());
   ForPlaneLines(*this, window, Team::All, [&](int p, int y) {
-    float const* f = flat->GetLine(0, y, PlaneOf(*flat, p));
+    const float* f = flat->GetLine(0, y, PlaneOf(*flat, p));
     float* pixel = GetWritableLine(0, y, p);
     // The window's left edge sets the length of the run alone; the run starts at column 0.
     for (int x = 0; x < window.Width(); ++x) {
@@ -132,9 +132,9 @@ int CVelImage::DarkFlat(CVelImage* source, CVelImage* dark, CVelImage* flat, flo
     }
     const float offset = average * fOffset;
     ForLines(Team::All, window.top, window.bottom, [&](int y) {
-      float const* s = source->GetLine(window.left, y, p);
-      float const* k = dark ? dark->GetLine(window.left, y, PlaneOf(*dark, p)) : nullptr;
-      float const* f = useFlat ? flat->GetLine(window.left, y, i) : nullptr;
+      const float* s = source->GetLine(window.left, y, p);
+      const float* k = dark ? dark->GetLine(window.left, y, PlaneOf(*dark, p)) : nullptr;
+      const float* f = useFlat ? flat->GetLine(window.left, y, i) : nullptr;
       float* out = GetWritableLine(window.left, y, p);
       for (int x = 0; x < window.Width(); ++x) {
         out[x] = k ? NotNegative(s[x] - k[x]) : s[x];

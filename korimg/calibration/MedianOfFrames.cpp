@@ -21,7 +21,7 @@ int ChunkColumns(int count) {
 
 }  // namespace
 
-void MedianOfFrames(std::span<float const* const> frames, int width, int rows, float* result) {
+void MedianOfFrames(std::span<const float* const> frames, int width, int rows, float* result) {
   const int count = static_cast<int>(frames.size());
   const Network network = MakeNetwork(count);
   const int chunk = std::min(ChunkColumns(std::max(count, 1)), width);
@@ -34,7 +34,7 @@ void MedianOfFrames(std::span<float const* const> frames, int width, int rows, f
       const size_t start = static_cast<size_t>(y) * width + left;
       std::fill(valid.begin(), valid.end(), 0);
       for (int i = 0; i < count; ++i) {
-        float const* from = frames[i] + start;
+        const float* from = frames[i] + start;
         float* to = row(i);
         // NaN goes to the end of the order, where the count of valid values leaves it out.
         for (int x = 0; x < columns; ++x) {

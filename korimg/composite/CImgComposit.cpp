@@ -81,9 +81,9 @@ struct CImgComposit::Task {
 
   /// The pipeline's name; one of no pipeline for an unknown method.
   std::string Pipeline() const {
-    constexpr char const* kForms[] = {"intshift_", "floatshift_", "rotate_"};
-    constexpr char const* kKernels[] = {"bilinear_", "bicubic_", "lanczos2_", "lanczos3_", "nearest_"};
-    constexpr char const* kOps[] = {"average", "add",  "weight",   "sub",   "mult",
+    constexpr const char* kForms[] = {"intshift_", "floatshift_", "rotate_"};
+    constexpr const char* kKernels[] = {"bilinear_", "bicubic_", "lanczos2_", "lanczos3_", "nearest_"};
+    constexpr const char* kOps[] = {"average", "add",  "weight",   "sub",   "mult",
                                     "div",     "diff", "brighter", "darker"};
     const CInterp::Form form = GetForm();
     std::string name = std::string("composit_") + kForms[form] + (level ? "level_" : "");
@@ -135,7 +135,7 @@ void CImgComposit::Abr(CVelImage* a, CVelImage* b, double dx, double dy, double 
                 progress, resourceId);
 }
 
-void CImgComposit::DoComposit(CVelImage& a, CVelImage& b, Task const& asked, CRect* rect, int progress,
+void CImgComposit::DoComposit(CVelImage& a, CVelImage& b, const Task& asked, CRect* rect, int progress,
                               int resourceId) {
   if (!Fits(a, *this) || b.IsEmpty() || asked.mode < 0) return;
   Task task = asked;
@@ -147,10 +147,10 @@ void CImgComposit::DoComposit(CVelImage& a, CVelImage& b, Task const& asked, CRe
   }
 }
 
-void CImgComposit::DoPipelines(CVelImage& a, CVelImage& b, Task const& task, CRect* rect) {
+void CImgComposit::DoPipelines(CVelImage& a, CVelImage& b, const Task& task, CRect* rect) {
   // As far as shifts need to go: beyond it nothing of b is left, and positions stay whole numbers.
   constexpr int kFar = 1 << 30;
-  PipelineEntry const* pipeline = FindPipeline(task.Pipeline());
+  const PipelineEntry* pipeline = FindPipeline(task.Pipeline());
   if (!pipeline) return;
   int wholeX = std::clamp(TruncateToInt(task.dx), -kFar, kFar),
       wholeY = std::clamp(TruncateToInt(task.dy), -kFar, kFar);
@@ -183,7 +183,7 @@ void CImgComposit::DoPipelines(CVelImage& a, CVelImage& b, Task const& task, CRe
                   });
 }
 
-void CImgComposit::DoLines(CVelImage& a, CVelImage& b, Task const& task, CRect* rect, int progress,
+void CImgComposit::DoLines(CVelImage& a, CVelImage& b, const Task& task, CRect* rect, int progress,
                            int resourceId) {
   const Window window(*this, rect);
   const ProgressScope scope(*this, progress, resourceId == -1 ? kCompositing : resourceId,
@@ -207,8 +207,8 @@ void CImgComposit::DoLines(CVelImage& a, CVelImage& b, Task const& task, CRect* 
       // b comes into rows of its own, since this image and a may be the same.
       interp.GetBLine(y - task.dy, row(0), row(1), row(2));
       for (int p = 0; p < std::min(GetPlanes(), kMostCompositePlanes); ++p) {
-        float const* first = a.GetLine(window.left, y, p);
-        float const* sampled = row(p);
+        const float* first = a.GetLine(window.left, y, p);
+        const float* sampled = row(p);
         float* out = GetWritableLine(window.left, y, p);
         if (task.level) {
           const auto min = static_cast<float>(a.GetLevelMin(p));

@@ -55,9 +55,9 @@ class KORIMG_API CImgComposit : public CVelImage {
  private:
   struct Task;
 
-  void DoComposit(CVelImage& a, CVelImage& b, Task const& task, CRect* rect, int progress, int resourceId);
-  void DoPipelines(CVelImage& a, CVelImage& b, Task const& task, CRect* rect);
-  void DoLines(CVelImage& a, CVelImage& b, Task const& task, CRect* rect, int progress, int resourceId);
+  void DoComposit(CVelImage& a, CVelImage& b, const Task& task, CRect* rect, int progress, int resourceId);
+  void DoPipelines(CVelImage& a, CVelImage& b, const Task& task, CRect* rect);
+  void DoLines(CVelImage& a, CVelImage& b, const Task& task, CRect* rect, int progress, int resourceId);
   void DoNbrComposit(CVelImage* a, CVelImage* b, double dx, double dy, double degrees, int mode, int method,
                      double ratio, int level, int cutMinus, double threshold, int radius, CRect* rect,
                      int progress, int resourceId);

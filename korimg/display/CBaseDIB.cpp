@@ -4,7 +4,7 @@
 
 CBaseDIB::~CBaseDIB() = default;
 
-CRuntimeClass const* CBaseDIB::GetThisClass() {
+const CRuntimeClass* CBaseDIB::GetThisClass() {
   static const CRuntimeClass kClass = {"CBaseDIB", CObject::GetThisClass()};
   return &kClass;
 }
@@ -13,7 +13,7 @@ void CBaseDIB::Empty() {
   dc_.DeleteDC();
 }
 
-void CBaseDIB::MakeHeader(CWnd* pWnd, int width, int height, PALETTEENTRY const* pal) {
+void CBaseDIB::MakeHeader(CWnd* pWnd, int width, int height, const PALETTEENTRY* pal) {
   width_ = width;
   height_ = height;
   bitCount_ = CPaintDC(pWnd).GetDeviceCaps(BITSPIXEL);
@@ -35,7 +35,7 @@ void CBaseDIB::MakeHeader(CWnd* pWnd, int width, int height, PALETTEENTRY const*
   }
 }
 
-void CBaseDIB::CopyHeader(CBaseDIB const& source) {
+void CBaseDIB::CopyHeader(const CBaseDIB& source) {
   header_ = source.header_;
   bitCount_ = source.bitCount_;
   usageColors_ = source.usageColors_;

@@ -13,11 +13,11 @@
 class KORIMG_API CBaseDIB : public CObject {
  public:
   ~CBaseDIB() override;
-  CBaseDIB(CBaseDIB const&) = delete;
-  CBaseDIB& operator=(CBaseDIB const&) = delete;
+  CBaseDIB(const CBaseDIB&) = delete;
+  CBaseDIB& operator=(const CBaseDIB&) = delete;
 
-  static CRuntimeClass const* GetThisClass();
-  CRuntimeClass const* GetRuntimeClass() const override { return GetThisClass(); }
+  static const CRuntimeClass* GetThisClass();
+  const CRuntimeClass* GetRuntimeClass() const override { return GetThisClass(); }
 
   /// Makes the bitmap in the depth of the window (32 bits without one); what it held before is gone. A
   /// CMemoryDIB is zeroed, a CVmDIB holds anything. pal has an entry for each colour of the depth. A CVmDIB
@@ -38,12 +38,12 @@ class KORIMG_API CBaseDIB : public CObject {
   virtual unsigned char* GetImageAdr24(int x, int y) = 0;
   virtual unsigned char* GetImageAdr32(int x, int y) = 0;
 
-  BITMAPINFOHEADER const* GetHeader() const {
-    return header_.empty() ? nullptr : &reinterpret_cast<BITMAPINFO const*>(header_.data())->bmiHeader;
+  const BITMAPINFOHEADER* GetHeader() const {
+    return header_.empty() ? nullptr : &reinterpret_cast<const BITMAPINFO*>(header_.data())->bmiHeader;
   }
   /// The GetPalColors() entries of the bitmap's own palette.
-  RGBQUAD const* GetPalette() const {
-    return reinterpret_cast<RGBQUAD const*>(header_.data() + sizeof(BITMAPINFOHEADER));
+  const RGBQUAD* GetPalette() const {
+    return reinterpret_cast<const RGBQUAD*>(header_.data() + sizeof(BITMAPINFOHEADER));
   }
   CDC* GetDC() { return &dc_; }
   int GetBitCount() const { return bitCount_; }
@@ -87,10 +87,10 @@ class KORIMG_API CBaseDIB : public CObject {
   CBaseDIB() = default;
 
   /// Fills the header for the depth of the window, with the palette if one is given, and all fields.
-  void MakeHeader(CWnd* pWnd, int width, int height, PALETTEENTRY const* pal);
+  void MakeHeader(CWnd* pWnd, int width, int height, const PALETTEENTRY* pal);
   /// A copy of another bitmap's header and fields.
-  void CopyHeader(CBaseDIB const& source);
-  BITMAPINFO const* Info() const { return reinterpret_cast<BITMAPINFO const*>(header_.data()); }
+  void CopyHeader(const CBaseDIB& source);
+  const BITMAPINFO* Info() const { return reinterpret_cast<const BITMAPINFO*>(header_.data()); }
 
   CDC dc_;
   std::vector<unsigned char> header_;  ///< a BITMAPINFO with all of its palette

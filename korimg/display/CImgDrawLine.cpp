@@ -24,7 +24,7 @@ void CImgDrawLine::DoColor(CPoint a, CPoint b, unsigned long colour) {
   DrawLine(a, b, values);
 }
 
-void CImgDrawLine::DrawLine(CPoint a, CPoint b, float const* values) {
+void CImgDrawLine::DrawLine(CPoint a, CPoint b, const float* values) {
   const long long dx = std::llabs(1LL * b.x - a.x), dy = std::llabs(1LL * b.y - a.y);
   const bool steep = dx < dy;
   const long long major = steep ? dy : dx, minor = steep ? dx : dy;
@@ -39,7 +39,7 @@ void CImgDrawLine::DrawLine(CPoint a, CPoint b, float const* values) {
   }
 }
 
-void CImgDrawLine::DrawPixel(long long x, long long y, float const* values) {
+void CImgDrawLine::DrawPixel(long long x, long long y, const float* values) {
   if (x < 0 || y < 0 || x >= GetWidth() || y >= GetHeight()) return;
   for (int p = 0; p < std::min(GetPlanes(), 3); ++p) {  // further planes have no colour
     SetPixelGrayRaw(static_cast<int>(x), static_cast<int>(y), values[p], p);

@@ -14,6 +14,6 @@ class KORIMG_API CImgDrawLine : public CVelImage {
  private:
   void DoMono(CPoint a, CPoint b, unsigned long colour);
   void DoColor(CPoint a, CPoint b, unsigned long colour);
-  void DrawLine(CPoint a, CPoint b, float const* values);
-  void DrawPixel(long long x, long long y, float const* values);
+  void DrawLine(CPoint a, CPoint b, const float* values);
+  void DrawPixel(long long x, long long y, const float* values);
 };

@@ -8,7 +8,7 @@
 
 using namespace korimg;
 
-int CImgDrawText::Do(CVelImage* target, CPoint at, CString const& text, LOGFONTW* font, unsigned long colour,
+int CImgDrawText::Do(CVelImage* target, CPoint at, const CString& text, LOGFONTW* font, unsigned long colour,
                      int smooth) {
   constexpr int kWeight = 2, kNearest = 4, kOnLevels = 1;
   constexpr double kOpacity = 0.95;
@@ -43,8 +43,8 @@ int CImgDrawText::Do(CVelImage* target, CPoint at, CString const& text, LOGFONTW
   return 1;
 }
 
-std::unique_ptr<CVelImage> CImgDrawText::MakeMask(std::shared_ptr<CVmManager> const& manager,
-                                                  CString const& text, LOGFONTW const& font, int smooth) {
+std::unique_ptr<CVelImage> CImgDrawText::MakeMask(const std::shared_ptr<CVmManager>& manager,
+                                                  const CString& text, const LOGFONTW& font, int smooth) {
   const int factor = smooth ? 2 : 1;
   LOGFONTW drawn = font;
   drawn.lfHeight *= factor;
@@ -68,12 +68,12 @@ std::unique_ptr<CVelImage> CImgDrawText::MakeMask(std::shared_ptr<CVmManager> co
       }
     }
     return mask;
-  } catch (velora::CVmMemoryAllocationError const&) {
+  } catch (const velora::CVmMemoryAllocationError&) {
     return nullptr;
   }
 }
 
-std::unique_ptr<CVelImage> CImgDrawText::MakeLayer(CVelImage& mask, CVelImage const& target,
+std::unique_ptr<CVelImage> CImgDrawText::MakeLayer(CVelImage& mask, const CVelImage& target,
                                                    unsigned long colour) {
   std::vector<double> channels = {1.0 * (colour & 255), 1.0 * (colour >> 8 & 255),
                                   1.0 * (colour >> 16 & 255)};
@@ -88,7 +88,7 @@ std::unique_ptr<CVelImage> CImgDrawText::MakeLayer(CVelImage& mask, CVelImage co
       layer->SetLevel(p, 0, 1);
     }
     ForPlaneLines(*layer, Window(*layer, nullptr), Team::One, [&](int p, int y) {
-      float const* in = mask.GetLine(0, y, 0);
+      const float* in = mask.GetLine(0, y, 0);
       float* out = layer->GetWritableLine(0, y, p);
       const auto share = static_cast<float>(channels[p] / 255);
       for (int x = 0; x < mask.GetWidth(); ++x) {
@@ -96,7 +96,7 @@ std::unique_ptr<CVelImage> CImgDrawText::MakeLayer(CVelImage& mask, CVelImage co
       }
     });
     return layer;
-  } catch (velora::CVmMemoryAllocationError const&) {
+  } catch (const velora::CVmMemoryAllocationError&) {
     return nullptr;
   }
 }

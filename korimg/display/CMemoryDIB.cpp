@@ -8,7 +8,7 @@ CMemoryDIB::~CMemoryDIB() {
   CMemoryDIB::Empty();
 }
 
-CRuntimeClass const* CMemoryDIB::GetThisClass() {
+const CRuntimeClass* CMemoryDIB::GetThisClass() {
   static const CRuntimeClass kClass = {"CMemoryDIB", CBaseDIB::GetThisClass()};
   return &kClass;
 }
@@ -62,7 +62,7 @@ int CMemoryDIB::StretchBlt(CWnd*, CDC* dc, int dstX, int dstY, int dstW, int dst
   return dc->StretchBlt(dstX, dstY, dstW, dstH, &dc_, srcX, srcY, srcW, srcH, rop);
 }
 
-bool CMemoryDIB::BecomeTwin(CBaseDIB& source, CRect const* rect) {
+bool CMemoryDIB::BecomeTwin(CBaseDIB& source, const CRect* rect) {
   const bool isTwin = !IsEmpty() && width_ == source.GetWidth() && height_ == source.GetHeight() &&
                       bitCount_ == source.GetBitCount() && usageColors_ == source.GetUsageColors() &&
                       palColors_ == source.GetPalColors();
@@ -103,7 +103,7 @@ CMemoryDIB& CMemoryDIB::operator=(CVmDIB& source) {
 
 HGLOBAL CMemoryDIB::CreateHDIB() const {
   if (IsEmpty()) return nullptr;
-  BITMAPINFOHEADER const& header = *GetHeader();
+  const BITMAPINFOHEADER& header = *GetHeader();
   HGLOBAL block = GlobalAlloc(GHND, sizeof header + header.biSizeImage);
   if (!block) return nullptr;
   auto* bytes = static_cast<unsigned char*>(GlobalLock(block));

@@ -12,8 +12,8 @@ class KORIMG_API CMemoryDIB : public CBaseDIB {
   CMemoryDIB& operator=(CMemoryDIB& source);
   CMemoryDIB& operator=(CVmDIB& source);
 
-  static CRuntimeClass const* GetThisClass();
-  CRuntimeClass const* GetRuntimeClass() const override { return GetThisClass(); }
+  static const CRuntimeClass* GetThisClass();
+  const CRuntimeClass* GetRuntimeClass() const override { return GetThisClass(); }
 
   int Create(CWnd* pWnd, int width, int height, PALETTEENTRY* pal, int flag) override;
   int Create(CWnd* pWnd, int width, int height, int flag) override;
@@ -42,7 +42,7 @@ class KORIMG_API CMemoryDIB : public CBaseDIB {
   }
   int MakeSection();
   /// True when there is a bitmap to copy into.
-  bool BecomeTwin(CBaseDIB& source, CRect const* rect);
+  bool BecomeTwin(CBaseDIB& source, const CRect* rect);
 
   HBITMAP bitmap_ = nullptr;
   unsigned char* bits_ = nullptr;

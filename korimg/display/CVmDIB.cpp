@@ -10,7 +10,7 @@ CVmDIB::~CVmDIB() {
   CVmDIB::Empty();
 }
 
-CRuntimeClass const* CVmDIB::GetThisClass() {
+const CRuntimeClass* CVmDIB::GetThisClass() {
   static const CRuntimeClass kClass = {"CVmDIB", CBaseDIB::GetThisClass()};
   return &kClass;
 }
@@ -23,11 +23,11 @@ int CVmDIB::Create(CWnd* pWnd, int width, int height, int flag) {
   return Create(manager_, pWnd, width, height, nullptr, flag);
 }
 
-int CVmDIB::Create(std::shared_ptr<CVmManager> const& manager, CWnd* pWnd, int width, int height, int flag) {
+int CVmDIB::Create(const std::shared_ptr<CVmManager>& manager, CWnd* pWnd, int width, int height, int flag) {
   return Create(manager, pWnd, width, height, nullptr, flag);
 }
 
-int CVmDIB::Create(std::shared_ptr<CVmManager> const& manager, CWnd* pWnd, int width, int height,
+int CVmDIB::Create(const std::shared_ptr<CVmManager>& manager, CWnd* pWnd, int width, int height,
                    PALETTEENTRY* pal, int flag) {
   if (width <= 0 || height <= 0) return 0;
   Empty();
@@ -39,7 +39,7 @@ int CVmDIB::Create(std::shared_ptr<CVmManager> const& manager, CWnd* pWnd, int w
                              : std::shared_ptr<velora::Progress>();
   try {
     image_ = std::make_unique<CVmImage>(manager, width, height, planes_, pixelBits_ / 8, progress);
-  } catch (velora::CVmMemoryAllocationError const&) {
+  } catch (const velora::CVmMemoryAllocationError&) {
     Empty();
     return 0;
   }
@@ -61,7 +61,7 @@ int CVmDIB::IsEmpty() const {
 }
 
 void CVmDIB::CopyLine(int x, int y, int width, unsigned char* out) {
-  unsigned char const* in = image_->GetImageAdr(x, y, 0, true, false, nullptr);
+  const unsigned char* in = image_->GetImageAdr(x, y, 0, true, false, nullptr);
   if (bitCount_ != 32) {
     std::memcpy(out, in, 1LL * width * (pixelBits_ / 8));
     return;

@@ -10,14 +10,14 @@ class KORIMG_API CVmDIB : public CBaseDIB {
   explicit CVmDIB(std::shared_ptr<CVmManager> manager) : manager_(std::move(manager)) {}
   ~CVmDIB() override;
 
-  static CRuntimeClass const* GetThisClass();
-  CRuntimeClass const* GetRuntimeClass() const override { return GetThisClass(); }
+  static const CRuntimeClass* GetThisClass();
+  const CRuntimeClass* GetRuntimeClass() const override { return GetThisClass(); }
 
   int Create(CWnd* pWnd, int width, int height, PALETTEENTRY* pal, int flag) override;
   int Create(CWnd* pWnd, int width, int height, int flag) override;
-  int Create(std::shared_ptr<CVmManager> const& manager, CWnd* pWnd, int width, int height, PALETTEENTRY* pal,
+  int Create(const std::shared_ptr<CVmManager>& manager, CWnd* pWnd, int width, int height, PALETTEENTRY* pal,
              int flag);
-  int Create(std::shared_ptr<CVmManager> const& manager, CWnd* pWnd, int width, int height, int flag);
+  int Create(const std::shared_ptr<CVmManager>& manager, CWnd* pWnd, int width, int height, int flag);
   void Empty() override;
   int IsEmpty() const override;
   /// Depths of less than a byte draw nothing and answer 1.

@@ -20,7 +20,7 @@ template <class T>
 struct Shown {
   T min, max, range, ratio;
 
-  Shown(CVelImage const& image, int plane)
+  Shown(const CVelImage& image, int plane)
       : min(static_cast<T>(image.GetLevelMin(plane))),
         max(static_cast<T>(image.GetLevelMax(plane))),
         range(static_cast<T>(image.GetLevelRange(plane))),
@@ -31,11 +31,11 @@ struct Shown {
     if constexpr (std::is_same_v<T, float>) return (v - min) * ratio;
     return (v - min) / range * 255;
   }
-  void Line(float const* in, Byte* out, int width) const {
+  void Line(const float* in, Byte* out, int width) const {
     RunInLongVectors([&]() KORIMG_IN_LOOP {
       // Copies, to stay in registers: bytes may alias anything.
       const Shown local = *this;
-      float const* const from = in;
+      const float* const from = in;
       Byte* const to = out;
       for (int x = 0, n = width; x < n; ++x) {
         const T v = from[x];
@@ -63,7 +63,7 @@ class ShownLine {
       planes_[p].Line(image_.GetLine(left_, y, static_cast<int>(p)), &values_[p * width_], width_);
     }
   }
-  Byte const* Plane(int p) const { return &values_[IsColour() ? 1LL * p * width_ : 0]; }
+  const Byte* Plane(int p) const { return &values_[IsColour() ? 1LL * p * width_ : 0]; }
 
  private:
   CVelImage& image_;
@@ -74,7 +74,7 @@ class ShownLine {
 
 /// Blue, green and red, `Step` bytes a pixel.
 template <int Step, class T>
-void WriteBgr(ShownLine<T> const& line, Byte* out, int width) {
+void WriteBgr(const ShownLine<T>& line, Byte* out, int width) {
   RunInLongVectors([&]() KORIMG_IN_LOOP {
     Byte const *r = line.Plane(0), *g = line.Plane(1), *b = line.Plane(2);
     Byte* __restrict to = out;
@@ -87,8 +87,8 @@ void WriteBgr(ShownLine<T> const& line, Byte* out, int width) {
 }
 
 /// Grey, or 2 bits of blue, 3 of green and 3 of red.
-void Write8(ShownLine<float> const& line, Byte* out, int width) {
-  Byte const *r = line.Plane(0), *g = line.Plane(1), *b = line.Plane(2);
+void Write8(const ShownLine<float>& line, Byte* out, int width) {
+  const Byte *r = line.Plane(0), *g = line.Plane(1), *b = line.Plane(2);
   if (!line.IsColour()) {
     std::memcpy(out, r, width);
     return;
@@ -98,15 +98,15 @@ void Write8(ShownLine<float> const& line, Byte* out, int width) {
   }
 }
 
-void Write16(ShownLine<float> const& line, Byte* out, int left, int y, int width) {
-  Byte const *r = line.Plane(0), *g = line.Plane(1), *b = line.Plane(2);
+void Write16(const ShownLine<float>& line, Byte* out, int left, int y, int width) {
+  const Byte *r = line.Plane(0), *g = line.Plane(1), *b = line.Plane(2);
   for (int x = 0; x < width; ++x) {
     CBaseDIB::SetPixel16(reinterpret_cast<std::uint16_t*>(out) + x, left + x, y, r[x], g[x], b[x]);
   }
 }
 
 /// Left and top stay inside the bitmap, where a rectangle of an image would be cut away.
-Window WindowOf(CBaseDIB const& dib, CRect const* rect) {
+Window WindowOf(const CBaseDIB& dib, const CRect* rect) {
   const int width = dib.GetWidth(), height = dib.GetHeight();
   if (!rect) return {0, 0, width, height};
   return {std::clamp(rect->left, 0, width - 1), std::clamp(rect->top, 0, height - 1),
@@ -116,12 +116,12 @@ Window WindowOf(CBaseDIB const& dib, CRect const* rect) {
 /// Interleaved bytes of a window, as a pipeline writes them; `first` is the address of its first pixel.
 class BitmapBuffer {
  public:
-  BitmapBuffer(Byte* first, Window const& window, int channels, long long lineStep)
+  BitmapBuffer(Byte* first, const Window& window, int channels, long long lineStep)
       : buffer_(first, 3, Shape(window, channels, lineStep).data()) {}
   operator halide_buffer_t*() { return buffer_.raw_buffer(); }  // NOLINT: an argument of a pipeline
 
  private:
-  static std::array<halide_dimension_t, 3> Shape(Window const& window, int channels, long long lineStep) {
+  static std::array<halide_dimension_t, 3> Shape(const Window& window, int channels, long long lineStep) {
     return {halide_dimension_t{window.left, window.Width(), channels},
             halide_dimension_t{window.top, window.Height(), static_cast<int>(lineStep)},
             halide_dimension_t{0, channels, 1}};
@@ -140,7 +140,7 @@ void RunBitmap(Pipeline&& pipeline, CVelImage& image, BitmapBuffer out) {
 }
 
 /// 32 bits by pipeline; false where planes or bitmap do not lie in one piece that pipelines can address.
-bool RunPipeline(CVelImage& image, CBaseDIB& dib, CVmDIB const* store, Window const& window) {
+bool RunPipeline(CVelImage& image, CBaseDIB& dib, const CVmDIB* store, const Window& window) {
   const bool whole = !store || store->GetVmImage()->GetAllocationPolicy() != CVmManager::Paged;
   const long long lineBytes = store ? store->GetVmImage()->GetBytesPerLine() : dib.GetAlign();
   if (!IsContiguous(image) || !whole || lineBytes * window.Height() > INT_MAX) return false;
@@ -162,7 +162,7 @@ void CVelImage::ToDIB(CBaseDIB* dib, CRect* rect) {
   }
   const Window window = WindowOf(*dib, rect);
   if (window.IsEmpty()) return;
-  const auto* store = dib->IsKindOf(CVmDIB::GetThisClass()) ? static_cast<CVmDIB const*>(dib) : nullptr;
+  const auto* store = dib->IsKindOf(CVmDIB::GetThisClass()) ? static_cast<const CVmDIB*>(dib) : nullptr;
   const int bits = dib->GetBitCount(), width = window.Width();
   if (bits == 32 && RunPipeline(*this, *dib, store, window)) return;
   ShownLine<float> line(*this, window.left, width);
@@ -204,8 +204,8 @@ class PackedBitmap {
     lines_ = bytes + first;
   }
   ~PackedBitmap() { GlobalFree(block_); }
-  PackedBitmap(PackedBitmap const&) = delete;
-  PackedBitmap& operator=(PackedBitmap const&) = delete;
+  PackedBitmap(const PackedBitmap&) = delete;
+  PackedBitmap& operator=(const PackedBitmap&) = delete;
 
   explicit operator bool() const { return block_ != nullptr; }
   void SetEntry(int i, Byte r, Byte g, Byte b) {
@@ -260,7 +260,7 @@ int Distance(int binA, int binB) {
 }
 
 /// The bins that occur most, the fullest first, of equal ones the lower.
-std::vector<int> PopularBins(std::vector<int> const& counts) {
+std::vector<int> PopularBins(const std::vector<int>& counts) {
   std::vector<int> bins;
   for (int i = 0; i < kBins; ++i) {
     if (counts[i]) bins.push_back(i);
@@ -271,7 +271,7 @@ std::vector<int> PopularBins(std::vector<int> const& counts) {
 }
 
 /// Number of the nearest entry, of equally near ones the lower.
-Byte NearestEntry(std::vector<int> const& palette, int bin) {
+Byte NearestEntry(const std::vector<int>& palette, int bin) {
   const auto nearest = std::min_element(palette.begin(), palette.end(),
                                         [bin](int a, int b) { return Distance(a, bin) < Distance(b, bin); });
   return static_cast<Byte>(nearest - palette.begin());
@@ -290,7 +290,7 @@ HDIB CVelImage::GetDib(int bits) {
   return colour ? GetDib24Color(header) : GetDib24Mono(header);
 }
 
-HDIB CVelImage::GetDib8Mono(BITMAPINFOHEADER const& header) {
+HDIB CVelImage::GetDib8Mono(const BITMAPINFOHEADER& header) {
   PackedBitmap dib(header, kColours);
   if (!dib) return nullptr;
   for (int i = 0; i < kColours; ++i) {
@@ -303,13 +303,13 @@ HDIB CVelImage::GetDib8Mono(BITMAPINFOHEADER const& header) {
   return dib.Release();
 }
 
-HDIB CVelImage::GetDib24Mono(BITMAPINFOHEADER const& header) {
+HDIB CVelImage::GetDib24Mono(const BITMAPINFOHEADER& header) {
   PackedBitmap dib(header, 0);
   if (dib) WriteLines24(*this, dib);
   return dib.Release();
 }
 
-HDIB CVelImage::GetDib24Color(BITMAPINFOHEADER const& header) {
+HDIB CVelImage::GetDib24Color(const BITMAPINFOHEADER& header) {
   PackedBitmap dib(header, 0);
   if (!dib) return nullptr;
   if (IsContiguous(*this) && dib.LineBytes() * GetHeight() <= INT_MAX) {
@@ -321,7 +321,7 @@ HDIB CVelImage::GetDib24Color(BITMAPINFOHEADER const& header) {
   return dib.Release();
 }
 
-HDIB CVelImage::GetDib8Color(BITMAPINFOHEADER const& header) {
+HDIB CVelImage::GetDib8Color(const BITMAPINFOHEADER& header) {
   constexpr int kMostCounted = 32000;
   PackedBitmap dib(header, kColours);
   if (!dib) return nullptr;

@@ -17,7 +17,7 @@ CFilterBlock::CFilterBlock(CVelImage* image, int r, int x0, int y, int plane, in
   try {
     MakeRows(image->GetHeight(), [&](int row) {
       CImage::AddressHandle handle;
-      float const* address = image->GetImageAdr(x0, row, plane, mode, lock ? &handle : nullptr);
+      const float* address = image->GetImageAdr(x0, row, plane, mode, lock ? &handle : nullptr);
       if (lock) locks_.push_back(handle);
       return address;
     });
@@ -27,7 +27,7 @@ CFilterBlock::CFilterBlock(CVelImage* image, int r, int x0, int y, int plane, in
   }
 }
 
-CFilterBlock::CFilterBlock(float const* buffer, int width, int height, int r, int x0, int y)
+CFilterBlock::CFilterBlock(const float* buffer, int width, int height, int r, int x0, int y)
     : r_(r), x0_(x0), y_(y), width_(width - x0) {
   MakeRows(height, [&](int row) { return buffer + static_cast<size_t>(row) * width + x0; });
 }
@@ -38,7 +38,7 @@ CFilterBlock::~CFilterBlock() {
 
 /// Each lock by itself: others of the same store may be held elsewhere.
 void CFilterBlock::Unlock() {
-  for (CImage::AddressHandle const& lock : locks_) {
+  for (const CImage::AddressHandle& lock : locks_) {
     image_->Unlock(lock);
   }
 }
@@ -58,23 +58,23 @@ float CFilterBlock::GetPixel(int x, int y) const {
   return inside ? rows_[row][column] : 0.0f;
 }
 
-int CFilterBlock::Common(CFilterMatrix const& matrix) const {
+int CFilterBlock::Common(const CFilterMatrix& matrix) const {
   return rows_.empty() ? 0 : std::min(matrix.GetR(), r_);
 }
 
 /// Calls cell(weight, pixel) for the cells about column x of the middle row, by rows.
 template <class F>
-void CFilterBlock::ForPixels(CFilterMatrix const& matrix, int x, F&& cell) const {
+void CFilterBlock::ForPixels(const CFilterMatrix& matrix, int x, F&& cell) const {
   const int r = Common(matrix);
   for (int dy = -r; dy <= r; ++dy) {
-    float const* row = rows_[r_ + dy];
+    const float* row = rows_[r_ + dy];
     for (int dx = -r; dx <= r; ++dx) {
       cell(matrix.GetPrm(dx, dy), row[std::clamp(x + dx, 0, width_ - 1)]);
     }
   }
 }
 
-float CFilterBlock::Convolve(CFilterMatrix const* matrix, int x) const {
+float CFilterBlock::Convolve(const CFilterMatrix* matrix, int x) const {
   float sum = 0;
   if (Common(*matrix) > 0) {
     ForPixels(*matrix, x, [&](float weight, float pixel) { sum += weight * pixel; });
@@ -82,7 +82,7 @@ float CFilterBlock::Convolve(CFilterMatrix const* matrix, int x) const {
   return sum;
 }
 
-void CFilterBlock::ConvolveLine(CFilterMatrix const* matrix, int left, int right, float* line) const {
+void CFilterBlock::ConvolveLine(const CFilterMatrix* matrix, int left, int right, float* line) const {
   const int r = Common(*matrix);
   // Columns whose cells all lie inside.
   const int start = std::clamp(r, left, right), end = std::clamp(width_ - r, start, right);
@@ -91,7 +91,7 @@ void CFilterBlock::ConvolveLine(CFilterMatrix const* matrix, int left, int right
     if (x < right) line[x - left] = Convolve(matrix, x);
   }
   if (r == 0) return;
-  std::vector<float const*> taps;
+  std::vector<const float*> taps;
   std::vector<float> weights;
   for (int dy = -r; dy <= r; ++dy) {
     for (int dx = -r; dx <= r; ++dx) {
@@ -103,7 +103,7 @@ void CFilterBlock::ConvolveLine(CFilterMatrix const* matrix, int left, int right
                       line + start - left);
 }
 
-float CFilterBlock::ConvolveClamped(CFilterMatrix const* matrix, int x, float min, float max) const {
+float CFilterBlock::ConvolveClamped(const CFilterMatrix* matrix, int x, float min, float max) const {
   float sum = 0;
   if (Common(*matrix) > 0) {
     ForPixels(*matrix, x, [&](float weight, float pixel) {
@@ -113,7 +113,7 @@ float CFilterBlock::ConvolveClamped(CFilterMatrix const* matrix, int x, float mi
   return sum;
 }
 
-float const* CFilterBlock::SortMasked(CFilterMatrix const* matrix, int x) {
+const float* CFilterBlock::SortMasked(const CFilterMatrix* matrix, int x) {
   if (Common(*matrix) == 0) return sorted_.data();
   sorted_.clear();
   ForPixels(*matrix, x, [&](float weight, float pixel) {
@@ -123,7 +123,7 @@ float const* CFilterBlock::SortMasked(CFilterMatrix const* matrix, int x) {
   return sorted_.data();
 }
 
-float CFilterBlock::GetSorted(CFilterMatrix const* matrix, int x, int i) {
+float CFilterBlock::GetSorted(const CFilterMatrix* matrix, int x, int i) {
   SortMasked(matrix, x);
   return i >= 0 && i < static_cast<int>(sorted_.size()) ? sorted_[i] : 0.0f;
 }

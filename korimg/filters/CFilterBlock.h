@@ -15,40 +15,40 @@ class KORIMG_API CFilterBlock {
   /// plane that does not exist leaves the block without rows, and all values are 0.
   CFilterBlock(CVelImage* image, int r, int x0, int y, int plane, int flags);
   /// The same over pixels without a store.
-  CFilterBlock(float const* buffer, int width, int height, int r, int x0, int y);
+  CFilterBlock(const float* buffer, int width, int height, int r, int x0, int y);
   virtual ~CFilterBlock();
-  CFilterBlock(CFilterBlock const&) = delete;
-  CFilterBlock& operator=(CFilterBlock const&) = delete;
+  CFilterBlock(const CFilterBlock&) = delete;
+  CFilterBlock& operator=(const CFilterBlock&) = delete;
 
   /// The pixel of the image at (x, y); 0 outside the block.
   float GetPixel(int x, int y) const;
   /// The kernel's sum about column x of the middle row, in float by rows; 0 for a radius of 0.
-  float Convolve(CFilterMatrix const* matrix, int x) const;
+  float Convolve(const CFilterMatrix* matrix, int x) const;
   /// Convolve for columns left to right - 1; the same values.
-  void ConvolveLine(CFilterMatrix const* matrix, int left, int right, float* line) const;
+  void ConvolveLine(const CFilterMatrix* matrix, int left, int right, float* line) const;
   /// The same with each pixel limited to min to max.
-  float ConvolveClamped(CFilterMatrix const* matrix, int x, float min, float max) const;
+  float ConvolveClamped(const CFilterMatrix* matrix, int x, float min, float max) const;
   /// The pixels under the cells of exactly 1, ascending, NaN last; good until the next call. A radius of 0
   /// leaves the array as it is.
-  float const* SortMasked(CFilterMatrix const* matrix, int x);
+  const float* SortMasked(const CFilterMatrix* matrix, int x);
   /// Number i of them; 0 beyond their number.
-  float GetSorted(CFilterMatrix const* matrix, int x, int i);
+  float GetSorted(const CFilterMatrix* matrix, int x, int i);
 
  private:
   void Unlock();
   template <class Row>
   void MakeRows(int height, Row&& row);
   template <class F>
-  void ForPixels(CFilterMatrix const& matrix, int x, F&& cell) const;
+  void ForPixels(const CFilterMatrix& matrix, int x, F&& cell) const;
   /// The radius that kernel and block have in common.
-  int Common(CFilterMatrix const& matrix) const;
+  int Common(const CFilterMatrix& matrix) const;
 
   int r_;
   int x0_;
   int y_;
   int width_;  ///< columns from x0 on
   CVelImage* image_ = nullptr;
-  std::vector<float const*> rows_;
+  std::vector<const float*> rows_;
   std::vector<CImage::AddressHandle> locks_;
   std::vector<float> sorted_;
 };

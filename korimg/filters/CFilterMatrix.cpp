@@ -44,13 +44,13 @@ int CFilterMatrix::MakeMtx(int r, int size, int) {
   return size <= d * d;
 }
 
-int CFilterMatrix::SetMtx(int r, float const* p, int size) {
+int CFilterMatrix::SetMtx(int r, const float* p, int size) {
   if (!MakeMtx(r, size, 0)) return 0;
   std::copy_n(p, size ? size : GetCount(), cells_.begin());
   return 1;
 }
 
-int CFilterMatrix::SetMtx(int r, double const* p, int size) {
+int CFilterMatrix::SetMtx(int r, const double* p, int size) {
   if (!MakeMtx(r, size, 0)) return 0;
   std::transform(p, p + (size ? size : GetCount()), cells_.begin(),
                  [](double v) { return static_cast<float>(v); });

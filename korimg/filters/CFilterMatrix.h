@@ -14,18 +14,18 @@ class KORIMG_API CFilterMatrix {
  public:
   CFilterMatrix() = default;
   CFilterMatrix(int r, int size) { MakeMtx(r, size, 0); }
-  CFilterMatrix(int r, float const* p, int size) { SetMtx(r, p, size); }
-  CFilterMatrix(int r, double const* p, int size) { SetMtx(r, p, size); }
-  CFilterMatrix(CFilterMatrix const&) = default;
-  CFilterMatrix& operator=(CFilterMatrix const&) = default;
+  CFilterMatrix(int r, const float* p, int size) { SetMtx(r, p, size); }
+  CFilterMatrix(int r, const double* p, int size) { SetMtx(r, p, size); }
+  CFilterMatrix(const CFilterMatrix&) = default;
+  CFilterMatrix& operator=(const CFilterMatrix&) = default;
   virtual ~CFilterMatrix() = default;
 
   /// Makes room for the kernel of radius r, all zeros whether asked to be cleared or not. `size` cells are
   /// going to be filled; 0 means all. Too many are refused, though the room is made.
   int MakeMtx(int r, int size, int clear);
   /// The same, filled with `size` cells, or all when it is 0.
-  int SetMtx(int r, float const* p, int size);
-  int SetMtx(int r, double const* p, int size);
+  int SetMtx(int r, const float* p, int size);
+  int SetMtx(int r, const double* p, int size);
 
   int GetR() const { return r_; }
   int GetD() const { return d_; }

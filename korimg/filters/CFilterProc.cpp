@@ -11,7 +11,7 @@
 
 using namespace korimg;
 
-CFilterProc::CFilterProc(CVelImage* image, CFilterMatrix const* matrix, int plane) {
+CFilterProc::CFilterProc(CVelImage* image, const CFilterMatrix* matrix, int plane) {
   MakeBuf(image, matrix, plane, 1);
 }
 
@@ -22,7 +22,7 @@ void CFilterProc::Init() {
   rings_.clear();
 }
 
-int CFilterProc::MakeBuf(CVelImage* image, CFilterMatrix const* matrix, int plane, int normalize) {
+int CFilterProc::MakeBuf(CVelImage* image, const CFilterMatrix* matrix, int plane, int normalize) {
   r_ = matrix->GetR();
   d_ = matrix->GetD();
   weights_ = matrix->GetMiddleRow(normalize);
@@ -61,9 +61,9 @@ float CFilterProc::Calc(int x, int y) {
 
 void CFilterProc::CalcLine(int left, int right, int y, float* line) {
   ProcHorizontal(left, y);
-  Ring const* ring = OwnRing();
+  const Ring* ring = OwnRing();
   if (!ring) return;
-  std::vector<float const*> taps(d_);
+  std::vector<const float*> taps(d_);
   for (int x = left, next = 0; x < right; x = next) {
     next = std::min((x / kSumBlock + 1) * kSumBlock, right);
     for (int k = 0; k < d_; ++k) {
@@ -90,12 +90,12 @@ int CFilterProc::ProcHorizontal(int, int y) {
 
 /// Filters row y along x into a slot of the ring.
 void CFilterProc::FilterRow(Ring& ring, int slot, int y) {
-  float const* row = image_->GetLine(0, RowBelowRepeated(y, image_->GetHeight()), plane_);
+  const float* row = image_->GetLine(0, RowBelowRepeated(y, image_->GetHeight()), plane_);
   float* padded = ring.padded.data();
   std::fill_n(padded, r_, row[0]);
   std::copy_n(row, width_, padded + r_);
   std::fill_n(padded + r_ + width_, r_, row[width_ - 1]);
-  std::vector<float const*> taps(d_);
+  std::vector<const float*> taps(d_);
   for (int x = 0; x < width_; x += kSumBlock) {
     for (int k = 0; k < d_; ++k) {
       taps[k] = padded + x + k;
@@ -106,7 +106,7 @@ void CFilterProc::FilterRow(Ring& ring, int slot, int y) {
 }
 
 float CFilterProc::ProcVertical(int x) {
-  Ring const* ring = OwnRing();
+  const Ring* ring = OwnRing();
   if (!ring) return 0;
   float sum = 0;
   for (int k = 0, slot = ring->first; k < d_; ++k, slot = slot + 1 == d_ ? 0 : slot + 1) {
@@ -115,7 +115,7 @@ float CFilterProc::ProcVertical(int x) {
   return sum;
 }
 
-int CFilterProcEx::Make(CVelImage* image, CFilterMatrix const* matrix, int plane, int normalize) {
+int CFilterProcEx::Make(CVelImage* image, const CFilterMatrix* matrix, int plane, int normalize) {
   if (plane < 0 || plane > 2) return 0;
   CFilterProc& proc = procs_[plane];
   if (!proc.IsEmpty()) {

@@ -19,14 +19,14 @@ class CVelImage;
 class KORIMG_API CFilterProc {
  public:
   CFilterProc() = default;
-  CFilterProc(CVelImage* image, CFilterMatrix const* matrix, int plane);
-  CFilterProc(CFilterProc const&) = default;
-  CFilterProc& operator=(CFilterProc const&) = default;
+  CFilterProc(CVelImage* image, const CFilterMatrix* matrix, int plane);
+  CFilterProc(const CFilterProc&) = default;
+  CFilterProc& operator=(const CFilterProc&) = default;
   virtual ~CFilterProc() = default;
 
   /// Takes over the kernel's middle row, divided by its sum when `normalize` is non-zero and the sum is not
   /// 0, and binds the source, which is kept by address; the kernel is not needed any more. Answers 1.
-  int MakeBuf(CVelImage* image, CFilterMatrix const* matrix, int plane, int normalize);
+  int MakeBuf(CVelImage* image, const CFilterMatrix* matrix, int plane, int normalize);
   /// Keeps the weights and turns to another source, plane or team.
   void Bind(CVelImage* image, int plane);
   /// The filtered pixel: columns of a row in one go, and rows in rising order, cost least.
@@ -40,7 +40,7 @@ class KORIMG_API CFilterProc {
   int GetR() const { return r_; }
   int GetD() const { return d_; }
   /// The weights, 2 R + 1 of them; null when empty.
-  float const* GetFilter() const { return weights_.empty() ? nullptr : weights_.data(); }
+  const float* GetFilter() const { return weights_.empty() ? nullptr : weights_.data(); }
 
  protected:
   /// Brings this worker's ring up to row y. Always 1.
@@ -73,7 +73,7 @@ class KORIMG_API CFilterProc {
 class KORIMG_API CFilterProcEx {
  public:
   /// 0 for a plane that is not 0 to 2. A filter that is not empty keeps its weights.
-  int Make(CVelImage* image, CFilterMatrix const* matrix, int plane, int normalize);
+  int Make(CVelImage* image, const CFilterMatrix* matrix, int plane, int normalize);
   /// Any other plane selects plane 0.
   void SetPln(int plane) { current_ = Index(plane); }
   float Calc(int x, int y) { return procs_[current_].Calc(x, y); }
@@ -85,8 +85,8 @@ class KORIMG_API CFilterProcEx {
   int GetR(int plane) const { return procs_[Index(plane)].GetR(); }
   int GetD() const { return GetD(current_); }
   int GetD(int plane) const { return procs_[Index(plane)].GetD(); }
-  float const* GetFilter() const { return GetFilter(current_); }
-  float const* GetFilter(int plane) const { return procs_[Index(plane)].GetFilter(); }
+  const float* GetFilter() const { return GetFilter(current_); }
+  const float* GetFilter(int plane) const { return procs_[Index(plane)].GetFilter(); }
   void Clear();
 
  private:

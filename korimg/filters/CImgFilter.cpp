@@ -20,7 +20,7 @@ using namespace korimg;
 namespace {
 
 /// The half widths of a mode's rows; none for the pixel alone.
-std::span<int const> HalfWidths(int mode) {
+std::span<const int> HalfWidths(int mode) {
   static constexpr int kCross[] = {0, 1, 0}, kSquare[] = {1, 1, 1}, kRound[] = {1, 2, 2, 2, 1};
   switch (mode) {
     case 0:
@@ -44,7 +44,7 @@ int MirroredColumn(int x, int dx, int width) {
 /// pixel alone.
 template <class F>
 void ForNeighbours(float* const rows[], int x, int mode, int width, F&& cell) {
-  const std::span<int const> halfWidths = HalfWidths(mode);
+  const std::span<const int> halfWidths = HalfWidths(mode);
   if (halfWidths.empty()) return;
   const int r = static_cast<int>(halfWidths.size()) / 2;
   for (int dy = -r; dy <= r; ++dy) {
@@ -84,7 +84,7 @@ class RowsOfLine {
 
 /// Writes pixel(rows of the line, x) over the window of a plane; r rows to either side.
 template <class F>
-void FilterPlane(CVelImage& target, CVelImage& src, int p, Window const& window, int r, F&& pixel) {
+void FilterPlane(CVelImage& target, CVelImage& src, int p, const Window& window, int r, F&& pixel) {
   if (window.IsEmpty()) return;
   ForLines(Team::All, window.top, window.bottom, [&](int y) {
     // Rows and target are few enough for their addresses to stay good without locks.
@@ -181,7 +181,7 @@ float CImgFilter::HighPassRaw(int x, int y, int plane) {
   float sum = 0;
   int count = 0;
   for (int dy = -1; dy <= 1; ++dy) {
-    float const* row = GetLine(0, std::clamp(y + dy, 0, GetHeight() - 1), plane);
+    const float* row = GetLine(0, std::clamp(y + dy, 0, GetHeight() - 1), plane);
     for (int dx = -1; dx <= 1; ++dx) {
       if (dx == 0 && dy == 0) continue;
       sum += row[NearestColumn(x + dx, GetWidth())];
@@ -256,13 +256,13 @@ void CImgFilter::RankFilter(int mode, std::optional<int> rank, int message, CVel
   CalcRect(window.left, window.top, window.right, window.bottom, rect);
   const ProgressScope progress(*this, show, message, window.Lines(*this));
   RankQuery query{.row = RowBelowRepeated, .column = NearestColumn};
-  if (const std::span<int const> halfWidths = HalfWidths(mode); !halfWidths.empty()) {
+  if (const std::span<const int> halfWidths = HalfWidths(mode); !halfWidths.empty()) {
     query.cells = {static_cast<int>(halfWidths.size()) / 2, {halfWidths.begin(), halfWidths.end()}};
   }
   if (rank) query.rank = std::min(*rank, query.cells.Count() - 1);
   const int r = query.cells.r;
   for (int p = 0; p < GetPlanes(); ++p) {
-    FindRanks(*this, *src, p, window, query, [&](int x, int y, float const* values, int columns) {
+    FindRanks(*this, *src, p, window, query, [&](int x, int y, const float* values, int columns) {
       std::copy_n(values, columns, GetWritableLine(x, y, p));
       // Columns mirror about the pixel, not about the edge.
       RowsOfLine rows(*src, y, p, r);
@@ -327,9 +327,9 @@ CVelImage* CImgFilter::MakeWork(int margin, int sources, int planes, int show, i
                                             1.0, 0.0, 1, GetProgressHandle(), LoadString(6169).c_str());
     FillWork(*work, r, sources, show, message);
     return work.release();
-  } catch (velora::CVeloraImageException const& error) {
+  } catch (const velora::CVeloraImageException& error) {
     DebugLine(error.what());
-  } catch (std::bad_alloc const& error) {
+  } catch (const std::bad_alloc& error) {
     DebugLine(error.what());
   }
   return nullptr;
@@ -345,7 +345,7 @@ void CImgFilter::FillWork(CVelImage& work, int r, int sources, int show, int mes
   }
   for (int p = 0; p < sources; ++p) {
     ForLines(Team::All, 0, height, [&](int y) {
-      float const* in = GetLine(0, RowBelowRepeated(y - r, GetHeight()), p);
+      const float* in = GetLine(0, RowBelowRepeated(y - r, GetHeight()), p);
       float* out = work.GetWritableLine(0, y, p);
       std::copy_n(in, GetWidth(), out + r);
       for (int x = 0; x < r; ++x) {

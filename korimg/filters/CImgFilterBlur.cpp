@@ -1,5 +1,3 @@
-#include "korimg/filters/CImgFilterBlur.h"
-
 #include <algorithm>
 #include <cstring>
 #include <optional>
@@ -8,6 +6,7 @@
 #include "korimg/filters/CFilterBlock.h"
 #include "korimg/filters/CFilterMatrix.h"
 #include "korimg/filters/CFilterProc.h"
+#include "korimg/filters/CImgFilterBlur.h"
 #include "korimg/filters/internal/LevelBand.h"
 #include "korimg/filters/internal/Ranks.h"
 #include "korimg/image/internal/Numbers.h"
@@ -22,7 +21,7 @@ enum Message : int { Mean = 6119, Median = 6120, Gauss = 6131 };
 template <class T>
 class Same {
  public:
-  Same(CVelImage const& image, T value) : values_(std::max(image.GetPlanes(), 1), value) {}
+  Same(const CVelImage& image, T value) : values_(std::max(image.GetPlanes(), 1), value) {}
   operator T*() { return values_.data(); }  // NOLINT: an argument per plane
 
  private:
@@ -34,14 +33,14 @@ int TruncatedRadius(double r) {
 }
 
 /// The band of a plane, if there is one.
-std::optional<LevelBand> BandOf(CVelImage const& src, int p, BandLimits const* limits) {
+std::optional<LevelBand> BandOf(const CVelImage& src, int p, const BandLimits* limits) {
   return limits ? std::optional<LevelBand>(LevelBand(src, p, *limits)) : std::nullopt;
 }
 
 /// Writes filtered pixels, or what the band makes of them, to row y from column x on.
-void Write(CVelImage& target, CVelImage& src, int p, int x, int y, std::optional<LevelBand> const& band,
-           float const* filtered, int columns) {
-  float const* s = src.GetLine(x, y, p);
+void Write(CVelImage& target, CVelImage& src, int p, int x, int y, const std::optional<LevelBand>& band,
+           const float* filtered, int columns) {
+  const float* s = src.GetLine(x, y, p);
   float* out = target.GetWritableLine(x, y, p);
   if (!band) {
     std::memcpy(out, filtered, sizeof(float) * columns);
@@ -54,7 +53,7 @@ void Write(CVelImage& target, CVelImage& src, int p, int x, int y, std::optional
 
 /// Writes filter(plane, y, line), which fills the window's columns of a line.
 template <class F>
-void FilterLines(CVelImage& target, CVelImage& src, Window const& window, BandLimits const* limits,
+void FilterLines(CVelImage& target, CVelImage& src, const Window& window, const BandLimits* limits,
                  F&& filter) {
   std::vector<std::optional<LevelBand>> bands;
   for (int p = 0; p < target.GetPlanes(); ++p) {
@@ -68,14 +67,14 @@ void FilterLines(CVelImage& target, CVelImage& src, Window const& window, BandLi
 }
 
 /// Filters by the prepared filters of the target.
-void FilterByProcs(CVelImage& target, CVelImage& src, Window const& window, BandLimits const* limits) {
+void FilterByProcs(CVelImage& target, CVelImage& src, const Window& window, const BandLimits* limits) {
   FilterLines(target, src, window, limits, [&](int p, int y, float* line) {
     target.FilterProcSlots().CalcLine(window.left, window.right, y, p, line);
   });
 }
 
-void RunGaussian(CVelImage& target, CVelImage& src, int p, Window const& window, CFilterMatrix const& matrix,
-                 std::optional<LevelBand> const& band) {
+void RunGaussian(CVelImage& target, CVelImage& src, int p, const Window& window, const CFilterMatrix& matrix,
+                 const std::optional<LevelBand>& band) {
   std::vector<float> row = matrix.GetMiddleRow(1);
   Halide::Runtime::Buffer<float, 1> weights(row.data(), matrix.GetD());
   PlaneBuffer input(src, p);
@@ -86,7 +85,7 @@ void RunGaussian(CVelImage& target, CVelImage& src, int p, Window const& window,
   });
 }
 
-void Gaussian(CVelImage& target, double const sigma[], BandLimits const* limits, CVelImage& src, CRect* rect,
+void Gaussian(CVelImage& target, const double sigma[], const BandLimits* limits, CVelImage& src, CRect* rect,
               int show) {
   if (!Fits(src, target)) return;
   const Window window(target, rect);
@@ -105,7 +104,7 @@ void Gaussian(CVelImage& target, double const sigma[], BandLimits const* limits,
 }
 
 /// The square of the middle row.
-void SquareMean(CVelImage& target, double const r[], double const weight[], CVelImage& src, CRect* rect,
+void SquareMean(CVelImage& target, const double r[], const double weight[], CVelImage& src, CRect* rect,
                 int show) {
   if (!Fits(src, target)) return;
   const Window window(target, rect);
@@ -120,7 +119,7 @@ void SquareMean(CVelImage& target, double const r[], double const weight[], CVel
   FilterByProcs(target, src, window, nullptr);
 }
 
-void DiscMean(CVelImage& target, double const r[], double const weight[], BandLimits const& limits,
+void DiscMean(CVelImage& target, const double r[], const double weight[], const BandLimits& limits,
               CVelImage& src, CRect* rect, int show) {
   if (!Fits(src, target)) return;
   const Window window(target, rect);
@@ -135,7 +134,7 @@ void DiscMean(CVelImage& target, double const r[], double const weight[], BandLi
   });
 }
 
-void MeanWithoutEdge(CVelImage& target, double const r[], double const weight[], BandLimits const* limits,
+void MeanWithoutEdge(CVelImage& target, const double r[], const double weight[], const BandLimits* limits,
                      CVelImage& src, CRect* rect, int show) {
   constexpr int kLaplacian = 0;  // the set of prepared filters
   if (!Fits(src, target)) return;
@@ -163,7 +162,7 @@ void MeanWithoutEdge(CVelImage& target, double const r[], double const weight[],
   });
 }
 
-void DiscMedian(CVelImage& target, double const r[], BandLimits const* limits, CVelImage& src, CRect* rect,
+void DiscMedian(CVelImage& target, const double r[], const BandLimits* limits, CVelImage& src, CRect* rect,
                 int show) {
   if (!Fits(src, target)) return;
   const Window window(target, rect);
@@ -171,7 +170,7 @@ void DiscMedian(CVelImage& target, double const r[], BandLimits const* limits, C
   for (int p = 0; p < target.GetPlanes(); ++p) {
     const auto band = BandOf(src, p, limits);
     const RankQuery query{.cells = Neighbourhood::Disc(TruncatedRadius(r[p]), r[p])};
-    FindRanks(target, src, p, window, query, [&](int x, int y, float const* values, int columns) {
+    FindRanks(target, src, p, window, query, [&](int x, int y, const float* values, int columns) {
       Write(target, src, p, x, y, band, values, columns);
     });
   }

@@ -1,9 +1,8 @@
-#include "korimg/filters/CImgFilterMisc.h"
-
 #include <algorithm>
 #include <cmath>
 
 #include "korimg/filters/CFilterMatrix.h"
+#include "korimg/filters/CImgFilterMisc.h"
 #include "korimg/filters/internal/Edges.h"
 #include "korimg/filters/internal/Ranks.h"
 #include "korimg/image/internal/Numbers.h"
@@ -52,7 +51,7 @@ void CImgFilterMisc::MinMaxFilter(double r[], int rank[], CVelImage* src, CRect*
                  .rank = rank[p],
                  .row = MirroredRow,
                  .column = NearestColumn},
-                [&](int x, int y, float const* values, int columns) {
+                [&](int x, int y, const float* values, int columns) {
                   std::copy_n(values, columns, GetWritableLine(x, y, p));
                 });
     } else if (whole <= kLargestDisc) {

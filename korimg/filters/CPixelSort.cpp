@@ -38,7 +38,7 @@ int CPixelSort::Get(int i, int* x, int* y, float* value) const {
 }
 
 void CPixelSort::Sort() {
-  std::sort(pixels_.begin(), pixels_.begin() + count_, [](Pixel const& a, Pixel const& b) {
+  std::sort(pixels_.begin(), pixels_.begin() + count_, [](const Pixel& a, const Pixel& b) {
     if (korimg::NanLast(a.value, b.value)) return true;
     if (korimg::NanLast(b.value, a.value)) return false;
     return std::tie(a.random, a.y, a.x) < std::tie(b.random, b.y, b.x);

@@ -18,11 +18,11 @@ CFilterProcEx& CVelImage::FilterProcSet(int set) {
   return filterProcs_->sets[set];
 }
 
-int CVelImage::MakeFilterProc(CVelImage* src, CFilterMatrix const* matrix, int plane, int normalize) {
+int CVelImage::MakeFilterProc(CVelImage* src, const CFilterMatrix* matrix, int plane, int normalize) {
   return FilterProcSlots().Make(src, matrix, plane, normalize);
 }
 
-int CVelImage::MakeFilterProcEx(int set, CVelImage* src, CFilterMatrix const* matrix, int plane,
+int CVelImage::MakeFilterProcEx(int set, CVelImage* src, const CFilterMatrix* matrix, int plane,
                                 int normalize) {
   return FilterProcSet(set).Make(src, matrix, plane, normalize);
 }

@@ -26,7 +26,7 @@ struct Tile {
   std::vector<float> pixels;
   bool hasNan = false;
 
-  Tile(CVelImage& src, int plane, Window const& window, RankQuery const& query)
+  Tile(CVelImage& src, int plane, const Window& window, const RankQuery& query)
       : results(window),
         r(query.cells.r),
         width(window.Width() + 2 * r),
@@ -41,7 +41,7 @@ struct Tile {
       const int y = window.top - r + v;
       const bool inside = y >= 0 && y < imageHeight;
       if (!inside && !query.row) continue;
-      float const* from = src.GetLine(0, inside ? y : query.row(y, imageHeight), plane);
+      const float* from = src.GetLine(0, inside ? y : query.row(y, imageHeight), plane);
       float* to = pixels.data() + static_cast<size_t>(v) * width;
       std::copy(from + window.left - r + first, from + window.left - r + last, to + first);
       if (query.column) {
@@ -68,7 +68,7 @@ struct Tile {
 
 /// Calls cell(dx, dy) for each cell.
 template <class F>
-void ForCells(Neighbourhood const& cells, F&& cell) {
+void ForCells(const Neighbourhood& cells, F&& cell) {
   for (int dy = -cells.r; dy <= cells.r; ++dy) {
     const int half = cells.halfWidth[cells.r + dy];
     for (int dx = -half; dx <= half; ++dx) {
@@ -80,7 +80,7 @@ void ForCells(Neighbourhood const& cells, F&& cell) {
 /// Selects by a network: for few cells.
 class NetworkSelector {
  public:
-  explicit NetworkSelector(RankQuery const& query)
+  explicit NetworkSelector(const RankQuery& query)
       : query_(query), count_(query.cells.Count()), rank_(query.rank.value_or(count_ / 2)) {
     // From the end of a network that sorts, only what leads to the rank is kept.
     const Network network = MakeNetwork(count_);
@@ -95,7 +95,7 @@ class NetworkSelector {
     std::reverse(steps_.begin(), steps_.end());
   }
 
-  void Run(Tile const& tile, RankSink const& sink) const {
+  void Run(const Tile& tile, const RankSink& sink) const {
     const Window& w = tile.results;
     // NaN sorts as infinity does, and is told from it in the few pixels where it may be the result.
     std::vector<float> numbers;
@@ -105,7 +105,7 @@ class NetworkSelector {
         if (number != number) number = std::numeric_limits<float>::infinity();
       }
     }
-    float const* pixels = tile.hasNan ? numbers.data() : tile.pixels.data();
+    const float* pixels = tile.hasNan ? numbers.data() : tile.pixels.data();
     const int chunk = std::min(ChunkColumns(), w.Width());
     std::vector<float> values(static_cast<size_t>(count_) * chunk), line(w.Width());
     for (int y = 0; y < w.Height(); ++y) {
@@ -157,7 +157,7 @@ class NetworkSelector {
   }
 
   /// Selects anew where cells lie beyond the edges and are left out, and where NaN may be the result.
-  void Repair(Tile const& tile, int y, float* line) const {
+  void Repair(const Tile& tile, int y, float* line) const {
     const Window& w = tile.results;
     const int r = tile.r;
     if (!query_.row) {
@@ -175,7 +175,7 @@ class NetworkSelector {
     }
   }
 
-  float Select(Tile const& tile, int x, int y) const {
+  float Select(const Tile& tile, int x, int y) const {
     std::vector<float> values;
     values.reserve(count_);
     ForCells(query_.cells, [&](int dx, int dy) {
@@ -187,7 +187,7 @@ class NetworkSelector {
     return *nth;
   }
 
-  RankQuery const& query_;
+  const RankQuery& query_;
   int count_;
   int rank_;
   std::vector<Step> steps_;
@@ -196,7 +196,7 @@ class NetworkSelector {
 /// The numbers of a tile's pixels in the order of their values, from 0.
 class Order {
  public:
-  explicit Order(std::vector<float> const& pixels) : place_(pixels.size()), values_(pixels.size()) {
+  explicit Order(const std::vector<float>& pixels) : place_(pixels.size()), values_(pixels.size()) {
     // By the key's digits, the lowest first; the pixel's index rides along.
     constexpr int kBits = 11, kDigits = 1 << kBits;
     std::vector<std::uint64_t> from(pixels.size()), to(pixels.size());
@@ -284,7 +284,7 @@ class PlaceSet {
 };
 
 /// Selects in a window that slides over the tile, to the right and back in turn.
-void SlideOver(Tile const& tile, RankQuery const& query, RankSink const& sink) {
+void SlideOver(const Tile& tile, const RankQuery& query, const RankSink& sink) {
   const Order order(tile.pixels);
   PlaceSet set(tile.pixels.size());
   const Neighbourhood& cells = query.cells;
@@ -343,8 +343,8 @@ int Neighbourhood::Count() const {
                          [](int sum, int half) { return half < 0 ? sum : sum + 2 * half + 1; });
 }
 
-void FindRanks(CVelImage& shown, CVelImage& src, int plane, Window const& window, RankQuery const& query,
-               RankSink const& sink) {
+void FindRanks(CVelImage& shown, CVelImage& src, int plane, const Window& window, const RankQuery& query,
+               const RankSink& sink) {
   if (window.IsEmpty()) return;
   const int count = query.cells.Count(), r = query.cells.r;
   constexpr int kFew = 49;  // cells up to which networks are faster

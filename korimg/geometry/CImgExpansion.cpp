@@ -11,14 +11,14 @@ using namespace korimg;
 namespace {
 
 /// Where the map lies on an image.
-Window MapBox(CVelImage const& image) {
+Window MapBox(const CVelImage& image) {
   const int w = image.GetWidth(), h = image.GetHeight();
   const int width = h < w / 2 ? 2 * h : w, height = h < w / 2 ? h : w / 2;
   const int left = (w - width) / 2, top = (h - height) / 2;
   return {left, top, left + width, top + height};
 }
 
-void DrawGrid(CVelImage& image, Window const& box, Window const& window) {
+void DrawGrid(CVelImage& image, const Window& box, const Window& window) {
   constexpr int kEvery = 3, kParallels = 18, kMeridians = 36;
   const auto place = [](int i, int size, int divisions, int origin) {
     return static_cast<int>(1.0 * i * (size - 1) / divisions + origin);
@@ -68,7 +68,7 @@ void CImgExpansion::Do(CVelImage* src, double centreX, double centreY, double ra
         out[x] = outside;
         continue;
       }
-      Direction const& e = equator[x - box.left];
+      const Direction& e = equator[x - box.left];
       Direction d = RotateDc(matrix, {meridian[0] * e[0], meridian[0] * e[1], meridian[2] * oblateness});
       if (d[2] == 1 || d[2] == -1) d[0] = d[1] = 0;
       const double sx = radius * d[1] + centreX, sy = centreY - radius * d[2];

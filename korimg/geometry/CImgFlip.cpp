@@ -7,7 +7,7 @@ using namespace korimg;
 
 namespace {
 
-void CopyReversed(float const* in, float* out, int width) {
+void CopyReversed(const float* in, float* out, int width) {
   RunInLongVectors([=]() KORIMG_IN_LOOP {
     for (int x = 0; x < width; ++x) {
       out[x] = in[width - 1 - x];
@@ -23,7 +23,7 @@ void CImgFlip::Do(int axis, CVelImage* src, int show) {
   if (axis != 0 && axis != 1) return;
   const size_t width = GetWidth();
   ForPlaneLines(*this, Window(*this, nullptr), Team::All, [&](int p, int y) {
-    float const* in = src->GetLine(0, axis == 0 ? GetHeight() - 1 - y : y, p);
+    const float* in = src->GetLine(0, axis == 0 ? GetHeight() - 1 - y : y, p);
     float* out = GetWritableLine(0, y, p);
     if (axis == 0) {
       std::memcpy(out, in, width * sizeof(float));

@@ -39,7 +39,7 @@ struct Rule {
   bool average;
   float transparent, tolerance;
 
-  float operator()(Reading const& first, Reading const& second) const {
+  float operator()(const Reading& first, const Reading& second) const {
     const float s = first.value, t = second.value;
     if (average) return (s + t) * 0.5f;
     if (second.outside) return s;

@@ -129,7 +129,7 @@ void CImgResolution::DoBicubic(CVelImage* src) {
   const auto columns = TapsOfColumns<Four>(src->GetWidth(), GetWidth());
   ForPlaneLines(*this, Window(*this, nullptr), Team::All, [&](int p, int y) {
     const Four row(y, src->GetHeight(), GetHeight());
-    float const* lines[4];
+    const float* lines[4];
     for (int i = 0; i < 4; ++i) {
       lines[i] = src->GetLine(0, row.index[i], p);
     }

@@ -43,8 +43,8 @@ class CentreScope {
     image.SetDefaultCenter();
   }
   ~CentreScope() { image_.SetStdCtr(before_); }
-  CentreScope(CentreScope const&) = delete;
-  CentreScope& operator=(CentreScope const&) = delete;
+  CentreScope(const CentreScope&) = delete;
+  CentreScope& operator=(const CentreScope&) = delete;
 
  private:
   CVelImage& image_;
@@ -54,7 +54,7 @@ class CentreScope {
 constexpr int kSide = 4;
 
 /// Writes four pixels of four lines as four pixels of each of four others.
-void Transpose(float const* const in[kSide], int at, float* out0, float* out1, float* out2, float* out3) {
+void Transpose(const float* const in[kSide], int at, float* out0, float* out1, float* out2, float* out3) {
   __m128 a = _mm_loadu_ps(in[0] + at), b = _mm_loadu_ps(in[1] + at), c = _mm_loadu_ps(in[2] + at),
          d = _mm_loadu_ps(in[3] + at);
   _MM_TRANSPOSE4_PS(a, b, c, d);
@@ -74,7 +74,7 @@ void CopyLines(CImgRotate& target, CVelImage& src, int show, F&& line) {
 
 }  // namespace
 
-float CImgRotate::OutsideValue(unsigned long colour, CVelImage const& src) const {
+float CImgRotate::OutsideValue(unsigned long colour, const CVelImage& src) const {
   const auto r = static_cast<float>(colour & 255), g = static_cast<float>(colour >> 8 & 255),
              b = static_cast<float>(colour >> 16 & 255);
   const float value = src.IsColor() ? r : std::trunc(0.299f * r + 0.587f * g + 0.114f * b);
@@ -140,7 +140,7 @@ void CImgRotate::Do0(CVelImage* src, int progress) {
 void CImgRotate::Do180(CVelImage* src, int progress) {
   InitStdPtCtr();
   CopyLines(*this, *src, progress, [&](int p, int y) {
-    float const* in = src->GetLine(0, GetHeight() - 1 - y, p);
+    const float* in = src->GetLine(0, GetHeight() - 1 - y, p);
     std::reverse_copy(in, in + GetWidth(), GetWritableLine(0, y, p));
   });
 }
@@ -163,7 +163,7 @@ int CImgRotate::Do90(int direction, CVelImage* src, int progress) {
       for (int left = 0; left < width; left += kTileColumns) {
         const int columns = std::min(kTileColumns, width - left);
         for (int x = 0; x < columns; x += kSide) {
-          float const* in[kSide];
+          const float* in[kSide];
           for (int i = 0; i < kSide; ++i) {
             const int column = left + std::min(x + i, columns - 1);
             in[i] = src->GetLine(sourceLeft, direction == 0 ? column : width - 1 - column, p);

@@ -24,7 +24,7 @@ class KORIMG_API CImgRotate : public CVelImage {
   int Do90(int direction, CVelImage* src, int progress);
 
  private:
-  float OutsideValue(unsigned long colour, CVelImage const& src) const;
+  float OutsideValue(unsigned long colour, const CVelImage& src) const;
   void DoPipelines(CVelImage* src, double sine, double cosine, float outside, int method);
   void DoLines(CVelImage* src, double sine, double cosine, float outside, int method);
 };

@@ -33,12 +33,12 @@ int CImgSoftBinning::Do(int binX, int binY, int roundUp, int scaleLevels, CVelIm
   return 1;
 }
 
-void CImgSoftBinning::BinLines(int binX, int binY, CVelImage& src, Window const& window) {
+void CImgSoftBinning::BinLines(int binX, int binY, CVelImage& src, const Window& window) {
   ForPlaneLines(*this, window, Team::All, [&](int p, int y) {
     std::vector<float> sums(window.Width());
     const int top = y * binY, bottom = std::min(top + binY, src.GetHeight());
     for (int row = top; row < bottom; ++row) {
-      float const* in = src.GetLine(0, row, p);
+      const float* in = src.GetLine(0, row, p);
       for (int x = 0; x < window.Width(); ++x) {
         const int left = (window.left + x) * binX, right = std::min(left + binX, src.GetWidth());
         for (int column = left; column < right; ++column) {

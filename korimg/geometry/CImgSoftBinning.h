@@ -16,5 +16,5 @@ class KORIMG_API CImgSoftBinning : public CVelImage {
   int Do(int binX, int binY, int roundUp, int scaleLevels, CVelImage* src, int show);
 
  private:
-  void BinLines(int binX, int binY, CVelImage& src, korimg::Window const& window);
+  void BinLines(int binX, int binY, CVelImage& src, const korimg::Window& window);
 };

@@ -16,7 +16,7 @@ namespace {
 constexpr int kMostTaps = 6;
 
 struct MethodNames {
-  wchar_t const *english, *display;
+  const wchar_t *english, *display;
 };
 constexpr MethodNames kNames[] = {{L"Bilinear", L"バイリニア"},
                                   {L"Bicubic", L"バイキュービック"},
@@ -55,10 +55,10 @@ struct CInterp::Run {
   CVelImage* image;
   int plane;
   int top = INT_MIN;
-  float const* rows[kMostTaps] = {};
+  const float* rows[kMostTaps] = {};
   Axis x, y;
 
-  double const* Weights(Axis& axis, int method, double f) const {
+  const double* Weights(Axis& axis, int method, double f) const {
     if (axis.fraction == f) return axis.weight;
     const int taps = TapsOf(method), first = 1 - taps / 2;
     for (int i = 0; i < taps; ++i) {
@@ -131,7 +131,7 @@ void CInterp::GetImageYaddress() {
   }
 }
 
-float const* CInterp::Row(CVelImage& image, int y, int plane) const {
+const float* CInterp::Row(CVelImage& image, int y, int plane) const {
   if (&image == rowsOf_ && !rows_.empty()) return rows_[firstRows_[plane] + y];
   return image.GetLine(0, y, plane);
 }
@@ -162,7 +162,7 @@ double CInterp::KernelLanczos(double x, double n) {
   return std::sin(p / n) * (std::sin(p) * n) / (p * p);
 }
 
-float CInterp::Calc(double const* yWeights, float const* taps, double const* xWeights, int n) {
+float CInterp::Calc(const double* yWeights, const float* taps, const double* xWeights, int n) {
   double sum = 0;
   for (int i = 0; i < n; ++i) {
     double row = 0;
@@ -196,7 +196,7 @@ int CInterp::Sample(int method, Run& run, double x, double y, float* out) const 
   }
   if (method == MethodBilinear) {
     const int left = std::min(ix, lastX), right = fx == 0 ? left : std::min(ix + 1, lastX);
-    float const *upper = run.rows[0], *lower = fy == 0 ? upper : run.rows[1];
+    const float *upper = run.rows[0], *lower = fy == 0 ? upper : run.rows[1];
     const double a = upper[left], b = upper[right], c = lower[left], d = lower[right];
     const double both = fy * fx;
     *out = fx == 0 && fy == 0
@@ -283,7 +283,7 @@ void CInterp::LineInt(int y, int plane, float* out, int* valid, int columns) con
   const ColumnRange inside(floorLeft_, width_, columns);
   if (y < 0 || y >= height_ || inside.begin == inside.end) return;
   CImage::AddressHandle lock;
-  float const* row =
+  const float* row =
       image_->GetImageAdr(0, y, plane, static_cast<CImage::Mode>(CImage::ReadOnly | CImage::Locked), &lock);
   std::memcpy(out + inside.begin, row + floorLeft_ + inside.begin,
               sizeof(float) * (inside.end - inside.begin));
@@ -512,9 +512,9 @@ CString CInterp::GetEngString(int method) {
   return method >= 0 && method < kMethods ? kNames[method].english : L"";
 }
 
-int CInterp::GetMethod(CString const& name) {
+int CInterp::GetMethod(const CString& name) {
   for (int i = 0; i < kMethods; ++i) {
-    std::wstring_view text = static_cast<wchar_t const*>(name), known = kNames[i].english;
+    std::wstring_view text = static_cast<const wchar_t*>(name), known = kNames[i].english;
     if (std::equal(text.begin(), text.end(), known.begin(), known.end(),
                    [](wchar_t a, wchar_t b) { return std::towlower(a) == std::towlower(b); })) {
       return i;

@@ -86,7 +86,7 @@ class KORIMG_API CInterp {
   static CString GetString(int method);
   static CString GetEngString(int method);
   /// The number of a name for settings, in any case of letters; -1 when there is none.
-  static int GetMethod(CString const& name);
+  static int GetMethod(const CString& name);
 
  protected:
   /// 1 and the sample, or 0 where the method refuses the position.
@@ -100,13 +100,13 @@ class KORIMG_API CInterp {
   static double KernelBicubic(double x, double a);
   static double KernelLanczos(double x, double n);
   /// The sum of n rows of n taps, weighted along x and then along y.
-  static float Calc(double const* yWeights, float const* taps, double const* xWeights, int n);
+  static float Calc(const double* yWeights, const float* taps, const double* xWeights, int n);
 
  private:
   struct Run;
 
   void SetImage(CVelImage* image, int useImageCentre);
-  float const* Row(CVelImage& image, int y, int plane) const;
+  const float* Row(CVelImage& image, int y, int plane) const;
   int Sample(int method, Run& run, double x, double y, float* out) const;
   float SampleOrZero(Run& run, double x, double y) const;
   int PlaneOfImage(int plane) const;
@@ -146,7 +146,7 @@ class KORIMG_API CInterp {
   int colour_ = 0;
   float offsets_[3] = {};
   float gains_[3] = {};
-  std::vector<float const*> rows_;  ///< of all planes; empty on a store that moves its blocks
+  std::vector<const float*> rows_;  ///< of all planes; empty on a store that moves its blocks
   int planes_ = 0;                  ///< when the table was built
   std::vector<int> firstRows_;      ///< of each plane in the table
   CVelImage* rowsOf_ = nullptr;

@@ -15,7 +15,7 @@ namespace {
 /// How much of the result a mask's pixel takes.
 class Share {
  public:
-  explicit Share(CVelImage const& mask)
+  explicit Share(const CVelImage& mask)
       : low_(static_cast<float>(mask.GetLevelMin(0))), high_(static_cast<float>(mask.GetLevelMax(0))) {}
 
   bool IsUsable() const { return low_ != high_; }
@@ -32,13 +32,13 @@ class Share {
 };
 
 /// The plane of another image that goes with plane p.
-int PlaneFor(CVelImage const& other, int p) {
+int PlaneFor(const CVelImage& other, int p) {
   return std::min(p, other.GetPlanes() - 1);
 }
 
 /// Blends the pixels from `first` to `last` of a line, with nothing of `t` at a share of 0; or the other way
 /// round.
-void Blend(float* t, float const* o, float const* mask, int first, int last, Share const& share,
+void Blend(float* t, const float* o, const float* mask, int first, int last, const Share& share,
            bool reverse) {
   if (reverse) {
     for (int x = first; x < last; ++x) {
@@ -53,7 +53,7 @@ void Blend(float* t, float const* o, float const* mask, int first, int last, Sha
 
 /// Calls line(plane, y) for the planes of each line of the window, and counts lines of all planes together.
 template <class F>
-void ForMaskedLines(CVelImage& image, Window const& window, Team team, F&& line) {
+void ForMaskedLines(CVelImage& image, const Window& window, Team team, F&& line) {
   ForLines(team, window.top, window.bottom, [&](int y) {
     for (int p = 0; p < image.GetPlanes(); ++p) {
       line(p, y);
@@ -62,7 +62,7 @@ void ForMaskedLines(CVelImage& image, Window const& window, Team team, F&& line)
   });
 }
 
-void BlendLines(CVelImage& image, CVelImage& other, CVelImage& mask, Window const& window, bool reverse,
+void BlendLines(CVelImage& image, CVelImage& other, CVelImage& mask, const Window& window, bool reverse,
                 Team team) {
   const Share share(mask);
   ForMaskedLines(image, window, team, [&](int p, int y) {
@@ -72,12 +72,12 @@ void BlendLines(CVelImage& image, CVelImage& other, CVelImage& mask, Window cons
 }
 
 /// Brings the other's pixels back to where nothing is selected, and blends the rest if there is a mask.
-void Select(CVelImage& image, CVelImage& other, CImageSelection const& selection, CVelImage* mask,
-            bool reverse, Window const& window, Team team) {
+void Select(CVelImage& image, CVelImage& other, const CImageSelection& selection, CVelImage* mask,
+            bool reverse, const Window& window, Team team) {
   const Share share(mask ? *mask : image);
   ForMaskedLines(image, window, team, [&](int p, int y) {
     float* t = image.GetWritableLine(0, y, p);
-    float const* o = other.GetLine(0, y, PlaneFor(other, p));
+    const float* o = other.GetLine(0, y, PlaneFor(other, p));
     auto [first, last] = selection.GetRange(y, image.GetWidth());
     first = std::clamp(first, window.left, window.right);
     last = std::clamp(last, window.left, window.right);

@@ -12,7 +12,7 @@
 namespace {
 
 template <class T>
-T Load(unsigned char const* at) {
+T Load(const unsigned char* at) {
   T value;
   std::memcpy(&value, at, sizeof value);
   return value;
@@ -61,7 +61,7 @@ struct Extremes {
     sum += value;
     ++count;
   }
-  void Add(Extremes const& other) {
+  void Add(const Extremes& other) {
     min = std::min(min, other.min);
     max = std::max(max, other.max);
     sum += other.sum;
@@ -70,7 +70,7 @@ struct Extremes {
 };
 
 /// The same for a line of floats, by vectors. The compiler's own ones for plain loops take twice the time.
-Extremes ExtremesOf(float const* line, int width) {
+Extremes ExtremesOf(const float* line, int width) {
   using Floats = float __attribute__((vector_size(16)));
   using Doubles = double __attribute__((vector_size(32)));
   constexpr int kFloats = 4, kVectors = 4, kStep = kVectors * kFloats;
@@ -127,15 +127,15 @@ bool Try(F&& allocate) {
 
 CImage::CImage() = default;
 
-CImage::CImage(std::shared_ptr<CVmManager> const& manager, DataType bits, int width, int height, int planes,
-               double bscale, double bzero, bool isSigned, ProgressPtr const& progress)
+CImage::CImage(const std::shared_ptr<CVmManager>& manager, DataType bits, int width, int height, int planes,
+               double bscale, double bzero, bool isSigned, const ProgressPtr& progress)
     : bits_(bits), signed_(isSigned), bscale_(bscale), bzero_(bzero) {
   vmImage_ = NewStore(manager, width, height, planes, bits, progress);
   axes_ = {width, height, planes};
   SetPlanes(planes);
 }
 
-CImage::CImage(CImage const& other, ProgressPtr const& progress) {
+CImage::CImage(const CImage& other, const ProgressPtr& progress) {
   if (!other.IsEmpty()) vmImage_ = std::make_unique<CVmImage>(*other.vmImage_, progress);
   CopyRecord(other);
 }
@@ -146,8 +146,8 @@ void CImage::Empty() {
   vmImage_.reset();
 }
 
-std::unique_ptr<CVmImage> CImage::NewStore(std::shared_ptr<CVmManager> const& manager, int width, int height,
-                                           int planes, DataType bits, ProgressPtr const& progress,
+std::unique_ptr<CVmImage> CImage::NewStore(const std::shared_ptr<CVmManager>& manager, int width, int height,
+                                           int planes, DataType bits, const ProgressPtr& progress,
                                            Contents contents) const {
   auto store = std::make_unique<CVmImage>(manager, width, height, planes, GetBytesPixel(bits), progress);
   for (int p = 0; p < planes && contents == Contents::Zero; ++p) {
@@ -156,14 +156,14 @@ std::unique_ptr<CVmImage> CImage::NewStore(std::shared_ptr<CVmManager> const& ma
   return store;
 }
 
-bool CImage::AllocImage(std::shared_ptr<CVmManager> const& manager, ProgressPtr const& progress) {
+bool CImage::AllocImage(const std::shared_ptr<CVmManager>& manager, const ProgressPtr& progress) {
   return Try([&] {
     vmImage_ = NewStore(manager, GetWidth(), GetHeight(), GetPlanes(), bits_, progress);
     SetPlanes(GetPlanes());
   });
 }
 
-bool CImage::ChangeSize(int width, int height, ProgressPtr const& progress, Contents contents) {
+bool CImage::ChangeSize(int width, int height, const ProgressPtr& progress, Contents contents) {
   if (!IsEmpty() && width == GetWidth() && height == GetHeight()) return true;
   return Try([&] {
     velora::ScopedProgress steps(progress, 1);
@@ -174,7 +174,7 @@ bool CImage::ChangeSize(int width, int height, ProgressPtr const& progress, Cont
   });
 }
 
-bool CImage::ChangePlanes(int planes, ProgressPtr const& progress) {
+bool CImage::ChangePlanes(int planes, const ProgressPtr& progress) {
   if (planes == GetPlanes()) return true;
   return Try([&] {
     auto store = NewStore(VmManager(), GetWidth(), GetHeight(), planes, bits_, progress);
@@ -192,7 +192,7 @@ bool CImage::ChangePlanes(int planes, ProgressPtr const& progress) {
   });
 }
 
-bool CImage::ChangeBits(DataType bits, bool isSigned, ChangeBitsLevel level, ProgressPtr const& progress) {
+bool CImage::ChangeBits(DataType bits, bool isSigned, ChangeBitsLevel level, const ProgressPtr& progress) {
   return Try([&] {
     auto store =
         NewStore(VmManager(), GetWidth(), GetHeight(), GetPlanes(), bits, progress, Contents::Undefined);
@@ -200,7 +200,7 @@ bool CImage::ChangeBits(DataType bits, bool isSigned, ChangeBitsLevel level, Pro
     velora::ScopedProgress steps(progress, GetPlanes() * GetHeight());
     for (int p = 0; p < GetPlanes(); ++p) {
       for (int y = 0; y < GetHeight(); ++y) {
-        unsigned char const* in = vmImage_->GetImageAdr(0, y, p, true, false, nullptr);
+        const unsigned char* in = vmImage_->GetImageAdr(0, y, p, true, false, nullptr);
         unsigned char* out = store->GetImageAdr(0, y, p, false, false, nullptr);
         for (int x = 0; x < GetWidth(); ++x) {
           Encode(out + x * to, bits, isSigned, GetPixel(in + x * from));
@@ -219,11 +219,11 @@ bool CImage::ChangeBits(DataType bits, bool isSigned, ChangeBitsLevel level, Pro
   });
 }
 
-std::unique_ptr<CImage> CImage::Clone(ProgressPtr const& progress) const {
+std::unique_ptr<CImage> CImage::Clone(const ProgressPtr& progress) const {
   return std::make_unique<CImage>(*this, progress);
 }
 
-std::unique_ptr<CImage> CImage::CloneWithoutImage(ProgressPtr const& progress) const {
+std::unique_ptr<CImage> CImage::CloneWithoutImage(const ProgressPtr& progress) const {
   auto clone = std::make_unique<CImage>();
   if (!IsEmpty())
     clone->vmImage_ = NewStore(VmManager(), GetWidth(), GetHeight(), GetPlanes(), bits_, progress);
@@ -231,7 +231,7 @@ std::unique_ptr<CImage> CImage::CloneWithoutImage(ProgressPtr const& progress) c
   return clone;
 }
 
-bool CImage::Create(CImage const& other, ProgressPtr const& progress) {
+bool CImage::Create(const CImage& other, const ProgressPtr& progress) {
   if (this == &other) return true;
   const bool fits = !IsEmpty() && !other.IsEmpty() && axes_ == other.axes_ &&
                     GetBytesPixel() == other.GetBytesPixel() && VmManager() == other.VmManager();
@@ -245,7 +245,7 @@ bool CImage::Create(CImage const& other, ProgressPtr const& progress) {
   });
 }
 
-bool CImage::CopyImage(CImage const& other, ProgressPtr const& progress) {
+bool CImage::CopyImage(const CImage& other, const ProgressPtr& progress) {
   if (this == &other) return true;
   return Try([&] {
     vmImage_ = other.IsEmpty() ? nullptr : std::make_unique<CVmImage>(*other.vmImage_, progress);
@@ -253,7 +253,7 @@ bool CImage::CopyImage(CImage const& other, ProgressPtr const& progress) {
   });
 }
 
-void CImage::CopyRecord(CImage const& other) {
+void CImage::CopyRecord(const CImage& other) {
   bits_ = other.bits_;
   signed_ = other.signed_;
   dimension_ = other.dimension_;
@@ -341,9 +341,9 @@ void CImage::SetPlanes(int planes) {
   resize(levelRange_, 1);
 }
 
-bool CImage::AttachDIB(std::shared_ptr<CVmManager> const& manager, HDIB dib, HWND window,
-                       wchar_t const* text) {
-  const auto* bytes = static_cast<unsigned char const*>(GlobalLock(dib));
+bool CImage::AttachDIB(const std::shared_ptr<CVmManager>& manager, HDIB dib, HWND window,
+                       const wchar_t* text) {
+  const auto* bytes = static_cast<const unsigned char*>(GlobalLock(dib));
   const long long size = static_cast<long long>(GlobalSize(dib));
   if (!bytes || size < static_cast<long long>(sizeof(BITMAPINFOHEADER))) return false;
   const auto header = Load<BITMAPINFOHEADER>(bytes);
@@ -361,7 +361,7 @@ bool CImage::AttachDIB(std::shared_ptr<CVmManager> const& manager, HDIB dib, HWN
   const long long pixels = header.biSize + entries * 4;
   if ((hasPalette && entries > (1LL << bits)) || pixels + stride * height > size) return false;
 
-  unsigned char const* palette = bytes + header.biSize;
+  const unsigned char* palette = bytes + header.biSize;
   bool grey = hasPalette;
   for (long long i = 0; grey && i < entries; ++i) {
     grey = palette[4 * i] == palette[4 * i + 1] && palette[4 * i] == palette[4 * i + 2];
@@ -369,7 +369,7 @@ bool CImage::AttachDIB(std::shared_ptr<CVmManager> const& manager, HDIB dib, HWN
   CImage image(manager, UInt8, width, height, grey ? 1 : 3, 1, 0, false, nullptr);
   velora::ScopedProgress steps(window ? velora::ProgressWin::Create(window, text, false) : nullptr, height);
   for (int y = 0; y < height; ++y) {
-    unsigned char const* line = bytes + pixels + stride * (header.biHeight > 0 ? height - 1 - y : y);
+    const unsigned char* line = bytes + pixels + stride * (header.biHeight > 0 ? height - 1 - y : y);
     for (int p = 0; p < image.GetPlanes(); ++p) {
       unsigned char* out = image.vmImage_->GetImageAdr(0, y, p, false, false, nullptr);
       for (int x = 0; x < width; ++x) {
@@ -406,9 +406,9 @@ void CImage::GetMinMax(int plane, double* min, double* max) {
 
 std::tuple<double, double, double> CImage::GetMinMaxAvr(int plane) {
   const auto lines = korimg::MapLines(0, GetHeight(), [&](int y) {
-    unsigned char const* line = vmImage_->GetImageAdr(0, y, plane, true, false, nullptr);
+    const unsigned char* line = vmImage_->GetImageAdr(0, y, plane, true, false, nullptr);
     if (bits_ == Float && bscale_ == 1 && bzero_ == 0) {
-      return ExtremesOf(reinterpret_cast<float const*>(line), GetWidth());
+      return ExtremesOf(reinterpret_cast<const float*>(line), GetWidth());
     }
     Extremes extremes;
     for (int x = 0; x < GetWidth(); ++x) {
@@ -417,7 +417,7 @@ std::tuple<double, double, double> CImage::GetMinMaxAvr(int plane) {
     return extremes;
   });
   Extremes all;
-  for (Extremes const& line : lines) {
+  for (const Extremes& line : lines) {
     all.Add(line);
   }
   if (all.count == 0) return {0, 0, 0};
@@ -442,7 +442,7 @@ std::tuple<double, double, double> CImage::GetMinMaxMode(int plane, int bins, in
   const int rows = grid ? static_cast<int>(cullY_.size()) : GetHeight();
   const int columns = grid ? static_cast<int>(cullX_.size()) : GetWidth();
   for (int j = 0; j < rows; ++j) {
-    unsigned char const* line = vmImage_->GetImageAdr(0, grid ? cullY_[j] : j, plane, true, false, nullptr);
+    const unsigned char* line = vmImage_->GetImageAdr(0, grid ? cullY_[j] : j, plane, true, false, nullptr);
     for (int i = 0; i < columns; ++i) {
       count(GetPixel(line + (grid ? cullX_[i] : i) * GetBytesPixel()));
     }
@@ -459,7 +459,7 @@ double CImage::GetPixel(int x, int y, int plane) {
   return GetPixel(vmImage_->GetImageAdr(x, y, plane, true, false, nullptr));
 }
 
-double CImage::GetPixel(unsigned char const* pixel) const {
+double CImage::GetPixel(const unsigned char* pixel) const {
   double value = 0;
   switch (static_cast<int>(bits_)) {
     case UInt8:

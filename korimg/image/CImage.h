@@ -44,28 +44,28 @@ class KORIMG_API CImage : public CObject {
 
   CImage();
   /// An image of width x height x planes zero pixels with levels 0 to 1.
-  CImage(std::shared_ptr<CVmManager> const& manager, DataType bits, int width, int height, int planes,
-         double bscale, double bzero, bool isSigned, ProgressPtr const& progress);
-  CImage(CImage const& other, ProgressPtr const& progress);
+  CImage(const std::shared_ptr<CVmManager>& manager, DataType bits, int width, int height, int planes,
+         double bscale, double bzero, bool isSigned, const ProgressPtr& progress);
+  CImage(const CImage& other, const ProgressPtr& progress);
   ~CImage() override;
-  CImage(CImage const&) = delete;
-  CImage& operator=(CImage const&) = delete;
+  CImage(const CImage&) = delete;
+  CImage& operator=(const CImage&) = delete;
 
   bool IsEmpty() const { return !vmImage_; }
   void Empty();
-  bool AllocImage(std::shared_ptr<CVmManager> const& manager, ProgressPtr const& progress);
+  bool AllocImage(const std::shared_ptr<CVmManager>& manager, const ProgressPtr& progress);
   /// Pixels are not kept: all are 0, unless the size is the same or the caller will write all of them.
-  bool ChangeSize(int width, int height, ProgressPtr const& progress, Contents contents = Contents::Zero);
+  bool ChangeSize(int width, int height, const ProgressPtr& progress, Contents contents = Contents::Zero);
   /// Keeps the pixels of the planes that both shapes have. New planes are 0 and get plane 0's levels.
-  bool ChangePlanes(int planes, ProgressPtr const& progress);
+  bool ChangePlanes(int planes, const ProgressPtr& progress);
   /// Converts the pixels to another type with scale 1 and offset 0. Integers are rounded and limited, NaN is
   /// 0.
-  bool ChangeBits(DataType bits, bool isSigned, ChangeBitsLevel level, ProgressPtr const& progress);
-  std::unique_ptr<CImage> Clone(ProgressPtr const& progress) const;
-  std::unique_ptr<CImage> CloneWithoutImage(ProgressPtr const& progress) const;
+  bool ChangeBits(DataType bits, bool isSigned, ChangeBitsLevel level, const ProgressPtr& progress);
+  std::unique_ptr<CImage> Clone(const ProgressPtr& progress) const;
+  std::unique_ptr<CImage> CloneWithoutImage(const ProgressPtr& progress) const;
   /// Takes the other's record, and a store of its shape. Pixel values are undefined.
-  bool Create(CImage const& other, ProgressPtr const& progress);
-  bool CopyImage(CImage const& other, ProgressPtr const& progress);
+  bool Create(const CImage& other, const ProgressPtr& progress);
+  bool CopyImage(const CImage& other, const ProgressPtr& progress);
   void Swap(CImage& other);
   bool Fill(int plane, double value);
 
@@ -79,7 +79,7 @@ class KORIMG_API CImage : public CObject {
 
   /// Builds an 8-bit image of one plane (grey palettes) or three from a packed bitmap of 1, 4, 8, 24 or 32
   /// bits. False for anything else. Window and text serve a progress display.
-  bool AttachDIB(std::shared_ptr<CVmManager> const& manager, HDIB dib, HWND window, wchar_t const* text);
+  bool AttachDIB(const std::shared_ptr<CVmManager>& manager, HDIB dib, HWND window, const wchar_t* text);
 
   /// Extremes of a plane in physical values; NaN is passed over, and a plane of nothing else gives (0, 0).
   std::tuple<double, double> GetMinMax(int plane);
@@ -94,7 +94,7 @@ class KORIMG_API CImage : public CObject {
 
   /// Physical value of one pixel.
   double GetPixel(int x, int y, int plane);
-  double GetPixel(unsigned char const* pixel) const;
+  double GetPixel(const unsigned char* pixel) const;
   double ApplyBaseScaleOffset(double value) const { return value * bscale_ + bzero_; }
 
   /// The sample grid: the columns and rows that statistics may look at instead of all pixels.
@@ -114,7 +114,7 @@ class KORIMG_API CImage : public CObject {
   void SetSigned(bool isSigned) { signed_ = isSigned; }
   int GetDimension() const { return dimension_; }
   bool IsColor() const { return dimension_ > 2; }
-  std::array<int, 3> const& GetAxes() const { return axes_; }
+  const std::array<int, 3>& GetAxes() const { return axes_; }
   int GetWidth() const { return axes_[0]; }
   int GetHeight() const { return axes_[1]; }
   int GetPlanes() const { return axes_[2]; }
@@ -128,14 +128,14 @@ class KORIMG_API CImage : public CObject {
   void SetSaveableFormat(bool saveable) { saveableFormat_ = saveable; }
   bool IsSaveableFile() const { return saveableFile_; }
   void SetSaveableFile(bool saveable) { saveableFile_ = saveable; }
-  std::wstring const& GetOrgFileName() const { return orgFileName_; }
-  void SetOrgFileName(CString const& name) { orgFileName_ = name; }
-  void SetOrgFileName(std::wstring const& name) { orgFileName_ = name; }
-  void SetOrgFileName(wchar_t const* name) { orgFileName_ = name; }
-  std::wstring const& GetOrgFileFormat() const { return orgFileFormat_; }
-  void SetOrgFileFormat(CString const& format) { orgFileFormat_ = format; }
-  void SetOrgFileFormat(std::wstring const& format) { orgFileFormat_ = format; }
-  void SetOrgFileFormat(wchar_t const* format) { orgFileFormat_ = format; }
+  const std::wstring& GetOrgFileName() const { return orgFileName_; }
+  void SetOrgFileName(const CString& name) { orgFileName_ = name; }
+  void SetOrgFileName(const std::wstring& name) { orgFileName_ = name; }
+  void SetOrgFileName(const wchar_t* name) { orgFileName_ = name; }
+  const std::wstring& GetOrgFileFormat() const { return orgFileFormat_; }
+  void SetOrgFileFormat(const CString& format) { orgFileFormat_ = format; }
+  void SetOrgFileFormat(const std::wstring& format) { orgFileFormat_ = format; }
+  void SetOrgFileFormat(const wchar_t* format) { orgFileFormat_ = format; }
   SourceType GetOrgBitsPixel() const { return orgBitsPixel_; }
   void SetOrgBitsPixel(SourceType type) { orgBitsPixel_ = type; }
   int GetOrgPlanes() const { return orgPlanes_; }
@@ -160,11 +160,11 @@ class KORIMG_API CImage : public CObject {
   void SetDevelopmentImage(bool development) { development_ = development; }
 
   CHeader* GetHeader() { return &header_; }
-  CHeader const* GetHeader() const { return &header_; }
+  const CHeader* GetHeader() const { return &header_; }
   /// The header names no camera model: the frame counts as coming from a CCD.
   bool IsCcd() const { return header_.GetCameraModel().IsEmpty(); }
 
-  bool Unlock(AddressHandle const& handle) { return vmImage_ && vmImage_->Unlock(handle); }
+  bool Unlock(const AddressHandle& handle) { return vmImage_ && vmImage_->Unlock(handle); }
   void UnlockAll() {
     if (vmImage_) vmImage_->UnlockAll();
   }
@@ -185,9 +185,9 @@ class KORIMG_API CImage : public CObject {
   CVmImage* GetVmImage() const { return vmImage_.get(); }
 
  private:
-  void CopyRecord(CImage const& other);
-  std::unique_ptr<CVmImage> NewStore(std::shared_ptr<CVmManager> const& manager, int width, int height,
-                                     int planes, DataType bits, ProgressPtr const& progress,
+  void CopyRecord(const CImage& other);
+  std::unique_ptr<CVmImage> NewStore(const std::shared_ptr<CVmManager>& manager, int width, int height,
+                                     int planes, DataType bits, const ProgressPtr& progress,
                                      Contents contents = Contents::Zero) const;
 
   DataType bits_ = Float;

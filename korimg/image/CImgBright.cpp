@@ -12,9 +12,9 @@ inline float BrightPixel(float s, float m, float k, float q, float a, float c, f
 }
 
 void BrightLines(CImgBright& target, float* const bright, float* const contrast, float average,
-                 CVelImage& src, Window const& window, Team team) {
+                 CVelImage& src, const Window& window, Team team) {
   ForPlaneLines(target, window, team, [&](int p, int y) {
-    float const* in = src.GetLine(window.left, y, p);
+    const float* in = src.GetLine(window.left, y, p);
     float* out = target.GetWritableLine(window.left, y, p);
     if (bright[p] == 0 && contrast[p] == 0) {
       std::memmove(out, in, sizeof(float) * window.Width());

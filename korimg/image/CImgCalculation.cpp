@@ -11,7 +11,7 @@ enum Op { kAdd = 0, kSubtract = 1, kMultiply = 2, kDivide = 3 };
 /// Smaller windows are not worth a pipeline.
 constexpr int kLeastWidth = 64, kLeastHeight = 32;
 
-Window ToWindow(CRect const& rect) {
+Window ToWindow(const CRect& rect) {
   return {rect.left, rect.top, rect.right, rect.bottom};
 }
 
@@ -48,7 +48,7 @@ void CImgCalculation::Do(double value, int op, int cutMinus, CVelImage* src, CRe
   }
 }
 
-void CImgCalculation::DoCalculation(double value, int op, int cutMinus, CVelImage* src, CRect const& window) {
+void CImgCalculation::DoCalculation(double value, int op, int cutMinus, CVelImage* src, const CRect& window) {
   const auto v = static_cast<float>(value);
   if (op == kDivide && value == 0.0) op = -1;
   MapPixels(*this, *src, ToWindow(window), Team::One, [&](int) {
@@ -69,17 +69,17 @@ void CImgCalculation::DoCalculation(double value, int op, int cutMinus, CVelImag
   });
 }
 
-void CImgCalculation::DoCalculation_x_add(float value, CVelImage* src, CRect const& window) {
+void CImgCalculation::DoCalculation_x_add(float value, CVelImage* src, const CRect& window) {
   MapPixels(*this, *src, ToWindow(window), Team::All,
             [=](int) { return [=](float s) { return s + value; }; });
 }
 
-void CImgCalculation::DoCalculation_x_sub(float value, int cutMinus, CVelImage* src, CRect const& window) {
+void CImgCalculation::DoCalculation_x_sub(float value, int cutMinus, CVelImage* src, const CRect& window) {
   MapPixels(*this, *src, ToWindow(window), Team::All,
             [=](int) { return [=](float s) { return cutMinus ? NotNegative(s - value) : s - value; }; });
 }
 
-void CImgCalculation::DoCalculation_x_mul(float value, CVelImage* src, CRect const& window) {
+void CImgCalculation::DoCalculation_x_mul(float value, CVelImage* src, const CRect& window) {
   MapPixels(*this, *src, ToWindow(window), Team::All,
             [=](int) { return [=](float s) { return s * value; }; });
 }

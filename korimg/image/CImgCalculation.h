@@ -11,8 +11,8 @@ class KORIMG_API CImgCalculation : public CVelImage {
   void Do(double value, int op, int cutMinus, CVelImage* src, CRect* rect, int show);
 
  private:
-  void DoCalculation(double value, int op, int cutMinus, CVelImage* src, CRect const& window);
-  void DoCalculation_x_add(float value, CVelImage* src, CRect const& window);
-  void DoCalculation_x_sub(float value, int cutMinus, CVelImage* src, CRect const& window);
-  void DoCalculation_x_mul(float value, CVelImage* src, CRect const& window);
+  void DoCalculation(double value, int op, int cutMinus, CVelImage* src, const CRect& window);
+  void DoCalculation_x_add(float value, CVelImage* src, const CRect& window);
+  void DoCalculation_x_sub(float value, int cutMinus, CVelImage* src, const CRect& window);
+  void DoCalculation_x_mul(float value, CVelImage* src, const CRect& window);
 };

@@ -11,7 +11,7 @@ inline float InvertPixel(float s, float a, float i, float c, float d) {
   return (255.0f - (s - a) * i * 255.0f) * 0.003921569f * d + c;
 }
 
-void InvertLines(CImgInvert& target, CVelImage& src, Window const& window, Team team) {
+void InvertLines(CImgInvert& target, CVelImage& src, const Window& window, Team team) {
   MapPixels(target, src, window, team, [&](int p) {
     const auto a = static_cast<float>(src.GetLevelMin(p)),
                i = 1.0f / static_cast<float>(src.GetLevelRange(p));

@@ -12,7 +12,7 @@
 
 namespace {
 
-CVelImage::ProgressPtr WindowProgress(HWND window, wchar_t const* text) {
+CVelImage::ProgressPtr WindowProgress(HWND window, const wchar_t* text) {
   return window ? velora::ProgressWin::Create(window, text, false) : nullptr;
 }
 
@@ -22,29 +22,29 @@ CVelImage::CVelImage() {
   Init();
 }
 
-CVelImage::CVelImage(std::shared_ptr<CVmManager> const& manager, DataType bits, int width, int height,
-                     int planes, double bscale, double bzero, int isSigned, ProgressPtr const& progress)
+CVelImage::CVelImage(const std::shared_ptr<CVmManager>& manager, DataType bits, int width, int height,
+                     int planes, double bscale, double bzero, int isSigned, const ProgressPtr& progress)
     : CImage(manager, bits, width, height, planes, bscale, bzero, isSigned != 0, progress) {
   Init();
 }
 
-CVelImage::CVelImage(std::shared_ptr<CVmManager> const& manager, DataType bits, int width, int height,
-                     int planes, double bscale, double bzero, int isSigned, HWND window, wchar_t const* text)
+CVelImage::CVelImage(const std::shared_ptr<CVmManager>& manager, DataType bits, int width, int height,
+                     int planes, double bscale, double bzero, int isSigned, HWND window, const wchar_t* text)
     : CVelImage(manager, bits, width, height, planes, bscale, bzero, isSigned,
                 velora::ProgressWin::Create(window, text, false)) {}
 
-CVelImage::CVelImage(CVelImage const& other, ProgressPtr const& progress) : CImage(other, progress) {
+CVelImage::CVelImage(const CVelImage& other, const ProgressPtr& progress) : CImage(other, progress) {
   CopyInternal(other);
 }
 
-CVelImage::CVelImage(CVelImage const& other, HWND window, wchar_t const* text)
+CVelImage::CVelImage(const CVelImage& other, HWND window, const wchar_t* text)
     : CVelImage(other, WindowProgress(window, text)) {}
 
 CVelImage::~CVelImage() {
   GetPixelGrayRawBufInit();
 }
 
-CVelImage& CVelImage::operator=(CVelImage const& other) {
+CVelImage& CVelImage::operator=(const CVelImage& other) {
   if (this != &other) CopyImageInternal(other, nullptr, nullptr);
   return *this;
 }
@@ -69,7 +69,7 @@ void CVelImage::Init() {
 }
 
 /// What copies take along beside pixels and record.
-void CVelImage::CopyInternal(CVelImage const& other) {
+void CVelImage::CopyInternal(const CVelImage& other) {
   progressWindow_ = other.progressWindow_;
   std::copy(std::begin(other.stdPt_), std::end(other.stdPt_), stdPt_);
   stdCtr_ = other.stdCtr_;
@@ -78,17 +78,17 @@ void CVelImage::CopyInternal(CVelImage const& other) {
   std::copy_n(other.avrPixel_, 3, avrPixel_);
 }
 
-std::unique_ptr<CVelImage> CVelImage::Clone(ProgressPtr const& progress) const {
+std::unique_ptr<CVelImage> CVelImage::Clone(const ProgressPtr& progress) const {
   return std::make_unique<CVelImage>(*this, progress);
 }
 
-std::unique_ptr<CVelImage> CVelImage::CloneWithoutImage(ProgressPtr const& progress) const {
+std::unique_ptr<CVelImage> CVelImage::CloneWithoutImage(const ProgressPtr& progress) const {
   auto clone = std::make_unique<CVelImage>();
   if (!clone->Create(*this, progress)) clone.reset();
   return clone;
 }
 
-bool CVelImage::Create(CVelImage const& other, ProgressPtr const& progress) {
+bool CVelImage::Create(const CVelImage& other, const ProgressPtr& progress) {
   if (this == &other) return true;
   GetPixelGrayRawBufInit();
   if (!CImage::Create(other, progress)) return false;
@@ -100,11 +100,11 @@ bool CVelImage::Create(CVelImage const& other, ProgressPtr const& progress) {
   return true;
 }
 
-int CVelImage::Create(CVelImage const& other, HWND window, wchar_t const* text) {
+int CVelImage::Create(const CVelImage& other, HWND window, const wchar_t* text) {
   return Create(other, WindowProgress(window, text));
 }
 
-int CVelImage::CopyImage(CVelImage const& other, HWND window, wchar_t const* text) {
+int CVelImage::CopyImage(const CVelImage& other, HWND window, const wchar_t* text) {
   try {
     CopyImageInternal(other, window, text);
     return 1;
@@ -116,7 +116,7 @@ int CVelImage::CopyImage(CVelImage const& other, HWND window, wchar_t const* tex
   return 0;
 }
 
-void CVelImage::CopyImageInternal(CVelImage const& other, HWND window, wchar_t const* text) {
+void CVelImage::CopyImageInternal(const CVelImage& other, HWND window, const wchar_t* text) {
   if (this == &other) return;
   GetPixelGrayRawBufInit();
   CImage::Empty();
@@ -145,7 +145,7 @@ void CVelImage::CopyStdPtCtr(CVelImage* other) {
   stdCtr_ = other->stdCtr_;
 }
 
-int CVelImage::AttachDIB(std::shared_ptr<CVmManager> const& manager, HDIB dib) {
+int CVelImage::AttachDIB(const std::shared_ptr<CVmManager>& manager, HDIB dib) {
   try {
     return CImage::AttachDIB(manager, dib, nullptr, nullptr) && ChangeBits(Float, true, ScaleLevel, nullptr);
   } catch (const velora::CVmMemoryAllocationError&) {
@@ -170,7 +170,7 @@ int CVelImage::ToColor(CVelImage* src, int message) {
   const korimg::ProgressScope progress(*this, message, 6130, GetHeight());
   korimg::ForLines(korimg::Team::All, 0, GetHeight(), [&](int y) {
     for (int p = 0; p < 3; ++p) {
-      float const* in = src->GetLine(0, y, src->IsColor() && src != this ? p : 0);
+      const float* in = src->GetLine(0, y, src->IsColor() && src != this ? p : 0);
       float* out = GetWritableLine(0, y, p);
       if (in != out) std::memcpy(out, in, sizeof(float) * GetWidth());
     }

@@ -33,32 +33,32 @@ class CImageSelection;
 class KORIMG_API CVelImage : public CImage {
  public:
   CVelImage();
-  CVelImage(std::shared_ptr<CVmManager> const& manager, DataType bits, int width, int height, int planes,
-            double bscale, double bzero, int isSigned, ProgressPtr const& progress);
-  CVelImage(std::shared_ptr<CVmManager> const& manager, DataType bits, int width, int height, int planes,
-            double bscale, double bzero, int isSigned, HWND window, wchar_t const* text);
+  CVelImage(const std::shared_ptr<CVmManager>& manager, DataType bits, int width, int height, int planes,
+            double bscale, double bzero, int isSigned, const ProgressPtr& progress);
+  CVelImage(const std::shared_ptr<CVmManager>& manager, DataType bits, int width, int height, int planes,
+            double bscale, double bzero, int isSigned, HWND window, const wchar_t* text);
   /// Takes the pixels, the record, the progress window, the reference points and the pixel tables along.
-  CVelImage(CVelImage const& other, ProgressPtr const& progress);
-  CVelImage(CVelImage const& other, HWND window, wchar_t const* text);
+  CVelImage(const CVelImage& other, const ProgressPtr& progress);
+  CVelImage(const CVelImage& other, HWND window, const wchar_t* text);
   ~CVelImage() override;
-  CVelImage& operator=(CVelImage const& other);
+  CVelImage& operator=(const CVelImage& other);
 
   /// Sets the reference points, gauges and tables to their defaults.
   void Init();
-  std::unique_ptr<CVelImage> Clone(ProgressPtr const& progress) const;
+  std::unique_ptr<CVelImage> Clone(const ProgressPtr& progress) const;
   /// A zeroed image of the same record; empty when there is no room.
-  std::unique_ptr<CVelImage> CloneWithoutImage(ProgressPtr const& progress) const;
+  std::unique_ptr<CVelImage> CloneWithoutImage(const ProgressPtr& progress) const;
   /// Takes the other's record and shape, with all pixels 0 before scale and offset. False when memory ran
   /// out.
-  bool Create(CVelImage const& other, ProgressPtr const& progress);
-  int Create(CVelImage const& other, HWND window, wchar_t const* text);
+  bool Create(const CVelImage& other, const ProgressPtr& progress);
+  int Create(const CVelImage& other, HWND window, const wchar_t* text);
   /// 1, or 0 when memory ran out: the image is empty then.
-  int CopyImage(CVelImage const& other, HWND window, wchar_t const* text);
+  int CopyImage(const CVelImage& other, HWND window, const wchar_t* text);
   /// Exchanges pixels, record, progress window, reference points and pixel tables.
   void Swap(CVelImage* other);
   void CopyStdPtCtr(CVelImage* other);
   /// Builds the image from a packed bitmap, as floats; 0 when that failed.
-  int AttachDIB(std::shared_ptr<CVmManager> const& manager, HDIB dib);
+  int AttachDIB(const std::shared_ptr<CVmManager>& manager, HDIB dib);
   /// Turns this image into one of three planes that hold src's: of a mono src plane 0 three times. 0 on
   /// failure, and when src has another size: nothing is done then.
   int ToColor(CVelImage* src, int message);
@@ -99,17 +99,17 @@ class KORIMG_API CVelImage : public CImage {
     return reinterpret_cast<float*>(
         GetVmImage()->GetImageAdr(x, y, plane, (mode & ReadOnly) != 0, (mode & Locked) != 0, handle));
   }
-  float const* GetLine(int x, int y, int plane) { return GetImageAdr(x, y, plane, ReadOnly, nullptr); }
+  const float* GetLine(int x, int y, int plane) { return GetImageAdr(x, y, plane, ReadOnly, nullptr); }
   float* GetWritableLine(int x, int y, int plane) { return GetImageAdr(x, y, plane, ReadWrite, nullptr); }
   float GetPixelGrayRaw(int x, int y, int plane) { return *GetLine(x, y, plane); }
-  float GetPixelGrayRaw(float const* pixel) const { return *pixel; }
+  float GetPixelGrayRaw(const float* pixel) const { return *pixel; }
   float GetPixelGray(int x, int y, int plane) {
     return *GetLine(x, y, plane) - static_cast<float>(GetLevelMin(plane));
   }
   float GetPixelGray(float* pixel, int plane) { return *pixel - static_cast<float>(GetLevelMin(plane)); }
   float GetPixelGray256f(int x, int y, int plane) { return To256(*GetLine(x, y, plane), plane); }
-  float GetPixelGray256f(float const* pixel, int plane) const { return To256(*pixel, plane); }
-  float GetPixelGray256f(float const* pixel, float min, float scale) const { return (*pixel - min) * scale; }
+  float GetPixelGray256f(const float* pixel, int plane) const { return To256(*pixel, plane); }
+  float GetPixelGray256f(const float* pixel, float min, float scale) const { return (*pixel - min) * scale; }
   unsigned char GetPixelGray256(int x, int y, int plane) { return Gray256(*GetLine(x, y, plane), plane); }
   unsigned char GetPixelGray256(float* pixel, int plane) const { return Gray256(*pixel, plane); }
   unsigned char GetPixelGray256(float* pixel, float min, float max, float scale) const {
@@ -119,9 +119,9 @@ class KORIMG_API CVelImage : public CImage {
     return static_cast<unsigned char>((r - min) * scale);
   }
   float GetPixelBright256f(int x, int y);
-  float GetPixelBright256f(float const* r, float const* g, float const* b) const;
+  float GetPixelBright256f(const float* r, const float* g, const float* b) const;
   float GetPixelBrightRaw(int x, int y) { return ToRaw(GetPixelBright256f(x, y), 0); }
-  float GetPixelBrightRaw(float const* r, float const* g, float const* b) const {
+  float GetPixelBrightRaw(const float* r, const float* g, const float* b) const {
     return ToRaw(GetPixelBright256f(r, g, b), 0);
   }
   void SetPixelGrayRaw(int x, int y, float v, int plane) { *GetWritableLine(x, y, plane) = v; }
@@ -170,34 +170,34 @@ class KORIMG_API CVelImage : public CImage {
 
   // Reference points and regions. A point with both coordinates -1 is not set.
   void InitStdPtCtr();
-  void SetStdPt(int i, CfPoint const& point);  ///< point 0 is the centre as well
+  void SetStdPt(int i, const CfPoint& point);  ///< point 0 is the centre as well
   CfPoint GetStdPt(int i) const { return stdPt_[i]; }
   void ClearStdPt(int i) { SetStdPt(i, CfPoint(-1, -1)); }
   int IsValidStdPt(int i) const { return stdPt_[i].x != -1 && stdPt_[i].y != -1; }
   int GetStdPtNum() const { return IsValidStdPt(0) + IsValidStdPt(1); }
   void SetStdCtr(int x, int y) { stdCtr_.Set(x, y); }
   void SetStdCtr(double x, double y) { stdCtr_.Set(x, y); }
-  void SetStdCtr(CfPoint const& point) { stdCtr_ = point; }
+  void SetStdCtr(const CfPoint& point) { stdCtr_ = point; }
   CfPoint GetStdCtr() const { return stdCtr_; }
   int IsValidStdCtr() const { return stdCtr_.x != -1 && stdCtr_.y != -1; }
   void SetDefaultCenter() { stdCtr_.Set(GetWidth() / 2, GetHeight() / 2); }
-  void SetBkgRect(int i, CRect const& rect);  ///< i from 0 to 31
+  void SetBkgRect(int i, const CRect& rect);  ///< i from 0 to 31
   CRect GetBkgRect(int i) const { return bkgRect_[i]; }
   void ClearBkgRect(int i);
   int IsValidBkgRect(int i) const;
   int GetBkgRectNum() const { return IsValidBkgRect(0) + IsValidBkgRect(1); }  ///< of rectangles 0 and 1
-  void SetStarPt(CPoint const& point) { starPt_ = point; }
+  void SetStarPt(const CPoint& point) { starPt_ = point; }
   CPoint GetStarPt() const { return starPt_; }
   void ClearStarPt() { starPt_ = CPoint(-1, -1); }
   int IsValidStarPt() const { return starPt_.x >= 0 || starPt_.y >= 0; }
-  void SetSkyPt(CPoint const& point, int size);
+  void SetSkyPt(const CPoint& point, int size);
   void GetSkyPt(CPoint& point, int& size) const;
   void ClearSkyPt() { SetSkyPt(CPoint(-1, -1), 0); }
   int IsValidSkyPt() const { return (skyPt_.x >= 0 || skyPt_.y >= 0) && skySize_ > 0; }
-  void SetPickupPt(CPoint const& point) { pickupPt_ = point; }
+  void SetPickupPt(const CPoint& point) { pickupPt_ = point; }
   CPoint GetPickupPt() const { return pickupPt_; }
   int IsValidPickupPt() const { return pickupPt_.x >= 0 && pickupPt_.y >= 0; }
-  void SetCenterPt(CPoint const& point) { centerPt_ = point; }
+  void SetCenterPt(const CPoint& point) { centerPt_ = point; }
   CPoint GetCenterPt() const { return centerPt_; }
   int IsValidCenterPt() const { return centerPt_.x >= 0 && centerPt_.y >= 0; }
   void SetCrossGaugePt(double x, double y) { crossGaugePt_.Set(x, y); }
@@ -220,19 +220,19 @@ class KORIMG_API CVelImage : public CImage {
   // Progress. Every operation opens the display, counts its steps and closes it; see korimg::ProgressEvent.
   void SetProgressHandle(HWND window) { progressWindow_ = window; }
   HWND GetProgressHandle() const { return progressWindow_; }
-  void ShowProgressInit(int show, wchar_t const* text, int total);
+  void ShowProgressInit(int show, const wchar_t* text, int total);
   void ShowProgressInit(int show, int id, int total);
-  void ShowProgressInit(wchar_t const* text);  ///< pulse mode: each step sends its amount
+  void ShowProgressInit(const wchar_t* text);  ///< pulse mode: each step sends its amount
   void ShowProgressInit(int id);
   /// Counts n steps; 0 once Escape was pressed while the display is open. Any thread may call it.
   int ShowProgress(int n);
   /// Counts what is left of the total, for operations whose steps are estimates.
   void ShowProgressRest();
-  void ShowProgressMsg(wchar_t const* text);
+  void ShowProgressMsg(const wchar_t* text);
   void ShowProgressMsg(int id);
-  void ShowProgressSetHeader(wchar_t const* text);
+  void ShowProgressSetHeader(const wchar_t* text);
   void ShowProgressClearHeader();
-  void ShowProgressEnd(wchar_t const* text);
+  void ShowProgressEnd(const wchar_t* text);
   void ShowProgressEnd(int id);
 
   // Point operations in place and copies between images.
@@ -344,8 +344,8 @@ class KORIMG_API CVelImage : public CImage {
   /// Fills the slot of a plane; 0 for a plane that is not 0 to 2. A slot that isn't empty keeps its weights,
   /// whatever the kernel, and is bound to the source and plane anew: ClearFilterProc comes between two
   /// kernels.
-  int MakeFilterProc(CVelImage* src, CFilterMatrix const* matrix, int plane, int normalize);
-  int MakeFilterProcEx(int set, CVelImage* src, CFilterMatrix const* matrix, int plane, int normalize);
+  int MakeFilterProc(CVelImage* src, const CFilterMatrix* matrix, int plane, int normalize);
+  int MakeFilterProcEx(int set, CVelImage* src, const CFilterMatrix* matrix, int plane, int normalize);
   /// Selects the slot of a plane; any other than 0 to 2 selects plane 0.
   void SetFilterProcPln(int plane);
   void SetFilterProcPlnEx(int set, int plane);
@@ -379,13 +379,13 @@ class KORIMG_API CVelImage : public CImage {
   struct FilterProcs;
 
   unsigned char Gray256(float raw, int plane) const;
-  HDIB GetDib8Mono(BITMAPINFOHEADER const& header);
-  HDIB GetDib8Color(BITMAPINFOHEADER const& header);
-  HDIB GetDib24Mono(BITMAPINFOHEADER const& header);
-  HDIB GetDib24Color(BITMAPINFOHEADER const& header);
-  void CopyInternal(CVelImage const& other);
-  void CopyImageInternal(CVelImage const& other, HWND window, wchar_t const* text);
-  float const* Buffered(BufferedLine& buffer, int y, int plane);
+  HDIB GetDib8Mono(const BITMAPINFOHEADER& header);
+  HDIB GetDib8Color(const BITMAPINFOHEADER& header);
+  HDIB GetDib24Mono(const BITMAPINFOHEADER& header);
+  HDIB GetDib24Color(const BITMAPINFOHEADER& header);
+  void CopyInternal(const CVelImage& other);
+  void CopyImageInternal(const CVelImage& other, HWND window, const wchar_t* text);
+  const float* Buffered(BufferedLine& buffer, int y, int plane);
   void ReleaseBuffered(BufferedLine& buffer);
   bool ShowProgressContinue();
   void ApplyMask_Do0(CVelImage* other, CVelImage* maskImage, int left, int right, int top, int bottom,

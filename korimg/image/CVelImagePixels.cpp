@@ -31,7 +31,7 @@ float Blend(double a, double b, double p00, double p10, double p01, double p11) 
 
 /// read(plane), or the brightness of the three planes for -1; a mono image has plane 0 only.
 template <class F>
-float OfPlane(CVelImage const& image, int plane, F&& read) {
+float OfPlane(const CVelImage& image, int plane, F&& read) {
   if (!image.IsColor()) return read(0);
   return plane == -1 ? CVelImage::CalcBright(read(0), read(1), read(2)) : read(plane);
 }
@@ -50,7 +50,7 @@ float CVelImage::GetPixelBright256f(int x, int y) {
   return CalcBright(GetPixelGray256f(x, y, 0), GetPixelGray256f(x, y, 1), GetPixelGray256f(x, y, 2));
 }
 
-float CVelImage::GetPixelBright256f(float const* r, float const* g, float const* b) const {
+float CVelImage::GetPixelBright256f(const float* r, const float* g, const float* b) const {
   if (!IsColor()) return To256(*r, 0);
   return CalcBright(To256(*r, 0), To256(*g, 1), To256(*b, 2));
 }
@@ -73,14 +73,14 @@ float CVelImage::GetPixelGray(double x, double y, int plane) {
 
 float CVelImage::GetPixelGrayRawBuf(double x, double y, int plane) {
   const Axis across(x, GetWidth()), down(y, GetHeight());
-  float const* upper = Buffered(buffered_[0], down.index, plane);
+  const float* upper = Buffered(buffered_[0], down.index, plane);
   if (across.exact && down.exact) return upper[across.index];
-  float const* lower = Buffered(buffered_[1], down.next, plane);
+  const float* lower = Buffered(buffered_[1], down.next, plane);
   return Blend(across.fraction, down.fraction, upper[across.index], upper[across.next], lower[across.index],
                lower[across.next]);
 }
 
-float const* CVelImage::Buffered(BufferedLine& buffer, int y, int plane) {
+const float* CVelImage::Buffered(BufferedLine& buffer, int y, int plane) {
   if (buffer.number != y || buffer.store != GetVmImage()->GetVmHandle()) {
     ReleaseBuffered(buffer);
     buffer.line = GetImageAdr(0, y, plane, static_cast<Mode>(ReadOnly | Locked), &buffer.lock);
@@ -133,7 +133,7 @@ struct CVelImage::Mapping {
     }
   }
 
-  bool IsInside(CVelImage const& image) const {
+  bool IsInside(const CVelImage& image) const {
     return sx >= 0 && sx < image.GetWidth() && sy >= 0 && sy < image.GetHeight();
   }
 

@@ -13,12 +13,12 @@ void CVelImage::InitStdPtCtr() {
   stdCtr_.Set(-1, -1);
 }
 
-void CVelImage::SetStdPt(int i, CfPoint const& point) {
+void CVelImage::SetStdPt(int i, const CfPoint& point) {
   stdPt_[i] = point;
   if (i == 0) stdCtr_ = point;
 }
 
-void CVelImage::SetBkgRect(int i, CRect const& rect) {
+void CVelImage::SetBkgRect(int i, const CRect& rect) {
   if (i >= 0 && i < kRects) bkgRect_[i] = rect;
 }
 
@@ -31,7 +31,7 @@ int CVelImage::IsValidBkgRect(int i) const {
          bkgRect_[i].top != bkgRect_[i].bottom;
 }
 
-void CVelImage::SetSkyPt(CPoint const& point, int size) {
+void CVelImage::SetSkyPt(const CPoint& point, int size) {
   skyPt_ = point;
   skySize_ = size;
 }

@@ -9,7 +9,7 @@
 using korimg::LoadString;
 using korimg::ProgressEvent;
 
-void CVelImage::ShowProgressInit(int show, wchar_t const* text, int total) {
+void CVelImage::ShowProgressInit(int show, const wchar_t* text, int total) {
   constexpr int kSteps = 50;  // of the display
   progressActive_ = show;
   progressPulse_ = 0;
@@ -24,7 +24,7 @@ void CVelImage::ShowProgressInit(int show, int id, int total) {
   ShowProgressInit(show, LoadString(id).c_str(), total);
 }
 
-void CVelImage::ShowProgressInit(wchar_t const* text) {
+void CVelImage::ShowProgressInit(const wchar_t* text) {
   progressActive_ = 1;
   progressPulse_ = 1;
   progressTotal_ = 0;
@@ -63,7 +63,7 @@ bool CVelImage::ShowProgressContinue() {
   return korimg::ContinueAfterMessages();
 }
 
-void CVelImage::ShowProgressMsg(wchar_t const* text) {
+void CVelImage::ShowProgressMsg(const wchar_t* text) {
   korimg::SendProgress(progressWindow_, ProgressEvent::Message, text);
 }
 
@@ -71,7 +71,7 @@ void CVelImage::ShowProgressMsg(int id) {
   ShowProgressMsg(LoadString(id).c_str());
 }
 
-void CVelImage::ShowProgressSetHeader(wchar_t const* text) {
+void CVelImage::ShowProgressSetHeader(const wchar_t* text) {
   korimg::SendProgress(progressWindow_, ProgressEvent::SetHeader, text);
 }
 
@@ -79,7 +79,7 @@ void CVelImage::ShowProgressClearHeader() {
   korimg::SendProgress(progressWindow_, ProgressEvent::ClearHeader, nullptr);
 }
 
-void CVelImage::ShowProgressEnd(wchar_t const* text) {
+void CVelImage::ShowProgressEnd(const wchar_t* text) {
   if (progressActive_) korimg::SendProgress(progressWindow_, ProgressEvent::Close, text);
   progressActive_ = 0;
 }

@@ -2,7 +2,7 @@
 
 #include "korimg/platform/Assert.h"
 
-CVmHandle::CVmHandle(long long blockSize, long long blockCount, std::shared_ptr<CVmManager> const& manager)
+CVmHandle::CVmHandle(long long blockSize, long long blockCount, const std::shared_ptr<CVmManager>& manager)
     : manager_(manager), blockSize_(blockSize), blockCount_(blockCount), blocks_(blockCount) {}
 
 void CVmHandle::Set(long long i, CVmBlock::Type type, long long slot) {

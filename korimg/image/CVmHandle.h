@@ -22,7 +22,7 @@ class CVmBlock {
 /// The blocks of one store, held jointly by the store and its manager.
 class KORIMG_API CVmHandle {
  public:
-  CVmHandle(long long blockSize, long long blockCount, std::shared_ptr<CVmManager> const& manager);
+  CVmHandle(long long blockSize, long long blockCount, const std::shared_ptr<CVmManager>& manager);
   CVmHandle(const CVmHandle&) = default;
   CVmHandle& operator=(const CVmHandle&) = default;
   virtual ~CVmHandle() = default;

@@ -26,8 +26,8 @@ void CheckSizes(long long width, long long height, long long planes, long long b
 
 }  // namespace
 
-CVmImage::CVmImage(std::shared_ptr<CVmManager> const& manager, long long width, long long height,
-                   long long planes, long long bytesPixel, std::shared_ptr<velora::Progress> const&)
+CVmImage::CVmImage(const std::shared_ptr<CVmManager>& manager, long long width, long long height,
+                   long long planes, long long bytesPixel, const std::shared_ptr<velora::Progress>&)
     : width_(width), height_(height), planes_(planes), bytesPixel_(bytesPixel), manager_(manager.get()) {
   CheckSizes(width, height, planes, bytesPixel);
   if (!manager) throw velora::CVmMemoryAllocationError("no store manager was given for the image");
@@ -39,7 +39,7 @@ CVmImage::CVmImage(std::shared_ptr<CVmManager> const& manager, long long width, 
   handle_ = manager->Allocate(linesPerBlock_ * bytesPerLine_, blockCount_);
 }
 
-CVmImage::CVmImage(CVmImage& other, std::shared_ptr<velora::Progress> const& progress)
+CVmImage::CVmImage(CVmImage& other, const std::shared_ptr<velora::Progress>& progress)
     : CVmImage(other.Manager().shared_from_this(), other.width_, other.height_, other.planes_,
                other.bytesPixel_, progress) {
   velora::ScopedProgress steps(progress, static_cast<int>(blockCount_));
@@ -85,7 +85,7 @@ unsigned char* CVmImage::GetImageAdr(long long x, long long y, long long plane, 
   return start + (line - block * linesPerBlock_) * bytesPerLine_ + x * bytesPixel_;
 }
 
-bool CVmImage::Unlock(AddressHandle const& handle) {
+bool CVmImage::Unlock(const AddressHandle& handle) {
   const std::lock_guard guard(locksMutex_);
   const auto found = locks_.find(handle.block);
   if (found == locks_.end()) return false;

@@ -19,10 +19,10 @@ class KORIMG_API CVmImage {
 
   /// All sizes positive. Throws velora::CVmMemoryAllocationError when one isn't, when their product is
   /// 2^62 or more, and when there is no room.
-  CVmImage(std::shared_ptr<CVmManager> const& manager, long long width, long long height, long long planes,
-           long long bytesPixel, std::shared_ptr<velora::Progress> const& progress);
+  CVmImage(const std::shared_ptr<CVmManager>& manager, long long width, long long height, long long planes,
+           long long bytesPixel, const std::shared_ptr<velora::Progress>& progress);
   /// A store of the same shape on the same manager, with the same pixels.
-  CVmImage(CVmImage& other, std::shared_ptr<velora::Progress> const& progress);
+  CVmImage(CVmImage& other, const std::shared_ptr<velora::Progress>& progress);
   ~CVmImage();
   CVmImage(const CVmImage&) = delete;
   CVmImage& operator=(const CVmImage&) = delete;
@@ -35,7 +35,7 @@ class KORIMG_API CVmImage {
   long long GetLinesPerBlock() const { return linesPerBlock_; }
   long long GetTotalLines() const { return totalLines_; }
   long long GetBlockCount() const { return blockCount_; }
-  std::shared_ptr<CVmHandle> const& GetVmHandle() const { return handle_; }
+  const std::shared_ptr<CVmHandle>& GetVmHandle() const { return handle_; }
   bool GetParallel() const { return parallel_; }
   void SetParallel(bool parallel) { parallel_ = parallel; }
 
@@ -49,7 +49,7 @@ class KORIMG_API CVmImage {
   /// writable address marks its block as changed. Any number of threads may ask at once.
   unsigned char* GetImageAdr(long long x, long long y, long long plane, bool readOnly, bool locked,
                              AddressHandle* handle);
-  bool Unlock(AddressHandle const& handle);
+  bool Unlock(const AddressHandle& handle);
   void UnlockAll();
 
   /// Address of a block. Throws velora::CVmManagerHandleDeletedError when the manager has gone.

@@ -21,7 +21,7 @@ class KORIMG_API CVmManager : public std::enable_shared_from_this<CVmManager> {
   virtual AllocationPolicy GetAllocationPolicy() const = 0;
 
   /// Brings a block into memory and returns its address; a block asked for as writable counts as changed.
-  virtual unsigned char* GetBlock(std::shared_ptr<CVmHandle> const& handle, long long block,
+  virtual unsigned char* GetBlock(const std::shared_ptr<CVmHandle>& handle, long long block,
                                   bool readOnly) = 0;
 
   /// How many lines of an image of this height share a block.
@@ -30,16 +30,16 @@ class KORIMG_API CVmManager : public std::enable_shared_from_this<CVmManager> {
   /// Makes the blocks of a store; what is not zero counts as touched. Throws
   /// velora::CVmMemoryAllocationError, with nothing changed.
   virtual std::shared_ptr<CVmHandle> Allocate(long long blockSize, long long blockCount) = 0;
-  virtual void Free(std::shared_ptr<CVmHandle> const& handle) noexcept = 0;
+  virtual void Free(const std::shared_ptr<CVmHandle>& handle) noexcept = 0;
 
   /// Keeps a block resident until Unlock; locks are counted.
-  virtual void Lock(std::shared_ptr<CVmHandle> const& handle, long long block) = 0;
-  virtual void Unlock(std::shared_ptr<CVmHandle> const& handle, long long block) = 0;
+  virtual void Lock(const std::shared_ptr<CVmHandle>& handle, long long block) = 0;
+  virtual void Unlock(const std::shared_ptr<CVmHandle>& handle, long long block) = 0;
 
   /// True when every block of the store is in memory.
-  virtual bool IsOnMemory(std::shared_ptr<CVmHandle> const& handle) const = 0;
+  virtual bool IsOnMemory(const std::shared_ptr<CVmHandle>& handle) const = 0;
   /// True while a block has never been asked for as writable, and so holds zeros.
-  virtual bool IsUntouched(std::shared_ptr<CVmHandle> const& handle, long long block) const = 0;
+  virtual bool IsUntouched(const std::shared_ptr<CVmHandle>& handle, long long block) const = 0;
 };
 
 namespace korimg {

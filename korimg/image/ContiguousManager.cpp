@@ -84,7 +84,7 @@ class ContiguousManager : public CVmManager {
 
   AllocationPolicy GetAllocationPolicy() const override { return Contiguous; }
 
-  unsigned char* GetBlock(std::shared_ptr<CVmHandle> const& handle, long long block, bool readOnly) override {
+  unsigned char* GetBlock(const std::shared_ptr<CVmHandle>& handle, long long block, bool readOnly) override {
     // A block's slot is its address, which never changes: no lock is needed here.
     if (!readOnly) static_cast<Handle&>(*handle).touched[block].store(true, std::memory_order_relaxed);
     return reinterpret_cast<unsigned char*>(handle->GetSlotIndex(block));
@@ -112,15 +112,15 @@ class ContiguousManager : public CVmManager {
     return handle;
   }
 
-  void Free(std::shared_ptr<CVmHandle> const& handle) noexcept override {
+  void Free(const std::shared_ptr<CVmHandle>& handle) noexcept override {
     const std::lock_guard lock(mutex_);
     Release(static_cast<Handle&>(*handle));
   }
 
-  void Lock(std::shared_ptr<CVmHandle> const&, long long) override {}
-  void Unlock(std::shared_ptr<CVmHandle> const&, long long) override {}
+  void Lock(const std::shared_ptr<CVmHandle>&, long long) override {}
+  void Unlock(const std::shared_ptr<CVmHandle>&, long long) override {}
 
-  bool IsOnMemory(std::shared_ptr<CVmHandle> const& handle) const override {
+  bool IsOnMemory(const std::shared_ptr<CVmHandle>& handle) const override {
     const std::lock_guard lock(mutex_);
     for (long long i = 0; i < handle->GetBlockCount(); ++i) {
       if (used_.at(handle->GetSlotIndex(i)).memory->IsMapped()) return false;
@@ -128,13 +128,13 @@ class ContiguousManager : public CVmManager {
     return true;
   }
 
-  bool IsUntouched(std::shared_ptr<CVmHandle> const& handle, long long block) const override {
+  bool IsUntouched(const std::shared_ptr<CVmHandle>& handle, long long block) const override {
     return !static_cast<const Handle&>(*handle).touched[block].load(std::memory_order_relaxed);
   }
 
  private:
   struct Handle : CVmHandle {
-    Handle(long long blockSize, long long blockCount, std::shared_ptr<CVmManager> const& manager)
+    Handle(long long blockSize, long long blockCount, const std::shared_ptr<CVmManager>& manager)
         : CVmHandle(blockSize, blockCount, manager), touched(blockCount) {}
     std::vector<std::atomic<bool>> touched;
   };

@@ -27,7 +27,7 @@ class ForeignManager : public CVmManager {
 
   AllocationPolicy GetAllocationPolicy() const override { return Contiguous; }
 
-  unsigned char* GetBlock(std::shared_ptr<CVmHandle> const& handle, long long block, bool readOnly) override {
+  unsigned char* GetBlock(const std::shared_ptr<CVmHandle>& handle, long long block, bool readOnly) override {
     const auto& inner = Inner(handle);
     return inner ? rest_->GetBlock(inner, block, readOnly)
                  : reinterpret_cast<unsigned char*>(planes_[static_cast<size_t>(block)]);
@@ -41,19 +41,19 @@ class ForeignManager : public CVmManager {
     return handle;
   }
 
-  void Free(std::shared_ptr<CVmHandle> const& handle) noexcept override {
+  void Free(const std::shared_ptr<CVmHandle>& handle) noexcept override {
     if (const auto& inner = Inner(handle)) rest_->Free(inner);
   }
 
-  void Lock(std::shared_ptr<CVmHandle> const&, long long) override {}
-  void Unlock(std::shared_ptr<CVmHandle> const&, long long) override {}
+  void Lock(const std::shared_ptr<CVmHandle>&, long long) override {}
+  void Unlock(const std::shared_ptr<CVmHandle>&, long long) override {}
 
-  bool IsOnMemory(std::shared_ptr<CVmHandle> const& handle) const override {
+  bool IsOnMemory(const std::shared_ptr<CVmHandle>& handle) const override {
     const auto& inner = Inner(handle);
     return !inner || rest_->IsOnMemory(inner);
   }
 
-  bool IsUntouched(std::shared_ptr<CVmHandle> const& handle, long long block) const override {
+  bool IsUntouched(const std::shared_ptr<CVmHandle>& handle, long long block) const override {
     const auto& inner = Inner(handle);
     return inner ? rest_->IsUntouched(inner, block) : !isMade_;
   }
@@ -64,7 +64,7 @@ class ForeignManager : public CVmManager {
     std::shared_ptr<CVmHandle> inner;  ///< of `rest`; none for the foreign image
   };
 
-  static const std::shared_ptr<CVmHandle>& Inner(std::shared_ptr<CVmHandle> const& handle) {
+  static const std::shared_ptr<CVmHandle>& Inner(const std::shared_ptr<CVmHandle>& handle) {
     return static_cast<const Handle&>(*handle).inner;
   }
 

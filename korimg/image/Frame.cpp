@@ -11,7 +11,7 @@ bool HasVectors() {
   return (CKorSys::SIMD() & kFourLanes) != 0;
 }
 
-void MakeWorkImage(CVelImage& work, CVelImage const& like) {
+void MakeWorkImage(CVelImage& work, const CVelImage& like) {
   if (work.Create(like, nullptr)) return;
   throw velora::CVmMemoryAllocationError("no room for a work image of " + std::to_string(like.GetWidth()) +
                                          " x " + std::to_string(like.GetHeight()) + " x " +

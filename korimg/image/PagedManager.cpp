@@ -78,7 +78,7 @@ struct Block {
 /// What a manager keeps of one store beside its blocks' places. Made by make_shared, so that its address is
 /// not used again while anybody refers to it weakly.
 struct PagedHandle : CVmHandle {
-  PagedHandle(long long blockSize, long long blockCount, std::shared_ptr<CVmManager> const& manager)
+  PagedHandle(long long blockSize, long long blockCount, const std::shared_ptr<CVmManager>& manager)
       : CVmHandle(blockSize, blockCount, manager), blocks(blockCount) {}
 
   long long Bytes() const { return GetBlockSize() * GetBlockCount(); }
@@ -89,7 +89,7 @@ struct PagedHandle : CVmHandle {
   std::atomic<bool> freed = false;
 };
 
-PagedHandle& StoreOf(std::shared_ptr<CVmHandle> const& handle) {
+PagedHandle& StoreOf(const std::shared_ptr<CVmHandle>& handle) {
   return static_cast<PagedHandle&>(*handle);
 }
 
@@ -103,7 +103,7 @@ class LatestBlocks {
     }
   }
 
-  void Add(std::shared_ptr<CVmHandle> const& handle, long long block) {
+  void Add(const std::shared_ptr<CVmHandle>& handle, long long block) {
     if (latest_->store == handle.get() && latest_->block == block) return;
     Entry* oldest = entries_.data();
     for (Entry& entry : entries_) {
@@ -154,7 +154,7 @@ class PagedManager : public CVmManager {
 
   AllocationPolicy GetAllocationPolicy() const override { return Paged; }
 
-  unsigned char* GetBlock(std::shared_ptr<CVmHandle> const& handle, long long number,
+  unsigned char* GetBlock(const std::shared_ptr<CVmHandle>& handle, long long number,
                           bool readOnly) override {
     Block& block = StoreOf(handle).blocks[number];
     latest_blocks.Add(handle, number);
@@ -197,7 +197,7 @@ class PagedManager : public CVmManager {
     return handle;
   }
 
-  void Free(std::shared_ptr<CVmHandle> const& handle) noexcept override {
+  void Free(const std::shared_ptr<CVmHandle>& handle) noexcept override {
     PagedHandle& store = StoreOf(handle);
     store.freed = true;
     for (long long i = 0; i < store.GetBlockCount(); ++i) {
@@ -214,7 +214,7 @@ class PagedManager : public CVmManager {
     std::erase(handles_, handle);
   }
 
-  void Lock(std::shared_ptr<CVmHandle> const& handle, long long number) override {
+  void Lock(const std::shared_ptr<CVmHandle>& handle, long long number) override {
     Block& block = StoreOf(handle).blocks[number];
     ++block.holds;
     try {
@@ -225,29 +225,29 @@ class PagedManager : public CVmManager {
     }
   }
 
-  void Unlock(std::shared_ptr<CVmHandle> const& handle, long long number) override {
+  void Unlock(const std::shared_ptr<CVmHandle>& handle, long long number) override {
     StoreOf(handle).blocks[number].LetGo();
   }
 
-  bool IsOnMemory(std::shared_ptr<CVmHandle> const& handle) const override {
+  bool IsOnMemory(const std::shared_ptr<CVmHandle>& handle) const override {
     for (long long i = 0; i < handle->GetBlockCount(); ++i) {
       if (TypeOf(handle, i) == CVmBlock::File) return false;
     }
     return true;
   }
 
-  bool IsUntouched(std::shared_ptr<CVmHandle> const& handle, long long number) const override {
+  bool IsUntouched(const std::shared_ptr<CVmHandle>& handle, long long number) const override {
     return TypeOf(handle, number) == CVmBlock::Untouched;
   }
 
  private:
-  static CVmBlock::Type TypeOf(std::shared_ptr<CVmHandle> const& handle, long long number) {
+  static CVmBlock::Type TypeOf(const std::shared_ptr<CVmHandle>& handle, long long number) {
     const std::lock_guard lock(StoreOf(handle).blocks[number].mutex);
     return handle->GetType(number);
   }
 
   /// The address of a block that the caller holds; it is read first where it has to be.
-  unsigned char* Resident(std::shared_ptr<CVmHandle> const& handle, long long number) {
+  unsigned char* Resident(const std::shared_ptr<CVmHandle>& handle, long long number) {
     PagedHandle& store = StoreOf(handle);
     Block& block = store.blocks[number];
     if (unsigned char* address = block.address) return address;
@@ -363,7 +363,7 @@ class PagedManager : public CVmManager {
 
   /// Puts a block's memory into a slot and returns its number; TakeMemory takes it out again. For both the
   /// pool's mutex is held.
-  long long PutMemory(std::unique_ptr<CVmMemoryInterface> memory, std::shared_ptr<CVmHandle> const& handle,
+  long long PutMemory(std::unique_ptr<CVmMemoryInterface> memory, const std::shared_ptr<CVmHandle>& handle,
                       long long number) {
     if (vacant_.empty()) {
       vacant_.reserve(slots_.size() + 1);  // so that taking out never fails

@@ -96,7 +96,7 @@ void CVelImage::LiftUp(int lines) {
   for (int p = 0; p < GetPlanes(); ++p) {
     if (!IsContiguous(*this)) {
       for (int y = lines; y < GetHeight(); ++y) {
-        float const* from = GetLine(0, y, p);
+        const float* from = GetLine(0, y, p);
         std::memcpy(GetWritableLine(0, y - lines, p), from,
                     static_cast<size_t>(GetWidth()) * GetBytesPixel());
       }
@@ -121,7 +121,7 @@ void CVelImage::Paste(CVelImage* src, CRect* rect) {
       continue;
     }
     for (int y = window.top; y < window.bottom; ++y) {
-      float const* from = src->GetLine(window.left, y, p);
+      const float* from = src->GetLine(window.left, y, p);
       std::memcpy(GetWritableLine(window.left, y, p), from, sizeof(float) * window.Width());
     }
   }
@@ -144,7 +144,7 @@ void CVelImage::PixelBlt(int dstX, int dstY, int width, int height, CVelImage* s
   const Team team = MayRunPipelines(*this, *src) ? Team::All : Team::One;
   for (int p = 0; p < GetPlanes(); ++p) {
     ForLines(team, 0, height, [&](int y) {
-      float const* in = src->GetLine(srcX, srcY + y, p);
+      const float* in = src->GetLine(srcX, srcY + y, p);
       float* out = GetWritableLine(dstX, dstY + y, p);
       if (!convertLevel) {
         std::memcpy(out, in, sizeof(float) * width);

@@ -2,7 +2,7 @@
 
 namespace korimg {
 
-void SendProgress(HWND window, ProgressEvent event, wchar_t const* text) {
+void SendProgress(HWND window, ProgressEvent event, const wchar_t* text) {
   SendMessageW(window, kProgressMessage, static_cast<std::uintptr_t>(event),
                reinterpret_cast<std::intptr_t>(text));
 }
@@ -31,7 +31,7 @@ namespace velora {
 
 using korimg::ProgressEvent;
 
-std::shared_ptr<Progress> ProgressWin::Create(HWND window, wchar_t const* text, bool) {
+std::shared_ptr<Progress> ProgressWin::Create(HWND window, const wchar_t* text, bool) {
   return std::shared_ptr<Progress>(new ProgressWin(window, text));
 }
 
@@ -47,7 +47,7 @@ void ProgressWin::finalize() {
   korimg::SendProgress(window_, ProgressEvent::Close, nullptr);
 }
 
-void ProgressWin::message(std::wstring const& text) {
+void ProgressWin::message(const std::wstring& text) {
   korimg::SendProgress(window_, ProgressEvent::Message, text.c_str());
 }
 

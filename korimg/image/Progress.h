@@ -15,7 +15,7 @@ class KORIMG_API Progress {
   virtual void initialize() = 0;
   virtual void update(int percent) = 0;  ///< 0 to 100
   virtual void finalize() = 0;
-  virtual void message(std::wstring const& text) = 0;
+  virtual void message(const std::wstring& text) = 0;
   virtual bool escape() = 0;  ///< the user has asked to stop
 };
 
@@ -23,16 +23,16 @@ class KORIMG_API Progress {
 class KORIMG_API ProgressWin : public Progress {
  public:
   /// A null window and a null text are legal: nothing is shown then.
-  static std::shared_ptr<Progress> Create(HWND window, wchar_t const* text, bool pulse);
+  static std::shared_ptr<Progress> Create(HWND window, const wchar_t* text, bool pulse);
 
   void initialize() override;
   void update(int percent) override;
   void finalize() override;
-  void message(std::wstring const& text) override;
+  void message(const std::wstring& text) override;
   bool escape() override;
 
  private:
-  ProgressWin(HWND window, wchar_t const* text) : window_(window), text_(text ? text : L"") {}
+  ProgressWin(HWND window, const wchar_t* text) : window_(window), text_(text ? text : L"") {}
 
   HWND window_;
   std::wstring text_;
@@ -62,7 +62,7 @@ namespace korimg {
 /// Number of the message by which operations speak to the window that shows their progress.
 constexpr unsigned kProgressMessage = 1136;
 
-/// First parameter of that message; the second one stands beside it. Texts are wchar_t const*, sent and not
+/// First parameter of that message; the second one stands beside it. texts are const wchar_t*, sent and not
 /// queued.
 enum class ProgressEvent : unsigned {
   Open = 0,        ///< text: open the display
@@ -74,7 +74,7 @@ enum class ProgressEvent : unsigned {
 };
 
 /// Sends a progress event with its text, or queues the number of a step.
-void SendProgress(HWND window, ProgressEvent event, wchar_t const* text);
+void SendProgress(HWND window, ProgressEvent event, const wchar_t* text);
 void PostProgress(HWND window, int number);
 
 /// Looks at this thread's messages while an operation runs: takes pending keys out of the queue and answers

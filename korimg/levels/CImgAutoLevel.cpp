@@ -30,7 +30,7 @@ auto RawBrightness(CVelImage& image) {
   return [&image](int x, int y) { return [line = ColourLine(image, x, y)](int i) { return line.Raw(i); }; };
 }
 
-auto Brightness(CVelImage& image, std::array<int, 3> const& planes = kColour) {
+auto Brightness(CVelImage& image, const std::array<int, 3>& planes = kColour) {
   return [&image, planes, brightness = Brightness256(image, planes)](int x, int y) {
     return [brightness, line = ColourLine(image, x, y, planes)](int i) { return brightness(line, i); };
   };
@@ -52,7 +52,7 @@ double KeptOrZero(double number, bool keep) {
 /// Adds up term(value) of the values in the window that are from lo to hi, by lanes and then by lines: the
 /// same sum for any number of threads. NaN is in no range.
 template <class Values, class Term>
-Sum AddUp(Window const& window, Values&& open, Term&& term,
+Sum AddUp(const Window& window, Values&& open, Term&& term,
           double lo = -std::numeric_limits<double>::infinity(),
           double hi = std::numeric_limits<double>::infinity()) {
   constexpr int kLanes = 8;
@@ -86,7 +86,7 @@ Sum AddUp(Window const& window, Values&& open, Term&& term,
     }
     return line;
   });
-  for (Sum const& line : lines) {
+  for (const Sum& line : lines) {
     total.sum += line.sum;
     total.count += line.count;
   }
@@ -94,7 +94,7 @@ Sum AddUp(Window const& window, Values&& open, Term&& term,
 }
 
 template <class Values>
-double RootMeanSquareFrom(double centre, Window const& window, Values&& values) {
+double RootMeanSquareFrom(double centre, const Window& window, Values&& values) {
   return std::sqrt(AddUp(window, values, [centre](double v) { return (v - centre) * (v - centre); }).Mean());
 }
 
@@ -105,18 +105,18 @@ struct Spread {
 };
 
 template <class Values>
-Spread MeanAndDeviation(Window const& window, Values&& values) {
+Spread MeanAndDeviation(const Window& window, Values&& values) {
   const double mean = AddUp(window, values, [](double v) { return v; }).Mean();
   return {mean, RootMeanSquareFrom(mean, window, values)};
 }
 
 /// The same of the 256 scale, raw by plane 0.
-Spread RawByPlane0(CVelImage const& image, Spread const& s) {
+Spread RawByPlane0(const CVelImage& image, const Spread& s) {
   return {image.ToRaw(s.middle, 0), s.deviation / 255.0 * image.GetLevelRange(0)};
 }
 
 /// Mean and deviation of brightness, raw by plane 0.
-Spread BrightnessMean(CVelImage& image, Window const& window) {
+Spread BrightnessMean(CVelImage& image, const Window& window) {
   // On contiguous stores plane 0 stands for all three: owners' parameters are tuned to that.
   const std::array<int, 3> planes = IsContiguous(image) ? std::array{0, 0, 0} : kColour;
   return RawByPlane0(image, MeanAndDeviation(window, Brightness(image, planes)));
@@ -127,7 +127,7 @@ struct Subject {
   bool ofBrightness;
   int plane;
 
-  Subject(CVelImage const& image, int brightness, int plane)
+  Subject(const CVelImage& image, int brightness, int plane)
       : ofBrightness(brightness && image.IsColor()), plane(image.IsColor() ? plane : std::max(plane, 0)) {}
 };
 
@@ -140,11 +140,11 @@ struct Range {
 
 /// NaN passed over; 0 and 0 when there is nothing else.
 template <class Values>
-Range ExtremesOf(Window const& window, Values&& values) {
+Range ExtremesOf(const Window& window, Values&& values) {
   constexpr double kInfinity = std::numeric_limits<double>::infinity();
   Range all{kInfinity, -kInfinity};
   if (window.IsEmpty()) return {};
-  for (Range const& line : MapLines(window.top, window.bottom, [&](int y) {
+  for (const Range& line : MapLines(window.top, window.bottom, [&](int y) {
          const auto value = values(window.left, y);
          Range extremes{kInfinity, -kInfinity};
          for (int x = 0; x < window.Width(); ++x) {
@@ -161,13 +161,13 @@ Range ExtremesOf(Window const& window, Values&& values) {
 }
 
 /// Extremes of brightness, taken on the 256 scale and made raw by plane 0.
-Range BrightnessRange(CVelImage& image, Window const& window) {
+Range BrightnessRange(CVelImage& image, const Window& window) {
   const Range range = ExtremesOf(window, Brightness(image));
   return {image.ToRaw(range.min, 0), image.ToRaw(range.max, 0)};
 }
 
 /// Raw brightness and that of the 256 scale are one scale, by plane 0's levels.
-bool HasOneLevel(CVelImage const& image) {
+bool HasOneLevel(const CVelImage& image) {
   const auto like0 = [&](int p) {
     return image.GetLevelMin(p) == image.GetLevelMin(0) && image.GetLevelMax(p) == image.GetLevelMax(0);
   };
@@ -175,7 +175,7 @@ bool HasOneLevel(CVelImage const& image) {
 }
 
 /// Extremes of raw brightness.
-Range RawBrightnessRange(CVelImage& image, Window const& window) {
+Range RawBrightnessRange(CVelImage& image, const Window& window) {
   ScalarResult<float> min, max;
   if (!window.IsEmpty()) {
     getminmax_brightness_float(PlaneBuffer(image, 0), PlaneBuffer(image, 1), PlaneBuffer(image, 2),
@@ -192,7 +192,7 @@ Range PlaneRange(CVelImage& image, int plane) {
 /// A histogram of 5000 bins, in which each counts one more: empty bins keep a slope.
 class Shares {
  public:
-  Shares(CVelImage& image, int plane, Range const& range, CRect* rect, int show)
+  Shares(CVelImage& image, int plane, const Range& range, CRect* rect, int show)
       : hist_(kBins), range_(range), total_(Window(image, rect).Pixels() + kBins) {
     image.GetHistogram(hist_.data(), kBins, range.min, range.max, plane, 0, 1, 0, rect, show,
                        show ? kMessage : 0);
@@ -294,7 +294,7 @@ double UpperMiddle(std::vector<double>& numbers) {
 }
 
 /// Side of the blocks that bring a window down to a median's samples, if that is wanted.
-int BlockSide(Window const& window, int sample) {
+int BlockSide(const Window& window, int sample) {
   return sample ? BlockSide(window.Pixels(), window.Width(), window.Height()) : 1;
 }
 
@@ -305,21 +305,21 @@ double MedianOfMeans(std::vector<double> sums, int step) {
 
 /// Sums of the whole blocks of a window.
 template <class Values>
-std::vector<double> BlockSums(Window const& window, int step, Values&& values) {
+std::vector<double> BlockSums(const Window& window, int step, Values&& values) {
   return BlockSums(window.left, window.top, window.Width() / step, window.Height() / step, step, values);
 }
 
 /// The upper middle of the pixels themselves, without a copy of them: counted by the upper halves of their
 /// keys, and then by the lower halves of those that share the middle's upper one.
-float UpperMiddleOfPixels(CVelImage& image, int plane, Window const& window) {
+float UpperMiddleOfPixels(CVelImage& image, int plane, const Window& window) {
   constexpr int kHalf = 16, kStrips = 16;
   const auto count = [&](auto&& add) {
     std::vector<long long> counts(1 << kHalf);
-    for (auto const& strip : MapLines(0, kStrips, [&](int i) {
+    for (const auto& strip : MapLines(0, kStrips, [&](int i) {
            std::vector<int> table(1 << kHalf);
            const long long height = window.Height();
            for (auto y = height * i / kStrips; y < height * (i + 1) / kStrips; ++y) {
-             float const* line = image.GetLine(window.left, window.top + static_cast<int>(y), plane);
+             const float* line = image.GetLine(window.left, window.top + static_cast<int>(y), plane);
              for (int x = 0; x < window.Width(); ++x) {
                add(table, SortKey(line[x]));
              }
@@ -331,7 +331,7 @@ float UpperMiddleOfPixels(CVelImage& image, int plane, Window const& window) {
     return counts;
   };
   long long rank = window.Pixels() / 2;
-  const auto find = [&rank](std::vector<long long> const& counts) {
+  const auto find = [&rank](const std::vector<long long>& counts) {
     std::uint32_t half = 0;
     for (; rank >= counts[half]; ++half) {
       rank -= counts[half];
@@ -347,7 +347,7 @@ float UpperMiddleOfPixels(CVelImage& image, int plane, Window const& window) {
 }
 
 /// Median of brightness on the 256 scale, with the distance of all pixels from it, raw by plane 0.
-Spread BrightnessMedian(CVelImage& image, Window const& window) {
+Spread BrightnessMedian(CVelImage& image, const Window& window) {
   const int step = BlockSide(window, 1);
   const double median = MedianOfMeans(BlockSums(window, step, Brightness(image)), step);
   return RawByPlane0(image, {median, RootMeanSquareFrom(median, window, Brightness(image))});
@@ -364,7 +364,7 @@ Spread PlaneMedian(CImgAutoLevel& image, int plane, CRect* rect) {
 
 void CImgAutoLevel::DoByNormal(double lowRate, double highRate, int separate, CRect* rect) {
   if (Window(*this, rect).IsEmpty()) return;
-  const auto set = [&](int plane, Range const& range, int show) {
+  const auto set = [&](int plane, const Range& range, int show) {
     const Shares shares(*this, plane, range, rect, show);
     SetFiniteLevel(*this, plane, shares.Black(lowRate), shares.White(highRate));
   };
@@ -384,7 +384,7 @@ void CImgAutoLevel::GetByNormal(double& low, double& high, CRect* rect) {
 
 void CImgAutoLevel::DoByMean(double low, double high, int separate, CRect* rect) {
   const Window window(*this, rect);
-  const auto set = [&](int plane, Spread const& s) {
+  const auto set = [&](int plane, const Spread& s) {
     SetFiniteLevel(*this, plane, s.middle - s.deviation * low, s.middle + s.deviation * high);
   };
   if (window.IsEmpty()) return;
@@ -404,7 +404,7 @@ void CImgAutoLevel::GetByMean(double& low, double& high, CRect* rect) {
 
 void CImgAutoLevel::DoByMedian(double low, double high, int separate, CRect* rect) {
   if (Window(*this, rect).IsEmpty()) return;
-  const auto set = [&](int plane, Spread const& s) {
+  const auto set = [&](int plane, const Spread& s) {
     SetFiniteLevel(*this, plane, s.middle - s.deviation * low, s.middle + s.deviation * high);
   };
   if (IsColor() && !separate) return set(-1, BrightnessMedian(*this, Window(*this, rect)));

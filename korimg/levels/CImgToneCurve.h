@@ -8,7 +8,7 @@
 class KORIMG_API CImgToneCurve : public CVelImage {
  public:
   CImgToneCurve() = default;
-  CImgToneCurve(CImgToneCurve const& other) : CVelImage(other, nullptr) {}
+  CImgToneCurve(const CImgToneCurve& other) : CVelImage(other, nullptr) {}
 
   /// Applies curves[0] to a mono image; on a colour image first curves[1 + p] to plane p, then curves[0].
   /// Fewer than 2 values in a table change nothing. hAlpha non-zero shows another progress text.

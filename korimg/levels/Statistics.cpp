@@ -40,8 +40,8 @@ class Binning {
 
 /// The columns and rows that a histogram looks at, when the image has a sample grid that leaves some out.
 struct SampleGrid {
-  std::vector<int> const* columns = nullptr;
-  std::vector<int> const* rows = nullptr;
+  const std::vector<int>* columns = nullptr;
+  const std::vector<int>* rows = nullptr;
 
   SampleGrid(CVelImage& image, int useCull) {
     const auto counts = useCull ? image.GetHistogramCull() : std::nullopt;
@@ -52,7 +52,7 @@ struct SampleGrid {
   explicit operator bool() const { return columns != nullptr; }
 
   /// Factor from the sampled counts to those of a full image.
-  double Factor(CVelImage const& image) const {
+  double Factor(const CVelImage& image) const {
     return static_cast<double>(image.GetWidth()) * image.GetHeight() /
            (static_cast<double>(columns->size()) * static_cast<double>(rows->size()));
   }
@@ -61,7 +61,7 @@ struct SampleGrid {
 /// Calls open(y) for the lines to look at and count(line, x), x from the window's left, for their pixels. On
 /// this thread, which the bins belong to.
 template <class Open, class Count>
-void ForSamples(CVelImage& image, Window const& window, SampleGrid const& grid, Open&& open, Count&& count) {
+void ForSamples(CVelImage& image, const Window& window, const SampleGrid& grid, Open&& open, Count&& count) {
   if (window.IsEmpty()) return;
   if (!grid) {
     ForLines(Team::One, window.top, window.bottom, [&](int y) {
@@ -85,14 +85,14 @@ void ForSamples(CVelImage& image, Window const& window, SampleGrid const& grid, 
 }
 
 /// Counts to counts of a full image, and to logarithms; an empty bin's is the lowest int.
-void Finish(CVelImage const& image, int* hist, int bins, SampleGrid const& grid, int logScale) {
+void Finish(const CVelImage& image, int* hist, int bins, const SampleGrid& grid, int logScale) {
   for (int i = 0; i < bins; ++i) {
     if (grid) hist[i] = TruncateToInt(hist[i] * grid.Factor(image));
     if (logScale) hist[i] = TruncateToInt(std::log10(hist[i]) * 10000.0);
   }
 }
 
-int HeightBySize(CVelImage const& image, int bins) {
+int HeightBySize(const CVelImage& image, int bins) {
   return TruncateToInt(2.0 * image.GetHeight() * image.GetWidth() / bins);
 }
 
@@ -113,7 +113,7 @@ bool WantsDither(double scale) {
 }
 
 /// In lanes that the compiler turns into vectors.
-double SumOf(float const* pixels, int width) {
+double SumOf(const float* pixels, int width) {
   constexpr int kLanes = 8;
   double lanes[kLanes] = {};
   int x = 0;
@@ -177,11 +177,11 @@ int CVelImage::GetHistogram(int* const hist, int bins, double min, double max, i
       const Brightness256 brightness(*this);
       ForSamples(
           *this, window, grid, [&](int y) { return ColourLine(*this, window.left, y); },
-          [&](ColourLine const& line, int x) { count(brightness(line, x)); });
+          [&](const ColourLine& line, int x) { count(brightness(line, x)); });
     } else {
       ForSamples(
           *this, window, grid, [&](int y) { return GetLine(window.left, y, plane); },
-          [&](float const* line, int x) { count(line[x]); });
+          [&](const float* line, int x) { count(line[x]); });
     }
   }
   Finish(*this, hist, bins, grid, logScale);
@@ -210,7 +210,7 @@ int CVelImage::GetHistogramRGB(int* const histR, int* const histG, int* const hi
     const Binning binning(bins, min, max);
     ForSamples(
         *this, window, grid, [&](int y) { return ColourLine(*this, window.left, y); },
-        [&](ColourLine const& line, int x) {
+        [&](const ColourLine& line, int x) {
           double r, g, b;
           HstAntialias(line.channel[0][x], line.channel[1][x], line.channel[2][x], r, g, b, binning.Scale());
           binning.Count(histR, r);
@@ -241,7 +241,7 @@ void CVelImage::CalcMinMax() {
     }
     float min = GetPixelGrayRaw(0, 0, p), max = min, sum = 0;
     ForLines(Team::One, 0, GetHeight(), [&](int y) {
-      float const* line = GetLine(0, y, p);
+      const float* line = GetLine(0, y, p);
       for (int x = 0; x < GetWidth(); ++x) {
         min = std::min(min, line[x]);
         max = std::max(max, line[x]);
@@ -264,7 +264,7 @@ void CVelImage::CalcMinMax(int margin) {
     float min = window.IsEmpty() ? 0 : GetPixelGrayRaw(window.left, window.top, p), max = min, sum = 0;
     long long count = 0;
     ForLines(Team::One, window.top, window.IsEmpty() ? window.top : window.bottom, [&](int y) {
-      float const* line = GetLine(window.left, y, p);
+      const float* line = GetLine(window.left, y, p);
       for (int x = 0; x < window.Width(); ++x) {
         if (line[x] == 0) continue;
         min = std::min(min, line[x]);
@@ -303,7 +303,7 @@ float CVelImage::GetMaxPixel(int plane, CRect* rect, int& x, int& y) {
     constexpr int kLanes = 32;
     float lanes[kLanes];
     std::fill_n(lanes, kLanes, first);
-    float const* pixels = GetLine(window.left, line, plane);
+    const float* pixels = GetLine(window.left, line, plane);
     const int width = window.Width(), whole = width / kLanes * kLanes;
     RunInLongVectors([&lanes, pixels, whole]() KORIMG_IN_LOOP {
       for (int i = 0; i < whole; i += kLanes) {
@@ -324,7 +324,7 @@ float CVelImage::GetMaxPixel(int plane, CRect* rect, int& x, int& y) {
     y = window.top + i;
   }
   if (y < 0) return max;
-  float const* row = GetLine(window.left, y, plane);
+  const float* row = GetLine(window.left, y, plane);
   x = window.left + static_cast<int>(std::find(row, row + window.Width(), max) - row);
   return max;
 }
@@ -348,8 +348,8 @@ float CVelImage::Get1stBrighterPixel(int plane, CRect* rect, double threshold, i
   };
   if (IsColor()) {
     return search([&](int j) { return ColourLine(*this, window.left, j); },
-                  [](ColourLine const& line, int i) { return line.Raw(i); });
+                  [](const ColourLine& line, int i) { return line.Raw(i); });
   }
   return search([&](int j) { return GetLine(window.left, j, plane); },
-                [](float const* line, int i) { return line[i]; });
+                [](const float* line, int i) { return line[i]; });
 }

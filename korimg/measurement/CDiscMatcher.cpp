@@ -30,7 +30,7 @@ struct Part {
   Box box;
   std::vector<float> pixels;
 
-  Part(CVelImage& image, Box const& of) : box(of), pixels(static_cast<size_t>(of.Width()) * of.Height()) {
+  Part(CVelImage& image, const Box& of) : box(of), pixels(static_cast<size_t>(of.Width()) * of.Height()) {
     ForLines(Team::One, box.top, box.bottom, [&](int y) {
       float* row = pixels.data() + static_cast<size_t>(y - box.top) * box.Width();
       ReadLight(image, box.left, y, box.Width(), row);
@@ -141,7 +141,7 @@ struct Outline {
   double area = 0, ellipse = 0;  ///< its own, and of the ellipse of the same moments
 };
 
-Outline MeasureOutline(Part const& part, double low, double high) {
+Outline MeasureOutline(const Part& part, double low, double high) {
   double sum = 0, x = 0, y = 0, xx = 0, xy = 0, yy = 0;
   for (int j = part.box.top; j < part.box.bottom; ++j) {
     for (int i = part.box.left; i < part.box.right; ++i) {
@@ -210,7 +210,7 @@ std::unique_ptr<CDiscMatcher::Disc const> CDiscMatcher::Find(CVelImage& image) {
   };
   const Outline whole = outline(0.2, 0.5), inner = outline(0.45, 0.75);
   if (!(whole.area > kFilled * whole.ellipse)) return nullptr;
-  return std::unique_ptr<Disc const>(
+  return std::unique_ptr<const Disc>(
       new Disc{std::move(part), whole.middle, inner.middle, std::sqrt(whole.area / std::numbers::pi)});
 }
 
@@ -245,13 +245,13 @@ CDiscMatcher::Disc::Odd CDiscMatcher::Disc::OddPart(double reach, int cell) cons
   for (const int power : {0, 2, 4}) {
     for (double Point::*along : {&Point::x, &Point::y}) {
       std::vector<double> slope;
-      for (Point const& p : places) {
+      for (const Point& p : places) {
         slope.push_back(p.*along * std::pow(Length(p.x, p.y), power));
       }
       slopes.push_back(slope);
     }
   }
-  const auto takeOut = [](std::vector<double>& from, std::vector<double> const& what) {
+  const auto takeOut = [](std::vector<double>& from, const std::vector<double>& what) {
     double dot = 0, square = 0;
     for (size_t k = 0; k < from.size(); ++k) {
       dot += from[k] * what[k];
@@ -289,7 +289,7 @@ CStarMatch CDiscMatcher::Match(CVelImage& image) const {
   const double reach = kInside * std::min(disc_->radius, other->radius);
   const int cell = std::max(2, static_cast<int>(std::lround(reach / kCells)));
   const Disc::Odd ours = disc_->OddPart(reach, cell), theirs = other->OddPart(reach, cell);
-  const auto dot = [](std::vector<double> const& a, std::vector<double> const& b) {
+  const auto dot = [](const std::vector<double>& a, const std::vector<double>& b) {
     return std::inner_product(a.begin(), a.end(), b.begin(), 0.0);
   };
   const double alike =
@@ -298,7 +298,7 @@ CStarMatch CDiscMatcher::Match(CVelImage& image) const {
   const bool isTurned = std::min(ours.share, theirs.share) > kLeastShare && alike < -kOpposite &&
                         -alike * std::sqrt(static_cast<double>(ours.values.size())) > kSure;
   const double sign = isTurned ? -1 : 1;
-  const auto shift = [&](Point const& from, Point const& to) {
+  const auto shift = [&](const Point& from, const Point& to) {
     return Point{to.x - sign * from.x, to.y - sign * from.y};
   };
   const Point whole = shift(other->middle, disc_->middle), inner = shift(other->inner, disc_->inner);

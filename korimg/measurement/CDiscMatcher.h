@@ -17,8 +17,8 @@ class KORIMG_API CDiscMatcher {
   /// The reference may go afterwards.
   explicit CDiscMatcher(CVelImage& reference);
   ~CDiscMatcher();
-  CDiscMatcher(CDiscMatcher const&) = delete;
-  CDiscMatcher& operator=(CDiscMatcher const&) = delete;
+  CDiscMatcher(const CDiscMatcher&) = delete;
+  CDiscMatcher& operator=(const CDiscMatcher&) = delete;
 
   bool HasDisc() const { return disc_ != nullptr; }
 
@@ -28,7 +28,7 @@ class KORIMG_API CDiscMatcher {
 
  private:
   struct Disc;
-  static std::unique_ptr<Disc const> Find(CVelImage& image);
+  static std::unique_ptr<const Disc> Find(CVelImage& image);
 
-  std::unique_ptr<Disc const> disc_;
+  std::unique_ptr<const Disc> disc_;
 };

@@ -14,7 +14,7 @@ using namespace korimg;
 namespace {
 
 /// The place of the largest number of sorted pixels, of which NaN are the last; 0 when there are only NaN.
-int LastNumber(std::vector<float> const& sorted) {
+int LastNumber(const std::vector<float>& sorted) {
   const auto end = std::partition_point(sorted.begin(), sorted.end(), [](float v) { return !std::isnan(v); });
   return std::max(0, static_cast<int>(end - sorted.begin()) - 1);
 }
@@ -32,7 +32,7 @@ struct CImgPixelInfo::Results {
   }
 
   /// The figures of what is kept of a plane's sorted pixels.
-  void SetTrimmed(int plane, std::vector<float> const& sorted, double low, double high) const {
+  void SetTrimmed(int plane, const std::vector<float>& sorted, double low, double high) const {
     const int n = static_cast<int>(sorted.size());
     if (n == 0) return;
     const int first = std::clamp(TruncateToInt(n * (1 - high) * 0.5), 0, n / 2);
@@ -58,7 +58,7 @@ std::vector<float> CImgPixelInfo::PixelsOf(CRect rect, int plane) {
   const Window window(*this, &rect);
   std::vector<float> pixels;
   for (int y = window.top; y < window.bottom && !window.IsEmpty(); ++y) {
-    float const* line = GetLine(window.left, y, plane);
+    const float* line = GetLine(window.left, y, plane);
     pixels.insert(pixels.end(), line, line + window.Width());
   }
   std::sort(pixels.begin(), pixels.end(), NanLast);
@@ -72,7 +72,7 @@ std::vector<float> CImgPixelInfo::PixelsOf(int x, int y, int radius, int plane) 
   const int right = limited(1LL * x + radius, GetWidth()), bottom = limited(1LL * y + radius, GetHeight());
   std::vector<float> pixels;
   for (int row = limited(1LL * y - radius + 1, GetHeight()); row < bottom; ++row) {
-    float const* line = GetLine(0, row, plane);
+    const float* line = GetLine(0, row, plane);
     for (int column = limited(1LL * x - radius + 1, GetWidth()); column < right; ++column) {
       const long long dx = 1LL * column - x, dy = 1LL * row - y;
       if (dx * dx + dy * dy < 1LL * radius * radius) pixels.push_back(line[column]);
@@ -94,7 +94,7 @@ void CImgPixelInfo::Calc(CRect rect, double* min, double* max, double* mean, dou
       double sum;
     };
     const auto lines = MapLines(window.top, window.bottom, [&](int y) {
-      float const* in = GetLine(window.left, y, p);
+      const float* in = GetLine(window.left, y, p);
       Line line{kNone, -kNone, 0};
       for (int x = 0; x < window.Width(); ++x) {
         line.min = in[x] < line.min ? in[x] : line.min;
@@ -113,7 +113,7 @@ void CImgPixelInfo::Calc(CRect rect, double* min, double* max, double* mean, dou
     if (min[p] > max[p]) min[p] = max[p] = std::numeric_limits<double>::quiet_NaN();  // there are only NaN
     mean[p] = sum / n;
     for (const double line : MapLines(window.top, window.bottom, [&](int y) {
-           float const* in = GetLine(window.left, y, p);
+           const float* in = GetLine(window.left, y, p);
            double lineSquares = 0;
            for (int x = 0; x < window.Width(); ++x) {
              lineSquares += (in[x] - mean[p]) * (in[x] - mean[p]);

@@ -24,7 +24,7 @@ constexpr int kBorder = 32;
 /// Longest side of what is correlated as a whole.
 constexpr int kWhole = 1024;
 
-std::unique_ptr<CImgFourier> MakePlane(CVelImage const& like, int width, int height) {
+std::unique_ptr<CImgFourier> MakePlane(const CVelImage& like, int width, int height) {
   auto plane = std::make_unique<CImgFourier>();
   MakeWorkImage(*plane, CVelImage(like.VmManager(), CImage::Float, width, height, 1, 1.0, 0.0, 1, nullptr));
   return plane;
@@ -37,7 +37,7 @@ void PutBinned(CVelImage& image, int bin, CVelImage& plane, int left, int top) {
   ForLines(Team::All, 0, height, [&](int y) {
     std::vector<float> sums(width);
     for (int k = 0; k < bin; ++k) {
-      float const* line = image.GetLine(0, y * bin + k, 0);
+      const float* line = image.GetLine(0, y * bin + k, 0);
       for (int x = 0; x < width * bin; ++x) {
         sums[x / bin] += line[x];
       }
@@ -86,7 +86,7 @@ std::unique_ptr<CImgFourier> LightOf(CVelImage& image, int bin) {
     std::vector<float> level(width), weight(width);
     sky.Levels(0, y, width, level.data());
     sky.Weights(0, y, width, weight.data());
-    float const* from = blurred.GetLine(0, y, 0);
+    const float* from = blurred.GetLine(0, y, 0);
     float* to = light->GetWritableLine(0, y, 0);
     for (int x = kBorder; x < width - kBorder; ++x) {
       const float v = (from[x] - level[x]) * weight[x] - kLeast;
@@ -106,7 +106,7 @@ Similarity Unbinned(Similarity map, int bin) {
 }
 
 /// The second image, laid on the first.
-std::unique_ptr<CImgFourier> Laid(CVelImage& first, CVelImage& second, Similarity const& map) {
+std::unique_ptr<CImgFourier> Laid(CVelImage& first, CVelImage& second, const Similarity& map) {
   constexpr int kFirstAndWeight = 2;
   const Pose pose = PoseOf(map, second.GetWidth(), second.GetHeight());
   CImgComposit laid;
@@ -119,10 +119,10 @@ std::unique_ptr<CImgFourier> Laid(CVelImage& first, CVelImage& second, Similarit
 }
 
 /// Nothing has moved by half a pixel: what the sensor's own pattern shows, whatever the sky does.
-bool IsSensors(Similarity const& map, CVelImage const& image) {
+bool IsSensors(const Similarity& map, const CVelImage& image) {
   constexpr double kLeast = 0.5;
   const double width = image.GetWidth(), height = image.GetHeight();
-  for (Point const& p : {Point{0, 0}, Point{width, 0}, Point{0, height}, Point{width, height}}) {
+  for (const Point& p : {Point{0, 0}, Point{width, 0}, Point{0, height}, Point{width, height}}) {
     if (Distance(map(p), p) > kLeast) return false;
   }
   return true;
@@ -168,9 +168,9 @@ std::vector<Similarity> Candidates(CImgFourier& first, CImgFourier& second) {
     if (shift.peak > 0) candidates.push_back({Joined(turn, {1, 0, -shift.x, -shift.y}), shift.peak});
   }
   std::stable_sort(candidates.begin(), candidates.end(),
-                   [](Candidate const& a, Candidate const& b) { return a.peak > b.peak; });
+                   [](const Candidate& a, const Candidate& b) { return a.peak > b.peak; });
   std::vector<Similarity> maps;
-  for (Candidate const& c : candidates) {
+  for (const Candidate& c : candidates) {
     maps.push_back(c.map);
   }
   return maps;
@@ -211,7 +211,7 @@ struct Refined {
   Similarity map, correction;
   Tiles tiles;
 
-  Refined(CImgFourier& first, CImgFourier& second, Similarity const& guess) : map(guess) {
+  Refined(CImgFourier& first, CImgFourier& second, const Similarity& guess) : map(guess) {
     constexpr int kRounds = 3;
     for (int round = 0; round < kRounds; ++round) {
       const auto laid = Laid(first, second, map);
@@ -226,7 +226,7 @@ struct Refined {
   bool Agrees() {
     constexpr double kAgreement = 0.75, kShare = 0.4;
     std::erase_if(tiles.pairs,
-                  [&](Pair const& p) { return Distance(correction(p.from), p.to) > kAgreement; });
+                  [&](const Pair& p) { return Distance(correction(p.from), p.to) > kAgreement; });
     const size_t agree = tiles.pairs.size();
     return agree >= kFewest && static_cast<double>(agree) >= kShare * tiles.lit;
   }
@@ -234,7 +234,7 @@ struct Refined {
   static constexpr size_t kFewest = 3;
 };
 
-bool IsHalfTurn(Similarity const& map) {
+bool IsHalfTurn(const Similarity& map) {
   return map.a < 0;
 }
 
@@ -244,7 +244,7 @@ double Likeness(CVelImage& first, CVelImage& second) {
     double both = 0, first = 0, second = 0;
   };
   Sums all;
-  for (Sums const& line : MapLines(0, first.GetHeight(), [&](int y) {
+  for (const Sums& line : MapLines(0, first.GetHeight(), [&](int y) {
          Sums sums;
          float const *a = first.GetLine(0, y, 0), *b = second.GetLine(0, y, 0);
          for (int x = 0; x < first.GetWidth(); ++x) {
@@ -277,7 +277,7 @@ CPhaseMatcher::Scale::Answer CPhaseMatcher::Scale::Match(CVelImage& image, CStar
   constexpr double kProof = 0.1;
   const OnOneThread alone;
   const auto other = LightOf(image, bin);
-  const auto longest = [](CVelImage const& i) { return std::max(i.GetWidth(), i.GetHeight()); };
+  const auto longest = [](const CVelImage& i) { return std::max(i.GetWidth(), i.GetHeight()); };
   const int length = std::max(longest(*light), longest(*other)), coarse = (length + kWhole - 1) / kWhole,
             side = CFft::GetCeilPowerOf2(length / coarse);
   const auto whole = [&](CVelImage& of, Similarity& inverse) {
@@ -294,14 +294,14 @@ CPhaseMatcher::Scale::Answer CPhaseMatcher::Scale::Match(CVelImage& image, CStar
   for (Similarity& guess : guesses) {
     guess = Unbinned(Joined(Joined(toSecond, guess), fromFirst), coarse);
   }
-  const auto likeness = [&](Similarity const& map) { return Likeness(*light, *Laid(*light, *other, map)); };
+  const auto likeness = [&](const Similarity& map) { return Likeness(*light, *Laid(*light, *other, map)); };
   bool isUnproven = false;
   for (size_t i = 0; i < guesses.size(); ++i) {
     if (i >= kMost && (!isUnproven || IsHalfTurn(guesses[i]))) continue;
     Refined fit(*light, *other, guesses[i]);
     if (!fit.Agrees()) continue;
     // Round and symmetric objects agree with themselves turned over.
-    const auto isAsGood = [&](Similarity const& unturned) {
+    const auto isAsGood = [&](const Similarity& unturned) {
       return !IsHalfTurn(unturned) &&
              likeness(Refined(*light, *other, unturned).map) + kProof > likeness(fit.map);
     };
@@ -333,7 +333,7 @@ CStarMatch CPhaseMatcher::Match(CVelImage& image) {
   CStarMatch match;
   match.status = CStarMatch::NoMatch;
   for (int k = 0; k < 2; ++k) {
-    const auto tooSmall = [&](CVelImage const& i) {
+    const auto tooSmall = [&](const CVelImage& i) {
       return i.IsEmpty() || std::min(i.GetWidth(), i.GetHeight()) < kSmallest * kBins[k];
     };
     if (tooSmall(*reference_) || tooSmall(image)) continue;

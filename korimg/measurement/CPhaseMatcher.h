@@ -19,8 +19,8 @@ class KORIMG_API CPhaseMatcher {
   /// The reference must outlive the matcher.
   explicit CPhaseMatcher(CVelImage* reference);
   ~CPhaseMatcher();
-  CPhaseMatcher(CPhaseMatcher const&) = delete;
-  CPhaseMatcher& operator=(CPhaseMatcher const&) = delete;
+  CPhaseMatcher(const CPhaseMatcher&) = delete;
+  CPhaseMatcher& operator=(const CPhaseMatcher&) = delete;
 
   /// Ok, or NoMatch; `stars` is the number of tiles. One thread at a time may call it.
   CStarMatch Match(CVelImage& image);

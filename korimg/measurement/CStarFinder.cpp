@@ -28,7 +28,7 @@ constexpr double kWidestWindow = 30;
 /// The pixels around a star, less their sky, as far as the image reaches. What is not finite is NaN.
 class Stamp {
  public:
-  Stamp(CVelImage& image, SkyMesh const& sky, double x, double y, double reach) {
+  Stamp(CVelImage& image, const SkyMesh& sky, double x, double y, double reach) {
     // In this order of arguments a position that is no number becomes 0.
     const auto limited = [](double v, int size) {
       return static_cast<int>(std::min(std::max(0.0, v), size * 1.0));
@@ -152,7 +152,7 @@ struct Shape {
   Symmetric spread;
 
   /// By the inverse of the matrix.
-  void SetInverse(Symmetric const& sharp) {
+  void SetInverse(const Symmetric& sharp) {
     constexpr double kLongest = 400;
     const double middle = (sharp.xx + sharp.yy) / 2, half = std::hypot((sharp.xx - sharp.yy) / 2, sharp.xy);
     longer = 1 / std::max(middle - half, 1 / kLongest);
@@ -191,7 +191,7 @@ Seen SeenOfPixels(double middle, double window, double reach, double offset, dou
 
 /// Pixels see too little of a narrow star for sums over them to be integrals: its middle comes out as much as
 /// 0.1 pixels off, and its width by a third. Finds the Gaussian of which pixels would show what was seen.
-void CorrectForPixels(double middle, double window, double reach, Seen const& seen, double& offset,
+void CorrectForPixels(double middle, double window, double reach, const Seen& seen, double& offset,
                       double& variance) {
   constexpr int kRounds = 12;
   constexpr double kNarrowest = 1e-3, kWidest = 3, kFarthest = 1, kStill = 1e-5;
@@ -210,7 +210,7 @@ void CorrectForPixels(double middle, double window, double reach, Seen const& se
 
 /// Through a Gaussian window that grows or shrinks to the star's width and moves to its middle. False for
 /// what has no width, or moves away.
-bool MeasureShape(Stamp const& stamp, StarSeed const& seed, double widest, Shape& shape) {
+bool MeasureShape(const Stamp& stamp, const StarSeed& seed, double widest, Shape& shape) {
   constexpr int kRounds = 12;
   constexpr double kFarthest = 1.5, kNarrowest = 0.4, kStill = 1e-4;
   constexpr double kWindowReach = 3, kWidestReach = 17;
@@ -280,7 +280,7 @@ bool MeasureShape(Stamp const& stamp, StarSeed const& seed, double widest, Shape
 }
 
 /// The brightest pixel within one of a position; NaN counts as nothing.
-double PeakNear(Stamp const& stamp, double x, double y, int& peakX, int& peakY) {
+double PeakNear(const Stamp& stamp, double x, double y, int& peakX, int& peakY) {
   double peak = -std::numeric_limits<double>::infinity();
   stamp.ForPixels(std::round(x), std::round(y), 1, [&](int i, int j, double v) {
     if (v <= peak) return;
@@ -292,7 +292,7 @@ double PeakNear(Stamp const& stamp, double x, double y, int& peakX, int& peakY) 
 }
 
 /// The n-th brightest of the pixels around one, which has rank 0 among them.
-double Ranked(Stamp const& stamp, int x, int y, int n) {
+double Ranked(const Stamp& stamp, int x, int y, int n) {
   std::vector<double> values;
   stamp.ForPixels(x, y, 1, [&](int, int, double v) { values.push_back(v); });
   if (static_cast<int>(values.size()) <= n) return -std::numeric_limits<double>::infinity();
@@ -301,7 +301,7 @@ double Ranked(Stamp const& stamp, int x, int y, int n) {
 }
 
 /// A single bright pixel: at most one of its neighbours has a share of its light.
-bool IsHotPixel(Stamp const& stamp, StarSeed const& seed) {
+bool IsHotPixel(const Stamp& stamp, const StarSeed& seed) {
   constexpr double kShare = 0.2;
   int x = 0, y = 0;
   const double peak = PeakNear(stamp, seed.x, seed.y, x, y);
@@ -312,7 +312,7 @@ bool IsHotPixel(Stamp const& stamp, StarSeed const& seed) {
 /// the distance along ellipses, has fallen to a half. What an added variance did to it is taken out to first
 /// order. 0 when there is none. `forPixels` calls its argument with the pixels within a distance.
 template <class F>
-double ProfileFwhm(Shape const& shape, double peak, double added, F&& forPixels) {
+double ProfileFwhm(const Shape& shape, double peak, double added, F&& forPixels) {
   constexpr double kLeast = 0.15, kReach = 1.3;
   const Symmetric sharp = shape.spread.Inverse();
   const double scale = shape.Variance();
@@ -327,7 +327,7 @@ double ProfileFwhm(Shape const& shape, double peak, double added, F&& forPixels)
       if (k < 3) t[k] += w * logarithm;
     }
   });
-  const auto determinant = [](double const(&a)[3], double const(&b)[3], double const(&c)[3]) {
+  const auto determinant = [](const double(&a)[3], const double(&b)[3], const double(&c)[3]) {
     return a[0] * (b[1] * c[2] - b[2] * c[1]) - b[0] * (a[1] * c[2] - a[2] * c[1]) +
            c[0] * (a[1] * b[2] - a[2] * b[1]);
   };
@@ -343,13 +343,13 @@ double ProfileFwhm(Shape const& shape, double peak, double added, F&& forPixels)
   return before > 0 ? 2 * std::sqrt(before) : 0;
 }
 
-double ProfileFwhm(Stamp const& stamp, Shape const& shape, double peak, double added) {
+double ProfileFwhm(const Stamp& stamp, const Shape& shape, double peak, double added) {
   return ProfileFwhm(shape, peak, added,
                      [&](double reach, auto&& pixel) { stamp.ForPixels(shape.x, shape.y, reach, pixel); });
 }
 
 /// The same of a Gaussian with that middle and that width along x and y, that pixels integrate.
-double ProfileFwhmOfPixels(Shape const& shape, double added) {
+double ProfileFwhmOfPixels(const Shape& shape, double added) {
   const double cx = std::round(shape.x), cy = std::round(shape.y);
   const auto share = [&](double pixel, double middle, double variance) {
     const double scale = 1 / std::sqrt(2 * std::max(variance - kPixelVariance, 1e-4));
@@ -371,9 +371,9 @@ double ProfileFwhmOfPixels(Shape const& shape, double added) {
 class UsualShape {
  public:
   /// `spread` is the variance that a single pixel of the sensor has.
-  UsualShape(std::vector<Shape> const& shapes, double spread) {
+  UsualShape(const std::vector<Shape>& shapes, double spread) {
     std::vector<double> shorter, sizes;
-    for (Shape const& shape : shapes) {
+    for (const Shape& shape : shapes) {
       if (!(shape.shorter > spread + kNarrow)) continue;
       shorter.push_back(shape.shorter);
       sizes.push_back(shape.Variance());
@@ -383,7 +383,7 @@ class UsualShape {
   }
 
   /// Neither a hot pixel or a cosmic ray nor a trail nor a cloud.
-  bool Fits(Shape const& shape) const {
+  bool Fits(const Shape& shape) const {
     return shape.shorter > least_ && shape.longer < kTrail * shape.shorter &&
            shape.Variance() < kWide * size_;
   }
@@ -396,7 +396,7 @@ class UsualShape {
 };
 
 /// The shapes of those seeds that are stars.
-std::vector<Shape> MeasureShapes(CVelImage& image, SkyMesh const& sky, std::vector<StarSeed> const& seeds) {
+std::vector<Shape> MeasureShapes(CVelImage& image, const SkyMesh& sky, const std::vector<StarSeed>& seeds) {
   constexpr double kReach = 18, kNarrowed = 1.5;
   // Most stars are small: a stamp of a quarter of the pixels holds their windows.
   constexpr double kSmallReach = 9, kSmallWindow = 5;
@@ -417,7 +417,7 @@ std::vector<Shape> MeasureShapes(CVelImage& image, SkyMesh const& sky, std::vect
     return c;
   });
   std::vector<Shape> shapes;
-  for (Candidate const& c : candidates) {
+  for (const Candidate& c : candidates) {
     if (c.state == Measured) shapes.push_back(c.shape);
   }
   const UsualShape usual(shapes, LightSpread(image));
@@ -436,7 +436,7 @@ std::vector<Shape> MeasureShapes(CVelImage& image, SkyMesh const& sky, std::vect
     if (!measure()) c.state = Nothing;
   });
   shapes.clear();
-  for (Candidate const& c : candidates) {
+  for (const Candidate& c : candidates) {
     if (c.state == Measured) shapes.push_back(c.shape);
   }
   return shapes;
@@ -445,10 +445,10 @@ std::vector<Shape> MeasureShapes(CVelImage& image, SkyMesh const& sky, std::vect
 /// The finder's work once it knows where stars are and how wide.
 class Photometry {
  public:
-  Photometry(CVelImage& image, SkyMesh const& sky, double grain, std::vector<Shape> const& shapes)
+  Photometry(CVelImage& image, const SkyMesh& sky, double grain, const std::vector<Shape>& shapes)
       : image_(image), sky_(sky), grain_(grain), shapes_(shapes), grid_(PointsOf(shapes)) {
     std::vector<double> widths;
-    for (Shape const& shape : shapes) {
+    for (const Shape& shape : shapes) {
       widths.push_back(shape.GaussianFwhm());
     }
     width_ = UpperMedian(widths);
@@ -462,7 +462,7 @@ class Photometry {
         MapLines(0, static_cast<int>(shapes_.size()), [&](int i) { return MeasureStar(i); });
     const double most = std::min(saturation, SharedTop(measured));
     std::vector<CStar> stars;
-    for (auto const& [star, top] : measured) {
+    for (const auto& [star, top] : measured) {
       stars.push_back(star);
       if (top >= most) stars.back().flags |= CStar::Saturated;
     }
@@ -485,9 +485,9 @@ class Photometry {
     double width, flux;
   };
 
-  static std::vector<Point> PointsOf(std::vector<Shape> const& shapes) {
+  static std::vector<Point> PointsOf(const std::vector<Shape>& shapes) {
     std::vector<Point> points;
-    for (Shape const& shape : shapes) {
+    for (const Shape& shape : shapes) {
       points.push_back({shape.x, shape.y});
     }
     return points;
@@ -495,16 +495,16 @@ class Photometry {
 
   /// Of the light before pixels and what follows made it wider.
   double Added() const { return kPixelVariance + LightSpread(image_); }
-  double MomentFwhm(Shape const& shape) const {
+  double MomentFwhm(const Shape& shape) const {
     return kFwhmOfSigma * std::sqrt(std::max(shape.Variance() - Added(), 0.0));
   }
 
   /// Of the sky in the aperture.
-  double SkyNoise(CStar const& star) const {
+  double SkyNoise(const CStar& star) const {
     return star.noise * grain_ * std::sqrt(std::numbers::pi) * aperture_;
   }
 
-  bool IsAlone(Shape const& shape, double radius) const {
+  bool IsAlone(const Shape& shape, double radius) const {
     int stars = 0;
     grid_.ForNear({shape.x, shape.y}, radius, [&](int, double) { ++stars; });
     return stars == 1;
@@ -516,7 +516,7 @@ class Photometry {
   };
 
   Measured MeasureStar(int i) const {
-    Shape const& shape = shapes_[i];
+    const Shape& shape = shapes_[i];
     const Stamp stamp(image_, sky_, shape.x, shape.y, aperture_ + 2);
     const int column = std::clamp(static_cast<int>(std::lround(shape.x)), 0, image_.GetWidth() - 1),
               line = std::clamp(static_cast<int>(std::lround(shape.y)), 0, image_.GetHeight() - 1);
@@ -538,14 +538,14 @@ class Photometry {
   }
 
   /// The highest top of all when three stars or more have it: no sensor shows more. Else infinite.
-  static double SharedTop(std::vector<Measured> const& stars) {
+  static double SharedTop(const std::vector<Measured>& stars) {
     constexpr double kRounding = 1e-6;
     double highest = 0, sharing = 0;
-    for (Measured const& m : stars) {
+    for (const Measured& m : stars) {
       highest = std::max(highest, m.top);
     }
     const double least = highest - kRounding * highest;
-    for (Measured const& m : stars) {
+    for (const Measured& m : stars) {
       if (m.top >= least) ++sharing;
     }
     return sharing >= 3 ? least : std::numeric_limits<double>::infinity();
@@ -553,13 +553,13 @@ class Photometry {
 
   /// Around the top of a star of the usual width the fifth brightest pixel is lower by 4 ln 2 / FWHM^2 at
   /// least.
-  bool IsFlatTop(Stamp const& stamp, int x, int y, double peak) const {
+  bool IsFlatTop(const Stamp& stamp, int x, int y, double peak) const {
     constexpr double kFlat = 0.4;
     const double fall = std::min(4 * std::numbers::ln2 / (width_ * width_), 1.0);
     return Ranked(stamp, x, y, 4) > (1 - kFlat * fall) * peak;
   }
 
-  Factors FactorsOf(std::vector<CStar> const& stars) const {
+  Factors FactorsOf(const std::vector<CStar>& stars) const {
     constexpr size_t kMost = 200, kLeast = 5;
     constexpr double kSnr = 30;
     std::vector<int> models;
@@ -570,10 +570,10 @@ class Photometry {
               [&](int a, int b) { return std::tuple(-stars[a].flux, a) < std::tuple(-stars[b].flux, b); });
     models.resize(std::min(models.size(), kMost));
     std::vector<double> widths, fluxes;
-    for (Factors const& f : MapLines(0, static_cast<int>(models.size()), [&](int m) {
-           Shape const& shape = shapes_[models[m]];
+    for (const Factors& f : MapLines(0, static_cast<int>(models.size()), [&](int m) {
+           const Shape& shape = shapes_[models[m]];
            const Stamp stamp(image_, sky_, shape.x, shape.y, wide_ + 2);
-           CStar const& star = stars[models[m]];
+           const CStar& star = stars[models[m]];
            // What first order leaves of narrow stars it leaves of a Gaussian too.
            const double usual =
                shape.Variance() < kNarrowStar ? ProfileFwhmOfPixels(shape, Added()) : MomentFwhm(shape);
@@ -590,9 +590,9 @@ class Photometry {
   static constexpr double kBright = 100;  ///< deviations of the sky
 
   CVelImage& image_;
-  SkyMesh const& sky_;
+  const SkyMesh& sky_;
   double grain_;
-  std::vector<Shape> const& shapes_;
+  const std::vector<Shape>& shapes_;
   PointGrid grid_;
   double width_ = 0;                ///< the usual FWHM
   double aperture_ = 0, wide_ = 0;  ///< radii
@@ -610,8 +610,8 @@ int CStarFinder::Find() {
   const StarSeeds found = FindStarSeeds(*image_, sky, threshold_);
   const std::vector<Shape> shapes = MeasureShapes(*image_, sky, found.seeds);
   stars_ = Photometry(*image_, sky, found.grain, shapes).Measure(saturation_, gain_);
-  std::erase_if(stars_, [](CStar const& star) { return !(star.flux > 0); });
-  std::sort(stars_.begin(), stars_.end(), [](CStar const& a, CStar const& b) {
+  std::erase_if(stars_, [](const CStar& star) { return !(star.flux > 0); });
+  std::sort(stars_.begin(), stars_.end(), [](const CStar& a, const CStar& b) {
     return std::tuple(-a.flux, a.y, a.x) < std::tuple(-b.flux, b.y, b.x);
   });
   SetTypical();
@@ -620,9 +620,9 @@ int CStarFinder::Find() {
 
 void CStarFinder::SetTypical() {
   const bool anyWhole =
-      std::any_of(stars_.begin(), stars_.end(), [](CStar const& s) { return s.flags == 0; });
+      std::any_of(stars_.begin(), stars_.end(), [](const CStar& s) { return s.flags == 0; });
   std::vector<double> widths, elongations;
-  for (CStar const& star : stars_) {
+  for (const CStar& star : stars_) {
     if (anyWhole && star.flags != 0) continue;
     widths.push_back(star.fwhm);
     elongations.push_back(star.elongation);

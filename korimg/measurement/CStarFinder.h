@@ -55,7 +55,7 @@ class KORIMG_API CStarFinder {
   int Find();
 
   /// In order of falling flux.
-  std::vector<CStar> const& GetStars() const { return stars_; }
+  const std::vector<CStar>& GetStars() const { return stars_; }
   /// Medians of the brighter half of the stars that are whole, alone and not saturated; 0 without any star.
   double GetFwhm() const { return fwhm_; }
   double GetElongation() const { return elongation_; }

@@ -31,12 +31,12 @@ struct Triangle {
 
 /// Adds a triangle to a list, in every order of its corners in which no side is longer than the one before by
 /// more than `slack`.
-void AddTriangle(std::vector<Point> const& points, std::array<int, 3> corners, double slack,
+void AddTriangle(const std::vector<Point>& points, std::array<int, 3> corners, double slack,
                  std::vector<Triangle>& triangles) {
   constexpr double kShortest = 3, kFlattest = 0.01;
   std::sort(corners.begin(), corners.end());
   do {
-    Point const &p = points[corners[0]], &q = points[corners[1]], &r = points[corners[2]];
+    const Point &p = points[corners[0]], &q = points[corners[1]], &r = points[corners[2]];
     const double a = Distance(q, r), b = Distance(r, p), c = Distance(p, q);
     const double area = (q.x - p.x) * (r.y - p.y) - (q.y - p.y) * (r.x - p.x);
     if (c < kShortest || std::abs(area) < kFlattest * a * a) return;
@@ -44,7 +44,7 @@ void AddTriangle(std::vector<Point> const& points, std::array<int, 3> corners, d
   } while (std::next_permutation(corners.begin(), corners.end()));
 }
 
-std::vector<Triangle> Triangles(std::vector<Point> const& points, double slack) {
+std::vector<Triangle> Triangles(const std::vector<Point>& points, double slack) {
   const int count = static_cast<int>(points.size()), near = std::min(count - 1, kNeighbours);
   std::vector<std::array<int, 3>> corners;
   std::vector<std::pair<double, int>> others(count);
@@ -63,21 +63,21 @@ std::vector<Triangle> Triangles(std::vector<Point> const& points, double slack) 
   std::sort(corners.begin(), corners.end());
   corners.erase(std::unique(corners.begin(), corners.end()), corners.end());
   std::vector<Triangle> triangles;
-  for (auto const& three : corners) {
+  for (const auto& three : corners) {
     AddTriangle(points, three, slack, triangles);
   }
   std::stable_sort(triangles.begin(), triangles.end(),
-                   [](Triangle const& s, Triangle const& t) { return s.middleShare < t.middleShare; });
+                   [](const Triangle& s, const Triangle& t) { return s.middleShare < t.middleShare; });
   return triangles;
 }
 
 /// The first `most` of a list that do not crowd in one of 8 x 8 zones; others when there are too few.
-std::vector<CStar> Spread(std::vector<CStar> const& stars, size_t most) {
+std::vector<CStar> Spread(const std::vector<CStar>& stars, size_t most) {
   constexpr int kZones = 8;
   if (stars.size() <= most) return stars;
   const auto range = [&](double CStar::*part) {
     const auto [low, high] = std::minmax_element(
-        stars.begin(), stars.end(), [&](CStar const& s, CStar const& t) { return s.*part < t.*part; });
+        stars.begin(), stars.end(), [&](const CStar& s, const CStar& t) { return s.*part < t.*part; });
     return std::pair((*low).*part, std::max((*high).*part - (*low).*part, 1e-6));
   };
   const auto [left, width] = range(&CStar::x);
@@ -86,7 +86,7 @@ std::vector<CStar> Spread(std::vector<CStar> const& stars, size_t most) {
   std::array<size_t, kZones * kZones> taken{};
   const size_t share = 2 * most / taken.size() + 1;
   std::vector<CStar> spread, rest;
-  for (CStar const& star : stars) {
+  for (const CStar& star : stars) {
     size_t& here = taken[zone((star.y - top) / height) * kZones + zone((star.x - left) / width)];
     (here < share ? spread : rest).push_back(star);
     ++here;
@@ -97,7 +97,7 @@ std::vector<CStar> Spread(std::vector<CStar> const& stars, size_t most) {
 }
 
 /// One over the square of what a position may be off by.
-double WeightOf(CStar const& star) {
+double WeightOf(const CStar& star) {
   constexpr double kBest = 0.015, kFlagged = 0.3, kUnknown = 0.1;
   const double photons = star.snr > 0 && star.fwhm > 0 ? 0.5 * star.fwhm / star.snr : kUnknown;
   const double flagged = star.flags != 0 ? kFlagged : 0;
@@ -119,7 +119,7 @@ struct StarField {
 
   double PatternArea() const {
     double left = pattern[0].x, right = left, top = pattern[0].y, bottom = top;
-    for (Point const& p : pattern) {
+    for (const Point& p : pattern) {
       left = std::min(left, p.x);
       right = std::max(right, p.x);
       top = std::min(top, p.y);
@@ -133,22 +133,22 @@ struct StarField {
       : StarField(CStarMatcher::Select(std::move(stars)), slack, mirrored ? -1 : 1) {}
 
  private:
-  StarField(std::vector<CStar> const& stars, double slack, int direction)
+  StarField(const std::vector<CStar>& stars, double slack, int direction)
       : pattern(PointsOf(Spread(stars, kPatternStars), direction)),
         patternGrid(pattern),
         triangles(Triangles(pattern, slack)),
         grid(PointsOf(stars, direction)) {
-    for (CStar const& star : Spread(stars, kPatternStars)) {
+    for (const CStar& star : Spread(stars, kPatternStars)) {
       fluxes.push_back(star.flux);
     }
-    for (CStar const& star : stars) {
+    for (const CStar& star : stars) {
       weights.push_back(WeightOf(star));
     }
   }
 
-  static std::vector<Point> PointsOf(std::vector<CStar> const& stars, int direction) {
+  static std::vector<Point> PointsOf(const std::vector<CStar>& stars, int direction) {
     std::vector<Point> points;
-    for (CStar const& star : stars) {
+    for (const CStar& star : stars) {
       points.push_back({direction * star.x, star.y});
     }
     return points;
@@ -166,12 +166,12 @@ struct Hypothesis {
   double error;  ///< of the shape, relative
 };
 
-std::vector<Hypothesis> Hypotheses(StarField const& stars, StarField const& reference) {
+std::vector<Hypothesis> Hypotheses(const StarField& stars, const StarField& reference) {
   constexpr double kRigid = 0.01;
   std::vector<Hypothesis> found;
-  for (Triangle const& t : stars.triangles) {
+  for (const Triangle& t : stars.triangles) {
     const double most = kSideError / t.longest;
-    const auto before = [](Triangle const& s, double share) { return s.middleShare < share; };
+    const auto before = [](const Triangle& s, double share) { return s.middleShare < share; };
     const double widest = 2 * most + 0.02;
     for (auto r = std::lower_bound(reference.triangles.begin(), reference.triangles.end(),
                                    t.middleShare - widest, before);
@@ -189,7 +189,7 @@ std::vector<Hypothesis> Hypotheses(StarField const& stars, StarField const& refe
       found.push_back({map, std::abs(map.Scale() - 1) < kRigid + error, error});
     }
   }
-  std::stable_sort(found.begin(), found.end(), [](Hypothesis const& g, Hypothesis const& h) {
+  std::stable_sort(found.begin(), found.end(), [](const Hypothesis& g, const Hypothesis& h) {
     return std::tuple(!g.rigid, g.error) < std::tuple(!h.rigid, h.error);
   });
   return found;
@@ -209,7 +209,7 @@ double LeastAgreement(double expected, double hypotheses) {
 }
 
 /// The map under which most stars of the patterns meet. False when chance would do as well.
-bool FindAgreement(StarField const& stars, StarField const& reference, Similarity& best) {
+bool FindAgreement(const StarField& stars, const StarField& reference, Similarity& best) {
   constexpr size_t kMost = 20000;
   constexpr double kEnough = 0.4;
   const double count = static_cast<double>(std::min(stars.pattern.size(), reference.pattern.size()));
@@ -217,7 +217,7 @@ bool FindAgreement(StarField const& stars, StarField const& reference, Similarit
   if (count <= 3) {
     // Three stars agree with their own triangle whatever they are.
     const auto rigid =
-        std::count_if(hypotheses.begin(), hypotheses.end(), [](Hypothesis const& h) { return h.rigid; });
+        std::count_if(hypotheses.begin(), hypotheses.end(), [](const Hypothesis& h) { return h.rigid; });
     if (rigid != 1 || std::max(stars.pattern.size(), reference.pattern.size()) > kFewForThree) return false;
   }
   const auto all = static_cast<double>(hypotheses.size());
@@ -225,11 +225,11 @@ bool FindAgreement(StarField const& stars, StarField const& reference, Similarit
   const double even = static_cast<double>(stars.pattern.size() * reference.pattern.size()) *
                       std::numbers::pi * kPatternError * kPatternError / reference.PatternArea();
   // Where stars crowd, more of them meet by chance than even ones: as those tell that lie farther around.
-  const auto exceedsChance = [&](Similarity const& map, double meet) {
+  const auto exceedsChance = [&](const Similarity& map, double meet) {
     if (count <= 3) return meet >= 3;
     constexpr double kWider = 10;
     double around = -meet;
-    for (Point const& p : stars.pattern) {
+    for (const Point& p : stars.pattern) {
       reference.patternGrid.ForNear(map(p), kWider * kPatternError, [&](int, double) { ++around; });
     }
     return meet >= 3 + LeastAgreement(std::max(even, around / (kWider * kWider)), all);
@@ -237,10 +237,10 @@ bool FindAgreement(StarField const& stars, StarField const& reference, Similarit
   double most = 0;
   bool agrees = false;
   std::vector<char> taken(reference.pattern.size());
-  for (Hypothesis const& h : hypotheses) {
+  for (const Hypothesis& h : hypotheses) {
     double meet = 0;
     std::fill(taken.begin(), taken.end(), 0);
-    for (Point const& p : stars.pattern) {
+    for (const Point& p : stars.pattern) {
       const int i = reference.patternGrid.Nearest(h.map(p), kPatternError);
       if (i >= 0 && !std::exchange(taken[i], 1)) ++meet;
     }
@@ -254,9 +254,9 @@ bool FindAgreement(StarField const& stars, StarField const& reference, Similarit
 }
 
 /// The pairs of stars that a map brings within a radius, each star of the reference once.
-std::vector<Pair> PairsOf(StarField const& stars, StarField const& reference, Similarity const& map,
+std::vector<Pair> PairsOf(const StarField& stars, const StarField& reference, const Similarity& map,
                           double radius) {
-  std::vector<Point> const &from = stars.grid.Points(), &to = reference.grid.Points();
+  const std::vector<Point>&from = stars.grid.Points(), &to = reference.grid.Points();
   std::vector<int> partner(to.size(), -1);
   for (int i = 0; i < static_cast<int>(from.size()); ++i) {
     const int k = reference.grid.Nearest(map(from[i]), radius);
@@ -286,7 +286,7 @@ struct Couple {
 };
 
 /// Of the brightest stars, by growing length.
-std::vector<Couple> Couples(StarField const& field) {
+std::vector<Couple> Couples(const StarField& field) {
   constexpr double kShortest = 10;  // pixels
   const int count = static_cast<int>(std::min(field.pattern.size(), kBrightest));
   std::vector<Couple> couples;
@@ -297,26 +297,26 @@ std::vector<Couple> Couples(StarField const& field) {
     }
   }
   std::stable_sort(couples.begin(), couples.end(),
-                   [](Couple const& a, Couple const& b) { return a.length < b.length; });
+                   [](const Couple& a, const Couple& b) { return a.length < b.length; });
   return couples;
 }
 
 /// The shift and turn that lay two stars on two as far from each other and that chance explains least. False
 /// when it explains them well enough.
-bool FindTurn(StarField const& stars, StarField const& reference, double area, Similarity& best) {
+bool FindTurn(const StarField& stars, const StarField& reference, double area, Similarity& best) {
   constexpr double kLengthError = 1, kRadius = 1.5, kLeastTurn = 0.01, kBrighter = 2, kMistaken = 1e-3;
   const std::vector<Couple> ours = Couples(stars), theirs = Couples(reference);
   const double tried = 0.5 * static_cast<double>(ours.size()) * static_cast<double>(theirs.size());
-  const auto count = [](StarField const& field) {
+  const auto count = [](const StarField& field) {
     return static_cast<double>(std::min(field.pattern.size(), kBrightest));
   };
   const double others =
       (count(stars) - 2) * (count(reference) - 2) * std::numbers::pi * kRadius * kRadius / area;
   double least = kMistaken;
   std::vector<char> taken(reference.pattern.size());
-  for (Couple const& a : ours) {
+  for (const Couple& a : ours) {
     if (a.first > a.second) continue;
-    const auto before = [](Couple const& c, double length) { return c.length < length; };
+    const auto before = [](const Couple& c, double length) { return c.length < length; };
     for (auto b = std::lower_bound(theirs.begin(), theirs.end(), a.length - kLengthError, before);
          b != theirs.end() && b->length <= a.length + kLengthError; ++b) {
       const Similarity map = Fit({{stars.pattern[a.first], reference.pattern[b->first]},
@@ -351,9 +351,9 @@ bool FindTurn(StarField const& stars, StarField const& reference, double area, S
 
 /// The shift that lays the brightest star on the reference's brightest one, if others meet then. False when
 /// chance would do as well, and for what has not moved.
-bool FindShift(StarField const& stars, StarField const& reference, double area, std::vector<Pair>& pairs) {
+bool FindShift(const StarField& stars, const StarField& reference, double area, std::vector<Pair>& pairs) {
   constexpr double kRadius = 1;
-  std::vector<Point> const &from = stars.grid.Points(), &to = reference.grid.Points();
+  const std::vector<Point>&from = stars.grid.Points(), &to = reference.grid.Points();
   if (Distance(from[0], to[0]) < kLeastMoved) return false;
   pairs = PairsOf(stars, reference, {1, 0, to[0].x - from[0].x, to[0].y - from[0].y}, kRadius);
   const double others = static_cast<double>((from.size() - 1) * (to.size() - 1));
@@ -362,9 +362,9 @@ bool FindShift(StarField const& stars, StarField const& reference, double area, 
 }
 
 /// By weighted least squares.
-Similarity FitShift(std::vector<Pair> const& pairs) {
+Similarity FitShift(const std::vector<Pair>& pairs) {
   double weight = 0, x = 0, y = 0;
-  for (Pair const& p : pairs) {
+  for (const Pair& p : pairs) {
     weight += p.weight;
     x += p.weight * (p.to.x - p.from.x);
     y += p.weight * (p.to.y - p.from.y);
@@ -378,15 +378,15 @@ struct FitError {
   double corner = 0;           ///< of the corner farthest from there
 };
 
-FitError ErrorOf(std::vector<Pair> const& pairs, Similarity const& map, int width, int height) {
+FitError ErrorOf(const std::vector<Pair>& pairs, const Similarity& map, int width, int height) {
   double weight = 0, lever = 0, left = 0;
   Point middle;
-  for (Pair const& p : pairs) {
+  for (const Pair& p : pairs) {
     weight += p.weight;
     middle = {middle.x + p.weight * p.from.x, middle.y + p.weight * p.from.y};
   }
   middle = {middle.x / weight, middle.y / weight};
-  for (Pair const& p : pairs) {
+  for (const Pair& p : pairs) {
     const double r = Distance(p.from, middle), d = Distance(map(p.from), p.to);
     lever += p.weight * r * r;
     left += p.weight * d * d;
@@ -394,7 +394,7 @@ FitError ErrorOf(std::vector<Pair> const& pairs, Similarity const& map, int widt
   const double unknown = std::max(2.0 * static_cast<double>(pairs.size()) - 3, 1.0);
   const double wider = std::max(left / unknown, 1.0);
   FitError error{std::sqrt(2 * wider / weight), std::sqrt(wider / lever), 0};
-  for (Point const& corner :
+  for (const Point& corner :
        {Point{0, 0}, Point{1.0 * width, 0}, Point{0, 1.0 * height}, Point{1.0 * width, 1.0 * height}}) {
     error.corner = std::max(error.corner, std::hypot(error.shift, error.turn * Distance(corner, middle)));
   }
@@ -412,23 +412,23 @@ Similarity FitFew(std::vector<Pair>& pairs, double limit, int width, int height)
 
 }  // namespace
 
-CStarMatcher::CStarMatcher(std::vector<CStar> const& reference)
+CStarMatcher::CStarMatcher(const std::vector<CStar>& reference)
     : reference_(std::make_unique<StarField>(reference, 0.0, false)) {}
 
 CStarMatcher::~CStarMatcher() = default;
 
 std::vector<CStar> CStarMatcher::Select(std::vector<CStar> stars) {
   constexpr double kFarthest = 1e9;  // pixels; differences and areas of what is nearer are numbers
-  std::erase_if(stars, [](CStar const& s) {
+  std::erase_if(stars, [](const CStar& s) {
     return !(std::abs(s.x) <= kFarthest && std::abs(s.y) <= kFarthest && s.flux == s.flux);
   });
-  std::sort(stars.begin(), stars.end(), [](CStar const& s, CStar const& t) {
+  std::sort(stars.begin(), stars.end(), [](const CStar& s, const CStar& t) {
     return std::tuple(-s.flux, s.y, s.x) < std::tuple(-t.flux, t.y, t.x);
   });
   return Spread(stars, kFitStars);
 }
 
-CStarMatch CStarMatcher::Match(std::vector<CStar> const& list, int width, int height) const {
+CStarMatch CStarMatcher::Match(const std::vector<CStar>& list, int width, int height) const {
   constexpr size_t kFewest = 2;
   CStarMatch match;
   const StarField stars(list, kSideError, false);

@@ -45,10 +45,10 @@ struct CStarMatch {
 /// meet then. Where the stars lie too close to each other to tell a turn, only the shift is taken.
 class KORIMG_API CStarMatcher {
  public:
-  explicit CStarMatcher(std::vector<CStar> const& reference);
+  explicit CStarMatcher(const std::vector<CStar>& reference);
   ~CStarMatcher();
-  CStarMatcher(CStarMatcher const&) = delete;
-  CStarMatcher& operator=(CStarMatcher const&) = delete;
+  CStarMatcher(const CStarMatcher&) = delete;
+  CStarMatcher& operator=(const CStarMatcher&) = delete;
 
   /// Those stars of a list that matching uses; the others may be forgotten.
   static std::vector<CStar> Select(std::vector<CStar> stars);
@@ -57,7 +57,7 @@ class KORIMG_API CStarMatcher {
   void SetResidualLimit(double pixels) { residualLimit_ = pixels; }
 
   /// The size is that of the image whose stars these are. Any number of threads may call it at once.
-  CStarMatch Match(std::vector<CStar> const& stars, int width, int height) const;
+  CStarMatch Match(const std::vector<CStar>& stars, int width, int height) const;
 
  private:
   std::unique_ptr<korimg::StarField const> reference_;

@@ -22,7 +22,7 @@ struct Moments {
 
 /// The sums of add(sums, line y) over the window's lines, in their order.
 template <class F>
-Moments SumLines(Window const& window, F&& add) {
+Moments SumLines(const Window& window, F&& add) {
   Moments all;
   for (const Moments& line : MapLines(window.top, window.bottom, [&](int y) {
          Moments sums;
@@ -37,7 +37,7 @@ Moments SumLines(Window const& window, F&& add) {
 }
 
 /// The middle of the window in place of a position that does not lie in it.
-void KeepInside(Window const& window, double& x, double& y) {
+void KeepInside(const Window& window, double& x, double& y) {
   const int nearX = TruncateToInt(x + 0.5), nearY = TruncateToInt(y + 0.5);
   const bool inside = x == x && y == y && nearX >= window.left && nearX < window.right &&
                       nearY >= window.top && nearY < window.bottom;
@@ -48,15 +48,15 @@ void KeepInside(Window const& window, double& x, double& y) {
 
 /// What an image shows: its plane, or the luminance of three, by value(plane, raw).
 template <class F>
-double Light(CVelImage const& image, float const* const* lines, int x, F&& value) {
+double Light(const CVelImage& image, const float* const* lines, int x, F&& value) {
   if (!image.IsColor()) return value(0, lines[0][x]);
   return CVelImage::CalcBright(value(0, lines[0][x]), value(1, lines[1][x]), value(2, lines[2][x]));
 }
 
 /// Calls pixel(sums, x, light) for a line.
 template <class Value, class F>
-void ForLight(CVelImage& image, Window const& window, int y, Value&& value, F&& pixel) {
-  float const* lines[3] = {};
+void ForLight(CVelImage& image, const Window& window, int y, Value&& value, F&& pixel) {
+  const float* lines[3] = {};
   for (int p = 0; p < (image.IsColor() ? 3 : 1); ++p) {
     lines[p] = image.GetLine(0, y, std::min(p, image.GetPlanes() - 1));
   }
@@ -65,7 +65,7 @@ void ForLight(CVelImage& image, Window const& window, int y, Value&& value, F&& 
   }
 }
 
-void CentroidByLines(CVelImage& image, Window const& window, double& x, double& y) {
+void CentroidByLines(CVelImage& image, const Window& window, double& x, double& y) {
   const auto shown = [&](int p, float raw) {
     return image.To256(static_cast<double>(raw), std::min(p, image.GetPlanes() - 1));
   };
@@ -83,7 +83,7 @@ void CentroidByLines(CVelImage& image, Window const& window, double& x, double& 
   y = squares.y / squares.weight;
 }
 
-void CentroidByPipelines(CVelImage& image, Window const& w, double& x, double& y) {
+void CentroidByPipelines(CVelImage& image, const Window& w, double& x, double& y) {
   ScalarResult<double> average, centroidX, centroidY;
   PlaneBuffer first(image, 0);
   const auto min = [&](int p) { return image.GetLevelMin(p); };
@@ -153,7 +153,7 @@ int CVelImage::GetFitPrm(CVelImage* other, double& dx, double& dy, double& degre
   dx = GetStdPt(0).fx - other->GetStdPt(0).fx;
   dy = GetStdPt(0).fy - other->GetStdPt(0).fy;
   if (!IsValidStdPt(1) || !other->IsValidStdPt(1)) return 1;
-  const auto difference = [](CVelImage const& image) {
+  const auto difference = [](const CVelImage& image) {
     return CPoint(image.GetStdPt(1).x - image.GetStdPt(0).x, image.GetStdPt(1).y - image.GetStdPt(0).y);
   };
   const CPoint here = difference(*this), there = difference(*other), none(0, 0);

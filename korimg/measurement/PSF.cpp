@@ -19,12 +19,12 @@ CPoint Stepped(CPoint from, CPoint direction, int steps) {
   return {from.x + steps * direction.x, from.y + steps * direction.y};
 }
 
-bool IsOn(CVelImage const& image, CPoint p) {
+bool IsOn(const CVelImage& image, CPoint p) {
   return p.x >= 0 && p.y >= 0 && p.x < image.GetWidth() && p.y < image.GetHeight();
 }
 
 /// A walk outward from a peak may stand there: column 0 and row 0 end it on the left and upper side.
-bool IsOnWay(CVelImage const& image, CPoint p, CPoint direction) {
+bool IsOnWay(const CVelImage& image, CPoint p, CPoint direction) {
   return IsOn(image, p) && p.x + direction.x >= 0 && p.y + direction.y >= 0;
 }
 
@@ -186,11 +186,11 @@ int PSF::GetFWHMXY(CPoint seed, double* left, double* right, double* up, double*
       !GetFWHMXY(top, base, diagonal, diagonal + 1, diagonal + 2, diagonal + 3, kDiagonal)) {
     return 0;
   }
-  const auto elongation = [](double const* w) {
+  const auto elongation = [](const double* w) {
     const double across = w[0] + w[1], along = w[2] + w[3];
     return std::max(across, along) / std::min(across, along);
   };
-  double const* widths = elongation(straight) > elongation(diagonal) ? straight : diagonal;
+  const double* widths = elongation(straight) > elongation(diagonal) ? straight : diagonal;
   *left = widths[0], *right = widths[1], *up = widths[2], *down = widths[3];
   if (peak) *peak = top;
   return 1;

@@ -7,17 +7,17 @@
 
 namespace korimg {
 
-Similarity Joined(Similarity const& first, Similarity const& second) {
+Similarity Joined(const Similarity& first, const Similarity& second) {
   const Point moved = second({first.x, first.y});
   return {first.a * second.a - first.b * second.b, first.a * second.b + first.b * second.a, moved.x, moved.y};
 }
 
-Pose PoseOf(Similarity const& map, int width, int height) {
+Pose PoseOf(const Similarity& map, int width, int height) {
   const Point middle{width * 0.5, height * 0.5}, moved = map(middle);
   return {moved.x - middle.x, moved.y - middle.y, std::atan2(map.b, map.a) * 180 / std::numbers::pi};
 }
 
-Similarity MapOf(Pose const& pose, int width, int height) {
+Similarity MapOf(const Pose& pose, int width, int height) {
   const double angle = pose.degrees * std::numbers::pi / 180;
   Similarity map{std::cos(angle), std::sin(angle)};
   const Point middle{width * 0.5, height * 0.5}, turned = map(middle);
@@ -26,10 +26,10 @@ Similarity MapOf(Pose const& pose, int width, int height) {
   return map;
 }
 
-Similarity Fit(std::vector<Pair> const& pairs, bool rigid) {
+Similarity Fit(const std::vector<Pair>& pairs, bool rigid) {
   double total = 0;
   Point from, to;
-  for (Pair const& p : pairs) {
+  for (const Pair& p : pairs) {
     total += p.weight;
     from = {from.x + p.weight * p.from.x, from.y + p.weight * p.from.y};
     to = {to.x + p.weight * p.to.x, to.y + p.weight * p.to.y};
@@ -37,7 +37,7 @@ Similarity Fit(std::vector<Pair> const& pairs, bool rigid) {
   from = {from.x / total, from.y / total};
   to = {to.x / total, to.y / total};
   double dot = 0, cross = 0, squares = 0;
-  for (Pair const& p : pairs) {
+  for (const Pair& p : pairs) {
     const double fx = p.from.x - from.x, fy = p.from.y - from.y, tx = p.to.x - to.x, ty = p.to.y - to.y;
     dot += p.weight * (fx * tx + fy * ty);
     cross += p.weight * (fx * ty - fy * tx);
@@ -51,9 +51,9 @@ Similarity Fit(std::vector<Pair> const& pairs, bool rigid) {
   return fit;
 }
 
-double RootMeanSquare(std::vector<Pair> const& pairs, Similarity const& map) {
+double RootMeanSquare(const std::vector<Pair>& pairs, const Similarity& map) {
   double sum = 0;
-  for (Pair const& p : pairs) {
+  for (const Pair& p : pairs) {
     const double d = Distance(map(p.from), p.to);
     sum += d * d;
   }
@@ -65,13 +65,13 @@ Similarity RobustFit(std::vector<Pair>& pairs, bool rigid) {
   constexpr double kClip = 4, kSigmaOfMedian = 0.85, kLeast = 0.5;  // the median of distances is 1.18 sigma
   Similarity fit = Fit(pairs, rigid);
   for (int round = 0; round < kRounds && pairs.size() > 3; ++round) {
-    const auto off = [&](Pair const& p) { return Distance(fit(p.from), p.to) * std::sqrt(p.weight); };
+    const auto off = [&](const Pair& p) { return Distance(fit(p.from), p.to) * std::sqrt(p.weight); };
     std::vector<double> offs;
-    for (Pair const& p : pairs) {
+    for (const Pair& p : pairs) {
       offs.push_back(off(p));
     }
     const double most = kClip * std::max(kSigmaOfMedian * UpperMedian(offs), kLeast);
-    if (std::erase_if(pairs, [&](Pair const& p) { return off(p) > most; }) == 0) break;
+    if (std::erase_if(pairs, [&](const Pair& p) { return off(p) > most; }) == 0) break;
     fit = Fit(pairs, rigid);
   }
   return fit;

@@ -25,7 +25,7 @@ struct Moments {
 };
 
 /// Of the pixels between two limits, less a pivot. Their number is a multiple of kLanes.
-Moments Between(std::vector<float> const& pixels, float low, float high, float pivot) {
+Moments Between(const std::vector<float>& pixels, float low, float high, float pivot) {
   alignas(64) float counts[kLanes] = {}, sums[kLanes] = {};
   alignas(64) double squares[kLanes] = {};
   RunInLongVectors([&]() KORIMG_IN_LOOP {
@@ -52,7 +52,7 @@ Moments Between(std::vector<float> const& pixels, float low, float high, float p
 /// Numbers of pixels in equal steps of value, summed up: any range of them is one difference.
 class Histogram {
  public:
-  Histogram(std::vector<float> const& pixels, float low, float high)
+  Histogram(const std::vector<float>& pixels, float low, float high)
       : low_(low), step_((high - low) / kBins) {
     std::array<int, kBins> bins{};
     const float scale = kBins / (high - low);
@@ -105,7 +105,7 @@ class Histogram {
   std::array<double, kBins + 1> counts_{}, places_{}, squares_{};  ///< of the bins before each
 };
 
-Sky SkyOf(std::vector<float> const& pixels, double least) {
+Sky SkyOf(const std::vector<float>& pixels, double least) {
   constexpr float kHuge = 1e18f;  // what is beyond is no sky
   const auto start = std::find_if(pixels.begin(), pixels.end(), [](float v) { return std::abs(v) < kHuge; });
   if (start == pixels.end()) return {};
@@ -130,7 +130,7 @@ Sky SkyOf(std::vector<float> const& pixels, double least) {
 
 /// Gives cells of which nothing is known the mean of their neighbours', as often as it takes.
 void FillUnknown(std::vector<Sky>& cells, int columns, int rows) {
-  const auto known = [](Sky const& sky) { return sky.sigma > 0; };
+  const auto known = [](const Sky& sky) { return sky.sigma > 0; };
   if (std::none_of(cells.begin(), cells.end(), known)) return;
   while (!std::all_of(cells.begin(), cells.end(), known)) {
     const std::vector<Sky> before = cells;
@@ -142,7 +142,7 @@ void FillUnknown(std::vector<Sky>& cells, int columns, int rows) {
         int count = 0;
         for (int j = std::max(y - 1, 0); j <= std::min(y + 1, rows - 1); ++j) {
           for (int i = std::max(x - 1, 0); i <= std::min(x + 1, columns - 1); ++i) {
-            Sky const& near = before[j * columns + i];
+            const Sky& near = before[j * columns + i];
             if (!known(near)) continue;
             sum = {sum.level + near.level, sum.sigma + near.sigma};
             ++count;
@@ -162,7 +162,7 @@ float MedianOf(std::vector<float>& values) {
 
 /// Medians of 3 x 3 cells of a part of them.
 template <class F>
-std::vector<float> Smoothed(std::vector<Sky> const& cells, int columns, int rows, F&& part) {
+std::vector<float> Smoothed(const std::vector<Sky>& cells, int columns, int rows, F&& part) {
   std::vector<float> result(cells.size()), near;
   for (int y = 0; y < rows; ++y) {
     for (int x = 0; x < columns; ++x) {
@@ -189,7 +189,7 @@ void ReadMosaic(CVelImage& image, int x, int y, int count, float* out) {
   const auto inside = [](int i, int size) {
     return std::clamp(i < 0 ? -i : i >= size ? 2 * size - 2 - i : i, 0, size - 1);
   };
-  float const *up = image.GetLine(0, inside(y - 1, height), 0), *row = image.GetLine(0, y, 0),
+  const float *up = image.GetLine(0, inside(y - 1, height), 0), *row = image.GetLine(0, y, 0),
               *down = image.GetLine(0, inside(y + 1, height), 0);
   std::vector<float> columns(count + 2);
   for (int i = -1; i <= count; ++i) {
@@ -209,7 +209,7 @@ void ReadLight(CVelImage& image, int x, int y, int count, float* out) {
   } else if (!image.IsColor() || image.GetPlanes() < 3) {
     std::memcpy(out, image.GetLine(x, y, 0), count * sizeof(float));
   } else {
-    float const *r = image.GetLine(x, y, 0), *g = image.GetLine(x, y, 1), *b = image.GetLine(x, y, 2);
+    const float *r = image.GetLine(x, y, 0), *g = image.GetLine(x, y, 1), *b = image.GetLine(x, y, 2);
     RunInLongVectors([=]() KORIMG_IN_LOOP {
       for (int i = 0; i < count; ++i) {
         out[i] = 0.299f * r[i] + 0.587f * g[i] + 0.114f * b[i];
@@ -218,7 +218,7 @@ void ReadLight(CVelImage& image, int x, int y, int count, float* out) {
   }
 }
 
-double LightSpread(CVelImage const& image) {
+double LightSpread(const CVelImage& image) {
   return image.IsBayerImage() ? 0.5 : 0;
 }
 
@@ -248,8 +248,8 @@ SkyMesh::SkyMesh(CVelImage& image)
     }
   });
   FillUnknown(cells, columns_, rows_);
-  levels_ = Smoothed(cells, columns_, rows_, [](Sky const& sky) { return sky.level; });
-  weights_ = Smoothed(cells, columns_, rows_, [](Sky const& sky) { return sky.sigma; });
+  levels_ = Smoothed(cells, columns_, rows_, [](const Sky& sky) { return sky.level; });
+  weights_ = Smoothed(cells, columns_, rows_, [](const Sky& sky) { return sky.sigma; });
   for (size_t i = 0; i < cells.size(); ++i) {
     // A sky without noise still has that of rounding.
     constexpr float kRounding = 1e-5f, kTiny = 1e-30f;
@@ -257,11 +257,11 @@ SkyMesh::SkyMesh(CVelImage& image)
   }
 }
 
-void SkyMesh::Interpolate(std::vector<float> const& cells, int x, int y, int count, float* out) const {
+void SkyMesh::Interpolate(const std::vector<float>& cells, int x, int y, int count, float* out) const {
   const double down = std::clamp((y + 0.5) / stepY_ - 0.5, 0.0, rows_ - 1.0);
   const int row = std::min(static_cast<int>(down), std::max(rows_ - 2, 0));
   const double v = down - row;
-  float const *upper = cells.data() + row * columns_, *lower = rows_ > 1 ? upper + columns_ : upper;
+  const float *upper = cells.data() + row * columns_, *lower = rows_ > 1 ? upper + columns_ : upper;
   const auto column = [&](int i) { return upper[i] * (1 - v) + lower[i] * v; };
   // Straight pieces between the middles of cells.
   for (int done = 0; done < count;) {

@@ -28,7 +28,7 @@ float Limited(float v, float most) {
 }
 
 /// A line less its sky, filtered along x. What is not finite is sky.
-void FilterLine(CVelImage& image, SkyMesh const& sky, int y, std::vector<float>& padded,
+void FilterLine(CVelImage& image, const SkyMesh& sky, int y, std::vector<float>& padded,
                 std::vector<float>& level, float* out) {
   const int width = image.GetWidth();
   float *in = padded.data() + kReach, *under = level.data();
@@ -46,7 +46,7 @@ void FilterLine(CVelImage& image, SkyMesh const& sky, int y, std::vector<float>&
 }
 
 /// Heights over the sky of lines top to bottom - 1, smoothed, in deviations. Beyond the edges there is sky.
-void SmoothedHeights(CVelImage& image, SkyMesh const& sky, int top, int bottom, float* heights) {
+void SmoothedHeights(CVelImage& image, const SkyMesh& sky, int top, int bottom, float* heights) {
   constexpr int kRows = 2 * kReach + 1;
   const int width = image.GetWidth();
   std::vector<float> padded(width + 2 * kReach), level(width), weight(width);
@@ -63,7 +63,7 @@ void SmoothedHeights(CVelImage& image, SkyMesh const& sky, int top, int bottom, 
     const int middle = y - kReach;
     if (middle < top) continue;
     sky.Weights(0, middle, width, weight.data());
-    float const *a = rowOf(middle - 2), *b = rowOf(middle - 1), *c = rowOf(middle), *d = rowOf(middle + 1),
+    const float *a = rowOf(middle - 2), *b = rowOf(middle - 1), *c = rowOf(middle), *d = rowOf(middle + 1),
                 *e = rowOf(y), *w = weight.data();
     float* out = heights + static_cast<size_t>(middle - top) * width;
     RunInLongVectors([=]() KORIMG_IN_LOOP {
@@ -77,7 +77,7 @@ void SmoothedHeights(CVelImage& image, SkyMesh const& sky, int top, int bottom, 
 
 /// The deviation of heights below their median, from lines all over the image: 1 for noise that differs from
 /// pixel to pixel, more for one that neighbours share, as after development or resampling.
-double MeasureGrain(CVelImage& image, SkyMesh const& sky) {
+double MeasureGrain(CVelImage& image, const SkyMesh& sky) {
   constexpr int kLines = 24, kStep = 3;
   const int width = image.GetWidth(), height = image.GetHeight(), lines = std::min(kLines, height);
   const auto samples = MapLines(0, lines, [&](int i) {
@@ -90,7 +90,7 @@ double MeasureGrain(CVelImage& image, SkyMesh const& sky) {
     return some;
   });
   std::vector<float> all;
-  for (auto const& some : samples) {
+  for (const auto& some : samples) {
     all.insert(all.end(), some.begin(), some.end());
   }
   constexpr double kOneSigmaBelow = 0.158655;
@@ -105,7 +105,7 @@ double MeasureGrain(CVelImage& image, SkyMesh const& sky) {
 /// Smoothed lines and what stands out on them.
 class Band {
  public:
-  Band(CVelImage& image, SkyMesh const& sky, int top, int bottom)
+  Band(CVelImage& image, const SkyMesh& sky, int top, int bottom)
       : width_(image.GetWidth()),
         top_(std::max(top - kBox, 0)),
         bottom_(std::min(bottom + kBox, image.GetHeight())),
@@ -117,7 +117,7 @@ class Band {
   void FindSeeds(int y, float threshold, float rise, std::vector<StarSeed>& seeds) {
     if (y <= top_ || y >= bottom_ - 1 || width_ < 3) return;
     marks_.resize(width_);
-    float const *row = Row(y), *up = Row(y - 1), *down = Row(y + 1);
+    const float *row = Row(y), *up = Row(y - 1), *down = Row(y + 1);
     std::uint8_t* marks = marks_.data();
     // Most of the sky lies below the threshold.
     constexpr int kPart = 64;
@@ -147,7 +147,7 @@ class Band {
   }
 
  private:
-  float const* Row(int y) const { return heights_.data() + static_cast<size_t>(y - top_) * width_; }
+  const float* Row(int y) const { return heights_.data() + static_cast<size_t>(y - top_) * width_; }
 
   /// Whether a maximum is the highest of the ground that joins it and is not much lower; the seed is that
   /// ground's middle. What spreads beyond the box is no star.
@@ -198,12 +198,12 @@ class Band {
 
 }  // namespace
 
-StarSeeds FindStarSeeds(CVelImage& image, SkyMesh const& sky, double threshold) {
+StarSeeds FindStarSeeds(CVelImage& image, const SkyMesh& sky, double threshold) {
   StarSeeds found;
   found.grain = MeasureGrain(image, sky);
   const auto least = static_cast<float>(std::max(threshold, 0.0) * found.grain);
   const int height = image.GetHeight(), bands = (height + kBand - 1) / kBand;
-  for (auto const& seeds : MapLines(0, bands, [&](int i) {
+  for (const auto& seeds : MapLines(0, bands, [&](int i) {
          const int top = i * kBand, bottom = std::min(top + kBand, height);
          Band band(image, sky, top, bottom);
          std::vector<StarSeed> some;

@@ -1,12 +1,12 @@
 #include "korimg/platform/CObject.h"
 
-CRuntimeClass const* CObject::GetThisClass() {
+const CRuntimeClass* CObject::GetThisClass() {
   static constexpr CRuntimeClass kClass = {"CObject", nullptr};
   return &kClass;
 }
 
-bool CObject::IsKindOf(CRuntimeClass const* wanted) const {
-  for (CRuntimeClass const* at = GetRuntimeClass(); at; at = at->base) {
+bool CObject::IsKindOf(const CRuntimeClass* wanted) const {
+  for (const CRuntimeClass* at = GetRuntimeClass(); at; at = at->base) {
     if (at == wanted) return true;
   }
   return false;

@@ -4,8 +4,8 @@
 
 /// What a class is called and derives from, for questions at run time.
 struct CRuntimeClass {
-  char const* name = nullptr;
-  CRuntimeClass const* base = nullptr;
+  const char* name = nullptr;
+  const CRuntimeClass* base = nullptr;
 };
 
 /// Root of the classes that are deleted through a base pointer.
@@ -13,10 +13,10 @@ class KORIMG_API CObject {
  public:
   virtual ~CObject() = default;
 
-  static CRuntimeClass const* GetThisClass();
-  virtual CRuntimeClass const* GetRuntimeClass() const { return GetThisClass(); }
+  static const CRuntimeClass* GetThisClass();
+  virtual const CRuntimeClass* GetRuntimeClass() const { return GetThisClass(); }
   /// The object is of this class or of one derived from it.
-  bool IsKindOf(CRuntimeClass const* wanted) const;
+  bool IsKindOf(const CRuntimeClass* wanted) const;
 
  protected:
   CObject() = default;

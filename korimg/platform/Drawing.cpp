@@ -14,7 +14,7 @@ struct HBITMAP__ {
   std::vector<unsigned char> pixels;
 
   unsigned char* Line(int y) { return pixels.data() + (height - 1LL - y) * lineBytes; }
-  unsigned char const* Line(int y) const { return pixels.data() + (height - 1LL - y) * lineBytes; }
+  const unsigned char* Line(int y) const { return pixels.data() + (height - 1LL - y) * lineBytes; }
 };
 
 struct HDC__ {
@@ -29,7 +29,7 @@ namespace {
 using Value = std::uint32_t;  ///< a pixel as it is stored
 using Combine = Value (*)(Value source, Value destination);
 
-Value Load(unsigned char const* line, int x, int bits) {
+Value Load(const unsigned char* line, int x, int bits) {
   if (bits < 8) return line[1LL * x * bits / 8] >> (8 - bits - 1LL * x * bits % 8) & ((1u << bits) - 1);
   Value value = 0;
   std::memcpy(&value, line + 1LL * x * (bits / 8), bits / 8);
@@ -48,8 +48,8 @@ void Store(unsigned char* line, int x, int bits, Value value) {
 }
 
 /// Colour of a stored pixel, as in a line of 32 bits.
-RGBQUAD ColourOf(HDC__ const& dc, Value value) {
-  HBITMAP__ const& bitmap = *dc.bitmap;
+RGBQUAD ColourOf(const HDC__& dc, Value value) {
+  const HBITMAP__& bitmap = *dc.bitmap;
   const auto byte = [](Value v) { return static_cast<std::uint8_t>(v); };
   if (bitmap.bits > 16) return {byte(value), byte(value >> 8), byte(value >> 16), 0};
   if (bitmap.bits == 16) {
@@ -60,13 +60,13 @@ RGBQUAD ColourOf(HDC__ const& dc, Value value) {
     return {five(0), five(5), five(10), 0};
   }
   if (dc.realized && value < dc.palette->Entries().size()) {
-    PALETTEENTRY const& entry = dc.palette->Entries()[value];
+    const PALETTEENTRY& entry = dc.palette->Entries()[value];
     return {entry.peBlue, entry.peGreen, entry.peRed, 0};
   }
   return value < bitmap.colours.size() ? bitmap.colours[value] : RGBQUAD{};
 }
 
-Value ValueOf(HDC__ const& dc, RGBQUAD const& colour) {
+Value ValueOf(const HDC__& dc, const RGBQUAD& colour) {
   const int bits = dc.bitmap->bits;
   if (bits > 16) return colour.rgbBlue | colour.rgbGreen << 8 | colour.rgbRed << 16;
   if (bits == 16) return colour.rgbBlue >> 3 | colour.rgbGreen >> 3 << 5 | colour.rgbRed >> 3 << 10;
@@ -146,15 +146,15 @@ HBITMAP NewBitmap(int width, int height, int bits) {
     }
     bitmap->pixels.resize(bitmap->lineBytes * height);
     return bitmap.release();
-  } catch (std::bad_alloc const&) {
+  } catch (const std::bad_alloc&) {
     return nullptr;
   }
 }
 
 }  // namespace
 
-HBITMAP CreateDIBSection(CDC const*, BITMAPINFO const* info, unsigned, void** bits) {
-  BITMAPINFOHEADER const& header = info->bmiHeader;
+HBITMAP CreateDIBSection(const CDC*, const BITMAPINFO* info, unsigned, void** bits) {
+  const BITMAPINFOHEADER& header = info->bmiHeader;
   HBITMAP bitmap = NewBitmap(header.biWidth, header.biHeight, header.biBitCount);
   if (!bitmap) return nullptr;
   std::copy_n(info->bmiColors, bitmap->colours.size(), bitmap->colours.begin());
@@ -169,7 +169,7 @@ void DeleteObject(HBITMAP bitmap) {
 CDC::CDC() = default;
 CDC::~CDC() = default;
 
-bool CDC::CreateCompatibleDC(CDC const* dc) {
+bool CDC::CreateCompatibleDC(const CDC* dc) {
   if (dc && !dc->dc_) return false;
   const int bits = dc ? dc->GetDeviceCaps(BITSPIXEL) : 32;
   dc_ = std::make_unique<HDC__>();
@@ -226,7 +226,7 @@ bool CDC::StretchBlt(int x, int y, int width, int height, CDC* source, int srcX,
   const bool plainCopy = rop == SRCCOPY && sameDepth && to->bits >= 8 && width == srcWidth && from != to;
   for (long long j = down.first; j < down.last; ++j) {
     unsigned char* out = to->Line(static_cast<int>(down.to + j));
-    unsigned char const* in = from ? from->Line(static_cast<int>(down.Source(j))) : nullptr;
+    const unsigned char* in = from ? from->Line(static_cast<int>(down.Source(j))) : nullptr;
     if (plainCopy && across.first < across.last) {
       const int bytes = to->bits / 8;
       std::memcpy(out + (across.to + across.first) * bytes, in + across.Source(across.first) * bytes,

@@ -57,14 +57,14 @@ class CDC;
 /// A bitmap of 1, 4, 8, 16 (5-5-5), 24 or 32 bits, zeroed, bottom line first, lines padded to 4 bytes. *bits
 /// is the address of its pixels, valid until DeleteObject. Null for other headers and when there is no
 /// memory.
-KORIMG_API HBITMAP CreateDIBSection(CDC const* dc, BITMAPINFO const* info, unsigned usage, void** bits);
+KORIMG_API HBITMAP CreateDIBSection(const CDC* dc, const BITMAPINFO* info, unsigned usage, void** bits);
 KORIMG_API void DeleteObject(HBITMAP bitmap);
 
 /// Colours that stand for the numbers of an indexed bitmap once they are realised.
 class KORIMG_API CPalette : public CObject {
  public:
   explicit CPalette(std::vector<PALETTEENTRY> entries) : entries_(std::move(entries)) {}
-  std::vector<PALETTEENTRY> const& Entries() const { return entries_; }
+  const std::vector<PALETTEENTRY>& Entries() const { return entries_; }
 
  private:
   std::vector<PALETTEENTRY> entries_;
@@ -76,13 +76,13 @@ class KORIMG_API CDC : public CObject {
  public:
   CDC();
   ~CDC() override;
-  CDC(CDC const&) = delete;
-  CDC& operator=(CDC const&) = delete;
+  CDC(const CDC&) = delete;
+  CDC& operator=(const CDC&) = delete;
 
   HDC GetSafeHdc() const { return dc_.get(); }
   /// Makes a context in memory of the other's depth; null stands for a screen of 32 bits. False for one
   /// without a handle.
-  bool CreateCompatibleDC(CDC const* dc);
+  bool CreateCompatibleDC(const CDC* dc);
   void DeleteDC();
   int GetDeviceCaps(int index) const;
   /// The bitmap stays its owner's. Gives the one that was selected.
@@ -111,8 +111,8 @@ class KORIMG_API CWnd : public CObject {
  public:
   CWnd(int width, int height, int bitsPixel);
   ~CWnd() override;
-  CWnd(CWnd const&) = delete;
-  CWnd& operator=(CWnd const&) = delete;
+  CWnd(const CWnd&) = delete;
+  CWnd& operator=(const CWnd&) = delete;
 
   HBITMAP Surface() const { return surface_; }
 

@@ -12,7 +12,7 @@ Direction AdToDc(double longitude, double latitude) {
   return {std::cos(b) * std::cos(l), std::cos(b) * std::sin(l), std::sin(b)};
 }
 
-Direction RotateDc(Rotation const& m, Direction const& d) {
+Direction RotateDc(const Rotation& m, const Direction& d) {
   const auto row = [&](int i) { return m[i][0] * d[0] + m[i][1] * d[1] + m[i][2] * d[2]; };
   return {row(0), row(1), row(2)};
 }
@@ -27,7 +27,7 @@ Rotation RotateY(double angle) {
   return {{{c, 0, s}, {0, 1, 0}, {-s, 0, c}}};
 }
 
-Rotation MulMatrix(Rotation const& a, Rotation const& b) {
+Rotation MulMatrix(const Rotation& a, const Rotation& b) {
   Rotation product{};
   for (int i = 0; i < 3; ++i) {
     for (int j = 0; j < 3; ++j) {

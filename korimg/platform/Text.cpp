@@ -36,7 +36,7 @@ Owned<PangoFontMetrics> Metrics(PangoContext* context, PangoFontDescription* des
   return Owned<PangoFontMetrics>(pango_context_get_metrics(context, description, nullptr));
 }
 
-Owned<PangoFontDescription> Describe(PangoContext* context, LOGFONTW const& font) {
+Owned<PangoFontDescription> Describe(PangoContext* context, const LOGFONTW& font) {
   constexpr int kDefaultHeight = 16, kNormal = 400;
   Owned<PangoFontDescription> description(pango_font_description_new());
   const std::wstring face(font.lfFaceName, std::find(font.lfFaceName, std::end(font.lfFaceName), L'\0'));
@@ -59,8 +59,8 @@ Owned<PangoFontDescription> Describe(PangoContext* context, LOGFONTW const& font
   return description;
 }
 
-Owned<PangoLayout> LayOut(PangoContext* context, PangoFontDescription const* description, CString const& text,
-                          LOGFONTW const& font) {
+Owned<PangoLayout> LayOut(PangoContext* context, const PangoFontDescription* description, const CString& text,
+                          const LOGFONTW& font) {
   Owned<PangoLayout> layout(pango_layout_new(context));
   const std::string utf8 = korimg::Narrow(std::wstring(text));
   pango_layout_set_single_paragraph_mode(layout.get(), true);
@@ -77,7 +77,7 @@ Owned<PangoLayout> LayOut(PangoContext* context, PangoFontDescription const* des
 
 }  // namespace
 
-std::optional<korimg::TextPixels> korimg::DrawTextPixels(CString const& text, LOGFONTW const& font) {
+std::optional<korimg::TextPixels> korimg::DrawTextPixels(const CString& text, const LOGFONTW& font) {
   constexpr int kLargest = 32767;
   if (std::abs(static_cast<long long>(font.lfHeight)) > kLargest || font.lfWidth > kLargest)
     return std::nullopt;
@@ -105,7 +105,7 @@ std::optional<korimg::TextPixels> korimg::DrawTextPixels(CString const& text, LO
   pango_cairo_show_layout(cairo.get(), layout.get());
   cairo_surface_flush(surface.get());
   if (cairo_status(cairo.get()) != CAIRO_STATUS_SUCCESS) return std::nullopt;
-  unsigned char const* data = cairo_image_surface_get_data(surface.get());
+  const unsigned char* data = cairo_image_surface_get_data(surface.get());
   const int stride = cairo_image_surface_get_stride(surface.get());
   for (int y = 0; y < pixels.height; ++y) {
     for (int x = 0; x < pixels.width; ++x) {

@@ -39,6 +39,6 @@ struct TextPixels {
 /// Draws one line of text without smoothing; the box is as high as a line of the font and as wide as the text
 /// runs. Letters that the font lacks come from another one. Nothing for an empty box, and for one that is too
 /// large to draw (32767 pixels).
-KORIMG_API std::optional<TextPixels> DrawTextPixels(CString const& text, LOGFONTW const& font);
+KORIMG_API std::optional<TextPixels> DrawTextPixels(const CString& text, const LOGFONTW& font);
 
 }  // namespace korimg

@@ -32,8 +32,8 @@ float* Line(CImage& image, int y, int plane) {
   return reinterpret_cast<float*>(image.GetVmImage()->GetImageAdr(0, y, plane, false, false, nullptr));
 }
 
-float const* ReadLine(CImage& image, int y, int plane) {
-  return reinterpret_cast<float const*>(image.GetVmImage()->GetImageAdr(0, y, plane, true, false, nullptr));
+const float* ReadLine(CImage& image, int y, int plane) {
+  return reinterpret_cast<const float*>(image.GetVmImage()->GetImageAdr(0, y, plane, true, false, nullptr));
 }
 
 double WhiteOf(int bits) {
@@ -121,7 +121,7 @@ int CImgBayerToRgb::Do(tagBayerStruct bayer, int nProgress) {
   try {
     frame = std::make_unique<CImage>(VmManager(), Float, width, height, bayer.bToneCurve ? 2 : 1, 1.0, 0.0,
                                      true, nullptr);
-  } catch (velora::CVmMemoryAllocationError const&) {
+  } catch (const velora::CVmMemoryAllocationError&) {
     throw new CMemoryException();
   }
   ShowProgress(step);
@@ -163,7 +163,7 @@ int CImgBayerToRgb::Do(tagBayerStruct bayer, int nProgress) {
   return 1;
 }
 
-bool CImgBayerToRgb::ArgCheck(tagBayerStruct const& bayer) const {
+bool CImgBayerToRgb::ArgCheck(const tagBayerStruct& bayer) const {
   const bool knowsBits = bayer.nSrcBits == 12 || bayer.nSrcBits == 14
                              ? bayer.nDstBits == 16
                              : bayer.nSrcBits == Float && bayer.nDstBits == Float;
@@ -225,11 +225,11 @@ int CImgBayerToRgb::GetGain(int nCFA, double* pGain, CImage& image) {
   return 1;
 }
 
-bool CImgBayerToRgb::CanHalide(CImage const& frame, CImage const& image, int nCFA) {
+bool CImgBayerToRgb::CanHalide(const CImage& frame, const CImage& image, int nCFA) {
   return MayRunPipelines(frame, image) && nCFA < 5;
 }
 
-void CImgBayerToRgb::ToneCurveCorrect(CImage& frame, tagBayerStruct const& bayer, Range const& range) {
+void CImgBayerToRgb::ToneCurveCorrect(CImage& frame, const tagBayerStruct& bayer, const Range& range) {
   std::vector<Knee> knees;
   for (int i = 0; i < 4; ++i) {
     knees.emplace_back(bayer.pGain[i], range.max - range.min);
@@ -260,7 +260,7 @@ void CImgBayerToRgb::ToneCurveCorrect(CImage& frame, tagBayerStruct const& bayer
     return;
   }
   const auto [black, white] = range;
-  const auto correct = [&, black = black, white = white](double v, Knee const& knee) -> double {
+  const auto correct = [&, black = black, white = white](double v, const Knee& knee) -> double {
     if (!bayer.bKnee) return bayer.bLevelCut ? Limited(v * knee.gain, black, white) : v * knee.gain;
     if (bayer.bLevelCut) return v < black ? black : v > white ? white : knee(v, black);
     return v > black && v < white ? knee(v, black) : v;
@@ -270,7 +270,7 @@ void CImgBayerToRgb::ToneCurveCorrect(CImage& frame, tagBayerStruct const& bayer
     return white * std::pow(1 - std::pow((white - v) / white, p), 1 / p);
   };
   ForLines(Team::All, 0, frame.GetHeight(), [&](int y) {
-    float const* in = ReadLine(frame, y, 0);
+    const float* in = ReadLine(frame, y, 0);
     float* out = Line(frame, y, 1);
     for (int x = 0; x < frame.GetWidth(); ++x) {
       const auto corrected = static_cast<float>(correct(in[x], knees[2 * (y & 1) + (x & 1)]));
@@ -279,8 +279,8 @@ void CImgBayerToRgb::ToneCurveCorrect(CImage& frame, tagBayerStruct const& bayer
   });
 }
 
-void CImgBayerToRgb::DevelopByPipelines(CImage& frame, int plane, tagBayerStruct const& bayer,
-                                        Range const& range) {
+void CImgBayerToRgb::DevelopByPipelines(CImage& frame, int plane, const tagBayerStruct& bayer,
+                                        const Range& range) {
   // By the number of the colour filter array.
   static constexpr std::array kColour = {bayer_to_rgb_RGGB_float, bayer_to_rgb_GRBG_float,
                                          bayer_to_rgb_BGGR_float, bayer_to_rgb_GBRG_float};
@@ -307,8 +307,8 @@ void CImgBayerToRgb::DevelopByPipelines(CImage& frame, int plane, tagBayerStruct
   }
 }
 
-void CImgBayerToRgb::DevelopByLines(CImage& frame, int plane, tagBayerStruct const& bayer,
-                                    Range const& range) {
+void CImgBayerToRgb::DevelopByLines(CImage& frame, int plane, const tagBayerStruct& bayer,
+                                    const Range& range) {
   const int height = frame.GetHeight();
   ShowProgress(height / 100);
   const int first = std::max(3, bayer.nTrimTop / 2 * 2 + 1);
@@ -342,7 +342,7 @@ void CImgBayerToRgb::CopyOrgToDisp(CImage& frame, int plane, int y, Strip& strip
 void CImgBayerToRgb::MakeYImage(int nCFA, Strip& strip) {
   const int last = strip.width - 1;
   for (int k = strip.FirstNew(1); k <= 6; ++k) {
-    float const *above = strip.Line(Strip::kRaw, k - 1), *here = strip.Line(Strip::kRaw, k),
+    const float *above = strip.Line(Strip::kRaw, k - 1), *here = strip.Line(Strip::kRaw, k),
                 *below = strip.Line(Strip::kRaw, k + 1);
     float* sum = strip.Line(Strip::kRedAndBlue, k);
 #pragma omp simd
@@ -355,9 +355,9 @@ void CImgBayerToRgb::MakeYImage(int nCFA, Strip& strip) {
   }
   for (int k = strip.FirstNew(2); k <= 5; ++k) {
     const int coloured = RedSite(nCFA).ColouredColumns(k);
-    float const *above = strip.Line(Strip::kRaw, k - 1), *here = strip.Line(Strip::kRaw, k),
+    const float *above = strip.Line(Strip::kRaw, k - 1), *here = strip.Line(Strip::kRaw, k),
                 *below = strip.Line(Strip::kRaw, k + 1);
-    float const *sumAbove = strip.Line(Strip::kRedAndBlue, k - 1), *sum = strip.Line(Strip::kRedAndBlue, k),
+    const float *sumAbove = strip.Line(Strip::kRedAndBlue, k - 1), *sum = strip.Line(Strip::kRedAndBlue, k),
                 *sumBelow = strip.Line(Strip::kRedAndBlue, k + 1);
     float* bright = strip.Line(Strip::kBrightness, k);
 #pragma omp simd
@@ -377,7 +377,7 @@ void CImgBayerToRgb::MakeRGBImage(int nCFA, Strip& strip) {
   for (int k = strip.FirstNew(2); k <= 5; ++k) {
     const int coloured = red.ColouredColumns(k);
     const bool isRedRow = (k & 1) == red.y;
-    float const *above = strip.Line(Strip::kRaw, k - 1), *here = strip.Line(Strip::kRaw, k),
+    const float *above = strip.Line(Strip::kRaw, k - 1), *here = strip.Line(Strip::kRaw, k),
                 *below = strip.Line(Strip::kRaw, k + 1);
     float *own = strip.Line(isRedRow ? kRed : kBlue, k), *other = strip.Line(isRedRow ? kBlue : kRed, k),
           *green = strip.Line(kGreen, k);
@@ -397,7 +397,7 @@ void CImgBayerToRgb::MakeRGBImage(int nCFA, Strip& strip) {
   }
 }
 
-void CImgBayerToRgb::SynthImage(tagBayerStruct const& bayer, Range const& range, int y, Strip& strip) {
+void CImgBayerToRgb::SynthImage(const tagBayerStruct& bayer, const Range& range, int y, Strip& strip) {
   const auto low = static_cast<float>(range.min), high = static_cast<float>(range.max);
   const int border = bayer.bMono ? 0 : 1;
   const int left = std::max(bayer.nTrimLeft, border),
@@ -406,12 +406,12 @@ void CImgBayerToRgb::SynthImage(tagBayerStruct const& bayer, Range const& range,
   for (int k = 3; k <= 4; ++k) {
     const int row = y + k - 3 - bayer.nTrimTop;
     if (row < 0 || row >= GetHeight()) continue;
-    float const* bright = strip.Line(Strip::kBrightness, k);
-    float const *brightAbove = strip.Line(Strip::kBrightness, k - 1),
+    const float* bright = strip.Line(Strip::kBrightness, k);
+    const float *brightAbove = strip.Line(Strip::kBrightness, k - 1),
                 *brightBelow = strip.Line(Strip::kBrightness, k + 1);
     for (int p = 0; p < (bayer.bMono ? 1 : 3); ++p) {
-      float const *above = strip.Line(p, k - 1), *here = strip.Line(p, k), *below = strip.Line(p, k + 1);
-      float const* made = bright;
+      const float *above = strip.Line(p, k - 1), *here = strip.Line(p, k), *below = strip.Line(p, k + 1);
+      const float* made = bright;
       if (!bayer.bMono) {
 #pragma omp simd
         for (int x = left - 1; x <= right; ++x) {
@@ -459,7 +459,7 @@ void CImgBayerToRgb::GammaCorrect(int dstBits, double gamma) {
   }
 }
 
-int CImgBayerToRgb::DoRoundUp(tagBayerStruct const& bayer, int nProgress) {
+int CImgBayerToRgb::DoRoundUp(const tagBayerStruct& bayer, int nProgress) {
   const int width = GetWidth() / 2, height = GetHeight() / 2, way = bayer.nRoundUpGreen;
   if (way < 0 || way > 4 || IsEmpty() || width < 1 || height < 1) return 0;
   CImage mosaic;
@@ -473,7 +473,7 @@ int CImgBayerToRgb::DoRoundUp(tagBayerStruct const& bayer, int nProgress) {
   const RedSite red(bayer.nCFA);
   const int upperGreen = 1 - red.ColouredColumns(0);
   ForLines(Team::All, 0, height, [&](int y) {
-    float const* rows[] = {ReadLine(mosaic, 2 * y, 0), ReadLine(mosaic, 2 * y + 1, 0)};
+    const float* rows[] = {ReadLine(mosaic, 2 * y, 0), ReadLine(mosaic, 2 * y + 1, 0)};
     float* out[] = {GetWritableLine(0, y, kRed), GetWritableLine(0, y, kGreen), GetWritableLine(0, y, kBlue)};
     for (int x = 0; x < width; ++x) {
       const float upper = rows[0][2 * x + upperGreen], lower = rows[1][2 * x + 1 - upperGreen];

@@ -39,7 +39,7 @@ struct tagBayerStruct {
 class KORIMG_API CImgBayerToRgb : public CVelImage {
  public:
   CImgBayerToRgb() = default;
-  CImgBayerToRgb(CImgBayerToRgb const& other) : CVelImage(other, nullptr) {}
+  CImgBayerToRgb(const CImgBayerToRgb& other) : CVelImage(other, nullptr) {}
 
   /// Develops this frame, at least 6 x 6 pixels. 1 when done: the Bayer mark is off then, and colour has
   /// plane 0's levels in all planes. 0 for parameters that make no sense, with nothing changed, and when
@@ -52,7 +52,7 @@ class KORIMG_API CImgBayerToRgb : public CVelImage {
   /// below 1 has gain 1. 1, or 0 when nCFA is not 1 to 4.
   int GetGain(int nCFA, double* pGain);
   /// Pipelines may develop from the working frame into the image.
-  static bool CanHalide(CImage const& frame, CImage const& image, int nCFA);
+  static bool CanHalide(const CImage& frame, const CImage& image, int nCFA);
 
  protected:
   struct Range {
@@ -61,21 +61,21 @@ class KORIMG_API CImgBayerToRgb : public CVelImage {
   struct Strip;
 
   static int GetGain(int nCFA, double* pGain, CImage& image);
-  bool ArgCheck(tagBayerStruct const& bayer) const;
+  bool ArgCheck(const tagBayerStruct& bayer) const;
   void CopySrcToBayer(CImage& frame);
   static void ChangeBitImage(CImage& frame, int srcBits, int dstBits, bool autoRange);
   /// Corrects plane 0 of the frame into plane 1.
-  static void ToneCurveCorrect(CImage& frame, tagBayerStruct const& bayer, Range const& range);
+  static void ToneCurveCorrect(CImage& frame, const tagBayerStruct& bayer, const Range& range);
   void GammaCorrect(int dstBits, double gamma);
-  int DoRoundUp(tagBayerStruct const& bayer, int nProgress);
+  int DoRoundUp(const tagBayerStruct& bayer, int nProgress);
 
   // The line path's steps for the rows y and y + 1, y odd.
   static void CopyOrgToDisp(CImage& frame, int plane, int y, Strip& strip);
   static void MakeYImage(int nCFA, Strip& strip);
   static void MakeRGBImage(int nCFA, Strip& strip);
-  void SynthImage(tagBayerStruct const& bayer, Range const& range, int y, Strip& strip);
+  void SynthImage(const tagBayerStruct& bayer, const Range& range, int y, Strip& strip);
 
  private:
-  void DevelopByPipelines(CImage& frame, int plane, tagBayerStruct const& bayer, Range const& range);
-  void DevelopByLines(CImage& frame, int plane, tagBayerStruct const& bayer, Range const& range);
+  void DevelopByPipelines(CImage& frame, int plane, const tagBayerStruct& bayer, const Range& range);
+  void DevelopByLines(CImage& frame, int plane, const tagBayerStruct& bayer, const Range& range);
 };

@@ -29,7 +29,7 @@ struct Maker {
 
 /// The first maker that is hit counts, and then its first model: since most entries are parts of names, their
 /// order is part of the data.
-std::vector<Maker> const& Makers() {
+const std::vector<Maker>& Makers() {
   static const std::vector<Maker> makers = {
       {L"canon",
        {
@@ -131,7 +131,7 @@ struct Sizes {
   std::vector<Size> sizes;                ///< the first that fits counts
 };
 
-std::vector<Sizes> const& CanonSizes() {
+const std::vector<Sizes>& CanonSizes() {
   constexpr auto kS = CImgInformation::RawS, kS1 = CImgInformation::RawS1, kS2 = CImgInformation::RawS2,
                  kMedium = CImgInformation::RawMedium, kSmall = CImgInformation::RawSmall;
   static const std::vector<Sizes> sizes = {
@@ -151,7 +151,7 @@ std::vector<Sizes> const& CanonSizes() {
   return sizes;
 }
 
-std::vector<Sizes> const& NikonSizes() {
+const std::vector<Sizes>& NikonSizes() {
   constexpr auto kS = CImgInformation::RawSizeS, kM = CImgInformation::RawSizeM;
   static const std::vector<Sizes> sizes = {
       {{L"nikon d4s"}, {{kS, 2464}, {kS, 2048}, {kS, 1600}}},
@@ -224,7 +224,7 @@ std::vector<Sizes> const& NikonSizes() {
   return sizes;
 }
 
-wchar_t const* LabelOf(CImgInformation::RAWTYPE type) {
+const wchar_t* LabelOf(CImgInformation::RAWTYPE type) {
   switch (type) {
     case CImgInformation::RawS:
       return L"sRAW";
@@ -246,19 +246,19 @@ wchar_t const* LabelOf(CImgInformation::RAWTYPE type) {
 }
 
 /// ASCII only: names of cameras are, and the user's language must not matter.
-std::wstring LowerCase(CString const& text) {
-  std::wstring lower = static_cast<wchar_t const*>(text);
+std::wstring LowerCase(const CString& text) {
+  std::wstring lower = static_cast<const wchar_t*>(text);
   for (wchar_t& c : lower) {
     if (c >= L'A' && c <= L'Z') c += L'a' - L'A';
   }
   return lower;
 }
 
-bool Contains(std::wstring const& text, std::wstring_view part) {
+bool Contains(const std::wstring& text, std::wstring_view part) {
   return text.find(part) != std::wstring::npos;
 }
 
-bool Hits(std::wstring_view models, std::wstring const& model) {
+bool Hits(std::wstring_view models, const std::wstring& model) {
   constexpr std::wstring_view kSeparator = L", ";
   while (!models.empty()) {
     const std::wstring_view entry = models.substr(0, models.find(kSeparator));
@@ -273,7 +273,7 @@ void FormatKnown(bool present, double number, int format, CString& text) {
   constexpr double kUnknown = -9999.99;
   if (!present || !(std::abs(number - kUnknown) > std::numeric_limits<double>::epsilon())) return;
   // "%.2f" of the text is the number; a point is a point in every locale.
-  std::wstring const& pattern = LoadString(format);
+  const std::wstring& pattern = LoadString(format);
   const size_t at = pattern.find(L"%.");
   char digits[400];
   const auto [end, error] = std::to_chars(std::begin(digits), std::end(digits), number,
@@ -284,7 +284,7 @@ void FormatKnown(bool present, double number, int format, CString& text) {
 }  // namespace
 
 int CImgInformation::GetAutoCFA(int* cfa) const {
-  CHeader const& header = *GetHeader();
+  const CHeader& header = *GetHeader();
   if (header.GetCFAPattern() > 0) {
     *cfa = header.GetCFAPattern();
     return 1;
@@ -292,9 +292,9 @@ int CImgInformation::GetAutoCFA(int* cfa) const {
   const std::wstring maker = LowerCase(header.GetCameraMaker()), model = LowerCase(header.GetCameraModel());
   if (maker.empty() || model.empty()) return 0;
   const auto known =
-      std::find_if(Makers().begin(), Makers().end(), [&](Maker const& m) { return Contains(maker, m.name); });
+      std::find_if(Makers().begin(), Makers().end(), [&](const Maker& m) { return Contains(maker, m.name); });
   if (known == Makers().end()) return 0;
-  for (Pattern const& pattern : known->patterns) {
+  for (const Pattern& pattern : known->patterns) {
     if (pattern.width && pattern.width != GetWidth()) continue;
     if (Hits(pattern.models, model)) {
       *cfa = pattern.cfa;
@@ -311,9 +311,9 @@ CImgInformation::RAWTYPE CImgInformation::GetRawType(CString& label) const {
   if (maker.empty() || model.empty()) return RawUnknown;
   const bool isCanon = Contains(maker, L"canon");
   if (!isCanon && !Contains(maker, L"nikon")) return RawFull;
-  for (Sizes const& camera : isCanon ? CanonSizes() : NikonSizes()) {
+  for (const Sizes& camera : isCanon ? CanonSizes() : NikonSizes()) {
     if (std::find(camera.models.begin(), camera.models.end(), model) == camera.models.end()) continue;
-    for (Size const& size : camera.sizes) {
+    for (const Size& size : camera.sizes) {
       if ((size.width && size.width != GetWidth()) || (size.height && size.height != GetHeight())) continue;
       label = LabelOf(size.type);
       return size.type;
@@ -324,7 +324,7 @@ CImgInformation::RAWTYPE CImgInformation::GetRawType(CString& label) const {
 
 void CImgInformation::GetInfoString(CString& instrument, CString& exposure, CString& temperature) const {
   constexpr int kSeconds = 6184, kDegrees = 6185;
-  CHeader const& header = *GetHeader();
+  const CHeader& header = *GetHeader();
   double seconds = 0, celsius = 0;
   const bool hasExposure = header.GetExposureTime(&seconds) != 0;
   if (!IsCcd()) {

@@ -19,7 +19,7 @@ class KORIMG_API CImgInformation : public CVelImage {
   };
 
   CImgInformation() = default;
-  CImgInformation(CImgInformation const& other) : CVelImage(other, nullptr) {}
+  CImgInformation(const CImgInformation& other) : CVelImage(other, nullptr) {}
 
   /// Number of the colour filter array, as in CHeader: the header's own one when it is above 0, else by maker
   /// and model. 1, or 0 and `*cfa` as it was when the camera is not known.

@@ -115,7 +115,7 @@ class Stack {
       const auto frame = [&](int i) { return Rows(pixels.data() + RowPixels() * rows * i, y0, count); };
       ForLines(Team::All, 0, Count(), [&](int i) { Read(i, frame(i)); });
       for (int p = 0; p < info.planes; ++p) {
-        std::vector<float const*> frames;
+        std::vector<const float*> frames;
         for (int i = 0; i < Count(); ++i) {
           frames.push_back(frame(i).Data()[p]);
         }

@@ -25,7 +25,7 @@ TEST(MedianOfFrames, EqualsSorting) {
     for (const int width : {1, 7, 301}) {
       // Few values, so that many are equal; NaN, both infinities, and columns of nothing but NaN among them.
       std::vector<std::vector<float>> frames(count);
-      std::vector<float const*> addresses;
+      std::vector<const float*> addresses;
       const PixelRule rule = Wild(-5, 12, count);
       for (int i = 0; i < count; ++i) {
         for (int k = 0; k < width * kRows; ++k) {

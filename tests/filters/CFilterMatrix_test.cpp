@@ -9,7 +9,7 @@
 namespace {
 
 /// The cells as a picture: each kind of cell by a letter, rows from the top.
-std::string Picture(CFilterMatrix const& matrix, std::map<float, char> const& letters) {
+std::string Picture(const CFilterMatrix& matrix, const std::map<float, char>& letters) {
   std::string picture;
   for (int dy = -matrix.GetR(); dy <= matrix.GetR(); ++dy) {
     for (int dx = -matrix.GetR(); dx <= matrix.GetR(); ++dx) {
@@ -42,7 +42,7 @@ TEST(CFilterMatrix, HasTheCellsOfItsKernels) {
     int colour, bayer, result;
     std::string picture;
   };
-  for (Case const& c : {Case{0, 0, 4, "o...o/...../...../...../o...o"},
+  for (const Case& c : {Case{0, 0, 4, "o...o/...../...../...../o...o"},
                         {2, 0, 4, "o...o/...../...../...../o...o"},
                         {1, 0, 4, "..o../...../o...o/...../..o.."},
                         {0, 1, 4, "..o../...../o...o/...../..o.."},

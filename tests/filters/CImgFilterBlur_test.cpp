@@ -25,8 +25,8 @@ std::vector<double> GaussianRow(double sigma) {
   return row;
 }
 
-double Separable(CVelImage& src, std::vector<double> const& weights, int p, int x, int y, EdgeRule const& row,
-                 EdgeRule const& column) {
+double Separable(CVelImage& src, const std::vector<double>& weights, int p, int x, int y, const EdgeRule& row,
+                 const EdgeRule& column) {
   const int r = static_cast<int>(weights.size()) / 2;
   double sum = 0;
   Around(src, p, x, y, r, row, column,
@@ -61,8 +61,8 @@ using Run = std::function<void(CImgFilterBlur&, CVelImage&, CRect*)>;
 using Expected = std::function<double(CVelImage& src, bool paged, int p, int x, int y)>;
 
 /// Runs a filter over stores, threads, sizes and windows, and compares.
-void Check(Run const& run, Expected const& expected, double tolerance) {
-  OnEveryStore([&](StoreCase const& store) {
+void Check(const Run& run, const Expected& expected, double tolerance) {
+  OnEveryStore([&](const StoreCase& store) {
     for (const auto& [width, height] : {std::pair(1, 1), {3, 2}, {65, 1}, {1, 71}, {71, 133}}) {
       const auto src = Make(store.make(), width, height, 3, Random(-100, 1200));
       for (OptionalRect rect : {OptionalRect(), OptionalRect(CRect(1, 2, width - 3, height - 1))}) {
@@ -106,7 +106,7 @@ TEST(CImgFilterBlur, GaussianOfABand) {
 
 TEST(CImgFilterBlur, TheBandAtItsLimits) {
   // Levels 0 to 255; one bright pixel, so that the filtered value differs from the pixel.
-  for (StoreCase const& store : Stores()) {
+  for (const StoreCase& store : Stores()) {
     for (const auto& [s, share] : {std::pair(79.0, 0.0),
                                    {80.0, 0.0},
                                    {90.0, 0.5},
@@ -217,7 +217,7 @@ float Median(CVelImage& src, double r, int p, int x, int y) {
 }
 
 TEST(CImgFilterBlur, MedianEqualsSorting) {
-  for (StoreCase const& store : Stores()) {
+  for (const StoreCase& store : Stores()) {
     // Few values, so that many are equal; NaN and infinities among them; and tiles of several widths.
     const PixelRule rule = [wild = Wild(-3, 9)](int p, int x, int y) { return std::round(wild(p, x, y)); };
     for (const auto& [width, height] : {std::pair(1, 1), {3, 2}, {530, 3}, {1, 71}, {75, 99}}) {
@@ -253,7 +253,7 @@ TEST(CImgFilterBlur, MedianOfABandAndAWindow) {
 }
 
 TEST(CImgFilterBlur, NanStaysNearAndNothingHangs) {
-  for (StoreCase const& store : Stores()) {
+  for (const StoreCase& store : Stores()) {
     const auto src =
         Make(store.make(), 60, 40, 1, [](int, int x, int y) { return x == 30 && y == 20 ? NAN : 5.0; });
     const auto target = Make<CImgFilterBlur>(src->VmManager(), 60, 40, 1, Random(0, 1));

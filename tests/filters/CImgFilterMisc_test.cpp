@@ -8,8 +8,8 @@ using namespace korimg::test;
 
 namespace {
 
-float Rank(CVelImage& src, double r, int rank, int p, int x, int y, EdgeRule const& row,
-           EdgeRule const& column) {
+float Rank(CVelImage& src, double r, int rank, int p, int x, int y, const EdgeRule& row,
+           const EdgeRule& column) {
   const auto sorted = Sorted(src, p, x, y, std::max<int>(std::ceil(r), 1), row, column, Disc(r));
   return rank < static_cast<int>(sorted.size()) ? sorted[rank] : 0.0f;
 }
@@ -25,7 +25,7 @@ TEST(CImgFilterMisc, CountsTheRanksOfADisc) {
 }
 
 TEST(CImgFilterMisc, MinimaAndMaximaOfEveryDisc) {
-  for (StoreCase const& store : Stores()) {
+  for (const StoreCase& store : Stores()) {
     const WithThreads team(8);
     const bool paged = store.name == "paged";
     for (const auto& [width, height] : {std::pair(1, 1), {3, 2}, {65, 1}, {1, 71}, {47, 35}}) {
@@ -57,7 +57,7 @@ TEST(CImgFilterMisc, MinimaAndMaximaOfEveryDisc) {
 }
 
 TEST(CImgFilterMisc, AnyRankEqualsSorting) {
-  OnEveryStore([](StoreCase const& store) {
+  OnEveryStore([](const StoreCase& store) {
     for (const auto& [width, height] : {std::pair(1, 1), {3, 2}, {530, 2}, {1, 71}, {71, 90}}) {
       const auto src = Make(store.make(), width, height, 3, Rounded());
       struct Case {

@@ -23,7 +23,7 @@ bool Has(int mode, int dx, int dy) {
 }
 
 /// The cells of a mode: beyond the left and right edges the cell on the other side of the pixel.
-void Cells(CVelImage& src, int mode, int p, int x, int y, std::function<void(int, int, double)> const& cell) {
+void Cells(CVelImage& src, int mode, int p, int x, int y, const std::function<void(int, int, double)>& cell) {
   for (int dy = -2; dy <= 2; ++dy) {
     for (int dx = -2; dx <= 2; ++dx) {
       if (!Has(mode, dx, dy)) continue;
@@ -63,14 +63,14 @@ double Mean(CVelImage& src, int mode, double weight, int p, int x, int y) {
 }
 
 TEST(CImgFilter, FiltersBySmallNeighbourhoods) {
-  OnEveryStore([](StoreCase const& store) {
+  OnEveryStore([](const StoreCase& store) {
     for (const auto& size : {std::pair(1, 1), {2, 1}, {3, 2}, {65, 1}, {1, 71}, {71, 40}}) {
       const int width = size.first, height = size.second;
       const auto src = Make(store.make(), width, height, 3, Random(1, 1000));
       for (const int mode : {0, 1, 2, 3}) {
         OptionalRect rect;
         if (mode == 1) rect = CRect(1, 0, width, height);
-        const auto check = [&](auto&& run, PixelRule const& expected, double tolerance, const char* what) {
+        const auto check = [&](auto&& run, const PixelRule& expected, double tolerance, const char* what) {
           const auto target = Make<CImgFilter>(src->VmManager(), width, height, 3, Random(0, 1, 7));
           run(*target);
           const auto want = [&](int p, int x, int y) -> double {
@@ -134,7 +134,7 @@ TEST(CImgFilter, GivesValuesOfOnePixel) {
 }
 
 TEST(CImgFilter, WorkImagesHaveMirroredMargins) {
-  for (StoreCase const& store : Stores()) {
+  for (const StoreCase& store : Stores()) {
     for (const auto& [width, height, margin] :
          {std::tuple(10, 10, 0), {3, 5, 2}, {4, 2, 9}, {1, 1, 3}, {5, 3, 11}, {4, 7, 30}}) {
       for (const int planes : {1, 3}) {

@@ -24,7 +24,7 @@ CFilterMatrix Lopsided(int r) {
 }
 
 /// The middle row applied along both axes.
-double Separable(CVelImage& image, CFilterMatrix const& m, bool normalize, int p, int x, int y) {
+double Separable(CVelImage& image, const CFilterMatrix& m, bool normalize, int p, int x, int y) {
   double result = 0, sum = 0;
   for (int dx = -m.GetR(); dx <= m.GetR(); ++dx) {
     sum += m.GetPrm(dx, 0);
@@ -37,7 +37,7 @@ double Separable(CVelImage& image, CFilterMatrix const& m, bool normalize, int p
 }
 
 TEST(CFilterProc, FiltersByTheMiddleRowAlongBothAxes) {
-  OnEveryStore([](StoreCase const& store) {
+  OnEveryStore([](const StoreCase& store) {
     for (const auto& size : {std::pair(1, 1), {3, 2}, {65, 1}, {1, 71}, {41, 57}}) {
       const int width = size.first, height = size.second;
       for (const int r : {1, 3, 10}) {
@@ -130,7 +130,7 @@ TEST(CVelImage, PreparedFiltersKeepTheirWeights) {
 }
 
 TEST(CFilterBlock, ConvolvesAndSortsInTwoDimensions) {
-  OnEveryStore([](StoreCase const& store) {
+  OnEveryStore([](const StoreCase& store) {
     for (const auto& size : {std::pair(1, 1), {3, 2}, {97, 23}, {1, 9}}) {
       const int width = size.first, height = size.second;
       const auto src = Make(store.make(), width, height, 1, Random(-9, 30));

@@ -38,10 +38,10 @@ inline int Nearest(int i, int n) {
 }
 
 /// Calls cell(dx, dy, pixel) for the square of radius r about a pixel.
-inline void Around(CVelImage& image, int p, int x, int y, int r, EdgeRule const& row, EdgeRule const& column,
-                   std::function<void(int, int, double)> const& cell) {
+inline void Around(CVelImage& image, int p, int x, int y, int r, const EdgeRule& row, const EdgeRule& column,
+                   const std::function<void(int, int, double)>& cell) {
   for (int dy = -r; dy <= r; ++dy) {
-    float const* line = image.GetLine(0, row(y + dy, image.GetHeight()), p);
+    const float* line = image.GetLine(0, row(y + dy, image.GetHeight()), p);
     for (int dx = -r; dx <= r; ++dx) {
       cell(dx, dy, line[column(x + dx, image.GetWidth())]);
     }
@@ -53,8 +53,8 @@ inline bool Before(float a, float b) {
 }
 
 /// The values about a pixel for which in(dx, dy) holds, ascending, NaN last.
-inline std::vector<float> Sorted(CVelImage& image, int p, int x, int y, int r, EdgeRule const& row,
-                                 EdgeRule const& column, std::function<bool(int, int)> const& in) {
+inline std::vector<float> Sorted(CVelImage& image, int p, int x, int y, int r, const EdgeRule& row,
+                                 const EdgeRule& column, const std::function<bool(int, int)>& in) {
   std::vector<float> values;
   Around(image, p, x, y, r, row, column, [&](int dx, int dy, double pixel) {
     if (in(dx, dy)) values.push_back(static_cast<float>(pixel));
@@ -68,8 +68,8 @@ inline std::function<bool(int, int)> Disc(double radius) {
 }
 
 /// Runs a case on every store, on one thread and on eight.
-inline void OnEveryStore(std::function<void(StoreCase const&)> const& run) {
-  for (StoreCase const& store : Stores()) {
+inline void OnEveryStore(const std::function<void(const StoreCase&)>& run) {
+  for (const StoreCase& store : Stores()) {
     for (const int threads : {1, 8}) {
       const WithThreads team(threads);
       run(store);
@@ -77,7 +77,7 @@ inline void OnEveryStore(std::function<void(StoreCase const&)> const& run) {
   }
 }
 
-inline bool IsInside(OptionalRect const& rect, int x, int y) {
+inline bool IsInside(const OptionalRect& rect, int x, int y) {
   return !rect || (x >= rect->left && x < rect->right && y >= rect->top && y < rect->bottom);
 }
 

@@ -102,7 +102,7 @@ TEST(CImgExpansion, WindowsGridsAndPlanes) {
 }
 
 TEST(Rotation, AxesAndOrder) {
-  const auto expect = [](Direction const& got, Direction const& want) {
+  const auto expect = [](const Direction& got, const Direction& want) {
     for (int i = 0; i < 3; ++i) {
       EXPECT_NEAR(got[i], want[i], 1e-15);
     }

@@ -21,7 +21,7 @@ std::vector<std::pair<std::shared_ptr<CVmManager>, std::shared_ptr<CVmManager>>>
 }
 
 template <class Image>
-std::shared_ptr<Image> Target(const std::shared_ptr<CVmManager>& store, CVelImage const& src) {
+std::shared_ptr<Image> Target(const std::shared_ptr<CVmManager>& store, const CVelImage& src) {
   return Make<Image>(store, src.GetWidth(), src.GetHeight(), src.GetPlanes(), Random(0, 1, 7));
 }
 

@@ -210,7 +210,7 @@ TEST(CVelImage, CopiesAndExchangesTakePointsTablesAndWindowAlong) {
   marked->SetStdCtr(2.5, 1.5);
   marked->SetProgressHandle(window);
   marked->CalcMinMax(0);
-  const auto tells = [&](CVelImage const& image) {
+  const auto tells = [&](const CVelImage& image) {
     return image.GetStdPt(0).x == 3 && image.GetStdPt(1).y == 1 && image.GetStdCtr().fx == 2.5 &&
            image.GetMinPixel(2) >= 10 && image.GetMaxPixel(1) > image.GetAvrPixel(1) &&
            image.GetAvrPixel(1) > image.GetMinPixel(1) && image.GetProgressHandle() == window;

@@ -44,7 +44,7 @@ struct Display {
   std::vector<int> steps;
   HWND window = CreateMessageWindow([this](unsigned message, std::uintptr_t first, std::intptr_t second) {
     if (message != kProgressMessage) return 0;
-    if (first == 0) opened.emplace_back(second ? reinterpret_cast<wchar_t const*>(second) : L"");
+    if (first == 0) opened.emplace_back(second ? reinterpret_cast<const wchar_t*>(second) : L"");
     if (first == 1) steps.push_back(static_cast<int>(second));
     if (first == 2) ++closed;
     return 0;

@@ -42,11 +42,11 @@ struct Planet {
   }
 };
 
-std::shared_ptr<CVelImage> Image(PixelRule const& rule, int planes = 1) {
+std::shared_ptr<CVelImage> Image(const PixelRule& rule, int planes = 1) {
   return Make(MemoryStore(), kWidth, kHeight, planes, rule);
 }
 
-PixelRule TurnedOver(PixelRule const& rule) {
+PixelRule TurnedOver(const PixelRule& rule) {
   return [=](int p, int x, int y) { return rule(p, kWidth - 1 - x, kHeight - 1 - y); };
 }
 
@@ -110,7 +110,7 @@ TEST(CDiscMatcher, OtherThingsAreNoDiscs) {
              9000 * std::exp(-(std::pow(x - 140, 2) + std::pow(y - 120, 2)) / (2 * sigma * sigma));
     };
   };
-  const std::vector<std::pair<char const*, PixelRule>> others = {
+  const std::vector<std::pair<const char*, PixelRule>> others = {
       {"noise", sky(1)},
       {"constant", [](int, int, int) { return 7; }},
       {"no numbers", [](int, int, int) { return std::nan(""); }},

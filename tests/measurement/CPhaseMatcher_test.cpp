@@ -23,7 +23,7 @@ struct Field {
   double sigma = 1.4, peak = 300;
   int objects = 150, seed = 1;
 
-  PixelRule Seen(Pose const& pose, int noise) const {
+  PixelRule Seen(const Pose& pose, int noise) const {
     auto pixels = std::make_shared<std::vector<double>>(width * height);
     const double a = pose.degrees * std::numbers::pi / 180, reach = 5 * sigma;
     for (int i = 0; i < objects; ++i) {
@@ -53,23 +53,23 @@ CStarMatch Match(CVelImage& reference, CVelImage& image) {
 
 constexpr int kWidth = Field{}.width, kHeight = Field{}.height;
 
-std::shared_ptr<CVelImage> Image(PixelRule const& rule, int planes = 1) {
+std::shared_ptr<CVelImage> Image(const PixelRule& rule, int planes = 1) {
   return Make(MemoryStore(), kWidth, kHeight, planes, rule);
 }
 
 TEST(CPhaseMatcher, FindsShiftAndAngle) {
   struct Case {
-    char const* name;
+    const char* name;
     Pose pose;
     double tolerance;
     Field field = {};
   };
-  for (Case const& c :
+  for (const Case& c :
        {Case{"shift", {-31.4, 22.3, 0}, 0.15}, Case{"turned", {9.7, -14.6, 3.2}, 0.15},
         Case{"half a turn", {-7.2, 5.5, 180}, 0.15}, Case{"half a turn, and more", {4.4, 12.6, -176.5}, 0.15},
         // No pixel of these is two deviations above the sky.
         Case{"wide and faint", {45.5, -22.1, 0.4}, 1, {1000, 800, 7, 12}}}) {
-    const auto make = [&](Pose const& pose, int noise) {
+    const auto make = [&](const Pose& pose, int noise) {
       return Make(MemoryStore(), c.field.width, c.field.height, 1, c.field.Seen(pose, noise));
     };
     const auto reference = make({0, 0, 0}, 1), frame = make(c.pose, 2);
@@ -107,14 +107,14 @@ TEST(CPhaseMatcher, HalfATurnNeedsProof) {
 TEST(CPhaseMatcher, EveryStoreNumberOfThreadsAndKindOfImage) {
   const Pose pose{12.3, -20.2, 1.1};
   const PixelRule sky = Field().Seen({0, 0, 0}, 1), moved = Field().Seen(pose, 2);
-  const auto wild = [](PixelRule const& rule) -> PixelRule {
+  const auto wild = [](const PixelRule& rule) -> PixelRule {
     return [=](int p, int x, int y) {
       const int n = (31 * x + 57 * y) % 997;
       return n == 5 ? NAN : n == 6 ? INFINITY : n == 7 ? -INFINITY : rule(p, x, y);
     };
   };
   for (const int planes : {1, 3}) {
-    for (StoreCase const& store : Stores()) {
+    for (const StoreCase& store : Stores()) {
       std::vector<CStarMatch> found;
       for (const int threads : {1, 5}) {
         const WithThreads team(threads);
@@ -144,15 +144,15 @@ TEST(CPhaseMatcher, EveryStoreNumberOfThreadsAndKindOfImage) {
 TEST(CPhaseMatcher, NothingIsTakenForAMatch) {
   const auto sky = [](int seed, int noise) { return Field{.seed = seed}.Seen({0, 0, 0}, noise); };
   const auto none = [](int noise) { return Field{.objects = 0}.Seen({0, 0, 0}, noise); };
-  const auto withHotPixels = [](PixelRule const& rule) -> PixelRule {
+  const auto withHotPixels = [](const PixelRule& rule) -> PixelRule {
     return
         [=](int p, int x, int y) { return rule(p, x, y) + ((x / 2 * 31 + y / 2 * 17) % 97 == 0 ? 4000 : 0); };
   };
   struct Case {
-    char const* name;
+    const char* name;
     PixelRule reference, image;
   };
-  for (Case const& c :
+  for (const Case& c :
        {Case{"other stars", sky(5, 1), sky(6, 2)}, Case{"other stars again", sky(7, 1), sky(8, 2)},
         Case{"noise", none(1), none(2)}, Case{"stars and noise", sky(5, 1), none(2)},
         Case{"the same noise", none(1), none(1)}, Case{"constants", Random(7, 7), Random(7, 7)},

@@ -28,7 +28,7 @@ class Scene {
   double& At(int x, int y) { return pixels_[y * width + x]; }
 
   /// Elongated along x by `ratio`.
-  void Add(Light const& star, double ratio = 1) {
+  void Add(const Light& star, double ratio = 1) {
     const double w2 = std::pow(fwhm_ / 2, 2) / (std::cbrt(2.0) - 1), reach = 12 * fwhm_;
     for (int y = std::max(0, static_cast<int>(star.y - reach)); y < std::min<double>(height, star.y + reach);
          ++y) {
@@ -49,7 +49,7 @@ class Scene {
     for (std::uint64_t n = 1000 * seed; static_cast<int>(stars.size()) < count; ++n) {
       const Light star{10 + (width - 20) * Noise(3 * n), 10 + (height - 20) * Noise(3 * n + 1),
                        faintest * std::pow(Noise(3 * n + 2), -0.9)};
-      const bool alone = std::none_of(stars.begin(), stars.end(), [&](Light const& other) {
+      const bool alone = std::none_of(stars.begin(), stars.end(), [&](const Light& other) {
         return std::hypot(other.x - star.x, other.y - star.y) < apart;
       });
       if (alone) Add(star);
@@ -74,9 +74,9 @@ class Scene {
   std::vector<double> pixels_;
 };
 
-CStar const* FindNear(std::vector<CStar> const& found, double x, double y, double within = 1.5) {
-  CStar const* best = nullptr;
-  for (CStar const& star : found) {
+const CStar* FindNear(const std::vector<CStar>& found, double x, double y, double within = 1.5) {
+  const CStar* best = nullptr;
+  for (const CStar& star : found) {
     const double d = std::hypot(star.x - x, star.y - y);
     if (d < within) {
       within = d;
@@ -120,8 +120,8 @@ TEST(CStarFinder, AgreesWithTheTruth) {
     finder.Find();
     std::vector<double> offsets, widths, fluxes;
     int matched = 0;
-    for (Light const& light : stars) {
-      CStar const* star = FindNear(finder.GetStars(), light.x, light.y);
+    for (const Light& light : stars) {
+      const CStar* star = FindNear(finder.GetStars(), light.x, light.y);
       matched += star != nullptr;
       if (!star || light.flux < 4 * flux10) continue;
       offsets.push_back(std::hypot(star->x - light.x, star->y - light.y));
@@ -130,8 +130,8 @@ TEST(CStarFinder, AgreesWithTheTruth) {
     }
     EXPECT_GE(matched, 0.95 * stars.size()) << fwhm;
     int spurious = 0;
-    for (CStar const& star : finder.GetStars()) {
-      spurious += std::none_of(stars.begin(), stars.end(), [&](Light const& light) {
+    for (const CStar& star : finder.GetStars()) {
+      spurious += std::none_of(stars.begin(), stars.end(), [&](const Light& light) {
         return std::hypot(star.x - light.x, star.y - light.y) < 1.5;
       });
     }
@@ -144,7 +144,7 @@ TEST(CStarFinder, AgreesWithTheTruth) {
     EXPECT_NEAR(finder.GetNoise(), kNoise, 0.08 * kNoise);
     EXPECT_NEAR(finder.GetSky(), 1000 + 62 - 29.5, 0.3 * kNoise);
     EXPECT_TRUE(std::is_sorted(finder.GetStars().begin(), finder.GetStars().end(),
-                               [](CStar const& a, CStar const& b) { return a.flux > b.flux; }));
+                               [](const CStar& a, const CStar& b) { return a.flux > b.flux; }));
   }
 }
 
@@ -197,8 +197,8 @@ TEST(CStarFinder, NarrowStarsKeepTheirPlaceAndWidth) {
     finder.Find();
     double squares = 0;
     std::vector<double> widths;
-    for (Light const& light : grid.stars) {
-      CStar const* star = FindNear(finder.GetStars(), light.x, light.y);
+    for (const Light& light : grid.stars) {
+      const CStar* star = FindNear(finder.GetStars(), light.x, light.y);
       ASSERT_NE(star, nullptr) << fwhm << ": " << light.x << ' ' << light.y;
       squares += std::pow(star->x - light.x, 2) + std::pow(star->y - light.y, 2);
       widths.push_back(star->fwhm);
@@ -222,7 +222,7 @@ TEST(CStarFinder, SignalToNoiseHoldsTheStarsOwnPhotons) {
       finder.SetGain(gain);
       finder.Find();
       std::vector<double> ratios, fluxes;
-      for (CStar const& star : finder.GetStars()) {
+      for (const CStar& star : finder.GetStars()) {
         ratios.push_back(star.snr);
         fluxes.push_back(star.flux);
       }
@@ -247,7 +247,7 @@ TEST(CStarFinder, TheSameOnEveryStoreForAnyNumberOfThreads) {
   scene.Scatter(50, 10, 1500, 5);
   for (const int planes : {1, 3}) {
     std::vector<CStar> first;
-    OnEveryPath([&](StoreCase const& store) {
+    OnEveryPath([&](const StoreCase& store) {
       const auto image = Make(store.make(), scene.width, scene.height, planes, scene.Rule(10));
       const auto stars = Find(*image);
       if (first.empty()) first = stars;
@@ -267,7 +267,7 @@ TEST(CStarFinder, TheSameOnEveryStoreForAnyNumberOfThreads) {
 TEST(CStarFinder, NoStarsIsAnAnswer) {
   const Scene none(261, 201, 3);  // soft noise reads one beyond
   const auto isHot = [](int x, int y) { return (x * 31 + y * 17) % 97 == 0; };
-  const std::vector<std::pair<char const*, PixelRule>> skies = {
+  const std::vector<std::pair<const char*, PixelRule>> skies = {
       {"noise", none.Rule(10)},
       {"constant", [](int, int, int) { return 7; }},
       {"zero", [](int, int, int) { return 0; }},
@@ -295,7 +295,7 @@ TEST(CStarFinder, NoStarsIsAnAnswer) {
     for (const int planes : {1, 3}) {
       for (const auto& store : {MemoryStore(), TinyPool()}) {
         const auto image = Make(store, width, height, planes, Wild(-1e30, 1e30));
-        for (CStar const& star : Find(*image, 1)) {
+        for (const CStar& star : Find(*image, 1)) {
           EXPECT_TRUE(std::isfinite(star.flux) && std::isfinite(star.fwhm) && std::isfinite(star.snr));
         }
       }
@@ -307,18 +307,18 @@ TEST(CStarFinder, FlagsAndPairs) {
   Scene scene(300, 200, 3);
   scene.Scatter(25, 30, 4e3, 9);
   const Light saturated{150.3, 100.4, 2e6}, byEdge{2.4, 100, 2e4}, holed{250, 150, 2e4};
-  const auto clear = [&](Light const& at) {
+  const auto clear = [&](const Light& at) {
     return std::erase_if(scene.stars,
-                         [&](Light const& s) { return std::hypot(s.x - at.x, s.y - at.y) < 40; });
+                         [&](const Light& s) { return std::hypot(s.x - at.x, s.y - at.y) < 40; });
   };
   Scene field(300, 200, 3);
-  for (Light const& special : {saturated, byEdge, holed}) {
+  for (const Light& special : {saturated, byEdge, holed}) {
     clear(special);
   }
-  for (Light const& star : scene.stars) {
+  for (const Light& star : scene.stars) {
     field.Add(star);
   }
-  for (Light const& special : {saturated, byEdge, holed}) {
+  for (const Light& special : {saturated, byEdge, holed}) {
     field.Add(special);
   }
   const auto sky = field.Rule(10);
@@ -327,14 +327,14 @@ TEST(CStarFinder, FlagsAndPairs) {
     return std::min(sky(p, x, y), 60000.0);
   });
   const auto found = Find(*image);
-  const auto flagsOf = [&](Light const& light) {
-    CStar const* star = FindNear(found, light.x, light.y);
+  const auto flagsOf = [&](const Light& light) {
+    const CStar* star = FindNear(found, light.x, light.y);
     return star ? star->flags : -1;
   };
   EXPECT_EQ(flagsOf(saturated), CStar::Saturated);
   EXPECT_EQ(flagsOf(byEdge), CStar::Edge);
   EXPECT_EQ(flagsOf(holed), CStar::Edge);
-  for (Light const& star : scene.stars) {
+  for (const Light& star : scene.stars) {
     EXPECT_EQ(flagsOf(star) & CStar::Saturated, 0) << star.x << " " << star.y;
   }
   CStarFinder told(image.get());
@@ -349,7 +349,7 @@ TEST(CStarFinder, FlagsAndPairs) {
     return std::min(narrow.Rule(2)(p, x, y), 4095.0);
   }));
   int tops = 0;
-  for (CStar const& star : cut) {
+  for (const CStar& star : cut) {
     const bool full = star.sky + star.peak > 4050;
     tops += full;
     EXPECT_EQ((star.flags & CStar::Saturated) != 0, full) << star.peak;
@@ -365,7 +365,7 @@ TEST(CStarFinder, FlagsAndPairs) {
   }
   const auto both = Find(*Make(MemoryStore(), 300, 200, 1, pairs.Rule(5)));
   EXPECT_EQ(both.size(), 16u);
-  for (CStar const& star : both) {
+  for (const CStar& star : both) {
     EXPECT_NE(star.flags & CStar::Blended, 0);
   }
 }
@@ -400,8 +400,8 @@ TEST(CStarFinder, MosaicsShowNeitherTheirColoursNorWiderStars) {
   CStarFinder finder(image.get());
   EXPECT_NEAR(finder.Find(), 40, 1);
   std::vector<double> offsets;
-  for (Light const& light : scene.stars) {
-    CStar const* star = FindNear(finder.GetStars(), light.x, light.y);
+  for (const Light& light : scene.stars) {
+    const CStar* star = FindNear(finder.GetStars(), light.x, light.y);
     if (star) offsets.push_back(std::hypot(star->x - light.x, star->y - light.y));
   }
   EXPECT_GE(offsets.size(), 39u);
@@ -472,7 +472,7 @@ TEST(CStarFinder, WildFramesGiveStarsInsideOrNone) {
     image->SetBayerImage(planes == 1 && i % 7 == 0);
     CStarFinder finder(image.get());
     stars += finder.Find();
-    for (CStar const& s : finder.GetStars()) {
+    for (const CStar& s : finder.GetStars()) {
       ASSERT_TRUE(s.x > -2 && s.y > -2 && s.x < width + 1 && s.y < height + 1)
           << i << ": " << s.x << ' ' << s.y;
       for (const double v : {s.flux, s.sky, s.noise, s.snr, s.fwhm, s.elongation}) {

@@ -23,7 +23,7 @@ struct Pose {
 };
 
 /// Where a star of the reference is on the frame: the inverse of what a composite does.
-CStar Seen(CStar star, Pose const& pose) {
+CStar Seen(CStar star, const Pose& pose) {
   const double a = pose.degrees * std::numbers::pi / 180, x = (star.x - kWidth * 0.5 - pose.dx) / pose.scale,
                y = (star.y - kHeight * 0.5 - pose.dy) / pose.scale;
   star.x = kWidth * 0.5 + std::cos(a) * x + std::sin(a) * y;
@@ -32,7 +32,7 @@ CStar Seen(CStar star, Pose const& pose) {
   return star;
 }
 
-bool IsOn(CStar const& star) {
+bool IsOn(const CStar& star) {
   return star.x >= 0 && star.y >= 0 && star.x < kWidth && star.y < kHeight;
 }
 
@@ -51,7 +51,7 @@ std::vector<CStar> Sky(int count, int seed) {
 }
 
 /// What a frame shows of a sky, positions and fluxes a little off, and stars of its own beside it.
-std::vector<CStar> Frame(std::vector<CStar> const& sky, Pose const& pose, double jitter, int strangers,
+std::vector<CStar> Frame(const std::vector<CStar>& sky, const Pose& pose, double jitter, int strangers,
                          int seed) {
   std::vector<CStar> seen;
   for (size_t i = 0; i < sky.size(); ++i) {
@@ -70,12 +70,12 @@ std::vector<CStar> Frame(std::vector<CStar> const& sky, Pose const& pose, double
 
 TEST(CStarMatcher, FindsShiftAndAngle) {
   struct Case {
-    char const* name;
+    const char* name;
     int stars;  // on a frame, about
     Pose pose;
     int strangers;
   };
-  for (Case const& c :
+  for (const Case& c :
        {Case{"identity", 100, {0, 0, 0}, 0}, Case{"shift", 100, {12.4, -7.7, 0}, 10},
         Case{"a quarter turn", 100, {-30.2, 55.5, 90.1}, 10}, Case{"half a turn", 100, {3.3, -4.4, 180}, 10},
         Case{"half a turn, crowded", 5000, {3.3, -4.4, 179.7}, 500}, Case{"twenty", 20, {40, 30, 0.4}, 2},
@@ -101,7 +101,7 @@ TEST(CStarMatcher, FewStars) {
     ASSERT_GE(all.size(), 5u);
     const std::vector<CStar> reference(all.begin(), all.begin() + count);
     std::vector<CStar> frame;
-    for (CStar const& star : reference) {
+    for (const CStar& star : reference) {
       frame.push_back(Seen(star, pose));
     }
     const CStarMatch match = CStarMatcher(reference).Match(frame, kWidth, kHeight);
@@ -123,7 +123,7 @@ TEST(CStarMatcher, FewStars) {
 }
 
 /// Pixels by which the corner that is laid worst is off.
-double CornerOff(CStarMatch const& match, Pose const& pose, int width, int height) {
+double CornerOff(const CStarMatch& match, const Pose& pose, int width, int height) {
   const auto lay = [&](double x, double y, double dx, double dy, double degrees) {
     const double a = degrees * std::numbers::pi / 180;
     return std::pair(std::cos(a) * x - std::sin(a) * y + dx, std::sin(a) * x + std::cos(a) * y + dy);
@@ -197,7 +197,7 @@ TEST(CStarMatcher, TwoStarsTellAShift) {
   std::vector<CStar> stars = Frame(Sky(40, 8), {0, 0, 0}, 0, 0, 1);
   ASSERT_GE(stars.size(), 3u);
   stars.resize(2);
-  const auto match = [&](Pose const& pose, int strangers) {
+  const auto match = [&](const Pose& pose, int strangers) {
     auto frame = Frame(stars, pose, 0.2, strangers, 3);
     frame[0].flux = 1e9;  // strangers are not brighter
     return CStarMatcher(Frame(stars, {0, 0, 0}, 0, 1, 4)).Match(frame, kWidth, kHeight);
@@ -220,7 +220,7 @@ TEST(CStarMatcher, FailuresAreToldApart) {
   const auto sky = Sky(900, 11);
   const auto reference = Frame(sky, {0, 0, 0}, 0.05, 0, 1);
   CStarMatcher matcher(reference);
-  const auto statusOf = [&](std::vector<CStar> const& frame) {
+  const auto statusOf = [&](const std::vector<CStar>& frame) {
     return matcher.Match(frame, kWidth, kHeight).status;
   };
   EXPECT_EQ(statusOf(Frame(sky, {20, 30, 5, 1, true}, 0.05, 0, 2)), CStarMatch::Mirrored);
@@ -242,10 +242,10 @@ TEST(CStarMatcher, FailuresAreToldApart) {
 
 TEST(CStarMatcher, ACompositeLaysTheFrameOnTheReference) {
   constexpr int kSide = 200;
-  const auto image = [&](std::vector<CStar> const& stars) {
+  const auto image = [&](const std::vector<CStar>& stars) {
     return Make<CImgComposit>(MemoryStore(), kSide, kSide, 1, [&](int p, int x, int y) {
       double v = 100 + Random(0, 2)(p, x, y);
-      for (CStar const& s : stars) {
+      for (const CStar& s : stars) {
         v += 500 * std::exp(-(std::pow(x - s.x, 2) + std::pow(y - s.y, 2)) / (2 * 1.7 * 1.7));
       }
       return v;

@@ -125,7 +125,7 @@ class Argument {
     const bool table = argument.dimensions == 1;
     const bool complex = argument.dimensions == 3 && argument.type.code == halide_type_float;
     const int planar[] = {table ? bins : width, height, 4}, woven[] = {2, width, height};
-    int const* extents = complex ? woven : planar;
+    const int* extents = complex ? woven : planar;
     long long count = 1;
     for (int i = 0; i < argument.dimensions; ++i) {
       dimensions_[i] = {0, extents[i], static_cast<int>(count), 0};

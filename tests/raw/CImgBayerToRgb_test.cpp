@@ -17,7 +17,7 @@ struct Bayer : CImgBayerToRgb {
   using CImgBayerToRgb::ToneCurveCorrect;
 };
 
-constexpr char const* kCells[] = {"", "RGGB", "GRBG", "BGGR", "GBRG"};
+constexpr const char* kCells[] = {"", "RGGB", "GRBG", "BGGR", "GBRG"};
 
 /// 'R', 'G' or 'B'.
 char SiteOf(int cfa, int x, int y) {
@@ -92,19 +92,19 @@ tagBayerStruct Floats(int cfa) {
   return bayer;
 }
 
-void Trim(tagBayerStruct& bayer, std::array<int, 4> const& trims) {
+void Trim(tagBayerStruct& bayer, const std::array<int, 4>& trims) {
   bayer.nTrimLeft = trims[0], bayer.nTrimTop = trims[1], bayer.nTrimRight = trims[2],
   bayer.nTrimBottom = trims[3];
 }
 
-std::shared_ptr<CImgBayerToRgb> Mosaic(std::shared_ptr<CVmManager> const& store, int width, int height,
-                                       PixelRule const& rule) {
+std::shared_ptr<CImgBayerToRgb> Mosaic(const std::shared_ptr<CVmManager>& store, int width, int height,
+                                       const PixelRule& rule) {
   auto image = Make<CImgBayerToRgb>(store, width, height, 1, rule);
   image->SetBayerImage(true);
   return image;
 }
 
-bool IsPaged(CVelImage const& image) {
+bool IsPaged(const CVelImage& image) {
   return image.GetAllocationPolicy() == CVmManager::Paged;
 }
 
@@ -117,7 +117,7 @@ const std::vector<Size> kSizes = {{6, 6, {0, 0, 0, 0}},   {7, 9, {1, 0, 0, 0}}, 
                                   {10, 50, {4, 9, 5, 40}}};
 
 /// Frame rows that the line path develops, from and to.
-std::pair<int, int> RowsByLines(Size const& s) {
+std::pair<int, int> RowsByLines(const Size& s) {
   int from = 1 << 30, to = -1;
   for (int y = 3; y <= s.height - 5; y += 2) {
     if (y < 2 * (s.trims[1] / 2) + 1 || y > 2 * ((s.height - s.trims[3]) / 2) - 1) continue;
@@ -128,8 +128,8 @@ std::pair<int, int> RowsByLines(Size const& s) {
 
 TEST(CImgBayerToRgb, FollowsTheFormulas) {
   const WithThreads team(4);
-  for (StoreCase const& store : Stores()) {
-    for (Size const& s : kSizes) {
+  for (const StoreCase& store : Stores()) {
+    for (const Size& s : kSizes) {
       for (int form = 0; form < 16; ++form) {
         tagBayerStruct bayer = Floats(form % 4 + 1);
         bayer.bMono = form / 4 % 2;
@@ -166,7 +166,7 @@ TEST(CImgBayerToRgb, FollowsTheFormulas) {
 }
 
 TEST(CImgBayerToRgb, PathsAgreeToTheBitInside) {
-  for (Size const& s : kSizes) {
+  for (const Size& s : kSizes) {
     for (int form = 0; form < 16; ++form) {
       tagBayerStruct bayer = Floats(form % 4 + 1);
       bayer.bMono = form / 4 % 2;
@@ -189,7 +189,7 @@ TEST(CImgBayerToRgb, PathsAgreeToTheBitInside) {
 }
 
 TEST(CImgBayerToRgb, ThreadsDoNotMatter) {
-  for (auto const& store : {Stores()[0], Stores()[2]}) {
+  for (const auto& store : {Stores()[0], Stores()[2]}) {
     std::vector<float> first;
     for (const int threads : {1, 2, 7}) {
       const WithThreads team(threads);
@@ -254,7 +254,7 @@ TEST(CImgBayerToRgb, StarsKeepTheirPlaceAndColour) {
 }
 
 TEST(CImgBayerToRgb, BitsAreWidenedAndTheSubtrahendTakenOff) {
-  OnEveryPath([](StoreCase const& store) {
+  OnEveryPath([](const StoreCase& store) {
     for (const int bits : {12, 14}) {
       for (const int autoRange : {0, 1}) {
         const PixelRule rule = Random(0, 1.2 * (1 << bits));
@@ -287,7 +287,7 @@ TEST(CImgBayerToRgb, BitsAreWidenedAndTheSubtrahendTakenOff) {
 }
 
 TEST(CImgBayerToRgb, AConstantFrameHasNoRange) {
-  for (auto const& store : Stores()) {
+  for (const auto& store : Stores()) {
     for (const int bits : {12, -32}) {
       const auto image = Mosaic(store.make(), 20, 20, [](int, int, int) { return 300; });
       tagBayerStruct bayer = Floats(1);
@@ -305,9 +305,9 @@ TEST(CImgBayerToRgb, AConstantFrameHasNoRange) {
 }
 
 TEST(CImgBayerToRgb, ToneCorrectionInAllItsForms) {
-  OnEveryPath([](StoreCase const& store) {
+  OnEveryPath([](const StoreCase& store) {
     for (int form = 0; form < 8; ++form) {
-      for (auto const& [black, white] :
+      for (const auto& [black, white] :
            {std::pair(0.0, 4000.0), std::pair(150.0, 3000.0), std::pair(-300.0, 3000.0)}) {
         tagBayerStruct bayer = Floats(1);
         double gains[4] = {1.9, 1, 0.8, 2.6};
@@ -342,7 +342,7 @@ TEST(CImgBayerToRgb, ToneCorrectionInAllItsForms) {
 }
 
 TEST(CImgBayerToRgb, AKneeOfGainOneIsNone) {
-  for (auto const& store : Stores()) {
+  for (const auto& store : Stores()) {
     const auto plain = Mosaic(store.make(), 30, 30, Random(0, 1000)),
                bent = Mosaic(store.make(), 30, 30, Random(0, 1000));
     tagBayerStruct bayer = Floats(3);
@@ -358,7 +358,7 @@ TEST(CImgBayerToRgb, AKneeOfGainOneIsNone) {
 }
 
 TEST(CImgBayerToRgb, GammaBendsWhatIsAboveBlack) {
-  OnEveryPath([](StoreCase const& store) {
+  OnEveryPath([](const StoreCase& store) {
     for (const double gamma : {1.0, 2.2, 0.45}) {
       const auto sky = [](int p, int x, int y) {
         return x == 20 && y == 21 ? INFINITY : Random(-300, 1500)(p, x, y);
@@ -387,7 +387,7 @@ TEST(CImgBayerToRgb, GammaBendsWhatIsAboveBlack) {
 TEST(CImgBayerToRgb, GainsBringColoursToGreen) {
   const double medians[4] = {500, 800, 900, 400};
   const PixelRule cells = [&](int, int x, int y) { return medians[(y & 1) * 2 + (x & 1)]; };
-  for (auto const& store : Stores()) {
+  for (const auto& store : Stores()) {
     const auto image = Mosaic(store.make(), 41, 30, cells);
     const std::vector<float> before = Pixels(*image);
     double gains[4];
@@ -409,7 +409,7 @@ TEST(CImgBayerToRgb, GainsBringColoursToGreen) {
 }
 
 TEST(CImgBayerToRgb, HalfTheSizeFromCells) {
-  OnEveryPath([](StoreCase const& store) {
+  OnEveryPath([](const StoreCase& store) {
     for (int cfa = 1; cfa <= 4; ++cfa) {
       for (int green = 0; green <= 4; ++green) {
         const auto image = Mosaic(store.make(), 23, 15, Random(0, 1000));
@@ -453,7 +453,7 @@ TEST(CImgBayerToRgb, ASourceIsLeftAlone) {
 
 TEST(CImgBayerToRgb, RefusesWithNothingChanged) {
   using Change = std::function<void(tagBayerStruct&)>;
-  const std::vector<std::pair<char const*, Change>> changes = {
+  const std::vector<std::pair<const char*, Change>> changes = {
       {"cfa 0", [](auto& b) { b.nCFA = 0; }},
       {"cfa 5", [](auto& b) { b.nCFA = 5; }},
       {"12 bits to floats", [](auto& b) { b.nSrcBits = 12; }},
@@ -466,10 +466,10 @@ TEST(CImgBayerToRgb, RefusesWithNothingChanged) {
       {"green -1", [](auto& b) { b.bRoundUp = 1, b.nRoundUpGreen = -1; }},
       {"green 5", [](auto& b) { b.bRoundUp = 1, b.nRoundUpGreen = 5; }},
   };
-  for (auto const& store : Stores()) {
+  for (const auto& store : Stores()) {
     const auto image = Mosaic(store.make(), 20, 18, Random(0, 1000));
     const std::vector<float> before = Pixels(*image);
-    for (auto const& [name, change] : changes) {
+    for (const auto& [name, change] : changes) {
       tagBayerStruct bayer = Floats(1);
       bayer.bSubtract = 1, bayer.fSubtract = 9;
       change(bayer);
@@ -477,7 +477,7 @@ TEST(CImgBayerToRgb, RefusesWithNothingChanged) {
       EXPECT_EQ(Pixels(*image), before) << name;
       EXPECT_TRUE(image->IsBayerImage() && image->GetPlanes() == 1) << name;
     }
-    for (auto const& [width, height] : {std::pair(5, 6), std::pair(6, 5)}) {
+    for (const auto& [width, height] : {std::pair(5, 6), std::pair(6, 5)}) {
       EXPECT_EQ(Mosaic(store.make(), width, height, Random(0, 9))->Do(Floats(1), 0), 0);
     }
     tagBayerStruct half = Floats(1);

@@ -11,7 +11,7 @@ using namespace korimg::test;
 
 namespace {
 
-std::shared_ptr<CImgInformation> Frame(wchar_t const* maker, wchar_t const* model, int width = 8,
+std::shared_ptr<CImgInformation> Frame(const wchar_t* maker, const wchar_t* model, int width = 8,
                                        int height = 6) {
   const auto frame = Make<CImgInformation>(MemoryStore(), width, height, 1, [](int, int, int) { return 0; });
   frame->GetHeader()->SetCameraMaker(maker);
@@ -22,7 +22,7 @@ std::shared_ptr<CImgInformation> Frame(wchar_t const* maker, wchar_t const* mode
 TEST(CImgInformation, FindsTheColourFilterArray) {
   constexpr int kNone = -7;
   struct Case {
-    wchar_t const *maker, *model;
+    const wchar_t *maker, *model;
     int cfa, width = 8;
   };
   for (const Case& c : std::initializer_list<Case>{
@@ -79,10 +79,10 @@ TEST(CImgInformation, FindsTheColourFilterArray) {
 TEST(CImgInformation, TellsReducedFormatsByTheirSize) {
   using Info = CImgInformation;
   struct Case {
-    wchar_t const *maker, *model;
+    const wchar_t *maker, *model;
     int width, height;
     Info::RAWTYPE type;
-    wchar_t const* label;
+    const wchar_t* label;
   };
   for (const Case& c :
        std::initializer_list<Case>{{L"Canon", L"EOS 40D", 1936, 6, Info::RawS, L"sRAW"},
@@ -118,7 +118,7 @@ TEST(CImgInformation, TellsReducedFormatsByTheirSize) {
 }
 
 TEST(CImgInformation, TextsOfCamerasAndOfCcds) {
-  const auto texts = [](CImgInformation const& frame) {
+  const auto texts = [](const CImgInformation& frame) {
     CString instrument = L"?", exposure = L"?", temperature = L"?";
     frame.GetInfoString(instrument, exposure, temperature);
     return Narrow(std::wstring(instrument) + L"|" + std::wstring(exposure) + L"|" +

@@ -41,12 +41,12 @@ void ClippedMeans(Columns& sorted, double k, int mode, float* out) {
   std::vector<double> scratch(4LL * columns);
   double *mean = scratch.data(), *squares = mean + columns, *kept = squares + columns,
          *keptSum = kept + columns;
-  int const* counts = sorted.Counts();
+  const int* counts = sorted.Counts();
   for (int x = 0; x < columns; ++x) {
     mean[x] = sorted.Sums()[x] / std::max(counts[x], 1);
   }
   for (int i = 0; i < frames; ++i) {
-    float const* row = sorted.Row(i);
+    const float* row = sorted.Row(i);
     RunInLongVectors([=]() KORIMG_IN_LOOP {
       for (int x = 0; x < columns; ++x) {
         const double d = row[x] - mean[x];
@@ -62,7 +62,7 @@ void ClippedMeans(Columns& sorted, double k, int mode, float* out) {
     high[x] = m + width;
   }
   for (int i = 0; i < frames; ++i) {
-    float const* row = sorted.Row(i);
+    const float* row = sorted.Row(i);
     RunInLongVectors([=]() KORIMG_IN_LOOP {
       for (int x = 0; x < columns; ++x) {
         const double v = row[x];
@@ -99,7 +99,7 @@ int CImgMedianComposit::AllocateStoreBuffer(CVelImage* model, int frames, int ro
       store_.push_back(std::make_unique<CLineData>(elements));
     }
     return 1;
-  } catch (std::bad_alloc const&) {
+  } catch (const std::bad_alloc&) {
     return 0;
   }
 }
@@ -215,7 +215,7 @@ void CImgMedianComposit::SetRefNormalizeParam(double* a, double* b) {
 template <class F>
 void CImgMedianComposit::Reduce(int y0, int y1, bool threaded, bool normalised, F&& reduce) {
   ForColumns(y0, y1, threaded && IsContiguous(*target_), normalised, false, {},
-             [&](Columns& columns, Part const& part) {
+             [&](Columns& columns, const Part& part) {
                columns.Sort();
                reduce(columns, target_->GetWritableLine(part.x, part.y, part.plane));
              });
@@ -255,8 +255,8 @@ void CImgMedianComposit::Extreme(int y0, int y1, float start, F&& better) {
       std::fill_n(out, width, start);
       std::fill(any.begin(), any.end(), 0);
       for (const auto& frame : store_) {
-        float const* values = frame->Values() + first;
-        int const* valid = frame->Valid() + first;
+        const float* values = frame->Values() + first;
+        const int* valid = frame->Valid() + first;
         for (int x = 0; x < width; ++x) {
           any[x] |= valid[x];
           out[x] = valid[x] && better(values[x], out[x]) ? values[x] : out[x];

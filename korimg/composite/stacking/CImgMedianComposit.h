@@ -17,8 +17,8 @@ class KORIMG_API CLineData {
 
   float* Values() { return values_.get(); }
   int* Valid() { return valid_.get(); }
-  float const* Values() const { return values_.get(); }
-  int const* Valid() const { return valid_.get(); }
+  const float* Values() const { return values_.get(); }
+  const int* Valid() const { return valid_.get(); }
   long long Size() const { return size_; }
 
  private:
@@ -83,7 +83,7 @@ class KORIMG_API CImgMedianComposit : public CVelImage {
   };
   template <class F>
   void ForColumns(int y0, int y1, bool threaded, bool normalised, bool finiteOnly,
-                  std::span<double const> weights, F&& reduce);
+                  std::span<const double> weights, F&& reduce);
   CVelImage& Target() const { return *target_; }
   int Slots() const { return static_cast<int>(store_.size()); }
   CLineData& Band(int slot) { return *store_[slot]; }

@@ -19,7 +19,7 @@ Moments MomentsOf(CVelImage& image, int plane) {
   };
   const auto lines = MapLines(0, image.GetHeight(), [&](int y) {
     Sums sums;
-    float const* line = image.GetLine(0, y, plane);
+    const float* line = image.GetLine(0, y, plane);
     for (int x = 0; x < image.GetWidth(); ++x) {
       const double v = line[x];
       sums.values += v;
@@ -49,7 +49,7 @@ void CImgNormalize::Do(CVelImage* src, float* average, float* sigma, int progres
     const double factor = sigma && is.sigma != 0 ? sigma[p] / is.sigma : 1;
     const double centre = is.mean + delta;
     ForLines(Team::All, 0, GetHeight(), [&](int y) {
-      float const* in = src->GetLine(0, y, p);
+      const float* in = src->GetLine(0, y, p);
       float* out = GetWritableLine(0, y, p);
       for (int x = 0; x < GetWidth(); ++x) {
         // Shifted pixels are floats before they are stretched.

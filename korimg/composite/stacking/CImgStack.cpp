@@ -42,14 +42,14 @@ struct Work {
 /// these.
 void SumUp(Columns& sorted, Work& work) {
   double *linear = work.first.data(), *squares = work.second.data(), *medians = work.medians.data();
-  int const* counts = sorted.Counts();
+  const int* counts = sorted.Counts();
   const int columns = sorted.Size();
   for (int x = 0; x < columns; ++x) {
     medians[x] = sorted.Median(x);
     linear[x] = squares[x] = 0;
   }
   for (int i = 0; i < sorted.Frames(); ++i) {
-    float const* row = sorted.Row(i);
+    const float* row = sorted.Row(i);
     RunInLongVectors([=]() KORIMG_IN_LOOP {
       for (int x = 0; x < columns; ++x) {
         const double d = i < counts[x] ? row[x] - medians[x] : 0.0;
@@ -76,7 +76,7 @@ void SumUp(Columns& sorted, Work& work, int x) {
 
 /// Takes what lies too far from a column's median off the ranks that are left. False when that is nothing, or
 /// would be all.
-bool Reject(Columns& sorted, Clip const& clip, Work& work, int x) {
+bool Reject(Columns& sorted, const Clip& clip, Work& work, int x) {
   int from = work.from[x], to = work.to[x];
   const int n = to - from;
   if (n < 3) return false;
@@ -96,7 +96,7 @@ bool Reject(Columns& sorted, Clip const& clip, Work& work, int x) {
 }
 
 /// Nothing is rejected yet.
-void KeepAll(Columns const& columns, Work& work) {
+void KeepAll(const Columns& columns, Work& work) {
   const int size = columns.Size();
   std::fill_n(work.from.begin(), size, 0);
   std::copy_n(columns.Counts(), size, work.to.begin());
@@ -105,7 +105,7 @@ void KeepAll(Columns const& columns, Work& work) {
 }
 
 /// Sorts the columns, and rejects what lies too far from the others.
-void ClipColumns(Columns& columns, Clip const& clip, Work& work) {
+void ClipColumns(Columns& columns, const Clip& clip, Work& work) {
   if (clip.iterations <= 0) return;
   columns.Sort();
   // The first round is for all columns side by side; most of them are done then.
@@ -129,7 +129,7 @@ void ClipColumns(Columns& columns, Clip const& clip, Work& work) {
 
 /// The weighted means of what is left, and what lies beyond. Only the few columns that lost a value are gone
 /// through; the others have their sums.
-void Means(Columns const& columns, Work& work, double const* weights, CImgStack::Counts* counts, float* out) {
+void Means(const Columns& columns, Work& work, const double* weights, CImgStack::Counts* counts, float* out) {
   const int frames = columns.Frames(), stride = columns.Most();
   const double all = std::accumulate(weights, weights + frames, 0.0);
   for (int x = 0; x < columns.Size(); ++x) {
@@ -158,7 +158,7 @@ void Extremes(Columns& columns, bool largest, float* out) {
   constexpr float kMissing = Columns::kMissing;
   std::fill_n(out, columns.Size(), largest ? -kMissing : kMissing);
   for (int i = 0; i < columns.Frames(); ++i) {
-    float const* row = columns.Row(i);
+    const float* row = columns.Row(i);
     RunInLongVectors([=, size = columns.Size()]() KORIMG_IN_LOOP {
       for (int x = 0; x < size; ++x) {
         const float v = largest && !(row[x] < kMissing) ? -kMissing : row[x];
@@ -172,7 +172,7 @@ void Extremes(Columns& columns, bool largest, float* out) {
 struct Statistic {
   CImgStack::Method method;
   Clip clip;
-  std::vector<double> const& weights;
+  const std::vector<double>& weights;
   Work work = {};
   std::vector<CImgStack::Counts> counts = {};
 
@@ -203,7 +203,7 @@ struct Statistic {
 
 CImgStack::CImgStack(CVelImage* target) : CImgMedianComposit(target, 0) {}
 
-void CImgStack::SetWeights(std::span<double const> weights) {
+void CImgStack::SetWeights(std::span<const double> weights) {
   for (const double weight : weights) {
     if (!(weight > 0) || !std::isfinite(weight)) throw new CInvalidArgException;
   }
@@ -216,7 +216,7 @@ void CImgStack::SetRejectionMaps(CVelImage* low, CVelImage* high) {
 }
 
 int CImgStack::Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx, double dy, double radians,
-                     int method, FrameLevels const* levels) {
+                     int method, const FrameLevels* levels) {
   // Shifts of contiguous frames are bicubic always; an angle that moves no pixel takes the road of turns. The
   // lines of paged frames honour the method.
   constexpr double kNone = 1e-12;
@@ -234,7 +234,7 @@ int CImgStack::Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx
 }
 
 void CImgStack::RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd, double dx, double dy,
-                                double radians, FrameLevels const& levels) {
+                                double radians, const FrameLevels& levels) {
   constexpr double kSigmas = 5;
   const int width = Target().GetWidth(), planes = Target().GetPlanes();
   const double c = std::cos(radians), s = std::sin(radians), cx = frame.GetWidth() * 0.5,
@@ -247,7 +247,7 @@ void CImgStack::RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd
     const int x0 = inside(left, frame.GetWidth()), x1 = inside(left + 1, frame.GetWidth());
     float least = std::numeric_limits<float>::infinity();
     for (const double line : {top, top + 1}) {
-      float const* row = frame.GetLine(0, inside(line, frame.GetHeight()), plane);
+      const float* row = frame.GetLine(0, inside(line, frame.GetHeight()), plane);
       least = std::min({least, row[x0], row[x1]});
     }
     return least;
@@ -259,7 +259,7 @@ void CImgStack::RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd
       const int plane = std::min(p, frame.GetPlanes() - 1);
       const long long first = ((y - yStart) * 1LL * planes + p) * width;
       float* values = Band(slot).Values() + first;
-      int const* valid = Band(slot).Valid() + first;
+      const int* valid = Band(slot).Valid() + first;
       int low = 0;
       RunInLongVectors([=, &low]() KORIMG_IN_LOOP {
         int count = 0;
@@ -284,12 +284,12 @@ long long CImgStack::BytesOfThread(size_t frames) {
   return kBytes * count * ColumnsAtOnce(count);
 }
 
-void CImgStack::Stack(Method method, Clip const& clip, int y0, int y1) {
+void CImgStack::Stack(Method method, const Clip& clip, int y0, int y1) {
   weights_.resize(Slots(), 1.0);
   counts_.resize(Slots());
   std::mutex mutex;
   ForColumns(y0, y1, true, NormalizeItems() > 0, true, weights_,
-             [&, statistic = Statistic{method, clip, weights_}](Columns& columns, Part const& part) mutable {
+             [&, statistic = Statistic{method, clip, weights_}](Columns& columns, const Part& part) mutable {
                float* out = Target().GetWritableLine(part.x, part.y, part.plane);
                statistic(columns, out);
                for (int x = 0; x < columns.Size(); ++x) {

@@ -29,7 +29,7 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   struct Counts {
     long long values = 0, low = 0, high = 0;  ///< all, and of them those rejected as too low and too high
 
-    Counts& operator+=(Counts const& other) {
+    Counts& operator+=(const Counts& other) {
       values += other.values;
       low += other.low;
       high += other.high;
@@ -40,7 +40,7 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   explicit CImgStack(CVelImage* target);
 
   /// The weight of each slot in means, positive; 1 unless set. Throws CInvalidArgException* for another one.
-  void SetWeights(std::span<double const> weights);
+  void SetWeights(std::span<const double> weights);
   /// What a pixel becomes that no frame reaches: 0 unless set.
   void SetOutside(float value) { outside_ = value; }
   /// Images of the target's shape that get the number of values rejected in each pixel. Either may be null.
@@ -53,19 +53,19 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   /// With the frame's `levels`, what falls more than five deviations of its noise below its level, and as
   /// much below the lowest of the four pixels around, becomes this one.
   int Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx, double dy, double radians,
-            int method, korimg::FrameLevels const* levels = nullptr);
+            int method, const korimg::FrameLevels* levels = nullptr);
 
   /// What each thread of Stack takes beside the store, about.
   static long long BytesOfThread(size_t frames);
   /// Writes the rows y0 to y1 of the target, and of the maps. The median is that of CImgMedianComposit, and
   /// has no weights; means are weighted. The result does not depend on bands or threads.
-  void Stack(Method method, Clip const& clip, int y0, int y1);
+  void Stack(Method method, const Clip& clip, int y0, int y1);
   /// What became of each slot's pixels in the calls since this was asked last.
   std::vector<Counts> TakeCounts() { return std::exchange(counts_, {}); }
 
  private:
   void RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd, double dx, double dy, double radians,
-                       korimg::FrameLevels const& levels);
+                       const korimg::FrameLevels& levels);
 
   std::vector<double> weights_;
   float outside_ = 0;

@@ -24,7 +24,7 @@ FrameLevels MeasureLevels(CVelImage& image) {
   for (int p = 0; p < std::min(image.GetPlanes(), 3); ++p) {
     std::vector<float> values, distances;
     for (int i = 0; i < lines; ++i) {
-      float const* line = image.GetLine(0, static_cast<int>((2LL * i + 1) * height / (2LL * lines)), p);
+      const float* line = image.GetLine(0, static_cast<int>((2LL * i + 1) * height / (2LL * lines)), p);
       for (int x = 0; x < width; x += step) {
         if (std::isfinite(line[x])) values.push_back(line[x]);
         if (x < 1 || x > width - 2) continue;

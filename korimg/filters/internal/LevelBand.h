@@ -9,10 +9,10 @@ namespace korimg {
 
 /// The limits of a band as they are given, one value for each plane, on the 0 to 255 scale.
 struct BandLimits {
-  int const* useDark;
-  double const *dark, *darkRange;
-  int const* useHighlight;
-  double const *highlight, *highlightRange;
+  const int* useDark;
+  const double *dark, *darkRange;
+  const int* useHighlight;
+  const double *highlight, *highlightRange;
 };
 
 /// A band of raw values with soft shoulders. Pixels beyond the shoulders stay, those inside take the filtered
@@ -22,7 +22,7 @@ struct LevelBand {
   float dark = -kOpen, darkMin = -kOpen, darkWidth = 0;
   float highlight = kOpen, highlightMax = kOpen, highlightWidth = 0;
 
-  LevelBand(CVelImage const& src, int p, BandLimits const& limits) {
+  LevelBand(const CVelImage& src, int p, const BandLimits& limits) {
     const auto raw = [&](double v) { return static_cast<float>(src.ToRaw(v, p)); };
     if (limits.useDark[p]) {
       dark = raw(limits.dark[p]);

@@ -30,11 +30,11 @@ struct RankQuery {
 };
 
 /// Takes the results for `columns` pixels of row y from column x on; called by all workers.
-using RankSink = std::function<void(int x, int y, float const* values, int columns)>;
+using RankSink = std::function<void(int x, int y, const float* values, int columns)>;
 
 /// Finds the rank for each pixel of the window, on the whole team, and counts finished rows on the display of
 /// `shown`. The value is that of sorting the cells; a rank beyond them gives 0.0.
-void FindRanks(CVelImage& shown, CVelImage& src, int plane, Window const& window, RankQuery const& query,
-               RankSink const& sink);
+void FindRanks(CVelImage& shown, CVelImage& src, int plane, const Window& window, const RankQuery& query,
+               const RankSink& sink);
 
 }  // namespace korimg

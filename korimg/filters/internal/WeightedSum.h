@@ -10,14 +10,14 @@ constexpr int kSumBlock = 64;
 
 /// Writes the sums of weights[k] * taps[k][x] over k for x from 0 to columns - 1, in float and in the order
 /// of k.
-inline void WeightedSum(float const* const* taps, float const* weights, int count, int columns,
+inline void WeightedSum(const float* const* taps, const float* weights, int count, int columns,
                         float* result) {
   RunInLongVectors([=]() KORIMG_IN_LOOP {
     int x = 0;
     for (; x + kSumBlock <= columns; x += kSumBlock) {
       float sum[kSumBlock] = {};
       for (int k = 0; k < count; ++k) {
-        float const* tap = taps[k] + x;
+        const float* tap = taps[k] + x;
         const float weight = weights[k];
 #pragma GCC unroll 64
         for (int i = 0; i < kSumBlock; ++i) {

@@ -49,7 +49,7 @@ void CFft::CalcPOC() {
     ToReIm(p);
   }
   complex* a = GetArray(0);
-  complex const* b = GetArray(1);
+  const complex* b = GetArray(1);
   for (size_t i = 0; i < static_cast<size_t>(width_) * height_; ++i) {
     a[i] = CrossPower(a[i], b[i]);
   }
@@ -59,7 +59,7 @@ void CFft::PeakOfPOC(double& x, double& y) {
   x = y = 0;
   if (!GetArray(0)) return;
   Swap(0);
-  complex const* data = GetArray(0);
+  const complex* data = GetArray(0);
   const auto real = [&](int column, int row) { return data[static_cast<size_t>(row) * width_ + column].re; };
   int px = -1, py = -1;
   float peak = 0;
@@ -93,10 +93,10 @@ void CFft::PeakOfPOC(double& x, double& y) {
   y = (flat ? py : sumY / sum) - height_ / 2;
 }
 
-double CFft::Interp(complex const* data, int width, int height, int imaginary, int method, double x,
+double CFft::Interp(const complex* data, int width, int height, int imaginary, int method, double x,
                     double y) {
   const auto at = [&](int column, int row) -> double {
-    complex const& c =
+    const complex& c =
         data[static_cast<size_t>(std::clamp(row, 0, height - 1)) * width + std::clamp(column, 0, width - 1)];
     return imaginary ? c.im : c.re;
   };
@@ -134,9 +134,9 @@ void CFft::ToLogPolar(int r0, int mode, int degStart, int degEnd, int logTone, i
 
 void CFft::GetMinMax(double* min, double* max) {
   *min = *max = 0;
-  complex const* data = GetArray(0);
+  const complex* data = GetArray(0);
   if (!data) return;
-  const auto squared = [](complex const& c) {
+  const auto squared = [](const complex& c) {
     return static_cast<double>(c.re) * c.re + static_cast<double>(c.im) * c.im;
   };
   *min = *max = squared(data[0]);
@@ -161,7 +161,7 @@ void CFft::SetGauss(double sigma) {
 
 void CFft::Convolution(CFft* other, double eps) {
   complex* a = GetArray(0);
-  complex const* b = other->GetArray(0);
+  const complex* b = other->GetArray(0);
   if (!a || !b || other->width_ != width_ || other->height_ != height_) return;
   const auto floor = static_cast<float>(eps);
   for (size_t i = 0; i < static_cast<size_t>(width_) * height_; ++i) {

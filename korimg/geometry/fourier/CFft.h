@@ -39,6 +39,6 @@ class KORIMG_API CFft : public ComplexPlanes {
   void Convolution(CFft* other, double eps);
 
  private:
-  static double Interp(complex const* data, int width, int height, int imaginary, int method, double x,
+  static double Interp(const complex* data, int width, int height, int imaginary, int method, double x,
                        double y);
 };

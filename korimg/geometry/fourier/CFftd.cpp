@@ -101,10 +101,10 @@ void CFftd::Windowing(int plane) {
 void CFftd::CalcPOC(bool limitRows) {
   complex* a = GetArray(0);
   if (!a) return;
-  complex const* b = GetArray(1);
+  const complex* b = GetArray(1);
   ForRows([&](int y) {
     complex* rowA = a + static_cast<size_t>(y) * width_;
-    complex const* rowB = b + static_cast<size_t>(y) * width_;
+    const complex* rowB = b + static_cast<size_t>(y) * width_;
     const bool beyond = limitRows && !Band(height_).Has(y);
     const int left = beyond ? 0 : Band(width_).end, right = beyond ? width_ : Band(width_).start;
     RunInLongVectors([=, this]() KORIMG_IN_LOOP {
@@ -134,8 +134,8 @@ bool CFftd::BalanceParts() {
   struct Power {
     double re = 0, im = 0;
   } power;
-  for (Power const& row : MapLines(0, height_, [&](int y) {
-         complex const* row = data + static_cast<size_t>(y) * width_;
+  for (const Power& row : MapLines(0, height_, [&](int y) {
+         const complex* row = data + static_cast<size_t>(y) * width_;
          Power sum;
          RunInLongVectors([&sum, row, width = width_]() KORIMG_IN_LOOP {
            constexpr int kLanes = 8;
@@ -173,7 +173,7 @@ void CFftd::CalcPOCOfParts() {
   const int end = Band(width_).end, start = Band(width_).start;
   const auto isIn = [&](int y) { return Band(height_).Has(y); };
   // Row y from copies of it and of the row of the opposite frequency.
-  const auto calculate = [&](int y, std::vector<complex> const& own, std::vector<complex> const& other) {
+  const auto calculate = [&](int y, const std::vector<complex>& own, const std::vector<complex>& other) {
     complex* row = data + static_cast<size_t>(y) * width_;
     std::fill(row + (isIn(y) ? end : 0), row + (isIn(y) ? start : width_), complex{});
     if (!isIn(y)) return;
@@ -195,7 +195,7 @@ void CFftd::CalcPOCOfParts() {
   ForLines(Team::All, 0, height_ / 2 + 1, [&](int y) {
     const int opposite = (height_ - y) % height_;
     const auto copy = [&](int line) {
-      complex const* row = data + static_cast<size_t>(line) * width_;
+      const complex* row = data + static_cast<size_t>(line) * width_;
       const bool isNeeded = isIn(y) || isIn(opposite);
       return std::vector<complex>(row, row + (isNeeded ? width_ : 0));
     };
@@ -230,9 +230,9 @@ void CFftd::SwapX(int plane) {
   });
 }
 
-void CFftd::PeakOfPOC(int const* x, int const* y, double& dx, double& dy, double& peak) {
+void CFftd::PeakOfPOC(const int* x, const int* y, double& dx, double& dy, double& peak) {
   dx = dy = peak = 0;
-  complex const* data = GetArray(0);
+  const complex* data = GetArray(0);
   if (!data) return;
   struct Place {
     int x = -1, y = -1;
@@ -251,7 +251,7 @@ void CFftd::PeakOfPOC(int const* x, int const* y, double& dx, double& dy, double
       }
       return best;
     });
-    for (Place const& place : largest) {
+    for (const Place& place : largest) {
       if (place.value > found.value) found = place;
     }
   }
@@ -263,7 +263,7 @@ void CFftd::PeakOfPOC(int const* x, int const* y, double& dx, double& dy, double
 }
 
 void CFftd::PeakOfPOC1D(int row, double& dx) {
-  complex const* data = GetArray(0);
+  const complex* data = GetArray(0);
   if (!data || row < 0 || row >= height_) return;
   dx = 0;
   int px = -1;
@@ -292,7 +292,7 @@ void CFftd::PeakOfPOC1D(double& dx) {
 }
 
 void CFftd::SubPixPeakPEF(int px, int py, int both, double& dx, double& dy) {
-  complex const* data = GetArray(0);
+  const complex* data = GetArray(0);
   // Where the fit along a line of values puts the peak, from samples about p and its larger neighbour q.
   const auto fit = [](int p, int q, int size, auto&& value) {
     const auto r = [&](int i) { return static_cast<double>(value(std::clamp(i, 0, size - 1))); };

@@ -39,7 +39,7 @@ class KORIMG_API CFftd : public ComplexPlanes {
   /// (width / 2, height / 2), between the elements by the peak evaluation formula: a fit of the closed form
   /// of a peak of half the band (Nagashima, Aoki, Higuchi, Kobayashi 2006). x and y give the whole element,
   /// or null for the largest one. All are 0 when it is not above 0.
-  void PeakOfPOC(int const* x, int const* y, double& dx, double& dy, double& peak);
+  void PeakOfPOC(const int* x, const int* y, double& dx, double& dy, double& peak);
   /// The place along x of the peak of one row.
   void PeakOfPOC1D(int row, double& dx);
   /// Planes of more than 40 rows: clears the real parts of row 0, in which no peak is found then, and gives

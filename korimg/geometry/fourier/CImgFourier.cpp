@@ -13,7 +13,7 @@ namespace {
 enum Message : int { Shift = 6150, Rotation = 6151, Transform = 6190 };
 
 /// The top left window of a rectangle whose sides are the largest powers of two.
-Window PowerOfTwoWindow(Window const& w) {
+Window PowerOfTwoWindow(const Window& w) {
   return {w.left, w.top, w.left + CFft::GetFloorPowerOf2(w.Width()),
           w.top + CFft::GetFloorPowerOf2(w.Height())};
 }
@@ -29,8 +29,8 @@ Halide::Runtime::Buffer<float, 3> Elements(CFftd& fft, int array, int width, int
 }  // namespace
 
 void CImgFourier::PutImage(CVelImage& real, CVelImage* imaginary, int plane, CFftd& fft, int array,
-                           Window const& window) {
-  const auto room = [&](CVelImage const& image, Window const& w) {
+                           const Window& window) {
+  const auto room = [&](const CVelImage& image, const Window& w) {
     return Window(w.left, w.top, std::min({w.right, image.GetWidth(), w.left + fft.GetWidth()}),
                   std::min({w.bottom, image.GetHeight(), w.top + fft.GetHeight()}));
   };
@@ -47,8 +47,8 @@ void CImgFourier::PutImage(CVelImage& real, CVelImage* imaginary, int plane, CFf
   const int imaginaryPlane = imaginary ? std::min(plane, imaginary->GetPlanes() - 1) : 0;
   ForLines(Team::All, w.top, w.bottom, [&](int y) {
     dcomplex* row = fft.GetArray(array) + static_cast<size_t>(y - w.top) * fft.GetWidth();
-    float const* re = real.GetLine(w.left, y, plane);
-    float const* im = imaginary ? imaginary->GetLine(w.left, y, imaginaryPlane) : nullptr;
+    const float* re = real.GetLine(w.left, y, plane);
+    const float* im = imaginary ? imaginary->GetLine(w.left, y, imaginaryPlane) : nullptr;
     for (int x = 0; x < w.Width(); ++x) {
       row[x] = {re[x], im ? im[x] : 0.0f};
     }
@@ -56,10 +56,10 @@ void CImgFourier::PutImage(CVelImage& real, CVelImage* imaginary, int plane, CFf
   });
 }
 
-void CImgFourier::PutPair(CVelImage& other, CFftd& fft, Window const& window) {
+void CImgFourier::PutPair(CVelImage& other, CFftd& fft, const Window& window) {
   ForLines(Team::All, 0, fft.GetHeight(), [&](int y) {
     dcomplex* row = fft.GetArray(0) + static_cast<size_t>(y) * fft.GetWidth();
-    const auto count = [&](CVelImage const& image) {
+    const auto count = [&](const CVelImage& image) {
       const Window w(window.left, window.top + y, std::min(window.right, image.GetWidth()),
                      std::min(window.bottom, image.GetHeight()));
       return w.IsEmpty() ? 0 : w.Width();
@@ -93,7 +93,7 @@ void CImgFourier::GetImage(CVelImage* real, CVelImage* imaginary, int plane, CFf
       continue;
     }
     ForLines(Team::All, 0, height, [&](int y) {
-      dcomplex const* row = fft.GetArray(array) + static_cast<size_t>(y) * fft.GetWidth();
+      const dcomplex* row = fft.GetArray(array) + static_cast<size_t>(y) * fft.GetWidth();
       float* line = image->GetWritableLine(0, y, plane);
       for (int x = 0; x < width; ++x) {
         line[x] = imaginaryPart ? row[x].im : row[x].re;
@@ -145,7 +145,7 @@ int CImgFourier::CalcShiftByPOC(CVelImage* other, CVelImage* surface, double blu
   return 1;
 }
 
-void CImgFourier::PolarSpectra(CFftd& fft, CVelImage& other, Window const& window, int r0) {
+void CImgFourier::PolarSpectra(CFftd& fft, CVelImage& other, const Window& window, int r0) {
   PutImage(*this, nullptr, 0, fft, 0, window);
   PutImage(other, nullptr, 0, fft, 1, window);
   for (const int p : {0, 1}) {
@@ -170,7 +170,7 @@ int CImgFourier::CalcRotByRIPOC(CVelImage* other, CVelImage* polarA, CVelImage* 
   }
   ForLines(Team::All, 0, outHeight, [&](int y) {
     dcomplex* a = fft.GetArray(0) + static_cast<size_t>(y) * outWidth;
-    dcomplex const* b = fft.GetArray(1) + static_cast<size_t>(y) * outWidth;
+    const dcomplex* b = fft.GetArray(1) + static_cast<size_t>(y) * outWidth;
     for (int x = 0; x < outWidth; ++x) {
       a[x].im = b[x].re;
     }

@@ -46,11 +46,11 @@ class KORIMG_API CImgFourier : public CVelImage {
 
  private:
   int Begin(CFftd& fft, CVelImage& other, CRect* rect, int& outWidth, int& outHeight, korimg::Window& window);
-  void PolarSpectra(CFftd& fft, CVelImage& other, korimg::Window const& window, int r0);
+  void PolarSpectra(CFftd& fft, CVelImage& other, const korimg::Window& window, int r0);
   /// This image's first plane as the real parts of array 0, the other's as its imaginary parts. The array is
   /// zero before.
-  void PutPair(CVelImage& other, CFftd& fft, korimg::Window const& window);
+  void PutPair(CVelImage& other, CFftd& fft, const korimg::Window& window);
   void PutImage(CVelImage& real, CVelImage* imaginary, int plane, CFftd& fft, int array,
-                korimg::Window const& window);
+                const korimg::Window& window);
   void GetImage(CVelImage* real, CVelImage* imaginary, int plane, CFftd& fft, int array);
 };

@@ -23,7 +23,7 @@ namespace {
 
 /// The angle of a number as std::atan2 gives it, within a few units in the last place and without branches,
 /// so that loops become vectors; 0 for 0. The polynomial is that of the Cephes library (Moshier 1989).
-KORIMG_IN_LOOP inline float Phase(complex const& c) {
+KORIMG_IN_LOOP inline float Phase(const complex& c) {
   constexpr double kPi = std::numbers::pi;  // a float's would turn all of the left half plane alike
   constexpr float kEighth = 0.41421356f;    // tan(pi / 8)
   const float x = std::abs(c.re), y = std::abs(c.im);
@@ -156,15 +156,15 @@ void ComplexPlanes::ToReIm(int plane) {
   ampPhase_[plane] = false;
 }
 
-bool ComplexPlanes::Transform(int plane, int sign, float rowScale, float columnScale, Frequencies const& rows,
-                              Frequencies const& columns) {
+bool ComplexPlanes::Transform(int plane, int sign, float rowScale, float columnScale, const Frequencies& rows,
+                              const Frequencies& columns) {
   complex* data = GetArray(plane);
   if (!data) return true;
   constexpr int kLanes = LineTransform::kLanes;
   const int workers = onTeam_ ? CParallel::GetMaxThreads() : 1;
   // Lines of elements at distance `step`, the first of each at distance `pitch`; of `count` those wanted.
-  const auto pass = [&](LineTransform const& transform, std::vector<LineTransform::Work> const& work,
-                        int count, int step, int pitch, float scale, Frequencies const& wanted) {
+  const auto pass = [&](const LineTransform& transform, const std::vector<LineTransform::Work>& work,
+                        int count, int step, int pitch, float scale, const Frequencies& wanted) {
     std::vector<int> blocks;
     for (int first = 0; first < count; first += kLanes) {
       const int last = std::min(first + kLanes, count) - 1;
@@ -189,7 +189,7 @@ bool ComplexPlanes::Transform(int plane, int sign, float rowScale, float columnS
     }
     pass(alongRows, work, height_, 1, width_, rowScale, rows);
     pass(alongColumns, work, width_, width_, 1, columnScale, columns);
-  } catch (std::bad_alloc const&) {
+  } catch (const std::bad_alloc&) {
     return false;
   }
   return true;

@@ -18,8 +18,8 @@ using dcomplex = complex;
 class KORIMG_API ComplexPlanes {
  public:
   virtual ~ComplexPlanes();
-  ComplexPlanes(ComplexPlanes const&) = delete;
-  ComplexPlanes& operator=(ComplexPlanes const&) = delete;
+  ComplexPlanes(const ComplexPlanes&) = delete;
+  ComplexPlanes& operator=(const ComplexPlanes&) = delete;
 
   /// Rounds each size up to a power of two, and makes both planes, zeroed. 1, or 0 without room, and for
   /// sizes below 1: there are no planes then.
@@ -50,8 +50,8 @@ class KORIMG_API ComplexPlanes {
   /// Transforms rows and then columns in place, with the kernel exp(sign 2 pi i jk / n), and multiplies by
   /// `rowScale` and `columnScale`. Rows that are not among `rows` have to be zero; columns that are not among
   /// `columns` are left half done. False when there is no room to work in: nothing has changed then.
-  bool Transform(int plane, int sign, float rowScale, float columnScale, Frequencies const& rows = kAll,
-                 Frequencies const& columns = kAll);
+  bool Transform(int plane, int sign, float rowScale, float columnScale, const Frequencies& rows = kAll,
+                 const Frequencies& columns = kAll);
   /// Calls f(y) for each row, on one thread or on the team, and counts it on the display.
   template <class F>
   void ForRows(F&& f);

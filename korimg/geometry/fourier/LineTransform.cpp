@@ -19,14 +19,14 @@ constexpr int kCached = 256;  ///< rows that stay in the nearest cache
 using Four [[gnu::vector_size(16)]] = float;
 using Eight [[gnu::vector_size(32)]] = float;
 
-KORIMG_IN_LOOP inline void Load(Four& v, void const* from) {
+KORIMG_IN_LOOP inline void Load(Four& v, const void* from) {
   std::memcpy(&v, from, sizeof v);
 }
-KORIMG_IN_LOOP inline void Load(Eight& v, void const* from) {
+KORIMG_IN_LOOP inline void Load(Eight& v, const void* from) {
   std::memcpy(&v, from, sizeof v);
 }
 template <class Vector>
-KORIMG_IN_LOOP inline void Store(void* to, Vector const& v) {
+KORIMG_IN_LOOP inline void Store(void* to, const Vector& v) {
   std::memcpy(to, &v, sizeof v);
 }
 
@@ -43,20 +43,20 @@ KORIMG_IN_LOOP inline void Transpose(Four (&m)[4]) {
 }
 
 /// Fewer lines than lanes, or shorter ones than a vector. Lanes without a line are 0.
-void LoadFew(Lines const& l, int length, Row* rows) {
+void LoadFew(const Lines& l, int length, Row* rows) {
   for (int k = 0; k < length; ++k) {
     rows[k] = {};
     for (int i = 0; i < l.count; ++i) {
-      complex const& c = l.data[static_cast<size_t>(k) * l.step + static_cast<size_t>(i) * l.pitch];
+      const complex& c = l.data[static_cast<size_t>(k) * l.step + static_cast<size_t>(i) * l.pitch];
       rows[k].re[i] = c.re;
       rows[k].im[i] = c.im;
     }
   }
 }
 
-void StoreFew(Lines const& l, int length, Row const* rows, int const* places, float scale) {
+void StoreFew(const Lines& l, int length, const Row* rows, const int* places, float scale) {
   for (int k = 0; k < length; ++k) {
-    Row const& row = rows[places[k]];
+    const Row& row = rows[places[k]];
     for (int i = 0; i < l.count; ++i) {
       l.data[static_cast<size_t>(k) * l.step + static_cast<size_t>(i) * l.pitch] = {row.re[i] * scale,
                                                                                     row.im[i] * scale};
@@ -65,7 +65,7 @@ void StoreFew(Lines const& l, int length, Row const* rows, int const* places, fl
 }
 
 /// Lines that lie along memory: four lines by two elements at a time are turned in registers.
-KORIMG_IN_LOOP inline void LoadAlong(Lines const& l, int length, Row* rows) {
+KORIMG_IN_LOOP inline void LoadAlong(const Lines& l, int length, Row* rows) {
   for (int k = 0; k < length; k += 2) {
     for (int half = 0; half < kLanes; half += 4) {
       Four m[4];
@@ -81,11 +81,11 @@ KORIMG_IN_LOOP inline void LoadAlong(Lines const& l, int length, Row* rows) {
   }
 }
 
-KORIMG_IN_LOOP inline void StoreAlong(Lines const& l, int length, Row const* rows, int const* places,
+KORIMG_IN_LOOP inline void StoreAlong(const Lines& l, int length, const Row* rows, const int* places,
                                       float scale) {
   for (int k = 0; k < length; k += 2) {
-    Row const& first = rows[places[k]];
-    Row const& second = rows[places[k + 1]];
+    const Row& first = rows[places[k]];
+    const Row& second = rows[places[k + 1]];
     for (int half = 0; half < kLanes; half += 4) {
       Four m[4];
       Load(m[0], first.re + half);
@@ -101,10 +101,10 @@ KORIMG_IN_LOOP inline void StoreAlong(Lines const& l, int length, Row const* row
 }
 
 /// Lines that lie across memory: the eight elements of an index are neighbours.
-KORIMG_IN_LOOP inline void LoadAcross(Lines const& l, int length, Row* rows) {
+KORIMG_IN_LOOP inline void LoadAcross(const Lines& l, int length, Row* rows) {
   constexpr int kAhead = 16;  // each row lies in a page of its own, which no processor foresees
   for (int k = 0; k < length; ++k) {
-    complex const* from = l.data + static_cast<size_t>(k) * l.step;
+    const complex* from = l.data + static_cast<size_t>(k) * l.step;
     if (k + kAhead < length) __builtin_prefetch(from + static_cast<size_t>(kAhead) * l.step);
     for (int half = 0; half < kLanes; half += 4) {
       Four a, b;
@@ -116,11 +116,11 @@ KORIMG_IN_LOOP inline void LoadAcross(Lines const& l, int length, Row* rows) {
   }
 }
 
-KORIMG_IN_LOOP inline void StoreAcross(Lines const& l, int length, Row const* rows, int const* places,
+KORIMG_IN_LOOP inline void StoreAcross(const Lines& l, int length, const Row* rows, const int* places,
                                        float scale) {
   for (int k = 0; k < length; ++k) {
     complex* to = l.data + static_cast<size_t>(k) * l.step;
-    Row const& row = rows[places[k]];
+    const Row& row = rows[places[k]];
     for (int half = 0; half < kLanes; half += 4) {
       Four re, im;
       Load(re, row.re + half);
@@ -134,14 +134,14 @@ KORIMG_IN_LOOP inline void StoreAcross(Lines const& l, int length, Row const* ro
 }
 
 /// (re, im) * w to a row.
-KORIMG_IN_LOOP inline void StoreTimes(Row& to, Eight const& re, Eight const& im, float const* w) {
+KORIMG_IN_LOOP inline void StoreTimes(Row& to, const Eight& re, const Eight& im, const float* w) {
   Store(to.re, re * w[0] - im * w[1]);
   Store(to.im, re * w[1] + im * w[0]);
 }
 
 /// Splits a part into four: element j + q of each becomes that of part q. `roots` is null for parts of four,
 /// whose roots are all 1.
-KORIMG_IN_LOOP inline void SplitByFour(Row* part, int size, float const* roots) {
+KORIMG_IN_LOOP inline void SplitByFour(Row* part, int size, const float* roots) {
   const int quarter = size / 4;
   for (int j = 0; j < quarter; ++j) {
     Row& a = part[j];
@@ -157,7 +157,7 @@ KORIMG_IN_LOOP inline void SplitByFour(Row* part, int size, float const* roots) 
     Store(a.re, sumRe + otherRe);
     Store(a.im, sumIm + otherIm);
     if (roots) {
-      float const* w = roots + static_cast<size_t>(j) * 6;
+      const float* w = roots + static_cast<size_t>(j) * 6;
       StoreTimes(b, differenceRe + turnedRe, differenceIm + turnedIm, w);
       StoreTimes(c, sumRe - otherRe, sumIm - otherIm, w + 2);
       StoreTimes(d, differenceRe - turnedRe, differenceIm - turnedIm, w + 4);
@@ -209,11 +209,11 @@ LineTransform::LineTransform(int length) : length_(length), places_(length), rev
   }
 }
 
-void LineTransform::Run(Lines const& lines, int sign, float scale, Work const& work) const {
+void LineTransform::Run(const Lines& lines, int sign, float scale, const Work& work) const {
   Row* rows = work.Rows();
-  int const* places = (sign < 0 ? places_ : reversed_).data();
+  const int* places = (sign < 0 ? places_ : reversed_).data();
   const bool few = lines.count < kLanes || length_ < 4;
-  const auto split = [this](Row* part, int rowsOfPart, Step const& step) KORIMG_IN_LOOP {
+  const auto split = [this](Row* part, int rowsOfPart, const Step& step) KORIMG_IN_LOOP {
     for (int first = 0; first < rowsOfPart; first += step.size) {
       SplitByFour(part + first, step.size, roots_.data() + step.roots);
     }

@@ -11,8 +11,8 @@ class LockedLine {
   LockedLine(CVelImage& image, int y, int plane)
       : image_(image), line_(image.GetImageAdr(0, y, plane, CImage::Locked, &lock_)) {}
   ~LockedLine() { image_.Unlock(lock_); }
-  LockedLine(LockedLine const&) = delete;
-  LockedLine& operator=(LockedLine const&) = delete;
+  LockedLine(const LockedLine&) = delete;
+  LockedLine& operator=(const LockedLine&) = delete;
 
   float& operator[](int x) const { return line_[x]; }
 

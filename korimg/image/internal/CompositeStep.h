@@ -16,7 +16,7 @@ constexpr int kMostCompositePlanes = 3;
 
 /// A rectangle clipped to the image and then widened to the smallest window, to the right and downward first,
 /// and at the far edges to the left and upward: pixels next to a small rectangle are composited too.
-inline Window WidenedWindow(CVelImage const& image, CRect* rect) {
+inline Window WidenedWindow(const CVelImage& image, CRect* rect) {
   Window w(image, rect);
   if (w.IsEmpty()) return w;
   const auto widen = [](int& low, int& high, int least, int size) {

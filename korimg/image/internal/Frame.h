@@ -18,7 +18,7 @@ namespace korimg {
 struct Window {
   int left = 0, top = 0, right = 0, bottom = 0;
 
-  Window(CVelImage const& image, CRect* rect) {
+  Window(const CVelImage& image, CRect* rect) {
     if (!image.IsEmpty()) image.NormalizeRect(rect, left, top, right, bottom);
     KORIMG_ASSERT(IsEmpty() || IsInside(image));
   }
@@ -29,38 +29,38 @@ struct Window {
   bool IsEmpty() const { return right <= left || bottom <= top; }
   long long Pixels() const { return IsEmpty() ? 0 : 1LL * Width() * Height(); }
   /// Lines that an operation over all planes steps through.
-  int Lines(CVelImage const& image) const { return IsEmpty() ? 0 : image.GetPlanes() * Height(); }
-  bool IsInside(CVelImage const& image) const {
+  int Lines(const CVelImage& image) const { return IsEmpty() ? 0 : image.GetPlanes() * Height(); }
+  bool IsInside(const CVelImage& image) const {
     return left >= 0 && top >= 0 && right <= image.GetWidth() && bottom <= image.GetHeight();
   }
-  bool Covers(CVelImage const& image) const {
+  bool Covers(const CVelImage& image) const {
     return left == 0 && top == 0 && Width() >= image.GetWidth() && Height() >= image.GetHeight();
   }
 };
 
-inline bool SameSize(CVelImage const& a, CVelImage const& b) {
+inline bool SameSize(const CVelImage& a, const CVelImage& b) {
   return a.GetWidth() == b.GetWidth() && a.GetHeight() == b.GetHeight();
 }
 
 /// `src` has a pixel for each of the target's.
-inline bool Fits(CVelImage const& src, CVelImage const& target) {
+inline bool Fits(const CVelImage& src, const CVelImage& target) {
   return !src.IsEmpty() && !target.IsEmpty() && SameSize(src, target) &&
          src.GetPlanes() >= target.GetPlanes();
 }
 
 /// `frame` can serve every plane of `image`: a mono one by its only plane, a colour one plane by plane.
-inline bool Serves(CVelImage const& frame, CVelImage const& image) {
+inline bool Serves(const CVelImage& frame, const CVelImage& image) {
   return SameSize(frame, image) && !frame.IsEmpty() &&
          (!frame.IsColor() || frame.GetPlanes() >= image.GetPlanes());
 }
 
-inline bool IsContiguous(CImage const& image) {
+inline bool IsContiguous(const CImage& image) {
   return image.GetAllocationPolicy() != CVmManager::Paged;
 }
 
 /// Pipelines may run: the planes of all images are contiguous.
 template <class... Images>
-bool MayRunPipelines(Images const&... images) {
+bool MayRunPipelines(const Images&... images) {
   return (IsContiguous(images) && ...);
 }
 
@@ -69,7 +69,7 @@ bool HasVectors();
 
 /// Gives a work image the record, shape and kind of store of another, with all pixels 0. Throws
 /// velora::CVmMemoryAllocationError when there is no room.
-void MakeWorkImage(CVelImage& work, CVelImage const& like);
+void MakeWorkImage(CVelImage& work, const CVelImage& like);
 
 /// Opens the progress display of an operation, and closes it on every way out.
 class ProgressScope {
@@ -78,8 +78,8 @@ class ProgressScope {
     image_.ShowProgressInit(show, message, total);
   }
   ~ProgressScope() { image_.ShowProgressEnd(0); }
-  ProgressScope(ProgressScope const&) = delete;
-  ProgressScope& operator=(ProgressScope const&) = delete;
+  ProgressScope(const ProgressScope&) = delete;
+  ProgressScope& operator=(const ProgressScope&) = delete;
 
  private:
   CVelImage& image_;
@@ -87,7 +87,7 @@ class ProgressScope {
 
 /// Calls line(plane, y) for the window's lines of each plane in turn, and counts the lines on the display.
 template <class F>
-void ForPlaneLines(CVelImage& image, Window const& window, Team team, F&& line) {
+void ForPlaneLines(CVelImage& image, const Window& window, Team team, F&& line) {
   if (window.IsEmpty()) return;
   KORIMG_ASSERT(window.IsInside(image));
   for (int p = 0; p < image.GetPlanes(); ++p) {
@@ -100,10 +100,10 @@ void ForPlaneLines(CVelImage& image, Window const& window, Team team, F&& line) 
 
 /// Writes formula(plane)(source pixel) over the window.
 template <class F>
-void MapPixels(CVelImage& target, CVelImage& src, Window const& window, Team team, F&& formula) {
+void MapPixels(CVelImage& target, CVelImage& src, const Window& window, Team team, F&& formula) {
   ForPlaneLines(target, window, team, [&](int p, int y) {
     const auto map = formula(p);
-    float const* in = src.GetLine(window.left, y, p);
+    const float* in = src.GetLine(window.left, y, p);
     float* out = target.GetWritableLine(window.left, y, p);
     for (int x = 0; x < window.Width(); ++x) {
       out[x] = map(in[x]);
@@ -171,7 +171,7 @@ class TemporaryPlane {
 /// the plane keeps what it holds, and all of it does when the pipeline fails; so does a whole one that is not
 /// `direct`, since the pipeline reads the plane beside the pixel that it writes.
 template <class F>
-int RunIntoWindow(CVelImage& target, int plane, Window const& window, F&& run, bool direct = true) {
+int RunIntoWindow(CVelImage& target, int plane, const Window& window, F&& run, bool direct = true) {
   if (window.IsEmpty()) return 0;
   KORIMG_ASSERT(window.IsInside(target));
   PlaneBuffer whole(target, plane, false);
@@ -203,7 +203,7 @@ int WriteThroughPlane(CVelImage& target, int plane, CVmManager& contiguous, F&& 
   if (IsContiguous(target)) return run(PlaneBuffer(target, plane, false));
   TemporaryPlane temporary(contiguous, target.GetWidth(), target.GetHeight());
   if (const int status = run(temporary.Buffer())) return status;
-  float const* pixels = temporary.Pixels();
+  const float* pixels = temporary.Pixels();
   const size_t width = target.GetWidth();
   ForLines(Team::All, 0, target.GetHeight(), [&](int y) {
     std::memcpy(target.GetWritableLine(0, y, plane), pixels + y * width, width * sizeof(float));

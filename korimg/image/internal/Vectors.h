@@ -14,7 +14,7 @@ namespace korimg {
 
 #if defined(__x86_64__)
 template <class F>
-__attribute__((target("avx2"), noinline)) void RunAvx2(F const& f) {
+__attribute__((target("avx2"), noinline)) void RunAvx2(const F& f) {
   f();
 }
 #endif
@@ -22,7 +22,7 @@ __attribute__((target("avx2"), noinline)) void RunAvx2(F const& f) {
 /// Runs f, a lambda that is marked KORIMG_IN_LOOP, compiled for eight lanes where the processor has them. The
 /// operations are the same, and so are the results.
 template <class F>
-void RunInLongVectors(F const& f) {
+void RunInLongVectors(const F& f) {
 #if defined(__x86_64__)
   constexpr unsigned kEightLanes = 32;
   if (CKorSys::SIMD() & kEightLanes) {

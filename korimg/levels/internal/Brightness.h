@@ -9,9 +9,9 @@ namespace korimg {
 
 /// The same place of three planes' lines.
 struct ColourLine {
-  std::array<float const*, 3> channel;
+  std::array<const float*, 3> channel;
 
-  ColourLine(CVelImage& image, int x, int y, std::array<int, 3> const& planes = {0, 1, 2})
+  ColourLine(CVelImage& image, int x, int y, const std::array<int, 3>& planes = {0, 1, 2})
       : channel{image.GetLine(x, y, planes[0]), image.GetLine(x, y, planes[1]),
                 image.GetLine(x, y, planes[2])} {}
 
@@ -25,18 +25,18 @@ struct ColourLine {
 /// double.
 class Brightness256 {
  public:
-  explicit Brightness256(CVelImage const& image, std::array<int, 3> const& planes = {0, 1, 2}) {
+  explicit Brightness256(const CVelImage& image, const std::array<int, 3>& planes = {0, 1, 2}) {
     for (int k = 0; k < 3; ++k) {
       min_[k] = static_cast<float>(image.GetLevelMin(planes[k]));
       scale_[k] = static_cast<float>(255.0 / image.GetLevelRange(planes[k]));
     }
   }
-  double operator()(ColourLine const& line, int x) const {
+  double operator()(const ColourLine& line, int x) const {
     return CVelImage::CalcBright(Channel(line, 0, x), Channel(line, 1, x), Channel(line, 2, x));
   }
 
  private:
-  double Channel(ColourLine const& line, int k, int x) const {
+  double Channel(const ColourLine& line, int k, int x) const {
     return (line.channel[k][x] - min_[k]) * scale_[k];
   }
 

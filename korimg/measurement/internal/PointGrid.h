@@ -15,7 +15,7 @@ struct Point {
 inline double Length(double x, double y) {
   return std::sqrt(x * x + y * y);
 }
-inline double Distance(Point const& p, Point const& q) {
+inline double Distance(const Point& p, const Point& q) {
   return Length(p.x - q.x, p.y - q.y);
 }
 
@@ -27,7 +27,7 @@ class PointGrid {
     double right = points_[0].x, bottom = points_[0].y;
     left_ = right;
     top_ = bottom;
-    for (Point const& p : points_) {
+    for (const Point& p : points_) {
       left_ = std::min(left_, p.x);
       right = std::max(right, p.x);
       top_ = std::min(top_, p.y);
@@ -39,7 +39,7 @@ class PointGrid {
     columns_ = static_cast<int>(width / cell_) + 1;
     rows_ = static_cast<int>(height / cell_) + 1;
     first_.assign(static_cast<size_t>(columns_) * rows_ + 1, 0);
-    for (Point const& p : points_) {
+    for (const Point& p : points_) {
       ++first_[CellOf(p) + 1];
     }
     for (size_t i = 1; i < first_.size(); ++i) {
@@ -52,11 +52,11 @@ class PointGrid {
     }
   }
 
-  std::vector<Point> const& Points() const { return points_; }
+  const std::vector<Point>& Points() const { return points_; }
 
   /// Calls visit(index, square of the distance) for the points within a radius.
   template <class F>
-  void ForNear(Point const& p, double radius, F&& visit) const {
+  void ForNear(const Point& p, double radius, F&& visit) const {
     const int x0 = Column(p.x - radius), x1 = Column(p.x + radius), y0 = Row(p.y - radius),
               y1 = Row(p.y + radius);
     for (int y = std::max(y0, 0); y <= std::min(y1, rows_ - 1); ++y) {
@@ -71,7 +71,7 @@ class PointGrid {
   }
 
   /// The nearest within a radius, or -1.
-  int Nearest(Point const& p, double radius) const {
+  int Nearest(const Point& p, double radius) const {
     int best = -1;
     double least = 0;
     ForNear(p, radius, [&](int i, double distance2) {
@@ -89,7 +89,7 @@ class PointGrid {
   }
   int Column(double x) const { return Cell((x - left_) / cell_, columns_); }
   int Row(double y) const { return Cell((y - top_) / cell_, rows_); }
-  size_t CellOf(Point const& p) const { return static_cast<size_t>(Row(p.y)) * columns_ + Column(p.x); }
+  size_t CellOf(const Point& p) const { return static_cast<size_t>(Row(p.y)) * columns_ + Column(p.x); }
 
   std::vector<Point> points_;
   double left_ = 0, top_ = 0, cell_ = 1;

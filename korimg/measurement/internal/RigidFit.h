@@ -13,12 +13,12 @@ struct Similarity {
   double a = 1, b = 0;  ///< scale times cosine and sine
   double x = 0, y = 0;
 
-  Point operator()(Point const& p) const { return {a * p.x - b * p.y + x, b * p.x + a * p.y + y}; }
+  Point operator()(const Point& p) const { return {a * p.x - b * p.y + x, b * p.x + a * p.y + y}; }
   double Scale() const { return std::hypot(a, b); }
 };
 
 /// The one after the other.
-Similarity Joined(Similarity const& first, Similarity const& second);
+Similarity Joined(const Similarity& first, const Similarity& second);
 
 /// What CImgComposit::Do takes: the shift of the middle of an image, and the angle, clockwise on the screen.
 struct Pose {
@@ -26,8 +26,8 @@ struct Pose {
 };
 
 /// Of an image of that size.
-Pose PoseOf(Similarity const& map, int width, int height);
-Similarity MapOf(Pose const& pose, int width, int height);
+Pose PoseOf(const Similarity& map, int width, int height);
+Similarity MapOf(const Pose& pose, int width, int height);
 
 struct Pair {
   Point from, to;
@@ -35,12 +35,12 @@ struct Pair {
 };
 
 /// By weighted least squares; with `rigid` the scale stays 1.
-Similarity Fit(std::vector<Pair> const& pairs, bool rigid);
+Similarity Fit(const std::vector<Pair>& pairs, bool rigid);
 /// The same without the pairs that are off by more than four times what is usual for their weights; those are
 /// taken out of the list.
 Similarity RobustFit(std::vector<Pair>& pairs, bool rigid);
 
 /// Of the distances that a map leaves.
-double RootMeanSquare(std::vector<Pair> const& pairs, Similarity const& map);
+double RootMeanSquare(const std::vector<Pair>& pairs, const Similarity& map);
 
 }  // namespace korimg

@@ -11,7 +11,7 @@ namespace korimg {
 /// a mosaic a mean over its colours.
 void ReadLight(CVelImage& image, int x, int y, int count, float* out);
 /// The variance in pixels by which that mean makes stars wider.
-double LightSpread(CVelImage const& image);
+double LightSpread(const CVelImage& image);
 
 /// Level and deviation of the sky in cells of about 64 x 64 pixels: the middle of what repeated clipping
 /// leaves, and the deviation of its darker half, which stars and nebulae do not widen. Cells without enough
@@ -31,7 +31,7 @@ class SkyMesh {
   double MedianSigma() const;
 
  private:
-  void Interpolate(std::vector<float> const& cells, int x, int y, int count, float* out) const;
+  void Interpolate(const std::vector<float>& cells, int x, int y, int count, float* out) const;
 
   int columns_, rows_;
   double stepX_, stepY_;  ///< pixels

@@ -18,6 +18,6 @@ struct StarSeeds {
 };
 
 /// Maxima of the smoothed image that stand out by `threshold` deviations; see CStarFinder.
-StarSeeds FindStarSeeds(CVelImage& image, SkyMesh const& sky, double threshold);
+StarSeeds FindStarSeeds(CVelImage& image, const SkyMesh& sky, double threshold);
 
 }  // namespace korimg

@@ -48,7 +48,7 @@ class Columns {
   static constexpr float kMissing = std::numeric_limits<float>::infinity();
 
   /// `finiteOnly`: NaN and infinities are missing too.
-  Columns(int frames, Network const& network, bool finiteOnly)
+  Columns(int frames, const Network& network, bool finiteOnly)
       : frames_(frames),
         finiteOnly_(finiteOnly),
         most_(ColumnsAtOnce(frames)),
@@ -61,9 +61,9 @@ class Columns {
   int Frames() const { return frames_; }
   int Most() const { return most_; }
   int Size() const { return columns_; }
-  int const* Counts() const { return counts_.data(); }
+  const int* Counts() const { return counts_.data(); }
   /// Of the values of each column, each by its frame's weight.
-  double const* Sums() const { return sums_.data(); }
+  const double* Sums() const { return sums_.data(); }
   /// The number of columns in which frame i has a real value.
   int Present(int i) const { return present_[i]; }
   /// Frame i's values, or when sorted the values of rank i.
@@ -73,7 +73,7 @@ class Columns {
   float Median(int x, int first, int end) {
     if (end <= first) return 0;
     const int n = end - first;
-    float const* upper = Row(first + n / 2) + x;
+    const float* upper = Row(first + n / 2) + x;
     return n % 2 ? *upper : (*(upper - most_) + *upper) * 0.5f;
   }
   void Medians(float* out) {
@@ -90,7 +90,7 @@ class Columns {
   }
 
   /// Frame i's values. What is missing sorts to the end.
-  void Add(int i, float const* values, int const* valid, Normaliser const& normalise, double weight = 1) {
+  void Add(int i, const float* values, const int* valid, const Normaliser& normalise, double weight = 1) {
     float* row = Row(i);
     int* counts = counts_.data();
     double* sums = sums_.data();
@@ -159,7 +159,7 @@ class Columns {
   bool finiteOnly_;
   int most_;
   int columns_ = 0;
-  Network const& network_;
+  const Network& network_;
   std::vector<float> values_;
   std::vector<int> counts_;  ///< real values of each column
   std::vector<double> sums_;
@@ -173,7 +173,7 @@ class Columns {
 /// row has its own copy of `reduce`. Without weights all are 1.
 template <class F>
 void CImgMedianComposit::ForColumns(int y0, int y1, bool threaded, bool normalised, bool finiteOnly,
-                                    std::span<double const> weights, F&& reduce) {
+                                    std::span<const double> weights, F&& reduce) {
   using namespace korimg;
   const int frames = static_cast<int>(store_.size()), width = target_->GetWidth(),
             planes = target_->GetPlanes();

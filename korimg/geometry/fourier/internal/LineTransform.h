@@ -44,7 +44,7 @@ class LineTransform {
   explicit LineTransform(int length);
 
   /// Transforms lines in place with the kernel exp(sign 2 pi i jk / length) and multiplies by `scale`.
-  void Run(Lines const& lines, int sign, float scale, Work const& work) const;
+  void Run(const Lines& lines, int sign, float scale, const Work& work) const;
 
  private:
   struct Step {

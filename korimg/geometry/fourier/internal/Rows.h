@@ -16,7 +16,7 @@ void ComplexPlanes::ForRows(F&& f) {
 }
 
 /// conj(a) b, brought to an absolute value of 1 where it has one. Squares of large spectra are no floats.
-inline complex CrossPower(complex const& a, complex const& b) {
+inline complex CrossPower(const complex& a, const complex& b) {
   const float re = a.re * b.re + a.im * b.im, im = a.re * b.im - a.im * b.re;
   const double wideRe = re, wideIm = im;
   const auto size = static_cast<float>(std::sqrt(wideRe * wideRe + wideIm * wideIm));
