@@ -62,14 +62,16 @@ int CFilterBlock::Common(const CFilterMatrix& matrix) const {
   return rows_.empty() ? 0 : std::min(matrix.GetR(), r_);
 }
 
-/// Calls cell(weight, pixel) for the cells about column x of the middle row, by rows.
+/// Calls cell(weight, pixel) for the cells about column x of the middle row that have a weight, by rows: NaN
+/// and infinities under the others are no part of the result.
 template <class F>
 void CFilterBlock::ForPixels(const CFilterMatrix& matrix, int x, F&& cell) const {
   const int r = Common(matrix);
   for (int dy = -r; dy <= r; ++dy) {
     const float* row = rows_[r_ + dy];
     for (int dx = -r; dx <= r; ++dx) {
-      cell(matrix.GetPrm(dx, dy), row[std::clamp(x + dx, 0, width_ - 1)]);
+      const float weight = matrix.GetPrm(dx, dy);
+      if (weight != 0) cell(weight, row[std::clamp(x + dx, 0, width_ - 1)]);
     }
   }
 }
@@ -95,8 +97,10 @@ void CFilterBlock::ConvolveLine(const CFilterMatrix* matrix, int left, int right
   std::vector<float> weights;
   for (int dy = -r; dy <= r; ++dy) {
     for (int dx = -r; dx <= r; ++dx) {
+      const float weight = matrix->GetPrm(dx, dy);
+      if (weight == 0) continue;
       taps.push_back(rows_[r_ + dy] + start + dx);
-      weights.push_back(matrix->GetPrm(dx, dy));
+      weights.push_back(weight);
     }
   }
   korimg::WeightedSum(taps.data(), weights.data(), static_cast<int>(taps.size()), end - start,

@@ -22,7 +22,8 @@ class KORIMG_API CFilterBlock {
 
   /// The pixel of the image at (x, y); 0 outside the block.
   float GetPixel(int x, int y) const;
-  /// The kernel's sum about column x of the middle row, in float by rows; 0 for a radius of 0.
+  /// The kernel's sum about column x of the middle row, in float by rows; 0 for a radius of 0. Cells of 0 do
+  /// not count, whatever lies under them.
   float Convolve(const CFilterMatrix* matrix, int x) const;
   /// Convolve for columns left to right - 1; the same values.
   void ConvolveLine(const CFilterMatrix* matrix, int left, int right, float* line) const;

@@ -1,70 +1,20 @@
+#include "korimg/filters/CImgFilterBlur.h"
+
 #include <algorithm>
-#include <cstring>
 #include <optional>
 #include <vector>
 
 #include "korimg/filters/CFilterBlock.h"
 #include "korimg/filters/CFilterMatrix.h"
 #include "korimg/filters/CFilterProc.h"
-#include "korimg/filters/CImgFilterBlur.h"
-#include "korimg/filters/internal/LevelBand.h"
+#include "korimg/filters/internal/FilterLines.h"
 #include "korimg/filters/internal/Ranks.h"
-#include "korimg/image/internal/Numbers.h"
 
 using namespace korimg;
 
 namespace {
 
 enum Message : int { Mean = 6119, Median = 6120, Gauss = 6131 };
-
-/// One value for all planes.
-template <class T>
-class Same {
- public:
-  Same(const CVelImage& image, T value) : values_(std::max(image.GetPlanes(), 1), value) {}
-  operator T*() { return values_.data(); }  // NOLINT: an argument per plane
-
- private:
-  std::vector<T> values_;
-};
-
-int TruncatedRadius(double r) {
-  return std::max(TruncateToInt(r), 1);
-}
-
-/// The band of a plane, if there is one.
-std::optional<LevelBand> BandOf(const CVelImage& src, int p, const BandLimits* limits) {
-  return limits ? std::optional<LevelBand>(LevelBand(src, p, *limits)) : std::nullopt;
-}
-
-/// Writes filtered pixels, or what the band makes of them, to row y from column x on.
-void Write(CVelImage& target, CVelImage& src, int p, int x, int y, const std::optional<LevelBand>& band,
-           const float* filtered, int columns) {
-  const float* s = src.GetLine(x, y, p);
-  float* out = target.GetWritableLine(x, y, p);
-  if (!band) {
-    std::memcpy(out, filtered, sizeof(float) * columns);
-    return;
-  }
-  for (int i = 0; i < columns; ++i) {
-    out[i] = band->Blend(s[i], filtered[i]);
-  }
-}
-
-/// Writes filter(plane, y, line), which fills the window's columns of a line.
-template <class F>
-void FilterLines(CVelImage& target, CVelImage& src, const Window& window, const BandLimits* limits,
-                 F&& filter) {
-  std::vector<std::optional<LevelBand>> bands;
-  for (int p = 0; p < target.GetPlanes(); ++p) {
-    bands.push_back(BandOf(src, p, limits));
-  }
-  ForPlaneLines(target, window, Team::All, [&](int p, int y) {
-    std::vector<float> line(window.Width());
-    filter(p, y, line.data());
-    Write(target, src, p, window.left, y, bands[p], line.data(), window.Width());
-  });
-}
 
 /// Filters by the prepared filters of the target.
 void FilterByProcs(CVelImage& target, CVelImage& src, const Window& window, const BandLimits* limits) {
@@ -75,12 +25,11 @@ void FilterByProcs(CVelImage& target, CVelImage& src, const Window& window, cons
 
 void RunGaussian(CVelImage& target, CVelImage& src, int p, const Window& window, const CFilterMatrix& matrix,
                  const std::optional<LevelBand>& band) {
-  std::vector<float> row = matrix.GetMiddleRow(1);
-  Halide::Runtime::Buffer<float, 1> weights(row.data(), matrix.GetD());
+  WeightBuffer weights(matrix);
   PlaneBuffer input(src, p);
   RunIntoWindow(target, p, window, [&](halide_buffer_t* out) {
-    if (!band) return apply_filter_float(input, weights, matrix.GetR(), out);
-    return apply_filter_with_threshold_float(input, weights, matrix.GetR(), band->dark, band->darkMin,
+    if (!band) return apply_filter_float(input, weights, weights.R(), out);
+    return apply_filter_with_threshold_float(input, weights, weights.R(), band->dark, band->darkMin,
                                              band->highlight, band->highlightMax, out);
   });
 }
@@ -153,10 +102,9 @@ void MeanWithoutEdge(CVelImage& target, const double r[], const double weight[],
     target.FilterProcSlots().CalcLine(window.left, window.right, y, p, line);
     target.FilterProcSet(kLaplacian).CalcLine(window.left, window.right, y, p, edge.data());
     const double range = target.GetLevelRange(p);
-    float const* s = src.GetLine(window.left, y, p);
+    const float* s = src.GetLine(window.left, y, p);
     for (int x = 0; x < columns; ++x) {
-      const double q = edge[x] / range, limited = q < 0.0 ? 0.0 : q > 1.0 ? 1.0 : q;
-      const auto w = static_cast<float>(limited * limited);
+      const float w = EdgeShare(edge[x], range);
       line[x] = (1.0f - w) * line[x] + w * s[x];
     }
   });
@@ -171,7 +119,7 @@ void DiscMedian(CVelImage& target, const double r[], const BandLimits* limits, C
     const auto band = BandOf(src, p, limits);
     const RankQuery query{.cells = Neighbourhood::Disc(TruncatedRadius(r[p]), r[p])};
     FindRanks(target, src, p, window, query, [&](int x, int y, const float* values, int columns) {
-      Write(target, src, p, x, y, band, values, columns);
+      WriteFiltered(target, src, p, x, y, band, values, columns);
     });
   }
 }

@@ -1,11 +1,10 @@
-#include <algorithm>
-#include <cmath>
-
-#include "korimg/filters/CFilterMatrix.h"
 #include "korimg/filters/CImgFilterMisc.h"
+
+#include <algorithm>
+
 #include "korimg/filters/internal/Edges.h"
+#include "korimg/filters/internal/FilterLines.h"
 #include "korimg/filters/internal/Ranks.h"
-#include "korimg/image/internal/Numbers.h"
 
 using namespace korimg;
 
@@ -22,10 +21,6 @@ constexpr DiscPipeline kMaximum[kLargestDisc] = {
     max_filter_3x3_float,   max_filter_5x5_float,   max_filter_7x7_float,   max_filter_9x9_float,
     max_filter_11x11_float, max_filter_13x13_float, max_filter_15x15_float, max_filter_17x17_float,
     max_filter_19x19_float, max_filter_21x21_float};
-
-int WholeRadius(double r) {
-  return std::max(TruncateToInt(std::ceil(r)), 1);
-}
 
 }  // namespace
 

@@ -9,59 +9,20 @@
 #include "korimg/filters/CImgFilterBlur.h"
 #include "korimg/filters/CImgFilterMisc.h"
 
-#include "session/operations/Describe.h"
+#include "session/operations/internal/FilterOptions.h"
 
 namespace korimg::session {
 namespace {
-
-constexpr int kShow = 1;
-
-/// Refuses a radius that sees hardly anything but mirrored edges.
-void CheckRadius(const Call& call, double radius) {
-  constexpr double kMost = 4;
-  const int width = call.image->GetWidth(), height = call.image->GetHeight();
-  if (radius > kMost * std::max(width, height)) {
-    throw UsageError(
-        fmt::format("{}: a radius of {} pixels is too much for {} x {}; the most is {} times the larger side",
-                    call.Name(), radius, width, height, kMost));
-  }
-}
-
-/// A radius for each plane, and three at least.
-std::vector<double> Radii(const Call& call, const PerPlane& radius) {
-  auto radii = radius.For(call.image->GetPlanes());
-  CheckRadius(call, *std::max_element(radii.begin(), radii.end()));
-  return radii;
-}
-
-/// Limits of a filter that can be confined to a band of levels.
-struct BandOptions {
-  std::optional<PerPlane> dark, darkRange, highlight, highlightRange;
-};
 
 /// Calls filter(target, ..., source, rectangle, show) with the limits of a band of levels in between, where
 /// one was given.
 template <class F>
 void Blur(Call& call, const BandOptions& band, F&& filter) {
-  for (const auto& [side, limit, range] : {std::tuple("dark", &band.dark, &band.darkRange),
-                                           {"highlight", &band.highlight, &band.highlightRange}}) {
-    if (*range && !*limit) {
-      throw UsageError(
-          fmt::format("{}: {}-range means nothing without {}; give both", call.Name(), side, side));
-    }
-  }
+  CheckBand(call, band);
   call.Replace<CImgFilterBlur>([&](CImgFilterBlur& target) {
     CVelImage* source = call.image.get();
-    if (!band.dark && !band.highlight) return filter(target, source, call.rect, kShow);
-    const auto values = [planes = source->GetPlanes()](const std::optional<PerPlane>& limit) {
-      return limit.value_or(PerPlane(0)).For(planes);
-    };
-    auto dark = values(band.dark), darkRange = values(band.darkRange), highlight = values(band.highlight),
-         highlightRange = values(band.highlightRange);
-    std::vector<int> useDark(dark.size(), band.dark.has_value()),
-        useHighlight(dark.size(), band.highlight.has_value());
-    filter(target, useDark.data(), dark.data(), darkRange.data(), useHighlight.data(), highlight.data(),
-           highlightRange.data(), source, call.rect, kShow);
+    if (band.IsOpen()) return filter(target, source, call.rect, kShow);
+    WithBand(call, band, [&](auto... limits) { filter(target, limits..., source, call.rect, kShow); });
   });
 }
 
@@ -213,26 +174,6 @@ void Laplacian(Call& call, const LaplacianOptions& options) {
   call.Replace<CImgFilter>([&](CImgFilter& target) {
     target.LaplacianFilter(static_cast<int>(options.mode), call.image.get(), call.rect, kShow);
   });
-}
-
-template <class O>
-Describe<O>& TakesRadius(Describe<O>&& description, const std::string& help) {
-  return description.Takes("radius", &O::radius, {help, "pixels", 0, 1000});
-}
-
-template <class O>
-Describe<O>& TakesWeight(Describe<O>& description) {
-  return description.Takes("weight", &O::weight, {"of each neighbour against the pixel's 1", "", 0, 1e6});
-}
-
-template <class O>
-Describe<O>& TakesBand(Describe<O>& description) {
-  return description.Takes("dark", &O::dark, {"pixels below it stay as they are", "0-255", -1e6, 1e6})
-      .Takes("dark-range", &O::darkRange, {"over which the filter fades in below dark", "0-255", 0, 1e6})
-      .Takes("highlight", &O::highlight, {"pixels above it stay as they are", "0-255", -1e6, 1e6})
-      .Takes("highlight-range", &O::highlightRange,
-             {"over which the filter fades out above highlight", "0-255", 0, 1e6})
-      .OnRect();
 }
 
 template <class O>

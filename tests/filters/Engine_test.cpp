@@ -193,6 +193,21 @@ TEST(CFilterBlock, KnowsItsBounds) {
   EXPECT_EQ(block.Convolve(&point, 0), 0) << "a radius of 0";
 }
 
+TEST(CFilterBlock, CellsOfZeroDoNotCountWhateverLiesUnderThem) {
+  const auto src =
+      Make(MemoryStore(), 9, 7, 1, [](int, int x, int y) { return x == 4 && y == 3 ? NAN : x + 10 * y; });
+  CFilterMatrix cross;
+  cross.MakeMean(1, 1.0, 1.0);
+  for (const auto& [y, x] : {std::pair(2, 3), {2, 5}, {4, 3}, {4, 5}}) {
+    const CFilterBlock block(src.get(), 1, 0, y, 0, CImage::Locked);
+    float line[9];
+    block.ConvolveLine(&cross, 0, 9, line);
+    EXPECT_NEAR(block.Convolve(&cross, x), x + 10 * y, 1e-5);
+    EXPECT_EQ(line[x], block.Convolve(&cross, x));
+    EXPECT_TRUE(std::isnan(line[4]));
+  }
+}
+
 TEST(CPixelSort, SortsByValueAndScattersEquals) {
   CPixelSort list;
   int x, y;

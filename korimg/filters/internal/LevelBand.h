@@ -1,6 +1,7 @@
 // The range of levels that a filter is confined to. Internal.
 #pragma once
 
+#include <algorithm>
 #include <limits>
 
 #include "korimg/image/CVelImage.h"
@@ -13,6 +14,19 @@ struct BandLimits {
   const double *dark, *darkRange;
   const int* useHighlight;
   const double *highlight, *highlightRange;
+};
+
+/// How much of what a filter darkened comes back.
+struct DarkeningLimit {
+  bool on = false;
+  float share = 0;
+
+  DarkeningLimit() = default;
+  DarkeningLimit(int on, double percent)
+      : on(on != 0), share(static_cast<float>(std::clamp(percent, 0.0, 100.0) / 100.0)) {}
+
+  /// What becomes of pixel s that a filter makes into f.
+  float operator()(float s, float f) const { return on && s > f ? f + (s - f) * share : f; }
 };
 
 /// A band of raw values with soft shoulders. Pixels beyond the shoulders stay, those inside take the filtered
