@@ -12,6 +12,7 @@
 #include <numeric>
 
 #include "korimg/image/internal/Numbers.h"
+#include "korimg/image/internal/RadixSort.h"
 #include "korimg/image/internal/SortingNetwork.h"
 
 namespace korimg {
@@ -197,25 +198,12 @@ class NetworkSelector {
 class Order {
  public:
   explicit Order(const std::vector<float>& pixels) : place_(pixels.size()), values_(pixels.size()) {
-    // By the key's digits, the lowest first; the pixel's index rides along.
-    constexpr int kBits = 11, kDigits = 1 << kBits;
-    std::vector<std::uint64_t> from(pixels.size()), to(pixels.size());
+    // The pixel's index rides along with its key.
+    std::vector<std::uint64_t> from(pixels.size()), spare;
     for (size_t i = 0; i < pixels.size(); ++i) {
       from[i] = static_cast<std::uint64_t>(SortKey(pixels[i])) << 32 | i;
     }
-    std::vector<std::uint32_t> start(kDigits);
-    for (int shift = 32; shift < 64; shift += kBits) {
-      std::fill(start.begin(), start.end(), 0);
-      const auto digit = [shift](std::uint64_t v) { return v >> shift & (kDigits - 1); };
-      for (const std::uint64_t v : from) {
-        ++start[digit(v)];
-      }
-      std::exclusive_scan(start.begin(), start.end(), start.begin(), 0u);
-      for (const std::uint64_t v : from) {
-        to[start[digit(v)]++] = v;
-      }
-      from.swap(to);
-    }
+    SortByBits(from, 32, 64, spare);
     for (size_t i = 0; i < from.size(); ++i) {
       place_[static_cast<std::uint32_t>(from[i])] = static_cast<std::uint32_t>(i);
       values_[i] = FromSortKey(static_cast<std::uint32_t>(from[i] >> 32));

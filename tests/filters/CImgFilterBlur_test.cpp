@@ -10,73 +10,15 @@ namespace {
 
 constexpr double kSigma[] = {1.3, 0.0, 5.0};
 
-/// The weights along an axis.
-std::vector<double> GaussianRow(double sigma) {
-  const int r = std::max(static_cast<int>(sigma * 2.8 + 1), 1);
-  std::vector<double> row;
-  double sum = 0;
-  for (int d = -r; d <= r; ++d) {
-    row.push_back(sigma == 0 ? d == 0 : std::exp(-d * d / (2 * sigma * sigma)));
-    sum += row.back();
-  }
-  for (double& w : row) {
-    w /= sum;
-  }
-  return row;
-}
-
-double Separable(CVelImage& src, const std::vector<double>& weights, int p, int x, int y, const EdgeRule& row,
-                 const EdgeRule& column) {
-  const int r = static_cast<int>(weights.size()) / 2;
-  double sum = 0;
-  Around(src, p, x, y, r, row, column,
-         [&](int dx, int dy, double pixel) { sum += weights[r + dx] * weights[r + dy] * pixel; });
-  return sum;
-}
-
 double Gaussian(CVelImage& src, bool paged, int p, int x, int y) {
   return Separable(src, GaussianRow(kSigma[p]), p, x, y, paged ? BottomRepeated : Interior,
                    paged ? Nearest : Interior);
 }
 
-/// The band 60 to 140 with shoulders of 20 and 40, on levels of the source.
-struct TestBand {
-  int useDark[3] = {1, 1, 0}, useHighlight[3] = {1, 0, 1};
-  double dark[3] = {60, 60, 60}, darkRange[3] = {20, 20, 20};
-  double highlight[3] = {140, 140, 140}, highlightRange[3] = {40, 40, 0};
-
-  double operator()(CVelImage& src, int p, double s, double f) const {
-    const double level = (s - src.GetLevelMin(p)) / src.GetLevelRange(p) * 255;
-    if (useDark[p] && level < dark[p] - darkRange[p]) return s;
-    if (useHighlight[p] && level > highlight[p] + highlightRange[p]) return s;
-    double t = 1;
-    if (useDark[p] && level < dark[p]) t = (level - dark[p] + darkRange[p]) / darkRange[p];
-    if (useHighlight[p] && level > highlight[p])
-      t = (highlight[p] + highlightRange[p] - level) / highlightRange[p];
-    return (1 - t) * s + t * f;
-  }
-};
-
 using Run = std::function<void(CImgFilterBlur&, CVelImage&, CRect*)>;
-using Expected = std::function<double(CVelImage& src, bool paged, int p, int x, int y)>;
 
-/// Runs a filter over stores, threads, sizes and windows, and compares.
 void Check(const Run& run, const Expected& expected, double tolerance) {
-  OnEveryStore([&](const StoreCase& store) {
-    for (const auto& [width, height] : {std::pair(1, 1), {3, 2}, {65, 1}, {1, 71}, {71, 133}}) {
-      const auto src = Make(store.make(), width, height, 3, Random(-100, 1200));
-      for (OptionalRect rect : {OptionalRect(), OptionalRect(CRect(1, 2, width - 3, height - 1))}) {
-        if (rect && width < 71) continue;
-        const auto target = Make<CImgFilterBlur>(src->VmManager(), width, height, 3, Random(0, 1, 7));
-        run(*target, *src, Address(rect));
-        const auto want = [&, outside = Random(0, 1, 7)](int p, int x, int y) -> double {
-          return IsInside(rect, x, y) ? expected(*src, store.name == "paged", p, x, y)
-                                      : static_cast<float>(outside(p, x, y));
-        };
-        ASSERT_EQ(Difference(*target, want, tolerance), "") << store.name << " " << width << "x" << height;
-      }
-    }
-  });
+  CheckFilter<CImgFilterBlur>(run, expected, tolerance);
 }
 
 TEST(CImgFilterBlur, Gaussian) {

@@ -7,6 +7,7 @@
 #include "korimg/filters/CImgFilter.h"
 #include "korimg/filters/CImgFilterBlur.h"
 #include "korimg/filters/CImgFilterMisc.h"
+#include "korimg/filters/CImgFilterSharp.h"
 #include "korimg/geometry/CImgCrop.h"
 #include "korimg/geometry/CImgExpansion.h"
 #include "korimg/geometry/CImgFlip.h"
@@ -24,7 +25,11 @@
 #include "korimg/image/CImgCutOff.h"
 #include "korimg/image/CImgInvert.h"
 #include "korimg/image/Progress.h"
+#include "korimg/levels/CImgCorrectCurve.h"
+#include "korimg/levels/CImgHstEql.h"
+#include "korimg/levels/CImgReduceTone.h"
 #include "korimg/levels/CImgToneCurve.h"
+#include "korimg/levels/CImgWindowing.h"
 #include "korimg/platform/StringTable.h"
 #include "korimg/raw/CImgBayerToRgb.h"
 
@@ -125,6 +130,25 @@ const std::vector<Operation>& Operations() {
        [](Stage& s) { s.Target<CImgFilterBlur>().MedianFilter(twos, s.src.get(), nullptr, 1); }},
       {"minimum", 6153, -1, Opens,
        [](Stage& s) { s.Target<CImgFilterMisc>().MinMaxFilter(twos, zeros, s.src.get(), nullptr, 1); }},
+      {"sharpening", 6121, kLines, Steps,
+       [](Stage& s) { s.Target<CImgFilterSharp>().SharpFilter(1, 1, s.src.get(), nullptr, 1); }},
+      {"sharpening of edges", 6121, kLines, Steps,
+       [](Stage& s) {
+         s.Target<CImgFilterSharp>().SharpEdgeFilter(1, 1, 0, 0, 0, 0, 0, 0, 1, 50, s.src.get(), nullptr, 1);
+       }},
+      {"unsharp mask", 6122, kLines, Steps,
+       [](Stage& s) { s.Target<CImgFilterSharp>().UnSharpMask(1, 1, 0, s.src.get(), nullptr, 1); }},
+      {"six unsharp masks", 6147, kLines, Opens,
+       [](Stage& s) {
+         s.Target<CImgFilterSharp>().SubBandUnSharpMask(1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0, 0,
+                                                        0, 0, s.src.get(), nullptr, 1);
+       }},
+      {"equalisation", 6177, 3 * 258, Steps, [](Stage& s) { s.Target<CImgHstEql>().Do(s.src.get()); }},
+      {"posterisation", 6144, kLines, Steps,
+       [](Stage& s) { s.Target<CImgReduceTone>().Do(9, s.src.get(), nullptr, 1); }},
+      {"correction curve", 6203, kLines, Steps,
+       [](Stage& s) { s.Target<CImgCorrectCurve>().Do(2, 0, 255, s.src.get(), nullptr, 1); }},
+      {"window", 6191, kLines, Steps, [](Stage& s) { s.Target<CImgWindowing>().Do(0, 30, s.src.get(), 1); }},
       {"edges", 6143, kLines, Steps,
        [](Stage& s) { s.Target<CImgFilter>().LaplacianFilter(0, s.src.get(), nullptr, 1); }},
       {"median of neighbours", 6120, -1, Steps,

@@ -189,6 +189,9 @@ using OptionalRect = std::optional<CRect>;
 inline CRect* Address(OptionalRect& rect) {
   return rect ? &*rect : nullptr;
 }
+inline bool IsInside(const OptionalRect& rect, int x, int y) {
+  return !rect || (x >= rect->left && x < rect->right && y >= rect->top && y < rect->bottom);
+}
 
 /// Sizes below a vector, odd, one pixel wide or high, and larger than a strip of lines.
 inline const std::vector<std::pair<int, int>>& Sizes() {
