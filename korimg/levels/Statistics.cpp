@@ -243,8 +243,8 @@ void CVelImage::CalcMinMax() {
     ForLines(Team::One, 0, GetHeight(), [&](int y) {
       const float* line = GetLine(0, y, p);
       for (int x = 0; x < GetWidth(); ++x) {
-        min = std::min(min, line[x]);
-        max = std::max(max, line[x]);
+        if (line[x] < min || min != min) min = line[x];
+        if (line[x] > max || max != max) max = line[x];
         sum += line[x];
       }
     });
