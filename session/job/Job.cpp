@@ -1,5 +1,6 @@
 #include "session/job/Job.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <utility>
@@ -15,7 +16,8 @@
 
 namespace korimg::session {
 
-Job::Job(JobOptions options) : options(std::move(options)) {
+Job::Job(JobOptions given) : options(std::move(given)) {
+  if (options.memory < 0) throw UsageError("a job has 0 bytes of memory, for what is usual, or more");
   window_ = CreateMessageWindow([this](unsigned message, std::uintptr_t first, std::intptr_t second) {
     if (message == kProgressMessage) ShowOperation(static_cast<ProgressEvent>(first), second);
     return 0;
@@ -57,9 +59,14 @@ void Job::Report(const Event& event) {
   try {
     options.report(event);
   } catch (...) {
-    hasReporterThrown_ = true;
+    ofReporter_.push_back(std::current_exception());
     throw;
   }
+}
+
+bool Job::IsOfReporter(const std::exception_ptr& error) {
+  const std::lock_guard lock(reporting_);
+  return std::find(ofReporter_.begin(), ofReporter_.end(), error) != ofReporter_.end();
 }
 
 void Job::Fail(const std::string& line) {
@@ -121,10 +128,10 @@ void Job::ForEachFile(const std::vector<std::filesystem::path>& files,
     } catch (const UsageError&) {
       throw;
     } catch (const files::FileError& error) {
-      if (hasReporterThrown_) throw;
+      if (IsOfReporter(std::current_exception())) throw;
       fail(error.what());
     } catch (const std::exception& error) {
-      if (hasReporterThrown_) throw;  // which is no fault of the file
+      if (IsOfReporter(std::current_exception())) throw;  // which is no fault of the file
       fail(fmt::format("{}: {}", file.string(), error.what()));
     }
   }

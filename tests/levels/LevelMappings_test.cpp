@@ -136,6 +136,22 @@ TEST(CImgCorrectCurve, BendsBetweenItsEnds) {
   }
 }
 
+TEST(CImgCorrectCurve, RunsIntoItsLowerEnd) {
+  // 1 - (1 - t)^power is 0 or a few last digits of 1 there.
+  const auto src =
+      Make(MemoryStore(), 200, 1, 1, [](int, int x, int) { return std::ldexp(1.3, -60 + x / 4); });
+  src->SetLevel(0, 0, 255);
+  for (const double power : {0.3, 1.0, 7.0, 1000.0}) {
+    const auto target = Make<CImgCorrectCurve>(MemoryStore(), 200, 1, 1, Random(0, 1));
+    ASSERT_EQ(target->Do(power, 0, 255, src.get(), nullptr, 0), 1);
+    const auto want = [&](int p, int x, int y) {
+      const double t = src->GetPixelGrayRaw(x, y, p) / 255.0;
+      return 255 * std::pow(1 - std::pow(1 - t, power), 1 / power);
+    };
+    EXPECT_EQ(Difference(*target, want, 0.05), "") << power;
+  }
+}
+
 TEST(CImgCorrectCurve, RefusesAndTakesWhatImagesHaveInCommon) {
   const auto src = Make(MemoryStore(), 9, 7, 1, Random(150, 800));
   const auto target = Make<CImgCorrectCurve>(MemoryStore(), 12, 5, 3, Random(0, 1, 7));

@@ -1,5 +1,6 @@
 // What every step keeps to: one family of errors, and nothing left behind by one that is cancelled.
 #include <atomic>
+#include <fstream>
 #include <functional>
 #include <set>
 #include <string>
@@ -180,7 +181,22 @@ TEST_F(Steps, EndWhereverTheReporterThrows) {
   }
 }
 
+TEST_F(Steps, DoNotSufferFromWhatTheReporterThrewBefore) {
+  std::ofstream(In("bad.fits")) << "no image";
+  bool throws = true;
+  int failures = 0;
+  Job job({.report = [&](const Event& event) {
+    if (throws) throw std::runtime_error("the host's own");
+    failures += event.kind == Event::Failure;
+  }});
+  EXPECT_THROW(Inspect(job, {.files = {In("bad.fits")}}), Error);
+  throws = false;
+  EXPECT_EQ(Inspect(job, {.files = {In("bad.fits"), light_}}).size(), 1u);
+  EXPECT_EQ(failures, 1);
+}
+
 TEST_F(Steps, WantFrames) {
+  EXPECT_THROW(Job({.memory = -1}), UsageError);
   Job job;
   EXPECT_THROW(session::Run(job, {}), UsageError);
   EXPECT_THROW(PlanRun(job, {}), UsageError);
