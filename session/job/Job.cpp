@@ -1,6 +1,5 @@
 #include "session/job/Job.h"
 
-#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <utility>
@@ -16,6 +15,25 @@
 
 namespace korimg::session {
 
+namespace {
+
+/// What a reporter threw, which is no fault of the file that was worked on.
+struct OfReporter : Error {
+  explicit OfReporter(const Error& error) : Error(error) {}
+};
+
+[[noreturn]] void ThrowOfReporter() {
+  try {
+    ThrowOfFamily();
+  } catch (const Cancelled&) {
+    throw;
+  } catch (const Error& error) {
+    throw OfReporter(error);
+  }
+}
+
+}  // namespace
+
 Job::Job(JobOptions given) : options(std::move(given)) {
   if (options.memory < 0) throw UsageError("a job has 0 bytes of memory, for what is usual, or more");
   window_ = CreateMessageWindow([this](unsigned message, std::uintptr_t first, std::intptr_t second) {
@@ -25,8 +43,10 @@ Job::Job(JobOptions given) : options(std::move(given)) {
 }
 
 /// Operations close their display by destructors, which nothing may leave: what the reporter throws is kept
-/// until the job goes on.
+/// until the job goes on, and the reporter is left alone until then.
 void Job::ShowOperation(ProgressEvent event, std::intptr_t detail) {
+  const std::lock_guard lock(reporting_);
+  if (thrown_) return;
   try {
     if (event == ProgressEvent::Open && options.ownCaptions && detail) {
       operation_ = Narrow(reinterpret_cast<const wchar_t*>(detail));
@@ -34,8 +54,7 @@ void Job::ShowOperation(ProgressEvent event, std::intptr_t detail) {
     if (event == ProgressEvent::Step) Progress(operation_, detail, 100);
     if (event == ProgressEvent::Close) Progress("", 0, 0);
   } catch (...) {
-    const std::lock_guard lock(reporting_);
-    if (!thrown_) thrown_ = std::current_exception();
+    thrown_ = std::current_exception();
   }
 }
 
@@ -59,14 +78,8 @@ void Job::Report(const Event& event) {
   try {
     options.report(event);
   } catch (...) {
-    ofReporter_.push_back(std::current_exception());
-    throw;
+    ThrowOfReporter();
   }
-}
-
-bool Job::IsOfReporter(const std::exception_ptr& error) {
-  const std::lock_guard lock(reporting_);
-  return std::find(ofReporter_.begin(), ofReporter_.end(), error) != ofReporter_.end();
 }
 
 void Job::Fail(const std::string& line) {
@@ -127,11 +140,11 @@ void Job::ForEachFile(const std::vector<std::filesystem::path>& files,
       throw;
     } catch (const UsageError&) {
       throw;
+    } catch (const OfReporter&) {
+      throw;
     } catch (const files::FileError& error) {
-      if (IsOfReporter(std::current_exception())) throw;
       fail(error.what());
     } catch (const std::exception& error) {
-      if (IsOfReporter(std::current_exception())) throw;  // which is no fault of the file
       fail(fmt::format("{}: {}", file.string(), error.what()));
     }
   }

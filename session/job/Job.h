@@ -115,14 +115,12 @@ class KORIMG_SESSION_API Job {
   void Report(const Event& event);
   void ShowOperation(ProgressEvent event, std::intptr_t detail);
   void RethrowOfReporter();
-  bool IsOfReporter(const std::exception_ptr& error);
 
   mutable std::mutex mutex_;
   std::recursive_mutex reporting_;
   std::atomic<bool> hasFailed_ = false;
   bool inJob_ = false;
-  std::vector<std::exception_ptr> ofReporter_;  ///< what the reporter threw, in the course of a step
-  std::exception_ptr thrown_;                   ///< by the reporter, while an operation ran
+  std::exception_ptr thrown_;  ///< by the reporter, while an operation ran
   HWND window_;
   std::string operation_;
   mutable std::shared_ptr<CVmManager> contiguous_;

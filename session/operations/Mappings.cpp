@@ -16,7 +16,14 @@ constexpr int kShow = 1;
 struct EqualizeOptions {};
 
 void Equalize(Call& call, const EqualizeOptions&) {
-  call.Replace<CImgHstEql>([&](CImgHstEql& target) { return target.Do(call.image.get()); });
+  call.Replace<CImgHstEql>([&](CImgHstEql& target) {
+    if (!target.Do(call.image.get())) return 0;
+    // Black and white are the ends of the ranks: at other levels they would show nothing.
+    for (int p = 0; p < target.GetPlanes(); ++p) {
+      target.SetLevel(p, call.image->GetLevelMin(p), call.image->GetLevelMax(p));
+    }
+    return 1;
+  });
 }
 
 struct PosterizeOptions {
@@ -29,7 +36,7 @@ void Posterize(Call& call, const PosterizeOptions& options) {
 }
 
 struct CorrectCurveOptions {
-  double power = 2, low = 0, high = 255;
+  double power = 1.5, low = 0, high = 255;
 };
 
 void CorrectCurve(Call& call, const CorrectCurveOptions& options) {

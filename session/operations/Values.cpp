@@ -223,10 +223,11 @@ std::string TextOf(const Value& value) {
       return text;
     }
     std::string operator()(const Matrix& matrix) const {
+      // Numbers that were refused may be fewer or more than rows and columns say.
       std::string text;
-      for (int y = 0; y < matrix.rows; ++y) {
-        const auto row = matrix.values.begin() + static_cast<std::ptrdiff_t>(y) * matrix.columns;
-        text += fmt::format("{}{}", y == 0 ? "" : ";", fmt::join(row, row + matrix.columns, ","));
+      for (size_t i = 0; i < matrix.values.size(); ++i) {
+        const bool newRow = matrix.columns > 0 && i % matrix.columns == 0;
+        text += fmt::format("{}{}", i == 0 ? "" : newRow ? ";" : ",", matrix.values[i]);
       }
       return text;
     }

@@ -9,13 +9,6 @@
 
 using namespace korimg::test;
 
-#ifdef __SANITIZE_ADDRESS__
-/// The system's font lists live as long as the program.
-extern "C" const char* __lsan_default_suppressions() {  // NOLINT
-  return "leak:libfontconfig\n";
-}
-#endif
-
 namespace {
 
 LOGFONTW Font(int height, int width = 0) {

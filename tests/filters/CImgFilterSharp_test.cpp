@@ -128,7 +128,8 @@ TEST(CImgFilterSharp, ShouldersOfABandScaleTheStrengthOfAnUnsharpMask) {
 
 /// Six sigmas and weights for each plane; the second band counts nowhere, some others on some planes.
 constexpr int kBands = 6;
-const double kSigmas[kBands][3] = {{0.6, 0, 1}, {9, 9, 9}, {2, 1, 3.3}, {4, 2, 1}, {7, 7, 7}, {2.5, 12, 1.2}};
+const double kSigmas[kBands][3] = {{0.6, 0, 1}, {9, 9, 9}, {2, 1, 3.3},
+                                   {4, 2, 1},   {7, 7, 7}, {2.5, 3.6, 1.2}};
 const double kWeights[kBands][3] = {{1, 2, 0.5}, {0, -3, 0}, {0.5, 1, 3}, {-1, 0.3, 1}, {0, 2, 0}, {6, 1, 2}};
 
 TEST(CImgFilterSharp, SixUnsharpMasksAtOnce) {

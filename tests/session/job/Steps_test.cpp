@@ -191,7 +191,7 @@ TEST_F(Steps, DoNotSufferFromWhatTheReporterThrewBefore) {
   }});
   EXPECT_THROW(Inspect(job, {.files = {In("bad.fits")}}), Error);
   throws = false;
-  EXPECT_EQ(Inspect(job, {.files = {In("bad.fits"), light_}}).size(), 1u);
+  EXPECT_EQ(Inspect(job, {.files = {In("bad.fits"), In("night/lights/light_0001.fits")}}).size(), 1u);
   EXPECT_EQ(failures, 1);
 }
 
