@@ -2,23 +2,13 @@
 #include <map>
 
 #include "Driver.h"
+#include "Keys.h"
 
 using namespace Halide;
 
 namespace {
 
 Var x("x"), y("y"), strip("strip"), column("column"), u("u"), v("v");
-
-/// Integers in the order of the floats, all NaN after the numbers.
-Expr key(Expr value) {
-  Expr bits = reinterpret<int>(value);
-  return select(value == value, bits ^ ((bits >> 31) & 0x7fffffff), Int(32).max());
-}
-
-/// The last key is a NaN.
-Expr from_key(Expr number) {
-  return reinterpret<float>(number ^ ((number >> 31) & 0x7fffffff));
-}
 
 /// Half the width of the disc dx dx + dy dy <= radius radius in row dy.
 int half_width(int radius, int dy) {

@@ -15,14 +15,8 @@ double Gaussian(CVelImage& src, bool paged, int p, int x, int y) {
                    paged ? Nearest : Interior);
 }
 
-using Run = std::function<void(CImgFilterBlur&, CVelImage&, CRect*)>;
-
-void Check(const Run& run, const Expected& expected, double tolerance) {
-  CheckFilter<CImgFilterBlur>(run, expected, tolerance);
-}
-
 TEST(CImgFilterBlur, Gaussian) {
-  Check(
+  CheckFilter<CImgFilterBlur>(
       [](CImgFilterBlur& target, CVelImage& src, CRect* rect) {
         double sigma[3];
         std::copy_n(kSigma, 3, sigma);
@@ -32,7 +26,7 @@ TEST(CImgFilterBlur, Gaussian) {
 }
 
 TEST(CImgFilterBlur, GaussianOfABand) {
-  Check(
+  CheckFilter<CImgFilterBlur>(
       [](CImgFilterBlur& target, CVelImage& src, CRect* rect) {
         double sigma[3];
         std::copy_n(kSigma, 3, sigma);
@@ -94,10 +88,10 @@ TEST(CImgFilterBlur, MeanIsASquareAndOfABandADisc) {
     });
     return TestBand()(src, p, src.GetPixelGrayRaw(x, y, p), sum / weights);
   };
-  Check([&](CImgFilterBlur& target, CVelImage& src,
-            CRect* rect) { target.MeanFilter(r, weight, &src, rect, 0); },
-        square, 2e-6);
-  Check(
+  CheckFilter<CImgFilterBlur>([&](CImgFilterBlur& target, CVelImage& src,
+                                  CRect* rect) { target.MeanFilter(r, weight, &src, rect, 0); },
+                              square, 2e-6);
+  CheckFilter<CImgFilterBlur>(
       [&](CImgFilterBlur& target, CVelImage& src, CRect* rect) {
         TestBand b;
         target.MeanFilter(r, weight, b.useDark, b.dark, b.darkRange, b.useHighlight, b.highlight,
@@ -134,10 +128,12 @@ TEST(CImgFilterBlur, MeanWithoutEdgeKeepsEdges) {
     return (1 - q * q) * Separable(src, mean, p, x, y, BottomRepeated, Nearest) +
            q * q * src.GetPixelGrayRaw(x, y, p);
   };
-  Check([&](CImgFilterBlur& target, CVelImage& src,
-            CRect* rect) { target.MeanWithoutEdgeFilter(r, weight, &src, rect, 0); },
-        [&](CVelImage& src, bool, int p, int x, int y) { return filtered(src, p, x, y); }, 1e-5);
-  Check(
+  CheckFilter<CImgFilterBlur>(
+      [&](CImgFilterBlur& target, CVelImage& src, CRect* rect) {
+        target.MeanWithoutEdgeFilter(r, weight, &src, rect, 0);
+      },
+      [&](CVelImage& src, bool, int p, int x, int y) { return filtered(src, p, x, y); }, 1e-5);
+  CheckFilter<CImgFilterBlur>(
       [&](CImgFilterBlur& target, CVelImage& src, CRect* rect) {
         TestBand b;
         target.MeanWithoutEdgeFilter(r, weight, b.useDark, b.dark, b.darkRange, b.useHighlight, b.highlight,
@@ -180,7 +176,7 @@ TEST(CImgFilterBlur, MedianEqualsSorting) {
 }
 
 TEST(CImgFilterBlur, MedianOfABandAndAWindow) {
-  Check(
+  CheckFilter<CImgFilterBlur>(
       [](CImgFilterBlur& target, CVelImage& src, CRect* rect) {
         TestBand b;
         double r[] = {1.5, 4.0, 2.0};

@@ -6,6 +6,8 @@
 #include <functional>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "korimg/image/CVelImage.h"
 
 #include "tests/support/Images.h"
@@ -121,16 +123,17 @@ struct TestBand {
 
 using Expected = std::function<double(CVelImage& src, bool paged, int p, int x, int y)>;
 
-/// Runs a filter over stores, threads, sizes and windows, and compares.
-template <class Target>
-void CheckFilter(const std::function<void(Target&, CVelImage&, CRect*)>& run, const Expected& expected,
-                 double tolerance) {
+/// Runs a filter over stores, threads, sizes and windows, and compares with expected(source, store is paged,
+/// plane, x, y). Pixels that are not written keep what the target held.
+template <class Filter>
+void CheckFilter(const std::function<void(Filter& target, CVelImage& src, CRect* rect)>& run,
+                 const Expected& expected, double tolerance, const PixelRule& pixels = Random(-100, 1200)) {
   OnEveryStore([&](const StoreCase& store) {
     for (const auto& [width, height] : {std::pair(1, 1), {3, 2}, {65, 1}, {1, 71}, {71, 133}}) {
-      const auto src = Make(store.make(), width, height, 3, Random(-100, 1200));
+      const auto src = Make(store.make(), width, height, 3, pixels);
       for (OptionalRect rect : {OptionalRect(), OptionalRect(CRect(1, 2, width - 3, height - 1))}) {
         if (rect && width < 71) continue;
-        const auto target = Make<Target>(src->VmManager(), width, height, 3, Random(0, 1, 7));
+        const auto target = Make<Filter>(src->VmManager(), width, height, 3, Random(0, 1, 7));
         run(*target, *src, Address(rect));
         const auto want = [&, outside = Random(0, 1, 7)](int p, int x, int y) -> double {
           return IsInside(rect, x, y) ? expected(*src, store.name == "paged", p, x, y)
@@ -140,6 +143,14 @@ void CheckFilter(const std::function<void(Target&, CVelImage&, CRect*)>& run, co
       }
     }
   });
+}
+
+/// The levels of such a target.
+inline double TargetMin(int p) {
+  return 130 + 7 * p;
+}
+inline double TargetRange(int p) {
+  return 940 + 33 * p;
 }
 
 }  // namespace korimg::test

@@ -149,6 +149,30 @@ const std::vector<Operation>& Operations() {
       {"correction curve", 6203, kLines, Steps,
        [](Stage& s) { s.Target<CImgCorrectCurve>().Do(2, 0, 255, s.src.get(), nullptr, 1); }},
       {"window", 6191, kLines, Steps, [](Stage& s) { s.Target<CImgWindowing>().Do(0, 30, s.src.get(), 1); }},
+      {"hot and cool", 6164, -1, Opens,
+       [](Stage& s) { s.Target<CImgFilterMisc>().NoiseCut(1, 1, 0.2, 1, 0.2, s.src.get(), nullptr, 1); }},
+      {"hot", 6164, -1, Steps,
+       [](Stage& s) { s.Target<CImgFilterMisc>().NoiseCut(1, 0, 0.2, 1, 0.2, s.src.get(), nullptr, 1); }},
+      {"faint noise", 6202, kLines, Silent,
+       [](Stage& s) {
+         s.Target<CImgFilterMisc>().NoiseCutWithBrightness(60, 2, 1, 0, s.src.get(), nullptr, 1);
+       }},
+      {"colour noise", 6192, -1, Steps,
+       [](Stage& s) { s.Target<CImgFilterMisc>().ColorNoiseCut(60, 0, 1, s.src.get(), nullptr, 1); }},
+      {"fringe", 6193, -1, Steps,
+       [](Stage& s) { s.Target<CImgFilterMisc>().FalseColorCut(1, 1, 2, 0.5, 1, s.src.get(), nullptr, 1); }},
+      {"guide errors", 6192, kLines, Steps,
+       [](Stage& s) {
+         s.Target<CImgFilterMisc>().GuideErrorCanceller(3, 0, 1, 0.5, s.src.get(), nullptr, 1);
+       }},
+      {"sky", 6123, kLines, Steps,
+       [](Stage& s) {
+         s.Target<CImgFilterMisc>().BkgSmooth(ones, ones, 0, twos, 1, s.src.get(), nullptr, 1);
+       }},
+      {"contours", 6171, kHeight, Steps,
+       [](Stage& s) { s.Target<CImgFilterMisc>().ContourFilter(8, 0, s.src.get(), nullptr, 1); }},
+      {"kernel", 6175, kLines, Steps,
+       [](Stage& s) { s.Target<CImgFilterMisc>().Custom(0, ones, s.src.get(), nullptr, 1); }},
       {"edges", 6143, kLines, Steps,
        [](Stage& s) { s.Target<CImgFilter>().LaplacianFilter(0, s.src.get(), nullptr, 1); }},
       {"median of neighbours", 6120, -1, Steps,
