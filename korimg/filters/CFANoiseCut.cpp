@@ -50,17 +50,26 @@ std::array<float, 4> Ascending(const float* pixel, const Four& four) {
   return v;
 }
 
-/// The pixels that decide about columns left to right - 1 of row y. NaN is infinite.
+/// A window of a mosaic and the pixels that decide about it. NaN is infinite.
 class Surroundings {
  public:
-  Surroundings(CVelImage& src, const ColourArray& array, int left, int right, int y)
-      : array_(array), pitch_(right - left + 2 * kReach) {
-    pixels_.reserve(static_cast<size_t>(2 * kReach + 1) * pitch_);
-    for (int row = y - kReach; row <= y + kReach; ++row) {
-      const float* from = src.GetLine(0, array.Inside(row, src.GetHeight()), 0);
-      for (int x = left - kReach; x < right + kReach; ++x) {
-        const float pixel = from[array.Inside(x, src.GetWidth())];
-        pixels_.push_back(pixel != pixel ? std::numeric_limits<float>::infinity() : pixel);
+  Surroundings(CVelImage& src, const ColourArray& array, const Window& window)
+      : array_(array),
+        pitch_(window.Width() + 2 * kReach),
+        pixels_(static_cast<size_t>(window.Height() + 2 * kReach) * pitch_) {
+    float* to = pixels_.data();
+    for (int y = window.top - kReach; y < window.bottom + kReach; ++y) {
+      const float* from = src.GetLine(0, array.Inside(y, src.GetHeight()), 0);
+      const int first = window.left - kReach, end = window.right + kReach, width = src.GetWidth();
+      const int inner = std::max(first, 0), outer = std::min(end, width);
+      for (int x = first; x < inner; ++x) {
+        *to++ = Number(from[array.Inside(x, width)]);
+      }
+      for (int x = inner; x < outer; ++x) {
+        *to++ = Number(from[x]);
+      }
+      for (int x = outer; x < end; ++x) {
+        *to++ = Number(from[array.Inside(x, width)]);
       }
     }
     const auto cross = [this](int d) { return Four{-d * pitch_, -d, d, d * pitch_}; };
@@ -78,8 +87,8 @@ class Surroundings {
     }
   }
 
-  /// The pixel `column` columns right of the left one.
-  const float* At(int column) const { return pixels_.data() + kReach * (pitch_ + 1) + column; }
+  /// The first pixel of a row of the window, counted from its top.
+  const float* Row(int row) const { return pixels_.data() + (kReach + row) * pitch_ + kReach; }
   /// The nearest four of its colour.
   const Four& Nearest(bool green) const { return green ? green_ : other_; }
 
@@ -104,6 +113,8 @@ class Surroundings {
   }
 
  private:
+  static float Number(float v) { return v == v ? v : std::numeric_limits<float>::infinity(); }
+
   /// How far a pixel stands out from those of its colour.
   struct Standing {
     float rise, fall;
@@ -118,6 +129,34 @@ class Surroundings {
   std::vector<float> pixels_;
   Four green_, other_;  ///< the nearest of the colour of green pixels and of the others
   Four any_;            ///< four of the colour of any pixel
+};
+
+/// Cuts the hot and cold pixels of a mosaic.
+struct MosaicCut {
+  bool pairs, mean;
+  float margin;
+  int rings;
+  float ratio;
+
+  /// What becomes of a pixel by those about it.
+  float operator()(const float* pixel, const Four& nearest, const Surroundings& around) const {
+    // Whatever stands out from three of the four does so from one of the first two.
+    const float one = pixel[nearest[0]], two = pixel[nearest[1]];
+    if (!(*pixel > std::min(one, two) + margin || *pixel < std::max(one, two) - margin)) return *pixel;
+    const auto v = Ascending(pixel, nearest);
+    const float low = v[pairs] - margin, high = v[3 - pairs] + margin;
+    const bool hot = *pixel > high, cold = *pixel < low;
+    const float cut = mean ? 0.5f * (v[1] + v[2]) : hot ? v[3 - pairs] : v[pairs];
+    if (!(hot || cold) || !(cut < std::numeric_limits<float>::infinity()) ||
+        around.Follow(pixel, rings, ratio)) {
+      return *pixel;
+    }
+    const bool followed = std::any_of(nearest.begin(), nearest.end(), [&](std::ptrdiff_t offset) {
+      const float* other = pixel + offset;
+      return (hot ? *other > high : *other < low) && around.Follow(other, rings, ratio);
+    });
+    return followed ? *pixel : cut;
+  }
 };
 
 }  // namespace
@@ -136,30 +175,21 @@ void CImgFilterMisc::CFANoiseCut(int mode, int cfa, double threshold, int patter
     });
     return;
   }
-  ForPlaneLines(*this, window, Team::All, [&](int p, int y) {
-    const Surroundings around(*src, array, window.left, window.right, y);
-    const float* in = src->GetLine(window.left, y, p);
-    float* out = GetWritableLine(window.left, y, p);
-    const bool pairs = mode > 2, mean = mode % 2 == 0;
-    for (int i = 0; i < window.Width(); ++i) {
-      const int x = window.left + i;
-      const float* pixel = around.At(i);
-      out[i] = in[i];
-      if (!array.IsSite(x, y) || in[i] != in[i]) continue;
-      const Four& nearest = around.Nearest(array.IsGreen(x, y));
-      const auto v = Ascending(pixel, nearest);
-      const float low = v[pairs] - margin, high = v[3 - pairs] + margin;
-      const bool hot = *pixel > high;
-      if (!hot && !(*pixel < low)) continue;
-      const float cut = mean ? 0.5f * (v[1] + v[2]) : hot ? v[3 - pairs] : v[pairs];
-      if (!(cut < std::numeric_limits<float>::infinity())) continue;
-      bool noise = !around.Follow(pixel, pattern, most);
-      for (const std::ptrdiff_t offset : nearest) {
-        const float* other = pixel + offset;
-        const bool too = hot ? *other > high : *other < low;
-        if (too) noise = noise && !around.Follow(other, pattern, most);
+  if (window.IsEmpty()) return;
+  constexpr int kRows = 16;  // of a band, which share the rows that decide about them
+  const MosaicCut cut{mode > 2, mode % 2 == 0, margin, pattern, most};
+  ForLines(Team::All, 0, (window.Height() + kRows - 1) / kRows, [&](int number) {
+    const int top = window.top + number * kRows;
+    const Window band(window.left, top, window.right, std::min(top + kRows, window.bottom));
+    const Surroundings around(*src, array, band);
+    for (int y = band.top; y < band.bottom; ++y) {
+      const float *in = src->GetLine(band.left, y, 0), *pixels = around.Row(y - band.top);
+      float* out = GetWritableLine(band.left, y, 0);
+      for (int i = 0; i < band.Width(); ++i) {
+        const int x = band.left + i;
+        const bool decided = array.IsSite(x, y) && in[i] == in[i];
+        out[i] = decided ? cut(pixels + i, around.Nearest(array.IsGreen(x, y)), around) : in[i];
       }
-      if (noise) out[i] = cut;
     }
   });
 }
@@ -167,6 +197,6 @@ void CImgFilterMisc::CFANoiseCut(int mode, int cfa, double threshold, int patter
 int CImgFilterMisc::CompareArea(CVelImage* target, CVelImage* src, int x, int y, int cfa, int rings,
                                 double ratio) {
   if (!Fits(*src, *target) || x < 0 || y < 0 || x >= src->GetWidth() || y >= src->GetHeight()) return 0;
-  const Surroundings around(*src, {cfa}, x, x + 1, y);
-  return around.Follow(around.At(0), rings, static_cast<float>(ratio));
+  const Surroundings around(*src, {cfa}, Window(x, y, x + 1, y + 1));
+  return around.Follow(around.Row(0), rings, static_cast<float>(ratio));
 }

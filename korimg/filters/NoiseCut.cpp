@@ -17,13 +17,22 @@ namespace {
 
 enum Message : int { HotAndCool = 6164, Faint = 6202 };
 
-/// Pixels that differ too much from the median become the median. NaN differs from nothing.
+/// Pixels whose median lies beyond a share of them become the median. NaN stays, and none becomes it.
 struct OutlierCut {
-  double coolShare, hotShare;  ///< infinite: that kind stays
+  float coolAbove0, coolElse, hotAbove0, hotElse;  ///< factors of a pixel
+
+  /// A share that is infinite is never reached.
+  OutlierCut(double coolShare, double hotShare)
+      : coolAbove0(static_cast<float>(1 + coolShare)),
+        coolElse(static_cast<float>(1 - coolShare)),
+        hotAbove0(static_cast<float>(1 - hotShare)),
+        hotElse(static_cast<float>(1 + hotShare)) {}
 
   KORIMG_IN_LOOP float operator()(float pixel, float median) const {
-    const double ratio = std::abs(static_cast<double>(median) / pixel - 1.0);
-    return ratio > (median > pixel ? coolShare : hotShare) ? median : pixel;
+    const bool positive = pixel > 0, cool = median > pixel;
+    const float cooler = positive ? coolAbove0 : coolElse, hotter = positive ? hotAbove0 : hotElse;
+    const float bound = pixel * (cool ? cooler : hotter);
+    return ((cool & (median > bound)) | (!cool & (median < bound))) ? median : pixel;
   }
 };
 
@@ -61,7 +70,7 @@ void CImgFilterMisc::NoiseCut(double radius, int cool, double coolShare, int hot
   const ProgressScope progress(*this, show, HotAndCool, window.Lines(*this));
   const bool pipelines = radius == 1.0 && cool && hot && MayRunPipelines(*this, *src);
   constexpr double kNever = std::numeric_limits<double>::infinity();
-  const OutlierCut cut{cool ? coolShare : kNever, hot ? hotShare : kNever};
+  const OutlierCut cut(cool ? coolShare : kNever, hot ? hotShare : kNever);
   RankQuery query{
       .cells = Neighbourhood::Disc(WholeRadius(radius), radius), .row = MirroredRow, .column = NearestColumn};
   query.rank = query.cells.Count() / 2;

@@ -28,7 +28,8 @@ void slide_rows(Func output, const std::vector<Func>& stages, const Target& targ
 }
 
 /// Pixels whose ratio to the median of themselves and their four neighbours is out of bounds become the
-/// median; planes mirror about their edge rows and columns.
+/// median; planes mirror about their edge rows and columns. Bounds are multiplied out, in float: by a
+/// division in double this took twice the time.
 Definition noisecut_3x3_hotcool(const Target& target) {
   ImageParam input(Float(32), 2, "input");
   Param<double> hot("hotThreshold"), cool("coolThreshold");
@@ -38,8 +39,13 @@ Definition noisecut_3x3_hotcool(const Target& target) {
   Expr low = max(min(up, down), min(left, right)), high = min(max(up, down), max(left, right));
   Expr median = from_key(max(min(low, high), min(max(low, high), k(x, y))));
   Expr pixel = input(x, y);
-  Expr ratio = abs(cast<double>(median) / cast<double>(pixel) - F64(1));
-  output(x, y) = select(ratio > select(median > pixel, cool, hot), median, pixel);
+  const auto bound = [&](Expr of_positive, Expr of_others) {
+    return pixel * select(pixel > 0.0f, cast<float>(of_positive), cast<float>(of_others));
+  };
+  Expr one = F64(1);
+  Expr is_outlier =
+      select(median > pixel, median > bound(one + cool, one - cool), median < bound(one - hot, one + hot));
+  output(x, y) = select(is_outlier, median, pixel);
 
   slide_rows(output, {k}, target);
   return {{input, hot, cool}, {output}};

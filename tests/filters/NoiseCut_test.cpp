@@ -21,13 +21,15 @@ TEST(NoiseCut, WhatStandsOutFromTheMedianBecomesIt) {
     int hot;
     double hotShare;
   };
-  for (const Case& c : {Case{1, 1, 0.15, 1, 0.3},
-                        {1, 1, 0.15, 0, 0.3},
-                        {1, 0, 0.15, 1, 0.3},
-                        {1.5, 1, 0.2, 1, 0.1},
+  // Shares that bounds of whole numbers reach exactly.
+  for (const Case& c : {Case{1, 1, 0.125, 1, 0.25},
+                        {1, 1, 0.125, 0, 0.25},
+                        {1, 0, 0.125, 1, 0.25},
+                        {1, 1, 1.5, 1, 1.25},
+                        {1.5, 1, 0.25, 1, 0.125},
                         {0.4, 1, 0, 1, 0},
-                        {2, 1, 0.4, 1, 0.2},
-                        {5, 1, 0.3, 1, 0.3}}) {
+                        {2, 1, 0.375, 1, 0.25},
+                        {5, 1, 0.25, 1, 0.25}}) {
     const int r = std::max<int>(std::ceil(c.radius), 1);
     const auto expected = [&](CVelImage& src, bool paged, int p, int x, int y) -> double {
       const bool mirrors = !paged && c.radius == 1 && c.cool && c.hot;
