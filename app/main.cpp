@@ -30,6 +30,7 @@ int Run(int argc, char** argv, Tool& tool) {
   CLI::App app("Image processing for astronomy: from raw camera frames to a picture.", "korimg");
   app.set_help_all_flag("--help-all", "Help of all verbs");
   app.option_defaults()->always_capture_default();
+  app.require_subcommand(0, 1);  // what is named as a verb after another one is a word of that one
   AddVersion(app, tool);
   for (const auto add : {AddInfo, AddOps, AddApply, AddCalibrate, AddComposite, AddDevelop, AddRegister,
                          AddRender, AddRun, AddSimulate, AddStack, AddStars}) {

@@ -4,19 +4,31 @@
 
 #include "korimg/filters/CFilterMatrix.h"
 #include "korimg/filters/internal/Edges.h"
-#include "korimg/filters/internal/WeightedSum.h"
+#include "korimg/filters/internal/FilteredRows.h"
 #include "korimg/image/CVelImage.h"
 #include "korimg/platform/CParallel.h"
 #include "korimg/platform/Debug.h"
 
 using namespace korimg;
 
+/// The rows of one worker.
+struct alignas(64) CFilterProc::Ring {
+  FilteredRows<float> rows;
+  bool served = false;
+  int lastY = 0;
+};
+
+CFilterProc::CFilterProc() = default;
+CFilterProc::CFilterProc(const CFilterProc&) = default;
+CFilterProc& CFilterProc::operator=(const CFilterProc&) = default;
+CFilterProc::~CFilterProc() = default;
+
 CFilterProc::CFilterProc(CVelImage* image, const CFilterMatrix* matrix, int plane) {
   MakeBuf(image, matrix, plane, 1);
 }
 
 void CFilterProc::Init() {
-  r_ = d_ = plane_ = width_ = 0;
+  r_ = d_ = plane_ = 0;
   image_ = nullptr;
   weights_.clear();
   rings_.clear();
@@ -33,17 +45,8 @@ int CFilterProc::MakeBuf(CVelImage* image, const CFilterMatrix* matrix, int plan
 void CFilterProc::Bind(CVelImage* image, int plane) {
   image_ = image;
   plane_ = plane;
-  width_ = image->GetWidth();
-  rings_.resize(std::max(CParallel::GetMaxThreads(), 1));
-  for (Ring& ring : rings_) {
-    ring.cells.resize(Place(0, width_ + kSumBlock - 1));
-    ring.padded.resize(static_cast<size_t>(width_) + 2 * r_);
-    ring.served = false;
-  }
-}
-
-size_t CFilterProc::Place(int slot, int x) const {
-  return (static_cast<size_t>(x / kSumBlock) * d_ + slot) * kSumBlock + x % kSumBlock;
+  rings_.assign(std::max(CParallel::GetMaxThreads(), 1),
+                Ring{FilteredRows<float>(weights_, image->GetWidth())});
 }
 
 /// Null for a worker beyond the team that the rings were made for.
@@ -61,58 +64,25 @@ float CFilterProc::Calc(int x, int y) {
 
 void CFilterProc::CalcLine(int left, int right, int y, float* line) {
   ProcHorizontal(left, y);
-  const Ring* ring = OwnRing();
-  if (!ring) return;
-  std::vector<const float*> taps(d_);
-  for (int x = left, next = 0; x < right; x = next) {
-    next = std::min((x / kSumBlock + 1) * kSumBlock, right);
-    for (int k = 0; k < d_; ++k) {
-      taps[k] = &ring->cells[Place((ring->first + k) % d_, x)];
-    }
-    WeightedSum(taps.data(), weights_.data(), d_, next - x, line + x - left);
-  }
+  if (Ring* ring = OwnRing()) ring->rows.Sum(left, right, line);
 }
 
 int CFilterProc::ProcHorizontal(int, int y) {
   Ring* ring = OwnRing();
   if (!ring || (ring->served && ring->lastY == y)) return 1;
   const bool follows = ring->served && y > ring->lastY && y - ring->lastY < d_;
-  const int rows = follows ? y - ring->lastY : d_;
-  ring->first = follows ? (ring->first + rows) % d_ : 0;
   ring->served = false;  // until all rows are there: a store may throw
-  for (int k = d_ - rows; k < d_; ++k) {
-    FilterRow(*ring, (ring->first + k) % d_, y - r_ + k);
+  for (int row = follows ? ring->lastY + r_ + 1 : y - r_; row <= y + r_; ++row) {
+    ring->rows.Push(image_->GetLine(0, RowBelowRepeated(row, image_->GetHeight()), plane_));
   }
   ring->lastY = y;
   ring->served = true;
   return 1;
 }
 
-/// Filters row y along x into a slot of the ring.
-void CFilterProc::FilterRow(Ring& ring, int slot, int y) {
-  const float* row = image_->GetLine(0, RowBelowRepeated(y, image_->GetHeight()), plane_);
-  float* padded = ring.padded.data();
-  std::fill_n(padded, r_, row[0]);
-  std::copy_n(row, width_, padded + r_);
-  std::fill_n(padded + r_ + width_, r_, row[width_ - 1]);
-  std::vector<const float*> taps(d_);
-  for (int x = 0; x < width_; x += kSumBlock) {
-    for (int k = 0; k < d_; ++k) {
-      taps[k] = padded + x + k;
-    }
-    WeightedSum(taps.data(), weights_.data(), d_, std::min(kSumBlock, width_ - x),
-                &ring.cells[Place(slot, x)]);
-  }
-}
-
 float CFilterProc::ProcVertical(int x) {
   const Ring* ring = OwnRing();
-  if (!ring) return 0;
-  float sum = 0;
-  for (int k = 0, slot = ring->first; k < d_; ++k, slot = slot + 1 == d_ ? 0 : slot + 1) {
-    sum += weights_[k] * ring->cells[Place(slot, x)];
-  }
-  return sum;
+  return ring ? ring->rows.Sum(x) : 0.0f;
 }
 
 int CFilterProcEx::Make(CVelImage* image, const CFilterMatrix* matrix, int plane, int normalize) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <vector>
 
 #include "korimg/platform/Export.h"
@@ -18,11 +17,11 @@ class CVelImage;
 /// MakeBuf or Bind. What throws is std::bad_alloc, and what the source's store throws.
 class KORIMG_API CFilterProc {
  public:
-  CFilterProc() = default;
+  CFilterProc();
   CFilterProc(CVelImage* image, const CFilterMatrix* matrix, int plane);
-  CFilterProc(const CFilterProc&) = default;
-  CFilterProc& operator=(const CFilterProc&) = default;
-  virtual ~CFilterProc() = default;
+  CFilterProc(const CFilterProc&);
+  CFilterProc& operator=(const CFilterProc&);
+  virtual ~CFilterProc();
 
   /// Takes over the kernel's middle row, divided by its sum when `normalize` is non-zero and the sum is not
   /// 0, and binds the source, which is kept by address; the kernel is not needed any more. Answers 1.
@@ -35,7 +34,7 @@ class KORIMG_API CFilterProc {
   void CalcLine(int left, int right, int y, float* line);
   void Empty() { Init(); }
   void Init();
-  int IsEmpty() const { return rings_.empty() || rings_[0].cells.empty(); }
+  int IsEmpty() const { return weights_.empty(); }
 
   int GetR() const { return r_; }
   int GetD() const { return d_; }
@@ -48,23 +47,13 @@ class KORIMG_API CFilterProc {
   float ProcVertical(int x);
 
  private:
-  struct alignas(64) Ring {
-    std::vector<float> cells;   ///< D rows, in blocks of columns: a walk down a block is a walk along memory
-    std::vector<float> padded;  ///< a source row with its edges repeated
-    bool served = false;
-    int lastY = 0;
-    int first = 0;  ///< slot of the oldest row
-  };
+  struct Ring;
   Ring* OwnRing();
-  /// Place of a column in a slot of a ring.
-  size_t Place(int slot, int x) const;
-  void FilterRow(Ring& ring, int slot, int y);
 
   int r_ = 0;
   int d_ = 0;
   CVelImage* image_ = nullptr;
   int plane_ = 0;
-  int width_ = 0;
   std::vector<float> weights_;
   std::vector<Ring> rings_;
 };

@@ -1,9 +1,10 @@
-// Two ways to one value. A few cells: a network that selects the rank, the same exchanges for many pixels
-// side by side. Many cells: all pixels of a tile are numbered in their order, and a window that slides over
-// the tile keeps the set of its numbers, one bit each, with a pointer at the rank.
+// Two ways to one value, or to several at once. A few cells: a network that selects the rank, the same
+// exchanges for many pixels side by side. Many cells: all pixels of a tile are numbered in their order, and a
+// window that slides over the tile keeps the set of its numbers, one bit each, with a pointer at the rank.
 #include "korimg/filters/internal/Ranks.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cmath>
 #include <cstdint>
@@ -78,15 +79,24 @@ void ForCells(const Neighbourhood& cells, F&& cell) {
   }
 }
 
+/// The rank that is asked for among so many cells, and then the further ones.
+std::vector<int> RanksAmong(const RankQuery& query, int count) {
+  std::vector<int> ranks{query.rank.value_or(count / 2)};
+  ranks.insert(ranks.end(), query.also.begin(), query.also.end());
+  return ranks;
+}
+
 /// Selects by a network: for few cells.
 class NetworkSelector {
  public:
   explicit NetworkSelector(const RankQuery& query)
-      : query_(query), count_(query.cells.Count()), rank_(query.rank.value_or(count_ / 2)) {
-    // From the end of a network that sorts, only what leads to the rank is kept.
+      : query_(query), count_(query.cells.Count()), ranks_(RanksAmong(query, count_)) {
+    // From the end of a network that sorts, only what leads to the ranks is kept.
     const Network network = MakeNetwork(count_);
     std::vector<bool> wanted(count_);
-    wanted[rank_] = true;
+    for (const int rank : ranks_) {
+      wanted[rank] = true;
+    }
     for (auto step = network.rbegin(); step != network.rend(); ++step) {
       const auto [i, j] = *step;
       if (!wanted[i] && !wanted[j]) continue;
@@ -108,7 +118,7 @@ class NetworkSelector {
     }
     const float* pixels = tile.hasNan ? numbers.data() : tile.pixels.data();
     const int chunk = std::min(ChunkColumns(), w.Width());
-    std::vector<float> values(static_cast<size_t>(count_) * chunk), line(w.Width());
+    std::vector<float> values(static_cast<size_t>(count_) * chunk), lines(ranks_.size() * w.Width());
     for (int y = 0; y < w.Height(); ++y) {
       for (int left = 0; left < w.Width(); left += chunk) {
         const int columns = std::min(chunk, w.Width() - left);
@@ -118,10 +128,15 @@ class NetworkSelector {
           to += chunk;
         });
         Sort(values.data(), chunk, columns);
-        std::copy_n(values.data() + static_cast<size_t>(rank_) * chunk, columns, line.data() + left);
+        for (size_t i = 0; i < ranks_.size(); ++i) {
+          std::copy_n(values.data() + static_cast<size_t>(ranks_[i]) * chunk, columns,
+                      lines.data() + i * w.Width() + left);
+        }
       }
-      Repair(tile, y, line.data());
-      sink(w.left, w.top + y, line.data(), w.Width());
+      for (size_t i = 0; i < ranks_.size(); ++i) {
+        Repair(tile, y, i, lines.data() + i * w.Width());
+      }
+      sink(w.left, w.top + y, lines.data(), w.Width());
     }
   }
 
@@ -158,7 +173,7 @@ class NetworkSelector {
   }
 
   /// Selects anew where cells lie beyond the edges and are left out, and where NaN may be the result.
-  void Repair(const Tile& tile, int y, float* line) const {
+  void Repair(const Tile& tile, int y, size_t i, float* line) const {
     const Window& w = tile.results;
     const int r = tile.r;
     if (!query_.row) {
@@ -167,30 +182,31 @@ class NetworkSelector {
       const int outer = std::clamp(tile.imageWidth - r - w.left, inner, w.Width());
       for (int x = 0; x < w.Width(); ++x) {
         if (x == inner && !wholeRow) x = outer;
-        if (x < w.Width()) line[x] = Select(tile, x, y);
+        if (x < w.Width()) line[x] = Select(tile, x, y, i);
       }
     }
     if (!tile.hasNan) return;
     for (int x = 0; x < w.Width(); ++x) {
-      if (line[x] == std::numeric_limits<float>::infinity()) line[x] = Select(tile, x, y);
+      if (line[x] == std::numeric_limits<float>::infinity()) line[x] = Select(tile, x, y, i);
     }
   }
 
-  float Select(const Tile& tile, int x, int y) const {
+  /// Number i of the ranks.
+  float Select(const Tile& tile, int x, int y, size_t i) const {
     std::vector<float> values;
     values.reserve(count_);
     ForCells(query_.cells, [&](int dx, int dy) {
       const int u = x + tile.r + dx, v = y + tile.r + dy;
       if (query_.row || tile.IsInImage(u, v)) values.push_back(tile.pixels[tile.Index(u, v)]);
     });
-    const auto nth = values.begin() + (query_.rank ? rank_ : static_cast<std::ptrdiff_t>(values.size()) / 2);
+    const auto nth = values.begin() + RanksAmong(query_, static_cast<int>(values.size()))[i];
     std::nth_element(values.begin(), nth, values.end(), NanLast);
     return *nth;
   }
 
   const RankQuery& query_;
   int count_;
-  int rank_;
+  std::vector<int> ranks_;
   std::vector<Step> steps_;
 };
 
@@ -218,36 +234,47 @@ class Order {
   std::vector<float> values_;
 };
 
-/// A set of places with a pointer that is moved to one of its ranks.
+/// A set of places with N pointers, each of which is moved to one of its ranks.
+template <size_t N>
 class PlaceSet {
  public:
   explicit PlaceSet(size_t places) : words_(places / 64 + 1) {}
 
   void Insert(std::uint32_t place) {
     words_[place / 64] |= 1ULL << place % 64;
-    below_ += place < pointer_;
+    for (Pointer& pointer : pointers_) {
+      pointer.below += place < pointer.place;
+    }
     ++count_;
   }
   void Erase(std::uint32_t place) {
     words_[place / 64] &= ~(1ULL << place % 64);
-    below_ -= place < pointer_;
+    for (Pointer& pointer : pointers_) {
+      pointer.below -= place < pointer.place;
+    }
     --count_;
   }
   int Count() const { return count_; }
 
-  /// The place of a rank that the set has.
-  std::uint32_t Find(int rank) {
-    while (below_ > rank) {
-      pointer_ = Before(pointer_);
-      --below_;
+  /// The place of a rank that the set has, found by pointer i.
+  std::uint32_t Find(size_t i, int rank) {
+    auto& [place, below] = pointers_[i];
+    while (below > rank) {
+      place = Before(place);
+      --below;
     }
-    for (pointer_ = From(pointer_); below_ < rank; ++below_) {
-      pointer_ = From(pointer_ + 1);
+    for (place = From(place); below < rank; ++below) {
+      place = From(place + 1);
     }
-    return pointer_;
+    return place;
   }
 
  private:
+  struct Pointer {
+    std::uint32_t place = 0;
+    int below = 0;  ///< places of the set below it
+  };
+
   std::uint32_t Before(std::uint32_t place) const {
     std::uint32_t i = place / 64;
     std::uint64_t word = words_[i] & ((1ULL << place % 64) - 1);
@@ -266,15 +293,15 @@ class PlaceSet {
   }
 
   std::vector<std::uint64_t> words_;
-  std::uint32_t pointer_ = 0;
-  int below_ = 0;  ///< places of the set below the pointer
+  std::array<Pointer, N> pointers_;
   int count_ = 0;
 };
 
-/// Selects in a window that slides over the tile, to the right and back in turn.
+/// Selects N ranks in a window that slides over the tile, to the right and back in turn.
+template <size_t N>
 void SlideOver(const Tile& tile, const RankQuery& query, const RankSink& sink) {
   const Order order(tile.pixels);
-  PlaceSet set(tile.pixels.size());
+  PlaceSet<N> set(tile.pixels.size());
   const Neighbourhood& cells = query.cells;
   const int r = tile.r;
   const bool all = query.row != nullptr;
@@ -285,13 +312,16 @@ void SlideOver(const Tile& tile, const RankQuery& query, const RankSink& sink) {
     if (all || tile.IsInImage(u, v)) set.Erase(order.Place(tile.Index(u, v)));
   };
   const int width = tile.results.Width();
-  std::vector<float> line(width);
+  std::vector<float> lines(N * width);
   int u = r;
   ForCells(cells, [&](int dx, int dy) { insert(r + dx, r + dy); });
   for (int y = 0; y < tile.results.Height(); ++y) {
     const int v = r + y, step = y % 2 ? -1 : 1;
     for (int i = 0; i < width; ++i) {
-      line[u - r] = order.Value(set.Find(query.rank.value_or(set.Count() / 2)));
+      lines[u - r] = order.Value(set.Find(0, query.rank.value_or(set.Count() / 2)));
+      for (size_t n = 1; n < N; ++n) {
+        lines[n * width + u - r] = order.Value(set.Find(n, query.also[n - 1]));
+      }
       if (i + 1 == width) break;
       for (int d = -r; d <= r; ++d) {
         const int half = cells.halfWidth[r + d];
@@ -301,7 +331,7 @@ void SlideOver(const Tile& tile, const RankQuery& query, const RankSink& sink) {
       }
       u += step;
     }
-    sink(tile.results.left, tile.results.top + y, line.data(), width);
+    sink(tile.results.left, tile.results.top + y, lines.data(), width);
     if (y + 1 == tile.results.Height()) break;
     for (int d = -r; d <= r; ++d) {
       const int half = cells.halfWidth[r + d];
@@ -339,13 +369,17 @@ void FindRanks(CVelImage& shown, CVelImage& src, int plane, const Window& window
   const bool few = count <= kFew;
   const bool beyond = query.rank && (*query.rank < 0 || *query.rank >= count);
   const auto network = few && !beyond ? std::make_unique<NetworkSelector>(query) : nullptr;
+  using Slide = void (*)(const Tile&, const RankQuery&, const RankSink&);
+  constexpr Slide kSlides[] = {SlideOver<1>, SlideOver<2>, SlideOver<3>};
+  KORIMG_ASSERT(query.also.size() < std::size(kSlides));
+  const Slide slide = kSlides[query.also.size()];
   const int tileHeight = few ? 64 : std::clamp(2 * r, 64, 256), tileWidth = few ? 512 : tileHeight;
   ForLines(Team::All, 0, (window.Height() + tileHeight - 1) / tileHeight, [&](int band) {
     const int top = window.top + band * tileHeight, bottom = std::min(top + tileHeight, window.bottom);
     for (int left = window.left; left < window.right; left += tileWidth) {
       const Window part(left, top, std::min(left + tileWidth, window.right), bottom);
       if (beyond) {
-        const std::vector<float> zeros(part.Width());
+        const std::vector<float> zeros((query.also.size() + 1) * part.Width());
         for (int y = top; y < bottom; ++y) {
           sink(left, y, zeros.data(), part.Width());
         }
@@ -355,7 +389,7 @@ void FindRanks(CVelImage& shown, CVelImage& src, int plane, const Window& window
       if (network) {
         network->Run(tile, sink);
       } else {
-        SlideOver(tile, query, sink);
+        slide(tile, query, sink);
       }
     }
     for (int y = top; y < bottom; ++y) {

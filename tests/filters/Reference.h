@@ -50,6 +50,31 @@ inline void Around(CVelImage& image, int p, int x, int y, int r, const EdgeRule&
   }
 }
 
+/// The weights of a Gaussian along an axis.
+inline std::vector<double> GaussianRow(double sigma) {
+  const int r = std::max(static_cast<int>(sigma * 2.8 + 1), 1);
+  std::vector<double> row;
+  double sum = 0;
+  for (int d = -r; d <= r; ++d) {
+    row.push_back(sigma == 0 ? d == 0 : std::exp(-d * d / (2 * sigma * sigma)));
+    sum += row.back();
+  }
+  for (double& w : row) {
+    w /= sum;
+  }
+  return row;
+}
+
+/// The filter of those weights along both axes.
+inline double Separable(CVelImage& src, const std::vector<double>& weights, int p, int x, int y,
+                        const EdgeRule& row, const EdgeRule& column) {
+  const int r = static_cast<int>(weights.size()) / 2;
+  double sum = 0;
+  Around(src, p, x, y, r, row, column,
+         [&](int dx, int dy, double pixel) { sum += weights[r + dx] * weights[r + dy] * pixel; });
+  return sum;
+}
+
 inline bool Before(float a, float b) {
   return std::isnan(b) ? !std::isnan(a) : a < b;
 }
@@ -77,30 +102,6 @@ inline void OnEveryStore(const std::function<void(const StoreCase&)>& run) {
       run(store);
     }
   }
-}
-
-/// The weights of a Gaussian along an axis.
-inline std::vector<double> GaussianRow(double sigma) {
-  const int r = std::max(static_cast<int>(sigma * 2.8 + 1), 1);
-  std::vector<double> row;
-  double sum = 0;
-  for (int d = -r; d <= r; ++d) {
-    row.push_back(sigma == 0 ? d == 0 : std::exp(-d * d / (2 * sigma * sigma)));
-    sum += row.back();
-  }
-  for (double& w : row) {
-    w /= sum;
-  }
-  return row;
-}
-
-inline double Separable(CVelImage& src, const std::vector<double>& weights, int p, int x, int y,
-                        const EdgeRule& row, const EdgeRule& column) {
-  const int r = static_cast<int>(weights.size()) / 2;
-  double sum = 0;
-  Around(src, p, x, y, r, row, column,
-         [&](int dx, int dy, double pixel) { sum += weights[r + dx] * weights[r + dy] * pixel; });
-  return sum;
 }
 
 /// The band 60 to 140 with shoulders of 20 and 40, on levels of the source.

@@ -8,6 +8,7 @@
 #include "korimg/filters/CImgFilterBlur.h"
 #include "korimg/filters/CImgFilterMisc.h"
 #include "korimg/filters/CImgFilterSharp.h"
+#include "korimg/filters/CImgFilterSpecial.h"
 #include "korimg/geometry/CImgCrop.h"
 #include "korimg/geometry/CImgExpansion.h"
 #include "korimg/geometry/CImgFlip.h"
@@ -74,6 +75,17 @@ struct Stage {
 
 /// What is shown on contiguous stores.
 enum Planes { Silent, Opens, Steps };
+
+/// Digital development with a gamma for all planes.
+template <class F>
+void Develop(Stage& s, double gamma, F&& render) {
+  double background[] = {200, 0, 0}, r[] = {1, 1, 1}, gammas[] = {gamma, gamma, gamma};
+  int planes[] = {0, 1, 2};
+  float min[3], range[3], a[3], b[3];
+  auto& target = s.Target<CImgFilterSpecial>();
+  target.DigitalDvlp1(background, 0, r, 1, gammas, 3, s.src.get(), min, range, a, b, 0);
+  render(target, gammas, planes, min, range, a, b);
+}
 
 struct Operation {
   const char* name;
@@ -183,6 +195,42 @@ const std::vector<Operation>& Operations() {
        [](Stage& s) { std::unique_ptr<CVelImage>(s.Target<CImgFilter>().MakeFilterWork(2, 1)); }},
       {"work image with brightness", 6125, -1, Steps,
        [](Stage& s) { std::unique_ptr<CVelImage>(s.Target<CImgFilter>().MakeDDWork(2, 1)); }},
+      {"digital development", 6116, kLines, Opens,
+       [](Stage& s) {
+         Develop(s, 1, [&](CImgFilterSpecial& target, double*, auto... rest) {
+           target.DigitalDvlpOnly(1, s.src.get(), 1, rest..., nullptr, 1);
+         });
+       }},
+      {"digital development after a curve", 6116, kLines, Steps,
+       [](Stage& s) {
+         Develop(s, 2, [&](CImgFilterSpecial& target, double* gamma, auto... rest) {
+           target.DigitalDvlp2(1, gamma, s.src.get(), rest..., nullptr, 1);
+         });
+       }},
+      {"digital development before a curve", 6116, kLines, Steps,
+       [](Stage& s) {
+         Develop(s, 2, [&](CImgFilterSpecial& target, double* gamma, auto... rest) {
+           target.DigitalDvlpGmAftrDdp(1, gamma, s.src.get(), rest..., nullptr, 1);
+         });
+       }},
+      {"smaller stars", 6165, -1, Steps,
+       [](Stage& s) {
+         s.Target<CImgFilterSpecial>().StarSharpFilter(twos, ones, ones, 1, s.src.get(), nullptr, 1);
+       }},
+      {"stars enhanced", 6173, kLines, Steps,
+       [](Stage& s) {
+         s.Target<CImgFilterSpecial>().StarEnhanceFilter(1, 1, 0.1, 0, s.src.get(), nullptr, 1);
+       }},
+      {"stars enhanced by a wide map", 6173, kLines, Opens,
+       [](Stage& s) {
+         s.Target<CImgFilterSpecial>().StarEnhanceFilter2(ones, ones, ones, 0, s.src.get(), nullptr, 1);
+       }},
+      {"mask of stars", 6196, kLines, Opens,
+       [](Stage& s) { s.Target<CImgFilterSpecial>().StaryMask(1, 1, 0.1, 0, s.src.get(), nullptr, 1); }},
+      {"smooth sky", 6174, kLines, Steps,
+       [](Stage& s) {
+         s.Target<CImgFilterSpecial>().NebularSmootherFilter(ones, ones, twos, 0, s.src.get(), nullptr, 1);
+       }},
       {"flip rows", 6127, kLines, Steps, [](Stage& s) { s.Target<CImgFlip>().Do(0, s.src.get(), 1); }},
       {"flip columns", 6128, kLines, Steps, [](Stage& s) { s.Target<CImgFlip>().Do(1, s.src.get(), 1); }},
       {"scroll", 6146, kLines, Steps, [](Stage& s) { s.Target<CImgScroll>().Do(5, 1, s.src.get(), 1); }},

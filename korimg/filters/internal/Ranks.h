@@ -22,14 +22,16 @@ struct Neighbourhood {
 
 struct RankQuery {
   Neighbourhood cells;
-  std::optional<int> rank;  ///< 0 the smallest, NaN last; none: the upper middle of those that are there
+  std::optional<int> rank;     ///< 0 the smallest, NaN last; none: the upper middle of those that are there
+  std::vector<int> also = {};  ///< up to two more ranks of the cells
   /// The rows and columns that are read for those beyond the edges. Null: cells beyond the edges are left
   /// out.
   int (*row)(int y, int height) = nullptr;
   int (*column)(int x, int width) = nullptr;
 };
 
-/// Takes the results for `columns` pixels of row y from column x on; called by all workers.
+/// Takes the results for `columns` pixels of row y from column x on, after them as many of each further rank;
+/// called by all workers.
 using RankSink = std::function<void(int x, int y, const float* values, int columns)>;
 
 /// Finds the rank for each pixel of the window, on the whole team, and counts finished rows on the display of

@@ -43,6 +43,14 @@ struct RowTiles {
     row = LoopLevel(f, v);
     block = LoopLevel(f, part);
   }
+  /// The rows of a func that is computed whole for each of the tiles of another.
+  RowTiles(Halide::Func f, const RowTiles& tiles) : tile(tiles.tile), lanes(tiles.lanes), wide(tiles.wide) {
+    using namespace Halide;
+    Var x = f.args()[0], y = f.args()[1], u("u"), part("part");
+    f.compute_at(tile).split(x, part, u, wide, TailStrategy::RoundUp).vectorize(u, lanes).unroll(u);
+    row = LoopLevel(f, y);
+    block = LoopLevel(f, part);
+  }
 };
 
 /// A plane filtered by `weight`, 2 radius + 1 numbers, along x and then along y.
