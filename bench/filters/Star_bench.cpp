@@ -69,13 +69,15 @@ void Gaussian(benchmark::State& state) {
   });
 }
 
-/// `Development` and the rest of the arguments that all renderings share.
+/// What the renderings of digital development are given, for the threads of the case.
 struct Prepared {
   double gamma[3] = {2, 2, 2};
   int planes[3] = {0, 1, 2};
   float min[3], range[3], a[3], b[3];
 
-  Prepared(Images& images, double sigma) {
+  Prepared(Images& images, const benchmark::State& state) {
+    korimg::bench::SetThreads(static_cast<int>(state.range(1)));
+    const auto sigma = static_cast<double>(state.range(0));
     double background[3] = {3000}, r[3] = {sigma};
     images.special.ClearFilterProc();
     images.special.DigitalDvlp1(background, 0, r, 1, gamma, 1, &images.source, min, range, a, b, 0);
@@ -85,7 +87,7 @@ struct Prepared {
 template <Images& (*images)()>
 void Development(benchmark::State& state) {
   Images& i = images();
-  Prepared p(i, static_cast<double>(state.range(0)));
+  Prepared p(i, state);
   Measure(state, kHeight, [&] {
     i.special.DigitalDvlpOnly(1, &i.source, 1, p.planes, p.min, p.range, p.a, p.b, nullptr, 0);
   });
@@ -93,9 +95,7 @@ void Development(benchmark::State& state) {
 
 void DevelopmentAfterGamma(benchmark::State& state) {
   Images& i = Contiguous();
-  // The rows in use are those of the team.
-  korimg::bench::SetThreads(static_cast<int>(state.range(1)));
-  Prepared p(i, static_cast<double>(state.range(0)));
+  Prepared p(i, state);
   Measure(state, kHeight, [&] {
     i.special.DigitalDvlp2(1, p.gamma, &i.source, p.planes, p.min, p.range, p.a, p.b, nullptr, 0);
   });
