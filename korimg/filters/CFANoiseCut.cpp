@@ -96,7 +96,10 @@ class Surroundings {
   bool Follow(const float* pixel, int rings, float ratio) const {
     const Standing own = StandingOf(pixel);
     const bool rises = own.rise > own.fall;
-    const float least = 0.25f * (rises ? own.rise : own.fall);
+    // In a single frame of undersampled stars, with a threshold of 12 times the noise, a quarter cut 714
+    // pixels, an eighth 102, and this 4, two of which are hot in the next frame too.
+    constexpr float kFollowing = 1.0f / 16;
+    const float least = kFollowing * (rises ? own.rise : own.fall);
     for (int ring = 1; ring <= std::clamp(rings, 1, 2); ++ring) {
       int asked = 0, strays = 0;
       for (int dy = -ring; dy <= ring; ++dy) {

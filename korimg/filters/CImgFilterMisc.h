@@ -56,7 +56,7 @@ class KORIMG_API CImgFilterMisc : public CVelImage {
   ///
   /// A pixel rises by what it is above the second lowest of the four pixels of its colour that lie two
   /// columns or two rows away, and falls by what it is below the second highest; the larger of both counts. A
-  /// neighbour follows when it rises, or falls, by at least a quarter of that. The next 8 neighbours are
+  /// neighbour follows when it rises, or falls, by at least a sixteenth of that. The next 8 neighbours are
   /// asked, and with a `rings` of 2 or more the 16 about them too, which suits well sampled stars: of each
   /// ring at most the share `ratio` may not follow. With a `cfa` of 11 or above, a honeycomb's, the four of
   /// the same colour are those two columns and two rows away, and only the neighbours that are sites are

@@ -146,7 +146,7 @@ Definition cfa_noisecut(const Target& target, bool honeycomb) {
   standing(x, y) = {raw(x, y) - of_colour[1], of_colour[2] - raw(x, y)};
 
   Expr rises = standing(x, y)[0] > standing(x, y)[1];
-  Expr least = 0.25f * select(rises, standing(x, y)[0], standing(x, y)[1]);
+  Expr least = (1.0f / 16) * select(rises, standing(x, y)[0], standing(x, y)[1]);
   const auto follows = [&](int ring) {
     Expr strays = 0;
     int asked = 0;

@@ -130,7 +130,7 @@ void Fringe(Call& call, const FringeOptions& o) {
 }
 
 struct GuideErrorOptions {
-  double length = 2, angle = 0, centre = 1, strength = 0.3;
+  double length = 2, angle = 0, centre = 1, strength = 0.1;
 };
 
 void GuideError(Call& call, const GuideErrorOptions& o) {
@@ -256,7 +256,7 @@ std::vector<Operation> NoiseOperations() {
           .Takes("ratio", &CfaNoiseOptions::ratio,
                  {"share of a star's neighbours that may be dark; lower ones remove more", "", 0, 1})
           .Takes("rings", &CfaNoiseOptions::rings,
-                 {"1: the 8 pixels about one tell a star; 2: those about them too, for a FWHM above 4 pixels",
+                 {"1: the 8 pixels about one tell a star; 2: those about them too, for a FWHM above 3 pixels",
                   "", 1, 2})
           .Chooses(
               "pattern", &CfaNoiseOptions::pattern,

@@ -64,7 +64,7 @@ bool Follows(CVelImage& src, int cfa, int rings, double ratio, int x, int y) {
         if (std::abs(dx) != ring && std::abs(dy) != ring) continue;
         if (cfa >= 11 && (dx + dy) % 2 != 0) continue;
         ++asked;
-        following += !(standing(x + dx, y + dy, up) < standing(x, y, up) / 4);
+        following += !(standing(x + dx, y + dy, up) < standing(x, y, up) / 16);
       }
     }
     if (following < (1 - ratio) * asked) return false;
@@ -259,7 +259,7 @@ TEST(CompareArea, TellsAStarFromALonePixel) {
           Make(store, kSide, kSide, 1, Night(cfa, [](int x, int y) {
                  const double d2 = (x - 10) * (x - 10) + (y - 10) * (y - 10);
                  const double e2 = (x - 30) * (x - 30) + (y - 10) * (y - 10);
-                 return 4000 * std::exp(-d2 / 8) + 4000 * std::exp(-e2 / 2) + (x == 30 && y == 30 ? 4000 : 0);
+                 return 4000 * std::exp(-d2 / 8) + 4000 * std::exp(-e2) + (x == 30 && y == 30 ? 4000 : 0);
                }));
       CImgFilterMisc misc;
       for (const int rings : {1, 2}) {
