@@ -207,7 +207,7 @@ void CImgFilterSpecial::DigitalDvlp1(double background[], int filter, double r[]
     }
     MakeFilterProc(src, &matrix, p, 1);
   }
-  float max[3];
+  float max[3] = {};
   SetEndsOfUnknownMode(*this, min, max);
   DigitalDvlpGetMinMax(levelMode, src, min, max, range);
   const GammaCurve curve(gammaAfter ? 1.0 : gamma[0], min[0], range[0]);
@@ -305,7 +305,7 @@ void CImgFilterSpecial::DigitalDvlpOnly(int develop, CVelImage* src, double stre
 void CImgFilterSpecial::DigitalDvlpGetLevel(double gamma[], int levelMode, CVelImage* src, double low[],
                                             double high[]) {
   if (std::all_of(gamma, gamma + 3, [](double g) { return g == 1.0; })) return;
-  float min[3], max[3], range[3];
+  float min[3] = {}, max[3] = {}, range[3] = {};
   SetEndsOfUnknownMode(*this, min, max);
   DigitalDvlpGetMinMax(levelMode, src, min, max, range);
   for (int p = 0; p < GetPlanes(); ++p) {
