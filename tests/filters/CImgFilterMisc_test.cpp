@@ -102,18 +102,20 @@ double Sum(CVelImage& src, const std::function<double(int dx, int dy)>& cell, in
 }
 
 TEST(GuideErrorCanceller, MixesInItsKernel) {
-  for (const auto& [length, angle, width, strength] :
-       {std::tuple(3.0, 0.0, 1.0, 0.5), {2.4, 30.0, 1.5, 1.0}, {0.3, 90.0, 2.0, 0.25}}) {
+  struct Case {
+    double length, angle, width, strength;
+  };
+  for (const Case& c : {Case{3.0, 0.0, 1.0, 0.5}, {2.4, 30.0, 1.5, 1.0}, {0.3, 90.0, 2.0, 0.25}}) {
     CFilterMatrix kernel;
-    kernel.MakeGuideErrorCanceller(std::max<int>(std::ceil(length), 1), length, angle, width);
+    kernel.MakeGuideErrorCanceller(std::max<int>(std::ceil(c.length), 1), c.length, c.angle, c.width);
     CheckFilter<CImgFilterMisc>(
         [&](CImgFilterMisc& target, CVelImage& src, CRect* rect) {
-          target.GuideErrorCanceller(length, angle, width, strength, &src, rect, 0);
+          target.GuideErrorCanceller(c.length, c.angle, c.width, c.strength, &src, rect, 0);
         },
         [&](CVelImage& src, bool, int p, int x, int y) {
           const auto cell = [&](int dx, int dy) { return kernel.GetPrm(dx, dy); };
-          return (1 - strength) * src.GetPixelGrayRaw(x, y, p) +
-                 strength * Sum(src, cell, kernel.GetR(), p, x, y);
+          return (1 - c.strength) * src.GetPixelGrayRaw(x, y, p) +
+                 c.strength * Sum(src, cell, kernel.GetR(), p, x, y);
         },
         2e-4);
   }

@@ -10,22 +10,24 @@ using namespace korimg::test;
 namespace {
 
 TEST(ColorNoiseCut, DarkColoursAreDrawnTowardsTheirGrey) {
-  for (const auto& [level, margin, strength] :
-       {std::tuple(40.0, 0.0, 1.0), {90.0, 25.0, 0.3}, {0.0, 0.0, 0.5}}) {
+  struct Case {
+    double level, margin, strength;
+  };
+  for (const Case& c : {Case{40.0, 0.0, 1.0}, {90.0, 25.0, 0.3}, {0.0, 0.0, 0.5}}) {
     CheckFilter<CImgFilterMisc>(
         [&](CImgFilterMisc& target, CVelImage& src, CRect* rect) {
-          target.ColorNoiseCut(level, margin, strength, &src, rect, 0);
+          target.ColorNoiseCut(c.level, c.margin, c.strength, &src, rect, 0);
         },
         [&](CVelImage& src, bool, int p, int x, int y) -> double {
-          double c[3], grey = 0;
+          double v[3], grey = 0;
           bool dark = false;
           for (int i = 0; i < 3; ++i) {
-            c[i] = (src.GetPixelGrayRaw(x, y, i) - TargetMin(i)) / TargetRange(i) * 255;
-            grey += std::array{0.2989, 0.5866, 0.1145}[i] * c[i];
-            dark |= c[i] < level + margin;
+            v[i] = (src.GetPixelGrayRaw(x, y, i) - TargetMin(i)) / TargetRange(i) * 255;
+            grey += std::array{0.2989, 0.5866, 0.1145}[i] * v[i];
+            dark |= v[i] < c.level + c.margin;
           }
           if (!dark) return src.GetPixelGrayRaw(x, y, p);
-          return ((grey - c[p]) * strength + c[p]) / 255 * TargetRange(p) + TargetMin(p);
+          return ((grey - v[p]) * c.strength + v[p]) / 255 * TargetRange(p) + TargetMin(p);
         },
         2e-4);
   }
