@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <limits>
+#include <utility>
 #include <vector>
 
 #include "korimg/filters/CImgFilterMisc.h"

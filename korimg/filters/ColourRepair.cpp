@@ -1,4 +1,5 @@
 // Colours that are noise or a fringe.
+#include <algorithm>
 #include <cmath>
 
 #include "korimg/filters/CImgFilterMisc.h"

@@ -1,4 +1,5 @@
 // Hot and cool pixels, and noise where an image is faint.
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <vector>
