@@ -53,7 +53,7 @@ def main():
     cases = [
         ("equalize, a sky", "equalize_bench", "EqualizeSky", FRAME, lambda: rank(sky)),
         ("equalize, 16 bits", "equalize_bench", "EqualizeWhole", FRAME, lambda: rank(whole)),
-        ("star-sharpen 3, rank 14.5", "star_bench", "StarSharp", PART,
+        ("star-sharpen 3, rank 14.5", "star_bench", "StarSharp/r:3", PART,
          lambda: ndimage.rank_filter(noise, 14, footprint=disc(3), mode="mirror")),
         ("hot-cool 2", "noise_bench", "HotCool2", PART,
          lambda: ndimage.median_filter(noise, footprint=disc(2), mode="mirror")),

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <new>
 #include <vector>
 
@@ -21,7 +22,7 @@ namespace {
 
 constexpr int kSteps = 258;  ///< of the progress, for each plane
 // What is left of a sort key, hash and place are 64 bits together.
-constexpr int kClassBits = 16, kHashBits = 16;
+constexpr int kClassBits = 14, kHashBits = 14;
 
 /// A number that looks random, of a place.
 std::uint64_t Hash(std::uint32_t place) {
@@ -61,8 +62,9 @@ class PlaneRanks {
       : src_(src), plane_(plane), classes_(src.GetMinPixel(plane), src.GetMaxPixel(plane)) {
     const std::uint64_t pixels = static_cast<std::uint64_t>(src.GetWidth()) * src.GetHeight();
     if (pixels > std::numeric_limits<std::uint32_t>::max()) throw std::bad_alloc();
-    keys_.resize(pixels);
-    ranks_.resize(pixels);
+    pixels_ = pixels;
+    keys_ = std::make_unique_for_overwrite<std::uint64_t[]>(pixels);
+    ranks_ = std::make_unique_for_overwrite<std::uint32_t[]>(pixels);
     Gather();
   }
 
@@ -71,13 +73,13 @@ class PlaneRanks {
   void Sort(F&& step) {
     // Parts of about as many pixels.
     const auto firstClassOf = [&](int part) {
-      const std::uint64_t pixels = ranks_.size() * part / kSteps;
+      const std::uint64_t pixels = pixels_ * part / kSteps;
       return std::lower_bound(starts_.begin(), starts_.end() - 1, pixels) - starts_.begin();
     };
     ForLines(Team::All, 0, kSteps, [&](int part) {
       std::vector<std::uint64_t> numbers, spare;
       for (auto c = firstClassOf(part); c < firstClassOf(part + 1); ++c) {
-        numbers.assign(keys_.begin() + starts_[c], keys_.begin() + starts_[c + 1]);
+        numbers.assign(&keys_[starts_[c]], &keys_[starts_[c + 1]]);
         SortByBits(numbers, 32, 32 + kHashBits + classes_.Bits(), spare);
         std::uint32_t rank = starts_[c];
         for (const std::uint64_t number : numbers) {
@@ -130,9 +132,10 @@ class PlaneRanks {
   CVelImage& src_;
   int plane_;
   Classes classes_;
-  std::vector<std::uint64_t> keys_;  ///< by classes; rest of the sort key, hash and place of each pixel
+  std::uint64_t pixels_ = 0;
+  std::unique_ptr<std::uint64_t[]> keys_;  ///< by classes; rest of the sort key, hash and place of each pixel
   std::vector<std::uint32_t> starts_;
-  std::vector<std::uint32_t> ranks_;
+  std::unique_ptr<std::uint32_t[]> ranks_;
 };
 
 }  // namespace
