@@ -124,7 +124,7 @@ void AddOps(CLI::App& app, Tool& tool) {
     } else {
       for (const Operation& operation : Operations()) {
         if (!isFamily || operation.family == *name) {
-          fmt::print("{:<18}{}\n", operation.name, operation.summary);
+          fmt::print("{:<21}{}\n", operation.name, operation.summary);
         }
       }
     }

@@ -56,6 +56,8 @@ class Surroundings {
  public:
   Surroundings(CVelImage& src, const ColourArray& array, const Window& window)
       : array_(array),
+        width_(src.GetWidth()),
+        height_(src.GetHeight()),
         pitch_(window.Width() + 2 * kReach),
         pixels_(static_cast<size_t>(window.Height() + 2 * kReach) * pitch_) {
     float* to = pixels_.data();
@@ -90,8 +92,19 @@ class Surroundings {
 
   /// The first pixel of a row of the window, counted from its top.
   const float* Row(int row) const { return pixels_.data() + (kReach + row) * pitch_ + kReach; }
-  /// The nearest four of its colour.
-  const Four& Nearest(bool green) const { return green ? green_ : other_; }
+  /// The nearest four of the colour of the pixel at (x, y). Those that are the pixel itself, mirrored, give
+  /// way to the ones across.
+  Four Nearest(int x, int y) const {
+    if (array_.IsGreen(x, y)) return green_;
+    Four four = other_;
+    if (array_.IsHoneycomb()) return four;
+    auto& [up, left, right, down] = four;
+    if (x == 1) left = 2;
+    if (x == width_ - 2) right = -2;
+    if (y == 1) up = 2 * pitch_;
+    if (y == height_ - 2) down = -2 * pitch_;
+    return four;
+  }
 
   /// The pixel is no noise by those about it: see CompareArea.
   bool Follow(const float* pixel, int rings, float ratio) const {
@@ -129,6 +142,7 @@ class Surroundings {
   }
 
   ColourArray array_;
+  int width_, height_;
   std::ptrdiff_t pitch_;
   std::vector<float> pixels_;
   Four green_, other_;  ///< the nearest of the colour of green pixels and of the others
@@ -192,7 +206,7 @@ void CImgFilterMisc::CFANoiseCut(int mode, int cfa, double threshold, int patter
       for (int i = 0; i < band.Width(); ++i) {
         const int x = band.left + i;
         const bool decided = array.IsSite(x, y) && in[i] == in[i];
-        out[i] = decided ? cut(pixels + i, around.Nearest(array.IsGreen(x, y)), around) : in[i];
+        out[i] = decided ? cut(pixels + i, around.Nearest(x, y), around) : in[i];
       }
     }
   });

@@ -91,7 +91,7 @@ void CImgFilterMisc::BkgSmooth(double* level, double* width, int kind, double* r
   }
   FilterLines(*this, *src, window, nullptr, [&](int p, int y, float* line) {
     FilterProcSlots().CalcLine(window.left, window.right, y, p, line);
-    const auto high = static_cast<float>(ToRaw(level[p], p));
+    const auto high = static_cast<float>(level[p]);
     const auto fade = static_cast<float>(width[p] / 255.0 * GetLevelRange(p));
     const float low = high - fade;
     const float* s = src->GetLine(window.left, y, p);

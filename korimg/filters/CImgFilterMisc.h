@@ -46,9 +46,9 @@ class KORIMG_API CImgFilterMisc : public CVelImage {
   ///     3  pairs too: pixels that differ from all but one; they become the second in value
   ///     4  the same; they become the mean of the middle two
   ///
-  /// NaN stays and counts as larger than any number. Beyond the edges a Bayer mosaic mirrors; a honeycomb
-  /// repeats by its period, and does not know a star that the edge cuts. Contiguous and paged stores give the
-  /// same.
+  /// NaN stays and counts as larger than any number. Beyond the edges a Bayer mosaic mirrors, and no
+  /// pixel is compared with itself; a honeycomb repeats by its period, and does not know a star that the edge
+  /// cuts. Contiguous and paged stores give the same.
   void CFANoiseCut(int mode, int cfa, double threshold, int pattern, double ratio, CVelImage* src,
                    CRect* rect, int show);
   /// Tells whether the surroundings of a mosaic's pixel follow it, so that it is no noise: 1 or 0, which is
@@ -75,9 +75,10 @@ class KORIMG_API CImgFilterMisc : public CVelImage {
   void GuideErrorCanceller(double length, double angle, double width, double strength, CVelImage* src,
                            CRect* rect, int show);
 
-  /// Smooths the sky by a Gaussian of sigma `radius`: pixels above `level` stay, those at least `width` below
-  /// become the Gaussian, which nowhere exceeds the level, and between them it is mixed in by proportion.
-  /// Kinds 0 and 1 are the same; any other does nothing. `flat` is not used. Edges are those of CFilterProc.
+  /// Smooths the sky by a Gaussian of sigma `radius`: pixels above `level`, a raw value, stay, those at least
+  /// `width` (0 to 255) below become the Gaussian, which nowhere exceeds the level, and between them it is
+  /// mixed in by proportion. Kinds 0 and 1 are the same; any other does nothing. `flat` is not used. Edges
+  /// are those of CFilterProc.
   void BkgSmooth(double* level, double* width, int kind, double* radius, double flat, CVelImage* src,
                  CRect* rect, int show);
 

@@ -140,20 +140,23 @@ void RunSubBands(CVelImage& target, CVelImage& src, int p, const Window& window,
   });
 }
 
-/// Writes the mean of the sub-bands' unsharp masks over a line.
-void MeanOfSubBands(CVelImage& target, const SubBandWeights& weights, int p, int y, const Window& window,
-                    const float* s, float* line) {
+/// Writes the mean of the sub-bands' unsharp masks over a line. Each Gaussian reads rows of the source, after
+/// which addresses of its lines are no good.
+void MeanOfSubBands(CVelImage& target, CVelImage& src, const SubBandWeights& weights, int p, int y,
+                    const Window& window, float* line) {
   const int columns = window.Width();
   std::vector<float> gaussian(columns);
   std::fill_n(line, columns, 0.0f);
   for (int n = 0; n < kBands; ++n) {
     if (!weights.Uses(n)) {
+      const float* s = src.GetLine(window.left, y, p);
       for (int x = 0; x < columns; ++x) {
         line[x] += s[x];
       }
       continue;
     }
     target.FilterProcSet(n).CalcLine(window.left, window.right, y, p, gaussian.data());
+    const float* s = src.GetLine(window.left, y, p);
     const float w = weights.w[n];
     for (int x = 0; x < columns; ++x) {
       line[x] += w * (s[x] - gaussian[x]) + s[x];
@@ -186,7 +189,7 @@ void SharpenSubBands(CVelImage& target, const std::array<const double*, kBands>&
     return;
   }
   SharpenLines(target, src, window, &confined, [&](int p, int y, float* line) {
-    MeanOfSubBands(target, weights[p], p, y, window, src.GetLine(window.left, y, p), line);
+    MeanOfSubBands(target, src, weights[p], p, y, window, line);
   });
 }
 

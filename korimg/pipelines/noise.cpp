@@ -172,8 +172,17 @@ Definition cfa_noisecut(const Target& target, bool honeycomb) {
   const std::array<Offset, 4> greens = honeycomb ? cross(2) : corners(1),
                               others = honeycomb ? corners(2) : cross(2);
   std::array<Expr, 4> nearest;
+  auto of_others = values(others);
+  if (!honeycomb) {
+    // What is the pixel itself, mirrored, gives way to the one across.
+    auto& [up, left, right, down] = of_others;
+    left = select(x == 1, raw(x + 2, y), left);
+    right = select(x == input.width() - 2, raw(x - 2, y), right);
+    up = select(y == 1, raw(x, y + 2), up);
+    down = select(y == input.height() - 2, raw(x, y - 2), down);
+  }
   for (int i = 0; i < 4; ++i) {
-    nearest[i] = select(green, values(greens)[i], values(others)[i]);
+    nearest[i] = select(green, values(greens)[i], of_others[i]);
   }
   const auto v = ascending(nearest);
   Expr pairs = mode > 2, mean = mode % 2 == 0;

@@ -21,7 +21,8 @@ enum class CurveEnds : int { ZeroToBrightest, DarkestToBrightest, DarkestToWhite
 struct DevelopmentOptions {
   PerPlane radius = 10;
   BlurKind filter = BlurKind::Gaussian;
-  double weight = 1, background = 32, strength = 1;
+  std::optional<double> weight;
+  double background = 32, strength = 1;
   Drive drive = Drive::Plane;
   PerPlane gamma = 1;
   GammaOrder order = GammaOrder::Before;
@@ -37,6 +38,9 @@ void Develop(Call& call, const DevelopmentOptions& options) {
   if (hasCurve && options.strength != 1) {
     throw UsageError("digital-development: strength is for a gamma of 1; blend the result by --mask instead");
   }
+  if (options.weight && options.filter == BlurKind::Gaussian) {
+    throw UsageError("digital-development: weight is for filter=mean; leave it out, or give that filter");
+  }
   int planes[] = {0, 1, 2};
   if (options.drive == Drive::Brightness) std::fill_n(planes, 3, 3);
   call.image->CalcMinMax();
@@ -45,8 +49,9 @@ void Develop(Call& call, const DevelopmentOptions& options) {
     double background[] = {source->ToRaw(options.background, 0)};
     float min[3] = {}, range[3] = {}, a[3] = {}, b[3] = {};
     const bool after = options.order == GammaOrder::After;
-    target.DigitalDvlp1(background, static_cast<int>(options.filter), radii.data(), options.weight,
-                        gamma.data(), static_cast<int>(options.ends), source, min, range, a, b, after);
+    target.DigitalDvlp1(background, static_cast<int>(options.filter), radii.data(),
+                        options.weight.value_or(1), gamma.data(), static_cast<int>(options.ends), source, min,
+                        range, a, b, after);
     if (!hasCurve) {
       target.DigitalDvlpOnly(1, source, options.strength, planes, min, range, a, b, call.rect, kShow);
     } else if (after) {
@@ -73,7 +78,7 @@ std::vector<Operation> DevelopmentOperations() {
           .Chooses("filter", &DevelopmentOptions::filter,
                    {{"gaussian", BlurKind::Gaussian}, {"mean", BlurKind::Mean}}, "the blur")
           .Takes("weight", &DevelopmentOptions::weight,
-                 {"of a mean's neighbours against the pixel's 1", "", 0, 1e6})
+                 {"of a mean's neighbours against the pixel's 1; 1 when it is left out", "", 0, 1e6})
           .Takes("background", &DevelopmentOptions::background,
                  {"what is added to the blur: the lower it is, the more is compressed", "0-255", 0.001, 1e6})
           .Chooses(

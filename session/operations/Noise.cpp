@@ -25,14 +25,19 @@ enum class Outliers { Both, Hot, Cool };
 struct HotCoolOptions {
   double radius = 1;
   Outliers pixels = Outliers::Both;
-  double hot = 0.5, cool = 0.5;
+  std::optional<double> hot, cool;
 };
 
 void HotCool(Call& call, const HotCoolOptions& o) {
+  constexpr double kShare = 0.5;
   CheckRadius(call, o.radius);
+  if ((o.pixels == Outliers::Hot && o.cool) || (o.pixels == Outliers::Cool && o.hot)) {
+    throw UsageError(
+        "hot-cool: pixels= names one kind, and there is a share for the other; leave out one of both");
+  }
   call.Replace<CImgFilterMisc>([&](CImgFilterMisc& target) {
-    target.NoiseCut(o.radius, o.pixels != Outliers::Hot, o.cool, o.pixels != Outliers::Cool, o.hot,
-                    call.image.get(), call.rect, kShow);
+    target.NoiseCut(o.radius, o.pixels != Outliers::Hot, o.cool.value_or(kShare), o.pixels != Outliers::Cool,
+                    o.hot.value_or(kShare), call.image.get(), call.rect, kShow);
   });
 }
 
@@ -148,6 +153,9 @@ void SmoothSky(Call& call, const SmoothSkyOptions& o) {
   constexpr int kGaussian = 0;
   const int planes = call.image->GetPlanes();
   auto level = o.level.For(planes), width = o.width.For(planes), sigma = o.sigma.For(planes);
+  for (int p = 0; p < planes; ++p) {
+    level[p] = call.image->ToRaw(level[p], p);
+  }
   CheckRadius(call, CFilterMatrix::GetGaussian_nR(*std::max_element(sigma.begin(), sigma.end())));
   call.Replace<CImgFilterMisc>([&](CImgFilterMisc& target) {
     target.BkgSmooth(level.data(), width.data(), kGaussian, sigma.data(), 0, call.image.get(), call.rect,
@@ -184,6 +192,9 @@ int RadiusOf(const Call& call, const Matrix& matrix) {
 
 void Kernel(Call& call, const KernelOptions& o) {
   const int planes = call.image->GetPlanes();
+  if (planes < 3 && (o.green || o.blue)) {
+    throw UsageError("kernel: the image has one plane; give matrix alone");
+  }
   std::vector<Matrix> matrices{o.matrix, o.green.value_or(o.matrix), o.blue.value_or(o.matrix)};
   std::vector<int> radii;
   std::vector<double*> kernels;
@@ -298,9 +309,11 @@ std::vector<Operation> NoiseOperations() {
                    {{"both", Outliers::Both}, {"hot", Outliers::Hot}, {"cool", Outliers::Cool}},
                    "which are replaced")
           .Takes("hot", &HotCoolOptions::hot,
-                 {"share by which the median must be less than a hot pixel", "", 0, 1e6})
-          .Takes("cool", &HotCoolOptions::cool,
-                 {"share of a cool pixel by which the median must be more", "", 0, 1e6})
+                 {"share by which the median must be less than a hot pixel; 0.5 when it is left out", "", 0,
+                  1e6})
+          .Takes(
+              "cool", &HotCoolOptions::cool,
+              {"share of a cool pixel by which the median must be more; 0.5 when it is left out", "", 0, 1e6})
           .OnRect()
           .StoresAgree(std::nullopt)
           .Example("radius=2 hot=0.3 cool=0.8")
@@ -331,7 +344,9 @@ std::vector<Operation> NoiseOperations() {
           .Takes("threshold", &SmoothFaintOptions::threshold,
                  {"up to it the blur is whole", "0-255", -1e6, 1e6})
           .Takes("radius", &SmoothFaintOptions::radius,
-                 {"of the blur; its fraction is dropped", "pixels", 0, 1000})
+                 {"of the blur, whose fraction is dropped; neighbours whose squared distance is at most it "
+                  "tell edges",
+                  "pixels", 0, 1000})
           .Takes("weight", &SmoothFaintOptions::weight,
                  {"of each neighbour against the pixel's 1", "", 0, 1e6})
           .OnRect()

@@ -36,12 +36,18 @@ double PixelOf(CVelImage& src, int cfa, int x, int y) {
   return std::isnan(v) ? INFINITY : v;
 }
 
-std::vector<double> Under(CVelImage& src, int cfa, int x, int y, const CFilterMatrix& mask) {
+/// Pixels under a mask, ascending; in place of one that is the pixel itself, mirrored, the one across.
+std::vector<double> Under(CVelImage& src, int cfa, int x, int y, const CFilterMatrix& mask,
+                          bool notItself = false) {
   std::vector<double> values;
   for (int dy = -2; dy <= 2; ++dy) {
     for (int dx = -2; dx <= 2; ++dx) {
       const bool inside = std::abs(dx) <= mask.GetR() && std::abs(dy) <= mask.GetR();
-      if (inside && mask.GetPrm(dx, dy) != 0) values.push_back(PixelOf(src, cfa, x + dx, y + dy));
+      if (!inside || mask.GetPrm(dx, dy) == 0) continue;
+      const bool isItself = notItself && SameColour(cfa, x + dx, src.GetWidth()) == x &&
+                            SameColour(cfa, y + dy, src.GetHeight()) == y;
+      const int side = isItself ? -1 : 1;
+      values.push_back(PixelOf(src, cfa, x + side * dx, y + side * dy));
     }
   }
   std::sort(values.begin(), values.end());
@@ -78,7 +84,7 @@ double Expected(CVelImage& src, int mode, int cfa, double margin, int rings, dou
   if (colour < 0 || std::isnan(pixel)) return pixel;
   CFilterMatrix mask;
   mask.MakeCFAMask(colour, cfa < 11);
-  const auto four = Under(src, cfa, x, y, mask);
+  const auto four = Under(src, cfa, x, y, mask, cfa < 11);
   const double highest = mode <= 2 ? four[3] : four[2], lowest = mode <= 2 ? four[0] : four[1];
   const bool hot = pixel > highest + margin, cold = pixel < lowest - margin;
   if (!hot && !cold) return pixel;
@@ -100,6 +106,26 @@ PixelRule Sky() {
     const double v = std::round(Wild(200, 240, 3)(p, x, y)) + 60 * (x % 2) + 90 * (y % 2);
     return Random(0, 1, 5)(p, x, y) < 0.15 ? v + std::round(Random(-150, 150, 6)(p, x, y)) : v;
   };
+}
+
+TEST(CFANoiseCut, LonePixelsGoWhereverTheyLie) {
+  for (const StoreCase& store : Stores()) {
+    for (const int cfa : {1, 2, 3, 4}) {
+      for (const double wild : {2500.0, 10.0}) {
+        for (int place = 0; place < 14 * 12; ++place) {
+          const auto src = Make(store.make(), 14, 12, 1, [&](int, int x, int y) {
+            return x == place % 14 && y == place / 14 ? wild : 500.0;
+          });
+          const auto target = Make<CImgFilterMisc>(src->VmManager(), 14, 12, 1, Random(0, 1));
+          target->CFANoiseCut(1 + place % 2, cfa, 2, 1, 0.5, src.get(), nullptr, 0);
+          ASSERT_EQ(Difference(
+                        *target, [](int, int, int) { return 500.0; }, 0),
+                    "")
+              << store.name << " array " << cfa << " place " << place % 14 << ", " << place / 14;
+        }
+      }
+    }
+  }
 }
 
 TEST(CFANoiseCut, EqualsItsRuleOnEveryArray) {

@@ -122,7 +122,7 @@ TEST(GuideErrorCanceller, MixesInItsKernel) {
 }
 
 TEST(BkgSmooth, TheSkyIsSmoothedUpToItsLevel) {
-  double level[] = {120, 60, 200}, width[] = {40, 0, 150}, sigma[] = {1.3, 2.0, 0.0};
+  double level[] = {580, 360, 940}, width[] = {40, 0, 150}, sigma[] = {1.3, 2.0, 0.0};
   const auto gaussian = [&](CVelImage& src, int p, int x, int y) {
     const int r = std::max(static_cast<int>(sigma[p] * 2.8 + 1), 1);
     double sum = 0, weights = 0;
@@ -140,7 +140,7 @@ TEST(BkgSmooth, TheSkyIsSmoothedUpToItsLevel) {
           target.BkgSmooth(level, width, kind, sigma, 0.5, &src, rect, 0);
         },
         [&](CVelImage& src, bool, int p, int x, int y) {
-          const double high = level[p] / 255 * TargetRange(p) + TargetMin(p);
+          const double high = level[p];
           const double fade = width[p] / 255 * TargetRange(p), s = src.GetPixelGrayRaw(x, y, p);
           const double sky = std::min(high, gaussian(src, p, x, y)), t = (s - high + fade) / fade;
           return s > high ? s : s <= high - fade ? sky : (1 - t) * sky + t * s;

@@ -179,6 +179,24 @@ TEST(CImgFilterSharp, OneBandOfSixIsAnUnsharpMaskAndNoneTheImage) {
   }
 }
 
+TEST(CImgFilterSharp, SixGaussiansReadMoreRowsThanAPoolHolds) {
+  const auto sharpen = [](const std::shared_ptr<CVmManager>& store, int threads) {
+    const WithThreads team(threads);
+    const auto src = Make(store, 300, 90, 1, Random(-100, 1200));
+    const auto target = Make<CImgFilterSharp>(src->VmManager(), 300, 90, 1, Random(0, 1));
+    target->SubBandUnSharpMask(3, 1, 2, 1, 1, 0, 4, 2, 1, 1, 5, 1, 0, 0, 0, 0, 0, 0, 0, 0, src.get(), nullptr,
+                               0);
+    return target;
+  };
+  const auto contiguous = sharpen(MemoryStore(), 8), paged = sharpen(TinyPool(), 8);
+  const auto inside = [&](int p, int x, int y) {  // edges differ between the stores
+    const bool near = x < 15 || y < 15 || x >= 285 || y >= 75;
+    return near ? paged->GetPixelGrayRaw(x, y, p) : contiguous->GetPixelGrayRaw(x, y, p);
+  };
+  EXPECT_EQ(Difference(*paged, inside, kRounding), "");
+  EXPECT_EQ(Difference(*sharpen(TinyPool(), 1), *paged, 0), "");
+}
+
 TEST(CImgFilterSharp, AFlatImageAndASingleNan) {
   const PixelRule flat = [](int, int x, int y) { return x == 20 && y == 9 ? NAN : 512.25; };
   for (const StoreCase& store : Stores()) {
@@ -187,6 +205,12 @@ TEST(CImgFilterSharp, AFlatImageAndASingleNan) {
         {2, [&](CImgFilterSharp& t) { t.SharpFilter(2, 1, src.get(), nullptr, 0); }},
         {2, [&](CImgFilterSharp& t) { t.SharpEdgeFilter(2, 1, src.get(), nullptr, 0); }},
         {3, [&](CImgFilterSharp& t) { t.UnSharpMask(1, 1, 0, src.get(), nullptr, 0); }},
+        {0, [&](CImgFilterSharp& t) { t.UnSharpMask(0, 1, 0, src.get(), nullptr, 0); }},
+        {0,
+         [&](CImgFilterSharp& t) {
+           t.SubBandUnSharpMask(0, 6, 2, 0, 7, 0, 7, 0, 7, 0, 7, 0, 0, 0, 0, 0, 0, 0, 0, 0, src.get(),
+                                nullptr, 0);
+         }},
         {3,
          [&](CImgFilterSharp& t) {
            t.UnSharpMask(1, 1, 1, 100, 10, 1, 120, 10, 1, 50, src.get(), nullptr, 0);

@@ -33,13 +33,14 @@ inline int WholeRadius(double r) {
   return std::max(TruncateToInt(std::ceil(r)), 1);
 }
 
-/// A pipeline's view of the weights of a separable filter.
+/// A pipeline's view of the weights of a separable filter, an odd number. Weights of 0 at both ends are left
+/// out: NaN under them is no part of the result.
 class WeightBuffer {
  public:
   /// The middle row of a kernel, divided by its sum.
   explicit WeightBuffer(const CFilterMatrix& matrix) : WeightBuffer(matrix.GetMiddleRow(1)) {}
-  explicit WeightBuffer(std::vector<float> weights)
-      : weights_(std::move(weights)), buffer_(weights_.data(), static_cast<int>(weights_.size())) {}
+  explicit WeightBuffer(const std::vector<float>& weights)
+      : weights_(WithoutZeroEnds(weights)), buffer_(weights_.data(), static_cast<int>(weights_.size())) {}
   WeightBuffer(const WeightBuffer&) = delete;
   WeightBuffer& operator=(const WeightBuffer&) = delete;
 
@@ -47,6 +48,15 @@ class WeightBuffer {
   int R() const { return static_cast<int>(weights_.size()) / 2; }
 
  private:
+  static std::vector<float> WithoutZeroEnds(const std::vector<float>& weights) {
+    auto first = weights.begin(), end = weights.end();
+    while (end - first > 1 && *first == 0 && *(end - 1) == 0) {
+      ++first;
+      --end;
+    }
+    return {first, end};
+  }
+
   std::vector<float> weights_;
   Halide::Runtime::Buffer<float, 1> buffer_;
 };

@@ -58,6 +58,9 @@ TEST_F(Noise, WhatCannotBeRepairedIsRefused) {
       {1, "colour-noise", {}, "one plane"},
       {1, "fringe", {}, "one plane"},
       {3, "fringe", {{"colour", "0,10,20"}}, "some red"},
+      {3, "hot-cool", {{"pixels", "hot"}, {"cool", "0.3"}}, "leave out"},
+      {1, "kernel", {{"matrix", "2"}, {"green", "3"}}, "one plane"},
+      {3, "digital-development", {{"weight", "2"}}, "filter=mean"},
       {3, "kernel", {{"matrix", "1,2;3,4"}}, "2 x 2"},
       {3, "kernel", {{"matrix", "1"}, {"blue", "1,2,3"}}, "3 x 1"},
   };
