@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstring>
+#include <string>
 
 #include <benchmark/benchmark.h>
 #include <opencv2/core/utility.hpp>
@@ -27,6 +28,15 @@ void Run(benchmark::State& state, int threads, F&& run) {
   for ([[maybe_unused]] auto _ : state) {
     run();
   }
+}
+
+/// Registers a case for a number of threads, its first number, which its name tells too.
+inline void Add(const std::string& name, void (*run)(benchmark::State&), int threads) {
+  benchmark::RegisterBenchmark(name.c_str(), run)
+      ->ArgName("threads")
+      ->Arg(threads)
+      ->Unit(benchmark::kMillisecond)
+      ->UseRealTime();
 }
 
 inline void CopyByLines(const float* from, float* to, int width, int height) {

@@ -120,24 +120,8 @@ void KernelOfOpenCv(Images& i) {
 
 template <int planes, Work work>
 void Add(const std::string& name, int threads) {
-  const auto add = [&](const std::string& store, void (*run)(benchmark::State&)) {
-    benchmark::RegisterBenchmark((name + store).c_str(), run)
-        ->ArgName("threads")
-        ->Arg(threads)
-        ->Unit(benchmark::kMillisecond)
-        ->UseRealTime();
-  };
-  add("", Measure<Contiguous<planes>, work>);
-  add("Paged", Measure<Paged<planes>, work>);
-}
-
-template <Work work>
-void AddPeer(const std::string& name, int threads) {
-  benchmark::RegisterBenchmark(name.c_str(), Measure<Contiguous<1>, work>)
-      ->ArgName("threads")
-      ->Arg(threads)
-      ->Unit(benchmark::kMillisecond)
-      ->UseRealTime();
+  korimg::bench::Add(name, Measure<Contiguous<planes>, work>, threads);
+  korimg::bench::Add(name + "Paged", Measure<Paged<planes>, work>, threads);
 }
 
 }  // namespace
@@ -145,7 +129,7 @@ void AddPeer(const std::string& name, int threads) {
 int main(int argc, char** argv) {
   // One thread before two: the pipelines' pool never shrinks.
   for (const int threads : {1, 2}) {
-    AddPeer<MedianOfOpenCv>("MedianOfOpenCv", threads);
+    korimg::bench::Add("MedianOfOpenCv", Measure<Contiguous<1>, MedianOfOpenCv>, threads);
     Add<1, HotCool<1>>("HotCool1", threads);
     Add<1, Hot>("Hot1", threads);
     Add<1, HotCool<2>>("HotCool2", threads);
@@ -160,7 +144,7 @@ int main(int argc, char** argv) {
     Add<1, Gaussian>("Gaussian", threads);
     Add<1, Contours>("Contours", threads);
     Add<1, Kernel>("Kernel", threads);
-    AddPeer<KernelOfOpenCv>("KernelOfOpenCv", threads);
+    korimg::bench::Add("KernelOfOpenCv", Measure<Contiguous<1>, KernelOfOpenCv>, threads);
   }
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();

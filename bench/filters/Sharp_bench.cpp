@@ -93,11 +93,7 @@ int main(int argc, char** argv) {
   // One thread before two: the pipelines' pool never shrinks.
   for (const int threads : {1, 2}) {
     const auto add = [threads](const char* name, void (*run)(benchmark::State&)) {
-      benchmark::RegisterBenchmark(name, run)
-          ->ArgName("threads")
-          ->Arg(threads)
-          ->Unit(benchmark::kMillisecond)
-          ->UseRealTime();
+      korimg::bench::Add(name, run, threads);
     };
     add("SubBands", SubBands<Contiguous>);
     add("SubBandsPaged", SubBands<Paged>);

@@ -42,11 +42,7 @@ void Equalize(benchmark::State& state) {
 int main(int argc, char** argv) {
   for (const int threads : {1, 2}) {
     const auto add = [threads](const char* name, void (*run)(benchmark::State&)) {
-      benchmark::RegisterBenchmark(name, run)
-          ->ArgName("threads")
-          ->Arg(threads)
-          ->Unit(benchmark::kMillisecond)
-          ->UseRealTime();
+      korimg::bench::Add(name, run, threads);
     };
     add("EqualizeSky", Equalize<Sky, false>);
     add("EqualizeSkyPaged", Equalize<Sky, true>);

@@ -125,11 +125,10 @@ void RunSubBands(CVelImage& target, CVelImage& src, int p, const Window& window,
                  const SubBandWeights& weights, const LevelBand& band, const DarkeningLimit& limit) {
   // What is not used costs least as the pixel itself.
   const auto row = [&](int n) {
-    const CFilterProcEx& proc = target.FilterProcSet(n);
-    return weights.Uses(n) ? std::vector<float>(proc.GetFilter(p), proc.GetFilter(p) + proc.GetD(p))
-                           : std::vector<float>{1.0f};
+    return weights.Uses(n) ? WeightBuffer(target.FilterProcSet(n), p)
+                           : WeightBuffer(std::vector<float>{1.0f});
   };
-  WeightBuffer g0(row(0)), g1(row(1)), g2(row(2)), g3(row(3)), g4(row(4)), g5(row(5));
+  WeightBuffer g0 = row(0), g1 = row(1), g2 = row(2), g3 = row(3), g4 = row(4), g5 = row(5);
   PlaneBuffer input(src, p);
   const auto& w = weights.w;
   RunIntoWindow(target, p, window, [&](halide_buffer_t* out) {

@@ -10,11 +10,9 @@ namespace {
 
 /// A number from 0 to 1 that looks random, of a place.
 float Shuffled(int x, int y) {
-  std::uint64_t n = (static_cast<std::uint64_t>(static_cast<std::uint32_t>(y)) << 32) +
-                    static_cast<std::uint32_t>(x) + 0x9E3779B97F4A7C15ULL;
-  n = (n ^ (n >> 30)) * 0xBF58476D1CE4E5B9ULL;
-  n = (n ^ (n >> 27)) * 0x94D049BB133111EBULL;
   constexpr int kMantissa = 24;
+  const std::uint64_t n = korimg::Scrambled(
+      (static_cast<std::uint64_t>(static_cast<std::uint32_t>(y)) << 32) + static_cast<std::uint32_t>(x));
   return static_cast<float>(n >> (64 - kMantissa)) / static_cast<float>(1 << kMantissa);
 }
 

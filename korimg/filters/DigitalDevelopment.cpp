@@ -275,8 +275,7 @@ void CImgFilterSpecial::DigitalDvlpOnly(int develop, CVelImage* src, double stre
   }
   if (develop && byOwn && MayRunPipelines(*this, *src)) {
     for (int p = 0; p < GetPlanes(); ++p) {
-      const CFilterProcEx& proc = FilterProcSlots();
-      WeightBuffer weights(std::vector<float>(proc.GetFilter(p), proc.GetFilter(p) + proc.GetD(p)));
+      WeightBuffer weights(FilterProcSlots(), p);
       RunIntoWindow(*this, p, window, [&](halide_buffer_t* out) {
         return digital_developing_simple_float(PlaneBuffer(*src, p), weights, weights.R(), GetLevelMin(p),
                                                GetLevelRange(p), strength, a[p], b[p], out);

@@ -24,20 +24,13 @@ float RawThreshold(const CVelImage& src, int p, double threshold) {
   return static_cast<float>(threshold * 256.0 / 255.0 * src.GetLevelRange(p) + min - min);
 }
 
-/// The weights of a Gaussian along an axis, those above 0, and `most` to either side.
-std::vector<float> GaussianWeights(const CFilterMatrix& matrix, int most = std::numeric_limits<int>::max()) {
-  const std::vector<float> row = matrix.GetMiddleRow(1);
-  const int middle = matrix.GetR();
-  int r = std::min(middle, most);
-  while (r > 0 && row[middle - r] == 0) {
-    --r;
-  }
-  return {row.begin() + middle - r, row.begin() + middle + r + 1};
-}
+/// The weights of a Gaussian along an axis, cut off at `most` pixels to either side.
 std::vector<float> GaussianWeights(double sigma, int most = std::numeric_limits<int>::max()) {
   CFilterMatrix matrix;
   matrix.MakeGaussian(sigma);
-  return GaussianWeights(matrix, most);
+  const std::vector<float> row = matrix.GetMiddleRow(1);
+  const int cut = std::max(matrix.GetR() - most, 0);
+  return {row.begin() + cut, row.end() - cut};
 }
 
 /// The high pass of rows that come one after the other. The ends of rows are repeated.
@@ -221,25 +214,19 @@ void SmoothSky(CVelImage& src, int p, const Window& window, double sigma, float 
   });
 }
 
-/// Runs a pipeline into the window of a plane, through temporary planes where images are paged.
+/// Runs a pipeline into the window of a plane: run(input, output). Paged images go through temporary planes,
+/// and their lines are counted.
 template <class F>
 void RunThroughPlanes(CVelImage& target, CVelImage& src, int p, const Window& window, F&& run) {
-  if (window.IsEmpty()) return;
-  if (MayRunPipelines(target, src)) {
-    RunIntoWindow(target, p, window, [&](halide_buffer_t* out) { return run(PlaneBuffer(src, p), out); });
-    return;
-  }
-  const auto contiguous = CreateContiguousManager();
+  const auto contiguous = IsContiguous(target) ? target.VmManager()
+                          : IsContiguous(src)  ? src.VmManager()
+                                               : CreateContiguousManager();
   StagedPlane input(src, p, *contiguous);
-  TemporaryPlane result(*contiguous, window.Width(), window.Height());
-  PlaneBuffer output = result.Buffer();
-  output.SetMin(window.left, window.top);
-  if (run(input, output) != 0) return;
-  ForLines(Team::All, window.top, window.bottom, [&](int y) {
-    std::copy_n(result.Pixels() + static_cast<size_t>(y - window.top) * window.Width(), window.Width(),
-                target.GetWritableLine(window.left, y, p));
+  const int status = WriteThroughPlane(target, p, window, *contiguous,
+                                       [&](halide_buffer_t* out) { return run(input, out); });
+  for (int y = window.top; y < window.bottom && status == 0 && !MayRunPipelines(target, src); ++y) {
     target.ShowProgress(1);
-  });
+  }
 }
 
 }  // namespace
@@ -293,7 +280,7 @@ void CImgFilterSpecial::StarEnhanceFilter(double sigma, double mag, double thres
   for (int p = 0; p < GetPlanes(); ++p) {
     const auto black = static_cast<float>(src->GetLevelMin(p)), factor = static_cast<float>(mag);
     const StarMap map{black, static_cast<float>(src->GetLevelMax(p)), GaussianWeights(sigma, kCutOff),
-                      RawThreshold(*src, p, threshold), GaussianWeights(small)};
+                      RawThreshold(*src, p, threshold), small.GetMiddleRow(1)};
     MapStars(*src, p, window, map, [&](int y, const float* stars) {
       const float* s = src->GetLine(window.left, y, p);
       float* out = GetWritableLine(window.left, y, p);

@@ -200,7 +200,7 @@ int CVelImage::ToGray(CVelImage* src, int message) {
                              src->GetLevelRange(1), src->GetLevelMin(2), src->GetLevelRange(2),
                              GetLevelMin(0), GetLevelRange(0), out);
     };
-    return korimg::WriteThroughPlane(*this, 0, *src->VmManager(), run) == 0;
+    return korimg::WriteThroughPlane(*this, 0, korimg::Window(*this, nullptr), *src->VmManager(), run) == 0;
   }
   const korimg::ProgressScope progress(*this, message, 6129, GetHeight());
   korimg::ForLines(korimg::Team::All, 0, GetHeight(), [&](int y) {

@@ -26,10 +26,7 @@ constexpr int kClassBits = 14, kHashBits = 14;
 
 /// A number that looks random, of a place.
 std::uint64_t Hash(std::uint32_t place) {
-  std::uint64_t n = place + 0x9E3779B97F4A7C15ULL;
-  n = (n ^ (n >> 30)) * 0xBF58476D1CE4E5B9ULL;
-  n = (n ^ (n >> 27)) * 0x94D049BB133111EBULL;
-  return n >> (64 - kHashBits);
+  return Scrambled(place) >> (64 - kHashBits);
 }
 
 /// Classes of sort keys between two pixels, of 2^Bits() keys each; NaN has the last one to itself.

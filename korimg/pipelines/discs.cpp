@@ -8,7 +8,7 @@ using namespace Halide;
 
 namespace {
 
-Var x("x"), y("y"), strip("strip"), column("column"), u("u"), v("v");
+Var x("x"), y("y");
 
 /// Half the width of the disc dx dx + dy dy <= radius radius in row dy.
 int half_width(int radius, int dy) {
@@ -62,20 +62,14 @@ Member disc(const std::string& kind, int radius) {
             }
             output(x, y) = from_key(best);
 
-            // Tiles in parallel; in each, rows slide down, and the chords in use stay in the second-level
-            // cache. Small discs read their few pixels without stages between.
-            const int lanes = target.natural_vector_size<float>();
+            // The chords in use stay in the second-level cache. Small discs read their few pixels without
+            // stages between.
             constexpr int kInline = 2;
-            Expr width = EvenPart(output, 0, 12000 / radius, lanes);
-            Expr height = EvenPart(output, 1, 128, 1);
-            output.tile(x, y, column, strip, u, v, width, height, TailStrategy::GuardWithIf)
-                .fuse(column, strip, column)
-                .parallel(column)
-                .vectorize(u, lanes, TailStrategy::GuardWithIf);
-            for (auto& [half, f] : chord) {
-              if (half > 0 && radius <= kInline) continue;
-              f.store_at(output, column).compute_at(output, v).vectorize(x, lanes, TailStrategy::RoundUp);
+            std::vector<Func> stages;
+            for (const auto& [half, f] : chord) {
+              if (half == 0 || radius > kInline) stages.push_back(f);
             }
+            ScheduleBySlidingRows(output, stages, target, 12000 / radius);
             return Definition{{input}, {output}};
           },
           true};

@@ -11,21 +11,7 @@ namespace {
 
 Var x("x"), y("y");
 
-/// Tiles of the output in parallel; in each, rows of the stages slide down, one new row for each of the
-/// result.
-void slide_rows(Func output, const std::vector<Func>& stages, const Target& target) {
-  Var tile("tile"), strip("strip"), u("u"), v("v");
-  const int lanes = target.natural_vector_size<float>();
-  output
-      .tile(x, y, tile, strip, u, v, EvenPart(output, 0, 3000, lanes), EvenPart(output, 1, 128, 1),
-            TailStrategy::GuardWithIf)
-      .fuse(tile, strip, tile)
-      .parallel(tile)
-      .vectorize(u, lanes, TailStrategy::GuardWithIf);
-  for (Func stage : stages) {
-    stage.store_at(output, tile).compute_at(output, v).vectorize(x, lanes, TailStrategy::RoundUp);
-  }
-}
+constexpr int kTileWidth = 3000;
 
 /// Pixels whose ratio to the median of themselves and their four neighbours is out of bounds become the
 /// median; planes mirror about their edge rows and columns. Bounds are multiplied out, in float: by a
@@ -47,7 +33,7 @@ Definition noisecut_3x3_hotcool(const Target& target) {
       select(median > pixel, median > bound(one + cool, one - cool), median < bound(one - hot, one + hot));
   output(x, y) = select(is_outlier, median, pixel);
 
-  slide_rows(output, {k}, target);
+  ScheduleBySlidingRows(output, {k}, target, kTileWidth);
   return {{input, hot, cool}, {output}};
 }
 
@@ -199,7 +185,7 @@ Definition cfa_noisecut(const Target& target, bool honeycomb) {
   }
   output(x, y) = select(is_noise, cut, input(x, y));
 
-  slide_rows(output, {raw, standing, followed}, target);
+  ScheduleBySlidingRows(output, {raw, standing, followed}, target, kTileWidth);
   followed.specialize(rings < 2);
   is_green.compute_root()
       .bound(parity, 0, 2)

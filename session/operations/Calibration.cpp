@@ -8,8 +8,6 @@
 namespace korimg::session {
 namespace {
 
-constexpr int kShow = 1;
-
 struct DarkOptions {
   ImageValue file;
 };

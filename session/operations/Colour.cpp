@@ -4,8 +4,6 @@
 namespace korimg::session {
 namespace {
 
-constexpr int kShow = 1;
-
 struct NoOptions {};
 
 void ToGray(Call& call, const NoOptions&) {

@@ -10,8 +10,6 @@
 namespace korimg::session {
 namespace {
 
-constexpr int kShow = 1;
-
 enum class Between { Spline, Line };
 
 struct CurveOptions {

@@ -19,6 +19,9 @@
 
 namespace korimg::session {
 
+/// What the library's operations are told, so that they show their progress.
+inline constexpr int kShow = 1;
+
 /// What an operation runs on.
 class KORIMG_SESSION_API Call {
  public:

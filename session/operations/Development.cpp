@@ -4,7 +4,6 @@
 
 #include <fmt/format.h>
 
-#include "korimg/filters/CFilterMatrix.h"
 #include "korimg/filters/CImgFilterSpecial.h"
 
 #include "session/operations/internal/FilterOptions.h"
@@ -31,9 +30,7 @@ struct DevelopmentOptions {
 
 void Develop(Call& call, const DevelopmentOptions& options) {
   auto gamma = options.gamma.For(call.image->GetPlanes()), radii = Radii(call, options.radius);
-  if (options.filter == BlurKind::Gaussian) {
-    CheckRadius(call, CFilterMatrix::GetGaussian_nR(*std::max_element(radii.begin(), radii.end())));
-  }
+  if (options.filter == BlurKind::Gaussian) Sigmas(call, options.radius);
   const bool hasCurve = std::any_of(gamma.begin(), gamma.end(), [](double g) { return g != 1; });
   if (hasCurve && options.strength != 1) {
     throw UsageError("digital-development: strength is for a gamma of 1; blend the result by --mask instead");

@@ -4,7 +4,6 @@
 
 #include <fmt/format.h>
 
-#include "korimg/filters/CFilterMatrix.h"
 #include "korimg/filters/CImgFilter.h"
 #include "korimg/filters/CImgFilterBlur.h"
 #include "korimg/filters/CImgFilterMisc.h"
@@ -61,8 +60,7 @@ struct GaussianOptions : BandOptions {
 };
 
 void Gaussian(Call& call, const GaussianOptions& options) {
-  auto sigma = options.sigma.For(call.image->GetPlanes());
-  CheckRadius(call, CFilterMatrix::GetGaussian_nR(*std::max_element(sigma.begin(), sigma.end())));
+  auto sigma = Sigmas(call, options.sigma);
   Blur(call, options,
        [&](CImgFilterBlur& target, auto... rest) { target.GaussianFilter(sigma.data(), rest...); });
 }

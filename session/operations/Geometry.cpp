@@ -25,8 +25,6 @@ namespace {
 
 using files::AffineMap;
 
-constexpr int kShow = 1;
-
 files::ImageSize SizeOf(const Call& call) {
   return {call.image->GetWidth(), call.image->GetHeight(), call.image->GetPlanes()};
 }

@@ -11,8 +11,6 @@
 namespace korimg::session {
 namespace {
 
-constexpr int kShow = 1;
-
 struct EqualizeOptions {};
 
 void Equalize(Call& call, const EqualizeOptions&) {

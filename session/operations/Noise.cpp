@@ -4,7 +4,6 @@
 
 #include <fmt/format.h>
 
-#include "korimg/filters/CFilterMatrix.h"
 #include "korimg/filters/CImgFilterMisc.h"
 
 #include "session/files/Mosaic.h"
@@ -152,11 +151,10 @@ struct SmoothSkyOptions {
 void SmoothSky(Call& call, const SmoothSkyOptions& o) {
   constexpr int kGaussian = 0;
   const int planes = call.image->GetPlanes();
-  auto level = o.level.For(planes), width = o.width.For(planes), sigma = o.sigma.For(planes);
+  auto level = o.level.For(planes), width = o.width.For(planes), sigma = Sigmas(call, o.sigma);
   for (int p = 0; p < planes; ++p) {
     level[p] = call.image->ToRaw(level[p], p);
   }
-  CheckRadius(call, CFilterMatrix::GetGaussian_nR(*std::max_element(sigma.begin(), sigma.end())));
   call.Replace<CImgFilterMisc>([&](CImgFilterMisc& target) {
     target.BkgSmooth(level.data(), width.data(), kGaussian, sigma.data(), 0, call.image.get(), call.rect,
                      kShow);

@@ -11,7 +11,6 @@
 namespace korimg::session {
 namespace {
 
-constexpr int kShow = 1;
 constexpr double kFar = 1e6;  // pixels
 
 struct NoOptions {};

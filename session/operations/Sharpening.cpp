@@ -1,7 +1,4 @@
 // Sharpeners.
-#include <cmath>
-
-#include "korimg/filters/CFilterMatrix.h"
 #include "korimg/filters/CImgFilterSharp.h"
 
 #include "session/operations/internal/FilterOptions.h"
@@ -52,13 +49,6 @@ void KernelAtEdges(Call& call, const EdgeOptions& options) {
     target.SharpEdgeFilter(radii.data(), strength.data(), rest...);
   };
   Sharpen(call, options, run, run);
-}
-
-/// The radius of the widest Gaussian must suit the image.
-std::vector<double> Sigmas(const Call& call, const PerPlane& sigma) {
-  auto sigmas = sigma.For(call.image->GetPlanes());
-  CheckRadius(call, CFilterMatrix::GetGaussian_nR(*std::max_element(sigmas.begin(), sigmas.end())));
-  return sigmas;
 }
 
 struct UnsharpOptions : SharpOptions {

@@ -3,17 +3,12 @@
 
 #include <fmt/format.h>
 
-#include "korimg/filters/CFilterMatrix.h"
 #include "korimg/filters/CImgFilterSpecial.h"
 
 #include "session/operations/internal/FilterOptions.h"
 
 namespace korimg::session {
 namespace {
-
-void CheckSigma(const Call& call, const std::vector<double>& sigma) {
-  CheckRadius(call, CFilterMatrix::GetGaussian_nR(*std::max_element(sigma.begin(), sigma.end())));
-}
 
 struct SharpenOptions {
   PerPlane radius = 2;
@@ -48,9 +43,8 @@ struct EnhanceOptions {
 
 void Enhance(Call& call, const EnhanceOptions& options) {
   const int planes = call.image->GetPlanes();
-  auto sigma = options.sigma.For(planes), strength = options.strength.For(planes);
+  auto sigma = Sigmas(call, options.sigma), strength = options.strength.For(planes);
   auto threshold = options.threshold.For(planes);
-  CheckSigma(call, sigma);
   call.Replace<CImgFilterSpecial>([&](CImgFilterSpecial& target) {
     target.StarEnhanceFilter2(sigma.data(), strength.data(), threshold.data(), options.showMask,
                               call.image.get(), call.rect, kShow);
@@ -63,7 +57,7 @@ struct MaskOptions {
 };
 
 void Mask(Call& call, const MaskOptions& options) {
-  CheckSigma(call, {options.sigma});
+  Sigmas(call, options.sigma);
   call.Replace<CImgFilterSpecial>([&](CImgFilterSpecial& target) {
     target.StaryMask(options.sigma, options.strength, options.threshold, options.blend, call.image.get(),
                      call.rect, kShow);
@@ -76,9 +70,8 @@ struct SmoothOptions {
 };
 
 void Smooth(Call& call, const SmoothOptions& options) {
-  auto sigma = options.sigma.For(call.image->GetPlanes()), radii = Radii(call, options.radius);
+  auto radii = Radii(call, options.radius), sigma = Sigmas(call, options.sigma);
   auto threshold = options.threshold.For(call.image->GetPlanes());
-  CheckSigma(call, sigma);
   call.Replace<CImgFilterSpecial>([&](CImgFilterSpecial& target) {
     target.NebularSmootherFilter(sigma.data(), threshold.data(), radii.data(), options.showMask,
                                  call.image.get(), call.rect, kShow);

@@ -31,7 +31,8 @@ TEST(WriteThroughPlane, AFailedPipelineLeavesAPagedPlane) {
   const auto store = MemoryStore();
   for (const auto& image :
        {Make(TinyPool(), 40, 30, 1, Random(1, 2)), Make(store, 40, 30, 1, Random(1, 2))}) {
-    EXPECT_EQ(WriteThroughPlane(*image, 0, *store, [](halide_buffer_t*) { return -7; }), -7);
+    EXPECT_EQ(WriteThroughPlane(*image, 0, Window(3, 2, 20, 30), *store, [](halide_buffer_t*) { return -7; }),
+              -7);
     EXPECT_EQ(Difference(*image, Random(1, 2), 1e-6), "");
   }
 }

@@ -300,6 +300,18 @@ TEST(CalcMinMax, FillsTheTablesByTheRuleOfItsStore) {
   }
 }
 
+TEST(CalcMinMax, PassesNanOverWhereverItStands) {
+  for (const StoreCase& store : Stores()) {
+    for (const int place : {0, 7, 44}) {
+      const auto image = Make(store.make(), 9, 5, 1,
+                              [&](int, int x, int y) { return x + 9 * y == place ? NAN : x * y - 3.0; });
+      image->CalcMinMax();
+      EXPECT_EQ(image->GetMinPixel(0), -3) << store.name << " " << place;
+      EXPECT_EQ(image->GetMaxPixel(0), place == 44 ? 25 : 29) << store.name << " " << place;
+    }
+  }
+}
+
 TEST(CalcMinMax, LeavesOutTheMarginAndZeros) {
   for (const StoreCase& store : Stores()) {
     const auto image = Make(store.make(), 9, 7, 1, [](int, int x, int y) {

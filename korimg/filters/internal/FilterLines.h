@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "korimg/filters/CFilterMatrix.h"
+#include "korimg/filters/CFilterProc.h"
 #include "korimg/filters/internal/LevelBand.h"
 #include "korimg/image/internal/Frame.h"
 #include "korimg/image/internal/Numbers.h"
@@ -39,6 +40,10 @@ class WeightBuffer {
  public:
   /// The middle row of a kernel, divided by its sum.
   explicit WeightBuffer(const CFilterMatrix& matrix) : WeightBuffer(matrix.GetMiddleRow(1)) {}
+  /// The weights of a plane's prepared filter.
+  WeightBuffer(const CFilterProcEx& filters, int plane)
+      : WeightBuffer(
+            std::vector<float>(filters.GetFilter(plane), filters.GetFilter(plane) + filters.GetD(plane))) {}
   explicit WeightBuffer(const std::vector<float>& weights)
       : weights_(WithoutZeroEnds(weights)), buffer_(weights_.data(), static_cast<int>(weights_.size())) {}
   WeightBuffer(const WeightBuffer&) = delete;

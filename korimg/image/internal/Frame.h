@@ -196,17 +196,20 @@ class StagedPlane {
   PlaneBuffer buffer_;
 };
 
-/// Runs a pipeline into a whole plane: straight into a contiguous one, else through a temporary of the given
-/// store. Answers the pipeline's status; a paged plane keeps what it holds unless it is 0.
+/// Runs a pipeline into the window of a plane: as RunIntoWindow does into a contiguous one, else through a
+/// temporary of the given store. Answers the pipeline's status; a plane keeps what it holds unless it is 0.
 template <class F>
-int WriteThroughPlane(CVelImage& target, int plane, CVmManager& contiguous, F&& run) {
-  if (IsContiguous(target)) return run(PlaneBuffer(target, plane, false));
-  TemporaryPlane temporary(contiguous, target.GetWidth(), target.GetHeight());
-  if (const int status = run(temporary.Buffer())) return status;
+int WriteThroughPlane(CVelImage& target, int plane, const Window& window, CVmManager& contiguous, F&& run) {
+  if (window.IsEmpty() || IsContiguous(target)) return RunIntoWindow(target, plane, window, run);
+  TemporaryPlane temporary(contiguous, window.Width(), window.Height());
+  PlaneBuffer part = temporary.Buffer();
+  part.SetMin(window.left, window.top);
+  if (const int status = run(static_cast<halide_buffer_t*>(part))) return status;
   const float* pixels = temporary.Pixels();
-  const size_t width = target.GetWidth();
-  ForLines(Team::All, 0, target.GetHeight(), [&](int y) {
-    std::memcpy(target.GetWritableLine(0, y, plane), pixels + y * width, width * sizeof(float));
+  const size_t width = window.Width();
+  ForLines(Team::All, window.top, window.bottom, [&](int y) {
+    std::memcpy(target.GetWritableLine(window.left, y, plane), pixels + (y - window.top) * width,
+                width * sizeof(float));
   });
   return 0;
 }

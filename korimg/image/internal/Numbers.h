@@ -22,6 +22,13 @@ inline bool NanLast(float a, float b) {
   return a < b || (std::isnan(b) && !std::isnan(a));
 }
 
+/// A number that looks random, and is the same for the same one (Steele, Lea and Flood 2014, SplitMix).
+inline std::uint64_t Scrambled(std::uint64_t n) {
+  n += 0x9E3779B97F4A7C15ULL;
+  n = (n ^ (n >> 30)) * 0xBF58476D1CE4E5B9ULL;
+  return (n ^ (n >> 27)) * 0x94D049BB133111EBULL;
+}
+
 /// A number that sorts as the float does, with NaN last.
 inline std::uint32_t SortKey(float value) {
   if (std::isnan(value)) return ~0u;

@@ -51,3 +51,24 @@ inline Halide::Expr EvenPart(const Halide::Func& output, int dimension, Halide::
   Halide::Expr parts = max((extent + want - 1) / want, 1);
   return max(((extent + parts - 1) / parts + multiple - 1) / multiple, 1) * multiple;
 }
+
+/// Schedules an output of stages that reach a few pixels: tiles of about `width` x 128 pixels in parallel, in
+/// which rows of the stages slide down, one new row for each of the output.
+inline void ScheduleBySlidingRows(Halide::Func output, const std::vector<Halide::Func>& stages,
+                                  const Halide::Target& target, Halide::Expr width) {
+  using namespace Halide;
+  constexpr int kHeight = 128;
+  Var x = output.args()[0], y = output.args()[1], tile("tile"), strip("strip"), u("u"), v("v");
+  const int lanes = target.natural_vector_size<float>();
+  output
+      .tile(x, y, tile, strip, u, v, EvenPart(output, 0, width, lanes), EvenPart(output, 1, kHeight, 1),
+            TailStrategy::GuardWithIf)
+      .fuse(tile, strip, tile)
+      .parallel(tile)
+      .vectorize(u, lanes, TailStrategy::GuardWithIf);
+  for (Func stage : stages) {
+    stage.store_at(output, tile)
+        .compute_at(output, v)
+        .vectorize(stage.args()[0], lanes, TailStrategy::RoundUp);
+  }
+}

@@ -8,11 +8,11 @@
 
 #include <fmt/format.h>
 
+#include "korimg/filters/CFilterMatrix.h"
+
 #include "session/operations/Describe.h"
 
 namespace korimg::session {
-
-inline constexpr int kShow = 1;
 
 /// Refuses a radius that sees hardly anything but mirrored edges.
 inline void CheckRadius(const Call& call, double radius) {
@@ -30,6 +30,13 @@ inline std::vector<double> Radii(const Call& call, const PerPlane& radius) {
   auto radii = radius.For(call.image->GetPlanes());
   CheckRadius(call, *std::max_element(radii.begin(), radii.end()));
   return radii;
+}
+
+/// The sigma of a Gaussian for each plane, and three at least.
+inline std::vector<double> Sigmas(const Call& call, const PerPlane& sigma) {
+  auto sigmas = sigma.For(call.image->GetPlanes());
+  CheckRadius(call, CFilterMatrix::GetGaussian_nR(*std::max_element(sigmas.begin(), sigmas.end())));
+  return sigmas;
 }
 
 /// Values for each plane that may be left out, as the library takes them: a flag that says so, and a number.
