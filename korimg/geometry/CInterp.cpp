@@ -345,8 +345,10 @@ void CInterp::Line(int form, double y, int plane, float* out, std::vector<int>& 
 }
 
 void CInterp::OnePlane(int form, double y, float* out) const {
+  if (plane_ == -1 || image_->IsEmpty()) return;
+  if (!scaled_) return RawLine(form, y, PlaneOfImage(plane_), out, nullptr);
   std::vector<int> valid;
-  if (plane_ != -1 && !image_->IsEmpty()) Line(form, y, PlaneOfImage(plane_), out, valid);
+  Line(form, y, PlaneOfImage(plane_), out, valid);
 }
 
 void CInterp::Lines(int form, double y, float* out0, float* out1, float* out2) const {

@@ -74,7 +74,9 @@ void MakeWorkImage(CVelImage& work, const CVelImage& like);
 /// Opens the progress display of an operation, and closes it on every way out.
 class ProgressScope {
  public:
-  ProgressScope(CVelImage& image, int show, int message, int total) : image_(image) {
+  /// The message is a text or its number.
+  template <class Message>
+  ProgressScope(CVelImage& image, int show, Message message, int total) : image_(image) {
     image_.ShowProgressInit(show, message, total);
   }
   ~ProgressScope() { image_.ShowProgressEnd(0); }
