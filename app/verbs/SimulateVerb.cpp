@@ -19,10 +19,15 @@ void AddSimulate(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<Options>();
   CLI::App* verb = app.add_subcommand("simulate", "Make a session of frames with known truth");
   verb->add_option("folder", options->folder, "gets lights, darks, flats, biases and truth.json")->required();
-  verb->add_option("--frames", options->simulate.frames, "number of lights")->check(CLI::Range(1, 9999));
+  verb->add_option("--frames", options->simulate.frames,
+                   "number of lights, of each filter where there are any")
+      ->check(CLI::Range(1, 9999));
   verb->add_option("--size", options->size, "WIDTHxHEIGHT in pixels, at least 64x64");
   verb->add_option("--bayer", options->simulate.bayer, "a colour sensor of this pattern")
       ->check(CLI::IsMember({"RGGB", "GRBG", "BGGR", "GBRG"}));
+  verb->add_option("--filters", options->simulate.filters,
+                   "a wheel with these before a mono sensor: L,R,G,B,Ha,OIII,SII or some of them")
+      ->delimiter(',');
   verb->add_option("--seed", options->simulate.seed, "the same seed gives the same bytes");
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {
@@ -41,13 +46,14 @@ void AddSimulate(CLI::App& app, Tool& tool) {
       tool.job.Progress("simulating", done, total);
       return true;
     };
+    const size_t lights = static_cast<size_t>(simulate.frames) * std::max<size_t>(simulate.filters.size(), 1);
     const nlohmann::ordered_json json{{"folder", options->folder.string()},
-                                      {"lights", simulate.frames},
+                                      {"lights", lights},
                                       {"width", simulate.width},
                                       {"height", simulate.height},
                                       {"truth", (options->folder / "truth.json").string()}};
-    const std::string line = fmt::format("{}: {} lights of {} x {}", options->folder.string(),
-                                         simulate.frames, simulate.width, simulate.height);
+    const std::string line = fmt::format("{}: {} lights of {} x {}", options->folder.string(), lights,
+                                         simulate.width, simulate.height);
     if (tool.options.dryRun) return tool.job.Tell(Dump(json), line);
     Simulate(options->folder, simulate);
     tool.job.Tell(Dump(json), line);

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <fstream>
 #include <numbers>
+#include <set>
 #include <vector>
 
 #include <fmt/format.h>
@@ -46,9 +47,27 @@ constexpr double kFwhm = 3;           // pixels, of the reference frame
 constexpr double kTrail = 600;        // electrons at the middle of the satellite's trail
 constexpr double kTrailSigma = 1.5;   // pixels
 
-// Relative signal in red, green and blue pixels; a mono sensor takes the green ones.
-using Colour = std::array<double, 3>;
-constexpr Colour kSkyColour = {0.9, 1, 0.75}, kNebulaColour = {2.2, 1, 1.2}, kLampColour = {0.7, 1, 0.8};
+/// What a filter lets through, relative to a mono sensor without one: of the sky, the nebula, the lamp of the
+/// flats, and a star of colour 0; each colour of a star multiplies its light by 10^slope.
+struct Passband {
+  std::string name;
+  double sky, nebula, lamp, star, slope;
+};
+
+/// Filters before the pixels of a mosaic. A mono sensor without filters is as the green pixels.
+const Passband kRedPixel = {"red", 0.9, 2.2, 0.7, 1, 0.2}, kGreenPixel = {"green", 1, 1, 1, 1, 0},
+               kBluePixel = {"blue", 0.75, 1.2, 0.8, 1, -0.2};
+
+/// Filters of a wheel: luminance, thirds of its band, and lines 7 nm wide. Flats are exposed to one level.
+const std::vector<Passband> kFilters = {
+    {"L", 1, 1, 1, 1, 0},
+    {"R", 0.36, 0.6, 1, 0.4, 0.2},
+    {"G", 0.4, 0.25, 1, 0.4, 0},
+    {"B", 0.3, 0.35, 1, 0.4, -0.2},
+    {"Ha", 0.03, 0.8, 1, 0.03, 0.25},
+    {"OIII", 0.03, 0.3, 1, 0.03, 0},
+    {"SII", 0.03, 0.2, 1, 0.03, 0.25},
+};
 
 /// What random numbers are for: a part of their key.
 enum Purpose : std::uint64_t {
@@ -79,7 +98,7 @@ struct HotPixel {
   double rate;  // electrons per second
 };
 
-/// Where a light points and how clear the air is.
+/// Where a light points, how clear the air is, and what is before the sensor.
 struct Pose {
   double dx = 0, dy = 0, degrees = 0, fwhm = kFwhm, transparency = 1, sky = 1;
 };
@@ -151,7 +170,10 @@ class Session {
         height_(options.height),
         middleX_((width_ - 1) / 2.0),
         middleY_((height_ - 1) / 2.0),
+        bands_(BandsOf(options)),
+        lights_(options.frames * Filters()),
         calibrationFrames_(std::min(10, std::max(3, options.frames / 2))),
+        flats_(calibrationFrames_ * Filters()),
         nebula_(options.seed, width_, height_),
         flat_(Pixels()),
         dark_(Pixels(), static_cast<float>(kDarkRate)),
@@ -166,29 +188,35 @@ class Session {
       throw files::FileError(TruthPath(),
                              "exists already; use --overwrite to replace the session, or another folder");
     }
-    const int total = options_.frames + 3 * calibrationFrames_;
+    const int total = lights_ + flats_ + 2 * calibrationFrames_;
     int done = 0;
     const struct {
       Kind kind;
       const char *folder, *name;
-      int count;
-    } kinds[] = {{kLight, "lights", "light", options_.frames},
-                 {kDark, "darks", "dark", calibrationFrames_},
-                 {kFlat, "flats", "flat", calibrationFrames_},
-                 {kBiasFrame, "biases", "bias", calibrationFrames_}};
-    for (const auto& [kind, subfolder, name, count] : kinds) {
+      int count;       // for each filter
+      bool isOfLight;  // through the filters
+    } kinds[] = {{kLight, "lights", "light", options_.frames, true},
+                 {kDark, "darks", "dark", calibrationFrames_, false},
+                 {kFlat, "flats", "flat", calibrationFrames_, true},
+                 {kBiasFrame, "biases", "bias", calibrationFrames_, false}};
+    for (const auto& [kind, subfolder, name, count, isOfLight] : kinds) {
       fs::create_directories(folder_ / subfolder);
       Json names = Json::array();
-      for (int i = 0; i < count; ++i) {
-        const std::string file = fmt::format("{}/{}_{:04}.fits", subfolder, name, i + 1);
-        if (kind == kLight) Expose(i);
-        WriteFrame(folder_ / file, kind, i);
-        names.push_back(file);
-        if (options_.progress && !options_.progress(++done, total)) return false;
-      }
-      // Frames of an earlier, longer session do not belong to this one.
-      for (int i = count + 1; options_.overwrite; ++i) {
-        if (!fs::remove(folder_ / fmt::format("{}/{}_{:04}.fits", subfolder, name, i))) break;
+      for (int f = 0; f < (isOfLight ? Filters() : 1); ++f) {
+        const auto file = [&](int i) {
+          const std::string filter =
+              isOfLight && !options_.filters.empty() ? options_.filters[Key(f)] + "_" : "";
+          return fmt::format("{}/{}_{}{:04}.fits", subfolder, name, filter, i + 1);
+        };
+        for (int i = 0; i < count; ++i) {
+          if (kind == kLight) Expose(f * count + i);
+          WriteFrame(folder_ / file(i), kind, f * count + i);
+          names.push_back(file(i));
+          if (options_.progress && !options_.progress(++done, total)) return false;
+        }
+        // Frames of an earlier, longer session do not belong to this one.
+        for (int i = count; options_.overwrite && fs::remove(folder_ / file(i)); ++i) {
+        }
       }
       files_[subfolder] = std::move(names);
     }
@@ -205,16 +233,32 @@ class Session {
   int Threads() const { return options_.threads > 0 ? options_.threads : omp_get_max_threads(); }
   static std::uint64_t Key(int value) { return static_cast<std::uint64_t>(value); }
 
-  /// 0 red, 1 green, 2 blue: the filter before a pixel.
-  int Channel(int x, int y) const {
-    if (options_.bayer.empty()) return 1;
-    const int place = (y & 1) * 2 + (x & 1);
-    const char letter = options_.bayer[static_cast<std::size_t>(place)];
-    return letter == 'R' ? 0 : letter == 'G' ? 1 : 2;
+  /// What is before the sensor: filters of a wheel, or those of a mosaic's pixels.
+  static std::vector<Passband> BandsOf(const SimulateOptions& options) {
+    if (!options.bayer.empty()) return {kRedPixel, kGreenPixel, kBluePixel};
+    if (options.filters.empty()) return {kGreenPixel};
+    std::vector<Passband> bands;
+    for (const std::string& name : options.filters) {
+      bands.push_back(*std::find_if(kFilters.begin(), kFilters.end(),
+                                    [&](const Passband& known) { return known.name == name; }));
+    }
+    return bands;
   }
 
-  static Colour StarColour(double colour) {
-    return {std::pow(10, 0.2 * colour), 1, std::pow(10, -0.2 * colour)};
+  int Filters() const { return std::max<int>(1, static_cast<int>(options_.filters.size())); }
+
+  /// The number of what is before a pixel of a light or flat.
+  std::size_t BandBefore(Kind kind, int frame, int x, int y) const {
+    if (!options_.bayer.empty()) {
+      const char letter = options_.bayer[Key((y & 1) * 2 + (x & 1))];
+      return letter == 'R' ? 0 : letter == 'G' ? 1 : 2;
+    }
+    return options_.filters.empty() ? 0
+                                    : Key(frame / (kind == kLight ? options_.frames : calibrationFrames_));
+  }
+
+  static double StarLight(const Passband& band, double colour) {
+    return band.star * std::pow(10, band.slope * colour);
   }
 
   void MakeStars() {
@@ -237,7 +281,7 @@ class Session {
 
   void MakePoses() {
     constexpr double kShift = 12, kTurn = 0.25;  // pixels, degrees
-    poses_.resize(static_cast<std::size_t>(options_.frames));
+    poses_.resize(static_cast<std::size_t>(lights_));
     for (std::size_t i = 1; i < poses_.size(); ++i) {
       Random random({options_.seed, kMotion, i});
       poses_[i] = {.dx = random.Uniform(-kShift, kShift),
@@ -282,7 +326,7 @@ class Session {
     for (int y = 0; y < height_; ++y) {
       for (int x = 0; x < width_; ++x) {
         sum += flat_[Index(x, y)];
-        lampSum += flat_[Index(x, y)] * kLampColour[static_cast<std::size_t>(Channel(x, y))];
+        lampSum += flat_[Index(x, y)] * bands_[BandBefore(kFlat, 0, x, y)].lamp;
       }
     }
     flatMean_ = sum / static_cast<double>(Pixels());
@@ -336,25 +380,29 @@ class Session {
     const double angle = pose.degrees * std::numbers::pi / 180, c = std::cos(angle), s = std::sin(angle);
     for (const Star& star : stars_) {
       const double x = star.x - middleX_, y = star.y - middleY_;
-      AddStar(middleX_ + c * x - s * y + pose.dx, middleY_ + s * x + c * y + pose.dy, star, pose);
+      AddStar(middleX_ + c * x - s * y + pose.dx, middleY_ + s * x + c * y + pose.dy, star, frame);
     }
     if (frame == TrailFrame()) AddTrail();
     AddCosmics(frame);
   }
 
   /// A Moffat profile of beta 3, integrated over the pixels: by nine points each where it is steep.
-  void AddStar(double x, double y, const Star& star, const Pose& pose) {
+  void AddStar(double x, double y, const Star& star, int frame) {
+    const Pose& pose = poses_[static_cast<std::size_t>(frame)];
     constexpr double kNegligible = 0.02, kSteep = 6;  // electrons, pixels
     constexpr std::array<double, 3> kNode = {-0.3872983346207417, 0, 0.3872983346207417},
                                     kWeight = {5.0 / 18, 8.0 / 18, 5.0 / 18};
     const double width = pose.fwhm / (2 * std::sqrt(std::cbrt(2.0) - 1)), width2 = width * width;
     const double flux = star.flux * pose.transparency, peak = flux * 2 / (std::numbers::pi * width2);
     const double reach = width * std::pow(std::max(1.0, peak / kNegligible), 1.0 / 6) + 1;
-    const Colour colour = StarColour(star.colour);
     const auto profile = [&](double dx, double dy) {
       const double t = 1 + (dx * dx + dy * dy) / width2;
       return peak / (t * t * t);
     };
+    std::vector<double> share;  // of the bands
+    for (const Passband& band : bands_) {
+      share.push_back(StarLight(band, star.colour));
+    }
     ForBox(x, y, reach, [&](int i, int j) {
       const double dx = i - x, dy = j - y;
       double sum = 0;
@@ -366,11 +414,11 @@ class Session {
             sum += kWeight[a] * kWeight[b] * profile(dx + kNode[a], dy + kNode[b]);
         }
       }
-      light_[Index(i, j)] += static_cast<float>(sum * colour[static_cast<std::size_t>(Channel(i, j))]);
+      light_[Index(i, j)] += static_cast<float>(sum * share[BandBefore(kLight, frame, i, j)]);
     });
   }
 
-  int TrailFrame() const { return options_.frames / 2; }
+  int TrailFrame() const { return lights_ / 2; }
 
   void AddTrail() {
     const double dx = trail_.x1 - trail_.x0, dy = trail_.y1 - trail_.y0, length = std::hypot(dx, dy);
@@ -413,7 +461,7 @@ class Session {
     if (kind == kFlat) {
       for (int x = 0; x < width_; ++x) {
         row[static_cast<std::size_t>(x)] +=
-            kFlatLevel * kLampColour[static_cast<std::size_t>(Channel(x, y))] * flat_[Index(x, y)];
+            kFlatLevel * bands_[BandBefore(kind, frame, x, y)].lamp * flat_[Index(x, y)];
       }
     }
     if (kind != kLight) return;
@@ -421,15 +469,14 @@ class Session {
     const double angle = pose.degrees * std::numbers::pi / 180, c = std::cos(angle), s = std::sin(angle);
     const double fromY = y - middleY_ - pose.dy;
     for (int x = 0; x < width_; ++x) {
-      const auto channel = static_cast<std::size_t>(Channel(x, y));
+      const Passband& band = bands_[BandBefore(kind, frame, x, y)];
       const double fromX = x - middleX_ - pose.dx;
       const double glow = nebula_.At(middleX_ + c * fromX + s * fromY, middleY_ - s * fromX + c * fromY);
       const double gradient =
           1 + kGradientX * (x - middleX_) / width_ + kGradientY * (y - middleY_) / height_;
       row[static_cast<std::size_t>(x)] +=
-          flat_[Index(x, y)] *
-          (light_[Index(x, y)] + kNebula * kNebulaColour[channel] * pose.transparency * glow +
-           kSky * kSkyColour[channel] * pose.sky * gradient);
+          flat_[Index(x, y)] * (light_[Index(x, y)] + kNebula * band.nebula * pose.transparency * glow +
+                                kSky * band.sky * pose.sky * gradient);
     }
   }
 
@@ -474,8 +521,7 @@ class Session {
     constexpr const char* kNames[] = {"Light Frame", "Dark Frame", "Flat Frame", "Bias Frame"};
     const double seconds = kind == kFlat ? kFlatExposure : kind == kBiasFrame ? 0 : kExposure;
     // Lights first, then the other kinds, every frame with five seconds for its readout.
-    const int before[] = {0, options_.frames, options_.frames + calibrationFrames_,
-                          options_.frames + 2 * calibrationFrames_};
+    const int before[] = {0, lights_, lights_ + calibrationFrames_, lights_ + calibrationFrames_ + flats_};
     constexpr int kCadence = static_cast<int>(kExposure) + 5;
     const int start = (before[kind] + frame) * kCadence % (20 * 86400);
     Random random({options_.seed, kNoise, kind, Key(frame)});
@@ -498,7 +544,7 @@ class Session {
     if (kind == kLight || kind == kFlat) {
       header.Set("TELESCOP", "Simulated telescope");
       header.Set("FOCALLEN", 500.0, "[mm]");
-      if (options_.bayer.empty()) header.Set("FILTER", "L");
+      if (options_.bayer.empty()) header.Set("FILTER", FilterOf(kind, frame));
     }
     if (kind == kLight) header.Set("OBJECT", "Simulated field");
     if (!options_.bayer.empty()) {
@@ -511,20 +557,26 @@ class Session {
     return header;
   }
 
+  std::string FilterOf(Kind kind, int frame) const {
+    return options_.filters.empty() ? "L" : bands_[BandBefore(kind, frame, 0, 0)].name;
+  }
+
   /// What a light's level becomes by perfect calibration: electrons to ADU.
-  double Calibrated(double electrons, std::size_t channel) const {
-    return electrons * lampMean_ / kLampColour[channel] / kGain;
+  double Calibrated(double electrons, const Passband& band) const {
+    return electrons * lampMean_ / band.lamp / kGain;
   }
 
   void WriteTruth() const {
     constexpr double kListedHot = 1000;  // ADU
     constexpr std::size_t kMostHot = 5000;
     const bool mono = options_.bayer.empty();
-    const auto perChannel = [&](const Colour& colour, double factor) {
-      return mono ? Json(Calibrated(factor * colour[1], 1))
-                  : Json{{"red", Calibrated(factor * colour[0], 0)},
-                         {"green", Calibrated(factor * colour[1], 1)},
-                         {"blue", Calibrated(factor * colour[2], 2)}};
+    const auto ofBands = [&](double Passband::*share, double electrons) {
+      if (bands_.size() == 1) return Json(Calibrated(electrons * bands_[0].*share, bands_[0]));
+      Json values;
+      for (const Passband& band : bands_) {
+        values[band.name] = Calibrated(electrons * band.*share, band);
+      }
+      return values;
     };
     Json truth;
     truth["program"] = fmt::format("korimg {}", Version());
@@ -546,33 +598,37 @@ class Session {
          "pixels; "
          "flux_adu is the same perfectly calibrated; red pixels take it times 10^(0.2 colour), blue ones "
          "times "
-         "10^(-0.2 colour)"},
+         "10^(-0.2 colour), and filters times star_share 10^(star_slope colour)"},
         {"sky",
          "sky_adu is perfectly calibrated, at the middle, for sky_factor 1; at (x, y) it is times "
          "1 + gradient_x (x - cx) / width + gradient_y (y - cy) / height and times the light's sky_factor"}};
-    truth["options"] = {{"frames", options_.frames},
-                        {"width", width_},
-                        {"height", height_},
-                        {"bayer", options_.bayer},
-                        {"seed", options_.seed}};
+    truth["options"] = {{"frames", options_.frames},   {"width", width_},
+                        {"height", height_},           {"bayer", options_.bayer},
+                        {"filters", options_.filters}, {"seed", options_.seed}};
     truth["camera"] = {{"gain_e_per_adu", kGain},   {"read_noise_e", kReadNoise},
                        {"bias_adu", kBias},         {"column_pattern_sigma_adu", kColumnPattern},
                        {"dark_e_per_s", kDarkRate}, {"saturation_adu", kWhite},
                        {"exposure_s", kExposure},   {"flat_exposure_s", kFlatExposure}};
     truth["sky"] = {{"sky_e", kSky},
-                    {"sky_adu", perChannel(kSkyColour, kSky)},
+                    {"sky_adu", ofBands(&Passband::sky, kSky)},
                     {"gradient_x", kGradientX},
                     {"gradient_y", kGradientY}};
-    truth["nebula"] = {{"peak_e", kNebula}, {"peak_adu", perChannel(kNebulaColour, kNebula)}};
-    truth["flat"] = {{"level_e", kFlatLevel},
-                     {"vignette",
-                      {{"formula", "1 / (1 + k r^2 / R^2)^2, r from the middle, R from there to the corner"},
-                       {"k", vignette_},
-                       {"corner", kCorner}}},
-                     {"pixel_response_sigma", kResponse},
-                     {"mean", flatMean_},
-                     {"lamp_mean", lampMean_},
-                     {"lamp_colour", mono ? Json(1) : Json(kLampColour)}};
+    if (!options_.filters.empty()) {
+      for (const Passband& band : bands_) {
+        truth["filters"][band.name] = {{"star_share", band.star}, {"star_slope", band.slope}};
+      }
+    }
+    truth["nebula"] = {{"peak_e", kNebula}, {"peak_adu", ofBands(&Passband::nebula, kNebula)}};
+    truth["flat"] = {
+        {"level_e", kFlatLevel},
+        {"vignette",
+         {{"formula", "1 / (1 + k r^2 / R^2)^2, r from the middle, R from there to the corner"},
+          {"k", vignette_},
+          {"corner", kCorner}}},
+        {"pixel_response_sigma", kResponse},
+        {"mean", flatMean_},
+        {"lamp_mean", lampMean_},
+        {"lamp_colour", mono ? Json(1) : Json{kRedPixel.lamp, kGreenPixel.lamp, kBluePixel.lamp}}};
     truth["flat"]["dust_formula"] =
         "1 - depth (s(r - outer) - s(r - inner)), s(t) = 1 / (1 + exp(t / edge)), r from (x, y)";
     truth["flat"]["dust"] = Json::array();
@@ -586,7 +642,7 @@ class Session {
     }
     truth["psf"] = {{"profile", "Moffat"}, {"beta", 3}, {"fwhm_px", kFwhm}};
     truth["lights"] = Json::array();
-    for (int i = 0; i < options_.frames; ++i) {
+    for (int i = 0; i < lights_; ++i) {
       const Pose& pose = poses_[static_cast<std::size_t>(i)];
       truth["lights"].push_back({{"file", files_["lights"][static_cast<std::size_t>(i)]},
                                  {"dx", pose.dx},
@@ -615,7 +671,7 @@ class Session {
       truth["stars"].push_back({{"x", star.x},
                                 {"y", star.y},
                                 {"flux_e", star.flux},
-                                {"flux_adu", Calibrated(star.flux, 1)},
+                                {"flux_adu", Calibrated(star.flux, mono ? bands_[0] : kGreenPixel)},
                                 {"colour", star.colour}});
     }
     truth["files"] = files_;
@@ -632,7 +688,8 @@ class Session {
   const SimulateOptions& options_;
   int width_, height_;
   double middleX_, middleY_;
-  int calibrationFrames_;
+  std::vector<Passband> bands_;
+  int lights_, calibrationFrames_, flats_;
   Nebula nebula_;
   std::vector<float> flat_;   // share of the light that a pixel takes
   std::vector<float> dark_;   // electrons per second
@@ -663,6 +720,17 @@ bool Simulate(const fs::path& folder, const SimulateOptions& options) {
   if (!bayer.empty() && bayer != "RGGB" && bayer != "GRBG" && bayer != "BGGR" && bayer != "GBRG") {
     throw session::UsageError(
         fmt::format("Bayer pattern '{}'; RGGB, GRBG, BGGR and GBRG are possible", bayer));
+  }
+  std::set<std::string> taken;
+  for (const std::string& filter : options.filters) {
+    if (std::none_of(kFilters.begin(), kFilters.end(), [&](const Passband& f) { return f.name == filter; })) {
+      throw session::UsageError(
+          fmt::format("filter '{}'; L, R, G, B, Ha, OIII and SII are possible", filter));
+    }
+    if (!taken.insert(filter).second) throw session::UsageError("filter " + filter + " is given twice");
+  }
+  if (!bayer.empty() && !options.filters.empty()) {
+    throw session::UsageError("a colour sensor needs no filters: leave out the pattern or the filters");
   }
   return session::AtEdge([&] { return Session(folder, options).Write(); });
 }

@@ -5,26 +5,28 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "session/Export.h"
 
 namespace korimg {
 
 struct SimulateOptions {
-  int frames = 20;  ///< lights, 1 to 9999; of each kind of calibration frame: a half, but 3 to 10
+  int frames = 20;  ///< lights, of each filter, 1 to 9999; calibration frames of a kind: a half, but 3 to 10
   int width = 3008, height = 2008;  ///< pixels, at least 64
   std::string bayer = {};           ///< RGGB, GRBG, BGGR or GBRG for a colour sensor; empty for a mono one
-  std::uint64_t seed = 1;           ///< the same seed and options give the same bytes, whatever the threads
-  bool overwrite = false;           ///< replace existing files
-  int threads = 0;                  ///< 0: as many as OpenMP gives
+  std::vector<std::string> filters = {};  ///< of a wheel before a mono sensor: L, R, G, B, Ha, OIII, SII
+  std::uint64_t seed = 1;  ///< the same seed and options give the same bytes, whatever the threads
+  bool overwrite = false;  ///< replace existing files
+  int threads = 0;         ///< 0: as many as OpenMP gives
   /// Called after each file with the number of files done and of all; false cancels.
   std::function<bool(int done, int total)> progress = {};
 };
 
-/// Writes folder/lights/light_0001.fits and so on, darks/, flats/, biases/ and truth.json: 16-bit frames of a
-/// star field with nebulosity, sky gradient, vignetting, dust, hot pixels, cosmic rays, a satellite trail,
-/// shifts and rotations. truth.json holds every parameter that a test may want, with its conventions in
-/// words.
+/// Writes folder/lights/light_0001.fits and so on (light_R_0001.fits with filters), darks/, flats/, biases/
+/// and truth.json: 16-bit frames of a star field with nebulosity, sky gradient, vignetting, dust, hot pixels,
+/// cosmic rays, a satellite trail, shifts and rotations. truth.json holds every parameter that a test may
+/// want, with its conventions in words.
 /// @return false if cancelled: files made so far stay, without truth.json.
 /// @throws session::UsageError for options out of range, files::FileError if a file cannot be written.
 KORIMG_SESSION_API bool Simulate(const std::filesystem::path& folder, const SimulateOptions& options);

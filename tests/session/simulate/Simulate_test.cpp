@@ -188,11 +188,40 @@ TEST_F(Simulated, HotPixelsAreInDarksAndLights) {
   }
 }
 
+TEST_F(Simulated, FiltersOfAWheel) {
+  const json truth =
+      Make({.frames = 2, .width = 300, .height = 200, .filters = {"L", "Ha", "B"}, .seed = 11});
+  ASSERT_EQ(truth["lights"].size(), 6u);
+  int light = 0;
+  for (const std::string filter : {"L", "Ha", "B"}) {
+    for (const char* number : {"1", "2"}) {
+      const json& told = truth["lights"][light];
+      EXPECT_EQ(told["file"], "lights/light_" + filter + "_000" + number + ".fits");
+      EXPECT_EQ(ImageReader::Open(In(told["file"]))->Info().header.GetString("FILTER"), filter);
+      // The nebula covers less than half of the field.
+      const double sky = Median(Calibrate(truth, light));
+      const double expected =
+          truth["sky"]["sky_adu"][filter].get<double>() * told["sky_factor"].get<double>();
+      EXPECT_NEAR(sky, expected, 0.05 * expected + 5) << told["file"];
+      ++light;
+    }
+  }
+  EXPECT_TRUE(fs::exists(In("flats/flat_Ha_0003.fits")));
+  EXPECT_GT(truth["sky"]["sky_adu"]["L"], truth["sky"]["sky_adu"]["B"]);
+}
+
 TEST_F(Simulated, RefusesCancelsAndCleansUp) {
   const SimulateOptions good{.frames = 2, .width = 64, .height = 64};
   for (const auto& change : std::initializer_list<void (*)(SimulateOptions&)>{
            [](SimulateOptions& o) { o.frames = 0; }, [](SimulateOptions& o) { o.width = 63; },
-           [](SimulateOptions& o) { o.height = 2000000; }, [](SimulateOptions& o) { o.bayer = "RGBG"; }}) {
+           [](SimulateOptions& o) { o.height = 2000000; }, [](SimulateOptions& o) { o.bayer = "RGBG"; },
+           [](SimulateOptions& o) {
+             o.filters = {"L", "X"};
+           },
+           [](SimulateOptions& o) {
+             o.filters = {"L", "L"};
+           },
+           [](SimulateOptions& o) { o.filters = {"L"}, o.bayer = "RGGB"; }}) {
     SimulateOptions bad = good;
     change(bad);
     EXPECT_THROW(Simulate(folder_, bad), session::UsageError);
