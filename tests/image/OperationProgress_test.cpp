@@ -28,6 +28,7 @@
 #include "korimg/image/Progress.h"
 #include "korimg/levels/CImgCorrectCurve.h"
 #include "korimg/levels/CImgHstEql.h"
+#include "korimg/levels/CImgMidtones.h"
 #include "korimg/levels/CImgReduceTone.h"
 #include "korimg/levels/CImgToneCurve.h"
 #include "korimg/levels/CImgWindowing.h"
@@ -160,6 +161,11 @@ const std::vector<Operation>& Operations() {
        [](Stage& s) { s.Target<CImgReduceTone>().Do(9, s.src.get(), nullptr, 1); }},
       {"correction curve", 6203, kLines, Steps,
        [](Stage& s) { s.Target<CImgCorrectCurve>().Do(2, 0, 255, s.src.get(), nullptr, 1); }},
+      {"midtones", 6114, kLines, Steps,
+       [](Stage& s) {
+         const CImgMidtones::Parameters parameters[3];
+         s.Target<CImgMidtones>().Do(parameters, 0, s.src.get(), nullptr, 1);
+       }},
       {"window", 6191, kLines, Steps, [](Stage& s) { s.Target<CImgWindowing>().Do(0, 30, s.src.get(), 1); }},
       {"hot and cool", 6164, -1, Opens,
        [](Stage& s) { s.Target<CImgFilterMisc>().NoiseCut(1, 1, 0.2, 1, 0.2, s.src.get(), nullptr, 1); }},
