@@ -1,26 +1,47 @@
 #include "korimg/colour/CImgLrgbCmpst.h"
 
-#include "korimg/colour/CColor.h"
+#include <algorithm>
+#include <vector>
+
 #include "korimg/colour/internal/Channels.h"
+#include "korimg/colour/internal/LabRows.h"
 
 using namespace korimg;
 
 namespace {
 
-/// Limits a colour to what Lab is made of; NaN stays.
-double Limited(double v) {
-  return v < 0 ? 0 : v > 5000 ? 5000 : v;
+/// A line of colours or of Lab.
+struct ColourLine {
+  std::vector<float> planes[3];
+
+  explicit ColourLine(size_t width)
+      : planes{std::vector<float>(width), std::vector<float>(width), std::vector<float>(width)} {}
+  int Width() const { return static_cast<int>(planes[0].size()); }
+};
+
+/// A value from 0 to 255 as a share of white, limited to what Lab is made of; NaN stays.
+KORIMG_IN_LOOP inline double ShareOfWhite(float v) {
+  const float high = v > 5000 ? 5000 : v;
+  return (high < 0 ? 0 : high) * (1 / 255.0);
 }
 
-/// A colour from 0 to 1 on the scale of 255, as it is kept.
-float Of255(double colour) {
-  return static_cast<float>(colour * 255);
+/// Replaces lab(x) of each pixel of a line by its colour from 0 to 255.
+template <class F>
+void WriteRgb(ColourLine& line, const F& lab) {
+  float *const r = line.planes[0].data(), *const g = line.planes[1].data(), *const b = line.planes[2].data();
+  const int width = line.Width();
+  RunInLongVectors([=]() KORIMG_IN_LOOP {
+#pragma omp simd
+    for (int x = 0; x < width; ++x) {
+      const RgbColour colour = LabToRgb(lab(x));
+      r[x] = static_cast<float>(colour.r * 255);
+      g[x] = static_cast<float>(colour.g * 255);
+      b[x] = static_cast<float>(colour.b * 255);
+    }
+  });
 }
 
 }  // namespace
-
-/// One line of colours.
-using Colours = std::array<std::vector<float>, 3>;
 
 template <class F>
 void CImgLrgbCmpst::WriteColours(CVelImage& luminance, CRect* rect, int show, F&& colours) {
@@ -32,14 +53,13 @@ void CImgLrgbCmpst::WriteColours(CVelImage& luminance, CRect* rect, int show, F&
   }
   const ProgressScope progress(*this, show, kComposing, window.Height());
   ForLines(Team::All, window.top, window.bottom, [&](int y) {
-    const size_t width = window.Width();
-    Colours line = {std::vector<float>(width), std::vector<float>(width), std::vector<float>(width)};
+    ColourLine line(window.Width());
     colours(window.left, y, line);
     for (int p = 0; p < 3; ++p) {
       const double levelMin = GetLevelMin(p), range = GetLevelRange(p);
       float* out = GetWritableLine(window.left, y, p);
-      for (size_t i = 0; i < width; ++i) {
-        out[i] = static_cast<float>(line[p][i] / 255.0 * range + levelMin);
+      for (int x = 0; x < line.Width(); ++x) {
+        out[x] = static_cast<float>(line.planes[p][x] / 255.0 * range + levelMin);
       }
     }
     ShowProgress(1);
@@ -54,34 +74,41 @@ void CImgLrgbCmpst::DoLrgb(CVelImage* luminance, double luminanceX, double lumin
                              {rgb, rgbX, rgbY, rgbDegrees}};
   const double sines[] = {sources[0].Sine(), sources[1].Sine()};
   const double cosines[] = {sources[0].Cosine(), sources[1].Cosine()};
-  const auto read = [&](int i, int x, int y) {
-    std::array<double, 3> c;
-    sources[i].image->GetPixelRgb256f(x, y, sources[i].dx, sources[i].dy, sines[i], cosines[i],
-                                      useImageCentre, i == 0 ? 1.0 : scale, &c[0], &c[1], &c[2], 0.0, nullptr,
-                                      nullptr, nullptr);
-    return c;
-  };
-  WriteColours(*luminance, rect, show && !mix, [&](int left, int y, Colours& line) {
-    for (size_t i = 0; i < line[0].size(); ++i) {
-      const int x = left + static_cast<int>(i);
-      const auto a = read(0, x, y), b = read(1, x, y);
-      if (mix) {
-        for (int p = 0; p < 3; ++p) {
-          const double difference = std::abs(a[p] - b[p]);
-          line[p][i] = static_cast<float>(operation == 1   ? difference
-                                          : operation == 2 ? 255.0 - difference
-                                                           : (a[p] + b[p]) * 0.5);
-        }
-        continue;
-      }
-      CColor first, second;
-      first.RgbToLab(Limited(a[0]) / 255, Limited(a[1]) / 255, Limited(a[2]) / 255);
-      second.RgbToLab(Limited(b[0]) / 255, Limited(b[1]) / 255, Limited(b[2]) / 255);
-      first.LabToRgb(first.GetL(), second.Geta(), second.Getb());
-      line[0][i] = Of255(first.GetR());
-      line[1][i] = Of255(first.GetG());
-      line[2][i] = Of255(first.GetB());
+  const auto read = [&](int i, int left, int y, ColourLine& line) {
+    for (int x = 0; x < line.Width(); ++x) {
+      double r, g, b;
+      sources[i].image->GetPixelRgb256f(left + x, y, sources[i].dx, sources[i].dy, sines[i], cosines[i],
+                                        useImageCentre, i == 0 ? 1.0 : scale, &r, &g, &b, 0.0, nullptr,
+                                        nullptr, nullptr);
+      line.planes[0][x] = static_cast<float>(r);
+      line.planes[1][x] = static_cast<float>(g);
+      line.planes[2][x] = static_cast<float>(b);
     }
+  };
+  WriteColours(*luminance, rect, show && !mix, [&](int left, int y, ColourLine& line) {
+    ColourLine other(line.Width());
+    read(0, left, y, line);
+    read(1, left, y, other);
+    if (mix) {
+      for (int p = 0; p < 3; ++p) {
+        std::ranges::transform(line.planes[p], other.planes[p], line.planes[p].begin(),
+                               [=](double a, double b) {
+                                 const double difference = std::abs(a - b);
+                                 return static_cast<float>(operation == 1   ? difference
+                                                           : operation == 2 ? 255.0 - difference
+                                                                            : (a + b) * 0.5);
+                               });
+      }
+      return;
+    }
+    const float *const r1 = line.planes[0].data(), *const g1 = line.planes[1].data(),
+                       *const b1 = line.planes[2].data(), *const r2 = other.planes[0].data(),
+                       *const g2 = other.planes[1].data(), *const b2 = other.planes[2].data();
+    WriteRgb(line, [=](int x) KORIMG_IN_LOOP {
+      const LabColour first = RgbToLab({ShareOfWhite(r1[x]), ShareOfWhite(g1[x]), ShareOfWhite(b1[x])}),
+                      second = RgbToLab({ShareOfWhite(r2[x]), ShareOfWhite(g2[x]), ShareOfWhite(b2[x])});
+      return LabColour{first.l, second.a, second.b};
+    });
   });
 }
 
@@ -96,17 +123,16 @@ void CImgLrgbCmpst::DoLab(CVelImage* luminance, double luminanceX, double lumina
     readers[i].SetBParam(from.image, from.dx, from.dy, from.Sine(), from.Cosine(), i == 0 ? 1.0 : scale,
                          useImageCentre, 0, 0.0f);
   }
-  WriteColours(*luminance, rect, show, [&](int left, int y, Colours& line) {
-    for (size_t i = 0; i < line[0].size(); ++i) {
-      const int x = left + static_cast<int>(i);
+  WriteColours(*luminance, rect, show, [&](int left, int y, ColourLine& line) {
+    for (int x = 0; x < line.Width(); ++x) {
       double a, b;
-      const double l = readers[0].GetPixelL(x, y);
-      readers[1].GetPixelAb(x, y, &a, &b);
-      CColor colour;
-      colour.LabToRgb(l, a, b);
-      line[0][i] = Of255(colour.GetR());
-      line[1][i] = Of255(colour.GetG());
-      line[2][i] = Of255(colour.GetB());
+      line.planes[0][x] = readers[0].GetPixelL(left + x, y);
+      readers[1].GetPixelAb(left + x, y, &a, &b);
+      line.planes[1][x] = static_cast<float>(a);
+      line.planes[2][x] = static_cast<float>(b);
     }
+    const float *const l = line.planes[0].data(), *const a = line.planes[1].data(),
+                       *const b = line.planes[2].data();
+    WriteRgb(line, [=](int x) KORIMG_IN_LOOP { return LabColour{l[x], a[x], b[x]}; });
   });
 }

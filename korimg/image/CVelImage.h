@@ -340,10 +340,10 @@ class KORIMG_API CVelImage : public CImage {
                float* averages, float fOffset, double gamma, CRect* rect, int show);
 
   // The planes of the Lab that CColor tells, with white at the level maximum: L from 0 at black to 100 at
-  // white, a and b 0 for greys. Each answers a new image that the caller owns, of this image's store, size and
-  // reference point, with scale 1 and offset 0 and levels not set; null without a store or memory. What lies
-  // below black counts as black, what lies above 5000 / 255 times white as that. An image of fewer than three
-  // planes is grey by plane 0. They show progress and run on all threads.
+  // white, a and b 0 for greys. Each answers a new image that the caller owns, of this image's store, size
+  // and reference point, with scale 1 and offset 0 and levels not set; null without a store or memory. What
+  // lies below black counts as black, what lies above 5000 / 255 times white as that. An image of fewer than
+  // three planes is grey by plane 0. They show progress and run on all threads.
   /// L, a and b.
   CVelImage* MakeLabPlane();
   /// L alone.

@@ -1,5 +1,5 @@
-// The colour model of CColor for loops over rows, which become vectors: a loop in RunInLongVectors calls RgbToLab and
-// LabToRgb for its pixels. Internal.
+// The colour model of CColor for loops over rows, which become vectors: a loop in RunInLongVectors calls
+// RgbToLab and LabToRgb for its pixels. Internal.
 #pragma once
 
 #include <array>
@@ -50,8 +50,8 @@ KORIMG_IN_LOOP inline T RefinedInverseRoot(T r, T x) {
   return r + r * (h * sum);
 }
 
-/// x^(-1/N) to 3e-11 of it for x from 1e-30 to 1e30; NaN for NaN, and for others any number. It has no branches
-/// and calls nothing.
+/// x^(-1/N) to 3e-11 of it for x from 1e-30 to 1e30; NaN for NaN, and for others any number. It has no
+/// branches and calls nothing.
 ///
 /// A float's bits are nearly a logarithm: divided by -N they give the root to 4 %. A step in float and one in
 /// double do the rest.
@@ -76,8 +76,8 @@ KORIMG_IN_LOOP inline double InverseLabCurve(double f) {
   return f > 0.20689303442296383 ? f * f * f : (f - 0.13793103448275862) * (1 / 7.78);
 }
 
-/// What CColor::RgbToLab computes, to 1e-10 of the value or of 1. NaN in one channel makes all NaN. Shares of white up
-/// to 1e12.
+/// What CColor::RgbToLab computes, to 1e-10 of the value or of 1. NaN in one channel makes all NaN. Shares of
+/// white up to 1e12.
 KORIMG_IN_LOOP inline LabColour RgbToLab(const RgbColour& colour) {
   constexpr double kWhite = 5.6508;
   const double m = (colour.r + colour.g + colour.b) * (1.0 / 3);
