@@ -32,8 +32,8 @@ int Run(int argc, char** argv, Tool& tool) {
   app.option_defaults()->always_capture_default();
   app.require_subcommand(0, 1);  // what is named as a verb after another one is a word of that one
   AddVersion(app, tool);
-  for (const auto add : {AddInfo, AddOps, AddApply, AddCalibrate, AddComposite, AddDevelop, AddRegister,
-                         AddRender, AddRun, AddSimulate, AddStack, AddStars}) {
+  for (const auto add : {AddInfo, AddOps, AddApply, AddCalibrate, AddCompose, AddComposite, AddDevelop,
+                         AddRegister, AddRender, AddRun, AddSimulate, AddStack, AddStars}) {
     add(app, tool);
   }
   for (CLI::App* verb : app.get_subcommands({})) {

@@ -21,6 +21,7 @@ void AddVersion(CLI::App& app, Tool& tool);
 void AddInfo(CLI::App& app, Tool& tool);
 void AddOps(CLI::App& app, Tool& tool);
 void AddApply(CLI::App& app, Tool& tool);
+void AddCompose(CLI::App& app, Tool& tool);
 void AddComposite(CLI::App& app, Tool& tool);
 void AddCalibrate(CLI::App& app, Tool& tool);
 void AddDevelop(CLI::App& app, Tool& tool);

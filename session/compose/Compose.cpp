@@ -1,0 +1,395 @@
+#include "session/compose/Compose.h"
+
+#include <algorithm>
+#include <cmath>
+#include <tuple>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "korimg/colour/CImgCmyComposit.h"
+#include "korimg/colour/CImgColorBalance.h"
+#include "korimg/colour/CImgLrgbCmpst.h"
+#include "korimg/colour/CImgRgbCmpst.h"
+#include "korimg/composite/stacking/FrameLevels.h"
+#include "korimg/geometry/CImgCrop.h"
+#include "korimg/image/internal/Lines.h"
+#include "korimg/pipelines/runtime/Runtime.h"
+
+#include "session/calibrate/Frames.h"
+#include "session/compose/internal/CommonArea.h"
+#include "session/files/Gain.h"
+#include "session/files/Geometry.h"
+#include "session/files/Mosaic.h"
+#include "session/job/Json.h"
+#include "session/job/internal/Edge.h"
+#include "session/job/internal/SideBySide.h"
+#include "session/operations/Kernels.h"
+#include "session/picture/Images.h"
+
+namespace korimg::session {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kFull = "no room for the composed image";
+
+bool HasLuminance(Composition composition) {
+  return composition == Composition::Lrgb || composition == Composition::Lab;
+}
+
+/// An image without its keeper, for those that only look at it.
+std::shared_ptr<CVelImage> Lent(CVelImage& image) {
+  return {std::shared_ptr<void>(), &image};
+}
+
+class Composer {
+ public:
+  Composer(Job& job, std::vector<Image> sources, const ComposeOptions& options)
+      : job_(job),
+        options_(options),
+        sources_(std::move(sources)),
+        hasLuminance_(HasLuminance(options.composition)) {
+    CheckSources();
+    for (size_t i = 1; i < sources_.size(); ++i) {
+      if (files::LiesOverturned(sources_[0].Header(), sources_[i].Header())) TurnOver(Pixels(i));
+    }
+  }
+
+  Image Do() {
+    if (options_.registers) {
+      Register();
+    } else {
+      places_.resize(sources_.size());
+    }
+    std::unique_ptr<CVelImage> image = options_.composition == Composition::Lab ? OfLab() : OfColours();
+    if (options_.backgrounds == Backgrounds::Equal) EqualiseSkies(*image);
+    files::Header header = MakeHeader();
+    if (options_.crops) Crop(image, header);
+    image->SetOwnLevel(true);
+    files::ImageInfo info = sources_[0].Info();
+    info.planes = 3;
+    info.header = std::move(header);
+    return Image(std::move(image), std::move(info));
+  }
+
+ private:
+  CVelImage& Pixels(size_t i) { return sources_[i].Pixels(); }
+  std::string Name(size_t i) const {
+    const fs::path& path = sources_[i].Info().path;
+    return path.empty() ? fmt::format("source {}", i + 1) : path.filename().string();
+  }
+  size_t FirstColour() const { return hasLuminance_ ? 1 : 0; }
+  /// The source of a colour from 0 to 2.
+  size_t Colour(size_t c) const { return FirstColour() + (Colours() == 1 ? 0 : c); }
+  size_t Colours() const { return sources_.size() - FirstColour(); }
+
+  void CheckSources() const {
+    const std::string name = NameOf(kCompositions, options_.composition);
+    const bool isLab = options_.composition == Composition::Lab;
+    const bool isOne = sources_.size() == FirstColour() + 1, isThree = sources_.size() == FirstColour() + 3;
+    if (!(isOne || (isThree && !isLab))) {
+      throw UsageError(
+          fmt::format("{} wants {}{}", name, hasLuminance_ ? "a luminance and " : "",
+                      isLab ? "one image of the planes a and b" : "three colours, or one image in colour"));
+    }
+    for (size_t i = 0; i < sources_.size(); ++i) {
+      if (!files::FindMosaic(sources_[i].Info()).name.empty()) {
+        throw files::FileError(Name(i), "is an undeveloped mosaic; develop it first");
+      }
+    }
+    const Image& last = sources_.back();
+    if (isOne && last.Planes() != (isLab ? 2 : 3)) {
+      throw UsageError(
+          fmt::format("{}: {} has {} plane{}; {}", name, Name(sources_.size() - 1), last.Planes(),
+                      last.Planes() == 1 ? "" : "s",
+                      isLab ? "a and b are wanted, as to-lab makes them" : "a colour image has 3"));
+    }
+  }
+
+  void Register() {
+    std::vector<FrameMeasure> measures(sources_.size());
+    SideBySide(
+        job_, "finding stars in source", sources_.size(), BytesOf(sources_[0].Info()),
+        [&](size_t i) { return MeasureFrame(Pixels(i)); },
+        [&](size_t i, const auto& result) { measures[i] = result(); });
+    Registrar registrar(measures[0], [&] { return Lent(Pixels(0)); });
+    places_ = {ReferenceRegistration(measures[0])};
+    for (size_t i = 1; i < sources_.size(); ++i) {
+      job_.CheckCancelled();
+      Registration place = registrar.Register(measures[i], [&] { return Lent(Pixels(i)); });
+      if (!place.IsGood()) {
+        throw files::FileError(
+            Name(i), fmt::format("cannot be laid on {}: {}; leave it as it lies by --register none", Name(0),
+                                 place.Text()));
+      }
+      job_.Say(fmt::format("{}: dx {:.3f}, dy {:.3f}, {:.4f} degrees by {}", Name(i), place.dx, place.dy,
+                           place.degrees, place.method));
+      places_.push_back(std::move(place));
+    }
+  }
+
+  bool IsBySky() const {
+    return options_.levels == LevelsBy::Sky ||
+           (options_.levels == LevelsBy::Auto && options_.composition == Composition::Lrgb);
+  }
+
+  static constexpr double kMostWhites = 5000.0 / 255 / 1.01;  // a little less than what CImgLrgbCmpst takes
+
+  /// Sets black below the sky, by `depth` for each plane, and one range for all planes.
+  static void SetLevels(CVelImage& image, const FrameLevels& sky, double depth, double range) {
+    for (int p = 0; p < image.GetPlanes(); ++p) {
+      const double black = sky.level[p] - depth;
+      image.SetLevel(p, black, black + (range > 0 ? range : 1));
+    }
+  }
+
+  /// The largest value of any plane above its sky.
+  static double Highest(CVelImage& image, const FrameLevels& sky) {
+    double highest = 0;
+    for (int p = 0; p < image.GetPlanes(); ++p) {
+      const double max = std::get<1>(image.GetMinMax(p));
+      highest = std::max(highest, (std::isfinite(max) ? max : image.GetLevelMax(p)) - sky.level[p]);
+    }
+    return highest;
+  }
+
+  /// How far black lies below the sky of all planes: below all pixels but those far out, such as edges that
+  /// no frame reached.
+  static double Depth(CVelImage& image, const FrameLevels& sky) {
+    constexpr double kLeast = 12, kMost = 50;  // times the noise
+    double depth = 0;
+    for (int p = 0; p < image.GetPlanes(); ++p) {
+      const double lowest = sky.level[p] - std::get<0>(image.GetMinMax(p));
+      depth = std::max(depth, std::clamp(lowest, kLeast * sky.noise[p], kMost * sky.noise[p]));
+    }
+    return depth;
+  }
+
+  /// Light of the colours, the mean of the three, in that of the luminance, where this is well above its sky
+  /// and not saturated; 1 where there is no such light.
+  static double ShareOfLuminance(CVelImage& luminance, const FrameLevels& sky, CVelImage& colours,
+                                 const FrameLevels& colourSky) {
+    constexpr double kSigmas = 5, kSaturated = 0.7;
+    const double least = kSigmas * sky.noise[0], most = kSaturated * Highest(luminance, sky);
+    struct Light {
+      double luminance = 0, colours = 0;
+    };
+    Light sum;
+    for (const Light& line : MapLines(0, colours.GetHeight(), [&](int y) {
+           Light light;
+           const float* first = luminance.GetLine(0, y, 0);
+           const std::vector<float> lit(first, first + luminance.GetWidth());
+           for (int p = 0; p < 3; ++p) {
+             const float* colour = colours.GetLine(0, y, p);
+             for (size_t x = 0; x < lit.size(); ++x) {
+               const double l = lit[x] - sky.level[0], c = colour[x] - colourSky.level[p];
+               if (!(l > least && l < most) || !std::isfinite(c)) continue;
+               light.luminance += l;
+               light.colours += c;
+             }
+           }
+           return light;
+         })) {
+      sum.luminance += line.luminance;
+      sum.colours += line.colours;
+    }
+    return sum.luminance > 0 && sum.colours > 0 ? sum.colours / sum.luminance : 1;
+  }
+
+  /// Brings luminance and colours to shares of white that are alike where their light is, with all pixels
+  /// within what Lab is made of: black lies far below the noise.
+  void SetLevelsBySky(CVelImage& luminance, CVelImage& colours) const {
+    const FrameLevels sky = MeasureLevels(luminance), colourSky = MeasureLevels(colours);
+    const double share = ShareOfLuminance(luminance, sky, colours, colourSky);
+    const double depth = std::max(Depth(luminance, sky), Depth(colours, colourSky) / share);
+    const double highest = std::max(Highest(luminance, sky), Highest(colours, colourSky) / share);
+    const double range = (highest + depth) / kMostWhites;
+    SetLevels(luminance, sky, depth, range);
+    SetLevels(colours, colourSky, share * depth, share * range);
+  }
+
+  void SetLevelsBySky(CVelImage& colours) const {
+    const FrameLevels sky = MeasureLevels(colours);
+    const double depth = Depth(colours, sky);
+    SetLevels(colours, sky, depth, Highest(colours, sky) + depth);
+  }
+
+  /// An operation that writes three planes of the first source's size.
+  template <class Operation>
+  std::unique_ptr<Operation> Target() {
+    const CVelImage& first = Pixels(0);
+    const CVelImage shape(first.VmManager(), CImage::Float, first.GetWidth(), first.GetHeight(), 3, 1.0, 0.0,
+                          1, nullptr);
+    auto target = std::make_unique<Operation>();
+    if (!target->Create(shape, nullptr)) throw velora::CVmMemoryAllocationError(kFull);
+    target->SetProgressHandle(job_.OperationWindow("composing"));
+    return target;
+  }
+
+  std::unique_ptr<CVelImage> OfColours() {
+    const auto call = [&](auto& target, auto... more) {
+      const size_t s[] = {Colour(0), Colour(1), Colour(2)};
+      target.Do(&Pixels(s[0]), places_[s[0]].dx, places_[s[0]].dy, places_[s[0]].degrees, &Pixels(s[1]),
+                places_[s[1]].dx, places_[s[1]].dy, places_[s[1]].degrees, &Pixels(s[2]), places_[s[2]].dx,
+                places_[s[2]].dy, places_[s[2]].degrees, 0, options_.kernel, nullptr, more...);
+      job_.EndProgress();
+    };
+    if (options_.composition == Composition::Cmy) {
+      auto image = Target<CImgCmyComposit>();
+      call(*image, 0, 1);
+      if (IsBySky()) SetLevelsBySky(*image);
+      return image;
+    }
+    auto image = Target<CImgRgbCmpst>();
+    call(*image, nullptr, 1, CString());
+    if (options_.composition == Composition::Rgb) {
+      if (IsBySky()) SetLevelsBySky(*image);
+      return image;
+    }
+    if (IsBySky()) SetLevelsBySky(Pixels(0), *image);
+    auto lit = Target<CImgLrgbCmpst>();
+    lit->DoLrgb(&Pixels(0), 0, 0, 0, image.get(), 0, 0, 0, 0, 1.0, nullptr, 0, 0, 1);
+    job_.EndProgress();
+    return lit;
+  }
+
+  std::unique_ptr<CVelImage> OfLab() {
+    auto image = Target<CImgLrgbCmpst>();
+    const Registration& place = places_[1];
+    image->DoLab(&Pixels(0), 0, 0, 0, &Pixels(1), place.dx, place.dy, place.degrees, options_.kernel, 1.0, 0,
+                 nullptr, 1);
+    job_.EndProgress();
+    return image;
+  }
+
+  /// Brings the skies of all planes to that of the first.
+  static void EqualiseSkies(CVelImage& image) {
+    const FrameLevels sky = MeasureLevels(image);
+    const double percent = 100 / image.GetLevelRange(0);
+    CImgColorBalance balanced;
+    balanced.Swap(&image);
+    balanced.Do(0, (sky.level[0] - sky.level[1]) * percent, (sky.level[0] - sky.level[2]) * percent,
+                &balanced, nullptr, 0);
+    balanced.Swap(&image);
+    for (int p = 1; p < 3; ++p) {
+      const double shift = sky.level[0] - sky.level[p];
+      image.SetLevel(p, image.GetLevelMin(p) + shift, image.GetLevelMax(p) + shift);
+    }
+  }
+
+  files::Header MakeHeader() {
+    files::Header header = sources_[0].Header();
+    for (const char* key : {"FILTER", "FILTER1", "FILTER2"}) {
+      header.Remove(key);
+    }
+    files::DropGain(header);
+    std::string text =
+        fmt::format("korimg {} compose {} --kernel {} --levels {} --background {}", Version(),
+                    NameOf(kCompositions, options_.composition), NameOf(kKernels, options_.kernel),
+                    NameOf(kLevelsBy, options_.levels), NameOf(kBackgrounds, options_.backgrounds));
+    header.AddHistory(text);
+    for (size_t i = 0; i < sources_.size(); ++i) {
+      const std::string filter = FilterOf(sources_[i].Header());
+      header.AddHistory(fmt::format("{}{}: dx {:.3f} dy {:.3f} turned {:.4f}", Name(i),
+                                    filter.empty() ? "" : " (" + filter + ")", places_[i].dx, places_[i].dy,
+                                    places_[i].degrees));
+    }
+    return header;
+  }
+
+  void Crop(std::unique_ptr<CVelImage>& image, files::Header& header) {
+    const int width = image->GetWidth(), height = image->GetHeight();
+    std::vector<Placement> placements;
+    for (size_t i = 0; i < sources_.size(); ++i) {
+      placements.push_back(
+          {Pixels(i).GetWidth(), Pixels(i).GetHeight(), places_[i].dx, places_[i].dy, places_[i].degrees});
+    }
+    const CRect area = CommonArea(width, height, placements);
+    if (area.IsRectEmpty()) {
+      throw files::FileError(Name(0), "shares no pixel with all the others; compose them by --crop none");
+    }
+    if (area.left == 0 && area.top == 0 && area.right == width && area.bottom == height) return;
+    auto cropped = std::make_unique<CImgCrop>();
+    if (!cropped->Create(*image, nullptr) || !cropped->Do(area, image.get(), 0)) {
+      throw velora::CVmMemoryAllocationError(kFull);
+    }
+    for (int p = 0; p < 3; ++p) {
+      cropped->SetLevel(p, image->GetLevelMin(p), image->GetLevelMax(p));
+    }
+    image = std::move(cropped);
+    std::ignore = files::MoveHeader(header, {width, height, 3}, {image->GetWidth(), image->GetHeight(), 3},
+                                    files::AffineMap::Shift(-area.left, -area.top));
+  }
+
+  Job& job_;
+  const ComposeOptions& options_;
+  std::vector<Image> sources_;
+  bool hasLuminance_;
+  std::vector<Registration> places_;  ///< of the sources on the first
+};
+
+std::string TextOf(const ComposeFilesOptions& options) {
+  std::string text = fmt::format("compose {}", NameOf(kCompositions, options.composition));
+  if (!options.luminance.empty()) text += " " + options.luminance.string();
+  for (const fs::path& colour : options.colours) {
+    text += " " + colour.string();
+  }
+  return text;
+}
+
+void Tell(Job& job, const ComposeFilesOptions& options) {
+  nlohmann::ordered_json json{{"composition", NameOf(kCompositions, options.composition)},
+                              {"luminance", options.luminance.string()},
+                              {"colours", nlohmann::ordered_json::array()},
+                              {"output", options.output.string()}};
+  for (const fs::path& colour : options.colours) {
+    json["colours"].push_back(colour.string());
+  }
+  job.Tell(Dump(json), fmt::format("{} -> {}", TextOf(options), options.output.string()));
+}
+
+/// Refuses calls that name too few files, or too many.
+void Check(const ComposeFilesOptions& options) {
+  const bool wantsLuminance = HasLuminance(options.composition);
+  const std::string name = NameOf(kCompositions, options.composition);
+  if (wantsLuminance && options.luminance.empty())
+    throw UsageError(name + " wants a luminance: give --luminance");
+  if (!wantsLuminance && !options.luminance.empty()) {
+    throw UsageError(name + " takes no luminance; lrgb does");
+  }
+}
+
+}  // namespace
+
+Image Compose(Job& job, std::vector<Image> sources, const ComposeOptions& options) {
+  return AtEdge([&] { return Composer(job, std::move(sources), options).Do(); });
+}
+
+void ComposeFiles(Job& job, const ComposeFilesOptions& options) {
+  AtEdge([&] {
+    Check(options);
+    job.CheckOutput(options.output);
+    const auto store = job.MakeStore(options.paged ? "paged" : "contiguous");
+    std::vector<Image> sources;
+    if (!options.luminance.empty())
+      sources.push_back(Image::Open(job, store, options.luminance, {.hdu = options.hdu}));
+    for (const fs::path& colour : options.colours) {
+      sources.push_back(Image::Open(job, store, colour, {.hdu = options.hdu}));
+    }
+    const Image image = Compose(job, std::move(sources), options);
+    SaveImage(job, image.Pixels(), image.Header(), options.output, {.integers = options.integers});
+    Tell(job, options);
+  });
+}
+
+void PlanComposeFiles(Job& job, const ComposeFilesOptions& options) {
+  AtEdge([&] {
+    Check(options);
+    job.CheckOutput(options.output);
+    Tell(job, options);
+  });
+}
+
+}  // namespace korimg::session
