@@ -16,13 +16,18 @@ void AddRender(CLI::App& app, Tool& tool) {
   verb->add_option("-o,--output", options->output,
                    "the picture of 8 bits: PNG, TIFF or JPEG, by its extension")
       ->required();
-  AddChoice(*verb, "--level", options->level,
-            {{"normal", LevelMethod::Normal},
-             {"mean", LevelMethod::Mean},
-             {"median", LevelMethod::Median},
-             {"histogram", LevelMethod::Histogram},
-             {"none", LevelMethod::None}},
-            "how black and white are set; none takes the image's own levels");
+  AddChoice(
+      *verb, "--level", options->level,
+      {{"auto", LevelMethod::Auto},
+       {"linked", LevelMethod::Linked},
+       {"normal", LevelMethod::Normal},
+       {"mean", LevelMethod::Mean},
+       {"median", LevelMethod::Median},
+       {"histogram", LevelMethod::Histogram},
+       {"none", LevelMethod::None}},
+      "auto stretches the midtones of a linear image so that its sky is a dark grey, and leaves an image "
+      "of 8 bits as it is; linked the same without a neutral sky; normal, mean, median and histogram set "
+      "black and white; none takes the image's own levels");
   verb->add_option("--scale", options->scale,
                    "1, or a fraction such as 0.25, rounded to one over a whole number")
       ->check(CLI::Range(0.001, 1.0));

@@ -95,6 +95,11 @@ void AddRun(CLI::App& app, Tool& tool) {
                    "leave out frames whose elongation is more than this many times the median; 0: no limit")
       ->check(CLI::Range(0.0, 100.0));
   AddStackChoices(*verb, options.stack);
+  AddChoice(
+      *verb, "--palette", options.palette, kPalettes,
+      "the colour image of several filters: auto finds luminance, red, green and blue, else SII, Ha and "
+      "OIII, by their names; rgb, sho (SII, Ha, OIII as red, green, blue), hoo (Ha, OIII, OIII) want "
+      "these; none makes no colour image");
   AddCommonOptions(*verb, tool);
   verb->callback([arguments, &tool] {
     tool.Begin();

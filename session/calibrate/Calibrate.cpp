@@ -109,20 +109,25 @@ class LightWriter {
       const double pedestal = session_.Options().KeptPedestal();
       if (pedestal > 0) Calculate(image, Calculation::Subtract, pedestal);
       Development development = session_.Develop(MosaicSource(image), light, info);
-      Levels levels = development.PictureLevels(kPreviewSide);
-      for (int p = 0; p < 3; ++p) {
-        levels.min[p] += pedestal;
-        levels.max[p] += pedestal;
-      }
-      SaveDeveloped(job_, development, info.header, levels, levels, *Output(light), {}, Preview(light),
-                    kPreviewSide, [&](CVelImage& band) {
+      const auto levelsBy = [&](LevelMethod method) {
+        Levels levels = development.PictureLevels(kPreviewSide, method);
+        for (int p = 0; p < 3; ++p) {
+          levels.min[p] += pedestal;
+          levels.max[p] += pedestal;
+        }
+        return levels;
+      };
+      SaveDeveloped(job_, development, info.header, levelsBy(LevelMethod::Histogram),
+                    Preview(light) ? levelsBy(LevelMethod::Auto) : Levels(), *Output(light), {},
+                    Preview(light), kPreviewSide, [&](CVelImage& band) {
                       if (pedestal > 0) Calculate(band, Calculation::Add, pedestal);
                     });
     } else {
       LevelForPreview(image, kPreviewSide);
       if (const auto output = Output(light)) SaveImage(job_, image, info.header, *output);
       if (const auto preview = Preview(light)) {
-        SavePicture(job_, image, *preview, ShrinkTo({image.GetWidth(), image.GetHeight()}, kPreviewSide),
+        SavePicture(job_, image, StretchForPicture(image), *preview,
+                    ShrinkTo({image.GetWidth(), image.GetHeight()}, kPreviewSide),
                     files::IsPictureOverturned(info.header));
       }
     }

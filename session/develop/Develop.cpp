@@ -285,7 +285,7 @@ void Development::DevelopBand(CVelImage& band, int trimTop, int trimBottom) {
   if (options_.half && balances) ScalePlanes(band, ByPlane(gains_, cfa_).data());
 }
 
-Levels Development::PictureLevels(int side) {
+Levels Development::PictureLevels(int side, LevelMethod method) {
   // Whole cells, so that the sample is a mosaic too.
   const auto& [width, height, planes] = source_.shape;
   const int step = ShrinkTo(source_.shape, side);
@@ -304,8 +304,7 @@ Levels Development::PictureLevels(int side) {
     }
   }
   DevelopBand(*sample, 0, 0);
-  LevelForPicture(*sample, LevelMethod::Histogram);
-  return Levels(*sample);
+  return LevelForPicture(*sample, method);
 }
 
 std::unique_ptr<CVelImage> Development::Rows(int y0, int y1) {

@@ -9,6 +9,7 @@
 
 #include "session/Export.h"
 #include "session/files/Mosaic.h"
+#include "session/picture/AutoPicture.h"
 #include "session/picture/Images.h"
 
 namespace korimg::session {
@@ -75,7 +76,7 @@ class KORIMG_SESSION_API Development {
 
   Shape Size() const;
   /// Levels that make a good picture of the result, from a sample of the mosaic as large as a preview.
-  Levels PictureLevels(int side);
+  Levels PictureLevels(int side, LevelMethod method);
   /// Rows y0 to y1 - 1 of the result. Throws FileError when there is no room.
   std::unique_ptr<CVelImage> Rows(int y0, int y1);
   /// Calls visit(band) with the result's rows in order; from the lowest band up when it is asked for.

@@ -102,8 +102,8 @@ class Developer {
       const fs::path folder = (preview ? *preview : frame.output).parent_path();
       if (!folder.empty()) fs::create_directories(folder);
       SaveDeveloped(job_, development, info.header, levels,
-                    preview ? development.PictureLevels(kPreviewSide) : levels, frame.output, save, preview,
-                    kPreviewSide, [](CVelImage&) {});
+                    preview ? development.PictureLevels(kPreviewSide, LevelMethod::Auto) : levels,
+                    frame.output, save, preview, kPreviewSide, [](CVelImage&) {});
     }
     job_.Tell(Dump({{"file", frame.file.string()},
                     {"output", frame.output.string()},

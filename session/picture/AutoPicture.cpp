@@ -1,15 +1,50 @@
 #include "session/picture/AutoPicture.h"
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 
+#include "korimg/composite/stacking/FrameLevels.h"
 #include "korimg/levels/CImgAutoLevel.h"
-
-#include "session/picture/Images.h"
+#include "korimg/levels/CImgMidtones.h"
 
 namespace korimg::session {
 
-void LevelForPicture(CVelImage& image, LevelMethod method) {
-  if (method == LevelMethod::None) return;
+Levels StretchForPicture(CVelImage& image, bool linked) {
+  constexpr double kShadowSpreads = 2.8, kSky = 0.25;
+  const int planes = std::min(image.GetPlanes(), 3);
+  const FrameLevels sky = MeasureLevels(image);
+  double lowest = std::numeric_limits<double>::infinity(), highest = -lowest, level = 0, spread = 0;
+  for (int p = 0; p < planes; ++p) {
+    const auto [min, max] = image.GetMinMax(p);
+    lowest = std::min<double>(lowest, min);
+    highest = std::max<double>(highest, max);
+    level += sky.level[p] / planes;
+    spread += sky.spread[p] / planes;
+  }
+  Levels levels;
+  if (!(highest > lowest) || !std::isfinite(highest - lowest)) lowest = level - 1, highest = level + 1;
+  std::fill(levels.min, levels.min + 3, lowest);
+  std::fill(levels.max, levels.max + 3, highest);
+  const double depth = kShadowSpreads * spread, range = highest - (level - depth);
+  if (!(depth > 0) || !(depth < kSky * range) || level - lowest > 0.5 * (highest - lowest)) return levels;
+  for (int p = 0; p < planes; ++p) {
+    levels.min[p] = (linked ? level : sky.level[p]) - depth;
+    levels.max[p] = levels.min[p] + range;
+    levels.midtone[p] = CImgMidtones::Transfer(depth / range, kSky);
+  }
+  return levels;
+}
+
+Levels LevelForPicture(CVelImage& image, LevelMethod method) {
+  if (method == LevelMethod::None) return Levels(image);
+  if (method == LevelMethod::Auto || method == LevelMethod::Linked) {
+    const Levels levels = StretchForPicture(image, method == LevelMethod::Linked);
+    for (int p = 0; p < image.GetPlanes(); ++p) {
+      image.SetLevel(p, levels.min[std::min(p, 2)], levels.max[std::min(p, 2)]);
+    }
+    return levels;
+  }
   CImgAutoLevel levels;
   levels.Swap(&image);
   if (method == LevelMethod::Normal) levels.DoByNormal(0.01, 0.997, 0, nullptr);
@@ -30,6 +65,7 @@ void LevelForPicture(CVelImage& image, LevelMethod method) {
       levels.SetLevel(p, levels.GetLevelMin(p) - 1, levels.GetLevelMin(p) + 1);
   }
   levels.Swap(&image);
+  return Levels(image);
 }
 
 void LevelForPreview(CVelImage& image, int side) {

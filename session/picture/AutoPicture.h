@@ -3,16 +3,25 @@
 #include "korimg/image/CVelImage.h"
 
 #include "session/Export.h"
+#include "session/picture/Images.h"
 
 namespace korimg::session {
 
-/// What black and white are found by; None leaves them.
-enum class LevelMethod { Normal, Mean, Median, Histogram, None };
+/// How an image is shown: Auto stretches its midtones so that a linear image shows what is faint, with a grey
+/// sky, Linked with the same black for all planes; the others set black and white, and None leaves them.
+enum class LevelMethod { Auto, Linked, Normal, Mean, Median, Histogram, None };
 
-/// Sets the levels of an image so that it makes a good picture of a sky. A colour image keeps its colours.
-KORIMG_SESSION_API void LevelForPicture(CVelImage& image, LevelMethod method);
+/// What Auto and Linked show an image by: the sky, the median M with a spread s of 1.4826 times the median
+/// distance from it, becomes a quarter of white, and M - 2.8 s black. Colours keep their ratios above the
+/// sky. An image that is bright throughout, or of one value, is shown from its minimum to its maximum.
+KORIMG_SESSION_API Levels StretchForPicture(CVelImage& image, bool linked = false);
 
-/// The same by Histogram, from the pixels that a preview of `side` pixels takes: quick on a large image.
+/// Sets the levels of an image so that it makes a good picture of a sky, and answers what it is shown by. A
+/// colour image keeps its colours.
+KORIMG_SESSION_API Levels LevelForPicture(CVelImage& image, LevelMethod method);
+
+/// Sets the levels by Histogram, from the pixels that a preview of `side` pixels takes: quick on a large
+/// image.
 KORIMG_SESSION_API void LevelForPreview(CVelImage& image, int side);
 
 }  // namespace korimg::session

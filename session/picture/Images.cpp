@@ -8,6 +8,8 @@
 
 #include "korimg/geometry/CImgFlip.h"
 #include "korimg/image/CImgCalculation.h"
+#include "korimg/image/internal/Lines.h"
+#include "korimg/levels/CImgMidtones.h"
 #include "korimg/platform/Debug.h"
 
 #include "session/files/Formats.h"
@@ -24,6 +26,12 @@ constexpr double kWhite = 65535;  // of 16 bits
 
 std::string LevelKey(const char* end, int plane) {
   return fmt::format("KORL{}{}", end, plane + 1);
+}
+
+/// A share of the way from black to white as it is shown; NaN is black.
+float Shown(float share, float midtone) {
+  const float v = share > 0 ? share : 0;
+  return CImgMidtones::Transfer(v < 1 ? v : 1, midtone);
 }
 
 void FillPicture(Job& job, CVelImage& image, const std::string& title, PictureSaver& saver) {
@@ -262,11 +270,10 @@ void PictureSaver::Write(const Band<const float>& rows) {
     for (int p = 0; p < shape_.planes; ++p) {
       const float* from = rows.Row(p, y).data();
       float* sums = sum.Row(p, 0).data();
-      const auto min = static_cast<float>(levels_.min[p]);
-      const auto scale = static_cast<float>(255.0 / (levels_.max[p] - levels_.min[p]));
+      const auto min = static_cast<float>(levels_.min[p]), midtone = static_cast<float>(levels_.midtone[p]);
+      const auto scale = static_cast<float>(1 / (levels_.max[p] - levels_.min[p]));
       for (int x = 0; x < shape_.width; ++x) {
-        const float v = (from[x] - min) * scale, shown = v > 0 ? v : 0;  // NaN is black
-        sums[x] += shown < 255 ? shown : 255;
+        sums[x] += 255 * Shown((from[x] - min) * scale, midtone);
       }
     }
     if ((next_ + 1) % rowsOfPixel_ != 0) continue;
@@ -297,14 +304,29 @@ void PictureSaver::Commit() {
   CommitComputed(*writer_);
 }
 
-void SavePicture(Job& job, CVelImage& image, const std::filesystem::path& path, int shrink, bool overturned) {
-  PictureSaver saver(job, path, ShapeOf(image), Levels(image), shrink, overturned);
+void ShowByLevels(CVelImage& image, const Levels& levels) {
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    const auto min = static_cast<float>(levels.min[p]),
+               range = static_cast<float>(levels.max[p] - levels.min[p]),
+               midtone = static_cast<float>(levels.midtone[p]);
+    ForLines(Team::All, 0, image.GetHeight(), [&](int y) {
+      float* line = image.GetWritableLine(0, y, p);
+      for (int x = 0, width = image.GetWidth(); x < width; ++x) {
+        line[x] = Shown((line[x] - min) / range, midtone) * range + min;
+      }
+    });
+  }
+}
+
+void SavePicture(Job& job, CVelImage& image, const Levels& levels, const std::filesystem::path& path,
+                 int shrink, bool overturned) {
+  PictureSaver saver(job, path, ShapeOf(image), levels, shrink, overturned);
   FillPicture(job, image, "writing " + path.filename().string(), saver);
 }
 
-std::string JpegOf(Job& job, CVelImage& image, int shrink) {
+std::string JpegOf(Job& job, CVelImage& image, const Levels& levels, int shrink) {
   std::string jpeg;
-  PictureSaver saver(jpeg, ShapeOf(image), Levels(image), shrink);
+  PictureSaver saver(jpeg, ShapeOf(image), levels, shrink);
   FillPicture(job, image, "drawing", saver);
   return jpeg;
 }

@@ -52,9 +52,10 @@ struct SaveOptions {
   files::Scale scale = {};
 };
 
-/// What an image's pixels mean on a picture, by plane.
+/// What an image's pixels mean on a picture, by plane: raw values that are black and white, and the share of
+/// the way from one to the other that becomes medium grey, by CImgMidtones::Transfer.
 struct KORIMG_SESSION_API Levels {
-  double min[3] = {}, max[3] = {};
+  double min[3] = {}, max[3] = {}, midtone[3] = {0.5, 0.5, 0.5};
 
   Levels() = default;
   explicit Levels(const CVelImage& image);
@@ -124,10 +125,14 @@ class KORIMG_SESSION_API PictureSaver {
 /// sky; FITS files lie as the image does.
 KORIMG_SESSION_API void SaveImage(Job& job, CVelImage& image, const files::Header& header,
                                   const std::filesystem::path& path, const SaveOptions& options = {});
-KORIMG_SESSION_API void SavePicture(Job& job, CVelImage& image, const std::filesystem::path& path, int shrink,
-                                    bool overturned = false);
-/// A JPEG of an image by its levels, in memory.
-KORIMG_SESSION_API std::string JpegOf(Job& job, CVelImage& image, int shrink);
+KORIMG_SESSION_API void SavePicture(Job& job, CVelImage& image, const Levels& levels,
+                                    const std::filesystem::path& path, int shrink, bool overturned = false);
+/// A JPEG of an image in memory.
+KORIMG_SESSION_API std::string JpegOf(Job& job, CVelImage& image, const Levels& levels, int shrink);
+
+/// Brings pixels to what levels show of them, on their own scale: what lies beyond black and white comes to
+/// these, blank ones become black.
+KORIMG_SESSION_API void ShowByLevels(CVelImage& image, const Levels& levels);
 
 /// The whole number that brings a picture to at most `side` pixels.
 KORIMG_SESSION_API int ShrinkTo(const Shape& shape, int side);

@@ -23,25 +23,9 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
-/// Limits pixels to what the levels show; blank ones become black.
-void LimitToLevels(CVelImage& image) {
-  for (int p = 0; p < image.GetPlanes(); ++p) {
-    const auto black = static_cast<float>(image.GetLevelMin(p)),
-               white = static_cast<float>(image.GetLevelMax(p));
-    for (int y = 0; y < image.GetHeight(); ++y) {
-      float* line = image.GetWritableLine(0, y, p);
-      for (int x = 0, width = image.GetWidth(); x < width; ++x) {
-        const float v = line[x] > black ? line[x] : black;
-        line[x] = v < white ? v : white;
-      }
-    }
-  }
-}
-
 /// Makes an image smaller by cells, each the mean of what the levels show of it, so that a bright star stays
 /// a point.
 void Shrink(std::unique_ptr<CVelImage>& image, int binX, int binY) {
-  LimitToLevels(*image);
   auto binned = std::make_unique<CImgSoftBinning>();
   if (!binned->Create(*image, nullptr) || !binned->Do(binX, binY, 0, 1, image.get(), 0)) {
     throw velora::CVmMemoryAllocationError("no room for the picture");
@@ -96,7 +80,6 @@ void DrawAnnotations(CVelImage& picture, const RenderOptions& options, const fil
     throw files::FileError(options.input,
                            "names no OBJECT and does not say its scale; give --title, --stars or both");
   }
-  LimitToLevels(picture);
   Annotate(picture, annotations, options.input, header, binX, binY);
 }
 
@@ -113,8 +96,9 @@ RenderResult Draw(Job& job, const RenderOptions& options) {
   const bool overturned = files::IsPictureOverturned(loaded.Header());
   const int fullHeight = image->GetHeight();
   if (overturned) TurnOver(*image);
-  LevelForPicture(*image, options.level);
-  const Levels levels(*image);  // of values, not of the sums that cells are
+  const bool isPicture = options.level == LevelMethod::Auto && loaded.Info().type == "uint8";
+  const Levels levels = LevelForPicture(*image, isPicture ? LevelMethod::None : options.level);
+  ShowByLevels(*image, levels);  // before cells are summed
   const int shrink = std::max(static_cast<int>(std::lround(1 / options.scale)), 1);
   const int binX = std::min(shrink, image->GetWidth()), binY = std::min(shrink, image->GetHeight());
   if (shrink > 1) Shrink(image, binX, binY);
@@ -134,6 +118,7 @@ RenderResult Draw(Job& job, const RenderOptions& options) {
   for (int p = 0; p < result.shape.planes; ++p) {
     json["black"].push_back(result.levels.min[p]);
     json["white"].push_back(result.levels.max[p]);
+    json["midtone"].push_back(result.levels.midtone[p]);
   }
   Tell(job, options, json);
   return result;

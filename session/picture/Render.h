@@ -17,14 +17,14 @@ struct RenderOptions {
   std::filesystem::path input;
   std::filesystem::path output;                 ///< of 8 bits: PNG, TIFF or JPEG, by its extension
   std::string hdu;                              ///< FITS: number or name of the extension that is read
-  LevelMethod level = LevelMethod::Histogram;   ///< how black and white are set
+  LevelMethod level = LevelMethod::Auto;        ///< how it is shown; Auto leaves what has 8 bits as it is
   double scale = 1;                             ///< to 1, rounded to one over a whole number
   std::optional<Annotations> annotations = {};  ///< where they tell nothing, DefaultAnnotations
 };
 
 struct RenderResult {
   Shape shape;    ///< of the picture
-  Levels levels;  ///< raw values that are black and white on it
+  Levels levels;  ///< what it is shown by
 };
 
 /// Makes a picture of an image, upright by its header's sky.

@@ -135,6 +135,11 @@ class Road {
       }
       targets_.push_back(std::move(target));
     }
+    std::vector<std::string> filters;
+    for (const Target& target : targets_) {
+      filters.push_back(target.filter);
+    }
+    colours_ = PlanColours(options.palette, filters);
   }
 
   /// Tells of the work; throws FileError when there is none.
@@ -145,6 +150,7 @@ class Road {
                        target.frames.size() == 1 ? "" : "s",
                        target.filter.empty() ? "" : ", filter " + target.filter));
     }
+    if (colours_) Plan(fmt::format("colour: {}", colours_->text));
     if (frames_.empty()) {
       throw files::FileError(options_.calibrate.lights.front().parent_path(), "no light can be used");
     }
@@ -164,6 +170,11 @@ class Road {
         outputs.push_back(Path(target.name + extension));
       }
     }
+    if (colours_) {
+      for (const char* extension : {".fits", ".tif", ".png"}) {
+        outputs.push_back(Path(std::string("colour") + extension));
+      }
+    }
     const Unfinished unfinished(job_, session_.CheckOutputs(outputs), options_.calibrate);
     session_.Prepare();
     fs::create_directories(options_.calibrate.out);
@@ -176,7 +187,8 @@ class Road {
     for (Target& target : targets_) {
       StackFrames(target);
     }
-    RunResult result{Frames(), stacks_, Path("report.html")};
+    const bool isColour = colours_ && ComposeColours();
+    RunResult result{Frames(), stacks_, isColour ? Path("colour.fits") : fs::path(), Path("report.html")};
     TellFrames(result.frames);
     WriteReport();
     CheckShares();
@@ -202,7 +214,28 @@ class Road {
     return 2 * BytesOf(light.frame.info) * (light.mosaic.cfa > 0 ? 3 : 1);
   }
 
+  /// What all frames of a target are shown by, so that they compare: that of the first one that can be read.
+  Levels StretchOfFrames(const Target& target) const {
+    for (const Progress* frame : target.frames) {
+      try {
+        LightRows rows(session_, *frame->light);
+        StackInput input{frame->light->Name(), rows.Size()};
+        input.read = [&rows](const Band<float>& to) { rows.Read(to); };
+        return StretchForPicture(*SampleInput(input));
+      } catch (const files::FileError&) {  // it is told of when the frame is measured
+      }
+    }
+    return {};
+  }
+
   void MeasureFrames() {
+    std::map<const Light*, Levels> shown;
+    for (const Target& target : targets_) {
+      const Levels levels = StretchOfFrames(target);
+      for (const Progress* frame : target.frames) {
+        shown[frame->light] = levels;
+      }
+    }
     SideBySide(
         job_, "measuring frame", frames_.size(), BytesOfFrame(),
         [&](size_t i) {
@@ -214,8 +247,8 @@ class Road {
           frame.border = rows.Border();
           frame.measure = MeasureFrame(*image);
           frame.levels = MeasureLevels(*image);
-          LevelForPreview(*image, kThumbnailSide);
-          frame.thumbnail = JpegOf(job_, *image, ShrinkTo(frame.shape, kThumbnailSide));
+          frame.thumbnail =
+              JpegOf(job_, *image, shown.at(frame.light), ShrinkTo(frame.shape, kThumbnailSide));
           return frame;
         },
         [&](size_t i, const auto& result) {
@@ -451,7 +484,8 @@ class Road {
     SaveImage(job_, image, header, Path(target.name + "_float.tif"));
     SaveImage(job_, image, header, Path(target.name + "_16bit.tif"), {.integers = true});
     if (files::IsPictureOverturned(header)) TurnOver(image);
-    SavePicture(job_, image, Path(target.name + ".png"), 1);
+    const Levels shown = StretchForPicture(image);
+    SavePicture(job_, image, shown, Path(target.name + ".png"), 1);
 
     double exposure = 0;
     CImgStack::Counts counts;
@@ -459,7 +493,7 @@ class Road {
       exposure += files::ExposureOf(frame->light->frame.info.header).value_or(0);
       counts += frame->counts;
     }
-    ReportStack stack{target.name, JpegOf(job_, image, ShrinkTo(reference.shape, kPictureSide))};
+    ReportStack stack{target.name, JpegOf(job_, image, shown, ShrinkTo(reference.shape, kPictureSide))};
     stack.facts = {
         {"frames", fmt::format("{} of {}", used.size(), target.frames.size())},
         {"exposure", fmt::format("{:g} s", exposure)},
@@ -486,6 +520,42 @@ class Road {
               fmt::format("{} -> {}: FWHM {:.2f} px, noise {:.4g} (reference {:.4g})", target.name,
                           Path(target.name + ".fits").string(), measure.fwhm, measure.noise,
                           reference.measure.noise));
+  }
+
+  /// Makes the colour image of the stacks, which lie on one grid. False when one of them is missing, or has
+  /// colours itself.
+  bool ComposeColours() {
+    const auto store = job_.MakeStore();
+    std::vector<Image> sources;
+    for (const size_t i : colours_->filters) {
+      const fs::path file = Path(targets_[i].name + ".fits");
+      const bool isMade =
+          std::any_of(stacks_.begin(), stacks_.end(), [&](const RunStack& s) { return s.file == file; });
+      if (isMade) sources.push_back(Image::Open(job_, store, file));
+      if (!isMade || sources.back().Planes() != 1) {
+        job_.Warn(fmt::format("there is no colour image: {} {}", targets_[i].name,
+                              isMade ? "has colours itself" : "is missing"));
+        return false;
+      }
+    }
+    ComposeOptions options;
+    options.composition = colours_->composition;
+    options.registers = options.crops = false;
+    const Image image = Compose(job_, std::move(sources), options);
+    const Levels shown = StretchForPicture(image.Pixels());
+    SaveImage(job_, image.Pixels(), image.Header(), Path("colour.fits"));
+    SaveImage(job_, image.Pixels(), image.Header(), Path("colour.tif"), {.integers = true});
+    if (files::IsPictureOverturned(image.Header())) TurnOver(image.Pixels());
+    SavePicture(job_, image.Pixels(), shown, Path("colour.png"), 1);
+    const Shape shape{image.Width(), image.Height(), image.Planes()};
+    report_.stacks.insert(
+        report_.stacks.begin(),
+        {"colour",
+         JpegOf(job_, image.Pixels(), shown, ShrinkTo(shape, kPictureSide)),
+         {{"made of", colours_->text}, {"size", fmt::format("{} x {}", shape.width, shape.height)}}});
+    job_.Tell(Dump({{"colour", Path("colour.fits").string()}, {"made_of", colours_->text}}),
+              fmt::format("colour: {} -> {}", colours_->text, Path("colour.fits").string()));
+    return true;
   }
 
   std::vector<std::string> History(const std::vector<Progress*>& used, const Target& target) const {
@@ -588,6 +658,7 @@ class Road {
   Session session_;
   std::vector<Progress> frames_;
   std::vector<Target> targets_;
+  std::optional<ColourPlan> colours_;  ///< their numbers are those of targets
   size_t reference_ = 0;
   Report report_;
   std::vector<RunStack> stacks_;

@@ -5,6 +5,7 @@
 
 #include "session/Export.h"
 #include "session/calibrate/Calibrate.h"
+#include "session/compose/Palette.h"
 #include "session/register/Register.h"
 #include "session/stack/StackChoices.h"
 
@@ -21,6 +22,7 @@ struct RunOptions {
   CalibrateOptions calibrate;  ///< `out` is the folder for all results
   StackChoices stack;
   FrameLimits limits;
+  Palette palette = Palette::Auto;  ///< of the colour image of several filters
 };
 
 /// A light, and what has become of it.
@@ -47,12 +49,14 @@ struct RunStack {
 struct RunResult {
   std::vector<RunFrame> frames;
   std::vector<RunStack> stacks;
+  std::filesystem::path colour;  ///< the FITS file of all filters; empty: there is none
   std::filesystem::path report;
 };
 
 /// Calibrates, develops, measures, registers and stacks the lights, one stack for each filter, all on the
 /// grid of one reference. Writes stack.fits, stack_float.tif, stack_16bit.tif and stack.png
-/// (stack_<filter>... when there are several), report.html and the masters. Calibrated frames are made twice,
+/// (stack_<filter>... when there are several), colour.fits, colour.tif of 16 bits and colour.png where the
+/// filters make a colour image by the palette, report.html and the masters. Calibrated frames are made twice,
 /// for measuring and for stacking, and never written. A frame that cannot be used is left out, and the report
 /// says why; copies count once. The job has failed when a stack holds less than half of its lights. What ends
 /// the run leaves no outputs.

@@ -181,6 +181,42 @@ TEST_F(RunTest, ASimulatedSessionComesOutAsItsTruth) {
   EXPECT_EQ(0, std::memcmp(again[0].data(), pixels[0].data(), pixels[0].size() * sizeof(float)));
 }
 
+TEST_F(RunTest, TheFiltersOfAWheelBecomeAColourImage) {
+  ASSERT_TRUE(Simulate(
+      In("wheel"), {.frames = 3, .width = 500, .height = 400, .filters = {"B", "L", "R", "G"}, .seed = 4}));
+  const Result r = Shell(
+      "korimg run wheel --out out && rm -r wheel/lights/light_L_* && korimg run wheel --out rgb -q && "
+      "korimg run wheel --out none --palette none -q && korimg run wheel --out sho --palette sho");
+  EXPECT_EQ(r.code, 2);
+  EXPECT_NE(r.err.find("there are no lights through a filter SII, Ha, OIII"), std::string::npos) << r.err;
+  EXPECT_NE(r.out.find("colour: luminance L, red R, green G, blue B"), std::string::npos) << r.out;
+  const std::string page = ReadBytes(In("out/report.html"));
+  EXPECT_LT(page.find("<h2>colour</h2>"), page.find("<h2>stack_"));
+  for (const char* file : {"out/colour.tif", "out/colour.png", "rgb/colour.fits", "none/stack_R.fits"}) {
+    EXPECT_TRUE(fs::exists(In(file))) << file;
+  }
+  EXPECT_FALSE(fs::exists(In("none/colour.fits")));
+
+  // Without a luminance the planes are the stacks; with one its light stays where colours are grey.
+  const auto planes = [&](const char* file) { return ReadAll(*ImageReader::Open(In(file)), 64); };
+  const Planes rgb = planes("rgb/colour.fits"), lrgb = planes("out/colour.fits"),
+               luminance = planes("out/stack_L.fits");
+  size_t same = 0;
+  for (int p = 0; p < 3; ++p) {
+    const auto stack = planes((std::string("rgb/stack_") + "RGB"[p] + ".fits").c_str())[0];
+    for (size_t i = 0; i < stack.size(); ++i) {
+      same += stack[i] == rgb[p][i] || (std::isnan(stack[i]) && std::isnan(rgb[p][i]));
+    }
+  }
+  EXPECT_EQ(same, 3 * rgb[0].size());
+  std::vector<double> ratios;
+  for (size_t i = 0; i < luminance[0].size(); ++i) {
+    const double ratio = (lrgb[0][i] + lrgb[1][i] + lrgb[2][i]) / 3 / luminance[0][i];
+    if (std::isfinite(ratio)) ratios.push_back(ratio);
+  }
+  EXPECT_NEAR(Median(ratios), 1, 0.01);
+}
+
 TEST_F(RunTest, WhatIsMuchWorseIsLeftOutAndFiltersAreStackedApart) {
   ASSERT_TRUE(Simulate(In("night"), {.frames = 7, .width = 600, .height = 500, .seed = 9}));
   // One light behind clouds, one out of focus, one of the sky alone, and two through another filter.

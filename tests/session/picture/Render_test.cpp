@@ -1,14 +1,19 @@
 // Pictures as a host asks for them.
 #include "session/picture/Render.h"
 
+#include <algorithm>
+#include <cmath>
+
 #include <gtest/gtest.h>
 
 #include "tests/support/Folder.h"
+#include "tests/support/Images.h"
 
 namespace korimg::session {
 namespace {
 
 namespace fs = std::filesystem;
+using test::Noise;
 
 class RenderSteps : public files::FolderTest {
  protected:
@@ -50,6 +55,49 @@ TEST_F(RenderSteps, TellSizeAndLevelsOfThePicture) {
   EXPECT_EQ(pixels[2][7], 255);
   EXPECT_THROW(Render(job_, options_), files::FileError) << "it exists already";
   EXPECT_THROW(PlanRender(job_, options_), files::FileError);
+}
+
+TEST_F(RenderSteps, ShowALinearSkyAsADarkGreyOfNoColour) {
+  constexpr double kSkies[] = {1000, 1400, 700};
+  files::Planes planes;
+  for (int p = 0; p < 3; ++p) {
+    auto& plane = planes.emplace_back(kWidth * kHeight);
+    for (int i = 0; i < kWidth * kHeight; ++i) {
+      plane[i] = static_cast<float>(kSkies[p] + 60 * (Noise(3 * i + p) - 0.5) + (i == 777 ? 40000 : 0));
+    }
+    plane[5] = NAN;
+  }
+  const auto writer =
+      files::ImageWriter::Create(In("sky.fits"), {.width = kWidth, .height = kHeight, .planes = 3});
+  files::WriteAll(*writer, planes, kWidth, kHeight, 64);
+  options_.input = In("sky.fits");
+  const auto medians = [&](LevelMethod method) {
+    options_.level = method;
+    job_.options.overwrite = true;
+    Render(job_, options_);
+    std::vector<float> result;
+    for (std::vector<float>& plane : files::ReadAll(*files::ImageReader::Open(In("a.png")), 64)) {
+      EXPECT_GT(plane[777], 250);
+      EXPECT_EQ(plane[5], 0);
+      std::nth_element(plane.begin(), plane.begin() + plane.size() / 2, plane.end());
+      result.push_back(plane[plane.size() / 2]);
+    }
+    return result;
+  };
+  for (const float grey : medians(LevelMethod::Auto)) {
+    EXPECT_NEAR(grey, 255 / 4.0, 2);
+  }
+  const std::vector<float> linked = medians(LevelMethod::Linked);
+  EXPECT_GT(linked[1], 150);
+  EXPECT_EQ(linked[2], 0);
+
+  // What has 8 bits is a picture already.
+  options_.input = In("a.png");
+  options_.output = In("b.png");
+  options_.level = LevelMethod::Auto;
+  Render(job_, options_);
+  EXPECT_EQ(files::ReadAll(*files::ImageReader::Open(In("b.png")), 64),
+            files::ReadAll(*files::ImageReader::Open(In("a.png")), 64));
 }
 
 TEST_F(RenderSteps, DrawTheAnnotationsThatAreToldOrKnown) {
