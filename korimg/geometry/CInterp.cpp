@@ -5,9 +5,11 @@
 #include <cmath>
 #include <cstring>
 #include <cwctype>
+#include <numbers>
 
 #include "korimg/image/internal/Frame.h"
 #include "korimg/image/internal/Numbers.h"
+#include "korimg/image/internal/Vectors.h"
 
 using namespace korimg;
 
@@ -43,6 +45,125 @@ bool IsWhole(double v) {
   return v == std::floor(v);
 }
 
+// Many samples of a plane in one block, at positions whose taps all lie inside.
+
+constexpr int kChunk = 64;
+
+/// Pixels left and above of positions, and how far these lie beyond, from 0 to 1.
+struct Cells {
+  int x[kChunk], y[kChunk];
+  double fx[kChunk], fy[kChunk];
+};
+
+KORIMG_IN_LOOP inline void FindCells(const double* u, const double* v, int count, Cells& cells) {
+  for (int i = 0; i < count; ++i) {
+    cells.x[i] = static_cast<int>(u[i]), cells.y[i] = static_cast<int>(v[i]);
+    cells.fx[i] = u[i] - cells.x[i], cells.fy[i] = v[i] - cells.y[i];
+  }
+}
+
+/// sin(pi x) for x from 0 to 1/2, by its series, to 1e-11 of it.
+KORIMG_IN_LOOP inline double SinPi(double x) {
+  const double z = std::numbers::pi * x, q = z * z;
+  double sum = 1;
+#pragma GCC unroll 7
+  for (int n = 14; n > 0; n -= 2) {
+    sum = 1 - sum * q * (1.0 / (n * (n + 1)));
+  }
+  return z * sum;
+}
+
+/// Weights of the taps about positions that lie f beyond a pixel, as the kernels of CInterp have them: of tap
+/// t of position i at t stride + i.
+template <int kMethod, int stride>
+KORIMG_IN_LOOP inline void WeighTaps(const double* fractions, int count, double* weights) {
+#pragma omp simd
+  for (int i = 0; i < count; ++i) {
+    const double f = fractions[i];
+    if constexpr (kMethod == CInterp::MethodBicubic) {
+      constexpr double a = -0.5;
+      const auto inner = [](double t) KORIMG_IN_LOOP { return 1 - (a + 3) * t * t + (a + 2) * t * t * t; };
+      const auto outer = [](double t) KORIMG_IN_LOOP { return a * (t * t * t - 5 * t * t + 8 * t - 4); };
+      weights[i] = outer(f + 1), weights[stride + i] = inner(f), weights[2 * stride + i] = inner(1 - f);
+      weights[3 * stride + i] = outer(2 - f);
+    } else {
+      constexpr int n = kMethod == CInterp::MethodLanczos2 ? 2 : 3;
+      constexpr double kRoot = 0.8660254037844386;
+      constexpr double kCosines[] = {1, n == 2 ? 0 : 0.5, n == 2 ? -1 : -0.5, -1};  // of pi k / n
+      constexpr double kSines[] = {0, n == 2 ? 1 : kRoot, n == 2 ? 0 : kRoot, 0};
+      const double one = SinPi(f < 0.5 ? f : 1 - f), sine = SinPi(f * (1.0 / n)),
+                   cosine = SinPi(0.5 - f * (1.0 / n));
+      const double next = -SinPi((1 - f) * (1.0 / n));  // a difference of the two would lose it near 0
+#pragma GCC unroll 6
+      for (int tap = 0; tap < 2 * n; ++tap) {
+        const int k = tap + 1 - n, away = k < 0 ? -k : k;
+        const double t = f - k, p = std::numbers::pi * t;
+        const double ofN =
+            k == 1 ? next : sine * kCosines[away] - cosine * (k < 0 ? -kSines[away] : kSines[away]);
+        const double value = ofN * (k % 2 == 0 ? one : -one) * n / (p * p);
+        weights[tap * stride + i] = t * t < 1e-30 ? 1 : value;
+      }
+    }
+  }
+}
+
+using Four = double __attribute__((vector_size(32)));
+using Two = double __attribute__((vector_size(16)));
+
+/// Adds four neighbouring pixels, or two, with a weight.
+KORIMG_IN_LOOP inline void Add(const float* pixels, double weight, Four& sums) {
+  float __attribute__((vector_size(16))) values;
+  std::memcpy(&values, pixels, sizeof values);
+  sums += __builtin_convertvector(values, Four) * weight;
+}
+KORIMG_IN_LOOP inline void Add(const float* pixels, double weight, Two& sums) {
+  sums += Two{pixels[0], pixels[1]} * weight;
+}
+
+template <int kMethod>
+void SampleCells(const float* plane, std::ptrdiff_t stride, const double* u, const double* v, int count,
+                 float* out) {
+  RunInLongVectors([=]() KORIMG_IN_LOOP {
+    Cells c;
+    FindCells(u, v, count, c);
+    if constexpr (kMethod == CInterp::MethodBilinear) {
+      for (int i = 0; i < count; ++i) {
+        const double fx = c.fx[i], fy = c.fy[i], both = fy * fx;
+        const float* upper = plane + c.y[i] * stride + c.x[i];
+        const float* lower = fy == 0 ? upper : upper + stride;
+        const int right = fx == 0 ? 0 : 1;
+        const double sum = lower[0] * (fy - both) + upper[0] * ((1 - fy) * (1 - fx)) +
+                           upper[right] * (fx - both) + lower[right] * both;
+        out[i] = fx == 0 && fy == 0 ? upper[0] : static_cast<float>(sum);
+      }
+    } else {
+      constexpr int kTaps = TapsOf(kMethod), kFirst = 1 - kTaps / 2;
+      constexpr int kMore = kTaps - 4;  // beside the first four
+      double across[kTaps][kChunk], down[kTaps][kChunk], columns[kChunk][kTaps];
+      WeighTaps<kMethod, kChunk>(c.fx, count, across[0]);
+      WeighTaps<kMethod, kChunk>(c.fy, count, down[0]);
+      for (int i = 0; i < count; ++i) {
+        const float* taps = plane + (c.y[i] + kFirst) * stride + c.x[i] + kFirst;
+        Four four = {};
+        [[maybe_unused]] Two more = {};
+        for (int y = 0; y < kTaps; ++y, taps += stride) {
+          Add(taps, down[y][i], four);
+          if constexpr (kMore > 0) Add(taps + 4, down[y][i], more);
+        }
+        std::memcpy(columns[i], &four, sizeof four);
+        if constexpr (kMore > 0) std::memcpy(columns[i] + 4, &more, sizeof more);
+      }
+      for (int i = 0; i < count; ++i) {
+        double sum = 0;
+        for (int x = 0; x < kTaps; ++x) {
+          sum += columns[i][x] * across[x][i];
+        }
+        out[i] = static_cast<float>(sum);
+      }
+    }
+  });
+}
+
 }  // namespace
 
 /// A run of samples of a plane: the rows and weights of the last sample serve the next one where they are the
@@ -60,11 +181,9 @@ struct CInterp::Run {
 
   const double* Weights(Axis& axis, int method, double f) const {
     if (axis.fraction == f) return axis.weight;
-    const int taps = TapsOf(method), first = 1 - taps / 2;
-    for (int i = 0; i < taps; ++i) {
-      const double t = f - (first + i);
-      axis.weight[i] = method == MethodBicubic ? KernelBicubic(t, -0.5) : KernelLanczos(t, taps / 2.0);
-    }
+    if (method == MethodBicubic) WeighTaps<MethodBicubic, 1>(&f, 1, axis.weight);
+    if (method == MethodLanczos2) WeighTaps<MethodLanczos2, 1>(&f, 1, axis.weight);
+    if (method == MethodLanczos3) WeighTaps<MethodLanczos3, 1>(&f, 1, axis.weight);
     axis.fraction = f;
     return axis.weight;
   }
@@ -164,12 +283,12 @@ double CInterp::KernelLanczos(double x, double n) {
 
 float CInterp::Calc(const double* yWeights, const float* taps, const double* xWeights, int n) {
   double sum = 0;
-  for (int i = 0; i < n; ++i) {
-    double row = 0;
-    for (int j = 0; j < n; ++j) {
-      row += taps[i * n + j] * xWeights[j];
+  for (int j = 0; j < n; ++j) {
+    double column = 0;
+    for (int i = 0; i < n; ++i) {
+      column += taps[i * n + j] * yWeights[i];
     }
-    sum += row * yWeights[i];
+    sum += column * xWeights[j];
   }
   return static_cast<float>(sum);
 }
@@ -291,28 +410,54 @@ void CInterp::LineInt(int y, int plane, float* out, int* valid, int columns) con
   if (valid) std::fill(valid + inside.begin, valid + inside.end, 1);
 }
 
+bool CInterp::HasAllTaps(double u, double v) const {
+  const int half = TapsOf(method_) / 2;
+  return u >= half - 1 && v >= half - 1 && u < width_ - half && v < height_ - half;
+}
+
+/// Samples from a position on, step by step, where inside(position) holds; others stay.
+template <class Inside>
+void CInterp::SampleLine(int plane, Steps at, int begin, int end, float* out, int* valid,
+                         const Inside& inside) const {
+  constexpr decltype(&SampleCells<MethodBilinear>) kSampleCells[] = {
+      SampleCells<MethodBilinear>, SampleCells<MethodBicubic>, SampleCells<MethodLanczos2>,
+      SampleCells<MethodLanczos3>};
+  const bool isQuick = image_ == rowsOf_ && !rows_.empty() && method_ >= 0 && method_ <= MethodLanczos3;
+  Run run{image_, plane};
+  double u[kChunk], v[kChunk];
+  for (int left = begin; left < end; left += kChunk) {
+    const int count = std::min(kChunk, end - left);
+    for (int i = 0; i < count; ++i, at.u += at.du, at.v += at.dv) {
+      u[i] = at.u, v[i] = at.v;
+    }
+    // Positions between two that have all taps have them too.
+    if (isQuick && HasAllTaps(u[0], v[0]) && HasAllTaps(u[count - 1], v[count - 1])) {
+      kSampleCells[method_](rows_[firstRows_[plane]], width_, u, v, count, out + left);
+      if (valid) std::fill_n(valid + left, count, 1);
+      continue;
+    }
+    for (int i = 0; i < count; ++i) {
+      if (!inside(u[i], v[i])) continue;
+      out[left + i] = SampleOrZero(run, u[i], v[i]);
+      if (valid) valid[left + i] = 1;
+    }
+  }
+}
+
 void CInterp::LineFloat(double y, int plane, float* out, int* valid, int columns) const {
   FillOutside(outside_, out, valid, columns);
   const ColumnRange inside(floorLeft_, width_, columns);
-  Run run{image_, plane};
-  double x = left_ < 0 ? left_ - floorLeft_ : left_;
-  for (int i = inside.begin; i < inside.end; ++i, x += 1.0) {
-    out[i] = SampleOrZero(run, x, y);
-    if (valid) valid[i] = 1;
-  }
+  const double x = left_ < 0 ? left_ - floorLeft_ : left_;
+  SampleLine(plane, {x, y, 1.0, 0.0}, inside.begin, inside.end, out, valid,
+             [](double, double) { return true; });
 }
 
 template <class Inside>
 void CInterp::LineRotate(double y, int plane, float* out, int* valid, int columns, Inside&& inside) const {
   FillOutside(outside_, out, valid, columns);
   const double x = left_ - centre_.fx, up = centre_.fy - y;
-  double u = cosine_ * x - sine_ * up + centre_.fx, v = centre_.fy - (sine_ * x + cosine_ * up);
-  Run run{image_, plane};
-  for (int i = 0; i < columns; ++i, u += cosine_, v -= sine_) {
-    if (!inside(u, v)) continue;
-    out[i] = SampleOrZero(run, u, v);
-    if (valid) valid[i] = 1;
-  }
+  const double u = cosine_ * x - sine_ * up + centre_.fx, v = centre_.fy - (sine_ * x + cosine_ * up);
+  SampleLine(plane, {u, v, cosine_, -sine_}, 0, columns, out, valid, inside);
 }
 
 /// A line of one plane in raw.

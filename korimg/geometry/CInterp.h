@@ -99,7 +99,7 @@ class KORIMG_API CInterp {
   /// The kernels at distance x.
   static double KernelBicubic(double x, double a);
   static double KernelLanczos(double x, double n);
-  /// The sum of n rows of n taps, weighted along x and then along y.
+  /// The sum of n rows of n taps, weighted along y and then along x.
   static float Calc(const double* yWeights, const float* taps, const double* xWeights, int n);
 
  private:
@@ -112,6 +112,14 @@ class KORIMG_API CInterp {
   int PlaneOfImage(int plane) const;
   int Columns(long long samples) const;
   void LineInt(int y, int plane, float* out, int* valid, int columns) const;
+  /// A position, and the way to the next one.
+  struct Steps {
+    double u, v, du, dv;
+  };
+  bool HasAllTaps(double u, double v) const;
+  template <class Inside>
+  void SampleLine(int plane, Steps at, int begin, int end, float* out, int* valid,
+                  const Inside& inside) const;
   void LineFloat(double y, int plane, float* out, int* valid, int columns) const;
   template <class Inside>
   void LineRotate(double y, int plane, float* out, int* valid, int columns, Inside&& inside) const;

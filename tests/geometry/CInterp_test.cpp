@@ -36,6 +36,27 @@ TEST(CInterp, SamplesByEveryMethodAndAtAllBorders) {
   }
 }
 
+TEST(CInterp, SamplesHardBesidePixels) {
+  const auto image = Make(MemoryStore(), 300, 16, 1, kNoise);
+  for (int method = 0; method < kMethodCount - 1; ++method) {
+    for (const double away : {1e-16, 1e-14, 1e-12, 1e-9, 1e-7, 1e-5, 1e-3}) {
+      for (const double side : {-away, away}) {
+        const double x = 8 + side, y = 7 - side;
+        ASSERT_NEAR(CInterp(method, image.get(), 0).Do(x, y, 0), SampleBySum(*image, 0, method, x, y), 2e-4)
+            << "method " << method << ", " << side;
+        // Lines of whole chunks.
+        CInterp line(method);
+        line.SetBParam(CInterp::FloatShift, image.get(), x, 280 + x, 0, 0.0f, 0, 0, 1, 1, 0);
+        std::vector<float> out(300);
+        line.GetBLine(y, out.data());
+        ASSERT_EQ(out[0], CInterp(method, image.get(), 0).Do(x, y, 0)) << "method " << method << ", " << side;
+        ASSERT_NEAR(out[100], SampleBySum(*image, 0, method, x + 100, y), 2e-4)
+            << "method " << method << ", " << side;
+      }
+    }
+  }
+}
+
 TEST(CInterp, RefusesWhatLiesBeyond) {
   const auto image = Make(MemoryStore(), 6, 4, 1, kNoise);
   const double inf = INFINITY, huge = 1e300;
