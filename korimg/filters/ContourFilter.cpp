@@ -88,7 +88,7 @@ class ContourLine {
     const int width = src_.GetWidth(), first = std::max(left - 1, 0), end = std::min(right + 1, width);
     double* line = brightness_ + 1 - left;  // from column left - 1 to right
     const float* rows[3] = {};
-    for (int p = 0; p < (levels_.IsColor() ? 3 : 1); ++p) {
+    for (int p = 0; p < (HasColours(levels_) ? 3 : 1); ++p) {
       rows[p] = src_.GetLine(0, y, p);
     }
     const auto at = [&](int p, int x)

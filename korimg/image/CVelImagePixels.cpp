@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "korimg/image/CVelImage.h"
+#include "korimg/image/internal/Frame.h"
 #include "korimg/image/internal/Numbers.h"
 
 namespace {
@@ -32,8 +33,8 @@ float Blend(double a, double b, double p00, double p10, double p01, double p11) 
 /// read(plane), or the brightness of the three planes for -1; a mono image has plane 0 only.
 template <class F>
 float OfPlane(const CVelImage& image, int plane, F&& read) {
-  if (!image.IsColor()) return read(0);
-  return plane == -1 ? CVelImage::CalcBright(read(0), read(1), read(2)) : read(plane);
+  if (plane == -1 && korimg::HasColours(image)) return CVelImage::CalcBright(read(0), read(1), read(2));
+  return read(image.IsColor() ? std::max(plane, 0) : 0);
 }
 
 }  // namespace
@@ -46,12 +47,12 @@ unsigned char CVelImage::Gray256(float raw, int plane) const {
 }
 
 float CVelImage::GetPixelBright256f(int x, int y) {
-  if (!IsColor()) return GetPixelGray256f(x, y, 0);
+  if (!korimg::HasColours(*this)) return GetPixelGray256f(x, y, 0);
   return CalcBright(GetPixelGray256f(x, y, 0), GetPixelGray256f(x, y, 1), GetPixelGray256f(x, y, 2));
 }
 
 float CVelImage::GetPixelBright256f(const float* r, const float* g, const float* b) const {
-  if (!IsColor()) return To256(*r, 0);
+  if (!korimg::HasColours(*this)) return To256(*r, 0);
   return CalcBright(To256(*r, 0), To256(*g, 1), To256(*b, 2));
 }
 
@@ -187,7 +188,7 @@ void CVelImage::GetPixelRgbRaw(int x, int y, double dx, double dy, double sin, d
   double* const channels[] = {r, g, b};
   const bool inside = at.Tell(at.IsInside(*this), outside, sx, sy);
   for (int p = 0; p < 3; ++p) {
-    *channels[p] = inside ? GetPixelGrayRaw(at.sx, at.sy, IsColor() ? p : 0) : fill;
+    *channels[p] = inside ? GetPixelGrayRaw(at.sx, at.sy, std::min(p, GetPlanes() - 1)) : fill;
   }
 }
 
@@ -200,7 +201,7 @@ void CVelImage::GetPixelRgb256f(int x, int y, double dx, double dy, double sin, 
   if (isOutside) return;
   double* const channels[] = {r, g, b};
   for (int p = 0; p < 3; ++p) {
-    *channels[p] = To256(static_cast<float>(*channels[p]), IsColor() ? p : 0);
+    *channels[p] = To256(static_cast<float>(*channels[p]), std::min(p, GetPlanes() - 1));
   }
 }
 

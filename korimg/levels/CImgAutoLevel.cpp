@@ -128,7 +128,8 @@ struct Subject {
   int plane;
 
   Subject(const CVelImage& image, int brightness, int plane)
-      : ofBrightness(brightness && image.IsColor()), plane(image.IsColor() ? plane : std::max(plane, 0)) {}
+      : ofBrightness(brightness && HasColours(image)),
+        plane(HasColours(image) ? plane : std::max(plane, 0)) {}
 };
 
 struct Range {
@@ -368,7 +369,7 @@ void CImgAutoLevel::DoByNormal(double lowRate, double highRate, int separate, CR
     const Shares shares(*this, plane, range, rect, show);
     SetFiniteLevel(*this, plane, shares.Black(lowRate), shares.White(highRate));
   };
-  if (IsColor() && !separate) return set(-1, BrightnessRange(*this, Window(*this, rect)), 1);
+  if (HasColours(*this) && !separate) return set(-1, BrightnessRange(*this, Window(*this, rect)), 1);
   for (int p = 0; p < GetPlanes(); ++p) {
     set(p, PlaneRange(*this, p), 0);
   }
@@ -376,7 +377,8 @@ void CImgAutoLevel::DoByNormal(double lowRate, double highRate, int separate, CR
 
 void CImgAutoLevel::GetByNormal(double& low, double& high, CRect* rect) {
   const Window window(*this, rect);
-  const Range range = IsColor() ? BrightnessRange(*this, window) : ExtremesOf(window, PlaneValues(*this, 0));
+  const Range range =
+      HasColours(*this) ? BrightnessRange(*this, window) : ExtremesOf(window, PlaneValues(*this, 0));
   const Shares shares(*this, -1, range, rect, 0);
   low = shares.RateOfBlack(GetLevelMin(0));
   high = shares.RateOfWhite(GetLevelMax(0));
@@ -388,7 +390,7 @@ void CImgAutoLevel::DoByMean(double low, double high, int separate, CRect* rect)
     SetFiniteLevel(*this, plane, s.middle - s.deviation * low, s.middle + s.deviation * high);
   };
   if (window.IsEmpty()) return;
-  if (IsColor() && !separate) return set(-1, BrightnessMean(*this, window));
+  if (HasColours(*this) && !separate) return set(-1, BrightnessMean(*this, window));
   for (int p = 0; p < GetPlanes(); ++p) {
     set(p, MeanAndDeviation(window, PlaneValues(*this, p)));
   }
@@ -397,7 +399,7 @@ void CImgAutoLevel::DoByMean(double low, double high, int separate, CRect* rect)
 void CImgAutoLevel::GetByMean(double& low, double& high, CRect* rect) {
   const Window window(*this, rect);
   const Spread s =
-      IsColor() ? BrightnessMean(*this, window) : MeanAndDeviation(window, PlaneValues(*this, 0));
+      HasColours(*this) ? BrightnessMean(*this, window) : MeanAndDeviation(window, PlaneValues(*this, 0));
   low = (s.middle - GetLevelMin(0)) / s.deviation;
   high = (GetLevelMax(0) - s.middle) / s.deviation;
 }
@@ -407,14 +409,15 @@ void CImgAutoLevel::DoByMedian(double low, double high, int separate, CRect* rec
   const auto set = [&](int plane, const Spread& s) {
     SetFiniteLevel(*this, plane, s.middle - s.deviation * low, s.middle + s.deviation * high);
   };
-  if (IsColor() && !separate) return set(-1, BrightnessMedian(*this, Window(*this, rect)));
+  if (HasColours(*this) && !separate) return set(-1, BrightnessMedian(*this, Window(*this, rect)));
   for (int p = 0; p < GetPlanes(); ++p) {
     set(p, PlaneMedian(*this, p, rect));
   }
 }
 
 void CImgAutoLevel::GetByMedian(double& low, double& high, CRect* rect) {
-  const Spread s = IsColor() ? BrightnessMedian(*this, Window(*this, rect)) : PlaneMedian(*this, 0, rect);
+  const Spread s =
+      HasColours(*this) ? BrightnessMedian(*this, Window(*this, rect)) : PlaneMedian(*this, 0, rect);
   low = (s.middle - GetLevelMin(0)) / s.deviation;
   high = (GetLevelMax(0) - s.middle) / s.deviation;
 }
@@ -436,7 +439,7 @@ void CImgAutoLevel::DoByHistogram(double low, double high, int separate, int mod
   const auto whiteFor = [place](double peak, double black) { return (peak - black) / place * 255.0 + black; };
   const int planes = GetPlanes();
   std::vector<float> peak(planes), lower(planes), upper(planes);
-  const bool together = IsColor() && !separate;
+  const bool together = HasColours(*this) && !separate;
   for (int p = 0; p < planes; ++p) {
     GetMode(&peak[p], together ? nullptr : &lower[p], together ? nullptr : &upper[p], 0, p, rect);
   }

@@ -149,7 +149,7 @@ int CVelImage::GetHistogram(int* const hist, int bins, double min, double max, i
                             int heightFromData, int useCull, CRect* rect, int show, int messageId) {
   const Window window(*this, rect);
   const ProgressScope progress(*this, show, messageId ? messageId : kCountingMessage, window.Height());
-  if (!IsColor() && plane == -1) plane = 0;
+  if (!HasColours(*this) && plane == -1) plane = 0;
   std::fill_n(hist, std::max(bins, 0), 0);
   const SampleGrid grid(*this, useCull);
   const bool ofBrightness = plane == -1;
@@ -191,7 +191,7 @@ int CVelImage::GetHistogram(int* const hist, int bins, double min, double max, i
 int CVelImage::GetHistogramRGB(int* const histR, int* const histG, int* const histB, int bins, double min,
                                double max, double* const, double* const, int logScale, int heightFromData,
                                int useCull, CRect* rect, int show, int messageId) {
-  if (!IsColor()) return -1;
+  if (!HasColours(*this)) return -1;
   const Window window(*this, rect);
   const ProgressScope progress(*this, show, messageId ? messageId : kCountingMessage, window.Height());
   int* const hists[] = {histR, histG, histB};
@@ -346,7 +346,7 @@ float CVelImage::Get1stBrighterPixel(int plane, CRect* rect, double threshold, i
     }
     return 0.0f;
   };
-  if (IsColor()) {
+  if (HasColours(*this)) {
     return search([&](int j) { return ColourLine(*this, window.left, j); },
                   [](const ColourLine& line, int i) { return line.Raw(i); });
   }

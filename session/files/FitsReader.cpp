@@ -290,8 +290,8 @@ class FitsReader : public ImageReader {
     info_.width = static_cast<int>(axes[0]);
     info_.height = static_cast<int>(axes[1]);
     for (std::size_t i = 2; i < axes.size(); ++i) {
-      if (axes[i] == 1 || (i == 2 && axes[i] == 3)) continue;
-      Fail(fmt::format("HDU {} has NAXIS{} = {}; images of 1 or 3 planes are supported", info_.hdu, i + 1,
+      if (axes[i] == 1 || (i == 2 && (axes[i] == 2 || axes[i] == 3))) continue;
+      Fail(fmt::format("HDU {} has NAXIS{} = {}; images of 1 to 3 planes are supported", info_.hdu, i + 1,
                        axes[i]));
     }
     info_.planes = axes.size() > 2 ? static_cast<int>(axes[2]) : 1;

@@ -40,7 +40,8 @@ std::string MakeHeader(const WriteOptions& options, const Header& header) {
   add("NAXIS", options.planes == 1 ? 2 : 3, "number of axes");
   add("NAXIS1", options.width, "columns");
   add("NAXIS2", options.height, "rows");
-  if (options.planes == 3) add("NAXIS3", 3, "planes: red, green, blue");
+  if (options.planes > 1)
+    add("NAXIS3", options.planes, options.planes == 3 ? "planes: red, green, blue" : "planes");
   if (integer) {
     // Stored numbers are signed: 32768 less.
     const auto number = [](double v) {

@@ -310,8 +310,8 @@ const Format kFormats[] = {{".fits .fit .fts", {"float32", "uint16"}, CreateFits
 
 std::unique_ptr<ImageWriter> ImageWriter::Create(const fs::path& path, const WriteOptions& options) {
   CheckSides(path, options.width, options.height);
-  if (options.planes != 1 && options.planes != 3) {
-    throw FileError(path, fmt::format("cannot write {} planes; 1 and 3 are supported", options.planes));
+  if (options.planes < 1 || options.planes > 3) {
+    throw FileError(path, fmt::format("cannot write {} planes; 1 to 3 are supported", options.planes));
   }
   const std::string extension = LowerExtension(path);
   const auto format = std::find_if(std::begin(kFormats), std::end(kFormats), [&](const Format& f) {
@@ -328,6 +328,9 @@ std::unique_ptr<ImageWriter> ImageWriter::Create(const fs::path& path, const Wri
   if (std::find(format->types.begin(), format->types.end(), options.type) == format->types.end()) {
     throw FileError(path, fmt::format("cannot write {} pixels to {}; supported are {}", options.type,
                                       extension, fmt::join(format->types, " and ")));
+  }
+  if (options.planes == 2 && format->create != CreateFits) {
+    throw FileError(path, fmt::format("cannot write 2 planes to {}; FITS files hold them", extension));
   }
   std::error_code error;
   const fs::file_status status = fs::symlink_status(path, error);

@@ -160,7 +160,7 @@ class KORIMG_SESSION_API ImageReader {
 
 struct WriteOptions {
   int width = 0, height = 0;  ///< pixels
-  int planes = 1;             ///< 1 or 3
+  int planes = 1;             ///< 1 or 3; FITS: 2 too
   std::string type =
       "float32";           ///< FITS: float32 or uint16; TIFF: uint8 too; PNG: uint8 or uint16; JPEG: uint8
   Header header = {};      ///< FITS: cards to carry over (see Header::CardsForOutput)

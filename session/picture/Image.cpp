@@ -36,8 +36,8 @@ files::ImageInfo InfoOf(int width, int height, int planes) {
 }
 
 void CheckShape(const Band<const float>& pixels) {
-  if (pixels.Width() > 0 && pixels.Rows() > 0 && (pixels.Planes() == 1 || pixels.Planes() == 3)) return;
-  throw UsageError("an image has pixels, in 1 plane or in 3");
+  if (pixels.Width() > 0 && pixels.Rows() > 0 && pixels.Planes() >= 1 && pixels.Planes() <= 3) return;
+  throw UsageError("an image has pixels, in 1 to 3 planes");
 }
 
 Image Load(Job& job, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,

@@ -15,7 +15,8 @@
 namespace korimg::session {
 
 /// Pixels with their levels, the store that they live in, and what the file or the caller says of them.
-/// Moved, never copied. Pixels are floats on the raw scale, 1 plane, or 3 for red, green and blue.
+/// Moved, never copied. Pixels are floats on the raw scale, 1 plane, 3 for red, green and blue,
+/// or 2 for the colour axes a and b.
 class KORIMG_SESSION_API Image {
  public:
   /// Takes pixels with what is known of them, and holds their store.
@@ -32,7 +33,7 @@ class KORIMG_SESSION_API Image {
   /// An image over memory of somebody else, which `owner` keeps alive: without a copy where rows have nothing
   /// between them, else copied once. Operations that work in place change that memory; the levels are the
   /// extremes of the pixels.
-  /// @throws UsageError for bands of no pixels or of 2 planes
+  /// @throws UsageError for bands of no pixels
   static Image Over(Job& job, const Band<float>& pixels, std::shared_ptr<const void> owner = nullptr);
   /// A copy of pixels, of any pitch.
   static Image CopyOf(Job& job, const Band<const float>& pixels);

@@ -54,6 +54,11 @@ inline bool Serves(const CVelImage& frame, const CVelImage& image) {
          (!frame.IsColor() || frame.GetPlanes() >= image.GetPlanes());
 }
 
+/// The image has red, green and blue, and so a brightness. Two planes are the axes a and b, each by itself.
+inline bool HasColours(const CImage& image) {
+  return image.GetPlanes() >= 3;
+}
+
 inline bool IsContiguous(const CImage& image) {
   return image.GetAllocationPolicy() != CVmManager::Paged;
 }

@@ -252,7 +252,7 @@ TEST_F(FitsReader, BrokenFilesGiveOneCleanLine) {
       {"odd BITPIX", Image("12", "2", {"10", "10"}), "BITPIX"},
       {"zero-sized", Image("8", "2", {"0", "10"}), "no image"},
       {"one axis", Image("8", "1", {"10"}) + std::string(2880, '\0'), "one axis of 10"},
-      {"two planes", Image("8", "3", {"10", "10", "2"}) + std::string(2880, '\0'), "NAXIS3 = 2"},
+      {"four planes", Image("8", "3", {"10", "10", "4"}) + std::string(2880, '\0'), "NAXIS3 = 4"},
       {"four axes", Image("8", "4", {"4", "4", "3", "2"}) + std::string(2880, '\0'), "NAXIS4 = 2"},
       {"gzip of text", Gzip("This is no image.\n"), "holds no FITS"},
       {"gzip of nothing", Gzip(""), "holds no FITS"},

@@ -94,7 +94,7 @@ TEST_F(Images, CopyRowsThatHaveAPitch) {
     }
     EXPECT_TRUE(back.HasWholeGaps());
   }
-  for (const Band<float>& none : {Band<float>(), Band<float>(foreign.band.Data(), 2, 13, 0, 11)}) {
+  for (const Band<float>& none : {Band<float>(), Band<float>(foreign.band.Data(), 3, 13, 0, 0)}) {
     EXPECT_THROW(Image::Over(job_, none), UsageError);
   }
 }
