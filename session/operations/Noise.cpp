@@ -7,17 +7,11 @@
 #include "korimg/filters/CImgFilterMisc.h"
 
 #include "session/files/Mosaic.h"
+#include "session/operations/internal/Colours.h"
 #include "session/operations/internal/FilterOptions.h"
 
 namespace korimg::session {
 namespace {
-
-/// Refuses images without three planes.
-void CheckColours(const Call& call) {
-  if (call.image->GetPlanes() < 3) {
-    throw UsageError(fmt::format("{}: the image has one plane, and no colours", call.Name()));
-  }
-}
 
 enum class Outliers { Both, Hot, Cool };
 
