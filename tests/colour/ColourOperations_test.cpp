@@ -22,19 +22,19 @@ double Garbage(int p, int x, int y) {
 
 TEST(CImgColorBalance, MovesPlanesByPercentsOfTheFirst) {
   OnEveryPath([](const StoreCase& store) {
+    int next = 0;
     for (const auto& [width, height] : Sizes()) {
-      for (const int planes : {1, 2, 3}) {
-        for (OptionalRect rect : Windows(width, height)) {
-          const auto src = Make(store.make(), width, height, planes, Wild(100, 900));
-          const auto target = Make<CImgColorBalance>(src->VmManager(), width, height, planes, kGarbage);
-          target->SetLevel(0, 100, 900);
-          target->Do(100, -2.5, 30, src.get(), Address(rect), 0);
-          const double offset[] = {800, -20, 240};
-          const auto want = [&](int p, int x, int y) {
-            return IsInside(rect, x, y) ? src->GetPixelGrayRaw(x, y, p) + offset[p] : Garbage(p, x, y);
-          };
-          ASSERT_EQ(Difference(*target, want, 1e-6), "") << store.name << " " << width << "x" << height;
-        }
+      for (OptionalRect rect : Windows(width, height)) {
+        const int planes = 1 + (next++ + width) % 3;
+        const auto src = Make(store.make(), width, height, planes, Wild(100, 900));
+        const auto target = Make<CImgColorBalance>(src->VmManager(), width, height, planes, kGarbage);
+        target->SetLevel(0, 100, 900);
+        target->Do(100, -2.5, 30, src.get(), Address(rect), 0);
+        const double offset[] = {800, -20, 240};
+        const auto want = [&](int p, int x, int y) {
+          return IsInside(rect, x, y) ? src->GetPixelGrayRaw(x, y, p) + offset[p] : Garbage(p, x, y);
+        };
+        ASSERT_EQ(Difference(*target, want, 1e-6), "") << store.name << " " << width << "x" << height;
       }
     }
   });
@@ -54,34 +54,30 @@ double Row(const tagMATRIX& m, int row, const double* t) {
 }
 
 TEST(CImgColorCorrect, FromOneImagesLevelsToAnothers) {
-  OnEveryPath([](const StoreCase& store) {
+  const std::vector<std::pair<tagMATRIX, double>> cases = {{kMatrix, 1},   {kMatrix, 0.3}, {kMatrix, 7},
+                                                           {kIdentity, 1}, {kMatrix, 0},   {kMatrix, -1},
+                                                           {kMatrix, NAN}};
+  OnEveryPath([&](const StoreCase& store) {
+    size_t next = 0;
     for (const auto& [width, height] : Sizes()) {
       for (OptionalRect rect : Windows(width, height)) {
-        for (const auto& [matrix, strength] : {std::pair(kMatrix, 1.0),
-                                               {kMatrix, 0.3},
-                                               {kMatrix, 7.0},
-                                               {kIdentity, 1.0},
-                                               {kMatrix, 0.0},
-                                               {kMatrix, -1.0},
-                                               {kMatrix, double(NAN)}}) {
-          const auto src = Make(store.make(), width, height, 3, Wild(-50, 900));
-          const auto target = Make<CImgColorCorrect>(src->VmManager(), width, height, 3, kGarbage);
-          tagMATRIX m = matrix;
-          ASSERT_EQ(target->Do(&m, strength, 2, 500, 1, src.get(), Address(rect), 0), 1);
-          const auto want = [&, matrix = matrix, strength = strength](int p, int x, int y) -> double {
-            if (!IsInside(rect, x, y)) return Garbage(p, x, y);
-            const double own = src->GetPixelGrayRaw(x, y, p);
-            if (!(strength > 0)) return own;
-            double t[3];
-            for (int j = 0; j < 3; ++j) {
-              t[j] = (src->GetPixelGrayRaw(x, y, j) - src->GetLevelMin(j)) / src->GetLevelRange(j);
-            }
-            const double v = Row(matrix, p, t) * target->GetLevelRange(p) + target->GetLevelMin(p);
-            return strength < 1 ? strength * v + (1 - strength) * own : v;
-          };
-          ASSERT_EQ(Difference(*target, want, 1e-6), "")
-              << store.name << " " << width << "x" << height << " strength " << strength;
-        }
+        auto [m, strength] = cases[next++ % cases.size()];
+        const auto src = Make(store.make(), width, height, 3, Wild(-50, 900));
+        const auto target = Make<CImgColorCorrect>(src->VmManager(), width, height, 3, kGarbage);
+        ASSERT_EQ(target->Do(&m, strength, 2, 500, 1, src.get(), Address(rect), 0), 1);
+        const auto want = [&, m = m, strength = strength](int p, int x, int y) -> double {
+          if (!IsInside(rect, x, y)) return Garbage(p, x, y);
+          const double own = src->GetPixelGrayRaw(x, y, p);
+          if (!(strength > 0)) return own;
+          double t[3];
+          for (int j = 0; j < 3; ++j) {
+            t[j] = (src->GetPixelGrayRaw(x, y, j) - src->GetLevelMin(j)) / src->GetLevelRange(j);
+          }
+          const double v = Row(m, p, t) * target->GetLevelRange(p) + target->GetLevelMin(p);
+          return strength < 1 ? strength * v + (1 - strength) * own : v;
+        };
+        ASSERT_EQ(Difference(*target, want, 1e-6), "")
+            << store.name << " " << width << "x" << height << " strength " << strength;
       }
     }
   });
@@ -268,32 +264,29 @@ TEST(CImgFalseColor, PalettesAtTheirStopsAndBetween) {
 }
 
 TEST(CImgFalseColor, ColoursBrightnessByLevels) {
-  OnEveryPath([](const StoreCase& store) {
+  const std::pair<double, double> limits[] = {{200, 700}, {700, 200}, {300, 300}, {200, NAN}};
+  OnEveryPath([&](const StoreCase& store) {
+    int next = 0;
     for (const auto& [width, height] : Sizes()) {
       for (OptionalRect rect : Windows(width, height)) {
-        for (const int planes : {1, 2, 3}) {
-          for (const auto& [low, high] :
-               {std::pair(200.0, 700.0), {700.0, 200.0}, {300.0, 300.0}, {200.0, double(NAN)}}) {
-            const auto src = Make(store.make(), width, height, planes, Wild(50, 1000));
-            const auto target = Make<CImgFalseColor>(src->VmManager(), width, height, 3, kGarbage);
-            target->Do(low, high, 0, 2, src.get(), Address(rect), 0);
-            Palettes palettes;
-            const auto want = [&, low = low, high = high](int p, int x, int y) -> double {
-              if (!IsInside(rect, x, y)) return Garbage(p, x, y);
-              double light = 0;
-              for (int j = 0; j < 3; ++j) {
-                const double weight[] = {0.299, 0.587, 0.114};
-                if (planes == 3) light += weight[j] * src->To256(double(src->GetPixelGrayRaw(x, y, j)), j);
-              }
-              if (planes < 3) light = src->To256(double(src->GetPixelGrayRaw(x, y, 0)), 0);
-              const double from = src->To256(low, 0), to = src->To256(high, 0);
-              const double v = low == high || std::isnan(high) ? 0 : (light - from) / (to - from) * 255;
-              return palettes.At(v, 0, 2)[p] / 255 * target->GetLevelRange(p) + target->GetLevelMin(p);
-            };
-            ASSERT_EQ(Difference(*target, want, 1e-4), "")
-                << store.name << " " << width << " planes " << planes;
+        const int planes = 1 + next / 4 % 3;
+        const auto [low, high] = limits[next++ % 4];
+        const auto src = Make(store.make(), width, height, planes, Wild(50, 1000));
+        const auto target = Make<CImgFalseColor>(src->VmManager(), width, height, 3, kGarbage);
+        target->Do(low, high, 0, 2, src.get(), Address(rect), 0);
+        const double from = src->To256(low, 0), range = src->To256(high, 0) - from;
+        Palettes palettes;
+        const auto want = [&](int p, int x, int y) -> double {
+          if (!IsInside(rect, x, y)) return Garbage(p, x, y);
+          double light = 0;
+          for (int j = 0; j < planes; ++j) {
+            const double weights[] = {0.299, 0.587, 0.114}, weight = planes == 3 ? weights[j] : j == 0;
+            if (weight > 0) light += weight * src->To256(double(src->GetPixelGrayRaw(x, y, j)), j);
           }
-        }
+          const double v = range == 0 || std::isnan(range) ? 0 : (light - from) / range * 255;
+          return palettes.At(v, 0, 2)[p] / 255 * target->GetLevelRange(p) + target->GetLevelMin(p);
+        };
+        ASSERT_EQ(Difference(*target, want, 1e-4), "") << store.name << " " << width << " planes " << planes;
       }
     }
   });

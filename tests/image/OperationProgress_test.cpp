@@ -2,6 +2,11 @@
 #include <gtest/gtest.h>
 
 #include "korimg/calibration/CImgDark.h"
+#include "korimg/colour/CImgColorBalance.h"
+#include "korimg/colour/CImgColorCorrect.h"
+#include "korimg/colour/CImgFalseColor.h"
+#include "korimg/colour/CImgLabColorEnhance.h"
+#include "korimg/colour/CImgSeparation.h"
 #include "korimg/composite/CImgComposit.h"
 #include "korimg/composite/stacking/CImgNormalize.h"
 #include "korimg/filters/CImgFilter.h"
@@ -101,6 +106,7 @@ const std::vector<Operation>& Operations() {
   static int zeros[3] = {0, 0, 0};
   static float floats[3] = {10, 10, 10};
   static float line[2] = {0, 1};
+  static tagMATRIX matrix = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   static float* curves[4] = {line, line, line, line};
   static const std::vector<Operation> all = {
       {"invert", 6124, kLines, Opens, [](Stage& s) { s.Target<CImgInvert>().Do(s.src.get(), nullptr, 1); }},
@@ -297,6 +303,24 @@ const std::vector<Operation>& Operations() {
        }},
       {"transform", 6190, -1, Steps,
        [](Stage& s) { s.Target<CImgFourier>().Do(0, 1, 0, nullptr, s.src.get(), nullptr, nullptr, 1); }},
+      {"Lab", 6133, kHeight, Steps,
+       [](Stage& s) { std::unique_ptr<CVelImage>(s.Target<CVelImage>().MakeLabPlane()); }},
+      {"L", 6101, kHeight, Steps,
+       [](Stage& s) { std::unique_ptr<CVelImage>(s.Target<CVelImage>().MakeLPlane()); }},
+      {"a and b", 6102, kHeight, Steps,
+       [](Stage& s) { std::unique_ptr<CVelImage>(s.Target<CVelImage>().MakeAbPlane(0)); }},
+      {"colour balance", 6118, kLines, Opens,
+       [](Stage& s) { s.Target<CImgColorBalance>().Do(1, 2, 3, s.src.get(), nullptr, 1); }},
+      {"colour matrix", 6179, kHeight, Steps,
+       [](Stage& s) { s.Target<CImgColorCorrect>().Do(&matrix, 1, 0, 0, 0, 1); }},
+      {"colour matrix between levels", 6179, kHeight, Opens,
+       [](Stage& s) { s.Target<CImgColorCorrect>().Do(&matrix, 1, 0, 0, 0, s.src.get(), nullptr, 1); }},
+      {"colours of Lab", 6134, kHeight, Steps,
+       [](Stage& s) { s.Target<CImgLabColorEnhance>().Do(s.src.get(), 1, 1, nullptr, 1); }},
+      {"false colour", 6117, kHeight, Steps,
+       [](Stage& s) { s.Target<CImgFalseColor>().Do(0, 900, 0, 0, s.src.get(), nullptr, 1); }},
+      {"separation", 6137, kHeight, Steps,
+       [](Stage& s) { s.Target<CImgSeparation>(1).Do(s.src.get(), 3, 1); }},
       {"development", 6178, -1, Opens,
        [](Stage& s) {
          tagBayerStruct bayer;
