@@ -16,20 +16,12 @@ constexpr int kMessage = 6179;
 
 enum Mode { kFromZero, kFromSmallest, kFromOrigin };
 
-/// result = matrix (pixel - from) + to, mixed with the pixel by the strength.
-struct Correction {
-  double matrix[3][3];
-  double from[3], to[3];
-  double strength;
-
-  explicit Correction(const tagMATRIX& m, double strength)
-      : matrix{{m.a11, m.a12, m.a13}, {m.a21, m.a22, m.a23}, {m.a31, m.a32, m.a33}},
-        strength(std::min(strength, 1.0)) {}
-};
-
+/// The levels of three planes.
 struct Levels {
   double min[3], range[3];
 
+  /// Raw values, counted from an origin.
+  explicit Levels(double origin) : min{origin, origin, origin}, range{1, 1, 1} {}
   explicit Levels(const CVelImage& image) {
     for (int p = 0; p < 3; ++p) {
       min[p] = image.GetLevelMin(p);
@@ -38,13 +30,41 @@ struct Levels {
   }
 };
 
-/// A factor of 0 leaves its value out, NaN and infinities too.
-KORIMG_IN_LOOP inline double Term(double factor, double value) {
-  return factor == 0 ? 0 : factor * value;
+/// result = strength (matrix pixel + offset) + (1 - strength) pixel
+struct Correction {
+  double matrix[3][3];
+  double offset[3];
+  double strength;
+  bool hasZeros = false;
+
+  /// Distances from `from`, in units of its ranges, become distances from `to` in its units.
+  Correction(const tagMATRIX& m, double strength, const Levels& from, const Levels& to)
+      : matrix{{m.a11, m.a12, m.a13}, {m.a21, m.a22, m.a23}, {m.a31, m.a32, m.a33}},
+        strength(std::min(strength, 1.0)) {
+    for (int i = 0; i < 3; ++i) {
+      offset[i] = to.min[i];
+      for (int j = 0; j < 3; ++j) {
+        if (matrix[i][j] == 0) {
+          hasZeros = true;
+          continue;
+        }
+        matrix[i][j] = matrix[i][j] * to.range[i] / from.range[j];
+        offset[i] -= matrix[i][j] * from.min[j];
+      }
+    }
+  }
+};
+
+template <bool positive, class T>
+KORIMG_IN_LOOP inline T Limited(T v) {
+  if (!positive) return v;
+  const T raised = v < FLT_MIN ? FLT_MIN : v;
+  return raised > FLT_MAX ? FLT_MAX : raised;
 }
 
-/// `positive` limits what the matrix gives to the positive floats.
-template <bool positive>
+/// `positive` limits what the matrix gives to the positive floats. `general` takes matrices with zeros, which
+/// leave values out, NaN and infinities too, and strengths below 1.
+template <bool positive, bool general>
 void CorrectRow(const Correction& correction, const std::array<const float*, 3>& in,
                 const std::array<float*, 3>& out, int columns) {
   RunInLongVectors([=]() KORIMG_IN_LOOP {
@@ -52,19 +72,28 @@ void CorrectRow(const Correction& correction, const std::array<const float*, 3>&
     for (int x = 0; x < columns; ++x) {
       const double s[3] = {in[0][x], in[1][x], in[2][x]};
       for (int i = 0; i < 3; ++i) {
-        double v = 0;
+        double v = correction.offset[i];
         for (int j = 0; j < 3; ++j) {
-          v += Term(correction.matrix[i][j], s[j] - correction.from[j]);
+          const double factor = correction.matrix[i][j], term = factor * s[j];
+          v += general && factor == 0 ? 0 : term;
         }
-        v += correction.to[i];
-        if constexpr (positive) {
-          v = v < FLT_MIN ? FLT_MIN : v;
-          v = v > FLT_MAX ? FLT_MAX : v;
+        if constexpr (general) {
+          const double strength = correction.strength, rest = (1 - strength) * s[i];
+          v = strength * Limited<positive>(v) + (strength == 1 ? 0 : rest);
+          out[i][x] = static_cast<float>(v);
+        } else {
+          out[i][x] = Limited<positive>(static_cast<float>(v));  // of floats: half as many vectors
         }
-        out[i][x] = static_cast<float>(correction.strength * v + Term(1 - correction.strength, s[i]));
       }
     }
   });
+}
+
+template <bool positive>
+void CorrectRow(const Correction& correction, const std::array<const float*, 3>& in,
+                const std::array<float*, 3>& out, int columns) {
+  const bool general = correction.hasZeros || correction.strength < 1;
+  (general ? CorrectRow<positive, true> : CorrectRow<positive, false>)(correction, in, out, columns);
 }
 
 /// The smallest finite pixel of three planes; 0 when there is none.
@@ -101,10 +130,7 @@ int CImgColorCorrect::Do(tagMATRIX* matrix, double strength, int mode, float ori
     const ProgressScope progress(*this, show, kMessage, GetHeight());
     o = SmallestPixel(*this);
   }
-  Correction correction(*matrix, strength);
-  for (int p = 0; p < 3; ++p) {
-    correction.from[p] = correction.to[p] = o;
-  }
+  const Correction correction(*matrix, strength, Levels(o), Levels(o));
   const ProgressScope progress(*this, show, kMessage, GetHeight());
   ForLines(Team::All, 0, GetHeight(), [&](int y) {
     float *r = GetWritableLine(0, y, 0), *g = GetWritableLine(0, y, 1), *b = GetWritableLine(0, y, 2);
@@ -126,14 +152,7 @@ int CImgColorCorrect::Do(tagMATRIX* matrix, double strength, int mode, float, in
   const Levels from(*src), to(*this);
   const tagMATRIX& a = *matrix;
   if (!MayRunPipelines(*this, *src)) {
-    Correction correction(a, strength);
-    for (int i = 0; i < 3; ++i) {
-      correction.from[i] = from.min[i];
-      correction.to[i] = to.min[i];
-      for (int j = 0; j < 3; ++j) {
-        correction.matrix[i][j] = correction.matrix[i][j] * to.range[i] / from.range[j];
-      }
-    }
+    const Correction correction(a, strength, from, to);
     ForLines(Team::All, window.top, window.bottom, [&](int y) {
       std::array<const float*, 3> in;
       std::array<float*, 3> out;

@@ -1,36 +1,49 @@
 #include "korimg/colour/CImgLabColorEnhance.h"
 
+#include <algorithm>
+
 #include "korimg/colour/internal/LabRows.h"
 #include "korimg/image/internal/Frame.h"
+#include "korimg/image/internal/Vectors.h"
 
 using namespace korimg;
+
+namespace {
+
+void ReadAxis(const float* in, double positive, double negative, int count, double* out) {
+  RunInLongVectors([=]() KORIMG_IN_LOOP {
+    for (int x = 0; x < count; ++x) {
+      out[x] = in[x] * (in[x] < 0 ? negative : positive);
+    }
+  });
+}
+
+}  // namespace
 
 void CImgLabColorEnhance::Do(CVelImage* lab, double aPositive, double aNegative, double bPositive,
                              double bNegative, CRect* rect, int show) {
   if (!Fits(*lab, *this) || GetPlanes() < 3) return;
   const Window window(*this, rect);
   const ProgressScope progress(*this, show, 6134, window.Height());
-  ForLines(Team::All, window.top, window.bottom, [&](int y) {
-    const float *l = lab->GetLine(window.left, y, 0), *a = lab->GetLine(window.left, y, 1),
-                *b = lab->GetLine(window.left, y, 2);
-    float* out[3];
-    double min[3], range[3];
-    for (int p = 0; p < 3; ++p) {
-      out[p] = GetWritableLine(window.left, y, p);
-      min[p] = GetLevelMin(p);
-      range[p] = GetLevelRange(p);
-    }
-    RunInLongVectors([=, columns = window.Width()]() KORIMG_IN_LOOP {
-#pragma omp simd
-      for (int x = 0; x < columns; ++x) {
-        const double da = a[x], db = b[x];
-        const RgbColour rgb =
-            LabToRgb({l[x], da * (da < 0 ? aNegative : aPositive), db * (db < 0 ? bNegative : bPositive)});
-        out[0][x] = static_cast<float>(rgb.r * range[0] + min[0]);
-        out[1][x] = static_cast<float>(rgb.g * range[1] + min[1]);
-        out[2][x] = static_cast<float>(rgb.b * range[2] + min[2]);
+  const auto write = [&](int plane, const double* colour, int count, float* out) {
+    RunInLongVectors([=, min = GetLevelMin(plane), range = GetLevelRange(plane)]() KORIMG_IN_LOOP {
+      for (int x = 0; x < count; ++x) {
+        out[x] = static_cast<float>(colour[x] * range + min);
       }
     });
+  };
+  ForLines(Team::All, window.top, window.bottom, [&](int y) {
+    double colours[3][kColourChunk];
+    for (int x = window.left; x < window.right; x += kColourChunk) {
+      const int count = std::min(kColourChunk, window.right - x);
+      std::copy_n(lab->GetLine(x, y, 0), count, colours[0]);
+      ReadAxis(lab->GetLine(x, y, 1), aPositive, aNegative, count, colours[1]);
+      ReadAxis(lab->GetLine(x, y, 2), bPositive, bNegative, count, colours[2]);
+      LabToRgb(colours[0], colours[1], colours[2], count);
+      for (int p = 0; p < 3; ++p) {
+        write(p, colours[p], count, GetWritableLine(x, y, p));
+      }
+    }
     ShowProgress(1);
   });
 }

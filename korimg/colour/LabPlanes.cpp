@@ -1,9 +1,11 @@
 // The planes L, a and b of an image.
-#include <array>
+#include <algorithm>
 #include <memory>
+#include <vector>
 
 #include "korimg/colour/internal/LabRows.h"
 #include "korimg/image/internal/Frame.h"
+#include "korimg/image/internal/Vectors.h"
 
 using namespace korimg;
 
@@ -14,82 +16,79 @@ constexpr float kBrightest = 5000, kWhite = 255;
 
 /// A value of the 256 scale as a share of white; NaN stays.
 KORIMG_IN_LOOP inline double ShareOfWhite(float v, float limit) {
-  const float high = v > limit ? limit : v;
-  return (high < 0 ? 0 : high) * (1 / 255.0);
+  const float notAbove = v > limit ? limit : v;
+  return (notAbove < 0 ? 0 : notAbove) * (1 / 255.0);
 }
 
-/// Writes the planes that parts(Lab) gives of each pixel into a new image.
-template <size_t kPlanes, class F>
-CVelImage* MakePlanes(CVelImage& image, int message, float limit, const F& parts) {
+/// A plane of a colour image as shares of white: in single precision up to the scale of 256.
+void ReadChannel(const CVelImage& image, int plane, const float* in, float limit, int count, double* out) {
+  const auto min = static_cast<float>(image.GetLevelMin(plane)),
+             scale = static_cast<float>(255.0 / image.GetLevelRange(plane));
+  RunInLongVectors([=]() KORIMG_IN_LOOP {
+    for (int x = 0; x < count; ++x) {
+      out[x] = ShareOfWhite((in[x] - min) * scale, limit);
+    }
+  });
+}
+
+void ReadGrey(const CVelImage& image, const float* in, int count, double* out) {
+  const double min = image.GetLevelMin(0), range = image.GetLevelRange(0);
+  RunInLongVectors([=]() KORIMG_IN_LOOP {
+    for (int x = 0; x < count; ++x) {
+      out[x] = ShareOfWhite(static_cast<float>((in[x] - min) / range * 255.0), kBrightest);
+    }
+  });
+}
+
+/// Writes the parts, by number, of what convert makes of red, green and blue into a new image.
+CVelImage* MakePlanes(CVelImage& image, int message, float limit,
+                      void (*convert)(double*, double*, double*, int), const std::vector<int>& parts) {
   if (!image.VmManager()) return nullptr;
-  std::unique_ptr<CVelImage> planes;
+  const int planes = static_cast<int>(parts.size());
+  std::unique_ptr<CVelImage> made;
   try {
-    planes = std::make_unique<CVelImage>(image.VmManager(), CImage::Float, image.GetWidth(),
-                                         image.GetHeight(), kPlanes, 1.0, 0.0, 1, nullptr);
+    made = std::make_unique<CVelImage>(image.VmManager(), CImage::Float, 1, 1, planes, 1.0, 0.0, 1, nullptr);
   } catch (const velora::CVmMemoryAllocationError&) {
     return nullptr;
   }
-  planes->CopyStdPtCtr(&image);
+  // In two steps: the first kind of room is filled with zeros.
+  if (!made->ChangeSize(image.GetWidth(), image.GetHeight(), nullptr, CImage::Contents::Undefined))
+    return nullptr;
+  made->CopyStdPtCtr(&image);
   const ProgressScope progress(image, 1, message, image.GetHeight());
-  const bool colour = image.GetPlanes() >= 3;
-  const int columns = image.GetWidth();
   ForLines(Team::All, 0, image.GetHeight(), [&](int y) {
-    std::array<float*, kPlanes> out;
-    for (size_t p = 0; p < kPlanes; ++p) {
-      out[p] = planes->GetWritableLine(0, y, static_cast<int>(p));
-    }
-    const auto write = [=](int x, const RgbColour& rgb) KORIMG_IN_LOOP {
-      const std::array<double, kPlanes> values = parts(RgbToLab(rgb));
-      for (size_t p = 0; p < kPlanes; ++p) {
-        out[p][x] = static_cast<float>(values[p]);
-      }
-    };
-    if (colour) {
-      float const *r = image.GetLine(0, y, 0), *g = image.GetLine(0, y, 1), *b = image.GetLine(0, y, 2);
-      float min[3], scale[3];
+    double colours[3][kColourChunk];
+    for (int x = 0; x < image.GetWidth(); x += kColourChunk) {
+      const int count = std::min(kColourChunk, image.GetWidth() - x);
       for (int p = 0; p < 3; ++p) {
-        min[p] = static_cast<float>(image.GetLevelMin(p));
-        scale[p] = static_cast<float>(255.0 / image.GetLevelRange(p));
+        if (image.GetPlanes() >= 3) {
+          ReadChannel(image, p, image.GetLine(x, y, p), limit, count, colours[p]);
+        } else if (p == 0) {
+          ReadGrey(image, image.GetLine(x, y, 0), count, colours[0]);
+        } else {
+          std::copy_n(colours[0], count, colours[p]);
+        }
       }
-      RunInLongVectors([=]() KORIMG_IN_LOOP {
-#pragma omp simd
-        for (int x = 0; x < columns; ++x) {
-          write(x, {ShareOfWhite((r[x] - min[0]) * scale[0], limit),
-                    ShareOfWhite((g[x] - min[1]) * scale[1], limit),
-                    ShareOfWhite((b[x] - min[2]) * scale[2], limit)});
-        }
-      });
-    } else {
-      const float* in = image.GetLine(0, y, 0);
-      const double min = image.GetLevelMin(0), range = image.GetLevelRange(0);
-      RunInLongVectors([=]() KORIMG_IN_LOOP {
-#pragma omp simd
-        for (int x = 0; x < columns; ++x) {
-          const double v = ShareOfWhite(static_cast<float>((in[x] - min) / range * 255.0), kBrightest);
-          write(x, {v, v, v});
-        }
-      });
+      convert(colours[0], colours[1], colours[2], count);
+      for (int p = 0; p < planes; ++p) {
+        std::copy_n(colours[parts[p]], count, made->GetWritableLine(x, y, p));
+      }
     }
     image.ShowProgress(1);
   });
-  return planes.release();
+  return made.release();
 }
 
 }  // namespace
 
 CVelImage* CVelImage::MakeLabPlane() {
-  return MakePlanes<3>(*this, 6133, kBrightest, [](const LabColour& lab) KORIMG_IN_LOOP {
-    return std::array{lab.l, lab.a, lab.b};
-  });
+  return MakePlanes(*this, 6133, kBrightest, RgbToLab, {0, 1, 2});
 }
 
 CVelImage* CVelImage::MakeLPlane() {
-  return MakePlanes<1>(*this, 6101, kBrightest,
-                       [](const LabColour& lab) KORIMG_IN_LOOP { return std::array{lab.l}; });
+  return MakePlanes(*this, 6101, kBrightest, RgbToL, {0});
 }
 
 CVelImage* CVelImage::MakeAbPlane(int clipLevel) {
-  return MakePlanes<2>(*this, 6102, clipLevel ? kWhite : kBrightest, [](const LabColour& lab) KORIMG_IN_LOOP {
-    return std::array{lab.a, lab.b};
-  });
+  return MakePlanes(*this, 6102, clipLevel ? kWhite : kBrightest, RgbToLab, {1, 2});
 }

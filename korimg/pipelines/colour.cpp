@@ -42,13 +42,16 @@ Member color_correct(const std::string& name, bool with_strength) {
 
     std::vector<Expr> corrected;
     for (int i = 0; i < 3; ++i) {
-      Expr sum = F64(0);
+      Expr coefficients[3], sum = to[i].min;
       for (int j = 0; j < 3; ++j) {
-        Expr coefficient = a[3 * i + j] * to[i].range / from[j].range;
-        Expr distance = cast<double>(input[j](x, y)) - from[j].min;
-        sum += select(coefficient == F64(0), F64(0), coefficient * distance);
+        const auto& factor = a[3 * i + j];
+        coefficients[j] = select(factor == F64(0), F64(0), factor * to[i].range / from[j].range);
+        sum -= coefficients[j] * from[j].min;
       }
-      sum += to[i].min;
+      for (int j = 0; j < 3; ++j) {
+        Expr term = coefficients[j] * cast<double>(input[j](x, y));
+        sum += select(a[3 * i + j] == F64(0), F64(0), term);
+      }
       if (with_strength) sum = strength * sum + (F64(1) - strength) * cast<double>(input[i](x, y));
       corrected.push_back(cast<float>(sum));
       definition.outputNames.push_back(lower[i] + "_output");
