@@ -132,6 +132,20 @@ TEST(CImgColorCorrect, InPlaceFromAnOrigin) {
   });
 }
 
+TEST(CImgColorCorrect, SameBitsInVectorsOfAllLengths) {
+  for (const double strength : {1.0, 0.3}) {
+    const auto run = [&] {
+      const auto image = Make<CImgColorCorrect>(MemoryStore(), 71, 9, 3, Random(-50, 900));
+      tagMATRIX m = kMatrix;
+      image->Do(&m, strength, 1, 0, 0, 0);
+      return Pixels(*image);
+    };
+    const auto longest = run();
+    const WithFeatures simd(0);
+    EXPECT_EQ(run(), longest);
+  }
+}
+
 TEST(CImgColorCorrect, IdentityLeavesPositivePixels) {
   const float values[] = {1.5f, 0, -3, FLT_MIN, FLT_MAX, INFINITY, -INFINITY, NAN, 1e-30f};
   const float want[] = {1.5f, FLT_MIN, FLT_MIN, FLT_MIN, FLT_MAX, FLT_MAX, FLT_MIN, NAN, 1e-30f};
@@ -240,6 +254,7 @@ TEST(CImgFalseColor, PalettesAtTheirStopsAndBetween) {
       {0, 127.75, {255, 0, 0}, 2},  // 255.5, limited again
       {0, 159.875, {0, 255, 255}, 2},
       {6, 255, {253, 253, 253}, 3},  // 765 - 512
+      {6, 127.75, {255, 255, 255}, 2},
       {6, 100, {100, 100, 100}, -3},
   };
   Palettes palettes;

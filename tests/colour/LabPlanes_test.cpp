@@ -84,6 +84,53 @@ TEST(LabPlanes, BlackWhiteAndGreyOfTheLevels) {
             "");
 }
 
+TEST(LabPlanes, DarkColoursAboutTheFloorThereAndBack) {
+  // The mean is raised to a power from 1e-7 of white on, and back from 1e-7 of its power on.
+  constexpr double kMeans[] = {1e-9, 0.9e-7, 1.1e-7, 1e-5, 6e-4, 7e-4, 1e-3};
+  const auto src =
+      Make(MemoryStore(), 7, 3, 3, [&](int p, int x, int y) { return kMeans[x] * (1 + 0.2 * p - 0.1 * y); });
+  const auto back = Make<CImgLabColorEnhance>(MemoryStore(), 7, 3, 3, Random(0, 1));
+  for (int p = 0; p < 3; ++p) {
+    src->SetLevel(p, 0, 1);
+    back->SetLevel(p, 0, 1);
+  }
+  const std::unique_ptr<CVelImage> lab(src->MakeLabPlane());
+  EXPECT_EQ(Difference(
+                *lab, [&](int p, int x, int y) { return LabOf(*src, x, y, 5000)[p]; }, 1e-9),
+            "");
+  back->Do(lab.get(), 1, 1, nullptr, 0);
+  const auto want = [&](int p, int x, int y) {
+    CColor color;
+    color.LabToRgb(lab->GetPixelGrayRaw(x, y, 0), lab->GetPixelGrayRaw(x, y, 1),
+                   lab->GetPixelGrayRaw(x, y, 2));
+    return std::array{color.GetR(), color.GetG(), color.GetB()}[p];
+  };
+  EXPECT_EQ(Difference(*back, want, 1e-10), "");
+}
+
+TEST(LabPlanes, SameBitsInVectorsOfAllLengths) {
+  const auto src = Make(MemoryStore(), 603, 7, 3, Colours);  // chunks, vectors and what is left of them
+  const auto run = [&] {
+    const std::unique_ptr<CVelImage> lab(src->MakeLabPlane());
+    const auto back = Make<CImgLabColorEnhance>(MemoryStore(), 603, 7, 3, Random(0, 1));
+    back->Do(lab.get(), 1.5, 0.5, nullptr, 0);
+    auto bits = Pixels(*lab);
+    const auto more = Pixels(*back);
+    bits.insert(bits.end(), more.begin(), more.end());
+    for (float& v : bits) {
+      v = std::isnan(v) ? -1e9f : v;
+    }
+    return bits;
+  };
+  const auto longest = run();
+  for (const unsigned features : {0u, 2u}) {
+    const WithFeatures simd(features);
+    EXPECT_EQ(run(), longest);
+  }
+  const WithThreads team(1);
+  EXPECT_EQ(run(), longest);
+}
+
 TEST(LabPlanes, NoneWithoutPixels) {
   CVelImage none;
   for (const PlaneCase& c : kPlaneCases) {
