@@ -33,6 +33,7 @@
 #include "korimg/image/Progress.h"
 #include "korimg/levels/CImgCorrectCurve.h"
 #include "korimg/levels/CImgHstEql.h"
+#include "korimg/levels/CImgHyperbolic.h"
 #include "korimg/levels/CImgMidtones.h"
 #include "korimg/levels/CImgReduceTone.h"
 #include "korimg/levels/CImgToneCurve.h"
@@ -171,6 +172,11 @@ const std::vector<Operation>& Operations() {
        [](Stage& s) {
          const CImgMidtones::Parameters parameters[3];
          s.Target<CImgMidtones>().Do(parameters, 0, s.src.get(), nullptr, 1);
+       }},
+      {"hyperbolic", 6114, kLines, Steps,
+       [](Stage& s) {
+         const CImgHyperbolic::Parameters parameters[3];
+         s.Target<CImgHyperbolic>().Do(parameters, 0, s.src.get(), nullptr, 1);
        }},
       {"window", 6191, kLines, Steps, [](Stage& s) { s.Target<CImgWindowing>().Do(0, 30, s.src.get(), 1); }},
       {"hot and cool", 6164, -1, Opens,

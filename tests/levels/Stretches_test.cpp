@@ -1,9 +1,10 @@
-// Stretches by midtones.
+// Stretches by midtones and by generalised hyperbolic curves.
 #include <algorithm>
 
 #include <gtest/gtest.h>
 
 #include "korimg/image/internal/Numbers.h"
+#include "korimg/levels/CImgHyperbolic.h"
 #include "korimg/levels/CImgMidtones.h"
 
 #include "tests/support/Images.h"
@@ -209,6 +210,174 @@ TEST(CImgMidtones, RefusesWhatHasNoMeaning) {
             "");
   target->SetLevel(0, 5, 5);
   EXPECT_EQ(target->Do(&neutral, 0, src.get(), nullptr, 0), 0);
+}
+
+using Hyperbolic = CImgHyperbolic::Parameters;
+
+/// The curve of shares, by its formulas in long double.
+class HyperbolicCurve {
+ public:
+  explicit HyperbolicCurve(const Hyperbolic& p)
+      : d_(std::exp(static_cast<long double>(p.amount)) - 1), b_(p.shape), p_(p) {}
+  long double operator()(long double x) const {
+    if (d_ == 0) return x;
+    return (Raw(x) - Raw(0)) / (Raw(1) - Raw(0));
+  }
+
+ private:
+  long double T(long double x) const {
+    if (b_ == 0) return 1 - std::exp(-d_ * x);
+    if (b_ == -1) return std::log(1 + d_ * x);
+    if (b_ > 0) return 1 - std::pow(1 + b_ * d_ * x, -1 / b_);
+    return (1 - std::pow(1 - b_ * d_ * x, (b_ + 1) / b_)) / (d_ * (b_ + 1));
+  }
+  long double About(long double x) const {
+    return x < p_.symmetry ? -T(p_.symmetry - x) : T(x - p_.symmetry);
+  }
+  /// By a quotient of differences, to one side so that no end is passed.
+  long double Slope(long double x, long double step) const {
+    return (4 * About(x + step) - About(x + 2 * step) - 3 * About(x)) / (2 * step);
+  }
+  long double Raw(long double x) const {
+    constexpr long double kStep = 1e-8;
+    if (x < p_.shadows) return About(p_.shadows) - (p_.shadows - x) * Slope(p_.shadows, kStep);
+    if (x > p_.highlights) return About(p_.highlights) + (x - p_.highlights) * Slope(p_.highlights, -kStep);
+    return About(x);
+  }
+
+  long double d_, b_;
+  Hyperbolic p_;
+};
+
+const std::vector<Hyperbolic>& Hyperbolics() {
+  static const std::vector<Hyperbolic> all = {
+      {0, 1, 0.3, 0, 1},         {0.01, 2, 0, 0, 1},     {3, 0, 0, 0, 1},        {2, -1, 0.1, 0.05, 0.9},
+      {5, 1, 0, 0, 1},           {7, 5, 0.01, 0, 0.95},  {4, -0.5, 0.2, 0, 1},   {5, -1.5, 0.02, 0.01, 1},
+      {0.5, -15, 0.4, 0.1, 0.7}, {3, 15, 0.5, 0.5, 0.5}, {6, 0.05, 0.1, 0, 0.2}, {2.5, -0.01, 0, 0, 1}};
+  return all;
+}
+
+TEST(CImgHyperbolic, FollowsItsFormulasAndComesBack) {
+  constexpr double kMin = 130, kRange = 900;
+  for (const Hyperbolic& parameters : Hyperbolics()) {
+    const HyperbolicCurve curve(parameters);
+    // Fine steps, finer ones near black, and beyond the levels.
+    const auto src = Make(MemoryStore(), 3000, 2, 1, [&](int, int x, int y) {
+      return kMin + kRange * (y ? std::exp(-x / 150.0) : x / 2000.0 - 0.25);
+    });
+    const auto target = Make<CImgHyperbolic>(MemoryStore(), 3000, 2, 1, Random(0, 1));
+    const auto back = Make<CImgHyperbolic>(MemoryStore(), 3000, 2, 1, Random(0, 1));
+    for (CVelImage* image : {target.get(), back.get()}) {
+      image->SetLevel(0, kMin, kMin + kRange);
+    }
+    ASSERT_EQ(target->Do(&parameters, 0, src.get(), nullptr, 0), 1);
+    ASSERT_EQ(back->Do(&parameters, 1, target.get(), nullptr, 0), 1);
+    for (int y = 0; y < 2; ++y) {
+      for (int x = 0; x < 3000; ++x) {
+        const long double in = (src->GetPixelGrayRaw(x, y, 0) - kMin) / kRange, want = curve(in);
+        const long double got = (target->GetPixelGrayRaw(x, y, 0) - kMin) / kRange;
+        const long double again = (back->GetPixelGrayRaw(x, y, 0) - kMin) / kRange;
+        const std::string what = "amount " + std::to_string(parameters.amount) + " shape " +
+                                 std::to_string(parameters.shape) + " at " + std::to_string((double)in);
+        ASSERT_NEAR(got, want, 3e-7 * std::max(1.0L, std::abs(want))) << what;
+        if (y == 0 && x > 0) {
+          ASSERT_GE(target->GetPixelGrayRaw(x, 0, 0), target->GetPixelGrayRaw(x - 1, 0, 0)) << what;
+        }
+        const long double slope = (curve(in + 1e-6L) - curve(in - 1e-6L)) / 2e-6L;
+        ASSERT_NEAR(again, in, 6e-7 * std::max(1.0L, std::abs(in)) * (1 + 1 / slope)) << what;
+      }
+    }
+  }
+}
+
+TEST(CImgHyperbolic, SmallTonesKeepTheirDigits) {
+  for (const auto& [amount, shape] :
+       {std::pair(5.0, 1.0), {3, 0}, {2, -1}, {4, -0.5}, {5, -1.5}, {0.3, -5}}) {
+    const Hyperbolic parameters{amount, shape};
+    const HyperbolicCurve curve(parameters);
+    const auto src = Make(MemoryStore(), 4000, 1, 1, [](int, int x, int) { return std::exp(-x / 1000.0); });
+    const auto target = Make<CImgHyperbolic>(MemoryStore(), 4000, 1, 1, Random(0, 1));
+    target->SetLevel(0, 0, 1);
+    ASSERT_EQ(target->Do(&parameters, 0, src.get(), nullptr, 0), 1);
+    for (int x = 0; x < 4000; ++x) {
+      const long double want = curve(src->GetPixelGrayRaw(x, 0, 0));
+      ASSERT_NEAR(target->GetPixelGrayRaw(x, 0, 0), want, 4e-7 * want) << amount << " " << shape << " " << x;
+    }
+  }
+}
+
+TEST(CImgHyperbolic, IsTheSameEverywhere) {
+  std::vector<float> first[12];
+  OnEveryPath([&](const StoreCase& store) {
+    for (size_t i = 0; i < Hyperbolics().size(); i += 3) {
+      for (const auto& [width, height] : Sizes()) {
+        for (OptionalRect& rect : Windows(width, height)) {
+          const Hyperbolic parameters[] = {Hyperbolics()[i], Hyperbolics()[i + 1], Hyperbolics()[i + 2]};
+          const auto src = Make(store.make(), width, height, 3, Wild(60, 1300));
+          const auto target = Make<CImgHyperbolic>(src->VmManager(), width, height, 3, Random(0, 1, 7));
+          ASSERT_EQ(target->Do(parameters, 0, src.get(), Address(rect), 0), 1);
+          const auto want = [&](int p, int x, int y) -> double {
+            if (!IsInside(rect, x, y)) return static_cast<float>(Random(0, 1, 7)(p, x, y));
+            const float v = src->GetPixelGrayRaw(x, y, p);
+            if (!std::isfinite(v)) return v;
+            const double min = target->GetLevelMin(p), range = target->GetLevelRange(p);
+            const double exact = min + range * HyperbolicCurve(parameters[p])((v - min) / range);
+            const double got = target->GetPixelGrayRaw(x, y, p);
+            return std::abs(got - exact) <= 3e-7 * std::max(range, std::abs(exact - min)) ? got : exact;
+          };
+          ASSERT_EQ(Difference(*target, want, 0), "") << store.name << " " << width << " " << i;
+          if (width == 71 && !rect) {
+            const auto pixels = Pixels(*target);
+            if (first[i].empty()) first[i] = pixels;
+            for (size_t n = 0; n < pixels.size(); ++n) {
+              ASSERT_TRUE(pixels[n] == first[i][n] || std::isnan(pixels[n])) << store.name << " " << n;
+            }
+          }
+        }
+      }
+    }
+  });
+}
+
+TEST(CImgHyperbolic, SaturatedTonesStayFinite) {
+  for (const auto& [amount, shape] : {std::pair(15.0, 0.0), {15, 0.01}, {15, 15}, {15, -15}, {15, -1}}) {
+    const Hyperbolic parameters{amount, shape, 0.2, 0.1, 0.8};
+    const auto src = Make(MemoryStore(), 1000, 1, 1, [](int, int x, int) { return x / 500.0 - 0.5; });
+    for (const int inverse : {0, 1}) {
+      const auto target = Make<CImgHyperbolic>(MemoryStore(), 1000, 1, 1, Random(0, 1));
+      target->SetLevel(0, 0, 1);
+      ASSERT_EQ(target->Do(&parameters, inverse, src.get(), nullptr, 0), 1);
+      for (int x = 0; x < 1000; ++x) {
+        ASSERT_TRUE(std::isfinite(target->GetPixelGrayRaw(x, 0, 0))) << amount << " " << shape << " " << x;
+        if (x > 0) {
+          ASSERT_GE(target->GetPixelGrayRaw(x, 0, 0), target->GetPixelGrayRaw(x - 1, 0, 0) - 2e-7f)
+              << amount << " " << shape << " " << x << " " << inverse;
+        }
+      }
+    }
+  }
+}
+
+TEST(CImgHyperbolic, RefusesWhatHasNoMeaning) {
+  const auto src = Make(MemoryStore(), 8, 8, 1, Random(0, 9));
+  const auto target = Make<CImgHyperbolic>(MemoryStore(), 8, 8, 1, Random(0, 1));
+  for (const Hyperbolic& wrong : std::vector<Hyperbolic>{{-1, 0, 0, 0, 1},
+                                                         {16, 0, 0, 0, 1},
+                                                         {NAN, 0, 0, 0, 1},
+                                                         {1, NAN, 0, 0, 1},
+                                                         {1, 16, 0, 0, 1},
+                                                         {1, 0, 0.1, 0.2, 1},
+                                                         {1, 0, 0.5, 0, 0.4},
+                                                         {1, 0, 0.5, -0.1, 1},
+                                                         {1, 0, 0.5, 0, 1.1}}) {
+    EXPECT_EQ(target->Do(&wrong, 0, src.get(), nullptr, 0), 0);
+  }
+  const Hyperbolic line;
+  EXPECT_EQ(Make<CImgHyperbolic>(MemoryStore(), 9, 8, 1, Random(0, 1))->Do(&line, 0, src.get(), nullptr, 0),
+            0);
+  EXPECT_EQ(Difference(
+                *target, [](int p, int x, int y) { return float(Random(0, 1)(p, x, y)); }, 0),
+            "");
 }
 
 }  // namespace
