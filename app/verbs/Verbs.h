@@ -30,6 +30,7 @@ void AddSimulate(CLI::App& app, Tool& tool);
 void AddRun(CLI::App& app, Tool& tool);
 void AddStars(CLI::App& app, Tool& tool);
 void AddRegister(CLI::App& app, Tool& tool);
+void AddSky(CLI::App& app, Tool& tool);
 void AddStack(CLI::App& app, Tool& tool);
 
 /// Adds the options that all verbs take.

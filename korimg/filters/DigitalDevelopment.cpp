@@ -141,20 +141,9 @@ void DevelopLines(CVelImage& target, CVelImage& src, int develop, const std::vec
   });
 }
 
-/// Lends an image's pixels to the object that measures them.
-struct Loan {
-  CVelImage& owner;
-  CImgAutoLevel borrower;
-
-  explicit Loan(CVelImage& image) : owner(image) { borrower.Swap(&owner); }
-  ~Loan() { borrower.Swap(&owner); }
-  Loan(const Loan&) = delete;
-  Loan& operator=(const Loan&) = delete;
-};
-
 float MedianOfPlane0(CVelImage& image) {
   float median = 0;
-  Loan(image).borrower.GetMedian(&median, 1, 0, 0, nullptr);
+  Loan<CImgAutoLevel>(image).borrower.GetMedian(&median, 1, 0, 0, nullptr);
   return median;
 }
 

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "korimg/calibration/CImgDark.h"
+#include "korimg/calibration/CImgSkySelect.h"
+#include "korimg/calibration/CImgSplineInterpolation.h"
 #include "korimg/colour/CImgColorBalance.h"
 #include "korimg/colour/CImgColorCorrect.h"
 #include "korimg/colour/CImgFalseColor.h"
@@ -177,6 +179,25 @@ const std::vector<Operation>& Operations() {
        [](Stage& s) {
          const CImgHyperbolic::Parameters parameters[3];
          s.Target<CImgHyperbolic>().Do(parameters, 0, s.src.get(), nullptr, 1);
+       }},
+      {"spline", 6201, kLines, Opens,
+       [](Stage& s) {
+         CSpline::Points curves[4];
+         for (CSpline::Points& curve : curves) {
+           curve.Add({0, 0});
+           curve.Add({1, 1});
+         }
+         s.Target<CImgSplineInterpolation>().Do(curves, s.src.get(), nullptr, 1);
+       }},
+      {"sky of squares", 6199, 16, Steps,
+       [](Stage& s) {
+         double deviation, median;
+         s.Target<CImgSkySelect>().CalcStddevMedian(8, nullptr, nullptr, &deviation, &median, 1);
+       }},
+      {"clean sky", 6200, 16, Steps,
+       [](Stage& s) {
+         CRect found;
+         s.Target<CImgSkySelect>().Do(16, nullptr, nullptr, 0, 0, &found, 1);
        }},
       {"window", 6191, kLines, Steps, [](Stage& s) { s.Target<CImgWindowing>().Do(0, 30, s.src.get(), 1); }},
       {"hot and cool", 6164, -1, Opens,

@@ -218,11 +218,11 @@ using Hyperbolic = CImgHyperbolic::Parameters;
 class HyperbolicCurve {
  public:
   explicit HyperbolicCurve(const Hyperbolic& p)
-      : d_(std::exp(static_cast<long double>(p.amount)) - 1), b_(p.shape), p_(p) {}
-  long double operator()(long double x) const {
-    if (d_ == 0) return x;
-    return (Raw(x) - Raw(0)) / (Raw(1) - Raw(0));
+      : d_(std::exp(static_cast<long double>(p.amount)) - 1), b_(p.shape), p_(p) {
+    black_ = Raw(0);
+    range_ = Raw(1) - black_;
   }
+  long double operator()(long double x) const { return d_ == 0 ? x : (Raw(x) - black_) / range_; }
 
  private:
   long double T(long double x) const {
@@ -245,7 +245,7 @@ class HyperbolicCurve {
     return About(x);
   }
 
-  long double d_, b_;
+  long double d_, b_, black_ = 0, range_ = 1;
   Hyperbolic p_;
 };
 
@@ -312,16 +312,19 @@ TEST(CImgHyperbolic, IsTheSameEverywhere) {
     for (size_t i = 0; i < Hyperbolics().size(); i += 3) {
       for (const auto& [width, height] : Sizes()) {
         for (OptionalRect& rect : Windows(width, height)) {
+          if (rect && i > 0) continue;
           const Hyperbolic parameters[] = {Hyperbolics()[i], Hyperbolics()[i + 1], Hyperbolics()[i + 2]};
           const auto src = Make(store.make(), width, height, 3, Wild(60, 1300));
           const auto target = Make<CImgHyperbolic>(src->VmManager(), width, height, 3, Random(0, 1, 7));
           ASSERT_EQ(target->Do(parameters, 0, src.get(), Address(rect), 0), 1);
+          const HyperbolicCurve curves[] = {HyperbolicCurve(parameters[0]), HyperbolicCurve(parameters[1]),
+                                            HyperbolicCurve(parameters[2])};
           const auto want = [&](int p, int x, int y) -> double {
             if (!IsInside(rect, x, y)) return static_cast<float>(Random(0, 1, 7)(p, x, y));
             const float v = src->GetPixelGrayRaw(x, y, p);
             if (!std::isfinite(v)) return v;
             const double min = target->GetLevelMin(p), range = target->GetLevelRange(p);
-            const double exact = min + range * HyperbolicCurve(parameters[p])((v - min) / range);
+            const double exact = min + range * curves[p]((v - min) / range);
             const double got = target->GetPixelGrayRaw(x, y, p);
             return std::abs(got - exact) <= 3e-7 * std::max(range, std::abs(exact - min)) ? got : exact;
           };

@@ -76,6 +76,18 @@ bool HasVectors();
 /// velora::CVmMemoryAllocationError when there is no room.
 void MakeWorkImage(CVelImage& work, const CVelImage& like);
 
+/// Lends an image's pixels to an operation's object that measures them or works on them, for a scope.
+template <class Borrower>
+struct Loan {
+  CVelImage& owner;
+  Borrower borrower;
+
+  explicit Loan(CVelImage& image) : owner(image) { borrower.Swap(&owner); }
+  ~Loan() { borrower.Swap(&owner); }
+  Loan(const Loan&) = delete;
+  Loan& operator=(const Loan&) = delete;
+};
+
 /// Opens the progress display of an operation, and closes it on every way out.
 class ProgressScope {
  public:

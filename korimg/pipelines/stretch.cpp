@@ -1,0 +1,25 @@
+// The linear stretch that brings colour planes together.
+#include "Driver.h"
+
+using namespace Halide;
+
+namespace {
+
+Var x("x"), y("y");
+
+/// Widens the distances to the background by K, about where the background is to lie.
+Definition stretch(const Target& target) {
+  ImageParam input(Float(32), 2, "input");
+  Param<float> background("fBkgMean"), k("fK"), offset("fOffset"), bias("fBkg");
+  Expr distance = cast<double>(input(x, y)) - cast<double>(background);
+  Func output("output");
+  output(x, y) = cast<float>(distance * cast<double>(k) + cast<double>(bias) + cast<double>(offset));
+  ScheduleByStrips(output, target);
+  return {{input, background, k, offset, bias}, {output}};
+}
+
+}  // namespace
+
+std::vector<Member> Family() {
+  return {{"stretch_float", stretch}};
+}
