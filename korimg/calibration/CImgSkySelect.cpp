@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <vector>
 
 #include "korimg/image/internal/Frame.h"
+#include "korimg/image/internal/LineSums.h"
 #include "korimg/image/internal/Numbers.h"
 
 using namespace korimg;
@@ -54,19 +56,13 @@ double CImgSkySelect::DeviationOf(const CSelectRegionItem& square) {
   const auto& [x, y] = square.topLeft;
   const int width = square.size.cx, height = square.size.cy;
   const double pixels = static_cast<double>(width) * height;
+  thread_local std::vector<double> lines;
+  lines.resize(height);
   double deviation = 0;
   for (int p = 0; p < GetPlanes(); ++p) {
     const auto sum = [&](auto&& term) {
-      double all = 0;
-      for (int line = y; line < y + height; ++line) {
-        const float* in = GetLine(x, line, p);
-        double own = 0;
-        for (int i = 0; i < width; ++i) {
-          own += term(in[i]);
-        }
-        all += own;
-      }
-      return all;
+      SumLines(*this, Window(x, y, x + width, y + height), p, term, lines.data());
+      return std::accumulate(lines.begin(), lines.end(), 0.0);
     };
     const double mean = sum([](float v) { return static_cast<double>(v); }) / pixels;
     deviation += std::sqrt(sum([mean](float v) { return (v - mean) * (v - mean); }) / pixels);

@@ -11,34 +11,61 @@ using namespace korimg;
 namespace {
 
 /// A line of colours or of Lab.
-struct ColourLine {
-  std::vector<float> planes[3];
+struct Rows {
+  std::vector<double> planes[3];
 
-  explicit ColourLine(size_t width)
-      : planes{std::vector<float>(width), std::vector<float>(width), std::vector<float>(width)} {}
+  explicit Rows(int width) {
+    for (auto& plane : planes) {
+      plane.resize(width);
+    }
+  }
   int Width() const { return static_cast<int>(planes[0].size()); }
+  template <class F>
+  void Convert(const F& convert) {
+    convert(planes[0].data(), planes[1].data(), planes[2].data(), Width());
+  }
+  /// Replaces each value by map(value).
+  template <class F>
+  void Map(const F& map) {
+    for (auto& plane : planes) {
+      std::transform(plane.begin(), plane.end(), plane.begin(), map);
+    }
+  }
 };
 
 /// A value from 0 to 255 as a share of white, limited to what Lab is made of; NaN stays.
-KORIMG_IN_LOOP inline double ShareOfWhite(float v) {
-  const float high = v > 5000 ? 5000 : v;
+double ShareOfWhite(double v) {
+  const double high = v > 5000 ? 5000 : v;
   return (high < 0 ? 0 : high) * (1 / 255.0);
 }
 
-/// Replaces lab(x) of each pixel of a line by its colour from 0 to 255.
-template <class F>
-void WriteRgb(ColourLine& line, const F& lab) {
-  float *const r = line.planes[0].data(), *const g = line.planes[1].data(), *const b = line.planes[2].data();
+/// Fills a line with an image's colours from 0 to 255, 0 where it has none.
+void ReadColours(const Channel& from, int useImageCentre, double scale, int left, int y, Rows& line) {
+  CVelImage& image = *from.image;
   const int width = line.Width();
-  RunInLongVectors([=]() KORIMG_IN_LOOP {
-#pragma omp simd
+  if (CInterp::FormOf(from.dx, from.dy, from.degrees) != CInterp::WholeShift || scale != 1) {
+    const double sine = from.Sine(), cosine = from.Cosine();
     for (int x = 0; x < width; ++x) {
-      const RgbColour colour = LabToRgb(lab(x));
-      r[x] = static_cast<float>(colour.r * 255);
-      g[x] = static_cast<float>(colour.g * 255);
-      b[x] = static_cast<float>(colour.b * 255);
+      image.GetPixelRgb256f(left + x, y, from.dx, from.dy, sine, cosine, useImageCentre, scale,
+                            &line.planes[0][x], &line.planes[1][x], &line.planes[2][x], 0.0, nullptr, nullptr,
+                            nullptr);
     }
-  });
+    return;
+  }
+  const double first = left - from.dx, row = y - from.dy;  // whole numbers
+  const int begin = static_cast<int>(std::clamp<double>(-first, 0, width)),
+            end = static_cast<int>(std::clamp<double>(image.GetWidth() - first, begin, width));
+  for (int p = 0; p < 3; ++p) {
+    std::vector<double>& out = line.planes[p];
+    std::fill(out.begin(), out.end(), 0.0);
+    if (!(row >= 0 && row < image.GetHeight()) || begin == end) continue;
+    const int plane = from.Plane(p);
+    const float* in = image.GetLine(static_cast<int>(first + begin), static_cast<int>(row), plane);
+    const double min = image.GetLevelMin(plane), range = image.GetLevelRange(plane);
+    for (int x = begin; x < end; ++x) {
+      out[x] = static_cast<float>((in[x - begin] - min) / range * 255.0);
+    }
+  }
 }
 
 }  // namespace
@@ -53,14 +80,14 @@ void CImgLrgbCmpst::WriteColours(CVelImage& luminance, CRect* rect, int show, F&
   }
   const ProgressScope progress(*this, show, kComposing, window.Height());
   ForLines(Team::All, window.top, window.bottom, [&](int y) {
-    ColourLine line(window.Width());
+    Rows line(window.Width());
     colours(window.left, y, line);
     for (int p = 0; p < 3; ++p) {
       const double levelMin = GetLevelMin(p), range = GetLevelRange(p);
       float* out = GetWritableLine(window.left, y, p);
-      for (int x = 0; x < line.Width(); ++x) {
-        out[x] = static_cast<float>(line.planes[p][x] / 255.0 * range + levelMin);
-      }
+      std::transform(line.planes[p].begin(), line.planes[p].end(), out, [=](double v) {
+        return static_cast<float>(static_cast<float>(v) / 255.0 * range + levelMin);
+      });
     }
     ShowProgress(1);
   });
@@ -72,43 +99,27 @@ void CImgLrgbCmpst::DoLrgb(CVelImage* luminance, double luminanceX, double lumin
                            unsigned int operation, int show) {
   const Channel sources[] = {{luminance, luminanceX, luminanceY, luminanceDegrees},
                              {rgb, rgbX, rgbY, rgbDegrees}};
-  const double sines[] = {sources[0].Sine(), sources[1].Sine()};
-  const double cosines[] = {sources[0].Cosine(), sources[1].Cosine()};
-  const auto read = [&](int i, int left, int y, ColourLine& line) {
-    for (int x = 0; x < line.Width(); ++x) {
-      double r, g, b;
-      sources[i].image->GetPixelRgb256f(left + x, y, sources[i].dx, sources[i].dy, sines[i], cosines[i],
-                                        useImageCentre, i == 0 ? 1.0 : scale, &r, &g, &b, 0.0, nullptr,
-                                        nullptr, nullptr);
-      line.planes[0][x] = static_cast<float>(r);
-      line.planes[1][x] = static_cast<float>(g);
-      line.planes[2][x] = static_cast<float>(b);
-    }
-  };
-  WriteColours(*luminance, rect, show && !mix, [&](int left, int y, ColourLine& line) {
-    ColourLine other(line.Width());
-    read(0, left, y, line);
-    read(1, left, y, other);
+  WriteColours(*luminance, rect, show && !mix, [&](int left, int y, Rows& line) {
+    Rows first(line.Width());
+    ReadColours(sources[0], useImageCentre, 1.0, left, y, first);
+    ReadColours(sources[1], useImageCentre, scale, left, y, line);
     if (mix) {
       for (int p = 0; p < 3; ++p) {
-        std::ranges::transform(line.planes[p], other.planes[p], line.planes[p].begin(),
-                               [=](double a, double b) {
-                                 const double difference = std::abs(a - b);
-                                 return static_cast<float>(operation == 1   ? difference
-                                                           : operation == 2 ? 255.0 - difference
-                                                                            : (a + b) * 0.5);
-                               });
+        std::transform(first.planes[p].begin(), first.planes[p].end(), line.planes[p].begin(),
+                       line.planes[p].begin(), [=](double a, double b) {
+                         const double difference = std::abs(a - b);
+                         return operation == 1 ? difference : operation == 2 ? 255.0 - difference : (a + b) * 0.5;
+                       });
       }
       return;
     }
-    const float *const r1 = line.planes[0].data(), *const g1 = line.planes[1].data(),
-                       *const b1 = line.planes[2].data(), *const r2 = other.planes[0].data(),
-                       *const g2 = other.planes[1].data(), *const b2 = other.planes[2].data();
-    WriteRgb(line, [=](int x) KORIMG_IN_LOOP {
-      const LabColour first = RgbToLab({ShareOfWhite(r1[x]), ShareOfWhite(g1[x]), ShareOfWhite(b1[x])}),
-                      second = RgbToLab({ShareOfWhite(r2[x]), ShareOfWhite(g2[x]), ShareOfWhite(b2[x])});
-      return LabColour{first.l, second.a, second.b};
-    });
+    first.Map(ShareOfWhite);
+    line.Map(ShareOfWhite);
+    first.Convert(RgbToL);
+    line.Convert(RgbToLab);
+    line.planes[0] = first.planes[0];
+    line.Convert(LabToRgb);
+    line.Map([](double v) { return v * 255; });
   });
 }
 
@@ -123,16 +134,12 @@ void CImgLrgbCmpst::DoLab(CVelImage* luminance, double luminanceX, double lumina
     readers[i].SetBParam(from.image, from.dx, from.dy, from.Sine(), from.Cosine(), i == 0 ? 1.0 : scale,
                          useImageCentre, 0, 0.0f);
   }
-  WriteColours(*luminance, rect, show, [&](int left, int y, ColourLine& line) {
+  WriteColours(*luminance, rect, show, [&](int left, int y, Rows& line) {
     for (int x = 0; x < line.Width(); ++x) {
-      double a, b;
       line.planes[0][x] = readers[0].GetPixelL(left + x, y);
-      readers[1].GetPixelAb(left + x, y, &a, &b);
-      line.planes[1][x] = static_cast<float>(a);
-      line.planes[2][x] = static_cast<float>(b);
+      readers[1].GetPixelAb(left + x, y, &line.planes[1][x], &line.planes[2][x]);
     }
-    const float *const l = line.planes[0].data(), *const a = line.planes[1].data(),
-                       *const b = line.planes[2].data();
-    WriteRgb(line, [=](int x) KORIMG_IN_LOOP { return LabColour{l[x], a[x], b[x]}; });
+    line.Convert(LabToRgb);
+    line.Map([](double v) { return v * 255; });
   });
 }

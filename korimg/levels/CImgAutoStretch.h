@@ -18,7 +18,7 @@ class KORIMG_API CImgAutoStretch : public CVelImage {
                                   int show);
   /// Writes (pixel - background) x K + bias + the background of plane 0, or the plane's own without
   /// linkBackground, where K is the largest spread by the plane's own, times scale. A null rect is the whole
-  /// image.
+  /// image. A contiguous src is computed in floats, a paged one in double.
   void DoStretch(CVelImage* src, int linkBackground, double* scale, double* background, double* spread,
                  double* bias, CRect* rect);
   /// Gives all planes of dst the levels of src's plane 0, stretched as plane 0 is. Answers 1, or 0 without an

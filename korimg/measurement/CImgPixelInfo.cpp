@@ -6,7 +6,9 @@
 #include <numbers>
 
 #include "korimg/image/internal/Frame.h"
+#include "korimg/image/internal/LineSums.h"
 #include "korimg/image/internal/Numbers.h"
+#include "korimg/image/internal/Vectors.h"
 #include "korimg/measurement/PSF.h"
 
 using namespace korimg;
@@ -17,6 +19,45 @@ namespace {
 int LastNumber(const std::vector<float>& sorted) {
   const auto end = std::partition_point(sorted.begin(), sorted.end(), [](float v) { return !std::isnan(v); });
   return std::max(0, static_cast<int>(end - sorted.begin()) - 1);
+}
+
+/// Sums of a window's lines from the whole team; look(line, pixels) sees the lines too.
+template <class F, class G>
+std::vector<double> SumsOf(CVelImage& image, const Window& window, int plane, const F& term, const G& look) {
+  constexpr int kLines = 8;
+  std::vector<double> sums(window.Height());
+  ForLines(Team::All, 0, (window.Height() + kLines - 1) / kLines, [&](int group) {
+    Window part = window;
+    part.top += group * kLines;
+    part.bottom = std::min(part.top + kLines, window.bottom);
+    SumLines(image, part, plane, term, &sums[part.top - window.top]);
+    for (int y = part.top; y < part.bottom; ++y) {
+      look(y - window.top, image.GetLine(window.left, y, plane));
+    }
+  });
+  return sums;
+}
+
+/// The smallest and the largest number of a line; infinities where there are only NaN.
+std::pair<float, float> EndsOf(const float* line, int width) {
+  constexpr int kLanes = 32;
+  float min[kLanes], max[kLanes];
+  std::fill_n(min, kLanes, std::numeric_limits<float>::infinity());
+  std::fill_n(max, kLanes, -std::numeric_limits<float>::infinity());
+  const int whole = width / kLanes * kLanes;
+  RunInLongVectors([&min, &max, line, whole]() KORIMG_IN_LOOP {
+    for (int i = 0; i < whole; i += kLanes) {
+      for (int k = 0; k < kLanes; ++k) {
+        min[k] = line[i + k] < min[k] ? line[i + k] : min[k];
+        max[k] = line[i + k] > max[k] ? line[i + k] : max[k];
+      }
+    }
+  });
+  for (int i = whole; i < width; ++i) {
+    min[0] = line[i] < min[0] ? line[i] : min[0];
+    max[0] = line[i] > max[0] ? line[i] : max[0];
+  }
+  return {*std::min_element(min, min + kLanes), *std::max_element(max, max + kLanes)};
 }
 
 }  // namespace
@@ -86,40 +127,25 @@ void CImgPixelInfo::Calc(CRect rect, double* min, double* max, double* mean, dou
   Results{min, max, mean, sd, median}.Clear(Planes());
   const Window window(*this, &rect);
   if (window.IsEmpty()) return;
-  constexpr float kNone = std::numeric_limits<float>::infinity();
   const double n = static_cast<double>(window.Pixels());
   for (int p = 0; p < Planes(); ++p) {
-    struct Line {
-      float min, max;
-      double sum;
-    };
-    const auto lines = MapLines(window.top, window.bottom, [&](int y) {
-      const float* in = GetLine(window.left, y, p);
-      Line line{kNone, -kNone, 0};
-      for (int x = 0; x < window.Width(); ++x) {
-        line.min = in[x] < line.min ? in[x] : line.min;
-        line.max = in[x] > line.max ? in[x] : line.max;
-        line.sum += in[x];
-      }
-      return line;
-    });
-    min[p] = kNone, max[p] = -kNone;
+    std::vector<std::pair<float, float>> ends(window.Height());
     double sum = 0, squares = 0;
-    for (const Line& line : lines) {
-      min[p] = std::min<double>(min[p], line.min);
-      max[p] = std::max<double>(max[p], line.max);
-      sum += line.sum;
+    for (const double line : SumsOf(
+             *this, window, p, [](float v) { return static_cast<double>(v); },
+             [&](int y, const float*in) { ends[y] = EndsOf(in, window.Width()); })) {
+      sum += line;
+    }
+    min[p] = ends[0].first, max[p] = ends[0].second;
+    for (const auto& [lowest, highest] : ends) {
+      min[p] = std::min<double>(min[p], lowest);
+      max[p] = std::max<double>(max[p], highest);
     }
     if (min[p] > max[p]) min[p] = max[p] = std::numeric_limits<double>::quiet_NaN();  // there are only NaN
     mean[p] = sum / n;
-    for (const double line : MapLines(window.top, window.bottom, [&](int y) {
-           const float* in = GetLine(window.left, y, p);
-           double lineSquares = 0;
-           for (int x = 0; x < window.Width(); ++x) {
-             lineSquares += (in[x] - mean[p]) * (in[x] - mean[p]);
-           }
-           return lineSquares;
-         })) {
+    for (const double line : SumsOf(
+             *this, window, p, [m = mean[p]](float v) { return (v - m) * (v - m); },
+             [](int, const float*) {})) {
       squares += line;
     }
     sd[p] = std::sqrt(squares / n);

@@ -11,9 +11,8 @@ Var x("x"), y("y");
 Definition stretch(const Target& target) {
   ImageParam input(Float(32), 2, "input");
   Param<float> background("fBkgMean"), k("fK"), offset("fOffset"), bias("fBkg");
-  Expr distance = cast<double>(input(x, y)) - cast<double>(background);
   Func output("output");
-  output(x, y) = cast<float>(distance * cast<double>(k) + cast<double>(bias) + cast<double>(offset));
+  output(x, y) = (input(x, y) - background) * k + bias + offset;
   ScheduleByStrips(output, target);
   return {{input, background, k, offset, bias}, {output}};
 }
