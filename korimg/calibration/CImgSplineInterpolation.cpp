@@ -78,7 +78,6 @@ double CImgSplineInterpolation::GetSplineValue(double t, Points& curve) {
   if (t <= 0) return 0;
   int status = 0;
   const double value = CSpline::GetValue(t, &curve, &status);
-  if (status == 0 || status == -2) return 0;
   return status == -1 ? t : std::clamp(value, 0.0, 1.0);
 }
 
