@@ -1,6 +1,7 @@
 #include "korimg/colour/CImgAutoColor.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "korimg/image/internal/Frame.h"
 #include "korimg/levels/CImgAutoStretch.h"
@@ -29,6 +30,7 @@ int CImgAutoColor::Do(const Settings& settings, int show) {
   if (!CImgAutoStretch::CalcAutoStretchParam(this, 0, 1, CRect(), filter, scale, background, spread, show)) {
     return 0;
   }
+  if (!std::all_of(spread, spread + 3, [](double s) { return std::isfinite(s); })) return 0;
   std::fill_n(bias, 3, settings.offset * 2 * spread[0] / 100.0);
   Loan<CImgAutoStretch> image(*this);
   image.borrower.DoStretch(&image.borrower, 1, scale, background, spread, bias, nullptr);

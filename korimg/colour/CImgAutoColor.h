@@ -14,8 +14,8 @@ class KORIMG_API CImgAutoColor : public CVelImage {
   };
 
   /// Brings the skies of all planes to plane 0's and their spreads to the largest, by the settings. Answers
-  /// 1, or 0 with nothing done for a mono image or one without clean sky. A plane of one value makes all
-  /// spreads and scales 1.
+  /// 1, or 0 with nothing done for a mono image, one without clean sky, or with pixels that are not finite. A
+  /// plane of one value makes all spreads and scales 1.
   int Do(int show);
   int Do(const Settings& settings, int show);
 };

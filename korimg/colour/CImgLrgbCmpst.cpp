@@ -105,11 +105,12 @@ void CImgLrgbCmpst::DoLrgb(CVelImage* luminance, double luminanceX, double lumin
     ReadColours(sources[1], useImageCentre, scale, left, y, line);
     if (mix) {
       for (int p = 0; p < 3; ++p) {
-        std::transform(first.planes[p].begin(), first.planes[p].end(), line.planes[p].begin(),
-                       line.planes[p].begin(), [=](double a, double b) {
-                         const double difference = std::abs(a - b);
-                         return operation == 1 ? difference : operation == 2 ? 255.0 - difference : (a + b) * 0.5;
-                       });
+        std::transform(
+            first.planes[p].begin(), first.planes[p].end(), line.planes[p].begin(), line.planes[p].begin(),
+            [=](double a, double b) {
+              const double difference = std::abs(a - b);
+              return operation == 1 ? difference : operation == 2 ? 255.0 - difference : (a + b) * 0.5;
+            });
       }
       return;
     }

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include "korimg/colour/CImgAutoColor.h"
+#include "korimg/image/internal/Lines.h"
 #include "korimg/levels/CImgAutoStretch.h"
 #include "korimg/levels/CImgHyperbolic.h"
 #include "korimg/levels/CImgMidtones.h"
@@ -35,21 +36,30 @@ CImgAutoColor::Settings SettingsOf(const std::optional<PerPlane>& filter, std::o
   return settings;
 }
 
-void AutoColour(Call& call, const AutoColourOptions& options) {
-  CheckColour(call);
-  const CImgAutoColor::Settings settings = SettingsOf(options.filter, options.offset);
-  call.InPlace<CImgAutoColor>([&](CImgAutoColor& target) {
-    if (!target.Do(settings, kShow)) {
-      throw UsageError("auto-colour: there is no clean sky; give auto-stretch the sky= to go by");
+/// Pixels at the edges that hold some that are no numbers, such as a stack has where frames did not reach: up
+/// to an eighth of the shorter side, beyond which they are no edge.
+int BlankMargin(CVelImage& image) {
+  const int width = image.GetWidth(), height = image.GetHeight(), most = std::min(width, height) / 8;
+  const auto deepest = MapLines(0, height, [&](int y) {
+    int margin = 0;
+    for (int p = 0; p < image.GetPlanes(); ++p) {
+      const float* line = image.GetLine(0, y, p);
+      for (int x = 0; x < width; ++x) {
+        const int depth = std::min({x, y, width - 1 - x, height - 1 - y}) + 1;
+        if (depth > margin && depth <= most && !std::isfinite(line[x])) margin = depth;
+      }
     }
+    return margin;
   });
+  return deepest.empty() ? 0 : *std::max_element(deepest.begin(), deepest.end());
 }
 
 struct AutoStretchOptions : AutoColourOptions {
-  int margin = 0;
+  std::optional<int> margin;
   std::optional<CRect> sky;
   bool link = true;
   std::optional<PerPlane> bias;
+  bool adjustsLevels = true;
 };
 
 void AutoStretch(Call& call, const AutoStretchOptions& options) {
@@ -58,20 +68,41 @@ void AutoStretch(Call& call, const AutoStretchOptions& options) {
   CImgAutoColor::Settings settings = SettingsOf(options.filter, options.offset);
   double scale[3], background[3], spread[3];
   image.SetProgressHandle(call.Window());
-  if (!CImgAutoStretch::CalcAutoStretchParam(&image, options.margin, !options.sky,
-                                             options.sky.value_or(CRect()), settings.scale, scale, background,
-                                             spread, kShow)) {
-    throw UsageError(options.sky ? "auto-stretch: nothing is left of the sky within the margin"
-                                 : "auto-stretch: there is no clean sky; give the sky= to go by");
+  const int margin = options.margin ? *options.margin : BlankMargin(image);
+  if (!CImgAutoStretch::CalcAutoStretchParam(&image, margin, !options.sky, options.sky.value_or(CRect()),
+                                             settings.scale, scale, background, spread, kShow)) {
+    throw UsageError(call.Name() + (options.sky
+                                        ? ": nothing is left of the sky within the margin"
+                                        : ": there is no clean sky; give auto-stretch the sky= to go by"));
   }
   if (!std::all_of(spread, spread + 3, [](double s) { return std::isfinite(s); })) {
-    throw UsageError("auto-stretch: the image has pixels that are no numbers; give a margin= without them");
+    throw UsageError(call.Name() +
+                     ": the image has pixels that are no numbers; give auto-stretch a margin= without them");
   }
   std::vector<double> bias(3, settings.offset * 2 * spread[0] / 100);
   if (options.bias) bias = options.bias->For(3);
   call.Replace<CImgAutoStretch>([&](CImgAutoStretch& target) {
     target.DoStretch(&image, options.link, scale, background, spread, bias.data(), call.rect);
-    CImgAutoStretch::AutoStretchAdjustLevel(&target, &image, scale, background, spread);
+    if (options.adjustsLevels) {
+      CImgAutoStretch::AutoStretchAdjustLevel(&target, &image, scale, background, spread);
+    }
+  });
+}
+
+void AutoColour(Call& call, const AutoColourOptions& options) {
+  CheckColour(call);
+  if (BlankMargin(*call.image) > 0) {
+    AutoStretchOptions inside{options};
+    inside.adjustsLevels = false;
+    return AutoStretch(call, inside);
+  }
+  const CImgAutoColor::Settings settings = SettingsOf(options.filter, options.offset);
+  call.InPlace<CImgAutoColor>([&](CImgAutoColor& target) {
+    if (!target.Do(settings, kShow)) {
+      throw UsageError(
+          "auto-colour: there is no clean sky, or the image has pixels that are no numbers; give "
+          "auto-stretch the sky= and the margin= to go by");
+    }
   });
 }
 
@@ -80,13 +111,28 @@ struct StretchOptions {
   bool link = true, inverse = false;
 };
 
+/// Moves white up to the brightest pixel, by one factor for all planes, so that nothing is cut.
+void WidenLevels(CVelImage& image) {
+  double factor = 1;
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    const double max = std::get<1>(image.GetMinMax(p)), range = image.GetLevelRange(p);
+    if (std::isfinite(max) && range > 0) factor = std::max(factor, (max - image.GetLevelMin(p)) / range);
+  }
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    image.SetLevelMax(p, image.GetLevelMin(p) + image.GetLevelRange(p) * factor);
+  }
+}
+
 void Stretch(Call& call, const StretchOptions& options) {
   const bool given = options.shadow || options.midtone || options.highlight;
   if (options.inverse && !given) {
     throw UsageError("stretch: the inverse needs the shadow, midtone and highlight of what it undoes");
   }
   std::array<CImgMidtones::Parameters, 3> parameters;
-  if (!given) parameters = CImgMidtones::Measure(*call.image, options.link);
+  if (!given) {
+    WidenLevels(*call.image);
+    parameters = CImgMidtones::Measure(*call.image, options.link);
+  }
   for (int p = 0; p < 3; ++p) {
     auto& [shadow, midtone, highlight] = parameters[p];
     if (options.shadow) shadow = (*options.shadow)[p];
@@ -146,7 +192,8 @@ std::vector<Operation> StretchOperations() {
           "The same as auto-colour with its choices open: another piece of sky, a margin for the ragged "
           "edges "
           "of a stack, planes that keep their own skies. Levels follow the first plane.")
-          .Takes("margin", &AutoStretchOptions::margin, {"edges that are not measured", "pixels", 0, 1e6})
+          .Takes("margin", &AutoStretchOptions::margin,
+                 {"edges that are not measured; by default those that hold blank pixels", "pixels", 0, 1e6})
           .Takes("sky", &AutoStretchOptions::sky, {"the sky to go by; by default it is found", "pixels"})
           .Takes("link", &AutoStretchOptions::link,
                  {"1: all skies come to that of the first plane; 0: each stays"})
@@ -183,12 +230,10 @@ std::vector<Operation> StretchOperations() {
       Describe<StretchOptions>("stretch",
                                "a stretch by midtones: what is faint comes into sight, by itself or as told",
                                "The shortest way from a linear stack to a picture. Without values it "
-                               "measures the sky, puts black a "
-                               "little below it and the sky itself at a quarter; with values it takes those, "
-                               "and what is not given "
-                               "is 0, 0.5 and 1. Set the levels so that white is the brightest that shall be "
-                               "seen. Measure before, "
-                               "not after: brightness is no longer proportional to light.")
+                               "measures the sky, puts black a little below it, the sky itself at a quarter "
+                               "and white at the brightest pixel; with values it takes those, as shares of "
+                               "the levels, and what is not given is 0, 0.5 and 1. Measure before, not "
+                               "after: brightness is no longer proportional to light.")
           .Takes("shadow", &StretchOptions::shadow,
                  {"becomes black, a share of the levels", "0-1", -1e6, 1e6})
           .Takes("midtone", &StretchOptions::midtone,

@@ -174,8 +174,10 @@ std::array<double, 3> ColourOf(const Source& s, double scale, int x, int y) {
   if (!(u >= 0 && u < image.GetWidth() && v >= 0 && v < image.GetHeight())) return colour;
   for (int p = 0; p < 3; ++p) {
     const int plane = image.IsColor() ? p : 0;
-    colour[p] =
-        (image.GetPixelGrayRaw(u, v, plane) - image.GetLevelMin(plane)) / image.GetLevelRange(plane) * 255.0;
+    const bool isWhole = u == std::floor(u) && v == std::floor(v);
+    const double raw = isWhole ? image.GetPixelGrayRaw(static_cast<int>(u), static_cast<int>(v), plane)
+                               : image.GetPixelGrayRaw(u, v, plane);
+    colour[p] = (raw - image.GetLevelMin(plane)) / image.GetLevelRange(plane) * 255.0;
   }
   return colour;
 }
