@@ -398,9 +398,10 @@ int CInterp::Columns(long long samples) const {
 }
 
 void CInterp::LineInt(int y, int plane, float* out, int* valid, int columns) const {
-  FillOutside(outside_, out, valid, columns);
   const ColumnRange inside(floorLeft_, width_, columns);
-  if (y < 0 || y >= height_ || inside.begin == inside.end) return;
+  if (y < 0 || y >= height_ || inside.begin == inside.end) return FillOutside(outside_, out, valid, columns);
+  FillOutside(outside_, out, valid, inside.begin);
+  FillOutside(outside_, out + inside.end, valid ? valid + inside.end : nullptr, columns - inside.end);
   CImage::AddressHandle lock;
   const float* row =
       image_->GetImageAdr(0, y, plane, static_cast<CImage::Mode>(CImage::ReadOnly | CImage::Locked), &lock);

@@ -12,7 +12,6 @@
 #include "korimg/colour/CImgLrgbCmpst.h"
 #include "korimg/colour/CImgRgbCmpst.h"
 #include "korimg/composite/stacking/FrameLevels.h"
-#include "korimg/geometry/CImgCrop.h"
 #include "korimg/image/internal/Lines.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
@@ -63,14 +62,13 @@ class Composer {
     } else {
       places_.resize(sources_.size());
     }
+    area_ = FindArea();
     std::unique_ptr<CVelImage> image = options_.composition == Composition::Lab ? OfLab() : OfColours();
     if (options_.backgrounds == Backgrounds::Equal) EqualiseSkies(*image);
-    files::Header header = MakeHeader();
-    if (options_.crops) Crop(image, header);
     image->SetOwnLevel(true);
     files::ImageInfo info = sources_[0].Info();
     info.planes = 3;
-    info.header = std::move(header);
+    info.header = MakeHeader();
     return Image(std::move(image), std::move(info));
   }
 
@@ -83,6 +81,9 @@ class Composer {
   size_t FirstColour() const { return hasLuminance_ ? 1 : 0; }
   /// The source of a colour from 0 to 2.
   size_t Colour(size_t c) const { return FirstColour() + (Colours() == 1 ? 0 : c); }
+  /// The shift of a source on the result.
+  double Across(size_t i) const { return places_[i].dx - area_.left; }
+  double Down(size_t i) const { return places_[i].dy - area_.top; }
   size_t Colours() const { return sources_.size() - FirstColour(); }
 
   void CheckSources() const {
@@ -169,8 +170,8 @@ class Composer {
 
   /// Light of the colours, the mean of the three, in that of the luminance, where this is well above its sky
   /// and not saturated; 1 where there is no such light.
-  static double ShareOfLuminance(CVelImage& luminance, const FrameLevels& sky, CVelImage& colours,
-                                 const FrameLevels& colourSky) {
+  double ShareOfLuminance(CVelImage& luminance, const FrameLevels& sky, CVelImage& colours,
+                          const FrameLevels& colourSky) const {
     constexpr double kSigmas = 5, kSaturated = 0.7;
     const double least = kSigmas * sky.noise[0], most = kSaturated * Highest(luminance, sky);
     struct Light {
@@ -179,8 +180,8 @@ class Composer {
     Light sum;
     for (const Light& line : MapLines(0, colours.GetHeight(), [&](int y) {
            Light light;
-           const float* first = luminance.GetLine(0, y, 0);
-           const std::vector<float> lit(first, first + luminance.GetWidth());
+           const float* first = luminance.GetLine(area_.left, area_.top + y, 0);
+           const std::vector<float> lit(first, first + area_.Width());
            for (int p = 0; p < 3; ++p) {
              const float* colour = colours.GetLine(0, y, p);
              for (size_t x = 0; x < lit.size(); ++x) {
@@ -220,8 +221,8 @@ class Composer {
   template <class Operation>
   std::unique_ptr<Operation> Target() {
     const CVelImage& first = Pixels(0);
-    const CVelImage shape(first.VmManager(), CImage::Float, first.GetWidth(), first.GetHeight(), 3, 1.0, 0.0,
-                          1, nullptr);
+    const CVelImage shape(first.VmManager(), CImage::Float, area_.Width(), area_.Height(), 3, 1.0, 0.0, 1,
+                          nullptr);
     auto target = std::make_unique<Operation>();
     if (!target->Create(shape, nullptr)) throw velora::CVmMemoryAllocationError(kFull);
     target->SetProgressHandle(job_.OperationWindow("composing"));
@@ -231,9 +232,9 @@ class Composer {
   std::unique_ptr<CVelImage> OfColours() {
     const auto call = [&](auto& target, auto... more) {
       const size_t s[] = {Colour(0), Colour(1), Colour(2)};
-      target.Do(&Pixels(s[0]), places_[s[0]].dx, places_[s[0]].dy, places_[s[0]].degrees, &Pixels(s[1]),
-                places_[s[1]].dx, places_[s[1]].dy, places_[s[1]].degrees, &Pixels(s[2]), places_[s[2]].dx,
-                places_[s[2]].dy, places_[s[2]].degrees, 0, options_.kernel, nullptr, more...);
+      target.Do(&Pixels(s[0]), Across(s[0]), Down(s[0]), places_[s[0]].degrees, &Pixels(s[1]), Across(s[1]),
+                Down(s[1]), places_[s[1]].degrees, &Pixels(s[2]), Across(s[2]), Down(s[2]),
+                places_[s[2]].degrees, 0, options_.kernel, nullptr, more...);
       job_.EndProgress();
     };
     if (options_.composition == Composition::Cmy) {
@@ -250,16 +251,15 @@ class Composer {
     }
     if (IsBySky()) SetLevelsBySky(Pixels(0), *image);
     auto lit = Target<CImgLrgbCmpst>();
-    lit->DoLrgb(&Pixels(0), 0, 0, 0, image.get(), 0, 0, 0, 0, 1.0, nullptr, 0, 0, 1);
+    lit->DoLrgb(&Pixels(0), Across(0), Down(0), 0, image.get(), 0, 0, 0, 0, 1.0, nullptr, 0, 0, 1);
     job_.EndProgress();
     return lit;
   }
 
   std::unique_ptr<CVelImage> OfLab() {
     auto image = Target<CImgLrgbCmpst>();
-    const Registration& place = places_[1];
-    image->DoLab(&Pixels(0), 0, 0, 0, &Pixels(1), place.dx, place.dy, place.degrees, options_.kernel, 1.0, 0,
-                 nullptr, 1);
+    image->DoLab(&Pixels(0), Across(0), Down(0), 0, &Pixels(1), Across(1), Down(1), places_[1].degrees,
+                 options_.kernel, 1.0, 0, nullptr, 1);
     job_.EndProgress();
     return image;
   }
@@ -296,11 +296,17 @@ class Composer {
                                     filter.empty() ? "" : " (" + filter + ")", places_[i].dx, places_[i].dy,
                                     places_[i].degrees));
     }
+    const CVelImage& first = Pixels(0);
+    std::ignore = files::MoveHeader(header, {first.GetWidth(), first.GetHeight(), 3},
+                                    {area_.Width(), area_.Height(), 3},
+                                    files::AffineMap::Shift(-area_.left, -area_.top));
     return header;
   }
 
-  void Crop(std::unique_ptr<CVelImage>& image, files::Header& header) {
-    const int width = image->GetWidth(), height = image->GetHeight();
+  /// The part of the first source's grid that the result has.
+  CRect FindArea() {
+    const int width = Pixels(0).GetWidth(), height = Pixels(0).GetHeight();
+    if (!options_.crops) return {0, 0, width, height};
     std::vector<Placement> placements;
     for (size_t i = 0; i < sources_.size(); ++i) {
       placements.push_back(
@@ -310,17 +316,7 @@ class Composer {
     if (area.IsRectEmpty()) {
       throw files::FileError(Name(0), "shares no pixel with all the others; compose them by --crop none");
     }
-    if (area.left == 0 && area.top == 0 && area.right == width && area.bottom == height) return;
-    auto cropped = std::make_unique<CImgCrop>();
-    if (!cropped->Create(*image, nullptr) || !cropped->Do(area, image.get(), 0)) {
-      throw velora::CVmMemoryAllocationError(kFull);
-    }
-    for (int p = 0; p < 3; ++p) {
-      cropped->SetLevel(p, image->GetLevelMin(p), image->GetLevelMax(p));
-    }
-    image = std::move(cropped);
-    std::ignore = files::MoveHeader(header, {width, height, 3}, {image->GetWidth(), image->GetHeight(), 3},
-                                    files::AffineMap::Shift(-area.left, -area.top));
+    return area;
   }
 
   Job& job_;
@@ -328,6 +324,7 @@ class Composer {
   std::vector<Image> sources_;
   bool hasLuminance_;
   std::vector<Registration> places_;  ///< of the sources on the first
+  CRect area_;                        ///< of the first that the result has
 };
 
 std::string TextOf(const ComposeFilesOptions& options) {
