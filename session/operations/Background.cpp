@@ -1,5 +1,10 @@
 // Operations that shape the background.
+#include <cmath>
+
+#include "korimg/calibration/CImgFlat.h"
+#include "korimg/calibration/CImgSelfFlat.h"
 #include "korimg/calibration/CImgSplineInterpolation.h"
+#include "korimg/composite/stacking/FrameLevels.h"
 
 #include "session/operations/Describe.h"
 
@@ -38,10 +43,144 @@ void Spline(Call& call, const SplineOptions& options) {
   });
 }
 
+enum class Shape { Ramp, Plane, Bowl, Paraboloid };
+enum class Taking : int { Subtract, Divide };  // the library's numbers
+
+struct FlattenOptions {
+  Shape model = Shape::Ramp;
+  Taking by = Taking::Divide;
+  PerPlane slope = 0;
+  double angle = 0;
+  std::optional<double> x1, y1, x2, y2, x, y;
+  std::optional<PerPlane> level;
+  PerPlane bottom = 0;
+  PerPlane a = 0, b = 0, square = 0, constant = 0;
+};
+
+/// Two points that point into a direction and have the ramp's origin, packed into one number, as their
+/// middle.
+std::pair<CPoint, CPoint> RampPoints(double dx, double dy, double x, double y) {
+  constexpr double kLength = 1e6, kFarthest = 32000;
+  if (!(std::abs(x) <= kFarthest && std::abs(y) <= kFarthest)) {
+    throw UsageError("flatten: a ramp begins within 32000 pixels; use model=plane");
+  }
+  const double length = std::hypot(dx, dy);
+  if (length == 0) throw UsageError("flatten: x1,y1 and x2,y2 are one point, and no direction");
+  const int middle = static_cast<int>(std::lround(y)) * 65536 + static_cast<int>(std::lround(x));
+  const int half = static_cast<int>(std::lround(kLength * dy / length));
+  return {CPoint(0, middle - half),
+          CPoint(static_cast<int>(std::lround(2 * kLength * dx / length)), middle + half)};
+}
+
+void Flatten(Call& call, const FlattenOptions& o) {
+  CVelImage& image = *call.image;
+  image.CalcMinMax();
+  double slope[3], level[3], bottom[3], a[3], b[3], square[3], constant[3];
+  const FrameLevels sky = MeasureLevels(image);
+  for (int p = 0; p < 3; ++p) {
+    slope[p] = o.slope[p], bottom[p] = o.bottom[p];
+    a[p] = o.a[p], b[p] = o.b[p], square[p] = o.square[p], constant[p] = o.constant[p];
+    level[p] = o.level ? (*o.level)[p] : sky.level[p];
+  }
+  double x = o.x.value_or(image.GetWidth() / 2), y = o.y.value_or(image.GetHeight() / 2);
+  double dx = std::cos(o.angle * M_PI / 180), dy = std::sin(o.angle * M_PI / 180);
+  const int corners = o.x1.has_value() + o.y1.has_value() + o.x2.has_value() + o.y2.has_value();
+  if (corners != 0 && corners != 4) throw UsageError("flatten: x1, y1, x2 and y2 belong together");
+  if (corners == 4) {
+    dx = *o.x2 - *o.x1, dy = *o.y2 - *o.y1;
+    x = o.x.value_or((*o.x1 + *o.x2) / 2), y = o.y.value_or((*o.y1 + *o.y2) / 2);
+  }
+  CPoint from[3], to[3], centre[3];
+  if (o.model == Shape::Ramp) {
+    const auto [first, second] = RampPoints(dx, dy, x, y);
+    std::fill_n(from, 3, first);
+    std::fill_n(to, 3, second);
+  }
+  std::fill_n(centre, 3, CPoint(static_cast<int>(std::lround(x)), static_cast<int>(std::lround(y))));
+  const int mode = static_cast<int>(o.by);
+  call.Replace<CImgFlat>([&](CImgFlat& target) {
+    switch (o.model) {
+      case Shape::Ramp:
+        return target.DoFlat(&image, from, to, slope, level, bottom, mode, call.rect, kShow);
+      case Shape::Plane:
+        return target.DoFlatPoint(&image, a, b, level, bottom, mode, call.rect, kShow);
+      case Shape::Bowl:
+        return target.DoParabolic(&image, centre, slope, level, bottom, mode, call.rect, kShow);
+      case Shape::Paraboloid:
+        return target.DoParabolicPoint(&image, square, a, b, constant, bottom, mode, call.rect, kShow);
+    }
+  });
+}
+
+struct SelfFlatOptions {
+  double radius = 0.3, cap = 1;
+};
+
+void SelfFlat(Call& call, const SelfFlatOptions& o) {
+  constexpr int kLeast = 10;
+  if (std::min(call.image->GetWidth(), call.image->GetHeight()) < kLeast) {
+    throw UsageError("self-flat: the image is smaller than a cell of 10 x 10 pixels");
+  }
+  call.Replace<CImgSelfFlat>(
+      [&](CImgSelfFlat& target) { target.Do(o.radius, o.cap, call.image.get(), nullptr, kShow); });
+}
+
 }  // namespace
 
 std::vector<Operation> BackgroundOperations() {
   return {
+      Describe<FlattenOptions>(
+          "flatten", "takes a ramp or a bowl off the background, by numbers that you know",
+          "For a slope of moonlight or city light (subtract it) or a vignette without a flat (divide by it). "
+          "A ramp and a bowl are 0 at a point, by default the middle, from where the slope counts; what is "
+          "taken off keeps the level there. Directions are an angle or two points: the ramp's point is x and "
+          "y, or the middle between the two.")
+          .Chooses(
+              "model", &FlattenOptions::model,
+              {{"ramp", Shape::Ramp},
+               {"plane", Shape::Plane},
+               {"bowl", Shape::Bowl},
+               {"paraboloid", Shape::Paraboloid}},
+              "ramp: slope x distance along a direction; bowl: slope x the square of the distance; plane: a "
+              "x + b y; paraboloid: square (x^2 + y^2) + a x + b y + constant")
+          .Chooses("by", &FlattenOptions::by, {{"divide", Taking::Divide}, {"subtract", Taking::Subtract}},
+                   "divide by the model and its level, or subtract it")
+          .Takes("slope", &FlattenOptions::slope, {"of ramp and bowl, for a pixel", "raw", -1e30, 1e30})
+          .Takes("angle", &FlattenOptions::angle,
+                 {"where a ramp rises to: 0 right, 90 down", "degrees", -360, 360})
+          .Takes("x1", &FlattenOptions::x1, {"a ramp rises from here", "pixels", -32000, 32000})
+          .Takes("y1", &FlattenOptions::y1, {"the row of that", "pixels", -32000, 32000})
+          .Takes("x2", &FlattenOptions::x2, {"to here, in place of the angle", "pixels", -32000, 32000})
+          .Takes("y2", &FlattenOptions::y2, {"the row of that", "pixels", -32000, 32000})
+          .Takes("x", &FlattenOptions::x, {"where ramp and bowl are 0; the middle", "pixels", -1e6, 1e6})
+          .Takes("y", &FlattenOptions::y, {"the row of that", "pixels", -1e6, 1e6})
+          .Takes("level", &FlattenOptions::level,
+                 {"what the model stands on, to divide; by default the median", "raw", -1e30, 1e30})
+          .Takes("bottom", &FlattenOptions::bottom,
+                 {"values down to here, or to the smallest pixel, stay clear of 0 in the divisor", "raw",
+                  -1e30, 1e30})
+          .Takes("a", &FlattenOptions::a, {"of plane and paraboloid, for a column", "raw", -1e30, 1e30})
+          .Takes("b", &FlattenOptions::b, {"for a row", "raw", -1e30, 1e30})
+          .Takes("square", &FlattenOptions::square, {"of the paraboloid", "raw", -1e30, 1e30})
+          .Takes("constant", &FlattenOptions::constant, {"of the paraboloid", "raw", -1e30, 1e30})
+          .OnRect()
+          .Header(HeaderEffect::DropsCounts)
+          .Example("by=subtract slope=0.5 angle=30")
+          .Runs(Flatten),
+      Describe<SelfFlatOptions>("self-flat", "divides by a flat that is made of the image itself",
+                                "Takes a vignette off where there is no flat, from fields of stars on an "
+                                "even sky: cells of 10 x 10 "
+                                "pixels without their stars are the flat. Nebulae and galaxies larger than "
+                                "the filter go too, unless "
+                                "the cap is below them.")
+          .Takes("radius", &SelfFlatOptions::radius,
+                 {"of the filter that eats stars: 1 is 100 pixels", "", 0.1, 1})
+          .Takes("cap", &SelfFlatOptions::cap,
+                 {"the flat is cut above this share of black to white", "", 0, 1e6})
+          .Header(HeaderEffect::DropsCounts)
+          .StoresAgree({})
+          .Example("radius=0.2")
+          .Runs(SelfFlat),
       Describe<SplineOptions>(
           "spline", "a curve through points, computed for each pixel",
           "Like curve, but without a table: the small differences of a sky stay small differences, and tones "

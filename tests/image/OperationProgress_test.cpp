@@ -2,12 +2,17 @@
 #include <gtest/gtest.h>
 
 #include "korimg/calibration/CImgDark.h"
+#include "korimg/calibration/CImgFlat.h"
+#include "korimg/calibration/CImgSelfFlat.h"
 #include "korimg/calibration/CImgSkySelect.h"
 #include "korimg/calibration/CImgSplineInterpolation.h"
+#include "korimg/colour/CImgCmyComposit.h"
 #include "korimg/colour/CImgColorBalance.h"
 #include "korimg/colour/CImgColorCorrect.h"
 #include "korimg/colour/CImgFalseColor.h"
 #include "korimg/colour/CImgLabColorEnhance.h"
+#include "korimg/colour/CImgLrgbCmpst.h"
+#include "korimg/colour/CImgRgbCmpst.h"
 #include "korimg/colour/CImgSeparation.h"
 #include "korimg/composite/CImgComposit.h"
 #include "korimg/composite/stacking/CImgNormalize.h"
@@ -188,6 +193,28 @@ const std::vector<Operation>& Operations() {
            curve.Add({1, 1});
          }
          s.Target<CImgSplineInterpolation>().Do(curves, s.src.get(), nullptr, 1);
+       }},
+      {"ramp", 6139, kLines, Steps,
+       [](Stage& s) {
+         s.Target<CImgFlat>().DoFlatPoint(s.src.get(), ones, ones, ones, ones, 0, nullptr, 1);
+       }},
+      {"self-flat", 6205, 0, Opens,
+       [](Stage& s) { s.Target<CImgSelfFlat>().Do(0.1, 1, s.src.get(), nullptr, 1); }},
+      {"red, green, blue", 6108, kHeight, Steps,
+       [](Stage& s) {
+         CVelImage* src = s.src.get();
+         s.Target<CImgRgbCmpst>().Do(src, 1, 0, 0, src, 0, 0, 3, src, 0.5, 0, 0, 0, 0, nullptr, nullptr, 1,
+                                     CString());
+       }},
+      {"cyan, magenta, yellow", 6136, kHeight, Steps,
+       [](Stage& s) {
+         CVelImage* src = s.src.get();
+         s.Target<CImgCmyComposit>().Do(src, 1, 0, 0, src, 0, 0, 3, src, 0.5, 0, 0, 0, 0, nullptr, 0, 1);
+       }},
+      {"luminance and colour", 6103, kHeight, Steps,
+       [](Stage& s) {
+         CVelImage* src = s.src.get();
+         s.Target<CImgLrgbCmpst>().DoLrgb(src, 1, 0, 0, src, 0, 0, 3, 0, 1, nullptr, 0, 0, 1);
        }},
       {"sky of squares", 6199, 16, Steps,
        [](Stage& s) {
