@@ -2,6 +2,7 @@
 #include <cmath>
 
 #include "korimg/calibration/CImgFlat.h"
+#include "korimg/calibration/CImgGradient.h"
 #include "korimg/calibration/CImgSelfFlat.h"
 #include "korimg/calibration/CImgSplineInterpolation.h"
 #include "korimg/composite/stacking/FrameLevels.h"
@@ -125,10 +126,59 @@ void SelfFlat(Call& call, const SelfFlatOptions& o) {
       [&](CImgSelfFlat& target) { target.Do(o.radius, o.cap, call.image.get(), nullptr, kShow); });
 }
 
+struct GradientOptions {
+  CImgGradient::Surface surface = CImgGradient::ThinPlate;
+  CImgGradient::Result result = CImgGradient::Subtracted;
+  int degree = 2, boxes = 16, size = 0;
+  double smoothing = 0.5, tolerance = 3;
+};
+
+void Gradient(Call& call, const GradientOptions& o) {
+  const CImgGradient::Options options{o.surface, o.degree,    o.smoothing, o.boxes,
+                                      o.size,    o.tolerance, o.result};
+  call.Replace<CImgGradient>([&](CImgGradient& target) {
+    if (!target.Do(options, call.image.get(), kShow)) {
+      throw UsageError(
+          "gradient: there are too few boxes of sky for the surface, or it is not above 0 to divide by; give "
+          "more boxes of a smaller size");
+    }
+    return 1;
+  });
+}
+
 }  // namespace
 
 std::vector<Operation> BackgroundOperations() {
   return {
+      Describe<GradientOptions>(
+          "gradient", "finds the gradient of moonlight or city light by itself, and takes it off",
+          "Lays boxes on a grid, moves each to the darkest place near it, leaves those out that hold a "
+          "nebula, "
+          "and fits a smooth surface to the rest, for each plane. For stacks with a slope or a glow in a "
+          "corner; "
+          "not for a nebula that fills the frame, of which it would take some. Look at result=model first.")
+          .Chooses(
+              "surface", &GradientOptions::surface,
+              {{"plate", CImgGradient::ThinPlate}, {"polynomial", CImgGradient::Polynomial}},
+              "plate: a parabola and a thin plate that smooths what it leaves; polynomial: of the degree")
+          .Takes("degree", &GradientOptions::degree, {"of the polynomial", "", 1, 4})
+          .Takes("smoothing", &GradientOptions::smoothing,
+                 {"of the plate: 0 goes through all boxes, 1 is nearly a parabola", "", 0, 1})
+          .Takes("boxes", &GradientOptions::boxes, {"on the longer side", "", 4, 40})
+          .Takes("size", &GradientOptions::size,
+                 {"of a box; 0: a third of their distance, from 8 to 64", "pixels", 0, 1000})
+          .Takes("tolerance", &GradientOptions::tolerance,
+                 {"a box that is brighter than the surface by so many deviations is no sky", "", 0.1, 100})
+          .Chooses(
+              "result", &GradientOptions::result,
+              {{"subtracted", CImgGradient::Subtracted},
+               {"divided", CImgGradient::Divided},
+               {"model", CImgGradient::Model}},
+              "the image less the surface, for light of the sky; the image divided by it, for a vignette; "
+              "the surface itself")
+          .Header(HeaderEffect::DropsCounts)
+          .Example("boxes=8 size=8")
+          .Runs(Gradient),
       Describe<FlattenOptions>(
           "flatten", "takes a ramp or a bowl off the background, by numbers that you know",
           "For a slope of moonlight or city light (subtract it) or a vignette without a flat (divide by it). "

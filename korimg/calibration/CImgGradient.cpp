@@ -1,0 +1,336 @@
+#include "korimg/calibration/CImgGradient.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <iterator>
+#include <numeric>
+
+#include "korimg/image/internal/Frame.h"
+#include "korimg/image/internal/Numbers.h"
+#include "korimg/image/internal/Vectors.h"
+
+using namespace korimg;
+
+namespace {
+
+using Box = CImgGradient::Box;
+using Options = CImgGradient::Options;
+
+constexpr double kSigmas = 1.482602218505602;  // of a normal distribution in its median distance
+constexpr int kPlaneNumbers = 3;               // of 1, u and v
+
+/// The median of the finite pixels of a square and their deviation, without what lies 3 deviations off; NaN
+/// when less than half of the pixels are finite.
+struct Sky {
+  double level = NAN, noise = NAN;
+
+  Sky(CVelImage& image, int plane, int left, int top, int size) {
+    thread_local std::vector<float> pixels, distances;
+    pixels.clear();
+    for (int y = top; y < top + size; ++y) {
+      const float* line = image.GetLine(left, y, plane);
+      std::copy_if(line, line + size, std::back_inserter(pixels), [](float v) { return std::isfinite(v); });
+    }
+    if (2 * pixels.size() < static_cast<size_t>(size) * size) return;
+    constexpr int kRounds = 3;
+    for (int round = 0; round < kRounds; ++round) {
+      level = UpperMedian(pixels);
+      distances.resize(pixels.size());
+      std::transform(pixels.begin(), pixels.end(), distances.begin(),
+                     [this](float v) { return static_cast<float>(std::abs(v - level)); });
+      noise = kSigmas * UpperMedian(distances);
+      const double reach = 3 * noise;
+      std::erase_if(pixels, [=, this](float v) { return std::abs(v - level) > reach; });
+    }
+  }
+};
+
+/// Solves for x in A x = b, A of n rows; false when it is singular. A and b are used up.
+bool Solve(std::vector<double>& a, std::vector<double>& b) {
+  const size_t n = b.size();
+  for (size_t i = 0; i < n; ++i) {
+    size_t pivot = i;
+    for (size_t row = i + 1; row < n; ++row) {
+      if (std::abs(a[row * n + i]) > std::abs(a[pivot * n + i])) pivot = row;
+    }
+    if (!(std::abs(a[pivot * n + i]) > 1e-300)) return false;
+    if (pivot != i) {
+      std::swap_ranges(&a[i * n], &a[i * n] + n, &a[pivot * n]);
+      std::swap(b[i], b[pivot]);
+    }
+    for (size_t row = i + 1; row < n; ++row) {
+      const double factor = a[row * n + i] / a[i * n + i];
+      if (factor == 0) continue;
+      for (size_t column = i; column < n; ++column) {
+        a[row * n + column] -= factor * a[i * n + column];
+      }
+      b[row] -= factor * b[i];
+    }
+  }
+  for (size_t i = n; i-- > 0;) {
+    for (size_t column = i + 1; column < n; ++column) {
+      b[i] -= a[i * n + column] * b[column];
+    }
+    b[i] /= a[i * n + i];
+  }
+  return true;
+}
+
+/// A smooth surface over an image, in coordinates from about -1 to 1.
+class SmoothSurface {
+ public:
+  SmoothSurface(const Options& options, int width, int height)
+      : options_(options),
+        scale_(2.0 / std::max(width, height)),
+        middleX_(width / 2.0),
+        middleY_(height / 2.0) {}
+
+  /// Fits values of boxes, those of weight 0 left out; false when they do not suffice.
+  bool Fit(const std::vector<Box>& boxes, const std::vector<double>& values,
+           const std::vector<double>& weights, bool isLast) {
+    knots_.clear();
+    if (!FitPolynomial(boxes, values, weights)) return false;
+    return !isLast || options_.surface != CImgGradient::ThinPlate || AddPlate(boxes, values, weights);
+  }
+
+  double At(double x, double y) const {
+    const double u = (x - middleX_) * scale_, v = (y - middleY_) * scale_;
+    double powers[kMostNumbers], sum = 0;
+    const int count = Powers(u, v, powers);
+    for (int i = 0; i < count; ++i) {
+      sum += numbers_[i] * powers[i];
+    }
+    for (const Knot& knot : knots_) {
+      sum += knot.weight * Bend(u - knot.u, v - knot.v);
+    }
+    return sum;
+  }
+
+ private:
+  static constexpr int kMostNumbers = 15;
+
+  struct Knot {
+    double u, v, weight;
+  };
+
+  /// r^2 log r, which a thin plate bends by.
+  static double Bend(double u, double v) {
+    const double r2 = u * u + v * v;
+    return r2 > 0 ? 0.5 * r2 * std::log(r2) : 0;
+  }
+
+  /// The products of powers of u and v up to the degree; answers their number.
+  int Powers(double u, double v, double* powers) const {
+    int n = 0;
+    for (int total = 0; total <= degree_; ++total) {
+      for (int i = 0; i <= total; ++i) {
+        powers[n++] = std::pow(u, total - i) * std::pow(v, i);
+      }
+    }
+    return n;
+  }
+
+  bool FitPolynomial(const std::vector<Box>& boxes, const std::vector<double>& values,
+                     const std::vector<double>& weights) {
+    // What is no sky is found about a parabola where a thin plate comes last: a plate would follow it.
+    degree_ = options_.surface == CImgGradient::ThinPlate ? 2 : options_.degree;
+    const int count = (degree_ + 1) * (degree_ + 2) / 2;
+    std::vector<double> normal(static_cast<size_t>(count) * count), right(count);
+    for (size_t k = 0; k < boxes.size(); ++k) {
+      if (!(weights[k] > 0)) continue;
+      double powers[kMostNumbers];
+      Powers((boxes[k].x - middleX_) * scale_, (boxes[k].y - middleY_) * scale_, powers);
+      for (int i = 0; i < count; ++i) {
+        for (int j = 0; j < count; ++j) {
+          normal[static_cast<size_t>(i) * count + j] += weights[k] * powers[i] * powers[j];
+        }
+        right[i] += weights[k] * powers[i] * values[k];
+      }
+    }
+    if (!Solve(normal, right)) return false;
+    numbers_ = right;
+    return true;
+  }
+
+  /// What is left of the parabola is smoothed by a plate: the more smoothing, the less stands beside it.
+  bool AddPlate(const std::vector<Box>& boxes, const std::vector<double>& values,
+                const std::vector<double>& weights) {
+    std::vector<double> right;
+    std::vector<Knot> knots;
+    for (size_t k = 0; k < boxes.size(); ++k) {
+      if (!(weights[k] > 0)) continue;
+      knots.push_back({(boxes[k].x - middleX_) * scale_, (boxes[k].y - middleY_) * scale_, 0});
+      right.push_back(values[k] - At(boxes[k].x, boxes[k].y));
+    }
+    const size_t count = knots.size(), n = count + kPlaneNumbers;
+    // It stands beside sums over all boxes; measured on the gradients of the tests.
+    const double smoothing = options_.smoothing * static_cast<double>(count) * 0.1;
+    std::vector<double> a(n * n);
+    right.resize(n);
+    for (size_t i = 0; i < count; ++i) {
+      for (size_t j = 0; j < count; ++j) {
+        a[i * n + j] = Bend(knots[i].u - knots[j].u, knots[i].v - knots[j].v);
+      }
+      a[i * n + i] += smoothing;
+      const double plane[] = {1, knots[i].u, knots[i].v};
+      for (int j = 0; j < kPlaneNumbers; ++j) {
+        a[i * n + count + j] = a[(count + j) * n + i] = plane[j];
+      }
+    }
+    if (!Solve(a, right)) return false;
+    for (size_t i = 0; i < count; ++i) {
+      knots[i].weight = right[i];
+    }
+    for (int i = 0; i < kPlaneNumbers; ++i) {
+      numbers_[i] += right[count + i];
+    }
+    knots_ = std::move(knots);
+    return true;
+  }
+
+  const Options& options_;
+  double scale_, middleX_, middleY_;
+  int degree_ = 0;  ///< of the polynomial part
+  std::vector<double> numbers_;
+  std::vector<Knot> knots_;
+};
+
+bool IsInRange(const Options& o) {
+  return o.degree >= 1 && o.degree <= 4 && o.smoothing >= 0 && o.smoothing <= 1 && o.boxes >= 4 &&
+         o.boxes <= 40 && o.size >= 0 && o.tolerance > 0;
+}
+
+/// Parts boxes into sky and what is brighter, by the mean of the planes.
+bool FindSky(std::vector<Box>& boxes, int planes, SmoothSurface surface, double tolerance) {
+  constexpr int kRounds = 30;
+  const size_t count = boxes.size();
+  std::vector<double> values(count), weights(count, 1.0);
+  for (size_t k = 0; k < count; ++k) {
+    values[k] = std::accumulate(boxes[k].levels, boxes[k].levels + planes, 0.0) / planes;
+  }
+  std::vector<double> above(count);
+  double spread = 0;
+  for (int round = 0; round < kRounds; ++round) {
+    if (!surface.Fit(boxes, values, weights, false)) return false;
+    std::vector<double> below;
+    for (size_t k = 0; k < count; ++k) {
+      above[k] = values[k] - surface.At(boxes[k].x, boxes[k].y);
+      if (above[k] < 0) below.push_back(-above[k]);
+    }
+    if (below.empty()) break;
+    // Of the darker side alone: nebulae are on the other.
+    spread = kSigmas * UpperMedian(below);
+    for (size_t k = 0; k < count; ++k) {
+      const double r = spread > 0 ? above[k] / (tolerance * spread) : 0;
+      weights[k] = r > 0 ? 1 / ((1 + r * r) * (1 + r * r)) : 1;
+    }
+  }
+  for (size_t k = 0; k < count; ++k) {
+    boxes[k].isSky = above[k] <= tolerance * spread;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::vector<Box> CImgGradient::FindBoxes(CVelImage& image, const Options& options) {
+  const int width = image.GetWidth(), height = image.GetHeight(), planes = std::min(image.GetPlanes(), 3);
+  const double distance = 1.0 * std::max(width, height) / options.boxes;
+  const int size = options.size > 0 ? options.size : std::clamp(static_cast<int>(distance / 3), 8, 64);
+  if (image.IsEmpty() || !IsInRange(options) || std::min(width, height) < 4 * size) return {};
+  const int columns = std::max(2, static_cast<int>(std::lround(width / distance))),
+            rows = std::max(2, static_cast<int>(std::lround(height / distance)));
+  std::vector<Box> boxes(static_cast<size_t>(columns) * rows);
+  ForLines(Team::All, 0, static_cast<int>(boxes.size()), [&](int i) {
+    Box& best = boxes[i];
+    best.isSky = false;
+    double darkest = INFINITY;
+    for (const int dy : {0, -1, 1}) {
+      for (const int dx : {0, -1, 1}) {
+        // Places of a third of the distance around the middle of the cell.
+        const auto place = [size](double middle, int step, double cell, int end) {
+          return std::clamp(static_cast<int>(middle + step * cell / 3 - size * 0.5), 0, end - size);
+        };
+        const int left = place((i % columns + 0.5) * width / columns, dx, 1.0 * width / columns, width),
+                  top = place((i / columns + 0.5) * height / rows, dy, 1.0 * height / rows, height);
+        Box box{left + size / 2, top + size / 2, {}, true};
+        double sum = 0;
+        for (int p = 0; p < planes; ++p) {
+          sum += box.levels[p] = Sky(image, p, left, top, size).level;
+        }
+        if (sum < darkest) darkest = sum, best = box;
+      }
+    }
+  });
+  std::erase_if(boxes, [](const Box& box) { return !box.isSky; });
+  const SmoothSurface surface(options, width, height);
+  const int numbers = (options.degree + 1) * (options.degree + 2) / 2;
+  const bool isPlate = options.surface == ThinPlate;
+  if (static_cast<int>(boxes.size()) < 2 * (isPlate ? 6 : numbers)) return {};
+  return FindSky(boxes, planes, surface, options.tolerance) ? boxes : std::vector<Box>();
+}
+
+int CImgGradient::Do(const Options& options, CVelImage* src, int show) {
+  constexpr int kFlattening = 6139, kStep = 32;  // pixels between values of the surface, which are smooth
+  if (!Fits(*src, *this) || GetPlanes() > 3) return 0;
+  const std::vector<Box> boxes = FindBoxes(*src, options);
+  if (boxes.empty()) return 0;
+  std::vector<double> weights(boxes.size()), values(boxes.size());
+  std::transform(boxes.begin(), boxes.end(), weights.begin(),
+                 [](const Box& box) { return box.isSky ? 1.0 : 0.0; });
+  const int width = GetWidth(), height = GetHeight();
+  const int columns = (width - 1) / kStep + 2, rows = (height - 1) / kStep + 2;
+  std::vector<std::vector<float>> meshes;
+  for (int p = 0; p < GetPlanes(); ++p) {
+    SmoothSurface surface(options, width, height);
+    std::transform(boxes.begin(), boxes.end(), values.begin(), [p](const Box& box) { return box.levels[p]; });
+    if (!surface.Fit(boxes, values, weights, true)) return 0;
+    std::vector<float>& mesh = meshes.emplace_back(static_cast<size_t>(columns) * rows);
+    ForLines(Team::All, 0, rows, [&](int row) {
+      for (int column = 0; column < columns; ++column) {
+        mesh[static_cast<size_t>(row) * columns + column] =
+            static_cast<float>(surface.At(column * kStep, row * kStep));
+      }
+    });
+    if (options.result == Divided && *std::min_element(mesh.begin(), mesh.end()) <= 0) return 0;
+  }
+  const ProgressScope progress(*this, show, kFlattening, GetPlanes() * height);
+  for (int p = 0; p < GetPlanes(); ++p) {
+    const std::vector<float>& mesh = meshes[p];
+    std::vector<float> inside;
+    for (int row = 0; row * kStep < height; ++row) {
+      const auto first = mesh.begin() + static_cast<std::ptrdiff_t>(row) * columns;
+      inside.insert(inside.end(), first, first + (width + kStep - 1) / kStep);
+    }
+    const float middle = UpperMedian(inside);
+    ForLines(Team::All, 0, height, [&](int y) {
+      thread_local std::vector<float> nodes, line;
+      nodes.resize(columns);
+      line.resize(static_cast<size_t>(columns) * kStep);
+      const float* upper = &mesh[static_cast<size_t>(y / kStep) * columns];
+      const float down = static_cast<float>(y % kStep) / kStep;
+      for (int i = 0; i < columns; ++i) {
+        nodes[i] = upper[i] + (upper[i + columns] - upper[i]) * down;
+      }
+      const float* in = src->GetLine(0, y, p);
+      float* out = GetWritableLine(0, y, p);
+      RunInLongVectors([=, from = nodes.data(), model = line.data()]() KORIMG_IN_LOOP {
+        for (int i = 0; i + 1 < columns; ++i) {
+          const float slope = (from[i + 1] - from[i]) / kStep;
+          for (int k = 0; k < kStep; ++k) {
+            model[i * kStep + k] = from[i] + slope * static_cast<float>(k);
+          }
+        }
+        for (int x = 0; x < width; ++x) {
+          const float v = in[x], t = model[x];
+          out[x] = options.result == Model     ? t
+                   : options.result == Divided ? v * (middle / t)
+                                               : v - t + middle;
+        }
+      });
+      ShowProgress(1);
+    });
+  }
+  return 1;
+}
