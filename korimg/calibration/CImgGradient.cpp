@@ -20,31 +20,28 @@ using Options = CImgGradient::Options;
 constexpr double kSigmas = 1.482602218505602;  // of a normal distribution in its median distance
 constexpr int kPlaneNumbers = 3;               // of 1, u and v
 
-/// The median of the finite pixels of a square and their deviation, without what lies 3 deviations off; NaN
-/// when less than half of the pixels are finite.
-struct Sky {
-  double level = NAN, noise = NAN;
-
-  Sky(CVelImage& image, int plane, int left, int top, int size) {
-    thread_local std::vector<float> pixels, distances;
-    pixels.clear();
-    for (int y = top; y < top + size; ++y) {
-      const float* line = image.GetLine(left, y, plane);
-      std::copy_if(line, line + size, std::back_inserter(pixels), [](float v) { return std::isfinite(v); });
-    }
-    if (2 * pixels.size() < static_cast<size_t>(size) * size) return;
-    constexpr int kRounds = 3;
-    for (int round = 0; round < kRounds; ++round) {
-      level = UpperMedian(pixels);
-      distances.resize(pixels.size());
-      std::transform(pixels.begin(), pixels.end(), distances.begin(),
-                     [this](float v) { return static_cast<float>(std::abs(v - level)); });
-      noise = kSigmas * UpperMedian(distances);
-      const double reach = 3 * noise;
-      std::erase_if(pixels, [=, this](float v) { return std::abs(v - level) > reach; });
-    }
+/// The median of a square's finite pixels in every step-th line, `rounds` times without what lies 3
+/// deviations off; NaN when less than half of the pixels are finite.
+double LevelOf(CVelImage& image, int plane, int left, int top, int size, int step, int rounds) {
+  thread_local std::vector<float> pixels, distances;
+  pixels.clear();
+  int lines = 0;
+  for (int y = top; y < top + size; y += step, ++lines) {
+    const float* line = image.GetLine(left, y, plane);
+    std::copy_if(line, line + size, std::back_inserter(pixels), [](float v) { return std::isfinite(v); });
   }
-};
+  if (2 * pixels.size() < static_cast<size_t>(size) * lines) return NAN;
+  float level = UpperMedian(pixels);
+  for (int round = 0; round < rounds; ++round) {
+    distances.resize(pixels.size());
+    std::transform(pixels.begin(), pixels.end(), distances.begin(),
+                   [level](float v) { return std::abs(v - level); });
+    const auto reach = static_cast<float>(3 * kSigmas) * UpperMedian(distances);
+    std::erase_if(pixels, [=](float v) { return std::abs(v - level) > reach; });
+    level = UpperMedian(pixels);
+  }
+  return level;
+}
 
 /// Solves for x in A x = b, A of n rows; false when it is singular. A and b are used up.
 bool Solve(std::vector<double>& a, std::vector<double>& b) {
@@ -254,13 +251,15 @@ std::vector<Box> CImgGradient::FindBoxes(CVelImage& image, const Options& option
         };
         const int left = place((i % columns + 0.5) * width / columns, dx, 1.0 * width / columns, width),
                   top = place((i / columns + 0.5) * height / rows, dy, 1.0 * height / rows, height);
-        Box box{left + size / 2, top + size / 2, {}, true};
         double sum = 0;
         for (int p = 0; p < planes; ++p) {
-          sum += box.levels[p] = Sky(image, p, left, top, size).level;
+          sum += LevelOf(image, p, left, top, size, 4, 0);
         }
-        if (sum < darkest) darkest = sum, best = box;
+        if (sum < darkest) darkest = sum, best = {left + size / 2, top + size / 2, {}, true};
       }
+    }
+    for (int p = 0; best.isSky && p < planes; ++p) {
+      best.levels[p] = LevelOf(image, p, best.x - size / 2, best.y - size / 2, size, 1, 2);
     }
   });
   std::erase_if(boxes, [](const Box& box) { return !box.isSky; });

@@ -14,7 +14,7 @@
 /// than the tolerance have no part in the last fit. Surfaces are polynomials, or a polynomial of degree 2
 /// with a thin-plate spline that smooths what is left (Duchon 1977; Wahba 1990, ch. 2). Of simulated
 /// gradients over a nebula that fills a third of the image less than a twentieth is left; the surface takes 2
-/// to 3 % of the nebula with it under lines and bowls, and up to 13 % of a faint one under the glow of a
+/// to 3 % of the nebula with it under lines and bowls, and up to 14 % of a faint one under the glow of a
 /// moon.
 class KORIMG_API CImgGradient : public CVelImage {
  public:

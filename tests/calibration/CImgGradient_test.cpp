@@ -55,10 +55,10 @@ struct Slope {
 
 const Slope kSlopes[] = {
     {"line", [](int x, int y) { return 200 * U(x) - 120 * V(y); }, {0.02, 0.035, 0.025}},
-    {"bowl", [](int x, int y) { return 220 * (U(x) * U(x) + V(y) * V(y)) - 60 * U(x); }, {0.03, 0.1, 0.03}},
+    {"bowl", [](int x, int y) { return 220 * (U(x) * U(x) + V(y) * V(y)) - 60 * U(x); }, {0.03, 0.11, 0.03}},
     {"moon",
      [](int x, int y) { return 500 / (1 + 2 * std::hypot(U(x) - 1.6, V(y) + 1.2)); },
-     {0.13, 0.04, 0.13}},
+     {0.14, 0.045, 0.14}},
 };
 
 CImgGradient::Options OptionsFor(CImgGradient::Surface surface, int degree) {
