@@ -110,10 +110,12 @@ void AddOps(CLI::App& app, Tool& tool) {
   verb->callback([name, markdown, &tool] {
     tool.Begin();
     const auto& families = Families();
-    const bool isFamily = std::find(families.begin(), families.end(), *name) != families.end();
-    if (!name->empty() && !isFamily) FindOperation(*name);
+    const bool isPage = std::find(families.begin(), families.end(), *name) != families.end();
+    // An operation of the same name goes before a family.
+    const bool isFamily = isPage && !IsOperation(*name);
+    if (!name->empty() && !isPage) FindOperation(*name);
     if (*markdown) {
-      if (!name->empty() && !isFamily) {
+      if (!name->empty() && !isPage) {
         throw UsageError(fmt::format("pages are of families: {}", fmt::join(families, ", ")));
       }
       fmt::print("{}", name->empty() ? IndexPage() : FamilyPage(*name));

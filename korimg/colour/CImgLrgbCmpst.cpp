@@ -79,6 +79,7 @@ void CImgLrgbCmpst::WriteColours(CVelImage& luminance, CRect* rect, int show, F&
     SetLevel(p, min, max);
   }
   const ProgressScope progress(*this, show, kComposing, window.Height());
+  if (window.IsEmpty()) return;
   ForLines(Team::All, window.top, window.bottom, [&](int y) {
     Rows line(window.Width());
     colours(window.left, y, line);

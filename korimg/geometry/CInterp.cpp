@@ -640,14 +640,14 @@ float CInterp::GetBPixelGray256f(double x, double y, int plane) {
 
 float CInterp::GetPixelL(int x, int y) {
   double sx, sy;
-  return Map(x, y, scale_, sx, sy) ? GetBPixelGrayRaw(sx, sy, 0) : outside_;
+  return Map(x, y, scale_, sx, sy) ? Do(sx, sy, 0) : outside_;
 }
 
 void CInterp::GetPixelAb(int x, int y, double* a, double* b) {
   double sx, sy;
   const bool on = Map(x, y, scale_, sx, sy);
-  *a = on ? GetBPixelGrayRaw(sx, sy, 0) : outside_;
-  *b = on ? GetBPixelGrayRaw(sx, sy, PlaneOfImage(1)) : outside_;
+  *a = on ? Do(sx, sy, 0) : outside_;
+  *b = on ? Do(sx, sy, PlaneOfImage(1)) : outside_;
 }
 
 // Names.

@@ -12,6 +12,7 @@
 #include "korimg/colour/CImgLrgbCmpst.h"
 #include "korimg/colour/CImgRgbCmpst.h"
 #include "korimg/composite/stacking/FrameLevels.h"
+#include "korimg/geometry/CImgCrop.h"
 #include "korimg/image/internal/Lines.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
@@ -64,6 +65,7 @@ class Composer {
     }
     area_ = FindArea();
     std::unique_ptr<CVelImage> image = options_.composition == Composition::Lab ? OfLab() : OfColours();
+    if (options_.crops) TrimBlankEdges(image);
     if (options_.backgrounds == Backgrounds::Equal) EqualiseSkies(*image);
     image->SetOwnLevel(true);
     files::ImageInfo info = sources_[0].Info();
@@ -100,6 +102,11 @@ class Composer {
         throw files::FileError(Name(i), "is an undeveloped mosaic; develop it first");
       }
     }
+    for (size_t i = 0; i < sources_.size(); ++i) {
+      if (!isLab && sources_[i].Planes() == 2) {
+        throw UsageError(fmt::format("{}: {} has 2 planes, a and b; lab takes them", name, Name(i)));
+      }
+    }
     const Image& last = sources_.back();
     if (isOne && last.Planes() != (isLab ? 2 : 3)) {
       throw UsageError(
@@ -125,10 +132,22 @@ class Composer {
             Name(i), fmt::format("cannot be laid on {}: {}; leave it as it lies by --register none", Name(0),
                                  place.Text()));
       }
-      job_.Say(fmt::format("{}: dx {:.3f}, dy {:.3f}, {:.4f} degrees by {}", Name(i), place.dx, place.dy,
-                           place.degrees, place.method));
-      places_.push_back(std::move(place));
+      place.file = Name(i);
+      job_.Tell(ToJson(place), fmt::format("{}: dx {:.3f}, dy {:.3f}, {:.4f} degrees by {}", Name(i),
+                                           place.dx, place.dy, place.degrees, place.method));
+      places_.push_back(Settled(place, Pixels(i)));
     }
+  }
+
+  /// A source that lies on the first already, within what stars tell, is not sampled anew.
+  static Registration Settled(Registration place, const CVelImage& image) {
+    constexpr double kSame = 0.02;  // pixels
+    const double turn =
+        std::abs(place.degrees) * M_PI / 180 * std::hypot(image.GetWidth(), image.GetHeight()) / 2;
+    const double dx = std::round(place.dx), dy = std::round(place.dy);
+    if (turn + std::hypot(place.dx - dx, place.dy - dy) < kSame)
+      place.dx = dx, place.dy = dy, place.degrees = 0;
+    return place;
   }
 
   bool IsBySky() const {
@@ -301,6 +320,51 @@ class Composer {
                                     {area_.Width(), area_.Height(), 3},
                                     files::AffineMap::Shift(-area_.left, -area_.top));
     return header;
+  }
+
+  /// Takes rows and columns off that hold blank pixels, the side with the largest share of them first: there
+  /// a source has no data, as the ragged edges of stacks.
+  void TrimBlankEdges(std::unique_ptr<CVelImage>& image) {
+    CRect rest(0, 0, image->GetWidth(), image->GetHeight());
+    const auto isBlank = [&](int x, int y) {
+      for (int p = 0; p < 3; ++p) {
+        if (!std::isfinite(*image->GetLine(x, y, p))) return true;
+      }
+      return false;
+    };
+    const auto share = [&](int count, auto&& at) {
+      int blank = 0;
+      for (int i = 0; i < count; ++i) {
+        blank += at(i);
+      }
+      return static_cast<double>(blank) / count;
+    };
+    while (!rest.IsRectEmpty()) {
+      const double sides[] = {
+          share(rest.Height(), [&](int i) { return isBlank(rest.left, rest.top + i); }),
+          share(rest.Height(), [&](int i) { return isBlank(rest.right - 1, rest.top + i); }),
+          share(rest.Width(), [&](int i) { return isBlank(rest.left + i, rest.top); }),
+          share(rest.Width(), [&](int i) { return isBlank(rest.left + i, rest.bottom - 1); })};
+      const auto worst = std::max_element(std::begin(sides), std::end(sides)) - std::begin(sides);
+      if (sides[worst] == 0) break;
+      if (worst == 0) ++rest.left;
+      if (worst == 1) --rest.right;
+      if (worst == 2) ++rest.top;
+      if (worst == 3) --rest.bottom;
+    }
+    if (rest.IsRectEmpty())
+      throw files::FileError(Name(0), "shares no pixel that has data with all the others");
+    if (rest.Width() == image->GetWidth() && rest.Height() == image->GetHeight()) return;
+    auto trimmed = std::make_unique<CImgCrop>();
+    if (!trimmed->Create(*image, nullptr) || !trimmed->Do(rest, image.get(), 0)) {
+      throw velora::CVmMemoryAllocationError(kFull);
+    }
+    for (int p = 0; p < 3; ++p) {
+      trimmed->SetLevel(p, image->GetLevelMin(p), image->GetLevelMax(p));
+    }
+    image = std::move(trimmed);
+    area_ =
+        CRect(area_.left + rest.left, area_.top + rest.top, area_.left + rest.right, area_.top + rest.bottom);
   }
 
   /// The part of the first source's grid that the result has.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <regex>
 #include <set>
 #include <utility>
 
@@ -45,7 +46,12 @@ constexpr Recipe kRecipes[] = {{Palette::Rgb, {"L", "R", "G", "B"}},
 
 }  // namespace
 
-std::string KindOfFilter(const std::string& name) {
+std::string KindOfFilter(const std::string& given) {
+  // Widths are no part of a name, as in Ha7nm; filters of two bands at once are none of these.
+  static const std::regex width("[0-9]+([.][0-9]+)? *nm", std::regex::icase),
+      several("extreme|enhance|ultimate|duo|dual|tri-?band|quad|multi", std::regex::icase);
+  if (std::regex_search(given, several)) return "";
+  const std::string name = std::regex_replace(given, width, " ");
   std::string word, before;
   std::set<std::string> kinds;
   for (const char c : name + " ") {

@@ -24,7 +24,7 @@ inline const std::vector<Named<Palette>> kPalettes = {{"auto", Palette::Auto},
 /// What a filter is by its name, as capture programs and their users write it: "L", "R", "G", "B", "Ha",
 /// "OIII" or "SII" for Lum, red, Green, H-alpha, O3 and their like; empty for others. A word of the name is
 /// enough, as in "Ha 7nm".
-KORIMG_SESSION_API std::string KindOfFilter(const std::string& name);
+KORIMG_SESSION_API std::string KindOfFilter(const std::string& given);
 
 /// A colour image of filters.
 struct ColourPlan {

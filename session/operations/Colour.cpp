@@ -163,6 +163,7 @@ void ToLab(Call& call, const LabOptions& o) {
   CheckBrightness(call);
   // Black to white, and more than the most vivid colours of light up to white reach.
   constexpr double kWhite = 100, kVivid = 200;
+  if (o.clip && o.planes != Planes::Ab) throw UsageError("to-lab: clip=1 is of planes=ab alone");
   auto planes = LabPlanes(call, [&](CVelImage& image) {
     return o.planes == Planes::Lab ? image.MakeLabPlane()
            : o.planes == Planes::L ? image.MakeLPlane()

@@ -209,7 +209,7 @@ std::string Manual(const Operation& operation) {
 std::string OperationsAsJson(const std::string& name) {
   Json all = Json::array();
   for (const Operation& operation : Operations()) {
-    if (!name.empty() && name != operation.name && name != operation.family) continue;
+    if (!name.empty() && name != (IsOperation(name) ? operation.name : operation.family)) continue;
     all.push_back({{"name", operation.name},
                    {"family", operation.family},
                    {"summary", operation.summary},

@@ -53,6 +53,11 @@ const std::vector<Operation>& Operations() {
   return all;
 }
 
+bool IsOperation(const std::string& name) {
+  return std::any_of(Operations().begin(), Operations().end(),
+                     [&](const Operation& operation) { return operation.name == name; });
+}
+
 const Operation& FindOperation(const std::string& name) {
   const Operation* nearest = &Operations().front();
   for (const Operation& operation : Operations()) {

@@ -15,6 +15,7 @@ KORIMG_SESSION_API const std::vector<Operation>& Operations();
 
 /// The operation of that name. Throws UsageError with the nearest name.
 KORIMG_SESSION_API const Operation& FindOperation(const std::string& name);
+KORIMG_SESSION_API bool IsOperation(const std::string& name);
 
 /// The names of the families that have operations, in the order of the documentation.
 KORIMG_SESSION_API const std::vector<std::string>& Families();

@@ -59,7 +59,6 @@ struct AutoStretchOptions : AutoColourOptions {
   std::optional<CRect> sky;
   bool link = true;
   std::optional<PerPlane> bias;
-  bool adjustsLevels = true;
 };
 
 void AutoStretch(Call& call, const AutoStretchOptions& options) {
@@ -83,27 +82,12 @@ void AutoStretch(Call& call, const AutoStretchOptions& options) {
   if (options.bias) bias = options.bias->For(3);
   call.Replace<CImgAutoStretch>([&](CImgAutoStretch& target) {
     target.DoStretch(&image, options.link, scale, background, spread, bias.data(), call.rect);
-    if (options.adjustsLevels) {
-      CImgAutoStretch::AutoStretchAdjustLevel(&target, &image, scale, background, spread);
-    }
+    CImgAutoStretch::AutoStretchAdjustLevel(&target, &image, scale, background, spread);
   });
 }
 
 void AutoColour(Call& call, const AutoColourOptions& options) {
-  CheckColour(call);
-  if (BlankMargin(*call.image) > 0) {
-    AutoStretchOptions inside{options};
-    inside.adjustsLevels = false;
-    return AutoStretch(call, inside);
-  }
-  const CImgAutoColor::Settings settings = SettingsOf(options.filter, options.offset);
-  call.InPlace<CImgAutoColor>([&](CImgAutoColor& target) {
-    if (!target.Do(settings, kShow)) {
-      throw UsageError(
-          "auto-colour: there is no clean sky, or the image has pixels that are no numbers; give "
-          "auto-stretch the sky= and the margin= to go by");
-    }
-  });
+  AutoStretch(call, {options});
 }
 
 struct StretchOptions {
@@ -178,7 +162,7 @@ std::vector<Operation> StretchOperations() {
           "Takes the colour cast of the sky and of the camera's filters off a stack: all skies come to that "
           "of "
           "the first plane, and all planes spread as far as the widest. It finds the sky by itself; nebulae "
-          "that fill the frame leave none.")
+          "that fill the frame leave none. Levels follow the first plane.")
           .Takes("filter", &AutoColourOptions::filter,
                  {"factors of the planes' distances to the sky; by the settings, 1", "", 0, 1e6})
           .Takes("offset", &AutoColourOptions::offset,
@@ -213,7 +197,9 @@ std::vector<Operation> StretchOperations() {
           "of a "
           "faint nebula, and protect the sky below and the stars above. Nothing is clipped, and inverse=1 "
           "with "
-          "the same values undoes it. Set the levels first: shares are of black to white.")
+          "the same values undoes it as far as the curve was not flat. Set the levels first: shares are of "
+          "black "
+          "to white.")
           .Takes("amount", &GhsOptions::amount,
                  {"how steep it becomes: ln(D + 1), 0 changes nothing", "", 0, 15})
           .Takes("shape", &GhsOptions::shape,

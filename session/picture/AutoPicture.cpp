@@ -26,8 +26,11 @@ Levels StretchForPicture(CVelImage& image, bool linked) {
   if (!(highest > lowest) || !std::isfinite(highest - lowest)) lowest = level - 1, highest = level + 1;
   std::fill(levels.min, levels.min + 3, lowest);
   std::fill(levels.max, levels.max + 3, highest);
-  const double depth = kShadowSpreads * spread, range = highest - (level - depth);
-  if (!(depth > 0) || !(depth < kSky * range) || level - lowest > 0.5 * (highest - lowest)) return levels;
+  // A sky is narrow in its range; where there are no stars its noise is all there is, and is to stay dark.
+  constexpr double kNarrow = 6, kLeastRange = 8;
+  const double depth = kShadowSpreads * spread;
+  if (!(depth > 0) || highest - lowest < kNarrow * spread) return levels;
+  const double range = std::max(highest - (level - depth), kLeastRange * depth);
   for (int p = 0; p < planes; ++p) {
     levels.min[p] = (linked ? level : sky.level[p]) - depth;
     levels.max[p] = levels.min[p] + range;

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numeric>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -39,6 +41,27 @@ void FillPicture(Job& job, CVelImage& image, const std::string& title, PictureSa
   saver.Commit();
 }
 
+/// The smallest and the largest finite pixel of a plane; the smallest is above the largest when there is
+/// none.
+std::pair<double, double> FiniteExtremes(CVelImage& image, int plane) {
+  const auto [least, most] = image.GetMinMax(plane);
+  if (std::isfinite(least) && std::isfinite(most)) return {least, most};
+  constexpr float kInfinity = std::numeric_limits<float>::infinity();
+  std::pair<float, float> all(kInfinity, -kInfinity);
+  for (const auto& [low, high] : MapLines(0, image.GetHeight(), [&](int y) {
+         std::pair<float, float> ends(kInfinity, -kInfinity);
+         const float* line = image.GetLine(0, y, plane);
+         for (int x = 0; x < image.GetWidth(); ++x) {
+           if (!std::isfinite(line[x])) continue;
+           ends = {std::min(ends.first, line[x]), std::max(ends.second, line[x])};
+         }
+         return ends;
+       })) {
+    all = {std::min(all.first, low), std::max(all.second, high)};
+  }
+  return all;
+}
+
 Shape ShapeOf(const CVelImage& image) {
   return {image.GetWidth(), image.GetHeight(), image.GetPlanes()};
 }
@@ -69,9 +92,8 @@ void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack) {
     } else if (info.type == "uint16" && info.bscale == 1) {
       image.SetLevel(p, 0, 65535);
     } else {
-      const auto [min, max] = image.GetMinMax(p);
-      const bool usable = std::isfinite(min) && std::isfinite(max) && max > min;
-      image.SetLevel(p, usable ? min : 0, usable ? max : 1);
+      const auto [min, max] = FiniteExtremes(image, p);
+      image.SetLevel(p, max > min ? min : 0, max > min ? max : 1);
     }
   }
 }

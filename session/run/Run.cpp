@@ -150,7 +150,11 @@ class Road {
                        target.frames.size() == 1 ? "" : "s",
                        target.filter.empty() ? "" : ", filter " + target.filter));
     }
-    if (colours_) Plan(fmt::format("colour: {}", colours_->text));
+    if (colours_) {
+      Plan(fmt::format("colour: {}", colours_->text));
+    } else if (targets_.size() > 1 && options_.palette == Palette::Auto) {
+      Plan("colour: none; there are no filters for red, green and blue, nor for SII, Ha and OIII");
+    }
     if (frames_.empty()) {
       throw files::FileError(options_.calibrate.lights.front().parent_path(), "no light can be used");
     }

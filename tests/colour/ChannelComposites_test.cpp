@@ -233,13 +233,12 @@ TEST(ChannelComposites, OfLabPlanes) {
       const double u = (cosine * right - sine * up) * 0.9 + 20, v = 20.5 - (sine * right + cosine * up) * 0.9;
       const double ul = x - l.dx, vl = y - l.dy;
       double values[3] = {};
-      // Positions beyond the last pixel read it.
       if (ul >= 0 && ul < 43 && vl >= 0 && vl < 37) {
-        values[0] = ofL.Do(std::min(ul, 42.0), std::min(vl, 36.0), 0);
+        values[0] = ofL.Do(ul, vl, 0);
       }
       if (u >= 0 && u < 40 && v >= 0 && v < 41) {
-        values[1] = ofAb.Do(std::min(u, 39.0), std::min(v, 40.0), 0);
-        values[2] = ofAb.Do(std::min(u, 39.0), std::min(v, 40.0), 1);
+        values[1] = ofAb.Do(u, v, 0);
+        values[2] = ofAb.Do(u, v, 1);
       }
       CColor rgb;
       rgb.LabToRgb(values[0], values[1], values[2]);
@@ -254,6 +253,19 @@ TEST(ChannelComposites, OfLabPlanes) {
       return target;
     });
   }
+}
+
+TEST(ChannelComposites, AnEmptyRectangleWritesNothing) {
+  const auto store = MemoryStore();
+  const auto src = Make<CVelImage>(store, 7, 5, 3, Random(200, 800));
+  CRect turned(3, 2, 1, 4);
+  const auto rgb = Make<CImgRgbCmpst>(store, 7, 5, 3, Random(0, 1));
+  rgb->Do(src.get(), 0, 0, 0, src.get(), 0, 0, 0, src.get(), 0, 0, 0, 0, 0, &turned, nullptr, 0, CString());
+  const auto lrgb = Make<CImgLrgbCmpst>(store, 7, 5, 3, Random(0, 1));
+  lrgb->DoLrgb(src.get(), 0, 0, 0, src.get(), 0, 0, 0, 0, 1.0, &turned, 0, 0, 0);
+  lrgb->DoLab(src.get(), 0, 0, 0, src.get(), 0, 0, 0, 0, 1.0, 0, &turned, 0);
+  EXPECT_EQ(Difference(*rgb, Random(0, 1), 1e-6), "");
+  EXPECT_EQ(Difference(*lrgb, Random(0, 1), 1e-6), "");
 }
 
 TEST(ChannelComposites, BeyondTheColourTheLuminanceStaysGray) {

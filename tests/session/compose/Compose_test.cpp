@@ -65,11 +65,28 @@ TEST(CommonArea, IsTheLargestRectangleThatAllReach) {
 }
 
 TEST(Palette, FiltersByTheirNames) {
-  const std::pair<const char*, const char*> names[] = {
-      {"L", "L"},       {"Luminance", "L"},  {"r", "R"},       {"Baader Red", "R"},    {"GREEN", "G"},
-      {"V", "G"},       {"Blue_2", "B"},     {"Ha", "Ha"},     {"H-alpha", "Ha"},      {"H_Alpha 7nm", "Ha"},
-      {"HA 3nm", "Ha"}, {"O3", "OIII"},      {"OIII", "OIII"}, {"[SII] 6.5nm", "SII"}, {"", ""},
-      {"Moon", ""},     {"red or blue", ""}, {"UHC", ""}};
+  const std::pair<const char*, const char*> names[] = {{"L", "L"},
+                                                       {"Luminance", "L"},
+                                                       {"r", "R"},
+                                                       {"Baader Red", "R"},
+                                                       {"GREEN", "G"},
+                                                       {"V", "G"},
+                                                       {"Blue_2", "B"},
+                                                       {"Ha", "Ha"},
+                                                       {"H-alpha", "Ha"},
+                                                       {"H_Alpha 7nm", "Ha"},
+                                                       {"HA 3nm", "Ha"},
+                                                       {"O3", "OIII"},
+                                                       {"OIII", "OIII"},
+                                                       {"[SII] 6.5nm", "SII"},
+                                                       {"", ""},
+                                                       {"Ha7nm", "Ha"},
+                                                       {"OIII6.5 nm", "OIII"},
+                                                       {"L-eXtreme", ""},
+                                                       {"Dual Ha OIII", ""},
+                                                       {"Moon", ""},
+                                                       {"red or blue", ""},
+                                                       {"UHC", ""}};
   for (const auto& [name, kind] : names) {
     EXPECT_EQ(KindOfFilter(name), kind) << name;
   }
@@ -141,12 +158,14 @@ TEST_F(ComposeSteps, LaysTheColoursOnEachOther) {
       sources.push_back(Sky(places[i], 1 - 0.25 * i, i + 1));
     }
     sources[0].Header().Set("CRPIX1", 100.0);
+    sources[0].Header().Set("CRPIX2", 90.0);
     sources[0].Header().Set("CTYPE1", "RA---TAN");
     sources[0].Header().Set("FILTER", "R");
     const Image colour = Compose(job_, std::move(sources), {.composition = composition});
     EXPECT_NEAR(colour.Width(), area.Width(), 2);
     EXPECT_NEAR(colour.Height(), area.Height(), 2);
     EXPECT_NEAR(*colour.Header().GetDouble("CRPIX1"), 100 - area.left, 1);
+    EXPECT_NEAR(*colour.Header().GetDouble("CRPIX2"), 90 - area.top, 1);
     EXPECT_FALSE(colour.Header().GetString("FILTER"));
     const double left = 100 - *colour.Header().GetDouble("CRPIX1");
     const Image alone = Sky(places[0], 1, 1);
@@ -172,7 +191,7 @@ TEST_F(ComposeSteps, LaysTheColoursOnEachOther) {
 }
 
 TEST_F(ComposeSteps, PlanesAreTheSources) {
-  const auto rule = [](int i) { return Wild(100, 900, i + 1); };
+  const auto rule = [](int i) { return Random(100, 900, i + 1); };
   std::vector<Image> sources;
   for (int i = 0; i < 3; ++i) {
     sources.push_back(Make(31 + 4 * i, 23, 1, rule(i)));
@@ -183,6 +202,20 @@ TEST_F(ComposeSteps, PlanesAreTheSources) {
                 colour.Pixels(), [&](int p, int x, int y) { return rule(p)(0, x, y); }, 1e-6),
             "");
   EXPECT_EQ(colour.Pixels().GetLevelMax(2), 1002);
+}
+
+TEST_F(ComposeSteps, EdgesWithoutDataAreNotShared) {
+  std::vector<Image> sources;
+  for (int i = 0; i < 3; ++i) {
+    sources.push_back(Make(60, 50, 1, [i](int, int x, int y) {
+      return (i == 2 && x < 7) || (i == 1 && y > 45 && x > 3) || (x == 30 && y == 20) ? NAN : 100.0 * i + x;
+    }));
+  }
+  sources[0].Header().Set("CRPIX1", 1.0);
+  const Image colour = Compose(job_, std::move(sources), {.registers = false});
+  EXPECT_EQ(std::pair(colour.Width(), colour.Height()), std::pair(53, 46));
+  EXPECT_EQ(colour.Pixels().GetPixelGrayRaw(0, 0, 1), 107);
+  EXPECT_TRUE(std::isnan(colour.Pixels().GetPixelGrayRaw(23, 20, 0))) << "a pixel within stays";
 }
 
 TEST_F(ComposeSteps, OneColourImageSkiesAndComplements) {

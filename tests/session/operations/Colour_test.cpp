@@ -1,10 +1,12 @@
 // Operations on colours through their descriptions, and images of two planes.
+#include <cmath>
 #include <set>
 #include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "korimg/colour/CColor.h"
+#include "korimg/composite/stacking/FrameLevels.h"
 
 #include "session/operations/Describe.h"
 #include "session/operations/Operations.h"
@@ -74,6 +76,40 @@ TEST_F(Colour, EveryOperationTakesTwoPlanesOrRefusesThem) {
       EXPECT_EQ(Difference(two.Pixels(), three.Pixels(), 1e-6), "") << operation.name;
     }
   }
+}
+
+TEST_F(Colour, BalancedPlanesAreGreyByTheirLevelsToo) {
+  const double skies[] = {500, 700, 300};
+  SaveImage(job_,
+            *Make(MemoryStore(), 300, 220, 3,
+                  [&](int p, int x, int y) {
+                    const bool isStar = x % 40 == 7 && y % 30 == 11, isBlank = x < 3;
+                    return isBlank ? NAN : skies[p] + Random(-20, 20)(p, x, y) + (isStar ? 2000 : 0);
+                  }),
+            {}, In("tinted.fits"));
+  for (const char* operation : {"auto-colour", "auto-stretch"}) {
+    Image image = Image::Open(job_, In("tinted.fits"));
+    Apply(image, operation, {});
+    double shares[3];
+    for (int p = 0; p < 3; ++p) {
+      const auto level = MeasureLevels(image.Pixels()).level[p];
+      shares[p] = (level - image.Pixels().GetLevelMin(p)) / image.Pixels().GetLevelRange(p);
+      EXPECT_NEAR(level, 500, 3) << operation << " plane " << p;
+    }
+    EXPECT_NEAR(shares[1], shares[0], 5e-3) << operation;
+    EXPECT_NEAR(shares[2], shares[0], 5e-3) << operation;
+  }
+}
+
+TEST_F(Colour, InfinitePixelsSpoilNoLevels) {
+  const auto image = Make(MemoryStore(), 64, 48, 3, [](int p, int x, int y) {
+    return x == 9 && y == 9 ? INFINITY : x == 10 ? NAN : Random(400, 600)(p, x, y);
+  });
+  files::ImageInfo info;
+  info.type = "float32";
+  SetLevels(*image, info, false);
+  EXPECT_NEAR(image->GetLevelMin(1), 400, 1);
+  EXPECT_NEAR(image->GetLevelMax(1), 600, 1);
 }
 
 TEST_F(Colour, MatricesCountFromTheOriginThatIsTold) {

@@ -91,6 +91,29 @@ TEST_F(RenderSteps, ShowALinearSkyAsADarkGreyOfNoColour) {
   EXPECT_GT(linked[1], 150);
   EXPECT_EQ(linked[2], 0);
 
+  // Noise alone is a sky too.
+  for (auto& plane : planes) {
+    plane[777] = plane[778], plane[5] = plane[6];
+  }
+  job_.options.overwrite = true;
+  const auto starless =
+      files::ImageWriter::Create(In("starless.fits"), {.width = kWidth, .height = kHeight, .planes = 3});
+  for (auto& plane : planes) {
+    for (int i = 0; i < kWidth * kHeight; ++i) {
+      plane[i] = 500;
+      for (int k = 0; k < 12; ++k) {
+        plane[i] += static_cast<float>(9 * (Noise(12 * i + k) - 0.5));
+      }
+    }
+  }
+  files::WriteAll(*starless, planes, kWidth, kHeight, 64);
+  options_.input = In("starless.fits");
+  options_.level = LevelMethod::Auto;
+  Render(job_, options_);
+  std::vector<float> grey = files::ReadAll(*files::ImageReader::Open(In("a.png")), 64)[0];
+  std::nth_element(grey.begin(), grey.begin() + grey.size() / 2, grey.end());
+  EXPECT_NEAR(grey[grey.size() / 2], 255 / 4.0, 2);
+
   // What has 8 bits is a picture already.
   options_.input = In("a.png");
   options_.output = In("b.png");
