@@ -47,6 +47,9 @@
 #include "korimg/levels/CImgWindowing.h"
 #include "korimg/platform/StringTable.h"
 #include "korimg/raw/CImgBayerToRgb.h"
+#include "korimg/restoration/CImgLucy.h"
+#include "korimg/restoration/CImgMem.h"
+#include "korimg/restoration/CImgWiener.h"
 
 #include "tests/support/Images.h"
 
@@ -382,6 +385,10 @@ const std::vector<Operation>& Operations() {
          bayer.nSrcBits = bayer.nDstBits = -32;
          s.Target<CImgBayerToRgb>(1).Do(bayer, 1);
        }},
+      {"spectrum", 6104, -1, Steps, [](Stage& s) { s.Target<CImgWiener>().Do(2, 0.1, nullptr, 1); }},
+      {"Richardson-Lucy", 6154, -1, Steps,
+       [](Stage& s) { s.Target<CImgLucy>().Do(2, 1, 5, 4, nullptr, 1); }},
+      {"maximum entropy", 6158, -1, Steps, [](Stage& s) { s.Target<CImgMem>().Do(2, 5, 4, nullptr, 1); }},
   };
   return all;
 }

@@ -33,14 +33,14 @@ void RunInLongVectors(const F& f) {
   f();
 }
 
-/// x^y to 2e-13 of it, for x that is normal and above 0; of others any number. Limited to 2^-1000 and 2^1000.
-/// It has no branches and calls nothing, so that loops of it become vectors.
+/// The logarithm of base 2 to 1e-15 of the larger of it and 1, for x that is normal and above 0; of others any
+/// number. It has no branches and calls nothing, so that loops of it become vectors.
 ///
 /// x is 2^k m with m from sqrt(1/2) to sqrt(2); log m is twice the series s + s^3 / 3 + ... of
-/// s = (m - 1) / (m + 1). The power of 2 is that of the nearest integer times the series of e^z.
-KORIMG_IN_LOOP inline double PositivePower(double x, double y) {
+/// s = (m - 1) / (m + 1).
+KORIMG_IN_LOOP inline double BinaryLogarithm(double x) {
   constexpr std::uint64_t kRootOfHalf = 0x3FE6A09E667F3BCD, kOne = 1ULL << 52, kBias = 2048;
-  constexpr double kBits = 0x1p52, kRound = 0x1.8p52;
+  constexpr double kBits = 0x1p52;
   const auto bits = std::bit_cast<std::uint64_t>(x);
   const std::uint64_t k = (bits - kRootOfHalf + kBias * kOne) >> 52;
   const double m = std::bit_cast<double>(bits - (k - kBias) * kOne);
@@ -50,7 +50,17 @@ KORIMG_IN_LOOP inline double PositivePower(double x, double y) {
   for (const double odd : {13.0, 11.0, 9.0, 7.0, 5.0, 3.0, 1.0}) {
     log = log * q + 1 / odd;
   }
-  double t = y * (whole + 2 * std::numbers::log2e * s * log);
+  return whole + 2 * std::numbers::log2e * s * log;
+}
+
+/// x^y to 2e-13 of it, for x that is normal and above 0; of others any number. Limited to 2^-1000 and 2^1000.
+/// As the logarithm it becomes vectors.
+///
+/// The power of 2 is that of the nearest integer times the series of e^z.
+KORIMG_IN_LOOP inline double PositivePower(double x, double y) {
+  constexpr std::uint64_t kOne = 1ULL << 52;
+  constexpr double kRound = 0x1.8p52;
+  double t = y * BinaryLogarithm(x);
   t = t < -1000 ? -1000 : t;
   t = t > 1000 ? 1000 : t;
   const double rounded = t + kRound;

@@ -1,0 +1,114 @@
+#include "korimg/restoration/internal/GaussianBlur.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <numbers>
+#include <vector>
+
+#include "korimg/image/internal/Lines.h"
+#include "korimg/image/internal/Vectors.h"
+#include "korimg/platform/CParallel.h"
+
+namespace korimg {
+
+GaussianBlur::GaussianBlur(double sigma) : transform_(kLength) {
+  constexpr int kWidest = 31;
+  constexpr double kSeen = 6;  // sigma; the rest is 2e-9 of the whole
+  reach_ = static_cast<int>(std::clamp(std::ceil(kSeen * sigma), 1.0, static_cast<double>(kWidest)));
+  std::vector<double> cells;  // from the middle on
+  double whole = 0;
+  for (int x = 0; x <= reach_; ++x) {
+    cells.push_back(std::exp(-0.5 * (x / sigma) * (x / sigma)));
+    whole += x == 0 ? cells[x] : 2 * cells[x];
+  }
+  for (int k = 0; k < kLength; ++k) {
+    double sum = cells[0];
+    for (int x = 1; x <= reach_; ++x) {
+      sum += 2 * cells[x] * std::cos(2 * std::numbers::pi * k * x / kLength);
+    }
+    spectrum_[k] = static_cast<float>(sum / whole / kLength);
+  }
+}
+
+/// Transforms eight complex lines there and back.
+void GaussianBlur::Filter(complex* data, int step, int pitch, const LineTransform::Work& work) const {
+  const LineTransform::Lines lines{data, step, pitch, LineTransform::kLanes};
+  transform_.Run(lines, 1, 1.0f, work);
+  RunInLongVectors([=, spectrum = spectrum_.data()]() KORIMG_IN_LOOP {
+    for (int i = 0; i < LineTransform::kLanes; ++i) {
+      for (int k = 0; k < kLength; ++k) {
+        const size_t at = static_cast<size_t>(i) * pitch + static_cast<size_t>(k) * step;
+        data[at].re *= spectrum[k];
+        data[at].im *= spectrum[k];
+      }
+    }
+  });
+  transform_.Run(lines, -1, 1.0f, work);
+}
+
+template <class F>
+void GaussianBlur::ForStretches(int lines, int cells, F&& stretch) const {
+  const int inner = kLength - 2 * reach_, across = lines / kSides;
+  const int stretches = (cells + inner - 1) / inner * across, workers = CParallel::GetMaxThreads();
+  const auto share = [&](int worker) {
+    return static_cast<int>(static_cast<long long>(stretches) * worker / workers);
+  };
+  ForLines(Team::All, 0, workers, [&](int worker) {
+    const LineTransform::Work work(kLength);
+    std::vector<complex> room(static_cast<size_t>(kLength) * LineTransform::kLanes);
+    for (int i = share(worker); i < share(worker + 1); ++i) {
+      const int first = i / across * inner;
+      stretch(i % across * kSides, first, std::min(inner, cells - first), work, room.data());
+    }
+  });
+}
+
+void GaussianBlur::Run(const float* from, float* between, float* to, int width, int height) const {
+  constexpr int kLanes = LineTransform::kLanes;
+  const size_t pitch = width;
+  // Cells of a stretch that lie within the line.
+  const auto begin = [this](int first) { return std::max(reach_ - first, 0); };
+  const auto end = [this](int first, int cells) { return std::min(kLength, cells - first + reach_); };
+  // Rows: the second half of the sixteen are imaginary parts.
+  ForStretches(height, width, [&](int y, int x, int count, const LineTransform::Work& work, complex* room) {
+    std::fill_n(room, kLength * kLanes, complex{});
+    for (int i = 0; i < kLanes; ++i) {
+      const float* re = from + (y + i) * pitch;
+      const float* im = re + kLanes * pitch;
+      complex* line = room + static_cast<size_t>(i) * kLength;
+      RunInLongVectors([=, k0 = begin(x), k1 = end(x, width), shift = x - reach_]() KORIMG_IN_LOOP {
+        for (int k = k0; k < k1; ++k) {
+          line[k] = {re[shift + k], im[shift + k]};
+        }
+      });
+    }
+    Filter(room, 1, kLength, work);
+    for (int i = 0; i < kLanes; ++i) {
+      float* re = between + (y + i) * pitch + x;
+      float* im = re + kLanes * pitch;
+      const complex* line = room + static_cast<size_t>(i) * kLength + reach_;
+      RunInLongVectors([=]() KORIMG_IN_LOOP {
+        for (int k = 0; k < count; ++k) {
+          re[k] = line[k].re;
+          im[k] = line[k].im;
+        }
+      });
+    }
+  });
+  // Columns: neighbours are a complex number as they lie.
+  ForStretches(width, height, [&](int x, int y, int count, const LineTransform::Work& work, complex* room) {
+    constexpr size_t kBytes = kSides * sizeof(float);
+    std::fill_n(room, kLength * kLanes, complex{});
+    for (int k = begin(y); k < end(y, height); ++k) {
+      std::memcpy(static_cast<void*>(room + static_cast<size_t>(k) * kLanes),
+                  between + (y - reach_ + k) * pitch + x, kBytes);
+    }
+    Filter(room, kLanes, 1, work);
+    for (int k = 0; k < count; ++k) {
+      std::memcpy(to + (y + k) * pitch + x, room + static_cast<size_t>(k + reach_) * kLanes, kBytes);
+    }
+  });
+}
+
+}  // namespace korimg
