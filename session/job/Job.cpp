@@ -46,12 +46,20 @@ Job::Job(JobOptions given) : options(std::move(given)) {
 /// until the job goes on, and the reporter is left alone until then.
 void Job::ShowOperation(ProgressEvent event, std::intptr_t detail) {
   const std::lock_guard lock(reporting_);
+  if (event == ProgressEvent::Open) isOpen_ = true;
+  if (event == ProgressEvent::Close) isOpen_ = false;
   if (thrown_) return;
   try {
     if (event == ProgressEvent::Open && options.ownCaptions && detail) {
       operation_ = Narrow(reinterpret_cast<const wchar_t*>(detail));
     }
-    if (event == ProgressEvent::Step) Progress(operation_, detail, 100);
+    if (event == ProgressEvent::Step) {
+      Progress(operation_, detail, 100);
+      // Operations that can stop half way look for the key; the others go on to their end.
+      if (isOpen_ && options.cancel && options.cancel->IsCancelled()) {
+        PostMessageW(window_, WM_KEYDOWN, VK_ESCAPE, 0);
+      }
+    }
     if (event == ProgressEvent::Close) Progress("", 0, 0);
   } catch (...) {
     thrown_ = std::current_exception();
@@ -104,6 +112,10 @@ void Job::CheckCancelled() const {
 
 HWND Job::OperationWindow(const std::string& title) {
   operation_ = title;
+  MSG key;
+  while (PeekMessageW(&key, WM_KEYDOWN, WM_KEYDOWN)) {
+    // Those that ended the operation before are not for this one.
+  }
   return window_;
 }
 

@@ -120,6 +120,7 @@ class KORIMG_SESSION_API Job {
   std::recursive_mutex reporting_;
   std::atomic<bool> hasFailed_ = false;
   bool inJob_ = false;
+  bool isOpen_ = false;        ///< an operation runs: steps that come late are of one that has ended
   std::exception_ptr thrown_;  ///< by the reporter, while an operation ran
   HWND window_;
   std::string operation_;

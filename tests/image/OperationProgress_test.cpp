@@ -50,6 +50,7 @@
 #include "korimg/restoration/CImgLucy.h"
 #include "korimg/restoration/CImgMem.h"
 #include "korimg/restoration/CImgWiener.h"
+#include "korimg/restoration/CImgWavelet.h"
 
 #include "tests/support/Images.h"
 
@@ -228,6 +229,14 @@ const std::vector<Operation>& Operations() {
        [](Stage& s) {
          CRect found;
          s.Target<CImgSkySelect>().Do(16, nullptr, nullptr, 0, 0, &found, 1);
+       }},
+      {"decomposition", 6181, -1, Steps,
+       [](Stage& s) { s.Target<CImgWavelet>().DoMultiResSubbandDecomposition(s.src.get(), 2, 1); }},
+      {"composition", 6180, -1, Steps,
+       [](Stage& s) {
+         CArray<float, float> gains;
+         gains.SetSize(2);
+         s.Target<CImgWavelet>().DoMultiResSubbandComposition(s.src.get(), 2, 1, &gains, &gains, &gains, 1);
        }},
       {"window", 6191, kLines, Steps, [](Stage& s) { s.Target<CImgWindowing>().Do(0, 30, s.src.get(), 1); }},
       {"hot and cool", 6164, -1, Opens,
