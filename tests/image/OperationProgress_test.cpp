@@ -49,8 +49,8 @@
 #include "korimg/raw/CImgBayerToRgb.h"
 #include "korimg/restoration/CImgLucy.h"
 #include "korimg/restoration/CImgMem.h"
-#include "korimg/restoration/CImgWiener.h"
 #include "korimg/restoration/CImgWavelet.h"
+#include "korimg/restoration/CImgWiener.h"
 
 #include "tests/support/Images.h"
 

@@ -33,8 +33,8 @@ void RunInLongVectors(const F& f) {
   f();
 }
 
-/// The logarithm of base 2 to 1e-15 of the larger of it and 1, for x that is normal and above 0; of others any
-/// number. It has no branches and calls nothing, so that loops of it become vectors.
+/// The logarithm of base 2 to 1e-15 of the larger of it and 1, for x that is normal and above 0; of others
+/// any number. It has no branches and calls nothing, so that loops of it become vectors.
 ///
 /// x is 2^k m with m from sqrt(1/2) to sqrt(2); log m is twice the series s + s^3 / 3 + ... of
 /// s = (m - 1) / (m + 1).

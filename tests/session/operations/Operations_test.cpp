@@ -83,8 +83,8 @@ TEST_F(Table, EveryExampleGivesTheSameOnBothStores) {
     const auto before = Image::Open(job_, first_);
     for (const auto& [partial, requiredOnly] : {std::pair(false, false), {true, false}, {true, true}}) {
       if (partial && !operation.takesRect) continue;
-      if (requiredOnly && operation.name == "dark-flat") continue;  // wants one of them
-      if (requiredOnly && operation.name == "cfa-noise") continue;  // wants a pattern in the header
+      if (requiredOnly && operation.name == "dark-flat") continue;        // wants one of them
+      if (requiredOnly && operation.name == "cfa-noise") continue;        // wants a pattern in the header
       if (requiredOnly && operation.family == "deconvolution") continue;  // measures stars: there are none
       const Step step = Example(operation, requiredOnly);
       CRect rect(13, 5, 90, 60);
