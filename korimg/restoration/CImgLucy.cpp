@@ -32,19 +32,18 @@ class LucyCore {
     frame_.Place(pixels, data_, background_);
     ListNegative();
     Start();
-    Diagnose("Initial chi-sq = %g", ChiSquare());
+    Diagnose("Initial chi-sq = %g", Move(0));
     int done = 0;
     for (double chi = 2; chi > kAim && done < iterations;) {
       showNext(++done);
-      Ratios();
       frame_.Blur(work_, work_);
       if (!step(Blurred)) return false;
       ChooseDirection();
       frame_.Blur(direction_, work_);
       if (!step(Blurred)) return false;
-      Move(SearchAlongDirection());
+      const double factor = SearchAlongDirection();
       if (!step(Corrected)) return false;
-      chi = ChiSquare();
+      chi = Move(factor);
       Diagnose("Iteration %d : chi-sq = %g", done, chi);
       if (chi <= kAim) Diagnose("Total Iterations %d   chi-sq <= %g,  converged", done, kAim);
       if (!step(Compared)) return false;
@@ -94,13 +93,6 @@ class LucyCore {
     frame_.Blur(estimate_, model_);
   }
 
-  void Ratios() {
-    frame_.ForCells([d = data_, m = model_, w = work_, n = noise_](size_t i) KORIMG_IN_LOOP {
-      const float denominator = m[i] + n, numerator = d[i] + n;
-      w[i] = denominator > 0 && numerator > 0 ? numerator / denominator : 0.0f;  // 0 without data
-    });
-  }
-
   /// The plain step E (R - 1), with a share of the direction before.
   void ChooseDirection() {
     const auto gradient = [e = estimate_, w = work_, inverse = weight_](size_t i)
@@ -125,7 +117,7 @@ class LucyCore {
   /// How far the likelihood rises along the direction, whose blur is in work_; Newton's method.
   double SearchAlongDirection() {
     constexpr int kRounds = 4;
-    constexpr double kExact = 1e-3;
+    constexpr double kExact = 1e-2;
     double factor = 1;
     for (int i = 0; i < kRounds; ++i) {
       const auto [slope, curvature] =
@@ -145,24 +137,23 @@ class LucyCore {
     return factor;
   }
 
-  void Move(double factor) {
-    frame_.ForCells([e = estimate_, m = model_, p = direction_, b = work_,
-                     c = static_cast<float>(factor)](size_t i) KORIMG_IN_LOOP {
-      e[i] += c * p[i];
-      m[i] += c * b[i];
-    });
-    constexpr double kLeast = 2, kRoom = 2;
-    most_ = std::max(kLeast, kRoom * factor);
-  }
-
-  double ChiSquare() const {
-    const auto [sum, count] = frame_.Sum<2>(
-        [d = data_, m = model_, n = noise_, g = gain_, v = variance_](size_t i, float* term) KORIMG_IN_LOOP {
-          const float difference = g * (d[i] - m[i]), denominator = (m[i] + n) * g + v;
-          const bool counts = d[i] == d[i] && denominator > 0;
-          term[0] = counts ? difference * difference / denominator : 0.0f;
+  /// Steps along the direction. Answers chi-square there, and leaves in work_ the ratios that the next
+  /// correction is the mean of: 0 without data.
+  double Move(double factor) {
+    const auto [sum, count] =
+        frame_.Sum<2>([d = data_, e = estimate_, m = model_, p = direction_, w = work_, n = noise_, g = gain_,
+                       v = variance_, c = static_cast<float>(factor)](size_t i, float* term) KORIMG_IN_LOOP {
+          e[i] += c * p[i];
+          m[i] += c * w[i];
+          const float numerator = d[i] + n, denominator = m[i] + n;
+          w[i] = denominator > 0 && numerator > 0 ? numerator / denominator : 0.0f;
+          const float difference = g * (d[i] - m[i]), variance = denominator * g + v;
+          const bool counts = d[i] == d[i] && variance > 0;
+          term[0] = counts ? difference * difference / variance : 0.0f;
           term[1] = counts ? 1.0f : 0.0f;
         });
+    constexpr double kLeast = 2, kRoom = 2;
+    if (factor > 0) most_ = std::max(kLeast, kRoom * factor);
     return count > 0 ? sum / count : 0;
   }
 

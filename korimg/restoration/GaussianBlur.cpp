@@ -27,24 +27,8 @@ GaussianBlur::GaussianBlur(double sigma) : transform_(kLength) {
     for (int x = 1; x <= reach_; ++x) {
       sum += 2 * cells[x] * std::cos(2 * std::numbers::pi * k * x / kLength);
     }
-    spectrum_[k] = static_cast<float>(sum / whole / kLength);
+    response_[k] = static_cast<float>(sum / whole / kLength);
   }
-}
-
-/// Transforms eight complex lines there and back.
-void GaussianBlur::Filter(complex* data, int step, int pitch, const LineTransform::Work& work) const {
-  const LineTransform::Lines lines{data, step, pitch, LineTransform::kLanes};
-  transform_.Run(lines, 1, 1.0f, work);
-  RunInLongVectors([=, spectrum = spectrum_.data()]() KORIMG_IN_LOOP {
-    for (int i = 0; i < LineTransform::kLanes; ++i) {
-      for (int k = 0; k < kLength; ++k) {
-        const size_t at = static_cast<size_t>(i) * pitch + static_cast<size_t>(k) * step;
-        data[at].re *= spectrum[k];
-        data[at].im *= spectrum[k];
-      }
-    }
-  });
-  transform_.Run(lines, -1, 1.0f, work);
 }
 
 template <class F>
@@ -55,11 +39,15 @@ void GaussianBlur::ForStretches(int lines, int cells, F&& stretch) const {
     return static_cast<int>(static_cast<long long>(stretches) * worker / workers);
   };
   ForLines(Team::All, 0, workers, [&](int worker) {
-    const LineTransform::Work work(kLength);
+    const LineTransform::Work work(kLength), spectrum(kLength);
     std::vector<complex> room(static_cast<size_t>(kLength) * LineTransform::kLanes);
     for (int i = share(worker); i < share(worker + 1); ++i) {
       const int first = i / across * inner;
-      stretch(i % across * kSides, first, std::min(inner, cells - first), work, room.data());
+      stretch(i % across * kSides, first, std::min(inner, cells - first), room.data(),
+              [&](int step, int pitch) {
+                transform_.Filter({room.data(), step, pitch, LineTransform::kLanes}, response_.data(), work,
+                                  spectrum);
+              });
     }
   });
 }
@@ -71,7 +59,7 @@ void GaussianBlur::Run(const float* from, float* between, float* to, int width, 
   const auto begin = [this](int first) { return std::max(reach_ - first, 0); };
   const auto end = [this](int first, int cells) { return std::min(kLength, cells - first + reach_); };
   // Rows: the second half of the sixteen are imaginary parts.
-  ForStretches(height, width, [&](int y, int x, int count, const LineTransform::Work& work, complex* room) {
+  ForStretches(height, width, [&](int y, int x, int count, complex* room, auto&& filter) {
     std::fill_n(room, kLength * kLanes, complex{});
     for (int i = 0; i < kLanes; ++i) {
       const float* re = from + (y + i) * pitch;
@@ -83,7 +71,7 @@ void GaussianBlur::Run(const float* from, float* between, float* to, int width, 
         }
       });
     }
-    Filter(room, 1, kLength, work);
+    filter(1, kLength);
     for (int i = 0; i < kLanes; ++i) {
       float* re = between + (y + i) * pitch + x;
       float* im = re + kLanes * pitch;
@@ -97,15 +85,20 @@ void GaussianBlur::Run(const float* from, float* between, float* to, int width, 
     }
   });
   // Columns: neighbours are a complex number as they lie.
-  ForStretches(width, height, [&](int x, int y, int count, const LineTransform::Work& work, complex* room) {
+  ForStretches(width, height, [&](int x, int y, int count, complex* room, auto&& filter) {
     constexpr size_t kBytes = kSides * sizeof(float);
+    constexpr int kAhead = 16;
     std::fill_n(room, kLength * kLanes, complex{});
-    for (int k = begin(y); k < end(y, height); ++k) {
+    const int last = end(y, height);
+    for (int k = begin(y); k < last; ++k) {
+      // Each row lies in a page of its own, which no processor foresees.
+      if (k + kAhead < last) __builtin_prefetch(between + (y - reach_ + k + kAhead) * pitch + x);
       std::memcpy(static_cast<void*>(room + static_cast<size_t>(k) * kLanes),
                   between + (y - reach_ + k) * pitch + x, kBytes);
     }
-    Filter(room, kLanes, 1, work);
+    filter(kLanes, 1);
     for (int k = 0; k < count; ++k) {
+      if (k + kAhead < count) __builtin_prefetch(to + (y + k + kAhead) * pitch + x, 1);
       std::memcpy(to + (y + k) * pitch + x, room + static_cast<size_t>(k + reach_) * kLanes, kBytes);
     }
   });

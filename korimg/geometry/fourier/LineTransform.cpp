@@ -209,47 +209,76 @@ LineTransform::LineTransform(int length) : length_(length), places_(length), rev
   }
 }
 
-void LineTransform::Run(const Lines& lines, int sign, float scale, const Work& work) const {
-  Row* rows = work.Rows();
-  const int* places = (sign < 0 ? places_ : reversed_).data();
-  const bool few = lines.count < kLanes || length_ < 4;
+KORIMG_IN_LOOP inline void LineTransform::Load(const Lines& lines, Row* rows) const {
+  if (lines.count < kLanes || length_ < 4) {
+    LoadFew(lines, length_, rows);
+  } else if (lines.step == 1) {
+    LoadAlong(lines, length_, rows);
+  } else {
+    LoadAcross(lines, length_, rows);
+  }
+}
+
+KORIMG_IN_LOOP inline void LineTransform::Store(const Lines& lines, const Row* rows, int sign,
+                                                float scale) const {
+  const int* places = Places(sign);
+  if (lines.count < kLanes || length_ < 4) {
+    StoreFew(lines, length_, rows, places, scale);
+  } else if (lines.step == 1) {
+    StoreAlong(lines, length_, rows, places, scale);
+  } else {
+    StoreAcross(lines, length_, rows, places, scale);
+  }
+}
+
+KORIMG_IN_LOOP inline void LineTransform::Split(Row* rows) const {
   const auto split = [this](Row* part, int rowsOfPart, const Step& step) KORIMG_IN_LOOP {
     for (int first = 0; first < rowsOfPart; first += step.size) {
       SplitByFour(part + first, step.size, roots_.data() + step.roots);
     }
   };
+  size_t next = 0;
+  for (; next < steps_.size() && steps_[next].size > kCached; ++next) {
+    split(rows, length_, steps_[next]);
+  }
+  const int cached = next < steps_.size() ? steps_[next].size : std::min(length_, last_);
+  for (int first = 0; first < length_; first += cached) {
+    Row* part = rows + first;
+    for (size_t i = next; i < steps_.size(); ++i) {
+      split(part, cached, steps_[i]);
+    }
+    for (int k = 0; k < cached && last_ == 4; k += 4) {
+      SplitByFour(part + k, 4, nullptr);
+    }
+    for (int k = 0; k < cached && last_ == 2; k += 2) {
+      SplitByTwo(part[k], part[k + 1]);
+    }
+  }
+}
+
+void LineTransform::Run(const Lines& lines, int sign, float scale, const Work& work) const {
+  Row* rows = work.Rows();
   RunInLongVectors([&]() KORIMG_IN_LOOP {
-    if (few) {
-      LoadFew(lines, length_, rows);
-    } else if (lines.step == 1) {
-      LoadAlong(lines, length_, rows);
-    } else {
-      LoadAcross(lines, length_, rows);
+    Load(lines, rows);
+    Split(rows);
+    Store(lines, rows, sign, scale);
+  });
+}
+
+void LineTransform::Filter(const Lines& lines, const float* response, const Work& work,
+                           const Work& between) const {
+  Row* rows = work.Rows();
+  Row* spectrum = between.Rows();
+  RunInLongVectors([&]() KORIMG_IN_LOOP {
+    Load(lines, rows);
+    Split(rows);
+    for (int k = 0; k < length_; ++k) {
+      Eight re, im;
+      korimg::Load(re, rows[places_[k]].re), korimg::Load(im, rows[places_[k]].im);
+      korimg::Store(spectrum[k].re, re * response[k]), korimg::Store(spectrum[k].im, im * response[k]);
     }
-    size_t next = 0;
-    for (; next < steps_.size() && steps_[next].size > kCached; ++next) {
-      split(rows, length_, steps_[next]);
-    }
-    const int cached = next < steps_.size() ? steps_[next].size : std::min(length_, last_);
-    for (int first = 0; first < length_; first += cached) {
-      Row* part = rows + first;
-      for (size_t i = next; i < steps_.size(); ++i) {
-        split(part, cached, steps_[i]);
-      }
-      for (int k = 0; k < cached && last_ == 4; k += 4) {
-        SplitByFour(part + k, 4, nullptr);
-      }
-      for (int k = 0; k < cached && last_ == 2; k += 2) {
-        SplitByTwo(part[k], part[k + 1]);
-      }
-    }
-    if (few) {
-      StoreFew(lines, length_, rows, places, scale);
-    } else if (lines.step == 1) {
-      StoreAlong(lines, length_, rows, places, scale);
-    } else {
-      StoreAcross(lines, length_, rows, places, scale);
-    }
+    Split(spectrum);
+    Store(lines, spectrum, 1, 1.0f);
   });
 }
 

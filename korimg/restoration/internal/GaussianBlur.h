@@ -29,14 +29,14 @@ class GaussianBlur {
  private:
   static constexpr int kLength = 256;  ///< of a stretch; its lines stay in the nearest cache
 
-  /// Calls stretch(first line, first cell, cells, work, room) for all stretches, on the team.
+  /// Calls stretch(first line, first cell, cells, room, filter) for all stretches, on the team: filter(step,
+  /// pitch) blurs eight complex lines that were put into the room.
   template <class F>
   void ForStretches(int lines, int cells, F&& stretch) const;
-  void Filter(complex* data, int step, int pitch, const LineTransform::Work& work) const;
 
   int reach_;
   LineTransform transform_;
-  std::array<float, kLength> spectrum_;
+  std::array<float, kLength> response_;  ///< of a frequency, over the length
 };
 
 }  // namespace korimg

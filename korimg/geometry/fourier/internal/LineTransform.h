@@ -45,8 +45,16 @@ class LineTransform {
 
   /// Transforms lines in place with the kernel exp(sign 2 pi i jk / length) and multiplies by `scale`.
   void Run(const Lines& lines, int sign, float scale, const Work& work) const;
+  /// Transforms lines in place, multiplies each frequency by that of `response`, and transforms back, all in
+  /// the nearest cache where lines are short. The result is `length` times that of a scaled inverse.
+  void Filter(const Lines& lines, const float* response, const Work& work, const Work& between) const;
 
  private:
+  void Load(const Lines& lines, Row* rows) const;
+  void Split(Row* rows) const;
+  void Store(const Lines& lines, const Row* rows, int sign, float scale) const;
+  const int* Places(int sign) const { return (sign < 0 ? places_ : reversed_).data(); }
+
   struct Step {
     int size;      ///< of the parts that it splits
     size_t roots;  ///< where its roots begin
