@@ -49,6 +49,8 @@
 #include "korimg/raw/CImgBayerToRgb.h"
 #include "korimg/restoration/CImgLucy.h"
 #include "korimg/restoration/CImgMem.h"
+#include "korimg/restoration/CImgRUsm.h"
+#include "korimg/restoration/CImgRttnGrdnt.h"
 #include "korimg/restoration/CImgWavelet.h"
 #include "korimg/restoration/CImgWiener.h"
 
@@ -237,6 +239,14 @@ const std::vector<Operation>& Operations() {
          CArray<float, float> gains;
          gains.SetSize(2);
          s.Target<CImgWavelet>().DoMultiResSubbandComposition(s.src.get(), 2, 1, &gains, &gains, &gains, 1);
+       }},
+      {"rotational gradient", 6176, kLines, Steps,
+       [](Stage& s) { s.Target<CImgRttnGrdnt>().Do(10, 1, 30, 30, s.src.get(), nullptr, 1); }},
+      {"rotational unsharp mask", 6204, kLines, Steps,
+       [](Stage& s) {
+         const int mean = 0;
+         s.Target<CImgRUsm>().Do(10, 1, 9, 0, 30, 30, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, mean, s.src.get(),
+                                 nullptr, 1);
        }},
       {"window", 6191, kLines, Steps, [](Stage& s) { s.Target<CImgWindowing>().Do(0, 30, s.src.get(), 1); }},
       {"hot and cool", 6164, -1, Opens,

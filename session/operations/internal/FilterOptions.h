@@ -57,7 +57,8 @@ struct BandOptions {
   bool IsOpen() const { return !dark && !highlight; }
 };
 
-inline void CheckBand(const Call& call, const BandOptions& band) {
+template <class Band>
+void CheckBand(const Call& call, const Band& band) {
   for (const auto& [side, limit, range] : {std::tuple("dark", &band.dark, &band.darkRange),
                                            {"highlight", &band.highlight, &band.highlightRange}}) {
     if (*range && !*limit) {

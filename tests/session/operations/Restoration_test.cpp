@@ -87,6 +87,42 @@ TEST(Wavelet, WhatHasNoMeaningIsRefused) {
   }
 }
 
+TEST(Rotational, CentresLimitsAndAmounts) {
+  const auto store = MemoryStore();
+  const auto run = [&](const std::string& name, const std::map<std::string, std::string>& values) {
+    Image image = ImageOf(store, 40, 31, Random(100, 900));
+    return Result(image, name, values);
+  };
+  Image plain = ImageOf(store, 40, 31, Random(100, 900));
+  const auto before = Pixels(plain.Pixels());
+  for (const std::string name : {"rotational-gradient", "rotational-unsharp"}) {
+    EXPECT_EQ(run(name, {}), run(name, {{"centre-x", "19.5"}, {"centre-y", "15"}})) << "the middle";
+    EXPECT_NE(run(name, {}), run(name, {{"centre-x", "18"}})) << name;
+    EXPECT_NE(run(name, {}), run(name, {{"centre-y", "18"}})) << name;
+    EXPECT_EQ(run(name, {{"radius-min", "90"}}), before) << name;
+    EXPECT_EQ(run(name, {{"dark", "300"}}), before) << name;
+    EXPECT_EQ(run(name, {{"highlight", "-10"}}), before) << name;
+    EXPECT_EQ(run(name, {{"mark", "1"}, {"dark", "300"}})[15 * 40], 900) << name;
+    EXPECT_THROW(run(name, {{"dark-range", "9"}}), UsageError) << name;
+    const auto brighter = run(name, {{"brighter", "100"}});
+    for (size_t i = 0; i < before.size(); ++i) {
+      ASSERT_GE(brighter[i], before[i] - 1e-3) << name;
+    }
+  }
+  const auto mean = run("rotational-unsharp", {{"mean", "1"}}),
+             twice = run("rotational-unsharp", {{"amount", "2"}});
+  for (size_t i = 0; i < before.size(); ++i) {
+    ASSERT_NEAR(twice[i], before[i] + 2 * (before[i] - mean[i]), 0.01);
+  }
+  EXPECT_NE(run("rotational-unsharp", {{"segments", "2"}}), run("rotational-unsharp", {}));
+  EXPECT_NE(run("rotational-gradient", {{"source", "0"}}), run("rotational-gradient", {}));
+  // Planes 0 and 2 differ by their black.
+  const auto grey = run("rotational-unsharp", {{"grey", "1"}});
+  for (int i = 0; i < 40 * 31; ++i) {
+    ASSERT_NEAR((grey[i] - 100) / 800, (grey[2 * 40 * 31 + i] - 120) / 780, 1e-5);
+  }
+}
+
 TEST(Restoration, CancelledOperationsLeaveTheImageAsItWas) {
   const auto store = MemoryStore();
   for (const auto& [name, values] : std::vector<std::pair<std::string, std::map<std::string, std::string>>>{
