@@ -1,6 +1,7 @@
 // Filters along circles, beside the unsharp mask as it is defined: sines for each place, and each window
 // summed up by itself, one pixel after the other on one thread. That one runs over a few lines, whose time is
 // scaled.
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <numbers>
@@ -21,7 +22,7 @@ constexpr double kAngle = 10, kCentreX = 1500, kCentreY = 1000;
 
 template <class Target>
 struct Images {
-  std::shared_ptr<korimg::CVmManager> store = korimg::CreateContiguousManager();
+  std::shared_ptr<CVmManager> store = korimg::CreateContiguousManager();
   std::shared_ptr<CVelImage> source =
       korimg::test::Make(store, kWidth, kHeight, 1, korimg::test::Random(100, 900));
   std::shared_ptr<Target> target =
