@@ -75,23 +75,40 @@ class ArcMeans {
     }
     count_ = 0;
     RunInLongVectors([=, this, &u, &v]() KORIMG_IN_LOOP {
-      const PlanePixels pixels = pixels_;
-      const double right = pixels.width - 1, bottom = pixels.height - 1;
+      const PlanePixels from = pixels_;
+      const double centreX = centreX_, centreY = centreY_, right = from.width - 1, bottom = from.height - 1;
+      const int lastX = from.lastX, lastY = from.lastY;
       float* next = samples_.data();
       for (int i = 0; i < places; i += kLanes) {
-        float values[kLanes];
-        int inside[kLanes];
+        double a[kLanes], b[kLanes], outside[kLanes];
+        int ix[kLanes], iy[kLanes];
         for (int l = 0; l < kLanes; ++l) {
-          const double x = u[l] + centreX_, y = v[l] + centreY_;
-          inside[l] = x >= 0 && x < pixels.width && y >= 0 && y < pixels.height;
-          values[l] = pixels.At(std::clamp(x, 0.0, right), std::clamp(y, 0.0, bottom));
+          const double x = u[l] + centreX, y = v[l] + centreY;
+          const double insideX = std::min(std::max(x, 0.0), right),
+                       insideY = std::min(std::max(y, 0.0), bottom);
+          ix[l] = std::min(static_cast<int>(insideX), lastX);
+          iy[l] = std::min(static_cast<int>(insideY), lastY);
+          a[l] = insideX - ix[l];
+          b[l] = insideY - iy[l];
+          outside[l] = x < 0 || y < 0 || x >= right + 1 || y >= bottom + 1 ? 1.0 : 0.0;
           const double turned = u[l] * cos + v[l] * sin;
           v[l] = v[l] * cos - u[l] * sin;
           u[l] = turned;
         }
+        float p[kLanes], beside[kLanes], below[kLanes], across[kLanes], values[kLanes];
+        for (int l = 0; l < kLanes; ++l) {
+          const float* const pixel = from.Row(iy[l]) + ix[l];
+          p[l] = pixel[0];
+          beside[l] = pixel[from.right];
+          below[l] = pixel[from.below];
+          across[l] = pixel[from.below + from.right];
+        }
+        for (int l = 0; l < kLanes; ++l) {
+          values[l] = PlanePixels::Blend(a[l], b[l], p[l], beside[l], below[l], across[l]);
+        }
         for (int l = 0; l < std::min(kLanes, places - i); ++l) {
           *next = values[l];
-          next += inside[l];
+          next += outside[l] == 0;
         }
       }
       count_ = static_cast<int>(next - samples_.data());
@@ -169,7 +186,7 @@ void CImgRUsm::Do(double angle, double strength, int segments, double centreX, d
     const LevelBand band = limits.Band(*src, p);
     ForLines(Team::All, window.top, window.bottom, [&](int y) {
       ArcMeans means(plane.view, centreX, centreY, Radians(angle), segments);
-      const float* in = plane.view.pixels + static_cast<std::ptrdiff_t>(y) * plane.view.width;
+      const float* in = plane.view.Row(y);
       float* out = target->GetWritableLine(0, y, p);
       const double dy = y - centreY;
       for (int x = window.left; x < window.right; ++x) {

@@ -20,7 +20,7 @@ void Differentiate(CVelImage& target, double angle, double k, double centreX, do
     const auto at = [&](double x, double y) { return pixels.Contains(x, y) ? pixels.At(x, y) : 0.0f; };
     const auto become = finish(p);
     ForLines(Team::All, window.top, window.bottom, [&](int y) {
-      const float* in = pixels.pixels + static_cast<std::ptrdiff_t>(y) * pixels.width;
+      const float* in = pixels.Row(y);
       float* out = target.GetWritableLine(0, y, p);
       const double dy = y - centreY;
       for (int x = window.left; x < window.right; ++x) {

@@ -15,27 +15,30 @@ inline double Radians(double degrees) {
   return degrees * (std::numbers::pi / 180);
 }
 
-/// The pixels of a plane, which stay where they are.
+/// The pixels of a plane, which stay where they are, and the steps from one to the next.
 struct PlanePixels {
   const float* pixels;
   int width, height;
+  int lastX = std::max(width - 2, 0), lastY = std::max(height - 2, 0);  ///< that have a next one, if any has
+  std::ptrdiff_t right = width > 1, below = height > 1 ? width : 0;
 
   bool Contains(double x, double y) const { return x >= 0 && x < width && y >= 0 && y < height; }
+  const float* Row(int y) const { return pixels + static_cast<std::ptrdiff_t>(y) * width; }
   /// Bilinear, of a place within. Up to a pixel beyond the last column and row, the last two of them are
   /// drawn on as they lie.
-  KORIMG_IN_LOOP float At(double x, double y) const {
-    const int ix = std::max(x < width - 1 ? static_cast<int>(x) : width - 2, 0);
-    const int iy = std::max(y < height - 1 ? static_cast<int>(y) : height - 2, 0);
-    const double a = x - ix, b = y - iy, ab = a * b;
-    const float* const p = pixels + static_cast<std::ptrdiff_t>(iy) * width + ix;
-    const std::ptrdiff_t right = ix + 1 < width, below = iy + 1 < height ? width : 0;
-    const double blend =
-        (1 - b) * (1 - a) * p[0] + (b - ab) * p[below] + (a - ab) * p[right] + ab * p[below + right];
-    return a == 0 && b == 0 ? p[0] : static_cast<float>(blend);
+  float At(double x, double y) const {
+    const int ix = std::min(static_cast<int>(x), lastX), iy = std::min(static_cast<int>(y), lastY);
+    const float* const p = Row(iy) + ix;
+    return Blend(x - ix, y - iy, p[0], p[right], p[below], p[below + right]);
   }
   /// The same without drawing on: the last column and row go on.
-  KORIMG_IN_LOOP float Clamped(double x, double y) const {
-    return At(std::min(x, width - 1.0), std::min(y, height - 1.0));
+  float Clamped(double x, double y) const { return At(std::min(x, width - 1.0), std::min(y, height - 1.0)); }
+
+  /// Of a pixel, those to its right and below, and the one across.
+  KORIMG_IN_LOOP static float Blend(double a, double b, double p, double right, double below, double across) {
+    const double ab = a * b;
+    const double blend = (1 - b) * (1 - a) * p + (b - ab) * below + (a - ab) * right + ab * across;
+    return static_cast<float>(a + b > 0 ? blend : p);
   }
 };
 
