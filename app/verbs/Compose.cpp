@@ -49,10 +49,7 @@ void AddCompose(CLI::App& app, Tool& tool) {
       "the files; sky lies far below the noise of the sky, one range for all colours; auto takes sky for "
       "lrgb");
   AddChoice(*verb, "--kernel", options->kernel, kKernels, "how sources are read between their pixels");
-  AddChoice(*verb, "--store", options->paged, {{"contiguous", false}, {"paged", true}},
-            "contiguous or paged");
-  AddChoice(*verb, "--bits", options->integers, {{"float", false}, {"16", true}},
-            "float or 16, for FITS and TIFF");
+  AddImageOptions(*verb, options->paged, options->integers);
   verb->add_option("--hdu", options->hdu, "number or name of the FITS extension to read, of all images");
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {

@@ -59,10 +59,7 @@ void AddComposite(CLI::App& app, Tool& tool) {
   verb->add_option("--radius", options->radius, "neighbour: pixels to look at on each side")
       ->check(CLI::Range(0, 2));
   verb->add_option("--rect", options->rectText, "LEFT,TOP,RIGHT,BOTTOM: outside of it the first image stays");
-  AddChoice(*verb, "--store", options->paged, {{"contiguous", false}, {"paged", true}},
-            "contiguous or paged");
-  AddChoice(*verb, "--bits", options->integers, {{"float", false}, {"16", true}},
-            "float or 16, for FITS and TIFF");
+  AddImageOptions(*verb, options->paged, options->integers);
   verb->add_option("--hdu", options->hdu, "number or name of the FITS extension to read, of both images");
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {

@@ -127,6 +127,11 @@ void AddVersion(CLI::App& app, Tool& tool) {
   });
 }
 
+void AddImageOptions(CLI::App& verb, bool& paged, bool& integers) {
+  AddChoice(verb, "--store", paged, {{"contiguous", false}, {"paged", true}}, "contiguous or paged");
+  AddChoice(verb, "--bits", integers, {{"float", false}, {"16", true}}, "float or 16, for FITS and TIFF");
+}
+
 void AddCommonOptions(CLI::App& verb, Tool& tool) {
   CommonOptions& options = tool.options;
   verb.add_option("--threads", options.threads, "Threads of loops and pipelines")

@@ -36,6 +36,9 @@ void AddStack(CLI::App& app, Tool& tool);
 /// Adds the options that all verbs take.
 void AddCommonOptions(CLI::App& verb, Tool& tool);
 
+/// Adds the options that say where images live, and of how many bits the output is.
+void AddImageOptions(CLI::App& verb, bool& paged, bool& integers);
+
 /// Adds the options of calibration but the frames themselves.
 void AddCalibrationOptions(CLI::App& verb, CalibrateOptions& options);
 

@@ -17,8 +17,7 @@ namespace {
 using Box = CImgGradient::Box;
 using Options = CImgGradient::Options;
 
-constexpr double kSigmas = 1.482602218505602;  // of a normal distribution in its median distance
-constexpr int kPlaneNumbers = 3;               // of 1, u and v
+constexpr int kPlaneNumbers = 3;  // of 1, u and v
 
 /// The median of a square's finite pixels in every step-th line, `rounds` times without what lies 3
 /// deviations off; NaN when less than half of the pixels are finite.
@@ -36,7 +35,7 @@ double LevelOf(CVelImage& image, int plane, int left, int top, int size, int ste
     distances.resize(pixels.size());
     std::transform(pixels.begin(), pixels.end(), distances.begin(),
                    [level](float v) { return std::abs(v - level); });
-    const auto reach = static_cast<float>(3 * kSigmas) * UpperMedian(distances);
+    const auto reach = static_cast<float>(3 * kSigmasOfMedianDistance) * UpperMedian(distances);
     std::erase_if(pixels, [=](float v) { return std::abs(v - level) > reach; });
     level = UpperMedian(pixels);
   }
@@ -217,7 +216,7 @@ bool FindSky(std::vector<Box>& boxes, int planes, SmoothSurface surface, double 
     }
     if (below.empty()) break;
     // Of the darker side alone: nebulae are on the other.
-    spread = kSigmas * UpperMedian(below);
+    spread = kSigmasOfMedianDistance * UpperMedian(below);
     for (size_t k = 0; k < count; ++k) {
       const double r = spread > 0 ? above[k] / (tolerance * spread) : 0;
       weights[k] = r > 0 ? 1 / ((1 + r * r) * (1 + r * r)) : 1;

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "korimg/image/internal/Frame.h"
+#include "korimg/image/Loan.h"
 #include "korimg/levels/CImgAutoStretch.h"
 #include "korimg/platform/CRegistry.h"
 

@@ -1,7 +1,6 @@
 #include "korimg/colour/CImgLrgbCmpst.h"
 
 #include <algorithm>
-#include <vector>
 
 #include "korimg/colour/internal/Channels.h"
 #include "korimg/colour/internal/LabRows.h"
@@ -10,25 +9,22 @@ using namespace korimg;
 
 namespace {
 
-/// A line of colours or of Lab.
-struct Rows {
-  std::vector<double> planes[3];
+/// Colours or Lab of a part of a line, which lie in the first-level cache together.
+struct Colours {
+  int count;
+  double planes[3][kColourChunk];
 
-  explicit Rows(int width) {
-    for (auto& plane : planes) {
-      plane.resize(width);
-    }
-  }
-  int Width() const { return static_cast<int>(planes[0].size()); }
+  explicit Colours(int count) : count(count) {}  // NOLINT: all of it is written
+
   template <class F>
   void Convert(const F& convert) {
-    convert(planes[0].data(), planes[1].data(), planes[2].data(), Width());
+    convert(planes[0], planes[1], planes[2], count);
   }
   /// Replaces each value by map(value).
   template <class F>
   void Map(const F& map) {
     for (auto& plane : planes) {
-      std::transform(plane.begin(), plane.end(), plane.begin(), map);
+      std::transform(plane, plane + count, plane, map);
     }
   }
 };
@@ -39,10 +35,10 @@ double ShareOfWhite(double v) {
   return (high < 0 ? 0 : high) * (1 / 255.0);
 }
 
-/// Fills a line with an image's colours from 0 to 255, 0 where it has none.
-void ReadColours(const Channel& from, int useImageCentre, double scale, int left, int y, Rows& line) {
+/// Fills a part of a line with an image's colours from 0 to 255, 0 where it has none.
+void ReadColours(const Channel& from, int useImageCentre, double scale, int left, int y, Colours& line) {
   CVelImage& image = *from.image;
-  const int width = line.Width();
+  const int width = line.count;
   if (CInterp::FormOf(from.dx, from.dy, from.degrees) != CInterp::WholeShift || scale != 1) {
     const double sine = from.Sine(), cosine = from.Cosine();
     for (int x = 0; x < width; ++x) {
@@ -56,8 +52,8 @@ void ReadColours(const Channel& from, int useImageCentre, double scale, int left
   const int begin = static_cast<int>(std::clamp<double>(-first, 0, width)),
             end = static_cast<int>(std::clamp<double>(image.GetWidth() - first, begin, width));
   for (int p = 0; p < 3; ++p) {
-    std::vector<double>& out = line.planes[p];
-    std::fill(out.begin(), out.end(), 0.0);
+    double* const out = line.planes[p];
+    std::fill_n(out, width, 0.0);
     if (!(row >= 0 && row < image.GetHeight()) || begin == end) continue;
     const int plane = from.Plane(p);
     const float* in = image.GetLine(static_cast<int>(first + begin), static_cast<int>(row), plane);
@@ -81,14 +77,15 @@ void CImgLrgbCmpst::WriteColours(CVelImage& luminance, CRect* rect, int show, F&
   const ProgressScope progress(*this, show, kComposing, window.Height());
   if (window.IsEmpty()) return;
   ForLines(Team::All, window.top, window.bottom, [&](int y) {
-    Rows line(window.Width());
-    colours(window.left, y, line);
-    for (int p = 0; p < 3; ++p) {
-      const double levelMin = GetLevelMin(p), range = GetLevelRange(p);
-      float* out = GetWritableLine(window.left, y, p);
-      std::transform(line.planes[p].begin(), line.planes[p].end(), out, [=](double v) {
-        return static_cast<float>(static_cast<float>(v) / 255.0 * range + levelMin);
-      });
+    for (int left = window.left; left < window.right; left += kColourChunk) {
+      Colours line(std::min(kColourChunk, window.right - left));
+      colours(left, y, line);
+      for (int p = 0; p < 3; ++p) {
+        std::transform(line.planes[p], line.planes[p] + line.count, GetWritableLine(left, y, p),
+                       [levelMin = GetLevelMin(p), range = GetLevelRange(p)](double v) {
+                         return static_cast<float>(static_cast<float>(v) / 255.0 * range + levelMin);
+                       });
+      }
     }
     ShowProgress(1);
   });
@@ -100,14 +97,14 @@ void CImgLrgbCmpst::DoLrgb(CVelImage* luminance, double luminanceX, double lumin
                            unsigned int operation, int show) {
   const Channel sources[] = {{luminance, luminanceX, luminanceY, luminanceDegrees},
                              {rgb, rgbX, rgbY, rgbDegrees}};
-  WriteColours(*luminance, rect, show && !mix, [&](int left, int y, Rows& line) {
-    Rows first(line.Width());
+  WriteColours(*luminance, rect, show && !mix, [&](int left, int y, Colours& line) {
+    Colours first(line.count);
     ReadColours(sources[0], useImageCentre, 1.0, left, y, first);
     ReadColours(sources[1], useImageCentre, scale, left, y, line);
     if (mix) {
       for (int p = 0; p < 3; ++p) {
         std::transform(
-            first.planes[p].begin(), first.planes[p].end(), line.planes[p].begin(), line.planes[p].begin(),
+            first.planes[p], first.planes[p] + line.count, line.planes[p], line.planes[p],
             [=](double a, double b) {
               const double difference = std::abs(a - b);
               return operation == 1 ? difference : operation == 2 ? 255.0 - difference : (a + b) * 0.5;
@@ -119,7 +116,7 @@ void CImgLrgbCmpst::DoLrgb(CVelImage* luminance, double luminanceX, double lumin
     line.Map(ShareOfWhite);
     first.Convert(RgbToL);
     line.Convert(RgbToLab);
-    line.planes[0] = first.planes[0];
+    std::copy_n(first.planes[0], line.count, line.planes[0]);
     line.Convert(LabToRgb);
     line.Map([](double v) { return v * 255; });
   });
@@ -136,8 +133,8 @@ void CImgLrgbCmpst::DoLab(CVelImage* luminance, double luminanceX, double lumina
     readers[i].SetBParam(from.image, from.dx, from.dy, from.Sine(), from.Cosine(), i == 0 ? 1.0 : scale,
                          useImageCentre, 0, 0.0f);
   }
-  WriteColours(*luminance, rect, show, [&](int left, int y, Rows& line) {
-    for (int x = 0; x < line.Width(); ++x) {
+  WriteColours(*luminance, rect, show, [&](int left, int y, Colours& line) {
+    for (int x = 0; x < line.count; ++x) {
       line.planes[0][x] = readers[0].GetPixelL(left + x, y);
       readers[1].GetPixelAb(left + x, y, &line.planes[1][x], &line.planes[2][x]);
     }

@@ -7,6 +7,7 @@
 #include "korimg/filters/CFilterProc.h"
 #include "korimg/filters/CImgFilterSpecial.h"
 #include "korimg/filters/internal/FilterLines.h"
+#include "korimg/image/Loan.h"
 #include "korimg/image/internal/Vectors.h"
 #include "korimg/levels/CImgAutoLevel.h"
 #include "korimg/platform/Debug.h"

@@ -218,9 +218,7 @@ void SmoothSky(CVelImage& src, int p, const Window& window, double sigma, float 
 /// and their lines are counted.
 template <class F>
 void RunThroughPlanes(CVelImage& target, CVelImage& src, int p, const Window& window, F&& run) {
-  const auto contiguous = IsContiguous(target) ? target.VmManager()
-                          : IsContiguous(src)  ? src.VmManager()
-                                               : CreateContiguousManager();
+  const auto contiguous = ContiguousStore(target, src);
   StagedPlane input(src, p, *contiguous);
   const int status = WriteThroughPlane(target, p, window, *contiguous,
                                        [&](halide_buffer_t* out) { return run(input, out); });

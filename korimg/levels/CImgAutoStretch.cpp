@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "korimg/calibration/CImgSkySelect.h"
+#include "korimg/image/Loan.h"
 #include "korimg/image/internal/Frame.h"
 #include "korimg/measurement/CImgPixelInfo.h"
 

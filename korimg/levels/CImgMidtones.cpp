@@ -136,7 +136,7 @@ Tones MeasureTones(CVelImage& image, int plane) {
   if (std::isnan(median)) return {};
   Tones tones{(median - min) / range};
   // Shares of a normal distribution within 1 / factor deviations.
-  for (const auto& [share, factor] : {std::pair(0.5, 1.482602218505602), {0.9, 0.6079568319117691}}) {
+  for (const auto& [share, factor] : {std::pair(0.5, kSigmasOfMedianDistance), {0.9, 0.6079568319117691}}) {
     const float distance =
         Quantile(image, plane, share, [median](float v) KORIMG_IN_LOOP { return std::abs(v - median); });
     tones.spread = factor * distance / range;
@@ -146,14 +146,13 @@ Tones MeasureTones(CVelImage& image, int plane) {
 }
 
 Parameters ParametersOf(const Tones& tones) {
-  constexpr double kShadowSpreads = 2.8, kSky = 0.25;
   if (!(tones.spread > 0)) return {};
   if (tones.median > 0.5) {
     const auto [shadow, midtone, highlight] = ParametersOf({1 - tones.median, tones.spread});
     return {1 - highlight, 1 - midtone, 1 - shadow};
   }
-  const double sky = kShadowSpreads * tones.spread, shadow = tones.median - sky;
-  return {shadow, CImgMidtones::Transfer(sky / (1 - std::min(shadow, 0.0)), kSky), 1};
+  const double sky = CImgMidtones::kShadowSpreads * tones.spread, shadow = tones.median - sky;
+  return {shadow, CImgMidtones::Transfer(sky / (1 - std::min(shadow, 0.0)), CImgMidtones::kSky), 1};
 }
 
 }  // namespace

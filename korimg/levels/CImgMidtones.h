@@ -24,6 +24,9 @@ class KORIMG_API CImgMidtones : public CVelImage {
     return lit / (lit + midtone * (1 - x));
   }
 
+  /// What shows a linear sky: black lies so many spreads below its median, which becomes this share of white.
+  static constexpr double kShadowSpreads = 2.8, kSky = 0.25;
+
   /// Parameters for each plane that show a linear image. The median M and the spread s (1.4826 times the
   /// median distance from it) of all finite pixels, as shares of the image's levels, give the shadow M - 2.8
   /// s and the midtone Transfer(M - shadow, 1/4), so that the sky becomes a quarter; the highlight stays at

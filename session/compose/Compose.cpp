@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -13,6 +14,7 @@
 #include "korimg/colour/CImgRgbCmpst.h"
 #include "korimg/composite/stacking/FrameLevels.h"
 #include "korimg/geometry/CImgCrop.h"
+#include "korimg/image/Loan.h"
 #include "korimg/image/internal/Lines.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
@@ -101,8 +103,6 @@ class Composer {
       if (!files::FindMosaic(sources_[i].Info()).name.empty()) {
         throw files::FileError(Name(i), "is an undeveloped mosaic; develop it first");
       }
-    }
-    for (size_t i = 0; i < sources_.size(); ++i) {
       if (!isLab && sources_[i].Planes() == 2) {
         throw UsageError(fmt::format("{}: {} has 2 planes, a and b; lab takes them", name, Name(i)));
       }
@@ -155,85 +155,70 @@ class Composer {
            (options_.levels == LevelsBy::Auto && options_.composition == Composition::Lrgb);
   }
 
-  static constexpr double kMostWhites = 5000.0 / 255 / 1.01;  // a little less than what CImgLrgbCmpst takes
-
-  /// Sets black below the sky, by `depth` for each plane, and one range for all planes.
-  static void SetLevels(CVelImage& image, const FrameLevels& sky, double depth, double range) {
-    for (int p = 0; p < image.GetPlanes(); ++p) {
-      const double black = sky.level[p] - depth;
-      image.SetLevel(p, black, black + (range > 0 ? range : 1));
-    }
-  }
-
-  /// The largest value of any plane above its sky.
-  static double Highest(CVelImage& image, const FrameLevels& sky) {
-    double highest = 0;
-    for (int p = 0; p < image.GetPlanes(); ++p) {
-      const double max = std::get<1>(image.GetMinMax(p));
-      highest = std::max(highest, (std::isfinite(max) ? max : image.GetLevelMax(p)) - sky.level[p]);
-    }
-    return highest;
-  }
-
-  /// How far black lies below the sky of all planes: below all pixels but those far out, such as edges that
-  /// no frame reached.
-  static double Depth(CVelImage& image, const FrameLevels& sky) {
-    constexpr double kLeast = 12, kMost = 50;  // times the noise
+  /// What is measured of an image for its levels.
+  struct Sky {
+    FrameLevels levels;
+    double highest = 0;  ///< value of any plane above its sky
+    /// How far black lies below the sky of all planes: below all pixels but those far out, such as edges that
+    /// no frame reached.
     double depth = 0;
-    for (int p = 0; p < image.GetPlanes(); ++p) {
-      const double lowest = sky.level[p] - std::get<0>(image.GetMinMax(p));
-      depth = std::max(depth, std::clamp(lowest, kLeast * sky.noise[p], kMost * sky.noise[p]));
+
+    explicit Sky(CVelImage& image) : levels(MeasureLevels(image)) {
+      constexpr double kLeast = 12, kMost = 50;  // times the noise
+      for (int p = 0; p < image.GetPlanes(); ++p) {
+        const auto [min, max] = FiniteExtremes(image, p);
+        highest = std::max(highest, max - levels.level[p]);
+        depth = std::max(
+            depth, std::clamp(levels.level[p] - min, kLeast * levels.noise[p], kMost * levels.noise[p]));
+      }
     }
-    return depth;
-  }
+    /// Sets black by a depth below the sky of each plane, and one range for all.
+    void SetLevels(CVelImage& image, double below, double range) const {
+      for (int p = 0; p < image.GetPlanes(); ++p) {
+        const double black = levels.level[p] - below;
+        image.SetLevel(p, black, black + (range > 0 ? range : 1));
+      }
+    }
+  };
 
   /// Light of the colours, the mean of the three, in that of the luminance, where this is well above its sky
   /// and not saturated; 1 where there is no such light.
-  double ShareOfLuminance(CVelImage& luminance, const FrameLevels& sky, CVelImage& colours,
-                          const FrameLevels& colourSky) const {
+  double ShareOfLuminance(CVelImage& luminance, const Sky& sky, CVelImage& colours,
+                          const Sky& colourSky) const {
     constexpr double kSigmas = 5, kSaturated = 0.7;
-    const double least = kSigmas * sky.noise[0], most = kSaturated * Highest(luminance, sky);
-    struct Light {
-      double luminance = 0, colours = 0;
-    };
-    Light sum;
-    for (const Light& line : MapLines(0, colours.GetHeight(), [&](int y) {
-           Light light;
+    const double least = kSigmas * sky.levels.noise[0], most = kSaturated * sky.highest;
+    double ofLuminance = 0, ofColours = 0;
+    for (const auto& [lit, coloured] : MapLines(0, colours.GetHeight(), [&](int y) {
+           std::pair<double, double> light;
            const float* first = luminance.GetLine(area_.left, area_.top + y, 0);
-           const std::vector<float> lit(first, first + area_.Width());
+           const std::vector<float> line(first, first + area_.Width());
            for (int p = 0; p < 3; ++p) {
              const float* colour = colours.GetLine(0, y, p);
-             for (size_t x = 0; x < lit.size(); ++x) {
-               const double l = lit[x] - sky.level[0], c = colour[x] - colourSky.level[p];
+             for (size_t x = 0; x < line.size(); ++x) {
+               const double l = line[x] - sky.levels.level[0], c = colour[x] - colourSky.levels.level[p];
                if (!(l > least && l < most) || !std::isfinite(c)) continue;
-               light.luminance += l;
-               light.colours += c;
+               light.first += l;
+               light.second += c;
              }
            }
            return light;
          })) {
-      sum.luminance += line.luminance;
-      sum.colours += line.colours;
+      ofLuminance += lit;
+      ofColours += coloured;
     }
-    return sum.luminance > 0 && sum.colours > 0 ? sum.colours / sum.luminance : 1;
+    return ofLuminance > 0 && ofColours > 0 ? ofColours / ofLuminance : 1;
   }
 
   /// Brings luminance and colours to shares of white that are alike where their light is, with all pixels
   /// within what Lab is made of: black lies far below the noise.
   void SetLevelsBySky(CVelImage& luminance, CVelImage& colours) const {
-    const FrameLevels sky = MeasureLevels(luminance), colourSky = MeasureLevels(colours);
+    constexpr double kMostWhites = 5000.0 / 255 / 1.01;  // a little less than what CImgLrgbCmpst takes
+    const Sky sky(luminance), colourSky(colours);
     const double share = ShareOfLuminance(luminance, sky, colours, colourSky);
-    const double depth = std::max(Depth(luminance, sky), Depth(colours, colourSky) / share);
-    const double highest = std::max(Highest(luminance, sky), Highest(colours, colourSky) / share);
-    const double range = (highest + depth) / kMostWhites;
-    SetLevels(luminance, sky, depth, range);
-    SetLevels(colours, colourSky, share * depth, share * range);
-  }
-
-  void SetLevelsBySky(CVelImage& colours) const {
-    const FrameLevels sky = MeasureLevels(colours);
-    const double depth = Depth(colours, sky);
-    SetLevels(colours, sky, depth, Highest(colours, sky) + depth);
+    const double depth = std::max(sky.depth, colourSky.depth / share);
+    const double range = (std::max(sky.highest, colourSky.highest / share) + depth) / kMostWhites;
+    sky.SetLevels(luminance, depth, range);
+    colourSky.SetLevels(colours, share * depth, share * range);
   }
 
   /// An operation that writes three planes of the first source's size.
@@ -256,16 +241,21 @@ class Composer {
                 places_[s[2]].degrees, 0, options_.kernel, nullptr, more...);
       job_.EndProgress();
     };
+    std::unique_ptr<CVelImage> image;
     if (options_.composition == Composition::Cmy) {
-      auto image = Target<CImgCmyComposit>();
-      call(*image, 0, 1);
-      if (IsBySky()) SetLevelsBySky(*image);
-      return image;
+      auto target = Target<CImgCmyComposit>();
+      call(*target, 0, 1);
+      image = std::move(target);
+    } else {
+      auto target = Target<CImgRgbCmpst>();
+      call(*target, nullptr, 1, CString());
+      image = std::move(target);
     }
-    auto image = Target<CImgRgbCmpst>();
-    call(*image, nullptr, 1, CString());
-    if (options_.composition == Composition::Rgb) {
-      if (IsBySky()) SetLevelsBySky(*image);
+    if (!hasLuminance_) {
+      if (IsBySky()) {
+        const Sky sky(*image);
+        sky.SetLevels(*image, sky.depth, sky.highest + sky.depth);
+      }
       return image;
     }
     if (IsBySky()) SetLevelsBySky(Pixels(0), *image);
@@ -287,11 +277,11 @@ class Composer {
   static void EqualiseSkies(CVelImage& image) {
     const FrameLevels sky = MeasureLevels(image);
     const double percent = 100 / image.GetLevelRange(0);
-    CImgColorBalance balanced;
-    balanced.Swap(&image);
-    balanced.Do(0, (sky.level[0] - sky.level[1]) * percent, (sky.level[0] - sky.level[2]) * percent,
-                &balanced, nullptr, 0);
-    balanced.Swap(&image);
+    {
+      Loan<CImgColorBalance> loan(image);
+      loan.borrower.Do(0, (sky.level[0] - sky.level[1]) * percent, (sky.level[0] - sky.level[2]) * percent,
+                       &loan.borrower, nullptr, 0);
+    }
     for (int p = 1; p < 3; ++p) {
       const double shift = sky.level[0] - sky.level[p];
       image.SetLevel(p, image.GetLevelMin(p) + shift, image.GetLevelMax(p) + shift);
@@ -304,11 +294,10 @@ class Composer {
       header.Remove(key);
     }
     files::DropGain(header);
-    std::string text =
-        fmt::format("korimg {} compose {} --kernel {} --levels {} --background {}", Version(),
-                    NameOf(kCompositions, options_.composition), NameOf(kKernels, options_.kernel),
-                    NameOf(kLevelsBy, options_.levels), NameOf(kBackgrounds, options_.backgrounds));
-    header.AddHistory(text);
+    header.AddHistory(fmt::format("korimg {} compose {} --kernel {} --levels {} --background {}", Version(),
+                                  NameOf(kCompositions, options_.composition),
+                                  NameOf(kKernels, options_.kernel), NameOf(kLevelsBy, options_.levels),
+                                  NameOf(kBackgrounds, options_.backgrounds)));
     for (size_t i = 0; i < sources_.size(); ++i) {
       const std::string filter = FilterOf(sources_[i].Header());
       header.AddHistory(fmt::format("{}{}: dx {:.3f} dy {:.3f} turned {:.4f}", Name(i),
@@ -358,9 +347,6 @@ class Composer {
     auto trimmed = std::make_unique<CImgCrop>();
     if (!trimmed->Create(*image, nullptr) || !trimmed->Do(rest, image.get(), 0)) {
       throw velora::CVmMemoryAllocationError(kFull);
-    }
-    for (int p = 0; p < 3; ++p) {
-      trimmed->SetLevel(p, image->GetLevelMin(p), image->GetLevelMax(p));
     }
     image = std::move(trimmed);
     area_ =

@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "korimg/image/CImgBright.h"
+#include "korimg/image/Loan.h"
 #include "korimg/image/internal/Numbers.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/platform/CParallel.h"
@@ -60,10 +61,8 @@ void ScalePlanes(CVelImage& image, const double* gains) {
   for (int p = 0; p < image.GetPlanes(); ++p) {
     contrast[p] = static_cast<float>((gains[p] - 1) * kTwice);
   }
-  CImgBright scaled;
-  scaled.Swap(&image);
-  scaled.Do(brightness, contrast, 0, &scaled, nullptr, 0);
-  scaled.Swap(&image);
+  Loan<CImgBright> loan(image);
+  loan.borrower.Do(brightness, contrast, 0, &loan.borrower, nullptr, 0);
 }
 
 std::array<double, 4> GainsByMedians(CVelImage& image, int cfa) {
@@ -72,10 +71,7 @@ std::array<double, 4> GainsByMedians(CVelImage& image, int cfa) {
   const bool unit = image.GetLevelMax(0) <= kUnitWhite;
   if (unit) Calculate(image, Calculation::Multiply, kScale);
   std::array<double, 4> gains;
-  CImgBayerToRgb frame;
-  frame.Swap(&image);
-  frame.GetGain(cfa, gains.data());
-  frame.Swap(&image);
+  Loan<CImgBayerToRgb>(image).borrower.GetGain(cfa, gains.data());
   if (unit) Calculate(image, Calculation::Multiply, 1 / kScale);
   return gains;
 }
@@ -277,10 +273,7 @@ void Development::DevelopBand(CVelImage& band, int trimTop, int trimBottom) {
   bayer.dGamma = options_.gamma;
   bayer.bRoundUp = options_.half;
   bayer.nRoundUpGreen = 2;
-  CImgBayerToRgb developed;
-  developed.Swap(&band);
-  const int done = developed.Do(bayer, 0);
-  developed.Swap(&band);
+  const int done = Loan<CImgBayerToRgb>(band).borrower.Do(bayer, 0);
   if (!done) throw files::FileError(path_, "there is no room to develop it; give --memory");
   if (options_.half && balances) ScalePlanes(band, ByPlane(gains_, cfa_).data());
 }

@@ -76,13 +76,10 @@ std::pair<CPoint, CPoint> RampPoints(double dx, double dy, double x, double y) {
 void Flatten(Call& call, const FlattenOptions& o) {
   CVelImage& image = *call.image;
   image.CalcMinMax();
-  double slope[3], level[3], bottom[3], a[3], b[3], square[3], constant[3];
   const FrameLevels sky = MeasureLevels(image);
-  for (int p = 0; p < 3; ++p) {
-    slope[p] = o.slope[p], bottom[p] = o.bottom[p];
-    a[p] = o.a[p], b[p] = o.b[p], square[p] = o.square[p], constant[p] = o.constant[p];
-    level[p] = o.level ? (*o.level)[p] : sky.level[p];
-  }
+  auto slope = o.slope.For(3), bottom = o.bottom.For(3), a = o.a.For(3), b = o.b.For(3),
+       square = o.square.For(3), constant = o.constant.For(3),
+       level = o.level ? o.level->For(3) : std::vector<double>(sky.level, sky.level + 3);
   double x = o.x.value_or(image.GetWidth() / 2), y = o.y.value_or(image.GetHeight() / 2);
   double dx = std::cos(o.angle * M_PI / 180), dy = std::sin(o.angle * M_PI / 180);
   const int corners = o.x1.has_value() + o.y1.has_value() + o.x2.has_value() + o.y2.has_value();
@@ -102,13 +99,17 @@ void Flatten(Call& call, const FlattenOptions& o) {
   call.Replace<CImgFlat>([&](CImgFlat& target) {
     switch (o.model) {
       case Shape::Ramp:
-        return target.DoFlat(&image, from, to, slope, level, bottom, mode, call.rect, kShow);
+        return target.DoFlat(&image, from, to, slope.data(), level.data(), bottom.data(), mode, call.rect,
+                             kShow);
       case Shape::Plane:
-        return target.DoFlatPoint(&image, a, b, level, bottom, mode, call.rect, kShow);
+        return target.DoFlatPoint(&image, a.data(), b.data(), level.data(), bottom.data(), mode, call.rect,
+                                  kShow);
       case Shape::Bowl:
-        return target.DoParabolic(&image, centre, slope, level, bottom, mode, call.rect, kShow);
+        return target.DoParabolic(&image, centre, slope.data(), level.data(), bottom.data(), mode, call.rect,
+                                  kShow);
       case Shape::Paraboloid:
-        return target.DoParabolicPoint(&image, square, a, b, constant, bottom, mode, call.rect, kShow);
+        return target.DoParabolicPoint(&image, square.data(), a.data(), b.data(), constant.data(),
+                                       bottom.data(), mode, call.rect, kShow);
     }
   });
 }
@@ -126,16 +127,9 @@ void SelfFlat(Call& call, const SelfFlatOptions& o) {
       [&](CImgSelfFlat& target) { target.Do(o.radius, o.cap, call.image.get(), nullptr, kShow); });
 }
 
-struct GradientOptions {
-  CImgGradient::Surface surface = CImgGradient::ThinPlate;
-  CImgGradient::Result result = CImgGradient::Subtracted;
-  int degree = 2, boxes = 16, size = 0;
-  double smoothing = 0.5, tolerance = 3;
-};
+using GradientOptions = CImgGradient::Options;
 
-void Gradient(Call& call, const GradientOptions& o) {
-  const CImgGradient::Options options{o.surface, o.degree,    o.smoothing, o.boxes,
-                                      o.size,    o.tolerance, o.result};
+void Gradient(Call& call, const GradientOptions& options) {
   call.Replace<CImgGradient>([&](CImgGradient& target) {
     if (!target.Do(options, call.image.get(), kShow)) {
       throw UsageError(

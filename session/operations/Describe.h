@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "korimg/image/Exceptions.h"
+#include "korimg/image/Loan.h"
 
 #include "session/Export.h"
 #include "session/job/Job.h"
@@ -57,11 +58,9 @@ class KORIMG_SESSION_API Call {
   /// Works on the image in place by the members of an operation object.
   template <class Worker, class F>
   void InPlace(F&& work) {
-    Worker worker;
-    worker.Swap(image.get());
-    worker.SetProgressHandle(Window());
-    work(worker);
-    worker.Swap(image.get());
+    Loan<Worker> loan(*image);
+    loan.borrower.SetProgressHandle(Window());
+    work(loan.borrower);
   }
 
   /// Another image, in the same store where it comes from a file. It must have the size of this one, and its

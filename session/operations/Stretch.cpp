@@ -12,6 +12,7 @@
 #include "korimg/levels/CImgMidtones.h"
 
 #include "session/operations/Describe.h"
+#include "session/picture/Images.h"
 
 namespace korimg::session {
 namespace {
@@ -99,8 +100,8 @@ struct StretchOptions {
 void WidenLevels(CVelImage& image) {
   double factor = 1;
   for (int p = 0; p < image.GetPlanes(); ++p) {
-    const double max = std::get<1>(image.GetMinMax(p)), range = image.GetLevelRange(p);
-    if (std::isfinite(max) && range > 0) factor = std::max(factor, (max - image.GetLevelMin(p)) / range);
+    const double max = FiniteExtremes(image, p).second, range = image.GetLevelRange(p);
+    if (range > 0) factor = std::max(factor, (max - image.GetLevelMin(p)) / range);
   }
   for (int p = 0; p < image.GetPlanes(); ++p) {
     image.SetLevelMax(p, image.GetLevelMin(p) + image.GetLevelRange(p) * factor);

@@ -1,40 +1,39 @@
 #include "session/picture/AutoPicture.h"
 
 #include <algorithm>
-#include <cmath>
 #include <limits>
 
 #include "korimg/composite/stacking/FrameLevels.h"
+#include "korimg/image/Loan.h"
 #include "korimg/levels/CImgAutoLevel.h"
 #include "korimg/levels/CImgMidtones.h"
 
 namespace korimg::session {
 
 Levels StretchForPicture(CVelImage& image, bool linked) {
-  constexpr double kShadowSpreads = 2.8, kSky = 0.25;
   const int planes = std::min(image.GetPlanes(), 3);
   const FrameLevels sky = MeasureLevels(image);
   double lowest = std::numeric_limits<double>::infinity(), highest = -lowest, level = 0, spread = 0;
   for (int p = 0; p < planes; ++p) {
-    const auto [min, max] = image.GetMinMax(p);
-    lowest = std::min<double>(lowest, min);
-    highest = std::max<double>(highest, max);
+    const auto [min, max] = FiniteExtremes(image, p);
+    lowest = std::min(lowest, min);
+    highest = std::max(highest, max);
     level += sky.level[p] / planes;
     spread += sky.spread[p] / planes;
   }
   Levels levels;
-  if (!(highest > lowest) || !std::isfinite(highest - lowest)) lowest = level - 1, highest = level + 1;
+  if (!(highest > lowest)) lowest = level - 1, highest = level + 1;
   std::fill(levels.min, levels.min + 3, lowest);
   std::fill(levels.max, levels.max + 3, highest);
   // A sky is narrow in its range; where there are no stars its noise is all there is, and is to stay dark.
   constexpr double kNarrow = 6, kLeastRange = 8;
-  const double depth = kShadowSpreads * spread;
+  const double depth = CImgMidtones::kShadowSpreads * spread;
   if (!(depth > 0) || highest - lowest < kNarrow * spread) return levels;
   const double range = std::max(highest - (level - depth), kLeastRange * depth);
   for (int p = 0; p < planes; ++p) {
     levels.min[p] = (linked ? level : sky.level[p]) - depth;
     levels.max[p] = levels.min[p] + range;
-    levels.midtone[p] = CImgMidtones::Transfer(depth / range, kSky);
+    levels.midtone[p] = CImgMidtones::Transfer(depth / range, CImgMidtones::kSky);
   }
   return levels;
 }
@@ -48,8 +47,8 @@ Levels LevelForPicture(CVelImage& image, LevelMethod method) {
     }
     return levels;
   }
-  CImgAutoLevel levels;
-  levels.Swap(&image);
+  Loan<CImgAutoLevel> loan(image);
+  CImgAutoLevel& levels = loan.borrower;
   if (method == LevelMethod::Normal) levels.DoByNormal(0.01, 0.997, 0, nullptr);
   if (method == LevelMethod::Mean) levels.DoByMean(1, 4, 0, nullptr);
   if (method == LevelMethod::Median) levels.DoByMedian(1, 4, 0, nullptr);
@@ -67,8 +66,7 @@ Levels LevelForPicture(CVelImage& image, LevelMethod method) {
     if (!(levels.GetLevelRange(p) > 0))
       levels.SetLevel(p, levels.GetLevelMin(p) - 1, levels.GetLevelMin(p) + 1);
   }
-  levels.Swap(&image);
-  return Levels(image);
+  return Levels(levels);
 }
 
 void LevelForPreview(CVelImage& image, int side) {

@@ -10,6 +10,7 @@
 
 #include "korimg/geometry/CImgFlip.h"
 #include "korimg/image/CImgCalculation.h"
+#include "korimg/image/Loan.h"
 #include "korimg/image/internal/Lines.h"
 #include "korimg/levels/CImgMidtones.h"
 #include "korimg/platform/Debug.h"
@@ -41,8 +42,20 @@ void FillPicture(Job& job, CVelImage& image, const std::string& title, PictureSa
   saver.Commit();
 }
 
-/// The smallest and the largest finite pixel of a plane; the smallest is above the largest when there is
-/// none.
+Shape ShapeOf(const CVelImage& image) {
+  return {image.GetWidth(), image.GetHeight(), image.GetPlanes()};
+}
+
+}  // namespace
+
+long long BytesOf(const files::ImageInfo& info) {
+  return 4LL * info.width * info.height * info.planes;
+}
+
+int BandRows(int width, int planes, int height) {
+  return static_cast<int>(std::clamp<long long>(kBandBytes / (4LL * width * planes), 1, height));
+}
+
 std::pair<double, double> FiniteExtremes(CVelImage& image, int plane) {
   const auto [least, most] = image.GetMinMax(plane);
   if (std::isfinite(least) && std::isfinite(most)) return {least, most};
@@ -60,20 +73,6 @@ std::pair<double, double> FiniteExtremes(CVelImage& image, int plane) {
     all = {std::min(all.first, low), std::max(all.second, high)};
   }
   return all;
-}
-
-Shape ShapeOf(const CVelImage& image) {
-  return {image.GetWidth(), image.GetHeight(), image.GetPlanes()};
-}
-
-}  // namespace
-
-long long BytesOf(const files::ImageInfo& info) {
-  return 4LL * info.width * info.height * info.planes;
-}
-
-int BandRows(int width, int planes, int height) {
-  return static_cast<int>(std::clamp<long long>(kBandBytes / (4LL * width * planes), 1, height));
 }
 
 void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack) {
@@ -148,10 +147,8 @@ void ReadHeader(const files::ImageInfo& info, CHeader& camera) {
 }
 
 void Calculate(CVelImage& image, Calculation operation, double value) {
-  CImgCalculation result;
-  result.Swap(&image);
-  result.Do(value, static_cast<int>(operation), 0, &result, nullptr, 0);
-  result.Swap(&image);
+  Loan<CImgCalculation> loan(image);
+  loan.borrower.Do(value, static_cast<int>(operation), 0, &loan.borrower, nullptr, 0);
 }
 
 Levels::Levels(const CVelImage& image) {
@@ -328,13 +325,15 @@ void PictureSaver::Commit() {
 
 void ShowByLevels(CVelImage& image, const Levels& levels) {
   for (int p = 0; p < image.GetPlanes(); ++p) {
-    const auto min = static_cast<float>(levels.min[p]),
-               range = static_cast<float>(levels.max[p] - levels.min[p]),
+    const auto min = static_cast<float>(levels.min[p]), max = static_cast<float>(levels.max[p]),
                midtone = static_cast<float>(levels.midtone[p]);
+    const bool isLinear = midtone == 0.5f;
     ForLines(Team::All, 0, image.GetHeight(), [&](int y) {
       float* line = image.GetWritableLine(0, y, p);
       for (int x = 0, width = image.GetWidth(); x < width; ++x) {
-        line[x] = Shown((line[x] - min) / range, midtone) * range + min;
+        const float v = line[x] > min ? line[x] : min;
+        line[x] =
+            isLinear ? (v < max ? v : max) : Shown((v - min) / (max - min), midtone) * (max - min) + min;
       }
     });
   }

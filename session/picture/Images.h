@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "korimg/image/CVelImage.h"
@@ -20,6 +21,10 @@ KORIMG_SESSION_API long long BytesOf(const files::ImageInfo& info);
 
 /// Rows of a band of about 4 MiB.
 KORIMG_SESSION_API int BandRows(int width, int planes, int height);
+
+/// The smallest and the largest finite pixel of a plane; the smallest is above the largest when there is
+/// none.
+KORIMG_SESSION_API std::pair<double, double> FiniteExtremes(CVelImage& image, int plane);
 
 /// Gives the pixels of a file the levels that Image::Open does; `lessBlack` as they were read.
 KORIMG_SESSION_API void SetLevels(CVelImage& image, const files::ImageInfo& info, bool lessBlack);

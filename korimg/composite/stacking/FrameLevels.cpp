@@ -7,12 +7,6 @@
 #include "korimg/image/internal/Numbers.h"
 
 namespace korimg {
-namespace {
-
-constexpr double kSigmas = 1.482602218505602;  // of a normal distribution in its median distance
-
-}  // namespace
-
 FrameLevels MeasureLevels(CVelImage& image) {
   constexpr int kSample = 60000;
   FrameLevels result;
@@ -37,9 +31,9 @@ FrameLevels MeasureLevels(CVelImage& image) {
       v = static_cast<float>(std::abs(v - level));
     }
     result.level[p] = level;
-    result.spread[p] = kSigmas * UpperMedian(values);
+    result.spread[p] = kSigmasOfMedianDistance * UpperMedian(values);
     // Of a difference to a mean of two: 1 + 1/2 times the variance of a pixel.
-    result.noise[p] = kSigmas * UpperMedian(distances) / std::sqrt(1.5);
+    result.noise[p] = kSigmasOfMedianDistance * UpperMedian(distances) / std::sqrt(1.5);
   }
   return result;
 }

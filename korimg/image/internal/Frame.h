@@ -69,24 +69,22 @@ bool MayRunPipelines(const Images&... images) {
   return (IsContiguous(images) && ...);
 }
 
+/// A store for contiguous planes beside images: that of the first one whose planes are, else a new one.
+template <class... Images>
+std::shared_ptr<CVmManager> ContiguousStore(Images&... images) {
+  std::shared_ptr<CVmManager> store;
+  for (CVelImage* image : {static_cast<CVelImage*>(&images)...}) {
+    if (!store && IsContiguous(*image)) store = image->VmManager();
+  }
+  return store ? store : CreateContiguousManager();
+}
+
 /// The processor offers the vector forms of the line loops, which run on the whole team.
 bool HasVectors();
 
 /// Gives a work image the record, shape and kind of store of another, with all pixels 0. Throws
 /// velora::CVmMemoryAllocationError when there is no room.
 void MakeWorkImage(CVelImage& work, const CVelImage& like);
-
-/// Lends an image's pixels to an operation's object that measures them or works on them, for a scope.
-template <class Borrower>
-struct Loan {
-  CVelImage& owner;
-  Borrower borrower;
-
-  explicit Loan(CVelImage& image) : owner(image) { borrower.Swap(&owner); }
-  ~Loan() { borrower.Swap(&owner); }
-  Loan(const Loan&) = delete;
-  Loan& operator=(const Loan&) = delete;
-};
 
 /// Opens the progress display of an operation, and closes it on every way out.
 class ProgressScope {

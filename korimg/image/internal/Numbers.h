@@ -40,6 +40,9 @@ inline float FromSortKey(std::uint32_t key) {
   return std::bit_cast<float>(key >> 31 ? key & ~(1u << 31) : ~key);
 }
 
+/// A normal distribution's standard deviation in its median distance from the middle.
+inline constexpr double kSigmasOfMedianDistance = 1.482602218505602;
+
 /// The median of numbers without NaN, which change places: of an even count the upper one of the middle two,
 /// of none `none`.
 template <class T>

@@ -49,7 +49,7 @@ struct SteadyPlane {
   PlanePixels view;
 
   SteadyPlane(CVelImage& image, int plane)
-      : store(IsContiguous(image) ? image.VmManager() : CreateContiguousManager()),
+      : store(ContiguousStore(image)),
         whole(image, plane, *store),
         view{reinterpret_cast<const float*>(static_cast<halide_buffer_t*>(whole)->host), image.GetWidth(),
              image.GetHeight()} {}

@@ -43,11 +43,6 @@ void ShowStage(CVelImage& image, int show, int text, int plane, Values... values
   image.ShowProgressMsg(line);
 }
 
-/// The store for temporary planes beside an image.
-inline std::shared_ptr<CVmManager> StoreBeside(CVelImage& image) {
-  return IsContiguous(image) ? image.VmManager()->shared_from_this() : CreateContiguousManager();
-}
-
 /// Calls restore(plane, pixels, store) with a copy of each plane's window, which it works on and answers
 /// false when it was cancelled. The image takes the copies over when all planes are done, except for what is
 /// no finite number, which stays. Answers 1, else 0 after a debug line: cancelled, or no room.
@@ -61,7 +56,7 @@ int RestorePlanes(CVelImage& image, const Window& window, F&& restore) {
   if (window.IsEmpty()) return 1;
   const size_t width = window.Width();
   try {
-    const auto store = StoreBeside(image);
+    const auto store = ContiguousStore(image);
     std::deque<TemporaryPlane> planes;
     for (int p = 0; p < image.GetPlanes(); ++p) {
       planes.emplace_back(*store, window.Width(), window.Height());

@@ -261,6 +261,32 @@ TEST_F(ComposeSteps, LuminanceOfGreyColoursStaysAsItIsWithoutLoss) {
             "");
 }
 
+TEST_F(ComposeSteps, SaturatedStarsOfTheLuminanceFadeNoColours) {
+  // Stars are cut off in the luminance alone; a nebula has a third more red than blue.
+  const auto light = [](int p, int x, int y) {
+    const double star = x % 13 == 4 && y % 11 == 5 ? 1e6 : 0, nebula = x > 60 ? 900 : 0;
+    const double shares[] = {1.2, 1, 0.8};
+    return star + nebula * (p < 3 ? shares[p] : 1) + Random(-30, 30, p + 1)(0, x, y);
+  };
+  std::vector<Image> sources;
+  sources.push_back(Make(100, 80, 1, [&](int, int x, int y) { return 500 + std::min(light(3, x, y), 6e4); }));
+  for (int c = 0; c < 3; ++c) {
+    sources.push_back(Make(100, 80, 1, [&, c](int, int x, int y) { return 500 + light(c, x, y) / 4; }));
+  }
+  const Image image =
+      Compose(job_, std::move(sources), {.composition = Composition::Lrgb, .registers = false});
+  double sums[3] = {};
+  for (int p = 0; p < 3; ++p) {
+    for (int y = 0; y < 80; ++y) {
+      for (int x = 0; x < 100; ++x) {
+        if (x % 13 != 4)
+          sums[p] += image.Pixels().GetPixelGrayRaw(x, y, p) * (x > 62 ? 1 / 37.0 : x < 58 ? -1 / 58.0 : 0);
+      }
+    }
+  }
+  EXPECT_NEAR(sums[0] / sums[2], 1.2 / 0.8, 0.1);
+}
+
 TEST_F(ComposeSteps, PlanesOfLabComeBack) {
   const auto rule = Random(100, 900);
   Image colour = Make(45, 31, 3, rule);

@@ -2,38 +2,25 @@
 #include <cmath>
 #include <set>
 #include <sstream>
-
-#include <gtest/gtest.h>
+#include <stdexcept>
 
 #include "korimg/colour/CColor.h"
 #include "korimg/composite/stacking/FrameLevels.h"
 
-#include "session/operations/Describe.h"
-#include "session/operations/Operations.h"
-#include "session/picture/Image.h"
-#include "session/picture/Images.h"
-#include "tests/support/Folder.h"
-#include "tests/support/Images.h"
+#include "tests/session/operations/OperationTest.h"
 
 namespace korimg::session {
 namespace {
 
 using namespace korimg::test;
 
-class Colour : public files::FolderTest {
+class Colour : public OperationTest {
  protected:
   Colour() { job_.options.overwrite = true; }
 
-  Image File(int planes, const PixelRule& rule = Random(150, 850), const std::string& name = "image.fits") {
-    SaveImage(job_, *Make(MemoryStore(), 40, 31, planes, rule), {}, In(name));
-    return Image::Open(job_, In(name));
+  Image File(int planes, const PixelRule& rule = Random(150, 850)) {
+    return Saved(*Make(MemoryStore(), 40, 31, planes, rule));
   }
-  void Apply(Image& image, const std::string& operation, const std::map<std::string, std::string>& values,
-             CRect* rect = nullptr) {
-    Step(FindOperation(operation), values).Run(job_, image, rect);
-  }
-
-  Job job_;
 };
 
 /// The values of an example, whose images are called so with a prefix.
@@ -112,6 +99,16 @@ TEST_F(Colour, InfinitePixelsSpoilNoLevels) {
   EXPECT_NEAR(image->GetLevelMax(1), 600, 1);
 }
 
+TEST_F(Colour, AnOperationThatFailsHalfWayLeavesTheImage) {
+  struct None {};
+  const Operation fails = Describe<None>("fails", "", "").Runs([](Call& call, const None&) {
+    call.InPlace<CVelImage>([](CVelImage&) { throw std::runtime_error("a disk is full"); });
+  });
+  Image before = File(3), image = File(3);
+  EXPECT_THROW(Step(fails, {}).Run(job_, image), std::runtime_error);
+  EXPECT_EQ(Difference(image.Pixels(), before.Pixels()), "");
+}
+
 TEST_F(Colour, MatricesCountFromTheOriginThatIsTold) {
   const std::string matrix = "1.5,-0.25,0;0,1,0;0,-0.5,2";
   struct Case {
@@ -127,7 +124,7 @@ TEST_F(Colour, MatricesCountFromTheOriginThatIsTold) {
   const auto rule = [](int p, int x, int y) { return x + y + p == 0 ? 120 : Random(150, 850)(p, x, y); };
   for (const Case& c : cases) {
     for (OptionalRect rect : {OptionalRect(), OptionalRect(CRect(3, 5, 30, 20))}) {
-      Image before = File(3, rule), image = Image::Open(job_, In("image.fits"));
+      Image before = File(3, rule), image = File(3, rule);
       auto values = c.values;
       values["matrix"] = matrix;
       Apply(image, "colour-matrix", values, Address(rect));
@@ -205,7 +202,7 @@ TEST_F(Colour, ChannelsKeepWhatIsTrueOfThem) {
                                                      {"blue", true, 2, 2},
                                                      {"cyan", false, 1, 2},
                                                      {"yellow", false, 0, 1}}) {
-    Image before = File(3), image = Image::Open(job_, In("image.fits"));
+    Image before = File(3), image = File(3);
     image.Header().Set("GAIN", 1.5, "e-/ADU");
     Apply(image, "separate", {{"channel", channel}});
     EXPECT_EQ(image.Planes(), 1);
@@ -221,7 +218,7 @@ TEST_F(Colour, ChannelsKeepWhatIsTrueOfThem) {
 TEST_F(Colour, PlanesOfLabHaveLevelsOfTheirOwn) {
   for (const auto& [planes, parts] :
        {std::pair("lab", std::vector<int>{0, 1, 2}), {"l", {0}}, {"ab", {1, 2}}}) {
-    Image before = File(3), image = Image::Open(job_, In("image.fits"));
+    Image before = File(3), image = File(3);
     Apply(image, "to-lab", {{"planes", planes}});
     const std::unique_ptr<CVelImage> lab(before.Pixels().MakeLabPlane());
     EXPECT_EQ(Difference(
@@ -263,18 +260,12 @@ TEST_F(Colour, WhatHasNoColoursIsRefused) {
       {3, "colour-matrix", {{"matrix", identity}, {"by", "levels"}, {"origin", "smallest"}}, "leave origin"},
   };
   for (const auto& c : cases) {
-    Image image = File(c.planes);
-    try {
-      Apply(image, c.operation, c.values);
-      ADD_FAILURE() << c.operation << " ran on " << c.planes << " planes";
-    } catch (const UsageError& error) {
-      EXPECT_NE(std::string(error.what()).find(c.says), std::string::npos) << error.what();
-    }
+    ExpectRefused(File(c.planes), c.operation, c.values, c.says);
   }
 }
 
 TEST_F(Colour, AColourImageStaysOneByToColour) {
-  Image before = File(3), image = Image::Open(job_, In("image.fits"));
+  Image before = File(3), image = File(3);
   Apply(image, "to-colour", {});
   EXPECT_EQ(Difference(image.Pixels(), before.Pixels()), "");
 }

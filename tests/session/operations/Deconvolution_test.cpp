@@ -1,20 +1,15 @@
 // What the restorations add to the library's: the point-spread function and the noise of an image itself.
-#include <gtest/gtest.h>
-
-#include "session/operations/Describe.h"
-#include "session/operations/Operations.h"
-#include "session/picture/Image.h"
-#include "session/picture/Images.h"
-#include "tests/support/Folder.h"
-#include "tests/support/Images.h"
+#include "tests/session/operations/OperationTest.h"
 
 namespace korimg::session {
 namespace {
 
 using namespace korimg::test;
 
-class Deconvolution : public files::FolderTest {
+class Deconvolution : public OperationTest {
  protected:
+  Deconvolution() : OperationTest({.report = [this](const Event& event) { told_.push_back(event.text); }}) {}
+
   static constexpr int kWidth = 160, kHeight = 130;
   static constexpr double kSigma = 1.8, kSky = 400, kNoise = 6;
 
@@ -28,22 +23,12 @@ class Deconvolution : public files::FolderTest {
     return sum;
   }
   Image File(const PixelRule& rule, double gain = 0) {
-    const auto image = Make(MemoryStore(), kWidth, kHeight, 1, rule);
     files::Header header;
     if (gain > 0) header.Set("EGAIN", gain);
-    const auto path = In(std::to_string(++count_) + ".fits");
-    SaveImage(job_, *image, header, path);
-    return Image::Open(job_, path);
-  }
-  std::vector<float> Result(Image image, const std::string& operation,
-                            const std::map<std::string, std::string>& values) {
-    Step(FindOperation(operation), values).Run(job_, image);
-    return Pixels(image.Pixels());
+    return Saved(*Make(MemoryStore(), kWidth, kHeight, 1, rule), header);
   }
 
   std::vector<std::string> told_;
-  Job job_{{.report = [this](const Event& event) { told_.push_back(event.text); }}};
-  int count_ = 0;
 };
 
 TEST_F(Deconvolution, TheStarsTellHowBlurredTheyAre) {
@@ -103,12 +88,7 @@ TEST_F(Deconvolution, WhatTellsNothingIsRefused) {
                {"richardson-lucy", {{"sigma", "2"}, {"fwhm", "4"}}, "not both"},
                {"maximum-entropy", {{"sigma", "2"}}, "no noise"}};
   for (const auto& c : cases) {
-    try {
-      Result(File(flat), c.operation, c.values);
-      ADD_FAILURE() << c.operation << " was not refused";
-    } catch (const UsageError& error) {
-      EXPECT_NE(std::string(error.what()).find(c.says), std::string::npos) << error.what();
-    }
+    ExpectRefused(File(flat), c.operation, c.values, c.says);
   }
 }
 
