@@ -106,6 +106,7 @@ TEST_F(Colour, AnOperationThatFailsHalfWayLeavesTheImage) {
   });
   Image before = File(3), image = File(3);
   EXPECT_THROW(Step(fails, {}).Run(job_, image), std::runtime_error);
+  ASSERT_EQ(image.Planes(), 3);
   EXPECT_EQ(Difference(image.Pixels(), before.Pixels()), "");
 }
 
