@@ -76,9 +76,8 @@ class LucyCore {
     frame_.ForCells([=, d = data_, w = work_](size_t i)
                         KORIMG_IN_LOOP { w[i] = d[i] == d[i] ? 1.0f : 0.0f; });
     frame_.Blur(work_, weight_);
-    const auto [sum, count] = frame_.Sum<2>([d = data_](size_t i, float* term) KORIMG_IN_LOOP {
-      term[0] = d[i] > 0 ? d[i] : 0.0f;
-      term[1] = d[i] == d[i] ? 1.0f : 0.0f;
+    const auto [sum, count] = frame_.Sum<2>([d = data_](size_t i) KORIMG_IN_LOOP {
+      return std::array{d[i] > 0 ? d[i] : 0.0f, d[i] == d[i] ? 1.0f : 0.0f};
     });
     const auto mean = static_cast<float>(count > 0 ? sum / count : 0),
                least = static_cast<float>(mean * kLeast);
@@ -96,12 +95,11 @@ class LucyCore {
   /// The plain step E (R - 1), with a share of the direction before.
   void ChooseDirection() {
     const auto gradient = [e = estimate_, w = work_, inverse = weight_](size_t i)
-                              KORIMG_IN_LOOP { return inverse[i] > 0 ? w[i] * inverse[i] - 1 : 0.0f; };
-    const auto [power, slope] = frame_.Sum<2>(
-        [=, e = estimate_, p = direction_, inverse = weight_](size_t i, float* term) KORIMG_IN_LOOP {
-          const float g = gradient(i), weight = inverse[i] > 0 ? 1 / inverse[i] : 0.0f;
-          term[0] = e[i] * g * g * weight;
-          term[1] = p[i] * g * weight;
+                              KORIMG_IN_LOOP { return (w[i] * inverse[i] - 1) * Where(inverse[i] > 0); };
+    const auto [power, slope] =
+        frame_.Sum<2>([=, e = estimate_, p = direction_, inverse = weight_](size_t i) KORIMG_IN_LOOP {
+          const float g = gradient(i), weight = RatioOrZero(1, inverse[i]);
+          return std::array{e[i] * g * g * weight, p[i] * g * weight};
         });
     const double share = power_ > 0 ? power / power_ : 0;
     power_ = power;
@@ -121,12 +119,11 @@ class LucyCore {
     double factor = 1;
     for (int i = 0; i < kRounds; ++i) {
       const auto [slope, curvature] =
-          frame_.Sum<2>([d = data_, m = model_, b = work_, n = noise_, c = static_cast<float>(factor)](
-                            size_t i, float* term) KORIMG_IN_LOOP {
-            const float numerator = d[i] > -n ? d[i] + n : 0.0f, denominator = m[i] + n + c * b[i];
-            const float ratio = denominator > 0 ? b[i] / denominator : 0.0f;
-            term[0] = d[i] == d[i] ? numerator * ratio - b[i] : 0.0f;
-            term[1] = numerator * ratio * ratio;
+          frame_.Sum<2>([d = data_, m = model_, b = work_, n = noise_,
+                         c = static_cast<float>(factor)](size_t i) KORIMG_IN_LOOP {
+            const float numerator = (d[i] > -n ? d[i] : -n) + n, denominator = m[i] + n + c * b[i];
+            const float ratio = RatioOrZero(b[i], denominator), counts = Where(d[i] == d[i]);
+            return std::array{(numerator * ratio - b[i]) * counts, numerator * ratio * ratio};
           });
       const double before = factor;
       if (curvature > 0) factor = std::clamp(factor + slope / curvature, 0.0, most_);
@@ -142,15 +139,14 @@ class LucyCore {
   double Move(double factor) {
     const auto [sum, count] =
         frame_.Sum<2>([d = data_, e = estimate_, m = model_, p = direction_, w = work_, n = noise_, g = gain_,
-                       v = variance_, c = static_cast<float>(factor)](size_t i, float* term) KORIMG_IN_LOOP {
+                       v = variance_, c = static_cast<float>(factor)](size_t i) KORIMG_IN_LOOP {
           e[i] += c * p[i];
           m[i] += c * w[i];
-          const float numerator = d[i] + n, denominator = m[i] + n;
-          w[i] = denominator > 0 && numerator > 0 ? numerator / denominator : 0.0f;
-          const float difference = g * (d[i] - m[i]), variance = denominator * g + v;
-          const bool counts = d[i] == d[i] && variance > 0;
-          term[0] = counts ? difference * difference / variance : 0.0f;
-          term[1] = counts ? 1.0f : 0.0f;
+          const float numerator = (d[i] > -n ? d[i] : -n) + n, denominator = m[i] + n;
+          w[i] = RatioOrZero(numerator, denominator);
+          const float counts = Where(d[i] == d[i]), data = d[i] == d[i] ? d[i] : m[i];
+          const float difference = g * (data - m[i]), variance = denominator * g + v;
+          return std::array{RatioOrZero(difference * difference, variance), counts * Where(variance > 0)};
         });
     constexpr double kLeast = 2, kRoom = 2;
     if (factor > 0) most_ = std::max(kLeast, kRoom * factor);

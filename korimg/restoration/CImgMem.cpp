@@ -137,9 +137,8 @@ class MemEngine {
   /// Begins with the data blurred once more, above 0 everywhere.
   void Start() {
     constexpr double kLeast = 1e-2;  // of the mean
-    const auto [sum, count] = frame_.Sum<2>([d = data_](size_t i, float* term) KORIMG_IN_LOOP {
-      term[0] = d[i] > 0 ? d[i] : 0.0f;
-      term[1] = d[i] == d[i] ? 1.0f : 0.0f;
+    const auto [sum, count] = frame_.Sum<2>([d = data_](size_t i) KORIMG_IN_LOOP {
+      return std::array{d[i] > 0 ? d[i] : 0.0f, d[i] == d[i] ? 1.0f : 0.0f};
     });
     count_ = count;
     constexpr double kNothing = 1e-30;
@@ -157,25 +156,22 @@ class MemEngine {
 
   Subspace Measure() const {
     const auto metric =
-        frame_.Sum<6>([e = estimate_, r = rise_, f = fall_, s = step_](size_t i, float* term) KORIMG_IN_LOOP {
-          term[0] = e[i] * r[i] * r[i];
-          term[1] = e[i] * r[i] * f[i];
-          term[2] = r[i] * s[i];
-          term[3] = e[i] * f[i] * f[i];
-          term[4] = f[i] * s[i];
-          term[5] = s[i] * s[i] / e[i];
+        frame_.Sum<6>([e = estimate_, r = rise_, f = fall_, s = step_](size_t i) KORIMG_IN_LOOP {
+          return std::array{e[i] * r[i] * r[i], e[i] * r[i] * f[i], r[i] * s[i],
+                            e[i] * f[i] * f[i], f[i] * s[i],        s[i] * s[i] / e[i]};
         });
-    const auto curvature = frame_.Sum<7>([d = data_, m = model_, r = byRise_, f = byFall_, s = byStep_,
-                                          w = weight_](size_t i, float* term) KORIMG_IN_LOOP {
-      const float weight = d[i] == d[i] ? w : 0.0f, difference = d[i] == d[i] ? d[i] - m[i] : 0.0f;
-      term[0] = r[i] * r[i] * weight;
-      term[1] = r[i] * f[i] * weight;
-      term[2] = r[i] * s[i] * weight;
-      term[3] = f[i] * f[i] * weight;
-      term[4] = f[i] * s[i] * weight;
-      term[5] = s[i] * s[i] * weight;
-      term[6] = difference * difference * weight;
-    });
+    const auto curvature = frame_.Sum<7>(
+        [d = data_, m = model_, r = byRise_, f = byFall_, s = byStep_, w = weight_](size_t i) KORIMG_IN_LOOP {
+          const float weight = d[i] == d[i] ? w : 0.0f, data = d[i] == d[i] ? d[i] : m[i],
+                      difference = data - m[i];
+          return std::array{r[i] * r[i] * weight,
+                            r[i] * f[i] * weight,
+                            r[i] * s[i] * weight,
+                            f[i] * f[i] * weight,
+                            f[i] * s[i] * weight,
+                            s[i] * s[i] * weight,
+                            difference * difference * weight};
+        });
     const auto symmetric = [](const auto& v) {
       return Matrix{Vector{v[0], v[1], v[2]}, Vector{v[1], v[3], v[4]}, Vector{v[2], v[4], v[5]}};
     };
@@ -210,8 +206,7 @@ class MemEngine {
     Vector x = space.Largest(std::exp(high));
     // The forms above hold as far as cells change by a share of themselves.
     constexpr double kTrusted = 0.3;
-    const auto [light] =
-        frame_.Sum<1>([e = estimate_](size_t i, float* term) KORIMG_IN_LOOP { term[0] = e[i]; });
+    const auto [light] = frame_.Sum<1>([e = estimate_](size_t i) KORIMG_IN_LOOP { return std::array{e[i]}; });
     const double distance = Form(x, space.metric);
     const double shorter = distance > kTrusted * light ? std::sqrt(kTrusted * light / distance) : 1;
     for (double& v : x) {

@@ -20,6 +20,17 @@
 
 namespace korimg {
 
+/// A condition as a factor of 1 or 0: a choice may become a branch, which keeps loops from vectors.
+KORIMG_IN_LOOP inline float Where(bool condition) {
+  return condition ? 1.0f : 0.0f;
+}
+
+/// a / b where b is above 0, else 0, for finite numbers.
+KORIMG_IN_LOOP inline float RatioOrZero(float a, float b) {
+  const float isAbove = Where(b > 0);
+  return a * isAbove / (b * isAbove + (1 - isAbove));
+}
+
 /// A line of diagnostics, as printf has it.
 template <class... Values>
 void Diagnose(const char* format, Values... values) {
@@ -160,28 +171,36 @@ class BlurFrame {
       });
     });
   }
-  /// K sums over all cells, of what term(cell, terms) writes to terms, in a fixed order. It runs in vectors.
+  /// K sums over all cells, of the std::array<float, K> that term(cell) answers, in a fixed order: floats
+  /// within a block, doubles over blocks. It runs in vectors.
   template <int K, class F>
   std::array<double, K> Sum(const F& term) const {
     std::array<double, K> whole{};
     for (const auto& row : MapLines(0, height_, [&](int y) {
            std::array<double, K> sums{};
            RunInLongVectors([&sums, &term, begin = Row(y), end = Row(y + 1)]() KORIMG_IN_LOOP {
-             constexpr int kLanes = 8;
+             const F copy = term;  // which no store through a pointer can change
+             constexpr size_t kLanes = 8, kBlock = 32 * kLanes;
              static_assert(GaussianBlur::kSides % kLanes == 0);
-             double lanes[K][kLanes] = {};
-             for (size_t i = begin; i < end; i += kLanes) {
-               for (int lane = 0; lane < kLanes; ++lane) {
-                 float terms[K];
-                 term(i + lane, terms);
+             for (size_t block = begin; block < end; block += kBlock) {
+               const size_t count = std::min(kBlock, end - block);
+               float terms[K][kBlock];
+               for (size_t i = 0; i < count; ++i) {
+                 const std::array<float, K> cell = copy(block + i);
                  for (int k = 0; k < K; ++k) {
-                   lanes[k][lane] += terms[k];
+                   terms[k][i] = cell[k];
                  }
                }
-             }
-             for (int k = 0; k < K; ++k) {
-               for (const double lane : lanes[k]) {
-                 sums[k] += lane;
+               for (int k = 0; k < K; ++k) {
+                 float lanes[kLanes] = {};
+                 for (size_t i = 0; i < count; i += kLanes) {
+                   for (size_t lane = 0; lane < kLanes; ++lane) {
+                     lanes[lane] += terms[k][i + lane];
+                   }
+                 }
+                 for (const float lane : lanes) {
+                   sums[k] += lane;
+                 }
                }
              }
            });
