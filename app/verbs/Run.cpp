@@ -100,6 +100,10 @@ void AddRun(CLI::App& app, Tool& tool) {
       "the colour image of several filters: auto finds luminance, red, green and blue, else SII, Ha and "
       "OIII, by their names; rgb, sho (SII, Ha, OIII as red, green, blue), hoo (Ha, OIII, OIII) want "
       "these; none makes no colour image");
+  verb->add_flag(
+      "--gradient", options.gradient,
+      "take the gradient of moonlight or city light off each stack, as the operation gradient does; "
+      "what was taken off is kept in stack_gradient.fits");
   AddCommonOptions(*verb, tool);
   verb->callback([arguments, &tool] {
     tool.Begin();

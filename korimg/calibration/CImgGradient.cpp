@@ -19,6 +19,11 @@ using Options = CImgGradient::Options;
 
 constexpr int kPlaneNumbers = 3;  // of 1, u and v
 
+/// Of a polynomial of u and v.
+constexpr int NumbersOf(int degree) {
+  return (degree + 1) * (degree + 2) / 2;
+}
+
 /// The median of a square's finite pixels in every step-th line, `rounds` times without what lies 3
 /// deviations off; NaN when less than half of the pixels are finite.
 double LevelOf(CVelImage& image, int plane, int left, int top, int size, int step, int rounds) {
@@ -76,62 +81,17 @@ bool Solve(std::vector<double>& a, std::vector<double>& b) {
 /// A smooth surface over an image, in coordinates from about -1 to 1.
 class SmoothSurface {
  public:
-  SmoothSurface(const Options& options, int width, int height)
-      : options_(options),
+  SmoothSurface(int degree, int width, int height)
+      : degree_(degree),
         scale_(2.0 / std::max(width, height)),
         middleX_(width / 2.0),
         middleY_(height / 2.0) {}
 
-  /// Fits values of boxes, those of weight 0 left out; false when they do not suffice.
+  /// Fits a polynomial to values of boxes, those of weight 0 left out; false when they do not suffice.
   bool Fit(const std::vector<Box>& boxes, const std::vector<double>& values,
-           const std::vector<double>& weights, bool isLast) {
+           const std::vector<double>& weights) {
     knots_.clear();
-    if (!FitPolynomial(boxes, values, weights)) return false;
-    return !isLast || options_.surface != CImgGradient::ThinPlate || AddPlate(boxes, values, weights);
-  }
-
-  double At(double x, double y) const {
-    const double u = (x - middleX_) * scale_, v = (y - middleY_) * scale_;
-    double powers[kMostNumbers], sum = 0;
-    const int count = Powers(u, v, powers);
-    for (int i = 0; i < count; ++i) {
-      sum += numbers_[i] * powers[i];
-    }
-    for (const Knot& knot : knots_) {
-      sum += knot.weight * Bend(u - knot.u, v - knot.v);
-    }
-    return sum;
-  }
-
- private:
-  static constexpr int kMostNumbers = 15;
-
-  struct Knot {
-    double u, v, weight;
-  };
-
-  /// r^2 log r, which a thin plate bends by.
-  static double Bend(double u, double v) {
-    const double r2 = u * u + v * v;
-    return r2 > 0 ? 0.5 * r2 * std::log(r2) : 0;
-  }
-
-  /// The products of powers of u and v up to the degree; answers their number.
-  int Powers(double u, double v, double* powers) const {
-    int n = 0;
-    for (int total = 0; total <= degree_; ++total) {
-      for (int i = 0; i <= total; ++i) {
-        powers[n++] = std::pow(u, total - i) * std::pow(v, i);
-      }
-    }
-    return n;
-  }
-
-  bool FitPolynomial(const std::vector<Box>& boxes, const std::vector<double>& values,
-                     const std::vector<double>& weights) {
-    // What is no sky is found about a parabola where a thin plate comes last: a plate would follow it.
-    degree_ = options_.surface == CImgGradient::ThinPlate ? 2 : options_.degree;
-    const int count = (degree_ + 1) * (degree_ + 2) / 2;
+    const int count = NumbersOf(degree_);
     std::vector<double> normal(static_cast<size_t>(count) * count), right(count);
     for (size_t k = 0; k < boxes.size(); ++k) {
       if (!(weights[k] > 0)) continue;
@@ -149,9 +109,9 @@ class SmoothSurface {
     return true;
   }
 
-  /// What is left of the parabola is smoothed by a plate: the more smoothing, the less stands beside it.
+  /// Adds a plate that smooths what the polynomial leaves: the more smoothing, from 0 to 1, the less of it.
   bool AddPlate(const std::vector<Box>& boxes, const std::vector<double>& values,
-                const std::vector<double>& weights) {
+                const std::vector<double>& weights, double smoothing) {
     std::vector<double> right;
     std::vector<Knot> knots;
     for (size_t k = 0; k < boxes.size(); ++k) {
@@ -161,7 +121,7 @@ class SmoothSurface {
     }
     const size_t count = knots.size(), n = count + kPlaneNumbers;
     // It stands beside sums over all boxes; measured on the gradients of the tests.
-    const double smoothing = options_.smoothing * static_cast<double>(count) * 0.1;
+    smoothing *= static_cast<double>(count) * 0.1;
     std::vector<double> a(n * n);
     right.resize(n);
     for (size_t i = 0; i < count; ++i) {
@@ -185,9 +145,45 @@ class SmoothSurface {
     return true;
   }
 
-  const Options& options_;
+  double At(double x, double y) const {
+    const double u = (x - middleX_) * scale_, v = (y - middleY_) * scale_;
+    double powers[kMostNumbers], sum = 0;
+    const int count = Powers(u, v, powers);
+    for (int i = 0; i < count; ++i) {
+      sum += numbers_[i] * powers[i];
+    }
+    for (const Knot& knot : knots_) {
+      sum += knot.weight * Bend(u - knot.u, v - knot.v);
+    }
+    return sum;
+  }
+
+ private:
+  static constexpr int kMostNumbers = NumbersOf(4);
+
+  struct Knot {
+    double u, v, weight;
+  };
+
+  /// r^2 log r, which a thin plate bends by.
+  static double Bend(double u, double v) {
+    const double r2 = u * u + v * v;
+    return r2 > 0 ? 0.5 * r2 * std::log(r2) : 0;
+  }
+
+  /// The products of powers of u and v up to the degree; answers their number.
+  int Powers(double u, double v, double* powers) const {
+    int n = 0;
+    for (int total = 0; total <= degree_; ++total) {
+      for (int i = 0; i <= total; ++i) {
+        powers[n++] = std::pow(u, total - i) * std::pow(v, i);
+      }
+    }
+    return n;
+  }
+
+  int degree_;
   double scale_, middleX_, middleY_;
-  int degree_ = 0;  ///< of the polynomial part
   std::vector<double> numbers_;
   std::vector<Knot> knots_;
 };
@@ -197,19 +193,18 @@ bool IsInRange(const Options& o) {
          o.boxes <= 40 && o.size >= 0 && o.tolerance > 0;
 }
 
-/// Parts boxes into sky and what is brighter, by the mean of the planes.
-bool FindSky(std::vector<Box>& boxes, int planes, SmoothSurface surface, double tolerance) {
+/// Parts boxes into sky and what is brighter than a surface by more than `tolerance` deviations. Answers that
+/// deviation, infinity when there are too few boxes.
+double PartAbove(std::vector<Box>& boxes, const std::vector<double>& values, SmoothSurface surface,
+                 double tolerance) {
   constexpr int kRounds = 30;
+  constexpr double kRounding = 1e-9;  // of fits, for images without noise
   const size_t count = boxes.size();
-  std::vector<double> values(count), weights(count, 1.0);
-  for (size_t k = 0; k < count; ++k) {
-    values[k] = std::accumulate(boxes[k].levels, boxes[k].levels + planes, 0.0) / planes;
-  }
-  std::vector<double> above(count);
+  std::vector<double> weights(count, 1.0), above(count), below;
   double spread = 0;
   for (int round = 0; round < kRounds; ++round) {
-    if (!surface.Fit(boxes, values, weights, false)) return false;
-    std::vector<double> below;
+    if (!surface.Fit(boxes, values, weights)) return INFINITY;
+    below.clear();
     for (size_t k = 0; k < count; ++k) {
       above[k] = values[k] - surface.At(boxes[k].x, boxes[k].y);
       if (above[k] < 0) below.push_back(-above[k]);
@@ -223,14 +218,62 @@ bool FindSky(std::vector<Box>& boxes, int planes, SmoothSurface surface, double 
     }
   }
   for (size_t k = 0; k < count; ++k) {
-    boxes[k].isSky = above[k] <= tolerance * spread;
+    boxes[k].isSky = above[k] <= tolerance * spread + kRounding * std::abs(values[k]);
   }
-  return true;
+  return spread;
 }
 
-}  // namespace
+/// The wings of a nebula reach further than what stands out of the noise: neighbours of two boxes or more
+/// that are no sky are none either, unless that leaves less than half of the sky.
+void LeaveOutWings(std::vector<Box>& boxes, double distance) {
+  constexpr double kNeighbours = 1.7;  // each may have moved by a third
+  constexpr int kFew = 2;
+  std::vector<Box> rest = boxes;
+  for (Box& box : rest) {
+    const auto isNear = [&](const Box& other) {
+      return !other.isSky &&
+             std::max(std::abs(other.x - box.x), std::abs(other.y - box.y)) <= kNeighbours * distance;
+    };
+    box.isSky = box.isSky && std::count_if(boxes.begin(), boxes.end(), isNear) < kFew;
+  }
+  const auto sky = [](const std::vector<Box>& all) {
+    return std::count_if(all.begin(), all.end(), [](const Box& box) { return box.isSky; });
+  };
+  if (2 * sky(rest) >= sky(boxes)) boxes = std::move(rest);
+}
 
-std::vector<Box> CImgGradient::FindBoxes(CVelImage& image, const Options& options) {
+struct Sky {
+  std::vector<Box> boxes;
+  int degree = 1;  ///< of the polynomial that they were found about
+};
+
+/// Finds sky by the mean of the planes, about the plainest surface that will do.
+Sky PartSky(std::vector<Box> boxes, int planes, int width, int height, const Options& options) {
+  // The next degree must leave so much less of the darker boxes' deviation: measured under nebulae, it leaves
+  // 0.7 to 1.4 of it where the gradient is of the degree before, less than 0.3 of a bowl after a line, and
+  // 0.5 to 0.7 of the glow of a moon after a parabola.
+  constexpr double kNearer = 0.65;
+  constexpr int kMostDegree = 3;
+  std::vector<double> values;
+  for (const Box& box : boxes) {
+    values.push_back(std::accumulate(box.levels, box.levels + planes, 0.0) / planes);
+  }
+  const int most =
+      options.surface == CImgGradient::Polynomial ? std::min(options.degree, kMostDegree) : kMostDegree;
+  Sky best;
+  double previous = INFINITY;
+  for (int degree = 1; degree <= most; ++degree) {
+    const double own = PartAbove(boxes, values, SmoothSurface(degree, width, height), options.tolerance);
+    if (best.boxes.empty() ? std::isfinite(own) : own < kNearer * previous) {
+      best = {boxes, degree};
+    }
+    previous = own;
+  }
+  return best;
+}
+
+/// Sky among boxes on a grid; none where there are too few.
+Sky FindSky(CVelImage& image, const Options& options) {
   const int width = image.GetWidth(), height = image.GetHeight(), planes = std::min(image.GetPlanes(), 3);
   const double distance = 1.0 * std::max(width, height) / options.boxes;
   const int size = options.size > 0 ? options.size : std::clamp(static_cast<int>(distance / 3), 8, 64);
@@ -254,7 +297,7 @@ std::vector<Box> CImgGradient::FindBoxes(CVelImage& image, const Options& option
         for (int p = 0; p < planes; ++p) {
           sum += LevelOf(image, p, left, top, size, 4, 0);
         }
-        if (sum < darkest) darkest = sum, best = {left + size / 2, top + size / 2, {}, true};
+        if (sum < darkest) darkest = sum, best = {left + size / 2, top + size / 2, size, {}, true};
       }
     }
     for (int p = 0; best.isSky && p < planes; ++p) {
@@ -262,18 +305,25 @@ std::vector<Box> CImgGradient::FindBoxes(CVelImage& image, const Options& option
     }
   });
   std::erase_if(boxes, [](const Box& box) { return !box.isSky; });
-  const SmoothSurface surface(options, width, height);
-  const int numbers = (options.degree + 1) * (options.degree + 2) / 2;
-  const bool isPlate = options.surface == ThinPlate;
-  if (static_cast<int>(boxes.size()) < 2 * (isPlate ? 6 : numbers)) return {};
-  return FindSky(boxes, planes, surface, options.tolerance) ? boxes : std::vector<Box>();
+  const int degree = options.surface == CImgGradient::Polynomial ? options.degree : 2;
+  if (static_cast<int>(boxes.size()) < 2 * NumbersOf(degree)) return {};
+  Sky sky = PartSky(boxes, planes, width, height, options);
+  LeaveOutWings(sky.boxes, distance);
+  return sky;
 }
 
-int CImgGradient::Do(const Options& options, CVelImage* src, int show) {
+}  // namespace
+
+std::vector<Box> CImgGradient::FindBoxes(CVelImage& image, const Options& options) {
+  return FindSky(image, options).boxes;
+}
+
+int CImgGradient::Do(const Options& options, CVelImage* src, int show, Findings* findings) {
   constexpr int kFlattening = 6139, kStep = 32;  // pixels between values of the surface, which are smooth
   if (!Fits(*src, *this) || GetPlanes() > 3) return 0;
-  const std::vector<Box> boxes = FindBoxes(*src, options);
+  const auto [boxes, skyDegree] = FindSky(*src, options);
   if (boxes.empty()) return 0;
+  const bool isPlate = options.surface == ThinPlate;
   std::vector<double> weights(boxes.size()), values(boxes.size());
   std::transform(boxes.begin(), boxes.end(), weights.begin(),
                  [](const Box& box) { return box.isSky ? 1.0 : 0.0; });
@@ -281,9 +331,10 @@ int CImgGradient::Do(const Options& options, CVelImage* src, int show) {
   const int columns = (width - 1) / kStep + 2, rows = (height - 1) / kStep + 2;
   std::vector<std::vector<float>> meshes;
   for (int p = 0; p < GetPlanes(); ++p) {
-    SmoothSurface surface(options, width, height);
+    SmoothSurface surface(isPlate ? skyDegree : options.degree, width, height);
     std::transform(boxes.begin(), boxes.end(), values.begin(), [p](const Box& box) { return box.levels[p]; });
-    if (!surface.Fit(boxes, values, weights, true)) return 0;
+    if (!surface.Fit(boxes, values, weights)) return 0;
+    if (isPlate && !surface.AddPlate(boxes, values, weights, options.smoothing)) return 0;
     std::vector<float>& mesh = meshes.emplace_back(static_cast<size_t>(columns) * rows);
     ForLines(Team::All, 0, rows, [&](int row) {
       for (int column = 0; column < columns; ++column) {
@@ -293,6 +344,7 @@ int CImgGradient::Do(const Options& options, CVelImage* src, int show) {
     });
     if (options.result == Divided && *std::min_element(mesh.begin(), mesh.end()) <= 0) return 0;
   }
+  if (findings) findings->boxes = boxes;
   const ProgressScope progress(*this, show, kFlattening, GetPlanes() * height);
   for (int p = 0; p < GetPlanes(); ++p) {
     const std::vector<float>& mesh = meshes[p];
@@ -301,7 +353,12 @@ int CImgGradient::Do(const Options& options, CVelImage* src, int show) {
       const auto first = mesh.begin() + static_cast<std::ptrdiff_t>(row) * columns;
       inside.insert(inside.end(), first, first + (width + kStep - 1) / kStep);
     }
+    if (findings) {
+      const auto [low, high] = std::minmax_element(inside.begin(), inside.end());
+      findings->low[p] = *low, findings->high[p] = *high;
+    }
     const float middle = UpperMedian(inside);
+    if (findings) findings->middle[p] = middle;
     ForLines(Team::All, 0, height, [&](int y) {
       thread_local std::vector<float> nodes, line;
       nodes.resize(columns);

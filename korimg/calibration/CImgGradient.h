@@ -9,13 +9,14 @@
 ///
 /// Boxes lie on a grid, each moved to the darkest of nine places about its own; the level of a box is the
 /// median of what repeated clipping leaves. What is much brighter than the surface, nebulae and the halos of
-/// stars, is no sky: the surface is fitted again and again with weights that fall with the distance above it
-/// (iteratively reweighted least squares, Holland and Welsch 1977, one-sided), and boxes above it by more
-/// than the tolerance have no part in the last fit. Surfaces are polynomials, or a polynomial of degree 2
-/// with a thin-plate spline that smooths what is left (Duchon 1977; Wahba 1990, ch. 2). Of simulated
-/// gradients over a nebula that fills a third of the image less than a twentieth is left; the surface takes 2
-/// to 3 % of the nebula with it under lines and bowls, and up to 14 % of a faint one under the glow of a
-/// moon.
+/// stars, is no sky: a polynomial is fitted again and again with weights that fall with the distance above it
+/// (iteratively reweighted least squares, Holland and Welsch 1977, one-sided), of the lowest degree up to 3
+/// that fits the darker boxes; boxes above it by more than the tolerance have no part in the last fit, and
+/// neither have their neighbours where a nebula is more than a box. Surfaces are polynomials, or that
+/// polynomial with a thin-plate spline that smooths what is left (Duchon 1977; Wahba 1990, ch. 2). Of
+/// simulated gradients over a nebula that fills a third of the image the plate leaves about 1 % and takes as
+/// much of the nebula; of the glow of a moon near an edge 5 %, and 5 to 15 % of a faint nebula beside it,
+/// which it cannot tell from the glow.
 class KORIMG_API CImgGradient : public CVelImage {
  public:
   enum Surface : int { Polynomial, ThinPlate };
@@ -23,8 +24,8 @@ class KORIMG_API CImgGradient : public CVelImage {
 
   struct Options {
     Surface surface = ThinPlate;
-    int degree = 2;          ///< of the polynomial, 1 to 4
-    double smoothing = 0.5;  ///< of the thin plate: 0 goes through all boxes, 1 is nearly a parabola
+    int degree = 2;          ///< of Polynomial, 1 to 4
+    double smoothing = 0.5;  ///< of the thin plate: 0 goes through all boxes, 1 is nearly the polynomial
     int boxes = 16;          ///< on the longer side, 4 to 40
     int size = 0;            ///< of a box, pixels; 0: a third of their distance, from 8 to 64
     double tolerance = 3;    ///< deviations of the boxes about the surface, above which a box is no sky
@@ -32,9 +33,17 @@ class KORIMG_API CImgGradient : public CVelImage {
   };
 
   struct Box {
-    int x, y;          ///< of its middle
+    int x, y;          ///< of its middle, pixels
+    int size;          ///< of its sides
     double levels[3];  ///< of the planes
     bool isSky;
+  };
+
+  /// What was taken for the gradient: the extremes of its surface over the image, and the median, which stays
+  /// in the image.
+  struct Findings {
+    std::vector<Box> boxes;
+    double low[3] = {}, high[3] = {}, middle[3] = {};
   };
 
   /// The boxes of an image, and which are taken for sky. Empty when the image is smaller than four boxes, or
@@ -42,7 +51,7 @@ class KORIMG_API CImgGradient : public CVelImage {
   static std::vector<Box> FindBoxes(CVelImage& image, const Options& options);
 
   /// Writes src without its gradient, or the gradient itself, into this image, over the whole of it:
-  /// subtracted, the median of the surface stays. Levels stay. Answers 1, or 0 with nothing done for options
-  /// out of range, and where FindBoxes finds none. Division wants a surface above 0.
-  int Do(const Options& options, CVelImage* src, int show);
+  /// subtracted, the median of the surface stays. Levels stay; src may be this image. Answers 1, or 0 with
+  /// nothing done for options out of range, and where FindBoxes finds none. Division wants a surface above 0.
+  int Do(const Options& options, CVelImage* src, int show, Findings* findings = nullptr);
 };

@@ -8,6 +8,7 @@
 #include "korimg/composite/stacking/FrameLevels.h"
 
 #include "session/operations/Describe.h"
+#include "session/operations/Gradient.h"
 
 namespace korimg::session {
 namespace {
@@ -140,39 +141,47 @@ void Gradient(Call& call, const GradientOptions& options) {
   });
 }
 
+Describe<GradientOptions> DescribeGradient() {
+  return Describe<GradientOptions>(
+             "gradient", "finds the gradient of moonlight or city light by itself, and takes it off",
+             "Lays boxes on a grid, moves each to the darkest place near it, leaves those out that hold a "
+             "nebula, "
+             "and fits a smooth surface to the rest, for each plane. For stacks with a slope or a glow in a "
+             "corner; "
+             "not for a nebula that fills the frame, of which it would take some. Look at result=model "
+             "first.")
+      .Chooses(
+          "surface", &GradientOptions::surface,
+          {{"plate", CImgGradient::ThinPlate}, {"polynomial", CImgGradient::Polynomial}},
+          "plate: a polynomial of degree 1 to 3, as the sky needs it, and a thin plate that smooths what it "
+          "leaves; polynomial: of the degree")
+      .Takes("degree", &GradientOptions::degree, {"of the polynomial", "", 1, 4})
+      .Takes("smoothing", &GradientOptions::smoothing,
+             {"of the plate: 0 goes through all boxes, 1 is nearly the polynomial", "", 0, 1})
+      .Takes("boxes", &GradientOptions::boxes, {"on the longer side", "", 4, 40})
+      .Takes("size", &GradientOptions::size,
+             {"of a box; 0: a third of their distance, from 8 to 64", "pixels", 0, 1000})
+      .Takes("tolerance", &GradientOptions::tolerance,
+             {"a box that is brighter than the surface by so many deviations is no sky", "", 0.1, 100})
+      .Chooses("result", &GradientOptions::result,
+               {{"subtracted", CImgGradient::Subtracted},
+                {"divided", CImgGradient::Divided},
+                {"model", CImgGradient::Model}},
+               "the image less the surface, for light of the sky; the image divided by it, for a vignette; "
+               "the surface itself")
+      .Header(HeaderEffect::DropsCounts)
+      .Example("boxes=8 size=8");
+}
+
 }  // namespace
+
+CImgGradient::Options GradientOptionsOf(const Step& step) {
+  return DescribeGradient().Read(step.Values());
+}
 
 std::vector<Operation> BackgroundOperations() {
   return {
-      Describe<GradientOptions>(
-          "gradient", "finds the gradient of moonlight or city light by itself, and takes it off",
-          "Lays boxes on a grid, moves each to the darkest place near it, leaves those out that hold a "
-          "nebula, "
-          "and fits a smooth surface to the rest, for each plane. For stacks with a slope or a glow in a "
-          "corner; "
-          "not for a nebula that fills the frame, of which it would take some. Look at result=model first.")
-          .Chooses(
-              "surface", &GradientOptions::surface,
-              {{"plate", CImgGradient::ThinPlate}, {"polynomial", CImgGradient::Polynomial}},
-              "plate: a parabola and a thin plate that smooths what it leaves; polynomial: of the degree")
-          .Takes("degree", &GradientOptions::degree, {"of the polynomial", "", 1, 4})
-          .Takes("smoothing", &GradientOptions::smoothing,
-                 {"of the plate: 0 goes through all boxes, 1 is nearly a parabola", "", 0, 1})
-          .Takes("boxes", &GradientOptions::boxes, {"on the longer side", "", 4, 40})
-          .Takes("size", &GradientOptions::size,
-                 {"of a box; 0: a third of their distance, from 8 to 64", "pixels", 0, 1000})
-          .Takes("tolerance", &GradientOptions::tolerance,
-                 {"a box that is brighter than the surface by so many deviations is no sky", "", 0.1, 100})
-          .Chooses(
-              "result", &GradientOptions::result,
-              {{"subtracted", CImgGradient::Subtracted},
-               {"divided", CImgGradient::Divided},
-               {"model", CImgGradient::Model}},
-              "the image less the surface, for light of the sky; the image divided by it, for a vignette; "
-              "the surface itself")
-          .Header(HeaderEffect::DropsCounts)
-          .Example("boxes=8 size=8")
-          .Runs(Gradient),
+      DescribeGradient().Runs(Gradient),
       Describe<FlattenOptions>(
           "flatten", "takes a ramp or a bowl off the background, by numbers that you know",
           "For a slope of moonlight or city light (subtract it) or a vignette without a flat (divide by it). "

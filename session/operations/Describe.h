@@ -152,15 +152,21 @@ class Describe {
     return *this;
   }
 
+  /// The options by values that are checked; the rest by defaults.
+  O Read(const Operation::Values& values) const {
+    O options;
+    for (const auto& [name, set] : setters_) {
+      if (const auto given = values.find(name); given != values.end()) set(options, given->second);
+    }
+    return options;
+  }
+
   Operation Runs(void (*run)(Call&, const O&)) {
-    operation_.run = [setters = std::move(setters_), run](Call& call, const Operation::Values& values) {
-      O options;
-      for (const auto& [name, set] : setters) {
-        if (const auto given = values.find(name); given != values.end()) set(options, given->second);
-      }
-      run(call, options);
+    Operation operation = std::move(operation_);
+    operation.run = [described = std::move(*this), run](Call& call, const Operation::Values& values) {
+      run(call, described.Read(values));
     };
-    return std::move(operation_);
+    return operation;
   }
 
  private:

@@ -142,6 +142,8 @@ class KORIMG_SESSION_API Step {
   Step& SetValue(const std::string& name, const Value& value);
 
   const Operation& What() const { return *operation_; }
+  /// What it was given.
+  const Operation::Values& Values() const { return values_; }
   /// "bright bright=10"
   std::string Text() const;
   /// Throws UsageError when a parameter that must be given is missing.

@@ -50,6 +50,20 @@ class Drawing {
     Text(text, margin_, bottom - thick - letters_ * 5 / 4);
   }
 
+  /// A box by two corners.
+  void Box(double x1, double y1, double x2, double y2, bool isCrossedOut) {
+    const auto at = [](double x, double y) {
+      return CPoint(static_cast<int>(std::lround(x)), static_cast<int>(std::lround(y)));
+    };
+    const CPoint corners[] = {at(x1, y1), at(x2, y1), at(x2, y2), at(x1, y2)};
+    for (int i = 0; i < 4; ++i) {
+      pen_.Do(corners[i], corners[(i + 1) % 4], colour_);
+    }
+    for (int i = 0; i < 2 && isCrossedOut; ++i) {
+      pen_.Do(corners[i], corners[i + 2], colour_);
+    }
+  }
+
   void Circle(double x, double y, double radius) {
     if (x + radius < 0 || y + radius < 0 || x - radius > pen_.GetWidth() || y - radius > pen_.GetHeight())
       return;
@@ -103,13 +117,27 @@ std::string AngleText(double seconds) {
 }  // namespace
 
 Annotations DefaultAnnotations(const files::Header& header) {
-  return {header.GetString("OBJECT").value_or(""), files::PixelScale(header).has_value(), {}};
+  Annotations annotations;
+  annotations.title = header.GetString("OBJECT").value_or("");
+  annotations.scaleBar = files::PixelScale(header).has_value();
+  return annotations;
 }
 
 void Annotate(CVelImage& picture, const Annotations& annotations, const std::filesystem::path& input,
               const files::Header& header, int binX, int binY) {
   constexpr double kFar = 1e6;  // pixels
   Drawing drawing(picture);
+  // The middle of a picture's pixel is that of its cell.
+  const auto place = [&](double x, double y) {
+    if (annotations.overturnedHeight > 0) y = annotations.overturnedHeight - 1 - y;
+    return std::pair((x + 0.5) / binX - 0.5, (y + 0.5) / binY - 0.5);
+  };
+  for (const CImgGradient::Box& box : annotations.boxes) {
+    const int left = box.x - box.size / 2, top = box.y - box.size / 2;
+    const auto [x1, y1] = place(left, top);
+    const auto [x2, y2] = place(left + box.size - 1, top + box.size - 1);
+    drawing.Box(x1, y1, x2, y2, !box.isSky);
+  }
   if (!annotations.stars.empty()) {
     for (const auto& star :
          ReadNumberLines(annotations.stars, 2, 3, kFar,
@@ -117,11 +145,8 @@ void Annotate(CVelImage& picture, const Annotations& annotations, const std::fil
       if (star.size() == 3 && star[2] < 0) {
         throw files::FileError(annotations.stars, fmt::format("a radius of {} is not possible", star[2]));
       }
-      const double y =
-          annotations.overturnedHeight > 0 ? annotations.overturnedHeight - 1 - star[1] : star[1];
-      // The middle of a picture's pixel is that of its cell.
-      drawing.Circle((star[0] + 0.5) / binX - 0.5, (y + 0.5) / binY - 0.5,
-                     star.size() == 3 ? star[2] / binX : drawing.Letters() / 2.0);
+      const auto [x, y] = place(star[0], star[1]);
+      drawing.Circle(x, y, star.size() == 3 ? star[2] / binX : drawing.Letters() / 2.0);
     }
   }
   if (annotations.scaleBar) {

@@ -3,7 +3,9 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
+#include "korimg/calibration/CImgGradient.h"
 #include "korimg/image/CVelImage.h"
 
 #include "session/Export.h"
@@ -12,11 +14,12 @@
 namespace korimg::session {
 
 struct Annotations {
-  std::string title;            ///< in the upper left corner; empty for none
-  bool scaleBar = false;        ///< in the lower left corner, of a round length in the sky
-  std::filesystem::path stars;  ///< list of "x y [radius]" in pixels of the image; empty for none
+  std::string title;                     ///< in the upper left corner; empty for none
+  bool scaleBar = false;                 ///< in the lower left corner, of a round length in the sky
+  std::filesystem::path stars;           ///< list of "x y [radius]" in pixels of the image; empty for none
+  std::vector<CImgGradient::Box> boxes;  ///< of sky, and those that are none, crossed out; in its pixels
   int overturnedHeight =
-      0;  ///< rows of an image that is drawn the other way round than its stars lie, else 0
+      0;  ///< rows of an image that is drawn the other way round than stars and boxes lie, else 0
 };
 
 /// What is drawn unless it is told: the name of the object, and a scale bar where the scale is known.

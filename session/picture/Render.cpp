@@ -69,13 +69,15 @@ void WritePicture(Job& job, CVelImage& image, CBaseDIB& bitmap, int step, const 
   CommitComputed(*writer);
 }
 
-void DrawAnnotations(CVelImage& picture, const RenderOptions& options, const files::Header& header,
+void DrawAnnotations(CVelImage& picture, const RenderOptions& options,
+                     const std::vector<CImgGradient::Box>& boxes, const files::Header& header,
                      int overturnedHeight, int binX, int binY) {
   const auto isEmpty = [](const Annotations& told) {
-    return told.title.empty() && !told.scaleBar && told.stars.empty();
+    return told.title.empty() && !told.scaleBar && told.stars.empty() && told.boxes.empty();
   };
   Annotations annotations = isEmpty(*options.annotations) ? DefaultAnnotations(header) : *options.annotations;
   annotations.overturnedHeight = overturnedHeight;
+  if (!boxes.empty()) annotations.boxes = boxes;
   if (isEmpty(annotations)) {
     throw files::FileError(options.input,
                            "names no OBJECT and does not say its scale; give --title, --stars or both");
@@ -93,6 +95,14 @@ RenderResult Draw(Job& job, const RenderOptions& options) {
   job.CheckOutput(options.output);
   Image loaded = Image::Open(job, options.input, {.hdu = options.hdu});
   auto& image = loaded.Pointer();
+  std::vector<CImgGradient::Box> boxes;
+  if (options.annotations && options.gradient) {
+    boxes = CImgGradient::FindBoxes(*image, *options.gradient);
+    if (boxes.empty()) {
+      throw files::FileError(options.input,
+                             "has too few boxes of sky for its gradient; give more boxes of a smaller size");
+    }
+  }
   const bool overturned = files::IsPictureOverturned(loaded.Header());
   const int fullHeight = image->GetHeight();
   if (overturned) TurnOver(*image);
@@ -103,7 +113,7 @@ RenderResult Draw(Job& job, const RenderOptions& options) {
   const int binX = std::min(shrink, image->GetWidth()), binY = std::min(shrink, image->GetHeight());
   if (shrink > 1) Shrink(image, binX, binY);
   if (options.annotations) {
-    DrawAnnotations(*image, options, loaded.Header(), overturned ? fullHeight : 0, binX, binY);
+    DrawAnnotations(*image, options, boxes, loaded.Header(), overturned ? fullHeight : 0, binX, binY);
   }
   constexpr long long kBytesPerPixel = 4;
   if (kBytesPerPixel * image->GetWidth() * image->GetHeight() <= job.Memory()) {
@@ -113,12 +123,17 @@ RenderResult Draw(Job& job, const RenderOptions& options) {
     CVmDIB bitmap(job.MakeStore("paged"));
     WritePicture(job, *image, bitmap, 3, options.output);
   }
-  const RenderResult result{{image->GetWidth(), image->GetHeight(), image->GetPlanes()}, levels};
+  const RenderResult result{{image->GetWidth(), image->GetHeight(), image->GetPlanes()}, levels, boxes};
   Json json{{"width", result.shape.width}, {"height", result.shape.height}};
   for (int p = 0; p < result.shape.planes; ++p) {
     json["black"].push_back(result.levels.min[p]);
     json["white"].push_back(result.levels.max[p]);
     json["midtone"].push_back(result.levels.midtone[p]);
+  }
+  if (!boxes.empty()) {
+    json["boxes"] = boxes.size();
+    json["sky_boxes"] =
+        std::count_if(boxes.begin(), boxes.end(), [](const CImgGradient::Box& box) { return box.isSky; });
   }
   Tell(job, options, json);
   return result;

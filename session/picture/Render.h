@@ -20,11 +20,14 @@ struct RenderOptions {
   LevelMethod level = LevelMethod::Auto;        ///< how it is shown; Auto leaves what has 8 bits as it is
   double scale = 1;                             ///< to 1, rounded to one over a whole number
   std::optional<Annotations> annotations = {};  ///< where they tell nothing, DefaultAnnotations
+  /// With annotations, boxes are those that CImgGradient finds by these.
+  std::optional<CImgGradient::Options> gradient = {};
 };
 
 struct RenderResult {
-  Shape shape;    ///< of the picture
-  Levels levels;  ///< what it is shown by
+  Shape shape;                                ///< of the picture
+  Levels levels;                              ///< what it is shown by
+  std::vector<CImgGradient::Box> boxes = {};  ///< that were drawn, in pixels of the image
 };
 
 /// Makes a picture of an image, upright by its header's sky.

@@ -144,6 +144,11 @@ std::string Page(const Report& report) {
       page += fmt::format("<dt>{}</dt><dd>{}</dd>\n", Escaped(name), Escaped(text));
     }
     page += "</dl>\n";
+    if (!stack.gradient.empty()) {
+      page +=
+          fmt::format("<p>The gradient, from its darkest to its brightest:</p>\n<img src=\"{}\" alt=\"\">\n",
+                      Inline(stack.gradient));
+    }
   }
   page += "<h2>Over time</h2>\n<div class=\"plots\">\n";
   page += Plot("FWHM, pixels", report, {{"", &ReportFrame::fwhm}});

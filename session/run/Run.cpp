@@ -13,6 +13,7 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "session/calibrate/internal/Session.h"
+#include "session/files/Gain.h"
 #include "session/files/Geometry.h"
 #include "session/files/internal/ConstantBorder.h"
 #include "session/files/internal/Times.h"
@@ -20,6 +21,7 @@
 #include "session/job/internal/SideBySide.h"
 #include "session/picture/AutoPicture.h"
 #include "session/register/Register.h"
+#include "session/run/internal/Gradient.h"
 #include "session/run/internal/Report.h"
 #include "session/stack/internal/StackHeader.h"
 
@@ -173,6 +175,7 @@ class Road {
       for (const char* extension : {".fits", "_float.tif", "_16bit.tif", ".png"}) {
         outputs.push_back(Path(target.name + extension));
       }
+      if (options_.gradient) outputs.push_back(Path(target.name + "_gradient.fits"));
     }
     if (colours_) {
       for (const char* extension : {".fits", ".tif", ".png"}) {
@@ -482,8 +485,28 @@ class Road {
     for (const std::string& line : History(used, target)) {
       header.AddHistory(line);
     }
+    ReportStack stack{target.name};
+    RunStack made{Path(target.name + ".fits"), target.filter};
+    Json json{{"stack", made.file.string()}, {"filter", target.filter}};
+    if (options_.gradient) {
+      if (const auto taken = TakeGradientOff(image)) {
+        made.gradient = Path(target.name + "_gradient.fits");
+        SaveImage(job_, *taken->surface, header, made.gradient);
+        header.AddHistory("gradient subtracted: " + taken->Text());
+        files::DropGain(header);  // the sky's photons are no longer in the values
+        Levels shown(*taken->surface);
+        if (files::IsPictureOverturned(header)) TurnOver(*taken->surface);
+        stack.gradient = JpegOf(job_, *taken->surface, shown, ShrinkTo(shape, kThumbnailSide));
+        stack.facts.emplace_back("gradient taken off", taken->Text());
+        json["gradient"] = taken->Description();
+        job_.Say(fmt::format("{}: gradient taken off: {} -> {}", target.name, taken->Text(),
+                             made.gradient.string()));
+      } else {
+        job_.Warn(target.name + ": its gradient stays: there are too few boxes of sky to tell it by");
+      }
+    }
     LevelForPreview(image, kPictureSide);
-    SaveImage(job_, image, header, Path(target.name + ".fits"));
+    SaveImage(job_, image, header, made.file);
     const FrameMeasure measure = MeasureFrame(image);
     SaveImage(job_, image, header, Path(target.name + "_float.tif"));
     SaveImage(job_, image, header, Path(target.name + "_16bit.tif"), {.integers = true});
@@ -497,33 +520,33 @@ class Road {
       exposure += files::ExposureOf(frame->light->frame.info.header).value_or(0);
       counts += frame->counts;
     }
-    ReportStack stack{target.name, JpegOf(job_, image, shown, ShrinkTo(reference.shape, kPictureSide))};
-    stack.facts = {
-        {"frames", fmt::format("{} of {}", used.size(), target.frames.size())},
-        {"exposure", fmt::format("{:g} s", exposure)},
-        {"size", fmt::format("{} x {}", reference.shape.width, reference.shape.height)},
-        {"stars", fmt::format("{}", measure.starCount)},
-        {"FWHM", fmt::format("{:.2f} px; of the reference {:.2f}", measure.fwhm, reference.measure.fwhm)},
-        {"noise of the sky",
-         fmt::format("{:.4g}; of the reference {:.4g}", measure.noise, reference.measure.noise)},
-        {"rejected", Percent(Rejected(counts))}};
+    stack.picture = JpegOf(job_, image, shown, ShrinkTo(reference.shape, kPictureSide));
+    stack.facts.insert(
+        stack.facts.begin(),
+        {{"frames", fmt::format("{} of {}", used.size(), target.frames.size())},
+         {"exposure", fmt::format("{:g} s", exposure)},
+         {"size", fmt::format("{} x {}", reference.shape.width, reference.shape.height)},
+         {"stars", fmt::format("{}", measure.starCount)},
+         {"FWHM", fmt::format("{:.2f} px; of the reference {:.2f}", measure.fwhm, reference.measure.fwhm)},
+         {"noise of the sky",
+          fmt::format("{:.4g}; of the reference {:.4g}", measure.noise, reference.measure.noise)},
+         {"rejected", Percent(Rejected(counts))}});
     if (!target.filter.empty()) stack.facts.insert(stack.facts.begin(), {"filter", target.filter});
     report_.stacks.push_back(std::move(stack));
-    stacks_.push_back({Path(target.name + ".fits"), target.filter, static_cast<int>(used.size()),
-                       static_cast<int>(target.frames.size()), exposure, measure.starCount, measure.fwhm,
-                       measure.noise});
-    job_.Tell(Dump({{"stack", Path(target.name + ".fits").string()},
-                    {"filter", target.filter},
-                    {"frames", used.size()},
-                    {"lights", target.frames.size()},
-                    {"exposure", exposure},
-                    {"stars", measure.starCount},
-                    {"fwhm", measure.fwhm},
-                    {"noise", measure.noise},
-                    {"peak_memory_bytes", PeakMemory()}}),
+    made.frames = static_cast<int>(used.size()), made.lights = static_cast<int>(target.frames.size());
+    made.exposure = exposure;
+    made.stars = measure.starCount, made.fwhm = measure.fwhm, made.noise = measure.noise;
+    json.update({{"frames", used.size()},
+                 {"lights", target.frames.size()},
+                 {"exposure", exposure},
+                 {"stars", measure.starCount},
+                 {"fwhm", measure.fwhm},
+                 {"noise", measure.noise},
+                 {"peak_memory_bytes", PeakMemory()}});
+    job_.Tell(Dump(json),
               fmt::format("{} -> {}: FWHM {:.2f} px, noise {:.4g} (reference {:.4g})", target.name,
-                          Path(target.name + ".fits").string(), measure.fwhm, measure.noise,
-                          reference.measure.noise));
+                          made.file.string(), measure.fwhm, measure.noise, reference.measure.noise));
+    stacks_.push_back(std::move(made));
   }
 
   /// Makes the colour image of the stacks, which lie on one grid. False when one of them is missing, or has

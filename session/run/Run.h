@@ -23,6 +23,7 @@ struct RunOptions {
   StackChoices stack;
   FrameLimits limits;
   Palette palette = Palette::Auto;  ///< of the colour image of several filters
+  bool gradient = false;            ///< the gradient of the sky is taken off each stack, by CImgGradient
 };
 
 /// A light, and what has become of it.
@@ -42,8 +43,9 @@ struct RunStack {
   int frames = 0, lights = 0;  ///< stacked, and wanted
   double exposure = 0;         ///< seconds
   int stars = 0;
-  double fwhm = 0;   ///< pixels
-  double noise = 0;  ///< of the sky
+  double fwhm = 0;                 ///< pixels
+  double noise = 0;                ///< of the sky
+  std::filesystem::path gradient;  ///< the FITS file of what was taken off; empty: nothing was
 };
 
 struct RunResult {
@@ -56,7 +58,8 @@ struct RunResult {
 /// Calibrates, develops, measures, registers and stacks the lights, one stack for each filter, all on the
 /// grid of one reference. Writes stack.fits, stack_float.tif, stack_16bit.tif and stack.png
 /// (stack_<filter>... when there are several), colour.fits, colour.tif of 16 bits and colour.png where the
-/// filters make a colour image by the palette, report.html and the masters. Calibrated frames are made twice,
+/// filters make a colour image by the palette, stack_gradient.fits where a gradient is taken off, report.html
+/// and the masters. Calibrated frames are made twice,
 /// for measuring and for stacking, and never written. A frame that cannot be used is left out, and the report
 /// says why; copies count once. The job has failed when a stack holds less than half of its lights. What ends
 /// the run leaves no outputs.

@@ -217,6 +217,37 @@ TEST_F(RunTest, TheFiltersOfAWheelBecomeAColourImage) {
   EXPECT_NEAR(Median(ratios), 1, 0.01);
 }
 
+TEST_F(RunTest, TheGradientGoesAndIsKeptBesideTheStack) {
+  constexpr int kWidth = 900, kHeight = 600;
+  ASSERT_TRUE(Simulate(In("night"), {.frames = 4, .width = kWidth, .height = kHeight, .seed = 5}));
+  const Result r = Shell("korimg run night --out plain -q && korimg run night --out out --gradient --json");
+  ASSERT_EQ(r.code, 0) << r.err;
+  const json told = Lines(r.out).at(0)["gradient"];
+  EXPECT_GT(told["sky_boxes"].get<int>(), 50);
+  const auto plane = [&](const char* file) { return ReadAll(*ImageReader::Open(In(file)), 64)[0]; };
+  const std::vector<float> before = plane("plain/stack.fits"), after = plane("out/stack.fits"),
+                           surface = plane("out/stack_gradient.fits");
+  const double kept = told["kept"][0];
+  EXPECT_NEAR(Median({surface.begin(), surface.end()}), kept, 0.02 * kept);
+  // Nothing else has changed.
+  for (size_t i = 0; i < before.size(); i += 101) {
+    if (std::isfinite(before[i])) {
+      EXPECT_NEAR(after[i] + surface[i] - kept, before[i], 1e-6 * before[i]) << i;
+    }
+  }
+  // A slope across a sky with nebulae at its sides.
+  const json truth = json::parse(ReadBytes(In("night/truth.json")))["sky"];
+  const auto at = [&](int x, int y) { return surface[static_cast<size_t>(y) * kWidth + x] / kept; };
+  EXPECT_NEAR(at(kWidth - 1, kHeight / 2) - at(0, kHeight / 2), truth["gradient_x"].get<double>(), 0.015);
+  EXPECT_NEAR(at(kWidth / 2, kHeight - 1) - at(kWidth / 2, 0), truth["gradient_y"].get<double>(), 0.015);
+  const Header header = ImageReader::Open(In("out/stack.fits"))->Info().header;
+  EXPECT_TRUE(ImageReader::Open(In("plain/stack.fits"))->Info().header.GetDouble("KORLGAIN").has_value());
+  EXPECT_FALSE(header.GetDouble("KORLGAIN").has_value()) << "values are no counts any more";
+  const std::string page = ReadBytes(In("out/report.html"));
+  EXPECT_NE(page.find("gradient taken off"), std::string::npos);
+  EXPECT_EQ(ReadBytes(In("plain/report.html")).find("gradient"), std::string::npos);
+}
+
 TEST_F(RunTest, WhatIsMuchWorseIsLeftOutAndFiltersAreStackedApart) {
   ASSERT_TRUE(Simulate(In("night"), {.frames = 7, .width = 600, .height = 500, .seed = 9}));
   // One light behind clouds, one out of focus, one of the sky alone, and two through another filter.

@@ -28,6 +28,7 @@ struct ReportStack {
   std::string name;                                        ///< of its files
   std::string picture;                                     ///< a JPEG
   std::vector<std::pair<std::string, std::string>> facts;  ///< their names, and what they are
+  std::string gradient;  ///< a JPEG of what was taken off; empty: nothing was
 };
 
 struct Report {

@@ -140,5 +140,60 @@ TEST_F(RenderSteps, DrawTheAnnotationsThatAreToldOrKnown) {
   EXPECT_FALSE(fs::exists(In("d.png")));
 }
 
+// A nebula lies in one corner, and the picture is as the image or, by its sky, turned over.
+TEST_F(RenderSteps, DrawTheBoxesOfTheGradientWhereTheyLie) {
+  constexpr int kSide = 200;
+  for (const bool overturned : {false, true}) {
+    const std::string name = overturned ? "below" : "above";
+    const fs::path file = In(name + ".fits");
+    files::Header header;
+    if (overturned) {
+      header.Set("CTYPE1", "RA---TAN");
+      header.Set("CTYPE2", "DEC--TAN");
+      header.Set("CD1_1", -1e-4);
+      header.Set("CD2_2", 1e-4);
+    }
+    const auto writer =
+        files::ImageWriter::Create(file, {.width = kSide, .height = kSide, .planes = 1, .header = header});
+    files::Planes planes = {std::vector<float>(kSide * kSide)};
+    for (int i = 0; i < kSide * kSide; ++i) {
+      const int x = i % kSide, y = i / kSide;
+      planes[0][i] = static_cast<float>(1000 + 0.5 * x + 10 * Noise(i) + (x < 60 && y < 50 ? 400 : 0));
+    }
+    files::WriteAll(*writer, planes, kSide, kSide, 64);
+    const auto picture = [&](const char* what) {
+      options_.input = file, options_.output = In(name + what);
+      const RenderResult result = Render(job_, options_);
+      return std::pair(result, files::ReadAll(*files::ImageReader::Open(options_.output), 64)[0]);
+    };
+    options_.level = LevelMethod::Auto;
+    options_.annotations.reset();
+    const auto plain = picture("plain.png");
+    EXPECT_TRUE(plain.first.boxes.empty());
+    options_.annotations = Annotations();
+    options_.gradient = CImgGradient::Options{.boxes = 8, .size = 13};
+    const auto [result, drawn] = picture("boxes.png");
+    options_.gradient.reset();
+    ASSERT_EQ(result.boxes.size(), 64u);
+    for (const CImgGradient::Box& box : result.boxes) {
+      const bool isNebula = box.x < 60 && box.y < 50;
+      EXPECT_FALSE(isNebula && box.isSky) << box.x << ' ' << box.y;
+      const int y = overturned ? kSide - 1 - box.y : box.y;
+      if (overturned && box.x < 110 && y > 150) continue;  // under the scale bar
+      const auto at = [&](int dx, int dy) { return drawn[(y + dy) * kSide + box.x + dx]; };
+      EXPECT_EQ(at(-6, 1), 255) << "its left side: " << box.x << ' ' << box.y;
+      EXPECT_EQ(at(6, 1), 255) << "its right side: " << box.x << ' ' << box.y;
+      EXPECT_EQ(at(-3, -3) == 255 && at(3, -3) == 255 && at(0, 0) == 255, !box.isSky)
+          << box.x << ' ' << box.y;
+    }
+    EXPECT_GT(std::count_if(result.boxes.begin(), result.boxes.end(),
+                            [](const CImgGradient::Box& box) { return box.isSky; }),
+              30);
+    options_.gradient = CImgGradient::Options{.size = 100};
+    EXPECT_THROW(picture("none.png"), files::FileError) << "boxes that are larger than the image";
+    options_.gradient.reset();
+  }
+}
+
 }  // namespace
 }  // namespace korimg::session
