@@ -11,13 +11,16 @@
 #include <fmt/format.h>
 #include <sys/resource.h>
 
+#include "korimg/pipelines/runtime/Runtime.h"
+#include "korimg/platform/CParallel.h"
+
 #include "session/calibrate/Calibrate.h"
 #include "session/calibrate/Frames.h"
 #include "session/simulate/Simulate.h"
 
 namespace fs = std::filesystem;
 using namespace korimg;
-using namespace korimg::tool;
+using namespace korimg::session;
 
 namespace {
 
@@ -26,12 +29,12 @@ void Check(int status) {
 }
 
 /// Pixels and sides of an image.
-struct Image {
+struct Pixels {
   std::vector<float> pixels;
   long sides[3] = {1, 1, 1};
 };
 
-void Read(const fs::path& path, Image& image) {
+void Read(const fs::path& path, Pixels& image) {
   int status = 0;
   fitsfile* file = nullptr;
   fits_open_diskfile(&file, path.c_str(), READONLY, &status);
@@ -43,7 +46,7 @@ void Read(const fs::path& path, Image& image) {
   Check(status);
 }
 
-void Write(const fs::path& path, Image& image) {
+void Write(const fs::path& path, Pixels& image) {
   int status = 0;
   fitsfile* file = nullptr;
   fits_create_diskfile(&file, path.c_str(), &status);
@@ -67,17 +70,17 @@ double Median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-void Compare(Tool& tool, const std::string& name, CalibrateOptions options, const fs::path& out, int runs) {
+void Compare(Job& job, const std::string& name, CalibrateOptions options, const fs::path& out, int runs) {
   std::vector<fs::path> inputs;
   for (const auto* paths : {&options.darks, &options.flats, &options.biases}) {
-    for (const fs::path& path : ExpandFolders(tool.job, *paths)) {
+    for (const fs::path& path : ExpandFolders(job, *paths)) {
       inputs.push_back(path);
     }
   }
-  const std::vector<fs::path> lights = ExpandFolders(tool.job, options.lights);
+  const std::vector<fs::path> lights = ExpandFolders(job, options.lights);
   options.out = out;
   std::vector<double> plain, calibrated;
-  Image image;
+  Pixels image;
   for (int i = 0; i < runs; ++i) {
     plain.push_back(Seconds(out, [&] {
       for (const fs::path& path : inputs) {
@@ -88,7 +91,7 @@ void Compare(Tool& tool, const std::string& name, CalibrateOptions options, cons
         Write(out / path.filename(), image);
       }
     }));
-    calibrated.push_back(Seconds(out, [&] { Calibrate(tool.job, options); }));
+    calibrated.push_back(Seconds(out, [&] { Calibrate(job, options); }));
   }
   fs::remove_all(out);
   rusage usage;
@@ -112,10 +115,11 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
   try {
     if (!fs::exists(session)) Simulate(session, {.frames = frames});
-    Tool tool;
-    tool.options.quiet = true;
-    tool.options.threads = threads;
-    tool.Begin();
+    if (threads > 0) {
+      CParallel::SetMaxThreads(threads);
+      SetPipelineThreads(threads);
+    }
+    Job job;
     CalibrateOptions options;
     options.lights = {session / "lights"};
     options.darks = {session / "darks"};
@@ -127,17 +131,17 @@ int main(int argc, char** argv) {
       once.out = out;
       once.masters = masters;
       fs::remove_all(out);
-      Calibrate(tool.job, once);
+      Calibrate(job, once);
     }
     CalibrateOptions ready = options;
     ready.biases.clear();
-    for (const fs::path& path : ExpandFolders(tool.job, {masters})) {
+    for (const fs::path& path : ExpandFolders(job, {masters})) {
       const std::string name = path.filename().string();
       if (name.starts_with("master_dark")) ready.darks = {path};
       if (name.starts_with("master_flat")) ready.flats = {path};
     }
-    Compare(tool, "ready masters", ready, out, runs);
-    Compare(tool, "masters made", options, out, runs);
+    Compare(job, "ready masters", ready, out, runs);
+    Compare(job, "masters made", options, out, runs);
   } catch (const std::exception& error) {
     fmt::print(stderr, "{}\n", error.what());
     return 1;
