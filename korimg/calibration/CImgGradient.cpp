@@ -5,6 +5,8 @@
 #include <cmath>
 #include <iterator>
 #include <numeric>
+#include <optional>
+#include <utility>
 
 #include "korimg/image/internal/Frame.h"
 #include "korimg/image/internal/Numbers.h"
@@ -18,6 +20,7 @@ using Box = CImgGradient::Box;
 using Options = CImgGradient::Options;
 
 constexpr int kPlaneNumbers = 3;  // of 1, u and v
+constexpr int kMostDegree = 4, kMostBelowPlate = 3;
 
 /// Of a polynomial of u and v.
 constexpr int NumbersOf(int degree) {
@@ -159,7 +162,7 @@ class SmoothSurface {
   }
 
  private:
-  static constexpr int kMostNumbers = NumbersOf(4);
+  static constexpr int kMostNumbers = NumbersOf(kMostDegree);
 
   struct Knot {
     double u, v, weight;
@@ -189,43 +192,85 @@ class SmoothSurface {
 };
 
 bool IsInRange(const Options& o) {
-  return o.degree >= 1 && o.degree <= 4 && o.smoothing >= 0 && o.smoothing <= 1 && o.boxes >= 4 &&
-         o.boxes <= 40 && o.size >= 0 && o.tolerance > 0;
+  constexpr int kLargest = 10000;
+  return o.surface >= CImgGradient::Polynomial && o.surface <= CImgGradient::ThinPlate &&
+         o.result >= CImgGradient::Subtracted && o.result <= CImgGradient::Model && o.degree >= 1 &&
+         o.degree <= kMostDegree && o.smoothing >= 0 && o.smoothing <= 1 && o.boxes >= 4 && o.boxes <= 40 &&
+         o.size >= 0 && o.size <= kLargest && o.tolerance > 0;
 }
 
-/// Parts boxes into sky and what is brighter than a surface by more than `tolerance` deviations. Answers that
-/// deviation, infinity when there are too few boxes.
-double PartAbove(std::vector<Box>& boxes, const std::vector<double>& values, SmoothSurface surface,
-                 double tolerance) {
+/// The deviation of the levels of boxes, by what planes through a box and its nearest neighbours leave: the
+/// quarter of the places with the least of it, where there are neither edges nor stars.
+double NoiseOf(const std::vector<Box>& boxes, const std::vector<double>& values) {
+  constexpr size_t kNear = 7;
+  if (boxes.size() < kNear) return 0;
+  std::vector<double> deviations;
+  std::vector<size_t> order(boxes.size());
+  std::iota(order.begin(), order.end(), 0);
+  for (const Box& box : boxes) {
+    const auto distance = [&](size_t k) { return std::hypot(boxes[k].x - box.x, boxes[k].y - box.y); };
+    std::partial_sort(order.begin(), order.begin() + kNear, order.end(), [&](size_t i, size_t j) {
+      return std::pair(distance(i), i) < std::pair(distance(j), j);
+    });
+    std::vector<Box> near;
+    std::vector<double> levels;
+    for (size_t i = 0; i < kNear; ++i) {
+      near.push_back(boxes[order[i]]);
+      levels.push_back(values[order[i]]);
+    }
+    SmoothSurface plane(1, 2 * box.x, 2 * box.y);
+    if (!plane.Fit(near, levels, std::vector<double>(kNear, 1.0))) continue;
+    double squares = 0;
+    for (size_t i = 0; i < kNear; ++i) {
+      const double left = levels[i] - plane.At(near[i].x, near[i].y);
+      squares += left * left;
+    }
+    deviations.push_back(std::sqrt(squares / (kNear - kPlaneNumbers)));
+  }
+  if (deviations.empty()) return 0;
+  const auto quarter = deviations.begin() + static_cast<std::ptrdiff_t>(deviations.size() / 4);
+  std::nth_element(deviations.begin(), quarter, deviations.end());
+  return *quarter;
+}
+
+/// How far boxes lie above a surface that is fitted to the darker ones.
+struct Darkest {
+  std::vector<double> above;
+  double spread = 0;  ///< of the darker side
+};
+
+/// Empty where boxes do not suffice. The spread is at least `noise`: it would shrink with each round.
+std::optional<Darkest> FitDarkest(const std::vector<Box>& boxes, const std::vector<double>& values,
+                                  SmoothSurface surface, double tolerance, double noise) {
   constexpr int kRounds = 30;
-  constexpr double kRounding = 1e-9;  // of fits, for images without noise
   const size_t count = boxes.size();
-  std::vector<double> weights(count, 1.0), above(count), below;
-  double spread = 0;
+  std::vector<double> weights(count, 1.0), below;
+  Darkest fit{std::vector<double>(count)};
   for (int round = 0; round < kRounds; ++round) {
-    if (!surface.Fit(boxes, values, weights)) return INFINITY;
+    if (!surface.Fit(boxes, values, weights)) return std::nullopt;
     below.clear();
     for (size_t k = 0; k < count; ++k) {
-      above[k] = values[k] - surface.At(boxes[k].x, boxes[k].y);
-      if (above[k] < 0) below.push_back(-above[k]);
+      fit.above[k] = values[k] - surface.At(boxes[k].x, boxes[k].y);
+      if (fit.above[k] < 0) below.push_back(-fit.above[k]);
     }
-    if (below.empty()) break;
     // Of the darker side alone: nebulae are on the other.
-    spread = kSigmasOfMedianDistance * UpperMedian(below);
+    fit.spread = std::max(below.empty() ? 0 : kSigmasOfMedianDistance * UpperMedian(below), noise);
     for (size_t k = 0; k < count; ++k) {
-      const double r = spread > 0 ? above[k] / (tolerance * spread) : 0;
-      weights[k] = r > 0 ? 1 / ((1 + r * r) * (1 + r * r)) : 1;
+      const double r = std::max(fit.above[k] / (tolerance * fit.spread), 0.0);
+      weights[k] = 1 / ((1 + r * r) * (1 + r * r));
     }
   }
-  for (size_t k = 0; k < count; ++k) {
-    boxes[k].isSky = above[k] <= tolerance * spread + kRounding * std::abs(values[k]);
-  }
-  return spread;
+  return fit;
+}
+
+int CountSky(const std::vector<Box>& boxes) {
+  return static_cast<int>(
+      std::count_if(boxes.begin(), boxes.end(), [](const Box& box) { return box.isSky; }));
 }
 
 /// The wings of a nebula reach further than what stands out of the noise: neighbours of two boxes or more
-/// that are no sky are none either, unless that leaves less than half of the sky.
-void LeaveOutWings(std::vector<Box>& boxes, double distance) {
+/// that are no sky are none either, unless that leaves less than half of the sky, or fewer than `wanted`.
+void LeaveOutWings(std::vector<Box>& boxes, double distance, int wanted) {
   constexpr double kNeighbours = 1.7;  // each may have moved by a third
   constexpr int kFew = 2;
   std::vector<Box> rest = boxes;
@@ -236,10 +281,7 @@ void LeaveOutWings(std::vector<Box>& boxes, double distance) {
     };
     box.isSky = box.isSky && std::count_if(boxes.begin(), boxes.end(), isNear) < kFew;
   }
-  const auto sky = [](const std::vector<Box>& all) {
-    return std::count_if(all.begin(), all.end(), [](const Box& box) { return box.isSky; });
-  };
-  if (2 * sky(rest) >= sky(boxes)) boxes = std::move(rest);
+  if (2 * CountSky(rest) >= CountSky(boxes) && CountSky(rest) >= wanted) boxes = std::move(rest);
 }
 
 struct Sky {
@@ -247,29 +289,49 @@ struct Sky {
   int degree = 1;  ///< of the polynomial that they were found about
 };
 
-/// Finds sky by the mean of the planes, about the plainest surface that will do.
+/// Finds sky by the mean of the planes, about the polynomial that tells most of the boxes by the fewest
+/// numbers: a box that it leaves out costs as much as one at the tolerance, a number as much as
+/// kNumber log n (after Schwarz 1978).
 Sky PartSky(std::vector<Box> boxes, int planes, int width, int height, const Options& options) {
-  // The next degree must leave so much less of the darker boxes' deviation: measured under nebulae, it leaves
-  // 0.7 to 1.4 of it where the gradient is of the degree before, less than 0.3 of a bowl after a line, and
-  // 0.5 to 0.7 of the glow of a moon after a parabola.
-  constexpr double kNearer = 0.65;
-  constexpr int kMostDegree = 3;
+  // Both measured on 24 lines, bowls and moons over nebulae, stars and noise.
+  constexpr double kNumber = 5, kLeastNoise = 0.6;
+  constexpr double kRounding = 1e-9;  // of fits to images without noise
   std::vector<double> values;
+  double brightest = 0;
   for (const Box& box : boxes) {
     values.push_back(std::accumulate(box.levels, box.levels + planes, 0.0) / planes);
+    brightest = std::max(brightest, std::abs(values.back()));
   }
-  const int most =
-      options.surface == CImgGradient::Polynomial ? std::min(options.degree, kMostDegree) : kMostDegree;
-  Sky best;
-  double previous = INFINITY;
-  for (int degree = 1; degree <= most; ++degree) {
-    const double own = PartAbove(boxes, values, SmoothSurface(degree, width, height), options.tolerance);
-    if (best.boxes.empty() ? std::isfinite(own) : own < kNearer * previous) {
-      best = {boxes, degree};
-    }
-    previous = own;
+  const double noise = std::max(kLeastNoise * NoiseOf(boxes, values), kRounding * brightest + 1e-30);
+  const int most = options.surface == CImgGradient::Polynomial ? options.degree : kMostBelowPlate;
+  std::vector<Darkest> fits;
+  double least = INFINITY;
+  for (int degree = 1; degree <= most && NumbersOf(degree) < static_cast<int>(boxes.size()); ++degree) {
+    auto fit = FitDarkest(boxes, values, SmoothSurface(degree, width, height), options.tolerance, noise);
+    if (!fit) break;
+    least = std::min(least, fit->spread);
+    fits.push_back(std::move(*fit));
   }
-  return best;
+  const auto cost = [&](const Darkest& fit) {
+    const double square = options.tolerance * options.tolerance;
+    return std::accumulate(fit.above.begin(), fit.above.end(), 0.0, [=](double sum, double above) {
+      const double z = above / least;
+      return sum + (z > 0 ? std::min(z * z, square) : z * z);
+    });
+  };
+  Sky sky{std::move(boxes), 0};
+  double lowest = INFINITY;
+  for (int degree = 1; degree <= static_cast<int>(fits.size()); ++degree) {
+    const double own = cost(fits[degree - 1]) +
+                       kNumber * NumbersOf(degree) * std::log(static_cast<double>(sky.boxes.size()));
+    if (own < lowest) lowest = own, sky.degree = degree;
+  }
+  if (sky.degree == 0) return {};
+  const Darkest& fit = fits[sky.degree - 1];
+  for (size_t k = 0; k < sky.boxes.size(); ++k) {
+    sky.boxes[k].isSky = fit.above[k] <= options.tolerance * fit.spread;
+  }
+  return sky;
 }
 
 /// Sky among boxes on a grid; none where there are too few.
@@ -305,11 +367,11 @@ Sky FindSky(CVelImage& image, const Options& options) {
     }
   });
   std::erase_if(boxes, [](const Box& box) { return !box.isSky; });
-  const int degree = options.surface == CImgGradient::Polynomial ? options.degree : 2;
-  if (static_cast<int>(boxes.size()) < 2 * NumbersOf(degree)) return {};
-  Sky sky = PartSky(boxes, planes, width, height, options);
-  LeaveOutWings(sky.boxes, distance);
-  return sky;
+  Sky sky = PartSky(std::move(boxes), planes, width, height, options);
+  const int degree = options.surface == CImgGradient::Polynomial ? options.degree : sky.degree;
+  const int wanted = 2 * NumbersOf(degree);
+  LeaveOutWings(sky.boxes, distance, wanted);
+  return CountSky(sky.boxes) < wanted ? Sky{} : sky;
 }
 
 }  // namespace

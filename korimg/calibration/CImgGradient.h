@@ -10,13 +10,13 @@
 /// Boxes lie on a grid, each moved to the darkest of nine places about its own; the level of a box is the
 /// median of what repeated clipping leaves. What is much brighter than the surface, nebulae and the halos of
 /// stars, is no sky: a polynomial is fitted again and again with weights that fall with the distance above it
-/// (iteratively reweighted least squares, Holland and Welsch 1977, one-sided), of the lowest degree up to 3
-/// that fits the darker boxes; boxes above it by more than the tolerance have no part in the last fit, and
-/// neither have their neighbours where a nebula is more than a box. Surfaces are polynomials, or that
-/// polynomial with a thin-plate spline that smooths what is left (Duchon 1977; Wahba 1990, ch. 2). Of
-/// simulated gradients over a nebula that fills a third of the image the plate leaves about 1 % and takes as
-/// much of the nebula; of the glow of a moon near an edge 5 %, and 5 to 15 % of a faint nebula beside it,
-/// which it cannot tell from the glow.
+/// (iteratively reweighted least squares, Holland and Welsch 1977, one-sided), of the degree that tells most
+/// of the boxes by the fewest numbers (after Schwarz 1978); boxes above it by more than the tolerance have no
+/// part in the last fit, and neither have their neighbours where a nebula is more than a box. Surfaces are
+/// polynomials, or that polynomial with a thin-plate spline that smooths what is left (Duchon 1977; Wahba
+/// 1990, ch. 2). Of simulated lines and bowls over a nebula that fills a third of the image the plate leaves
+/// 0.2 % and takes less than 2 % of the nebula; of the glow of a moon at an edge it leaves 1 to 4 %, and
+/// takes 3 to 10 % of a nebula beside it, which it cannot tell from the glow.
 class KORIMG_API CImgGradient : public CVelImage {
  public:
   enum Surface : int { Polynomial, ThinPlate };
@@ -47,7 +47,7 @@ class KORIMG_API CImgGradient : public CVelImage {
   };
 
   /// The boxes of an image, and which are taken for sky. Empty when the image is smaller than four boxes, or
-  /// fewer than twice the surface's numbers of them hold finite pixels.
+  /// fewer than twice the surface's numbers of them are sky.
   static std::vector<Box> FindBoxes(CVelImage& image, const Options& options);
 
   /// Writes src without its gradient, or the gradient itself, into this image, over the whole of it:
