@@ -386,6 +386,7 @@ int CImgGradient::Do(const Options& options, CVelImage* src, int show, Findings*
   const auto [boxes, skyDegree] = FindSky(*src, options);
   if (boxes.empty()) return 0;
   const bool isPlate = options.surface == ThinPlate;
+  if (findings) findings->boxes = boxes;
   std::vector<double> weights(boxes.size()), values(boxes.size());
   std::transform(boxes.begin(), boxes.end(), weights.begin(),
                  [](const Box& box) { return box.isSky ? 1.0 : 0.0; });
@@ -406,7 +407,6 @@ int CImgGradient::Do(const Options& options, CVelImage* src, int show, Findings*
     });
     if (options.result == Divided && *std::min_element(mesh.begin(), mesh.end()) <= 0) return 0;
   }
-  if (findings) findings->boxes = boxes;
   const ProgressScope progress(*this, show, kFlattening, GetPlanes() * height);
   for (int p = 0; p < GetPlanes(); ++p) {
     const std::vector<float>& mesh = meshes[p];

@@ -18,13 +18,14 @@ enum Steps : int { Blurred = 20, Corrected = 50, Compared = 10, AllSteps = 100 }
 /// Restores one plane.
 class LucyCore {
  public:
-  LucyCore(int width, int height, double sigma, double gain, double readNoise, double background,
-           CVmManager& store)
+  /// `variance`, of what is read, in electrons, counts in chi-square beside that of light and read noise.
+  LucyCore(int width, int height, double sigma, double gain, double readNoise, double variance,
+           double background, CVmManager& store)
       : frame_(width, height, sigma, store),
         gain_(static_cast<float>(gain)),
         background_(static_cast<float>(background)),
         noise_(static_cast<float>(std::max(readNoise * readNoise / gain + background, 0.0))),
-        variance_(static_cast<float>(readNoise * readNoise)) {}
+        variance_(static_cast<float>(variance)) {}
 
   /// False when a step of the display tells of Escape.
   template <class Next, class Step>
@@ -48,6 +49,7 @@ class LucyCore {
       if (chi <= kAim) Diagnose("Total Iterations %d   chi-sq <= %g,  converged", done, kAim);
       if (!step(Compared)) return false;
     }
+    KeepLight();
     frame_.Take(estimate_, pixels, background_);
     return true;
   }
@@ -153,11 +155,22 @@ class LucyCore {
     return count > 0 ? sum / count : 0;
   }
 
+  /// Few steps have not brought all light back, of the faint most of all.
+  void KeepLight() {
+    const auto [data, model] = frame_.Sum<2>([d = data_, m = model_](size_t i) KORIMG_IN_LOOP {
+      const float counts = Where(d[i] == d[i]);
+      return std::array{d[i] == d[i] ? d[i] : 0.0f, m[i] * counts};
+    });
+    if (!(data > 0) || !(model > 0)) return;
+    frame_.ForCells([e = estimate_, factor = static_cast<float>(data / model)](size_t i)
+                        KORIMG_IN_LOOP { e[i] *= factor; });
+  }
+
   BlurFrame frame_;
   float gain_;
   float background_;  ///< what data lie above
   float noise_;       ///< raw light that is no part of the estimate, read noise among it
-  float variance_;    ///< of reading, in electrons
+  float variance_;    ///< in electrons, beside that of light
   float* data_ = frame_.NewPlane();
   float* estimate_ = frame_.NewPlane();
   float* model_ = frame_.NewPlane();      ///< the estimate blurred
@@ -173,20 +186,26 @@ class LucyCore {
 int CImgLucy::Do(double fSigma, double fGain, double fReadNoise, int nIterations, CRect* pRect,
                  int nShowProgress) {
   const std::vector<double> none(std::max(GetPlanes(), 1));
-  return DoAboveBackground(fSigma, fGain, fReadNoise, nIterations, none.data(), pRect, nShowProgress);
+  return Restore(fSigma, fGain, fReadNoise, fReadNoise * fReadNoise, nIterations, none.data(), pRect,
+                 nShowProgress);
 }
 
 int CImgLucy::DoAboveBackground(double sigma, double gain, double readNoise, int iterations,
                                 const double* background, CRect* rect, int show) {
+  return Restore(sigma, gain, readNoise, 0, iterations, background, rect, show);
+}
+
+int CImgLucy::Restore(double sigma, double gain, double readNoise, double variance, int iterations,
+                      const double* background, CRect* rect, int show) {
   const Window window(*this, rect);
-  if (!(sigma > 0) || !(gain > 0)) return 0;
+  if (!(sigma > 0) || !(gain > 0) || !std::isfinite(readNoise)) return 0;
   constexpr int kMost = 1000000;
   const int most = std::clamp(iterations, 0, kMost);
   const ProgressScope progress(*this, show, Preparing, GetPlanes() * most * AllSteps);
   if (most == 0) return 1;
   const int done = RestorePlanes(*this, window, [&](int p, float* pixels, CVmManager& store) {
     ShowStage(*this, show, Preparing, p);
-    LucyCore core(window.Width(), window.Height(), sigma, gain, readNoise, background[p], store);
+    LucyCore core(window.Width(), window.Height(), sigma, gain, readNoise, variance, background[p], store);
     return core.Run(
         pixels, most, [&](int i) { ShowStage(*this, show, Iterating, p, i); },
         [&](int steps) { return ShowProgress(steps); });

@@ -19,12 +19,18 @@ class KORIMG_API CImgLucy : public CVelImage {
   /// fReadNoise^2), is not above 1.
   ///
   /// Pixels that are no finite numbers have no weight and stay. 1, or 0 after a debug line when Escape was
-  /// pressed or there is no room, and when fSigma or fGain is not above 0: the image is as it was then. The
-  /// result is the same for any number of threads.
+  /// pressed or there is no room, and when fSigma or fGain is not above 0 or fReadNoise is not finite: the
+  /// image is as it was then. The light of the data is kept. The result is the same for any number of
+  /// threads.
   int Do(double fSigma, double fGain, double fReadNoise, int nIterations, CRect* pRect, int nShowProgress);
   /// The same above a background that is known for each plane, such as the sky less three times its noise:
   /// its light is no part of the estimate and counts as noise. Nothing of the result lies below it, so that
-  /// stars get no dark rings deeper than that.
+  /// stars get no dark rings deeper than that. Chi-square has the read noise once here: (g (d - M))^2 over
+  /// (M + N) g.
   int DoAboveBackground(double sigma, double gain, double readNoise, int iterations, const double* background,
                         CRect* rect, int show);
+
+ private:
+  int Restore(double sigma, double gain, double readNoise, double variance, int iterations,
+              const double* background, CRect* rect, int show);
 };

@@ -4,6 +4,7 @@
 #include "korimg/restoration/CImgRUsm.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <vector>
 
@@ -181,10 +182,12 @@ void CImgRUsm::Do(double angle, double strength, int segments, double centreX, d
   const ProgressScope progress(*this, show, 6204, window.Lines(*target));
   CircleLimits limits(*src, radiusMin, useDark, dark, darkRange, useHighlight, highlight, highlightRange,
                       brighter, percent);
-  for (int p = 0; p < target->GetPlanes() && !window.IsEmpty(); ++p) {
+  std::atomic<bool> goesOn = true;
+  for (int p = 0; p < target->GetPlanes() && !window.IsEmpty() && goesOn; ++p) {
     const SteadyPlane plane(*src, p);
     const LevelBand band = limits.Band(*src, p);
     ForLines(Team::All, window.top, window.bottom, [&](int y) {
+      if (!goesOn) return;
       ArcMeans means(plane.view, centreX, centreY, Radians(angle), segments);
       const float* in = plane.view.Row(y);
       float* out = target->GetWritableLine(0, y, p);
@@ -197,7 +200,7 @@ void CImgRUsm::Do(double angle, double strength, int segments, double centreX, d
         const double mean = means.Of(dx, dy, s), v = showMask ? mean : (s - mean) * (3.1 - strength) + s;
         out[x] = limits.Limit(band, s, static_cast<float>(v));
       }
-      ShowProgress(1);
+      if (!ShowProgress(1)) goesOn = false;
     });
   }
   if (markCentre) MarkCentre(*target, window, centreX, centreY);

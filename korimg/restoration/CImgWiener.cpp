@@ -137,10 +137,10 @@ int CImgWiener::Filter(double sigma, double noise, bool keepsFlux, CRect* rect, 
   return RestorePlanes(*this, window, [&](int p, float* pixels, CVmManager&) {
     if (p == 0) {
       if (!fft.Create(std::max(width / 2, 1), height)) throw std::bad_alloc();
-      ShowProgress(MadeGauss);
+      if (!ShowProgress(MadeGauss)) return false;
       response.emplace(width, height, sigma, noise, keepsFlux);
       filter.emplace(fft, *response);
-      ShowProgress(2 * GaussTransformed);
+      if (!ShowProgress(2 * GaussTransformed)) return false;
     } else {
       fft.Init();
     }

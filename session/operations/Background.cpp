@@ -1,5 +1,8 @@
 // Operations that shape the background.
+#include <algorithm>
 #include <cmath>
+
+#include <fmt/format.h>
 
 #include "korimg/calibration/CImgFlat.h"
 #include "korimg/calibration/CImgGradient.h"
@@ -74,10 +77,22 @@ std::pair<CPoint, CPoint> RampPoints(double dx, double dy, double x, double y) {
           CPoint(static_cast<int>(std::lround(2 * kLength * dx / length)), middle + half)};
 }
 
+/// Refuses to divide by a sky that is not above 0, as it is where the sky was subtracted.
+void CheckSkyToDivideBy(const Call& call, const FrameLevels& sky) {
+  for (int p = 0; p < std::min(call.image->GetPlanes(), 3); ++p) {
+    if (sky.level[p] > 0) continue;
+    throw UsageError(
+        fmt::format("{}: the sky of plane {} is {:g}, which cannot be divided by; run it before the "
+                    "sky is subtracted",
+                    call.Name(), p, sky.level[p]));
+  }
+}
+
 void Flatten(Call& call, const FlattenOptions& o) {
   CVelImage& image = *call.image;
   image.CalcMinMax();
   const FrameLevels sky = MeasureLevels(image);
+  if (o.by == Taking::Divide && !o.level) CheckSkyToDivideBy(call, sky);
   auto slope = o.slope.For(3), bottom = o.bottom.For(3), a = o.a.For(3), b = o.b.For(3),
        square = o.square.For(3), constant = o.constant.For(3),
        level = o.level ? o.level->For(3) : std::vector<double>(sky.level, sky.level + 3);
@@ -116,7 +131,7 @@ void Flatten(Call& call, const FlattenOptions& o) {
 }
 
 struct SelfFlatOptions {
-  double radius = 0.3, cap = 1;
+  double radius = 0.1, cap = 1;
 };
 
 void SelfFlat(Call& call, const SelfFlatOptions& o) {
@@ -124,6 +139,7 @@ void SelfFlat(Call& call, const SelfFlatOptions& o) {
   if (std::min(call.image->GetWidth(), call.image->GetHeight()) < kLeast) {
     throw UsageError("self-flat: the image is smaller than a cell of 10 x 10 pixels");
   }
+  CheckSkyToDivideBy(call, MeasureLevels(*call.image));
   call.Replace<CImgSelfFlat>(
       [&](CImgSelfFlat& target) { target.Do(o.radius, o.cap, call.image.get(), nullptr, kShow); });
 }
@@ -132,10 +148,21 @@ using GradientOptions = CImgGradient::Options;
 
 void Gradient(Call& call, const GradientOptions& options) {
   call.Replace<CImgGradient>([&](CImgGradient& target) {
-    if (!target.Do(options, call.image.get(), kShow)) {
+    CImgGradient::Findings findings;
+    if (!target.Do(options, call.image.get(), kShow, &findings)) {
       throw UsageError(
-          "gradient: there are too few boxes of sky for the surface, or it is not above 0 to divide by; give "
-          "more boxes of a smaller size");
+          options.result == CImgGradient::Divided && !findings.boxes.empty()
+              ? "gradient: the surface is not above 0 everywhere, which cannot be divided by; take "
+                "result=subtracted"
+              : "gradient: there are too few boxes of sky for the surface; give more boxes of a "
+                "smaller size, or a larger tolerance");
+    }
+    const auto sky = std::count_if(findings.boxes.begin(), findings.boxes.end(),
+                                   [](const CImgGradient::Box& box) { return box.isSky; });
+    call.job.Explain(fmt::format("gradient: {} of {} boxes are sky", sky, findings.boxes.size()));
+    for (int p = 0; p < target.GetPlanes(); ++p) {
+      call.job.Explain(fmt::format("gradient: plane {}: {:g} to {:g}, median {:g}", p, findings.low[p],
+                                   findings.high[p], findings.middle[p]));
     }
     return 1;
   });
@@ -220,14 +247,18 @@ std::vector<Operation> BackgroundOperations() {
           .Header(HeaderEffect::DropsCounts)
           .Example("by=subtract slope=0.5 angle=30")
           .Runs(Flatten),
-      Describe<SelfFlatOptions>("self-flat", "divides by a flat that is made of the image itself",
-                                "Takes a vignette off where there is no flat, from fields of stars on an "
-                                "even sky: cells of 10 x 10 "
-                                "pixels without their stars are the flat. Nebulae and galaxies larger than "
-                                "the filter go too, unless "
-                                "the cap is below them.")
-          .Takes("radius", &SelfFlatOptions::radius,
-                 {"of the filter that eats stars: 1 is 100 pixels", "", 0.1, 1})
+      Describe<SelfFlatOptions>(
+          "self-flat", "divides by a flat that is made of the image itself",
+          "Takes a vignette off where there is no flat, from fields of stars on an "
+          "even sky: cells of 10 x 10 "
+          "pixels without their stars are the flat, of the mean of the first plane for all "
+          "planes, which leaves a grey sky. Nebulae and galaxies larger than "
+          "the filter go too, unless "
+          "the cap is below them.")
+          .Takes(
+              "radius", &SelfFlatOptions::radius,
+              {"of the filter that eats stars: 1 is 100 pixels; the smaller, the truer to a steep vignette",
+               "", 0.1, 1})
           .Takes("cap", &SelfFlatOptions::cap,
                  {"the flat is cut above this share of black to white", "", 0, 1e6})
           .Header(HeaderEffect::DropsCounts)

@@ -24,6 +24,7 @@ void AlongCircles(Call& call, const CircleOptions& o, F&& filter) {
     filter(target, x, y, o.radiusMin, o.dark.has_value(), o.dark.value_or(0), o.darkRange.value_or(0),
            o.highlight.has_value(), o.highlight.value_or(0), o.highlightRange.value_or(0),
            o.brighter.has_value(), o.brighter.value_or(0), o.mark);
+    call.job.CheckCancelled();  // the filters end half way
   });
 }
 

@@ -148,4 +148,16 @@ TEST(CImgWiener, RefusesWhatIsNoBlur) {
   EXPECT_EQ(Pixels(*image), before);
 }
 
+TEST(CImgWiener, EscapeBeforeTheFirstStepLeavesTheImage) {
+  HWND window = korimg::CreateMessageWindow([](unsigned, std::uintptr_t, std::intptr_t) { return 0; });
+  const auto image = Make<CImgWiener>(MemoryStore(), 40, 30, 2, Random(100, 900));
+  const auto before = Pixels(*image);
+  image->SetProgressHandle(window);
+  PostMessageW(window, WM_KEYDOWN, VK_ESCAPE, 0);
+  EXPECT_EQ(image->Do(1.5, 0.01, nullptr, 1), 0);
+  EXPECT_EQ(Pixels(*image), before);
+  EXPECT_EQ(image->Do(1.5, 0.01, nullptr, 1), 1);
+  korimg::DestroyMessageWindow(window);
+}
+
 }  // namespace

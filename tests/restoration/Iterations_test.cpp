@@ -1,5 +1,6 @@
 // Richardson-Lucy and maximum entropy.
 #include <functional>
+#include <numeric>
 #include <tuple>
 
 #include <gtest/gtest.h>
@@ -359,6 +360,29 @@ TEST(Restorations, LeaveTheImageWhenThereIsNothingToDo) {
         EXPECT_EQ(std::isnan(v), std::isnan(value)) << method.name;
         EXPECT_FALSE(std::isinf(v)) << method.name;
       }
+    }
+  }
+}
+
+TEST(CImgLucy, KeepsTheLightHoweverFewTheSteps) {
+  for (const int steps : {1, 3, 20}) {
+    for (const double background : {0.0, 60.0}) {
+      const auto image = Make<CImgLucy>(MemoryStore(), 160, 130, 1, [](int p, int x, int y) {
+        // Stars well within the edges, on a sky with noise.
+        double sum = 100 + 8 * Random(-1, 1)(p, x, y);
+        for (int i = 0; i < 12; ++i) {
+          const double dx = x - 25 - 35 * (i % 4), dy = y - 25 - 38 * (i / 4);
+          sum += (300 + 500 * i) * std::exp(-(dx * dx + dy * dy) / (2 * 1.7 * 1.7));
+        }
+        return sum;
+      });
+      const auto sum = [&] {
+        const auto pixels = Pixels(*image);
+        return std::accumulate(pixels.begin(), pixels.end(), 0.0);
+      };
+      const double before = sum();
+      ASSERT_EQ(image->DoAboveBackground(1.7, 1e3, 1, steps, &background, nullptr, 0), 1);
+      EXPECT_NEAR(sum() / before, 1, 1e-3) << steps << " steps above " << background;
     }
   }
 }

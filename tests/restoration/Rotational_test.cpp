@@ -280,6 +280,20 @@ TEST(CImgRUsm, LuminanceIsWrittenToAllPlanesOnTheirScales) {
   }
 }
 
+TEST(CImgRUsm, EscapeEndsItHalfWay) {
+  HWND window = korimg::CreateMessageWindow([](unsigned, std::uintptr_t, std::intptr_t) { return 0; });
+  const auto store = MemoryStore();
+  const auto source = Make(store, 60, 200, 2, Random(100, 900));
+  const auto target = Make<CImgRUsm>(store, 60, 200, 2, [](int, int, int) { return -1.0; });
+  target->SetProgressHandle(window);
+  PostMessageW(window, WM_KEYDOWN, VK_ESCAPE, 0);
+  const int mean = 0;
+  target->Do(10, 1, 20, 0, 30, 100, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, mean, source.get(), nullptr, 1);
+  const auto pixels = Pixels(*target);
+  EXPECT_GT(std::count(pixels.begin(), pixels.end(), -1.0f), 60 * 200 * 1.8);
+  korimg::DestroyMessageWindow(window);
+}
+
 TEST(RotationalFilters, MarkTheirCentre) {
   for (const StoreCase& store : Stores()) {
     for (const auto& [x, y, drawn] :

@@ -1,4 +1,6 @@
 // What the restorations add to the library's: the point-spread function and the noise of an image itself.
+#include <numeric>
+
 #include "tests/session/operations/OperationTest.h"
 
 namespace korimg::session {
@@ -89,6 +91,19 @@ TEST_F(Deconvolution, WhatTellsNothingIsRefused) {
                {"maximum-entropy", {{"sigma", "2"}}, "no noise"}};
   for (const auto& c : cases) {
     ExpectRefused(File(flat), c.operation, c.values, c.says);
+  }
+}
+
+TEST_F(Deconvolution, NoNoiseIsTooLittleForTheLight) {
+  const auto before = Pixels(File(Star).Pixels());
+  const auto mean = [](const std::vector<float>& v) {
+    return std::accumulate(v.begin(), v.end(), 0.0) / static_cast<double>(v.size());
+  };
+  for (const char* noise : {"1e-9", "1e-30"}) {
+    const auto found =
+        Result(File(Star), "maximum-entropy", {{"sigma", "1.8"}, {"noise", noise}, {"iterations", "30"}});
+    EXPECT_NEAR(mean(found) / mean(before), 1, 0.02) << noise;
+    EXPECT_GT(*std::max_element(found.begin(), found.end()), *std::max_element(before.begin(), before.end()));
   }
 }
 
