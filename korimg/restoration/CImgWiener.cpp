@@ -132,11 +132,14 @@ int CImgWiener::Filter(double sigma, double noise, bool keepsFlux, CRect* rect, 
   const size_t pitch = window.Width();
   const int width = CFft::GetCeilPowerOf2(window.Width()), height = CFft::GetCeilPowerOf2(window.Height());
   CFftd fft;
+  std::optional<TemporaryPlane> room;  // of the image's store, and so within its budget
   std::optional<Response> response;
   std::optional<PackedFilter> filter;
-  return RestorePlanes(*this, window, [&](int p, float* pixels, CVmManager&) {
+  return RestorePlanes(*this, window, [&](int p, float* pixels, CVmManager& store) {
     if (p == 0) {
-      if (!fft.Create(std::max(width / 2, 1), height)) throw std::bad_alloc();
+      const int columns = std::max(width / 2, 1);
+      room.emplace(store, 2 * columns, height);
+      fft.Use(reinterpret_cast<complex*>(room->Pixels()), columns, height);
       if (!ShowProgress(MadeGauss)) return false;
       response.emplace(width, height, sigma, noise, keepsFlux);
       filter.emplace(fft, *response);

@@ -62,6 +62,7 @@ ComplexPlanes::ComplexPlanes(bool onTeam) : onTeam_(onTeam) {}
 ComplexPlanes::~ComplexPlanes() = default;
 
 void ComplexPlanes::Release::operator()(complex* p) const {
+  if (isLent) return;
   if (mapped > 0) {
     munmap(p, mapped);
   } else {
@@ -84,7 +85,7 @@ int ComplexPlanes::Create(int width, int height) {
     const bool large = bytes >= kHugePage;
     void* const memory =
         large ? MapPages(bytes) : std::aligned_alloc(kAlignment, std::max(bytes, kAlignment));
-    array = {static_cast<complex*>(memory), Release{large ? bytes : 0}};
+    array = {static_cast<complex*>(memory), Release(large ? bytes : 0, false)};
     if (!array) {
       arrays_[0].reset();
       return 0;
@@ -97,9 +98,19 @@ int ComplexPlanes::Create(int width, int height) {
   return 1;
 }
 
+void ComplexPlanes::Use(complex* plane, int width, int height) {
+  arrays_[0] = {plane, Release(0, true)};
+  arrays_[1].reset();
+  width_ = width;
+  height_ = height;
+  ampPhase_[0] = ampPhase_[1] = false;
+  Init();
+}
+
 void ComplexPlanes::Init() {
   for (int p = 0; p < 2; ++p) {
     ampPhase_[p] = false;
+    if (!arrays_[p]) continue;
     ForLines(onTeam_ ? Team::All : Team::One, 0, height_, [&](int y) {
       std::memset(static_cast<void*>(arrays_[p].get() + static_cast<size_t>(y) * width_), 0,
                   sizeof(complex) * width_);

@@ -24,7 +24,10 @@ class KORIMG_API ComplexPlanes {
   /// Rounds each size up to a power of two, and makes both planes, zeroed. 1, or 0 without room, and for
   /// sizes below 1: there are no planes then.
   int Create(int width, int height);
-  /// Zeroes both planes, which hold real and imaginary parts then.
+  /// Takes memory of somebody else's for plane A, which it zeroes, of sizes that are powers of two; there is
+  /// no plane B then. It must stay for as long as this works on it.
+  void Use(complex* plane, int width, int height);
+  /// Zeroes the planes, which hold real and imaginary parts then.
   void Init();
   int GetWidth() const { return width_; }
   int GetHeight() const { return height_; }
@@ -57,9 +60,10 @@ class KORIMG_API ComplexPlanes {
   void ForRows(F&& f);
 
   struct Release {
-    Release() : mapped(0) {}
-    explicit Release(size_t bytes) : mapped(bytes) {}
+    Release() : Release(0, false) {}
+    Release(size_t bytes, bool lent) : mapped(bytes), isLent(lent) {}
     size_t mapped;  ///< bytes; 0 for memory of the heap
+    bool isLent;
     void operator()(complex* p) const;
   };
 
