@@ -88,7 +88,40 @@ void CheckSkyToDivideBy(const Call& call, const FrameLevels& sky) {
   }
 }
 
+/// Refuses numbers of a model that change nothing, and those of another model.
+void CheckModel(const FlattenOptions& o) {
+  const auto isGiven = [](const PerPlane& numbers) {
+    return std::any_of(numbers.values.begin(), numbers.values.end(), [](double v) { return v != 0; });
+  };
+  const bool isPlane = o.model == Shape::Plane, isParaboloid = o.model == Shape::Paraboloid;
+  const struct {
+    const char* name;
+    const PerPlane& numbers;
+    bool belongs;
+  } all[] = {{"slope", o.slope, !isPlane && !isParaboloid},
+             {"a", o.a, isPlane || isParaboloid},
+             {"b", o.b, isPlane || isParaboloid},
+             {"square", o.square, isParaboloid},
+             {"constant", o.constant, isParaboloid}};
+  bool changes = false;
+  for (const auto& [name, numbers, belongs] : all) {
+    if (isGiven(numbers) && !belongs) {
+      throw UsageError(
+          fmt::format("flatten: {} is no number of this model; `korimg ops flatten` tells which "
+                      "are",
+                      name));
+    }
+    changes |= isGiven(numbers);
+  }
+  if (!changes) {
+    throw UsageError(fmt::format("flatten: nothing would change; give {}", isPlane        ? "a and b"
+                                                                           : isParaboloid ? "square, a and b"
+                                                                                          : "slope"));
+  }
+}
+
 void Flatten(Call& call, const FlattenOptions& o) {
+  CheckModel(o);
   CVelImage& image = *call.image;
   image.CalcMinMax();
   const FrameLevels sky = MeasureLevels(image);

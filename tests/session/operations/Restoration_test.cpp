@@ -160,12 +160,13 @@ TEST(Background, NothingIsDividedByASkyThatWasSubtracted) {
   const auto sky = [](double level) {
     return [level](int p, int x, int y) { return level + 50 * p + 10 * Random(-1, 1)(p, x, y); };
   };
-  for (const char* name : {"self-flat", "flatten"}) {
+  for (const auto& [name, values] : std::vector<std::pair<std::string, std::map<std::string, std::string>>>{
+           {"self-flat", {}}, {"flatten", {{"slope", "0.1"}}}}) {
     Image bright = ImageOf(store, 60, 50, sky(300)), subtracted = ImageOf(store, 60, 50, sky(-50));
-    EXPECT_NO_THROW(Result(bright, name, {})) << name;
+    EXPECT_NO_THROW(Result(bright, name, values)) << name;
     const auto before = Pixels(subtracted.Pixels());
     try {
-      Result(subtracted, name, {});
+      Result(subtracted, name, values);
       ADD_FAILURE() << name;
     } catch (const UsageError& error) {
       EXPECT_NE(std::string(error.what()).find("the sky of plane 0"), std::string::npos) << error.what();
@@ -173,6 +174,13 @@ TEST(Background, NothingIsDividedByASkyThatWasSubtracted) {
     EXPECT_EQ(Pixels(subtracted.Pixels()), before);
   }
   Image subtracted = ImageOf(store, 60, 50, sky(-50));
+  for (const std::map<std::string, std::string>& wrong : {std::map<std::string, std::string>{},
+                                                          {{"model", "plane"}, {"slope", "1"}, {"a", "1"}},
+                                                          {{"slope", "0.1"}, {"square", "1"}},
+                                                          {{"model", "paraboloid"}}}) {
+    Image bright = ImageOf(store, 60, 50, sky(300));
+    EXPECT_THROW(Result(bright, "flatten", wrong), UsageError);
+  }
   EXPECT_NO_THROW(Result(subtracted, "flatten", {{"by", "subtract"}, {"slope", "0.1"}}));
 }
 
