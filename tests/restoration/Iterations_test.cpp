@@ -131,6 +131,27 @@ TEST(CImgLucy, EndsWhenChiSquareIsMet) {
   EXPECT_EQ(debug.Count("Iteration "), 1);
 }
 
+// Of noise that is nothing but that of reading, with hardly any light.
+TEST(CImgLucy, ReadNoiseCountsOnceAboveABackgroundAndTwiceWithoutOne) {
+  constexpr double kRead = 50, kLight = 150;
+  const double none = 0;
+  for (const bool above : {true, false}) {
+    DebugLines debug;
+    const auto image = Make<CImgLucy>(MemoryStore(), 200, 150, 1, [](int p, int x, int y) {
+      return kLight + kRead * std::sqrt(12.0) * Random(-0.5, 0.5)(p, x, y);
+    });
+    ASSERT_EQ(above ? image->DoAboveBackground(2, 1, kRead, 1, &none, nullptr, 0)
+                    : image->Do(2, 1, kRead, 1, nullptr, 0),
+              1);
+    const std::string before = "Initial chi-sq = ";
+    const auto line = std::find_if(debug.lines.begin(), debug.lines.end(),
+                                   [&](const auto& told) { return told.find(before) != told.npos; });
+    ASSERT_NE(line, debug.lines.end());
+    const double chi = std::stod(line->substr(line->find(before) + before.size()));
+    EXPECT_NEAR(chi, kRead * kRead / (kLight + (above ? 1 : 2) * kRead * kRead), 0.03) << above;
+  }
+}
+
 TEST(CImgLucy, TellsOfPixelsFarBelowZero) {
   DebugLines debug;
   const auto image = Make<CImgLucy>(MemoryStore(), 20, 20, 1,
