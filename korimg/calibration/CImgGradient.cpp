@@ -263,11 +263,6 @@ std::optional<Darkest> FitDarkest(const std::vector<Box>& boxes, const std::vect
   return fit;
 }
 
-int CountSky(const std::vector<Box>& boxes) {
-  return static_cast<int>(
-      std::count_if(boxes.begin(), boxes.end(), [](const Box& box) { return box.isSky; }));
-}
-
 /// The wings of a nebula reach further than what stands out of the noise: neighbours of two boxes or more
 /// that are no sky are none either, unless that leaves less than half of the sky, or fewer than `wanted`.
 void LeaveOutWings(std::vector<Box>& boxes, double distance, int wanted) {
@@ -281,7 +276,9 @@ void LeaveOutWings(std::vector<Box>& boxes, double distance, int wanted) {
     };
     box.isSky = box.isSky && std::count_if(boxes.begin(), boxes.end(), isNear) < kFew;
   }
-  if (2 * CountSky(rest) >= CountSky(boxes) && CountSky(rest) >= wanted) boxes = std::move(rest);
+  if (2 * CImgGradient::CountSky(rest) >= CImgGradient::CountSky(boxes) &&
+      CImgGradient::CountSky(rest) >= wanted)
+    boxes = std::move(rest);
 }
 
 struct Sky {
@@ -371,10 +368,15 @@ Sky FindSky(CVelImage& image, const Options& options) {
   const int degree = options.surface == CImgGradient::Polynomial ? options.degree : sky.degree;
   const int wanted = 2 * NumbersOf(degree);
   LeaveOutWings(sky.boxes, distance, wanted);
-  return CountSky(sky.boxes) < wanted ? Sky{} : sky;
+  return CImgGradient::CountSky(sky.boxes) < wanted ? Sky{} : sky;
 }
 
 }  // namespace
+
+int CImgGradient::CountSky(const std::vector<Box>& boxes) {
+  return static_cast<int>(
+      std::count_if(boxes.begin(), boxes.end(), [](const Box& box) { return box.isSky; }));
+}
 
 std::vector<Box> CImgGradient::FindBoxes(CVelImage& image, const Options& options) {
   return FindSky(image, options).boxes;

@@ -38,6 +38,7 @@ class KORIMG_API CImgGradient : public CVelImage {
     double levels[3];  ///< of the planes
     bool isSky;
   };
+  static int CountSky(const std::vector<Box>& boxes);
 
   /// What was taken for the gradient: the extremes of its surface over the image, and the median, which stays
   /// in the image.

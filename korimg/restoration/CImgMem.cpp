@@ -97,7 +97,7 @@ struct Subspace {
 class MemEngine {
  public:
   MemEngine(int width, int height, double sigma, double noise, CVmManager& store)
-      : frame_(width, height, sigma, store), weight_(1 / (noise * noise)) {}
+      : frame_(width, height, sigma, store), noise_(noise) {}
 
   /// False when a step of the display tells of Escape.
   template <class Next, class Step>
@@ -106,7 +106,7 @@ class MemEngine {
     Start();
     for (int i = 1; i <= iterations; ++i) {
       showNext(i);
-      frame_.ForCells([d = data_, m = model_, w = work_, weight = static_cast<float>(weight_)](size_t k)
+      frame_.ForCells([d = data_, m = model_, w = work_, weight = weight_](size_t k)
                           KORIMG_IN_LOOP { w[k] = d[k] == d[k] ? (d[k] - m[k]) * weight : 0.0f; });
       frame_.Blur(work_, fall_);
       if (!step(Blurred)) return false;
@@ -143,9 +143,10 @@ class MemEngine {
     count_ = count;
     constexpr double kNothing = 1e-30;
     mean_ = static_cast<float>(std::max(count > 0 ? sum / count : 0, kNothing));
-    // Less noise is never explained, and floats do not hold its weights.
-    constexpr double kLeastNoise = 1e-5;  // of the mean
-    weight_ = static_cast<float>(std::min(weight_, 1 / (kLeastNoise * mean_ * kLeastNoise * mean_)));
+    constexpr double kLeastNoise =
+        1e-5;  // of the mean: less is never explained, nor its weight held by a float
+    const double noise = std::max(noise_, kLeastNoise * mean_);
+    weight_ = static_cast<float>(1 / (noise * noise));
     frame_.ForCells([d = data_, w = work_, mean = mean_](size_t i)
                         KORIMG_IN_LOOP { w[i] = d[i] == d[i] ? d[i] : mean; });
     frame_.Blur(work_, estimate_);
@@ -163,18 +164,18 @@ class MemEngine {
           return std::array{e[i] * r[i] * r[i], e[i] * r[i] * f[i], r[i] * s[i],
                             e[i] * f[i] * f[i], f[i] * s[i],        s[i] * s[i] / e[i]};
         });
-    const auto curvature = frame_.Sum<7>([d = data_, m = model_, r = byRise_, f = byFall_, s = byStep_,
-                                          w = static_cast<float>(weight_)](size_t i) KORIMG_IN_LOOP {
-      const float weight = d[i] == d[i] ? w : 0.0f, data = d[i] == d[i] ? d[i] : m[i],
-                  difference = data - m[i];
-      return std::array{r[i] * r[i] * weight,
-                        r[i] * f[i] * weight,
-                        r[i] * s[i] * weight,
-                        f[i] * f[i] * weight,
-                        f[i] * s[i] * weight,
-                        s[i] * s[i] * weight,
-                        difference * difference * weight};
-    });
+    const auto curvature = frame_.Sum<7>(
+        [d = data_, m = model_, r = byRise_, f = byFall_, s = byStep_, w = weight_](size_t i) KORIMG_IN_LOOP {
+          const float weight = d[i] == d[i] ? w : 0.0f, data = d[i] == d[i] ? d[i] : m[i],
+                      difference = data - m[i];
+          return std::array{r[i] * r[i] * weight,
+                            r[i] * f[i] * weight,
+                            r[i] * s[i] * weight,
+                            f[i] * f[i] * weight,
+                            f[i] * s[i] * weight,
+                            s[i] * s[i] * weight,
+                            difference * difference * weight};
+        });
     const auto symmetric = [](const auto& v) {
       return Matrix{Vector{v[0], v[1], v[2]}, Vector{v[1], v[3], v[4]}, Vector{v[2], v[4], v[5]}};
     };
@@ -229,7 +230,8 @@ class MemEngine {
   }
 
   BlurFrame frame_;
-  double weight_;  ///< of a pixel: 1 / noise^2
+  double noise_;
+  float weight_ = 0;  ///< of a pixel: 1 / noise^2
   float* data_ = frame_.NewPlane();
   float* estimate_ = frame_.NewPlane();
   float* model_ = frame_.NewPlane();   ///< the estimate blurred

@@ -190,9 +190,8 @@ void Gradient(Call& call, const GradientOptions& options) {
               : "gradient: there are too few boxes of sky for the surface; give more boxes of a "
                 "smaller size, or a larger tolerance");
     }
-    const auto sky = std::count_if(findings.boxes.begin(), findings.boxes.end(),
-                                   [](const CImgGradient::Box& box) { return box.isSky; });
-    call.job.Explain(fmt::format("gradient: {} of {} boxes are sky", sky, findings.boxes.size()));
+    call.job.Explain(fmt::format("gradient: {} of {} boxes are sky", CImgGradient::CountSky(findings.boxes),
+                                 findings.boxes.size()));
     for (int p = 0; p < target.GetPlanes(); ++p) {
       call.job.Explain(fmt::format("gradient: plane {}: {:g} to {:g}, median {:g}", p, findings.low[p],
                                    findings.high[p], findings.middle[p]));

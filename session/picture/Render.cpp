@@ -132,8 +132,7 @@ RenderResult Draw(Job& job, const RenderOptions& options) {
   }
   if (!boxes.empty()) {
     json["boxes"] = boxes.size();
-    json["sky_boxes"] =
-        std::count_if(boxes.begin(), boxes.end(), [](const CImgGradient::Box& box) { return box.isSky; });
+    json["sky_boxes"] = CImgGradient::CountSky(boxes);
   }
   Tell(job, options, json);
   return result;

@@ -10,15 +10,6 @@
 
 namespace korimg::session {
 
-namespace {
-
-long long SkyBoxes(const CImgGradient::Findings& findings) {
-  return std::count_if(findings.boxes.begin(), findings.boxes.end(),
-                       [](const CImgGradient::Box& box) { return box.isSky; });
-}
-
-}  // namespace
-
 std::string TakenGradient::Text() const {
   std::string text;
   for (int p = 0; p < planes; ++p) {
@@ -26,11 +17,13 @@ std::string TakenGradient::Text() const {
                         findings.low[p] - findings.middle[p], findings.high[p] - findings.middle[p],
                         findings.middle[p]);
   }
-  return fmt::format("{}; {} of {} boxes are sky", text, SkyBoxes(findings), findings.boxes.size());
+  return fmt::format("{}; {} of {} boxes are sky", text, CImgGradient::CountSky(findings.boxes),
+                     findings.boxes.size());
 }
 
 nlohmann::ordered_json TakenGradient::Description() const {
-  nlohmann::ordered_json json{{"boxes", findings.boxes.size()}, {"sky_boxes", SkyBoxes(findings)}};
+  nlohmann::ordered_json json{{"boxes", findings.boxes.size()},
+                              {"sky_boxes", CImgGradient::CountSky(findings.boxes)}};
   for (int p = 0; p < planes; ++p) {
     json["low"].push_back(findings.low[p]);
     json["high"].push_back(findings.high[p]);

@@ -59,10 +59,9 @@ struct RunResult {
 /// grid of one reference. Writes stack.fits, stack_float.tif, stack_16bit.tif and stack.png
 /// (stack_<filter>... when there are several), colour.fits, colour.tif of 16 bits and colour.png where the
 /// filters make a colour image by the palette, stack_gradient.fits where a gradient is taken off, report.html
-/// and the masters. Calibrated frames are made twice,
-/// for measuring and for stacking, and never written. A frame that cannot be used is left out, and the report
-/// says why; copies count once. The job has failed when a stack holds less than half of its lights. What ends
-/// the run leaves no outputs.
+/// and the masters. Calibrated frames are made twice, for measuring and for stacking, and never written. A
+/// frame that cannot be used is left out, and the report says why; copies count once. The job has failed when
+/// a stack holds less than half of its lights. What ends the run leaves no outputs.
 /// @throws FileError when calibration frames or outputs are wrong, or no frame is left.
 KORIMG_SESSION_API RunResult Run(Job& job, const RunOptions& options);
 
