@@ -6,13 +6,19 @@
 namespace korimg::tool {
 
 void AddStackChoices(CLI::App& verb, StackChoices& choices) {
-  verb.add_option("--method", choices.method, "what a pixel becomes; sigma is a mean without outliers")
+  verb.add_option("--method", choices.method, "what a pixel becomes of the values of the frames")
       ->check(CLI::IsMember(NamesOf(kStackMethods)));
   verb.add_option(
-      "--kappa", choices.kappa,
-      "sigma: standard deviations from the median beyond which values are rejected, one number or "
-      "LOW,HIGH");
-  verb.add_option("--iterations", choices.iterations, "sigma: how often at most")->check(CLI::Range(1, 100));
+          "--reject", choices.reject,
+          "mean: how outliers such as trails, cosmic rays and hot pixels are told; auto: by the noise of "
+          "each frame up to 4 frames, winsorized from 5, generalised ESD from 15")
+      ->check(CLI::IsMember(NamesOf(kRejections)));
+  verb.add_option("--kappa", choices.kappa,
+                  "sigma, winsorized, linear-fit, noise: deviations beyond which values are rejected, one "
+                  "number or LOW,HIGH; auto: 2.5, 3, 3 and 5");
+  verb.add_option("--iterations", choices.iterations,
+                  "sigma, winsorized, linear-fit: how often at most, each by what the last one left")
+      ->check(CLI::Range(1, 100));
   verb.add_option(
           "--normalize", choices.normalise,
           "bring each frame to the reference: the level of its sky, or its scale too, by the light of stars "

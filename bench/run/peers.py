@@ -86,7 +86,7 @@ for _ in range(arguments.runs):
     note("register", "Siril", siril(REGISTER))
     note("register", "korimg", korimg("register", *frames, "--json", "-o", work / "transforms.jsonl"))
     note("stack", "Siril", siril(STACK))
-    note("stack", "korimg", korimg("stack", *frames, "--transforms", work / "transforms.jsonl", "--method", "sigma",
+    note("stack", "korimg", korimg("stack", *frames, "--transforms", work / "transforms.jsonl", "--reject", "sigma",
                                    "--kappa", "3", "--normalize", "level+scale", "-o", work / "stack.fits"))
 print(f"{'':10} {'Siril':>16} {'korimg':>16}  ratio")
 for step in ("register", "stack", "run"):

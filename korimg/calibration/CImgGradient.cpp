@@ -10,6 +10,7 @@
 
 #include "korimg/image/internal/Frame.h"
 #include "korimg/image/internal/Numbers.h"
+#include "korimg/image/internal/SmoothSurface.h"
 #include "korimg/image/internal/Vectors.h"
 
 using namespace korimg;
@@ -19,13 +20,7 @@ namespace {
 using Box = CImgGradient::Box;
 using Options = CImgGradient::Options;
 
-constexpr int kPlaneNumbers = 3;  // of 1, u and v
-constexpr int kMostDegree = 4, kMostBelowPlate = 3;
-
-/// Of a polynomial of u and v.
-constexpr int NumbersOf(int degree) {
-  return (degree + 1) * (degree + 2) / 2;
-}
+constexpr int kMostBelowPlate = 3;
 
 /// The median of a square's finite pixels in every step-th line, `rounds` times without what lies 3
 /// deviations off; NaN when less than half of the pixels are finite.
@@ -50,153 +45,12 @@ double LevelOf(CVelImage& image, int plane, int left, int top, int size, int ste
   return level;
 }
 
-/// Solves for x in A x = b, A of n rows; false when it is singular. A and b are used up.
-bool Solve(std::vector<double>& a, std::vector<double>& b) {
-  const size_t n = b.size();
-  for (size_t i = 0; i < n; ++i) {
-    size_t pivot = i;
-    for (size_t row = i + 1; row < n; ++row) {
-      if (std::abs(a[row * n + i]) > std::abs(a[pivot * n + i])) pivot = row;
-    }
-    if (!(std::abs(a[pivot * n + i]) > 1e-300)) return false;
-    if (pivot != i) {
-      std::swap_ranges(&a[i * n], &a[i * n] + n, &a[pivot * n]);
-      std::swap(b[i], b[pivot]);
-    }
-    for (size_t row = i + 1; row < n; ++row) {
-      const double factor = a[row * n + i] / a[i * n + i];
-      if (factor == 0) continue;
-      for (size_t column = i; column < n; ++column) {
-        a[row * n + column] -= factor * a[i * n + column];
-      }
-      b[row] -= factor * b[i];
-    }
-  }
-  for (size_t i = n; i-- > 0;) {
-    for (size_t column = i + 1; column < n; ++column) {
-      b[i] -= a[i * n + column] * b[column];
-    }
-    b[i] /= a[i * n + i];
-  }
-  return true;
-}
-
-/// A smooth surface over an image, in coordinates from about -1 to 1.
-class SmoothSurface {
- public:
-  SmoothSurface(int degree, int width, int height)
-      : degree_(degree),
-        scale_(2.0 / std::max(width, height)),
-        middleX_(width / 2.0),
-        middleY_(height / 2.0) {}
-
-  /// Fits a polynomial to values of boxes, those of weight 0 left out; false when they do not suffice.
-  bool Fit(const std::vector<Box>& boxes, const std::vector<double>& values,
-           const std::vector<double>& weights) {
-    knots_.clear();
-    const int count = NumbersOf(degree_);
-    std::vector<double> normal(static_cast<size_t>(count) * count), right(count);
-    for (size_t k = 0; k < boxes.size(); ++k) {
-      if (!(weights[k] > 0)) continue;
-      double powers[kMostNumbers];
-      Powers((boxes[k].x - middleX_) * scale_, (boxes[k].y - middleY_) * scale_, powers);
-      for (int i = 0; i < count; ++i) {
-        for (int j = 0; j < count; ++j) {
-          normal[static_cast<size_t>(i) * count + j] += weights[k] * powers[i] * powers[j];
-        }
-        right[i] += weights[k] * powers[i] * values[k];
-      }
-    }
-    if (!Solve(normal, right)) return false;
-    numbers_ = right;
-    return true;
-  }
-
-  /// Adds a plate that smooths what the polynomial leaves: the more smoothing, from 0 to 1, the less of it.
-  bool AddPlate(const std::vector<Box>& boxes, const std::vector<double>& values,
-                const std::vector<double>& weights, double smoothing) {
-    std::vector<double> right;
-    std::vector<Knot> knots;
-    for (size_t k = 0; k < boxes.size(); ++k) {
-      if (!(weights[k] > 0)) continue;
-      knots.push_back({(boxes[k].x - middleX_) * scale_, (boxes[k].y - middleY_) * scale_, 0});
-      right.push_back(values[k] - At(boxes[k].x, boxes[k].y));
-    }
-    const size_t count = knots.size(), n = count + kPlaneNumbers;
-    // It stands beside sums over all boxes; measured on the gradients of the tests.
-    smoothing *= static_cast<double>(count) * 0.1;
-    std::vector<double> a(n * n);
-    right.resize(n);
-    for (size_t i = 0; i < count; ++i) {
-      for (size_t j = 0; j < count; ++j) {
-        a[i * n + j] = Bend(knots[i].u - knots[j].u, knots[i].v - knots[j].v);
-      }
-      a[i * n + i] += smoothing;
-      const double plane[] = {1, knots[i].u, knots[i].v};
-      for (int j = 0; j < kPlaneNumbers; ++j) {
-        a[i * n + count + j] = a[(count + j) * n + i] = plane[j];
-      }
-    }
-    if (!Solve(a, right)) return false;
-    for (size_t i = 0; i < count; ++i) {
-      knots[i].weight = right[i];
-    }
-    for (int i = 0; i < kPlaneNumbers; ++i) {
-      numbers_[i] += right[count + i];
-    }
-    knots_ = std::move(knots);
-    return true;
-  }
-
-  double At(double x, double y) const {
-    const double u = (x - middleX_) * scale_, v = (y - middleY_) * scale_;
-    double powers[kMostNumbers], sum = 0;
-    const int count = Powers(u, v, powers);
-    for (int i = 0; i < count; ++i) {
-      sum += numbers_[i] * powers[i];
-    }
-    for (const Knot& knot : knots_) {
-      sum += knot.weight * Bend(u - knot.u, v - knot.v);
-    }
-    return sum;
-  }
-
- private:
-  static constexpr int kMostNumbers = NumbersOf(kMostDegree);
-
-  struct Knot {
-    double u, v, weight;
-  };
-
-  /// r^2 log r, which a thin plate bends by.
-  static double Bend(double u, double v) {
-    const double r2 = u * u + v * v;
-    return r2 > 0 ? 0.5 * r2 * std::log(r2) : 0;
-  }
-
-  /// The products of powers of u and v up to the degree; answers their number.
-  int Powers(double u, double v, double* powers) const {
-    int n = 0;
-    for (int total = 0; total <= degree_; ++total) {
-      for (int i = 0; i <= total; ++i) {
-        powers[n++] = std::pow(u, total - i) * std::pow(v, i);
-      }
-    }
-    return n;
-  }
-
-  int degree_;
-  double scale_, middleX_, middleY_;
-  std::vector<double> numbers_;
-  std::vector<Knot> knots_;
-};
-
 bool IsInRange(const Options& o) {
   constexpr int kLargest = 10000;
   return o.surface >= CImgGradient::Polynomial && o.surface <= CImgGradient::ThinPlate &&
          o.result >= CImgGradient::Subtracted && o.result <= CImgGradient::Model && o.degree >= 1 &&
-         o.degree <= kMostDegree && o.smoothing >= 0 && o.smoothing <= 1 && o.boxes >= 4 && o.boxes <= 40 &&
-         o.size >= 0 && o.size <= kLargest && o.tolerance > 0;
+         o.degree <= SmoothSurface::kMostDegree && o.smoothing >= 0 && o.smoothing <= 1 && o.boxes >= 4 &&
+         o.boxes <= 40 && o.size >= 0 && o.size <= kLargest && o.tolerance > 0;
 }
 
 /// The deviation of the levels of boxes, by what planes through a box and its nearest neighbours leave: the
@@ -225,7 +79,7 @@ double NoiseOf(const std::vector<Box>& boxes, const std::vector<double>& values)
       const double left = levels[i] - plane.At(near[i].x, near[i].y);
       squares += left * left;
     }
-    deviations.push_back(std::sqrt(squares / (kNear - kPlaneNumbers)));
+    deviations.push_back(std::sqrt(squares / (kNear - SmoothSurface::kPlaneNumbers)));
   }
   if (deviations.empty()) return 0;
   const auto quarter = deviations.begin() + static_cast<std::ptrdiff_t>(deviations.size() / 4);
@@ -303,7 +157,8 @@ Sky PartSky(std::vector<Box> boxes, int planes, int width, int height, const Opt
   const int most = options.surface == CImgGradient::Polynomial ? options.degree : kMostBelowPlate;
   std::vector<Darkest> fits;
   double least = INFINITY;
-  for (int degree = 1; degree <= most && NumbersOf(degree) < static_cast<int>(boxes.size()); ++degree) {
+  for (int degree = 1; degree <= most && SmoothSurface::NumbersOf(degree) < static_cast<int>(boxes.size());
+       ++degree) {
     auto fit = FitDarkest(boxes, values, SmoothSurface(degree, width, height), options.tolerance, noise);
     if (!fit) break;
     least = std::min(least, fit->spread);
@@ -319,8 +174,8 @@ Sky PartSky(std::vector<Box> boxes, int planes, int width, int height, const Opt
   Sky sky{std::move(boxes), 0};
   double lowest = INFINITY;
   for (int degree = 1; degree <= static_cast<int>(fits.size()); ++degree) {
-    const double own = cost(fits[degree - 1]) +
-                       kNumber * NumbersOf(degree) * std::log(static_cast<double>(sky.boxes.size()));
+    const double own = cost(fits[degree - 1]) + kNumber * SmoothSurface::NumbersOf(degree) *
+                                                    std::log(static_cast<double>(sky.boxes.size()));
     if (own < lowest) lowest = own, sky.degree = degree;
   }
   if (sky.degree == 0) return {};
@@ -366,7 +221,7 @@ Sky FindSky(CVelImage& image, const Options& options) {
   std::erase_if(boxes, [](const Box& box) { return !box.isSky; });
   Sky sky = PartSky(std::move(boxes), planes, width, height, options);
   const int degree = options.surface == CImgGradient::Polynomial ? options.degree : sky.degree;
-  const int wanted = 2 * NumbersOf(degree);
+  const int wanted = 2 * SmoothSurface::NumbersOf(degree);
   LeaveOutWings(sky.boxes, distance, wanted);
   return CImgGradient::CountSky(sky.boxes) < wanted ? Sky{} : sky;
 }

@@ -214,14 +214,14 @@ void AddNormalisation(CImgStack& stack, const std::vector<StackInput>& inputs, i
 
 /// An outlier widens the deviation of few frames so far that it lies within it.
 void WarnOfIdleClipping(Job& job, int frames, const StackOptions& options) {
-  if (options.method != CImgStack::ClippedMean || frames < 3) return;
+  if (options.method != CImgStack::Mean || options.rejection.test != Rejection::Sigma || frames < 3) return;
   // Of one value far from the others.
   const double farthest = frames / std::sqrt(frames - 1.0);
-  const double kappa = std::max(options.clip.low, options.clip.high);
+  const double kappa = std::max(options.rejection.low, options.rejection.high);
   if (kappa < farthest) return;
   job.Warn(fmt::format(
       "of {} frames an outlier lies {:.2f} deviations off, however bright it is: --kappa {:g} rejects "
-      "next to nothing; use a smaller one, or --method median",
+      "next to nothing; use a smaller one, or --reject auto",
       frames, farthest, kappa));
 }
 
@@ -291,11 +291,19 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
     stack.SetRejectionMaps(&maps[0]->Image(), &maps[1]->Image());
   }
 
-  // Frames and bands in one sequence: step n stores frame n % frames of band n / frames.
-  const int bands = (shape.height - y0 + plan.rows - 1) / plan.rows;
-  const long long steps = 1LL * bands * frames;
-  const auto top = [&](long long band) { return y0 + static_cast<int>(band) * plan.rows; };
-  const auto bottom = [&](long long band) { return std::min(top(band) + plan.rows, shape.height); };
+  // Rows that the noise is measured by, then the bands; frames and these in one sequence: step n stores frame
+  // n % frames of band n / frames.
+  const bool rejects = options.method == CImgStack::Mean && options.rejection.test != Rejection::None;
+  std::vector<RowRange> bands;
+  for (const int row : rejects ? stack.RowsToSample() : std::vector<int>()) {
+    bands.push_back({row, row + 1});
+  }
+  const auto samples = static_cast<int>(bands.size());
+  for (int top = y0; top < shape.height; top += plan.rows) {
+    bands.push_back({top, std::min(top + plan.rows, shape.height)});
+  }
+  const long long steps = static_cast<long long>(bands.size()) * frames;
+  const auto rowsOf = [&](long long step) { return bands[static_cast<size_t>(step / frames)]; };
   std::vector<std::unique_ptr<FrameRows>> buffers(FramesAtOnce());
   std::vector<std::mutex> reading(frames);
   const auto read = [&](int worker, long long step) {
@@ -306,7 +314,7 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
         buffer->Image().GetHeight() != input.shape.height) {
       buffer = std::make_unique<FrameRows>(input.shape);
     }
-    const RowRange rows = SourceRows(input, shape.width, top(step / frames), bottom(step / frames));
+    const RowRange rows = SourceRows(input, shape.width, rowsOf(step).first, rowsOf(step).end);
     buffer->Need(rows.first, rows.end);
     if (rows.first < rows.end) {
       input.read(buffer->Rows(rows.first, rows.end - rows.first));
@@ -314,24 +322,34 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
   };
   const auto store = [&](int worker, long long step) {
     const StackInput& input = inputs[step % frames];
-    stack.Store(static_cast<int>(step % frames), &buffers[worker]->Image(), top(step / frames),
-                bottom(step / frames) - 1, input.dx, input.dy, input.degrees * std::numbers::pi / 180,
+    stack.Store(static_cast<int>(step % frames), &buffers[worker]->Image(), rowsOf(step).first,
+                rowsOf(step).end - 1, input.dx, input.dy, input.degrees * std::numbers::pi / 180,
                 options.kernel, options.clampUndershoot ? &input.levels : nullptr);
   };
   BandFeeder feeder(frames, steps, read, store);
-  for (int band = 0; band < bands; ++band) {
+  const auto count = static_cast<int>(bands.size());
+  for (int band = 0; band < count; ++band) {
     feeder.WaitForBand([&](int stored) {
       job.CheckCancelled();
-      job.JobProgress("stacking", 1LL * band * frames + stored, steps,
-                      fmt::format("band {} of {}, frame {} of {}", band + 1, bands, stored, frames));
+      const bool isSample = band < samples;
+      job.JobProgress(isSample ? "measuring noise" : "stacking", 1LL * band * frames + stored, steps,
+                      fmt::format("{} {} of {}, frame {} of {}", isSample ? "row" : "band",
+                                  isSample ? band + 1 : band + 1 - samples,
+                                  isSample ? samples : count - samples, stored, frames));
     });
-    stack.Stack(options.method, options.clip, top(band), bottom(band) - 1);
+    if (band < samples) {
+      stack.Sample(band);
+      if (band + 1 == samples) stack.SettleSamples();
+      feeder.OpenNextBand();
+      continue;
+    }
+    const int first = bands[band].first, rows = bands[band].end - first;
+    stack.Stack(options.method, options.rejection, first, first + rows - 1);
     feeder.OpenNextBand();
-    const int rows = bottom(band) - top(band);
-    StackBand done{.result = Image::RowsOf(target, top(band), rows), .counts = stack.TakeCounts()};
+    StackBand done{.result = Image::RowsOf(target, first, rows), .counts = stack.TakeCounts()};
     if (options.rejectionMaps) {
-      done.low = maps[0]->Rows(top(band), rows);
-      done.high = maps[1]->Rows(top(band), rows);
+      done.low = maps[0]->Rows(first, rows);
+      done.high = maps[1]->Rows(first, rows);
     }
     sink(done);
     for (FrameRows* image : {own.get(), maps[0].get(), maps[1].get()}) {

@@ -35,8 +35,8 @@ struct StackInput {
 enum class Normalisation { None, Level, LevelAndScale };
 
 struct StackOptions {
-  CImgStack::Method method = CImgStack::ClippedMean;
-  CImgStack::Clip clip;
+  CImgStack::Method method = CImgStack::Mean;
+  Rejection rejection = {.test = Rejection::Auto};  ///< of outliers, from means
   Normalisation normalisation = Normalisation::Level;
   int kernel = CInterp::MethodBicubic;
   bool clampUndershoot = true;  ///< of kernels beside bright stars, where it falls below the sky
@@ -70,9 +70,10 @@ KORIMG_SESSION_API StackPlan PlanStack(const std::vector<StackInput>& inputs, co
                                        const StackOptions& options);
 
 /// Stacks the frames on the grid of the one numbered `reference`, which normalising goes by too, from row
-/// `y0` on. Calls sink for the bands in order; frames are read a few at a time. The result does not depend on
-/// bands or threads. It is made in the rows of `whole` where there is one, an image of the reference's shape
-/// in a contiguous store; else a band is gone after the sink.
+/// `y0` on. Calls sink for the bands in order; frames are read a few at a time, and where outliers are
+/// rejected some rows of each first, to measure their noise by. The result does not depend on bands or
+/// threads. It is made in the rows of `whole` where there is one, an image of the reference's shape in a
+/// contiguous store; else a band is gone after the sink.
 /// @throws Cancelled, and what reading and the sink throw.
 KORIMG_SESSION_API void Stack(Job& job, const std::vector<StackInput>& inputs, int reference,
                               const StackOptions& options, int y0,

@@ -11,7 +11,27 @@ const std::vector<Named<Normalisation>> kNormalisations = {{"none", Normalisatio
                                                            {"level", Normalisation::Level},
                                                            {"level+scale", Normalisation::LevelAndScale}};
 
-CImgStack::Clip ParseClip(const std::string& kappa, int iterations) {
+/// The limits of a test unless told otherwise.
+double UsualKappa(Rejection::Test test) {
+  switch (test) {
+    case Rejection::Sigma:
+      return 2.5;
+    case Rejection::Noise:
+      return 5;
+    default:
+      return 3;
+  }
+}
+
+Rejection ParseRejection(const StackChoices& choices) {
+  const std::string& kappa = choices.kappa;
+  const Rejection::Test test = ValueOf(kRejections, choices.reject);
+  if (kappa == "auto") return {test, UsualKappa(test), UsualKappa(test), choices.iterations};
+  if (test == Rejection::Auto || test == Rejection::Esd || test == Rejection::None) {
+    throw UsageError(fmt::format(
+        "--kappa is for --reject sigma, winsorized, linear-fit and noise; {} has limits of its own",
+        choices.reject));
+  }
   const size_t comma = kappa.find(',');
   const auto low = ToNumber(kappa.substr(0, comma)),
              high = comma == std::string::npos ? low : ToNumber(kappa.substr(comma + 1));
@@ -19,7 +39,7 @@ CImgStack::Clip ParseClip(const std::string& kappa, int iterations) {
     throw UsageError(fmt::format(
         "--kappa {}: write standard deviations, one number or LOW,HIGH, as in 2.5 or 3,2.5", kappa));
   }
-  return {*low, *high, iterations};
+  return {test, *low, *high, choices.iterations};
 }
 
 }  // namespace
@@ -31,7 +51,7 @@ void StackChoices::Settle(bool fluxesAreCompared) {
 StackOptions StackChoices::Options() const {
   StackOptions options;
   options.method = ValueOf(kStackMethods, method);
-  options.clip = ParseClip(kappa, iterations);
+  options.rejection = ParseRejection(*this);
   options.normalisation = ValueOf(kNormalisations, normalise);
   options.kernel = ValueOf(kKernels, kernel);
   options.clampUndershoot = undershoot == "clamp";
@@ -40,7 +60,10 @@ StackOptions StackChoices::Options() const {
 
 std::string StackChoices::Text() const {
   std::string text = "--method " + method;
-  if (method == "sigma") text += fmt::format(" --kappa {} --iterations {}", kappa, iterations);
+  if (method == "mean") text += " --reject " + reject;
+  if (Rejects() && kappa != "auto") text += " --kappa " + kappa;
+  if (Rejects() && iterations != StackChoices().iterations)
+    text += fmt::format(" --iterations {}", iterations);
   return text + fmt::format(" --normalize {} --weight {} --kernel {} --undershoot {}", normalise, weight,
                             kernel, undershoot);
 }

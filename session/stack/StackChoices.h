@@ -9,20 +9,26 @@
 
 namespace korimg::session {
 
-inline const std::vector<Named<CImgStack::Method>> kStackMethods = {{"median", CImgStack::Median},
-                                                                    {"mean", CImgStack::Mean},
-                                                                    {"sigma", CImgStack::ClippedMean},
+inline const std::vector<Named<CImgStack::Method>> kStackMethods = {{"mean", CImgStack::Mean},
+                                                                    {"median", CImgStack::Median},
                                                                     {"max", CImgStack::Maximum},
                                                                     {"min", CImgStack::Minimum}};
 
+inline const std::vector<Named<Rejection::Test>> kRejections = {
+    {"auto", Rejection::Auto}, {"sigma", Rejection::Sigma},          {"winsorized", Rejection::Winsorized},
+    {"esd", Rejection::Esd},   {"linear-fit", Rejection::LinearFit}, {"noise", Rejection::Noise},
+    {"none", Rejection::None}};
+
 struct StackChoices {
-  std::string method = "sigma", kappa = "2.5", normalise = "auto", weight = "noise", kernel = "bicubic",
-              undershoot = "clamp";
+  std::string method = "mean", reject = "auto", kappa = "auto", normalise = "auto", weight = "noise",
+              kernel = "bicubic", undershoot = "clamp";
   int iterations = 5;
 
   /// Decides what auto means: frames are brought to one scale where the light of their stars was compared.
   void Settle(bool fluxesAreCompared);
-  /// Once that is settled. Throws UsageError for a kappa that is none.
+  /// Whether outliers are rejected.
+  bool Rejects() const { return method == "mean" && reject != "none"; }
+  /// Once that is settled. Throws UsageError for a kappa that is none, or that nothing asks for.
   StackOptions Options() const;
   /// As a call would be written with all that counts.
   std::string Text() const;

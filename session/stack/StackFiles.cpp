@@ -366,7 +366,7 @@ class StackRun {
     for (const CImgStack::Counts& counts : counts_) {
       all += counts;
     }
-    if (stack_.method == CImgStack::ClippedMean) {
+    if (options_.Rejects()) {
       const double values = static_cast<double>(std::max(all.values, 1LL));
       made.AddHistory(fmt::format("rejected as too low {}, as too high {} of the pixels",
                                   Percent(static_cast<double>(all.low) / values),
@@ -449,10 +449,9 @@ class StackRun {
                         {"rejected_high", frame.rejectedHigh}});
       job_.Say(fmt::format(
           "{}: covers {}{}{}{}", frame.file.filename().string(), Percent(frame.covers),
-          stack_.method == CImgStack::ClippedMean
-              ? fmt::format(", rejected {} low, {} high", Percent(frame.rejectedLow),
-                            Percent(frame.rejectedHigh))
-              : "",
+          options_.Rejects() ? fmt::format(", rejected {} low, {} high", Percent(frame.rejectedLow),
+                                           Percent(frame.rejectedHigh))
+                             : "",
           options_.weight != "none" ? fmt::format(", weight {:.4g}", frame.weight) : "",
           frame.fluxRatio ? fmt::format(", light {:.3g} of the reference's", *frame.fluxRatio) : ""));
     }

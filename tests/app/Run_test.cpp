@@ -362,7 +362,7 @@ TEST_F(RunTest, PlansAreForProgramsToo) {
   for (const char* verb : {"stack", "run", "calibrate", "register", "simulate", "render"}) {
     EXPECT_NE(Shell(std::string("korimg ") + verb + " --help").out.find("="), std::string::npos);
   }
-  EXPECT_NE(Shell("korimg stack --help").out.find("--kappa TEXT=2.5"), std::string::npos);
+  EXPECT_NE(Shell("korimg stack --help").out.find("--reject TEXT:{auto"), std::string::npos);
   EXPECT_NE(Shell("korimg register --help").out.find("(width / 2, height / 2)"), std::string::npos);
 }
 

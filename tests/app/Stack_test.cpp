@@ -66,7 +66,7 @@ TEST_F(StackTest, MeanOfFramesAsTheyLieWithHolesAndBlankPixels) {
     Frame(fmt::format("it's [{}] a.fits", i), 23, 17, rule(i));
   }
   const files::Result result = Shell(
-      "korimg stack it*a.fits --method mean --normalize none --rejection-maps -o 'sum [1] é.fits' --json");
+      "korimg stack it*a.fits --reject none --normalize none --rejection-maps -o 'sum [1] é.fits' --json");
   ASSERT_EQ(result.code, 0) << result.err;
   EXPECT_EQ(LastJson(result)["frames"].size(), 5);
   const Planes got = Read("sum [1] é.fits"), low = Read("sum [1] é_low.fits"),
@@ -131,7 +131,7 @@ TEST_F(StackTest, TransformsAreThoseOfTheCompositeAndBadFramesAreLeftOut) {
       Shell("korimg composite 0.fits 4.fits --dx -1.3 --dy 0.4 --angle 2 --kernel bicubic -o both.fits").code,
       0);
   ASSERT_EQ(
-      Shell("korimg stack 0.fits 4.fits --transforms t.jsonl --method mean --normalize none --weight none -o "
+      Shell("korimg stack 0.fits 4.fits --transforms t.jsonl --reject none --normalize none --weight none -o "
             "out.fits --overwrite")
           .code,
       0);
@@ -167,7 +167,7 @@ TEST_F(StackTest, FluxesOfTransformsAreTheScale) {
   files::WriteBytes(In("t.jsonl"), line("0.fits", 1) + line("1.fits", 0.5));
   const auto peak = [&](const std::string& options) {
     const files::Result r =
-        Shell("korimg stack 0.fits 1.fits --method mean --weight none -o out.fits --overwrite " + options);
+        Shell("korimg stack 0.fits 1.fits --reject none --weight none -o out.fits --overwrite " + options);
     EXPECT_EQ(r.code, 0) << r.err;
     return Read("out.fits")[0][20 * kWidth + 60] - 300;
   };
@@ -218,8 +218,9 @@ TEST_F(StackTest, WhatIsWrongIsToldBeforeTheWork) {
       {"f0*.fits --reference small.fits -o a.fits", "small.fits: is none of the frames", 1},
       {"f0*.fits -o small.fits", "exists already", 1},
       {"f0*.fits -o a.txt", "cannot tell the format", 1},
-      {"f0*.fits --kappa 2,x -o a.fits", "--kappa 2,x", 2},
-      {"f0*.fits --kappa -1 -o a.fits", "--kappa -1", 2},
+      {"f0*.fits --reject sigma --kappa 2,x -o a.fits", "--kappa 2,x", 2},
+      {"f0*.fits --reject noise --kappa -1 -o a.fits", "--kappa -1", 2},
+      {"f0*.fits --kappa 3 -o a.fits", "--kappa is for --reject sigma, winsorized, linear-fit and noise", 2},
       {"f0*.fits --weight fwhm -o a.fits", "--transforms", 2},
       {"f0*.fits --memory 1K -o a.fits", "use --memory", 1},
   };
@@ -239,10 +240,12 @@ TEST_F(StackTest, ClippingThatCannotRejectIsToldOf) {
   const struct {
     std::string call;
     bool warns, rejects;
-  } cases[] = {{"[0-4].fits --kappa 2.6", true, false},
-               {"[0-4].fits --kappa 2.4", false, true},
-               {"[0-3].fits", true, false},
-               {"[0-3].fits --kappa 2", false, true},
+  } cases[] = {{"[0-4].fits --reject sigma --kappa 2.6", true, false},
+               {"[0-4].fits --reject sigma --kappa 2.4", false, true},
+               {"[0-3].fits --reject sigma", true, false},
+               {"[0-3].fits --reject sigma --kappa 2", false, true},
+               {"[0-3].fits --reject noise", false, true},
+               {"[0-4].fits", false, true},
                {"[0-3].fits --method median", false, true}};
   for (const auto& [call, warns, rejects] : cases) {
     const files::Result r = Shell("korimg stack --overwrite --normalize none -o stack.fits " + call);
@@ -274,7 +277,8 @@ TEST_F(StackTest, HeaderOfTheFramesThatWereUsed) {
     lines += Line(fmt::format("{}.fits", i), i, 0, 0, i == 3 ? "clouds" : "ok");
   }
   files::WriteBytes(In("t.jsonl"), lines);
-  ASSERT_EQ(Shell("korimg stack [0-3].fits --transforms t.jsonl -o out.fits --kappa 3,2").code, 0);
+  ASSERT_EQ(Shell("korimg stack [0-3].fits --transforms t.jsonl -o out.fits --reject sigma --kappa 3,2").code,
+            0);
   const Header header = files::ImageReader::Open(In("out.fits"))->Info().header;
   EXPECT_EQ(header.GetDouble("EXPTIME"), 140);
   EXPECT_EQ(header.GetDouble("LIVETIME"), 420);
@@ -298,7 +302,7 @@ TEST_F(StackTest, HeaderOfTheFramesThatWereUsed) {
     if (card.starts_with("HISTORY ")) history += card.substr(8, card.find_last_not_of(' ') - 7) + " ";
   }
   for (const char* said :
-       {"--method sigma --kappa 3,2", "3 frames stacked, 1 left out", "left out: 3.fits (clouds)",
+       {"--reject sigma --kappa 3,2", "3 frames stacked, 1 left out", "left out: 3.fits (clouds)",
         "are those of the reference: FILTER", "rejected as too low 0 %"}) {
     EXPECT_NE(history.find(said), std::string::npos) << said << " in " << history;
   }
@@ -388,7 +392,7 @@ TEST_F(StackTest, TheSamePixelsForAnyMemoryAndThreads) {
     ASSERT_EQ(whole.code, 0) << whole.err;
     EXPECT_EQ(LastJson(whole)["bands"], 1);
     for (const char* how :
-         {"--memory 240K --threads 1", "--memory 370K --threads 2", "--memory 330K --threads 2 --resume"}) {
+         {"--memory 270K --threads 1", "--memory 430K --threads 2", "--memory 390K --threads 2 --resume"}) {
       const files::Result result = Shell(call + how + " -o b.fits --overwrite");
       ASSERT_EQ(result.code, 0) << how << result.err;
       EXPECT_GT(LastJson(result)["bands"], 3) << how;
@@ -488,7 +492,7 @@ TEST(Stack, WhatReadingThrowsReachesTheCaller) {
     Job job;
     int bands = 0;
     EXPECT_EQ(files::ErrorOf([&] {
-                Stack(job, inputs, 0, {.normalisation = Normalisation::None, .memory = 280000}, 0,
+                Stack(job, inputs, 0, {.normalisation = Normalisation::None, .memory = 350000}, 0,
                       [&](const StackBand&) { ++bands; });
               }),
               "frame: is gone");
@@ -609,7 +613,7 @@ TEST_F(StackTest, CancelledItLeavesNothingOrWhatResumeWants) {
   EXPECT_TRUE(fs::exists(In("out.fits.resume")));
   // A state of other options is of no use, and a plain run leaves it behind as little.
   const std::string line = "korimg stack f*.fits -o out.fits --threads 2 --memory 600K ";
-  const files::Result other = Shell(line + "--resume --kappa 4");
+  const files::Result other = Shell(line + "--resume --reject sigma --kappa 4");
   EXPECT_EQ(other.code, 0);
   EXPECT_NE(other.err.find("beginning anew"), std::string::npos) << other.err;
   EXPECT_FALSE(fs::exists(In("out.fits.resume")));
@@ -711,7 +715,8 @@ TEST_F(StackTest, ASimulatedSessionByItsTruth) {
     EXPECT_EQ(result.code, 0) << result.err;
     return Read("s.fits")[0];
   };
-  const std::vector<float> result = stack(kFrames, "--kappa 3 --normalize level --weight noise");
+  const std::vector<float> result =
+      stack(kFrames, "--reject sigma --kappa 3 --normalize level --weight noise");
 
   // Bright stars stand where the reference has them.
   int stars = 0;
@@ -762,12 +767,12 @@ TEST_F(StackTest, ASimulatedSessionByItsTruth) {
     std::nth_element(d.begin(), d.begin() + d.size() / 2, d.end());
     return d[d.size() / 2];
   };
-  const double four = noise(stack(4, "--method mean --normalize none")),
-               sixteen = noise(stack(kFrames, "--method mean --normalize none"));
+  const double four = noise(stack(4, "--reject none --normalize none")),
+               sixteen = noise(stack(kFrames, "--reject none --normalize none"));
   EXPECT_NEAR(four / sixteen, 2, 0.25);
 
   // The trail and the cosmic rays are in the mean, and gone from the clipped mean.
-  const std::vector<float> mean = stack(kFrames, "--method mean --normalize level");
+  const std::vector<float> mean = stack(kFrames, "--reject none --normalize level");
   const double x0 = truth["trail"]["x0"], y0 = truth["trail"]["y0"], x1 = truth["trail"]["x1"],
                y1 = truth["trail"]["y1"];
   const json& trailed = truth["lights"][kFrames / 2];

@@ -7,6 +7,10 @@
 #include "korimg/image/CVelImage.h"
 #include "korimg/platform/CArray.h"
 
+namespace korimg {
+class FrameScatter;
+}
+
 /// One frame's band of a stack: values, and flags that are 1 where the frame reaches and 0 elsewhere. Row r,
 /// plane p, column x lie at (r * planes + p) * width + x.
 class KORIMG_API CLineData {
@@ -83,7 +87,7 @@ class KORIMG_API CImgMedianComposit : public CVelImage {
   };
   template <class F>
   void ForColumns(int y0, int y1, bool threaded, bool normalised, bool finiteOnly,
-                  std::span<const double> weights, F&& reduce);
+                  std::span<const double> weights, F&& reduce, const korimg::FrameScatter* scatter = nullptr);
   CVelImage& Target() const { return *target_; }
   int Slots() const { return static_cast<int>(store_.size()); }
   CLineData& Band(int slot) { return *store_[slot]; }

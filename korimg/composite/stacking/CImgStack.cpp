@@ -13,144 +13,152 @@ using namespace korimg;
 
 namespace {
 
-using Clip = CImgStack::Clip;
+/// What is known of the frames that a part of a plane is made of.
+struct Known {
+  std::vector<float> perNoise;  ///< by frames: one over its noise, or over 1
+  std::vector<float> sky;       ///< under each column; none where nothing was measured
+};
 
 /// Sums and limits of the columns of a part.
 struct Work {
-  std::vector<float> values;          ///< by frames, as the columns had them before they were sorted
-  std::vector<double> first, second;  ///< two sums
-  std::vector<double> medians;
-  std::vector<int> from, to;     ///< ranks that are left
-  std::vector<int> open;         ///< columns that may lose more
-  std::vector<float> low, high;  ///< the least and largest value that are left
-  std::vector<float> lowCount, highCount;
+  std::vector<float> values;            ///< by frames, as the columns had them before they were sorted
+  std::vector<double> linear, squares;  ///< sums of the distances from the median, in units of noise
+  std::vector<float> medians;
+  std::vector<float> least, most;          ///< of these distances the lowest and highest
+  std::vector<float> low, high;            ///< and those that are left
+  std::vector<float> lowCount, highCount;  ///< values that are rejected
+  std::vector<int> open;                   ///< columns that may lose values
+  std::vector<float> distances, column;    ///< of these, and of one of them
 
   void Resize(int columns) {
-    for (auto* doubles : {&first, &second, &medians}) {
-      doubles->resize(columns);
-    }
-    for (auto* ranks : {&from, &to}) {
-      ranks->resize(columns);
-    }
-    for (auto* floats : {&low, &high, &lowCount, &highCount}) {
+    linear.resize(columns);
+    squares.resize(columns);
+    for (auto* floats : {&medians, &least, &most, &low, &high, &lowCount, &highCount}) {
       floats->resize(columns);
     }
   }
 };
 
-/// The median of the values of each column, and the sums of their distances from it and of the squares of
-/// these.
-void SumUp(Columns& sorted, Work& work) {
-  double *linear = work.first.data(), *squares = work.second.data(), *medians = work.medians.data();
-  const int* counts = sorted.Counts();
+/// The distance of a value from its median in units of its frame's noise. It is the same wherever it is asked
+/// for.
+KORIMG_IN_LOOP inline float Distance(float value, float median, float perNoise) {
+  return (value - median) * perNoise;
+}
+
+/// The medians of sorted columns, and the sums and ends of the distances from it.
+void SumUp(Columns& sorted, const Known& known, Work& work) {
   const int columns = sorted.Size();
-  for (int x = 0; x < columns; ++x) {
-    medians[x] = sorted.Median(x);
-    linear[x] = squares[x] = 0;
-  }
+  double *linear = work.linear.data(), *squares = work.squares.data();
+  float *medians = work.medians.data(), *least = work.least.data(), *most = work.most.data();
+  sorted.Medians(medians);
+  std::fill_n(linear, columns, 0.0);
+  std::fill_n(squares, columns, 0.0);
+  std::fill_n(least, columns, 0.0f);
+  std::fill_n(most, columns, 0.0f);
   for (int i = 0; i < sorted.Frames(); ++i) {
-    const float* row = sorted.Row(i);
+    const float* row = work.values.data() + static_cast<size_t>(i) * sorted.Most();
+    const float perNoise = known.perNoise[i];
     RunInLongVectors([=]() KORIMG_IN_LOOP {
       for (int x = 0; x < columns; ++x) {
-        const double d = i < counts[x] ? row[x] - medians[x] : 0.0;
+        const float d = row[x] < Columns::kMissing ? Distance(row[x], medians[x], perNoise) : 0.0f;
         linear[x] += d;
-        squares[x] += d * d;
+        squares[x] += static_cast<double>(d) * d;
+        least[x] = d < least[x] ? d : least[x];
+        most[x] = d > most[x] ? d : most[x];
       }
     });
   }
 }
 
-/// The same of the values that are left in one column.
-void SumUp(Columns& sorted, Work& work, int x) {
-  const double median = sorted.Median(x, work.from[x], work.to[x]);
-  double linear = 0, squares = 0;
-  for (int i = work.from[x]; i < work.to[x]; ++i) {
-    const double d = sorted.Row(i)[x] - median;
-    linear += d;
-    squares += d * d;
+/// Whether a test may reject anything of a column: most columns need no closer look.
+bool MayReject(const Rejection& rejection, bool isNoiseKnown, int n, const Work& work, int x) {
+  constexpr int kFew = 4;
+  const float least = -work.least[x], most = work.most[x];
+  switch (rejection.test) {
+    case Rejection::None:
+      return false;
+    case Rejection::Sigma: {
+      const double mean = work.linear[x] / n, s = std::sqrt(std::max(work.squares[x] / n - mean * mean, 0.0));
+      return n > 2 && (least > rejection.low * s || most > rejection.high * s);
+    }
+    case Rejection::Noise:
+      // From the lower of the middle two it is at most twice as far as from the median.
+      return isNoiseKnown && 2 * std::max(least, most) > std::min(rejection.low, rejection.high);
+    case Rejection::Auto:
+      if (isNoiseKnown) return std::max(least, most) > (n > kFew ? 3.0f : 2.5f);
+      return n > kFew;
+    default:
+      return n > 2;
   }
-  work.medians[x] = median;
-  work.first[x] = linear;
-  work.second[x] = squares;
 }
 
-/// Takes what lies too far from a column's median off the ranks that are left. False when that is nothing, or
-/// would be all.
-bool Reject(Columns& sorted, const Clip& clip, Work& work, int x) {
-  int from = work.from[x], to = work.to[x];
-  const int n = to - from;
-  if (n < 3) return false;
-  const double mean = work.first[x] / n;
-  const double deviation = std::sqrt(std::max(work.second[x] / n - mean * mean, 0.0));
-  const double low = work.medians[x] - clip.low * deviation, high = work.medians[x] + clip.high * deviation;
-  while (from < to && sorted.Row(from)[x] < low) {
-    ++from;
-  }
-  while (from < to && sorted.Row(to - 1)[x] > high) {
-    --to;
-  }
-  if (from == to || to - from == n) return false;
-  work.from[x] = from;
-  work.to[x] = to;
-  return true;
-}
-
-/// Nothing is rejected yet.
-void KeepAll(const Columns& columns, Work& work) {
-  const int size = columns.Size();
-  std::fill_n(work.from.begin(), size, 0);
-  std::copy_n(columns.Counts(), size, work.to.begin());
-  std::fill_n(work.low.begin(), size, -Columns::kMissing);
-  std::fill_n(work.high.begin(), size, Columns::kMissing);
-}
-
-/// Sorts the columns, and rejects what lies too far from the others.
-void ClipColumns(Columns& columns, const Clip& clip, Work& work) {
-  if (clip.iterations <= 0) return;
+/// Sorts the columns, and rejects outliers.
+void RejectOutliers(Columns& columns, const Rejection& rejection, const Known& known,
+                    const FrameScatter* scatter, int plane, Work& work) {
   columns.Sort();
-  // The first round is for all columns side by side; most of them are done then.
+  SumUp(columns, known, work);
   work.open.clear();
-  SumUp(columns, work);
   for (int x = 0; x < columns.Size(); ++x) {
-    if (Reject(columns, clip, work, x)) work.open.push_back(x);
+    if (MayReject(rejection, scatter, columns.Counts()[x], work, x)) work.open.push_back(x);
   }
-  const std::vector<int> clipped = work.open;
-  for (int round = 1; round < clip.iterations && !work.open.empty(); ++round) {
-    std::erase_if(work.open, [&](int x) {
-      SumUp(columns, work, x);
-      return !Reject(columns, clip, work, x);
-    });
+  // The distances of the few columns that are left, side by side.
+  const auto open = static_cast<int>(work.open.size()), stride = columns.Most();
+  work.distances.resize(work.values.size());
+  for (int i = 0; i < columns.Frames(); ++i) {
+    const float* row = work.values.data() + static_cast<size_t>(i) * stride;
+    float* distances = work.distances.data() + static_cast<size_t>(i) * stride;
+    for (int k = 0; k < open; ++k) {
+      const int x = work.open[k];
+      distances[k] = row[x] < Columns::kMissing ? Distance(row[x], work.medians[x], known.perNoise[i])
+                                                : Columns::kMissing;
+    }
   }
-  for (const int x : clipped) {
-    work.low[x] = columns.Row(work.from[x])[x];
-    work.high[x] = columns.Row(work.to[x] - 1)[x];
+  columns.SortRows(work.distances.data(), open);
+  for (int k = 0; k < open; ++k) {
+    const int x = work.open[k], n = columns.Counts()[x];
+    work.column.resize(n);
+    for (int i = 0; i < n; ++i) {
+      work.column[i] = work.distances[static_cast<size_t>(i) * stride + k];
+    }
+    const double noise =
+        scatter ? scatter->Of((work.medians[x] - known.sky[x]) / scatter->MeanNoise(plane), plane) : 0;
+    const Ranks left = WhatStays(rejection, work.column, noise);
+    work.lowCount[x] = static_cast<float>(left.from);
+    work.highCount[x] = static_cast<float>(n - left.to);
+    work.low[x] = work.column[left.from];
+    work.high[x] = work.column[left.to - 1];
   }
 }
 
 /// The weighted means of what is left, and what lies beyond. Only the few columns that lost a value are gone
 /// through; the others have their sums.
-void Means(const Columns& columns, Work& work, const double* weights, CImgStack::Counts* counts, float* out) {
+void Means(const Columns& columns, const Work& work, const Known& known, const double* weights,
+           CImgStack::Counts* counts, float* out) {
   const int frames = columns.Frames(), stride = columns.Most();
   const double all = std::accumulate(weights, weights + frames, 0.0);
   for (int x = 0; x < columns.Size(); ++x) {
-    const int lowCount = work.from[x], highCount = columns.Counts()[x] - work.to[x];
-    work.lowCount[x] = static_cast<float>(lowCount);
-    work.highCount[x] = static_cast<float>(highCount);
-    if (work.to[x] - lowCount == frames) {
+    const bool isWhole = work.lowCount[x] + work.highCount[x] == 0;
+    if (isWhole && columns.Counts()[x] == frames) {
       out[x] = static_cast<float>(columns.Sums()[x] / all);
       continue;
     }
-    double sum = 0, weight = 0;
+    double sum = 0, weight = 0, allSum = 0, allWeight = 0;
     for (int i = 0; i < frames; ++i) {
       const float v = work.values[static_cast<size_t>(i) * stride + x];
-      const bool there = v < Columns::kMissing, isLow = v < work.low[x], isHigh = there && v > work.high[x];
+      if (!(v < Columns::kMissing)) continue;
+      allSum += weights[i] * v;
+      allWeight += weights[i];
+      const float d = Distance(v, work.medians[x], known.perNoise[i]);
+      const bool isLow = !isWhole && d < work.low[x], isHigh = !isWhole && d > work.high[x];
       counts[i].low += isLow;
       counts[i].high += isHigh;
-      if (!there || isLow || isHigh) continue;
+      if (isLow || isHigh) continue;
       sum += weights[i] * v;
       weight += weights[i];
     }
-    out[x] = static_cast<float>(sum / weight);
+    // The values lie on one sky here; what they lost by that comes back, as much as all of them had.
+    const double sky = known.sky.empty() ? 0 : (columns.Sums()[x] - allSum) / allWeight;
+    out[x] = static_cast<float>(sum / weight + sky);
   }
 }
 
@@ -171,37 +179,48 @@ void Extremes(Columns& columns, bool largest, float* out) {
 /// Writes what a line's parts become. Each line has its own.
 struct Statistic {
   CImgStack::Method method;
-  Clip clip;
+  const Rejection& rejection;
   const std::vector<double>& weights;
+  const FrameScatter* scatter;
   Work work = {};
+  Known known = {};
   std::vector<CImgStack::Counts> counts = {};
 
-  void operator()(Columns& columns, float* out) {
+  void operator()(Columns& columns, int x, int y, int plane, float* out) {
     const int frames = columns.Frames();
     work.Resize(columns.Most());
+    std::fill(work.lowCount.begin(), work.lowCount.end(), 0.0f);
+    std::fill(work.highCount.begin(), work.highCount.end(), 0.0f);
     counts.assign(frames, {});
     for (int i = 0; i < frames; ++i) {
       counts[i].values = columns.Present(i);
     }
-    if (method == CImgStack::Mean || method == CImgStack::ClippedMean) {
-      work.values.assign(columns.Row(0), columns.Row(0) + static_cast<size_t>(frames) * columns.Most());
-      KeepAll(columns, work);
-      if (method == CImgStack::ClippedMean) ClipColumns(columns, clip, work);
-      Means(columns, work, weights.data(), counts.data(), out);
-      return;
-    }
     if (method == CImgStack::Median) {
       columns.Sort();
       columns.Medians(out);
-    } else {
-      Extremes(columns, method == CImgStack::Maximum, out);
+      return;
     }
+    if (method != CImgStack::Mean) return Extremes(columns, method == CImgStack::Maximum, out);
+    work.values.assign(columns.Row(0), columns.Row(0) + static_cast<size_t>(frames) * columns.Most());
+    known.perNoise.assign(frames, 1.0f);
+    if (scatter) {
+      for (int i = 0; i < frames; ++i) {
+        known.perNoise[i] = 1 / scatter->Noise(i, plane);
+      }
+      known.sky.resize(columns.Size());
+      scatter->SkyOf(plane, y, x, known.sky);
+    }
+    if (rejection.test != Rejection::None) {
+      RejectOutliers(columns, rejection, known, scatter, plane, work);
+    }
+    Means(columns, work, known, weights.data(), counts.data(), out);
   }
 };
 
 }  // namespace
 
 CImgStack::CImgStack(CVelImage* target) : CImgMedianComposit(target, 0) {}
+CImgStack::~CImgStack() = default;
 
 void CImgStack::SetWeights(std::span<const double> weights) {
   for (const double weight : weights) {
@@ -278,35 +297,74 @@ void CImgStack::RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd
   });
 }
 
+std::vector<int> CImgStack::RowsToSample() {
+  const CVelImage& target = Target();
+  scatter_ =
+      std::make_unique<FrameScatter>(Slots(), target.GetWidth(), target.GetHeight(), target.GetPlanes());
+  std::vector<int> rows;
+  for (int i = 0; i < scatter_->Samples(); ++i) {
+    rows.push_back(scatter_->RowOf(i));
+  }
+  return rows;
+}
+
+void CImgStack::Sample(int number) {
+  const int width = Target().GetWidth(), y = scatter_->RowOf(number);
+  std::vector<float> values(1UL * Slots() * width), medians(width);
+  ForColumns(y, y, false, NormalizeItems() > 0, true, {}, [&](Columns& columns, const Part& part) {
+    for (int i = 0; i < columns.Frames(); ++i) {
+      std::copy_n(columns.Row(i), columns.Size(), values.begin() + 1L * i * width + part.x);
+    }
+    columns.Sort();
+    columns.Medians(medians.data() + part.x);
+    for (int x = 0; x < columns.Size(); ++x) {
+      if (columns.Counts()[x] == 0) medians[part.x + x] = Columns::kMissing;
+    }
+    if (part.x + columns.Size() == width) scatter_->Add(number, part.plane, values, medians);
+  });
+}
+
+void CImgStack::SettleSamples() {
+  scatter_->Settle();
+  if (!scatter_->IsKnown()) scatter_.reset();
+}
+
+double CImgStack::NoiseOf(int slot, int plane) const {
+  return scatter_ ? scatter_->Noise(slot, plane) : 0;
+}
+
 long long CImgStack::BytesOfThread(size_t frames) {
-  constexpr long long kBytes = 16;  // of a value: sorted, as it was, and its share of sums and limits
+  constexpr long long kBytes =
+      20;  // of a value: sorted, as it was, its distance, and its share of sums and limits
   const int count = static_cast<int>(frames);
   return kBytes * count * ColumnsAtOnce(count);
 }
 
-void CImgStack::Stack(Method method, const Clip& clip, int y0, int y1) {
+void CImgStack::Stack(Method method, const Rejection& rejection, int y0, int y1) {
   weights_.resize(Slots(), 1.0);
   counts_.resize(Slots());
   std::mutex mutex;
-  ForColumns(y0, y1, true, NormalizeItems() > 0, true, weights_,
-             [&, statistic = Statistic{method, clip, weights_}](Columns& columns, const Part& part) mutable {
-               float* out = Target().GetWritableLine(part.x, part.y, part.plane);
-               statistic(columns, out);
-               for (int x = 0; x < columns.Size(); ++x) {
-                 if (columns.Counts()[x] == 0) out[x] = outside_;
-               }
-               const bool clips = method == ClippedMean;
-               for (const auto& [map, found] :
-                    {std::pair(lowMap_, &statistic.work.lowCount), {highMap_, &statistic.work.highCount}}) {
-                 if (!map) continue;
-                 float* line = map->GetWritableLine(part.x, part.y, part.plane);
-                 std::fill_n(line, columns.Size(), 0.0f);
-                 if (clips) std::copy_n(found->data(), columns.Size(), line);
-               }
-               const std::lock_guard lock(mutex);
-               for (int i = 0; i < Slots(); ++i) {
-                 counts_[i] += statistic.counts[i];
-               }
-             });
+  const FrameScatter* scatter =
+      method == Mean && rejection.test != Rejection::None ? scatter_.get() : nullptr;
+  ForColumns(
+      y0, y1, true, NormalizeItems() > 0, true, weights_,
+      [&, statistic = Statistic{method, rejection, weights_, scatter}](Columns& columns,
+                                                                       const Part& part) mutable {
+        float* out = Target().GetWritableLine(part.x, part.y, part.plane);
+        statistic(columns, part.x, part.y, part.plane, out);
+        for (int x = 0; x < columns.Size(); ++x) {
+          if (columns.Counts()[x] == 0) out[x] = outside_;
+        }
+        for (const auto& [map, found] :
+             {std::pair(lowMap_, &statistic.work.lowCount), {highMap_, &statistic.work.highCount}}) {
+          if (map)
+            std::copy_n(found->data(), columns.Size(), map->GetWritableLine(part.x, part.y, part.plane));
+        }
+        const std::lock_guard lock(mutex);
+        for (int i = 0; i < Slots(); ++i) {
+          counts_[i] += statistic.counts[i];
+        }
+      },
+      scatter);
   ShowBand(y1);
 }

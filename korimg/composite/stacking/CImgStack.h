@@ -1,29 +1,23 @@
 #pragma once
 
+#include <memory>
 #include <span>
 #include <utility>
 #include <vector>
 
 #include "korimg/composite/stacking/CImgMedianComposit.h"
 #include "korimg/composite/stacking/FrameLevels.h"
+#include "korimg/composite/stacking/Rejection.h"
 
-/// Stacks registered frames in bands as CImgMedianComposit does, with weights, clipping that is repeated and
-/// counted, and pixels that are no finite numbers left out. Every statistic runs on all threads, on any
+/// Stacks registered frames in bands as CImgMedianComposit does, with weights, outliers rejected and counted,
+/// and pixels that are no finite numbers left out. Every statistic runs on all threads, on any
 /// store.
 ///
 /// Frames are normalised, as SigmaCalc describes it, when there is an AddNormalizeParam for each slot; equal
 /// spreads of frame and reference shift the level alone.
 class KORIMG_API CImgStack : public CImgMedianComposit {
  public:
-  enum Method : int { Median, Mean, ClippedMean, Maximum, Minimum };
-
-  /// Values further than so many standard deviations below or above the median are rejected, and again by the
-  /// median and deviation of the others, until none is or so often. Of one or two values none is rejected,
-  /// and the last ones never are.
-  struct Clip {
-    double low = 2.5, high = 2.5;
-    int iterations = 5;
-  };
+  enum Method : int { Median, Mean, Maximum, Minimum };
 
   /// What became of a frame's pixels. Those that are missing or no finite numbers don't count.
   struct Counts {
@@ -38,6 +32,7 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   };
 
   explicit CImgStack(CVelImage* target);
+  ~CImgStack() override;
 
   /// The weight of each slot in means, positive; 1 unless set. Throws CInvalidArgException* for another one.
   void SetWeights(std::span<const double> weights);
@@ -55,11 +50,23 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   int Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx, double dy, double radians,
             int method, const korimg::FrameLevels* levels = nullptr);
 
+  /// The rows of the target by which the frames' own scatter is measured: how noisy each is, and where its
+  /// sky lies above that of the others, as that of a moving moon does. Each of them, once every slot holds it
+  /// as the first of its band, goes to Sample; then SettleSamples is called, before the first Stack. Outliers
+  /// are told in units of each frame's own noise from then on, on one sky, and what is left of a pixel's
+  /// values keeps the mean sky of all; see Rejection.
+  std::vector<int> RowsToSample();
+  void Sample(int number);
+  void SettleSamples();
+  /// The standard deviation of a slot's pixels, normalised; 0 where it was not measured.
+  double NoiseOf(int slot, int plane) const;
+
   /// What each thread of Stack takes beside the store, about.
   static long long BytesOfThread(size_t frames);
   /// Writes the rows y0 to y1 of the target, and of the maps. The median is that of CImgMedianComposit, and
-  /// has no weights; means are weighted. The result does not depend on bands or threads.
-  void Stack(Method method, const Clip& clip, int y0, int y1);
+  /// has no weights; means are weighted, and of what is not rejected. The result does not depend on bands or
+  /// threads.
+  void Stack(Method method, const Rejection& rejection, int y0, int y1);
   /// What became of each slot's pixels in the calls since this was asked last.
   std::vector<Counts> TakeCounts() { return std::exchange(counts_, {}); }
 
@@ -68,6 +75,7 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
                        const korimg::FrameLevels& levels);
 
   std::vector<double> weights_;
+  std::unique_ptr<korimg::FrameScatter> scatter_;
   float outside_ = 0;
   CVelImage* lowMap_ = nullptr;
   CVelImage* highMap_ = nullptr;

@@ -3,7 +3,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <numbers>
+#include <numeric>
+#include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -18,7 +22,7 @@ using namespace korimg::test;
 namespace {
 
 constexpr int kWidth = 61, kHeight = 43;
-constexpr CImgStack::Clip kClip{1.4, 1.7, 4};
+constexpr Rejection kKeepAll{Rejection::None}, kClip{Rejection::Sigma, 1.4, 1.7, 4};
 
 struct Value {
   double v, weight;
@@ -36,7 +40,7 @@ double MiddleOf(std::vector<double> v) {
   return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
 }
 
-Expected Reference(CImgStack::Method method, const CImgStack::Clip& clip, std::vector<Value> values) {
+Expected Reference(CImgStack::Method method, const Rejection& clip, std::vector<Value> values) {
   Expected expected;
   const auto plain = [&] {
     std::vector<double> v;
@@ -44,8 +48,8 @@ Expected Reference(CImgStack::Method method, const CImgStack::Clip& clip, std::v
       v.push_back(value.v);
     return v;
   };
-  for (int round = 0; method == CImgStack::ClippedMean && round < clip.iterations && values.size() > 2;
-       ++round) {
+  const bool clips = method == CImgStack::Mean && clip.test == Rejection::Sigma;
+  for (int round = 0; clips && round < clip.iterations && values.size() > 2; ++round) {
     const double m = MiddleOf(plain()), n = static_cast<double>(values.size());
     double mean = 0, variance = 0;
     for (const Value& value : values)
@@ -71,7 +75,7 @@ Expected Reference(CImgStack::Method method, const CImgStack::Clip& clip, std::v
   if (method == CImgStack::Median) expected.value = MiddleOf(v);
   if (method == CImgStack::Maximum) expected.value = *std::max_element(v.begin(), v.end());
   if (method == CImgStack::Minimum) expected.value = *std::min_element(v.begin(), v.end());
-  if (method == CImgStack::Mean || method == CImgStack::ClippedMean) {
+  if (method == CImgStack::Mean) {
     double sum = 0, weights = 0;
     for (const Value& value : values) {
       sum += value.weight * value.v;
@@ -82,8 +86,11 @@ Expected Reference(CImgStack::Method method, const CImgStack::Clip& clip, std::v
   return expected;
 }
 
-constexpr CImgStack::Method kMethods[] = {CImgStack::Median, CImgStack::Mean, CImgStack::ClippedMean,
-                                          CImgStack::Maximum, CImgStack::Minimum};
+constexpr std::pair<CImgStack::Method, Rejection> kMethods[] = {{CImgStack::Median, kClip},
+                                                                {CImgStack::Mean, kKeepAll},
+                                                                {CImgStack::Mean, kClip},
+                                                                {CImgStack::Maximum, kClip},
+                                                                {CImgStack::Minimum, kClip}};
 
 double WeightOf(int frame) {
   return 0.25 + frame % 3;
@@ -105,7 +112,7 @@ TEST_P(CImgStackOf, EveryMethodIsThatOfTheFiniteValuesNormalisedAndWeighted) {
     const auto dx = [](int i) { return i * 7 % 11 - 5; };
     const auto dy = [](int i) { return i * 5 % 13 - 6; };
     const auto normalised = [](double v, int i) { return (v - 10 * i) * (3.0 / (1 + i % 4)) + 20; };
-    for (const auto method : kMethods) {
+    for (const auto& [method, rejection] : kMethods) {
       const auto target = Make(store, kWidth, kHeight, 3, Random(0, 1)),
                  low = Make(store, kWidth, kHeight, 3, Wild(0, 1)),
                  high = Make(store, kWidth, kHeight, 3, Wild(0, 1));
@@ -125,7 +132,7 @@ TEST_P(CImgStackOf, EveryMethodIsThatOfTheFiniteValuesNormalisedAndWeighted) {
         for (int i = 0; i < frames; ++i) {
           stack.Store(i, images[i].get(), y, y + kRows - 1, dx(i), dy(i), 0, CInterp::MethodBicubic);
         }
-        stack.Stack(method, kClip, y, y + kRows - 1);
+        stack.Stack(method, rejection, y, y + kRows - 1);
       }
       long long values = 0, lows = 0, highs = 0, doubtful = 0;
       int wrong = 0;
@@ -146,7 +153,7 @@ TEST_P(CImgStackOf, EveryMethodIsThatOfTheFiniteValuesNormalisedAndWeighted) {
           ++wrong;
           continue;
         }
-        const Expected expected = Reference(method, kClip, found);
+        const Expected expected = Reference(method, rejection, found);
         lows += expected.low;
         highs += expected.high;
         doubtful += expected.doubtful;
@@ -197,7 +204,7 @@ std::vector<float> StackBands(const std::shared_ptr<CVmManager>& store,
       const double turn = i % 3 == 0 ? 0 : i % 3 == 1 ? 0.01 * i : std::numbers::pi + 0.003;
       stack.Store(i, images[i].get(), y, y + rows - 1, 0.37 * i - 1, 2.1 - 0.77 * i, turn, kernel);
     }
-    stack.Stack(CImgStack::ClippedMean, kClip, y, y + rows - 1);
+    stack.Stack(CImgStack::Mean, kClip, y, y + rows - 1);
   }
   std::vector<float> all = Pixels(*target);
   for (const auto& map : {low, high}) {
@@ -241,7 +248,7 @@ TEST(CImgStack, ShiftsByPartsOfAPixelTakeTheKernelThatIsAskedFor) {
         CImgStack stack(target.get());
         stack.AllocateStoreBuffer(target.get(), 1, kHeight);
         stack.Store(0, frame.get(), 0, kHeight - 1, 3.25, dy, 0, kernel);
-        stack.Stack(CImgStack::Mean, {}, 0, kHeight - 1);
+        stack.Stack(CImgStack::Mean, kKeepAll, 0, kHeight - 1);
         CInterp interp(kernel, frame.get(), 0);
         for (int y = 0; y < kHeight; ++y) {
           for (int x = 0; x < kWidth; ++x) {
@@ -256,7 +263,7 @@ TEST(CImgStack, ShiftsByPartsOfAPixelTakeTheKernelThatIsAskedFor) {
 }
 
 /// One pixel of one frame for each value, and what becomes of it.
-float OnePixel(const std::vector<float>& values, CImgStack::Method method, const CImgStack::Clip& clip = {}) {
+float OnePixel(const std::vector<float>& values, CImgStack::Method method, const Rejection& clip = kKeepAll) {
   const auto target = Make(MemoryStore(), 1, 1, 1, Random(0, 1));
   CImgStack stack(target.get());
   stack.AllocateStoreBuffer(target.get(), static_cast<int>(values.size()), 1);
@@ -317,19 +324,168 @@ TEST(CImgStack, UndershootBesideBrightPixelsIsRaisedAndNothingElse) {
   }
 }
 
+/// Frames of a sky of 1000 with stars, each of its own noise and on its own slope, and what a stack of them
+/// is.
+struct Sky {
+  int width = 400, height = 170;
+  std::vector<double> noise;  ///< by frames
+  double slope = 0;           ///< how much the sky of each rises across the frame, each to another side
+  std::function<double(int frame, int x, int y)> spoils = [](int, int, int) { return 0.0; };
+
+  double Of(int frame, int x, int y) const {
+    const long long key = (1LL * frame * height + y) * width + x;
+    const double normal =
+        std::sqrt(-2 * std::log(1 - Noise(2 * key))) * std::cos(2 * std::numbers::pi * Noise(2 * key + 1));
+    const double rises = slope * (std::cos(2.0 * frame) * (x - width / 2.0) / width +
+                                  std::sin(2.0 * frame) * (y - height / 2.0) / height);
+    const double dx = x % 80 - 40, dy = y % 50 - 25, star = 3000 * std::exp(-(dx * dx + dy * dy) / 8);
+    // Seeing spreads the light of stars one way and another.
+    return 1000 + rises + star * (1 + 0.1 * std::sin(frame)) + noise[frame] * normal + spoils(frame, x, y);
+  }
+
+  struct Stacked {
+    std::vector<float> pixels;
+    std::vector<CImgStack::Counts> counts;
+    std::vector<double> noise;
+  };
+
+  Stacked Stack(const Rejection& rejection, int rows = 64, bool samples = true,
+                const std::shared_ptr<CVmManager>& store = MemoryStore()) const {
+    const int frames = static_cast<int>(noise.size());
+    std::vector<std::shared_ptr<CVelImage>> images;
+    for (int i = 0; i < frames; ++i) {
+      images.push_back(Make(store, width, height, 1, [&, i](int, int x, int y) { return Of(i, x, y); }));
+    }
+    const auto target = Make(store, width, height, 1, Random(0, 1));
+    CImgStack stack(target.get());
+    stack.AllocateStoreBuffer(target.get(), frames, rows);
+    const auto fill = [&](int y, int end) {
+      for (int i = 0; i < frames; ++i) {
+        stack.Store(i, images[i].get(), y, end - 1, 0, 0, 0, CInterp::MethodNearest);
+      }
+    };
+    const std::vector<int> sampled = samples ? stack.RowsToSample() : std::vector<int>();
+    for (size_t i = 0; i < sampled.size(); ++i) {
+      fill(sampled[i], sampled[i] + 1);
+      stack.Sample(static_cast<int>(i));
+    }
+    if (samples) stack.SettleSamples();
+    for (int y = 0; y < height; y += rows) {
+      fill(y, y + rows);
+      stack.Stack(CImgStack::Mean, rejection, y, y + rows - 1);
+    }
+    Stacked stacked{Pixels(*target), stack.TakeCounts(), {}};
+    for (int i = 0; i < frames; ++i) {
+      stacked.noise.push_back(stack.NoiseOf(i, 0));
+    }
+    return stacked;
+  }
+};
+
+TEST(CImgStack, TrailsGoFromFewFramesOnSkiesThatMove) {
+  // A trail along a row, as bright as ten times the noise, and one that rises, half as wide as a cell.
+  const auto trail = [](int frame, int x, int y) {
+    if (frame != 1) return 0.0;
+    return std::abs(y - 85) < 4 ? 150.0 : std::abs(y - 30 - x / 10) < 3 ? 400.0 : 0.0;
+  };
+  for (const double slope : {0.0, 200.0}) {
+    for (const int frames : {3, 5, 8, 16}) {
+      Sky sky{.noise = std::vector<double>(frames, 15), .slope = slope};
+      const auto clean = sky.Stack({Rejection::Auto});
+      sky.spoils = trail;
+      const auto spoiled = sky.Stack({Rejection::Auto}), kept = sky.Stack({Rejection::None});
+      int visible = 0, before = 0;
+      double sum = 0;
+      for (int y = 0; y < sky.height; ++y) {
+        for (int x = 0; x < sky.width; ++x) {
+          const int i = y * sky.width + x;
+          const double seen = 5 * 15 / std::sqrt(frames), left = spoiled.pixels[i] - clean.pixels[i];
+          visible += std::abs(left) > seen;
+          before += std::abs(kept.pixels[i] - clean.pixels[i]) > seen;
+          sum += left;
+        }
+      }
+      const std::string name = std::to_string(frames) + " frames, slope " + std::to_string(slope);
+      EXPECT_GE(before, 2000) << name;
+      EXPECT_LT(visible, before / 60) << name;
+      EXPECT_NEAR(sum / sky.width / sky.height, 0, 0.3)
+          << name << ": the sky under the trail is that beside it";
+    }
+  }
+}
+
+TEST(CImgStack, FramesAreToldByTheirOwnNoise) {
+  Sky sky{.noise = {10, 12, 25, 11, 9, 10, 13, 12}, .slope = 60};
+  sky.spoils = [](int frame, int x, int y) {
+    return frame == 2 && std::abs(y - 30 - x / 10) < 2 ? 300.0 : 0.0;
+  };
+  for (const auto test : {Rejection::Auto, Rejection::Winsorized, Rejection::Esd, Rejection::Sigma}) {
+    const double kappa = test == Rejection::Sigma ? 2.5 : 3;
+    const auto stacked = sky.Stack({test, kappa, kappa});
+    const double trail = 3.0 / sky.height;
+    std::vector<double> lost;
+    for (size_t i = 0; i < sky.noise.size(); ++i) {
+      EXPECT_NEAR(stacked.noise[i], sky.noise[i], 0.08 * sky.noise[i]) << "frame " << i;
+      const auto& counts = stacked.counts[i];
+      lost.push_back(static_cast<double>(counts.low + counts.high) / static_cast<double>(counts.values));
+    }
+    const double noisiest = lost[2] - trail;
+    lost.erase(lost.begin() + 2);
+    const double others = std::accumulate(lost.begin(), lost.end(), 0.0) / static_cast<double>(lost.size());
+    EXPECT_LT(noisiest, 1.5 * others + 1e-3) << "test " << test;
+    EXPECT_GT(noisiest, -0.1 * trail) << "test " << test << ": the trail went";
+  }
+}
+
+TEST(CImgStack, SampledStacksAreTheSameForAnyBandsThreadsAndStores) {
+  const Sky sky{
+      .width = 750, .height = 60, .noise = {5, 6, 7, 15, 5}, .slope = 90, .spoils = [](int f, int x, int y) {
+        return (x * 7 + y * 13 + f * 29) % 211 == 0 ? 500.0 : 0.0;
+      }};
+  const auto whole = sky.Stack({Rejection::Auto}, 60);
+  for (const auto& [rows, threads] : {std::pair(1, 3), {7, 1}, {64, 5}}) {
+    const WithThreads team(threads);
+    EXPECT_EQ(sky.Stack({Rejection::Auto}, rows).pixels, whole.pixels) << rows << " rows";
+  }
+  EXPECT_EQ(sky.Stack({Rejection::Auto}, 16, true, TinyPool()).pixels, whole.pixels);
+}
+
+TEST(CImgStack, ImagesWithoutNoiseOrTooSmallToMeasure) {
+  // Equal frames but for single pixels.
+  Sky sky{.width = 130, .height = 20, .noise = {0, 0, 0}};
+  const auto clean = sky.Stack({Rejection::None});
+  sky.spoils = [](int f, int x, int y) { return x == 30 + 20 * f && y == 9 ? 60.0 : 0.0; };
+  const auto spoiled = sky.Stack({Rejection::Auto});
+  int differ = 0;
+  for (size_t i = 0; i < clean.pixels.size(); ++i) {
+    differ += std::abs(spoiled.pixels[i] - clean.pixels[i]) > 0.2 + 0.05 * (clean.pixels[i] - 1000);
+  }
+  EXPECT_EQ(differ, 0);
+  for (const auto& [width, height, frames] : {std::tuple(1, 1, 3), {1, 40, 5}, {50, 1, 2}, {3, 2, 1}}) {
+    const Sky tiny{.width = width, .height = height, .noise = std::vector<double>(frames, 1)};
+    const auto all = tiny.Stack({Rejection::None}).pixels, kept = tiny.Stack({Rejection::Auto}).pixels;
+    for (size_t i = 0; i < all.size(); ++i) {
+      EXPECT_NEAR(kept[i], all[i], 400) << width << " x " << height;
+      EXPECT_TRUE(std::isfinite(kept[i]));
+    }
+  }
+}
+
 TEST(CImgStack, ByHand) {
   const float nan = NAN, inf = INFINITY;
   EXPECT_EQ(OnePixel({-3, -8, nan}, CImgStack::Maximum), -3) << "of negatives too";
   EXPECT_EQ(OnePixel({-3, inf, -inf, 8}, CImgStack::Minimum), -3);
   EXPECT_EQ(OnePixel({nan, inf, -inf}, CImgStack::Median), 0) << "no value";
   EXPECT_EQ(OnePixel({nan, 4, inf, 8}, CImgStack::Mean), 6);
-  EXPECT_EQ(OnePixel({4, 8}, CImgStack::ClippedMean, {0.1, 0.1, 5}), 6) << "of two none is rejected";
-  EXPECT_EQ(OnePixel({0, 0, 10, 10}, CImgStack::ClippedMean, {0.5, 0.5, 5}), 5) << "never all";
+  EXPECT_EQ(OnePixel({4, 8}, CImgStack::Mean, {Rejection::Sigma, 0.1, 0.1, 5}), 6)
+      << "of two none is rejected";
+  EXPECT_EQ(OnePixel({0, 0, 10, 10}, CImgStack::Mean, {Rejection::Sigma, 0.5, 0.5, 5}), 5) << "never all";
   // The first round rejects 1000, the second 30.
   const std::vector<float> outliers = {0, 1, 2, 3, 4, 5, 6, 7, 8, 30, 1000};
-  EXPECT_FLOAT_EQ(OnePixel(outliers, CImgStack::ClippedMean, {2.5, 2.5, 1}), 6.6f);
-  EXPECT_FLOAT_EQ(OnePixel(outliers, CImgStack::ClippedMean, {2.5, 2.5, 5}), 4);
-  EXPECT_FLOAT_EQ(OnePixel(outliers, CImgStack::ClippedMean, {2.5, 1e3, 5}), 1066.0f / 11) << "low only";
+  EXPECT_FLOAT_EQ(OnePixel(outliers, CImgStack::Mean, {Rejection::Sigma, 2.5, 2.5, 1}), 6.6f);
+  EXPECT_FLOAT_EQ(OnePixel(outliers, CImgStack::Mean, {Rejection::Sigma, 2.5, 2.5, 5}), 4);
+  EXPECT_FLOAT_EQ(OnePixel(outliers, CImgStack::Mean, {Rejection::Sigma, 2.5, 1e3, 5}), 1066.0f / 11)
+      << "low only";
   const auto target = Make(MemoryStore(), 1, 1, 1, Random(0, 1));
   for (const double weight : {0.0, -1.0, static_cast<double>(nan), static_cast<double>(inf)}) {
     const auto set = [&] { CImgStack(target.get()).SetWeights(std::vector{1.0, weight}); };

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "korimg/composite/stacking/CImgMedianComposit.h"
+#include "korimg/composite/stacking/internal/FrameScatter.h"
 #include "korimg/image/internal/Frame.h"
 #include "korimg/image/internal/Numbers.h"
 #include "korimg/image/internal/SortingNetwork.h"
@@ -89,8 +90,10 @@ class Columns {
     hasNan_ = false;
   }
 
-  /// Frame i's values. What is missing sorts to the end.
-  void Add(int i, const float* values, const int* valid, const Normaliser& normalise, double weight = 1) {
+  /// Frame i's values, less its `offsets`, if any; sums are of the values as they are. What is missing sorts
+  /// to the end.
+  void Add(int i, const float* values, const int* valid, const Normaliser& normalise, double weight = 1,
+           const float* offsets = nullptr) {
     float* row = Row(i);
     int* counts = counts_.data();
     double* sums = sums_.data();
@@ -112,6 +115,22 @@ class Columns {
     });
     present_[i] = present;
     hasNan_ |= nans > 0;
+    if (!offsets) return;
+    RunInLongVectors([=, columns = columns_]() KORIMG_IN_LOOP {
+      for (int x = 0; x < columns; ++x) {
+        row[x] -= offsets[x];
+      }
+    });
+  }
+
+  /// Sorts other columns as these, rows by Most() too. They have no NaN.
+  void SortRows(float* first, int columns) const {
+    const auto most = static_cast<size_t>(most_);
+    RunInLongVectors([&]() KORIMG_IN_LOOP {
+      for (const auto& [i, j] : network_) {
+        Exchange(first + i * most, first + j * most, columns);
+      }
+    });
   }
 
   void Sort() {
@@ -120,13 +139,7 @@ class Columns {
     for (int x = 0; hasNan_ && x < columns_; ++x) {
       if (HasNan(x)) aside.emplace_back(x, TakeSorted(x));
     }
-    float* first = values_.data();
-    const auto most = static_cast<size_t>(most_);
-    RunInLongVectors([&, columns = columns_]() KORIMG_IN_LOOP {
-      for (const auto& [i, j] : network_) {
-        Exchange(first + i * most, first + j * most, columns);
-      }
-    });
+    SortRows(values_.data(), columns_);
     for (const auto& [x, column] : aside) {
       for (int i = 0; i < frames_; ++i) {
         Row(i)[x] = column[i];
@@ -170,10 +183,11 @@ class Columns {
 }  // namespace korimg
 
 /// Calls reduce(columns, part of the target) for the columns of each row and plane, values by frames. Each
-/// row has its own copy of `reduce`. Without weights all are 1.
+/// row has its own copy of `reduce`. Without weights all are 1. With a scatter, frames lie on one sky.
 template <class F>
 void CImgMedianComposit::ForColumns(int y0, int y1, bool threaded, bool normalised, bool finiteOnly,
-                                    std::span<const double> weights, F&& reduce) {
+                                    std::span<const double> weights, F&& reduce,
+                                    const korimg::FrameScatter* scatter) {
   using namespace korimg;
   const int frames = static_cast<int>(store_.size()), width = target_->GetWidth(),
             planes = target_->GetPlanes();
@@ -187,13 +201,16 @@ void CImgMedianComposit::ForColumns(int y0, int y1, bool threaded, bool normalis
   ForLines(threaded ? Team::All : Team::One, y0, EndOfBand(y0, y1), [&](int y) {
     Columns columns(frames, network, finiteOnly);
     auto part = reduce;
+    std::vector<float> offsets(scatter ? columns.Most() : 0);
     for (int p = 0; p < planes; ++p) {
       const long long first = ((y - y0) * 1LL * planes + p) * width;
       for (int left = 0; left < width; left += columns.Most()) {
         columns.Start(std::min(columns.Most(), width - left));
         for (int i = 0; i < frames; ++i) {
+          if (scatter) scatter->OffsetsOf(i, p, y, left, std::span(offsets).first(columns.Size()));
           columns.Add(i, store_[i]->Values() + first + left, store_[i]->Valid() + first + left,
-                      normalisers[3 * i + std::min(p, 2)], weights.empty() ? 1 : weights[i]);
+                      normalisers[3 * i + std::min(p, 2)], weights.empty() ? 1 : weights[i],
+                      scatter ? offsets.data() : nullptr);
         }
         part(columns, Part{left, y, p});
       }
