@@ -17,6 +17,11 @@ void AddCalibrationOptions(CLI::App& verb, CalibrateOptions& options) {
       ->check(CLI::Range(0.0, 1e6) | CLI::IsMember({"auto"}));
   verb.add_flag("--allow-mismatch", options.allowMismatch,
                 "use calibration frames that differ in more than size, with a warning");
+  verb.add_option(
+      "--group", options.group,
+      "by what flats belong together beside camera and filter: night, rotator, folder, by commas, and "
+      "keywords of headers that frames must agree in to serve one another; auto is the first three, and "
+      "none nothing");
   AddMosaicOptions(verb, options.develop);
 }
 

@@ -18,6 +18,8 @@ struct CalibrateOptions {
   /// Added before anything is taken off, and kept in the output. None: what the noise needs, and taken off
   /// again at the end.
   std::optional<double> pedestal;
+  bool mastersAreLibrary = false;    ///< that folder holds those of other sessions too
+  std::string group = "auto";        ///< by what flats belong together; see ParseGrouping
   bool allowMismatch = false;        ///< frames that differ in more than size serve with a warning
   DevelopOptions develop;            ///< of lights that are mosaics
   bool keepMosaic = false;           ///< mosaics stay as they are

@@ -20,15 +20,18 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr double kExact = 1e-6;  // relative: numbers that were written with few digits
-constexpr double kDegrees = 2;   // that the dark signal may be trusted over
+constexpr double kExact = 1e-6;         // relative: numbers that were written with few digits
+constexpr double kDegrees = 2;          // that the dark signal may be trusted over
+constexpr double kSameExposure = 0.01;  // relative: shutters and clocks
+constexpr double kTurned = 2;           // degrees of the rotator that dust and vignetting are told apart by
+constexpr double kNight = 10 * 3600;    // seconds
 constexpr const char *kTemperature = "CCD-TEMP", *kFilter = "FILTER", *kOtherFilter = "FILTER1";
 
 /// What must agree between the frames of a group, and between a group and the frames it serves.
 struct Property {
   const char *key, *otherKey;
   bool bias, dark, flat;  // kinds that it matters for
-  double tolerance = 0;
+  double tolerance = 0, relative = kExact;
 
   bool MattersFor(FrameKind kind) const {
     return kind == FrameKind::Bias ? bias : kind == FrameKind::Dark ? dark : flat;
@@ -47,7 +50,7 @@ constexpr Property kProperties[] = {
     {"OFFSET", nullptr, true, true, true},
     {"ISOSPEED", nullptr, true, true, false},
     {"READOUTM", nullptr, true, true, true},
-    {"EXPTIME", "EXPOSURE", false, true, false},
+    {"EXPTIME", "EXPOSURE", false, true, false, 0, kSameExposure},
     {kTemperature, nullptr, true, true, false, kDegrees},
     {kFilter, kOtherFilter, false, false, true},
 };
@@ -67,105 +70,77 @@ std::string Shown(const std::string& value) {
 bool Agree(const Property& property, const std::string& a, const std::string& b) {
   const auto x = Number(a), y = Number(b);
   if (!x || !y) return FoldedName(a) == FoldedName(b);
-  return std::abs(*x - *y) <= property.tolerance + kExact * std::abs(*x);
+  return std::abs(*x - *y) <= property.tolerance + property.relative * std::max(std::abs(*x), std::abs(*y));
 }
 
-Match Compare(const Group& group, const Frame& frame) {
+Match Compare(const Group& group, const Frame& frame, const Grouping& grouping) {
   const Frame& first = group.frames.front();
   Match match{&group};
   match.sameSize = first.info.width == frame.info.width && first.info.height == frame.info.height &&
                    (first.info.planes == 1 || first.info.planes == frame.info.planes);
-  for (const Property& property : kProperties) {
-    if (!property.MattersFor(group.kind)) continue;
+  const auto compare = [&](const Property& property) {
     const auto wanted = property.Of(frame.info.header), found = property.Of(first.info.header);
     if (!wanted || !found) {
       match.unknown.emplace_back(property.key);
     } else if (!Agree(property, *wanted, *found)) {
       match.mismatches.push_back({property.key, Shown(*wanted), Shown(*found)});
     }
+  };
+  for (const Property& property : kProperties) {
+    if (property.MattersFor(group.kind)) compare(property);
+  }
+  for (const std::string& key : grouping.keys) {
+    compare({key.c_str(), nullptr, true, true, true});
   }
   return match;
 }
 
+/// In temperature.
 double Distance(const Frame& a, const Frame& b) {
   const auto x = a.info.header.GetDouble(kTemperature), y = b.info.header.GetDouble(kTemperature);
   return x && y ? std::abs(*x - *y) : std::numeric_limits<double>::infinity();
 }
 
-bool IsOneOf(const std::string& extension, std::initializer_list<const char*> list) {
-  return std::find(list.begin(), list.end(), extension) != list.end();
+/// Seconds between two frames; 0 where nobody knows.
+double TimeBetween(const Frame& a, const Frame& b) {
+  const auto x = files::StartOf(a.info.header), y = files::StartOf(b.info.header);
+  return x && y ? std::abs(*x - *y) : 0;
 }
 
-/// The name without a packer's extension.
-fs::path Unpacked(const fs::path& path) {
-  return IsOneOf(files::LowerExtension(path), {".gz", ".fz"}) ? path.filename().stem() : path.filename();
+/// Degrees that the rotator turned between two frames; 0 where nobody knows.
+double TurnBetween(const Frame& a, const Frame& b) {
+  const auto angle = [](const Frame& frame) {
+    const auto found = frame.info.header.GetDouble("ROTATANG");
+    return found ? found : frame.info.header.GetDouble("ROTATOR");
+  };
+  const auto x = angle(a), y = angle(b);
+  return x && y ? std::abs(std::remainder(*x - *y, 360.0)) : 0;
 }
 
-/// Kinds of image files; the first two hold frames as a camera gives them.
-enum FileKind : size_t { kFits, kRaw, kTiff, kPng, kNoImage };
-constexpr const char* kKindNames[] = {"FITS", "camera raw", "TIFF", "PNG"};
-
-FileKind KindOf(const fs::path& path) {
-  const std::string extension = files::LowerExtension(Unpacked(path));
-  if (IsOneOf(extension, {".fits", ".fit", ".fts"})) return kFits;
-  if (files::HasRawExtension(Unpacked(path))) return kRaw;
-  if (IsOneOf(extension, {".tif", ".tiff"})) return kTiff;
-  return extension == ".png" ? kPng : kNoImage;
+/// The folders that a file lies in.
+std::vector<std::string> FoldersOf(const fs::path& path) {
+  std::vector<std::string> folders;
+  for (const fs::path& part : fs::absolute(path).parent_path().lexically_normal()) {
+    folders.push_back(files::LowerCase(part.string()));
+  }
+  std::sort(folders.begin(), folders.end());
+  return folders;
 }
 
-/// The names of the folders in a folder that hold frames.
-std::string FoldersWithFrames(const fs::path& folder) {
-  std::vector<std::string> names;
-  std::error_code ignored;
-  for (const auto& entry : fs::directory_iterator(folder)) {
-    const std::string name = entry.path().filename().string();
-    if (name.starts_with(".") || !entry.is_directory(ignored)) continue;
-    const auto inside = fs::directory_iterator(entry.path(), ignored);
-    if (std::any_of(begin(inside), end(inside),
-                    [](const auto& file) { return KindOf(file.path()) < kTiff; })) {
-      names.push_back(name);
-    }
-  }
-  std::sort(names.begin(), names.end());
-  return fmt::format("{}", fmt::join(names, ", "));
+/// The number of names that the folders of two files share: those of a night, beside those of the session.
+int SharedFolders(const Frame& a, const Frame& b) {
+  const auto x = FoldersOf(a.path), y = FoldersOf(b.path);
+  std::vector<std::string> shared;
+  std::set_intersection(x.begin(), x.end(), y.begin(), y.end(), std::back_inserter(shared));
+  return static_cast<int>(shared.size());
 }
 
-/// The frames in a folder.
-std::vector<fs::path> FramesIn(Job& job, const fs::path& folder) {
-  std::array<std::vector<fs::path>, 4> found;
-  for (const auto& entry : fs::directory_iterator(folder)) {
-    const FileKind kind = KindOf(entry.path());
-    const bool hidden = entry.path().filename().string().starts_with(".");
-    if (!hidden && kind != kNoImage) found[kind].push_back(entry.path());
-  }
-  const bool hasFrames = !found[kFits].empty() || !found[kRaw].empty();
-  std::vector<fs::path>* frames = nullptr;
-  std::string kinds;
-  for (size_t kind = 0; kind < found.size(); ++kind) {
-    if (found[kind].empty()) continue;
-    const std::string text = fmt::format("{} {}", found[kind].size(), kKindNames[kind]);
-    if (hasFrames && kind >= kTiff) {
-      job.Warn(fmt::format("{}: {} files beside the frames are left out; name them to use them",
-                           folder.string(), text));
-      continue;
-    }
-    kinds += (kinds.empty() ? "" : " and ") + text;
-    if (frames) {
-      throw files::FileError(folder, fmt::format("holds {} files; name those of one kind", kinds));
-    }
-    frames = &found[kind];
-  }
-  const std::string folders = FoldersWithFrames(folder);
-  if (!frames) {
-    throw files::FileError(
-        folder, "no images in this folder (.fits .fit .fts, also .gz .fz, .tif .tiff .png, camera raw)" +
-                    (folders.empty() ? "" : "; folders in it hold some, which are not read: " + folders));
-  }
-  if (!folders.empty()) {
-    job.Warn(fmt::format("{}: frames of the folders in it are not read: {}", folder.string(), folders));
-  }
-  std::sort(frames->begin(), frames->end());
-  return std::move(*frames);
+/// Whether a flat belongs to others.
+bool IsOfThem(const Group& flats, const Frame& flat, const Grouping& grouping) {
+  const Frame& first = flats.frames.front();
+  return (!grouping.night || TimeBetween(flats.frames.back(), flat) <= kNight) &&
+         (!grouping.rotator || TurnBetween(first, flat) <= kTurned) &&
+         (!grouping.folder || first.path.parent_path() == flat.path.parent_path());
 }
 
 /// "master_flat_Ha" and the like, free of what file names should not hold.
@@ -256,16 +231,33 @@ Frame ReadFrame(const fs::path& path) {
   return {path, files::ImageReader::Open(path)->Info()};
 }
 
-std::vector<fs::path> ExpandFolders(Job& job, const std::vector<fs::path>& paths) {
-  std::vector<fs::path> files;
-  for (const fs::path& path : paths) {
-    const auto more = fs::is_directory(path) ? FramesIn(job, path) : std::vector<fs::path>{path};
-    files.insert(files.end(), more.begin(), more.end());
+Grouping ParseGrouping(const std::string& text) {
+  Grouping grouping;
+  if (text == "auto") return grouping;
+  grouping = {false, false, false};
+  if (text == "none") return grouping;
+  for (size_t from = 0, to = 0; to != std::string::npos; from = to + 1) {
+    to = text.find(',', from);
+    const std::string word = text.substr(from, to - from), folded = FoldedName(word);
+    if (folded.empty())
+      throw UsageError(
+          fmt::format("--group {}: write night, rotator, folder or keywords of headers, by commas", text));
+    if (folded == "night" || folded == "rotator" || folded == "folder") {
+      (folded == "night" ? grouping.night : folded == "rotator" ? grouping.rotator : grouping.folder) = true;
+    } else {
+      grouping.keys.push_back(word);
+    }
   }
-  return files;
+  return grouping;
 }
 
-std::vector<Group> MakeGroups(Job& job, FrameKind kind, const std::vector<fs::path>& paths) {
+bool IsMaster(const files::Header& header) {
+  const auto count = header.GetInt("STACKCNT") ? header.GetInt("STACKCNT") : header.GetInt("NCOMBINE");
+  return count.value_or(0) > 1 || FoldedName(header.GetString("IMAGETYP").value_or("")).starts_with("master");
+}
+
+std::vector<Group> MakeGroups(Job& job, FrameKind kind, const std::vector<fs::path>& paths,
+                              const Grouping& grouping) {
   std::vector<Group> groups;
   for (const fs::path& path : paths) {
     Frame frame;
@@ -282,7 +274,10 @@ std::vector<Group> MakeGroups(Job& job, FrameKind kind, const std::vector<fs::pa
                            path.string(), *frame.info.header.GetString("IMAGETYP")));
     }
     const auto same = std::find_if(groups.begin(), groups.end(), [&](const Group& group) {
-      return Compare(group, frame) && group.frames.front().info.planes == frame.info.planes;
+      const files::ImageInfo& first = group.frames.front().info;
+      return !IsMaster(first.header) && !IsMaster(frame.info.header) && Compare(group, frame, grouping) &&
+             first.planes == frame.info.planes &&
+             (kind != FrameKind::Flat || IsOfThem(group, frame, grouping));
     });
     Group& group = same != groups.end() ? *same : groups.emplace_back(Group{kind, "", {}});
     group.frames.push_back(std::move(frame));
@@ -300,33 +295,22 @@ std::vector<Group> MakeGroups(Job& job, FrameKind kind, const std::vector<fs::pa
   return groups;
 }
 
-Match FindMatch(const std::vector<Group>& groups, const Frame& frame) {
+Match FindMatch(const std::vector<Group>& groups, const Frame& frame, const Grouping& grouping) {
   Match best;
   const auto cost = [&](const Match& match) {
-    return std::tuple(!match.sameSize, match.mismatches.size(), Distance(match.group->frames.front(), frame));
+    const Frame& first = match.group->frames.front();
+    const bool isFlat = match.group->kind == FrameKind::Flat;
+    return std::tuple(!match.sameSize, match.mismatches.size(),
+                      isFlat && grouping.rotator && TurnBetween(first, frame) > kTurned,
+                      isFlat && grouping.folder ? -SharedFolders(first, frame) : 0,
+                      isFlat ? grouping.night ? TimeBetween(first, frame) : 0.0 : Distance(first, frame),
+                      !IsMaster(first.info.header));
   };
   for (const Group& group : groups) {
-    Match match = Compare(group, frame);
+    Match match = Compare(group, frame, grouping);
     if (!best.group || cost(match) < cost(best)) best = std::move(match);
   }
   return best;
-}
-
-void CheckStems(const std::vector<fs::path>& paths) {
-  std::map<std::string, fs::path> stems;
-  for (const fs::path& path : paths) {
-    const auto [other, isNew] = stems.emplace(StemOf(path), path);
-    if (!isNew) {
-      throw files::FileError(path, fmt::format("its result would have the same name as that of {}; "
-                                               "write them into different folders",
-                                               other->second.string()));
-    }
-  }
-}
-
-std::string StemOf(const fs::path& path) {
-  const fs::path name = Unpacked(path);
-  return KindOf(path) != kNoImage ? name.stem().string() : name.string();
 }
 
 }  // namespace korimg::session

@@ -24,6 +24,10 @@ struct KORIMG_SESSION_API Group {
   FrameKind kind;
   std::string name;  ///< of their master, as in "master_dark_120s"
   std::vector<Frame> frames;
+  /// Of a dark whose signal is brought to another exposure: the darks, the bias that holds the rest, and the
+  /// ratio of exposures.
+  const Group *scaledFrom = nullptr, *bias = nullptr;
+  double scale = 1;
 
   /// The frames by number and names.
   std::string Text() const;
@@ -35,6 +39,16 @@ struct KORIMG_SESSION_API Group {
 struct Mismatch {
   std::string key, wanted, found;
 };
+
+/// By what flats belong together, beside the camera and the filter: those of a night, of a position of the
+/// rotator, of a folder. And header keywords that frames of all kinds must agree in to serve one another.
+struct Grouping {
+  bool night = true, rotator = true, folder = true;
+  std::vector<std::string> keys = {};
+};
+
+/// Of a list such as "night,OBSERVER"; "auto" and "none" too. Throws UsageError.
+KORIMG_SESSION_API Grouping ParseGrouping(const std::string& text);
 
 /// The group that serves a frame best.
 struct Match {
@@ -58,12 +72,18 @@ KORIMG_SESSION_API std::vector<std::filesystem::path> ExpandFolders(
 
 /// A frame that cannot be read, and a copy of another, is left out with a warning, unless no other is left.
 /// Parts frames by size, camera, binning, gain, offset and readout mode; darks and biases by temperature;
-/// darks by exposure; flats by filter.
+/// darks by exposure; flats by filter, and as the grouping says. A finished master is a group of its own.
 KORIMG_SESSION_API std::vector<Group> MakeGroups(Job& job, FrameKind kind,
-                                                 const std::vector<std::filesystem::path>& paths);
+                                                 const std::vector<std::filesystem::path>& paths,
+                                                 const Grouping& grouping = {});
 
-/// The group with the fewest mismatches, and of these the one nearest in temperature.
-KORIMG_SESSION_API Match FindMatch(const std::vector<Group>& groups, const Frame& frame);
+/// The group with the fewest mismatches, and of these the one nearest: flats in folder, position of the
+/// rotator and time, others in temperature; a finished master rather than frames.
+KORIMG_SESSION_API Match FindMatch(const std::vector<Group>& groups, const Frame& frame,
+                                   const Grouping& grouping = {});
+
+/// A master that was made before, by the number of frames in it or by what it is called.
+KORIMG_SESSION_API bool IsMaster(const files::Header& header);
 
 /// The filter that a frame was taken through, by FILTER or FILTER1; empty where neither says one.
 KORIMG_SESSION_API std::string FilterOf(const files::Header& header);

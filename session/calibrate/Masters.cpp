@@ -356,6 +356,10 @@ Measures::Measures(CVelImage& image) {
 }
 
 std::string Master::Text() const {
+  if (group->scaledFrom) {
+    return fmt::format("{}: {}, less {} and back, by {:.4g}", group->name, group->scaledFrom->name,
+                       group->bias->name, group->scale);
+  }
   if (group->frames.size() == 1) return group->Text();
   return fmt::format("{}, median of {}{}", group->name, group->Text(),
                      offset ? " less " + offset->group->name : "");

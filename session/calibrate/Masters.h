@@ -28,6 +28,7 @@ struct KORIMG_SESSION_API Master {
   Measures measures;
   bool equalised = false;  ///< a mosaic's flat: its colours have one mean
   double saturated = 0;    ///< share of its frames' pixels that are at the end of their scale
+  bool isKept = false;     ///< it was made before, and lies where it belongs
   double gain = 0;         ///< electrons of a raw value, by the noise of two raw flats; 0: not known
 
   /// Where it comes from, for people and headers.

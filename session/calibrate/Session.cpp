@@ -112,27 +112,56 @@ Json Light::Description() const {
   return json;
 }
 
-Session::Session(Job& job, const CalibrateOptions& options) : job_(job), options_(options) {
-  darks_ = MakeGroups(job, FrameKind::Dark, ExpandFolders(job, options.darks));
-  flats_ = MakeGroups(job, FrameKind::Flat, ExpandFolders(job, options.flats));
-  biases_ = MakeGroups(job, FrameKind::Bias, ExpandFolders(job, options.biases));
+Session::Session(Job& job, const CalibrateOptions& options)
+    : job_(job), options_(options), grouping_(ParseGrouping(options.group)) {
+  darks_ = MakeGroups(job, FrameKind::Dark, ExpandFolders(job, options.darks), grouping_);
+  flats_ = MakeGroups(job, FrameKind::Flat, ExpandFolders(job, options.flats), grouping_);
+  biases_ = MakeGroups(job, FrameKind::Bias, ExpandFolders(job, options.biases), grouping_);
   FindOffsetsOfFlats();
-  for (const fs::path& path : ExpandFolders(job, options.lights)) {
+  PlanLights();
+  NameResults();
+  ReadManifest();
+}
+
+/// A manifest that is none of ours, or none at all, is as good as no masters.
+void Session::ReadManifest() {
+  kept_ = Json::object();
+  if (options_.masters.empty()) return;
+  std::ifstream file(ManifestPath());
+  Json read = Json::parse(file, nullptr, false);
+  if (read.is_object() && read.contains("masters") && read["masters"].is_array()) kept_ = std::move(read);
+}
+
+/// What is wrong with several lights alike is told once.
+void Session::PlanLights() {
+  std::map<std::string, std::vector<fs::path>> misfits;
+  for (const fs::path& path : ExpandFolders(job_, options_.lights)) {
     failed_.push_back({path});  // failed, unless it is planned
     std::optional<Frame> frame;
-    job.ForEachFile(
+    job_.ForEachFile(
         {path}, [&](const fs::path&) { frame = ReadFrame(path); }, true);
     if (!frame) continue;
     failed_.back().filter = FilterOf(frame->info.header);
-    job.ForEachFile(
-        {path},
-        [&](const fs::path&) {
-          lights_.push_back(PlanLight(std::move(*frame)));
-          failed_.pop_back();
-        },
-        options.misfitsMayBeMissing);
+    try {
+      lights_.push_back(PlanLight(std::move(*frame)));
+      failed_.pop_back();
+    } catch (const files::FileError& error) {
+      std::string text = error.what();
+      const std::string name = path.string() + ": ";
+      if (text.starts_with(name)) text.erase(0, name.size());
+      misfits[text].push_back(path);
+    }
   }
-  NameResults();
+  for (const auto& [text, paths] : misfits) {
+    const std::string told =
+        fmt::format("{}{}: {}", paths.front().string(),
+                    paths.size() > 1 ? fmt::format(" and {} other lights", paths.size() - 1) : "", text);
+    options_.misfitsMayBeMissing ? job_.Warn(told) : job_.Fail(told);
+  }
+}
+
+void Session::TellOnce(const std::string& text) {
+  if (told_.insert(text).second) job_.Warn(text);
 }
 
 /// Files of one name in different folders have results of different names.
@@ -169,10 +198,11 @@ void Session::Show() const {
 
 std::vector<fs::path> Session::CheckOutputs(std::vector<fs::path> outputs) const {
   if (!options_.masters.empty()) {
+    // What a manifest tells of was made by us, and is used again, or made anew.
     for (const Group* group : NeededGroups()) {
-      outputs.push_back(MasterPath(*group));
+      if (!IsKept(MasterPath(*group))) outputs.push_back(MasterPath(*group));
     }
-    outputs.push_back(ManifestPath());
+    if (kept_.empty()) outputs.push_back(ManifestPath());
   }
   std::set<fs::path> inputs;
   for (const Light& light : lights_) {
@@ -192,6 +222,13 @@ std::vector<fs::path> Session::CheckOutputs(std::vector<fs::path> outputs) const
     job_.CheckOutput(output);
   }
   return outputs;
+}
+
+bool Session::IsKept(const fs::path& master) const {
+  const auto entries = kept_.value("masters", Json::array());
+  return std::any_of(entries.begin(), entries.end(), [&](const auto& entry) {
+    return entry.value("file", "") == master.filename().string();
+  });
 }
 
 void Session::Prepare() {
@@ -217,8 +254,7 @@ void Session::MakeMasters() {
     });
     const bool overturned = off && files::LiesOverturned(HeaderOf(*group), HeaderOf(*off->group));
     if (overturned) TurnOver(*off->image);
-    const Master& master =
-        masters_.emplace(group, MakeMaster(job_, store_, *group, off, mosaic)).first->second;
+    const Master& master = masters_.emplace(group, MakeOrLoad(*group, off, mosaic)).first->second;
     if (overturned) TurnOver(*off->image);
     if (off && off->measures.max <= kUnitMost && master.measures.mean > kCountsLeast) {
       throw files::FileError(
@@ -237,6 +273,62 @@ void Session::MakeMasters() {
     if (group->kind == FrameKind::Flat) WarnOfFlat(master);
     if (group->kind == FrameKind::Dark) CheckHoldsBias(master);
   }
+}
+
+/// What a master is made of: of the same, it is the same.
+std::string Session::DigestOf(const Group& group, const Master* offset, bool mosaic) const {
+  Json made{{"made", 1}, {"kind", NameOf(group.kind)}, {"mosaic", mosaic}, {"scale", group.scale}};
+  for (const Frame& frame : group.frames) {
+    made["inputs"].push_back({fs::absolute(frame.path).string(), files::StampOf(frame.path)});
+  }
+  if (offset) made["offset"] = digests_.at(offset->group);
+  if (group.bias) made["bias"] = digests_.at(group.bias);
+  return fmt::format("{:016x}",
+                     std::hash<std::string>()(made.dump(-1, ' ', true, Json::error_handler_t::replace)));
+}
+
+/// A master that is there, if it was made of the same frames; else it is made.
+Master Session::MakeOrLoad(const Group& group, const Master* offset, bool mosaic) {
+  const std::string digest = digests_[&group] = DigestOf(group, offset, mosaic);
+  for (const auto& entry : kept_.value("masters", Json::array())) {
+    const fs::path file = options_.masters / entry.value("file", "");
+    if (entry.value("digest", "") != digest || !fs::is_regular_file(file)) continue;
+    Master master;
+    master.group = &group;
+    master.offset = offset;
+    master.image = std::move(Image::Open(job_, store_, file).Pointer());
+    master.measures = Measures(*master.image);
+    master.saturated = entry.value("saturated", 0.0);
+    master.gain = entry.value("gain", 0.0);
+    master.equalised = entry.value("equalised", false);
+    master.isKept = true;
+    return master;
+  }
+  return group.scaledFrom ? MakeScaled(group) : MakeMaster(job_, store_, group, offset, mosaic);
+}
+
+/// The bias, and the rest of a dark by the ratio of exposures.
+Master Session::MakeScaled(const Group& group) const {
+  const Master &dark = masters_.at(group.scaledFrom), &bias = masters_.at(group.bias);
+  const bool overturned = files::LiesOverturned(HeaderOf(*group.scaledFrom), HeaderOf(*group.bias));
+  CVelImage& from = *dark.image;
+  Master master;
+  master.group = &group;
+  master.saturated = dark.saturated;
+  master.image = NewImage(store_, from.GetWidth(), from.GetHeight(), from.GetPlanes());
+  const auto scale = static_cast<float>(group.scale);
+  for (int p = 0; p < from.GetPlanes(); ++p) {
+    ForLines(Team::All, 0, from.GetHeight(), [&](int y) {
+      const float* row = from.GetLine(0, y, p);
+      const float* level = bias.image->GetLine(0, overturned ? from.GetHeight() - 1 - y : y, p);
+      float* out = master.image->GetWritableLine(0, y, p);
+      for (int x = 0; x < from.GetWidth(); ++x) {
+        out[x] = level[x] + (row[x] - level[x]) * scale;
+      }
+    });
+  }
+  master.measures = Measures(*master.image);
+  return master;
 }
 
 /// Refuses darks whose bias is off already, which lights keep then: a camera's own values are not negative.
@@ -349,16 +441,24 @@ void Session::SaveMasters() {
   if (options_.masters.empty()) return;
   fs::create_directories(options_.masters);
   Json manifest{{"program", fmt::format("korimg {}", Version())}, {"masters", Json::array()}};
+  std::set<std::string> files;
   for (const Group* group : NeededGroups()) {
     Master& master = masters_.at(group);
-    SaveMaster(job_, master, MasterPath(*group));
+    if (!master.isKept) {
+      if (IsKept(MasterPath(*group))) fs::remove(MasterPath(*group));  // it was of frames that have changed
+      SaveMaster(job_, master, MasterPath(*group));
+    }
+    files.insert(MasterPath(*group).filename().string());
     Json entry{{"file", MasterPath(*group).filename().string()},
+               {"digest", digests_.at(group)},
                {"kind", NameOf(group->kind)},
                {"offset", master.offset ? Json(master.offset->group->name) : Json()},
                {"mean", master.measures.mean},
                {"min", master.measures.min},
                {"max", master.measures.max},
                {"saturated", master.saturated},
+               {"gain", master.gain},
+               {"equalised", master.equalised},
                {"inputs", Json::array()}};
     for (const Frame& frame : group->frames) {
       entry["inputs"].push_back({{"file", fs::absolute(frame.path).string()},
@@ -366,6 +466,11 @@ void Session::SaveMasters() {
                                  {"date", frame.info.header.GetString("DATE-OBS").value_or("")}});
     }
     manifest["masters"].push_back(std::move(entry));
+  }
+  // A library keeps those of other sessions.
+  for (const auto& entry : kept_.value("masters", Json::array())) {
+    if (options_.mastersAreLibrary && !files.contains(entry.value("file", "")))
+      manifest["masters"].push_back(entry);
   }
   files::TransientFile part(files::PartialName(ManifestPath()));
   std::ofstream file(part.Path());
@@ -383,7 +488,14 @@ bool Session::LacksOffsets() const {
 }
 
 fs::path Session::MasterPath(const Group& group) const {
-  return options_.masters / (group.name + ".fits");
+  if (!options_.mastersAreLibrary) return options_.masters / (group.name + ".fits");
+  // Names of other sessions are the same; what the frames are is not.
+  std::string frames;
+  for (const Frame& frame : group.frames) {
+    frames += fs::absolute(frame.path).string() + '\n';
+  }
+  return options_.masters /
+         fmt::format("{}_{:08x}.fits", group.name, std::hash<std::string>()(frames) & 0xffffffffu);
 }
 
 fs::path Session::ManifestPath() const {
@@ -392,7 +504,7 @@ fs::path Session::ManifestPath() const {
 
 /// The group that serves a frame; none when no frames of that kind were given. Throws when they do not fit.
 const Group* Session::Choose(const std::vector<Group>& groups, const Frame& frame) const {
-  const Match match = FindMatch(groups, frame);
+  const Match match = FindMatch(groups, frame, grouping_);
   if (!match.group) return nullptr;
   const Frame& first = match.group->frames.front();
   const std::string kind = NameOf(match.group->kind);
@@ -421,12 +533,51 @@ const Group* Session::Choose(const std::vector<Group>& groups, const Frame& fram
   return match.group;
 }
 
+/// The dark of a frame. One of another exposure is scaled when there is a bias: what it holds beside that
+/// grows with time.
+const Group* Session::ChooseDark(const Frame& frame) {
+  const Match match = FindMatch(darks_, frame, grouping_);
+  if (!match.group || match || !match.sameSize || match.mismatches.size() > 1 ||
+      match.mismatches.front().key != "EXPTIME") {
+    return Choose(darks_, frame);
+  }
+  const Match bias = FindMatch(biases_, *match.group->frames.begin(), grouping_);
+  const auto wanted = files::ExposureOf(frame.info.header),
+             found = files::ExposureOf(match.group->frames.front().info.header);
+  if (!bias || !wanted || !found || !(*found > 0)) return Choose(darks_, frame);
+  TellOnce(
+      fmt::format("there are no darks of {:g} s: those of {:g} s are scaled by the bias", *wanted, *found));
+  const std::string name = fmt::format("{}_for_{:g}s", match.group->name, *wanted);
+  for (const Group& group : scaledDarks_) {
+    if (group.name == name) return &group;
+  }
+  Group& scaled = scaledDarks_.emplace_back(*match.group);
+  scaled.name = name;
+  scaled.scaledFrom = match.group;
+  scaled.bias = bias.group;
+  scaled.scale = *wanted / *found;
+  return &scaled;
+}
+
+/// The flat of a frame. Where frames were found rather than given, one that has flats of other filters alone
+/// has none.
+const Group* Session::ChooseFlat(const Frame& frame) {
+  const Match match = FindMatch(flats_, frame, grouping_);
+  if (options_.misfitsMayBeMissing && !options_.allowMismatch && match.group && match.sameSize &&
+      match.mismatches.size() == 1 && match.mismatches.front().key == "FILTER") {
+    TellOnce(fmt::format("there are no flats of filter {}: its lights are not divided by any",
+                         match.mismatches.front().wanted));
+    return nullptr;
+  }
+  return Choose(flats_, frame);
+}
+
 /// A flat's own dark is one of its exposure; else the bias comes off. A single flat is a master.
 void Session::FindOffsetsOfFlats() {
   for (const Group& flat : flats_) {
     if (flat.frames.size() == 1) continue;
     const Frame& first = flat.frames.front();
-    const Match own = FindMatch(darks_, first);
+    const Match own = FindMatch(darks_, first, grouping_);
     const bool hasOwnDark = own && files::ExposureOf(first.info.header) &&
                             files::ExposureOf(own.group->frames.front().info.header);
     const Group* offset = hasOwnDark ? own.group : Choose(biases_, first);
@@ -434,12 +585,12 @@ void Session::FindOffsetsOfFlats() {
   }
 }
 
-Light Session::PlanLight(Frame frame) const {
+Light Session::PlanLight(Frame frame) {
   const fs::path path = frame.path;
   Light light{std::move(frame)};
-  light.dark = Choose(darks_, light.frame);
+  light.dark = ChooseDark(light.frame);
   if (darks_.empty()) light.bias = Choose(biases_, light.frame);
-  light.flat = Choose(flats_, light.frame);
+  light.flat = ChooseFlat(light.frame);
   if (light.frame.info.planes > 1 && !options_.develop.mosaic.cfa.empty()) {
     throw files::FileError(path, "has colours already: --cfa is for mosaics; leave it out");
   }
@@ -457,16 +608,21 @@ std::vector<const Group*> Session::NeededGroups() const {
   std::set<const Group*> needed;
   for (const Light& light : lights_) {
     needed.insert({light.dark, light.flat, light.bias});
+    if (light.dark && light.dark->scaledFrom) needed.insert({light.dark->scaledFrom, light.dark->bias});
     if (const auto offset = offsetsOfFlats_.find(light.flat); offset != offsetsOfFlats_.end()) {
       needed.insert(offset->second);
     }
   }
   std::vector<const Group*> ordered;
-  for (const auto* groups : {&biases_, &darks_, &flats_}) {
-    for (const Group& group : *groups) {
+  const auto add = [&](const auto& groups) {
+    for (const Group& group : groups) {
       if (needed.contains(&group)) ordered.push_back(&group);
     }
-  }
+  };
+  add(biases_);
+  add(darks_);
+  add(scaledDarks_);
+  add(flats_);
   return ordered;
 }
 

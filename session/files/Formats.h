@@ -36,6 +36,9 @@ std::unique_ptr<ImageWriter> CreateJpeg(std::string& bytes, const WriteOptions& 
 [[noreturn]] void ThrowDiskFull(const std::filesystem::path& path, const std::filesystem::path& folder,
                                 std::uint64_t needed);
 
+/// Tells one state of a file from another: its size and when it was written last. Throws FileError.
+KORIMG_SESSION_API std::string StampOf(const std::filesystem::path& path);
+
 /// Free bytes for us on the file system of a folder; the largest number if that is not known.
 std::uint64_t FreeSpace(const std::filesystem::path& folder);
 

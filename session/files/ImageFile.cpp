@@ -67,6 +67,12 @@ void ThrowSystemError(const fs::path& path, std::string_view doing, int error) {
   throw FileError(path, fmt::format("cannot {}: {}", doing, std::strerror(error)));
 }
 
+std::string StampOf(const fs::path& path) {
+  struct stat state {};
+  if (stat(path.c_str(), &state) != 0) ThrowSystemError(path, "look at the file", errno);
+  return fmt::format("{} {}.{:09}", state.st_size, state.st_mtim.tv_sec, state.st_mtim.tv_nsec);
+}
+
 void ThrowDiskFull(const fs::path& path, const fs::path& folder, std::uint64_t needed) {
   throw FileError(path,
                   fmt::format("no room in folder {}: {} bytes needed, {} available; free some space or write "

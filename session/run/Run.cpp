@@ -699,7 +699,8 @@ RunOptions Complete(RunOptions options) {
   options.stack.Options();  // refuses what is wrong before any work
   const CalibrateOptions& frames = options.calibrate;
   if (!frames.darks.empty() || !frames.flats.empty() || !frames.biases.empty()) {
-    options.calibrate.masters = frames.out / "masters";
+    options.calibrate.mastersAreLibrary = !frames.masters.empty();
+    if (frames.masters.empty()) options.calibrate.masters = frames.out / "masters";
   }
   options.calibrate.misfitsMayBeMissing = true;
   return options;

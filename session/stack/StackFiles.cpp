@@ -6,11 +6,11 @@
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <sys/stat.h>
 
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "session/calibrate/Frames.h"
+#include "session/files/Formats.h"
 #include "session/files/Geometry.h"
 #include "session/files/Mosaic.h"
 #include "session/files/internal/ConstantBorder.h"
@@ -291,13 +291,9 @@ class StackRun {
               {"reference", sources_.Reference()},
               {"frames", Json::array()}};
     for (const Source& source : sources_.Used()) {
-      struct stat state {};
-      if (stat(source.path.c_str(), &state) != 0)
-        files::ThrowSystemError(source.path, "look at the file", errno);
       const Transform& t = source.transform;
-      json["frames"].push_back({fs::weakly_canonical(source.path).string(), state.st_size,
-                                state.st_mtim.tv_sec, state.st_mtim.tv_nsec, t.dx, t.dy, t.degrees,
-                                t.fwhm.value_or(0), t.fluxRatio.value_or(0)});
+      json["frames"].push_back({fs::weakly_canonical(source.path).string(), files::StampOf(source.path), t.dx,
+                                t.dy, t.degrees, t.fwhm.value_or(0), t.fluxRatio.value_or(0)});
     }
     return json.dump(-1, ' ', true, Json::error_handler_t::replace);
   }

@@ -1,9 +1,11 @@
 // A session's lights, the calibration frames that serve them, and their pixels once calibrated.
 #pragma once
 
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -76,13 +78,23 @@ class Session {
 
   std::filesystem::path MasterPath(const Group& group) const;
   std::filesystem::path ManifestPath() const;
+  void ReadManifest();
+  bool IsKept(const std::filesystem::path& master) const;
   const Group* Choose(const std::vector<Group>& groups, const Frame& frame) const;
+  const Group* ChooseDark(const Frame& frame);
+  const Group* ChooseFlat(const Frame& frame);
+  /// Warns once of what bends.
+  void TellOnce(const std::string& text);
   void FindOffsetsOfFlats();
-  Light PlanLight(Frame frame) const;
+  Light PlanLight(Frame frame);
+  void PlanLights();
   void NameResults();
   std::vector<const Group*> NeededGroups() const;
   void ShowGroup(const Group& group) const;
   void MakeMasters();
+  Master MakeOrLoad(const Group& group, const Master* offset, bool mosaic);
+  Master MakeScaled(const Group& group) const;
+  std::string DigestOf(const Group& group, const Master* offset, bool mosaic) const;
   void TurnMasters();
   void CheckLights();
   void CheckHoldsBias(const Master& dark) const;
@@ -102,13 +114,18 @@ class Session {
 
   Job& job_;
   const CalibrateOptions& options_;
+  Grouping grouping_;
   std::vector<Group> darks_, flats_, biases_;
+  std::list<Group> scaledDarks_;  ///< of other exposures
+  std::set<std::string> told_;
   std::map<const Group*, const Group*> offsetsOfFlats_;
   std::vector<Light> lights_;
   std::vector<FailedLight> failed_;
   std::vector<std::string> masterLines_;
   std::shared_ptr<CVmManager> store_ = job_.MakeStore();
   std::map<const Group*, Master> masters_;
+  std::map<const Group*, std::string> digests_;                ///< of what masters are made of
+  nlohmann::ordered_json kept_;                                ///< the manifest of masters that are there
   std::map<const Group*, std::unique_ptr<CVelImage>> turned_;  ///< masters the other way round
   std::map<const Group*, double> pedestals_;  ///< for the noise of the lights that an offset serves
   std::map<std::string, WhiteBalance> balances_;
