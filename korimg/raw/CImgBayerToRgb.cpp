@@ -2,22 +2,17 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
-#include <limits>
 #include <vector>
 
 #include "korimg/image/internal/Frame.h"
-#include "korimg/image/internal/Vectors.h"
 #include "korimg/levels/CImgAutoLevel.h"
-#include "korimg/platform/CException.h"
 #include "korimg/platform/CParallel.h"
+#include "korimg/raw/internal/Colours.h"
+#include "korimg/raw/internal/RawFrame.h"
 
 using namespace korimg;
 
 namespace {
-
-constexpr int kRed = 0, kGreen = 1, kBlue = 2;
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 /// Column and row of red in the 2 x 2 cell; blue lies diagonally opposite.
 struct RedSite {
@@ -26,43 +21,6 @@ struct RedSite {
   explicit RedSite(int cfa) : x(cfa == 2 || cfa == 3), y(cfa == 3 || cfa == 4) {}
   /// Parity of the columns of red or blue in a row.
   int ColouredColumns(int row) const { return (x + y + row) & 1; }
-};
-
-float* Line(CImage& image, int y, int plane) {
-  return reinterpret_cast<float*>(image.GetVmImage()->GetImageAdr(0, y, plane, false, false, nullptr));
-}
-
-const float* ReadLine(CImage& image, int y, int plane) {
-  return reinterpret_cast<const float*>(image.GetVmImage()->GetImageAdr(0, y, plane, true, false, nullptr));
-}
-
-double WhiteOf(int bits) {
-  return std::ldexp(1.0, bits) - 1;
-}
-
-/// NaN stays NaN.
-template <class T>
-T Limited(T v, T min, T max) {
-  const T raised = v < min ? min : v;
-  return raised > max ? max : raised;
-}
-
-/// The gain of one position of the cell, and the knee that brings it back to white: a line of that slope from
-/// black to the point, and from there one to white.
-struct Knee {
-  double gain, pointX = 0, pointY = 0, ratio = 1;
-
-  Knee(double gain, double range) : gain(gain) {
-    if (!(range > 0)) return;  // nothing lies within
-    pointX = range / (gain + 1);
-    pointY = gain * range / (gain + 1);
-    ratio = (range - pointY) / (range - pointX);
-  }
-  double operator()(double v, double black) const {
-    const double d = v - black;
-    // The pixel itself, not its distance from black, decides the side.
-    return (v < pointX ? d * gain : (d - pointX) * ratio + pointY) + black;
-  }
 };
 
 }  // namespace
@@ -103,27 +61,10 @@ int CImgBayerToRgb::Do(tagBayerStruct bayer, int nProgress) {
   const int gammaSteps = bayer.bGamma ? 3 * (height - bayer.nTrimBottom - bayer.nTrimTop) : 0;
   const ProgressScope progress(*this, nProgress, bayer.bMono ? 6145 : 6178,
                                height - 7 + 10 * step + gammaSteps);
-  if (bayer.bSubtract) {
-    if (IsContiguous(*this)) {
-      sub_scalar_inplace_float(bayer.fSubtract, PlaneBuffer(*this, 0, false));
-    } else {
-      ForLines(Team::All, 0, height, [&](int y) {
-        float* line = GetWritableLine(0, y, 0);
-        for (int x = 0; x < width; ++x) {
-          line[x] -= bayer.fSubtract;
-        }
-      });
-    }
-  }
+  if (bayer.bSubtract) SubtractFromRaw(*this, bayer.fSubtract);
   ShowProgress(step);
 
-  std::unique_ptr<CImage> frame;
-  try {
-    frame = std::make_unique<CImage>(VmManager(), Float, width, height, bayer.bToneCurve ? 2 : 1, 1.0, 0.0,
-                                     true, nullptr);
-  } catch (const velora::CVmMemoryAllocationError&) {
-    throw new CMemoryException();
-  }
+  const std::unique_ptr<CImage> frame = MakeRawFrame(*this, bayer.bToneCurve ? 2 : 1);
   ShowProgress(step);
   CopySrcToBayer(*frame);
   ShowProgress(step);
@@ -135,16 +76,10 @@ int CImgBayerToRgb::Do(tagBayerStruct bayer, int nProgress) {
     return 0;
   }
   ShowProgress(step);
-  if (!bayer.bMono) {
-    if (!ChangePlanes(3, nullptr)) return 0;
-    for (int p = 1; p < 3; ++p) {
-      SetLevel(p, GetLevelMin(0), GetLevelMax(0));
-    }
-    SetOrgPlanes(3);
-  }
+  if (!bayer.bMono && !MakeColour(*this)) return 0;
   ShowProgress(step);
 
-  Range range{0, WhiteOf(bayer.nDstBits)};
+  RawRange range{0, WhiteOf(bayer.nDstBits)};
   if (bayer.bAutoRange) {
     frame->GetMinMax(0, &range.min, &range.max);
   } else if (bayer.nSrcBits == Float) {
@@ -167,37 +102,19 @@ bool CImgBayerToRgb::ArgCheck(const tagBayerStruct& bayer) const {
   const bool knowsBits = bayer.nSrcBits == 12 || bayer.nSrcBits == 14
                              ? bayer.nDstBits == 16
                              : bayer.nSrcBits == Float && bayer.nDstBits == Float;
-  const int trims[] = {bayer.nTrimLeft, bayer.nTrimTop, bayer.nTrimRight, bayer.nTrimBottom};
-  const auto leaves = [](int size, int first, int second) { return 1LL * size - first - second > 0; };
   return !IsEmpty() && bayer.nCFA >= 1 && bayer.nCFA <= 4 && GetWidth() >= 6 && GetHeight() >= 6 &&
-         knowsBits && *std::min_element(std::begin(trims), std::end(trims)) >= 0 &&
-         leaves(GetWidth(), bayer.nTrimLeft, bayer.nTrimRight) &&
-         leaves(GetHeight(), bayer.nTrimTop, bayer.nTrimBottom) && (!bayer.bToneCurve || bayer.pGain);
+         knowsBits && TrimsLeavePixels(bayer, *this) && (!bayer.bToneCurve || bayer.pGain);
 }
 
 void CImgBayerToRgb::CopySrcToBayer(CImage& frame) {
-  for (int p = 0; p < frame.GetPlanes(); ++p) {
-    frame.SetLevel(p, GetLevelMin(0), GetLevelMax(0));
-  }
-  if (MayRunPipelines(*this, frame)) {
-    paste_float(PlaneBuffer(*this, 0), 0, GetWidth(), 0, GetHeight(), 0, 0, PlaneBuffer(frame, 0, false));
-    return;
-  }
-  ForLines(Team::All, 0, GetHeight(),
-           [&](int y) { std::copy_n(GetLine(0, y, 0), GetWidth(), Line(frame, y, 0)); });
+  CopyRaw(*this, frame);
 }
 
 void CImgBayerToRgb::ChangeBitImage(CImage& frame, int srcBits, int dstBits, bool autoRange) {
   if (srcBits == Float) return;
-  double min = 0, max = WhiteOf(srcBits);
-  if (autoRange) frame.GetMinMax(0, &min, &max);
-  const double white = WhiteOf(dstBits), range = max - min;
-  ForLines(Team::All, 0, frame.GetHeight(), [&](int y) {
-    float* line = Line(frame, y, 0);
-    for (int x = 0; x < frame.GetWidth(); ++x) {
-      line[x] = range > 0 ? static_cast<float>(Limited((line[x] - min) * white / range, 0.0, white)) : 0.0f;
-    }
-  });
+  RawRange range{0, WhiteOf(srcBits)};
+  if (autoRange) frame.GetMinMax(0, &range.min, &range.max);
+  WidenBits(frame, range, dstBits);
 }
 
 int CImgBayerToRgb::GetGain(int nCFA, double* pGain) {
@@ -229,11 +146,8 @@ bool CImgBayerToRgb::CanHalide(const CImage& frame, const CImage& image, int nCF
   return MayRunPipelines(frame, image) && nCFA < 5;
 }
 
-void CImgBayerToRgb::ToneCurveCorrect(CImage& frame, const tagBayerStruct& bayer, const Range& range) {
-  std::vector<Knee> knees;
-  for (int i = 0; i < 4; ++i) {
-    knees.emplace_back(bayer.pGain[i], range.max - range.min);
-  }
+void CImgBayerToRgb::ToneCurveCorrect(CImage& frame, const tagBayerStruct& bayer, const RawRange& range) {
+  const ToneCorrection tone(bayer, 4, range);
   if (MayRunPipelines(frame)) {
     // By levelcut and knee.
     static constexpr std::array kPlain = {tone_curve_correct_float, tone_curve_correct_maker_float,
@@ -243,7 +157,7 @@ void CImgBayerToRgb::ToneCurveCorrect(CImage& frame, const tagBayerStruct& bayer
         tone_curve_correct_curve_power_float, tone_curve_correct_curve_power_maker_float,
         tone_curve_correct_curve_power_levelcut_float, tone_curve_correct_curve_power_levelcut_maker_float};
     const int form = (bayer.bLevelCut ? 2 : 0) + (bayer.bKnee ? 1 : 0);
-    const auto four = [&](double Knee::*number, int i) { return static_cast<float>(knees[i].*number); };
+    const auto four = [&](double Knee::*number, int i) { return static_cast<float>(tone.knees[i].*number); };
     const auto run = [&](auto* pipeline, auto... exponent) {
       pipeline(PlaneBuffer(frame, 0), static_cast<float>(range.min), static_cast<float>(range.max),
                four(&Knee::gain, 0), four(&Knee::gain, 1), four(&Knee::gain, 2), four(&Knee::gain, 3),
@@ -259,28 +173,15 @@ void CImgBayerToRgb::ToneCurveCorrect(CImage& frame, const tagBayerStruct& bayer
     }
     return;
   }
-  const auto [black, white] = range;
-  const auto correct = [&, black = black, white = white](double v, const Knee& knee) -> double {
-    if (!bayer.bKnee) return bayer.bLevelCut ? Limited(v * knee.gain, black, white) : v * knee.gain;
-    if (bayer.bLevelCut) return v < black ? black : v > white ? white : knee(v, black);
-    return v > black && v < white ? knee(v, black) : v;
-  };
-  const auto curve = [black = black, white = white, p = bayer.dCurvePower](double v) {
-    if (!(v > black && v < white && v >= 0)) return v;  // below 0 there is no such power
-    return white * std::pow(1 - std::pow((white - v) / white, p), 1 / p);
-  };
   ForLines(Team::All, 0, frame.GetHeight(), [&](int y) {
-    const float* in = ReadLine(frame, y, 0);
-    float* out = Line(frame, y, 1);
-    for (int x = 0; x < frame.GetWidth(); ++x) {
-      const auto corrected = static_cast<float>(correct(in[x], knees[2 * (y & 1) + (x & 1)]));
-      out[x] = bayer.bCurvePower ? static_cast<float>(curve(corrected)) : corrected;
-    }
+    const int left = 2 * (y & 1), right = left + 1;
+    tone.Line(ReadFrameLine(frame, y, 0), FrameLine(frame, y, 1), frame.GetWidth(),
+              {left, right, left, right});
   });
 }
 
 void CImgBayerToRgb::DevelopByPipelines(CImage& frame, int plane, const tagBayerStruct& bayer,
-                                        const Range& range) {
+                                        const RawRange& range) {
   // By the number of the colour filter array.
   static constexpr std::array kColour = {bayer_to_rgb_RGGB_float, bayer_to_rgb_GRBG_float,
                                          bayer_to_rgb_BGGR_float, bayer_to_rgb_GBRG_float};
@@ -308,7 +209,7 @@ void CImgBayerToRgb::DevelopByPipelines(CImage& frame, int plane, const tagBayer
 }
 
 void CImgBayerToRgb::DevelopByLines(CImage& frame, int plane, const tagBayerStruct& bayer,
-                                    const Range& range) {
+                                    const RawRange& range) {
   const int height = frame.GetHeight();
   ShowProgress(height / 100);
   const int first = std::max(3, bayer.nTrimTop / 2 * 2 + 1);
@@ -332,7 +233,7 @@ void CImgBayerToRgb::DevelopByLines(CImage& frame, int plane, const tagBayerStru
 
 void CImgBayerToRgb::CopyOrgToDisp(CImage& frame, int plane, int y, Strip& strip) {
   for (int line = strip.FirstNew(0); line < Strip::kLines; ++line) {
-    std::copy_n(ReadLine(frame, y - 3 + line, plane), strip.width, strip.Line(Strip::kRaw, line));
+    std::copy_n(ReadFrameLine(frame, y - 3 + line, plane), strip.width, strip.Line(Strip::kRaw, line));
   }
 }
 
@@ -397,7 +298,7 @@ void CImgBayerToRgb::MakeRGBImage(int nCFA, Strip& strip) {
   }
 }
 
-void CImgBayerToRgb::SynthImage(const tagBayerStruct& bayer, const Range& range, int y, Strip& strip) {
+void CImgBayerToRgb::SynthImage(const tagBayerStruct& bayer, const RawRange& range, int y, Strip& strip) {
   const auto low = static_cast<float>(range.min), high = static_cast<float>(range.max);
   const int border = bayer.bMono ? 0 : 1;
   const int left = std::max(bayer.nTrimLeft, border),
@@ -432,31 +333,7 @@ void CImgBayerToRgb::SynthImage(const tagBayerStruct& bayer, const Range& range,
 }
 
 void CImgBayerToRgb::GammaCorrect(int dstBits, double gamma) {
-  const Window whole(*this, nullptr);
-  const double exponent = 1 / gamma;
-  for (int p = 0; p < GetPlanes(); ++p) {
-    const double min = dstBits == Float ? GetLevelMin(p) : 0;
-    const double range = (dstBits == Float ? GetLevelMax(p) : WhiteOf(dstBits)) - min;
-    if (!(range > 0)) continue;
-    if (IsContiguous(*this)) {
-      gamma_correct_float(static_cast<float>(min), static_cast<float>(range), static_cast<float>(exponent),
-                          PlaneBuffer(*this, p, false));
-      continue;
-    }
-    ForLines(Team::All, 0, GetHeight(), [&](int y) {
-      float* line = GetWritableLine(0, y, p);
-      const int width = GetWidth();
-      RunInLongVectors([&]() KORIMG_IN_LOOP {
-#pragma omp simd
-        for (int x = 0; x < width; ++x) {
-          const double share = (line[x] - min) / range;
-          const auto corrected = static_cast<float>(PositivePower(share, exponent) * range + min);
-          line[x] = share > 0 && share < kInfinity ? corrected : line[x];
-        }
-      });
-      ShowProgress(1);
-    });
-  }
+  CorrectGamma(*this, dstBits, gamma);
 }
 
 int CImgBayerToRgb::DoRoundUp(const tagBayerStruct& bayer, int nProgress) {
@@ -465,15 +342,11 @@ int CImgBayerToRgb::DoRoundUp(const tagBayerStruct& bayer, int nProgress) {
   CImage mosaic;
   if (!mosaic.CopyImage(*this, nullptr)) return 0;
   const ProgressScope progress(*this, nProgress, 6178, height);
-  if (!ChangeSize(width, height, nullptr) || !ChangePlanes(3, nullptr)) return 0;
-  for (int p = 1; p < 3; ++p) {
-    SetLevel(p, GetLevelMin(0), GetLevelMax(0));
-  }
-  SetOrgPlanes(3);
+  if (!ChangeSize(width, height, nullptr) || !MakeColour(*this)) return 0;
   const RedSite red(bayer.nCFA);
   const int upperGreen = 1 - red.ColouredColumns(0);
   ForLines(Team::All, 0, height, [&](int y) {
-    const float* rows[] = {ReadLine(mosaic, 2 * y, 0), ReadLine(mosaic, 2 * y + 1, 0)};
+    const float* rows[] = {ReadFrameLine(mosaic, 2 * y, 0), ReadFrameLine(mosaic, 2 * y + 1, 0)};
     float* out[] = {GetWritableLine(0, y, kRed), GetWritableLine(0, y, kGreen), GetWritableLine(0, y, kBlue)};
     for (int x = 0; x < width; ++x) {
       const float upper = rows[0][2 * x + upperGreen], lower = rows[1][2 * x + 1 - upperGreen];

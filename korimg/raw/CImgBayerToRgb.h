@@ -2,6 +2,10 @@
 
 #include "korimg/image/CVelImage.h"
 
+namespace korimg {
+struct RawRange;
+}
+
 /// How a Bayer frame is developed.
 struct tagBayerStruct {
   int nCFA = 0;      ///< 1 RGGB, 2 GRBG, 3 BGGR, 4 GBRG: the 2 x 2 cell from the frame's top left, by rows
@@ -55,9 +59,6 @@ class KORIMG_API CImgBayerToRgb : public CVelImage {
   static bool CanHalide(const CImage& frame, const CImage& image, int nCFA);
 
  protected:
-  struct Range {
-    double min, max;
-  };
   struct Strip;
 
   static int GetGain(int nCFA, double* pGain, CImage& image);
@@ -65,7 +66,7 @@ class KORIMG_API CImgBayerToRgb : public CVelImage {
   void CopySrcToBayer(CImage& frame);
   static void ChangeBitImage(CImage& frame, int srcBits, int dstBits, bool autoRange);
   /// Corrects plane 0 of the frame into plane 1.
-  static void ToneCurveCorrect(CImage& frame, const tagBayerStruct& bayer, const Range& range);
+  static void ToneCurveCorrect(CImage& frame, const tagBayerStruct& bayer, const korimg::RawRange& range);
   void GammaCorrect(int dstBits, double gamma);
   int DoRoundUp(const tagBayerStruct& bayer, int nProgress);
 
@@ -73,9 +74,10 @@ class KORIMG_API CImgBayerToRgb : public CVelImage {
   static void CopyOrgToDisp(CImage& frame, int plane, int y, Strip& strip);
   static void MakeYImage(int nCFA, Strip& strip);
   static void MakeRGBImage(int nCFA, Strip& strip);
-  void SynthImage(const tagBayerStruct& bayer, const Range& range, int y, Strip& strip);
+  void SynthImage(const tagBayerStruct& bayer, const korimg::RawRange& range, int y, Strip& strip);
 
  private:
-  void DevelopByPipelines(CImage& frame, int plane, const tagBayerStruct& bayer, const Range& range);
-  void DevelopByLines(CImage& frame, int plane, const tagBayerStruct& bayer, const Range& range);
+  void DevelopByPipelines(CImage& frame, int plane, const tagBayerStruct& bayer,
+                          const korimg::RawRange& range);
+  void DevelopByLines(CImage& frame, int plane, const tagBayerStruct& bayer, const korimg::RawRange& range);
 };

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "korimg/platform/StringTable.h"
+#include "korimg/raw/internal/CameraText.h"
 
 using namespace korimg;
 
@@ -243,19 +244,6 @@ const wchar_t* LabelOf(CImgInformation::RAWTYPE type) {
     default:
       return L"";
   }
-}
-
-/// ASCII only: names of cameras are, and the user's language must not matter.
-std::wstring LowerCase(const CString& text) {
-  std::wstring lower = static_cast<const wchar_t*>(text);
-  for (wchar_t& c : lower) {
-    if (c >= L'A' && c <= L'Z') c += L'a' - L'A';
-  }
-  return lower;
-}
-
-bool Contains(const std::wstring& text, std::wstring_view part) {
-  return text.find(part) != std::wstring::npos;
 }
 
 bool Hits(std::wstring_view models, const std::wstring& model) {

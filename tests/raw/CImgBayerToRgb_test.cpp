@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "korimg/pipelines/runtime/Runtime.h"
+#include "korimg/raw/internal/RawFrame.h"
 
 #include "tests/support/Images.h"
 
@@ -13,7 +14,6 @@ namespace {
 
 /// Opens the steps that are tested by themselves.
 struct Bayer : CImgBayerToRgb {
-  using CImgBayerToRgb::Range;
   using CImgBayerToRgb::ToneCurveCorrect;
 };
 
