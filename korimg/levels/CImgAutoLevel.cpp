@@ -8,6 +8,7 @@
 #include "korimg/image/internal/Frame.h"
 #include "korimg/image/internal/Numbers.h"
 #include "korimg/levels/internal/Brightness.h"
+#include "korimg/raw/internal/HoneycombLattice.h"
 
 using namespace korimg;
 
@@ -304,6 +305,16 @@ double MedianOfMeans(std::vector<double> sums, int step) {
   return UpperMiddle(sums) / (static_cast<double>(step) * step);
 }
 
+/// The same of the pixels at one place of square cells, by blocks of step x step cells. 0 without any.
+double MedianOfPlace(CVelImage& image, const Window& cells, int side, int right, int below, int step) {
+  if (image.IsEmpty() || cells.IsEmpty()) return 0;
+  const auto place = [&](int, int y) {
+    return
+        [line = image.GetLine(right, side * y + below, 0), side](int i) -> double { return line[side * i]; };
+  };
+  return MedianOfMeans(BlockSums(0, 0, cells.Width() / step, cells.Height() / step, step, place), step);
+}
+
 /// Sums of the whole blocks of a window.
 template <class Values>
 std::vector<double> BlockSums(const Window& window, int step, Values&& values) {
@@ -505,17 +516,21 @@ void CImgAutoLevel::GetMedian(float* result, int sample, int brightness, int pla
 
 void CImgAutoLevel::GetMedianBayer(float* result, int sample) {
   const Window cells(0, 0, GetWidth() / 2, GetHeight() / 2);
-  for (int position = 0; position < 4; ++position) {
-    result[position] = 0;
-    if (IsEmpty() || cells.IsEmpty()) continue;
-    const long long pixels = 1LL * GetWidth() * GetHeight() / 4;
-    const int step = sample ? BlockSide(pixels, cells.Width(), cells.Height()) : 1;
-    const std::vector<double> sums =
-        BlockSums(0, 0, cells.Width() / step, cells.Height() / step, step,
-                  [this, right = position % 2, below = position / 2](int, int y) {
-                    return [line = GetLine(right, 2 * y + below, 0)](int i) -> double { return line[2 * i]; };
-                  });
-    result[position] = static_cast<float>(MedianOfMeans(sums, step));
+  const long long pixels = 1LL * GetWidth() * GetHeight() / 4;
+  const int step = sample ? BlockSide(pixels, cells.Width(), cells.Height()) : 1;
+  for (int i = 0; i < 4; ++i) {
+    result[i] = static_cast<float>(MedianOfPlace(*this, cells, 2, i % 2, i / 2, step));
+  }
+}
+
+void CImgAutoLevel::GetMedianHoneyComb(double* result, int sample) {
+  using Lattice = HoneycombLattice;
+  const Window cells(0, 0, GetWidth() / Lattice::kPeriod, GetHeight() / Lattice::kPeriod);
+  const auto side =
+      static_cast<int>(std::sqrt(static_cast<double>(cells.Pixels()) * Lattice::kPositions / kSamples));
+  const int step = sample ? std::clamp(side, 1, std::max(std::min(cells.Width(), cells.Height()), 1)) : 1;
+  for (int i = 0; i < Lattice::kPositions; ++i) {
+    result[i] = MedianOfPlace(*this, cells, Lattice::kPeriod, Lattice::ColumnOf(i), Lattice::RowOf(i), step);
   }
 }
 

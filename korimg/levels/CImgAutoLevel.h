@@ -37,6 +37,9 @@ class KORIMG_API CImgAutoLevel : public CVelImage {
   /// The same for each position of plane 0's 2 x 2 mosaic cells: even row even column, even row odd column,
   /// odd row even column, odd row odd column. Whole cells only.
   void GetMedianBayer(float* result, int sample);
+  /// The same for each of the eight sites of plane 0's 4 x 4 honeycomb cells, by rows: columns 0 and 2 of
+  /// even rows, 1 and 3 of odd ones. 50000 samples serve all eight.
+  void GetMedianHoneyComb(double* result, int sample);
   /// The fullest bin of the histogram, 256 bins for images from 8-bit channels and 5000 for others, with the
   /// feet of its peak, all raw. `lower` lies six times the spread below it, the spread taken from 0 to the
   /// peak; `upper` is where the histogram stays low for more than ten bins. Both may be null.

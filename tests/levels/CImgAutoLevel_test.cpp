@@ -156,6 +156,35 @@ TEST(GetMedianBayer, MeasuresEachPositionOfWholeCells) {
   });
 }
 
+TEST(GetMedianHoneyComb, MeasuresEachSiteOfWholeCells) {
+  OnEveryStore([](const StoreCase& store) {
+    // 30 x 20 cells take no blocks; of 251 x 151, 6250 blocks of 2 x 2 cells are wanted for each site.
+    for (const auto& [width, height, sample, step] :
+         {std::tuple(123, 81, 1, 1), std::tuple(1007, 606, 1, 2), std::tuple(1007, 606, 0, 1)}) {
+      const auto image = Make<CImgAutoLevel>(store.make(), width, height, 1, [](int, int x, int y) {
+        return 1000 * (4 * (y % 4) + x % 4) + std::floor(Noise(x * 7919 + y) * 500);
+      });
+      const int across = width / 4 / step, down = height / 4 / step;
+      double medians[8] = {-1, -1, -1, -1, -1, -1, -1, -1};
+      image->GetMedianHoneyComb(medians, sample);
+      constexpr int kColumns[] = {0, 2, 1, 3, 0, 2, 1, 3};
+      for (int i = 0; i < 8; ++i) {
+        std::vector<double> blocks(across * down);
+        for (int y = 0; y < down * step; ++y) {
+          for (int x = 0; x < across * step; ++x) {
+            blocks[y / step * across + x / step] +=
+                image->GetPixelGrayRaw(4 * x + kColumns[i], 4 * y + i / 2, 0) / (step * step);
+          }
+        }
+        EXPECT_EQ(medians[i], UpperMedian(blocks)) << store.name << width << " " << i;
+      }
+    }
+    double none[8] = {9, 9, 9, 9, 9, 9, 9, 9};
+    Make<CImgAutoLevel>(store.make(), 3, 40, 1, [](int, int, int) { return 5; })->GetMedianHoneyComb(none, 1);
+    EXPECT_EQ(none[0] + none[7], 0);
+  });
+}
+
 TEST(LevelRanges, CountAndSpreadOfThePixelsBetween) {
   OnEveryStore([](const StoreCase& store) {
     const auto image = Make<CImgAutoLevel>(store.make(), 71, 133, 3, Wild(0, 1000));
