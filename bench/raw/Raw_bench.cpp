@@ -1,4 +1,5 @@
-// Development of a Bayer frame beside OpenCV's edge-aware one, which works on 16-bit numbers, by threads.
+// Development of a Bayer frame beside OpenCV's edge-aware one, which works on 16-bit numbers, and of a
+// honeycomb beside Bayer's path by lines, by threads.
 #include <cmath>
 #include <memory>
 #include <string>
@@ -10,6 +11,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "korimg/raw/CImgBayerToRgb.h"
+#include "korimg/raw/CImgHoneyCombToRgb.h"
 
 #include "bench/Measure.h"
 
@@ -84,38 +86,66 @@ void EdgeAwareOpenCv(benchmark::State& state) {
   Measure(state, [&p = ThePlanes()] { cv::cvtColor(p.mosaic, p.colours, cv::COLOR_BayerRG2BGR_EA); });
 }
 
-/// From 14-bit numbers to a frame for display, in place: bits, gains with knee, colour and gamma. The copy
-/// that it starts from is not counted.
-void Develop(benchmark::State& state, const std::shared_ptr<CVmManager>& store) {
+/// A frame of numbers up to a white, developed in place. The copy that it starts from is not counted.
+template <class Image, class Parameters>
+void Develop(benchmark::State& state, const std::shared_ptr<CVmManager>& store, const Parameters& parameters,
+             float white) {
   SetThreads(state);
   CVelImage source(store, CImage::Float, kWidth, kHeight, 1, 1.0, 0.0, 1, nullptr);
   for (int y = 0; y < kHeight; ++y) {
     float* line = source.GetWritableLine(0, y, 0);
     for (int x = 0; x < kWidth; ++x) {
-      line[x] = std::floor(ThePlanes().raw[1LL * y * kWidth + x] / 4);
+      line[x] = std::floor(ThePlanes().raw[1LL * y * kWidth + x] / 65536 * (white + 1));
     }
   }
-  double gains[4] = {2, 1, 1, 1.5};
-  tagBayerStruct bayer;
-  bayer.nCFA = 1;
-  bayer.nSrcBits = 14, bayer.nDstBits = 16;
-  bayer.bToneCurve = bayer.bKnee = bayer.bLevelCut = bayer.bGamma = 1;
-  bayer.dGamma = 2.2;
-  bayer.pGain = gains;
-  CImgBayerToRgb image;
+  Image image;
   for ([[maybe_unused]] auto _ : state) {
     state.PauseTiming();
     image.CopyImage(source, nullptr, nullptr);
     state.ResumeTiming();
-    if (image.Do(bayer, 0) != 1) state.SkipWithError("refused");
+    if (image.Do(parameters, 0) != 1) state.SkipWithError("refused");
   }
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
+
+/// To a frame for display: bits, gains with knee, colour and gamma.
+template <class Parameters>
+Parameters ForDisplay(Parameters parameters, int bits) {
+  static double gains[8] = {2, 1, 1, 1.5, 2, 1, 1, 1.5};
+  parameters.nSrcBits = bits, parameters.nDstBits = 16;
+  parameters.bToneCurve = parameters.bKnee = parameters.bLevelCut = parameters.bGamma = 1;
+  parameters.dGamma = 2.2;
+  parameters.pGain = gains;
+  return parameters;
+}
+tagBayerStruct Bayer() {
+  tagBayerStruct bayer;
+  bayer.nCFA = 1;
+  bayer.nSrcBits = bayer.nDstBits = -32;
+  return bayer;
+}
+tagHoneyCombStruct HoneyComb() {
+  tagHoneyCombStruct honeyComb;
+  honeyComb.nCFA = 11;
+  honeyComb.nKind = 1;
+  honeyComb.nSrcBits = honeyComb.nDstBits = -32;
+  return honeyComb;
+}
 void DevelopContiguous(benchmark::State& state) {
-  Develop(state, korimg::CreateContiguousManager());
+  Develop<CImgBayerToRgb>(state, korimg::CreateContiguousManager(), ForDisplay(Bayer(), 14), 16383);
 }
 void DevelopPaged(benchmark::State& state) {
-  Develop(state, korimg::CreatePagedManager());
+  Develop<CImgBayerToRgb>(state, korimg::CreatePagedManager(), ForDisplay(Bayer(), 14), 16383);
+}
+void DevelopHoneyComb(benchmark::State& state) {
+  Develop<CImgHoneyCombToRgb>(state, korimg::CreateContiguousManager(), ForDisplay(HoneyComb(), 12), 4095);
+}
+// By lines both, and nothing but the interpolation.
+void BayerByLines(benchmark::State& state) {
+  Develop<CImgBayerToRgb>(state, korimg::CreatePagedManager(), Bayer(), 65535);
+}
+void HoneyCombByLines(benchmark::State& state) {
+  Develop<CImgHoneyCombToRgb>(state, korimg::CreatePagedManager(), HoneyComb(), 65535);
 }
 
 /// One number of threads after the other: the pipelines' pool does not shrink.
@@ -133,6 +163,9 @@ void Register(int threads) {
   add("BayerToGray", Gray);
   add("Develop", DevelopContiguous);
   add("Develop_Paged", DevelopPaged);
+  add("Develop_HoneyComb", DevelopHoneyComb);
+  add("BayerToRgb_Lines", BayerByLines);
+  add("HoneyCombToRgb_Lines", HoneyCombByLines);
 }
 
 }  // namespace

@@ -47,6 +47,7 @@
 #include "korimg/levels/CImgWindowing.h"
 #include "korimg/platform/StringTable.h"
 #include "korimg/raw/CImgBayerToRgb.h"
+#include "korimg/raw/CImgHoneyCombToRgb.h"
 #include "korimg/restoration/CImgLucy.h"
 #include "korimg/restoration/CImgMem.h"
 #include "korimg/restoration/CImgRUsm.h"
@@ -403,6 +404,14 @@ const std::vector<Operation>& Operations() {
          bayer.nCFA = 1;
          bayer.nSrcBits = bayer.nDstBits = -32;
          s.Target<CImgBayerToRgb>(1).Do(bayer, 1);
+       }},
+      {"development of a honeycomb", 6178, -1, Steps,
+       [](Stage& s) {
+         tagHoneyCombStruct honeyComb;
+         honeyComb.nCFA = 12;
+         honeyComb.nKind = 2;
+         honeyComb.nSrcBits = honeyComb.nDstBits = -32;
+         s.Target<CImgHoneyCombToRgb>(1).Do(honeyComb, 1);
        }},
       {"spectrum", 6104, -1, Steps, [](Stage& s) { s.Target<CImgWiener>().Do(2, 0.1, nullptr, 1); }},
       {"Richardson-Lucy", 6154, -1, Steps,
