@@ -5,6 +5,8 @@
 namespace korimg::tool {
 
 void AddMosaicOptions(CLI::App& verb, DevelopOptions& options) {
+  std::vector<std::string> patterns = files::CfaNames();
+  patterns.insert(patterns.begin(), "auto");
   const auto add = [&verb](const char* name, std::string& told, const char* help) {
     return verb
         .add_option_function<std::string>(
@@ -12,13 +14,14 @@ void AddMosaicOptions(CLI::App& verb, DevelopOptions& options) {
         ->default_str("auto");
   };
   add("--cfa", options.mosaic.cfa, "pattern of the mosaic, from the upper left corner of the upright picture")
-      ->check(CLI::IsMember({"auto", "RGGB", "GRBG", "BGGR", "GBRG"}, CLI::ignore_case));
+      ->check(CLI::IsMember(patterns, CLI::ignore_case));
   add("--row-order", options.mosaic.rowOrder,
       "of a mosaic: whether the first stored row is the upper or the lower one")
       ->check(CLI::IsMember({"auto", "top-down", "bottom-up"}, CLI::ignore_case));
-  verb.add_option("--white-balance", options.whiteBalance,
-                  "auto (the camera's, else by medians), camera, none, or gains of the cells row by row: "
-                  "1.9,1,1,1.5");
+  verb.add_option(
+      "--white-balance", options.whiteBalance,
+      "auto (the camera's, else by medians), camera, none, or gains of the cells row by row, of a "
+      "honeycomb red, green, green and blue: 1.9,1,1,1.5");
 }
 
 void AddDevelop(CLI::App& app, Tool& tool) {

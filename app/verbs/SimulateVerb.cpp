@@ -5,6 +5,7 @@
 
 #include "app/tool/Tool.h"
 #include "app/verbs/Verbs.h"
+#include "session/files/Mosaic.h"
 #include "session/job/Json.h"
 #include "session/simulate/Simulate.h"
 
@@ -24,7 +25,7 @@ void AddSimulate(CLI::App& app, Tool& tool) {
       ->check(CLI::Range(1, 9999));
   verb->add_option("--size", options->size, "WIDTHxHEIGHT in pixels, at least 64x64");
   verb->add_option("--bayer", options->simulate.bayer, "a colour sensor of this pattern")
-      ->check(CLI::IsMember({"RGGB", "GRBG", "BGGR", "GBRG"}));
+      ->check(CLI::IsMember(files::CfaNames()));
   verb->add_option("--filters", options->simulate.filters,
                    "a wheel with these before a mono sensor: L,R,G,B,Ha,OIII,SII or some of them")
       ->delimiter(',');

@@ -11,6 +11,7 @@
 #include "korimg/image/internal/Lines.h"
 #include "korimg/image/internal/Numbers.h"
 #include "korimg/pipelines/runtime/Runtime.h"
+#include "korimg/raw/internal/HoneycombLattice.h"
 
 #include "session/files/Mosaic.h"
 #include "session/picture/Image.h"
@@ -252,39 +253,49 @@ double ShareWhere(CVelImage& image, Condition&& holds) {
   return static_cast<double>(count) / image.GetPlanes() / image.GetWidth() / image.GetHeight();
 }
 
-/// Brings the four colours of a mosaic to the mean of all, so that dividing by the flat leaves an image's
-/// colours alone. Pixels that are no finite numbers are passed over.
-void EqualiseCells(CVelImage& image) {
+/// Brings the places of a mosaic's cells to the mean of all, so that dividing by the flat leaves an image's
+/// colours alone. Pixels that are no finite numbers are passed over. Between the sites of a honeycomb there
+/// is no light: what lies there becomes the mean.
+void EqualiseCells(CVelImage& image, int cfa) {
+  const bool honeycomb = files::IsHoneycomb(cfa);
+  const int side = honeycomb ? HoneycombLattice::kPeriod : 2;
   struct Line {
-    double sums[2] = {};
-    int counts[2] = {};
+    double sums[HoneycombLattice::kPeriod] = {};
+    int counts[HoneycombLattice::kPeriod] = {};
   };
   const std::vector<Line> lines = MapLines(0, image.GetHeight(), [&](int y) {
     const float* row = image.GetLine(0, y, 0);
     Line line;
     for (int x = 0; x < image.GetWidth(); ++x) {
       if (!std::isfinite(row[x])) continue;
-      line.sums[x % 2] += row[x];
-      ++line.counts[x % 2];
+      line.sums[x % side] += row[x];
+      ++line.counts[x % side];
     }
     return line;
   });
-  double sums[4] = {}, counts[4] = {}, mean = 0;
+  double sums[4][4] = {}, counts[4][4] = {}, factors[4][4] = {}, mean = 0;
   for (size_t y = 0; y < lines.size(); ++y) {
-    for (int x = 0; x < 2; ++x) {
-      sums[y % 2 * 2 + x] += lines[y].sums[x];
-      counts[y % 2 * 2 + x] += lines[y].counts[x];
+    for (int x = 0; x < side; ++x) {
+      sums[y % side][x] += lines[y].sums[x];
+      counts[y % side][x] += lines[y].counts[x];
     }
   }
-  for (int i = 0; i < 4; ++i) {
-    if (!(sums[i] > 0)) return;
-    mean += sums[i] / counts[i] / 4;
+  const auto isSite = [&](int x, int y) { return !honeycomb || HoneycombLattice().IsSite(x, y); };
+  const int sites = honeycomb ? HoneycombLattice::kPositions : 4;
+  for (int i = 0; i < side * side; ++i) {
+    const int x = i % side, y = i / side;
+    if (!isSite(x, y)) continue;
+    if (!(sums[y][x] > 0)) return;
+    mean += sums[y][x] / counts[y][x] / sites;
+  }
+  for (int i = 0; i < side * side; ++i) {
+    factors[i / side][i % side] = mean * counts[i / side][i % side] / sums[i / side][i % side];
   }
   ForLines(Team::All, 0, image.GetHeight(), [&](int y) {
     float* row = image.GetWritableLine(0, y, 0);
     for (int x = 0; x < image.GetWidth(); ++x) {
-      const int cell = y % 2 * 2 + x % 2;
-      row[x] *= static_cast<float>(mean * counts[cell] / sums[cell]);
+      row[x] =
+          isSite(x, y) ? row[x] * static_cast<float>(factors[y % side][x % side]) : static_cast<float>(mean);
     }
   });
 }
@@ -366,7 +377,7 @@ std::string Master::Text() const {
 }
 
 Master MakeMaster(Job& job, const std::shared_ptr<CVmManager>& store, const Group& group,
-                  const Master* offset, bool mosaic) {
+                  const Master* offset, int cfa) {
   Master master;
   master.group = &group;
   if (group.frames.size() == 1) {
@@ -393,8 +404,9 @@ Master MakeMaster(Job& job, const std::shared_ptr<CVmManager>& store, const Grou
     }
   }
   const files::ImageInfo& first = group.frames.front().info;
-  if (group.kind == FrameKind::Flat && first.planes == 1 && (mosaic || files::FindMosaic(first).cfa > 0)) {
-    EqualiseCells(*master.image);
+  if (const int own = files::FindMosaic(first).cfa; own > 0) cfa = own;
+  if (group.kind == FrameKind::Flat && first.planes == 1 && cfa > 0) {
+    EqualiseCells(*master.image, cfa);
     master.equalised = true;
   }
   master.measures = Measures(*master.image);

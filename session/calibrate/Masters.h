@@ -40,9 +40,9 @@ double ShareBelow(CVelImage& image, float value);
 
 /// Makes the master of a group in bounded memory: a single frame as it is, else the median of all. Flats have
 /// `offset`, which may be null, taken off and are brought to one mean before; the colours of a mosaic, which
-/// they name or are told to be, are brought to one mean after.
+/// they name or are told by its CFA number, are brought to one mean after.
 KORIMG_SESSION_API Master MakeMaster(Job& job, const std::shared_ptr<CVmManager>& store, const Group& group,
-                                     const Master* offset, bool mosaic = false);
+                                     const Master* offset, int cfa = 0);
 
 /// Writes a master with the first frame's header and its history.
 void SaveMaster(Job& job, Master& master, const std::filesystem::path& path);

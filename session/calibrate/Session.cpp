@@ -249,12 +249,13 @@ void Session::MakeMasters() {
     const auto offset = offsetsOfFlats_.find(group);
     const Master* off = offset == offsetsOfFlats_.end() ? nullptr : &masters_.at(offset->second);
     // The lights' pattern is that of flats which name none.
-    const bool mosaic = std::any_of(lights_.begin(), lights_.end(), [group](const Light& light) {
+    const auto mosaic = std::find_if(lights_.begin(), lights_.end(), [group](const Light& light) {
       return light.flat == group && light.mosaic.cfa > 0;
     });
+    const int cfa = mosaic == lights_.end() ? 0 : mosaic->mosaic.cfa;
     const bool overturned = off && files::LiesOverturned(HeaderOf(*group), HeaderOf(*off->group));
     if (overturned) TurnOver(*off->image);
-    const Master& master = masters_.emplace(group, MakeOrLoad(*group, off, mosaic)).first->second;
+    const Master& master = masters_.emplace(group, MakeOrLoad(*group, off, cfa)).first->second;
     if (overturned) TurnOver(*off->image);
     if (off && off->measures.max <= kUnitMost && master.measures.mean > kCountsLeast) {
       throw files::FileError(
@@ -276,8 +277,8 @@ void Session::MakeMasters() {
 }
 
 /// What a master is made of: of the same, it is the same.
-std::string Session::DigestOf(const Group& group, const Master* offset, bool mosaic) const {
-  Json made{{"made", 1}, {"kind", NameOf(group.kind)}, {"mosaic", mosaic}, {"scale", group.scale}};
+std::string Session::DigestOf(const Group& group, const Master* offset, int cfa) const {
+  Json made{{"made", 1}, {"kind", NameOf(group.kind)}, {"mosaic", cfa}, {"scale", group.scale}};
   for (const Frame& frame : group.frames) {
     made["inputs"].push_back({fs::absolute(frame.path).string(), files::StampOf(frame.path)});
   }
@@ -288,8 +289,8 @@ std::string Session::DigestOf(const Group& group, const Master* offset, bool mos
 }
 
 /// A master that is there, if it was made of the same frames; else it is made.
-Master Session::MakeOrLoad(const Group& group, const Master* offset, bool mosaic) {
-  const std::string digest = digests_[&group] = DigestOf(group, offset, mosaic);
+Master Session::MakeOrLoad(const Group& group, const Master* offset, int cfa) {
+  const std::string digest = digests_[&group] = DigestOf(group, offset, cfa);
   for (const auto& entry : kept_.value("masters", Json::array())) {
     const fs::path file = options_.masters / entry.value("file", "");
     if (entry.value("digest", "") != digest || !fs::is_regular_file(file)) continue;
@@ -304,7 +305,7 @@ Master Session::MakeOrLoad(const Group& group, const Master* offset, bool mosaic
     master.isKept = true;
     return master;
   }
-  return group.scaledFrom ? MakeScaled(group) : MakeMaster(job_, store_, group, offset, mosaic);
+  return group.scaledFrom ? MakeScaled(group) : MakeMaster(job_, store_, group, offset, cfa);
 }
 
 /// The bias, and the rest of a dark by the ratio of exposures.
@@ -598,7 +599,8 @@ Light Session::PlanLight(Frame frame) {
   if (!light.mosaic.name.empty() && light.mosaic.cfa == 0) {
     throw files::FileError(
         path,
-        fmt::format("a mosaic of the pattern {} cannot be developed; use --keep-mosaic", light.mosaic.name));
+        fmt::format("a mosaic of the pattern {} cannot be developed{}; use --keep-mosaic", light.mosaic.name,
+                    files::CfaNumber(light.mosaic.name) > 0 ? " (" + light.mosaic.reason + ")" : ""));
   }
   return light;
 }

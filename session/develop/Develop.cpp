@@ -14,7 +14,9 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/platform/CParallel.h"
 #include "korimg/raw/CImgBayerToRgb.h"
+#include "korimg/raw/CImgHoneyCombToRgb.h"
 #include "korimg/raw/CImgInformation.h"
+#include "korimg/raw/internal/HoneycombLattice.h"
 
 #include "session/files/Geometry.h"
 #include "session/picture/AutoPicture.h"
@@ -22,8 +24,6 @@
 
 namespace korimg::session {
 namespace {
-
-constexpr int kSmallest = 6;  // pixels of a side that can be developed
 
 /// Four positive numbers, or none.
 std::optional<std::array<double, 4>> ParseGains(const std::string& text) {
@@ -38,20 +38,26 @@ std::optional<std::array<double, 4>> ParseGains(const std::string& text) {
   return at == end ? std::optional(gains) : std::nullopt;
 }
 
-/// Where red and blue lie in the cell of a mosaic.
-struct Sites {
-  int red, blue;
-  explicit Sites(int cfa) : red(std::array{0, 1, 3, 2}[cfa - 1]), blue(3 - red) {}
-};
-
 /// Gains by plane from those by cell; both greens become one.
 std::array<double, 3> ByPlane(const std::array<double, 4>& cells, int cfa) {
-  const Sites sites(cfa);
+  const auto [x, y] = files::FindRed(cfa);
+  const int red = 2 * y + x, blue = 3 - red;
   double green = 0;
   for (int i = 0; i < 4; ++i) {
-    if (i != sites.red && i != sites.blue) green += 0.5 * cells[i];
+    if (i != red && i != blue) green += 0.5 * cells[i];
   }
-  return {cells[sites.red], green, cells[sites.blue]};
+  return {cells[red], green, cells[blue]};
+}
+
+/// Gains by position in the honeycomb's cell from those of red, green, green and blue.
+std::array<double, HoneycombLattice::kPositions> ByPosition(const std::array<double, 4>& gains, int cfa) {
+  const std::array<double, 3> planes = ByPlane(gains, files::CfaNumber("RGGB"));
+  const HoneycombLattice lattice = *HoneycombLattice::Of(cfa);
+  std::array<double, HoneycombLattice::kPositions> positions;
+  for (int i = 0; i < HoneycombLattice::kPositions; ++i) {
+    positions[i] = planes[lattice.ColourAt(HoneycombLattice::ColumnOf(i), HoneycombLattice::RowOf(i))];
+  }
+  return positions;
 }
 
 /// Multiplies each plane of an image whose black is 0.
@@ -65,13 +71,34 @@ void ScalePlanes(CVelImage& image, const double* gains) {
   loan.borrower.Do(brightness, contrast, 0, &loan.borrower, nullptr, 0);
 }
 
+/// Gains that bring red and blue to green by the medians of the sites, with the same trust in them.
+std::array<double, 4> HoneycombGains(CVelImage& image, int cfa) {
+  const HoneycombLattice lattice = *HoneycombLattice::Of(cfa);
+  double medians[HoneycombLattice::kPositions], sums[3] = {}, counts[3] = {};
+  Loan<CImgHoneyCombToRgb>(image).borrower.GetGain(cfa, medians);
+  for (int i = 0; i < HoneycombLattice::kPositions; ++i) {
+    const int colour = lattice.ColourAt(HoneycombLattice::ColumnOf(i), HoneycombLattice::RowOf(i));
+    sums[colour] += medians[i];
+    counts[colour] += 1;
+  }
+  const auto gain = [&](int colour) {
+    const double own = sums[colour] / counts[colour];
+    return own >= 1 ? sums[kGreen] / counts[kGreen] / own : 1.0;
+  };
+  return {gain(kRed), 1, 1, gain(kBlue)};
+}
+
 std::array<double, 4> GainsByMedians(CVelImage& image, int cfa) {
   // The library trusts medians of 1 and more; pixels from 0 to 1 are brought there, exactly, by a power of 2.
   constexpr double kScale = 65536, kUnitWhite = 16;
   const bool unit = image.GetLevelMax(0) <= kUnitWhite;
   if (unit) Calculate(image, Calculation::Multiply, kScale);
   std::array<double, 4> gains;
-  Loan<CImgBayerToRgb>(image).borrower.GetGain(cfa, gains.data());
+  if (files::IsHoneycomb(cfa)) {
+    gains = HoneycombGains(image, cfa);
+  } else {
+    Loan<CImgBayerToRgb>(image).borrower.GetGain(cfa, gains.data());
+  }
   if (unit) Calculate(image, Calculation::Multiply, 1 / kScale);
   return gains;
 }
@@ -82,7 +109,8 @@ void CheckWhiteBalance(const std::string& wanted) {
   if (wanted == "auto" || wanted == "camera" || wanted == "none" || ParseGains(wanted)) return;
   throw UsageError(
       fmt::format("--white-balance {}: give auto, camera, none, or four positive gains such as "
-                  "1.9,1,1,1.5, for the cells of the mosaic row by row",
+                  "1.9,1,1,1.5, for the cells of the mosaic row by row, or red, green, green and blue of a "
+                  "honeycomb",
                   wanted));
 }
 
@@ -125,7 +153,7 @@ bool PhasesDiffer(files::ImageReader& reader) {
 
 namespace {
 
-/// The CFA number of a camera by its name; 0 for one that has no Bayer mosaic, or is not known.
+/// The CFA number of a camera by its name; 0 for one that has no mosaic of ours, or is not known.
 int CfaOfCamera(const files::ImageInfo& info) {
   // Some cameras change their pattern with the size of their frames. Nothing is held for pixels untouched.
   static const std::shared_ptr<CVmManager> store = CreatePagedManager();
@@ -133,7 +161,7 @@ int CfaOfCamera(const files::ImageInfo& info) {
   camera.Create(CVelImage(store, CImage::Float, info.width, info.height, 1, 1.0, 0.0, 1, nullptr), nullptr);
   ReadHeader(info, *camera.GetHeader());
   int cfa = 0;
-  return camera.GetAutoCFA(&cfa) && cfa <= 4 ? cfa : 0;
+  return camera.GetAutoCFA(&cfa) && (cfa <= 4 || files::IsHoneycomb(cfa)) ? cfa : 0;
 }
 
 files::Mosaic ByName(const files::ImageInfo& info, int cfa, const std::string& rowOrder) {
@@ -155,11 +183,15 @@ files::Mosaic RequireMosaic(const files::ImageInfo& info, const files::MosaicOpt
   files::Mosaic mosaic = files::FindMosaic(info, options);
   if (mosaic.cfa > 0 || (info.camera && info.planes == 3)) return mosaic;
   if (info.planes > 1) throw files::FileError(info.path, "has colours already; there is nothing to develop");
+  if (files::CfaNumber(mosaic.name) > 0) {
+    throw files::FileError(info.path, fmt::format("its mosaic cannot be developed: {} {}; give --cfa or "
+                                                  "--row-order if the file is wrong",
+                                                  mosaic.name, mosaic.reason));
+  }
   if (!mosaic.name.empty()) {
-    throw files::FileError(
-        info.path, fmt::format("a mosaic of the pattern {} is not supported; RGGB, GRBG, BGGR and GBRG are. "
-                               "If the file is wrong, give --cfa",
-                               mosaic.name));
+    throw files::FileError(info.path, fmt::format("a mosaic of the pattern {} is not supported; {} are. "
+                                                  "If the file is wrong, give --cfa",
+                                                  mosaic.name, fmt::join(files::CfaNames(), ", ")));
   }
   const int cfa = CfaOfCamera(info);
   if (cfa == 0) {
@@ -216,11 +248,14 @@ Development::Development(MosaicSource source, files::ImageInfo& info, const file
     throw files::FileError(path_,
                            "has colours already: --mono, --half, --gamma and --level-cut are for mosaics");
   }
-  if (cfa_ > 0 && (std::min(source_.shape.width, source_.shape.height) < kSmallest)) {
+  if (cfa_ > 0 && (std::min(source_.shape.width, source_.shape.height) < Smallest())) {
     throw files::FileError(path_,
                            fmt::format("a mosaic of {} x {} pixels is too small to develop; {} x {} is "
                                        "the smallest",
-                                       source_.shape.width, source_.shape.height, kSmallest, kSmallest));
+                                       source_.shape.width, source_.shape.height, Smallest(), Smallest()));
+  }
+  if (files::IsHoneycomb(cfa_) && options.half) {
+    throw files::FileError(path_, "is a honeycomb, which has no cells for half the size: leave out --half");
   }
   info.header.AddHistory(fmt::format("korimg {} develop", Version()));
   info.header.AddHistory(fmt::format(
@@ -244,6 +279,14 @@ Shape Development::Size() const {
   return {source_.shape.width / part, source_.shape.height / part, options_.mono ? 1 : 3};
 }
 
+int Development::Period() const {
+  return cfa_ == 0 ? 1 : files::IsHoneycomb(cfa_) ? HoneycombLattice::kPeriod : 2;
+}
+
+int Development::Smallest() const {
+  return cfa_ == 0 ? 1 : files::IsHoneycomb(cfa_) ? 10 : 6;
+}
+
 /// An image for some of the source's pixels, with its levels.
 std::unique_ptr<CVelImage> Development::NewImage(int width, int height) const {
   auto image = std::make_unique<CVelImage>(source_.store, CImage::Float, width, height, source_.shape.planes,
@@ -260,20 +303,32 @@ void Development::DevelopBand(CVelImage& band, int trimTop, int trimBottom) {
     if (balances) ScalePlanes(band, gains_.data());
     return;
   }
-  tagBayerStruct bayer;
-  bayer.nCFA = cfa_;
-  bayer.nSrcBits = bayer.nDstBits = -32;
-  bayer.nTrimTop = trimTop;
-  bayer.nTrimBottom = trimBottom;
-  bayer.bMono = options_.mono;
-  bayer.bToneCurve = balances;
-  bayer.pGain = gains_.data();
-  bayer.bLevelCut = options_.levelCut;
-  bayer.bGamma = options_.gamma != 1;
-  bayer.dGamma = options_.gamma;
-  bayer.bRoundUp = options_.half;
-  bayer.nRoundUpGreen = 2;
-  const int done = Loan<CImgBayerToRgb>(band).borrower.Do(bayer, 0);
+  const auto fill = [&](auto& parameters, double* gains) {
+    parameters.nCFA = cfa_;
+    parameters.nSrcBits = parameters.nDstBits = -32;
+    parameters.nTrimTop = trimTop;
+    parameters.nTrimBottom = trimBottom;
+    parameters.bMono = options_.mono;
+    parameters.bToneCurve = balances;
+    parameters.pGain = gains;
+    parameters.bLevelCut = options_.levelCut;
+    parameters.bGamma = options_.gamma != 1;
+    parameters.dGamma = options_.gamma;
+  };
+  int done = 0;
+  if (files::IsHoneycomb(cfa_)) {
+    auto gains = ByPosition(gains_, cfa_);
+    tagHoneyCombStruct honeyComb;
+    fill(honeyComb, gains.data());
+    honeyComb.nKind = 1;
+    done = Loan<CImgHoneyCombToRgb>(band).borrower.Do(honeyComb, 0);
+  } else {
+    tagBayerStruct bayer;
+    fill(bayer, gains_.data());
+    bayer.bRoundUp = options_.half;
+    bayer.nRoundUpGreen = 2;
+    done = Loan<CImgBayerToRgb>(band).borrower.Do(bayer, 0);
+  }
   if (!done) throw files::FileError(path_, "there is no room to develop it; give --memory");
   if (options_.half && balances) ScalePlanes(band, ByPlane(gains_, cfa_).data());
 }
@@ -281,9 +336,13 @@ void Development::DevelopBand(CVelImage& band, int trimTop, int trimBottom) {
 Levels Development::PictureLevels(int side, LevelMethod method) {
   // Whole cells, so that the sample is a mosaic too.
   const auto& [width, height, planes] = source_.shape;
-  const int step = ShrinkTo(source_.shape, side);
-  const auto place = [step](int i, int end) { return std::min(i / 2 * 2 * step, (end / 2 - 1) * 2) + i % 2; };
-  const auto length = [step](int end) { return std::max(end / step / 2 * 2, std::min(end, kSmallest)); };
+  const int step = ShrinkTo(source_.shape, side), cell = Period();
+  const auto place = [=](int i, int end) {
+    return std::min(i / cell * cell * step, (end / cell - 1) * cell) + i % cell;
+  };
+  const auto length = [this, step, cell](int end) {
+    return std::max(end / step / cell * cell, std::min(end, Smallest()));
+  };
   const auto sample = NewImage(length(width), length(height));
   BandBuffer buffer;
   for (int y = 0; y < sample->GetHeight(); ++y) {
@@ -301,12 +360,12 @@ Levels Development::PictureLevels(int side, LevelMethod method) {
 }
 
 std::unique_ptr<CVelImage> Development::Rows(int y0, int y1) {
-  const int margin = cfa_ == 0 || options_.half ? 0 : 4;  // rows that a developed one looks at, and one more
-  const int least = cfa_ == 0 || options_.half ? 1 : kSmallest, part = options_.half ? 2 : 1;
+  const int margin = cfa_ == 0 || options_.half ? 0 : 4;  // rows that a developed one looks at, or one more
+  const int least = options_.half ? 1 : Smallest(), part = options_.half ? 2 : 1;
   const int height = source_.shape.height / part * part, first = y0 * part, last = y1 * part;
   // A mosaic begins with the first row of a cell.
   const int wanted = std::min(first - margin, height - least);
-  const int top = cfa_ == 0 ? first : std::max(wanted / 2 * 2, 0);
+  const int top = std::max(wanted / Period() * Period(), 0);
   const int bottom = std::min(std::max(last + margin, top + least), height);
   auto band = NewImage(source_.shape.width, bottom - top);
   source_.read(Image::RowsOf(*band, 0, bottom - top).At(top));

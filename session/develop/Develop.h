@@ -18,13 +18,14 @@ struct DevelopOptions {
   files::MosaicOptions mosaic;
   std::string whiteBalance = "auto";  ///< "auto", "camera", "none" or four gains "1.9,1,1,1.5"
   bool mono = false;                  ///< brightness in place of colour
-  bool half = false;                  ///< half the size: each pixel from one cell of the mosaic
+  bool half = false;                  ///< half the size: each pixel from one cell of a Bayer mosaic
   bool levelCut = false;              ///< results are limited to black and white
   double gamma = 1;
   double scale = 1;  ///< that the raw values are multiplied by
 };
 
-/// Gains by position in the 2 x 2 cell, by rows, or by plane of a colour image; and where they come from.
+/// Gains by position in the 2 x 2 cell, by rows; for red, green, green and blue of a honeycomb; by plane of a
+/// colour image. And where they come from.
 struct WhiteBalance {
   std::array<double, 4> gains{1, 1, 1, 1};
   std::string text;
@@ -85,6 +86,9 @@ class KORIMG_SESSION_API Development {
                 const std::function<void(std::unique_ptr<CVelImage>)>& visit, bool fromLowest = false);
 
  private:
+  /// Columns and rows that the mosaic repeats after, and the smallest side that can be developed.
+  int Period() const;
+  int Smallest() const;
   std::unique_ptr<CVelImage> NewImage(int width, int height) const;
   void DevelopBand(CVelImage& band, int trimTop, int trimBottom);
 

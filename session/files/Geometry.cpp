@@ -235,18 +235,19 @@ bool MoveMosaic(Header& header, const ImageSize& before, const ImageSize& after,
   if (mosaic.cfa == 0 || !IsMirror(map)) return false;
   const AffineMap inverse = map.Inverse();
   if (inverse.tx != std::floor(inverse.tx) || inverse.ty != std::floor(inverse.ty)) return false;
-  const auto parity = [](double v) { return static_cast<int>(std::fmod(std::abs(v), 2)); };
-  // The first pixel of the result, seen as a corner cut out of the source.
-  const int wanted =
-      CfaNumber(BayerLayout{.pattern = mosaic.cfa, .cropX = parity(inverse.tx), .cropY = parity(inverse.ty)});
+  constexpr double kPeriod = 4;  // of all mosaics
+  const auto [x, y] = FindRed(mosaic.cfa);
+  const int wanted = CfaWithRed(mosaic.cfa, {static_cast<int>(std::fmod(map.xx * x + map.tx, kPeriod)),
+                                             static_cast<int>(std::fmod(map.yy * y + map.ty, kPeriod))});
+  if (wanted == 0) return false;
   const char* key = header.GetString("BAYERPAT")   ? "BAYERPAT"
                     : header.GetString("COLORTYP") ? "COLORTYP"
                                                    : "FILTER";
   for (const char* offset : {"XBAYROFF", "YBAYROFF"}) {
     if (header.GetString(offset)) header.Set(offset, 0);
   }
-  for (int pattern = 1; pattern <= 4; ++pattern) {
-    header.Set(key, CfaName(pattern));
+  for (const std::string& name : CfaNames()) {
+    header.Set(key, name);
     if (MosaicOf(header, after).cfa == wanted) return true;
   }
   return false;

@@ -6,10 +6,19 @@
 
 #include <fmt/format.h>
 
+#include "korimg/raw/internal/HoneycombLattice.h"
+
 namespace korimg::files {
 namespace {
 
-constexpr const char* kNames[] = {"RGGB", "GRBG", "BGGR", "GBRG"};
+constexpr struct {
+  int number;
+  const char* name;
+} kPatterns[] = {{1, "RGGB"},        {2, "GRBG"},        {3, "BGGR"},        {4, "GBRG"},
+                 {11, "HONEYCOMB1"}, {12, "HONEYCOMB2"}, {13, "HONEYCOMB3"}, {14, "HONEYCOMB4"}};
+
+// Where red is in Bayer's cell: bit 0 its column, bit 1 its row.
+constexpr int kRedOfBayer[] = {0b00, 0b01, 0b11, 0b10};
 
 std::string Upper(std::string_view text) {
   std::string upper(text);
@@ -20,27 +29,57 @@ std::string Upper(std::string_view text) {
 }  // namespace
 
 int CfaNumber(std::string_view pattern) {
-  const auto* found = std::find(std::begin(kNames), std::end(kNames), Upper(pattern));
-  return found == std::end(kNames) ? 0 : static_cast<int>(found - kNames) + 1;
+  const std::string name = Upper(pattern);
+  for (const auto& known : kPatterns) {
+    if (name == known.name) return known.number;
+  }
+  return 0;
 }
 
 const char* CfaName(int number) {
-  return kNames[number - 1];
+  const auto* found = std::find_if(std::begin(kPatterns), std::end(kPatterns),
+                                   [number](const auto& known) { return known.number == number; });
+  return found->name;
 }
 
-int CfaNumber(const BayerLayout& layout) {
-  // Where red is in the cell: bit 0 its column, bit 1 its row.
-  constexpr int kRed[] = {0b00, 0b01, 0b11, 0b10};
-  const int first = layout.rowOrder == RowOrder::BottomUp ? layout.height - 1 : 0;
-  const int columns = layout.xOffset + layout.cropX, rows = layout.yOffset + first + layout.cropY;
-  const int red = kRed[layout.pattern - 1] ^ (columns & 1) ^ (rows & 1) << 1;
-  return static_cast<int>(std::find(std::begin(kRed), std::end(kRed), red) - kRed) + 1;
+std::vector<std::string> CfaNames() {
+  std::vector<std::string> names;
+  for (const auto& known : kPatterns) {
+    names.emplace_back(known.name);
+  }
+  return names;
+}
+
+bool IsHoneycomb(int cfa) {
+  return HoneycombLattice::Of(cfa).has_value();
+}
+
+RedSite FindRed(int cfa) {
+  if (const auto lattice = HoneycombLattice::Of(cfa)) return {lattice->x, lattice->y};
+  const int red = kRedOfBayer[cfa - 1];
+  return {red & 1, red >> 1};
+}
+
+int CfaWithRed(int cfa, RedSite red) {
+  if (IsHoneycomb(cfa)) return HoneycombLattice{red.x, red.y}.Number();
+  const int wanted = (red.x & 1) | (red.y & 1) << 1;
+  const auto* found = std::find(std::begin(kRedOfBayer), std::end(kRedOfBayer), wanted);
+  return static_cast<int>(found - kRedOfBayer) + 1;
+}
+
+int CfaNumber(const MosaicLayout& layout) {
+  RedSite red = FindRed(layout.pattern);
+  red.x -= layout.xOffset + layout.cropX;
+  red.y -= layout.yOffset;
+  if (layout.rowOrder == RowOrder::BottomUp) red.y = layout.height - 1 - red.y;
+  red.y -= layout.cropY;
+  return CfaWithRed(layout.pattern, red);
 }
 
 Mosaic FindMosaic(const ImageInfo& info, const MosaicOptions& options) {
   const Header& header = info.header;
   Mosaic mosaic;
-  BayerLayout layout;
+  MosaicLayout layout;
   layout.height = info.height;
   auto pattern = header.GetString("BAYERPAT"), type = header.GetString("COLORTYP");
   const auto filter = header.GetString("FILTER");
@@ -57,9 +96,12 @@ Mosaic FindMosaic(const ImageInfo& info, const MosaicOptions& options) {
     mosaic.reason = pattern ? "by BAYERPAT" : "by COLORTYP";
     for (const auto& [key, offset] :
          {std::pair("XBAYROFF", &layout.xOffset), {"YBAYROFF", &layout.yOffset}}) {
-      const int odd = static_cast<int>(header.GetInt(key).value_or(0) & 1);
-      *offset = odd;
-      if (odd) mosaic.reason += fmt::format(", {} odd", key);
+      *offset = static_cast<int>(header.GetInt(key).value_or(0) & 3);
+      if (IsHoneycomb(CfaNumber(mosaic.name))) {
+        if (*offset) mosaic.reason += fmt::format(", {} {}", key, *offset);
+      } else if (*offset & 1) {
+        mosaic.reason += fmt::format(", {} odd", key);
+      }
     }
   } else if (filter && CfaNumber(*filter) > 0) {
     byFilter = true;
@@ -82,6 +124,10 @@ Mosaic FindMosaic(const ImageInfo& info, const MosaicOptions& options) {
                                                          : "by default");
   if (mosaic.cfa != layout.pattern) {
     mosaic.reason = fmt::format("{} {}", CfaName(layout.pattern), mosaic.reason);
+  }
+  if (mosaic.cfa == 0) {
+    mosaic.reason += "; its first pixel lies between two sites";
+    return mosaic;
   }
   mosaic.name = CfaName(mosaic.cfa);
   return mosaic;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "session/Export.h"
 #include "session/files/ImageFile.h"
@@ -10,23 +11,40 @@ namespace korimg::files {
 
 enum class RowOrder { TopDown, BottomUp };
 
-/// How a Bayer pattern lies on a frame.
-struct BayerLayout {
-  int pattern = 1;               ///< of the upright picture's top left corner: 1 RGGB, 2 GRBG, 3 BGGR, 4 GBRG
+/// Where a pattern has one of its red sites: columns and rows from a frame's first pixel, to any side of it.
+struct RedSite {
+  int x = 0, y = 0;
+};
+
+/// How a pattern lies on a frame.
+struct MosaicLayout {
+  int pattern = 1;               ///< its CFA number at the upright picture's top left corner
   int xOffset = 0, yOffset = 0;  ///< columns and rows that the corner lies inside the pattern
   RowOrder rowOrder = RowOrder::TopDown;
   int height = 0;            ///< rows of the frame
   int cropX = 0, cropY = 0;  ///< stored columns and rows cut off before the first
 };
 
-/// The CFA number of the first two stored rows: 1 RGGB, 2 GRBG, 3 BGGR, 4 GBRG.
-KORIMG_SESSION_API int CfaNumber(const BayerLayout& layout);
+/// The CFA number of the stored rows: 1 RGGB, 2 GRBG, 3 BGGR, 4 GBRG, 11 to 14 a honeycomb; 0 for one whose
+/// first stored pixel lies between the sites, which has none.
+KORIMG_SESSION_API int CfaNumber(const MosaicLayout& layout);
 
-/// 1 to 4 for "RGGB", "GRBG", "BGGR" and "GBRG" in any case; else 0.
+/// 1 to 4 for "RGGB", "GRBG", "BGGR" and "GBRG", 11 to 14 for "HONEYCOMB1" to "HONEYCOMB4", which have red at
+/// (0, 0), (2, 0), (1, 1) and (3, 1), in any case; else 0.
 KORIMG_SESSION_API int CfaNumber(std::string_view pattern);
 
-/// "RGGB" and so on for 1 to 4.
-const char* CfaName(int number);
+/// The name of a CFA number.
+KORIMG_SESSION_API const char* CfaName(int number);
+
+/// All names.
+KORIMG_SESSION_API std::vector<std::string> CfaNames();
+
+KORIMG_SESSION_API bool IsHoneycomb(int cfa);
+
+RedSite FindRed(int cfa);
+
+/// The number of the same kind of mosaic with red elsewhere; 0 where it has none.
+int CfaWithRed(int cfa, RedSite red);
 
 /// What is known of an image's mosaic.
 struct Mosaic {
@@ -42,9 +60,9 @@ struct MosaicOptions {
   std::string source = "as told";  ///< who says the pattern
 };
 
-/// Finds the mosaic by BAYERPAT or COLORTYP, XBAYROFF, YBAYROFF and ROWORDER; by a FILTER that names a
-/// pattern. Without ROWORDER, rows are top-down where BAYERPAT is given, as capture programs write both so,
-/// and bottom-up, as the standard has it, otherwise.
+/// Finds the mosaic by BAYERPAT or COLORTYP, which may name a honeycomb too, XBAYROFF, YBAYROFF and ROWORDER;
+/// by a FILTER that names a pattern. Without ROWORDER, rows are top-down where BAYERPAT is given, as capture
+/// programs write both so, and bottom-up, as the standard has it, otherwise.
 KORIMG_SESSION_API Mosaic FindMosaic(const ImageInfo& info, const MosaicOptions& options = {});
 
 /// Takes the keywords of a mosaic out of the header of an image that was developed.

@@ -81,14 +81,12 @@ struct CfaNoiseOptions {
 
 /// The number of the array of the rows as they are stored.
 int ArrayOf(const Call& call, Pattern pattern) {
-  const int number = static_cast<int>(pattern);
-  if (pattern >= Pattern::Honeycomb1) return number;
   files::ImageInfo info;
   info.height = call.image->GetHeight();
   info.planes = call.image->GetPlanes();
   info.header = call.header;
   files::MosaicOptions told;
-  if (pattern != Pattern::Header) told.cfa = files::CfaName(number);
+  if (pattern != Pattern::Header) told.cfa = files::CfaName(static_cast<int>(pattern));
   return files::FindMosaic(info, told).cfa;
 }
 

@@ -54,8 +54,11 @@ Image Load(Job& job, const std::shared_ptr<CVmManager>& store, const std::filesy
   image->SetOrgWidth(info.width);
   image->SetOrgHeight(info.height);
   const int cfa = files::FindMosaic(info).cfa;
-  image->SetBayerImage(cfa > 0);
-  image->SetOrgBayerImage(cfa > 0);
+  const bool honeycomb = files::IsHoneycomb(cfa), bayer = cfa > 0 && !honeycomb;
+  image->SetBayerImage(bayer);
+  image->SetOrgBayerImage(bayer);
+  image->SetHoneyCombImage(honeycomb);
+  image->SetOrgHoneyCombImage(honeycomb);
   image->GetHeader()->SetCFAPattern(cfa);
   ReadHeader(info, *image->GetHeader());
   SetLevels(*image, info, options.lessBlack);

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <fstream>
 #include <numbers>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -13,9 +14,11 @@
 #include <omp.h>
 
 #include "korimg/pipelines/runtime/Runtime.h"
+#include "korimg/raw/internal/HoneycombLattice.h"
 
 #include "session/files/Formats.h"
 #include "session/files/ImageFile.h"
+#include "session/files/Mosaic.h"
 #include "session/job/internal/Edge.h"
 #include "session/simulate/internal/Random.h"
 
@@ -171,6 +174,7 @@ class Session {
         middleX_((width_ - 1) / 2.0),
         middleY_((height_ - 1) / 2.0),
         bands_(BandsOf(options)),
+        lattice_(HoneycombLattice::Of(files::CfaNumber(options.bayer))),
         lights_(options.frames * Filters()),
         calibrationFrames_(std::min(10, std::max(3, options.frames / 2))),
         flats_(calibrationFrames_ * Filters()),
@@ -249,6 +253,7 @@ class Session {
 
   /// The number of what is before a pixel of a light or flat.
   std::size_t BandBefore(Kind kind, int frame, int x, int y) const {
+    if (lattice_) return Key(lattice_->ColourAt(x, y));
     if (!options_.bayer.empty()) {
       const char letter = options_.bayer[Key((y & 1) * 2 + (x & 1))];
       return letter == 'R' ? 0 : letter == 'G' ? 1 : 2;
@@ -256,6 +261,9 @@ class Session {
     return options_.filters.empty() ? 0
                                     : Key(frame / (kind == kLight ? options_.frames : calibrationFrames_));
   }
+
+  /// The sensor has a pixel there.
+  bool IsSite(int x, int y) const { return !lattice_ || lattice_->IsSite(x, y); }
 
   static double StarLight(const Passband& band, double colour) {
     return band.star * std::pow(10, band.slope * colour);
@@ -323,14 +331,17 @@ class Session {
     }
     for (const Dust& dust : dust_)
       Shade(dust);
+    double sites = 0;
     for (int y = 0; y < height_; ++y) {
       for (int x = 0; x < width_; ++x) {
+        if (!IsSite(x, y)) continue;
         sum += flat_[Index(x, y)];
         lampSum += flat_[Index(x, y)] * bands_[BandBefore(kFlat, 0, x, y)].lamp;
+        ++sites;
       }
     }
-    flatMean_ = sum / static_cast<double>(Pixels());
-    lampMean_ = lampSum / static_cast<double>(Pixels());
+    flatMean_ = sum / sites;
+    lampMean_ = lampSum / sites;
 
     Random hot({options_.seed, kHotPixels});
     const int count = std::max(5, static_cast<int>(kHotShare * static_cast<double>(Pixels())));
@@ -339,7 +350,7 @@ class Session {
       pixel.x = static_cast<int>(hot.Uniform() * width_);
       pixel.y = static_cast<int>(hot.Uniform() * height_);
       pixel.rate = std::pow(10, hot.Uniform(2, 5.2)) / kExposure;
-      if (dark_[Index(pixel.x, pixel.y)] > kDarkRate * 1.5) continue;  // taken
+      if (dark_[Index(pixel.x, pixel.y)] > kDarkRate * 1.5 || !IsSite(pixel.x, pixel.y)) continue;  // taken
       dark_[Index(pixel.x, pixel.y)] += static_cast<float>(pixel.rate);
       hot_.push_back(pixel);
     }
@@ -501,7 +512,8 @@ class Session {
           float* out = band.Row(0, y).data();
           for (std::size_t x = 0; x < row.size(); ++x) {
             const double electrons = random.Poisson(row[x]) + kReadNoise * random.Normal();
-            out[x] = static_cast<float>(electrons / kGain + bias_[x]);
+            const bool site = IsSite(static_cast<int>(x), y);
+            out[x] = site ? static_cast<float>(electrons / kGain + bias_[x]) : 0.0f;
           }
         }
       }
@@ -548,7 +560,8 @@ class Session {
     }
     if (kind == kLight) header.Set("OBJECT", "Simulated field");
     if (!options_.bayer.empty()) {
-      header.Set("BAYERPAT", options_.bayer, "colours of the first two rows");
+      header.Set("BAYERPAT", options_.bayer,
+                 lattice_ ? "pattern of the colours" : "colours of the first two rows");
       header.Set("XBAYROFF", 0, "columns before the pattern");
       header.Set("YBAYROFF", 0, "rows before the pattern");
     }
@@ -589,9 +602,9 @@ class Session {
          "the image, ((width - 1) / 2, (height - 1) / 2); positive rotation turns clockwise as y points "
          "down"},
         {"calibration",
-         "perfectly calibrated = (light - bias - dark) / (flat / mean of the whole flat), the flat without "
-         "its bias and "
-         "dark; a level of e electrons then becomes e * flat.lamp_mean / lamp colour of the pixel / "
+         "perfectly calibrated = (light - bias - dark) / (flat / mean of the whole flat, or of a honeycomb's "
+         "sites), the flat without its bias and dark; a level of e electrons then becomes e * flat.lamp_mean "
+         "/ lamp colour of the pixel / "
          "gain_e_per_adu"},
         {"flux",
          "flux_e is in electrons per light of transparency 1 before the flat field, in green and mono "
@@ -689,6 +702,7 @@ class Session {
   int width_, height_;
   double middleX_, middleY_;
   std::vector<Passband> bands_;
+  std::optional<HoneycombLattice> lattice_;  // of a honeycomb
   int lights_, calibrationFrames_, flats_;
   Nebula nebula_;
   std::vector<float> flat_;   // share of the light that a pixel takes
@@ -717,9 +731,10 @@ bool Simulate(const fs::path& folder, const SimulateOptions& options) {
                                           options.height, kLeastSide, files::kMaxSide));
   }
   const std::string& bayer = options.bayer;
-  if (!bayer.empty() && bayer != "RGGB" && bayer != "GRBG" && bayer != "BGGR" && bayer != "GBRG") {
+  const std::vector<std::string> patterns = files::CfaNames();
+  if (!bayer.empty() && std::find(patterns.begin(), patterns.end(), bayer) == patterns.end()) {
     throw session::UsageError(
-        fmt::format("Bayer pattern '{}'; RGGB, GRBG, BGGR and GBRG are possible", bayer));
+        fmt::format("pattern '{}' of a mosaic; {} are possible", bayer, fmt::join(patterns, ", ")));
   }
   std::set<std::string> taken;
   for (const std::string& filter : options.filters) {

@@ -14,7 +14,9 @@ namespace korimg {
 struct SimulateOptions {
   int frames = 20;  ///< lights, of each filter, 1 to 9999; calibration frames of a kind: a half, but 3 to 10
   int width = 3008, height = 2008;  ///< pixels, at least 64
-  std::string bayer = {};           ///< RGGB, GRBG, BGGR or GBRG for a colour sensor; empty for a mono one
+  /// RGGB, GRBG, BGGR or GBRG for a colour sensor, HONEYCOMB1 to HONEYCOMB4 for one whose frames are 0
+  /// between its sites; empty for a mono one.
+  std::string bayer = {};
   std::vector<std::string> filters = {};  ///< of a wheel before a mono sensor: L, R, G, B, Ha, OIII, SII
   std::uint64_t seed = 1;  ///< the same seed and options give the same bytes, whatever the threads
   bool overwrite = false;  ///< replace existing files

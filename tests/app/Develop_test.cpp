@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "korimg/raw/CImgBayerToRgb.h"
+#include "korimg/raw/CImgHoneyCombToRgb.h"
 
 #include "session/files/Mosaic.h"
 #include "session/simulate/Simulate.h"
@@ -242,12 +243,112 @@ TEST_F(DevelopTest, BandsAreTheWholeInParts) {
   }
 }
 
-TEST_F(DevelopTest, SessionsOfAColourCameraGiveColour) {
+TEST_F(DevelopTest, BandsOfAHoneycombAreTheWholeInParts) {
+  const auto store = test::MemoryStore();
+  for (const int height : {10, 127, 131, 138, 263}) {
+    for (int cfa = 11; cfa <= 14; ++cfa) {
+      const auto image = test::Make(store, 37, height, 1, test::Random(-10, 900));
+      const auto whole = test::Make<CImgHoneyCombToRgb>(store, 37, height, 1, test::Random(-10, 900));
+      tagHoneyCombStruct honeyComb;
+      honeyComb.nCFA = cfa;
+      honeyComb.nKind = 1;
+      honeyComb.nSrcBits = honeyComb.nDstBits = -32;
+      ASSERT_TRUE(whole->Do(honeyComb, 0));
+      ImageInfo info;
+      info.planes = 1;
+      session::Development bands(session::MosaicSource(*image), info, {cfa, CfaName(cfa), ""}, {}, {});
+      session::Job job;
+      int next = 0;
+      const auto compare = [&](std::unique_ptr<CVelImage> band) {
+        for (int p = 0; p < 3; ++p) {
+          for (int y = 0; y < band->GetHeight(); ++y) {
+            const float *got = band->GetLine(0, y, p), *wanted = whole->GetLine(0, next + y, p);
+            ASSERT_TRUE(std::equal(got, got + 37, wanted)) << height << ' ' << cfa << ' ' << next + y;
+          }
+        }
+        next += band->GetHeight();
+      };
+      bands.ForBands(job, "", compare);
+      EXPECT_EQ(next, height);
+      for (next = 0; next < height;) {
+        compare(bands.Rows(next, std::min(next + 3, height)));
+      }
+    }
+  }
+}
+
+TEST_F(DevelopTest, HoneycombsByTheirKeywords) {
+  constexpr const char* kRows[] = {"B.R.", ".G.G", "R.B.", ".G.G"};  // of 12
+  const auto site = [&](int x, int y) { return kRows[y % 4][x % 4]; };
+  const auto plain = [&](std::array<double, 3> colour, double offset) -> test::PixelRule {
+    return [=](int, int x, int y) {
+      return site(x, y) == '.' ? 0 : offset + colour[std::string("RGB").find(site(x, y))];
+    };
+  };
+  Header header;
+  header.Set("BAYERPAT", "HONEYCOMB2");
+  Frame("a.fits", kWidth, kHeight, plain({400, 800, 500}, 1000), "uint16", header);
+  Frame("bare.fits", kWidth, kHeight, plain({400, 800, 500}, 1000), "uint16");
+  EXPECT_NE(Shell("korimg info a.fits").out.find("mosaic HONEYCOMB2"), std::string::npos);
+  const struct {
+    const char* options;
+    std::vector<double> colour;
+  } cases[] = {{"a.fits --white-balance none", {400, 800, 500}},
+               {"a.fits", {800, 800, 800}},
+               {"bare.fits --cfa honeycomb2 --white-balance 3,0.5,1.5,2", {1200, 800, 1000}},
+               {"bare.fits --cfa HONEYCOMB1 --white-balance 1,2,2,1", {500, 1600, 400}},
+               {"a.fits --mono --white-balance none", {0.3 * 400 + 0.59 * 800 + 0.11 * 500}}};
+  for (const auto& [given, colour] : cases) {
+    const Result r = Shell(std::string("korimg develop --overwrite --black 1000 --out done.fits ") + given);
+    ASSERT_EQ(r.code, 0) << given << r.err;
+    ExpectColour(Read("done.fits"), colour);
+  }
+  EXPECT_FALSE(ImageReader::Open(In("done.fits"))->Info().header.GetString("BAYERPAT"));
+  // The flat's light is reddish, and falls off to both sides; between the sites it has none.
+  const auto lit = [&](const test::PixelRule& rule, double offset) -> test::PixelRule {
+    return [=](int p, int x, int y) {
+      const double fall = 1 - (x - 29.5) * (x - 29.5) / 1800;
+      return site(x, y) == '.' ? 0 : offset + fall * rule(p, x, y);
+    };
+  };
+  Frame("lit.fits", kWidth, kHeight, lit(plain({400, 800, 500}, 0), 1000), "float32", header);
+  Frame("dark.fits", kWidth, kHeight, plain({0, 0, 0}, 1000), "uint16");
+  Frame("flat.fits", kWidth, kHeight, lit(plain({3000, 2000, 1000}, 0), 0), "float32", header);
+  const Result flat =
+      Shell("korimg develop lit.fits --dark dark.fits --flat flat.fits --out flat --white-balance none");
+  ASSERT_EQ(flat.code, 0) << flat.err;
+  const Planes planes = Read("flat/lit.fits");
+  for (size_t p = 0; p < 3; ++p) {
+    for (const float v : planes[p]) {
+      ASSERT_NEAR(v / planes[1][0], (std::array{0.5, 1.0, 0.625})[p], 0.001) << p;
+    }
+  }
+  // A crop by one column has no honeycomb of ours, and a file that begins there is not developed.
+  EXPECT_EQ(Shell("korimg apply crop rect=1,0,50,40 a.fits -o cropped.fits").code, 2);
+  ASSERT_EQ(Shell("korimg apply crop rect=3,1,50,40 a.fits -o cropped.fits").code, 0);
+  EXPECT_EQ(ImageReader::Open(In("cropped.fits"))->Info().header.GetString("BAYERPAT"), "HONEYCOMB3");
+  header.Set("XBAYROFF", 1);
+  Frame("between.fits", kWidth, kHeight, plain({400, 800, 500}, 1000), "uint16", header);
+  Frame("small.fits", 9, 20, plain({400, 800, 500}, 1000), "uint16");
+  for (const auto& [given, says] : {std::pair("between.fits", "between two sites"),
+                                    {"a.fits --half", "leave out --half"},
+                                    {"small.fits --cfa HONEYCOMB2", "10 x 10 is the smallest"},
+                                    {"a.fits --cfa HONEYCOMB5", "HONEYCOMB5"}}) {
+    const Result r = Shell(std::string("korimg develop --black 1000 --out no ") + given);
+    EXPECT_NE(r.code, 0) << given;
+    EXPECT_NE(r.err.find(says), std::string::npos) << r.err;
+  }
+}
+
+class ColourSessionTest : public DevelopTest, public testing::WithParamInterface<const char*> {};
+INSTANTIATE_TEST_SUITE_P(Patterns, ColourSessionTest, testing::Values("GBRG", "HONEYCOMB4"));
+
+TEST_P(ColourSessionTest, GivesColour) {
   korimg::SimulateOptions options;
   options.frames = 3;
   options.width = 240;
   options.height = 180;
-  options.bayer = "GBRG";
+  options.bayer = GetParam();
   ASSERT_TRUE(korimg::Simulate(In("night"), options));
   const std::string calibrate =
       "korimg calibrate night/lights --dark night/darks --flat night/flats --bias night/biases ";
@@ -268,10 +369,16 @@ TEST_F(DevelopTest, SessionsOfAColourCameraGiveColour) {
     // The sky of the first light is grey, and nearly so in the others.
     EXPECT_NEAR(sky[0] / sky[1], 1, 0.03) << name;
     EXPECT_NEAR(sky[2] / sky[1], 1, 0.03) << name;
+    medians.push_back(sky);
   }
+  // The flat takes nothing of its level; stars and nebula raise the median a little.
+  const json truth = json::parse(ReadBytes(In("night/truth.json")));
+  const double level = truth["sky"]["sky_e"].get<double>() * truth["flat"]["mean"].get<double>() /
+                       truth["camera"]["gain_e_per_adu"].get<double>();
+  EXPECT_NEAR(medians[0][1] / level, 1.01, 0.02);
   const auto kept = ImageReader::Open(In("kept/light_0001.fits"));
   EXPECT_EQ(kept->Info().planes, 1);
-  EXPECT_EQ(FindMosaic(kept->Info()).name, "GBRG");
+  EXPECT_EQ(FindMosaic(kept->Info()).name, GetParam());
   // A calibrated mosaic that was kept can be developed later, to the same.
   ASSERT_EQ(Shell("korimg develop kept/light_0001.fits --out later --white-balance none && " + calibrate +
                   "--out plain --white-balance none")

@@ -92,9 +92,9 @@ class Session {
   std::vector<const Group*> NeededGroups() const;
   void ShowGroup(const Group& group) const;
   void MakeMasters();
-  Master MakeOrLoad(const Group& group, const Master* offset, bool mosaic);
+  Master MakeOrLoad(const Group& group, const Master* offset, int cfa);
   Master MakeScaled(const Group& group) const;
-  std::string DigestOf(const Group& group, const Master* offset, bool mosaic) const;
+  std::string DigestOf(const Group& group, const Master* offset, int cfa) const;
   void TurnMasters();
   void CheckLights();
   void CheckHoldsBias(const Master& dark) const;

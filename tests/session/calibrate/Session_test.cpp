@@ -16,6 +16,7 @@ TEST_F(SessionTest, RowsInPiecesAreThoseOfTheWholeLight) {
   constexpr int kSide = 101;
   ASSERT_TRUE(Simulate(In("mono"), {.frames = 3, .width = kSide, .height = kSide}));
   ASSERT_TRUE(Simulate(In("colour"), {.frames = 3, .width = kSide, .height = kSide, .bayer = "GRBG"}));
+  ASSERT_TRUE(Simulate(In("comb"), {.frames = 3, .width = kSide, .height = kSide, .bayer = "HONEYCOMB2"}));
   struct Case {
     const char* session;
     double pedestal;
@@ -23,7 +24,8 @@ TEST_F(SessionTest, RowsInPiecesAreThoseOfTheWholeLight) {
     int planes, side;
   } cases[] = {{"mono", 0, false, false, 1, kSide},      {"mono", 200, false, false, 1, kSide},
                {"colour", 0, false, false, 3, kSide},    {"colour", 200, false, false, 3, kSide},
-               {"colour", 0, true, false, 3, kSide / 2}, {"colour", 0, false, true, 1, kSide}};
+               {"colour", 0, true, false, 3, kSide / 2}, {"colour", 0, false, true, 1, kSide},
+               {"comb", 200, false, false, 3, kSide}};
   for (const Case& c : cases) {
     SCOPED_TRACE(fmt::format("{} {} {} {}", c.session, c.pedestal, c.half, c.keepMosaic));
     Job job;

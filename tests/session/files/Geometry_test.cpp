@@ -298,6 +298,66 @@ TEST_F(Geometry, TheMosaicKeepsItsPhase) {
   }
 }
 
+TEST_F(Geometry, AHoneycombKeepsItsPhaseOrIsRefused) {
+  constexpr const char* kCell[] = {"R.B.", ".G.G", "B.R.", ".G.G"};
+  constexpr int kOrigin[][2] = {{0, 0}, {2, 0}, {1, 1}, {3, 1}};
+  const auto colourOf = [&](int cfa, int x, int y) {
+    return kCell[(y - kOrigin[cfa - 11][1] + 8) % 4][(x - kOrigin[cfa - 11][0] + 8) % 4];
+  };
+  // Frames are in memory as they are stored, but upright where the file says that its rows run up.
+  const struct {
+    const char *key, *order;
+    int height;
+    bool isOverturned;
+  } kinds[] = {{"BAYERPAT", "", 14, false}, {"BAYERPAT", "BOTTOM-UP", 14, true}, {"FILTER", "", 15, true}};
+  enum { No, Yes, OfOddHeight };
+  for (int cfa = 11; cfa <= 14; ++cfa) {
+    for (const auto& [key, order, height, isOverturned] : kinds) {
+      Header header;
+      header.Set(key, files::CfaName(cfa));
+      if (*order) header.Set("ROWORDER", order);
+      Save(
+          19, height, 1,
+          [&, height = height, isOverturned = isOverturned](int, int x, int y) {
+            return colourOf(cfa, x, isOverturned ? height - 1 - y : y);
+          },
+          header);
+      for (const auto& [steps, when] : {std::pair("crop rect=0,0,12,9", Yes),
+                                        {"crop rect=1,1,13,12", Yes},
+                                        {"crop rect=2,0,13,11", Yes},
+                                        {"crop rect=3,1,18,14", Yes},
+                                        {"crop rect=1,3,18,14", Yes},
+                                        {"crop rect=1,0,13,11", No},
+                                        {"crop rect=1,0,13,12", No},
+                                        {"crop rect=2,3,13,12", No},
+                                        {"flip axis=left-right", Yes},
+                                        {"flip axis=top-bottom", OfOddHeight},
+                                        {"rotate degrees=180", OfOddHeight},
+                                        {"crop rect=1,1,14,14 then rotate degrees=180", Yes},
+                                        {"bin", No},
+                                        {"rotate degrees=90", No}}) {
+        const bool keeps = when == Yes || (when == OfOddHeight && height % 2 == 1);
+        if (!keeps) {
+          EXPECT_THROW(Run(steps), UsageError) << steps;
+          continue;
+        }
+        const Image result = Run(steps);
+        CVelImage* const image = &result.Pixels();
+        files::ImageInfo moved = result.Info();
+        moved.height = image->GetHeight();
+        const int after = files::FindMosaic(moved).cfa;
+        ASSERT_GT(after, 0) << cfa << " " << key << " " << order << " " << steps;
+        for (int y = 0; y < image->GetHeight(); ++y) {
+          for (int x = 0; x < image->GetWidth(); ++x) {
+            ASSERT_EQ(image->GetPixelGrayRaw(x, y, 0), colourOf(after, x, y))
+                << cfa << " " << key << " " << order << " " << steps << " " << x << " " << y;
+          }
+        }
+      }
+    }
+  }
+}
+
 TEST_F(Geometry, PixelsGoWhereTheyShould) {
   const PixelRule at = Random(100, 1000);
   Save(31, 22, 3, at);

@@ -23,7 +23,7 @@ char ColourAt(const std::string& pattern, int xOffset, int yOffset, int x, int y
 TEST(Mosaic, StoredPatternIsWhatTheUprightPictureHasThere) {
   for (const std::string pattern : {"RGGB", "GRBG", "BGGR", "GBRG"}) {
     for (int bits = 0; bits < 64; ++bits) {
-      BayerLayout layout;
+      MosaicLayout layout;
       layout.pattern = CfaNumber(pattern);
       layout.xOffset = bits & 1;
       layout.yOffset = bits >> 1 & 1;
@@ -41,6 +41,37 @@ TEST(Mosaic, StoredPatternIsWhatTheUprightPictureHasThere) {
       EXPECT_STREQ(CfaName(CfaNumber(layout)), stored.c_str()) << pattern << " case " << bits;
     }
   }
+}
+
+TEST(Mosaic, AHoneycombBeginsWithASiteOrHasNoNumber) {
+  // What 11 has, and where the others have its corner.
+  constexpr const char* kCell[] = {"R.B.", ".G.G", "B.R.", ".G.G"};
+  constexpr int kOrigin[][2] = {{0, 0}, {2, 0}, {1, 1}, {3, 1}};
+  const auto colourAt = [&](int cfa, int x, int y) {
+    return kCell[(y - kOrigin[cfa - 11][1] + 8) % 4][(x - kOrigin[cfa - 11][0] + 8) % 4];
+  };
+  int none = 0, cases = 0;
+  for (int pattern = 11; pattern <= 14; ++pattern) {
+    EXPECT_EQ(CfaNumber(CfaName(pattern)), pattern);
+    for (int i = 0; i < 1024; ++i, ++cases) {
+      MosaicLayout layout{.pattern = pattern, .xOffset = i & 3, .yOffset = i >> 2 & 3};
+      layout.cropX = i >> 4 & 3, layout.cropY = i >> 6 & 3;
+      layout.rowOrder = i & 256 ? RowOrder::BottomUp : RowOrder::TopDown;
+      layout.height = i & 512 ? 10 : 11;
+      const auto stored = [&](int x, int y) {
+        const int row = y + layout.cropY;
+        const int upright = layout.rowOrder == RowOrder::BottomUp ? layout.height - 1 - row : row;
+        return colourAt(pattern, x + layout.cropX + layout.xOffset, upright + layout.yOffset);
+      };
+      const int cfa = CfaNumber(layout);
+      ASSERT_EQ(cfa == 0, stored(0, 0) == '.') << pattern << " case " << i;
+      none += cfa == 0;
+      for (int k = 0; cfa > 0 && k < 16; ++k) {
+        ASSERT_EQ(colourAt(cfa, k % 4, k / 4), stored(k % 4, k / 4)) << pattern << " case " << i;
+      }
+    }
+  }
+  EXPECT_EQ(none, cases / 2);
 }
 
 TEST(Mosaic, HeadersSayWhichAndWhy) {
@@ -92,6 +123,28 @@ TEST(Mosaic, HeadersSayWhichAndWhy) {
        "GRBG",
        2,
        "as told"},
+      {"a honeycomb", {{"BAYERPAT", "honeycomb3"}}, 10, {}, "HONEYCOMB3", 13, "BAYERPAT"},
+      {"a honeycomb, two columns on",
+       {{"BAYERPAT", "HONEYCOMB1"}, {"XBAYROFF", "-2"}},
+       10,
+       {},
+       "HONEYCOMB2",
+       12,
+       "XBAYROFF 2"},
+      {"a honeycomb, bottom-up, odd",
+       {{"BAYERPAT", "HONEYCOMB1"}, {"ROWORDER", "BOTTOM-UP"}},
+       11,
+       {},
+       "HONEYCOMB2",
+       12,
+       "HONEYCOMB1 by BAYERPAT"},
+      {"between the sites",
+       {{"BAYERPAT", "HONEYCOMB1"}, {"YBAYROFF", "1"}},
+       10,
+       {},
+       "HONEYCOMB1",
+       0,
+       "between two sites"},
       {"told pattern against another", {{"BAYERPAT", "GMYC"}}, 10, {"BGGR", ""}, "BGGR", 3, "as told"},
   };
   for (const auto& c : cases) {

@@ -1,6 +1,7 @@
 #include "session/simulate/Simulate.h"
 
 #include <cmath>
+#include <map>
 #include <numbers>
 
 #include <nlohmann/json.hpp>
@@ -127,6 +128,36 @@ TEST_F(Simulated, SkyIsWhatTheTruthSays) {
   }
 }
 
+TEST_F(Simulated, AHoneycombHasItsSkyAtItsSites) {
+  const json truth =
+      Make({.frames = 20, .width = 240, .height = 180, .bayer = "HONEYCOMB4", .seed = 3, .overwrite = true});
+  EXPECT_EQ(ImageReader::Open(In("lights/light_0001.fits"))->Info().header.GetString("BAYERPAT"),
+            "HONEYCOMB4");
+  const std::vector<double> light = Calibrate(truth, 0);
+  const std::vector<float> raw = Frame("lights/light_0001.fits"), dark = Frame("darks/dark_0001.fits");
+  constexpr const char* kRows[] = {"G.G.", ".B.R", "G.G.", ".R.B"};
+  std::map<char, std::vector<double>> values;
+  for (int y = 0; y < height_; ++y) {
+    for (int x = 0; x < width_; ++x) {
+      const std::size_t i = static_cast<std::size_t>(y) * width_ + x;
+      const double gradient = 1 +
+                              truth["sky"]["gradient_x"].get<double>() * (x - (width_ - 1) / 2.0) / width_ +
+                              truth["sky"]["gradient_y"].get<double>() * (y - (height_ - 1) / 2.0) / height_;
+      const char site = kRows[y % 4][x % 4];
+      // The flat's mean over all squares is half of that over the sites.
+      if (site != '.') values[site].push_back(2 * light[i] / gradient);
+      ASSERT_EQ(raw[i] == 0, site == '.');
+      ASSERT_EQ(dark[i] == 0, site == '.');
+    }
+  }
+  for (const auto& [site, name] : {std::pair('R', "red"), {'G', "green"}, {'B', "blue"}}) {
+    EXPECT_NEAR(Median(values[site]) / truth["sky"]["sky_adu"][name].get<double>(), 1.005, 0.01) << name;
+  }
+  for (const json& pixel : truth["hot_pixels"]["list"]) {
+    EXPECT_NE(kRows[pixel["y"].get<int>() % 4][pixel["x"].get<int>() % 4], '.');
+  }
+}
+
 TEST_F(Simulated, StarsAreWhereAndAsBrightAsTheTruthSays) {
   const json truth = Make({.frames = 6, .width = 900, .height = 700, .seed = 5});
   for (const int light : {0, 1, 2, 5}) {  // the trail is in light 3
@@ -215,6 +246,7 @@ TEST_F(Simulated, RefusesCancelsAndCleansUp) {
   for (const auto& change : std::initializer_list<void (*)(SimulateOptions&)>{
            [](SimulateOptions& o) { o.frames = 0; }, [](SimulateOptions& o) { o.width = 63; },
            [](SimulateOptions& o) { o.height = 2000000; }, [](SimulateOptions& o) { o.bayer = "RGBG"; },
+           [](SimulateOptions& o) { o.bayer = "honeycomb1"; },
            [](SimulateOptions& o) {
              o.filters = {"L", "X"};
            },
