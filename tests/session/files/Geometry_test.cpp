@@ -343,6 +343,7 @@ TEST_F(Geometry, AHoneycombKeepsItsPhaseOrIsRefused) {
         }
         const Image result = Run(steps);
         CVelImage* const image = &result.Pixels();
+        EXPECT_TRUE(image->IsHoneyCombImage() && !image->IsBayerImage()) << steps;
         files::ImageInfo moved = result.Info();
         moved.height = image->GetHeight();
         const int after = files::FindMosaic(moved).cfa;
