@@ -45,6 +45,8 @@
 #include "korimg/levels/CImgReduceTone.h"
 #include "korimg/levels/CImgToneCurve.h"
 #include "korimg/levels/CImgWindowing.h"
+#include "korimg/measurement/CImgEvaluateFocus.h"
+#include "korimg/measurement/CImgMatching.h"
 #include "korimg/platform/StringTable.h"
 #include "korimg/raw/CImgBayerToRgb.h"
 #include "korimg/raw/CImgHoneyCombToRgb.h"
@@ -106,6 +108,11 @@ void Develop(Stage& s, double gamma, F&& render) {
   auto& target = s.Target<CImgFilterSpecial>();
   target.DigitalDvlp1(background, 0, r, 1, gammas, 3, s.src.get(), min, range, a, b, 0);
   render(target, gammas, planes, min, range, a, b);
+}
+
+void Match(Stage& s, int fine) {
+  double x = 0, y = 0;
+  s.Target<CImgMatching>().Do(s.src.get(), &x, &y, 16, fine, 1);
 }
 
 struct Operation {
@@ -416,6 +423,9 @@ const std::vector<Operation>& Operations() {
       {"spectrum", 6104, -1, Steps, [](Stage& s) { s.Target<CImgWiener>().Do(2, 0.1, nullptr, 1); }},
       {"Richardson-Lucy", 6154, -1, Steps,
        [](Stage& s) { s.Target<CImgLucy>().Do(2, 1, 5, 4, nullptr, 1); }},
+      {"focus", 6182, 3 * (kHeight - 20), Opens, [](Stage& s) { s.Target<CImgEvaluateFocus>().Do(1); }},
+      {"matching", 6152, 16 * 16 / 4 + 9, Steps, [](Stage& s) { Match(s, 0); }},
+      {"matching between pixels", 6152, -1, Steps, [](Stage& s) { Match(s, 1); }},
       {"maximum entropy", 6158, -1, Steps, [](Stage& s) { s.Target<CImgMem>().Do(2, 5, 4, nullptr, 1); }},
   };
   return all;

@@ -51,6 +51,15 @@ struct RowTiles {
     row = LoopLevel(f, y);
     block = LoopLevel(f, part);
   }
+  /// The rows of a func that is computed row by row in tiles of another's loops.
+  RowTiles(Halide::Func f, const Halide::LoopLevel& in_tile, const Halide::LoopLevel& in_row,
+           const Halide::Target& target)
+      : tile(in_tile), row(in_row), lanes(target.natural_vector_size<float>()), wide(8 * lanes) {
+    using namespace Halide;
+    Var x = f.args()[0], u("u"), part("part");
+    f.compute_at(row).split(x, part, u, wide, TailStrategy::RoundUp).vectorize(u, lanes).unroll(u);
+    block = LoopLevel(f, part);
+  }
 };
 
 /// A plane filtered by `weight`, 2 radius + 1 numbers, along x and then along y.
