@@ -33,7 +33,7 @@ int Run(int argc, char** argv, Tool& tool) {
   app.require_subcommand(0, 1);  // what is named as a verb after another one is a word of that one
   AddVersion(app, tool);
   for (const auto add : {AddInfo, AddOps, AddApply, AddCalibrate, AddCompose, AddComposite, AddDevelop,
-                         AddRegister, AddRender, AddRun, AddSimulate, AddSky, AddStack, AddStars}) {
+                         AddFocus, AddRegister, AddRender, AddRun, AddSimulate, AddSky, AddStack, AddStars}) {
     add(app, tool);
   }
   for (CLI::App* verb : app.get_subcommands({})) {

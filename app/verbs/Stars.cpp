@@ -14,9 +14,10 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 void PrintLines(const FileStars& found) {
-  fmt::print("{}: {} stars, FWHM {:.2f}, elongation {:.2f}, sky {:g} with a noise of {:.4g}, {}\n",
-             found.file.string(), found.stars.size(), found.fwhm, found.elongation, found.sky, found.noise,
-             found.GainText());
+  fmt::print("{}: {} stars, FWHM {:.2f}, elongation {:.2f}{}, sky {:g} with a noise of {:.4g}, {}\n",
+             found.file.string(), found.stars.size(), found.fwhm, found.elongation,
+             found.guideError ? fmt::format(", guide error {:.2f}", *found.guideError) : "", found.sky,
+             found.noise, found.GainText());
   if (!found.noData.empty()) fmt::print("{}: {}\n", found.file.string(), found.noData);
 }
 
@@ -27,6 +28,7 @@ void PrintJson(const FileStars& found) {
             {"stars", found.stars.size()},
             {"fwhm", found.fwhm},
             {"elongation", found.elongation},
+            {"guide_error", found.guideError ? Json(*found.guideError) : Json()},
             {"sky", found.sky},
             {"noise", found.noise},
             {"no_data", found.noData},

@@ -25,6 +25,7 @@ void AddCompose(CLI::App& app, Tool& tool);
 void AddComposite(CLI::App& app, Tool& tool);
 void AddCalibrate(CLI::App& app, Tool& tool);
 void AddDevelop(CLI::App& app, Tool& tool);
+void AddFocus(CLI::App& app, Tool& tool);
 void AddRender(CLI::App& app, Tool& tool);
 void AddSimulate(CLI::App& app, Tool& tool);
 void AddRun(CLI::App& app, Tool& tool);

@@ -49,7 +49,7 @@ double LineFocus(CVelImage& image, int p, int y, const Window& window) {
 }  // namespace
 
 double CImgEvaluateFocus::Do(CRect* rect, int show) {
-  const int narrow = SigmaSetting(L"Min", 1), wide = SigmaSetting(L"Max", 10);
+  const int narrow = SigmaSetting(L"Min", 1), wide = GetMargin();
   const Window window = Shrunk({*this, rect}, std::min(wide, std::max(GetWidth(), GetHeight())));
   const ProgressScope progress(*this, show, kProgressText, window.Lines(*this));
   if (window.IsEmpty()) return 0;
@@ -77,4 +77,8 @@ double CImgEvaluateFocus::Do(CRect* rect, int show) {
 
 double CImgEvaluateFocus::Do(int show) {
   return Do(nullptr, show);
+}
+
+int CImgEvaluateFocus::GetMargin() {
+  return SigmaSetting(L"Max", 10);
 }

@@ -13,4 +13,7 @@ class KORIMG_API CImgEvaluateFocus : public CVelImage {
 
   double Do(CRect* rect, int show);
   double Do(int show);
+
+  /// The setting "Max".
+  static int GetMargin();
 };

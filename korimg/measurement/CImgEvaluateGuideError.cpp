@@ -179,17 +179,24 @@ double CImgEvaluateGuideError::Do(CVelImage* image, int* found, CStarPosEx* star
     }
   }
 
+  int measured = 0;
+  const double elongation = CalcElongation(image, all.first, measured);
+  if (stars) *stars = all;
+  if (found) *found = measured > 0;
+  return elongation;
+}
+
+double CImgEvaluateGuideError::CalcElongation(CVelImage* image, const CArray<CStarPos, CStarPos&>& stars,
+                                              int& measured) {
   PSF psf(image);
   double sum = 0;
-  int measured = 0;
-  for (std::ptrdiff_t i = 0; i < all.first.GetSize(); ++i) {
-    const CPoint centre(TruncateToInt(all.first[i].x), TruncateToInt(all.first[i].y));
+  measured = 0;
+  for (std::ptrdiff_t i = 0; i < stars.GetSize(); ++i) {
+    const CPoint centre(TruncateToInt(stars[i].x), TruncateToInt(stars[i].y));
     double left, right, up, down;
     if (!psf.GetFWHMXY(centre, &left, &right, &up, &down, nullptr)) continue;
     sum += std::max(left + right, up + down) / std::min(left + right, up + down);
     ++measured;
   }
-  if (stars) *stars = all;
-  if (found) *found = measured > 0;
   return measured > 0 ? sum / measured : 0;
 }

@@ -16,6 +16,10 @@ class KORIMG_API CImgEvaluateGuideError : public CVelImage {
   /// `stars` takes the stars and, as its second list, the regions. Both may be null. This object is not used.
   double Do(CVelImage* image, int* found, CStarPosEx* stars);
 
+  /// The mean elongation of the stars at given centres, of those whose widths can be measured; `measured`
+  /// gets their number. 0 without any.
+  static double CalcElongation(CVelImage* image, const CArray<CStarPos, CStarPos&>& stars, int& measured);
+
   /// Adds the brightest stars of a rectangle of this image to the list: at most `maxStars`, brightest peak
   /// first. This image is `image` reduced by `factor`, without sky. A place whose widths cannot be measured
   /// counts as one of them and is left out, and so is a star whose middle is below the mean of `image`.

@@ -13,6 +13,8 @@
 #include "korimg/image/internal/Lines.h"
 #include "korimg/image/internal/Numbers.h"
 
+#include "session/focus/Focus.h"
+
 namespace korimg::session {
 namespace {
 
@@ -159,6 +161,7 @@ FrameMeasure MeasureFrame(CVelImage& image, double sigmas) {
           finder.GetNoise(),
           finder.GetFwhm(),
           finder.GetElongation(),
+          GuideErrorOf(image, finder.GetStars()),
           count,
           CStarMatcher::Select(finder.GetStars()),
           {},

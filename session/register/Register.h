@@ -22,12 +22,13 @@ namespace korimg::session {
 /// What is kept of a frame once its pixels are gone.
 struct FrameMeasure {
   int width = 0, height = 0;
-  double sky = 0, noise = 0;        ///< level and deviation, raw
-  double fwhm = 0, elongation = 0;  ///< of the usual star
-  int starCount = 0;                ///< found
-  std::vector<CStar> stars;         ///< those that frames are matched by: 2000 at most
-  std::string noData;               ///< for people: what of its edges was left out
-  std::uint64_t digest = 0;         ///< of its pixels: equal for copies
+  double sky = 0, noise = 0;         ///< level and deviation, raw
+  double fwhm = 0, elongation = 0;   ///< of the usual star
+  std::optional<double> guideError;  ///< see GuideErrorOf
+  int starCount = 0;                 ///< found
+  std::vector<CStar> stars;          ///< those that frames are matched by: 2000 at most
+  std::string noData;                ///< for people: what of its edges was left out
+  std::uint64_t digest = 0;          ///< of its pixels: equal for copies
 };
 
 /// Finds and measures the stars of an image, `sigmas` above the sky.

@@ -160,7 +160,8 @@ std::string Page(const Report& report) {
   page +=
       "</div>\n<h2>Frames</h2>\n<div class=\"scroll\"><table>\n<tr><th></th><th>frame</th><th>status</th>"
       "<th>calibrated by</th><th class=\"n\">clipped</th><th class=\"n\">stars</th><th class=\"n\">FWHM</th>"
-      "<th class=\"n\">elongation</th><th class=\"n\">sky</th><th class=\"n\">noise</th><th>registered "
+      "<th class=\"n\">elongation</th><th class=\"n\">guide error</th><th class=\"n\">sky</th><th "
+      "class=\"n\">noise</th><th>registered "
       "by</th>"
       "<th class=\"n\">dx</th><th class=\"n\">dy</th><th class=\"n\">degrees</th><th "
       "class=\"n\">residual</th>"
@@ -176,7 +177,7 @@ std::string Page(const Report& report) {
                                          : "left out: " + Escaped(frame.reason),
                     Escaped(frame.served), 100 * frame.clipped);
     page += Cell(frame.stars, "{:.0f}") + Cell(frame.fwhm, "{:.2f}") + Cell(frame.elongation, "{:.2f}") +
-            Cell(frame.sky, "{:.5g}") + Cell(frame.noise, "{:.4g}") +
+            Cell(frame.guideError, "{:.2f}") + Cell(frame.sky, "{:.5g}") + Cell(frame.noise, "{:.4g}") +
             fmt::format("<td>{}</td>", Escaped(frame.method)) + Cell(frame.dx, "{:.2f}") +
             Cell(frame.dy, "{:.2f}") + Cell(frame.degrees, "{:.3f}") + Cell(frame.residual, "{:.3f}") +
             Cell(frame.light, "{:.3g}") + Cell(frame.weight, "{:.2f}") + Cell(frame.rejected, "{:.3f} %") +

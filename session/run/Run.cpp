@@ -619,6 +619,7 @@ class Road {
       json.update({{"stars", m.starCount},
                    {"fwhm", m.fwhm},
                    {"elongation", m.elongation},
+                   {"guide_error", m.guideError ? Json(*m.guideError) : Json()},
                    {"sky", m.sky},
                    {"noise", m.noise},
                    {"dx", r.dx},
@@ -657,6 +658,7 @@ class Road {
         if (frame.measure.starCount > 0) {
           row.fwhm = frame.measure.fwhm;
           row.elongation = frame.measure.elongation;
+          row.guideError = frame.measure.guideError;
         }
         if (frame.registration.IsGood()) {
           row.method = frame.registration.method;

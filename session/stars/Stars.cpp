@@ -9,6 +9,7 @@
 
 #include "session/calibrate/Frames.h"
 #include "session/files/Formats.h"
+#include "session/focus/Focus.h"
 #include "session/job/internal/Edge.h"
 
 namespace korimg::session {
@@ -44,6 +45,7 @@ FoundStars FindStars(const Image& image, const StarOptions& options) {
     found.stars = finder.GetStars();
     found.fwhm = finder.GetFwhm();
     found.elongation = finder.GetElongation();
+    found.guideError = GuideErrorOf(pixels, found.stars);
     found.sky = finder.GetSky();
     found.noise = finder.GetNoise();
     return found;

@@ -27,12 +27,13 @@ struct StarFilesOptions : StarOptions {
 };
 
 struct FoundStars {
-  int width = 0, height = 0;        ///< of the image, pixels
-  std::vector<CStar> stars;         ///< in order of falling flux
-  double fwhm = 0, elongation = 0;  ///< of the usual star; 0 without any
-  double sky = 0, noise = 0;        ///< level and deviation, raw
-  files::Gain gain;                 ///< that the stars' signal to noise takes into account
-  std::string noData;               ///< for people: what of the edges holds no data
+  int width = 0, height = 0;         ///< of the image, pixels
+  std::vector<CStar> stars;          ///< in order of falling flux
+  double fwhm = 0, elongation = 0;   ///< of the usual star; 0 without any
+  std::optional<double> guideError;  ///< see GuideErrorOf
+  double sky = 0, noise = 0;         ///< level and deviation, raw
+  files::Gain gain;                  ///< that the stars' signal to noise takes into account
+  std::string noData;                ///< for people: what of the edges holds no data
 
   /// The gain for people, and what it means that it is not known.
   KORIMG_SESSION_API std::string GainText() const;

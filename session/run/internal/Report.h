@@ -18,7 +18,7 @@ struct ReportFrame {
   std::string thumbnail;  ///< a JPEG
   std::string method;     ///< how it was registered
   double clipped = 0;     ///< share of the pixels limited at 0
-  std::optional<double> stars, fwhm, elongation, sky, noise;
+  std::optional<double> stars, fwhm, elongation, guideError, sky, noise;
   std::optional<double> dx, dy, degrees, residual;
   std::optional<double> light;             ///< of its stars, in that of the same ones on the reference
   std::optional<double> weight, rejected;  ///< in the stack; share of its pixels
