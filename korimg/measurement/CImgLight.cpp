@@ -26,6 +26,19 @@ void CImgLight::Do(CVelImage* image) {
   ReadLines(*this, *image, [](int, float*) {});
 }
 
+void CImgLight::DoWithoutSky(CVelImage* image) {
+  if (image->IsEmpty()) return;
+  const SkyMesh sky(*image);
+  const int width = image->GetWidth();
+  ReadLines(*this, *image, [&](int y, float* line) {
+    std::vector<float> level(width);
+    sky.Levels(0, y, width, level.data());
+    for (int x = 0; x < width; ++x) {
+      line[x] = line[x] - line[x] == 0 ? line[x] - level[x] : 0;
+    }
+  });
+}
+
 void CImgLight::DoAboveSky(CVelImage* image, double sigmas) {
   if (image->IsEmpty()) return;
   const SkyMesh sky(*image);

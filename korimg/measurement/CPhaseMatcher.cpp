@@ -10,6 +10,7 @@
 #include "korimg/geometry/fourier/CFft.h"
 #include "korimg/geometry/fourier/CImgFourier.h"
 #include "korimg/image/internal/Frame.h"
+#include "korimg/measurement/CImgLight.h"
 #include "korimg/measurement/internal/RigidFit.h"
 #include "korimg/measurement/internal/SkyMesh.h"
 #include "korimg/platform/CParallel.h"
@@ -49,32 +50,16 @@ void PutBinned(CVelImage& image, int bin, CVelImage& plane, int left, int top) {
   });
 }
 
-/// An image without its sky; what is no number is sky.
-std::unique_ptr<CImgFourier> WithoutSky(CVelImage& image) {
-  const SkyMesh sky(image);
-  const int width = image.GetWidth();
-  auto result = MakePlane(image, width, image.GetHeight());
-  ForLines(Team::All, 0, image.GetHeight(), [&](int y) {
-    std::vector<float> line(width), level(width);
-    ReadLight(image, 0, y, width, line.data());
-    sky.Levels(0, y, width, level.data());
-    float* out = result->GetWritableLine(0, y, 0);
-    for (int x = 0; x < width; ++x) {
-      out[x] = line[x] - line[x] == 0 ? line[x] - level[x] : 0;
-    }
-  });
-  return result;
-}
-
 /// What stands out of the sky by three to fifty deviations, once single pixels are gone.
 std::unique_ptr<CImgFourier> LightOf(CVelImage& image, int bin) {
   constexpr double kSingle = 1.5, kBlur = 1.2;
   constexpr float kLeast = 3, kMost = 50;
-  auto light = WithoutSky(image);
+  CImgLight withoutSky;
+  withoutSky.DoWithoutSky(&image);
   CImgFilterBlur whole;
-  MakeWorkImage(whole, *light);
-  whole.MedianFilter(kSingle, light.get(), nullptr, 0);
-  light = MakePlane(image, image.GetWidth() / bin, image.GetHeight() / bin);
+  MakeWorkImage(whole, withoutSky);
+  whole.MedianFilter(kSingle, &withoutSky, nullptr, 0);
+  auto light = MakePlane(image, image.GetWidth() / bin, image.GetHeight() / bin);
   PutBinned(whole, bin, *light, 0, 0);
   CImgFilterBlur blurred;
   MakeWorkImage(blurred, *light);

@@ -226,9 +226,22 @@ Registration Registrar::RegisterByLight(const FrameMeasure& frame, const ImageSo
   }
   const auto own = image();
   const CStarMatch disc = disc_->Match(*own);
-  if (disc.status != CStarMatch::Ok) return FromMatch(phase_->Match(*own), frame, "phase");
+  if (disc.status != CStarMatch::Ok) {
+    const Registration phase = FromMatch(phase_->Match(*own), frame, "phase");
+    return phase.IsGood() ? phase : RegisterByPlace(frame, *own);
+  }
   Registration registration = FromMatch(disc, frame, "disc");
   registration.note = "by the middle of its disc; turns other than half ones are not looked for";
+  return registration;
+}
+
+Registration Registrar::RegisterByPlace(const FrameMeasure& frame, CVelImage& image) {
+  constexpr size_t kFew = 5;  // of as many, stars would have matched
+  Registration registration = FromMatch(CStarMatch{CStarMatch::NoMatch}, frame, "place");
+  if (std::min(frame.stars.size(), starCount_) >= kFew) return registration;
+  if (!place_) place_ = std::make_unique<CPlaceMatcher>(*reference_);
+  registration = FromMatch(place_->Match(image), frame, "place");
+  registration.note = "by the place where its light fits best; turns are not looked for";
   return registration;
 }
 

@@ -1,4 +1,4 @@
-// How frames lie on a reference: first by their stars, then by phase correlation. Nothing here reads files.
+// How frames lie on a reference: first by their stars, then by their light. Nothing here reads files.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +13,7 @@
 
 #include "korimg/measurement/CDiscMatcher.h"
 #include "korimg/measurement/CPhaseMatcher.h"
+#include "korimg/measurement/CPlaceMatcher.h"
 #include "korimg/measurement/CStarMatcher.h"
 
 #include "session/Export.h"
@@ -46,7 +47,7 @@ struct Registration {
   int stars = 0;        ///< that the fit is made of
   double residual = 0;  ///< pixels, root mean square
   double fwhm = 0;      ///< pixels, of the frame's stars
-  std::string method;   ///< "reference", "stars", "disc", "phase"
+  std::string method;   ///< "reference", "stars", "disc", "phase", "place"
   std::string
       status;  ///< "ok", "no stars", "no match", "mirrored", "residual too large", "copy", "cannot be read"
   std::string note;  ///< numbers and limits: of what is not ok why, else what few stars leave open
@@ -72,8 +73,8 @@ using ImageSource = std::function<std::shared_ptr<CVelImage>()>;
 class KORIMG_SESSION_API Registrar {
  public:
   /// The image of the reference is only asked for by the first frame whose stars do not match: discs are laid
-  /// on each other by their middles, and everything else by phase correlation. Stars may be
-  /// off by `residual` pixels.
+  /// on each other by their middles, everything else by phase correlation, and what has hardly any stars in
+  /// the end by the place where its light fits best. Stars may be off by `residual` pixels.
   Registrar(const FrameMeasure& reference, ImageSource image, double residual = 1);
 
   /// A frame that no method can lay on the reference has the status of its stars. Throws what the sources of
@@ -82,6 +83,7 @@ class KORIMG_SESSION_API Registrar {
 
  private:
   Registration RegisterByLight(const FrameMeasure& frame, const ImageSource& image);
+  Registration RegisterByPlace(const FrameMeasure& frame, CVelImage& image);
 
   CStarMatcher stars_;
   size_t starCount_;  ///< of the reference
@@ -91,6 +93,7 @@ class KORIMG_SESSION_API Registrar {
   std::shared_ptr<CVelImage> reference_;
   std::unique_ptr<CDiscMatcher> disc_;
   std::unique_ptr<CPhaseMatcher> phase_;
+  std::unique_ptr<CPlaceMatcher> place_;
 };
 
 /// Lays frames that do not match the reference on frames that lie on it: those nearest in the order of
