@@ -88,7 +88,7 @@ CPlaceMatcher::~CPlaceMatcher() = default;
 
 CStarMatch CPlaceMatcher::Match(CVelImage& image) const {
   constexpr int kRange = 8;  // pixels of a scale, to both sides, about what the coarser one found
-  constexpr double kMoved = 0.5;
+  constexpr double kMoved = 0.5, kSure = 1, kResiduals = 3;  // pixels, and how many of them
   CStarMatch match;
   match.status = CStarMatch::NoMatch;
   if (image.IsEmpty()) return match;
@@ -108,7 +108,8 @@ CStarMatch CPlaceMatcher::Match(CVelImage& image) const {
     y = toY * bin;
     found = true;
   }
-  if (!found || std::hypot(x, y) < std::max(kMoved, match.residual)) return match;
+  const double moved = std::hypot(x, y);
+  if (!found || match.residual > kSure || moved < std::max(kMoved, kResiduals * match.residual)) return match;
   const Pose pose = PoseOf({1, 0, x, y}, image.GetWidth(), image.GetHeight());
   match.dx = pose.dx;
   match.dy = pose.dy;

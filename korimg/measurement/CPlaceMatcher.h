@@ -12,8 +12,9 @@
 ///
 /// Only shifts are found, up to a third of the shorter side. What is compared is light that stands out of the
 /// sky, in means of many pixels first, then of fewer as long as it is alike. There is a best place always: it
-/// counts when the light of both images is alike there by 0.75 of 1, and when the image has moved by half a
-/// pixel or more, since what belongs to the sensor does not move.
+/// counts when the light of both images is alike there by 0.75 of 1, when the last halving of the means has
+/// moved it by a pixel at most, and when the image has moved by three times that and by half a pixel, since
+/// what belongs to the sensor does not move.
 class KORIMG_API CPlaceMatcher {
  public:
   /// The reference may go afterwards.

@@ -100,6 +100,29 @@ TEST_F(StarsTest, RegistersASessionAgainstItsTruth) {
   }
 }
 
+TEST_F(StarsTest, ALoneObjectIsLaidByThePlaceOfItsLight) {
+  // A ringed planet too small for a disc; and a frame that clouds have taken it from.
+  const auto planet = [](double x, double y, double light, int seed) -> test::PixelRule {
+    return [=](int p, int px, int py) {
+      const double u = px - x, v = py - y, globe = std::exp(-std::pow(std::hypot(u, v) / 7, 6));
+      const double ring = std::exp(-std::pow(std::hypot(u / 15, (v - 0.3 * u) / 4) - 1, 2) / 0.05);
+      return 500 + light * (globe + 0.7 * ring) + test::Random(-30, 30, seed)(p, px, py);
+    };
+  };
+  Save("1.fits", 640, 480, 1, planet(300, 240, 600, 1));
+  Save("2.fits", 640, 480, 3, planet(340.5, 221.25, 450, 2));
+  Save("3.fits", 640, 480, 1, planet(300, 240, 0, 3));
+  const Result r = Shell("korimg register --json --reference 1.fits 1.fits 2.fits 3.fits");
+  const auto lines = Lines(r.out);
+  ASSERT_EQ(lines.size(), 3u) << r.err;
+  EXPECT_EQ(lines[1]["status"], "ok") << lines[1];
+  EXPECT_EQ(lines[1]["method"], "place");
+  EXPECT_NEAR(lines[1]["dx"], -40.5, 0.3);
+  EXPECT_NEAR(lines[1]["dy"], 18.75, 0.3);
+  EXPECT_NE(lines[1]["note"].get<std::string>().find("turns are not looked for"), std::string::npos);
+  EXPECT_EQ(lines[2]["status"], "no stars") << lines[2];
+}
+
 TEST_F(StarsTest, RealFramesAreLaidOnEachOther) {
   const std::filesystem::path data = RealFrames();
   if (data.empty()) GTEST_SKIP() << "no real frames: KORIMG_TEST_DATA names no folder";
