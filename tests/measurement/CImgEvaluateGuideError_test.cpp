@@ -189,4 +189,28 @@ TEST(GuideError, OnePlaceThatCannotBeMeasuredCountsAsOneOfThem) {
   EXPECT_EQ(reduced->DetectStars(full.get(), kFactor, &left, 0, list), 0);
 }
 
+TEST(GuideError, OfEqualPeaksTheFirstByRowsIsTakenAndNoneBelowTheMean) {
+  // Further from the left than the first ones of their row, and in an earlier lane of the sums.
+  const CPoint places[] = {{77, 20}, {33, 40}, {66, 40}, {12, 60}};
+  const auto image = Make<CImgEvaluateGuideError>(MemoryStore(), 100, 80, 1, [&](int, int x, int y) {
+    double light = 10 + (x * 7 + y * 13) % 5 % 3;
+    for (const CPoint& p : places) {
+      light += 100 * std::exp(-0.3 * ((x - p.x) * (x - p.x) + (y - p.y) * (y - p.y)));
+    }
+    return std::round(light);
+  });
+  CArray<CStarPos, CStarPos&> list;
+  CRect rect(2, 0, 100, 80);
+  CVelImage measured(*image, nullptr);
+  Paint(*image, [&](int, int x, int y) {
+    return std::any_of(std::begin(places), std::end(places), [&](CPoint p) { return p == CPoint(x, y); }) ? 5
+                                                                                                          : 3;
+  });
+  EXPECT_EQ(image->DetectStars(&measured, 1, &rect, 9, list), 4);
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_NEAR(list[i].x, places[i].x + 0.5, 0.1) << i;
+    EXPECT_NEAR(list[i].y, places[i].y + 0.5, 0.1) << i;
+  }
+}
+
 }  // namespace

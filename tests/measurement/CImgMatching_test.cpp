@@ -175,7 +175,9 @@ TEST(Matching, MeansOfNothingLeaveTheLightAlone) {
   for (const auto& [mean, otherMean, planes, otherPlanes] :
        {std::tuple(0.0, 40.0, 1, 1), {40.0, 0.0, 1, 1}, {0.0, 40.0, 3, 3}, {40.0, 0.0, 3, 1}}) {
     const auto wave = [](double level) -> PixelRule {
-      return [=](int, int x, int y) { return level + ((x * 5 + y * 3) % 8 < 4 ? 1 : -1); };
+      return [=](int, int x, int y) {
+        return level + (Noise(x / 2 + 1000 * y) < 0.5 ? 1 : -1) * (x % 2 ? 1 : -1);
+      };
     };
     const auto image = Make<CImgMatching>(MemoryStore(), 64, 64, planes, wave(mean));
     const auto other = Make(MemoryStore(), 64, 64, otherPlanes, wave(otherMean));
