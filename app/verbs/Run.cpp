@@ -10,7 +10,7 @@ namespace fs = std::filesystem;
 
 void AddRun(CLI::App& app, Tool& tool) {
   struct Arguments {
-    fs::path session;
+    fs::path session, selection;
     RunOptions options;
   };
   auto arguments = std::make_shared<Arguments>();
@@ -26,6 +26,14 @@ void AddRun(CLI::App& app, Tool& tool) {
       "--masters", options.calibrate.masters,
       "folder of masters of any sessions: those made of the same frames are used again, others are added; "
       "without it they are kept in OUT/masters");
+  verb->add_option(
+      "--reference", options.reference,
+      "a light, or an image of the lights' size such as a stack of another night, whose grid all stacks "
+      "lie on; the best light unless told");
+  verb->add_option("--include", options.include, "patterns of names: only these lights are used");
+  verb->add_option("--exclude", options.exclude, "patterns of names: these lights are left out");
+  verb->add_option("--selection", arguments->selection,
+                   "a file of JSON with lists include and exclude, and reference");
   verb->add_option("--min-stars", options.limits.stars,
                    "leave out frames with fewer stars than this share of the median; 0: no limit")
       ->check(CLI::Range(0.0, 1.0));
@@ -49,6 +57,7 @@ void AddRun(CLI::App& app, Tool& tool) {
   verb->callback([arguments, &tool] {
     tool.Begin();
     CheckWhiteBalance(arguments->options.calibrate.develop.whiteBalance);
+    if (!arguments->selection.empty()) AddSelection(arguments->options, arguments->selection);
     CalibrateOptions& frames = arguments->options.calibrate;
     SessionFrames found = FindSession(tool.job, arguments->session, frames.out);
     frames.lights = std::move(found.lights);

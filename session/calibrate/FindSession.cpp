@@ -100,7 +100,7 @@ std::vector<fs::path> FramesIn(Job& job, const fs::path& folder) {
 }
 
 /// What frames are for, as capture programs and people call it.
-enum class Use { Unknown, Light, Dark, Flat, Bias, Finished };
+enum class Use { Unknown, Light, Dark, Flat, Bias, Calibrated, Finished };
 
 /// By a name as folders, files and headers have it: its letters alone.
 Use UseOfWord(const std::string& text) {
@@ -124,6 +124,13 @@ Use UseOfWord(const std::string& text) {
   return Use::Unknown;
 }
 
+/// A light that was calibrated by us, and lies beside the raw one, counts once.
+bool IsCalibrated(const files::Header& header) {
+  return std::any_of(header.cards.begin(), header.cards.end(), [](const std::string& card) {
+    return card.starts_with("HISTORY korimg ") && card.find(" calibrate") != std::string::npos;
+  });
+}
+
 /// By what a file's header says. Finished pictures are none of a session's frames.
 Use UseByHeader(const fs::path& path) {
   if (KindOf(path) != kFits) return Use::Unknown;
@@ -136,8 +143,9 @@ Use UseByHeader(const fs::path& path) {
   Use use = UseOfWord(header.GetString("IMAGETYP").value_or(""));
   if (use == Use::Unknown) use = UseOfWord(header.GetString("FRAME").value_or(""));
   const auto count = header.GetInt("STACKCNT") ? header.GetInt("STACKCNT") : header.GetInt("NCOMBINE");
-  const bool isStack = count.value_or(0) > 1 && (use == Use::Light || use == Use::Unknown);
-  return isStack ? Use::Finished : use;
+  const bool isLight = use == Use::Light || use == Use::Unknown;
+  if (isLight && IsCalibrated(header)) return Use::Calibrated;
+  return isLight && count.value_or(0) > 1 ? Use::Finished : use;
 }
 
 /// By a word of a file's name, as in "dark_300s_0001.fits".
@@ -184,7 +192,14 @@ class Walk {
     }
   }
 
-  void TellOthers() const {
+  /// Once all is seen.
+  void Finish() {
+    std::vector<fs::path>& lights = found_.lights;
+    if (lights.empty()) {
+      lights = std::move(calibrated_);
+    } else if (!calibrated_.empty()) {
+      others_["left out: calibrated lights beside raw ones"] = std::move(calibrated_);
+    }
     for (const auto& [text, files] : others_) {
       job_.Warn(fmt::format("{} {}: {}{}", files.size(), files.size() == 1 ? "frame" : "frames", text,
                             files.front().string(), files.size() > 1 ? " and others" : ""));
@@ -196,6 +211,10 @@ class Walk {
     const Use byHeader = UseByHeader(file);
     const bool isPicture = KindOf(file) == kTiff || KindOf(file) == kPng;
     Use use = byHeader != Use::Unknown ? byHeader : byFolder != Use::Unknown ? byFolder : UseByName(file);
+    if (byHeader == Use::Calibrated) {
+      calibrated_.push_back(file);
+      return;
+    }
     if (byHeader == Use::Finished) {
       others_["left out: stacks of several lights"].push_back(file);
       return;
@@ -224,6 +243,7 @@ class Walk {
   Job& job_;
   SessionFrames& found_;
   fs::path results_;
+  std::vector<fs::path> calibrated_;
   std::map<std::string, std::vector<fs::path>> others_;  ///< by what is told of them
 };
 
@@ -236,7 +256,7 @@ SessionFrames FindSession(Job& job, const fs::path& folder, const fs::path& resu
   SessionFrames found;
   Walk walk(job, found, results);
   walk.Through(folder, Use::Unknown);
-  walk.TellOthers();
+  walk.Finish();
   const auto count = [](const char* name, const std::vector<fs::path>& files) {
     std::set<fs::path> folders;
     for (const fs::path& file : files) {

@@ -196,7 +196,8 @@ void Session::Show() const {
   }
 }
 
-std::vector<fs::path> Session::CheckOutputs(std::vector<fs::path> outputs) const {
+std::vector<fs::path> Session::CheckOutputs(std::vector<fs::path> outputs,
+                                            const std::function<bool(const fs::path&)>& ours) const {
   if (!options_.masters.empty()) {
     // What a manifest tells of was made by us, and is used again, or made anew.
     for (const Group* group : NeededGroups()) {
@@ -219,8 +220,9 @@ std::vector<fs::path> Session::CheckOutputs(std::vector<fs::path> outputs) const
     if (inputs.contains(fs::weakly_canonical(output))) {
       throw files::FileError(output, "would be replaced by its own result; choose another --out");
     }
-    job_.CheckOutput(output);
+    if (!ours || !ours(output)) job_.CheckOutput(output);
   }
+  std::erase_if(outputs, [&](const fs::path& output) { return ours && ours(output); });
   return outputs;
 }
 
@@ -286,6 +288,20 @@ std::string Session::DigestOf(const Group& group, const Master* offset, int cfa)
   if (group.bias) made["bias"] = digests_.at(group.bias);
   return fmt::format("{:016x}",
                      std::hash<std::string>()(made.dump(-1, ' ', true, Json::error_handler_t::replace)));
+}
+
+std::string Session::DigestOf(const Light& light) const {
+  const auto master = [&](const Group* group) { return group ? digests_.at(group) : ""; };
+  const auto balance = balances_.find(CameraOf(light));
+  Json made{{"korimg", Version()},
+            {"file", fs::weakly_canonical(light.frame.path).string()},
+            {"stamp", files::StampOf(light.frame.path)},
+            {"offset", master(light.Offset())},
+            {"flat", master(light.flat)},
+            {"pedestal", {PedestalOf(light), options_.KeptPedestal()}},
+            {"mosaic", {light.mosaic.name, light.mosaic.cfa, options_.develop.half, options_.develop.mono}}};
+  if (balance != balances_.end()) made["balance"] = balance->second.gains;
+  return made.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
 /// A master that is there, if it was made of the same frames; else it is made.

@@ -5,6 +5,7 @@
 #include <exception>
 #include <map>
 #include <set>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -13,6 +14,7 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "session/calibrate/internal/Session.h"
+#include "session/files/Formats.h"
 #include "session/files/Gain.h"
 #include "session/files/Geometry.h"
 #include "session/files/internal/ConstantBorder.h"
@@ -22,7 +24,10 @@
 #include "session/picture/AutoPicture.h"
 #include "session/register/Register.h"
 #include "session/run/internal/Gradient.h"
+#include "session/run/internal/Kept.h"
 #include "session/run/internal/Report.h"
+#include "session/run/internal/Selection.h"
+#include "session/run/internal/State.h"
 #include "session/stack/internal/StackHeader.h"
 
 namespace korimg::session {
@@ -37,6 +42,7 @@ constexpr int kThumbnailSide = 300, kPictureSide = 1400;  // pixels
 /// A light on its way.
 struct Progress {
   const Light* light = nullptr;
+  std::string digest = {};               ///< of all that its pixels depend on
   std::string error = "cannot be read";  ///< it could not be done at all
   Shape shape;
   double clipped = 0;
@@ -48,6 +54,7 @@ struct Progress {
   std::string reason;  ///< why it is left out
   double weight = 0;
   CImgStack::Counts counts;
+  bool isKept = false;  ///< it was measured by an earlier call
 
   bool IsMeasured() const { return error.empty(); }
   bool IsUsed() const { return error.empty() && reason.empty(); }
@@ -65,16 +72,6 @@ double Rejected(const CImgStack::Counts& c) {
   return c.values > 0 ? static_cast<double>(c.low + c.high) / static_cast<double>(c.values) : 0;
 }
 
-/// A filter's name as it may stand in the name of a file.
-std::string FileWord(const std::string& text) {
-  std::string word;
-  for (const char c : text) {
-    const bool plain = std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '+';
-    word += plain ? c : '_';
-  }
-  return word.empty() ? "none" : word;
-}
-
 /// All of a light, calibrated and developed.
 std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmManager>& store) {
   const Shape shape = rows.Size();
@@ -86,14 +83,16 @@ std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmM
   return image;
 }
 
-/// Takes what a run has written away when it ends by an exception: a repeat must not find outputs in its way.
+/// Takes what a run has written away when it ends by an exception before there is anything to go on with.
 class Unfinished {
  public:
-  Unfinished(const Job& job, std::vector<fs::path> outputs, const CalibrateOptions& options)
-      : outputs_(job.options.overwrite ? std::vector<fs::path>() : std::move(outputs)),
-        folders_{options.masters, options.out} {}
+  Unfinished(const Job& job, const RunState& state, std::vector<fs::path> outputs,
+             const CalibrateOptions& options)
+      : state_(state),
+        outputs_(job.options.overwrite ? std::vector<fs::path>() : std::move(outputs)),
+        folders_{options.out / ".korimg", options.masters, options.out} {}
   ~Unfinished() {
-    if (std::uncaught_exceptions() == exceptions_) return;
+    if (std::uncaught_exceptions() == exceptions_ || state_.HasKept()) return;
     std::error_code ignored;
     for (const fs::path& output : outputs_) {
       fs::remove(output, ignored);
@@ -106,15 +105,17 @@ class Unfinished {
   Unfinished& operator=(const Unfinished&) = delete;
 
  private:
+  const RunState& state_;
   int exceptions_ = std::uncaught_exceptions();
   std::vector<fs::path> outputs_, folders_;
 };
 
 class Road {
  public:
-  Road(Job& job, const RunOptions& options) : job_(job), options_(options), session_(job, options.calibrate) {
+  Road(Job& job, const RunOptions& options, std::vector<RunFrame> excluded = {})
+      : job_(job), options_(options), session_(job, options.calibrate), excluded_(std::move(excluded)) {
     for (const Light& light : session_.Lights()) {
-      frames_.push_back({&light});
+      frames_.push_back({.light = &light});
     }
     // In the order of time, which is that of names where nothing else is known.
     std::stable_sort(frames_.begin(), frames_.end(), [](const Progress& a, const Progress& b) {
@@ -172,19 +173,31 @@ class Road {
   RunResult Do() {
     std::vector<fs::path> outputs = {Path("report.html")};
     for (const Target& target : targets_) {
-      for (const char* extension : {".fits", "_float.tif", "_16bit.tif", ".png"}) {
-        outputs.push_back(Path(target.name + extension));
-      }
-      if (options_.gradient) outputs.push_back(Path(target.name + "_gradient.fits"));
+      const std::vector<fs::path> own = OutputsOf(target);
+      outputs.insert(outputs.end(), own.begin(), own.end());
     }
     if (colours_) {
       for (const char* extension : {".fits", ".tif", ".png"}) {
         outputs.push_back(Path(std::string("colour") + extension));
       }
     }
-    const Unfinished unfinished(job_, session_.CheckOutputs(outputs), options_.calibrate);
+    std::vector<fs::path> lights;
+    for (const Progress& frame : frames_) {
+      lights.push_back(frame.light->frame.path);
+    }
+    state_.emplace(options_.calibrate.out, lights, job_.options.overwrite);
+    const Unfinished unfinished(
+        job_, *state_,
+        session_.CheckOutputs(outputs, [&](const fs::path& path) { return state_->Owns(path); }),
+        options_.calibrate);
     session_.Prepare();
     fs::create_directories(options_.calibrate.out);
+    state_->Begin(outputs);
+    // What is there under these names is ours to replace.
+    job_.options.overwrite = true;
+    for (Progress& frame : frames_) {
+      frame.digest = session_.DigestOf(*frame.light);
+    }
     MeasureFrames();
     LeaveOutCopies();
     RegisterFrames();
@@ -195,7 +208,8 @@ class Road {
       StackFrames(target);
     }
     const bool isColour = colours_ && ComposeColours();
-    RunResult result{Frames(), stacks_, isColour ? Path("colour.fits") : fs::path(), Path("report.html")};
+    RunResult result{Frames(), stacks_, {}, {Path("report.html")}};
+    if (isColour) result.colours.push_back(Path("colour.fits"));
     TellFrames(result.frames);
     WriteReport();
     CheckShares();
@@ -246,7 +260,10 @@ class Road {
     SideBySide(
         job_, "measuring frame", frames_.size(), BytesOfFrame(),
         [&](size_t i) {
-          Progress frame{frames_[i].light, ""};
+          if (const auto kept = state_->Find("light_" + frames_[i].light->stem, frames_[i].digest)) {
+            return FromKept(frames_[i], *kept);
+          }
+          Progress frame{frames_[i].light, frames_[i].digest, ""};
           LightRows rows(session_, *frame.light);
           const auto image = LoadWhole(rows, job_.MakeStore());
           frame.shape = rows.Size();
@@ -260,13 +277,44 @@ class Road {
         },
         [&](size_t i, const auto& result) {
           job_.ForEachFile(
-              {frames_[i].light->frame.path}, [&](const fs::path&) { frames_[i] = result(); }, true);
+              {frames_[i].light->frame.path},
+              [&](const fs::path&) {
+                frames_[i] = result();
+                Keep(frames_[i]);
+              },
+              true);
         });
+    const auto kept =
+        std::count_if(frames_.begin(), frames_.end(), [](const Progress& f) { return f.isKept; });
+    if (kept > 0) job_.Say(fmt::format("{} of {} lights were measured before", kept, frames_.size()));
     for (const Progress& frame : frames_) {
       if (frame.border && !frame.border->IsEmpty()) {
         Plan(fmt::format("{}: {}", frame.light->Name(), frame.border->Text()));
       }
     }
+  }
+
+  /// A light as an earlier call measured it. Borders are looked for again: few frames have one.
+  static Progress FromKept(const Progress& frame, const KeptJson& kept) {
+    Progress found{frame.light, frame.digest, ""};
+    found.isKept = true;
+    found.shape = kept.at("shape");
+    found.clipped = kept.at("clipped");
+    found.border = std::make_shared<files::ConstantBorder>();
+    found.measure = kept.at("measure");
+    found.levels = kept.at("levels");
+    found.thumbnail = BytesOf(kept.at("thumbnail"));
+    return found;
+  }
+
+  void Keep(const Progress& frame) {
+    if (frame.isKept || !frame.border || !frame.border->IsEmpty()) return;
+    state_->Keep("light_" + frame.light->stem, frame.digest,
+                 {{"shape", frame.shape},
+                  {"clipped", frame.clipped},
+                  {"measure", frame.measure},
+                  {"levels", frame.levels},
+                  {"thumbnail", Binary(frame.thumbnail)}});
   }
 
   /// Frames with the same pixels count once.
@@ -308,6 +356,36 @@ class Road {
     tell(targets_.size() == 1 ? targets_[0].name : "the session", used, lights);
   }
 
+  /// The frame that others lie on.
+  const Progress& Grid() const { return fixed_ ? *fixed_ : frames_[reference_]; }
+  std::string NameOf(const Progress& frame) const {
+    return frame.light ? frame.light->Name() : options_.reference.filename().string();
+  }
+
+  /// Takes the light that is asked for as the reference, or an image that is none of them. Answers such a
+  /// one.
+  std::shared_ptr<CVelImage> FindReference() {
+    const fs::path wanted = fs::weakly_canonical(options_.reference);
+    for (size_t i = 0; i < frames_.size(); ++i) {
+      if (fs::weakly_canonical(frames_[i].light->frame.path) != wanted) continue;
+      if (!frames_[i].IsUsed())
+        throw files::FileError(options_.reference, "cannot be the reference: it cannot be used");
+      reference_ = i;
+      return nullptr;
+    }
+    Image opened = Image::Open(job_, job_.MakeStore(), options_.reference);
+    auto image = std::shared_ptr<CVelImage>(std::move(opened.Pointer()));
+    fixed_.emplace();
+    fixed_->error.clear();
+    fixed_->digest = fmt::format("{} {}", wanted.string(), files::StampOf(wanted));
+    fixed_->shape = {image->GetWidth(), image->GetHeight(), image->GetPlanes()};
+    fixed_->measure = MeasureFrame(*image);
+    if (fixed_->measure.starCount == 0) {
+      throw files::FileError(options_.reference, "cannot be the reference: no stars are found in it");
+    }
+    return image;
+  }
+
   void RegisterFrames() {
     std::vector<FrameMeasure> measures;
     std::vector<size_t> numbers;
@@ -318,19 +396,21 @@ class Road {
     }
     if (measures.empty()) throw files::FileError(options_.calibrate.out, "no light could be read");
     reference_ = numbers[ChooseReference(measures)];
+    std::shared_ptr<CVelImage> whole;
+    if (!options_.reference.empty()) whole = FindReference();
     const auto image = [this](const Progress& frame) {
       return [this, &frame] {
         LightRows rows(session_, *frame.light, frame.border);
         return LoadWhole(rows, job_.MakeStore());
       };
     };
-    Progress& reference = frames_[reference_];
-    Registrar registrar(reference.measure, image(reference));
+    const Progress& reference = Grid();
+    Registrar registrar(reference.measure, whole ? ImageSource([whole] { return whole; }) : image(reference));
     std::vector<Registration> registrations(numbers.size());
     SideBySide(
         job_, "registering frame", numbers.size(), BytesOfFrame(),
         [&](size_t k) {
-          if (numbers[k] == reference_) return ReferenceRegistration(reference.measure);
+          if (&frames_[numbers[k]] == &reference) return ReferenceRegistration(reference.measure);
           return registrar.Register(measures[k], image(frames_[numbers[k]]));
         },
         [&](size_t k, const auto& result) {
@@ -353,7 +433,7 @@ class Road {
       std::fill(std::begin(frame.levels.spread), std::end(frame.levels.spread),
                 frame.registration.fluxRatio.value_or(1));
     }
-    Plan(fmt::format("reference: {}, {} stars, FWHM {:.2f} px", reference.light->Name(),
+    Plan(fmt::format("reference: {}, {} stars, FWHM {:.2f} px", NameOf(reference),
                      reference.measure.starCount, reference.measure.fwhm));
   }
 
@@ -381,7 +461,7 @@ class Road {
     if (longest > 0)
       text += fmt::format("; elongation above {:.2f} ({:g} times the median)", longest, limits.elongation);
     Plan(text + "; are left out");
-    const Shape& shape = frames_[reference_].shape;
+    const Shape& shape = Grid().shape;
     for (Progress* frame : target.frames) {
       if (!frame->IsUsed()) continue;
       const FrameMeasure& m = frame->measure;
@@ -431,7 +511,7 @@ class Road {
       if (light(i) > light(reference)) reference = i;
     }
     for (size_t i = 0; i < used.size(); ++i) {
-      if (used[i] == &frames_[reference_]) reference = i;
+      if (used[i] == &Grid()) reference = i;
     }
     if (used.empty()) {
       job_.Fail(fmt::format("{}: no frame is left to stack", target.name));
@@ -446,9 +526,14 @@ class Road {
     }
     CheckScales(inputs, static_cast<int>(reference));
     options_.stack.Weigh(inputs, fwhms, static_cast<int>(reference));
-    const Shape shape = frames_[reference_].shape;
+    const Shape shape = Grid().shape;
     Plan(fmt::format("{}: {} of {} frames, {}", target.name, used.size(), target.frames.size(),
                      PlanStack(inputs, shape, options).Text()));
+    for (size_t i = 0; i < used.size(); ++i) {
+      used[i]->weight = inputs[i].weight;
+    }
+    const std::string digest = DigestOf(target, used, *used[reference]);
+    if (TakeKeptStack(target, used, digest)) return;
 
     const auto store = job_.MakeStore();
     CVelImage image(store, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr);
@@ -458,10 +543,82 @@ class Road {
       }
     };
     Stack(job_, inputs, static_cast<int>(reference), options, 0, count, &image);
-    for (size_t i = 0; i < used.size(); ++i) {
-      used[i]->weight = inputs[i].weight;
-    }
     SaveStack(target, used, *used[reference], image);
+    KeepStack(target, used, digest);
+  }
+
+  /// All that a stack and its files depend on.
+  std::string DigestOf(const Target& target, const std::vector<Progress*>& used,
+                       const Progress& reference) const {
+    KeptJson made{{"korimg", Version()},           {"stack", options_.stack.Text()},
+                  {"gradient", options_.gradient}, {"lights", target.frames.size()},
+                  {"reference", reference.digest}, {"grid", Grid().digest}};
+    for (const Progress* frame : used) {
+      const Registration& r = frame->registration;
+      made["frames"].push_back(
+          {frame->digest, frame->weight, r.dx, r.dy, r.degrees, r.fluxRatio.value_or(0)});
+    }
+    return made.dump();
+  }
+
+  std::vector<fs::path> OutputsOf(const Target& target) const {
+    std::vector<fs::path> outputs;
+    for (const char* extension : {".fits", "_float.tif", "_16bit.tif", ".png"}) {
+      outputs.push_back(Path(target.name + extension));
+    }
+    if (options_.gradient) outputs.push_back(Path(target.name + "_gradient.fits"));
+    return outputs;
+  }
+
+  /// States of a stack's files, so that what somebody changed is made again.
+  KeptJson StampsOf(const Target& target) const {
+    KeptJson stamps = KeptJson::array();
+    for (const fs::path& output : OutputsOf(target)) {
+      stamps.push_back(fs::exists(output) ? files::StampOf(output) : "");
+    }
+    return stamps;
+  }
+
+  void KeepStack(const Target& target, const std::vector<Progress*>& used, const std::string& digest) {
+    KeptJson counts = KeptJson::array();
+    for (const Progress* frame : used) {
+      counts.push_back(frame->counts);
+    }
+    state_->Keep(target.name, digest,
+                 {{"files", StampsOf(target)},
+                  {"counts", std::move(counts)},
+                  {"stack", stacks_.back()},
+                  {"report", report_.stacks.back()}});
+  }
+
+  /// A stack that an earlier call has made of the same frames is as good as a new one.
+  bool TakeKeptStack(const Target& target, const std::vector<Progress*>& used, const std::string& digest) {
+    const auto kept = state_->Find(target.name, digest);
+    if (!kept || kept->at("files") != StampsOf(target)) return false;
+    for (size_t i = 0; i < used.size(); ++i) {
+      used[i]->counts = kept->at("counts").at(i);
+    }
+    report_.stacks.push_back(kept->at("report"));
+    stacks_.push_back(kept->at("stack"));
+    stacks_.back().file = Path(target.name + ".fits");
+    if (!stacks_.back().gradient.empty()) stacks_.back().gradient = Path(target.name + "_gradient.fits");
+    TellStack(stacks_.back(), {}, "as it was made before");
+    return true;
+  }
+
+  /// What became of a stack, for people and programs.
+  void TellStack(const RunStack& made, const Json& more, const std::string& how) const {
+    Json json{{"stack", made.file.string()}, {"filter", made.filter}};
+    json.update(more.is_null() ? Json::object() : more);
+    json.update({{"frames", made.frames},
+                 {"lights", made.lights},
+                 {"exposure", made.exposure},
+                 {"stars", made.stars},
+                 {"fwhm", made.fwhm},
+                 {"noise", made.noise},
+                 {"peak_memory_bytes", PeakMemory()}});
+    job_.Tell(Dump(json), fmt::format("{} -> {}: FWHM {:.2f} px, noise {:.4g} {}", made.file.stem().string(),
+                                      made.file.string(), made.fwhm, made.noise, how));
   }
 
   void SaveStack(const Target& target, const std::vector<Progress*>& used, const Progress& reference,
@@ -470,7 +627,7 @@ class Road {
     files::Header first = source.Info().header;
     session_.Describe(first, *reference.light, reference.clipped);
     const Shape& shape = reference.shape;
-    if (&reference != &frames_[reference_] &&
+    if (&reference != &Grid() &&
         !files::DropWorldCoordinates(first, {shape.width, shape.height, shape.planes},
                                      "the grid is that of a frame of another stack")) {
       throw files::FileError(reference.light->frame.path, "is an undeveloped mosaic, which cannot be moved");
@@ -487,7 +644,7 @@ class Road {
     }
     ReportStack stack{target.name};
     RunStack made{Path(target.name + ".fits"), target.filter};
-    Json json{{"stack", made.file.string()}, {"filter", target.filter}};
+    Json more = Json::object();
     if (options_.gradient) {
       if (const auto taken = TakeGradientOff(image)) {
         made.gradient = Path(target.name + "_gradient.fits");
@@ -498,7 +655,7 @@ class Road {
         if (files::IsPictureOverturned(header)) TurnOver(*taken->surface);
         stack.gradient = JpegOf(job_, *taken->surface, shown, ShrinkTo(shape, kThumbnailSide));
         stack.facts.emplace_back("gradient taken off", taken->Text());
-        json["gradient"] = taken->Description();
+        more["gradient"] = taken->Description();
         job_.Say(fmt::format("{}: gradient taken off: {} -> {}", target.name, taken->Text(),
                              made.gradient.string()));
       } else {
@@ -536,16 +693,7 @@ class Road {
     made.frames = static_cast<int>(used.size()), made.lights = static_cast<int>(target.frames.size());
     made.exposure = exposure;
     made.stars = measure.starCount, made.fwhm = measure.fwhm, made.noise = measure.noise;
-    json.update({{"frames", used.size()},
-                 {"lights", target.frames.size()},
-                 {"exposure", exposure},
-                 {"stars", measure.starCount},
-                 {"fwhm", measure.fwhm},
-                 {"noise", measure.noise},
-                 {"peak_memory_bytes", PeakMemory()}});
-    job_.Tell(Dump(json),
-              fmt::format("{} -> {}: FWHM {:.2f} px, noise {:.4g} (reference {:.4g})", target.name,
-                          made.file.string(), measure.fwhm, measure.noise, reference.measure.noise));
+    TellStack(made, more, fmt::format("(reference {:.4g})", reference.measure.noise));
     stacks_.push_back(std::move(made));
   }
 
@@ -588,7 +736,7 @@ class Road {
   std::vector<std::string> History(const std::vector<Progress*>& used, const Target& target) const {
     return {fmt::format("korimg {} run {}", Version(), options_.stack.Text()),
             fmt::format("{} frames stacked, {} left out; on the grid of {}", used.size(),
-                        target.frames.size() - used.size(), frames_[reference_].light->Name())};
+                        target.frames.size() - used.size(), NameOf(Grid()))};
   }
 
   /// What has become of each light.
@@ -602,6 +750,7 @@ class Road {
       told.rejected = Rejected(frame.counts);
       frames.push_back(std::move(told));
     }
+    frames.insert(frames.end(), excluded_.begin(), excluded_.end());
     for (const Session::FailedLight& light : session_.Failed()) {
       RunFrame told{light.path};
       told.status = "cannot be calibrated";
@@ -678,6 +827,9 @@ class Road {
     for (const Session::FailedLight& light : session_.Failed()) {
       report_.frames.push_back({light.path.filename().string(), "", "cannot be calibrated"});
     }
+    for (const RunFrame& frame : excluded_) {
+      report_.frames.push_back({frame.file.filename().string(), "", frame.status});
+    }
     session::WriteReport(report_, Path("report.html"));
     job_.Say("report: " + Path("report.html").string());
   }
@@ -689,6 +841,9 @@ class Road {
   std::vector<Target> targets_;
   std::optional<ColourPlan> colours_;  ///< their numbers are those of targets
   size_t reference_ = 0;
+  std::optional<Progress> fixed_;  ///< a reference that is none of the lights
+  std::optional<RunState> state_;
+  std::vector<RunFrame> excluded_;
   Report report_;
   std::vector<RunStack> stacks_;
 };
@@ -708,23 +863,50 @@ RunOptions Complete(RunOptions options) {
   return options;
 }
 
+/// Calls road(options, excluded lights) for each object.
+template <class F>
+void ForObjects(Job& job, const RunOptions& options, F&& road) {
+  RunOptions complete = Complete(options);
+  std::vector<RunFrame> excluded = TakeExcluded(job, complete);
+  for (const auto& [name, lights] : ByObject(complete.calibrate.lights)) {
+    RunOptions own = complete;
+    own.calibrate.lights = lights;
+    if (!name.empty()) {
+      own.calibrate.out /= name;
+      job.Say(fmt::format("object {}: {} lights", name, lights.size()));
+    }
+    road(own, std::exchange(excluded, {}));
+  }
+}
+
 }  // namespace
 
 RunResult Run(Job& job, const RunOptions& options) {
   return AtEdge([&] {
-    const RunOptions complete = Complete(options);
-    Road road(job, complete);
-    road.Show();
-    return road.Do();
+    RunResult all;
+    ForObjects(job, options, [&](const RunOptions& own, std::vector<RunFrame> excluded) {
+      Road road(job, own, std::move(excluded));
+      road.Show();
+      RunResult result = road.Do();
+      const auto add = [](auto& to, auto& from) {
+        to.insert(to.end(), std::make_move_iterator(from.begin()), std::make_move_iterator(from.end()));
+      };
+      add(all.frames, result.frames);
+      add(all.stacks, result.stacks);
+      add(all.colours, result.colours);
+      add(all.reports, result.reports);
+    });
+    return all;
   });
 }
 
 void PlanRun(Job& job, const RunOptions& options) {
   AtEdge([&] {
-    const RunOptions complete = Complete(options);
-    Road road(job, complete);
-    road.Show();
-    road.TellPlan();
+    ForObjects(job, options, [&](const RunOptions& own, std::vector<RunFrame> excluded) {
+      Road road(job, own, std::move(excluded));
+      road.Show();
+      road.TellPlan();
+    });
   });
 }
 

@@ -20,6 +20,12 @@ struct FrameLimits {
 
 struct RunOptions {
   CalibrateOptions calibrate;  ///< `out` is the folder for all results
+  /// Patterns of names, as of a shell: lights whose name or path none of `include` fits, if there are any, or
+  /// one of `exclude` fits, are left out.
+  std::vector<std::string> include, exclude;
+  /// A light, or an image with stars of the lights' size, such as a stack of another night: the grid of all
+  /// stacks. Empty: the best light.
+  std::filesystem::path reference;
   StackChoices stack;
   FrameLimits limits;
   Palette palette = Palette::Auto;  ///< of the colour image of several filters
@@ -51,9 +57,13 @@ struct RunStack {
 struct RunResult {
   std::vector<RunFrame> frames;
   std::vector<RunStack> stacks;
-  std::filesystem::path colour;  ///< the FITS file of all filters; empty: there is none
-  std::filesystem::path report;
+  std::vector<std::filesystem::path> colours;  ///< the FITS files of all filters, where there are such
+  std::vector<std::filesystem::path> reports;  ///< one for each object
 };
+
+/// Adds what a file says to include, exclude and reference: an object of JSON with these names, the first two
+/// lists of patterns. Throws FileError.
+KORIMG_SESSION_API void AddSelection(RunOptions& options, const std::filesystem::path& file);
 
 /// Calibrates, develops, measures, registers and stacks the lights, one stack for each filter, all on the
 /// grid of one reference. Writes stack.fits, stack_float.tif, stack_16bit.tif and stack.png
@@ -61,8 +71,14 @@ struct RunResult {
 /// filters make a colour image by the palette, stack_gradient.fits where a gradient is taken off, report.html
 /// and the masters. Calibrated frames are made twice, for measuring and for stacking, and never written. A
 /// frame that cannot be used is left out, and the report says why; copies count once. The job has failed when
-/// a stack holds less than half of its lights. What ends the run leaves no outputs.
-/// @throws FileError when calibration frames or outputs are wrong, or no frame is left.
+/// a stack holds less than half of its lights.
+///
+/// Lights of several objects (OBJECT) are worked through one after the other, each into a folder of its own.
+/// A run that was ended, or is called again with the same folder for its results, goes on: lights that were
+/// measured and stacks that were made of the same files by the same options are kept (in OUT/.korimg), all
+/// else is made anew.
+/// @throws FileError when calibration frames or outputs are wrong, no frame is left, or the folder holds the
+/// results of other lights.
 KORIMG_SESSION_API RunResult Run(Job& job, const RunOptions& options);
 
 /// Tells what Run would do: groups of frames, what serves each light, stacks. Writes nothing.

@@ -524,33 +524,6 @@ TEST_F(StackTest, MemoryIsBoundedHoweverManyFrames) {
   EXPECT_LT(LastJson(result)["peak_memory_bytes"], 90 << 20);
 }
 
-/// Starts the job, kills it as soon as `when` holds, and answers whether it was killed rather than done.
-bool RunAndKill(const fs::path& folder, const std::vector<std::string>& words, int signal,
-                const std::function<bool()>& when) {
-  const pid_t child = fork();
-  if (child == 0) {
-    if (chdir(folder.c_str()) != 0) _exit(98);
-    const int sink = open("/dev/null", O_WRONLY);
-    dup2(sink, 1);
-    dup2(sink, 2);
-    std::vector<char*> arguments;
-    for (const std::string& word : words) {
-      arguments.push_back(const_cast<char*>(word.c_str()));
-    }
-    arguments.push_back(nullptr);
-    execv(KORIMG_TOOL, arguments.data());
-    _exit(99);
-  }
-  int status = 0;
-  while (!when()) {
-    if (waitpid(child, &status, WNOHANG) == child) return false;
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
-  }
-  kill(child, signal);
-  waitpid(child, &status, 0);
-  return WIFSIGNALED(status) || WEXITSTATUS(status) == kCancelled;
-}
-
 TEST_F(StackTest, ARunThatIsKilledGoesOnToTheSameResult) {
   constexpr int kFrames = 12, kWidth = 160, kHeight = 240;
   Frames(kFrames, kWidth, kHeight);
@@ -576,7 +549,7 @@ TEST_F(StackTest, ARunThatIsKilledGoesOnToTheSameResult) {
     // At some place of the whole way, and some while after it.
     const double share = 0.1 * i + 0.1 * Noise(i);
     const auto delay = std::chrono::microseconds(static_cast<int>(3000 * Noise(100 + i)));
-    killed += RunAndKill(folder_, call, SIGKILL, [&] {
+    killed += files::RunAndKill(folder_, call, SIGKILL, [&] {
       std::error_code error;
       const auto size = fs::file_size(In("out.fits.resume"), error);
       if (error || static_cast<double>(size) < share * full) return false;
@@ -605,10 +578,10 @@ TEST_F(StackTest, CancelledItLeavesNothingOrWhatResumeWants) {
     std::error_code error;
     return fs::file_size(In("out.fits.resume"), error) > 3000 && !error;
   };
-  EXPECT_TRUE(RunAndKill(folder_, call, SIGINT, begun));
+  EXPECT_TRUE(files::RunAndKill(folder_, call, SIGINT, begun));
   EXPECT_EQ(Names().size(), 12) << "nothing is left";
   call.push_back("--resume");
-  EXPECT_TRUE(RunAndKill(folder_, call, SIGINT, begun));
+  EXPECT_TRUE(files::RunAndKill(folder_, call, SIGINT, begun));
   EXPECT_EQ(Names().size(), 13);
   EXPECT_TRUE(fs::exists(In("out.fits.resume")));
   // A state of other options is of no use, and a plain run leaves it behind as little.

@@ -1,9 +1,17 @@
 // Runs the built tool as a person or a script calls it.
 #pragma once
 
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
 
+#include <fcntl.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "tests/support/Folder.h"
 #include "tests/support/Images.h"
@@ -17,6 +25,33 @@ struct Result {
   int code;
   std::string out, err;
 };
+
+/// Starts the job, kills it as soon as `when` holds, and answers whether it was killed rather than done.
+inline bool RunAndKill(const std::filesystem::path& folder, const std::vector<std::string>& words, int signal,
+                       const std::function<bool()>& when) {
+  const pid_t child = fork();
+  if (child == 0) {
+    if (chdir(folder.c_str()) != 0) _exit(98);
+    const int sink = open("/dev/null", O_WRONLY);
+    dup2(sink, 1);
+    dup2(sink, 2);
+    std::vector<char*> arguments;
+    for (const std::string& word : words) {
+      arguments.push_back(const_cast<char*>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    execv(KORIMG_TOOL, arguments.data());
+    _exit(99);
+  }
+  int status = 0;
+  while (!when()) {
+    if (waitpid(child, &status, WNOHANG) == child) return false;
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  kill(child, signal);
+  waitpid(child, &status, 0);
+  return WIFSIGNALED(status) || WEXITSTATUS(status) == 130;
+}
 
 class ToolTest : public FolderTest {
  protected:

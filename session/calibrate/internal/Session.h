@@ -1,6 +1,7 @@
 // A session's lights, the calibration frames that serve them, and their pixels once calibrated.
 #pragma once
 
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -43,9 +44,11 @@ class Session {
 
   /// Groups of calibration frames, and what serves which lights.
   void Show() const;
-  /// Refuses outputs that exist, and those that are inputs whatever the options say. Answers all of them, the
-  /// masters among them.
-  std::vector<std::filesystem::path> CheckOutputs(std::vector<std::filesystem::path> outputs) const;
+  /// Refuses outputs that exist, unless they are told to be `ours`, and those that are inputs whatever the
+  /// options say. Answers all that are not there yet, the masters among them.
+  std::vector<std::filesystem::path> CheckOutputs(
+      std::vector<std::filesystem::path> outputs,
+      const std::function<bool(const std::filesystem::path&)>& ours = {}) const;
   /// Makes the masters that are needed, writes them where the options want them, and chooses the white
   /// balance of each camera by its first light. Warns of whatever is wrong with the set of frames.
   void Prepare();
@@ -60,6 +63,8 @@ class Session {
   /// A line on each master.
   const std::vector<std::string>& MasterLines() const { return masterLines_; }
   const CalibrateOptions& Options() const { return options_; }
+  /// Of all that a light's calibrated pixels depend on, once it is prepared.
+  std::string DigestOf(const Light& light) const;
 
   struct Calibrated {
     Image loaded;

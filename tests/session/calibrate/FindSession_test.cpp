@@ -30,7 +30,11 @@ class FindSessionTest : public files::FolderTest {
     files::Header header;
     for (const auto& [key, value] : cards) {
       const auto number = ToNumber(value);
-      number ? header.Set(key, *number) : header.Set(key, value);
+      if (key == "HISTORY") {
+        header.AddHistory(value);
+      } else {
+        number ? header.Set(key, *number) : header.Set(key, value);
+      }
     }
     fs::create_directories(In(name).parent_path());
     std::vector<float> pixels;
@@ -89,6 +93,7 @@ TEST_F(FindSessionTest, FramesAreWhatTheyOrTheirFoldersOrTheirNamesSay) {
   files::WriteBytes(In("earlier/report.html"), "");
   Frame("results/lights/o.fits", {});
   files::WriteBytes(In("picture.png"), "none");
+  Frame("calibrated/a.fits", {{"IMAGETYP", "Light Frame"}, {"HISTORY", "korimg 0.2.0 calibrate"}});
   Job job(options_);
   const SessionFrames found = FindSession(job, folder_, In("results"));
   EXPECT_EQ(Names(found.lights), "a darkness_j f k");
@@ -98,6 +103,7 @@ TEST_F(FindSessionTest, FramesAreWhatTheyOrTheirFoldersOrTheirNamesSay) {
   EXPECT_NE(warnings_.find("in a folder of lights, but say that they are darks"), std::string::npos);
   EXPECT_NE(warnings_.find("h.fits"), std::string::npos);
   EXPECT_NE(warnings_.find("stacks of several lights"), std::string::npos);
+  EXPECT_NE(warnings_.find("calibrated lights beside raw ones"), std::string::npos);
   EXPECT_NE(warnings_.find("taken as lights, for nothing says what they are"), std::string::npos);
   fs::remove_all(In("deep"));
   fs::create_directories(In("none"));

@@ -1,0 +1,73 @@
+#include "session/run/internal/State.h"
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+
+#include "session/files/Formats.h"
+
+namespace korimg::session {
+
+namespace fs = std::filesystem;
+
+RunState::RunState(fs::path out, const std::vector<fs::path>& lights, bool overwrite)
+    : folder_(std::move(out) / ".korimg") {
+  for (const fs::path& light : lights) {
+    lights_.insert(fs::weakly_canonical(light).string());
+  }
+  const std::optional<Json> run = Read("run");
+  if (!run) return;
+  const auto before = run->value("lights", std::set<std::string>());
+  const bool isOther = std::none_of(before.begin(), before.end(),
+                                    [&](const std::string& light) { return lights_.contains(light); });
+  if (isOther && !before.empty() && !overwrite) {
+    throw files::FileError(folder_.parent_path(),
+                           "holds the results of other lights; choose another folder, or use --overwrite");
+  }
+  outputs_ = run->value("outputs", std::set<std::string>());
+  hasKept_ = !isOther;
+}
+
+bool RunState::Owns(const fs::path& output) const {
+  return outputs_.contains(output.filename().string());
+}
+
+void RunState::Begin(const std::vector<fs::path>& outputs) {
+  for (const fs::path& output : outputs) {
+    outputs_.insert(output.filename().string());
+  }
+  fs::create_directories(folder_);
+  Write("run", {{"outputs", outputs_}, {"lights", lights_}});
+}
+
+std::optional<RunState::Json> RunState::Find(const std::string& name, const std::string& digest) const {
+  std::optional<Json> kept = Read(name);
+  if (!kept || kept->value("digest", "") != digest || !kept->contains("data")) return std::nullopt;
+  return std::move((*kept)["data"]);
+}
+
+void RunState::Keep(const std::string& name, const std::string& digest, Json data) {
+  Write(name, {{"digest", digest}, {"data", std::move(data)}});
+  hasKept_ = true;
+}
+
+std::optional<RunState::Json> RunState::Read(const std::string& name) const {
+  std::ifstream file(Path(name), std::ios::binary);
+  if (!file) return std::nullopt;
+  const std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(file), {}};
+  Json json = Json::from_cbor(bytes, true, false);
+  if (!json.is_object()) return std::nullopt;
+  return json;
+}
+
+void RunState::Write(const std::string& name, const Json& json) const {
+  const std::vector<std::uint8_t> bytes = Json::to_cbor(json);
+  files::TransientFile part(files::PartialName(Path(name)));
+  std::ofstream file(part.Path(), std::ios::binary);
+  file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  file.close();
+  if (!file) throw files::FileError(Path(name), "cannot be written; is the disk full?");
+  part.RenameTo(Path(name));
+}
+
+}  // namespace korimg::session

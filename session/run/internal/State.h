@@ -1,0 +1,44 @@
+// What a run keeps beside its results, to go on with when it is called again.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "session/job/Json.h"
+
+namespace korimg::session {
+
+/// The folder .korimg in the folder of results: what was measured of each light, what each stack was made of,
+/// and the names of what was written. Everything in it is made anew where it is missing or of no use.
+class RunState {
+ public:
+  using Json = nlohmann::json;
+
+  /// @throws FileError when the results in the folder are those of other lights.
+  RunState(std::filesystem::path out, const std::vector<std::filesystem::path>& lights, bool overwrite);
+
+  /// An output that an earlier call wrote, or began to.
+  bool Owns(const std::filesystem::path& output) const;
+  /// An earlier call left something to go on with.
+  bool HasKept() const { return hasKept_; }
+  /// The outputs are ours from now on.
+  void Begin(const std::vector<std::filesystem::path>& outputs);
+
+  /// What was kept under a name, if it was made of the same.
+  std::optional<Json> Find(const std::string& name, const std::string& digest) const;
+  void Keep(const std::string& name, const std::string& digest, Json data);
+
+ private:
+  std::filesystem::path Path(const std::string& name) const { return folder_ / (name + ".cbor"); }
+  std::optional<Json> Read(const std::string& name) const;
+  void Write(const std::string& name, const Json& json) const;
+
+  std::filesystem::path folder_;
+  std::set<std::string> outputs_, lights_;
+  bool hasKept_ = false;
+};
+
+}  // namespace korimg::session
