@@ -201,7 +201,7 @@ class Walk {
       others_["left out: calibrated lights beside raw ones"] = std::move(calibrated_);
     }
     for (const auto& [text, files] : others_) {
-      job_.Warn(fmt::format("{} {}: {}{}", files.size(), files.size() == 1 ? "frame" : "frames", text,
+      job_.Warn(fmt::format("{} {} {}: {}{}", files.size(), files.size() == 1 ? "frame" : "frames", text,
                             files.front().string(), files.size() > 1 ? " and others" : ""));
     }
   }
