@@ -120,8 +120,10 @@ void RejectOutliers(Columns& columns, const Rejection& rejection, const Known& k
     for (int i = 0; i < n; ++i) {
       work.column[i] = work.distances[static_cast<size_t>(i) * stride + k];
     }
-    const double noise =
-        scatter ? scatter->Of((work.medians[x] - known.sky[x]) / scatter->MeanNoise(plane), plane) : 0;
+    // Of an even number the lower middle one is what the pixel shows: an outlier of two is half of the
+    // median.
+    const double above = scatter ? (work.medians[x] - known.sky[x]) / scatter->MeanNoise(plane) : 0;
+    const double noise = scatter ? scatter->Of(above + work.column[(n - 1) / 2], plane) : 0;
     const Ranks left = WhatStays(rejection, work.column, noise);
     work.lowCount[x] = static_cast<float>(left.from);
     work.highCount[x] = static_cast<float>(n - left.to);
