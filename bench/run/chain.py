@@ -122,8 +122,8 @@ def main():
     times = {"korimg": [], "chain": []}
     with tempfile.TemporaryDirectory() as folder:
         for _ in range(runs):
-            seconds, peak, _ = measure([korimg, "run", str(session), "--out", f"{folder}/korimg", "--kappa", str(KAPPA),
-                                        "--threads", str(THREADS), "--quiet", "--overwrite"])
+            seconds, peak, _ = measure([korimg, "run", str(session), "--out", f"{folder}/korimg", "--reject", "sigma", "--kappa",
+                                        str(KAPPA), "--threads", str(THREADS), "--quiet", "--overwrite"])
             times["korimg"].append((seconds, peak))
             _, peak, own = measure([sys.executable, __file__, "--chain", str(session), f"{folder}/chain"])
             times["chain"].append((float(own), peak))  # without the time of starting and compiling

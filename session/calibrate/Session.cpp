@@ -123,10 +123,11 @@ Session::Session(Job& job, const CalibrateOptions& options)
   ReadManifest();
 }
 
-/// A manifest that is none of ours, or none at all, is as good as no masters.
+/// A manifest that is none of ours, or none at all, is as good as no masters. Those of a library are kept
+/// even where outputs are made anew.
 void Session::ReadManifest() {
   kept_ = Json::object();
-  if (options_.masters.empty()) return;
+  if (options_.masters.empty() || (job_.options.overwrite && !options_.mastersAreLibrary)) return;
   std::ifstream file(ManifestPath());
   Json read = Json::parse(file, nullptr, false);
   if (read.is_object() && read.contains("masters") && read["masters"].is_array()) kept_ = std::move(read);
@@ -199,11 +200,11 @@ void Session::Show() const {
 std::vector<fs::path> Session::CheckOutputs(std::vector<fs::path> outputs,
                                             const std::function<bool(const fs::path&)>& ours) const {
   if (!options_.masters.empty()) {
-    // What a manifest tells of was made by us, and is used again, or made anew.
+    // What a manifest tells of was made by us, and is used again, or made anew; names in a library are ours.
     for (const Group* group : NeededGroups()) {
-      if (!IsKept(MasterPath(*group))) outputs.push_back(MasterPath(*group));
+      if (!options_.mastersAreLibrary && !IsKept(MasterPath(*group))) outputs.push_back(MasterPath(*group));
     }
-    if (kept_.empty()) outputs.push_back(ManifestPath());
+    if (!options_.mastersAreLibrary && kept_.empty()) outputs.push_back(ManifestPath());
   }
   std::set<fs::path> inputs;
   for (const Light& light : lights_) {
@@ -462,7 +463,9 @@ void Session::SaveMasters() {
   for (const Group* group : NeededGroups()) {
     Master& master = masters_.at(group);
     if (!master.isKept) {
-      if (IsKept(MasterPath(*group))) fs::remove(MasterPath(*group));  // it was of frames that have changed
+      if (options_.mastersAreLibrary || IsKept(MasterPath(*group))) {
+        fs::remove(MasterPath(*group));  // it was of frames that have changed, or is half of one
+      }
       SaveMaster(job_, master, MasterPath(*group));
     }
     files.insert(MasterPath(*group).filename().string());

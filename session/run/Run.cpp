@@ -90,10 +90,11 @@ class Unfinished {
              const CalibrateOptions& options)
       : state_(state),
         outputs_(job.options.overwrite ? std::vector<fs::path>() : std::move(outputs)),
-        folders_{options.out / ".korimg", options.masters, options.out} {}
+        folders_{options.masters, options.out} {}
   ~Unfinished() {
     if (std::uncaught_exceptions() == exceptions_ || state_.HasKept()) return;
     std::error_code ignored;
+    if (!outputs_.empty()) state_.Forget();
     for (const fs::path& output : outputs_) {
       fs::remove(output, ignored);
     }
@@ -186,15 +187,13 @@ class Road {
       lights.push_back(frame.light->frame.path);
     }
     state_.emplace(options_.calibrate.out, lights, job_.options.overwrite);
-    const Unfinished unfinished(
-        job_, *state_,
-        session_.CheckOutputs(outputs, [&](const fs::path& path) { return state_->Owns(path); }),
-        options_.calibrate);
-    session_.Prepare();
-    fs::create_directories(options_.calibrate.out);
-    state_->Begin(outputs);
-    // What is there under these names is ours to replace.
+    const std::vector<fs::path> made =
+        session_.CheckOutputs(outputs, [&](const fs::path& path) { return state_->Owns(path); });
+    const Unfinished unfinished(job_, *state_, made, options_.calibrate);
+    state_->Begin(made);
+    // What is there under these names is ours to replace, from now on.
     job_.options.overwrite = true;
+    session_.Prepare();
     for (Progress& frame : frames_) {
       frame.digest = session_.DigestOf(*frame.light);
     }

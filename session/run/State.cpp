@@ -11,7 +11,7 @@ namespace korimg::session {
 namespace fs = std::filesystem;
 
 RunState::RunState(fs::path out, const std::vector<fs::path>& lights, bool overwrite)
-    : folder_(std::move(out) / ".korimg") {
+    : folder_(std::move(out) / ".korimg"), isAnew_(overwrite) {
   for (const fs::path& light : lights) {
     lights_.insert(fs::weakly_canonical(light).string());
   }
@@ -20,7 +20,7 @@ RunState::RunState(fs::path out, const std::vector<fs::path>& lights, bool overw
   const auto before = run->value("lights", std::set<std::string>());
   const bool isOther = std::none_of(before.begin(), before.end(),
                                     [&](const std::string& light) { return lights_.contains(light); });
-  if (isOther && !before.empty() && !overwrite) {
+  if (isOther && !before.empty() && !isAnew_) {
     throw files::FileError(folder_.parent_path(),
                            "holds the results of other lights; choose another folder, or use --overwrite");
   }
@@ -40,8 +40,13 @@ void RunState::Begin(const std::vector<fs::path>& outputs) {
   Write("run", {{"outputs", outputs_}, {"lights", lights_}});
 }
 
+void RunState::Forget() const {
+  std::error_code ignored;
+  fs::remove_all(folder_, ignored);
+}
+
 std::optional<RunState::Json> RunState::Find(const std::string& name, const std::string& digest) const {
-  std::optional<Json> kept = Read(name);
+  std::optional<Json> kept = isAnew_ ? std::nullopt : Read(name);
   if (!kept || kept->value("digest", "") != digest || !kept->contains("data")) return std::nullopt;
   return std::move((*kept)["data"]);
 }

@@ -17,6 +17,7 @@ class RunState {
  public:
   using Json = nlohmann::json;
 
+  /// With `overwrite` all is made anew.
   /// @throws FileError when the results in the folder are those of other lights.
   RunState(std::filesystem::path out, const std::vector<std::filesystem::path>& lights, bool overwrite);
 
@@ -26,6 +27,9 @@ class RunState {
   bool HasKept() const { return hasKept_; }
   /// The outputs are ours from now on.
   void Begin(const std::vector<std::filesystem::path>& outputs);
+
+  /// As if there had been no run.
+  void Forget() const;
 
   /// What was kept under a name, if it was made of the same.
   std::optional<Json> Find(const std::string& name, const std::string& digest) const;
@@ -38,7 +42,7 @@ class RunState {
 
   std::filesystem::path folder_;
   std::set<std::string> outputs_, lights_;
-  bool hasKept_ = false;
+  bool isAnew_ = false, hasKept_ = false;
 };
 
 }  // namespace korimg::session
