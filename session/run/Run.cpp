@@ -53,6 +53,7 @@ struct Progress {
   Registration registration;
   std::string reason;  ///< why it is left out
   double weight = 0;
+  std::vector<double> weights;  ///< by planes
   CImgStack::Counts counts;
   bool isKept = false;  ///< it was measured by an earlier call
 
@@ -529,7 +530,8 @@ class Road {
     Plan(fmt::format("{}: {} of {} frames, {}", target.name, used.size(), target.frames.size(),
                      PlanStack(inputs, shape, options).Text()));
     for (size_t i = 0; i < used.size(); ++i) {
-      used[i]->weight = inputs[i].weight;
+      used[i]->weight = inputs[i].Weight();
+      used[i]->weights = inputs[i].Weights();
     }
     const std::string digest = DigestOf(target, used, *used[reference]);
     if (TakeKeptStack(target, used, digest)) return;
@@ -555,7 +557,7 @@ class Road {
     for (const Progress* frame : used) {
       const Registration& r = frame->registration;
       made["frames"].push_back(
-          {frame->digest, frame->weight, r.dx, r.dy, r.degrees, r.fluxRatio.value_or(0)});
+          {frame->digest, frame->weights, r.dx, r.dy, r.degrees, r.fluxRatio.value_or(0)});
     }
     return made.dump();
   }
@@ -746,6 +748,7 @@ class Road {
       told.status = frame.IsUsed() ? "stacked" : frame.IsMeasured() ? frame.reason : frame.error;
       told.isStacked = frame.IsUsed();
       told.weight = frame.weight;
+      told.weights = frame.weights;
       told.rejected = Rejected(frame.counts);
       frames.push_back(std::move(told));
     }
@@ -780,6 +783,7 @@ class Road {
                    {"weight", frame.weight},
                    {"rejected", frame.rejected},
                    {"flux_ratio", r.fluxRatio ? Json(*r.fluxRatio) : Json()}});
+      if (frame.weights.size() > 1) json["weights"] = frame.weights;
       const std::string line = fmt::format(
           "{}: {} stars, FWHM {:.2f} px, dx {:.2f}, dy {:.2f}, {:.3f} degrees by {}; light {:.3g} of the "
           "reference's, weight {:.2f}, rejected {}{}",

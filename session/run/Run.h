@@ -39,8 +39,9 @@ struct RunFrame {
   Registration registration = {};
   std::string status = {};  ///< "stacked", or why it is not
   bool isStacked = false;
-  double weight = 0;    ///< in its stack
-  double rejected = 0;  ///< share of its pixels
+  double weight = 0;                 ///< in its stack; the mean of its planes
+  std::vector<double> weights = {};  ///< of each
+  double rejected = 0;               ///< share of its pixels
 };
 
 struct RunStack {

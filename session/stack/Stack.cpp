@@ -277,9 +277,9 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
     plan.rows = (plan.rows + 1) / 2;
     job.Warn(fmt::format("less memory than planned: bands of {} rows", plan.rows));
   }
-  std::vector<double> weights;
+  std::vector<CImgStack::PlaneWeights> weights;
   for (const StackInput& input : inputs) {
-    weights.push_back(input.weight);
+    weights.push_back(input.weights);
   }
   stack.SetWeights(weights);
   stack.SetOutside(std::numeric_limits<float>::quiet_NaN());
@@ -396,22 +396,21 @@ void CheckScales(const std::vector<StackInput>& inputs, int reference) {
   }
 }
 
-std::vector<double> NoiseWeights(const std::vector<StackInput>& inputs, int reference,
-                                 Normalisation normalisation) {
-  std::vector<double> weights;
-  for (const StackInput& input : inputs) {
-    double variance = 0;
-    for (int p = 0; p < input.shape.planes; ++p) {
-      const FrameLevels &from = input.levels, &to = inputs[reference].levels;
+std::vector<CImgStack::PlaneWeights> NoiseWeights(const std::vector<StackInput>& inputs, int reference,
+                                                  Normalisation normalisation) {
+  std::vector<CImgStack::PlaneWeights> weights(inputs.size());
+  for (int p = 0; p < 3; ++p) {
+    double best = 0;
+    for (size_t i = 0; i < inputs.size(); ++i) {
+      const FrameLevels &from = inputs[i].levels, &to = inputs[reference].levels;
       const double noise = from.noise[p] * ScaleOf(from, to, normalisation, p);
-      variance += noise * noise;
+      weights[i][p] = noise > 0 ? 1 / (noise * noise) : 0;
+      best = std::max(best, weights[i][p]);
     }
-    weights.push_back(variance > 0 ? 1 / variance : 0);
-  }
-  const double best = *std::max_element(weights.begin(), weights.end());
-  for (double& weight : weights) {
-    // A frame without noise has no pixels, or is none: it must not rule the others out.
-    weight = weight > 0 ? weight / best : 1;
+    for (auto& planes : weights) {
+      // A frame without noise has no pixels, or is none: it must not rule the others out.
+      planes[p] = planes[p] > 0 ? planes[p] / best : 1;
+    }
   }
   return weights;
 }

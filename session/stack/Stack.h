@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <memory>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,12 +25,18 @@ struct StackInput {
   /// As CImgComposit takes them: the frame is turned about its middle (width / 2, height / 2), clockwise on
   /// the screen, and then shifted to the right and down.
   double dx = 0, dy = 0, degrees = 0;
-  double weight = 1;   ///< in means; positive
-  FrameLevels levels;  ///< for normalising, and to tell undershoot from noise
+  CImgStack::PlaneWeights weights = {1, 1, 1};  ///< in means; positive
+  FrameLevels levels;                           ///< for normalising, and to tell undershoot from noise
   /// Fills a band of its rows. NaN and infinities are left out of the stack. Called for any rows in any
   /// order, each row once for a band of the result, and from one thread at a time; other frames are read
   /// beside it.
   std::function<void(const Band<float>& to)> read;
+
+  /// The weights of the planes that it has, and their mean.
+  std::vector<double> Weights() const { return {weights.begin(), weights.begin() + shape.planes}; }
+  double Weight() const {
+    return std::accumulate(weights.begin(), weights.begin() + shape.planes, 0.0) / shape.planes;
+  }
 };
 
 enum class Normalisation { None, Level, LevelAndScale };
@@ -94,8 +101,10 @@ double ScaleOf(const FrameLevels& frame, const FrameLevels& reference, Normalisa
 /// @throws FileError that names the frame and the noise of both.
 KORIMG_SESSION_API void CheckScales(const std::vector<StackInput>& inputs, int reference);
 
-/// Weights by the noise of all planes, as normalising leaves it: one over its square. The best frame has 1.
-KORIMG_SESSION_API std::vector<double> NoiseWeights(const std::vector<StackInput>& inputs, int reference,
-                                                    Normalisation normalisation);
+/// Weights by the noise of each plane, as normalising leaves it: one over its square. The best frame has 1 in
+/// each.
+KORIMG_SESSION_API std::vector<CImgStack::PlaneWeights> NoiseWeights(const std::vector<StackInput>& inputs,
+                                                                     int reference,
+                                                                     Normalisation normalisation);
 
 }  // namespace korimg::session

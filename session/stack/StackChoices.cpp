@@ -70,7 +70,7 @@ std::string StackChoices::Text() const {
 
 void StackChoices::Weigh(std::vector<StackInput>& inputs, const std::vector<double>& fwhms,
                          int reference) const {
-  std::vector<double> weights(inputs.size(), 1.0);
+  std::vector<CImgStack::PlaneWeights> weights(inputs.size(), {1, 1, 1});
   if (weight == "noise") weights = NoiseWeights(inputs, reference, Options().normalisation);
   if (weight == "fwhm") {
     double best = 0;
@@ -79,11 +79,11 @@ void StackChoices::Weigh(std::vector<StackInput>& inputs, const std::vector<doub
     }
     for (size_t i = 0; i < inputs.size(); ++i) {
       const double ratio = fwhms[i] > 0 ? best / fwhms[i] : 1;
-      weights[i] = ratio * ratio;
+      weights[i].fill(ratio * ratio);
     }
   }
   for (size_t i = 0; i < inputs.size(); ++i) {
-    inputs[i].weight = weights[i];
+    inputs[i].weights = weights[i];
   }
 }
 

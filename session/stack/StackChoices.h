@@ -32,7 +32,8 @@ struct StackChoices {
   StackOptions Options() const;
   /// As a call would be written with all that counts.
   std::string Text() const;
-  /// By noise, by FWHM in pixels, or 1 for all; the best frame has 1, and one without a FWHM too.
+  /// By noise of each plane, by FWHM in pixels, or 1 for all; the best frame has 1, and one without a FWHM
+  /// too.
   void Weigh(std::vector<StackInput>& inputs, const std::vector<double>& fwhms, int reference) const;
 };
 

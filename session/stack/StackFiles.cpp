@@ -346,15 +346,14 @@ class StackRun {
     }
     StackHeader header(std::move(start));
     for (size_t i = 0; i < inputs_.size(); ++i) {
-      header.Add(sources_.Used()[i].info.header, inputs_[i].weight,
+      header.Add(sources_.Used()[i].info.header, inputs_[i].Weight(),
                  ScaleOf(inputs_[i].levels, inputs_[sources_.Reference()].levels, stack_.normalisation));
     }
     files::Header made = header.Make(stack_.normalisation == Normalisation::LevelAndScale);
     made.AddHistory(fmt::format("korimg {} stack {}", Version(), options_.Text()));
-    const auto [low, high] = std::minmax_element(
-        inputs_.begin(), inputs_.end(), [](const auto& a, const auto& b) { return a.weight < b.weight; });
+    const auto [low, high] = std::ranges::minmax(inputs_, {}, &StackInput::Weight);
     made.AddHistory(fmt::format("{} frames stacked, {} left out; weights {:.4g} to {:.4g}", inputs_.size(),
-                                sources_.LeftOut().size(), low->weight, high->weight));
+                                sources_.LeftOut().size(), low.Weight(), high.Weight()));
     for (const auto& [path, status] : sources_.LeftOut()) {
       made.AddHistory(fmt::format("left out: {} ({})", path.filename().string(), status));
     }
@@ -419,7 +418,8 @@ class StackRun {
       const CImgStack::Counts& counts = counts_[i];
       const double values = static_cast<double>(std::max(counts.values, 1LL));
       result.frames.push_back(
-          {sources_.Used()[i].path, inputs_[i].weight, sources_.Used()[i].transform.fluxRatio,
+          {sources_.Used()[i].path, inputs_[i].Weight(), inputs_[i].Weights(),
+           sources_.Used()[i].transform.fluxRatio,
            static_cast<double>(counts.values) / shape_.width / shape_.height / shape_.planes,
            static_cast<double>(counts.low) / values, static_cast<double>(counts.high) / values});
     }
@@ -443,6 +443,7 @@ class StackRun {
                         {"covers", frame.covers},
                         {"rejected_low", frame.rejectedLow},
                         {"rejected_high", frame.rejectedHigh}});
+      if (frame.weights.size() > 1) frames.back()["weights"] = frame.weights;
       job_.Say(fmt::format(
           "{}: covers {}{}{}{}", frame.file.filename().string(), Percent(frame.covers),
           options_.Rejects() ? fmt::format(", rejected {} low, {} high", Percent(frame.rejectedLow),

@@ -24,7 +24,8 @@ struct StackFilesOptions : StackChoices {
 
 struct StackedFrame {
   std::filesystem::path file;
-  double weight = 0;
+  double weight = 0;                         ///< the mean of its planes
+  std::vector<double> weights = {};          ///< of each
   std::optional<double> fluxRatio;           ///< of its stars to those of the transforms' reference
   double covers = 0;                         ///< share of the stack
   double rejectedLow = 0, rejectedHigh = 0;  ///< shares of its pixels

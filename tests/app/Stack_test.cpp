@@ -469,17 +469,22 @@ TEST(Stack, NormalisedFramesAreAllLikeTheReference) {
   }
 }
 
-TEST(Stack, WeightsAreOneOverTheSquareOfTheNoise) {
-  const auto inputs = Scenes(4, {200, 100, 1}, [](int i, int, int x, int y) {
-    return i == 3 ? 5 : (1 + i) * Noise(i * 1000000 + y * 1000 + x);
+TEST(Stack, WeightsAreOneOverTheSquareOfTheNoiseOfEachPlane) {
+  // The first frame is the best in its first plane, the third one in its last.
+  const auto noise = [](int i, int p) { return p == 2 ? 4.0 - i : 1.0 + i; };
+  const auto inputs = Scenes(4, {200, 100, 3}, [&](int i, int p, int x, int y) {
+    return i == 3 ? 5 : noise(i, p) * Noise(i * 1000000 + p * 300000 + y * 1000 + x);
   });
   const auto plain = NoiseWeights(inputs, 0, Normalisation::Level),
              scaled = NoiseWeights(inputs, 0, Normalisation::LevelAndScale);
   for (int i = 0; i < 3; ++i) {
-    EXPECT_NEAR(plain[i] * (1 + i) * (1 + i), 1, 0.1) << i;
-    EXPECT_NEAR(scaled[i], 1, 0.1) << "scaled to one spread they have one noise";
+    for (int p = 0; p < 3; ++p) {
+      const double ratio = noise(i, p) / (p == 2 ? 2 : 1);
+      EXPECT_NEAR(plain[i][p] * ratio * ratio, 1, 0.1) << i << ' ' << p;
+      EXPECT_NEAR(scaled[i][p], 1, 0.1) << "scaled to one spread they have one noise";
+    }
   }
-  EXPECT_EQ(plain[3], 1) << "without noise nothing is known";
+  EXPECT_EQ(plain[3], (CImgStack::PlaneWeights{1, 1, 1})) << "without noise nothing is known";
 }
 
 TEST(Stack, WhatReadingThrowsReachesTheCaller) {

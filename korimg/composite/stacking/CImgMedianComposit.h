@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <memory>
 #include <span>
 #include <vector>
@@ -87,7 +88,8 @@ class KORIMG_API CImgMedianComposit : public CVelImage {
   };
   template <class F>
   void ForColumns(int y0, int y1, bool threaded, bool normalised, bool finiteOnly,
-                  std::span<const double> weights, F&& reduce, const korimg::FrameScatter* scatter = nullptr);
+                  std::span<const std::array<double, 3>> weights, F&& reduce,
+                  const korimg::FrameScatter* scatter = nullptr);
   CVelImage& Target() const { return *target_; }
   int Slots() const { return static_cast<int>(store_.size()); }
   CLineData& Band(int slot) { return *store_[slot]; }

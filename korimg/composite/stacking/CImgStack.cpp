@@ -17,6 +17,7 @@ namespace {
 struct Known {
   std::vector<float> perNoise;  ///< by frames: one over its noise, or over 1
   std::vector<float> sky;       ///< under each column; none where nothing was measured
+  std::vector<double> weights;  ///< by frames, in this plane
 };
 
 /// Sums and limits of the columns of a part.
@@ -134,10 +135,10 @@ void RejectOutliers(Columns& columns, const Rejection& rejection, const Known& k
 
 /// The weighted means of what is left, and what lies beyond. Only the few columns that lost a value are gone
 /// through; the others have their sums.
-void Means(const Columns& columns, const Work& work, const Known& known, const double* weights,
-           CImgStack::Counts* counts, float* out) {
+void Means(const Columns& columns, const Work& work, const Known& known, CImgStack::Counts* counts,
+           float* out) {
   const int frames = columns.Frames(), stride = columns.Most();
-  const double all = std::accumulate(weights, weights + frames, 0.0);
+  const double *weights = known.weights.data(), all = std::accumulate(weights, weights + frames, 0.0);
   for (int x = 0; x < columns.Size(); ++x) {
     const bool isWhole = work.lowCount[x] + work.highCount[x] == 0;
     if (isWhole && columns.Counts()[x] == frames) {
@@ -182,7 +183,7 @@ void Extremes(Columns& columns, bool largest, float* out) {
 struct Statistic {
   CImgStack::Method method;
   const Rejection& rejection;
-  const std::vector<double>& weights;
+  const std::vector<CImgStack::PlaneWeights>& weights;
   const FrameScatter* scatter;
   Work work = {};
   Known known = {};
@@ -215,7 +216,11 @@ struct Statistic {
     if (rejection.test != Rejection::None) {
       RejectOutliers(columns, rejection, known, scatter, plane, work);
     }
-    Means(columns, work, known, weights.data(), counts.data(), out);
+    known.weights.resize(frames);
+    for (int i = 0; i < frames; ++i) {
+      known.weights[i] = weights[i][std::min(plane, 2)];
+    }
+    Means(columns, work, known, counts.data(), out);
   }
 };
 
@@ -224,9 +229,11 @@ struct Statistic {
 CImgStack::CImgStack(CVelImage* target) : CImgMedianComposit(target, 0) {}
 CImgStack::~CImgStack() = default;
 
-void CImgStack::SetWeights(std::span<const double> weights) {
-  for (const double weight : weights) {
-    if (!(weight > 0) || !std::isfinite(weight)) throw new CInvalidArgException;
+void CImgStack::SetWeights(std::span<const PlaneWeights> weights) {
+  for (const PlaneWeights& planes : weights) {
+    for (const double weight : planes) {
+      if (!(weight > 0) || !std::isfinite(weight)) throw new CInvalidArgException;
+    }
   }
   weights_.assign(weights.begin(), weights.end());
 }
@@ -343,7 +350,7 @@ long long CImgStack::BytesOfThread(size_t frames) {
 }
 
 void CImgStack::Stack(Method method, const Rejection& rejection, int y0, int y1) {
-  weights_.resize(Slots(), 1.0);
+  weights_.resize(Slots(), {1, 1, 1});
   counts_.resize(Slots());
   std::mutex mutex;
   const FrameScatter* scatter =

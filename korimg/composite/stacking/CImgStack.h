@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <memory>
 #include <span>
 #include <utility>
@@ -34,8 +35,11 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   explicit CImgStack(CVelImage* target);
   ~CImgStack() override;
 
-  /// The weight of each slot in means, positive; 1 unless set. Throws CInvalidArgException* for another one.
-  void SetWeights(std::span<const double> weights);
+  /// Weights of a frame by planes; further planes have that of the last.
+  using PlaneWeights = std::array<double, 3>;
+
+  /// The weights of each slot in means, positive; 1 unless set. Throws CInvalidArgException* for others.
+  void SetWeights(std::span<const PlaneWeights> weights);
   /// What a pixel becomes that no frame reaches: 0 unless set.
   void SetOutside(float value) { outside_ = value; }
   /// Images of the target's shape that get the number of values rejected in each pixel. Either may be null.
@@ -74,7 +78,7 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   void RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd, double dx, double dy, double radians,
                        const korimg::FrameLevels& levels);
 
-  std::vector<double> weights_;
+  std::vector<PlaneWeights> weights_;
   std::unique_ptr<korimg::FrameScatter> scatter_;
   float outside_ = 0;
   CVelImage* lowMap_ = nullptr;

@@ -92,8 +92,9 @@ constexpr std::pair<CImgStack::Method, Rejection> kMethods[] = {{CImgStack::Medi
                                                                 {CImgStack::Maximum, kClip},
                                                                 {CImgStack::Minimum, kClip}};
 
-double WeightOf(int frame) {
-  return 0.25 + frame % 3;
+/// Another one in each plane.
+CImgStack::PlaneWeights WeightsOf(int frame) {
+  return {0.25 + frame % 3, 0.5 + frame % 2, 3.0 / (1 + frame)};
 }
 
 /// Whole shifts with holes; pixels are negative too, wild ones among them.
@@ -104,10 +105,10 @@ TEST_P(CImgStackOf, EveryMethodIsThatOfTheFiniteValuesNormalisedAndWeighted) {
   for (const bool paged : {false, true}) {
     const auto store = paged ? TinyPool() : MemoryStore();
     std::vector<std::shared_ptr<CVelImage>> images;
-    std::vector<double> weights;
+    std::vector<CImgStack::PlaneWeights> weights;
     for (int i = 0; i < frames; ++i) {
       images.push_back(Make(store, kWidth, kHeight, 2 * (i % 2) + 1, Wild(-300, 500, i)));
-      weights.push_back(WeightOf(i));
+      weights.push_back(WeightsOf(i));
     }
     const auto dx = [](int i) { return i * 7 % 11 - 5; };
     const auto dy = [](int i) { return i * 5 % 13 - 6; };
@@ -143,7 +144,7 @@ TEST_P(CImgStackOf, EveryMethodIsThatOfTheFiniteValuesNormalisedAndWeighted) {
           const int u = x - dx(f), v = y - dy(f);
           if (u < 0 || v < 0 || u >= kWidth || v >= kHeight) continue;
           const float pixel = images[f]->GetPixelGrayRaw(u, v, images[f]->GetPlanes() > 1 ? p : 0);
-          if (std::isfinite(pixel)) found.push_back({normalised(pixel, f), weights[f]});
+          if (std::isfinite(pixel)) found.push_back({normalised(pixel, f), weights[f][p]});
         }
         values += static_cast<long long>(found.size());
         const double got = target->GetPixelGrayRaw(x, y, p);
@@ -194,9 +195,9 @@ std::vector<float> StackBands(const std::shared_ptr<CVmManager>& store,
   CImgStack stack(target.get());
   EXPECT_EQ(stack.AllocateStoreBuffer(target.get(), frames, rows), 1);
   stack.SetRejectionMaps(low.get(), high.get());
-  std::vector<double> weights;
+  std::vector<CImgStack::PlaneWeights> weights;
   for (int i = 0; i < frames; ++i) {
-    weights.push_back(WeightOf(i));
+    weights.push_back(WeightsOf(i));
   }
   stack.SetWeights(weights);
   for (int y = 0; y < kHeight; y += rows) {
@@ -488,7 +489,9 @@ TEST(CImgStack, ByHand) {
       << "low only";
   const auto target = Make(MemoryStore(), 1, 1, 1, Random(0, 1));
   for (const double weight : {0.0, -1.0, static_cast<double>(nan), static_cast<double>(inf)}) {
-    const auto set = [&] { CImgStack(target.get()).SetWeights(std::vector{1.0, weight}); };
+    const auto set = [&] {
+      CImgStack(target.get()).SetWeights(std::vector<CImgStack::PlaneWeights>{{1, 1, 1}, {1, 1, weight}});
+    };
     EXPECT_TRUE(ThrowsPointer<CInvalidArgException>(set)) << weight;
   }
 }

@@ -186,7 +186,7 @@ class Columns {
 /// row has its own copy of `reduce`. Without weights all are 1. With a scatter, frames lie on one sky.
 template <class F>
 void CImgMedianComposit::ForColumns(int y0, int y1, bool threaded, bool normalised, bool finiteOnly,
-                                    std::span<const double> weights, F&& reduce,
+                                    std::span<const std::array<double, 3>> weights, F&& reduce,
                                     const korimg::FrameScatter* scatter) {
   using namespace korimg;
   const int frames = static_cast<int>(store_.size()), width = target_->GetWidth(),
@@ -209,7 +209,7 @@ void CImgMedianComposit::ForColumns(int y0, int y1, bool threaded, bool normalis
         for (int i = 0; i < frames; ++i) {
           if (scatter) scatter->OffsetsOf(i, p, y, left, std::span(offsets).first(columns.Size()));
           columns.Add(i, store_[i]->Values() + first + left, store_[i]->Valid() + first + left,
-                      normalisers[3 * i + std::min(p, 2)], weights.empty() ? 1 : weights[i],
+                      normalisers[3 * i + std::min(p, 2)], weights.empty() ? 1 : weights[i][std::min(p, 2)],
                       scatter ? offsets.data() : nullptr);
         }
         part(columns, Part{left, y, p});
