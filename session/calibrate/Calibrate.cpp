@@ -181,7 +181,9 @@ std::vector<CalibratedLight> Calibrate(Job& job, const CalibrateOptions& options
     }
     const auto done = static_cast<size_t>(std::count_if(
         results.begin(), results.end(), [](const CalibratedLight& light) { return light.isDone; }));
-    const size_t all = session.Lights().size() + session.Failed().size();
+    const auto failed = static_cast<size_t>(std::ranges::count(
+        session.Failed(), false, [](const Session::FailedLight& light) { return light.isUnfinished; }));
+    const size_t all = session.Lights().size() + failed;
     if (2 * done < all || done == 0)
       job.Fail(fmt::format("{} of {} lights are calibrated, less than half", done, all));
     return results;

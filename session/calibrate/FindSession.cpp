@@ -37,6 +37,12 @@ FileKind KindOf(const fs::path& path) {
   return extension == ".png" ? kPng : kNoImage;
 }
 
+/// An image under the name that a program gives it until it is complete.
+bool IsPartial(const fs::path& path) {
+  return IsOneOf(files::LowerExtension(path), {".part", ".partial", ".tmp", ".crdownload", ".filepart"}) &&
+         KindOf(path.stem()) != kNoImage;
+}
+
 /// The names of the folders in a folder that hold frames.
 std::string FoldersWithFrames(const fs::path& folder) {
   std::vector<std::string> names;
@@ -61,6 +67,10 @@ std::vector<fs::path> OwnFramesOf(Job& job, const fs::path& folder) {
     const FileKind kind = KindOf(entry.path());
     const bool hidden = entry.path().filename().string().starts_with(".");
     if (!hidden && kind != kNoImage) found[kind].push_back(entry.path());
+    if (!hidden && IsPartial(entry.path())) {
+      job.Warn(
+          fmt::format("{}: is still being written, by its name, and left for later", entry.path().string()));
+    }
   }
   const bool hasFrames = !found[kFits].empty() || !found[kRaw].empty();
   std::vector<fs::path>* frames = nullptr;

@@ -139,18 +139,24 @@ void Session::PlanLights() {
   for (const fs::path& path : ExpandFolders(job_, options_.lights)) {
     failed_.push_back({path});  // failed, unless it is planned
     std::optional<Frame> frame;
-    job_.ForEachFile(
-        {path}, [&](const fs::path&) { frame = ReadFrame(path); }, true);
+    const auto read = [&](const fs::path&) {
+      try {
+        frame = ReadFrame(path);
+      } catch (const files::FileError& error) {
+        failed_.back().reason = error.Reason();
+        failed_.back().isUnfinished = dynamic_cast<const files::UnfinishedError*>(&error);
+        throw;
+      }
+    };
+    job_.ForEachFile({path}, read, true);
     if (!frame) continue;
     failed_.back().filter = FilterOf(frame->info.header);
     try {
       lights_.push_back(PlanLight(std::move(*frame)));
       failed_.pop_back();
     } catch (const files::FileError& error) {
-      std::string text = error.what();
-      const std::string name = path.string() + ": ";
-      if (text.starts_with(name)) text.erase(0, name.size());
-      misfits[text].push_back(path);
+      failed_.back().reason = "cannot be calibrated: " + error.Reason();
+      misfits[error.Reason()].push_back(path);
     }
   }
   for (const auto& [text, paths] : misfits) {
@@ -624,7 +630,6 @@ Light Session::PlanLight(Frame frame) {
   return light;
 }
 
-/// Groups that serve a light or such a flat, those of offsets first.
 std::vector<const Group*> Session::NeededGroups() const {
   std::set<const Group*> needed;
   for (const Light& light : lights_) {

@@ -175,6 +175,8 @@ nlohmann::json Decoder::Exchange(const nlohmann::json& request, int descriptor) 
     }
   }
   socket_ = FileDescriptor();  // a process that failed has ended
+  // What of a camera raw file is missing cannot be told from what is damaged.
+  if (HasRawExtension(shown_) && WasJustWritten(shown_)) throw UnfinishedError(shown_, error);
   throw FileError(shown_, error);
 }
 

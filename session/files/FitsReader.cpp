@@ -64,7 +64,7 @@ void Unpack(const fs::path& path, const File& source, const File& target) {
     complete = result == Z_STREAM_END;
     if (complete) inflateReset(&stream);
   }
-  if (!complete) throw FileError(path, "damaged gzip file: it ends too early; get the file again");
+  if (!complete) ThrowIncomplete(path, "damaged gzip file: it ends too early");
 }
 
 template <typename T>
@@ -177,7 +177,9 @@ class FitsReader : public ImageReader {
       const std::size_t got = file_.Read(block.data(), kFitsBlock, offset + i * kFitsBlock);
       if (i == 0 && offset > 0 && (got < kFitsBlock || std::memcmp(block.data(), "XTENSION", 8) != 0))
         return std::nullopt;
-      if (got < kFitsBlock || i == kMostBlocks) Fail("not a FITS file, or damaged: no END in the header");
+      const std::string noEnd = "not a FITS file, or damaged: no END in the header";
+      if (got < kFitsBlock) ThrowIncomplete(info_.path, noEnd);
+      if (i == kMostBlocks) Fail(noEnd);
       for (std::size_t at = 0; at < kFitsBlock; at += 80) {
         std::string card(block.data() + at, 80);
         for (char& c : card)
@@ -257,7 +259,9 @@ class FitsReader : public ImageReader {
     for (int number = 0;; ++number) {
       std::optional<Hdu> hdu = offset < file_.Size() ? ReadHdu(offset) : std::nullopt;
       if (!hdu) {
-        if (options.hdu.empty()) Fail(fmt::format("no image in any of its {} header-data units", number));
+        if (options.hdu.empty()) {
+          ThrowIncomplete(info_.path, fmt::format("no image in any of its {} header-data units", number));
+        }
         Fail(fmt::format("no header-data unit '{}' among its {} (numbered from 0)", options.hdu, number));
       }
       std::string name = hdu->header.GetString("EXTNAME").value_or("");
@@ -316,9 +320,10 @@ class FitsReader : public ImageReader {
                                       static_cast<double>(Bytes(bitpix_));
     const double held = std::max(0.0, static_cast<double>(file_.Size()) - static_cast<double>(start_));
     if (bytes > held) {
-      Fail(fmt::format(
-          "truncated: {} x {} x {} {} pixels take {:.0f} bytes, the file holds {:.0f}; get the file again",
-          info_.width, info_.height, info_.planes, info_.type, bytes, held));
+      ThrowIncomplete(
+          info_.path,
+          fmt::format("truncated: {} x {} x {} {} pixels take {:.0f} bytes, the file holds {:.0f}",
+                      info_.width, info_.height, info_.planes, info_.type, bytes, held));
     }
   }
 

@@ -36,6 +36,13 @@ std::unique_ptr<ImageWriter> CreateJpeg(std::string& bytes, const WriteOptions& 
 [[noreturn]] void ThrowDiskFull(const std::filesystem::path& path, const std::filesystem::path& folder,
                                 std::uint64_t needed);
 
+/// Whether a file was written to within the last minute. The clocks of cameras and servers may be fast by
+/// hours, but not by days.
+bool WasJustWritten(const std::filesystem::path& path);
+
+/// Throws for a file that ends too early: an UnfinishedError when it has just been written, else a FileError.
+[[noreturn]] void ThrowIncomplete(const std::filesystem::path& path, const std::string& what);
+
 /// Tells one state of a file from another: its size and when it was written last. Throws FileError.
 KORIMG_SESSION_API std::string StampOf(const std::filesystem::path& path);
 

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <climits>
 #include <cmath>
 #include <cstring>
@@ -57,7 +58,11 @@ void CheckBand(const fs::path& path, const Band<const float>& band, int width, i
 }  // namespace
 
 FileError::FileError(const fs::path& path, std::string_view what)
-    : Error(session::ErrorKind::File, OneLine(fmt::format("{}: {}", path.string(), what)), path.string()) {}
+    : Error(session::ErrorKind::File, OneLine(fmt::format("{}: {}", path.string(), what)), path.string()),
+      pathLength_(path.string().size() + 2) {}
+
+UnfinishedError::UnfinishedError(const fs::path& path, std::string_view what)
+    : FileError(path, fmt::format("is still being written, as it seems, and left for later ({})", what)) {}
 
 std::string LowerExtension(const fs::path& path) {
   return LowerCase(path.extension().string());
@@ -65,6 +70,20 @@ std::string LowerExtension(const fs::path& path) {
 
 void ThrowSystemError(const fs::path& path, std::string_view doing, int error) {
   throw FileError(path, fmt::format("cannot {}: {}", doing, std::strerror(error)));
+}
+
+bool WasJustWritten(const fs::path& path) {
+  using std::chrono::hours;
+  std::error_code unknown;
+  const auto written = fs::last_write_time(path, unknown);
+  if (unknown) return false;
+  const auto age = fs::file_time_type::clock::now() - written;
+  return age < std::chrono::minutes(1) && age > -hours(24);
+}
+
+void ThrowIncomplete(const fs::path& path, const std::string& what) {
+  if (WasJustWritten(path)) throw UnfinishedError(path, what);
+  throw FileError(path, what + "; get the file again");
 }
 
 std::string StampOf(const fs::path& path) {
@@ -196,7 +215,7 @@ std::unique_ptr<ImageReader> OpenAny(const fs::path& path, const ReadOptions& op
     struct stat state;
     if (fstat(file.Descriptor(), &state) != 0) ThrowSystemError(path, "look at the file", errno);
     if (!S_ISREG(state.st_mode)) throw FileError(path, "not a regular file; name an image file");
-    if (file.Read(start, sizeof start, 0) == 0) throw FileError(path, "the file is empty (0 bytes)");
+    if (file.Read(start, sizeof start, 0) == 0) ThrowIncomplete(path, "the file is empty (0 bytes)");
   }
   const auto startsWith = [&](std::string_view magic) {
     return std::memcmp(start, magic.data(), magic.size()) == 0;

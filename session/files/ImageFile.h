@@ -23,6 +23,18 @@ namespace korimg::files {
 class KORIMG_SESSION_API FileError : public session::Error {
  public:
   FileError(const std::filesystem::path& path, std::string_view what);
+
+  /// What is wrong and what to do, without the path.
+  std::string Reason() const { return std::string(what()).substr(pathLength_); }
+
+ private:
+  size_t pathLength_;
+};
+
+/// A file that ends too early, but was written to within the last minute: a camera or a copy is still at it.
+class KORIMG_SESSION_API UnfinishedError : public FileError {
+ public:
+  UnfinishedError(const std::filesystem::path& path, std::string_view what);
 };
 
 /// The cards of a FITS header in their order, kept as they were read: duplicates, HIERARCH, CONTINUE, COMMENT
@@ -132,7 +144,7 @@ class KORIMG_SESSION_API ImageReader {
   /// file) or tile-compressed; TIFF and PNG may be gray or colour, further channels are left out. Camera raw
   /// gives the undeveloped pixels of the sensor's active area; what is known of black once rows were read.
   /// @throws FileError if the file is unreadable, damaged, shorter than its header says, or of an unsupported
-  /// kind.
+  /// kind; UnfinishedError if it ends too early and has just been written.
   static std::unique_ptr<ImageReader> Open(const std::filesystem::path& path,
                                            const ReadOptions& options = {});
   virtual ~ImageReader() = default;

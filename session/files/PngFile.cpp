@@ -22,6 +22,7 @@ struct Stream {
   std::uint64_t offset = 0;
   std::exception_ptr exception;
   char message[128] = "";
+  bool endsEarly = false;
 };
 
 void OnError(png_structp png, png_const_charp message) {
@@ -40,7 +41,8 @@ void OnRead(png_structp png, png_bytep data, std::size_t size) {
     stream->exception = std::current_exception();
   }
   stream->offset += got;
-  if (got != size) png_error(png, "the file ends too early");
+  stream->endsEarly = got != size;
+  if (stream->endsEarly) png_error(png, "the file ends too early");
 }
 
 void OnWrite(png_structp png, png_bytep data, std::size_t size) {
@@ -60,7 +62,9 @@ void Guard(png_structp png, const fs::path& path, Calls calls) {
   if (setjmp(png_jmpbuf(png)) != 0) {
     auto* stream = static_cast<Stream*>(png_get_error_ptr(png));
     if (stream->exception) std::rethrow_exception(stream->exception);
-    throw FileError(path, fmt::format("PNG: {}", stream->message));
+    const std::string text = fmt::format("PNG: {}", stream->message);
+    if (stream->endsEarly) ThrowIncomplete(path, text);
+    throw FileError(path, text);
   }
   calls();
 }
@@ -119,9 +123,8 @@ class PngReader : public ImageReader {
     constexpr double kDensest = 1032 * 8;
     const double bytes = static_cast<double>(RowBytes()) * info_.height;
     if (bytes > kDensest * static_cast<double>(file_.Size())) {
-      throw FileError(path,
-                      fmt::format("truncated: {} x {} pixels cannot come from {} bytes; get the file again",
-                                  info_.width, info_.height, file_.Size()));
+      ThrowIncomplete(path, fmt::format("truncated: {} x {} pixels cannot come from {} bytes", info_.width,
+                                        info_.height, file_.Size()));
     }
   }
 

@@ -25,8 +25,8 @@ class RawReader : public ImageReader {
     info_.type = "uint16";
     CheckSides(path, info_.width, info_.height);
     if (file_.Size() * kMostPixelsInByte < static_cast<std::uint64_t>(info_.width) * info_.height) {
-      throw FileError(path, fmt::format("{} bytes cannot hold {} x {} raw pixels; get the file again",
-                                        file_.Size(), info_.width, info_.height));
+      ThrowIncomplete(path, fmt::format("{} bytes cannot hold {} x {} raw pixels", file_.Size(), info_.width,
+                                        info_.height));
     }
     info_.camera = Take<CameraRaw>(opened, "camera");
     info_.header.cards = Take<std::vector<std::string>>(opened, "cards");

@@ -28,7 +28,10 @@ class Tiff {
         options, [](TIFF*, void*, const char*, const char*, va_list) { return 1; }, nullptr);
     tiff_ = TIFFOpenExt(path.c_str(), mode, options);
     TIFFOpenOptionsFree(options);
-    if (tiff_ == nullptr) Fail("cannot open the TIFF file");
+    if (tiff_ != nullptr) return;
+    // Its directory may lie at its end.
+    if (*mode == 'r') ThrowIncomplete(shown_, "cannot open the TIFF file: " + message_);
+    Fail("cannot open the TIFF file");
   }
   ~Tiff() { TIFFClose(tiff_); }
   Tiff(const Tiff&) = delete;
@@ -163,8 +166,8 @@ class TiffReader : public ImageReader {
       const std::uint64_t size = error != 0 ? 0 : TIFFGetStrileByteCountWithErr(tiff, i, &error);
       if (error != 0) handles_[0]->Fail(fmt::format("damaged table of strips at number {}", i));
       if (offset > fileSize || size > fileSize - offset) {
-        Fail(fmt::format("truncated: strip {} ends at byte {}, the file has {}; get the file again", i,
-                         offset + size, fileSize));
+        ThrowIncomplete(info_.path, fmt::format("truncated: strip {} ends at byte {}, the file has {}", i,
+                                                offset + size, fileSize));
       }
       stored += size;
     }

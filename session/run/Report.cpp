@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fstream>
 #include <limits>
+#include <map>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -10,6 +11,8 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "session/files/Formats.h"
+#include "session/files/internal/Times.h"
+#include "session/run/internal/TimeAxis.h"
 
 namespace korimg::session {
 namespace {
@@ -64,22 +67,46 @@ std::string Inline(const std::string& jpeg) {
   return address;
 }
 
+/// The frames that were measured, and where they stand in plots: by time where all know theirs, else by
+/// number.
+struct Course {
+  std::vector<const ReportFrame*> frames;
+  std::optional<TimeAxis> time;
+
+  explicit Course(const std::vector<ReportFrame>& all) {
+    std::vector<std::optional<double>> starts;
+    for (const ReportFrame& frame : all) {
+      if (!frame.sky) continue;
+      frames.push_back(&frame);
+      starts.push_back(frame.start);
+    }
+    time = TimeAxis::Of(starts);
+  }
+
+  /// 0 to 1.
+  double PlaceOf(size_t i) const {
+    if (time) return time->places[i];
+    return frames.size() > 1 ? static_cast<double>(i) / static_cast<double>(frames.size() - 1) : 0;
+  }
+  /// Frames between two pauses, which a line joins.
+  int PartOf(size_t i) const { return time ? time->parts[i] : 0; }
+};
+
 /// A curve over the frames in the order of time; what was left out is marked.
-std::string Plot(const std::string& title, const Report& report,
+std::string Plot(const std::string& title, const Course& course,
                  std::initializer_list<std::pair<const char*, std::optional<double> ReportFrame::*>> curves) {
   constexpr double kWidth = 360, kHeight = 170, kLeft = 56, kRight = 12, kTop = 28, kBottom = 22;
   constexpr const char* kColours[] = {"#7fb4f0", "#f0c060"};
   double low = std::numeric_limits<double>::infinity(), high = -low;
   for (const auto& [name, value] : curves) {
-    for (const ReportFrame& frame : report.frames) {
-      if (frame.*value) low = std::min(low, *(frame.*value)), high = std::max(high, *(frame.*value));
+    for (const ReportFrame* frame : course.frames) {
+      if (frame->*value) low = std::min(low, *(frame->*value)), high = std::max(high, *(frame->*value));
     }
   }
   if (!(low <= high)) return "";
   const double margin = high > low ? 0.05 * (high - low) : std::max(std::abs(high) * 0.05, 0.5);
   low -= margin, high += margin;
-  const auto last = static_cast<double>(std::max<size_t>(report.frames.size() - 1, 1));
-  const auto x = [&](size_t i) { return kLeft + (kWidth - kLeft - kRight) * static_cast<double>(i) / last; };
+  const auto x = [&](double at) { return kLeft + (kWidth - kLeft - kRight) * at; };
   const auto y = [&](double v) {
     return kHeight - kBottom - (kHeight - kTop - kBottom) * (v - low) / (high - low);
   };
@@ -94,22 +121,41 @@ std::string Plot(const std::string& title, const Report& report,
         "text-anchor=\"end\">{:.4g}</text>",
         kLeft, kWidth - kRight, y(v), y(v), kLeft - 6, y(v) + 4, v);
   }
-  svg += fmt::format("<text x=\"{}\" y=\"{}\">1</text><text x=\"{}\" y=\"{}\" text-anchor=\"end\">{}</text>",
-                     kLeft, kHeight - 6, kWidth - kRight, kHeight - 6, report.frames.size());
+  const auto label = [&](double at, const char* anchor, const std::string& text) {
+    svg += fmt::format("<text x=\"{:.1f}\" y=\"{}\" text-anchor=\"{}\">{}</text>", x(at), kHeight - 6, anchor,
+                       text);
+  };
+  label(0, "start", course.time ? "0" : "1");
+  label(1, "end",
+        course.time ? fmt::format("{:.1f} h", course.time->hours) : fmt::format("{}", course.frames.size()));
+  if (course.time) {
+    label(0.5, "middle", "since " + files::FitsDate(course.time->start).substr(0, 16));
+    for (const TimeAxis::Pause& pause : course.time->pauses) {
+      svg += fmt::format(
+          "<line class=\"pause\" x1=\"{0:.1f}\" x2=\"{0:.1f}\" y1=\"{1}\" y2=\"{2}\" stroke=\"#6a707c\" "
+          "stroke-dasharray=\"2 3\"><title>a pause of {3:.1f} h</title></line>",
+          x(pause.at), kTop, kHeight - kBottom, pause.hours);
+    }
+  }
   int number = 0;
   for (const auto& [name, value] : curves) {
     const char* colour = kColours[number];
-    std::string line, dots;
-    for (size_t i = 0; i < report.frames.size(); ++i) {
-      const ReportFrame& frame = report.frames[i];
+    std::map<int, std::string> lines;
+    std::string dots;
+    for (size_t i = 0; i < course.frames.size(); ++i) {
+      const ReportFrame& frame = *course.frames[i];
       if (!(frame.*value)) continue;
-      const double v = *(frame.*value);
-      if (frame.reason.empty()) line += fmt::format("{:.1f},{:.1f} ", x(i), y(v));
+      const double v = *(frame.*value), left = x(course.PlaceOf(i));
+      if (frame.reason.empty()) lines[course.PartOf(i)] += fmt::format("{:.1f},{:.1f} ", left, y(v));
       dots += fmt::format(
-          "<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"2.5\" fill=\"{}\"><title>{}: {:.4g}</title></circle>",
-          x(i), y(v), frame.reason.empty() ? colour : "#f08080", Escaped(frame.file), v);
+          "<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"2.5\" fill=\"{}\"><title>{}{}: {:.4g}</title></circle>",
+          left, y(v), frame.reason.empty() ? colour : "#f08080", Escaped(frame.file),
+          frame.start ? ", " + files::FitsDate(*frame.start) : "", v);
     }
-    svg += fmt::format("<polyline fill=\"none\" stroke=\"{}\" points=\"{}\"/>{}", colour, line, dots);
+    for (const auto& [part, points] : lines) {
+      svg += fmt::format("<polyline fill=\"none\" stroke=\"{}\" points=\"{}\"/>", colour, points);
+    }
+    svg += dots;
     if (curves.size() > 1) {
       svg += fmt::format("<text x=\"{}\" y=\"17\" fill=\"{}\" text-anchor=\"end\">{}</text>",
                          kWidth - kRight - 30 * (static_cast<int>(curves.size()) - 1 - number), colour, name);
@@ -151,14 +197,17 @@ std::string Page(const Report& report) {
     }
   }
   page += "<h2>Over time</h2>\n<div class=\"plots\">\n";
-  page += Plot("FWHM, pixels", report, {{"", &ReportFrame::fwhm}});
-  page += Plot("Stars", report, {{"", &ReportFrame::stars}});
-  page += Plot("Sky", report, {{"", &ReportFrame::sky}});
-  page += Plot("Shift, pixels", report, {{"dx", &ReportFrame::dx}, {"dy", &ReportFrame::dy}});
-  page += Plot("Rotation, degrees", report, {{"", &ReportFrame::degrees}});
-  page += Plot("Rejected, %", report, {{"", &ReportFrame::rejected}});
+  const Course course(report.frames);
+  page += Plot("FWHM, pixels", course, {{"", &ReportFrame::fwhm}});
+  page += Plot("Stars", course, {{"", &ReportFrame::stars}});
+  page += Plot("Sky", course, {{"", &ReportFrame::sky}});
+  page += Plot("Light of stars, of the reference's", course, {{"", &ReportFrame::light}});
+  page += Plot("Shift, pixels", course, {{"dx", &ReportFrame::dx}, {"dy", &ReportFrame::dy}});
+  page += Plot("Rotation, degrees", course, {{"", &ReportFrame::degrees}});
+  page += Plot("Rejected, %", course, {{"", &ReportFrame::rejected}});
   page +=
-      "</div>\n<h2>Frames</h2>\n<div class=\"scroll\"><table>\n<tr><th></th><th>frame</th><th>status</th>"
+      "</div>\n<h2>Frames</h2>\n<div class=\"scroll\"><table>\n<tr><th></th><th>frame</th><th>begun, "
+      "UTC</th><th>status</th>"
       "<th>calibrated by</th><th class=\"n\">clipped</th><th class=\"n\">stars</th><th class=\"n\">FWHM</th>"
       "<th class=\"n\">elongation</th><th class=\"n\">guide error</th><th class=\"n\">sky</th><th "
       "class=\"n\">noise</th><th>registered "
@@ -167,15 +216,16 @@ std::string Page(const Report& report) {
       "class=\"n\">residual</th>"
       "<th class=\"n\">light</th><th class=\"n\">weight</th><th class=\"n\">rejected</th></tr>\n";
   for (const ReportFrame& frame : report.frames) {
-    page +=
-        fmt::format("<tr><td>{}</td><td>{}</td><td{}>{}</td><td>{}</td><td class=\"n\">{:.2g} %</td>",
-                    frame.thumbnail.empty()
-                        ? ""
-                        : fmt::format("<img width=\"150\" src=\"{}\" alt=\"\">", Inline(frame.thumbnail)),
-                    Escaped(frame.file), frame.reason.empty() ? "" : " class=\"bad\"",
-                    frame.reason.empty() ? "stacked" + Escaped(frame.note.empty() ? "" : "; " + frame.note)
-                                         : "left out: " + Escaped(frame.reason),
-                    Escaped(frame.served), 100 * frame.clipped);
+    page += fmt::format(
+        "<tr><td>{}</td><td>{}</td><td>{}</td><td{}>{}</td><td>{}</td><td class=\"n\">{:.2g} %</td>",
+        frame.thumbnail.empty()
+            ? ""
+            : fmt::format("<img width=\"150\" src=\"{}\" alt=\"\">", Inline(frame.thumbnail)),
+        Escaped(frame.file), frame.start ? files::FitsDate(*frame.start) : "",
+        frame.reason.empty() ? "" : " class=\"bad\"",
+        frame.reason.empty() ? "stacked" + Escaped(frame.note.empty() ? "" : "; " + frame.note)
+                             : "left out: " + Escaped(frame.reason),
+        Escaped(frame.served), 100 * frame.clipped);
     page += Cell(frame.stars, "{:.0f}") + Cell(frame.fwhm, "{:.2f}") + Cell(frame.elongation, "{:.2f}") +
             Cell(frame.guideError, "{:.2f}") + Cell(frame.sky, "{:.5g}") + Cell(frame.noise, "{:.4g}") +
             fmt::format("<td>{}</td>", Escaped(frame.method)) + Cell(frame.dx, "{:.2f}") +

@@ -23,6 +23,7 @@
 #include "session/job/internal/SideBySide.h"
 #include "session/picture/AutoPicture.h"
 #include "session/register/Register.h"
+#include "session/run/internal/Cost.h"
 #include "session/run/internal/Gradient.h"
 #include "session/run/internal/Kept.h"
 #include "session/run/internal/Report.h"
@@ -44,6 +45,7 @@ struct Progress {
   const Light* light = nullptr;
   std::string digest = {};               ///< of all that its pixels depend on
   std::string error = "cannot be read";  ///< it could not be done at all
+  bool isUnfinished = false;             ///< since it is still being written
   Shape shape;
   double clipped = 0;
   std::shared_ptr<const files::ConstantBorder> border;  ///< of its file
@@ -120,10 +122,8 @@ class Road {
       frames_.push_back({.light = &light});
     }
     // In the order of time, which is that of names where nothing else is known.
-    std::stable_sort(frames_.begin(), frames_.end(), [](const Progress& a, const Progress& b) {
-      const auto start = [](const Progress& f) { return files::StartOf(f.light->frame.info.header); };
-      return start(a) < start(b);
-    });
+    std::stable_sort(frames_.begin(), frames_.end(),
+                     [](const Progress& a, const Progress& b) { return StartOf(a) < StartOf(b); });
     std::map<std::string, Target> byFilter;
     for (Progress& frame : frames_) {
       const std::string filter = FilterOf(frame.light->frame.info.header);
@@ -163,6 +163,8 @@ class Road {
     if (frames_.empty()) {
       throw files::FileError(options_.calibrate.lights.front().parent_path(), "no light can be used");
     }
+    cost_ = CostOf(job_, Work());
+    Plan("the run " + cost_.Text());
   }
 
   /// The plan of each light, for programs.
@@ -170,6 +172,9 @@ class Road {
     for (const Progress& frame : frames_) {
       job_.Tell(Dump(frame.light->Description()), "");
     }
+    TellFailed();
+    job_.Tell(Dump({{"plan", cost_.Description()}}), "");
+    CheckRoom(Work(), cost_);
   }
 
   RunResult Do() {
@@ -190,6 +195,7 @@ class Road {
     state_.emplace(options_.calibrate.out, lights, job_.options.overwrite);
     const std::vector<fs::path> made =
         session_.CheckOutputs(outputs, [&](const fs::path& path) { return state_->Owns(path); });
+    CheckRoom(Work(), cost_);
     const Unfinished unfinished(job_, *state_, made, options_.calibrate);
     state_->Begin(made);
     // What is there under these names is ours to replace, from now on.
@@ -227,6 +233,25 @@ class Road {
   void LeaveOut(Progress& frame, const std::string& reason) {
     frame.reason = reason;
     job_.Warn(fmt::format("{}: left out: {}", frame.light->Name(), reason));
+  }
+
+  Workload Work() const {
+    Workload work{.hasColour = colours_.has_value(),
+                  .hasGradients = options_.gradient,
+                  .out = options_.calibrate.out,
+                  .masterFolder = options_.calibrate.masters};
+    for (const Group* group : session_.NeededGroups()) {
+      const files::ImageInfo& info = group->frames.front().info;
+      work.masters.push_back({group->frames.size(), {info.width, info.height, info.planes}});
+    }
+    for (const Target& target : targets_) {
+      const Light& light = *target.frames.front()->light;
+      const files::ImageInfo& info = light.frame.info;
+      const bool isMosaic = light.mosaic.cfa > 0;
+      work.stacks.push_back(
+          {target.frames.size(), {info.width, info.height, isMosaic ? 3 : info.planes}, isMosaic});
+    }
+    return work;
   }
 
   /// What a light takes once it is developed, and while its stars are found.
@@ -276,13 +301,20 @@ class Road {
           return frame;
         },
         [&](size_t i, const auto& result) {
-          job_.ForEachFile(
-              {frames_[i].light->frame.path},
-              [&](const fs::path&) {
-                frames_[i] = result();
-                Keep(frames_[i]);
-              },
-              true);
+          const auto take = [&](const fs::path&) {
+            try {
+              frames_[i] = result();
+              Keep(frames_[i]);
+            } catch (const files::FileError& error) {
+              frames_[i].error = error.Reason();
+              frames_[i].isUnfinished = dynamic_cast<const files::UnfinishedError*>(&error);
+              throw;
+            } catch (const std::exception& error) {
+              frames_[i].error = error.what();
+              throw;
+            }
+          };
+          job_.ForEachFile({frames_[i].light->frame.path}, take, true);
         });
     const auto kept =
         std::count_if(frames_.begin(), frames_.end(), [](const Progress& f) { return f.isKept; });
@@ -329,7 +361,9 @@ class Road {
 
   /// A result that holds less than half of its lights is no success.
   void CheckShares() {
-    const size_t lights = frames_.size() + session_.Failed().size();
+    const auto isAwaited = [](const auto& light) { return !light.isUnfinished; };
+    const auto lights = static_cast<size_t>(std::ranges::count_if(frames_, isAwaited) +
+                                            std::ranges::count_if(session_.Failed(), isAwaited));
     const auto used = static_cast<size_t>(
         std::count_if(frames_.begin(), frames_.end(), [](const Progress& frame) { return frame.IsUsed(); }));
     const auto tell = [&](const std::string& name, size_t part, size_t all) {
@@ -339,14 +373,17 @@ class Road {
     };
     std::map<std::string, size_t> failed;  // by filter
     for (const Session::FailedLight& light : session_.Failed()) {
-      if (light.filter) ++failed[FoldedName(*light.filter)];
+      if (light.filter && isAwaited(light)) ++failed[FoldedName(*light.filter)];
     }
     for (const Target& target : targets_) {
       const auto own = failed.extract(FoldedName(target.filter));
       const auto stacked = std::count_if(target.frames.begin(), target.frames.end(),
                                          [](const Progress* frame) { return frame->IsUsed(); });
+      const auto wanted =
+          std::ranges::count_if(target.frames, [&](const Progress* frame) { return isAwaited(*frame); });
       if (targets_.size() > 1 && stacked > 0) {
-        tell(target.name, static_cast<size_t>(stacked), target.frames.size() + (own ? own.mapped() : 0));
+        tell(target.name, static_cast<size_t>(stacked),
+             static_cast<size_t>(wanted) + (own ? own.mapped() : 0));
       }
     }
     for (const auto& [filter, count] : failed) {
@@ -461,6 +498,7 @@ class Road {
     if (longest > 0)
       text += fmt::format("; elongation above {:.2f} ({:g} times the median)", longest, limits.elongation);
     Plan(text + "; are left out");
+    TellLimitsThatSayLittle(target, stars.size(), fwhms.size());
     const Shape& shape = Grid().shape;
     for (Progress* frame : target.frames) {
       if (!frame->IsUsed()) continue;
@@ -480,6 +518,23 @@ class Road {
         LeaveOut(*frame, "not registered: " + frame->registration.Text());
       }
     }
+  }
+
+  /// Limits compare frames with each other: spoiled alike, they pass.
+  void TellLimitsThatSayLittle(const Target& target, size_t frames, size_t starry) {
+    constexpr size_t kTelling = 3;
+    const FrameLimits& limits = options_.limits;
+    const bool hasLimits = limits.stars > 0 || limits.fwhm > 0 || limits.elongation > 0;
+    if (frames == 0 || !hasLimits || starry >= kTelling) return;
+    const std::string line = fmt::format(
+        "{}: frames are told to be bad by the median of their like, and {}; look at them, whether clouds, "
+        "focus or trails spoiled them",
+        target.name,
+        frames < kTelling
+            ? fmt::format("there {} only {}", frames == 1 ? "is" : "are", frames)
+            : fmt::format("only {} of {} have the stars for FWHM and elongation", starry, frames));
+    report_.plan.push_back(line);
+    job_.Warn(line);
   }
 
   std::vector<StackInput> Inputs(const std::vector<Progress*>& used) const {
@@ -755,7 +810,7 @@ class Road {
     frames.insert(frames.end(), excluded_.begin(), excluded_.end());
     for (const Session::FailedLight& light : session_.Failed()) {
       RunFrame told{light.path};
-      told.status = "cannot be calibrated";
+      told.status = light.reason;
       frames.push_back(std::move(told));
     }
     return frames;
@@ -767,7 +822,9 @@ class Road {
       const FrameMeasure& m = frame.measure;
       const Registration& r = frame.registration;
       Json json = frames_[i].light->Description();
-      json.update({{"stars", m.starCount},
+      const auto start = StartOf(frames_[i]);
+      json.update({{"date_obs", start ? Json(files::FitsDate(*start)) : Json()},
+                   {"stars", m.starCount},
                    {"fwhm", m.fwhm},
                    {"elongation", m.elongation},
                    {"guide_error", m.guideError ? Json(*m.guideError) : Json()},
@@ -792,6 +849,18 @@ class Road {
           r.note.empty() ? "" : "; " + r.note);
       job_.Tell(Dump(json), frame.isStacked ? line : "");
     }
+    TellFailed();
+  }
+
+  /// Lights that were left out before any work, for programs.
+  void TellFailed() const {
+    for (const Session::FailedLight& light : session_.Failed()) {
+      job_.Tell(Dump({{"file", light.path.string()}, {"status", light.reason}}), "");
+    }
+  }
+
+  static std::optional<double> StartOf(const Progress& frame) {
+    return files::StartOf(frame.light->frame.info.header);
   }
 
   void WriteReport() {
@@ -800,6 +869,7 @@ class Road {
     for (const Progress& frame : frames_) {
       ReportFrame row{frame.light->Name(), frame.light->Served(),
                       frame.IsMeasured() ? frame.reason : frame.error};
+      row.start = StartOf(frame);
       if (frame.IsMeasured()) {
         row.thumbnail = frame.thumbnail;
         row.clipped = frame.clipped;
@@ -828,7 +898,7 @@ class Road {
       report_.frames.push_back(std::move(row));
     }
     for (const Session::FailedLight& light : session_.Failed()) {
-      report_.frames.push_back({light.path.filename().string(), "", "cannot be calibrated"});
+      report_.frames.push_back({light.path.filename().string(), "", light.reason});
     }
     for (const RunFrame& frame : excluded_) {
       report_.frames.push_back({frame.file.filename().string(), "", frame.status});
@@ -847,6 +917,7 @@ class Road {
   std::optional<Progress> fixed_;  ///< a reference that is none of the lights
   std::optional<RunState> state_;
   std::vector<RunFrame> excluded_;
+  Cost cost_;
   Report report_;
   std::vector<RunStack> stacks_;
 };

@@ -72,17 +72,20 @@ KORIMG_SESSION_API void AddSelection(RunOptions& options, const std::filesystem:
 /// filters make a colour image by the palette, stack_gradient.fits where a gradient is taken off, report.html
 /// and the masters. Calibrated frames are made twice, for measuring and for stacking, and never written. A
 /// frame that cannot be used is left out, and the report says why; copies count once. The job has failed when
-/// a stack holds less than half of its lights.
+/// a stack holds less than half of its lights; those that are still being written are left for later, and do
+/// not count.
 ///
 /// Lights of several objects (OBJECT) are worked through one after the other, each into a folder of its own.
 /// A run that was ended, or is called again with the same folder for its results, goes on: lights that were
 /// measured and stacks that were made of the same files by the same options are kept (in OUT/.korimg), all
 /// else is made anew.
-/// @throws FileError when calibration frames or outputs are wrong, no frame is left, or the folder holds the
-/// results of other lights.
+/// @throws FileError when calibration frames or outputs are wrong, the disk has no room, no frame is left, or
+/// the folder holds the results of other lights.
 KORIMG_SESSION_API RunResult Run(Job& job, const RunOptions& options);
 
-/// Tells what Run would do: groups of frames, what serves each light, stacks. Writes nothing.
+/// Tells what Run would do: groups of frames, what serves each light, stacks, and what it takes of memory,
+/// disk and time. Writes nothing.
+/// @throws FileError too where the disk has no room.
 KORIMG_SESSION_API void PlanRun(Job& job, const RunOptions& options);
 
 }  // namespace korimg::session

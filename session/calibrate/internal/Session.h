@@ -54,10 +54,14 @@ class Session {
   void Prepare();
 
   const std::vector<Light>& Lights() const { return lights_; }
+  /// Groups that serve a light or such a flat, those of offsets first.
+  std::vector<const Group*> NeededGroups() const;
   /// A light that was left out.
   struct FailedLight {
     std::filesystem::path path;
     std::optional<std::string> filter = {};  ///< none where its header cannot be read
+    std::string reason = "cannot be read";
+    bool isUnfinished = false;  ///< it is still being written, and no failure
   };
   const std::vector<FailedLight>& Failed() const { return failed_; }
   /// A line on each master.
@@ -94,7 +98,6 @@ class Session {
   Light PlanLight(Frame frame);
   void PlanLights();
   void NameResults();
-  std::vector<const Group*> NeededGroups() const;
   void ShowGroup(const Group& group) const;
   void MakeMasters();
   Master MakeOrLoad(const Group& group, const Master* offset, int cfa);
