@@ -66,8 +66,8 @@ dev_t DiskOf(const fs::path& path) {
 }  // namespace
 
 std::string Cost::Text() const {
-  return fmt::format("will take {} of memory{}, up to {} on disk and about {}", Size(memory),
-                     temporary > 0 ? fmt::format(" and {} of temporary files", Size(temporary)) : "",
+  return fmt::format("will take up to {} of memory{} and {} on disk, and about {}", Size(memory),
+                     temporary > 0 ? fmt::format(", {} of temporary files", Size(temporary)) : "",
                      Size(results + masters), Time(seconds));
 }
 
@@ -79,21 +79,19 @@ nlohmann::ordered_json Cost::Description() const {
 }
 
 Cost CostOf(const Job& job, const Workload& work) {
-  constexpr long long kFloat = sizeof(float), kReport = 1 << 20, kThumbnail = 40000, kHeader = 1 << 16;
+  constexpr long long kFloat = sizeof(float), kReport = 1 << 20, kThumbnail = 40000, kHeader = 1 << 16,
+                      kProgram = 64 << 20;
   constexpr long long kStackBytes = 2 * kFloat + 2 + 1;  // FITS, two TIFF files, PNG
   constexpr long long kColourBytes = kFloat + 2 + 1;
   Cost cost;
+  long long held = 0, measured = 0, saved = 0, stacked = 0, bands = 0, sources = 0;
   double shared = 0;  // seconds that all threads have a part in
   cost.results = kReport;
   for (const Workload::Master& master : work.masters) {
     shared += kMaster * static_cast<double>(master.frames) * Millions(master.shape) * master.shape.planes;
-    cost.memory += kFloat * Values(master.shape);
+    held += kFloat * Values(master.shape);
+    if (!work.masterFolder.empty()) cost.masters += kFloat * Values(master.shape) + kHeader;
   }
-  if (!work.masterFolder.empty()) {
-    cost.masters = cost.memory + kHeader * static_cast<long long>(work.masters.size());
-  }
-  const long long held = cost.memory;
-  long long sources = 0;
   Shape colour{0, 0, 3};
   for (const Workload::Stack& stack : work.stacks) {
     const double lights = static_cast<double>(stack.lights), millions = Millions(stack.shape);
@@ -101,12 +99,16 @@ Cost CostOf(const Job& job, const Workload& work) {
         lights * millions * (kStars + (stack.isMosaic ? 2 * kDevelop : 0) + kStack * stack.shape.planes);
     cost.seconds += kResult * millions * stack.shape.planes;
     const long long values = Values(stack.shape), image = kFloat * values;
-    // A light that is measured, as developed, and its work space.
-    const long long measured = 2 * image,
-                    atOnce = std::clamp<long long>(job.Memory() / 2 / measured, 1, FramesAtOnce());
+    // Lights that are measured, as developed, each with its work space.
+    const long long light = 2 * image;
+    measured = std::max(measured, light * std::clamp<long long>(job.Memory() / 2 / light, 1, FramesAtOnce()));
     const int images = work.hasGradients ? 3 : 2;  // the stack, what is measured on it, and its gradient
-    cost.memory = std::max({cost.memory, held + atOnce * measured, held + DefaultStackMemory(job) + image,
-                            held + images * image});
+    // Values and flags of all lights, if they fit.
+    const long long rows =
+        std::min(DefaultStackMemory(job), 2 * (static_cast<long long>(stack.lights) + 1) * image);
+    bands = std::max(bands, rows);
+    saved = std::max(saved, images * image);
+    stacked = std::max(stacked, rows + image);
     cost.results += kThumbnail * static_cast<long long>(stack.lights) + kStackBytes * values + 4 * kHeader;
     if (work.hasGradients) cost.results += image + kHeader;
     sources += image;
@@ -114,13 +116,15 @@ Cost CostOf(const Job& job, const Workload& work) {
     colour.height = std::max(colour.height, stack.shape.height);
   }
   if (work.hasColour) {
-    cost.memory = std::max(cost.memory, held + sources + 2 * kFloat * Values(colour));
+    saved = std::max(saved, sources + 2 * kFloat * Values(colour));
     cost.results += kColourBytes * Values(colour) + 3 * kHeader;
     cost.seconds += kResult * Millions(colour) * colour.planes;
   }
   cost.seconds += shared / CParallel::GetMaxThreads();
-  cost.temporary = std::max(cost.memory - job.Memory(), 0LL);
-  cost.memory -= cost.temporary;
+  // The budget is that of images; the rows of lights in a band come on top of it.
+  cost.temporary = std::max(held + std::max(measured, saved) - job.Memory(), 0LL);
+  // The allocator keeps some of what measuring took.
+  cost.memory = kProgram + std::min(held + measured + std::max(stacked, saved), job.Memory() + bands);
   return cost;
 }
 

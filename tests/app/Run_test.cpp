@@ -1,7 +1,9 @@
 // The whole road, from raw frames to a picture and a report.
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <numbers>
+#include <regex>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -53,8 +55,13 @@ TEST_F(RunTest, ASimulatedSessionComesOutAsItsTruth) {
 
   // How the frames lie, to the reference that was chosen.
   std::vector<json> lines = Lines(r.out);
-  ASSERT_EQ(lines.size(), kFrames + 1);
+  ASSERT_EQ(lines.size(), kFrames + 2);
   EXPECT_EQ(lines[0]["stack"], "the result/stack.fits");
+  EXPECT_EQ(lines.back()["file"], "night/LIGHT/broken.fits");
+  EXPECT_NE(lines.back()["status"].get<std::string>().find("camera raw"), std::string::npos) << lines.back();
+  EXPECT_EQ(
+      lines[1]["date_obs"],
+      ImageReader::Open(In("night/LIGHT/light_0001.fits"))->Info().header.GetString("DATE-OBS").value_or(""));
   EXPECT_EQ(lines[0]["frames"], kFrames);
   EXPECT_GT(lines[0]["fwhm"].get<double>(), 1);
   lines.erase(lines.begin());
@@ -341,6 +348,142 @@ TEST_F(RunTest, OneBudgetServesTheWholeJob) {
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_LT(Lines(r.out)[0]["peak_memory_bytes"].get<long long>(), (megabytes + 128) << 20);
   }
+}
+
+TEST_F(RunTest, ThePlanTellsWhatTheRunTakes) {
+  const struct {
+    SimulateOptions session;
+    std::string options;
+  } cases[] = {{{.frames = 6, .width = 1500, .height = 1000, .bayer = "RGGB"}, ""},
+               {{.frames = 3, .width = 900, .height = 700, .filters = {"R", "G", "B"}}, " --gradient"}};
+  int n = 0;
+  for (const auto& [session, options] : cases) {
+    const std::string name = fmt::format("night{}", ++n);
+    ASSERT_TRUE(Simulate(In(name), session));
+    const std::string call = fmt::format("korimg run {0} --out of{0} --threads 2{1}", name, options);
+    const Result dry = Shell(call + " --dry-run --json; " + call + " --dry-run > text"),
+                 r = Shell(call + " --json");
+    ASSERT_EQ(r.code, 0) << r.err;
+    const json plan = Lines(dry.out).back()["plan"];
+    const std::string text = ReadBytes(In("text")), told = text.substr(text.find("the run will take"));
+    EXPECT_EQ(told.find('\n'), told.size() - 1) << "it ends the plan: " << text;
+    EXPECT_NE(ReadBytes(In("of" + name + "/report.html")).find(told.substr(0, told.rfind("about"))),
+              std::string::npos);
+    long long written = 0, peak = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(In("of" + name))) {
+      if (entry.is_regular_file()) written += static_cast<long long>(entry.file_size());
+    }
+    for (const json& line : Lines(r.out)) {
+      peak = std::max(peak, line.value("peak_memory_bytes", 0LL));
+    }
+    const auto disk = plan["disk_bytes"].get<long long>(), memory = plan["memory_bytes"].get<long long>();
+    EXPECT_LE(written, disk);
+    EXPECT_GT(written, disk / 2);
+    if (!kSanitized) {
+      EXPECT_LE(peak, memory);
+      EXPECT_GT(peak, memory / 3);
+    }
+    EXPECT_GT(plan["seconds"].get<double>(), 0);
+  }
+}
+
+TEST_F(RunTest, WhatIsStillBeingWrittenIsLeftForLater) {
+  ASSERT_TRUE(Simulate(In("night"), {.frames = 2, .width = 300, .height = 200}));
+  const std::string whole = ReadBytes(In("night/lights/light_0001.fits"));
+  // More than half of the lights; the camera's clock is fast.
+  const struct {
+    const char* name;
+    std::string bytes;
+    int minutes;  // from now
+  } parts[] = {{"cut.fits", whole.substr(0, whole.size() / 2), 0},
+               {"header.fits", whole.substr(0, 1000), 0},
+               {"empty.fits", "", 0},
+               {"fast.fits", whole.substr(0, 5760), 90}};
+  for (const auto& [name, bytes, minutes] : parts) {
+    const fs::path file = In(std::string("night/lights/") + name);
+    WriteBytes(file, bytes);
+    fs::last_write_time(file, fs::file_time_type::clock::now() + std::chrono::minutes(minutes));
+  }
+  WriteBytes(In("night/lights/light_0003.fits.part"), whole.substr(0, 9000));
+  const Result r = Shell("korimg run night --out out --json");
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.err.find("light_0003.fits.part: is still being written"), std::string::npos) << r.err;
+  const std::string page = ReadBytes(In("out/report.html"));
+  int told = 0;
+  for (const json& line : Lines(r.out)) {
+    if (!line.contains("status") || line["status"] == "stacked") continue;
+    ++told;
+    const std::string status = line["status"];
+    EXPECT_TRUE(status.starts_with("is still being written")) << line;
+    EXPECT_NE(page.find(status), std::string::npos) << status;
+  }
+  EXPECT_EQ(told, 4);
+  // An hour later nobody writes them any more.
+  for (const auto& part : parts) {
+    fs::last_write_time(In(std::string("night/lights/") + part.name),
+                        fs::file_time_type::clock::now() - std::chrono::hours(1));
+  }
+  const Result later = Shell("korimg run night --out later");
+  EXPECT_EQ(later.code, 1);
+  EXPECT_NE(later.err.find("holds 2 of 6 lights"), std::string::npos) << later.err;
+  EXPECT_NE(later.err.find("cut.fits: truncated: 300 x 200"), std::string::npos) << later.err;
+  EXPECT_EQ(later.err.find("cut.fits: is still"), std::string::npos) << later.err;
+}
+
+TEST_F(RunTest, TwoLightsSayWhatTheyCannotTell) {
+  ASSERT_TRUE(Simulate(In("night"), {.frames = 3, .width = 600, .height = 500}));
+  const std::string cannot = "there are only 2";
+  EXPECT_EQ(Shell("korimg run night --out three").err.find("their like"), std::string::npos);
+  fs::remove(In("night/lights/light_0003.fits"));
+  const Result two = Shell("korimg run night --out two");
+  EXPECT_EQ(two.code, 0) << two.err;
+  EXPECT_NE(two.err.find(cannot), std::string::npos) << two.err;
+  EXPECT_NE(ReadBytes(In("two/report.html")).find(cannot), std::string::npos);
+  const Result free = Shell("korimg run night --out free --min-stars 0 --max-fwhm 0 --max-elongation 0");
+  EXPECT_EQ(free.err.find(cannot), std::string::npos) << "nothing is asked of them";
+}
+
+TEST_F(RunTest, TheReportShowsNightsInHours) {
+  ASSERT_TRUE(Simulate(In("night"), {.frames = 4, .width = 600, .height = 500}));
+  const auto date = [&](int number, const char* text) {
+    const std::string name = fmt::format("night/lights/light_{:04}.fits", number);
+    ImageInfo info = ImageReader::Open(In(name))->Info();
+    const Planes pixels = Read(name);
+    text ? info.header.Set("DATE-OBS", text) : info.header.Remove("DATE-OBS");
+    const auto writer = ImageWriter::Create(
+        In(name), {.width = 600, .height = 500, .type = "uint16", .header = info.header, .overwrite = true});
+    WriteAll(*writer, pixels, 600, 500, 64);
+  };
+  date(1, "2026-03-14T22:00:00");
+  date(2, "2026-03-15T00:00:00");
+  date(3, "2026-03-15T22:00:00");
+  date(4, "2026-03-16T00:00:00");
+  ASSERT_EQ(Shell("korimg run night --out out").code, 0);
+  const std::string page = ReadBytes(In("out/report.html"));
+  for (const char* part :
+       {">26.0 h</text>", ">since 2026-03-14T22:00</text>", "a pause of 22.0 h",
+        "light_0003.fits, 2026-03-15T22:00:00.000: ", "<td>2026-03-16T00:00:00.000</td>"}) {
+    EXPECT_NE(page.find(part), std::string::npos) << part;
+  }
+  // Two lines of two hours each, and little between them.
+  const std::string plot = page.substr(page.find("FWHM, pixels"));
+  const std::regex line("points=\"([0-9.]+),[0-9.]+ ([0-9.]+),[0-9.]+ \"");
+  std::vector<double> ends;
+  for (std::sregex_iterator
+           found(plot.begin(), plot.begin() + static_cast<std::ptrdiff_t>(plot.find("</svg>")), line),
+       end;
+       found != end; ++found) {
+    ends.push_back(std::stod((*found)[1])), ends.push_back(std::stod((*found)[2]));
+  }
+  ASSERT_EQ(ends.size(), 4u) << plot.substr(0, plot.find("</svg>"));
+  EXPECT_NEAR(ends[1] - ends[0], ends[3] - ends[2], 0.15);
+  EXPECT_LT(ends[2] - ends[1], 0.2 * (ends[1] - ends[0]));
+  // One light without a date, and they are numbered.
+  date(2, nullptr);
+  ASSERT_EQ(Shell("korimg run night --out numbered").code, 0);
+  const std::string numbered = ReadBytes(In("numbered/report.html"));
+  EXPECT_EQ(numbered.find(" h</text>"), std::string::npos);
+  EXPECT_EQ(numbered.find("class=\"pause\""), std::string::npos);
 }
 
 TEST_F(RunTest, PlansAreForProgramsToo) {

@@ -33,7 +33,7 @@ struct Workload {
 
 /// Upper limits of memory and disk, which hold whatever is left out, and about the time.
 struct Cost {
-  long long memory = 0;                ///< bytes of pixels that are held at once
+  long long memory = 0;                ///< bytes that are held at once
   long long temporary = 0;             ///< bytes beyond the budget, in temporary files
   long long results = 0, masters = 0;  ///< bytes of files
   double seconds = 0;

@@ -1,3 +1,4 @@
+#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <limits>
@@ -296,6 +297,52 @@ TEST_F(ImageFile, TooLargeForTheDiskIsSaidAtOnce) {
     EXPECT_NE(ErrorOf([&] { ImageWriter::Create(In(name), options); }).find("12000000"), std::string::npos);
   }
   EXPECT_TRUE(Names().empty());
+}
+
+TEST_F(ImageFile, CutFilesThatWereJustWrittenAreUnfinished) {
+  using namespace std::chrono_literals;
+  const Planes pixels(1, std::vector<float>(200 * 100, 7));
+  const auto whole = [&](const std::string& name, const std::string& type) {
+    const auto writer =
+        ImageWriter::Create(In(name), {.width = 200, .height = 100, .type = type, .overwrite = true});
+    WriteAll(*writer, pixels, 200, 100, 16);
+    return ReadBytes(In(name));
+  };
+  const struct {
+    std::string name, type;
+    size_t bytes;
+  } cuts[] = {{"a.fits", "uint16", 30000}, {"b.fits", "float32", 100}, {"c.tif", "uint16", 4},
+              {"d.tif", "uint16", 20000},  {"e.png", "uint16", 60},    {"f.png", "uint8", 20}};
+  const auto read = [&](const std::string& name) { ReadAll(*ImageReader::Open(In(name)), 64); };
+  for (const auto& [name, type, bytes] : cuts) {
+    const std::string all = whole(name, type);
+    read(name);
+    ASSERT_LT(bytes, all.size()) << name;
+    WriteBytes(In(name), all.substr(0, bytes));
+    const auto now = std::filesystem::file_time_type::clock::now();
+    EXPECT_THROW(read(name), UnfinishedError) << name;
+    for (const auto age : std::initializer_list<std::chrono::minutes>{2min, -48h}) {
+      std::filesystem::last_write_time(In(name), now - age);
+      try {
+        read(name);
+        ADD_FAILURE() << name;
+      } catch (const UnfinishedError&) {
+        ADD_FAILURE() << name << " of " << age.count() << " minutes";
+      } catch (const FileError& error) {
+        EXPECT_EQ(error.what(), In(name).string() + ": " + error.Reason());
+        EXPECT_NE(error.Reason().find("get the file again"), std::string::npos) << error.Reason();
+      }
+    }
+  }
+  // What of camera raw is missing and what is wrong cannot be told apart; other names say nothing.
+  WriteBytes(In("g.cr2"), "no image");
+  WriteBytes(In("g.fits"), "no image");
+  EXPECT_THROW(read("g.cr2"), UnfinishedError);
+  try {
+    read("g.fits");
+  } catch (const FileError& error) {
+    EXPECT_FALSE(dynamic_cast<const UnfinishedError*>(&error)) << error.what();
+  }
 }
 
 }  // namespace
