@@ -387,6 +387,26 @@ TEST_F(RunTest, ThePlanTellsWhatTheRunTakes) {
   }
 }
 
+TEST_F(RunTest, PlanesOfColourHaveWeightsOfTheirOwn) {
+  ASSERT_TRUE(Simulate(In("night"), {.frames = 3, .width = 400, .height = 300, .bayer = "RGGB"}));
+  const Result r = Shell("korimg run night --out out --json");
+  ASSERT_EQ(r.code, 0) << r.err;
+  std::array<double, 3> best = {};
+  bool differ = false;
+  for (const json& line : Lines(r.out)) {
+    if (!line.contains("weight")) continue;
+    const auto weights = line["weights"].get<std::vector<double>>();
+    ASSERT_EQ(weights.size(), 3u) << line;
+    EXPECT_NEAR((weights[0] + weights[1] + weights[2]) / 3, line["weight"].get<double>(), 1e-12);
+    differ |= weights[0] != weights[1] || weights[1] != weights[2];
+    for (size_t p = 0; p < 3; ++p) {
+      best[p] = std::max(best[p], weights[p]);
+    }
+  }
+  EXPECT_EQ(best, (std::array<double, 3>{1, 1, 1}));
+  EXPECT_TRUE(differ);
+}
+
 TEST_F(RunTest, WhatIsStillBeingWrittenIsLeftForLater) {
   ASSERT_TRUE(Simulate(In("night"), {.frames = 2, .width = 300, .height = 200}));
   const std::string whole = ReadBytes(In("night/lights/light_0001.fits"));

@@ -24,11 +24,12 @@ TEST_F(CostTest, ADiskWithoutRoomIsToldOfWithBothNumbers) {
 
 TEST_F(CostTest, WhatTheBudgetDoesNotHoldIsTemporary) {
   const Shape shape{10000, 8000, 1};  // 320 MB
-  const Workload work{.masters = {{10, shape}}, .stacks = {{50, shape}}, .out = folder_};
+  const Workload work{
+      .masters = {{10, shape}}, .stacks = {{50, shape}}, .hasGradients = true, .out = folder_};
   Job small({.memory = 500'000'000}), large({.memory = 20'000'000'000});
   const Cost tight = CostOf(small, work), loose = CostOf(large, work);
-  // The master, and the stack with what is measured on it.
-  EXPECT_EQ(tight.temporary, 320'000'000 + 2 * 320'000'000 - 500'000'000);
+  // The master, and the stack with what is measured on it and its gradient.
+  EXPECT_EQ(tight.temporary, 320'000'000 + 3 * 320'000'000 - 500'000'000);
   EXPECT_LT(tight.memory, 2 * 500'000'000 + 100'000'000) << "images and bands";
   EXPECT_EQ(loose.temporary, 0);
   EXPECT_GT(loose.memory, 960'000'000);
