@@ -22,6 +22,11 @@ void AddCalibrationOptions(CLI::App& verb, CalibrateOptions& options) {
       "by what flats belong together beside camera and filter: night, rotator, folder, by commas, and "
       "keywords of headers that frames must agree in to serve one another; auto is the first three, and "
       "none nothing");
+  AddChoice(verb, "--cosmetic", options.cosmetic, kCosmetics,
+            "hot and cold pixels: auto finds them by the dark, or by lights of a camera where there is none, "
+            "and mends them from good pixels of their colour; none leaves them");
+  verb.add_flag("--maps", options.maps,
+                "write the maps of hot and cold pixels too, as hot_pixels.fits: 1 hot, -1 cold, 0 good");
   AddMosaicOptions(verb, options.develop);
 }
 
@@ -40,9 +45,11 @@ void AddCalibrate(CLI::App& app, Tool& tool) {
   verb->callback([options, &tool] {
     tool.Begin();
     CheckWhiteBalance(options->develop.whiteBalance);
-    if (options->darks.empty() && options->flats.empty() && options->biases.empty()) {
-      throw UsageError("nothing to calibrate with: give --dark, --flat or --bias");
+    const bool mends = options->cosmetic == Cosmetic::Auto;
+    if (options->darks.empty() && options->flats.empty() && options->biases.empty() && !mends) {
+      throw UsageError("nothing to calibrate with: give --dark, --flat, --bias or --cosmetic auto");
     }
+    if (options->maps && !mends) throw UsageError("--maps writes what --cosmetic auto finds; give both");
     if (tool.options.dryRun) {
       PlanCalibration(tool.job, *options);
     } else {

@@ -59,6 +59,9 @@ void AddRun(CLI::App& app, Tool& tool) {
     CheckWhiteBalance(arguments->options.calibrate.develop.whiteBalance);
     if (!arguments->selection.empty()) AddSelection(arguments->options, arguments->selection);
     CalibrateOptions& frames = arguments->options.calibrate;
+    if (frames.maps && frames.cosmetic == Cosmetic::None) {
+      throw UsageError("--maps writes what --cosmetic auto finds; leave out --cosmetic none");
+    }
     SessionFrames found = FindSession(tool.job, arguments->session, frames.out);
     frames.lights = std::move(found.lights);
     frames.darks = std::move(found.darks);

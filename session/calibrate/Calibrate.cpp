@@ -28,7 +28,7 @@ class LightWriter {
 
   /// What nothing was taken off is not written again.
   std::optional<fs::path> Output(const Light& light) const {
-    if (!light.Changes()) return std::nullopt;
+    if (!light.Changes() && session_.Options().cosmetic == Cosmetic::None) return std::nullopt;
     return session_.Options().out / (light.stem + ".fits");
   }
   /// Apart from the frames, which are often read as a folder.
@@ -103,6 +103,9 @@ class LightWriter {
     files::ImageInfo& info = calibrated.loaded.Info();
     result.mean = Measures(image).mean;
     result.noData = info.noData;
+    if (const DefectMap* defects = session_.DefectsOf(light)) {
+      result.defects = {defects->Hot(), defects->Cold()};
+    }
     session_.Describe(info.header, light, result.clipped);
     if (light.mosaic.cfa > 0) {
       // Gains are for light alone: the pedestal comes back after them.
@@ -142,6 +145,10 @@ class LightWriter {
     json["clipped"] = light.clipped;
     json["mean"] = light.mean;
     json["seconds"] = light.seconds;
+    if (const auto& defects = light.defects) {
+      json["hot_pixels"] = defects->hot;
+      json["cold_pixels"] = defects->cold;
+    }
     const bool hasOffset = !light.dark.empty() || !light.bias.empty();
     job_.Tell(Dump(json),
               fmt::format("{} -> {}: mean {:.6g}{}", name, light.output ? light.output->string() : "as it is",

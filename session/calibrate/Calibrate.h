@@ -7,8 +7,14 @@
 
 #include "session/Export.h"
 #include "session/develop/Develop.h"
+#include "session/job/Named.h"
 
 namespace korimg::session {
+
+/// What becomes of hot and cold pixels: auto finds them by the dark that serves a light, or by several lights
+/// of a camera where there is none, and gives them the median of the nearest good pixels of their colour.
+enum class Cosmetic { Auto, None };
+inline const std::vector<Named<Cosmetic>> kCosmetics = {{"auto", Cosmetic::Auto}, {"none", Cosmetic::None}};
 
 struct CalibrateOptions {
   /// Files, or folders of files. One file of a kind is taken as a master.
@@ -25,9 +31,16 @@ struct CalibrateOptions {
   bool keepMosaic = false;           ///< mosaics stay as they are
   bool misfitsMayBeMissing = false;  ///< a light that the calibration frames do not fit is a warning
   bool previews = false;             ///< a small picture of each light too, in the folder previews
+  Cosmetic cosmetic = Cosmetic::None;
+  bool maps = false;  ///< the maps of hot and cold pixels too, as hot_pixels.fits
 
   /// What stays in the output beside light.
   double KeptPedestal() const { return pedestal.value_or(0); }
+};
+
+/// Pixels of a light that were mended.
+struct MendedPixels {
+  int hot = 0, cold = 0;
 };
 
 /// A light, and what it has come to.
@@ -38,7 +51,8 @@ struct CalibratedLight {
   bool isDone = false;
   double clipped = 0, mean = 0;  ///< share of the pixels limited at 0; of the result
   double seconds = 0;
-  std::string noData;  ///< for people: what of its edges holds no data
+  std::string noData;                   ///< for people: what of its edges holds no data
+  std::optional<MendedPixels> defects;  ///< none: none were looked for
 };
 
 /// Writes a calibrated FITS of floats for each light, and a picture where they are wanted; mosaics are

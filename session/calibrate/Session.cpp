@@ -28,6 +28,7 @@ namespace {
 /// Frames of 0 to 1 stay below the one, and a camera's own are beyond the other.
 constexpr double kUnitMost = 1.5, kCountsLeast = 16;
 constexpr double kManySaturated = 0.01;  // share of a flat's pixels that is worth a warning
+constexpr size_t kMostLights = 8;        // that hot pixels are looked for in
 
 const files::Header& HeaderOf(const Group& group) {
   return group.frames.front().info.header;
@@ -35,6 +36,11 @@ const files::Header& HeaderOf(const Group& group) {
 
 const char* NameOf(FrameKind kind) {
   return kind == FrameKind::Bias ? "bias" : kind == FrameKind::Dark ? "dark" : "flat";
+}
+
+/// The mosaic that a light is, developed or not.
+int ArrayOf(const Light& light, const CalibrateOptions& options) {
+  return options.keepMosaic ? MosaicOf(light.frame.info, options.develop.mosaic).cfa : light.mosaic.cfa;
 }
 
 /// Lights of one camera share their white balance, so that their colours can be added up.
@@ -120,6 +126,7 @@ Session::Session(Job& job, const CalibrateOptions& options)
   FindOffsetsOfFlats();
   PlanLights();
   NameResults();
+  PlanDefects();
   ReadManifest();
 }
 
@@ -201,6 +208,10 @@ void Session::Show() const {
                            : fmt::format("{} lights ({} to {}): {}", next - i, name,
                                          lights_[next - 1].frame.path.filename().string(), served));
   }
+  for (const Defects& defects : defects_) {
+    job_.Say(fmt::format("hot and cold pixels of {} light{}: by {}", defects.lights.size(),
+                         defects.lights.size() == 1 ? "" : "s", defects.Source()));
+  }
 }
 
 std::vector<fs::path> Session::CheckOutputs(std::vector<fs::path> outputs,
@@ -211,6 +222,9 @@ std::vector<fs::path> Session::CheckOutputs(std::vector<fs::path> outputs,
       if (!options_.mastersAreLibrary && !IsKept(MasterPath(*group))) outputs.push_back(MasterPath(*group));
     }
     if (!options_.mastersAreLibrary && kept_.empty()) outputs.push_back(ManifestPath());
+  }
+  for (const Defects& defects : defects_) {
+    if (options_.maps) outputs.push_back(defects.file);
   }
   std::set<fs::path> inputs;
   for (const Light& light : lights_) {
@@ -250,6 +264,7 @@ void Session::Prepare() {
   TurnMasters();
   CheckLights();
   SaveMasters();
+  FindDefects();
   ChooseWhiteBalances();
 }
 
@@ -691,6 +706,102 @@ void Session::WarnOfFlat(const Master& flat) const {
   }
 }
 
+std::string Defects::Source() const {
+  return dark ? dark->name : fmt::format("{} of the lights", std::min<size_t>(lights.size(), kMostLights));
+}
+
+/// Lights share their defects where they share a dark; else where one camera took them in the same way.
+void Session::PlanDefects() {
+  if (options_.cosmetic == Cosmetic::None) return;
+  std::map<std::string, Defects*> known;
+  for (const Light& light : lights_) {
+    const files::ImageInfo& info = light.frame.info;
+    if (info.planes != 1) continue;
+    const auto text = [&](const char* key) { return info.header.GetString(key).value_or(""); };
+    const std::string key =
+        fmt::format("{} {} {} {} {}", light.dark ? light.dark->name : "", ArrayOf(light, options_),
+                    text("ROWORDER"), info.header.turned,
+                    light.dark ? ""
+                               : fmt::format("{} {} {} {} {}", CameraOf(light), info.width, info.height,
+                                             files::ExposureOf(info.header).value_or(0), text("GAIN")));
+    Defects*& defects = known[key];
+    if (!defects) defects = &defects_.emplace_back(light.dark);
+    defects->lights.push_back(&light);
+  }
+  // One light does not tell its hot pixels from hits of cosmic rays.
+  defects_.remove_if([](const Defects& d) { return !d.dark && d.lights.size() < 2; });
+  int number = 0;
+  for (Defects& defects : defects_) {
+    defects.file =
+        options_.out / (++number == 1 ? "hot_pixels.fits" : fmt::format("hot_pixels_{}.fits", number));
+  }
+}
+
+/// A light that cannot be read shows no defects; it is told of when it is worked on.
+RowSource Session::RowsForDefects(const Light& light) const {
+  std::shared_ptr<CalibratedRows> rows;
+  try {
+    rows = std::make_shared<CalibratedRows>(*this, light, nullptr);
+  } catch (const files::FileError&) {
+  }
+  return [rows](const Band<float>& to) mutable {
+    try {
+      if (rows) return rows->Read(to);
+    } catch (const files::FileError&) {
+      rows.reset();
+    }
+    for (int y = to.Top(); y < to.Bottom(); ++y) {
+      std::ranges::fill(to.Row(0, y), std::numeric_limits<float>::quiet_NaN());
+    }
+  };
+}
+
+void Session::FindDefects() {
+  for (Defects& defects : defects_) {
+    const Light& first = *defects.lights.front();
+    const files::ImageInfo& info = first.frame.info;
+    const int cfa = ArrayOf(first, options_);
+    if (defects.dark) {
+      defects.map = std::make_unique<DefectMap>(FindDefectsInDark(*ImageOf(defects.dark, first), cfa));
+    } else {
+      std::vector<RowSource> sources;
+      const size_t count = std::min(defects.lights.size(), kMostLights);
+      for (size_t i = 0; i < count; ++i) {
+        const Light& light = *defects.lights[i * (defects.lights.size() - 1) / (count - 1)];
+        sources.push_back(RowsForDefects(light));
+      }
+      defects.map = std::make_unique<DefectMap>(
+          FindDefectsInLights(job_, sources, info.width, info.height, cfa, store_));
+    }
+    masterLines_.push_back(fmt::format("hot and cold pixels by {}: {} and {}", defects.Source(),
+                                       defects.map->Hot(), defects.map->Cold()));
+    job_.Say(masterLines_.back());
+    if (options_.maps) SaveMap(defects);
+  }
+  for (const Defects& defects : defects_) {
+    for (const Light* light : defects.lights) {
+      defectsOf_.emplace(light, &defects);
+    }
+  }
+}
+
+void Session::SaveMap(const Defects& defects) const {
+  files::Header header;
+  const files::Header& light = defects.lights.front()->frame.info.header;
+  for (const char* key : {"INSTRUME", "ROWORDER"}) {
+    if (const auto text = light.GetString(key)) header.Set(key, *text);
+  }
+  header.Set("IMAGETYP", "Hot pixels", "1 hot, -1 cold, 0 good");
+  header.AddHistory(fmt::format("korimg {} hot and cold pixels by {}", Version(), defects.Source()));
+  fs::create_directories(options_.out);
+  SaveImage(job_, *defects.map->ToImage(store_), header, defects.file);
+}
+
+const DefectMap* Session::DefectsOf(const Light& light) const {
+  const auto found = defectsOf_.find(&light);
+  return found == defectsOf_.end() ? nullptr : found->second->map.get();
+}
+
 Session::Calibrated Session::LoadLight(const Light& light) const {
   const Master* offset = MasterOf(light.Offset());
   Calibrated result{Image::Open(job_, store_, light.frame.path, {.lessBlack = !offset, .lessBorder = true}),
@@ -699,6 +810,9 @@ Session::Calibrated Session::LoadLight(const Light& light) const {
   CVelImage& image = result.loaded.Pixels();
   const long long clipped = Apply(light, image, ImageOf(light.Offset(), light), ImageOf(light.flat, light));
   result.clipped = static_cast<double>(clipped) / static_cast<double>(Pixels(image));
+  if (const DefectMap* defects = DefectsOf(light)) {
+    defects->Mend(Image::RowsOf(image, 0, image.GetHeight()), 0, image.GetHeight());
+  }
   return result;
 }
 
@@ -778,6 +892,10 @@ void Session::Describe(files::Header& header, const Light& light, double clipped
       isSetAlike("ISOSPEED")) {
     header.Set("EGAIN", flat->gain, "electrons of a value, by the noise of the flats");
   }
+  if (const DefectMap* defects = DefectsOf(light)) {
+    header.AddHistory(fmt::format("{} hot and {} cold pixels became the median of good ones about them",
+                                  defects->Hot(), defects->Cold()));
+  }
   const double source = offset ? 0 : header.GetDouble("PEDESTAL").value_or(0);
   if (offset) {
     // What the camera's own pedestal was came off with the frames that have it too.
@@ -793,18 +911,66 @@ void Session::Describe(files::Header& header, const Light& light, double clipped
   }
 }
 
+CalibratedRows::CalibratedRows(const Session& session, const Light& light,
+                               std::shared_ptr<const files::ConstantBorder> border)
+    : session_(session),
+      light_(light),
+      reader_(files::ImageReader::Open(light.frame.path, {.lessBlack = !light.Offset(),
+                                                          .manyOpen = true,
+                                                          .lessBorder = true,
+                                                          .border = std::move(border)})) {
+  CheckUnchanged(light, reader_->Info());
+}
+
+/// Calibrates rows where they are to lie, unless what mends their hot and cold pixels lies above or below.
+void CalibratedRows::Read(const Band<float>& to) {
+  seen_ += 1LL * to.Planes() * to.Width() * to.Rows();
+  const DefectMap* defects = session_.DefectsOf(light_);
+  if (!defects && to.IsDense()) {
+    clipped_ += Calibrate(to);
+    return;
+  }
+  const int margin = defects ? DefectMap::kReach : 0, top = std::max(to.Top() - margin, 0),
+            bottom = std::min(to.Bottom() + margin, reader_->Info().height);
+  const Band<float> rows = dense_.Get(to.Planes(), to.Width(), top, bottom - top);
+  // One row after the other in all planes, as the masters are: parts of one plane have nothing between them.
+  const Band<float> own = rows.Part(to.Top(), to.Rows());
+  clipped_ += Calibrate(own);
+  if (defects) {
+    Calibrate(rows.Part(top, to.Top() - top));
+    Calibrate(rows.Part(to.Bottom(), bottom - to.Bottom()));
+    defects->Mend(rows, to.Top(), to.Bottom());
+  }
+  CopyPixels(own, to);
+}
+
+/// By the rows of the masters where those lie. Answers how many pixels were limited at 0.
+long long CalibratedRows::Calibrate(const Band<float>& rows) {
+  if (rows.Rows() == 0) return 0;
+  reader_->ReadRows(rows);
+  const auto rowsOf = [&](const Group* group) {
+    CVelImage* image = session_.ImageOf(group, light_);
+    return image ? ImageOver(Image::RowsOf(*image, rows.Top(), rows.Rows(), true), session_.store_)
+                 : StoredImage();
+  };
+  const StoredImage band = ImageOver(rows, session_.store_), offset = rowsOf(light_.Offset()),
+                    flat = rowsOf(light_.flat);
+  return session_.Apply(light_, *band.image, offset.image.get(), flat.image.get());
+}
+
+double CalibratedRows::Clipped() const {
+  return seen_ > 0 ? static_cast<double>(clipped_) / static_cast<double>(seen_) : 0;
+}
+
 LightRows::LightRows(const Session& session, const Light& light,
                      std::shared_ptr<const files::ConstantBorder> border)
     : session_(session),
       light_(light),
-      reader_(files::ImageReader::Open(
-          light.frame.path,
-          {.lessBlack = !light.Offset(), .manyOpen = true, .lessBorder = true, .border = std::move(border)})),
-      info_(reader_->Info()) {
-  CheckUnchanged(light, info_);
+      rows_(session, light, std::move(border)),
+      info_(rows_.Reader().Info()) {
   shape_ = {info_.width, info_.height, info_.planes};
   if (light.mosaic.cfa == 0) return;
-  MosaicSource source(*reader_, session.MosaicLevels(light), session.store_);
+  MosaicSource source(rows_.Reader(), session.MosaicLevels(light), session.store_);
   source.read = [this](const Band<float>& to) { ReadCalibrated(to); };
   development_ = std::make_unique<Development>(session.Develop(std::move(source), light, info_));
   shape_ = development_->Size();
@@ -827,27 +993,16 @@ void LightRows::ReadBand(const Band<float>& to) {
   CopyPixels(Image::RowsOf(*band, 0, to.Rows(), true), to);
 }
 
-/// Calibrates rows where they are to lie, by the rows of the masters where those lie.
+/// What is to be developed has no pedestal.
 void LightRows::ReadCalibrated(const Band<float>& to) {
-  const Band<float> rows = to.IsDense() ? to : dense_.Get(to.Planes(), to.Width(), to.Top(), to.Rows());
-  reader_->ReadRows(rows);
-  const auto rowsOf = [&](const Group* group) {
-    CVelImage* image = session_.ImageOf(group, light_);
-    return image ? ImageOver(Image::RowsOf(*image, to.Top(), to.Rows(), true), session_.store_)
-                 : StoredImage();
-  };
-  const StoredImage band = ImageOver(rows, session_.store_), offset = rowsOf(light_.Offset()),
-                    flat = rowsOf(light_.flat);
-  clipped_ += session_.Apply(light_, *band.image, offset.image.get(), flat.image.get());
-  seen_ += Pixels(*band.image);
-  if (light_.mosaic.cfa > 0 && session_.options_.KeptPedestal() > 0) {
-    Calculate(*band.image, Calculation::Subtract, session_.options_.KeptPedestal());
+  rows_.Read(to);
+  const auto pedestal = static_cast<float>(session_.options_.KeptPedestal());
+  if (light_.mosaic.cfa == 0 || !(pedestal > 0)) return;
+  for (int y = to.Top(); y < to.Bottom(); ++y) {
+    for (float& v : to.Row(0, y)) {
+      v -= pedestal;
+    }
   }
-  if (!to.IsDense()) CopyPixels(rows, to);
-}
-
-double LightRows::Clipped() const {
-  return seen_ > 0 ? static_cast<double>(clipped_) / static_cast<double>(seen_) : 0;
 }
 
 }  // namespace korimg::session

@@ -841,6 +841,10 @@ class Road {
                    {"rejected", frame.rejected},
                    {"flux_ratio", r.fluxRatio ? Json(*r.fluxRatio) : Json()}});
       if (frame.weights.size() > 1) json["weights"] = frame.weights;
+      if (const DefectMap* defects = session_.DefectsOf(*frames_[i].light)) {
+        json["hot_pixels"] = defects->Hot();
+        json["cold_pixels"] = defects->Cold();
+      }
       const std::string line = fmt::format(
           "{}: {} stars, FWHM {:.2f} px, dx {:.2f}, dy {:.2f}, {:.3f} degrees by {}; light {:.3g} of the "
           "reference's, weight {:.2f}, rejected {}{}",

@@ -19,7 +19,8 @@ struct FrameLimits {
 };
 
 struct RunOptions {
-  CalibrateOptions calibrate;  ///< `out` is the folder for all results
+  /// `out` is the folder for all results.
+  CalibrateOptions calibrate = {.cosmetic = Cosmetic::Auto};
   /// Patterns of names, as of a shell: lights whose name or path none of `include` fits, if there are any, or
   /// one of `exclude` fits, are left out.
   std::vector<std::string> include, exclude;
@@ -69,11 +70,11 @@ KORIMG_SESSION_API void AddSelection(RunOptions& options, const std::filesystem:
 /// Calibrates, develops, measures, registers and stacks the lights, one stack for each filter, all on the
 /// grid of one reference. Writes stack.fits, stack_float.tif, stack_16bit.tif and stack.png
 /// (stack_<filter>... when there are several), colour.fits, colour.tif of 16 bits and colour.png where the
-/// filters make a colour image by the palette, stack_gradient.fits where a gradient is taken off, report.html
-/// and the masters. Calibrated frames are made twice, for measuring and for stacking, and never written. A
-/// frame that cannot be used is left out, and the report says why; copies count once. The job has failed when
-/// a stack holds less than half of its lights; those that are still being written are left for later, and do
-/// not count.
+/// filters make a colour image by the palette, stack_gradient.fits where a gradient is taken off,
+/// report.html, the masters, and maps of hot and cold pixels where they are wanted. Calibrated frames are
+/// made twice, for measuring and for stacking, and never written. A frame that cannot be used is left out,
+/// and the report says why; copies count once. The job has failed when a stack holds less than half of its
+/// lights; those that are still being written are left for later, and do not count.
 ///
 /// Lights of several objects (OBJECT) are worked through one after the other, each into a folder of its own.
 /// A run that was ended, or is called again with the same folder for its results, goes on: lights that were

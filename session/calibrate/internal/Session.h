@@ -12,6 +12,7 @@
 
 #include "session/calibrate/Calibrate.h"
 #include "session/calibrate/Masters.h"
+#include "session/calibrate/internal/DefectMap.h"
 #include "session/job/Job.h"
 #include "session/job/Json.h"
 #include "session/picture/Image.h"
@@ -33,6 +34,17 @@ struct Light {
   /// The names of what serves it.
   std::string Served() const;
   nlohmann::ordered_json Description() const;
+};
+
+/// Hot and cold pixels of the lights that they were found for.
+struct Defects {
+  const Group* dark = nullptr;       ///< by which they are found; null: by the lights
+  std::vector<const Light*> lights;  ///< that they are mended in
+  std::filesystem::path file;        ///< of the map
+  std::unique_ptr<DefectMap> map;    ///< there once it is found
+
+  /// Where they are from, for people.
+  std::string Source() const;
 };
 
 /// Lights and calibration frames: matched when it is made, and ready to work after Prepare.
@@ -64,8 +76,10 @@ class Session {
     bool isUnfinished = false;  ///< it is still being written, and no failure
   };
   const std::vector<FailedLight>& Failed() const { return failed_; }
-  /// A line on each master.
+  /// A line on each master, and on each map of hot and cold pixels.
   const std::vector<std::string>& MasterLines() const { return masterLines_; }
+  /// The hot and cold pixels of a light; null where none are looked for.
+  const DefectMap* DefectsOf(const Light& light) const;
   const CalibrateOptions& Options() const { return options_; }
   /// Of all that a light's calibrated pixels depend on, once it is prepared.
   std::string DigestOf(const Light& light) const;
@@ -74,8 +88,8 @@ class Session {
     Image loaded;
     double clipped;  ///< share of the pixels limited at 0
   };
-  /// A light from its file, less its offset and divided by its flat; mosaics stay. What of its edges holds
-  /// one value throughout is NaN.
+  /// A light from its file, less its offset and divided by its flat, its hot and cold pixels mended; mosaics
+  /// stay. What of its edges holds one value throughout is NaN.
   Calibrated LoadLight(const Light& light) const;
   /// The development of a light's mosaic, calibrated and free of its pedestal.
   Development Develop(MosaicSource source, const Light& light, files::ImageInfo& info) const;
@@ -83,6 +97,7 @@ class Session {
   void Describe(files::Header& header, const Light& light, double clipped) const;
 
  private:
+  friend class CalibratedRows;
   friend class LightRows;
 
   std::filesystem::path MasterPath(const Group& group) const;
@@ -110,6 +125,10 @@ class Session {
   void SaveMasters();
   void WarnOfFlat(const Master& flat) const;
   bool LacksOffsets() const;
+  void PlanDefects();
+  void FindDefects();
+  RowSource RowsForDefects(const Light& light) const;
+  void SaveMap(const Defects& defects) const;
   void ChooseWhiteBalances();
   const Master* MasterOf(const Group* group) const { return group ? &masters_.at(group) : nullptr; }
   /// The master's pixels as the light lies; null for no group.
@@ -136,9 +155,33 @@ class Session {
   nlohmann::ordered_json kept_;                                ///< the manifest of masters that are there
   std::map<const Group*, std::unique_ptr<CVelImage>> turned_;  ///< masters the other way round
   std::map<const Group*, double> pedestals_;  ///< for the noise of the lights that an offset serves
+  std::list<Defects> defects_;
+  std::map<const Light*, const Defects*> defectsOf_;
   std::map<std::string, WhiteBalance> balances_;
   mutable std::map<const Light*, Levels> levels_;  ///< those of MosaicLevels that took a whole light
   mutable std::mutex levelsMutex_;
+};
+
+/// A light's calibrated pixels by rows, without holding more of it than these; mosaics stay.
+class CalibratedRows {
+ public:
+  CalibratedRows(const Session& session, const Light& light,
+                 std::shared_ptr<const files::ConstantBorder> border);
+
+  files::ImageReader& Reader() const { return *reader_; }
+  /// Hot and cold pixels are mended.
+  void Read(const Band<float>& to);
+  /// Share of the pixels read so far that were limited at 0.
+  double Clipped() const;
+
+ private:
+  long long Calibrate(const Band<float>& rows);
+
+  const Session& session_;
+  const Light& light_;
+  std::unique_ptr<files::ImageReader> reader_;
+  BandBuffer dense_;
+  long long clipped_ = 0, seen_ = 0;
 };
 
 /// A light's calibrated and developed pixels, by rows, without holding more of it than these.
@@ -154,11 +197,10 @@ class LightRows {
   Shape Size() const { return shape_; }
   /// What the file says, and what was done to it.
   const files::ImageInfo& Info() const { return info_; }
-  const std::shared_ptr<const files::ConstantBorder>& Border() const { return reader_->Border(); }
+  const std::shared_ptr<const files::ConstantBorder>& Border() const { return rows_.Reader().Border(); }
   /// Fills a band of the developed image.
   void Read(const Band<float>& to);
-  /// Share of the pixels read so far that were limited at 0.
-  double Clipped() const;
+  double Clipped() const { return rows_.Clipped(); }
 
  private:
   void ReadBand(const Band<float>& to);
@@ -166,12 +208,10 @@ class LightRows {
 
   const Session& session_;
   const Light& light_;
-  std::unique_ptr<files::ImageReader> reader_;
+  CalibratedRows rows_;
   files::ImageInfo info_;
   std::unique_ptr<Development> development_;
   Shape shape_;
-  BandBuffer dense_;
-  long long clipped_ = 0, seen_ = 0;
 };
 
 }  // namespace korimg::session
