@@ -9,8 +9,8 @@
 #include "korimg/restoration/CImgMem.h"
 #include "korimg/restoration/CImgWiener.h"
 
-#include "session/files/Gain.h"
 #include "session/operations/Describe.h"
+#include "session/operations/internal/Counts.h"
 #include "session/register/Register.h"
 
 namespace korimg::session {
@@ -96,35 +96,15 @@ struct LucyOptions : BlurOptions {
 
 void Lucy(Call& call, const LucyOptions& options) {
   const double sigma = SigmaOf(call, options);
-  const FrameLevels levels = MeasureLevels(*call.image);
-  const double sky = levels.level[0], noise = levels.noise[0];
-  double gain = options.gain.value_or(0);
-  if (!options.gain) {
-    const files::Gain found = files::FindGain(call.header, noise);
-    gain = found.electrons;
-    if (!(gain > 0)) {
-      // As if the noise of the sky were that of its light, of which there is some.
-      constexpr double kLeastLight = 10;  // times the noise
-      gain = noise > 0 ? std::max(sky, kLeastLight * noise) / (noise * noise) : 1;
-    }
-    call.job.Explain(fmt::format("{}: gain {:g} ({})", call.Name(), gain,
-                                 found.electrons > 0 ? found.source : found.source + "; by the sky's noise"));
-  }
-  double readNoise = options.readNoise.value_or(0);
-  if (!options.readNoise) {
-    const double counts = noise * gain;
-    readNoise = std::sqrt(std::max(counts * counts - std::max(sky, 0.0) * gain, 0.0));
-    call.job.Explain(
-        fmt::format("{}: read noise {:g} electrons, by the sky's noise", call.Name(), readNoise));
-  }
+  const Counts counts = CountsOf(call, options.gain, options.readNoise);
   std::vector<double> darkest;
   for (int p = 0; p < call.image->GetPlanes(); ++p) {
     darkest.push_back(DarkestOf(*call.image, p));
   }
   int done = 0;
   call.InPlace<CImgLucy>([&](CImgLucy& image) {
-    done =
-        image.DoAboveBackground(sigma, gain, readNoise, options.iterations, darkest.data(), call.rect, kShow);
+    done = image.DoAboveBackground(sigma, counts.gain, counts.readNoise, options.iterations, darkest.data(),
+                                   call.rect, kShow);
   });
   CheckDone(call, done);
 }
@@ -179,17 +159,13 @@ std::vector<Operation> DeconvolutionOperations() {
           .Header(HeaderEffect::DropsCounts)
           .Example("sigma=1.2 noise=30 iterations=5")
           .Runs(Mem),
-      TakesBlur(Describe<LucyOptions>(
-                    "richardson-lucy", "sharpens by steps that explain the counts better and keep all light",
-                    "Takes seeing and soft optics out of stars and the structure of linear images. Run it "
-                    "before any "
-                    "stretch, with the pedestal off. It ends by itself when noise explains the rest; more "
-                    "iterations than that make grain of noise."))
-          .Takes("gain", &LucyOptions::gain,
-                 {"left out, that of the header, else by the noise of the sky", "electrons of a raw value",
-                  1e-30, 1e30})
-          .Takes("read-noise", &LucyOptions::readNoise,
-                 {"left out, what the light of the sky leaves of its noise", "electrons", 0, 1e9})
+      TakesCounts(
+          TakesBlur(Describe<LucyOptions>(
+              "richardson-lucy", "sharpens by steps that explain the counts better and keep all light",
+              "Takes seeing and soft optics out of stars and the structure of linear images. Run it "
+              "before any "
+              "stretch, with the pedestal off. It ends by itself when noise explains the rest; more "
+              "iterations than that make grain of noise.")))
           .Takes("iterations", &LucyOptions::iterations, {"at most", "", 1, 10000})
           .OnRect()
           .Header(HeaderEffect::DropsCounts)

@@ -4,10 +4,12 @@
 
 #include <fmt/format.h>
 
+#include "korimg/filters/CImgCosmicRays.h"
 #include "korimg/filters/CImgFilterMisc.h"
 
 #include "session/files/Mosaic.h"
 #include "session/operations/internal/Colours.h"
+#include "session/operations/internal/Counts.h"
 #include "session/operations/internal/FilterOptions.h"
 
 namespace korimg::session {
@@ -103,6 +105,28 @@ void CfaNoise(Call& call, const CfaNoiseOptions& o) {
   call.Replace<CImgFilterMisc>([&](CImgFilterMisc& target) {
     target.CFANoiseCut(static_cast<int>(o.mode), array, o.threshold, o.rings, o.ratio, call.image.get(),
                        call.rect, kShow);
+  });
+}
+
+struct CosmicRaysOptions {
+  CImgCosmicRays::Result result = CImgCosmicRays::Cleaned;
+  double sigClip = 4.5, sigFrac = 0.3, objLim = 5;
+  std::optional<double> gain, readNoise;
+  int iterations = 4;
+};
+
+void CosmicRays(Call& call, const CosmicRaysOptions& o) {
+  if (ArrayOf(call, Pattern::Header) > 0) {
+    throw UsageError(
+        "cosmic-rays: the image is an undeveloped mosaic, whose colours look like hits; use cfa-noise, or "
+        "develop it first");
+  }
+  const Counts counts = CountsOf(call, o.gain, o.readNoise);
+  call.Replace<CImgCosmicRays>([&](CImgCosmicRays& target) {
+    const long long hits =
+        target.Do({o.sigClip, o.sigFrac, o.objLim, counts.gain, counts.readNoise, o.iterations, o.result},
+                  call.image.get(), call.rect, kShow);
+    call.job.Explain(fmt::format("cosmic-rays: {} pixels are hit", hits));
   });
 }
 
@@ -215,6 +239,23 @@ std::vector<Operation> NoiseOperations() {
       "lose colour too: keep the level below them, and leave it to the background alone.");
   colourNoise.Takes("level", &ColourNoiseOptions::level,
                     {"pixels with a channel below it are drawn", "0-255", -1e6, 1e6});
+  Describe<CosmicRaysOptions> cosmicRays(
+      "cosmic-rays", "removes the hits of cosmic rays from a single frame",
+      "Finds what has sharper edges than the optics draw, by L.A.Cosmic (van Dokkum 2001), and replaces it "
+      "by "
+      "the median about it. For single calibrated frames, and few of a filter: a stack of several rejects "
+      "hits by itself. Stars of a FWHM below 2 pixels need a higher objlim. Look at result=mask first.");
+  cosmicRays
+      .Chooses("result", &CosmicRaysOptions::result,
+               {{"cleaned", CImgCosmicRays::Cleaned}, {"mask", CImgCosmicRays::Mask}},
+               "the image without hits, or where they are: 1, and 0 everywhere else")
+      .Takes("sigclip", &CosmicRaysOptions::sigClip,
+             {"by how many deviations of the noise an edge stands out", "", 0.1, 1e6})
+      .Takes("sigfrac", &CosmicRaysOptions::sigFrac, {"share of that which suffices beside a hit", "", 0, 1})
+      .Takes("objlim", &CosmicRaysOptions::objLim,
+             {"how much more than the fine structure of stars it is; less finds more hits, and takes stars "
+              "for such",
+              "", 0, 1e6});
   Describe<FringeOptions> fringe(
       "fringe", "removes fringes of a colour about bright stars",
       "Takes off the blue or violet halo that a refractor leaves about bright stars. Everything else of that "
@@ -286,6 +327,11 @@ std::vector<Operation> NoiseOperations() {
           .Header(HeaderEffect::DropsCounts)
           .Example("levels=5 wrap=1")
           .Runs(Contours),
+      TakesCounts(std::move(cosmicRays))
+          .Takes("iterations", &CosmicRaysOptions::iterations, {"at most", "", 1, 100})
+          .OnRect()
+          .Example("objlim=4 read-noise=8")
+          .Runs(CosmicRays),
       TakesStrength(fringe).OnRect().Example("colour=100,110,180 tolerance=0.6").Runs(Fringe),
       TakesStrength(guideError).OnRect().Example("length=3 angle=20 strength=0.5").Runs(GuideError),
       Describe<HotCoolOptions>(

@@ -101,6 +101,12 @@ struct HotPixel {
   double rate;  // electrons per second
 };
 
+/// A pixel that a cosmic ray has hit.
+struct HitPixel {
+  int x, y;
+  double electrons;
+};
+
 /// Where a light points, how clear the air is, and what is before the sensor.
 struct Pose {
   double dx = 0, dy = 0, degrees = 0, fwhm = kFwhm, transparency = 1, sky = 1;
@@ -450,6 +456,13 @@ class Session {
 
   /// Short sharp streaks. They pass the optics by: the flat field is divided out beforehand.
   void AddCosmics(int frame) {
+    for (const HitPixel& pixel : HitPixels(frame)) {
+      light_[Index(pixel.x, pixel.y)] += static_cast<float>(pixel.electrons / flat_[Index(pixel.x, pixel.y)]);
+    }
+  }
+
+  std::vector<HitPixel> HitPixels(int frame) const {
+    std::vector<HitPixel> pixels;
     Random random({options_.seed, kCosmics, Key(frame), 2});
     for (int n = CosmicCount(frame); n > 0; --n) {
       const double x = random.Uniform() * width_, y = random.Uniform() * height_;
@@ -459,9 +472,10 @@ class Session {
         const int i = static_cast<int>(x + step * std::cos(angle)),
                   j = static_cast<int>(y + step * std::sin(angle));
         if (i < 0 || j < 0 || i >= width_ || j >= height_) break;
-        light_[Index(i, j)] += static_cast<float>(energy / flat_[Index(i, j)]);
+        pixels.push_back({i, j, energy});
       }
     }
+    return pixels;
   }
 
   /// Expected electrons in a row of a frame.
@@ -612,6 +626,7 @@ class Session {
          "flux_adu is the same perfectly calibrated; red pixels take it times 10^(0.2 colour), blue ones "
          "times "
          "10^(-0.2 colour), and filters times star_share 10^(star_slope colour)"},
+        {"hit_pixels", "x, y and electrons that a cosmic ray leaves there; two rays may hit one pixel"},
         {"sky",
          "sky_adu is perfectly calibrated, at the middle, for sky_factor 1; at (x, y) it is times "
          "1 + gradient_x (x - cx) / width + gradient_y (y - cy) / height and times the light's sky_factor"}};
@@ -657,6 +672,10 @@ class Session {
     truth["lights"] = Json::array();
     for (int i = 0; i < lights_; ++i) {
       const Pose& pose = poses_[static_cast<std::size_t>(i)];
+      Json hits = Json::array();
+      for (const HitPixel& pixel : HitPixels(i)) {
+        hits.push_back({pixel.x, pixel.y, pixel.electrons});
+      }
       truth["lights"].push_back({{"file", files_["lights"][static_cast<std::size_t>(i)]},
                                  {"dx", pose.dx},
                                  {"dy", pose.dy},
@@ -664,7 +683,8 @@ class Session {
                                  {"fwhm_px", pose.fwhm},
                                  {"transparency", pose.transparency},
                                  {"sky_factor", pose.sky},
-                                 {"cosmic_rays", CosmicCount(i)}});
+                                 {"cosmic_rays", CosmicCount(i)},
+                                 {"hit_pixels", std::move(hits)}});
     }
     truth["trail"] = {{"file", files_["lights"][static_cast<std::size_t>(TrailFrame())]},
                       {"x0", trail_.x0},
