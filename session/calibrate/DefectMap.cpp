@@ -224,8 +224,8 @@ class Loneliness {
     if (files::IsHoneycomb(cfa)) beside_ = {{{-1, -1}, {1, -1}, {-1, 1}, {1, 1}}};
   }
 
-  /// It is brighter or darker than the eight pixels about it, but for such as `isDefect` knows: else it may be
-  /// the side of a star.
+  /// It is brighter or darker than the eight pixels about it, but for such as `isDefect` knows: else it may
+  /// be the side of a star.
   template <class F>
   bool IsPeak(int x, int y, F&& isDefect) const {
     const float lift = *lifted_.GetLine(x, y, 0);

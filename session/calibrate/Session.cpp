@@ -323,6 +323,13 @@ std::string Session::DigestOf(const Light& light) const {
             {"pedestal", {PedestalOf(light), options_.KeptPedestal()}},
             {"mosaic", {light.mosaic.name, light.mosaic.cfa, options_.develop.half, options_.develop.mono}}};
   if (balance != balances_.end()) made["balance"] = balance->second.gains;
+  if (const DefectMap* defects = DefectsOf(light)) {
+    std::string places;
+    for (const Defect& defect : defects->Defects()) {
+      places += fmt::format("{} {};", defect.x, defect.y);
+    }
+    made["defects"] = std::hash<std::string>()(places);
+  }
   return made.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
