@@ -68,8 +68,9 @@ class HitPlane {
         isMore |= !IsMarked(x, y);
         StateAt(x, y) |= kHit;
       });
-      if (!isMore) return;
+      // Those of before too, which may have become what is known as a hit now.
       ForHits(hits, [&](int x, int y) { At(x, y) = Mended(x, y); });
+      if (!isMore) return;
       FillMargin();
       candidates = Around(hits);
     }

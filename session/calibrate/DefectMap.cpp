@@ -176,15 +176,19 @@ class Lifter {
   int width_, height_;
 };
 
-/// By how much pixels stand out in most of the lights: the middle one of all, of an even number the one of
-/// the middle two that is nearer to 0, and 0 where these lie on its both sides.
-std::unique_ptr<CVelImage> LiftInMost(Job& job, const std::vector<RowSource>& lights, int width, int height,
-                                      const std::shared_ptr<CVmManager>& store) {
-  constexpr int kRows = 128;
-  const int count = static_cast<int>(lights.size());
+/// By how much pixels stand out.
+struct Lifts {
+  std::unique_ptr<CVelImage> usual;  ///< the median of all lights
+  std::unique_ptr<CVelImage> least;  ///< what all but one of five or more show, on the same side of 0
+};
+
+Lifts LiftsOf(Job& job, const std::vector<RowSource>& lights, int width, int height,
+              const std::shared_ptr<CVmManager>& store) {
+  constexpr int kRows = 128, kMany = 5;
+  const int count = static_cast<int>(lights.size()), few = count >= kMany ? 1 : 0;
   const Lifter lifter(width, height);
   const Network network = MakeNetwork(count);
-  auto result = NewImage(store, width, height, 1);
+  Lifts lifts{NewImage(store, width, height, 1), NewImage(store, width, height, 1)};
   BandBuffer buffer;
   std::vector<BandBuffer> lifted(count);
   std::vector<Band<float>> bands(count);
@@ -199,28 +203,30 @@ std::unique_ptr<CVelImage> LiftInMost(Job& job, const std::vector<RowSource>& li
       job.CheckCancelled();
     }
     ForLines(Team::All, top, top + rows, [&](int y) {
-      float* out = result->GetWritableLine(0, y, 0);
+      const auto sorted = [&](int i) { return bands[i].Row(0, y).data(); };
+      float *usual = lifts.usual->GetWritableLine(0, y, 0), *least = lifts.least->GetWritableLine(0, y, 0);
       RunInLongVectors([&]() KORIMG_IN_LOOP {
         for (const auto& [a, b] : network) {
-          Exchange(bands[a].Row(0, y).data(), bands[b].Row(0, y).data(), width);
+          Exchange(sorted(a), sorted(b), width);
         }
-        const float *low = bands[(count - 1) / 2].Row(0, y).data(), *high = bands[count / 2].Row(0, y).data();
+        const float *low = sorted(few), *middle = sorted(count / 2), *high = sorted(count - 1 - few);
         for (int x = 0; x < width; ++x) {
-          const float above = low[x] > 0.0f ? low[x] : 0.0f, below = high[x] < 0.0f ? high[x] : 0.0f;
-          out[x] = above + below;
+          usual[x] = middle[x];
+          least[x] = middle[x] > 0.0f ? low[x] : high[x];
         }
       });
     });
     job.JobProgress("looking for hot pixels", top + rows, height);
   }
   job.JobProgress("", 0, 0);
-  return result;
+  return lifts;
 }
 
 /// Tells whether a pixel that stands out stands alone, by what all pixels stand out.
 class Loneliness {
  public:
-  Loneliness(CVelImage& lifted, int cfa, const SameColour& colours) : lifted_(lifted), colours_(colours) {
+  Loneliness(const Lifts& lifts, int cfa, const SameColour& colours)
+      : lifted_(*lifts.usual), least_(*lifts.least), colours_(colours) {
     if (files::IsHoneycomb(cfa)) beside_ = {{{-1, -1}, {1, -1}, {-1, 1}, {1, 1}}};
   }
 
@@ -237,20 +243,21 @@ class Loneliness {
     return true;
   }
 
-  /// It does so by its surroundings, whose deviation may be more than the sky's, as it is beside stars; and
-  /// the four pixels beside it do not follow, nor do the nearest of its colour, which alone see a star
-  /// through a filter of one line.
+  /// It does so in nearly all lights, by no star that passes; by its surroundings, whose deviation may be
+  /// more than the sky's, as it is beside stars; and the four pixels beside it do not follow, nor do the
+  /// nearest of its colour, which alone see a star through a filter of one line.
   bool IsAlone(int x, int y, float deviations) const {
     const float lift = *lifted_.GetLine(x, y, 0);
     const auto nearest = std::span(colours_.About(x, y)).first(4);
-    return std::abs(lift) > deviations * SigmaAbout(x, y) && !Follow(x, y, lift, beside_) &&
-           !Follow(x, y, lift, nearest);
+    return *least_.GetLine(x, y, 0) / lift > kLeast && std::abs(lift) > deviations * SigmaAbout(x, y) &&
+           !Follow(x, y, lift, beside_) && !Follow(x, y, lift, nearest);
   }
 
  private:
   /// Of the light of a star of a FWHM of 1.2 pixels at its middle, at least the double falls on the middle
   /// two of the four pixels beside it.
   static constexpr float kShare = 0.15f;
+  static constexpr float kLeast = 1.0f / 3;  // what noise takes of a pixel that is just found is less
 
   template <class Offsets>
   bool Follow(int x, int y, float lift, const Offsets& offsets) const {
@@ -268,10 +275,15 @@ class Loneliness {
         distances.push_back(std::abs(*lifted_.GetLine(i, j, 0)));
       }
     }
-    return static_cast<float>(kSigmasOfMedianDistance) * UpperMedian(distances);
+    // Of the upper quartile: a small star fills no more than that of the surroundings.
+    constexpr float kSigmasOfUpperQuartile = 0.8693f;
+    if (distances.empty()) return 0;
+    const auto quartile = distances.begin() + static_cast<std::ptrdiff_t>(distances.size() * 3 / 4);
+    std::nth_element(distances.begin(), quartile, distances.end());
+    return kSigmasOfUpperQuartile * *quartile;
   }
 
-  CVelImage& lifted_;
+  CVelImage &lifted_, &least_;
   const SameColour& colours_;
   std::array<SameColour::Offset, 4> beside_ = {{{0, -1}, {-1, 0}, {1, 0}, {0, 1}}};
 };
@@ -354,7 +366,7 @@ std::unique_ptr<CVelImage> DefectMap::ToImage(const std::shared_ptr<CVmManager>&
 }
 
 DefectMap FindDefectsInDark(CVelImage& dark, int cfa) {
-  constexpr float kDeviations = 8;
+  constexpr float kDeviations = 10;
   const SameColour colours(cfa);
   const auto spreads = SpreadsOf(dark, colours);
   auto defects = Collect(dark.GetHeight(), [&](int y) {
@@ -379,12 +391,12 @@ DefectMap FindDefectsInLights(Job& job, const std::vector<RowSource>& lights, in
                               const std::shared_ptr<CVmManager>& store) {
   constexpr float kDeviations = 5;
   const SameColour colours(cfa);
-  const auto lifted = LiftInMost(job, lights, width, height, store);
-  const auto spreads = SpreadsOf(*lifted, colours);
-  const Loneliness loneliness(*lifted, cfa, colours);
+  const Lifts lifts = LiftsOf(job, lights, width, height, store);
+  const auto spreads = SpreadsOf(*lifts.usual, colours);
+  const Loneliness loneliness(lifts, cfa, colours);
   auto defects = Collect(height, [&](int y) {
     std::vector<Defect> row;
-    const float* line = lifted->GetLine(0, y, 0);
+    const float* line = lifts.usual->GetLine(0, y, 0);
     for (int x = 0; x < width; ++x) {
       const int colour = colours.ColourAt(x, y);
       if (colour < 0 || !(std::abs(line[x]) > kDeviations * spreads[colour].sigma)) continue;

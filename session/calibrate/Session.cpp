@@ -28,7 +28,6 @@ namespace {
 /// Frames of 0 to 1 stay below the one, and a camera's own are beyond the other.
 constexpr double kUnitMost = 1.5, kCountsLeast = 16;
 constexpr double kManySaturated = 0.01;  // share of a flat's pixels that is worth a warning
-constexpr size_t kMostLights = 8;        // that hot pixels are looked for in
 
 const files::Header& HeaderOf(const Group& group) {
   return group.frames.front().info.header;
@@ -713,8 +712,20 @@ void Session::WarnOfFlat(const Master& flat) const {
   }
 }
 
+std::vector<const Light*> Defects::Sample() const {
+  constexpr size_t kMost = 7, kLeast = 3;
+  std::vector<const Light*> all = lights, sample;
+  std::erase_if(all, [this](const Light* light) { return unreadable.contains(light); });
+  if (all.size() < kLeast) return {};
+  const size_t last = all.size() - 1, count = std::min(last - last % 2 + 1, kMost);
+  for (size_t i = 0; i < count; ++i) {
+    sample.push_back(all[i * last / (count - 1)]);
+  }
+  return sample;
+}
+
 std::string Defects::Source() const {
-  return dark ? dark->name : fmt::format("{} of the lights", std::min<size_t>(lights.size(), kMostLights));
+  return dark ? dark->name : fmt::format("{} of the lights", Sample().size());
 }
 
 /// Lights share their defects where they share a dark; else where one camera took them in the same way.
@@ -735,8 +746,7 @@ void Session::PlanDefects() {
     if (!defects) defects = &defects_.emplace_back(light.dark);
     defects->lights.push_back(&light);
   }
-  // One light does not tell its hot pixels from hits of cosmic rays.
-  defects_.remove_if([](const Defects& d) { return !d.dark && d.lights.size() < 2; });
+  defects_.remove_if([](const Defects& d) { return !d.dark && d.Sample().empty(); });
   int number = 0;
   for (Defects& defects : defects_) {
     defects.file =
@@ -744,23 +754,26 @@ void Session::PlanDefects() {
   }
 }
 
-/// A light that cannot be read shows no defects; it is told of when it is worked on.
-RowSource Session::RowsForDefects(const Light& light) const {
-  std::shared_ptr<CalibratedRows> rows;
-  try {
-    rows = std::make_shared<CalibratedRows>(*this, light, nullptr);
-  } catch (const files::FileError&) {
-  }
-  return [rows](const Band<float>& to) mutable {
+/// Lights that cannot be read are left out; they are told of when they are worked on.
+DefectMap Session::FindInLights(Defects& defects, const files::ImageInfo& info, int cfa) const {
+  for (auto sample = defects.Sample(); !sample.empty(); sample = defects.Sample()) {
+    const Light* read = nullptr;
     try {
-      if (rows) return rows->Read(to);
+      std::vector<RowSource> sources;
+      for (const Light* light : sample) {
+        read = light;
+        auto rows = std::make_shared<CalibratedRows>(*this, *light, nullptr);
+        sources.emplace_back([&read, light, rows](const Band<float>& to) {
+          read = light;
+          rows->Read(to);
+        });
+      }
+      return FindDefectsInLights(job_, sources, info.width, info.height, cfa, store_);
     } catch (const files::FileError&) {
-      rows.reset();
+      defects.unreadable.insert(read);
     }
-    for (int y = to.Top(); y < to.Bottom(); ++y) {
-      std::ranges::fill(to.Row(0, y), std::numeric_limits<float>::quiet_NaN());
-    }
-  };
+  }
+  return {info.width, info.height, cfa, {}};
 }
 
 void Session::FindDefects() {
@@ -771,14 +784,7 @@ void Session::FindDefects() {
     if (defects.dark) {
       defects.map = std::make_unique<DefectMap>(FindDefectsInDark(*ImageOf(defects.dark, first), cfa));
     } else {
-      std::vector<RowSource> sources;
-      const size_t count = std::min(defects.lights.size(), kMostLights);
-      for (size_t i = 0; i < count; ++i) {
-        const Light& light = *defects.lights[i * (defects.lights.size() - 1) / (count - 1)];
-        sources.push_back(RowsForDefects(light));
-      }
-      defects.map = std::make_unique<DefectMap>(
-          FindDefectsInLights(job_, sources, info.width, info.height, cfa, store_));
+      defects.map = std::make_unique<DefectMap>(FindInLights(defects, info, cfa));
     }
     masterLines_.push_back(fmt::format("hot and cold pixels by {}: {} and {}", defects.Source(),
                                        defects.map->Hot(), defects.map->Cold()));

@@ -38,6 +38,37 @@ class RunTest : public ToolTest {
   }
 };
 
+TEST_F(RunTest, HotPixelsAreMendedAndToldOf) {
+  ASSERT_TRUE(Simulate(In("night"), {.frames = 5, .width = 500, .height = 400, .seed = 6}));
+  const json truth = json::parse(ReadBytes(In("night/truth.json")));
+  const int hot = truth["hot_pixels"]["count"];
+  WriteBytes(In("night/lights/light_0006.fits"),
+             ReadBytes(In("night/lights/light_0002.fits")).substr(0, 90000));
+  EXPECT_EQ(Shell("korimg run night --out dark --maps -q").code, 0);
+  fs::remove_all(In("night/darks"));
+  fs::remove_all(In("night/biases"));
+  fs::remove_all(In("night/flats"));
+  const Result r = Shell("korimg run night --out lights --maps --json");
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(Shell("korimg run night --out none --cosmetic none -q").code, 0);
+  EXPECT_NE(Shell("korimg run night --out wrong --cosmetic none --maps").code, 0);
+  EXPECT_FALSE(fs::exists(In("none/hot_pixels.fits")));
+  for (const char* out : {"dark", "lights"}) {
+    const Planes map = Read(std::string(out) + "/hot_pixels.fits");
+    const auto found = std::count(map.at(0).begin(), map.at(0).end(), 1.0f);
+    EXPECT_GE(found, 0.98 * hot) << out;
+    EXPECT_LE(found, hot) << out;
+    for (const json& pixel : truth["hot_pixels"]["list"]) {
+      EXPECT_EQ(map[0][pixel["y"].get<size_t>() * 500 + pixel["x"].get<size_t>()], 1) << out << pixel;
+    }
+    if (std::string(out) == "lights") {
+      EXPECT_EQ(Lines(r.out).at(1)["hot_pixels"], found);
+    }
+    EXPECT_NE(ReadBytes(In(std::string(out) + "/report.html")).find(fmt::format(": {} and ", found)),
+              std::string::npos);
+  }
+}
+
 TEST_F(RunTest, ASimulatedSessionComesOutAsItsTruth) {
   constexpr int kFrames = 16, kWidth = 1300, kHeight = 900;
   ASSERT_TRUE(Simulate(In("night"), {.frames = kFrames, .width = kWidth, .height = kHeight, .seed = 4}));

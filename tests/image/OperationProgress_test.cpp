@@ -16,6 +16,7 @@
 #include "korimg/colour/CImgSeparation.h"
 #include "korimg/composite/CImgComposit.h"
 #include "korimg/composite/stacking/CImgNormalize.h"
+#include "korimg/filters/CImgCosmicRays.h"
 #include "korimg/filters/CImgFilter.h"
 #include "korimg/filters/CImgFilterBlur.h"
 #include "korimg/filters/CImgFilterMisc.h"
@@ -259,6 +260,8 @@ const std::vector<Operation>& Operations() {
       {"window", 6191, kLines, Steps, [](Stage& s) { s.Target<CImgWindowing>().Do(0, 30, s.src.get(), 1); }},
       {"hot and cool", 6164, -1, Opens,
        [](Stage& s) { s.Target<CImgFilterMisc>().NoiseCut(1, 1, 0.2, 1, 0.2, s.src.get(), nullptr, 1); }},
+      {"cosmic rays", 6164, kLines, Steps,
+       [](Stage& s) { s.Target<CImgCosmicRays>().Do({}, s.src.get(), nullptr, 1); }},
       {"hot", 6164, -1, Steps,
        [](Stage& s) { s.Target<CImgFilterMisc>().NoiseCut(1, 0, 0.2, 1, 0.2, s.src.get(), nullptr, 1); }},
       {"faint noise", 6202, kLines, Silent,

@@ -38,11 +38,15 @@ struct Light {
 
 /// Hot and cold pixels of the lights that they were found for.
 struct Defects {
-  const Group* dark = nullptr;       ///< by which they are found; null: by the lights
-  std::vector<const Light*> lights;  ///< that they are mended in
-  std::filesystem::path file;        ///< of the map
-  std::unique_ptr<DefectMap> map;    ///< there once it is found
+  const Group* dark = nullptr;        ///< by which they are found; null: by the lights
+  std::vector<const Light*> lights;   ///< that they are mended in
+  std::set<const Light*> unreadable;  ///< of these
+  std::filesystem::path file;         ///< of the map
+  std::unique_ptr<DefectMap> map;     ///< there once it is found
 
+  /// Lights that they are found by where there is no dark: an odd number of up to seven, spread evenly. None
+  /// where there are fewer than three: two do not tell hot pixels from hits of cosmic rays.
+  std::vector<const Light*> Sample() const;
   /// Where they are from, for people.
   std::string Source() const;
 };
@@ -127,7 +131,7 @@ class Session {
   bool LacksOffsets() const;
   void PlanDefects();
   void FindDefects();
-  RowSource RowsForDefects(const Light& light) const;
+  DefectMap FindInLights(Defects& defects, const files::ImageInfo& info, int cfa) const;
   void SaveMap(const Defects& defects) const;
   void ChooseWhiteBalances();
   const Master* MasterOf(const Group* group) const { return group ? &masters_.at(group) : nullptr; }

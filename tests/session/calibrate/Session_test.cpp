@@ -22,26 +22,37 @@ TEST_F(SessionTest, RowsInPiecesAreThoseOfTheWholeLight) {
     double pedestal;
     bool half, keepMosaic;
     int planes, side;
-  } cases[] = {{"mono", 0, false, false, 1, kSide},      {"mono", 200, false, false, 1, kSide},
-               {"colour", 0, false, false, 3, kSide},    {"colour", 200, false, false, 3, kSide},
-               {"colour", 0, true, false, 3, kSide / 2}, {"colour", 0, false, true, 1, kSide},
-               {"comb", 200, false, false, 3, kSide}};
+    Cosmetic cosmetic = Cosmetic::None;
+    bool hasDarks = true;
+  } cases[] = {{"mono", 0, false, false, 1, kSide},
+               {"mono", 200, false, false, 1, kSide},
+               {"colour", 0, false, false, 3, kSide},
+               {"colour", 200, false, false, 3, kSide},
+               {"colour", 0, true, false, 3, kSide / 2},
+               {"colour", 0, false, true, 1, kSide},
+               {"comb", 200, false, false, 3, kSide},
+               {"mono", 0, false, false, 1, kSide, Cosmetic::Auto},
+               {"colour", 200, false, false, 3, kSide, Cosmetic::Auto, false},
+               {"colour", 0, false, true, 1, kSide, Cosmetic::Auto},
+               {"comb", 0, false, false, 3, kSide, Cosmetic::Auto, false}};
   for (const Case& c : cases) {
     SCOPED_TRACE(fmt::format("{} {} {} {}", c.session, c.pedestal, c.half, c.keepMosaic));
     Job job;
     CalibrateOptions options;
     const std::filesystem::path folder = In(c.session);
     options.lights = {folder / "lights"};
-    options.darks = {folder / "darks"};
+    if (c.hasDarks) options.darks = {folder / "darks"};
     options.flats = {folder / "flats"};
     options.biases = {folder / "biases"};
     options.pedestal = c.pedestal;
     options.develop.half = c.half;
     options.keepMosaic = c.keepMosaic;
+    options.cosmetic = c.cosmetic;
     Session session(job, options);
     session.Prepare();
     ASSERT_EQ(session.Lights().size(), 3u);
     const Light& light = session.Lights()[1];
+    EXPECT_EQ(session.DefectsOf(light) && session.DefectsOf(light)->Hot() > 0, c.cosmetic == Cosmetic::Auto);
 
     // What the whole light comes to at once.
     Session::Calibrated whole = session.LoadLight(light);
