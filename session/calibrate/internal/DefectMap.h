@@ -82,7 +82,7 @@ using RowSource = std::function<void(const Band<float>& to)>;
 /// their colour about them in all lights, or all but one of five or more, by 5 times the standard deviation
 /// of the others, while the pixels beside them do not. That tells them from stars that stay in their place,
 /// down to a FWHM of 1.2 pixels (2.5 on a honeycomb), whose light reaches the pixels beside theirs. Of
-/// simulated lights of such stars it finds 994 of 1000 pixels of 3 to 5000 times the noise.
+/// simulated lights of such stars it finds 995 of 1000 pixels of 3 to 5000 times the noise.
 DefectMap FindDefectsInLights(Job& job, const std::vector<RowSource>& lights, int width, int height, int cfa,
                               const std::shared_ptr<CVmManager>& store);
 
