@@ -1,6 +1,7 @@
 #include "korimg/composite/stacking/CImgStack.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 #include <mutex>
@@ -8,6 +9,7 @@
 
 #include "korimg/composite/stacking/internal/StackColumns.h"
 #include "korimg/geometry/CInterp.h"
+#include "korimg/image/internal/Numbers.h"
 
 using namespace korimg;
 
@@ -30,10 +32,13 @@ struct Work {
   std::vector<float> lowCount, highCount;  ///< values that are rejected
   std::vector<int> open;                   ///< columns that may lose values
   std::vector<float> distances, column;    ///< of these, and of one of them
+  std::vector<float> about;                ///< medians beside one
+  std::vector<unsigned char> few;  ///< bits of the values that are rejected one by one, in their order
 
   void Resize(int columns) {
     linear.resize(columns);
     squares.resize(columns);
+    few.assign(columns, 0);
     for (auto* floats : {&medians, &least, &most, &low, &high, &lowCount, &highCount}) {
       floats->resize(columns);
     }
@@ -83,13 +88,68 @@ bool MayReject(const Rejection& rejection, bool isNoiseKnown, int n, const Work&
       return n > 2 && (least > rejection.low * s || most > rejection.high * s);
     }
     case Rejection::Noise:
-      // From the lower of the middle two it is at most twice as far as from the median.
-      return isNoiseKnown && 2 * std::max(least, most) > std::min(rejection.low, rejection.high);
+      // From the lower of the middle two it is at most twice as far as from the median, and the limit of a
+      // noisy frame may be by 1.4 lower in its own noise.
+      return isNoiseKnown && 3 * std::max(least, most) > std::min(rejection.low, rejection.high);
     case Rejection::Auto:
-      if (isNoiseKnown) return std::max(least, most) > (n > kFew ? 3.0f : 2.5f);
+      if (isNoiseKnown) return std::max(least, most) > (n > kFew ? 3.0f : 1.7f);
       return n > kFew;
     default:
       return n > 2;
+  }
+}
+
+/// How far the brightest of the medians beside column x lie above those some way off: a star's light, and not
+/// that of a nebula.
+double StarLight(const Columns& columns, Work& work, int x) {
+  constexpr int kStar = 2, kAbout = 16;  // pixels
+  float brightest = work.medians[x];
+  work.about.clear();
+  for (int k = std::max(x - kAbout, 0); k < std::min(x + kAbout + 1, columns.Size()); ++k) {
+    if (columns.Counts()[k] == 0) continue;
+    work.about.push_back(work.medians[k]);
+    if (std::abs(k - x) <= kStar) brightest = std::max(brightest, work.medians[k]);
+  }
+  return brightest - UpperMedian(work.about);
+}
+
+/// Whether so few values are told by their noise alone.
+bool IsByNoise(const Rejection& rejection, int n) {
+  constexpr int kFew = 4;
+  return n > 1 && n <= kFew && (rejection.test == Rejection::Noise || rejection.test == Rejection::Auto);
+}
+
+/// Rejects by the noise of frames, when there are so few that the noise of the one that the others are
+/// compared with counts: limits are those of frames of one noise.
+void RejectFew(const Columns& columns, const Rejection& rejection, const Known& known, double factor,
+               Work& work, int x) {
+  constexpr double kUsual = 5;
+  struct Value {
+    float value;
+    double variance;
+    int number;
+  };
+  std::array<Value, 4> values;
+  int n = 0;
+  for (int i = 0; i < columns.Frames(); ++i) {
+    const float v = work.values[static_cast<size_t>(i) * columns.Most() + x];
+    if (!(v < Columns::kMissing)) continue;
+    const double noise = 1.0 / known.perNoise[i];
+    int at = n;
+    for (; at > 0 && values[at - 1].value > v; --at) {
+      values[at] = values[at - 1];
+    }
+    values[at] = {v, noise * noise, n++};
+  }
+  const Value& middle = values[(n - 1) / 2];
+  const bool isAuto = rejection.test == Rejection::Auto;
+  for (int k = 0; k < n; ++k) {
+    const Value& value = values[k];
+    const double kappa = isAuto ? kUsual : value.value < middle.value ? rejection.low : rejection.high;
+    const double limit = kappa * factor * std::sqrt((value.variance + middle.variance) / 2);
+    if (!(std::abs(value.value - middle.value) > limit)) continue;
+    work.few[x] |= 1 << value.number;
+    (value.value < middle.value ? work.lowCount : work.highCount)[x] += 1;
   }
 }
 
@@ -121,10 +181,18 @@ void RejectOutliers(Columns& columns, const Rejection& rejection, const Known& k
     for (int i = 0; i < n; ++i) {
       work.column[i] = work.distances[static_cast<size_t>(i) * stride + k];
     }
-    // Of an even number the lower middle one is what the pixel shows: an outlier of two is half of the
-    // median.
-    const double above = scatter ? (work.medians[x] - known.sky[x]) / scatter->MeanNoise(plane) : 0;
-    const double noise = scatter ? scatter->Of(above + work.column[(n - 1) / 2], plane) : 0;
+    double noise = 0;
+    if (scatter) {
+      // Of an even number the lower middle one is what the pixel shows: an outlier of two is half of the
+      // median.
+      const double mean = scatter->MeanNoise(plane), lower = work.column[(n - 1) / 2];
+      noise = scatter->Of((work.medians[x] - known.sky[x]) / mean + lower,
+                          StarLight(columns, work, x) / mean + lower, plane);
+      if (IsByNoise(rejection, n)) {
+        RejectFew(columns, rejection, known, noise, work, x);
+        continue;
+      }
+    }
     const Ranks left = WhatStays(rejection, work.column, noise);
     work.lowCount[x] = static_cast<float>(left.from);
     work.highCount[x] = static_cast<float>(n - left.to);
@@ -146,13 +214,19 @@ void Means(const Columns& columns, const Work& work, const Known& known, CImgSta
       continue;
     }
     double sum = 0, weight = 0, allSum = 0, allWeight = 0;
-    for (int i = 0; i < frames; ++i) {
+    for (int i = 0, number = 0; i < frames; ++i) {
       const float v = work.values[static_cast<size_t>(i) * stride + x];
       if (!(v < Columns::kMissing)) continue;
       allSum += weights[i] * v;
       allWeight += weights[i];
       const float d = Distance(v, work.medians[x], known.perNoise[i]);
-      const bool isLow = !isWhole && d < work.low[x], isHigh = !isWhole && d > work.high[x];
+      bool isLow = !isWhole && d < work.low[x], isHigh = !isWhole && d > work.high[x];
+      if (work.few[x] != 0) {
+        const bool isRejected = work.few[x] >> number & 1;
+        isLow = isRejected && d < 0;
+        isHigh = isRejected && !isLow;
+      }
+      ++number;
       counts[i].low += isLow;
       counts[i].high += isHigh;
       if (isLow || isHigh) continue;

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 #include <numeric>
+#include <set>
 
 #include "korimg/image/internal/Lines.h"
 #include "korimg/image/internal/Numbers.h"
@@ -54,6 +55,7 @@ FrameScatter::FrameScatter(int frames, int width, int height, int planes)
   above_.assign(cells_.size() * frames * planes, kUnknown);
   levels_.assign(cells_.size() * planes, kUnknown);
   differences_.assign(1UL * planes * frames * Partners() * rows_, kUnknown);
+  shares_.assign(2UL * planes * rows_, kUnknown);
   bright_.resize(1UL * planes * rows_);
 }
 
@@ -86,20 +88,29 @@ void FrameScatter::Add(int number, int plane, std::span<const float> values, std
       if (above.size() >= kLeast) above_[cell(i * planes_ + plane, c)] = UpperMedian(above);
     }
   });
-  // What pixels a little apart differ by, between two frames, is free of slopes, and of what interpolation
-  // lends a pixel of its neighbours.
+  // What a pixel differs by from the mean of two a little apart, between two frames, is free of slopes, and
+  // of what interpolation lends a pixel of its neighbours.
   constexpr int kPixels = 700, kApart = 8;
+  constexpr float kOfThree = 1.5f;  // the variance of that difference
   const int step = std::max(width_ / kPixels, 1), pairs = frames_ * Partners(),
-            apart = std::min(kApart, width_ / 2);
-  ForLines(Team::All, 0, apart > 0 ? pairs : 0, [&](int pair) {
-    const int i = pair / Partners(), j = (i + 1 + pair % Partners()) % frames_;
+            apart = std::min(kApart, (width_ - 1) / 2);
+  const auto variance = [&](const auto& value) {
     std::vector<float> distances;
-    for (int x = 0; x + apart < width_; x += step) {
-      const float d = (row(i)[x] - row(j)[x]) - (row(i)[x + apart] - row(j)[x + apart]);
+    for (int x = apart; x + apart < width_; x += step) {
+      const float d = value(x) - (value(x - apart) + value(x + apart)) / 2;
       if (IsThere(d)) distances.push_back(std::abs(d));
     }
-    differences_[(1UL * plane * pairs + pair) * rows_ + number] = VarianceOf(distances) / 2;
+    return VarianceOf(distances) / kOfThree;
+  };
+  ForLines(Team::All, 0, apart > 0 ? pairs : 0, [&](int pair) {
+    const int i = pair / Partners(), j = (i + 1 + pair % Partners()) % frames_;
+    differences_[(1UL * plane * pairs + pair) * rows_ + number] =
+        variance([&](int x) { return row(i)[x] - row(j)[x]; });
   });
+  // Of two frames the difference tells nothing of either: each has a share as its own pixels say.
+  for (int i = 0; i < frames_ && frames_ == 2 && apart > 0; ++i) {
+    shares_[(2UL * plane + i) * rows_ + number] = variance([&](int x) { return row(i)[x]; });
+  }
   // The same of the first two frames where both see something above the sky.
   for (int c = 0; c < columns_ && frames_ > 1; ++c) {
     const auto between = [&](int x) { return row(0)[x] - row(1)[x]; };
@@ -126,7 +137,7 @@ void FrameScatter::Settle() {
     MeasurePhotons(p);
     FitSkies(p);
   }
-  above_ = levels_ = differences_ = {};
+  above_ = levels_ = differences_ = shares_ = {};
   bright_ = {};
 }
 
@@ -148,6 +159,16 @@ void FrameScatter::MeasureNoise(int plane) {
   const double mean =
       std::accumulate(known.begin(), known.end(), 0.0) / static_cast<double>(known.size()) / 2;
   std::vector<double> own(frames_, mean);
+  if (frames_ == 2) {
+    const auto share = [&](int frame) {
+      const auto first = shares_.begin() + (2L * plane + frame) * rows_;
+      return MedianOfKnown({first, first + rows_});
+    };
+    const double all = share(0) + share(1);
+    for (int i = 0; i < 2 && all > 0; ++i) {
+      own[i] = std::max(2 * mean * share(i) / all, kLeast * mean);
+    }
+  }
   for (int round = 0; round < kRounds && frames_ > 2; ++round) {
     for (int i = 0; i < frames_; ++i) {
       double sum = 0;
@@ -234,8 +255,17 @@ void FrameScatter::FitSkies(int plane) {
 /// no sky count little (iteratively reweighted least squares, Holland and Welsch 1977).
 SmoothSurface FrameScatter::Fit(const std::vector<double>& values, bool robust) const {
   constexpr int kMostDegree = 3, kRounds = 6;
-  const auto known = std::count_if(values.begin(), values.end(), [](double v) { return std::isfinite(v); });
-  int degree = std::min({kMostDegree, columns_ - 1, rows_ - 1});
+  std::set<int> rows, columns;
+  int known = 0;
+  for (size_t c = 0; c < values.size(); ++c) {
+    if (!std::isfinite(values[c])) continue;
+    rows.insert(static_cast<int>(c) / columns_);
+    columns.insert(static_cast<int>(c) % columns_);
+    ++known;
+  }
+  // Two more rows and columns of cells than the degree: a curve through all of them would swing between.
+  const int narrowest = static_cast<int>(std::min(rows.size(), columns.size()));
+  int degree = std::clamp(narrowest - 2, 0, kMostDegree);
   while (degree > 0 && known < 3 * SmoothSurface::NumbersOf(degree)) {
     --degree;
   }
@@ -265,11 +295,11 @@ SmoothSurface FrameScatter::Fit(const std::vector<double>& values, bool robust) 
   return surface;
 }
 
-double FrameScatter::Of(double signal, int plane) const {
+double FrameScatter::Of(double signal, double star, int plane) const {
   // How much of a star's light comes and goes with the seeing, in a pixel.
   constexpr double kSeeing = 0.25;
-  if (!(signal > 0)) return 1;
-  return std::sqrt(1 + photons_[plane] * signal + kSeeing * kSeeing * signal * signal);
+  const double light = std::max(signal, 0.0), seeing = kSeeing * std::max(star, 0.0);
+  return std::sqrt(1 + photons_[plane] * light + seeing * seeing);
 }
 
 }  // namespace korimg

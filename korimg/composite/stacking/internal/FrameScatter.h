@@ -28,9 +28,9 @@ class FrameScatter {
   bool IsKnown() const { return isKnown_; }
   /// The standard deviation of a frame's pixels at the level of the sky.
   float Noise(int frame, int plane) const { return noise_[frame * planes_ + plane]; }
-  /// What a pixel scatters by whose values lie so far above the sky, both in units of the mean noise of
-  /// frames: by photons, and by the seeing, which spreads the light of a star one way and another.
-  double Of(double signal, int plane) const;
+  /// What a pixel scatters by that lies so far above the sky, by photons, and beside a star's light of so
+  /// much, which the seeing spreads one way and another; all in units of the mean noise of frames.
+  double Of(double signal, double star, int plane) const;
   /// The mean noise of all frames.
   float MeanNoise(int plane) const { return meanNoise_[plane]; }
 
@@ -60,6 +60,7 @@ class FrameScatter {
   std::vector<Cell> cells_;
   std::vector<float> above_, levels_;  ///< of cells, by frames and planes, by planes; NaN where not known
   std::vector<float> differences_;     ///< variance of frame and partner, by plane, pair and row
+  std::vector<float> shares_;          ///< of each of two frames, by plane, frame and row
   std::vector<SmoothSurface> offsets_, skies_;
   std::vector<float> noise_, meanNoise_;
   std::vector<std::vector<std::pair<float, float>>> bright_;  ///< signals and distances, by planes
