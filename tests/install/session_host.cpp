@@ -53,7 +53,7 @@ int main(int, char** words) {
   const RunResult one = Run(job, OptionsFor(night, folder / "one"));
   Expect(one.stacks.size() == 1 && one.stacks[0].frames == 6 && one.frames.size() == 6,
          "all frames are stacked");
-  Expect(fs::exists(one.stacks[0].file) && fs::exists(one.report), "stack and report are there");
+  Expect(fs::exists(one.stacks[0].file) && fs::exists(one.reports[0]), "stack and report are there");
   const auto found = FindStars(job, {.files = {one.stacks[0].file}});
   Expect(found.size() == 1 && static_cast<int>(found[0].stars.size()) == one.stacks[0].stars &&
              found[0].fwhm == one.stacks[0].fwhm && found[0].gain.electrons > 0,
