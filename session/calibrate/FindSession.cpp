@@ -110,7 +110,7 @@ std::vector<fs::path> FramesIn(Job& job, const fs::path& folder) {
 }
 
 /// What frames are for, as capture programs and people call it.
-enum class Use { Unknown, Light, Dark, Flat, Bias, Calibrated, Finished };
+enum class Use { Unknown, Light, Dark, Flat, Bias, Calibrated, Finished, Other };
 
 /// By a name as folders, files and headers have it: its letters alone.
 Use UseOfWord(const std::string& text) {
@@ -150,12 +150,15 @@ Use UseByHeader(const fs::path& path) {
   } catch (const files::FileError&) {
     return Use::Unknown;  // it is told of where it is read as what its folder says
   }
-  Use use = UseOfWord(header.GetString("IMAGETYP").value_or(""));
+  const std::string type = FoldedName(header.GetString("IMAGETYP").value_or(""));
+  Use use = UseOfWord(type);
+  if (use == Use::Light && type.starts_with("master")) return Use::Finished;
   if (use == Use::Unknown) use = UseOfWord(header.GetString("FRAME").value_or(""));
   const auto count = header.GetInt("STACKCNT") ? header.GetInt("STACKCNT") : header.GetInt("NCOMBINE");
   const bool isLight = use == Use::Light || use == Use::Unknown;
   if (isLight && IsCalibrated(header)) return Use::Calibrated;
-  return isLight && count.value_or(0) > 1 ? Use::Finished : use;
+  if (isLight && count.value_or(0) > 1) return Use::Finished;
+  return use == Use::Unknown && !type.empty() ? Use::Other : use;
 }
 
 /// By a word of a file's name, as in "dark_300s_0001.fits".
@@ -180,6 +183,8 @@ class Walk {
       : job_(job), found_(found), results_(std::move(results)) {}
 
   void Through(const fs::path& folder, Use use) {
+    // Links may lead back.
+    if (!seen_.insert(fs::weakly_canonical(folder)).second) return;
     // A folder of results of an earlier run holds masters and stacks, which are no frames.
     if (fs::weakly_canonical(folder) == fs::weakly_canonical(results_) ||
         fs::exists(folder / "report.html")) {
@@ -218,7 +223,15 @@ class Walk {
 
  private:
   void Add(const fs::path& file, Use byFolder) {
-    const Use byHeader = UseByHeader(file);
+    Use byHeader = UseByHeader(file);
+    if (byHeader == Use::Other) {
+      // Of a kind that is none of ours, unless its folder says that it is.
+      byHeader = Use::Unknown;
+      if (byFolder == Use::Unknown) {
+        others_["left out: IMAGETYP says that they are no light, dark, flat or bias frames"].push_back(file);
+        return;
+      }
+    }
     const bool isPicture = KindOf(file) == kTiff || KindOf(file) == kPng;
     Use use = byHeader != Use::Unknown ? byHeader : byFolder != Use::Unknown ? byFolder : UseByName(file);
     if (byHeader == Use::Calibrated) {
@@ -253,6 +266,7 @@ class Walk {
   Job& job_;
   SessionFrames& found_;
   fs::path results_;
+  std::set<fs::path> seen_;
   std::vector<fs::path> calibrated_;
   std::map<std::string, std::vector<fs::path>> others_;  ///< by what is told of them
 };

@@ -338,6 +338,7 @@ Master Session::MakeOrLoad(const Group& group, const Master* offset, int cfa) {
   for (const auto& entry : kept_.value("masters", Json::array())) {
     const fs::path file = options_.masters / entry.value("file", "");
     if (entry.value("digest", "") != digest || !fs::is_regular_file(file)) continue;
+    if (entry.value("stamp", "") != files::StampOf(file)) continue;  // somebody changed it
     Master master;
     master.group = &group;
     master.offset = offset;
@@ -484,10 +485,14 @@ void Session::CheckScale(const Light& light, const FrameLevels& levels, const Ma
 
 void Session::SaveMasters() {
   if (options_.masters.empty()) return;
+  const auto needed = NeededGroups();
+  const bool isAllKept = std::all_of(needed.begin(), needed.end(),
+                                     [this](const Group* group) { return masters_.at(group).isKept; });
+  if (isAllKept && !needed.empty()) return;
   fs::create_directories(options_.masters);
   Json manifest{{"program", fmt::format("korimg {}", Version())}, {"masters", Json::array()}};
   std::set<std::string> files;
-  for (const Group* group : NeededGroups()) {
+  for (const Group* group : needed) {
     Master& master = masters_.at(group);
     if (!master.isKept) {
       if (options_.mastersAreLibrary || IsKept(MasterPath(*group))) {
@@ -498,6 +503,7 @@ void Session::SaveMasters() {
     files.insert(MasterPath(*group).filename().string());
     Json entry{{"file", MasterPath(*group).filename().string()},
                {"digest", digests_.at(group)},
+               {"stamp", files::StampOf(MasterPath(*group))},
                {"kind", NameOf(group->kind)},
                {"offset", master.offset ? Json(master.offset->group->name) : Json()},
                {"mean", master.measures.mean},
@@ -740,7 +746,7 @@ void Session::PlanDefects() {
         fmt::format("{} {} {} {} {}", light.dark ? light.dark->name : "", ArrayOf(light, options_),
                     text("ROWORDER"), info.header.turned,
                     light.dark ? ""
-                               : fmt::format("{} {} {} {} {}", CameraOf(light), info.width, info.height,
+                               : fmt::format("{} {} {} {:.1e} {}", CameraOf(light), info.width, info.height,
                                              files::ExposureOf(info.header).value_or(0), text("GAIN")));
     Defects*& defects = known[key];
     if (!defects) defects = &defects_.emplace_back(light.dark);

@@ -197,6 +197,9 @@ class Road {
         session_.CheckOutputs(outputs, [&](const fs::path& path) { return state_->Owns(path); });
     CheckRoom(Work(), cost_);
     const Unfinished unfinished(job_, *state_, made, options_.calibrate);
+    for (const fs::path& old : state_->Stale(outputs)) {
+      job_.Warn(fmt::format("{}: is a result of an earlier call, and none of this one", old.string()));
+    }
     state_->Begin(made);
     // What is there under these names is ours to replace, from now on.
     job_.options.overwrite = true;

@@ -29,6 +29,10 @@ std::string FileWord(const std::string& text) {
 std::vector<RunFrame> TakeExcluded(Job& job, RunOptions& options) {
   std::vector<fs::path>& lights = options.calibrate.lights;
   lights = ExpandFolders(job, lights);
+  // A light may be told by its name alone, as patterns are.
+  for (const fs::path& light : lights) {
+    if (!fs::exists(options.reference) && light.filename() == options.reference) options.reference = light;
+  }
   std::set<std::string> idle(options.exclude.begin(), options.exclude.end());
   idle.insert(options.include.begin(), options.include.end());
   const auto fits = [&](const fs::path& light,
@@ -87,8 +91,12 @@ void AddSelection(RunOptions& options, const fs::path& file) {
            (json[key].is_array() && std::all_of(json[key].begin(), json[key].end(),
                                                 [](const Json& item) { return item.is_string(); }));
   };
-  if (!json.is_object() || !isList("include") || !isList("exclude") ||
-      (json.contains("reference") && !json["reference"].is_string())) {
+  const auto isKnown = [](const auto& entry) {
+    return entry.key() == "include" || entry.key() == "exclude" || entry.key() == "reference";
+  };
+  const auto entries = json.items();
+  if (!json.is_object() || !std::all_of(entries.begin(), entries.end(), isKnown) || !isList("include") ||
+      !isList("exclude") || (json.contains("reference") && !json["reference"].is_string())) {
     throw files::FileError(file,
                            "is no selection; write {\"include\": [\"*.fits\"], \"exclude\": [\"bad_*\"], "
                            "\"reference\": \"light_0001.fits\"}, or some of these");

@@ -40,6 +40,16 @@ void RunState::Begin(const std::vector<fs::path>& outputs) {
   Write("run", {{"outputs", outputs_}, {"lights", lights_}});
 }
 
+std::vector<fs::path> RunState::Stale(const std::vector<fs::path>& outputs) const {
+  std::vector<fs::path> stale;
+  for (const std::string& name : outputs_) {
+    const fs::path path = folder_.parent_path() / name;
+    if (fs::exists(path) && std::find(outputs.begin(), outputs.end(), path) == outputs.end())
+      stale.push_back(path);
+  }
+  return stale;
+}
+
 void RunState::Forget() const {
   std::error_code ignored;
   fs::remove_all(folder_, ignored);

@@ -23,6 +23,8 @@ class RunState {
 
   /// An output that an earlier call wrote, or began to.
   bool Owns(const std::filesystem::path& output) const;
+  /// Outputs of earlier calls that are there, and that this one does not make.
+  std::vector<std::filesystem::path> Stale(const std::vector<std::filesystem::path>& outputs) const;
   /// An earlier call left something to go on with.
   bool HasKept() const { return hasKept_; }
   /// The outputs are ours from now on.

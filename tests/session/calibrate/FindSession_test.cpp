@@ -87,7 +87,10 @@ TEST_F(FindSessionTest, FramesAreWhatTheyOrTheirFoldersOrTheirNamesSay) {
   Frame("l.fits", {{"IMAGETYP", "Master Dark"}});
   // Neither of these is a frame.
   Frame("m.fits", {{"IMAGETYP", "LIGHT"}, {"STACKCNT", "12"}});
+  Frame("p.fits", {{"IMAGETYP", "Master Light"}});
+  Frame("q.fits", {{"IMAGETYP", "FOCUS"}});
   Frame(".hidden/lights/n.fits", {});
+  fs::create_directory_symlink("..", In("deep/up"));
   Frame("earlier/stack.fits", {});
   Frame("earlier/masters/master_dark.fits", {{"IMAGETYP", "DARK"}});
   files::WriteBytes(In("earlier/report.html"), "");
@@ -104,6 +107,7 @@ TEST_F(FindSessionTest, FramesAreWhatTheyOrTheirFoldersOrTheirNamesSay) {
   EXPECT_NE(warnings_.find("h.fits"), std::string::npos);
   EXPECT_NE(warnings_.find("stacks of several lights"), std::string::npos);
   EXPECT_NE(warnings_.find("calibrated lights beside raw ones"), std::string::npos);
+  EXPECT_NE(warnings_.find("IMAGETYP says that they are no light, dark, flat or bias"), std::string::npos);
   EXPECT_NE(warnings_.find("taken as lights, for nothing says what they are"), std::string::npos);
   fs::remove_all(In("deep"));
   fs::create_directories(In("none"));
@@ -245,13 +249,17 @@ TEST_F(FindSessionTest, ALibraryOfMastersIsUsedUntilItsFramesChange) {
   ASSERT_EQ(first.size(), 2u);
   EXPECT_EQ(prepare(options), value);
   EXPECT_EQ(masters(), first) << "nothing was made again";
+  // A master that somebody changed, or that is half of one, is made again.
+  fs::resize_file(In("library/" + first.begin()->first), 3000);
+  EXPECT_EQ(prepare(options), value);
+  const auto mended = masters();
   // Another session beside it; then the first one with another dark.
   CalibrateOptions other = options;
   other.darks.pop_back();
   prepare(other);
   EXPECT_EQ(masters().size(), 3u);
   EXPECT_EQ(prepare(options), value);
-  EXPECT_EQ(masters().at(first.begin()->first), first.begin()->second);
+  EXPECT_EQ(masters().at(first.begin()->first), mended.at(first.begin()->first));
   fs::remove(In("dark_1.fits"));
   Frame("dark_1.fits", {{"IMAGETYP", "dark"}, {"EXPTIME", "60"}}, 150);
   EXPECT_NE(prepare(options), value + 1000);
