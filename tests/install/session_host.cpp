@@ -71,7 +71,14 @@ int main(int, char** words) {
   } catch (const Error& error) {
     wasCancelled = error.Kind() == ErrorKind::Cancelled;
   }
-  Expect(wasCancelled && !fs::exists(folder / "cancelled"), "a cancelled job leaves nothing");
+  Expect(wasCancelled && !fs::exists(folder / "cancelled/stack.fits"), "a cancelled job leaves no stack");
+  int again = 0;
+  Job goesOn({.report = [&](const Event& event) {
+    again += event.text.find("were measured before") != std::string::npos;
+  }});
+  const RunResult rest = Run(goesOn, OptionsFor(night, folder / "cancelled"));
+  Expect(again == 1 && rest.stacks[0].noise == one.stacks[0].noise,
+         "the same call goes on with what it measured");
 
   // Each in a thread of its own, with a budget of its own.
   std::vector<RunResult> both(2);
