@@ -520,10 +520,11 @@ void Session::SaveMasters() {
     }
     manifest["masters"].push_back(std::move(entry));
   }
-  // A library keeps those of other sessions.
+  // Those of other sessions and objects stay.
   for (const auto& entry : kept_.value("masters", Json::array())) {
-    if (options_.mastersAreLibrary && !files.contains(entry.value("file", "")))
-      manifest["masters"].push_back(entry);
+    const std::string name = entry.value("file", "");
+    if (!files.contains(name) && fs::exists(options_.masters / name))
+      manifest["masters"].push_back(Json(entry));
   }
   files::TransientFile part(files::PartialName(ManifestPath()));
   std::ofstream file(part.Path());

@@ -20,6 +20,7 @@
 #include "session/files/internal/ConstantBorder.h"
 #include "session/files/internal/Times.h"
 #include "session/job/internal/Edge.h"
+#include "session/job/internal/Overwriting.h"
 #include "session/job/internal/SideBySide.h"
 #include "session/picture/AutoPicture.h"
 #include "session/register/Register.h"
@@ -201,8 +202,7 @@ class Road {
       job_.Warn(fmt::format("{}: is a result of an earlier call, and none of this one", old.string()));
     }
     state_->Begin(made);
-    // What is there under these names is ours to replace, from now on.
-    job_.options.overwrite = true;
+    const Overwriting ours(job_);
     session_.Prepare();
     for (Progress& frame : frames_) {
       frame.digest = session_.DigestOf(*frame.light);
@@ -413,8 +413,10 @@ class Road {
       reference_ = i;
       return nullptr;
     }
-    Image opened = Image::Open(job_, job_.MakeStore(), options_.reference);
-    auto image = std::shared_ptr<CVelImage>(std::move(opened.Pointer()));
+    const auto store = job_.MakeStore();
+    Image opened = Image::Open(job_, store, options_.reference);
+    // As in LoadWhole.
+    auto image = std::shared_ptr<CVelImage>(opened.Pointer().release(), [store](CVelImage* p) { delete p; });
     fixed_.emplace();
     fixed_->error.clear();
     fixed_->digest = fmt::format("{} {}", wanted.string(), files::StampOf(wanted));
@@ -602,8 +604,7 @@ class Road {
       }
     };
     Stack(job_, inputs, static_cast<int>(reference), options, 0, count, &image);
-    SaveStack(target, used, *used[reference], image);
-    KeepStack(target, used, digest);
+    KeepStack(target, used, digest, SaveStack(target, used, *used[reference], image));
   }
 
   /// All that a stack and its files depend on.
@@ -638,7 +639,8 @@ class Road {
     return stamps;
   }
 
-  void KeepStack(const Target& target, const std::vector<Progress*>& used, const std::string& digest) {
+  void KeepStack(const Target& target, const std::vector<Progress*>& used, const std::string& digest,
+                 const Json& told) {
     KeptJson counts = KeptJson::array();
     for (const Progress* frame : used) {
       counts.push_back(frame->counts);
@@ -646,6 +648,7 @@ class Road {
     state_->Keep(target.name, digest,
                  {{"files", StampsOf(target)},
                   {"counts", std::move(counts)},
+                  {"told", KeptJson(told)},
                   {"stack", stacks_.back()},
                   {"report", report_.stacks.back()}});
   }
@@ -661,14 +664,14 @@ class Road {
     stacks_.push_back(kept->at("stack"));
     stacks_.back().file = Path(target.name + ".fits");
     if (!stacks_.back().gradient.empty()) stacks_.back().gradient = Path(target.name + "_gradient.fits");
-    TellStack(stacks_.back(), {}, "as it was made before");
+    TellStack(stacks_.back(), Json(kept->at("told")), "as it was made before");
     return true;
   }
 
   /// What became of a stack, for people and programs.
   void TellStack(const RunStack& made, const Json& more, const std::string& how) const {
     Json json{{"stack", made.file.string()}, {"filter", made.filter}};
-    json.update(more.is_null() ? Json::object() : more);
+    json.update(more);
     json.update({{"frames", made.frames},
                  {"lights", made.lights},
                  {"exposure", made.exposure},
@@ -680,7 +683,8 @@ class Road {
                                       made.file.string(), made.fwhm, made.noise, how));
   }
 
-  void SaveStack(const Target& target, const std::vector<Progress*>& used, const Progress& reference,
+  /// Answers what is told of it beside the numbers of all stacks.
+  Json SaveStack(const Target& target, const std::vector<Progress*>& used, const Progress& reference,
                  CVelImage& image) {
     LightRows source(session_, *reference.light);
     files::Header first = source.Info().header;
@@ -754,6 +758,7 @@ class Road {
     made.stars = measure.starCount, made.fwhm = measure.fwhm, made.noise = measure.noise;
     TellStack(made, more, fmt::format("(reference {:.4g})", reference.measure.noise));
     stacks_.push_back(std::move(made));
+    return more;
   }
 
   /// Makes the colour image of the stacks, which lie on one grid. False when one of them is missing, or has

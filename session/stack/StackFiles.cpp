@@ -16,6 +16,7 @@
 #include "session/files/internal/ConstantBorder.h"
 #include "session/job/Json.h"
 #include "session/job/internal/Edge.h"
+#include "session/job/internal/Overwriting.h"
 #include "session/job/internal/SideBySide.h"
 #include "session/picture/Images.h"
 #include "session/register/Register.h"
@@ -214,10 +215,11 @@ class StackRun {
       job_.Warn(fmt::format("{}.resume: made from other frames or options; beginning anew",
                             options_.output.string()));
     }
+    std::optional<Overwriting> ours;
     if (journal.Rows() > 0) {
       job_.Say(fmt::format("going on at row {} of {}", journal.Rows(), shape_.height));
       // What is there under the final names was written by the run that these bands are of.
-      job_.options.overwrite = true;
+      ours.emplace(job_);
     }
     TryOutputs();
     try {

@@ -38,15 +38,6 @@ class FocusTest : public ToolTest {
     };
   }
 
-  static std::vector<Json> Lines(const std::string& text) {
-    std::vector<Json> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-      lines.push_back(Json::parse(line));
-    }
-    return lines;
-  }
-
   static std::string Order(const std::vector<Json>& lines) {
     std::string order;
     for (const Json& line : lines) {
@@ -63,7 +54,7 @@ TEST_F(FocusTest, FramesOfStarsAreRankedByTheirWidthWhateverTheirExposure) {
   Save("d.fits", kWidth, kHeight, 1, Stars(1.6, 2, 2, 4));
   const Result r = Shell("korimg focus --json a.fits b.fits c.fits d.fits");
   ASSERT_EQ(r.code, 0) << r.err;
-  const auto lines = Lines(r.out);
+  const auto lines = JsonLines(r.out);
   ASSERT_EQ(lines.size(), 4u);
   EXPECT_EQ(Order(lines), "b.fits! a.fits d.fits c.fits ");
   for (const Json& line : lines) {
@@ -93,7 +84,7 @@ TEST_F(FocusTest, AMosaicIsMeasuredInTheMeanOfItsColours) {
   header.Set("BAYERPAT", "RGGB");
   Frame("sharp.fits", kWidth, kHeight, mosaic(1.5), "float32", header);
   Frame("soft.fits", kWidth, kHeight, mosaic(2.2), "float32", header);
-  const auto lines = Lines(Shell("korimg focus --json soft.fits sharp.fits").out);
+  const auto lines = JsonLines(Shell("korimg focus --json soft.fits sharp.fits").out);
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(Order(lines), "sharp.fits! soft.fits ");
   for (const Json& line : lines) {
@@ -113,7 +104,7 @@ TEST_F(FocusTest, FramesWithoutStarsAreRankedByTheFocusValue) {
   const Result r = Shell("korimg focus --json *.fits");
   EXPECT_EQ(r.code, 1);
   EXPECT_NE(r.err.find("broken.fits"), std::string::npos) << r.err;
-  const auto lines = Lines(r.out);
+  const auto lines = JsonLines(r.out);
   ASSERT_EQ(lines.size(), 6u);
   EXPECT_NEAR(lines[0]["focus"].get<double>() / lines[1]["focus"].get<double>(), 1, 0.02)
       << "of one sharpness in two exposures";

@@ -132,6 +132,14 @@ TEST_F(RunAgainTest, OnlyWhatIsNewIsDone) {
   EXPECT_NE(other.err.find("stack_gradient.fits: is a result of an earlier call"), std::string::npos)
       << other.err;
   fs::remove(In("out/stack_gradient.fits"));
+  // What is told of a stack that is kept is what was told of it when it was made.
+  const auto told = [&] {
+    const Result r = Shell("korimg run night --out sloped --gradient --json");
+    return JsonLines(r.out).at(0).value("gradient", json());
+  };
+  const json gradient = told();
+  EXPECT_TRUE(gradient.contains("sky_boxes")) << gradient;
+  EXPECT_EQ(told(), gradient);
   // What was kept may be of no use.
   for (const auto& entry : fs::directory_iterator(In("out/.korimg"))) {
     if (entry.path().stem() != "run") fs::resize_file(entry.path(), fs::file_size(entry.path()) / 2);
@@ -166,9 +174,7 @@ TEST_F(RunAgainTest, SelectionsAndReferences) {
     const Result r = Shell("korimg run night --out out --json " + options);
     EXPECT_EQ(r.code, 0) << options << r.err;
     std::string names;
-    std::istringstream in(r.out);
-    for (std::string line; std::getline(in, line);) {
-      const json told = json::parse(line);
+    for (const json& told : JsonLines(r.out)) {
       if (told.value("status", "") == "stacked")
         names += fs::path(told["file"].get<std::string>()).stem().string().back();
     }
@@ -229,6 +235,18 @@ TEST_F(RunAgainTest, ObjectsAreKeptApart) {
   }
   EXPECT_TRUE(fs::exists(In("out/masters/manifest.json")));
   EXPECT_FALSE(fs::exists(In("out/stack.fits")));
+  // Each of them goes on, and neither may replace what is not its own.
+  const Result again = Shell("korimg run night --out out");
+  EXPECT_EQ(again.code, 0) << again.err;
+  const size_t first = again.out.find("2 of 2 lights were measured before");
+  EXPECT_NE(first, std::string::npos) << again.out;
+  EXPECT_NE(again.out.find("2 of 2 lights were measured before", first + 1), std::string::npos) << again.out;
+  fs::create_directories(In("mine/NGC_7000"));
+  WriteBytes(In("mine/NGC_7000/stack.png"), "a picture");
+  const Result foreign = Shell("korimg run night --out mine");
+  EXPECT_EQ(foreign.code, 1);
+  EXPECT_NE(foreign.err.find("stack.png: exists already"), std::string::npos) << foreign.err;
+  EXPECT_EQ(ReadBytes(In("mine/NGC_7000/stack.png")), "a picture");
 }
 
 }  // namespace

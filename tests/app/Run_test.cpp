@@ -23,15 +23,6 @@ namespace fs = std::filesystem;
 
 class RunTest : public ToolTest {
  protected:
-  static std::vector<json> Lines(const std::string& text) {
-    std::vector<json> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-      lines.push_back(json::parse(line));
-    }
-    return lines;
-  }
-
   static double Median(std::vector<double> values) {
     std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
     return values.at(values.size() / 2);
@@ -62,7 +53,7 @@ TEST_F(RunTest, HotPixelsAreMendedAndToldOf) {
       EXPECT_EQ(map[0][pixel["y"].get<size_t>() * 500 + pixel["x"].get<size_t>()], 1) << out << pixel;
     }
     if (std::string(out) == "lights") {
-      EXPECT_EQ(Lines(r.out).at(1)["hot_pixels"], found);
+      EXPECT_EQ(JsonLines(r.out).at(1)["hot_pixels"], found);
     }
     EXPECT_NE(ReadBytes(In(std::string(out) + "/report.html")).find(fmt::format(": {} and ", found)),
               std::string::npos);
@@ -85,7 +76,7 @@ TEST_F(RunTest, ASimulatedSessionComesOutAsItsTruth) {
   }
 
   // How the frames lie, to the reference that was chosen.
-  std::vector<json> lines = Lines(r.out);
+  std::vector<json> lines = JsonLines(r.out);
   ASSERT_EQ(lines.size(), kFrames + 2);
   EXPECT_EQ(lines[0]["stack"], "the result/stack.fits");
   EXPECT_EQ(lines.back()["file"], "night/LIGHT/broken.fits");
@@ -260,7 +251,7 @@ TEST_F(RunTest, TheGradientGoesAndIsKeptBesideTheStack) {
   ASSERT_TRUE(Simulate(In("night"), {.frames = 4, .width = kWidth, .height = kHeight, .seed = 5}));
   const Result r = Shell("korimg run night --out plain -q && korimg run night --out out --gradient --json");
   ASSERT_EQ(r.code, 0) << r.err;
-  const json told = Lines(r.out).at(0)["gradient"];
+  const json told = JsonLines(r.out).at(0)["gradient"];
   EXPECT_GT(told["sky_boxes"].get<int>(), 50);
   const auto plane = [&](const char* file) { return ReadAll(*ImageReader::Open(In(file)), 64)[0]; };
   const std::vector<float> before = plane("plain/stack.fits"), after = plane("out/stack.fits"),
@@ -377,7 +368,7 @@ TEST_F(RunTest, OneBudgetServesTheWholeJob) {
     const Result r =
         Shell(fmt::format("korimg run night --out out{0} --json --memory {0}M --threads 4", megabytes));
     ASSERT_EQ(r.code, 0) << r.err;
-    EXPECT_LT(Lines(r.out)[0]["peak_memory_bytes"].get<long long>(), (megabytes + 128) << 20);
+    EXPECT_LT(JsonLines(r.out)[0]["peak_memory_bytes"].get<long long>(), (megabytes + 128) << 20);
   }
 }
 
@@ -395,7 +386,7 @@ TEST_F(RunTest, ThePlanTellsWhatTheRunTakes) {
     const Result dry = Shell(call + " --dry-run --json; " + call + " --dry-run > text"),
                  r = Shell(call + " --json");
     ASSERT_EQ(r.code, 0) << r.err;
-    const json plan = Lines(dry.out).back()["plan"];
+    const json plan = JsonLines(dry.out).back()["plan"];
     const std::string text = ReadBytes(In("text")), told = text.substr(text.find("the run will take"));
     EXPECT_EQ(told.find('\n'), told.size() - 1) << "it ends the plan: " << text;
     EXPECT_NE(ReadBytes(In("of" + name + "/report.html")).find(told.substr(0, told.rfind("about"))),
@@ -404,7 +395,7 @@ TEST_F(RunTest, ThePlanTellsWhatTheRunTakes) {
     for (const auto& entry : fs::recursive_directory_iterator(In("of" + name))) {
       if (entry.is_regular_file()) written += static_cast<long long>(entry.file_size());
     }
-    for (const json& line : Lines(r.out)) {
+    for (const json& line : JsonLines(r.out)) {
       peak = std::max(peak, line.value("peak_memory_bytes", 0LL));
     }
     const auto disk = plan["disk_bytes"].get<long long>(), memory = plan["memory_bytes"].get<long long>();
@@ -424,7 +415,7 @@ TEST_F(RunTest, PlanesOfColourHaveWeightsOfTheirOwn) {
   ASSERT_EQ(r.code, 0) << r.err;
   std::array<double, 3> best = {};
   bool differ = false;
-  for (const json& line : Lines(r.out)) {
+  for (const json& line : JsonLines(r.out)) {
     if (!line.contains("weight")) continue;
     const auto weights = line["weights"].get<std::vector<double>>();
     ASSERT_EQ(weights.size(), 3u) << line;
@@ -461,7 +452,7 @@ TEST_F(RunTest, WhatIsStillBeingWrittenIsLeftForLater) {
   EXPECT_NE(r.err.find("light_0003.fits.part: is still being written"), std::string::npos) << r.err;
   const std::string page = ReadBytes(In("out/report.html"));
   int told = 0;
-  for (const json& line : Lines(r.out)) {
+  for (const json& line : JsonLines(r.out)) {
     if (!line.contains("status") || line["status"] == "stacked") continue;
     ++told;
     const std::string status = line["status"];
@@ -548,7 +539,7 @@ TEST_F(RunTest, PlansAreForProgramsToo) {
            "register night/lights -o x.json"}) {
     const Result r = Shell("korimg " + call + " --dry-run --json");
     EXPECT_EQ(r.code, 0) << call << r.err;
-    EXPECT_GE(Lines(r.out).size(), 1u) << call;
+    EXPECT_GE(JsonLines(r.out).size(), 1u) << call;
     for (const auto& entry : fs::directory_iterator(folder_)) {
       EXPECT_NE(entry.path().stem(), "x") << call;
     }

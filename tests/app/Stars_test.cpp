@@ -21,15 +21,6 @@ double Median(std::vector<double> values) {
   return values.at(values.size() / 2);
 }
 
-std::vector<Json> Lines(const std::string& text) {
-  std::vector<Json> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(Json::parse(line));
-  }
-  return lines;
-}
-
 class StarsTest : public ToolTest {
  protected:
   struct Error {
@@ -58,7 +49,7 @@ TEST_F(StarsTest, RegistersASessionAgainstItsTruth) {
   const Result r =
       Shell("korimg register --json --reference night/lights/light_0001.fits night/lights/*.fits");
   ASSERT_EQ(r.code, 0) << r.err;
-  const auto lines = Lines(r.out);
+  const auto lines = JsonLines(r.out);
   ASSERT_EQ(lines.size(), 5u);
   std::vector<double> shifts, angles;
   for (size_t i = 0; i < lines.size(); ++i) {
@@ -80,7 +71,7 @@ TEST_F(StarsTest, RegistersASessionAgainstItsTruth) {
   EXPECT_NE(automatic.out.find("reference: night/lights/"), std::string::npos);
   EXPECT_NE(automatic.out.find("shift 0.000, 0.000, angle 0.0000"), std::string::npos)
       << "of the reference" << automatic.out;
-  const std::vector<Json> list = Lines(ReadBytes(In("list.jsonl")));
+  const std::vector<Json> list = JsonLines(ReadBytes(In("list.jsonl")));
   ASSERT_EQ(list.size(), 5u);
   EXPECT_EQ(list[4]["file"], "night/lights/light_0005.fits");
   EXPECT_EQ(std::count_if(list.begin(), list.end(), [](auto& r) { return r["method"] == "reference"; }), 1);
@@ -89,9 +80,9 @@ TEST_F(StarsTest, RegistersASessionAgainstItsTruth) {
   const Result phase = Shell(
       "korimg register --json --sigma 1e5 --reference night/lights/light_0001.fits "
       "night/lights/light_000[35].fits");
-  ASSERT_EQ(Lines(phase.out).size(), 2u) << phase.err;
+  ASSERT_EQ(JsonLines(phase.out).size(), 2u) << phase.err;
   for (const int light : {3, 5}) {
-    const Json line = Lines(phase.out)[light / 4];
+    const Json line = JsonLines(phase.out)[light / 4];
     EXPECT_EQ(line["method"], "phase");
     ASSERT_EQ(line["status"], "ok");
     const Error error = ErrorOf(line, truth_["lights"][light - 1]);
@@ -113,7 +104,7 @@ TEST_F(StarsTest, ALoneObjectIsLaidByThePlaceOfItsLight) {
   Save("2.fits", 640, 480, 3, planet(340.5, 221.25, 450, 2));
   Save("3.fits", 640, 480, 1, planet(300, 240, 0, 3));
   const Result r = Shell("korimg register --json --reference 1.fits 1.fits 2.fits 3.fits");
-  const auto lines = Lines(r.out);
+  const auto lines = JsonLines(r.out);
   ASSERT_EQ(lines.size(), 3u) << r.err;
   EXPECT_EQ(lines[1]["status"], "ok") << lines[1];
   EXPECT_EQ(lines[1]["method"], "place");
@@ -154,9 +145,9 @@ TEST_F(StarsTest, RealFramesAreLaidOnEachOther) {
        0.5}};
   for (const auto& [reference, frames, shifts, error] : sessions) {
     const Result r = Shell("korimg register --json --reference " + reference + " " + frames);
-    ASSERT_EQ(Lines(r.out).size(), shifts.size()) << r.err;
+    ASSERT_EQ(JsonLines(r.out).size(), shifts.size()) << r.err;
     for (size_t i = 0; i < shifts.size(); ++i) {
-      const Json line = Lines(r.out)[i];
+      const Json line = JsonLines(r.out)[i];
       EXPECT_EQ(line["status"], "ok") << line;
       EXPECT_NEAR(line["dx"].get<double>(), shifts[i].first, error) << line;
       EXPECT_NEAR(line["dy"].get<double>(), shifts[i].second, error) << line;
@@ -173,8 +164,8 @@ TEST_F(StarsTest, HalfTurnsAreFoundAndMirroredFramesNamed) {
   const Result r = Shell(
       "cd night/lights && korimg register --json --reference light_0001.fits light_0002.fits "
       "turned.fits flipped.fits");
-  ASSERT_EQ(Lines(r.out).size(), 3u) << r.err;
-  const Json plain = Lines(r.out)[0], turned = Lines(r.out)[1];
+  ASSERT_EQ(JsonLines(r.out).size(), 3u) << r.err;
+  const Json plain = JsonLines(r.out)[0], turned = JsonLines(r.out)[1];
   ASSERT_EQ(turned["status"], "ok");
   // Half a turn about the middle pixel, while angles are about half the size: half a pixel beyond.
   const double turn = plain["degrees"].get<double>() * std::numbers::pi / 180;
@@ -182,7 +173,7 @@ TEST_F(StarsTest, HalfTurnsAreFoundAndMirroredFramesNamed) {
   EXPECT_NEAR(turned["dy"], plain["dy"].get<double>() - std::sin(turn) - std::cos(turn), 0.02);
   EXPECT_NEAR(std::remainder(turned["degrees"].get<double>() - plain["degrees"].get<double>() - 180, 360), 0,
               0.002);
-  EXPECT_EQ(Lines(r.out)[2]["status"], "mirrored");
+  EXPECT_EQ(JsonLines(r.out)[2]["status"], "mirrored");
 }
 
 TEST_F(StarsTest, StacksReadWhatRegisterWrites) {
@@ -379,7 +370,7 @@ TEST_F(StarsTest, FindsTheStarsOfASession) {
   Simulate();
   const Result r = Shell("korimg stars --json -o list.txt night/lights/light_0001.fits");
   ASSERT_EQ(r.code, 0) << r.err;
-  const Json found = Lines(r.out).at(0);
+  const Json found = JsonLines(r.out).at(0);
   EXPECT_NEAR(found["fwhm"].get<double>(), truth_["lights"][0]["fwhm_px"].get<double>(), 0.09);
   EXPECT_EQ(found["stars"], found["list"].size());
   int bright = 0, met = 0;
@@ -423,15 +414,15 @@ TEST_F(StarsTest, FailuresSayWhatIsWrong) {
   const Result r = Shell("korimg register --json flat.fits missing.fits noise.fits");
   EXPECT_EQ(r.code, 1);
   EXPECT_NE(r.err.find("missing.fits: "), std::string::npos);
-  ASSERT_EQ(Lines(r.out).size(), 3u);
-  EXPECT_EQ(Lines(r.out)[0]["method"], "reference");
-  EXPECT_EQ(Lines(r.out)[1]["status"], "no stars");
-  EXPECT_EQ(Lines(r.out)[2]["status"], "cannot be read");
+  ASSERT_EQ(JsonLines(r.out).size(), 3u);
+  EXPECT_EQ(JsonLines(r.out)[0]["method"], "reference");
+  EXPECT_EQ(JsonLines(r.out)[1]["status"], "no stars");
+  EXPECT_EQ(JsonLines(r.out)[2]["status"], "cannot be read");
   EXPECT_EQ(Shell("korimg stars -o list.txt flat.fits noise.fits").code, 2);
   EXPECT_EQ(Shell("korimg stars -o list.txt flat.fits && korimg stars -o list.txt flat.fits").code, 1);
   EXPECT_EQ(Shell("korimg register --reference missing.fits flat.fits").code, 1);
   const Result folder = Shell("mkdir two && cp flat.fits noise.fits two && korimg register --json two");
-  EXPECT_EQ(Lines(folder.out).size(), 2u) << folder.err;
+  EXPECT_EQ(JsonLines(folder.out).size(), 2u) << folder.err;
   EXPECT_EQ(folder.code, 1);
   EXPECT_NE(folder.err.find("1 of 2 frames lie on the reference, none but itself"), std::string::npos)
       << folder.err;

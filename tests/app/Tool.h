@@ -5,11 +5,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <fcntl.h>
+#include <nlohmann/json.hpp>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,6 +27,16 @@ struct Result {
   int code;
   std::string out, err;
 };
+
+/// What a verb tells programs: an object of JSON in each line.
+inline std::vector<nlohmann::json> JsonLines(const std::string& text) {
+  std::vector<nlohmann::json> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(nlohmann::json::parse(line));
+  }
+  return lines;
+}
 
 /// Starts the job, kills it as soon as `when` holds, and answers whether it was killed rather than done.
 inline bool RunAndKill(const std::filesystem::path& folder, const std::vector<std::string>& words, int signal,
