@@ -61,8 +61,8 @@ class HitPlane {
         std::erase_if(columns, [&](int x) { return !IsHit(x, y); });
         return columns;
       });
-      hits = Grown(std::move(hits), sigClip_);
-      hits = Grown(std::move(hits), sigClip_ * static_cast<float>(options_.sigFrac));
+      hits = Grown(hits, sigClip_);
+      hits = Grown(hits, sigClip_ * static_cast<float>(options_.sigFrac));
       bool isMore = false;
       ForHits(hits, [&](int x, int y) {
         isMore |= !IsMarked(x, y);
@@ -240,19 +240,25 @@ class HitPlane {
     return significance > least && ContrastAt(x, y, significance) > least;
   }
 
-  /// The hits and those of their neighbours with S' above a limit.
-  Columns Grown(Columns hits, float limit) const {
-    return MapLines(0, height_, [&](int y) {
-      std::vector<int> columns;
-      for (int j = std::max(y - 1, 0); j <= std::min(y + 1, height_ - 1); ++j) {
-        for (const int hit : hits[j]) {
-          for (int x = std::max(hit - 1, 0); x <= std::min(hit + 1, width_ - 1); ++x) {
-            columns.push_back(x);
-          }
+  /// The columns of row y that lie up to `reach` pixels from a hit.
+  std::vector<int> About(const Columns& hits, int y, int reach) const {
+    std::vector<int> columns;
+    for (int j = std::max(y - reach, 0); j <= std::min(y + reach, height_ - 1); ++j) {
+      for (const int hit : hits[j]) {
+        for (int x = std::max(hit - reach, 0); x <= std::min(hit + reach, width_ - 1); ++x) {
+          columns.push_back(x);
         }
       }
-      std::sort(columns.begin(), columns.end());
-      columns.erase(std::unique(columns.begin(), columns.end()), columns.end());
+    }
+    std::sort(columns.begin(), columns.end());
+    columns.erase(std::unique(columns.begin(), columns.end()), columns.end());
+    return columns;
+  }
+
+  /// The hits and those of their neighbours with S' above a limit.
+  Columns Grown(const Columns& hits, float limit) const {
+    return MapLines(0, height_, [&](int y) {
+      std::vector<int> columns = About(hits, y, 1);
       std::erase_if(columns, [&](int x) {
         if (std::binary_search(hits[y].begin(), hits[y].end(), x)) return false;
         const float significance = SignificanceAt(x, y);
@@ -264,19 +270,7 @@ class HitPlane {
 
   /// The pixels that hits have a part in the test of.
   Columns Around(const Columns& hits) const {
-    return MapLines(0, height_, [&](int y) {
-      std::vector<int> columns;
-      for (int j = std::max(y - kMargin, 0); j <= std::min(y + kMargin, height_ - 1); ++j) {
-        for (const int hit : hits[j]) {
-          for (int x = std::max(hit - kMargin, 0); x <= std::min(hit + kMargin, width_ - 1); ++x) {
-            columns.push_back(x);
-          }
-        }
-      }
-      std::sort(columns.begin(), columns.end());
-      columns.erase(std::unique(columns.begin(), columns.end()), columns.end());
-      return columns;
-    });
+    return MapLines(0, height_, [&](int y) { return About(hits, y, kMargin); });
   }
 
   float Mended(int x, int y) const {

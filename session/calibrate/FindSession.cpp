@@ -152,12 +152,10 @@ Use UseByHeader(const fs::path& path) {
   }
   const std::string type = FoldedName(header.GetString("IMAGETYP").value_or(""));
   Use use = UseOfWord(type);
-  if (use == Use::Light && type.starts_with("master")) return Use::Finished;
   if (use == Use::Unknown) use = UseOfWord(header.GetString("FRAME").value_or(""));
-  const auto count = header.GetInt("STACKCNT") ? header.GetInt("STACKCNT") : header.GetInt("NCOMBINE");
   const bool isLight = use == Use::Light || use == Use::Unknown;
   if (isLight && IsCalibrated(header)) return Use::Calibrated;
-  if (isLight && count.value_or(0) > 1) return Use::Finished;
+  if (isLight && IsMaster(header)) return Use::Finished;
   return use == Use::Unknown && !type.empty() ? Use::Other : use;
 }
 
@@ -232,16 +230,16 @@ class Walk {
         return;
       }
     }
-    const bool isPicture = KindOf(file) == kTiff || KindOf(file) == kPng;
     Use use = byHeader != Use::Unknown ? byHeader : byFolder != Use::Unknown ? byFolder : UseByName(file);
-    if (byHeader == Use::Calibrated) {
+    if (use == Use::Calibrated) {
       calibrated_.push_back(file);
       return;
     }
-    if (byHeader == Use::Finished) {
+    if (use == Use::Finished) {
       others_["left out: stacks of several lights"].push_back(file);
       return;
     }
+    const bool isPicture = KindOf(file) == kTiff || KindOf(file) == kPng;
     if (use == Use::Unknown && isPicture) return;  // a picture that nobody calls a frame
     if (use == Use::Unknown) {
       others_["taken as lights, for nothing says what they are"].push_back(file);

@@ -5,7 +5,7 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/raw/internal/RawFrame.h"
 
-#include "tests/support/Images.h"
+#include "tests/raw/Mosaics.h"
 
 using namespace korimg;
 using namespace korimg::test;
@@ -31,15 +31,7 @@ class Reference {
   Reference(PixelRule mosaic, int width, int height, int cfa, bool byLines = false)
       : mosaic_(std::move(mosaic)), width_(width), height_(height), cfa_(cfa), byLines_(byLines) {}
 
-  double Colour(char c, int x, int y) const {
-    double sum = 0;
-    for (int j = y - 1; j <= y + 1; ++j) {
-      for (int i = x - 1; i <= x + 1; ++i) {
-        sum += Plain(c, i, j) - Brightness(i, j);
-      }
-    }
-    return Brightness(x, y) + sum / 9;
-  }
+  double Colour(char c, int x, int y) const { return ColourOf(*this, c, x, y); }
   double Brightness(int x, int y) const {
     if (IsRaw(x)) return At(x, y);
     double sum = 0;
@@ -53,6 +45,13 @@ class Reference {
       }
     }
     return sum / 3;
+  }
+
+  /// What a colour is by the neighbours that have it.
+  double Plain(char c, int x, int y) const {
+    if (Site(x, y) == c || IsRaw(x)) return At(x, y);
+    if (Site(x, y) != 'G') return c == 'G' ? Cross(x, y) : Diagonal(x, y);
+    return Site(x + 1, y) == c ? 0.5 * (At(x - 1, y) + At(x + 1, y)) : 0.5 * (At(x, y - 1) + At(x, y + 1));
   }
 
  private:
@@ -73,11 +72,6 @@ class Reference {
   bool IsRaw(int x) const { return byLines_ && (x <= 0 || x >= width_ - 1); }
   double Filled(char c, int x, int y) const {
     return Site(x, y) == c || IsRaw(x) ? At(x, y) : Diagonal(x, y);
-  }
-  double Plain(char c, int x, int y) const {
-    if (Site(x, y) == c || IsRaw(x)) return At(x, y);
-    if (Site(x, y) != 'G') return c == 'G' ? Cross(x, y) : Diagonal(x, y);
-    return Site(x + 1, y) == c ? 0.5 * (At(x - 1, y) + At(x + 1, y)) : 0.5 * (At(x, y - 1) + At(x, y + 1));
   }
 
   PixelRule mosaic_;
@@ -226,30 +220,15 @@ TEST(CImgBayerToRgb, AWhiteFrameHasNoColour) {
 }
 
 TEST(CImgBayerToRgb, StarsKeepTheirPlaceAndColour) {
-  constexpr int kSize = 48;
-  constexpr double kFlux[3] = {30000, 20000, 45000}, kSigma = 1.6;
   for (int cfa = 1; cfa <= 4; ++cfa) {
-    for (int star = 0; star < 9; ++star) {
-      const double cx = 23 + star % 3 * 0.37, cy = 24 + star / 3 * 0.41;
-      const auto image = Mosaic(MemoryStore(), kSize, kSize, [&](int, int x, int y) {
-        const double r2 = (x - cx) * (x - cx) + (y - cy) * (y - cy);
-        const int c = SiteOf(cfa, x, y) == 'R' ? 0 : SiteOf(cfa, x, y) == 'G' ? 1 : 2;
-        return kFlux[c] / (2 * M_PI * kSigma * kSigma) * std::exp(-r2 / (2 * kSigma * kSigma));
+    SCOPED_TRACE(kCells[cfa]);
+    CheckStars(1.6, 0.01, [=](const PixelRule& scene, int side) {
+      auto image = Mosaic(MemoryStore(), side, side, [=](int, int x, int y) {
+        return scene(SiteOf(cfa, x, y) == 'R' ? 0 : SiteOf(cfa, x, y) == 'G' ? 1 : 2, x, y);
       });
-      ASSERT_EQ(image->Do(Floats(cfa), 0), 1);
-      for (int p = 0; p < 3; ++p) {
-        double sum = 0, mx = 0, my = 0;
-        for (int y = 0; y < kSize; ++y) {
-          for (int x = 0; x < kSize; ++x) {
-            const double v = image->GetPixelGrayRaw(x, y, p);
-            sum += v, mx += v * x, my += v * y;
-          }
-        }
-        EXPECT_NEAR(mx / sum, cx, 0.01) << kCells[cfa] << " plane " << p;
-        EXPECT_NEAR(my / sum, cy, 0.01) << kCells[cfa] << " plane " << p;
-        EXPECT_NEAR(sum / kFlux[p], 1, 0.01) << kCells[cfa] << " plane " << p;
-      }
-    }
+      EXPECT_EQ(image->Do(Floats(cfa), 0), 1);
+      return image;
+    });
   }
 }
 
@@ -440,20 +419,12 @@ TEST(CImgBayerToRgb, HalfTheSizeFromCells) {
 }
 
 TEST(CImgBayerToRgb, ASourceIsLeftAlone) {
-  const auto source = Mosaic(MemoryStore(), 20, 20, Random(0, 1000)),
-             alone = Mosaic(MemoryStore(), 20, 20, Random(0, 1000));
-  CImgBayerToRgb image;
-  tagBayerStruct bayer = Floats(1);
-  bayer.bSubtract = 1, bayer.fSubtract = 5;
-  ASSERT_EQ(image.Do(bayer, source.get(), 0), 1);
-  ASSERT_EQ(alone->Do(bayer, 0), 1);
-  EXPECT_EQ(Difference(image, *alone), "");
-  EXPECT_EQ(Difference(*source, Random(0, 1000), 1e-6), "");
+  const auto mosaic = [] { return Mosaic(MemoryStore(), 20, 20, Random(0, 1000)); };
+  CheckSourceStays(*mosaic(), *mosaic(), Floats(1));
 }
 
 TEST(CImgBayerToRgb, RefusesWithNothingChanged) {
-  using Change = std::function<void(tagBayerStruct&)>;
-  const std::vector<std::pair<const char*, Change>> changes = {
+  const std::vector<std::pair<const char*, std::function<void(tagBayerStruct&)>>> changes = {
       {"cfa 0", [](auto& b) { b.nCFA = 0; }},
       {"cfa 5", [](auto& b) { b.nCFA = 5; }},
       {"12 bits to floats", [](auto& b) { b.nSrcBits = 12; }},
@@ -468,15 +439,7 @@ TEST(CImgBayerToRgb, RefusesWithNothingChanged) {
   };
   for (const auto& store : Stores()) {
     const auto image = Mosaic(store.make(), 20, 18, Random(0, 1000));
-    const std::vector<float> before = Pixels(*image);
-    for (const auto& [name, change] : changes) {
-      tagBayerStruct bayer = Floats(1);
-      bayer.bSubtract = 1, bayer.fSubtract = 9;
-      change(bayer);
-      EXPECT_EQ(image->Do(bayer, 0), 0) << name;
-      EXPECT_EQ(Pixels(*image), before) << name;
-      EXPECT_TRUE(image->IsBayerImage() && image->GetPlanes() == 1) << name;
-    }
+    CheckRefusals(*image, Floats(1), changes);
     for (const auto& [width, height] : {std::pair(5, 6), std::pair(6, 5)}) {
       EXPECT_EQ(Mosaic(store.make(), width, height, Random(0, 9))->Do(Floats(1), 0), 0);
     }

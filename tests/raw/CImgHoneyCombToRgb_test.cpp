@@ -8,7 +8,7 @@
 #include "korimg/raw/internal/HoneycombLattice.h"
 #include "korimg/raw/internal/RawFrame.h"
 
-#include "tests/support/Images.h"
+#include "tests/raw/Mosaics.h"
 
 using namespace korimg;
 using namespace korimg::test;
@@ -33,15 +33,7 @@ class Reference {
   Reference(PixelRule mosaic, int width, int height, int cfa)
       : mosaic_(std::move(mosaic)), width_(width), height_(height), cfa_(cfa) {}
 
-  double Colour(char c, int x, int y) const {
-    double sum = 0;
-    for (int j = y - 1; j <= y + 1; ++j) {
-      for (int i = x - 1; i <= x + 1; ++i) {
-        sum += Plain(c, i, j) - Brightness(i, j);
-      }
-    }
-    return Brightness(x, y) + sum / 9;
-  }
+  double Colour(char c, int x, int y) const { return ColourOf(*this, c, x, y); }
   /// The weights of the colours, each shared out over the sites that carry it.
   double Brightness(int x, int y) const {
     using Offsets = std::vector<std::pair<int, int>>;
@@ -61,6 +53,19 @@ class Reference {
            0.11 * sums['B'].first / sums['B'].second;
   }
 
+  /// What a colour is by the neighbours that have it.
+  double Plain(char c, int x, int y) const {
+    const char site = Site(x, y);
+    const bool isGreenRow = IsGreenRow(x, y);
+    if (site == c) return At(x, y);
+    if (site == '.' && isGreenRow == (c == 'G')) return 0.5 * (Plain(c, x - 1, y) + Plain(c, x + 1, y));
+    if (site == '.') return 0.5 * (Plain(c, x, y - 1) + Plain(c, x, y + 1));
+    const int d = site == 'G' || c == 'G' ? 1 : 2;
+    return d == 1 ? 0.25 * (Plain(c, x - 1, y - 1) + Plain(c, x + 1, y - 1) + Plain(c, x - 1, y + 1) +
+                            Plain(c, x + 1, y + 1))
+                  : 0.25 * (At(x - 2, y) + At(x + 2, y) + At(x, y - 2) + At(x, y + 2));
+  }
+
  private:
   static int Inside(int i, int size) {
     while (i < 0)
@@ -74,17 +79,6 @@ class Reference {
   }
   char Site(int x, int y) const { return SiteOf(cfa_, x + 8, y + 8); }
   bool IsGreenRow(int x, int y) const { return Site(x, y) == 'G' || Site(x + 1, y) == 'G'; }
-  double Plain(char c, int x, int y) const {
-    const char site = Site(x, y);
-    const bool isGreenRow = IsGreenRow(x, y);
-    if (site == c) return At(x, y);
-    if (site == '.' && isGreenRow == (c == 'G')) return 0.5 * (Plain(c, x - 1, y) + Plain(c, x + 1, y));
-    if (site == '.') return 0.5 * (Plain(c, x, y - 1) + Plain(c, x, y + 1));
-    const int d = site == 'G' || c == 'G' ? 1 : 2;
-    return d == 1 ? 0.25 * (Plain(c, x - 1, y - 1) + Plain(c, x + 1, y - 1) + Plain(c, x - 1, y + 1) +
-                            Plain(c, x + 1, y + 1))
-                  : 0.25 * (At(x - 2, y) + At(x + 2, y) + At(x, y - 2) + At(x, y + 2));
-  }
 
   PixelRule mosaic_;
   int width_, height_, cfa_;
@@ -228,30 +222,13 @@ TEST(CImgHoneyCombToRgb, ASceneComesBack) {
 }
 
 TEST(CImgHoneyCombToRgb, StarsKeepTheirPlaceAndColour) {
-  constexpr int kSize = 48;
-  constexpr double kFlux[3] = {30000, 20000, 45000}, kSigma = 2;
   for (int cfa = 11; cfa <= 14; ++cfa) {
-    for (int star = 0; star < 9; ++star) {
-      const double cx = 23 + star % 3 * 0.37, cy = 24 + star / 3 * 0.41;
-      const auto image =
-          Mosaic(MemoryStore(), kSize, kSize, Through(cfa, [&](int p, int x, int y) {
-                   const double r2 = (x - cx) * (x - cx) + (y - cy) * (y - cy);
-                   return kFlux[p] / (2 * M_PI * kSigma * kSigma) * std::exp(-r2 / (2 * kSigma * kSigma));
-                 }));
-      ASSERT_EQ(image->Do(Floats(cfa), 0), 1);
-      for (int p = 0; p < 3; ++p) {
-        double sum = 0, mx = 0, my = 0;
-        for (int y = 0; y < kSize; ++y) {
-          for (int x = 0; x < kSize; ++x) {
-            const double v = image->GetPixelGrayRaw(x, y, p);
-            sum += v, mx += v * x, my += v * y;
-          }
-        }
-        EXPECT_NEAR(mx / sum, cx, 0.02) << cfa << " plane " << p;
-        EXPECT_NEAR(my / sum, cy, 0.02) << cfa << " plane " << p;
-        EXPECT_NEAR(sum / kFlux[p], 1, 0.01) << cfa << " plane " << p;
-      }
-    }
+    SCOPED_TRACE(cfa);
+    CheckStars(2, 0.02, [=](const PixelRule& scene, int side) {
+      auto image = Mosaic(MemoryStore(), side, side, Through(cfa, scene));
+      EXPECT_EQ(image->Do(Floats(cfa), 0), 1);
+      return image;
+    });
   }
 }
 
@@ -446,21 +423,12 @@ TEST(CImgHoneyCombToRgb, ExtremesWithoutTheMaskedBorder) {
 }
 
 TEST(CImgHoneyCombToRgb, ASourceIsLeftAlone) {
-  const auto source = Mosaic(MemoryStore(), 20, 20, Random(0, 1000), 3),
-             alone = Mosaic(MemoryStore(), 20, 20, Random(0, 1000), 3);
-  const std::vector<float> before = Pixels(*source);
-  CImgHoneyCombToRgb image;
-  tagHoneyCombStruct honeyComb = Floats(12);
-  honeyComb.bSubtract = 1, honeyComb.fSubtract = 5;
-  ASSERT_EQ(image.Do(honeyComb, source.get(), 0), 1);
-  ASSERT_EQ(alone->Do(honeyComb, 0), 1);
-  EXPECT_EQ(Difference(image, *alone), "");
-  EXPECT_EQ(Pixels(*source), before);
+  const auto mosaic = [] { return Mosaic(MemoryStore(), 20, 20, Random(0, 1000), 3); };
+  CheckSourceStays(*mosaic(), *mosaic(), Floats(12));
 }
 
 TEST(CImgHoneyCombToRgb, RefusesWithNothingChanged) {
-  using Change = std::function<void(tagHoneyCombStruct&)>;
-  const std::vector<std::pair<const char*, Change>> changes = {
+  const std::vector<std::pair<const char*, std::function<void(tagHoneyCombStruct&)>>> changes = {
       {"cfa 0", [](auto& h) { h.nCFA = 0; }},
       {"cfa 3, which is Bayer's", [](auto& h) { h.nCFA = 3; }},
       {"cfa 10", [](auto& h) { h.nCFA = 10; }},
@@ -476,15 +444,7 @@ TEST(CImgHoneyCombToRgb, RefusesWithNothingChanged) {
   };
   for (const auto& store : Stores()) {
     const auto image = Mosaic(store.make(), 20, 18, Random(0, 1000), 0);
-    const std::vector<float> before = Pixels(*image);
-    for (const auto& [name, change] : changes) {
-      tagHoneyCombStruct honeyComb = Floats(11);
-      honeyComb.bSubtract = 1, honeyComb.fSubtract = 9;
-      change(honeyComb);
-      EXPECT_EQ(image->Do(honeyComb, 0), 0) << name;
-      EXPECT_EQ(Pixels(*image), before) << name;
-      EXPECT_TRUE(image->IsHoneyCombImage() && image->GetPlanes() == 1) << name;
-    }
+    CheckRefusals(*image, Floats(11), changes);
     for (const auto& [width, height] : {std::pair(9, 10), std::pair(10, 9)}) {
       EXPECT_EQ(Mosaic(store.make(), width, height, Random(0, 9))->Do(Floats(11), 0), 0);
     }

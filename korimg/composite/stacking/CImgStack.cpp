@@ -78,8 +78,10 @@ void SumUp(Columns& sorted, const Known& known, Work& work) {
 
 /// Whether a test may reject anything of a column: most columns need no closer look.
 bool MayReject(const Rejection& rejection, bool isNoiseKnown, int n, const Work& work, int x) {
-  constexpr int kFew = 4;
   const float least = -work.least[x], most = work.most[x];
+  // From the lower of the middle two a value is at most twice as far as from the median, and the limit of a
+  // noisy frame may be by 1.4 lower in its own noise.
+  const auto mayBeBeyond = [&](double limit) { return isNoiseKnown && 3 * std::max(least, most) > limit; };
   switch (rejection.test) {
     case Rejection::None:
       return false;
@@ -88,12 +90,10 @@ bool MayReject(const Rejection& rejection, bool isNoiseKnown, int n, const Work&
       return n > 2 && (least > rejection.low * s || most > rejection.high * s);
     }
     case Rejection::Noise:
-      // From the lower of the middle two it is at most twice as far as from the median, and the limit of a
-      // noisy frame may be by 1.4 lower in its own noise.
-      return isNoiseKnown && 3 * std::max(least, most) > std::min(rejection.low, rejection.high);
+      return mayBeBeyond(std::min(rejection.low, rejection.high));
     case Rejection::Auto:
-      if (isNoiseKnown) return std::max(least, most) > (n > kFew ? 3.0f : 1.7f);
-      return n > kFew;
+      if (n <= Rejection::kFew) return mayBeBeyond(Rejection::kGoes);
+      return !isNoiseKnown || std::max(least, most) > Rejection::kStays;
     default:
       return n > 2;
   }
@@ -115,21 +115,20 @@ double StarLight(const Columns& columns, Work& work, int x) {
 
 /// Whether so few values are told by their noise alone.
 bool IsByNoise(const Rejection& rejection, int n) {
-  constexpr int kFew = 4;
-  return n > 1 && n <= kFew && (rejection.test == Rejection::Noise || rejection.test == Rejection::Auto);
+  return n > 1 && n <= Rejection::kFew &&
+         (rejection.test == Rejection::Noise || rejection.test == Rejection::Auto);
 }
 
 /// Rejects by the noise of frames, when there are so few that the noise of the one that the others are
 /// compared with counts: limits are those of frames of one noise.
 void RejectFew(const Columns& columns, const Rejection& rejection, const Known& known, double factor,
                Work& work, int x) {
-  constexpr double kUsual = 5;
   struct Value {
     float value;
     double variance;
     int number;
   };
-  std::array<Value, 4> values;
+  std::array<Value, Rejection::kFew> values;
   int n = 0;
   for (int i = 0; i < columns.Frames(); ++i) {
     const float v = work.values[static_cast<size_t>(i) * columns.Most() + x];
@@ -145,7 +144,9 @@ void RejectFew(const Columns& columns, const Rejection& rejection, const Known& 
   const bool isAuto = rejection.test == Rejection::Auto;
   for (int k = 0; k < n; ++k) {
     const Value& value = values[k];
-    const double kappa = isAuto ? kUsual : value.value < middle.value ? rejection.low : rejection.high;
+    const double kappa = isAuto                       ? Rejection::kGoes
+                         : value.value < middle.value ? rejection.low
+                                                      : rejection.high;
     const double limit = kappa * factor * std::sqrt((value.variance + middle.variance) / 2);
     if (!(std::abs(value.value - middle.value) > limit)) continue;
     work.few[x] |= 1 << value.number;

@@ -15,6 +15,9 @@ namespace {
 
 constexpr float kUnknown = std::numeric_limits<float>::quiet_NaN();
 
+/// The variance of what a pixel differs by from the mean of two others, in that of one.
+constexpr float kOfThree = 1.5f;
+
 bool IsThere(float value) {
   return std::isfinite(value);
 }
@@ -91,7 +94,6 @@ void FrameScatter::Add(int number, int plane, std::span<const float> values, std
   // What a pixel differs by from the mean of two a little apart, between two frames, is free of slopes, and
   // of what interpolation lends a pixel of its neighbours.
   constexpr int kPixels = 700, kApart = 8;
-  constexpr float kOfThree = 1.5f;  // the variance of that difference
   const int step = std::max(width_ / kPixels, 1), pairs = frames_ * Partners(),
             apart = std::min(kApart, (width_ - 1) / 2);
   const auto variance = [&](const auto& value) {
@@ -144,8 +146,7 @@ void FrameScatter::Settle() {
 /// The variance of a pair is the sum of those of its frames.
 void FrameScatter::MeasureNoise(int plane) {
   constexpr float kRounding = 1e-6f;  // of a value's size: what floats themselves scatter by
-  constexpr double kLeast =
-      0.01;  // of the mean variance: no frame is free of noise among others that are not
+  constexpr double kLeast = 0.01;     // of the mean variance: no frame is free of noise among others
   constexpr int kRounds = 100;
   const int partners = Partners();
   std::vector<double> pairs, known;
@@ -200,7 +201,6 @@ void FrameScatter::MeasureNoise(int plane) {
 void FrameScatter::MeasurePhotons(int plane) {
   constexpr std::array kSteps = {4.0, 8.0, 16.0, 32.0, 64.0};  // of the noise
   constexpr size_t kEnough = 200;
-  constexpr double kOfSky = 1.5;  // frames differ at the pixel, and at the mean of two
   const double mean = meanNoise_[plane], noise = std::hypot(Noise(0, plane), Noise(1, plane));
   double photons = std::numeric_limits<double>::infinity();
   for (size_t s = 0; s + 1 < kSteps.size(); ++s) {
@@ -213,7 +213,7 @@ void FrameScatter::MeasurePhotons(int plane) {
       }
     }
     if (signals.size() < kEnough) continue;
-    photons = std::min(photons, std::max(VarianceOf(distances) - kOfSky, 0.0) / UpperMedian(signals));
+    photons = std::min(photons, std::max<double>(VarianceOf(distances) - kOfThree, 0) / UpperMedian(signals));
   }
   photons_[plane] = std::isfinite(photons) ? photons : 0;
 }

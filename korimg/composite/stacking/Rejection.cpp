@@ -216,24 +216,25 @@ Ranks BeyondNoise(Values values, double low, double high) {
 
 /// Brings what a test of some values leaves within the limits of noise.
 Ranks Limit(Values values, double noise, Ranks ranks) {
-  constexpr double kStays = 3, kGoes = 5;
   const Ranks all{0, static_cast<int>(values.size())};
   const double median = Median(values, all);
-  while (ranks.from > 0 && values[ranks.from - 1] >= median - kStays) {
+  while (ranks.from > 0 && values[ranks.from - 1] >= median - Rejection::kStays) {
     --ranks.from;
   }
-  while (ranks.to < all.to && values[ranks.to] <= median + kStays) {
+  while (ranks.to < all.to && values[ranks.to] <= median + Rejection::kStays) {
     ++ranks.to;
   }
-  Take(values, median - kGoes * noise, median + kGoes * noise, ranks);
+  Take(values, median - Rejection::kGoes * noise, median + Rejection::kGoes * noise, ranks);
   return ranks;
 }
 
 Ranks ByNumber(Values values, double noise) {
-  constexpr int kFew = 4, kSome = 14;
-  constexpr double kNoise = 5, kWinsorized = 3;
+  constexpr int kSome = 14;
+  constexpr double kWinsorized = 3;
   const int n = static_cast<int>(values.size());
-  if (n <= kFew) return WhatStays({Rejection::Noise, kNoise, kNoise}, values, noise);
+  if (n <= Rejection::kFew) {
+    return WhatStays({Rejection::Noise, Rejection::kGoes, Rejection::kGoes}, values, noise);
+  }
   const Ranks ranks =
       WhatStays({n <= kSome ? Rejection::Winsorized : Rejection::Esd, kWinsorized, kWinsorized}, values);
   return noise > 0 ? Limit(values, noise, ranks) : ranks;

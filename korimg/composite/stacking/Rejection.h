@@ -28,6 +28,10 @@ struct Rejection {
     /// frames is known, values within 3 of it stay, and those beyond 5 go, whatever the others say.
     Auto
   };
+  /// Up to how many values Auto tests by Noise, and the limits of noise that it keeps to.
+  static constexpr int kFew = 4;
+  static constexpr double kStays = 3, kGoes = 5;
+
   Test test = Sigma;
   double low = 2.5, high = 2.5;
   int iterations = 5;  ///< of Sigma, Winsorized and LinearFit, each by what the last one left

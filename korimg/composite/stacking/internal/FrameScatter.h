@@ -13,7 +13,6 @@ namespace korimg {
 /// across the image, measured on some rows of registered frames.
 class FrameScatter {
  public:
-  FrameScatter() = default;
   FrameScatter(int frames, int width, int height, int planes);
 
   /// The row of the image that sample `number` of Samples() is.
@@ -54,8 +53,8 @@ class FrameScatter {
   /// The frames that `frame` is compared with beside those that are compared with it.
   int Partners() const;
 
-  int frames_ = 0, width_ = 0, height_ = 0, planes_ = 0;
-  int rows_ = 0, columns_ = 0;  ///< of cells
+  int frames_, width_, height_, planes_;
+  int rows_, columns_;  ///< of cells
   bool isKnown_ = false;
   std::vector<Cell> cells_;
   std::vector<float> above_, levels_;  ///< of cells, by frames and planes, by planes; NaN where not known
