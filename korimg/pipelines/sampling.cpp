@@ -192,6 +192,43 @@ Member rotate_member(const NamedKernel& named) {
           true};
 }
 
+/// Where the output's pixels come from by a table that holds, for each of its rows, the terms of two
+/// polynomials of s = (x - middle) * scale: what u is off x by, then v itself.
+struct Warp {
+  static constexpr int kTerms = 8;  // as MapRows has
+
+  ImageParam rows{Float(32), 2, "rows"};
+  Param<float> middle{"middle"}, scale{"scale"};
+
+  Position position() {
+    rows.dim(0).set_bounds(0, 2 * kTerms);
+    Expr column = cast<float>(x), s = (column - middle) * scale;
+    const auto sum = [&](int first) {
+      Expr value = rows(first + kTerms - 1, y);
+      for (int term = kTerms - 2; term >= 0; --term) {
+        value = value * s + rows(first + term, y);
+      }
+      return value;
+    };
+    return {column + sum(0), sum(kTerms)};
+  }
+};
+
+Member warp_member(const NamedKernel& named, const char* prefix, Weighting weighting) {
+  return {std::string(prefix) + named.name + "_float",
+          [=](const Target& target) {
+            ImageParam input(Float(32), 2, "input");
+            Param<float> outside("outside");
+            Warp warp;
+            Sample sample = SampleAt(input, named.kernel, warp.position(), weighting);
+            Func output("output");
+            output(x, y) = sample.Or(outside);
+            sample.schedule(output, target);
+            return Definition{{input, warp.rows, warp.middle, warp.scale, outside}, {output}};
+          },
+          true};
+}
+
 /// 1 where a position lies on a plane of this size.
 Definition mask(const Target& target, const Expr& inside, const std::vector<Argument>& arguments) {
   Func output("output");
@@ -204,6 +241,13 @@ Definition rotate_mask(const Target& target) {
   Param<int> width("width"), height("height");
   Turn turn;
   return mask(target, IsInside(turn.position(), width, height), turn.arguments({width, height}));
+}
+
+Definition warp_mask(const Target& target) {
+  Param<int> width("width"), height("height");
+  Warp warp;
+  Expr inside = IsInside(warp.position(), width, height);
+  return mask(target, inside, {width, height, warp.rows, warp.middle, warp.scale});
 }
 
 Definition translate_intshift(const Target& target) {
@@ -247,8 +291,11 @@ std::vector<Member> Family() {
   for (const NamedKernel& kernel : kKernels) {
     members.push_back(resolution_member(kernel));
     members.push_back(rotate_member(kernel));
+    members.push_back(warp_member(kernel, "warp_", Weighting::Plain));
+    members.push_back(warp_member(kernel, "warp_variance_", Weighting::Squared));
   }
   members.insert(members.end(), {{"rotate_mask", rotate_mask},
+                                 {"warp_mask", warp_mask},
                                  {"translate_intshift_float", translate_intshift},
                                  {"translate_floatshift_bicubic_float", translate_floatshift_bicubic, true},
                                  {"translate_intshift_mask", translate_intshift_mask},

@@ -125,7 +125,9 @@ class Argument {
     const bool table = argument.dimensions == 1;
     const bool complex = argument.dimensions == 3 && argument.type.code == halide_type_float;
     const int planar[] = {table ? bins : width, height, 4}, woven[] = {2, width, height};
-    const int* extents = complex ? woven : planar;
+    const int terms[] = {16, height};  // of polynomials
+    const bool places = std::regex_replace(name, std::regex(R"(\$\d+)"), "") == "rows";
+    const int* extents = complex ? woven : places ? terms : planar;
     long long count = 1;
     for (int i = 0; i < argument.dimensions; ++i) {
       dimensions_[i] = {0, extents[i], static_cast<int>(count), 0};
@@ -137,7 +139,8 @@ class Argument {
     }
     bytes_.resize(count * argument.type.bytes());
     for (long long i = 0; i < count; ++i) {
-      const double value = table         ? Noise(i)
+      const double value = places        ? 4 * Noise(i) - 1 + (i % 16 == 8 ? static_cast<double>(i / 16) : 0)
+                           : table       ? Noise(i)
                            : i % 97 == 5 ? NAN
                            : i % 89 == 7 ? INFINITY
                                          : 1000 * Noise(i) - 100;

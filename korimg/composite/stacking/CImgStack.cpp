@@ -9,6 +9,7 @@
 
 #include "korimg/composite/stacking/internal/StackColumns.h"
 #include "korimg/geometry/CInterp.h"
+#include "korimg/geometry/internal/WarpRows.h"
 #include "korimg/image/internal/Numbers.h"
 
 using namespace korimg;
@@ -299,6 +300,11 @@ struct Statistic {
   }
 };
 
+bool HasNegativeLobes(int method) {
+  return method == CInterp::MethodBicubic || method == CInterp::MethodLanczos2 ||
+         method == CInterp::MethodLanczos3;
+}
+
 }  // namespace
 
 CImgStack::CImgStack(CVelImage* target) : CImgMedianComposit(target, 0) {}
@@ -328,25 +334,47 @@ int CImgStack::Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx
     radians = kNone;
   const int stored =
       CImgMedianComposit::Store(slot, frame, yStart, yEnd, dx, dy, radians, 0, 0, nullptr, method);
-  const bool hasNegativeLobes = method == CInterp::MethodBicubic || method == CInterp::MethodLanczos2 ||
-                                method == CInterp::MethodLanczos3;
-  if (stored && hasNegativeLobes && form != CInterp::WholeShift && levels) {
-    RaiseUndershoot(slot, *frame, yStart, yEnd, dx, dy, radians, *levels);
-  }
+  if (!stored || !HasNegativeLobes(method) || form == CInterp::WholeShift || !levels) return stored;
+  const double c = std::cos(radians), s = std::sin(radians), cx = frame->GetWidth() * 0.5,
+               cy = frame->GetHeight() * 0.5;
+  const auto placeOf = [=](int x, int y) {
+    const double u = x - cx - dx, v = cy - y + dy;
+    return Point{c * u - s * v + cx, cy - (s * u + c * v)};
+  };
+  RaiseUndershoot(slot, *frame, yStart, yEnd, placeOf, *levels);
   return stored;
 }
 
-void CImgStack::RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd, double dx, double dy,
-                                double radians, const FrameLevels& levels) {
+int CImgStack::Store(int slot, CVelImage* frame, int yStart, int yEnd, const CFrameMap& map, int method,
+                     const FrameLevels* levels) {
+  const int width = Target().GetWidth(), planes = Target().GetPlanes(),
+            rows = EndOfBand(yStart, yEnd) - yStart;
+  if (slot < 0 || slot >= Slots() || frame->IsEmpty() || rows <= 0 || CInterp::GetString(method).IsEmpty())
+    return 0;
+  const MapRows from(map.Inverse(), width, yStart, rows);
+  for (int p = 0; p < planes; ++p) {
+    WarpRows(*frame, p < frame->GetPlanes() ? p : 0, from, method, 0.0f,
+             {Band(slot).Values() + 1L * p * width, Band(slot).Valid() + 1L * p * width, width, rows,
+              1L * planes * width});
+  }
+  if (HasNegativeLobes(method) && levels) {
+    RaiseUndershoot(
+        slot, *frame, yStart, yEnd, [&](int x, int y) { return from.At(x, y - yStart); }, *levels);
+  }
+  return 1;
+}
+
+/// Pixel (x, y) of the target is read at placeOf(x, y) of the frame.
+template <class F>
+void CImgStack::RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd, F&& placeOf,
+                                const FrameLevels& levels) {
   constexpr double kSigmas = 5;
   const int width = Target().GetWidth(), planes = Target().GetPlanes();
-  const double c = std::cos(radians), s = std::sin(radians), cx = frame.GetWidth() * 0.5,
-               cy = frame.GetHeight() * 0.5;
-  // The lowest of the four pixels around where pixel (x, y) of the target is read.
+  // The lowest of the four pixels around.
   const auto lowest = [&](int x, int y, int plane) {
-    const double u = x - cx - dx, v = cy - y + dy;
     const auto inside = [](double at, int size) { return static_cast<int>(std::clamp(at, 0.0, size - 1.0)); };
-    const double left = std::floor(c * u - s * v + cx), top = std::floor(cy - (s * u + c * v));
+    const Point place = placeOf(x, y);
+    const double left = std::floor(place.x), top = std::floor(place.y);
     const int x0 = inside(left, frame.GetWidth()), x1 = inside(left + 1, frame.GetWidth());
     float least = std::numeric_limits<float>::infinity();
     for (const double line : {top, top + 1}) {

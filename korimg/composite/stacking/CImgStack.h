@@ -9,6 +9,7 @@
 #include "korimg/composite/stacking/CImgMedianComposit.h"
 #include "korimg/composite/stacking/FrameLevels.h"
 #include "korimg/composite/stacking/Rejection.h"
+#include "korimg/geometry/CFrameMap.h"
 
 /// Stacks registered frames in bands as CImgMedianComposit does, with weights, outliers rejected and counted,
 /// and pixels that are no finite numbers left out. Every statistic runs on all threads, on any
@@ -53,6 +54,9 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   /// much below the lowest of the four pixels around, becomes this one.
   int Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx, double dy, double radians,
             int method, const korimg::FrameLevels* levels = nullptr);
+  /// The same of a frame that a map lays on the target's grid.
+  int Store(int slot, CVelImage* frame, int yStart, int yEnd, const CFrameMap& map, int method,
+            const korimg::FrameLevels* levels = nullptr);
 
   /// The rows of the target by which the frames' own scatter is measured: how noisy each is, and where its
   /// sky lies above that of the others, as that of a moving moon does. Each of them, once every slot holds it
@@ -75,7 +79,8 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   std::vector<Counts> TakeCounts() { return std::exchange(counts_, {}); }
 
  private:
-  void RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd, double dx, double dy, double radians,
+  template <class F>
+  void RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd, F&& placeOf,
                        const korimg::FrameLevels& levels);
 
   std::vector<PlaneWeights> weights_;

@@ -5,19 +5,9 @@
 #include <cmath>
 #include <vector>
 
+#include "korimg/geometry/Point.h"
+
 namespace korimg {
-
-struct Point {
-  double x = 0, y = 0;
-};
-
-/// std::hypot is made for numbers whose squares are none, and slow.
-inline double Length(double x, double y) {
-  return std::sqrt(x * x + y * y);
-}
-inline double Distance(const Point& p, const Point& q) {
-  return Length(p.x - q.x, p.y - q.y);
-}
 
 /// Points sorted into square cells of about two each.
 class PointGrid {

@@ -134,7 +134,7 @@ Expr IsInside(const Position& p, Expr width, Expr height) {
   return within(p.u, width) && within(p.v, height);
 }
 
-Sample SampleAt(const ImageParam& input, Kernel kernel, const Position& position) {
+Sample SampleAt(const ImageParam& input, Kernel kernel, const Position& position, Weighting weighting) {
   // Most pixels have all their taps inside the plane: each row of them is loaded as one vector, which may be
   // longer than the kernel. The rows are weighted and added by vectors over the taps, and the columns then by
   // vectors over the output's pixels.
@@ -152,7 +152,9 @@ Sample SampleAt(const ImageParam& input, Kernel kernel, const Position& position
   std::vector<Expr> parts = {select(!inside, Off, interior, Interior, Edge), Unbounded(left), Unbounded(top)};
   for (const auto& weights :
        {KernelWeights(kernel, u - cast<float>(column)), KernelWeights(kernel, v - cast<float>(row))}) {
-    parts.insert(parts.end(), weights.begin(), weights.end());
+    for (const Expr& weight : weights) {
+      parts.push_back(weighting == Weighting::Squared ? weight * weight : weight);
+    }
   }
   at(x, y) = Tuple(parts);
   const auto part = [=](int i) { return at(x, y)[i]; };

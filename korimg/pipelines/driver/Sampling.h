@@ -73,8 +73,15 @@ struct Sample {
   Halide::Expr Or(Halide::Expr outside) const { return select(inside, value, outside); }
 };
 
+/// What the weights of a kernel's taps are used for.
+enum class Weighting {
+  Plain,
+  Squared  ///< the variance of a sample, from that of the pixels, which know nothing of each other
+};
+
 /// The plane at any position that is an expression of x and y.
-Sample SampleAt(const Halide::ImageParam& input, Kernel kernel, const Position& position);
+Sample SampleAt(const Halide::ImageParam& input, Kernel kernel, const Position& position,
+                Weighting weighting = Weighting::Plain);
 
 /// The plane at (x - shiftX, y - shiftY), floats. The fraction is that of the shift, the same for all pixels.
 Sample SampleShifted(const Halide::ImageParam& input, Kernel kernel, Halide::Expr shiftX,

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "korimg/composite/stacking/FrameLevels.h"
+#include "korimg/geometry/CImgWarp.h"
 #include "korimg/geometry/CInterp.h"
 
 #include "tests/support/Images.h"
@@ -276,6 +277,43 @@ float OnePixel(const std::vector<float>& values, CImgStack::Method method, const
   return target->GetPixelGrayRaw(0, 0, 0);
 }
 
+TEST(CImgStack, AFrameIsLaidByAMapInAnyBands) {
+  const CLensDistortion lens = CLensDistortion::Of(kWidth, kHeight, {0.05, -0.01, 0, 0.01});
+  const CFrameMap map({1.02, -0.1, 4, 0.08, 0.97, -3, 1e-4, 0, 1}, lens, lens);
+  for (const StoreCase& store : Stores()) {
+    const auto colour = Make(store.make(), kWidth + 5, kHeight - 4, 2, Random(0, 1000)),
+               mono = Make(store.make(), kWidth, kHeight, 1, Random(5, 10));
+    const auto warped = Make<CImgWarp>(store.make(), kWidth, kHeight, 2, Random(0, 1));
+    ASSERT_EQ(warped->Do(colour.get(), map, CInterp::MethodBicubic, NAN, 0), 1);
+    for (const int band : {kHeight, 7}) {
+      const auto target = Make(MemoryStore(), kWidth, kHeight, 2, Random(0, 1));
+      CImgStack stack(target.get());
+      stack.SetOutside(NAN);
+      ASSERT_EQ(stack.AllocateStoreBuffer(target.get(), 2, band), 1);
+      for (int top = 0; top < kHeight; top += band) {
+        EXPECT_EQ(stack.Store(0, colour.get(), top, top + band - 1, map, CInterp::MethodBicubic), 1);
+        EXPECT_EQ(stack.Store(1, mono.get(), top, top + band - 1, CFrameMap({1, 0, 900, 0, 1, 0, 0, 0, 1}),
+                              CInterp::MethodBicubic),
+                  1)
+            << "which reaches nothing";
+        stack.Stack(CImgStack::Mean, kKeepAll, top, std::min(top + band, kHeight) - 1);
+      }
+      int outside = 0;
+      for (int p = 0; p < 2; ++p) {
+        for (int y = 0; y < kHeight; ++y) {
+          for (int x = 0; x < kWidth; ++x) {
+            const float expected = warped->GetPixelGrayRaw(x, y, p), v = target->GetPixelGrayRaw(x, y, p);
+            outside += std::isnan(expected);
+            ASSERT_TRUE(v == expected || (std::isnan(v) && std::isnan(expected)))
+                << store.name << " " << v << " for " << expected << " at " << x << ", " << y;
+          }
+        }
+      }
+      EXPECT_GT(outside, 100);
+    }
+  }
+}
+
 TEST(CImgStack, UndershootBesideBrightPixelsIsRaisedAndNothingElse) {
   // A sky of 100 with noise, a bright bar, and a dark pixel of the sensor.
   constexpr int kSize = 80, kDarkX = 60, kDarkY = 20;
@@ -287,10 +325,12 @@ TEST(CImgStack, UndershootBesideBrightPixelsIsRaisedAndNothingElse) {
     double dx, dy, degrees;
     int method;
     bool rings;
+    bool byMap = false;
   };
   for (const Case& c : {Case{0.5, 0, 0, CInterp::MethodBicubic, true},
                         {-3.4, 2.6, 0, CInterp::MethodLanczos3, true},
                         {1.2, -0.7, 7, CInterp::MethodBicubic, true},
+                        {1.2, -0.7, 7, CInterp::MethodBicubic, true, true},
                         {0.5, 0.5, -4, CInterp::MethodBilinear, false},
                         {2, 1, 0, CInterp::MethodBicubic, false}}) {
     for (const StoreCase& store : Stores()) {
@@ -299,8 +339,13 @@ TEST(CImgStack, UndershootBesideBrightPixelsIsRaisedAndNothingElse) {
         const auto target = Make(MemoryStore(), kSize, kSize, 1, Random(0, 1));
         CImgStack stack(target.get());
         stack.AllocateStoreBuffer(target.get(), 1, kSize);
-        stack.Store(0, frame.get(), 0, kSize - 1, c.dx, c.dy, c.degrees * std::numbers::pi / 180, c.method,
-                    levels);
+        if (c.byMap) {
+          stack.Store(0, frame.get(), 0, kSize - 1, CFrameMap::FromPose(c.dx, c.dy, c.degrees, kSize, kSize),
+                      c.method, levels);
+        } else {
+          stack.Store(0, frame.get(), 0, kSize - 1, c.dx, c.dy, c.degrees * std::numbers::pi / 180, c.method,
+                      levels);
+        }
         stack.SetOutside(100);
         stack.Stack(CImgStack::Median, kClip, 0, kSize - 1);
         return Pixels(*target);
