@@ -17,6 +17,13 @@ std::string Line(const Registration& r) {
 
 }  // namespace
 
+void AddModel(CLI::App& verb, FrameModel& model) {
+  AddChoice(
+      verb, "--model", model, kFrameModels,
+      "what lays frames on the reference: shift and turn (rigid) or more; auto takes the simplest that the "
+      "stars do not refute, distortion one with a distortion of the lens");
+}
+
 void AddRegister(CLI::App& app, Tool& tool) {
   struct Arguments : RegisterOptions {
     fs::path output;
@@ -30,11 +37,14 @@ void AddRegister(CLI::App& app, Tool& tool) {
       ->check(CLI::Range(0.5, 1e6));
   verb->add_option("--residual", options->residual, "pixels that stars may be off by in the mean")
       ->check(CLI::Range(0.01, 100.0));
+  AddModel(*verb, options->model);
   verb->add_option("--hdu", options->hdu, "number or name of the FITS extension to read");
   verb->footer(
       "A frame of width x height pixels lies on the reference once it is turned by `degrees`, clockwise "
       "on the screen, about the point (width / 2, height / 2), and then shifted by `dx` to the right and "
-      "`dy` down. Positions count from the centre of the first pixel.");
+      "`dy` down. Positions count from the centre of the first pixel. Frames that this does not lay have a "
+      "`map` in JSON: straightened by the lens, moved by the matrix of a homography, and bent by the "
+      "reference's lens; `korimg stack --transforms` takes both.");
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {
     tool.Begin();

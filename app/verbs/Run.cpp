@@ -43,6 +43,7 @@ void AddRun(CLI::App& app, Tool& tool) {
   verb->add_option("--max-elongation", options.limits.elongation,
                    "leave out frames whose elongation is more than this many times the median; 0: no limit")
       ->check(CLI::Range(0.0, 100.0));
+  AddModel(*verb, options.lay.model);
   AddStackChoices(*verb, options.stack);
   AddChoice(
       *verb, "--palette", options.palette, kPalettes,

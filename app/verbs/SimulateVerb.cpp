@@ -29,6 +29,10 @@ void AddSimulate(CLI::App& app, Tool& tool) {
   verb->add_option("--filters", options->simulate.filters,
                    "a wheel with these before a mono sensor: L,R,G,B,Ha,OIII,SII or some of them")
       ->delimiter(',');
+  verb->add_option("--barrel", options->simulate.barrel,
+                   "distortion of the lens: the share of its distance by which a corner is drawn inward");
+  verb->add_option("--dither", options->simulate.dither,
+                   "lights lie up to this share of the frame's sides off; 0: up to 12 pixels");
   verb->add_option("--seed", options->simulate.seed, "the same seed gives the same bytes");
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {

@@ -11,6 +11,7 @@
 #include "session/calibrate/Calibrate.h"
 #include "session/develop/Develop.h"
 #include "session/job/Named.h"
+#include "session/register/LayFrames.h"
 #include "session/stack/StackChoices.h"
 
 namespace korimg::tool {
@@ -48,6 +49,9 @@ void AddStackChoices(CLI::App& verb, StackChoices& choices);
 
 /// Adds the options that say what a mosaic is and how its colours are balanced.
 void AddMosaicOptions(CLI::App& verb, DevelopOptions& options);
+
+/// Adds --model, by what frames are laid on the reference.
+void AddModel(CLI::App& verb, FrameModel& model);
 
 /// Adds an option that is one of some choices.
 template <class Value>

@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <numbers>
+#include <optional>
 #include <tuple>
 #include <utility>
 
@@ -273,6 +274,145 @@ std::vector<Pair> PairsOf(const StarField& stars, const StarField& reference, co
   return pairs;
 }
 
+/// Finds pairs from those that a map brings together outwards: each star where the stars around it say.
+class PairGrower {
+ public:
+  PairGrower(const StarField& stars, const StarField& reference)
+      : stars_(stars),
+        reference_(reference),
+        partner_(stars.grid.Points().size(), -1),
+        taken_(reference.grid.Points().size(), -1) {
+    // Wrong neighbours are much farther apart than that.
+    constexpr double kShare = 0.12, kLeast = 1;
+    radius_ = std::clamp(kShare * SpacingOf(reference), kLeast, kPatternError);
+    reach_ = kReach * SpacingOf(stars);
+  }
+
+  std::vector<Pair> Grow(const Similarity& start) {
+    constexpr int kRounds = 60;
+    around_ = start;
+    const std::vector<Point>& from = stars_.grid.Points();
+    for (int i = 0; i < Count(); ++i) {
+      Take(i, reference_.grid.Nearest(start(from[i]), radius_));
+    }
+    LeaveOutLonely();
+    for (int round = 0; round < kRounds; ++round) {
+      const int before = pairs_;
+      Near paired(*this);
+      for (int i = 0; i < Count(); ++i) {
+        if (partner_[i] >= 0) continue;
+        if (const auto place = paired.PlaceOf(i)) Take(i, reference_.grid.Nearest(*place, radius_));
+      }
+      if (pairs_ == before) break;
+    }
+    LeaveOutLonely();
+    std::vector<Pair> pairs;
+    for (size_t k = 0; k < taken_.size(); ++k) {
+      const int i = taken_[k];
+      if (i < 0) continue;
+      pairs.push_back(
+          {from[i], reference_.grid.Points()[k], 1 / (1 / stars_.weights[i] + 1 / reference_.weights[k])});
+    }
+    return pairs;
+  }
+
+ private:
+  static constexpr double kReach = 4;  // of the mean distance of stars
+  static constexpr size_t kFewest = 4, kEnough = 10;
+
+  /// The pairs of this moment.
+  struct Near {
+    const PairGrower& grower;
+    std::vector<int> numbers;
+    PointGrid grid;
+
+    explicit Near(const PairGrower& grower) : grower(grower), grid(PointsOf(grower, numbers)) {}
+
+    static std::vector<Point> PointsOf(const PairGrower& grower, std::vector<int>& numbers) {
+      std::vector<Point> points;
+      for (int i = 0; i < grower.Count(); ++i) {
+        if (grower.partner_[i] < 0) continue;
+        numbers.push_back(i);
+        points.push_back(grower.stars_.grid.Points()[i]);
+      }
+      return points;
+    }
+
+    /// Where star i lies on the reference by a plane through its neighbours' moves; none without enough.
+    std::optional<Point> PlaceOf(int i) const {
+      const Point& p = grower.stars_.grid.Points()[i];
+      std::vector<std::pair<double, int>> found;
+      grid.ForNear(p, grower.reach_, [&](int k, double distance2) {
+        if (numbers[k] != i) found.emplace_back(distance2, numbers[k]);
+      });
+      if (found.size() < kFewest) return std::nullopt;
+      const size_t count = std::min(found.size(), kEnough);
+      std::partial_sort(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(count), found.end());
+      // The slope of what the first map leaves is 0.1 at most, about, and a place is known to 0.2 pixels.
+      constexpr double kFlat = 4;
+      double sx = 0, sy = 0, sxx = kFlat, sxy = 0, syy = kFlat;
+      Point sum, sumX, sumY;
+      for (size_t n = 0; n < count; ++n) {
+        const int k = found[n].second;
+        const Point& q = grower.stars_.grid.Points()[k];
+        const Point is = grower.reference_.grid.Points()[grower.partner_[k]], at = grower.around_(q);
+        const double x = q.x - p.x, y = q.y - p.y, dx = is.x - at.x, dy = is.y - at.y;
+        sx += x, sy += y, sxx += x * x, sxy += x * y, syy += y * y;
+        sum = {sum.x + dx, sum.y + dy};
+        sumX = {sumX.x + x * dx, sumX.y + x * dy};
+        sumY = {sumY.x + y * dx, sumY.y + y * dy};
+      }
+      // The height of the plane at the star itself.
+      const double n = static_cast<double>(count);
+      const double a = sxx * syy - sxy * sxy, b = sxy * sy - sx * syy, c = sx * sxy - sxx * sy;
+      const double determinant = n * a + sx * b + sy * c;
+      const Point start = grower.around_(p);
+      return Point{start.x + (a * sum.x + b * sumX.x + c * sumY.x) / determinant,
+                   start.y + (a * sum.y + b * sumX.y + c * sumY.y) / determinant};
+    }
+  };
+
+  int Count() const { return static_cast<int>(partner_.size()); }
+
+  static double SpacingOf(const StarField& field) {
+    return std::sqrt(field.PatternArea() / static_cast<double>(field.grid.Points().size()));
+  }
+
+  /// Pairs star i with one of the reference that is free.
+  void Take(int i, int k) {
+    if (k < 0 || taken_[k] >= 0) return;
+    partner_[i] = k;
+    taken_[k] = i;
+    ++pairs_;
+  }
+
+  /// Parts pairs that do not lie where their neighbours say.
+  void LeaveOutLonely() {
+    constexpr int kRounds = 4;
+    for (int round = 0; round < kRounds; ++round) {
+      const Near paired(*this);
+      std::vector<int> wrong;
+      for (const int i : paired.numbers) {
+        const auto place = paired.PlaceOf(i);
+        if (!place || Distance(*place, reference_.grid.Points()[partner_[i]]) > radius_) wrong.push_back(i);
+      }
+      for (const int i : wrong) {
+        taken_[partner_[i]] = -1;
+        partner_[i] = -1;
+        --pairs_;
+      }
+      if (wrong.empty()) return;
+    }
+  }
+
+  const StarField& stars_;
+  const StarField& reference_;
+  std::vector<int> partner_, taken_;  ///< of each star of the frame and of the reference
+  int pairs_ = 0;
+  double radius_ = 1, reach_ = 1;
+  Similarity around_;
+};
+
 /// Pixels by which two stars alone have to move: what stays may be the sensor's own.
 constexpr double kLeastMoved = 0.5;
 
@@ -410,6 +550,14 @@ Similarity FitFew(std::vector<Pair>& pairs, double limit, int width, int height)
   return tells ? map : FitShift(pairs);
 }
 
+std::vector<CStarPair> StarPairsOf(const std::vector<Pair>& pairs) {
+  std::vector<CStarPair> all;
+  for (const Pair& pair : pairs) {
+    all.push_back({pair.from, pair.to, pair.weight});
+  }
+  return all;
+}
+
 }  // namespace
 
 CStarMatcher::CStarMatcher(const std::vector<CStar>& reference)
@@ -439,6 +587,7 @@ CStarMatch CStarMatcher::Match(const std::vector<CStar>& list, int width, int he
   bool isFew = false;
   if (FindAgreement(stars, *reference_, map)) {
     constexpr double kNearest = 1;
+    const Similarity found = map;
     double radius = kPatternError;
     for (int round = 0; round < 4; ++round) {
       pairs = PairsOf(stars, *reference_, map, radius);
@@ -446,7 +595,13 @@ CStarMatch CStarMatcher::Match(const std::vector<CStar>& list, int width, int he
       radius = std::clamp(4 * RootMeanSquare(pairs, map), kNearest, kPatternError);
     }
     match.scale = map.Scale();
+    match.pairs = StarPairsOf(PairsOf(stars, *reference_, map, radius));
     rigid = RobustFit(pairs, true);
+    constexpr double kApart = 0.3;  // pixels
+    if (RootMeanSquare(pairs, rigid) > kApart) {
+      auto grown = StarPairsOf(PairGrower(stars, *reference_).Grow(found));
+      if (grown.size() > match.pairs.size()) match.pairs = std::move(grown);
+    }
   } else if (FindTurn(stars, *reference_, area, map)) {
     pairs = PairsOf(stars, *reference_, map, kPatternError);
     isFew = true;
@@ -466,6 +621,7 @@ CStarMatch CStarMatcher::Match(const std::vector<CStar>& list, int width, int he
       match.status = CStarMatch::NoMatch;
       return match;
     }
+    match.pairs = StarPairsOf(pairs);
   }
   const Pose pose = PoseOf(rigid, width, height);
   match.dx = pose.dx;

@@ -3,11 +3,18 @@
 #include <memory>
 #include <vector>
 
+#include "korimg/geometry/Point.h"
 #include "korimg/measurement/CStarFinder.h"
 
 namespace korimg {
 struct StarField;
 }
+
+/// A star of a frame, and the same one of the reference.
+struct CStarPair {
+  korimg::Point frame, reference;
+  double weight = 1;  ///< one over the square of what their distance may be off by, in pixels along an axis
+};
 
 /// How an image lies on a reference, by their stars.
 struct CStarMatch {
@@ -28,6 +35,9 @@ struct CStarMatch {
   /// positions.
   double cornerError = 0;
   int stars = 0;  ///< pairs that the fit is made of
+  /// The stars that both share, as far as they were found, whether shift and turn bring them together or a
+  /// distortion keeps them apart.
+  std::vector<CStarPair> pairs = {};
 };
 
 /// Matches lists of stars against the list of a reference by similar triangles, which know of no shift,
@@ -43,6 +53,9 @@ struct CStarMatch {
 /// the more of it chance makes. Two stars alone leave a half turn open, which their brightness may tell, and
 /// are not believed where nothing has moved. At last the brightest stars are laid on each other, if others
 /// meet then. Where the stars lie too close to each other to tell a turn, only the shift is taken.
+///
+/// Where shift and turn leave the stars apart, pairs are looked for from those that meet outwards: each star
+/// where its nearest neighbours say.
 class KORIMG_API CStarMatcher {
  public:
   explicit CStarMatcher(const std::vector<CStar>& reference);

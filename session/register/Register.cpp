@@ -4,6 +4,7 @@
 #include <bit>
 #include <cmath>
 #include <iterator>
+#include <limits>
 #include <numbers>
 #include <optional>
 
@@ -14,6 +15,7 @@
 #include "korimg/image/internal/Numbers.h"
 
 #include "session/focus/Focus.h"
+#include "session/register/internal/MapJson.h"
 
 namespace korimg::session {
 namespace {
@@ -21,13 +23,13 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 /// What few stars leave open.
-std::string Doubt(const CStarMatch& match) {
+std::string Doubt(int stars, double cornerError) {
   constexpr double kSure = 1;  // pixels
-  std::string text = match.stars == 2 ? "by two stars alone, so that a half turn or another pair of stars is "
-                                        "not excluded; "
-                                      : "";
-  if (text.empty() && match.cornerError <= kSure) return "";
-  return text + fmt::format("corners may be off by {:.1f} px", match.cornerError);
+  std::string text = stars == 2 ? "by two stars alone, so that a half turn or another pair of stars is "
+                                  "not excluded; "
+                                : "";
+  if (text.empty() && cornerError <= kSure) return "";
+  return text + fmt::format("corners may be off by {:.1f} px", cornerError);
 }
 
 /// Why a frame does not lie on the reference, by the stars of both.
@@ -52,14 +54,17 @@ std::string Refusal(const CStarMatch& match, size_t stars, size_t reference, dou
 
 Registration FromMatch(const CStarMatch& match, const FrameMeasure& frame, const char* method) {
   const char* const names[] = {"ok", "no stars", "no match", "mirrored", "residual too large"};
-  return {{},         match.dx, match.dy,           match.degrees, match.stars, match.residual,
-          frame.fwhm, method,   names[match.status]};
+  Registration registration{
+      {},         match.dx, match.dy,           match.degrees, match.stars, match.residual,
+      frame.fwhm, method,   names[match.status]};
+  registration.pairs = match.pairs;
+  return registration;
 }
 
 Registration FromStars(const CStarMatch& match, const FrameMeasure& frame, size_t reference, double limit) {
   Registration registration = FromMatch(match, frame, "stars");
-  registration.note =
-      match.status == CStarMatch::Ok ? Doubt(match) : Refusal(match, frame.stars.size(), reference, limit);
+  registration.note = match.status == CStarMatch::Ok ? Doubt(match.stars, match.cornerError)
+                                                     : Refusal(match, frame.stars.size(), reference, limit);
   return registration;
 }
 
@@ -77,6 +82,18 @@ Registration Joined(const Registration& first, const FrameMeasure& frame, const 
   return joined;
 }
 
+void TakeFit(const CFrameFitter::Fit& fit, const FrameMeasure& frame, Registration& registration) {
+  const CFrameMap::Pose pose = fit.map.PoseOf(frame.width, frame.height);
+  registration.dx = pose.dx;
+  registration.dy = pose.dy;
+  registration.degrees = pose.degrees;
+  registration.map = fit.map;
+  registration.stars = fit.stars;
+  registration.residual = fit.residual;
+  registration.status = "ok";
+  registration.note = Doubt(fit.stars, fit.cornerError);
+}
+
 using FrameImage = std::function<std::shared_ptr<CVelImage>(size_t)>;
 
 Registration RegisterOn(size_t reference, size_t frame, const std::vector<FrameMeasure>& frames,
@@ -86,12 +103,29 @@ Registration RegisterOn(size_t reference, size_t frame, const std::vector<FrameM
   });
 }
 
-/// Frame i lies on the reference as on frame k.
-void LayThrough(const Registration& between, size_t i, size_t k, const std::vector<FrameMeasure>& frames,
-                std::vector<Registration>& registrations) {
+/// Frame i lies on the reference as on frame k. False when that is no good.
+bool LayThrough(const Registration& between, size_t i, size_t k, const std::vector<FrameMeasure>& frames,
+                const CFrameFitter& fitter, std::vector<Registration>& registrations) {
   const std::string file = registrations[i].file;
-  registrations[i] = Joined(between, frames[i], registrations[k], frames[k]);
+  const bool isRigid = fitter.IsRigid() && !registrations[k].map;
+  if (!isRigid && !between.pairs.empty()) {
+    std::vector<CStarPair> pairs;
+    for (CStarPair pair : between.pairs) {
+      const auto [x, y] = PlaceOf(registrations[k], frames[k], pair.reference.x, pair.reference.y);
+      pair.reference = {x, y};
+      pairs.push_back(pair);
+    }
+    const auto fit = fitter.FitFrame(pairs);
+    if (!fit || fit->residual > 1) return false;
+    registrations[i] = between;
+    TakeFit(*fit, frames[i], registrations[i]);
+  } else if (between.IsGood()) {
+    registrations[i] = Joined(between, frames[i], registrations[k], frames[k]);
+  } else {
+    return false;
+  }
   registrations[i].file = file;
+  return true;
 }
 
 bool IsTurnedOver(const Registration& registration) {
@@ -100,7 +134,7 @@ bool IsTurnedOver(const Registration& registration) {
 
 /// True when one was found to be wrong.
 bool CheckHalfTurns(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,
-                    const FrameImage& image) {
+                    const CFrameFitter& fitter, const FrameImage& image) {
   const auto good = [&](size_t i, int step) -> std::optional<size_t> {
     for (i += step; i < frames.size(); i += step) {  // beyond the first one lies the largest number
       if (registrations[i].IsGood()) return i;
@@ -119,9 +153,7 @@ bool CheckHalfTurns(const std::vector<FrameMeasure>& frames, std::vector<Registr
     const Registration between = RegisterOn(k, i, frames, image);
     if (between.IsGood() && IsTurnedOver(between)) continue;
     any = true;
-    if (between.IsGood()) {
-      LayThrough(between, i, k, frames, registrations);
-    } else {
+    if (!LayThrough(between, i, k, frames, fitter, registrations)) {
       registrations[i].status = "no match";
       registrations[i].note =
           "its light is laid on the reference's by half a turn, but not on that of the frame beside it";
@@ -169,24 +201,54 @@ FrameMeasure MeasureFrame(CVelImage& image, double sigmas) {
 }
 
 std::pair<double, double> PlaceOf(const Registration& r, const FrameMeasure& frame, double x, double y) {
+  if (r.map) {
+    constexpr double kNowhere = std::numeric_limits<double>::quiet_NaN();
+    const Point p = (*r.map)({x, y}).value_or(Point{kNowhere, kNowhere});
+    return {p.x, p.y};
+  }
   const double a = r.degrees * std::numbers::pi / 180, c = std::cos(a), s = std::sin(a);
   const double cx = frame.width * 0.5, cy = frame.height * 0.5, u = x - cx, v = y - cy;
   return {c * u - s * v + cx + r.dx, s * u + c * v + cy + r.dy};
 }
 
-size_t ChooseReference(const std::vector<FrameMeasure>& frames) {
+size_t ChooseReference(const std::vector<FrameMeasure>& frames, const std::vector<char>& candidates) {
+  constexpr double kBright = 3;  // times the usual sky
+  const auto isCandidate = [&](size_t i) { return candidates.empty() || candidates[i]; };
   int most = 0;
-  for (const FrameMeasure& frame : frames) {
-    most = std::max(most, frame.starCount);
+  std::vector<double> skies;
+  for (size_t i = 0; i < frames.size(); ++i) {
+    if (!isCandidate(i)) continue;
+    most = std::max(most, frames[i].starCount);
+    skies.push_back(frames[i].sky);
   }
+  const double sky = UpperMedian(skies);
   const auto isRich = [&](const FrameMeasure& frame) {
-    return frame.starCount > 0 && 2LL * frame.starCount >= most;
+    return frame.starCount > 0 && 2LL * frame.starCount >= most && !(sky > 0 && frame.sky > kBright * sky);
   };
-  size_t best = 0;
-  for (size_t i = 1; i < frames.size(); ++i) {
-    if (isRich(frames[i]) && (!isRich(frames[best]) || frames[i].fwhm < frames[best].fwhm)) best = i;
+  std::optional<size_t> best;
+  for (size_t i = 0; i < frames.size(); ++i) {
+    if (!isCandidate(i)) continue;
+    if (!best || (isRich(frames[i]) && (!isRich(frames[*best]) || frames[i].fwhm < frames[*best].fwhm)))
+      best = i;
   }
-  return best;
+  return best.value_or(0);
+}
+
+void LayByStars(const CFrameFitter& fitter, const FrameMeasure& frame, const FrameMeasure& reference,
+                double limit, bool mayDiffer, Registration& registration) {
+  const bool isMatched = registration.IsGood() || registration.status == "residual too large";
+  if (registration.method != "stars" || !isMatched || registration.pairs.empty()) return;
+  const bool isAlike = frame.width == reference.width && frame.height == reference.height;
+  auto fit = isAlike && !fitter.IsRigid() ? fitter.FitFrame(registration.pairs) : std::nullopt;
+  const bool isOff = fit ? fit->residual > limit : !registration.IsGood();
+  if (isOff && mayDiffer) {
+    if (auto own = fitter.FitAlone(registration.pairs, limit)) fit = std::move(own);
+  }
+  if (!fit) return;
+  TakeFit(*fit, frame, registration);
+  if (fit->residual <= limit) return;
+  registration.status = "residual too large";
+  registration.note = fmt::format("{:.3f} px of {} stars, more than {:g}", fit->residual, fit->stars, limit);
 }
 
 Registration ReferenceRegistration(const FrameMeasure& reference) {
@@ -246,17 +308,18 @@ Registration Registrar::RegisterByPlace(const FrameMeasure& frame, CVelImage& im
 }
 
 std::string ToJson(const Registration& registration) {
-  const Json json{{"file", registration.file},
-                  {"dx", registration.dx},
-                  {"dy", registration.dy},
-                  {"degrees", registration.degrees},
-                  {"stars", registration.stars},
-                  {"residual_px", registration.residual},
-                  {"fwhm", registration.fwhm},
-                  {"flux_ratio", registration.fluxRatio ? Json(*registration.fluxRatio) : Json()},
-                  {"method", registration.method},
-                  {"status", registration.status},
-                  {"note", registration.note}};
+  Json json{{"file", registration.file},
+            {"dx", registration.dx},
+            {"dy", registration.dy},
+            {"degrees", registration.degrees},
+            {"stars", registration.stars},
+            {"residual_px", registration.residual},
+            {"fwhm", registration.fwhm},
+            {"flux_ratio", registration.fluxRatio ? Json(*registration.fluxRatio) : Json()},
+            {"method", registration.method},
+            {"status", registration.status},
+            {"note", registration.note}};
+  if (registration.map) json["map"] = ToJson(*registration.map);
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
@@ -344,9 +407,10 @@ void CompareFluxes(const std::vector<FrameMeasure>& frames, const FrameMeasure& 
 }
 
 bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,
+                           const CFrameFitter& fitter,
                            const std::function<std::shared_ptr<CVelImage>(size_t)>& image) {
   constexpr size_t kMostTried = 5;
-  bool any = CheckHalfTurns(frames, registrations, image);
+  bool any = CheckHalfTurns(frames, registrations, fitter, image);
   const auto wants = [&](size_t i) {
     return registrations[i].status == "no match" && frames[i].stars.size() >= 2;
   };
@@ -370,8 +434,7 @@ bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<
                 : FromStars(
                       CStarMatcher(frames[k].stars).Match(frames[i].stars, frames[i].width, frames[i].height),
                       frames[i], frames[k].stars.size(), 1);
-        if (!between.IsGood()) continue;
-        LayThrough(between, i, k, frames, registrations);
+        if (!LayThrough(between, i, k, frames, fitter, registrations)) continue;
         found = any = true;
         break;
       }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "korimg/measurement/CDiscMatcher.h"
+#include "korimg/measurement/CFrameFitter.h"
 #include "korimg/measurement/CPhaseMatcher.h"
 #include "korimg/measurement/CPlaceMatcher.h"
 #include "korimg/measurement/CStarMatcher.h"
@@ -35,14 +36,17 @@ struct FrameMeasure {
 /// Finds and measures the stars of an image, `sigmas` above the sky.
 KORIMG_SESSION_API FrameMeasure MeasureFrame(CVelImage& image, double sigmas = 5);
 
-/// The frame that others are best laid on: of those with half as many stars as the richest one, or more, that
-/// of the smallest FWHM; the first when no frame has any star. There must be a frame.
-KORIMG_SESSION_API size_t ChooseReference(const std::vector<FrameMeasure>& frames);
+/// The frame that others are best laid on: of those with half as many stars as the richest one, or more, and
+/// with three times the usual sky at most, that of the smallest FWHM; the first when no frame has any star.
+/// With `candidates`, one of those that are not 0; there must be one.
+KORIMG_SESSION_API size_t ChooseReference(const std::vector<FrameMeasure>& frames,
+                                          const std::vector<char>& candidates = {});
 
-/// How a frame comes to lie on the reference, in the terms of CImgComposit::Do: shifts in pixels and degrees
-/// about the middle, clockwise on the screen.
+/// How a frame comes to lie on the reference.
 struct Registration {
   std::string file;  ///< as the user named it
+  /// In the terms of CImgComposit::Do: shifts in pixels, and degrees about the middle, clockwise on the
+  /// screen. Of a map that is more than that, what comes nearest in the middle of the frame.
   double dx = 0, dy = 0, degrees = 0;
   int stars = 0;        ///< that the fit is made of
   double residual = 0;  ///< pixels, root mean square
@@ -53,6 +57,10 @@ struct Registration {
   std::string note;  ///< numbers and limits: of what is not ok why, else what few stars leave open
   /// Of its stars' light to that of the same ones on the reference; none when none is the same.
   std::optional<double> fluxRatio = {};
+  /// Of frames that shift and turn do not lay.
+  std::optional<CFrameMap> map = {};
+  /// The stars that it shares with what it was laid on by them, while frames are laid.
+  std::vector<CStarPair> pairs = {};
 
   bool IsGood() const { return status == "ok"; }
   /// Status and note.
@@ -96,12 +104,19 @@ class KORIMG_SESSION_API Registrar {
   std::unique_ptr<CPlaceMatcher> place_;
 };
 
+/// Lays a frame again whose stars were matched, by what the fitter has chosen for all frames, unless that is
+/// shift and turn. With `mayDiffer` one that is off by more than `limit` pixels then has a map of its own.
+KORIMG_SESSION_API void LayByStars(const CFrameFitter& fitter, const FrameMeasure& frame,
+                                   const FrameMeasure& reference, double limit, bool mayDiffer,
+                                   Registration& registration);
+
 /// Lays frames that do not match the reference on frames that lie on it: those nearest in the order of
 /// frames, five at most by their stars, and the nearest one by its light too. A frame that its light turns
 /// over between others that are not turned is compared with the nearest of these, which has to bear it out.
 /// `image` gives the image of a frame again. One registration for each frame; false when none was found.
 KORIMG_SESSION_API bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames,
                                               std::vector<Registration>& registrations,
+                                              const CFrameFitter& fitter,
                                               const std::function<std::shared_ptr<CVelImage>(size_t)>& image);
 
 /// Fills in how much brighter the stars of registered frames are than the same ones of the reference: by
@@ -116,7 +131,7 @@ inline constexpr const char* kNoCommonLight =
     "no star to compare its light with the reference's by; --normalize level takes it as it is";
 
 /// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, fwhm, flux_ratio, method, status,
-/// note.
+/// note, and map where shift and turn do not lay the frame; see MapJson.h.
 KORIMG_SESSION_API std::string ToJson(const Registration& registration);
 
 }  // namespace korimg::session

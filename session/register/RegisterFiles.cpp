@@ -42,6 +42,28 @@ void NameCopies(const std::vector<FrameMeasure>& frames, std::vector<Registratio
   }
 }
 
+/// Lights of the object that most are of.
+std::vector<char> LightsOfOneObject(const std::vector<files::Header>& headers) {
+  const auto text = [](const files::Header& header, const char* key) {
+    return FoldedName(header.GetString(key).value_or(""));
+  };
+  const auto isLight = [&](const files::Header& header) {
+    const std::string type = text(header, "IMAGETYP");
+    return type.empty() || type.starts_with("light") || type.starts_with("object");
+  };
+  std::map<std::string, int> objects;
+  for (const files::Header& header : headers) {
+    if (isLight(header)) ++objects[text(header, "OBJECT")];
+  }
+  const auto most = std::max_element(objects.begin(), objects.end(),
+                                     [](const auto& a, const auto& b) { return a.second < b.second; });
+  std::vector<char> lights;
+  for (const files::Header& header : headers) {
+    lights.push_back(isLight(header) && text(header, "OBJECT") == most->first);
+  }
+  return lights;
+}
+
 /// A reference by itself, or less than half of the frames, is no success.
 void CheckShare(Job& job, const std::vector<Registration>& registrations, size_t all) {
   const auto count = [&](const auto& holds) {
@@ -66,12 +88,13 @@ RegisterResult Register(Job& job, const RegisterOptions& options) {
     const Image loaded = open(file);
     FrameMeasure frame = MeasureFrame(loaded.Pixels(), options.sigmas);
     frame.noData = loaded.Info().noData;
-    return frame;
+    return std::pair(std::move(frame), loaded.Header());
   };
 
   const std::vector<fs::path> wanted = ExpandFolders(job, options.files);
   std::vector<fs::path> files;
   std::vector<FrameMeasure> frames;
+  std::vector<files::Header> headers;
   const long long bytes = BytesAtWork(wanted, options.hdu);
   SideBySide(
       job, "finding stars in frame", wanted.size(), bytes, [&](size_t i) { return measure(wanted[i]); },
@@ -79,7 +102,9 @@ RegisterResult Register(Job& job, const RegisterOptions& options) {
         job.ForEachFile(
             {wanted[i]},
             [&](const fs::path& file) {
-              frames.push_back(result());
+              auto [frame, header] = result();
+              frames.push_back(std::move(frame));
+              headers.push_back(std::move(header));
               files.push_back(file);
               const std::string& noData = frames.back().noData;
               if (!noData.empty()) job.Say(fmt::format("{}: {}", file.string(), noData));
@@ -90,34 +115,29 @@ RegisterResult Register(Job& job, const RegisterOptions& options) {
     job.Fail("none of the frames can be read");
     return {};
   }
+  FramesToLay toLay{files, frames, [&](size_t i) { return load(files[i]); }, bytes};
+  toLay.mayBeReference = LightsOfOneObject(headers);
+  const LayOptions how{options.model, options.residual};
   fs::path referenceFile = options.reference;
   FrameMeasure reference;
-  if (options.reference == "auto") {
-    const size_t best = ChooseReference(frames);
-    referenceFile = files[best];
-    reference = frames[best];
+  LaidFrames laid;
+  const auto named = std::find_if(files.begin(), files.end(), [&](const fs::path& file) {
+    return options.reference != "auto" && fs::equivalent(file, referenceFile);
+  });
+  if (options.reference == "auto" || named != files.end()) {
+    const auto number = named == files.end() ? std::nullopt : std::optional<size_t>(named - files.begin());
+    laid = LayFrames(job, toLay, number, how);
+    referenceFile = files[*laid.reference];
+    reference = frames[*laid.reference];
   } else {
-    reference = measure(referenceFile);
+    reference = measure(referenceFile).first;
+    laid = LayFrames(
+        job, toLay, reference, [&] { return load(referenceFile); }, how);
   }
   job.Say(fmt::format("reference: {}, FWHM {:.2f}, {} stars", referenceFile.string(), reference.fwhm,
                       reference.starCount));
-
-  Registrar registrar(
-      reference, [&] { return load(referenceFile); }, options.residual);
-  std::vector<Registration> registrations(files.size(), Registration{.status = "cannot be read"});
-  SideBySide(
-      job, "registering frame", files.size(), bytes,
-      [&](size_t i) {
-        return fs::equivalent(files[i], referenceFile)
-                   ? ReferenceRegistration(reference)
-                   : registrar.Register(frames[i], [&] { return load(files[i]); });
-      },
-      [&](size_t i, const auto& result) {
-        job.ForEachFile({files[i]}, [&](const fs::path&) { registrations[i] = result(); });
-        registrations[i].file = files[i].string();
-      });
-  RegisterThroughOthers(frames, registrations, [&](size_t i) { return load(files[i]); });
-  CompareFluxes(frames, reference, registrations);
+  if (!laid.model.empty()) job.Say("laid by: " + laid.model);
+  std::vector<Registration> registrations = std::move(laid.registrations);
   NameCopies(frames, registrations);
   for (const fs::path& file : wanted) {
     if (std::find(files.begin(), files.end(), file) == files.end()) {
@@ -125,7 +145,7 @@ RegisterResult Register(Job& job, const RegisterOptions& options) {
     }
   }
   CheckShare(job, registrations, wanted.size());
-  return {referenceFile, std::move(reference), std::move(registrations)};
+  return {referenceFile, std::move(reference), std::move(registrations), laid.model};
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 
 #include "session/Export.h"
 #include "session/job/Job.h"
-#include "session/register/Register.h"
+#include "session/register/LayFrames.h"
 
 namespace korimg::session {
 
@@ -17,12 +17,14 @@ struct RegisterOptions {
   std::string hdu;                           ///< FITS: number or name of the extension that is read
   double sigmas = 5;                         ///< of the sky's noise, that stars exceed
   double residual = 1;                       ///< pixels that stars may be off by in the mean
+  FrameModel model = FrameModel::Auto;
 };
 
 struct RegisterResult {
   std::filesystem::path reference;
   FrameMeasure measure;              ///< of the reference
   std::vector<Registration> frames;  ///< one for each file; those that could not be read come last
+  std::string model;                 ///< for people: what the frames are laid by, and why
 };
 
 /// Finds the stars of frames and lays each on the reference. The job has failed when less than half of them

@@ -23,7 +23,8 @@
 #include "session/job/internal/Overwriting.h"
 #include "session/job/internal/SideBySide.h"
 #include "session/picture/AutoPicture.h"
-#include "session/register/Register.h"
+#include "session/register/LayFrames.h"
+#include "session/register/internal/MapJson.h"
 #include "session/run/internal/Cost.h"
 #include "session/run/internal/Gradient.h"
 #include "session/run/internal/Kept.h"
@@ -437,31 +438,30 @@ class Road {
       numbers.push_back(i);
     }
     if (measures.empty()) throw files::FileError(options_.calibrate.out, "no light could be read");
-    reference_ = numbers[ChooseReference(measures)];
+    reference_ = numbers.front();
     std::shared_ptr<CVelImage> whole;
     if (!options_.reference.empty()) whole = FindReference();
-    const auto image = [this](const Progress& frame) {
-      return [this, &frame] {
-        LightRows rows(session_, *frame.light, frame.border);
-        return LoadWhole(rows, job_.MakeStore());
-      };
+    FramesToLay toLay{{}, std::move(measures), {}, BytesOfFrame(), true};
+    for (const size_t i : numbers) {
+      toLay.files.push_back(frames_[i].light->frame.path);
+    }
+    toLay.image = [&](size_t k) {
+      const Progress& frame = frames_[numbers[k]];
+      LightRows rows(session_, *frame.light, frame.border);
+      return LoadWhole(rows, job_.MakeStore());
     };
+    LaidFrames laid;
+    if (whole) {
+      laid = LayFrames(
+          job_, toLay, fixed_->measure, [whole] { return whole; }, options_.lay);
+    } else {
+      std::optional<size_t> number;
+      if (!options_.reference.empty()) number = std::ranges::find(numbers, reference_) - numbers.begin();
+      laid = LayFrames(job_, toLay, number, options_.lay);
+      reference_ = numbers[*laid.reference];
+    }
     const Progress& reference = Grid();
-    Registrar registrar(reference.measure, whole ? ImageSource([whole] { return whole; }) : image(reference));
-    std::vector<Registration> registrations(numbers.size());
-    SideBySide(
-        job_, "registering frame", numbers.size(), BytesOfFrame(),
-        [&](size_t k) {
-          if (&frames_[numbers[k]] == &reference) return ReferenceRegistration(reference.measure);
-          return registrar.Register(measures[k], image(frames_[numbers[k]]));
-        },
-        [&](size_t k, const auto& result) {
-          job_.ForEachFile(
-              {frames_[numbers[k]].light->frame.path}, [&](const fs::path&) { registrations[k] = result(); },
-              true);
-        });
-    RegisterThroughOthers(measures, registrations, [&](size_t k) { return image(frames_[numbers[k]])(); });
-    CompareFluxes(measures, reference.measure, registrations);
+    const std::vector<Registration>& registrations = laid.registrations;
     const bool lightIsCompared = std::any_of(registrations.begin(), registrations.end(),
                                              [](const Registration& r) { return r.fluxRatio.has_value(); });
     for (size_t k = 0; k < numbers.size(); ++k) {
@@ -477,6 +477,7 @@ class Road {
     }
     Plan(fmt::format("reference: {}, {} stars, FWHM {:.2f} px", NameOf(reference),
                      reference.measure.starCount, reference.measure.fwhm));
+    if (!laid.model.empty()) Plan("laid by: " + laid.model);
   }
 
   /// Leaves out what cannot be stacked, and what is much worse than the others. A few stars tell nothing of
@@ -549,6 +550,7 @@ class Road {
       input.dx = frame->registration.dx;
       input.dy = frame->registration.dy;
       input.degrees = frame->registration.degrees;
+      input.map = frame->registration.map;
       input.levels = frame->levels;
       input.read = [this, frame](const Band<float>& to) {
         LightRows(session_, *frame->light, frame->border).Read(to);
@@ -615,8 +617,8 @@ class Road {
                   {"reference", reference.digest}, {"grid", Grid().digest}};
     for (const Progress* frame : used) {
       const Registration& r = frame->registration;
-      made["frames"].push_back(
-          {frame->digest, frame->weights, r.dx, r.dy, r.degrees, r.fluxRatio.value_or(0)});
+      made["frames"].push_back({frame->digest, frame->weights, r.dx, r.dy, r.degrees, r.fluxRatio.value_or(0),
+                                r.map ? KeptJson(ToJson(*r.map)) : KeptJson()});
     }
     return made.dump();
   }
@@ -848,6 +850,7 @@ class Road {
                    {"weight", frame.weight},
                    {"rejected", frame.rejected},
                    {"flux_ratio", r.fluxRatio ? Json(*r.fluxRatio) : Json()}});
+      if (r.map) json["map"] = ToJson(*r.map);
       if (frame.weights.size() > 1) json["weights"] = frame.weights;
       if (const DefectMap* defects = session_.DefectsOf(*frames_[i].light)) {
         json["hot_pixels"] = defects->Hot();

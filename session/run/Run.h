@@ -6,7 +6,7 @@
 #include "session/Export.h"
 #include "session/calibrate/Calibrate.h"
 #include "session/compose/Palette.h"
-#include "session/register/Register.h"
+#include "session/register/LayFrames.h"
 #include "session/stack/StackChoices.h"
 
 namespace korimg::session {
@@ -29,6 +29,7 @@ struct RunOptions {
   std::filesystem::path reference;
   StackChoices stack;
   FrameLimits limits;
+  LayOptions lay;                   ///< how lights are laid on the reference
   Palette palette = Palette::Auto;  ///< of the colour image of several filters
   bool gradient = false;            ///< the gradient of the sky is taken off each stack, by CImgGradient
 };

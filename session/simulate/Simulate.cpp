@@ -278,14 +278,16 @@ class Session {
   void MakeStars() {
     // A little beyond the frame, as shifts bring stars in. Counts grow with falling flux as in the galactic
     // plane.
-    constexpr double kMargin = 40, kAreaPerStar = 2500, kSlope = 0.8, kFaintest = 600, kBrightest = 3e6;
-    const double area = (width_ + 2 * kMargin) * (height_ + 2 * kMargin);
+    constexpr double kLeastMargin = 40, kAreaPerStar = 2500, kSlope = 0.8, kFaintest = 600, kBrightest = 3e6;
+    const double marginX = kLeastMargin + (options_.dither + options_.barrel) * width_,
+                 marginY = kLeastMargin + (options_.dither + options_.barrel) * height_,
+                 area = (width_ + 2 * marginX) * (height_ + 2 * marginY);
     Random random({options_.seed, kStars});
     const int count = std::max(30, static_cast<int>(area / kAreaPerStar));
     for (int i = 0; i < count; ++i) {
       Star star;
-      star.x = random.Uniform(-kMargin, width_ + kMargin);
-      star.y = random.Uniform(-kMargin, height_ + kMargin);
+      star.x = random.Uniform(-marginX, width_ + marginX);
+      star.y = random.Uniform(-marginY, height_ + marginY);
       star.flux = std::min(kBrightest, kFaintest * std::pow(random.Uniform(), -1 / kSlope));
       star.colour = std::clamp(0.2 + 0.5 * random.Normal(), -1.0, 1.5);
       stars_.push_back(star);
@@ -295,11 +297,13 @@ class Session {
 
   void MakePoses() {
     constexpr double kShift = 12, kTurn = 0.25;  // pixels, degrees
+    const double shiftX = options_.dither > 0 ? options_.dither * width_ : kShift,
+                 shiftY = options_.dither > 0 ? options_.dither * height_ : kShift;
     poses_.resize(static_cast<std::size_t>(lights_));
     for (std::size_t i = 1; i < poses_.size(); ++i) {
       Random random({options_.seed, kMotion, i});
-      poses_[i] = {.dx = random.Uniform(-kShift, kShift),
-                   .dy = random.Uniform(-kShift, kShift),
+      poses_[i] = {.dx = random.Uniform(-shiftX, shiftX),
+                   .dy = random.Uniform(-shiftY, shiftY),
                    .degrees = random.Uniform(-kTurn, kTurn),
                    .fwhm = kFwhm * random.Uniform(0.95, 1.15),
                    .transparency = random.Uniform(0.88, 1),
@@ -397,10 +401,25 @@ class Session {
     const double angle = pose.degrees * std::numbers::pi / 180, c = std::cos(angle), s = std::sin(angle);
     for (const Star& star : stars_) {
       const double x = star.x - middleX_, y = star.y - middleY_;
-      AddStar(middleX_ + c * x - s * y + pose.dx, middleY_ + s * x + c * y + pose.dy, star, frame);
+      const double u = c * x - s * y + pose.dx, v = s * x + c * y + pose.dy;
+      const double drawn = 1 - options_.barrel * (u * u + v * v) / Corner2();
+      AddStar(middleX_ + u * drawn, middleY_ + v * drawn, star, frame);
     }
     if (frame == TrailFrame()) AddTrail();
     AddCosmics(frame);
+  }
+
+  /// Of the distance from the middle to a corner, the square.
+  double Corner2() const { return middleX_ * middleX_ + middleY_ * middleY_; }
+
+  /// How much farther from the middle something would lie without the lens that is seen at (x, y) from there.
+  double Undrawn(double x, double y) const {
+    constexpr int kRounds = 30;
+    double factor = 1;
+    for (int i = 0; i < kRounds && options_.barrel > 0; ++i) {
+      factor = 1 / (1 - options_.barrel * (x * x + y * y) * factor * factor / Corner2());
+    }
+    return factor;
   }
 
   /// A Moffat profile of beta 3, integrated over the pixels: by nine points each where it is steep.
@@ -492,10 +511,10 @@ class Session {
     if (kind != kLight) return;
     const Pose& pose = poses_[static_cast<std::size_t>(frame)];
     const double angle = pose.degrees * std::numbers::pi / 180, c = std::cos(angle), s = std::sin(angle);
-    const double fromY = y - middleY_ - pose.dy;
     for (int x = 0; x < width_; ++x) {
       const Passband& band = bands_[BandBefore(kind, frame, x, y)];
-      const double fromX = x - middleX_ - pose.dx;
+      const double undrawn = Undrawn(x - middleX_, y - middleY_);
+      const double fromX = (x - middleX_) * undrawn - pose.dx, fromY = (y - middleY_) * undrawn - pose.dy;
       const double glow = nebula_.At(middleX_ + c * fromX + s * fromY, middleY_ - s * fromX + c * fromY);
       const double gradient =
           1 + kGradientX * (x - middleX_) / width_ + kGradientY * (y - middleY_) / height_;
@@ -615,6 +634,9 @@ class Session {
          "the middle of "
          "the image, ((width - 1) / 2, (height - 1) / 2); positive rotation turns clockwise as y points "
          "down"},
+        {"barrel",
+         "what would lie at (u, v) from the middle of a light is seen at 1 - barrel (u^2 + v^2) / R^2 times "
+         "that, R from the middle to the corner"},
         {"calibration",
          "perfectly calibrated = (light - bias - dark) / (flat / mean of the whole flat, or of a honeycomb's "
          "sites), the flat without its bias and dark; a level of e electrons then becomes e * flat.lamp_mean "
@@ -632,7 +654,8 @@ class Session {
          "1 + gradient_x (x - cx) / width + gradient_y (y - cy) / height and times the light's sky_factor"}};
     truth["options"] = {{"frames", options_.frames},   {"width", width_},
                         {"height", height_},           {"bayer", options_.bayer},
-                        {"filters", options_.filters}, {"seed", options_.seed}};
+                        {"filters", options_.filters}, {"barrel", options_.barrel},
+                        {"dither", options_.dither},   {"seed", options_.seed}};
     truth["camera"] = {{"gain_e_per_adu", kGain},   {"read_noise_e", kReadNoise},
                        {"bias_adu", kBias},         {"column_pattern_sigma_adu", kColumnPattern},
                        {"dark_e_per_s", kDarkRate}, {"saturation_adu", kWhite},
@@ -749,6 +772,15 @@ bool Simulate(const fs::path& folder, const SimulateOptions& options) {
       std::max(options.width, options.height) > files::kMaxSide) {
     throw session::UsageError(fmt::format("a size of {}x{}; sides of {} to {} are possible", options.width,
                                           options.height, kLeastSide, files::kMaxSide));
+  }
+  constexpr double kMostBarrel = 0.1, kMostDither = 0.5;
+  if (!(options.barrel >= 0 && options.barrel <= kMostBarrel)) {
+    throw session::UsageError(
+        fmt::format("a barrel of {:g}; 0 to {:g} are possible", options.barrel, kMostBarrel));
+  }
+  if (!(options.dither >= 0 && options.dither <= kMostDither)) {
+    throw session::UsageError(
+        fmt::format("a dither of {:g}; 0 to {:g} are possible", options.dither, kMostDither));
   }
   const std::string& bayer = options.bayer;
   const std::vector<std::string> patterns = files::CfaNames();

@@ -18,6 +18,8 @@ struct SimulateOptions {
   /// between its sites; empty for a mono one.
   std::string bayer = {};
   std::vector<std::string> filters = {};  ///< of a wheel before a mono sensor: L, R, G, B, Ha, OIII, SII
+  double barrel = 0;       ///< share of its distance by which the lens draws a corner to the middle, 0 to 0.1
+  double dither = 0;       ///< lights lie up to this share of the sides off, 0 to 0.5; 0: up to 12 pixels
   std::uint64_t seed = 1;  ///< the same seed and options give the same bytes, whatever the threads
   bool overwrite = false;  ///< replace existing files
   int threads = 0;         ///< 0: as many as OpenMP gives

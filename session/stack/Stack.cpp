@@ -156,6 +156,16 @@ struct RowRange {
 /// The rows of a frame that rows y0 to y1 - 1 of the target are made of.
 RowRange SourceRows(const StackInput& input, int width, int y0, int y1) {
   constexpr double kTaps = 4;  // that a kernel looks to either side, and what rounding may add
+  const auto within = [&](double least, double most) {
+    const double height = input.shape.height;
+    const RowRange range{static_cast<int>(std::clamp(std::floor(least) - kTaps, 0.0, height)),
+                         static_cast<int>(std::clamp(std::ceil(most) + kTaps + 1, 0.0, height))};
+    return range.first < range.end ? range : RowRange();
+  };
+  if (input.map) {
+    const CFrameMap::Bounds bounds = input.map->Inverse().BoundsOf(0, y0, width - 1, y1 - 1);
+    return bounds.top <= bounds.bottom ? within(bounds.top, bounds.bottom) : RowRange();
+  }
   const double angle = input.degrees * std::numbers::pi / 180, s = std::sin(angle), c = std::cos(angle);
   const double cx = input.shape.width * 0.5, cy = input.shape.height * 0.5;
   double least = std::numeric_limits<double>::infinity(), most = -least;
@@ -166,10 +176,7 @@ RowRange SourceRows(const StackInput& input, int width, int y0, int y1) {
       most = std::max(most, v);
     }
   }
-  const double height = input.shape.height;
-  const RowRange range{static_cast<int>(std::clamp(std::floor(least) - kTaps, 0.0, height)),
-                       static_cast<int>(std::clamp(std::ceil(most) + kTaps + 1, 0.0, height))};
-  return range.first < range.end ? range : RowRange();
+  return within(least, most);
 }
 
 /// Bytes that a stack takes for bands of so many rows.
@@ -322,9 +329,16 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
   };
   const auto store = [&](int worker, long long step) {
     const StackInput& input = inputs[step % frames];
-    stack.Store(static_cast<int>(step % frames), &buffers[worker]->Image(), rowsOf(step).first,
-                rowsOf(step).end - 1, input.dx, input.dy, input.degrees * std::numbers::pi / 180,
-                options.kernel, options.clampUndershoot ? &input.levels : nullptr);
+    const auto slot = static_cast<int>(step % frames);
+    CVelImage* frame = &buffers[worker]->Image();
+    const auto [top, end] = rowsOf(step);
+    const FrameLevels* levels = options.clampUndershoot ? &input.levels : nullptr;
+    if (input.map) {
+      stack.Store(slot, frame, top, end - 1, *input.map, options.kernel, levels);
+    } else {
+      stack.Store(slot, frame, top, end - 1, input.dx, input.dy, input.degrees * std::numbers::pi / 180,
+                  options.kernel, levels);
+    }
   };
   BandFeeder feeder(frames, steps, read, store);
   const auto count = static_cast<int>(bands.size());

@@ -25,6 +25,7 @@ struct StackInput {
   /// As CImgComposit takes them: the frame is turned about its middle (width / 2, height / 2), clockwise on
   /// the screen, and then shifted to the right and down.
   double dx = 0, dy = 0, degrees = 0;
+  std::optional<CFrameMap> map = {};            ///< what lays the frame instead, where shift and turn do not
   CImgStack::PlaneWeights weights = {1, 1, 1};  ///< in means; positive
   FrameLevels levels;                           ///< for normalising, and to tell undershoot from noise
   /// Fills a band of its rows. NaN and infinities are left out of the stack. Called for any rows in any

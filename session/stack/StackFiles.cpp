@@ -20,6 +20,7 @@
 #include "session/job/internal/SideBySide.h"
 #include "session/picture/Images.h"
 #include "session/register/Register.h"
+#include "session/register/internal/MapJson.h"
 #include "session/stack/internal/Journal.h"
 #include "session/stack/internal/StackHeader.h"
 #include "session/stack/internal/Transforms.h"
@@ -100,11 +101,9 @@ class Sources {
 
   StackInput Input(size_t number) {
     Source& source = used_[number];
-    StackInput input{source.path.string(),
-                     {source.info.width, source.info.height, source.info.planes},
-                     source.transform.dx,
-                     source.transform.dy,
-                     source.transform.degrees};
+    StackInput input{source.path.string(),     {source.info.width, source.info.height, source.info.planes},
+                     source.transform.dx,      source.transform.dy,
+                     source.transform.degrees, source.transform.map};
     input.read = [&source](const Band<float>& to) {
       if (source.reader) return source.reader->ReadRows(to);
       OpenAgain(source)->ReadRows(to);
@@ -295,7 +294,8 @@ class StackRun {
     for (const Source& source : sources_.Used()) {
       const Transform& t = source.transform;
       json["frames"].push_back({fs::weakly_canonical(source.path).string(), files::StampOf(source.path), t.dx,
-                                t.dy, t.degrees, t.fwhm.value_or(0), t.fluxRatio.value_or(0)});
+                                t.dy, t.degrees, t.fwhm.value_or(0), t.fluxRatio.value_or(0),
+                                t.map ? ToJson(*t.map) : Json()});
     }
     return json.dump(-1, ' ', true, Json::error_handler_t::replace);
   }

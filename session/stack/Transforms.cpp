@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "session/files/ImageFile.h"
+#include "session/register/internal/MapJson.h"
 
 namespace korimg::session {
 
@@ -37,6 +38,7 @@ Transform Parse(const json& object) {
   transform.dx = Number(object, "dx", usable);
   transform.dy = Number(object, "dy", usable);
   transform.degrees = Number(object, "degrees", usable);
+  if (object.contains("map") && !object["map"].is_null()) transform.map = MapFromJson(object["map"]);
   if (const double fwhm = Number(object, "fwhm", false); fwhm > 0) transform.fwhm = fwhm;
   if (const double ratio = Number(object, "flux_ratio", false); ratio > 0) transform.fluxRatio = ratio;
   return transform;

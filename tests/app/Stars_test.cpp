@@ -216,20 +216,21 @@ TEST_F(StarsTest, FramesWithoutCommonStarsAreRegisteredThroughOthers) {
   const auto noImage = [](size_t) -> std::shared_ptr<CVelImage> {
     throw FileError("an image", "is not needed");
   };
+  const CFrameFitter fitter(kWidth, kHeight);
   std::vector<session::Registration> registrations(3);
   registrations[0].status = "ok";
   registrations[0].method = "stars";
   registrations[1].status = registrations[2].status = "no match";
   ASSERT_EQ(CStarMatcher(frames[0].stars).Match(frames[2].stars, kWidth, kHeight).status,
             CStarMatch::NoMatch);
-  EXPECT_TRUE(session::RegisterThroughOthers(frames, registrations, noImage));
+  EXPECT_TRUE(session::RegisterThroughOthers(frames, registrations, fitter, noImage));
   for (int i = 1; i < 3; ++i) {
     ASSERT_TRUE(registrations[i].IsGood()) << i;
     EXPECT_NEAR(registrations[i].dx, poses[i].dx, 1e-3);
     EXPECT_NEAR(registrations[i].dy, poses[i].dy, 1e-3);
     EXPECT_NEAR(registrations[i].degrees, poses[i].degrees, 1e-4);
   }
-  EXPECT_FALSE(session::RegisterThroughOthers(frames, registrations, noImage)) << "all are known";
+  EXPECT_FALSE(session::RegisterThroughOthers(frames, registrations, fitter, noImage)) << "all are known";
 }
 
 /// A frame of stars at given places.
@@ -335,6 +336,7 @@ TEST_F(StarsTest, HalfTurnsByLightAreCheckedByNeighbours) {
              (r < 1 ? 900 * (0.5 + 0.5 * std::sqrt(1 - r * r)) + 60 * std::sin(0.2 * (k - y)) : 0);
     });
   };
+  const CFrameFitter fitter(120, 100);
   std::vector<session::FrameMeasure> frames(4);
   std::vector<session::Registration> registrations(4);
   for (size_t i = 0; i < frames.size(); ++i) {
@@ -347,11 +349,11 @@ TEST_F(StarsTest, HalfTurnsByLightAreCheckedByNeighbours) {
   registrations[2].degrees = 180;
   registrations[2].dx = 7;
   const auto image = [&](size_t i) { return planet(60 + 2.0 * static_cast<double>(i), 50); };
-  EXPECT_TRUE(session::RegisterThroughOthers(frames, registrations, image));
+  EXPECT_TRUE(session::RegisterThroughOthers(frames, registrations, fitter, image));
   ASSERT_TRUE(registrations[2].IsGood());
   EXPECT_EQ(registrations[2].degrees, 0);
   EXPECT_NEAR(registrations[2].dx, -4, 0.1);
-  EXPECT_FALSE(session::RegisterThroughOthers(frames, registrations, image));
+  EXPECT_FALSE(session::RegisterThroughOthers(frames, registrations, fitter, image));
 }
 
 TEST_F(StarsTest, TheReferenceIsTheSharpestRichFrame) {

@@ -6,11 +6,14 @@
 #include <optional>
 #include <string>
 
+#include "korimg/geometry/CFrameMap.h"
+
 namespace korimg::session {
 
 /// How a frame is brought to the reference, as CImgComposit takes it.
 struct Transform {
   double dx = 0, dy = 0, degrees = 0;
+  std::optional<CFrameMap> map;     ///< instead of these
   std::optional<double> fwhm;       ///< pixels
   std::optional<double> fluxRatio;  ///< of its stars to those of the reference
   std::string status = "ok";        ///< else why the frame is of no use
@@ -18,7 +21,7 @@ struct Transform {
 
   std::string Text() const { return note.empty() ? status : status + ": " + note; }
 
-  bool IsNone() const { return dx == 0 && dy == 0 && degrees == 0; }
+  bool IsNone() const { return !map && dx == 0 && dy == 0 && degrees == 0; }
 };
 
 /// The transforms of a file of JSON objects, one a line, by frame. Objects without "file" are passed over.
