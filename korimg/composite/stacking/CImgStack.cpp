@@ -52,7 +52,8 @@ KORIMG_IN_LOOP inline float Distance(float value, float median, float perNoise) 
   return (value - median) * perNoise;
 }
 
-/// The medians of sorted columns, and the sums and ends of the distances from it.
+/// The medians of sorted columns, and the ends of the distances from it; their sums where a test needs them.
+template <bool kSums>
 void SumUp(Columns& sorted, const Known& known, Work& work) {
   const int columns = sorted.Size();
   double *linear = work.linear.data(), *squares = work.squares.data();
@@ -68,8 +69,10 @@ void SumUp(Columns& sorted, const Known& known, Work& work) {
     RunInLongVectors([=]() KORIMG_IN_LOOP {
       for (int x = 0; x < columns; ++x) {
         const float d = row[x] < Columns::kMissing ? Distance(row[x], medians[x], perNoise) : 0.0f;
-        linear[x] += d;
-        squares[x] += static_cast<double>(d) * d;
+        if constexpr (kSums) {
+          linear[x] += d;
+          squares[x] += static_cast<double>(d) * d;
+        }
         least[x] = d < least[x] ? d : least[x];
         most[x] = d > most[x] ? d : most[x];
       }
@@ -120,6 +123,16 @@ bool IsByNoise(const Rejection& rejection, int n) {
          (rejection.test == Rejection::Noise || rejection.test == Rejection::Auto);
 }
 
+/// Whether what a test leaves of values in order depends on how much more than the sky a pixel scatters.
+bool AsksForNoise(const Rejection& rejection, const std::vector<float>& distances) {
+  if (rejection.test == Rejection::Noise) return true;
+  if (rejection.test != Rejection::Auto) return false;
+  const size_t n = distances.size();
+  const float median = n % 2 ? distances[n / 2] : (distances[n / 2 - 1] + distances[n / 2]) * 0.5f;
+  return n <= Rejection::kFew || distances.front() < median - Rejection::kGoes ||
+         distances.back() > median + Rejection::kGoes;
+}
+
 /// Rejects by the noise of frames, when there are so few that the noise of the one that the others are
 /// compared with counts: limits are those of frames of one noise.
 void RejectFew(const Columns& columns, const Rejection& rejection, const Known& known, double factor,
@@ -159,7 +172,7 @@ void RejectFew(const Columns& columns, const Rejection& rejection, const Known& 
 void RejectOutliers(Columns& columns, const Rejection& rejection, const Known& known,
                     const FrameScatter* scatter, int plane, Work& work) {
   columns.Sort();
-  SumUp(columns, known, work);
+  rejection.test == Rejection::Sigma ? SumUp<true>(columns, known, work) : SumUp<false>(columns, known, work);
   work.open.clear();
   for (int x = 0; x < columns.Size(); ++x) {
     if (MayReject(rejection, scatter, columns.Counts()[x], work, x)) work.open.push_back(x);
@@ -183,8 +196,8 @@ void RejectOutliers(Columns& columns, const Rejection& rejection, const Known& k
     for (int i = 0; i < n; ++i) {
       work.column[i] = work.distances[static_cast<size_t>(i) * stride + k];
     }
-    double noise = 0;
-    if (scatter) {
+    double noise = scatter ? 1 : 0;
+    if (scatter && AsksForNoise(rejection, work.column)) {
       // Of an even number the lower middle one is what the pixel shows: an outlier of two is half of the
       // median.
       const double mean = scatter->MeanNoise(plane), lower = work.column[(n - 1) / 2];
@@ -209,12 +222,14 @@ void Means(const Columns& columns, const Work& work, const Known& known, CImgSta
            float* out) {
   const int frames = columns.Frames(), stride = columns.Most();
   const double *weights = known.weights.data(), all = std::accumulate(weights, weights + frames, 0.0);
+  RunInLongVectors([out, all, sums = columns.Sums(), size = columns.Size()]() KORIMG_IN_LOOP {
+    for (int x = 0; x < size; ++x) {
+      out[x] = static_cast<float>(sums[x] / all);
+    }
+  });
   for (int x = 0; x < columns.Size(); ++x) {
     const bool isWhole = work.lowCount[x] + work.highCount[x] == 0;
-    if (isWhole && columns.Counts()[x] == frames) {
-      out[x] = static_cast<float>(columns.Sums()[x] / all);
-      continue;
-    }
+    if (isWhole && columns.Counts()[x] == frames) continue;
     double sum = 0, weight = 0, allSum = 0, allWeight = 0;
     for (int i = 0, number = 0; i < frames; ++i) {
       const float v = work.values[static_cast<size_t>(i) * stride + x];

@@ -80,7 +80,7 @@ void FrameScatter::Add(int number, int plane, std::span<const float> values, std
     const std::span part = medians.subspan(FirstOf(c), FirstOf(c + 1) - FirstOf(c));
     levels_[cell(plane, c)] = MedianOfKnown({part.begin(), part.end()});
   }
-  ForLines(Team::All, 0, frames_, [&](int i) {
+  ForLines(Team::One, 0, frames_, [&](int i) {
     constexpr size_t kLeast = 48;  // pixels of a cell: fewer would follow the pixels themselves
     std::vector<float> above;
     for (int c = 0; c < columns_; ++c) {
@@ -104,7 +104,7 @@ void FrameScatter::Add(int number, int plane, std::span<const float> values, std
     }
     return VarianceOf(distances) / kOfThree;
   };
-  ForLines(Team::All, 0, apart > 0 ? pairs : 0, [&](int pair) {
+  ForLines(Team::One, 0, apart > 0 ? pairs : 0, [&](int pair) {
     const int i = pair / Partners(), j = (i + 1 + pair % Partners()) % frames_;
     differences_[(1UL * plane * pairs + pair) * rows_ + number] =
         variance([&](int x) { return row(i)[x] - row(j)[x]; });

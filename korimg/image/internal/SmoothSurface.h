@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <span>
 #include <utility>
@@ -121,11 +122,11 @@ class SmoothSurface {
 
   /// The polynomial at the middles of some pixels of a row.
   void Row(int y, int x, std::span<float> out) const {
-    const double v = (y + 0.5 - middleY_) * scale_;
+    const auto v = PowersOf((y + 0.5 - middleY_) * scale_);
     float along[kMostDegree + 1] = {};  // of the powers of u
     for (int total = 0, n = 0; total <= degree_; ++total) {
       for (int i = 0; i <= total; ++i) {
-        along[total - i] += static_cast<float>(numbers_[n++] * std::pow(v, i));
+        along[total - i] += static_cast<float>(numbers_[n++] * v[i]);
       }
     }
     const auto scale = static_cast<float>(scale_), middle = static_cast<float>(middleX_ - 0.5);
@@ -165,12 +166,21 @@ class SmoothSurface {
     return r2 > 0 ? 0.5 * r2 * std::log(r2) : 0;
   }
 
+  std::array<double, kMostDegree + 1> PowersOf(double u) const {
+    std::array<double, kMostDegree + 1> powers = {1, u};
+    for (int i = 2; i <= degree_; ++i) {
+      powers[i] = std::pow(u, i);
+    }
+    return powers;
+  }
+
   /// The products of powers of u and v up to the degree; answers their number.
   int Powers(double u, double v, double* powers) const {
+    const auto ofU = PowersOf(u), ofV = PowersOf(v);
     int n = 0;
     for (int total = 0; total <= degree_; ++total) {
       for (int i = 0; i <= total; ++i) {
-        powers[n++] = std::pow(u, total - i) * std::pow(v, i);
+        powers[n++] = ofU[total - i] * ofV[i];
       }
     }
     return n;
