@@ -33,19 +33,22 @@ void MedianOfFrames(std::span<const float* const> frames, int width, int rows, f
       const int columns = std::min(chunk, width - left);
       const size_t start = static_cast<size_t>(y) * width + left;
       std::fill(valid.begin(), valid.end(), 0);
-      for (int i = 0; i < count; ++i) {
-        const float* from = frames[i] + start;
-        float* to = row(i);
-        // NaN goes to the end of the order, where the count of valid values leaves it out.
-        for (int x = 0; x < columns; ++x) {
-          const bool number = from[x] == from[x];
-          to[x] = number ? from[x] : std::numeric_limits<float>::infinity();
-          valid[x] += number;
+      RunInLongVectors([=, &frames, &network, numbers = valid.data(),
+                        sorted = values.data()]() KORIMG_IN_LOOP {
+        for (int i = 0; i < count; ++i) {
+          const float* from = frames[i] + start;
+          float* to = sorted + static_cast<size_t>(i) * chunk;
+          // NaN goes to the end of the order, where the count of valid values leaves it out.
+          for (int x = 0; x < columns; ++x) {
+            const bool number = from[x] == from[x];
+            to[x] = number ? from[x] : std::numeric_limits<float>::infinity();
+            numbers[x] += number;
+          }
         }
-      }
-      for (const auto& [i, j] : network) {
-        Exchange(row(i), row(j), columns);
-      }
+        for (const auto& [i, j] : network) {
+          Exchange(sorted + static_cast<size_t>(i) * chunk, sorted + static_cast<size_t>(j) * chunk, columns);
+        }
+      });
       if (std::all_of(valid.begin(), valid.begin() + columns, [count](int n) { return n == count; })) {
         // The common case, by vectors: the middle is in the same rows for all columns.
         float const *lower = row((count - 1) / 2), *upper = row(count / 2);

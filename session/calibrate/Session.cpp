@@ -11,12 +11,14 @@
 #include "korimg/geometry/CImgFlip.h"
 #include "korimg/image/ForeignImage.h"
 #include "korimg/image/internal/Lines.h"
+#include "korimg/image/internal/Vectors.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "session/files/Formats.h"
 #include "session/files/Gain.h"
 #include "session/files/Geometry.h"
 #include "session/files/internal/Times.h"
+#include "session/job/internal/SideBySide.h"
 
 namespace korimg::session {
 
@@ -55,11 +57,15 @@ long long Subtract(CVelImage& image, CVelImage& offset, float least) {
            float* row = image.GetWritableLine(0, y, p);
            const float* off = offset.GetLine(0, y, std::min(p, offset.GetPlanes() - 1));
            int below = 0;
-           for (int x = 0; x < image.GetWidth(); ++x) {
-             const float light = row[x] - off[x];
-             below += light < least;
-             row[x] = light < least ? least : light;  // blank pixels stay
-           }
+           RunInLongVectors([=, &below, width = image.GetWidth()]() KORIMG_IN_LOOP {
+             int found = 0;
+             for (int x = 0; x < width; ++x) {
+               const float light = row[x] - off[x];
+               found += light < least;
+               row[x] = light < least ? least : light;  // blank pixels stay
+             }
+             below = found;
+           });
            return below;
          })) {
       count += n;
@@ -492,14 +498,23 @@ void Session::SaveMasters() {
   fs::create_directories(options_.masters);
   Json manifest{{"program", fmt::format("korimg {}", Version())}, {"masters", Json::array()}};
   std::set<std::string> files;
+  std::vector<Master*> made;
+  long long bytes = 0;  // of the largest
   for (const Group* group : needed) {
     Master& master = masters_.at(group);
-    if (!master.isKept) {
-      if (options_.mastersAreLibrary || IsKept(MasterPath(*group))) {
-        fs::remove(MasterPath(*group));  // it was of frames that have changed, or is half of one
-      }
-      SaveMaster(job_, master, MasterPath(*group));
+    if (master.isKept) continue;
+    if (options_.mastersAreLibrary || IsKept(MasterPath(*group))) {
+      fs::remove(MasterPath(*group));  // it was of frames that have changed, or is half of one
     }
+    made.push_back(&master);
+    bytes = std::max(bytes, BytesOf(group->frames.front().info));
+  }
+  SideBySide(
+      job_, "writing master", made.size(), bytes,
+      [&](size_t i) { SaveMaster(job_, *made[i], MasterPath(*made[i]->group)); },
+      [](size_t, const auto& result) { result(); });
+  for (const Group* group : needed) {
+    const Master& master = masters_.at(group);
     files.insert(MasterPath(*group).filename().string());
     Json entry{{"file", MasterPath(*group).filename().string()},
                {"digest", digests_.at(group)},

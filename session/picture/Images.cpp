@@ -12,6 +12,7 @@
 #include "korimg/image/CImgCalculation.h"
 #include "korimg/image/Loan.h"
 #include "korimg/image/internal/Lines.h"
+#include "korimg/image/internal/Vectors.h"
 #include "korimg/levels/CImgMidtones.h"
 #include "korimg/platform/Debug.h"
 
@@ -291,9 +292,11 @@ void PictureSaver::Write(const Band<const float>& rows) {
       float* sums = sum.Row(p, 0).data();
       const auto min = static_cast<float>(levels_.min[p]), midtone = static_cast<float>(levels_.midtone[p]);
       const auto scale = static_cast<float>(1 / (levels_.max[p] - levels_.min[p]));
-      for (int x = 0; x < shape_.width; ++x) {
-        sums[x] += 255 * Shown((from[x] - min) * scale, midtone);
-      }
+      RunInLongVectors([=, width = shape_.width]() KORIMG_IN_LOOP {
+        for (int x = 0; x < width; ++x) {
+          sums[x] += 255 * Shown((from[x] - min) * scale, midtone);
+        }
+      });
     }
     if ((next_ + 1) % rowsOfPixel_ != 0) continue;
     for (int p = 0; p < shape_.planes; ++p) {

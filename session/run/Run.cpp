@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <exception>
+#include <functional>
 #include <map>
 #include <set>
 #include <utility>
@@ -685,6 +686,13 @@ class Road {
                                       made.file.string(), made.fwhm, made.noise, how));
   }
 
+  /// Calls what takes one thread each.
+  void Together(const std::string& title, const std::vector<std::function<void()>>& parts) {
+    SideBySide(
+        job_, title, parts.size(), BytesOfFrame(), [&](size_t i) { parts[i](); },
+        [](size_t, const auto& result) { result(); });
+  }
+
   /// Answers what is told of it beside the numbers of all stacks.
   Json SaveStack(const Target& target, const std::vector<Progress*>& used, const Progress& reference,
                  CVelImage& image) {
@@ -728,13 +736,16 @@ class Road {
       }
     }
     LevelForPreview(image, kPictureSide);
-    SaveImage(job_, image, header, made.file);
-    const FrameMeasure measure = MeasureFrame(image);
-    SaveImage(job_, image, header, Path(target.name + "_float.tif"));
-    SaveImage(job_, image, header, Path(target.name + "_16bit.tif"), {.integers = true});
+    FrameMeasure measure;
+    Together("writing " + target.name,
+             {[&] { SaveImage(job_, image, header, made.file); }, [&] { measure = MeasureFrame(image); },
+              [&] { SaveImage(job_, image, header, Path(target.name + "_16bit.tif"), {.integers = true}); },
+              [&] { SaveImage(job_, image, header, Path(target.name + "_float.tif")); }});
     if (files::IsPictureOverturned(header)) TurnOver(image);
     const Levels shown = StretchForPicture(image);
-    SavePicture(job_, image, shown, Path(target.name + ".png"), 1);
+    Together("drawing " + target.name,
+             {[&] { SavePicture(job_, image, shown, Path(target.name + ".png"), 1); },
+              [&] { stack.picture = JpegOf(job_, image, shown, ShrinkTo(shape, kPictureSide)); }});
 
     double exposure = 0;
     CImgStack::Counts counts;
@@ -742,7 +753,6 @@ class Road {
       exposure += files::ExposureOf(frame->light->frame.info.header).value_or(0);
       counts += frame->counts;
     }
-    stack.picture = JpegOf(job_, image, shown, ShrinkTo(reference.shape, kPictureSide));
     stack.facts.insert(
         stack.facts.begin(),
         {{"frames", fmt::format("{} of {}", used.size(), target.frames.size())},
