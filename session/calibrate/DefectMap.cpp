@@ -330,12 +330,12 @@ bool DefectMap::IsGood(int x, int y) const {
   return found == last || found->x != x;
 }
 
-void DefectMap::Mend(const Band<float>& rows, int top, int bottom) const {
+void DefectMap::Mend(const std::function<float*(int)>& rowOf, int top, int bottom) const {
   constexpr size_t kEnough = 4;
   std::vector<float> near;
   for (size_t i = rows_[top]; i < rows_[bottom]; ++i) {
     const auto [x, y, isHot] = defects_[i];
-    float& pixel = rows.Row(0, y)[x];
+    float& pixel = rowOf(y)[x];
     if (!std::isfinite(pixel)) continue;
     near.clear();
     int distance = 0;
@@ -343,7 +343,7 @@ void DefectMap::Mend(const Band<float>& rows, int top, int bottom) const {
       const int own = dx * dx + dy * dy;
       if (near.size() >= kEnough && own > distance) break;
       if (x + dx < 0 || x + dx >= width_ || y + dy < 0 || y + dy >= height_) continue;
-      const float v = rows.Row(0, y + dy)[x + dx];
+      const float v = rowOf(y + dy)[x + dx];
       if (!std::isfinite(v) || !IsGood(x + dx, y + dy)) continue;
       near.push_back(v);
       distance = own;

@@ -957,40 +957,46 @@ CalibratedRows::CalibratedRows(const Session& session, const Light& light,
   CheckUnchanged(light, reader_->Info());
 }
 
-/// Calibrates rows where they are to lie, unless what mends their hot and cold pixels lies above or below.
+/// Calibrates rows where they are to lie. What mends their hot and cold pixels lies above and below too.
 void CalibratedRows::Read(const Band<float>& to) {
   seen_ += 1LL * to.Planes() * to.Width() * to.Rows();
-  const DefectMap* defects = session_.DefectsOf(light_);
-  if (!defects && to.IsDense()) {
-    clipped_ += Calibrate(to);
-    return;
-  }
-  const int margin = defects ? DefectMap::kReach : 0, top = std::max(to.Top() - margin, 0),
-            bottom = std::min(to.Bottom() + margin, reader_->Info().height);
-  const Band<float> rows = dense_.Get(to.Planes(), to.Width(), top, bottom - top);
   // One row after the other in all planes, as the masters are: parts of one plane have nothing between them.
-  const Band<float> own = rows.Part(to.Top(), to.Rows());
+  const auto rowsIn = [&](BandBuffer& buffer, int top, int bottom) {
+    return buffer.Get(to.Planes(), to.Width(), top, bottom - top);
+  };
+  const Band<float> own = to.IsDense() ? to : rowsIn(dense_, to.Top(), to.Bottom());
   clipped_ += Calibrate(own);
-  if (defects) {
-    Calibrate(rows.Part(top, to.Top() - top));
-    Calibrate(rows.Part(to.Bottom(), bottom - to.Bottom()));
-    defects->Mend(rows, to.Top(), to.Bottom());
+  if (const DefectMap* defects = session_.DefectsOf(light_)) {
+    const Band<float> above = rowsIn(above_, std::max(to.Top() - DefectMap::kReach, 0), to.Top()),
+                      below = rowsIn(below_, to.Bottom(),
+                                     std::min(to.Bottom() + DefectMap::kReach, reader_->Info().height));
+    Calibrate(above);
+    Calibrate(below);
+    const auto rowOf = [&](int y) {
+      return (y < own.Top() ? above : y < own.Bottom() ? own : below).Row(0, y).data();
+    };
+    defects->Mend(rowOf, to.Top(), to.Bottom());
   }
-  CopyPixels(own, to);
+  if (!to.IsDense()) CopyPixels(own, to);
 }
 
 /// By the rows of the masters where those lie. Answers how many pixels were limited at 0.
 long long CalibratedRows::Calibrate(const Band<float>& rows) {
-  if (rows.Rows() == 0) return 0;
-  reader_->ReadRows(rows);
-  const auto rowsOf = [&](const Group* group) {
-    CVelImage* image = session_.ImageOf(group, light_);
-    return image ? ImageOver(Image::RowsOf(*image, rows.Top(), rows.Rows(), true), session_.store_)
-                 : StoredImage();
-  };
-  const StoredImage band = ImageOver(rows, session_.store_), offset = rowsOf(light_.Offset()),
-                    flat = rowsOf(light_.flat);
-  return session_.Apply(light_, *band.image, offset.image.get(), flat.image.get());
+  constexpr int kAtOnce = 128;  // so that each step finds them in the caches
+  long long clipped = 0;
+  for (int top = rows.Top(); top < rows.Bottom(); top += kAtOnce) {
+    const Band<float> part = rows.Part(top, std::min(kAtOnce, rows.Bottom() - top));
+    reader_->ReadRows(part);
+    const auto rowsOf = [&](const Group* group) {
+      CVelImage* image = session_.ImageOf(group, light_);
+      return image ? ImageOver(Image::RowsOf(*image, top, part.Rows(), true), session_.store_)
+                   : StoredImage();
+    };
+    const StoredImage band = ImageOver(part, session_.store_), offset = rowsOf(light_.Offset()),
+                      flat = rowsOf(light_.flat);
+    clipped += session_.Apply(light_, *band.image, offset.image.get(), flat.image.get());
+  }
+  return clipped;
 }
 
 double CalibratedRows::Clipped() const {
@@ -1012,6 +1018,7 @@ LightRows::LightRows(const Session& session, const Light& light,
 }
 
 void LightRows::Read(const Band<float>& to) {
+  if (!development_ && to.IsDense()) return ReadCalibrated(to);
   // Little memory beside what the rows are for, and many rows beside the margins of development.
   constexpr int kAtOnce = 128;
   for (int top = to.Top(); top < to.Bottom(); top += kAtOnce) {

@@ -737,15 +737,24 @@ class Road {
     }
     LevelForPreview(image, kPictureSide);
     FrameMeasure measure;
-    Together("writing " + target.name,
-             {[&] { SaveImage(job_, image, header, made.file); }, [&] { measure = MeasureFrame(image); },
-              [&] { SaveImage(job_, image, header, Path(target.name + "_16bit.tif"), {.integers = true}); },
-              [&] { SaveImage(job_, image, header, Path(target.name + "_float.tif")); }});
-    if (files::IsPictureOverturned(header)) TurnOver(image);
-    const Levels shown = StretchForPicture(image);
-    Together("drawing " + target.name,
-             {[&] { SavePicture(job_, image, shown, Path(target.name + ".png"), 1); },
-              [&] { stack.picture = JpegOf(job_, image, shown, ShrinkTo(shape, kPictureSide)); }});
+    Levels shown;
+    const std::vector<std::function<void()>> own{
+        [&] { SaveImage(job_, image, header, made.file); },
+        [&] { SaveImage(job_, image, header, Path(target.name + "_16bit.tif"), {.integers = true}); },
+        [&] { SaveImage(job_, image, header, Path(target.name + "_float.tif")); },
+        [&] { measure = MeasureFrame(image); }};
+    std::vector<std::function<void()>> all{
+        // the longest first
+        [&] { SavePicture(job_, image, shown, Path(target.name + ".png"), 1); },
+        [&] { stack.picture = JpegOf(job_, image, shown, ShrinkTo(shape, kPictureSide)); }};
+    if (files::IsPictureOverturned(header)) {
+      Together("writing " + target.name, own);
+      TurnOver(image);
+    } else {
+      all.insert(all.begin() + 1, own.begin(), own.end());
+    }
+    shown = StretchForPicture(image);
+    Together("writing " + target.name, all);
 
     double exposure = 0;
     CImgStack::Counts counts;

@@ -55,10 +55,13 @@ class DefectMap {
   int Cold() const { return static_cast<int>(defects_.size()) - hot_; }
 
   /// Gives the defects of rows top to bottom - 1 the median of the nearest good pixels of their colour, four
-  /// or all that are as near as the fourth. `rows` are these and those that are kReach away, as far as the
-  /// image has them. Pixels that are no finite numbers stay, and stand in for none; so does what has no
-  /// good one of its colour near.
-  void Mend(const Band<float>& rows, int top, int bottom) const;
+  /// or all that are as near as the fourth. `rowOf` answers the pixels of these and those that are kReach
+  /// away, as far as the image has them. Pixels that are no finite numbers stay, and stand in for none; so
+  /// does what has no good one of its colour near.
+  void Mend(const std::function<float*(int y)>& rowOf, int top, int bottom) const;
+  void Mend(const Band<float>& rows, int top, int bottom) const {
+    Mend([&](int y) { return rows.Row(0, y).data(); }, top, bottom);
+  }
   /// 1 where a pixel is hot, -1 where it is cold, else 0.
   std::unique_ptr<CVelImage> ToImage(const std::shared_ptr<CVmManager>& store) const;
 

@@ -184,7 +184,7 @@ class CalibratedRows {
   const Session& session_;
   const Light& light_;
   std::unique_ptr<files::ImageReader> reader_;
-  BandBuffer dense_;
+  BandBuffer dense_, above_, below_;
   long long clipped_ = 0, seen_ = 0;
 };
 
