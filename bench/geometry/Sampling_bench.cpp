@@ -6,6 +6,7 @@
 
 #include "korimg/geometry/CImgResolution.h"
 #include "korimg/geometry/CImgRotate.h"
+#include "korimg/geometry/CImgWarp.h"
 
 #include "bench/Measure.h"
 
@@ -19,12 +20,14 @@ struct Images {
   CVelImage source;
   CImgResolution scaled;
   CImgRotate turned;
+  CImgWarp warped;
 
   Images() {
     const CVelImage shape(store, CImage::Float, kWidth, kHeight, 1, 1.0, 0.0, 1, nullptr);
     source.Create(shape, nullptr);
     scaled.Create(shape, nullptr);
     turned.Create(shape, nullptr);
+    warped.Create(shape, nullptr);
     for (int y = 0; y < kHeight; ++y) {
       float* line = source.GetWritableLine(0, y, 0);
       for (int x = 0; x < kWidth; ++x) {
@@ -65,6 +68,16 @@ void ScaleByOpenCV(benchmark::State& state, int method, double factor) {
 
 void Turn(benchmark::State& state, int method) {
   Measure(state, 1.0 * kWidth * kHeight, [=] { All().turned.Do(kDegrees, 0, &All().source, 0, method, 0); });
+}
+
+/// The same turn, and a tilt between the distortions of a lens.
+void Warp(benchmark::State& state, int method) {
+  const CLensDistortion lens = CLensDistortion::Of(kWidth, kHeight, {0.03, 0.002});
+  const CFrameMap turn = CFrameMap::FromPose(0, 0, kDegrees, kWidth, kHeight);
+  CFrameMap::Matrix matrix = turn.GetMatrix();
+  matrix[6] = 1e-7;
+  const CFrameMap map(matrix, lens, lens);
+  Measure(state, 1.0 * kWidth * kHeight, [=] { All().warped.Do(&All().source, map, method, 0, 0); });
 }
 
 void TurnByOpenCV(benchmark::State& state, int method) {
@@ -123,6 +136,7 @@ void Register(int threads) {
   for (const Method& m : methods) {
     const std::string name = std::string("Turn_") + m.name;
     Add(name, Turn, threads, m.number);
+    Add(std::string("Warp_") + m.name, Warp, threads, m.number);
     Add(name + "_OpenCV", TurnByOpenCV, threads, m.opencv);
   }
   Add("QuarterTurn", QuarterTurn, threads);
