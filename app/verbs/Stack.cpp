@@ -47,6 +47,15 @@ void AddStack(CLI::App& app, Tool& tool) {
                    "what korimg register --json wrote; without it frames are taken as they lie");
   verb->add_option("--reference", options->reference,
                    "the frame that gives header, levels and sky; the first that is not moved unless told");
+  AddChoice(*verb, "--frame", options->frame, kStackFrames,
+            "what the stack shows: the reference's frame, or the union of all, as a mosaic of panels whose "
+            "skies are "
+            "matched where they overlap");
+  verb->add_option(
+          "--feather", options->feather,
+          "pixels over which frames fade towards their edges; a tenth of the shorter side in a union "
+          "unless told, else 0")
+      ->check(CLI::Range(0.0, 1e6));
   verb->add_flag("--rejection-maps", options->maps,
                  "write NAME_low and NAME_high too: the number of values rejected in each pixel");
   verb->add_flag(

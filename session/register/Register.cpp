@@ -7,6 +7,7 @@
 #include <limits>
 #include <numbers>
 #include <optional>
+#include <tuple>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -373,38 +374,86 @@ std::optional<double> MeanRatio(std::vector<Ratio> ratios) {
   return mean;
 }
 
+/// How much brighter the stars of a frame are than the same ones of another, both by their places on the
+/// reference: the brightest of that one decide.
+std::optional<double> RatioOf(const std::vector<CStar>& stars, const std::vector<Point>& places,
+                              const std::vector<CStar>& wanted, const std::vector<Point>& wantedPlaces) {
+  constexpr double kNear = 1.5;    // pixels
+  constexpr double kLeast = 0.01;  // relative error of the brightest stars, whose number counts
+  // Of faint stars a cloud leaves those that noise makes brighter: the brightest ones decide.
+  constexpr size_t kMost = 50;
+  const auto isGood = [](const CStar& star) { return star.flags == 0 && star.snr > 0 && star.flux > 0; };
+  std::vector<size_t> brightest;
+  for (size_t i = 0; i < wanted.size(); ++i) {
+    if (isGood(wanted[i])) brightest.push_back(i);
+  }
+  std::sort(brightest.begin(), brightest.end(),
+            [&](size_t a, size_t b) { return wanted[a].flux > wanted[b].flux; });
+  std::vector<Ratio> ratios;
+  for (const size_t i : brightest) {
+    for (size_t k = 0; k < places.size() && ratios.size() < kMost; ++k) {
+      if (std::hypot(wantedPlaces[i].x - places[k].x, wantedPlaces[i].y - places[k].y) >= kNear) continue;
+      const CStar& star = stars[k];
+      if (isGood(star)) {
+        ratios.push_back({star.flux / wanted[i].flux, std::hypot(1 / star.snr, 1 / wanted[i].snr, kLeast)});
+      }
+      break;
+    }
+  }
+  return MeanRatio(std::move(ratios));
+}
+
 }  // namespace
 
 void CompareFluxes(const std::vector<FrameMeasure>& frames, const FrameMeasure& reference,
                    std::vector<Registration>& registrations) {
-  constexpr double kNear = 1.5;    // pixels
-  constexpr double kLeast = 0.01;  // relative error of the brightest stars, whose number counts
-  // Of faint stars a cloud leaves those that noise makes brighter: the brightest ones of the reference
-  // decide.
-  constexpr size_t kMost = 50;
-  const auto isGood = [](const CStar& star) { return star.flags == 0 && star.snr > 0 && star.flux > 0; };
-  std::vector<CStar> brightest;
-  std::copy_if(reference.stars.begin(), reference.stars.end(), std::back_inserter(brightest), isGood);
-  std::sort(brightest.begin(), brightest.end(),
-            [](const CStar& a, const CStar& b) { return a.flux > b.flux; });
-  for (size_t i = 0; i < frames.size(); ++i) {
-    if (!registrations[i].IsGood()) continue;
-    std::vector<std::pair<double, double>> places;
-    for (const CStar& star : frames[i].stars) {
-      places.push_back(PlaceOf(registrations[i], frames[i], star.x, star.y));
+  const auto placesOf = [](const FrameMeasure& frame, const Registration& registration) {
+    std::vector<Point> places;
+    for (const CStar& star : frame.stars) {
+      const auto [x, y] = PlaceOf(registration, frame, star.x, star.y);
+      places.push_back({x, y});
     }
-    std::vector<Ratio> ratios;
-    for (const CStar& wanted : brightest) {
-      for (size_t k = 0; k < places.size() && ratios.size() < kMost; ++k) {
-        const CStar& star = frames[i].stars[k];
-        if (std::hypot(wanted.x - places[k].first, wanted.y - places[k].second) >= kNear) continue;
-        if (isGood(star)) {
-          ratios.push_back({star.flux / wanted.flux, std::hypot(1 / star.snr, 1 / wanted.snr, kLeast)});
-        }
-        break;
+    return places;
+  };
+  // What shares less with the reference than with others is compared with those, one after the other.
+  constexpr double kMuch = 0.3;  // of the area
+  const auto share = [&](const Registration& a, const Registration& b) {
+    const auto along = [](double shift, int size) { return std::max(1 - std::abs(shift) / size, 0.0); };
+    return along(a.dx - b.dx, reference.width) * along(a.dy - b.dy, reference.height);
+  };
+  const Registration none;
+  const std::vector<Point> wanted = placesOf(reference, none);
+  std::vector<std::vector<Point>> places(frames.size());
+  for (size_t i = 0; i < frames.size(); ++i) {
+    Registration& own = registrations[i];
+    if (!own.IsGood()) continue;
+    places[i] = placesOf(frames[i], own);
+    if (share(own, none) >= kMuch)
+      own.fluxRatio = RatioOf(frames[i].stars, places[i], reference.stars, wanted);
+  }
+  for (bool found = true; found;) {
+    found = false;
+    // The pairs of a frame that was not compared and of one that was, from those that share most on; -1 is
+    // the reference.
+    std::vector<std::tuple<double, size_t, std::ptrdiff_t>> pairs;
+    for (size_t i = 0; i < frames.size(); ++i) {
+      if (!registrations[i].IsGood() || registrations[i].fluxRatio || share(registrations[i], none) >= kMuch)
+        continue;
+      for (std::ptrdiff_t k = -1; k < std::ssize(frames); ++k) {
+        if (k >= 0 && !registrations[k].fluxRatio) continue;
+        const double common = share(registrations[i], k < 0 ? none : registrations[k]);
+        if (common > 0) pairs.emplace_back(-common, i, k);
       }
     }
-    registrations[i].fluxRatio = MeanRatio(std::move(ratios));
+    std::sort(pairs.begin(), pairs.end());
+    for (const auto& [common, i, k] : pairs) {
+      const auto ratio = k < 0 ? RatioOf(frames[i].stars, places[i], reference.stars, wanted)
+                               : RatioOf(frames[i].stars, places[i], frames[k].stars, places[k]);
+      if (!ratio) continue;
+      registrations[i].fluxRatio = *ratio * (k < 0 ? 1 : *registrations[k].fluxRatio);
+      found = true;
+      break;
+    }
   }
   // What is found on a few frames of a disc is no star.
   const auto count = [&](const auto& holds) {

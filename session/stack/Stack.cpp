@@ -194,7 +194,8 @@ struct BandBytes {
           SourceRows(input, shape.width, (shape.height - rows) / 2, (shape.height + rows) / 2);
       read = std::max(read, 4LL * (range.end - range.first) * input.shape.width * input.shape.planes);
     }
-    const long long columns = CParallel::GetMaxThreads() * CImgStack::BytesOfThread(inputs.size());
+    const long long columns =
+        CParallel::GetMaxThreads() * CImgStack::BytesOfThread(inputs.size(), options.feather > 0);
     total = store + FramesAtOnce() * read * 5 / 4 + rows * line * (options.rejectionMaps ? 3 : 1) + columns;
   }
 };
@@ -269,7 +270,7 @@ StackPlan PlanStack(const std::vector<StackInput>& inputs, const Shape& shape, c
 
 void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const StackOptions& options,
            int y0, const std::function<void(const StackBand&)>& sink, CVelImage* whole) {
-  const Shape shape = inputs[reference].shape;
+  const Shape shape = options.shape.value_or(inputs[reference].shape);
   const int frames = static_cast<int>(inputs.size());
   StackPlan plan = PlanStack(inputs, shape, options);
   WarnOfIdleClipping(job, frames, options);
@@ -289,6 +290,7 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
     weights.push_back(input.weights);
   }
   stack.SetWeights(weights);
+  stack.SetFeather(options.feather);
   stack.SetOutside(std::numeric_limits<float>::quiet_NaN());
   AddNormalisation(stack, inputs, reference, options.normalisation);
   if (options.rejectionMaps) {

@@ -49,6 +49,8 @@ struct StackOptions {
   int kernel = CInterp::MethodBicubic;
   bool clampUndershoot = true;  ///< of kernels beside bright stars, where it falls below the sky
   bool rejectionMaps = false;
+  std::optional<Shape> shape = {};  ///< of the grid that the frames lie on, unless it is the reference's
+  double feather = 0;    ///< pixels over which frames fade towards their edges; see CImgStack::SetFeather
   long long memory = 0;  ///< bytes for all that a stack holds, as DefaultStackMemory answers them
 };
 
@@ -77,11 +79,11 @@ KORIMG_SESSION_API long long DefaultStackMemory(const Job& job);
 KORIMG_SESSION_API StackPlan PlanStack(const std::vector<StackInput>& inputs, const Shape& shape,
                                        const StackOptions& options);
 
-/// Stacks the frames on the grid of the one numbered `reference`, which normalising goes by too, from row
-/// `y0` on. Calls sink for the bands in order; frames are read a few at a time, and where outliers are
-/// rejected some rows of each first, to measure their noise by. The result does not depend on bands or
-/// threads. It is made in the rows of `whole` where there is one, an image of the reference's shape in a
-/// contiguous store; else a band is gone after the sink.
+/// Stacks the frames on the grid of the one numbered `reference`, which normalising goes by too, or on that
+/// of StackOptions::shape, from row `y0` on. Calls sink for the bands in order; frames are read a few at a
+/// time, and where outliers are rejected some rows of each first, to measure their noise by. The result does
+/// not depend on bands or threads. It is made in the rows of `whole` where there is one, an image of the
+/// reference's shape in a contiguous store; else a band is gone after the sink.
 /// @throws Cancelled, and what reading and the sink throw.
 KORIMG_SESSION_API void Stack(Job& job, const std::vector<StackInput>& inputs, int reference,
                               const StackOptions& options, int y0,

@@ -21,6 +21,7 @@
 #include "session/picture/Images.h"
 #include "session/register/Register.h"
 #include "session/register/internal/MapJson.h"
+#include "session/stack/internal/Canvas.h"
 #include "session/stack/internal/Journal.h"
 #include "session/stack/internal/StackHeader.h"
 #include "session/stack/internal/Transforms.h"
@@ -65,7 +66,8 @@ class Sources {
         leftOut_.emplace_back(path, error.what());
       }
     }
-    if ((options.normalise == "auto" || options.normalise == "level+scale") && HaveFluxes()) {
+    const bool isUnion = options.frame == StackFrame::Union;
+    if (!isUnion && (options.normalise == "auto" || options.normalise == "level+scale") && HaveFluxes()) {
       const auto unknown = std::stable_partition(used_.begin(), used_.end(), [](const Source& source) {
         return source.transform.fluxRatio.has_value();
       });
@@ -139,7 +141,9 @@ class Sources {
 
   void Check(const Source& source, const StackFilesOptions& options) const {
     const files::ImageInfo &own = source.info, &wanted = used_[reference_].info;
-    if (own.width != wanted.width || own.height != wanted.height || own.planes != wanted.planes) {
+    const bool isSize =
+        options.frame == StackFrame::Union || (own.width == wanted.width && own.height == wanted.height);
+    if (!isSize || own.planes != wanted.planes) {
       throw files::FileError(source.path,
                              fmt::format("is {} x {} x {}, but the reference is {} x {} x {} ({})", own.width,
                                          own.height, own.planes, wanted.width, wanted.height, wanted.planes,
@@ -166,6 +170,8 @@ class Sources {
 };
 
 class StackRun {
+  static constexpr double kFeather = 0.1;  // of the shorter side of panels
+
  public:
   StackRun(Job& job, const StackFilesOptions& options)
       : job_(job), options_(options), sources_(job, options) {
@@ -177,6 +183,15 @@ class StackRun {
       inputs_.push_back(sources_.Input(i));
     }
     shape_ = inputs_[sources_.Reference()].shape;
+    if (options.frame == StackFrame::Union) {
+      canvas_ = CanvasOf(inputs_, shape_);
+      const double shorter = std::min(shape_.width, shape_.height), feather = options.feather;
+      stack_.feather = feather < 0 ? kFeather * shorter : feather;
+      LayOn(*canvas_, inputs_);
+      stack_.shape = shape_ = canvas_->shape;
+    } else if (options.feather > 0) {
+      stack_.feather = options.feather;
+    }
   }
 
   void Plan() {
@@ -286,10 +301,9 @@ class StackRun {
 
   /// All that the pixels of the result depend on.
   std::string Digest() const {
-    Json json{{"korimg", Version()},
-              {"stack", options_.Text()},
-              {"maps", options_.maps},
-              {"reference", sources_.Reference()},
+    Json json{{"korimg", Version()},       {"stack", options_.Text()},
+              {"maps", options_.maps},     {"union", canvas_.has_value()},
+              {"feather", stack_.feather}, {"reference", sources_.Reference()},
               {"frames", Json::array()}};
     for (const Source& source : sources_.Used()) {
       const Transform& t = source.transform;
@@ -300,6 +314,21 @@ class StackRun {
     return json.dump(-1, ' ', true, Json::error_handler_t::replace);
   }
 
+  /// Brings the panels of a union to one light, and their skies together where they overlap.
+  void MatchPanels() {
+    const bool scales = stack_.normalisation == Normalisation::LevelAndScale;
+    std::vector<double> factors;
+    for (size_t i = 0; i < inputs_.size(); ++i) {
+      sources_.FindBorder(i);
+      factors.push_back(scales ? 1 / sources_.Used()[i].transform.fluxRatio.value_or(1) : 1);
+    }
+    const auto skies = MatchSkies(job_, inputs_, *canvas_, sources_.Reference(), factors);
+    for (size_t i = 0; i < inputs_.size(); ++i) {
+      TakeOff(skies[i], inputs_[i]);
+    }
+    stack_.normalisation = Normalisation::None;
+  }
+
   /// Edges, levels and weights.
   void Measure() {
     const bool wantsLevels =
@@ -308,6 +337,7 @@ class StackRun {
       std::string noData;
       FrameLevels levels;
     };
+    if (canvas_ && stack_.normalisation != Normalisation::None) MatchPanels();
     SideBySide(
         job_, "measuring frame", inputs_.size(), 0,
         [&](size_t i) {
@@ -318,7 +348,7 @@ class StackRun {
           job_.CheckCancelled();
           const Measured measured = result();
           inputs_[i].levels = measured.levels;
-          if (sources_.HaveFluxes()) {
+          if (sources_.HaveFluxes() && !canvas_) {
             const double ratio = sources_.Used()[i].transform.fluxRatio.value_or(1);
             std::fill(std::begin(inputs_[i].levels.spread), std::end(inputs_[i].levels.spread), ratio);
           }
@@ -346,13 +376,22 @@ class StackRun {
                                      "no frame lies on this grid")) {
       throw files::FileError(reference.path, "is an undeveloped mosaic; develop it first");
     }
+    if (canvas_) {
+      const Shape& before = inputs_[sources_.Reference()].shape;
+      if (!files::MoveHeader(start, {before.width, before.height, before.planes},
+                             {shape_.width, shape_.height, shape_.planes},
+                             files::AffineMap::Shift(-canvas_->left, -canvas_->top))) {
+        throw files::FileError(reference.path, "is an undeveloped mosaic; develop it first");
+      }
+    }
     StackHeader header(std::move(start));
     for (size_t i = 0; i < inputs_.size(); ++i) {
       header.Add(sources_.Used()[i].info.header, inputs_[i].Weight(),
                  ScaleOf(inputs_[i].levels, inputs_[sources_.Reference()].levels, stack_.normalisation));
     }
     files::Header made = header.Make(stack_.normalisation == Normalisation::LevelAndScale);
-    made.AddHistory(fmt::format("korimg {} stack {}", Version(), options_.Text()));
+    made.AddHistory(fmt::format("korimg {} stack {}{}", Version(), options_.Text(),
+                                canvas_ ? fmt::format(" --frame union --feather {:g}", stack_.feather) : ""));
     const auto [low, high] = std::ranges::minmax(inputs_, {}, &StackInput::Weight);
     made.AddHistory(fmt::format("{} frames stacked, {} left out; weights {:.4g} to {:.4g}", inputs_.size(),
                                 sources_.LeftOut().size(), low.Weight(), high.Weight()));
@@ -472,6 +511,7 @@ class StackRun {
   std::vector<StackInput> inputs_;
   std::vector<CImgStack::Counts> counts_;
   Shape shape_;
+  std::optional<Canvas> canvas_;  ///< of a union
 };
 
 }  // namespace

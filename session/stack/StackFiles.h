@@ -12,14 +12,25 @@
 
 namespace korimg::session {
 
+enum class StackFrame {
+  Reference,  ///< the stack shows what the reference does
+  Union       ///< it shows what any frame does, as a mosaic of panels
+};
+inline const std::vector<Named<StackFrame>> kStackFrames = {{"reference", StackFrame::Reference},
+                                                            {"union", StackFrame::Union}};
+
 struct StackFilesOptions : StackChoices {
   std::vector<std::filesystem::path> frames;  ///< or folders of frames
   std::filesystem::path output;               ///< FITS, TIFF or PNG, by its extension
   std::filesystem::path transforms;           ///< as WriteRegistrations writes them; empty: frames lie still
   std::filesystem::path reference;            ///< gives header and sky; empty: the first that lies still
   std::string bits = "float";                 ///< or "16"
-  bool maps = false;                          ///< of rejection: OUTPUT_low and OUTPUT_high too
-  bool resume = false;                        ///< goes on with what a killed run of the same options left
+  /// A union has frames of any size, their skies are matched where they overlap, and they fade into each
+  /// other.
+  StackFrame frame = StackFrame::Reference;
+  double feather = -1;  ///< pixels; below 0: a tenth of the shorter side in a union
+  bool maps = false;    ///< of rejection: OUTPUT_low and OUTPUT_high too
+  bool resume = false;  ///< goes on with what a killed run of the same options left
 };
 
 struct StackedFrame {

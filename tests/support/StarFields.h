@@ -49,7 +49,8 @@ inline Way Pointed(int frame) {
   };
 }
 
-/// The stars that a frame shows of a sky so wide, each off by `error` pixels, some missing and others strange.
+/// The stars that a frame shows of a sky so wide, each off by `error` pixels, some missing and others
+/// strange.
 inline std::vector<CStar> Stars(const Way& way, int count, double error, int seed, double width = 1600) {
   std::vector<CStar> stars;
   for (int i = 0; i < count; ++i) {

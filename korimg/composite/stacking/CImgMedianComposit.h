@@ -16,6 +16,9 @@ class FrameScatter;
 /// plane p, column x lie at (r * planes + p) * width + x.
 class KORIMG_API CLineData {
  public:
+  /// The flag of a pixel that counts in full, where a frame fades towards its edges.
+  static constexpr int kWhole = 1 << 16;
+
   /// Both arrays as they come, uncleared. Throws std::bad_alloc.
   explicit CLineData(long long n) : values_(new float[n]), valid_(new int[n]), size_(n) {}
   virtual ~CLineData() = default;
@@ -89,7 +92,7 @@ class KORIMG_API CImgMedianComposit : public CVelImage {
   template <class F>
   void ForColumns(int y0, int y1, bool threaded, bool normalised, bool finiteOnly,
                   std::span<const std::array<double, 3>> weights, F&& reduce,
-                  const korimg::FrameScatter* scatter = nullptr);
+                  const korimg::FrameScatter* scatter = nullptr, bool fades = false);
   CVelImage& Target() const { return *target_; }
   int Slots() const { return static_cast<int>(store_.size()); }
   CLineData& Band(int slot) { return *store_[slot]; }

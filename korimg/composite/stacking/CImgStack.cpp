@@ -21,6 +21,7 @@ struct Known {
   std::vector<float> perNoise;  ///< by frames: one over its noise, or over 1
   std::vector<float> sky;       ///< under each column; none where nothing was measured
   std::vector<double> weights;  ///< by frames, in this plane
+  bool fades = false;           ///< and by the shares of the columns
 };
 
 /// Sums and limits of the columns of a part.
@@ -229,13 +230,14 @@ void Means(const Columns& columns, const Work& work, const Known& known, CImgSta
   });
   for (int x = 0; x < columns.Size(); ++x) {
     const bool isWhole = work.lowCount[x] + work.highCount[x] == 0;
-    if (isWhole && columns.Counts()[x] == frames) continue;
+    if (isWhole && columns.Counts()[x] == frames && !known.fades) continue;
     double sum = 0, weight = 0, allSum = 0, allWeight = 0;
     for (int i = 0, number = 0; i < frames; ++i) {
       const float v = work.values[static_cast<size_t>(i) * stride + x];
       if (!(v < Columns::kMissing)) continue;
-      allSum += weights[i] * v;
-      allWeight += weights[i];
+      const double own = known.fades ? weights[i] * columns.Shares(i)[x] : weights[i];
+      allSum += own * v;
+      allWeight += own;
       const float d = Distance(v, work.medians[x], known.perNoise[i]);
       bool isLow = !isWhole && d < work.low[x], isHigh = !isWhole && d > work.high[x];
       if (work.few[x] != 0) {
@@ -247,8 +249,8 @@ void Means(const Columns& columns, const Work& work, const Known& known, CImgSta
       counts[i].low += isLow;
       counts[i].high += isHigh;
       if (isLow || isHigh) continue;
-      sum += weights[i] * v;
-      weight += weights[i];
+      sum += own * v;
+      weight += own;
     }
     // The values lie on one sky here; what they lost by that comes back, as much as all of them had.
     const double sky = known.sky.empty() ? 0 : (columns.Sums()[x] - allSum) / allWeight;
@@ -276,6 +278,7 @@ struct Statistic {
   const Rejection& rejection;
   const std::vector<CImgStack::PlaneWeights>& weights;
   const FrameScatter* scatter;
+  bool fades = false;
   Work work = {};
   Known known = {};
   std::vector<CImgStack::Counts> counts = {};
@@ -296,6 +299,7 @@ struct Statistic {
     }
     if (method != CImgStack::Mean) return Extremes(columns, method == CImgStack::Maximum, out);
     work.values.assign(columns.Row(0), columns.Row(0) + static_cast<size_t>(frames) * columns.Most());
+    known.fades = fades;
     known.perNoise.assign(frames, 1.0f);
     if (scatter) {
       for (int i = 0; i < frames; ++i) {
@@ -349,14 +353,16 @@ int CImgStack::Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx
     radians = kNone;
   const int stored =
       CImgMedianComposit::Store(slot, frame, yStart, yEnd, dx, dy, radians, 0, 0, nullptr, method);
-  if (!stored || !HasNegativeLobes(method) || form == CInterp::WholeShift || !levels) return stored;
+  const bool raises = HasNegativeLobes(method) && form != CInterp::WholeShift && levels;
+  if (!stored || !(raises || feather_ > 0)) return stored;
   const double c = std::cos(radians), s = std::sin(radians), cx = frame->GetWidth() * 0.5,
                cy = frame->GetHeight() * 0.5;
   const auto placeOf = [=](int x, int y) {
     const double u = x - cx - dx, v = cy - y + dy;
     return Point{c * u - s * v + cx, cy - (s * u + c * v)};
   };
-  RaiseUndershoot(slot, *frame, yStart, yEnd, placeOf, *levels);
+  if (raises) RaiseUndershoot(slot, *frame, yStart, yEnd, placeOf, *levels);
+  if (feather_ > 0) Fade(slot, *frame, yStart, yEnd, placeOf);
   return stored;
 }
 
@@ -372,11 +378,29 @@ int CImgStack::Store(int slot, CVelImage* frame, int yStart, int yEnd, const CFr
              {Band(slot).Values() + 1L * p * width, Band(slot).Valid() + 1L * p * width, width, rows,
               1L * planes * width});
   }
-  if (HasNegativeLobes(method) && levels) {
-    RaiseUndershoot(
-        slot, *frame, yStart, yEnd, [&](int x, int y) { return from.At(x, y - yStart); }, *levels);
-  }
+  const auto placeOf = [&](int x, int y) { return from.At(x, y - yStart); };
+  if (HasNegativeLobes(method) && levels) RaiseUndershoot(slot, *frame, yStart, yEnd, placeOf, *levels);
+  if (feather_ > 0) Fade(slot, *frame, yStart, yEnd, placeOf);
   return 1;
+}
+
+/// Tells by the flags how much each pixel counts. Pixel (x, y) of the target is read at placeOf(x, y).
+template <class F>
+void CImgStack::Fade(int slot, const CVelImage& frame, int yStart, int yEnd, F&& placeOf) {
+  const int width = Target().GetWidth(), planes = Target().GetPlanes();
+  const double right = frame.GetWidth(), bottom = frame.GetHeight();
+  ForLines(Team::All, yStart, EndOfBand(yStart, yEnd), [&](int y) {
+    int* const valid = Band(slot).Valid() + (y - yStart) * 1LL * planes * width;
+    for (int x = 0; x < width; ++x) {
+      if (!valid[x]) continue;
+      const Point p = placeOf(x, y);
+      const double inside = std::min({p.x + 1, p.y + 1, right - p.x, bottom - p.y});
+      const int share = static_cast<int>(CLineData::kWhole * std::clamp(inside / feather_, 0.0, 1.0));
+      for (int k = 0; k < planes; ++k) {
+        valid[k * 1LL * width + x] = std::max(share, 1);
+      }
+    }
+  });
 }
 
 /// Pixel (x, y) of the target is read at placeOf(x, y) of the frame.
@@ -460,11 +484,11 @@ double CImgStack::NoiseOf(int slot, int plane) const {
   return scatter_ ? scatter_->Noise(slot, plane) : 0;
 }
 
-long long CImgStack::BytesOfThread(size_t frames) {
-  constexpr long long kBytes =
-      20;  // of a value: sorted, as it was, its distance, and its share of sums and limits
+long long CImgStack::BytesOfThread(size_t frames, bool fades) {
+  // Of a value: sorted, as it was, its distance, and its part of sums and limits; and its share.
+  const long long bytes = fades ? 24 : 20;
   const int count = static_cast<int>(frames);
-  return kBytes * count * ColumnsAtOnce(count);
+  return bytes * count * ColumnsAtOnce(count);
 }
 
 void CImgStack::Stack(Method method, const Rejection& rejection, int y0, int y1) {
@@ -475,8 +499,8 @@ void CImgStack::Stack(Method method, const Rejection& rejection, int y0, int y1)
       method == Mean && rejection.test != Rejection::None ? scatter_.get() : nullptr;
   ForColumns(
       y0, y1, true, NormalizeItems() > 0, true, weights_,
-      [&, statistic = Statistic{method, rejection, weights_, scatter}](Columns& columns,
-                                                                       const Part& part) mutable {
+      [&, statistic = Statistic{method, rejection, weights_, scatter, feather_ > 0}](
+          Columns& columns, const Part& part) mutable {
         float* out = Target().GetWritableLine(part.x, part.y, part.plane);
         statistic(columns, part.x, part.y, part.plane, out);
         for (int x = 0; x < columns.Size(); ++x) {
@@ -492,6 +516,6 @@ void CImgStack::Stack(Method method, const Rejection& rejection, int y0, int y1)
           counts_[i] += statistic.counts[i];
         }
       },
-      scatter);
+      scatter, feather_ > 0);
   ShowBand(y1);
 }

@@ -41,6 +41,9 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
 
   /// The weights of each slot in means, positive; 1 unless set. Throws CInvalidArgException* for others.
   void SetWeights(std::span<const PlaneWeights> weights);
+  /// Lets frames fade into each other: in means a pixel counts the less the nearer to its frame's edge it is
+  /// read, by its distance over so many pixels, up to 1. 0, as at first: all count alike. Goes before Store.
+  void SetFeather(double pixels) { feather_ = pixels; }
   /// What a pixel becomes that no frame reaches: 0 unless set.
   void SetOutside(float value) { outside_ = value; }
   /// Images of the target's shape that get the number of values rejected in each pixel. Either may be null.
@@ -70,7 +73,7 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   double NoiseOf(int slot, int plane) const;
 
   /// What each thread of Stack takes beside the store, about.
-  static long long BytesOfThread(size_t frames);
+  static long long BytesOfThread(size_t frames, bool fades = false);
   /// Writes the rows y0 to y1 of the target, and of the maps. The median is that of CImgMedianComposit, and
   /// has no weights; means are weighted, and of what is not rejected. The result does not depend on bands or
   /// threads.
@@ -80,12 +83,15 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
 
  private:
   template <class F>
+  void Fade(int slot, const CVelImage& frame, int yStart, int yEnd, F&& placeOf);
+  template <class F>
   void RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd, F&& placeOf,
                        const korimg::FrameLevels& levels);
 
   std::vector<PlaneWeights> weights_;
   std::unique_ptr<korimg::FrameScatter> scatter_;
   float outside_ = 0;
+  double feather_ = 0;
   CVelImage* lowMap_ = nullptr;
   CVelImage* highMap_ = nullptr;
   std::vector<Counts> counts_;

@@ -59,6 +59,9 @@ class SmoothSurface {
         middleY_(height / 2.0),
         numbers_(NumbersOf(degree)) {}
 
+  /// Takes the numbers of a polynomial: of 1, u, v, u^2, u v, v^2 and so on.
+  void SetNumbers(std::vector<double> numbers) { numbers_ = std::move(numbers); }
+
   /// Fits a polynomial to values at the x and y of boxes, those of weight 0 left out; false when they do not
   /// suffice.
   template <class Box>

@@ -314,6 +314,42 @@ TEST(CImgStack, AFrameIsLaidByAMapInAnyBands) {
   }
 }
 
+TEST(CImgStack, FramesFadeIntoEachOther) {
+  // Two frames over one row of the target, with weights, one of them by a map; a third has an outlier.
+  constexpr int kSize = 60, kRows = 9, kFeather = 4;
+  const auto left = Make(MemoryStore(), 30, kRows, 2, [](int, int, int) { return 100; }),
+             right = Make(MemoryStore(), 36, kRows, 2, [](int, int, int) { return 200; });
+  for (const auto test : {Rejection::None, Rejection::Sigma}) {
+    for (const bool byMap : {false, true}) {
+      const auto target = Make(MemoryStore(), kSize, kRows, 2, Random(0, 1));
+      CImgStack stack(target.get());
+      stack.AllocateStoreBuffer(target.get(), 2, kRows);
+      stack.SetFeather(kFeather);
+      stack.SetWeights(std::vector<CImgStack::PlaneWeights>{{1, 1, 1}, {3, 1, 1}});
+      stack.Store(0, left.get(), 0, kRows - 1, 0, 0, 0, CInterp::MethodBicubic);
+      if (byMap) {
+        stack.Store(1, right.get(), 0, kRows - 1, CFrameMap({1, 0, 24, 0, 1, 0, 0, 0, 1}),
+                    CInterp::MethodBicubic);
+      } else {
+        stack.Store(1, right.get(), 0, kRows - 1, 24, 0, 0, CInterp::MethodBicubic);
+      }
+      stack.Stack(CImgStack::Mean, {test, 2, 2, 3}, 0, kRows - 1);
+      for (int p = 0; p < 2; ++p) {
+        for (int x = 0; x < kSize; ++x) {
+          const auto share = [](int at, int size) {
+            return std::clamp(std::min(at + 1, size - at) / 4.0, 0.0, 1.0);
+          };
+          const double a = x < 30 ? share(x, 30) : 0, b = x < 24 ? 0 : share(x - 24, 36) * (p == 0 ? 3 : 1);
+          ASSERT_NEAR(target->GetPixelGrayRaw(x, 4, p), (100 * a + 200 * b) / (a + b), 0.01)
+              << x << " " << byMap;
+        }
+      }
+      EXPECT_NEAR(target->GetPixelGrayRaw(24, 0, 1), (100 * 0.25 + 200 * 0.25) / 0.5, 0.01)
+          << "the upper edge fades too";
+    }
+  }
+}
+
 TEST(CImgStack, UndershootBesideBrightPixelsIsRaisedAndNothingElse) {
   // A sky of 100 with noise, a bright bar, and a dark pixel of the sensor.
   constexpr int kSize = 80, kDarkX = 60, kDarkY = 20;

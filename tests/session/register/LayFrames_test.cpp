@@ -22,7 +22,8 @@ struct Field {
     FrameMeasure measure;
     measure.width = kWidth;
     measure.height = kHeight;
-    measure.stars = Stars(way, static_cast<int>(0.75 * width), 0.06, static_cast<int>(ways.size()) + 1, width);
+    measure.stars =
+        Stars(way, static_cast<int>(0.75 * width), 0.06, static_cast<int>(ways.size()) + 1, width);
     measure.starCount = static_cast<int>(measure.stars.size());
     measure.fwhm = fwhm;
     measure.sky = sky;
@@ -102,8 +103,10 @@ TEST(LayFrames, ModelsAreAsAskedFor) {
     int good;  // at least
     bool hasLens;
   };
-  for (const Case& c : {Case{FrameModel::Auto, 6, true}, {FrameModel::Distortion, 6, true},
-                        {FrameModel::Homography, 1, false}, {FrameModel::Rigid, 1, false}}) {
+  for (const Case& c : {Case{FrameModel::Auto, 6, true},
+                        {FrameModel::Distortion, 6, true},
+                        {FrameModel::Homography, 1, false},
+                        {FrameModel::Rigid, 1, false}}) {
     const LaidFrames laid = field.Lay(0, {.model = c.model});
     const auto good = std::ranges::count_if(laid.registrations, [](const auto& r) { return r.IsGood(); });
     EXPECT_GE(good, c.good) << laid.model;
@@ -167,8 +170,8 @@ using MapFiles = files::FolderTest;
 TEST_F(MapFiles, StacksReadTheMapsThatAreWritten) {
   const CLensDistortion lens = CLensDistortion::Of(900, 700, {0.0625, -0.01, 1e-17, 1.0 / 3}),
                         other({1.5, 2.25}, 77, {0, 0, 0.125});
-  for (const CFrameMap& map :
-       {CFrameMap({1.02, -0.1, 4, 1.0 / 3, 0.97, -3, 1e-4, 1e-300, 1}, lens, other), CFrameMap({2, 0, 0, 0, 2, 0, 0, 0, 1})}) {
+  for (const CFrameMap& map : {CFrameMap({1.02, -0.1, 4, 1.0 / 3, 0.97, -3, 1e-4, 1e-300, 1}, lens, other),
+                               CFrameMap({2, 0, 0, 0, 2, 0, 0, 0, 1})}) {
     Registration registration{In("a.fits").string()};
     registration.status = "ok";
     registration.map = map;
@@ -180,11 +183,14 @@ TEST_F(MapFiles, StacksReadTheMapsThatAreWritten) {
     EXPECT_TRUE(read.map->FrameDistortion() == map.FrameDistortion());
     EXPECT_TRUE(read.map->ReferenceDistortion() == map.ReferenceDistortion());
   }
-  for (const char* wrong :
-       {R"({"matrix": [1, 2]})", R"({"matrix": [1, 0, 0, 0, -1, 0, 0, 0, 1]})", R"("no")", R"({"matrix": [1, 0, 0, 0, 1, 0, 0, 0, "x"]})",
-        R"({"matrix": [1, 0, 0, 0, 1, 0, 0, 0, 1], "frame_lens": {"centre": [1, 2], "scale": 0, "radial": [0, 0, 0]}})",
-        R"({"matrix": [1, 0, 0, 0, 1, 0, 0, 0, 0]})"}) {
-    files::WriteBytes(In("list"), "{\"file\": \"a.fits\", \"dx\": 0, \"dy\": 0, \"degrees\": 0, \"map\": " + std::string(wrong) + "}\n");
+  for (
+      const char* wrong :
+      {R"({"matrix": [1, 2]})", R"({"matrix": [1, 0, 0, 0, -1, 0, 0, 0, 1]})", R"("no")",
+       R"({"matrix": [1, 0, 0, 0, 1, 0, 0, 0, "x"]})",
+       R"({"matrix": [1, 0, 0, 0, 1, 0, 0, 0, 1], "frame_lens": {"centre": [1, 2], "scale": 0, "radial": [0, 0, 0]}})",
+       R"({"matrix": [1, 0, 0, 0, 1, 0, 0, 0, 0]})"}) {
+    files::WriteBytes(In("list"), "{\"file\": \"a.fits\", \"dx\": 0, \"dy\": 0, \"degrees\": 0, \"map\": " +
+                                      std::string(wrong) + "}\n");
     EXPECT_THROW(Transforms(In("list")), files::FileError) << wrong;
   }
 }

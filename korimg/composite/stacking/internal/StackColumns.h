@@ -63,8 +63,12 @@ class Columns {
   int Most() const { return most_; }
   int Size() const { return columns_; }
   const int* Counts() const { return counts_.data(); }
-  /// Of the values of each column, each by its frame's weight.
+  /// Of the values of each column, each by its weight.
   const double* Sums() const { return sums_.data(); }
+  /// By what frame i counts in each column, of its weight; null unless frames fade.
+  const float* Shares(int i) const {
+    return shares_.empty() ? nullptr : shares_.data() + static_cast<size_t>(i) * most_;
+  }
   /// The number of columns in which frame i has a real value.
   int Present(int i) const { return present_[i]; }
   /// Frame i's values, or when sorted the values of rank i.
@@ -134,6 +138,21 @@ class Columns {
     });
   }
 
+  /// Lets the values that frame i has count by what it is there of a whole one: `valid` of CLineData::kWhole.
+  void Fade(int i, const float* values, const int* valid, const Normaliser& normalise, double weight) {
+    shares_.resize(values_.size());
+    const float* row = Row(i);
+    float* shares = shares_.data() + static_cast<size_t>(i) * most_;
+    double* sums = sums_.data();
+    RunInLongVectors([=, columns = columns_]() KORIMG_IN_LOOP {
+      for (int x = 0; x < columns; ++x) {
+        shares[x] = static_cast<float>(valid[x]) * (1.0f / CLineData::kWhole);
+        const double less = weight * (1.0 - shares[x]) * normalise(values[x]);
+        sums[x] -= row[x] < kMissing ? less : 0.0;
+      }
+    });
+  }
+
   /// Sorts other columns as these, rows by Most() too. They have no NaN.
   void SortRows(float* first, int columns) const {
     const auto most = static_cast<size_t>(most_);
@@ -187,6 +206,7 @@ class Columns {
   std::vector<float> values_;
   std::vector<int> counts_;  ///< real values of each column
   std::vector<double> sums_;
+  std::vector<float> shares_;
   std::vector<int> present_;
   bool hasNan_ = false;
 };
@@ -194,11 +214,12 @@ class Columns {
 }  // namespace korimg
 
 /// Calls reduce(columns, part of the target) for the columns of each row and plane, values by frames. Each
-/// row has its own copy of `reduce`. Without weights all are 1. With a scatter, frames lie on one sky.
+/// row has its own copy of `reduce`. Without weights all are 1. With a scatter, frames lie on one sky; where
+/// they fade, flags tell how much of a whole pixel counts.
 template <class F>
 void CImgMedianComposit::ForColumns(int y0, int y1, bool threaded, bool normalised, bool finiteOnly,
                                     std::span<const std::array<double, 3>> weights, F&& reduce,
-                                    const korimg::FrameScatter* scatter) {
+                                    const korimg::FrameScatter* scatter, bool fades) {
   using namespace korimg;
   const int frames = static_cast<int>(store_.size()), width = target_->GetWidth(),
             planes = target_->GetPlanes();
@@ -219,9 +240,12 @@ void CImgMedianComposit::ForColumns(int y0, int y1, bool threaded, bool normalis
         columns.Start(std::min(columns.Most(), width - left));
         for (int i = 0; i < frames; ++i) {
           if (scatter) scatter->OffsetsOf(i, p, y, left, std::span(offsets).first(columns.Size()));
-          columns.Add(i, store_[i]->Values() + first + left, store_[i]->Valid() + first + left,
-                      normalisers[3 * i + std::min(p, 2)], weights.empty() ? 1 : weights[i][std::min(p, 2)],
-                      scatter ? offsets.data() : nullptr);
+          const float* values = store_[i]->Values() + first + left;
+          const int* valid = store_[i]->Valid() + first + left;
+          const Normaliser& normalise = normalisers[3 * i + std::min(p, 2)];
+          const double weight = weights.empty() ? 1 : weights[i][std::min(p, 2)];
+          columns.Add(i, values, valid, normalise, weight, scatter ? offsets.data() : nullptr);
+          if (fades) columns.Fade(i, values, valid, normalise, weight);
         }
         part(columns, Part{left, y, p});
       }
