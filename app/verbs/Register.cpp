@@ -38,6 +38,9 @@ void AddRegister(CLI::App& app, Tool& tool) {
   verb->add_option("--residual", options->residual, "pixels that stars may be off by in the mean")
       ->check(CLI::Range(0.01, 100.0));
   AddModel(*verb, options->model);
+  AddChoice(*verb, "--by", options->by, kLayBy,
+            "stars, or the light of frames without them; wcs: world coordinates; auto: these for what stars "
+            "do not lay");
   verb->add_option("--hdu", options->hdu, "number or name of the FITS extension to read");
   verb->footer(
       "A frame of width x height pixels lies on the reference once it is turned by `degrees`, clockwise "

@@ -426,6 +426,7 @@ void CompareFluxes(const std::vector<FrameMeasure>& frames, const FrameMeasure& 
   std::vector<std::vector<Point>> places(frames.size());
   for (size_t i = 0; i < frames.size(); ++i) {
     Registration& own = registrations[i];
+    own.fluxRatio.reset();
     if (!own.IsGood()) continue;
     places[i] = placesOf(frames[i], own);
     if (share(own, none) >= kMuch)

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <tuple>
 
 #include <fmt/format.h>
 
@@ -12,6 +13,7 @@
 #include "session/job/internal/SideBySide.h"
 #include "session/picture/Image.h"
 #include "session/picture/Images.h"
+#include "session/register/WorldMap.h"
 
 namespace korimg::session {
 namespace {
@@ -62,6 +64,30 @@ std::vector<char> LightsOfOneObject(const std::vector<files::Header>& headers) {
     lights.push_back(isLight(header) && text(header, "OBJECT") == most->first);
   }
   return lights;
+}
+
+/// Lays frames by their world coordinates: those that are not laid, or all.
+void LayByWorld(const std::vector<FrameMeasure>& frames, const std::vector<files::Header>& headers,
+                const files::Header& reference, bool all, std::vector<Registration>& registrations) {
+  for (size_t i = 0; i < frames.size(); ++i) {
+    Registration& own = registrations[i];
+    if (own.method == "reference" || own.status == "cannot be read" || (own.IsGood() && !all)) continue;
+    const auto map = MapByWorld(headers[i], reference);
+    if (!map) {
+      if (!all) continue;
+      own.status = "no match";
+      own.note = "it or the reference has no world coordinates of a gnomonic projection";
+      continue;
+    }
+    const CFrameMap::Pose pose = map->PoseOf(frames[i].width, frames[i].height);
+    own.dx = pose.dx, own.dy = pose.dy, own.degrees = pose.degrees;
+    own.map = map;
+    own.method = "wcs";
+    own.status = "ok";
+    own.stars = 0;
+    own.residual = 0;
+    own.note = "by its world coordinates";
+  }
 }
 
 /// A reference by itself, or less than half of the frames, is no success.
@@ -120,6 +146,7 @@ RegisterResult Register(Job& job, const RegisterOptions& options) {
   const LayOptions how{options.model, options.residual};
   fs::path referenceFile = options.reference;
   FrameMeasure reference;
+  files::Header referenceHeader;
   LaidFrames laid;
   const auto named = std::find_if(files.begin(), files.end(), [&](const fs::path& file) {
     return options.reference != "auto" && fs::equivalent(file, referenceFile);
@@ -129,8 +156,9 @@ RegisterResult Register(Job& job, const RegisterOptions& options) {
     laid = LayFrames(job, toLay, number, how);
     referenceFile = files[*laid.reference];
     reference = frames[*laid.reference];
+    referenceHeader = headers[*laid.reference];
   } else {
-    reference = measure(referenceFile).first;
+    std::tie(reference, referenceHeader) = measure(referenceFile);
     laid = LayFrames(
         job, toLay, reference, [&] { return load(referenceFile); }, how);
   }
@@ -138,6 +166,10 @@ RegisterResult Register(Job& job, const RegisterOptions& options) {
                       reference.starCount));
   if (!laid.model.empty()) job.Say("laid by: " + laid.model);
   std::vector<Registration> registrations = std::move(laid.registrations);
+  if (options.by != LayBy::Stars) {
+    LayByWorld(frames, headers, referenceHeader, options.by == LayBy::World, registrations);
+    CompareFluxes(frames, reference, registrations);
+  }
   NameCopies(frames, registrations);
   for (const fs::path& file : wanted) {
     if (std::find(files.begin(), files.end(), file) == files.end()) {

@@ -11,6 +11,15 @@
 
 namespace korimg::session {
 
+/// What frames are laid on the reference by.
+enum class LayBy {
+  Auto,  ///< their stars or their light; what these do not lay, by its world coordinates
+  Stars,
+  World  ///< world coordinates alone
+};
+inline const std::vector<Named<LayBy>> kLayBy = {
+    {"auto", LayBy::Auto}, {"stars", LayBy::Stars}, {"wcs", LayBy::World}};
+
 struct RegisterOptions {
   std::vector<std::filesystem::path> files;  ///< or folders of files
   std::string reference = "auto";            ///< an image, or the sharpest of the frames
@@ -18,6 +27,7 @@ struct RegisterOptions {
   double sigmas = 5;                         ///< of the sky's noise, that stars exceed
   double residual = 1;                       ///< pixels that stars may be off by in the mean
   FrameModel model = FrameModel::Auto;
+  LayBy by = LayBy::Auto;
 };
 
 struct RegisterResult {

@@ -1,0 +1,131 @@
+#include "session/register/WorldMap.h"
+
+#include <array>
+#include <cmath>
+#include <numbers>
+
+#include <fmt/format.h>
+
+#include "korimg/platform/CArray.h"
+
+namespace korimg::session {
+namespace {
+
+using Matrix = CFrameMap::Matrix;
+
+Matrix Product(const Matrix& a, const Matrix& b) {
+  Matrix product{};
+  for (int i = 0; i < 9; ++i) {
+    for (int k = 0; k < 3; ++k) {
+      product[i] += a[i / 3 * 3 + k] * b[3 * k + i % 3];
+    }
+  }
+  return product;
+}
+
+/// An image's gnomonic plane: from straight pixels to directions of the sky, up to their length.
+struct TangentPlane {
+  Matrix toSky;
+  CLensDistortion lens;
+};
+
+std::optional<CLensDistortion> Distortion(const files::Header& header, korimg::Point reference) {
+  CLensDistortion::Numbers numbers{};
+  const char* const axes[] = {"A", "B"};
+  constexpr int kOrders[CLensDistortion::kTerms][2] = {{2, 0}, {1, 1}, {0, 2}, {3, 0}, {2, 1}, {1, 2}, {0, 3}};
+  constexpr int kMostOrder = 9;
+  for (int axis = 0; axis < 2; ++axis) {
+    for (int p = 0; p <= kMostOrder; ++p) {
+      for (int q = 0; p + q <= kMostOrder; ++q) {
+        const double value = header.GetDouble(fmt::format("{}_{}_{}", axes[axis], p, q)).value_or(0);
+        if (value == 0) continue;
+        bool isKnown = false;
+        for (int term = 0; term < CLensDistortion::kTerms; ++term) {
+          if (kOrders[term][0] != p || kOrders[term][1] != q) continue;
+          numbers[CLensDistortion::kRadial + axis * CLensDistortion::kTerms + term] = value;
+          isKnown = true;
+        }
+        if (!isKnown) return std::nullopt;
+      }
+    }
+  }
+  // In units of the frame's size, so that what lies far outside goes on straight.
+  const double scale = std::max(korimg::Length(reference.x, reference.y), 100.0);
+  for (int axis = 0; axis < 2; ++axis) {
+    for (int term = 0; term < CLensDistortion::kTerms; ++term) {
+      numbers[CLensDistortion::kRadial + axis * CLensDistortion::kTerms + term] *=
+          std::pow(scale, kOrders[term][0] + kOrders[term][1] - 1);
+    }
+  }
+  return CLensDistortion(reference, scale, numbers);
+}
+
+std::optional<TangentPlane> PlaneOf(const files::Header& header) {
+  const std::string first = header.GetString("CTYPE1").value_or(""), second = header.GetString("CTYPE2").value_or("");
+  const auto number = [&](const std::string& key, double missing) { return header.GetDouble(key).value_or(missing); };
+  const auto isTan = [](const std::string& type, const char* axis) {
+    return type == std::string(axis) + "-TAN" || type == std::string(axis) + "-TAN-SIP";
+  };
+  if (!isTan(first, "RA--") || !isTan(second, "DEC-")) return std::nullopt;
+  if (header.GetDouble("PV2_1") || header.GetDouble("PV1_1")) return std::nullopt;  // distorted on the sky's side
+  for (const char* key : {"CRPIX1", "CRPIX2", "CRVAL1", "CRVAL2"}) {
+    if (!header.GetDouble(key)) return std::nullopt;
+  }
+  constexpr double kDegree = std::numbers::pi / 180;
+  const korimg::Point reference{number("CRPIX1", 0) - 1, number("CRPIX2", 0) - 1};
+  double cd[2][2];
+  const bool hasCd = header.GetDouble("CD1_1") || header.GetDouble("CD1_2") || header.GetDouble("CD2_1");
+  const double stepX = number("CDELT1", 1), stepY = number("CDELT2", 1), turn = number("CROTA2", 0) * kDegree;
+  const bool hasPc = header.GetDouble("PC1_1") || header.GetDouble("PC1_2") || header.GetDouble("PC2_1");
+  if (!hasCd && !header.GetDouble("CDELT1")) return std::nullopt;
+  for (int i = 0; i < 2; ++i) {
+    for (int k = 0; k < 2; ++k) {
+      const std::string index = fmt::format("{}_{}", i + 1, k + 1);
+      const double step = i == 0 ? stepX : stepY;
+      const double crota[2][2] = {{stepX * std::cos(turn), -stepY * std::sin(turn)},
+                                  {stepX * std::sin(turn), stepY * std::cos(turn)}};
+      cd[i][k] = kDegree * (hasCd   ? number("CD" + index, 0)
+                            : hasPc ? step * number("PC" + index, i == k ? 1 : 0)
+                                    : crota[i][k]);
+    }
+  }
+  const auto lens = first.ends_with("SIP") || header.GetDouble("A_ORDER") ? Distortion(header, reference)
+                                                                          : std::optional(CLensDistortion());
+  if (!lens) return std::nullopt;
+  // (x, y) on the plane, toward east and north, is the direction x e + y n + d.
+  const double a = number("CRVAL1", 0) * kDegree, d = number("CRVAL2", 0) * kDegree;
+  const double ca = std::cos(a), sa = std::sin(a), cosine = std::cos(d), sine = std::sin(d);
+  const Matrix plane{cd[0][0], cd[0][1], -cd[0][0] * reference.x - cd[0][1] * reference.y,
+                     cd[1][0], cd[1][1], -cd[1][0] * reference.x - cd[1][1] * reference.y, 0, 0, 1};
+  const Matrix sky{-sa, -sine * ca, cosine * ca, ca, -sine * sa, cosine * sa, 0, cosine, sine};
+  return TangentPlane{Product(sky, plane), *lens};
+}
+
+}  // namespace
+
+std::optional<CFrameMap> MapByWorld(const files::Header& image, const files::Header& other) {
+  const auto from = PlaneOf(image), to = PlaneOf(other);
+  if (!from || !to) return std::nullopt;
+  const Matrix& m = to->toSky;
+  const Matrix inverse{m[4] * m[8] - m[5] * m[7], m[2] * m[7] - m[1] * m[8], m[1] * m[5] - m[2] * m[4],
+                       m[5] * m[6] - m[3] * m[8], m[0] * m[8] - m[2] * m[6], m[2] * m[3] - m[0] * m[5],
+                       m[3] * m[7] - m[4] * m[6], m[1] * m[6] - m[0] * m[7], m[0] * m[4] - m[1] * m[3]};
+  const double determinant = m[0] * inverse[0] + m[1] * inverse[3] + m[2] * inverse[6];
+  Matrix matrix = Product(inverse, from->toSky);
+  for (double& number : matrix) {
+    number /= determinant;
+  }
+  // The image's reference point has to lie before the other plane.
+  const korimg::Point p = from->lens.IsNone() ? korimg::Point{image.GetDouble("CRPIX1").value_or(1) - 1,
+                                                              image.GetDouble("CRPIX2").value_or(1) - 1}
+                                              : from->lens.Centre();
+  if (!(matrix[6] * p.x + matrix[7] * p.y + matrix[8] > 0)) return std::nullopt;
+  try {
+    return CFrameMap(matrix, from->lens, to->lens);
+  } catch (CInvalidArgException* error) {
+    error->Delete();
+    return std::nullopt;
+  }
+}
+
+}  // namespace korimg::session
