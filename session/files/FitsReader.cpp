@@ -138,6 +138,25 @@ class FitsReader : public ImageReader {
         RowsRunUp(info_.header, false) && TurnRows(info_.header, {info_.width, info_.height, info_.planes});
   }
 
+  std::unique_ptr<ImageReader> OpenExtension(const std::string& name) const override {
+    if (info_.header.GetString("EXTEND") != "T") return nullptr;
+    std::uint64_t offset = 0;
+    for (int number = 0; offset < file_.Size(); ++number) {
+      const std::optional<Hdu> hdu = ReadHdu(offset);
+      if (!hdu) return nullptr;
+      if (number > info_.hdu && SameName(hdu->header.GetString("EXTNAME").value_or(""), name)) {
+        auto extension = std::make_unique<FitsReader>(info_.path, ReadOptions{.hdu = std::to_string(number)});
+        const ImageInfo& own = extension->Info();
+        if (own.width == info_.width && own.height == info_.height && own.planes == info_.planes)
+          return extension;
+        Fail(fmt::format("its extension {} is {} x {} x {}, but the image {} x {} x {}; write them anew",
+                         name, own.width, own.height, own.planes, info_.width, info_.height, info_.planes));
+      }
+      offset = After(*hdu);
+    }
+    return nullptr;
+  }
+
  protected:
   void Read(const Band<float>& to) override {
     for (int p = 0; p < info_.planes; ++p) {
@@ -276,11 +295,16 @@ class FitsReader : public ImageReader {
         info_.hduName = name != "COMPRESSED_IMAGE" ? name : "";
         return std::move(*hdu);
       }
-      const double next = static_cast<double>(hdu->start) + hdu->bytes;
-      offset = next >= static_cast<double>(file_.Size())
-                   ? file_.Size()
-                   : (static_cast<std::uint64_t>(next) + kFitsBlock - 1) / kFitsBlock * kFitsBlock;
+      offset = After(*hdu);
     }
+  }
+
+  /// Where the next unit begins.
+  std::uint64_t After(const Hdu& hdu) const {
+    const double next = static_cast<double>(hdu.start) + hdu.bytes;
+    return next >= static_cast<double>(file_.Size())
+               ? file_.Size()
+               : (static_cast<std::uint64_t>(next) + kFitsBlock - 1) / kFitsBlock * kFitsBlock;
   }
 
   /// Fills the public description, and checks that the file has all the pixels.

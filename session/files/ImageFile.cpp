@@ -357,6 +357,11 @@ std::unique_ptr<ImageWriter> ImageWriter::Create(const fs::path& path, const Wri
   if (options.planes == 2 && format->create != CreateFits) {
     throw FileError(path, fmt::format("cannot write 2 planes to {}; FITS files hold them", extension));
   }
+  if (!options.extensions.empty() && format->create != CreateFits) {
+    throw FileError(path, fmt::format("{} files hold no mask and no uncertainty; name a FITS file, or write "
+                                      "the image without them",
+                                      extension));
+  }
   std::error_code error;
   const fs::file_status status = fs::symlink_status(path, error);
   if (fs::exists(status) && fs::is_directory(fs::status(path, error)))
@@ -368,7 +373,7 @@ std::unique_ptr<ImageWriter> ImageWriter::Create(const fs::path& path, const Wri
 }
 
 ImageWriter::ImageWriter(const fs::path& path, const WriteOptions& options, bool anyOrder)
-    : path_(path), options_(options), anyOrder_(anyOrder) {}
+    : path_(path), options_(options), anyOrder_(anyOrder), rowsOfExtensions_(options.extensions.size()) {}
 
 void ImageWriter::WriteRows(const Band<const float>& from) {
   CheckBand(path_, from, options_.width, options_.height, options_.planes);
@@ -378,13 +383,18 @@ void ImageWriter::WriteRows(const Band<const float>& from) {
                             "in order",
                             path_.string(), from.Top(), rowsWritten_)));
   }
-  if (from.Rows() > 0) Write(Stored(from));
+  if (from.Rows() > 0) Write(Stored(from, options_.scale));
   rowsWritten_ += from.Rows();
 }
 
+void ImageWriter::WriteExtension(size_t number, const Band<const float>& from) {
+  CheckBand(path_, from, options_.width, options_.height, options_.planes);
+  if (from.Rows() > 0) WriteBeside(number, Stored(from, Scale()));
+  rowsOfExtensions_.at(number) += from.Rows();
+}
+
 /// The rows as they are stored: on their scale, and in their order.
-Band<const float> ImageWriter::Stored(const Band<const float>& from) {
-  const Scale& scale = options_.scale;
+Band<const float> ImageWriter::Stored(const Band<const float>& from, const Scale& scale) {
   if (scale.IsPlain() && !RunsUp()) return from;
   const int rows = from.Rows();
   const Band<float> stored =
@@ -403,6 +413,11 @@ Band<const float> ImageWriter::Stored(const Band<const float>& from) {
 void ImageWriter::Commit() {
   if (rowsWritten_ < options_.height) {
     throw FileError(path_, fmt::format("only {} of {} rows were written", rowsWritten_, options_.height));
+  }
+  for (size_t i = 0; i < rowsOfExtensions_.size(); ++i) {
+    if (rowsOfExtensions_[i] == options_.height) continue;
+    throw FileError(path_, fmt::format("only {} of {} rows of {} were written", rowsOfExtensions_[i],
+                                       options_.height, options_.extensions[i].name));
   }
   Finish();
 }

@@ -159,6 +159,10 @@ class KORIMG_SESSION_API ImageReader {
   /// @throws FileError on damaged data, std::out_of_range if the band is not one of the image.
   void ReadRows(const Band<float>& to);
 
+  /// Opens an extension of that name that belongs to the image; null where the file has none.
+  /// @throws FileError if it is of another size, and as Open does.
+  virtual std::unique_ptr<ImageReader> OpenExtension(const std::string& /*name*/) const { return nullptr; }
+
  protected:
   virtual void Read(const Band<float>& to) = 0;
   /// Brings stored numbers that were read to info_'s scale.
@@ -170,6 +174,13 @@ class KORIMG_SESSION_API ImageReader {
   std::shared_ptr<const ConstantBorder> border_;
 };
 
+/// Another image of the same shape that is stored beside one.
+struct Extension {
+  std::string name;                ///< EXTNAME
+  std::string type;                ///< float32 or uint8
+  std::vector<std::string> cards;  ///< of its header, beside those of its layout
+};
+
 struct WriteOptions {
   int width = 0, height = 0;  ///< pixels
   int planes = 1;             ///< 1 or 3; FITS: 2 too
@@ -179,6 +190,7 @@ struct WriteOptions {
   bool verbatim = false;   ///< FITS: write the header's cards as they are, all of them
   bool overwrite = false;  ///< replace an existing file
   Scale scale = {};        ///< of uint16: on which the pixels are stored; the file says so
+  std::vector<Extension> extensions = {};  ///< FITS
 };
 
 /// An image being written: to "<name>.part" beside the final name, which it takes in Commit(). Without
@@ -197,6 +209,8 @@ class KORIMG_SESSION_API ImageWriter {
   /// @throws FileError when the disk is full, std::out_of_range if the band is not one of the image, or out
   /// of order.
   void WriteRows(const Band<const float>& from);
+  /// The same for an extension, numbered from 0.
+  void WriteExtension(size_t number, const Band<const float>& from);
 
   /// The final name.
   const std::filesystem::path& Path() const { return path_; }
@@ -210,16 +224,19 @@ class KORIMG_SESSION_API ImageWriter {
   /// True when rows are stored from the lowest up.
   virtual bool RunsUp() const { return false; }
   virtual void Write(const Band<const float>& from) = 0;
+  /// For the formats that hold extensions.
+  virtual void WriteBeside(size_t /*extension*/, const Band<const float>& /*from*/) {}
   virtual void Finish() = 0;
 
   std::filesystem::path path_;
   WriteOptions options_;
 
  private:
-  Band<const float> Stored(const Band<const float>& from);
+  Band<const float> Stored(const Band<const float>& from, const Scale& scale);
 
   bool anyOrder_;
   std::int64_t rowsWritten_ = 0;
+  std::vector<std::int64_t> rowsOfExtensions_;
   BandBuffer stored_;
 };
 

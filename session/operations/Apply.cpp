@@ -8,6 +8,11 @@
 #include "session/picture/Images.h"
 
 namespace korimg::session {
+namespace {
+
+constexpr const char* kLeftOut = "operations do not carry uncertainties and masks along: they are left out";
+
+}  // namespace
 
 std::string ApplyOptions::Text() const {
   std::string text;
@@ -32,6 +37,10 @@ void Apply(Job& job, const ApplyOptions& options, Image& image) {
     CRect* window = options.rect ? &rect : nullptr;
     std::optional<Blend> blend;
     if (options.blend.Any()) blend.emplace(job, options.blend, image.Pixels(), image.Header(), window);
+    if (image.QualityOfPixels().Any()) {
+      job.Warn(kLeftOut);
+      image.QualityOfPixels() = {};
+    }
     for (const Step& step : options.steps) {
       step.Run(job, image, window);
       if (blend) blend->CheckShape(image.Pixels(), step.What().name);
@@ -45,6 +54,11 @@ void ApplyFile(Job& job, const ApplyOptions& options) {
     CheckSteps(options);
     job.CheckOutput(options.output);
     Image image = Image::Open(job, job.MakeStore(options.store), options.input, {.hdu = options.hdu});
+    const bool mayHaveQuality = image.Header().GetString("EXTEND") == "T";
+    if (mayHaveQuality &&
+        QualityReader(*files::ImageReader::Open(options.input, {.hdu = options.hdu})).Any()) {
+      job.Warn(fmt::format("{}: {}", options.input.string(), kLeftOut));
+    }
     Apply(job, options, image);
     image.Header().AddHistory(fmt::format("korimg {} {}", Version(), options.Text()));
     SaveImage(job, image.Pixels(), image.Header(), options.output, {.integers = options.integers});

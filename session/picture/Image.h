@@ -11,6 +11,7 @@
 #include "session/Export.h"
 #include "session/files/ImageFile.h"
 #include "session/job/Job.h"
+#include "session/picture/Quality.h"
 
 namespace korimg::session {
 
@@ -48,6 +49,8 @@ class KORIMG_SESSION_API Image {
   const files::ImageInfo& Info() const { return info_; }
   files::Header& Header() { return info_.header; }
   const files::Header& Header() const { return info_.header; }
+  /// What is known of the pixels beside their values: nothing, unless who made them put it here.
+  session::Quality& QualityOfPixels() { return quality_; }
 
   /// Copies the rows of a band out of the image, or into it.
   void ReadRows(const Band<float>& to) const;
@@ -62,6 +65,7 @@ class KORIMG_SESSION_API Image {
  private:
   std::shared_ptr<CVmManager> store_;
   std::unique_ptr<CVelImage> pixels_;  ///< ends before its store
+  session::Quality quality_;
   files::ImageInfo info_;
 };
 

@@ -175,7 +175,7 @@ bool IsPng(const std::filesystem::path& path) {
 
 ImageSaver::ImageSaver(Job& job, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
                        const files::Header& header, const SaveOptions& options)
-    : shape_(shape), levels_(levels) {
+    : shape_(shape), levels_(levels), uncertainty_(options.uncertainty), mask_(options.mask) {
   const bool byLevels = IsPng(path) && !options.integers;
   files::WriteOptions write{shape.width, shape.height, shape.planes};
   write.header = header;
@@ -197,7 +197,26 @@ ImageSaver::ImageSaver(Job& job, const std::filesystem::path& path, const Shape&
     write.header.Remove(LevelKey("MIN", p));
     write.header.Remove(LevelKey("MAX", p));
   }
+  write.extensions = QualityExtensions(uncertainty_, mask_, options.correlation);
+  if (!write.extensions.empty() && !header.GetString("BUNIT")) {
+    write.header.Set("BUNIT", "adu", "raw values");
+  }
   writer_ = files::ImageWriter::Create(path, write);
+}
+
+void ImageSaver::WriteQuality(const Band<const float>& variance, const Band<const float>& mask) {
+  const int top = nextQuality_;
+  nextQuality_ += uncertainty_ ? variance.Rows() : mask.Rows();
+  if (mask_) writer_->WriteExtension(uncertainty_ ? 1 : 0, mask.At(top));
+  if (!uncertainty_) return;
+  const Band<float> deviations = deviations_.Get(shape_.planes, shape_.width, top, variance.Rows());
+  for (int p = 0; p < shape_.planes; ++p) {
+    for (int y = 0; y < variance.Rows(); ++y) {
+      std::ranges::transform(variance.Plane(p)[y], deviations.Plane(p)[y].begin(),
+                             [](float v) { return std::sqrt(v); });
+    }
+  }
+  writer_->WriteExtension(0, deviations);
 }
 
 void ImageSaver::Write(const Band<const float>& rows) {
@@ -219,8 +238,10 @@ void ImageSaver::Write(const Band<const float>& rows) {
 }
 
 void SaveImage(Job& job, CVelImage& image, const files::Header& header, const std::filesystem::path& path,
-               const SaveOptions& options) {
+               const SaveOptions& options, const Quality& quality) {
   SaveOptions scaled = options;
+  scaled.uncertainty = quality.variance != nullptr;
+  scaled.mask = quality.mask != nullptr;
   // Levels that nobody chose make no picture: planes of their own extremes would lose their colours.
   scaled.integers |= IsPng(path) && !image.HasOwnLevel();
   if (scaled.integers) {
@@ -244,6 +265,14 @@ void SaveImage(Job& job, CVelImage& image, const files::Header& header, const st
     job.EndProgress();
   } else {
     ForBands<Access::Read>(job, image, title, [&](const Band<const float>& band) { saver.Write(band); });
+  }
+  if (quality.Any()) {
+    const CVelImage& any = *(quality.variance ? quality.variance : quality.mask);
+    const int rows = BandRows(any.GetWidth(), any.GetPlanes(), any.GetHeight());
+    for (int top = 0; top < any.GetHeight(); top += rows) {
+      const QualityRows band = quality.Rows(top, std::min(rows, any.GetHeight() - top));
+      saver.WriteQuality(band.variance, band.mask);
+    }
   }
   saver.Commit();
 }

@@ -13,6 +13,7 @@
 #include "session/Export.h"
 #include "session/files/ImageFile.h"
 #include "session/job/Job.h"
+#include "session/picture/Quality.h"
 
 namespace korimg::session {
 
@@ -55,6 +56,9 @@ struct SaveOptions {
   bool integers = false;  ///< 16-bit values in place of floats, for FITS and TIFF
   /// On which those stand; SaveImage finds it by the image's own range.
   files::Scale scale = {};
+  /// What is written beside the pixels, into FITS files.
+  bool uncertainty = false, mask = false;
+  Correlation correlation = kUncorrelated;
 };
 
 /// What an image's pixels mean on a picture, by plane: raw values that are black and white, and the share of
@@ -88,14 +92,17 @@ class KORIMG_SESSION_API ImageSaver {
              const files::Header& header, const SaveOptions& options = {});
   /// Writes the next rows, whatever they count from.
   void Write(const Band<const float>& rows);
+  /// Writes the next rows of what the options want beside them.
+  void WriteQuality(const Band<const float>& variance, const Band<const float>& mask);
   void Commit() { CommitComputed(*writer_); }
 
  private:
   Shape shape_;
   Levels levels_;
   bool bringsToOne_ = false;  ///< each plane from its own levels to 0 to 65535
-  int next_ = 0;
-  BandBuffer scaled_;
+  bool uncertainty_, mask_;
+  int next_ = 0, nextQuality_ = 0;
+  BandBuffer scaled_, deviations_;
   std::unique_ptr<files::ImageWriter> writer_;
 };
 
@@ -127,9 +134,11 @@ class KORIMG_SESSION_API PictureSaver {
 };
 
 /// PNG holds the image's own range where nobody chose its levels. TIFF and PNG are upright by the header's
-/// sky; FITS files lie as the image does.
+/// sky; FITS files lie as the image does. What is known of its quality is written too.
+/// @throws FileError for a quality and another format than FITS.
 KORIMG_SESSION_API void SaveImage(Job& job, CVelImage& image, const files::Header& header,
-                                  const std::filesystem::path& path, const SaveOptions& options = {});
+                                  const std::filesystem::path& path, const SaveOptions& options = {},
+                                  const Quality& quality = {});
 KORIMG_SESSION_API void SavePicture(Job& job, CVelImage& image, const Levels& levels,
                                     const std::filesystem::path& path, int shrink, bool overturned = false);
 /// A JPEG of an image in memory.
