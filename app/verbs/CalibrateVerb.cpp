@@ -3,6 +3,27 @@
 #include "session/calibrate/Calibrate.h"
 
 namespace korimg::tool {
+namespace {
+
+void AddNoiseOptions(CLI::App& verb, QualityOptions& options) {
+  verb.add_option("--gain", options.gain,
+                  "electrons of a raw value, for --uncertainty; else by EGAIN, or by the noise of flats")
+      ->check(CLI::PositiveNumber);
+  verb.add_option("--read-noise", options.readNoise,
+                  "electrons, for --uncertainty; else by the noise of darks or biases, or by RDNOISE")
+      ->check(CLI::PositiveNumber);
+}
+
+}  // namespace
+
+void AddQualityOptions(CLI::App& verb, QualityOptions& options) {
+  verb.add_flag("--uncertainty", options.uncertainty,
+                "write the standard deviation of each pixel too, as the FITS extension UNCERT");
+  verb.add_flag(
+      "--mask", options.mask,
+      "write what is wrong with each pixel too, as the FITS extension MASK: 0 nothing, else bits that "
+      "its header names");
+}
 
 void AddCalibrationOptions(CLI::App& verb, CalibrateOptions& options) {
   verb.add_option("--out", options.out, "folder for the results")->required();
@@ -28,6 +49,8 @@ void AddCalibrationOptions(CLI::App& verb, CalibrateOptions& options) {
   verb.add_flag("--maps", options.maps,
                 "write the maps of hot and cold pixels too, as hot_pixels.fits: 1 hot, -1 cold, 0 good");
   AddMosaicOptions(verb, options.develop);
+  AddQualityOptions(verb, options.quality);
+  AddNoiseOptions(verb, options.quality);
 }
 
 void AddCalibrate(CLI::App& app, Tool& tool) {
@@ -46,7 +69,8 @@ void AddCalibrate(CLI::App& app, Tool& tool) {
     tool.Begin();
     CheckWhiteBalance(options->develop.whiteBalance);
     const bool mends = options->cosmetic == Cosmetic::Auto;
-    if (options->darks.empty() && options->flats.empty() && options->biases.empty() && !mends) {
+    const bool hasFrames = !options->darks.empty() || !options->flats.empty() || !options->biases.empty();
+    if (!hasFrames && !mends && !options->quality.Any()) {
       throw UsageError("nothing to calibrate with: give --dark, --flat, --bias or --cosmetic auto");
     }
     if (options->maps && !mends) throw UsageError("--maps writes what --cosmetic auto finds; give both");

@@ -34,6 +34,8 @@ void AddSimulate(CLI::App& app, Tool& tool) {
   verb->add_option("--dither", options->simulate.dither,
                    "lights lie up to this share of the frame's sides off; 0: up to 12 pixels");
   verb->add_option("--seed", options->simulate.seed, "the same seed gives the same bytes");
+  verb->add_option("--noise-seed", options->simulate.noiseSeed,
+                   "of photons and readout alone: the same sky and camera again with other noise");
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {
     tool.Begin();

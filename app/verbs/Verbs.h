@@ -44,6 +44,9 @@ void AddImageOptions(CLI::App& verb, bool& paged, bool& integers);
 /// Adds the options of calibration but the frames themselves.
 void AddCalibrationOptions(CLI::App& verb, CalibrateOptions& options);
 
+/// Adds the options that want uncertainties and masks.
+void AddQualityOptions(CLI::App& verb, QualityOptions& options);
+
 /// Adds the options of stacking but the frames themselves.
 void AddStackChoices(CLI::App& verb, StackChoices& choices);
 

@@ -28,7 +28,8 @@ class LightWriter {
 
   /// What nothing was taken off is not written again.
   std::optional<fs::path> Output(const Light& light) const {
-    if (!light.Changes() && session_.Options().cosmetic == Cosmetic::None) return std::nullopt;
+    const CalibrateOptions& options = session_.Options();
+    if (!light.Changes() && options.cosmetic == Cosmetic::None && !options.quality.Any()) return std::nullopt;
     return session_.Options().out / (light.stem + ".fits");
   }
   /// Apart from the frames, which are often read as a folder.
@@ -73,12 +74,14 @@ class LightWriter {
     const fs::path& out = session_.Options().out;
     fs::create_directories(session_.Options().previews ? out / "previews" : out);
     const auto& lights = session_.Lights();
+    const QualityOptions& quality = session_.Options().quality;
     std::vector<CalibratedLight> results;
     for (const Light& light : lights) {
       results.push_back(Planned(light));
     }
     SideBySide(
-        job_, "calibrating frame", lights.size(), BytesOf(lights.front().frame.info),
+        job_, "calibrating frame", lights.size(),
+        BytesOf(lights.front().frame.info) * (1 + quality.uncertainty + quality.mask),
         [&](size_t i) { return Write(lights[i]); },
         [&](size_t i, const auto& result) {
           job_.ForEachFile(
@@ -120,14 +123,25 @@ class LightWriter {
         }
         return levels;
       };
-      SaveDeveloped(job_, development, info.header, levelsBy(LevelMethod::Histogram),
-                    Preview(light) ? levelsBy(LevelMethod::Auto) : Levels(), *Output(light), {},
-                    Preview(light), kPreviewSide, [&](CVelImage& band) {
-                      if (pedestal > 0) Calculate(band, Calculation::Add, pedestal);
-                    });
+      const QualityOptions& wanted = session_.Options().quality;
+      const QualityRows mosaic = calibrated.loaded.QualityOfPixels().Rows(0, image.GetHeight());
+      const DevelopedNoise* noise = session_.NoiseOfDevelopment(light);
+      SaveDeveloped(
+          job_, development, info.header, levelsBy(LevelMethod::Histogram),
+          Preview(light) ? levelsBy(LevelMethod::Auto) : Levels(), *Output(light),
+          {.uncertainty = wanted.uncertainty,
+           .mask = wanted.mask,
+           .correlation = noise ? noise->CorrelationOfNoise() : kUncorrelated},
+          Preview(light), kPreviewSide,
+          [&](CVelImage& band) {
+            if (pedestal > 0) Calculate(band, Calculation::Add, pedestal);
+          },
+          [&](const QualityRows& rows) { noise->Fill(mosaic, rows); });
     } else {
       LevelForPreview(image, kPreviewSide);
-      if (const auto output = Output(light)) SaveImage(job_, image, info.header, *output);
+      if (const auto output = Output(light)) {
+        SaveImage(job_, image, info.header, *output, {}, calibrated.loaded.QualityOfPixels());
+      }
       if (const auto preview = Preview(light)) {
         SavePicture(job_, image, StretchForPicture(image), *preview,
                     ShrinkTo({image.GetWidth(), image.GetHeight()}, kPreviewSide),

@@ -8,6 +8,7 @@
 #include "session/Export.h"
 #include "session/develop/Develop.h"
 #include "session/job/Named.h"
+#include "session/picture/Quality.h"
 
 namespace korimg::session {
 
@@ -32,7 +33,8 @@ struct CalibrateOptions {
   bool misfitsMayBeMissing = false;  ///< a light that the calibration frames do not fit is a warning
   bool previews = false;             ///< a small picture of each light too, in the folder previews
   Cosmetic cosmetic = Cosmetic::None;
-  bool maps = false;  ///< the maps of hot and cold pixels too, as hot_pixels.fits
+  bool maps = false;       ///< the maps of hot and cold pixels too, as hot_pixels.fits
+  QualityOptions quality;  ///< what is written beside the results
 
   /// What stays in the output beside light.
   double KeptPedestal() const { return pedestal.value_or(0); }

@@ -4,12 +4,13 @@
 #include <cmath>
 #include <map>
 
+#include "korimg/calibration/MedianOfFrames.h"
 #include "korimg/image/internal/Lines.h"
 #include "korimg/image/internal/Numbers.h"
 #include "korimg/image/internal/SortingNetwork.h"
 #include "korimg/image/internal/Vectors.h"
-#include "korimg/raw/internal/HoneycombLattice.h"
 
+#include "session/develop/Develop.h"
 #include "session/files/Mosaic.h"
 #include "session/picture/Image.h"
 
@@ -17,16 +18,7 @@ namespace korimg::session {
 
 namespace {
 
-constexpr int kColours = 3, kBetweenSites = -1;
-
-int ColourOf(int cfa, int x, int y) {
-  if (cfa == 0) return 0;
-  if (const auto lattice = HoneycombLattice::Of(cfa)) {
-    return lattice->IsSite(x, y) ? lattice->ColourAt(x, y) : kBetweenSites;
-  }
-  const files::RedSite red = files::FindRed(cfa);
-  return ((x - red.x) & 1) + ((y - red.y) & 1);
-}
+constexpr int kColours = 3;
 
 /// The median of numbers, which change places; of an even count the mean of the middle two.
 float MedianOf(std::vector<float>& values) {
@@ -330,7 +322,8 @@ bool DefectMap::IsGood(int x, int y) const {
   return found == last || found->x != x;
 }
 
-void DefectMap::Mend(const std::function<float*(int)>& rowOf, int top, int bottom) const {
+void DefectMap::Mend(const RowOf& rowOf, int top, int bottom, const RowOf& varianceOf,
+                     const RowOf& maskOf) const {
   constexpr size_t kEnough = 4;
   std::vector<float> near;
   for (size_t i = rows_[top]; i < rows_[bottom]; ++i) {
@@ -339,6 +332,7 @@ void DefectMap::Mend(const std::function<float*(int)>& rowOf, int top, int botto
     if (!std::isfinite(pixel)) continue;
     near.clear();
     int distance = 0;
+    double variances = 0;
     for (const auto& [dx, dy] : sameColour_.About(x, y)) {
       const int own = dx * dx + dy * dy;
       if (near.size() >= kEnough && own > distance) break;
@@ -347,8 +341,14 @@ void DefectMap::Mend(const std::function<float*(int)>& rowOf, int top, int botto
       if (!std::isfinite(v) || !IsGood(x + dx, y + dy)) continue;
       near.push_back(v);
       distance = own;
+      if (varianceOf) variances += varianceOf(y + dy)[x + dx];
     }
-    if (!near.empty()) pixel = MedianOf(near);
+    if (near.empty()) continue;
+    pixel = MedianOf(near);
+    const auto count = static_cast<double>(near.size());
+    if (varianceOf) varianceOf(y)[x] = static_cast<float>(MedianVariance(count) * variances / count);
+    // What the defect itself had come to is no longer in the value.
+    if (maskOf) maskOf(y)[x] = isHot ? MaskBit::Hot : MaskBit::Cold;
   }
 }
 

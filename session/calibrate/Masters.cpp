@@ -18,6 +18,17 @@
 #include "session/picture/Images.h"
 
 namespace korimg::session {
+
+float ScaleEnd(const files::ImageInfo& info, bool lessBlack) {
+  constexpr float kCamera = 65535;
+  if (info.camera) return static_cast<float>(info.camera->white - (lessBlack ? info.camera->black[0] : 0));
+  if (info.type.starts_with("float")) return kCamera;
+  if (info.type == "uint16" && info.bscale == 1) return kCamera;
+  if (info.type == "uint8") return static_cast<float>(info.bzero + 255 * info.bscale);
+  if (info.type == "int16") return static_cast<float>(info.bzero + 32767 * info.bscale);
+  return static_cast<float>(info.bzero + 2147483647 * info.bscale);
+}
+
 namespace {
 
 constexpr size_t kBandPixels = 4 << 20;  // of all frames of a group together
@@ -28,17 +39,6 @@ files::ReadOptions FlatOptions(const Group& group, bool hasOffset) {
   return {.lessBlack = group.kind == FrameKind::Flat && !hasOffset,
           .manyOpen = group.frames.size() > 1,
           .lessBorder = true};
-}
-
-/// The largest value that a file's pixels can have. Floats are taken for those of a 16-bit camera.
-float ScaleEnd(const files::ImageInfo& info, bool lessBlack) {
-  constexpr float kCamera = 65535;
-  if (info.camera) return static_cast<float>(info.camera->white - (lessBlack ? info.camera->black[0] : 0));
-  if (info.type.starts_with("float")) return kCamera;
-  if (info.type == "uint16" && info.bscale == 1) return kCamera;
-  if (info.type == "uint8") return static_cast<float>(info.bzero + 255 * info.bscale);
-  if (info.type == "int16") return static_cast<float>(info.bzero + 32767 * info.bscale);
-  return static_cast<float>(info.bzero + 2147483647 * info.bscale);
 }
 
 /// Lets as many files be open as the system allows: all frames of a group are read band by band.
@@ -227,17 +227,6 @@ class Stack {
   CVelImage* offset_ = nullptr;
 };
 
-/// The variance of a pixel between frames of a group.
-double NoiseVariance(const Group& group) {
-  std::vector<double> variances;
-  for (const Stack::Piece& piece : Stack({group.kind, group.name, {group.frames[0], group.frames[1]}},
-                                         {.manyOpen = true, .lessBorder = true})
-                                       .Noise()) {
-    variances.push_back(piece.variance / 2);
-  }
-  return UpperMedian(variances);
-}
-
 /// Share of an image's pixels that a condition holds for.
 template <class Condition>
 double ShareWhere(CVelImage& image, Condition&& holds) {
@@ -301,6 +290,16 @@ void EqualiseCells(CVelImage& image, int cfa) {
 }
 
 }  // namespace
+
+double NoiseVariance(const Group& group) {
+  std::vector<double> variances;
+  for (const Stack::Piece& piece : Stack({group.kind, group.name, {group.frames[0], group.frames[1]}},
+                                         {.manyOpen = true, .lessBorder = true})
+                                       .Noise()) {
+    variances.push_back(piece.variance / 2);
+  }
+  return UpperMedian(variances);
+}
 
 double ShareBelow(CVelImage& image, float value) {
   return ShareWhere(image, [value](float v) { return v < value; });

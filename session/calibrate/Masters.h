@@ -35,6 +35,12 @@ struct KORIMG_SESSION_API Master {
   std::string Text() const;
 };
 
+/// The variance of a pixel between the frames of a group, by its first two.
+double NoiseVariance(const Group& group);
+
+/// The largest value that a file's pixels can have. Floats are taken for those of a 16-bit camera.
+float ScaleEnd(const files::ImageInfo& info, bool lessBlack);
+
 /// Share of an image's pixels that are less than a value.
 double ShareBelow(CVelImage& image, float value);
 

@@ -270,7 +270,9 @@ void Session::Prepare() {
   CheckLights();
   SaveMasters();
   FindDefects();
+  FindNoise();
   ChooseWhiteBalances();
+  MeasureDevelopments();
 }
 
 void Session::MakeMasters() {
@@ -843,11 +845,17 @@ Session::Calibrated Session::LoadLight(const Light& light) const {
                     0};
   CheckUnchanged(light, result.loaded.Info());
   CVelImage& image = result.loaded.Pixels();
+  const Band<float> all = Image::RowsOf(image, 0, image.GetHeight());
+  Quality& quality = result.loaded.QualityOfPixels();
+  QualityRows rows;
+  if (options_.quality.Any()) {
+    quality = NewQuality(store_, options_.quality, all.Width(), all.Rows(), all.Planes());
+    rows = quality.Rows(0, all.Rows());
+    FillQuality(light, result.loaded.Info(), all, rows);
+  }
   const long long clipped = Apply(light, image, ImageOf(light.Offset(), light), ImageOf(light.flat, light));
   result.clipped = static_cast<double>(clipped) / static_cast<double>(Pixels(image));
-  if (const DefectMap* defects = DefectsOf(light)) {
-    defects->Mend(Image::RowsOf(image, 0, image.GetHeight()), 0, image.GetHeight());
-  }
+  if (const DefectMap* defects = DefectsOf(light)) defects->Mend(all, 0, all.Rows(), rows);
   return result;
 }
 
@@ -893,6 +901,20 @@ void Session::ChooseWhiteBalances() {
   }
 }
 
+void Session::MeasureDevelopments() {
+  for (const Light& light : lights_) {
+    if (!options_.quality.Any() || light.mosaic.cfa == 0 || developedNoise_.contains(CameraOf(light)))
+      continue;
+    developedNoise_.emplace(
+        CameraOf(light), DevelopedNoise(job_, light.mosaic, balances_.at(CameraOf(light)), options_.develop));
+  }
+}
+
+const DevelopedNoise* Session::NoiseOfDevelopment(const Light& light) const {
+  const auto found = developedNoise_.find(CameraOf(light));
+  return found == developedNoise_.end() ? nullptr : &found->second;
+}
+
 /// Takes the offset off and divides by the flat. Answers how many pixels were clipped.
 long long Session::Apply(const Light& light, CVelImage& image, CVelImage* offset, CVelImage* flat) const {
   const double kept = options_.KeptPedestal();
@@ -906,6 +928,22 @@ long long Session::Apply(const Light& light, CVelImage& image, CVelImage* offset
   }
   if (kept > 0) Calculate(image, Calculation::Add, kept);
   return clipped;
+}
+
+void Session::FillQuality(const Light& light, const files::ImageInfo& info, const Band<const float>& raw,
+                          const QualityRows& to) const {
+  const auto rowsOf = [&](const Group* group) {
+    CVelImage* image = ImageOf(group, light);
+    return image ? Image::RowsOf(*image, raw.Top(), raw.Rows(), true) : Band<float>();
+  };
+  const auto known = noise_.find(&light);
+  NoiseModel noise = known == noise_.end() ? NoiseModel() : known->second;
+  noise.saturation = ScaleEnd(info, !light.Offset());
+  const Master* flat = MasterOf(light.flat);
+  // As the lights are: flats without differences divide nothing.
+  const bool divides = flat && flat->measures.minima[0] != flat->measures.maxima[0];
+  noise.Fill(raw, rowsOf(light.Offset()), divides ? rowsOf(light.flat) : Band<float>(),
+             divides ? flat->measures.averages : nullptr, to);
 }
 
 double Session::PedestalOf(const Light& light) const {
@@ -930,6 +968,12 @@ void Session::Describe(files::Header& header, const Light& light, double clipped
   if (const DefectMap* defects = DefectsOf(light)) {
     header.AddHistory(fmt::format("{} hot and {} cold pixels became the median of good ones about them",
                                   defects->Hot(), defects->Cold()));
+  }
+  if (const auto noise = noise_.find(&light); noise != noise_.end()) {
+    header.AddHistory(
+        fmt::format("uncertainty: by {:.4g} electrons of a raw value, and a deviation of {:.4g} "
+                    "raw values without light",
+                    noise->second.gain, std::sqrt(noise->second.floor)));
   }
   const double source = offset ? 0 : header.GetDouble("PEDESTAL").value_or(0);
   if (offset) {
@@ -958,35 +1002,50 @@ CalibratedRows::CalibratedRows(const Session& session, const Light& light,
 }
 
 /// Calibrates rows where they are to lie. What mends their hot and cold pixels lies above and below too.
-void CalibratedRows::Read(const Band<float>& to) {
+void CalibratedRows::Read(const Band<float>& to, const QualityRows& quality) {
   seen_ += 1LL * to.Planes() * to.Width() * to.Rows();
   // One row after the other in all planes, as the masters are: parts of one plane have nothing between them.
   const auto rowsIn = [&](BandBuffer& buffer, int top, int bottom) {
     return buffer.Get(to.Planes(), to.Width(), top, bottom - top);
   };
   const Band<float> own = to.IsDense() ? to : rowsIn(dense_, to.Top(), to.Bottom());
-  clipped_ += Calibrate(own);
+  clipped_ += Calibrate(own, quality);
   if (const DefectMap* defects = session_.DefectsOf(light_)) {
     const Band<float> above = rowsIn(above_, std::max(to.Top() - DefectMap::kReach, 0), to.Top()),
                       below = rowsIn(below_, to.Bottom(),
                                      std::min(to.Bottom() + DefectMap::kReach, reader_->Info().height));
-    Calibrate(above);
-    Calibrate(below);
+    const auto qualityOf = [&](QualityBuffer& buffer, const Band<float>& rows) {
+      return buffer.Get(quality, to.Planes(), to.Width(), rows.Top(), rows.Rows());
+    };
+    const QualityRows aboveQuality = qualityOf(aboveQuality_, above),
+                      belowQuality = qualityOf(belowQuality_, below);
+    Calibrate(above, aboveQuality);
+    Calibrate(below, belowQuality);
     const auto rowOf = [&](int y) {
       return (y < own.Top() ? above : y < own.Bottom() ? own : below).Row(0, y).data();
     };
-    defects->Mend(rowOf, to.Top(), to.Bottom());
+    const auto varianceOf = [&](int y) {
+      const QualityRows& rows = y < own.Top() ? aboveQuality : y < own.Bottom() ? quality : belowQuality;
+      return rows.variance.Row(0, y).data();
+    };
+    const auto maskOf = [&](int y) { return quality.mask.Row(0, y).data(); };
+    using RowOf = DefectMap::RowOf;
+    defects->Mend(rowOf, to.Top(), to.Bottom(), quality.variance.Planes() > 0 ? varianceOf : RowOf(),
+                  quality.mask.Planes() > 0 ? maskOf : RowOf());
   }
   if (!to.IsDense()) CopyPixels(own, to);
 }
 
 /// By the rows of the masters where those lie. Answers how many pixels were limited at 0.
-long long CalibratedRows::Calibrate(const Band<float>& rows) {
+long long CalibratedRows::Calibrate(const Band<float>& rows, const QualityRows& quality) {
   constexpr int kAtOnce = 128;  // so that each step finds them in the caches
   long long clipped = 0;
   for (int top = rows.Top(); top < rows.Bottom(); top += kAtOnce) {
     const Band<float> part = rows.Part(top, std::min(kAtOnce, rows.Bottom() - top));
     reader_->ReadRows(part);
+    if (quality.Any()) {
+      session_.FillQuality(light_, reader_->Info(), part, quality.Part(top, part.Rows()));
+    }
     const auto rowsOf = [&](const Group* group) {
       CVelImage* image = session_.ImageOf(group, light_);
       return image ? ImageOver(Image::RowsOf(*image, top, part.Rows(), true), session_.store_)
@@ -1017,18 +1076,21 @@ LightRows::LightRows(const Session& session, const Light& light,
   shape_ = development_->Size();
 }
 
-void LightRows::Read(const Band<float>& to) {
-  if (!development_ && to.IsDense()) return ReadCalibrated(to);
+void LightRows::Read(const Band<float>& to, const QualityRows& quality) {
+  if (!development_ && to.IsDense()) return rows_.Read(to, quality);
   // Little memory beside what the rows are for, and many rows beside the margins of development.
   constexpr int kAtOnce = 128;
   for (int top = to.Top(); top < to.Bottom(); top += kAtOnce) {
-    ReadBand(to.Part(top, std::min(kAtOnce, to.Bottom() - top)));
+    const int rows = std::min(kAtOnce, to.Bottom() - top);
+    ReadBand(to.Part(top, rows), quality.Part(top, rows));
   }
 }
 
-void LightRows::ReadBand(const Band<float>& to) {
-  if (!development_) return ReadCalibrated(to);
+void LightRows::ReadBand(const Band<float>& to, const QualityRows& quality) {
+  if (!development_) return rows_.Read(to, quality);
+  wanted_ = quality;
   const auto band = development_->Rows(to.Top(), to.Bottom());
+  if (quality.Any()) session_.NoiseOfDevelopment(light_)->Fill(mosaic_, quality);
   // Gains are for light alone: the pedestal comes back after them.
   if (session_.options_.KeptPedestal() > 0)
     Calculate(*band, Calculation::Add, session_.options_.KeptPedestal());
@@ -1037,7 +1099,8 @@ void LightRows::ReadBand(const Band<float>& to) {
 
 /// What is to be developed has no pedestal.
 void LightRows::ReadCalibrated(const Band<float>& to) {
-  rows_.Read(to);
+  mosaic_ = mosaicRows_.Get(wanted_, to.Planes(), to.Width(), to.Top(), to.Rows());
+  rows_.Read(to, mosaic_);
   const auto pedestal = static_cast<float>(session_.options_.KeptPedestal());
   if (light_.mosaic.cfa == 0 || !(pedestal > 0)) return;
   for (int y = to.Top(); y < to.Bottom(); ++y) {

@@ -105,6 +105,16 @@ std::array<double, 4> GainsByMedians(CVelImage& image, int cfa) {
 
 }  // namespace
 
+int ColourOf(int cfa, int x, int y) {
+  constexpr int kBetweenSites = -1;
+  if (cfa == 0) return 0;
+  if (const auto lattice = HoneycombLattice::Of(cfa)) {
+    return lattice->IsSite(x, y) ? lattice->ColourAt(x, y) : kBetweenSites;
+  }
+  const files::RedSite red = files::FindRed(cfa);
+  return ((x - red.x) & 1) + ((y - red.y) & 1);
+}
+
 void CheckWhiteBalance(const std::string& wanted) {
   if (wanted == "auto" || wanted == "camera" || wanted == "none" || ParseGains(wanted)) return;
   throw UsageError(
@@ -390,7 +400,8 @@ void Development::ForBands(Job& job, const std::string& title,
 void SaveDeveloped(Job& job, Development& development, const files::Header& header, const Levels& levels,
                    const Levels& pictureLevels, const std::filesystem::path& output, const SaveOptions& save,
                    const std::optional<std::filesystem::path>& preview, int side,
-                   const std::function<void(CVelImage&)>& change) {
+                   const std::function<void(CVelImage&)>& change,
+                   const std::function<void(const QualityRows&)>& quality) {
   const Shape shape = development.Size();
   ImageSaver image(job, output, shape, levels, header, save);
   std::optional<PictureSaver> picture;
@@ -400,6 +411,16 @@ void SaveDeveloped(Job& job, Development& development, const files::Header& head
   }
   const auto policy = CParallel::GetMaxThreads() > 1 ? std::launch::async : std::launch::deferred;
   std::future<void> writing;
+  int next = 0;
+  BandBuffer variances, masks;
+  const auto writeQuality = [&](int top, int rows) {
+    const auto room = [&](bool isWanted, BandBuffer& buffer) {
+      return isWanted ? buffer.Get(shape.planes, shape.width, top, rows) : Band<float>();
+    };
+    const QualityRows filled{room(save.uncertainty, variances), room(save.mask, masks)};
+    quality(filled);
+    image.WriteQuality(filled.variance, filled.mask);
+  };
   development.ForBands(
       job, "developing " + output.filename().string(),
       [&](std::unique_ptr<CVelImage> band) {
@@ -408,7 +429,11 @@ void SaveDeveloped(Job& job, Development& development, const files::Header& head
         const Band<const float> rows = Image::RowsOf(*band, 0, band->GetHeight(), true);
         if (picture) picture->Write(rows);
         if (writing.valid()) writing.get();
-        writing = std::async(policy, [&image, rows, band = std::move(band)] { image.Write(rows); });
+        writing = std::async(policy, [&, rows, top = next, band = std::move(band)] {
+          image.Write(rows);
+          if (save.uncertainty || save.mask) writeQuality(top, rows.Rows());
+        });
+        next += rows.Rows();
       },
       turns);
   writing.get();

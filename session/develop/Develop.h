@@ -34,6 +34,10 @@ struct WhiteBalance {
 /// @throws UsageError for a white balance that is neither a known word nor four positive numbers.
 KORIMG_SESSION_API void CheckWhiteBalance(const std::string& wanted);
 
+/// The colour of a photosite: 0 red, 1 green, 2 blue; less than 0 between the sites of a honeycomb. All are 0
+/// without a mosaic.
+int ColourOf(int cfa, int x, int y);
+
 /// True when the colours of a mosaic show in the rows of a file: cells of 2 x 2 whose places have medians
 /// that differ by half of their pixels' noise and more, but those of one diagonal much less.
 KORIMG_SESSION_API bool PhasesDiffer(files::ImageReader& reader);
@@ -100,11 +104,13 @@ class KORIMG_SESSION_API Development {
 };
 
 /// Writes what development gives into an image file, and a small picture where one is wanted. `change` works
-/// on each band before. A band is written while the next one is developed.
+/// on each band before, and `quality` fills what is to be saved of its rows beside it. A band is written
+/// while the next one is developed.
 KORIMG_SESSION_API void SaveDeveloped(Job& job, Development& development, const files::Header& header,
                                       const Levels& levels, const Levels& pictureLevels,
                                       const std::filesystem::path& output, const SaveOptions& save,
                                       const std::optional<std::filesystem::path>& preview, int side,
-                                      const std::function<void(CVelImage&)>& change);
+                                      const std::function<void(CVelImage&)>& change,
+                                      const std::function<void(const QualityRows&)>& quality = {});
 
 }  // namespace korimg::session

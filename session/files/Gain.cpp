@@ -44,6 +44,13 @@ Gain FindGain(const Header& header, double noise) {
   return {*electrons * frames, frames > 1 ? fmt::format("{}, {:g} frames", key, frames) : key};
 }
 
+std::optional<double> FindReadNoise(const Header& header) {
+  for (const char* key : {"RDNOISE", "READNOIS"}) {
+    if (const auto noise = header.GetDouble(key); noise && *noise > 0) return noise;
+  }
+  return std::nullopt;
+}
+
 void DropGain(Header& header) {
   if (IsInElectrons(header, "GAIN")) header.Remove("GAIN");
   header.Remove("EGAIN");

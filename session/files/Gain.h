@@ -1,6 +1,7 @@
 // What a raw value is worth in electrons.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "session/Export.h"
@@ -18,6 +19,9 @@ struct Gain {
 /// `noise`, the deviation of a pixel of the sky, tells when values were brought to another scale since: there
 /// is no less of it than hundredths of an electron.
 KORIMG_SESSION_API Gain FindGain(const Header& header, double noise);
+
+/// The read noise in electrons, by RDNOISE or READNOIS; none where neither says one.
+KORIMG_SESSION_API std::optional<double> FindReadNoise(const Header& header);
 
 /// Removes the cards that FindGain goes by, where values are no counts of the camera any more.
 KORIMG_SESSION_API void DropGain(Header& header);

@@ -541,7 +541,7 @@ class Session {
 #pragma omp for schedule(dynamic)
         for (int y = y0; y < band.Bottom(); ++y) {
           Expect(kind, frame, y, row);
-          Random random({options_.seed, kNoise, kind, Key(frame), Key(y)});
+          Random random({NoiseSeed(), kNoise, kind, Key(frame), Key(y)});
           float* out = band.Row(0, y).data();
           for (std::size_t x = 0; x < row.size(); ++x) {
             const double electrons = random.Poisson(row[x]) + kReadNoise * random.Normal();
@@ -553,6 +553,10 @@ class Session {
       writer->WriteRows(band);
     }
     writer->Commit();
+  }
+
+  std::uint64_t NoiseSeed() const {
+    return options_.noiseSeed ? options_.noiseSeed : options_.seed;
   }
 
   static std::string Time(int seconds) {
@@ -581,6 +585,7 @@ class Session {
     header.Set("GAIN", 100, "gain step of the camera");
     header.Set("OFFSET", 50, "offset step of the camera");
     header.Set("EGAIN", kGain, "[e-/ADU]");
+    header.Set("RDNOISE", kReadNoise, "[e-]");
     header.Set("XBINNING", 1);
     header.Set("YBINNING", 1);
     header.Set("XPIXSZ", 3.76, "[um] pixel width");

@@ -21,8 +21,9 @@ struct SimulateOptions {
   double barrel = 0;       ///< share of its distance by which the lens draws a corner to the middle, 0 to 0.1
   double dither = 0;       ///< lights lie up to this share of the sides off, 0 to 0.5; 0: up to 12 pixels
   std::uint64_t seed = 1;  ///< the same seed and options give the same bytes, whatever the threads
-  bool overwrite = false;  ///< replace existing files
-  int threads = 0;         ///< 0: as many as OpenMP gives
+  std::uint64_t noiseSeed = 0;  ///< of the photons and the readout alone; 0: as all else
+  bool overwrite = false;       ///< replace existing files
+  int threads = 0;              ///< 0: as many as OpenMP gives
   /// Called after each file with the number of files done and of all; false cancels.
   std::function<bool(int done, int total)> progress = {};
 };

@@ -57,10 +57,17 @@ class DefectMap {
   /// Gives the defects of rows top to bottom - 1 the median of the nearest good pixels of their colour, four
   /// or all that are as near as the fourth. `rowOf` answers the pixels of these and those that are kReach
   /// away, as far as the image has them. Pixels that are no finite numbers stay, and stand in for none; so
-  /// does what has no good one of its colour near.
-  void Mend(const std::function<float*(int y)>& rowOf, int top, int bottom) const;
-  void Mend(const Band<float>& rows, int top, int bottom) const {
-    Mend([&](int y) { return rows.Row(0, y).data(); }, top, bottom);
+  /// does what has no good one of its colour near. With the variances of the same rows they get that of what
+  /// stands in, and the mask of their own rows tells of them.
+  using RowOf = std::function<float*(int y)>;
+  void Mend(const RowOf& rowOf, int top, int bottom, const RowOf& varianceOf = {},
+            const RowOf& maskOf = {}) const;
+  void Mend(const Band<float>& rows, int top, int bottom, const QualityRows& quality = {}) const {
+    const auto rowsOf = [](const Band<float>& band) -> RowOf {
+      if (band.Planes() == 0) return {};
+      return [band](int y) { return band.Row(0, y).data(); };
+    };
+    Mend(rowsOf(rows), top, bottom, rowsOf(quality.variance), rowsOf(quality.mask));
   }
   /// 1 where a pixel is hot, -1 where it is cold, else 0.
   std::unique_ptr<CVelImage> ToImage(const std::shared_ptr<CVmManager>& store) const;

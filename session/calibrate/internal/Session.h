@@ -13,6 +13,8 @@
 #include "session/calibrate/Calibrate.h"
 #include "session/calibrate/Masters.h"
 #include "session/calibrate/internal/DefectMap.h"
+#include "session/calibrate/internal/NoiseModel.h"
+#include "session/develop/DevelopedNoise.h"
 #include "session/job/Job.h"
 #include "session/job/Json.h"
 #include "session/picture/Image.h"
@@ -93,10 +95,13 @@ class Session {
     double clipped;  ///< share of the pixels limited at 0
   };
   /// A light from its file, less its offset and divided by its flat, its hot and cold pixels mended; mosaics
-  /// stay. What of its edges holds one value throughout is NaN.
+  /// stay. What of its edges holds one value throughout is NaN. Its quality comes with it where the options
+  /// want it.
   Calibrated LoadLight(const Light& light) const;
   /// The development of a light's mosaic, calibrated and free of its pedestal.
   Development Develop(MosaicSource source, const Light& light, files::ImageInfo& info) const;
+  /// What that makes of the quality of its photosites; null where none is wanted.
+  const DevelopedNoise* NoiseOfDevelopment(const Light& light) const;
   /// Puts what was done into the header of a light.
   void Describe(files::Header& header, const Light& light, double clipped) const;
 
@@ -131,6 +136,12 @@ class Session {
   bool LacksOffsets() const;
   void PlanDefects();
   void FindDefects();
+  void FindNoise();
+  void MeasureDevelopments();
+  NoiseModel NoiseOf(const Light& light);
+  double GainOf(const Light& light) const;
+  double FloorOf(const Light& light, double gain);
+  double FrameVarianceOf(const Group& group);
   DefectMap FindInLights(Defects& defects, const files::ImageInfo& info, int cfa) const;
   void SaveMap(const Defects& defects) const;
   void ChooseWhiteBalances();
@@ -140,6 +151,10 @@ class Session {
   /// The levels that LoadLight gives.
   Levels MosaicLevels(const Light& light) const;
   long long Apply(const Light& light, CVelImage& image, CVelImage* offset, CVelImage* flat) const;
+  /// The quality of raw rows once they are calibrated, their defects not yet mended; `info` as it is once
+  /// they were read.
+  void FillQuality(const Light& light, const files::ImageInfo& info, const Band<const float>& raw,
+                   const QualityRows& to) const;
   /// How far below 0 a light's pixels may lie once their offset is taken off.
   double PedestalOf(const Light& light) const;
 
@@ -161,8 +176,11 @@ class Session {
   std::map<const Group*, double> pedestals_;  ///< for the noise of the lights that an offset serves
   std::list<Defects> defects_;
   std::map<const Light*, const Defects*> defectsOf_;
+  std::map<const Light*, NoiseModel> noise_;
+  std::map<const Group*, double> frameVariances_, levelsOfOffsets_;  ///< as far as they were asked for
   std::map<std::string, WhiteBalance> balances_;
-  mutable std::map<const Light*, Levels> levels_;  ///< those of MosaicLevels that took a whole light
+  std::map<std::string, DevelopedNoise> developedNoise_;  ///< by cameras
+  mutable std::map<const Light*, Levels> levels_;         ///< those of MosaicLevels that took a whole light
   mutable std::mutex levelsMutex_;
 };
 
@@ -173,18 +191,19 @@ class CalibratedRows {
                  std::shared_ptr<const files::ConstantBorder> border);
 
   files::ImageReader& Reader() const { return *reader_; }
-  /// Hot and cold pixels are mended.
-  void Read(const Band<float>& to);
+  /// Hot and cold pixels are mended. The quality of the same rows is filled as far as it is asked for.
+  void Read(const Band<float>& to, const QualityRows& quality = {});
   /// Share of the pixels read so far that were limited at 0.
   double Clipped() const;
 
  private:
-  long long Calibrate(const Band<float>& rows);
+  long long Calibrate(const Band<float>& rows, const QualityRows& quality);
 
   const Session& session_;
   const Light& light_;
   std::unique_ptr<files::ImageReader> reader_;
   BandBuffer dense_, above_, below_;
+  QualityBuffer aboveQuality_, belowQuality_;
   long long clipped_ = 0, seen_ = 0;
 };
 
@@ -202,12 +221,12 @@ class LightRows {
   /// What the file says, and what was done to it.
   const files::ImageInfo& Info() const { return info_; }
   const std::shared_ptr<const files::ConstantBorder>& Border() const { return rows_.Reader().Border(); }
-  /// Fills a band of the developed image.
-  void Read(const Band<float>& to);
+  /// Fills a band of the developed image, and the quality of the same rows as far as it is asked for.
+  void Read(const Band<float>& to, const QualityRows& quality = {});
   double Clipped() const { return rows_.Clipped(); }
 
  private:
-  void ReadBand(const Band<float>& to);
+  void ReadBand(const Band<float>& to, const QualityRows& quality);
   void ReadCalibrated(const Band<float>& to);
 
   const Session& session_;
@@ -215,6 +234,8 @@ class LightRows {
   CalibratedRows rows_;
   files::ImageInfo info_;
   std::unique_ptr<Development> development_;
+  QualityRows wanted_, mosaic_;  ///< of the rows that are developed, and of the mosaic's that were read
+  QualityBuffer mosaicRows_;
   Shape shape_;
 };
 
