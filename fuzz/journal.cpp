@@ -16,7 +16,9 @@ constexpr int kWidth = 5, kHeight = 7;
 constexpr std::size_t kFrames = 2;
 
 Journal Open(const std::filesystem::path& output, bool maps, Journal::Use use) {
-  return Journal(output, "digest", {kWidth, kHeight, 1}, maps, kFrames, use);
+  Journal::Images images = {&StackBand::result};
+  if (maps) images.insert(images.end(), {&StackBand::low, &StackBand::high});
+  return Journal(output, "digest", {kWidth, kHeight, 1}, images, kFrames, use);
 }
 
 /// The pixel that a band holds at a place of one of its images.

@@ -59,6 +59,12 @@ void AddStack(CLI::App& app, Tool& tool) {
   verb->add_flag("--rejection-maps", options->maps,
                  "write NAME_low and NAME_high too: the number of values rejected in each pixel");
   verb->add_flag(
+      "--uncertainty", options->uncertainty,
+      "write the standard deviation of each pixel too, by the UNCERT that calibrate wrote with the "
+      "frames, as the FITS extension UNCERT");
+  verb->add_flag("--mask", options->mask,
+                 "write what is wrong with each pixel too, as the FITS extension MASK");
+  verb->add_flag(
       "--resume", options->resume,
       "go on with what a killed run of the same call left in OUTPUT.resume, and leave it there if this "
       "one is cancelled");

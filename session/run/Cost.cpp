@@ -102,15 +102,18 @@ Cost CostOf(const Job& job, const Workload& work) {
     // Lights that are measured, as developed, each with its work space.
     const long long light = 2 * image;
     measured = std::max(measured, light * std::clamp<long long>(job.Memory() / 2 / light, 1, FramesAtOnce()));
-    const int images = work.hasGradients ? 3 : 2;  // the stack, what is measured on it, and its gradient
-    // Values and flags of all lights, if they fit.
+    // The stack, what is measured on it, its gradient, and what is known of it.
+    const int images = (work.hasGradients ? 3 : 2) + work.qualityImages;
+    // Values, flags and variances of all lights, if they fit.
+    const int parts = work.qualityImages > 0 ? 3 : 2;
     const long long rows =
-        std::min(DefaultStackMemory(job), 2 * (static_cast<long long>(stack.lights) + 1) * image);
+        std::min(DefaultStackMemory(job), parts * (static_cast<long long>(stack.lights) + 1) * image);
     bands = std::max(bands, rows);
     saved = std::max(saved, images * image);
-    stacked = std::max(stacked, rows + image);
+    stacked = std::max(stacked, rows + (1 + work.qualityImages) * image);
     cost.results += kThumbnail * static_cast<long long>(stack.lights) + kStackBytes * values + 4 * kHeader;
     if (work.hasGradients) cost.results += image + kHeader;
+    cost.results += work.qualityImages * (image + kHeader);
     sources += image;
     colour.width = std::max(colour.width, stack.shape.width);
     colour.height = std::max(colour.height, stack.shape.height);

@@ -243,6 +243,7 @@ class Road {
   Workload Work() const {
     Workload work{.hasColour = colours_.has_value(),
                   .hasGradients = options_.gradient,
+                  .qualityImages = options_.calibrate.quality.uncertainty + options_.calibrate.quality.mask,
                   .out = options_.calibrate.out,
                   .masterFolder = options_.calibrate.masters};
     for (const Group* group : session_.NeededGroups()) {
@@ -556,6 +557,12 @@ class Road {
       input.read = [this, frame](const Band<float>& to) {
         LightRows(session_, *frame->light, frame->border).Read(to);
       };
+      input.readQuality = [this, frame](const Band<float>& to, const QualityRows& quality) {
+        LightRows(session_, *frame->light, frame->border).Read(to, quality);
+      };
+      if (const DevelopedNoise* noise = session_.NoiseOfDevelopment(*frame->light)) {
+        input.correlation = noise->CorrelationOfNoise();
+      }
       inputs.push_back(std::move(input));
     }
     return inputs;
@@ -581,8 +588,11 @@ class Road {
       return;
     }
     std::vector<StackInput> inputs = Inputs(used);
+    const QualityOptions& wanted = options_.calibrate.quality;
     StackOptions options = options_.stack.Options();
     options.memory = DefaultStackMemory(job_);
+    options.uncertainty = wanted.uncertainty;
+    options.mask = wanted.mask;
     std::vector<double> fwhms;
     for (const Progress* frame : used) {
       fwhms.push_back(frame->measure.fwhm);
@@ -601,13 +611,17 @@ class Road {
 
     const auto store = job_.MakeStore();
     CVelImage image(store, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr);
-    const auto count = [&](const StackBand& band) {
+    const Quality quality = NewQuality(store, wanted, shape.width, shape.height, shape.planes);
+    const auto take = [&](const StackBand& band) {
       for (size_t i = 0; i < band.counts.size(); ++i) {
         used[i]->counts += band.counts[i];
       }
+      const QualityRows rows = quality.Rows(band.result.Top(), band.result.Rows());
+      if (quality.variance) CopyPixels(band.variance, rows.variance);
+      if (quality.mask) CopyPixels(band.mask, rows.mask);
     };
-    Stack(job_, inputs, static_cast<int>(reference), options, 0, count, &image);
-    KeepStack(target, used, digest, SaveStack(target, used, *used[reference], image));
+    Stack(job_, inputs, static_cast<int>(reference), options, 0, take, &image);
+    KeepStack(target, used, digest, SaveStack(target, used, *used[reference], image, quality));
   }
 
   /// All that a stack and its files depend on.
@@ -616,6 +630,9 @@ class Road {
     KeptJson made{{"korimg", Version()},           {"stack", options_.stack.Text()},
                   {"gradient", options_.gradient}, {"lights", target.frames.size()},
                   {"reference", reference.digest}, {"grid", Grid().digest}};
+    const QualityOptions& quality = options_.calibrate.quality;
+    made["quality"] = {quality.uncertainty, quality.mask, quality.gain.value_or(0),
+                       quality.readNoise.value_or(0)};
     for (const Progress* frame : used) {
       const Registration& r = frame->registration;
       made["frames"].push_back({frame->digest, frame->weights, r.dx, r.dy, r.degrees, r.fluxRatio.value_or(0),
@@ -695,7 +712,7 @@ class Road {
 
   /// Answers what is told of it beside the numbers of all stacks.
   Json SaveStack(const Target& target, const std::vector<Progress*>& used, const Progress& reference,
-                 CVelImage& image) {
+                 CVelImage& image, const Quality& quality) {
     LightRows source(session_, *reference.light);
     files::Header first = source.Info().header;
     session_.Describe(first, *reference.light, reference.clipped);
@@ -739,7 +756,7 @@ class Road {
     FrameMeasure measure;
     Levels shown;
     const std::vector<std::function<void()>> own{
-        [&] { SaveImage(job_, image, header, made.file); },
+        [&] { SaveImage(job_, image, header, made.file, {}, quality); },
         [&] { SaveImage(job_, image, header, Path(target.name + "_16bit.tif"), {.integers = true}); },
         [&] { SaveImage(job_, image, header, Path(target.name + "_float.tif")); },
         [&] { measure = MeasureFrame(image); }};

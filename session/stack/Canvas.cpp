@@ -220,18 +220,34 @@ std::vector<FrameSky> MatchSkies(Job& job, const std::vector<StackInput>& inputs
 }
 
 void TakeOff(const FrameSky& sky, StackInput& input) {
-  input.read = [read = std::move(input.read), sky](const Band<float>& to) {
-    read(to);
-    std::vector<float> surface(to.Width());
-    const auto scale = static_cast<float>(sky.scale);
-    for (int p = 0; p < to.Planes(); ++p) {
-      for (int y = to.Top(); y < to.Bottom(); ++y) {
+  const auto scale = static_cast<float>(sky.scale);
+  const auto takeOff = [sky, scale](const Band<float>& from) {
+    std::vector<float> surface(from.Width());
+    for (int p = 0; p < from.Planes(); ++p) {
+      for (int y = from.Top(); y < from.Bottom(); ++y) {
         sky.surfaces[p].Row(y, 0, surface);
-        float* row = to.Row(p, y).data();
-        for (int x = 0; x < to.Width(); ++x) {
+        float* row = from.Row(p, y).data();
+        for (int x = 0; x < from.Width(); ++x) {
           row[x] = row[x] * scale - surface[x];
         }
       }
+    }
+  };
+  input.read = [read = std::move(input.read), takeOff](const Band<float>& to) {
+    read(to);
+    takeOff(to);
+  };
+  if (!input.readQuality) return;
+  input.readQuality = [read = std::move(input.readQuality), takeOff, scale](const Band<float>& to,
+                                                                            const QualityRows& quality) {
+    read(to, quality);
+    takeOff(to);
+    for (int p = 0; p < quality.variance.Planes(); ++p) {
+      quality.variance.Plane(p).ForRuns([=](Row<float> run) {
+        for (float& v : run) {
+          v *= scale * scale;
+        }
+      });
     }
   };
 }

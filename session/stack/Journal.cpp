@@ -34,13 +34,17 @@ struct Journal::Record {
   std::uint64_t sum = 0;  ///< of all else
 };
 
-Journal::Journal(const fs::path& output, const std::string& digest, const Shape& shape, bool maps,
+Journal::Journal(const fs::path& output, const std::string& digest, const Shape& shape, Images images,
                  size_t frames, Use use)
-    : path_(output.string() + ".resume"), shape_(shape), images_(maps ? 3 : 1), frames_(frames), use_(use) {
+    : path_(output.string() + ".resume"),
+      shape_(shape),
+      images_(std::move(images)),
+      frames_(frames),
+      use_(use) {
   const bool found = use == Kept && fs::exists(path_);
   // The bands and the images that are made of them lie side by side at the end.
   const fs::path folder = fs::absolute(path_).parent_path();
-  const std::uint64_t needed = 2 * sizeof(float) * images_ * shape.planes * shape.height * shape.width;
+  const std::uint64_t needed = 2 * sizeof(float) * images_.size() * shape.planes * shape.height * shape.width;
   if (!found && files::FreeSpace(folder) < needed) files::ThrowDiskFull(path_, folder, needed);
   if (use == Passing) transient_ = std::make_unique<files::TransientFile>(path_);
   file_ = std::make_unique<files::File>(path_, O_RDWR | O_CREAT | (found ? 0 : O_TRUNC), path_);
@@ -71,7 +75,7 @@ std::optional<Journal::Stored> Journal::Read(std::uint64_t offset, int y0) const
     return std::nullopt;
   }
   const size_t image = static_cast<size_t>(shape_.planes) * record.rows * shape_.width;
-  Stored stored{{}, std::vector<float>(images_ * image), 0};
+  Stored stored{{}, std::vector<float>(images_.size() * image), 0};
   stored.band.counts.resize(frames_);
   std::uint64_t at = offset + sizeof record, sum = y0;
   const auto take = [&](void* data, size_t bytes) {
@@ -84,13 +88,9 @@ std::optional<Journal::Stored> Journal::Read(std::uint64_t offset, int y0) const
       !take(stored.pixels.data(), stored.pixels.size() * sizeof(float)) || sum != record.sum) {
     return std::nullopt;
   }
-  const auto band = [&](size_t i) {
-    return Band<const float>(stored.pixels.data() + i * image, shape_.planes, shape_.width, y0, record.rows);
-  };
-  stored.band.result = band(0);
-  if (images_ > 1) {
-    stored.band.low = band(1);
-    stored.band.high = band(2);
+  for (size_t i = 0; i < images_.size(); ++i) {
+    stored.band.*images_[i] =
+        Band<const float>(stored.pixels.data() + i * image, shape_.planes, shape_.width, y0, record.rows);
   }
   stored.end = at;
   return stored;
@@ -105,9 +105,10 @@ void Journal::Add(const StackBand& band) {
     sum = Sum(sum, data, bytes);
   };
   put(band.counts.data(), frames_ * sizeof(Counts));
-  for (const Band<const float>* image : {&band.result, &band.low, &band.high}) {
-    for (int p = 0; p < image->Planes(); ++p) {
-      image->Plane(p).ForRuns([&](Row<const float> run) { put(run.data(), run.size_bytes()); });
+  for (const auto member : images_) {
+    const Band<const float>& image = band.*member;
+    for (int p = 0; p < image.Planes(); ++p) {
+      image.Plane(p).ForRuns([&](Row<const float> run) { put(run.data(), run.size_bytes()); });
     }
   }
   record.sum = sum;

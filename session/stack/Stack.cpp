@@ -25,6 +25,10 @@ namespace {
 
 constexpr long long kMiB = 1 << 20;
 
+static_assert(int{CImgStack::NoValue} == MaskBit::NoData && int{CImgStack::Marked} == MaskBit::Saturated &&
+              int{CImgStack::ManyLow} == MaskBit::RejectedLow &&
+              int{CImgStack::ManyHigh} == MaskBit::RejectedHigh);
+
 /// An image of which only some rows are in memory: the others have addresses, but no pages.
 class FrameRows {
  public:
@@ -187,7 +191,8 @@ struct BandBytes {
             int rows) {
     const auto frames = static_cast<long long>(inputs.size());
     const long long line = 4LL * shape.width * shape.planes;
-    store = frames * (rows + 1) * line * 2;
+    const int quality = options.uncertainty + options.mask;
+    store = frames * (rows + 1) * line * (options.uncertainty ? 3 : 2);
     long long read = 0;
     for (const StackInput& input : inputs) {
       const RowRange range =
@@ -196,7 +201,8 @@ struct BandBytes {
     }
     const long long columns =
         CParallel::GetMaxThreads() * CImgStack::BytesOfThread(inputs.size(), options.feather > 0);
-    total = store + FramesAtOnce() * read * 5 / 4 + rows * line * (options.rejectionMaps ? 3 : 1) + columns;
+    total = store + FramesAtOnce() * read * 5 / 4 * (1 + quality) +
+            rows * line * ((options.rejectionMaps ? 3 : 1) + quality) + columns;
   }
 };
 
@@ -219,6 +225,59 @@ void AddNormalisation(CImgStack& stack, const std::vector<StackInput>& inputs, i
     stack.AddNormalizeParam(from.level, from.spread);
   }
 }
+
+/// What a frame's rows hold beside their pixels, for one band at a time.
+class FrameQuality {
+ public:
+  FrameQuality(const Shape& shape, const StackOptions& options) {
+    if (options.uncertainty) variance_ = std::make_unique<FrameRows>(shape);
+    if (options.mask) mask_ = std::make_unique<FrameRows>(shape);
+  }
+
+  void Read(const StackInput& input, const Band<float>& pixels) {
+    QualityRows rows;
+    for (const auto& [image, part] : {std::pair(&variance_, &rows.variance), {&mask_, &rows.mask}}) {
+      if (!*image) continue;
+      (*image)->Need(pixels.Top(), pixels.Bottom());
+      *part = (*image)->Rows(pixels.Top(), pixels.Rows());
+    }
+    input.readQuality(pixels, rows);
+    const bool isBetween =
+        input.map || CInterp::FormOf(input.dx, input.dy, input.degrees) != CInterp::WholeShift;
+    for (int p = 0; p < rows.variance.Planes() && isBetween; ++p) {
+      const auto factor = static_cast<float>(input.correlation[p]);
+      rows.variance.Plane(p).ForRuns([factor](Row<float> run) {
+        for (float& v : run) {
+          v *= factor;
+        }
+      });
+    }
+    marks_.clear();
+    for (int p = 0; p < rows.mask.Planes(); ++p) {
+      for (int y = rows.mask.Top(); y < rows.mask.Bottom(); ++y) {
+        const Row<float> row = rows.mask.Row(p, y);
+        const auto isMarked = [](float bits) { return (static_cast<int>(bits) & MaskBit::Saturated) != 0; };
+        // Most rows have none.
+        if (std::transform_reduce(row.begin(), row.end(), 0, std::plus<>(), isMarked) == 0) continue;
+        for (int x = 0; x < rows.mask.Width(); ++x) {
+          if (isMarked(row[x])) marks_.push_back({x, y, p});
+        }
+      }
+    }
+  }
+
+  void Store(CImgStack& stack, int slot, const StackInput& input, int first, int last, int kernel) const {
+    const CFrameMap map = input.map ? *input.map
+                                    : CFrameMap::FromPose(input.dx, input.dy, input.degrees,
+                                                          input.shape.width, input.shape.height);
+    stack.StoreQuality(slot, variance_ ? &variance_->Image() : nullptr, marks_, first, last, map, kernel,
+                       input.shape.width, input.shape.height);
+  }
+
+ private:
+  std::unique_ptr<FrameRows> variance_, mask_;
+  std::vector<CImgStack::Mark> marks_;
+};
 
 /// An outlier widens the deviation of few frames so far that it lies within it.
 void WarnOfIdleClipping(Job& job, int frames, const StackOptions& options) {
@@ -247,6 +306,9 @@ long long DefaultStackMemory(const Job& job) {
 }
 
 StackPlan PlanStack(const std::vector<StackInput>& inputs, const Shape& shape, const StackOptions& options) {
+  if (options.uncertainty && options.method != CImgStack::Mean && options.method != CImgStack::Median) {
+    throw UsageError("an uncertainty is known of means and medians only: use --method mean or median");
+  }
   int fits = 0, tooMany = shape.height + 1;
   while (tooMany - fits > 1) {
     const int rows = (fits + tooMany) / 2;
@@ -275,7 +337,7 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
   StackPlan plan = PlanStack(inputs, shape, options);
   WarnOfIdleClipping(job, frames, options);
 
-  std::unique_ptr<FrameRows> own, maps[2];
+  std::unique_ptr<FrameRows> own, maps[2], variances, flags;
   if (!whole) own = std::make_unique<FrameRows>(shape);
   CVelImage& target = whole ? *whole : own->Image();
   CImgStack stack(&target);
@@ -299,6 +361,12 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
     }
     stack.SetRejectionMaps(&maps[0]->Image(), &maps[1]->Image());
   }
+  const bool hasQuality = options.uncertainty || options.mask;
+  if (options.uncertainty) variances = std::make_unique<FrameRows>(shape);
+  if (options.mask) flags = std::make_unique<FrameRows>(shape);
+  if (hasQuality) {
+    stack.SetQualityMaps(variances ? &variances->Image() : nullptr, flags ? &flags->Image() : nullptr);
+  }
 
   // Rows that the noise is measured by, then the bands; frames and these in one sequence: step n stores frame
   // n % frames of band n / frames.
@@ -314,6 +382,8 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
   const long long steps = static_cast<long long>(bands.size()) * frames;
   const auto rowsOf = [&](long long step) { return bands[static_cast<size_t>(step / frames)]; };
   std::vector<std::unique_ptr<FrameRows>> buffers(FramesAtOnce());
+  std::vector<std::unique_ptr<FrameQuality>> qualities(FramesAtOnce());
+  const auto judges = [&](long long step) { return hasQuality && step / frames >= samples; };
   std::vector<std::mutex> reading(frames);
   const auto read = [&](int worker, long long step) {
     const StackInput& input = inputs[step % frames];
@@ -322,12 +392,13 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
     if (!buffer || buffer->Image().GetWidth() != input.shape.width ||
         buffer->Image().GetHeight() != input.shape.height) {
       buffer = std::make_unique<FrameRows>(input.shape);
+      if (hasQuality) qualities[worker] = std::make_unique<FrameQuality>(input.shape, options);
     }
     const RowRange rows = SourceRows(input, shape.width, rowsOf(step).first, rowsOf(step).end);
     buffer->Need(rows.first, rows.end);
-    if (rows.first < rows.end) {
-      input.read(buffer->Rows(rows.first, rows.end - rows.first));
-    }
+    if (rows.first == rows.end) return;
+    const Band<float> pixels = buffer->Rows(rows.first, rows.end - rows.first);
+    judges(step) ? qualities[worker]->Read(input, pixels) : input.read(pixels);
   };
   const auto store = [&](int worker, long long step) {
     const StackInput& input = inputs[step % frames];
@@ -341,6 +412,7 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
       stack.Store(slot, frame, top, end - 1, input.dx, input.dy, input.degrees * std::numbers::pi / 180,
                   options.kernel, levels);
     }
+    if (judges(step)) qualities[worker]->Store(stack, slot, input, top, end - 1, options.kernel);
   };
   BandFeeder feeder(frames, steps, read, store);
   const auto count = static_cast<int>(bands.size());
@@ -367,8 +439,10 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
       done.low = maps[0]->Rows(first, rows);
       done.high = maps[1]->Rows(first, rows);
     }
+    if (variances) done.variance = variances->Rows(first, rows);
+    if (flags) done.mask = flags->Rows(first, rows);
     sink(done);
-    for (FrameRows* image : {own.get(), maps[0].get(), maps[1].get()}) {
+    for (FrameRows* image : {own.get(), maps[0].get(), maps[1].get(), variances.get(), flags.get()}) {
       if (image) image->GiveBackAll();
     }
   }

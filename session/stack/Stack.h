@@ -32,6 +32,9 @@ struct StackInput {
   /// order, each row once for a band of the result, and from one thread at a time; other frames are read
   /// beside it.
   std::function<void(const Band<float>& to)> read;
+  /// The same with the quality of these rows, as far as it is asked for; needed where StackOptions want it.
+  std::function<void(const Band<float>& to, const QualityRows& quality)> readQuality = {};
+  Correlation correlation = kUncorrelated;  ///< of its noise
 
   /// The weights of the planes that it has, and their mean.
   std::vector<double> Weights() const { return {weights.begin(), weights.begin() + shape.planes}; }
@@ -51,14 +54,17 @@ struct StackOptions {
   bool rejectionMaps = false;
   std::optional<Shape> shape = {};  ///< of the grid that the frames lie on, unless it is the reference's
   double feather = 0;    ///< pixels over which frames fade towards their edges; see CImgStack::SetFeather
+  bool uncertainty = false, mask = false;  ///< of the result, by those of the frames
   long long memory = 0;  ///< bytes for all that a stack holds, as DefaultStackMemory answers them
 };
 
 /// Rows of the result, NaN where no frame reaches. The maps hold the number of values that were rejected as
-/// too low and too high; they have no planes without StackOptions::rejectionMaps.
+/// too low and too high; they have no planes without StackOptions::rejectionMaps. What the mask tells of is
+/// no data, a saturated value among those that are left, and a third or more of them rejected.
 struct StackBand {
   Band<const float> result, low = {}, high = {};
   std::vector<CImgStack::Counts> counts = {};  ///< of each frame, in this band
+  Band<const float> variance = {}, mask = {};  ///< as QualityRows hold them, where they are wanted
 };
 
 /// How a stack is cut into bands.

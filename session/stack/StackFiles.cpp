@@ -39,6 +39,7 @@ struct Source {
   files::ImageInfo info;
   Transform transform;
   std::unique_ptr<files::ImageReader> reader;  ///< while it is open
+  std::unique_ptr<QualityReader> quality;      ///< likewise, once it was asked for
   std::shared_ptr<const files::ConstantBorder> border = nullptr;
 };
 
@@ -48,7 +49,7 @@ class Sources {
  public:
   static constexpr size_t kMostOpen = 100;
 
-  Sources(Job& job, const StackFilesOptions& options) {
+  Sources(Job& job, const StackFilesOptions& options) : uncertainty_(options.uncertainty) {
     std::optional<Transforms> transforms;
     if (!options.transforms.empty()) transforms.emplace(options.transforms);
     for (const fs::path& path : ExpandFolders(job, options.frames)) {
@@ -59,7 +60,7 @@ class Sources {
       }
       try {
         auto reader = files::ImageReader::Open(path, kRead);
-        Source source{path, reader->Info(), transform, nullptr};
+        Source source{path, reader->Info(), transform};
         if (used_.size() < kMostOpen) source.reader = std::move(reader);
         used_.push_back(std::move(source));
       } catch (const files::FileError& error) {
@@ -110,6 +111,14 @@ class Sources {
       if (source.reader) return source.reader->ReadRows(to);
       OpenAgain(source)->ReadRows(to);
     };
+    input.readQuality = [&source, read = input.read](const Band<float>& to, const QualityRows& quality) {
+      read(to);
+      if (source.quality) return source.quality->ReadRows(quality);
+      auto reader = std::make_unique<QualityReader>(ReaderOf(source));
+      reader->ReadRows(quality);
+      if (source.reader) source.quality = std::move(reader);
+    };
+    if (uncertainty_) input.correlation = ReaderOf(source).CorrelationOfNoise();
     return input;
   }
 
@@ -124,6 +133,10 @@ class Sources {
       throw files::FileError(source.path, "has changed since the work began");
     }
     return reader;
+  }
+
+  static QualityReader ReaderOf(const Source& source) {
+    return QualityReader(source.reader ? *source.reader : *OpenAgain(source));
   }
 
   /// The one that is told; else the first that lies still.
@@ -159,11 +172,16 @@ class Sources {
       throw files::FileError(source.path,
                              "is an undeveloped mosaic, whose colours moving would mix; develop it first");
     }
+    if (options.uncertainty && !ReaderOf(source).HasUncertainty()) {
+      throw files::FileError(source.path,
+                             "holds no uncertainty (UNCERT); calibrate the frames with --uncertainty");
+    }
     if (options.weight == "fwhm" && !source.transform.fwhm) {
       throw files::FileError(source.path, "has no fwhm in the transforms; use --weight noise or none");
     }
   }
 
+  bool uncertainty_;
   std::vector<Source> used_;
   std::vector<std::pair<fs::path, std::string>> leftOut_;
   int reference_ = 0;
@@ -178,6 +196,8 @@ class StackRun {
     options_.Settle(sources_.HaveFluxes());
     stack_ = options_.Options();
     stack_.rejectionMaps = options.maps;
+    stack_.uncertainty = options.uncertainty;
+    stack_.mask = options.mask;
     stack_.memory = DefaultStackMemory(job);
     for (size_t i = 0; i < sources_.Used().size(); ++i) {
       inputs_.push_back(sources_.Input(i));
@@ -223,7 +243,7 @@ class StackRun {
 
   StackResult Work() {
     CheckOutputs();
-    Journal journal(options_.output, Digest(), shape_, options_.maps, inputs_.size(),
+    Journal journal(options_.output, Digest(), shape_, Images(), inputs_.size(),
                     options_.resume ? Journal::Kept : Journal::Passing);
     if (journal.WasOther()) {
       job_.Warn(fmt::format("{}.resume: made from other frames or options; beginning anew",
@@ -268,6 +288,14 @@ class StackRun {
     return options_.output.parent_path() / name;
   }
 
+  Journal::Images Images() const {
+    Journal::Images images = {&StackBand::result};
+    if (options_.maps) images.insert(images.end(), {&StackBand::low, &StackBand::high});
+    if (options_.uncertainty) images.push_back(&StackBand::variance);
+    if (options_.mask) images.push_back(&StackBand::mask);
+    return images;
+  }
+
   std::vector<fs::path> Outputs() const {
     if (!options_.maps) return {options_.output};
     return {options_.output, MapName("_low"), MapName("_high")};
@@ -296,14 +324,21 @@ class StackRun {
                                        const Levels& levels, const files::Scale& scale = {}) const {
     return std::make_unique<ImageSaver>(
         job_, path, shape_, levels, header,
-        SaveOptions{.integers = options_.bits == "16" || IsPng(path), .scale = scale});
+        SaveOptions{.integers = options_.bits == "16" || IsPng(path),
+                    .scale = scale,
+                    .uncertainty = options_.uncertainty && path == options_.output,
+                    .mask = options_.mask && path == options_.output});
   }
 
   /// All that the pixels of the result depend on.
   std::string Digest() const {
-    Json json{{"korimg", Version()},       {"stack", options_.Text()},
-              {"maps", options_.maps},     {"union", canvas_.has_value()},
-              {"feather", stack_.feather}, {"reference", sources_.Reference()},
+    Json json{{"korimg", Version()},
+              {"stack", options_.Text()},
+              {"maps", options_.maps},
+              {"quality", {options_.uncertainty, options_.mask}},
+              {"union", canvas_.has_value()},
+              {"feather", stack_.feather},
+              {"reference", sources_.Reference()},
               {"frames", Json::array()}};
     for (const Source& source : sources_.Used()) {
       const Transform& t = source.transform;
@@ -439,6 +474,7 @@ class StackRun {
           for (size_t i = 0; i < savers.size(); ++i) {
             turns ? WriteOverturned(*savers[i], *images[i]) : savers[i]->Write(*images[i]);
           }
+          if (options_.uncertainty || options_.mask) savers.front()->WriteQuality(band.variance, band.mask);
         },
         turns);
     for (size_t i = savers.size(); i-- > 0;) {

@@ -30,6 +30,9 @@ struct StackFilesOptions : StackChoices {
   StackFrame frame = StackFrame::Reference;
   double feather = -1;  ///< pixels; below 0: a tenth of the shorter side in a union
   bool maps = false;    ///< of rejection: OUTPUT_low and OUTPUT_high too
+  /// Written beside the stack, into FITS: by the uncertainty that each frame has beside it, and the mask that
+  /// it may have. Means and medians have an uncertainty.
+  bool uncertainty = false, mask = false;
   bool resume = false;  ///< goes on with what a killed run of the same options left
 };
 

@@ -610,7 +610,7 @@ TEST_F(StackTest, TheJournalKeepsWholeBandsOnly) {
     use(StackBand{image(0), image(1), image(2), {{y0, 1, 2}, {rows, 3, 4}}});
   };
   const auto open = [&](const std::string& digest, Journal::Use use = Journal::Kept) {
-    return Journal(In("x"), digest, shape, true, 2, use);
+    return Journal(In("x"), digest, shape, {&StackBand::result, &StackBand::low, &StackBand::high}, 2, use);
   };
   const auto expectRows = [&](const Journal& journal, int rows) {
     int next = 0;

@@ -211,6 +211,13 @@ void CImgMedianComposit::SetRefNormalizeParam(double* a, double* b) {
   std::copy_n(b, 3, referenceB_);
 }
 
+double CImgMedianComposit::NormalizeFactor(int slot, int plane) const {
+  if (NormalizeItems() == 0) return 1;
+  const int p = std::min(plane, 2);
+  const Normaliser normaliser(items_[slot].a[p], items_[slot].b[p], referenceA_[p], referenceB_[p]);
+  return normaliser.constant ? 0 : normaliser.factor;
+}
+
 /// Calls reduce(sorted columns, where their result goes).
 template <class F>
 void CImgMedianComposit::Reduce(int y0, int y1, bool threaded, bool normalised, F&& reduce) {

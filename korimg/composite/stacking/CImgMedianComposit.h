@@ -16,8 +16,8 @@ class FrameScatter;
 /// plane p, column x lie at (r * planes + p) * width + x.
 class KORIMG_API CLineData {
  public:
-  /// The flag of a pixel that counts in full, where a frame fades towards its edges.
-  static constexpr int kWhole = 1 << 16;
+  /// Where a frame fades towards its edges, its flags hold above these bits how much of a whole pixel counts.
+  static constexpr int kShareBits = 2, kWhole = 1 << 16;
 
   /// Both arrays as they come, uncleared. Throws std::bad_alloc.
   explicit CLineData(long long n) : values_(new float[n]), valid_(new int[n]), size_(n) {}
@@ -99,6 +99,8 @@ class KORIMG_API CImgMedianComposit : public CVelImage {
   /// One past the last of the rows y0 to y1 that target and store have, for a band that begins at y0.
   int EndOfBand(int y0, int y1) const;
   int NormalizeItems() const { return static_cast<int>(items_.GetSize()); }
+  /// What normalising multiplies a slot's plane by.
+  double NormalizeFactor(int slot, int plane) const;
   /// Shows that the rows up to y1 are done.
   void ShowBand(int y1);
 

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <numeric>
 
+#include "korimg/calibration/MedianOfFrames.h"
 #include "korimg/composite/stacking/internal/StackColumns.h"
 #include "korimg/geometry/CInterp.h"
 #include "korimg/geometry/internal/WarpRows.h"
@@ -217,6 +218,20 @@ void RejectOutliers(Columns& columns, const Rejection& rejection, const Known& k
   }
 }
 
+/// Whether a value was rejected.
+struct Verdict {
+  bool isLow = false, isHigh = false;
+};
+
+/// On frame i's value in column x, where it is the number-th that is there.
+inline Verdict VerdictOn(const Work& work, const Known& known, int x, int i, float v, int number) {
+  if (work.lowCount[x] + work.highCount[x] == 0) return {};
+  const float d = Distance(v, work.medians[x], known.perNoise[i]);
+  if (work.few[x] == 0) return {d<work.low[x], d> work.high[x]};
+  const bool isRejected = work.few[x] >> number & 1;
+  return {isRejected && d < 0, isRejected && !(d < 0)};
+}
+
 /// The weighted means of what is left, and what lies beyond. Only the few columns that lost a value are gone
 /// through; the others have their sums.
 void Means(const Columns& columns, const Work& work, const Known& known, CImgStack::Counts* counts,
@@ -238,14 +253,7 @@ void Means(const Columns& columns, const Work& work, const Known& known, CImgSta
       const double own = known.fades ? weights[i] * columns.Shares(i)[x] : weights[i];
       allSum += own * v;
       allWeight += own;
-      const float d = Distance(v, work.medians[x], known.perNoise[i]);
-      bool isLow = !isWhole && d < work.low[x], isHigh = !isWhole && d > work.high[x];
-      if (work.few[x] != 0) {
-        const bool isRejected = work.few[x] >> number & 1;
-        isLow = isRejected && d < 0;
-        isHigh = isRejected && !isLow;
-      }
-      ++number;
+      const auto [isLow, isHigh] = VerdictOn(work, known, x, i, v, number++);
       counts[i].low += isLow;
       counts[i].high += isHigh;
       if (isLow || isHigh) continue;
@@ -279,6 +287,7 @@ struct Statistic {
   const std::vector<CImgStack::PlaneWeights>& weights;
   const FrameScatter* scatter;
   bool fades = false;
+  bool judges = false;  ///< the quality of what a part becomes is wanted too
   Work work = {};
   Known known = {};
   std::vector<CImgStack::Counts> counts = {};
@@ -292,13 +301,15 @@ struct Statistic {
     for (int i = 0; i < frames; ++i) {
       counts[i].values = columns.Present(i);
     }
+    if (method == CImgStack::Mean || judges) {
+      work.values.assign(columns.Row(0), columns.Row(0) + static_cast<size_t>(frames) * columns.Most());
+    }
     if (method == CImgStack::Median) {
       columns.Sort();
       columns.Medians(out);
       return;
     }
     if (method != CImgStack::Mean) return Extremes(columns, method == CImgStack::Maximum, out);
-    work.values.assign(columns.Row(0), columns.Row(0) + static_cast<size_t>(frames) * columns.Most());
     known.fades = fades;
     known.perNoise.assign(frames, 1.0f);
     if (scatter) {
@@ -318,6 +329,82 @@ struct Statistic {
     Means(columns, work, known, counts.data(), out);
   }
 };
+
+/// What the store holds beside the values of a part, by frames.
+struct StoredQuality {
+  std::vector<const float*> variances;  ///< none where they are not wanted
+  std::vector<const int*> flags;
+  std::vector<double> factors;  ///< of normalising
+};
+
+/// Variances and flags of what a part has become; either may be null.
+void Judge(const Columns& columns, const Statistic& statistic, const StoredQuality& stored, float* variances,
+           float* flags) {
+  const Work& work = statistic.work;
+  const int size = columns.Size(), frames = columns.Frames();
+  const bool isMean = statistic.method == CImgStack::Mean;
+  const auto weightOf = [&](int i) { return isMean ? statistic.known.weights[i] : 1.0; };
+  std::vector<double> sums(size), weights(size);
+  std::vector<int> found(size);
+  for (int i = 0; i < frames; ++i) {
+    const float* values = work.values.data() + static_cast<size_t>(i) * columns.Most();
+    const float* own = variances ? stored.variances[i] : nullptr;
+    const int* marks = stored.flags[i];
+    const double weight = weightOf(i), squared = weight * weight * stored.factors[i] * stored.factors[i];
+    const float* shares = isMean ? columns.Shares(i) : nullptr;
+    RunInLongVectors([=, sum = sums.data(), all = weights.data(), any = found.data()]() KORIMG_IN_LOOP {
+      for (int x = 0; x < size; ++x) {
+        any[x] |= values[x] < Columns::kMissing ? marks[x] : 0;
+      }
+      for (int x = 0; own && !shares && x < size; ++x) {
+        const bool there = values[x] < Columns::kMissing;
+        sum[x] += there ? squared * own[x] : 0.0;
+        all[x] += there ? weight : 0.0;
+      }
+      for (int x = 0; own && shares && x < size; ++x) {
+        const bool there = values[x] < Columns::kMissing;
+        sum[x] += there ? squared * shares[x] * shares[x] * own[x] : 0.0;
+        all[x] += there ? weight * shares[x] : 0.0;
+      }
+    });
+  }
+  const float *low = work.lowCount.data(), *high = work.highCount.data();
+  for (int x = 0; x < size; ++x) {
+    if (low[x] + high[x] == 0) continue;
+    sums[x] = weights[x] = found[x] = 0;
+    for (int i = 0, number = 0; i < frames; ++i) {
+      const float v = work.values[static_cast<size_t>(i) * columns.Most() + x];
+      if (!(v < Columns::kMissing)) continue;
+      const Verdict verdict = VerdictOn(work, statistic.known, x, i, v, number++);
+      if (verdict.isLow || verdict.isHigh) continue;
+      const double share = statistic.fades ? weightOf(i) * columns.Shares(i)[x] : weightOf(i);
+      const double weight = share * stored.factors[i];
+      if (variances) sums[x] += weight * weight * stored.variances[i][x];
+      weights[x] += share;
+      found[x] |= stored.flags[i][x];
+    }
+  }
+  if (variances && !isMean) {
+    // The mean variance of n values, and what a median of them has of it.
+    for (int x = 0; x < size; ++x) {
+      const int n = columns.Counts()[x];
+      sums[x] *= n * MedianVariance(n);
+    }
+  }
+  RunInLongVectors([=, counts = columns.Counts(), sum = sums.data(), all = weights.data(),
+                    any = found.data()]() KORIMG_IN_LOOP {
+    for (int x = 0; variances && x < size; ++x) {
+      variances[x] = static_cast<float>(sum[x] / (all[x] * all[x]));
+    }
+    for (int x = 0; flags && x < size; ++x) {
+      const auto n = static_cast<float>(counts[x]);
+      const int none = n == 0 ? CImgStack::NoValue : 0, marked = any[x] & CImgStack::Marked,
+                manyLow = (low[x] > 0) & (3 * low[x] >= n) ? CImgStack::ManyLow : 0,
+                manyHigh = (high[x] > 0) & (3 * high[x] >= n) ? CImgStack::ManyHigh : 0;
+      flags[x] = static_cast<float>(none | marked | manyLow | manyHigh);
+    }
+  });
+}
 
 bool HasNegativeLobes(int method) {
   return method == CInterp::MethodBicubic || method == CInterp::MethodLanczos2 ||
@@ -397,7 +484,7 @@ void CImgStack::Fade(int slot, const CVelImage& frame, int yStart, int yEnd, F&&
       const double inside = std::min({p.x + 1, p.y + 1, right - p.x, bottom - p.y});
       const int share = static_cast<int>(CLineData::kWhole * std::clamp(inside / feather_, 0.0, 1.0));
       for (int k = 0; k < planes; ++k) {
-        valid[k * 1LL * width + x] = std::max(share, 1);
+        valid[k * 1LL * width + x] = 1 | std::max(share, 1) << CLineData::kShareBits;
       }
     }
   });
@@ -492,6 +579,17 @@ long long CImgStack::BytesOfThread(size_t frames, bool fades) {
 }
 
 void CImgStack::Stack(Method method, const Rejection& rejection, int y0, int y1) {
+  const auto storedAt = [&](const Part& part) {
+    const long long at =
+        ((part.y - y0) * 1LL * Target().GetPlanes() + part.plane) * Target().GetWidth() + part.x;
+    StoredQuality stored;
+    for (int i = 0; i < Slots(); ++i) {
+      if (varianceMap_) stored.variances.push_back(variances_[i]->Values() + at);
+      stored.flags.push_back(Band(i).Valid() + at);
+      stored.factors.push_back(NormalizeFactor(i, part.plane));
+    }
+    return stored;
+  };
   weights_.resize(Slots(), {1, 1, 1});
   counts_.resize(Slots());
   std::mutex mutex;
@@ -499,12 +597,18 @@ void CImgStack::Stack(Method method, const Rejection& rejection, int y0, int y1)
       method == Mean && rejection.test != Rejection::None ? scatter_.get() : nullptr;
   ForColumns(
       y0, y1, true, NormalizeItems() > 0, true, weights_,
-      [&, statistic = Statistic{method, rejection, weights_, scatter, feather_ > 0}](
+      [&, statistic = Statistic{method, rejection, weights_, scatter, feather_ > 0, varianceMap_ || flagMap_}](
           Columns& columns, const Part& part) mutable {
         float* out = Target().GetWritableLine(part.x, part.y, part.plane);
         statistic(columns, part.x, part.y, part.plane, out);
         for (int x = 0; x < columns.Size(); ++x) {
           if (columns.Counts()[x] == 0) out[x] = outside_;
+        }
+        if (statistic.judges) {
+          const auto lineOf = [&](CVelImage* map) {
+            return map ? map->GetWritableLine(part.x, part.y, part.plane) : nullptr;
+          };
+          Judge(columns, statistic, storedAt(part), lineOf(varianceMap_), lineOf(flagMap_));
         }
         for (const auto& [map, found] :
              {std::pair(lowMap_, &statistic.work.lowCount), {highMap_, &statistic.work.highCount}}) {

@@ -61,6 +61,25 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   int Store(int slot, CVelImage* frame, int yStart, int yEnd, const CFrameMap& map, int method,
             const korimg::FrameLevels* levels = nullptr);
 
+  /// Bits of what became of a pixel: nothing was left of it, something it is made of is marked, a third or
+  /// more of its values were rejected.
+  enum Flag : int { NoValue = 1, Marked = 2, ManyLow = 32, ManyHigh = 64 };
+  /// Images of the target's shape that get the variance of each pixel of means and medians, and sums of Flag.
+  /// Either may be null. Comes after AllocateStoreBuffer.
+  ///
+  /// A mean's variance is that of its values with the squares of their weights; a median's that of the same
+  /// number of normal values of their mean variance.
+  void SetQualityMaps(CVelImage* variance, CVelImage* flags);
+  /// A pixel of a frame, and the target's plane that it belongs to.
+  struct Mark {
+    int x, y, plane;
+  };
+  /// After Store, with the same rows and map, of a frame of width x height: the variances of its pixels, a
+  /// contiguous image of the frame's shape or null, and what of them is marked. The variance of what is read
+  /// between pixels is theirs with the squares of the kernel's weights.
+  int StoreQuality(int slot, CVelImage* variance, std::span<const Mark> marks, int yStart, int yEnd,
+                   const CFrameMap& map, int method, int width, int height);
+
   /// The rows of the target by which the frames' own scatter is measured: how noisy each is, and where its
   /// sky lies above that of the others, as that of a moving moon does. Each of them, once every slot holds it
   /// as the first of its band, goes to Sample; then SettleSamples is called, before the first Stack. Outliers
@@ -90,6 +109,9 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
 
   std::vector<PlaneWeights> weights_;
   std::unique_ptr<korimg::FrameScatter> scatter_;
+  std::vector<std::unique_ptr<CLineData>> variances_;
+  CVelImage* varianceMap_ = nullptr;
+  CVelImage* flagMap_ = nullptr;
   float outside_ = 0;
   double feather_ = 0;
   CVelImage* lowMap_ = nullptr;

@@ -28,6 +28,7 @@ struct Workload {
   std::vector<Stack> stacks;
   bool hasColour = false;                   ///< an image of all stacks
   bool hasGradients = false;                ///< each stack's is kept
+  int qualityImages = 0;                    ///< beside each stack: its uncertainty, its mask
   std::filesystem::path out, masterFolder;  ///< no folder of masters: they are not kept
 };
 

@@ -21,9 +21,12 @@ class Journal {
     Kept      ///< goes on with what is there, and stays until Remove
   };
 
+  /// The images of a band that are kept.
+  using Images = std::vector<Band<const float> StackBand::*>;
+
   /// `digest` stands for all that the result depends on: bands of another one are of no use. Damaged bands at
   /// the end of the file are left out.
-  Journal(const std::filesystem::path& output, const std::string& digest, const Shape& shape, bool maps,
+  Journal(const std::filesystem::path& output, const std::string& digest, const Shape& shape, Images images,
           size_t frames, Use use);
 
   /// There was a file of another digest, which is lost.
@@ -51,7 +54,7 @@ class Journal {
 
   std::filesystem::path path_;
   Shape shape_;
-  size_t images_;  ///< the result, or it and two maps
+  Images images_;
   size_t frames_;
   Use use_;
   bool wasOther_ = false;

@@ -138,7 +138,7 @@ class Columns {
     });
   }
 
-  /// Lets the values that frame i has count by what it is there of a whole one: `valid` of CLineData::kWhole.
+  /// Lets the values that frame i has count by what it is there of a whole one: the share in `valid`.
   void Fade(int i, const float* values, const int* valid, const Normaliser& normalise, double weight) {
     shares_.resize(values_.size());
     const float* row = Row(i);
@@ -146,7 +146,7 @@ class Columns {
     double* sums = sums_.data();
     RunInLongVectors([=, columns = columns_]() KORIMG_IN_LOOP {
       for (int x = 0; x < columns; ++x) {
-        shares[x] = static_cast<float>(valid[x]) * (1.0f / CLineData::kWhole);
+        shares[x] = static_cast<float>(valid[x] >> CLineData::kShareBits) * (1.0f / CLineData::kWhole);
         const double less = weight * (1.0 - shares[x]) * normalise(values[x]);
         sums[x] -= row[x] < kMissing ? less : 0.0;
       }
