@@ -41,6 +41,10 @@ void AddRegister(CLI::App& app, Tool& tool) {
   AddChoice(*verb, "--by", options->by, kLayBy,
             "stars, or the light of frames without them; wcs: world coordinates; auto: these for what stars "
             "do not lay");
+  verb->add_option(
+      "--lenses", options->lenses,
+      "a library of lenses: gets the distortion that the stars tell, by camera, lens and focal length, "
+      "and serves frames whose stars are too few to tell it");
   verb->add_option("--hdu", options->hdu, "number or name of the FITS extension to read");
   verb->footer(
       "A frame of width x height pixels lies on the reference once it is turned by `degrees`, clockwise "

@@ -461,6 +461,13 @@ std::optional<Verdict> CrossCheck(const Candidate& candidate, const Lens& known,
   return verdict;
 }
 
+/// A model with a lens that is known or none, and what it tells.
+struct Trial {
+  const Candidate* candidate;
+  Lens lens;
+  std::optional<Verdict> verdict = {};
+};
+
 /// Stars that were left out refute the simpler of two models.
 bool IsRefuted(const Verdict& simpler, const Verdict& richer) {
   constexpr double kSigmas = 5, kMatters = 0.02;  // deviations; pixels
@@ -538,24 +545,29 @@ std::optional<CFrameFitter::Fit> FitOne(const std::vector<CStarPair>& pairs, Mod
 void CFrameFitter::Choose(bool needsDistortion) {
   constexpr size_t kMostFrames = 60, kMostPairs = 250;
   Choose(CFrameMap::Rigid);
-  const Lens known = distortion_;
   std::vector<std::vector<CStarPair>> frames;
   for (const auto& pairs : Some(frames_, kMostFrames)) {
     if (pairs.size() < static_cast<size_t>(kLeastPairs[CFrameMap::Similarity])) continue;
     frames.push_back(Some(pairs, kMostPairs));
   }
   if (frames.empty()) return;
-  const bool looksForLens = !known_ && MayHaveLens(frames, width_, height_);
-  const auto isOpen = [&](const Candidate& c) {
-    return looksForLens ? !needsDistortion || !c.active->empty() : c.active->empty();
-  };
+  const bool looksForLens = MayHaveLens(frames, width_, height_), usesKnown = known_ && !looksForLens;
+  // From the simplest on. A lens that is known makes a model no richer.
+  std::vector<Trial> trials;
+  for (const Candidate& candidate : kCandidates) {
+    const bool hasLens = !candidate.active->empty();
+    if (hasLens && !looksForLens) continue;
+    const bool isWanted = hasLens || !needsDistortion || !(looksForLens || usesKnown);
+    if (isWanted && (!usesKnown || &candidate == kCandidates)) trials.push_back({&candidate, Lens()});
+    if (usesKnown) trials.push_back({&candidate, *known_});
+  }
   // What the richest model leaves far off is no pair.
-  const Candidate& richest = *std::find_if(std::rbegin(kCandidates), std::rend(kCandidates), isOpen);
+  const Trial& richest = trials.back();
   std::vector<Fitted> fitted;
   for (const auto& pairs : frames) {
-    fitted.push_back({&pairs, {}, {ModelFor(richest.model, pairs.size())}});
+    fitted.push_back({&pairs, {}, {ModelFor(richest.candidate->model, pairs.size())}});
   }
-  Fitting fitting(width_, height_, known, *richest.active);
+  Fitting fitting(width_, height_, richest.lens, *richest.candidate->active);
   if (!FitAll(fitting, fitted)) return;
   size_t all = 0;
   std::vector<std::vector<CStarPair>> clean;
@@ -566,41 +578,40 @@ void CFrameFitter::Choose(bool needsDistortion) {
     }
     all += pairs.size();
   }
-  std::vector<std::pair<const Candidate*, Verdict>> verdicts;
   const auto check = [&](bool isTelling) {
-    for (const Candidate& candidate : kCandidates) {
-      if (candidate.isTelling != isTelling || !isOpen(candidate)) continue;
-      if (auto verdict = CrossCheck(candidate, known, width_, height_, clean)) {
-        verdicts.emplace_back(&candidate, std::move(*verdict));
-      }
+    for (Trial& trial : trials) {
+      if (trial.candidate->isTelling == isTelling)
+        trial.verdict = CrossCheck(*trial.candidate, trial.lens, width_, height_, clean);
     }
-    std::sort(verdicts.begin(), verdicts.end(),
-              [](const auto& a, const auto& b) { return a.first < b.first; });
   };
   const auto simplest = [&] {
-    return std::find_if(verdicts.begin(), verdicts.end(), [&](const auto& simple) {
-      return std::none_of(verdicts.begin(), verdicts.end(), [&](const auto& rich) {
-        return rich.first > simple.first && IsRefuted(simple.second, rich.second);
-      });
+    return std::find_if(trials.begin(), trials.end(), [&](const Trial& simple) {
+      return simple.verdict &&
+             std::none_of(&simple + 1, std::as_const(trials).data() + trials.size(), [&](const Trial& rich) {
+               return rich.verdict && IsRefuted(*simple.verdict, *rich.verdict);
+             });
     });
   };
   check(true);
   auto chosen = simplest();
-  if (chosen == verdicts.end() || chosen->first != kCandidates) {
+  const bool isRigid = chosen != trials.end() && chosen->candidate == kCandidates && chosen->lens.IsNone();
+  if (!isRigid) {
     check(false);
     chosen = simplest();
   }
-  if (chosen == verdicts.end()) return;
-  model_ = chosen->first->model;
-  if (!chosen->first->active->empty()) distortion_ = LensOf(*chosen->first, clean, width_, height_);
+  if (chosen == trials.end()) return;
+  model_ = chosen->candidate->model;
+  distortion_ =
+      chosen->candidate->active->empty() ? chosen->lens : LensOf(*chosen->candidate, clean, width_, height_);
+  isFitted_ = !chosen->candidate->active->empty() && !distortion_.IsNone();
   const auto off = [](const Verdict& verdict) { return std::sqrt(verdict.square); };
   char text[256];
-  std::snprintf(text, sizeof text, "%s%s: stars left out in turn are off by %.3f px", chosen->first->name,
-                known_ ? ", by the lens as it is known" : "", off(chosen->second));
+  std::snprintf(text, sizeof text, "%s%s: stars left out in turn are off by %.3f px", chosen->candidate->name,
+                chosen->lens.IsNone() ? "" : " with the lens as it is known", off(*chosen->verdict));
   text_ = text;
-  if (chosen != verdicts.begin()) {
-    std::snprintf(text, sizeof text, ", by a %s map %.3f px", verdicts.front().first->name,
-                  off(verdicts.front().second));
+  const Trial& first = trials.front();
+  if (chosen != trials.begin() && first.verdict) {
+    std::snprintf(text, sizeof text, ", by a %s map %.3f px", first.candidate->name, off(*first.verdict));
     text_ += text;
   }
   std::snprintf(text, sizeof text, " (%zu pairs in %zu frames)", all, frames.size());
@@ -609,7 +620,8 @@ void CFrameFitter::Choose(bool needsDistortion) {
 
 void CFrameFitter::Choose(Model model) {
   model_ = model;
-  distortion_ = known_.value_or(Lens());
+  distortion_ = Lens();
+  isFitted_ = false;
   text_ = kModelNames[model];
 }
 

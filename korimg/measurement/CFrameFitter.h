@@ -21,7 +21,7 @@ class KORIMG_API CFrameFitter {
   /// Pairs of a frame that is not the reference. Those that are off by more than five deviations of what is
   /// usual in their frame don't count.
   void Add(std::vector<CStarPair> pairs) { frames_.push_back(std::move(pairs)); }
-  /// A distortion that is known of the camera: none is looked for.
+  /// A distortion that is known of the camera, for stars that do not suffice to find one.
   void SetDistortion(const CLensDistortion& distortion) { known_ = distortion; }
 
   /// Takes the simplest model that the stars do not refute: pairs are left out by turns, a fifth each, and
@@ -29,11 +29,13 @@ class KORIMG_API CFrameFitter {
   /// the mean. A distortion takes 100 pairs of two frames, some of them in the corners; `needsDistortion`
   /// leaves models without one out, unless the stars cannot tell it.
   void Choose(bool needsDistortion = false);
-  /// Fixes the model, without a distortion but a known one.
+  /// Fixes the model, without a distortion.
   void Choose(Model model);
 
   Model GetModel() const { return model_; }
   const CLensDistortion& GetDistortion() const { return distortion_; }
+  /// The distortion was found by these frames.
+  bool IsFitted() const { return isFitted_; }
   bool IsRigid() const { return model_ == CFrameMap::Rigid && distortion_.IsNone(); }
   /// Why the model was chosen, in numbers, for people.
   const std::string& Text() const { return text_; }
@@ -57,5 +59,6 @@ class KORIMG_API CFrameFitter {
   std::optional<CLensDistortion> known_;
   Model model_ = CFrameMap::Rigid;
   CLensDistortion distortion_;
+  bool isFitted_ = false;
   std::string text_;
 };

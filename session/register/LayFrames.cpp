@@ -26,14 +26,15 @@ size_t GoodOnes(const LaidFrames& laid) {
 
 /// What is to be thought of shifts and turns, by the stars of all frames.
 CFrameFitter FitterOf(const FrameMeasure& reference, const FramesToLay& frames,
-                      const std::vector<Registration>& registrations, FrameModel model) {
+                      const std::vector<Registration>& registrations, const LayOptions& options) {
   CFrameFitter fitter(reference.width, reference.height);
+  if (options.lens) fitter.SetDistortion(*options.lens);
   for (size_t i = 0; i < registrations.size(); ++i) {
     const FrameMeasure& own = frames.measures[i];
     if (own.width != reference.width || own.height != reference.height) continue;
     if (!registrations[i].pairs.empty()) fitter.Add(registrations[i].pairs);
   }
-  switch (model) {
+  switch (options.model) {
     case FrameModel::Auto:
       fitter.Choose();
       break;
@@ -58,7 +59,7 @@ CFrameFitter FitterOf(const FrameMeasure& reference, const FramesToLay& frames,
 
 LaidFrames LayOn(Job& job, const FramesToLay& frames, const Grid& grid, const LayOptions& options) {
   const size_t count = frames.measures.size();
-  LaidFrames laid{grid.number, std::vector<Registration>(count, {.status = "cannot be read"}), ""};
+  LaidFrames laid{grid.number, std::vector<Registration>(count, {.status = "cannot be read"}), "", {}};
   std::vector<Registration>& registrations = laid.registrations;
   Registrar registrar(*grid.measure, grid.image, options.residual);
   SideBySide(
@@ -72,8 +73,9 @@ LaidFrames LayOn(Job& job, const FramesToLay& frames, const Grid& grid, const La
             {frames.files[i]}, [&](const auto&) { registrations[i] = result(); }, frames.mayBeMissing);
         registrations[i].file = frames.files[i].string();
       });
-  const CFrameFitter fitter = FitterOf(*grid.measure, frames, registrations, options.model);
+  const CFrameFitter fitter = FitterOf(*grid.measure, frames, registrations, options);
   laid.model = fitter.Text();
+  if (fitter.IsFitted()) laid.lens = fitter.GetDistortion();
   for (size_t i = 0; i < count; ++i) {
     LayByStars(fitter, frames.measures[i], *grid.measure, options.residual, options.model == FrameModel::Auto,
                registrations[i]);

@@ -33,7 +33,8 @@ inline const std::vector<Named<FrameModel>> kFrameModels = {{"auto", FrameModel:
 
 struct LayOptions {
   FrameModel model = FrameModel::Auto;
-  double residual = 1;  ///< pixels that stars may be off by in the mean
+  double residual = 1;                       ///< pixels that stars may be off by in the mean
+  std::optional<CLensDistortion> lens = {};  ///< as it is known, for frames whose stars do not tell it
 };
 
 /// The frames of a session while they are laid.
@@ -49,7 +50,8 @@ struct FramesToLay {
 struct LaidFrames {
   std::optional<size_t> reference;  ///< none when it is an image of its own
   std::vector<Registration> registrations;
-  std::string model;  ///< for people: what the frames are laid by, and why
+  std::string model;                    ///< for people: what the frames are laid by, and why
+  std::optional<CLensDistortion> lens;  ///< that was found by their stars
 };
 
 /// Lays frames on a reference: the one that is given, else one that is chosen. Of those with half as many

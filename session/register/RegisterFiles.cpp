@@ -13,6 +13,7 @@
 #include "session/job/internal/SideBySide.h"
 #include "session/picture/Image.h"
 #include "session/picture/Images.h"
+#include "session/register/LensLibrary.h"
 #include "session/register/WorldMap.h"
 
 namespace korimg::session {
@@ -143,7 +144,9 @@ RegisterResult Register(Job& job, const RegisterOptions& options) {
   }
   FramesToLay toLay{files, frames, [&](size_t i) { return load(files[i]); }, bytes};
   toLay.mayBeReference = LightsOfOneObject(headers);
-  const LayOptions how{options.model, options.residual};
+  const LensLibrary lenses(options.lenses);
+  const std::string camera = LensLibrary::KeyOf(headers.front(), frames.front().width, frames.front().height);
+  const LayOptions how{options.model, options.residual, lenses.Find(camera)};
   fs::path referenceFile = options.reference;
   FrameMeasure reference;
   files::Header referenceHeader;
@@ -165,6 +168,7 @@ RegisterResult Register(Job& job, const RegisterOptions& options) {
   job.Say(fmt::format("reference: {}, FWHM {:.2f}, {} stars", referenceFile.string(), reference.fwhm,
                       reference.starCount));
   if (!laid.model.empty()) job.Say("laid by: " + laid.model);
+  KeepLens(job, lenses, camera, laid);
   std::vector<Registration> registrations = std::move(laid.registrations);
   if (options.by != LayBy::Stars) {
     LayByWorld(frames, headers, referenceHeader, options.by == LayBy::World, registrations);

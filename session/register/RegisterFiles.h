@@ -28,6 +28,7 @@ struct RegisterOptions {
   double residual = 1;                       ///< pixels that stars may be off by in the mean
   FrameModel model = FrameModel::Auto;
   LayBy by = LayBy::Auto;
+  std::filesystem::path lenses = {};  ///< a LensLibrary that knows the lens, or gets it; empty: none
 };
 
 struct RegisterResult {

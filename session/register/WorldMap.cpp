@@ -32,7 +32,8 @@ struct TangentPlane {
 std::optional<CLensDistortion> Distortion(const files::Header& header, korimg::Point reference) {
   CLensDistortion::Numbers numbers{};
   const char* const axes[] = {"A", "B"};
-  constexpr int kOrders[CLensDistortion::kTerms][2] = {{2, 0}, {1, 1}, {0, 2}, {3, 0}, {2, 1}, {1, 2}, {0, 3}};
+  constexpr int kOrders[CLensDistortion::kTerms][2] = {{2, 0}, {1, 1}, {0, 2}, {3, 0},
+                                                       {2, 1}, {1, 2}, {0, 3}};
   constexpr int kMostOrder = 9;
   for (int axis = 0; axis < 2; ++axis) {
     for (int p = 0; p <= kMostOrder; ++p) {
@@ -61,13 +62,17 @@ std::optional<CLensDistortion> Distortion(const files::Header& header, korimg::P
 }
 
 std::optional<TangentPlane> PlaneOf(const files::Header& header) {
-  const std::string first = header.GetString("CTYPE1").value_or(""), second = header.GetString("CTYPE2").value_or("");
-  const auto number = [&](const std::string& key, double missing) { return header.GetDouble(key).value_or(missing); };
+  const std::string first = header.GetString("CTYPE1").value_or(""),
+                    second = header.GetString("CTYPE2").value_or("");
+  const auto number = [&](const std::string& key, double missing) {
+    return header.GetDouble(key).value_or(missing);
+  };
   const auto isTan = [](const std::string& type, const char* axis) {
     return type == std::string(axis) + "-TAN" || type == std::string(axis) + "-TAN-SIP";
   };
   if (!isTan(first, "RA--") || !isTan(second, "DEC-")) return std::nullopt;
-  if (header.GetDouble("PV2_1") || header.GetDouble("PV1_1")) return std::nullopt;  // distorted on the sky's side
+  if (header.GetDouble("PV2_1") || header.GetDouble("PV1_1"))
+    return std::nullopt;  // distorted on the sky's side
   for (const char* key : {"CRPIX1", "CRPIX2", "CRVAL1", "CRVAL2"}) {
     if (!header.GetDouble(key)) return std::nullopt;
   }
@@ -96,7 +101,8 @@ std::optional<TangentPlane> PlaneOf(const files::Header& header) {
   const double a = number("CRVAL1", 0) * kDegree, d = number("CRVAL2", 0) * kDegree;
   const double ca = std::cos(a), sa = std::sin(a), cosine = std::cos(d), sine = std::sin(d);
   const Matrix plane{cd[0][0], cd[0][1], -cd[0][0] * reference.x - cd[0][1] * reference.y,
-                     cd[1][0], cd[1][1], -cd[1][0] * reference.x - cd[1][1] * reference.y, 0, 0, 1};
+                     cd[1][0], cd[1][1], -cd[1][0] * reference.x - cd[1][1] * reference.y,
+                     0,        0,        1};
   const Matrix sky{-sa, -sine * ca, cosine * ca, ca, -sine * sa, cosine * sa, 0, cosine, sine};
   return TangentPlane{Product(sky, plane), *lens};
 }

@@ -25,6 +25,7 @@
 #include "session/job/internal/SideBySide.h"
 #include "session/picture/AutoPicture.h"
 #include "session/register/LayFrames.h"
+#include "session/register/LensLibrary.h"
 #include "session/register/internal/MapJson.h"
 #include "session/run/internal/Cost.h"
 #include "session/run/internal/Gradient.h"
@@ -399,6 +400,12 @@ class Road {
     tell(targets_.size() == 1 ? targets_[0].name : "the session", used, lights);
   }
 
+  /// What is known of lenses lies beside the masters.
+  fs::path Lenses() const {
+    const fs::path& masters = options_.calibrate.masters;
+    return (masters.empty() ? options_.calibrate.out : masters) / "lenses.json";
+  }
+
   /// The frame that others lie on.
   const Progress& Grid() const { return fixed_ ? *fixed_ : frames_[reference_]; }
   std::string NameOf(const Progress& frame) const {
@@ -452,14 +459,19 @@ class Road {
       LightRows rows(session_, *frame.light, frame.border);
       return LoadWhole(rows, job_.MakeStore());
     };
+    const files::ImageInfo& first = frames_[numbers.front()].light->frame.info;
+    const std::string camera = LensLibrary::KeyOf(first.header, first.width, first.height);
+    const LensLibrary lenses(Lenses());
+    LayOptions how = options_.lay;
+    how.lens = lenses.Find(camera);
     LaidFrames laid;
     if (whole) {
       laid = LayFrames(
-          job_, toLay, fixed_->measure, [whole] { return whole; }, options_.lay);
+          job_, toLay, fixed_->measure, [whole] { return whole; }, how);
     } else {
       std::optional<size_t> number;
       if (!options_.reference.empty()) number = std::ranges::find(numbers, reference_) - numbers.begin();
-      laid = LayFrames(job_, toLay, number, options_.lay);
+      laid = LayFrames(job_, toLay, number, how);
       reference_ = numbers[*laid.reference];
     }
     const Progress& reference = Grid();
@@ -480,6 +492,7 @@ class Road {
     Plan(fmt::format("reference: {}, {} stars, FWHM {:.2f} px", NameOf(reference),
                      reference.measure.starCount, reference.measure.fwhm));
     if (!laid.model.empty()) Plan("laid by: " + laid.model);
+    KeepLens(job_, lenses, camera, laid);
   }
 
   /// Leaves out what cannot be stacked, and what is much worse than the others. A few stars tell nothing of

@@ -53,7 +53,7 @@ struct StackOptions {
   bool clampUndershoot = true;  ///< of kernels beside bright stars, where it falls below the sky
   bool rejectionMaps = false;
   std::optional<Shape> shape = {};  ///< of the grid that the frames lie on, unless it is the reference's
-  double feather = 0;    ///< pixels over which frames fade towards their edges; see CImgStack::SetFeather
+  double feather = 0;  ///< pixels over which frames fade towards their edges; see CImgStack::SetFeather
   bool uncertainty = false, mask = false;  ///< of the result, by those of the frames
   long long memory = 0;  ///< bytes for all that a stack holds, as DefaultStackMemory answers them
 };

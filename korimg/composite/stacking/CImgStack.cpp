@@ -597,8 +597,8 @@ void CImgStack::Stack(Method method, const Rejection& rejection, int y0, int y1)
       method == Mean && rejection.test != Rejection::None ? scatter_.get() : nullptr;
   ForColumns(
       y0, y1, true, NormalizeItems() > 0, true, weights_,
-      [&, statistic = Statistic{method, rejection, weights_, scatter, feather_ > 0, varianceMap_ || flagMap_}](
-          Columns& columns, const Part& part) mutable {
+      [&, statistic = Statistic{method, rejection, weights_, scatter, feather_ > 0,
+                                varianceMap_ || flagMap_}](Columns& columns, const Part& part) mutable {
         float* out = Target().GetWritableLine(part.x, part.y, part.plane);
         statistic(columns, part.x, part.y, part.plane, out);
         for (int x = 0; x < columns.Size(); ++x) {

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "session/register/LensLibrary.h"
 #include "session/stack/internal/Transforms.h"
 #include "tests/support/Folder.h"
 #include "tests/support/StarFields.h"
@@ -165,7 +166,64 @@ TEST(LayFrames, ChoosesTheReferenceThatServesMost) {
   EXPECT_EQ(other.Lay().reference, 1u);
 }
 
+TEST(LayFrames, AKnownLensServesFewStarsAndHarmsNone) {
+  const auto field = [](double barrel, double share) {
+    Field frames;
+    for (int i = 0; i < 5; ++i) {
+      frames.Add(Through(Barrel(barrel), Turned(80 * std::sin(2.0 * i), 60 * std::cos(3.0 * i), 0.2 * i)));
+      auto& stars = frames.frames.measures.back().stars;
+      std::erase_if(stars, [&](const CStar& star) {
+        // The same few of the sky in each frame, none of them in the corners.
+        return share < 1 && (Distance({star.x, star.y}, {499.5, 349.5}) > 0.68 * kHalf || star.flux < 3500);
+      });
+    }
+    return frames;
+  };
+  const LaidFrames many = field(0.04, 1).Lay(0);
+  ASSERT_TRUE(many.lens);
+  Field few = field(0.04, 0.1), straight = field(0, 0.1);
+  const LaidFrames alone = few.Lay(0), served = few.Lay(0, {.lens = many.lens});
+  EXPECT_FALSE(alone.lens || served.lens) << alone.model << served.model;
+  double aloneOff = 0, servedOff = 0;
+  for (size_t i = 1; i < 5; ++i) {
+    ASSERT_TRUE(served.registrations[i].IsGood()) << served.registrations[i].Text();
+    aloneOff = std::max(aloneOff, few.Worst(alone, i));
+    servedOff = std::max(servedOff, few.Worst(served, i));
+  }
+  EXPECT_LT(servedOff, 0.5) << served.model;
+  EXPECT_GT(aloneOff, 1.5) << alone.model;
+  const LaidFrames harmless = straight.Lay(0, {.lens = many.lens});
+  for (size_t i = 1; i < 5; ++i) {
+    EXPECT_FALSE(harmless.registrations[i].map) << harmless.model;
+  }
+}
+
 using MapFiles = files::FolderTest;
+
+TEST_F(MapFiles, LibrariesOfLensesKnowWhatTheyWereTold) {
+  files::Header header;
+  EXPECT_EQ(LensLibrary::KeyOf(header, 10, 20), "");
+  header.Set("INSTRUME", "a \"camera\"");
+  header.Set("TELESCOP", "lens");
+  header.Set("FOCALLEN", 134.7);
+  const std::string key = LensLibrary::KeyOf(header, 10, 20);
+  EXPECT_EQ(key, "a \"camera\", lens, 135 mm, 10 x 20");
+  const LensLibrary library(In("sub/lenses.json"));
+  EXPECT_FALSE(library.Find(key));
+  const CLensDistortion one = CLensDistortion::Of(10, 20, {0.0625, 1.0 / 3}),
+                        two = CLensDistortion::Of(10, 20, {-0.125});
+  library.Keep(key, two, "first");
+  library.Keep("other", two, "other");
+  library.Keep(key, one, "then");
+  EXPECT_TRUE(library.Find(key) == one);
+  EXPECT_TRUE(library.Find("other") == two);
+  EXPECT_FALSE(library.Find(""));
+  LensLibrary("").Keep(key, one, "nowhere");
+  files::WriteBytes(In("junk"), "{\"lenses\": 3}");
+  EXPECT_THROW(LensLibrary(In("junk")).Find(key), files::FileError);
+  EXPECT_THROW(LensLibrary(In("junk")).Keep(key, one, ""), files::FileError) << "which is left as it is";
+  EXPECT_EQ(files::ReadBytes(In("junk")), "{\"lenses\": 3}");
+}
 
 TEST_F(MapFiles, StacksReadTheMapsThatAreWritten) {
   const CLensDistortion lens = CLensDistortion::Of(900, 700, {0.0625, -0.01, 1e-17, 1.0 / 3}),

@@ -52,10 +52,12 @@ struct World {
     const double xi = (cd[0][0] * u + cd[0][1] * v) * kDegree, eta = (cd[1][0] * u + cd[1][1] * v) * kDegree;
     const double phi = std::atan2(xi, -eta), theta = std::atan2(1.0, std::hypot(xi, eta));
     const double d0 = crval[1] * kDegree, phiPole = std::numbers::pi;
-    const double dec = std::asin(std::sin(theta) * std::sin(d0) + std::cos(theta) * std::cos(d0) * std::cos(phi - phiPole));
-    const double ra = crval[0] * kDegree + std::atan2(-std::cos(theta) * std::sin(phi - phiPole),
-                                                      std::sin(theta) * std::cos(d0) -
-                                                          std::cos(theta) * std::sin(d0) * std::cos(phi - phiPole));
+    const double dec =
+        std::asin(std::sin(theta) * std::sin(d0) + std::cos(theta) * std::cos(d0) * std::cos(phi - phiPole));
+    const double ra =
+        crval[0] * kDegree +
+        std::atan2(-std::cos(theta) * std::sin(phi - phiPole),
+                   std::sin(theta) * std::cos(d0) - std::cos(theta) * std::sin(d0) * std::cos(phi - phiPole));
     return {std::cos(dec) * std::cos(ra), std::cos(dec) * std::sin(ra), std::sin(dec)};
   }
 };
@@ -63,9 +65,18 @@ struct World {
 TEST(WorldMap, LaysImagesWhereTheirSkiesAreTheSame) {
   const World plain{{512.5, 400}, {359.7, 71}, {{-0.0021, 0.0004}, {0.0003, 0.0022}}},
       turned{{300, 711.25}, {1.1, 71.6}, {{0.0007, 0.0019}, {0.0018, -0.0008}}},
-      bent{{500, 480}, {0.4, 70.5}, {{-0.002, 0}, {0, 0.002}},
-           {{"A_2_0", 2e-6}, {"A_0_2", -1e-6}, {"A_1_1", 5e-7}, {"A_3_0", 4e-9}, {"A_1_2", 4e-9}, {"B_0_2", 1e-6},
-            {"B_2_0", 3e-7}, {"B_2_1", 4e-9}, {"B_0_3", 5e-9}}};
+      bent{{500, 480},
+           {0.4, 70.5},
+           {{-0.002, 0}, {0, 0.002}},
+           {{"A_2_0", 2e-6},
+            {"A_0_2", -1e-6},
+            {"A_1_1", 5e-7},
+            {"A_3_0", 4e-9},
+            {"A_1_2", 4e-9},
+            {"B_0_2", 1e-6},
+            {"B_2_0", 3e-7},
+            {"B_2_1", 4e-9},
+            {"B_0_3", 5e-9}}};
   for (const auto& [from, to] : {std::pair(plain, turned), {bent, plain}, {turned, bent}}) {
     for (const char* form : {"CD", "PC"}) {
       const auto map = MapByWorld(from.ToHeader(form), to.ToHeader("CD"));
@@ -78,7 +89,8 @@ TEST(WorldMap, LaysImagesWhereTheirSkiesAreTheSame) {
         if (there->x < 0 || there->y < 0 || there->x > 1000 || there->y > 960) continue;
         ++seen;
         const Direction a = from.At(p.x, p.y), b = to.At(there->x, there->y);
-        EXPECT_LT(std::hypot(a.x - b.x, a.y - b.y, a.z - b.z) / kDegree, 1e-9) << form << " " << p.x << ", " << p.y;
+        EXPECT_LT(std::hypot(a.x - b.x, a.y - b.y, a.z - b.z) / kDegree, 1e-9)
+            << form << " " << p.x << ", " << p.y;
       }
       EXPECT_GT(seen, 5);
     }
@@ -90,7 +102,8 @@ TEST(WorldMap, SaysNothingOfOtherKinds) {
   const files::Header good = plain.ToHeader("CD");
   EXPECT_TRUE(MapByWorld(good, good));
   EXPECT_FALSE(MapByWorld(good, {}));
-  for (const auto& [key, value] : {std::pair("CTYPE1", "RA---SIN"), {"CTYPE2", "GLAT-TAN"}, {"CRVAL1", "no"}}) {
+  for (const auto& [key, value] :
+       {std::pair("CTYPE1", "RA---SIN"), {"CTYPE2", "GLAT-TAN"}, {"CRVAL1", "no"}}) {
     files::Header other = good;
     other.Set(key, value);
     EXPECT_FALSE(MapByWorld(good, other)) << key;
