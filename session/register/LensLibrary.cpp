@@ -41,7 +41,8 @@ std::optional<CLensDistortion> LensLibrary::Find(const std::string& key) const {
   try {
     return LensFromJson(nlohmann::json(lenses[key]));
   } catch (const std::exception& error) {
-    throw files::FileError(path_, fmt::format("{}: {}; move the file away, and it is made anew", key, error.what()));
+    throw files::FileError(path_,
+                           fmt::format("{}: {}; move the file away, and it is made anew", key, error.what()));
   }
 }
 

@@ -140,6 +140,20 @@ TEST(CLensDistortion, NeverFoldsOutsideTheFrame) {
   }
 }
 
+TEST(CLensDistortion, ItsJacobianIsThatOfSmallSteps) {
+  const CLensDistortion lens = Barrel();
+  constexpr double kStep = 1e-3;
+  for (const Point& p : {Point{20, 30}, {900, 650}, {450, 10}}) {
+    CLensDistortion::Jacobian j;
+    const Point at = lens.Straight(p, &j), right = lens.Straight({p.x + kStep, p.y}),
+                below = lens.Straight({p.x, p.y + kStep});
+    EXPECT_NEAR(j.xx, (right.x - at.x) / kStep, 1e-5);
+    EXPECT_NEAR(j.yx, (right.y - at.y) / kStep, 1e-5);
+    EXPECT_NEAR(j.xy, (below.x - at.x) / kStep, 1e-5);
+    EXPECT_NEAR(j.yy, (below.y - at.y) / kStep, 1e-5);
+  }
+}
+
 TEST(CImgWarp, ReadsThePlaneWhereTheMapSays) {
   for (const StoreCase& store : Stores()) {
     for (const auto& [width, height] : {std::pair(211, 163), std::pair(1, 40), std::pair(53, 1)}) {
