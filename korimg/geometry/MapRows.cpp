@@ -1,9 +1,12 @@
 #include "korimg/geometry/internal/MapRows.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
 #include <numbers>
+
+#include "korimg/image/internal/Vectors.h"
 
 namespace korimg {
 namespace {
@@ -51,6 +54,30 @@ MapRows::MapRows(const CFrameMap& map, int width, double y0, int rows, double st
       }
     }
   }
+}
+
+void MapRows::Along(int i, double x0, int n, double* x, double* y) const {
+  constexpr double kNothing = 1e-9;  // pixels: most maps bend little, and need few terms
+  const double *const u = U(i), *const v = V(i);
+  int terms = kTerms;
+  while (terms > 1 && std::abs(u[terms - 1]) + std::abs(v[terms - 1]) < kNothing) {
+    --terms;
+  }
+  RunInLongVectors([=, middle = middle_, scale = scale_]() KORIMG_IN_LOOP {
+    std::fill_n(x, n, u[terms - 1]);
+    std::fill_n(y, n, v[terms - 1]);
+    for (int k = terms - 2; k >= 0; --k) {
+      const double a = u[k], b = v[k];
+      for (int j = 0; j < n; ++j) {
+        const double s = (x0 + j - middle) * scale;
+        x[j] = x[j] * s + a;
+        y[j] = y[j] * s + b;
+      }
+    }
+    for (int j = 0; j < n; ++j) {
+      x[j] += x0 + j;
+    }
+  });
 }
 
 MapRowsTable::MapRowsTable(const MapRows& rows, int count) : buffer_(2 * kTerms, count) {

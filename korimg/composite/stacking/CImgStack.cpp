@@ -37,11 +37,13 @@ struct Work {
   std::vector<float> distances, column;    ///< of these, and of one of them
   std::vector<float> about;                ///< medians beside one
   std::vector<unsigned char> few;  ///< bits of the values that are rejected one by one, in their order
+  std::vector<std::pair<int, int>> rejected;  ///< all of them: frame and column
 
   void Resize(int columns) {
     linear.resize(columns);
     squares.resize(columns);
     few.assign(columns, 0);
+    rejected.clear();
     for (auto* floats : {&medians, &least, &most, &low, &high, &lowCount, &highCount}) {
       floats->resize(columns);
     }
@@ -234,8 +236,7 @@ inline Verdict VerdictOn(const Work& work, const Known& known, int x, int i, flo
 
 /// The weighted means of what is left, and what lies beyond. Only the few columns that lost a value are gone
 /// through; the others have their sums.
-void Means(const Columns& columns, const Work& work, const Known& known, CImgStack::Counts* counts,
-           float* out) {
+void Means(const Columns& columns, Work& work, const Known& known, CImgStack::Counts* counts, float* out) {
   const int frames = columns.Frames(), stride = columns.Most();
   const double *weights = known.weights.data(), all = std::accumulate(weights, weights + frames, 0.0);
   RunInLongVectors([out, all, sums = columns.Sums(), size = columns.Size()]() KORIMG_IN_LOOP {
@@ -256,7 +257,10 @@ void Means(const Columns& columns, const Work& work, const Known& known, CImgSta
       const auto [isLow, isHigh] = VerdictOn(work, known, x, i, v, number++);
       counts[i].low += isLow;
       counts[i].high += isHigh;
-      if (isLow || isHigh) continue;
+      if (isLow || isHigh) {
+        work.rejected.emplace_back(i, x);
+        continue;
+      }
       sum += own * v;
       weight += own;
     }
@@ -614,6 +618,9 @@ void CImgStack::Stack(Method method, const Rejection& rejection, int y0, int y1)
              {std::pair(lowMap_, &statistic.work.lowCount), {highMap_, &statistic.work.highCount}}) {
           if (map)
             std::copy_n(found->data(), columns.Size(), map->GetWritableLine(part.x, part.y, part.plane));
+        }
+        for (const auto& [slot, x] : statistic.work.rejected) {
+          if (rejected_) rejected_(slot, part.x + x, part.y, part.plane);
         }
         const std::lock_guard lock(mutex);
         for (int i = 0; i < Slots(); ++i) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <functional>
 #include <memory>
 #include <span>
 #include <utility>
@@ -48,6 +49,11 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   void SetOutside(float value) { outside_ = value; }
   /// Images of the target's shape that get the number of values rejected in each pixel. Either may be null.
   void SetRejectionMaps(CVelImage* low, CVelImage* high);
+
+  /// Is told of each value that Stack rejects: its slot, and its place on the target. A line is told of by
+  /// one thread, and several at a time.
+  using Rejected = std::function<void(int slot, int x, int y, int plane)>;
+  void SetRejected(Rejected rejected) { rejected_ = std::move(rejected); }
 
   /// As CImgMedianComposit::Store, turned about the middle of the frame, and with the kernel of `method` also
   /// for shifts by parts of a pixel.
@@ -116,5 +122,6 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   double feather_ = 0;
   CVelImage* lowMap_ = nullptr;
   CVelImage* highMap_ = nullptr;
+  Rejected rejected_;
   std::vector<Counts> counts_;
 };

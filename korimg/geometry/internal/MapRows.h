@@ -30,6 +30,9 @@ class MapRows {
     return {x + Sum(U(i), s), Sum(V(i), s)};
   }
 
+  /// The same for x0, x0 + 1 ... x0 + n - 1, which need not be whole.
+  void Along(int i, double x0, int n, double* x, double* y) const;
+
   static double Sum(const double* terms, double s) {
     double sum = terms[kTerms - 1];
     for (int k = kTerms - 2; k >= 0; --k) {
