@@ -35,6 +35,30 @@ void AddStackChoices(CLI::App& verb, StackChoices& choices) {
           "dark rings of bicubic and lanczos kernels beside bright stars: raised to the pixels around "
           "where they fall below the sky, or kept")
       ->check(CLI::IsMember({"clamp", "keep"}));
+  const auto drizzle = [&choices]() -> CImgDrizzle::Options& {
+    return choices.drizzle ? *choices.drizzle : choices.drizzle.emplace();
+  };
+  CLI::Option* const scale =
+      verb.add_option_function<double>(
+              "--drizzle", [=](double value) { drizzle().scale = value; },
+              "lay the pixels on a grid so many times as fine, each on what it covers there, instead of "
+              "reading "
+              "frames between their pixels: gives back resolution where stars are undersampled and frames "
+              "lie at many positions; 1 to 4, as in 2 or 1.5. Writes NAME_weights too")
+          ->check(CLI::Range(1.0, 4.0));
+  verb.add_option_function<double>(
+          "--pixfrac", [=](double value) { drizzle().pixfrac = value; },
+          "--drizzle: side of what falls in that of the pixel; smaller is sharper, and needs more frames")
+      ->default_str("0.7")
+      ->check(CLI::Range(0.01, 1.0))
+      ->needs(scale);
+  verb.add_option_function<std::string>(
+          "--drizzle-kernel",
+          [=](const std::string& name) { drizzle().kernel = ValueOf(kDrizzleKernels, name); },
+          "--drizzle: what falls is the square, its middle, or a Gaussian of its width")
+      ->default_str("square")
+      ->check(CLI::IsMember(NamesOf(kDrizzleKernels)))
+      ->needs(scale);
 }
 
 void AddStack(CLI::App& app, Tool& tool) {

@@ -285,7 +285,7 @@ class Loneliness {
 SameColour::SameColour(int cfa) {
   for (int y = 0; y < 4; ++y) {
     for (int x = 0; x < 4; ++x) {
-      colours_[y][x] = ColourOf(cfa, x, y);
+      colours_[y][x] = cfa == 0 ? 0 : files::ColourOfSite(cfa, x, y);
     }
   }
   for (int y = 0; y < 4; ++y) {

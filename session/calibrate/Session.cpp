@@ -1097,6 +1097,28 @@ void LightRows::ReadBand(const Band<float>& to, const QualityRows& quality) {
   CopyPixels(Image::RowsOf(*band, 0, to.Rows(), true), to);
 }
 
+void LightRows::ReadSites(const Band<float>& to) {
+  ReadCalibrated(to);
+  const int cfa = light_.mosaic.cfa;
+  const auto& gains = session_.balances_.at(CameraOf(light_)).gains;
+  const auto pedestal = static_cast<float>(session_.options_.KeptPedestal());
+  // Those of a honeycomb are of red, green, green and blue.
+  const auto gainOf = [&](int x, int y) {
+    if (!files::IsHoneycomb(cfa)) return gains[(y & 1) * 2 + (x & 1)];
+    return gains[files::ColourOfSite(cfa, x, y) == 2 ? 3 : std::max(files::ColourOfSite(cfa, x, y), 0)];
+  };
+  for (int y = to.Top(); y < to.Bottom(); ++y) {
+    std::array<float, 4> own;
+    for (int x = 0; x < 4; ++x) {
+      own[x] = static_cast<float>(gainOf(x, y));
+    }
+    const Row<float> row = to.Row(0, y);
+    for (int x = 0; x < to.Width(); ++x) {
+      row[x] = row[x] * own[x & 3] + pedestal;
+    }
+  }
+}
+
 /// What is to be developed has no pedestal.
 void LightRows::ReadCalibrated(const Band<float>& to) {
   mosaic_ = mosaicRows_.Get(wanted_, to.Planes(), to.Width(), to.Top(), to.Rows());

@@ -133,6 +133,14 @@ Mosaic FindMosaic(const ImageInfo& info, const MosaicOptions& options) {
   return mosaic;
 }
 
+int ColourOfSite(int cfa, int x, int y) {
+  if (const auto lattice = HoneycombLattice::Of(cfa)) {
+    return lattice->IsSite(x, y) ? lattice->ColourAt(x, y) : -1;
+  }
+  const RedSite red = FindRed(cfa);
+  return ((x - red.x) & 1) + ((y - red.y) & 1);
+}
+
 void RemoveMosaic(Header& header) {
   for (const char* key : {"BAYERPAT", "XBAYROFF", "YBAYROFF", "BAYOFFX", "BAYOFFY", "COLORTYP"}) {
     header.Remove(key);

@@ -46,6 +46,10 @@ RedSite FindRed(int cfa);
 /// The number of the same kind of mosaic with red elsewhere; 0 where it has none.
 int CfaWithRed(int cfa, RedSite red);
 
+/// The colour of a site of a mosaic: 0 red, 1 green, 2 blue; less than 0 between the sites of a honeycomb. It
+/// repeats after four columns and rows.
+KORIMG_SESSION_API int ColourOfSite(int cfa, int x, int y);
+
 /// What is known of an image's mosaic.
 struct Mosaic {
   int cfa = 0;         ///< of the rows as they are stored; 0: no mosaic, or one that is not supported

@@ -33,6 +33,7 @@
 #include "session/run/internal/Report.h"
 #include "session/run/internal/Selection.h"
 #include "session/run/internal/State.h"
+#include "session/stack/internal/RejectedPixels.h"
 #include "session/stack/internal/StackHeader.h"
 
 namespace korimg::session {
@@ -255,8 +256,10 @@ class Road {
       const Light& light = *target.frames.front()->light;
       const files::ImageInfo& info = light.frame.info;
       const bool isMosaic = light.mosaic.cfa > 0;
-      work.stacks.push_back(
-          {target.frames.size(), {info.width, info.height, isMosaic ? 3 : info.planes}, isMosaic});
+      work.stacks.push_back({target.frames.size(),
+                             {info.width, info.height, isMosaic ? 3 : info.planes},
+                             isMosaic,
+                             options_.stack.drizzle ? options_.stack.drizzle->scale : 0});
     }
     return work;
   }
@@ -623,7 +626,14 @@ class Road {
     if (TakeKeptStack(target, used, digest)) return;
 
     const auto store = job_.MakeStore();
-    CVelImage image(store, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr);
+    if (options_.stack.drizzle) {
+      const Drizzled drizzled =
+          DrizzleFrames(target, used, inputs, static_cast<int>(reference), options, store);
+      KeepStack(target, used, digest,
+                SaveStack(target, used, *used[reference], *drizzled.image, {}, &drizzled));
+      return;
+    }
+    const auto image = NewImage(store, shape.width, shape.height, shape.planes);
     const Quality quality = NewQuality(store, wanted, shape.width, shape.height, shape.planes);
     const auto take = [&](const StackBand& band) {
       for (size_t i = 0; i < band.counts.size(); ++i) {
@@ -633,8 +643,57 @@ class Road {
       if (quality.variance) CopyPixels(band.variance, rows.variance);
       if (quality.mask) CopyPixels(band.mask, rows.mask);
     };
-    Stack(job_, inputs, static_cast<int>(reference), options, 0, take, &image);
-    KeepStack(target, used, digest, SaveStack(target, used, *used[reference], image, quality));
+    Stack(job_, inputs, static_cast<int>(reference), options, 0, take, image.get());
+    KeepStack(target, used, digest, SaveStack(target, used, *used[reference], *image, quality));
+  }
+
+  /// A stack on a finer grid.
+  struct Drizzled {
+    std::unique_ptr<CVelImage> image, weights;
+    std::optional<double> spread;  ///< of the weights
+  };
+
+  /// Lights of a colour camera are drizzled by the sites of their mosaics; what is rejected of these was told
+  /// by the developed ones.
+  Drizzled DrizzleFrames(const Target& target, const std::vector<Progress*>& used,
+                         const std::vector<StackInput>& inputs, int reference, const StackOptions& options,
+                         const std::shared_ptr<CVmManager>& store) {
+    const CImgDrizzle::Options& grid = *options_.stack.drizzle;
+    session::DrizzleFrames frames{inputs, reference, options.normalisation};
+    for (const Progress* frame : used) {
+      if (frame->light->mosaic.cfa == 0) continue;
+      frames.mosaics.push_back(
+          {PlanesOfSites(frame->light->mosaic.cfa), [this, frame](const Band<float>& to) {
+             LightRows(session_, *frame->light, frame->border).ReadSites(to);
+           }});
+    }
+    std::optional<RejectedPixels> rejected;
+    if (options_.stack.Rejects()) {
+      rejected.emplace(Path(target.name + ".fits"), "", inputs[reference].shape, inputs.size(),
+                       Journal::Passing);
+      FindRejected(job_, inputs, reference, options, *rejected);
+      frames.rejected = &*rejected;
+    }
+    const CImgDrizzle made = GridOf(inputs[reference], grid);
+    const int planes = inputs[reference].shape.planes;
+    Drizzled drizzled{NewImage(store, made.Width(), made.Height(), planes),
+                      NewImage(store, made.Width(), made.Height(), planes), std::nullopt};
+    WeightSpread spread(inputs, reference, grid);
+    Plan(fmt::format("{}: {} x {}, {}", target.name, made.Width(), made.Height(),
+                     PlanDrizzle(frames, grid, options.memory).Text()));
+    Drizzle(job_, frames, grid, options.memory, 0, [&](const StackBand& band) {
+      CopyPixels(band.result, Image::RowsOf(*drizzled.image, band.result.Top(), band.result.Rows()));
+      CopyPixels(band.weights, Image::RowsOf(*drizzled.weights, band.weights.Top(), band.weights.Rows()));
+      spread.Add(band.weights);
+      for (size_t i = 0; i < used.size() && !rejected; ++i) {
+        used[i]->counts += band.counts[i];
+      }
+    });
+    for (size_t i = 0; i < used.size() && rejected; ++i) {
+      used[i]->counts = rejected->Counts()[i];
+    }
+    drizzled.spread = spread.Get();
+    return drizzled;
   }
 
   /// All that a stack and its files depend on.
@@ -660,6 +719,7 @@ class Road {
       outputs.push_back(Path(target.name + extension));
     }
     if (options_.gradient) outputs.push_back(Path(target.name + "_gradient.fits"));
+    if (options_.stack.drizzle) outputs.push_back(Path(target.name + "_weights.fits"));
     return outputs;
   }
 
@@ -725,11 +785,11 @@ class Road {
 
   /// Answers what is told of it beside the numbers of all stacks.
   Json SaveStack(const Target& target, const std::vector<Progress*>& used, const Progress& reference,
-                 CVelImage& image, const Quality& quality) {
+                 CVelImage& image, const Quality& quality, const Drizzled* drizzled = nullptr) {
     LightRows source(session_, *reference.light);
     files::Header first = source.Info().header;
     session_.Describe(first, *reference.light, reference.clipped);
-    const Shape& shape = reference.shape;
+    const Shape shape = reference.shape, size{image.GetWidth(), image.GetHeight(), image.GetPlanes()};
     if (&reference != &Grid() &&
         !files::DropWorldCoordinates(first, {shape.width, shape.height, shape.planes},
                                      "the grid is that of a frame of another stack")) {
@@ -748,6 +808,15 @@ class Road {
     ReportStack stack{target.name};
     RunStack made{Path(target.name + ".fits"), target.filter};
     Json more = Json::object();
+    if (drizzled) {
+      ToGrid(header, shape, *options_.stack.drizzle);
+      // Each colour of a mosaic got its part of the light alone.
+      if (reference.light->mosaic.cfa > 0) files::DropGain(header);
+      const fs::path file = Path(target.name + "_weights.fits");
+      SaveImage(job_, *drizzled->weights, header, file);
+      more["weights"] = file.string();
+      TellDrizzle(job_, *options_.stack.drizzle, drizzled->spread, more);
+    }
     if (options_.gradient) {
       if (const auto taken = TakeGradientOff(image)) {
         made.gradient = Path(target.name + "_gradient.fits");
@@ -756,7 +825,7 @@ class Road {
         files::DropGain(header);  // the sky's photons are no longer in the values
         Levels shown(*taken->surface);
         if (files::IsPictureOverturned(header)) TurnOver(*taken->surface);
-        stack.gradient = JpegOf(job_, *taken->surface, shown, ShrinkTo(shape, kThumbnailSide));
+        stack.gradient = JpegOf(job_, *taken->surface, shown, ShrinkTo(size, kThumbnailSide));
         stack.facts.emplace_back("gradient taken off", taken->Text());
         more["gradient"] = taken->Description();
         job_.Say(fmt::format("{}: gradient taken off: {} -> {}", target.name, taken->Text(),
@@ -776,7 +845,7 @@ class Road {
     std::vector<std::function<void()>> all{
         // the longest first
         [&] { SavePicture(job_, image, shown, Path(target.name + ".png"), 1); },
-        [&] { stack.picture = JpegOf(job_, image, shown, ShrinkTo(shape, kPictureSide)); }};
+        [&] { stack.picture = JpegOf(job_, image, shown, ShrinkTo(size, kPictureSide)); }};
     if (files::IsPictureOverturned(header)) {
       Together("writing " + target.name, own);
       TurnOver(image);
@@ -796,7 +865,7 @@ class Road {
         stack.facts.begin(),
         {{"frames", fmt::format("{} of {}", used.size(), target.frames.size())},
          {"exposure", fmt::format("{:g} s", exposure)},
-         {"size", fmt::format("{} x {}", reference.shape.width, reference.shape.height)},
+         {"size", fmt::format("{} x {}", size.width, size.height)},
          {"stars", fmt::format("{}", measure.starCount)},
          {"FWHM", fmt::format("{:.2f} px; of the reference {:.2f}", measure.fwhm, reference.measure.fwhm)},
          {"noise of the sky",
@@ -992,6 +1061,9 @@ RunOptions Complete(RunOptions options) {
     throw UsageError("there are no lights; name files or folders of them");
   options.stack.Settle(true);
   options.stack.Options();  // refuses what is wrong before any work
+  if (options.stack.drizzle && options.calibrate.quality.Any())
+    throw UsageError(
+        "--uncertainty and --mask are not known of what is drizzled; leave them or --drizzle out");
   const CalibrateOptions& frames = options.calibrate;
   if (!frames.darks.empty() || !frames.flats.empty() || !frames.biases.empty()) {
     options.calibrate.mastersAreLibrary = !frames.masters.empty();

@@ -354,6 +354,7 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
   stack.SetWeights(weights);
   stack.SetFeather(options.feather);
   stack.SetOutside(std::numeric_limits<float>::quiet_NaN());
+  stack.SetRejected(options.rejected);
   AddNormalisation(stack, inputs, reference, options.normalisation);
   if (options.rejectionMaps) {
     for (auto& map : maps) {

@@ -55,6 +55,7 @@ struct StackOptions {
   std::optional<Shape> shape = {};  ///< of the grid that the frames lie on, unless it is the reference's
   double feather = 0;  ///< pixels over which frames fade towards their edges; see CImgStack::SetFeather
   bool uncertainty = false, mask = false;  ///< of the result, by those of the frames
+  CImgStack::Rejected rejected = {};       ///< is told of each value that is rejected
   long long memory = 0;  ///< bytes for all that a stack holds, as DefaultStackMemory answers them
 };
 
@@ -65,6 +66,7 @@ struct StackBand {
   Band<const float> result, low = {}, high = {};
   std::vector<CImgStack::Counts> counts = {};  ///< of each frame, in this band
   Band<const float> variance = {}, mask = {};  ///< as QualityRows hold them, where they are wanted
+  Band<const float> weights = {};              ///< of the result, where it is drizzled
 };
 
 /// How a stack is cut into bands.

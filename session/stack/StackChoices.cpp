@@ -49,6 +49,10 @@ void StackChoices::Settle(bool fluxesAreCompared) {
 }
 
 StackOptions StackChoices::Options() const {
+  if (drizzle && method != "mean") {
+    throw UsageError(fmt::format(
+        "--drizzle makes weighted means of what falls on a pixel, and no --method {}; leave it out", method));
+  }
   StackOptions options;
   options.method = ValueOf(kStackMethods, method);
   options.rejection = ParseRejection(*this);
@@ -64,6 +68,10 @@ std::string StackChoices::Text() const {
   if (Rejects() && kappa != "auto") text += " --kappa " + kappa;
   if (Rejects() && iterations != StackChoices().iterations)
     text += fmt::format(" --iterations {}", iterations);
+  if (drizzle) {
+    text += fmt::format(" --drizzle {:g} --pixfrac {:g} --drizzle-kernel {}", drizzle->scale,
+                        drizzle->pixfrac, NameOf(kDrizzleKernels, drizzle->kernel));
+  }
   return text + fmt::format(" --normalize {} --weight {} --kernel {} --undershoot {}", normalise, weight,
                             kernel, undershoot);
 }

@@ -1,10 +1,12 @@
 // How frames are stacked, as people choose it.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "session/job/Named.h"
+#include "session/stack/Drizzle.h"
 #include "session/stack/Stack.h"
 
 namespace korimg::session {
@@ -23,6 +25,7 @@ struct StackChoices {
   std::string method = "mean", reject = "auto", kappa = "auto", normalise = "auto", weight = "noise",
               kernel = "bicubic", undershoot = "clamp";
   int iterations = 5;
+  std::optional<CImgDrizzle::Options> drizzle;  ///< on a finer grid; outliers are told on the reference's
 
   /// Decides what auto means: frames are brought to one scale where the light of their stars was compared.
   void Settle(bool fluxesAreCompared);

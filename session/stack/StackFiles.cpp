@@ -10,7 +10,9 @@
 #include "korimg/pipelines/runtime/Runtime.h"
 
 #include "session/calibrate/Frames.h"
+#include "session/develop/Develop.h"
 #include "session/files/Formats.h"
+#include "session/files/Gain.h"
 #include "session/files/Geometry.h"
 #include "session/files/Mosaic.h"
 #include "session/files/internal/ConstantBorder.h"
@@ -18,11 +20,13 @@
 #include "session/job/internal/Edge.h"
 #include "session/job/internal/Overwriting.h"
 #include "session/job/internal/SideBySide.h"
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 #include "session/register/Register.h"
 #include "session/register/internal/MapJson.h"
 #include "session/stack/internal/Canvas.h"
 #include "session/stack/internal/Journal.h"
+#include "session/stack/internal/RejectedPixels.h"
 #include "session/stack/internal/StackHeader.h"
 #include "session/stack/internal/Transforms.h"
 
@@ -41,7 +45,24 @@ struct Source {
   std::unique_ptr<files::ImageReader> reader;  ///< while it is open
   std::unique_ptr<QualityReader> quality;      ///< likewise, once it was asked for
   std::shared_ptr<const files::ConstantBorder> border = nullptr;
+  files::Mosaic mosaic = {};  ///< that is drizzled
 };
+
+/// Rows of a mosaic in colour, on its own scale: what outliers are told by where its sites are drizzled.
+void ReadDeveloped(files::ImageReader& reader, const files::Mosaic& mosaic, const Band<float>& to) {
+  // As many rows at once as make the margins of development small.
+  constexpr int kAtOnce = 128;
+  static const std::shared_ptr<CVmManager> store = CreateContiguousManager();
+  files::ImageInfo info = reader.Info();
+  const auto row = NewImage(store, info.width, 1, 1);
+  SetLevels(*row, info, false);
+  Development development(MosaicSource(reader, Levels(*row), store), info, mosaic, {}, {});
+  for (int top = to.Top(); top < to.Bottom(); top += kAtOnce) {
+    const Band<float> part = to.Part(top, std::min(kAtOnce, to.Bottom() - top));
+    const auto rows = development.Rows(part.Top(), part.Bottom());
+    CopyPixels(Image::RowsOf(*rows, 0, part.Rows(), true), part);
+  }
+}
 
 /// The files of a stack. The first ones stay open; opening others anew for each band costs little, and there
 /// may be more of them than a process may open.
@@ -79,6 +100,9 @@ class Sources {
     }
     if (used_.empty()) throw UsageError("no frame to stack: none of them is ok");
     FindReference(options);
+    for (Source& source : used_) {
+      if (options.drizzle) source.mosaic = files::FindMosaic(source.info);
+    }
     for (const Source& source : used_) {
       Check(source, options);
     }
@@ -107,11 +131,11 @@ class Sources {
     StackInput input{source.path.string(),     {source.info.width, source.info.height, source.info.planes},
                      source.transform.dx,      source.transform.dy,
                      source.transform.degrees, source.transform.map};
-    input.read = [&source](const Band<float>& to) {
-      if (source.reader) return source.reader->ReadRows(to);
-      OpenAgain(source)->ReadRows(to);
+    const auto read = [&source](const Band<float>& to) {
+      WithReader(source, [&](auto& reader) { reader.ReadRows(to); });
     };
-    input.readQuality = [&source, read = input.read](const Band<float>& to, const QualityRows& quality) {
+    input.read = read;
+    input.readQuality = [&source, read](const Band<float>& to, const QualityRows& quality) {
       read(to);
       if (source.quality) return source.quality->ReadRows(quality);
       auto reader = std::make_unique<QualityReader>(ReaderOf(source));
@@ -119,11 +143,25 @@ class Sources {
       if (source.reader) source.quality = std::move(reader);
     };
     if (uncertainty_) input.correlation = ReaderOf(source).CorrelationOfNoise();
+    if (source.mosaic.cfa == 0) return input;
+    input.shape.planes = 3;
+    input.read = [&source](const Band<float>& to) {
+      WithReader(source, [&](auto& reader) { ReadDeveloped(reader, source.mosaic, to); });
+    };
+    mosaics_.push_back({PlanesOfSites(source.mosaic.cfa), read});
     return input;
   }
 
+  /// The mosaics of the inputs, where these are developed.
+  const std::vector<MosaicSites>& Mosaics() const { return mosaics_; }
+
  private:
   inline static const files::ReadOptions kRead = {.manyOpen = true};
+
+  template <class Use>
+  static void WithReader(const Source& source, Use&& use) {
+    source.reader ? use(*source.reader) : use(*OpenAgain(source));
+  }
 
   static std::unique_ptr<files::ImageReader> OpenAgain(const Source& source) {
     auto reader = files::ImageReader::Open(source.path,
@@ -168,9 +206,15 @@ class Sources {
                                    "stack frames of one kind",
                                    own.format, wanted.format, used_[reference_].path.filename().string()));
     }
-    if (!source.transform.IsNone() && !files::FindMosaic(own).name.empty()) {
+    const bool isMoved = !source.transform.IsNone() || options.drizzle;
+    if (isMoved && source.mosaic.cfa == 0 && !files::FindMosaic(own).name.empty()) {
       throw files::FileError(source.path,
-                             "is an undeveloped mosaic, whose colours moving would mix; develop it first");
+                             "is an undeveloped mosaic, whose colours moving would mix; develop it first, or "
+                             "drizzle it (Bayer patterns and honeycombs)");
+    }
+    if ((source.mosaic.cfa == 0) != (used_[reference_].mosaic.cfa == 0)) {
+      throw files::FileError(source.path,
+                             "and the reference are a mosaic and none; drizzle frames of one kind");
     }
     if (options.uncertainty && !ReaderOf(source).HasUncertainty()) {
       throw files::FileError(source.path,
@@ -183,6 +227,7 @@ class Sources {
 
   bool uncertainty_;
   std::vector<Source> used_;
+  std::vector<MosaicSites> mosaics_;
   std::vector<std::pair<fs::path, std::string>> leftOut_;
   int reference_ = 0;
 };
@@ -202,24 +247,40 @@ class StackRun {
     for (size_t i = 0; i < sources_.Used().size(); ++i) {
       inputs_.push_back(sources_.Input(i));
     }
-    shape_ = inputs_[sources_.Reference()].shape;
+    shape_ = out_ = inputs_[sources_.Reference()].shape;
     if (options.frame == StackFrame::Union) {
       canvas_ = CanvasOf(inputs_, shape_);
       const double shorter = std::min(shape_.width, shape_.height), feather = options.feather;
       stack_.feather = feather < 0 ? kFeather * shorter : feather;
       LayOn(*canvas_, inputs_);
-      stack_.shape = shape_ = canvas_->shape;
+      stack_.shape = shape_ = out_ = canvas_->shape;
     } else if (options.feather > 0) {
       stack_.feather = options.feather;
     }
+    if (!options_.drizzle) return;
+    const bool isPlain = options.frame == StackFrame::Reference && !(options.feather > 0);
+    if (options.maps || options.uncertainty || options.mask || !isPlain) {
+      throw UsageError(
+          "--drizzle makes a grid of the reference's frame, without --rejection-maps, --uncertainty, --mask, "
+          "--frame union and --feather; leave these out");
+    }
+    const CImgDrizzle grid = GridOf(inputs_[sources_.Reference()], *options_.drizzle);
+    out_.width = grid.Width();
+    out_.height = grid.Height();
   }
 
   void Plan() {
     plan_ = PlanStack(inputs_, shape_, stack_);
+    bands_ = plan_.bands;
     const Source& reference = sources_.Used()[sources_.Reference()];
     job_.Say(fmt::format("{} frames of {} x {}{}, reference {}: {}", inputs_.size(), shape_.width,
                          shape_.height, shape_.planes > 1 ? " in colour" : "",
                          reference.path.filename().string(), plan_.Text()));
+    if (options_.drizzle) {
+      const DrizzlePlan plan = PlanDrizzle(ToDrizzle(), *options_.drizzle, stack_.memory);
+      bands_ = plan.bands;
+      job_.Say(fmt::format("{} x {}: {}", out_.width, out_.height, plan.Text()));
+    }
     for (const auto& [path, status] : sources_.LeftOut()) {
       job_.Warn(fmt::format("{}: left out: {}", path.string(), status));
     }
@@ -236,41 +297,51 @@ class StackRun {
                     {"frames", inputs_.size()},
                     {"reference", sources_.Used()[sources_.Reference()].path.string()},
                     {"left_out", LeftOut(sources_.LeftOut())},
-                    {"bands", plan_.bands},
+                    {"bands", bands_},
                     {"memory_bytes", plan_.totalBytes}}),
               "");
   }
 
   StackResult Work() {
     CheckOutputs();
-    Journal journal(options_.output, Digest(), shape_, Images(), inputs_.size(),
-                    options_.resume ? Journal::Kept : Journal::Passing);
+    const Journal::Use use = options_.resume ? Journal::Kept : Journal::Passing;
+    Journal journal(options_.output, Digest(), out_, Images(), inputs_.size(), use);
+    if (options_.drizzle && options_.Rejects()) {
+      rejected_.emplace(options_.output, Digest(), shape_, inputs_.size(), use);
+    }
     if (journal.WasOther()) {
       job_.Warn(fmt::format("{}.resume: made from other frames or options; beginning anew",
                             options_.output.string()));
     }
     std::optional<Overwriting> ours;
     if (journal.Rows() > 0) {
-      job_.Say(fmt::format("going on at row {} of {}", journal.Rows(), shape_.height));
+      job_.Say(fmt::format("going on at row {} of {}", journal.Rows(), out_.height));
       // What is there under the final names was written by the run that these bands are of.
       ours.emplace(job_);
     }
     TryOutputs();
     try {
-      if (journal.Rows() < shape_.height) {
+      if (journal.Rows() < out_.height) {
         Measure();
-        Stack(job_, inputs_, sources_.Reference(), stack_, journal.Rows(), [&](const StackBand& band) {
+        const auto keep = [&](const StackBand& band) {
           Job::CheckComputed(options_.output);
           journal.Add(band);
-        });
+        };
+        if (options_.drizzle) {
+          if (rejected_) FindRejected(job_, inputs_, sources_.Reference(), stack_, *rejected_);
+          Drizzle(job_, ToDrizzle(), *options_.drizzle, stack_.memory, journal.Rows(), keep);
+        } else {
+          Stack(job_, inputs_, sources_.Reference(), stack_, journal.Rows(), keep);
+        }
       }
       Save(journal);
     } catch (const Cancelled&) {
       if (!options_.resume) throw;
       throw Cancelled(fmt::format("cancelled at row {} of {}; the same call goes on from there",
-                                  journal.Rows(), shape_.height));
+                                  journal.Rows(), out_.height));
     }
     journal.Remove();
+    if (rejected_) rejected_->Remove();
     const StackResult result = Result();
     Tell(result);
     const size_t used = inputs_.size(), all = used + sources_.LeftOut().size();
@@ -289,6 +360,7 @@ class StackRun {
   }
 
   Journal::Images Images() const {
+    if (options_.drizzle) return {&StackBand::result, &StackBand::weights};
     Journal::Images images = {&StackBand::result};
     if (options_.maps) images.insert(images.end(), {&StackBand::low, &StackBand::high});
     if (options_.uncertainty) images.push_back(&StackBand::variance);
@@ -296,7 +368,13 @@ class StackRun {
     return images;
   }
 
+  DrizzleFrames ToDrizzle() const {
+    return {inputs_, sources_.Reference(), stack_.normalisation, sources_.Mosaics(),
+            rejected_ ? &*rejected_ : nullptr};
+  }
+
   std::vector<fs::path> Outputs() const {
+    if (options_.drizzle) return {options_.output, MapName("_weights")};
     if (!options_.maps) return {options_.output};
     return {options_.output, MapName("_low"), MapName("_high")};
   }
@@ -322,9 +400,10 @@ class StackRun {
 
   std::unique_ptr<ImageSaver> NewSaver(const fs::path& path, const files::Header& header,
                                        const Levels& levels, const files::Scale& scale = {}) const {
+    const bool isWeights = options_.drizzle && path != options_.output;
     return std::make_unique<ImageSaver>(
-        job_, path, shape_, levels, header,
-        SaveOptions{.integers = options_.bits == "16" || IsPng(path),
+        job_, path, out_, levels, header,
+        SaveOptions{.integers = (options_.bits == "16" && !isWeights) || IsPng(path),
                     .scale = scale,
                     .uncertainty = options_.uncertainty && path == options_.output,
                     .mask = options_.mask && path == options_.output});
@@ -406,6 +485,7 @@ class StackRun {
   files::Header MakeHeader() const {
     const Source& reference = sources_.Used()[sources_.Reference()];
     files::Header start = reference.info.header;
+    if (options_.drizzle) files::RemoveMosaic(start);
     if (!reference.transform.IsNone() &&
         !files::DropWorldCoordinates(start, {shape_.width, shape_.height, shape_.planes},
                                      "no frame lies on this grid")) {
@@ -427,6 +507,11 @@ class StackRun {
     files::Header made = header.Make(stack_.normalisation == Normalisation::LevelAndScale);
     made.AddHistory(fmt::format("korimg {} stack {}{}", Version(), options_.Text(),
                                 canvas_ ? fmt::format(" --frame union --feather {:g}", stack_.feather) : ""));
+    if (options_.drizzle) {
+      ToGrid(made, shape_, *options_.drizzle);
+      // Each colour got its part of the light alone.
+      if (!sources_.Mosaics().empty()) files::DropGain(made);
+    }
     const auto [low, high] = std::ranges::minmax(inputs_, {}, &StackInput::Weight);
     made.AddHistory(fmt::format("{} frames stacked, {} left out; weights {:.4g} to {:.4g}", inputs_.size(),
                                 sources_.LeftOut().size(), low.Weight(), high.Weight()));
@@ -449,12 +534,17 @@ class StackRun {
   void Save(const Journal& journal) {
     counts_.assign(inputs_.size(), {});
     files::RangeOf16Bits range;
+    std::optional<WeightSpread> spread;
+    if (options_.drizzle) spread.emplace(inputs_, sources_.Reference(), *options_.drizzle);
     journal.ForBands([&](const StackBand& band) {
+      if (spread) spread->Add(band.weights);
       for (size_t i = 0; i < counts_.size(); ++i) {
         counts_[i] += band.counts[i];
       }
       if (options_.bits == "16" || IsPng(options_.output)) range.Add(band.result);
     });
+    if (rejected_) counts_ = rejected_->Counts();
+    if (spread) spread_ = spread->Get();
     const auto sample = SampleInput(inputs_[sources_.Reference()]);
     SetLevels(*sample, sources_.Used()[sources_.Reference()].info, false);
     Levels countLevels;
@@ -467,12 +557,13 @@ class StackRun {
     }
     // Pictures are upright, as the sky is; FITS files lie as their frames do.
     const bool turns = !IsFits(options_.output) && files::IsPictureOverturned(header);
+    const Journal::Images images = Images();
     journal.ForBands(
         [&](const StackBand& band) {
           job_.CheckCancelled();
-          const Band<const float>* images[] = {&band.result, &band.low, &band.high};
           for (size_t i = 0; i < savers.size(); ++i) {
-            turns ? WriteOverturned(*savers[i], *images[i]) : savers[i]->Write(*images[i]);
+            const Band<const float>& image = band.*images[i];
+            turns ? WriteOverturned(*savers[i], image) : savers[i]->Write(image);
           }
           if (options_.uncertainty || options_.mask) savers.front()->WriteQuality(band.variance, band.mask);
         },
@@ -490,7 +581,7 @@ class StackRun {
   }
 
   StackResult Result() const {
-    StackResult result{Outputs(), {}, sources_.LeftOut(), plan_.bands};
+    StackResult result{Outputs(), {}, sources_.LeftOut(), bands_};
     for (size_t i = 0; i < inputs_.size(); ++i) {
       const CImgStack::Counts& counts = counts_[i];
       const double values = static_cast<double>(std::max(counts.values, 1LL));
@@ -529,14 +620,18 @@ class StackRun {
           options_.weight != "none" ? fmt::format(", weight {:.4g}", frame.weight) : "",
           frame.fluxRatio ? fmt::format(", light {:.3g} of the reference's", *frame.fluxRatio) : ""));
     }
+    Json json{{"output", options_.output.string()},
+              {"frames", frames},
+              {"left_out", LeftOut(result.leftOut)},
+              {"bands", result.bands}};
+    if (options_.drizzle) {
+      json["weights"] = Outputs()[1].string();
+      TellDrizzle(job_, *options_.drizzle, spread_, json);
+    }
     const long long peak = PeakMemory();
-    job_.Tell(Dump({{"output", options_.output.string()},
-                    {"frames", frames},
-                    {"left_out", LeftOut(result.leftOut)},
-                    {"bands", result.bands},
-                    {"peak_memory_bytes", peak}}),
-              fmt::format("stack {} -> {}; peak memory {} MiB", options_.Text(), options_.output.string(),
-                          peak >> 20));
+    json["peak_memory_bytes"] = peak;
+    job_.Tell(Dump(json), fmt::format("stack {} -> {}; peak memory {} MiB", options_.Text(),
+                                      options_.output.string(), peak >> 20));
   }
 
   Job& job_;
@@ -544,9 +639,12 @@ class StackRun {
   Sources sources_;
   StackOptions stack_;
   StackPlan plan_;
+  int bands_ = 0;
+  std::optional<RejectedPixels> rejected_;  ///< what is not drizzled
+  std::optional<double> spread_;            ///< of the weights of what is
   std::vector<StackInput> inputs_;
   std::vector<CImgStack::Counts> counts_;
-  Shape shape_;
+  Shape shape_, out_;             ///< of the grid that frames lie on, and of the result
   std::optional<Canvas> canvas_;  ///< of a union
 };
 

@@ -29,7 +29,7 @@ struct StackFilesOptions : StackChoices {
   /// other.
   StackFrame frame = StackFrame::Reference;
   double feather = -1;  ///< pixels; below 0: a tenth of the shorter side in a union
-  bool maps = false;    ///< of rejection: OUTPUT_low and OUTPUT_high too
+  bool maps = false;    ///< of rejection: OUTPUT_low and OUTPUT_high too; not drizzled
   /// Written beside the stack, into FITS: by the uncertainty that each frame has beside it, and the mask that
   /// it may have. Means and medians have an uncertainty.
   bool uncertainty = false, mask = false;
@@ -46,7 +46,7 @@ struct StackedFrame {
 };
 
 struct StackResult {
-  std::vector<std::filesystem::path> outputs;  ///< the stack, and the maps if any
+  std::vector<std::filesystem::path> outputs;  ///< the stack, and the maps if any; drizzled, its weights
   std::vector<StackedFrame> frames;
   std::vector<std::pair<std::filesystem::path, std::string>> leftOut;  ///< and why
   int bands = 0;

@@ -223,6 +223,8 @@ class LightRows {
   const std::shared_ptr<const files::ConstantBorder>& Border() const { return rows_.Reader().Border(); }
   /// Fills a band of the developed image, and the quality of the same rows as far as it is asked for.
   void Read(const Band<float>& to, const QualityRows& quality = {});
+  /// Fills a band of the mosaic that it is developed from, with the developed image's white balance.
+  void ReadSites(const Band<float>& to);
   double Clipped() const { return rows_.Clipped(); }
 
  private:

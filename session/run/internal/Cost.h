@@ -20,8 +20,9 @@ struct Workload {
   };
   struct Stack {
     size_t lights = 0;
-    Shape shape;  ///< of the result
+    Shape shape;  ///< of the result, as fine as the lights
     bool isMosaic = false;
+    double scale = 0;  ///< of the grid that it is drizzled on; 0: it is not
   };
 
   std::vector<Master> masters;
