@@ -7,42 +7,17 @@
 #include <utility>
 #include <vector>
 
+#include "korimg/geometry/internal/Homography.h"
 #include "korimg/platform/CArray.h"
 
-using korimg::Point;
-
-namespace {
-
-using Matrix = CFrameMap::Matrix;
-
-Matrix Product(const Matrix& a, const Matrix& b) {
-  Matrix product{};
-  for (int row = 0; row < 3; ++row) {
-    for (int column = 0; column < 3; ++column) {
-      for (int k = 0; k < 3; ++k) {
-        product[3 * row + column] += a[3 * row + k] * b[3 * k + column];
-      }
-    }
-  }
-  return product;
-}
-
-/// The inverse, times the determinant.
-Matrix Adjugate(const Matrix& m) {
-  return {m[4] * m[8] - m[5] * m[7], m[2] * m[7] - m[1] * m[8], m[1] * m[5] - m[2] * m[4],
-          m[5] * m[6] - m[3] * m[8], m[0] * m[8] - m[2] * m[6], m[2] * m[3] - m[0] * m[5],
-          m[3] * m[7] - m[4] * m[6], m[1] * m[6] - m[0] * m[7], m[0] * m[4] - m[1] * m[3]};
-}
-
-}  // namespace
+using namespace korimg;
 
 CFrameMap::CFrameMap(const Matrix& matrix, const CLensDistortion& frame, const CLensDistortion& reference)
     : matrix_(matrix), frame_(frame), reference_(reference) {
   for (double& number : matrix_) {
     number /= matrix[8];
   }
-  const Matrix inverse = Adjugate(matrix_);
-  const double determinant = matrix_[0] * inverse[0] + matrix_[1] * inverse[3] + matrix_[2] * inverse[6];
+  const double determinant = Determinant(matrix_, Adjugate(matrix_));
   if (!(determinant > 0) || !std::isfinite(determinant)) throw new CInvalidArgException;
 }
 

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <utility>
 
+#include "korimg/geometry/internal/Homography.h"
 #include "korimg/image/internal/Numbers.h"
 #include "korimg/measurement/internal/RigidFit.h"
 
@@ -27,7 +28,10 @@ constexpr double kClip = 5;  // deviations that a pair is off by, of those that 
 /// The numbers of a distortion that are looked for.
 using Active = std::vector<int>;
 
-const Active kNone, kRadial1 = {0}, kRadial3 = {0, 1, 2};
+/// Beyond the numbers of the distortion: its centre, in units of its scale.
+constexpr int kCentreX = Lens::kNumbers, kCentreY = kCentreX + 1;
+
+const Active kNone, kRadial1 = {0}, kRadial3 = {0, 1, 2}, kCentred = {0, 1, 2, kCentreX, kCentreY};
 /// The terms of the third degree hold the first radial one. Those of the second change what a shift changes
 /// by as a homography does: frames that have their own know next to nothing of them.
 const Active kCubic = {1, 2, 6, 7, 8, 9, 13, 14, 15, 16};
@@ -48,9 +52,11 @@ const Candidate kCandidates[] = {
     {CFrameMap::Affine, &kNone, "affine"},
     {CFrameMap::Rigid, &kRadial3, "rigid with a distortion of three radial terms"},
     {CFrameMap::Similarity, &kRadial3, "similarity with a distortion of three radial terms"},
+    {CFrameMap::Rigid, &kCentred, "rigid with a distortion of three radial terms off the middle"},
     {CFrameMap::Homography, &kNone, "homography", true},
     {CFrameMap::Homography, &kRadial1, "homography with a radial distortion"},
     {CFrameMap::Homography, &kRadial3, "homography with a distortion of three radial terms"},
+    {CFrameMap::Homography, &kCentred, "homography with a distortion of three radial terms off the middle"},
     {CFrameMap::Homography, &kCubic, "homography with a distortion of ten terms"}};
 
 /// The map in units of half the diagonal, from the middle of the image: numbers near 1.
@@ -65,16 +71,7 @@ struct Units {
   Matrix InPixels(const Matrix& m) const {
     const Matrix in{1 / half, 0, -middle.x / half, 0, 1 / half, -middle.y / half, 0, 0, 1};
     const Matrix out{half, 0, middle.x, 0, half, middle.y, 0, 0, 1};
-    const auto product = [](const Matrix& a, const Matrix& b) {
-      Matrix c{};
-      for (int i = 0; i < 9; ++i) {
-        for (int k = 0; k < 3; ++k) {
-          c[i] += a[i / 3 * 3 + k] * b[3 * k + i % 3];
-        }
-      }
-      return c;
-    };
-    return product(product(out, m), in);
+    return Product(Product(out, m), in);
   }
 };
 
@@ -272,7 +269,10 @@ class Fitting {
     return {(lens.yy * dx - lens.xy * dy) / determinant, (lens.xx * dy - lens.yx * dx) / determinant};
   }
 
-  static double FactorOf(const Lens::Factors& factors, int number, int axis) {
+  /// How an axis of what is straightened changes with a number, in units of the scale.
+  static double FactorOf(const Lens::Factors& factors, const Lens::Jacobian& j, int number, int axis) {
+    if (number == kCentreX) return axis == 0 ? 1 - j.xx : -j.yx;
+    if (number == kCentreY) return axis == 0 ? -j.xy : 1 - j.yy;
     if (number < Lens::kRadial) return factors.radial[number][axis];
     const int term = number - Lens::kRadial;
     return term / Lens::kTerms == axis ? factors.terms[term % Lens::kTerms] : 0;
@@ -285,7 +285,7 @@ class Fitting {
     std::vector<double> all(1UL * shared * shared), right(shared);
     for (int i = 0; i < shared; ++i) {
       all[i * shared + i] = 1 / (kUnknown * kUnknown);
-      right[i] = -distortion_.Values()[active_[i]] / (kUnknown * kUnknown);
+      right[i] = -NumberOf(active_[i]) / (kUnknown * kUnknown);
     }
     struct Own {
       std::vector<double> solved;  ///< of the frame's numbers: by those of the distortion, and alone
@@ -297,22 +297,22 @@ class Fitting {
       for (size_t i = 0; i < frame.pairs->size(); ++i) {
         if (!frame.left.empty() && frame.left[i]) continue;
         const CStarPair& pair = (*frame.pairs)[i];
-        Lens::Jacobian lens, by;
+        Lens::Jacobian lens, own, by;
         const Point to = distortion_.Straight(pair.reference, &lens);
         double x[kMostNumbers], y[kMostNumbers];
-        const Point at = frame.pose.At(In(distortion_.Straight(pair.frame)), x, y, by);
+        const Point at = frame.pose.At(In(distortion_.Straight(pair.frame, &own)), x, y, by);
         const Point out = Out(at);
         const auto from = distortion_.FactorsAt(pair.frame), here = distortion_.FactorsAt(pair.reference);
-        double rows[2][kMostNumbers + Lens::kNumbers];
+        double rows[2][kMostNumbers + Lens::kNumbers + 2];
         for (int k = 0; k < n; ++k) {
           const Off off = Back(lens, x[k] * units_.half, y[k] * units_.half);
           rows[0][k] = off.x, rows[1][k] = off.y;
         }
         for (int k = 0; k < shared; ++k) {
-          const double fx = FactorOf(from, active_[k], 0), fy = FactorOf(from, active_[k], 1);
+          const double fx = FactorOf(from, own, active_[k], 0), fy = FactorOf(from, own, active_[k], 1);
           const double scale = distortion_.Scale();
-          const Off off = Back(lens, scale * (by.xx * fx + by.xy * fy - FactorOf(here, active_[k], 0)),
-                               scale * (by.yx * fx + by.yy * fy - FactorOf(here, active_[k], 1)));
+          const Off off = Back(lens, scale * (by.xx * fx + by.xy * fy - FactorOf(here, lens, active_[k], 0)),
+                               scale * (by.yx * fx + by.yy * fy - FactorOf(here, lens, active_[k], 1)));
           rows[0][n + k] = off.x, rows[1][n + k] = off.y;
         }
         const Off off = Back(lens, out.x - to.x, out.y - to.y);
@@ -353,11 +353,18 @@ class Fitting {
     }
     if (shared > 0 && !SolveSymmetric(all, right, shared, 1)) return false;
     Lens::Numbers numbers = distortion_.Values();
+    Point centre = distortion_.Centre();
     for (int k = 0; k < shared; ++k) {
-      numbers[active_[k]] += right[k];
+      if (active_[k] == kCentreX) {
+        centre.x += right[k] * distortion_.Scale();
+      } else if (active_[k] == kCentreY) {
+        centre.y += right[k] * distortion_.Scale();
+      } else {
+        numbers[active_[k]] += right[k];
+      }
       step = std::max(step, std::abs(right[k]));
     }
-    distortion_ = Lens(distortion_.Centre(), distortion_.Scale(), numbers);
+    distortion_ = Lens(centre, distortion_.Scale(), numbers);
     for (size_t f = 0; f < frames.size(); ++f) {
       const int n = kNumbersOf[frames[f].pose.model];
       for (int i = 0; i < n; ++i) {
@@ -370,6 +377,12 @@ class Fitting {
       }
     }
     return std::isfinite(step);
+  }
+
+  double NumberOf(int number) const {
+    if (number == kCentreX) return (distortion_.Centre().x - units_.middle.x) / distortion_.Scale();
+    if (number == kCentreY) return (distortion_.Centre().y - units_.middle.y) / distortion_.Scale();
+    return distortion_.Values()[number];
   }
 
   Units units_;

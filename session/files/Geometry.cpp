@@ -324,6 +324,19 @@ bool LiesOverturned(const Header& served, const Header& other) {
   return !bothSay && served.turned != other.turned;
 }
 
+void DropSip(Header& header, const std::string& reason) {
+  bool dropped = false;
+  for (const std::string& card : std::vector<std::string>(header.cards)) {
+    int p = -1, q = -1;
+    if (!IsSip(NameOf(card), p, q)) continue;
+    header.Remove(NameOf(card));
+    dropped = true;
+  }
+  if (!dropped) return;
+  RemoveSipFromTypes(header);
+  header.AddHistory("korimg dropped the distortion terms: " + reason);
+}
+
 bool RowsRunUp(const Header& header, bool bySky) {
   const auto order = header.GetString("ROWORDER");
   if (order) return order->starts_with("BOTTOM") || order->starts_with("bottom");

@@ -61,6 +61,10 @@ KORIMG_SESSION_API bool LiesOverturned(const Header& served, const Header& other
 /// names the reason. False for an undeveloped mosaic.
 [[nodiscard]] bool DropWorldCoordinates(Header& header, const ImageSize& before, const std::string& reason);
 
+/// For pixels that are straightened: SIP polynomials are dropped, with a line of HISTORY that names the
+/// reason where there were any. The linear part stays.
+void DropSip(Header& header, const std::string& reason);
+
 /// Seconds of arc for a pixel: by the world coordinates, by SCALE or PIXSCALE, or by FOCALLEN and XPIXSZ.
 KORIMG_SESSION_API std::optional<double> PixelScale(const Header& header);
 

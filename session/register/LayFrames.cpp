@@ -34,27 +34,37 @@ CFrameFitter FitterOf(const FrameMeasure& reference, const FramesToLay& frames,
     if (own.width != reference.width || own.height != reference.height) continue;
     if (!registrations[i].pairs.empty()) fitter.Add(registrations[i].pairs);
   }
-  switch (options.model) {
-    case FrameModel::Auto:
-      fitter.Choose();
-      break;
-    case FrameModel::Distortion:
-      fitter.Choose(true);
-      break;
-    case FrameModel::Rigid:
-      fitter.Choose(CFrameMap::Rigid);
-      break;
-    case FrameModel::Similarity:
-      fitter.Choose(CFrameMap::Similarity);
-      break;
-    case FrameModel::Affine:
-      fitter.Choose(CFrameMap::Affine);
-      break;
-    case FrameModel::Homography:
-      fitter.Choose(CFrameMap::Homography);
-      break;
+  if (options.model == FrameModel::Auto || options.model == FrameModel::Distortion) {
+    fitter.Choose(options.model == FrameModel::Distortion);
+  } else {
+    fitter.Choose(
+        static_cast<CFrameMap::Model>(static_cast<int>(options.model) - static_cast<int>(FrameModel::Rigid)));
   }
   return fitter;
+}
+
+/// Says so where shift and turn leave stars farther apart than their errors explain: a lens that too few of
+/// them tell shows most in the corners.
+void DoubtRigid(const FrameMeasure& frame, Registration& registration) {
+  constexpr double kApart = 0.5, kErrors = 3;  // pixels; deviations
+  if (!registration.IsGood() || registration.method != "stars" || registration.map ||
+      !registration.note.empty())
+    return;
+  double squares = 0, chances = 0;
+  for (const CStarPair& pair : registration.pairs) {
+    const auto [x, y] = PlaceOf(registration, frame, pair.frame.x, pair.frame.y);
+    const double d2 =
+        (x - pair.reference.x) * (x - pair.reference.x) + (y - pair.reference.y) * (y - pair.reference.y);
+    squares += d2;
+    chances += d2 * pair.weight / 2;
+  }
+  const double n = static_cast<double>(std::max<size_t>(registration.pairs.size(), 1)),
+               apart = std::sqrt(squares / n), errors = std::sqrt(chances / n);
+  if (apart < kApart || errors < kErrors) return;
+  registration.note = fmt::format(
+      "its {} stars lie {:.2f} px apart, {:.0f} times what their errors explain, and are too "
+      "few to tell a distortion; corners may be off by more",
+      registration.pairs.size(), apart, errors);
 }
 
 LaidFrames LayOn(Job& job, const FramesToLay& frames, const Grid& grid, const LayOptions& options) {
@@ -81,6 +91,9 @@ LaidFrames LayOn(Job& job, const FramesToLay& frames, const Grid& grid, const La
                registrations[i]);
   }
   RegisterThroughOthers(frames.measures, registrations, fitter, frames.image);
+  for (size_t i = 0; i < count; ++i) {
+    if (options.model == FrameModel::Auto) DoubtRigid(frames.measures[i], registrations[i]);
+  }
   CompareFluxes(frames.measures, *grid.measure, registrations);
   return laid;
 }

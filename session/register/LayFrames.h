@@ -17,8 +17,8 @@ namespace korimg::session {
 
 /// What frames may be laid by, beside shift and turn.
 enum class FrameModel {
-  Auto,  ///< the simplest of these that the stars do not refute
-  Rigid,
+  Auto,   ///< the simplest of these that the stars do not refute
+  Rigid,  ///< from here on as CFrameMap's
   Similarity,
   Affine,
   Homography,

@@ -69,15 +69,19 @@ std::vector<char> LightsOfOneObject(const std::vector<files::Header>& headers) {
 
 /// Lays frames by their world coordinates: those that are not laid, or all.
 void LayByWorld(const std::vector<FrameMeasure>& frames, const std::vector<files::Header>& headers,
-                const files::Header& reference, bool all, std::vector<Registration>& registrations) {
+                const FrameMeasure& reference, const files::Header& referenceHeader, bool all,
+                std::vector<Registration>& registrations) {
   for (size_t i = 0; i < frames.size(); ++i) {
     Registration& own = registrations[i];
     if (own.method == "reference" || own.status == "cannot be read" || (own.IsGood() && !all)) continue;
-    const auto map = MapByWorld(headers[i], reference);
+    const auto map = MapByWorld(headers[i], {frames[i].width, frames[i].height}, referenceHeader,
+                                {reference.width, reference.height});
     if (!map) {
       if (!all) continue;
       own.status = "no match";
-      own.note = "it or the reference has no world coordinates of a gnomonic projection";
+      own.note =
+          "it and the reference have no world coordinates of gnomonic projections that a map joins; "
+          "mirrored ones have to be flipped first";
       continue;
     }
     const CFrameMap::Pose pose = map->PoseOf(frames[i].width, frames[i].height);
@@ -171,7 +175,7 @@ RegisterResult Register(Job& job, const RegisterOptions& options) {
   KeepLens(job, lenses, camera, laid);
   std::vector<Registration> registrations = std::move(laid.registrations);
   if (options.by != LayBy::Stars) {
-    LayByWorld(frames, headers, referenceHeader, options.by == LayBy::World, registrations);
+    LayByWorld(frames, headers, reference, referenceHeader, options.by == LayBy::World, registrations);
     CompareFluxes(frames, reference, registrations);
   }
   NameCopies(frames, registrations);

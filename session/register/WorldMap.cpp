@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include "korimg/geometry/internal/Homography.h"
 #include "korimg/platform/CArray.h"
 
 namespace korimg::session {
@@ -13,23 +14,14 @@ namespace {
 
 using Matrix = CFrameMap::Matrix;
 
-Matrix Product(const Matrix& a, const Matrix& b) {
-  Matrix product{};
-  for (int i = 0; i < 9; ++i) {
-    for (int k = 0; k < 3; ++k) {
-      product[i] += a[i / 3 * 3 + k] * b[3 * k + i % 3];
-    }
-  }
-  return product;
-}
-
 /// An image's gnomonic plane: from straight pixels to directions of the sky, up to their length.
 struct TangentPlane {
   Matrix toSky;
   CLensDistortion lens;
 };
 
-std::optional<CLensDistortion> Distortion(const files::Header& header, korimg::Point reference) {
+std::optional<CLensDistortion> Distortion(const files::Header& header, const files::ImageSize& size,
+                                          korimg::Point reference) {
   CLensDistortion::Numbers numbers{};
   const char* const axes[] = {"A", "B"};
   constexpr int kOrders[CLensDistortion::kTerms][2] = {{2, 0}, {1, 1}, {0, 2}, {3, 0},
@@ -50,8 +42,9 @@ std::optional<CLensDistortion> Distortion(const files::Header& header, korimg::P
       }
     }
   }
-  // In units of the frame's size, so that what lies far outside goes on straight.
-  const double scale = std::max(korimg::Length(reference.x, reference.y), 100.0);
+  // In units of the way to the farthest corner, so that only what lies outside goes on straight.
+  const double scale = korimg::Length(std::max(reference.x, size.width - reference.x),
+                                      std::max(reference.y, size.height - reference.y));
   for (int axis = 0; axis < 2; ++axis) {
     for (int term = 0; term < CLensDistortion::kTerms; ++term) {
       numbers[CLensDistortion::kRadial + axis * CLensDistortion::kTerms + term] *=
@@ -61,7 +54,7 @@ std::optional<CLensDistortion> Distortion(const files::Header& header, korimg::P
   return CLensDistortion(reference, scale, numbers);
 }
 
-std::optional<TangentPlane> PlaneOf(const files::Header& header) {
+std::optional<TangentPlane> PlaneOf(const files::Header& header, const files::ImageSize& size) {
   const std::string first = header.GetString("CTYPE1").value_or(""),
                     second = header.GetString("CTYPE2").value_or("");
   const auto number = [&](const std::string& key, double missing) {
@@ -94,8 +87,9 @@ std::optional<TangentPlane> PlaneOf(const files::Header& header) {
                                     : crota[i][k]);
     }
   }
-  const auto lens = first.ends_with("SIP") || header.GetDouble("A_ORDER") ? Distortion(header, reference)
-                                                                          : std::optional(CLensDistortion());
+  const auto lens = first.ends_with("SIP") || header.GetDouble("A_ORDER")
+                        ? Distortion(header, size, reference)
+                        : std::optional(CLensDistortion());
   if (!lens) return std::nullopt;
   // (x, y) on the plane, toward east and north, is the direction x e + y n + d.
   const double a = number("CRVAL1", 0) * kDegree, d = number("CRVAL2", 0) * kDegree;
@@ -109,14 +103,12 @@ std::optional<TangentPlane> PlaneOf(const files::Header& header) {
 
 }  // namespace
 
-std::optional<CFrameMap> MapByWorld(const files::Header& image, const files::Header& other) {
-  const auto from = PlaneOf(image), to = PlaneOf(other);
+std::optional<CFrameMap> MapByWorld(const files::Header& image, const files::ImageSize& size,
+                                    const files::Header& other, const files::ImageSize& otherSize) {
+  const auto from = PlaneOf(image, size), to = PlaneOf(other, otherSize);
   if (!from || !to) return std::nullopt;
-  const Matrix& m = to->toSky;
-  const Matrix inverse{m[4] * m[8] - m[5] * m[7], m[2] * m[7] - m[1] * m[8], m[1] * m[5] - m[2] * m[4],
-                       m[5] * m[6] - m[3] * m[8], m[0] * m[8] - m[2] * m[6], m[2] * m[3] - m[0] * m[5],
-                       m[3] * m[7] - m[4] * m[6], m[1] * m[6] - m[0] * m[7], m[0] * m[4] - m[1] * m[3]};
-  const double determinant = m[0] * inverse[0] + m[1] * inverse[3] + m[2] * inverse[6];
+  const Matrix inverse = Adjugate(to->toSky);
+  const double determinant = Determinant(to->toSky, inverse);
   Matrix matrix = Product(inverse, from->toSky);
   for (double& number : matrix) {
     number /= determinant;

@@ -6,7 +6,7 @@
 #include "korimg/geometry/CFrameMap.h"
 
 #include "session/Export.h"
-#include "session/files/ImageFile.h"
+#include "session/files/Geometry.h"
 
 namespace korimg::session {
 
@@ -15,6 +15,8 @@ namespace korimg::session {
 /// Shupe et al., 2005). None where one of them says nothing of that kind, or they are a quarter of the sky or
 /// more apart.
 KORIMG_SESSION_API std::optional<CFrameMap> MapByWorld(const files::Header& image,
-                                                       const files::Header& other);
+                                                       const files::ImageSize& size,
+                                                       const files::Header& other,
+                                                       const files::ImageSize& otherSize);
 
 }  // namespace korimg::session

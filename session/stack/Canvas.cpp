@@ -17,12 +17,6 @@
 namespace korimg::session {
 namespace {
 
-CFrameMap MapOf(const StackInput& input) {
-  return input.map
-             ? *input.map
-             : CFrameMap::FromPose(input.dx, input.dy, input.degrees, input.shape.width, input.shape.height);
-}
-
 constexpr int kDegree = 2;
 constexpr int kNumbers = SmoothSurface::NumbersOf(kDegree);
 
@@ -74,12 +68,25 @@ std::array<double, kNumbers> TermsAt(const Point& p, const Shape& shape) {
 
 }  // namespace
 
+bool Straighten(std::vector<StackInput>& inputs) {
+  const auto bent = std::find_if(inputs.begin(), inputs.end(), [](const StackInput& input) {
+    return input.map && !input.map->ReferenceDistortion().IsNone();
+  });
+  if (bent == inputs.end()) return false;
+  const CLensDistortion lens = bent->map->ReferenceDistortion();
+  for (StackInput& input : inputs) {
+    // What is laid by shift and turn, the reference among it, is of the same lens.
+    input.map = CFrameMap(input.Map().GetMatrix(), input.map ? input.map->FrameDistortion() : lens);
+  }
+  return true;
+}
+
 Canvas CanvasOf(const std::vector<StackInput>& inputs, const Shape& reference) {
   constexpr double kMost = 100;  // times the area of the reference
   double left = 0, top = 0, right = reference.width - 1.0, bottom = reference.height - 1.0;
   for (const StackInput& input : inputs) {
     const CFrameMap::Bounds bounds =
-        MapOf(input).BoundsOf(0, 0, input.shape.width - 1, input.shape.height - 1);
+        input.Map().BoundsOf(0, 0, input.shape.width - 1, input.shape.height - 1);
     left = std::min(left, bounds.left), top = std::min(top, bounds.top);
     right = std::max(right, bounds.right), bottom = std::max(bottom, bounds.bottom);
     const double area = (right - left + 1) * (bottom - top + 1);
@@ -125,7 +132,7 @@ std::vector<FrameSky> MatchSkies(Job& job, const std::vector<StackInput>& inputs
         const Shape& shape = inputs[i].shape;
         const auto image = NewImage(store, shape.width, shape.height, shape.planes);
         inputs[i].read(Image::RowsOf(*image, 0, shape.height));
-        const CFrameMap toFrame = MapOf(inputs[i]).Inverse();
+        const CFrameMap toFrame = inputs[i].Map().Inverse();
         std::vector<std::optional<Cell::Seen>> seen;
         for (const Cell& cell : cells) {
           seen.push_back(Look(*image, toFrame, i, cell, side));

@@ -17,12 +17,6 @@
 namespace korimg::session {
 namespace {
 
-CFrameMap MapOf(const StackInput& input) {
-  return input.map
-             ? *input.map
-             : CFrameMap::FromPose(input.dx, input.dy, input.degrees, input.shape.width, input.shape.height);
-}
-
 /// Rows of a frame, ready to be dropped.
 struct FrameBand {
   std::vector<float> memory;
@@ -39,7 +33,7 @@ class FrameReader {
  public:
   explicit FrameReader(const DrizzleFrames& frames) : frames_(frames), reading_(frames.inputs.size()) {
     for (const StackInput& input : frames.inputs) {
-      maps_.push_back(MapOf(input));
+      maps_.push_back(input.Map());
     }
   }
 
@@ -161,7 +155,7 @@ DrizzlePlan PlanDrizzle(const DrizzleFrames& frames, const CImgDrizzle::Options&
   const auto bytes = [&](int rows) {
     long long read = 0;
     for (const StackInput& input : frames.inputs) {
-      const CImgDrizzle::Rows needed = grid.RowsOf(MapOf(input), input.shape.height,
+      const CImgDrizzle::Rows needed = grid.RowsOf(input.Map(), input.shape.height,
                                                    (grid.Height() - rows) / 2, (grid.Height() + rows) / 2);
       const int planes = frames.mosaics.empty() ? input.shape.planes : 1;
       read = std::max(read, 8LL * (needed.end - needed.first) * input.shape.width * planes);
@@ -301,7 +295,7 @@ WeightSpread::WeightSpread(const std::vector<StackInput>& inputs, int reference,
   step_ = static_cast<int>(1.0 * width_ * height_ / kEnough) | 1;
   std::vector<CFrameMap> maps;
   for (const StackInput& input : inputs) {
-    maps.push_back(MapOf(input).Inverse());
+    maps.push_back(input.Map().Inverse());
   }
   std::vector<char> isReached((kCells + 1) * (kCells + 1));
   for (int j = 0; j <= kCells; ++j) {

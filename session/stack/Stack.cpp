@@ -267,11 +267,8 @@ class FrameQuality {
   }
 
   void Store(CImgStack& stack, int slot, const StackInput& input, int first, int last, int kernel) const {
-    const CFrameMap map = input.map ? *input.map
-                                    : CFrameMap::FromPose(input.dx, input.dy, input.degrees,
-                                                          input.shape.width, input.shape.height);
-    stack.StoreQuality(slot, variance_ ? &variance_->Image() : nullptr, marks_, first, last, map, kernel,
-                       input.shape.width, input.shape.height);
+    stack.StoreQuality(slot, variance_ ? &variance_->Image() : nullptr, marks_, first, last, input.Map(),
+                       kernel, input.shape.width, input.shape.height);
   }
 
  private:

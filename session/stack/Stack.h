@@ -36,6 +36,10 @@ struct StackInput {
   std::function<void(const Band<float>& to, const QualityRows& quality)> readQuality = {};
   Correlation correlation = kUncorrelated;  ///< of its noise
 
+  /// The map, whichever it is.
+  CFrameMap Map() const {
+    return map ? *map : CFrameMap::FromPose(dx, dy, degrees, shape.width, shape.height);
+  }
   /// The weights of the planes that it has, and their mean.
   std::vector<double> Weights() const { return {weights.begin(), weights.begin() + shape.planes}; }
   double Weight() const {

@@ -191,6 +191,12 @@ class Sources {
   }
 
   void Check(const Source& source, const StackFilesOptions& options) const {
+    const auto& map = source.transform.map;
+    const files::ImageInfo& size = source.info;
+    if (map &&
+        !(map->FrameDistortion().IsNone() || map->FrameDistortion().IsSound(size.width, size.height))) {
+      throw files::FileError(source.path, "has a map whose lens folds the frame; register it again");
+    }
     const files::ImageInfo &own = source.info, &wanted = used_[reference_].info;
     const bool isSize =
         options.frame == StackFrame::Union || (own.width == wanted.width && own.height == wanted.height);
@@ -249,6 +255,7 @@ class StackRun {
     }
     shape_ = out_ = inputs_[sources_.Reference()].shape;
     if (options.frame == StackFrame::Union) {
+      isStraightened_ = Straighten(inputs_);
       canvas_ = CanvasOf(inputs_, shape_);
       const double shorter = std::min(shape_.width, shape_.height), feather = options.feather;
       stack_.feather = feather < 0 ? kFeather * shorter : feather;
@@ -491,6 +498,7 @@ class StackRun {
                                      "no frame lies on this grid")) {
       throw files::FileError(reference.path, "is an undeveloped mosaic; develop it first");
     }
+    if (isStraightened_) files::DropSip(start, "its grid is that of a lens without distortion");
     if (canvas_) {
       const Shape& before = inputs_[sources_.Reference()].shape;
       if (!files::MoveHeader(start, {before.width, before.height, before.planes},
@@ -646,6 +654,7 @@ class StackRun {
   std::vector<CImgStack::Counts> counts_;
   Shape shape_, out_;             ///< of the grid that frames lie on, and of the result
   std::optional<Canvas> canvas_;  ///< of a union
+  bool isStraightened_ = false;   ///< it is that of a lens without distortion
 };
 
 }  // namespace

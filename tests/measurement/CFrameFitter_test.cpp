@@ -38,6 +38,14 @@ std::vector<Session> Sessions() {
           {"a wide field", CFrameMap::Homography, false, none, Pointed},
           {"a barrel of 1.8 %", CFrameMap::Rigid, true, Barrel(0.018), [](int i) { return Dithered(i); }},
           {"a barrel of 6 %", CFrameMap::Rigid, true, Barrel(0.06), [](int i) { return Dithered(i); }},
+          {"a barrel of 4 % off the middle, seen from both sides", CFrameMap::Rigid, true,
+           Barrel(0.04, {40, -30}),
+           [](int i) {
+             return [=](Point p) {
+               const Point q = Dithered(i)(p);
+               return i % 2 ? Point{999 - q.x, 699 - q.y} : q;
+             };
+           }},
           {"a wide field by a barrel of 3 %", CFrameMap::Homography, true, Barrel(0.03), Pointed}};
 }
 

@@ -21,10 +21,10 @@ using Way = std::function<Point(Point)>;
 
 /// Where the lens shows what belongs at a place: a barrel by a share of the corner's distance. It is no
 /// polynomial of what CLensDistortion knows, but the inverse of one.
-inline Way Barrel(double share) {
+inline Way Barrel(double share, Point off = {}) {
   return [=](Point p) {
-    const double x = p.x - 499.5, y = p.y - 349.5, r2 = (x * x + y * y) / (kHalf * kHalf);
-    return Point{499.5 + x * (1 - share * r2), 349.5 + y * (1 - share * r2)};
+    const double x = p.x - 499.5 - off.x, y = p.y - 349.5 - off.y, r2 = (x * x + y * y) / (kHalf * kHalf);
+    return Point{499.5 + off.x + x * (1 - share * r2), 349.5 + off.y + y * (1 - share * r2)};
   };
 }
 

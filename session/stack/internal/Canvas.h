@@ -18,6 +18,10 @@ struct Canvas {
   Shape shape;
 };
 
+/// Lays frames on the reference's grid as it would be without the distortion of its lens, where maps know of
+/// one: beyond the reference's frame nobody knows what it would do. True when they do.
+bool Straighten(std::vector<StackInput>& inputs);
+
 /// The smallest one. Throws FileError for a frame whose place is no number, or so far off that the canvas
 /// would be a hundred times the frames.
 Canvas CanvasOf(const std::vector<StackInput>& inputs, const Shape& reference);

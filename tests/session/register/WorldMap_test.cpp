@@ -9,6 +9,7 @@
 namespace korimg::session {
 namespace {
 
+constexpr files::ImageSize kSize{1000, 960};
 constexpr double kDegree = std::numbers::pi / 180;
 
 struct Direction {
@@ -79,7 +80,7 @@ TEST(WorldMap, LaysImagesWhereTheirSkiesAreTheSame) {
             {"B_0_3", 5e-9}}};
   for (const auto& [from, to] : {std::pair(plain, turned), {bent, plain}, {turned, bent}}) {
     for (const char* form : {"CD", "PC"}) {
-      const auto map = MapByWorld(from.ToHeader(form), to.ToHeader("CD"));
+      const auto map = MapByWorld(from.ToHeader(form), kSize, to.ToHeader("CD"), kSize);
       ASSERT_TRUE(map) << form;
       int seen = 0;
       for (int i = 0; i < 36; ++i) {
@@ -100,21 +101,21 @@ TEST(WorldMap, LaysImagesWhereTheirSkiesAreTheSame) {
 TEST(WorldMap, SaysNothingOfOtherKinds) {
   const World plain{{512.5, 400}, {359.7, 71}, {{-0.0021, 0.0004}, {0.0003, 0.0022}}};
   const files::Header good = plain.ToHeader("CD");
-  EXPECT_TRUE(MapByWorld(good, good));
-  EXPECT_FALSE(MapByWorld(good, {}));
+  EXPECT_TRUE(MapByWorld(good, kSize, good, kSize));
+  EXPECT_FALSE(MapByWorld(good, kSize, {}, kSize));
   for (const auto& [key, value] :
        {std::pair("CTYPE1", "RA---SIN"), {"CTYPE2", "GLAT-TAN"}, {"CRVAL1", "no"}}) {
     files::Header other = good;
     other.Set(key, value);
-    EXPECT_FALSE(MapByWorld(good, other)) << key;
+    EXPECT_FALSE(MapByWorld(good, kSize, other, kSize)) << key;
   }
   files::Header far = good, fifth = good, world = good;
   far.Set("CRVAL2", -20.0);
-  EXPECT_FALSE(MapByWorld(good, far)) << "behind the camera";
+  EXPECT_FALSE(MapByWorld(good, kSize, far, kSize)) << "behind the camera";
   fifth.Set("CTYPE1", "RA---TAN-SIP"), fifth.Set("A_5_0", 1e-15);
-  EXPECT_FALSE(MapByWorld(fifth, good)) << "of an order that a lens does not have";
+  EXPECT_FALSE(MapByWorld(fifth, kSize, good, kSize)) << "of an order that a lens does not have";
   world.Set("PV2_1", 0.3);
-  EXPECT_FALSE(MapByWorld(world, good));
+  EXPECT_FALSE(MapByWorld(world, kSize, good, kSize));
 }
 
 }  // namespace
