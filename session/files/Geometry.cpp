@@ -177,24 +177,25 @@ void RemoveSipFromTypes(Header& header) {
 
 void MoveDistortions(Header& header, const AffineMap& map) {
   if (Linear(map) == kIdentity) return;
-  const auto power = [](double sign, int n) { return n % 2 ? sign : 1.0; };
+  const bool isStraight = map.xy == 0 && map.yx == 0;  // scaled or mirrored
   bool dropped = false;
   for (const std::string& card : std::vector<std::string>(header.cards)) {
     const std::string name = NameOf(card);
     int p = -1, q = -1;
     const bool sip = IsSip(name, p, q);
     if (!sip && !IsTable(name)) continue;
-    if (!sip || !IsMirror(map)) {
+    if (!sip || !isStraight) {
       header.Remove(name);
       dropped = true;
     } else if (p >= 0) {
-      // The corrections of x and of y change their signs with their axes.
+      // The corrections of x and of y are in pixels, and so are what they are powers of.
       const double own = name[0] == 'A' ? map.xx : map.yy;
-      header.Set(name, header.GetDouble(name).value_or(0) * own * power(map.xx, p) * power(map.yy, q));
+      header.Set(name,
+                 header.GetDouble(name).value_or(0) * own * std::pow(map.xx, -p) * std::pow(map.yy, -q));
     }
   }
   if (!dropped) return;
-  if (!IsMirror(map)) RemoveSipFromTypes(header);
+  if (!isStraight) RemoveSipFromTypes(header);
   header.AddHistory("korimg dropped the distortion terms: they do not fit the moved pixels");
 }
 
@@ -214,7 +215,7 @@ void MovePixelSizes(Header& header, const AffineMap& map) {
     if (x) header.Set(keyX, std::hypot(inverse.xx * oldX, inverse.yx * oldY));
     if (y) header.Set(keyY, std::hypot(inverse.xy * oldX, inverse.yy * oldY));
   }
-  for (const char* key : {"SCALE", "PIXSCALE"}) {
+  for (const char* key : {"SCALE", "PIXSCALE", "SECPIX"}) {
     if (const auto scale = header.GetDouble(key))
       header.Set(key, *scale * std::sqrt(std::abs(inverse.Determinant())));
   }

@@ -30,7 +30,8 @@ struct ImageSize {
 /// Brings the header of an image of one size along with its pixels, which the map sends to an image of
 /// another:
 /// - world coordinates of every description (CRPIX, and CD, or CDELT with PC or CROTA), LTV and LTM;
-/// - SIP polynomials survive shifts and mirroring, and are dropped with a line of HISTORY otherwise, as are
+/// - SIP polynomials survive shifts, mirroring and scaling, and are dropped with a line of HISTORY otherwise,
+/// as are
 ///   look-up tables of distortions. Distortions of the world's side (PVi_m) do not see pixels and stay;
 /// - XPIXSZ, YPIXSZ, PIXSIZE1, PIXSIZE2, SCALE and PIXSCALE follow the size of pixels, XORGSUBF and YORGSUBF
 /// a

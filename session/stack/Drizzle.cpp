@@ -274,6 +274,15 @@ void TellDrizzle(Job& job, const CImgDrizzle::Options& options, std::optional<do
   const double correlation = NoiseCorrelation(options);
   json["noise_correlation"] = correlation;
   json["weight_spread"] = spread ? nlohmann::ordered_json(*spread) : nlohmann::ordered_json();
+  const bool isEmpty = spread && !std::isfinite(*spread);
+  if (isEmpty) {
+    json["weight_spread"] = nullptr;
+    job.Warn(
+        "half of the drizzled pixels or more got nothing: use a larger --pixfrac, a smaller --drizzle, or "
+        "more "
+        "frames at other positions");
+    spread.reset();
+  }
   job.Say(fmt::format("drizzled: the noise of large areas is {:.3g} times what single pixels tell{}",
                       correlation, spread ? fmt::format("; weights vary by {}", Percent(*spread)) : ""));
   if (spread && *spread > kUneven) {

@@ -53,6 +53,12 @@ StackOptions StackChoices::Options() const {
     throw UsageError(fmt::format(
         "--drizzle makes weighted means of what falls on a pixel, and no --method {}; leave it out", method));
   }
+  if (drizzle &&
+      !(drizzle->scale >= 1 && drizzle->scale <= 4 && drizzle->pixfrac >= 0.01 && drizzle->pixfrac <= 1)) {
+    throw UsageError(
+        fmt::format("--drizzle {:g} --pixfrac {:g}: scales of 1 to 4 and fractions of 0.01 to 1 are possible",
+                    drizzle->scale, drizzle->pixfrac));
+  }
   StackOptions options;
   options.method = ValueOf(kStackMethods, method);
   options.rejection = ParseRejection(*this);

@@ -238,12 +238,27 @@ class Sources {
   int reference_ = 0;
 };
 
+/// What goes with what, before any file is opened.
+const StackFilesOptions& Checked(const StackFilesOptions& options) {
+  StackChoices choices = options;
+  choices.Settle(true);
+  choices.Options();
+  if (std::isnan(options.feather)) throw UsageError("--feather is no number of pixels");
+  const bool isPlain = options.frame == StackFrame::Reference && !(options.feather > 0);
+  if (options.drizzle && (options.maps || options.uncertainty || options.mask || !isPlain)) {
+    throw UsageError(
+        "--drizzle makes a grid of the reference's frame, without --rejection-maps, --uncertainty, --mask, "
+        "--frame union and --feather; leave these out");
+  }
+  return options;
+}
+
 class StackRun {
   static constexpr double kFeather = 0.1;  // of the shorter side of panels
 
  public:
   StackRun(Job& job, const StackFilesOptions& options)
-      : job_(job), options_(options), sources_(job, options) {
+      : job_(job), options_(Checked(options)), sources_(job, options) {
     options_.Settle(sources_.HaveFluxes());
     stack_ = options_.Options();
     stack_.rejectionMaps = options.maps;
@@ -265,12 +280,6 @@ class StackRun {
       stack_.feather = options.feather;
     }
     if (!options_.drizzle) return;
-    const bool isPlain = options.frame == StackFrame::Reference && !(options.feather > 0);
-    if (options.maps || options.uncertainty || options.mask || !isPlain) {
-      throw UsageError(
-          "--drizzle makes a grid of the reference's frame, without --rejection-maps, --uncertainty, --mask, "
-          "--frame union and --feather; leave these out");
-    }
     const CImgDrizzle grid = GridOf(inputs_[sources_.Reference()], *options_.drizzle);
     out_.width = grid.Width();
     out_.height = grid.Height();
