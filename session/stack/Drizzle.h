@@ -59,8 +59,8 @@ void FindRejected(Job& job, const std::vector<StackInput>& inputs, int reference
                   RejectedPixels& rejected);
 
 /// Drizzles the frames on the grid, from its row `y0` on. A pixel weighs as much as its frame does in a
-/// stack, and nothing where a quarter or more of what lies about its middle on the reference's grid was
-/// rejected for its frame. Calls sink for the bands in order, with means, weights, and the counts of each
+/// stack, and nothing where the pixel of the reference's grid that its middle lies on was rejected for its
+/// frame. Calls sink for the bands in order, with means, weights, and the counts of each
 /// frame's values. The result does not depend on bands or threads.
 /// @throws Cancelled, and what reading and the sink throw.
 KORIMG_SESSION_API void Drizzle(Job& job, const DrizzleFrames& frames, const CImgDrizzle::Options& options,
