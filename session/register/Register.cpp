@@ -107,25 +107,23 @@ Registration RegisterOn(size_t reference, size_t frame, const std::vector<FrameM
 /// Frame i lies on the reference as on frame k. False when that is no good.
 bool LayThrough(const Registration& between, size_t i, size_t k, const std::vector<FrameMeasure>& frames,
                 const CFrameFitter& fitter, std::vector<Registration>& registrations) {
-  const std::string file = registrations[i].file;
+  Registration laid = between;
+  for (CStarPair& pair : laid.pairs) {
+    const auto [x, y] = PlaceOf(registrations[k], frames[k], pair.reference.x, pair.reference.y);
+    pair.reference = {x, y};
+  }
   const bool isRigid = fitter.IsRigid() && !registrations[k].map;
-  if (!isRigid && !between.pairs.empty()) {
-    std::vector<CStarPair> pairs;
-    for (CStarPair pair : between.pairs) {
-      const auto [x, y] = PlaceOf(registrations[k], frames[k], pair.reference.x, pair.reference.y);
-      pair.reference = {x, y};
-      pairs.push_back(pair);
-    }
-    const auto fit = fitter.FitFrame(pairs);
+  if (!isRigid && !laid.pairs.empty()) {
+    const auto fit = fitter.FitFrame(laid.pairs);
     if (!fit || fit->residual > 1) return false;
-    registrations[i] = between;
-    TakeFit(*fit, frames[i], registrations[i]);
+    TakeFit(*fit, frames[i], laid);
   } else if (between.IsGood()) {
-    registrations[i] = Joined(between, frames[i], registrations[k], frames[k]);
+    laid = Joined(laid, frames[i], registrations[k], frames[k]);
   } else {
     return false;
   }
-  registrations[i].file = file;
+  laid.file = registrations[i].file;
+  registrations[i] = std::move(laid);
   return true;
 }
 

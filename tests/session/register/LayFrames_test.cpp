@@ -70,6 +70,7 @@ TEST(LayFrames, LaysARowOfFramesThroughTheirNeighbours) {
     for (size_t i = 0; i < 5; ++i) {
       ASSERT_TRUE(laid.registrations[i].IsGood()) << barrel << " " << i << laid.registrations[i].Text();
       EXPECT_EQ(laid.registrations[i].map.has_value(), barrel > 0 && i > 0) << i;
+      EXPECT_EQ(laid.registrations[i].note, "") << "nothing is doubtful";
       EXPECT_LT(i < 4 ? field.Worst(laid, i) : 0, 0.4) << barrel << " " << i << ": " << laid.model;
     }
     EXPECT_EQ(laid.model.starts_with("rigid with"), barrel > 0) << laid.model;
