@@ -38,7 +38,7 @@ std::array<std::array<double, kTerms>, kTerms> MakeTerms() {
 
 }  // namespace
 
-MapRows::MapRows(const CFrameMap& map, int width, double y0, int rows, double step, double x0)
+MapRows::MapRows(const CFrameMap& map, int width, double y0, int rows)
     : middle_((width - 1) * 0.5), scale_(2.0 / std::max(width - 1, 1)), numbers_(2L * kTerms * rows) {
   static const auto kTermsOf = MakeTerms();
   for (int i = 0; i < rows; ++i) {
@@ -46,7 +46,7 @@ MapRows::MapRows(const CFrameMap& map, int width, double y0, int rows, double st
     double* const v = u + kTerms;
     for (int k = 0; k < kTerms; ++k) {
       const double x = middle_ + NodeOf(k) / scale_;
-      const auto place = map({x0 + x * step, y0 + i * step});
+      const auto place = map({x, y0 + i});
       const double far = std::numeric_limits<double>::quiet_NaN();
       for (int power = 0; power < kTerms; ++power) {
         u[power] += kTermsOf[k][power] * (place ? place->x - x : far);

@@ -105,16 +105,6 @@ std::array<double, 4> GainsByMedians(CVelImage& image, int cfa) {
 
 }  // namespace
 
-int ColourOf(int cfa, int x, int y) {
-  constexpr int kBetweenSites = -1;
-  if (cfa == 0) return 0;
-  if (const auto lattice = HoneycombLattice::Of(cfa)) {
-    return lattice->IsSite(x, y) ? lattice->ColourAt(x, y) : kBetweenSites;
-  }
-  const files::RedSite red = files::FindRed(cfa);
-  return ((x - red.x) & 1) + ((y - red.y) & 1);
-}
-
 void CheckWhiteBalance(const std::string& wanted) {
   if (wanted == "auto" || wanted == "camera" || wanted == "none" || ParseGains(wanted)) return;
   throw UsageError(

@@ -34,10 +34,6 @@ struct WhiteBalance {
 /// @throws UsageError for a white balance that is neither a known word nor four positive numbers.
 KORIMG_SESSION_API void CheckWhiteBalance(const std::string& wanted);
 
-/// The colour of a photosite: 0 red, 1 green, 2 blue; less than 0 between the sites of a honeycomb. All are 0
-/// without a mosaic.
-int ColourOf(int cfa, int x, int y);
-
 /// True when the colours of a mosaic show in the rows of a file: cells of 2 x 2 whose places have medians
 /// that differ by half of their pixels' noise and more, but those of one diagonal much less.
 KORIMG_SESSION_API bool PhasesDiffer(files::ImageReader& reader);

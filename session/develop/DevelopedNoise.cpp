@@ -24,7 +24,7 @@ std::unique_ptr<CVelImage> NoisyField(const std::shared_ptr<CVmManager>& store, 
   for (int y = 0; y < kSide; ++y) {
     float* row = image->GetWritableLine(0, y, 0);
     for (int x = 0; x < kSide; ++x) {
-      const int own = ColourOf(cfa, x, y);
+      const int own = files::ColourOfSite(cfa, x, y);
       const double noise = kNoise * random.Normal();
       row[x] = own < 0 ? 0 : static_cast<float>(kLevel + (colour == kAll || own == colour ? noise : 0));
     }
@@ -139,7 +139,7 @@ DevelopedNoise::DevelopedNoise(Job& job, const files::Mosaic& mosaic, const Whit
     }
     for (int c = 0; c < kColours; ++c) {
       const int place = i / planes;
-      Share(place % period_, place / period_, i % planes, c) =
+      shares_[ShareAt(place % period_, place / period_, i % planes, c)] =
           all[i] / (kNoise * kNoise) * (sum > 0 ? single[c][i] / sum : 0);
     }
   }
@@ -159,7 +159,7 @@ void DevelopedNoise::Fill(const QualityRows& mosaic, const QualityRows& to) cons
       int found = 0;
       for (int v = top; v < bottom; ++v) {
         for (int u = left; u < right; ++u) {
-          const int colour = ColourOf(cfa_, u, v);
+          const int colour = files::ColourOfSite(cfa_, u, v);
           if (colour < 0) continue;
           if (bits.Planes() > 0) found |= static_cast<int>(bits.Row(0, v)[u]);
           if (from.Planes() == 0) continue;
@@ -169,7 +169,7 @@ void DevelopedNoise::Fill(const QualityRows& mosaic, const QualityRows& to) cons
       }
       if (from.Planes() > 0 && part_ == 1) {
         // Its own photosite says more than the others of its colour.
-        if (const int own = ColourOf(cfa_, x, y); own >= 0) {
+        if (const int own = files::ColourOfSite(cfa_, x, y); own >= 0) {
           sums[own] = from.Row(0, y)[x];
           counts[own] = 1;
         }
@@ -179,7 +179,7 @@ void DevelopedNoise::Fill(const QualityRows& mosaic, const QualityRows& to) cons
         if (to.variance.Planes() == 0) continue;
         double variance = 0;
         for (int c = 0; c < kColours; ++c) {
-          if (counts[c] > 0) variance += Share(x, y, p, c) * sums[c] / counts[c];
+          if (counts[c] > 0) variance += shares_[ShareAt(x, y, p, c)] * sums[c] / counts[c];
         }
         to.variance.Row(p, y)[x] = static_cast<float>(variance);
       }

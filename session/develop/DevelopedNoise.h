@@ -30,13 +30,10 @@ class KORIMG_SESSION_API DevelopedNoise {
  private:
   static constexpr int kColours = 3;
 
-  double& Share(int x, int y, int plane, int colour) {
-    return shares_[((static_cast<size_t>(y % period_) * period_ + x % period_) * kColours + plane) *
-                       kColours +
-                   colour];
-  }
-  double Share(int x, int y, int plane, int colour) const {
-    return const_cast<DevelopedNoise&>(*this).Share(x, y, plane, colour);
+  /// Where shares_ holds that of a colour in a plane.
+  size_t ShareAt(int x, int y, int plane, int colour) const {
+    return ((static_cast<size_t>(y % period_) * period_ + x % period_) * kColours + plane) * kColours +
+           colour;
   }
 
   int cfa_, part_, period_, reach_;

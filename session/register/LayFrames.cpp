@@ -95,6 +95,9 @@ LaidFrames LayOn(Job& job, const FramesToLay& frames, const Grid& grid, const La
     if (options.model == FrameModel::Auto) DoubtRigid(frames.measures[i], registrations[i]);
   }
   CompareFluxes(frames.measures, *grid.measure, registrations);
+  for (Registration& registration : registrations) {
+    registration.pairs = {};
+  }
   return laid;
 }
 

@@ -67,10 +67,11 @@ std::vector<char> LightsOfOneObject(const std::vector<files::Header>& headers) {
   return lights;
 }
 
-/// Lays frames by their world coordinates: those that are not laid, or all.
-void LayByWorld(const std::vector<FrameMeasure>& frames, const std::vector<files::Header>& headers,
+/// Lays frames by their world coordinates: those that are not laid, or all. True when there were any.
+bool LayByWorld(const std::vector<FrameMeasure>& frames, const std::vector<files::Header>& headers,
                 const FrameMeasure& reference, const files::Header& referenceHeader, bool all,
                 std::vector<Registration>& registrations) {
+  bool any = false;
   for (size_t i = 0; i < frames.size(); ++i) {
     Registration& own = registrations[i];
     if (own.method == "reference" || own.status == "cannot be read" || (own.IsGood() && !all)) continue;
@@ -92,7 +93,9 @@ void LayByWorld(const std::vector<FrameMeasure>& frames, const std::vector<files
     own.stars = 0;
     own.residual = 0;
     own.note = "by its world coordinates";
+    any = true;
   }
+  return any;
 }
 
 /// A reference by itself, or less than half of the frames, is no success.
@@ -174,8 +177,8 @@ RegisterResult Register(Job& job, const RegisterOptions& options) {
   if (!laid.model.empty()) job.Say("laid by: " + laid.model);
   KeepLens(job, lenses, camera, laid);
   std::vector<Registration> registrations = std::move(laid.registrations);
-  if (options.by != LayBy::Stars) {
-    LayByWorld(frames, headers, reference, referenceHeader, options.by == LayBy::World, registrations);
+  if (options.by != LayBy::Stars &&
+      LayByWorld(frames, headers, reference, referenceHeader, options.by == LayBy::World, registrations)) {
     CompareFluxes(frames, reference, registrations);
   }
   NameCopies(frames, registrations);

@@ -25,7 +25,7 @@ struct Cell {
   double x, y;  ///< its middle
   struct Seen {
     size_t frame;
-    Point at;  ///< its middle in the frame
+    std::array<double, SmoothSurface::kMostNumbers> terms;  ///< of its surface at the cell's middle
     std::vector<double> medians;
   };
   std::vector<Seen> seen;
@@ -51,19 +51,14 @@ std::optional<Cell::Seen> Look(CVelImage& image, const CFrameMap& toFrame, size_
       }
     }
   }
-  Cell::Seen seen{frame, *toFrame({cell.x, cell.y}), {}};
+  const Point middle = *toFrame({cell.x, cell.y});
+  const SmoothSurface surface(kDegree, image.GetWidth(), image.GetHeight());
+  Cell::Seen seen{frame, surface.TermsAt(middle.x + 0.5, middle.y + 0.5), {}};
   for (std::vector<float>& plane : values) {
     if (static_cast<int>(plane.size()) < kSamples * kSamples / 2) return std::nullopt;
     seen.medians.push_back(UpperMedian(plane));
   }
   return seen;
-}
-
-/// The terms of a surface at a place of a frame.
-std::array<double, kNumbers> TermsAt(const Point& p, const Shape& shape) {
-  const double scale = 2.0 / std::max(shape.width, shape.height);
-  const double u = (p.x + 0.5 - shape.width / 2.0) * scale, v = (p.y + 0.5 - shape.height / 2.0) * scale;
-  return {1, u, v, u * u, u * v, v * v};
 }
 
 }  // namespace
@@ -160,9 +155,9 @@ std::vector<FrameSky> MatchSkies(Job& job, const std::vector<StackInput>& inputs
     // distance).
     std::vector<double> numbers(unknown);
     const auto left = [&](const Cell::Seen& s) {
-      const auto terms = TermsAt(s.at, inputs[s.frame].shape);
       const double* own = numbers.data() + s.frame * kNumbers;
-      return s.medians[plane] * scales[s.frame] - std::inner_product(terms.begin(), terms.end(), own, 0.0);
+      return s.medians[plane] * scales[s.frame] -
+             std::inner_product(own, own + kNumbers, s.terms.begin(), 0.0);
     };
     constexpr int kRounds = 4;
     for (int round = 0; round < kRounds; ++round) {
@@ -191,16 +186,14 @@ std::vector<FrameSky> MatchSkies(Job& job, const std::vector<StackInput>& inputs
           if (round > 0 && far > kFar * usual) weight = std::min(weight, kFar * usual / far);
         }
         for (const Cell::Seen& a : seen) {
-          const auto own = TermsAt(a.at, inputs[a.frame].shape);
           for (const Cell::Seen& b : seen) {
-            const auto other = TermsAt(b.at, inputs[b.frame].shape);
             const double share = weight * ((a.frame == b.frame ? 1 : 0) - 1 / n);
             for (int i = 0; i < kNumbers; ++i) {
               for (int k = 0; k < kNumbers; ++k) {
                 normal[(a.frame * kNumbers + i) * unknown + b.frame * kNumbers + k] +=
-                    share * own[i] * other[k];
+                    share * a.terms[i] * b.terms[k];
               }
-              right[a.frame * kNumbers + i] += share * own[i] * b.medians[plane] * scales[b.frame];
+              right[a.frame * kNumbers + i] += share * a.terms[i] * b.medians[plane] * scales[b.frame];
             }
           }
         }

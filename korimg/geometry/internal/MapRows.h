@@ -15,9 +15,9 @@ class MapRows {
  public:
   static constexpr int kTerms = 8;
 
-  /// Columns 0 to width - 1 of rows y0 to y0 + rows - 1, each by `step` pixels. A row that the map does not
+  /// Columns 0 to width - 1 of rows y0 to y0 + rows - 1, counted from y0. A row that the map does not
   /// reach everywhere lies nowhere.
-  MapRows(const CFrameMap& map, int width, double y0, int rows, double step = 1, double x0 = 0);
+  MapRows(const CFrameMap& map, int width, double y0, int rows);
 
   double Middle() const { return middle_; }
   double Scale() const { return scale_; }

@@ -143,6 +143,15 @@ class SmoothSurface {
     });
   }
 
+  static constexpr int kMostNumbers = (kMostDegree + 1) * (kMostDegree + 2) / 2;
+
+  /// What the numbers of the polynomial are multiplied by at a place.
+  std::array<double, kMostNumbers> TermsAt(double x, double y) const {
+    std::array<double, kMostNumbers> terms{};
+    Powers((x - middleX_) * scale_, (y - middleY_) * scale_, terms.data());
+    return terms;
+  }
+
   double At(double x, double y) const {
     const double u = (x - middleX_) * scale_, v = (y - middleY_) * scale_;
     double powers[kMostNumbers], sum = 0;
@@ -157,8 +166,6 @@ class SmoothSurface {
   }
 
  private:
-  static constexpr int kMostNumbers = (kMostDegree + 1) * (kMostDegree + 2) / 2;
-
   struct Knot {
     double u, v, weight;
   };

@@ -18,7 +18,7 @@ class DevelopedNoiseOf : public ::testing::TestWithParam<const char*> {
 
   static double Deviation(int cfa, int x, int y) {
     constexpr double kOf[] = {5, 12, 8};
-    const int colour = ColourOf(cfa, x, y);
+    const int colour = files::ColourOfSite(cfa, x, y);
     return colour < 0 ? 0 : kOf[colour] * (1 + 0.004 * x);
   }
 };
