@@ -240,7 +240,7 @@ CImgGradient::Options GradientOptionsOf(const Step& step) {
 
 std::vector<Operation> BackgroundOperations() {
   return {
-      DescribeGradient().Runs(Gradient),
+      DescribeGradient().KeepsSource().Runs(Gradient),
       Describe<FlattenOptions>(
           "flatten", "takes a ramp or a bowl off the background, by numbers that you know",
           "For a slope of moonlight or city light (subtract it) or a vignette without a flat (divide by it). "
@@ -278,6 +278,7 @@ std::vector<Operation> BackgroundOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("by=subtract slope=0.5 angle=30")
+          .KeepsSource()
           .Runs(Flatten),
       Describe<SelfFlatOptions>(
           "self-flat", "divides by a flat that is made of the image itself",
@@ -296,6 +297,7 @@ std::vector<Operation> BackgroundOperations() {
           .Header(HeaderEffect::DropsCounts)
           .StoresAgree({})
           .Example("radius=0.2")
+          .KeepsSource()
           .Runs(SelfFlat),
       Describe<SplineOptions>(
           "spline", "a curve through points, computed for each pixel",
@@ -314,6 +316,7 @@ std::vector<Operation> BackgroundOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("points=0:0,0.2:0.35,1:1")
+          .KeepsSource()
           .Runs(Spline),
   };
 }

@@ -190,6 +190,7 @@ std::vector<Operation> ColourOperations() {
           .Takes("blue", &BalanceOptions::blue, {"added to blue", "% of red's levels", -1e6, 1e6})
           .OnRect()
           .Example("green=-2.5 blue=1")
+          .KeepsSource()
           .Runs(Balance),
       Describe<MatrixOptions>(
           "colour-matrix", "mixes red, green and blue by a matrix",
@@ -236,6 +237,7 @@ std::vector<Operation> ColourOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("palette=heat low=10 high=200")
+          .KeepsSource()
           .Runs(FalseColour),
       Describe<EnhanceOptions>(
           "lab-enhance", "deepens or fades colours, and keeps lightness",
@@ -266,6 +268,7 @@ std::vector<Operation> ColourOperations() {
                     {"yellow", Channel::Yellow}},
                    "the channel")
           .Example("channel=green")
+          .KeepsSource()
           .Runs(Separate),
       Describe<NoOptions>("to-colour", "makes three planes of one",
                           "Gives a mono image three equal planes, so that it can be tinted, or combined with "

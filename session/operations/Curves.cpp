@@ -89,6 +89,7 @@ std::vector<Operation> CurvesOperations() {
           .Header(HeaderEffect::DropsCounts)
           .StoresAgree(1e-3)  // a pixel at the edge of an entry may fall to either side
           .Example("points=0:0,0.2:0.45,1:1")
+          .KeepsSource()
           .Runs(Curve),
       Describe<HAlphaOptions>("h-alpha",
                               "a curve for the sun in H-alpha: lifts what is faint beside the disc",
@@ -101,6 +102,7 @@ std::vector<Operation> CurvesOperations() {
           .Header(HeaderEffect::DropsCounts)
           .StoresAgree(std::nullopt)
           .Example("knee=0.15 gain=0.6")
+          .KeepsSource()
           .Runs(HAlpha),
   };
 }

@@ -143,6 +143,11 @@ class Describe {
     operation_.header = effect;
     return *this;
   }
+  /// It only reads the pixels of the image that it replaces, whatever its values.
+  Describe& KeepsSource() {
+    operation_.keepsSource = true;
+    return *this;
+  }
   Describe& StoresAgree(std::optional<double> share) {
     operation_.storesAgree = share;
     return *this;

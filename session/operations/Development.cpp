@@ -101,6 +101,7 @@ std::vector<Operation> DevelopmentOperations() {
           .Header(HeaderEffect::DropsCounts)
           .StoresAgree(std::nullopt)
           .Example("radius=8 background=20 drive=brightness")
+          .KeepsSource()
           .Runs(Develop),
   };
 }

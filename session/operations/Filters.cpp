@@ -224,6 +224,7 @@ std::vector<Operation> FiltersOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("mode=3x3")
+          .KeepsSource()
           .Runs(Laplacian),
       TakesRadius(Describe<DiscOptions>("maximum", "the largest pixel in the disc about each pixel",
                                         "Makes stars larger, for a mask that covers their halos too."),
@@ -231,6 +232,7 @@ std::vector<Operation> FiltersOperations() {
           .OnRect()
           .StoresAgree(std::nullopt)  // contiguous ones round the radius up
           .Example("radius=2")
+          .KeepsSource()
           .Runs(Maximum),
       TakesBand(TakesWeight(TakesRadius(
                     Describe<MeanOptions>(
@@ -239,6 +241,7 @@ std::vector<Operation> FiltersOperations() {
                         "Gaussian looks more natural."),
                     "of the disc, or half the square's side")))
           .Example("radius=3 weight=0.5")
+          .KeepsSource()
           .Runs(Mean),
       TakesBand(
           TakesWeight(TakesRadius(
@@ -249,6 +252,7 @@ std::vector<Operation> FiltersOperations() {
                                     "stars near the noise may go with it."),
               "half the square's side")))
           .Example("radius=2")
+          .KeepsSource()
           .Runs(MeanWithoutEdge),
       TakesBand(TakesRadius(Describe<MedianOptions>(
                                 "median", "the median of the disc about each pixel",
@@ -256,6 +260,7 @@ std::vector<Operation> FiltersOperations() {
                                 "and with a large radius the stars, which leaves the background."),
                             "of the disc"))
           .Example("radius=2 dark=10 dark-range=5")
+          .KeepsSource()
           .Runs(Median),
       TakesRadius(
           Describe<DiscOptions>("minimum", "the smallest pixel in the disc about each pixel",
@@ -265,6 +270,7 @@ std::vector<Operation> FiltersOperations() {
           .OnRect()
           .StoresAgree(std::nullopt)  // contiguous ones round the radius up
           .Example("radius=1")
+          .KeepsSource()
           .Runs(Minimum),
       TakesRadius(
           Describe<RankOptions>("rank", "the pixel of a given rank in the disc about each pixel",
@@ -277,6 +283,7 @@ std::vector<Operation> FiltersOperations() {
           .OnRect()
           .StoresAgree(std::nullopt)  // contiguous ones round the radius up
           .Example("radius=2 rank=4")
+          .KeepsSource()
           .Runs(Rank),
       TakesMode(smallMedian).OnRect().Example("mode=3x3").Runs(SmallMedian),
       TakesMode(smallRank).OnRect().Example("rank=2 mode=3x3").Runs(SmallRank),

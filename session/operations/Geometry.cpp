@@ -374,6 +374,7 @@ std::vector<Operation> GeometryOperations() {
                  {"1: black and white are multiplied by the number of pixels in a cell"})
           .Header(HeaderEffect::Moves)
           .Example("bin-x=2 bin-y=3")
+          .KeepsSource()
           .Runs(Bin),
       Describe<CanvasOptions>("canvas", "changes the size without scaling: cuts edges off, or adds some",
                               "Gives pictures one size without touching a pixel that stays, or makes room "
@@ -405,6 +406,7 @@ std::vector<Operation> GeometryOperations() {
                  {"the pixels that stay; right and bottom are exclusive", "pixels"})
           .Header(HeaderEffect::Moves)
           .Example("rect=11,7,80,66")
+          .KeepsSource()
           .Runs(Crop),
       Describe<ExpansionOptions>(
           "expansion", "unfolds the disc of a planet into a map of equal degrees, twice as wide as high",
@@ -427,6 +429,7 @@ std::vector<Operation> GeometryOperations() {
           .Takes("grid", &ExpansionOptions::grid, {"1: meridians and parallels by 30 degrees"})
           .Header(HeaderEffect::DropsPlaces)
           .Example("radius=30 tilt-y=3 tilt-x=-12 oblateness=0.935 width=90 grid=1")
+          .KeepsSource()
           .Runs(Expand),
       Describe<FlipOptions>(
           "flip", "mirrors the image",
@@ -436,6 +439,7 @@ std::vector<Operation> GeometryOperations() {
                    {{"top-bottom", Axis::TopBottom}, {"left-right", Axis::LeftRight}}, "what changes places")
           .Header(HeaderEffect::Moves)
           .Example("axis=left-right")
+          .KeepsSource()
           .Runs(Flip),
       Describe<LiftUpOptions>(
           "lift-up", "moves the image up",

@@ -73,6 +73,7 @@ std::vector<Operation> MappingsOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("power=1.6 low=10 high=200")
+          .KeepsSource()
           .Runs(CorrectCurve),
       Describe<EqualizeOptions>(
           "equalize", "makes each pixel its rank in its plane: all tones come equally often",
@@ -82,6 +83,7 @@ std::vector<Operation> MappingsOperations() {
           "says nothing of light any more.")
           .Header(HeaderEffect::DropsCounts)
           .Example("")
+          .KeepsSource()
           .Runs(Equalize),
       Describe<PosterizeOptions>(
           "posterize", "reduces tones to a few steps between black and white",
@@ -92,6 +94,7 @@ std::vector<Operation> MappingsOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("tones=6")
+          .KeepsSource()
           .Runs(Posterize),
       Describe<TaperOptions>("taper", "fades an image out towards its edges by a raised cosine",
                              "Prepares a frame for a Fourier transform of your own, whose result would "
@@ -102,6 +105,7 @@ std::vector<Operation> MappingsOperations() {
               {"from the middle to where the image is 0; by default half the smaller side", "pixels", 0, 1e6})
           .Header(HeaderEffect::DropsCounts)
           .Example("radius=60")
+          .KeepsSource()
           .Runs(Taper),
   };
 }

@@ -315,6 +315,7 @@ std::vector<Operation> NoiseOperations() {
               "column and row 0,0, 2,0, 1,1 or 3,1")
           .OnRect()
           .Example("mode=pairs threshold=20 pattern=rggb")
+          .KeepsSource()
           .Runs(CfaNoise),
       TakesStrength(colourNoise).OnRect().Example("level=100 strength=0.5").Runs(ColourNoise),
       Describe<ContoursOptions>(
@@ -326,6 +327,7 @@ std::vector<Operation> NoiseOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("levels=5 wrap=1")
+          .KeepsSource()
           .Runs(Contours),
       TakesCounts(std::move(cosmicRays))
           .Takes("iterations", &CosmicRaysOptions::iterations, {"at most", "", 1, 100})
@@ -353,6 +355,7 @@ std::vector<Operation> NoiseOperations() {
           .OnRect()
           .StoresAgree(std::nullopt)
           .Example("radius=2 hot=0.3 cool=0.8")
+          .KeepsSource()
           .Runs(HotCool),
       Describe<KernelOptions>(
           "kernel", "applies a kernel of your own",
@@ -371,6 +374,7 @@ std::vector<Operation> NoiseOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("matrix=0,-1,0;-1,5,-1;0,-1,0 highlight=200 brighter=50")
+          .KeepsSource()
           .Runs(Kernel),
       Describe<SmoothFaintOptions>("smooth-faint",
                                    "smooths faint, flat parts and leaves bright structure alone",
@@ -388,6 +392,7 @@ std::vector<Operation> NoiseOperations() {
           .OnRect()
           .StoresAgree(std::nullopt)
           .Example("threshold=80 radius=2")
+          .KeepsSource()
           .Runs(SmoothFaint),
       Describe<SmoothSkyOptions>("smooth-sky", "smooths the sky and leaves what is above a level as it is",
                                  "Calms the background of a stretched image by a Gaussian that never lifts "
@@ -401,6 +406,7 @@ std::vector<Operation> NoiseOperations() {
                  {"of the Gaussian; 0 leaves the plane as it is", "pixels", 0, 1000})
           .OnRect()
           .Example("level=120 width=40 sigma=1.5")
+          .KeepsSource()
           .Runs(SmoothSky),
   };
 }

@@ -115,6 +115,8 @@ struct Operation {
   std::vector<Parameter> parameters;
   bool takesRect = false;  ///< may be confined to a rectangle
   HeaderEffect header = HeaderEffect::Keeps;
+  /// It replaces the call's image, whose own pixels it only reads.
+  bool keepsSource = false;
   /// Contiguous and paged stores agree within this share of the value; nothing: they differ by their
   /// definition.
   std::optional<double> storesAgree = 1e-5;

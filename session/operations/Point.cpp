@@ -144,6 +144,7 @@ std::vector<Operation> PointOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("bright=4,0,-3 contrast=24 average=90")
+          .KeepsSource()
           .Runs(Bright),
       Describe<CalculateOptions>("calculate", "arithmetic with a number, on raw values",
                                  "Takes a known pedestal off, or brings an image to another scale. For "
@@ -160,6 +161,7 @@ std::vector<Operation> PointOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("op=multiply value=1.5")
+          .KeepsSource()
           .Runs(Calculate),
       Describe<CutOffOptions>(
           "cut-off", "replaces pixels at or beyond the levels",
@@ -170,6 +172,7 @@ std::vector<Operation> PointOperations() {
           .Takes("high", &CutOffOptions::high, {"for pixels at or above white; white when not given", "raw"})
           .OnRect()
           .Example("low=300 high=2500")
+          .KeepsSource()
           .Runs(CutOff),
       Describe<NoOptions>(
           "cut-to-levels", "limits each pixel to black and white",
@@ -183,6 +186,7 @@ std::vector<Operation> PointOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("")
+          .KeepsSource()
           .Runs(Invert),
       Describe<PasteOptions>(
           "paste", "copies a window of another image of the same size",

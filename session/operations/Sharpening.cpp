@@ -158,6 +158,7 @@ std::vector<Operation> SharpeningOperations() {
                                   "squared distance up to which neighbours count; the fraction is dropped"),
                       "of each neighbour against a pixel of 1"))
           .Example("radius=2 strength=0.1 brighter=50")
+          .KeepsSource()
           .Runs(Kernel),
       TakesLimits(
           TakesStrength(
@@ -171,6 +172,7 @@ std::vector<Operation> SharpeningOperations() {
                           "squared distance up to which neighbours count"),
               "of each neighbour against a pixel of 1"))
           .Example("radius=2 strength=0.5")
+          .KeepsSource()
           .Runs(KernelAtEdges),
       TakesLimits(unsharp)
           .StoresAgree(1e-5)

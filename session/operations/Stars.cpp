@@ -109,6 +109,7 @@ std::vector<Operation> StarsOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("sigma=2 threshold=0.05 strength=0.5")
+          .KeepsSource()
           .Runs(Enhance),
       TakesThreshold(
           TakesSigma(Describe<MaskOptions>(
@@ -123,6 +124,7 @@ std::vector<Operation> StarsOperations() {
           .Header(HeaderEffect::DropsCounts)
           .StoresAgree(std::nullopt)
           .Example("sigma=3 threshold=0.05")
+          .KeepsSource()
           .Runs(Mask),
       TakesRadius(Describe<SharpenOptions>(
                       "star-sharpen", "makes stars smaller: a pixel of low rank of the disc about each pixel",
@@ -143,6 +145,7 @@ std::vector<Operation> StarsOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("radius=1.5 rank=2.5 threshold=0.05")
+          .KeepsSource()
           .Runs(Sharpen),
       TakesThreshold(
           TakesSigma(Describe<SmoothOptions>(
@@ -158,6 +161,7 @@ std::vector<Operation> StarsOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("sigma=1.5 threshold=4 radius=1")
+          .KeepsSource()
           .Runs(Smooth),
   };
 }

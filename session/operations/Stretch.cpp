@@ -191,6 +191,7 @@ std::vector<Operation> StretchOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("margin=2 sky=4,4,40,30 filter=1,1.1,0.9")
+          .KeepsSource()
           .Runs(AutoStretch),
       Describe<GhsOptions>(
           "ghs", "a generalised hyperbolic stretch: lifts the tones about one point, and spares others",
@@ -213,6 +214,7 @@ std::vector<Operation> StretchOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("amount=3 shape=2 symmetry=0.2 highlights=0.9")
+          .KeepsSource()
           .Runs(Ghs),
       Describe<StretchOptions>("stretch",
                                "a stretch by midtones: what is faint comes into sight, by itself or as told",
@@ -233,6 +235,7 @@ std::vector<Operation> StretchOperations() {
           .OnRect()
           .Header(HeaderEffect::DropsCounts)
           .Example("link=0")
+          .KeepsSource()
           .Runs(Stretch),
   };
 }

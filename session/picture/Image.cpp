@@ -5,7 +5,8 @@
 #include <cmath>
 #include <utility>
 
-#include "korimg/image/ForeignImage.h"
+#include <fmt/format.h>
+
 #include "korimg/platform/Debug.h"
 
 #include "session/files/Mosaic.h"
@@ -38,6 +39,23 @@ files::ImageInfo InfoOf(int width, int height, int planes) {
 void CheckShape(const Band<const float>& pixels) {
   if (pixels.Width() > 0 && pixels.Rows() > 0 && pixels.Planes() >= 1 && pixels.Planes() <= 3) return;
   throw UsageError("an image has pixels, in 1 to 3 planes");
+}
+
+void CheckLevels(const std::vector<std::pair<double, double>>& levels) {
+  for (const auto& [black, white] : levels) {
+    if (!(std::isfinite(black) && std::isfinite(white) && white > black)) {
+      throw UsageError(fmt::format("the level of white, {}, must be above that of black, {}", white, black));
+    }
+  }
+}
+
+/// Gives an image levels: its planes in turn, the rest as the last one; its extremes where there are none.
+void GiveLevels(Image& image, const std::vector<std::pair<double, double>>& levels) {
+  if (levels.empty()) return SetLevels(image.Pixels(), image.Info(), false);
+  for (int p = 0; p < image.Planes(); ++p) {
+    const auto& [black, white] = levels[std::min(static_cast<size_t>(p), levels.size() - 1)];
+    image.Pixels().SetLevel(p, black, white);
+  }
 }
 
 Image Load(Job& job, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
@@ -79,14 +97,20 @@ Image Image::Open(Job& job, const std::filesystem::path& path, const files::Read
   return AtEdge([&] { return Load(job, job.MakeStore(), path, options); });
 }
 
-Image Image::Over(Job& job, const Band<float>& pixels, std::shared_ptr<const void> owner) {
+Image Image::Over(Job& job, const Band<float>& pixels, std::shared_ptr<const void> owner,
+                  const std::vector<std::pair<double, double>>& set, ResultMemory result) {
   return AtEdge([&] {
-    if (!pixels.IsDense()) return CopyOf(job, pixels);
+    CheckLevels(set);
     CheckShape(pixels);
+    if (!pixels.IsDense()) {
+      Image image = CopyOf(job, pixels);
+      GiveLevels(image, set);
+      return image;
+    }
     StoredImage made = MakeImageOver({pixels.Data(), pixels.Data() + pixels.Planes()}, pixels.Width(),
-                                     pixels.Rows(), std::move(owner), job.MakeStore());
+                                     pixels.Rows(), std::move(owner), job.MakeStore(), std::move(result));
     Image image(std::move(made.image), InfoOf(pixels.Width(), pixels.Rows(), pixels.Planes()));
-    SetLevels(image.Pixels(), image.Info(), false);
+    GiveLevels(image, set);
     return image;
   });
 }

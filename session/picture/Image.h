@@ -4,8 +4,11 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "korimg/image/CVelImage.h"
+#include "korimg/image/ForeignImage.h"
 #include "korimg/image/View.h"
 
 #include "session/Export.h"
@@ -33,9 +36,10 @@ class KORIMG_SESSION_API Image {
 
   /// An image over memory of somebody else, which `owner` keeps alive: without a copy where rows have nothing
   /// between them, else copied once. Operations that work in place change that memory; the levels are the
-  /// extremes of the pixels.
-  /// @throws UsageError for bands of no pixels
-  static Image Over(Job& job, const Band<float>& pixels, std::shared_ptr<const void> owner = nullptr);
+  /// extremes of the pixels, unless there are some to `set`, of each plane.
+  /// @throws UsageError for bands of no pixels, and for levels whose white is not above black
+  static Image Over(Job& job, const Band<float>& pixels, std::shared_ptr<const void> owner = nullptr,
+                    const std::vector<std::pair<double, double>>& set = {}, ResultMemory result = {});
   /// A copy of pixels, of any pitch.
   static Image CopyOf(Job& job, const Band<const float>& pixels);
 

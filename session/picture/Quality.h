@@ -92,6 +92,7 @@ class KORIMG_SESSION_API QualityReader {
   explicit QualityReader(const files::ImageReader& image);
 
   bool HasUncertainty() const { return uncertainty_ != nullptr; }
+  bool HasMask() const { return mask_ != nullptr; }
   bool Any() const { return uncertainty_ || mask_; }
   Correlation CorrelationOfNoise() const;
   /// Fills what is asked for; a mask that is not there is 0.

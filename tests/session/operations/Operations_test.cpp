@@ -110,6 +110,62 @@ TEST_F(Table, EveryExampleGivesTheSameOnBothStores) {
   }
 }
 
+/// An operation with one of its choices and flags after the other turned from what its example has.
+std::vector<Step> Variants(const Step& example) {
+  std::vector<Step> variants = {example};
+  for (const Parameter& parameter : example.What().parameters) {
+    std::vector<std::string> texts = parameter.choices;
+    if (parameter.kind == ParameterKind::Flag) texts = {"0", "1"};
+    for (const std::string& text : texts) {
+      variants.push_back(example);
+      variants.back().Set(parameter.name, text);
+    }
+  }
+  return variants;
+}
+
+TEST_F(Table, SourcesStayThatAreSaidTo) {
+  MakeExamples();
+  int kept = 0;
+  for (const Operation& operation : Operations()) {
+    if (!operation.keepsSource) continue;
+    ++kept;
+    TakeImageOf(operation);
+    Image opened = Image::Open(job_, first_);
+    const int planes = opened.Planes();
+    for (const Step& step : Variants(Example(operation))) {
+      for (const bool partial : {false, true}) {
+        if (partial && !operation.takesRect) continue;
+        std::vector<float> pixels(static_cast<size_t>(planes) * 97 * 71), result(pixels.size(), 7.0F);
+        const Band<float> source(pixels.data(), planes, 97, 0, 71), to(result.data(), planes, 97, 0, 71);
+        opened.ReadRows(source);
+        const std::vector<float> before = pixels;
+        CRect rect(13, 5, 90, 60);
+        Image over =
+            Image::Over(job_, source, nullptr, {{100, 1000}}, {.planes = {to.Data(), to.Data() + planes}});
+        over.Header() = opened.Header();
+        Image plain = Image::CopyOf(job_, source);
+        for (int p = 0; p < planes; ++p) {
+          plain.Pixels().SetLevel(p, 100, 1000);
+        }
+        plain.Header() = opened.Header();
+        try {
+          step.Run(job_, plain, partial ? &rect : nullptr);
+        } catch (const UsageError&) {
+          continue;  // these values do not go together
+        }
+        step.Run(job_, over, partial ? &rect : nullptr);
+        EXPECT_EQ(pixels, before) << step.Text();
+        EXPECT_EQ(Difference(over.Pixels(), plain.Pixels(), 0), "") << step.Text() << " lies elsewhere";
+        if (over.Width() != 97 || over.Height() != 71 || over.Planes() != planes) continue;
+        EXPECT_EQ(over.Rows().Data()[0], result.data())
+            << step.Text() << " leaves the result's memory unused";
+      }
+    }
+  }
+  EXPECT_GT(kept, 40);
+}
+
 TEST_F(Table, HeadersGoTheWayThatIsSaid) {
   MakeExamples();
   files::Header header;
