@@ -1,0 +1,150 @@
+// The stages of a run over one object's lights, which share what is known of these.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "session/calibrate/internal/Session.h"
+#include "session/compose/Palette.h"
+#include "session/files/internal/ConstantBorder.h"
+#include "session/run/Run.h"
+#include "session/run/internal/Cost.h"
+#include "session/run/internal/Kept.h"
+#include "session/run/internal/Report.h"
+#include "session/run/internal/State.h"
+
+namespace korimg::session {
+
+inline constexpr int kThumbnailSide = 300;  // pixels
+
+/// A light on its way.
+struct RunLight {
+  const Light* light = nullptr;
+  std::string digest = {};               ///< of all that its pixels depend on
+  std::string error = "cannot be read";  ///< it could not be done at all
+  bool isUnfinished = false;             ///< since it is still being written
+  Shape shape;
+  double clipped = 0;
+  std::shared_ptr<const files::ConstantBorder> border;  ///< of its file
+  FrameMeasure measure;
+  FrameLevels levels;
+  std::string thumbnail;
+  Registration registration;
+  std::string reason;  ///< why it is left out
+  double weight = 0;
+  std::vector<double> weights;  ///< by planes
+  CImgStack::Counts counts;
+  bool isKept = false;  ///< it was measured by an earlier call
+
+  bool IsMeasured() const { return error.empty(); }
+  bool IsUsed() const { return error.empty() && reason.empty(); }
+};
+
+/// Lights that make one image.
+struct RunTarget {
+  std::string filter;
+  std::string name;  ///< of its files
+  std::vector<RunLight*> frames = {};
+};
+
+/// Share of the values that were rejected.
+inline double ShareRejected(const CImgStack::Counts& c) {
+  return c.values > 0 ? static_cast<double>(c.low + c.high) / static_cast<double>(c.values) : 0;
+}
+
+/// All of a light, calibrated and developed.
+std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmManager>& store);
+
+/// Each stage goes on from what the ones before it found, in the order of Do.
+class Road {
+ public:
+  Road(Job& job, const RunOptions& options, std::vector<RunFrame> excluded = {});
+
+  /// Tells of the work; throws FileError when there is none.
+  void Show();
+  /// The plan of each light, for programs.
+  void TellPlan() const;
+  RunResult Do();
+
+ private:
+  /// A stack on a finer grid.
+  struct Drizzled {
+    std::unique_ptr<CVelImage> image, weights;
+    std::optional<double> spread;  ///< of the weights
+  };
+
+  std::filesystem::path Path(const std::string& name) const { return options_.calibrate.out / name; }
+  void Plan(const std::string& line);
+  void LeaveOut(RunLight& frame, const std::string& reason);
+  Workload Work() const;
+  /// What a light takes once it is developed, and while its stars are found.
+  long long BytesOfFrame() const;
+  static std::optional<double> StartOf(const RunLight& frame);
+
+  // Measuring.cpp
+  Levels StretchOfFrames(const RunTarget& target) const;
+  void MeasureFrames();
+  static RunLight FromKept(const RunLight& frame, const KeptJson& kept);
+  void Keep(const RunLight& frame);
+  void LeaveOutCopies();
+
+  // Registering.cpp
+  /// What is known of lenses lies beside the masters.
+  std::filesystem::path Lenses() const;
+  /// The frame that others lie on.
+  const RunLight& Grid() const { return fixed_ ? *fixed_ : frames_[reference_]; }
+  std::string NameOf(const RunLight& frame) const;
+  std::shared_ptr<CVelImage> FindReference();
+  void RegisterFrames();
+  void LeaveOutBad(RunTarget& target);
+  void TellLimitsThatSayLittle(const RunTarget& target, size_t frames, size_t starry);
+
+  // Stacking.cpp
+  std::vector<std::filesystem::path> OutputsOf(const RunTarget& target) const;
+  std::vector<StackInput> Inputs(const std::vector<RunLight*>& used) const;
+  void StackFrames(RunTarget& target);
+  Drizzled DrizzleFrames(const RunTarget& target, const std::vector<RunLight*>& used,
+                         const std::vector<StackInput>& inputs, int reference, const StackOptions& options,
+                         const std::shared_ptr<CVmManager>& store);
+  std::string DigestOf(const RunTarget& target, const std::vector<RunLight*>& used,
+                       const RunLight& reference) const;
+  KeptJson StampsOf(const RunTarget& target) const;
+  void KeepStack(const RunTarget& target, const std::vector<RunLight*>& used, const std::string& digest,
+                 const nlohmann::ordered_json& told);
+  bool TakeKeptStack(const RunTarget& target, const std::vector<RunLight*>& used, const std::string& digest);
+
+  // Saving.cpp
+  std::vector<std::string> History(const std::vector<RunLight*>& used, const RunTarget& target) const;
+  nlohmann::ordered_json SaveStack(const RunTarget& target, const std::vector<RunLight*>& used,
+                                   const RunLight& reference, CVelImage& image, const Quality& quality,
+                                   const Drizzled* drizzled = nullptr);
+  void TellStack(const RunStack& made, const nlohmann::ordered_json& more, const std::string& how) const;
+  void Together(const std::string& title, const std::vector<std::function<void()>>& parts);
+  bool ComposeColours();
+
+  // Telling.cpp
+  std::vector<RunFrame> Frames() const;
+  void TellFrames(const std::vector<RunFrame>& frames) const;
+  void TellFailed() const;
+  void WriteReport();
+  void CheckShares();
+
+  Job& job_;
+  const RunOptions& options_;
+  Session session_;
+  std::vector<RunLight> frames_;
+  std::vector<RunTarget> targets_;
+  std::optional<ColourPlan> colours_;  ///< their numbers are those of targets
+  size_t reference_ = 0;
+  std::optional<RunLight> fixed_;  ///< a reference that is none of the lights
+  std::optional<RunState> state_;
+  std::vector<RunFrame> excluded_;
+  Cost cost_;
+  Report report_;
+  std::vector<RunStack> stacks_;
+};
+
+}  // namespace korimg::session
