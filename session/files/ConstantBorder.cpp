@@ -8,6 +8,7 @@
 #include <optional>
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "korimg/image/internal/Numbers.h"
 
@@ -309,6 +310,23 @@ std::string ConstantBorder::Text() const {
   if (IsEmpty()) return "";
   return fmt::format("{:.2g} % of its pixels, at the edges, are {} throughout: they count as no data",
                      100 * share_, values_);
+}
+
+void to_json(nlohmann::json& json, const ConstantBorder& border) {
+  nlohmann::json rows = nlohmann::json::array();
+  for (const ConstantBorder::Columns& data : border.rows_) {
+    rows.push_back({data.from, data.to});
+  }
+  json = {{"share", border.share_}, {"values", border.values_}, {"rows", std::move(rows)}};
+}
+
+void from_json(const nlohmann::json& json, ConstantBorder& border) {
+  border.share_ = json.at("share");
+  border.values_ = json.at("values").get<std::string>();
+  border.rows_.clear();
+  for (const nlohmann::json& data : json.at("rows")) {
+    border.rows_.push_back({data.at(0), data.at(1)});
+  }
 }
 
 void ConstantBorder::Blank(const Band<float>& pixels) const {

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <concepts>
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <limits>
 #include <memory>
@@ -111,6 +112,12 @@ File TemporaryFile(const std::filesystem::path& shown);
 
 /// "<name>.part" beside a file to be written.
 KORIMG_SESSION_API std::filesystem::path PartialName(const std::filesystem::path& path);
+/// "<name>.<16 digits>.part", which no other process has, on this machine or another.
+std::filesystem::path UniquePartialName(const std::filesystem::path& path);
+
+/// Seconds since 1970 that files are told to be written at: SOURCE_DATE_EPOCH of the environment, so that the
+/// same work gives the same bytes, or else now.
+std::time_t TimeOfWriting();
 
 /// Headers and data of FITS files take whole blocks of so many bytes.
 constexpr std::uint64_t kFitsBlock = 2880;

@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "session/files/Formats.h"
 #include "session/files/ImageFile.h"
 
 namespace korimg::files {
@@ -249,7 +250,7 @@ std::vector<std::string> Header::CardsForOutput() const {
     dropping = DescribesSource(Split(card).name) || (dropping && IsContinuation(card));
     if (!dropping) output.cards.push_back(Pad(card));
   }
-  const std::time_t now = std::time(nullptr);
+  const std::time_t now = TimeOfWriting();
   std::tm utc = {};
   gmtime_r(&now, &utc);
   char date[32];

@@ -8,7 +8,9 @@
 #include <chrono>
 #include <climits>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <random>
 #include <regex>
 
 #include <fcntl.h>
@@ -167,6 +169,22 @@ File TemporaryFile(const fs::path& shown) {
 
 fs::path PartialName(const fs::path& path) {
   return path.string() + ".part";
+}
+
+fs::path UniquePartialName(const fs::path& path) {
+  std::random_device random;
+  return fmt::format("{}.{:08x}{:08x}.part", path.string(), random(), random());
+}
+
+std::time_t TimeOfWriting() {
+  const char* told = std::getenv("SOURCE_DATE_EPOCH");
+  std::time_t seconds = 0;
+  if (told) {
+    const char* const end = told + std::strlen(told);
+    const auto [rest, error] = std::from_chars(told, end, seconds);
+    if (error == std::errc() && rest == end && rest != told) return seconds;
+  }
+  return std::time(nullptr);
 }
 
 TransientFile::TransientFile(const fs::path& path) : path_(fs::absolute(path)), slot_(-1) {

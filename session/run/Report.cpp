@@ -236,7 +236,7 @@ std::string Page(const Report& report) {
   page += "</table></div>\n<h2>Plan</h2>\n" + Lines(report.plan);
   page += fmt::format(
       "<h2>Made by</h2>\n<p><code>{}</code><br>korimg {}, {:%Y-%m-%d %H:%M} UTC</p>\n</body></html>\n",
-      Escaped(report.command), Version(), fmt::gmtime(std::time(nullptr)));
+      Escaped(report.command), Version(), fmt::gmtime(files::TimeOfWriting()));
   return page;
 }
 

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json_fwd.hpp>
+
 #include "korimg/image/View.h"
 
 namespace korimg::files {
@@ -29,6 +31,11 @@ class ConstantBorder {
   std::string Text() const;
   /// Makes NaN of what lies on the rows of a band.
   void Blank(const Band<float>& pixels) const;
+
+  /// As it is kept, to spare reading the image again.
+  friend void to_json(nlohmann::json& json, const ConstantBorder& border);
+  /// Throws what JSON throws for one that is none.
+  friend void from_json(const nlohmann::json& json, ConstantBorder& border);
 
  private:
   /// Columns from..to - 1 hold data.
