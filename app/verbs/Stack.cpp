@@ -1,4 +1,8 @@
 // korimg stack: registered frames become one image.
+#include <cmath>
+
+#include <fmt/format.h>
+
 #include "app/verbs/Verbs.h"
 #include "session/operations/Kernels.h"
 #include "session/stack/StackFiles.h"
@@ -64,6 +68,26 @@ void AddStackChoices(CLI::App& verb, StackChoices& choices) {
       ->needs(scale);
 }
 
+namespace {
+
+/// "2/3"
+StackPart ParsePart(const std::string& text) {
+  const size_t slash = text.find('/');
+  const auto whole = [](const std::string& digits) {
+    const auto number = ToNumber(digits);
+    return number && *number == std::floor(*number) && *number >= 1 && *number <= 1e6
+               ? static_cast<int>(*number)
+               : 0;
+  };
+  const StackPart part{whole(text.substr(0, slash)), slash == text.npos ? 0 : whole(text.substr(slash + 1))};
+  if (part.number < 1 || part.number > part.parts) {
+    throw UsageError(fmt::format("--part {}: is no part; write its number and that of all, as in 2/3", text));
+  }
+  return part;
+}
+
+}  // namespace
+
 void AddStack(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<StackFilesOptions>();
   CLI::App* verb = app.add_subcommand("stack", "Combine registered frames into one image");
@@ -95,6 +119,16 @@ void AddStack(CLI::App& app, Tool& tool) {
       "--resume", options->resume,
       "go on with what a killed run of the same call left in OUTPUT.resume, and leave it there if this "
       "one is cancelled");
+  verb->add_option_function<std::string>(
+      "--part", [options](const std::string& text) { options->part = ParsePart(text); },
+      "make the rows of one part only, as in 2/3, and write OUTPUT.part-2-of-3; machines that share the "
+      "files "
+      "make one each, in any order");
+  verb->add_option(
+          "--join", options->join,
+          "make the stack of so many parts that are there, and remove these: as in 3, by the same call "
+          "as that of the parts")
+      ->default_str("");
   verb->add_option("--bits", options->bits, "float or 16, for FITS and TIFF")
       ->check(CLI::IsMember({"float", "16"}));
   AddCommonOptions(*verb, tool);

@@ -275,18 +275,26 @@ void Session::Prepare() {
   MeasureDevelopments();
 }
 
+const Group* Session::OffsetOf(const Group& flat) const {
+  const auto offset = offsetsOfFlats_.find(&flat);
+  return offset == offsetsOfFlats_.end() ? nullptr : offset->second;
+}
+
+/// The lights' pattern is that of flats which name none.
+int Session::MosaicOfLights(const Group& flat) const {
+  const auto mosaic = std::find_if(lights_.begin(), lights_.end(), [&](const Light& light) {
+    return light.flat == &flat && light.mosaic.cfa > 0;
+  });
+  return mosaic == lights_.end() ? 0 : mosaic->mosaic.cfa;
+}
+
 void Session::MakeMasters() {
+  FindDigests();
   for (const Group* group : NeededGroups()) {
-    const auto offset = offsetsOfFlats_.find(group);
-    const Master* off = offset == offsetsOfFlats_.end() ? nullptr : &masters_.at(offset->second);
-    // The lights' pattern is that of flats which name none.
-    const auto mosaic = std::find_if(lights_.begin(), lights_.end(), [group](const Light& light) {
-      return light.flat == group && light.mosaic.cfa > 0;
-    });
-    const int cfa = mosaic == lights_.end() ? 0 : mosaic->mosaic.cfa;
+    const Master* const off = MasterOf(OffsetOf(*group));
     const bool overturned = off && files::LiesOverturned(HeaderOf(*group), HeaderOf(*off->group));
     if (overturned) TurnOver(*off->image);
-    const Master& master = masters_.emplace(group, MakeOrLoad(*group, off, cfa)).first->second;
+    const Master& master = masters_.emplace(group, MakeOrLoad(*group, off)).first->second;
     if (overturned) TurnOver(*off->image);
     if (off && off->measures.max <= kUnitMost && master.measures.mean > kCountsLeast) {
       throw files::FileError(
@@ -308,12 +316,13 @@ void Session::MakeMasters() {
 }
 
 /// What a master is made of: of the same, it is the same.
-std::string Session::DigestOf(const Group& group, const Master* offset, int cfa) const {
-  Json made{{"made", 1}, {"kind", NameOf(group.kind)}, {"mosaic", cfa}, {"scale", group.scale}};
+std::string Session::DigestOf(const Group& group) const {
+  Json made{
+      {"made", 1}, {"kind", NameOf(group.kind)}, {"mosaic", MosaicOfLights(group)}, {"scale", group.scale}};
   for (const Frame& frame : group.frames) {
     made["inputs"].push_back({fs::absolute(frame.path).string(), files::StampOf(frame.path)});
   }
-  if (offset) made["offset"] = digests_.at(offset->group);
+  if (const Group* offset = OffsetOf(group)) made["offset"] = digests_.at(offset);
   if (group.bias) made["bias"] = digests_.at(group.bias);
   return fmt::format("{:016x}",
                      std::hash<std::string>()(made.dump(-1, ' ', true, Json::error_handler_t::replace)));
@@ -340,25 +349,44 @@ std::string Session::DigestOf(const Light& light) const {
   return made.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
-/// A master that is there, if it was made of the same frames; else it is made.
-Master Session::MakeOrLoad(const Group& group, const Master* offset, int cfa) {
-  const std::string digest = digests_[&group] = DigestOf(group, offset, cfa);
+/// Those of offsets come first, and so do theirs.
+void Session::FindDigests() {
+  for (const Group* group : NeededGroups()) {
+    digests_[group] = DigestOf(*group);
+  }
+}
+
+bool Session::HasMasters() {
+  FindDigests();
+  return std::ranges::all_of(NeededGroups(),
+                             [this](const Group* group) { return FindKept(*group).has_value(); });
+}
+
+/// What the manifest says of a master that is there, if it was made of the same frames.
+std::optional<Json> Session::FindKept(const Group& group) const {
   for (const auto& entry : kept_.value("masters", Json::array())) {
     const fs::path file = options_.masters / entry.value("file", "");
-    if (entry.value("digest", "") != digest || !fs::is_regular_file(file)) continue;
-    if (entry.value("stamp", "") != files::StampOf(file)) continue;  // somebody changed it
+    if (entry.value("digest", "") != digests_.at(&group) || !fs::is_regular_file(file)) continue;
+    if (entry.value("stamp", "") == files::StampOf(file)) return Json(entry);  // nobody changed it
+  }
+  return std::nullopt;
+}
+
+Master Session::MakeOrLoad(const Group& group, const Master* offset) {
+  if (const auto kept = FindKept(group)) {
     Master master;
     master.group = &group;
     master.offset = offset;
-    master.image = std::move(Image::Open(job_, store_, file).Pointer());
+    master.image = std::move(Image::Open(job_, store_, options_.masters / kept->value("file", "")).Pointer());
     master.measures = Measures(*master.image);
-    master.saturated = entry.value("saturated", 0.0);
-    master.gain = entry.value("gain", 0.0);
-    master.equalised = entry.value("equalised", false);
+    master.saturated = kept->value("saturated", 0.0);
+    master.gain = kept->value("gain", 0.0);
+    master.equalised = kept->value("equalised", false);
     master.isKept = true;
     return master;
   }
-  return group.scaledFrom ? MakeScaled(group) : MakeMaster(job_, store_, group, offset, cfa);
+  return group.scaledFrom ? MakeScaled(group)
+                          : MakeMaster(job_, store_, group, offset, MosaicOfLights(group));
 }
 
 /// The bias, and the rest of a dark by the ratio of exposures.

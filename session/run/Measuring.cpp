@@ -36,21 +36,39 @@ Levels Road::StretchOfFrames(const RunTarget& target) const {
   return {};
 }
 
-void Road::MeasureFrames() {
+void Road::TakeKeptFrames(const std::vector<size_t>& numbers) {
+  SideBySide(
+      job_, "looking for what was measured", numbers.size(), 0,
+      [&](size_t k) { return FindKept(frames_[numbers[k]]); },
+      [&](size_t k, const auto& result) {
+        if (auto found = result()) frames_[numbers[k]] = std::move(*found);
+      });
+}
+
+size_t Road::MeasureFrames(const std::vector<size_t>& numbers) {
+  TakeKeptFrames(numbers);
+  std::vector<size_t> missing = numbers;
+  std::erase_if(missing, [this](size_t i) { return frames_[i].IsMeasured(); });
+  if (missing.size() < numbers.size()) {
+    job_.Say(
+        fmt::format("{} of {} lights were measured before", numbers.size() - missing.size(), numbers.size()));
+  }
   std::map<const Light*, Levels> shown;
   for (const RunTarget& target : targets_) {
+    const auto isMissing = [&](const RunLight* frame) {
+      return std::ranges::any_of(missing, [&](size_t i) { return &frames_[i] == frame; });
+    };
+    if (std::ranges::none_of(target.frames, isMissing)) continue;
     const Levels levels = StretchOfFrames(target);
     for (const RunLight* frame : target.frames) {
       shown[frame->light] = levels;
     }
   }
   SideBySide(
-      job_, "measuring frame", frames_.size(), BytesOfFrame(),
-      [&](size_t i) {
-        if (const auto kept = state_->Find("light_" + frames_[i].light->stem, frames_[i].digest)) {
-          return FromKept(frames_[i], *kept);
-        }
-        RunLight frame{frames_[i].light, frames_[i].digest, ""};
+      job_, "measuring frame", missing.size(), BytesOfFrame(),
+      [&](size_t k) {
+        RunLight frame = frames_[missing[k]];
+        frame.error.clear();
         LightRows rows(session_, *frame.light);
         const auto image = LoadWhole(rows, job_.MakeStore());
         frame.shape = rows.Size();
@@ -61,52 +79,64 @@ void Road::MeasureFrames() {
         frame.thumbnail = JpegOf(job_, *image, shown.at(frame.light), ShrinkTo(frame.shape, kThumbnailSide));
         return frame;
       },
-      [&](size_t i, const auto& result) {
+      [&](size_t k, const auto& result) {
+        RunLight& frame = frames_[missing[k]];
         const auto take = [&](const fs::path&) {
           try {
-            frames_[i] = result();
-            Keep(frames_[i]);
+            frame = result();
+            Keep(frame);
           } catch (const files::FileError& error) {
-            frames_[i].error = error.Reason();
-            frames_[i].isUnfinished = dynamic_cast<const files::UnfinishedError*>(&error);
+            frame.error = error.Reason();
+            frame.isUnfinished = dynamic_cast<const files::UnfinishedError*>(&error);
             throw;
           } catch (const std::exception& error) {
-            frames_[i].error = error.what();
+            frame.error = error.what();
             throw;
           }
         };
-        job_.ForEachFile({frames_[i].light->frame.path}, take, true);
+        job_.ForEachFile({frame.light->frame.path}, take, true);
       });
-  const auto kept = std::count_if(frames_.begin(), frames_.end(), [](const RunLight& f) { return f.isKept; });
-  if (kept > 0) job_.Say(fmt::format("{} of {} lights were measured before", kept, frames_.size()));
+  return missing.size();
+}
+
+/// What an earlier call found of a light: its measures, or that it could not be read.
+std::optional<RunLight> Road::FindKept(const RunLight& frame) const {
+  const auto kept = state_->Find("light_" + frame.light->stem, frame.digest);
+  if (!kept) return std::nullopt;
+  RunLight found{frame.light, frame.digest, kept->value("error", "")};
+  found.isKept = true;
+  found.isUnfinished = kept->value("unfinished", false);
+  if (!found.IsMeasured()) return found;
+  found.shape = kept->at("shape");
+  found.clipped = kept->at("clipped");
+  found.border = std::make_shared<files::ConstantBorder>(kept->value("border", files::ConstantBorder()));
+  found.measure = kept->at("measure");
+  found.levels = kept->at("levels");
+  found.thumbnail = BytesOf(kept->at("thumbnail"));
+  return found;
+}
+
+void Road::Keep(const RunLight& frame) {
+  KeptJson kept;
+  if (frame.IsMeasured()) {
+    kept = {{"shape", frame.shape},
+            {"clipped", frame.clipped},
+            {"measure", frame.measure},
+            {"levels", frame.levels},
+            {"thumbnail", Binary(frame.thumbnail)}};
+    if (frame.border && !frame.border->IsEmpty()) kept["border"] = *frame.border;
+  } else {
+    kept = {{"error", frame.error}, {"unfinished", frame.isUnfinished}};
+  }
+  state_->Keep("light_" + frame.light->stem, frame.digest, std::move(kept));
+}
+
+void Road::TellBorders() {
   for (const RunLight& frame : frames_) {
     if (frame.border && !frame.border->IsEmpty()) {
       Plan(fmt::format("{}: {}", frame.light->Name(), frame.border->Text()));
     }
   }
-}
-
-/// A light as an earlier call measured it. Borders are looked for again: few frames have one.
-RunLight Road::FromKept(const RunLight& frame, const KeptJson& kept) {
-  RunLight found{frame.light, frame.digest, ""};
-  found.isKept = true;
-  found.shape = kept.at("shape");
-  found.clipped = kept.at("clipped");
-  found.border = std::make_shared<files::ConstantBorder>();
-  found.measure = kept.at("measure");
-  found.levels = kept.at("levels");
-  found.thumbnail = BytesOf(kept.at("thumbnail"));
-  return found;
-}
-
-void Road::Keep(const RunLight& frame) {
-  if (frame.isKept || !frame.border || !frame.border->IsEmpty()) return;
-  state_->Keep("light_" + frame.light->stem, frame.digest,
-               {{"shape", frame.shape},
-                {"clipped", frame.clipped},
-                {"measure", frame.measure},
-                {"levels", frame.levels},
-                {"thumbnail", Binary(frame.thumbnail)}});
 }
 
 /// Frames with the same pixels count once.

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "korimg/image/internal/Numbers.h"
+#include "korimg/pipelines/runtime/Runtime.h"
 
 #include "session/files/Formats.h"
 #include "session/register/LensLibrary.h"
@@ -11,6 +12,15 @@
 namespace korimg::session {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+/// A lens, to tell it from others; empty for none.
+std::string TextOf(const std::optional<CLensDistortion>& lens) {
+  return lens ? ToJson(*lens).dump() : "";
+}
+
+}  // namespace
 
 fs::path Road::Lenses() const {
   const fs::path& masters = options_.calibrate.masters;
@@ -47,48 +57,85 @@ std::shared_ptr<CVelImage> Road::FindReference() {
   return image;
 }
 
-void Road::RegisterFrames() {
-  std::vector<FrameMeasure> measures;
-  std::vector<size_t> numbers;
+Road::Laying Road::BeginLaying() {
+  Laying laying;
   for (size_t i = 0; i < frames_.size(); ++i) {
-    if (!frames_[i].IsUsed()) continue;
-    measures.push_back(frames_[i].measure);
-    numbers.push_back(i);
+    if (frames_[i].IsUsed()) laying.numbers.push_back(i);
   }
-  if (measures.empty()) throw files::FileError(options_.calibrate.out, "no light could be read");
-  reference_ = numbers.front();
-  std::shared_ptr<CVelImage> whole;
-  if (!options_.reference.empty()) whole = FindReference();
-  FramesToLay toLay{{}, std::move(measures), {}, BytesOfFrame(), true};
-  for (const size_t i : numbers) {
+  if (laying.numbers.empty()) throw files::FileError(options_.calibrate.out, "no light could be read");
+  reference_ = laying.numbers.front();
+  if (!options_.reference.empty()) laying.whole = FindReference();
+  KeptJson made{{"korimg", Version()},
+                {"model", session::NameOf(kFrameModels, options_.lay.model)},
+                {"residual", options_.lay.residual},
+                {"reference", options_.reference.empty() ? "" : Grid().digest}};
+  for (const size_t i : laying.numbers) {
+    made["frames"].push_back(frames_[i].digest);
+  }
+  laying.digest = made.dump();
+  const files::ImageInfo& first = frames_[laying.numbers.front()].light->frame.info;
+  laying.camera = LensLibrary::KeyOf(first.header, first.width, first.height);
+  return laying;
+}
+
+/// How the frames were laid before, if it was by the same lens, or is what this one was learnt from. The lens
+/// is there where it has not been written.
+std::optional<LaidFrames> Road::FindLaid(const Laying& laying) const {
+  const auto kept = state_->Find("registration", laying.digest);
+  if (!kept) return std::nullopt;
+  const std::string now = TextOf(LensLibrary(Lenses()).Find(laying.camera)), learnt = kept->at("learnt");
+  if (now != kept->at("lens") && now != learnt) return std::nullopt;
+  LaidFrames laid{std::nullopt, kept->at("frames").get<std::vector<Registration>>(),
+                  kept->at("model").get<std::string>(), std::nullopt};
+  if (kept->contains("reference")) laid.reference = kept->at("reference").get<size_t>();
+  if (!learnt.empty() && now != learnt) laid.lens = LensFromJson(KeptJson::parse(learnt));
+  for (size_t k = 0; k < laying.numbers.size(); ++k) {
+    laid.registrations[k].file = frames_[laying.numbers[k]].light->frame.path.string();
+  }
+  return laid;
+}
+
+LaidFrames Road::Lay(const Laying& laying) {
+  FramesToLay toLay{.bytes = BytesOfFrame(), .mayBeMissing = true};
+  for (const size_t i : laying.numbers) {
     toLay.files.push_back(frames_[i].light->frame.path);
+    toLay.measures.push_back(frames_[i].measure);
   }
   toLay.image = [&](size_t k) {
-    const RunLight& frame = frames_[numbers[k]];
+    const RunLight& frame = frames_[laying.numbers[k]];
     LightRows rows(session_, *frame.light, frame.border);
     return LoadWhole(rows, job_.MakeStore());
   };
-  const files::ImageInfo& first = frames_[numbers.front()].light->frame.info;
-  const std::string camera = LensLibrary::KeyOf(first.header, first.width, first.height);
-  const LensLibrary lenses(Lenses());
   LayOptions how = options_.lay;
-  how.lens = lenses.Find(camera);
+  how.lens = LensLibrary(Lenses()).Find(laying.camera);
   LaidFrames laid;
-  if (whole) {
+  if (laying.whole) {
     laid = LayFrames(
-        job_, toLay, fixed_->measure, [whole] { return whole; }, how);
+        job_, toLay, fixed_->measure, [&] { return laying.whole; }, how);
   } else {
     std::optional<size_t> number;
-    if (!options_.reference.empty()) number = std::ranges::find(numbers, reference_) - numbers.begin();
+    if (!options_.reference.empty()) {
+      number = std::ranges::find(laying.numbers, reference_) - laying.numbers.begin();
+    }
     laid = LayFrames(job_, toLay, number, how);
-    reference_ = numbers[*laid.reference];
   }
-  const RunLight& reference = Grid();
+  // Before the lens: who goes on after it was learnt must not lay the frames by it once more.
+  KeptJson kept{{"lens", TextOf(how.lens)},
+                {"learnt", TextOf(laid.lens)},
+                {"model", laid.model},
+                {"frames", laid.registrations}};
+  if (laid.reference) kept["reference"] = *laid.reference;
+  state_->Keep("registration", laying.digest, std::move(kept));
+  return laid;
+}
+
+void Road::Apply(const Laying& laying, const LaidFrames& laid) {
+  if (laid.reference) reference_ = laying.numbers[*laid.reference];
   const std::vector<Registration>& registrations = laid.registrations;
   const bool lightIsCompared = std::any_of(registrations.begin(), registrations.end(),
                                            [](const Registration& r) { return r.fluxRatio.has_value(); });
-  for (size_t k = 0; k < numbers.size(); ++k) {
-    RunLight& frame = frames_[numbers[k]];
+  for (size_t k = 0; k < laying.numbers.size(); ++k) {
+    RunLight& frame = frames_[laying.numbers[k]];
     frame.registration = registrations[k];
     // Frames are brought to the reference by their sky and by the light of their stars.
     if (options_.stack.normalise == "level+scale" && lightIsCompared && frame.registration.IsGood() &&
@@ -98,15 +145,25 @@ void Road::RegisterFrames() {
     std::fill(std::begin(frame.levels.spread), std::end(frame.levels.spread),
               frame.registration.fluxRatio.value_or(1));
   }
+  const RunLight& reference = Grid();
   Plan(fmt::format("reference: {}, {} stars, FWHM {:.2f} px", NameOf(reference), reference.measure.starCount,
                    reference.measure.fwhm));
   if (!laid.model.empty()) Plan("laid by: " + laid.model);
-  KeepLens(job_, lenses, camera, laid);
+}
+
+bool Road::RegisterFrames() {
+  const Laying laying = BeginLaying();
+  std::optional<LaidFrames> laid = FindLaid(laying);
+  const bool isKept = laid.has_value();
+  if (!isKept) laid = Lay(laying);
+  Apply(laying, *laid);
+  KeepLens(job_, LensLibrary(Lenses()), laying.camera, *laid);
+  return !isKept;
 }
 
 /// Leaves out what cannot be stacked, and what is much worse than the others. A few stars tell nothing of
 /// that.
-void Road::LeaveOutBad(RunTarget& target) {
+void Road::LeaveOutBad(const RunTarget& target) {
   constexpr int kEnough = 20;
   std::vector<double> stars, fwhms, elongations;
   for (const RunLight* frame : target.frames) {

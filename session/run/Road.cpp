@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <map>
+#include <numeric>
 #include <set>
 #include <utility>
 
@@ -11,6 +12,7 @@
 #include "session/files/Formats.h"
 #include "session/files/internal/Times.h"
 #include "session/job/internal/Overwriting.h"
+#include "session/run/internal/FolderLock.h"
 #include "session/run/internal/Selection.h"
 
 namespace korimg::session {
@@ -108,7 +110,7 @@ void Road::TellPlan() const {
   CheckRoom(Work(), cost_);
 }
 
-RunResult Road::Do() {
+std::vector<fs::path> Road::Outputs() const {
   std::vector<fs::path> outputs = {Path("report.html")};
   for (const RunTarget& target : targets_) {
     const std::vector<fs::path> own = OutputsOf(target);
@@ -119,11 +121,28 @@ RunResult Road::Do() {
       outputs.push_back(Path(std::string("colour") + extension));
     }
   }
-  std::vector<fs::path> lights;
+  return outputs;
+}
+
+std::vector<fs::path> Road::Files() const {
+  std::vector<fs::path> files;
   for (const RunLight& frame : frames_) {
-    lights.push_back(frame.light->frame.path);
+    files.push_back(frame.light->frame.path);
   }
-  state_.emplace(options_.calibrate.out, lights, job_.options.overwrite);
+  return files;
+}
+
+std::vector<size_t> Road::All() const {
+  std::vector<size_t> numbers(frames_.size());
+  std::iota(numbers.begin(), numbers.end(), 0);
+  return numbers;
+}
+
+/// Does what has the folder of results to itself.
+template <class F>
+void Road::WithFolder(F&& work) {
+  const std::vector<fs::path> outputs = Outputs();
+  state_.emplace(options_.calibrate.out, Files(), job_.options.overwrite);
   const std::vector<fs::path> made =
       session_.CheckOutputs(outputs, [&](const fs::path& path) { return state_->Owns(path); });
   CheckRoom(Work(), cost_);
@@ -132,27 +151,112 @@ RunResult Road::Do() {
     job_.Warn(fmt::format("{}: is a result of an earlier call, and none of this one", old.string()));
   }
   state_->Begin(made);
+  const FolderLock lock(job_, state_->Folder());
+  state_->Tidy();
   const Overwriting ours(job_);
+  work();
+}
+
+void Road::PrepareSession() {
   session_.Prepare();
   for (RunLight& frame : frames_) {
     frame.digest = session_.DigestOf(*frame.light);
   }
-  MeasureFrames();
-  LeaveOutCopies();
-  RegisterFrames();
-  for (RunTarget& target : targets_) {
-    LeaveOutBad(target);
-  }
-  for (RunTarget& target : targets_) {
-    StackFrames(target);
-  }
-  const bool isColour = colours_ && ComposeColours();
-  RunResult result{Frames(), stacks_, {}, {Path("report.html")}};
-  if (isColour) result.colours.push_back(Path("colour.fits"));
-  TellFrames(result.frames);
-  WriteReport();
-  CheckShares();
+}
+
+RunResult Road::Do() {
+  RunResult result;
+  WithFolder([&] {
+    PrepareSession();
+    MeasureFrames(All());
+    TellBorders();
+    LeaveOutCopies();
+    RegisterFrames();
+    for (const RunTarget& target : targets_) {
+      LeaveOutBad(target);
+    }
+    for (const RunTarget& target : targets_) {
+      StackFrames(target);
+    }
+    const bool isColour = colours_ && ComposeColours();
+    result = {Frames(), stacks_, {}, {Path("report.html")}};
+    if (isColour) result.colours.push_back(Path("colour.fits"));
+    TellFrames(result.frames);
+    WriteReport();
+    CheckShares();
+  });
   return result;
+}
+
+std::vector<std::string> Road::StacksInParts() const {
+  std::vector<std::string> names;
+  for (const RunTarget& target : targets_) {
+    if (!options_.stack.drizzle) names.push_back(target.name);
+  }
+  return names;
+}
+
+void Road::TellDone(const std::string& task, bool isNew) {
+  job_.Tell(Dump({{"task", task}, {"out", options_.calibrate.out.string()}, {"done_before", !isNew}}),
+            fmt::format("{}: {}", task, isNew ? "done" : "is done already"));
+}
+
+void Road::MakeMasters() {
+  Show();
+  state_.emplace(options_.calibrate.out, Files(), false);
+  const bool isNew = !state_->HasKept() || !session_.HasMasters() || options_.calibrate.maps;
+  if (isNew) WithFolder([&] { session_.Prepare(); });
+  TellDone("masters", isNew);
+}
+
+/// Goes on from the masters.
+void Road::GoOn() {
+  state_.emplace(options_.calibrate.out, Files(), false);
+  if (!state_->HasKept() || !session_.HasMasters()) {
+    throw files::FileError(options_.calibrate.out,
+                           "the masters of these frames are not there; do the task masters, or do it again");
+  }
+  PrepareSession();
+}
+
+void Road::MeasurePart(int part, int parts) {
+  GoOn();
+  std::vector<size_t> own = All();
+  std::erase_if(own, [&](size_t i) { return static_cast<int>(i % parts) != part - 1; });
+  TellDone(fmt::format("measure, part {} of {}", part, parts), MeasureFrames(own) > 0);
+}
+
+void Road::Register() {
+  GoOn();
+  const FolderLock lock(job_, state_->Folder());
+  MeasureFrames(All());
+  for (const RunLight& frame : frames_) {
+    if (!frame.IsMeasured()) Keep(frame);  // those who stack need not try it again
+  }
+  LeaveOutCopies();
+  TellDone("register", RegisterFrames());
+}
+
+void Road::StackPart(const std::string& stack, int part, int parts) {
+  GoOn();
+  const auto target = std::ranges::find(targets_, stack, &RunTarget::name);
+  if (target == targets_.end()) {
+    throw files::FileError(Path(stack), "no light is for this stack any more; plan the run anew");
+  }
+  TakeKeptFrames(All());
+  const bool areKept = std::ranges::all_of(frames_, &RunLight::isKept);
+  if (areKept) LeaveOutCopies();
+  std::optional<Laying> laying;
+  if (areKept) laying = BeginLaying();
+  const std::optional<LaidFrames> laid = laying ? FindLaid(*laying) : std::nullopt;
+  if (!laid) {
+    throw files::FileError(
+        options_.calibrate.out,
+        "the lights are not registered as they are now; do the task register, or do it again");
+  }
+  Apply(*laying, *laid);
+  LeaveOutBad(*target);
+  TellDone(fmt::format("stack {}, part {} of {}", stack, part, parts), StackRowsOf(*target, part, parts));
 }
 
 void Road::Plan(const std::string& line) {

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include "session/job/internal/Edge.h"
+#include "session/run/internal/Objects.h"
 #include "session/run/internal/Road.h"
 #include "session/run/internal/Selection.h"
 
@@ -31,9 +32,11 @@ RunOptions Complete(RunOptions options) {
   return options;
 }
 
-/// Calls road(options, excluded lights) for each object.
-template <class F>
-void ForObjects(Job& job, const RunOptions& options, F&& road) {
+}  // namespace
+
+void ForObjects(
+    Job& job, const RunOptions& options,
+    const std::function<void(const std::string&, const RunOptions&, std::vector<RunFrame>)>& road) {
   RunOptions complete = Complete(options);
   std::vector<RunFrame> excluded = TakeExcluded(job, complete);
   for (const auto& [name, lights] : ByObject(complete.calibrate.lights)) {
@@ -43,16 +46,14 @@ void ForObjects(Job& job, const RunOptions& options, F&& road) {
       own.calibrate.out /= name;
       job.Say(fmt::format("object {}: {} lights", name, lights.size()));
     }
-    road(own, std::exchange(excluded, {}));
+    road(name, own, std::exchange(excluded, {}));
   }
 }
-
-}  // namespace
 
 RunResult Run(Job& job, const RunOptions& options) {
   return AtEdge([&] {
     RunResult all;
-    ForObjects(job, options, [&](const RunOptions& own, std::vector<RunFrame> excluded) {
+    ForObjects(job, options, [&](const std::string&, const RunOptions& own, auto excluded) {
       Road road(job, own, std::move(excluded));
       road.Show();
       RunResult result = road.Do();
@@ -70,7 +71,7 @@ RunResult Run(Job& job, const RunOptions& options) {
 
 void PlanRun(Job& job, const RunOptions& options) {
   AtEdge([&] {
-    ForObjects(job, options, [&](const RunOptions& own, std::vector<RunFrame> excluded) {
+    ForObjects(job, options, [&](const std::string&, const RunOptions& own, auto excluded) {
       Road road(job, own, std::move(excluded));
       road.Show();
       road.TellPlan();

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstdio>
 
 #include <fmt/format.h>
 
@@ -37,74 +38,143 @@ std::vector<StackInput> Road::Inputs(const std::vector<RunLight*>& used) const {
   return inputs;
 }
 
-void Road::StackFrames(RunTarget& target) {
-  std::vector<RunLight*> used;
-  size_t reference = 0;
-  for (RunLight* frame : target.frames) {
-    if (!frame->IsUsed()) continue;
-    used.push_back(frame);
-  }
+std::optional<Road::Making> Road::BeginStack(const RunTarget& target) {
+  Making made;
+  std::ranges::copy_if(target.frames, std::back_inserter(made.used),
+                       [](const RunLight* frame) { return frame->IsUsed(); });
+  if (made.used.empty()) return std::nullopt;
   // The light of a filter is that of its clearest frame, unless it is the reference's own.
-  for (size_t i = 1; i < used.size(); ++i) {
-    const auto light = [&](size_t k) { return used[k]->registration.fluxRatio.value_or(0); };
-    if (light(i) > light(reference)) reference = i;
+  const auto light = [&](size_t k) { return made.used[k]->registration.fluxRatio.value_or(0); };
+  for (size_t i = 1; i < made.used.size(); ++i) {
+    if (light(i) > light(made.reference)) made.reference = i;
   }
-  for (size_t i = 0; i < used.size(); ++i) {
-    if (used[i] == &Grid()) reference = i;
+  for (size_t i = 0; i < made.used.size(); ++i) {
+    if (made.used[i] == &Grid()) made.reference = i;
   }
-  if (used.empty()) {
+  made.inputs = Inputs(made.used);
+  made.options = options_.stack.Options();
+  made.options.memory = DefaultStackMemory(job_);
+  made.options.uncertainty = options_.calibrate.quality.uncertainty;
+  made.options.mask = options_.calibrate.quality.mask;
+  std::vector<double> fwhms;
+  for (const RunLight* frame : made.used) {
+    fwhms.push_back(frame->measure.fwhm);
+  }
+  const auto reference = static_cast<int>(made.reference);
+  CheckScales(made.inputs, reference);
+  options_.stack.Weigh(made.inputs, fwhms, reference);
+  for (size_t i = 0; i < made.used.size(); ++i) {
+    made.used[i]->weight = made.inputs[i].Weight();
+    made.used[i]->weights = made.inputs[i].Weights();
+  }
+  made.digest = DigestOf(target, made.used, *made.used[made.reference]);
+  return made;
+}
+
+void Road::StackFrames(const RunTarget& target) {
+  const std::optional<Making> made = BeginStack(target);
+  if (!made) {
     job_.Fail(fmt::format("{}: no frame is left to stack", target.name));
     return;
   }
-  std::vector<StackInput> inputs = Inputs(used);
-  const QualityOptions& wanted = options_.calibrate.quality;
-  StackOptions options = options_.stack.Options();
-  options.memory = DefaultStackMemory(job_);
-  options.uncertainty = wanted.uncertainty;
-  options.mask = wanted.mask;
-  std::vector<double> fwhms;
-  for (const RunLight* frame : used) {
-    fwhms.push_back(frame->measure.fwhm);
-  }
-  CheckScales(inputs, static_cast<int>(reference));
-  options_.stack.Weigh(inputs, fwhms, static_cast<int>(reference));
   const Shape shape = Grid().shape;
-  Plan(fmt::format("{}: {} of {} frames, {}", target.name, used.size(), target.frames.size(),
-                   PlanStack(inputs, shape, options).Text()));
-  for (size_t i = 0; i < used.size(); ++i) {
-    used[i]->weight = inputs[i].Weight();
-    used[i]->weights = inputs[i].Weights();
-  }
-  const std::string digest = DigestOf(target, used, *used[reference]);
-  if (TakeKeptStack(target, used, digest)) return;
-
+  Plan(fmt::format("{}: {} of {} frames, {}", target.name, made->used.size(), target.frames.size(),
+                   PlanStack(made->inputs, shape, made->options).Text()));
+  if (TakeKeptStack(target, *made)) return;
   const auto store = job_.MakeStore();
   if (options_.stack.drizzle) {
-    const Drizzled drizzled =
-        DrizzleFrames(target, used, inputs, static_cast<int>(reference), options, store);
-    KeepStack(target, used, digest,
-              SaveStack(target, used, *used[reference], *drizzled.image, {}, &drizzled));
+    const Drizzled drizzled = DrizzleFrames(target, *made, store);
+    KeepStack(target, *made,
+              SaveStack(target, made->used, *made->used[made->reference], *drizzled.image, {}, &drizzled));
     return;
   }
   const auto image = NewImage(store, shape.width, shape.height, shape.planes);
-  const Quality quality = NewQuality(store, wanted, shape.width, shape.height, shape.planes);
+  const Quality quality =
+      NewQuality(store, options_.calibrate.quality, shape.width, shape.height, shape.planes);
   const auto take = [&](const StackBand& band) {
     for (size_t i = 0; i < band.counts.size(); ++i) {
-      used[i]->counts += band.counts[i];
+      made->used[i]->counts += band.counts[i];
     }
     const QualityRows rows = quality.Rows(band.result.Top(), band.result.Rows());
     if (quality.variance) CopyPixels(band.variance, rows.variance);
     if (quality.mask) CopyPixels(band.mask, rows.mask);
   };
-  Stack(job_, inputs, static_cast<int>(reference), options, 0, take, image.get());
-  KeepStack(target, used, digest, SaveStack(target, used, *used[reference], *image, quality));
+  const auto stack = [&](int first, int end) {
+    if (first == end) return;
+    Stack(job_, made->inputs, static_cast<int>(made->reference), made->options, {first, end}, take,
+          image.get());
+  };
+  // What tasks have stacked, and between that the rest.
+  int row = 0;
+  for (const auto& [rows, path] : PartsOf(target)) {
+    const Journal part = OpenPart(*made, path, rows);
+    if (rows.first < row || !part.IsWhole()) continue;
+    stack(row, rows.first);
+    part.ForBands([&](const StackBand& band) {
+      CopyPixels(band.result, Image::RowsOf(*image, band.result.Top(), band.result.Rows()));
+      take(band);
+    });
+    row = rows.end;
+  }
+  stack(row, shape.height);
+  KeepStack(target, *made, SaveStack(target, made->used, *made->used[made->reference], *image, quality));
+}
+
+std::vector<Road::Part> Road::PartsOf(const RunTarget& target) const {
+  std::vector<Part> parts;
+  const std::string start = target.name + ".rows-";
+  for (const auto& entry : fs::directory_iterator(state_->Folder())) {
+    const std::string name = entry.path().filename().string();
+    StackRows rows;
+    if (!name.starts_with(start)) continue;
+    int length = 0;
+    const std::string numbers = name.substr(start.size());
+    const bool isPart = std::sscanf(numbers.c_str(), "%d-%d%n", &rows.first, &rows.end, &length) == 2 &&
+                        length == std::ssize(numbers) && rows.first >= 0 && rows.first <= rows.end;
+    if (isPart && rows.end <= Grid().shape.height) parts.push_back({rows, entry.path()});
+  }
+  std::ranges::sort(parts, {}, [](const Part& part) { return std::pair(part.rows.first, part.rows.end); });
+  return parts;
+}
+
+fs::path Road::PathOf(const RunTarget& target, const StackRows& rows) const {
+  return state_->Folder() / fmt::format("{}.rows-{}-{}", target.name, rows.first, rows.end);
+}
+
+Journal Road::OpenPart(const Making& made, const fs::path& path, const StackRows& rows,
+                       Journal::Use use) const {
+  Journal::Images images{&StackBand::result};
+  if (made.options.uncertainty) images.push_back(&StackBand::variance);
+  if (made.options.mask) images.push_back(&StackBand::mask);
+  return {path, made.digest, Grid().shape, images, made.used.size(), use, rows};
+}
+
+bool Road::StackRowsOf(const RunTarget& target, int part, int parts) {
+  const std::optional<Making> made = BeginStack(target);
+  if (!made) {
+    job_.Warn(fmt::format("{}: no frame is left to stack", target.name));
+    return false;
+  }
+  if (FindKeptStack(target, *made)) return false;
+  const StackRows rows = StackRows::Part(part, parts, Grid().shape.height);
+  const fs::path path = PathOf(target, rows);
+  if (fs::exists(path) && OpenPart(*made, path, rows).IsWhole()) return false;
+  Journal stacked = OpenPart(*made, files::UniquePartialName(path), rows, Journal::Passing);
+  Stack(job_, made->inputs, static_cast<int>(made->reference), made->options, rows,
+        [&](const StackBand& band) {
+          Job::CheckComputed(path);
+          stacked.Add(band);
+        });
+  stacked.KeepAs(path);
+  return true;
 }
 
 /// Lights of a colour camera are drizzled by the sites of their mosaics; what is rejected of these was told
 /// by the developed ones.
-Road::Drizzled Road::DrizzleFrames(const RunTarget& target, const std::vector<RunLight*>& used,
-                                   const std::vector<StackInput>& inputs, int reference,
-                                   const StackOptions& options, const std::shared_ptr<CVmManager>& store) {
+Road::Drizzled Road::DrizzleFrames(const RunTarget& target, const Making& made,
+                                   const std::shared_ptr<CVmManager>& store) {
+  const auto& [used, number, inputs, options, digest] = made;
+  const auto reference = static_cast<int>(number);
   const CImgDrizzle::Options& grid = *options_.stack.drizzle;
   session::DrizzleFrames frames{inputs, reference, options.normalisation};
   for (const RunLight* frame : used) {
@@ -120,12 +190,12 @@ Road::Drizzled Road::DrizzleFrames(const RunTarget& target, const std::vector<Ru
     FindRejected(job_, inputs, reference, options, *rejected);
     frames.rejected = &*rejected;
   }
-  const CImgDrizzle made = GridOf(inputs[reference], grid);
+  const CImgDrizzle finer = GridOf(inputs[reference], grid);
   const int planes = inputs[reference].shape.planes;
-  Drizzled drizzled{NewImage(store, made.Width(), made.Height(), planes),
-                    NewImage(store, made.Width(), made.Height(), planes), std::nullopt};
+  Drizzled drizzled{NewImage(store, finer.Width(), finer.Height(), planes),
+                    NewImage(store, finer.Width(), finer.Height(), planes), std::nullopt};
   WeightSpread spread(inputs, reference, grid);
-  Plan(fmt::format("{}: {} x {}, {}", target.name, made.Width(), made.Height(),
+  Plan(fmt::format("{}: {} x {}, {}", target.name, finer.Width(), finer.Height(),
                    PlanDrizzle(frames, grid, options.memory).Text()));
   Drizzle(job_, frames, grid, options.memory, 0, [&](const StackBand& band) {
     CopyPixels(band.result, Image::RowsOf(*drizzled.image, band.result.Top(), band.result.Rows()));
@@ -178,27 +248,33 @@ KeptJson Road::StampsOf(const RunTarget& target) const {
   return stamps;
 }
 
-void Road::KeepStack(const RunTarget& target, const std::vector<RunLight*>& used, const std::string& digest,
-                     const Json& told) {
+void Road::KeepStack(const RunTarget& target, const Making& made, const Json& told) {
   KeptJson counts = KeptJson::array();
-  for (const RunLight* frame : used) {
+  for (const RunLight* frame : made.used) {
     counts.push_back(frame->counts);
   }
-  state_->Keep(target.name, digest,
+  state_->Keep(target.name, made.digest,
                {{"files", StampsOf(target)},
                 {"counts", std::move(counts)},
                 {"told", KeptJson(told)},
                 {"stack", stacks_.back()},
                 {"report", report_.stacks.back()}});
+  for (const Part& part : PartsOf(target)) {
+    fs::remove(part.path);
+  }
 }
 
 /// A stack that an earlier call has made of the same frames is as good as a new one.
-bool Road::TakeKeptStack(const RunTarget& target, const std::vector<RunLight*>& used,
-                         const std::string& digest) {
-  const auto kept = state_->Find(target.name, digest);
-  if (!kept || kept->at("files") != StampsOf(target)) return false;
-  for (size_t i = 0; i < used.size(); ++i) {
-    used[i]->counts = kept->at("counts").at(i);
+std::optional<KeptJson> Road::FindKeptStack(const RunTarget& target, const Making& made) const {
+  auto kept = state_->Find(target.name, made.digest);
+  return kept && kept->at("files") == StampsOf(target) ? kept : std::nullopt;
+}
+
+bool Road::TakeKeptStack(const RunTarget& target, const Making& made) {
+  const auto kept = FindKeptStack(target, made);
+  if (!kept) return false;
+  for (size_t i = 0; i < made.used.size(); ++i) {
+    made.used[i]->counts = kept->at("counts").at(i);
   }
   report_.stacks.push_back(kept->at("report"));
   stacks_.push_back(kept->at("stack"));

@@ -50,6 +50,13 @@ std::vector<fs::path> RunState::Stale(const std::vector<fs::path>& outputs) cons
   return stale;
 }
 
+void RunState::Tidy() const {
+  std::error_code ignored;
+  for (const auto& entry : fs::directory_iterator(folder_, ignored)) {
+    if (entry.path().extension() == ".part") fs::remove(entry.path(), ignored);
+  }
+}
+
 void RunState::Forget() const {
   std::error_code ignored;
   fs::remove_all(folder_, ignored);
@@ -77,7 +84,8 @@ std::optional<RunState::Json> RunState::Read(const std::string& name) const {
 
 void RunState::Write(const std::string& name, const Json& json) const {
   const std::vector<std::uint8_t> bytes = Json::to_cbor(json);
-  files::TransientFile part(files::PartialName(Path(name)));
+  // Tasks on other machines may write the same.
+  files::TransientFile part(files::UniquePartialName(Path(name)));
   std::ofstream file(part.Path(), std::ios::binary);
   file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   file.close();

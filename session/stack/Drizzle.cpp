@@ -188,7 +188,7 @@ void FindRejected(Job& job, const std::vector<StackInput>& inputs, int reference
   if (rejected.Rows() == shape.height) return;
   options.rejected = [&](int frame, int x, int y, int plane) { rejected.Mark(frame, x, y, plane); };
   rejected.Begin(PlanStack(inputs, shape, options).rows);
-  Stack(job, inputs, reference, options, rejected.Rows(), [&](const StackBand& band) {
+  Stack(job, inputs, reference, options, {rejected.Rows()}, [&](const StackBand& band) {
     Job::CheckComputed(rejected.Path());
     rejected.End(band.result.Rows(), band.counts);
   });

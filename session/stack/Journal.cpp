@@ -1,5 +1,6 @@
 #include "session/stack/internal/Journal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -34,35 +35,40 @@ struct Journal::Record {
   std::uint64_t sum = 0;  ///< of all else
 };
 
-Journal::Journal(const fs::path& output, const std::string& digest, const Shape& shape, Images images,
-                 size_t frames, Use use)
-    : path_(output.string() + ".resume"),
+Journal::Journal(const fs::path& path, const std::string& digest, const Shape& shape, Images images,
+                 size_t frames, Use use, const StackRows& rows)
+    : path_(path),
       shape_(shape),
+      rows_{rows.first, std::min(rows.end, shape.height)},
       images_(std::move(images)),
       frames_(frames),
-      use_(use) {
-  const bool found = use == Kept && fs::exists(path_);
+      use_(use),
+      next_(rows.first) {
+  const bool found = use == Finished || (use == Kept && fs::exists(path_));
   // The bands and the images that are made of them lie side by side at the end.
   const fs::path folder = fs::absolute(path_).parent_path();
-  const std::uint64_t needed = 2 * sizeof(float) * images_.size() * shape.planes * shape.height * shape.width;
+  const std::uint64_t needed =
+      2 * sizeof(float) * images_.size() * shape.planes * (rows_.end - rows_.first) * shape.width;
   if (!found && files::FreeSpace(folder) < needed) files::ThrowDiskFull(path_, folder, needed);
   if (use == Passing) transient_ = std::make_unique<files::TransientFile>(path_);
-  file_ = std::make_unique<files::File>(path_, O_RDWR | O_CREAT | (found ? 0 : O_TRUNC), path_);
-  const std::string title = fmt::format("korimg stack: finished bands, for --resume\n{}\n", digest);
+  const int flags = use == Finished ? O_RDONLY : O_RDWR | O_CREAT | (found ? 0 : O_TRUNC);
+  file_ = std::make_unique<files::File>(path_, flags, path_);
+  const std::string title = fmt::format("korimg stack: finished bands\n{}\n", digest);
   end_ = title.size();
   if (found) {
     std::string start(title.size(), '\0');
     start.resize(file_->Read(start.data(), start.size(), 0));
-    wasOther_ = start.size() == title.size() && start != title;
-    while (start == title && rows_ < shape.height) {
-      const auto stored = Read(end_, rows_);
+    wasOther_ = start != title;
+    while (!wasOther_ && next_ < rows_.end) {
+      const auto stored = Read(end_, next_);
       if (!stored) break;
-      bands_.push_back({end_, rows_});
+      bands_.push_back({end_, next_});
       end_ = stored->end;
-      rows_ += stored->band.result.Rows();
+      next_ += stored->band.result.Rows();
     }
   }
-  if (ftruncate(file_->Descriptor(), static_cast<off_t>(rows_ > 0 ? end_ : 0)) != 0) {
+  if (use == Finished) return;
+  if (ftruncate(file_->Descriptor(), static_cast<off_t>(next_ > rows_.first ? end_ : 0)) != 0) {
     files::ThrowSystemError(path_, "shorten the file", errno);
   }
   file_->Write(title.data(), title.size(), 0);
@@ -71,7 +77,7 @@ Journal::Journal(const fs::path& output, const std::string& digest, const Shape&
 std::optional<Journal::Stored> Journal::Read(std::uint64_t offset, int y0) const {
   Record record;
   if (file_->Read(&record, sizeof record, offset) != sizeof record || record.y0 != y0 || record.rows < 1 ||
-      record.rows > shape_.height - y0) {
+      record.rows > rows_.end - y0) {
     return std::nullopt;
   }
   const size_t image = static_cast<size_t>(shape_.planes) * record.rows * shape_.width;
@@ -114,9 +120,9 @@ void Journal::Add(const StackBand& band) {
   record.sum = sum;
   file_->Write(&record, sizeof record, end_);
   if (use_ == Kept && fdatasync(file_->Descriptor()) != 0) files::ThrowSystemError(path_, "write", errno);
-  bands_.push_back({end_, rows_});
+  bands_.push_back({end_, next_});
   end_ = at;
-  rows_ += record.rows;
+  next_ += record.rows;
 }
 
 void Journal::ForBands(const std::function<void(const StackBand&)>& visit, bool fromLowest) const {
@@ -131,6 +137,12 @@ void Journal::ForBands(const std::function<void(const StackBand&)>& visit, bool 
 void Journal::Remove() {
   if (use_ == Kept) fs::remove(path_);
   transient_.reset();
+}
+
+void Journal::KeepAs(const fs::path& path) {
+  if (fdatasync(file_->Descriptor()) != 0) files::ThrowSystemError(path, "write", errno);
+  transient_->RenameTo(path);
+  path_ = path;
 }
 
 }  // namespace korimg::session

@@ -328,7 +328,7 @@ StackPlan PlanStack(const std::vector<StackInput>& inputs, const Shape& shape, c
 }
 
 void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const StackOptions& options,
-           int y0, const std::function<void(const StackBand&)>& sink, CVelImage* whole) {
+           const StackRows& wanted, const std::function<void(const StackBand&)>& sink, CVelImage* whole) {
   const Shape shape = options.shape.value_or(inputs[reference].shape);
   const int frames = static_cast<int>(inputs.size());
   StackPlan plan = PlanStack(inputs, shape, options);
@@ -374,8 +374,9 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
     bands.push_back({row, row + 1});
   }
   const auto samples = static_cast<int>(bands.size());
-  for (int top = y0; top < shape.height; top += plan.rows) {
-    bands.push_back({top, std::min(top + plan.rows, shape.height)});
+  const int end = std::min(wanted.end, shape.height);
+  for (int top = wanted.first; top < end; top += plan.rows) {
+    bands.push_back({top, std::min(top + plan.rows, end)});
   }
   const long long steps = static_cast<long long>(bands.size()) * frames;
   const auto rowsOf = [&](long long step) { return bands[static_cast<size_t>(step / frames)]; };

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <limits>
 #include <memory>
 #include <numeric>
 #include <optional>
@@ -73,6 +74,18 @@ struct StackBand {
   Band<const float> weights = {};              ///< of the result, where it is drizzled
 };
 
+/// Rows of a stack: from one to the one before another; all of them unless told otherwise.
+struct StackRows {
+  int first = 0, end = std::numeric_limits<int>::max();
+
+  /// Part `number` of `parts`, from 1 on, of so many rows. Parts are as even as they can be; some are empty
+  /// where there are fewer rows.
+  static StackRows Part(int number, int parts, int height) {
+    const auto edge = [&](int n) { return static_cast<int>(1LL * height * n / parts); };
+    return {edge(number - 1), edge(number)};
+  }
+};
+
 /// How a stack is cut into bands.
 struct KORIMG_SESSION_API StackPlan {
   int rows = 0, bands = 0;
@@ -92,13 +105,13 @@ KORIMG_SESSION_API StackPlan PlanStack(const std::vector<StackInput>& inputs, co
                                        const StackOptions& options);
 
 /// Stacks the frames on the grid of the one numbered `reference`, which normalising goes by too, or on that
-/// of StackOptions::shape, from row `y0` on. Calls sink for the bands in order; frames are read a few at a
-/// time, and where outliers are rejected some rows of each first, to measure their noise by. The result does
-/// not depend on bands or threads. It is made in the rows of `whole` where there is one, an image of the
+/// of StackOptions::shape, but only `rows` of it. Calls sink for the bands in order; frames are read a few at
+/// a time, and where outliers are rejected some rows of each first, to measure their noise by. The result
+/// does not depend on bands or threads. It is made in the rows of `whole` where there is one, an image of the
 /// reference's shape in a contiguous store; else a band is gone after the sink.
 /// @throws Cancelled, and what reading and the sink throw.
 KORIMG_SESSION_API void Stack(Job& job, const std::vector<StackInput>& inputs, int reference,
-                              const StackOptions& options, int y0,
+                              const StackOptions& options, const StackRows& rows,
                               const std::function<void(const StackBand&)>& sink, CVelImage* whole = nullptr);
 
 /// Some rows of a frame, spread evenly over it: enough to measure it by.

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <set>
+#include <span>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -244,6 +244,18 @@ const StackFilesOptions& Checked(const StackFilesOptions& options) {
   choices.Settle(true);
   choices.Options();
   if (std::isnan(options.feather)) throw UsageError("--feather is no number of pixels");
+  if (options.part || options.join != 0) {
+    if (options.drizzle) {
+      throw UsageError("--drizzle makes a stack at once; leave --part and --join out, or --drizzle");
+    }
+    if (options.resume || (options.part && options.join != 0)) {
+      throw UsageError(
+          "--part, --join and --resume do not go together; a part that is missing is made again");
+    }
+    const bool isNone =
+        options.part && (options.part->number < 1 || options.part->number > options.part->parts);
+    if (isNone || options.join < 0) throw UsageError("parts count from 1 on, as in --part 2/3 and --join 3");
+  }
   const bool isPlain = options.frame == StackFrame::Reference && !(options.feather > 0);
   if (options.drizzle && (options.maps || options.uncertainty || options.mask || !isPlain)) {
     throw UsageError(
@@ -297,6 +309,11 @@ class StackRun {
       bands_ = plan.bands;
       job_.Say(fmt::format("{} x {}: {}", out_.width, out_.height, plan.Text()));
     }
+    if (options_.part) {
+      const auto [first, end] = RowsOf(*options_.part);
+      job_.Say(fmt::format("part {} of {}: rows {} to {} -> {}", options_.part->number, options_.part->parts,
+                           first, end - 1, PathOf(*options_.part).string()));
+    }
     for (const auto& [path, status] : sources_.LeftOut()) {
       job_.Warn(fmt::format("{}: left out: {}", path.string(), status));
     }
@@ -320,8 +337,10 @@ class StackRun {
 
   StackResult Work() {
     CheckOutputs();
+    if (options_.part) return MakePart(*options_.part);
+    if (options_.join > 0) return Join();
     const Journal::Use use = options_.resume ? Journal::Kept : Journal::Passing;
-    Journal journal(options_.output, Digest(), out_, Images(), inputs_.size(), use);
+    Journal journal(options_.output.string() + ".resume", Digest(), out_, Images(), inputs_.size(), use);
     if (options_.drizzle && options_.Rejects()) {
       rejected_.emplace(options_.output, Digest(), shape_, inputs_.size(), use);
     }
@@ -330,34 +349,39 @@ class StackRun {
                             options_.output.string()));
     }
     std::optional<Overwriting> ours;
-    if (journal.Rows() > 0) {
-      job_.Say(fmt::format("going on at row {} of {}", journal.Rows(), out_.height));
+    if (journal.NextRow() > 0) {
+      job_.Say(fmt::format("going on at row {} of {}", journal.NextRow(), out_.height));
       // What is there under the final names was written by the run that these bands are of.
       ours.emplace(job_);
     }
     TryOutputs();
     try {
-      if (journal.Rows() < out_.height) {
-        Measure();
+      Measure();
+      if (journal.NextRow() < out_.height) {
         const auto keep = [&](const StackBand& band) {
           Job::CheckComputed(options_.output);
           journal.Add(band);
         };
         if (options_.drizzle) {
           if (rejected_) FindRejected(job_, inputs_, sources_.Reference(), stack_, *rejected_);
-          Drizzle(job_, ToDrizzle(), *options_.drizzle, stack_.memory, journal.Rows(), keep);
+          Drizzle(job_, ToDrizzle(), *options_.drizzle, stack_.memory, journal.NextRow(), keep);
         } else {
-          Stack(job_, inputs_, sources_.Reference(), stack_, journal.Rows(), keep);
+          Stack(job_, inputs_, sources_.Reference(), stack_, {journal.NextRow()}, keep);
         }
       }
-      Save(journal);
+      Save({&journal, 1});
     } catch (const Cancelled&) {
       if (!options_.resume) throw;
       throw Cancelled(fmt::format("cancelled at row {} of {}; the same call goes on from there",
-                                  journal.Rows(), out_.height));
+                                  journal.NextRow(), out_.height));
     }
     journal.Remove();
     if (rejected_) rejected_->Remove();
+    return Finish();
+  }
+
+ private:
+  StackResult Finish() {
     const StackResult result = Result();
     Tell(result);
     const size_t used = inputs_.size(), all = used + sources_.LeftOut().size();
@@ -367,7 +391,64 @@ class StackRun {
     return result;
   }
 
- private:
+  StackRows RowsOf(const StackPart& part) const {
+    return StackRows::Part(part.number, part.parts, out_.height);
+  }
+  fs::path PathOf(const StackPart& part) const {
+    return options_.output.string() + fmt::format(".part-{}-of-{}", part.number, part.parts);
+  }
+  Journal OpenPart(const StackPart& part) const {
+    return {PathOf(part), Digest(), out_, Images(), inputs_.size(), Journal::Finished, RowsOf(part)};
+  }
+
+  StackResult MakePart(const StackPart& part) {
+    const fs::path path = PathOf(part);
+    const StackRows rows = RowsOf(part);
+    const Json told{{"part", path.string()}, {"first_row", rows.first}, {"rows", rows.end - rows.first}};
+    if (fs::exists(path)) {
+      const Journal found = OpenPart(part);
+      if (found.IsWhole()) {
+        job_.Tell(Dump(told), fmt::format("{}: is there already", path.string()));
+        return {{path}};
+      }
+      if (found.WasOther()) job_.CheckOutput(path);
+    }
+    Measure();
+    Journal made(files::UniquePartialName(path), Digest(), out_, Images(), inputs_.size(), Journal::Passing,
+                 rows);
+    Stack(job_, inputs_, sources_.Reference(), stack_, rows, [&](const StackBand& band) {
+      Job::CheckComputed(path);
+      made.Add(band);
+    });
+    made.KeepAs(path);
+    job_.Tell(Dump(told),
+              fmt::format("rows {} to {} of {} -> {}", rows.first, rows.end - 1, out_.height, path.string()));
+    return {{path}};
+  }
+
+  StackResult Join() {
+    std::vector<Journal> parts;
+    for (StackPart part{1, options_.join}; part.number <= part.parts; ++part.number) {
+      const auto refuse = [&](const char* wrong) {
+        throw files::FileError(PathOf(part),
+                               fmt::format("{}; make it by the same call with --part {}/{} in place "
+                                           "of --join {}",
+                                           wrong, part.number, part.parts, part.parts));
+      };
+      if (!fs::exists(PathOf(part))) refuse("is missing");
+      parts.push_back(OpenPart(part));
+      if (parts.back().WasOther()) refuse("is of other frames or options");
+      if (!parts.back().IsWhole()) refuse("is damaged");
+    }
+    TryOutputs();
+    Measure();
+    Save(parts);
+    for (StackPart part{1, options_.join}; part.number <= part.parts; ++part.number) {
+      fs::remove(PathOf(part));
+    }
+    return Finish();
+  }
+
   fs::path MapName(const char* end) const {
     fs::path name = options_.output.stem();
     name += end;
@@ -548,12 +629,20 @@ class StackRun {
     return made;
   }
 
-  void Save(const Journal& journal) {
+  /// Calls visit for the bands of all parts, in order, or from the lowest up.
+  static void ForBands(std::span<const Journal> parts, const std::function<void(const StackBand&)>& visit,
+                       bool fromLowest = false) {
+    for (size_t i = 0; i < parts.size(); ++i) {
+      parts[fromLowest ? parts.size() - 1 - i : i].ForBands(visit, fromLowest);
+    }
+  }
+
+  void Save(std::span<const Journal> parts) {
     counts_.assign(inputs_.size(), {});
     files::RangeOf16Bits range;
     std::optional<WeightSpread> spread;
     if (options_.drizzle) spread.emplace(inputs_, sources_.Reference(), *options_.drizzle);
-    journal.ForBands([&](const StackBand& band) {
+    ForBands(parts, [&](const StackBand& band) {
       if (spread) spread->Add(band.weights);
       for (size_t i = 0; i < counts_.size(); ++i) {
         counts_[i] += band.counts[i];
@@ -575,7 +664,8 @@ class StackRun {
     // Pictures are upright, as the sky is; FITS files lie as their frames do.
     const bool turns = !IsFits(options_.output) && files::IsPictureOverturned(header);
     const Journal::Images images = Images();
-    journal.ForBands(
+    ForBands(
+        parts,
         [&](const StackBand& band) {
           job_.CheckCancelled();
           for (size_t i = 0; i < savers.size(); ++i) {

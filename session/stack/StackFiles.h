@@ -19,6 +19,11 @@ enum class StackFrame {
 inline const std::vector<Named<StackFrame>> kStackFrames = {{"reference", StackFrame::Reference},
                                                             {"union", StackFrame::Union}};
 
+/// Rows of a stack that are made by themselves, on whatever machine.
+struct StackPart {
+  int number = 1, parts = 1;  ///< from 1 on
+};
+
 struct StackFilesOptions : StackChoices {
   std::vector<std::filesystem::path> frames;  ///< or folders of frames
   std::filesystem::path output;               ///< FITS, TIFF or PNG, by its extension
@@ -34,6 +39,9 @@ struct StackFilesOptions : StackChoices {
   /// it may have. Means and medians have an uncertainty.
   bool uncertainty = false, mask = false;
   bool resume = false;  ///< goes on with what a killed run of the same options left
+  /// Makes but these rows, as OUTPUT.part-NUMBER-of-PARTS; none that is whole is made again. Not drizzled.
+  std::optional<StackPart> part = {};
+  int join = 0;  ///< makes the stack of so many parts, and removes these; 0: there are none
 };
 
 struct StackedFrame {
@@ -52,8 +60,9 @@ struct StackResult {
   int bands = 0;
 };
 
-/// Stacks frames of one size and kind. Files that cannot be read, or that the transforms say are of no use,
-/// are left out; the job has failed when these are more than half.
+/// Stacks frames of one size and kind. What is made of parts has the bytes of what is made at once. Files
+/// that cannot be read, or that the transforms say are of no use, are left out; the job has failed when these
+/// are more than half.
 /// @throws FileError, UsageError when no frame is left, Cancelled.
 KORIMG_SESSION_API StackResult StackFiles(Job& job, const StackFilesOptions& options);
 

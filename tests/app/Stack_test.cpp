@@ -447,8 +447,8 @@ TEST(Stack, NormalisedFramesAreAllLikeTheReference) {
       constexpr int kReference = 2;
       double most = 0;
       int next = 0;
-      Stack(job, inputs, kReference, {.method = method, .normalisation = normalisation, .memory = 1 << 19}, 0,
-            [&, &inputs = inputs](const StackBand& band) {
+      Stack(job, inputs, kReference, {.method = method, .normalisation = normalisation, .memory = 1 << 19},
+            {}, [&, &inputs = inputs](const StackBand& band) {
               EXPECT_EQ(band.result.Top(), next);
               next = band.result.Bottom();
               EXPECT_EQ(band.low.Planes(), 0);
@@ -497,7 +497,7 @@ TEST(Stack, WhatReadingThrowsReachesTheCaller) {
     Job job;
     int bands = 0;
     EXPECT_EQ(files::ErrorOf([&] {
-                Stack(job, inputs, 0, {.normalisation = Normalisation::None, .memory = 350000}, 0,
+                Stack(job, inputs, 0, {.normalisation = Normalisation::None, .memory = 350000}, {},
                       [&](const StackBand&) { ++bands; });
               }),
               "frame: is gone");
@@ -610,7 +610,8 @@ TEST_F(StackTest, TheJournalKeepsWholeBandsOnly) {
     use(StackBand{image(0), image(1), image(2), {{y0, 1, 2}, {rows, 3, 4}}});
   };
   const auto open = [&](const std::string& digest, Journal::Use use = Journal::Kept) {
-    return Journal(In("x"), digest, shape, {&StackBand::result, &StackBand::low, &StackBand::high}, 2, use);
+    return Journal(In("x.resume"), digest, shape, {&StackBand::result, &StackBand::low, &StackBand::high}, 2,
+                   use);
   };
   const auto expectRows = [&](const Journal& journal, int rows) {
     int next = 0;
@@ -658,9 +659,9 @@ TEST_F(StackTest, TheJournalKeepsWholeBandsOnly) {
   files::WriteBytes(In("x.resume"), whole);
   expectRows(open("a"), 9);
   EXPECT_TRUE(open("b").WasOther());
-  EXPECT_EQ(open("b").Rows(), 0);
+  EXPECT_EQ(open("b").NextRow(), 0);
   files::WriteBytes(In("x.resume"), whole.substr(0, 30));
-  EXPECT_EQ(open("a").Rows(), 0);
+  EXPECT_EQ(open("a").NextRow(), 0);
   open("a", Journal::Passing);
   EXPECT_FALSE(fs::exists(In("x.resume")));
 }

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -67,6 +68,8 @@ class Session {
   std::vector<std::filesystem::path> CheckOutputs(
       std::vector<std::filesystem::path> outputs,
       const std::function<bool(const std::filesystem::path&)>& ours = {}) const;
+  /// All masters that are needed were made of the same frames, and are where the options keep them.
+  bool HasMasters();
   /// Makes the masters that are needed, writes them where the options want them, and chooses the white
   /// balance of each camera by its first light. Warns of whatever is wrong with the set of frames.
   void Prepare();
@@ -124,9 +127,13 @@ class Session {
   void NameResults();
   void ShowGroup(const Group& group) const;
   void MakeMasters();
-  Master MakeOrLoad(const Group& group, const Master* offset, int cfa);
+  const Group* OffsetOf(const Group& flat) const;
+  int MosaicOfLights(const Group& flat) const;
+  void FindDigests();
+  std::optional<nlohmann::ordered_json> FindKept(const Group& group) const;
+  Master MakeOrLoad(const Group& group, const Master* offset);
   Master MakeScaled(const Group& group) const;
-  std::string DigestOf(const Group& group, const Master* offset, int cfa) const;
+  std::string DigestOf(const Group& group) const;
   void TurnMasters();
   void CheckLights();
   void CheckHoldsBias(const Master& dark) const;

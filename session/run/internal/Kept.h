@@ -11,6 +11,7 @@
 
 #include "session/picture/Images.h"
 #include "session/register/Register.h"
+#include "session/register/internal/MapJson.h"
 #include "session/run/Run.h"
 #include "session/run/internal/Report.h"
 
@@ -62,6 +63,34 @@ inline void from_json(const KeptJson& json, FrameMeasure& m) {
        json.at("noData").get<std::string>(),
        json.at("digest").get<std::uint64_t>()};
   if (json.contains("guideError")) m.guideError = json["guideError"].get<double>();
+}
+
+/// The file is left out: the light's own name says it.
+inline void to_json(KeptJson& json, const Registration& r) {
+  json = {{"dx", r.dx},
+          {"dy", r.dy},
+          {"degrees", r.degrees},
+          {"stars", r.stars},
+          {"residual", r.residual},
+          {"fwhm", r.fwhm},
+          {"method", r.method},
+          {"status", r.status},
+          {"note", r.note}};
+  if (r.fluxRatio) json["fluxRatio"] = *r.fluxRatio;
+  if (r.map) json["map"] = ToJson(*r.map);
+}
+inline void from_json(const KeptJson& json, Registration& r) {
+  r = {.dx = json.at("dx"),
+       .dy = json.at("dy"),
+       .degrees = json.at("degrees"),
+       .stars = json.at("stars"),
+       .residual = json.at("residual"),
+       .fwhm = json.at("fwhm"),
+       .method = json.at("method").get<std::string>(),
+       .status = json.at("status").get<std::string>(),
+       .note = json.at("note").get<std::string>()};
+  if (json.contains("fluxRatio")) r.fluxRatio = json["fluxRatio"].get<double>();
+  if (json.contains("map")) r.map = MapFromJson(json["map"]);
 }
 
 inline void to_json(KeptJson& json, const RunStack& s) {

@@ -15,6 +15,7 @@
 #include "session/run/internal/Kept.h"
 #include "session/run/internal/Report.h"
 #include "session/run/internal/State.h"
+#include "session/stack/internal/Journal.h"
 
 namespace korimg::session {
 
@@ -58,7 +59,8 @@ inline double ShareRejected(const CImgStack::Counts& c) {
 /// All of a light, calibrated and developed.
 std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmManager>& store);
 
-/// Each stage goes on from what the ones before it found, in the order of Do.
+/// Each stage goes on from what the ones before it found, in the order of Do. Those of tasks leave what they
+/// find in the state, and take from there what others found.
 class Road {
  public:
   Road(Job& job, const RunOptions& options, std::vector<RunFrame> excluded = {});
@@ -69,13 +71,44 @@ class Road {
   void TellPlan() const;
   RunResult Do();
 
+  size_t Lights() const { return frames_.size(); }
+  /// The stacks whose rows may be made one by one.
+  std::vector<std::string> StacksInParts() const;
+
+  // Tasks.cpp tells of them; parts count from 1 on.
+  void MakeMasters();
+  void MeasurePart(int part, int parts);
+  void Register();
+  void StackPart(const std::string& stack, int part, int parts);
+
  private:
+  /// The frames that are laid, and on what.
+  struct Laying {
+    std::vector<size_t> numbers;
+    std::shared_ptr<CVelImage> whole;  ///< of a reference that is none of them
+    std::string digest;                ///< of all that they lie by, but for the lens
+    std::string camera;                ///< and lens
+  };
+  /// What a target's stack is made of, and how.
+  struct Making {
+    std::vector<RunLight*> used;
+    size_t reference = 0;  ///< of these
+    std::vector<StackInput> inputs;
+    StackOptions options;
+    std::string digest;  ///< of all that the stack and its files depend on
+  };
+  /// Rows of a stack in a file.
+  struct Part {
+    StackRows rows;
+    std::filesystem::path path;
+  };
   /// A stack on a finer grid.
   struct Drizzled {
     std::unique_ptr<CVelImage> image, weights;
     std::optional<double> spread;  ///< of the weights
   };
 
+  // Road.cpp
   std::filesystem::path Path(const std::string& name) const { return options_.calibrate.out / name; }
   void Plan(const std::string& line);
   void LeaveOut(RunLight& frame, const std::string& reason);
@@ -83,12 +116,23 @@ class Road {
   /// What a light takes once it is developed, and while its stars are found.
   long long BytesOfFrame() const;
   static std::optional<double> StartOf(const RunLight& frame);
+  std::vector<std::filesystem::path> Outputs() const;
+  std::vector<std::filesystem::path> Files() const;
+  std::vector<size_t> All() const;
+  void PrepareSession();
+  template <class F>
+  void WithFolder(F&& work);
+  void GoOn();
+  void TellDone(const std::string& task, bool isNew);
 
   // Measuring.cpp
   Levels StretchOfFrames(const RunTarget& target) const;
-  void MeasureFrames();
-  static RunLight FromKept(const RunLight& frame, const KeptJson& kept);
+  void TakeKeptFrames(const std::vector<size_t>& numbers);
+  /// Answers how many of them were not measured before.
+  size_t MeasureFrames(const std::vector<size_t>& numbers);
+  std::optional<RunLight> FindKept(const RunLight& frame) const;
   void Keep(const RunLight& frame);
+  void TellBorders();
   void LeaveOutCopies();
 
   // Registering.cpp
@@ -98,23 +142,36 @@ class Road {
   const RunLight& Grid() const { return fixed_ ? *fixed_ : frames_[reference_]; }
   std::string NameOf(const RunLight& frame) const;
   std::shared_ptr<CVelImage> FindReference();
-  void RegisterFrames();
-  void LeaveOutBad(RunTarget& target);
+  Laying BeginLaying();
+  std::optional<LaidFrames> FindLaid(const Laying& laying) const;
+  LaidFrames Lay(const Laying& laying);
+  void Apply(const Laying& laying, const LaidFrames& laid);
+  /// False when they were laid before.
+  bool RegisterFrames();
+  void LeaveOutBad(const RunTarget& target);
   void TellLimitsThatSayLittle(const RunTarget& target, size_t frames, size_t starry);
 
   // Stacking.cpp
   std::vector<std::filesystem::path> OutputsOf(const RunTarget& target) const;
   std::vector<StackInput> Inputs(const std::vector<RunLight*>& used) const;
-  void StackFrames(RunTarget& target);
-  Drizzled DrizzleFrames(const RunTarget& target, const std::vector<RunLight*>& used,
-                         const std::vector<StackInput>& inputs, int reference, const StackOptions& options,
+  /// None where no frame is left.
+  std::optional<Making> BeginStack(const RunTarget& target);
+  void StackFrames(const RunTarget& target);
+  /// False when it was done before, or there is nothing to stack.
+  bool StackRowsOf(const RunTarget& target, int part, int parts);
+  /// The files of rows that tasks have made, from the top down.
+  std::vector<Part> PartsOf(const RunTarget& target) const;
+  Journal OpenPart(const Making& made, const std::filesystem::path& path, const StackRows& rows,
+                   Journal::Use use = Journal::Finished) const;
+  std::filesystem::path PathOf(const RunTarget& target, const StackRows& rows) const;
+  Drizzled DrizzleFrames(const RunTarget& target, const Making& made,
                          const std::shared_ptr<CVmManager>& store);
   std::string DigestOf(const RunTarget& target, const std::vector<RunLight*>& used,
                        const RunLight& reference) const;
   KeptJson StampsOf(const RunTarget& target) const;
-  void KeepStack(const RunTarget& target, const std::vector<RunLight*>& used, const std::string& digest,
-                 const nlohmann::ordered_json& told);
-  bool TakeKeptStack(const RunTarget& target, const std::vector<RunLight*>& used, const std::string& digest);
+  void KeepStack(const RunTarget& target, const Making& made, const nlohmann::ordered_json& told);
+  std::optional<KeptJson> FindKeptStack(const RunTarget& target, const Making& made) const;
+  bool TakeKeptStack(const RunTarget& target, const Making& made);
 
   // Saving.cpp
   std::vector<std::string> History(const std::vector<RunLight*>& used, const RunTarget& target) const;

@@ -30,6 +30,10 @@ class RunState {
   /// The outputs are ours from now on.
   void Begin(const std::vector<std::filesystem::path>& outputs);
 
+  /// Where other things may be kept, too.
+  const std::filesystem::path& Folder() const { return folder_; }
+  /// Takes away what processes that were killed left half-written; nobody else may be at work.
+  void Tidy() const;
   /// As if there had been no run.
   void Forget() const;
 

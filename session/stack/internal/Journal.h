@@ -13,26 +13,29 @@
 
 namespace korimg::session {
 
-/// The file "<output>.resume".
+/// A file of bands that follow each other.
 class Journal {
  public:
   enum Use {
     Passing,  ///< begins anew, and vanishes with this object
-    Kept      ///< goes on with what is there, and stays until Remove
+    Kept,     ///< goes on with what is there, and stays until Remove
+    Finished  ///< is read, and never changed; it has to be there
   };
 
   /// The images of a band that are kept.
   using Images = std::vector<Band<const float> StackBand::*>;
 
   /// `digest` stands for all that the result depends on: bands of another one are of no use. Damaged bands at
-  /// the end of the file are left out.
-  Journal(const std::filesystem::path& output, const std::string& digest, const Shape& shape, Images images,
-          size_t frames, Use use);
+  /// the end of the file are left out. The bands are those of `rows` of a result of that shape.
+  Journal(const std::filesystem::path& path, const std::string& digest, const Shape& shape, Images images,
+          size_t frames, Use use, const StackRows& rows = {});
 
-  /// There was a file of another digest, which is lost.
+  /// There was a file of another digest; unless it is only read, it is lost.
   bool WasOther() const { return wasOther_; }
-  /// Rows of the result that are done.
-  int Rows() const { return rows_; }
+  /// Rows of the result before this one are done, and no others.
+  int NextRow() const { return next_; }
+  /// Of a finished one: it is of this digest, and nothing is missing.
+  bool IsWhole() const { return !wasOther_ && next_ == rows_.end; }
 
   /// Takes the next band. Once this returns it survives the end of the program, and one that is kept also
   /// that of the machine.
@@ -40,6 +43,8 @@ class Journal {
   /// Calls visit for all bands, in order, or from the lowest up.
   void ForBands(const std::function<void(const StackBand&)>& visit, bool fromLowest = false) const;
   void Remove();
+  /// Gives a passing one a name that it keeps. What it holds survives the end of the machine.
+  void KeepAs(const std::filesystem::path& path);
 
  private:
   struct Record;
@@ -54,6 +59,7 @@ class Journal {
 
   std::filesystem::path path_;
   Shape shape_;
+  StackRows rows_;
   Images images_;
   size_t frames_;
   Use use_;
@@ -67,7 +73,7 @@ class Journal {
   };
   std::vector<Place> bands_;
   std::uint64_t end_ = 0;  ///< of the bands in the file
-  int rows_ = 0;
+  int next_ = 0;
 };
 
 }  // namespace korimg::session
