@@ -1,21 +1,31 @@
 // korimg run: a session's folder to a finished picture.
 #include "session/run/Run.h"
 
+#include <set>
+
+#include <fmt/format.h>
+
+#include "korimg/pipelines/runtime/Runtime.h"
+
+#include "app/verbs/RunPlan.h"
 #include "app/verbs/Verbs.h"
 #include "session/calibrate/FindSession.h"
+#include "session/job/Json.h"
 
 namespace korimg::tool {
 
 namespace fs = std::filesystem;
 
-void AddRun(CLI::App& app, Tool& tool) {
-  struct Arguments {
-    fs::path session, selection;
-    RunOptions options;
-  };
-  auto arguments = std::make_shared<Arguments>();
+namespace {
+
+struct Arguments {
+  fs::path session, selection;
+  RunOptions options;
+};
+
+/// What tells one run from another.
+void AddArguments(CLI::App* verb, Arguments* arguments) {
   RunOptions& options = arguments->options;
-  CLI::App* verb = app.add_subcommand("run", "Work through a session: from raw frames to a finished picture");
   verb->add_option("folder", arguments->session,
                    "holds the frames, in folders of any kind: told by IMAGETYP, or by folders called lights, "
                    "darks, flats "
@@ -54,24 +64,132 @@ void AddRun(CLI::App& app, Tool& tool) {
       "--gradient", options.gradient,
       "take the gradient of moonlight or city light off each stack, as the operation gradient does; "
       "what was taken off is kept in stack_gradient.fits");
-  AddCommonOptions(*verb, tool);
-  verb->callback([arguments, &tool] {
-    tool.Begin();
-    CheckWhiteBalance(arguments->options.calibrate.develop.whiteBalance);
-    if (!arguments->selection.empty()) AddSelection(arguments->options, arguments->selection);
-    CalibrateOptions& frames = arguments->options.calibrate;
-    if (frames.maps && frames.cosmetic == Cosmetic::None) {
-      throw UsageError("--maps writes what --cosmetic auto finds; leave out --cosmetic none");
+}
+
+/// The options with the frames of the session's folder.
+RunOptions Complete(Tool& tool, Arguments& arguments) {
+  CheckWhiteBalance(arguments.options.calibrate.develop.whiteBalance);
+  if (!arguments.selection.empty()) AddSelection(arguments.options, arguments.selection);
+  CalibrateOptions& frames = arguments.options.calibrate;
+  if (frames.maps && frames.cosmetic == Cosmetic::None) {
+    throw UsageError("--maps writes what --cosmetic auto finds; leave out --cosmetic none");
+  }
+  SessionFrames found = FindSession(tool.job, arguments.session, frames.out);
+  frames.lights = std::move(found.lights);
+  frames.darks = std::move(found.darks);
+  frames.flats = std::move(found.flats);
+  frames.biases = std::move(found.biases);
+  return arguments.options;
+}
+
+/// The words of the arguments that were given.
+std::vector<std::string> WordsOf(const CLI::App& verb) {
+  CLI::App known;
+  Arguments unused;
+  AddArguments(&known, &unused);
+  std::vector<std::string> words;
+  for (const CLI::Option* option : known.get_options()) {
+    const CLI::Option* given = verb.get_option_no_throw(option->get_name());
+    if (!given || given->count() == 0) continue;
+    if (given->get_items_expected_max() == 0) {
+      words.push_back(given->get_name());
+      continue;
     }
-    SessionFrames found = FindSession(tool.job, arguments->session, frames.out);
-    frames.lights = std::move(found.lights);
-    frames.darks = std::move(found.darks);
-    frames.flats = std::move(found.flats);
-    frames.biases = std::move(found.biases);
-    if (tool.options.dryRun) {
-      PlanRun(tool.job, arguments->options);
+    for (const std::string& value : given->results()) {
+      words.push_back(given->get_positional() ? value : given->get_name() + "=" + value);
+    }
+  }
+  return words;
+}
+
+void MakePlan(Tool& tool, const CLI::App& verb, const RunOptions& options, const fs::path& file, int parts) {
+  if (!tool.options.dryRun) tool.job.CheckOutput(file);
+  RunPlan plan{fs::current_path(), WordsOf(verb), PlanTasks(tool.job, options, parts)};
+  if (!tool.options.dryRun) Write(plan, file);
+  const int count = static_cast<int>(plan.tasks.size());
+  for (int first = 0, next = 0; first < count; first = next) {
+    const RunTask::Stage stage = plan.tasks[first].stage;
+    while (next < count && plan.tasks[next].stage == stage) {
+      ++next;
+    }
+    const std::string name = NameOf(kRunStages, stage);
+    tool.job.Tell(Dump({{"stage", name}, {"first", first}, {"last", next - 1}}),
+                  next - first == 1 ? fmt::format("{}: task {}", name, first)
+                                    : fmt::format("{}: tasks {}-{}", name, first, next - 1));
+  }
+  if (options.stack.drizzle) tool.job.Say("what is drizzled is made by the task finish");
+}
+
+void DoTasks(Tool& tool, const fs::path& file, const std::string& which) {
+  const RunPlan plan = ReadPlan(file);
+  const std::vector<int> numbers = ParseNumbers(which, static_cast<int>(plan.tasks.size()));
+  std::error_code error;
+  fs::current_path(plan.folder, error);
+  if (error) {
+    throw files::FileError(plan.folder, "cannot be reached; the plan in " + file.string() +
+                                            " was made there, and its paths count from it");
+  }
+  Arguments arguments;
+  CLI::App app;
+  AddArguments(&app, &arguments);
+  app.parse(std::vector<std::string>(plan.arguments.rbegin(), plan.arguments.rend()));
+  tool.job.options.origin = fmt::format("korimg run {}", fmt::join(plan.arguments, " "));
+  const RunOptions options = Complete(tool, arguments);
+  for (const int number : numbers) {
+    tool.job.Say(fmt::format("task {}: {}", number, plan.tasks[number].Text()));
+    if (!tool.options.dryRun) DoTask(tool.job, options, plan.tasks[number]);
+  }
+}
+
+}  // namespace
+
+void AddRun(CLI::App& app, Tool& tool) {
+  struct Call : Arguments {
+    fs::path planOnly, plan;
+    int parts = 8;
+    std::string task;
+  };
+  auto call = std::make_shared<Call>();
+  CLI::App* verb = app.add_subcommand("run", "Work through a session: from raw frames to a finished picture");
+  AddArguments(verb, call.get());
+  verb->add_option(
+      "--plan-only", call->planOnly,
+      "do nothing but write a plan of the run into this file of JSON: tasks for machines that share "
+      "the frames and the folder of results");
+  verb->add_option("--parts", call->parts,
+                   "--plan-only: tasks that lights, and the rows of each stack, are cut into")
+      ->check(CLI::Range(1, 100000));
+  CLI::Option* const task = verb->add_option(
+      "--task", call->task, "--plan: numbers of the tasks to be done, in order, as in 0-3,7");
+  verb->add_option_function<fs::path>(
+          "--plan",
+          [call, verb](const fs::path& file) {
+            call->plan = file;
+            // The plan has them.
+            verb->get_option("folder")->required(false);
+            verb->get_option("--out")->required(false);
+          },
+          "do tasks of a plan, and nothing else; other arguments are those of the plan")
+      ->trigger_on_parse()
+      ->needs(task);
+  task->needs("--plan");
+  AddCommonOptions(*verb, tool);
+  verb->callback([call, verb, &tool] {
+    tool.Begin();
+    if (!call->plan.empty()) {
+      if (!WordsOf(*verb).empty() || !call->planOnly.empty()) {
+        throw UsageError(
+            "--plan has the arguments of its call; give --task, and options of the machine alone");
+      }
+      return DoTasks(tool, call->plan, call->task);
+    }
+    const RunOptions options = Complete(tool, *call);
+    if (!call->planOnly.empty()) {
+      MakePlan(tool, *verb, options, call->planOnly, call->parts);
+    } else if (tool.options.dryRun) {
+      PlanRun(tool.job, options);
     } else {
-      Run(tool.job, arguments->options);
+      Run(tool.job, options);
     }
   });
 }

@@ -105,7 +105,7 @@ void Road::StackFrames(const RunTarget& target) {
           image.get());
   };
   // What tasks have stacked, and between that the rest.
-  int row = 0;
+  int row = 0, taken = 0;
   for (const auto& [rows, path] : PartsOf(target)) {
     const Journal part = OpenPart(*made, path, rows);
     if (rows.first < row || !part.IsWhole()) continue;
@@ -114,8 +114,11 @@ void Road::StackFrames(const RunTarget& target) {
       CopyPixels(band.result, Image::RowsOf(*image, band.result.Top(), band.result.Rows()));
       take(band);
     });
+    taken += rows.end - rows.first;
     row = rows.end;
   }
+  if (taken > 0)
+    job_.Say(fmt::format("{}: {} of {} rows were stacked before", target.name, taken, shape.height));
   stack(row, shape.height);
   KeepStack(target, *made, SaveStack(target, made->used, *made->used[made->reference], *image, quality));
 }

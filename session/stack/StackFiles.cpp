@@ -446,7 +446,17 @@ class StackRun {
     for (StackPart part{1, options_.join}; part.number <= part.parts; ++part.number) {
       fs::remove(PathOf(part));
     }
+    RemoveHalfParts();
     return Finish();
+  }
+
+  /// What was killed left some: they have names of their own.
+  void RemoveHalfParts() const {
+    const std::string start = options_.output.filename().string() + ".part-";
+    for (const auto& entry : fs::directory_iterator(fs::absolute(options_.output).parent_path())) {
+      const std::string name = entry.path().filename().string();
+      if (name.starts_with(start) && name.ends_with(".part")) fs::remove(entry.path());
+    }
   }
 
   fs::path MapName(const char* end) const {
