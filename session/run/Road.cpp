@@ -142,17 +142,20 @@ std::vector<size_t> Road::All() const {
 template <class F>
 void Road::WithFolder(F&& work) {
   const std::vector<fs::path> outputs = Outputs();
-  state_.emplace(options_.calibrate.out, Files(), job_.options.overwrite);
-  const std::vector<fs::path> made =
-      session_.CheckOutputs(outputs, [&](const fs::path& path) { return state_->Owns(path); });
+  const auto look = [&] {
+    state_.emplace(options_.calibrate.out, Files(), job_.options.overwrite);
+    return session_.CheckOutputs(outputs, [&](const fs::path& path) { return state_->Owns(path); });
+  };
+  look();  // refuses what is not ours before anything is written
   CheckRoom(Work(), cost_);
+  const FolderLock lock(job_, state_->Folder());
+  const std::vector<fs::path> made = look();  // as another run left it
+  state_->Tidy();
   const Unfinished unfinished(job_, *state_, made, options_.calibrate);
   for (const fs::path& old : state_->Stale(outputs)) {
     job_.Warn(fmt::format("{}: is a result of an earlier call, and none of this one", old.string()));
   }
   state_->Begin(made);
-  const FolderLock lock(job_, state_->Folder());
-  state_->Tidy();
   const Overwriting ours(job_);
   work();
 }

@@ -36,7 +36,6 @@ void RunState::Begin(const std::vector<fs::path>& outputs) {
   for (const fs::path& output : outputs) {
     outputs_.insert(output.filename().string());
   }
-  fs::create_directories(folder_);
   Write("run", {{"outputs", outputs_}, {"lights", lights_}});
 }
 

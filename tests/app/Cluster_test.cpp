@@ -159,6 +159,27 @@ TEST_F(ClusterTest, ARunInTasksHasTheBytesOfARun) {
   }
 }
 
+TEST_F(ClusterTest, ManyAtOnceDoNoHarm) {
+  ASSERT_TRUE(Simulate(In("night"), {.frames = 4, .width = 400, .height = 300, .seed = 2}));
+  ASSERT_EQ(Shell("korimg run night --out whole -q --threads 1; korimg run night --out out --plan-only "
+                  "p.json --parts 2")
+                .code,
+            0);
+  for (const char* call :
+       {"run --plan p.json --task 0", "run --plan p.json --task 1-2", "run --plan p.json --task 3",
+        "run --plan p.json --task 4-5", "run --plan p.json --task 6", "run night --out fresh"}) {
+    const Result r =
+        Shell(fmt::format("for i in 1 2 3 4; do korimg {} -q --threads 1 & jobs[i]=$!; done; "
+                          "for i in 1 2 3 4; do wait ${{jobs[i]}} || exit 1; done",
+                          call));
+    EXPECT_EQ(r.code, 0) << call << ": " << r.err;
+    EXPECT_EQ(r.err.find("cannot"), r.err.npos) << call << ": " << r.err;
+  }
+  ExpectSame("out", "whole", "tasks");
+  ExpectSame("fresh", "whole", "runs");
+  EXPECT_TRUE(State("out", ".part").empty());
+}
+
 TEST_F(ClusterTest, WhatIsMissingOrStaleIsMadeAgainOrRefused) {
   MakeNight("night");
   ASSERT_EQ(
@@ -207,8 +228,13 @@ TEST_F(ClusterTest, WhatIsMissingOrStaleIsMadeAgainOrRefused) {
   // A light that changes after it was registered.
   fs::remove_all(In("out"));
   EXPECT_EQ(Shell("korimg run --plan p.json --task 0-3,5 -q").code, 0);
-  fs::copy(In("night/lights/light_L_0001.fits"), In("night/lights/light_R_0004.fits"),
-           fs::copy_options::overwrite_existing);
+  ASSERT_EQ(Shell("korimg apply calculate op=add value=3 night/lights/light_R_0004.fits -o r.fits --bits "
+                  "16 && mv r.fits "
+                  "night/lights/light_R_0004.fits")
+                .code,
+            0);
+  expectRefused(task(3), "do the task register");
+  EXPECT_EQ(task(1).code + task(1, 1).code, 0);
   expectRefused(task(3), "do the task register");
   EXPECT_EQ(task(4).code, 0);
   fs::remove_all(In("whole"));

@@ -13,7 +13,7 @@ namespace korimg::session {
 /// none, it is as if nobody else were there.
 class FolderLock {
  public:
-  /// Waits for another process that has it. Throws Cancelled.
+  /// Makes the folder where there is none, and waits for another process that has it. Throws Cancelled.
   FolderLock(Job& job, const std::filesystem::path& folder);
 
  private:
