@@ -1,11 +1,14 @@
 // A run and a stack in tasks that machines share: the same bytes as at once.
 #include <algorithm>
+#include <future>
 #include <map>
 
+#include <fitsio.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "session/run/internal/State.h"
 #include "session/simulate/Simulate.h"
 #include "tests/app/Tool.h"
 
@@ -86,9 +89,18 @@ class ClusterTest : public ToolTest {
                                              .overwrite = true}),
              pixels, 300, 200, 64);
     fs::copy(light(3), In(folder + "/lights/light_L_0006.fits"));
-    ASSERT_EQ(Shell("cd " + folder + "/lights && gzip light_L_0005.fits").code, 0);
-    const fs::path damaged = In(folder + "/lights/light_L_0005.fits.gz");
-    std::string bytes = ReadBytes(damaged);
+    // Its header can be read, and its pixels cannot.
+    const fs::path damaged = light(5), packed = In("packed.fits");
+    fitsfile *from = nullptr, *to = nullptr;
+    int status = 0;
+    fits_open_diskfile(&from, damaged.c_str(), READONLY, &status);
+    fits_create_diskfile(&to, packed.c_str(), &status);
+    fits_set_compression_type(to, GZIP_1, &status);
+    fits_img_compress(from, to, &status);
+    fits_close_file(to, &status);
+    fits_close_file(from, &status);
+    ASSERT_EQ(status, 0);
+    std::string bytes = ReadBytes(packed);
     std::fill(bytes.begin() + static_cast<long>(bytes.size()) / 2, bytes.end(), 'x');
     WriteBytes(damaged, bytes);
     fs::last_write_time(damaged, fs::file_time_type::clock::now() - std::chrono::hours(1));
@@ -178,6 +190,19 @@ TEST_F(ClusterTest, ManyAtOnceDoNoHarm) {
   ExpectSame("out", "whole", "tasks");
   ExpectSame("fresh", "whole", "runs");
   EXPECT_TRUE(State("out", ".part").empty());
+  // What two keep at the very same time is one of them.
+  fs::create_directories(In("kept/.korimg"));
+  session::RunState state(In("kept"), {}, false);
+  state.Begin({});
+  const auto keep = [&state] {
+    for (int i = 0; i < 300; ++i) {
+      state.Keep("same", "digest", {{"i", i}});
+    }
+  };
+  auto other = std::async(std::launch::async, keep);
+  EXPECT_NO_THROW(keep());
+  EXPECT_NO_THROW(other.get());
+  EXPECT_EQ(state.Find("same", "digest").value()["i"], 299);
 }
 
 TEST_F(ClusterTest, WhatIsMissingOrStaleIsMadeAgainOrRefused) {
@@ -223,8 +248,10 @@ TEST_F(ClusterTest, WhatIsMissingOrStaleIsMadeAgainOrRefused) {
   std::string broken = part;
   broken[broken.size() - 4000] ^= 0x10;
   WriteBytes(rows[0], broken);
+  WriteBytes(In("out/.korimg/light_x.cbor.0123456789abcdef.part"), "left by one that was killed");
   EXPECT_EQ(task(4).code, 0) << "two parts are missing, and one is broken";
   ExpectSame("out", "whole", "after damage");
+  EXPECT_TRUE(State("out", ".part").empty());
   // A light that changes after it was registered.
   fs::remove_all(In("out"));
   EXPECT_EQ(Shell("korimg run --plan p.json --task 0-3,5 -q").code, 0);
