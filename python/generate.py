@@ -12,8 +12,8 @@ from typing import Any
 WIDTH = 108
 COMMON = ["levels", "out", "memory", "progress"]
 COMMON_TYPES = {
-    "rect": "Rect | None",
-    "levels": "LevelsLike | None",
+    "rect": "_Rect | None",
+    "levels": "_LevelsLike | None",
     "out": "np.ndarray | None",
     "memory": "int | str | None",
     "progress": "ProgressCallback | None",
@@ -38,11 +38,11 @@ KINDS = {
     "number": ("float", "float"),
     "whole number": ("int", "int"),
     "0 or 1": ("bool", "bool"),
-    "number, or three": ("PerPlane", "float or three of them"),
+    "number, or three": ("_PerPlane", "float or three of them"),
     "file": ("ImageLike", "image-like"),
-    "left,top,right,bottom": ("Rect", "(int, int, int, int)"),
-    "points": ("Points", "sequence of (float, float)"),
-    "rows of numbers": ("MatrixLike", "array-like of rows of numbers"),
+    "left,top,right,bottom": ("_Rect", "(int, int, int, int)"),
+    "points": ("_Points", "sequence of (float, float)"),
+    "rows of numbers": ("_MatrixLike", "array-like of rows of numbers"),
 }
 PREAMBLE = '''"""Operations on images: an image in, its result out, and what went in stays as it is.
 
@@ -64,11 +64,11 @@ import numpy as np
 from ._images import ImageLike
 from ._report import ProgressCallback
 
-PerPlane = Union[float, Sequence[float]]
-Rect = tuple[int, int, int, int]
-Points = Sequence[tuple[float, float]]
-MatrixLike = Union[Sequence[float], Sequence[Sequence[float]], np.ndarray]
-LevelsLike = Union[tuple[float, float], Sequence[tuple[float, float]]]
+_PerPlane = Union[float, Sequence[float]]
+_Rect = tuple[int, int, int, int]
+_Points = Sequence[tuple[float, float]]
+_MatrixLike = Union[Sequence[float], Sequence[Sequence[float]], np.ndarray]
+_LevelsLike = Union[tuple[float, float], Sequence[tuple[float, float]]]
 '''
 
 

@@ -255,8 +255,7 @@ def take(image: ImageLike) -> Taken:
     UsageError
         For what is no image, and for arrays that are not in this process's memory.
     """
-    kind = type(image)
-    if kind is np.ndarray:
+    if type(image) is np.ndarray:
         taken = Taken(image)
         taken.levels = _INTEGER_LEVELS.get(image.dtype, [])
         return taken
@@ -275,8 +274,9 @@ def take(image: ImageLike) -> Taken:
     nddata = sys.modules.get("astropy.nddata")
     if nddata and isinstance(image, nddata.NDData):
         return _TakenNDData(image)
-    taken = Taken(_plain(image))
-    taken.levels = _INTEGER_LEVELS.get(image.dtype, [])
+    pixels = _plain(image)
+    taken = Taken(pixels)
+    taken.levels = _INTEGER_LEVELS.get(pixels.dtype, [])
     return taken
 
 
