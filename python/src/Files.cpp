@@ -4,7 +4,6 @@
 #include <pybind11/operators.h>
 
 #include "python/src/Host.h"
-#include "session/files/Geometry.h"
 #include "session/files/Mosaic.h"
 #include "session/picture/Images.h"
 
@@ -93,7 +92,7 @@ py::dict Read(const std::string& path, const std::string& hdu, const py::object&
     }
     host.job.EndProgress();
     info = reader->Info();  // camera raw: black is known now
-    const Image image = Image::Over(host.job, to);
+    const Image image = Image::Over(host.job, to, nullptr, {{0, 1}});
     SetLevels(image.Pixels(), info, false);
     levels = LevelsOf(image.Pixels());
   });

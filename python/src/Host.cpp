@@ -114,15 +114,16 @@ LevelPairs LevelsOf(const CVelImage& image) {
   return levels;
 }
 
-Image ImageOver(Job& job, const Pixels& pixels, const LevelPairs& levels, const files::Header* header) {
+Image ImageOver(Job& job, const Pixels& pixels, const LevelPairs& levels, const files::Header* header,
+                ResultMemory result) {
   const Band<const float> band = BandOf(pixels);
-  // Whoever gets the image only reads it.
+  // Who may not write to the array only reads the image.
   std::array<float*, Band<float>::kMostPlanes> planes{};
   for (int p = 0; p < band.Planes(); ++p) {
     planes[p] = const_cast<float*>(band.Data()[p]);
   }
-  Image image =
-      Image::Over(job, {planes.data(), band.Planes(), band.Width(), 0, band.Rows()}, nullptr, levels);
+  Image image = Image::Over(job, {planes.data(), band.Planes(), band.Width(), 0, band.Rows()}, nullptr,
+                            levels, std::move(result));
   if (header) image.Header() = *header;
   return image;
 }

@@ -91,9 +91,10 @@ Pixels ArrayOf(const Image& image, bool withPlanes = false);
 using LevelPairs = std::vector<std::pair<double, double>>;
 LevelPairs LevelsOf(const CVelImage& image);
 
-/// An image over an array, which is only read. `header` is its header, if any.
+/// An image over an array, which stays as it is unless an operation works on it in place. `header` is its
+/// header, if any.
 Image ImageOver(Job& job, const Pixels& pixels, const LevelPairs& levels,
-                const files::Header* header = nullptr);
+                const files::Header* header = nullptr, ResultMemory result = {});
 
 void AddOperations(py::module_& module);
 void AddFiles(py::module_& module);

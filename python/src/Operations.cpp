@@ -110,17 +110,12 @@ Made RunOperation(const std::string& name, const py::dict& values, const Pixels&
   std::optional<Image> image;
   const bool isThere = host.Run([&] {
     if (step.What().keepsSource) {
-      float* planes[Band<float>::kMostPlanes] = {};
-      for (int p = 0; p < from.Planes(); ++p) {
-        planes[p] = const_cast<float*>(from.Data()[p]);  // which it only reads
-      }
-      image = Image::Over(host.job, {planes, from.Planes(), from.Width(), 0, from.Rows()}, nullptr, levels,
-                          {{to.Data(), to.Data() + to.Planes()}, resultIsZero});
+      image =
+          ImageOver(host.job, source, levels, header, {{to.Data(), to.Data() + to.Planes()}, resultIsZero});
     } else {
       CopyPixels(from, to);
-      image = Image::Over(host.job, to, nullptr, levels);
+      image = ImageOver(host.job, result, levels, header);
     }
-    if (header) image->Header() = *header;
     step.Run(host.job, *image, rect ? &window : nullptr);
     const bool isSameShape =
         image->Width() == to.Width() && image->Height() == to.Rows() && image->Planes() == to.Planes();

@@ -104,7 +104,7 @@ Image Image::Over(Job& job, const Band<float>& pixels, std::shared_ptr<const voi
     CheckShape(pixels);
     if (!pixels.IsDense()) {
       Image image = CopyOf(job, pixels);
-      GiveLevels(image, set);
+      if (!set.empty()) GiveLevels(image, set);
       return image;
     }
     StoredImage made = MakeImageOver({pixels.Data(), pixels.Data() + pixels.Planes()}, pixels.Width(),
