@@ -38,14 +38,7 @@ void AddRender(CLI::App& app, Tool& tool) {
                    "the picture of 8 bits: PNG, TIFF or JPEG, by its extension")
       ->required();
   AddChoice(
-      *verb, "--level", options->level,
-      {{"auto", LevelMethod::Auto},
-       {"linked", LevelMethod::Linked},
-       {"normal", LevelMethod::Normal},
-       {"mean", LevelMethod::Mean},
-       {"median", LevelMethod::Median},
-       {"histogram", LevelMethod::Histogram},
-       {"none", LevelMethod::None}},
+      *verb, "--level", options->level, kLevelMethods,
       "auto stretches the midtones of a linear image so that its sky is a dark grey, and leaves an image "
       "of 8 bits as it is; linked the same without a neutral sky; normal, mean, median and histogram set "
       "black and white; none takes the image's own levels");

@@ -10,6 +10,7 @@
 #include "korimg/calibration/MedianOfFrames.h"
 #include "korimg/image/internal/Lines.h"
 #include "korimg/image/internal/Numbers.h"
+#include "korimg/image/internal/Vectors.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 #include "korimg/raw/internal/HoneycombLattice.h"
 
@@ -410,6 +411,59 @@ Master MakeMaster(Job& job, const std::shared_ptr<CVmManager>& store, const Grou
   }
   master.measures = Measures(*master.image);
   return master;
+}
+
+namespace {
+
+/// Takes the offset off an image; what would be less than `least` becomes that. Answers how many pixels were.
+long long Subtract(CVelImage& image, CVelImage& offset, float least) {
+  long long count = 0;
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    for (const int n : MapLines(0, image.GetHeight(), [&](int y) {
+           float* row = image.GetWritableLine(0, y, p);
+           const float* off = offset.GetLine(0, y, std::min(p, offset.GetPlanes() - 1));
+           int below = 0;
+           RunInLongVectors([=, &below, width = image.GetWidth()]() KORIMG_IN_LOOP {
+             int found = 0;
+             for (int x = 0; x < width; ++x) {
+               const float light = row[x] - off[x];
+               found += light < least;
+               row[x] = light < least ? least : light;  // blank pixels stay
+             }
+             below = found;
+           });
+           return below;
+         })) {
+      count += n;
+    }
+  }
+  return count;
+}
+
+/// Makes blank what a flat has no data for.
+void Blank(CVelImage& image, CVelImage& flat) {
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    ForLines(Team::All, 0, image.GetHeight(), [&](int y) {
+      float* row = image.GetWritableLine(0, y, p);
+      const float* divisor = flat.GetLine(0, y, std::min(p, flat.GetPlanes() - 1));
+      for (int x = 0; x < image.GetWidth(); ++x) {
+        row[x] = std::isfinite(divisor[x]) ? row[x] : std::numeric_limits<float>::quiet_NaN();
+      }
+    });
+  }
+}
+
+}  // namespace
+
+long long ApplyMasters(CVelImage& image, CVelImage* offset, float least, CVelImage* flat,
+                       const Measures& ofFlat) {
+  const long long limited = offset ? Subtract(image, *offset, least) : 0;
+  if (flat) {
+    Measures m = ofFlat;
+    image.DarkFlat(&image, nullptr, flat, m.minima, m.maxima, m.averages, 0, 0, nullptr, 0);
+    if (m.hasBlank) Blank(image, *flat);
+  }
+  return limited;
 }
 
 void SaveMaster(Job& job, Master& master, const std::filesystem::path& path) {

@@ -12,7 +12,7 @@
 namespace korimg::session {
 
 /// Extremes and means of an image's planes. Pixels that are no finite numbers are passed over.
-struct Measures {
+struct KORIMG_SESSION_API Measures {
   float minima[3] = {}, maxima[3] = {}, averages[3] = {};
   double min = 0, max = 0, mean = 0;  ///< of all planes
   bool hasBlank = false;              ///< there are pixels that are no finite numbers
@@ -49,6 +49,12 @@ double ShareBelow(CVelImage& image, float value);
 /// they name or are told by its CFA number, are brought to one mean after.
 KORIMG_SESSION_API Master MakeMaster(Job& job, const std::shared_ptr<CVmManager>& store, const Group& group,
                                      const Master* offset, int cfa = 0);
+
+/// Takes an offset off an image, values below `least` being limited to it, and divides by a flat, which is
+/// free of its own offset, times its mean; either may be null. What the flat has no data for becomes NaN.
+/// Answers how many pixels were limited.
+KORIMG_SESSION_API long long ApplyMasters(CVelImage& image, CVelImage* offset, float least, CVelImage* flat,
+                                          const Measures& ofFlat);
 
 /// Writes a master with the first frame's header and its history.
 void SaveMaster(Job& job, Master& master, const std::filesystem::path& path);

@@ -49,44 +49,6 @@ std::string CameraOf(const Light& light) {
   return light.mosaic.name + ' ' + light.frame.info.header.GetString("INSTRUME").value_or("");
 }
 
-/// Takes the offset off an image; what would be less than `least` becomes that. Answers how many pixels were.
-long long Subtract(CVelImage& image, CVelImage& offset, float least) {
-  long long count = 0;
-  for (int p = 0; p < image.GetPlanes(); ++p) {
-    for (const int n : MapLines(0, image.GetHeight(), [&](int y) {
-           float* row = image.GetWritableLine(0, y, p);
-           const float* off = offset.GetLine(0, y, std::min(p, offset.GetPlanes() - 1));
-           int below = 0;
-           RunInLongVectors([=, &below, width = image.GetWidth()]() KORIMG_IN_LOOP {
-             int found = 0;
-             for (int x = 0; x < width; ++x) {
-               const float light = row[x] - off[x];
-               found += light < least;
-               row[x] = light < least ? least : light;  // blank pixels stay
-             }
-             below = found;
-           });
-           return below;
-         })) {
-      count += n;
-    }
-  }
-  return count;
-}
-
-/// Makes blank what a flat has no data for.
-void Blank(CVelImage& image, CVelImage& flat) {
-  for (int p = 0; p < image.GetPlanes(); ++p) {
-    ForLines(Team::All, 0, image.GetHeight(), [&](int y) {
-      float* row = image.GetWritableLine(0, y, p);
-      const float* divisor = flat.GetLine(0, y, std::min(p, flat.GetPlanes() - 1));
-      for (int x = 0; x < image.GetWidth(); ++x) {
-        row[x] = std::isfinite(divisor[x]) ? row[x] : std::numeric_limits<float>::quiet_NaN();
-      }
-    });
-  }
-}
-
 long long Pixels(const CVelImage& image) {
   return 1LL * image.GetWidth() * image.GetHeight() * image.GetPlanes();
 }
@@ -947,13 +909,8 @@ const DevelopedNoise* Session::NoiseOfDevelopment(const Light& light) const {
 long long Session::Apply(const Light& light, CVelImage& image, CVelImage* offset, CVelImage* flat) const {
   const double kept = options_.KeptPedestal();
   // Only what lies above the pedestal is light, to be divided by the flat.
-  const long long clipped =
-      offset ? Subtract(image, *offset, 0.0f - static_cast<float>(PedestalOf(light))) : 0;
-  if (flat) {
-    Measures m = MasterOf(light.flat)->measures;
-    image.DarkFlat(&image, nullptr, flat, m.minima, m.maxima, m.averages, 0, 0, nullptr, 0);
-    if (m.hasBlank) Blank(image, *flat);
-  }
+  const long long clipped = ApplyMasters(image, offset, 0.0f - static_cast<float>(PedestalOf(light)), flat,
+                                         flat ? MasterOf(light.flat)->measures : Measures());
   if (kept > 0) Calculate(image, Calculation::Add, kept);
   return clipped;
 }

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <vector>
+
 #include "korimg/image/CVelImage.h"
 
 #include "session/Export.h"
+#include "session/job/Named.h"
 #include "session/picture/Images.h"
 
 namespace korimg::session {
@@ -10,6 +13,10 @@ namespace korimg::session {
 /// How an image is shown: Auto stretches its midtones so that a linear image shows what is faint, with a grey
 /// sky, Linked with the same black for all planes; the others set black and white, and None leaves them.
 enum class LevelMethod { Auto, Linked, Normal, Mean, Median, Histogram, None };
+inline const std::vector<Named<LevelMethod>> kLevelMethods = {
+    {"auto", LevelMethod::Auto}, {"linked", LevelMethod::Linked}, {"normal", LevelMethod::Normal},
+    {"mean", LevelMethod::Mean}, {"median", LevelMethod::Median}, {"histogram", LevelMethod::Histogram},
+    {"none", LevelMethod::None}};
 
 /// What Auto and Linked show an image by: the sky, the median M with a spread s of 1.4826 times the median
 /// distance from it, becomes a quarter of white, and M - 2.8 s black. Colours keep their ratios above the

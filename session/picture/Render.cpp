@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include <fmt/format.h>
@@ -33,39 +35,52 @@ void Shrink(std::unique_ptr<CVelImage>& image, int binX, int binY) {
   image = std::move(binned);
 }
 
-/// Renders an image into a bitmap, band by band, and writes it: blue, green, red in pixels of `step` bytes.
-void WritePicture(Job& job, CVelImage& image, CBaseDIB& bitmap, int step, const fs::path& path) {
-  const int width = image.GetWidth(), height = image.GetHeight(), planes = image.GetPlanes() < 3 ? 1 : 3;
+/// Calls visit(y, pixels, step) for the rows of a picture: blue, green and red in pixels of `step` bytes.
+void ForRows(Job& job, CVelImage& image, const std::string& title,
+             const std::function<void(int, const unsigned char*, int)>& visit) {
+  constexpr long long kBytesPerPixel = 4;
+  const int width = image.GetWidth(), height = image.GetHeight();
+  const bool fits = kBytesPerPixel * width * height <= job.Memory();
+  CMemoryDIB inMemory;
+  std::optional<CVmDIB> paged;
+  CBaseDIB& bitmap = fits ? static_cast<CBaseDIB&>(inMemory) : paged.emplace(job.MakeStore("paged"));
   if (!bitmap.Create(nullptr, width, height, 0)) {
     throw velora::CVmMemoryAllocationError("no room for the picture");
   }
-  files::WriteOptions write{width, height, planes};
+  const int band = BandRows(width, image.GetPlanes() < 3 ? 1 : 3, height);
+  for (int top = 0; top < height; top += band) {
+    job.CheckCancelled();
+    job.Progress(title, top, height);
+    CRect rect(0, top, width, std::min(top + band, height));
+    image.ToDIB(&bitmap, &rect);
+    for (int y = rect.top; y < rect.bottom; ++y) {
+      visit(y, bitmap.GetImageAdr32(0, y), fits ? 4 : 3);
+    }
+  }
+  job.EndProgress();
+}
+
+void WritePicture(Job& job, CVelImage& image, const fs::path& path) {
+  const int width = image.GetWidth(), planes = image.GetPlanes() < 3 ? 1 : 3;
+  files::WriteOptions write{width, image.GetHeight(), planes};
   write.type = "uint8";
   write.overwrite = job.options.overwrite;
   const auto writer = files::ImageWriter::Create(path, write);
-  const int band = BandRows(width, planes, height);
   std::vector<float> line(static_cast<size_t>(width) * planes);
   const float* rows[3] = {};
   for (int p = 0; p < planes; ++p) {
     rows[p] = line.data() + static_cast<size_t>(p) * width;
   }
-  for (int top = 0; top < height; top += band) {
-    job.CheckCancelled();
-    job.Progress("writing " + path.filename().string(), top, height);
-    CRect rect(0, top, width, std::min(top + band, height));
-    image.ToDIB(&bitmap, &rect);
-    for (int y = rect.top; y < rect.bottom; ++y) {
-      const unsigned char* pixels = bitmap.GetImageAdr32(0, y);
-      for (int p = 0; p < planes; ++p) {
-        float* out = line.data() + static_cast<size_t>(p) * width;
-        for (int x = 0; x < width; ++x) {
-          out[x] = pixels[step * x + 2 - p];
-        }
-      }
-      writer->WriteRows({rows, planes, width, y, 1});
-    }
-  }
-  job.EndProgress();
+  ForRows(job, image, "writing " + path.filename().string(),
+          [&](int y, const unsigned char* pixels, int step) {
+            for (int p = 0; p < planes; ++p) {
+              float* out = line.data() + static_cast<size_t>(p) * width;
+              for (int x = 0; x < width; ++x) {
+                out[x] = pixels[step * x + 2 - p];
+              }
+            }
+            writer->WriteRows({rows, planes, width, y, 1});
+          });
   CommitComputed(*writer);
 }
 
@@ -91,9 +106,8 @@ void Tell(Job& job, const RenderOptions& options, const Json& more = Json::objec
   job.Tell(Dump(json), fmt::format("{} -> {}", options.input.string(), options.output.string()));
 }
 
-RenderResult Draw(Job& job, const RenderOptions& options) {
-  job.CheckOutput(options.output);
-  Image loaded = Image::Open(job, options.input, {.hdu = options.hdu});
+/// Makes a picture of an image, in its own pixels: as it lies, or turned over.
+RenderResult Draw(Image& loaded, bool overturned, const RenderOptions& options) {
   auto& image = loaded.Pointer();
   std::vector<CImgGradient::Box> boxes;
   if (options.annotations && options.gradient) {
@@ -103,7 +117,6 @@ RenderResult Draw(Job& job, const RenderOptions& options) {
                              "has too few boxes of sky for its gradient; give more boxes of a smaller size");
     }
   }
-  const bool overturned = files::IsPictureOverturned(loaded.Header());
   const int fullHeight = image->GetHeight();
   if (overturned) TurnOver(*image);
   const bool isPicture = options.level == LevelMethod::Auto && loaded.Info().type == "uint8";
@@ -115,24 +128,23 @@ RenderResult Draw(Job& job, const RenderOptions& options) {
   if (options.annotations) {
     DrawAnnotations(*image, options, boxes, loaded.Header(), overturned ? fullHeight : 0, binX, binY);
   }
-  constexpr long long kBytesPerPixel = 4;
-  if (kBytesPerPixel * image->GetWidth() * image->GetHeight() <= job.Memory()) {
-    CMemoryDIB bitmap;
-    WritePicture(job, *image, bitmap, 4, options.output);
-  } else {
-    CVmDIB bitmap(job.MakeStore("paged"));
-    WritePicture(job, *image, bitmap, 3, options.output);
-  }
-  const RenderResult result{{image->GetWidth(), image->GetHeight(), image->GetPlanes()}, levels, boxes};
+  return {{image->GetWidth(), image->GetHeight(), image->GetPlanes()}, levels, boxes};
+}
+
+RenderResult DrawFile(Job& job, const RenderOptions& options) {
+  job.CheckOutput(options.output);
+  Image image = Image::Open(job, options.input, {.hdu = options.hdu});
+  RenderResult result = Draw(image, files::IsPictureOverturned(image.Header()), options);
+  WritePicture(job, image.Pixels(), options.output);
   Json json{{"width", result.shape.width}, {"height", result.shape.height}};
   for (int p = 0; p < result.shape.planes; ++p) {
     json["black"].push_back(result.levels.min[p]);
     json["white"].push_back(result.levels.max[p]);
     json["midtone"].push_back(result.levels.midtone[p]);
   }
-  if (!boxes.empty()) {
-    json["boxes"] = boxes.size();
-    json["sky_boxes"] = CImgGradient::CountSky(boxes);
+  if (!result.boxes.empty()) {
+    json["boxes"] = result.boxes.size();
+    json["sky_boxes"] = CImgGradient::CountSky(result.boxes);
   }
   Tell(job, options, json);
   return result;
@@ -141,7 +153,28 @@ RenderResult Draw(Job& job, const RenderOptions& options) {
 }  // namespace
 
 RenderResult Render(Job& job, const RenderOptions& options) {
-  return AtEdge([&] { return Draw(job, options); });
+  return AtEdge([&] { return DrawFile(job, options); });
+}
+
+Picture RenderImage(Job& job, Image image, const RenderOptions& options) {
+  return AtEdge([&] {
+    if (!(options.scale > 0 && options.scale <= 1)) {
+      throw UsageError(fmt::format("a scale of {} is not above 0 and at most 1", options.scale));
+    }
+    Picture picture{Draw(image, false, options), {}};
+    const Shape& shape = picture.result.shape;
+    const int planes = shape.planes < 3 ? 1 : 3;
+    picture.pixels.resize(static_cast<size_t>(planes) * shape.width * shape.height);
+    unsigned char* out = picture.pixels.data();
+    ForRows(job, image.Pixels(), "rendering", [&](int, const unsigned char* pixels, int step) {
+      for (int x = 0; x < shape.width; ++x) {
+        for (int p = 0; p < planes; ++p) {
+          *out++ = pixels[step * x + 2 - p];
+        }
+      }
+    });
+    return picture;
+  });
 }
 
 void PlanRender(Job& job, const RenderOptions& options) {

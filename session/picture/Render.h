@@ -4,11 +4,13 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "session/Export.h"
 #include "session/job/Job.h"
 #include "session/picture/Annotate.h"
 #include "session/picture/AutoPicture.h"
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 
 namespace korimg::session {
@@ -33,6 +35,17 @@ struct RenderResult {
 /// Makes a picture of an image, upright by its header's sky.
 /// @throws FileError, Cancelled
 KORIMG_SESSION_API RenderResult Render(Job& job, const RenderOptions& options);
+
+/// A picture in memory.
+struct Picture {
+  RenderResult result;
+  std::vector<unsigned char> pixels;  ///< by rows, the top one first; red, green and blue of a pixel together
+};
+
+/// The same of an image in memory, which is used up: it is shown as it lies, and `input`, `output` and `hdu`
+/// of the options are not looked at.
+/// @throws UsageError, Cancelled
+KORIMG_SESSION_API Picture RenderImage(Job& job, Image image, const RenderOptions& options);
 
 /// Tells what Render would do. Reads and writes nothing.
 /// @throws FileError for an output that exists already, unless it may be replaced.

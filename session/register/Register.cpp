@@ -335,6 +335,14 @@ std::string ToJson(const Registration& registration) {
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
+CFrameMap MapOf(const std::string& json) {
+  try {
+    return MapFromJson(nlohmann::json::parse(json));
+  } catch (const std::exception& error) {
+    throw UsageError(fmt::format("the map of a registration: {}", error.what()));
+  }
+}
+
 namespace {
 
 /// Of the light of stars that two frames share.

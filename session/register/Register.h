@@ -134,4 +134,7 @@ inline constexpr const char* kNoCommonLight =
 /// note, and map where shift and turn do not lay the frame; see MapJson.h.
 KORIMG_SESSION_API std::string ToJson(const Registration& registration);
 
+/// The map of such an object. Throws UsageError for what is none.
+KORIMG_SESSION_API CFrameMap MapOf(const std::string& json);
+
 }  // namespace korimg::session

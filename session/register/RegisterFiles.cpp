@@ -21,11 +21,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// What a frame takes while its stars are found, by the first one that can be read.
-long long BytesAtWork(const std::vector<fs::path>& frames, const std::string& hdu) {
+/// What the image of a frame takes, by the first one that can be read.
+long long BytesOfFrames(const std::vector<fs::path>& frames, const std::string& hdu) {
   for (const fs::path& frame : frames) {
     try {
-      return 2 * BytesOf(files::ImageReader::Open(frame, {.hdu = hdu})->Info());
+      return BytesOf(files::ImageReader::Open(frame, {.hdu = hdu})->Info());
     } catch (const files::FileError&) {
       // Told when its turn comes.
     }
@@ -110,36 +110,36 @@ void CheckShare(Job& job, const std::vector<Registration>& registrations, size_t
                        matched > 0 ? ", less than half" : ", none but itself"));
 }
 
-RegisterResult Register(Job& job, const RegisterOptions& options) {
-  const auto store = job.MakeStore();
-  const auto open = [&](const fs::path& file) {
-    return Image::Open(job, store, file, {.hdu = options.hdu, .lessBorder = true});
-  };
-  const auto load = [&](const fs::path& file) -> std::shared_ptr<CVelImage> {
-    return std::move(open(file).Pointer());
-  };
-  const auto measure = [&](const fs::path& file) {
-    const Image loaded = open(file);
+RegisterResult Register(Job& job, const std::vector<RegisterSource>& wanted,
+                        const RegisterReference& wantedReference, const RegisterOptions& options) {
+  const auto measure = [&](const RegisterSource& source) {
+    const Image loaded = source.open();
     FrameMeasure frame = MeasureFrame(loaded.Pixels(), options.sigmas);
     frame.noData = loaded.Info().noData;
     return std::pair(std::move(frame), loaded.Header());
   };
+  const auto load = [](const RegisterSource& source) {
+    auto image = std::make_shared<Image>(source.open());
+    return std::shared_ptr<CVelImage>(image, &image->Pixels());
+  };
 
-  const std::vector<fs::path> wanted = ExpandFolders(job, options.files);
+  std::vector<size_t> numbers;  // of those that can be read, as they are wanted
   std::vector<fs::path> files;
   std::vector<FrameMeasure> frames;
   std::vector<files::Header> headers;
-  const long long bytes = BytesAtWork(wanted, options.hdu);
+  // The image, and as much again while its stars are found.
+  const long long bytes = wanted.empty() ? 0 : 2 * wanted.front().bytes;
   SideBySide(
       job, "finding stars in frame", wanted.size(), bytes, [&](size_t i) { return measure(wanted[i]); },
       [&](size_t i, const auto& result) {
         job.ForEachFile(
-            {wanted[i]},
+            {wanted[i].name},
             [&](const fs::path& file) {
               auto [frame, header] = result();
               frames.push_back(std::move(frame));
               headers.push_back(std::move(header));
               files.push_back(file);
+              numbers.push_back(i);
               const std::string& noData = frames.back().noData;
               if (!noData.empty()) job.Say(fmt::format("{}: {}", file.string(), noData));
             },
@@ -149,30 +149,36 @@ RegisterResult Register(Job& job, const RegisterOptions& options) {
     job.Fail("none of the frames can be read");
     return {};
   }
-  FramesToLay toLay{files, frames, [&](size_t i) { return load(files[i]); }, bytes};
+  FramesToLay toLay{files, frames, [&](size_t i) { return load(wanted[numbers[i]]); }, bytes};
   toLay.mayBeReference = LightsOfOneObject(headers);
   const LensLibrary lenses(options.lenses);
   const std::string camera = LensLibrary::KeyOf(headers.front(), frames.front().width, frames.front().height);
   const LayOptions how{options.model, options.residual, lenses.Find(camera)};
-  fs::path referenceFile = options.reference;
+  fs::path referenceName;
   FrameMeasure reference;
   files::Header referenceHeader;
   LaidFrames laid;
-  const auto named = std::find_if(files.begin(), files.end(), [&](const fs::path& file) {
-    return options.reference != "auto" && fs::equivalent(file, referenceFile);
-  });
-  if (options.reference == "auto" || named != files.end()) {
-    const auto number = named == files.end() ? std::nullopt : std::optional<size_t>(named - files.begin());
+  if (const auto* other = std::get_if<RegisterSource>(&wantedReference)) {
+    referenceName = other->name;
+    std::tie(reference, referenceHeader) = measure(*other);
+    laid = LayFrames(
+        job, toLay, reference, [&] { return load(*other); }, how);
+  } else {
+    std::optional<size_t> number;
+    if (const auto* told = std::get_if<size_t>(&wantedReference)) {
+      const auto found = std::find(numbers.begin(), numbers.end(), *told);
+      if (found == numbers.end()) {
+        throw files::FileError(wanted.at(*told).name,
+                               "is the reference, and cannot be read; name another one");
+      }
+      number = found - numbers.begin();
+    }
     laid = LayFrames(job, toLay, number, how);
-    referenceFile = files[*laid.reference];
+    referenceName = files[*laid.reference];
     reference = frames[*laid.reference];
     referenceHeader = headers[*laid.reference];
-  } else {
-    std::tie(reference, referenceHeader) = measure(referenceFile);
-    laid = LayFrames(
-        job, toLay, reference, [&] { return load(referenceFile); }, how);
   }
-  job.Say(fmt::format("reference: {}, FWHM {:.2f}, {} stars", referenceFile.string(), reference.fwhm,
+  job.Say(fmt::format("reference: {}, FWHM {:.2f}, {} stars", referenceName.string(), reference.fwhm,
                       reference.starCount));
   if (!laid.model.empty()) job.Say("laid by: " + laid.model);
   KeepLens(job, lenses, camera, laid);
@@ -182,19 +188,44 @@ RegisterResult Register(Job& job, const RegisterOptions& options) {
     CompareFluxes(frames, reference, registrations);
   }
   NameCopies(frames, registrations);
-  for (const fs::path& file : wanted) {
-    if (std::find(files.begin(), files.end(), file) == files.end()) {
-      registrations.push_back({.file = file.string(), .status = "cannot be read"});
+  for (size_t i = 0; i < wanted.size(); ++i) {
+    if (!std::binary_search(numbers.begin(), numbers.end(), i)) {
+      registrations.push_back({.file = wanted[i].name, .status = "cannot be read"});
     }
   }
   CheckShare(job, registrations, wanted.size());
-  return {referenceFile, std::move(reference), std::move(registrations), laid.model};
+  return {referenceName, std::move(reference), std::move(registrations), laid.model};
 }
 
 }  // namespace
 
 RegisterResult RegisterFiles(Job& job, const RegisterOptions& options) {
-  return AtEdge([&] { return Register(job, options); });
+  return AtEdge([&] {
+    const auto store = job.MakeStore();
+    const std::vector<fs::path> wanted = ExpandFolders(job, options.files);
+    const long long bytes = BytesOfFrames(wanted, options.hdu);
+    const auto source = [&](const fs::path& file) {
+      return RegisterSource{file.string(),
+                            [&job, &options, store, file] {
+                              return Image::Open(job, store, file, {.hdu = options.hdu, .lessBorder = true});
+                            },
+                            bytes};
+    };
+    std::vector<RegisterSource> sources;
+    RegisterReference reference;
+    if (options.reference != "auto") reference = source(options.reference);
+    for (const fs::path& file : wanted) {
+      std::error_code unknown;
+      if (fs::equivalent(file, options.reference, unknown)) reference = sources.size();
+      sources.push_back(source(file));
+    }
+    return Register(job, sources, reference, options);
+  });
+}
+
+RegisterResult RegisterImages(Job& job, const std::vector<RegisterSource>& images,
+                              const RegisterReference& reference, const RegisterOptions& options) {
+  return AtEdge([&] { return Register(job, images, reference, options); });
 }
 
 void WriteRegistrations(const fs::path& path, const std::vector<Registration>& registrations) {

@@ -1,12 +1,16 @@
-// How the frames of files lie on a reference.
+// How the frames of files, or images from elsewhere, lie on a reference.
 #pragma once
 
 #include <filesystem>
+#include <functional>
+#include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "session/Export.h"
 #include "session/job/Job.h"
+#include "session/picture/Image.h"
 #include "session/register/LayFrames.h"
 
 namespace korimg::session {
@@ -31,6 +35,16 @@ struct RegisterOptions {
   std::filesystem::path lenses = {};  ///< a LensLibrary that knows the lens, or gets it; empty: none
 };
 
+/// An image from elsewhere.
+struct RegisterSource {
+  std::string name;             ///< for people
+  std::function<Image()> open;  ///< any thread may call it, and more than once
+  long long bytes = 0;          ///< that it takes beside what is there already
+};
+
+/// What frames are laid on: the sharpest of them, one by its number, or another image.
+using RegisterReference = std::variant<std::monostate, size_t, RegisterSource>;
+
 struct RegisterResult {
   std::filesystem::path reference;
   FrameMeasure measure;              ///< of the reference
@@ -42,6 +56,11 @@ struct RegisterResult {
 /// lie on it, or none but itself.
 /// @throws FileError for a reference that cannot be read.
 KORIMG_SESSION_API RegisterResult RegisterFiles(Job& job, const RegisterOptions& options);
+
+/// The same for images from elsewhere. Of the options, files, reference and hdu are not looked at.
+KORIMG_SESSION_API RegisterResult RegisterImages(Job& job, const std::vector<RegisterSource>& images,
+                                                 const RegisterReference& reference,
+                                                 const RegisterOptions& options);
 
 /// Writes them as Transforms reads them, one a line. Throws FileError.
 KORIMG_SESSION_API void WriteRegistrations(const std::filesystem::path& path,

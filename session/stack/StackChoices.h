@@ -21,7 +21,7 @@ inline const std::vector<Named<Rejection::Test>> kRejections = {
     {"esd", Rejection::Esd},   {"linear-fit", Rejection::LinearFit}, {"noise", Rejection::Noise},
     {"none", Rejection::None}};
 
-struct StackChoices {
+struct KORIMG_SESSION_API StackChoices {
   std::string method = "mean", reject = "auto", kappa = "auto", normalise = "auto", weight = "noise",
               kernel = "bicubic", undershoot = "clamp";
   int iterations = 5;
