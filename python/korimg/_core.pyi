@@ -58,16 +58,72 @@ def find_stars(
     memory: int,
     report: Any,
 ) -> dict[str, Any]: ...
-def plan_run(session: str, values: dict[str, Any], memory: int, overwrite: bool, report: Any) -> None: ...
+def calibrate(
+    light: dict[str, Any],
+    offset: dict[str, Any] | None,
+    flat: dict[str, Any] | None,
+    memory: int,
+    report: Any,
+) -> dict[str, Any]: ...
+def develop(
+    mosaic: dict[str, Any], options: dict[str, Any], memory: int, report: Any, wants_progress: bool
+) -> dict[str, Any]: ...
+def register_arrays(
+    images: list[dict[str, Any]],
+    number: int | None,
+    other: dict[str, Any] | None,
+    options: dict[str, Any],
+    memory: int,
+    report: Any,
+    wants_progress: bool,
+) -> dict[str, Any]: ...
+def register_files(
+    files: list[str], reference: str, options: dict[str, Any], memory: int, report: Any, wants_progress: bool
+) -> dict[str, Any]: ...
+def stack_arrays(
+    images: list[dict[str, Any]],
+    registrations: list[dict[str, Any]],
+    reference: int,
+    options: dict[str, Any],
+    memory: int,
+    report: Any,
+    wants_progress: bool,
+) -> dict[str, Any]: ...
+def compose(
+    images: list[dict[str, Any]], options: dict[str, Any], memory: int, report: Any, wants_progress: bool
+) -> dict[str, Any]: ...
+def render(image: dict[str, Any], options: dict[str, Any], memory: int, report: Any) -> np.ndarray: ...
+def calibrate_files(
+    options: dict[str, Any], memory: int, overwrite: bool, origin: str, report: Any, wants_progress: bool
+) -> list[dict[str, Any]]: ...
+def develop_files(
+    options: dict[str, Any], memory: int, overwrite: bool, origin: str, report: Any, wants_progress: bool
+) -> list[dict[str, Any]]: ...
+def stack_files(
+    options: dict[str, Any], memory: int, overwrite: bool, origin: str, report: Any, wants_progress: bool
+) -> dict[str, Any]: ...
+def compose_files(
+    options: dict[str, Any], memory: int, overwrite: bool, origin: str, report: Any, wants_progress: bool
+) -> None: ...
+def render_file(
+    options: dict[str, Any], memory: int, overwrite: bool, report: Any, wants_progress: bool
+) -> None: ...
+def plan_run(session: str, options: dict[str, Any], memory: int, overwrite: bool, report: Any) -> None: ...
 def run(
     session: str,
-    values: dict[str, Any],
+    options: dict[str, Any],
     memory: int,
     overwrite: bool,
     origin: str,
     report: Any,
     wants_progress: bool,
 ) -> dict[str, Any]: ...
+def plan_tasks(
+    session: str, options: dict[str, Any], parts: int, memory: int, report: Any
+) -> list[dict[str, Any]]: ...
+def do_task(
+    session: str, options: dict[str, Any], task: dict[str, Any], memory: int, origin: str, report: Any
+) -> None: ...
 def simulate(
     folder: str,
     frames: int,

@@ -2,9 +2,19 @@
 
 from __future__ import annotations
 
+import re
+
+
+def in_python(text: str) -> str:
+    """Names options as Python does where a text names them as the command line does: --max-fwhm."""
+    return re.sub(r"(?<![\w-])--([a-z]+(?:-[a-z]+)*)", lambda option: option[1].replace("-", "_"), text)
+
 
 class Error(Exception):
     """Whatever goes wrong in korimg. The text is one line that says what to do."""
+
+    def __init__(self, text: str) -> None:
+        super().__init__(in_python(text))
 
 
 class UsageError(Error, ValueError):

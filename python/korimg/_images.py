@@ -7,7 +7,7 @@ import os
 import sys
 from collections.abc import Sequence
 from dataclasses import dataclass, field
-from typing import Any, Union
+from typing import Any, TypeGuard, Union
 
 import numpy as np
 
@@ -19,6 +19,7 @@ from ._report import warn
 #: Black and white of each plane.
 Levels = list[tuple[float, float]]
 
+_LEFT_OUT = "uncertainties and flags are not carried along: they are left out"
 _INTEGER_LEVELS: dict[Any, Levels] = {np.dtype(np.uint8): [(0.0, 255.0)], np.dtype(np.uint16): [(0.0, 65535.0)]}
 
 
@@ -90,11 +91,14 @@ class Taken:
     """An image as it was taken in.
 
     ``data`` is a native, C-contiguous float32 array, NaN where ``mask`` is true; ``give`` makes what came in
-    of the pixels of a result.
+    of the pixels of a result. Standard deviations that are left out are told of: who carries them along sets
+    ``uncertainty`` to None. ``mosaic`` is the pattern that the result has, as an `Image` says it.
     """
 
     levels: Levels = []
     header: Header | None = None
+    uncertainty: np.ndarray | None = None
+    mosaic: str = ""
 
     def __init__(self, data: np.ndarray, mask: np.ndarray | None = None) -> None:
         self.mask = mask
@@ -158,6 +162,8 @@ class _TakenNDData(Taken):
         if image.wcs is not None:
             self._take_world()
         self.levels = _levels_in(self.header)
+        if image.uncertainty is not None:
+            self.uncertainty = _deviations(image.uncertainty)
 
     def _cards_of_meta(self) -> Header:
         meta = self._like.meta
@@ -184,8 +190,8 @@ class _TakenNDData(Taken):
     def give(self, pixels: np.ndarray, levels: Levels, header: Header | None, moves: bool) -> Any:
         like = self._like
         assert header is not None and self.header is not None
-        if like.uncertainty is not None:
-            warn("operations do not carry uncertainties along: they are left out")
+        if self.uncertainty is not None:
+            warn(_LEFT_OUT)
         wcs = like.wcs
         if wcs is not None and (moves or header != self.header):
             wcs = self._world_of(header, pixels.shape)
@@ -239,12 +245,15 @@ class _TakenImage(Taken):
         self._like = image
         self.levels = image.levels
         self.header = image.header
+        self.uncertainty = image.uncertainty
+        self.mosaic = image.mosaic
+        self._flags = image.flags
 
     def give(self, pixels: np.ndarray, levels: Levels, header: Header | None, moves: bool) -> Any:
-        if self._like.uncertainty is not None or self._like.flags is not None:
-            warn("operations do not carry uncertainties and masks along: they are left out")
+        if self.uncertainty is not None or self._flags is not None:
+            warn(_LEFT_OUT)
         return Image(pixels, header if header is not None else Header(), levels, format=self._like.format,
-                     mosaic=self._like.mosaic if pixels.ndim == 2 else "")
+                     mosaic=self.mosaic if pixels.ndim == 2 else "")
 
 
 def take(image: ImageLike) -> Taken:
@@ -298,6 +307,40 @@ def level_pairs(levels: Any) -> Levels:
         return [(float(black), float(white)) for black, white in levels]
     except (TypeError, ValueError):
         raise UsageError("levels are (black, white), or such a pair for each plane") from None
+
+
+def source(image: Taken, name: str) -> dict[str, Any]:
+    """An image as the steps of the core take it."""
+    deviations = None if image.uncertainty is None else _as_float32(image.uncertainty)
+    return {"name": name, "pixels": image.data, "levels": image.levels, "header": image.header,
+            "uncertainty": deviations}
+
+
+def is_path(image: Any) -> TypeGuard[str | os.PathLike[str]]:
+    """An image that is the path of a file."""
+    return isinstance(image, (str, os.PathLike))
+
+
+def with_uncertainty(image: Any, deviations: np.ndarray) -> Any:
+    """An image of the kinds that have uncertainties, with standard deviations."""
+    if isinstance(image, Image):
+        image.uncertainty = deviations
+    elif hasattr(image, "uncertainty"):
+        from astropy.nddata import StdDevUncertainty
+
+        image.uncertainty = StdDevUncertainty(deviations)
+    return image
+
+
+def _deviations(uncertainty: Any) -> np.ndarray | None:
+    """Standard deviations of an uncertainty of astropy; None for one of no known kind."""
+    from astropy.nddata import StdDevUncertainty
+
+    try:
+        return np.asarray(uncertainty.represent_as(StdDevUncertainty).array)
+    except (AttributeError, TypeError):
+        warn("an uncertainty of this kind is no standard deviation: it is left out")
+        return None
 
 
 def _plain(image: Any) -> np.ndarray:

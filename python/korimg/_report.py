@@ -6,7 +6,7 @@ import logging
 import warnings
 from collections.abc import Callable
 
-from ._errors import KorimgWarning
+from ._errors import KorimgWarning, in_python
 
 #: Is called with a title, steps that are done, and all steps.
 ProgressCallback = Callable[[str, int, int], object]
@@ -28,6 +28,7 @@ class Report:
         self.results: list[str] = []
 
     def __call__(self, kind: int, text: str, data: str, step: int, total: int, detail: str) -> None:
+        text = in_python(text)
         if kind == _PROGRESS:
             if self._progress is not None and total > 0:
                 self._progress(text, step, total)

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import os
 from collections.abc import Sequence
 from dataclasses import dataclass
@@ -11,7 +12,6 @@ from . import _core
 from ._apply import bytes_of
 from ._errors import IncompleteError
 from ._report import ProgressCallback, Report
-
 
 
 @dataclass(frozen=True)
@@ -53,18 +53,61 @@ class RunResult:
     reports: list[str]
 
 
-def _options(
-    out: str | os.PathLike[str],
-    masters: str | os.PathLike[str] | None,
-    reference: str | os.PathLike[str] | None,
-    **values: Any,
-) -> dict[str, Any]:
-    values["out"] = os.fspath(out)
-    if masters is not None:
-        values["masters"] = os.fspath(masters)
-    if reference is not None:
-        values["reference"] = os.fspath(reference)
-    return values
+@dataclass(frozen=True)
+class RunPlan:
+    """What a run would do.
+
+    Attributes
+    ----------
+    session : str
+    options : dict
+        Of the run, by name.
+    lines : list of str
+        For people: groups of frames, what serves each light, stacks, what it takes of memory, disk and time.
+    details : list of dict
+        The same for programs, as ``korimg run --dry-run --json`` tells it.
+    """
+
+    session: str
+    options: dict[str, Any]
+    lines: list[str]
+    details: list[dict[str, Any]]
+    memory: int
+    overwrite: bool
+
+    def __str__(self) -> str:
+        return "\n".join(self.lines)
+
+    def run(self, *, progress: ProgressCallback | None = None) -> RunResult:
+        """Does what is planned: see `korimg.run`."""
+        return _run(self.session, self.options, self.memory, self.overwrite, progress)
+
+
+def run_values(given: dict[str, Any]) -> dict[str, Any]:
+    """Options of a run as the core takes them: paths as texts, and what was not told left out."""
+    return {key: os.fspath(value) if isinstance(value, os.PathLike) else value
+            for key, value in given.items() if value is not None}
+
+
+def origin_of(session: str, out: str) -> str:
+    """What a run was called by."""
+    return f"korimg.run({session!r}, out={out!r})"
+
+
+def _run(
+    session: str, values: dict[str, Any], memory: int, overwrite: bool, progress: ProgressCallback | None
+) -> RunResult:
+    report = Report(progress)
+    made = _core.run(session, values, memory, overwrite, origin_of(session, values["out"]), report,
+                     progress is not None)
+    result = RunResult([RunStack(**stack) for stack in made["stacks"]],
+                       [RunFrame(**frame) for frame in made["frames"]], made["colours"], made["reports"])
+    if report.failures:
+        raise IncompleteError(report.failures, result)
+    return result
+
+
+_NO_OPTIONS = ("session", "memory", "overwrite", "progress")
 
 
 def plan_run(
@@ -73,22 +116,95 @@ def plan_run(
     out: str | os.PathLike[str],
     masters: str | os.PathLike[str] | None = None,
     reference: str | os.PathLike[str] | None = None,
+    include: Sequence[str] = (),
+    exclude: Sequence[str] = (),
+    selection: str | os.PathLike[str] | None = None,
+    method: str = "mean",
+    reject: str = "auto",
+    kappa: str = "auto",
+    iterations: int = 5,
+    normalize: str = "auto",
+    weight: str = "noise",
+    kernel: str = "bicubic",
+    undershoot: str = "clamp",
+    drizzle: float | None = None,
+    pixfrac: float = 0.7,
+    drizzle_kernel: str = "square",
+    model: str = "auto",
+    min_stars: float = 0.4,
+    max_fwhm: float = 1.5,
+    max_elongation: float = 1.4,
+    palette: str = "auto",
+    gradient: bool = False,
+    pedestal: float | None = None,
+    cosmetic: str = "auto",
+    maps: bool = False,
+    group: str = "auto",
+    allow_mismatch: bool = False,
+    cfa: str = "",
+    row_order: str = "",
+    white_balance: str = "auto",
+    uncertainty: bool = False,
+    mask: bool = False,
+    gain: float | None = None,
+    read_noise: float | None = None,
     memory: int | str | None = None,
     overwrite: bool = False,
-) -> list[str]:
-    """Tells what `run` would do, in lines for people: groups of frames, what serves each light, what it takes.
+) -> RunPlan:
+    """Plans what `run` would do. Nothing is written.
 
-    Nothing is written.
+    Parameters
+    ----------
+    session : path
+        A folder that holds the frames, in folders of any kind; they say themselves what they are for.
+    out : path
+        The folder for all results.
+    masters : path, optional
+        Folder of masters of any sessions; OUT/masters unless told.
+    reference : path, optional
+        A light, or an image of the lights' size, whose grid all stacks lie on; the best light unless told.
+    include, exclude : sequence of str
+        Patterns of names, as of a shell: only these lights are used; these are left out.
+    selection : path, optional
+        A file of JSON with lists include and exclude, and reference.
+    method, reject, kappa, iterations, normalize, weight, kernel, undershoot
+        How frames are stacked, as `stack` takes them.
+    drizzle, pixfrac, drizzle_kernel
+        As `stack_files` takes them.
+    model : str
+        What lights are laid by, as `register` takes it.
+    min_stars : float
+        Leaves out lights with fewer stars than this share of the median; 0: no limit.
+    max_fwhm, max_elongation : float
+        Leaves out lights of more than so many times the median; 0: no limit.
+    palette : {"auto", "rgb", "sho", "hoo", "none"}
+        The colour image of several filters.
+    gradient : bool
+        Takes the gradient of the sky off each stack.
+    pedestal, cosmetic, maps, group, allow_mismatch, uncertainty, mask, gain, read_noise
+        How lights are calibrated, as `calibrate_files` takes them.
+    cfa, row_order, white_balance : str
+        Of mosaics, as `develop` takes them.
+    memory : int or str, optional
+        Bytes for pixels, as in "2G"; half of the machine's unless told.
+    overwrite : bool
+        Files that are there may be replaced.
+
+    Returns
+    -------
+    RunPlan
+        Which ``print`` shows, and whose ``run()`` does it.
 
     Raises
     ------
-    FileError
-        When frames or outputs are wrong, or the disk has no room.
+    UsageError, FileError
+        When values do not go together, frames or outputs are wrong, or the disk has no room.
     """
+    values = run_values({key: value for key, value in locals().items() if key not in _NO_OPTIONS})
     report = Report()
-    values = _options(out, masters, reference, gradient=False, uncertainty=False, mask=False)
     _core.plan_run(os.fspath(session), values, bytes_of(memory), overwrite, report)
-    return report.notes
+    return RunPlan(os.fspath(session), values, report.notes, [json.loads(data) for data in report.results],
+                   bytes_of(memory), overwrite)
 
 
 def run(
@@ -97,16 +213,38 @@ def run(
     out: str | os.PathLike[str],
     masters: str | os.PathLike[str] | None = None,
     reference: str | os.PathLike[str] | None = None,
+    include: Sequence[str] = (),
+    exclude: Sequence[str] = (),
+    selection: str | os.PathLike[str] | None = None,
     method: str = "mean",
     reject: str = "auto",
     kappa: str = "auto",
+    iterations: int = 5,
     normalize: str = "auto",
     weight: str = "noise",
     kernel: str = "bicubic",
+    undershoot: str = "clamp",
+    drizzle: float | None = None,
+    pixfrac: float = 0.7,
+    drizzle_kernel: str = "square",
+    model: str = "auto",
+    min_stars: float = 0.4,
+    max_fwhm: float = 1.5,
+    max_elongation: float = 1.4,
     palette: str = "auto",
     gradient: bool = False,
+    pedestal: float | None = None,
+    cosmetic: str = "auto",
+    maps: bool = False,
+    group: str = "auto",
+    allow_mismatch: bool = False,
+    cfa: str = "",
+    row_order: str = "",
+    white_balance: str = "auto",
     uncertainty: bool = False,
     mask: bool = False,
+    gain: float | None = None,
+    read_noise: float | None = None,
     memory: int | str | None = None,
     overwrite: bool = False,
     progress: ProgressCallback | None = None,
@@ -126,20 +264,28 @@ def run(
         Folder of masters of any sessions; OUT/masters unless told.
     reference : path, optional
         A light, or an image of the lights' size, whose grid all stacks lie on; the best light unless told.
-    method : {"mean", "median", "max", "min"}
-    reject : {"auto", "sigma", "winsorized", "esd", "linear-fit", "noise", "none"}
-    kappa : str
-        Deviations beyond which values are rejected, as in "3" or "2.5,3.5".
-    normalize : {"auto", "none", "level", "level+scale"}
-    weight : {"noise", "fwhm", "none"}
-    kernel : str
-        How moved frames are read between their pixels.
+    include, exclude : sequence of str
+        Patterns of names, as of a shell: only these lights are used; these are left out.
+    selection : path, optional
+        A file of JSON with lists include and exclude, and reference.
+    method, reject, kappa, iterations, normalize, weight, kernel, undershoot
+        How frames are stacked, as `stack` takes them.
+    drizzle, pixfrac, drizzle_kernel
+        As `stack_files` takes them.
+    model : str
+        What lights are laid by, as `register` takes it.
+    min_stars : float
+        Leaves out lights with fewer stars than this share of the median; 0: no limit.
+    max_fwhm, max_elongation : float
+        Leaves out lights of more than so many times the median; 0: no limit.
     palette : {"auto", "rgb", "sho", "hoo", "none"}
         The colour image of several filters.
     gradient : bool
-        Take the gradient of the sky off each stack.
-    uncertainty, mask : bool
-        Write them beside the pixels.
+        Takes the gradient of the sky off each stack.
+    pedestal, cosmetic, maps, group, allow_mismatch, uncertainty, mask, gain, read_noise
+        How lights are calibrated, as `calibrate_files` takes them.
+    cfa, row_order, white_balance : str
+        Of mosaics, as `develop` takes them.
     memory : int or str, optional
         Bytes for pixels, as in "2G"; half of the machine's unless told.
     overwrite : bool
@@ -154,23 +300,15 @@ def run(
 
     Raises
     ------
-    FileError
-        When calibration frames or outputs are wrong, the disk has no room, or no light is left.
+    UsageError, FileError
+        When values do not go together, calibration frames or outputs are wrong, the disk has no room, or no
+        light is left.
     IncompleteError
         When part of what was asked for failed, as when a stack holds less than half of its lights; ``result``
         has the rest.
     """
-    report = Report(progress)
-    values = _options(out, masters, reference, method=method, reject=reject, kappa=kappa, normalize=normalize,
-                      weight=weight, kernel=kernel, palette=palette, gradient=gradient, uncertainty=uncertainty,
-                      mask=mask)
-    made = _core.run(os.fspath(session), values, bytes_of(memory), overwrite,
-                     f"korimg.run({os.fspath(session)!r}, out={os.fspath(out)!r})", report, progress is not None)
-    result = RunResult([RunStack(**stack) for stack in made["stacks"]],
-                       [RunFrame(**frame) for frame in made["frames"]], made["colours"], made["reports"])
-    if report.failures:
-        raise IncompleteError(report.failures, result)
-    return result
+    values = run_values({key: value for key, value in locals().items() if key not in _NO_OPTIONS})
+    return _run(os.fspath(session), values, bytes_of(memory), overwrite, progress)
 
 
 def simulate(

@@ -99,6 +99,8 @@ Image ImageOver(Job& job, const Pixels& pixels, const LevelPairs& levels,
 void AddOperations(py::module_& module);
 void AddFiles(py::module_& module);
 void AddMeasures(py::module_& module);
+void AddSteps(py::module_& module);
+void AddFileSteps(py::module_& module);
 void AddSessions(py::module_& module);
 
 }  // namespace korimg::python

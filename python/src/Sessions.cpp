@@ -1,34 +1,17 @@
 // Sessions of files: planned, run and simulated.
-#include "python/src/Host.h"
+#include "python/src/Options.h"
 #include "session/calibrate/FindSession.h"
-#include "session/run/Run.h"
+#include "session/run/Tasks.h"
 #include "session/simulate/Simulate.h"
 
 namespace korimg::python {
 namespace {
 
-/// Options of a run as the package's Python code names them.
+/// The options of a run, with the frames of its session.
 RunOptions OptionsOf(Host& host, const std::string& session, const py::dict& values) {
   RunOptions options;
-  const auto text = [&](const char* key, auto& to) {
-    if (values.contains(key)) to = values[key].cast<std::string>();
-  };
+  TakeRunOptions(Values(values), options);
   CalibrateOptions& frames = options.calibrate;
-  text("out", frames.out);
-  text("masters", frames.masters);
-  text("reference", options.reference);
-  text("method", options.stack.method);
-  text("reject", options.stack.reject);
-  text("kappa", options.stack.kappa);
-  text("normalize", options.stack.normalise);
-  text("weight", options.stack.weight);
-  text("kernel", options.stack.kernel);
-  std::string palette = "auto";
-  text("palette", palette);
-  options.palette = session::ValueOf(kPalettes, palette);
-  options.gradient = values["gradient"].cast<bool>();
-  frames.quality.uncertainty = values["uncertainty"].cast<bool>();
-  frames.quality.mask = values["mask"].cast<bool>();
   SessionFrames found = host.Run([&] { return FindSession(host.job, session, frames.out); });
   frames.lights = std::move(found.lights);
   frames.darks = std::move(found.darks);
@@ -44,11 +27,7 @@ void PlanRun(const std::string& session, const py::dict& values, long long memor
   host.Run([&] { session::PlanRun(host.job, options); });
 }
 
-py::dict Run(const std::string& session, const py::dict& values, long long memory, bool overwrite,
-             const std::string& origin, const py::object& report, bool wantsProgress) {
-  Host host({report, wantsProgress, memory, overwrite, origin});
-  const RunOptions options = OptionsOf(host, session, values);
-  const RunResult run = host.Run([&] { return session::Run(host.job, options); });
+py::dict DictOf(const RunResult& run) {
   py::list stacks, frames;
   for (const RunStack& s : run.stacks) {
     stacks.append(py::dict(py::arg("file") = s.file.string(), py::arg("filter") = s.filter,
@@ -63,15 +42,44 @@ py::dict Run(const std::string& session, const py::dict& values, long long memor
                            py::arg("fwhm") = f.measure.fwhm, py::arg("sky") = f.measure.sky,
                            py::arg("noise") = f.measure.noise));
   }
-  const auto names = [](const std::vector<std::filesystem::path>& paths) {
-    py::list list;
-    for (const auto& path : paths) {
-      list.append(path.string());
-    }
-    return list;
-  };
   return py::dict(py::arg("stacks") = stacks, py::arg("frames") = frames,
-                  py::arg("colours") = names(run.colours), py::arg("reports") = names(run.reports));
+                  py::arg("colours") = NamesOf(run.colours), py::arg("reports") = NamesOf(run.reports));
+}
+
+py::dict Run(const std::string& session, const py::dict& values, long long memory, bool overwrite,
+             const std::string& origin, const py::object& report, bool wantsProgress) {
+  Host host({report, wantsProgress, memory, overwrite, origin});
+  const RunOptions options = OptionsOf(host, session, values);
+  return DictOf(host.Run([&] { return session::Run(host.job, options); }));
+}
+
+/// The tasks of a run: each a dictionary, which do_task takes back, and its text for people.
+py::list PlanTasks(const std::string& session, const py::dict& values, int parts, long long memory,
+                   const py::object& report) {
+  Host host({report, false, memory});
+  const RunOptions options = OptionsOf(host, session, values);
+  py::list tasks;
+  for (const RunTask& task : host.Run([&] { return session::PlanTasks(host.job, options, parts); })) {
+    tasks.append(py::dict(py::arg("stage") = NameOf(kRunStages, task.stage), py::arg("object") = task.object,
+                          py::arg("stack") = task.stack, py::arg("part") = task.part,
+                          py::arg("parts") = task.parts, py::arg("after") = task.after,
+                          py::arg("text") = task.Text()));
+  }
+  return tasks;
+}
+
+void DoTask(const std::string& session, const py::dict& values, const py::dict& given, long long memory,
+            const std::string& origin, const py::object& report) {
+  Host host({report, false, memory, false, origin});
+  const RunOptions options = OptionsOf(host, session, values);
+  const Values told(given);
+  RunTask task;
+  told.Choose("stage", kRunStages, task.stage);
+  told.Take("object", task.object);
+  told.Take("stack", task.stack);
+  told.Take("part", task.part);
+  told.Take("parts", task.parts);
+  host.Run([&] { session::DoTask(host.job, options, task); });
 }
 
 bool Simulate(const std::string& folder, int frames, int width, int height, const std::string& bayer,
@@ -104,6 +112,8 @@ bool Simulate(const std::string& folder, int frames, int width, int height, cons
 void AddSessions(py::module_& module) {
   module.def("plan_run", &PlanRun);
   module.def("run", &Run);
+  module.def("plan_tasks", &PlanTasks);
+  module.def("do_task", &DoTask);
   module.def("simulate", &Simulate);
 }
 

@@ -49,5 +49,7 @@ PYBIND11_MODULE(_core, module) {
   AddOperations(module);
   AddFiles(module);
   AddMeasures(module);
+  AddSteps(module);
+  AddFileSteps(module);
   AddSessions(module);
 }

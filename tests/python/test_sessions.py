@@ -46,7 +46,7 @@ def test_a_run_has_the_files_of_the_tool(tmp_path):
     with pytest.raises(OSError):
         korimg.simulate(night, frames=5, width=320, height=240)
     plan = korimg.plan_run(night, out=tmp_path / "out")
-    assert any("5 lights" in line for line in plan) and not (tmp_path / "out").exists()
+    assert any("5 lights" in line for line in plan.lines) and not (tmp_path / "out").exists()
     seen = []
     result = korimg.run(night, out=tmp_path / "out", reject="sigma", kappa="3",
                         progress=lambda title, step, total: seen.append((title, step, total)))
