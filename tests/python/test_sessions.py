@@ -1,5 +1,6 @@
 """Files and sessions by Python, against the tool."""
 
+import importlib.util
 import os
 import subprocess
 import sys
@@ -79,12 +80,27 @@ def test_a_run_that_is_interrupted_says_so_and_goes_on(tmp_path):
         korimg.run(night, out=tmp_path / "other", kappa="many", reject="sigma")
 
 
-def test_examples_run(tmp_path):
-    korimg.simulate(tmp_path / "night", frames=3, width=640, height=480)
-    stack = korimg.run(tmp_path / "night", out=tmp_path / "out").stacks[0].file
-    example = os.path.join(os.environ["KORIMG_EXAMPLES"], "picture.py")
-    told = subprocess.run([sys.executable, example, stack, tmp_path / "picture.png"], check=True,
-                          capture_output=True, text=True)
-    assert "stars, FWHM" in told.stdout
-    picture = korimg.read(tmp_path / "picture.png").data
-    assert picture.shape == (480, 640) and 2000 < np.median(picture) < 30000
+def test_the_gallery_goes_from_lights_to_pictures(tmp_path):
+    def show(script, *arguments):
+        done = subprocess.run([sys.executable, os.path.join(os.environ["KORIMG_EXAMPLES"], script + ".py"),
+                               *arguments], capture_output=True, text=True)
+        assert done.returncode == 0, done.stderr
+        return done.stdout
+
+    night, wheel = tmp_path / "night", tmp_path / "wheel"
+    korimg.simulate(night, frames=4, width=640, height=480, seed=2)
+    korimg.simulate(wheel, frames=3, width=480, height=360, filters=["L", "R", "G", "B"], seed=3)
+    assert "stars; the brightest one at" in show("light", night / "lights/light_0001.fits", tmp_path / "light.png")
+    assert "image 3:" in show("by_hand", night, tmp_path / "by_hand.png")
+    assert "stacked" in show("session", night, tmp_path / "results")
+    assert "stars, FWHM" in show("picture", tmp_path / "results/stack.fits", tmp_path / "picture.png")
+    show("session", wheel, tmp_path / "colours")
+    show("colour", tmp_path / "colours", tmp_path / "colour.png")
+    if importlib.util.find_spec("distributed"):
+        assert "4 of 4 lights" in show("cluster", night, tmp_path / "cluster")
+    made = {path.stem: korimg.read(path).data for path in tmp_path.glob("*.png")}
+    assert set(made) == {"light", "by_hand", "picture", "colour"}
+    for name in ("by_hand", "picture"):
+        assert made[name].shape == (480, 640) and 2000 < np.median(made[name]) < 30000
+    # The sky is grey.
+    assert made["colour"].shape[0] == 3 and np.ptp(np.median(made["colour"], axis=(1, 2))) < 3000
