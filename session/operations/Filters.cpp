@@ -211,6 +211,7 @@ std::vector<Operation> FiltersOperations() {
       TakesBand(gaussian)
           .StoresAgree(std::nullopt)
           .Example("sigma=2 highlight=180 highlight-range=40")
+          .KeepsSource()
           .Runs(Gaussian),
       Describe<LaplacianOptions>(
           "laplacian", "edges: the size of the Laplacian, above the first plane's black",
@@ -285,13 +286,14 @@ std::vector<Operation> FiltersOperations() {
           .Example("radius=2 rank=4")
           .KeepsSource()
           .Runs(Rank),
-      TakesMode(smallMedian).OnRect().Example("mode=3x3").Runs(SmallMedian),
-      TakesMode(smallRank).OnRect().Example("rank=2 mode=3x3").Runs(SmallRank),
+      TakesMode(smallMedian).OnRect().Example("mode=3x3").KeepsSource().Runs(SmallMedian),
+      TakesMode(smallRank).OnRect().Example("rank=2 mode=3x3").KeepsSource().Runs(SmallRank),
       TakesWeight(TakesMode(smallUnsharp))
           .Takes("threshold", &SmallUnsharpOptions::threshold,
                  {"share by which a pixel must differ from the plain mean", "", 0, 1e6})
           .OnRect()
           .Example("strength=1.5 mode=3x3 threshold=0.02")
+          .KeepsSource()
           .Runs(SmallUnsharp),
   };
 }

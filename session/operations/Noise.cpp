@@ -317,7 +317,7 @@ std::vector<Operation> NoiseOperations() {
           .Example("mode=pairs threshold=20 pattern=rggb")
           .KeepsSource()
           .Runs(CfaNoise),
-      TakesStrength(colourNoise).OnRect().Example("level=100 strength=0.5").Runs(ColourNoise),
+      TakesStrength(colourNoise).OnRect().Example("level=100 strength=0.5").KeepsSource().Runs(ColourNoise),
       Describe<ContoursOptions>(
           "contours", "draws the borders between steps of brightness",
           "Shows the shape of a comet's coma, of gradients and of faint outer parts as lines on "
@@ -333,9 +333,14 @@ std::vector<Operation> NoiseOperations() {
           .Takes("iterations", &CosmicRaysOptions::iterations, {"at most", "", 1, 100})
           .OnRect()
           .Example("objlim=4 read-noise=8")
+          .KeepsSource()
           .Runs(CosmicRays),
-      TakesStrength(fringe).OnRect().Example("colour=100,110,180 tolerance=0.6").Runs(Fringe),
-      TakesStrength(guideError).OnRect().Example("length=3 angle=20 strength=0.5").Runs(GuideError),
+      TakesStrength(fringe).OnRect().Example("colour=100,110,180 tolerance=0.6").KeepsSource().Runs(Fringe),
+      TakesStrength(guideError)
+          .OnRect()
+          .Example("length=3 angle=20 strength=0.5")
+          .KeepsSource()
+          .Runs(GuideError),
       Describe<HotCoolOptions>(
           "hot-cool", "replaces hot and cool pixels by the median about them",
           "Repairs what dark frames left, on mono images and developed ones; for a mosaic use cfa-noise. A "

@@ -148,6 +148,7 @@ std::vector<Operation> SharpeningOperations() {
       TakesLimits(multiband)
           .StoresAgree(std::nullopt)
           .Example("sigma2=3 weight3=2 dark=20 dark-range=10 brighter=80")
+          .KeepsSource()
           .Runs(Multiband),
       TakesLimits(TakesStrength(
                       TakesRadius(Describe<KernelOptions>(
@@ -177,6 +178,7 @@ std::vector<Operation> SharpeningOperations() {
       TakesLimits(unsharp)
           .StoresAgree(1e-5)
           .Example("sigma=1.5 strength=0.8 dark=40 dark-range=20")
+          .KeepsSource()
           .Runs(Unsharp),
   };
 }

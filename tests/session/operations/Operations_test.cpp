@@ -163,7 +163,7 @@ TEST_F(Table, SourcesStayThatAreSaidTo) {
       }
     }
   }
-  EXPECT_GT(kept, 40);
+  EXPECT_GT(kept, 50);
 }
 
 TEST_F(Table, HeadersGoTheWayThatIsSaid) {
