@@ -280,9 +280,7 @@ def develop(
                 raise FileError(str(error), os.fspath(image)) from None
             return read(out)
     taken = take(image)
-    if taken.header is None and not row_order:
-        how["row_order"] = "top-down"
-    elif taken.header is not None and not cfa and taken.mosaic and "BAYERPAT" not in taken.header:
+    if taken.header is not None and not cfa and taken.mosaic and "BAYERPAT" not in taken.header:
         how["cfa"], how["row_order"] = taken.mosaic, row_order or "top-down"
     taken.mosaic = ""
     found = _core.develop(source(taken, "the image"), how, bytes_of(memory), Report(progress), progress is not None)

@@ -1,7 +1,9 @@
 """Steps on arrays, against numpy and against the same steps on files."""
 
+import dataclasses
 import os
 import subprocess
+import warnings
 
 import numpy as np
 import pytest
@@ -80,9 +82,13 @@ def test_stacks_are_of_the_kind_of_their_frames():
     masks = [frame > 950 for frame in frames]
     expected = np.ma.mean([np.ma.MaskedArray(*pair) for pair in zip(frames, masks)], axis=0)
     how = {"reject": "none", "normalize": "none", "weight": "none"}
-    ccds = [nddata.CCDData(frame, unit="adu", mask=mask, uncertainty=nddata.StdDevUncertainty(frame / 10),
-                           meta={"OBJECT": "M 1"}) for frame, mask in zip(frames, masks)]
-    made = korimg.stack(ccds, uncertainty=True, **how).image
+    kinds = [nddata.StdDevUncertainty(frame / 10) for frame in frames]
+    kinds[2] = nddata.VarianceUncertainty((frames[2] / 10) ** 2)
+    ccds = [nddata.CCDData(frame, unit="adu", mask=mask, uncertainty=kind, meta={"OBJECT": "M 1"})
+            for frame, mask, kind in zip(frames, masks, kinds)]
+    with warnings.catch_warnings():
+        warnings.simplefilter("error")  # nothing is lost, nothing is warned of
+        made = korimg.stack(ccds, uncertainty=True, **how).image
     assert type(made) is nddata.CCDData and made.unit == units.adu and made.meta["OBJECT"] == "M 1"
     assert np.array_equal(made.mask, np.ma.getmaskarray(expected))
     assert np.allclose(made.data[~made.mask], expected.compressed(), rtol=1e-6)
@@ -106,6 +112,11 @@ def test_frames_that_are_left_out_are_told(night):
     assert [place.is_good for place in places.frames] == [True, True, True, False]
     made = korimg.stack(images[:3] + [make((300, 400))], places)
     assert len(made.frames) == 3 and made.left_out[0][0] == "image 3"
+    dim = [dataclasses.replace(place, flux_ratio=place.flux_ratio if n != 1 else None)
+           for n, place in enumerate(places.frames[:3])]
+    made = korimg.stack(images[:3], dim)
+    assert len(made.frames) == 2 and "no star" in made.left_out[0][1]
+    assert len(korimg.stack(images[:3], dim, normalize="level").frames) == 3
     with pytest.raises(korimg.IncompleteError, match="none but itself") as raised:
         korimg.register([images[0], *(make((300, 400), seed=seed) for seed in range(3))], reference=0)
     assert len(raised.value.result.frames) == 4
