@@ -1,5 +1,8 @@
-"""What a call by Python costs: of a small image, and of 24 megapixels beside a copy by numpy."""
+"""What a call by Python costs: of a small image, and of 24 megapixels beside a copy by numpy and, with the path of
+bench/call, beside the same call in C++, in turns: overhead.py [CALL]."""
 
+import subprocess
+import sys
 import time
 
 import numpy as np
@@ -23,3 +26,11 @@ for _ in range(15):
     own = seconds(lambda: ops.invert(large, levels=(0, 1), out=out))
     ratios.append(own / seconds(lambda: np.copyto(out, large)))
 print(f"invert, 6000 x 4000, into out: {np.median(ratios):.2f} of numpy.copyto")
+
+if len(sys.argv) > 1:
+    ratios = []
+    for _ in range(7):
+        theirs = float(subprocess.run(sys.argv[1], check=True, capture_output=True, text=True).stdout)
+        own = np.median([seconds(lambda: ops.invert(large, levels=(0, 1), out=out)) for _ in range(15)])
+        ratios.append(own / theirs)
+    print(f"invert, 6000 x 4000, into out: {np.median(ratios):.3f} of the call in C++")
