@@ -84,7 +84,6 @@ size_t Road::MeasureFrames(const std::vector<size_t>& numbers) {
         const auto take = [&](const fs::path&) {
           try {
             frame = result();
-            Keep(frame);
           } catch (const files::FileError& error) {
             frame.error = error.Reason();
             frame.isUnfinished = dynamic_cast<const files::UnfinishedError*>(&error);
@@ -95,6 +94,7 @@ size_t Road::MeasureFrames(const std::vector<size_t>& numbers) {
           }
         };
         job_.ForEachFile({frame.light->frame.path}, take, true);
+        if (frame.IsMeasured()) Keep(frame);  // where that fails, it is no fault of the light
       });
   return missing.size();
 }

@@ -74,7 +74,7 @@ void RunState::Keep(const std::string& name, const std::string& digest, Json dat
 
 std::optional<RunState::Json> RunState::Read(const std::string& name) const {
   std::ifstream file(Path(name), std::ios::binary);
-  if (!file) return std::nullopt;
+  if (!file || !fs::is_regular_file(Path(name))) return std::nullopt;
   const std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(file), {}};
   Json json = Json::from_cbor(bytes, true, false);
   if (!json.is_object()) return std::nullopt;

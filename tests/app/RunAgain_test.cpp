@@ -167,6 +167,17 @@ TEST_F(RunAgainTest, ResultsOfOtherLightsAndForeignFilesAreNotReplaced) {
   EXPECT_EQ(ReadBytes(In("mine/stack.png")), "a picture");
 }
 
+TEST_F(RunAgainTest, WhatCannotBeKeptIsNoFaultOfALight) {
+  ASSERT_TRUE(Simulate(In("night"), {.frames = 4, .width = 200, .height = 160, .seed = 1}));
+  fs::create_directories(In("out/.korimg/light_light_0002.cbor/in the way"));
+  const Result r = Shell("korimg run night --out out");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("light_light_0002.cbor: cannot "), std::string::npos) << r.err;
+  EXPECT_EQ((r.out + r.err).find("light_0002.fits"), std::string::npos) << r.out << r.err;
+  fs::remove_all(In("out/.korimg/light_light_0002.cbor"));
+  EXPECT_EQ(Shell("korimg run night --out out -q").code, 0);
+}
+
 TEST_F(RunAgainTest, SelectionsAndReferences) {
   ASSERT_TRUE(Simulate(In("night"), {.frames = 6, .width = 400, .height = 300, .seed = 3}));
   const auto stacked = [&](const std::string& options) {
