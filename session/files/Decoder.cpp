@@ -28,14 +28,16 @@ std::pair<FileDescriptor, FileDescriptor> Connection(const fs::path& shown) {
   return {FileDescriptor(ends[0]), FileDescriptor(ends[1])};
 }
 
-/// Where korimg-decoder lies: beside the program or the library, in a build's folder of them, or as it is
-/// installed.
+/// Where korimg-decoder lies: beside the library that wants it or the program, in a build's folder of them,
+/// or as it is installed. The library's own goes before those that the system has installed.
 fs::path Program(const fs::path& shown) {
   std::error_code error;
   const fs::path here = fs::read_symlink("/proc/self/exe", error).parent_path();
   Dl_info own{};
   const bool known = dladdr(reinterpret_cast<const void*>(&Program), &own) != 0 && own.dli_fname != nullptr;
-  for (const fs::path& place : {here, known ? fs::path(own.dli_fname).parent_path() : here}) {
+  // Of a program it is the name that it was called by.
+  const fs::path library = known && own.dli_fname[0] == '/' ? fs::path(own.dli_fname).parent_path() : here;
+  for (const fs::path& place : {library, here}) {
     for (const char* folder : {"", "../libexec/korimg", "../../libexec/korimg", "../app"}) {
       const fs::path program = place / folder / "korimg-decoder";
       if (access(program.c_str(), X_OK) == 0) return program;
@@ -44,7 +46,7 @@ fs::path Program(const fs::path& shown) {
   throw FileError(
       shown, fmt::format("cannot be decoded without the program korimg-decoder, which belongs into {} or "
                          "../libexec/korimg; install it",
-                         here.string()));
+                         library.string()));
 }
 
 /// The process that decoders are children of. It has one thread, so that it can fork where this one must not.
