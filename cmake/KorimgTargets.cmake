@@ -1,8 +1,32 @@
 # What every target of ours is compiled with, and how a family of pipelines is generated.
 
-find_package(OpenMP REQUIRED COMPONENTS CXX)
-find_path(HALIDE_INCLUDE_DIR Halide.h PATH_SUFFIXES halide14 REQUIRED)
-find_library(HALIDE_LIBRARY NAMES Halide14 Halide REQUIRED)
+function(korimg_check_found what)
+  foreach(variable ${ARGN})
+    if(NOT ${variable})
+      message(FATAL_ERROR "korimg is built with ${what}, which is not found. On Debian, `tools/setup build` installs all that "
+                          "is needed; elsewhere, install it, and name its place by -DCMAKE_PREFIX_PATH=...")
+    endif()
+  endforeach()
+endfunction()
+
+# korimg_require(PACKAGE ...): find_package, with an error that says what to do.
+macro(korimg_require package)
+  find_package(${package} QUIET ${ARGN})
+  string(JOIN " " wanted ${package} ${ARGN})
+  korimg_check_found("${wanted}" ${package}_FOUND)
+endmacro()
+
+# korimg_require_module(PREFIX MODULE [GLOBAL]): the same for PkgConfig::PREFIX, of a module of pkg-config.
+macro(korimg_require_module prefix module)
+  korimg_require(PkgConfig)
+  pkg_check_modules(${prefix} QUIET IMPORTED_TARGET ${ARGN} ${module})
+  korimg_check_found(${module} ${prefix}_FOUND)
+endmacro()
+
+korimg_require(OpenMP COMPONENTS CXX)
+find_path(HALIDE_INCLUDE_DIR Halide.h PATH_SUFFIXES halide14)
+find_library(HALIDE_LIBRARY NAMES Halide14 Halide)
+korimg_check_found("Halide 14" HALIDE_INCLUDE_DIR HALIDE_LIBRARY)
 
 function(korimg_compile_options target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wno-missing-field-initializers)
