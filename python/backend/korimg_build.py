@@ -44,8 +44,8 @@ def build_wheel(wheel_directory: str, config_settings: Settings = None, metadata
     core = "korimg/_core" + sysconfig.get_config_var("EXT_SUFFIX")
     if core not in files:
         sys.exit(f"The build has no {core}: build its target korimg_package, with -DPython_EXECUTABLE={sys.executable}")
-    license = (0o644, (ROOT / "LICENSE").read_bytes())
-    return write_wheel(wheel_directory, {**files, **information(), f"{NAME}.dist-info/LICENSE": license})
+    terms = (0o644, (ROOT / "LICENSE").read_bytes())
+    return write_wheel(wheel_directory, {**files, **information(), f"{NAME}.dist-info/LICENSE": terms})
 
 
 def prepare_metadata_for_build_wheel(metadata_directory: str, config_settings: Settings = None) -> str:
@@ -144,6 +144,6 @@ def sources() -> list[str]:
     if listed and listed.returncode == 0:
         names = [Path(name) for name in listed.stdout.split("\0") if name]
     else:
-        left = {".git", "build", "demo", "PKG-INFO", "__pycache__"}
-        names = [path for file in ROOT.rglob("*") if not left & set((path := file.relative_to(ROOT)).parts)]
+        names = [path for file in ROOT.rglob("*") if (path := file.relative_to(ROOT)).parts[0] not in
+                 (".git", "build", "demo", "PKG-INFO") and "__pycache__" not in path.parts]
     return sorted(str(name) for name in names if (ROOT / name).is_file())
