@@ -13,12 +13,14 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/korimg ${PROJECT_BINARY_DIR}/session)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
+file(READ ${PROJECT_SOURCE_DIR}/NOTICE notice)
 file(CONFIGURE OUTPUT debian/copyright CONTENT
 "Copyright: korimg developers
 License: Apache-2.0
 
 On Debian systems, the text of the Apache License 2.0 is in /usr/share/common-licenses/Apache-2.0.
-")
+
+${notice}")
 
 # korimg_debian_package(COMPONENT NAME SECTION SUMMARY [DEPENDS ...]): a package, and what it depends on beside the
 # libraries that its programs are linked with.

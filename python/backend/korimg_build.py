@@ -44,8 +44,8 @@ def build_wheel(wheel_directory: str, config_settings: Settings = None, metadata
     core = "korimg/_core" + sysconfig.get_config_var("EXT_SUFFIX")
     if core not in files:
         sys.exit(f"The build has no {core}: build its target korimg_package, with -DPython_EXECUTABLE={sys.executable}")
-    terms = (0o644, (ROOT / "LICENSE").read_bytes())
-    return write_wheel(wheel_directory, {**files, **information(), f"{NAME}.dist-info/LICENSE": terms})
+    terms = {f"{NAME}.dist-info/{name}": (0o644, (ROOT / name).read_bytes()) for name in ("LICENSE", "NOTICE")}
+    return write_wheel(wheel_directory, {**files, **information(), **terms})
 
 
 def prepare_metadata_for_build_wheel(metadata_directory: str, config_settings: Settings = None) -> str:
