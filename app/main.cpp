@@ -32,8 +32,9 @@ int Run(int argc, char** argv, Tool& tool) {
   app.option_defaults()->always_capture_default();
   app.require_subcommand(0, 1);  // what is named as a verb after another one is a word of that one
   AddVersion(app, tool);
-  for (const auto add : {AddInfo, AddOps, AddApply, AddCalibrate, AddCompose, AddComposite, AddDevelop,
-                         AddFocus, AddRegister, AddRender, AddRun, AddSimulate, AddSky, AddStack, AddStars}) {
+  for (const auto add :
+       {AddInfo, AddOps, AddApply, AddCalibrate, AddCompose, AddComposite, AddDevelop, AddFocus, AddRegister,
+        AddRender, AddRun, AddSimulate, AddSky, AddStack, AddStars, AddView}) {
     add(app, tool);
   }
   for (CLI::App* verb : app.get_subcommands({})) {

@@ -34,6 +34,7 @@ void AddStars(CLI::App& app, Tool& tool);
 void AddRegister(CLI::App& app, Tool& tool);
 void AddSky(CLI::App& app, Tool& tool);
 void AddStack(CLI::App& app, Tool& tool);
+void AddView(CLI::App& app, Tool& tool);
 
 /// Adds the options that all verbs take.
 void AddCommonOptions(CLI::App& verb, Tool& tool);

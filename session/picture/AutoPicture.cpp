@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <limits>
 
-#include "korimg/composite/stacking/FrameLevels.h"
 #include "korimg/image/Loan.h"
 #include "korimg/levels/CImgAutoLevel.h"
 #include "korimg/levels/CImgMidtones.h"
@@ -11,11 +10,19 @@
 namespace korimg::session {
 
 Levels StretchForPicture(CVelImage& image, bool linked) {
-  const int planes = std::min(image.GetPlanes(), 3);
-  const FrameLevels sky = MeasureLevels(image);
+  std::vector<std::pair<double, double>> extremes;
+  for (int p = 0; p < std::min(image.GetPlanes(), 3); ++p) {
+    extremes.push_back(FiniteExtremes(image, p));
+  }
+  return StretchForPicture(MeasureLevels(image), extremes, linked);
+}
+
+Levels StretchForPicture(const FrameLevels& sky, const std::vector<std::pair<double, double>>& extremes,
+                         bool linked) {
+  const int planes = static_cast<int>(extremes.size());
   double lowest = std::numeric_limits<double>::infinity(), highest = -lowest, level = 0, spread = 0;
   for (int p = 0; p < planes; ++p) {
-    const auto [min, max] = FiniteExtremes(image, p);
+    const auto [min, max] = extremes[p];
     lowest = std::min(lowest, min);
     highest = std::max(highest, max);
     level += sky.level[p] / planes;

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <utility>
 #include <vector>
 
+#include "korimg/composite/stacking/FrameLevels.h"
 #include "korimg/image/CVelImage.h"
 
 #include "session/Export.h"
@@ -22,6 +24,11 @@ inline const std::vector<Named<LevelMethod>> kLevelMethods = {
 /// distance from it, becomes a quarter of white, and M - 2.8 s black. Colours keep their ratios above the
 /// sky. An image that is bright throughout, or of one value, is shown from its minimum to its maximum.
 KORIMG_SESSION_API Levels StretchForPicture(CVelImage& image, bool linked = false);
+/// The same for an image that nobody holds as a whole, by its sky and by the extremes of each plane's finite
+/// pixels.
+KORIMG_SESSION_API Levels StretchForPicture(const FrameLevels& sky,
+                                            const std::vector<std::pair<double, double>>& extremes,
+                                            bool linked = false);
 
 /// Sets the levels of an image so that it makes a good picture of a sky, and answers what it is shown by. A
 /// colour image keeps its colours.

@@ -14,6 +14,8 @@ namespace {
 
 using Matrix = CFrameMap::Matrix;
 
+constexpr double kDegree = std::numbers::pi / 180;
+
 /// An image's gnomonic plane: from straight pixels to directions of the sky, up to their length.
 struct TangentPlane {
   Matrix toSky;
@@ -69,7 +71,6 @@ std::optional<TangentPlane> PlaneOf(const files::Header& header, const files::Im
   for (const char* key : {"CRPIX1", "CRPIX2", "CRVAL1", "CRVAL2"}) {
     if (!header.GetDouble(key)) return std::nullopt;
   }
-  constexpr double kDegree = std::numbers::pi / 180;
   const korimg::Point reference{number("CRPIX1", 0) - 1, number("CRPIX2", 0) - 1};
   double cd[2][2];
   const bool hasCd = header.GetDouble("CD1_1") || header.GetDouble("CD1_2") || header.GetDouble("CD2_1");
@@ -124,6 +125,17 @@ std::optional<CFrameMap> MapByWorld(const files::Header& image, const files::Ima
     error->Delete();
     return std::nullopt;
   }
+}
+
+std::optional<SkyPlace> SkyAt(const files::Header& header, const files::ImageSize& size, double x, double y) {
+  const auto plane = PlaneOf(header, size);
+  if (!plane) return std::nullopt;
+  const korimg::Point p = plane->lens.Straight({x, y});
+  const Matrix& m = plane->toSky;
+  const double first = m[0] * p.x + m[1] * p.y + m[2], second = m[3] * p.x + m[4] * p.y + m[5],
+               third = m[6] * p.x + m[7] * p.y + m[8];
+  const double ra = std::atan2(second, first) / kDegree;
+  return SkyPlace{ra < 0 ? ra + 360 : ra, std::atan2(third, std::hypot(first, second)) / kDegree};
 }
 
 }  // namespace korimg::session

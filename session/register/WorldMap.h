@@ -19,4 +19,14 @@ KORIMG_SESSION_API std::optional<CFrameMap> MapByWorld(const files::Header& imag
                                                        const files::Header& other,
                                                        const files::ImageSize& otherSize);
 
+/// A place of the sky, in degrees.
+struct SkyPlace {
+  double ra = 0, dec = 0;
+};
+
+/// Where a place of an image lies on the sky, by world coordinates of the same kinds. Whole numbers are the
+/// pixels' centres, from 0, downward as rows are read.
+KORIMG_SESSION_API std::optional<SkyPlace> SkyAt(const files::Header& header, const files::ImageSize& size,
+                                                 double x, double y);
+
 }  // namespace korimg::session

@@ -7,18 +7,32 @@
 #include "korimg/image/internal/Numbers.h"
 
 namespace korimg {
+namespace {
+
+constexpr int kSample = 60000;
+
+}  // namespace
+
+std::vector<int> LinesForLevels(int width, int height) {
+  std::vector<int> lines(std::clamp((kSample + width - 1) / width, 1, height));
+  const auto count = static_cast<long long>(lines.size());
+  for (long long i = 0; i < count; ++i) {
+    lines[i] = static_cast<int>((2 * i + 1) * height / (2 * count));
+  }
+  return lines;
+}
+
 FrameLevels MeasureLevels(CVelImage& image) {
-  constexpr int kSample = 60000;
   FrameLevels result;
   if (image.IsEmpty()) return result;
-  const int width = image.GetWidth(), height = image.GetHeight();
-  const int lines = std::clamp((kSample + width - 1) / width, 1, height);
+  const int width = image.GetWidth();
+  const std::vector<int> lines = LinesForLevels(width, image.GetHeight());
   // Very wide lines are taken in part.
   const int step = std::max(width / kSample, 1);
   for (int p = 0; p < std::min(image.GetPlanes(), 3); ++p) {
     std::vector<float> values, distances;
-    for (int i = 0; i < lines; ++i) {
-      const float* line = image.GetLine(0, static_cast<int>((2LL * i + 1) * height / (2LL * lines)), p);
+    for (const int y : lines) {
+      const float* line = image.GetLine(0, y, p);
       for (int x = 0; x < width; x += step) {
         if (std::isfinite(line[x])) values.push_back(line[x]);
         if (x < 1 || x > width - 2) continue;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vector>
+
 #include "korimg/image/CVelImage.h"
 
 namespace korimg {
@@ -17,5 +19,8 @@ struct FrameLevels {
 /// as stars count little; pixels that are no finite numbers are passed over. Noise comes from the distance of
 /// each pixel to the mean of its left and right neighbours. The same for any number of threads.
 KORIMG_API FrameLevels MeasureLevels(CVelImage& image);
+
+/// The lines that MeasureLevels looks at, from the upper one down. An image of these alone measures the same.
+KORIMG_API std::vector<int> LinesForLevels(int width, int height);
 
 }  // namespace korimg

@@ -1,0 +1,26 @@
+// What pages may ask for: each group of names has a file of its own here.
+#pragma once
+
+#include "session/job/Job.h"
+#include "viewer/image/OpenImages.h"
+#include "viewer/server/Files.h"
+#include "viewer/server/Router.h"
+
+namespace korimg::viewer {
+
+/// What the groups work on. Lives as long as the server.
+struct Context {
+  session::Job& job;
+  Files files;
+  OpenImages images{job, files};
+};
+
+/// The page itself, and the list of files.
+void AddPage(Router& router, Context& context);
+/// Looking at an image: tiles, pixels, header, statistics, stars.
+void AddImage(Router& router, Context& context);
+
+/// A token that ends a job once nobody waits for the answer, or the viewer ends.
+std::shared_ptr<session::CancelToken> TokenOf(const Request& request, session::Job& job);
+
+}  // namespace korimg::viewer

@@ -1,0 +1,45 @@
+// The images that pages look at: a few are held open.
+#pragma once
+
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "session/job/Job.h"
+#include "viewer/image/Pyramid.h"
+#include "viewer/server/Files.h"
+
+namespace korimg::viewer {
+
+struct OpenImage {
+  int id = 0;
+  bool isDeveloped = false;
+  std::string stamp;    ///< of the file when it was opened
+  std::string version;  ///< of this state of the file, for addresses
+  std::unique_ptr<Pyramid> pyramid;
+
+  /// True once nothing of it changes any more.
+  bool IsExact() const { return pyramid->Progress() == 1; }
+};
+
+/// Opens images when they are asked for, and again when their files have changed. Of the job's memory each
+/// has an equal share. Any thread may ask.
+class OpenImages {
+ public:
+  OpenImages(session::Job& job, Files& files) : job_(job), files_(files) {}
+
+  /// @throws UsageError, FileError
+  std::shared_ptr<const OpenImage> Get(int id, bool isDeveloped);
+
+ private:
+  static constexpr int kMost = 4;
+
+  session::Job& job_;
+  Files& files_;
+  std::mutex mutex_;
+  std::list<std::shared_ptr<const OpenImage>> open_;  ///< the last one used first
+  int versions_ = 0;
+};
+
+}  // namespace korimg::viewer

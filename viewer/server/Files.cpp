@@ -1,0 +1,99 @@
+#include "viewer/server/Files.h"
+
+#include <algorithm>
+#include <set>
+
+#include <fmt/format.h>
+
+#include "session/files/ImageFile.h"
+
+namespace korimg::viewer {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::size_t kMost = 20000;  // images of a folder
+
+bool IsImageName(const fs::path& path) {
+  static const std::set<std::string> known = {".fits", ".fit", ".fts", ".fz", ".gz", ".tif", ".tiff", ".png"};
+  return known.contains(files::LowerExtension(path)) || files::HasRawExtension(path);
+}
+
+bool IsBelow(const fs::path& path, const fs::path& folder) {
+  return std::mismatch(folder.begin(), folder.end(), path.begin(), path.end()).first == folder.end();
+}
+
+}  // namespace
+
+Files::Files(const std::vector<fs::path>& named) {
+  for (const fs::path& path : named) {
+    std::error_code error;
+    const fs::path real = fs::canonical(path, error);
+    if (error) throw files::FileError(path, error.message());
+    (fs::is_directory(real) ? folders_ : files_).push_back(real);
+  }
+  for (const fs::path& file : files_) {
+    IdOf(file);
+  }
+}
+
+int Files::IdOf(const fs::path& path) {
+  const auto [place, isNew] = ids_.emplace(path, static_cast<int>(paths_.size()));
+  if (isNew) paths_.push_back(path);
+  return place->second;
+}
+
+bool Files::IsVisible(const fs::path& real) const {
+  return std::find(files_.begin(), files_.end(), real) != files_.end() ||
+         std::any_of(folders_.begin(), folders_.end(), [&](const fs::path& f) { return IsBelow(real, f); });
+}
+
+std::vector<Files::Entry> Files::List() {
+  const std::lock_guard lock(mutex_);
+  std::vector<Entry> entries;
+  for (const fs::path& file : files_) {
+    entries.push_back({IdOf(file), file.filename().string()});
+  }
+  for (const fs::path& folder : folders_) {
+    std::vector<fs::path> found;
+    std::error_code error;
+    // Folders that are links are not gone into, which leaves no way round in circles.
+    for (fs::recursive_directory_iterator at(folder, fs::directory_options::skip_permission_denied, error),
+         end;
+         !error && at != end && found.size() < kMost; at.increment(error)) {
+      const fs::path& path = at->path();
+      if (path.filename().string().starts_with('.')) {
+        at.disable_recursion_pending();
+        continue;
+      }
+      std::error_code gone;
+      if (!IsImageName(path) || !at->is_regular_file(gone)) continue;
+      const fs::path real = fs::canonical(path, gone);
+      if (!gone && IsVisible(real)) found.push_back(path);
+    }
+    std::sort(found.begin(), found.end());
+    for (const fs::path& path : found) {
+      entries.push_back({IdOf(path), path.lexically_relative(folder).string()});
+    }
+  }
+  return entries;
+}
+
+fs::path Files::Find(int id) {
+  fs::path path;
+  {
+    const std::lock_guard lock(mutex_);
+    if (id < 0 || id >= static_cast<int>(paths_.size())) {
+      throw session::UsageError(fmt::format("no image has the number {}", id));
+    }
+    path = paths_[id];
+  }
+  std::error_code error;
+  const fs::path real = fs::canonical(path, error);
+  if (error) throw files::FileError(path, error.message());
+  if (!IsVisible(real)) throw files::FileError(path, "is a link to a place that was not named");
+  return real;
+}
+
+}  // namespace korimg::viewer

@@ -1,0 +1,42 @@
+// What the viewer may see: files that were named, and images below folders that were named.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace korimg::viewer {
+
+/// A list of images that pages speak of by numbers, never by paths. Links are followed only as far as they
+/// stay below a named folder; this is looked at again whenever a file is opened. Any thread may call it.
+class Files {
+ public:
+  struct Entry {
+    int id = 0;
+    std::string name;  ///< from the named folder on; of a named file its own
+  };
+
+  /// @throws FileError for a path that is not there.
+  explicit Files(const std::vector<std::filesystem::path>& named);
+
+  /// What there is now, in the order of names; an image keeps its number.
+  std::vector<Entry> List();
+  /// The real path of an image. Throws UsageError for a number that nothing has, and FileError for what has
+  /// gone, or has come to lie elsewhere.
+  std::filesystem::path Find(int id);
+  /// The named folders, real paths.
+  const std::vector<std::filesystem::path>& Folders() const { return folders_; }
+
+ private:
+  int IdOf(const std::filesystem::path& path);
+  bool IsVisible(const std::filesystem::path& real) const;
+
+  std::vector<std::filesystem::path> files_, folders_;  ///< real paths
+  std::mutex mutex_;
+  std::map<std::filesystem::path, int> ids_;
+  std::vector<std::filesystem::path> paths_;  ///< by number
+};
+
+}  // namespace korimg::viewer

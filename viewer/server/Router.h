@@ -1,0 +1,54 @@
+// Who may ask, and what is answered by which name.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "viewer/server/Http.h"
+
+namespace korimg::viewer {
+
+using Json = nlohmann::ordered_json;
+
+/// 128 random bits, in hexadecimal digits.
+std::string NewToken();
+
+/// Answers requests for /TOKEN/NAME. Names are whole texts, never paths of files. Whoever does not know the
+/// token, or comes by the name of another host or from another page, is told that there is nothing.
+class Router {
+ public:
+  using Handler = std::function<Response(const Request&)>;
+
+  /// With `anyHost` this machine may be asked for by any name, as where it listens to others.
+  explicit Router(std::string token, bool anyHost = false) : token_(std::move(token)), anyHost_(anyHost) {}
+
+  /// What is asked for and changes nothing.
+  void Get(const std::string& name, Handler handler) { gets_[name] = std::move(handler); }
+  /// What does something.
+  void Post(const std::string& name, Handler handler) { posts_[name] = std::move(handler); }
+
+  /// Answers any request. What a handler throws is told as {"error": text}.
+  Response Answer(const Request& request) const;
+
+ private:
+  bool Knows(const Request& request, std::string_view& name) const;
+
+  std::string token_;
+  bool anyHost_;
+  std::map<std::string, Handler, std::less<>> gets_, posts_;
+};
+
+/// An object for the page.
+Response JsonResponse(const Json& json, int status = 200);
+
+/// A number of a request's query, within limits. Throws UsageError where it is missing or beyond them.
+double NumberOf(const Request& request, const std::string& name, double low, double high);
+int WholeOf(const Request& request, const std::string& name, int low, int high);
+/// A text of the query; empty where it is missing.
+std::string TextOf(const Request& request, const std::string& name);
+
+}  // namespace korimg::viewer
