@@ -20,6 +20,13 @@ long long BytesOf(const Shape& shape) {
   return 4LL * shape.width * shape.height * shape.planes;
 }
 
+/// Has the pass wait for as long as it lives.
+struct Asking {
+  explicit Asking(std::atomic<int>& count) : count(count) { ++count; }
+  ~Asking() { --count; }
+  std::atomic<int>& count;
+};
+
 /// The mean of up to four pixels that are no NaN.
 float MeanOf(float a, float b, float c, float d) {
   const auto value = [](float v) { return v == v ? v : 0.0f; };
@@ -135,9 +142,8 @@ Band<float> Writable(Pyramid::Strip& strip) {
 }  // namespace
 
 void Pyramid::Read(const Band<float>& to) {
-  ++asking_;
+  const Asking asking(asking_);
   const std::lock_guard lock(reading_);
-  --asking_;
   source_->read(to);
 }
 
@@ -219,6 +225,7 @@ void Pyramid::Keep(const Key& key, const StripPtr& strip) {
 
 Pyramid::StripPtr Pyramid::Get(int level, int index, const std::function<bool()>& isGone) {
   if (const StripPtr kept = Kept({level, index})) return kept;
+  const Asking asking(asking_);
   const std::lock_guard lock(making_);
   if (isGone()) throw Cancelled();
   if (const StripPtr kept = Kept({level, index})) return kept;  // made while this thread waited

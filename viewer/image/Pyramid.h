@@ -81,7 +81,7 @@ class Pyramid {
   FrameLevels sky_;
 
   std::mutex reading_, making_;
-  std::atomic<int> asking_ = 0;  ///< threads that want rows: the pass lets them go first
+  std::atomic<int> asking_ = 0;  ///< threads that want something: the pass lets them go first
   mutable std::mutex mutex_;     ///< of all below
   std::map<Key, StripPtr> kept_;
   std::list<std::pair<Key, StripPtr>> others_;  ///< the last one used first

@@ -94,6 +94,7 @@ class Connection : public httplib::Stream {
   /// Waits for the next request.
   bool Begins() {
     left_ = options_.largestHead;
+    closes = true;
     deadline_ = Clock::now() + seconds(options_.seconds);
     return next_ < filled_ ||
            Wait(POLLIN, Clock::now() + (requests_++ == 0 ? seconds(options_.seconds) : kIdle));
@@ -141,7 +142,8 @@ class Connection : public httplib::Stream {
   void get_local_ip_and_port(std::string&, int&) const override {}
   socket_t socket() const override { return socket_; }
 
-  bool closes = false;  ///< after this request
+  /// After this request: unless all of it was read and answered.
+  bool closes = true;
 
  private:
   bool Wait(short what, Clock::time_point until) const {
@@ -182,6 +184,7 @@ Request Translate(const httplib::Request& from) {
 }
 
 void Translate(Response from, httplib::Response& to) {
+  served->closes = from.stream != nullptr;
   to.status = from.status;
   for (const auto& [name, value] : from.headers) {
     to.set_header(name, value);
@@ -190,7 +193,6 @@ void Translate(Response from, httplib::Response& to) {
     to.set_content(from.body, from.type);
     return;
   }
-  served->closes = true;
   to.set_chunked_content_provider(from.type,
                                   [stream = std::move(from.stream)](size_t, httplib::DataSink& sink) {
                                     stream([&sink](const std::string& piece) {
@@ -208,6 +210,9 @@ struct HttpServer::Server : httplib::Server {
   int port = 0;
   std::atomic<bool> ends = false;
   std::thread thread;
+
+  /// A browser opens more connections at once than the library lets wait.
+  void Widen() { ::listen(svr_sock_, SOMAXCONN); }
 
   bool process_and_close_socket(socket_t socket) override {
     if (!Pool::turnsAway) {
@@ -249,8 +254,8 @@ HttpServer::HttpServer(const HttpOptions& options, std::function<Response(const 
     const bool hasBody = request.has_header("Content-Length") || request.has_header("Transfer-Encoding");
     const bool isPost = request.method == "POST";
     const auto refuse = [&](int status, const char* why) {
-      served->closes = true;
       Translate({.status = status, .body = why}, response);
+      served->closes = true;
       return httplib::Server::HandlerResponse::Handled;
     };
     if (request.path.size() > kLongestPath) return refuse(414, "too long\n");
@@ -277,6 +282,7 @@ HttpServer::HttpServer(const HttpOptions& options, std::function<Response(const 
                     "choose another by --port",
                     options.address, options.port));
   }
+  server.Widen();
   server.thread = std::thread([&server] { server.listen_after_bind(); });
   while (!server.is_running()) {
     std::this_thread::sleep_for(milliseconds(1));

@@ -1,0 +1,175 @@
+// The page in a real browser, on a simulated frame.
+import assert from 'node:assert/strict';
+import { execFileSync } from 'node:child_process';
+import { mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import path from 'node:path';
+import { after, before, describe, it } from 'node:test';
+import { missing, openPage, serve, tool } from './support.mjs';
+
+describe('an image in the browser', { skip: missing, timeout: 120_000 }, () => {
+  let folder, viewer, opened, page;
+
+  before(async () => {
+    folder = mkdtempSync(path.join(tmpdir(), 'korimg view '));
+    const run = (...words) => execFileSync(tool, words, { stdio: ['ignore', 'ignore', 'inherit'] });
+    run('simulate', path.join(folder, 'mono'), '--frames', '2', '--size', '900x700', '--seed', '7', '-q');
+    run('simulate', path.join(folder, 'colour'), '--bayer', 'GRBG', '--frames', '2', '--size', '600x400', '--seed', '8', '-q');
+    run('render', path.join(folder, 'mono/lights/light_0001.fits'), '-o', path.join(folder, 'reference.png'), '-q');
+    viewer = await serve([path.join(folder, 'mono/lights/light_0001.fits'), path.join(folder, 'colour/lights')]);
+    opened = await openPage(viewer.address);
+    page = opened.page;
+    await exact();
+  });
+
+  after(async () => {
+    await opened?.browser.close();
+    await viewer?.stop();
+    rmSync(folder, { recursive: true });
+  });
+
+  /** Waits until the picture is what it stays. */
+  async function exact(width = 900) {
+    await page.waitForFunction((text) => document.querySelector('#status .name')?.textContent?.startsWith(text) &&
+      document.querySelector('#stage progress')?.hidden, `${width} ×`);
+    await page.waitForTimeout(400);
+  }
+
+  const zoom = () => page.locator('#tools output').first().textContent();
+  /** The mean of what is drawn on the stage. */
+  const brightness = () => page.evaluate(() => {
+    const canvas = document.querySelector('#stage canvas:not(.overlay)');
+    const { data } = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height);
+    let sum = 0;
+    for (let i = 0; i < data.length; i += 4) sum += data[i] + data[i + 1] + data[i + 2];
+    return sum / (data.length / 4) / 3;
+  });
+
+  it('has at 1:1 the pixels that render writes', async () => {
+    const reference = await page.evaluate(async (bytes) => {
+      const pixelsOf = async (blob) => {
+        const bitmap = await createImageBitmap(blob);
+        const canvas = new OffscreenCanvas(bitmap.width, bitmap.height);
+        const context = canvas.getContext('2d');
+        context.drawImage(bitmap, 0, 0);
+        return context.getImageData(0, 0, bitmap.width, bitmap.height);
+      };
+      const whole = await pixelsOf(new Blob([new Uint8Array(bytes)], { type: 'image/png' }));
+      let different = 0, compared = 0;
+      for (let y = 0; y * 256 < whole.height; ++y) {
+        for (let x = 0; x * 256 < whole.width; ++x) {
+          const answer = await fetch(`image/tile?id=0&level=0&x=${x}&y=${y}&format=png`);
+          const tile = await pixelsOf(await answer.blob());
+          for (let v = 0; v < tile.height; ++v) {
+            for (let u = 0; u < tile.width; ++u) {
+              ++compared;
+              different += tile.data[4 * (v * tile.width + u)] !==
+                whole.data[4 * ((y * 256 + v) * whole.width + x * 256 + u)];
+            }
+          }
+        }
+      }
+      return { different, compared };
+    }, [...readFileSync(path.join(folder, 'reference.png'))]);
+    assert.deepEqual(reference, { different: 0, compared: 900 * 700 });
+  });
+
+  it('zooms and fits by keys', async () => {
+    await page.keyboard.press('z');
+    await page.waitForTimeout(600);
+    assert.equal(await zoom(), '100 %');
+    await page.keyboard.press('+');
+    await page.waitForTimeout(600);
+    assert.equal(await zoom(), '150 %');
+    await page.keyboard.press('f');
+    await page.waitForTimeout(600);
+    assert.notEqual(await zoom(), '150 %');
+  });
+
+  it('tells the pixel under the cursor as the file has it', async () => {
+    await page.keyboard.press('z');
+    await page.waitForTimeout(600);
+    const stage = await page.locator('#stage').boundingBox();
+    await page.mouse.move(stage.x + stage.width / 2 + 30, stage.y + stage.height / 2 - 20);
+    await page.waitForFunction(() => /^x \d+ {2}y \d+$/.test(document.querySelector('#status span').textContent));
+    const [place, value] = await page.locator('#status span').allTextContents();
+    const [, x, y] = place.match(/x (\d+) {2}y (\d+)/).map(Number);
+    assert.ok(Math.abs(x - 480) <= 1 && Math.abs(y - 330) <= 1, place);
+    const known = await page.evaluate(async ([x, y]) =>
+      (await fetch(`image/statistics?id=0&left=${x}&top=${y}&right=${x + 1}&bottom=${y + 1}&low=0&high=1`)).json(), [x, y]);
+    assert.ok(value.includes(String(known.planes[0].median)), value);
+  });
+
+  it('stretches by hand, and back', async () => {
+    await page.keyboard.press('f');
+    await page.waitForTimeout(600);
+    const before = await brightness();
+    const box = page.getByLabel('Midtones, as a number');
+    await box.fill('0.5');
+    await box.press('Enter');
+    await page.waitForTimeout(1200);
+    const linear = await brightness();
+    assert.ok(linear < before / 3, `${linear} after ${before}`);
+    assert.equal(await page.getByRole('button', { name: 'By hand' }).getAttribute('aria-pressed'), 'true');
+    await page.locator('#stage').focus();
+    await page.keyboard.press('a');
+    await page.waitForTimeout(1200);
+    assert.ok(Math.abs(await brightness() - before) < 0.5);
+    await page.getByText('Hyperbolic stretch').click();
+    await page.getByLabel('on, before the midtones').check();
+    await page.waitForTimeout(1200);
+    assert.ok(await brightness() > before, 'the hyperbolic stretch lifts');
+    await page.locator('#stage').focus();
+    await page.keyboard.press('a');
+    await page.waitForTimeout(800);
+  });
+
+  it('measures the view, a box, a line and the stars', async () => {
+    const note = page.locator('aside details', { hasText: 'Statistics' }).locator('.faint').first();
+    assert.match(await note.textContent(), /^View/);
+    const stage = await page.locator('#stage').boundingBox();
+    const drag = async () => {
+      await page.mouse.move(stage.x + 200, stage.y + 150);
+      await page.mouse.down();
+      await page.mouse.move(stage.x + 230, stage.y + 190, { steps: 4 });
+      await page.mouse.up();
+      await page.waitForTimeout(600);
+    };
+    await page.keyboard.press('b');
+    await drag();
+    assert.match(await note.textContent(), /^Box/);
+    await page.keyboard.press('m');
+    await drag();
+    assert.match(await page.locator('#tools output').nth(1).textContent(), /^\d+\.\d px/);
+    await page.keyboard.press('Escape');
+    await page.keyboard.press('s');
+    const stars = page.locator('aside details', { hasText: 'Stars' });
+    await stars.locator('summary').click();
+    await stars.locator('td').first().waitFor();
+    assert.ok(Number(await stars.locator('td').first().textContent()) > 20);
+    await page.keyboard.press('s');
+  });
+
+  it('develops a mosaic, and goes through the list by keys', async () => {
+    await page.keyboard.press('n');
+    await exact(600);
+    assert.equal(await page.getByRole('button', { name: 'Develop' }).getAttribute('aria-pressed'), 'false');
+    await page.keyboard.press('d');
+    await page.waitForFunction(() => document.querySelector('#status .name').textContent.includes('× 3'));
+    await exact(600);
+    assert.ok(await page.getByRole('button', { name: 'Channel: R' }).isVisible());
+    await page.keyboard.press('p');
+    await exact(900);
+  });
+
+  it('asks nobody else for anything, and complains of nothing', async () => {
+    assert.deepEqual(opened.foreign, []);
+    assert.deepEqual(opened.complaints, []);
+  });
+
+  it('ends at once', async () => {
+    const start = Date.now();
+    assert.equal(await viewer.stop(), 0);
+    assert.ok(Date.now() - start < 5000);
+  });
+});

@@ -1,0 +1,68 @@
+#include "viewer/server/Files.h"
+
+#include <algorithm>
+
+#include "session/job/Errors.h"
+#include "tests/support/Folder.h"
+
+namespace korimg::viewer {
+namespace {
+
+namespace fs = std::filesystem;
+
+class FilesList : public files::FolderTest {
+ protected:
+  FilesList() {
+    for (const char* name : {"seen/b.fits", "seen/deep/a.FIT", "seen/notes.txt", "seen/.hidden/c.fits",
+                             "secret/s.fits", "named.png"}) {
+      fs::create_directories(In(name).parent_path());
+      files::WriteBytes(In(name), "x");
+    }
+    fs::create_symlink("../secret/s.fits", In("seen/out.fits"));
+    fs::create_directory_symlink("../secret", In("seen/folder"));
+    fs::create_symlink("b.fits", In("seen/in.fits"));
+    fs::create_hard_link(In("seen/b.fits"), In("seen/hard.fits"));
+    fs::create_symlink("nowhere", In("seen/dead.fits"));
+  }
+
+  static std::vector<std::string> NamesOf(Files& files) {
+    std::vector<std::string> names;
+    for (const Files::Entry& entry : files.List())
+      names.push_back(entry.name);
+    return names;
+  }
+};
+
+TEST_F(FilesList, HasImagesBelowWhatWasNamedAndNothingElse) {
+  Files files({In("seen"), In("named.png")});
+  EXPECT_EQ(NamesOf(files),
+            (std::vector<std::string>{"named.png", "b.fits", "deep/a.FIT", "hard.fits", "in.fits"}));
+  for (const Files::Entry& entry : files.List()) {
+    EXPECT_TRUE(fs::exists(files.Find(entry.id)));
+  }
+  for (const int id : {-1, 5, 1 << 30})
+    EXPECT_THROW(files.Find(id), session::UsageError);
+  EXPECT_THROW(Files({In("missing")}), files::FileError);
+}
+
+TEST_F(FilesList, LooksAgainWhereAFileIsEachTime) {
+  Files files({In("seen")});
+  const std::vector<Files::Entry> before = files.List();
+  const int b = before[0].id, deep = before[1].id;
+  // What was an image of the folder has become a link out of it, or its folder has.
+  fs::remove(In("seen/b.fits"));
+  fs::create_symlink("../secret/s.fits", In("seen/b.fits"));
+  EXPECT_THROW(files.Find(b), files::FileError);
+  fs::rename(In("seen/deep"), In("deep"));
+  fs::create_directory_symlink("../secret", In("seen/deep"));
+  files::WriteBytes(In("secret/a.FIT"), "x");
+  EXPECT_THROW(files.Find(deep), files::FileError);
+  // New ones get new numbers, and the others keep theirs.
+  files::WriteBytes(In("seen/0.fits"), "x");
+  const std::vector<Files::Entry> after = files.List();
+  EXPECT_EQ(after[0].name, "0.fits");
+  EXPECT_EQ(after[0].id, static_cast<int>(before.size()));
+}
+
+}  // namespace
+}  // namespace korimg::viewer
