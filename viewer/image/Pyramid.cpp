@@ -236,17 +236,35 @@ Pyramid::StripPtr Pyramid::Get(int level, int index, const std::function<bool()>
   return strip;
 }
 
+/// Halves some rows of the picture until they are those of a level.
+void Pyramid::Reduce(Band<const float> rows, const Band<float>& to, int level) const {
+  BandBuffer buffers[2];
+  for (int l = 1; l < level; ++l) {
+    const Band<float> half = buffers[l % 2].Get(to.Planes(), shapes_[l].width, 0, (rows.Rows() + 1) / 2);
+    Halve(rows, half);
+    rows = half;
+  }
+  Halve(rows, to);
+}
+
 Pyramid::StripPtr Pyramid::Make(int level, int index, const std::function<bool()>& isGone) {
   const auto strip = NewStrip(level, index);
+  const Band<float> to = Writable(*strip);
   if (level == 0) {
-    if (isGone()) throw Cancelled();
-    Read(Writable(*strip));
+    Read(to);
     return strip;
   }
-  for (int i = 2 * index; i < std::min(2 * index + 2, Strips(level - 1)); ++i) {
-    const StripPtr kept = Kept({level - 1, i});
-    const StripPtr finer = kept && !kept->isRough ? kept : Make(level - 1, i, isGone);
-    Halve(finer->rows, Writable(*strip).Part(finer->rows.Top() / 2, (finer->rows.Rows() + 1) / 2));
+  // Some rows at a time: those of a whole strip may be many.
+  constexpr int kRows = 32;
+  const int count = std::max(kRows >> level, 1);
+  BandBuffer buffer;
+  for (int y = to.Top(); y < to.Bottom(); y += count) {
+    if (isGone()) throw Cancelled();
+    const int rows = std::min(count, to.Bottom() - y), top = y << level;
+    const int bottom = std::min((y + rows) << level, shapes_[0].height);
+    const Band<float> from = buffer.Get(to.Planes(), shapes_[0].width, top, bottom - top);
+    Read(from);
+    Reduce(from, to.Part(y, rows), level);
   }
   return strip;
 }
@@ -255,18 +273,13 @@ Pyramid::StripPtr Pyramid::Make(int level, int index, const std::function<bool()
 Pyramid::StripPtr Pyramid::MakeRough(int level, int index) {
   const auto strip = NewStrip(level, index);
   const Band<float> to = Writable(*strip);
-  BandBuffer buffers[2];
+  BandBuffer buffer;
   for (int y = to.Top(); y < to.Bottom(); ++y) {
-    const int from = std::min((2 * y + 1) << (level - 1), shapes_[0].height - 1);
-    Band<float> row = buffers[0].Get(to.Planes(), shapes_[0].width, from, 1);
+    const int middle = std::min((2 * y + 1) << (level - 1), shapes_[0].height - 1);
+    const Band<float> row = buffer.Get(to.Planes(), shapes_[0].width, middle, 1);
     Read(row);
     Widen(row);
-    for (int l = 1; l <= level; ++l) {
-      const Band<float> half =
-          l == level ? to.Part(y, 1) : buffers[l % 2].Get(to.Planes(), shapes_[l].width, from, 1);
-      Halve(row, half);
-      row = half;
-    }
+    Reduce(row, to.Part(y, 1), level);
   }
   strip->isRough = true;
   return strip;

@@ -69,6 +69,7 @@ class Pyramid {
   void Pass();
   StripPtr Make(int level, int index, const std::function<bool()>& isGone);
   StripPtr MakeRough(int level, int index);
+  void Reduce(Band<const float> rows, const Band<float>& to, int level) const;
   std::shared_ptr<Strip> NewStrip(int level, int index) const;
   void Widen(const Band<const float>& rows);
   StripPtr Kept(const Key& key);

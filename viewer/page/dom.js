@@ -71,17 +71,20 @@ export function tell(error) {
 export const keys = new Map();
 
 /**
- * Gives a key an action, while nothing is being written.
+ * Gives a key an action, while nothing is being written. What it answers gives the key back to what it did before.
  * @param {string} key as KeyboardEvent.key has it
- * @param {string} help
+ * @param {string} help empty: the list of keys leaves it out
  * @param {() => void} action
  */
 export function onKey(key, help, action) {
+  const before = keys.get(key);
   keys.set(key, { help, action });
+  return () => void (before ? keys.set(key, before) : keys.delete(key));
 }
 
 document.addEventListener('keydown', (event) => {
   const target = /** @type {HTMLElement} */ (event.target);
+  if (document.querySelector('dialog[open]')) return;
   if (event.ctrlKey || event.metaKey || event.altKey || target.matches('input:not([type=range]), select')) return;
   if (target.matches('input[type=range]') && event.key.startsWith('Arrow')) return;
   const found = keys.get(event.key);

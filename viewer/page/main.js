@@ -18,7 +18,7 @@ function addViewTools() {
   onKey('f', 'all of the image', () => view.fit());
   onKey('z', 'pixel by pixel, 1:1', () => view.zoomTo(1));
   onKey('+', 'closer', () => view.zoomBy(1.5));
-  onKey('=', 'closer', () => view.zoomBy(1.5));
+  onKey('=', '', () => view.zoomBy(1.5));
   onKey('-', 'farther', () => view.zoomBy(1 / 1.5));
   onKey('ArrowLeft', 'move left', () => view.moveBy(-0.15, 0));
   onKey('ArrowRight', 'move right', () => view.moveBy(0.15, 0));
@@ -83,7 +83,7 @@ function addAbout() {
   const show = async () => {
     const licences = await Promise.all(['openseadragon', 'uplot'].map(async (name) =>
       make('details', {}, make('summary', {}, name), make('pre', {}, await (await fetch(`licences/${name}.txt`)).text()))));
-    const table = make('table', {}, ...[...keys].map(([key, { help }]) =>
+    const table = make('table', {}, ...[...keys].filter(([, { help }]) => help).map(([key, { help }]) =>
       make('tr', {}, make('th', {}, make('kbd', {}, key === ' ' ? 'Space' : key)), make('td', {}, help))));
     const close = make('button', { type: 'button', autofocus: true, onclick: () => dialog.close() }, 'Close');
     dialog.replaceChildren(make('h3', {}, 'Keys'), table, make('h3', {}, 'Made with'), ...licences, close);
@@ -109,10 +109,10 @@ async function addList() {
   list.replaceChildren(...files.map((file, i) =>
     make('button', { type: 'button', title: file.name, onclick: () => open(i) }, file.name)));
   list.hidden = files.length < 2;
-  onKey('PageDown', 'next image', () => open(current + 1));
-  onKey('PageUp', 'image before', () => open(current - 1));
-  onKey('n', 'next image', () => open(current + 1));
-  onKey('p', 'image before', () => open(current - 1));
+  onKey('PageDown', 'next image, as n does', () => open(current + 1));
+  onKey('PageUp', 'image before, as p does', () => open(current - 1));
+  onKey('n', '', () => open(current + 1));
+  onKey('p', '', () => open(current - 1));
   if (files.length === 0) tell('there are no images here');
   open(0);
 }

@@ -63,15 +63,23 @@ function drawHistogram(canvas, planes) {
   const { width, height } = canvas;
   const top = Math.log1p(Math.max(1, ...planes.flat()));
   context.clearRect(0, 0, width, height);
-  context.globalCompositeOperation = 'lighter';
   planes.forEach((counts, p) => {
-    context.fillStyle = planes.length > 1 ? `${inks[p]}90` : '#97a1af';
+    const ink = planes.length > 1 ? inks[p] : '#97a1af';
+    context.beginPath();
+    context.moveTo(0, height);
     counts.forEach((count, i) => {
-      const h = (Math.log1p(count) / top) * height;
-      context.fillRect((i * width) / counts.length, height - h, width / counts.length, h);
+      const y = height - (Math.log1p(count) / top) * (height - 2);
+      context.lineTo((i * width) / counts.length, y);
+      context.lineTo(((i + 1) * width) / counts.length, y);
     });
+    context.lineTo(width, height);
+    context.strokeStyle = ink;
+    context.stroke();
+    context.globalAlpha = planes.length > 1 ? 0.15 : 0.6;
+    context.fillStyle = ink;
+    context.fill();
+    context.globalAlpha = 1;
   });
-  context.globalCompositeOperation = 'source-over';
 }
 
 /** @param {any[]} planes */
@@ -158,10 +166,10 @@ export function addMeasuringTools(view, statistics) {
     }
     view.redraw();
   };
-  const boxTool = addTool('Box', 'statistics of a box: drag one (b)', () => choose('box'));
+  const boxTool = addTool('Box', 'statistics of a box: drag one (r)', () => choose('box'));
   const lineTool = addTool('Line', 'measure a distance: drag a line (m)', () => choose('line'));
   find('tools').append(length);
-  onKey('b', 'box with its statistics', () => choose('box'));
+  onKey('r', 'box with its statistics', () => choose('box'));
   onKey('m', 'measuring line', () => choose('line'));
   onKey('Escape', 'leave the tool', () => tool && choose(tool));
 

@@ -2,6 +2,9 @@
 import { get } from './api.js';
 import { addPanel, addTool, make, onKey, pretty, tell } from './dom.js';
 
+/** So many of the brightest are marked at once: more would hide the image. */
+const most = 250;
+
 /** @param {import('./image.js').ImageView} view */
 export function addStars(view) {
   /** @type {any} */
@@ -48,8 +51,11 @@ export function addStars(view) {
     const labels = scale >= 1;
     context.lineWidth = 1.2;
     context.font = '11px system-ui, sans-serif';
+    let marked = 0;
     for (const star of found.list) {
+      if (marked === most) break;
       if (star.x < seen.left || star.x > seen.right || star.y < seen.top || star.y > seen.bottom) continue;
+      ++marked;
       // Whole numbers are the centres of pixels.
       const at = view.toStage(star.x + 0.5, star.y + 0.5), radius = Math.max(1.5 * star.fwhm * scale, 4);
       context.strokeStyle = context.fillStyle = star.flags ? '#ff8d85' : '#7fd69b';

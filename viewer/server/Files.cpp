@@ -53,7 +53,12 @@ std::vector<Files::Entry> Files::List() {
   const std::lock_guard lock(mutex_);
   std::vector<Entry> entries;
   for (const fs::path& file : files_) {
-    entries.push_back({IdOf(file), file.filename().string()});
+    // Those of one name are told apart by their folders.
+    const bool isOnly = std::count_if(files_.begin(), files_.end(), [&](const fs::path& other) {
+                          return other.filename() == file.filename();
+                        }) == 1;
+    const fs::path name = isOnly ? file.filename() : file.parent_path().filename() / file.filename();
+    entries.push_back({IdOf(file), name.string()});
   }
   for (const fs::path& folder : folders_) {
     std::vector<fs::path> found;

@@ -15,7 +15,8 @@ class Files {
  public:
   struct Entry {
     int id = 0;
-    std::string name;  ///< from the named folder on; of a named file its own
+    std::string name;  ///< from the named folder on; of a named file its own, with its folder where others
+                       ///< are called so
   };
 
   /// @throws FileError for a path that is not there.

@@ -713,6 +713,9 @@ TEST(FrameLevels, LevelSpreadAndNoiseOfASkyWithStarsAndGradient) {
   const auto empty = Make(MemoryStore(), 5, 1, 1, [](int, int, int) { return NAN; });
   EXPECT_EQ(MeasureLevels(*empty).level[0], 0);
   EXPECT_EQ(MeasureLevels(*Make(MemoryStore(), 1, 3, 1, [](int, int, int) { return 7; })).level[0], 7);
+  EXPECT_EQ(LinesForLevels(20001, 10), (std::vector<int>{1, 5, 8}));
+  EXPECT_EQ(LinesForLevels(100, 2), (std::vector<int>{0, 1}));
+  EXPECT_EQ(LinesForLevels(1000000, 9), std::vector<int>{4});
 }
 
 }  // namespace

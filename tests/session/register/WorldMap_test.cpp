@@ -98,6 +98,31 @@ TEST(WorldMap, LaysImagesWhereTheirSkiesAreTheSame) {
   }
 }
 
+TEST(WorldMap, TellsPlacesOfTheSkyAsAstropyDoes) {
+  // pixel_to_world_values of astropy 5.2: about the first meridian, near the pole, in the south.
+  struct Case {
+    double ra, dec;
+    bool isBent;
+    double x, y, expectedRa, expectedDec;
+  };
+  for (const Case& c : {Case{0.3, 41, false, 0, 0, 1.4500787941470794, 39.777181994815315},
+                        {0.3, 41, false, 699, 499, 358.71890696717384, 42.65603181628628},
+                        {0.3, 41, true, 0, 0, 1.4485848111694777, 39.787832200451035},
+                        {0.3, 41, true, 699, 499, 358.71603249516517, 42.67586135409711},
+                        {0.3, 41, true, 41.5, 333.25, 1.909556398365744, 41.18949850175713},
+                        {120, 89.8, false, 0, 0, 151.9559888433134, 88.32987061354812},
+                        {120, 89.8, false, 699, 499, 338.4085276791271, 88.12825256490488},
+                        {210, -60, false, 41.5, 333.25, 212.4200076687349, -59.77897115869726}}) {
+    World world{{300.5, 210.25}, {c.ra, c.dec}, {{-0.004, 0.0015}, {0.0012, 0.0041}}};
+    if (c.isBent) world.sip = {{"A_2_0", 2e-5}, {"A_1_1", -1e-5}, {"B_0_2", 3e-5}, {"B_1_1", 1.5e-5}};
+    const auto sky = SkyAt(world.ToHeader("CD"), {700, 500}, c.x, c.y);
+    ASSERT_TRUE(sky);
+    EXPECT_NEAR(sky->ra, c.expectedRa, 1e-9);
+    EXPECT_NEAR(sky->dec, c.expectedDec, 1e-9);
+  }
+  EXPECT_FALSE(SkyAt({}, {700, 500}, 0, 0));
+}
+
 TEST(WorldMap, SaysNothingOfOtherKinds) {
   const World plain{{512.5, 400}, {359.7, 71}, {{-0.0021, 0.0004}, {0.0003, 0.0022}}};
   const files::Header good = plain.ToHeader("CD");

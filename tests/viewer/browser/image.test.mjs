@@ -135,7 +135,7 @@ describe('an image in the browser', { skip: missing, timeout: 120_000 }, () => {
       await page.mouse.up();
       await page.waitForTimeout(600);
     };
-    await page.keyboard.press('b');
+    await page.keyboard.press('r');
     await drag();
     assert.match(await note.textContent(), /^Box/);
     await page.keyboard.press('m');
@@ -160,6 +160,15 @@ describe('an image in the browser', { skip: missing, timeout: 120_000 }, () => {
     assert.ok(await page.getByRole('button', { name: 'Channel: R' }).isVisible());
     await page.keyboard.press('p');
     await exact(900);
+  });
+
+  it('lists its keys, and leaves the list by Escape', async () => {
+    await page.keyboard.press('?');
+    await page.getByRole('heading', { name: 'Keys' }).waitFor();
+    await page.locator('summary', { hasText: 'openseadragon' }).click();
+    assert.match(await page.locator('#about pre').first().textContent(), /Redistribution and use in source and binary/);
+    await page.keyboard.press('Escape');
+    assert.equal(await page.locator('dialog[open]').count(), 0);
   });
 
   it('asks nobody else for anything, and complains of nothing', async () => {

@@ -1,6 +1,6 @@
 // Starts the viewer and a browser for the tests of the page.
 import { spawn } from 'node:child_process';
-import { existsSync } from 'node:fs';
+import { existsSync, readFileSync } from 'node:fs';
 import { createRequire } from 'node:module';
 import { fileURLToPath } from 'node:url';
 import path from 'node:path';
@@ -26,7 +26,9 @@ export async function serve(paths, options = []) {
     });
     ended.then((code) => fail(new Error(`korimg view ended with ${code}`)));
   });
-  return { address, stop: () => (viewer.kill('SIGINT'), ended) };
+  /** Bytes of memory that it held at most. */
+  const peakMemory = () => 1024 * Number(readFileSync(`/proc/${viewer.pid}/status`, 'utf8').match(/VmHWM:\s+(\d+)/)[1]);
+  return { address, peakMemory, stop: () => (viewer.kill('SIGINT'), ended) };
 }
 
 /** A page of the address, with what it complained of and what it asked other hosts for. */

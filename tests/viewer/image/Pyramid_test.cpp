@@ -1,6 +1,7 @@
 #include "viewer/image/Pyramid.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <limits>
@@ -121,6 +122,23 @@ TEST(Pyramid, HoldsMeansOfHalvesAtAnySizeAndBudget) {
         ExpectLevel(pyramid, shape, level);
     }
   }
+}
+
+TEST(Pyramid, ReadsNothingAgainWhereThereIsRoom) {
+  std::atomic<int> reads = 0;
+  const auto source = Rule({513, 1300, 1});
+  source->read = [&reads, read = source->read](const Band<float>& to) {
+    ++reads;
+    read(to);
+  };
+  Pyramid pyramid(source, 64 << 20);
+  Finish(pyramid);
+  const int before = reads;
+  for (int level = 0; level < pyramid.Levels(); ++level) {
+    for (int i = 0; i < pyramid.Strips(level); ++i)
+      pyramid.Get(level, i);
+  }
+  EXPECT_EQ(reads, before);
 }
 
 TEST(Pyramid, ShowsRowsAtStepsUntilItHasSeenAll) {

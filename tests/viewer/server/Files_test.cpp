@@ -43,6 +43,10 @@ TEST_F(FilesList, HasImagesBelowWhatWasNamedAndNothingElse) {
   for (const int id : {-1, 5, 1 << 30})
     EXPECT_THROW(files.Find(id), session::UsageError);
   EXPECT_THROW(Files({In("missing")}), files::FileError);
+  fs::create_directories(In("other"));
+  files::WriteBytes(In("other/b.fits"), "x");
+  Files same({In("seen/b.fits"), In("other/b.fits"), In("named.png")});
+  EXPECT_EQ(NamesOf(same), (std::vector<std::string>{"seen/b.fits", "other/b.fits", "named.png"}));
 }
 
 TEST_F(FilesList, LooksAgainWhereAFileIsEachTime) {
