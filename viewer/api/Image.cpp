@@ -187,6 +187,23 @@ Response Statistics(const Request& request, const OpenImage& image) {
   return JsonResponse(json);
 }
 
+/// Pixels along a line, a step for each pixel of its length.
+Response Profile(const Request& request, const OpenImage& image) {
+  constexpr int kMost = 600;
+  const auto place = [&](const char* name) { return NumberOf(request, name, -kAnyPixel, 2 * kAnyPixel); };
+  const CfPoint from(place("x0"), place("y0")), to(place("x1"), place("y1"));
+  const double length = std::hypot(to.x - from.x, to.y - from.y);
+  const int count = std::clamp(static_cast<int>(std::lround(length)) + 1, 2, kMost);
+  Json json{{"length", length}, {"planes", Json::array()}};
+  for (const auto& plane : ProfileOf(*image.pyramid, from, to, count, request.isGone)) {
+    Json values = Json::array();
+    for (const float v : plane)
+      values.push_back(NumberOrNull(v));
+    json["planes"].push_back(std::move(values));
+  }
+  return JsonResponse(json);
+}
+
 Response Stars(const Request& request, Context& context) {
   const int id = WholeOf(request, "id", 0, 1 << 30);
   const auto image = context.images.Get(id, false);
@@ -217,6 +234,7 @@ void AddImage(Router& router, Context& context) {
   get("image/tile", Tile);
   get("image/value", Value);
   get("image/statistics", Statistics);
+  get("image/profile", Profile);
   get("image/header", [](const Request&, const OpenImage& image) {
     return JsonResponse(image.pyramid->Of().info.header.cards);
   });

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "session/job/Errors.h"
 
@@ -84,6 +85,30 @@ RectStatistics Measure(Pyramid& pyramid, CRect rect, int bins, double low, doubl
     result.planes.push_back(MeasurePlane(std::move(plane), bins, low, high));
   }
   return result;
+}
+
+std::vector<std::vector<float>> ProfileOf(Pyramid& pyramid, const CfPoint& from, const CfPoint& to, int count,
+                                          const std::function<bool()>& isGone) {
+  const session::Shape shape = pyramid.At(0);
+  std::vector<std::vector<float>> planes(shape.planes,
+                                         std::vector<float>(count, std::numeric_limits<float>::quiet_NaN()));
+  BandBuffer buffer;
+  Band<float> row;
+  for (int i = 0; i < count; ++i) {
+    const double share = count > 1 ? static_cast<double>(i) / (count - 1) : 0;
+    const double x = std::floor(from.x + share * (to.x - from.x)),
+                 y = std::floor(from.y + share * (to.y - from.y));
+    if (x < 0 || y < 0 || x >= shape.width || y >= shape.height) continue;
+    if (row.Rows() == 0 || row.Top() != static_cast<int>(y)) {
+      if (isGone()) throw session::Cancelled();
+      row = buffer.Get(shape.planes, shape.width, static_cast<int>(y), 1);
+      pyramid.Read(row);
+    }
+    for (int p = 0; p < shape.planes; ++p) {
+      planes[p][i] = row.Row(p, row.Top())[static_cast<int>(x)];
+    }
+  }
+  return planes;
 }
 
 }  // namespace korimg::viewer

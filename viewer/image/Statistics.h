@@ -4,6 +4,7 @@
 #include <functional>
 #include <vector>
 
+#include "korimg/image/CfPoint.h"
 #include "korimg/platform/CRect.h"
 
 #include "viewer/image/Pyramid.h"
@@ -31,6 +32,13 @@ struct RectStatistics {
 /// @throws Cancelled once isGone() says so, UsageError for a rectangle beside the picture
 RectStatistics Measure(
     Pyramid& pyramid, CRect rect, int bins, double low, double high,
+    const std::function<bool()>& isGone = [] { return false; });
+
+/// Pixels of each plane along a line from one place of a picture to another: at equal steps, the first and
+/// the last place among them, the pixel that each lies in; NaN beside the picture.
+/// @throws Cancelled once isGone() says so
+std::vector<std::vector<float>> ProfileOf(
+    Pyramid& pyramid, const CfPoint& from, const CfPoint& to, int count,
     const std::function<bool()>& isGone = [] { return false; });
 
 }  // namespace korimg::viewer

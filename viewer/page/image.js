@@ -229,15 +229,26 @@ export class ImageView extends EventTarget {
       const { x, y } = this.#item.viewerElementToImageCoordinates(at);
       return { x, y };
     };
-    stage.addEventListener('pointermove', (event) => {
-      if (!this.info || !this.#item) return;
-      const at = place(event);
+    /** @type {PointerEvent | null} */
+    let last = null;
+    const point = () => {
+      if (!this.info || !this.#item || !last) return;
+      const at = place(last);
       const inside = at.x >= 0 && at.y >= 0 && at.x < this.info.width && at.y < this.info.height;
       const detail = inside ? { x: Math.floor(at.x), y: Math.floor(at.y) } : null;
       this.dispatchEvent(new CustomEvent('cursor', { detail }));
-      if (from) this.dispatchEvent(new CustomEvent('drag', { detail: { from, to: at } }));
+      return at;
+    };
+    for (const name of ['move', 'exact']) this.addEventListener(name, point);  // what is under it has changed
+    stage.addEventListener('pointermove', (event) => {
+      last = event;
+      const at = point();
+      if (from && at) this.dispatchEvent(new CustomEvent('drag', { detail: { from, to: at } }));
     }, true);
-    stage.addEventListener('pointerleave', () => this.dispatchEvent(new CustomEvent('cursor', { detail: null })));
+    stage.addEventListener('pointerleave', () => {
+      last = null;
+      this.dispatchEvent(new CustomEvent('cursor', { detail: null }));
+    });
     stage.addEventListener('pointerdown', (event) => {
       if (!this.catchesDrags || !this.#item || event.button !== 0) return;
       from = place(event);

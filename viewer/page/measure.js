@@ -152,6 +152,34 @@ export function addMeasuringTools(view, statistics) {
   /** @type {{from: {x: number, y: number}, to: {x: number, y: number}} | null} */
   let drawn = null;
   const length = make('output');
+  const plot = make('div', { className: 'profile' }, make('span', { className: 'faint' }, 'Drag a line (m).'));
+  const panel = addPanel('Profile', false, plot);
+  const latest = new Latest();
+
+  /** Plots the pixels along the line. */
+  const drawProfile = async () => {
+    const info = view.info;
+    if (!info || !drawn) return;
+    const { from, to } = drawn;
+    try {
+      const found = await latest.get('image/profile', { id: info.id, developed: info.developed || undefined,
+        x0: from.x, y0: from.y, x1: to.x, y1: to.y });
+      if (!found) return;
+      panel.open = true;
+      const count = found.planes[0].length;
+      const steps = Array.from({ length: count }, (_, i) => (i * found.length) / (count - 1));
+      const axis = { stroke: '#97a1af', grid: { stroke: '#2c3440', width: 1 }, ticks: { stroke: '#2c3440' } };
+      plot.replaceChildren();
+      new uPlot({
+        width: plot.clientWidth, height: 170, legend: { show: false }, scales: { x: { time: false } },
+        axes: [{ ...axis, size: 32 }, { ...axis, size: 56 }],
+        series: [{ label: 'px' }, ...found.planes.map((/** @type {unknown} */ _, /** @type {number} */ p) =>
+          ({ stroke: found.planes.length > 1 ? inks[p] : '#d6dbe2', width: 1, spanGaps: false }))],
+      }, [steps, ...found.planes], plot);
+    } catch (error) {
+      tell(error);
+    }
+  };
 
   /** @param {'box' | 'line'} name */
   const choose = (name) => {
@@ -183,6 +211,7 @@ export function addMeasuringTools(view, statistics) {
       const angle = (Math.atan2(-dy, dx) * 180) / Math.PI;
       const arc = info.scale ? `, ${(pixels * info.scale).toFixed(1)}″` : '';
       length.textContent = `${pixels.toFixed(1)} px${arc}, ${angle.toFixed(1)}°`;
+      if (event.type === 'dragend') drawProfile();
     } else if (event.type === 'dragend') {
       const rect = {
         left: Math.floor(Math.min(from.x, to.x)), top: Math.floor(Math.min(from.y, to.y)),

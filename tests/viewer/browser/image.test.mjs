@@ -141,6 +141,8 @@ describe('an image in the browser', { skip: missing, timeout: 120_000 }, () => {
     await page.keyboard.press('m');
     await drag();
     assert.match(await page.locator('#tools output').nth(1).textContent(), /^\d+\.\d px/);
+    const plot = await page.locator('.profile canvas').boundingBox();
+    assert.ok(plot.width > 200 && plot.height > 100);
     await page.keyboard.press('Escape');
     await page.keyboard.press('s');
     const stars = page.locator('aside details', { hasText: 'Stars' });

@@ -87,6 +87,20 @@ TEST(Statistics, OfALargeRectangleTakePixelsAtSteps) {
   EXPECT_EQ(found.planes[0].count + found.planes[0].blank, 1500 * 750);
 }
 
+TEST(Statistics, OfALineAreThePixelsThatItCrosses) {
+  Pyramid pyramid = Of(90, 700, 3);
+  const auto planes = ProfileOf(pyramid, CfPoint(-1.5, 10.2), CfPoint(8.5, 40.2), 11);
+  ASSERT_EQ(planes.size(), 3u);
+  for (int p = 0; p < 3; ++p) {
+    for (int i = 0; i < 11; ++i) {
+      const float expected = i < 2 ? std::nanf("") : PixelAt(p, i - 2, 10 + 3 * i);
+      EXPECT_TRUE(planes[p][i] == expected || (std::isnan(planes[p][i]) && std::isnan(expected)))
+          << p << " " << i;
+    }
+  }
+  EXPECT_THROW(ProfileOf(pyramid, CfPoint(1, 1), CfPoint(5, 5), 3, [] { return true; }), session::Cancelled);
+}
+
 TEST(Statistics, RefuseARectangleBesideThePictureAndStopWhenNobodyWaits) {
   Pyramid pyramid = Of(100, 80, 1);
   for (const CRect rect : {CRect(100, 0, 120, 10), CRect(0, -9, 10, 0), CRect(5, 5, 5, 9)}) {
