@@ -24,7 +24,7 @@ std::shared_ptr<const OpenImage> OpenImages::Get(int id, bool isDeveloped) {
   image->stamp = stamp;
   image->version = std::to_string(++versions_);
   const auto source = isDeveloped ? OpenDeveloped(job_, path) : OpenSource(path);
-  image->pyramid = std::make_unique<Pyramid>(source, job_.Memory() / kMost);
+  image->pyramid = std::make_unique<Pyramid>(source, job_.Memory() / (2 * kMost));
   while (open_.size() >= kMost) {
     open_.pop_back();
   }

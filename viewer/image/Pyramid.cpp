@@ -61,7 +61,7 @@ Pyramid::Pyramid(std::shared_ptr<const Source> source, long long budget) : sourc
   }
   long long kept = 0;
   firstKept_ = Levels();
-  while (firstKept_ > 0 && kept + BytesOf(shapes_[firstKept_ - 1]) <= budget / 2) {
+  while (firstKept_ > 0 && kept + BytesOf(shapes_[firstKept_ - 1]) <= budget / 4 * 3) {
     kept += BytesOf(shapes_[--firstKept_]);
   }
   roomForOthers_ = budget - kept;
