@@ -144,7 +144,8 @@ TEST_F(Http, RefusesWhatItDoesNotServe) {
            {"a long path", Get("/" + std::string(2000, 'a')), "414"},
            {"a longer one", Get("/" + std::string(9000, 'a')), "414"},
        }) {
-    const std::string answer = Ask(c.bytes);
+    // What comes behind is no request any more: it may be meant as a body.
+    const std::string answer = Ask(c.bytes + Get("/after"));
     EXPECT_EQ(answer.substr(0, 9 + c.status.size()), "HTTP/1.1 " + c.status) << c.what;
   }
   EXPECT_EQ(asked_, 0);
@@ -230,13 +231,16 @@ TEST_F(Http, OutlivesAThousandOpenConnections) {
     clients.emplace_back(server_.Port());
     if (i % 3 == 0) clients.back().Send("GET /x HTTP/1.1\r\n");
   }
-  // All but those that are served, and as many that wait, are turned away.
-  int open = 0;
-  for (const Client& client : clients) {
-    client.Receive(0);
-    open += client.isConnected && !client.isClosed;
+  // All but those that are served, and as many that wait, are turned away, once their turn has come.
+  long long open = wanted;
+  for (int i = 0; i < 200 && open > 8 + 8; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(i > 0 ? 20 : 0));
+    open = std::count_if(clients.begin(), clients.end(), [](const Client& client) {
+      if (!client.isClosed) client.Receive(0);
+      return client.isConnected && !client.isClosed;
+    });
   }
-  EXPECT_LE(open, 8 + 8 + 20) << "of " << clients.size();
+  EXPECT_LE(open, 8 + 8) << "of " << clients.size();
   clients.clear();
   EXPECT_NE(Ask(Get("/after")).find("GET /after"), std::string::npos);
 }
