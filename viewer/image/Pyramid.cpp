@@ -214,7 +214,7 @@ void Pyramid::Keep(const Key& key, const StripPtr& strip) {
   }
   if (strip->isRough && progress_ == 1) return;
   others_.emplace_front(key, strip);
-  const auto bytes = [](const StripPtr& s) { return static_cast<long long>(4 * s->pixels.size()); };
+  const auto bytes = [](const StripPtr& s) { return 4 * static_cast<long long>(s->pixels.size()); };
   long long sum = 0;
   // The last one stays whatever it takes: its other tiles are asked for next.
   others_.remove_if([&, isFirst = true](const auto& other) mutable {
@@ -224,14 +224,14 @@ void Pyramid::Keep(const Key& key, const StripPtr& strip) {
 }
 
 Pyramid::StripPtr Pyramid::Get(int level, int index, const std::function<bool()>& isGone) {
-  if (const StripPtr kept = Kept({level, index})) return kept;
+  if (StripPtr kept = Kept({level, index})) return kept;
   const Asking asking(asking_);
   const std::lock_guard lock(making_);
   if (isGone()) throw Cancelled();
-  if (const StripPtr kept = Kept({level, index})) return kept;  // made while this thread waited
+  if (StripPtr kept = Kept({level, index})) return kept;  // made while this thread waited
   const long long bytes = BytesOf({shapes_[0].width, kTile, shapes_[0].planes}) << level;
   const bool isRough = level > 0 && bytes > kQuick && progress_ < 1;
-  const StripPtr strip = isRough ? MakeRough(level, index) : Make(level, index, isGone);
+  StripPtr strip = isRough ? MakeRough(level, index) : Make(level, index, isGone);
   Keep({level, index}, strip);
   return strip;
 }

@@ -95,7 +95,7 @@ fs::path Files::Find(int id) {
     path = paths_[id];
   }
   std::error_code error;
-  const fs::path real = fs::canonical(path, error);
+  fs::path real = fs::canonical(path, error);
   if (error) throw files::FileError(path, error.message());
   if (!IsVisible(real)) throw files::FileError(path, "is a link to a place that was not named");
   return real;

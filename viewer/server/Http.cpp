@@ -236,7 +236,7 @@ struct HttpServer::Server : httplib::Server {
   }
 };
 
-HttpServer::HttpServer(const HttpOptions& options, std::function<Response(const Request&)> answer)
+HttpServer::HttpServer(const HttpOptions& options, const std::function<Response(const Request&)>& answer)
     : server_(std::make_unique<Server>()) {
   Server& server = *server_;
   server.options = options;

@@ -47,7 +47,7 @@ class HttpServer {
  public:
   /// Begins to listen. `answer` is called by many threads at once, and throws nothing.
   /// @throws session::Error where the port is taken
-  HttpServer(const HttpOptions& options, std::function<Response(const Request&)> answer);
+  HttpServer(const HttpOptions& options, const std::function<Response(const Request&)>& answer);
   /// Ends all connections: those waited for find their requests gone.
   ~HttpServer();
 
