@@ -11,6 +11,7 @@
 #include "session/job/Json.h"
 #include "session/operations/Documentation.h"
 #include "session/operations/Operations.h"
+#include "session/operations/Recipe.h"
 
 namespace korimg::tool {
 namespace {
@@ -18,6 +19,7 @@ namespace {
 struct Arguments {
   std::vector<std::string> words;
   std::string rect, bits = "float";
+  std::filesystem::path recipe;
   ApplyOptions apply;
 };
 
@@ -54,7 +56,13 @@ void ReadWords(const std::vector<std::string>& words, ApplyOptions& options) {
 
 void Run(Tool& tool, Arguments& arguments) {
   ApplyOptions& options = arguments.apply;
-  ReadWords(arguments.words, options);
+  if (arguments.recipe.empty()) {
+    ReadWords(arguments.words, options);
+  } else {
+    if (arguments.words.size() != 1) throw UsageError("with --recipe give the input image, and nothing else");
+    options.steps = ReadRecipe(arguments.recipe);
+    options.input = arguments.words.front();
+  }
   for (const Step& step : options.steps) {
     step.CheckComplete();
   }
@@ -77,6 +85,9 @@ void AddApply(CLI::App& app, Tool& tool) {
   verb->add_option("words", arguments->words, "NAME [parameter=value]... [then NAME ...]... INPUT")
       ->required();
   verb->add_option("-o,--output", arguments->apply.output, "FITS, TIFF or PNG, by its extension")->required();
+  verb->add_option("--recipe", arguments->recipe,
+                   "a file of JSON with the steps, in the place of their names: as in "
+                   "{\"steps\": [{\"operation\": \"ghs\", \"values\": {\"amount\": 2}}]}");
   verb->add_option("--rect", arguments->rect, "LEFT,TOP,RIGHT,BOTTOM: work on this window only");
   auto* mask =
       verb->add_option("--mask", arguments->apply.blend.mask,
