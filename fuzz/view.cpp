@@ -29,6 +29,7 @@ struct Served {
     context.reset(new Context{.job = job, .files = Files({path})});
     AddPage(router, *context);
     AddImage(router, *context);
+    AddOperations(router, *context);
   }
 };
 

@@ -1,4 +1,5 @@
-// What overhead.py times by Python, in C++: invert of 24 megapixels into memory that is there, the median call.
+// What overhead.py times by Python, in C++: invert of 24 megapixels into memory that is there, the median
+// call.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -36,8 +37,8 @@ int main() {
   for (int call = 0; call < 15; ++call) {
     const auto start = std::chrono::steady_clock::now();
     Job job;
-    Image image = Image::Over(job, Band<float>(source, 1, kWidth, 0, kHeight), nullptr, {{0, 1}},
-                              {.planes = {result}});
+    Image image =
+        Image::Over(job, Band<float>(source, 1, kWidth, 0, kHeight), nullptr, {{0, 1}}, {.planes = {result}});
     Step(FindOperation("invert")).Run(job, image, nullptr);
     calls.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
   }

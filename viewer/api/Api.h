@@ -1,7 +1,11 @@
 // What pages may ask for: each group of names has a file of its own here.
 #pragma once
 
+#include <memory>
+#include <string>
+
 #include "session/job/Job.h"
+#include "session/picture/Images.h"
 #include "viewer/image/OpenImages.h"
 #include "viewer/server/Files.h"
 #include "viewer/server/Router.h"
@@ -19,6 +23,12 @@ struct Context {
 void AddPage(Router& router, Context& context);
 /// Looking at an image: tiles, pixels, header, statistics, stars.
 void AddImage(Router& router, Context& context);
+
+/// Operations: their forms, previews, and new files.
+void AddOperations(Router& router, Context& context);
+
+/// Reads "BLACK,MIDTONE,WHITE" of each plane in turn, or once for all of them. Throws UsageError.
+session::Levels ReadLevels(const std::string& text);
 
 /// A token that ends a job once nobody waits for the answer, or the viewer ends.
 std::shared_ptr<session::CancelToken> TokenOf(const Request& request, session::Job& job);

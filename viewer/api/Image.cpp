@@ -36,31 +36,6 @@ Json JsonOf(const session::Levels& levels, int planes) {
   return json;
 }
 
-/// Reads "BLACK,MIDTONE,WHITE" of each plane in turn, or once for all of them.
-session::Levels ReadLevels(const std::string& text) {
-  std::vector<double> numbers;
-  std::istringstream words(text);
-  for (std::string word; std::getline(words, word, ',') && numbers.size() < 10;) {
-    const auto number = ToNumber(word);
-    if (!number || !std::isfinite(*number)) throw UsageError("levels are BLACK,MIDTONE,WHITE of each plane");
-    numbers.push_back(*number);
-  }
-  if (numbers.size() != 3 && numbers.size() != 9) {
-    throw UsageError("levels are BLACK,MIDTONE,WHITE of each plane, or once for all");
-  }
-  session::Levels levels;
-  for (int p = 0; p < 3; ++p) {
-    const double* plane = &numbers[numbers.size() == 9 ? 3 * p : 0];
-    levels.min[p] = plane[0];
-    levels.midtone[p] = plane[1];
-    levels.max[p] = plane[2];
-    if (!(plane[2] > plane[0]) || !(plane[1] > 0 && plane[1] < 1)) {
-      throw UsageError("white is above black, and midtones are between 0 and 1");
-    }
-  }
-  return levels;
-}
-
 /// Reads "ghs amount=2 then curve points=0:0,1:1": operations that see one pixel at a time, and measure
 /// nothing.
 std::vector<Step> ReadSteps(const std::string& text) {
@@ -223,6 +198,30 @@ Response Stars(const Request& request, Context& context) {
 }
 
 }  // namespace
+
+session::Levels ReadLevels(const std::string& text) {
+  std::vector<double> numbers;
+  std::istringstream words(text);
+  for (std::string word; std::getline(words, word, ',') && numbers.size() < 10;) {
+    const auto number = ToNumber(word);
+    if (!number || !std::isfinite(*number)) throw UsageError("levels are BLACK,MIDTONE,WHITE of each plane");
+    numbers.push_back(*number);
+  }
+  if (numbers.size() != 3 && numbers.size() != 9) {
+    throw UsageError("levels are BLACK,MIDTONE,WHITE of each plane, or once for all");
+  }
+  session::Levels levels;
+  for (int p = 0; p < 3; ++p) {
+    const double* plane = &numbers[numbers.size() == 9 ? 3 * p : 0];
+    levels.min[p] = plane[0];
+    levels.midtone[p] = plane[1];
+    levels.max[p] = plane[2];
+    if (!(plane[2] > plane[0]) || !(plane[1] > 0 && plane[1] < 1)) {
+      throw UsageError("white is above black, and midtones are between 0 and 1");
+    }
+  }
+  return levels;
+}
 
 void AddImage(Router& router, Context& context) {
   const auto get = [&](const char* name, auto answer) {

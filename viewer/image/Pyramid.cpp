@@ -123,6 +123,24 @@ Levels Pyramid::Shown(bool linked) const {
   return StretchForPicture(sky_, extremes_, linked);
 }
 
+void Pyramid::GiveLevels(CVelImage& image) const {
+  // Of an image that has the extremes of all pixels.
+  const Image ends(NewImage(CreateContiguousManager({}), 2, 1, source_->shape.planes));
+  {
+    const std::lock_guard lock(mutex_);
+    for (int p = 0; p < ends.Planes(); ++p) {
+      const auto row = ends.Rows().Plane(p)[0];
+      row[0] = static_cast<float>(extremes_[p].first);
+      row[1] = static_cast<float>(extremes_[p].second);
+    }
+  }
+  SetLevels(ends.Pixels(), source_->info, false);
+  for (int p = 0; p < image.GetPlanes(); ++p) {
+    const int known = std::min(p, ends.Planes() - 1);
+    image.SetLevel(p, ends.Pixels().GetLevelMin(known), ends.Pixels().GetLevelMax(known));
+  }
+}
+
 std::shared_ptr<Pyramid::Strip> Pyramid::NewStrip(int level, int index) const {
   const Shape& shape = shapes_[level];
   const int top = index * kTile, rows = std::min(kTile, shape.height - top);

@@ -60,6 +60,8 @@ class Pyramid {
   /// What the picture is shown by unless told: that of `korimg render`, once the pass is done; before by the
   /// extremes of the rows that were seen.
   session::Levels Shown(bool linked) const;
+  /// Gives an image of its planes the levels that the file's image has when it is opened.
+  void GiveLevels(CVelImage& image) const;
 
  private:
   using Key = std::pair<int, int>;

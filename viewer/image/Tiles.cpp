@@ -40,7 +40,8 @@ Palette MakePalette() {
   return palette;
 }
 
-/// The pixels of an image as the library's bitmaps show them by its levels.
+}  // namespace
+
 Bytes BytesOf(CVelImage& image, bool inColours) {
   static const Palette palette = MakePalette();
   const bool isMono = image.GetPlanes() < 3;
@@ -64,8 +65,6 @@ Bytes BytesOf(CVelImage& image, bool inColours) {
   }
   return bytes;
 }
-
-}  // namespace
 
 Bytes DrawTile(Pyramid& pyramid, const TilePlace& place, const Stretch& stretch,
                const std::function<bool()>& isGone) {

@@ -35,6 +35,10 @@ Bytes DrawTile(
     Pyramid& pyramid, const TilePlace& place, const Stretch& stretch,
     const std::function<bool()>& isGone = [] { return false; });
 
+/// The pixels of an image as the library's bitmaps show them by its levels; one plane from blue over grey to
+/// yellow, if wanted.
+Bytes BytesOf(CVelImage& image, bool inColours);
+
 /// A file of these pixels.
 std::string PngOf(const Bytes& bytes);
 std::string JpegOf(const Bytes& bytes);

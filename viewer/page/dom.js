@@ -85,7 +85,7 @@ export function onKey(key, help, action) {
 document.addEventListener('keydown', (event) => {
   const target = /** @type {HTMLElement} */ (event.target);
   if (document.querySelector('dialog[open]')) return;
-  if (event.ctrlKey || event.metaKey || event.altKey || target.matches('input:not([type=range]), select')) return;
+  if (event.ctrlKey || event.metaKey || event.altKey || target.matches('input:not([type=range], [type=checkbox]), select, textarea')) return;
   if (target.matches('input[type=range]') && event.key.startsWith('Arrow')) return;
   const found = keys.get(event.key);
   if (!found) return;

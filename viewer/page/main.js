@@ -3,6 +3,7 @@ import { get } from './api.js';
 import { addPanel, addTool, find, keys, make, onKey, tell } from './dom.js';
 import { ImageView } from './image.js';
 import { addMeasuringTools, addStatistics, addStatus } from './measure.js';
+import { addOperations } from './operations.js';
 import { addStars } from './stars.js';
 import { addStretchPanel } from './stretch.js';
 
@@ -93,9 +94,10 @@ function addAbout() {
   onKey('?', 'this', () => show().catch(tell));
 }
 
-async function addList() {
+/** The list of images. Answers what opens one by its number, also one that is new. */
+function addList() {
   /** @type {{id: number, name: string}[]} */
-  const files = await get('files');
+  let files = [];
   const list = find('list');
   let current = -1;
   const open = (/** @type {number} */ index) => {
@@ -106,15 +108,24 @@ async function addList() {
     document.title = `${files[index].name} – korimg`;
     view.open(files[index].id).catch(tell);
   };
-  list.replaceChildren(...files.map((file, i) =>
-    make('button', { type: 'button', title: file.name, onclick: () => open(i) }, file.name)));
-  list.hidden = files.length < 2;
+  const load = async () => {
+    files = await get('files');
+    list.replaceChildren(...files.map((file, i) =>
+      make('button', { type: 'button', title: file.name, onclick: () => open(i) }, file.name)));
+    list.hidden = files.length < 2;
+  };
   onKey('PageDown', 'next image, as n does', () => open(current + 1));
   onKey('PageUp', 'image before, as p does', () => open(current - 1));
   onKey('n', '', () => open(current + 1));
   onKey('p', '', () => open(current - 1));
-  if (files.length === 0) tell('there are no images here');
-  open(0);
+  load().then(() => {
+    if (files.length === 0) tell('there are no images here');
+    open(0);
+  }).catch(tell);
+  return async (/** @type {number} */ id) => {
+    await load();
+    open(files.findIndex((file) => file.id === id));
+  };
 }
 
 addViewTools();
@@ -126,4 +137,4 @@ addProgress();
 addAbout();
 addHeader();
 addStatus(view);
-addList().catch(tell);
+addOperations(view, addList()).catch(tell);

@@ -101,4 +101,23 @@ fs::path Files::Find(int id) {
   return real;
 }
 
+fs::path Files::Beside(int id, const std::string& name) {
+  const fs::path plain(name), extension = files::LowerExtension(plain);
+  const bool isImage = extension == ".fits" || extension == ".fit" || extension == ".tif" ||
+                       extension == ".tiff" || extension == ".png";
+  if (plain.filename() != plain || name.starts_with('.') || name.find('\0') != name.npos || !isImage) {
+    throw session::UsageError("write the name of a new file that ends in .fits, .tif or .png");
+  }
+  const fs::path path = Find(id).parent_path() / plain;
+  // A link would lead elsewhere.
+  if (fs::is_symlink(fs::symlink_status(path))) throw files::FileError(path, "is a link; take another name");
+  return path;
+}
+
+int Files::Add(const fs::path& path) {
+  const std::lock_guard lock(mutex_);
+  if (!IsVisible(path)) files_.push_back(path);
+  return IdOf(path);
+}
+
 }  // namespace korimg::viewer

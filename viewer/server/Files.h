@@ -27,6 +27,11 @@ class Files {
   /// The real path of an image. Throws UsageError for a number that nothing has, and FileError for what has
   /// gone, or has come to lie elsewhere.
   std::filesystem::path Find(int id);
+  /// Where a new image of this name may be written: beside an image that is seen. Throws UsageError for what
+  /// is no plain name of a FITS, TIFF or PNG file.
+  std::filesystem::path Beside(int id, const std::string& name);
+  /// Has a file that was written so in the list, and answers its number.
+  int Add(const std::filesystem::path& path);
   /// The named folders, real paths.
   const std::vector<std::filesystem::path>& Folders() const { return folders_; }
 

@@ -68,5 +68,29 @@ TEST_F(FilesList, LooksAgainWhereAFileIsEachTime) {
   EXPECT_EQ(after[0].id, static_cast<int>(before.size()));
 }
 
+TEST_F(FilesList, NewFilesLieBesideWhatIsSeen) {
+  Files files({In("seen"), In("named.png")});
+  const auto entries = files.List();
+  const auto idOf = [&](const std::string& name) {
+    return std::ranges::find(entries, name, &Files::Entry::name)->id;
+  };
+  EXPECT_EQ(files.Beside(idOf("deep/a.FIT"), "new.fits"), fs::canonical(In("seen/deep")) / "new.fits");
+  for (const std::string name : {"", "new", "new.sh", "../new.fits", "deep/new.fits", "/tmp/new.fits",
+                                 ".fits", ".new.fits", "..", "new.fits/", "new.jpg"}) {
+    EXPECT_THROW(files.Beside(idOf("b.fits"), name), session::Error) << name;
+  }
+  EXPECT_THROW(files.Beside(idOf("b.fits"), std::string("a\0.fits", 7)), session::Error);
+  // A link would be written through.
+  EXPECT_THROW(files.Beside(idOf("b.fits"), "out.fits"), files::FileError);
+  EXPECT_THROW(files.Beside(idOf("b.fits"), "dead.fits"), files::FileError);
+  // What was written beside a file that was named is seen, and nothing else there.
+  const fs::path made = files.Beside(idOf("named.png"), "made.fits");
+  files::WriteBytes(made, "x");
+  EXPECT_EQ(NamesOf(files).size(), entries.size());
+  const int id = files.Add(made);
+  EXPECT_EQ(files.Find(id), fs::canonical(made));
+  EXPECT_EQ(NamesOf(files).size(), entries.size() + 1);
+}
+
 }  // namespace
 }  // namespace korimg::viewer
