@@ -9,6 +9,7 @@
 #include "viewer/image/OpenImages.h"
 #include "viewer/server/Files.h"
 #include "viewer/server/Router.h"
+#include "viewer/server/Work.h"
 
 namespace korimg::viewer {
 
@@ -17,12 +18,15 @@ struct Context {
   session::Job& job;
   Files files;
   OpenImages images{job, files};
+  Work work{job};
 };
 
 /// The page itself, and the list of files.
 void AddPage(Router& router, Context& context);
 /// Looking at an image: tiles, pixels, header, statistics, stars.
 void AddImage(Router& router, Context& context);
+/// What takes long, as far as it is; see Work.
+void AddWork(Router& router, Context& context);
 
 /// Operations: their forms, previews, and new files.
 void AddOperations(Router& router, Context& context);
