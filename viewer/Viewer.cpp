@@ -49,6 +49,7 @@ void View(session::Job& job, const ViewOptions& options) {
   AddPage(router, context);
   AddImage(router, context);
   AddOperations(router, context);
+  AddPlan(router, context);
   AddWork(router, context);
   const HttpServer server({.address = options.address, .port = options.port},
                           [&router](const Request& request) { return router.Answer(request); });

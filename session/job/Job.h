@@ -33,8 +33,9 @@ struct Event {
   };
 
   Kind kind = Note;
-  std::string text;               ///< one line for people; of Progress the title
-  std::string data = {};          ///< Result: the same for programs, an object of JSON in one line
+  std::string text;  ///< one line for people; of Progress the title
+  /// Result, and Detail where there are numbers: the same for programs, an object of JSON in one line.
+  std::string data = {};
   long long step = 0, total = 0;  ///< Progress: so many of so many; a total of 0 ends it
   std::string detail = {};        ///< Progress: stands in the place of "step of total", if any
 };
@@ -76,7 +77,7 @@ class KORIMG_SESSION_API Job {
   JobOptions options;
 
   void Say(const std::string& line) { Report({Event::Note, line}); }
-  void Explain(const std::string& line) { Report({Event::Detail, line}); }
+  void Explain(const std::string& line, const std::string& data = {}) { Report({Event::Detail, line, data}); }
   void Warn(const std::string& line) { Report({Event::Warning, line}); }
   /// Tells of something that was asked for and is not there. The job is no success, but goes on.
   void Fail(const std::string& line);

@@ -94,7 +94,17 @@ size_t Road::MeasureFrames(const std::vector<size_t>& numbers) {
           }
         };
         job_.ForEachFile({frame.light->frame.path}, take, true);
-        if (frame.IsMeasured()) Keep(frame);  // where that fails, it is no fault of the light
+        if (!frame.IsMeasured()) return;
+        Keep(frame);  // where that fails, it is no fault of the light
+        const FrameMeasure& found = frame.measure;
+        job_.Explain(fmt::format("{}: {} stars, FWHM {:.2f}, sky {:.5g}", frame.light->Name(),
+                                 found.starCount, found.fwhm, found.sky),
+                     Dump({{"measured", frame.light->frame.path.string()},
+                           {"stars", found.starCount},
+                           {"fwhm", found.fwhm},
+                           {"elongation", found.elongation},
+                           {"sky", found.sky},
+                           {"noise", found.noise}}));
       });
   return missing.size();
 }

@@ -25,6 +25,8 @@ struct Context {
 void AddPage(Router& router, Context& context);
 /// Looking at an image: tiles, pixels, header, statistics, stars.
 void AddImage(Router& router, Context& context);
+/// A session before it runs: its plan, and its run.
+void AddPlan(Router& router, Context& context);
 /// What takes long, as far as it is; see Work.
 void AddWork(Router& router, Context& context);
 

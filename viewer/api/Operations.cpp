@@ -22,24 +22,9 @@ namespace {
 
 constexpr std::size_t kMostSteps = 100;
 
-Json BodyOf(const Request& request) {
-  Json body = Json::parse(request.body, nullptr, false);
-  if (!body.is_object()) throw UsageError("the request is no object of JSON");
-  return body;
-}
-
-template <class T>
-T ValueOf(const Json& body, const char* name, const T& other) {
-  try {
-    return body.contains(name) && !body[name].is_null() ? body[name].get<T>() : other;
-  } catch (const Json::exception&) {
-    throw UsageError(fmt::format("{} is no value of that kind", name));
-  }
-}
-
 /// The steps of a request. Images are named by their numbers in the list of files.
 std::vector<Step> StepsOf(const Json& body, Context& context) {
-  Json recipe{{"steps", ValueOf(body, "steps", Json::array())}};
+  Json recipe{{"steps", ValueIn(body, "steps", Json::array())}};
   if (!recipe["steps"].is_array() || recipe["steps"].size() > kMostSteps) {
     throw UsageError(fmt::format("there are at most {} steps", kMostSteps));
   }
@@ -57,19 +42,6 @@ std::vector<Step> StepsOf(const Json& body, Context& context) {
   return ParseRecipe(recipe.dump());
 }
 
-/// Words as a shell takes them.
-std::string Quoted(const std::string& word) {
-  const auto isPlain = [](char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) || std::strchr("-_=.,:/+@%", c);
-  };
-  if (!word.empty() && std::ranges::all_of(word, isPlain)) return word;
-  std::string quoted = "'";
-  for (const char c : word) {
-    quoted += c == '\'' ? "'\\''" : std::string(1, c);
-  }
-  return quoted + "'";
-}
-
 /// The call that does the same.
 std::string CommandOf(const std::vector<Step>& steps, const std::filesystem::path& input,
                       const std::filesystem::path& output) {
@@ -85,7 +57,7 @@ std::string CommandOf(const std::vector<Step>& steps, const std::filesystem::pat
 }
 
 int IdOf(const Json& body) {
-  const int id = ValueOf(body, "id", -1);
+  const int id = ValueIn(body, "id", -1);
   if (id < 0) throw UsageError("the request names no image");
   return id;
 }
@@ -96,7 +68,7 @@ Response Check(const Request& request, Context& context) {
   const int id = IdOf(body);
   const std::vector<Step> steps = StepsOf(body, context);
   const std::filesystem::path input = context.files.Find(id);
-  const auto output = context.files.Beside(id, ValueOf<std::string>(body, "name", "result.fits"));
+  const auto output = context.files.Beside(id, ValueIn<std::string>(body, "name", "result.fits"));
   return JsonResponse({{"command", CommandOf(steps, input, output)},
                        {"recipe", RecipeOf(steps)},
                        {"local", std::ranges::all_of(steps, IsLocal)},
@@ -105,7 +77,7 @@ Response Check(const Request& request, Context& context) {
 
 /// A recipe's steps for the page.
 Response Read(const Request& request) {
-  const auto steps = ParseRecipe(ValueOf<std::string>(BodyOf(request), "recipe", ""));
+  const auto steps = ParseRecipe(ValueIn<std::string>(BodyOf(request), "recipe", ""));
   Json list = Json::array();
   for (const Step& step : steps) {
     Json values = Json::object();
@@ -119,8 +91,8 @@ Response Read(const Request& request) {
 
 Response DrawPreviewOf(const Request& request, Context& context) {
   const Json body = BodyOf(request);
-  const auto image = context.images.Get(IdOf(body), ValueOf(body, "developed", false));
-  const auto edges = ValueOf(body, "seen", std::vector<double>());
+  const auto image = context.images.Get(IdOf(body), ValueIn(body, "developed", false));
+  const auto edges = ValueIn(body, "seen", std::vector<double>());
   constexpr double kFar = 2 * files::kMaxSide;
   const bool isRect =
       edges.size() == 4 && std::ranges::all_of(edges, [](double e) { return std::abs(e) <= kFar; });
@@ -128,15 +100,15 @@ Response DrawPreviewOf(const Request& request, Context& context) {
   PreviewOptions options;
   const auto edge = [&](int i) { return static_cast<int>(edges[i]); };
   options.seen = CRect(edge(0), edge(1), edge(2), edge(3));
-  options.scale = std::clamp(ValueOf(body, "scale", 1.0), 1e-6, 1e3);
-  options.asIs = ValueOf(body, "as_is", false);
-  options.inColours = ValueOf(body, "colours", false);
-  const auto levels = ValueOf<std::string>(body, "levels", "");
+  options.scale = std::clamp(ValueIn(body, "scale", 1.0), 1e-6, 1e3);
+  options.asIs = ValueIn(body, "as_is", false);
+  options.inColours = ValueIn(body, "colours", false);
+  const auto levels = ValueIn<std::string>(body, "levels", "");
   options.levels =
-      levels.empty() ? image->pyramid->Shown(ValueOf(body, "linked", false)) : ReadLevels(levels);
+      levels.empty() ? image->pyramid->Shown(ValueIn(body, "linked", false)) : ReadLevels(levels);
   Job job({.cancel = TokenOf(request, context.job), .memory = context.job.Memory() / 2});
   const Preview preview = DrawPreview(job, *image->pyramid, StepsOf(body, context), options);
-  const bool asPng = ValueOf<std::string>(body, "format", "") == "png";
+  const bool asPng = ValueIn<std::string>(body, "format", "") == "png";
   Response response{.type = asPng ? "image/png" : "image/jpeg",
                     .body = asPng ? PngOf(preview.bytes) : JpegOf(preview.bytes)};
   const CRect& rect = preview.rect;
@@ -150,10 +122,10 @@ Response ApplyTo(const Request& request, Context& context) {
   const Json body = BodyOf(request);
   const int id = IdOf(body);
   ApplyOptions options{.steps = StepsOf(body, context), .input = context.files.Find(id)};
-  options.output = context.files.Beside(id, ValueOf<std::string>(body, "name", ""));
-  options.integers = ValueOf(body, "integers", false);
+  options.output = context.files.Beside(id, ValueIn<std::string>(body, "name", ""));
+  options.integers = ValueIn(body, "integers", false);
   CheckSteps(options);
-  const bool overwrites = ValueOf(body, "overwrite", false);
+  const bool overwrites = ValueIn(body, "overwrite", false);
   Response response{.type = "text/event-stream"};
   response.stream = [request, options, overwrites, &context](const Send& send) {
     bool isHeard = true;

@@ -4,6 +4,7 @@ import { addPanel, addTool, find, keys, make, onKey, tell } from './dom.js';
 import { ImageView } from './image.js';
 import { addMeasuringTools, addStatistics, addStatus } from './measure.js';
 import { addOperations } from './operations.js';
+import { addPlan } from './plan.js';
 import { addStars } from './stars.js';
 import { addStretchPanel } from './stretch.js';
 
@@ -94,7 +95,7 @@ function addAbout() {
   onKey('?', 'this', () => show().catch(tell));
 }
 
-/** The list of images. Answers what opens one by its number, also one that is new. */
+/** The list of images. Answers what opens one by its number, also one that is new, and by none just loads the list again. */
 function addList() {
   /** @type {{id: number, name: string}[]} */
   let files = [];
@@ -122,9 +123,12 @@ function addList() {
     if (files.length === 0) tell('there are no images here');
     open(0);
   }).catch(tell);
-  return async (/** @type {number} */ id) => {
+  return async (/** @type {number | undefined} */ id) => {
+    const shown = files[current]?.id;
     await load();
-    open(files.findIndex((file) => file.id === id));
+    if (id !== undefined) return open(files.findIndex((file) => file.id === id));
+    current = files.findIndex((file) => file.id === shown);
+    list.children[current]?.setAttribute('aria-current', 'true');
   };
 }
 
@@ -137,4 +141,6 @@ addProgress();
 addAbout();
 addHeader();
 addStatus(view);
-addOperations(view, addList()).catch(tell);
+const openFile = addList();
+addOperations(view, openFile).catch(tell);
+addPlan(() => openFile(undefined)).catch(tell);

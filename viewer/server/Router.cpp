@@ -1,6 +1,9 @@
 #include "viewer/server/Router.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
+#include <cstring>
 #include <system_error>
 
 #include <fmt/format.h>
@@ -128,6 +131,24 @@ int WholeOf(const Request& request, const std::string& name, int low, int high) 
   const double number = NumberOf(request, name, low, high);
   if (number != std::floor(number)) throw session::UsageError(fmt::format("{} is a whole number", name));
   return static_cast<int>(number);
+}
+
+Json BodyOf(const Request& request) {
+  Json body = Json::parse(request.body, nullptr, false);
+  if (!body.is_object()) throw session::UsageError("the request is no object of JSON");
+  return body;
+}
+
+std::string Quoted(const std::string& word) {
+  const auto isPlain = [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || (c != 0 && std::strchr("-_=.,:/+@%", c));
+  };
+  if (!word.empty() && std::ranges::all_of(word, isPlain)) return word;
+  std::string quoted = "'";
+  for (const char c : word) {
+    quoted += c == '\'' ? "'\\''" : std::string(1, c);
+  }
+  return quoted + "'";
 }
 
 }  // namespace korimg::viewer

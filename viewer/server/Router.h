@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "session/job/Errors.h"
 #include "viewer/server/Http.h"
 
 namespace korimg::viewer {
@@ -50,5 +51,20 @@ double NumberOf(const Request& request, const std::string& name, double low, dou
 int WholeOf(const Request& request, const std::string& name, int low, int high);
 /// A text of the query; empty where it is missing.
 std::string TextOf(const Request& request, const std::string& name);
+
+/// The object that is a request's body. Throws UsageError.
+Json BodyOf(const Request& request);
+/// A value of it, or another one where it is missing or null. Throws UsageError for one of another kind.
+template <class T>
+T ValueIn(const Json& body, const char* name, const T& other) {
+  try {
+    return body.contains(name) && !body[name].is_null() ? body[name].get<T>() : other;
+  } catch (const Json::exception&) {
+    throw session::UsageError(std::string(name) + " is no value of that kind");
+  }
+}
+
+/// A word as a shell takes it.
+std::string Quoted(const std::string& word);
 
 }  // namespace korimg::viewer

@@ -91,7 +91,7 @@ void Work::Take(const Event& event) {
     json["total"] = event.total;
     if (!event.detail.empty()) json["detail"] = event.detail;
   }
-  if (event.kind == Event::Result) json["data"] = Json::parse(event.data, nullptr, false);
+  if (!event.data.empty()) json["data"] = Json::parse(event.data, nullptr, false);
   const std::lock_guard lock(mutex_);
   Tell(std::move(json), event.kind == Event::Progress);
 }
