@@ -48,11 +48,11 @@ class Columns {
  public:
   static constexpr float kMissing = std::numeric_limits<float>::infinity();
 
-  /// `finiteOnly`: NaN and infinities are missing too.
-  Columns(int frames, const Network& network, bool finiteOnly)
+  /// Of rows of this width. `finiteOnly`: NaN and infinities are missing too.
+  Columns(int frames, int width, const Network& network, bool finiteOnly)
       : frames_(frames),
         finiteOnly_(finiteOnly),
-        most_(ColumnsAtOnce(frames)),
+        most_(std::min(ColumnsAtOnce(frames), (width + 15) / 16 * 16)),
         network_(network),
         values_(1LL * frames * most_),
         counts_(most_),
@@ -231,7 +231,7 @@ void CImgMedianComposit::ForColumns(int y0, int y1, bool threaded, bool normalis
   }
   const Network network = MakeNetwork(frames);
   ForLines(threaded ? Team::All : Team::One, y0, EndOfBand(y0, y1), [&](int y) {
-    Columns columns(frames, network, finiteOnly);
+    Columns columns(frames, width, network, finiteOnly);
     auto part = reduce;
     std::vector<float> offsets(scatter ? columns.Most() : 0);
     for (int p = 0; p < planes; ++p) {
