@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "session/calibrate/Frames.h"
+#include "session/calibrate/internal/FrameUse.h"
 #include "session/files/Text.h"
 
 namespace korimg::session {
@@ -141,6 +142,11 @@ bool IsCalibrated(const files::Header& header) {
   });
 }
 
+/// A folder of results of an earlier run holds masters and stacks, which are no frames.
+bool HoldsResults(const fs::path& folder) {
+  return fs::exists(folder / "report.html");
+}
+
 /// By what a file's header says. Finished pictures are none of a session's frames.
 Use UseByHeader(const fs::path& path) {
   if (KindOf(path) != kFits) return Use::Unknown;
@@ -174,6 +180,19 @@ Use UseByName(const fs::path& path) {
   return Use::Unknown;
 }
 
+/// What a file says itself goes before what its folder says, and that before its name.
+Use UseOf(const fs::path& file, Use byHeader, Use byFolder) {
+  return byHeader != Use::Unknown ? byHeader : byFolder != Use::Unknown ? byFolder : UseByName(file);
+}
+
+bool IsPicture(const fs::path& file) {
+  return KindOf(file) == kTiff || KindOf(file) == kPng;
+}
+
+const char* NameOf(Use use) {
+  return use == Use::Light ? "light" : use == Use::Dark ? "dark" : use == Use::Flat ? "flat" : "bias frame";
+}
+
 /// Walks through a session's folders.
 class Walk {
  public:
@@ -183,9 +202,7 @@ class Walk {
   void Through(const fs::path& folder, Use use) {
     // Links may lead back.
     if (!seen_.insert(fs::weakly_canonical(folder)).second) return;
-    // A folder of results of an earlier run holds masters and stacks, which are no frames.
-    if (fs::weakly_canonical(folder) == fs::weakly_canonical(results_) ||
-        fs::exists(folder / "report.html")) {
+    if (fs::weakly_canonical(folder) == fs::weakly_canonical(results_) || HoldsResults(folder)) {
       job_.Explain(fmt::format("{}: is not read: it holds results", folder.string()));
       return;
     }
@@ -230,7 +247,7 @@ class Walk {
         return;
       }
     }
-    Use use = byHeader != Use::Unknown ? byHeader : byFolder != Use::Unknown ? byFolder : UseByName(file);
+    Use use = UseOf(file, byHeader, byFolder);
     if (use == Use::Calibrated) {
       calibrated_.push_back(file);
       return;
@@ -239,8 +256,7 @@ class Walk {
       others_["left out: stacks of several lights"].push_back(file);
       return;
     }
-    const bool isPicture = KindOf(file) == kTiff || KindOf(file) == kPng;
-    if (use == Use::Unknown && isPicture) return;  // a picture that nobody calls a frame
+    if (use == Use::Unknown && IsPicture(file)) return;  // a picture that nobody calls a frame
     if (use == Use::Unknown) {
       others_["taken as lights, for nothing says what they are"].push_back(file);
       use = Use::Light;
@@ -255,10 +271,6 @@ class Walk {
      : use == Use::Flat ? found_.flats
                         : found_.biases)
         .push_back(file);
-  }
-
-  static const char* NameOf(Use use) {
-    return use == Use::Light ? "light" : use == Use::Dark ? "dark" : use == Use::Flat ? "flat" : "bias frame";
   }
 
   Job& job_;
@@ -301,6 +313,45 @@ SessionFrames FindSession(Job& job, const fs::path& folder, const fs::path& resu
     job.Warn("no darks, flats or biases: lights are stacked as they are");
   }
   return found;
+}
+
+SessionFrames FindCalibration(Job& job, const fs::path& folder) {
+  SessionFrames found;
+  Walk walk(job, found, {});
+  walk.Through(folder, Use::Unknown);
+  walk.Finish();
+  found.lights.clear();
+  return found;
+}
+
+bool HasImageName(const fs::path& file) {
+  return !file.filename().string().starts_with(".") && KindOf(file) != kNoImage;
+}
+
+bool MayHoldLights(const fs::path& folder) {
+  const std::string name = folder.filename().string();
+  const Use use = UseOfWord(name);
+  return !name.starts_with(".") && (use == Use::Unknown || use == Use::Light) && !HoldsResults(folder);
+}
+
+std::string WhyNoLight(const fs::path& file) {
+  const Use byHeader = UseByHeader(file), byFolder = UseOfWord(file.parent_path().filename().string());
+  if (byHeader == Use::Other && byFolder == Use::Unknown) {
+    return "IMAGETYP says that it is no light, dark, flat or bias frame";
+  }
+  const Use use = UseOf(file, byHeader == Use::Other ? Use::Unknown : byHeader, byFolder);
+  switch (use) {
+    case Use::Light:
+      return "";
+    case Use::Unknown:
+      return IsPicture(file) ? "is a picture, and nothing says that it is a light" : "";
+    case Use::Calibrated:
+      return "was calibrated before";
+    case Use::Finished:
+      return "is a stack of several lights";
+    default:
+      return fmt::format("is a {}", NameOf(use));
+  }
 }
 
 std::vector<fs::path> ExpandFolders(Job& job, const std::vector<fs::path>& paths) {

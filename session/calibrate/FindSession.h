@@ -22,4 +22,7 @@ struct SessionFrames {
 KORIMG_SESSION_API SessionFrames FindSession(Job& job, const std::filesystem::path& folder,
                                              const std::filesystem::path& results = {});
 
+/// Finds the calibration frames alone, as in a folder of masters: there may be none.
+KORIMG_SESSION_API SessionFrames FindCalibration(Job& job, const std::filesystem::path& folder);
+
 }  // namespace korimg::session

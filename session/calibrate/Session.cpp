@@ -237,6 +237,21 @@ void Session::Prepare() {
   MeasureDevelopments();
 }
 
+bool Session::Exchange(const fs::path& path) {
+  Light& only = lights_.front();
+  Light light = PlanLight(ReadFrame(path));
+  const files::ImageInfo &was = only.frame.info, &now = light.frame.info;
+  const bool isAlike = light.dark == only.dark && light.flat == only.flat && light.bias == only.bias &&
+                       light.mosaic.cfa == only.mosaic.cfa && CameraOf(light) == CameraOf(only) &&
+                       now.width == was.width && now.height == was.height && now.planes == was.planes &&
+                       !files::LiesOverturned(now.header, was.header);
+  if (!isAlike) return false;
+  light.stem = StemOf(path);
+  only = std::move(light);
+  levels_.clear();
+  return true;
+}
+
 const Group* Session::OffsetOf(const Group& flat) const {
   const auto offset = offsetsOfFlats_.find(&flat);
   return offset == offsetsOfFlats_.end() ? nullptr : offset->second;
@@ -864,7 +879,11 @@ Levels Session::MosaicLevels(const Light& light) const {
 }
 
 Development Session::Develop(MosaicSource source, const Light& light, files::ImageInfo& info) const {
-  return {std::move(source), info, light.mosaic, balances_.at(CameraOf(light)), options_.develop};
+  return {std::move(source), info, light.mosaic, BalanceOf(light), options_.develop};
+}
+
+const WhiteBalance& Session::BalanceOf(const Light& light) const {
+  return balances_.at(CameraOf(light));
 }
 
 void Session::ChooseWhiteBalances() {
@@ -1085,7 +1104,7 @@ void LightRows::ReadBand(const Band<float>& to, const QualityRows& quality) {
 void LightRows::ReadSites(const Band<float>& to) {
   ReadCalibrated(to);
   const int cfa = light_.mosaic.cfa;
-  const auto& gains = session_.balances_.at(CameraOf(light_)).gains;
+  const auto& gains = session_.BalanceOf(light_).gains;
   const auto pedestal = static_cast<float>(session_.options_.KeptPedestal());
   // Those of a honeycomb are of red, green, green and blue.
   const auto gainOf = [&](int x, int y) {
@@ -1115,6 +1134,16 @@ void LightRows::ReadCalibrated(const Band<float>& to) {
       v -= pedestal;
     }
   }
+}
+
+std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmManager>& store) {
+  const Shape shape = rows.Size();
+  // The image does not keep its store alive.
+  auto image = std::shared_ptr<CVelImage>(
+      new CVelImage(store, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr),
+      [store](CVelImage* p) { delete p; });
+  rows.Read(Image::RowsOf(*image, 0, shape.height));
+  return image;
 }
 
 }  // namespace korimg::session

@@ -12,16 +12,6 @@ namespace korimg::session {
 
 namespace fs = std::filesystem;
 
-std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmManager>& store) {
-  const Shape shape = rows.Size();
-  // The image does not keep its store alive.
-  auto image = std::shared_ptr<CVelImage>(
-      new CVelImage(store, CImage::Float, shape.width, shape.height, shape.planes, 1.0, 0.0, 1, nullptr),
-      [store](CVelImage* p) { delete p; });
-  rows.Read(Image::RowsOf(*image, 0, shape.height));
-  return image;
-}
-
 /// What all frames of a target are shown by, so that they compare: that of the first one that can be read.
 Levels Road::StretchOfFrames(const RunTarget& target) const {
   for (const RunLight* frame : target.frames) {

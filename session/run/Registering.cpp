@@ -7,6 +7,7 @@
 
 #include "session/files/Formats.h"
 #include "session/register/LensLibrary.h"
+#include "session/run/internal/FrameBounds.h"
 #include "session/run/internal/Road.h"
 
 namespace korimg::session {
@@ -21,6 +22,33 @@ std::string TextOf(const std::optional<CLensDistortion>& lens) {
 }
 
 }  // namespace
+
+FrameBounds::FrameBounds(const FrameLimits& limits, const std::vector<SeenStars>& frames) {
+  std::vector<double> counts, fwhms, elongations;
+  for (const SeenStars& frame : frames) {
+    counts.push_back(frame.count);
+    if (frame.count < kEnough) continue;
+    fwhms.push_back(frame.fwhm);
+    elongations.push_back(frame.elongation);
+  }
+  const double usual = UpperMedian(counts);
+  fewest = usual < kEnough ? 0 : limits.stars * usual;
+  widest = limits.fwhm * UpperMedian(fwhms);
+  longest = limits.elongation * UpperMedian(elongations);
+  starry = fwhms.size();
+}
+
+std::string FrameBounds::WhyBad(const SeenStars& frame) const {
+  const bool tells = frame.count >= kEnough;
+  if (frame.count < fewest) return fmt::format("{} stars, fewer than {:.0f}", frame.count, fewest);
+  if (tells && widest > 0 && frame.fwhm > widest) {
+    return fmt::format("FWHM {:.2f} px, above {:.2f}", frame.fwhm, widest);
+  }
+  if (tells && longest > 0 && frame.elongation > longest) {
+    return fmt::format("elongation {:.2f}, above {:.2f}", frame.elongation, longest);
+  }
+  return "";
+}
 
 fs::path Road::Lenses() const {
   const fs::path& masters = options_.calibrate.masters;
@@ -164,41 +192,30 @@ bool Road::RegisterFrames() {
 /// Leaves out what cannot be stacked, and what is much worse than the others. A few stars tell nothing of
 /// that.
 void Road::LeaveOutBad(const RunTarget& target) {
-  constexpr int kEnough = 20;
-  std::vector<double> stars, fwhms, elongations;
+  std::vector<SeenStars> seen;
   for (const RunLight* frame : target.frames) {
-    if (!frame->IsUsed()) continue;
-    stars.push_back(frame->measure.starCount);
-    if (frame->measure.starCount < kEnough) continue;
-    fwhms.push_back(frame->measure.fwhm);
-    elongations.push_back(frame->measure.elongation);
+    if (frame->IsUsed()) seen.emplace_back(frame->measure);
   }
   const FrameLimits& limits = options_.limits;
-  const double usual = UpperMedian(stars), fewest = usual < kEnough ? 0 : limits.stars * usual,
-               widest = limits.fwhm * UpperMedian(fwhms),
-               longest = limits.elongation * UpperMedian(elongations);
+  const FrameBounds bounds(limits, seen);
+  const auto& [fewest, widest, longest, starry] = bounds;
   std::string text = target.name + ": what could not be registered";
   if (fewest > 0) text += fmt::format("; fewer than {:.0f} stars ({:g} of the median)", fewest, limits.stars);
   if (widest > 0) text += fmt::format("; FWHM above {:.2f} px ({:g} times the median)", widest, limits.fwhm);
   if (longest > 0)
     text += fmt::format("; elongation above {:.2f} ({:g} times the median)", longest, limits.elongation);
   Plan(text + "; are left out");
-  TellLimitsThatSayLittle(target, stars.size(), fwhms.size());
+  TellLimitsThatSayLittle(target, seen.size(), starry);
   const Shape& shape = Grid().shape;
   for (RunLight* frame : target.frames) {
     if (!frame->IsUsed()) continue;
-    const FrameMeasure& m = frame->measure;
-    const bool tells = m.starCount >= kEnough;
     const Shape& own = frame->shape;
+    const std::string bad = bounds.WhyBad(frame->measure);
     if (own.width != shape.width || own.height != shape.height || own.planes != shape.planes) {
       LeaveOut(*frame, fmt::format("is {} x {} x {}, the reference {} x {} x {}", own.width, own.height,
                                    own.planes, shape.width, shape.height, shape.planes));
-    } else if (m.starCount < fewest) {
-      LeaveOut(*frame, fmt::format("{} stars, fewer than {:.0f}", m.starCount, fewest));
-    } else if (tells && widest > 0 && m.fwhm > widest) {
-      LeaveOut(*frame, fmt::format("FWHM {:.2f} px, above {:.2f}", m.fwhm, widest));
-    } else if (tells && longest > 0 && m.elongation > longest) {
-      LeaveOut(*frame, fmt::format("elongation {:.2f}, above {:.2f}", m.elongation, longest));
+    } else if (!bad.empty()) {
+      LeaveOut(*frame, bad);
     } else if (!frame->registration.IsGood()) {
       LeaveOut(*frame, "not registered: " + frame->registration.Text());
     }
@@ -207,7 +224,7 @@ void Road::LeaveOutBad(const RunTarget& target) {
 
 /// Limits compare frames with each other: spoiled alike, they pass.
 void Road::TellLimitsThatSayLittle(const RunTarget& target, size_t frames, size_t starry) {
-  constexpr size_t kTelling = 3;
+  constexpr size_t kTelling = FrameBounds::kTelling;
   const FrameLimits& limits = options_.limits;
   const bool hasLimits = limits.stars > 0 || limits.fwhm > 0 || limits.elongation > 0;
   if (frames == 0 || !hasLimits || starry >= kTelling) return;

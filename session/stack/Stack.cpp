@@ -8,6 +8,7 @@
 #include <limits>
 #include <mutex>
 #include <numbers>
+#include <span>
 #include <stop_token>
 #include <thread>
 
@@ -206,11 +207,11 @@ struct BandBytes {
   }
 };
 
-void AddNormalisation(CImgStack& stack, const std::vector<StackInput>& inputs, int reference,
+void AddNormalisation(CImgStack& stack, std::span<const StackInput> inputs, const FrameLevels& reference,
                       Normalisation normalisation) {
   if (normalisation == Normalisation::None) return;
   // One spread of the reference for all frames: those that cannot be scaled get it as theirs.
-  FrameLevels to = inputs[reference].levels;
+  FrameLevels to = reference;
   for (double& spread : to.spread) {
     if (!(spread > 0)) spread = 1;
   }
@@ -218,11 +219,23 @@ void AddNormalisation(CImgStack& stack, const std::vector<StackInput>& inputs, i
   for (const StackInput& input : inputs) {
     FrameLevels from = input.levels;
     for (int p = 0; p < 3; ++p) {
-      const bool scales = normalisation == Normalisation::LevelAndScale && from.spread[p] > 0 &&
-                          inputs[reference].levels.spread[p] > 0;
+      const bool scales =
+          normalisation == Normalisation::LevelAndScale && from.spread[p] > 0 && reference.spread[p] > 0;
       if (!scales) from.spread[p] = to.spread[p];
     }
     stack.AddNormalizeParam(from.level, from.spread);
+  }
+}
+
+/// Fills a slot with rows `top` to `end` - 1 of the grid.
+void StoreRows(CImgStack& stack, int slot, CVelImage& frame, const StackInput& input, int top, int end,
+               const StackOptions& options) {
+  const FrameLevels* levels = options.clampUndershoot ? &input.levels : nullptr;
+  if (input.map) {
+    stack.Store(slot, &frame, top, end - 1, *input.map, options.kernel, levels);
+  } else {
+    stack.Store(slot, &frame, top, end - 1, input.dx, input.dy, input.degrees * std::numbers::pi / 180,
+                options.kernel, levels);
   }
 }
 
@@ -352,7 +365,7 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
   stack.SetFeather(options.feather);
   stack.SetOutside(std::numeric_limits<float>::quiet_NaN());
   stack.SetRejected(options.rejected);
-  AddNormalisation(stack, inputs, reference, options.normalisation);
+  AddNormalisation(stack, inputs, inputs[reference].levels, options.normalisation);
   if (options.rejectionMaps) {
     for (auto& map : maps) {
       map = std::make_unique<FrameRows>(shape);
@@ -402,15 +415,8 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
   const auto store = [&](int worker, long long step) {
     const StackInput& input = inputs[step % frames];
     const auto slot = static_cast<int>(step % frames);
-    CVelImage* frame = &buffers[worker]->Image();
     const auto [top, end] = rowsOf(step);
-    const FrameLevels* levels = options.clampUndershoot ? &input.levels : nullptr;
-    if (input.map) {
-      stack.Store(slot, frame, top, end - 1, *input.map, options.kernel, levels);
-    } else {
-      stack.Store(slot, frame, top, end - 1, input.dx, input.dy, input.degrees * std::numbers::pi / 180,
-                  options.kernel, levels);
-    }
+    StoreRows(stack, slot, buffers[worker]->Image(), input, top, end, options);
     if (judges(step)) qualities[worker]->Store(stack, slot, input, top, end - 1, options.kernel);
   };
   BandFeeder feeder(frames, steps, read, store);
@@ -446,6 +452,20 @@ void Stack(Job& job, const std::vector<StackInput>& inputs, int reference, const
     }
   }
   job.JobProgress("", 0, 0);
+}
+
+void LayInput(const StackInput& input, CVelImage& frame, const FrameLevels& reference,
+              const StackOptions& options, CVelImage& target) {
+  constexpr int kRows = 256;
+  CImgStack stack(&target);
+  if (!stack.AllocateStoreBuffer(&target, 1, kRows)) throw std::bad_alloc();
+  stack.SetOutside(std::numeric_limits<float>::quiet_NaN());
+  AddNormalisation(stack, {&input, 1}, reference, options.normalisation);
+  for (int top = 0; top < target.GetHeight(); top += kRows) {
+    const int end = std::min(top + kRows, target.GetHeight());
+    StoreRows(stack, 0, frame, input, top, end, options);
+    stack.Stack(CImgStack::Mean, {.test = Rejection::None}, top, end - 1);
+  }
 }
 
 std::unique_ptr<CVelImage> SampleInput(const StackInput& input) {

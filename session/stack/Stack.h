@@ -114,6 +114,11 @@ KORIMG_SESSION_API void Stack(Job& job, const std::vector<StackInput>& inputs, i
                               const StackOptions& options, const StackRows& rows,
                               const std::function<void(const StackBand&)>& sink, CVelImage* whole = nullptr);
 
+/// Lays the pixels of one frame on the grid of an image, normalised by the levels of the reference: what
+/// Stack makes means of. NaN where it does not reach. `read` is not called.
+void LayInput(const StackInput& input, CVelImage& frame, const FrameLevels& reference,
+              const StackOptions& options, CVelImage& target);
+
 /// Some rows of a frame, spread evenly over it: enough to measure it by.
 KORIMG_SESSION_API std::unique_ptr<CVelImage> SampleInput(const StackInput& input);
 

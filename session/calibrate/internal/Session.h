@@ -74,6 +74,12 @@ class Session {
   /// balance of each camera by its first light. Warns of whatever is wrong with the set of frames.
   void Prepare();
 
+  /// Puts another light in the place of the only one, once that is prepared. False, and nothing is done, when
+  /// it is not served by the same masters, or is not of the same camera, size and mosaic: it needs a session
+  /// of its own.
+  /// @throws FileError when it cannot be read, or the calibration frames do not fit it.
+  [[nodiscard]] bool Exchange(const std::filesystem::path& path);
+
   const std::vector<Light>& Lights() const { return lights_; }
   /// Groups that serve a light or such a flat, those of offsets first.
   std::vector<const Group*> NeededGroups() const;
@@ -103,6 +109,8 @@ class Session {
   Calibrated LoadLight(const Light& light) const;
   /// The development of a light's mosaic, calibrated and free of its pedestal.
   Development Develop(MosaicSource source, const Light& light, files::ImageInfo& info) const;
+  /// The white balance that it is developed with, once it is prepared.
+  const WhiteBalance& BalanceOf(const Light& light) const;
   /// What that makes of the quality of its photosites; null where none is wanted.
   const DevelopedNoise* NoiseOfDevelopment(const Light& light) const;
   /// Puts what was done into the header of a light.
@@ -247,5 +255,8 @@ class LightRows {
   QualityBuffer mosaicRows_;
   Shape shape_;
 };
+
+/// All of a light, calibrated and developed. The image keeps its store, which must be contiguous.
+std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmManager>& store);
 
 }  // namespace korimg::session

@@ -56,9 +56,6 @@ inline double ShareRejected(const CImgStack::Counts& c) {
   return c.values > 0 ? static_cast<double>(c.low + c.high) / static_cast<double>(c.values) : 0;
 }
 
-/// All of a light, calibrated and developed.
-std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmManager>& store);
-
 /// Each stage goes on from what the ones before it found, in the order of Do. Those of tasks leave what they
 /// find in the state, and take from there what others found.
 class Road {
