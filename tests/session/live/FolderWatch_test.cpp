@@ -87,9 +87,10 @@ TEST_F(FolderWatchTest, FilesAreToldOfOnceWhenTheyAreComplete) {
   struct Case {
     const char* name;
     bool notifications;
+    std::chrono::milliseconds interval;  ///< an hour: nobody would wait for it
     std::function<void(const fs::path&)> write;
   } cases[] = {
-      {"closed between its pieces", true,
+      {"closed between its pieces", true, 1h,
        [&](const fs::path& path) {
          append(path, "");
          rest();
@@ -97,7 +98,7 @@ TEST_F(FolderWatchTest, FilesAreToldOfOnceWhenTheyAreComplete) {
          rest();
          append(path, fits.substr(half));
        }},
-      {"the same without notifications", false,
+      {"the same without notifications", false, 60ms,
        [&](const fs::path& path) {
          append(path, "");
          rest();
@@ -105,7 +106,7 @@ TEST_F(FolderWatchTest, FilesAreToldOfOnceWhenTheyAreComplete) {
          rest();
          append(path, fits.substr(half));
        }},
-      {"of its full size from the start, and held open", true,
+      {"of its full size from the start, and held open", true, 1h,
        [&](const fs::path& path) {
          const int file = open(path.c_str(), O_CREAT | O_WRONLY, 0666);
          EXPECT_EQ(ftruncate(file, static_cast<off_t>(fits.size())), 0);
@@ -115,30 +116,42 @@ TEST_F(FolderWatchTest, FilesAreToldOfOnceWhenTheyAreComplete) {
                    static_cast<ssize_t>(fits.size() - half));
          close(file);
        }},
-      {"given its name at the end", true,
+      {"of its full size from the start, without notifications", false, 1s,
+       [&](const fs::path& path) {
+         const int file = open(path.c_str(), O_CREAT | O_WRONLY, 0666);
+         EXPECT_EQ(ftruncate(file, static_cast<off_t>(fits.size())), 0);
+         for (size_t at = 0; at < fits.size(); at += 500) {
+           EXPECT_GT(pwrite(file, fits.data() + at, std::min<size_t>(500, fits.size() - at),
+                            static_cast<off_t>(at)),
+                     0);
+           std::this_thread::sleep_for(100ms);
+         }
+         close(file);
+       }},
+      {"given its name at the end", true, 1h,
        [&](const fs::path& path) {
          append(path.string() + ".part", fits);
          rest();
          fs::rename(path.string() + ".part", path);
        }},
-      {"the same without notifications", false,
+      {"the same without notifications", false, 60ms,
        [&](const fs::path& path) {
          append(path.string() + ".part", fits);
          rest();
          fs::rename(path.string() + ".part", path);
        }},
-      {"a link", true, [&](const fs::path& path) { fs::create_hard_link(In("made.fits"), path); }},
-      {"in a new folder", true,
+      {"a link", true, 60ms, [&](const fs::path& path) { fs::create_hard_link(In("made.fits"), path); }},
+      {"in a new folder", true, 60ms,
        [&](const fs::path& path) {
          fs::create_directory(Night("new"));
          append(Night("new") / path.filename(), fits);
        }},
   };
-  for (const auto& [name, notifications, write] : cases) {
+  for (const auto& [name, notifications, interval, write] : cases) {
     SCOPED_TRACE(name);
     fs::remove_all(In("night"));
     fs::create_directory(In("night"));
-    FolderWatch watch(job_, {.folder = In("night"), .interval = 60ms, .notifications = notifications});
+    FolderWatch watch(job_, {.folder = In("night"), .interval = interval, .notifications = notifications});
     EXPECT_TRUE(watch.Next(0ms).empty());
     std::thread writer([&, &write = write] { write(Night("x.fits")); });
     Strings names;
