@@ -30,6 +30,7 @@ struct Served {
     AddPage(router, *context);
     AddImage(router, *context);
     AddOperations(router, *context);
+    AddLive(router, *context);
     AddPlan(router, *context);
     AddWork(router, *context);
   }

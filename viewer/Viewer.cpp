@@ -43,12 +43,19 @@ void OpenBrowser(session::Job& job, const std::string& address) {
 }  // namespace
 
 void View(session::Job& job, const ViewOptions& options) {
-  Context context{.job = job, .files = Files(options.paths)};
+  std::vector<std::filesystem::path> paths = options.paths;
+  if (!options.watch.empty()) paths.push_back(options.watch);
+  Context context{.job = job, .files = Files(paths)};
+  if (!options.watch.empty()) {
+    context.live = std::make_unique<Live>(
+        job, WatchedFolder{std::filesystem::canonical(options.watch), options.masters});
+  }
   const std::string token = NewToken();
   Router router(token, !IsLoopback(options.address));
   AddPage(router, context);
   AddImage(router, context);
   AddOperations(router, context);
+  AddLive(router, context);
   AddPlan(router, context);
   AddWork(router, context);
   const HttpServer server({.address = options.address, .port = options.port},

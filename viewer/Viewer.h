@@ -11,8 +11,10 @@ namespace korimg::viewer {
 
 struct ViewOptions {
   std::vector<std::filesystem::path> paths;  ///< files and folders; nothing else can be seen
-  std::string address = "127.0.0.1";         ///< to listen on; others than this machine's own let others ask
-  int port = 0;                              ///< 0: any that is free
+  std::filesystem::path watch;        ///< a folder that a camera fills, stacked as it comes; empty: none
+  std::filesystem::path masters;      ///< ready ones for these frames
+  std::string address = "127.0.0.1";  ///< to listen on; others than this machine's own let others ask
+  int port = 0;                       ///< 0: any that is free
   bool opensBrowser = true;
 };
 

@@ -7,6 +7,7 @@
 #include "session/job/Job.h"
 #include "session/picture/Images.h"
 #include "viewer/image/OpenImages.h"
+#include "viewer/live/Live.h"
 #include "viewer/server/Files.h"
 #include "viewer/server/Router.h"
 #include "viewer/server/Work.h"
@@ -18,6 +19,7 @@ struct Context {
   session::Job& job;
   Files files;
   OpenImages images{job, files};
+  std::unique_ptr<Live> live = {};  ///< where a folder is watched; ends after the work that asks it
   Work work{job};
 };
 
@@ -27,6 +29,8 @@ void AddPage(Router& router, Context& context);
 void AddImage(Router& router, Context& context);
 /// A session before it runs: its plan, and its run.
 void AddPlan(Router& router, Context& context);
+/// A folder that is being filled: the stack as it grows.
+void AddLive(Router& router, Context& context);
 /// What takes long, as far as it is; see Work.
 void AddWork(Router& router, Context& context);
 

@@ -2,6 +2,7 @@
 import { get } from './api.js';
 import { addPanel, addTool, find, keys, make, onKey, tell } from './dom.js';
 import { ImageView } from './image.js';
+import { addLive } from './live.js';
 import { addMeasuringTools, addStatistics, addStatus } from './measure.js';
 import { addOperations } from './operations.js';
 import { addPlan } from './plan.js';
@@ -144,3 +145,4 @@ addStatus(view);
 const openFile = addList();
 addOperations(view, openFile).catch(tell);
 addPlan(() => openFile(undefined)).catch(tell);
+addLive(openFile).catch(tell);

@@ -1,0 +1,77 @@
+// A folder that is being filled: the stack as it grows.
+#include "viewer/live/Live.h"
+
+#include "session/picture/Images.h"
+#include "viewer/api/Api.h"
+
+namespace korimg::viewer {
+
+using namespace session;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+Live& LiveOf(Context& context) {
+  if (!context.live) throw UsageError("no folder is watched: korimg view --watch FOLDER");
+  return *context.live;
+}
+
+/// A new name in the watched folder.
+fs::path Within(const Live& live, const std::string& name) {
+  const fs::path plain(name);
+  if (plain.empty() || plain.filename() != plain || name.starts_with('.') || name.find('\0') != name.npos) {
+    throw UsageError("write a plain name");
+  }
+  const fs::path path = live.Folder() / plain;
+  if (fs::is_symlink(fs::symlink_status(path))) throw files::FileError(path, "is a link; take another name");
+  return path;
+}
+
+Response Save(const Request& request, Context& context) {
+  const Live& live = LiveOf(context);
+  const fs::path path = Within(live, ValueIn<std::string>(BodyOf(request), "name", ""));
+  if (!IsFits(path)) throw UsageError("write the name of a new file that ends in .fits");
+  Job job({.cancel = TokenOf(request, context.job), .memory = context.job.Memory() / 4});
+  job.CheckOutput(path);
+  Image image = live.Snapshot();
+  SaveImage(job, image.Pixels(), image.Header(), path);
+  return JsonResponse({{"id", context.files.Add(fs::canonical(path))}});
+}
+
+/// Stacks the frames as a run does, once they are all there.
+Response StackProperly(const Request& request, Context& context) {
+  const Live& live = LiveOf(context);
+  const fs::path out = Within(live, ValueIn<std::string>(BodyOf(request), "out", "result"));
+  JobOptions world;
+  world.origin = "korimg run " + Quoted(live.Folder().string()) + " --out " + Quoted(out.string());
+  const int number =
+      context.work.Start("the stack of " + live.Folder().filename().string(), world, [&live, out](Job& job) {
+        const RunResult run = Run(job, live.Proper(job, out));
+        Json made{{"out", out.filename().string()}, {"stacks", Json::array()}};
+        for (const RunStack& stack : run.stacks) {
+          made["stacks"].push_back(
+              {{"file", stack.file.filename().string()}, {"frames", stack.frames}, {"lights", stack.lights}});
+        }
+        return made;
+      });
+  return JsonResponse({{"number", number}, {"command", world.origin}});
+}
+
+}  // namespace
+
+void AddLive(Router& router, Context& context) {
+  router.Get("live/state", [&context](const Request& request) {
+    if (!context.live) return JsonResponse({{"folder", nullptr}});
+    constexpr int kMany = 1 << 30;
+    return JsonResponse(context.live->State(WholeOf(request, "after", 0, kMany),
+                                            WholeOf(request, "picture", -1, kMany), request.isGone));
+  });
+  router.Get("live/picture", [&context](const Request&) {
+    return Response{.type = "image/jpeg", .body = LiveOf(context).Picture()};
+  });
+  router.Post("live/save", [&context](const Request& request) { return Save(request, context); });
+  router.Post("live/stack", [&context](const Request& request) { return StackProperly(request, context); });
+}
+
+}  // namespace korimg::viewer

@@ -1,0 +1,164 @@
+#include "viewer/live/Live.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+
+#include "session/calibrate/FindSession.h"
+#include "session/live/FolderWatch.h"
+#include "session/picture/AutoPicture.h"
+
+namespace korimg::viewer {
+
+using namespace session;
+
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::milliseconds;
+
+class TokenOfLive : public CancelToken {
+ public:
+  explicit TokenOfLive(std::shared_ptr<CancelToken> parent) : parent_(std::move(parent)) {}
+  bool IsCancelled() override { return CancelToken::IsCancelled() || (parent_ && parent_->IsCancelled()); }
+
+ private:
+  std::shared_ptr<CancelToken> parent_;
+};
+
+Json JsonOf(const LiveFrame& frame) {
+  Json json{{"name", frame.file.filename().string()},
+            {"added", frame.isAdded},
+            {"status", frame.status},
+            {"stars", frame.stars},
+            {"fwhm", frame.fwhm},
+            {"sky", frame.sky},
+            {"noise", frame.noise},
+            {"dx", frame.dx},
+            {"dy", frame.dy},
+            {"degrees", frame.degrees},
+            {"weight", frame.weight},
+            {"seconds", frame.seconds}};
+  json["rejected"] = frame.rejected ? Json(*frame.rejected) : Json();
+  return json;
+}
+
+}  // namespace
+
+Live::Live(Job& job, const WatchedFolder& watched)
+    : watched_(watched),
+      token_(std::make_shared<TokenOfLive>(job.options.cancel)),
+      job_({.cancel = token_, .memory = job.Memory() / 4}) {
+  stack_ = std::make_unique<LiveStack>(job_, Options());
+  thread_ = std::thread([this] { Watch(); });
+}
+
+Live::~Live() {
+  token_->Cancel();
+  {
+    const std::lock_guard lock(mutex_);
+    ends_ = true;
+  }
+  changed_.notify_all();
+  thread_.join();
+}
+
+LiveOptions Live::Options() const {
+  LiveOptions options;
+  if (!watched_.masters.empty()) {
+    options.calibrate.masters = watched_.masters;
+    return options;
+  }
+  // Calibration frames that lie in the folder already.
+  try {
+    Job quiet({.cancel = token_});
+    SessionFrames found = FindSession(quiet, watched_.folder);
+    options.calibrate.darks = std::move(found.darks);
+    options.calibrate.flats = std::move(found.flats);
+    options.calibrate.biases = std::move(found.biases);
+  } catch (const files::FileError&) {
+    // There are no lights yet.
+  }
+  return options;
+}
+
+void Live::Watch() {
+  try {
+    try {
+      FolderWatch watch(job_, {.folder = watched_.folder});
+      for (;;) {
+        for (const fs::path& file : watch.Next(milliseconds(1000))) {
+          {
+            const std::lock_guard lock(mutex_);
+            doing_ = file.filename().string();
+          }
+          changed_.notify_all();
+          const LiveFrame frame = stack_->Add(file);
+          std::string picture;
+          if (frame.isAdded) {
+            if (const std::optional<Image> mean = stack_->Snapshot()) {
+              const Levels levels = LevelForPicture(mean->Pixels(), LevelMethod::Auto);
+              picture = session::JpegOf(job_, mean->Pixels(), levels,
+                                        ShrinkTo({mean->Width(), mean->Height(), mean->Planes()}, kSide));
+            }
+          }
+          const std::lock_guard lock(mutex_);
+          frames_.push_back(JsonOf(frame));
+          doing_.clear();
+          if (!picture.empty()) {
+            picture_ = std::move(picture);
+            ++pictures_;
+          }
+          changed_.notify_all();
+        }
+      }
+    } catch (...) {
+      ThrowOfFamily();
+    }
+  } catch (const Error& error) {
+    const std::lock_guard lock(mutex_);
+    if (error.Kind() != ErrorKind::Cancelled) failure_ = error.what();
+    ends_ = true;
+    changed_.notify_all();
+  }
+}
+
+Json Live::State(int after, int picture, const std::function<bool()>& isGone) const {
+  constexpr milliseconds kLook(200);
+  constexpr int kPatience = 50;  // looks
+  std::unique_lock lock(mutex_);
+  for (int i = 0; i < kPatience; ++i) {
+    const bool isNew = after < static_cast<int>(frames_.size()) || picture != pictures_ || ends_;
+    if (isNew || isGone()) break;
+    changed_.wait_for(lock, kLook);
+  }
+  const auto first =
+      static_cast<std::size_t>(std::clamp<long long>(after, 0, static_cast<long long>(frames_.size())));
+  const auto added =
+      std::ranges::count_if(frames_, [](const Json& frame) { return frame["added"].get<bool>(); });
+  return {{"folder", watched_.folder.filename().string()},
+          {"count", frames_.size()},
+          {"added", added},
+          {"picture", pictures_},
+          {"doing", doing_},
+          {"failure", failure_},
+          {"ended", ends_},
+          {"frames", std::vector<Json>(frames_.begin() + static_cast<std::ptrdiff_t>(first), frames_.end())}};
+}
+
+std::string Live::Picture() const {
+  const std::lock_guard lock(mutex_);
+  return picture_;
+}
+
+Image Live::Snapshot() const {
+  std::optional<Image> image = stack_->Snapshot();
+  if (!image) throw UsageError("no frame was added yet");
+  return std::move(*image);
+}
+
+RunOptions Live::Proper(Job& job, const fs::path& out) const {
+  return ProperRun(job, watched_.folder, out, Options());
+}
+
+}  // namespace korimg::viewer
