@@ -186,6 +186,7 @@ RunResult Road::Do() {
     if (isColour) result.colours.push_back(Path("colour.fits"));
     TellFrames(result.frames);
     WriteReport();
+    KeepFinished(result);
     CheckShares();
   });
   return result;

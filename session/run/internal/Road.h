@@ -186,6 +186,9 @@ class Road {
   void WriteReport();
   void CheckShares();
 
+  // Finished.cpp
+  void KeepFinished(const RunResult& result);
+
   Job& job_;
   const RunOptions& options_;
   Session session_;

@@ -21,6 +21,9 @@ class RunState {
   /// @throws FileError when the results in the folder are those of other lights.
   RunState(std::filesystem::path out, const std::vector<std::filesystem::path>& lights, bool overwrite);
 
+  /// To look at what is there, whatever it is of.
+  explicit RunState(const std::filesystem::path& out) : folder_(out / ".korimg") {}
+
   /// An output that an earlier call wrote, or began to.
   bool Owns(const std::filesystem::path& output) const;
   /// Outputs of earlier calls that are there, and that this one does not make.
