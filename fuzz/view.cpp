@@ -32,6 +32,7 @@ struct Served {
     AddOperations(router, *context);
     AddLive(router, *context);
     AddPlan(router, *context);
+    AddFinished(router, *context);
     AddWork(router, *context);
   }
 };

@@ -57,6 +57,7 @@ void View(session::Job& job, const ViewOptions& options) {
   AddOperations(router, context);
   AddLive(router, context);
   AddPlan(router, context);
+  AddFinished(router, context);
   AddWork(router, context);
   const HttpServer server({.address = options.address, .port = options.port},
                           [&router](const Request& request) { return router.Answer(request); });

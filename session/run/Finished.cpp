@@ -127,7 +127,6 @@ std::vector<fs::path> FindRuns(const fs::path& folder) {
   const auto isRun = [](const fs::path& path) {
     return fs::is_regular_file(path / ".korimg" / (std::string(kName) + ".cbor"));
   };
-  if (isRun(folder)) return {folder};
   std::vector<fs::path> found;
   std::error_code ignored;
   for (const auto& entry : fs::directory_iterator(folder, ignored)) {
@@ -135,6 +134,7 @@ std::vector<fs::path> FindRuns(const fs::path& folder) {
     if (!entry.is_symlink() && entry.is_directory() && isRun(entry.path())) found.push_back(entry.path());
   }
   std::ranges::sort(found);
+  if (isRun(folder)) found.insert(found.begin(), folder);
   return found;
 }
 
@@ -321,6 +321,20 @@ void RegisteredFrames::Read(size_t frame, const Band<float>& to) {
           [&](const StackBand& band) {
             CopyPixels(band.result, to.Part(band.result.Top(), band.result.Rows()));
           });
+  });
+}
+
+files::ImageInfo RegisteredFrames::InfoOf(size_t frame) const {
+  return AtEdge([&] {
+    files::ImageInfo info = files::ImageReader::Open(kept_->run.frames.at(frame).frame.file)->Info();
+    files::RemoveMosaic(info.header);
+    // A position that cannot be taken out is that of an undeveloped mosaic, of which none is left.
+    [[maybe_unused]] const bool isOut = files::DropWorldCoordinates(
+        info.header, {info.width, info.height, info.planes}, "the frame is laid on another one");
+    info.width = grid_.width;
+    info.height = grid_.height;
+    info.planes = grid_.planes;
+    return info;
   });
 }
 

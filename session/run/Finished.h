@@ -41,7 +41,7 @@ struct FinishedRun {
   Shape grid;                       ///< of the reference
 };
 
-/// The folders of results at a folder: itself, or those of the objects below it.
+/// The folders of results at a folder: itself, and those right below it, as of several objects.
 KORIMG_SESSION_API std::vector<std::filesystem::path> FindRuns(const std::filesystem::path& folder);
 
 /// Reads what the last run that was finished in a folder has told of its frames. Files of stacks may be gone.
@@ -74,6 +74,8 @@ class KORIMG_SESSION_API RegisteredFrames {
   /// One stretch for all frames of a stack, so that they compare: that of the reference, or of the first one
   /// that is stacked.
   Levels StretchOf(const std::string& stack);
+  /// What the file of a frame says, but for where its pixels lie on the sky and in a mosaic.
+  files::ImageInfo InfoOf(size_t frame) const;
   /// Where the file of a stack has its last row at the top of a picture, these have it too.
   bool IsOverturned() const { return isOverturned_; }
 

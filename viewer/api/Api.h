@@ -8,6 +8,7 @@
 #include "session/picture/Images.h"
 #include "viewer/image/OpenImages.h"
 #include "viewer/live/Live.h"
+#include "viewer/run/Runs.h"
 #include "viewer/server/Files.h"
 #include "viewer/server/Router.h"
 #include "viewer/server/Work.h"
@@ -20,6 +21,7 @@ struct Context {
   Files files;
   OpenImages images{job, files};
   std::unique_ptr<Live> live = {};  ///< where a folder is watched; ends after the work that asks it
+  Runs runs{job, files, images};
   Work work{job};
 };
 
@@ -31,6 +33,8 @@ void AddImage(Router& router, Context& context);
 void AddPlan(Router& router, Context& context);
 /// A folder that is being filled: the stack as it grows.
 void AddLive(Router& router, Context& context);
+/// Runs that are finished: frames, flags, previews, and doing them again.
+void AddFinished(Router& router, Context& context);
 /// What takes long, as far as it is; see Work.
 void AddWork(Router& router, Context& context);
 

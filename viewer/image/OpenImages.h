@@ -1,10 +1,12 @@
 // The images that pages look at: a few are held open.
 #pragma once
 
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "session/job/Job.h"
 #include "viewer/image/Pyramid.h"
@@ -29,16 +31,21 @@ class OpenImages {
  public:
   OpenImages(session::Job& job, Files& files) : job_(job), files_(files) {}
 
+  /// Offers what is no file, by a number that is answered. What `open` throws is what Get does.
+  int Offer(std::function<std::shared_ptr<const Source>()> open);
+
   /// @throws UsageError, FileError
   std::shared_ptr<const OpenImage> Get(int id, bool isDeveloped);
 
  private:
   static constexpr int kMost = 4;
+  static constexpr int kOffered = 1 << 29;  ///< numbers from here on are those of no files
 
   session::Job& job_;
   Files& files_;
   std::mutex mutex_;
   std::list<std::shared_ptr<const OpenImage>> open_;  ///< the last one used first
+  std::vector<std::function<std::shared_ptr<const Source>()>> offered_;
   int versions_ = 0;
 };
 

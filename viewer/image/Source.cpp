@@ -7,18 +7,15 @@
 #include "session/picture/Image.h"
 
 namespace korimg::viewer {
-namespace {
-
-using Read = std::function<void(const Band<float>&)>;
-
-/// Makes rows of the picture of rows of the image.
 std::shared_ptr<const Source> Upright(const files::ImageInfo& info, const files::Mosaic& mosaic,
-                                      const session::Shape& shape, Read read) {
+                                      const session::Shape& shape,
+                                      std::function<void(const Band<float>&)> read,
+                                      std::optional<bool> isOverturned) {
   auto source = std::make_shared<Source>();
   if (mosaic.cfa > 0) source->mosaic = mosaic.name;
   source->shape = shape;
   source->info = info;
-  source->isOverturned = files::IsPictureOverturned(info.header);
+  source->isOverturned = isOverturned.value_or(files::IsPictureOverturned(info.header));
   if (!source->isOverturned) {
     source->read = std::move(read);
     return source;
@@ -33,8 +30,6 @@ std::shared_ptr<const Source> Upright(const files::ImageInfo& info, const files:
   };
   return source;
 }
-
-}  // namespace
 
 std::shared_ptr<const Source> OpenSource(const std::filesystem::path& path) {
   const std::shared_ptr<files::ImageReader> reader = files::ImageReader::Open(path);

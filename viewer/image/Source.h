@@ -4,11 +4,13 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "korimg/image/View.h"
 
 #include "session/files/ImageFile.h"
+#include "session/files/Mosaic.h"
 #include "session/job/Job.h"
 #include "session/picture/Images.h"
 
@@ -25,6 +27,13 @@ struct Source {
   /// The row of the image that a row of the picture is, or the other way round.
   int Turned(int y) const { return isOverturned ? shape.height - 1 - y : y; }
 };
+
+/// Rows of an image as a picture has them, by the sky of its header unless it is told whether it is
+/// overturned.
+std::shared_ptr<const Source> Upright(const files::ImageInfo& info, const files::Mosaic& mosaic,
+                                      const session::Shape& shape,
+                                      std::function<void(const Band<float>&)> read,
+                                      std::optional<bool> isOverturned = {});
 
 /// The rows of a file as they are. Throws FileError.
 std::shared_ptr<const Source> OpenSource(const std::filesystem::path& path);

@@ -85,6 +85,14 @@ std::vector<Files::Entry> Files::List() {
   return entries;
 }
 
+std::optional<int> Files::NumberOf(const fs::path& path) {
+  std::error_code error;
+  const fs::path real = fs::canonical(path, error);
+  if (error || !IsVisible(real) || !IsImageName(path)) return std::nullopt;
+  const std::lock_guard lock(mutex_);
+  return IdOf(path);
+}
+
 fs::path Files::Find(int id) {
   fs::path path;
   {

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,8 @@ class Files {
   std::filesystem::path Beside(int id, const std::string& name);
   /// Has a file that was written so in the list, and answers its number.
   int Add(const std::filesystem::path& path);
+  /// The number of an image that may be seen, by its path; none for others.
+  std::optional<int> NumberOf(const std::filesystem::path& path);
   /// The named folders, real paths.
   const std::vector<std::filesystem::path>& Folders() const { return folders_; }
 
