@@ -334,6 +334,7 @@ files::ImageInfo RegisteredFrames::InfoOf(size_t frame) const {
     info.width = grid_.width;
     info.height = grid_.height;
     info.planes = grid_.planes;
+    info.type = "float32";
     return info;
   });
 }

@@ -70,16 +70,20 @@ export class ImageView extends EventTarget {
    * Shows another image, or the same one developed.
    * @param {number} id
    * @param {boolean} [developed]
+   * @param {{keeps?: boolean, shown?: Shown, begun?: () => void}} [how] `keeps` where it lies, for one of the same
+   *   size; how it is shown; what is done once it takes the place of the one before
    */
-  async open(id, developed = false) {
+  async open(id, developed = false, how = {}) {
     const own = ++this.#opening;
-    const isSame = this.info?.id === id;
+    const before = this.info, isSame = before?.id === id;
     let info = /** @type {Info} */ (await get('image/info', { id, developed }));
     if (own !== this.#opening) return;
     this.info = info;
-    if (!isSame) this.shown = { colours: this.shown.colours };
+    if (!isSame) this.shown = { colours: this.shown.colours, ...how.shown };
+    how.begun?.();
     this.dispatchEvent(new Event('open'));
-    this.#load(true);
+    const keeps = how.keeps && this.#item && before?.width === info.width && before.height === info.height;
+    this.#load(!keeps);
     while (info.progress < 1 && !info.failure) {
       await new Promise((done) => setTimeout(done, 250));
       info = await get('image/info', { id, developed });
@@ -155,12 +159,22 @@ export class ImageView extends EventTarget {
     this.#viewer.viewport.goHome(atOnce);
   }
 
-  /** Sets how many pixels of the screen a pixel of the picture takes. @param {number} scale */
-  zoomTo(scale) {
+  /**
+   * Sets how many pixels of the screen a pixel of the picture takes.
+   * @param {number} scale
+   * @param {{x: number, y: number}} [about] a place of the picture that stays where it is
+   */
+  zoomTo(scale, about) {
     const item = this.#item;
     if (!item) return;
+    const place = about && item.imageToViewportCoordinates(new OpenSeadragon.Point(about.x, about.y));
     // In pixels of the device, so that 1:1 is what it says on any screen.
-    this.#viewer.viewport.zoomTo(item.imageToViewportZoom(scale / devicePixelRatio));
+    this.#viewer.viewport.zoomTo(item.imageToViewportZoom(scale / devicePixelRatio), place);
+  }
+
+  /** All tiles of what was opened last are there. */
+  isDrawn() {
+    return !this.#next && !!this.#item?.getFullyLoaded();
   }
 
   /** @param {number} factor */
@@ -201,9 +215,14 @@ export class ImageView extends EventTarget {
     return item ? item.imageToViewerElementCoordinates(new OpenSeadragon.Point(x, y)) : { x: 0, y: 0 };
   }
 
-  /** Draws something over the picture, whenever this moves. @param {(context: CanvasRenderingContext2D) => void} draw */
-  addLayer(draw) {
-    this.#layers.push(draw);
+  /**
+   * Draws something over the picture, whenever this moves.
+   * @param {(context: CanvasRenderingContext2D) => void} draw
+   * @param {boolean} [below] what others draw
+   */
+  addLayer(draw, below = false) {
+    if (below) this.#layers.unshift(draw);
+    else this.#layers.push(draw);
   }
 
   redraw() {

@@ -6,6 +6,7 @@ import { addLive } from './live.js';
 import { addMeasuringTools, addStatistics, addStatus } from './measure.js';
 import { addOperations } from './operations.js';
 import { addPlan } from './plan.js';
+import { addRun } from './run.js';
 import { addStars } from './stars.js';
 import { addStretchPanel } from './stretch.js';
 
@@ -131,6 +132,8 @@ function addList() {
     current = files.findIndex((file) => file.id === shown);
     list.children[current]?.setAttribute('aria-current', 'true');
   };
+  if (files.length === 0) tell('there are no images here');
+  if (!await addRun(view)) open(0);
 }
 
 addViewTools();
