@@ -137,7 +137,7 @@ Response Frame(const Request& request, Context& context) {
   }
   const Levels levels = run->LevelsOf(told.stack);
   Json json{{"image", run->ImageOf(frame)}, {"levels", Json::array()}};
-  for (int p = 0; p < 3; ++p) {
+  for (int p = 0; p < std::min(run->Planes(), 3); ++p) {
     for (const double value : {levels.min[p], levels.midtone[p], levels.max[p]})
       json["levels"].push_back(value);
   }

@@ -241,6 +241,12 @@ export function addStretchPanel(view) {
     channel = -1;
     ghs.on = ghsOn.checked = false;
     points = [[0, 0], [1, 1]];
+    const told = view.shown.levels?.split(',').map(Number);
+    if (told) {
+      mode = 'manual';
+      levels = Array.from({ length: told.length / 3 }, (_, p) =>
+        ({ black: told[3 * p], midtone: told[3 * p + 1], white: told[3 * p + 2] }));
+    }
     follow();
   });
   for (const name of ['progress', 'exact']) view.addEventListener(name, follow);

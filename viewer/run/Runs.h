@@ -56,6 +56,7 @@ class ViewedRun {
   }
   std::string Preview(std::size_t frame, int side, const std::function<bool()>& isGone);
   session::Levels LevelsOf(const std::string& stack);
+  int Planes() { return Frames()->Size().planes; }
   /// The number that a registered frame can be looked at by, as a file is.
   int ImageOf(std::size_t frame);
 
