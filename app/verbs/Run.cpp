@@ -60,6 +60,8 @@ void AddArguments(CLI::App* verb, Arguments* arguments) {
       "the colour image of several filters: auto finds luminance, red, green and blue, else SII, Ha and "
       "OIII, by their names; rgb, sho (SII, Ha, OIII as red, green, blue), hoo (Ha, OIII, OIII) want "
       "these; none makes no colour image");
+  verb->add_flag("--rejection-maps", options.rejectionMaps,
+                 "write stack_low.fits and stack_high.fits too: the number of values rejected in each pixel");
   verb->add_flag(
       "--gradient", options.gradient,
       "take the gradient of moonlight or city light off each stack, as the operation gradient does; "

@@ -135,6 +135,7 @@ def plan_run(
     max_fwhm: float = 1.5,
     max_elongation: float = 1.4,
     palette: str = "auto",
+    rejection_maps: bool = False,
     gradient: bool = False,
     pedestal: float | None = None,
     cosmetic: str = "auto",
@@ -179,6 +180,8 @@ def plan_run(
         Leaves out lights of more than so many times the median; 0: no limit.
     palette : {"auto", "rgb", "sho", "hoo", "none"}
         The colour image of several filters.
+    rejection_maps : bool
+        Writes stack_low.fits and stack_high.fits too, the number of values rejected in each pixel.
     gradient : bool
         Takes the gradient of the sky off each stack.
     pedestal, cosmetic, maps, group, allow_mismatch, uncertainty, mask, gain, read_noise
@@ -232,6 +235,7 @@ def run(
     max_fwhm: float = 1.5,
     max_elongation: float = 1.4,
     palette: str = "auto",
+    rejection_maps: bool = False,
     gradient: bool = False,
     pedestal: float | None = None,
     cosmetic: str = "auto",
@@ -280,6 +284,8 @@ def run(
         Leaves out lights of more than so many times the median; 0: no limit.
     palette : {"auto", "rgb", "sho", "hoo", "none"}
         The colour image of several filters.
+    rejection_maps : bool
+        Writes stack_low.fits and stack_high.fits too, the number of values rejected in each pixel.
     gradient : bool
         Takes the gradient of the sky off each stack.
     pedestal, cosmetic, maps, group, allow_mismatch, uncertainty, mask, gain, read_noise

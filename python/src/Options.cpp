@@ -117,6 +117,7 @@ void TakeRunOptions(const Values& values, RunOptions& options) {
   values.Number("max_elongation", 0, 100, options.limits.elongation);
   values.Choose("model", kFrameModels, options.lay.model);
   values.Choose("palette", kPalettes, options.palette);
+  values.Take("rejection_maps", options.rejectionMaps);
   values.Take("gradient", options.gradient);
 }
 

@@ -56,6 +56,7 @@ void ForEachOption(Options& o, Part& part) {
   part.choice("model", kFrameModels, o.lay.model);
   part.field("residual", o.lay.residual);
   part.choice("palette", kPalettes, o.palette);
+  part.field("rejection_maps", o.rejectionMaps);
   part.field("gradient", o.gradient);
 }
 

@@ -276,7 +276,8 @@ void Road::LeaveOut(RunLight& frame, const std::string& reason) {
 Workload Road::Work() const {
   Workload work{.hasColour = colours_.has_value(),
                 .hasGradients = options_.gradient,
-                .qualityImages = options_.calibrate.quality.uncertainty + options_.calibrate.quality.mask,
+                .qualityImages = options_.calibrate.quality.uncertainty + options_.calibrate.quality.mask +
+                                 2 * options_.rejectionMaps,
                 .out = options_.calibrate.out,
                 .masterFolder = options_.calibrate.masters};
   for (const Group* group : session_.NeededGroups()) {

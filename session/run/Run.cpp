@@ -23,6 +23,8 @@ RunOptions Complete(RunOptions options) {
   if (options.stack.drizzle && options.calibrate.quality.Any())
     throw UsageError(
         "--uncertainty and --mask are not known of what is drizzled; leave them or --drizzle out");
+  if (options.stack.drizzle && options.rejectionMaps)
+    throw UsageError("--rejection-maps are not of the grid of what is drizzled; leave them or --drizzle out");
   const CalibrateOptions& frames = options.calibrate;
   if (!frames.darks.empty() || !frames.flats.empty() || !frames.biases.empty()) {
     options.calibrate.mastersAreLibrary = !frames.masters.empty();

@@ -31,7 +31,10 @@ struct RunOptions {
   FrameLimits limits;
   LayOptions lay;                   ///< how lights are laid on the reference
   Palette palette = Palette::Auto;  ///< of the colour image of several filters
-  bool gradient = false;            ///< the gradient of the sky is taken off each stack, by CImgGradient
+  /// How many values were rejected in each pixel of a stack, as stack_low.fits and stack_high.fits; not of
+  /// what is drizzled.
+  bool rejectionMaps = false;
+  bool gradient = false;  ///< the gradient of the sky is taken off each stack, by CImgGradient
 };
 
 /// A light, and what has become of it.
@@ -71,7 +74,8 @@ KORIMG_SESSION_API void AddSelection(RunOptions& options, const std::filesystem:
 /// Calibrates, develops, measures, registers and stacks the lights, one stack for each filter, all on the
 /// grid of one reference. Writes stack.fits, stack_float.tif, stack_16bit.tif and stack.png
 /// (stack_<filter>... when there are several), colour.fits, colour.tif of 16 bits and colour.png where the
-/// filters make a colour image by the palette, stack_gradient.fits where a gradient is taken off,
+/// filters make a colour image by the palette, stack_low.fits and stack_high.fits where they are wanted,
+/// stack_gradient.fits where a gradient is taken off,
 /// report.html, the masters, and maps of hot and cold pixels where they are wanted. Calibrated frames are
 /// made twice, for measuring and for stacking, and never written. A frame that cannot be used is left out,
 /// and the report says why; copies count once. The job has failed when a stack holds less than half of its

@@ -49,7 +49,8 @@ void Road::Together(const std::string& title, const std::vector<std::function<vo
 
 /// Answers what is told of it beside the numbers of all stacks.
 Json Road::SaveStack(const RunTarget& target, const std::vector<RunLight*>& used, const RunLight& reference,
-                     CVelImage& image, const Quality& quality, const Drizzled* drizzled) {
+                     CVelImage& image, const Quality& quality, const RejectionMaps& maps,
+                     const Drizzled* drizzled) {
   LightRows source(session_, *reference.light);
   files::Header first = source.Info().header;
   session_.Describe(first, *reference.light, reference.clipped);
@@ -79,6 +80,15 @@ Json Road::SaveStack(const RunTarget& target, const std::vector<RunLight*>& used
     SaveImage(job_, *drizzled->weights, header, file);
     more["weights"] = file.string();
     TellDrizzle(job_, *options_.stack.drizzle, drizzled->spread, more);
+  }
+  for (const auto& [map, name] : {std::pair(maps.low.get(), "low"), {maps.high.get(), "high"}}) {
+    if (!map) continue;
+    files::Header told = header;
+    told.AddHistory(fmt::format("pixels are numbers of values rejected as too {}", name));
+    files::DropGain(told);
+    const fs::path file = Path(fmt::format("{}_{}.fits", target.name, name));
+    SaveImage(job_, *map, told, file);
+    more[fmt::format("rejected_{}", name)] = file.string();
   }
   if (options_.gradient) {
     if (const auto taken = TakeGradientOff(image)) {

@@ -56,6 +56,7 @@ std::optional<Road::Making> Road::BeginStack(const RunTarget& target) {
   made.options.memory = DefaultStackMemory(job_);
   made.options.uncertainty = options_.calibrate.quality.uncertainty;
   made.options.mask = options_.calibrate.quality.mask;
+  made.options.rejectionMaps = options_.rejectionMaps;
   std::vector<double> fwhms;
   for (const RunLight* frame : made.used) {
     fwhms.push_back(frame->measure.fwhm);
@@ -84,13 +85,20 @@ void Road::StackFrames(const RunTarget& target) {
   const auto store = job_.MakeStore();
   if (options_.stack.drizzle) {
     const Drizzled drizzled = DrizzleFrames(target, *made, store);
-    KeepStack(target, *made,
-              SaveStack(target, made->used, *made->used[made->reference], *drizzled.image, {}, &drizzled));
+    KeepStack(
+        target, *made,
+        SaveStack(target, made->used, *made->used[made->reference], *drizzled.image, {}, {}, &drizzled));
     return;
   }
   const auto image = NewImage(store, shape.width, shape.height, shape.planes);
   const Quality quality =
       NewQuality(store, options_.calibrate.quality, shape.width, shape.height, shape.planes);
+  RejectionMaps maps;
+  if (options_.rejectionMaps) {
+    for (auto* map : {&maps.low, &maps.high}) {
+      *map = NewImage(store, shape.width, shape.height, shape.planes);
+    }
+  }
   const auto take = [&](const StackBand& band) {
     for (size_t i = 0; i < band.counts.size(); ++i) {
       made->used[i]->counts += band.counts[i];
@@ -98,6 +106,9 @@ void Road::StackFrames(const RunTarget& target) {
     const QualityRows rows = quality.Rows(band.result.Top(), band.result.Rows());
     if (quality.variance) CopyPixels(band.variance, rows.variance);
     if (quality.mask) CopyPixels(band.mask, rows.mask);
+    if (!maps.low) return;
+    CopyPixels(band.low, Image::RowsOf(*maps.low, band.low.Top(), band.low.Rows()));
+    CopyPixels(band.high, Image::RowsOf(*maps.high, band.high.Top(), band.high.Rows()));
   };
   const auto stack = [&](int first, int end) {
     if (first == end) return;
@@ -120,7 +131,8 @@ void Road::StackFrames(const RunTarget& target) {
   if (taken > 0)
     job_.Say(fmt::format("{}: {} of {} rows were stacked before", target.name, taken, shape.height));
   stack(row, shape.height);
-  KeepStack(target, *made, SaveStack(target, made->used, *made->used[made->reference], *image, quality));
+  KeepStack(target, *made,
+            SaveStack(target, made->used, *made->used[made->reference], *image, quality, maps));
 }
 
 std::vector<Road::Part> Road::PartsOf(const RunTarget& target) const {
@@ -149,6 +161,7 @@ Journal Road::OpenPart(const Making& made, const fs::path& path, const StackRows
   Journal::Images images{&StackBand::result};
   if (made.options.uncertainty) images.push_back(&StackBand::variance);
   if (made.options.mask) images.push_back(&StackBand::mask);
+  if (made.options.rejectionMaps) images.insert(images.end(), {&StackBand::low, &StackBand::high});
   return {path, made.digest, Grid().shape, images, made.used.size(), use, rows};
 }
 
@@ -224,6 +237,7 @@ std::string Road::DigestOf(const RunTarget& target, const std::vector<RunLight*>
   const QualityOptions& quality = options_.calibrate.quality;
   made["quality"] = {quality.uncertainty, quality.mask, quality.gain.value_or(0),
                      quality.readNoise.value_or(0)};
+  if (options_.rejectionMaps) made["rejection_maps"] = true;
   for (const RunLight* frame : used) {
     const Registration& r = frame->registration;
     made["frames"].push_back({frame->digest, frame->weights, r.dx, r.dy, r.degrees, r.fluxRatio.value_or(0),
@@ -236,6 +250,9 @@ std::vector<fs::path> Road::OutputsOf(const RunTarget& target) const {
   std::vector<fs::path> outputs;
   for (const char* extension : {".fits", "_float.tif", "_16bit.tif", ".png"}) {
     outputs.push_back(Path(target.name + extension));
+  }
+  if (options_.rejectionMaps) {
+    outputs.insert(outputs.end(), {Path(target.name + "_low.fits"), Path(target.name + "_high.fits")});
   }
   if (options_.gradient) outputs.push_back(Path(target.name + "_gradient.fits"));
   if (options_.stack.drizzle) outputs.push_back(Path(target.name + "_weights.fits"));

@@ -4,6 +4,7 @@
 
 #include "session/files/Formats.h"
 #include "viewer/api/Api.h"
+#include "viewer/run/Rejections.h"
 #include "viewer/run/Runs.h"
 
 namespace korimg::viewer {
@@ -72,6 +73,11 @@ Json JsonOf(const FinishedFrame& frame) {
   return json;
 }
 
+/// A map of what was rejected.
+fs::path MapOf(const RunStack& stack, const std::string& name) {
+  return stack.file.parent_path() / (stack.file.stem().string() + "_" + name + ".fits");
+}
+
 Json JsonOf(const Flags& flags) {
   return {{"out", flags.Now()},
           {"saved", flags.IsSaved()},
@@ -91,8 +97,11 @@ Response Info(const Request& request, Context& context) {
   }
   for (const RunStack& stack : run.stacks) {
     const auto image = context.files.NumberOf(stack.file);
+    const auto low = context.files.NumberOf(MapOf(stack, "low")),
+               high = context.files.NumberOf(MapOf(stack, "high"));
     json["stacks"].push_back({{"name", stack.file.stem().string()},
                               {"image", image ? Json(*image) : Json()},
+                              {"maps", low && high && run.options.rejectionMaps},
                               {"filter", stack.filter},
                               {"frames", stack.frames},
                               {"lights", stack.lights},
@@ -142,6 +151,23 @@ Response Frame(const Request& request, Context& context) {
       json["levels"].push_back(value);
   }
   return JsonResponse(json);
+}
+
+/// A tile of what was rejected, to be laid over the stack's.
+Response Rejected(const Request& request, Context& context) {
+  const auto viewed = RunOf(request, context);
+  const FinishedRun& run = viewed->Run();
+  if (run.stacks.empty()) throw UsageError("the run has no stack");
+  const RunStack& stack = run.stacks[WholeOf(request, "stack", 0, static_cast<int>(run.stacks.size()) - 1)];
+  const auto low = context.files.NumberOf(MapOf(stack, "low")),
+             high = context.files.NumberOf(MapOf(stack, "high"));
+  if (!low || !high)
+    throw UsageError("there are no maps of this stack; korimg run --rejection-maps writes them");
+  const TilePlace place{WholeOf(request, "level", 0, 32), WholeOf(request, "x", 0, files::kMaxSide),
+                        WholeOf(request, "y", 0, files::kMaxSide)};
+  const auto below = context.images.Get(*low, false), above = context.images.Get(*high, false);
+  return {.type = "image/png",
+          .body = DrawRejections(*below->pyramid, *above->pyramid, place, stack.frames, request.isGone)};
 }
 
 Response Flag(const Request& request, Context& context) {
@@ -232,6 +258,7 @@ void AddFinished(Router& router, Context& context) {
   get("run/thumbnail", Thumbnail);
   get("run/preview", Preview);
   get("run/frame", Frame);
+  get("run/rejected", Rejected);
   post("run/flag", Flag);
   post("run/undo", [](const Request& request, Context& all) {
     return JsonResponse(all.runs.Get(BodyOf(request)["run"])->WithFlags([](Flags& flags) {

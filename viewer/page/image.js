@@ -33,6 +33,8 @@ export class ImageView extends EventTarget {
   #item = null;
   /** @type {any} */
   #next = null;
+  /** What is laid over all tiles. @type {any} */
+  #over = null;
   /** @type {((context: CanvasRenderingContext2D) => void)[]} */
   #layers = [];
   #overlay = make('canvas', { className: 'overlay' });
@@ -128,12 +130,16 @@ export class ImageView extends EventTarget {
     };
     if (this.#next) this.#viewer.world.removeItem(this.#next);
     this.#next = null;
-    if (fresh) this.#viewer.world.removeAll();
+    if (fresh) {
+      this.#viewer.world.removeAll();
+      this.#over = null;
+    }
     const before = fresh ? null : this.#item;
     this.#viewer.addTiledImage({
       tileSource,
       success: (/** @type {any} */ event) => {
         const item = event.item;
+        this.#raise();
         if (fresh) {
           this.#item = item;
           this.fit(true);
@@ -152,6 +158,43 @@ export class ImageView extends EventTarget {
       },
       error: () => tell('the picture cannot be shown'),
     });
+  }
+
+  /**
+   * Lays other tiles of the same places over the picture, until another one is opened; null takes them away.
+   * @param {((level: number, x: number, y: number) => string) | null} getTileUrl by levels as the server counts
+   * @param {number} [opacity]
+   */
+  cover(getTileUrl, opacity = 1) {
+    const info = this.info;
+    if (this.#over) this.#viewer.world.removeItem(this.#over);
+    this.#over = null;
+    if (!getTileUrl || !info) return;
+    const last = info.levels - 1;
+    this.#viewer.addTiledImage({
+      tileSource: {
+        width: info.width, height: info.height, tileSize: info.tile, tileOverlap: 0, minLevel: 0, maxLevel: last,
+        hasTransparency: () => true,
+        getTileUrl: (/** @type {number} */ level, /** @type {number} */ x, /** @type {number} */ y) =>
+          getTileUrl(last - level, x, y),
+      },
+      opacity,
+      success: (/** @type {any} */ event) => {
+        if (this.info !== info || this.#over) return this.#viewer.world.removeItem(event.item);
+        this.#over = event.item;
+        this.#raise();
+      },
+    });
+  }
+
+  /** @param {number} opacity */
+  setCover(opacity) {
+    this.#over?.setOpacity(opacity);
+  }
+
+  #raise() {
+    const world = this.#viewer.world;
+    if (this.#over) world.setItemIndex(this.#over, world.getItemCount() - 1);
   }
 
   /** All of the picture. @param {boolean} [atOnce] */

@@ -2,6 +2,7 @@
 import { get, post } from './api.js';
 import { addTool, find, make, onKey, tell } from './dom.js';
 import { Blink } from './blink.js';
+import { addRejected } from './rejected.js';
 import { FrameTable } from './table.js';
 import { addWork } from './work.js';
 
@@ -27,7 +28,7 @@ import { addWork } from './work.js';
  * @property {number} [rejected] share
  */
 /** @typedef {{out: boolean[], saved: boolean, undo: boolean, problem: string}} Flags */
-/** @typedef {{name: string, image: number | null, filter: string, frames: number, lights: number, fwhm: number, noise: number}} Stack */
+/** @typedef {{name: string, image: number | null, maps: boolean, filter: string, frames: number, lights: number, fwhm: number, noise: number}} Stack */
 /**
  * @typedef {Object} RunInfo
  * @property {number} version
@@ -330,6 +331,7 @@ export async function addRun(view) {
   addActions(run, bar, blink);
   addPlots(run, plots);
   new FrameTable(run, list);
+  addRejected(view, run);
   const toggle = () => {
     dock.hidden = !dock.hidden;
     tool.setAttribute('aria-pressed', String(!dock.hidden));

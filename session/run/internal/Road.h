@@ -99,6 +99,10 @@ class Road {
     StackRows rows;
     std::filesystem::path path;
   };
+  /// How many values were rejected in each pixel.
+  struct RejectionMaps {
+    std::unique_ptr<CVelImage> low, high;
+  };
   /// A stack on a finer grid.
   struct Drizzled {
     std::unique_ptr<CVelImage> image, weights;
@@ -174,7 +178,7 @@ class Road {
   std::vector<std::string> History(const std::vector<RunLight*>& used, const RunTarget& target) const;
   nlohmann::ordered_json SaveStack(const RunTarget& target, const std::vector<RunLight*>& used,
                                    const RunLight& reference, CVelImage& image, const Quality& quality,
-                                   const Drizzled* drizzled = nullptr);
+                                   const RejectionMaps& maps, const Drizzled* drizzled = nullptr);
   void TellStack(const RunStack& made, const nlohmann::ordered_json& more, const std::string& how) const;
   void Together(const std::string& title, const std::vector<std::function<void()>>& parts);
   bool ComposeColours();

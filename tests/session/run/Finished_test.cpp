@@ -2,6 +2,7 @@
 
 #include <fstream>
 
+#include "session/run/Tasks.h"
 #include "session/run/internal/OptionsJson.h"
 #include "session/simulate/Simulate.h"
 #include "tests/support/Folder.h"
@@ -140,6 +141,37 @@ TEST_F(FinishedTest, FramesLieAsTheStackHasThem) {
   }
 }
 
+TEST_F(FinishedTest, MapsCountWhatWasRejectedOfAllFrames) {
+  RunOptions options = Night({.frames = 6, .width = 353, .height = 251, .bayer = "RGGB"});
+  options.stack.reject = "sigma";
+  options.rejectionMaps = true;
+  session::Run(job_, options);
+  const FinishedRun run = OpenRun(In("out"));
+  const std::vector<float> low = PixelsOf(In("out/stack_low.fits")),
+                           high = PixelsOf(In("out/stack_high.fits"));
+  ASSERT_EQ(low.size(), 353u * 251 * 3);
+  double mapped = 0, told = 0;
+  for (size_t i = 0; i < low.size(); ++i) {
+    ASSERT_TRUE(low[i] >= 0 && high[i] >= 0 && low[i] + high[i] <= 6) << i;
+    mapped += low[i] + high[i];
+  }
+  for (const FinishedFrame& frame : run.frames) {
+    told += frame.frame.rejected * 353 * 251 * 3;  // of all its pixels, less those that lie beside the grid
+  }
+  EXPECT_GT(mapped, 100);
+  EXPECT_NEAR(mapped, told, 0.1 * told);
+  // In parts they are the same; what is drizzled has none.
+  options.calibrate.out = In("parts");
+  const auto tasks = PlanTasks(job_, options, 3);
+  for (const RunTask& task : tasks) {
+    DoTask(job_, options, task);
+  }
+  EXPECT_TRUE(PixelsOf(In("parts/stack_low.fits")) == low);
+  EXPECT_TRUE(PixelsOf(In("parts/stack_high.fits")) == high);
+  options.stack.drizzle.emplace();
+  EXPECT_THROW(session::Run(job_, options), UsageError);
+}
+
 TEST_F(FinishedTest, IsStackedAgainWithoutSomeFrames) {
   RunOptions options = Night({.frames = 4, .width = 300, .height = 200});
   session::Run(job_, options);
@@ -190,7 +222,7 @@ TEST_F(FinishedTest, OptionsComeBack) {
   options.lay.model = FrameModel::Affine;
   options.limits = {0.1, 0.2, 0.3};
   options.exclude = {"x*"};
-  options.gradient = true;
+  options.gradient = options.rejectionMaps = true;
   const auto json = ToJson(options);
   EXPECT_EQ(ToJson(RunOptionsFrom(json)), json);
   EXPECT_EQ(RunOptionsFrom(json).stack.drizzle->kernel, CImgDrizzle::Point);
