@@ -46,10 +46,10 @@ TEST(Rejections, AreBlueAndOrangeAndClearWhereThereAreNone) {
   const auto low = PyramidOf({{0, 4, 1, 9, 1}, {0, 0, 0, 0, 0}}, 3);
   const auto high = PyramidOf({{0, 0, 0, 0, 1}, {2, 0, 0, 0, 0}}, 3);
   const std::vector<int> pixels = PixelsOf(DrawRejections(*low, *high, {0, 0, 0}, 20));
-  const std::vector<int> expected{0,   0,   0,  0,   86, 180, 233, 255, 86, 180, 233, 128,  // a quarter's root
-                                  86,  180, 233, 255, 171, 165, 127, 180,                    // of both colours
-                                  255, 150, 20, 180, 0,  0,   0,   0,   0,  0,   0,   0,
-                                  0,   0,   0,  0,   0,  0,   0,   0};
+  const std::vector<int> expected{
+      0,   0,   0,   0,   86,  180, 233, 255, 86, 180, 233, 128,  // a quarter's root
+      86,  180, 233, 255, 171, 165, 127, 180,                     // of both colours
+      255, 150, 20,  180, 0,   0,   0,   0,   0,  0,   0,   0,   0, 0, 0, 0, 0, 0, 0, 0};
   EXPECT_EQ(pixels, expected);
 }
 
