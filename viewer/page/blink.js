@@ -25,8 +25,9 @@ export class Blink {
   #lent = [];
   /** @type {{x: number, y: number} | null} */
   #cursor = null;
-  /** The frame whose own tiles are open, at 1:1. */
+  /** The frame whose own tiles are open, at 1:1, and their number. */
   #sharp = -1;
+  #sharpImage = -1;
   #wantsSharp = false;
   #resting = 0;
   #label = make('output', { className: 'frame', ariaLive: 'polite' });
@@ -43,6 +44,11 @@ export class Blink {
     view.addLayer((context) => this.#draw(context), true);
     view.addEventListener('cursor', (event) => {
       this.#cursor = /** @type {CustomEvent} */ (event).detail ?? this.#cursor;
+    });
+    view.addEventListener('open', () => {
+      const id = view.info?.id;
+      const isOurs = id === this.#sharpImage || run.info?.stacks.some((stack) => stack.image === id);
+      if (this.#isOn && !isOurs) this.#leave();
     });
     for (const name of ['drawn', 'exact']) view.addEventListener(name, () => view.redraw());
     run.addEventListener('load', () => {
@@ -70,9 +76,7 @@ export class Blink {
 
   /** Shows the stack of the current frame. @param {boolean} [fresh] anew, all of it */
   showStack(fresh = false) {
-    this.stop();
-    this.#isOn = false;
-    this.#giveBack();
+    this.#leave();
     const info = this.#run.info;
     const name = info?.frames[this.#run.current]?.stack;
     this.#stack = Math.max(info?.stacks.findIndex((stack) => stack.name === name) ?? 0, 0);
@@ -80,9 +84,15 @@ export class Blink {
     if (image !== null && image !== undefined && (fresh || this.#view.info?.id !== image)) {
       this.#view.open(image, false, { keeps: !fresh }).catch(tell);
     }
-    this.#sharp = -1;
-    this.#write();
     this.#view.redraw();
+  }
+
+  /** No frame is shown any more. */
+  #leave() {
+    this.#isOn = this.#wantsSharp = false;
+    this.#sharp = -1;
+    this.#giveBack();
+    this.stop();
   }
 
   toggle() {
@@ -202,16 +212,15 @@ export class Blink {
   async #show() {
     const run = this.#run, frame = run.current, info = run.info;
     if (!info) return;
-    if (!info.frames[frame].registered) {
-      this.#drawn = null;
-      this.stop();
-      this.#write();
-      this.#view.redraw();
-      return;
-    }
     if (!this.#isOn) {
       this.#isOn = true;
       this.#borrow();
+    }
+    if (!info.frames[frame].registered) {
+      this.#drawn = null;
+      this.stop();
+      this.#view.redraw();
+      return;
     }
     this.#write();
     const bitmap = await this.#get(frame);
@@ -232,7 +241,10 @@ export class Blink {
     try {
       const { image, levels } = await get('run/frame', { run: run.id, frame });
       if (run.current !== frame || !this.#isOn) return;
-      await this.#view.open(image, false, { keeps: true, shown: { levels: levels.join(',') }, begun: () => (this.#sharp = frame) });
+      await this.#view.open(image, false, { keeps: true, shown: { levels: levels.join(',') }, begun: () => {
+        this.#sharp = frame;
+        this.#sharpImage = image;
+      } });
     } catch (error) {
       tell(error);
     }
@@ -267,6 +279,11 @@ export class Blink {
     if (frame) {
       const flagged = run.info?.flags.out[run.current];
       this.#label.textContent = `${frame.name}${flagged ? '  ✕ flagged' : frame.stacked ? '' : '  left out'}`;
+      // What lies nowhere is shown beside the stack, as small as it was kept.
+      if (!frame.registered) {
+        const src = address('run/thumbnail', { run: run.id, frame: run.current, v: run.info?.version });
+        this.#label.append(make('div', {}, frame.status), ...(frame.measured ? [make('img', { src, alt: frame.name })] : []));
+      }
       this.#label.classList.toggle('flagged', !!flagged);
     }
     this.#stackTool.setAttribute('aria-pressed', String(!this.#isOn));
@@ -278,7 +295,10 @@ export class Blink {
     const info = this.#view.info, bitmap = this.#drawn;
     if (!this.#isOn || !bitmap || !info) return;
     if (this.#sharp === this.#run.current && !this.isPlaying && this.#view.isDrawn()) return;  // its tiles are there
-    const from = this.#view.toStage(0, 0), to = this.#view.toStage(info.width, info.height);
+    // Of a width that the shrinking does not divide, a preview ends a little later; a drizzled stack is finer.
+    const grid = /** @type {import('./run.js').RunInfo} */ (this.#run.info), shrink = Math.round(grid.width / bitmap.width);
+    const from = this.#view.toStage(0, 0), to = this.#view.toStage(
+      (bitmap.width * shrink * info.width) / grid.width, (bitmap.height * shrink * info.height) / grid.height);
     context.imageSmoothingEnabled = true;
     context.imageSmoothingQuality = 'medium';
     context.drawImage(bitmap, from.x, from.y, to.x - from.x, to.y - from.y);

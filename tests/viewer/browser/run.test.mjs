@@ -16,7 +16,7 @@ describe('a finished run in the browser', { skip: missing, timeout: 120_000 }, (
     out = path.join(folder, 'out');
     run('simulate', path.join(folder, 'night'), '--frames', '6', '--size', '700x500', '--seed', '11', '-q');
     writeFileSync(path.join(folder, 'night/lights/broken.fits'), 'no image');
-    run('run', path.join(folder, 'night'), '--out', out, '-q');
+    run('run', path.join(folder, 'night'), '--out', out, '--rejection-maps', '-q');
     viewer = await serve([out]);
     opened = await openPage(viewer.address);
     page = opened.page;
@@ -138,6 +138,29 @@ describe('a finished run in the browser', { skip: missing, timeout: 120_000 }, (
     await page.locator('button[aria-pressed="true"]', { hasText: 'Automatic' }).waitFor();
   });
 
+  it('tells why a frame cannot be shown, and leaves the frames for another image', async () => {
+    await page.locator('#dock tbody tr', { hasText: 'broken.fits' }).click();
+    assert.match(await label(), /^broken.fits {2}left out.*neither FITS, TIFF/);
+    const nothing = await drawn();
+    await rows().nth(0).click();
+    await page.waitForFunction(() => document.querySelector('#stage .frame').textContent === 'light_0001.fits');
+    await page.waitForTimeout(300);
+    assert.notEqual(await drawn(), nothing);
+    await page.locator('#list button', { hasText: 'stack_float.tif' }).click();
+    await page.waitForFunction(() => document.querySelector('#stage .frame').hidden);
+    await page.waitForTimeout(300);
+    assert.equal(await drawn(), nothing);
+  });
+
+  it('lays rejected pixels over the stack', async () => {
+    await page.locator('#stage').focus();
+    await press('v', 'v');  // a frame, and its stack again
+    const asked = page.waitForResponse((response) => response.url().includes('run/rejected'));
+    await press('j');
+    assert.equal((await asked).headers()['content-type'], 'image/png');
+    await press('j');
+  });
+
   it('flags, takes back, and saves what the tool reads', async () => {
     await rows().nth(1).click();
     await page.locator('#stage').focus();
@@ -153,7 +176,7 @@ describe('a finished run in the browser', { skip: missing, timeout: 120_000 }, (
     await page.getByRole('button', { name: 'Save', exact: true }).click();
     await page.getByRole('button', { name: 'Saved' }).waitFor();
     assert.deepEqual(JSON.parse(readFileSync(path.join(out, 'selection.json'))), { exclude: ['light_0002.fits'] });
-    run('run', path.join(folder, 'night'), '--out', path.join(folder, 'by hand'), '--selection', path.join(out, 'selection.json'), '-q');
+    run('run', path.join(folder, 'night'), '--out', path.join(folder, 'by hand'), '--rejection-maps', '--selection', path.join(out, 'selection.json'), '-q');
   });
 
   it('stacks again without what is flagged', async () => {
