@@ -16,3 +16,14 @@ await page.waitForTimeout(4000);
 await page.screenshot({ path: path.join(root, 'docs/images/viewer.jpg'), type: 'jpeg', quality: 85 });
 await browser.close();
 await viewer.stop();
+
+const finished = await serve([path.join(demo, 'colour_result')]);
+const other = await openPage(finished.address);
+await other.page.locator('#dock tbody tr').nth(4).click();
+await other.page.waitForTimeout(6000);
+await other.page.keyboard.press('x');
+await other.page.locator('#dock tbody tr').nth(6).click();
+await other.page.waitForTimeout(2000);
+await other.page.screenshot({ path: path.join(root, 'docs/images/viewer-run.jpg'), type: 'jpeg', quality: 85 });
+await other.browser.close();
+await finished.stop();
