@@ -21,7 +21,7 @@ class RunsTest : public files::FolderTest {
  protected:
   /// A night of four lights, and one that cannot be read.
   RunsTest() {
-    EXPECT_TRUE(Simulate(In("night"), {.frames = 4, .width = 301, .height = 199, .bayer = "RGGB"}));
+    EXPECT_TRUE(Simulate(In("night"), {.frames = 4, .width = 1201, .height = 333, .bayer = "RGGB"}));
     files::WriteBytes(In("night/lights/broken.fits"), "no image");
     options_.calibrate.lights = {In("night/lights")};
     options_.calibrate.out = In("out");
@@ -83,6 +83,22 @@ TEST_F(RunsTest, PreviewsAreThePicturesThatTheLibraryMakes) {
     EXPECT_TRUE(found == expected || (std::isnan(found) && std::isnan(expected))) << x;
   }
   EXPECT_EQ(frame["levels"][0], levels.min[0]);
+}
+
+TEST_F(RunsTest, PreviewsLieAsTheStackDoes) {
+  const auto writer = files::ImageWriter::Create(In("below.fits"),
+                                                 {.width = 8, .height = 8, .header = files::SkyFromBelow()});
+  files::WriteAll(*writer, {std::vector<float>(64)}, 8, 8, 8);
+  fs::rename(In("below.fits"), In("out/stack.fits"));
+  const FinishedRun run = OpenRun(In("out"));
+  RegisteredFrames frames(run, {});
+  ASSERT_TRUE(frames.IsOverturned());
+  const Shape shape = frames.Size();
+  Image image(NewImage(CreateContiguousManager({}), shape.width, shape.height, shape.planes));
+  frames.Read(1, image.Rows());
+  TurnOver(image.Pixels());
+  EXPECT_TRUE(Previews(1).Get(frames, run, 1, 1600) ==
+              JpegOf(job_, image.Pixels(), frames.StretchOf("stack"), 1));
 }
 
 TEST_F(RunsTest, FlagsAreWhatTheToolReads) {
