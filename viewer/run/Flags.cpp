@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include "session/files/Formats.h"
 #include "session/job/Json.h"
