@@ -27,13 +27,13 @@ std::size_t FrameOf(const Request& request, const ViewedRun& run) {
   return WholeOf(request, "frame", 0, static_cast<int>(run.Run().frames.size()) - 1);
 }
 
-/// An object, of which `run` is the number of a run.
-Json BodyOf(const Request& request) {
-  Json body = Json::parse(request.body, nullptr, false);
-  if (!body.is_object() || !body.contains("run") || !body["run"].is_number_integer() ||
-      body["run"].get<long long>() < 0 || body["run"].get<long long>() > 1 << 20) {
-    throw UsageError("the body is an object of JSON, with the number of a run as \"run\"");
-  }
+/// A body of which `run` is the number of a run.
+Json RunBodyOf(const Request& request) {
+  constexpr int kMany = 1 << 20;
+  Json body = BodyOf(request);
+  const int run = ValueIn(body, "run", -1);
+  if (run < 0 || run > kMany || !body["run"].is_number_integer())
+    throw UsageError("run is the number of a run");
   return body;
 }
 
@@ -171,7 +171,7 @@ Response Rejected(const Request& request, Context& context) {
 }
 
 Response Flag(const Request& request, Context& context) {
-  const Json body = BodyOf(request);
+  const Json body = RunBodyOf(request);
   const bool isWhole =
       body.contains("frames") && body["frames"].is_array() && body.contains("out") &&
       body["out"].is_boolean() &&
@@ -202,7 +202,7 @@ fs::path FolderFor(const FinishedRun& run, const Json& body) {
 }
 
 Response Again(const Request& request, Context& context) {
-  const Json body = BodyOf(request);
+  const Json body = RunBodyOf(request);
   const int id = body["run"];
   const auto viewed = context.runs.Get(id);
   const FinishedRun& run = viewed->Run();
@@ -261,13 +261,13 @@ void AddFinished(Router& router, Context& context) {
   get("run/rejected", Rejected);
   post("run/flag", Flag);
   post("run/undo", [](const Request& request, Context& all) {
-    return JsonResponse(all.runs.Get(BodyOf(request)["run"])->WithFlags([](Flags& flags) {
+    return JsonResponse(all.runs.Get(RunBodyOf(request)["run"])->WithFlags([](Flags& flags) {
       flags.Undo();
       return JsonOf(flags);
     }));
   });
   post("run/save", [](const Request& request, Context& all) {
-    const auto run = all.runs.Get(BodyOf(request)["run"]);
+    const auto run = all.runs.Get(RunBodyOf(request)["run"]);
     return JsonResponse(run->WithFlags([&](Flags& flags) {
       flags.Save(run->Run());
       return JsonOf(flags);

@@ -121,9 +121,9 @@ function addList() {
   onKey('PageUp', 'image before, as p does', () => open(current - 1));
   onKey('n', '', () => open(current + 1));
   onKey('p', '', () => open(current - 1));
-  load().then(() => {
+  load().then(async () => {
     if (files.length === 0) tell('there are no images here');
-    open(0);
+    if (!await addRun(view)) open(0);
   }).catch(tell);
   return async (/** @type {number | undefined} */ id) => {
     const shown = files[current]?.id;
@@ -132,8 +132,6 @@ function addList() {
     current = files.findIndex((file) => file.id === shown);
     list.children[current]?.setAttribute('aria-current', 'true');
   };
-  if (files.length === 0) tell('there are no images here');
-  if (!await addRun(view)) open(0);
 }
 
 addViewTools();

@@ -42,8 +42,6 @@ export async function openPage(address, size = { width: 1280, height: 720 }) {
   page.on('console', (message) => {
     // It is the tests that read the canvas; and tiles that come after their image was replaced are of no use.
     const isOurs = !/^(Canvas2D: Multiple readback|Ignoring tile)/.test(message.text());
-    // It is the tests that read the canvas, and tiles are given up whenever another picture comes.
-    const isOurs = !/^(Canvas2D: Multiple readback|Ignoring tile .* before reset)/.test(message.text());
     if (['error', 'warning'].includes(message.type()) && isOurs) complaints.push(message.text());
   });
   page.on('pageerror', (error) => complaints.push(String(error)));
