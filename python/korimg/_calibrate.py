@@ -9,11 +9,13 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
+import numpy as np
+
 from . import _core
 from ._apply import bytes_of
 from ._errors import FileError, IncompleteError, UsageError
 from ._files import read
-from ._images import ImageLike, is_path, source, take
+from ._images import ImageLike, in_unit, is_path, source, take
 from ._report import ProgressCallback, Report
 
 #: A path, or several.
@@ -83,7 +85,7 @@ def calibrate(
 ) -> Any:
     """Takes a dark or bias off a light, and divides it by a flat times the flat's mean.
 
-    Noise below 0 stays, and what the flat has no data for is NaN or masked. `stack` with
+    Noise below 0 stays, and what the flat has no data for, or nothing above 0, is NaN or masked. `stack` with
     ``method="median"`` makes a master of frames; `calibrate_files` finds, makes and matches the masters of a
     session itself.
 
@@ -108,20 +110,25 @@ def calibrate(
     Raises
     ------
     UsageError
-        For images of other sizes, a dark with a bias, and a flat whose mean is not above 0.
+        For images of other sizes or units, a dark with a bias, and a flat whose mean is not above 0.
     """
     if dark is not None and bias is not None:
         raise UsageError("a dark contains the bias: give one of them")
     if dark is None and bias is None and flat is None:
         raise UsageError("nothing to calibrate with: give dark, bias or flat")
     taken = take(light)
-    masters = {name: None if image is None else source(take(image), name)
-               for name, image in (("dark", dark), ("bias", bias), ("flat", flat))}
+    masters = {name: None if image is None else in_unit(take(image), taken.unit, f"the {name}")
+               for name, image in (("dark", dark), ("bias", bias))}
+    masters["flat"] = None if flat is None else take(flat)
+    divisor = masters["flat"]
+    if divisor is not None and np.any(divisor.data <= 0):
+        divisor.data = np.where(divisor.data <= 0, np.float32(np.nan), divisor.data)
+    given = {name: source(image, name) for name, image in masters.items() if image is not None}
     report = Report()
-    made = _core.calibrate(source(taken, "the light"), masters["dark"] or masters["bias"], masters["flat"],
+    made = _core.calibrate(source(taken, "the light"), given.get("dark", given.get("bias")), given.get("flat"),
                            bytes_of(memory), report)
     header = made["header"]
-    header.add_history("korimg.calibrate: " + ", ".join(name for name, used in masters.items() if used))
+    header.add_history("korimg.calibrate: " + ", ".join(given))
     # What the flat lacks is new among what is masked.
     return taken.give(made["pixels"], taken.levels, header if taken.header is not None else None, False)
 

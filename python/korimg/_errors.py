@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import re
+from typing import Any
 
 
 def in_python(text: str) -> str:
@@ -31,6 +32,9 @@ class FileError(Error, OSError):
     def __str__(self) -> str:
         return str(self.args[0])
 
+    def __reduce__(self) -> Any:
+        return type(self), (self.args[0], self.filename)
+
 
 class OutOfMemoryError(Error, MemoryError):
     """There is no room in memory."""
@@ -50,6 +54,9 @@ class IncompleteError(Error):
         super().__init__("; ".join(failures))
         self.failures = failures
         self.result = result
+
+    def __reduce__(self) -> Any:
+        return type(self), (self.failures, self.result)
 
 
 class KorimgWarning(UserWarning):

@@ -9,8 +9,19 @@ import numpy as np
 
 from . import _core
 from ._core import Header
+from ._errors import UsageError
 from ._images import Image, ImageLike, take
 from ._report import ProgressCallback, Report
+
+
+_NO_DATA = 1  # in docs/uncertainty.md
+
+
+def _name(path: str | os.PathLike[str]) -> str:
+    name = os.fspath(path)
+    if "\0" in name:
+        raise UsageError("a file's name has no NUL")
+    return name
 
 
 def read(
@@ -40,13 +51,14 @@ def read(
         When the file is missing, damaged, or of no known kind. It is an `OSError` with the file's name.
     """
     name = "" if hdu is None else str(hdu)
-    found = _core.read(os.fspath(path), name, Report(progress), progress is not None)
+    found = _core.read(_name(path), name, Report(progress), progress is not None)
     image = Image(found["pixels"], found["header"], found["levels"], format=found["format"],
                   mosaic=found["mosaic"])
     if found["variance"] is not None:
         image.uncertainty = np.sqrt(found["variance"])
     if found["mask"] is not None:
-        image.flags = found["mask"].astype(np.uint8)
+        image.flags = flags = found["mask"].astype(np.uint8)
+        image.data[(flags & _NO_DATA) != 0] = np.nan  # as masks by astropy say it
     return image
 
 
@@ -66,7 +78,7 @@ def write(
         FITS (.fits .fit .fts), TIFF or PNG, by its extension.
     image : image-like
         float32 is written as it is; masked pixels are NaN in the file. Header, levels, uncertainty and flags
-        are written with an `Image`, and the header with `CCDData`.
+        are written with an `Image`, header, unit and standard deviations with `CCDData`.
     bits : {"float", "16"}
         Floats, or whole numbers of 16 bits on a scale that the file tells. PNG has 16.
     overwrite : bool
@@ -80,17 +92,16 @@ def write(
         When the file exists already, or cannot be written.
     """
     if bits not in ("float", "16"):
-        from ._errors import UsageError
-
         raise UsageError(f"bits are 'float' or '16', not {bits!r}")
     taken = take(image)
     variance: Any = None
     flags: Any = None
-    if isinstance(image, Image):
-        if image.uncertainty is not None:
-            variance = np.square(take(image.uncertainty).data)
-        if image.flags is not None:
-            flags = take(image.flags).data
-    header = taken.header if taken.header is not None else Header()
-    _core.write(os.fspath(path), taken.data, header, taken.levels, bits == "16", variance, flags, overwrite,
+    if taken.uncertainty is not None:
+        variance = np.square(take(taken.uncertainty).data)
+    if isinstance(image, Image) and image.flags is not None:
+        flags = take(image.flags).data
+    header = Header() if taken.header is None else taken.header.copy()
+    if taken.unit is not None:
+        header["BUNIT"] = str(taken.unit)
+    _core.write(_name(path), taken.data, header, taken.levels, bits == "16", variance, flags, overwrite,
                 Report(progress), progress is not None)

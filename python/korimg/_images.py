@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import copy
 import os
+import re
 import sys
 from collections.abc import Sequence
 from dataclasses import dataclass, field
@@ -61,8 +62,9 @@ class Image:
 
     @property
     def mask(self) -> np.ndarray:
-        """True where there is no data."""
-        return np.isnan(self.data)
+        """True where there is no data, or flags say that something is wrong."""
+        none = np.isnan(self.data)
+        return none if self.flags is None else none | (self.flags != 0)
 
     def __array__(self, dtype: Any = None) -> np.ndarray:
         return self.data if dtype is None else self.data.astype(dtype, copy=False)
@@ -71,8 +73,11 @@ class Image:
         size = " x ".join(str(n) for n in reversed(self.data.shape))
         return f"<korimg.Image {size} {self.format or 'in memory'}{' ' + self.mosaic if self.mosaic else ''}>"
 
-    def to_ccddata(self, unit: Any = "adu") -> Any:
-        """Makes a `CCDData` of astropy: with mask, standard deviations, header and world coordinates."""
+    def to_ccddata(self, unit: Any = None) -> Any:
+        """Makes a `CCDData` of astropy: with mask, standard deviations, header and world coordinates.
+
+        The unit is that of BUNIT in the header, else adu, unless told.
+        """
         from astropy.io import fits
         from astropy.nddata import CCDData, StdDevUncertainty
         from astropy.wcs import WCS
@@ -80,6 +85,8 @@ class Image:
         header = fits.Header.fromstring(self.header.tostring())
         wcs = WCS(header, naxis=2) if "CTYPE1" in header else None
         uncertainty = None if self.uncertainty is None else StdDevUncertainty(self.uncertainty)
+        if unit is None:
+            unit = header.get("BUNIT", "adu")
         return CCDData(self.data, unit=unit, mask=self.mask, uncertainty=uncertainty, header=header, wcs=wcs)
 
 
@@ -99,6 +106,7 @@ class Taken:
     header: Header | None = None
     uncertainty: np.ndarray | None = None
     mosaic: str = ""
+    unit: Any = None
 
     def __init__(self, data: np.ndarray, mask: np.ndarray | None = None) -> None:
         self.mask = mask
@@ -137,7 +145,7 @@ class _TakenQuantity(Taken):
 
     def __init__(self, image: Any) -> None:
         self._class = type(image)
-        self._unit = getattr(image, "unit", None)
+        self._unit = self.unit = getattr(image, "unit", None)
         self._masked = hasattr(image, "unmasked")
         plain = image.unmasked if self._masked else image
         super().__init__(plain if self._unit is None else plain.value, image.mask if self._masked else None)
@@ -155,6 +163,7 @@ class _TakenNDData(Taken):
     def __init__(self, image: Any) -> None:
         super().__init__(_plain(image.data), image.mask)
         self._like = image
+        self.unit = image.unit
         self.header = Header()
         self._meta = self._cards_of_meta()
         self.header = Header(self._meta.tostring())
@@ -163,7 +172,7 @@ class _TakenNDData(Taken):
             self._take_world()
         self.levels = _levels_in(self.header)
         if image.uncertainty is not None:
-            self.uncertainty = _deviations(image.uncertainty)
+            self.uncertainty = _deviations(image.uncertainty, image.unit)
 
     def _cards_of_meta(self) -> Header:
         meta = self._like.meta
@@ -180,9 +189,12 @@ class _TakenNDData(Taken):
         assert self.header is not None
         if not hasattr(wcs, "to_header") or getattr(wcs, "cpdis1", None) is not None:
             return
-        for card in wcs.to_header(relax=True).cards:
-            if card.keyword in ("", "COMMENT", "HISTORY"):
-                continue
+        cards = [card for card in wcs.to_header(relax=True).cards
+                 if card.keyword not in ("", "COMMENT", "HISTORY")]
+        # Coordinates of one kind: those of the meta may be written by another matrix.
+        for key in _world_keys(self.header) if cards else ():
+            del self.header[key]
+        for card in cards:
             if card.keyword not in self._meta:
                 self._world.append(card.keyword)
             self.header.set(card.keyword, card.value)
@@ -309,6 +321,27 @@ def level_pairs(levels: Any) -> Levels:
         raise UsageError("levels are (black, white), or such a pair for each plane") from None
 
 
+def in_unit(image: Taken, unit: Any, name: str) -> Taken:
+    """Brings an image to a unit, where both have one.
+
+    Raises
+    ------
+    UsageError
+        For a unit that is none of the same kind.
+    """
+    if None in (image.unit, unit) or image.unit == unit:
+        return image
+    try:
+        factor = float(image.unit.to(unit))
+    except Exception as error:  # astropy's own, which is not imported here
+        raise UsageError(f"{name} is in {image.unit}, which is no {unit}: {error}") from None
+    image.data = image.data * np.float32(factor)
+    if image.uncertainty is not None:
+        image.uncertainty = image.uncertainty * factor
+    image.levels = [(factor * black, factor * white) for black, white in image.levels]
+    return image
+
+
 def source(image: Taken, name: str) -> dict[str, Any]:
     """An image as the steps of the core take it."""
     deviations = None if image.uncertainty is None else _as_float32(image.uncertainty)
@@ -332,12 +365,14 @@ def with_uncertainty(image: Any, deviations: np.ndarray) -> Any:
     return image
 
 
-def _deviations(uncertainty: Any) -> np.ndarray | None:
-    """Standard deviations of an uncertainty of astropy; None for one of no known kind."""
+def _deviations(uncertainty: Any, unit: Any) -> np.ndarray | None:
+    """Standard deviations of an uncertainty of astropy, in the data's unit; None for one of no known kind."""
     from astropy.nddata import StdDevUncertainty
 
     try:
-        return np.asarray(uncertainty.represent_as(StdDevUncertainty).array)
+        deviations = uncertainty.represent_as(StdDevUncertainty)
+        values = np.asarray(deviations.array)
+        return values if None in (unit, deviations.unit) else values * float(deviations.unit.to(unit))
     except (AttributeError, TypeError):
         warn("an uncertainty of this kind is no standard deviation: it is left out")
         return None
@@ -359,6 +394,13 @@ def _as_float32(pixels: np.ndarray) -> np.ndarray:
     if pixels.dtype.kind not in "fiub":
         raise UsageError(f"pixels are real numbers, not {pixels.dtype}")
     return np.ascontiguousarray(pixels, dtype=np.float32)
+
+
+def _world_keys(header: Header) -> set[str]:
+    """Keywords that say how pixels lie in the sky."""
+    pattern = re.compile(r"(CD|PC|PV)\d+_\d+|(CDELT|CROTA|CRPIX|CRVAL|CTYPE|CUNIT)\d+|[AB]P?_(ORDER|DMAX|\d+_\d+)"
+                         r"|LONPOLE|LATPOLE|WCSAXES")
+    return {key for card in header.cards if pattern.fullmatch(key := card[:8].strip())}
 
 
 def _is_plain(value: Any) -> bool:

@@ -9,6 +9,7 @@ import numpy as np
 
 from . import _core
 from ._apply import bytes_of
+from ._errors import UsageError
 from ._images import ImageLike, take
 from ._report import Report
 
@@ -26,7 +27,7 @@ class PsfMeasure:
     elongation : float
         Its longer axis over its shorter one.
     guide_error : float or None
-        Pixels by which stars are drawn out all in one direction; None where too few tell.
+        How many times as long as wide stars are, drawn out all in one direction; None where too few tell.
     sky, noise : float
         Level and standard deviation of the sky, raw values.
     gain : float
@@ -43,6 +44,8 @@ class PsfMeasure:
 
 
 def _find(image: ImageLike, sigmas: float, gain: float | None, memory: int | str | None) -> dict[str, Any]:
+    if not sigmas > 0 or (gain is not None and not gain > 0):
+        raise UsageError(f"sigmas={sigmas} and gain={gain}: write numbers above 0")
     taken = take(image)
     return _core.find_stars(taken.data, taken.levels, taken.header, sigmas, gain, bytes_of(memory), Report())
 

@@ -12,6 +12,7 @@ from . import _core
 from ._apply import bytes_of
 from ._errors import IncompleteError
 from ._report import ProgressCallback, Report
+from ._stack import Kappa, kappa_text
 
 
 @dataclass(frozen=True)
@@ -85,8 +86,11 @@ class RunPlan:
 
 def run_values(given: dict[str, Any]) -> dict[str, Any]:
     """Options of a run as the core takes them: paths as texts, and what was not told left out."""
-    return {key: os.fspath(value) if isinstance(value, os.PathLike) else value
-            for key, value in given.items() if value is not None}
+    values = {key: os.fspath(value) if isinstance(value, os.PathLike) else value
+              for key, value in given.items() if value is not None}
+    if "kappa" in values:
+        values["kappa"] = kappa_text(values["kappa"])
+    return values
 
 
 def origin_of(session: str, out: str) -> str:
@@ -121,7 +125,7 @@ def plan_run(
     selection: str | os.PathLike[str] | None = None,
     method: str = "mean",
     reject: str = "auto",
-    kappa: str = "auto",
+    kappa: Kappa = "auto",
     iterations: int = 5,
     normalize: str = "auto",
     weight: str = "noise",
@@ -221,7 +225,7 @@ def run(
     selection: str | os.PathLike[str] | None = None,
     method: str = "mean",
     reject: str = "auto",
-    kappa: str = "auto",
+    kappa: Kappa = "auto",
     iterations: int = 5,
     normalize: str = "auto",
     weight: str = "noise",

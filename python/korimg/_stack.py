@@ -15,7 +15,7 @@ from . import _core
 from ._apply import bytes_of
 from ._errors import IncompleteError, UsageError
 from ._files import read
-from ._images import Image, ImageLike, Taken, is_path, source, take, with_uncertainty
+from ._images import Image, ImageLike, Taken, in_unit, is_path, source, take, with_uncertainty
 from ._register import Registration, Registrations
 from ._report import ProgressCallback, Report, warn
 
@@ -65,6 +65,18 @@ class StackFiles:
     left_out: list[tuple[str, str]]
 
 
+#: Deviations: one number, those below and above, or a text.
+Kappa = str | float | Sequence[float]
+
+
+def kappa_text(kappa: Kappa) -> str:
+    """Deviations as the command line writes them."""
+    if isinstance(kappa, str):
+        return kappa
+    numbers = kappa if isinstance(kappa, Sequence) else [kappa]
+    return ",".join(repr(float(number)) for number in numbers)
+
+
 def _places(registrations: RegistrationsLike | None, count: int) -> list[Registration]:
     if registrations is None:
         return [Registration()] * count
@@ -80,7 +92,7 @@ def stack(
     *,
     method: str = "mean",
     reject: str = "auto",
-    kappa: str = "auto",
+    kappa: Kappa = "auto",
     iterations: int = 5,
     normalize: str = "auto",
     weight: str = "noise",
@@ -104,12 +116,14 @@ def stack(
     reject : {"auto", "sigma", "winsorized", "esd", "linear-fit", "noise", "none"}
         How a mean tells outliers; "auto": by the noise of each frame up to 4 frames, winsorized from 5,
         generalised ESD from 15.
-    kappa : str
-        Deviations beyond which values are rejected, as in "3" or "2.5,3.5".
+    kappa : number, two of them, or str
+        Deviations beyond which values are rejected, as in 3 or (2.5, 3.5).
     iterations : int
         How often at most, each by what the last one left.
     normalize : {"auto", "none", "level", "level+scale"}
         What brings frames to the reference: the level of the sky, and the light of stars where it was compared.
+        Where a mean rejects values, frames are compared on a common sky whatever this is, and a value that is
+        left out does not take the sky of its frame along.
     weight : {"noise", "fwhm", "none"}
         Of frames in means.
     kernel : str
@@ -137,7 +151,7 @@ def stack(
         When less than half of the frames are in the stack, which is ``result``.
     """
     frames = list(images)
-    values: dict[str, Any] = {"method": method, "reject": reject, "kappa": kappa, "iterations": iterations,
+    values: dict[str, Any] = {"method": method, "reject": reject, "kappa": kappa_text(kappa), "iterations": iterations,
                               "normalize": normalize, "weight": weight, "kernel": kernel,
                               "undershoot": undershoot, "uncertainty": uncertainty,
                               "rejection_maps": rejection_maps}
@@ -158,6 +172,7 @@ def stack(
             raise UsageError(f"image {n} is an undeveloped mosaic, whose colours moving would mix; develop it "
                              "first")
     reference = next((n for n in used if places[n].is_still), used[0])
+    taken = {n: in_unit(image, taken[reference].unit, f"image {n}") for n, image in taken.items()}
     report = Report(progress)
     made = _core.stack_arrays([source(taken[n], f"image {n}") for n in used],
                               [_place(places[n]) for n in used], used.index(reference), values,
@@ -236,7 +251,7 @@ def stack_files(
     out: str | os.PathLike[str],
     method: str = "mean",
     reject: str = "auto",
-    kappa: str = "auto",
+    kappa: Kappa = "auto",
     iterations: int = 5,
     normalize: str = "auto",
     weight: str = "noise",
@@ -301,7 +316,7 @@ def stack_files(
     """
     values: dict[str, Any] = {
         "frames": [os.fspath(name) for name in frames], "out": os.fspath(out), "method": method, "reject": reject,
-        "kappa": kappa, "iterations": iterations, "normalize": normalize, "weight": weight, "kernel": kernel,
+        "kappa": kappa_text(kappa), "iterations": iterations, "normalize": normalize, "weight": weight, "kernel": kernel,
         "undershoot": undershoot, "drizzle": drizzle, "pixfrac": pixfrac, "drizzle_kernel": drizzle_kernel,
         "reference": None if reference is None else os.fspath(reference), "frame": frame, "feather": feather,
         "uncertainty": uncertainty, "mask": mask, "rejection_maps": rejection_maps, "integers": integers}

@@ -2,10 +2,11 @@
 
 from __future__ import annotations
 
+import inspect
 import os
 from typing import Any
 
-from . import _core
+from . import _core, _sessions
 from ._apply import bytes_of
 from ._errors import UsageError
 from ._report import Report
@@ -45,9 +46,9 @@ def run(
     out : path
         The folder for all results.
     parts : int, optional
-        Tasks that lights, and the rows of each stack, are cut into; four for each worker unless told.
+        Tasks that lights, and the rows of each stack, are cut into; one for each worker, and four at least, unless told.
     memory : int or str, optional
-        Bytes for pixels of a task, as in "2G"; the worker's limit over its threads unless told.
+        Bytes for pixels of a task, as in "2G"; half of the worker's limit over its threads unless told.
     retries : int
         How often a task that failed is done again.
     **options
@@ -62,6 +63,12 @@ def run(
     UsageError, FileError, IncompleteError
         As `korimg.run` does.
     """
+    known = inspect.signature(_sessions.run).parameters
+    for name in options:
+        if name not in known:
+            raise TypeError(f"korimg.run has no option {name!r}")
+    if parts is not None and (not isinstance(parts, int) or parts < 1):
+        raise UsageError(f"parts={parts!r}: write a whole number from 1 on")
     if options.pop("overwrite", False):
         raise UsageError("a run on workers goes on with what is there, and replaces nothing; name another folder")
     progress = options.pop("progress", None)
@@ -72,9 +79,9 @@ def run(
         shares = [w["memory_limit"] // w["nthreads"] for w in workers.values() if w["memory_limit"]]
         memory = min(shares) // 2 if shares else None
     folder = os.path.abspath(os.fspath(session))
-    values = run_values({key: value for key, value in options.items()})
+    values = run_values(options)
     values["out"] = os.path.abspath(os.fspath(out))
-    tasks = _core.plan_tasks(folder, values, parts or 4 * len(workers), bytes_of(memory), Report())
+    tasks = _core.plan_tasks(folder, values, parts or max(len(workers), 4), bytes_of(memory), Report())
     epoch = os.environ.get("SOURCE_DATE_EPOCH")
     futures: list[Any] = []
     for number, task in enumerate(tasks):

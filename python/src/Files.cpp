@@ -1,4 +1,7 @@
 // Image files to arrays and back.
+#include <algorithm>
+#include <cctype>
+
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <pybind11/operators.h>
@@ -48,23 +51,37 @@ py::object ValueOf(const files::Header& header, const std::string& key) {
   return py::str(*text);
 }
 
-void SetValue(files::Header& header, const std::string& key, const py::object& value,
+std::string KeyOf(std::string key) {
+  std::ranges::transform(key, key.begin(), [](unsigned char c) { return std::toupper(c); });
+  return key;
+}
+
+void SetValue(files::Header& header, const std::string& name, const py::object& value,
               const std::string& comment) {
-  if (py::isinstance<py::bool_>(value)) {
-    throw UsageError(fmt::format("{}: truth values are not written; give a number or a text", key));
+  const std::string key = KeyOf(name);
+  const bool isText = py::isinstance<py::str>(value);
+  const bool isTruth =
+      py::isinstance<py::bool_>(value) || py::isinstance(value, py::module_::import("numpy").attr("bool_"));
+  if (isTruth || (!isText && !py::hasattr(value, "__float__") && !py::hasattr(value, "__index__"))) {
+    throw UsageError(
+        fmt::format("{}: write a number or a text, not {}", key, py::repr(value).cast<std::string>()));
   }
-  if (py::isinstance<py::int_>(value)) {
-    header.Set(key, value.cast<std::int64_t>(), comment);
-  } else if (py::isinstance<py::float_>(value)) {
-    header.Set(key, value.cast<double>(), comment);
-  } else {
-    header.Set(key, py::str(value).cast<std::string>(), comment);
+  if (isText) return header.Set(key, value.cast<std::string>(), comment);
+  // numpy's numbers too.
+  if (py::hasattr(value, "__index__")) {
+    int overflows = 0;
+    const py::object whole = py::reinterpret_steal<py::object>(PyNumber_Index(value.ptr()));
+    if (!whole) throw py::error_already_set();
+    const long long number = PyLong_AsLongLongAndOverflow(whole.ptr(), &overflows);
+    if (overflows != 0) throw UsageError(fmt::format("{}: whole numbers have 64 bits", key));
+    return header.Set(key, static_cast<std::int64_t>(number), comment);
   }
+  header.Set(key, py::float_(value).cast<double>(), comment);
 }
 
 /// Reads a file: pixels, header, levels, what is known of the pixels, and what the file says of itself.
 py::dict Read(const std::string& path, const std::string& hdu, const py::object& report, bool wantsProgress) {
-  Host host({report, wantsProgress});
+  Host host({.report = report, .wantsProgress = wantsProgress, .usesThreads = false});
   std::unique_ptr<files::ImageReader> reader;
   host.Run([&] { reader = files::ImageReader::Open(path, {.hdu = hdu}); });
   files::ImageInfo info = reader->Info();
@@ -110,7 +127,7 @@ py::dict Read(const std::string& path, const std::string& hdu, const py::object&
 void Write(const std::string& path, const Pixels& pixels, const files::Header& header,
            const LevelPairs& levels, bool integers, const std::optional<Pixels>& variance,
            const std::optional<Pixels>& mask, bool overwrite, const py::object& report, bool wantsProgress) {
-  Host host({report, wantsProgress, 0, overwrite});
+  Host host({.report = report, .wantsProgress = wantsProgress, .overwrite = overwrite, .usesThreads = false});
   const Band<const float> band = BandOf(pixels);
   const auto over = [&](const Pixels& array) {
     const Band<const float> own = BandOf(array);
@@ -148,14 +165,14 @@ void AddFiles(py::module_& module) {
       .def(
           "get",
           [](const files::Header& h, const std::string& key, const py::object& other) {
-            const py::object value = ValueOf(h, key);
+            const py::object value = ValueOf(h, KeyOf(key));
             return value.is_none() ? other : value;
           },
           py::arg("key"), py::arg("default") = py::none(), "Gives the value of the first card of that name.")
       .def(
           "__getitem__",
           [](const files::Header& h, const std::string& key) {
-            py::object value = ValueOf(h, key);
+            py::object value = ValueOf(h, KeyOf(key));
             if (value.is_none()) throw py::key_error(key);
             return value;
           },
@@ -167,12 +184,25 @@ void AddFiles(py::module_& module) {
           },
           py::arg("key"), py::arg("value"))
       .def(
-          "__delitem__", [](files::Header& h, const std::string& key) { h.Remove(key); }, py::arg("key"))
+          "__delitem__", [](files::Header& h, const std::string& key) { h.Remove(KeyOf(key)); },
+          py::arg("key"))
       .def(
           "__contains__",
-          [](const files::Header& h, const std::string& key) { return h.GetString(key).has_value(); },
+          [](const files::Header& h, const std::string& key) { return h.GetString(KeyOf(key)).has_value(); },
           py::arg("key"))
       .def("__len__", [](const files::Header& h) { return h.cards.size(); })
+      .def(
+          "__iter__",
+          [](const files::Header& h) {
+            py::list keys;
+            for (const std::string& card : h.cards) {
+              keys.append(card.substr(0, card.find_last_not_of(' ', 7) + 1));
+            }
+            return py::iter(keys);
+          },
+          "Goes through the keywords of the cards, 8 characters at most.")
+      .def(py::pickle([](const files::Header& h) { return py::make_tuple(TextOf(h)); },
+                      [](const py::tuple& state) { return HeaderOf(state[0].cast<std::string>()); }))
       .def("set", &SetValue, py::arg("key"), py::arg("value"), py::arg("comment") = "",
            "Gives the first card of that name a value and a comment, or appends one.")
       .def(

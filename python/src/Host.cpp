@@ -2,13 +2,31 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 namespace korimg::python {
 
+namespace {
+
+/// Refuses to work where it would never end: threads of a process are not there in what was forked from it.
+void CheckProcess() {
+  static std::atomic<pid_t> worker = 0;  // the process that began to work
+  pid_t none = 0;
+  const pid_t own = getpid();
+  if (worker.compare_exchange_strong(none, own) || none == own) return;
+  throw UsageError(
+      "this process was forked from one that had worked with korimg already, and has none of its threads; "
+      "start processes by multiprocessing.get_context(\"spawn\") or \"forkserver\"");
+}
+
+}  // namespace
+
 Host::Host(Options options)
     : job(OptionsFor(options)), report_(std::move(options.report)), wantsProgress_(options.wantsProgress) {
+  if (options.usesThreads) CheckProcess();
   // The first step is shown at once; nobody waits for the signals of what is as short.
   if (!wantsProgress_) last_ = std::chrono::steady_clock::now();
 }

@@ -32,6 +32,7 @@ class Host {
     long long memory = 0;  ///< bytes; 0: the usual share of the machine's
     bool overwrite = false;
     std::string origin = {};
+    bool usesThreads = true;  ///< reading and writing files does not
   };
 
   explicit Host(Options options);
@@ -61,6 +62,11 @@ class Host {
     } catch (const Error&) {
       Raise();
       throw;
+    } catch (const py::error_already_set&) {
+      throw;
+    } catch (...) {
+      Raise();
+      ThrowOfFamily();
     }
   }
 

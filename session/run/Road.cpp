@@ -37,7 +37,8 @@ class Unfinished {
       fs::remove(output, ignored);
     }
     for (const fs::path& folder : folders_) {
-      if (!outputs_.empty() && fs::is_empty(folder, ignored)) fs::remove(folder, ignored);
+      if (!outputs_.empty() && fs::is_directory(folder, ignored) && fs::is_empty(folder, ignored))
+        fs::remove(folder, ignored);
     }
   }
   Unfinished(const Unfinished&) = delete;

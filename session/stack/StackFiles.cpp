@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <span>
 
 #include <fmt/format.h>
@@ -46,6 +47,7 @@ struct Source {
   std::unique_ptr<QualityReader> quality;      ///< likewise, once it was asked for
   std::shared_ptr<const files::ConstantBorder> border = nullptr;
   files::Mosaic mosaic = {};  ///< that is drizzled
+  bool hasMask = false;       ///< beside its pixels
 };
 
 /// Rows of a mosaic in colour, on its own scale: what outliers are told by where its sites are drizzled.
@@ -61,6 +63,23 @@ void ReadDeveloped(files::ImageReader& reader, const files::Mosaic& mosaic, cons
     const Band<float> part = to.Part(top, std::min(kAtOnce, to.Bottom() - top));
     const auto rows = development.Rows(part.Top(), part.Bottom());
     CopyPixels(Image::RowsOf(*rows, 0, part.Rows(), true), part);
+  }
+}
+
+/// Makes rows blank where the file's mask says that there is no data, as programs say it that keep the
+/// values.
+void BlankNoData(files::ImageReader& reader, const Band<float>& rows) {
+  BandBuffer buffer;
+  const Band<float> mask = buffer.Get(rows.Planes(), rows.Width(), rows.Top(), rows.Rows());
+  QualityReader(reader).ReadRows({.mask = mask});
+  for (int p = 0; p < rows.Planes(); ++p) {
+    for (int y = rows.Top(); y < rows.Bottom(); ++y) {
+      const auto bits = mask.Row(p, y);
+      const auto row = rows.Row(p, y);
+      for (int x = 0; x < rows.Width(); ++x) {
+        if (static_cast<int>(bits[x]) & MaskBit::NoData) row[x] = std::numeric_limits<float>::quiet_NaN();
+      }
+    }
   }
 }
 
@@ -82,6 +101,7 @@ class Sources {
       try {
         auto reader = files::ImageReader::Open(path, kRead);
         Source source{path, reader->Info(), transform};
+        source.hasMask = QualityReader(*reader).HasMask();
         if (used_.size() < kMostOpen) source.reader = std::move(reader);
         used_.push_back(std::move(source));
       } catch (const files::FileError& error) {
@@ -132,7 +152,10 @@ class Sources {
                      source.transform.dx,      source.transform.dy,
                      source.transform.degrees, source.transform.map};
     const auto read = [&source](const Band<float>& to) {
-      WithReader(source, [&](auto& reader) { reader.ReadRows(to); });
+      WithReader(source, [&](auto& reader) {
+        reader.ReadRows(to);
+        if (source.hasMask) BlankNoData(reader, to);
+      });
     };
     input.read = read;
     input.readQuality = [&source, read](const Band<float>& to, const QualityRows& quality) {

@@ -46,6 +46,10 @@ def test_workers_make_the_same_bytes(client, night):
         korimg.distributed.run(night / "nowhere", client, out=night / "x")
     with pytest.raises(korimg.UsageError, match="replaces nothing"):
         korimg.distributed.run(night / "night", client, out=night / "x", overwrite=True)
+    with pytest.raises(TypeError, match="gradiant"):
+        korimg.distributed.run(night / "night", client, out=night / "x", gradiant=True)
+    with pytest.raises(korimg.UsageError, match="parts"):
+        korimg.distributed.run(night / "night", client, out=night / "x", parts=0)
     with pytest.raises(korimg.UsageError, match="mode"):
         korimg.distributed.run(night / "night", client, out=night / "x", method="mode")
 

@@ -1,8 +1,11 @@
 """Steps on arrays, against numpy and against the same steps on files."""
 
+import copy
 import dataclasses
 import os
+import pickle
 import subprocess
+import sys
 import warnings
 
 import numpy as np
@@ -234,3 +237,89 @@ def test_a_planned_run_has_its_options(night, tmp_path):
                   {"exclude": 3}, {"reject": "sigma", "kappa": "few"}, {"pedestal": -1}, {"iterations": 0}):
         with pytest.raises(korimg.UsageError):
             korimg.plan_run(folder / "night", out=tmp_path / "out", **wrong)
+
+
+def test_masks_and_units_count(tmp_path):
+    nddata, u = pytest.importorskip("astropy.nddata"), pytest.importorskip("astropy.units")
+    mask = np.zeros((40, 40), bool)
+    mask[5:9, 5:9] = True
+    files = []
+    for number in range(4):
+        own = mask & (number == 1)
+        files.append(tmp_path / f"{number}.fits")
+        nddata.CCDData(np.where(own, 150, 100).astype("f4"), unit="electron", mask=own).write(files[-1])
+    how = {"reject": "none", "normalize": "none", "weight": "none"}
+    assert np.all(korimg.stack(files, **how).image.data == 100)
+    back = korimg.read(files[1])
+    assert np.array_equal(back.to_ccddata().mask, mask) and np.array_equal(np.isnan(back.data), mask)
+    assert back.to_ccddata().unit == u.electron
+    flat = np.full((9, 9), 100, "f4")
+    assert korimg.calibrate(flat * u.km, bias=flat * u.m)[0, 0].to_value(u.km) == pytest.approx(99.9)
+    with pytest.raises(korimg.UsageError, match="adu"):
+        korimg.calibrate(nddata.CCDData(flat, unit="electron"), bias=nddata.CCDData(flat, unit="adu"))
+    with pytest.raises(korimg.UsageError):
+        korimg.stack([flat * u.km, flat * u.s], **how)
+    deviations = nddata.StdDevUncertainty(flat * 10, unit=u.m)
+    ccds = [nddata.CCDData(flat, unit=u.km, uncertainty=deviations)] * 4
+    made = korimg.stack(ccds, uncertainty=True, **how).image
+    assert np.allclose((made.uncertainty.array * made.uncertainty.unit).to_value(u.km), 0.5)
+    korimg.write(tmp_path / "made.fits", made)
+    again = nddata.CCDData.read(tmp_path / "made.fits")
+    assert again.unit == u.km and np.allclose(again.uncertainty.array, 0.5)
+    hole = make((9, 9), 300, 500)
+    hole[2, 3], hole[4, 5] = 0, -1
+    divided = korimg.calibrate(flat, flat=hole)
+    assert np.array_equal(np.isnan(divided), hole <= 0)
+    assert np.allclose(divided[hole > 0], (flat / hole * hole[hole > 0].mean())[hole > 0], rtol=3e-6)
+
+
+def test_world_coordinates_of_other_matrices_move(tmp_path):
+    fits, wcs = pytest.importorskip("astropy.io.fits"), pytest.importorskip("astropy.wcs")
+    header = fits.Header()
+    header.update(CTYPE1="RA---TAN", CTYPE2="DEC--TAN", CRVAL1=150.0, CRVAL2=30.0, CRPIX1=50.0, CRPIX2=40.0,
+                  CD1_1=-1 / 3600, CD1_2=0.0, CD2_1=0.0, CD2_2=1 / 3600)
+    fits.PrimaryHDU(np.zeros((100, 120), "f4"), header).writeto(tmp_path / "a.fits")
+    place = wcs.WCS(header).pixel_to_world(10, 20)
+    image = korimg.read(tmp_path / "a.fits").to_ccddata()
+    for moved, x, y in ((korimg.ops.flip(image), 10, 79), (korimg.ops.bin(image), 4.75, 9.75),
+                        (korimg.ops.rotate(image, degrees=180), 109, 79)):
+        assert moved.wcs.pixel_to_world(x, y).separation(place).arcsec < 1e-3
+        korimg.write(tmp_path / "b.fits", moved, overwrite=True)
+        written = wcs.WCS(fits.getheader(tmp_path / "b.fits"))
+        assert written.pixel_to_world(x, y).separation(place).arcsec < 1e-3
+
+
+def test_images_and_errors_cross_processes():
+    error = pickle.loads(pickle.dumps(korimg.IncompleteError(["x"], 3)))
+    assert error.failures == ["x"] and error.result == 3
+    error = pickle.loads(pickle.dumps(korimg.FileError("a: missing", "a")))
+    assert error.filename == "a" and str(error) == "a: missing"
+    image = korimg.Image(np.ones((4, 5), "f4"))
+    image.header["n"], image.header["X"] = np.int64(3), np.float32(1.5)
+    assert image.header["N"] == 3 and image.header["x"] == 1.5 and list(image.header) == ["N", "X"]
+    for other in (copy.deepcopy(image), pickle.loads(pickle.dumps(image))):
+        assert other.header == image.header and np.array_equal(other.data, image.data)
+    for wrong in (True, np.bool_(True), None, [1], 2**70):
+        with pytest.raises(korimg.UsageError, match="N: "):
+            image.header["N"] = wrong
+    code = ("import multiprocessing as m, numpy as n, korimg\n"
+            "def f(i):\n"
+            "    try: return len(korimg.find_stars(n.zeros((50, 50), 'f4')))\n"
+            "    except korimg.UsageError as e: return str(e)\n"
+            "f(0)\n"
+            "print(m.get_context('fork').Pool(2).map_async(f, range(2)).get(timeout=20)[0])")
+    told = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=60)
+    assert "forked" in told.stdout and "spawn" in told.stdout
+
+
+def test_numbers_are_taken_as_people_write_them():
+    frames = [make((20, 30), seed=seed) for seed in range(6)]
+    ours = korimg.stack(frames, reject="sigma", kappa=(1.5, 2)).image
+    assert np.array_equal(ours, korimg.stack(frames, reject="sigma", kappa="1.5,2").image)
+    assert np.array_equal(korimg.stack(frames, reject="noise", kappa=4).image,
+                          korimg.stack(frames, reject="noise", kappa="4").image)
+    with pytest.raises(korimg.Error, match="memory"):
+        korimg.stack(frames, memory="1K")
+    for call in (lambda: korimg.find_stars(frames[0], sigmas=0), lambda: korimg.find_stars(frames[0], gain=-1)):
+        with pytest.raises(korimg.UsageError):
+            call()
