@@ -95,16 +95,16 @@ print("computed:")
 for lights in (1000, 100_000):
     alone = load + finish_s + lights * (measure_s + stack_s + 2 * prepare + register)
     for machines in (10, 100):
-        parts = 4 * machines
+        parts = machines
         each = load + prepare * lights  # of a task
         own = 3 * master + lights * (kept + header)  # bytes that each task of a stage reads before its share
         part = own + lights * size * (1 / parts + beside)
-        measure = max(4 * each + lights / machines * measure_s, 4 * own / LINK,
+        measure = max(each + lights / machines * measure_s, (own + lights * size / machines) / LINK,
                       (parts * own + lights * size) / STORAGE)
         laying = each + register * lights
-        stack = max(4 * (each + lights * stack_s * (1 / parts + beside)), 4 * part / LINK, parts * part / STORAGE)
+        stack = max(each + lights * stack_s * (1 / parts + beside), part / LINK, parts * part / STORAGE)
         total = measure + laying + stack + each + finish_s
         moved = lights * size + parts * (own + part)
-        print(f"  {lights} lights, {machines} machines, {parts} parts: measure {measure:.0f} s, register {laying:.0f} s, "
+        print(f"  {lights} lights, {machines} machines: measure {measure:.0f} s, register {laying:.0f} s, "
               f"stack {stack:.0f} s, finish {each + finish_s:.0f} s, in all {total / 3600:.2f} h; one machine "
               f"{alone / 3600:.2f} h, {alone / total:.0f} times; {moved / 1e12:.1f} TB over the network")
