@@ -1,21 +1,19 @@
 #include "session/job/Job.h"
 #include "viewer/api/Api.h"
 #include "viewer/server/Assets.h"
+#include "viewer/server/ChildToken.h"
 
 namespace korimg::viewer {
 namespace {
 
-class TokenOfRequest : public session::CancelToken {
+class TokenOfRequest : public ChildToken {
  public:
   TokenOfRequest(std::function<bool()> isGone, std::shared_ptr<session::CancelToken> parent)
-      : isGone_(std::move(isGone)), parent_(std::move(parent)) {}
-  bool IsCancelled() override {
-    return CancelToken::IsCancelled() || isGone_() || (parent_ && parent_->IsCancelled());
-  }
+      : ChildToken(std::move(parent)), isGone_(std::move(isGone)) {}
+  bool IsCancelled() override { return ChildToken::IsCancelled() || isGone_(); }
 
  private:
   std::function<bool()> isGone_;
-  std::shared_ptr<session::CancelToken> parent_;
 };
 
 }  // namespace

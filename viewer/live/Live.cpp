@@ -7,6 +7,7 @@
 #include "session/calibrate/FindSession.h"
 #include "session/live/FolderWatch.h"
 #include "session/picture/AutoPicture.h"
+#include "viewer/server/ChildToken.h"
 
 namespace korimg::viewer {
 
@@ -16,15 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
-
-class TokenOfLive : public CancelToken {
- public:
-  explicit TokenOfLive(std::shared_ptr<CancelToken> parent) : parent_(std::move(parent)) {}
-  bool IsCancelled() override { return CancelToken::IsCancelled() || (parent_ && parent_->IsCancelled()); }
-
- private:
-  std::shared_ptr<CancelToken> parent_;
-};
 
 Json JsonOf(const LiveFrame& frame) {
   Json json{{"name", frame.file.filename().string()},
@@ -47,7 +39,7 @@ Json JsonOf(const LiveFrame& frame) {
 
 Live::Live(Job& job, const WatchedFolder& watched)
     : watched_(watched),
-      token_(std::make_shared<TokenOfLive>(job.options.cancel)),
+      token_(std::make_shared<ChildToken>(job.options.cancel)),
       job_({.cancel = token_, .memory = job.Memory() / 4}) {
   stack_ = std::make_unique<LiveStack>(job_, Options());
   thread_ = std::thread([this] { Watch(); });

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "session/job/Json.h"
+#include "viewer/server/ChildToken.h"
 
 namespace korimg::viewer {
 
@@ -13,15 +14,6 @@ using session::Event;
 namespace {
 
 constexpr std::size_t kMost = 5000;  // events that are kept
-
-class TokenOfWork : public session::CancelToken {
- public:
-  explicit TokenOfWork(std::shared_ptr<session::CancelToken> parent) : parent_(std::move(parent)) {}
-  bool IsCancelled() override { return CancelToken::IsCancelled() || (parent_ && parent_->IsCancelled()); }
-
- private:
-  std::shared_ptr<session::CancelToken> parent_;
-};
 
 const char* NameOf(Event::Kind kind) {
   static constexpr const char* names[] = {"note", "detail", "progress", "result", "warning", "failure"};
@@ -41,7 +33,7 @@ int Work::Start(const std::string& title, const session::JobOptions& options, Do
     throw session::UsageError(fmt::format("{} is at work; cancel it, or wait for its end", title_));
   }
   if (thread_.joinable()) thread_.join();  // it has nothing left to do
-  token_ = std::make_shared<TokenOfWork>(parent_.options.cancel);
+  token_ = std::make_shared<ChildToken>(parent_.options.cancel);
   title_ = title;
   state_ = "working";
   more_ = Json::object();
