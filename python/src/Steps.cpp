@@ -212,9 +212,10 @@ struct Place {
 
   explicit Place(const py::dict& given) {
     const Values values(given);
-    values.Take("dx", dx);
-    values.Take("dy", dy);
-    values.Take("degrees", degrees);
+    constexpr double kFar = 1e6;
+    values.Number("dx", -kFar, kFar, dx);
+    values.Number("dy", -kFar, kFar, dy);
+    values.Number("degrees", -kFar, kFar, degrees);
     values.Take("fwhm", fwhm);
     values.Take("flux_ratio", fluxRatio);
     std::string json;

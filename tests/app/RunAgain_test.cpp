@@ -178,6 +178,13 @@ TEST_F(RunAgainTest, WhatCannotBeKeptIsNoFaultOfALight) {
   EXPECT_EQ(Shell("korimg run night --out out -q").code, 0);
 }
 
+TEST_F(RunAgainTest, AFileInThePlaceOfAFolderStays) {
+  ASSERT_TRUE(Simulate(In("night"), {.frames = 3, .width = 200, .height = 160, .seed = 1}));
+  WriteBytes(In("empty"), "");
+  EXPECT_EQ(Shell("korimg run night --out out --masters empty -q").code, 1);
+  EXPECT_TRUE(fs::is_regular_file(In("empty")));
+}
+
 TEST_F(RunAgainTest, SelectionsAndReferences) {
   ASSERT_TRUE(Simulate(In("night"), {.frames = 6, .width = 400, .height = 300, .seed = 3}));
   const auto stacked = [&](const std::string& options) {

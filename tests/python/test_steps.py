@@ -193,6 +193,7 @@ def test_what_does_not_go_together_is_refused(night):
         lambda: korimg.register([image], model="bent"), lambda: korimg.render(image, scale=2),
         lambda: korimg.render(image, level="best"), lambda: korimg.stack([image, [[1, 2]]]),
         lambda: korimg.stack([image], [korimg.Registration(map={"matrix": [0] * 9})]),
+        lambda: korimg.stack([image, image], [korimg.Registration(), korimg.Registration(dx=float("nan"))]),
         lambda: korimg.stack_files(files[:1], out="x.fits", drizzle=9), lambda: korimg.stack(["nowhere.fits"]),
         lambda: korimg.calibrate_files(files, out="x"), lambda: korimg.calibrate_files(files, out="x", maps=True),
     ):
