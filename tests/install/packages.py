@@ -55,9 +55,9 @@ assert debs.keys() == {"korimg", "libkorimg0", "libkorimg-dev", "python3-korimg"
 
 # Hosts.
 for name in ("libkorimg0", "libkorimg-dev"):
-    run("dpkg-deb", "-x", debs[name], work / "root")
-run("cmake", "-G", "Ninja", "-S", ROOT / "examples", "-B", work / "hosts", f"-DCMAKE_PREFIX_PATH={work}/root/usr")
-assert f"korimg_DIR:PATH={work}/root/usr/lib" in (work / "hosts/CMakeCache.txt").read_text()
+    run("dpkg-deb", "-x", debs[name], work / "unpacked")
+run("cmake", "-G", "Ninja", "-S", ROOT / "examples", "-B", work / "hosts", f"-DCMAKE_PREFIX_PATH={work}/unpacked/usr")
+assert f"korimg_DIR:PATH={work}/unpacked/usr/lib" in (work / "hosts/CMakeCache.txt").read_text()
 run("cmake", "--build", work / "hosts", "--target", "invert", "operation")
 for host in ("invert", "operation"):
     run(work / "hosts" / host)
