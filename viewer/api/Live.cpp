@@ -17,20 +17,9 @@ Live& LiveOf(Context& context) {
   return *context.live;
 }
 
-/// A new name in the watched folder.
-fs::path Within(const Live& live, const std::string& name) {
-  const fs::path plain(name);
-  if (plain.empty() || plain.filename() != plain || name.starts_with('.') || name.find('\0') != name.npos) {
-    throw UsageError("write a plain name");
-  }
-  const fs::path path = live.Folder() / plain;
-  if (fs::is_symlink(fs::symlink_status(path))) throw files::FileError(path, "is a link; take another name");
-  return path;
-}
-
 Response Save(const Request& request, Context& context) {
   const Live& live = LiveOf(context);
-  const fs::path path = Within(live, ValueIn<std::string>(BodyOf(request), "name", ""));
+  const fs::path path = NewIn(live.Folder(), ValueIn<std::string>(BodyOf(request), "name", ""));
   if (!IsFits(path)) throw UsageError("write the name of a new file that ends in .fits");
   Job job({.cancel = TokenOf(request, context.job), .memory = context.job.Memory() / 4});
   job.CheckOutput(path);
@@ -42,7 +31,7 @@ Response Save(const Request& request, Context& context) {
 /// Stacks the frames as a run does, once they are all there.
 Response StackProperly(const Request& request, Context& context) {
   const Live& live = LiveOf(context);
-  const fs::path out = Within(live, ValueIn<std::string>(BodyOf(request), "out", "result"));
+  const fs::path out = NewIn(live.Folder(), ValueIn<std::string>(BodyOf(request), "out", "result"));
   JobOptions world;
   world.origin = "korimg run " + Quoted(live.Folder().string()) + " --out " + Quoted(out.string());
   const int number =

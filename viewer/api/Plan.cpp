@@ -144,16 +144,10 @@ Wanted WantedBy(const Json& body, Context& context) {
   const auto& folders = context.files.Folders();
   if (number < 0 || number >= static_cast<int>(folders.size())) throw UsageError("no folder has that number");
   Wanted wanted{.folder = folders[number]};
-  const fs::path out = ValueIn<std::string>(body, "out", "result");
-  if (out.filename() != out || out.empty() || out.string().starts_with('.') ||
-      out.string().find('\0') != std::string::npos) {
-    throw UsageError("the folder for the results is a plain name, within that of the frames");
-  }
-  if (fs::is_symlink(fs::symlink_status(wanted.folder / out)))
-    throw files::FileError(out, "is a link; take another name");
-  wanted.options.calibrate.out = wanted.folder / out;
-  wanted.command = fmt::format("korimg run {} --out {}", Quoted(wanted.folder.string()),
-                               Quoted((wanted.folder / out).string()));
+  const fs::path out = NewIn(wanted.folder, ValueIn<std::string>(body, "out", "result"));
+  wanted.options.calibrate.out = out;
+  wanted.command =
+      fmt::format("korimg run {} --out {}", Quoted(wanted.folder.string()), Quoted(out.string()));
   const Json given = ValueIn(body, "options", Json::object());
   if (!given.is_object()) throw UsageError("options are an object");
   for (const auto& [name, unused] : given.items()) {

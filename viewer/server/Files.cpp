@@ -109,17 +109,24 @@ fs::path Files::Find(int id) {
   return real;
 }
 
+fs::path NewIn(const fs::path& folder, const std::string& name) {
+  const fs::path plain(name);
+  if (plain.empty() || plain.filename() != plain || name.starts_with('.') || name.find('\0') != name.npos) {
+    throw session::UsageError("write a plain name, without folders");
+  }
+  const fs::path path = folder / plain;
+  if (fs::is_symlink(fs::symlink_status(path))) {
+    throw files::FileError(path, "is a link; take another name");
+  }
+  return path;
+}
+
 fs::path Files::Beside(int id, const std::string& name) {
-  const fs::path plain(name), extension = files::LowerExtension(plain);
+  const std::string extension = files::LowerExtension(name);
   const bool isImage = extension == ".fits" || extension == ".fit" || extension == ".tif" ||
                        extension == ".tiff" || extension == ".png";
-  if (plain.filename() != plain || name.starts_with('.') || name.find('\0') != name.npos || !isImage) {
-    throw session::UsageError("write the name of a new file that ends in .fits, .tif or .png");
-  }
-  const fs::path path = Find(id).parent_path() / plain;
-  // A link would lead elsewhere.
-  if (fs::is_symlink(fs::symlink_status(path))) throw files::FileError(path, "is a link; take another name");
-  return path;
+  if (!isImage) throw session::UsageError("write the name of a new file that ends in .fits, .tif or .png");
+  return NewIn(Find(id).parent_path(), name);
 }
 
 int Files::Add(const fs::path& path) {

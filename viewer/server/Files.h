@@ -10,6 +10,10 @@
 
 namespace korimg::viewer {
 
+/// Where something new is written in a folder. Throws UsageError for what is no plain name, or hidden, and
+/// FileError for a link: it would lead elsewhere.
+std::filesystem::path NewIn(const std::filesystem::path& folder, const std::string& name);
+
 /// A list of images that pages speak of by numbers, never by paths. Links are followed only as far as they
 /// stay below a named folder; this is looked at again whenever a file is opened. Any thread may call it.
 class Files {
