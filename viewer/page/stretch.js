@@ -1,4 +1,5 @@
 // The panel of the stretch: automatic first, then levels and midtones by channel, hyperbolic stretch and a curve.
+import { makeCurve } from './curve.js';
 import { addPanel, make, onKey, pretty } from './dom.js';
 
 /** @typedef {import('./api.js').PlaneLevels} PlaneLevels */
@@ -59,8 +60,6 @@ export function addStretchPanel(view) {
   let levels = [];
   let mode = 'auto', channel = -1;
   const ghs = { on: false, amount: 3, shape: 2, symmetry: 0.02, shadows: 0, highlights: 1 };
-  /** @type {[number, number][]} */
-  let points = [[0, 0], [1, 1]];
 
   const raw = () => {
     const automatic = view.info?.auto ?? [{ black: 0, white: 1, midtone: 0.5 }];
@@ -110,11 +109,10 @@ export function addStretchPanel(view) {
       ghsField('Amount', 'amount', 0, 15), ghsField('Shape', 'shape', -5, 15), ghsField('Symmetry', 'symmetry', 0, 1),
       ghsField('Shadows', 'shadows', 0, 1), ghsField('Highlights', 'highlights', 0, 1)));
 
-  const curve = make('canvas', { className: 'histogram curve', width: 296, height: 150, tabIndex: 0,
-    ariaLabel: 'The curve. Click adds a point, a point is dragged, a double click takes it away.' });
-  const curvePart = make('details', {}, make('summary', {}, 'Curve'), make('div', {}, curve,
+  const curve = makeCurve(() => { begin(); send(); });
+  const curvePart = make('details', {}, make('summary', {}, 'Curve'), make('div', {}, curve.canvas,
     make('div', { className: 'row' },
-      make('button', { type: 'button', onclick: () => { points = [[0, 0], [1, 1]]; begin(); send(); } }, 'Straight'),
+      make('button', { type: 'button', onclick: () => { curve.reset(); begin(); send(); } }, 'Straight'),
       make('span', { className: 'faint' }, 'after the midtones'))));
 
   addPanel('Stretch', true, make('div', { className: 'row', role: 'group' }, ...Object.values(modes)), channelRow,
@@ -132,7 +130,7 @@ export function addStretchPanel(view) {
     mode = name;
     if (name !== 'manual') {
       ghs.on = ghsOn.checked = false;
-      points = [[0, 0], [1, 1]];
+      curve.reset();
     }
     follow();
     send();
@@ -157,10 +155,8 @@ export function addStretchPanel(view) {
     for (const [name, button] of Object.entries(modes)) button.setAttribute('aria-pressed', String(name === mode));
     channels.forEach((button, i) => button.setAttribute('aria-pressed', String(i - 1 === channel)));
     channelRow.hidden = levels.length < 3;
-    drawCurve();
+    curve.draw();
   }
-
-  const isStraight = () => points.length === 2 && points[0][1] === 0 && points[1][1] === 1;
 
   let waiting = 0;
   function send() {
@@ -168,7 +164,7 @@ export function addStretchPanel(view) {
     clearTimeout(waiting);
     waiting = window.setTimeout(() => {
       if (mode !== 'manual') return view.show({ levels: undefined, steps: undefined, linked: mode === 'linked' });
-      const hasSteps = ghs.on || !isStraight();
+      const hasSteps = ghs.on || !curve.isStraight();
       const steps = [];
       if (ghs.on) {
         const { amount, shape, symmetry, shadows, highlights } = ghs;
@@ -176,7 +172,7 @@ export function addStretchPanel(view) {
                    `shadows=${Math.min(shadows, symmetry)} highlights=${Math.max(highlights, symmetry)}`);
       }
       if (hasSteps) steps.push(`stretch midtone=${levels.map((l) => l.midtone).join(',')}`);
-      if (!isStraight()) steps.push(`curve points=${points.map(([x, y]) => `${x.toFixed(4)}:${y.toFixed(4)}`).join(',')}`);
+      if (!curve.isStraight()) steps.push(`curve points=${curve.text()}`);
       view.show({
         levels: levels.map((l) => [l.black, hasSteps ? 0.5 : l.midtone, l.white].join(',')).join(','),
         steps: steps.join(' then '),
@@ -185,62 +181,11 @@ export function addStretchPanel(view) {
     }, 80);
   }
 
-  function drawCurve() {
-    const context = /** @type {CanvasRenderingContext2D} */ (curve.getContext('2d'));
-    const { width, height } = curve;
-    context.clearRect(0, 0, width, height);
-    context.strokeStyle = '#2c3440';
-    for (let i = 1; i < 4; ++i) {
-      context.strokeRect((i * width) / 4, -1, 0, height + 2);
-      context.strokeRect(-1, (i * height) / 4, width + 2, 0);
-    }
-    context.strokeStyle = context.fillStyle = '#7cb7ff';
-    context.beginPath();
-    for (const [x, y] of points) context.lineTo(x * width, (1 - y) * height);
-    context.stroke();
-    for (const [x, y] of points) context.fillRect(x * width - 4, (1 - y) * height - 4, 8, 8);
-  }
-
-  let dragged = -1;
-  const place = (/** @type {PointerEvent | MouseEvent} */ event) => {
-    const bounds = curve.getBoundingClientRect();
-    const share = (/** @type {number} */ v) => Math.min(Math.max(v, 0), 1);
-    return [share((event.clientX - bounds.left) / bounds.width), share(1 - (event.clientY - bounds.top) / bounds.height)];
-  };
-  const nearest = (/** @type {number} */ x) => points.findIndex((point) => Math.abs(point[0] - x) < 0.03);
-  curve.addEventListener('pointerdown', (event) => {
-    const [x, y] = place(event);
-    dragged = nearest(x);
-    if (dragged < 0) {
-      points.push([x, y]);
-      points.sort((a, b) => a[0] - b[0]);
-      dragged = nearest(x);
-    }
-    curve.setPointerCapture(event.pointerId);
-    begin();
-    send();
-  });
-  curve.addEventListener('pointermove', (event) => {
-    if (dragged < 0) return;
-    const [x, y] = place(event);
-    const isEnd = dragged === 0 || dragged === points.length - 1;
-    const inside = isEnd ? points[dragged][0]
-                         : Math.min(Math.max(x, points[dragged - 1][0] + 0.01), points[dragged + 1][0] - 0.01);
-    points[dragged] = [inside, y];
-    send();
-  });
-  curve.addEventListener('pointerup', () => (dragged = -1));
-  curve.addEventListener('dblclick', (event) => {
-    const found = nearest(place(event)[0]);
-    if (found > 0 && found < points.length - 1) points.splice(found, 1);
-    send();
-  });
-
   view.addEventListener('open', () => {
     mode = 'auto';
     channel = -1;
     ghs.on = ghsOn.checked = false;
-    points = [[0, 0], [1, 1]];
+    curve.reset();
     const told = view.shown.levels?.split(',').map(Number);
     if (told) {
       mode = 'manual';

@@ -124,6 +124,76 @@ describe('an image in the browser', { skip: missing, timeout: 120_000 }, () => {
     await page.waitForTimeout(800);
   });
 
+  it('bends the curve by keys and by the pointer', async () => {
+    await page.keyboard.press('f');
+    await page.locator('summary', { hasText: /^Curve$/ }).click();
+    const curve = page.locator('canvas.curve');
+    const said = () => curve.getAttribute('aria-valuetext');
+    await curve.focus();
+    assert.equal(await said(), 'point 1 of 2: 0.00 becomes 0.00');
+    const before = await brightness();
+    const press = async (...keys) => { for (const key of keys) await page.keyboard.press(key); };
+    await press('Enter', 'Shift+ArrowUp', 'Shift+ArrowUp', 'ArrowUp', 'Shift+ArrowLeft', 'Shift+ArrowLeft');
+    assert.equal(await said(), 'point 2 of 3: 0.48 becomes 0.71');
+    await page.waitForTimeout(1200);
+    const bent = await brightness();
+    assert.ok(bent > 1.2 * before, `${bent} after ${before}`);
+    await press('ArrowRight', 'ArrowRight', 'Delete');  // the last one stays
+    assert.equal(await said(), 'point 3 of 3: 1.00 becomes 1.00');
+    await press('Shift+ArrowLeft');
+    assert.equal(await said(), 'point 3 of 3: 1.00 becomes 1.00');
+    await press('ArrowLeft', 'Delete');
+    assert.equal(await said(), 'point 1 of 2: 0.00 becomes 0.00');
+    await page.waitForTimeout(1200);
+    assert.ok(Math.abs(await brightness() - before) < 1);
+    const { x, y, width, height } = await curve.boundingBox();
+    await page.mouse.move(x + 0.75 * width, y + 0.5 * height);
+    await page.mouse.down();
+    await page.mouse.move(x + 0.6 * width, y + 0.2 * height, { steps: 3 });
+    await page.mouse.up();
+    assert.equal(await said(), 'point 2 of 3: 0.60 becomes 0.80');
+    await page.locator('#stage').focus();
+    await page.keyboard.press('a');
+    await page.waitForTimeout(800);
+  });
+
+  it('is moved, zoomed and measured by fingers', async () => {
+    const tablet = await openPage(viewer.address, { width: 1024, height: 768 }, { hasTouch: true });
+    const touched = tablet.page;
+    await touched.waitForFunction(() => document.querySelector('#stage progress')?.hidden);
+    await touched.waitForTimeout(400);
+    const screen = await touched.context().newCDPSession(touched);
+    const stage = await touched.locator('#stage').boundingBox();
+    const at = (x, y) => ({ x: stage.x + stage.width / 2 + x, y: stage.y + stage.height / 2 + y });
+    /** Moves fingers from some places to others. */
+    const drag = async (from, to) => {
+      const places = (t) => from.map((f, i) => ({ x: f.x + t * (to[i].x - f.x), y: f.y + t * (to[i].y - f.y), id: i }));
+      await screen.send('Input.dispatchTouchEvent', { type: 'touchStart', touchPoints: places(0) });
+      for (let i = 1; i <= 8; ++i) {
+        await screen.send('Input.dispatchTouchEvent', { type: 'touchMove', touchPoints: places(i / 8) });
+        await touched.waitForTimeout(20);
+      }
+      await screen.send('Input.dispatchTouchEvent', { type: 'touchEnd', touchPoints: [] });
+      await touched.waitForTimeout(800);
+    };
+    const scale = async () => parseFloat(await touched.locator('#tools output').first().textContent());
+    const fitted = await scale();
+    await drag([at(-40, 0), at(40, 0)], [at(-120, 0), at(120, 0)]);
+    const zoomed = await scale();
+    assert.ok(zoomed > 2 * fitted && zoomed < 4 * fitted, `${fitted} became ${zoomed}`);
+    const seen = async () => (await touched.locator('aside details', { hasText: 'Statistics' }).locator('.faint').first().textContent());
+    const before = await seen();
+    await drag([at(0, 0)], [at(60, 40)]);
+    assert.notEqual(await seen(), before);
+    await touched.getByRole('button', { name: 'Box' }).tap();
+    await drag([at(-50, -30)], [at(50, 30)]);
+    const [, width, height] = (await seen()).match(/^Box (\d+) × (\d+)/).map(Number);
+    assert.ok(Math.abs(width - 10000 / zoomed) <= 3 && Math.abs(height - 6000 / zoomed) <= 3, `${width} × ${height}`);
+    assert.equal(await scale(), zoomed);
+    assert.deepEqual(tablet.complaints, []);
+    await tablet.browser.close();
+  });
+
   it('measures the view, a box, a line and the stars', async () => {
     const note = page.locator('aside details', { hasText: 'Statistics' }).locator('.faint').first();
     assert.match(await note.textContent(), /^View/);

@@ -32,12 +32,12 @@ export async function serve(paths, options = []) {
 }
 
 /** A page of the address, with what it complained of and what it asked other hosts for. */
-export async function openPage(address, size = { width: 1280, height: 720 }) {
+export async function openPage(address, size = { width: 1280, height: 720 }, how = {}) {
   const browser = await chromium.launch({
     executablePath: program,
     args: process.getuid() === 0 ? ['--no-sandbox'] : [],
   });
-  const page = await browser.newPage({ viewport: size });
+  const page = await browser.newPage({ viewport: size, ...how });
   const complaints = [], foreign = [];
   page.on('console', (message) => {
     // It is the tests that read the canvas; and tiles that come after their image was replaced are of no use.
