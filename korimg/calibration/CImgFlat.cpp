@@ -23,6 +23,7 @@ struct Model {
   /// The model of a row as a polynomial of x - originX.
   struct Row {
     double square, across, constant;
+    double At(double dx) const { return (square * dx + across) * dx + constant; }
   };
   Row At(int y) const {
     const double dy = y - originY;
@@ -44,7 +45,7 @@ void Flatten(CVelImage& target, CVelImage& src, int mode, CRect* rect, int show,
     float* out = target.GetWritableLine(window.left, y, p);
     const int columns = window.Width();
     const Model model = modelOf(p);
-    const auto [square, across, constant] = model.At(y);
+    const Model::Row row = model.At(y);
     const double first = window.left - model.originX;
     const double least = -std::min<double>(model.bottom, src.GetMinPixel(p)), k = least == 0 ? 1 : least;
     const double numerator = model.level + k, inDivisor = model.inDivisor + k;
@@ -52,13 +53,13 @@ void Flatten(CVelImage& target, CVelImage& src, int mode, CRect* rect, int show,
       RunInLongVectors([=]() KORIMG_IN_LOOP {
         for (int x = 0; x < columns; ++x) {
           const double dx = first + x;
-          out[x] = static_cast<float>(in[x] - ((square * dx + across) * dx + constant) + model.added);
+          out[x] = static_cast<float>(in[x] - row.At(dx) + model.added);
         }
       });
     } else if (mode == kDivide) {
       RunInLongVectors([=]() KORIMG_IN_LOOP {
         for (int x = 0; x < columns; ++x) {
-          const double dx = first + x, t = (square * dx + across) * dx + constant;
+          const double dx = first + x, t = row.At(dx);
           out[x] = static_cast<float>(numerator / (t + inDivisor) * (in[x] + k) - k);
         }
       });

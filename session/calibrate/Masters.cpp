@@ -25,7 +25,7 @@ float ScaleEnd(const files::ImageInfo& info, bool lessBlack) {
   if (info.camera) return static_cast<float>(info.camera->white - (lessBlack ? info.camera->black[0] : 0));
   if (info.type.starts_with("float")) return kCamera;
   if (info.type == "uint16" && info.bscale == 1) return kCamera;
-  if (info.type == "uint8") return static_cast<float>(info.bzero + 255 * info.bscale);
+  if (info.type.ends_with("int8")) return static_cast<float>(info.bzero + 255 * info.bscale);
   if (info.type == "int16") return static_cast<float>(info.bzero + 32767 * info.bscale);
   return static_cast<float>(info.bzero + 2147483647 * info.bscale);
 }

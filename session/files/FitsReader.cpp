@@ -78,6 +78,8 @@ T FromFile(const unsigned char* raw) {
   return std::bit_cast<T>(BigEndian(bits));
 }
 
+constexpr double kUnsigned64 = 0x1p63;  // the BZERO of unsigned 64-bit integers
+
 /// How stored values become physical ones.
 struct Scaling {
   double scale = 1, zero = 0;
@@ -91,6 +93,10 @@ void Convert(const unsigned char* raw, std::size_t n, const Scaling& by, float* 
     const auto zero = static_cast<float>(by.zero);  // every sum is exact
     for (std::size_t i = 0; i < n; ++i)
       out[i] = static_cast<float>(FromFile<T>(raw + i * sizeof(T))) + zero;
+  } else if (std::is_same_v<T, std::int64_t> && by.scale == 1 && by.zero == kUnsigned64) {
+    // Unsigned numbers, which a sum of doubles would round by a thousand.
+    for (std::size_t i = 0; i < n; ++i)
+      out[i] = static_cast<float>(FromFile<std::uint64_t>(raw + i * sizeof(T)) ^ (std::uint64_t{1} << 63));
   } else {
     for (std::size_t i = 0; i < n; ++i) {
       out[i] = static_cast<float>(by.zero + by.scale * static_cast<double>(FromFile<T>(raw + i * sizeof(T))));
@@ -331,10 +337,10 @@ class FitsReader : public ImageReader {
     bitpix_ = static_cast<int>(hdu.bitpix);
     start_ = hdu.start;
     const auto unsignedIf = [&](double zero) { return by_.scale == 1 && by_.zero == zero ? "u" : ""; };
-    info_.type = bitpix_ == 8     ? "uint8"
+    info_.type = bitpix_ == 8     ? by_.scale == 1 && by_.zero == -128 ? "int8" : "uint8"
                  : bitpix_ == 16  ? fmt::format("{}int16", unsignedIf(32768))
                  : bitpix_ == 32  ? fmt::format("{}int32", unsignedIf(2147483648.0))
-                 : bitpix_ == 64  ? "int64"
+                 : bitpix_ == 64  ? fmt::format("{}int64", unsignedIf(kUnsigned64))
                  : bitpix_ == -32 ? "float32"
                                   : "float64";
 
