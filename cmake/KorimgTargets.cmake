@@ -33,6 +33,8 @@ function(korimg_compile_options target)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # False alarms of g++ 12 on strings and regular expressions.
     target_compile_options(${target} PRIVATE -Wno-restrict -Wno-stringop-overflow -Wno-maybe-uninitialized)
+  else()
+    target_compile_options(${target} PRIVATE -Wno-pass-failed)  # sanitizers keep loops from being vectors
   endif()
   if(KORIMG_ASSERTIONS)
     target_compile_definitions(${target} PRIVATE KORIMG_ASSERTIONS _GLIBCXX_ASSERTIONS)

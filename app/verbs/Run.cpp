@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 namespace {
 
 struct Arguments {
-  fs::path session, selection;
+  fs::path session, calibration, selection;
   RunOptions options;
 };
 
@@ -32,6 +32,8 @@ void AddArguments(CLI::App* verb, Arguments* arguments) {
                    "and biases")
       ->required();
   AddCalibrationOptions(*verb, options.calibrate);
+  verb->add_option("--calibration", arguments->calibration,
+                   "folder of calibration frames or ready masters: of kinds that the session has none of");
   verb->add_option(
       "--masters", options.calibrate.masters,
       "folder of masters of any sessions: those made of the same frames are used again, others are added; "
@@ -76,11 +78,7 @@ RunOptions Complete(Tool& tool, Arguments& arguments) {
   if (frames.maps && frames.cosmetic == Cosmetic::None) {
     throw UsageError("--maps writes what --cosmetic auto finds; leave out --cosmetic none");
   }
-  SessionFrames found = FindSession(tool.job, arguments.session, frames.out);
-  frames.lights = std::move(found.lights);
-  frames.darks = std::move(found.darks);
-  frames.flats = std::move(found.flats);
-  frames.biases = std::move(found.biases);
+  TakeSession(tool.job, arguments.session, frames, arguments.calibration);
   return arguments.options;
 }
 

@@ -53,7 +53,7 @@ int CImgSkySelect::Prepare(int size, CRect* area, CRect* hole, int step, Items& 
 // The figures of both are those of CImgPixelInfo::Calc.
 
 double CImgSkySelect::DeviationOf(const CSelectRegionItem& square) {
-  const auto& [x, y] = square.topLeft;
+  const int x = square.topLeft.x, y = square.topLeft.y;
   const int width = square.size.cx, height = square.size.cy;
   const double pixels = static_cast<double>(width) * height;
   thread_local std::vector<double> lines;

@@ -194,7 +194,7 @@ int CImgMidtones::Do(const Parameters* parameters, int inverse, CVelImage* src, 
     float* out = GetWritableLine(window.left, y, p);
     const int columns = window.Width();
     const double scale = 1 / fromRange;
-    RunInLongVectors([=]() KORIMG_IN_LOOP {
+    RunInLongVectors([=, midtone = midtone]() KORIMG_IN_LOOP {
       for (int x = 0; x < columns; ++x) {
         double t = (in[x] - from) * scale;
         t = t < 0 ? 0 : t;

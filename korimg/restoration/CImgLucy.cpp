@@ -96,7 +96,7 @@ class LucyCore {
 
   /// The plain step E (R - 1), with a share of the direction before.
   void ChooseDirection() {
-    const auto gradient = [e = estimate_, w = work_, inverse = weight_](size_t i)
+    const auto gradient = [w = work_, inverse = weight_](size_t i)
                               KORIMG_IN_LOOP { return (w[i] * inverse[i] - 1) * Where(inverse[i] > 0); };
     const auto [power, slope] =
         frame_.Sum<2>([=, e = estimate_, p = direction_, inverse = weight_](size_t i) KORIMG_IN_LOOP {

@@ -118,6 +118,7 @@ def plan_run(
     session: str | os.PathLike[str],
     *,
     out: str | os.PathLike[str],
+    calibration: str | os.PathLike[str] | None = None,
     masters: str | os.PathLike[str] | None = None,
     reference: str | os.PathLike[str] | None = None,
     include: Sequence[str] = (),
@@ -164,6 +165,8 @@ def plan_run(
         A folder that holds the frames, in folders of any kind; they say themselves what they are for.
     out : path
         The folder for all results.
+    calibration : path, optional
+        Folder of calibration frames or ready masters: of kinds that the session has none of.
     masters : path, optional
         Folder of masters of any sessions; OUT/masters unless told.
     reference : path, optional
@@ -218,6 +221,7 @@ def run(
     session: str | os.PathLike[str],
     *,
     out: str | os.PathLike[str],
+    calibration: str | os.PathLike[str] | None = None,
     masters: str | os.PathLike[str] | None = None,
     reference: str | os.PathLike[str] | None = None,
     include: Sequence[str] = (),
@@ -268,6 +272,8 @@ def run(
         A folder that holds the frames, in folders of any kind; they say themselves what they are for.
     out : path
         The folder for all results.
+    calibration : path, optional
+        Folder of calibration frames or ready masters: of kinds that the session has none of.
     masters : path, optional
         Folder of masters of any sessions; OUT/masters unless told.
     reference : path, optional

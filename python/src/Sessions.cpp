@@ -9,14 +9,12 @@ namespace {
 
 /// The options of a run, with the frames of its session.
 RunOptions OptionsOf(Host& host, const std::string& session, const py::dict& values) {
+  const Values given(values);
   RunOptions options;
-  TakeRunOptions(Values(values), options);
-  CalibrateOptions& frames = options.calibrate;
-  SessionFrames found = host.Run([&] { return FindSession(host.job, session, frames.out); });
-  frames.lights = std::move(found.lights);
-  frames.darks = std::move(found.darks);
-  frames.flats = std::move(found.flats);
-  frames.biases = std::move(found.biases);
+  TakeRunOptions(given, options);
+  std::filesystem::path calibration;
+  given.Take("calibration", calibration);
+  host.Run([&] { TakeSession(host.job, session, options.calibrate, calibration); });
   return options;
 }
 

@@ -283,7 +283,8 @@ class Walk {
 
 }  // namespace
 
-SessionFrames FindSession(Job& job, const fs::path& folder, const fs::path& results) {
+SessionFrames FindSession(Job& job, const fs::path& folder, const fs::path& results,
+                          const fs::path& calibration) {
   if (!fs::is_directory(folder)) {
     throw files::FileError(folder, "is no folder; name one that holds the frames of a session");
   }
@@ -291,6 +292,14 @@ SessionFrames FindSession(Job& job, const fs::path& folder, const fs::path& resu
   Walk walk(job, found, results);
   walk.Through(folder, Use::Unknown);
   walk.Finish();
+  if (!calibration.empty()) {
+    SessionFrames ready = FindCalibration(job, calibration);
+    for (const auto& [own, from] : {std::pair(&found.darks, &ready.darks),
+                                    {&found.flats, &ready.flats},
+                                    {&found.biases, &ready.biases}}) {
+      if (own->empty()) *own = std::move(*from);
+    }
+  }
   const auto count = [](const char* name, const std::vector<fs::path>& files) {
     std::set<fs::path> folders;
     for (const fs::path& file : files) {
@@ -315,7 +324,18 @@ SessionFrames FindSession(Job& job, const fs::path& folder, const fs::path& resu
   return found;
 }
 
+void TakeSession(Job& job, const fs::path& folder, CalibrateOptions& options, const fs::path& calibration) {
+  SessionFrames found = FindSession(job, folder, options.out, calibration);
+  options.lights = std::move(found.lights);
+  options.darks = std::move(found.darks);
+  options.flats = std::move(found.flats);
+  options.biases = std::move(found.biases);
+}
+
 SessionFrames FindCalibration(Job& job, const fs::path& folder) {
+  if (!fs::is_directory(folder)) {
+    throw files::FileError(folder, "is no folder; name one that holds calibration frames or masters");
+  }
   SessionFrames found;
   Walk walk(job, found, {});
   walk.Through(folder, Use::Unknown);

@@ -772,7 +772,7 @@ void Session::PlanDefects() {
                                : fmt::format("{} {} {} {:.1e} {}", CameraOf(light), info.width, info.height,
                                              files::ExposureOf(info.header).value_or(0), text("GAIN")));
     Defects*& defects = known[key];
-    if (!defects) defects = &defects_.emplace_back(light.dark);
+    if (!defects) defects = &defects_.emplace_back(Defects{.dark = light.dark});
     defects->lights.push_back(&light);
   }
   defects_.remove_if([](const Defects& d) { return !d.dark && d.Sample().empty(); });

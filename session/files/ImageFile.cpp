@@ -229,7 +229,7 @@ namespace {
 std::unique_ptr<ImageReader> OpenAny(const fs::path& path, const ReadOptions& options) {
   unsigned char start[8] = {};
   {
-    const File file(path, O_RDONLY, path);
+    const File file(path, O_RDONLY | O_NONBLOCK, path);  // a pipe is not waited for
     struct stat state;
     if (fstat(file.Descriptor(), &state) != 0) ThrowSystemError(path, "look at the file", errno);
     if (!S_ISREG(state.st_mode)) throw FileError(path, "not a regular file; name an image file");

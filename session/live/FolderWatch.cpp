@@ -71,7 +71,7 @@ class FolderWatch::Impl {
     Clock::time_point since;  ///< that it has had this stamp
     bool isWritten = false;   ///< somebody has it open, and has written to it
     bool isComplete = false;  ///< it was closed, or got its name, since
-    bool isTold = false;
+    bool isTold = false;      ///< with this stamp
   };
 
   std::vector<fs::path> LookThrough() {
@@ -109,7 +109,6 @@ class FolderWatch::Impl {
 
   bool IsReady(const fs::path& path) {
     State& state = files_[path];
-    if (state.isTold) return false;
     std::string stamp;
     try {
       stamp = files::StampOf(path);
@@ -120,12 +119,14 @@ class FolderWatch::Impl {
     const Clock::time_point now = Clock::now();
     if (stamp != state.stamp) {
       state.stamp = std::move(stamp);
+      state.isTold = false;
       // What was there before and is old has been quiet long enough.
       std::error_code unknown;
       const auto age = fs::file_time_type::clock::now() - fs::last_write_time(path, unknown);
       const bool isOld = isFirst_ && age >= options_.interval;
       state.since = isOld ? now - options_.interval : now;
     }
+    if (state.isTold) return false;
     // Setting a file's time is told of as writing, and nothing comes after it.
     const bool isQuiet =
         now - state.since >= options_.interval && !(state.isWritten && files::WasJustWritten(path));
@@ -133,7 +134,6 @@ class FolderWatch::Impl {
     state.isTold = IsWhole(path);
     state.isComplete = false;
     state.since = now;
-    if (state.isTold) state.stamp = {};
     return state.isTold;
   }
 

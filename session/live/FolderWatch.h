@@ -18,9 +18,10 @@ struct WatchOptions {
   bool notifications = true;  ///< of the file system; without them the folder is only looked through
 };
 
-/// Tells of the image files in a folder and the folders in it, each once, when it is complete. Folders of
-/// darks, flats and biases, those that a run wrote, hidden ones, and files under the names that programs give
-/// them until they are complete (.part, .tmp) are passed over.
+/// Tells of the image files in a folder and the folders in it when they are complete: each once, and once
+/// more whenever it was written anew. Folders of darks, flats and biases, those that a run wrote, hidden
+/// ones, and files under the names that programs give them until they are complete (.part, .tmp) are passed
+/// over.
 ///
 /// A file is complete when the program that writes it has closed it or given it its name, where the file
 /// system tells of that (inotify), else when it has not changed for an interval; and when it can be read to

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <map>
 #include <mutex>
 #include <numeric>
-#include <set>
 #include <tuple>
 
 #include <fmt/format.h>
@@ -34,11 +34,16 @@ struct LeftOut {
   std::string reason;
 };
 
-/// Ready masters, where no calibration frames are named.
-void FindMasters(Job& job, CalibrateOptions& options) {
+/// The folder of ready masters; none where calibration frames are named.
+fs::path ReadyMasters(const CalibrateOptions& options) {
   const bool areNamed = !options.darks.empty() || !options.flats.empty() || !options.biases.empty();
-  if (options.masters.empty() || areNamed) return;
-  SessionFrames found = FindCalibration(job, options.masters);
+  return areNamed ? fs::path() : options.masters;
+}
+
+void FindMasters(Job& job, CalibrateOptions& options) {
+  const fs::path ready = ReadyMasters(options);
+  if (ready.empty()) return;
+  SessionFrames found = FindCalibration(job, ready);
   options.darks = std::move(found.darks);
   options.flats = std::move(found.flats);
   options.biases = std::move(found.biases);
@@ -205,7 +210,7 @@ class LiveStack::Impl {
   }
 
   /// Refuses what cannot be added to the frames before it.
-  void CheckLikeness(const Measured& frame, const Kind& kind) const {
+  void CheckLikeness(const fs::path& file, const Measured& frame, const Kind& kind) const {
     if (reference_) {
       const Shape &own = frame.shape, &wanted = reference_->shape;
       if (own.width != wanted.width || own.height != wanted.height || own.planes != wanted.planes) {
@@ -220,8 +225,10 @@ class LiveStack::Impl {
         throw LeftOut{fmt::format("is of the {} '{}', the frames before it of '{}'", what, *own, *wanted)};
       }
     }
-    if (!options_.countCopies && digests_.contains(frame.measure.digest)) {
-      throw LeftOut{"is a copy of a frame before it"};
+    const auto same = digests_.find(frame.measure.digest);
+    if (!options_.countCopies && same != digests_.end()) {
+      throw LeftOut{same->second == file ? "was written anew with the pixels that it had"
+                                         : "is a copy of " + same->second.filename().string()};
     }
   }
 
@@ -274,7 +281,7 @@ class LiveStack::Impl {
     const Light& light = session_->Lights().front();
     const files::Header own = light.frame.info.header;
     const Kind kind{own.GetString("INSTRUME").value_or(""), light.mosaic.name, FilterOf(own)};
-    CheckLikeness(frame, kind);
+    CheckLikeness(file, frame, kind);
     told.stars = measure.starCount;
     CheckStars(measure);
     if (!reference_) SetReference(frame);
@@ -294,7 +301,7 @@ class LiveStack::Impl {
     }
     kind_ = kind;
     isLightCompared_ |= !isReference && registration.fluxRatio.has_value();
-    digests_.insert(measure.digest);
+    digests_.emplace(measure.digest, file);
     return laid;
   }
 
@@ -320,8 +327,8 @@ class LiveStack::Impl {
   std::unique_ptr<Session> session_;
   std::optional<Measured> reference_;
   std::optional<Kind> kind_;
-  bool isLightCompared_ = false;  ///< a frame was brought to the reference's light
-  std::set<std::uint64_t> digests_;
+  bool isLightCompared_ = false;               ///< a frame was brought to the reference's light
+  std::map<std::uint64_t, fs::path> digests_;  ///< of the pixels of frames that were added
 
   mutable std::mutex mutex_;  ///< of what follows, which only Add changes
   files::ImageInfo grid_;     ///< of the mean, but for the header
@@ -350,16 +357,17 @@ std::vector<LiveFrame> LiveStack::Frames() const {
 
 RunOptions ProperRun(Job& job, const fs::path& folder, const fs::path& out, const LiveOptions& options) {
   return AtEdge([&] {
+    const CalibrateOptions& live = options.calibrate;
+    const fs::path ready = ReadyMasters(live);
     RunOptions run;
-    run.calibrate = options.calibrate;
+    run.calibrate = live;
     run.calibrate.out = out;
-    FindMasters(job, run.calibrate);
-    SessionFrames found = FindSession(job, folder, out);
-    run.calibrate.lights = std::move(found.lights);
-    for (const auto& [own, from] : {std::pair(&run.calibrate.darks, &found.darks),
-                                    {&run.calibrate.flats, &found.flats},
-                                    {&run.calibrate.biases, &found.biases}}) {
-      if (!from->empty()) *own = std::move(*from);
+    if (!ready.empty()) run.calibrate.masters.clear();
+    TakeSession(job, folder, run.calibrate, ready);
+    for (const auto& [own, from] : {std::pair(&run.calibrate.darks, &live.darks),
+                                    {&run.calibrate.flats, &live.flats},
+                                    {&run.calibrate.biases, &live.biases}}) {
+      if (own->empty()) *own = *from;
     }
     run.reference = options.reference;
     run.limits = options.limits;

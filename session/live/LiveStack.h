@@ -83,7 +83,7 @@ class KORIMG_SESSION_API LiveStack {
 };
 
 /// What stacks the frames of a folder properly: with these options Run does what it does on that folder, into
-/// `out`. Calibration frames that the folder lacks are those of live stacking.
+/// `out`. Calibration frames of kinds that the folder lacks are those of live stacking.
 /// @throws FileError as FindSession does
 KORIMG_SESSION_API RunOptions ProperRun(Job& job, const std::filesystem::path& folder,
                                         const std::filesystem::path& out, const LiveOptions& options);

@@ -44,9 +44,9 @@ int TakeRow(const Sums& sums, const Values& values, float kappa, int width) {
                   updated = (1 - share) * (variance + share * d * d);
       const float next = isFar ? widened : updated;
       sums.variances[x] = isFinite ? next : variance;
-      sums.means[x] = isFinite & !isFar ? mean + share * d : mean;
-      sums.weights[x] = isFinite & !isFar ? weight + w : weight;
-      count += isFinite & isFar ? 1 : 0;
+      sums.means[x] = (isFinite & !isFar) ? mean + share * d : mean;
+      sums.weights[x] = (isFinite & !isFar) ? weight + w : weight;
+      count += (isFinite & isFar) ? 1 : 0;
     }
     rejected = count;
   });

@@ -213,7 +213,7 @@ Road::Drizzled Road::DrizzleFrames(const RunTarget& target, const Making& made,
   WeightSpread spread(inputs, reference, grid);
   Plan(fmt::format("{}: {} x {}, {}", target.name, finer.Width(), finer.Height(),
                    PlanDrizzle(frames, grid, options.memory).Text()));
-  Drizzle(job_, frames, grid, options.memory, 0, [&](const StackBand& band) {
+  Drizzle(job_, frames, grid, options.memory, 0, [&, &used = made.used](const StackBand& band) {
     CopyPixels(band.result, Image::RowsOf(*drizzled.image, band.result.Top(), band.result.Rows()));
     CopyPixels(band.weights, Image::RowsOf(*drizzled.weights, band.weights.Top(), band.weights.Rows()));
     spread.Add(band.weights);

@@ -213,7 +213,7 @@ class Session {
       fs::create_directories(folder_ / subfolder);
       Json names = Json::array();
       for (int f = 0; f < (isOfLight ? Filters() : 1); ++f) {
-        const auto file = [&](int i) {
+        const auto file = [&, isOfLight = isOfLight, subfolder = subfolder, name = name](int i) {
           const std::string filter =
               isOfLight && !options_.filters.empty() ? options_.filters[Key(f)] + "_" : "";
           return fmt::format("{}/{}_{}{:04}.fits", subfolder, name, filter, i + 1);

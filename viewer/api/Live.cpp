@@ -18,24 +18,28 @@ Live& LiveOf(Context& context) {
 }
 
 Response Save(const Request& request, Context& context) {
-  const Live& live = LiveOf(context);
-  const fs::path path = NewIn(live.Folder(), ValueIn<std::string>(BodyOf(request), "name", ""));
+  Live& live = LiveOf(context);
+  const fs::path path = NewIn(live.Watched().folder, ValueIn<std::string>(BodyOf(request), "name", ""));
   if (!IsFits(path)) throw UsageError("write the name of a new file that ends in .fits");
   Job job({.cancel = TokenOf(request, context.job), .memory = context.job.Memory() / 4});
   job.CheckOutput(path);
   Image image = live.Snapshot();
+  live.PassOver(path);
   SaveImage(job, image.Pixels(), image.Header(), path);
   return JsonResponse({{"id", context.files.Add(fs::canonical(path))}});
 }
 
 /// Stacks the frames as a run does, once they are all there.
 Response StackProperly(const Request& request, Context& context) {
-  const Live& live = LiveOf(context);
-  const fs::path out = NewIn(live.Folder(), ValueIn<std::string>(BodyOf(request), "out", "result"));
+  Live& live = LiveOf(context);
+  const fs::path out = NewIn(live.Watched().folder, ValueIn<std::string>(BodyOf(request), "out", "result"));
   JobOptions world;
-  world.origin = "korimg run " + Quoted(live.Folder().string()) + " --out " + Quoted(out.string());
+  live.PassOver(out);
+  const auto& [folder, masters] = live.Watched();
+  world.origin = "korimg run " + Quoted(folder.string()) + " --out " + Quoted(out.string());
+  if (!masters.empty()) world.origin += " --calibration " + Quoted(masters.string());
   const int number =
-      context.work.Start("the stack of " + live.Folder().filename().string(), world, [&live, out](Job& job) {
+      context.work.Start("the stack of " + folder.filename().string(), world, [&live, out](Job& job) {
         const RunResult run = Run(job, live.Proper(job, out));
         Json made{{"out", out.filename().string()}, {"stacks", Json::array()}};
         for (const RunStack& stack : run.stacks) {

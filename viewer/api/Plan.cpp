@@ -184,12 +184,7 @@ Wanted WantedBy(const Json& body, Context& context) {
 /// The options with the frames of the session.
 RunOptions Complete(Job& job, const Wanted& wanted) {
   RunOptions options = wanted.options;
-  CalibrateOptions& frames = options.calibrate;
-  SessionFrames found = FindSession(job, wanted.folder, frames.out);
-  frames.lights = std::move(found.lights);
-  frames.darks = std::move(found.darks);
-  frames.flats = std::move(found.flats);
-  frames.biases = std::move(found.biases);
+  TakeSession(job, wanted.folder, options.calibrate);
   return options;
 }
 

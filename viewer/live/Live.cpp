@@ -5,9 +5,9 @@
 #include <cmath>
 
 #include "session/calibrate/FindSession.h"
-#include "session/live/FolderWatch.h"
 #include "session/picture/AutoPicture.h"
 #include "viewer/server/ChildToken.h"
+#include "viewer/server/Files.h"
 
 namespace korimg::viewer {
 
@@ -62,16 +62,35 @@ LiveOptions Live::Options() const {
     return options;
   }
   // Calibration frames that lie in the folder already.
-  try {
-    Job quiet({.cancel = token_});
-    SessionFrames found = FindSession(quiet, watched_.folder);
-    options.calibrate.darks = std::move(found.darks);
-    options.calibrate.flats = std::move(found.flats);
-    options.calibrate.biases = std::move(found.biases);
-  } catch (const files::FileError&) {
-    // There are no lights yet.
-  }
+  Job quiet({.cancel = token_});
+  SessionFrames found = FindCalibration(quiet, watched_.folder);
+  options.calibrate.darks = std::move(found.darks);
+  options.calibrate.flats = std::move(found.flats);
+  options.calibrate.biases = std::move(found.biases);
   return options;
+}
+
+/// Files that have come. A folder that is gone, as on a disk that was pulled out, is told of and waited for.
+std::vector<fs::path> Live::Next(FolderWatch& watch) {
+  constexpr milliseconds kWait(1000);
+  std::string gone;
+  std::vector<fs::path> files;
+  try {
+    files = watch.Next(kWait);
+  } catch (const files::FileError& error) {
+    if (error.Subject() != watched_.folder.string()) throw;
+    gone = error.what();
+  }
+  std::unique_lock lock(mutex_);
+  std::erase_if(files, [this](const fs::path& file) {
+    return std::ranges::any_of(own_, [&](const fs::path& own) { return IsBelow(file, own); });
+  });
+  if (failure_ != gone) {
+    failure_ = gone;
+    changed_.notify_all();
+  }
+  if (!gone.empty()) changed_.wait_for(lock, kWait, [this] { return ends_; });
+  return files;
 }
 
 void Live::Watch() {
@@ -79,7 +98,7 @@ void Live::Watch() {
     try {
       FolderWatch watch(job_, {.folder = watched_.folder});
       for (;;) {
-        for (const fs::path& file : watch.Next(milliseconds(1000))) {
+        for (const fs::path& file : Next(watch)) {
           {
             const std::lock_guard lock(mutex_);
             doing_ = file.filename().string();
@@ -119,8 +138,10 @@ Json Live::State(int after, int picture, const std::function<bool()>& isGone) co
   constexpr milliseconds kLook(200);
   constexpr int kPatience = 50;  // looks
   std::unique_lock lock(mutex_);
+  const std::string failure = failure_;
   for (int i = 0; i < kPatience; ++i) {
-    const bool isNew = after < static_cast<int>(frames_.size()) || picture != pictures_ || ends_;
+    const bool isNew =
+        after < static_cast<int>(frames_.size()) || picture != pictures_ || ends_ || failure != failure_;
     if (isNew || isGone()) break;
     changed_.wait_for(lock, kLook);
   }
@@ -141,6 +162,11 @@ Json Live::State(int after, int picture, const std::function<bool()>& isGone) co
 std::string Live::Picture() const {
   const std::lock_guard lock(mutex_);
   return picture_;
+}
+
+void Live::PassOver(const fs::path& own) {
+  const std::lock_guard lock(mutex_);
+  own_.push_back(own);
 }
 
 Image Live::Snapshot() const {

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "session/live/FolderWatch.h"
 #include "session/live/LiveStack.h"
 #include "viewer/server/Router.h"
 
@@ -16,7 +17,7 @@ namespace korimg::viewer {
 
 struct WatchedFolder {
   std::filesystem::path folder;
-  std::filesystem::path masters;  ///< ready ones; empty: those that lie in the folder, if any
+  std::filesystem::path masters;  ///< ready ones; empty: calibration frames in the folder, if any
 };
 
 /// Watches a folder from when it is made: each frame that is complete is added to the stack, and a picture of
@@ -27,13 +28,15 @@ class Live {
   Live(session::Job& job, const WatchedFolder& watched);
   ~Live();
 
-  const std::filesystem::path& Folder() const { return watched_.folder; }
+  const WatchedFolder& Watched() const { return watched_; }
   /// The state, and the frames after the first `after`: at once where there are such, or the picture is
   /// another one than `picture`, else when there are, or after some seconds.
   Json State(int after, int picture, const std::function<bool()>& isGone) const;
   /// The picture of the stack, a JPEG of at most kSide pixels a side; empty before the first frame.
   std::string Picture() const;
   static constexpr int kSide = 2048;
+  /// Tells of a file or folder within the watched one that is about to be written: it holds no frames.
+  void PassOver(const std::filesystem::path& own);
   /// The stack so far. Throws UsageError before the first frame.
   session::Image Snapshot() const;
   /// What stacks the frames properly, into `out`.
@@ -41,6 +44,7 @@ class Live {
 
  private:
   void Watch();
+  std::vector<std::filesystem::path> Next(session::FolderWatch& watch);
   session::LiveOptions Options() const;
 
   WatchedFolder watched_;
@@ -50,6 +54,7 @@ class Live {
   mutable std::mutex mutex_;  ///< of what follows
   mutable std::condition_variable changed_;
   std::vector<Json> frames_;
+  std::vector<std::filesystem::path> own_;  ///< what was written by the page
   std::string picture_, failure_, doing_;
   int pictures_ = 0;
   bool ends_ = false;

@@ -20,11 +20,11 @@ bool IsImageName(const fs::path& path) {
   return known.contains(files::LowerExtension(path)) || files::HasRawExtension(path);
 }
 
+}  // namespace
+
 bool IsBelow(const fs::path& path, const fs::path& folder) {
   return std::mismatch(folder.begin(), folder.end(), path.begin(), path.end()).first == folder.end();
 }
-
-}  // namespace
 
 Files::Files(const std::vector<fs::path>& named) {
   for (const fs::path& path : named) {

@@ -10,6 +10,9 @@
 
 namespace korimg::viewer {
 
+/// A path is that of a folder, or of something in it.
+bool IsBelow(const std::filesystem::path& path, const std::filesystem::path& folder);
+
 /// Where something new is written in a folder. Throws UsageError for what is no plain name, or hidden, and
 /// FileError for a link: it would lead elsewhere.
 std::filesystem::path NewIn(const std::filesystem::path& folder, const std::string& name);

@@ -199,7 +199,7 @@ class CImgDrizzle::Drops {
           const float a = low[i] - line, b = high[i] - line;
           // The mean of what an edge from a to b has above 0, and for the first line all of it.
           const float whole = (a + b) * 0.5f, part = b > 0 ? b * b * perHeight[i] : 0.0f;
-          const float below = width[i] * ((a >= 0) | (line == 0) ? whole : part);
+          const float below = width[i] * (((a >= 0) | (line == 0)) ? whole : part);
           own[i] -= below;
           above[i] += isInside * below;
         }

@@ -403,8 +403,8 @@ void Judge(const Columns& columns, const Statistic& statistic, const StoredQuali
     for (int x = 0; flags && x < size; ++x) {
       const auto n = static_cast<float>(counts[x]);
       const int none = n == 0 ? CImgStack::NoValue : 0, marked = any[x] & CImgStack::Marked,
-                manyLow = (low[x] > 0) & (3 * low[x] >= n) ? CImgStack::ManyLow : 0,
-                manyHigh = (high[x] > 0) & (3 * high[x] >= n) ? CImgStack::ManyHigh : 0;
+                manyLow = ((low[x] > 0) & (3 * low[x] >= n)) ? CImgStack::ManyLow : 0,
+                manyHigh = ((high[x] > 0) & (3 * high[x] >= n)) ? CImgStack::ManyHigh : 0;
       flags[x] = static_cast<float>(none | marked | manyLow | manyHigh);
     }
   });
