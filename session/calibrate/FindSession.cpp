@@ -144,7 +144,7 @@ bool IsCalibrated(const files::Header& header) {
 
 /// A folder of results of an earlier run holds masters and stacks, which are no frames.
 bool HoldsResults(const fs::path& folder) {
-  return fs::exists(folder / "report.html");
+  return fs::exists(folder / "report.html") || fs::exists(folder / ".korimg");
 }
 
 /// By what a file's header says. Finished pictures are none of a session's frames.
@@ -202,7 +202,11 @@ class Walk {
   void Through(const fs::path& folder, Use use) {
     // Links may lead back.
     if (!seen_.insert(fs::weakly_canonical(folder)).second) return;
-    if (fs::weakly_canonical(folder) == fs::weakly_canonical(results_) || HoldsResults(folder)) {
+    const bool isOut = fs::weakly_canonical(folder) == fs::weakly_canonical(results_);
+    if (isOut && !HoldsResults(folder) && !OwnFramesOf(job_, folder).empty()) {
+      throw files::FileError(folder, "holds frames; name another folder for the results");
+    }
+    if (isOut || HoldsResults(folder)) {
       job_.Explain(fmt::format("{}: is not read: it holds results", folder.string()));
       return;
     }
@@ -293,7 +297,7 @@ SessionFrames FindSession(Job& job, const fs::path& folder, const fs::path& resu
   walk.Through(folder, Use::Unknown);
   walk.Finish();
   if (!calibration.empty()) {
-    SessionFrames ready = FindCalibration(job, calibration);
+    SessionFrames ready = FindReady(job, calibration);
     for (const auto& [own, from] : {std::pair(&found.darks, &ready.darks),
                                     {&found.flats, &ready.flats},
                                     {&found.biases, &ready.biases}}) {
@@ -332,10 +336,17 @@ void TakeSession(Job& job, const fs::path& folder, CalibrateOptions& options, co
   options.biases = std::move(found.biases);
 }
 
-SessionFrames FindCalibration(Job& job, const fs::path& folder) {
-  if (!fs::is_directory(folder)) {
-    throw files::FileError(folder, "is no folder; name one that holds calibration frames or masters");
+SessionFrames FindReady(Job& job, const fs::path& folder) {
+  const bool isThere = fs::is_directory(folder);
+  SessionFrames found = isThere ? FindCalibration(job, folder) : SessionFrames();
+  if (found.darks.empty() && found.flats.empty() && found.biases.empty()) {
+    throw files::FileError(folder, fmt::format("{}; name one of darks, flats or biases, or of masters",
+                                               isThere ? "holds no calibration frames" : "is no folder"));
   }
+  return found;
+}
+
+SessionFrames FindCalibration(Job& job, const fs::path& folder) {
   SessionFrames found;
   Walk walk(job, found, {});
   walk.Through(folder, Use::Unknown);

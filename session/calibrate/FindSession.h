@@ -29,7 +29,10 @@ KORIMG_SESSION_API SessionFrames FindSession(Job& job, const std::filesystem::pa
 KORIMG_SESSION_API void TakeSession(Job& job, const std::filesystem::path& folder, CalibrateOptions& options,
                                     const std::filesystem::path& calibration = {});
 
-/// Finds the calibration frames alone, as in a folder of masters: there may be none.
+/// Finds the calibration frames alone: there may be none.
 KORIMG_SESSION_API SessionFrames FindCalibration(Job& job, const std::filesystem::path& folder);
+/// Finds those of a folder that was named for them, as of ready masters. Throws FileError where there are
+/// none.
+KORIMG_SESSION_API SessionFrames FindReady(Job& job, const std::filesystem::path& folder);
 
 }  // namespace korimg::session

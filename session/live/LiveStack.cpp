@@ -43,7 +43,7 @@ fs::path ReadyMasters(const CalibrateOptions& options) {
 void FindMasters(Job& job, CalibrateOptions& options) {
   const fs::path ready = ReadyMasters(options);
   if (ready.empty()) return;
-  SessionFrames found = FindCalibration(job, ready);
+  SessionFrames found = FindReady(job, ready);
   options.darks = std::move(found.darks);
   options.flats = std::move(found.flats);
   options.biases = std::move(found.biases);
@@ -184,8 +184,11 @@ class LiveStack::Impl {
     return session_->Lights().front();
   }
 
-  Measured Measure(const fs::path& file) {
+  Measured Measure(const fs::path& file, std::string& masters) {
     const Light& light = Serve(file);
+    for (const Group* group : {light.dark, light.bias, light.flat}) {
+      if (group) masters += (masters.empty() ? "" : ", ") + group->name;
+    }
     LightRows rows(*session_, light);
     auto pixels = LoadWhole(rows, store_);
     job_.CheckCancelled();
@@ -272,7 +275,7 @@ class LiveStack::Impl {
   Laid Work(LiveFrame& told) {
     const fs::path& file = told.file;
     if (const std::string why = WhyNoLight(file); !why.empty()) throw LeftOut{why};
-    Measured frame = Measure(file);
+    Measured frame = Measure(file, told.masters);
     const FrameMeasure& measure = frame.measure;
     told.fwhm = measure.fwhm;
     told.elongation = measure.elongation;

@@ -42,6 +42,7 @@ struct LiveFrame {
   int stars = 0;                       ///< found
   double fwhm = 0, elongation = 0;     ///< of the usual star
   double sky = 0, noise = 0;           ///< level and deviation, as calibrated
+  std::string masters;                 ///< names of those that it was calibrated by; empty for none
   /// Of its stars' light to that of the reference's; none where they share none: its sky alone is matched.
   std::optional<double> fluxRatio;
   double weight = 0;  ///< by its noise, that of the reference being 1; the mean of its planes

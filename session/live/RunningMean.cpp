@@ -18,6 +18,7 @@ namespace {
 constexpr float kMissing = std::numeric_limits<float>::quiet_NaN();
 constexpr float kNormal = 1.4826F;  // a normal distribution's deviation in median distances
 constexpr int kFirst = 3;
+constexpr float kAlone = -1;  // the variance where one value counts, which is not known
 
 /// A row of the sums, and what comes to it.
 struct Sums {
@@ -35,30 +36,44 @@ int TakeRow(const Sums& sums, const Values& values, float kappa, int width) {
     const float floor = values.noise * values.noise, limits = kappa * kappa, w = values.weight;
     int count = 0;
     for (int x = 0; x < width; ++x) {
-      const float v = values.pixels[x], weight = sums.weights[x], mean = sums.means[x],
-                  variance = sums.variances[x];
+      const float v = values.pixels[x], weight = sums.weights[x], mean = sums.means[x];
+      const bool isAlone = sums.variances[x] < 0;
+      const float variance = isAlone ? 0 : sums.variances[x];
       const float d = v - mean, share = w / (weight + w);
       const float limit = limits * (variance > floor ? variance : floor);
       const bool isFinite = v - v == 0, isFar = (weight > 0) & (d * d > limit);
       const float widened = variance + share * (limit - variance),
                   updated = (1 - share) * (variance + share * d * d);
+      const bool givesWay = isFinite & isFar & isAlone & (d < 0), counts = isFinite & !isFar;
       const float next = isFar ? widened : updated;
-      sums.variances[x] = isFinite ? next : variance;
-      sums.means[x] = (isFinite & !isFar) ? mean + share * d : mean;
-      sums.weights[x] = (isFinite & !isFar) ? weight + w : weight;
-      count += (isFinite & isFar) ? 1 : 0;
+      const float followed = ((weight == 0) | givesWay) ? kAlone : next;
+      const float ownMean = counts ? mean + share * d : mean, ownWeight = counts ? weight + w : weight;
+      sums.variances[x] = isFinite ? followed : sums.variances[x];
+      sums.means[x] = givesWay ? v : ownMean;
+      sums.weights[x] = givesWay ? w : ownWeight;
+      count += (isFinite & isFar & !givesWay) ? 1 : 0;
     }
     rejected = count;
   });
   return rejected;
 }
 
-/// Makes of three frames' values at a place NaN what lies too far from the others.
+/// Makes of three frames' values at a place NaN what lies too far from the others; where there are two, the
+/// higher one that lies too far from the lower.
 void JudgeRow(const std::array<float*, kFirst>& rows, const std::array<float, kFirst>& noise, float kappa,
               int width, std::array<long long, kFirst>& rejected) {
   for (int x = 0; x < width; ++x) {
     const float a = rows[0][x], b = rows[1][x], c = rows[2][x];
-    if (!(std::isfinite(a) && std::isfinite(b) && std::isfinite(c))) continue;
+    if (!(std::isfinite(a) && std::isfinite(b) && std::isfinite(c))) {
+      const int i = std::isfinite(a) ? 0 : 1, k = std::isfinite(c) ? 2 : 1;
+      const float first = rows[i][x], second = rows[k][x];
+      const bool areTwo = i != k && std::isfinite(first) && std::isfinite(second);
+      if (!areTwo || !(std::abs(first - second) > kappa * std::hypot(noise[i], noise[k]))) continue;
+      const int higher = first > second ? i : k;
+      rows[higher][x] = kMissing;
+      ++rejected[higher];
+      continue;
+    }
     const float median = std::max(std::min(a, b), std::min(std::max(a, b), c));
     // Of the three distances one is 0, so that the smaller of the others is their median.
     const float spread = kNormal * std::min(std::max({a, b, c}) - median, median - std::min({a, b, c}));

@@ -88,12 +88,33 @@ std::optional<TangentPlane> PlaneOf(const files::Header& header, const files::Im
                                     : crota[i][k]);
     }
   }
+  // The standard's units, and where the pole lies on the native sphere, by default above the reference point.
+  const auto unit = [&](const char* key) -> std::optional<double> {
+    const std::string text = header.GetString(key).value_or("deg");
+    if (text == "deg") return 1;
+    if (text == "arcmin") return 1.0 / 60;
+    if (text == "arcsec") return 1.0 / 3600;
+    if (text == "rad") return 1 / kDegree;
+    return std::nullopt;
+  };
+  const auto unitX = unit("CUNIT1"), unitY = unit("CUNIT2");
+  if (!unitX || !unitY) return std::nullopt;
+  const double latitude = *unitY * number("CRVAL2", 0);
+  if (std::abs(latitude) > 90) return std::nullopt;
+  const double spun = (180 - number("LONPOLE", latitude >= 90 ? 0 : 180)) * kDegree;
+  for (int k = 0; k < 2; ++k) {
+    const double x = *unitX * cd[0][k], y = *unitY * cd[1][k];
+    cd[0][k] = std::cos(spun) * x - std::sin(spun) * y;
+    cd[1][k] = std::sin(spun) * x + std::cos(spun) * y;
+  }
+  const double area = cd[0][0] * cd[1][1] - cd[0][1] * cd[1][0];
+  if (!(std::abs(area) > 0) || !std::isfinite(area)) return std::nullopt;  // all places would be one line
   const auto lens = first.ends_with("SIP") || header.GetDouble("A_ORDER")
                         ? Distortion(header, size, reference)
                         : std::optional(CLensDistortion());
   if (!lens) return std::nullopt;
   // (x, y) on the plane, toward east and north, is the direction x e + y n + d.
-  const double a = number("CRVAL1", 0) * kDegree, d = number("CRVAL2", 0) * kDegree;
+  const double a = *unitX * number("CRVAL1", 0) * kDegree, d = latitude * kDegree;
   const double ca = std::cos(a), sa = std::sin(a), cosine = std::cos(d), sine = std::sin(d);
   const Matrix plane{cd[0][0], cd[0][1], -cd[0][0] * reference.x - cd[0][1] * reference.y,
                      cd[1][0], cd[1][1], -cd[1][0] * reference.x - cd[1][1] * reference.y,

@@ -4,7 +4,6 @@
 #include <map>
 
 #include <fmt/format.h>
-#include <fnmatch.h>
 
 #include "korimg/pipelines/runtime/Runtime.h"
 
@@ -17,6 +16,7 @@
 #include "session/picture/AutoPicture.h"
 #include "session/run/internal/OptionsJson.h"
 #include "session/run/internal/Road.h"
+#include "session/run/internal/Selection.h"
 
 namespace korimg::session {
 
@@ -69,10 +69,8 @@ std::string Escaped(const std::string& text) {
 }
 
 bool Fits(const fs::path& light, const std::vector<std::string>& patterns) {
-  return std::ranges::any_of(patterns, [&](const std::string& pattern) {
-    return fnmatch(pattern.c_str(), light.filename().c_str(), 0) == 0 ||
-           fnmatch(pattern.c_str(), light.c_str(), 0) == 0;
-  });
+  return std::ranges::any_of(patterns,
+                             [&](const std::string& pattern) { return FitsPattern(light, pattern); });
 }
 
 }  // namespace
@@ -339,22 +337,37 @@ files::ImageInfo RegisteredFrames::InfoOf(size_t frame) const {
   });
 }
 
-Levels RegisteredFrames::StretchOf(const std::string& stack) {
+Levels RegisteredFrames::StretchOf(size_t frame) {
   return AtEdge([&] {
     const std::lock_guard lock(mutex_);
     const auto& frames = kept_->run.frames;
-    const auto isOurs = [&](const FinishedFrame& frame) {
-      return frame.stack == stack && frame.isMeasured && frame.frame.registration.IsGood();
-    };
-    const auto& reference = kept_->run.reference;
-    auto chosen = reference && isOurs(frames[*reference])
-                      ? frames.begin() + *reference
-                      : std::ranges::find_if(frames, [&](const auto& frame) {
-                          return isOurs(frame) && frame.frame.isStacked;
-                        });
-    if (chosen == frames.end()) chosen = std::ranges::find_if(frames, isOurs);
-    if (chosen == frames.end()) throw UsageError(fmt::format("no frame of {} is registered", stack));
-    return StretchForPicture(*SampleInput(kept_->InputOf(chosen - frames.begin())));
+    const std::string& stack = frames.at(frame).stack;
+    auto stretched = stretched_.find(stack);
+    if (stretched == stretched_.end()) {
+      const auto isOurs = [&](const FinishedFrame& one) {
+        return one.stack == stack && one.isMeasured && one.frame.registration.IsGood();
+      };
+      const auto& reference = kept_->run.reference;
+      auto chosen = reference && isOurs(frames[*reference])
+                        ? frames.begin() + *reference
+                        : std::ranges::find_if(
+                              frames, [&](const auto& one) { return isOurs(one) && one.frame.isStacked; });
+      if (chosen == frames.end()) chosen = std::ranges::find_if(frames, isOurs);
+      if (chosen == frames.end()) throw UsageError(fmt::format("no frame of {} is registered", stack));
+      const size_t number = chosen - frames.begin();
+      const Stretched made{number, StretchForPicture(*SampleInput(kept_->InputOf(number)))};
+      stretched = stretched_.emplace(stack, made).first;
+    }
+    Levels levels = stretched->second.levels;
+    const FrameLevels &own = kept_->known.at(frame).levels,
+                      &from = kept_->known.at(stretched->second.frame).levels;
+    for (int p = 0; p < std::min(grid_.planes, 3); ++p) {
+      const double brighter = own.level[p] - from.level[p];
+      if (!std::isfinite(brighter)) continue;
+      levels.min[p] += brighter;
+      levels.max[p] += brighter;
+    }
+    return levels;
   });
 }
 

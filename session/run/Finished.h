@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -72,8 +73,8 @@ class KORIMG_SESSION_API RegisteredFrames {
   /// @throws FileError for a frame that was not registered, or has changed since the run
   void Read(size_t frame, const Band<float>& to);
   /// One stretch for all frames of a stack, so that they compare: that of the reference, or of the first one
-  /// that is stacked.
-  Levels StretchOf(const std::string& stack);
+  /// that is stacked, about the sky of the frame.
+  Levels StretchOf(size_t frame);
   /// What the file of a frame says, but for where its pixels lie on the sky and in a mosaic.
   files::ImageInfo InfoOf(size_t frame) const;
   /// Where the file of a stack has its last row at the top of a picture, these have it too.
@@ -85,7 +86,12 @@ class KORIMG_SESSION_API RegisteredFrames {
   std::unique_ptr<Kept> kept_;
   Shape grid_;
   bool isOverturned_ = false;
+  struct Stretched {
+    size_t frame;  ///< that the stretch is of
+    Levels levels;
+  };
   std::mutex mutex_;
+  std::map<std::string, Stretched> stretched_;  ///< by stacks
 };
 
 }  // namespace korimg::session

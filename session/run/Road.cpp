@@ -186,8 +186,8 @@ RunResult Road::Do() {
     result = {Frames(), stacks_, {}, {Path("report.html")}};
     if (isColour) result.colours.push_back(Path("colour.fits"));
     TellFrames(result.frames);
-    WriteReport();
     KeepFinished(result);
+    WriteReport();  // last: who looks at the folder knows by it that there is another run
     CheckShares();
   });
   return result;

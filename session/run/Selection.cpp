@@ -26,6 +26,11 @@ std::string FileWord(const std::string& text) {
   return word.empty() ? "none" : word;
 }
 
+bool FitsPattern(const fs::path& light, const std::string& pattern) {
+  const auto fits = [&](const fs::path& name) { return fnmatch(pattern.c_str(), name.c_str(), 0) == 0; };
+  return fits(light.filename()) || fits(light) || fits(fs::absolute(light).lexically_normal());
+}
+
 std::vector<RunFrame> TakeExcluded(Job& job, RunOptions& options) {
   std::vector<fs::path>& lights = options.calibrate.lights;
   lights = ExpandFolders(job, lights);
@@ -39,9 +44,7 @@ std::vector<RunFrame> TakeExcluded(Job& job, RunOptions& options) {
                         const std::vector<std::string>& patterns) -> const std::string* {
     const std::string* found = nullptr;
     for (const std::string& pattern : patterns) {
-      if (fnmatch(pattern.c_str(), light.filename().c_str(), 0) != 0 &&
-          fnmatch(pattern.c_str(), light.c_str(), 0) != 0)
-        continue;
+      if (!FitsPattern(light, pattern)) continue;
       idle.erase(pattern);
       found = &pattern;
     }
@@ -83,6 +86,8 @@ std::map<std::string, std::vector<fs::path>> ByObject(const std::vector<fs::path
 }
 
 void AddSelection(RunOptions& options, const fs::path& file) {
+  if (fs::exists(file) && !fs::is_regular_file(file))
+    throw files::FileError(file, "is no regular file; name one of JSON");
   std::ifstream stream(file);
   if (!stream) files::ThrowSystemError(file, "open the file", errno);
   const Json json = Json::parse(stream, nullptr, false);

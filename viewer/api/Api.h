@@ -5,12 +5,14 @@
 #include <string>
 
 #include "session/job/Job.h"
+#include "session/operations/Operation.h"
 #include "session/picture/Images.h"
 #include "viewer/image/OpenImages.h"
 #include "viewer/live/Live.h"
 #include "viewer/run/Runs.h"
 #include "viewer/server/Files.h"
 #include "viewer/server/Router.h"
+#include "viewer/server/Turns.h"
 #include "viewer/server/Work.h"
 
 namespace korimg::viewer {
@@ -23,6 +25,7 @@ struct Context {
   std::unique_ptr<Live> live = {};  ///< where a folder is watched; ends after the work that asks it
   Runs runs{job, files, images};
   Work work{job};
+  Turns drawing = {}, searching = {}, writing = {};  ///< of previews, stars, and new files
 };
 
 /// The page itself, and the list of files.
@@ -43,6 +46,9 @@ void AddOperations(Router& router, Context& context);
 
 /// Reads "BLACK,MIDTONE,WHITE" of each plane in turn, or once for all of them. Throws UsageError.
 session::Levels ReadLevels(const std::string& text);
+/// Reads "ghs amount=2 then curve points=0:0,1:1": operations that see one pixel at a time, and measure
+/// nothing. Throws UsageError.
+std::vector<session::Step> ReadSteps(const std::string& text);
 
 /// A token that ends a job once nobody waits for the answer, or the viewer ends.
 std::shared_ptr<session::CancelToken> TokenOf(const Request& request, session::Job& job);

@@ -27,14 +27,18 @@ std::size_t FrameOf(const Request& request, const ViewedRun& run) {
   return WholeOf(request, "frame", 0, static_cast<int>(run.Run().frames.size()) - 1);
 }
 
-/// A body of which `run` is the number of a run.
-Json RunBodyOf(const Request& request) {
+/// The run that a body is about, by its number. Frames are counted as the `version` that the page has seen
+/// counts them.
+std::shared_ptr<ViewedRun> RunOf(const Json& body, Context& context) {
   constexpr int kMany = 1 << 20;
-  Json body = BodyOf(request);
   const int run = ValueIn(body, "run", -1);
   if (run < 0 || run > kMany || !body["run"].is_number_integer())
     throw UsageError("run is the number of a run");
-  return body;
+  auto viewed = context.runs.Get(run);
+  if (ValueIn(body, "version", 0) != viewed->Version()) {
+    throw UsageError("the run was done again since this page has seen it: nothing is changed");
+  }
+  return viewed;
 }
 
 Json JsonOf(const FinishedFrame& frame) {
@@ -78,8 +82,9 @@ fs::path MapOf(const RunStack& stack, const std::string& name) {
   return stack.file.parent_path() / (stack.file.stem().string() + "_" + name + ".fits");
 }
 
-Json JsonOf(const Flags& flags) {
-  return {{"out", flags.Now()},
+Json JsonOf(const ViewedRun& run, const Flags& flags) {
+  return {{"version", run.Version()},
+          {"out", flags.Now()},
           {"saved", flags.IsSaved()},
           {"undo", flags.CanUndo()},
           {"problem", flags.Problem()}};
@@ -109,7 +114,7 @@ Response Info(const Request& request, Context& context) {
                               {"fwhm", NumberOrNull(stack.fwhm)},
                               {"noise", NumberOrNull(stack.noise)}});
   }
-  json["flags"] = viewed->WithFlags([](const Flags& flags) { return JsonOf(flags); });
+  json["flags"] = viewed->WithFlags([&](const Flags& flags) { return JsonOf(*viewed, flags); });
   return JsonResponse(json);
 }
 
@@ -144,7 +149,7 @@ Response Frame(const Request& request, Context& context) {
   if (!told.isMeasured || !told.frame.registration.IsGood()) {
     throw UsageError("this frame is not registered: " + told.frame.status);
   }
-  const Levels levels = run->LevelsOf(told.stack);
+  const Levels levels = run->LevelsOf(frame);
   Json json{{"image", run->ImageOf(frame)}, {"levels", Json::array()}};
   for (int p = 0; p < std::min(run->Planes(), 3); ++p) {
     for (const double value : {levels.min[p], levels.midtone[p], levels.max[p]})
@@ -164,23 +169,31 @@ Response Rejected(const Request& request, Context& context) {
   if (!low || !high)
     throw UsageError("there are no maps of this stack; korimg run --rejection-maps writes them");
   const TilePlace place{WholeOf(request, "level", 0, 32), WholeOf(request, "x", 0, files::kMaxSide),
-                        WholeOf(request, "y", 0, files::kMaxSide)};
+                        WholeOf(request, "y", 0, files::kMaxSide),
+                        request.query.contains("overlap") ? WholeOf(request, "overlap", 0, 1) : 0};
   const auto below = context.images.Get(*low, false), above = context.images.Get(*high, false);
   return {.type = "image/png",
           .body = DrawRejections(*below->pyramid, *above->pyramid, place, stack.frames, request.isGone)};
 }
 
 Response Flag(const Request& request, Context& context) {
-  const Json body = RunBodyOf(request);
+  const Json body = BodyOf(request);
   const bool isWhole =
       body.contains("frames") && body["frames"].is_array() && body.contains("out") &&
       body["out"].is_boolean() &&
       std::ranges::all_of(body["frames"], [](const Json& n) { return n.is_number_unsigned(); });
   if (!isWhole) throw UsageError("flags want \"frames\", a list of numbers, and \"out\", true or false");
-  return JsonResponse(context.runs.Get(body["run"])->WithFlags([&](Flags& flags) {
+  const auto run = RunOf(body, context);
+  return JsonResponse(run->WithFlags([&](Flags& flags) {
     flags.Set(body["frames"].get<std::vector<std::size_t>>(), body["out"]);
-    return JsonOf(flags);
+    return JsonOf(*run, flags);
   }));
+}
+
+/// It holds a run that was cancelled, which the next one goes on with.
+bool IsCancelled(const fs::path& folder) {
+  return !fs::is_symlink(folder) && fs::is_directory(folder / ".korimg") &&
+         !fs::exists(folder / "report.html");
 }
 
 /// The folder that a run is done again into: its own, or a new one below it.
@@ -197,14 +210,15 @@ fs::path FolderFor(const FinishedRun& run, const Json& body) {
                        });
   if (!isPlain) throw UsageError("a folder's name has letters, digits, - and _");
   const fs::path folder = run.folder / name;
-  if (fs::exists(fs::symlink_status(folder))) throw files::FileError(folder, "exists; choose another name");
+  if (fs::exists(fs::symlink_status(folder)) && !IsCancelled(folder))
+    throw files::FileError(folder, "exists; choose another name");
   return folder;
 }
 
 Response Again(const Request& request, Context& context) {
-  const Json body = RunBodyOf(request);
+  const Json body = BodyOf(request);
+  const auto viewed = RunOf(body, context);
   const int id = body["run"];
-  const auto viewed = context.runs.Get(id);
   const FinishedRun& run = viewed->Run();
   const fs::path folder = FolderFor(run, body);
   const auto leftOut = viewed->WithFlags([&](Flags& flags) {
@@ -219,12 +233,12 @@ Response Again(const Request& request, Context& context) {
     options.calibrate.out = folder;
   }
   const auto left = std::ranges::count(leftOut, true);
-  const std::string origin = (run.command.empty() ? "korimg view" : run.command) + " (again, without " +
+  const std::string first = run.command.substr(0, run.command.find(" (again, "));
+  const std::string origin = (first.empty() ? "korimg view" : first) + " (again, without " +
                              std::to_string(left) + " frames, by korimg view)";
   context.work.Start("stacking " + run.folder.filename().string() + " again", {.origin = origin},
                      [&context, options, id](Job& job) -> Json {
                        const RunResult result = Run(job, options);
-                       context.runs.Forget(id);
                        Json stacks = Json::array();
                        for (const RunStack& stack : result.stacks) {
                          stacks.push_back({{"name", stack.file.stem().string()},
@@ -260,17 +274,22 @@ void AddFinished(Router& router, Context& context) {
   get("run/frame", Frame);
   get("run/rejected", Rejected);
   post("run/flag", Flag);
+  get("run/flags", [](const Request& request, Context& all) {
+    const auto run = RunOf(request, all);
+    return JsonResponse(run->WithFlags([&](const Flags& flags) { return JsonOf(*run, flags); }));
+  });
   post("run/undo", [](const Request& request, Context& all) {
-    return JsonResponse(all.runs.Get(RunBodyOf(request)["run"])->WithFlags([](Flags& flags) {
+    const auto run = RunOf(BodyOf(request), all);
+    return JsonResponse(run->WithFlags([&](Flags& flags) {
       flags.Undo();
-      return JsonOf(flags);
+      return JsonOf(*run, flags);
     }));
   });
   post("run/save", [](const Request& request, Context& all) {
-    const auto run = all.runs.Get(RunBodyOf(request)["run"]);
+    const auto run = RunOf(BodyOf(request), all);
     return JsonResponse(run->WithFlags([&](Flags& flags) {
       flags.Save(run->Run());
-      return JsonOf(flags);
+      return JsonOf(*run, flags);
     }));
   });
   post("run/again", Again);

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cmath>
+#include <numbers>
 #include <sstream>
 
 #include "session/files/Geometry.h"
@@ -7,6 +8,7 @@
 #include "session/register/WorldMap.h"
 #include "session/stars/Stars.h"
 #include "viewer/api/Api.h"
+#include "viewer/image/Preview.h"
 #include "viewer/image/Statistics.h"
 #include "viewer/image/Tiles.h"
 
@@ -34,32 +36,6 @@ Json JsonOf(const session::Levels& levels, int planes) {
     json.push_back({{"black", levels.min[p]}, {"white", levels.max[p]}, {"midtone", levels.midtone[p]}});
   }
   return json;
-}
-
-/// Reads "ghs amount=2 then curve points=0:0,1:1": operations that see one pixel at a time, and measure
-/// nothing.
-std::vector<Step> ReadSteps(const std::string& text) {
-  std::vector<Step> steps;
-  std::istringstream words(text);
-  bool begins = true;
-  for (std::string word; words >> word; begins = word == "then") {
-    if (word == "then") continue;
-    if (begins) {
-      if (word != "ghs" && word != "curve" && word != "stretch") {
-        throw UsageError("tiles are drawn with ghs, stretch and curve only");
-      }
-      steps.emplace_back(FindOperation(word));
-      continue;
-    }
-    const std::size_t equals = word.find('=');
-    if (equals == word.npos) throw UsageError("parameters are written name=value");
-    steps.back().Set(word.substr(0, equals), word.substr(equals + 1));
-  }
-  for (const Step& step : steps) {
-    if (step.What().name == "stretch" && step.Values().empty())
-      throw UsageError("stretch wants its values here");
-  }
-  return steps;
 }
 
 Stretch StretchOf(const Request& request, const Pyramid& pyramid) {
@@ -104,7 +80,8 @@ Response Info(const OpenImage& image) {
 Response Tile(const Request& request, const OpenImage& image) {
   Pyramid& pyramid = *image.pyramid;
   const TilePlace place{WholeOf(request, "level", 0, 32), WholeOf(request, "x", 0, kAnyPixel),
-                        WholeOf(request, "y", 0, kAnyPixel)};
+                        WholeOf(request, "y", 0, kAnyPixel),
+                        request.query.contains("overlap") ? WholeOf(request, "overlap", 0, 1) : 0};
   const bool isExact = image.IsExact();
   const Bytes bytes = DrawTile(pyramid, place, StretchOf(request, pyramid), request.isGone);
   if (request.isGone()) throw Cancelled();
@@ -151,15 +128,33 @@ Response Statistics(const Request& request, const OpenImage& image) {
   for (const PlaneStatistics& plane : found.planes) {
     json["planes"].push_back({{"count", plane.count},
                               {"blank", plane.blank},
-                              {"min", plane.min},
-                              {"max", plane.max},
+                              {"min", NumberOrNull(plane.count > 0 ? plane.min : NAN)},
+                              {"max", NumberOrNull(plane.count > 0 ? plane.max : NAN)},
                               {"mean", NumberOrNull(plane.mean)},
-                              {"median", plane.median},
+                              {"median", NumberOrNull(plane.count > 0 ? plane.median : NAN)},
                               {"deviation", NumberOrNull(plane.deviation)},
-                              {"spread", plane.spread},
+                              {"spread", NumberOrNull(plane.count > 0 ? plane.spread : NAN)},
                               {"histogram", plane.histogram}});
   }
   return JsonResponse(json);
+}
+
+/// Seconds of arc between two places; null where the header does not tell them.
+Json ArcBetween(const Source& source, const CfPoint& from, const CfPoint& to) {
+  constexpr double kDegree = std::numbers::pi / 180, kArcseconds = 3600;
+  const files::ImageInfo& info = source.info;
+  const files::ImageSize size{info.width, info.height, info.planes};
+  const auto skyAt = [&](const CfPoint& place) {
+    const double y = source.isOverturned ? source.shape.height - 1 - place.y : place.y;
+    return SkyAt(info.header, size, place.x, y);
+  };
+  const auto a = skyAt(from), b = skyAt(to);
+  if (!a || !b) return {};
+  // By half angles, which keeps small ones exact.
+  const auto half = [](double degrees) { return std::pow(std::sin(degrees * kDegree / 2), 2); };
+  const double share =
+      half(b->dec - a->dec) + std::cos(a->dec * kDegree) * std::cos(b->dec * kDegree) * half(b->ra - a->ra);
+  return NumberOrNull(2 * std::asin(std::sqrt(std::min(share, 1.0))) / kDegree * kArcseconds);
 }
 
 /// Pixels along a line, a step for each pixel of its length.
@@ -169,7 +164,8 @@ Response Profile(const Request& request, const OpenImage& image) {
   const CfPoint from(place("x0"), place("y0")), to(place("x1"), place("y1"));
   const double length = std::hypot(to.x - from.x, to.y - from.y);
   const int count = std::clamp(static_cast<int>(std::lround(length)) + 1, 2, kMost);
-  Json json{{"length", length}, {"planes", Json::array()}};
+  Json json{
+      {"length", length}, {"arc", ArcBetween(image.pyramid->Of(), from, to)}, {"planes", Json::array()}};
   for (const auto& plane : ProfileOf(*image.pyramid, from, to, count, request.isGone)) {
     Json values = Json::array();
     for (const float v : plane)
@@ -183,8 +179,13 @@ Response Stars(const Request& request, Context& context) {
   const int id = WholeOf(request, "id", 0, 1 << 30);
   const auto image = context.images.Get(id, false);
   const Source& source = image->pyramid->Of();
-  Job job({.cancel = TokenOf(request, context.job), .memory = context.job.Memory() / 2});
-  const FoundStars found = FindStars(Image::Open(job, context.files.Find(id)));
+  const Turns::Turn turn = context.searching.Take(request.isGone);
+  Job job({.cancel = TokenOf(request, context.job), .memory = context.job.Memory() / 4});
+  // A frame of a run is no file.
+  const CRect all(0, 0, source.shape.width, source.shape.height);
+  const FoundStars found =
+      FindStars(context.images.IsOffered(id) ? WindowOf(*image->pyramid, 0, all, request.isGone)
+                                             : Image::Open(job, context.files.Find(id)));
   constexpr std::size_t kMost = 5000;  // that a page draws
   Json json{{"count", found.stars.size()},    {"fwhm", found.fwhm},
             {"elongation", found.elongation}, {"sky", found.sky},
@@ -221,6 +222,30 @@ session::Levels ReadLevels(const std::string& text) {
     }
   }
   return levels;
+}
+
+std::vector<Step> ReadSteps(const std::string& text) {
+  std::vector<Step> steps;
+  std::istringstream words(text);
+  bool begins = true;
+  for (std::string word; words >> word; begins = word == "then") {
+    if (word == "then") continue;
+    if (begins) {
+      if (word != "ghs" && word != "curve" && word != "stretch") {
+        throw UsageError("tiles are drawn with ghs, stretch and curve only");
+      }
+      steps.emplace_back(FindOperation(word));
+      continue;
+    }
+    const std::size_t equals = word.find('=');
+    if (equals == word.npos) throw UsageError("parameters are written name=value");
+    steps.back().Set(word.substr(0, equals), word.substr(equals + 1));
+  }
+  for (const Step& step : steps) {
+    if (step.What().name == "stretch" && step.Values().empty())
+      throw UsageError("stretch wants its values here");
+  }
+  return steps;
 }
 
 void AddImage(Router& router, Context& context) {

@@ -32,7 +32,11 @@ Response Save(const Request& request, Context& context) {
 /// Stacks the frames as a run does, once they are all there.
 Response StackProperly(const Request& request, Context& context) {
   Live& live = LiveOf(context);
-  const fs::path out = NewIn(live.Watched().folder, ValueIn<std::string>(BodyOf(request), "out", "result"));
+  const Json body = BodyOf(request);
+  const fs::path out = ResultsIn(live.Watched().folder, ValueIn<std::string>(body, "out", "result"));
+  if (fs::exists(out / "report.html") && !ValueIn(body, "replace", false)) {
+    return JsonResponse({{"exists", true}});
+  }
   JobOptions world;
   live.PassOver(out);
   const auto& [folder, masters] = live.Watched();
@@ -57,11 +61,16 @@ void AddLive(Router& router, Context& context) {
   router.Get("live/state", [&context](const Request& request) {
     if (!context.live) return JsonResponse({{"folder", nullptr}});
     constexpr int kMany = 1 << 30;
-    return JsonResponse(context.live->State(WholeOf(request, "after", 0, kMany),
-                                            WholeOf(request, "picture", -1, kMany), request.isGone));
+    const Live::Seen seen{WholeOf(request, "begun", 0, kMany), WholeOf(request, "after", 0, kMany),
+                          WholeOf(request, "picture", -1, kMany)};
+    return JsonResponse(context.live->State(seen, request.isGone));
   });
   router.Get("live/picture", [&context](const Request&) {
     return Response{.type = "image/jpeg", .body = LiveOf(context).Picture()};
+  });
+  router.Post("live/begin", [&context](const Request& request) {
+    LiveOf(context).BeginWith(ValueIn(BodyOf(request), "frame", -1));
+    return JsonResponse(Json::object());
   });
   router.Post("live/save", [&context](const Request& request) { return Save(request, context); });
   router.Post("live/stack", [&context](const Request& request) { return StackProperly(request, context); });

@@ -44,7 +44,7 @@ std::vector<Step> StepsOf(const Json& body, Context& context) {
 
 /// The call that does the same.
 std::string CommandOf(const std::vector<Step>& steps, const std::filesystem::path& input,
-                      const std::filesystem::path& output) {
+                      const std::filesystem::path& output, bool overwrites) {
   std::string command = "korimg apply";
   for (const Step& step : steps) {
     if (&step != &steps.front()) command += " then";
@@ -53,7 +53,8 @@ std::string CommandOf(const std::vector<Step>& steps, const std::filesystem::pat
       command += " " + Quoted(name + "=" + TextOf(value));
     }
   }
-  return command + " " + Quoted(input.string()) + " -o " + Quoted(output.string());
+  command += " " + Quoted(input.string()) + " -o " + Quoted(output.string());
+  return overwrites ? command + " --overwrite" : command;
 }
 
 int IdOf(const Json& body) {
@@ -69,20 +70,25 @@ Response Check(const Request& request, Context& context) {
   const std::vector<Step> steps = StepsOf(body, context);
   const std::filesystem::path input = context.files.Find(id);
   const auto output = context.files.Beside(id, ValueIn<std::string>(body, "name", "result.fits"));
-  return JsonResponse({{"command", CommandOf(steps, input, output)},
+  const bool exists = std::filesystem::exists(output);
+  return JsonResponse({{"command", CommandOf(steps, input, output, exists)},
                        {"recipe", RecipeOf(steps)},
                        {"local", std::ranges::all_of(steps, IsLocal)},
-                       {"exists", std::filesystem::exists(output)}});
+                       {"exists", exists}});
 }
 
-/// A recipe's steps for the page.
-Response Read(const Request& request) {
+/// A recipe's steps for the page. Images are named by their numbers, where they may be seen.
+Response Read(const Request& request, Context& context) {
   const auto steps = ParseRecipe(ValueIn<std::string>(BodyOf(request), "recipe", ""));
   Json list = Json::array();
   for (const Step& step : steps) {
     Json values = Json::object();
     for (const auto& [name, value] : step.Values()) {
-      if (!std::holds_alternative<ImageValue>(value)) values[name] = TextOf(value);
+      if (const auto* other = std::get_if<ImageValue>(&value)) {
+        if (const auto number = context.files.NumberOf(other->path)) values[name] = *number;
+      } else {
+        values[name] = TextOf(value);
+      }
     }
     list.push_back({{"operation", step.What().name}, {"values", values}});
   }
@@ -102,11 +108,13 @@ Response DrawPreviewOf(const Request& request, Context& context) {
   options.seen = CRect(edge(0), edge(1), edge(2), edge(3));
   options.scale = std::clamp(ValueIn(body, "scale", 1.0), 1e-6, 1e3);
   options.asIs = ValueIn(body, "as_is", false);
-  options.inColours = ValueIn(body, "colours", false);
+  options.stretch.inColours = ValueIn(body, "colours", false);
+  options.stretch.steps = ReadSteps(ValueIn<std::string>(body, "stretch", ""));
   const auto levels = ValueIn<std::string>(body, "levels", "");
-  options.levels =
+  options.stretch.levels =
       levels.empty() ? image->pyramid->Shown(ValueIn(body, "linked", false)) : ReadLevels(levels);
-  Job job({.cancel = TokenOf(request, context.job), .memory = context.job.Memory() / 2});
+  const Turns::Turn turn = context.drawing.Take(request.isGone);
+  Job job({.cancel = TokenOf(request, context.job), .memory = context.job.Memory() / 4});
   const Preview preview = DrawPreview(job, *image->pyramid, StepsOf(body, context), options);
   const bool asPng = ValueIn<std::string>(body, "format", "") == "png";
   Response response{.type = asPng ? "image/png" : "image/jpeg",
@@ -126,15 +134,19 @@ Response ApplyTo(const Request& request, Context& context) {
   options.integers = ValueIn(body, "integers", false);
   CheckSteps(options);
   const bool overwrites = ValueIn(body, "overwrite", false);
+  std::error_code isNew;
+  if (std::filesystem::equivalent(options.input, options.output, isNew)) {
+    throw UsageError("the picture itself is never replaced; choose another name");
+  }
   Response response{.type = "text/event-stream"};
   response.stream = [request, options, overwrites, &context](const Send& send) {
     bool isHeard = true;
     const auto tell = [&](const char* event, const Json& data) {
       isHeard = isHeard && send(fmt::format("event: {}\ndata: {}\n\n", event, Dump(data)));
     };
-    JobOptions world{.cancel = TokenOf(request, context.job), .memory = context.job.Memory() / 2};
+    JobOptions world{.cancel = TokenOf(request, context.job), .memory = context.job.Memory() / 4};
     world.overwrite = overwrites;
-    world.origin = CommandOf(options.steps, options.input, options.output);
+    world.origin = CommandOf(options.steps, options.input, options.output, overwrites);
     world.report = [&](const Event& event) {
       if (event.kind == Event::Progress && event.total > 0) {
         tell("progress", {{"title", event.text}, {"step", event.step}, {"total", event.total}});
@@ -145,6 +157,7 @@ Response ApplyTo(const Request& request, Context& context) {
     };
     try {
       try {
+        const Turns::Turn turn = context.writing.Take(request.isGone);
         Job job(world);
         ApplyFile(job, options);
         tell("done", {{"id", context.files.Add(std::filesystem::canonical(options.output))},
@@ -153,7 +166,7 @@ Response ApplyTo(const Request& request, Context& context) {
         ThrowOfFamily();
       }
     } catch (const Error& error) {
-      tell("failed", {{"error", error.what()}});
+      tell("failed", {{"error", TextFor(error)}});
     }
   };
   return response;
@@ -165,7 +178,7 @@ void AddOperations(Router& router, Context& context) {
   router.Get("operations",
              [](const Request&) { return Response{.type = "application/json", .body = OperationsAsJson()}; });
   router.Post("operations/check", [&context](const Request& request) { return Check(request, context); });
-  router.Post("operations/read", Read);
+  router.Post("operations/read", [&context](const Request& request) { return Read(request, context); });
   router.Post("operations/preview",
               [&context](const Request& request) { return DrawPreviewOf(request, context); });
   router.Post("operations/apply", [&context](const Request& request) { return ApplyTo(request, context); });

@@ -144,7 +144,7 @@ Wanted WantedBy(const Json& body, Context& context) {
   const auto& folders = context.files.Folders();
   if (number < 0 || number >= static_cast<int>(folders.size())) throw UsageError("no folder has that number");
   Wanted wanted{.folder = folders[number]};
-  const fs::path out = NewIn(wanted.folder, ValueIn<std::string>(body, "out", "result"));
+  const fs::path out = ResultsIn(wanted.folder, ValueIn<std::string>(body, "out", "result"));
   wanted.options.calibrate.out = out;
   wanted.command =
       fmt::format("korimg run {} --out {}", Quoted(wanted.folder.string()), Quoted(out.string()));

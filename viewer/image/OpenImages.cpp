@@ -16,27 +16,37 @@ std::shared_ptr<const OpenImage> OpenImages::Get(int id, bool isDeveloped) {
   const bool isFile = id < kOffered;
   const std::filesystem::path path = isFile ? files_.Find(id) : "";
   const std::string stamp = isFile ? files::StampOf(path) : "";
-  const std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   if (!isFile && (isDeveloped || id - kOffered >= static_cast<int>(offered_.size()))) {
     throw session::UsageError("no image has this number");
   }
-  const auto found = std::find_if(open_.begin(), open_.end(), [&](const auto& image) {
-    return image->id == id && image->isDeveloped == isDeveloped;
-  });
-  if (found != open_.end() && (*found)->stamp == stamp) {
+  const auto find = [&]() -> std::shared_ptr<const OpenImage> {
+    const auto found = std::ranges::find_if(
+        open_, [&](const auto& image) { return image->id == id && image->isDeveloped == isDeveloped; });
+    if (found == open_.end()) return nullptr;
+    if ((*found)->stamp != stamp) {
+      open_.erase(found);
+      return nullptr;
+    }
     open_.splice(open_.begin(), open_, found);
     return open_.front();
-  }
-  if (found != open_.end()) open_.erase(found);
+  };
+  if (auto image = find()) return image;
+  // One file at a time is opened, which may take long; what is open already is answered meanwhile.
+  lock.unlock();
+  const std::lock_guard one(opening_);
+  lock.lock();
+  if (auto image = find()) return image;
+  const auto offered = isFile ? nullptr : offered_[id - kOffered];
   auto image = std::make_shared<OpenImage>();
   image->id = id;
   image->isDeveloped = isDeveloped;
   image->stamp = stamp;
   image->version = std::to_string(++versions_);
-  const auto source = !isFile       ? offered_[id - kOffered]()
-                      : isDeveloped ? OpenDeveloped(job_, path)
-                                    : OpenSource(path);
+  lock.unlock();
+  const auto source = !isFile ? offered() : isDeveloped ? OpenDeveloped(job_, path) : OpenSource(path);
   image->pyramid = std::make_unique<Pyramid>(source, job_.Memory() / (2 * kMost));
+  lock.lock();
   while (open_.size() >= kMost) {
     open_.pop_back();
   }

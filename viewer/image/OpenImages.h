@@ -34,6 +34,8 @@ class OpenImages {
   /// Offers what is no file, by a number that is answered. What `open` throws is what Get does.
   int Offer(std::function<std::shared_ptr<const Source>()> open);
 
+  bool IsOffered(int id) const { return id >= kOffered; }
+
   /// @throws UsageError, FileError
   std::shared_ptr<const OpenImage> Get(int id, bool isDeveloped);
 
@@ -43,7 +45,7 @@ class OpenImages {
 
   session::Job& job_;
   Files& files_;
-  std::mutex mutex_;
+  std::mutex opening_, mutex_;                        ///< `mutex_` is of all below
   std::list<std::shared_ptr<const OpenImage>> open_;  ///< the last one used first
   std::vector<std::function<std::shared_ptr<const Source>()>> offered_;
   int versions_ = 0;

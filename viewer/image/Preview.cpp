@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
+#include <optional>
 #include <set>
 
 #include "session/picture/Image.h"
@@ -14,6 +16,20 @@ namespace {
 
 constexpr double kMostPixels = 2e6;  // of a preview; it takes a tenth of a second for most operations
 constexpr double kMostWhole = 16e6;  // where other images are beside it, which are of its size
+
+}  // namespace
+
+Image WindowOf(Pyramid& pyramid, int level, const CRect& rect, const std::function<bool()>& isGone) {
+  const Source& source = pyramid.Of();
+  Image window(NewImage(CreateContiguousManager({}), rect.Width(), rect.Height(), source.shape.planes));
+  pyramid.Fill(level, rect, window.Rows(), isGone);
+  if (source.isOverturned) TurnOver(window.Pixels());
+  pyramid.GiveLevels(window.Pixels());
+  window.Header() = source.info.header;
+  return window;
+}
+
+namespace {
 
 /// Operations that look at a pixel, or at those about it as far as their parameters in pixels say.
 const std::set<std::string>& LocalOperations() {
@@ -57,6 +73,13 @@ const std::set<std::string>& LocalOperations() {
   return names;
 }
 
+/// A parameter's value, or its default one; null where it has none.
+const Value* ValueOf(const Step& step, const Parameter& parameter) {
+  const auto given = step.Values().find(parameter.name);
+  if (given != step.Values().end()) return &given->second;
+  return parameter.defaultValue ? &*parameter.defaultValue : nullptr;
+}
+
 /// How far a step looks, as its parameters say.
 double ReachOf(const Step& step) {
   constexpr double kBySigma = 4;  // what a Gaussian takes in
@@ -67,10 +90,7 @@ double ReachOf(const Step& step) {
   }
   for (const Parameter& parameter : step.What().parameters) {
     if (parameter.unit != "pixels") continue;
-    const auto given = step.Values().find(parameter.name);
-    const Value* value = given != step.Values().end() ? &given->second
-                         : parameter.defaultValue     ? &*parameter.defaultValue
-                                                      : nullptr;
+    const Value* value = ValueOf(step, parameter);
     if (!value) continue;
     if (const auto* number = std::get_if<double>(value)) reach = std::max(reach, std::abs(*number));
     if (const auto* whole = std::get_if<int>(value)) reach = std::max(reach, 1.0 * std::abs(*whole));
@@ -88,47 +108,119 @@ bool TakesImages(const Step& step) {
       step.Values(), [](const auto& value) { return std::holds_alternative<ImageValue>(value.second); });
 }
 
-/// The step for a picture so many times as small: what its parameters say in pixels is as much less.
+/// The step for a picture so many times as small: what its parameters say in pixels is as much less, of those
+/// that were not given too.
 Step Shrunk(const Step& step, int times) {
   Step shrunk = step;
-  for (const auto& [name, value] : step.Values()) {
-    const Parameter& parameter = step.What().Find(name);
-    const auto scaled = [&](double pixels) { return std::max(pixels / times, parameter.low); };
-    if (parameter.unit != "pixels") continue;
-    if (const auto* number = std::get_if<double>(&value)) shrunk.SetValue(name, scaled(*number));
-    if (const auto* planes = std::get_if<PerPlane>(&value)) {
+  for (const Parameter& parameter : step.What().parameters) {
+    const Value* value = times > 1 && parameter.unit == "pixels" ? ValueOf(step, parameter) : nullptr;
+    if (!value) continue;
+    const auto scaled = [&](double pixels) {
+      return std::copysign(std::max(std::abs(pixels) / times, parameter.low), pixels);
+    };
+    if (const auto* number = std::get_if<double>(value)) shrunk.SetValue(parameter.name, scaled(*number));
+    if (const auto* whole = std::get_if<int>(value)) {
+      shrunk.SetValue(parameter.name, static_cast<int>(std::lround(scaled(*whole))));
+    }
+    if (const auto* planes = std::get_if<PerPlane>(value)) {
       std::vector<double> values = planes->values;
       std::ranges::transform(values, values.begin(), scaled);
-      shrunk.SetValue(name, PerPlane(values));
+      shrunk.SetValue(parameter.name, PerPlane(values));
     }
   }
   return shrunk;
 }
 
-/// A window of a level of the picture as an image that lies as the file does.
-Image WindowOf(Pyramid& pyramid, int level, const CRect& rect, const std::function<bool()>& isGone) {
-  const Source& source = pyramid.Of();
-  const int width = rect.Width(), height = rect.Height();
-  Image window(NewImage(CreateContiguousManager({}), width, height, source.shape.planes));
-  const Band<float> to = window.Rows();
-  for (int index = rect.top / Pyramid::kTile; index * Pyramid::kTile < rect.bottom; ++index) {
-    const Pyramid::StripPtr strip = pyramid.Get(level, index, isGone);
-    const Band<const float>& rows = strip->rows;
-    for (int y = std::max(rect.top, rows.Top()); y < std::min<int>(rect.bottom, rows.Bottom()); ++y) {
-      const int line = source.isOverturned ? rect.bottom - 1 - y : y - rect.top;
-      for (int p = 0; p < to.Planes(); ++p) {
-        std::ranges::copy(rows.Row(p, y).subspan(rect.left, width), to.Plane(p)[line].begin());
-      }
-    }
-  }
-  pyramid.GiveLevels(window.Pixels());
-  window.Header() = source.info.header;
-  return window;
-}
-
 CRect Scaled(const CRect& rect, int step, const Shape& shape) {
   return CRect(rect.left / step, rect.top / step, std::min<int>((rect.right + step - 1) / step, shape.width),
                std::min<int>((rect.bottom + step - 1) / step, shape.height));
+}
+
+/// Does the steps, for a picture so many times as small. @throws UsageError where pixels lie elsewhere then
+void RunAll(Job& job, const std::vector<Step>& steps, int times, Image& image) {
+  const int width = image.Width(), height = image.Height();
+  for (const Step& step : steps) {
+    Shrunk(step, times).Run(job, image);
+    job.CheckCancelled();
+    const HeaderEffect effect = step.What().header;
+    if (image.Width() != width || image.Height() != height || effect == HeaderEffect::Moves ||
+        effect == HeaderEffect::DropsPlaces) {
+      throw UsageError(step.What().name + " moves pixels: it is seen once it is done to the file");
+    }
+  }
+}
+
+/// A rectangle with a margin, as far as the picture goes.
+CRect Widened(const CRect& rect, int margin, const Shape& shape) {
+  return CRect(std::max<int>(rect.left - margin, 0), std::max<int>(rect.top - margin, 0),
+               std::min<int>(rect.right + margin, shape.width),
+               std::min<int>(rect.bottom + margin, shape.height));
+}
+
+/// Squares of the picture: some spread over it, and one with the brightest star. All of a small picture.
+std::vector<CRect> Samples(Pyramid& pyramid, const std::function<bool()>& isGone) {
+  constexpr int kSide = 160, kColumns = 4, kRows = 2;
+  constexpr double kFew = 1e6;  // pixels of a level that the star is sought in
+  const Shape& all = pyramid.At(0);
+  if (1.0 * all.width * all.height <= kSide * kSide * (kColumns * kRows + 1)) {
+    return {CRect(0, 0, all.width, all.height)};
+  }
+  const int width = std::min(kSide, all.width), height = std::min(kSide, all.height);
+  const auto square = [&](double x, double y) {  // about a place
+    const int left = std::clamp(static_cast<int>(x) - width / 2, 0, all.width - width),
+              top = std::clamp(static_cast<int>(y) - height / 2, 0, all.height - height);
+    return CRect(left, top, left + width, top + height);
+  };
+  std::vector<CRect> squares;
+  for (int i = 0; i < kColumns * kRows; ++i) {
+    squares.push_back(
+        square((i % kColumns + 0.5) * all.width / kColumns, (i / kColumns + 0.5) * all.height / kRows));
+  }
+  int level = 0;
+  while (level + 1 < pyramid.Levels() && std::ldexp(1.0 * all.width * all.height, -2 * level) > kFew) {
+    ++level;
+  }
+  float most = -std::numeric_limits<float>::infinity();
+  CRect brightest = squares.front();
+  for (int index = 0; index < pyramid.Strips(level); ++index) {
+    const Pyramid::StripPtr strip = pyramid.Get(level, index, isGone);
+    for (int y = strip->rows.Top(); y < strip->rows.Bottom(); ++y) {
+      const Row<const float> row = strip->rows.Row(0, y);
+      for (int x = 0; x < strip->rows.Width(); ++x) {
+        if (!(row[x] > most)) continue;
+        most = row[x];
+        brightest = square(std::ldexp(x + 0.5, level), std::ldexp(y + 0.5, level));
+      }
+    }
+  }
+  squares.push_back(brightest);
+  return squares;
+}
+
+/// How a file of what the steps make is shown when it is opened.
+session::Levels LevelsOfResult(Job& job, Pyramid& pyramid, const std::vector<Step>& steps, int margin,
+                               const std::function<bool()>& isGone) {
+  const std::vector<CRect> squares = Samples(pyramid, isGone);
+  const int width = squares.front().Width(), height = squares.front().Height();
+  std::optional<Image> all;
+  for (std::size_t i = 0; i < squares.size(); ++i) {
+    const CRect wide = Widened(squares[i], margin, pyramid.At(0));
+    Image piece = WindowOf(pyramid, 0, wide, isGone);
+    RunAll(job, steps, 1, piece);
+    if (!all) {
+      all = Image(NewImage(CreateContiguousManager({}), width, height * static_cast<int>(squares.size()),
+                           piece.Planes()));
+    }
+    const int left = squares[i].left - wide.left;
+    const int top = pyramid.Of().isOverturned ? wide.bottom - squares[i].bottom : squares[i].top - wide.top;
+    for (int p = 0; p < piece.Planes(); ++p) {
+      for (int y = 0; y < height; ++y) {
+        std::ranges::copy(piece.Rows().Plane(p)[top + y].subspan(left, width),
+                          all->Rows().Plane(p)[static_cast<int>(i) * height + y].begin());
+      }
+    }
+  }
+  return LevelForPicture(all->Pixels(), LevelMethod::Auto);
 }
 
 Bytes Cut(const Bytes& from, const CRect& rect, bool overturned) {
@@ -179,27 +271,19 @@ Preview DrawPreview(Job& job, Pyramid& pyramid, const std::vector<Step>& steps,
   preview.step = 1 << level;
   const Shape shape = pyramid.At(level);
   const CRect shown = Scaled(seen, preview.step, shape);
-  CRect window(0, 0, shape.width, shape.height);
-  if (!preview.isWhole) {
-    const int margin = kReach * static_cast<int>(steps.size());
-    window = CRect(std::max<int>(shown.left - margin, 0), std::max<int>(shown.top - margin, 0),
-                   std::min<int>(shown.right + margin, shape.width),
-                   std::min<int>(shown.bottom + margin, shape.height));
-  }
+  const int margin = kReach * static_cast<int>(steps.size());
+  const CRect window =
+      preview.isWhole ? CRect(0, 0, shape.width, shape.height) : Widened(shown, margin, shape);
   Image image = WindowOf(pyramid, level, window, isGone);
-  for (const Step& step : steps) {
-    Shrunk(step, preview.step).Run(job, image);
-    job.CheckCancelled();
-    const bool isThere = image.Width() == window.Width() && image.Height() == window.Height();
-    if (!isThere || step.What().header == HeaderEffect::Moves ||
-        step.What().header == HeaderEffect::DropsPlaces) {
-      throw UsageError(step.What().name + " moves pixels: it is seen once it is done to the file");
-    }
+  RunAll(job, steps, preview.step, image);
+  Stretch stretch = options.stretch;
+  if (!options.asIs) {
+    stretch.steps.clear();
+    stretch.levels = preview.isWhole ? LevelForPicture(image.Pixels(), LevelMethod::Auto)
+                                     : LevelsOfResult(job, pyramid, steps, margin, isGone);
   }
-  const Levels levels = options.asIs ? options.levels : LevelForPicture(image.Pixels(), LevelMethod::Auto);
-  ShowByLevels(image.Pixels(), levels);
   const bool overturned = pyramid.Of().isOverturned;
-  preview.bytes = Cut(BytesOf(image.Pixels(), options.inColours),
+  preview.bytes = Cut(Draw(image, stretch),
                       CRect(shown.left - window.left, shown.top - window.top, shown.right - window.left,
                             shown.bottom - window.top),
                       overturned);

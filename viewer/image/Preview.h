@@ -9,6 +9,7 @@
 
 #include "session/job/Job.h"
 #include "session/operations/Operation.h"
+#include "session/picture/Image.h"
 #include "viewer/image/Pyramid.h"
 #include "viewer/image/Tiles.h"
 
@@ -17,9 +18,8 @@ namespace korimg::viewer {
 struct PreviewOptions {
   CRect seen;         ///< pixels of the picture
   double scale = 1;   ///< pixels of the screen for one of the picture
-  bool asIs = false;  ///< shown by `levels`; else as a file of the result is shown when it is opened
-  session::Levels levels;
-  bool inColours = false;
+  bool asIs = false;  ///< shown by `stretch`; else as a file of the result is shown when it is opened
+  Stretch stretch;
 };
 
 struct Preview {
@@ -29,6 +29,9 @@ struct Preview {
   bool isWhole = false;  ///< the operations saw all of the picture, and not a window of it
 };
 
+/// A window of a level of the picture as an image that lies as the file does. Throws as Pyramid::Get.
+session::Image WindowOf(Pyramid& pyramid, int level, const CRect& rect, const std::function<bool()>& isGone);
+
 /// True when what a step makes of a pixel depends on none farther than kReach pixels away: it may be done to
 /// a window of a picture.
 bool IsLocal(const session::Step& step);
@@ -36,7 +39,7 @@ constexpr int kReach = 64;
 
 /// Does steps to what is seen, at the size it is seen at, or to all of the picture, made so much smaller that
 /// it takes no longer. Where it is smaller, what parameters say in pixels is too, and the preview is but near
-/// to the result.
+/// to the result. What a window will look like as a file is told by pieces spread over the picture.
 /// @throws UsageError for steps after which pixels lie elsewhere, and for those that take other images beside
 /// a picture that is too large; Cancelled
 Preview DrawPreview(session::Job& job, Pyramid& pyramid, const std::vector<session::Step>& steps,

@@ -113,7 +113,7 @@ void Pyramid::Widen(const Band<const float>& rows) {
 
 Levels Pyramid::Shown(bool linked) const {
   const files::ImageInfo& info = source_->info;
-  if (info.type == "uint8") {
+  if (info.type == "uint8" && !linked) {
     // As it is: what has 8 bits is a picture already.
     const Image pixel(NewImage(CreateContiguousManager({}), 1, 1, source_->shape.planes));
     SetLevels(pixel.Pixels(), info, false);
@@ -158,6 +158,21 @@ Band<float> Writable(Pyramid::Strip& strip) {
 }
 
 }  // namespace
+
+void Pyramid::Fill(int level, const CRect& window, const Band<float>& to,
+                   const std::function<bool()>& isGone) {
+  for (int index = window.top / kTile; index * kTile < window.bottom; ++index) {
+    const StripPtr strip = Get(level, index, isGone);
+    const Band<const float>& rows = strip->rows;
+    for (int y = std::max<int>(rows.Top(), window.top); y < std::min<int>(rows.Bottom(), window.bottom);
+         ++y) {
+      for (int p = 0; p < to.Planes(); ++p) {
+        std::ranges::copy(rows.Row(p, y).subspan(window.left, window.Width()),
+                          to.Row(p, y - window.top).begin());
+      }
+    }
+  }
+}
 
 void Pyramid::Read(const Band<float>& to) {
   const Asking asking(asking_);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "korimg/image/View.h"
+#include "korimg/platform/CRect.h"
 
 #include "session/picture/AutoPicture.h"
 #include "viewer/image/Source.h"
@@ -50,6 +51,8 @@ class Pyramid {
   /// @throws Cancelled once isGone() says so, and what the source throws
   StripPtr Get(
       int level, int index, const std::function<bool()>& isGone = [] { return false; });
+  /// Fills `to`, whose rows begin at 0, with a window of a level. Throws as Get.
+  void Fill(int level, const CRect& window, const Band<float>& to, const std::function<bool()>& isGone);
   /// Rows of the picture itself.
   void Read(const Band<float>& to);
 

@@ -40,8 +40,7 @@ Palette MakePalette() {
   return palette;
 }
 
-}  // namespace
-
+/// The pixels of an image by its levels.
 Bytes BytesOf(CVelImage& image, bool inColours) {
   static const Palette palette = MakePalette();
   const bool isMono = image.GetPlanes() < 3;
@@ -66,29 +65,39 @@ Bytes BytesOf(CVelImage& image, bool inColours) {
   return bytes;
 }
 
-Bytes DrawTile(Pyramid& pyramid, const TilePlace& place, const Stretch& stretch,
-               const std::function<bool()>& isGone) {
-  const auto [level, column, row] = place;
-  const bool isThere = level >= 0 && level < pyramid.Levels() && row >= 0 && row < pyramid.Strips(level) &&
-                       column >= 0 && column <= (pyramid.At(level).width - 1) / Pyramid::kTile;
-  if (!isThere) throw UsageError("the picture has no such tile");
-  const Pyramid::StripPtr strip = pyramid.Get(level, row, isGone);
-  const Band<const float>& rows = strip->rows;
-  const int left = column * Pyramid::kTile, width = std::min(Pyramid::kTile, rows.Width() - left);
-  Image tile(NewImage(CreateContiguousManager({}), width, rows.Rows(), rows.Planes()));
-  for (int p = 0; p < rows.Planes(); ++p) {
-    for (int y = 0; y < rows.Rows(); ++y) {
-      std::ranges::copy(rows.Plane(p)[y].subspan(left, width), tile.Rows().Plane(p)[y].begin());
-    }
+}  // namespace
+
+Bytes Draw(Image& image, const Stretch& stretch) {
+  for (int p = 0; p < image.Planes(); ++p) {
     const int known = std::min(p, 2);
-    tile.Pixels().SetLevel(p, stretch.levels.min[known], stretch.levels.max[known]);
+    image.Pixels().SetLevel(p, stretch.levels.min[known], stretch.levels.max[known]);
   }
   Job job;
   for (const Step& step : stretch.steps) {
-    step.Run(job, tile);
+    step.Run(job, image);
   }
-  ShowByLevels(tile.Pixels(), stretch.levels);
-  return BytesOf(tile.Pixels(), stretch.inColours);
+  ShowByLevels(image.Pixels(), stretch.levels);
+  return BytesOf(image.Pixels(), stretch.inColours);
+}
+
+CRect RectOf(const Pyramid& pyramid, const TilePlace& place) {
+  const auto [level, column, row, overlap] = place;
+  constexpr int kTile = Pyramid::kTile;
+  const bool isThere = level >= 0 && level < pyramid.Levels() && row >= 0 && row < pyramid.Strips(level) &&
+                       column >= 0 && column <= (pyramid.At(level).width - 1) / kTile;
+  if (!isThere) throw UsageError("the picture has no such tile");
+  const Shape shape = pyramid.At(level);
+  return CRect(std::max(column * kTile - overlap, 0), std::max(row * kTile - overlap, 0),
+               std::min((column + 1) * kTile + overlap, shape.width),
+               std::min((row + 1) * kTile + overlap, shape.height));
+}
+
+Bytes DrawTile(Pyramid& pyramid, const TilePlace& place, const Stretch& stretch,
+               const std::function<bool()>& isGone) {
+  const CRect rect = RectOf(pyramid, place);
+  Image tile(NewImage(CreateContiguousManager({}), rect.Width(), rect.Height(), pyramid.Of().shape.planes));
+  pyramid.Fill(place.level, rect, tile.Rows(), isGone);
+  return Draw(tile, stretch);
 }
 
 std::string PngOf(const Bytes& bytes) {

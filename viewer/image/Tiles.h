@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "session/operations/Operation.h"
+#include "session/picture/Image.h"
 #include "session/picture/Images.h"
 #include "viewer/image/Pyramid.h"
 
@@ -21,7 +22,11 @@ struct Stretch {
 /// A piece of a level of a picture, column by column and row by row of tiles.
 struct TilePlace {
   int level = 0, column = 0, row = 0;
+  int overlap = 0;  ///< pixels that it has of each tile beside it
 };
+
+/// Its pixels of the level. Throws UsageError for a tile that is not there.
+CRect RectOf(const Pyramid& pyramid, const TilePlace& place);
 
 /// Pixels of 8 bits, red, green and blue, or grey.
 struct Bytes {
@@ -35,9 +40,8 @@ Bytes DrawTile(
     Pyramid& pyramid, const TilePlace& place, const Stretch& stretch,
     const std::function<bool()>& isGone = [] { return false; });
 
-/// The pixels of an image as the library's bitmaps show them by its levels; one plane from blue over grey to
-/// yellow, if wanted.
-Bytes BytesOf(CVelImage& image, bool inColours);
+/// The pixels of an image as the library's bitmaps show them. Its own pixels become those that are shown.
+Bytes Draw(session::Image& image, const Stretch& stretch);
 
 /// A file of these pixels.
 std::string PngOf(const Bytes& bytes);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <utility>
 
 #include "session/calibrate/FindSession.h"
 #include "session/picture/AutoPicture.h"
@@ -22,6 +23,7 @@ Json JsonOf(const LiveFrame& frame) {
   Json json{{"name", frame.file.filename().string()},
             {"added", frame.isAdded},
             {"status", frame.status},
+            {"masters", frame.masters},
             {"stars", frame.stars},
             {"fwhm", frame.fwhm},
             {"sky", frame.sky},
@@ -41,7 +43,7 @@ Live::Live(Job& job, const WatchedFolder& watched)
     : watched_(watched),
       token_(std::make_shared<ChildToken>(job.options.cancel)),
       job_({.cancel = token_, .memory = job.Memory() / 4}) {
-  stack_ = std::make_unique<LiveStack>(job_, Options());
+  stack_ = std::make_shared<LiveStack>(job_, Options());
   thread_ = std::thread([this] { Watch(); });
 }
 
@@ -70,86 +72,144 @@ LiveOptions Live::Options() const {
   return options;
 }
 
-/// Files that have come. A folder that is gone, as on a disk that was pulled out, is told of and waited for.
-std::vector<fs::path> Live::Next(FolderWatch& watch) {
+/// Tells of what is in the way, for which is waited then; of nothing when it is gone.
+void Live::Tell(const std::string& failure) {
   constexpr milliseconds kWait(1000);
-  std::string gone;
+  std::unique_lock lock(mutex_);
+  if (failure_ != failure) {
+    failure_ = failure;
+    changed_.notify_all();
+  }
+  if (!failure.empty()) changed_.wait_for(lock, kWait, [this] { return ends_ || first_.has_value(); });
+}
+
+bool Live::BeginsAnew() const {
+  const std::lock_guard lock(mutex_);
+  return first_.has_value();
+}
+
+/// Files that have come. A folder that is gone, as on a disk that was pulled out, is waited for.
+std::vector<fs::path> Live::Next(FolderWatch& watch) {
   std::vector<fs::path> files;
   try {
-    files = watch.Next(kWait);
+    files = watch.Next(milliseconds(1000));
+    Tell("");
   } catch (const files::FileError& error) {
     if (error.Subject() != watched_.folder.string()) throw;
-    gone = error.what();
+    Tell(TextFor(error));
   }
-  std::unique_lock lock(mutex_);
+  const std::lock_guard lock(mutex_);
   std::erase_if(files, [this](const fs::path& file) {
     return std::ranges::any_of(own_, [&](const fs::path& own) { return IsBelow(file, own); });
   });
-  if (failure_ != gone) {
-    failure_ = gone;
-    changed_.notify_all();
-  }
-  if (!gone.empty()) changed_.wait_for(lock, kWait, [this] { return ends_; });
   return files;
+}
+
+void Live::Add(const fs::path& file) {
+  {
+    const std::lock_guard lock(mutex_);
+    doing_ = file.filename().string();
+  }
+  changed_.notify_all();
+  std::optional<LiveFrame> frame;
+  while (!frame && !BeginsAnew()) {
+    try {
+      frame = stack_->Add(file);
+      Tell("");
+    } catch (const files::FileError& error) {
+      Tell(TextFor(error));  // calibration frames that cannot be read now
+      job_.CheckCancelled();
+    }
+  }
+  if (!frame) return;
+  std::string picture;
+  if (frame->isAdded) {
+    if (const std::optional<Image> mean = stack_->Snapshot()) {
+      const Levels levels = LevelForPicture(mean->Pixels(), LevelMethod::Auto);
+      picture = session::JpegOf(job_, mean->Pixels(), levels,
+                                ShrinkTo({mean->Width(), mean->Height(), mean->Planes()}, kSide));
+    }
+  }
+  const std::lock_guard lock(mutex_);
+  frames_.push_back(JsonOf(*frame));
+  files_.push_back(file);
+  doing_.clear();
+  if (!picture.empty()) {
+    picture_ = std::move(picture);
+    ++pictures_;
+  }
+  changed_.notify_all();
+}
+
+/// Adds the frames that are there and those that come, until the stack is begun anew.
+void Live::Stack() {
+  fs::path first;
+  if (BeginsAnew()) {
+    auto stack = std::make_shared<LiveStack>(job_, Options());
+    const std::lock_guard lock(mutex_);
+    stack_ = std::move(stack);
+    first = *std::exchange(first_, std::nullopt);
+    frames_.clear();
+    files_.clear();
+    ++begun_;
+  }
+  if (!first.empty()) Add(first);
+  FolderWatch watch(job_, {.folder = watched_.folder});
+  while (!BeginsAnew()) {
+    for (const fs::path& file : Next(watch)) {
+      if (BeginsAnew()) return;
+      if (file == first) {
+        first.clear();
+        continue;
+      }
+      Add(file);
+    }
+  }
 }
 
 void Live::Watch() {
   try {
     try {
-      FolderWatch watch(job_, {.folder = watched_.folder});
       for (;;) {
-        for (const fs::path& file : Next(watch)) {
-          {
-            const std::lock_guard lock(mutex_);
-            doing_ = file.filename().string();
-          }
-          changed_.notify_all();
-          const LiveFrame frame = stack_->Add(file);
-          std::string picture;
-          if (frame.isAdded) {
-            if (const std::optional<Image> mean = stack_->Snapshot()) {
-              const Levels levels = LevelForPicture(mean->Pixels(), LevelMethod::Auto);
-              picture = session::JpegOf(job_, mean->Pixels(), levels,
-                                        ShrinkTo({mean->Width(), mean->Height(), mean->Planes()}, kSide));
-            }
-          }
-          const std::lock_guard lock(mutex_);
-          frames_.push_back(JsonOf(frame));
-          doing_.clear();
-          if (!picture.empty()) {
-            picture_ = std::move(picture);
-            ++pictures_;
-          }
-          changed_.notify_all();
-        }
+        Stack();
       }
     } catch (...) {
       ThrowOfFamily();
     }
   } catch (const Error& error) {
     const std::lock_guard lock(mutex_);
-    if (error.Kind() != ErrorKind::Cancelled) failure_ = error.what();
+    if (error.Kind() != ErrorKind::Cancelled) failure_ = TextFor(error);
     ends_ = true;
     changed_.notify_all();
   }
 }
 
-Json Live::State(int after, int picture, const std::function<bool()>& isGone) const {
+void Live::BeginWith(int frame) {
+  const std::lock_guard lock(mutex_);
+  if (frame < 0 || frame >= static_cast<int>(files_.size())) {
+    throw UsageError("there is no such frame");
+  }
+  first_ = files_[frame];
+  changed_.notify_all();
+}
+
+Json Live::State(const Seen& seen, const std::function<bool()>& isGone) const {
   constexpr milliseconds kLook(200);
   constexpr int kPatience = 50;  // looks
   std::unique_lock lock(mutex_);
   const std::string failure = failure_;
   for (int i = 0; i < kPatience; ++i) {
-    const bool isNew =
-        after < static_cast<int>(frames_.size()) || picture != pictures_ || ends_ || failure != failure_;
+    const bool isNew = seen.begun != begun_ || seen.frames < static_cast<int>(frames_.size()) ||
+                       seen.picture != pictures_ || ends_ || failure != failure_;
     if (isNew || isGone()) break;
     changed_.wait_for(lock, kLook);
   }
-  const auto first =
-      static_cast<std::size_t>(std::clamp<long long>(after, 0, static_cast<long long>(frames_.size())));
+  const std::size_t first =
+      seen.begun == begun_ ? std::min(static_cast<std::size_t>(std::max(seen.frames, 0)), frames_.size()) : 0;
   const auto added =
       std::ranges::count_if(frames_, [](const Json& frame) { return frame["added"].get<bool>(); });
   return {{"folder", watched_.folder.filename().string()},
+          {"begun", begun_},
           {"count", frames_.size()},
           {"added", added},
           {"picture", pictures_},
@@ -170,7 +230,12 @@ void Live::PassOver(const fs::path& own) {
 }
 
 Image Live::Snapshot() const {
-  std::optional<Image> image = stack_->Snapshot();
+  std::shared_ptr<LiveStack> stack;
+  {
+    const std::lock_guard lock(mutex_);
+    stack = stack_;
+  }
+  std::optional<Image> image = stack->Snapshot();
   if (!image) throw UsageError("no frame was added yet");
   return std::move(*image);
 }

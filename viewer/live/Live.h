@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,9 +30,16 @@ class Live {
   ~Live();
 
   const WatchedFolder& Watched() const { return watched_; }
-  /// The state, and the frames after the first `after`: at once where there are such, or the picture is
-  /// another one than `picture`, else when there are, or after some seconds.
-  Json State(int after, int picture, const std::function<bool()>& isGone) const;
+  /// What a page has seen: how often the stack was begun, how many frames, and which picture.
+  struct Seen {
+    int begun = 0, frames = 0, picture = -1;
+  };
+  /// The state, and the frames that the page has not seen: at once where there are such, or another picture,
+  /// else when there are, or after some seconds.
+  Json State(const Seen& seen, const std::function<bool()>& isGone) const;
+  /// Begins anew with a frame as the first one, that others are laid on, by its number.
+  /// @throws UsageError for a number that nothing has
+  void BeginWith(int frame);
   /// The picture of the stack, a JPEG of at most kSide pixels a side; empty before the first frame.
   std::string Picture() const;
   static constexpr int kSide = 2048;
@@ -44,17 +52,24 @@ class Live {
 
  private:
   void Watch();
+  void Stack();
   std::vector<std::filesystem::path> Next(session::FolderWatch& watch);
+  void Add(const std::filesystem::path& file);
+  bool BeginsAnew() const;
+  void Tell(const std::string& failure);
   session::LiveOptions Options() const;
 
   WatchedFolder watched_;
   std::shared_ptr<session::CancelToken> token_;
   session::Job job_;
-  std::unique_ptr<session::LiveStack> stack_;
   mutable std::mutex mutex_;  ///< of what follows
   mutable std::condition_variable changed_;
+  std::shared_ptr<session::LiveStack> stack_;
+  std::optional<std::filesystem::path> first_;  ///< that the stack is to be begun anew with
+  int begun_ = 0;
   std::vector<Json> frames_;
-  std::vector<std::filesystem::path> own_;  ///< what was written by the page
+  std::vector<std::filesystem::path> files_;  ///< of these
+  std::vector<std::filesystem::path> own_;    ///< what was written by the page
   std::string picture_, failure_, doing_;
   int pictures_ = 0;
   bool ends_ = false;

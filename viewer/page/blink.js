@@ -235,13 +235,13 @@ export class Blink {
   }
 
   /** The frame's own pixels, by tiles. */
-  async #sharpen() {
+  async #sharpen(place = /** @type {{x: number, y: number} | undefined} */ (undefined)) {
     const run = this.#run, frame = run.current;
     if (!this.#isOn || this.#sharp === frame) return;
     try {
       const { image, levels } = await get('run/frame', { run: run.id, frame });
       if (run.current !== frame || !this.#isOn) return;
-      await this.#view.open(image, false, { keeps: true, shown: { levels: levels.join(',') }, begun: () => {
+      await this.#view.open(image, false, { keeps: true, closeTo: place, shown: { levels: levels.join(',') }, begun: () => {
         this.#sharp = frame;
         this.#sharpImage = image;
       } });
@@ -254,8 +254,14 @@ export class Blink {
   zoom() {
     this.#wantsSharp = !this.#wantsSharp;
     if (!this.#wantsSharp) return this.#view.fit();
-    this.#view.zoomTo(1, this.#cursor ?? undefined);
-    this.#sharpen();
+    const cursor = this.#cursor ?? undefined, grid = this.#run.info, seen = this.#view.info;
+    if (!grid || !seen || seen.width === grid.width) {
+      this.#view.zoomTo(1, cursor);
+      return void this.#sharpen();
+    }
+    // A drizzled stack is finer than its frames.
+    const { x, y } = cursor ?? { x: seen.width / 2, y: seen.height / 2 }, share = grid.width / seen.width;
+    this.#sharpen({ x: x * share, y: y * share });
   }
 
   /** Keys that mean something else while frames are shown. */

@@ -39,6 +39,7 @@ export class ImageView extends EventTarget {
   #layers = [];
   #overlay = make('canvas', { className: 'overlay' });
   #opening = 0;
+  #isFitted = true;
 
   constructor() {
     super();
@@ -59,6 +60,11 @@ export class ImageView extends EventTarget {
       crossOriginPolicy: false,
     });
     find('stage').append(this.#overlay);
+    // All of the picture stays all of it when its room changes.
+    for (const name of ['canvas-drag', 'canvas-scroll', 'canvas-pinch', 'canvas-double-click']) {
+      this.#viewer.addHandler(name, () => (this.#isFitted = false));
+    }
+    this.#viewer.addHandler('resize', () => this.#isFitted && this.#item && this.fit(true));
     const redraw = () => this.redraw();
     this.#viewer.addHandler('update-viewport', redraw);
     this.#viewer.addHandler('resize', redraw);
@@ -72,8 +78,9 @@ export class ImageView extends EventTarget {
    * Shows another image, or the same one developed.
    * @param {number} id
    * @param {boolean} [developed]
-   * @param {{keeps?: boolean, shown?: Shown, begun?: () => void}} [how] `keeps` where it lies, for one of the same
-   *   size; how it is shown; what is done once it takes the place of the one before
+   * @param {{keeps?: boolean, closeTo?: {x: number, y: number}, shown?: Shown, begun?: () => void}} [how] `keeps`
+   *   where it lies, for one of the same size; of another size, a place that is shown 1:1; how it is shown; what is
+   *   done once it takes the place of the one before
    */
   async open(id, developed = false, how = {}) {
     const own = ++this.#opening;
@@ -85,7 +92,7 @@ export class ImageView extends EventTarget {
     how.begun?.();
     this.dispatchEvent(new Event('open'));
     const keeps = how.keeps && this.#item && before?.width === info.width && before.height === info.height;
-    this.#load(!keeps);
+    this.#load(!keeps, how.closeTo);
     while (info.progress < 1 && !info.failure) {
       await new Promise((done) => setTimeout(done, 250));
       info = await get('image/info', { id, developed });
@@ -108,8 +115,12 @@ export class ImageView extends EventTarget {
     this.dispatchEvent(new Event('shown'));
   }
 
-  /** Lays the tiles of what is shown now over those of before, which go once these are there. @param {boolean} fresh */
-  #load(fresh) {
+  /**
+   * Lays the tiles of what is shown now over those of before, which go once these are there.
+   * @param {boolean} fresh
+   * @param {{x: number, y: number}} [closeTo]
+   */
+  #load(fresh, closeTo) {
     const info = this.info;
     if (!info) return;
     const shown = { ...this.shown };
@@ -118,12 +129,13 @@ export class ImageView extends EventTarget {
       width: info.width,
       height: info.height,
       tileSize: info.tile,
-      tileOverlap: 0,
+      tileOverlap: 1, // without any, tiles are drawn a pixel too large
       minLevel: 0,
       maxLevel: last,
       getTileUrl: (/** @type {number} */ level, /** @type {number} */ x, /** @type {number} */ y) =>
         address('image/tile', {
-          id: info.id, developed: info.developed || undefined, level: last - level, x, y, v: info.version,
+          id: info.id, developed: info.developed || undefined, level: last - level, x, y, overlap: 1, v: info.version,
+          format: level === last ? 'png' : undefined, // pixels that are looked at one by one are what they are
           levels: shown.levels, linked: shown.linked || undefined, steps: shown.steps,
           colours: shown.colours || undefined,
         }),
@@ -143,6 +155,7 @@ export class ImageView extends EventTarget {
         if (fresh) {
           this.#item = item;
           this.fit(true);
+          if (closeTo) this.zoomTo(1, closeTo);
           return;
         }
         this.#next = item;
@@ -173,7 +186,7 @@ export class ImageView extends EventTarget {
     const last = info.levels - 1;
     this.#viewer.addTiledImage({
       tileSource: {
-        width: info.width, height: info.height, tileSize: info.tile, tileOverlap: 0, minLevel: 0, maxLevel: last,
+        width: info.width, height: info.height, tileSize: info.tile, tileOverlap: 1, minLevel: 0, maxLevel: last,
         hasTransparency: () => true,
         getTileUrl: (/** @type {number} */ level, /** @type {number} */ x, /** @type {number} */ y) =>
           getTileUrl(last - level, x, y),
@@ -199,6 +212,7 @@ export class ImageView extends EventTarget {
 
   /** All of the picture. @param {boolean} [atOnce] */
   fit(atOnce = false) {
+    this.#isFitted = true;
     this.#viewer.viewport.goHome(atOnce);
   }
 
@@ -210,6 +224,7 @@ export class ImageView extends EventTarget {
   zoomTo(scale, about) {
     const item = this.#item;
     if (!item) return;
+    this.#isFitted = false;
     const place = about && item.imageToViewportCoordinates(new OpenSeadragon.Point(about.x, about.y));
     // In pixels of the device, so that 1:1 is what it says on any screen.
     this.#viewer.viewport.zoomTo(item.imageToViewportZoom(scale / devicePixelRatio), place);
@@ -222,12 +237,14 @@ export class ImageView extends EventTarget {
 
   /** @param {number} factor */
   zoomBy(factor) {
+    this.#isFitted = false;
     this.#viewer.viewport.zoomBy(factor);
     this.#viewer.viewport.applyConstraints();
   }
 
   /** By shares of what is seen. @param {number} x @param {number} y */
   moveBy(x, y) {
+    this.#isFitted = false;
     const bounds = this.#viewer.viewport.getBounds();
     this.#viewer.viewport.panBy(new OpenSeadragon.Point(x * bounds.width, y * bounds.height));
     this.#viewer.viewport.applyConstraints();

@@ -4,40 +4,51 @@ import { addPanel, addTool, find, make, onKey, pretty, tell } from './dom.js';
 
 /** @param {(id: number | undefined) => Promise<void>} openFile */
 export async function addLive(openFile) {
-  let state = await get('live/state', { after: 0, picture: -1 });
+  let state = await get('live/state', { begun: 0, after: 0, picture: -1 });
   if (!state.folder) return;
   const picture = make('img', { alt: 'The stack so far', id: 'live' });
-  const told = make('p', { role: 'status' });
+  const told = make('p', { role: 'status' }), masters = make('p', { className: 'faint' });
   const rows = make('tbody');
   const name = make('input', { type: 'text', className: 'wide', value: 'live.fits', ariaLabel: 'Name of the new file' });
   const out = make('input', { type: 'text', className: 'wide', value: 'result', ariaLabel: 'Folder for the results' });
   const save = make('button', { type: 'button' }, 'Save stack');
   const stack = make('button', { type: 'button', title: 'what korimg run makes of all frames, with the best reference and outliers told by all' }, 'Stack properly');
-  const table = make('table', {}, make('thead', {}, make('tr', {}, ...['frame', 'FWHM', 'stars', 'shift', ''].map((text) => make('th', {}, text)))), rows);
-  const panel = addPanel(`Live: ${state.folder}`, true, told, make('div', { className: 'row' }, save, stack), name, out,
+  const table = make('table', {}, make('thead', {}, make('tr', {}, ...['frame', 'FWHM', 'stars', 'shift', '', ''].map((text) => make('th', {}, text)))), rows);
+  const panel = addPanel(`Live: ${state.folder}`, true, told, masters, make('div', { className: 'row' }, save, stack), name, out,
     make('div', { className: 'frames', tabIndex: 0 }, table));
   panel.id = 'livepanel';
   find('panels').prepend(panel);
   find('stage').append(picture);
 
+  let isOn = true;
   const show = (/** @type {boolean} */ on) => {
-    picture.hidden = !on;
+    isOn = on;
+    picture.hidden = !on || state.picture === 0;
     tool.setAttribute('aria-pressed', String(on));
   };
-  const tool = addTool('Live', 'the stack as it grows (v)', () => show(picture.hidden));
-  onKey('v', 'the stack as it grows', () => show(picture.hidden));
+  const tool = addTool('Live', 'the stack as it grows (v)', () => show(!isOn));
+  onKey('v', 'the stack as it grows', () => show(!isOn));
   picture.addEventListener('click', () => picture.classList.toggle('whole'));
   show(true);
 
-  let shown = 0, count = 0;
+  let shown = 0, count = 0, begun = 0;
   function take() {
-    for (const frame of state.frames) {
+    if (state.begun !== begun) {
+      begun = state.begun;
+      count = 0;
+      rows.replaceChildren();
+    }
+    state.frames.forEach((/** @type {any} */ frame, /** @type {number} */ i) => {
+      const number = count + i;
+      const begin = make('button', { type: 'button', title: 'begin anew: all others are laid on this frame', ariaLabel: `Begin with ${frame.name}`,
+        onclick: () => post('live/begin', { frame: number }).catch(tell) }, '↺');
       rows.prepend(make('tr', { className: frame.added ? '' : 'left', title: frame.status },
         make('td', {}, frame.name), make('td', {}, frame.fwhm ? frame.fwhm.toFixed(2) : '–'), make('td', {}, String(frame.stars)),
         make('td', {}, frame.added ? `${frame.dx.toFixed(1)}, ${frame.dy.toFixed(1)}` : '–'),
-        make('td', {}, frame.added ? `${pretty(Number(frame.seconds.toFixed(2)))} s` : frame.status)));
+        make('td', {}, frame.added ? `${pretty(Number(frame.seconds.toFixed(2)))} s` : frame.status), make('td', {}, begin)));
       while (rows.children.length > 500) rows.lastElementChild?.remove();
-    }
+      if (frame.added) masters.textContent = frame.masters ? `calibrated by ${frame.masters}` : 'not calibrated: there are no darks, flats or biases';
+    });
     count = state.count;
     told.textContent = state.failure || `${state.added} of ${state.count} frames are in the stack` +
       (state.doing ? `; ${state.doing} is being added` : state.ended ? '' : '; waiting for frames');
@@ -46,6 +57,7 @@ export async function addLive(openFile) {
     if (state.picture !== shown) {
       shown = state.picture;
       picture.src = address('live/picture', { v: shown });
+      show(isOn);
     }
   }
   save.addEventListener('click', async () => {
@@ -60,7 +72,9 @@ export async function addLive(openFile) {
   stack.addEventListener('click', async () => {
     try {
       const { last } = await get('work');
-      const { command } = await post('live/stack', { out: out.value });
+      let { command, exists } = await post('live/stack', { out: out.value });
+      if (exists && !confirm(`${out.value} is there already. What was stacked of the frames before is replaced; go on?`)) return;
+      if (exists) ({ command } = await post('live/stack', { out: out.value, replace: true }));
       told.title = command;
       const source = new EventSource(address('work/events', { last }));
       source.onmessage = (message) => {
@@ -80,7 +94,7 @@ export async function addLive(openFile) {
   take();
   while (!state.ended) {
     try {
-      state = await get('live/state', { after: count, picture: shown });
+      state = await get('live/state', { begun, after: count, picture: shown });
       take();
     } catch (error) {
       tell(error);

@@ -122,8 +122,8 @@ function addList() {
   onKey('n', '', () => open(current + 1));
   onKey('p', '', () => open(current - 1));
   load().then(async () => {
-    if (files.length === 0) tell('there are no images here');
     if (!await addRun(view)) open(0);
+    if (files.length === 0 && !(await watched)) tell('there are no images here');
   }).catch(tell);
   return async (/** @type {number | undefined} */ id) => {
     const shown = files[current]?.id;
@@ -143,6 +143,8 @@ addProgress();
 addAbout();
 addHeader();
 addStatus(view);
+/** Whether a folder is watched: it may have no images yet. */
+const watched = get('live/state', { begun: 0, after: 0, picture: -1 }).then((state) => !!state.folder);
 const openFile = addList();
 addOperations(view, openFile).catch(tell);
 addPlan(() => openFile(undefined)).catch(tell);

@@ -166,6 +166,7 @@ export function addMeasuringTools(view, statistics) {
         x0: from.x, y0: from.y, x1: to.x, y1: to.y });
       if (!found) return;
       panel.open = true;
+      if (found.arc !== null && drawn) length.textContent = `${length.textContent}, ${found.arc.toFixed(1)}″`;
       const count = found.planes[0].length;
       const steps = Array.from({ length: count }, (_, i) => (i * found.length) / (count - 1));
       const axis = { stroke: '#97a1af', grid: { stroke: '#2c3440', width: 1 }, ticks: { stroke: '#2c3440' } };
@@ -209,8 +210,7 @@ export function addMeasuringTools(view, statistics) {
     const dx = to.x - from.x, dy = to.y - from.y, pixels = Math.hypot(dx, dy);
     if (tool === 'line') {
       const angle = (Math.atan2(-dy, dx) * 180) / Math.PI;
-      const arc = info.scale ? `, ${(pixels * info.scale).toFixed(1)}″` : '';
-      length.textContent = `${pixels.toFixed(1)} px${arc}, ${angle.toFixed(1)}°`;
+      length.textContent = `${pixels.toFixed(1)} px, ${angle.toFixed(1)}°`;
       if (event.type === 'dragend') drawProfile();
     } else if (event.type === 'dragend') {
       const rect = {

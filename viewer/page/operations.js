@@ -249,7 +249,7 @@ export async function addOperations(view, openFile) {
     const isPicture = asOpened.checked || list.some((step) => PICTURES.has(byName.get(step.operation)?.family ?? ''));
     const body = {
       id: info.id, developed: info.developed, steps: list, seen: [seen.left, seen.top, seen.right, seen.bottom],
-      scale: view.scale(), as_is: !isPicture, levels: view.shown.levels, linked: view.shown.linked, colours: view.shown.colours,
+      scale: view.scale(), as_is: !isPicture, levels: view.shown.levels, stretch: view.shown.steps, linked: view.shown.linked, colours: view.shown.colours,
     };
     try {
       const answer = await fetch('operations/preview', {

@@ -21,7 +21,7 @@ export function addRejected(view, run) {
     parts.hidden = !hasMaps;
     text.textContent = hasMaps ? '' : 'This run kept no maps of them: korimg run --rejection-maps does.';
     view.cover(on.checked && number >= 0
-      ? (level, x, y) => address('run/rejected', { run: run.id, stack: number, level, x, y, v: version }) : null, Number(slider.value));
+      ? (level, x, y) => address('run/rejected', { run: run.id, stack: number, level, x, y, overlap: 1, v: version }) : null, Number(slider.value));
   };
   on.addEventListener('change', lay);
   slider.addEventListener('input', () => view.setCover(Number(slider.value)));

@@ -27,7 +27,7 @@ import { addWork } from './work.js';
  * @property {number} [weight]
  * @property {number} [rejected] share
  */
-/** @typedef {{out: boolean[], saved: boolean, undo: boolean, problem: string}} Flags */
+/** @typedef {{version: number, out: boolean[], saved: boolean, undo: boolean, problem: string}} Flags */
 /** @typedef {{name: string, image: number | null, maps: boolean, filter: string, frames: number, lights: number, fwhm: number, noise: number}} Stack */
 /**
  * @typedef {Object} RunInfo
@@ -115,12 +115,29 @@ export class RunView extends EventTarget {
   /** @param {string} name @param {Object} body */
   async #change(name, body) {
     try {
-      const flags = await post(name, { run: this.id, ...body });
+      const flags = await post(name, { run: this.id, version: this.info?.version, ...body });
       if (!this.info) return;
       this.info.flags = flags;
       this.dispatchEvent(new Event('flags'));
     } catch (error) {
       tell(error);
+      await this.renew();
+    }
+  }
+
+  /** Takes over what other pages, or a run in a terminal, have changed. */
+  async renew() {
+    const { info, id } = this;
+    if (!info) return;
+    try {
+      const flags = /** @type {Flags} */ (await get('run/flags', { run: id }));
+      if (this.info !== info) return;
+      if (flags.version !== info.version) return void (await this.load(id));
+      if (JSON.stringify(flags) === JSON.stringify(info.flags)) return;
+      info.flags = flags;
+      this.dispatchEvent(new Event('flags'));
+    } catch {
+      // The server is gone, or the run is being written.
     }
   }
 }
@@ -264,14 +281,15 @@ function addActions(run, place, blink) {
 
   const dialog = make('dialog', { id: 'again', ariaLabel: 'Stack again' });
   document.body.append(dialog);
-  const ask = () => {
+  const ask = async () => {
+    await run.renew();
     const info = run.info;
     if (!info) return;
     const out = info.flags.out.filter(Boolean).length;
     const folder = make('input', { type: 'text', className: 'wide', placeholder: 'second', ariaLabel: 'Name of a new folder' });
     const start = async (/** @type {Object} */ body) => {
       try {
-        await post('run/again', { run: run.id, ...body });
+        await post('run/again', { run: run.id, version: run.info?.version, ...body });
         dialog.close();
         work.follow();
       } catch (error) {
@@ -343,5 +361,7 @@ export async function addRun(view) {
   onKey('u', 'undo the last flag', () => run.undo());
   const open = (/** @type {number} */ id) => run.load(id).then(() => blink.showStack(true)).catch(tell);
   await open(runs[0].id);
+  const interval = 3000;
+  setInterval(() => document.visibilityState === 'visible' && void run.renew(), interval);
   return run;
 }

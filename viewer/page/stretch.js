@@ -39,12 +39,15 @@ function makeField(name, scale, take) {
     take(value);
   });
   box.addEventListener('change', () => {
-    const value = Number(box.value);
-    if (Number.isFinite(value)) take(value);
+    const value = box.value.trim() === '' ? NaN : Number(box.value);
+    if (!Number.isFinite(value)) return set(last);
+    take(value);
     set(value);
   });
+  let last = 0;
   /** @param {number} value */
   const set = (value) => {
+    last = value;
     box.value = pretty(value);
     slider.value = String(Math.round(1000 * Math.min(Math.max(scale().to(value), 0), 1)));
   };

@@ -25,21 +25,23 @@ float LargestOf(const Band<const float>& rows, int x, int y) {
 std::string DrawRejections(Pyramid& low, Pyramid& high, const TilePlace& place, int frames,
                            const std::function<bool()>& isGone) {
   constexpr double kBlue[] = {86, 180, 233}, kOrange[] = {255, 150, 20}, kFull = 0.2;
-  const auto [level, column, row] = place;
   if (low.At(0).width != high.At(0).width || low.At(0).height != high.At(0).height) {
     throw UsageError("the maps of what is too low and too high are of two sizes");
   }
-  const bool isThere = level >= 0 && level < low.Levels() && row >= 0 && row < low.Strips(level) &&
-                       column >= 0 && column <= (low.At(level).width - 1) / Pyramid::kTile;
-  if (!isThere) throw UsageError("the picture has no such tile");
-  const Pyramid::StripPtr below = low.Get(level, row, isGone), above = high.Get(level, row, isGone);
-  const int left = column * Pyramid::kTile, width = std::min(Pyramid::kTile, below->rows.Width() - left),
-            height = below->rows.Rows();
+  const CRect rect = RectOf(low, place);
+  const int width = rect.Width(), height = rect.Height();
+  const auto fill = [&](Pyramid& pyramid, BandBuffer& buffer) {
+    const Band<float> rows = buffer.Get(pyramid.Of().shape.planes, width, 0, height);
+    pyramid.Fill(place.level, rect, rows, isGone);
+    return rows;
+  };
+  BandBuffer lowRows, highRows;
+  const Band<const float> below = fill(low, lowRows), above = fill(high, highRows);
   std::vector<unsigned char> pixels;
   pixels.reserve(4UL * width * height);
   for (int y = 0; y < height; ++y) {
-    for (int x = left; x < left + width; ++x) {
-      const double few = LargestOf(below->rows, x, y), many = LargestOf(above->rows, x, y), all = few + many;
+    for (int x = 0; x < width; ++x) {
+      const double few = LargestOf(below, x, y), many = LargestOf(above, x, y), all = few + many;
       // The root keeps what is thin in view on coarse levels.
       const double opacity = std::sqrt(std::min(all / std::max(kFull * frames, 1.0), 1.0));
       for (int c = 0; c < 3; ++c) {

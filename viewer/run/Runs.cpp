@@ -17,7 +17,7 @@ std::string Previews::Get(RegisteredFrames& frames, const FinishedRun& run, std:
                           const std::function<bool()>& isGone) {
   const Shape& shape = frames.Size();
   const int shrink = ShrinkTo(shape, side);
-  const Key key{frame, shrink};
+  const Key key{frame, shrink, files::StampOf(run.frames.at(frame).frame.file)};
   const auto find = [&]() -> const std::string* {
     const std::lock_guard lock(mutex_);
     const auto found = std::ranges::find(kept_, key, &std::pair<Key, std::string>::first);
@@ -29,7 +29,7 @@ std::string Previews::Get(RegisteredFrames& frames, const FinishedRun& run, std:
   const std::lock_guard one(making_);  // each takes all processors
   if (const std::string* jpeg = find()) return *jpeg;
   if (isGone()) throw Cancelled();
-  const Levels levels = LevelsOf(frames, run.frames.at(frame).stack);
+  const Levels levels = frames.StretchOf(frame);
   std::string jpeg;
   PictureSaver saver(jpeg, shape, levels, shrink);
   BandBuffer band;
@@ -59,23 +59,28 @@ std::string Previews::Get(RegisteredFrames& frames, const FinishedRun& run, std:
   return jpeg;
 }
 
-Levels Previews::LevelsOf(RegisteredFrames& frames, const std::string& stack) {
-  {
-    const std::lock_guard lock(mutex_);
-    if (const auto found = levels_.find(stack); found != levels_.end()) return found->second;
-  }
-  const Levels levels = frames.StretchOf(stack);
-  const std::lock_guard lock(mutex_);
-  return levels_.emplace(stack, levels).first->second;
+namespace {
+
+/// The state of what a run leaves last; empty where it is gone.
+std::string RecordOf(const fs::path& folder) {
+  const fs::path record = folder / "report.html";
+  return fs::exists(record) ? files::StampOf(record) : "";
 }
+
+}  // namespace
 
 ViewedRun::ViewedRun(Job& job, OpenImages& images, const fs::path& folder, int version)
     : job_(job),
       images_(images),
+      stamp_(RecordOf(folder)),
       run_(OpenRun(folder)),
       version_(version),
       flags_(run_),
       previews_(job.Memory() / 16) {}
+
+bool ViewedRun::IsOld() const {
+  return RecordOf(run_.folder) != stamp_;
+}
 
 std::shared_ptr<RegisteredFrames> ViewedRun::Frames() {
   const std::lock_guard lock(opening_);
@@ -90,8 +95,8 @@ std::string ViewedRun::Preview(std::size_t frame, int side, const std::function<
   return previews_.Get(*Frames(), run_, frame, side, isGone);
 }
 
-Levels ViewedRun::LevelsOf(const std::string& stack) {
-  return previews_.LevelsOf(*Frames(), stack);
+Levels ViewedRun::LevelsOf(std::size_t frame) {
+  return Frames()->StretchOf(frame);
 }
 
 int ViewedRun::ImageOf(std::size_t frame) {
@@ -136,17 +141,12 @@ std::shared_ptr<ViewedRun> Runs::Get(int id) {
   const std::lock_guard lock(mutex_);
   auto& run = open_[id];
   try {
-    if (!run) run = std::make_shared<ViewedRun>(job_, images_, FolderOf(id), ++versions_);
+    if (!run || run->IsOld()) run = std::make_shared<ViewedRun>(job_, images_, FolderOf(id), ++versions_);
   } catch (...) {
     open_.erase(id);
     throw;
   }
   return run;
-}
-
-void Runs::Forget(int id) {
-  const std::lock_guard lock(mutex_);
-  open_.erase(id);
 }
 
 }  // namespace korimg::viewer

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -17,7 +18,8 @@
 
 namespace korimg::viewer {
 
-/// JPEGs of a run's registered frames, all of a stack at one stretch. As many are kept as fit into a budget.
+/// JPEGs of a run's registered frames, all of a stack at one stretch about their own sky. As many are kept as
+/// fit into a budget.
 class Previews {
  public:
   explicit Previews(long long bytes) : bytes_(bytes) {}
@@ -27,15 +29,12 @@ class Previews {
   std::string Get(
       session::RegisteredFrames& frames, const session::FinishedRun& run, std::size_t frame, int side,
       const std::function<bool()>& isGone = [] { return false; });
-  /// What they are shown by.
-  session::Levels LevelsOf(session::RegisteredFrames& frames, const std::string& stack);
 
  private:
-  using Key = std::pair<std::size_t, int>;
+  using Key = std::tuple<std::size_t, int, std::string>;  ///< frame, size, and state of its file
 
   long long bytes_, held_ = 0;
   std::mutex mutex_, making_;
-  std::map<std::string, session::Levels> levels_;
   std::list<std::pair<Key, std::string>> kept_;  ///< the last one used first
 };
 
@@ -47,6 +46,8 @@ class ViewedRun {
   const session::FinishedRun& Run() const { return run_; }
   /// For addresses: another one each time that it is opened.
   int Version() const { return version_; }
+  /// The folder holds another run than this one by now.
+  bool IsOld() const;
 
   /// Calls change(flags), which nobody else uses meanwhile.
   template <class Change>
@@ -55,7 +56,8 @@ class ViewedRun {
     return change(flags_);
   }
   std::string Preview(std::size_t frame, int side, const std::function<bool()>& isGone);
-  session::Levels LevelsOf(const std::string& stack);
+  /// What a frame is shown by.
+  session::Levels LevelsOf(std::size_t frame);
   int Planes() { return Frames()->Size().planes; }
   /// The number that a registered frame can be looked at by, as a file is.
   int ImageOf(std::size_t frame);
@@ -65,6 +67,7 @@ class ViewedRun {
 
   session::Job& job_;
   OpenImages& images_;
+  std::string stamp_;  ///< of the folder's record when it was read
   session::FinishedRun run_;
   int version_;
   std::mutex flagging_, opening_;
@@ -84,10 +87,9 @@ class Runs {
     std::string name;
   };
   std::vector<Entry> List();
-  /// @throws UsageError for a number that nothing has, FileError for what is no run any more
+  /// The run that the folder holds now. @throws UsageError for a number that nothing has, FileError for what
+  /// is no run any more
   std::shared_ptr<ViewedRun> Get(int id);
-  /// After a run was done again.
-  void Forget(int id);
 
  private:
   std::filesystem::path FolderOf(int id);

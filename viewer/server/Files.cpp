@@ -111,13 +111,23 @@ fs::path Files::Find(int id) {
 
 fs::path NewIn(const fs::path& folder, const std::string& name) {
   const fs::path plain(name);
-  if (plain.empty() || plain.filename() != plain || name.starts_with('.') || name.find('\0') != name.npos) {
-    throw session::UsageError("write a plain name, without folders");
+  constexpr std::size_t kLongest = 200;  // temporary names add to it
+  const bool isPlain = std::ranges::none_of(name, [](unsigned char c) { return c < ' ' || c == 0x7f; });
+  if (plain.empty() || plain.filename() != plain || name.starts_with('.') || !isPlain ||
+      name.size() > kLongest) {
+    throw session::UsageError("write a plain name, without folders, of up to 200 characters");
   }
   const fs::path path = folder / plain;
   if (fs::is_symlink(fs::symlink_status(path))) {
     throw files::FileError(path, "is a link; take another name");
   }
+  return path;
+}
+
+fs::path ResultsIn(const fs::path& folder, const std::string& name) {
+  const fs::path path = NewIn(folder, name);
+  if (fs::exists(path) && !fs::is_directory(path))
+    throw files::FileError(path, "is no folder; take another name");
   return path;
 }
 

@@ -17,6 +17,9 @@ bool IsBelow(const std::filesystem::path& path, const std::filesystem::path& fol
 /// FileError for a link: it would lead elsewhere.
 std::filesystem::path NewIn(const std::filesystem::path& folder, const std::string& name);
 
+/// Where the results of a run are written in a folder. Throws as NewIn, and FileError for a file.
+std::filesystem::path ResultsIn(const std::filesystem::path& folder, const std::string& name);
+
 /// A list of images that pages speak of by numbers, never by paths. Links are followed only as far as they
 /// stay below a named folder; this is looked at again whenever a file is opened. Any thread may call it.
 class Files {

@@ -258,6 +258,13 @@ HttpServer::HttpServer(const HttpOptions& options, const std::function<Response(
       served->closes = true;
       return httplib::Server::HandlerResponse::Handled;
     };
+    // Whoever reads a request otherwise than we do would see another one.
+    const auto isDouble = [&](const char* name) { return request.get_header_value_count(name) > 1; };
+    if (isDouble("Host") || isDouble("Origin") || isDouble("Content-Length") ||
+        isDouble("Transfer-Encoding") ||
+        (request.has_header("Content-Length") && request.has_header("Transfer-Encoding"))) {
+      return refuse(400, "a header is there twice\n");
+    }
     if (request.path.size() > kLongestPath) return refuse(414, "too long\n");
     if (!isPost && request.method != "GET") return refuse(405, "GET or POST\n");
     if (isPost) {

@@ -4,11 +4,14 @@
 #include <cctype>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
+#include <regex>
 #include <system_error>
 
 #include <fmt/format.h>
 #include <sys/random.h>
 
+#include "session/files/ImageFile.h"
 #include "session/job/Errors.h"
 #include "session/job/Job.h"
 #include "session/job/Json.h"
@@ -27,10 +30,10 @@ bool IsSame(std::string_view a, std::string_view b) {
 }
 
 /// This machine by a name that no name server can give to another one, at any port: ssh -L has its own.
-bool IsLocal(std::string_view host) {
-  const std::size_t end = host.starts_with('[') ? host.find(']') : host.find(':');
-  const std::string_view name = host.substr(0, host.starts_with('[') && end != host.npos ? end + 1 : end);
-  return name == "127.0.0.1" || name == "localhost" || name == "[::1]";
+bool IsLocal(const std::string& host) {
+  static const std::regex known(R"((localhost|127(\.[0-9]{1,3}){3}|\[::1\])(:[0-9]{1,5})?)");
+  constexpr std::size_t kLongest = 30;
+  return host.size() <= kLongest && std::regex_match(host, known);
 }
 
 Response Nothing() {
@@ -59,7 +62,7 @@ Response Call(const Router::Handler& handler, const Request& request) {
       session::ThrowOfFamily();
     }
   } catch (const session::Error& error) {
-    return JsonResponse({{"error", error.what()}}, StatusOf(error.Kind()));
+    return JsonResponse({{"error", TextFor(error)}}, StatusOf(error.Kind()));
   }
 }
 
@@ -107,6 +110,12 @@ Response Router::Answer(const Request& request) const {
   response.headers.emplace_back("X-Content-Type-Options", "nosniff");
   response.headers.emplace_back("Cross-Origin-Resource-Policy", "same-origin");
   return response;
+}
+
+std::string TextFor(const session::Error& error) {
+  const auto* of = dynamic_cast<const files::FileError*>(&error);
+  if (!of) return error.what();
+  return std::filesystem::path(of->Subject()).filename().string() + ": " + of->Reason();
 }
 
 Response JsonResponse(const Json& json, int status) {

@@ -43,6 +43,9 @@ class Router {
   std::map<std::string, Handler, std::less<>> gets_, posts_;
 };
 
+/// What went wrong as the page tells it: files by their names, without their folders.
+std::string TextFor(const session::Error& error);
+
 /// An object for the page.
 Response JsonResponse(const Json& json, int status = 200);
 

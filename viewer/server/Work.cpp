@@ -54,7 +54,7 @@ int Work::Start(const std::string& title, const session::JobOptions& options, Do
       }
     } catch (const session::Error& error) {
       const bool isCancelled = error.Kind() == session::ErrorKind::Cancelled;
-      End(isCancelled ? "cancelled" : "failed", {{"error", error.what()}});
+      End(isCancelled ? "cancelled" : "failed", {{"error", TextFor(error)}});
     }
   });
   return ++number_;

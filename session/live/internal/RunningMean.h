@@ -24,8 +24,8 @@ namespace korimg::session {
 ///
 /// The first three frames have nothing to be judged by. They are kept until the third is there, and then
 /// judged by each other: by their median and 1.4826 times the median distance from it, or their noise.
-/// Until then what they show counts, whatever it is; where fewer than three of them reach, it stays in and
-/// fades by its weight.
+/// Until then what they show counts, whatever it is. Where two of them reach, the higher one goes if they lie
+/// too far apart, and a value that stands alone gives way to one far below it: outliers are bright.
 class RunningMean {
  public:
   using PlaneValues = std::array<double, 3>;

@@ -11,6 +11,9 @@
 
 namespace korimg::session {
 
+/// A pattern, as of a shell, is that of a light: of its name, or of its path as it is given or as a whole.
+bool FitsPattern(const std::filesystem::path& light, const std::string& pattern);
+
 /// Takes the lights that are not wanted out of the options, and answers them.
 std::vector<RunFrame> TakeExcluded(Job& job, RunOptions& options);
 

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <map>
 #include <numbers>
+#include <optional>
 
 #include <gtest/gtest.h>
 
@@ -121,6 +122,40 @@ TEST(WorldMap, TellsPlacesOfTheSkyAsAstropyDoes) {
     EXPECT_NEAR(sky->dec, c.expectedDec, 1e-9);
   }
   EXPECT_FALSE(SkyAt({}, {700, 500}, 0, 0));
+  // Other units, and another pole.
+  struct Other {
+    const char* unit;
+    double perDegree;
+    std::optional<double> pole;
+    double dec, expectedRa, expectedDec;
+  };
+  for (const Other& c : {Other{"deg", 1, 90, 41, 0.031630029031117834, 42.2175037980384},
+                         {"deg", 1, 0, -30, 358.89103575932097, -30.19126763485579},
+                         {"deg", 1, {}, 90, 279.56998349910896, 88.7660735299761},
+                         {"arcmin", 60, {}, 41, 1.9183177664829456, 41.187471105864084},
+                         {"arcsec", 3600, {}, 41, 1.9183177664829456, 41.187471105864084},
+                         {"rad", kDegree, {}, 41, 1.9183177664829456, 41.187471105864084}}) {
+    World world{
+        {300.5, 210.25}, {0.3 * c.perDegree, c.dec * c.perDegree}, {{-0.004, 0.0015}, {0.0012, 0.0041}}};
+    for (auto& row : world.cd) {
+      for (double& number : row) {
+        number *= c.perDegree;
+      }
+    }
+    files::Header header = world.ToHeader("CD");
+    header.Set("CUNIT1", c.unit), header.Set("CUNIT2", c.unit);
+    if (c.pole) header.Set("LONPOLE", *c.pole);
+    const auto sky = SkyAt(header, {700, 500}, 41.5, 333.25);
+    ASSERT_TRUE(sky) << c.unit;
+    EXPECT_NEAR(sky->ra, c.expectedRa, 1e-9) << c.unit << ' ' << c.dec;
+    EXPECT_NEAR(sky->dec, c.expectedDec, 1e-9) << c.unit << ' ' << c.dec;
+  }
+  const World singular{{300.5, 210.25}, {10, 41}, {{0.001, 0.002}, {0.002, 0.004}}},
+      none{{300.5, 210.25}, {10, 41}, {{0, 0}, {0, 0}}},
+      beyond{{300.5, 210.25}, {10, 95}, {{0.001, 0}, {0, 0.001}}};
+  for (const World& world : {singular, none, beyond}) {
+    EXPECT_FALSE(SkyAt(world.ToHeader("CD"), {700, 500}, 3, 4));
+  }
 }
 
 TEST(WorldMap, SaysNothingOfOtherKinds) {

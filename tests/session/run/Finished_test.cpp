@@ -126,9 +126,13 @@ TEST_F(FinishedTest, FramesLieAsTheStackHasThem) {
       ++compared;
     }
     EXPECT_GT(compared, 0.9 * stack.size());
-    const Levels shown = frames.StretchOf("stack");
+    // One stretch, about the sky of each.
+    const Levels shown = frames.StretchOf(0), other = frames.StretchOf(1);
     EXPECT_GT(shown.max[0], shown.min[0]);
-    EXPECT_THROW(frames.StretchOf("none"), UsageError);
+    const auto skyOf = [&](size_t i) { return run.frames[i].frame.measure.sky; };
+    EXPECT_NEAR(other.min[0] - shown.min[0], skyOf(1) - skyOf(0), 4);  // by other pixels
+    EXPECT_DOUBLE_EQ(other.max[0] - other.min[0], shown.max[0] - shown.min[0]);
+    EXPECT_EQ(other.midtone[0], shown.midtone[0]);
     EXPECT_THROW(frames.Read(run.frames.size() - 1, buffer.Get(shape.planes, shape.width, 0, 1)),
                  files::FileError);
     EXPECT_EQ(fs::last_write_time(In("out/masters")), before) << "nothing is written";

@@ -60,7 +60,7 @@ TEST_F(RunsTest, PreviewsAreThePicturesThatTheLibraryMakes) {
   const Shape shape = frames.Size();
   Image image(NewImage(CreateContiguousManager({}), shape.width, shape.height, shape.planes));
   frames.Read(2, image.Rows());
-  const Levels levels = frames.StretchOf("stack");
+  const Levels levels = frames.StretchOf(2);
   for (const int side : {64, 150, 1600}) {
     std::string expected = JpegOf(job_, image.Pixels(), levels, ShrinkTo(shape, side));
     Previews previews(1);  // keeps one at a time
@@ -97,8 +97,7 @@ TEST_F(RunsTest, PreviewsLieAsTheStackDoes) {
   Image image(NewImage(CreateContiguousManager({}), shape.width, shape.height, shape.planes));
   frames.Read(1, image.Rows());
   TurnOver(image.Pixels());
-  EXPECT_TRUE(Previews(1).Get(frames, run, 1, 1600) ==
-              JpegOf(job_, image.Pixels(), frames.StretchOf("stack"), 1));
+  EXPECT_TRUE(Previews(1).Get(frames, run, 1, 1600) == JpegOf(job_, image.Pixels(), frames.StretchOf(1), 1));
 }
 
 TEST_F(RunsTest, FlagsAreWhatTheToolReads) {
@@ -147,18 +146,20 @@ TEST_F(RunsTest, FlaggedFramesAreLeftOutOfTheStackThatIsMadeAgain) {
   const int stack = before["stacks"][0]["image"];
   EXPECT_EQ(context_->files.Find(stack), fs::canonical(In("out/stack.fits")));
   const std::string bytes = files::ReadBytes(In("out/stack.fits"));
-  EXPECT_EQ(Send("run/flag", R"({"run":0,"frames":[1],"out":true})").status, 200);
+  EXPECT_EQ(Send("run/flag", R"({"run":0,"version":1,"frames":[1],"out":true})").status, 200);
   EXPECT_EQ(Send("run/again", R"({"run":0})").status, 400) << "results are not replaced unasked";
   EXPECT_TRUE(files::ReadBytes(In("out/stack.fits")) == bytes);
-  EXPECT_EQ(Send("run/again", R"({"run":0,"folder":"second"})").status, 200);
+  EXPECT_EQ(Send("run/again", R"({"run":0,"version":1,"folder":"second"})").status, 200);
   Json state = WaitForWork();
   EXPECT_EQ(state["state"], "done") << state;
   EXPECT_TRUE(files::ReadBytes(In("out/stack.fits")) == bytes);
   EXPECT_EQ(OpenRun(In("out/second")).stacks[0].frames, 3);
   EXPECT_EQ(Json::parse(Ask("runs").body).size(), 2u);
-  EXPECT_EQ(Send("run/again", R"({"run":0,"folder":"second"})").status, 422) << "is there by now";
-  EXPECT_EQ(Send("run/again", R"({"run":0,"replace":true})").status, 200);
+  EXPECT_EQ(Send("run/again", R"({"run":0,"version":1,"folder":"second"})").status, 422) << "is there by now";
+  EXPECT_EQ(Send("run/again", R"({"run":0,"version":1,"replace":true})").status, 200);
   state = WaitForWork();
+  EXPECT_EQ(Send("run/flag", R"({"run":0,"version":1,"frames":[0],"out":true})").status, 400)
+      << "frames are counted otherwise now";
   EXPECT_EQ(state["result"]["stacks"][0]["frames"], 3) << state;
   const Json after = Json::parse(Ask("run", {{"run", "0"}}).body);
   EXPECT_EQ(after["stacks"][0]["frames"], 3);
@@ -166,6 +167,7 @@ TEST_F(RunsTest, FlaggedFramesAreLeftOutOfTheStackThatIsMadeAgain) {
   const auto flagged = std::ranges::find_if(
       after["frames"], [&](const Json& frame) { return frame["name"] == before["frames"][1]["name"]; });
   EXPECT_EQ(after["flags"]["out"][flagged - after["frames"].begin()], true) << "wherever it is told of now";
+  EXPECT_EQ(std::ranges::count(after["flags"]["out"].get<std::vector<bool>>(), true), 1);
   EXPECT_FALSE(files::ReadBytes(In("out/stack.fits")) == bytes);
   EXPECT_TRUE(files::ReadBytes(In("out/stack_float.tif")) ==
               files::ReadBytes(In("out/second/stack_float.tif")));
@@ -188,19 +190,24 @@ TEST_F(RunsTest, WhatIsNotThereIsRefused) {
   EXPECT_EQ(Ask("run/thumbnail", {{"run", "0"}, {"frame", "4"}}).status, 400) << "it was never read";
   EXPECT_EQ(Ask("run/frame", {{"run", "0"}, {"frame", "4"}}).status, 400);
   EXPECT_EQ(Ask("image/info", {{"id", std::to_string((1 << 29) + 77)}}).status, 400);
-  for (const char* body : {"", "[]", "{}", R"({"run":"0"})", R"({"run":-1})", R"({"run":1e30})",
-                           R"({"run":7,"frames":[0],"out":true})", R"({"run":0,"frames":0,"out":true})",
-                           R"({"run":0,"frames":[-1],"out":true})", R"({"run":0,"frames":[5],"out":true})",
-                           R"({"run":0,"frames":[0.5],"out":true})", R"({"run":0,"frames":["0"],"out":true})",
-                           R"({"run":0,"frames":[0],"out":1})"}) {
+  for (const char* body :
+       {"", "[]", "{}", R"({"run":"0"})", R"({"run":-1})", R"({"run":1e30})",
+        R"({"run":7,"frames":[0],"out":true})", R"({"run":0,"version":1,"frames":0,"out":true})",
+        R"({"run":0,"version":1,"frames":[-1],"out":true})",
+        R"({"run":0,"version":1,"frames":[5],"out":true})",
+        R"({"run":0,"version":1,"frames":[0.5],"out":true})",
+        R"({"run":0,"version":1,"frames":["0"],"out":true})",
+        R"({"run":0,"version":1,"frames":[0],"out":1})"}) {
     EXPECT_EQ(Send("run/flag", body).status, 400) << body;
   }
   for (const char* folder : {"../x", "a/b", "/tmp/x", ".", "..", ".korimg", "a b", "ß"}) {
-    EXPECT_EQ(Send("run/again", "{\"run\":0,\"folder\":\"" + std::string(folder) + "\"}").status, 400)
+    EXPECT_EQ(
+        Send("run/again", "{\"run\":0,\"version\":1,\"folder\":\"" + std::string(folder) + "\"}").status, 400)
         << folder;
   }
-  EXPECT_EQ(Send("run/again", R"({"run":0,"folder":5})").status, 400);
-  EXPECT_EQ(Send("run/again", R"({"run":0,"folder":"masters2","replace":5})").status, 200) << "a new folder";
+  EXPECT_EQ(Send("run/again", R"({"run":0,"version":1,"folder":5})").status, 400);
+  EXPECT_EQ(Send("run/again", R"({"run":0,"version":1,"folder":"masters2","replace":5})").status, 200)
+      << "a new folder";
   WaitForWork();
   EXPECT_EQ(Send("run/save", "x").status, 400);
   EXPECT_EQ(Send("run/undo", "null").status, 400);

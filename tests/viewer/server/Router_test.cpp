@@ -59,12 +59,14 @@ TEST_F(RouterTest, AnswersThisMachineByItsOwnNamesOnly) {
     request.origin = origin;
     return router_.Answer(request).status;
   };
-  for (const char* host : {"127.0.0.1", "127.0.0.1:80", "localhost:9", "[::1]:9", "[::1]"}) {
+  for (const char* host : {"127.0.0.1", "127.0.0.1:80", "127.0.0.2:80", "localhost:9", "[::1]:9", "[::1]"}) {
     EXPECT_EQ(status(host), 200) << host;
     EXPECT_EQ(status(host, "http://" + std::string(host)), 200) << host;
   }
-  for (const char* host : {"", "evil.example", "127.0.0.1.evil.example:80", "localhost.evil:80", "[::2]:80",
-                           "[::1", "::1", "127.0.0.2:80", "LOCALHOST@evil"}) {
+  for (const char* host :
+       {"", "evil.example", "127.0.0.1.evil.example:80", "localhost.evil:80", "[::2]:80", "[::1", "::1",
+        "127.0.0:80", "LOCALHOST@evil", "[::1].evil.example", "127.0.0.1:80@evil.example",
+        "localhost:80.evil.example", "127.0.0.1:x", "127.0.0.1:"}) {
     EXPECT_EQ(status(host), 404) << host;
   }
   for (const char* origin : {"null", "http://evil.example", "http://127.0.0.1:1", "https://127.0.0.1:8000"}) {
