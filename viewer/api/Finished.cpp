@@ -237,7 +237,7 @@ Response Again(const Request& request, Context& context) {
   const std::string origin = (first.empty() ? "korimg view" : first) + " (again, without " +
                              std::to_string(left) + " frames, by korimg view)";
   context.work.Start("stacking " + run.folder.filename().string() + " again", {.origin = origin},
-                     [&context, options, id](Job& job) -> Json {
+                     [options, id](Job& job) -> Json {
                        const RunResult result = Run(job, options);
                        Json stacks = Json::array();
                        for (const RunStack& stack : result.stacks) {

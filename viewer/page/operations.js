@@ -272,13 +272,16 @@ export async function addOperations(view, openFile) {
   }
   async function check() {
     const info = view.info, list = wanted();
-    command.value = '';
-    if (!info || !panel.open || list.length === 0) return null;
+    if (!info || !panel.open || list.length === 0) {
+      command.value = '';
+      return null;
+    }
     try {
       const checked = await post('operations/check', { id: info.id, steps: list, name: name.value });
       command.value = checked.command;
       return checked;
     } catch (error) {
+      command.value = '';
       note.textContent = error instanceof Error ? error.message : String(error);
       return null;
     }

@@ -31,14 +31,15 @@ describe('operations in the browser', { skip: missing, timeout: 120_000 }, () =>
   const panel = () => page.locator('#operations');
   const names = () => panel().locator('.steps .head label').allTextContents();
   const command = () => panel().locator('textarea').inputValue();
-  /** The mean of what lies over the image. */
-  const overlay = () => page.evaluate(() => {
-    const canvas = document.querySelector('#stage canvas.overlay');
+  /** The mean of what lies over the image, and of the image. */
+  const overlay = () => meanOf('#stage canvas.overlay'), picture = () => meanOf('#stage canvas:not(.overlay)');
+  const meanOf = (selector) => page.evaluate((name) => {
+    const canvas = document.querySelector(name);
     const { data } = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height);
     let sum = 0;
     for (let i = 0; i < data.length; i += 4) sum += data[i];
     return sum / (data.length / 4);
-  });
+  }, selector);
   /** Adds an operation, and waits for its preview. */
   async function add(name) {
     await panel().getByLabel('Find an operation').fill(name);
@@ -59,6 +60,15 @@ describe('operations in the browser', { skip: missing, timeout: 120_000 }, () =>
     await add('bright');
     const plain = await overlay();
     assert.ok(plain > 1);
+    // What changes nothing is seen as the picture is, whatever it is stretched by.
+    assert.ok(Math.abs(plain - await picture()) < 0.5, `${plain} over ${await picture()}`);
+    await page.getByText('Hyperbolic stretch').click();
+    await settled(() => page.getByLabel('on, before the midtones').check());
+    await page.waitForTimeout(1000);
+    const stretched = await overlay();
+    assert.ok(stretched > plain + 5 && Math.abs(stretched - await picture()) < 0.5, `${stretched} over ${await picture()}`);
+    await settled(() => page.getByRole('button', { name: 'Automatic' }).click());
+    await page.waitForTimeout(500);
     await settled(() => panel().getByLabel('bright', { exact: false }).last().fill('60').then(() => page.keyboard.press('Tab')));
     assert.ok(await overlay() > plain + 5, `${plain} ${await overlay()}`);
     assert.match(await command(), /korimg apply bright bright=60 /);
