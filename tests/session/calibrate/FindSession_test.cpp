@@ -115,6 +115,26 @@ TEST_F(FindSessionTest, FramesAreWhatTheyOrTheirFoldersOrTheirNamesSay) {
   EXPECT_THROW(FindSession(job, In("nowhere")), files::FileError);
 }
 
+TEST_F(FindSessionTest, ResultsLieApartFromFramesAndOtherFoldersFillGaps) {
+  Frame("night/lights/l1.fits", {});
+  Frame("night/darks/d1.fits", {});
+  Frame("night/unfinished/stack.fits", {});
+  fs::create_directory(In("night/unfinished/.korimg"));
+  Frame("library/darks/d7.fits", {});
+  Frame("library/flats/f7.fits", {});
+  Job job(options_);
+  const SessionFrames found = FindSession(job, In("night"), In("night/result"), In("library"));
+  EXPECT_EQ(Names(found.lights), "l1") << "a run that was not finished holds no frames";
+  EXPECT_EQ(Names(found.darks), "d1");
+  EXPECT_EQ(Names(found.flats), "f7");
+  for (const char* taken : {"night/darks", "night/lights"}) {
+    EXPECT_NE(files::ErrorOf([&] { FindSession(job, In("night"), In(taken)); }).find("holds frames"),
+              std::string::npos)
+        << taken;
+  }
+  EXPECT_EQ(Names(FindSession(job, In("night"), In("night/unfinished")).lights), "l1");
+}
+
 TEST_F(FindSessionTest, NightsFoldersAndRotatorsHaveTheirOwnFlats) {
   const auto at = [](const char* kind, int day, int hour) {
     return Cards{{"IMAGETYP", kind},

@@ -40,7 +40,7 @@ TEST(NoiseModel, RawValuesAreCalibratedWithTheirVariancesAndFlags) {
   for (const auto& row : kCases) {
     raw.push_back(row.raw), offset.push_back(row.offset), flat.push_back(row.flat);
   }
-  const auto band = [count](std::vector<float>& v) { return Band<float>(v.data(), 1, count, 7, 1); };
+  const auto band = [](std::vector<float>& v) { return Band<float>(v.data(), 1, count, 7, 1); };
   const float average = 1000;
   noise.Fill(band(raw), band(offset), band(flat), &average, {band(variance), band(bits)});
   for (int i = 0; i < count; ++i) {

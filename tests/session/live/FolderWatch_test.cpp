@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tests/support/Folder.h"
@@ -177,6 +178,38 @@ TEST_F(FolderWatchTest, WhatEndsTooEarlyIsWaitedForAMinute) {
   EXPECT_EQ(Told(watch, 2, 500ms), Strings{"y.fits"});
   fs::last_write_time(Night("x.fits"), fs::file_time_type::clock::now() - 2min);
   EXPECT_EQ(Told(watch, 1), Strings{"x.fits"});
+}
+
+TEST_F(FolderWatchTest, WhatIsWrittenAnewComesAgain) {
+  const std::string fits = Fits();
+  for (const bool notifications : {true, false}) {
+    SCOPED_TRACE(notifications);
+    FolderWatch watch(job_, {.folder = In("night"), .interval = 40ms, .notifications = notifications});
+    Put("x.fits", std::string(fits.size(), 0));  // its room before its pixels
+    EXPECT_EQ(Told(watch, 1), Strings{"x.fits"});
+    Put("x.fits", fits);
+    EXPECT_EQ(Told(watch, 1), Strings{"x.fits"});
+    EXPECT_EQ(Told(watch, 1, 300ms), Strings{}) << "once";
+    fs::remove(Night("x.fits"));
+    EXPECT_EQ(Told(watch, 1, 200ms), Strings{});
+    Put("x.fits", fits);
+    EXPECT_EQ(Told(watch, 1), Strings{"x.fits"});
+    // The folder itself, as on a disk that is pulled out and comes back.
+    fs::rename(In("night"), In("away"));
+    EXPECT_THROW(Told(watch, 1), files::FileError);
+    fs::rename(In("away"), In("night"));
+    Put("y.fits", fits);
+    EXPECT_EQ(Told(watch, 1), Strings{"y.fits"});
+    fs::remove(Night("x.fits")), fs::remove(Night("y.fits"));
+  }
+}
+
+TEST_F(FolderWatchTest, APipeIsNotWaitedFor) {
+  ASSERT_EQ(mkfifo(Night("pipe.fits").c_str(), 0600), 0);
+  FolderWatch watch(job_, {.folder = In("night"), .interval = 30ms});
+  EXPECT_EQ(Told(watch, 1), Strings{"pipe.fits"});
+  EXPECT_NE(files::ErrorOf([&] { files::ImageReader::Open(Night("pipe.fits")); }).find("not a regular file"),
+            std::string::npos);
 }
 
 TEST_F(FolderWatchTest, EndsWithItsFolderAndItsJob) {

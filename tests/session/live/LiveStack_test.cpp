@@ -285,7 +285,8 @@ TEST_F(LiveStackTest, SaysWhyAFrameIsLeftOut) {
     EXPECT_NE(frame.status.find(reason), std::string::npos) << path << ": " << frame.status;
   }
   EXPECT_TRUE(live.Add(Make("night/more.fits", likewise(8))).isAdded);
-  EXPECT_EQ(live.Frames().size(), 6 + std::size(others));
+  EXPECT_EQ(live.Add(In("night/more.fits")).status, "was written anew with the pixels that it had");
+  EXPECT_EQ(live.Frames().size(), 7 + std::size(others));
   EXPECT_EQ(live.Snapshot()->Header().GetDouble("NCOMBINE"), 5);
   EXPECT_FALSE(job_.HasFailed());
 }
@@ -297,6 +298,8 @@ TEST_F(LiveStackTest, IsCalibratedAsASessionIs) {
     for (int i = 1; i <= 4; ++i) {
       const LiveFrame frame = live->Add(LightOf(i));
       EXPECT_TRUE(frame.isAdded) << frame.status;
+      EXPECT_NE(frame.masters.find("flat"), std::string::npos) << frame.masters;
+      EXPECT_NE(frame.masters.find("dark"), std::string::npos) << frame.masters;
     }
     return live;
   };
@@ -431,6 +434,38 @@ TEST_F(LiveStackTest, WhatIsWrongWithCalibrationFramesAndCancelEndTheCall) {
   job_.options.cancel->Cancel();
   EXPECT_THROW(live.Add(LightOf(1)), Cancelled);
   EXPECT_TRUE(live.Frames().empty());
+}
+
+/// Ready masters of another place serve the run too, as `run --calibration` has them.
+TEST_F(LiveStackTest, StacksProperlyWithReadyMasters) {
+  Simulated({.frames = 4, .width = 300, .height = 200});
+  fs::create_directory(In("library"));
+  for (const char* kind : {"darks", "flats", "biases"}) {
+    fs::rename(In("night") / kind, In("library") / kind);
+  }
+  LiveOptions live;
+  live.calibrate.masters = In("library");
+  RunOptions plain;
+  plain.calibrate.out = In("run");
+  TakeSession(job_, In("night"), plain.calibrate, In("library"));
+  EXPECT_FALSE(plain.calibrate.darks.empty() || plain.calibrate.flats.empty());
+  const RunResult proper = session::Run(job_, ProperRun(job_, In("night"), In("live"), live)),
+                  run = session::Run(job_, plain);
+  ASSERT_EQ(proper.stacks.size(), 1);
+  EXPECT_EQ(files::ReadBytes(In("live/stack_float.tif")), files::ReadBytes(In("run/stack_float.tif")));
+  EXPECT_FALSE(fs::exists(In("library/masters.json"))) << "nothing is written there";
+  // Calibration takes the sky down.
+  RunOptions bare;
+  bare.calibrate.out = In("bare");
+  TakeSession(job_, In("night"), bare.calibrate);
+  const RunResult uncalibrated = session::Run(job_, bare);
+  EXPECT_GT(uncalibrated.frames[0].measure.sky, proper.frames[0].measure.sky + 100);
+  fs::create_directory(In("empty"));
+  for (const char* folder : {"empty", "none"}) {
+    live.calibrate.masters = In(folder);
+    EXPECT_THROW(LiveStack(job_, live), files::FileError) << folder;
+    EXPECT_THROW(FindSession(job_, In("night"), {}, In(folder)), files::FileError) << folder;
+  }
 }
 
 TEST_F(LiveStackTest, StacksProperlyAsARunDoes) {
