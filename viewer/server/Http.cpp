@@ -21,6 +21,7 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
+constexpr seconds kSilent{3};     // that a new connection may say nothing
 constexpr seconds kIdle{15};      // that a connection is kept for its next request
 constexpr seconds kPatience{30};  // for a reader that takes nothing
 constexpr int kRequests = 1000;   // of a connection
@@ -97,7 +98,7 @@ class Connection : public httplib::Stream {
     closes = true;
     deadline_ = Clock::now() + seconds(options_.seconds);
     return next_ < filled_ ||
-           Wait(POLLIN, Clock::now() + (requests_++ == 0 ? seconds(options_.seconds) : kIdle));
+           Wait(POLLIN, Clock::now() + (requests_++ == 0 ? std::min(kSilent, seconds(options_.seconds)) : kIdle));
   }
   /// The head was read: there may be so much more.
   void ExpectBody() { left_ = options_.largestBody; }
