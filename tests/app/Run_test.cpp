@@ -557,6 +557,10 @@ TEST_F(RunTest, BadSessionsSayWhatToDo) {
   EXPECT_NE(Shell("korimg run nowhere --out out").err.find("is no folder"), std::string::npos);
   ASSERT_TRUE(Simulate(In("night"), {.frames = 2, .width = 300, .height = 200}));
   ASSERT_EQ(Shell("korimg run night --out out").code, 0);
+  EXPECT_NE(Shell("korimg run night --out no --calibration empty").err.find("holds no calibration frames"),
+            std::string::npos);
+  EXPECT_NE(Shell("korimg run night --out night/lights").err.find("holds frames; name another folder"),
+            std::string::npos);
   // Few of many; copies count once.
   for (int i = 0; i < 3; ++i) {
     WriteBytes(In(fmt::format("night/lights/x{}.fits", i)), "no image");
