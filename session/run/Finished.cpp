@@ -242,7 +242,9 @@ StackInput RegisteredFrames::Kept::InputOf(size_t number) {
     throw files::FileError(frame.frame.file, "cannot be shown: " + frame.frame.status);
   }
   const Registration& laid = frame.frame.registration;
-  if (!laid.IsGood()) throw files::FileError(frame.frame.file, "is not registered: " + (laid.Text().empty() ? frame.frame.status : laid.Text()));
+  if (!laid.IsGood())
+    throw files::FileError(frame.frame.file,
+                           "is not registered: " + (laid.Text().empty() ? frame.frame.status : laid.Text()));
   if (session.DigestOf(*own.light) != frame.digest) {
     throw files::FileError(frame.frame.file,
                            "is not what the run saw, or its masters are not; call korimg run again");

@@ -185,7 +185,8 @@ TEST(CImgWindowing, RaisedCosineAboutTheMiddle) {
         const auto src = Make(store.make(), width, height, 2, Random(-100, 1200));
         const auto target = Make<CImgWindowing>(src->VmManager(), width, height, 2, Random(0, 1));
         ASSERT_EQ(target->Do(mode, radius, src.get(), 0), 1);
-        const auto want = [&, mode = mode, radius = radius](int p, int x, int y) {
+        const auto want = [&, width = width, height = height, mode = mode, radius = radius](int p, int x,
+                                                                                            int y) {
           const double r = std::hypot(x - width / 2, y - height / 2);
           const double w = mode ? 1 : r < radius ? 0.5 + 0.5 * std::cos(3.14159265358979 * r / radius) : 0;
           return src->GetPixelGrayRaw(x, y, p) * w;

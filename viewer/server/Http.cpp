@@ -98,7 +98,8 @@ class Connection : public httplib::Stream {
     closes = true;
     deadline_ = Clock::now() + seconds(options_.seconds);
     return next_ < filled_ ||
-           Wait(POLLIN, Clock::now() + (requests_++ == 0 ? std::min(kSilent, seconds(options_.seconds)) : kIdle));
+           Wait(POLLIN,
+                Clock::now() + (requests_++ == 0 ? std::min(kSilent, seconds(options_.seconds)) : kIdle));
   }
   /// The head was read: there may be so much more.
   void ExpectBody() { left_ = options_.largestBody; }

@@ -46,7 +46,7 @@ TEST_F(CompositeSteps, CombineWhereTheSecondReaches) {
               {.mode = mode, .dx = 5, .dy = 3, .weight = 0.3});
     EXPECT_EQ(Difference(
                   first.Pixels(),
-                  [&](int p, int x, int y) {
+                  [&, value = value](int p, int x, int y) {
                     const double own = first_(p, x, y);
                     return reaches(x, y) ? value(own, second_(0, x - 5, y - 3)) : own;
                   },
