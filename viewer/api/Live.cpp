@@ -38,13 +38,14 @@ Response StackProperly(const Request& request, Context& context) {
     return JsonResponse({{"exists", true}});
   }
   JobOptions world;
-  live.PassOver(out);
   const auto& [folder, masters] = live.Watched();
   world.origin = "korimg run " + Quoted(folder.string()) + " --out " + Quoted(out.string());
   if (!masters.empty()) world.origin += " --calibration " + Quoted(masters.string());
   const int number =
       context.work.Start("the stack of " + folder.filename().string(), world, [&live, out](Job& job) {
-        const RunResult run = Run(job, live.Proper(job, out));
+        const RunOptions options = live.Proper(job, out);
+        live.PassOver(out);
+        const RunResult run = Run(job, options);
         Json made{{"out", out.filename().string()}, {"stacks", Json::array()}};
         for (const RunStack& stack : run.stacks) {
           made["stacks"].push_back(
