@@ -105,23 +105,31 @@ std::vector<fs::path> Live::Next(FolderWatch& watch) {
   return files;
 }
 
-void Live::Add(const fs::path& file) {
+/// What make() makes, once files allow it; nothing when the stack is begun anew meanwhile.
+template <class Make>
+auto Live::Patiently(Make&& make) -> std::optional<decltype(make())> {
+  while (!BeginsAnew()) {
+    try {
+      auto made = make();
+      Tell("");
+      return made;
+    } catch (const files::FileError& error) {
+      Tell(TextFor(error));
+      job_.CheckCancelled();
+    }
+  }
+  return std::nullopt;
+}
+
+bool Live::Add(const fs::path& file) {
   {
     const std::lock_guard lock(mutex_);
     doing_ = file.filename().string();
   }
   changed_.notify_all();
-  std::optional<LiveFrame> frame;
-  while (!frame && !BeginsAnew()) {
-    try {
-      frame = stack_->Add(file);
-      Tell("");
-    } catch (const files::FileError& error) {
-      Tell(TextFor(error));  // calibration frames that cannot be read now
-      job_.CheckCancelled();
-    }
-  }
-  if (!frame) return;
+  // Calibration frames may be out of reach now.
+  const auto frame = Patiently([&] { return stack_->Add(file); });
+  if (!frame) return false;
   std::string picture;
   if (frame->isAdded) {
     if (const std::optional<Image> mean = stack_->Snapshot()) {
@@ -139,24 +147,31 @@ void Live::Add(const fs::path& file) {
     ++pictures_;
   }
   changed_.notify_all();
+  return frame->isAdded;
 }
 
 /// Adds the frames that are there and those that come, until the stack is begun anew.
 void Live::Stack() {
   fs::path first;
-  if (BeginsAnew()) {
-    auto stack = std::make_shared<LiveStack>(job_, Options());
+  {
     const std::lock_guard lock(mutex_);
-    stack_ = std::move(stack);
-    first = *std::exchange(first_, std::nullopt);
+    first = std::exchange(first_, std::nullopt).value_or(fs::path());
+  }
+  if (!first.empty()) {
+    const auto stack = Patiently([&] { return std::make_shared<LiveStack>(job_, Options()); });
+    if (!stack) return;
+    const std::lock_guard lock(mutex_);
+    stack_ = *stack;
     frames_.clear();
     files_.clear();
     ++begun_;
   }
-  if (!first.empty()) Add(first);
-  FolderWatch watch(job_, {.folder = watched_.folder});
+  if (!first.empty() && !Add(first)) first.clear();  // it is waited for like others
+  const auto watch =
+      Patiently([&] { return std::make_unique<FolderWatch>(job_, WatchOptions{.folder = watched_.folder}); });
+  if (!watch) return;
   while (!BeginsAnew()) {
-    for (const fs::path& file : Next(watch)) {
+    for (const fs::path& file : Next(**watch)) {
       if (BeginsAnew()) return;
       if (file == first) {
         first.clear();

@@ -54,7 +54,9 @@ class Live {
   void Watch();
   void Stack();
   std::vector<std::filesystem::path> Next(session::FolderWatch& watch);
-  void Add(const std::filesystem::path& file);
+  bool Add(const std::filesystem::path& file);
+  template <class Make>
+  auto Patiently(Make&& make) -> std::optional<decltype(make())>;
   bool BeginsAnew() const;
   void Tell(const std::string& failure);
   session::LiveOptions Options() const;
