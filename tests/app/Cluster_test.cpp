@@ -331,7 +331,9 @@ TEST_F(ClusterTest, AStackInPartsHasTheBytesOfAStack) {
   const auto same = [&](const std::string& a, const std::string& b) {
     return ReadBytes(In(a)) == ReadBytes(In(b));
   };
-  for (const auto& [options, output, parts] : cases) {
+  for (const auto& one : cases) {
+    const char *const options = one.options, *const output = one.output;
+    const int parts = one.parts;
     const auto stack = [&](const std::string& out, const std::string& more) {
       return Shell(
           fmt::format("mkdir -p {0}; korimg stack c --transforms moves.jsonl -o {0}/{1} {2} {3} --json", out,

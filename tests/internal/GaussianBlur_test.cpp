@@ -37,7 +37,8 @@ TEST(GaussianBlur, IsTheDirectSum) {
       EXPECT_EQ(blur.Reach(), static_cast<int>(weights.size()) - 1);
       blur.Run(in.data(), between.data(), out.data(), width, height);
       // Rows and columns by themselves.
-      const auto sum = [&](const std::vector<double>& from, int x, int y, int dx, int dy) {
+      const auto sum = [&, width = width, height = height](const std::vector<double>& from, int x, int y,
+                                                           int dx, int dy) {
         double value = 0;
         for (int i = -blur.Reach(); i <= blur.Reach(); ++i) {
           const int column = x + i * dx, row = y + i * dy;

@@ -180,7 +180,7 @@ TEST_F(RenderSteps, DrawTheBoxesOfTheGradientWhereTheyLie) {
       EXPECT_FALSE(isNebula && box.isSky) << box.x << ' ' << box.y;
       const int y = overturned ? kSide - 1 - box.y : box.y;
       if (overturned && box.x < 110 && y > 150) continue;  // under the scale bar
-      const auto at = [&](int dx, int dy) { return drawn[(y + dy) * kSide + box.x + dx]; };
+      const auto at = [&, &drawn = drawn](int dx, int dy) { return drawn[(y + dy) * kSide + box.x + dx]; };
       EXPECT_EQ(at(-6, 1), 255) << "its left side: " << box.x << ' ' << box.y;
       EXPECT_EQ(at(6, 1), 255) << "its right side: " << box.x << ' ' << box.y;
       EXPECT_EQ(at(-3, -3) == 255 && at(3, -3) == 255 && at(0, 0) == 255, !box.isSky)
