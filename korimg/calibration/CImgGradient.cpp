@@ -20,6 +20,7 @@ namespace {
 using Box = CImgGradient::Box;
 using Options = CImgGradient::Options;
 
+/// The highest degree of the polynomial below a plate. Chosen: the plate follows what bends more.
 constexpr int kMostBelowPlate = 3;
 
 /// The median of a square's finite pixels in every step-th line, `rounds` times without what lies 3
@@ -46,7 +47,7 @@ double LevelOf(CVelImage& image, int plane, int left, int top, int size, int ste
 }
 
 bool IsInRange(const Options& o) {
-  constexpr int kLargest = 10000;
+  constexpr int kLargest = 10000;  // chosen: pixels of a box
   return o.surface >= CImgGradient::Polynomial && o.surface <= CImgGradient::ThinPlate &&
          o.result >= CImgGradient::Subtracted && o.result <= CImgGradient::Model && o.degree >= 1 &&
          o.degree <= SmoothSurface::kMostDegree && o.smoothing >= 0 && o.smoothing <= 1 && o.boxes >= 4 &&
@@ -54,7 +55,8 @@ bool IsInRange(const Options& o) {
 }
 
 /// The deviation of the levels of boxes, by what planes through a box and its nearest neighbours leave: the
-/// quarter of the places with the least of it, where there are neither edges nor stars.
+/// quarter of the places with the least of it, where there are neither edges nor stars. Seven boxes leave
+/// four numbers beside the plane's; chosen.
 double NoiseOf(const std::vector<Box>& boxes, const std::vector<double>& values) {
   constexpr size_t kNear = 7;
   if (boxes.size() < kNear) return 0;
@@ -96,7 +98,7 @@ struct Darkest {
 /// Empty where boxes do not suffice. The spread is at least `noise`: it would shrink with each round.
 std::optional<Darkest> FitDarkest(const std::vector<Box>& boxes, const std::vector<double>& values,
                                   SmoothSurface surface, double tolerance, double noise) {
-  constexpr int kRounds = 30;
+  constexpr int kRounds = 30;  // chosen
   const size_t count = boxes.size();
   std::vector<double> weights(count, 1.0), below;
   Darkest fit{std::vector<double>(count)};
@@ -121,7 +123,7 @@ std::optional<Darkest> FitDarkest(const std::vector<Box>& boxes, const std::vect
 /// that are no sky are none either, unless that leaves less than half of the sky, or fewer than `wanted`.
 void LeaveOutWings(std::vector<Box>& boxes, double distance, int wanted) {
   constexpr double kNeighbours = 1.7;  // each may have moved by a third
-  constexpr int kFew = 2;
+  constexpr int kFew = 2;              // chosen
   std::vector<Box> rest = boxes;
   for (Box& box : rest) {
     const auto isNear = [&](const Box& other) {

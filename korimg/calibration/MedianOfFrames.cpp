@@ -13,7 +13,8 @@
 namespace korimg {
 namespace {
 
-/// Columns that are sorted together, a column of every frame: as many as stay in the first-level cache.
+/// Columns that are sorted together, a column of every frame: as many as stay in the first-level cache, of
+/// 32 KiB.
 int ChunkColumns(int count) {
   constexpr int kCached = 8192, kLeast = 64;
   return std::max(kCached / count / 16 * 16, kLeast);

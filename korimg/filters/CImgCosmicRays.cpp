@@ -86,8 +86,8 @@ class HitPlane {
   /// What decides on a pixel reaches so far: the median of 5 x 5 of edges by medians of 5 x 5, and that of
   /// 7 x 7 of medians of 3 x 3.
   static constexpr int kMargin = 4;
-  static constexpr double kLeastVariance = 1e-12;
-  static constexpr float kLeastStructure = 0.01f;
+  static constexpr double kLeastVariance = 1e-12;  ///< against division by 0
+  static constexpr float kLeastStructure = 0.01f;  ///< so too, as in van Dokkum's program (2001)
 
   std::size_t Index(int x, int y) const { return static_cast<std::size_t>(y) * width_ + x; }
   std::uint8_t& StateAt(int x, int y) { return states_[Index(x, y)]; }

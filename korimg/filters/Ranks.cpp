@@ -146,7 +146,7 @@ class NetworkSelector {
     bool low, high;  ///< which of the two is used afterwards
   };
 
-  /// As many as stay in the first-level cache.
+  /// As many as stay in the first-level cache, 24 of its 32 KiB.
   int ChunkColumns() const {
     constexpr int kCached = 6144, kLeast = 32, kMost = 512;
     return std::clamp(kCached / count_ / 16 * 16, kLeast, kMost);
@@ -365,7 +365,7 @@ void FindRanks(CVelImage& shown, CVelImage& src, int plane, const Window& window
                const RankSink& sink) {
   if (window.IsEmpty()) return;
   const int count = query.cells.Count(), r = query.cells.r;
-  constexpr int kFew = 49;  // cells up to which networks are faster
+  constexpr int kFew = 49;  // cells up to which networks are faster: docs/performance.md, "Filters"
   const bool few = count <= kFew;
   const bool beyond = query.rank && (*query.rank < 0 || *query.rank >= count);
   const auto network = few && !beyond ? std::make_unique<NetworkSelector>(query) : nullptr;

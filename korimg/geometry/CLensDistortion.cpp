@@ -56,7 +56,7 @@ Point CLensDistortion::Straight(Point pixel, Jacobian* jacobian) const {
 
 std::optional<Point> CLensDistortion::Bent(Point straight) const {
   if (IsNone()) return straight;
-  constexpr int kRounds = 50;
+  constexpr int kRounds = 50;     // chosen: Newton's steps converge in few, or nowhere
   constexpr double kNear = 1e-7;  // pixels
   Point pixel = straight;
   for (int round = 0; round < kRounds; ++round) {
@@ -72,8 +72,8 @@ std::optional<Point> CLensDistortion::Bent(Point straight) const {
 }
 
 bool CLensDistortion::IsSound(int width, int height) const {
-  constexpr int kSteps = 32;
-  constexpr double kLeast = 0.2;  // of an area
+  constexpr int kSteps = 32;      // chosen: many for terms of the third and the seventh degree
+  constexpr double kLeast = 0.2;  // of an area; chosen
   for (int i = 0; i <= kSteps; ++i) {
     for (int k = 0; k <= kSteps; ++k) {
       Jacobian j;

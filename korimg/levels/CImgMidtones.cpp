@@ -68,7 +68,8 @@ Counts Count(const float* line, int width, const Bracket& bracket, const F& valu
   return counts;
 }
 
-/// Finite values of a plane that stand for it: from each line as many, from places that look random.
+/// Finite values of a plane that stand for it: from each line as many, from places that look random. Of the
+/// 131072 of them the median is known to 0.35 % of their deviation (1.25 / sqrt n); chosen.
 template <class F>
 std::vector<float> Sample(CVelImage& image, int plane, const F& value) {
   constexpr long long kSample = 1 << 17;

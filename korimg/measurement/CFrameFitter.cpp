@@ -21,9 +21,9 @@ using Model = CFrameMap::Model;
 
 constexpr int kMostNumbers = 8;  // of a frame
 constexpr int kNumbersOf[] = {3, 4, 6, 8};
-/// Pairs that a frame has to have for a model.
+/// Pairs that a frame has to have for a model. Chosen: from a similarity on three times what settles it.
 constexpr int kLeastPairs[] = {2, 6, 10, 16};
-constexpr double kClip = 5;  // deviations that a pair is off by, of those that are usual
+constexpr double kClip = 5;  // chosen: deviations that a pair may be off by, of those that are usual
 
 /// The numbers of a distortion that are looked for.
 using Active = std::vector<int>;
@@ -183,8 +183,8 @@ class Fitting {
 
   /// Fits all frames, and the active numbers of the distortion. False when the pairs do not settle them.
   bool Run(std::vector<Fitted>& frames) {
-    constexpr int kRounds = 12;
-    constexpr double kNear = 1e-7;
+    constexpr int kRounds = 12;     // chosen: few are needed
+    constexpr double kNear = 1e-7;  // of half the diagonal: less than a thousandth of a pixel
     for (Fitted& frame : frames) {
       Start(frame);
     }
@@ -393,7 +393,8 @@ class Fitting {
 
 /// Leaves out pairs that are off by more than usual for their weights; true when that changes anything.
 bool LeaveOutFar(const Fitting& fitting, std::vector<Fitted>& frames) {
-  constexpr double kSigmaOfMedian = 0.85, kLeast = 0.5;  // the median of distances is 1.18 sigma
+  // The median of distances in a plane is sqrt(2 ln 2) sigma (Rayleigh's distribution); the least is chosen.
+  constexpr double kSigmaOfMedian = 0.85, kLeast = 0.5;
   bool changes = false;
   for (Fitted& frame : frames) {
     std::vector<double> offs;
@@ -437,7 +438,7 @@ struct Verdict {
   double square = 0;            ///< mean square of distances, in pixels
 };
 
-/// Leaves a fifth of the pairs out in turn.
+/// Leaves a fifth of the pairs out in turn. What one pair tells is limited: chosen.
 std::optional<Verdict> CrossCheck(const Candidate& candidate, const Lens& known, int width, int height,
                                   const std::vector<std::vector<CStarPair>>& frames) {
   constexpr int kParts = 5;
@@ -483,7 +484,7 @@ struct Trial {
 
 /// Stars that were left out refute the simpler of two models.
 bool IsRefuted(const Verdict& simpler, const Verdict& richer) {
-  constexpr double kSigmas = 5, kMatters = 0.02;  // deviations; pixels
+  constexpr double kSigmas = 5, kMatters = 0.02;  // chosen: beyond doubt, and less than stars tell; pixels
   const auto n = static_cast<double>(simpler.chances.size());
   double sum = 0, squares = 0;
   for (size_t i = 0; i < simpler.chances.size(); ++i) {
@@ -495,7 +496,8 @@ bool IsRefuted(const Verdict& simpler, const Verdict& richer) {
   return mean > kSigmas * error && simpler.square - richer.square > kMatters * kMatters;
 }
 
-/// A distortion is told by stars in several frames that reach the corners.
+/// A distortion is told by stars in several frames that reach the corners. How many of them was chosen; the
+/// sessions of docs/performance.md, "Lenses and panels", have them.
 bool MayHaveLens(const std::vector<std::vector<CStarPair>>& frames, int width, int height) {
   constexpr size_t kPairs = 100, kFrames = 2, kOfFrame = 25;
   constexpr double kOut = 0.7, kShare = 0.05;  // of half the diagonal; of the pairs
@@ -556,7 +558,7 @@ std::optional<CFrameFitter::Fit> FitOne(const std::vector<CStarPair>& pairs, Mod
 }  // namespace
 
 void CFrameFitter::Choose(bool needsDistortion) {
-  constexpr size_t kMostFrames = 60, kMostPairs = 250;
+  constexpr size_t kMostFrames = 60, kMostPairs = 250;  // chosen, to bound the time
   Choose(CFrameMap::Rigid);
   std::vector<std::vector<CStarPair>> frames;
   for (const auto& pairs : Some(frames_, kMostFrames)) {

@@ -19,10 +19,11 @@ using namespace korimg;
 
 namespace {
 
+/// Pixels are taken one by one first, then in means of 4 x 4, which show faint and wide light. Chosen.
 constexpr int kBins[] = {1, 4};
 /// Pixels at the edges that are left out: the sky is not known well beyond the middles of the outer cells.
 constexpr int kBorder = 32;
-/// Longest side of what is correlated as a whole.
+/// Longest side of what is correlated as a whole. Chosen: the accuracy comes of tiles of whole pixels.
 constexpr int kWhole = 1024;
 
 std::unique_ptr<CImgFourier> MakePlane(const CVelImage& like, int width, int height) {
@@ -50,7 +51,8 @@ void PutBinned(CVelImage& image, int bin, CVelImage& plane, int left, int top) {
   });
 }
 
-/// What stands out of the sky by three to fifty deviations, once single pixels are gone.
+/// What stands out of the sky by three to fifty deviations, once single pixels are gone. All four limits were
+/// chosen; docs/performance.md, "Stars and registration", tells what frames are laid within by them.
 std::unique_ptr<CImgFourier> LightOf(CVelImage& image, int bin) {
   constexpr double kSingle = 1.5, kBlur = 1.2;
   constexpr float kLeast = 3, kMost = 50;
@@ -167,7 +169,7 @@ struct Tiles {
   int lit = 0;
 };
 
-/// What is displaced far is left out.
+/// What is displaced far is left out. All limits were chosen; the error is the same for all tiles.
 Tiles CorrelateTiles(CImgFourier& first, CVelImage& second) {
   constexpr int kParts = 4, kLargest = 256, kMostAcross = 6;
   constexpr double kFarthest = 6, kError = 0.1;  // pixels
@@ -197,7 +199,7 @@ struct Refined {
   Tiles tiles;
 
   Refined(CImgFourier& first, CImgFourier& second, const Similarity& guess) : map(guess) {
-    constexpr int kRounds = 3;
+    constexpr int kRounds = 3;  // chosen
     for (int round = 0; round < kRounds; ++round) {
       const auto laid = Laid(first, second, map);
       tiles = CorrelateTiles(first, *laid);
@@ -209,14 +211,14 @@ struct Refined {
 
   /// Leaves out the tiles that do not agree. False when too few do.
   bool Agrees() {
-    constexpr double kAgreement = 0.75, kShare = 0.4;
+    constexpr double kAgreement = 0.75, kShare = 0.4;  // pixels; of the tiles with light: chosen
     std::erase_if(tiles.pairs,
                   [&](const Pair& p) { return Distance(correction(p.from), p.to) > kAgreement; });
     const size_t agree = tiles.pairs.size();
     return agree >= kFewest && static_cast<double>(agree) >= kShare * tiles.lit;
   }
 
-  static constexpr size_t kFewest = 3;
+  static constexpr size_t kFewest = 3;  ///< tiles: two settle shift and turn, and none would check them
 };
 
 bool IsHalfTurn(const Similarity& map) {
@@ -258,8 +260,8 @@ struct CPhaseMatcher::Scale {
 };
 
 CPhaseMatcher::Scale::Answer CPhaseMatcher::Scale::Match(CVelImage& image, CStarMatch& match) const {
-  constexpr size_t kMost = 2;
-  constexpr double kProof = 0.1;
+  constexpr size_t kMost = 2;     // chosen: guesses that are tried, unless one of them is unproven
+  constexpr double kProof = 0.1;  // of the likeness; with it none of 35 simulated planets is turned over
   const OnOneThread alone;
   const auto other = LightOf(image, bin);
   const auto longest = [](const CVelImage& i) { return std::max(i.GetWidth(), i.GetHeight()); };
@@ -314,7 +316,7 @@ CPhaseMatcher::CPhaseMatcher(CVelImage* reference) : reference_(reference) {}
 CPhaseMatcher::~CPhaseMatcher() = default;
 
 CStarMatch CPhaseMatcher::Match(CVelImage& image) {
-  constexpr int kSmallest = 192;
+  constexpr int kSmallest = 192;  // chosen: tiles are 32 pixels wide then, as are the borders
   CStarMatch match;
   match.status = CStarMatch::NoMatch;
   for (int k = 0; k < 2; ++k) {

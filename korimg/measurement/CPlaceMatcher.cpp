@@ -13,7 +13,7 @@ using namespace korimg;
 
 namespace {
 
-/// Longest side of what the whole range is searched in.
+/// Longest side of what the whole range is searched in. Chosen.
 constexpr int kCoarse = 256;
 /// Likeness of two images that show the same. Of 60 pairs each of noise, of six clouds, and of four stars of
 /// different fields the most alike reached 0.19, 0.67 and 0.57; planets two deviations above the noise of a
@@ -62,7 +62,7 @@ struct CPlaceMatcher::Scale {
 
 /// The coarsest first.
 std::vector<CPlaceMatcher::Scale> CPlaceMatcher::ScalesOf(CVelImage& image, int coarsest) {
-  constexpr double kSingle = 1.5, kNoise = 3;
+  constexpr double kSingle = 1.5, kNoise = 3;  // chosen: the median's radius; deviations that light has
   if (image.IsEmpty()) return {};
   CImgLight light;
   light.DoWithoutSky(&image);
@@ -88,7 +88,9 @@ CPlaceMatcher::~CPlaceMatcher() = default;
 
 CStarMatch CPlaceMatcher::Match(CVelImage& image) const {
   constexpr int kRange = 8;  // pixels of a scale, to both sides, about what the coarser one found
-  constexpr double kMoved = 0.5, kSure = 1, kResiduals = 3;  // pixels, and how many of them
+  // Pixels, and how many residuals. Of calibrated frames of an infrared array with a faint galaxy they refuse
+  // what the array's own pattern leaves, which does not move.
+  constexpr double kMoved = 0.5, kSure = 1, kResiduals = 3;
   CStarMatch match;
   match.status = CStarMatch::NoMatch;
   if (image.IsEmpty()) return match;

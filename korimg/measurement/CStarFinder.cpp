@@ -15,14 +15,16 @@ using namespace korimg;
 
 namespace {
 
+/// A Gaussian's full width at half maximum in standard deviations: sqrt(8 ln 2).
 constexpr double kFwhmOfSigma = 2.354820045829508;
-/// What pixels add to a star's variance by integrating it.
+/// What pixels add to a star's variance by integrating it: the variance of an even square of side 1.
 constexpr double kPixelVariance = 1.0 / 12;
-/// Pixels of the widest apertures.
+/// Pixels of the widest apertures. Chosen.
 constexpr double kWidest = 40;
-/// Variance below which a star is so narrow that its pixels have to be counted with (FWHM 2.5).
+/// Variance below which a star is so narrow that its pixels have to be counted with (FWHM 2.5): sums over
+/// pixels put the 400 Gaussians of docs/performance.md off by 0.0002 pixels at a FWHM of 3.
 constexpr double kNarrowStar = 1.2;
-/// Variance of the widest window that shapes are measured through.
+/// Variance of the widest window that shapes are measured through. Chosen: stars of a FWHM of 13.
 constexpr double kWidestWindow = 30;
 
 /// The pixels around a star, less their sky, as far as the image reaches. What is not finite is NaN.
@@ -153,7 +155,7 @@ struct Shape {
 
   /// By the inverse of the matrix.
   void SetInverse(const Symmetric& sharp) {
-    constexpr double kLongest = 400;
+    constexpr double kLongest = 400;  // chosen: what is longer than windows reach is not known any more
     const double middle = (sharp.xx + sharp.yy) / 2, half = std::hypot((sharp.xx - sharp.yy) / 2, sharp.xy);
     longer = 1 / std::max(middle - half, 1 / kLongest);
     shorter = 1 / std::max(middle + half, 1 / kLongest);
@@ -193,6 +195,7 @@ Seen SeenOfPixels(double middle, double window, double reach, double offset, dou
 /// 0.1 pixels off, and its width by a third. Finds the Gaussian of which pixels would show what was seen.
 void CorrectForPixels(double middle, double window, double reach, const Seen& seen, double& offset,
                       double& variance) {
+  // Chosen: variances and pixels of narrow stars, and a step that no longer counts.
   constexpr int kRounds = 12;
   constexpr double kNarrowest = 1e-3, kWidest = 3, kFarthest = 1, kStill = 1e-5;
   offset = std::clamp(offset, -kFarthest, kFarthest);
@@ -211,6 +214,8 @@ void CorrectForPixels(double middle, double window, double reach, const Seen& se
 /// Through a Gaussian window that grows or shrinks to the star's width and moves to its middle. False for
 /// what has no width, or moves away.
 bool MeasureShape(const Stamp& stamp, const StarSeed& seed, double widest, Shape& shape) {
+  // Chosen: pixels that a star may move by, the least variance, a step that no longer counts; the window's
+  // reach in its deviations, and the pixels of the widest one's.
   constexpr int kRounds = 12;
   constexpr double kFarthest = 1.5, kNarrowest = 0.4, kStill = 1e-4;
   constexpr double kWindowReach = 3, kWidestReach = 17;
@@ -302,7 +307,7 @@ double Ranked(const Stamp& stamp, int x, int y, int n) {
 
 /// A single bright pixel: at most one of its neighbours has a share of its light.
 bool IsHotPixel(const Stamp& stamp, const StarSeed& seed) {
-  constexpr double kShare = 0.2;
+  constexpr double kShare = 0.2;  // chosen: a star of a FWHM of 1.2 gives two neighbours more
   int x = 0, y = 0;
   const double peak = PeakNear(stamp, seed.x, seed.y, x, y);
   return !(Ranked(stamp, x, y, 2) > kShare * peak);
@@ -313,7 +318,7 @@ bool IsHotPixel(const Stamp& stamp, const StarSeed& seed) {
 /// order. 0 when there is none. `forPixels` calls its argument with the pixels within a distance.
 template <class F>
 double ProfileFwhm(const Shape& shape, double peak, double added, F&& forPixels) {
-  constexpr double kLeast = 0.15, kReach = 1.3;
+  constexpr double kLeast = 0.15, kReach = 1.3;  // chosen: of the peak, and FWHM
   const Symmetric sharp = shape.spread.Inverse();
   const double scale = shape.Variance();
   // Normal equations of ln v = a0 + a1 u + a2 u^2, weighted by v^2.
@@ -390,14 +395,15 @@ class UsualShape {
   double Variance() const { return size_; }
 
  private:
-  static constexpr double kNarrow = 0.2, kNarrowShare = 0.35, kTrail = 16, kWide = 6;  // of variances
+  /// In variances, chosen: a trail is four times as long as wide, a cloud 2.4 times as wide as stars.
+  static constexpr double kNarrow = 0.2, kNarrowShare = 0.35, kTrail = 16, kWide = 6;
 
   double size_, least_;
 };
 
 /// The shapes of those seeds that are stars.
 std::vector<Shape> MeasureShapes(CVelImage& image, const SkyMesh& sky, const std::vector<StarSeed>& seeds) {
-  constexpr double kReach = 18, kNarrowed = 1.5;
+  constexpr double kReach = 18, kNarrowed = 1.5;  // pixels, by the widest window; chosen
   // Most stars are small: a stamp of a quarter of the pixels holds their windows.
   constexpr double kSmallReach = 9, kSmallWindow = 5;
   enum State { Nothing, Measured, Failed };
@@ -468,7 +474,7 @@ class Photometry {
     }
     const Factors factors = FactorsOf(stars);
     for (size_t i = 0; i < stars.size(); ++i) {
-      constexpr double kLeastFwhm = 0.5;
+      constexpr double kLeastFwhm = 0.5;  // chosen: pixels tell nothing of narrower ones
       stars[i].fwhm = std::max(factors.width * MomentFwhm(shapes_[i]), kLeastFwhm);
       if (gain > 0) {
         const double sky = SkyNoise(stars[i]);
@@ -539,7 +545,7 @@ class Photometry {
 
   /// The highest top of all when three stars or more have it: no sensor shows more. Else infinite.
   static double SharedTop(const std::vector<Measured>& stars) {
-    constexpr double kRounding = 1e-6;
+    constexpr double kRounding = 1e-6;  // relative: what floats lose in a few sums
     double highest = 0, sharing = 0;
     for (const Measured& m : stars) {
       highest = std::max(highest, m.top);
@@ -554,13 +560,13 @@ class Photometry {
   /// Around the top of a star of the usual width the fifth brightest pixel is lower by 4 ln 2 / FWHM^2 at
   /// least.
   bool IsFlatTop(const Stamp& stamp, int x, int y, double peak) const {
-    constexpr double kFlat = 0.4;
+    constexpr double kFlat = 0.4;  // chosen: a top that falls by less than this share of that is flat
     const double fall = std::min(4 * std::numbers::ln2 / (width_ * width_), 1.0);
     return Ranked(stamp, x, y, 4) > (1 - kFlat * fall) * peak;
   }
 
   Factors FactorsOf(const std::vector<CStar>& stars) const {
-    constexpr size_t kMost = 200, kLeast = 5;
+    constexpr size_t kMost = 200, kLeast = 5;  // stars for a median; chosen, as is the limit of their noise
     constexpr double kSnr = 30;
     std::vector<int> models;
     for (int i = 0; i < static_cast<int>(stars.size()); ++i) {
@@ -587,7 +593,7 @@ class Photometry {
             fluxes.size() < kLeast ? 1 : UpperMedian(fluxes)};
   }
 
-  static constexpr double kBright = 100;  ///< deviations of the sky
+  static constexpr double kBright = 100;  ///< deviations of the sky; chosen
 
   CVelImage& image_;
   const SkyMesh& sky_;

@@ -61,8 +61,9 @@ double RootMeanSquare(const std::vector<Pair>& pairs, const Similarity& map) {
 }
 
 Similarity RobustFit(std::vector<Pair>& pairs, bool rigid) {
+  // The median of distances in a plane is sqrt(2 ln 2) sigma (Rayleigh's distribution); the rest is chosen.
   constexpr int kRounds = 4;
-  constexpr double kClip = 4, kSigmaOfMedian = 0.85, kLeast = 0.5;  // the median of distances is 1.18 sigma
+  constexpr double kClip = 4, kSigmaOfMedian = 0.85, kLeast = 0.5;
   Similarity fit = Fit(pairs, rigid);
   for (int round = 0; round < kRounds && pairs.size() > 3; ++round) {
     const auto off = [&](const Pair& p) { return Distance(fit(p.from), p.to) * std::sqrt(p.weight); };

@@ -12,6 +12,7 @@
 namespace korimg {
 namespace {
 
+/// Pixels of a cell's side, and deviations of the kappa-sigma clipping: those of Bertin and Arnouts (1996).
 constexpr int kCell = 64, kLanes = 32;
 constexpr float kClip = 3;
 
@@ -86,7 +87,7 @@ class Histogram {
   }
 
  private:
-  static constexpr int kBins = 512;
+  static constexpr int kBins = 512;  ///< chosen: 85 in a deviation, of ranges clipped at 3
 
   /// In bins, of the middle half of what bins from .. to - 1 hold.
   double MiddleMean(int from, int to) const {
@@ -109,7 +110,7 @@ Sky SkyOf(const std::vector<float>& pixels, double least) {
   constexpr float kHuge = 1e18f;  // what is beyond is no sky
   const auto start = std::find_if(pixels.begin(), pixels.end(), [](float v) { return std::abs(v) < kHuge; });
   if (start == pixels.end()) return {};
-  constexpr double kSettled = 0.99999;
+  constexpr double kSettled = 0.99999;  // chosen: of the pixels, which another round would hardly change
   float low = -kHuge, high = kHuge, pivot = *start;
   double count = -1, mean = 0, sigma = 0;
   for (int round = 0; round < 5; ++round) {
@@ -227,8 +228,8 @@ SkyMesh::SkyMesh(CVelImage& image)
       rows_((image.GetHeight() + kCell - 1) / kCell),
       stepX_(static_cast<double>(image.GetWidth()) / columns_),
       stepY_(static_cast<double>(image.GetHeight()) / rows_) {
-  constexpr double kLeastShare = 0.25;
-  constexpr size_t kMany = 1000;
+  constexpr double kLeastShare = 0.25;  // chosen: of the pixels of a cell
+  constexpr size_t kMany = 1000;        // chosen: cells, of a frame of 4 megapixels
   std::vector<Sky> cells(static_cast<size_t>(columns_) * rows_);
   const auto border = [](int i, int count, int size) { return static_cast<int>(1LL * i * size / count); };
   ForLines(Team::All, 0, rows_, [&](int row) {
@@ -251,7 +252,7 @@ SkyMesh::SkyMesh(CVelImage& image)
   levels_ = Smoothed(cells, columns_, rows_, [](const Sky& sky) { return sky.level; });
   weights_ = Smoothed(cells, columns_, rows_, [](const Sky& sky) { return sky.sigma; });
   for (size_t i = 0; i < cells.size(); ++i) {
-    // A sky without noise still has that of rounding.
+    // A sky without noise still has that of rounding, here a hundred times that of a float.
     constexpr float kRounding = 1e-5f, kTiny = 1e-30f;
     weights_[i] = 1 / std::max({weights_[i], kRounding * std::abs(levels_[i]), kTiny});
   }

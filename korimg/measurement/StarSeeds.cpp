@@ -15,9 +15,9 @@ namespace {
 constexpr int kReach = 2;
 constexpr float kFilterNoise = 70;
 
-/// Pixels around a maximum that are looked at for higher ground.
+/// Pixels around a maximum that are looked at for higher ground. Chosen.
 constexpr int kBox = 24;
-/// Lines that are smoothed together: many against the kBox lines before and after them, few for caches.
+/// Lines that are smoothed together, chosen: many against the kBox lines beside them, few for caches.
 constexpr int kBand = 384;
 
 /// Light and heights beyond these are cut off, so that neither sums of light nor heights stop being numbers.
@@ -78,7 +78,7 @@ void SmoothedHeights(CVelImage& image, const SkyMesh& sky, int top, int bottom, 
 /// The deviation of heights below their median, from lines all over the image: 1 for noise that differs from
 /// pixel to pixel, more for one that neighbours share, as after development or resampling.
 double MeasureGrain(CVelImage& image, const SkyMesh& sky) {
-  constexpr int kLines = 24, kStep = 3;
+  constexpr int kLines = 24, kStep = 3;  // chosen: 24000 pixels of a frame 3008 wide
   const int width = image.GetWidth(), height = image.GetHeight(), lines = std::min(kLines, height);
   const auto samples = MapLines(0, lines, [&](int i) {
     std::vector<float> line(width), some;
@@ -93,7 +93,7 @@ double MeasureGrain(CVelImage& image, const SkyMesh& sky) {
   for (const auto& some : samples) {
     all.insert(all.end(), some.begin(), some.end());
   }
-  constexpr double kOneSigmaBelow = 0.158655;
+  constexpr double kOneSigmaBelow = 0.158655;  // the share of a normal distribution that lies there
   const auto quantile = [&](double share) {
     const auto at = all.begin() + static_cast<long>(share * static_cast<double>(all.size() - 1));
     std::nth_element(all.begin(), at, all.end());
@@ -119,7 +119,7 @@ class Band {
     marks_.resize(width_);
     const float *row = Row(y), *up = Row(y - 1), *down = Row(y + 1);
     std::uint8_t* marks = marks_.data();
-    // Most of the sky lies below the threshold.
+    // Most of the sky lies below the threshold: parts of eight vectors or so are passed over at once.
     constexpr int kPart = 64;
     for (int left = 1; left < width_ - 1; left += kPart) {
       const int right = std::min(left + kPart, width_ - 1);

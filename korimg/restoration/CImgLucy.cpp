@@ -55,9 +55,9 @@ class LucyCore {
   }
 
  private:
-  static constexpr double kAim = 1.0;
+  static constexpr double kAim = 1.0;  ///< of chi-square a pixel: noise alone is left
 
-  /// Tells of pixels far below 0, a hundred at most: a sign of a wrong pedestal.
+  /// Tells of pixels far below 0, a hundred at most: a sign of a wrong pedestal. Both limits are chosen.
   void ListNegative() const {
     constexpr double kSigmas = 5.0;
     constexpr int kMost = 100;
@@ -74,7 +74,7 @@ class LucyCore {
   /// a cell could not rise any more.
   void Start() {
     constexpr float kSeen = 1e-3f;   // of a cell's light by data, at least; rounding is far below
-    constexpr double kLeast = 1e-2;  // of the mean
+    constexpr double kLeast = 1e-2;  // of the mean; chosen
     frame_.ForCells([=, d = data_, w = work_](size_t i)
                         KORIMG_IN_LOOP { w[i] = d[i] == d[i] ? 1.0f : 0.0f; });
     frame_.Blur(work_, weight_);
@@ -106,7 +106,8 @@ class LucyCore {
     const double share = power_ > 0 ? power / power_ : 0;
     power_ = power;
     const bool climbs = power + share * slope > 0;
-    constexpr float kKeeps = 0.9f;  // of a cell that falls all the way, or it would never rise again
+    // Chosen: the most that a cell loses in a step, or it would never rise again.
+    constexpr float kKeeps = 0.9f;
     const auto s = static_cast<float>(climbs ? share : 0), limit = static_cast<float>(-kKeeps / most_);
     frame_.ForCells([=, e = estimate_, p = direction_](size_t i) KORIMG_IN_LOOP {
       const float value = e[i] * gradient(i) + s * p[i], lowest = limit * e[i];
@@ -116,8 +117,8 @@ class LucyCore {
 
   /// How far the likelihood rises along the direction, whose blur is in work_; Newton's method.
   double SearchAlongDirection() {
-    constexpr int kRounds = 4;
-    constexpr double kExact = 1e-2;
+    constexpr int kRounds = 4;       // chosen: Newton's steps converge in few
+    constexpr double kExact = 1e-2;  // chosen: of the factor, since a direction lasts for a step only
     double factor = 1;
     for (int i = 0; i < kRounds; ++i) {
       const auto [slope, curvature] =
@@ -150,7 +151,7 @@ class LucyCore {
           const float difference = g * (data - m[i]), variance = denominator * g + v;
           return std::array{RatioOrZero(difference * difference, variance), counts * Where(variance > 0)};
         });
-    constexpr double kLeast = 2, kRoom = 2;
+    constexpr double kLeast = 2, kRoom = 2;  // chosen
     if (factor > 0) most_ = std::max(kLeast, kRoom * factor);
     return count > 0 ? sum / count : 0;
   }

@@ -27,7 +27,7 @@ Vector Solve(const Matrix& a, const Matrix& b, double share, Vector v) {
       m[i][j] += share * b[i][j];
     }
   }
-  constexpr double kNothing = 1e-12;
+  constexpr double kNothing = 1e-12;  // relative: what elimination in double leaves of 0
   Vector scale{};
   for (int i = 0; i < kDirections; ++i) {
     scale[i] = m[i][i];
@@ -136,7 +136,7 @@ class MemEngine {
  private:
   /// Begins with the data blurred once more, above 0 everywhere.
   void Start() {
-    constexpr double kLeast = 1e-2;  // of the mean
+    constexpr double kLeast = 1e-2;  // of the mean; chosen
     const auto [sum, count] = frame_.Sum<2>([d = data_](size_t i) KORIMG_IN_LOOP {
       return std::array{d[i] > 0 ? d[i] : 0.0f, d[i] == d[i] ? 1.0f : 0.0f};
     });
@@ -190,14 +190,14 @@ class MemEngine {
 
   /// Both slopes are along one line, against each other.
   bool IsDone(const Subspace& space) const {
-    constexpr double kExact = 0.01, kParallel = 0.99;
+    constexpr double kExact = 0.01, kParallel = 0.99;  // chosen: 8 degrees between the slopes
     const double product = std::sqrt(space.metric[0][0] * space.metric[1][1]);
     return std::abs(ChiSquare(space) - 1) < kExact && -space.metric[0][1] >= kParallel * product;
   }
 
   /// Steps to the largest entropy at a misfit that is nearer to the aim.
   void Move(const Subspace& space, int iteration) {
-    // Two thirds of the way to the least misfit within reach.
+    // Two thirds of the way to the least misfit within reach (Skilling and Bryan 1984); the span is chosen.
     constexpr double kWay = 2.0 / 3, kSpan = 80;
     constexpr int kHalvings = 100;
     const double aim = count_ / 2, least = space.MisfitAt(Solve({}, space.curvature, 1, space.fall));
@@ -208,7 +208,8 @@ class MemEngine {
       (space.MisfitAt(space.Largest(std::exp(middle))) > goal ? low : high) = middle;
     }
     Vector x = space.Largest(std::exp(high));
-    // The forms above hold as far as cells change by a share of themselves.
+    // The forms above hold as far as cells change by a share of themselves: 0.1 to 0.5 of the light (Skilling
+    // and Bryan 1984).
     constexpr double kTrusted = 0.3;
     const auto [light] = frame_.Sum<1>([e = estimate_](size_t i) KORIMG_IN_LOOP { return std::array{e[i]}; });
     const double distance = Form(x, space.metric);
@@ -218,7 +219,7 @@ class MemEngine {
     }
     Diagnose("main iter %20d     g function %20.12e", iteration, ChiSquare(space));
     Diagnose("sub  iter %20.1f     a value    %20.12e", std::sqrt(distance / light), std::exp(high));
-    constexpr float kFalls = -0.9f, kFloor = 1e-6f;
+    constexpr float kFalls = -0.9f, kFloor = 1e-6f;  // of a cell, and of the mean; chosen
     frame_.ForCells([e = estimate_, r = rise_, f = fall_, s = step_, floor = kFloor * mean_,
                      a = static_cast<float>(x[0]), b = static_cast<float>(x[1]),
                      c = static_cast<float>(x[2])](size_t i) KORIMG_IN_LOOP {

@@ -17,6 +17,7 @@ namespace {
 constexpr int kAtOnce = 256;  // pixels whose drops are worked out together
 /// Less of a drop, and less of a pixel of the grid, is rounding.
 constexpr double kLeast = 1e-6;
+/// sqrt(8 ln 2); and where a Gaussian drop ends in deviations, chosen: 2.5 % of its light lie beyond.
 constexpr double kFwhmPerSigma = 2.3548200450309493, kCut = 2.5;
 
 }  // namespace
@@ -62,7 +63,7 @@ class CImgDrizzle::Drops {
  private:
   /// Corner c of each drop on the grid. Those far outside come nearer; nowhere is far outside.
   void PlaceCorners(const MapRows& map, double x0, double scale, int width, int height, int c) {
-    constexpr double kFar = 64;
+    constexpr double kFar = 64;  // chosen: pixels, beyond any drop that reaches the grid
     const double right = width + kFar, below = height + kFar;
     map.Along(0, x0, n_, x_[c], y_[c]);
     RunInLongVectors([=, n = n_, xs = x_[c], ys = y_[c]]() KORIMG_IN_LOOP {
@@ -263,7 +264,8 @@ void CImgDrizzle::Begin(int y0, int rows) {
 }
 
 CImgDrizzle::Rows CImgDrizzle::RowsOf(const CFrameMap& map, int height, int y0, int y1) const {
-  // A pixel of the grid to each side for windows, and about a frame's pixel for drops.
+  // A pixel of the grid to each side for windows; a Gaussian drop reaches 1.06 pixels of the frame, and half
+  // of one is about its middle.
   constexpr double kDrop = 1.6;
   const auto place = [&](double at) { return at / options_.scale - 0.5; };
   const CFrameMap::Bounds bounds =

@@ -110,7 +110,7 @@ bool MayReject(const Rejection& rejection, bool isNoiseKnown, int n, const Work&
 /// How far the brightest of the medians beside column x lie above those some way off: a star's light, and not
 /// that of a nebula.
 double StarLight(const Columns& columns, Work& work, int x) {
-  constexpr int kStar = 2, kAbout = 16;  // pixels
+  constexpr int kStar = 2, kAbout = 16;  // pixels, chosen: within a star's core, and beyond its wings
   float brightest = work.medians[x];
   work.about.clear();
   for (int k = std::max(x - kAbout, 0); k < std::min(x + kAbout + 1, columns.Size()); ++k) {
@@ -438,7 +438,7 @@ int CImgStack::Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx
                      int method, const FrameLevels* levels) {
   // Shifts of contiguous frames are bicubic always; an angle that moves no pixel takes the road of turns. The
   // lines of paged frames honour the method.
-  constexpr double kNone = 1e-12;
+  constexpr double kNone = 1e-12;  // radians
   const CInterp::Form form = CInterp::FormOf(dx, dy, radians);
   if (form == CInterp::FloatShift && IsContiguous(*frame) && method != CInterp::MethodBicubic)
     radians = kNone;
@@ -498,7 +498,7 @@ void CImgStack::Fade(int slot, const CVelImage& frame, int yStart, int yEnd, F&&
 template <class F>
 void CImgStack::RaiseUndershoot(int slot, CVelImage& frame, int yStart, int yEnd, F&& placeOf,
                                 const FrameLevels& levels) {
-  constexpr double kSigmas = 5;
+  constexpr double kSigmas = 5;  // chosen: noise alone does not undershoot so far
   const int width = Target().GetWidth(), planes = Target().GetPlanes();
   // The lowest of the four pixels around.
   const auto lowest = [&](int x, int y, int plane) {

@@ -25,7 +25,7 @@ bool IsThere(float value) {
 /// The variance of a normal distribution by distances from its middle: by the median one, or where coarse
 /// numbers make that nothing, by a larger one.
 float VarianceOf(std::vector<float>& distances) {
-  // Shares of the distances, and the standard deviations they lie at.
+  // Shares of a normal distribution's distances, and the standard deviations that they lie within.
   constexpr std::pair<double, double> kShares[] = {{0.5, 0.6744898}, {0.75, 1.1503494}, {0.9, 1.6448536}};
   if (distances.empty()) return kUnknown;
   for (const auto& [share, sigmas] : kShares) {
@@ -46,7 +46,7 @@ float MedianOfKnown(std::vector<float> values) {
 
 FrameScatter::FrameScatter(int frames, int width, int height, int planes)
     : frames_(frames), width_(width), height_(height), planes_(planes) {
-  // The medians of cells of a line lie within a tenth of their pixels' noise.
+  // The medians of 96 pixels of a line lie within an eighth of their noise (1.25 / sqrt n). Chosen.
   constexpr int kMostRows = 16, kMostColumns = 16, kCell = 96;
   rows_ = std::min(height, kMostRows);
   columns_ = std::clamp(width / kCell, 1, kMostColumns);
@@ -63,7 +63,7 @@ FrameScatter::FrameScatter(int frames, int width, int height, int planes)
 }
 
 int FrameScatter::Partners() const {
-  constexpr int kMost = 3;
+  constexpr int kMost = 3;  // chosen: of each frame, so that each variance is in six pairs
   return frames_ < 3 ? frames_ - 1 : std::min(kMost, (frames_ - 1) / 2 + (frames_ == 4));
 }
 
@@ -92,7 +92,7 @@ void FrameScatter::Add(int number, int plane, std::span<const float> values, std
     }
   });
   // What a pixel differs by from the mean of two a little apart, between two frames, is free of slopes, and
-  // of what interpolation lends a pixel of its neighbours.
+  // of what interpolation lends a pixel of its neighbours. Chosen: farther than kernels reach.
   constexpr int kPixels = 700, kApart = 8;
   const int step = std::max(width_ / kPixels, 1), pairs = frames_ * Partners(),
             apart = std::min(kApart, (width_ - 1) / 2);
@@ -147,7 +147,7 @@ void FrameScatter::Settle() {
 void FrameScatter::MeasureNoise(int plane) {
   constexpr float kRounding = 1e-6f;  // of a value's size: what floats themselves scatter by
   constexpr double kLeast = 0.01;     // of the mean variance: no frame is free of noise among others
-  constexpr int kRounds = 100;
+  constexpr int kRounds = 100;        // chosen
   const int partners = Partners();
   std::vector<double> pairs, known;
   for (int pair = 0; pair < frames_ * partners; ++pair) {
@@ -199,8 +199,8 @@ void FrameScatter::MeasureNoise(int plane) {
 /// What the first two frames differ by beside the noise of their sky grows with the light of the pixels. The
 /// seeing is in it too, so that the least of what is found counts.
 void FrameScatter::MeasurePhotons(int plane) {
-  constexpr std::array kSteps = {4.0, 8.0, 16.0, 32.0, 64.0};  // of the noise
-  constexpr size_t kEnough = 200;
+  constexpr std::array kSteps = {4.0, 8.0, 16.0, 32.0, 64.0};  // of the noise; chosen
+  constexpr size_t kEnough = 200;  // pixels; chosen: they tell a variance to a sixth
   const double mean = meanNoise_[plane], noise = std::hypot(Noise(0, plane), Noise(1, plane));
   double photons = std::numeric_limits<double>::infinity();
   for (size_t s = 0; s + 1 < kSteps.size(); ++s) {
@@ -222,7 +222,7 @@ void FrameScatter::MeasurePhotons(int plane) {
 /// the median of all frames, which bends where it passes from one frame to another. Least squares lend each
 /// frame the same share of that, and what is left of it is known then.
 void FrameScatter::FitSkies(int plane) {
-  constexpr int kRounds = 4;
+  constexpr int kRounds = 4;  // chosen
   const size_t count = cells_.size();
   std::vector<double> common(count, 0.0), values(count);
   for (int round = 0; round < kRounds; ++round) {
@@ -254,7 +254,7 @@ void FrameScatter::FitSkies(int plane) {
 /// A polynomial of as high a degree, up to 3, as the cells tell. When it is robust, trails and what else is
 /// no sky count little (iteratively reweighted least squares, Holland and Welsch 1977).
 SmoothSurface FrameScatter::Fit(const std::vector<double>& values, bool robust) const {
-  constexpr int kMostDegree = 3, kRounds = 6;
+  constexpr int kMostDegree = 3, kRounds = 6;  // chosen
   std::set<int> rows, columns;
   int known = 0;
   for (size_t c = 0; c < values.size(); ++c) {
@@ -296,7 +296,7 @@ SmoothSurface FrameScatter::Fit(const std::vector<double>& values, bool robust) 
 }
 
 double FrameScatter::Of(double signal, double star, int plane) const {
-  // How much of a star's light comes and goes with the seeing, in a pixel.
+  // How much of a star's light comes and goes with the seeing, in a pixel. Chosen.
   constexpr double kSeeing = 0.25;
   const double light = std::max(signal, 0.0), seeing = kSeeing * std::max(star, 0.0);
   return std::sqrt(1 + photons_[plane] * light + seeing * seeing);

@@ -65,8 +65,9 @@ double MedianDistance(Values values, Ranks ranks, double median) {
 }
 
 double WinsorizedDeviation(Values values, Ranks ranks) {
+  // The second is a normal distribution's deviation in that of its values clamped at 1.5 deviations.
   constexpr double kNear = 1.5, kOfClamped = 1.134, kSame = 0.0005;
-  constexpr int kMost = 50;
+  constexpr int kMost = 50;  // chosen
   const double median = Median(values, ranks);
   const double n = ranks.Count();
   double deviation = kSigmasOfMedianDistance * MedianDistance(values, ranks, median);
@@ -161,7 +162,8 @@ double StudentsQuantile(double above, int freedom, double start) {
   return t;
 }
 
-/// Rosner's critical values for the first, second ... outlier of n values.
+/// Rosner's critical values for the first, second ... outlier of n values, at the usual level of 5 %. The
+/// share of outliers at most is chosen.
 const std::vector<double>& CriticalValues(int n) {
   constexpr double kLevel = 0.05, kMostOutliers = 0.3;
   static std::mutex mutex;
@@ -229,8 +231,8 @@ Ranks Limit(Values values, double noise, Ranks ranks) {
 }
 
 Ranks ByNumber(Values values, double noise) {
-  constexpr int kSome = 14;
-  constexpr double kWinsorized = 3;
+  constexpr int kSome = 14;          // from 15 values on Rosner's critical values hold (Rosner 1983)
+  constexpr double kWinsorized = 3;  // chosen: a thousand normal values lose three
   const int n = static_cast<int>(values.size());
   if (n <= Rejection::kFew) {
     return WhatStays({Rejection::Noise, Rejection::kGoes, Rejection::kGoes}, values, noise);

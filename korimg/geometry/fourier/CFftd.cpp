@@ -155,7 +155,7 @@ bool CFftd::BalanceParts() {
   }
   const double ratio = std::sqrt(power.re / power.im);
   if (!(ratio > 0) || !std::isfinite(ratio)) return false;
-  constexpr double kNear = 16;
+  constexpr double kNear = 16;  // chosen: a float has 20 bits left of the weaker image
   if (ratio < kNear && ratio > 1 / kNear) return true;
   ForRows([&, factor = static_cast<float>(ratio)](int y) {
     complex* row = data + static_cast<size_t>(y) * width_;
