@@ -162,7 +162,7 @@ void Console::ShowProgress(const session::Event& event) {
   }
   if (!keyboard_) keyboard_ = std::make_unique<Keyboard>();
   if (now - start_ < 300ms) return;  // what is over at once needs no bar
-  constexpr int kWidth = 30;
+  constexpr int kWidth = 30;         // of the bar, chosen: a title fits beside it in 80 columns
   const double seconds = duration<double>(now - start_).count();
   const int left =
       step > 0 ? static_cast<int>(seconds * static_cast<double>(total - step) / static_cast<double>(step))

@@ -28,7 +28,7 @@ CFrameMap CFrameMap::FromPose(double dx, double dy, double degrees, int width, i
 }
 
 CFrameMap::Model CFrameMap::GetModel() const {
-  constexpr double kSame = 1e-9;
+  constexpr double kSame = 1e-9;  // chosen: rounding is far less, and 10^6 pixels move by 0.001
   const Matrix& m = matrix_;
   if (std::abs(m[6]) > kSame * kSame || std::abs(m[7]) > kSame * kSame) return Homography;
   if (std::abs(m[0] - m[4]) > kSame || std::abs(m[1] + m[3]) > kSame) return Affine;
@@ -76,7 +76,7 @@ CFrameMap CFrameMap::Moved(double dx, double dy) const {
 }
 
 CFrameMap::Bounds CFrameMap::BoundsOf(double left, double top, double right, double bottom) const {
-  constexpr int kSteps = 32;
+  constexpr int kSteps = 32;  // chosen, of an edge; what it bends between them is added
   constexpr double kInfinity = std::numeric_limits<double>::infinity();
   Bounds bounds{kInfinity, kInfinity, -kInfinity, -kInfinity};
   double bend = 0;

@@ -47,7 +47,7 @@ bool IsWhole(double v) {
 
 // Many samples of a plane in one block, at positions whose taps all lie inside.
 
-constexpr int kChunk = 64;
+constexpr int kChunk = 64;  // chosen: weights and taps of so many stay in the first-level cache
 
 /// Pixels left and above of positions, and how far these lie beyond, from 0 to 1.
 struct Cells {

@@ -11,6 +11,7 @@ namespace {
 
 Var x("x"), y("y");
 
+/// Columns of a tile. Chosen: its rows are long for memory, and a few of them stay in the second-level cache.
 constexpr int kTileWidth = 3000;
 
 /// Pixels whose ratio to the median of themselves and their four neighbours is out of bounds become the

@@ -56,7 +56,7 @@ struct Scaling {
   }
 };
 
-/// A line of an output is written in few parts: memory takes long runs best.
+/// An output's line is written in few parts: memory takes long runs best (docs/performance.md, "Geometry").
 constexpr int kWholeLines = 1 << 14;
 
 /// The columns of taps added for the source's lines, and of these the rows: of an enlargement the first step,

@@ -83,7 +83,7 @@ Expr hash(Expr number) {
 
 /// What the histograms share: the window, the range and the bins.
 struct Histogram {
-  static constexpr int kStrips = 16;  ///< tables that are filled in parallel
+  static constexpr int kStrips = 16;  ///< tables that are filled in parallel; chosen
   Param<int> start_x{"nStartX"}, start_y{"nStartY"}, width{"nWidth"}, height{"nHeight"}, bins{"nBins"};
   Param<double> low{"fMin"}, high{"fMax"};
 
@@ -111,7 +111,7 @@ struct Histogram {
   /// line, which often fall into the same bin, different ones: an increment would wait for the one before.
   Func count(const std::string& name, const Target& target,
              const std::function<Expr(Expr, Expr)>& value) const {
-    constexpr int kTables = 4;
+    constexpr int kTables = 4;  // chosen: an increment takes about as many cycles
     Func column_bits("column_bits"), index("index"), part("part"), histogram(name);
     Var strip("strip"), table("table"), i("i");
     column_bits(x) = hash(x);

@@ -13,7 +13,7 @@
 namespace korimg {
 
 GaussianBlur::GaussianBlur(double sigma) : transform_(kLength) {
-  constexpr int kWidest = 31;
+  constexpr int kWidest = 31;  // cells, a quarter of a stretch with both sides
   constexpr double kSeen = 6;  // sigma; the rest is 2e-9 of the whole
   reach_ = static_cast<int>(std::clamp(std::ceil(kSeen * sigma), 1.0, static_cast<double>(kWidest)));
   std::vector<double> cells;  // from the middle on

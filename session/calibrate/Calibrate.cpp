@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-constexpr int kPreviewSide = 1200;  // pixels
+constexpr int kPreviewSide = 1200;  // pixels; chosen for a screen
 
 /// Writes a session's lights.
 class LightWriter {

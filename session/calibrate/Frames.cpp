@@ -20,11 +20,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Tolerances, chosen.
 constexpr double kExact = 1e-6;         // relative: numbers that were written with few digits
-constexpr double kDegrees = 2;          // that the dark signal may be trusted over
+constexpr double kDegrees = 2;          // that the dark signal may be trusted over: it doubles within 5 to 7
 constexpr double kSameExposure = 0.01;  // relative: shutters and clocks
 constexpr double kTurned = 2;           // degrees of the rotator that dust and vignetting are told apart by
-constexpr double kNight = 10 * 3600;    // seconds
+constexpr double kNight = 10 * 3600;    // seconds between the flats of one night
 constexpr const char *kTemperature = "CCD-TEMP", *kFilter = "FILTER", *kOtherFilter = "FILTER1";
 
 /// What must agree between the frames of a group, and between a group and the frames it serves.
@@ -160,7 +161,7 @@ std::string MasterName(const Group& group) {
 }
 
 /// A number that frames of other pixels hardly share, by some rows in the middle. None for camera raw, which
-/// would have to be unpacked.
+/// would have to be unpacked. Eight rows were chosen: their noise alone tells frames apart.
 std::optional<std::size_t> DigestOf(const Frame& frame) {
   constexpr int kRows = 8;
   if (frame.info.camera) return std::nullopt;

@@ -32,8 +32,8 @@ float ScaleEnd(const files::ImageInfo& info, bool lessBlack) {
 
 namespace {
 
-constexpr size_t kBandPixels = 4 << 20;  // of all frames of a group together
-constexpr double kManySaturated = 0.01;
+constexpr size_t kBandPixels = 4 << 20;  // of all frames of a group together; chosen: 16 MiB
+constexpr double kManySaturated = 0.01;  // chosen: share of a flat's pixels
 
 /// Flats without an offset of their own: camera raw files know their black level.
 files::ReadOptions FlatOptions(const Group& group, bool hasOffset) {
@@ -71,7 +71,7 @@ class Stack {
 
   /// From now on frames have the offset taken off, and come with one mean, by a sample of their rows.
   void Normalise(CVelImage* offset) {
-    constexpr int kSampleRows = 256;
+    constexpr int kSampleRows = 256;  // chosen
     offset_ = offset;
     const files::ImageInfo& info = Info();
     const int step = std::max(info.height / kSampleRows, 1);
@@ -135,9 +135,10 @@ class Stack {
 
   /// The first two frames' noise, by many pieces of rows, so that cosmic rays do not count in the median.
   std::vector<Piece> Noise() {
-    constexpr int kSampleRows = 512;
-    constexpr size_t kPiece = 64;  // pixels
-    // Of the sum of so many squares, less the means of a mosaic's two colours in a row: median over mean.
+    constexpr int kSampleRows = 512;  // chosen
+    constexpr size_t kPiece = 64;     // pixels; chosen: cosmic rays hit few of the pieces
+    // Of the sum of so many squares, less the means of a mosaic's two colours in a row: the cube root of its
+    // median over its mean (Wilson and Hilferty 1931).
     constexpr double kFreedom = kPiece - 2, kMedian = 1 - 2 / (9 * kFreedom);
     const int step = std::max(Info().height / kSampleRows, 1);
     const double back = 1 / factors_[0];
@@ -166,7 +167,7 @@ class Stack {
   /// counted in electrons has a variance of its mean. 0 when that is not most of their noise.
   /// `offsetVariance` is that of a pixel of the frames that came off.
   double MeasureGain(double offsetVariance) {
-    constexpr double kMost = 100;  // electrons: beyond that flats are no raw ones
+    constexpr double kMost = 100;  // electrons, chosen: beyond that flats are no raw ones
     const double ratio = factors_[1] / factors_[0], read = offsetVariance * (1 + ratio * ratio);
     std::vector<double> variances, ofLight;  // of a unit of light
     for (const Piece& piece : Noise()) {

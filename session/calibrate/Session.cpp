@@ -27,9 +27,9 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
-/// Frames of 0 to 1 stay below the one, and a camera's own are beyond the other.
+/// Frames of 0 to 1 stay below the one, and a camera's own are beyond the other. Chosen.
 constexpr double kUnitMost = 1.5, kCountsLeast = 16;
-constexpr double kManySaturated = 0.01;  // share of a flat's pixels that is worth a warning
+constexpr double kManySaturated = 0.01;  // chosen: share of a flat's pixels that is worth a warning
 
 const files::Header& HeaderOf(const Group& group) {
   return group.frames.front().info.header;
@@ -392,7 +392,7 @@ Master Session::MakeScaled(const Group& group) const {
 
 /// Refuses darks whose bias is off already, which lights keep then: a camera's own values are not negative.
 void Session::CheckHoldsBias(const Master& dark) const {
-  constexpr double kMany = 0.01;  // of the pixels
+  constexpr double kMany = 0.01;  // of the pixels; chosen
   const double negative = ShareBelow(*dark.image, 0);
   if (negative < kMany) return;
   const fs::path& path = dark.group->frames.front().path;
@@ -442,7 +442,8 @@ void Session::CheckLights() {
     const FrameLevels levels = MeasureInput(input);
     if (const Master* offset = MasterOf(light.Offset())) {
       CheckScale(light, levels, *offset);
-      constexpr double kDeep = 20;  // standard deviations: nothing of the noise, and little of hot pixels'
+      // Standard deviations, chosen: nothing of the noise lies below, and little of hot pixels' dark signal.
+      constexpr double kDeep = 20;
       double& pedestal = pedestals_[light.Offset()];
       for (int p = 0; p < info.planes; ++p) {
         pedestal = std::max(pedestal, std::ceil(kDeep * levels.noise[p]));
@@ -460,7 +461,7 @@ void Session::CheckLights() {
 /// Refuses masters that are not on a light's scale. An offset lies below all of the light, and a dark above
 /// the bias that it holds.
 void Session::CheckScale(const Light& light, const FrameLevels& levels, const Master& offset) const {
-  constexpr double kFar = 5;
+  constexpr double kFar = 5;  // deviations; chosen
   const FrameLevels own = MeasureLevels(*offset.image);
   const std::string& name = offset.group->name;
   const double sky = levels.level[0], dark = own.level[0];
@@ -471,7 +472,7 @@ void Session::CheckScale(const Light& light, const FrameLevels& levels, const Ma
     wrong =
         fmt::format("has a median of {:.6g}, but {} no pixel above {:.3g}", sky, name, offset.measures.max);
   }
-  constexpr double kLittle = 0.02;  // of the light: a camera's own offset is more
+  constexpr double kLittle = 0.02;  // of the light, chosen: a camera's own offset is more
   if (light.dark && wrong.empty() && biases_.empty() && dark < kLittle * sky) {
     job_.Warn(fmt::format(
         "{}: has a median of {:.6g}, and {} one of {:.6g} only: if its bias was taken off before, "
@@ -742,7 +743,7 @@ void Session::WarnOfFlat(const Master& flat) const {
 }
 
 std::vector<const Light*> Defects::Sample() const {
-  constexpr size_t kMost = 7, kLeast = 3;
+  constexpr size_t kMost = 7, kLeast = 3;  // chosen: odd numbers have a middle one; more cost time
   std::vector<const Light*> all = lights, sample;
   std::erase_if(all, [this](const Light* light) { return unreadable.contains(light); });
   if (all.size() < kLeast) return {};
@@ -1042,7 +1043,7 @@ void CalibratedRows::Read(const Band<float>& to, const QualityRows& quality) {
 
 /// By the rows of the masters where those lie. Answers how many pixels were limited at 0.
 long long CalibratedRows::Calibrate(const Band<float>& rows, const QualityRows& quality) {
-  constexpr int kAtOnce = 128;  // so that each step finds them in the caches
+  constexpr int kAtOnce = 128;  // chosen, so that each step finds them in the caches
   long long clipped = 0;
   for (int top = rows.Top(); top < rows.Bottom(); top += kAtOnce) {
     const Band<float> part = rows.Part(top, std::min(kAtOnce, rows.Bottom() - top));
@@ -1082,7 +1083,7 @@ LightRows::LightRows(const Session& session, const Light& light,
 
 void LightRows::Read(const Band<float>& to, const QualityRows& quality) {
   if (!development_ && to.IsDense()) return rows_.Read(to, quality);
-  // Little memory beside what the rows are for, and many rows beside the margins of development.
+  // Chosen: little memory beside what the rows are for, and many rows beside the margins of development.
   constexpr int kAtOnce = 128;
   for (int top = to.Top(); top < to.Bottom(); top += kAtOnce) {
     const int rows = std::min(kAtOnce, to.Bottom() - top);

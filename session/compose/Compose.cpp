@@ -141,7 +141,7 @@ class Composer {
 
   /// A source that lies on the first already, within what stars tell, is not sampled anew.
   static Registration Settled(Registration place, const CVelImage& image) {
-    constexpr double kSame = 0.02;  // pixels
+    constexpr double kSame = 0.02;  // pixels, chosen: about what phase correlation is off by
     const double turn =
         std::abs(place.degrees) * M_PI / 180 * std::hypot(image.GetWidth(), image.GetHeight()) / 2;
     const double dx = std::round(place.dx), dy = std::round(place.dy);
@@ -164,7 +164,7 @@ class Composer {
     double depth = 0;
 
     explicit Sky(CVelImage& image) : levels(MeasureLevels(image)) {
-      constexpr double kLeast = 12, kMost = 50;  // times the noise
+      constexpr double kLeast = 12, kMost = 50;  // times the noise; chosen
       for (int p = 0; p < image.GetPlanes(); ++p) {
         const auto [min, max] = FiniteExtremes(image, p);
         highest = std::max(highest, max - levels.level[p]);
@@ -185,7 +185,7 @@ class Composer {
   /// and not saturated; 1 where there is no such light.
   double ShareOfLuminance(CVelImage& luminance, const Sky& sky, CVelImage& colours,
                           const Sky& colourSky) const {
-    constexpr double kSigmas = 5, kSaturated = 0.7;
+    constexpr double kSigmas = 5, kSaturated = 0.7;  // chosen; the latter of the highest light
     const double least = kSigmas * sky.levels.noise[0], most = kSaturated * sky.highest;
     double ofLuminance = 0, ofColours = 0;
     for (const auto& [lit, coloured] : MapLines(0, colours.GetHeight(), [&](int y) {

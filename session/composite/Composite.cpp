@@ -67,7 +67,7 @@ void RestoreUnreached(CVelImage& result, CVelImage& first, const CVelImage& seco
   if (!reach.Create(nothing, nullptr)) throw velora::CVmMemoryAllocationError("no room for the result");
   reach.Do(&nothing, &ones, options.dx, options.dy, options.angle, 1, static_cast<int>(CompositeMode::Add),
            options.kernel, 1, 0, 0, 1, 1, window, 0, -1);
-  constexpr float kAll = 0.9f;  // the weights of some kernels add up to a little less than 1
+  constexpr float kAll = 0.9f;  // chosen: the weights of some kernels add up to a little less than 1
   for (int p = 0; p < result.GetPlanes(); ++p) {
     for (int y = 0; y < result.GetHeight(); ++y) {
       const float *found = reach.GetLine(0, y, 0), *own = first.GetLine(0, y, p);

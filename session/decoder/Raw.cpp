@@ -76,6 +76,7 @@ class Raw : public Session {
 
  private:
   static void SetLimits(const std::string& path) {
+    // Chosen, far above what whole files take: 24 megapixels take half a second (docs/performance.md).
     constexpr double kMemory = 4e9, kSeconds = 5, kBytesInSecond = 1e6;
     Limit(kMemory, kSeconds + static_cast<double>(std::filesystem::file_size(path)) / kBytesInSecond);
   }

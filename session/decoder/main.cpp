@@ -85,7 +85,7 @@ void decoder::Limit(double bytes, double seconds) {
   getrusage(RUSAGE_SELF, &used);
   if (!kSanitized) SetSoftLimit(RLIMIT_AS, BytesNow() + bytes);
   SetSoftLimit(RLIMIT_CPU, static_cast<double>(used.ru_utime.tv_sec + used.ru_stime.tv_sec) + 1 + seconds);
-  // A process that waits for itself uses no time of the processor. Slow disks are given much.
+  // A process that waits for itself uses no time of the processor. Slow disks are given much; chosen.
   constexpr double kSlowDisk = 20;
   alarm(static_cast<unsigned>(kSlowDisk * (1 + seconds)));
 }

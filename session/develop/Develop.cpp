@@ -115,8 +115,8 @@ void CheckWhiteBalance(const std::string& wanted) {
 }
 
 bool PhasesDiffer(files::ImageReader& reader) {
-  constexpr int kPairs = 64;
-  constexpr double kClear = 0.5, kAlike = 0.3;  // of the noise, of the largest difference
+  constexpr int kPairs = 64;                    // of lines; chosen
+  constexpr double kClear = 0.5, kAlike = 0.3;  // of the noise, of the largest difference; chosen
   const files::ImageInfo& info = reader.Info();
   const int pairs = std::min(info.height / 2, kPairs), width = info.width / 2 * 2;
   if (info.planes > 1 || pairs == 0 || width == 0) return false;
@@ -375,7 +375,7 @@ std::unique_ptr<CVelImage> Development::Rows(int y0, int y1) {
 
 void Development::ForBands(Job& job, const std::string& title,
                            const std::function<void(std::unique_ptr<CVelImage>)>& visit, bool fromLowest) {
-  constexpr int kBandRows = 128;
+  constexpr int kBandRows = 128;  // chosen: many rows beside the margins
   const int height = Size().height;
   for (int done = 0, rows; done < height; done += rows) {
     job.CheckCancelled();

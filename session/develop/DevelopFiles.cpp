@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int kPreviewSide = 1200;  // pixels
+constexpr int kPreviewSide = 1200;  // pixels; chosen for a screen
 constexpr double kWhite16 = 65535;
 constexpr double kUnitWhite = 16;  // images that stay below it are not on a camera's scale
 
@@ -93,7 +93,7 @@ class Developer {
       SaveOptions save{.integers = options_.integers};
       DevelopOptions options = options_;
       if (save.integers) options.scale = kWhite16 / source.levels.max[0];
-      // The noise of a dark sky goes below black; it is kept, unless black is to be the end.
+      // The noise of a dark sky goes below black; it is kept, unless black is to be the end. Chosen.
       constexpr double kBelowBlack = kWhite16 / 64;
       if (!options.levelCut && options.gamma == 1) save.scale = {1 + kBelowBlack / kWhite16, -kBelowBlack};
       Levels levels;

@@ -12,6 +12,7 @@
 namespace korimg::session {
 namespace {
 
+// Chosen: 130000 pixels tell a deviation to 0.2 %, and noise so far below the light changes no weights.
 constexpr int kSide = 384, kEdge = 8;  // pixels
 constexpr double kLevel = 4000, kNoise = 20;
 constexpr int kAll = -1;
@@ -62,7 +63,7 @@ std::array<double, 4> BicubicWeights(double f) {
 
 /// Of a plane of noise on an even field.
 double CorrelationOf(CVelImage& image, int plane) {
-  constexpr int kParts = 4;  // of a pixel, along each axis
+  constexpr int kParts = 4;  // of a pixel, along each axis; chosen
   const int width = image.GetWidth() - 2 * kEdge, height = image.GetHeight() - 2 * kEdge;
   double found = 0, independent = 0, mean = 0, variance = 0;
   std::vector<std::vector<double>> rows(height, std::vector<double>(width));

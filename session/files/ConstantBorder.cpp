@@ -55,6 +55,7 @@ class Rows {
   Band<float> band_;
 };
 
+// What is not said otherwise was chosen, and separates the sixteen kinds of frames of the tests.
 constexpr int kLeastRun = 8;  ///< pixels of a corner's row or column
 
 /// A value that one of the corners has along its row or its column.

@@ -27,7 +27,7 @@ bool IsInElectrons(const Header& header, std::string_view key) {
 }  // namespace
 
 Gain FindGain(const Header& header, double noise) {
-  constexpr double kLeastNoise = 0.01;  // electrons
+  constexpr double kLeastNoise = 0.01;  // electrons, chosen: no camera reads so quietly
   if (const double of = header.GetDouble("KORLGAIN").value_or(0); of > 0 && noise * of >= kLeastNoise) {
     return {of, "KORLGAIN"};
   }

@@ -132,7 +132,7 @@ class JpegWriter : public ImageWriter {
       jpeg_.input_components = options_.planes;
       jpeg_.in_color_space = options_.planes == 3 ? JCS_RGB : JCS_GRAYSCALE;
       jpeg_set_defaults(&jpeg_);
-      constexpr int kQuality = 92;
+      constexpr int kQuality = 92;  // chosen
       jpeg_set_quality(&jpeg_, kQuality, TRUE);
       // Stars are small and coloured: no colour is shared between pixels.
       jpeg_.comp_info[0].h_samp_factor = jpeg_.comp_info[0].v_samp_factor = 1;

@@ -27,7 +27,7 @@ double MeanInside(CVelImage& image, int margin) {
   return std::accumulate(lines.begin(), lines.end(), 0.0) / width / height;
 }
 
-/// Of what stands out of the sky by more than noise, so that neither counts.
+/// Of what stands out of the sky by more than noise, three deviations, so that neither counts. Chosen.
 double RelativeFocus(CVelImage& image) {
   constexpr double kNoise = 3;
   CImgLight light;
@@ -39,8 +39,10 @@ double RelativeFocus(CVelImage& image) {
 }  // namespace
 
 std::optional<double> GuideErrorOf(CVelImage& image, const std::vector<CStar>& stars) {
+  // Chosen: as many as the guide error takes itself; of the image's sides, to each side of its middle, where
+  // optics do least.
   constexpr std::ptrdiff_t kMost = 40;
-  constexpr double kMiddle = 0.3;  // of the image's sides, to each side of its middle: optics do least there
+  constexpr double kMiddle = 0.3;
   const auto isInMiddle = [](double at, int size) { return std::abs(at / size - 0.5) < kMiddle; };
   CArray<CStarPos, CStarPos&> brightest;
   for (const CStar& star : stars) {

@@ -26,8 +26,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int kFewestStars = 5;     // of a reference: fewer lie on any other few
-constexpr int kPreviewSide = 1400;  // pixels that levels are found by
+constexpr int kFewestStars = 5;     // of a reference, chosen: fewer lie on any other few
+constexpr int kPreviewSide = 1400;  // pixels that levels are found by; chosen
 
 /// A frame is left out, and why.
 struct LeftOut {

@@ -17,8 +17,8 @@ namespace {
 
 constexpr float kMissing = std::numeric_limits<float>::quiet_NaN();
 constexpr float kNormal = 1.4826F;  // a normal distribution's deviation in median distances
-constexpr int kFirst = 3;
-constexpr float kAlone = -1;  // the variance where one value counts, which is not known
+constexpr int kFirst = 3;           // frames that are judged by each other: the fewest with a median
+constexpr float kAlone = -1;        // the variance where one value counts, which is not known
 
 /// A row of the sums, and what comes to it.
 struct Sums {
@@ -86,7 +86,7 @@ void JudgeRow(const std::array<float*, kFirst>& rows, const std::array<float, kF
 }
 
 /// The deviation between two frames' values, robustly: by the median of their distances in some 60000 pixels
-/// of whole lines.
+/// of whole lines, which tell it to half a percent.
 double DeviationBetween(CVelImage& a, CVelImage& b, int plane) {
   constexpr int kPixels = 60000;
   const int width = a.GetWidth(), height = a.GetHeight(),

@@ -20,7 +20,7 @@ Counts CountsOf(const Call& call, std::optional<double> gain, std::optional<doub
     counts.gain = found.electrons;
     if (!(counts.gain > 0)) {
       // As if the noise of the sky were that of its light, of which there is some.
-      constexpr double kLeastLight = 10;  // times the noise
+      constexpr double kLeastLight = 10;  // times the noise; chosen
       counts.gain = noise > 0 ? std::max(sky, kLeastLight * noise) / (noise * noise) : 1;
     }
     call.job.Explain(fmt::format("{}: gain {:g} ({})", call.Name(), counts.gain,

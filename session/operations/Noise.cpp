@@ -24,7 +24,7 @@ struct HotCoolOptions {
 };
 
 void HotCool(Call& call, const HotCoolOptions& o) {
-  constexpr double kShare = 0.5;
+  constexpr double kShare = 0.5;  // chosen
   CheckRadius(call, o.radius);
   if ((o.pixels == Outliers::Hot && o.cool) || (o.pixels == Outliers::Cool && o.hot)) {
     throw UsageError(

@@ -18,7 +18,7 @@ struct SharpenOptions {
 };
 
 void Sharpen(Call& call, const SharpenOptions& options) {
-  constexpr double kShare = 1.0 / 3;  // of the largest rank
+  constexpr double kShare = 1.0 / 3;  // of the largest rank; chosen
   auto radii = Radii(call, options.radius);
   auto threshold = options.threshold.For(call.image->GetPlanes());
   std::vector<double> ranks;

@@ -157,7 +157,7 @@ void Annotate(CVelImage& picture, const Annotations& annotations, const std::fil
           "does not say its scale: it has neither world coordinates, nor SCALE, nor FOCALLEN "
           "with XPIXSZ; leave --scale-bar out");
     }
-    constexpr double kShareOfWidth = 0.3;
+    constexpr double kShareOfWidth = 0.3;  // chosen
     const double pixel = *scale * binX, length = RoundAngle(kShareOfWidth * drawing.Width() * pixel);
     drawing.ScaleBar(AngleText(length), length / pixel);
   }

@@ -33,6 +33,7 @@ Levels StretchForPicture(const FrameLevels& sky, const std::vector<std::pair<dou
   std::fill(levels.min, levels.min + 3, lowest);
   std::fill(levels.max, levels.max + 3, highest);
   // A sky is narrow in its range; where there are no stars its noise is all there is, and is to stay dark.
+  // Chosen, in spreads and in depths below the sky.
   constexpr double kNarrow = 6, kLeastRange = 8;
   const double depth = CImgMidtones::kShadowSpreads * spread;
   if (!(depth > 0) || highest - lowest < kNarrow * spread) return levels;

@@ -25,8 +25,8 @@
 namespace korimg::session {
 namespace {
 
-constexpr long long kBandBytes = 4 << 20;
-constexpr double kWhite = 65535;  // of 16 bits
+constexpr long long kBandBytes = 4 << 20;  // chosen: large for disks, small beside images
+constexpr double kWhite = 65535;           // of 16 bits
 
 std::string LevelKey(const char* end, int plane) {
   return fmt::format("KORL{}{}", end, plane + 1);

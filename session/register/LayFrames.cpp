@@ -46,7 +46,7 @@ CFrameFitter FitterOf(const FrameMeasure& reference, const FramesToLay& frames,
 /// Says so where shift and turn leave stars farther apart than their errors explain: a lens that too few of
 /// them tell shows most in the corners.
 void DoubtRigid(const FrameMeasure& frame, Registration& registration) {
-  constexpr double kApart = 0.5, kErrors = 3;  // pixels; deviations
+  constexpr double kApart = 0.5, kErrors = 3;  // pixels; deviations: chosen
   if (!registration.IsGood() || registration.method != "stars" || registration.map ||
       !registration.note.empty())
     return;
@@ -104,8 +104,8 @@ LaidFrames LayOn(Job& job, const FramesToLay& frames, const Grid& grid, const La
 /// One of the sharper half nearer to the middle of the dithers than a reference that lies far off all others.
 std::optional<size_t> NearerTheMiddle(const FramesToLay& frames, const LaidFrames& laid,
                                       const std::vector<char>& candidates) {
-  constexpr double kFar = 3;        // times the usual distance from the middle
-  constexpr double kMatters = 0.1;  // of the shorter side
+  constexpr double kFar = 3;        // times the usual distance from the middle; chosen
+  constexpr double kMatters = 0.1;  // of the shorter side; chosen
   std::vector<double> xs, ys, fwhms;
   for (size_t i = 0; i < frames.measures.size(); ++i) {
     if (!laid.registrations[i].IsGood()) continue;
@@ -113,7 +113,7 @@ std::optional<size_t> NearerTheMiddle(const FramesToLay& frames, const LaidFrame
     ys.push_back(laid.registrations[i].dy);
     fwhms.push_back(frames.measures[i].fwhm);
   }
-  constexpr size_t kTelling = 4;
+  constexpr size_t kTelling = 4;  // chosen: of three the middle is one of them
   if (xs.size() < kTelling) return std::nullopt;
   const double x = UpperMedian(xs), y = UpperMedian(ys), sharper = UpperMedian(fwhms);
   const auto distance = [&](size_t i) {
@@ -150,7 +150,7 @@ LaidFrames LayFrames(Job& job, const FramesToLay& frames, std::optional<size_t> 
   candidates.resize(frames.measures.size(), frames.mayBeReference.empty());
   if (std::ranges::count(candidates, 0) == std::ssize(candidates)) std::ranges::fill(candidates, 1);
   LaidFrames best = lay(ChooseReference(frames.measures, candidates));
-  constexpr int kOthers = 2;
+  constexpr int kOthers = 2;  // chosen: each lays all frames anew
   for (int other = 0; other < kOthers && 2 * GoodOnes(best) <= frames.measures.size(); ++other) {
     std::vector<char> left = candidates;
     for (size_t i = 0; i < left.size(); ++i) {

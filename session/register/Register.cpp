@@ -25,7 +25,7 @@ using Json = nlohmann::ordered_json;
 
 /// What few stars leave open.
 std::string Doubt(int stars, double cornerError) {
-  constexpr double kSure = 1;  // pixels
+  constexpr double kSure = 1;  // pixels; chosen
   std::string text = stars == 2 ? "by two stars alone, so that a half turn or another pair of stars is "
                                   "not excluded; "
                                 : "";
@@ -39,7 +39,7 @@ std::string Refusal(const CStarMatch& match, size_t stars, size_t reference, dou
     case CStarMatch::NoStars:
       return fmt::format("{} of them, the reference {}; two of each are needed", stars, reference);
     case CStarMatch::ResidualTooLarge: {
-      constexpr double kSame = 0.002;
+      constexpr double kSame = 0.002;  // chosen: two pixels of a thousand
       return fmt::format("{:.3f} px of {} stars, more than {:g}{}", match.residual, match.stars, limit,
                          std::abs(match.scale - 1) > kSame
                              ? fmt::format("; the reference is {:.4f} times as large", match.scale)
@@ -224,7 +224,7 @@ std::pair<double, double> PlaceOf(const Registration& r, const FrameMeasure& fra
 }
 
 size_t ChooseReference(const std::vector<FrameMeasure>& frames, const std::vector<char>& candidates) {
-  constexpr double kBright = 3;  // times the usual sky
+  constexpr double kBright = 3;  // times the usual sky; chosen
   const auto isCandidate = [&](size_t i) { return candidates.empty() || candidates[i]; };
   int most = 0;
   std::vector<double> skies;
@@ -310,7 +310,7 @@ Registration Registrar::RegisterByLight(const FrameMeasure& frame, const ImageSo
 }
 
 Registration Registrar::RegisterByPlace(const FrameMeasure& frame, CVelImage& image) {
-  constexpr size_t kFew = 5;  // of as many, stars would have matched
+  constexpr size_t kFew = 5;  // chosen: of as many, stars would have matched
   Registration registration = FromMatch(CStarMatch{CStarMatch::NoMatch}, frame, "place");
   if (std::min(frame.stars.size(), starCount_) >= kFew) return registration;
   if (!place_) place_ = std::make_unique<CPlaceMatcher>(*reference_);
@@ -352,8 +352,8 @@ struct Ratio {
 
 /// The mean by errors, without what is further from it than errors let expect: variable stars, wrong pairs.
 std::optional<double> MeanRatio(std::vector<Ratio> ratios) {
-  constexpr double kFar = 4;  // errors
-  constexpr int kRounds = 5;
+  constexpr double kFar = 4;  // errors; chosen
+  constexpr int kRounds = 5;  // chosen
   if (ratios.empty()) return std::nullopt;
   std::sort(ratios.begin(), ratios.end(), [](const Ratio& a, const Ratio& b) { return a.value < b.value; });
   const auto weight = [](const Ratio& r) { return 1 / (r.error * r.error); };
@@ -384,9 +384,9 @@ std::optional<double> MeanRatio(std::vector<Ratio> ratios) {
 /// reference: the brightest of that one decide.
 std::optional<double> RatioOf(const std::vector<CStar>& stars, const std::vector<Point>& places,
                               const std::vector<CStar>& wanted, const std::vector<Point>& wantedPlaces) {
-  constexpr double kNear = 1.5;    // pixels
-  constexpr double kLeast = 0.01;  // relative error of the brightest stars, whose number counts
-  // Of faint stars a cloud leaves those that noise makes brighter: the brightest ones decide.
+  constexpr double kNear = 1.5;    // pixels; chosen
+  constexpr double kLeast = 0.01;  // relative error of the brightest stars, whose number counts; chosen
+  // Of faint stars a cloud leaves those that noise makes brighter: the brightest ones decide. Chosen.
   constexpr size_t kMost = 50;
   const auto isGood = [](const CStar& star) { return star.flags == 0 && star.snr > 0 && star.flux > 0; };
   std::vector<size_t> brightest;
@@ -422,7 +422,7 @@ void CompareFluxes(const std::vector<FrameMeasure>& frames, const FrameMeasure& 
     return places;
   };
   // What shares less with the reference than with others is compared with those, one after the other.
-  constexpr double kMuch = 0.3;  // of the area
+  constexpr double kMuch = 0.3;  // of the area; chosen
   const auto share = [&](const Registration& a, const Registration& b) {
     const auto along = [](double shift, int size) { return std::max(1 - std::abs(shift) / size, 0.0); };
     return along(a.dx - b.dx, reference.width) * along(a.dy - b.dy, reference.height);
@@ -478,7 +478,7 @@ void CompareFluxes(const std::vector<FrameMeasure>& frames, const FrameMeasure& 
 bool RegisterThroughOthers(const std::vector<FrameMeasure>& frames, std::vector<Registration>& registrations,
                            const CFrameFitter& fitter,
                            const std::function<std::shared_ptr<CVelImage>(size_t)>& image) {
-  constexpr size_t kMostTried = 5;
+  constexpr size_t kMostTried = 5;  // chosen: the nearest in time; the first by phase too, which takes long
   bool any = CheckHalfTurns(frames, registrations, fitter, image);
   const auto wants = [&](size_t i) {
     return registrations[i].status == "no match" && frames[i].stars.size() >= 2;

@@ -82,6 +82,7 @@ nlohmann::ordered_json Cost::Description() const {
 }
 
 Cost CostOf(const Job& job, const Workload& work) {
+  // Bytes, chosen as upper limits: runs of 20 frames of 3008 x 2008 took 96 and 95 % of the disk told.
   constexpr long long kFloat = sizeof(float), kReport = 1 << 20, kThumbnail = 40000, kHeader = 1 << 16,
                       kProgram = 64 << 20;
   constexpr long long kStackBytes = 2 * kFloat + 2 + 1;  // FITS, two TIFF files, PNG

@@ -12,7 +12,7 @@
 namespace korimg::session {
 
 FolderLock::FolderLock(Job& job, const std::filesystem::path& folder) {
-  constexpr std::chrono::milliseconds kAgain(100);
+  constexpr std::chrono::milliseconds kAgain(100);  // chosen
   const std::filesystem::path path = folder / "lock";
   const auto isThere = [&] {
     struct stat held {

@@ -21,7 +21,7 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
-constexpr int kPictureSide = 1400;  // pixels
+constexpr int kPictureSide = 1400;  // pixels; chosen for a screen
 
 }  // namespace
 

@@ -5,8 +5,8 @@
 namespace korimg::session {
 
 std::optional<TimeAxis> TimeAxis::Of(const std::vector<std::optional<double>>& moments) {
-  constexpr double kHour = 3600, kPause = 3 * kHour;
-  constexpr double kMostOfPause = 0.06, kMostOfPauses = 0.4;  // of the axis
+  constexpr double kHour = 3600, kPause = 3 * kHour;          // chosen: clouds pass sooner, days last longer
+  constexpr double kMostOfPause = 0.06, kMostOfPauses = 0.4;  // of the axis; chosen
   const bool allKnown = std::ranges::all_of(moments, [](const auto& moment) { return moment.has_value(); });
   if (!allKnown || moments.empty() || *moments.back() <= *moments.front()) return std::nullopt;
   TimeAxis axis;

@@ -17,6 +17,7 @@
 namespace korimg::session {
 namespace {
 
+/// Of the surfaces that bring frames together. Chosen: an edge that frames share tells no higher one.
 constexpr int kDegree = 2;
 constexpr int kNumbers = SmoothSurface::NumbersOf(kDegree);
 
@@ -35,7 +36,7 @@ struct Cell {
 /// all of it.
 std::optional<Cell::Seen> Look(CVelImage& image, const CFrameMap& toFrame, size_t frame, const Cell& cell,
                                double side) {
-  constexpr int kSamples = 24;  // along a side
+  constexpr int kSamples = 24;  // along a side, chosen: 576 pixels tell a median to a twentieth of sigma
   std::vector<std::vector<float>> values(image.GetPlanes());
   for (int i = 0; i < kSamples; ++i) {
     for (int k = 0; k < kSamples; ++k) {
@@ -77,7 +78,7 @@ bool Straighten(std::vector<StackInput>& inputs) {
 }
 
 Canvas CanvasOf(const std::vector<StackInput>& inputs, const Shape& reference) {
-  constexpr double kMost = 100;  // times the area of the reference
+  constexpr double kMost = 100;  // times the area of the reference; chosen
   double left = 0, top = 0, right = reference.width - 1.0, bottom = reference.height - 1.0;
   for (const StackInput& input : inputs) {
     const CFrameMap::Bounds bounds =
@@ -159,7 +160,7 @@ std::vector<FrameSky> MatchSkies(Job& job, const std::vector<StackInput>& inputs
       return s.medians[plane] * scales[s.frame] -
              std::inner_product(own, own + kNumbers, s.terms.begin(), 0.0);
     };
-    constexpr int kRounds = 4;
+    constexpr int kRounds = 4;  // chosen
     for (int round = 0; round < kRounds; ++round) {
       std::vector<double> normal(unknown * unknown), right(unknown);
       std::vector<double> means, distances;
@@ -175,7 +176,7 @@ std::vector<FrameSky> MatchSkies(Job& job, const std::vector<StackInput>& inputs
       }
       if (distances.empty()) break;
       const double usual = UpperMedian(distances);
-      constexpr double kFar = 4;
+      constexpr double kFar = 4;  // medians; chosen
       for (size_t c = 0; c < cells.size(); ++c) {
         const auto& seen = cells[c].seen;
         const auto n = static_cast<double>(seen.size());
@@ -198,7 +199,8 @@ std::vector<FrameSky> MatchSkies(Job& job, const std::vector<StackInput>& inputs
           }
         }
       }
-      // No more than what is asked for: curves least of all.
+      // No more than what is asked for: curves least of all. Chosen; seams that they leave are measured in
+      // docs/performance.md, "Lenses and panels".
       constexpr double kLevel = 1e-6, kSlope = 1e-3, kCurve = 1e-1;
       for (size_t i = 0; i < unknown; ++i) {
         const size_t term = i % kNumbers;

@@ -270,7 +270,7 @@ void ToGrid(files::Header& header, const Shape& reference, const CImgDrizzle::Op
 
 void TellDrizzle(Job& job, const CImgDrizzle::Options& options, std::optional<double> spread,
                  nlohmann::ordered_json& json) {
-  constexpr double kUneven = 0.2;
+  constexpr double kUneven = 0.2;  // of the deviation over the median (DrizzlePac's handbook)
   const double correlation = NoiseCorrelation(options);
   json["noise_correlation"] = correlation;
   json["weight_spread"] = spread ? nlohmann::ordered_json(*spread) : nlohmann::ordered_json();
@@ -296,7 +296,7 @@ void TellDrizzle(Job& job, const CImgDrizzle::Options& options, std::optional<do
 WeightSpread::WeightSpread(const std::vector<StackInput>& inputs, int reference,
                            const CImgDrizzle::Options& options)
     : isCommon_(kCells * kCells), weights_(inputs[reference].shape.planes) {
-  constexpr double kEnough = 2e6;
+  constexpr double kEnough = 2e6;  // pixels; chosen
   const CImgDrizzle grid = GridOf(inputs[reference], options);
   width_ = grid.Width();
   height_ = grid.Height();

@@ -89,7 +89,7 @@ class KORIMG_SESSION_API WeightSpread {
   std::optional<double> Get();
 
  private:
-  static constexpr int kCells = 64;  ///< of the grid, across and down
+  static constexpr int kCells = 64;  ///< of the grid, across and down; chosen
 
   int CellOf(int at, int size) const { return static_cast<int>(1LL * at * kCells / size); }
 

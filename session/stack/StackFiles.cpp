@@ -52,7 +52,7 @@ struct Source {
 
 /// Rows of a mosaic in colour, on its own scale: what outliers are told by where its sites are drizzled.
 void ReadDeveloped(files::ImageReader& reader, const files::Mosaic& mosaic, const Band<float>& to) {
-  // As many rows at once as make the margins of development small.
+  // As many rows at once as make the margins of development small; chosen.
   constexpr int kAtOnce = 128;
   static const std::shared_ptr<CVmManager> store = CreateContiguousManager();
   files::ImageInfo info = reader.Info();
@@ -87,7 +87,7 @@ void BlankNoData(files::ImageReader& reader, const Band<float>& rows) {
 /// may be more of them than a process may open.
 class Sources {
  public:
-  static constexpr size_t kMostOpen = 100;
+  static constexpr size_t kMostOpen = 100;  ///< chosen
 
   Sources(Job& job, const StackFilesOptions& options) : uncertainty_(options.uncertainty) {
     std::optional<Transforms> transforms;
@@ -289,7 +289,7 @@ const StackFilesOptions& Checked(const StackFilesOptions& options) {
 }
 
 class StackRun {
-  static constexpr double kFeather = 0.1;  // of the shorter side of panels
+  static constexpr double kFeather = 0.1;  // of the shorter side of panels; chosen
 
  public:
   StackRun(Job& job, const StackFilesOptions& options)

@@ -70,7 +70,7 @@ std::vector<FileStars> FindStars(Job& job, const StarFilesOptions& options) {
 
 void WriteStarList(const fs::path& path, const FileStars& found) {
   AtEdge([&] {
-    constexpr double kRadii = 2, kLeast = 3;  // FWHM, pixels
+    constexpr double kRadii = 2, kLeast = 3;  // FWHM, pixels; chosen
     files::TransientFile part(files::PartialName(path));
     std::ofstream out(part.Path());
     out << fmt::format("# {} stars of {}\n# {}\n# x y radius # flux fwhm elongation peak snr sky flags\n",

@@ -30,7 +30,7 @@ std::size_t FrameOf(const Request& request, const ViewedRun& run) {
 /// The run that a body is about, by its number. Frames are counted as the `version` that the page has seen
 /// counts them.
 std::shared_ptr<ViewedRun> RunOf(const Json& body, Context& context) {
-  constexpr int kMany = 1 << 20;
+  constexpr int kMany = 1 << 20;  // chosen: runs that a page can name
   const int run = ValueIn(body, "run", -1);
   if (run < 0 || run > kMany || !body["run"].is_number_integer())
     throw UsageError("run is the number of a run");
@@ -135,7 +135,7 @@ Response Thumbnail(const Request& request, Context& context) {
 }
 
 Response Preview(const Request& request, Context& context) {
-  constexpr int kLargest = 1600;
+  constexpr int kLargest = 1600;  // pixels; chosen for a screen
   const auto run = RunOf(request, context);
   const int side = WholeOf(request, "side", 64, kLargest);
   return Picture(request, *run, run->Preview(FrameOf(request, *run), side, request.isGone));

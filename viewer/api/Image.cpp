@@ -18,7 +18,7 @@ using namespace session;
 
 namespace {
 
-constexpr int kBins = 256;
+constexpr int kBins = 256;  // of a histogram; chosen: a panel is hardly wider
 constexpr double kAnyPixel = files::kMaxSide;
 
 std::shared_ptr<const OpenImage> ImageOf(const Request& request, Context& context) {
@@ -159,7 +159,7 @@ Json ArcBetween(const Source& source, const CfPoint& from, const CfPoint& to) {
 
 /// Pixels along a line, a step for each pixel of its length.
 Response Profile(const Request& request, const OpenImage& image) {
-  constexpr int kMost = 600;
+  constexpr int kMost = 600;  // places; chosen: a plot is hardly wider
   const auto place = [&](const char* name) { return NumberOf(request, name, -kAnyPixel, 2 * kAnyPixel); };
   const CfPoint from(place("x0"), place("y0")), to(place("x1"), place("y1"));
   const double length = std::hypot(to.x - from.x, to.y - from.y);
@@ -186,7 +186,7 @@ Response Stars(const Request& request, Context& context) {
   const FoundStars found =
       FindStars(context.images.IsOffered(id) ? WindowOf(*image->pyramid, 0, all, request.isGone)
                                              : Image::Open(job, context.files.Find(id)));
-  constexpr std::size_t kMost = 5000;  // that a page draws
+  constexpr std::size_t kMost = 5000;  // that a page draws; chosen
   Json json{{"count", found.stars.size()},    {"fwhm", found.fwhm},
             {"elongation", found.elongation}, {"sky", found.sky},
             {"noise", found.noise},           {"list", Json::array()}};

@@ -20,7 +20,7 @@ using namespace session;
 
 namespace {
 
-constexpr std::size_t kMostSteps = 100;
+constexpr std::size_t kMostSteps = 100;  // chosen: far more than anyone adds by hand
 
 /// The steps of a request. Images are named by their numbers in the list of files.
 std::vector<Step> StepsOf(const Json& body, Context& context) {
@@ -99,7 +99,7 @@ Response DrawPreviewOf(const Request& request, Context& context) {
   const Json body = BodyOf(request);
   const auto image = context.images.Get(IdOf(body), ValueIn(body, "developed", false));
   const auto edges = ValueIn(body, "seen", std::vector<double>());
-  constexpr double kFar = 2 * files::kMaxSide;
+  constexpr double kFar = 2 * files::kMaxSide;  // pixels, which fit an int
   const bool isRect =
       edges.size() == 4 && std::ranges::all_of(edges, [](double e) { return std::abs(e) <= kFar; });
   if (!isRect) throw UsageError("seen is a rectangle of the picture");

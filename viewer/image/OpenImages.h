@@ -40,7 +40,7 @@ class OpenImages {
   std::shared_ptr<const OpenImage> Get(int id, bool isDeveloped);
 
  private:
-  static constexpr int kMost = 4;
+  static constexpr int kMost = 4;           ///< open at a time; chosen, since each holds a pyramid
   static constexpr int kOffered = 1 << 29;  ///< numbers from here on are those of no files
 
   session::Job& job_;

@@ -14,8 +14,8 @@ using namespace session;
 
 namespace {
 
-constexpr double kMostPixels = 2e6;  // of a preview; it takes a tenth of a second for most operations
-constexpr double kMostWhole = 16e6;  // where other images are beside it, which are of its size
+constexpr double kMostPixels = 2e6;  // of a preview: 21 to 42 ms (docs/performance.md, "The viewer")
+constexpr double kMostWhole = 16e6;  // where other images are beside it, which are of its size; chosen
 
 }  // namespace
 
@@ -82,7 +82,7 @@ const Value* ValueOf(const Step& step, const Parameter& parameter) {
 
 /// How far a step looks, as its parameters say.
 double ReachOf(const Step& step) {
-  constexpr double kBySigma = 4;  // what a Gaussian takes in
+  constexpr double kBySigma = 4;  // chosen: what a Gaussian takes in, but for 6e-5 of it
   double reach = 0;
   for (const auto& [name, value] : step.Values()) {
     if (const auto* kernel = std::get_if<Matrix>(&value))
@@ -160,7 +160,7 @@ CRect Widened(const CRect& rect, int margin, const Shape& shape) {
 /// Squares of the picture: some spread over it, and one with the brightest star. All of a small picture.
 std::vector<CRect> Samples(Pyramid& pyramid, const std::function<bool()>& isGone) {
   constexpr int kSide = 160, kColumns = 4, kRows = 2;
-  constexpr double kFew = 1e6;  // pixels of a level that the star is sought in
+  constexpr double kFew = 1e6;  // pixels of a level that the star is sought in; all chosen
   const Shape& all = pyramid.At(0);
   if (1.0 * all.width * all.height <= kSide * kSide * (kColumns * kRows + 1)) {
     return {CRect(0, 0, all.width, all.height)};

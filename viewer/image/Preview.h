@@ -35,7 +35,7 @@ session::Image WindowOf(Pyramid& pyramid, int level, const CRect& rect, const st
 /// True when what a step makes of a pixel depends on none farther than kReach pixels away: it may be done to
 /// a window of a picture.
 bool IsLocal(const session::Step& step);
-constexpr int kReach = 64;
+constexpr int kReach = 64;  ///< chosen: a margin that costs less than the window itself
 
 /// Does steps to what is seen, at the size it is seen at, or to all of the picture, made so much smaller that
 /// it takes no longer. Where it is smaller, what parameters say in pixels is too, and the preview is but near

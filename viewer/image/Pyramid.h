@@ -28,7 +28,7 @@ namespace korimg::viewer {
 /// rest is made again of the file's rows when it is asked for. Any thread may ask.
 class Pyramid {
  public:
-  static constexpr int kTile = 256;  ///< rows of a strip, and pixels of a tile's side
+  static constexpr int kTile = 256;  ///< rows of a strip, and pixels of a tile's side; chosen
 
   /// Some rows of a level.
   struct Strip {

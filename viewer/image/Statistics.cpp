@@ -9,8 +9,8 @@
 namespace korimg::viewer {
 namespace {
 
-constexpr long long kMost = 2'000'000;  // pixels of a plane
-constexpr double kSigmasOfDistance = 1.4826;
+constexpr long long kMost = 2'000'000;  // pixels of a plane: its median is known to 0.1 % of its deviation
+constexpr double kSigmasOfDistance = 1.4826;  // a normal distribution's deviation in median distances
 
 /// The middle one, or the mean of the two middle ones.
 double MedianOf(std::vector<float>& values) {

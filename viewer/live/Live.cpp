@@ -74,7 +74,7 @@ LiveOptions Live::Options() const {
 
 /// Tells of what is in the way, for which is waited then; of nothing when it is gone.
 void Live::Tell(const std::string& failure) {
-  constexpr milliseconds kWait(1000);
+  constexpr milliseconds kWait(1000);  // chosen
   std::unique_lock lock(mutex_);
   if (failure_ != failure) {
     failure_ = failure;
@@ -209,8 +209,8 @@ void Live::BeginWith(int frame) {
 }
 
 Json Live::State(const Seen& seen, const std::function<bool()>& isGone) const {
-  constexpr milliseconds kLook(200);
-  constexpr int kPatience = 50;  // looks
+  constexpr milliseconds kLook(200);  // chosen: how soon a page that has gone is noticed
+  constexpr int kPatience = 50;       // looks, ten seconds; chosen
   std::unique_lock lock(mutex_);
   const std::string failure = failure_;
   for (int i = 0; i < kPatience; ++i) {

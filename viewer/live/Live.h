@@ -42,7 +42,7 @@ class Live {
   void BeginWith(int frame);
   /// The picture of the stack, a JPEG of at most kSide pixels a side; empty before the first frame.
   std::string Picture() const;
-  static constexpr int kSide = 2048;
+  static constexpr int kSide = 2048;  ///< chosen for a screen
   /// Tells of a file or folder within the watched one that is about to be written: it holds no frames.
   void PassOver(const std::filesystem::path& own);
   /// The stack so far. Throws UsageError before the first frame.

@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t kMostUndone = 1000;
+constexpr std::size_t kMostUndone = 1000;  // chosen
 
 std::string StampOf(const fs::path& path) {
   return fs::exists(path) ? files::StampOf(path) : "";

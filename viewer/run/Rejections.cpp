@@ -24,7 +24,7 @@ float LargestOf(const Band<const float>& rows, int x, int y) {
 
 std::string DrawRejections(Pyramid& low, Pyramid& high, const TilePlace& place, int frames,
                            const std::function<bool()>& isGone) {
-  constexpr double kBlue[] = {86, 180, 233}, kOrange[] = {255, 150, 20}, kFull = 0.2;
+  constexpr double kBlue[] = {86, 180, 233}, kOrange[] = {255, 150, 20}, kFull = 0.2;  // share of frames
   if (low.At(0).width != high.At(0).width || low.At(0).height != high.At(0).height) {
     throw UsageError("the maps of what is too low and too high are of two sizes");
   }

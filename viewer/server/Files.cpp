@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t kMost = 20000;  // images of a folder
+constexpr std::size_t kMost = 20000;  // images of a folder; chosen
 
 bool IsImageName(const fs::path& path) {
   static const std::set<std::string> known = {".fits", ".fit", ".fts", ".fz", ".gz", ".tif", ".tiff", ".png"};
@@ -111,7 +111,7 @@ fs::path Files::Find(int id) {
 
 fs::path NewIn(const fs::path& folder, const std::string& name) {
   const fs::path plain(name);
-  constexpr std::size_t kLongest = 200;  // temporary names add to it
+  constexpr std::size_t kLongest = 200;  // file systems take 255, and temporary names add to it
   const bool isPlain = std::ranges::none_of(name, [](unsigned char c) { return c < ' ' || c == 0x7f; });
   if (plain.empty() || plain.filename() != plain || name.starts_with('.') || !isPlain ||
       name.size() > kLongest) {

@@ -21,6 +21,7 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
+// Chosen.
 constexpr seconds kSilent{3};     // that a new connection may say nothing
 constexpr seconds kIdle{15};      // that a connection is kept for its next request
 constexpr seconds kPatience{30};  // for a reader that takes nothing
@@ -252,7 +253,7 @@ HttpServer::HttpServer(const HttpOptions& options, const std::function<Response(
   server.set_tcp_nodelay(true);
   // Before the library looks for a handler by regular expressions, and before it reads a body.
   server.set_pre_routing_handler([answer](const httplib::Request& request, httplib::Response& response) {
-    constexpr std::size_t kLongestPath = 1024;
+    constexpr std::size_t kLongestPath = 1024;  // chosen: all of ours are far shorter
     const bool hasBody = request.has_header("Content-Length") || request.has_header("Transfer-Encoding");
     const bool isPost = request.method == "POST";
     const auto refuse = [&](int status, const char* why) {

@@ -32,7 +32,7 @@ bool IsSame(std::string_view a, std::string_view b) {
 /// This machine by a name that no name server can give to another one, at any port: ssh -L has its own.
 bool IsLocal(const std::string& host) {
   static const std::regex known(R"((localhost|127(\.[0-9]{1,3}){3}|\[::1\])(:[0-9]{1,5})?)");
-  constexpr std::size_t kLongest = 30;
+  constexpr std::size_t kLongest = 30;  // more than any name below has, and little for an expression
   return host.size() <= kLongest && std::regex_match(host, known);
 }
 

@@ -33,7 +33,7 @@ class Turns {
 
   /// Waits for a turn. Throws Cancelled once nobody waits for the answer.
   Turn Take(const std::function<bool()>& isGone) {
-    constexpr std::chrono::milliseconds kLook(100);
+    constexpr std::chrono::milliseconds kLook(100);  // chosen
     std::unique_lock lock(mutex_);
     while (!changed_.wait_for(lock, kLook, [this] { return !isTaken_; })) {
       if (isGone()) throw session::Cancelled();

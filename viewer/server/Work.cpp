@@ -13,7 +13,7 @@ using session::Event;
 
 namespace {
 
-constexpr std::size_t kMost = 5000;  // events that are kept
+constexpr std::size_t kMost = 5000;  // events that are kept; chosen
 
 const char* NameOf(Event::Kind kind) {
   static constexpr const char* names[] = {"note", "detail", "progress", "result", "warning", "failure"};
@@ -106,8 +106,8 @@ void Work::End(const char* state, Json more) {
 }
 
 void Work::Follow(long long last, const Send& send, const std::function<bool()>& isGone) {
-  constexpr auto kPause = std::chrono::milliseconds(50);  // between pieces, however fast events come
-  constexpr int kQuiet = 100;                             // pauses after which a sign of life is sent
+  constexpr auto kPause = std::chrono::milliseconds(50);  // between pieces, however fast events come; chosen
+  constexpr int kQuiet = 100;                             // pauses after which a sign of life is sent; chosen
   int quiet = 0;
   for (bool isWorking = true; isWorking && !isGone(); std::this_thread::sleep_for(kPause)) {
     std::string piece;

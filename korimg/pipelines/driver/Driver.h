@@ -30,7 +30,7 @@ inline Halide::Expr F64(double value) {
   return Halide::Expr(value);
 }
 
-/// Lines of a strip: whole-line strips are the unit of work of one thread in point-like pipelines.
+/// Lines of a strip: whole-line strips are the unit of work of a thread in point-like pipelines. Chosen.
 constexpr int kStripLines = 64;
 
 /// Schedules a point-like output: strips of whole lines in parallel, vectors of `lanes` floats along x.
@@ -57,7 +57,7 @@ inline Halide::Expr EvenPart(const Halide::Func& output, int dimension, Halide::
 inline void ScheduleBySlidingRows(Halide::Func output, const std::vector<Halide::Func>& stages,
                                   const Halide::Target& target, Halide::Expr width) {
   using namespace Halide;
-  constexpr int kHeight = 128;
+  constexpr int kHeight = 128;  // chosen: much above the rows that tiles compute twice
   Var x = output.args()[0], y = output.args()[1], tile("tile"), strip("strip"), u("u"), v("v");
   const int lanes = target.natural_vector_size<float>();
   output

@@ -14,7 +14,7 @@
 
 namespace korimg::session {
 
-/// Refuses a radius that sees hardly anything but mirrored edges.
+/// Refuses a radius that sees hardly anything but mirrored edges: four times the larger side, chosen.
 inline void CheckRadius(const Call& call, double radius) {
   constexpr double kMost = 4;
   const int width = call.image->GetWidth(), height = call.image->GetHeight();

@@ -19,8 +19,8 @@ struct SeenStars {
 
 /// The limits in stars and pixels; 0 sets none.
 struct FrameBounds {
-  static constexpr int kEnough = 20;     ///< stars: fewer tell nothing of FWHM and elongation
-  static constexpr size_t kTelling = 3;  ///< frames with so many stars: the median of fewer says little
+  static constexpr int kEnough = 20;     ///< stars, chosen: fewer tell nothing of FWHM and elongation
+  static constexpr size_t kTelling = 3;  ///< frames with so many stars: of fewer the median says little
 
   double fewest, widest, longest;
   size_t starry;  ///< frames with enough stars

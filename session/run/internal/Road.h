@@ -19,7 +19,7 @@
 
 namespace korimg::session {
 
-inline constexpr int kThumbnailSide = 300;  // pixels
+inline constexpr int kThumbnailSide = 300;  // pixels; chosen
 
 /// A light on its way.
 struct RunLight {

@@ -36,7 +36,7 @@ struct Normaliser {
   KORIMG_IN_LOOP double operator()(float v) const { return constant ? add : (v - centre) * factor + add; }
 };
 
-/// Columns that are sorted together: as many as stay in the first-level cache.
+/// Columns that are sorted together: as many as stay in the first-level cache of 32 KiB; the least is chosen.
 inline int ColumnsAtOnce(int frames) {
   constexpr int kCached = 8192, kLeast = 384;
   return std::max(kCached / std::max(frames, 1) / 16 * 16, kLeast);
