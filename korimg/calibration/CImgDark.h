@@ -11,13 +11,13 @@ class KORIMG_API CImgDark : public CVelImage {
   CImgDark() = default;
   CImgDark(const CImgDark& other) : CVelImage(other, nullptr) {}
 
-  /// Linear in both quantities, whose changes add.
+  /// Interpolates linearly in both quantities, whose changes add.
   void DoInterpolateByProportion(CVelImage* second, double a1, double a2, double a, double b1, double b2,
                                  double b, int show);
-  /// Linear in a; in b this image scaled by 2 to the power n - b / step is added, n being the nearer of b1
-  /// and b2 (b2 when they are equally near).
+  /// Interpolates linearly in a; in b it adds this image times 2 to the power n - b / step, n the nearer of
+  /// b1 and b2 (b2 when they are equally near).
   void DoInterpolateByPower(CVelImage* second, double a1, double a2, double a, double b1, double b2, double b,
                             double step, int show);
-  /// Linear in a score, limited to the pair of pixels.
+  /// Interpolates linearly in a score; results are limited to the pair of pixels.
   void DoInterpolateByScore(CVelImage* second, double s, double s1, double s2, int show);
 };

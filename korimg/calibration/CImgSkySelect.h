@@ -26,8 +26,8 @@ class KORIMG_API CImgSkySelect : public CVelImage {
   /// 128, 64, 32 or 16 pixels, judged by squares of 8. Answers 1, or 0 and leaves `out` alone when there is
   /// none. Squares with NaN are never clean.
   int AutoSelect(CRect* out, int nProgress);
-  /// The medians of deviation and level of squares of `size` pixels in the area, on a grid, but for those
-  /// whose corner lies in the hole; of an even number the upper one, NaN counting as the largest. Null
+  /// Measures the medians of deviation and level of squares of `size` pixels in the area, on a grid, but for
+  /// those whose corner lies in the hole; of an even number the upper one, NaN counting as the largest. Null
   /// rectangles are the whole image and no hole. Answers 1, or 0 with the results left alone when there is no
   /// square.
   int CalcStddevMedian(int size, CRect* area, CRect* hole, double* deviation, double* median, int nProgress);

@@ -3,8 +3,8 @@
 #include "korimg/image/CVelImage.h"
 #include "korimg/levels/CSpline.h"
 
-/// Curves through points, on pixels as shares of this image's levels, computed anew for each pixel: of a sky,
-/// small differences stay, which a table would make steps.
+/// Applies curves through points to pixels as shares of this image's levels, computed anew for each pixel: of
+/// a sky, small differences stay, which a table would make steps.
 class KORIMG_API CImgSplineInterpolation : public CVelImage {
  public:
   /// Solves the curves, which Do needs: four of them, the master and those of the three planes; of a mono
@@ -20,6 +20,6 @@ class KORIMG_API CImgSplineInterpolation : public CVelImage {
   int Do(CSpline::Points* curves, CVelImage* pSrc, CRect* rect, int nProgress);
 
  protected:
-  /// The curve at t.
+  /// Answers the curve at t.
   static double GetSplineValue(double t, CSpline::Points& curve);
 };

@@ -11,7 +11,7 @@ namespace korimg {
 /// two middle values. The result does not depend on the number of threads.
 KORIMG_API void MedianOfFrames(std::span<const float* const> frames, int width, int rows, float* result);
 
-/// The variance of the median of n values of normal noise, in units of the variance of one: pi / 2n for many.
+/// Answers the variance of the median of n values of normal noise, in that of one value: pi / 2n for many.
 /// Within 1 % of simulations.
 inline double MedianVariance(double n) {
   constexpr double kHalfPi = 1.5707963267948966;

@@ -2,9 +2,9 @@
 
 #include "korimg/platform/Export.h"
 
-/// One colour in three models: RGB with gamma, scaled so that white is 1; CIE XYZ by the CIE RGB primaries,
-/// with a white of equal energy at X = Y = Z = 5.6508; and the Lab of that white. A conversion stores the
-/// input and what it computes.
+/// Holds one colour in three models: RGB with gamma, scaled so that white is 1; CIE XYZ by the CIE RGB
+/// primaries, with a white of equal energy at X = Y = Z = 5.6508; and the Lab of that white. A conversion
+/// stores the input and what it computes.
 class KORIMG_API CColor {
  public:
   CColor() = default;  // NOLINT: the values stay unset, colours are made by the thousand

@@ -2,7 +2,7 @@
 
 #include "korimg/image/CVelImage.h"
 
-/// Brightness as colour, so that faint differences are seen.
+/// Shows brightness as colour, so that faint differences are seen.
 class KORIMG_API CImgFalseColor : public CVelImage {
  public:
   /// Gives the brightness of src from `low` to `high`, raw values by the levels of its plane 0, the colours
@@ -18,6 +18,6 @@ class KORIMG_API CImgFalseColor : public CVelImage {
   void Do(double low, double high, int palette, int cycles, CVelImage* src, CRect* rect, int show);
 
  protected:
-  /// The colour of a value from 0 to 255, to which others are limited, on the same scale.
+  /// Gives the colour of a value from 0 to 255, to which others are limited, on the same scale.
   void GetFalseColor(float value, int palette, int cycles, float* r, float* g, float* b);
 };

@@ -11,6 +11,6 @@ class KORIMG_API CImgLabColorEnhance : public CVelImage {
   /// Nothing happens unless both images have three planes and one size.
   void Do(CVelImage* lab, double aPositive, double aNegative, double bPositive, double bNegative, CRect* rect,
           int show);
-  /// The same factors for both signs.
+  /// Does the same with one factor for both signs.
   void Do(CVelImage* lab, double a, double b, CRect* rect, int show);
 };

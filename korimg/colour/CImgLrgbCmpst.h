@@ -8,14 +8,14 @@
 /// levels of the first source's plane 0.
 class KORIMG_API CImgLrgbCmpst : public CVelImage {
  public:
-  /// Both are read bilinearly as colours from 0 to 255 by their levels, a mono one as gray; limited to 0 to
+  /// Reads both bilinearly as colours from 0 to 255 by their levels, a mono one as gray; limited to 0 to
   /// 5000 where Lab is made of them. With `mix` colours are mixed as they are, by `operation`: 1 |a - b|,
   /// 2 255 - |a - b|, any other (a + b) / 2.
   void DoLrgb(CVelImage* luminance, double luminanceX, double luminanceY, double luminanceDegrees,
               CVelImage* rgb, double rgbX, double rgbY, double rgbDegrees, int useImageCentre, double scale,
               CRect* rect, int mix, unsigned int operation, int show);
-  /// The same of an L plane and of planes a and b, as MakeLPlane and MakeAbPlane make them, read by `method`,
-  /// one of CInterp.
+  /// Does the same with an L plane and of planes a and b, as MakeLPlane and MakeAbPlane make them, read by
+  /// `method`, one of CInterp.
   void DoLab(CVelImage* luminance, double luminanceX, double luminanceY, double luminanceDegrees,
              CVelImage* ab, double abX, double abY, double abDegrees, int method, double scale,
              int useImageCentre, CRect* rect, int show);

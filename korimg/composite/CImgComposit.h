@@ -32,14 +32,14 @@ class KORIMG_API CImgComposit : public CVelImage {
  public:
   CImgComposit() = default;
 
-  /// In mode 9 `weight` is the ratio of Abr.
+  /// Merges as told above; in mode 9 `weight` is the ratio of Abr.
   void Do(CVelImage* a, CVelImage* b, double dx, double dy, double degrees, int useImageCentre, int mode,
           int method, double weight, int level, int cutMinus, double threshold, int radius, CRect* rect,
           int progress, int resourceId);
-  /// With weight 0.5, a threshold of 0.95 and radius 0, over the whole image.
+  /// Does the same with weight 0.5, a threshold of 0.95 and radius 0, over the whole image.
   void Do(CVelImage* a, CVelImage* b, double dx, double dy, double degrees, int useImageCentre, int mode,
           int method, int level);
-  /// By lines and bilinear always, about the middle of b, as version 6.5 did; mode 0 sums in floats.
+  /// Merges by lines and bilinearly always, about the middle of b, as version 6.5 did; mode 0 sums in floats.
   void Do65(CVelImage* a, CVelImage* b, double dx, double dy, double degrees, int mode, double weight,
             int level, int cutMinus, double threshold, int radius, CRect* rect, int progress, int resourceId);
   void Do65(CVelImage* a, CVelImage* b, double dx, double dy, double degrees, int mode, int level);

@@ -26,13 +26,13 @@ class KORIMG_API CBaseDIB : public CObject {
   virtual int Create(CWnd* pWnd, int width, int height, int flag) = 0;
   virtual void Empty();
   virtual int IsEmpty() const = 0;
-  /// 1, or 0 without a context on either side, and for a source that leaves a CVmDIB.
+  /// Copies to a context; 1, or 0 without one on either side, and for a source that leaves a CVmDIB.
   virtual int BitBlt(CWnd* pWnd, CPaintDC* dc, int dstX, int dstY, int width, int height, int srcX, int srcY,
                      unsigned long rop) = 0;
   virtual int StretchBlt(CWnd* pWnd, CDC* dc, int dstX, int dstY, int dstW, int dstH, int srcX, int srcY,
                          int srcW, int srcH, unsigned long rop) = 0;
-  /// Address of a pixel of this many bits. A CVmDIB keeps 3 bytes for a pixel of 32 bits, and its addresses
-  /// are good as those of its store.
+  /// Answers the address of a pixel of this many bits. A CVmDIB keeps 3 bytes for a pixel of 32 bits, and its
+  /// addresses are good as those of its store.
   virtual unsigned char* GetImageAdr8(int x, int y) = 0;
   virtual unsigned char* GetImageAdr16(int x, int y) = 0;
   virtual unsigned char* GetImageAdr24(int x, int y) = 0;
@@ -41,7 +41,7 @@ class KORIMG_API CBaseDIB : public CObject {
   const BITMAPINFOHEADER* GetHeader() const {
     return header_.empty() ? nullptr : &reinterpret_cast<const BITMAPINFO*>(header_.data())->bmiHeader;
   }
-  /// The GetPalColors() entries of the bitmap's own palette.
+  /// Answers the GetPalColors() entries of the bitmap's own palette.
   const RGBQUAD* GetPalette() const {
     return reinterpret_cast<const RGBQUAD*>(header_.data() + sizeof(BITMAPINFOHEADER));
   }
@@ -69,7 +69,7 @@ class KORIMG_API CBaseDIB : public CObject {
   static void SetPixel16(std::uint16_t* p, int r, int g, int b) {
     *p = static_cast<std::uint16_t>((r & 248) << 7 | (g & 248) << 2 | b >> 3);
   }
-  /// Dithered by the place: 4 is added on even x + y.
+  /// Writes a colour dithered by the place: 4 is added on even x + y.
   static void SetPixel16(std::uint16_t* p, int x, int y, int r, int g, int b) {
     const int add = (x + y) & 1 ? 0 : 4;
     const auto raised = [add](int v) { return v + add < 255 ? v + add : 255; };
@@ -88,7 +88,7 @@ class KORIMG_API CBaseDIB : public CObject {
 
   /// Fills the header for the depth of the window, with the palette if one is given, and all fields.
   void MakeHeader(CWnd* pWnd, int width, int height, const PALETTEENTRY* pal);
-  /// A copy of another bitmap's header and fields.
+  /// Takes a copy of another bitmap's header and fields.
   void CopyHeader(const CBaseDIB& source);
   const BITMAPINFO* Info() const { return reinterpret_cast<const BITMAPINFO*>(header_.data()); }
 

@@ -3,7 +3,7 @@
 #include "korimg/image/CVelImage.h"
 #include "korimg/platform/Text.h"
 
-/// Text as images: what letters cover, and layers of one colour to lay over an image.
+/// Makes images of text: what letters cover, and layers of one colour to lay over an image.
 class KORIMG_API CImgDrawText : public CVelImage {
  public:
   /// Lays text over an image, its box with the left top corner at a point: 95 % of the box become the text in
@@ -11,12 +11,13 @@ class KORIMG_API CImgDrawText : public CVelImage {
   /// when there is nothing to draw or no room.
   int Do(CVelImage* target, CPoint at, const CString& text, LOGFONTW* font, unsigned long colour, int smooth);
 
-  /// A mono image, levels 0 to 1, of the text's box: 1 where letters are and 0 elsewhere. smooth non-zero
-  /// draws twice as large and takes the mean of each 2 x 2 pixels. Empty when the text has no box, and when
-  /// there is no room.
+  /// Makes a mono image, levels 0 to 1, of the text's box: 1 where letters are and 0 elsewhere. smooth
+  /// non-zero draws twice as large and takes the mean of each 2 x 2 pixels. Empty when the text has no box,
+  /// and when there is no room.
   static std::unique_ptr<CVelImage> MakeMask(const std::shared_ptr<CVmManager>& manager, const CString& text,
                                              const LOGFONTW& font, int smooth);
-  /// The mask in a colour, 0x00BBGGRR, with the planes of an image that it is laid over: in a colour one each
-  /// plane times its channel / 255, in a mono one times the mean of the smallest and the largest channel.
+  /// Makes a layer of the mask in a colour, 0x00BBGGRR, with the planes of an image that it is laid over: in
+  /// a colour one each plane times its channel / 255, in a mono one times the mean of the smallest and the
+  /// largest channel.
   static std::unique_ptr<CVelImage> MakeLayer(CVelImage& mask, const CVelImage& target, unsigned long colour);
 };

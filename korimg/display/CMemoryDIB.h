@@ -33,7 +33,8 @@ class KORIMG_API CMemoryDIB : public CBaseDIB {
   /// source does nothing.
   void CopyImage(CMemoryDIB* source, CRect* rect);
   void CopyImage(CVmDIB* source, CRect* rect);
-  /// The header and the pixels, without the palette, in a block that the caller frees; null without room.
+  /// Copies the header and the pixels, without the palette, in a block that the caller frees; null without
+  /// room.
   HGLOBAL CreateHDIB() const;
 
  private:

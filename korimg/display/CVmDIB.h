@@ -32,7 +32,8 @@ class KORIMG_API CVmDIB : public CBaseDIB {
   unsigned char* GetImageAdr24(int x, int y) override { return Address(x, y); }
   unsigned char* GetImageAdr32(int x, int y) override { return Address(x, y); }
 
-  /// The palette that pictures of 8 bits are drawn with; it stays its owner's and outlives its uses here.
+  /// Sets the palette that pictures of 8 bits are drawn with; it stays its owner's and outlives its uses
+  /// here.
   void SetColorPalette(CPalette* palette) { palette_ = palette; }
   CVmImage* GetVmImage() const { return image_.get(); }
   /// Copies pixels of a line in the screen's form: with 4 bytes, the last one 0, for 32 bits.

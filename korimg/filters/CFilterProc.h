@@ -28,9 +28,9 @@ class KORIMG_API CFilterProc {
   int MakeBuf(CVelImage* image, const CFilterMatrix* matrix, int plane, int normalize);
   /// Keeps the weights and turns to another source, plane or team.
   void Bind(CVelImage* image, int plane);
-  /// The filtered pixel: columns of a row in one go, and rows in rising order, cost least.
+  /// Answers the filtered pixel: columns of a row in one go, and rows in rising order, cost least.
   float Calc(int x, int y);
-  /// The filtered pixels of row y from column left to right - 1; the same values.
+  /// Writes the filtered pixels of row y from column left to right - 1; the same values.
   void CalcLine(int left, int right, int y, float* line);
   void Empty() { Init(); }
   void Init();
@@ -38,7 +38,7 @@ class KORIMG_API CFilterProc {
 
   int GetR() const { return r_; }
   int GetD() const { return d_; }
-  /// The weights, 2 R + 1 of them; null when empty.
+  /// Answers the weights, 2 R + 1 of them; null when empty.
   const float* GetFilter() const { return weights_.empty() ? nullptr : weights_.data(); }
 
  protected:
@@ -58,12 +58,12 @@ class KORIMG_API CFilterProc {
   std::vector<Ring> rings_;
 };
 
-/// Three such filters, one for each plane.
+/// Holds three such filters, one for each plane.
 class KORIMG_API CFilterProcEx {
  public:
-  /// 0 for a plane that is not 0 to 2. A filter that is not empty keeps its weights.
+  /// Makes a plane's filter; 0 for a plane that is not 0 to 2. A filter that is not empty keeps its weights.
   int Make(CVelImage* image, const CFilterMatrix* matrix, int plane, int normalize);
-  /// Any other plane selects plane 0.
+  /// Selects a plane's filter; any other plane selects plane 0.
   void SetPln(int plane) { current_ = Index(plane); }
   float Calc(int x, int y) { return procs_[current_].Calc(x, y); }
   float Calc(int x, int y, int plane) { return procs_[Index(plane)].Calc(x, y); }

@@ -2,7 +2,7 @@
 
 #include "korimg/image/CVelImage.h"
 
-/// Filters that repair a frame. The source must be another object of the same size and planes. Arrays have
+/// Repairs a frame by filters. The source must be another object of the same size and planes. Arrays have
 /// one value for each plane. Levels and the 0 to 255 scale are those of this image, unless it is said
 /// otherwise; shares and strengths run from 0 to 1.
 class KORIMG_API CImgFilterMisc : public CVelImage {
@@ -24,7 +24,7 @@ class KORIMG_API CImgFilterMisc : public CVelImage {
   /// `wholeRadius` is not used.
   void NoiseCutWithBrightness(double threshold, double radius, double flat, int wholeRadius, CVelImage* src,
                               CRect* rect, int show);
-  /// The whole radii of that filter's blur and Laplacian, and the largest of them and `wholeRadius`.
+  /// Answers the whole radii of that filter's blur and Laplacian, and the largest of them and `wholeRadius`.
   static int GetNoiseCutWithBrightness_nR(double radius, int wholeRadius, int* blur, int* laplacian);
 
   /// Draws the colour of dark pixels towards their grey (0.2989 R + 0.5866 G + 0.1145 B) by `strength`: where
@@ -97,10 +97,10 @@ class KORIMG_API CImgFilterMisc : public CVelImage {
   void Custom(int r[], double* kernel[], int useDark[], double dark[], int useHighlight[], double highlight[],
               int brighter[], double percent[], CVelImage* src, CRect* rect, int show);
 
-  /// The number of ranks of a disc of that radius: of its pixels.
+  /// Answers the number of ranks of a disc of that radius: of its pixels.
   int GetMinMaxFilterNmax(double r) const;
-  /// The pixel of the given rank in the disc about each pixel: 0 the smallest, the number of ranks less 1 the
-  /// largest, 0.0 for a rank beyond. NaN sorts last. Arrays have one value for each plane.
+  /// Takes the pixel of the given rank in the disc about each pixel: 0 the smallest, the number of ranks less
+  /// 1 the largest, 0.0 for a rank beyond. NaN sorts last. Arrays have one value for each plane.
   ///
   /// When all planes ask for the smallest, or all for the largest, contiguous images are done by pipelines:
   /// discs have the radius rounded up to a whole number then, pixels mirror about the edges, and a plane of a

@@ -2,8 +2,8 @@
 
 #include "korimg/image/CVelImage.h"
 
-/// Digital development, and filters that tell stars from nebulae. The source must be another object of the
-/// same size and planes. Arrays have one value for each plane.
+/// Does digital development, and filters by what is a star and what a nebula. The source must be another
+/// object of the same size and planes. Arrays have one value for each plane.
 class KORIMG_API CImgFilterSpecial : public CVelImage {
  public:
   // Digital development, after the response of photographic emulsion: each pixel is divided by a blur of its
@@ -47,9 +47,9 @@ class KORIMG_API CImgFilterSpecial : public CVelImage {
   /// Takes a pair of raw levels for each plane through the curve: both where they lie inside its ends, `high`
   /// alone where only that does not exceed them.
   void DigitalDvlpGetLevel(double gamma[], int levelMode, CVelImage* src, double low[], double high[]);
-  /// The ends of the curve for three planes. An unknown level mode leaves min[] and max[].
+  /// Answers the ends of the curve for three planes. An unknown level mode leaves min[] and max[].
   void DigitalDvlpGetMinMax(int levelMode, CVelImage* src, float min[], float max[], float range[]);
-  /// The kernel's radius of a mean of radius r: twice the whole pixels, and at least 1.
+  /// Answers the kernel's radius of a mean of radius r: twice the whole pixels, and at least 1.
   static int GetDigitalDvlp_Mean_nR(double r);
 
   // Filters that find stars by their high pass: eight times a pixel less its eight neighbours. A threshold is
@@ -63,7 +63,7 @@ class KORIMG_API CImgFilterSpecial : public CVelImage {
   /// NaN sorts last, and NaN pixels stay. Rows mirror about the edges, columns repeat them.
   void StarSharpFilter(double r[], double rank[], double threshold[], int keepPeak, CVelImage* src,
                        CRect* rect, int show);
-  /// The number of ranks of a disc of that radius: of its pixels.
+  /// Answers the number of ranks of a disc of that radius: of its pixels.
   int GetStarSharpFilterNum(double r) const;
 
   /// Adds to each pixel `mag` times a map of the stars: the image limited to black and white, smoothed by a
@@ -72,11 +72,11 @@ class KORIMG_API CImgFilterSpecial : public CVelImage {
   /// result is the map alone, above black.
   void StarEnhanceFilter(double sigma, double mag, double threshold, int showMask, CVelImage* src,
                          CRect* rect, int show);
-  /// The same with another map: smoothed by a Gaussian of sigma 1, not limited, and after the high pass by
-  /// one of sigma[], which spreads the stars. Pixels mirror about the edges.
+  /// Does the same with another map: smoothed by a Gaussian of sigma 1, not limited, and after the high pass
+  /// by one of sigma[], which spreads the stars. Pixels mirror about the edges.
   void StarEnhanceFilter2(double sigma[], double mag[], double threshold[], int showMask, CVelImage* src,
                           CRect* rect, int show);
-  /// A mask of the stars: the map of StarEnhanceFilter2 of the image limited to black and white, times
+  /// Makes a mask of the stars: the map of StarEnhanceFilter2 of the image limited to black and white, times
   /// `strength`, above black. With `blend` non-zero it is the mean of map and pixel, above black. Contiguous
   /// images mirror about the edges on both axes; else columns repeat the edge.
   void StaryMask(double sigma, double strength, double threshold, int blend, CVelImage* src, CRect* rect,

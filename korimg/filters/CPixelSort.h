@@ -4,7 +4,7 @@
 
 #include "korimg/platform/Export.h"
 
-/// A list of pixels to sort by value. Equal values come in an order that looks random, and is the same each
+/// Sorts a list of pixels by value. Equal values come in an order that looks random, and is the same each
 /// time: it depends on the pixels' places alone.
 class KORIMG_API CPixelSort {
  public:
@@ -15,9 +15,9 @@ class KORIMG_API CPixelSort {
   void SetSize(int n);
   /// Takes one more pixel while there is room.
   void Add(int x, int y, float value);
-  /// 1, or 0 when i is outside the room.
+  /// Answers 1 and pixel i, or 0 when i is outside the room.
   int Get(int i, int* x, int* y, float* value) const;
-  /// Ascending, NaN last.
+  /// Sorts in ascending order, NaN last.
   void Sort();
 
  private:

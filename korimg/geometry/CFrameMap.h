@@ -7,8 +7,8 @@
 #include "korimg/geometry/Point.h"
 #include "korimg/platform/Export.h"
 
-/// How a frame lies on another one, the reference: straightened by the distortion of its lens, moved by a
-/// homography, and bent by the distortion of the reference's lens. Inverse and composition are of the same
+/// Tells how a frame lies on another one, the reference: straightened by the distortion of its lens, moved by
+/// a homography, and bent by the distortion of the reference's lens. Inverse and composition are of the same
 /// kind (Hartley and Zisserman, 2004, chapter 2).
 class KORIMG_API CFrameMap {
  public:
@@ -23,16 +23,16 @@ class KORIMG_API CFrameMap {
   /// The matrix has a determinant above 0, and is scaled to h8 = 1. Throws CInvalidArgException* for others.
   explicit CFrameMap(const Matrix& matrix, const CLensDistortion& frame = {},
                      const CLensDistortion& reference = {});
-  /// As CImgComposit::Do takes them: a frame of this size is turned about (width / 2, height / 2), clockwise
+  /// Makes a map of what CImgComposit::Do takes: a frame is turned about (width / 2, height / 2), clockwise
   /// on the screen, and then shifted to the right and down.
   static CFrameMap FromPose(double dx, double dy, double degrees, int width, int height);
 
   const Matrix& GetMatrix() const { return matrix_; }
   const CLensDistortion& FrameDistortion() const { return frame_; }
   const CLensDistortion& ReferenceDistortion() const { return reference_; }
-  /// The simplest that the matrix is, to 1e-9.
+  /// Answers the simplest model that the matrix is, to 1e-9.
   Model GetModel() const;
-  /// A shift and a turn, and no distortion.
+  /// True for a shift and a turn without distortion.
   bool IsRigid() const { return frame_.IsNone() && reference_.IsNone() && GetModel() == Rigid; }
   /// Shift and turn of a rigid map, and what comes nearest in the middle of the frame of another.
   struct Pose {
@@ -40,21 +40,21 @@ class KORIMG_API CFrameMap {
   };
   Pose PoseOf(int width, int height) const;
 
-  /// Where a place of the frame lies on the reference, to 1e-6 pixels: none where the map does not reach.
+  /// Answers where a place of the frame lies on the reference, to 1e-6 pixels: none beyond the map's reach.
   std::optional<korimg::Point> operator()(korimg::Point p) const;
-  /// Of a small step from there, by differences over a pixel.
+  /// Answers how a small step from there changes, by differences over a pixel.
   std::optional<CLensDistortion::Jacobian> JacobianAt(korimg::Point p) const;
 
-  /// From the reference to the frame.
+  /// Answers the map from the reference to the frame.
   CFrameMap Inverse() const;
-  /// First this one, then the other, whose frame is this one's reference: of one lens, or of none. Throws
+  /// Joins this map and then another, whose frame is this one's reference: of one lens, or of none. Throws
   /// CInvalidArgException* for two lenses.
   CFrameMap Then(const CFrameMap& next) const;
-  /// Onto a grid in which the reference's pixel (0, 0) is the one at (dx, dy).
+  /// Answers the map onto a grid in which the reference's pixel (0, 0) is the one at (dx, dy).
   CFrameMap Moved(double dx, double dy) const;
 
-  /// Where the pixels of a rectangle lie, with a margin for what curves between the places that are looked
-  /// at. Places that the map does not reach don't count; empty (left > right) when none is left.
+  /// Bounds where the pixels of a rectangle lie, with a margin for what curves between the places that are
+  /// looked at. Places that the map does not reach don't count; empty (left > right) when none is left.
   struct Bounds {
     double left, top, right, bottom;
   };

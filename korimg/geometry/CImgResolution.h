@@ -15,7 +15,7 @@ class KORIMG_API CImgResolution : public CVelImage {
   int Do(CVelImage* src, int width, int height, int progress);
   int Bilinear(CVelImage* src, int width, int height, int progress);
   int Bicubic(CVelImage* src, int width, int height, int progress);
-  /// By a method number of CInterp; any other changes the size and no pixel.
+  /// Scales by a method number of CInterp; any other changes the size and no pixel.
   int DoChange(CVelImage* src, int width, int height, int method, int progress);
 
  private:

@@ -15,12 +15,12 @@ class KORIMG_API CImgRotate : public CVelImage {
   /// half a pixel. Line loops have no pixel beyond the centres of the last column and row; pipelines have up
   /// to the edges.
   int Do(double degrees, unsigned long colour, CVelImage* src, int expand, int method, int progress);
-  /// Copies.
+  /// Copies the source.
   void Do0(CVelImage* src, int progress);
-  /// A half turn.
+  /// Turns by 180 degrees.
   void Do180(CVelImage* src, int progress);
-  /// A quarter turn, counter-clockwise for direction 0, clockwise for others: width and height are exchanged,
-  /// and the levels are the source's. 1, or 0 when there was no room, or sizes do not fit.
+  /// Turns by 90 degrees, counter-clockwise for direction 0, clockwise for others: width and height are
+  /// exchanged, and the levels are the source's. 1, or 0 when there was no room, or sizes do not fit.
   int Do90(int direction, CVelImage* src, int progress);
 
  private:

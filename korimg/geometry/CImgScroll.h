@@ -5,7 +5,7 @@
 /// Shifts an image of the same size, another one, around its edges.
 class KORIMG_API CImgScroll : public CVelImage {
  public:
-  /// By `amount` pixels to the right when horizontal is non-zero, else down; a negative amount goes the other
-  /// way. Reference points are cleared.
+  /// Shifts by `amount` pixels to the right when horizontal is non-zero, else down; a negative amount goes
+  /// the other way. Reference points are cleared.
   void Do(int amount, int horizontal, CVelImage* src, int show);
 };

@@ -20,33 +20,33 @@ class KORIMG_API CInterp {
   /// Forms of the line readers.
   enum Form : int { WholeShift, FloatShift, Rotate };
 
-  /// The form that a shift and an angle, in whatever unit, ask for.
+  /// Answers the form that a shift and an angle, in whatever unit, ask for.
   static Form FormOf(double dx, double dy, double angle);
 
   /// SetBParam comes before any read.
   explicit CInterp(int method) : method_(method) {}
-  /// Ready for Do. The third argument is not used.
+  /// Makes a sampler that is ready for Do. The third argument is not used.
   CInterp(int method, CVelImage* image, int);
 
-  /// For the line readers. Left and right are the span of the output's samples in source coordinates; scaled
-  /// non-zero gives the 0 to 255 scale instead of raw; `outside` is written as it is where the image does not
-  /// reach; plane -1 means all three. GetBLineMed takes `plane` as a number of planes. The centre is the
-  /// image's own, or width / 2 and height / 2.
+  /// Sets the line readers up. Left and right are the span of the output's samples in source coordinates;
+  /// scaled non-zero gives the 0 to 255 scale instead of raw; `outside` is written as it is where the image
+  /// does not reach; plane -1 means all three. GetBLineMed takes `plane` as a number of planes. The centre is
+  /// the image's own, or width / 2 and height / 2.
   void SetBParam(int form, CVelImage* image, double left, double right, int scaled, float outside, int plane,
                  double sine, double cosine, double scale, int useImageCentre);
-  /// For the pixel readers.
+  /// Sets the pixel readers up.
   void SetBParam(CVelImage* image, double shiftX, double shiftY, double sine, double cosine, double scale,
                  int useImageCentre, int plane, float outside);
-  /// The most samples that a line reader writes to a row; all of its span when this is not set. GetBLineMed's
-  /// planes lie this far apart, or else the image's width.
+  /// Sets the most samples that a line reader writes to a row; all of its span when this is not set.
+  /// GetBLineMed's planes lie this far apart, or else the image's width.
   void SetLineCapacity(int samples) { capacity_ = samples; }
 
-  /// A sample in raw; 0 off the image (the far edges, x = width and y = height, are on it; nearest has no
-  /// bounds) and for an unknown method.
+  /// Answers a sample in raw; 0 off the image (the far edges, x = width and y = height, are on it; nearest
+  /// has no bounds) and for an unknown method.
   float Do(double x, double y, int plane);
-  /// Do(x * step, y) for x from 0 to columns - 1; the product is in float.
+  /// Writes Do(x * step, y) for x from 0 to columns - 1; the product is in float.
   void DoRow(float step, double y, int plane, int columns, float* out);
-  /// One pixel, inside the image.
+  /// Answers one pixel, inside the image.
   float GetPixData(int x, int y, int plane);
   /// Looks the rows' addresses up again, on stores that keep them in place.
   void GetImageYaddress();
@@ -60,46 +60,46 @@ class KORIMG_API CInterp {
   void GetBLine_int(int y, float* out0, float* out1, float* out2);
   void GetBLine_float(double y, float* out);
   void GetBLine_float(double y, float* out0, float* out1, float* out2);
-  /// Turned about the centre; the scale and the pixel readers' shift have no part in it.
+  /// Fills a row turned about the centre; the scale and the pixel readers' shift have no part in it.
   void GetBLine_rotate(double y, float* out);
   void GetBLine_rotate(double y, float* out0, float* out1, float* out2);
 
-  /// A row of raw samples of each plane with a row of flags, 1 where the sample is real. The span includes
-  /// floor(right), but for a row off the image in the shifted forms: that has one sample fewer.
+  /// Fills a row of raw samples of each plane with a row of flags, 1 where the sample is real. The span
+  /// includes floor(right), but for a row off the image in the shifted forms: that has one sample fewer.
   void GetBLineMed(double y, float* data, int* valid);
   void GetBLineMed_int(int y, float* data, int* valid);
   void GetBLineMed_float(double y, float* data, int* valid);
   void GetBLineMed_rotate(double y, float* data, int* valid);
 
-  /// What lands at output pixel (x, y), of the plane or, for plane -1 of a colour image, its luminance. The
-  /// pointers get 1 when that is off the image, and the position; they may be null.
+  /// Answers what lands at output pixel (x, y), of the plane or, for plane -1 of a colour image, its
+  /// luminance. The pointers get 1 when that is off the image, and the position; they may be null.
   float GetBPixelGrayRaw(int x, int y, int* off, double* sx, double* sy);
   float GetBPixelGray256f(int x, int y, int* off, double* sx, double* sy);
-  /// The plane at a source position, at most its last pixel.
+  /// Answers the plane at a source position, at most its last pixel.
   float GetBPixelGrayRaw(double x, double y, int plane);
   float GetBPixelGray256f(double x, double y, int plane);
-  /// Planes 0, and 0 and 1, of a Lab-like image, with the scale.
+  /// Answer plane 0, or planes 0 and 1, of a Lab-like image, with the scale.
   float GetPixelL(int x, int y);
   void GetPixelAb(int x, int y, double* a, double* b);
 
-  /// The method's name for display and for settings; empty for any other number.
+  /// Answers the method's name for display and for settings; empty for any other number.
   static CString GetString(int method);
   static CString GetEngString(int method);
-  /// The number of a name for settings, in any case of letters; -1 when there is none.
+  /// Answers the number of a name for settings, in any case of letters; -1 when there is none.
   static int GetMethod(const CString& name);
 
  protected:
-  /// 1 and the sample, or 0 where the method refuses the position.
+  /// Answers 1 and the sample, or 0 where the method refuses the position.
   int Bilinear(CVelImage* image, int plane, double x, double y, float* out);
   int Bicubic(CVelImage* image, int plane, double x, double y, float* out);
   int Lanczos2(CVelImage* image, int plane, double x, double y, float* out);
   int Lanczos3(CVelImage* image, int plane, double x, double y, float* out);
   int Nearest(CVelImage* image, int plane, double x, double y, float* out);
 
-  /// The kernels at distance x.
+  /// Answer the kernels at distance x.
   static double KernelBicubic(double x, double a);
   static double KernelLanczos(double x, double n);
-  /// The sum of n rows of n taps, weighted along y and then along x.
+  /// Answers the sum of n rows of n taps, weighted along y and then along x.
   static float Calc(const double* yWeights, const float* taps, const double* xWeights, int n);
 
  private:

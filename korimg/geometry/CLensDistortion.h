@@ -6,7 +6,7 @@
 #include "korimg/geometry/Point.h"
 #include "korimg/platform/Export.h"
 
-/// The distortion of a camera and its lens: where a pixel would lie if straight lines were straight.
+/// Describes the distortion of camera and lens: where a pixel would lie if straight lines were straight.
 ///
 /// With n the place from the centre in units of `scale`, and r its length, a pixel at n belongs at
 ///   n (1 + k1 r^2 + k2 r^4 + k3 r^6) + P(n),
@@ -18,18 +18,18 @@ class KORIMG_API CLensDistortion {
   static constexpr int kRadial = 3;
   static constexpr int kTerms = 7;  ///< of an axis: x^2, xy, y^2, x^3, x^2 y, x y^2, y^3
   static constexpr int kNumbers = kRadial + 2 * kTerms;
-  static constexpr double kReach = 1.25;
+  static constexpr double kReach = 1.25;  ///< chosen: in units of the scale, a quarter beyond the corners
 
   /// The radial ones, then the terms of x and of y.
   using Numbers = std::array<double, kNumbers>;
 
-  /// None.
+  /// Makes no distortion.
   CLensDistortion() = default;
   /// The scale, in pixels, is above 0: half the diagonal of the frames that the numbers were found on.
   CLensDistortion(korimg::Point centre, double scale, const Numbers& numbers)
       : centre_(centre), scale_(scale), numbers_(numbers) {}
 
-  /// Of frames of this size, about their middle.
+  /// Makes the distortion of frames of this size, about their middle.
   static CLensDistortion Of(int width, int height, const Numbers& numbers);
 
   bool IsNone() const { return numbers_ == Numbers{}; }
@@ -39,25 +39,25 @@ class KORIMG_API CLensDistortion {
   double Scale() const { return scale_; }
   const Numbers& Values() const { return numbers_; }
 
-  /// How an axis' place changes with the numbers: the factors of the radial ones and of the axis' own terms.
+  /// Tells how an axis' place changes with the numbers: factors of the radial ones and of the axis' terms.
   struct Factors {
     double radial[kRadial][2];
     double terms[kTerms];
   };
-  /// In units of the scale.
+  /// Answers the factors, in units of the scale.
   Factors FactorsAt(korimg::Point pixel) const;
 
-  /// How a small step changes: xx is that of x by x, xy of x by y.
+  /// Tells how a small step changes: xx is that of x by x, xy of x by y.
   struct Jacobian {
     double xx = 1, xy = 0, yx = 0, yy = 1;
     double Determinant() const { return xx * yy - xy * yx; }
   };
 
-  /// Where a pixel belongs.
+  /// Answers where a pixel belongs.
   korimg::Point Straight(korimg::Point pixel, Jacobian* jacobian = nullptr) const;
-  /// The pixel that belongs there, to 1e-6 of one: none where the distortion does not reach.
+  /// Answers the pixel that belongs there, to 1e-6 of one: none where the distortion does not reach.
   std::optional<korimg::Point> Bent(korimg::Point straight) const;
-  /// No two pixels of a frame of this size belong at one place, nor nearly so.
+  /// True when no two pixels of a frame of this size belong at one place, nor nearly so.
   bool IsSound(int width, int height) const;
 
  private:

@@ -9,7 +9,7 @@ struct Point {
   double x = 0, y = 0;
 };
 
-/// std::hypot is made for numbers whose squares are none, and slow.
+/// Answers the length of a vector: std::hypot guards squares against overflow, and is slow.
 inline double Length(double x, double y) {
   return std::sqrt(x * x + y * y);
 }

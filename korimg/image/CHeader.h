@@ -6,7 +6,7 @@
 #include "korimg/platform/CString.h"
 #include "korimg/platform/Export.h"
 
-/// What is known of the camera and the exposure of an image.
+/// Holds what is known of the camera and the exposure of an image.
 class KORIMG_API CHeader {
  public:
   unsigned short GetISO() const { return iso_; }
@@ -22,26 +22,26 @@ class KORIMG_API CHeader {
   int IsWBShootingGain() const { return hasShootingGain_; }
   void SetWBShootingGain(int known) { hasShootingGain_ = known; }
 
-  /// White balance gains of a Bayer mosaic: 4 values, by index or as a whole.
+  /// Answer the white balance gains of a Bayer mosaic: 4 values, by index or as a whole.
   double GetWBShootingGainBayer(int i) const { return gainBayer_[i]; }
   void GetWBShootingGainBayer(double* gains) const;
   void SetWBShootingGainBayer(int i, double gain) { gainBayer_[i] = gain; }
   void SetWBShootingGainBayer(const double* gains);
 
-  /// White balance gains of a honeycomb mosaic: 8 values, by index or as a whole.
+  /// Answer the white balance gains of a honeycomb mosaic: 8 values, by index or as a whole.
   double GetWBShootingGainHoneyComb(int i) const { return gainHoneyComb_[i]; }
   void GetWBShootingGainHoneyComb(double* gains) const;
   void SetWBShootingGainHoneyComb(int i, double gain) { gainHoneyComb_[i] = gain; }
   void SetWBShootingGainHoneyComb(const double* gains);
 
-  /// Colour filter array: 0 unknown, 1 RGGB, 2 GRBG, 3 BGGR, 4 GBRG, 11 to 14 honeycomb.
+  /// Answers the colour filter array: 0 unknown, 1 RGGB, 2 GRBG, 3 BGGR, 4 GBRG, 11 to 14 honeycomb.
   int GetCFAPattern() const { return cfaPattern_; }
   void SetCFAPattern(int pattern) { cfaPattern_ = pattern; }
 
   /// The getters below answer non-zero when the value is present, and leave the argument alone otherwise.
   int GetExposureTime(double* seconds) const;
   void SetExposureTime(double seconds) { exposureTime_ = seconds; }
-  /// The exposure as the file has it in words, as in "1/250".
+  /// Answers the exposure as the file has it in words, as in "1/250".
   int GetExposureShutterSpeed(CString& text) const;
   void SetExposureShutterSpeed(const CString& text) { shutterSpeed_ = text; }
   int GetDetector(CString& name) const;

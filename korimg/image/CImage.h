@@ -14,7 +14,7 @@
 #include "korimg/platform/GlobalMemory.h"
 #include "korimg/platform/Messages.h"
 
-/// What an image is (pixel type, size, scale, levels, origin, flags), with the store of its pixels.
+/// Holds what an image is (pixel type, size, scale, levels, origin, flags), with the store of its pixels.
 ///
 /// Operations that answer a bool say false when the store has no room; a debug line then tells the numbers,
 /// and the image is as it was. Constructors and clones throw velora::CVmMemoryAllocationError instead.
@@ -43,7 +43,7 @@ class KORIMG_API CImage : public CObject {
   using ProgressPtr = std::shared_ptr<velora::Progress>;
 
   CImage();
-  /// An image of width x height x planes zero pixels with levels 0 to 1.
+  /// Makes an image of width x height x planes zero pixels with levels 0 to 1.
   CImage(const std::shared_ptr<CVmManager>& manager, DataType bits, int width, int height, int planes,
          double bscale, double bzero, bool isSigned, const ProgressPtr& progress);
   CImage(const CImage& other, const ProgressPtr& progress);
@@ -54,7 +54,7 @@ class KORIMG_API CImage : public CObject {
   bool IsEmpty() const { return !vmImage_; }
   void Empty();
   bool AllocImage(const std::shared_ptr<CVmManager>& manager, const ProgressPtr& progress);
-  /// Pixels are not kept: all are 0, unless the size is the same or the caller will write all of them.
+  /// Changes the size; all pixels become 0, unless it is the same or the caller will write all of them.
   bool ChangeSize(int width, int height, const ProgressPtr& progress, Contents contents = Contents::Zero);
   /// Keeps the pixels of the planes that both shapes have. New planes are 0 and get plane 0's levels.
   bool ChangePlanes(int planes, const ProgressPtr& progress);
@@ -69,7 +69,7 @@ class KORIMG_API CImage : public CObject {
   void Swap(CImage& other);
   bool Fill(int plane, double value);
 
-  /// A plane that does not exist answers false.
+  /// Sets a plane's levels; one that does not exist answers false.
   bool SetLevel(int plane, double min, double max);
   bool SetLevelMin(int plane, double min);
   bool SetLevelMax(int plane, double max);
@@ -81,23 +81,23 @@ class KORIMG_API CImage : public CObject {
   /// bits. False for anything else. Window and text serve a progress display.
   bool AttachDIB(const std::shared_ptr<CVmManager>& manager, HDIB dib, HWND window, const wchar_t* text);
 
-  /// Extremes of a plane in physical values; NaN is passed over, and a plane of nothing else gives (0, 0).
+  /// Answers a plane's extremes in physical values; NaN is passed over, and nothing else gives (0, 0).
   std::tuple<double, double> GetMinMax(int plane);
   void GetMinMax(int plane, double* min, double* max);
-  /// The same with the mean of the pixels that are not NaN.
+  /// Answers the same with the mean of the pixels that are not NaN.
   std::tuple<double, double, double> GetMinMaxAvr(int plane);
   void GetMinMaxAvr(int plane, double* min, double* max, double* average);
-  /// The same with the most frequent value: the middle of the fullest of `bins` bins (0: 5000) from minimum
-  /// to maximum, over the sample grid when useGrid is non-zero and one is set.
+  /// Answers the same with the most frequent value: the middle of the fullest of `bins` bins (0: 5000) from
+  /// minimum to maximum, over the sample grid when useGrid is non-zero and one is set.
   std::tuple<double, double, double> GetMinMaxMode(int plane, int bins, int useGrid);
   void GetMinMaxMode(int plane, double* min, double* max, double* mode, int bins, int useGrid);
 
-  /// Physical value of one pixel.
+  /// Answers the physical value of one pixel.
   double GetPixel(int x, int y, int plane);
   double GetPixel(const unsigned char* pixel) const;
   double ApplyBaseScaleOffset(double value) const { return value * bscale_ + bzero_; }
 
-  /// The sample grid: the columns and rows that statistics may look at instead of all pixels.
+  /// Answers the sample grid: the columns and rows that statistics may look at instead of all pixels.
   std::vector<int>& GetHistogramCullXRef() { return cullX_; }
   std::vector<int>& GetHistogramCullYRef() { return cullY_; }
   std::optional<std::tuple<int, int>> GetHistogramCull() const;
@@ -106,7 +106,7 @@ class KORIMG_API CImage : public CObject {
 
   DataType GetBits() const { return bits_; }
   int GetBytesPixel() const { return GetBytesPixel(bits_); }
-  /// 1 for 8, 2 for 16, 4 for 32 and -32, 8 for -64, 0 for any other number.
+  /// Answers 1 for 8, 2 for 16, 4 for 32 and -32, 8 for -64, 0 for any other number.
   static int GetBytesPixel(int bits);
   long long GetImageSize() const { return 1LL * axes_[0] * axes_[1] * axes_[2] * GetBytesPixel(); }
   int GetPixelCount() const { return static_cast<int>(1LL * axes_[0] * axes_[1] * axes_[2]); }
@@ -161,14 +161,14 @@ class KORIMG_API CImage : public CObject {
 
   CHeader* GetHeader() { return &header_; }
   const CHeader* GetHeader() const { return &header_; }
-  /// The header names no camera model: the frame counts as coming from a CCD.
+  /// True when the header names no camera model: the frame counts as coming from a CCD.
   bool IsCcd() const { return header_.GetCameraModel().IsEmpty(); }
 
   bool Unlock(const AddressHandle& handle) { return vmImage_ && vmImage_->Unlock(handle); }
   void UnlockAll() {
     if (vmImage_) vmImage_->UnlockAll();
   }
-  /// An empty image has nothing contiguous.
+  /// Answers the store's policy; an empty image has nothing contiguous.
   CVmManager::AllocationPolicy GetAllocationPolicy() const {
     return vmImage_ ? vmImage_->GetAllocationPolicy() : CVmManager::Paged;
   }

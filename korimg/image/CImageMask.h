@@ -4,9 +4,9 @@
 
 class CVelImage;
 
-/// A mask: an image whose plane 0 says how much of an operation's result is taken, from none at its black to
-/// all at its white, and where the image came from. The image belongs to the caller. The kind of mask follows
-/// from its origin: a window's, a file's, or, with neither, one made of a selection.
+/// Holds a mask: an image whose plane 0 says how much of an operation's result is taken, from none at its
+/// black to all at its white, and where the image came from. The image belongs to the caller. The kind of
+/// mask follows from its origin: a window's, a file's, or, with neither, one made of a selection.
 class CImageMask {
  public:
   CImageMask() = default;

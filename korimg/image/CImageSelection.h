@@ -5,8 +5,8 @@
 
 #include "korimg/platform/Export.h"
 
-/// A free-form selection: one span of columns for each line. While nothing was set it selects everything, and
-/// as little as that: IsAllSelection and IsNoSelection both answer 1.
+/// Holds a free-form selection: one span of columns for each line. While nothing was set it selects
+/// everything, and as little as that: IsAllSelection and IsNoSelection both answer 1.
 class KORIMG_API CImageSelection {
  public:
   /// Gives the selection so many lines, all of them whole; it is not active until a line is set. Answers 1.
@@ -19,14 +19,14 @@ class KORIMG_API CImageSelection {
   void SetNoSelection();
   int IsAllSelection() const { return !active_; }
   int IsNoSelection() const { return !active_; }
-  /// 1 when the pixel is selected.
+  /// Answers 1 when the pixel is selected.
   int GetBool(int y, int x) const;
   float GetAlpha(int y, int x) const { return GetBool(y, x) ? 1.0f : 0.0f; }
-  /// A selection may be meant the other way round; who uses it looks at this.
+  /// Marks a selection as meant the other way round; who uses it looks at this.
   void SetReverse(int reverse) { reverse_ = reverse; }
   int GetReverse() const { return reverse_; }
 
-  /// The columns selected of a line of `width` pixels, from the first to one behind the last.
+  /// Answers the columns selected of a line of `width` pixels, from the first to one behind the last.
   std::pair<int, int> GetRange(int y, int width) const;
 
  private:

@@ -2,7 +2,7 @@
 
 #include "korimg/image/CVelImage.h"
 
-/// Brightness and contrast.
+/// Changes brightness and contrast.
 class KORIMG_API CImgBright : public CVelImage {
  public:
   /// On the 256 scale of this image's levels, each pixel t becomes (t - average) x contrast / 256 + bright +

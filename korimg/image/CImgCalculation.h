@@ -2,7 +2,7 @@
 
 #include "korimg/image/CVelImage.h"
 
-/// Arithmetic of an image with a number, on raw values.
+/// Does arithmetic of an image with a number, on raw values.
 class KORIMG_API CImgCalculation : public CVelImage {
  public:
   /// op 0 adds the value, 1 subtracts it (negative results become 0 when cutMinus is non-zero), 2 multiplies,

@@ -46,13 +46,13 @@ class KORIMG_API CVelImage : public CImage {
   /// Sets the reference points, gauges and tables to their defaults.
   void Init();
   std::unique_ptr<CVelImage> Clone(const ProgressPtr& progress) const;
-  /// A zeroed image of the same record; empty when there is no room.
+  /// Makes a zeroed image of the same record; empty when there is no room.
   std::unique_ptr<CVelImage> CloneWithoutImage(const ProgressPtr& progress) const;
   /// Takes the other's record and shape, with all pixels 0 before scale and offset. False when memory ran
   /// out.
   bool Create(const CVelImage& other, const ProgressPtr& progress);
   int Create(const CVelImage& other, HWND window, const wchar_t* text);
-  /// 1, or 0 when memory ran out: the image is empty then.
+  /// Copies another image; 1, or 0 when memory ran out: the image is empty then.
   int CopyImage(const CVelImage& other, HWND window, const wchar_t* text);
   /// Exchanges pixels, record, progress window, reference points and pixel tables.
   void Swap(CVelImage* other);
@@ -87,11 +87,11 @@ class KORIMG_API CVelImage : public CImage {
     return static_cast<float>(
         CalcBright(static_cast<double>(r), static_cast<double>(g), static_cast<double>(b)));
   }
-  /// The grey of the same CIE L, on the 256 scale.
+  /// Answers the grey of the same CIE L, on the 256 scale.
   static double CalcBrightL(double r, double g, double b);
   using CImage::SetLevel;
-  /// On a mono image plane -1 is plane 0. On a colour image plane -1 moves all planes in proportion to plane
-  /// 0.
+  /// Sets a plane's levels. On a mono image plane -1 is plane 0. On a colour image plane -1 moves all planes
+  /// in proportion to plane 0.
   bool SetLevel(int plane, double min, double max);
 
   // Pixels by whole positions, which the caller keeps inside the image.
@@ -139,11 +139,11 @@ class KORIMG_API CVelImage : public CImage {
   float GetPixelGrayRaw(double x, double y, int plane);
   float GetPixelGray256f(double x, double y, int plane);
   float GetPixelGray(double x, double y, int plane);
-  /// The same as GetPixelGrayRaw with the last two lines kept locked, for one thread. Whoever changes the
-  /// plane or the image calls GetPixelGrayRawBufInit.
+  /// Answers the same as GetPixelGrayRaw with the last two lines kept locked, for one thread. Whoever changes
+  /// the plane or the image calls GetPixelGrayRawBufInit.
   float GetPixelGrayRawBuf(double x, double y, int plane);
   void GetPixelGrayRawBufInit();
-  /// From the direct image: 0 beyond the image, or when there is no direct image. Safe from any thread.
+  /// Reads the direct image: 0 beyond the image, or when there is no direct image. Safe from any thread.
   float GetPixelDirectRaw(int x, int y, int plane) const;
   float GetPixelDirectRaw(double x, double y, int plane) const;
 
@@ -236,7 +236,7 @@ class KORIMG_API CVelImage : public CImage {
   void ShowProgressEnd(int id);
 
   // Point operations in place and copies between images.
-  /// Pixels equal to, above, below, not above or other than the threshold become `value`; plane -1 means all.
+  /// Set pixels equal to, above, below, not above or other than the threshold to `value`; plane -1 means all.
   void ThresholdEqual(int plane, float threshold, float value);
   void ThresholdGreaterThan(int plane, float threshold, float value);
   void ThresholdLessThan(int plane, float threshold, float value);
@@ -273,14 +273,14 @@ class KORIMG_API CVelImage : public CImage {
   /// pixels / bins.
   int GetHistogram(int* const hist, int bins, double min, double max, int plane, int logScale,
                    int heightFromData, int useCull, CRect* rect, int show, int messageId);
-  /// The same for three planes at once; -1 for a mono image. The two array arguments are not used.
+  /// Counts the same for three planes at once; -1 for a mono image. The two array arguments are not used.
   int GetHistogramRGB(int* const histR, int* const histG, int* const histB, int bins, double min, double max,
                       double* const, double* const, int logScale, int heightFromData, int useCull,
                       CRect* rect, int show, int messageId);
   /// Fills the tables of GetMinPixel, GetMaxPixel and GetAvrPixel. On paged stores the mean is the sum over
   /// (width - 1) x (height - 1), in float; use GetAvrGrayRaw for a mean.
   void CalcMinMax();
-  /// The same without a border of `margin` pixels, and with pixels of exactly 0 passed over.
+  /// Does the same without a border of `margin` pixels, and with pixels of exactly 0 passed over.
   void CalcMinMax(int margin);
   float GetMinPixel(int plane) const { return minPixel_[plane]; }
   float GetMaxPixel(int plane) const { return maxPixel_[plane]; }
@@ -288,10 +288,10 @@ class KORIMG_API CVelImage : public CImage {
   float GetAvrGrayRaw(int plane);
   float GetAvrGray(int plane) { return GetAvrGrayRaw(plane) - static_cast<float>(GetLevelMin(plane)); }
   float GetAvrGray256f(int plane) { return To256(GetAvrGrayRaw(plane), plane); }
-  /// The largest value of the window and its place; -1, -1 when that is the window's first pixel.
+  /// Finds the largest value of the window and its place; -1, -1 when that is the window's first pixel.
   float GetMaxPixel(int plane, CRect* rect, int& x, int& y);
-  /// The first pixel above the threshold by rows (brightness of raw values on a colour image), else 0 and -1,
-  /// -1.
+  /// Finds the first pixel above the threshold by rows (brightness of raw values on a colour image), else 0
+  /// and -1, -1.
   float Get1stBrighterPixel(int plane, CRect* rect, double threshold, int& x, int& y);
 
   // Display. The display value of a pixel is 0 up to the level minimum and for NaN, 255 from the level
@@ -301,30 +301,30 @@ class KORIMG_API CVelImage : public CImage {
   /// and 32 hold blue, green, red. The fourth byte of 32 becomes 0 from a contiguous image, and is left by a
   /// paged one. Other depths and sizes do nothing.
   void ToDIB(CBaseDIB* dib, CRect* rect);
-  /// The image as a packed bitmap of 8 bits (256 greys, or the 256 most frequent colours of 5 bits a channel)
-  /// or 24, in a block that the caller frees. Null for other depths and when there is no memory.
+  /// Gives the image as a packed bitmap of 8 bits (256 greys, or the 256 most frequent colours of 5 bits a
+  /// channel) or 24, in a block that the caller frees. Null for other depths and when there is no memory.
   HDIB GetDib(int bits);
 
   // Positions, for registration.
-  /// The centroid of a window by the squares of what exceeds its mean, of brightness on the 256 scale, so
-  /// that the brightest star counts most; the window's middle when there is none. In whole numbers it is
+  /// Finds the centroid of a window by the squares of what exceeds its mean, of brightness on the 256 scale,
+  /// so that the brightest star counts most; the window's middle when there is none. In whole numbers it is
   /// rounded.
   void GetCentroid(double& x, double& y, CRect* rect);
   void GetCentroid(int& x, int& y, CRect* rect);
-  /// The same by raw values, or the luminance of raw values.
+  /// Does the same by raw values, or the luminance of raw values.
   void GetCentroidRaw(double& x, double& y, CRect* rect);
   void GetCentroidRaw(int& x, int& y, CRect* rect);
-  /// How another image lies to this one by the reference points of both: 0 not known, 1 the shift from it to
-  /// this one, 2 its turn too, as CImgComposit takes them. The other's centre is set when it is not. The
-  /// second form adds a correction to what is known.
+  /// Finds how another image lies to this one by the reference points of both: 0 not known, 1 the shift from
+  /// it to this one, 2 its turn too, as CImgComposit takes them. The other's centre is set when it is not.
+  /// The second form adds a correction to what is known.
   int GetFitPrm(CVelImage* other, double& dx, double& dy, double& degrees);
   int GetFitPrm(CVelImage* other, double& dx, double& dy, double& degrees, double addX, double addY,
                 double addDegrees);
-  /// The shift by the centroids of both whole images. Answers 1.
+  /// Finds the shift by the centroids of both whole images. Answers 1.
   int GetFitPrmFromCentroid(CVelImage* other, double& dx, double& dy);
 
   // Calibration. A mono dark or flat serves every plane, a colour one plane by plane.
-  /// Each pixel becomes max(pixel - dark, 0).
+  /// Subtracts a dark: each pixel becomes max(pixel - dark, 0).
   void DarkClbrtn(CVelImage* dark, int show);
   /// Divides by the flat after a gamma curve that leaves the flat's maximum alone; `fOffset` adds that share
   /// of the flat's mean to the divisor. A gamma not above 0 does nothing.
@@ -344,11 +344,11 @@ class KORIMG_API CVelImage : public CImage {
   // and reference point, with scale 1 and offset 0 and levels not set; null without a store or memory. What
   // lies below black counts as black, what lies above 5000 / 255 times white as that. An image of fewer than
   // three planes is grey by plane 0. They show progress and run on all threads.
-  /// L, a and b.
+  /// Makes L, a and b.
   CVelImage* MakeLabPlane();
-  /// L alone.
+  /// Makes L alone.
   CVelImage* MakeLPlane();
-  /// a and b; clipLevel non-zero counts what lies above white as white in a colour image.
+  /// Makes a and b; clipLevel non-zero counts what lies above white as white in a colour image.
   CVelImage* MakeAbPlane(int clipLevel);
 
   // Prepared filters: a slot for each of planes 0 to 2, and six sets of such slots. They serve a team of
@@ -361,13 +361,13 @@ class KORIMG_API CVelImage : public CImage {
   /// Selects the slot of a plane; any other than 0 to 2 selects plane 0.
   void SetFilterProcPln(int plane);
   void SetFilterProcPlnEx(int set, int plane);
-  /// The filtered pixel of the slot selected or named; 0 when it is empty.
+  /// Answers the filtered pixel of the slot selected or named; 0 when it is empty.
   float CalcFilterProc(int x, int y);
   float CalcFilterProc(int x, int y, int plane);
   float CalcFilterProcEx(int set, int x, int y);
   float CalcFilterProcEx(int set, int x, int y, int plane);
   void ClearFilterProc();
-  /// The slots, and a set from 0 to 5, themselves.
+  /// Answer the slots, and a set from 0 to 5, themselves.
   CFilterProcEx& FilterProcSlots();
   CFilterProcEx& FilterProcSet(int set);
 
@@ -380,7 +380,7 @@ class KORIMG_API CVelImage : public CImage {
   static float FlatGamma(float value, float maximum, float origin, double gamma);
 
  private:
-  /// One of the two lines that GetPixelGrayRawBuf keeps: locked in the store that it belongs to.
+  /// Holds one of the two lines that GetPixelGrayRawBuf keeps: locked in the store that it belongs to.
   struct BufferedLine {
     float* line = nullptr;
     int number = -1;

@@ -7,7 +7,7 @@
 
 class CVmManager;
 
-/// Where one block of a store is.
+/// Tells where one block of a store is.
 class CVmBlock {
  public:
   enum Type : int {
@@ -19,7 +19,7 @@ class CVmBlock {
   long long slotIndex = -1;  ///< the manager's own number of the place
 };
 
-/// The blocks of one store, held jointly by the store and its manager.
+/// Holds the blocks of one store, shared jointly by the store and its manager.
 class KORIMG_API CVmHandle {
  public:
   CVmHandle(long long blockSize, long long blockCount, const std::shared_ptr<CVmManager>& manager);
@@ -33,7 +33,7 @@ class KORIMG_API CVmHandle {
   long long GetSlotIndex(long long i) const { return blocks_[i].slotIndex; }
   void Set(long long i, CVmBlock::Type type, long long slot);
 
-  /// The manager, or an empty pointer when it has gone.
+  /// Answers the manager, or an empty pointer when it has gone.
   std::shared_ptr<CVmManager> VmManager() const { return manager_.lock(); }
   /// True while the manager is alive.
   bool Deleted() const { return VmManager() != nullptr; }

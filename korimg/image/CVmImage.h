@@ -8,7 +8,7 @@
 #include "korimg/image/Progress.h"
 #include "korimg/platform/Export.h"
 
-/// The store of an image's pixels. Lines are not padded; line y of plane p is line p * height + y of the
+/// Stores an image's pixels. Lines are not padded; line y of plane p is line p * height + y of the
 /// store, and lines lie in blocks of equal numbers of lines.
 class KORIMG_API CVmImage {
  public:
@@ -17,11 +17,11 @@ class KORIMG_API CVmImage {
     long long block = -1;
   };
 
-  /// All sizes positive. Throws velora::CVmMemoryAllocationError when one isn't, when their product is
-  /// 2^62 or more, and when there is no room.
+  /// Makes a store; all sizes are positive. Throws velora::CVmMemoryAllocationError when one isn't,
+  /// when their product is 2^62 or more, and when there is no room.
   CVmImage(const std::shared_ptr<CVmManager>& manager, long long width, long long height, long long planes,
            long long bytesPixel, const std::shared_ptr<velora::Progress>& progress);
-  /// A store of the same shape on the same manager, with the same pixels.
+  /// Makes a store of the same shape on the same manager, with the same pixels.
   CVmImage(CVmImage& other, const std::shared_ptr<velora::Progress>& progress);
   ~CVmImage();
   CVmImage(const CVmImage&) = delete;
@@ -39,20 +39,20 @@ class KORIMG_API CVmImage {
   bool GetParallel() const { return parallel_; }
   void SetParallel(bool parallel) { parallel_ = parallel; }
 
-  /// Lines of block i: the last block may have fewer than the others.
+  /// Answers the lines of block i: the last block may have fewer than the others.
   long long GetBlockLineCount(long long i) const;
-  /// (lines of a full block, width).
+  /// Answers (lines of a full block, width).
   std::tuple<int, int> GetBlockShape() const;
 
-  /// Address of pixel (x, y) of a plane, good to the end of the line. Unlocked it is good for the next few
-  /// accesses of the calling thread; locked with a handle until Unlock, locked without one until UnlockAll. A
-  /// writable address marks its block as changed. Any number of threads may ask at once.
+  /// Answers the address of pixel (x, y) of a plane, good to the end of the line. Unlocked it is good for the
+  /// next few accesses of the calling thread; locked with a handle until Unlock, locked without one until
+  /// UnlockAll. A writable address marks its block as changed. Any number of threads may ask at once.
   unsigned char* GetImageAdr(long long x, long long y, long long plane, bool readOnly, bool locked,
                              AddressHandle* handle);
   bool Unlock(const AddressHandle& handle);
   void UnlockAll();
 
-  /// Address of a block. Throws velora::CVmManagerHandleDeletedError when the manager has gone.
+  /// Answers the address of a block. Throws velora::CVmManagerHandleDeletedError when the manager has gone.
   unsigned char* GetBlockOnMemory(long long block, bool readOnly);
 
   CVmManager::AllocationPolicy GetAllocationPolicy() const { return policy_; }

@@ -24,7 +24,7 @@ class KORIMG_API CVmManager : public std::enable_shared_from_this<CVmManager> {
   virtual unsigned char* GetBlock(const std::shared_ptr<CVmHandle>& handle, long long block,
                                   bool readOnly) = 0;
 
-  /// How many lines of an image of this height share a block.
+  /// Answers how many lines of an image of this height share a block.
   virtual long long GetLinesPerBlock(long long bytesPerLine, long long height) const = 0;
 
   /// Makes the blocks of a store; what is not zero counts as touched. Throws
@@ -50,15 +50,15 @@ struct StoreOptions {
   std::filesystem::path swapDirectory;  ///< for temporary files; empty takes the system's temporary directory
 };
 
-/// Half of the memory of the machine, or of the container when its limit is lower. A quarter when the
+/// Answers half of the memory of the machine, or of the container when its limit is lower. A quarter when the
 /// directory for temporary files is itself in memory, in which they may then take a half.
 KORIMG_API long long DefaultBudget(const StoreOptions& options = {});
 
-/// A store that keeps each plane in one block: in memory up to the budget, above it in a mapped temporary
-/// file that has no name and whose space is reserved beforehand. Freed blocks are kept for the next image.
+/// Makes a store of one block for each plane: in memory up to the budget, above it in a mapped temporary file
+/// that has no name and whose space is reserved beforehand. Freed blocks are kept for the next image.
 KORIMG_API std::shared_ptr<CVmManager> CreateContiguousManager(const StoreOptions& options = {});
 
-/// A store that keeps lines in blocks of a bounded pool, the least recently used ones in temporary files.
+/// Makes a store of lines in blocks of a bounded pool, the least recently used ones in temporary files.
 KORIMG_API std::shared_ptr<CVmManager> CreatePagedManager(const StoreOptions& options = {});
 
 }  // namespace korimg

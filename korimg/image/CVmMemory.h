@@ -5,7 +5,7 @@
 
 #include "korimg/image/CVmHandle.h"
 
-/// One piece of memory that blocks can live in.
+/// Stands for one piece of memory that blocks can live in.
 class CVmMemoryInterface {
  public:
   virtual ~CVmMemoryInterface() = default;

@@ -3,7 +3,7 @@
 #include "korimg/platform/CPoint.h"
 #include "korimg/platform/Export.h"
 
-/// A point held both as whole numbers and as doubles. Whether a point is set is read from the whole numbers;
+/// Holds a point both as whole numbers and as doubles. Whether a point is set is read from the whole numbers;
 /// mapped reads use the doubles.
 class KORIMG_API CfPoint : public CPoint {
  public:
@@ -23,6 +23,6 @@ class KORIMG_API CfPoint : public CPoint {
     fx = newX;
     fy = newY;
   }
-  /// The whole numbers are the doubles truncated toward zero.
+  /// Sets both; the whole numbers are the doubles truncated toward zero.
   void Set(double newX, double newY);
 };

@@ -8,7 +8,7 @@
 
 namespace velora {
 
-/// Where an operation of the store tells how far it is. An empty pointer is legal wherever one is taken.
+/// Hears from an operation of the store how far it is. An empty pointer is legal wherever one is taken.
 class KORIMG_API Progress {
  public:
   virtual ~Progress() = default;
@@ -19,10 +19,10 @@ class KORIMG_API Progress {
   virtual bool escape() = 0;  ///< the user has asked to stop
 };
 
-/// Progress on a window, by the messages of korimg::ProgressEvent.
+/// Shows progress on a window, by the messages of korimg::ProgressEvent.
 class KORIMG_API ProgressWin : public Progress {
  public:
-  /// A null window and a null text are legal: nothing is shown then.
+  /// Makes one; a null window and a null text are legal: nothing is shown then.
   static std::shared_ptr<Progress> Create(HWND window, const wchar_t* text, bool pulse);
 
   void initialize() override;
@@ -46,7 +46,7 @@ class KORIMG_API ScopedProgress {
   ScopedProgress(const ScopedProgress&) = delete;
   ScopedProgress& operator=(const ScopedProgress&) = delete;
 
-  /// Step i of the loop, from 0, is done; sends a percentage when it differs from the last one sent.
+  /// Takes step i of the loop, from 0, as done; sends a percentage when it differs from the last one sent.
   void Step(int i);
 
  private:

@@ -35,7 +35,7 @@ class Plane {
   int Width() const { return width_; }
   int Rows() const { return rows_; }
   std::ptrdiff_t Pitch() const { return pitch_; }
-  /// The first pixel of the first row.
+  /// Answers the first pixel of the first row.
   T* Data() const { return pixels_; }
   /// True where one row follows the other with nothing in between.
   bool IsDense() const { return pitch_ == width_; }
@@ -102,18 +102,18 @@ class Band {
   int Rows() const { return rows_; }
   std::ptrdiff_t Pitch() const { return pitch_; }
   bool IsDense() const { return pitch_ == width_; }
-  /// The first pixels of the planes.
+  /// Answers the first pixels of the planes.
   T* const* Data() const { return pixels_.data(); }
 
-  /// The rows of a plane, counted from the band's first.
+  /// Answers the rows of a plane, counted from the band's first.
   korimg::Plane<T> Plane(int p) const {
     KORIMG_ASSERT(p >= 0 && p < planes_);
     return {pixels_[p], width_, rows_, pitch_};
   }
-  /// Row y of the image, which lies in the band.
+  /// Answers row y of the image, which lies in the band.
   korimg::Row<T> Row(int p, int y) const { return Plane(p)[y - top_]; }
 
-  /// The part of the band from row `top` of the image on.
+  /// Answers the part of the band from row `top` of the image on.
   Band Part(int top, int rows) const {
     KORIMG_ASSERT(top >= top_ && rows >= 0 && top + rows <= Bottom());
     Band part = *this;
@@ -124,7 +124,7 @@ class Band {
     }
     return part;
   }
-  /// The same rows, counted from another one.
+  /// Answers the same rows, counted from another one.
   Band At(int top) const {
     Band moved = *this;
     moved.top_ = top;
@@ -147,10 +147,10 @@ inline void CopyPixels(const Band<const float>& from, const Band<float>& to) {
   }
 }
 
-/// Memory for a band, which keeps it from one use to the next.
+/// Keeps memory for a band, and holds it from one use to the next.
 class BandBuffer {
  public:
-  /// Room for some rows of an image; what they hold is left from before.
+  /// Gives room for some rows of an image; what they hold is left from before.
   Band<float> Get(int planes, int width, int top, int rows) {
     const auto size = static_cast<std::size_t>(planes) * rows * width;
     if (pixels_.size() < size) pixels_.resize(size);

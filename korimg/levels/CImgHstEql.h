@@ -2,7 +2,7 @@
 
 #include "korimg/image/CVelImage.h"
 
-/// Exact equalisation of the histogram: each pixel becomes its rank among the pixels of its plane, so that
+/// Equalises the histogram exactly: each pixel becomes its rank among the pixels of its plane, so that
 /// all tones between the plane's extremes come equally often.
 class KORIMG_API CImgHstEql : public CVelImage {
  public:

@@ -2,8 +2,8 @@
 
 #include "korimg/image/CVelImage.h"
 
-/// The generalised hyperbolic stretch: a family of curves that lift the tones about one point most, between
-/// an exponential and a logarithm, with straight ends where shadows and highlights are to keep their
+/// Does the generalised hyperbolic stretch, by a family of curves that lift the tones about one point most,
+/// between an exponential and a logarithm, with straight ends where shadows and highlights are to keep their
 /// contrast. It never clips: the straight ends go on beyond the levels.
 class KORIMG_API CImgHyperbolic : public CVelImage {
  public:

@@ -2,7 +2,7 @@
 
 #include "korimg/image/CVelImage.h"
 
-/// Posterisation: tones fall to the lower edge of one of a few steps.
+/// Posterises: tones fall to the lower edge of one of a few steps.
 class KORIMG_API CImgReduceTone : public CVelImage {
  public:
   /// Divides the range of this image's levels into `tones` steps, 1 to 256. Pixels beyond the levels are

@@ -23,21 +23,21 @@ class KORIMG_API CSpline {
   /// Inserts a point and answers its index, or -1 when there is one with that x.
   std::int64_t SetPoint(double x, double y, std::uint64_t type);
   std::int64_t SetPoint(tagSplinePoint point);
-  /// 1, or 0 when there is no such point.
+  /// Answers 1 and the point, or 0 when there is no such one.
   int GetPoint(std::int64_t i, tagSplinePoint* point) const;
   std::int64_t GetPointCount() const { return points_.GetSize(); }
-  /// 1, or 0 when there are no such points.
+  /// Removes points; 1, or 0 when there are no such ones.
   int RemoveAtPoint(std::int64_t i, std::int64_t count);
   void RemoveAllPoint();
 
   /// Solves for the derivatives and coefficients of all points. 1, or 0 with fewer than 3 points, or when x
   /// descends anywhere.
   static int CalcSpline(Points* points);
-  /// The curve at x, with a status where one is asked for: 1 found; 0 x is the last point's, or its segment
-  /// is of no known kind; -1 x is outside the points; -2 there are fewer than 2. All but 1 give 0.0. Splines
-  /// need CalcSpline first; two points give the line between them.
+  /// Answers the curve at x, with a status where one is asked for: 1 found; 0 x is the last point's, or its
+  /// segment is of no known kind; -1 x is outside the points; -2 there are fewer than 2. All but 1 give 0.0.
+  /// Splines need CalcSpline first; two points give the line between them.
   static double GetValue(double x, Points* points, int* status);
-  /// The same on this curve, solved first when it has changed; status 0 and 0.0 when that failed.
+  /// Does the same on this curve, solved first when it has changed; status 0 and 0.0 when that failed.
   double GetValue(double x, int* status);
 
  private:

@@ -4,8 +4,8 @@
 
 #include "korimg/measurement/CStarMatcher.h"
 
-/// How an image of a planet, the Sun or the whole Moon lies on a reference: by the middles of their discs.
-/// Three planes count by their luminance, mosaics by the mean of their colours.
+/// Tells how an image of a planet, the Sun or the whole Moon lies on a reference: by the middles of their
+/// discs. Three planes count by their luminance, mosaics by the mean of their colours.
 ///
 /// A disc is the one bright object of an image, lies on it as a whole, and is nearly as bright throughout as
 /// it is large: 10 pixels of radius or more. Its middle is that of its outline, which neither bands nor spots
@@ -22,8 +22,8 @@ class KORIMG_API CDiscMatcher {
 
   bool HasDisc() const { return disc_ != nullptr; }
 
-  /// Ok, or NoMatch where one of both shows no disc or they differ in size. The residual is what the shift
-  /// differs by when a brighter part of the disc is taken. Any number of threads may call it at once.
+  /// Answers Ok, or NoMatch where one of both shows no disc or they differ in size. The residual is what the
+  /// shift differs by when a brighter part of the disc is taken. Any number of threads may call it at once.
   CStarMatch Match(CVelImage& image) const;
 
  private:

@@ -15,13 +15,13 @@ class KORIMG_API CFrameFitter {
  public:
   using Model = CFrameMap::Model;
 
-  /// Frames and the reference have this size.
+  /// Makes a fitter; frames and the reference have this size.
   CFrameFitter(int width, int height) : width_(width), height_(height) {}
 
-  /// Pairs of a frame that is not the reference. Those that are off by more than five deviations of what is
-  /// usual in their frame don't count.
+  /// Adds the pairs of a frame that is not the reference. Those that are off by more than five deviations of
+  /// what is usual in their frame don't count.
   void Add(std::vector<CStarPair> pairs) { frames_.push_back(std::move(pairs)); }
-  /// A distortion that is known of the camera, for stars that do not suffice to find one.
+  /// Sets a distortion that is known of the camera, for stars that do not suffice to find one.
   void SetDistortion(const CLensDistortion& distortion) { known_ = distortion; }
 
   /// Takes the simplest model that the stars do not refute: pairs are left out by turns, a fifth each, and
@@ -34,23 +34,24 @@ class KORIMG_API CFrameFitter {
 
   Model GetModel() const { return model_; }
   const CLensDistortion& GetDistortion() const { return distortion_; }
-  /// The distortion was found by these frames.
+  /// True when the distortion was found by these frames.
   bool IsFitted() const { return isFitted_; }
   bool IsRigid() const { return model_ == CFrameMap::Rigid && distortion_.IsNone(); }
-  /// Why the model was chosen, in numbers, for people.
+  /// Tells why the model was chosen, in numbers, for people.
   const std::string& Text() const { return text_; }
 
-  /// How a frame lies.
+  /// Tells how a frame lies.
   struct Fit {
     CFrameMap map;
     int stars = 0;           ///< pairs that the fit is made of
     double residual = 0;     ///< pixels, root mean square
     double cornerError = 0;  ///< pixels that a corner may be off by, one deviation
   };
-  /// A frame by the model, or by the richest one below it that so few pairs settle. None without two pairs.
+  /// Fits a frame by the model, or by the richest one below it that so few pairs settle. None without two
+  /// pairs.
   std::optional<Fit> FitFrame(const std::vector<CStarPair>& pairs) const;
-  /// A frame that differs from all others: the simplest model up to homographies that leaves it no more than
-  /// `limit` pixels.
+  /// Fits a frame that differs from all others: the simplest model up to homographies that leaves it no more
+  /// than `limit` pixels.
   std::optional<Fit> FitAlone(const std::vector<CStarPair>& pairs, double limit) const;
 
  private:

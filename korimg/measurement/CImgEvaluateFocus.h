@@ -14,6 +14,6 @@ class KORIMG_API CImgEvaluateFocus : public CVelImage {
   double Do(CRect* rect, int show);
   double Do(int show);
 
-  /// The setting "Max".
+  /// Answers the setting "Max".
   static int GetMargin();
 };

@@ -9,15 +9,16 @@ class KORIMG_API CImgEvaluateGuideError : public CVelImage {
  public:
   CImgEvaluateGuideError() = default;
 
-  /// The mean of the longer over the shorter width at half height of up to 10 bright stars in each of four
-  /// regions about the middle, by PSF: 1 for round ones, 2 for such as are twice as long as wide, whichever
-  /// way they lie (along the axes or between them); noise alone gives 1.1 to 1.2. 0 without a star. Faint
-  /// peaks count where a region has fewer than 10 stars. `found` becomes 1 when there was a star, else 0;
-  /// `stars` takes the stars and, as its second list, the regions. Both may be null. This object is not used.
+  /// Answers the mean of the longer over the shorter width at half height of up to 10 bright stars in each of
+  /// four regions about the middle, by PSF: 1 for round ones, 2 for such as are twice as long as wide,
+  /// whichever way they lie (along the axes or between them); noise alone gives 1.1 to 1.2. 0 without a star.
+  /// Faint peaks count where a region has fewer than 10 stars. `found` becomes 1 when there was a star, else
+  /// 0; `stars` takes the stars and, as its second list, the regions. Both may be null. This object is not
+  /// used.
   double Do(CVelImage* image, int* found, CStarPosEx* stars);
 
-  /// The mean elongation of the stars at given centres, of those whose widths can be measured; `measured`
-  /// gets their number. 0 without any.
+  /// Answers the mean elongation of the stars at given centres, of those whose widths can be measured;
+  /// `measured` gets their number. 0 without any.
   static double CalcElongation(CVelImage* image, const CArray<CStarPos, CStarPos&>& stars, int& measured);
 
   /// Adds the brightest stars of a rectangle of this image to the list: at most `maxStars`, brightest peak

@@ -6,7 +6,7 @@
 /// An image at (x, y) has its first pixel there. Planes that both have are compared, in raw values.
 class KORIMG_API CImgMatching : public CVelImage {
  public:
-  /// The difference at a place without overlap, above that of any other place.
+  /// Stands for the difference at a place without overlap: a sentinel above that of any other place.
   static constexpr double kNoOverlap = 3.402823466e38;
 
   CImgMatching() = default;
@@ -19,8 +19,8 @@ class KORIMG_API CImgMatching : public CVelImage {
   /// cancelled.
   int Do(CVelImage* other, double* x, double* y, int range, int fine, int show);
 
-  /// The mean square difference on the overlap of both, with the other's pixels multiplied by ratio[plane] as
-  /// floats and, at fractional places, bilinear.
+  /// Answers the mean square difference on the overlap of both, with the other's pixels multiplied by
+  /// ratio[plane] as floats and, at fractional places, bilinear.
   double CalcValue(CVelImage* other, int x, int y, double* const ratio);
   double CalcValue(CVelImage* other, double x, double y, double* const ratio);
 };

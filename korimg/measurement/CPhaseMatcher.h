@@ -4,8 +4,8 @@
 
 #include "korimg/measurement/CStarMatcher.h"
 
-/// How an image lies on a reference by phase-only correlation, where stars are too few, too faint or out of
-/// shape. Three planes count by their luminance, mosaics by the mean of their colours.
+/// Tells how an image lies on a reference by phase-only correlation, where stars are too few, too faint or
+/// out of shape. Three planes count by their luminance, mosaics by the mean of their colours.
 ///
 /// What is correlated is light that stands out of the sky, so that neither gradients nor the sensor's own
 /// pattern is taken for the picture: in all pixels, then, for wide objects, in means of 4 x 4. The angle
@@ -16,13 +16,13 @@
 /// pixel, since the dead and hot pixels of a sensor match like that under any sky.
 class KORIMG_API CPhaseMatcher {
  public:
-  /// The reference must outlive the matcher.
+  /// Makes a matcher, which the reference must outlive.
   explicit CPhaseMatcher(CVelImage* reference);
   ~CPhaseMatcher();
   CPhaseMatcher(const CPhaseMatcher&) = delete;
   CPhaseMatcher& operator=(const CPhaseMatcher&) = delete;
 
-  /// Ok, or NoMatch; `stars` is the number of tiles. One thread at a time may call it.
+  /// Answers Ok, or NoMatch; `stars` is the number of tiles. One thread at a time may call it.
   CStarMatch Match(CVelImage& image);
 
  private:

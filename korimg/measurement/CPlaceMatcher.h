@@ -6,9 +6,9 @@
 #include "korimg/measurement/CImgMatching.h"
 #include "korimg/measurement/CStarMatcher.h"
 
-/// How an image lies on a reference by the place where its light fits best: for one object alone, such as a
-/// small planet, which has neither stars about it nor details all over the image. Three planes count by their
-/// luminance, mosaics by the mean of their colours.
+/// Tells how an image lies on a reference by the place where its light fits best: for one object alone, such
+/// as a small planet, which has neither stars about it nor details all over the image. Three planes count by
+/// their luminance, mosaics by the mean of their colours.
 ///
 /// Only shifts are found, up to a third of the shorter side. What is compared is light that stands out of the
 /// sky, in means of many pixels first, then of fewer as long as it is alike. There is a best place always: it
@@ -23,8 +23,8 @@ class KORIMG_API CPlaceMatcher {
   CPlaceMatcher(const CPlaceMatcher&) = delete;
   CPlaceMatcher& operator=(const CPlaceMatcher&) = delete;
 
-  /// Ok, or NoMatch. The residual is what the last halving of the means moved it by. One thread at a time may
-  /// call it.
+  /// Answers Ok, or NoMatch. The residual is what the last halving of the means moved it by. One thread at a
+  /// time may call it.
   CStarMatch Match(CVelImage& image) const;
 
  private:

@@ -26,40 +26,43 @@ struct CStar {
 /// (IsBayerImage) in the mean of its colours. Nothing is written to the image. The same stars come out for
 /// any number of threads and on any store.
 ///
-/// The sky and its noise come from cells of 64 x 64 pixels. Stars are the maxima of the image smoothed by a
-/// binomial filter of 5 x 5, `threshold` deviations above the sky, that stand by as many deviations (at most
-/// by half, at least by a tenth of their height) above the ground that joins them to something higher. Single
-/// bright pixels, what is much narrower or wider than the frame's other stars, and trails are left out. There
-/// is no limit to the number of stars, and none is a usual answer. Pixels that are no numbers count as sky.
+/// The background and its noise come from cells of 64 x 64 pixels. Stars are the maxima of the image smoothed
+/// by a binomial filter of 5 x 5, `threshold` deviations above the sky, that stand by as many deviations (at
+/// most by half, at least by a tenth of their height) above the ground that joins them to something higher.
+/// Single bright pixels, what is much narrower or wider than the frame's other stars, and trails are left
+/// out. There is no limit to the number of stars, and none is a usual answer. Pixels that are no numbers
+/// count as sky.
 ///
-/// Positions and shapes are those of a Gaussian window as wide as the star (Bernstein and Jarvis, 2002).
+/// Positions and shapes are moments in a Gaussian window as wide as the star (Bernstein and Jarvis, 2002).
 /// Widths at half the height are brought to what profiles of the brighter stars measure. The flux is what a
 /// circle of 1.5 FWHM holds over the sky, corrected by what circles of 3.5 FWHM hold of bright stars that
 /// stand alone.
 class KORIMG_API CStarFinder {
  public:
-  /// The image must outlive Find.
+  /// Makes a finder of an image, which must outlive Find.
   explicit CStarFinder(CVelImage* image) : image_(image) {}
 
-  /// Deviations of the smoothed sky that a star exceeds; 5 at first. What is not above 0 counts as 0.
+  /// Sets the deviations of the smoothed sky that a star exceeds; 5 at first. What is not above 0 counts as
+  /// 0.
   void SetThreshold(double sigmas) { threshold_ = sigmas; }
-  /// Raw value from which on pixels are saturated. Without it those stars count as saturated whose
+  /// Sets the raw value from which on pixels are saturated. Without it those stars count as saturated whose
   /// tops are flat, and those that share the highest top of the image.
   void SetSaturation(double raw) { saturation_ = raw; }
 
-  /// Electrons of a raw value: what a star's own photons add to its noise. 0, at first, where nobody knows:
-  /// signal to noise is then that of the sky alone, which is too much for bright stars.
+  /// Sets the electrons of a raw value: what a star's own photons add to its noise. 0, at first, where nobody
+  /// knows: signal to noise is then that of the sky alone, which is too much for bright stars.
   void SetGain(double electrons) { gain_ = electrons; }
 
   /// Returns the number of stars.
   int Find();
 
-  /// In order of falling flux.
+  /// Answers the stars in order of falling flux.
   const std::vector<CStar>& GetStars() const { return stars_; }
-  /// Medians of the brighter half of the stars that are whole, alone and not saturated; 0 without any star.
+  /// Answer medians of the brighter half of the stars that are whole, alone and not saturated; 0 without any
+  /// star.
   double GetFwhm() const { return fwhm_; }
   double GetElongation() const { return elongation_; }
-  /// Medians over the image: level and noise of the sky.
+  /// Answer medians over the image: level and noise of the sky.
   double GetSky() const { return sky_; }
   double GetNoise() const { return noise_; }
 

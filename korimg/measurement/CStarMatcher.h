@@ -16,7 +16,7 @@ struct CStarPair {
   double weight = 1;  ///< one over the square of what their distance may be off by, in pixels along an axis
 };
 
-/// How an image lies on a reference, by their stars.
+/// Tells how an image lies on a reference, by their stars.
 struct CStarMatch {
   enum Status : int {
     Ok,
@@ -63,13 +63,14 @@ class KORIMG_API CStarMatcher {
   CStarMatcher(const CStarMatcher&) = delete;
   CStarMatcher& operator=(const CStarMatcher&) = delete;
 
-  /// Those stars of a list that matching uses; the others may be forgotten.
+  /// Answers those stars of a list that matching uses; the others may be forgotten.
   static std::vector<CStar> Select(std::vector<CStar> stars);
 
-  /// Pixels; 1 at first.
+  /// Sets the largest residual of a match, in pixels; 1 at first.
   void SetResidualLimit(double pixels) { residualLimit_ = pixels; }
 
-  /// The size is that of the image whose stars these are. Any number of threads may call it at once.
+  /// Matches a list; the size is that of the image whose stars these are. Any number of threads may call it
+  /// at once.
   CStarMatch Match(const std::vector<CStar>& stars, int width, int height) const;
 
  private:

@@ -20,7 +20,7 @@ class CArray {
   std::ptrdiff_t GetSize() const { return static_cast<std::ptrdiff_t>(items_.size()); }
   std::ptrdiff_t GetCount() const { return GetSize(); }
   bool IsEmpty() const { return items_.empty(); }
-  /// New items are zero.
+  /// Changes the size; new items are zero.
   void SetSize(std::ptrdiff_t size) {
     Check(size >= 0);
     items_.resize(static_cast<std::size_t>(size));

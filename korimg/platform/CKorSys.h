@@ -4,11 +4,11 @@
 
 #include "korimg/platform/Export.h"
 
-/// Services of the system that the library runs on.
+/// Offers services of the system that the library runs on.
 class KORIMG_API CKorSys {
  public:
-  /// Processor features, as bits. Bit value 2 (four-lane float vectors, SSE2) chooses the threaded line
-  /// loops.
+  /// Answers the processor's features, as bits. Bit value 2 (four-lane float vectors, SSE2) chooses the
+  /// threaded line loops.
   static unsigned SIMD();
 
   /// Replaces the answer of SIMD, so that every form of a loop can be run anywhere; nullopt restores the

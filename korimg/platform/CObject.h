@@ -2,7 +2,7 @@
 
 #include "korimg/platform/Export.h"
 
-/// What a class is called and derives from, for questions at run time.
+/// Tells what a class is called and derives from, for questions at run time.
 struct CRuntimeClass {
   const char* name = nullptr;
   const CRuntimeClass* base = nullptr;
@@ -15,7 +15,7 @@ class KORIMG_API CObject {
 
   static const CRuntimeClass* GetThisClass();
   virtual const CRuntimeClass* GetRuntimeClass() const { return GetThisClass(); }
-  /// The object is of this class or of one derived from it.
+  /// True when the object is of this class or of one derived from it.
   bool IsKindOf(const CRuntimeClass* wanted) const;
 
  protected:

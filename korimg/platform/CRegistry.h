@@ -8,17 +8,17 @@
 
 namespace korimg {
 
-/// Where settings come from. Section names are paths with backslashes, as in "Dialog\\AutoStretch".
+/// Tells where settings come from. Section names are paths with backslashes, as in "Dialog\\AutoStretch".
 class KORIMG_API SettingsProvider {
  public:
   virtual ~SettingsProvider() = default;
-  /// The text of a setting, or nothing when it isn't set. Called from any thread.
+  /// Answers the text of a setting, or nothing when it isn't set. Called from any thread.
   virtual std::optional<std::string> Get(const std::string& section, const std::string& key) const = 0;
 };
 
 }  // namespace korimg
 
-/// The application's settings.
+/// Reads the application's settings.
 class KORIMG_API CRegistry {
  public:
   /// Reads a number; the default when it isn't set or is no number. True when the setting was there.

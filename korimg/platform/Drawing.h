@@ -54,8 +54,8 @@ using HDC = struct HDC__*;
 
 class CDC;
 
-/// A bitmap of 1, 4, 8, 16 (5-5-5), 24 or 32 bits, zeroed, bottom line first, lines padded to 4 bytes. *bits
-/// is the address of its pixels, valid until DeleteObject. Null for other headers and when there is no
+/// Makes a bitmap of 1, 4, 8, 16 (5-5-5), 24 or 32 bits, zeroed, bottom line first, lines padded to 4 bytes.
+/// *bits is the address of its pixels, valid until DeleteObject. Null for other headers and when there is no
 /// memory.
 KORIMG_API HBITMAP CreateDIBSection(const CDC* dc, const BITMAPINFO* info, unsigned usage, void** bits);
 KORIMG_API void DeleteObject(HBITMAP bitmap);
@@ -85,18 +85,18 @@ class KORIMG_API CDC : public CObject {
   bool CreateCompatibleDC(const CDC* dc);
   void DeleteDC();
   int GetDeviceCaps(int index) const;
-  /// The bitmap stays its owner's. Gives the one that was selected.
+  /// Selects a bitmap, which stays its owner's. Gives the one that was selected.
   HBITMAP SelectObject(HBITMAP bitmap);
-  /// The palette stays its owner's; forceBackground is without effect on surfaces in memory.
+  /// Selects a palette, which stays its owner's; forceBackground is without effect on surfaces in memory.
   void SelectPalette(CPalette* palette, bool forceBackground);
   /// Lets the selected palette stand for the numbers of the bitmap; gives the number of its entries.
   unsigned RealizePalette();
 
   bool BitBlt(int x, int y, int width, int height, CDC* source, int srcX, int srcY, unsigned long rop);
-  /// Pixel i of n takes that of floor(i * source size / n). Sizes below 1 draw nothing.
+  /// Copies scaled: pixel i of n takes that of floor(i * source size / n). Sizes below 1 draw nothing.
   bool StretchBlt(int x, int y, int width, int height, CDC* source, int srcX, int srcY, int srcWidth,
                   int srcHeight, unsigned long rop);
-  /// Colour of a pixel as 0x00BBGGRR; 0xFFFFFFFF outside.
+  /// Answers the colour of a pixel as 0x00BBGGRR; 0xFFFFFFFF outside.
   unsigned long GetPixel(int x, int y) const;
 
  protected:

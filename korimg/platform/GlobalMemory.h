@@ -29,9 +29,9 @@ struct BITMAPINFOHEADER {
 /// Flags of a block that may move while it is not locked, and is zeroed.
 constexpr unsigned GHND = 66;
 
-/// A block, zeroed whatever the flags are; null when there is no memory.
+/// Makes a block, zeroed whatever the flags are; null when there is no memory.
 KORIMG_API HGLOBAL GlobalAlloc(unsigned flags, std::size_t bytes);
-/// Address of the block, valid until GlobalFree; null for a null handle.
+/// Answers the address of the block, valid until GlobalFree; null for a null handle.
 KORIMG_API void* GlobalLock(HGLOBAL block);
 KORIMG_API void GlobalUnlock(HGLOBAL block);
 KORIMG_API std::size_t GlobalSize(HGLOBAL block);

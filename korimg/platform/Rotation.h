@@ -10,12 +10,13 @@ using Direction = std::array<double, 3>;
 /// Rows of a matrix that turns directions.
 using Rotation = std::array<std::array<double, 3>, 3>;
 
-/// The direction of a longitude (from axis 0 towards axis 1) and a latitude (towards axis 2), in degrees.
+/// Answers the direction of a longitude (from axis 0 towards axis 1) and a latitude (towards axis 2), in
+/// degrees.
 KORIMG_API Direction AdToDc(double longitude, double latitude);
 KORIMG_API Direction RotateDc(const Rotation& matrix, const Direction& direction);
-/// Turns about the line of sight, in degrees: positive angles take up to the left.
+/// Answers the turn about the line of sight, in degrees: positive angles take up to the left.
 KORIMG_API Rotation RotateX(double angle);
-/// Turns about the axis to the right, in degrees: positive angles take up to the viewer.
+/// Answers the turn about the axis to the right, in degrees: positive angles take up to the viewer.
 KORIMG_API Rotation RotateY(double angle);
-/// The rotation by b and then by a.
+/// Answers the rotation by b and then by a.
 KORIMG_API Rotation MulMatrix(const Rotation& a, const Rotation& b);

@@ -10,7 +10,7 @@ namespace korimg {
 constexpr int kFirstString = 6100;
 constexpr int kLastString = 6205;
 
-/// Text of a message by its number, 6100 to 6205; any other number, 0 among them, gives the empty text.
+/// Answers a message's text by its number, 6100 to 6205; any other number, 0 among them, gives an empty text.
 KORIMG_API const std::wstring& LoadString(int id);
 
 }  // namespace korimg

@@ -6,7 +6,7 @@ namespace korimg {
 struct RawRange;
 }
 
-/// How a Bayer frame is developed.
+/// Tells how a Bayer frame is developed.
 struct tagBayerStruct {
   int nCFA = 0;      ///< 1 RGGB, 2 GRBG, 3 BGGR, 4 GBRG: the 2 x 2 cell from the frame's top left, by rows
   int nSrcBits = 0;  ///< of the raw numbers, 12 or 14; -32 for floats on a scale of their own
@@ -49,13 +49,13 @@ class KORIMG_API CImgBayerToRgb : public CVelImage {
   /// plane 0's levels in all planes. 0 for parameters that make no sense, with nothing changed, and when
   /// there is no room for the result. Throws CMemoryException* when there is none for the working frame.
   int Do(tagBayerStruct bayer, int nProgress);
-  /// The same on a copy of the source.
+  /// Does the same on a copy of the source.
   int Do(tagBayerStruct bayer, CVelImage* pSrc, int nProgress);
 
-  /// White balance: gains by position in the cell that bring the medians of red and blue to green's. A median
-  /// below 1 has gain 1. 1, or 0 when nCFA is not 1 to 4.
+  /// Measures the white balance: gains by position in the cell that bring the medians of red and blue to
+  /// green's. A median below 1 has gain 1. 1, or 0 when nCFA is not 1 to 4.
   int GetGain(int nCFA, double* pGain);
-  /// Pipelines may develop from the working frame into the image.
+  /// True when pipelines may develop from the working frame into the image.
   static bool CanHalide(const CImage& frame, const CImage& image, int nCFA);
 
  protected:

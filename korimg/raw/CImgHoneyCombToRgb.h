@@ -7,7 +7,7 @@ struct HoneycombLattice;
 struct RawRange;
 }  // namespace korimg
 
-/// How a honeycomb frame is developed.
+/// Tells how a honeycomb frame is developed.
 struct tagHoneyCombStruct {
   int nCFA = 0;      ///< 11 to 14: where the first red site lies, see GetCFAParam
   int nSrcBits = 0;  ///< of the raw numbers, 12; -32 for floats on a scale of their own
@@ -60,14 +60,16 @@ class KORIMG_API CImgHoneyCombToRgb : public CVelImage {
   /// has plane 0's levels in all planes. 0 for parameters that make no sense, with nothing changed, and when
   /// there is no room for the result. Throws CMemoryException* when there is none for the working frame.
   int Do(tagHoneyCombStruct honeyComb, int nProgress);
-  /// The same on a copy of the source.
+  /// Does the same on a copy of the source.
   int Do(tagHoneyCombStruct honeyComb, CVelImage* pSrc, int nProgress);
 
-  /// The first red site of the frame: 11 (0, 0), 12 (2, 0), 13 (1, 1), 14 (3, 1). 1, or 0 for other numbers.
+  /// Answers the first red site of the frame: 11 (0, 0), 12 (2, 0), 13 (1, 1), 14 (3, 1). 1, or 0 for other
+  /// numbers.
   static int GetCFAParam(int nCFA, int* x, int* y);
-  /// Medians of the eight positions of the 4 x 4 cell, by rows: two sites in each. Gains are their ratios. 1.
+  /// Measures the medians of the eight positions of the 4 x 4 cell, by rows: two sites in each. Gains are
+  /// their ratios. 1.
   int GetGain(int nCFA, double* pGain);
-  /// Extremes of a frame on every second row and column from (1, 0), without the masked border of a
+  /// Finds the extremes of a frame on every second row and column from (1, 0), without the masked border of a
   /// "finepixs2pro", which this image's header names. These are the squares between the sites; where they
   /// hold one and the same number, since nothing filled them, extremes are those of the sites. NaN is passed
   /// over; 0 and 0 when there is nothing else.

@@ -2,7 +2,7 @@
 
 #include "korimg/image/CVelImage.h"
 
-/// What a raw frame's header and size tell of the camera, without a look at a pixel.
+/// Tells what a raw frame's header and size tell of the camera, without a look at a pixel.
 class KORIMG_API CImgInformation : public CVelImage {
  public:
   /// Formats of a camera's raw frames: the full one, and the reduced ones of two makers.
@@ -21,12 +21,13 @@ class KORIMG_API CImgInformation : public CVelImage {
   CImgInformation() = default;
   CImgInformation(const CImgInformation& other) : CVelImage(other, nullptr) {}
 
-  /// Number of the colour filter array, as in CHeader: the header's own one when it is above 0, else by maker
-  /// and model. 1, or 0 and `*cfa` as it was when the camera is not known.
+  /// Answers the number of the colour filter array, as in CHeader: the header's own one when it is above 0,
+  /// else by maker and model. 1, or 0 and `*cfa` as it was when the camera is not known.
   int GetAutoCFA(int* cfa) const;
-  /// Format of the frame by camera and size, with its label; RawUnknown and RawFull have an empty one.
+  /// Answers the format of the frame by camera and size, with its label; RawUnknown and RawFull have an empty
+  /// one.
   RAWTYPE GetRawType(CString& label) const;
-  /// What to show of camera, exposure and cooling. A frame without a camera's name is a CCD's: its exposure
-  /// and temperature stay as they were when they are not known.
+  /// Tells what to show of camera, exposure and cooling. A frame without a camera's name is a CCD's: its
+  /// exposure and temperature stay as they were when they are not known.
   void GetInfoString(CString& instrument, CString& exposure, CString& temperature) const;
 };

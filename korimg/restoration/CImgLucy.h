@@ -2,7 +2,7 @@
 
 #include "korimg/image/CVelImage.h"
 
-/// Richardson-Lucy deconvolution of a Gaussian blur, in place.
+/// Undoes a Gaussian blur by Richardson-Lucy deconvolution, in place.
 class KORIMG_API CImgLucy : public CVelImage {
  public:
   /// Restores what was blurred by a Gaussian of fSigma pixels, in nIterations at most. fGain is the electrons
@@ -23,10 +23,10 @@ class KORIMG_API CImgLucy : public CVelImage {
   /// image is as it was then. The light of the data is kept. The result is the same for any number of
   /// threads.
   int Do(double fSigma, double fGain, double fReadNoise, int nIterations, CRect* pRect, int nShowProgress);
-  /// The same above a background that is known for each plane, such as the sky less three times its noise:
-  /// its light is no part of the estimate and counts as noise. Nothing of the result lies below it, so that
-  /// stars get no dark rings deeper than that. Chi-square has the read noise once here: (g (d - M))^2 over
-  /// (M + N) g.
+  /// Does the same above a background that is known for each plane, such as the sky less three times its
+  /// noise: its light is no part of the estimate and counts as noise. Nothing of the result lies below it, so
+  /// that stars get no dark rings deeper than that. Chi-square has the read noise once here: (g (d - M))^2
+  /// over (M + N) g.
   int DoAboveBackground(double sigma, double gain, double readNoise, int iterations, const double* background,
                         CRect* rect, int show);
 

@@ -2,7 +2,7 @@
 
 #include "korimg/image/CVelImage.h"
 
-/// Maximum entropy deconvolution of a Gaussian blur, in place.
+/// Undoes a Gaussian blur by maximum entropy, in place.
 class KORIMG_API CImgMem : public CVelImage {
  public:
   /// Restores what was blurred by a Gaussian of fSigma pixels, with noise of fNoise raw units in every pixel,

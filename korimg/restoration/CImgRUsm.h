@@ -2,9 +2,9 @@
 
 #include "korimg/image/CVelImage.h"
 
-/// The rotational unsharp mask: each pixel against the mean along an arc about a centre, for the jets and
-/// shells of comets and for streamers of the corona. The source must be another object of the same size and
-/// planes.
+/// Does the rotational unsharp mask: each pixel against the mean along an arc about a centre, for the jets
+/// and shells of comets and for streamers of the corona. The source must be another object of the same size
+/// and planes.
 class KORIMG_API CImgRUsm : public CVelImage {
  public:
   /// The arc of a pixel reaches `angle` degrees to either side. It is read bilinearly in as many places as
@@ -24,7 +24,7 @@ class KORIMG_API CImgRUsm : public CVelImage {
           CRect* rect, int show);
 
  protected:
-  /// The same, plane by plane, into another image than this one, which shows the progress.
+  /// Does the same, plane by plane, into another image than this one, which shows the progress.
   void Do(double angle, double strength, int segments, double centreX, double centreY, double radiusMin,
           int useDark, double dark, double darkRange, int useHighlight, double highlight,
           double highlightRange, int brighter, double percent, int markCentre, int showMask, CVelImage* src,

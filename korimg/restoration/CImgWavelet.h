@@ -5,8 +5,8 @@
 
 namespace korimg {
 
-/// The filters of an order of wavelets: low pass h and high pass g of the synthesis, and half of each for the
-/// analysis. The low pass sums up to 2.
+/// Holds the filters of an order of wavelets: low pass h and high pass g of the synthesis, and half of each
+/// for the analysis. The low pass sums up to 2.
 struct WaveletFilters {
   static constexpr int kMostTaps = 20;
   int taps = 0;  ///< coefficients that take part: twice the order
@@ -32,9 +32,9 @@ class KORIMG_API CImgWavelet : public CVelImage {
   /// takes part below 1 and all 20 above 10. Bands of no coefficients, as before the first call, are 0.
   void SetDaubechyParams(int order);
 
-  /// The size of the buffer for a rectangle, null for this image: each side rounded up to a multiple of
-  /// 2^levels, and at least 2^(levels + 1), so that the deepest level has four cells to split. Without levels
-  /// it is the rectangle's. Left and top become 0; sides beyond int are the largest int.
+  /// Answers the size of the buffer for a rectangle, null for this image: each side rounded up to a multiple
+  /// of 2^levels, and at least 2^(levels + 1), so that the deepest level has four cells to split. Without
+  /// levels it is the rectangle's. Left and top become 0; sides beyond int are the largest int.
   void CalcBufferSize(CRect* rect, int levels, CRect* size) const;
   /// Copies the rectangle of an image to the buffer's corner, and repeats its last column and row up to the
   /// buffer's ends. Levels stay.

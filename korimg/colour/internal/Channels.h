@@ -19,7 +19,7 @@ struct Channel {
 
   double Sine() const { return std::sin(degrees * M_PI / 180); }
   double Cosine() const { return std::cos(degrees * M_PI / 180); }
-  /// The plane of a colour image that serves for a colour, or the only one of a mono image.
+  /// Answers the plane of a colour image that serves for a colour, or the only one of a mono image.
   int Plane(int ofColour) const { return image->IsColor() ? std::min(ofColour, image->GetPlanes() - 1) : 0; }
 };
 

@@ -36,13 +36,14 @@ class KORIMG_API CImgDrizzle {
   /// it is less than 0.
   using SitePlanes = std::array<std::array<int, 4>, 4>;
 
-  /// For a reference of this size. Throws CInvalidArgException* for options that are out of their ranges.
+  /// Makes the grid of a reference of this size. Throws CInvalidArgException* for options that are out of
+  /// their ranges.
   CImgDrizzle(const Options& options, int width, int height, int planes);
 
   static int SizeOf(int pixels, double scale);
   int Width() const { return width_; }
   int Height() const { return height_; }
-  /// Bytes of a row of a band, while it is made.
+  /// Answers the bytes of a row of a band, while it is made.
   long long BytesOfRow() const { return 1LL * width_ * planes_ * static_cast<long long>(sizeof(Sum)); }
 
   /// Begins a band, empty. Throws std::bad_alloc.
@@ -51,11 +52,11 @@ class KORIMG_API CImgDrizzle {
   struct Rows {
     int first = 0, end = 0;
   };
-  /// The rows of a frame of this height of which something may fall on rows y0 to y1 - 1 of the grid.
+  /// Answers the rows of a frame of this height of which something may fall on rows y0 to y1 - 1 of the grid.
   Rows RowsOf(const CFrameMap& map, int height, int y0, int y1) const;
 
-  /// Where the middles of a row's pixels lie on the reference: NaN where the map does not reach the whole
-  /// row.
+  /// Finds where the middles of a row's pixels lie on the reference: NaN where the map does not reach the
+  /// whole row.
   static void PlaceRow(const CFrameMap& map, int y, std::vector<double>& xs, std::vector<double>& ys);
 
   /// Drops rows of a frame on the band. Values have weights of the same shape, and those whose weight is not
@@ -65,7 +66,7 @@ class KORIMG_API CImgDrizzle {
   void Add(const korimg::Band<const float>& values, const korimg::Band<const float>& weights,
            const CFrameMap& map, const SitePlanes* sites = nullptr);
 
-  /// The rows of the band: means, NaN where nothing fell, and weights.
+  /// Gives the rows of the band: means, NaN where nothing fell, and weights.
   void Take(const korimg::Band<float>& means, const korimg::Band<float>& weights) const;
 
  private:

@@ -12,14 +12,14 @@ namespace korimg {
 class FrameScatter;
 }
 
-/// One frame's band of a stack: values, and flags that are 1 where the frame reaches and 0 elsewhere. Row r,
-/// plane p, column x lie at (r * planes + p) * width + x.
+/// Holds one frame's band of a stack: values, and flags that are 1 where the frame reaches and 0 elsewhere.
+/// Row r, plane p, column x lie at (r * planes + p) * width + x.
 class KORIMG_API CLineData {
  public:
   /// Where a frame fades towards its edges, its flags hold above these bits how much of a whole pixel counts.
   static constexpr int kShareBits = 2, kWhole = 1 << 16;
 
-  /// Both arrays as they come, uncleared. Throws std::bad_alloc.
+  /// Makes both arrays, uncleared. Throws std::bad_alloc.
   explicit CLineData(long long n) : values_(new float[n]), valid_(new int[n]), size_(n) {}
   virtual ~CLineData() = default;
 
@@ -35,7 +35,7 @@ class KORIMG_API CLineData {
   long long size_;
 };
 
-/// Where a frame's planes are centred, and their spread.
+/// Tells where a frame's planes are centred, and their spread.
 struct SNormalizeItem {
   double a[3];
   double b[3];
@@ -65,27 +65,27 @@ class KORIMG_API CImgMedianComposit : public CVelImage {
   /// one thread.
   int Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx, double dy, double radians,
             int useImageCentre, int addOffset, float* const offsets, int method);
-  /// For SigmaCalc, one for each slot in their order.
+  /// Adds an item for SigmaCalc, one for each slot in their order.
   void AddNormalizeParam(double* a, double* b);
   void SetRefNormalizeParam(double* a, double* b);
 
-  /// The median; of an even number the mean of the middle two. NaN counts as the largest value. MedianCalc
-  /// runs on all threads when the target is contiguous, and so does SigmaCalc.
+  /// Writes the median; of an even number the mean of the middle two. NaN counts as the largest value.
+  /// MedianCalc runs on all threads when the target is contiguous, and so does SigmaCalc.
   void Calc(int y0, int y1);
   void MedianCalc(int y0, int y1);
-  /// The mean of the values within k standard deviations of the median, once; those beyond count as the
-  /// median (mode 0) or not at all. Of two values the mean, or 0 for k below 1.
+  /// Writes the mean of the values within k standard deviations of the median, once; those beyond count as
+  /// the median (mode 0) or not at all. Of two values the mean, or 0 for k below 1.
   void Calc(double k, int y0, int y1, int mode);
-  /// The same with mode 0, of values brought to the reference: (v - a) x (reference b / b) + reference a. A
-  /// negative b, or one of 0, leaves the frame alone; a reference b of 0 makes all values reference a. Throws
-  /// CInvalidArgException* when a slot has no item.
+  /// Does the same with mode 0, of values brought to the reference: (v - a) x (reference b / b) + reference
+  /// a. A negative b, or one of 0, leaves the frame alone; a reference b of 0 makes all values reference a.
+  /// Throws CInvalidArgException* when a slot has no item.
   void SigmaCalc(double k, int y0, int y1);
-  /// The largest, and at least the smallest positive float; the smallest.
+  /// CalcMax writes the largest value, at least the smallest positive float, and CalcMin the smallest.
   void CalcMax(int y0, int y1);
   void CalcMin(int y0, int y1);
 
  protected:
-  /// Where columns of a band lie on the target.
+  /// Tells where columns of a band lie on the target.
   struct Part {
     int x, y, plane;
   };
@@ -96,10 +96,10 @@ class KORIMG_API CImgMedianComposit : public CVelImage {
   CVelImage& Target() const { return *target_; }
   int Slots() const { return static_cast<int>(store_.size()); }
   CLineData& Band(int slot) { return *store_[slot]; }
-  /// One past the last of the rows y0 to y1 that target and store have, for a band that begins at y0.
+  /// Answers one past the last of the rows y0 to y1 that target and store have, for a band that begins at y0.
   int EndOfBand(int y0, int y1) const;
   int NormalizeItems() const { return static_cast<int>(items_.GetSize()); }
-  /// What normalising multiplies a slot's plane by.
+  /// Answers what normalising multiplies a slot's plane by.
   double NormalizeFactor(int slot, int plane) const;
   /// Shows that the rows up to y1 are done.
   void ShowBand(int y1);

@@ -8,7 +8,7 @@ class KORIMG_API CImgNormalize : public CVelImage {
  public:
   CImgNormalize() = default;
 
-  /// Means and deviations wanted, one for each plane, raw. A null pointer leaves that one as it is, and so
-  /// does a plane without deviation; both null do nothing at all.
+  /// Takes the means and deviations wanted, one for each plane, raw. A null pointer leaves that one as it is,
+  /// and so does a plane without deviation; both null do nothing at all.
   void Do(CVelImage* src, float* average, float* sigma, int progress);
 };

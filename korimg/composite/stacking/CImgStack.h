@@ -22,7 +22,7 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
  public:
   enum Method : int { Median, Mean, Maximum, Minimum };
 
-  /// What became of a frame's pixels. Those that are missing or no finite numbers don't count.
+  /// Counts what became of a frame's pixels. Those that are missing or no finite numbers don't count.
   struct Counts {
     long long values = 0, low = 0, high = 0;  ///< all, and of them those rejected as too low and too high
 
@@ -40,14 +40,14 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   /// Weights of a frame by planes; further planes have that of the last.
   using PlaneWeights = std::array<double, 3>;
 
-  /// The weights of each slot in means, positive; 1 unless set. Throws CInvalidArgException* for others.
+  /// Sets the weights of each slot in means, positive; 1 unless set. Throws CInvalidArgException* for others.
   void SetWeights(std::span<const PlaneWeights> weights);
   /// Lets frames fade into each other: in means a pixel counts the less the nearer to its frame's edge it is
   /// read, by its distance over so many pixels, up to 1. 0, as at first: all count alike. Goes before Store.
   void SetFeather(double pixels) { feather_ = pixels; }
-  /// What a pixel becomes that no frame reaches: 0 unless set.
+  /// Sets what a pixel becomes that no frame reaches: 0 unless set.
   void SetOutside(float value) { outside_ = value; }
-  /// Images of the target's shape that get the number of values rejected in each pixel. Either may be null.
+  /// Takes images of the target's shape, for the number of values rejected in each pixel. Either may be null.
   void SetRejectionMaps(CVelImage* low, CVelImage* high);
 
   /// Is told of each value that Stack rejects: its slot, and its place on the target. A line is told of by
@@ -55,23 +55,23 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   using Rejected = std::function<void(int slot, int x, int y, int plane)>;
   void SetRejected(Rejected rejected) { rejected_ = std::move(rejected); }
 
-  /// As CImgMedianComposit::Store, turned about the middle of the frame, and with the kernel of `method` also
-  /// for shifts by parts of a pixel.
+  /// Stores as CImgMedianComposit does, turned about the middle of the frame, and with the kernel of `method`
+  /// also for shifts by parts of a pixel.
   ///
   /// Bicubic and Lanczos kernels undershoot beside what is much brighter, and leave dark rings around stars.
   /// With the frame's `levels`, what falls more than five deviations of its noise below its level, and as
   /// much below the lowest of the four pixels around, becomes this one.
   int Store(int slot, CVelImage* frame, int yStart, int yEnd, double dx, double dy, double radians,
             int method, const korimg::FrameLevels* levels = nullptr);
-  /// The same of a frame that a map lays on the target's grid.
+  /// Stores a frame that a map lays on the target's grid.
   int Store(int slot, CVelImage* frame, int yStart, int yEnd, const CFrameMap& map, int method,
             const korimg::FrameLevels* levels = nullptr);
 
   /// Bits of what became of a pixel: nothing was left of it, something it is made of is marked, a third or
   /// more of its values were rejected.
   enum Flag : int { NoValue = 1, Marked = 2, ManyLow = 32, ManyHigh = 64 };
-  /// Images of the target's shape that get the variance of each pixel of means and medians, and sums of Flag.
-  /// Either may be null. Comes after AllocateStoreBuffer.
+  /// Takes images of the target's shape, for the variance of each pixel of means and medians and for sums of
+  /// Flag. Either may be null. Comes after AllocateStoreBuffer.
   ///
   /// A mean's variance is that of its values with the squares of their weights; a median's that of the same
   /// number of normal values of their mean variance.
@@ -80,30 +80,30 @@ class KORIMG_API CImgStack : public CImgMedianComposit {
   struct Mark {
     int x, y, plane;
   };
-  /// After Store, with the same rows and map, of a frame of width x height: the variances of its pixels, a
-  /// contiguous image of the frame's shape or null, and what of them is marked. The variance of what is read
-  /// between pixels is theirs with the squares of the kernel's weights.
+  /// Stores, after Store and with its rows and map, of a frame of width x height the variances of its pixels,
+  /// a contiguous image of the frame's shape or null, and what of them is marked. The variance of what is
+  /// read between pixels is theirs with the squares of the kernel's weights.
   int StoreQuality(int slot, CVelImage* variance, std::span<const Mark> marks, int yStart, int yEnd,
                    const CFrameMap& map, int method, int width, int height);
 
-  /// The rows of the target by which the frames' own scatter is measured: how noisy each is, and where its
-  /// sky lies above that of the others, as that of a moving moon does. Each of them, once every slot holds it
-  /// as the first of its band, goes to Sample; then SettleSamples is called, before the first Stack. Outliers
-  /// are told in units of each frame's own noise from then on, on one sky, and what is left of a pixel's
-  /// values keeps the mean sky of all; see Rejection.
+  /// Answers the rows of the target by which the frames' own scatter is measured: how noisy each is, and
+  /// where its sky lies above that of the others, as that of a moving moon does. Each of them, once every
+  /// slot holds it as the first of its band, goes to Sample; then SettleSamples is called, before the first
+  /// Stack. Outliers are told in units of each frame's own noise from then on, on one sky, and what is left
+  /// of a pixel's values keeps the mean sky of all; see Rejection.
   std::vector<int> RowsToSample();
   void Sample(int number);
   void SettleSamples();
-  /// The standard deviation of a slot's pixels, normalised; 0 where it was not measured.
+  /// Answers the standard deviation of a slot's pixels, normalised; 0 where it was not measured.
   double NoiseOf(int slot, int plane) const;
 
-  /// What each thread of Stack takes beside the store, about.
+  /// Answers the bytes that each thread of Stack takes beside the store, about.
   static long long BytesOfThread(size_t frames, bool fades = false);
   /// Writes the rows y0 to y1 of the target, and of the maps. The median is that of CImgMedianComposit, and
   /// has no weights; means are weighted, and of what is not rejected. The result does not depend on bands or
   /// threads.
   void Stack(Method method, const Rejection& rejection, int y0, int y1);
-  /// What became of each slot's pixels in the calls since this was asked last.
+  /// Tells what became of each slot's pixels in the calls since this was asked last.
   std::vector<Counts> TakeCounts() { return std::exchange(counts_, {}); }
 
  private:

@@ -6,7 +6,7 @@
 
 namespace korimg {
 
-/// What normalising and weighting a frame needs to know of its planes; all 0 where there are no finite
+/// Holds what normalising and weighting a frame needs to know of its planes; all 0 where there are no finite
 /// pixels.
 struct FrameLevels {
   double level[3] = {};  ///< the median
@@ -20,7 +20,8 @@ struct FrameLevels {
 /// each pixel to the mean of its left and right neighbours. The same for any number of threads.
 KORIMG_API FrameLevels MeasureLevels(CVelImage& image);
 
-/// The lines that MeasureLevels looks at, from the upper one down. An image of these alone measures the same.
+/// Answers the lines that MeasureLevels looks at, from the upper one down. An image of these alone measures
+/// the same.
 KORIMG_API std::vector<int> LinesForLevels(int width, int height);
 
 }  // namespace korimg

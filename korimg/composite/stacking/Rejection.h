@@ -4,16 +4,17 @@
 
 #include "korimg/platform/Export.h"
 
-/// How outliers are told among the values that frames have for one pixel. The last value is never rejected.
+/// Tells how outliers are rejected among the values that frames have for one pixel. The last value is never
+/// rejected.
 struct Rejection {
   enum Test : int {
     /// Keeps all.
     None,
     /// Rejects what lies further than `low` or `high` standard deviations below or above the median.
     Sigma,
-    /// The same with a deviation that outliers hardly widen: values further than 1.5 of it are taken for so
-    /// far, the deviation of these times 1.134 is the next one, until it moves by less than 0.0005 of itself
-    /// (Huber 1981).
+    /// The same with a winsorized deviation, which outliers hardly widen: values beyond 1.5 of it are
+    /// clamped to that, and the deviation of these times 1.134 is the next one, until it moves by less than
+    /// 0.0005 of itself (Huber 1981).
     Winsorized,
     /// Generalised extreme Studentised deviates (Rosner 1983): at most 0.3 of the values, at a level of 0.05.
     Esd,
@@ -23,12 +24,13 @@ struct Rejection {
     /// Rejects what lies further than `low` or `high` times the frame's own noise from the median, of an even
     /// number from the lower of the middle two. It does not tell the noise by the values, and works for two.
     Noise,
-    /// Noise of up to 4 values, Winsorized up to 14, Esd of more, with limits of their own. Where the noise
-    /// of
-    /// frames is known, values within 3 of it stay, and those beyond 5 go, whatever the others say.
+    /// Takes Noise for up to 4 values, Winsorized for up to 14 and Esd for more, with limits of their own.
+    /// Where the noise of frames is known, values within 3 of it stay, and those beyond 5 go, whatever the
+    /// others say.
     Auto
   };
-  /// Up to how many values Auto tests by Noise, and the limits of noise that it keeps to.
+  /// Up to how many values Auto tests by Noise, and its limits of noise. Chosen: of normal values one in 370
+  /// lies beyond the first, and one in 1.7 million beyond the second.
   static constexpr int kFew = 4;
   static constexpr double kStays = 3, kGoes = 5;
 
@@ -39,7 +41,7 @@ struct Rejection {
 
 namespace korimg {
 
-/// What a test leaves of values in order.
+/// Tells what a test leaves of values in order.
 struct Ranks {
   int from = 0, to = 0;  ///< one past the last
 

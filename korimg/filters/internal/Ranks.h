@@ -15,7 +15,7 @@ struct Neighbourhood {
   int r = 0;
   std::vector<int> halfWidth = {0};
 
-  /// The cells whose squared distance is at most that of `extent`, and the pixel itself.
+  /// Makes the cells whose squared distance is at most that of `extent`, and the pixel itself.
   static Neighbourhood Disc(int r, double extent);
   int Count() const;
 };

@@ -8,8 +8,8 @@ class KORIMG_API CFft : public ComplexPlanes {
  public:
   CFft();
 
-  /// The smallest power of two that is not below n, and the largest that is not above; 0 for n below 1 and
-  /// for powers that are no int.
+  /// Answer the smallest power of two that is not below n, and the largest that is not above; 0 for n below 1
+  /// and for powers that are no int.
   static int GetCeilPowerOf2(int n);
   static int GetFloorPowerOf2(int n);
 
@@ -22,7 +22,7 @@ class KORIMG_API CFft : public ComplexPlanes {
   /// against A (phase-only correlation). Planes of amplitude and phase are brought back first; when only one
   /// of them is, a debug line says so and nothing happens.
   void CalcPOC();
-  /// The peak of A's real part, which Swap brings to the middle here: its centroid within 11 elements,
+  /// Finds the peak of A's real part, which Swap brings to the middle here: its centroid within 11 elements,
   /// counted from (width / 2, height / 2). 0 when nothing is above 0.
   void PeakOfPOC(double& x, double& y);
   /// Resamples the real part of a plane about its middle: angles from degStart to degEnd degrees along the
@@ -31,7 +31,7 @@ class KORIMG_API CFft : public ComplexPlanes {
   /// the imaginary part. logTone non-zero takes log(value) + 1 first.
   void ToLogPolar(int r0, int mode, int degStart, int degEnd, int logTone, int plane);
 
-  /// The extremes of the squared absolute values of A; 0 without planes.
+  /// Answers the extremes of the squared absolute values of A; 0 without planes.
   void GetMinMax(double* min, double* max);
   /// Fills A with a Gaussian about element (0, 0), of 1000 / 2 pi at its peak. A sigma of 0 is an impulse.
   void SetGauss(double sigma);

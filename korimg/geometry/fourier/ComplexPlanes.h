@@ -13,8 +13,8 @@ struct complex {
 };
 using dcomplex = complex;
 
-/// Two planes of complex numbers, A (number 0) and B (1), row by row without padding, whose sizes are powers
-/// of two, each for itself. What is common to CFft and CFftd. Any other plane number does nothing.
+/// Holds two planes of complex numbers, A (number 0) and B (1), row by row without padding, whose sizes are
+/// powers of two, each for itself. What is common to CFft and CFftd. Any other plane number does nothing.
 class KORIMG_API ComplexPlanes {
  public:
   virtual ~ComplexPlanes();
@@ -31,12 +31,12 @@ class KORIMG_API ComplexPlanes {
   void Init();
   int GetWidth() const { return width_; }
   int GetHeight() const { return height_; }
-  /// Width x height elements, null for any other plane.
+  /// Answers width x height elements, null for any other plane.
   complex* GetArray(int plane);
 
   /// Real and imaginary parts become amplitude and phase, with the zero frequency in the middle.
   void ToAmpPhase(int plane);
-  /// Back again, with the zero frequency in the corner.
+  /// Brings them back, with the zero frequency in the corner.
   void ToReIm(int plane);
 
  protected:

@@ -5,7 +5,7 @@
 
 namespace korimg {
 
-/// b first, then a.
+/// Answers the map that does b first, then a.
 inline CFrameMap::Matrix Product(const CFrameMap::Matrix& a, const CFrameMap::Matrix& b) {
   CFrameMap::Matrix product{};
   for (int i = 0; i < 9; ++i) {
@@ -16,7 +16,7 @@ inline CFrameMap::Matrix Product(const CFrameMap::Matrix& a, const CFrameMap::Ma
   return product;
 }
 
-/// The inverse, times the determinant.
+/// Answers the inverse, times the determinant.
 inline CFrameMap::Matrix Adjugate(const CFrameMap::Matrix& m) {
   return {m[4] * m[8] - m[5] * m[7], m[2] * m[7] - m[1] * m[8], m[1] * m[5] - m[2] * m[4],
           m[5] * m[6] - m[3] * m[8], m[0] * m[8] - m[2] * m[6], m[2] * m[3] - m[0] * m[5],

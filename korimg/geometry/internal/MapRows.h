@@ -9,20 +9,21 @@
 
 namespace korimg {
 
-/// Where the pixels of some rows come from, as polynomials of the column: those that agree with the map in
-/// the nodes of Chebyshev, 8 of each row. A lens of 6 % at the corner is followed to 2e-4 pixels, 6000 wide.
+/// Tells where the pixels of some rows come from, as polynomials of the column: those that agree with the map
+/// in the nodes of Chebyshev, 8 of each row. A lens of 6 % at the corner is followed to 2e-4 pixels, 6000
+/// wide.
 class MapRows {
  public:
   static constexpr int kTerms = 8;
 
-  /// Columns 0 to width - 1 of rows y0 to y0 + rows - 1, counted from y0. A row that the map does not
-  /// reach everywhere lies nowhere.
+  /// Looks at columns 0 to width - 1 of rows y0 to y0 + rows - 1, counted from y0. A row that the map does
+  /// not reach everywhere lies nowhere.
   MapRows(const CFrameMap& map, int width, double y0, int rows);
 
   double Middle() const { return middle_; }
   double Scale() const { return scale_; }
 
-  /// Of row i, terms of s = (x - Middle()) * Scale(): of what the place is off x by, and of its y.
+  /// Answer, for row i, terms of s = (x - Middle()) * Scale(): of what the place is off x by, and of its y.
   const double* U(int i) const { return numbers_.data() + 2L * kTerms * i; }
   const double* V(int i) const { return U(i) + kTerms; }
   Point At(int x, int i) const {
@@ -30,7 +31,7 @@ class MapRows {
     return {x + Sum(U(i), s), Sum(V(i), s)};
   }
 
-  /// The same for x0, x0 + 1 ... x0 + n - 1, which need not be whole.
+  /// Writes the places for x0, x0 + 1 ... x0 + n - 1, which need not be whole.
   void Along(int i, double x0, int n, double* x, double* y) const;
 
   static double Sum(const double* terms, double s) {
@@ -46,7 +47,7 @@ class MapRows {
   std::vector<double> numbers_;
 };
 
-/// The same as an argument of pipelines.
+/// Holds the same as an argument of pipelines.
 class MapRowsTable {
  public:
   explicit MapRowsTable(const MapRows& rows, int count);

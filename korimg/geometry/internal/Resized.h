@@ -6,7 +6,7 @@
 
 namespace korimg {
 
-/// Where a target shows that its size changes; nowhere unless `show` is set.
+/// Answers where a target shows that its size changes; nowhere unless `show` is set.
 inline std::shared_ptr<velora::Progress> ResizeProgress(const CVelImage& target, int show) {
   if (!show) return nullptr;
   return velora::ProgressWin::Create(target.GetProgressHandle(), LoadString(6111).c_str(), false);

@@ -19,7 +19,8 @@ enum class TapWeights {
   Squared  ///< the variance of a sample from the variances of pixels
 };
 
-/// The method is one of CInterp. Pipelines read a contiguous image, and lines with plain weights a paged one.
+/// Samples an image by a map; the method is one of CInterp. Pipelines read a contiguous image, and lines with
+/// plain weights a paged one.
 void WarpRows(CVelImage& image, int plane, const MapRows& map, int method, float outside,
               const GridRows& grid, TapWeights weights = TapWeights::Plain);
 

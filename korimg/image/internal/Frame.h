@@ -28,7 +28,7 @@ struct Window {
   int Height() const { return bottom - top; }
   bool IsEmpty() const { return right <= left || bottom <= top; }
   long long Pixels() const { return IsEmpty() ? 0 : 1LL * Width() * Height(); }
-  /// Lines that an operation over all planes steps through.
+  /// Answers the lines that an operation over all planes steps through.
   int Lines(const CVelImage& image) const { return IsEmpty() ? 0 : image.GetPlanes() * Height(); }
   bool IsInside(const CVelImage& image) const {
     return left >= 0 && top >= 0 && right <= image.GetWidth() && bottom <= image.GetHeight();
@@ -42,19 +42,19 @@ inline bool SameSize(const CVelImage& a, const CVelImage& b) {
   return a.GetWidth() == b.GetWidth() && a.GetHeight() == b.GetHeight();
 }
 
-/// `src` has a pixel for each of the target's.
+/// True when `src` has a pixel for each of the target's.
 inline bool Fits(const CVelImage& src, const CVelImage& target) {
   return !src.IsEmpty() && !target.IsEmpty() && SameSize(src, target) &&
          src.GetPlanes() >= target.GetPlanes();
 }
 
-/// `frame` can serve every plane of `image`: a mono one by its only plane, a colour one plane by plane.
+/// True when `frame` serves every plane of `image`: a mono one by its only plane, a colour one by planes.
 inline bool Serves(const CVelImage& frame, const CVelImage& image) {
   return SameSize(frame, image) && !frame.IsEmpty() &&
          (!frame.IsColor() || frame.GetPlanes() >= image.GetPlanes());
 }
 
-/// The image has red, green and blue, and so a brightness. Two planes are the axes a and b, each by itself.
+/// True for an image of red, green and blue, and so a brightness. Two planes are the axes a and b.
 inline bool HasColours(const CImage& image) {
   return image.GetPlanes() >= 3;
 }
@@ -63,13 +63,13 @@ inline bool IsContiguous(const CImage& image) {
   return image.GetAllocationPolicy() != CVmManager::Paged;
 }
 
-/// Pipelines may run: the planes of all images are contiguous.
+/// True when pipelines may run: the planes of all images are contiguous.
 template <class... Images>
 bool MayRunPipelines(const Images&... images) {
   return (IsContiguous(images) && ...);
 }
 
-/// A store for contiguous planes beside images: that of the first one whose planes are, else a new one.
+/// Answers a store for contiguous planes beside images: of the first one whose planes are, else a new one.
 template <class... Images>
 std::shared_ptr<CVmManager> ContiguousStore(Images&... images) {
   std::shared_ptr<CVmManager> store;
@@ -79,7 +79,7 @@ std::shared_ptr<CVmManager> ContiguousStore(Images&... images) {
   return store ? store : CreateContiguousManager();
 }
 
-/// The processor offers the vector forms of the line loops, which run on the whole team.
+/// True when the processor offers the vector forms of the line loops, which run on the whole team.
 bool HasVectors();
 
 /// Gives a work image the record, shape and kind of store of another, with all pixels 0. Throws
@@ -155,7 +155,7 @@ class PlaneBuffer {
   Halide::Runtime::Buffer<float, 2> buffer_;
 };
 
-/// A single number that a pipeline gives; 0 when it failed.
+/// Holds a single number that a pipeline gives; 0 when it failed.
 template <class T>
 class ScalarResult {
  public:

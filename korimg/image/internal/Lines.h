@@ -48,8 +48,8 @@ void ForLines(Team team, int top, int bottom, F&& line) {
   carrier.Rethrow();
 }
 
-/// The results of line(y) for each line, from the whole team. Adding them up in order gives the same sum for
-/// any number of workers.
+/// Answers the results of line(y) for each line, from the whole team. Adding them up in order gives the same
+/// sum for any number of workers.
 template <class F>
 auto MapLines(int top, int bottom, F&& line) {
   std::vector<decltype(line(top))> results(bottom > top ? bottom - top : 0);

@@ -7,14 +7,14 @@ namespace korimg {
 
 struct StoreOptions;
 
-/// Bytes of memory that this process may have at most: the machine's, or the limit of the container (control
-/// groups of either version) when that is lower. `root` is where the system's files are.
+/// Answers the bytes of memory that this process may have at most: the machine's, or the limit of the
+/// container (control groups of either version) when that is lower. `root` is where the system's files are.
 long long UsableMemory(const std::filesystem::path& root = "/");
 
-/// The directory for temporary files: the one given, else the system's, whether it exists or not.
+/// Answers the directory for temporary files: the one given, else the system's, whether it exists or not.
 std::filesystem::path SwapDirectory(const std::filesystem::path& wanted);
 
-/// The budget of a store: the one given, else the default one.
+/// Answers the budget of a store: the one given, else the default one.
 long long StoreBudget(const StoreOptions& options);
 
 /// True when what is written to a directory stays in memory.

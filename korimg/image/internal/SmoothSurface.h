@@ -49,7 +49,7 @@ class SmoothSurface {
   static constexpr int kPlaneNumbers = 3;  ///< of 1, u and v
   static constexpr int kMostDegree = 4;
 
-  /// Of a polynomial of u and v.
+  /// Answers how many numbers a polynomial of u and v has.
   static constexpr int NumbersOf(int degree) { return (degree + 1) * (degree + 2) / 2; }
 
   SmoothSurface(int degree, int width, int height)
@@ -123,7 +123,7 @@ class SmoothSurface {
     return true;
   }
 
-  /// The polynomial at the middles of some pixels of a row.
+  /// Writes the polynomial at the middles of some pixels of a row.
   void Row(int y, int x, std::span<float> out) const {
     const auto v = PowersOf((y + 0.5 - middleY_) * scale_);
     float along[kMostDegree + 1] = {};  // of the powers of u
@@ -145,7 +145,7 @@ class SmoothSurface {
 
   static constexpr int kMostNumbers = (kMostDegree + 1) * (kMostDegree + 2) / 2;
 
-  /// What the numbers of the polynomial are multiplied by at a place.
+  /// Answers what the numbers of the polynomial are multiplied by at a place.
   std::array<double, kMostNumbers> TermsAt(double x, double y) const {
     std::array<double, kMostNumbers> terms{};
     Powers((x - middleX_) * scale_, (y - middleY_) * scale_, terms.data());
@@ -170,7 +170,7 @@ class SmoothSurface {
     double u, v, weight;
   };
 
-  /// r^2 log r, which a thin plate bends by.
+  /// Answers r^2 log r, which a thin plate bends by.
   static double Bend(double u, double v) {
     const double r2 = u * u + v * v;
     return r2 > 0 ? 0.5 * r2 * std::log(r2) : 0;
@@ -184,7 +184,7 @@ class SmoothSurface {
     return powers;
   }
 
-  /// The products of powers of u and v up to the degree; answers their number.
+  /// Writes the products of powers of u and v up to the degree; answers their number.
   int Powers(double u, double v, double* powers) const {
     const auto ofU = PowersOf(u), ofV = PowersOf(v);
     int n = 0;

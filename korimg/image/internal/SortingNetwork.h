@@ -10,7 +10,7 @@ namespace korimg {
 
 using Network = std::vector<std::pair<int, int>>;
 
-/// Batcher's merge exchange: pairs to bring into order, one after the other, which sort any number of values.
+/// Makes Batcher's merge exchange (1968): pairs to bring into order in turn, which sort any number of values.
 inline Network MakeNetwork(int count) {
   Network network;
   int top = 1;

@@ -33,8 +33,8 @@ void RunInLongVectors(const F& f) {
   f();
 }
 
-/// The logarithm of base 2 to 1e-15 of the larger of it and 1, for x that is normal and above 0; of others
-/// any number. It has no branches and calls nothing, so that loops of it become vectors.
+/// Answers the logarithm of base 2 to 1e-15 of the larger of it and 1, for x that is normal and above 0; of
+/// others any number. It has no branches and calls nothing, so that loops of it become vectors.
 ///
 /// x is 2^k m with m from sqrt(1/2) to sqrt(2); log m is twice the series s + s^3 / 3 + ... of
 /// s = (m - 1) / (m + 1).
@@ -53,8 +53,8 @@ KORIMG_IN_LOOP inline double BinaryLogarithm(double x) {
   return whole + 2 * std::numbers::log2e * s * log;
 }
 
-/// x^y to 2e-13 of it, for x that is normal and above 0; of others any number. Limited to 2^-1000 and 2^1000.
-/// As the logarithm it becomes vectors.
+/// Answers x^y to 2e-13 of it, for x that is normal and above 0; of others any number. Limited to 2^-1000 and
+/// 2^1000. As the logarithm it becomes vectors.
 ///
 /// The power of 2 is that of the nearest integer times the series of e^z.
 KORIMG_IN_LOOP inline double PositivePower(double x, double y) {

@@ -9,7 +9,7 @@
 
 namespace korimg {
 
-/// Points sorted into square cells of about two each.
+/// Holds points sorted into square cells of about two each.
 class PointGrid {
  public:
   explicit PointGrid(std::vector<Point> points) : points_(std::move(points)) {
@@ -60,7 +60,7 @@ class PointGrid {
     }
   }
 
-  /// The nearest within a radius, or -1.
+  /// Answers the nearest within a radius, or -1.
   int Nearest(const Point& p, double radius) const {
     int best = -1;
     double least = 0;
@@ -73,7 +73,7 @@ class PointGrid {
   }
 
  private:
-  /// Limited before it becomes a whole number; in this order of arguments what is no number is outside.
+  /// Limits a place before it becomes a whole number; in this order of arguments NaN is outside.
   static int Cell(double along, int count) {
     return static_cast<int>(std::min(std::max(-1.0, std::floor(along)), count * 1.0));
   }

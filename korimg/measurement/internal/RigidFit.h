@@ -8,7 +8,7 @@
 
 namespace korimg {
 
-/// Turned, scaled and shifted.
+/// Holds a turn, a scale and a shift.
 struct Similarity {
   double a = 1, b = 0;  ///< scale times cosine and sine
   double x = 0, y = 0;
@@ -17,15 +17,16 @@ struct Similarity {
   double Scale() const { return std::hypot(a, b); }
 };
 
-/// The one after the other.
+/// Answers what does the one after the other.
 Similarity Joined(const Similarity& first, const Similarity& second);
 
-/// What CImgComposit::Do takes: the shift of the middle of an image, and the angle, clockwise on the screen.
+/// Holds what CImgComposit::Do takes: the shift of the middle of an image, and the angle, clockwise on the
+/// screen.
 struct Pose {
   double dx = 0, dy = 0, degrees = 0;
 };
 
-/// Of an image of that size.
+/// Answers the pose of an image of that size.
 Pose PoseOf(const Similarity& map, int width, int height);
 Similarity MapOf(const Pose& pose, int width, int height);
 
@@ -34,13 +35,13 @@ struct Pair {
   double weight = 1;
 };
 
-/// By weighted least squares; with `rigid` the scale stays 1.
+/// Fits by weighted least squares; with `rigid` the scale stays 1.
 Similarity Fit(const std::vector<Pair>& pairs, bool rigid);
-/// The same without the pairs that are off by more than four times what is usual for their weights; those are
-/// taken out of the list.
+/// Does the same without the pairs that are off by more than four times what is usual for their weights;
+/// those are taken out of the list.
 Similarity RobustFit(std::vector<Pair>& pairs, bool rigid);
 
-/// Of the distances that a map leaves.
+/// Answers that of the distances that a map leaves.
 double RootMeanSquare(const std::vector<Pair>& pairs, const Similarity& map);
 
 }  // namespace korimg

@@ -7,13 +7,13 @@
 
 namespace korimg {
 
-/// `count` pixels of a line from column x on, in raw values: of the only plane, the luminance of three, or of
-/// a mosaic a mean over its colours.
+/// Reads `count` pixels of a line from column x on, in raw values: of the only plane, the luminance of three,
+/// or of a mosaic a mean over its colours.
 void ReadLight(CVelImage& image, int x, int y, int count, float* out);
-/// The variance in pixels by which that mean makes stars wider.
+/// Answers the variance in pixels by which that mean makes stars wider.
 double LightSpread(const CVelImage& image);
 
-/// Level and deviation of the sky in cells of about 64 x 64 pixels: the middle of what repeated clipping
+/// Holds the background in cells of about 64 x 64 pixels: the middle of what kappa-sigma clipping
 /// leaves, and the deviation of its darker half, which stars and nebulae do not widen. Cells without enough
 /// numbers, or without noise, take their neighbours' values; a median of 3 x 3 cells passes over those that a
 /// bright object fills. Between the middles of cells values are bilinear.
@@ -22,11 +22,11 @@ class SkyMesh {
   explicit SkyMesh(CVelImage& image);
 
   void Levels(int x, int y, int count, float* out) const { Interpolate(levels_, x, y, count, out); }
-  /// One over the deviation.
+  /// Writes one over the deviation.
   void Weights(int x, int y, int count, float* out) const { Interpolate(weights_, x, y, count, out); }
   double Level(int x, int y) const;
   double Sigma(int x, int y) const;
-  /// Medians of all cells.
+  /// Answer the medians of all cells.
   double MedianLevel() const;
   double MedianSigma() const;
 

@@ -7,7 +7,7 @@
 
 namespace korimg {
 
-/// About the middle of a star.
+/// Lies about the middle of a star.
 struct StarSeed {
   double x = 0, y = 0;
 };
@@ -17,7 +17,7 @@ struct StarSeeds {
   double grain = 1;  ///< noise of the smoothed sky over what that of single pixels lets expect, at least 1
 };
 
-/// Maxima of the smoothed image that stand out by `threshold` deviations; see CStarFinder.
+/// Finds the maxima of the smoothed image that stand out by `threshold` deviations; see CStarFinder.
 StarSeeds FindStarSeeds(CVelImage& image, const SkyMesh& sky, double threshold);
 
 }  // namespace korimg

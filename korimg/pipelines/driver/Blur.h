@@ -11,7 +11,7 @@ struct RowTiles {
   Halide::LoopLevel tile, row, block;
   int lanes, wide;
 
-  /// Tiles of an output of about `width` x `height` pixels, computed in parallel.
+  /// Makes tiles of an output of about `width` x `height` pixels, computed in parallel.
   RowTiles(Halide::Func output, const Halide::Target& target, Halide::Expr width, Halide::Expr height)
       : lanes(target.natural_vector_size<float>()), wide(8 * lanes) {
     using namespace Halide;
@@ -28,8 +28,8 @@ struct RowTiles {
     row = LoopLevel(output, v);
     block = LoopLevel(output, part);
   }
-  /// The rows of an update of a func that is computed in the tiles of another. A loop is found by its name,
-  /// which has to be the update's own.
+  /// Follows the rows of an update of a func that is computed in the tiles of another. A loop is found by its
+  /// name, which has to be the update's own.
   RowTiles(Halide::Func f, int update, const RowTiles& tiles)
       : tile(tiles.tile), lanes(tiles.lanes), wide(tiles.wide) {
     using namespace Halide;
@@ -43,7 +43,7 @@ struct RowTiles {
     row = LoopLevel(f, v);
     block = LoopLevel(f, part);
   }
-  /// The rows of a func that is computed whole for each of the tiles of another.
+  /// Follows the rows of a func that is computed whole for each of the tiles of another.
   RowTiles(Halide::Func f, const RowTiles& tiles) : tile(tiles.tile), lanes(tiles.lanes), wide(tiles.wide) {
     using namespace Halide;
     Var x = f.args()[0], y = f.args()[1], u("u"), part("part");
@@ -51,7 +51,7 @@ struct RowTiles {
     row = LoopLevel(f, y);
     block = LoopLevel(f, part);
   }
-  /// The rows of a func that is computed row by row in tiles of another's loops.
+  /// Follows the rows of a func that is computed row by row in tiles of another's loops.
   RowTiles(Halide::Func f, const Halide::LoopLevel& in_tile, const Halide::LoopLevel& in_row,
            const Halide::Target& target)
       : tile(in_tile), row(in_row), lanes(target.natural_vector_size<float>()), wide(8 * lanes) {
@@ -88,7 +88,7 @@ struct Blur {
   }
   Halide::Expr operator()(Halide::Expr at_x, Halide::Expr at_y) const { return sum_y(at_x, at_y); }
 
-  /// Rows of this filter: as many lie in the second-level cache beside each other.
+  /// Answers the rows of this filter: as many lie in the second-level cache beside each other.
   Halide::Expr rows() const { return 2 * radius + 1; }
 
   /// Rows slide down in each tile: one new row along x for each row of the result. The rows in use stay in
@@ -110,7 +110,7 @@ struct Blur {
     source.compute_at(along_x, y).vectorize(x, tiles.lanes, TailStrategy::RoundUp);
   }
 
-  /// Tiles for an output of which this is the only filter, or by far the widest.
+  /// Makes tiles for an output of which this is the only filter, or by far the widest.
   RowTiles tiles(const Halide::Func& output, const Halide::Target& target) const {
     return {output, target, max(100000 / rows(), 512), max(64, 4 * rows())};
   }

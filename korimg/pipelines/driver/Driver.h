@@ -22,10 +22,10 @@ struct Member {
   bool withBase = false;  ///< also compiled for processors without SSE4.1
 };
 
-/// The members of the family that a generator is built for.
+/// Answers the members of the family that a generator is built for.
 std::vector<Member> Family();
 
-/// A double constant: plain literals would be taken for floats.
+/// Makes a double constant: plain literals would be taken for floats.
 inline Halide::Expr F64(double value) {
   return Halide::Expr(value);
 }
@@ -44,8 +44,8 @@ inline void ScheduleByStrips(Halide::Func f, const Halide::Target& target, bool 
       .vectorize(x, lanes, TailStrategy::GuardWithIf);
 }
 
-/// Parts of about `want` of an output's dimension, all of nearly the same size, a multiple of `multiple`. In
-/// a tile that stuck out, inner stages would be computed in full.
+/// Answers parts of about `want` of an output's dimension, all of nearly the same size, a multiple of
+/// `multiple`. In a tile that stuck out, inner stages would be computed in full.
 inline Halide::Expr EvenPart(const Halide::Func& output, int dimension, Halide::Expr want, int multiple) {
   Halide::Expr extent = output.output_buffers()[0].dim(dimension).extent();
   Halide::Expr parts = max((extent + want - 1) / want, 1);

@@ -7,7 +7,7 @@
 
 #include "Driver.h"
 
-/// Luminance.
+/// Answers the luminance.
 inline Halide::Expr brightness(Halide::Expr r, Halide::Expr g, Halide::Expr b) {
   using Halide::cast;
   return cast<double>(g) * F64(0.587) + cast<double>(r) * F64(0.299) + cast<double>(b) * F64(0.114);

@@ -3,14 +3,14 @@
 
 #include <Halide.h>
 
-/// An integer in the order of the floats, that of all NaN after the numbers.
+/// Answers an integer in the order of the floats, that of all NaN after the numbers.
 inline Halide::Expr key(Halide::Expr value) {
   using namespace Halide;
   Expr bits = reinterpret<int>(value);
   return select(value == value, bits ^ ((bits >> 31) & 0x7fffffff), Int(32).max());
 }
 
-/// The last key is a NaN.
+/// Answers the float of a key; the last key is a NaN.
 inline Halide::Expr from_key(Halide::Expr number) {
   using namespace Halide;
   return reinterpret<float>(number ^ ((number >> 31) & 0x7fffffff));

@@ -19,7 +19,7 @@ constexpr NamedKernel kKernels[] = {{Kernel::Bilinear, "bilinear"},
                                     {Kernel::Lanczos3, "lanczos3"},
                                     {Kernel::Nearest, "nearest"}};
 
-/// Taps along an axis. The first lies FirstTap pixels from the one that the position falls into.
+/// Answer the taps along an axis. The first lies FirstTap pixels from the one that the position falls into.
 constexpr int Taps(Kernel kernel) {
   constexpr int kTaps[] = {2, 4, 4, 6, 1};
   return kTaps[static_cast<int>(kernel)];
@@ -28,23 +28,23 @@ constexpr int FirstTap(Kernel kernel) {
   return kernel == Kernel::Nearest ? 0 : 1 - Taps(kernel) / 2;
 }
 
-/// The weights of the taps for a fraction from 0 to 1, in single precision and not normalised. At a whole
-/// position all but one are exactly 0. `a` is the slope of the bicubic kernel at distance 1.
-/// Keys, R. G. (1981), Cubic convolution interpolation; Duchon, C. E. (1979), Lanczos filtering.
+/// Answers the weights of the taps for a fraction from 0 to 1, in single precision and not normalised. At a
+/// whole position all but one are exactly 0. `a` is the slope of the bicubic kernel at distance 1. Keys, R.
+/// G. (1981), Cubic convolution interpolation; Duchon, C. E. (1979), Lanczos filtering.
 std::vector<Halide::Expr> KernelWeights(Kernel kernel, Halide::Expr fraction, double a = -0.5);
 
-/// A place along an axis, at the edge where it lies beyond. Loops are split where it passes an edge, so that
-/// all between loads whole vectors.
+/// Answers a place along an axis, at the edge where it lies beyond. Loops are split where it passes an edge,
+/// so that all between loads whole vectors.
 Halide::Expr AtEdges(Halide::Expr at, Halide::Expr size);
 
-/// A place to be kept in a table and taken out by reinterpret<int>: of what is known to be bounded, the
+/// Marks a place to be kept in a table and taken out by reinterpret<int>: of what is known to be bounded, the
 /// bounds would be enforced again for each pixel that is loaded by it. Nothing may be loaded by an entry of
 /// the table that was not computed, so no loop over it may begin before or end beyond the table's whole
 /// vectors.
 Halide::Expr Unbounded(Halide::Expr place);
 
-/// The sum of weighted taps in their order. A whole position of the bilinear kernel is its pixel alone,
-/// whatever lies beside it.
+/// Answers the sum of weighted taps in their order. A whole position of the bilinear kernel is its pixel
+/// alone, whatever lies beside it.
 Halide::Expr WeightedTaps(Kernel kernel, const std::vector<Halide::Expr>& taps,
                           const std::vector<Halide::Expr>& weights);
 
@@ -53,17 +53,17 @@ struct Position {
   Halide::Expr u, v;
 };
 
-/// Where a point (x, y) relative to the centre, y upward, comes from when the plane is turned.
+/// Answers where a point (x, y) relative to the centre, y upward, comes from when the plane is turned.
 Position Turned(Halide::Expr x, Halide::Expr y, Halide::Expr centerX, Halide::Expr centerY, Halide::Expr cosR,
                 Halide::Expr sinR);
 
-/// (x - shiftX, y - shiftY) in whole numbers, by the Vars "x" and "y".
+/// Answers (x - shiftX, y - shiftY) in whole numbers, by the Vars "x" and "y".
 Position WholeShift(Halide::Expr shiftX, Halide::Expr shiftY);
 
-/// 0 <= u < width and 0 <= v < height; false for NaN.
+/// True where 0 <= u < width and 0 <= v < height; false for NaN.
 Halide::Expr IsInside(const Position& position, Halide::Expr width, Halide::Expr height);
 
-/// What a plane holds at a position for each pixel (x, y) of an output, by the Vars "x" and "y".
+/// Tells what a plane holds at a position for each pixel (x, y) of an output, by the Vars "x" and "y".
 struct Sample {
   Halide::Expr value;   ///< undefined off the plane
   Halide::Expr inside;  ///< the position is on the plane
@@ -76,16 +76,17 @@ struct Sample {
 /// What the weights of a kernel's taps are used for.
 enum class Weighting {
   Plain,
-  Squared  ///< the variance of a sample, from that of the pixels, which know nothing of each other
+  Squared  ///< the variance of a sample, from that of the pixels, which are independent
 };
 
-/// The plane at any position that is an expression of x and y.
+/// Samples the plane at any position that is an expression of x and y.
 Sample SampleAt(const Halide::ImageParam& input, Kernel kernel, const Position& position,
                 Weighting weighting = Weighting::Plain);
 
-/// The plane at (x - shiftX, y - shiftY), floats. The fraction is that of the shift, the same for all pixels.
+/// Samples the plane at (x - shiftX, y - shiftY), floats. The fraction is that of the shift, the same for all
+/// pixels.
 Sample SampleShifted(const Halide::ImageParam& input, Kernel kernel, Halide::Expr shiftX,
                      Halide::Expr shiftY);
 
-/// The plane at (x - shiftX, y - shiftY), whole numbers.
+/// Samples the plane at (x - shiftX, y - shiftY), whole numbers.
 Sample SampleWholeShift(const Halide::ImageParam& input, Halide::Expr shiftX, Halide::Expr shiftY);

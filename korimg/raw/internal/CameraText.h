@@ -8,7 +8,7 @@
 
 namespace korimg {
 
-/// ASCII only: names of cameras are, and the user's language must not matter.
+/// Lowers ASCII only: names of cameras are, and the user's language must not matter.
 inline std::wstring LowerCase(const CString& text) {
   std::wstring lower = static_cast<const wchar_t*>(text);
   for (wchar_t& c : lower) {

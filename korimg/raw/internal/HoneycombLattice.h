@@ -22,13 +22,13 @@ struct HoneycombLattice {
 
   int x = 0, y = 0;  ///< a red site, which may lie outside of the frame
 
-  /// By the number of a colour filter array, 11 to 14.
+  /// Answers the lattice of a colour filter array, 11 to 14.
   static std::optional<HoneycombLattice> Of(int cfa) {
     if (cfa < kFirst || cfa > kLast) return std::nullopt;
     const int i = cfa - kFirst;
     return HoneycombLattice{2 * (i & 1) + (i >> 1), i >> 1};
   }
-  /// Its number; 0 when the frame's first pixel lies between the sites, which has none.
+  /// Answers its number; 0 when the frame's first pixel lies between the sites, which has none.
   int Number() const {
     if ((x + y) & 1) return 0;
     const int column = (x + (y & 2)) & 3;  // of the red site in one of the first two rows
@@ -36,11 +36,11 @@ struct HoneycombLattice {
   }
 
   bool IsSite(int column, int row) const { return ((column - x + row - y) & 1) == 0; }
-  /// The row holds green sites, not red and blue ones.
+  /// True when the row holds green sites, not red and blue ones.
   bool IsGreenRow(int row) const { return ((row - y) & 1) != 0; }
-  /// The 2 x 2 cell of a pixel begins with red.
+  /// True when the 2 x 2 cell of a pixel begins with red.
   bool IsOfRed(int column, int row) const { return (((column - x) ^ (row - y)) & 2) == 0; }
-  /// The colour of a site.
+  /// Answers the colour of a site.
   int ColourAt(int column, int row) const {
     return IsGreenRow(row) ? kGreen : IsOfRed(column, row) ? kRed : kBlue;
   }

@@ -20,7 +20,7 @@ inline double WhiteOf(int bits) {
   return std::ldexp(1.0, bits) - 1;
 }
 
-/// NaN stays NaN.
+/// Limits a value; NaN stays NaN.
 template <class T>
 T Limited(T v, T min, T max) {
   const T raised = v < min ? min : v;
@@ -34,7 +34,7 @@ inline const float* ReadFrameLine(CImage& frame, int y, int plane) {
   return reinterpret_cast<const float*>(frame.GetVmImage()->GetImageAdr(0, y, plane, true, false, nullptr));
 }
 
-/// The trims are no negative numbers, and leave something of an image.
+/// True when the trims are no negative numbers, and leave something of an image.
 template <class Parameters>
 bool TrimsLeavePixels(const Parameters& p, const CImage& image) {
   const auto leaves = [](int size, int first, int second) {
@@ -47,7 +47,8 @@ bool TrimsLeavePixels(const Parameters& p, const CImage& image) {
 /// Takes a number off all pixels of plane 0.
 void SubtractFromRaw(CVelImage& image, float subtrahend);
 
-/// A frame of some planes of the image's size in its store. Throws CMemoryException* when there is no room.
+/// Makes a frame of some planes of the image's size in its store. Throws CMemoryException* when there is no
+/// room.
 std::unique_ptr<CImage> MakeRawFrame(CVelImage& image, int planes);
 /// Copies plane 0 of an image into that of a frame, and its levels to all planes.
 void CopyRaw(CVelImage& image, CImage& frame);
@@ -61,8 +62,8 @@ bool MakeColour(CVelImage& image);
 /// the bits' end. Counts the lines on the display where it goes by lines.
 void CorrectGamma(CVelImage& image, int dstBits, double gamma);
 
-/// The gain of one position of the cell, and the knee that brings it back to white: a line of that slope from
-/// black to the point, and from there one to white.
+/// Holds the gain of one position of the cell, and the knee that brings it back to white: a line of that
+/// slope from black to the point, and from there one to white.
 struct Knee {
   double gain = 1, pointX = 0, pointY = 0, ratio = 1;
 
@@ -80,7 +81,7 @@ struct Knee {
   }
 };
 
-/// White balance of raw numbers by their positions in a mosaic's cell, and what follows it.
+/// Corrects the white balance of raw numbers by their positions in a mosaic's cell, and what follows it.
 struct ToneCorrection {
   std::vector<Knee> knees;      ///< by position
   RawRange range;               ///< black and white

@@ -24,17 +24,17 @@ struct PlanePixels {
 
   bool Contains(double x, double y) const { return x >= 0 && x < width && y >= 0 && y < height; }
   const float* Row(int y) const { return pixels + static_cast<std::ptrdiff_t>(y) * width; }
-  /// Bilinear, of a place within. Up to a pixel beyond the last column and row, the last two of them are
-  /// drawn on as they lie.
+  /// Answers the value, bilinear, of a place within. Up to a pixel beyond the last column and row, the last
+  /// two of them are drawn on as they lie.
   float At(double x, double y) const {
     const int ix = std::min(static_cast<int>(x), lastX), iy = std::min(static_cast<int>(y), lastY);
     const float* const p = Row(iy) + ix;
     return Blend(x - ix, y - iy, p[0], p[right], p[below], p[below + right]);
   }
-  /// The same without drawing on: the last column and row go on.
+  /// Answers the same without drawing on: the last column and row go on.
   float Clamped(double x, double y) const { return At(std::min(x, width - 1.0), std::min(y, height - 1.0)); }
 
-  /// Of a pixel, those to its right and below, and the one across.
+  /// Blends a pixel, those to its right and below, and the one across.
   KORIMG_IN_LOOP static float Blend(double a, double b, double p, double right, double below, double across) {
     const double ab = a * b;
     const double blend = (1 - b) * (1 - a) * p + (b - ab) * below + (a - ab) * right + ab * across;
@@ -42,7 +42,7 @@ struct PlanePixels {
   }
 };
 
-/// A plane of an image, copied when its store is paged, for as long as `whole` lives.
+/// Keeps a plane of an image, copied when its store is paged, for as long as `whole` lives.
 struct SteadyPlane {
   std::shared_ptr<CVmManager> store;
   StagedPlane whole;
@@ -55,8 +55,8 @@ struct SteadyPlane {
              image.GetHeight()} {}
 };
 
-/// The limits that a filter is confined to, the same for all planes: a radius that it leaves alone, a band of
-/// levels, and how much of what it darkened comes back.
+/// Holds the limits that a filter is confined to, the same for all planes: a radius that it leaves alone, a
+/// band of levels, and how much of what it darkened comes back.
 class CircleLimits {
  public:
   CircleLimits(const CVelImage& src, double radius, int useDark, double dark, double darkRange,
@@ -73,9 +73,9 @@ class CircleLimits {
   LevelBand Band(const CVelImage& src, int p) {
     return {src, p, {useDark_, dark_, darkRange_, useHighlight_, highlight_, highlightRange_}};
   }
-  /// The filter leaves this pixel.
+  /// True when the filter leaves this pixel.
   bool Keeps(const LevelBand& band, float s, double r) const { return r <= radius_ || band.Excludes(s); }
-  /// What becomes of pixel s that a filter makes into f.
+  /// Answers what becomes of pixel s that a filter makes into f.
   float Limit(const LevelBand& band, float s, float f) const { return band.Blend(s, limit_(s, f)); }
 
  private:

@@ -18,12 +18,12 @@ class GaussianBlur {
  public:
   static constexpr int kSides = 2 * LineTransform::kLanes;
 
-  /// sigma is above 0.
+  /// Prepares the blur; sigma is above 0.
   explicit GaussianBlur(double sigma);
 
-  /// Cells to either side.
+  /// Answers the cells to either side.
   int Reach() const { return reach_; }
-  /// `between` is room for a plane; `to` may be `from`.
+  /// Blurs a plane; `between` is room for one; `to` may be `from`.
   void Run(const float* from, float* between, float* to, int width, int height) const;
 
  private:

@@ -20,18 +20,18 @@
 
 namespace korimg {
 
-/// A condition as a factor of 1 or 0: a choice may become a branch, which keeps loops from vectors.
+/// Answers a condition as a factor of 1 or 0: a choice may become a branch, which keeps loops from vectors.
 KORIMG_IN_LOOP inline float Where(bool condition) {
   return condition ? 1.0f : 0.0f;
 }
 
-/// a / b where b is above 0, else 0, for finite numbers.
+/// Answers a / b where b is above 0, else 0, for finite numbers.
 KORIMG_IN_LOOP inline float RatioOrZero(float a, float b) {
   const float isAbove = Where(b > 0);
   return a * isAbove / (b * isAbove + (1 - isAbove));
 }
 
-/// A line of diagnostics, as printf has it.
+/// Sends a line of diagnostics, as printf has it.
 template <class... Values>
 void Diagnose(const char* format, Values... values) {
   char line[200];
@@ -111,10 +111,10 @@ class BlurFrame {
         height_(RoundUp(height + 2 * blur_.Reach())) {}
 
   int Width() const { return width_; }
-  /// Cells about the data.
+  /// Answers the cells about the data.
   int Margin() const { return blur_.Reach(); }
 
-  /// Another plane of the frame for as long as the frame lives.
+  /// Makes another plane of the frame for as long as the frame lives.
   float* NewPlane() { return planes_.emplace_back(store_, width_, height_).Pixels(); }
 
   /// Places data less a constant; what is not finite becomes NaN.
@@ -129,7 +129,7 @@ class BlurFrame {
       }
     });
   }
-  /// What lies where the data do, and a constant more.
+  /// Takes what lies where the data do, and a constant more.
   void Take(const float* plane, float* pixels, float more = 0) const {
     ForLines(Team::All, 0, dataHeight_, [&](int y) {
       const float* in = plane + Row(y + Margin()) + Margin();
@@ -171,8 +171,8 @@ class BlurFrame {
       });
     });
   }
-  /// K sums over all cells, of the std::array<float, K> that term(cell) answers, in a fixed order: floats
-  /// within a block, doubles over blocks. It runs in vectors.
+  /// Answers K sums over all cells, of the std::array<float, K> that term(cell) answers, in a fixed order:
+  /// floats within a block, doubles over blocks. It runs in vectors.
   template <int K, class F>
   std::array<double, K> Sum(const F& term) const {
     std::array<double, K> whole{};

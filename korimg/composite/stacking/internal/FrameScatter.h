@@ -15,29 +15,29 @@ class FrameScatter {
  public:
   FrameScatter(int frames, int width, int height, int planes);
 
-  /// The row of the image that sample `number` of Samples() is.
+  /// Answers the row of the image that sample `number` of Samples() is.
   int RowOf(int number) const;
   int Samples() const { return rows_; }
   /// Takes a row of one plane: `values` by frames, infinite where a frame has none, and the medians of
   /// columns.
   void Add(int number, int plane, std::span<const float> values, std::span<const float> medians);
-  /// Once all rows were taken.
+  /// Makes noise and skies of the rows, once all were taken.
   void Settle();
 
   bool IsKnown() const { return isKnown_; }
-  /// The standard deviation of a frame's pixels at the level of the sky.
+  /// Answers the standard deviation of a frame's pixels at the level of the sky.
   float Noise(int frame, int plane) const { return noise_[frame * planes_ + plane]; }
-  /// What a pixel scatters by that lies so far above the sky, by photons, and beside a star's light of so
-  /// much, which the seeing spreads one way and another; all in units of the mean noise of frames.
+  /// Answers what a pixel scatters by that lies so far above the sky, by photons, and beside a star's light
+  /// of so much, which the seeing spreads one way and another; all in units of the mean noise of frames.
   double Of(double signal, double star, int plane) const;
-  /// The mean noise of all frames.
+  /// Answers the mean noise of all frames.
   float MeanNoise(int plane) const { return meanNoise_[plane]; }
 
-  /// How much a frame's sky lies above one that is common to all, for some pixels of a row.
+  /// Tells how much a frame's sky lies above one that is common to all, for some pixels of a row.
   void OffsetsOf(int frame, int plane, int y, int x, std::span<float> offsets) const {
     offsets_[frame * planes_ + plane].Row(y, x, offsets);
   }
-  /// The common sky.
+  /// Tells the common sky.
   void SkyOf(int plane, int y, int x, std::span<float> sky) const { skies_[plane].Row(y, x, sky); }
 
  private:
@@ -50,7 +50,7 @@ class FrameScatter {
   void FitSkies(int plane);
   SmoothSurface Fit(const std::vector<double>& values, bool robust) const;
   int FirstOf(int column) const { return static_cast<int>(1LL * column * width_ / columns_); }
-  /// The frames that `frame` is compared with beside those that are compared with it.
+  /// Answers how many frames each is compared with beside those that are compared with it.
   int Partners() const;
 
   int frames_, width_, height_, planes_;

@@ -15,7 +15,7 @@
 
 namespace korimg {
 
-/// How a frame's plane is brought to the reference.
+/// Tells how a frame's plane is brought to the reference.
 struct Normaliser {
   double centre = 0, factor = 1, add = 0;
   bool constant = false;
@@ -63,17 +63,17 @@ class Columns {
   int Most() const { return most_; }
   int Size() const { return columns_; }
   const int* Counts() const { return counts_.data(); }
-  /// Of the values of each column, each by its weight.
+  /// Answers the weighted sums of the columns' values.
   const double* Sums() const { return sums_.data(); }
-  /// By what frame i counts in each column, of its weight; null unless frames fade.
+  /// Answers the share of its weight that frame i has in each column; null unless frames fade.
   const float* Shares(int i) const {
     return shares_.empty() ? nullptr : shares_.data() + static_cast<size_t>(i) * most_;
   }
-  /// The number of columns in which frame i has a real value.
+  /// Answers the number of columns in which frame i has a real value.
   int Present(int i) const { return present_[i]; }
-  /// Frame i's values, or when sorted the values of rank i.
+  /// Answers frame i's values, or when sorted the values of rank i.
   float* Row(int i) { return values_.data() + static_cast<size_t>(i) * most_; }
-  /// The median of column x, sorted, or of those of its values with ranks from `first` to `end` - 1.
+  /// Answers the median of column x, sorted, or of those of its values with ranks from `first` to `end` - 1.
   float Median(int x) { return Median(x, 0, counts_[x]); }
   float Median(int x, int first, int end) {
     if (end <= first) return 0;
@@ -105,8 +105,8 @@ class Columns {
     hasNan_ = false;
   }
 
-  /// Frame i's values, less its `offsets`, if any; sums are of the values as they are. What is missing sorts
-  /// to the end.
+  /// Adds frame i's values, less its `offsets`, if any; sums are of the values as they are. What is missing
+  /// sorts to the end.
   void Add(int i, const float* values, const int* valid, const Normaliser& normalise, double weight = 1,
            const float* offsets = nullptr) {
     float* row = Row(i);
@@ -185,7 +185,7 @@ class Columns {
     return false;
   }
 
-  /// A column with NaN, in order: numbers, NaN, what is missing. It is left without NaN.
+  /// Answers a column with NaN in order: numbers, NaN, what is missing. It is left without NaN.
   std::vector<float> TakeSorted(int x) {
     std::vector<float> column;
     for (int i = 0; i < frames_; ++i) {

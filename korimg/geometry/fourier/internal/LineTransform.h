@@ -8,7 +8,7 @@
 
 namespace korimg {
 
-/// Lines of a power of two: what their transform needs to know, computed once for a length.
+/// Holds what the transform of lines of a power of two needs to know, computed once for a length.
 ///
 /// Decimation in frequency by four, with a last step by two where the length asks for it. Steps over more
 /// than what the nearest cache holds run over the whole line; below that, part by part.
@@ -33,7 +33,7 @@ class LineTransform {
     };
     std::unique_ptr<Row[], Release> rows_;
   };
-  /// Where lines lie: element k of line i at data[k * step + i * pitch].
+  /// Tells where lines lie: element k of line i at data[k * step + i * pitch].
   struct Lines {
     complex* data;
     int step;
