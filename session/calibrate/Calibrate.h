@@ -12,8 +12,9 @@
 
 namespace korimg::session {
 
-/// What becomes of hot and cold pixels: auto finds them by the dark that serves a light, or by several lights
-/// of a camera where there is none, and gives them the median of the nearest good pixels of their colour.
+/// Tells what becomes of hot and cold pixels: auto finds them by the dark that serves a light, or by several
+/// lights of a camera where there is none, and gives them the median of the nearest good pixels of their
+/// colour.
 enum class Cosmetic { Auto, None };
 inline const std::vector<Named<Cosmetic>> kCosmetics = {{"auto", Cosmetic::Auto}, {"none", Cosmetic::None}};
 
@@ -22,8 +23,8 @@ struct CalibrateOptions {
   std::vector<std::filesystem::path> lights, darks, flats, biases;
   std::filesystem::path out;
   std::filesystem::path masters;  ///< folder for the masters; empty: they are not kept
-  /// Added before anything is taken off, and kept in the output. None: what the noise needs, and taken off
-  /// again at the end.
+  /// The value added before anything is taken off, and kept in the output. None: what the noise needs, and
+  /// taken off again at the end.
   std::optional<double> pedestal;
   bool mastersAreLibrary = false;    ///< that folder holds those of other sessions too
   std::string group = "auto";        ///< by what flats belong together; see ParseGrouping
@@ -36,11 +37,11 @@ struct CalibrateOptions {
   bool maps = false;       ///< the maps of hot and cold pixels too, as hot_pixels.fits
   QualityOptions quality;  ///< what is written beside the results
 
-  /// What stays in the output beside light.
+  /// Answers what stays in the output beside light.
   double KeptPedestal() const { return pedestal.value_or(0); }
 };
 
-/// Pixels of a light that were mended.
+/// Counts the pixels of a light that were mended.
 struct MendedPixels {
   int hot = 0, cold = 0;
 };

@@ -29,9 +29,9 @@ struct KORIMG_SESSION_API Group {
   const Group *scaledFrom = nullptr, *bias = nullptr;
   double scale = 1;
 
-  /// The frames by number and names.
+  /// Tells the frames by number and names.
   std::string Text() const;
-  /// What their first header says of the properties that matter for the kind.
+  /// Tells what their first header says of the properties that matter for the kind.
   std::string Properties() const;
 };
 
@@ -40,14 +40,14 @@ struct Mismatch {
   std::string key, wanted, found;
 };
 
-/// By what flats belong together, beside the camera and the filter: those of a night, of a position of the
-/// rotator, of a folder. And header keywords that frames of all kinds must agree in to serve one another.
+/// Tells by what flats belong together, beside the camera and the filter: those of a night, of a position of
+/// the rotator, of a folder. And header keywords that frames of all kinds must agree in to serve one another.
 struct Grouping {
   bool night = true, rotator = true, folder = true;
   std::vector<std::string> keys = {};
 };
 
-/// Of a list such as "night,OBSERVER"; "auto" and "none" too. Throws UsageError.
+/// Reads a list such as "night,OBSERVER"; "auto" and "none" too. Throws UsageError.
 KORIMG_SESSION_API Grouping ParseGrouping(const std::string& text);
 
 /// The group that serves a frame best.
@@ -63,9 +63,9 @@ struct Match {
 /// Reads the header of an image file.
 KORIMG_SESSION_API Frame ReadFrame(const std::filesystem::path& path);
 
-/// Files as they are, and folders as the image files in them, in the order of their names. A folder is read
-/// as frames of one kind: pictures (PNG, TIFF) beside FITS or camera raw files, and folders of frames in it,
-/// are left out, and told of.
+/// Answers files as they are, and folders as the image files in them, in the order of their names. A folder
+/// is read as frames of one kind: pictures (PNG, TIFF) beside FITS or camera raw files, and folders of frames
+/// in it, are left out, and told of.
 /// @throws FileError for a folder without images, or with several kinds of frames.
 KORIMG_SESSION_API std::vector<std::filesystem::path> ExpandFolders(
     Job& job, const std::vector<std::filesystem::path>& paths);
@@ -77,24 +77,24 @@ KORIMG_SESSION_API std::vector<Group> MakeGroups(Job& job, FrameKind kind,
                                                  const std::vector<std::filesystem::path>& paths,
                                                  const Grouping& grouping = {});
 
-/// The group with the fewest mismatches, and of these the one nearest: flats in folder, position of the
+/// Finds the group with the fewest mismatches, and of these the one nearest: flats in folder, position of the
 /// rotator and time, others in temperature; a finished master rather than frames.
 KORIMG_SESSION_API Match FindMatch(const std::vector<Group>& groups, const Frame& frame,
                                    const Grouping& grouping = {});
 
-/// A master that was made before, by the number of frames in it or by what it is called.
+/// True for a master that was made before, by the number of frames in it or by what it is called.
 KORIMG_SESSION_API bool IsMaster(const files::Header& header);
 
-/// The filter that a frame was taken through, by FILTER or FILTER1; empty where neither says one.
+/// Answers the filter that a frame was taken through, by FILTER or FILTER1; empty where neither says one.
 KORIMG_SESSION_API std::string FilterOf(const files::Header& header);
 
-/// A name without blanks and in lower case, as names are compared.
+/// Answers a name without blanks and in lower case, as names are compared.
 KORIMG_SESSION_API std::string FoldedName(std::string name);
 
 /// Refuses files whose results would have the same name.
 KORIMG_SESSION_API void CheckStems(const std::vector<std::filesystem::path>& paths);
 
-/// A file's name without the extensions of images and packers.
+/// Answers a file's name without the extensions of images and packers.
 KORIMG_SESSION_API std::string StemOf(const std::filesystem::path& path);
 
 }  // namespace korimg::session

@@ -11,7 +11,7 @@
 
 namespace korimg::session {
 
-/// Extremes and means of an image's planes. Pixels that are no finite numbers are passed over.
+/// Holds extremes and means of an image's planes. Pixels that are no finite numbers are passed over.
 struct KORIMG_SESSION_API Measures {
   float minima[3] = {}, maxima[3] = {}, averages[3] = {};
   double min = 0, max = 0, mean = 0;  ///< of all planes
@@ -31,17 +31,17 @@ struct KORIMG_SESSION_API Master {
   bool isKept = false;     ///< it was made before, and lies where it belongs
   double gain = 0;         ///< electrons of a raw value, by the noise of two raw flats; 0: not known
 
-  /// Where it comes from, for people and headers.
+  /// Tells where it comes from, for people and headers.
   std::string Text() const;
 };
 
-/// The variance of a pixel between the frames of a group, by its first two.
+/// Answers the variance of a pixel between the frames of a group, by its first two.
 double NoiseVariance(const Group& group);
 
-/// The largest value that a file's pixels can have. Floats are taken for those of a 16-bit camera.
+/// Answers the largest value that a file's pixels can have. Floats are taken for those of a 16-bit camera.
 float ScaleEnd(const files::ImageInfo& info, bool lessBlack);
 
-/// Share of an image's pixels that are less than a value.
+/// Answers the share of an image's pixels that are less than a value.
 double ShareBelow(CVelImage& image, float value);
 
 /// Makes the master of a group in bounded memory: a single frame as it is, else the median of all. Flats have

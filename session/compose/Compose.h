@@ -15,16 +15,18 @@
 
 namespace korimg::session {
 
-/// What the sources are: exposures through red, green and blue filters; through cyan, magenta and yellow
-/// ones, in this order; a luminance before those of red, green and blue; or planes of Lab, L before a and b.
+/// Tells what the sources are: exposures through red, green and blue filters; through cyan, magenta and
+/// yellow ones, in this order; a luminance before those of red, green and blue; or planes of Lab, L before a
+/// and b.
 enum class Composition { Rgb, Cmy, Lrgb, Lab };
 
-/// What black and white are where colours meet a luminance, and on pictures of the result: those of the
+/// Tells what black and white are where colours meet a luminance, and on pictures of the result: those of the
 /// sources; or, by the sky, values that lose no pixel, one range for all colours. Auto takes the sky's where
 /// there is a luminance.
 enum class LevelsBy { Auto, Source, Sky };
 
-/// What becomes of the sky of each colour: it stays, or comes to that of the first one by a shift of values.
+/// Tells what becomes of the sky of each colour: it stays, or comes to that of the first one by a shift of
+/// values.
 enum class Backgrounds { Keep, Equal };
 
 inline const std::vector<Named<Composition>> kCompositions = {{"rgb", Composition::Rgb},
@@ -62,7 +64,7 @@ struct ComposeFilesOptions : ComposeOptions {
   bool integers = false;                       ///< 16 bits in place of floats, for FITS and TIFF
 };
 
-/// The same for files.
+/// Does the same for files.
 /// @throws UsageError, FileError, Cancelled
 KORIMG_SESSION_API void ComposeFiles(Job& job, const ComposeFilesOptions& options);
 

@@ -11,8 +11,8 @@
 
 namespace korimg::session {
 
-/// Colours that narrow bands are shown in: SHO gives SII, Ha and OIII to red, green and blue, HOO Ha to red
-/// and OIII to both others. Auto takes Rgb where there are such filters, else SHO, else HOO.
+/// Names the colours that narrow bands are shown in: SHO gives SII, Ha and OIII to red, green and blue, HOO
+/// Ha to red and OIII to both others. Auto takes Rgb where there are such filters, else SHO, else HOO.
 enum class Palette { Auto, Rgb, Sho, Hoo, None };
 
 inline const std::vector<Named<Palette>> kPalettes = {{"auto", Palette::Auto},
@@ -21,12 +21,12 @@ inline const std::vector<Named<Palette>> kPalettes = {{"auto", Palette::Auto},
                                                       {"hoo", Palette::Hoo},
                                                       {"none", Palette::None}};
 
-/// What a filter is by its name, as capture programs and their users write it: "L", "R", "G", "B", "Ha",
-/// "OIII" or "SII" for Lum, red, Green, H-alpha, O3 and their like; empty for others. A word of the name is
-/// enough, as in "Ha 7nm".
+/// Tells what a filter is by its name, as capture programs and their users write it: "L", "R", "G", "B",
+/// "Ha", "OIII" or "SII" for Lum, red, Green, H-alpha, O3 and their like; empty for others. A word of the
+/// name is enough, as in "Ha 7nm".
 KORIMG_SESSION_API std::string KindOfFilter(const std::string& given);
 
-/// A colour image of filters.
+/// Plans a colour image of filters.
 struct ColourPlan {
   Composition composition = Composition::Rgb;
   std::vector<size_t> filters;  ///< of the sources of Compose: numbers in the list of names
@@ -34,7 +34,7 @@ struct ColourPlan {
   std::string text;
 };
 
-/// What can be composed of filters; none when colours are missing. The first filter of a kind counts.
+/// Tells what can be composed of filters; none when colours are missing. The first filter of a kind counts.
 /// @throws UsageError for a palette that was asked for by name and lacks a filter
 KORIMG_SESSION_API std::optional<ColourPlan> PlanColours(Palette palette,
                                                          const std::vector<std::string>& filters);

@@ -17,8 +17,8 @@
 
 namespace korimg::session {
 
-/// What a pixel becomes of those of both images, by the numbers of CImgComposit; Neighbour replaces what is
-/// saturated in a long exposure by a short one.
+/// Tells what a pixel becomes of those of both images, by the numbers of CImgComposit; Neighbour replaces
+/// what is saturated in a long exposure by a short one.
 enum class CompositeMode {
   Average,
   Add,
@@ -58,7 +58,7 @@ struct CompositeOptions {
 /// Where the second does not reach, the first stands as it is. The second may be of any size; a mono one
 /// serves colour, a colour one serves mono by its luminance. With a rectangle the pixels of the first are
 /// changed where they lie, else a new image of its store takes their place.
-/// @throws UsageError for numbers that are none, and for Neighbour with 90 degrees and more.
+/// @throws UsageError for numbers that are not finite, and for Neighbour with 90 degrees and more.
 KORIMG_SESSION_API void Composite(Job& job, Image& first, Image second, const CompositeOptions& options);
 
 struct CompositeFilesOptions : CompositeOptions {
@@ -69,7 +69,7 @@ struct CompositeFilesOptions : CompositeOptions {
   bool integers = false;         ///< 16 bits in place of floats, for FITS and TIFF
 };
 
-/// The same for files.
+/// Does the same for files.
 /// @throws UsageError, FileError, Cancelled
 KORIMG_SESSION_API void CompositeFiles(Job& job, const CompositeFilesOptions& options);
 

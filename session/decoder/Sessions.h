@@ -17,13 +17,13 @@ class Session {
   virtual nlohmann::json Answer(const nlohmann::json& request, int target) = 0;
 };
 
-/// Tile-compressed FITS: "hdu", the "pixels" of its largest tile, and as the table says "tiles" and the bytes
-/// of their "heap". Requests say "first" and "count" of pixels, which go to the start of the target as
-/// floats; it has their size.
+/// Opens a tile-compressed FITS: "hdu", the "pixels" of its largest tile, and as the table says "tiles" and
+/// the bytes of their "heap". Requests say "first" and "count" of pixels, which go to the start of the target
+/// as floats; it has their size.
 std::unique_ptr<Session> OpenTiles(const std::string& path, const nlohmann::json& open);
 
-/// Camera raw. Any request unpacks all pixels of the active area, which go to the target plane by plane as 16
-/// bit.
+/// Opens camera raw. Any request unpacks all pixels of the active area, which go to the target plane by plane
+/// as 16 bit.
 std::unique_ptr<Session> OpenRaw(const std::string& path, const nlohmann::json& open);
 
 /// Limits what this process may take from now on: bytes of memory beside what it has, and seconds until the

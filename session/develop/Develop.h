@@ -24,8 +24,8 @@ struct DevelopOptions {
   double scale = 1;  ///< that the raw values are multiplied by
 };
 
-/// Gains by position in the 2 x 2 cell, by rows; for red, green, green and blue of a honeycomb; by plane of a
-/// colour image. And where they come from.
+/// Holds gains by position in the 2 x 2 cell, by rows; for red, green, green and blue of a honeycomb; by
+/// plane of a colour image. And where they come from.
 struct WhiteBalance {
   std::array<double, 4> gains{1, 1, 1, 1};
   std::string text;
@@ -38,16 +38,17 @@ KORIMG_SESSION_API void CheckWhiteBalance(const std::string& wanted);
 /// that differ by half of their pixels' noise and more, but those of one diagonal much less.
 KORIMG_SESSION_API bool PhasesDiffer(files::ImageReader& reader);
 
-/// The mosaic of an image; when the file says nothing else, by its camera's name, if its colours show.
+/// Finds the mosaic of an image; when the file says nothing else, by its camera's name, if its colours show.
 KORIMG_SESSION_API files::Mosaic MosaicOf(const files::ImageInfo& info, const files::MosaicOptions& options);
 
-/// The mosaic of an image, also by its camera's name when the file says nothing else.
+/// Finds the mosaic of an image, also by its camera's name when the file says nothing else.
 /// @throws FileError when there is none, or one that cannot be developed.
 KORIMG_SESSION_API files::Mosaic RequireMosaic(const files::ImageInfo& info,
                                                const files::MosaicOptions& options);
 
-/// White balance as wanted: "auto" takes the camera's gains where the file has them, else the medians of the
-/// image, which must be free of its offset; it is not looked at otherwise, and may be null then.
+/// Answers the white balance as wanted: "auto" takes the camera's gains where the file has them, else the
+/// medians of the image, which must be free of its offset; it is not looked at otherwise, and may be null
+/// then.
 /// @throws FileError when the camera's gains are wanted and not known, UsageError as CheckWhiteBalance does.
 KORIMG_SESSION_API WhiteBalance ChooseWhiteBalance(CVelImage* image, const files::ImageInfo& info,
                                                    const files::Mosaic& mosaic, const std::string& wanted);
@@ -55,7 +56,7 @@ KORIMG_SESSION_API WhiteBalance ChooseWhiteBalance(CVelImage* image, const files
 /// True when ChooseWhiteBalance wants to see the image.
 KORIMG_SESSION_API bool NeedsMedians(const files::ImageInfo& info, const std::string& wanted);
 
-/// Where the pixels to be developed come from: an image, or a file that is open.
+/// Tells where the pixels to be developed come from: an image, or a file that is open.
 struct KORIMG_SESSION_API MosaicSource {
   Shape shape;
   Levels levels;  ///< black is 0
@@ -66,7 +67,7 @@ struct KORIMG_SESSION_API MosaicSource {
   MosaicSource(files::ImageReader& reader, const Levels& levels, std::shared_ptr<CVmManager> store);
 };
 
-/// The development of a mosaic by bands of rows: the colour image is never held as a whole. Pixels that have
+/// Develops a mosaic by bands of rows: the colour image is never held as a whole. Pixels that have
 /// colours already only get their white balance.
 class KORIMG_SESSION_API Development {
  public:
@@ -76,9 +77,10 @@ class KORIMG_SESSION_API Development {
               const WhiteBalance& balance, const DevelopOptions& options);
 
   Shape Size() const;
-  /// Levels that make a good picture of the result, from a sample of the mosaic as large as a preview.
+  /// Answers levels that make a good picture of the result, from a sample of the mosaic as large as a
+  /// preview.
   Levels PictureLevels(int side, LevelMethod method);
-  /// Rows y0 to y1 - 1 of the result. Throws FileError when there is no room.
+  /// Develops rows y0 to y1 - 1 of the result. Throws FileError when there is no room.
   std::unique_ptr<CVelImage> Rows(int y0, int y1);
   /// Calls visit(band) with the result's rows in order; from the lowest band up when it is asked for.
   /// @throws FileError when there is no room.
@@ -86,7 +88,7 @@ class KORIMG_SESSION_API Development {
                 const std::function<void(std::unique_ptr<CVelImage>)>& visit, bool fromLowest = false);
 
  private:
-  /// Columns and rows that the mosaic repeats after, and the smallest side that can be developed.
+  /// Answer columns and rows that the mosaic repeats after, and the smallest side that can be developed.
   int Period() const;
   int Smallest() const;
   std::unique_ptr<CVelImage> NewImage(int width, int height) const;

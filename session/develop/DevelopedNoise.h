@@ -9,7 +9,8 @@
 
 namespace korimg::session {
 
-/// The variance of developed pixels in that of the photosites about them, by where they lie in the mosaic.
+/// Holds the variance of developed pixels in that of the photosites about them, by where they lie in the
+/// mosaic.
 ///
 /// Interpolation takes its directions from the pixels, so that no weights can be given beforehand: what it
 /// makes of noise is measured once, on noise of each colour on an even field. Where it follows the edge of a
@@ -24,13 +25,14 @@ class KORIMG_SESSION_API DevelopedNoise {
   /// side, as far as there are any. A pixel has the bits of all photosites about it.
   void Fill(const QualityRows& mosaic, const QualityRows& to) const;
 
-  /// Of the developed pixels, as the bicubic kernel reads between them, whatever the parts of a pixel.
+  /// Answers the correlation of developed pixels, as the bicubic kernel reads between them, whatever the
+  /// parts of a pixel.
   const Correlation& CorrelationOfNoise() const { return correlation_; }
 
  private:
   static constexpr int kColours = 3;
 
-  /// Where shares_ holds that of a colour in a plane.
+  /// Answers where shares_ holds that of a colour in a plane.
   size_t ShareAt(int x, int y, int plane, int colour) const {
     return ((static_cast<size_t>(y % period_) * period_ + x % period_) * kColours + plane) * kColours +
            colour;

@@ -27,18 +27,18 @@ std::unique_ptr<ImageWriter> CreateFits(const std::filesystem::path& path, const
 std::unique_ptr<ImageWriter> CreateTiff(const std::filesystem::path& path, const WriteOptions& options);
 std::unique_ptr<ImageWriter> CreatePng(const std::filesystem::path& path, const WriteOptions& options);
 std::unique_ptr<ImageWriter> CreateJpeg(const std::filesystem::path& path, const WriteOptions& options);
-/// A picture whose file is added to `bytes`, which must outlive the writer.
+/// Makes a picture whose file is added to `bytes`, which must outlive the writer.
 std::unique_ptr<ImageWriter> CreateJpeg(std::string& bytes, const WriteOptions& options);
 
-/// FileError with the text of an errno value.
+/// Throws a FileError with the text of an errno value.
 [[noreturn]] void ThrowSystemError(const std::filesystem::path& path, std::string_view doing, int error);
 
-/// FileError for a folder that has no room for `needed` more bytes.
+/// Throws a FileError for a folder that has no room for `needed` more bytes.
 [[noreturn]] void ThrowDiskFull(const std::filesystem::path& path, const std::filesystem::path& folder,
                                 std::uint64_t needed);
 
-/// Whether a file was written to within the last minute. The clocks of cameras and servers may be fast by
-/// hours, but not by days.
+/// Tells whether a file was written to within the last minute. The clocks of cameras and servers may be fast
+/// by hours, but not by days.
 bool WasJustWritten(const std::filesystem::path& path);
 
 /// Throws for a file that ends too early: an UnfinishedError when it has just been written, else a FileError.
@@ -47,7 +47,7 @@ bool WasJustWritten(const std::filesystem::path& path);
 /// Tells one state of a file from another: its size and when it was written last. Throws FileError.
 KORIMG_SESSION_API std::string StampOf(const std::filesystem::path& path);
 
-/// Free bytes for us on the file system of a folder; the largest number if that is not known.
+/// Answers the free bytes for us on the file system of a folder; the largest number if that is not known.
 std::uint64_t FreeSpace(const std::filesystem::path& folder);
 
 /// @throws FileError unless both sides are 1..kMaxSide.
@@ -107,22 +107,22 @@ class KORIMG_SESSION_API TransientFile {
   int slot_;
 };
 
-/// A new empty file for temporary data, without a name; the system's temporary folder holds it.
+/// Makes a new empty file for temporary data, without a name; the system's temporary folder holds it.
 File TemporaryFile(const std::filesystem::path& shown);
 
-/// "<name>.part" beside a file to be written.
+/// Answers "<name>.part" beside a file to be written.
 KORIMG_SESSION_API std::filesystem::path PartialName(const std::filesystem::path& path);
-/// "<name>.<16 digits>.part", which no other process has, on this machine or another.
+/// Answers "<name>.<16 digits>.part", which no other process has, on this machine or another.
 std::filesystem::path UniquePartialName(const std::filesystem::path& path);
 
-/// Seconds since 1970 that files are told to be written at: SOURCE_DATE_EPOCH of the environment, so that the
-/// same work gives the same bytes, or else now.
+/// Answers the seconds since 1970 that files are told to be written at: SOURCE_DATE_EPOCH of the environment,
+/// so that the same work gives the same bytes, or else now.
 std::time_t TimeOfWriting();
 
 /// Headers and data of FITS files take whole blocks of so many bytes.
 constexpr std::uint64_t kFitsBlock = 2880;
 
-/// The nearest whole number in the range of T, uint8_t or uint16_t; NaN becomes 0.
+/// Answers the nearest whole number in the range of T, uint8_t or uint16_t; NaN becomes 0.
 template <std::unsigned_integral T>
 T RoundTo(float value) {
   static_assert(sizeof(T) <= 2);

@@ -8,8 +8,8 @@
 
 namespace korimg::files {
 
-/// Where source pixel (x, y) goes: (xx x + xy y + tx, yx x + yy y + ty). Positions are 0-based, whole at the
-/// pixels' centres, y downward as the rows are stored.
+/// Tells where source pixel (x, y) goes: (xx x + xy y + tx, yx x + yy y + ty). Positions are 0-based, whole
+/// at the pixels' centres, y downward as the rows are stored.
 struct KORIMG_SESSION_API AffineMap {
   double xx = 1, xy = 0, yx = 0, yy = 1;
   double tx = 0, ty = 0;
@@ -18,7 +18,7 @@ struct KORIMG_SESSION_API AffineMap {
 
   double Determinant() const { return xx * yy - xy * yx; }
   AffineMap Inverse() const;
-  /// This map first, then another.
+  /// Joins this map and then another.
   AffineMap Then(const AffineMap& next) const;
 };
 
@@ -45,8 +45,8 @@ struct ImageSize {
 /// bySky is set, by world coordinates of a sky that would be mirrored from the highest down.
 KORIMG_SESSION_API bool RowsRunUp(const Header& header, bool bySky);
 
-/// An image with this header makes a picture that is upside down: its rows lie as they are stored, from the
-/// lowest up by its sky.
+/// True when an image with this header makes a picture that is upside down: its rows lie as they are stored,
+/// from the lowest up by its sky.
 KORIMG_SESSION_API bool IsPictureOverturned(const Header& header);
 
 /// True when an image must be turned over to lie as the one that it serves does: frames that do not both
@@ -58,15 +58,16 @@ KORIMG_SESSION_API bool LiesOverturned(const Header& served, const Header& other
 /// cannot be turned.
 [[nodiscard]] bool TurnRows(Header& header, const ImageSize& size);
 
-/// For pixels that go where no affine map says: world coordinates are dropped with a line of HISTORY that
+/// Serves pixels that go where no affine map says: world coordinates are dropped with a line of HISTORY that
 /// names the reason. False for an undeveloped mosaic.
 [[nodiscard]] bool DropWorldCoordinates(Header& header, const ImageSize& before, const std::string& reason);
 
-/// For pixels that are straightened: SIP polynomials are dropped, with a line of HISTORY that names the
+/// Serves pixels that are straightened: SIP polynomials are dropped, with a line of HISTORY that names the
 /// reason where there were any. The linear part stays.
 void DropSip(Header& header, const std::string& reason);
 
-/// Seconds of arc for a pixel: by the world coordinates, by SCALE or PIXSCALE, or by FOCALLEN and XPIXSZ.
+/// Answers the seconds of arc for a pixel: by the world coordinates, by SCALE or PIXSCALE, or by FOCALLEN and
+/// XPIXSZ.
 KORIMG_SESSION_API std::optional<double> PixelScale(const Header& header);
 
 }  // namespace korimg::files

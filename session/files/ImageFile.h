@@ -24,7 +24,7 @@ class KORIMG_SESSION_API FileError : public session::Error {
  public:
   FileError(const std::filesystem::path& path, std::string_view what);
 
-  /// What is wrong and what to do, without the path.
+  /// Tells what is wrong and what to do, without the path.
   std::string Reason() const { return std::string(what()).substr(pathLength_); }
 
  private:
@@ -37,21 +37,21 @@ class KORIMG_SESSION_API UnfinishedError : public FileError {
   UnfinishedError(const std::filesystem::path& path, std::string_view what);
 };
 
-/// The cards of a FITS header in their order, kept as they were read: duplicates, HIERARCH, CONTINUE, COMMENT
-/// and HISTORY included. Names longer than 8 characters mean HIERARCH cards ("ESO DET DIT").
+/// Holds the cards of a FITS header in their order, kept as they were read: duplicates, HIERARCH, CONTINUE,
+/// COMMENT and HISTORY included. Names longer than 8 characters mean HIERARCH cards ("ESO DET DIT").
 struct KORIMG_SESSION_API Header {
   std::vector<std::string> cards;  ///< 80 characters each, without END
   /// The rows of its FITS file are stored from the lowest up. Pixels are read and written upright: what cards
   /// say of places (world coordinates, the phase of a mosaic) is brought along, ROWORDER stays as stated.
   bool turned = false;
 
-  /// The value of the first card of that name. Strings come without quotes and trailing blanks, long ones
-  /// joined over their CONTINUE cards; other values as written. None: no such card, or a card without a
+  /// Answers the value of the first card of that name. Strings come without quotes and trailing blanks, long
+  /// ones joined over their CONTINUE cards; other values as written. None: no such card, or a card without a
   /// value.
   std::optional<std::string> GetString(std::string_view key) const;
-  /// The value as a number; a number written as a string ('060.00') counts, other text does not.
+  /// Answers the value as a number; a number written as a string ('060.00') counts, other text does not.
   std::optional<double> GetDouble(std::string_view key) const;
-  /// The value as a whole number; "40." and '40' count, 40.5 does not.
+  /// Answers the value as a whole number; "40." and '40' count, 40.5 does not.
   std::optional<std::int64_t> GetInt(std::string_view key) const;
 
   /// Gives the first card of that name a new value and comment in its place, or appends a card; later cards
@@ -66,14 +66,14 @@ struct KORIMG_SESSION_API Header {
   /// Appends text as HISTORY, 72 characters a card, broken at blanks where there are any.
   void AddHistory(std::string_view text);
 
-  /// The cards that belong into a file made from this one: without those that describe the layout, scaling,
-  /// compression, checksums and extremes of the source's pixels; SWMODIFY and DATE set. Everything else is
-  /// verbatim.
+  /// Answers the cards that belong into a file made from this one: without those that describe the layout,
+  /// scaling, compression, checksums and extremes of the source's pixels; SWMODIFY and DATE set. Everything
+  /// else is verbatim.
   std::vector<std::string> CardsForOutput() const;
 };
 
-/// What a camera raw file says of its sensor. Four values go by position in the 2 x 2 cell of the mosaic, row
-/// by row; three of them by plane where there is no mosaic.
+/// Holds what a camera raw file says of its sensor. Four values go by position in the 2 x 2 cell of the
+/// mosaic, row by row; three of them by plane where there is no mosaic.
 struct CameraRaw {
   std::string maker, model;                 ///< in the form of the library's lists
   double white = 0;                         ///< raw value of saturation
@@ -82,13 +82,13 @@ struct CameraRaw {
   std::array<double, 4> gains{1, 1, 1, 1};  ///< of its white balance, green 1
 };
 
-/// How stored numbers stand for raw values: raw value = zero + step * stored number.
+/// Tells how stored numbers stand for raw values: raw value = zero + step * stored number.
 struct KORIMG_SESSION_API Scale {
   double step = 1, zero = 0;
   bool hasBlank = false;  ///< 0 is stored for pixels that are no numbers, and for no others
 
   bool IsPlain() const { return step == 1 && zero == 0 && !hasBlank; }
-  /// As TIFF and PNG files hold it beside their pixels, and back; none where a text says no such thing.
+  /// Writes it as TIFF and PNG files hold it beside their pixels, and reads it; none for another text.
   std::string Text() const;
   static std::optional<Scale> Parse(std::string_view text);
 };
@@ -106,7 +106,7 @@ class KORIMG_SESSION_API RangeOf16Bits {
   bool whole_ = true, hasBlank_ = false;
 };
 
-/// What a file says about its image.
+/// Holds what a file says about its image.
 struct ImageInfo {
   std::filesystem::path path;
   std::string format;         ///< "FITS", "TIFF", "PNG" or "camera raw"
@@ -150,7 +150,7 @@ class KORIMG_SESSION_API ImageReader {
   virtual ~ImageReader() = default;
 
   const ImageInfo& Info() const { return info_; }
-  /// What rows are read without; null when all of them were wanted.
+  /// Tells what rows are read without; null when all of them were wanted.
   const std::shared_ptr<const ConstantBorder>& Border() const { return border_; }
 
   /// Fills a band, of the image's width and planes and any pitch, with physical values. Rows count as they
@@ -209,10 +209,10 @@ class KORIMG_SESSION_API ImageWriter {
   /// @throws FileError when the disk is full, std::out_of_range if the band is not one of the image, or out
   /// of order.
   void WriteRows(const Band<const float>& from);
-  /// The same for an extension, numbered from 0.
+  /// Does the same for an extension, numbered from 0.
   void WriteExtension(size_t number, const Band<const float>& from);
 
-  /// The final name.
+  /// Answers the final name.
   const std::filesystem::path& Path() const { return path_; }
 
   /// Completes the file and gives it its final name.
@@ -224,7 +224,7 @@ class KORIMG_SESSION_API ImageWriter {
   /// True when rows are stored from the lowest up.
   virtual bool RunsUp() const { return false; }
   virtual void Write(const Band<const float>& from) = 0;
-  /// For the formats that hold extensions.
+  /// Writes beside the image in formats that hold extensions.
   virtual void WriteBeside(size_t /*extension*/, const Band<const float>& /*from*/) {}
   virtual void Finish() = 0;
 
@@ -240,10 +240,10 @@ class KORIMG_SESSION_API ImageWriter {
   BandBuffer stored_;
 };
 
-/// A file name's extension in lower case, with its dot.
+/// Answers a file name's extension in lower case, with its dot.
 KORIMG_SESSION_API std::string LowerExtension(const std::filesystem::path& path);
 
-/// A file name that cameras give to raw files. Many of these are TIFF files by their first bytes.
+/// True for a file name that cameras give to raw files. Many of these are TIFF files by their first bytes.
 KORIMG_SESSION_API bool HasRawExtension(const std::filesystem::path& path);
 
 /// Removes the unfinished files of all writers. Calls nothing but unlink(): made for handlers of SIGINT and

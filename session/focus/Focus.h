@@ -45,7 +45,7 @@ struct FocusRanking {
 /// @throws FileError for a folder without images, Cancelled.
 KORIMG_SESSION_API FocusRanking RankByFocus(Job& job, const FocusOptions& options);
 
-/// The mean elongation of the brightest stars about the middle of an image, up to 40, as
+/// Measures the mean elongation of the brightest stars about the middle of an image, up to 40, as
 /// CImgEvaluateGuideError measures it: 1 for round ones; noise alone gives 1.1 to 1.2. `stars` are the
 /// image's own by falling flux, of which those with a flag do not count. None without such stars.
 KORIMG_SESSION_API std::optional<double> GuideErrorOf(CVelImage& image, const std::vector<CStar>& stars);

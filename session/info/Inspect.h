@@ -19,7 +19,7 @@ struct InspectOptions {
   std::string hdu;  ///< FITS: number or name of the extension that is read
 };
 
-/// Measures of the pixels of a plane that are not NaN, and its levels.
+/// Holds measures of the pixels of a plane that are not NaN, and its levels.
 struct PlaneContents {
   double min = 0, max = 0, mean = 0, median = 0, stddev = 0;
   double black = 0, white = 0;
@@ -37,7 +37,7 @@ struct FileContents {
 /// Reads and measures each file, in their order. What cannot be read is a failure of the job.
 /// @throws Cancelled
 KORIMG_SESSION_API std::vector<FileContents> Inspect(Job& job, const InspectOptions& options);
-/// The same one by one: take(contents) is called once for each file.
+/// Does the same one by one: take(contents) is called once for each file.
 KORIMG_SESSION_API void Inspect(Job& job, const InspectOptions& options,
                                 const std::function<void(FileContents)>& take);
 

@@ -31,13 +31,13 @@ class KORIMG_SESSION_API Error : public std::runtime_error {
   std::string subject_;
 };
 
-/// The call itself is wrong. The text says what to write instead.
+/// Says that the call itself is wrong. The text says what to write instead.
 class KORIMG_SESSION_API UsageError : public Error {
  public:
   explicit UsageError(const std::string& text) : Error(ErrorKind::Usage, text) {}
 };
 
-/// The job's cancel token was used. The text says what is left of the work.
+/// Says that the job's cancel token was used. The text says what is left of the work.
 class KORIMG_SESSION_API Cancelled : public Error {
  public:
   explicit Cancelled(const std::string& text = "cancelled; nothing unfinished was left behind")

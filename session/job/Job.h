@@ -21,7 +21,7 @@
 
 namespace korimg::session {
 
-/// What a job tells while it works.
+/// Holds what a job tells while it works.
 struct Event {
   enum Kind {
     Note,      ///< what was found, is planned, or is done
@@ -48,7 +48,7 @@ using Reporter = std::function<void(const Event&)>;
 class KORIMG_SESSION_API CancelToken {
  public:
   virtual ~CancelToken() = default;
-  /// Any thread may call it, and handlers of signals.
+  /// Cancels; any thread may call it, and handlers of signals.
   void Cancel() { cancelled_ = true; }
   virtual bool IsCancelled() { return cancelled_; }
 
@@ -82,24 +82,24 @@ class KORIMG_SESSION_API Job {
   /// Tells of something that was asked for and is not there. The job is no success, but goes on.
   void Fail(const std::string& line);
   bool HasFailed() const { return hasFailed_; }
-  /// What has become of a frame or an output: an object of JSON, and a line that says the same.
+  /// Tells what has become of a frame or an output: an object of JSON, and a line that says the same.
   void Tell(const std::string& data, const std::string& line) { Report({Event::Result, line, data}); }
 
   /// Shows how far a part of the work is: step of total. A total of 0 ends the display.
   void Progress(const std::string& title, long long step, long long total);
   /// Ends the display, and throws what the reporter threw during an operation.
   void EndProgress();
-  /// The same for work on many files, until a total of 0: what its parts show of theirs is kept away.
+  /// Does the same for work on many files, until a total of 0: what its parts show of theirs is kept away.
   void JobProgress(const std::string& title, long long step, long long total, const std::string& detail = "");
   /// Throws Cancelled once the token was used.
   void CheckCancelled() const;
-  /// The window that the library's operations show their progress on, under that title.
+  /// Answers the window that the library's operations show their progress on, under that title.
   HWND OperationWindow(const std::string& title);
 
-  /// Bytes that pixels may take.
+  /// Answers the bytes that pixels may take.
   long long Memory() const;
-  /// A store within the memory budget: "contiguous", which all of a job shares with its budget, or a new
-  /// "paged" one. Any thread may ask.
+  /// Makes a store within the memory budget: "contiguous", which all of a job shares with its budget, or a
+  /// new "paged" one. Any thread may ask.
   std::shared_ptr<CVmManager> MakeStore(const std::string& kind = "contiguous") const;
 
   /// Does a thing to each file. A failure is told in one line, and the other files are still done. The job
@@ -128,16 +128,16 @@ class KORIMG_SESSION_API Job {
   mutable std::shared_ptr<CVmManager> contiguous_;
 };
 
-/// Bytes of "200M", "1.5G", "4096". Throws UsageError.
+/// Answers the bytes of "200M", "1.5G", "4096". Throws UsageError.
 KORIMG_SESSION_API long long ParseSize(const std::string& text);
 
-/// The number that a text is, the whole of it.
+/// Answers the number that a text is, the whole of it.
 KORIMG_SESSION_API std::optional<double> ToNumber(const std::string& text);
 
-/// A share for people, as in "1.25 %".
+/// Writes a share for people, as in "1.25 %".
 KORIMG_SESSION_API std::string Percent(double share);
 
-/// Bytes of memory that this process held at most.
+/// Answers the bytes of memory that this process held at most.
 KORIMG_SESSION_API long long PeakMemory();
 
 }  // namespace korimg::session

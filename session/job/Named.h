@@ -24,7 +24,7 @@ std::vector<std::string> NamesOf(const std::vector<Named<E>>& choices) {
   return names;
 }
 
-/// The name of a value that has one.
+/// Answers the name of a value that has one.
 template <class E>
 std::string NameOf(const std::vector<Named<E>>& choices, E value) {
   for (const auto& choice : choices) {
@@ -33,7 +33,7 @@ std::string NameOf(const std::vector<Named<E>>& choices, E value) {
   return "";
 }
 
-/// What a name stands for. Throws UsageError for another one.
+/// Answers what a name stands for. Throws UsageError for another one.
 template <class E>
 E ValueOf(const std::vector<Named<E>>& choices, const std::string& name) {
   for (const auto& choice : choices) {

@@ -71,11 +71,11 @@ class KORIMG_SESSION_API LiveStack {
   /// @throws FileError for calibration frames that cannot be used, Cancelled, and then nothing is added
   LiveFrame Add(const std::filesystem::path& file);
 
-  /// The mean so far, NaN where no frame reaches, with levels that show it and the header of a stack: that of
-  /// the reference, with NCOMBINE. None before the first frame. SaveImage writes it. Any thread may ask, and
-  /// waits for an update of the mean at most, not for the work before it.
+  /// Answers the mean so far, NaN where no frame reaches, with levels that show it and the header of a stack:
+  /// that of the reference, with NCOMBINE. None before the first frame. SaveImage writes it. Any thread may
+  /// ask, and waits for an update of the mean at most, not for the work before it.
   std::optional<Image> Snapshot() const;
-  /// What became of each frame, in the order they came. Any thread may ask.
+  /// Tells what became of each frame, in the order they came. Any thread may ask.
   std::vector<LiveFrame> Frames() const;
 
  private:
@@ -83,8 +83,8 @@ class KORIMG_SESSION_API LiveStack {
   std::unique_ptr<Impl> impl_;
 };
 
-/// What stacks the frames of a folder properly: with these options Run does what it does on that folder, into
-/// `out`. Calibration frames of kinds that the folder lacks are those of live stacking.
+/// Answers what stacks the frames of a folder properly: with these options Run does what it does on that
+/// folder, into `out`. Calibration frames of kinds that the folder lacks are those of live stacking.
 /// @throws FileError as FindSession does
 KORIMG_SESSION_API RunOptions ProperRun(Job& job, const std::filesystem::path& folder,
                                         const std::filesystem::path& out, const LiveOptions& options);

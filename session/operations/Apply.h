@@ -20,7 +20,7 @@ struct ApplyOptions {
   std::string store = "contiguous", hdu;  ///< hdu: number or name of the FITS extension to read
   bool integers = false;                  ///< 16 bits in place of floats
 
-  /// The steps as they are written, with what limits them.
+  /// Tells the steps as they are written, with what limits them.
   KORIMG_SESSION_API std::string Text() const;
 };
 

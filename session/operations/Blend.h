@@ -18,7 +18,7 @@ struct KORIMG_SESSION_API BlendOptions {
   bool maskReverse = false, selectionReverse = false;
 
   bool Any() const { return !mask.empty() || !selection.empty(); }
-  /// As they are written in a call, with a blank before each.
+  /// Tells them as they are written in a call, with a blank before each.
   std::string Text() const;
 };
 

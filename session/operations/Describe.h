@@ -23,7 +23,7 @@ namespace korimg::session {
 /// What the library's operations are told, so that they show their progress.
 inline constexpr int kShow = 1;
 
-/// What an operation runs on.
+/// Holds what an operation runs on.
 class KORIMG_SESSION_API Call {
  public:
   Call(Job& job, const Operation& operation, Image& image, CRect* rect)
@@ -34,7 +34,7 @@ class KORIMG_SESSION_API Call {
   files::Header& header;              ///< of the image: operations that move pixels take it along
   CRect* rect;                        ///< null for the whole image
 
-  /// An operation object as the target: shaped like the image, and holding its pixels where the rectangle
+  /// Makes an operation object the target: shaped like the image, and holding its pixels where the rectangle
   /// leaves some of them alone.
   template <class Target>
   std::unique_ptr<Target> NewTarget() const {
@@ -43,7 +43,7 @@ class KORIMG_SESSION_API Call {
     return target;
   }
 
-  /// The image becomes what make(target) makes of it. make answers 0 when there is no room.
+  /// Replaces the image by what make(target) makes of it. make answers 0 when there is no room.
   template <class Target, class F>
   void Replace(F&& make) {
     auto target = NewTarget<Target>();
@@ -63,10 +63,10 @@ class KORIMG_SESSION_API Call {
     work(loan.borrower);
   }
 
-  /// Another image, in the same store where it comes from a file. It must have the size of this one, and its
-  /// planes where it has colours.
+  /// Loads another image, in the same store where it comes from a file. It must have the size of this one,
+  /// and its planes where it has colours.
   std::shared_ptr<CVelImage> Load(const ImageValue& source) const;
-  /// The same of any size.
+  /// Loads one of any size.
   std::shared_ptr<CVelImage> LoadAnySize(const ImageValue& source) const;
 
   const std::string& Name() const { return operation_.name; }
@@ -78,7 +78,7 @@ class KORIMG_SESSION_API Call {
   const Operation& operation_;
 };
 
-/// What is said of a parameter beside its name and type.
+/// Holds what is said of a parameter beside its name and type.
 struct About {
   std::string help;
   std::string unit = {};
@@ -96,7 +96,7 @@ class Describe {
     operation_.text = std::move(text);
   }
 
-  /// A parameter of the type that the member has.
+  /// Adds a parameter of the type that the member has.
   template <class T, class B>
   requires std::derived_from<O, B> Describe& Takes(const std::string& name, T B::*member,
                                                    const About& about) {
@@ -114,7 +114,7 @@ class Describe {
     return *this;
   }
 
-  /// A choice by name. The member's default is the first.
+  /// Adds a choice by name. The member's default is the first.
   template <class E, class B>
   requires std::derived_from<O, B> Describe& Chooses(
       const std::string& name, E B::*member, const std::vector<Named<std::type_identity_t<E>>>& choices,
@@ -128,13 +128,13 @@ class Describe {
     return *this;
   }
 
-  /// The last parameter must be given.
+  /// Tells that the last parameter must be given.
   Describe& Required() {
     operation_.parameters.back().required = true;
     operation_.parameters.back().defaultValue.reset();
     return *this;
   }
-  /// It may be confined to a rectangle.
+  /// Tells that it may be confined to a rectangle.
   Describe& OnRect() {
     operation_.takesRect = true;
     return *this;
@@ -143,7 +143,7 @@ class Describe {
     operation_.header = effect;
     return *this;
   }
-  /// It only reads the pixels of the image that it replaces, whatever its values.
+  /// Tells that it only reads the pixels of the image that it replaces, whatever its values.
   Describe& KeepsSource() {
     operation_.keepsSource = true;
     return *this;
@@ -157,7 +157,7 @@ class Describe {
     return *this;
   }
 
-  /// The options by values that are checked; the rest by defaults.
+  /// Answers the options by values that are checked; the rest by defaults.
   O Read(const Operation::Values& values) const {
     O options;
     for (const auto& [name, set] : setters_) {

@@ -8,7 +8,7 @@
 
 namespace korimg::session {
 
-/// The options of a step of `gradient`, those that it is not given by their defaults.
+/// Answers the options of a step of `gradient`, those that it is not given by their defaults.
 KORIMG_SESSION_API CImgGradient::Options GradientOptionsOf(const Step& step);
 
 }  // namespace korimg::session

@@ -50,7 +50,7 @@ struct PerPlane {
   PerPlane(std::vector<double> planes) : values(std::move(planes)) {}
   double operator[](int plane) const { return plane < Count() ? values[plane] : values.back(); }
   int Count() const { return static_cast<int>(values.size()); }
-  /// For so many planes, and three at least, as the library takes them.
+  /// Answers numbers for so many planes, and three at least, as the library takes them.
   template <class T = double>
   std::vector<T> For(int planes) const {
     std::vector<T> all;
@@ -91,13 +91,13 @@ struct KORIMG_SESSION_API Parameter {
   Value Check(const Value& value) const;
 };
 
-/// A value as it is written.
+/// Writes a value as it is written.
 KORIMG_SESSION_API std::string TextOf(const Value& value);
 
 /// Reads LEFT,TOP,RIGHT,BOTTOM; right and bottom are exclusive. Throws UsageError, also for an empty one.
 KORIMG_SESSION_API CRect ParseRect(const std::string& text);
 
-/// What an operation makes of what a header says.
+/// Tells what an operation makes of what a header says.
 enum class HeaderEffect {
   Keeps,        ///< all of it stays true
   Moves,        ///< world coordinates, pixel sizes and the phase of a mosaic go along with the pixels
@@ -126,7 +126,7 @@ struct Operation {
   /// Works on the call's image, or replaces it. Values are checked, and those with no default given.
   std::function<void(Call& call, const Values& values)> run;
 
-  /// The parameter of that name. Throws UsageError with the name of the operation.
+  /// Answers the parameter of that name. Throws UsageError with the name of the operation.
   KORIMG_SESSION_API const Parameter& Find(const std::string& name) const;
 };
 
@@ -135,7 +135,7 @@ struct Operation {
 class KORIMG_SESSION_API Step {
  public:
   explicit Step(const Operation& operation) : operation_(&operation) {}
-  /// With values as they are written.
+  /// Makes a step with values as they are written.
   Step(const Operation& operation, const std::map<std::string, std::string>& texts);
 
   /// Gives a parameter a value, as it is written or of its own type. Throws UsageError when the value is not
@@ -144,9 +144,9 @@ class KORIMG_SESSION_API Step {
   Step& SetValue(const std::string& name, const Value& value);
 
   const Operation& What() const { return *operation_; }
-  /// What it was given.
+  /// Answers what it was given.
   const Operation::Values& Values() const { return values_; }
-  /// "bright bright=10"
+  /// Writes it so: "bright bright=10"
   std::string Text() const;
   /// Throws UsageError when a parameter that must be given is missing.
   void CheckComplete() const;

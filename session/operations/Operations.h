@@ -10,14 +10,14 @@
 
 namespace korimg::session {
 
-/// All operations, by name.
+/// Answers all operations, by name.
 KORIMG_SESSION_API const std::vector<Operation>& Operations();
 
-/// The operation of that name. Throws UsageError with the nearest name.
+/// Answers the operation of that name. Throws UsageError with the nearest name.
 KORIMG_SESSION_API const Operation& FindOperation(const std::string& name);
 KORIMG_SESSION_API bool IsOperation(const std::string& name);
 
-/// The names of the families that have operations, in the order of the documentation.
+/// Answers the names of the families that have operations, in the order of the documentation.
 KORIMG_SESSION_API const std::vector<std::string>& Families();
 
 }  // namespace korimg::session

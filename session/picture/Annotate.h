@@ -17,12 +17,12 @@ struct Annotations {
   std::string title;                     ///< in the upper left corner; empty for none
   bool scaleBar = false;                 ///< in the lower left corner, of a round length in the sky
   std::filesystem::path stars;           ///< list of "x y [radius]" in pixels of the image; empty for none
-  std::vector<CImgGradient::Box> boxes;  ///< of sky, and those that are none, crossed out; in its pixels
+  std::vector<CImgGradient::Box> boxes;  ///< of sky, and other ones, crossed out; in its pixels
   int overturnedHeight =
       0;  ///< rows of an image that is drawn the other way round than stars and boxes lie, else 0
 };
 
-/// What is drawn unless it is told: the name of the object, and a scale bar where the scale is known.
+/// Answers what is drawn unless it is told: the name of the object, and a scale bar where the scale is known.
 KORIMG_SESSION_API Annotations DefaultAnnotations(const files::Header& header);
 
 /// Draws into a picture of which each pixel stands for binX x binY pixels of the image that the header tells

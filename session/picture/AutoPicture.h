@@ -12,20 +12,20 @@
 
 namespace korimg::session {
 
-/// How an image is shown: Auto stretches its midtones so that a linear image shows what is faint, with a grey
-/// sky, Linked with the same black for all planes; the others set black and white, and None leaves them.
+/// Tells how an image is shown: Auto stretches its midtones so that a linear image shows what is faint, on a
+/// grey sky, Linked with the same black for all planes; others set black and white, and None leaves them.
 enum class LevelMethod { Auto, Linked, Normal, Mean, Median, Histogram, None };
 inline const std::vector<Named<LevelMethod>> kLevelMethods = {
     {"auto", LevelMethod::Auto}, {"linked", LevelMethod::Linked}, {"normal", LevelMethod::Normal},
     {"mean", LevelMethod::Mean}, {"median", LevelMethod::Median}, {"histogram", LevelMethod::Histogram},
     {"none", LevelMethod::None}};
 
-/// What Auto and Linked show an image by: the sky, the median M with a spread s of 1.4826 times the median
-/// distance from it, becomes a quarter of white, and M - 2.8 s black. Colours keep their ratios above the
-/// sky. An image that is bright throughout, or of one value, is shown from its minimum to its maximum.
+/// Answers what Auto and Linked show an image by: the sky, the median M with a spread s of 1.4826 times the
+/// median distance from it, becomes a quarter of white, and M - 2.8 s black. Colours keep their ratios above
+/// the sky. An image that is bright throughout, or of one value, is shown from its minimum to its maximum.
 KORIMG_SESSION_API Levels StretchForPicture(CVelImage& image, bool linked = false);
-/// The same for an image that nobody holds as a whole, by its sky and by the extremes of each plane's finite
-/// pixels.
+/// Does the same for an image that nobody holds as a whole, by its sky and by the extremes of each plane's
+/// finite pixels.
 KORIMG_SESSION_API Levels StretchForPicture(const FrameLevels& sky,
                                             const std::vector<std::pair<double, double>>& extremes,
                                             bool linked = false);

@@ -18,7 +18,7 @@
 
 namespace korimg::session {
 
-/// Pixels with their levels, the store that they live in, and what the file or the caller says of them.
+/// Holds pixels with their levels, the store that they live in, and what the file or the caller says of them.
 /// Moved, never copied. Pixels are floats on the raw scale, 1 plane, 3 for red, green and blue,
 /// or 2 for the colour axes a and b.
 class KORIMG_SESSION_API Image {
@@ -31,39 +31,39 @@ class KORIMG_SESSION_API Image {
   /// @throws FileError, Cancelled
   static Image Open(Job& job, const std::shared_ptr<CVmManager>& store, const std::filesystem::path& path,
                     const files::ReadOptions& options = {});
-  /// The same in the job's own store.
+  /// Reads a file into the job's own store.
   static Image Open(Job& job, const std::filesystem::path& path, const files::ReadOptions& options = {});
 
-  /// An image over memory of somebody else, which `owner` keeps alive: without a copy where rows have nothing
-  /// between them, else copied once. Operations that work in place change that memory; the levels are the
-  /// extremes of the pixels, unless there are some to `set`, of each plane.
+  /// Makes an image over memory of somebody else, which `owner` keeps alive: without a copy where rows have
+  /// nothing between them, else copied once. Operations that work in place change that memory; the levels are
+  /// the extremes of the pixels, unless there are some to `set`, of each plane.
   /// @throws UsageError for bands of no pixels, and for levels whose white is not above black
   static Image Over(Job& job, const Band<float>& pixels, std::shared_ptr<const void> owner = nullptr,
                     const std::vector<std::pair<double, double>>& set = {}, ResultMemory result = {});
-  /// A copy of pixels, of any pitch.
+  /// Makes a copy of pixels, of any pitch.
   static Image CopyOf(Job& job, const Band<const float>& pixels);
 
   int Width() const { return pixels_->GetWidth(); }
   int Height() const { return pixels_->GetHeight(); }
   int Planes() const { return pixels_->GetPlanes(); }
   CVelImage& Pixels() const { return *pixels_; }
-  /// What operations replace by their results, in the same store.
+  /// Answers what operations replace by their results, in the same store.
   std::unique_ptr<CVelImage>& Pointer() { return pixels_; }
   files::ImageInfo& Info() { return info_; }
   const files::ImageInfo& Info() const { return info_; }
   files::Header& Header() { return info_.header; }
   const files::Header& Header() const { return info_.header; }
-  /// What is known of the pixels beside their values: nothing, unless who made them put it here.
+  /// Answers what is known of the pixels beside their values: nothing, unless who made them put it here.
   session::Quality& QualityOfPixels() { return quality_; }
 
   /// Copies the rows of a band out of the image, or into it.
   void ReadRows(const Band<float>& to) const;
   void WriteRows(const Band<const float>& from);
-  /// The pixels themselves, good until an operation replaces them. Contiguous stores only.
+  /// Answers the pixels themselves, good until an operation replaces them. Contiguous stores only.
   Band<float> Rows(int top, int rows) const { return RowsOf(*pixels_, top, rows); }
   Band<float> Rows() const { return Rows(0, Height()); }
 
-  /// The pixels of an image's rows in its store, which must be contiguous.
+  /// Answers the pixels of an image's rows in its store, which must be contiguous.
   static Band<float> RowsOf(CVelImage& image, int top, int rows, bool readOnly = false);
 
  private:
@@ -73,7 +73,7 @@ class KORIMG_SESSION_API Image {
   files::ImageInfo info_;
 };
 
-/// An image of floats in a store.
+/// Makes an image of floats in a store.
 KORIMG_SESSION_API std::unique_ptr<CVelImage> NewImage(const std::shared_ptr<CVmManager>& store, int width,
                                                        int height, int planes);
 

@@ -17,14 +17,14 @@
 
 namespace korimg::session {
 
-/// Bytes of an image in a store.
+/// Answers the bytes of an image in a store.
 KORIMG_SESSION_API long long BytesOf(const files::ImageInfo& info);
 
-/// Rows of a band of about 4 MiB.
+/// Answers the rows of a band of about 4 MiB.
 KORIMG_SESSION_API int BandRows(int width, int planes, int height);
 
-/// The smallest and the largest finite pixel of a plane; the smallest is above the largest when there is
-/// none.
+/// Finds the smallest and the largest finite pixel of a plane; the smallest is above the largest when there
+/// is none.
 KORIMG_SESSION_API std::pair<double, double> FiniteExtremes(CVelImage& image, int plane);
 
 /// Gives the pixels of a file the levels that Image::Open does; `lessBlack` as they were read.
@@ -33,8 +33,8 @@ KORIMG_SESSION_API void SetLevels(CVelImage& image, const files::ImageInfo& info
 /// Turns an image over, upside down.
 KORIMG_SESSION_API void TurnOver(CVelImage& image);
 
-/// The image of a file, in the same store as another, of the same size and lying as it does. `user` is what
-/// wants it. Throws FileError with both sizes.
+/// Loads the image of a file, in the same store as another, of the same size and lying as it does. `user` is
+/// what wants it. Throws FileError with both sizes.
 KORIMG_SESSION_API std::unique_ptr<CVelImage> LoadSameSize(Job& job, const CVelImage& image,
                                                            const files::Header& header,
                                                            const std::filesystem::path& path,
@@ -44,7 +44,7 @@ KORIMG_SESSION_API std::unique_ptr<CVelImage> LoadSameSize(Job& job, const CVelI
 KORIMG_SESSION_API void CheckSameSize(const CVelImage& other, const CVelImage& image,
                                       const std::filesystem::path& name, const std::string& user);
 
-/// What a file says of camera and exposure.
+/// Reads what a file says of camera and exposure.
 KORIMG_SESSION_API void ReadHeader(const files::ImageInfo& info, CHeader& camera);
 
 enum class Calculation : int { Add = 0, Subtract = 1, Multiply = 2, Divide = 3 };
@@ -61,8 +61,8 @@ struct SaveOptions {
   Correlation correlation = kUncorrelated;
 };
 
-/// What an image's pixels mean on a picture, by plane: raw values that are black and white, and the share of
-/// the way from one to the other that becomes medium grey, by CImgMidtones::Transfer.
+/// Tells what an image's pixels mean on a picture, by plane: raw values that are black and white, and the
+/// share of the way from one to the other that becomes medium grey, by CImgMidtones::Transfer.
 struct KORIMG_SESSION_API Levels {
   double min[3] = {}, max[3] = {}, midtone[3] = {0.5, 0.5, 0.5};
 
@@ -80,10 +80,10 @@ KORIMG_SESSION_API void CommitComputed(files::ImageWriter& writer);
 
 KORIMG_SESSION_API bool IsFits(const std::filesystem::path& path);
 
-/// PNG has 16 bits, whatever is asked for.
+/// True for PNG, which has 16 bits, whatever is asked for.
 KORIMG_SESSION_API bool IsPng(const std::filesystem::path& path);
 
-/// An image being written with a header, its levels as keywords. PNG holds 16-bit values from black to white
+/// Writes an image with a header, its levels as keywords. PNG holds 16-bit values from black to white
 /// by the levels, unless integers are asked for; FITS and TIFF hold raw values. What 16 bits stand for is
 /// written into the file.
 class KORIMG_SESSION_API ImageSaver {
@@ -106,14 +106,14 @@ class KORIMG_SESSION_API ImageSaver {
   std::unique_ptr<files::ImageWriter> writer_;
 };
 
-/// An 8-bit picture being written by levels, made smaller by a whole number of pixels: each of its pixels is
+/// Writes an 8-bit picture by levels, made smaller by a whole number of pixels: each of its pixels is
 /// the mean of what the levels show, so that a bright star stays a point. An overturned one has its last row
 /// at the top, and is held in memory until it is complete.
 class KORIMG_SESSION_API PictureSaver {
  public:
   PictureSaver(Job& job, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
                int shrink, bool overturned = false);
-  /// The same as a JPEG in memory, which must outlive this object.
+  /// Writes the same as a JPEG in memory, which must outlive this object.
   PictureSaver(std::string& jpeg, const Shape& shape, const Levels& levels, int shrink);
   /// Takes the next rows, whatever they count from.
   void Write(const Band<const float>& rows);
@@ -133,22 +133,22 @@ class KORIMG_SESSION_API PictureSaver {
   std::unique_ptr<files::ImageWriter> writer_;
 };
 
-/// PNG holds the image's own range where nobody chose its levels. TIFF and PNG are upright by the header's
-/// sky; FITS files lie as the image does. What is known of its quality is written too.
+/// Writes an image. PNG holds the image's own range where nobody chose its levels. TIFF and PNG are upright
+/// by the header's sky; FITS files lie as the image does. What is known of its quality is written too.
 /// @throws FileError for a quality and another format than FITS.
 KORIMG_SESSION_API void SaveImage(Job& job, CVelImage& image, const files::Header& header,
                                   const std::filesystem::path& path, const SaveOptions& options = {},
                                   const Quality& quality = {});
 KORIMG_SESSION_API void SavePicture(Job& job, CVelImage& image, const Levels& levels,
                                     const std::filesystem::path& path, int shrink, bool overturned = false);
-/// A JPEG of an image in memory.
+/// Makes a JPEG of an image in memory.
 KORIMG_SESSION_API std::string JpegOf(Job& job, CVelImage& image, const Levels& levels, int shrink);
 
 /// Brings pixels to what levels show of them, on their own scale: what lies beyond black and white comes to
 /// these, blank ones become black.
 KORIMG_SESSION_API void ShowByLevels(CVelImage& image, const Levels& levels);
 
-/// The whole number that brings a picture to at most `side` pixels.
+/// Answers the whole number that brings a picture to at most `side` pixels.
 KORIMG_SESSION_API int ShrinkTo(const Shape& shape, int side);
 
 }  // namespace korimg::session

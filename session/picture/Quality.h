@@ -16,7 +16,7 @@
 
 namespace korimg::session {
 
-/// Bits of a mask. A pixel of which nothing is to be said has 0.
+/// Names the bits of a mask. A pixel of which nothing is to be said has 0.
 struct MaskBit {
   enum : int {
     NoData = 1,
@@ -28,7 +28,7 @@ struct MaskBit {
   };
 };
 
-/// What is wanted of it, and what the noise is known by where files and frames do not tell.
+/// Tells what is wanted of it, and what the noise is known by where files and frames do not tell.
 struct QualityOptions {
   bool uncertainty = false, mask = false;
   std::optional<double> gain = {};       ///< electrons of a raw value
@@ -37,7 +37,7 @@ struct QualityOptions {
   bool Any() const { return uncertainty || mask; }
 };
 
-/// Rows of both beside the same rows of an image. What is not wanted or not known has no planes.
+/// Holds rows of both beside the same rows of an image. What is not wanted or not known has no planes.
 struct QualityRows {
   Band<float> variance = {};  ///< in squared raw values; NaN where there is no data
   Band<float> mask = {};      ///< sums of bits
@@ -49,10 +49,10 @@ struct QualityRows {
   }
 };
 
-/// Memory for such rows.
+/// Keeps memory for such rows.
 class QualityBuffer {
  public:
-  /// Those that `wanted` has, of an image of so many planes and columns.
+  /// Gives those that `wanted` has, of an image of so many planes and columns.
   QualityRows Get(const QualityRows& wanted, int planes, int width, int top, int rows) {
     return {wanted.variance.Planes() > 0 ? variance_.Get(planes, width, top, rows) : Band<float>(),
             wanted.mask.Planes() > 0 ? mask_.Get(planes, width, top, rows) : Band<float>()};
@@ -62,30 +62,30 @@ class QualityBuffer {
   BandBuffer variance_, mask_;
 };
 
-/// Both for a whole image, of its shape; null where they are not known.
+/// Holds both for a whole image, of its shape; null where they are not known.
 struct Quality {
   std::unique_ptr<CVelImage> variance, mask;
 
   bool Any() const { return variance || mask; }
-  /// In a contiguous store.
+  /// Answers rows of both, in a contiguous store.
   KORIMG_SESSION_API QualityRows Rows(int top, int rows) const;
 };
 
-/// Images for what is wanted, in a store.
+/// Makes images for what is wanted, in a store.
 KORIMG_SESSION_API Quality NewQuality(const std::shared_ptr<CVmManager>& store, const QualityOptions& wanted,
                                       int width, int height, int planes);
 
-/// By what the variance of a value between pixels is more than if these knew nothing of each other, by
-/// planes: pixels of a developed mosaic are made of the same photosites.
+/// Tells by how much the covariance of pixels raises the variance of a value between them, by planes: those
+/// of a developed mosaic are made of the same photosites.
 using Correlation = std::array<double, Band<float>::kMostPlanes>;
 constexpr Correlation kUncorrelated = {1, 1, 1};
 
-/// What both are written as beside an image: UNCERT, a standard deviation in floats, and MASK in bytes, whose
-/// header names the bits. So CCDData of astropy reads them.
+/// Tells what both are written as beside an image: UNCERT, a standard deviation in floats, and MASK in bytes,
+/// whose header names the bits. So CCDData of astropy reads them.
 KORIMG_SESSION_API std::vector<files::Extension> QualityExtensions(
     bool uncertainty, bool mask, const Correlation& correlation = kUncorrelated);
 
-/// The quality of an image file's rows, as such extensions hold it.
+/// Reads the quality of an image file's rows, as such extensions hold it.
 class KORIMG_SESSION_API QualityReader {
  public:
   /// Opens those that are there. Throws FileError for an uncertainty that is no standard deviation.

@@ -42,8 +42,8 @@ struct Picture {
   std::vector<unsigned char> pixels;  ///< by rows, the top one first; red, green and blue of a pixel together
 };
 
-/// The same of an image in memory, which is used up: it is shown as it lies, and `input`, `output` and `hdu`
-/// of the options are not looked at.
+/// Does the same to an image in memory, which is used up: it is shown as it lies, and `input`, `output` and
+/// `hdu` of the options are not looked at.
 /// @throws UsageError, Cancelled
 KORIMG_SESSION_API Picture RenderImage(Job& job, Image image, const RenderOptions& options);
 

@@ -15,7 +15,7 @@
 
 namespace korimg::session {
 
-/// What frames may be laid by, beside shift and turn.
+/// Tells what frames may be laid by, beside shift and turn.
 enum class FrameModel {
   Auto,   ///< the simplest of these that the stars do not refute
   Rigid,  ///< from here on as CFrameMap's
@@ -37,7 +37,7 @@ struct LayOptions {
   std::optional<CLensDistortion> lens = {};  ///< as it is known, for frames whose stars do not tell it
 };
 
-/// The frames of a session while they are laid.
+/// Holds the frames of a session while they are laid.
 struct FramesToLay {
   std::vector<std::filesystem::path> files;  ///< for messages
   std::vector<FrameMeasure> measures;
@@ -61,7 +61,7 @@ struct LaidFrames {
 /// Frames whose pixels cannot be read again are told of, and have the status "cannot be read".
 KORIMG_SESSION_API LaidFrames LayFrames(Job& job, const FramesToLay& frames, std::optional<size_t> reference,
                                         const LayOptions& options);
-/// On an image that is none of them.
+/// Lays frames on an image that is none of them.
 KORIMG_SESSION_API LaidFrames LayFrames(Job& job, const FramesToLay& frames, const FrameMeasure& reference,
                                         const ImageSource& image, const LayOptions& options);
 

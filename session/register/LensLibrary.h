@@ -13,14 +13,14 @@
 
 namespace korimg::session {
 
-/// A file of JSON with the lenses that sessions have told, by camera, lens and focal length.
+/// Keeps a file of JSON with the lenses that sessions have told, by camera, lens and focal length.
 class KORIMG_SESSION_API LensLibrary {
  public:
   /// The file need not be there. An empty path is no library: it knows none, and keeps none.
   explicit LensLibrary(std::filesystem::path path) : path_(std::move(path)) {}
 
-  /// INSTRUME, LENS or TELESCOP, FOCALLEN in whole millimetres, and the size; empty where the header names
-  /// neither camera nor lens.
+  /// Makes a key of INSTRUME, LENS or TELESCOP, FOCALLEN in whole millimetres, and the size; empty where the
+  /// header names neither camera nor lens.
   static std::string KeyOf(const files::Header& header, int width, int height);
 
   /// @throws files::FileError for a file that is no library.

@@ -21,7 +21,7 @@
 
 namespace korimg::session {
 
-/// What is kept of a frame once its pixels are gone.
+/// Holds what is kept of a frame once its pixels are gone.
 struct FrameMeasure {
   int width = 0, height = 0;
   double sky = 0, noise = 0;         ///< level and deviation, raw
@@ -36,13 +36,13 @@ struct FrameMeasure {
 /// Finds and measures the stars of an image, `sigmas` above the sky.
 KORIMG_SESSION_API FrameMeasure MeasureFrame(CVelImage& image, double sigmas = 5);
 
-/// The frame that others are best laid on: of those with half as many stars as the richest one, or more, and
-/// with three times the usual sky at most, that of the smallest FWHM; the first when no frame has any star.
-/// With `candidates`, one of those that are not 0; there must be one.
+/// Chooses the frame that others are best laid on: of those with half as many stars as the richest one, or
+/// more, and with three times the usual sky at most, that of the smallest FWHM; the first when no frame has
+/// any star. With `candidates`, one of those that are not 0; there must be one.
 KORIMG_SESSION_API size_t ChooseReference(const std::vector<FrameMeasure>& frames,
                                           const std::vector<char>& candidates = {});
 
-/// How a frame comes to lie on the reference.
+/// Tells how a frame comes to lie on the reference.
 struct Registration {
   std::string file;  ///< as the user named it
   /// In the terms of CImgComposit::Do: shifts in pixels, and degrees about the middle, clockwise on the
@@ -63,15 +63,15 @@ struct Registration {
   std::vector<CStarPair> pairs = {};
 
   bool IsGood() const { return status == "ok"; }
-  /// Status and note.
+  /// Tells status and note.
   std::string Text() const { return note.empty() ? status : status + ": " + note; }
 };
 
-/// Where a position of a frame comes to lie on the reference.
+/// Answers where a position of a frame comes to lie on the reference.
 KORIMG_SESSION_API std::pair<double, double> PlaceOf(const Registration& registration,
                                                      const FrameMeasure& frame, double x, double y);
 
-/// The registration of the reference itself.
+/// Answers the registration of the reference itself.
 KORIMG_SESSION_API Registration ReferenceRegistration(const FrameMeasure& reference);
 
 /// Gives an image again whose pixels were let go, and keeps what it needs to live.
@@ -126,15 +126,15 @@ KORIMG_SESSION_API bool RegisterThroughOthers(const std::vector<FrameMeasure>& f
 KORIMG_SESSION_API void CompareFluxes(const std::vector<FrameMeasure>& frames, const FrameMeasure& reference,
                                       std::vector<Registration>& registrations);
 
-/// Why a frame without a flux ratio cannot stand beside others that have one.
+/// Tells why a frame without a flux ratio cannot stand beside others that have one.
 inline constexpr const char* kNoCommonLight =
     "no star to compare its light with the reference's by; --normalize level takes it as it is";
 
-/// One line, an object of JSON: file, dx, dy, degrees, stars, residual_px, fwhm, flux_ratio, method, status,
-/// note, and map where shift and turn do not lay the frame; see MapJson.h.
+/// Writes one line, an object of JSON: file, dx, dy, degrees, stars, residual_px, fwhm, flux_ratio, method,
+/// status, note, and map where shift and turn do not lay the frame; see MapJson.h.
 KORIMG_SESSION_API std::string ToJson(const Registration& registration);
 
-/// The map of such an object. Throws UsageError for what is none.
+/// Reads the map of such an object. Throws UsageError for other texts.
 KORIMG_SESSION_API CFrameMap MapOf(const std::string& json);
 
 }  // namespace korimg::session

@@ -15,7 +15,7 @@
 
 namespace korimg::session {
 
-/// What frames are laid on the reference by.
+/// Tells what frames are laid on the reference by.
 enum class LayBy {
   Auto,  ///< their stars or their light; what these do not lay, by its world coordinates
   Stars,
@@ -57,7 +57,7 @@ struct RegisterResult {
 /// @throws FileError for a reference that cannot be read.
 KORIMG_SESSION_API RegisterResult RegisterFiles(Job& job, const RegisterOptions& options);
 
-/// The same for images from elsewhere. Of the options, files, reference and hdu are not looked at.
+/// Does the same for images from elsewhere. Of the options, files, reference and hdu are not looked at.
 KORIMG_SESSION_API RegisterResult RegisterImages(Job& job, const std::vector<RegisterSource>& images,
                                                  const RegisterReference& reference,
                                                  const RegisterOptions& options);

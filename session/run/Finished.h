@@ -42,25 +42,25 @@ struct FinishedRun {
   Shape grid;                       ///< of the reference
 };
 
-/// The folders of results at a folder: itself, and those right below it, as of several objects.
+/// Finds the folders of results at a folder: itself, and those right below it, as of several objects.
 KORIMG_SESSION_API std::vector<std::filesystem::path> FindRuns(const std::filesystem::path& folder);
 
 /// Reads what the last run that was finished in a folder has told of its frames. Files of stacks may be gone.
 /// @throws FileError where no run was finished, or by a version that kept other things.
 KORIMG_SESSION_API FinishedRun OpenRun(const std::filesystem::path& folder);
 
-/// A small JPEG of a light, made when it was measured; empty where that is gone.
+/// Answers a small JPEG of a light, made when it was measured; empty where that is gone.
 KORIMG_SESSION_API std::string ThumbnailOf(const FinishedRun& run, size_t frame);
 
-/// Which of the run's frames a selection leaves out, by the patterns of `include` and `exclude`.
+/// Tells which of the run's frames a selection leaves out, by the patterns of `include` and `exclude`.
 KORIMG_SESSION_API std::vector<bool> LeftOutBy(const FinishedRun& run, const RunOptions& selection);
-/// A pattern that fits one frame of the run and no other.
+/// Answers a pattern that fits one frame of the run and no other.
 KORIMG_SESSION_API std::string PatternOf(const FinishedRun& run, size_t frame);
-/// The options that stack the run again without some of its frames, into the same folder.
+/// Answers the options that stack the run again without some of its frames, into the same folder.
 KORIMG_SESSION_API RunOptions Again(const FinishedRun& run, const std::vector<bool>& leftOut);
 
-/// The calibrated and developed pixels of a run's frames, laid on its reference's grid as its stacks have
-/// them, but for their sky and weight. Writes nothing. Any thread may ask.
+/// Reads the calibrated and developed pixels of a run's frames, laid on its reference's grid as its stacks
+/// have them, but for their sky and weight. Writes nothing. Any thread may ask.
 class KORIMG_SESSION_API RegisteredFrames {
  public:
   /// Reads the masters and finds hot and cold pixels again, which takes a while.
@@ -72,12 +72,12 @@ class KORIMG_SESSION_API RegisteredFrames {
   /// Fills rows of a frame, NaN where it does not reach.
   /// @throws FileError for a frame that was not registered, or has changed since the run
   void Read(size_t frame, const Band<float>& to);
-  /// One stretch for all frames of a stack, so that they compare: that of the reference, or of the first one
-  /// that is stacked, about the sky of the frame.
+  /// Answers one stretch for all frames of a stack, so that they compare: that of the reference, or of the
+  /// first one that is stacked, about the sky of the frame.
   Levels StretchOf(size_t frame);
-  /// What the file of a frame says, but for where its pixels lie on the sky and in a mosaic.
+  /// Answers what the file of a frame says, but for where its pixels lie on the sky and in a mosaic.
   files::ImageInfo InfoOf(size_t frame) const;
-  /// Where the file of a stack has its last row at the top of a picture, these have it too.
+  /// True where the file of a stack has its last row at the top of a picture, these have it too.
   bool IsOverturned() const { return isOverturned_; }
 
  private:

@@ -11,7 +11,7 @@
 
 namespace korimg::session {
 
-/// What a frame may be to be stacked, relative to the median of the frames stacked with it. 0 sets no limit.
+/// Limits what frames are stacked, relative to the median of the frames stacked with them. 0 sets no limit.
 struct FrameLimits {
   double stars = 0.4;       ///< at least so many: clouds
   double fwhm = 1.5;        ///< at most: focus, seeing

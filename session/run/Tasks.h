@@ -11,9 +11,9 @@
 
 namespace korimg::session {
 
-/// Part of a run. The tasks of a stage may be done at the same time, on any machines that reach the frames
-/// and the folder of results by the same paths; a stage waits for the one before. All that a task leaves lies
-/// in that folder, and the last task takes it from there.
+/// Tells a part of a run. The tasks of a stage may be done at the same time, on any machines that reach the
+/// frames and the folder of results by the same paths; a stage waits for the one before. All that a task
+/// leaves lies in that folder, and the last task takes it from there.
 struct RunTask {
   enum Stage {
     Masters,   ///< makes the masters of all objects

@@ -19,7 +19,7 @@ struct SkyFilesOptions {
   std::string hdu;                           ///< FITS: number or name of the extension that is read
 };
 
-/// Of a plane's pixels there: the median and the standard deviation, raw.
+/// Holds of a plane's pixels there: the median and the standard deviation, raw.
 struct PlaneSky {
   double background = 0, noise = 0;
 };
@@ -37,8 +37,8 @@ struct FileSky : FoundSky {
 /// @throws Error when there is none.
 KORIMG_SESSION_API FoundSky FindSky(const Image& image);
 
-/// The same for each file, in the order of files: take(sky) is called once for each. What cannot be read, or
-/// has no clean sky, is a failure of the job.
+/// Does the same for each file, in the order of files: take(sky) is called once for each. What cannot be
+/// read, or has no clean sky, is a failure of the job.
 /// @throws FileError for a folder without images, Cancelled.
 KORIMG_SESSION_API void FindSky(Job& job, const SkyFilesOptions& options,
                                 const std::function<void(FileSky)>& take);

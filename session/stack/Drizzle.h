@@ -20,16 +20,16 @@ class RejectedPixels;
 inline const std::vector<Named<CImgDrizzle::Kernel>> kDrizzleKernels = {
     {"square", CImgDrizzle::Square}, {"point", CImgDrizzle::Point}, {"gaussian", CImgDrizzle::Gaussian}};
 
-/// What of a frame is drizzled where that is not what is stacked: the sites of its mosaic.
+/// Tells what of a frame is drizzled where that is not what is stacked: the sites of its mosaic.
 struct MosaicSites {
   CImgDrizzle::SitePlanes planes;
   std::function<void(const Band<float>& to)> read;  ///< as StackInput::read, of one plane
 };
 
-/// The planes of a mosaic's colours, by its CFA number.
+/// Answers the planes of a mosaic's colours, by its CFA number.
 KORIMG_SESSION_API CImgDrizzle::SitePlanes PlanesOfSites(int cfa);
 
-/// How the work is cut into bands.
+/// Tells how the work is cut into bands.
 struct KORIMG_SESSION_API DrizzlePlan {
   int rows = 0, bands = 0;
   long long totalBytes = 0;  ///< of the grid's sums and the frames' rows
@@ -37,7 +37,7 @@ struct KORIMG_SESSION_API DrizzlePlan {
   std::string Text() const;
 };
 
-/// What is drizzled.
+/// Holds what is drizzled.
 struct DrizzleFrames {
   const std::vector<StackInput>& inputs;
   int reference = 0;  ///< its number
@@ -46,7 +46,7 @@ struct DrizzleFrames {
   const RejectedPixels* rejected = nullptr;  ///< what is left out of them, if anything
 };
 
-/// The grid on the reference.
+/// Makes the grid on the reference.
 KORIMG_SESSION_API CImgDrizzle GridOf(const StackInput& reference, const CImgDrizzle::Options& options);
 
 /// @throws std::runtime_error when not even bands of one row fit into so many bytes.
@@ -66,8 +66,8 @@ void FindRejected(Job& job, const std::vector<StackInput>& inputs, int reference
 KORIMG_SESSION_API void Drizzle(Job& job, const DrizzleFrames& frames, const CImgDrizzle::Options& options,
                                 long long memory, int y0, const std::function<void(const StackBand&)>& sink);
 
-/// By how much more the noise of large areas is than that of single pixels tells, since drops fall on several
-/// of them (Casertano et al., 2000, AJ 120, 2747, for many positions of square drops).
+/// Tells by how much more the noise of large areas is than that of single pixels tells, since drops fall on
+/// several of them (Casertano et al., 2000, AJ 120, 2747, for many positions of square drops).
 KORIMG_SESSION_API double NoiseCorrelation(const CImgDrizzle::Options& options);
 
 /// Brings the header of a stack on the reference's grid to the fine one, and notes what becomes of the noise.
@@ -84,8 +84,8 @@ class KORIMG_SESSION_API WeightSpread {
  public:
   WeightSpread(const std::vector<StackInput>& inputs, int reference, const CImgDrizzle::Options& options);
   void Add(const Band<const float>& weights);
-  /// Their standard deviation over their median, the largest of all planes; none where frames have nothing in
-  /// common.
+  /// Answers their standard deviation over their median, the largest of all planes; none where frames have
+  /// nothing in common.
   std::optional<double> Get();
 
  private:

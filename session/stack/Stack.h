@@ -37,11 +37,11 @@ struct StackInput {
   std::function<void(const Band<float>& to, const QualityRows& quality)> readQuality = {};
   Correlation correlation = kUncorrelated;  ///< of its noise
 
-  /// The map, whichever it is.
+  /// Answers the map, whichever it is.
   CFrameMap Map() const {
     return map ? *map : CFrameMap::FromPose(dx, dy, degrees, shape.width, shape.height);
   }
-  /// The weights of the planes that it has, and their mean.
+  /// Answers the weights of the planes that it has, and their mean.
   std::vector<double> Weights() const { return {weights.begin(), weights.begin() + shape.planes}; }
   double Weight() const {
     return std::accumulate(weights.begin(), weights.begin() + shape.planes, 0.0) / shape.planes;
@@ -64,9 +64,9 @@ struct StackOptions {
   long long memory = 0;  ///< bytes for all that a stack holds, as DefaultStackMemory answers them
 };
 
-/// Rows of the result, NaN where no frame reaches. The maps hold the number of values that were rejected as
-/// too low and too high; they have no planes without StackOptions::rejectionMaps. What the mask tells of is
-/// no data, a saturated value among those that are left, and a third or more of them rejected.
+/// Holds rows of the result, NaN where no frame reaches. The maps hold the number of values that were
+/// rejected as too low and too high; they have no planes without StackOptions::rejectionMaps. What the mask
+/// tells of is no data, a saturated value among those that are left, and a third or more of them rejected.
 struct StackBand {
   Band<const float> result, low = {}, high = {};
   std::vector<CImgStack::Counts> counts = {};  ///< of each frame, in this band
@@ -74,19 +74,19 @@ struct StackBand {
   Band<const float> weights = {};              ///< of the result, where it is drizzled
 };
 
-/// Rows of a stack: from one to the one before another; all of them unless told otherwise.
+/// Names rows of a stack: from one to the one before another; all of them unless told otherwise.
 struct StackRows {
   int first = 0, end = std::numeric_limits<int>::max();
 
-  /// Part `number` of `parts`, from 1 on, of so many rows. Parts are as even as they can be; some are empty
-  /// where there are fewer rows.
+  /// Answers part `number` of `parts`, from 1 on, of so many rows. Parts are as even as they can be; some are
+  /// empty where there are fewer rows.
   static StackRows Part(int number, int parts, int height) {
     const auto edge = [&](int n) { return static_cast<int>(1LL * height * n / parts); };
     return {edge(number - 1), edge(number)};
   }
 };
 
-/// How a stack is cut into bands.
+/// Tells how a stack is cut into bands.
 struct KORIMG_SESSION_API StackPlan {
   int rows = 0, bands = 0;
   long long storeBytes = 0;  ///< values and flags of all frames for a band
@@ -95,11 +95,11 @@ struct KORIMG_SESSION_API StackPlan {
   std::string Text() const;
 };
 
-/// Bytes that a stack takes unless told otherwise: bands larger than that are no faster.
+/// Answers the bytes that a stack takes unless told otherwise: bands larger than that are no faster.
 KORIMG_SESSION_API long long DefaultStackMemory(const Job& job);
 
-/// The bands by the memory rule: frames x (rows + 1) x width x planes x 8 bytes, and what is held beside
-/// them.
+/// Plans the bands by the memory rule: frames x (rows + 1) x width x planes x 8 bytes, and what is held
+/// beside them.
 /// @throws std::runtime_error when not even bands of one row fit.
 KORIMG_SESSION_API StackPlan PlanStack(const std::vector<StackInput>& inputs, const Shape& shape,
                                        const StackOptions& options);
@@ -119,13 +119,13 @@ KORIMG_SESSION_API void Stack(Job& job, const std::vector<StackInput>& inputs, i
 void LayInput(const StackInput& input, CVelImage& frame, const FrameLevels& reference,
               const StackOptions& options, CVelImage& target);
 
-/// Some rows of a frame, spread evenly over it: enough to measure it by.
+/// Answers some rows of a frame, spread evenly over it: enough to measure it by.
 KORIMG_SESSION_API std::unique_ptr<CVelImage> SampleInput(const StackInput& input);
 
 /// Measures a frame for normalising and weights, by such rows.
 KORIMG_SESSION_API FrameLevels MeasureInput(const StackInput& input);
 
-/// What normalising multiplies a plane of a frame by.
+/// Answers what normalising multiplies a plane of a frame by.
 double ScaleOf(const FrameLevels& frame, const FrameLevels& reference, Normalisation normalisation,
                int plane = 0);
 
@@ -134,8 +134,8 @@ double ScaleOf(const FrameLevels& frame, const FrameLevels& reference, Normalisa
 /// @throws FileError that names the frame and the noise of both.
 KORIMG_SESSION_API void CheckScales(const std::vector<StackInput>& inputs, int reference);
 
-/// Weights by the noise of each plane, as normalising leaves it: one over its square. The best frame has 1 in
-/// each.
+/// Answers weights by the noise of each plane, as normalising leaves it: one over its square. The best frame
+/// has 1 in each.
 KORIMG_SESSION_API std::vector<CImgStack::PlaneWeights> NoiseWeights(const std::vector<StackInput>& inputs,
                                                                      int reference,
                                                                      Normalisation normalisation);

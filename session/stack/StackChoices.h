@@ -29,14 +29,15 @@ struct KORIMG_SESSION_API StackChoices {
 
   /// Decides what auto means: frames are brought to one scale where the light of their stars was compared.
   void Settle(bool fluxesAreCompared);
-  /// Whether outliers are rejected.
+  /// Tells whether outliers are rejected.
   bool Rejects() const { return method == "mean" && reject != "none"; }
-  /// Once that is settled. Throws UsageError for a kappa that is none, or that nothing asks for.
+  /// Answers the options once that is settled. Throws UsageError for a kappa that is no number, or that
+  /// nothing asks for.
   StackOptions Options() const;
-  /// As a call would be written with all that counts.
+  /// Tells it as a call would be written with all that counts.
   std::string Text() const;
-  /// By noise of each plane, by FWHM in pixels, or 1 for all; the best frame has 1, and one without a FWHM
-  /// too.
+  /// Weighs frames by noise of each plane, by FWHM in pixels, or 1 for all; the best frame has 1, and one
+  /// without a FWHM too.
   void Weigh(std::vector<StackInput>& inputs, const std::vector<double>& fwhms, int reference) const;
 };
 

@@ -35,7 +35,7 @@ struct FoundStars {
   files::Gain gain;                  ///< that the stars' signal to noise takes into account
   std::string noData;                ///< for people: what of the edges holds no data
 
-  /// The gain for people, and what it means that it is not known.
+  /// Tells the gain for people, and what it means that it is not known.
   KORIMG_SESSION_API std::string GainText() const;
 };
 
@@ -49,11 +49,11 @@ KORIMG_SESSION_API FoundStars FindStars(const Image& image, const StarOptions& o
 /// Gives the stars of each file, in the order of files. What cannot be read is a failure of the job.
 /// @throws FileError for a folder without images, Cancelled.
 KORIMG_SESSION_API std::vector<FileStars> FindStars(Job& job, const StarFilesOptions& options);
-/// The same for more stars than memory should hold: take(stars) is called once for each file.
+/// Does the same for more stars than memory should hold: take(stars) is called once for each file.
 KORIMG_SESSION_API void FindStars(Job& job, const StarFilesOptions& options,
                                   const std::function<void(FileStars)>& take);
 
-/// "saturated", "edge" and "blended" with commas between, as far as they are true of a star.
+/// Answers "saturated", "edge" and "blended" with commas between, as far as they are true of a star.
 KORIMG_SESSION_API std::string FlagsText(const CStar& star);
 
 /// Writes lines of "x y radius", which Annotate draws circles by, with the other measures as comments.

@@ -17,7 +17,7 @@
 
 namespace korimg::viewer {
 
-/// What the groups work on. Lives as long as the server.
+/// Holds what the groups work on. Lives as long as the server.
 struct Context {
   session::Job& job;
   Files files;
@@ -28,20 +28,20 @@ struct Context {
   Turns drawing = {}, searching = {}, writing = {};  ///< of previews, stars, and new files
 };
 
-/// The page itself, and the list of files.
+/// Adds the page itself, and the list of files.
 void AddPage(Router& router, Context& context);
-/// Looking at an image: tiles, pixels, header, statistics, stars.
+/// Adds looking at an image: tiles, pixels, header, statistics, stars.
 void AddImage(Router& router, Context& context);
-/// A session before it runs: its plan, and its run.
+/// Adds a session before it runs: its plan, and its run.
 void AddPlan(Router& router, Context& context);
-/// A folder that is being filled: the stack as it grows.
+/// Adds a folder that is being filled: the stack as it grows.
 void AddLive(Router& router, Context& context);
-/// Runs that are finished: frames, flags, previews, and doing them again.
+/// Adds runs that are finished: frames, flags, previews, and doing them again.
 void AddFinished(Router& router, Context& context);
-/// What takes long, as far as it is; see Work.
+/// Adds what takes long, as far as it is; see Work.
 void AddWork(Router& router, Context& context);
 
-/// Operations: their forms, previews, and new files.
+/// Adds operations: their forms, previews, and new files.
 void AddOperations(Router& router, Context& context);
 
 /// Reads "BLACK,MIDTONE,WHITE" of each plane in turn, or once for all of them. Throws UsageError.
@@ -50,7 +50,7 @@ session::Levels ReadLevels(const std::string& text);
 /// nothing. Throws UsageError.
 std::vector<session::Step> ReadSteps(const std::string& text);
 
-/// A token that ends a job once nobody waits for the answer, or the viewer ends.
+/// Makes a token that ends a job once nobody waits for the answer, or the viewer ends.
 std::shared_ptr<session::CancelToken> TokenOf(const Request& request, session::Job& job);
 
 }  // namespace korimg::viewer

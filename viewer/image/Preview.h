@@ -29,7 +29,7 @@ struct Preview {
   bool isWhole = false;  ///< the operations saw all of the picture, and not a window of it
 };
 
-/// A window of a level of the picture as an image that lies as the file does. Throws as Pyramid::Get.
+/// Answers a window of a level of the picture as an image that lies as the file does. Throws as Pyramid::Get.
 session::Image WindowOf(Pyramid& pyramid, int level, const CRect& rect, const std::function<bool()>& isGone);
 
 /// True when what a step makes of a pixel depends on none farther than kReach pixels away: it may be done to

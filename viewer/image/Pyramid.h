@@ -19,9 +19,9 @@
 
 namespace korimg::viewer {
 
-/// Levels of a picture: level 0 is the picture, and each pixel of the next one the mean of those of four that
-/// are no NaN; at odd sizes the last column and row are means of what there is. The coarsest level is one
-/// strip.
+/// Holds the levels of a picture: level 0 is the picture, and each pixel of the next one the mean of those of
+/// four that are no NaN; at odd sizes the last column and row are means of what there is. The coarsest level
+/// is one strip.
 ///
 /// A thread of its own goes through the picture once. Until it is done, levels that would take long are drawn
 /// of rows at steps: rough, at once. What the budget has room for is kept, from the coarsest level on; the
@@ -38,7 +38,8 @@ class Pyramid {
   };
   using StripPtr = std::shared_ptr<const Strip>;
 
-  /// With a budget in bytes. Reads the rows that the sky is measured by. Throws what the source throws.
+  /// Begins with a budget in bytes. Reads the rows that the sky is measured by. Throws what the source
+  /// throws.
   Pyramid(std::shared_ptr<const Source> source, long long budget);
   ~Pyramid();
 
@@ -47,21 +48,21 @@ class Pyramid {
   session::Shape At(int level) const { return shapes_[level]; }
   int Strips(int level) const { return (shapes_[level].height + kTile - 1) / kTile; }
 
-  /// Strip number `index` of a level.
+  /// Answers strip number `index` of a level.
   /// @throws Cancelled once isGone() says so, and what the source throws
   StripPtr Get(
       int level, int index, const std::function<bool()>& isGone = [] { return false; });
   /// Fills `to`, whose rows begin at 0, with a window of a level. Throws as Get.
   void Fill(int level, const CRect& window, const Band<float>& to, const std::function<bool()>& isGone);
-  /// Rows of the picture itself.
+  /// Reads rows of the picture itself.
   void Read(const Band<float>& to);
 
-  /// How far the pass is: 0 to 1. At 1 nothing is rough any more.
+  /// Tells how far the pass is: 0 to 1. At 1 nothing is rough any more.
   double Progress() const { return progress_; }
-  /// What went wrong with the pass, if anything: it ends there.
+  /// Tells what went wrong with the pass, if anything: it ends there.
   std::string Failure() const;
-  /// What the picture is shown by unless told: that of `korimg render`, once the pass is done; before by the
-  /// extremes of the rows that were seen.
+  /// Answers what the picture is shown by unless told: that of `korimg render`, once the pass is done; before
+  /// by the extremes of the rows that were seen.
   session::Levels Shown(bool linked) const;
   /// Gives an image of its planes the levels that the file's image has when it is opened.
   void GiveLevels(CVelImage& image) const;

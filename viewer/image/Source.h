@@ -24,7 +24,7 @@ struct Source {
   bool isOverturned = false;  ///< the picture's first row is the image's last one
   std::function<void(const Band<float>&)> read;  ///< fills rows of the picture, for one thread at a time
 
-  /// The row of the image that a row of the picture is, or the other way round.
+  /// Answers the row of the image that a row of the picture is, or the other way round.
   int Turned(int y) const { return isOverturned ? shape.height - 1 - y : y; }
 };
 
@@ -35,10 +35,11 @@ std::shared_ptr<const Source> Upright(const files::ImageInfo& info, const files:
                                       std::function<void(const Band<float>&)> read,
                                       std::optional<bool> isOverturned = {});
 
-/// The rows of a file as they are. Throws FileError.
+/// Opens the rows of a file as they are. Throws FileError.
 std::shared_ptr<const Source> OpenSource(const std::filesystem::path& path);
 
-/// The colours of a mosaic, by the file's own pattern; by the camera's white balance where the file has one.
+/// Opens the colours of a mosaic, by the file's own pattern; by the camera's white balance where the file has
+/// one.
 /// @throws FileError where the file has no mosaic, or none that can be developed
 std::shared_ptr<const Source> OpenDeveloped(session::Job& job, const std::filesystem::path& path);
 

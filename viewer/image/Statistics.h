@@ -11,7 +11,7 @@
 
 namespace korimg::viewer {
 
-/// Of the finite pixels of a plane; all 0 without any.
+/// Holds measures of the finite pixels of a plane; all 0 without any.
 struct PlaneStatistics {
   long long count = 0, blank = 0;  ///< blank: those that are not finite
   double min = 0, max = 0, mean = 0, median = 0;
@@ -34,8 +34,8 @@ RectStatistics Measure(
     Pyramid& pyramid, CRect rect, int bins, double low, double high,
     const std::function<bool()>& isGone = [] { return false; });
 
-/// Pixels of each plane along a line from one place of a picture to another: at equal steps, the first and
-/// the last place among them, the pixel that each lies in; NaN beside the picture.
+/// Answers pixels of each plane along a line from one place of a picture to another: at equal steps, the
+/// first and the last place among them, the pixel that each lies in; NaN beside the picture.
 /// @throws Cancelled once isGone() says so
 std::vector<std::vector<float>> ProfileOf(
     Pyramid& pyramid, const CfPoint& from, const CfPoint& to, int count,

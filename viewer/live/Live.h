@@ -25,29 +25,29 @@ struct WatchedFolder {
 /// it made. Nothing is written. Any thread may ask.
 class Live {
  public:
-  /// With a quarter of the job's memory. Ends with the job.
+  /// Begins with a quarter of the job's memory. Ends with the job.
   Live(session::Job& job, const WatchedFolder& watched);
   ~Live();
 
   const WatchedFolder& Watched() const { return watched_; }
-  /// What a page has seen: how often the stack was begun, how many frames, and which picture.
+  /// Tells what a page has seen: how often the stack was begun, how many frames, and which picture.
   struct Seen {
     int begun = 0, frames = 0, picture = -1;
   };
-  /// The state, and the frames that the page has not seen: at once where there are such, or another picture,
-  /// else when there are, or after some seconds.
+  /// Answers the state, and the frames that the page has not seen: at once where there are such, or another
+  /// picture, else when there are, or after some seconds.
   Json State(const Seen& seen, const std::function<bool()>& isGone) const;
   /// Begins anew with a frame as the first one, that others are laid on, by its number.
   /// @throws UsageError for a number that nothing has
   void BeginWith(int frame);
-  /// The picture of the stack, a JPEG of at most kSide pixels a side; empty before the first frame.
+  /// Answers the picture of the stack, a JPEG of at most kSide pixels a side; empty before the first frame.
   std::string Picture() const;
   static constexpr int kSide = 2048;  ///< chosen for a screen
   /// Tells of a file or folder within the watched one that is about to be written: it holds no frames.
   void PassOver(const std::filesystem::path& own);
-  /// The stack so far. Throws UsageError before the first frame.
+  /// Answers the stack so far. Throws UsageError before the first frame.
   session::Image Snapshot() const;
-  /// What stacks the frames properly, into `out`.
+  /// Answers what stacks the frames properly, into `out`.
   session::RunOptions Proper(session::Job& job, const std::filesystem::path& out) const;
 
  private:

@@ -15,7 +15,7 @@ class Flags {
   explicit Flags(const session::FinishedRun& run);
 
   const std::vector<bool>& Now() const { return now_; }
-  /// What is wrong with the file, if anything.
+  /// Tells what is wrong with the file, if anything.
   const std::string& Problem() const { return problem_; }
   bool IsSaved() const { return now_ == saved_; }
   bool CanUndo() const { return !before_.empty(); }

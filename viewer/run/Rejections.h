@@ -8,9 +8,9 @@
 
 namespace korimg::viewer {
 
-/// A tile of two maps of rejected values, as a PNG that is clear where there are none: blue where they were
-/// too low, orange where they were too high, which eyes of all kinds tell apart, and more opaque the more
-/// there are of `frames`, at a fifth of them fully. Of planes the largest number counts.
+/// Draws a tile of two maps of rejected values, as a PNG that is clear where there are none: blue where they
+/// were too low, orange where they were too high, which eyes of all kinds tell apart, and more opaque the
+/// more there are of `frames`, at a fifth of them fully. Of planes the largest number counts.
 /// @throws UsageError for a tile that is not there or maps of two sizes, and as Pyramid::Get
 std::string DrawRejections(
     Pyramid& low, Pyramid& high, const TilePlace& place, int frames,

@@ -18,13 +18,13 @@
 
 namespace korimg::viewer {
 
-/// JPEGs of a run's registered frames, all of a stack at one stretch about their own sky. As many are kept as
-/// fit into a budget.
+/// Makes JPEGs of a run's registered frames, all of a stack at one stretch about their own sky. As many are
+/// kept as fit into a budget.
 class Previews {
  public:
   explicit Previews(long long bytes) : bytes_(bytes) {}
 
-  /// A frame with at most `side` pixels along its longer side, upright as its stack.
+  /// Answers a frame with at most `side` pixels along its longer side, upright as its stack.
   /// @throws Cancelled once isGone() says so, and what RegisteredFrames throw
   std::string Get(
       session::RegisteredFrames& frames, const session::FinishedRun& run, std::size_t frame, int side,
@@ -38,15 +38,15 @@ class Previews {
   std::list<std::pair<Key, std::string>> kept_;  ///< the last one used first
 };
 
-/// A run as it was opened. Another object takes its place when it was done again.
+/// Holds a run as it was opened. Another object takes its place when it was done again.
 class ViewedRun {
  public:
   ViewedRun(session::Job& job, OpenImages& images, const std::filesystem::path& folder, int version);
 
   const session::FinishedRun& Run() const { return run_; }
-  /// For addresses: another one each time that it is opened.
+  /// Answers a number for addresses: another one each time that it is opened.
   int Version() const { return version_; }
-  /// The folder holds another run than this one by now.
+  /// True when the folder holds another run than this one by now.
   bool IsOld() const;
 
   /// Calls change(flags), which nobody else uses meanwhile.
@@ -56,10 +56,10 @@ class ViewedRun {
     return change(flags_);
   }
   std::string Preview(std::size_t frame, int side, const std::function<bool()>& isGone);
-  /// What a frame is shown by.
+  /// Answers what a frame is shown by.
   session::Levels LevelsOf(std::size_t frame);
   int Planes() { return Frames()->Size().planes; }
-  /// The number that a registered frame can be looked at by, as a file is.
+  /// Answers the number that a registered frame can be looked at by, as a file is.
   int ImageOf(std::size_t frame);
 
  private:
@@ -77,7 +77,7 @@ class ViewedRun {
   Previews previews_;
 };
 
-/// The finished runs in the folders that may be seen, by numbers. Any thread may ask.
+/// Holds the finished runs in the folders that may be seen, by numbers. Any thread may ask.
 class Runs {
  public:
   Runs(session::Job& job, Files& files, OpenImages& images) : job_(job), files_(files), images_(images) {}
@@ -87,8 +87,8 @@ class Runs {
     std::string name;
   };
   std::vector<Entry> List();
-  /// The run that the folder holds now. @throws UsageError for a number that nothing has, FileError for what
-  /// is no run any more
+  /// Answers the run that the folder holds now. @throws UsageError for a number that nothing has, FileError
+  /// for what is no run any more
   std::shared_ptr<ViewedRun> Get(int id);
 
  private:

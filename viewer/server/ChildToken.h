@@ -8,7 +8,7 @@
 
 namespace korimg::viewer {
 
-/// A token for part of a job's work: it is used up when the job's own is, too.
+/// Cancels a part of a job's work: it is used up when the job's own is, too.
 class ChildToken : public session::CancelToken {
  public:
   explicit ChildToken(std::shared_ptr<session::CancelToken> parent) : parent_(std::move(parent)) {}

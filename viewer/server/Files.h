@@ -10,18 +10,18 @@
 
 namespace korimg::viewer {
 
-/// A path is that of a folder, or of something in it.
+/// True when a path is that of a folder, or of something in it.
 bool IsBelow(const std::filesystem::path& path, const std::filesystem::path& folder);
 
-/// Where something new is written in a folder. Throws UsageError for what is no plain name, or hidden, and
-/// FileError for a link: it would lead elsewhere.
+/// Answers where something new is written in a folder. Throws UsageError for what is no plain name, or
+/// hidden, and FileError for a link: it would lead elsewhere.
 std::filesystem::path NewIn(const std::filesystem::path& folder, const std::string& name);
 
-/// Where the results of a run are written in a folder. Throws as NewIn, and FileError for a file.
+/// Answers where the results of a run are written in a folder. Throws as NewIn, and FileError for a file.
 std::filesystem::path ResultsIn(const std::filesystem::path& folder, const std::string& name);
 
-/// A list of images that pages speak of by numbers, never by paths. Links are followed only as far as they
-/// stay below a named folder; this is looked at again whenever a file is opened. Any thread may call it.
+/// Keeps a list of images that pages speak of by numbers, never by paths. Links are followed only as far as
+/// they stay below a named folder; this is looked at again whenever a file is opened. Any thread may call it.
 class Files {
  public:
   struct Entry {
@@ -33,19 +33,19 @@ class Files {
   /// @throws FileError for a path that is not there.
   explicit Files(const std::vector<std::filesystem::path>& named);
 
-  /// What there is now, in the order of names; an image keeps its number.
+  /// Answers what there is now, in the order of names; an image keeps its number.
   std::vector<Entry> List();
-  /// The real path of an image. Throws UsageError for a number that nothing has, and FileError for what has
-  /// gone, or has come to lie elsewhere.
+  /// Answers the real path of an image. Throws UsageError for a number that nothing has, and FileError for
+  /// what has gone, or has come to lie elsewhere.
   std::filesystem::path Find(int id);
-  /// Where a new image of this name may be written: beside an image that is seen. Throws UsageError for what
-  /// is no plain name of a FITS, TIFF or PNG file.
+  /// Answers where a new image of this name may be written: beside an image that is seen. Throws UsageError
+  /// for what is no plain name of a FITS, TIFF or PNG file.
   std::filesystem::path Beside(int id, const std::string& name);
   /// Has a file that was written so in the list, and answers its number.
   int Add(const std::filesystem::path& path);
-  /// The number of an image that may be seen, by its path; none for others.
+  /// Answers the number of an image that may be seen, by its path; none for others.
   std::optional<int> NumberOf(const std::filesystem::path& path);
-  /// The named folders, real paths.
+  /// Answers the named folders, real paths.
   const std::vector<std::filesystem::path>& Folders() const { return folders_; }
 
  private:

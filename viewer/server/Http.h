@@ -42,7 +42,7 @@ struct HttpOptions {
   std::size_t largestBody = 1 << 20;   ///< bytes
 };
 
-/// A server of HTTP/1.1 on its own threads.
+/// Serves HTTP/1.1 on its own threads.
 class HttpServer {
  public:
   /// Begins to listen. `answer` is called by many threads at once, and throws nothing.

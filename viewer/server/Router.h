@@ -15,7 +15,7 @@ namespace korimg::viewer {
 
 using Json = nlohmann::ordered_json;
 
-/// 128 random bits, in hexadecimal digits.
+/// Makes 128 random bits, in hexadecimal digits.
 std::string NewToken();
 
 /// Answers requests for /TOKEN/NAME. Names are whole texts, never paths of files. Whoever does not know the
@@ -27,9 +27,9 @@ class Router {
   /// With `anyHost` this machine may be asked for by any name, as where it listens to others.
   explicit Router(std::string token, bool anyHost = false) : token_(std::move(token)), anyHost_(anyHost) {}
 
-  /// What is asked for and changes nothing.
+  /// Adds what is asked for and changes nothing.
   void Get(const std::string& name, Handler handler) { gets_[name] = std::move(handler); }
-  /// What does something.
+  /// Adds what does something.
   void Post(const std::string& name, Handler handler) { posts_[name] = std::move(handler); }
 
   /// Answers any request. What a handler throws is told as {"error": text}.
@@ -43,21 +43,22 @@ class Router {
   std::map<std::string, Handler, std::less<>> gets_, posts_;
 };
 
-/// What went wrong as the page tells it: files by their names, without their folders.
+/// Tells what went wrong as the page tells it: files by their names, without their folders.
 std::string TextFor(const session::Error& error);
 
-/// An object for the page.
+/// Answers with an object for the page.
 Response JsonResponse(const Json& json, int status = 200);
 
-/// A number of a request's query, within limits. Throws UsageError where it is missing or beyond them.
+/// Reads a number of a request's query, within limits. Throws UsageError where it is missing or beyond them.
 double NumberOf(const Request& request, const std::string& name, double low, double high);
 int WholeOf(const Request& request, const std::string& name, int low, int high);
-/// A text of the query; empty where it is missing.
+/// Reads a text of the query; empty where it is missing.
 std::string TextOf(const Request& request, const std::string& name);
 
-/// The object that is a request's body. Throws UsageError.
+/// Reads the object that is a request's body. Throws UsageError.
 Json BodyOf(const Request& request);
-/// A value of it, or another one where it is missing or null. Throws UsageError for one of another kind.
+/// Reads a value of it, or another one where it is missing or null. Throws UsageError for one of another
+/// kind.
 template <class T>
 T ValueIn(const Json& body, const char* name, const T& other) {
   try {
@@ -67,7 +68,7 @@ T ValueIn(const Json& body, const char* name, const T& other) {
   }
 }
 
-/// A word as a shell takes it.
+/// Writes a word as a shell takes it.
 std::string Quoted(const std::string& word);
 
 }  // namespace korimg::viewer

@@ -13,7 +13,7 @@ namespace korimg::viewer {
 /// Has requests wait for each other. Any thread may ask.
 class Turns {
  public:
-  /// Its turn, until it ends.
+  /// Holds a turn, until it ends.
   class Turn {
    public:
     explicit Turn(Turns& turns) : turns_(turns) {}

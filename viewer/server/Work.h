@@ -21,7 +21,7 @@ class Work {
   /// Does the job, and answers what pages are to know of it.
   using Doing = std::function<Json(session::Job& job)>;
 
-  /// Jobs end with `parent`, and take half of its memory.
+  /// Begins idle; jobs end with `parent`, and take half of its memory.
   explicit Work(session::Job& parent) : parent_(parent) {}
   /// Cancels what is at work, and waits for its end.
   ~Work();
@@ -32,8 +32,8 @@ class Work {
   int Start(const std::string& title, const session::JobOptions& options, Doing doing);
   /// Ends the job at its next step.
   void Cancel();
-  /// The job's number, title and state ("idle", "working", "done", "failed", "cancelled"), with its "error"
-  /// or its "result", and the number of its last event.
+  /// Answers the job's number, title and state ("idle", "working", "done", "failed", "cancelled"), with its
+  /// "error" or its "result", and the number of its last event.
   Json State() const;
   /// Sends the events after number `last` as server-sent events, and those that come, until the job has
   /// ended and all is sent, or nobody listens. Events are objects with a "kind": those of the job as named in

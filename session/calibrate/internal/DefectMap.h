@@ -14,7 +14,7 @@
 
 namespace korimg::session {
 
-/// The pixels of one colour about each pixel of a sensor, the nearest first; of a mono one, all pixels.
+/// Lists the pixels of one colour about each pixel of a sensor, the nearest first; of a mono one, all pixels.
 class SameColour {
  public:
   static constexpr int kReach = 4;  ///< columns and rows
@@ -23,11 +23,11 @@ class SameColour {
     int x, y;
   };
 
-  /// By the number of a colour filter array; 0 is a mono sensor.
+  /// Lists them by the number of a colour filter array; 0 is a mono sensor.
   explicit SameColour(int cfa);
 
   const std::vector<Offset>& About(int x, int y) const { return offsets_[y & 3][x & 3]; }
-  /// The number of a pixel's colour; less than 0 between the sites of a honeycomb.
+  /// Answers the number of a pixel's colour; less than 0 between the sites of a honeycomb.
   int ColourAt(int x, int y) const { return colours_[y & 3][x & 3]; }
 
  private:
@@ -40,7 +40,7 @@ struct Defect {
   bool isHot;
 };
 
-/// The defects of a sensor, whose frames have one plane.
+/// Holds the defects of a sensor, whose frames have one plane.
 class DefectMap {
  public:
   /// Rows above and below a pixel that are looked at for what stands in for it.
@@ -49,7 +49,7 @@ class DefectMap {
   DefectMap(int width, int height, int cfa, std::vector<Defect> defects);
 
   const std::vector<Defect>& Defects() const { return defects_; }
-  /// The pixel is none of them.
+  /// True when the pixel is not one of them.
   bool IsGood(int x, int y) const;
   int Hot() const { return hot_; }
   int Cold() const { return static_cast<int>(defects_.size()) - hot_; }
@@ -69,7 +69,7 @@ class DefectMap {
     };
     Mend(rowsOf(rows), top, bottom, rowsOf(quality.variance), rowsOf(quality.mask));
   }
-  /// 1 where a pixel is hot, -1 where it is cold, else 0.
+  /// Makes an image of 1 where a pixel is hot, -1 where it is cold, else 0.
   std::unique_ptr<CVelImage> ToImage(const std::shared_ptr<CVmManager>& store) const;
 
  private:
@@ -82,7 +82,7 @@ class DefectMap {
 
 /// Finds the defects of a sensor by its dark: pixels that lie further from the median of their colour than 10
 /// times the standard deviation that the median distance stands for, and as far from the median of the
-/// pixels of their colour about them, so that the glow of an amplifier is none.
+/// pixels of their colour about them, so that the glow of an amplifier is no defect.
 DefectMap FindDefectsInDark(CVelImage& dark, int cfa);
 
 /// Calibrated rows of a light that is not developed, by bands from the first to the last.

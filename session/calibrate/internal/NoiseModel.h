@@ -5,7 +5,7 @@
 
 namespace korimg::session {
 
-/// Variances are in squared raw values.
+/// Models the noise of a sensor; variances are in squared raw values.
 struct NoiseModel {
   double gain = 1;         ///< electrons of a raw value
   double floor = 0;        ///< variance of a raw value without light: readout and dark current

@@ -34,12 +34,12 @@ struct Light {
   const Group* Offset() const { return dark ? dark : bias; }
   bool Changes() const { return Offset() || flat || mosaic.cfa > 0; }
   std::string Name() const { return frame.path.filename().string(); }
-  /// The names of what serves it.
+  /// Tells the names of what serves it.
   std::string Served() const;
   nlohmann::ordered_json Description() const;
 };
 
-/// Hot and cold pixels of the lights that they were found for.
+/// Holds hot and cold pixels of the lights that they were found for.
 struct Defects {
   const Group* dark = nullptr;        ///< by which they are found; null: by the lights
   std::vector<const Light*> lights;   ///< that they are mended in
@@ -47,28 +47,28 @@ struct Defects {
   std::filesystem::path file;         ///< of the map
   std::unique_ptr<DefectMap> map;     ///< there once it is found
 
-  /// Lights that they are found by where there is no dark: an odd number of up to seven, spread evenly. None
-  /// where there are fewer than three: two do not tell hot pixels from hits of cosmic rays.
+  /// Answers the lights that they are found by where there is no dark: an odd number of up to seven, spread
+  /// evenly. None where there are fewer than three: two do not tell hot pixels from hits of cosmic rays.
   std::vector<const Light*> Sample() const;
-  /// Where they are from, for people.
+  /// Tells where they are from, for people.
   std::string Source() const;
 };
 
-/// Lights and calibration frames: matched when it is made, and ready to work after Prepare.
+/// Holds lights and calibration frames: matched when it is made, and ready to work after Prepare.
 class Session {
  public:
   /// Reads the headers of all frames. A light that nothing fits is an error of its own, and is left out.
   /// @throws FileError when no calibration frame of a kind can be read.
   Session(Job& job, const CalibrateOptions& options);
 
-  /// Groups of calibration frames, and what serves which lights.
+  /// Tells the groups of calibration frames, and what serves which lights.
   void Show() const;
   /// Refuses outputs that exist, unless they are told to be `ours`, and those that are inputs whatever the
   /// options say. Answers all that are not there yet, the masters among them.
   std::vector<std::filesystem::path> CheckOutputs(
       std::vector<std::filesystem::path> outputs,
       const std::function<bool(const std::filesystem::path&)>& ours = {}) const;
-  /// All masters that are needed were made of the same frames, and are where the options keep them.
+  /// True when all masters that are needed were made of the same frames, and are where the options keep them.
   bool HasMasters();
   /// Makes the masters that are needed, writes them where the options want them, and chooses the white
   /// balance of each camera by its first light. Warns of whatever is wrong with the set of frames.
@@ -81,7 +81,7 @@ class Session {
   [[nodiscard]] bool Exchange(const std::filesystem::path& path);
 
   const std::vector<Light>& Lights() const { return lights_; }
-  /// Groups that serve a light or such a flat, those of offsets first.
+  /// Answers groups that serve a light or such a flat, those of offsets first.
   std::vector<const Group*> NeededGroups() const;
   /// A light that was left out.
   struct FailedLight {
@@ -91,27 +91,27 @@ class Session {
     bool isUnfinished = false;  ///< it is still being written, and no failure
   };
   const std::vector<FailedLight>& Failed() const { return failed_; }
-  /// A line on each master, and on each map of hot and cold pixels.
+  /// Answers a line on each master, and on each map of hot and cold pixels.
   const std::vector<std::string>& MasterLines() const { return masterLines_; }
-  /// The hot and cold pixels of a light; null where none are looked for.
+  /// Answers the hot and cold pixels of a light; null where none are looked for.
   const DefectMap* DefectsOf(const Light& light) const;
   const CalibrateOptions& Options() const { return options_; }
-  /// Of all that a light's calibrated pixels depend on, once it is prepared.
+  /// Answers a digest of all that a light's calibrated pixels depend on, once it is prepared.
   std::string DigestOf(const Light& light) const;
 
   struct Calibrated {
     Image loaded;
     double clipped;  ///< share of the pixels limited at 0
   };
-  /// A light from its file, less its offset and divided by its flat, its hot and cold pixels mended; mosaics
-  /// stay. What of its edges holds one value throughout is NaN. Its quality comes with it where the options
-  /// want it.
+  /// Loads a light from its file, less its offset and divided by its flat, its hot and cold pixels mended;
+  /// mosaics stay. What of its edges holds one value throughout is NaN. Its quality comes with it where the
+  /// options want it.
   Calibrated LoadLight(const Light& light) const;
-  /// The development of a light's mosaic, calibrated and free of its pedestal.
+  /// Answers the development of a light's mosaic, calibrated and free of its pedestal.
   Development Develop(MosaicSource source, const Light& light, files::ImageInfo& info) const;
-  /// The white balance that it is developed with, once it is prepared.
+  /// Answers the white balance that it is developed with, once it is prepared.
   const WhiteBalance& BalanceOf(const Light& light) const;
-  /// What that makes of the quality of its photosites; null where none is wanted.
+  /// Answers what that makes of the quality of its photosites; null where none is wanted.
   const DevelopedNoise* NoiseOfDevelopment(const Light& light) const;
   /// Puts what was done into the header of a light.
   void Describe(files::Header& header, const Light& light, double clipped) const;
@@ -161,16 +161,16 @@ class Session {
   void SaveMap(const Defects& defects) const;
   void ChooseWhiteBalances();
   const Master* MasterOf(const Group* group) const { return group ? &masters_.at(group) : nullptr; }
-  /// The master's pixels as the light lies; null for no group.
+  /// Answers the master's pixels as the light lies; null for no group.
   CVelImage* ImageOf(const Group* group, const Light& light) const;
-  /// The levels that LoadLight gives.
+  /// Answers the levels that LoadLight gives.
   Levels MosaicLevels(const Light& light) const;
   long long Apply(const Light& light, CVelImage& image, CVelImage* offset, CVelImage* flat) const;
-  /// The quality of raw rows once they are calibrated, their defects not yet mended; `info` as it is once
-  /// they were read.
+  /// Fills in the quality of raw rows once they are calibrated, their defects not yet mended; `info` as it is
+  /// once they were read.
   void FillQuality(const Light& light, const files::ImageInfo& info, const Band<const float>& raw,
                    const QualityRows& to) const;
-  /// How far below 0 a light's pixels may lie once their offset is taken off.
+  /// Answers how far below 0 a light's pixels may lie once their offset is taken off.
   double PedestalOf(const Light& light) const;
 
   Job& job_;
@@ -199,16 +199,17 @@ class Session {
   mutable std::mutex levelsMutex_;
 };
 
-/// A light's calibrated pixels by rows, without holding more of it than these; mosaics stay.
+/// Reads a light's calibrated pixels by rows, without holding more of it than these; mosaics stay.
 class CalibratedRows {
  public:
   CalibratedRows(const Session& session, const Light& light,
                  std::shared_ptr<const files::ConstantBorder> border);
 
   files::ImageReader& Reader() const { return *reader_; }
-  /// Hot and cold pixels are mended. The quality of the same rows is filled as far as it is asked for.
+  /// Fills a band, hot and cold pixels mended. The quality of the same rows is filled as far as it is asked
+  /// for.
   void Read(const Band<float>& to, const QualityRows& quality = {});
-  /// Share of the pixels read so far that were limited at 0.
+  /// Answers the share of the pixels read so far that were limited at 0.
   double Clipped() const;
 
  private:
@@ -222,7 +223,7 @@ class CalibratedRows {
   long long clipped_ = 0, seen_ = 0;
 };
 
-/// A light's calibrated and developed pixels, by rows, without holding more of it than these.
+/// Reads a light's calibrated and developed pixels, by rows, without holding more of it than these.
 class LightRows {
  public:
   /// What of the light's edges holds one value throughout is NaN. Who reads a light again gives what Border
@@ -231,9 +232,9 @@ class LightRows {
   LightRows(const Session& session, const Light& light,
             std::shared_ptr<const files::ConstantBorder> border = nullptr);
 
-  /// Of the developed image.
+  /// Answers the size of the developed image.
   Shape Size() const { return shape_; }
-  /// What the file says, and what was done to it.
+  /// Tells what the file says, and what was done to it.
   const files::ImageInfo& Info() const { return info_; }
   const std::shared_ptr<const files::ConstantBorder>& Border() const { return rows_.Reader().Border(); }
   /// Fills a band of the developed image, and the quality of the same rows as far as it is asked for.
@@ -256,7 +257,7 @@ class LightRows {
   Shape shape_;
 };
 
-/// All of a light, calibrated and developed. The image keeps its store, which must be contiguous.
+/// Loads all of a light, calibrated and developed. The image keeps its store, which must be contiguous.
 std::shared_ptr<CVelImage> LoadWhole(LightRows& rows, const std::shared_ptr<CVmManager>& store);
 
 }  // namespace korimg::session

@@ -13,13 +13,13 @@ namespace korimg::files {
 
 class ImageReader;
 
-/// Pixels that hold no data: runs of one value from the left and the right edge of rows. Such runs are also
-/// what whole rows at the top and the bottom are, and the wedges that turning leaves.
+/// Finds pixels that hold no data: runs of one value from the left and the right edge of rows. Such runs are
+/// also what whole rows at the top and the bottom are, and the wedges that turning leaves.
 ///
-/// Sky that is honestly constant is kept. No border is: a value that more than 30 % of the other pixels have
-/// too, as a sky of zeros has or a frame without noise; the highest value of the image where bright pixels
-/// lie beside it, which is saturation; what would leave less than a tenth of the image; and what is not
-/// bounded by straight lines, as the black sky around a planet is not.
+/// Sky that is honestly constant is kept. These are no borders: a value that more than 30 % of the other
+/// pixels have too, as a sky of zeros has or a frame without noise; the highest value of the image where
+/// bright pixels lie beside it, which is saturation; what would leave less than a tenth of the image; and
+/// what is not bounded by straight lines, as the black sky around a planet is not.
 class ConstantBorder {
  public:
   /// Reads a few rows at the top and the bottom; all of an image whose corners look like a border. Throws
@@ -27,14 +27,14 @@ class ConstantBorder {
   static std::shared_ptr<const ConstantBorder> Find(ImageReader& reader);
 
   bool IsEmpty() const { return share_ == 0; }
-  /// One line, without an end, for people; empty when there is none.
+  /// Answers one line, without an end, for people; empty when there is none.
   std::string Text() const;
   /// Makes NaN of what lies on the rows of a band.
   void Blank(const Band<float>& pixels) const;
 
-  /// As it is kept, to spare reading the image again.
+  /// Writes it as it is kept, to spare reading the image again.
   friend void to_json(nlohmann::json& json, const ConstantBorder& border);
-  /// Throws what JSON throws for one that is none.
+  /// Reads it again. Throws what JSON throws for another object.
   friend void from_json(const nlohmann::json& json, ConstantBorder& border);
 
  private:

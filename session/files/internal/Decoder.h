@@ -18,7 +18,7 @@ class Decoder {
   Decoder(const Decoder&) = delete;
   Decoder& operator=(const Decoder&) = delete;
 
-  /// What the decoder says of the file.
+  /// Answers what the decoder says of the file.
   nlohmann::json Open();
   /// Sends a request, with the descriptor of a file for pixels, and waits for the answer. From one thread at
   /// a time.
@@ -37,7 +37,7 @@ class Decoder {
   FileDescriptor socket_;  ///< of its process, unless it has none
 };
 
-/// A file of zeros in memory, for decoders to write to. Errors speak of the file `shown`.
+/// Makes a file of zeros in memory, for decoders to write to. Errors speak of the file `shown`.
 File MemoryFile(const std::filesystem::path& shown, std::size_t bytes);
 
 }  // namespace korimg::files

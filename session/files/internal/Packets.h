@@ -19,7 +19,7 @@ struct Packet {
 /// Sends to a socket of whole packets; text that is no UTF-8 is mended. False when nobody listens any more.
 bool SendPacket(int socket, const nlohmann::json& json, int descriptor = -1);
 
-/// Waits for a packet; nothing when the other side is gone, or sends what is no object.
+/// Waits for a packet; nothing when the other side is gone, or sends no JSON object.
 std::optional<Packet> ReceivePacket(int socket);
 
 }  // namespace korimg::files

@@ -9,21 +9,21 @@
 
 namespace korimg::files {
 
-/// Seconds since 1970, UTC, of a FITS date such as 2026-03-14T21:05:30.250; a day alone is its beginning. An
-/// offset from UTC at its end (Z, -0700, +01:00, +02), which some programs write, is heeded.
+/// Answers the seconds since 1970, UTC, of a FITS date such as 2026-03-14T21:05:30.250; a day alone is its
+/// beginning. An offset from UTC at its end (Z, -0700, +01:00, +02), which some programs write, is heeded.
 KORIMG_SESSION_API std::optional<double> FitsTime(const std::string& date);
-/// The same backwards, to the millisecond.
+/// Does the same backwards, to the millisecond.
 KORIMG_SESSION_API std::string FitsDate(double seconds);
 
-/// Modified Julian date of seconds since 1970, and backwards.
+/// Answer the modified Julian date of seconds since 1970, and backwards.
 KORIMG_SESSION_API double ToMjd(double seconds);
 KORIMG_SESSION_API double FromMjd(double days);
 
-/// Exposure time in seconds, by EXPTIME or EXPOSURE.
+/// Answers the exposure time in seconds, by EXPTIME or EXPOSURE.
 KORIMG_SESSION_API std::optional<double> ExposureOf(const Header& header);
 
-/// When the exposure began, in seconds since 1970: by DATE-BEG, by DATE-OBS with TIME-OBS or UT where it is a
-/// day alone, or by MJD-BEG or MJD-OBS.
+/// Tells when the exposure began, in seconds since 1970: by DATE-BEG, by DATE-OBS with TIME-OBS or UT where
+/// it is a day alone, or by MJD-BEG or MJD-OBS.
 KORIMG_SESSION_API std::optional<double> StartOf(const Header& header);
 
 }  // namespace korimg::files

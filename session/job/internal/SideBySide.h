@@ -13,8 +13,8 @@
 
 namespace korimg::session {
 
-/// Frames that are worked on at a time, each by its share of this thread's team: each holds an image, or a
-/// band of one, so that they are few. Chosen.
+/// Answers the number of frames that are worked on at a time, each by its share of this thread's team: each
+/// holds an image, or a band of one, so that they are few. Chosen.
 inline int FramesAtOnce() {
   constexpr int kMost = 4;
   return std::min(CParallel::GetMaxThreads(), kMost);

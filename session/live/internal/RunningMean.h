@@ -30,7 +30,7 @@ class RunningMean {
  public:
   using PlaneValues = std::array<double, 3>;
 
-  /// In a contiguous store.
+  /// Begins empty, in a contiguous store.
   RunningMean(std::shared_ptr<CVmManager> store, const Shape& shape, double kappa);
 
   /// Adds a frame of the same shape, in the same store: its weights, which are positive, and the standard
@@ -40,9 +40,9 @@ class RunningMean {
   std::vector<double> Add(std::unique_ptr<CVelImage> frame, const PlaneValues& weights,
                           const PlaneValues& noise);
 
-  /// A new image of the mean, in the same store; NaN where nothing counts.
+  /// Makes a new image of the mean, in the same store; NaN where nothing counts.
   std::unique_ptr<CVelImage> Mean() const;
-  /// Nothing was added yet.
+  /// True while nothing was added.
   bool IsEmpty() const { return isEmpty_; }
 
  private:

@@ -12,8 +12,9 @@ struct Counts {
   double readNoise = 0;  ///< electrons
 };
 
-/// What is told; else the gain of the header, or one by which the noise of the sky would be that of its
-/// light, and the read noise that the light of the sky leaves of its noise. The job is told where it is from.
+/// Answers what is told; else the gain of the header, or one by which the noise of the sky would be that of
+/// its light, and the read noise that the light of the sky leaves of its noise. The job is told where it is
+/// from.
 Counts CountsOf(const Call& call, std::optional<double> gain, std::optional<double> readNoise);
 
 /// Adds the parameters of both.

@@ -25,21 +25,22 @@ inline void CheckRadius(const Call& call, double radius) {
   }
 }
 
-/// A radius for each plane, and three at least.
+/// Answers a radius for each plane, and three at least.
 inline std::vector<double> Radii(const Call& call, const PerPlane& radius) {
   auto radii = radius.For(call.image->GetPlanes());
   CheckRadius(call, *std::max_element(radii.begin(), radii.end()));
   return radii;
 }
 
-/// The sigma of a Gaussian for each plane, and three at least.
+/// Answers the sigma of a Gaussian for each plane, and three at least.
 inline std::vector<double> Sigmas(const Call& call, const PerPlane& sigma) {
   auto sigmas = sigma.For(call.image->GetPlanes());
   CheckRadius(call, CFilterMatrix::GetGaussian_nR(*std::max_element(sigmas.begin(), sigmas.end())));
   return sigmas;
 }
 
-/// Values for each plane that may be left out, as the library takes them: a flag that says so, and a number.
+/// Holds values for each plane that may be left out, as the library takes them: a flag that says so, and a
+/// number.
 struct OptionalValues {
   std::vector<int> given;
   std::vector<double> values;
@@ -50,7 +51,7 @@ struct OptionalValues {
   }
 };
 
-/// The limits of a filter that can be confined to a band of levels.
+/// Holds the limits of a filter that can be confined to a band of levels.
 struct BandOptions {
   std::optional<PerPlane> dark, darkRange, highlight, highlightRange;
 

@@ -12,7 +12,7 @@
 
 namespace korimg::session {
 
-/// What there is to do, as far as headers tell.
+/// Holds what there is to do, as far as headers tell.
 struct Workload {
   struct Master {
     size_t frames = 0;
@@ -33,7 +33,7 @@ struct Workload {
   std::filesystem::path out, masterFolder;  ///< no folder of masters: they are not kept
 };
 
-/// Upper limits of memory and disk, which hold whatever is left out, and about the time.
+/// Holds upper limits of memory and disk, which hold whatever is left out, and about the time.
 struct Cost {
   long long memory = 0;                ///< bytes that are held at once
   long long temporary = 0;             ///< bytes beyond the budget, in temporary files

@@ -8,7 +8,7 @@
 
 namespace korimg::session {
 
-/// What the stars of a frame tell of it.
+/// Holds what the stars of a frame tell of it.
 struct SeenStars {
   int count;
   double fwhm, elongation;
@@ -17,7 +17,7 @@ struct SeenStars {
   SeenStars(const FrameMeasure& frame) : SeenStars(frame.starCount, frame.fwhm, frame.elongation) {}
 };
 
-/// The limits in stars and pixels; 0 sets none.
+/// Holds the limits in stars and pixels; 0 sets none.
 struct FrameBounds {
   static constexpr int kEnough = 20;     ///< stars, chosen: fewer tell nothing of FWHM and elongation
   static constexpr size_t kTelling = 3;  ///< frames with so many stars: of fewer the median says little
@@ -26,7 +26,7 @@ struct FrameBounds {
   size_t starry;  ///< frames with enough stars
 
   FrameBounds(const FrameLimits& limits, const std::vector<SeenStars>& frames);
-  /// Empty for a frame within the limits.
+  /// Tells why a frame is bad; empty for one within the limits.
   std::string WhyBad(const SeenStars& frame) const;
 };
 

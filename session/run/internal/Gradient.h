@@ -16,9 +16,10 @@ struct TakenGradient {
   CImgGradient::Findings findings;
   int planes = 1;
 
-  /// What was taken off about the level that stays, by planes, and by how many boxes of sky: for people.
+  /// Tells what was taken off about the level that stays, by planes, and by how many boxes of sky: for
+  /// people.
   std::string Text() const;
-  /// The same for programs.
+  /// Tells the same for programs.
   nlohmann::ordered_json Description() const;
 };
 

@@ -34,7 +34,7 @@ using KeptJson = nlohmann::json;
 
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Shape, width, height, planes)
 
-/// Bytes that are no text.
+/// Keeps bytes that are no text.
 inline KeptJson Binary(const std::string& bytes) {
   return KeptJson::binary(std::vector<std::uint8_t>(bytes.begin(), bytes.end()));
 }
@@ -65,7 +65,7 @@ inline void from_json(const KeptJson& json, FrameMeasure& m) {
   if (json.contains("guideError")) m.guideError = json["guideError"].get<double>();
 }
 
-/// The file is left out: the light's own name says it.
+/// Leaves the file out: the light's own name says it.
 inline void to_json(KeptJson& json, const Registration& r) {
   json = {{"dx", r.dx},
           {"dy", r.dy},

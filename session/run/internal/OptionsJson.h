@@ -7,9 +7,9 @@
 
 namespace korimg::session {
 
-/// All but the lens, which lies beside the masters. Paths are made absolute.
+/// Writes all but the lens, which lies beside the masters. Paths are made absolute.
 nlohmann::json ToJson(const RunOptions& options);
-/// Throws what JSON throws for what is none, and UsageError for names that nothing has.
+/// Reads them again. Throws what JSON throws for another object, and UsageError for names that nothing has.
 RunOptions RunOptionsFrom(const nlohmann::json& json);
 
 }  // namespace korimg::session

@@ -51,25 +51,25 @@ struct RunTarget {
   std::vector<RunLight*> frames = {};
 };
 
-/// Share of the values that were rejected.
+/// Answers the share of the values that were rejected.
 inline double ShareRejected(const CImgStack::Counts& c) {
   return c.values > 0 ? static_cast<double>(c.low + c.high) / static_cast<double>(c.values) : 0;
 }
 
-/// Each stage goes on from what the ones before it found, in the order of Do. Those of tasks leave what they
-/// find in the state, and take from there what others found.
+/// Does a run, stage by stage: each goes on from what the ones before it found, in the order of Do. Those of
+/// tasks leave what they find in the state, and take from there what others found.
 class Road {
  public:
   Road(Job& job, const RunOptions& options, std::vector<RunFrame> excluded = {});
 
   /// Tells of the work; throws FileError when there is none.
   void Show();
-  /// The plan of each light, for programs.
+  /// Tells the plan of each light, for programs.
   void TellPlan() const;
   RunResult Do();
 
   size_t Lights() const { return frames_.size(); }
-  /// The stacks whose rows may be made one by one.
+  /// Answers the stacks whose rows may be made one by one.
   std::vector<std::string> StacksInParts() const;
 
   // Tasks.cpp tells of them; parts count from 1 on.
@@ -79,14 +79,14 @@ class Road {
   void StackPart(const std::string& stack, int part, int parts);
 
  private:
-  /// The frames that are laid, and on what.
+  /// Holds the frames that are laid, and on what.
   struct Laying {
     std::vector<size_t> numbers;
     std::shared_ptr<CVelImage> whole;  ///< of a reference that is none of them
     std::string digest;                ///< of all that they lie by, but for the lens
     std::string camera;                ///< and lens
   };
-  /// What a target's stack is made of, and how.
+  /// Tells what a target's stack is made of, and how.
   struct Making {
     std::vector<RunLight*> used;
     size_t reference = 0;  ///< of these
@@ -99,7 +99,7 @@ class Road {
     StackRows rows;
     std::filesystem::path path;
   };
-  /// How many values were rejected in each pixel.
+  /// Counts how many values were rejected in each pixel.
   struct RejectionMaps {
     std::unique_ptr<CVelImage> low, high;
   };
@@ -114,7 +114,7 @@ class Road {
   void Plan(const std::string& line);
   void LeaveOut(RunLight& frame, const std::string& reason);
   Workload Work() const;
-  /// What a light takes once it is developed, and while its stars are found.
+  /// Answers what a light takes once it is developed, and while its stars are found.
   long long BytesOfFrame() const;
   static std::optional<double> StartOf(const RunLight& frame);
   std::vector<std::filesystem::path> Outputs() const;
@@ -137,9 +137,9 @@ class Road {
   void LeaveOutCopies();
 
   // Registering.cpp
-  /// What is known of lenses lies beside the masters.
+  /// Tells where lenses are kept: what is known of them lies beside the masters.
   std::filesystem::path Lenses() const;
-  /// The frame that others lie on.
+  /// Answers the frame that others lie on.
   const RunLight& Grid() const { return fixed_ ? *fixed_ : frames_[reference_]; }
   std::string NameOf(const RunLight& frame) const;
   std::shared_ptr<CVelImage> FindReference();
@@ -147,7 +147,7 @@ class Road {
   std::optional<LaidFrames> FindLaid(const Laying& laying) const;
   LaidFrames Lay(const Laying& laying);
   void Apply(const Laying& laying, const LaidFrames& laid);
-  /// False when they were laid before.
+  /// Lays the frames; false when they were laid before.
   bool RegisterFrames();
   void LeaveOutBad(const RunTarget& target);
   void TellLimitsThatSayLittle(const RunTarget& target, size_t frames, size_t starry);
@@ -155,12 +155,12 @@ class Road {
   // Stacking.cpp
   std::vector<std::filesystem::path> OutputsOf(const RunTarget& target) const;
   std::vector<StackInput> Inputs(const std::vector<RunLight*>& used) const;
-  /// None where no frame is left.
+  /// Begins a stack; none where no frame is left.
   std::optional<Making> BeginStack(const RunTarget& target);
   void StackFrames(const RunTarget& target);
-  /// False when it was done before, or there is nothing to stack.
+  /// Stacks a part; false when it was done before, or there is nothing to stack.
   bool StackRowsOf(const RunTarget& target, int part, int parts);
-  /// The files of rows that tasks have made, from the top down.
+  /// Answers the files of rows that tasks have made, from the top down.
   std::vector<Part> PartsOf(const RunTarget& target) const;
   Journal OpenPart(const Making& made, const std::filesystem::path& path, const StackRows& rows,
                    Journal::Use use = Journal::Finished) const;

@@ -11,18 +11,19 @@
 
 namespace korimg::session {
 
-/// A pattern, as of a shell, is that of a light: of its name, or of its path as it is given or as a whole.
+/// True when a pattern, as of a shell, is that of a light: of its name, or of its path as it is given or as a
+/// whole.
 bool FitsPattern(const std::filesystem::path& light, const std::string& pattern);
 
 /// Takes the lights that are not wanted out of the options, and answers them.
 std::vector<RunFrame> TakeExcluded(Job& job, RunOptions& options);
 
-/// The lights by the object that they show, with names for folders: one nameless object when they show one,
-/// or say nothing of it.
+/// Parts the lights by the object that they show, with names for folders: one nameless object when they show
+/// one, or say nothing of it.
 std::map<std::string, std::vector<std::filesystem::path>> ByObject(
     const std::vector<std::filesystem::path>& lights);
 
-/// The name of a filter or an object as it may stand in the name of a file.
+/// Answers the name of a filter or an object as it may stand in the name of a file.
 std::string FileWord(const std::string& text);
 
 }  // namespace korimg::session

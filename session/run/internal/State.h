@@ -11,36 +11,37 @@
 
 namespace korimg::session {
 
-/// The folder .korimg in the folder of results: what was measured of each light, what each stack was made of,
-/// and the names of what was written. Everything in it is made anew where it is missing or of no use.
+/// Keeps the folder .korimg in the folder of results: what was measured of each light, what each stack was
+/// made of, and the names of what was written. Everything in it is made anew where it is missing or of no
+/// use.
 class RunState {
  public:
   using Json = nlohmann::json;
 
-  /// With `overwrite` all is made anew.
+  /// Opens it; with `overwrite` all is made anew.
   /// @throws FileError when the results in the folder are those of other lights.
   RunState(std::filesystem::path out, const std::vector<std::filesystem::path>& lights, bool overwrite);
 
-  /// To look at what is there, whatever it is of.
+  /// Opens it to look at what is there, whatever it is of.
   explicit RunState(const std::filesystem::path& out) : folder_(out / ".korimg") {}
 
-  /// An output that an earlier call wrote, or began to.
+  /// True for an output that an earlier call wrote, or began to.
   bool Owns(const std::filesystem::path& output) const;
-  /// Outputs of earlier calls that are there, and that this one does not make.
+  /// Answers outputs of earlier calls that are there, and that this one does not make.
   std::vector<std::filesystem::path> Stale(const std::vector<std::filesystem::path>& outputs) const;
-  /// An earlier call left something to go on with.
+  /// True when an earlier call left something to go on with.
   bool HasKept() const { return hasKept_; }
-  /// The outputs are ours from now on.
+  /// Makes the outputs ours from now on.
   void Begin(const std::vector<std::filesystem::path>& outputs);
 
-  /// Where other things may be kept, too.
+  /// Tells where other things may be kept, too.
   const std::filesystem::path& Folder() const { return folder_; }
   /// Takes away what processes that were killed left half-written; nobody else may be at work.
   void Tidy() const;
-  /// As if there had been no run.
+  /// Forgets all, as if there had been no run.
   void Forget() const;
 
-  /// What was kept under a name, if it was made of the same.
+  /// Answers what was kept under a name, if it was made of the same.
   std::optional<Json> Find(const std::string& name, const std::string& digest) const;
   void Keep(const std::string& name, const std::string& digest, Json data);
 

@@ -6,7 +6,7 @@
 
 namespace korimg::session {
 
-/// Where moments stand on an axis. Pauses of more than 3 hours are shortened to one small width.
+/// Tells where moments stand on an axis. Pauses of more than 3 hours are shortened to one small width.
 struct TimeAxis {
   struct Pause {
     double at;     ///< its middle on the axis

@@ -20,11 +20,11 @@ class Random {
 
   std::uint64_t Next() { return Mix(state_ += kStep); }
 
-  /// In (0, 1).
+  /// Answers a uniform deviate in (0, 1).
   double Uniform() { return (static_cast<double>(Next() >> 11) + 0.5) * 0x1p-53; }
   double Uniform(double low, double high) { return low + (high - low) * Uniform(); }
 
-  /// Mean 0 and variance 1, by the transform of Box and Muller.
+  /// Answers a normal deviate of mean 0 and variance 1, by the transform of Box and Muller.
   double Normal() {
     if (hasSpare_) {
       hasSpare_ = false;
@@ -36,7 +36,8 @@ class Random {
     return radius * std::cos(angle);
   }
 
-  /// Poisson counts: exact up to a mean of 20; above, a normal deviate corrected for skewness and rounded.
+  /// Answers Poisson counts: exact up to a mean of 20; above, a normal deviate corrected for skewness and
+  /// rounded.
   double Poisson(double mean) {
     if (mean <= 0) return 0;
     if (mean < 20) {

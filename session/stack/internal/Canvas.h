@@ -22,14 +22,14 @@ struct Canvas {
 /// one: beyond the reference's frame nobody knows what it would do. True when they do.
 bool Straighten(std::vector<StackInput>& inputs);
 
-/// The smallest one. Throws FileError for a frame whose place is no number, or so far off that the canvas
-/// would be a hundred times the frames.
+/// Finds the smallest one. Throws FileError for a frame whose place is no number, or so far off that the
+/// canvas would be a hundred times the frames.
 Canvas CanvasOf(const std::vector<StackInput>& inputs, const Shape& reference);
 
 /// Moves frames from the reference's grid to that of the canvas.
 void LayOn(const Canvas& canvas, std::vector<StackInput>& inputs);
 
-/// What is taken off the planes of a frame, once its light is multiplied.
+/// Holds what is taken off the planes of a frame, once its light is multiplied.
 struct FrameSky {
   double scale = 1;
   std::vector<SmoothSurface> surfaces;  ///< by planes, in pixels of the frame
@@ -42,7 +42,7 @@ struct FrameSky {
 std::vector<FrameSky> MatchSkies(Job& job, const std::vector<StackInput>& inputs, const Canvas& canvas,
                                  size_t reference, const std::vector<double>& scales);
 
-/// The frame with its light multiplied, and its surfaces taken off.
+/// Multiplies a frame's light, and takes its surfaces off.
 void TakeOff(const FrameSky& sky, StackInput& input);
 
 }  // namespace korimg::session

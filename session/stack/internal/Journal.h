@@ -13,7 +13,7 @@
 
 namespace korimg::session {
 
-/// A file of bands that follow each other.
+/// Keeps a file of bands that follow each other.
 class Journal {
  public:
   enum Use {
@@ -30,11 +30,11 @@ class Journal {
   Journal(const std::filesystem::path& path, const std::string& digest, const Shape& shape, Images images,
           size_t frames, Use use, const StackRows& rows = {});
 
-  /// There was a file of another digest; unless it is only read, it is lost.
+  /// True when there was a file of another digest; unless it is only read, it is lost.
   bool WasOther() const { return wasOther_; }
-  /// Rows of the result before this one are done, and no others.
+  /// Tells that rows of the result before this one are done, and no others.
   int NextRow() const { return next_; }
-  /// Of a finished one: it is of this digest, and nothing is missing.
+  /// True of a finished one of this digest in which nothing is missing.
   bool IsWhole() const { return !wasOther_ && next_ == rows_.end; }
 
   /// Takes the next band. Once this returns it survives the end of the program, and one that is kept also

@@ -12,26 +12,26 @@
 
 namespace korimg::session {
 
-/// The file "<output>.rejected": a bit for each value, by frames, planes and rows of the grid that is stacked
-/// on, and what became of each frame. As a Journal it may survive a run that was killed.
+/// Keeps the file "<output>.rejected": a bit for each value, by frames, planes and rows of the grid that is
+/// stacked on, and what became of each frame. As a Journal it may survive a run that was killed.
 class RejectedPixels {
  public:
   RejectedPixels(const std::filesystem::path& output, const std::string& digest, const Shape& shape,
                  size_t frames, Journal::Use use);
 
-  /// Rows of the grid that are known.
+  /// Answers the rows of the grid that are known.
   int Rows() const { return state_.rows; }
-  /// Of each frame, in these rows.
+  /// Answers the counts of each frame, in these rows.
   const std::vector<CImgStack::Counts>& Counts() const { return counts_; }
 
   /// Takes marks in the next rows, at most so many.
   void Begin(int rows);
-  /// Any thread may call it, and for the pixels of one row one at a time.
+  /// Marks a value; any thread may call it, and for the pixels of one row one at a time.
   void Mark(int frame, int x, int y, int plane) {
     bits_[Offset(frame, plane) + (y - state_.rows) * rowBytes_ + x / 8] |=
         static_cast<std::uint8_t>(1 << x % 8);
   }
-  /// The band is done: it survives the end of the program from now on, and as a Journal's that of the
+  /// Ends a band: it survives the end of the program from now on, and as a Journal's that of the
   /// machine.
   void End(int rows, const std::vector<CImgStack::Counts>& counts);
 
@@ -48,7 +48,7 @@ class RejectedPixels {
     std::int64_t rowBytes_ = 0, planeBytes_ = 0;
     int y0_ = 0;
   };
-  /// Rows y0 to y0 + rows - 1 of the grid. Any thread may ask.
+  /// Answers rows y0 to y0 + rows - 1 of the grid. Any thread may ask.
   Bits Of(int frame, int y0, int rows) const;
 
   void Remove();

@@ -13,18 +13,17 @@ namespace korimg::session {
 /// Collects what the frames that are used say of time, and where they differ.
 class StackHeader {
  public:
-  /// All comes from the reference but what is said of times here.
+  /// Begins; all comes from the reference but what is said of times here.
   explicit StackHeader(files::Header reference);
-  /// A frame that counts by `weight`, its values multiplied by `scale`.
+  /// Adds a frame that counts by `weight`, its values multiplied by `scale`.
   void Add(const files::Header& frame, double weight, double scale);
 
-  /// The reference's header with, for frames that are combined by their mean or another middle: EXPTIME the
-  /// mean exposure of a frame, LIVETIME and XPOSURE all of them, DATE-OBS and DATE-END the first start and
-  /// the last end, DATE-AVG the middle weighted by exposure, and as much of DATE-BEG, MJD-... and TELAPSE as
-  /// the reference has; STACKCNT and NCOMBINE the number of frames, KORLGAIN the electrons of a value where
-  /// those of all frames are known.
-  /// Keywords that differ between frames keep the reference's value and are named in HISTORY, and so does the
-  /// exposure of frames that were scaled to the light of the reference.
+  /// Makes the reference's header with, for frames that are combined by their mean or another middle: EXPTIME
+  /// the mean exposure of a frame, LIVETIME and XPOSURE all of them, DATE-OBS and DATE-END the first start
+  /// and the last end, DATE-AVG the middle weighted by exposure, and as much of DATE-BEG, MJD-... and TELAPSE
+  /// as the reference has; STACKCNT and NCOMBINE the number of frames, KORLGAIN the electrons of a value
+  /// where those of all frames are known. Keywords that differ between frames keep the reference's value and
+  /// are named in HISTORY, and so does the exposure of frames that were scaled to the light of the reference.
   files::Header Make(bool scaled) const;
 
  private:

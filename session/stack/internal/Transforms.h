@@ -10,7 +10,7 @@
 
 namespace korimg::session {
 
-/// How a frame is brought to the reference, as CImgComposit takes it.
+/// Tells how a frame is brought to the reference, as CImgComposit takes it.
 struct Transform {
   double dx = 0, dy = 0, degrees = 0;
   std::optional<CFrameMap> map;     ///< instead of these
@@ -24,13 +24,15 @@ struct Transform {
   bool IsNone() const { return !map && dx == 0 && dy == 0 && degrees == 0; }
 };
 
-/// The transforms of a file of JSON objects, one a line, by frame. Objects without "file" are passed over.
+/// Holds the transforms of a file of JSON objects, one a line, by frame. Objects without "file" are passed
+/// over.
 class Transforms {
  public:
   /// @throws files::FileError with the line that cannot be read.
   explicit Transforms(const std::filesystem::path& path);
 
-  /// Frames are known by their place; relative names in the file count from here, or else from its folder.
+  /// Finds a frame's transform. Frames are known by their place; relative names in the file count from here,
+  /// or else from its folder.
   /// @throws files::FileError for a frame that is not there.
   const Transform& Of(const std::filesystem::path& frame) const;
 
