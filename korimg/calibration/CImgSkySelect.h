@@ -4,8 +4,8 @@
 #include "korimg/platform/CArray.h"
 #include "korimg/platform/CPoint.h"
 
-/// A square of an image and what was measured of it, in raw values: means over the planes of their standard
-/// deviations and medians.
+/// Holds a square of an image and what was measured of it, in raw values: means over the planes of their
+/// standard deviations and medians.
 class KORIMG_API CSelectRegionItem {
  public:
   virtual ~CSelectRegionItem() = default;

@@ -5,6 +5,6 @@
 /// Mirrors an image of the same size, which is another one. Reference points stay.
 class KORIMG_API CImgFlip : public CVelImage {
  public:
-  /// axis 0 turns top and bottom over, 1 left and right; any other does nothing.
+  /// Mirrors: axis 0 turns top and bottom over, 1 left and right; any other does nothing.
   void Do(int axis, CVelImage* src, int show);
 };

@@ -13,8 +13,8 @@ struct tagSplinePoint {
   double second = 0, first = 0, quadratic = 0, cubic = 0;
 };
 
-/// A curve through points in the order of their x, each segment of its own kind. Splines are natural: their
-/// second derivative is 0 at both ends (de Boor, A Practical Guide to Splines, ch. IV).
+/// Holds a curve through points in the order of their x, each segment of its own kind. Splines are natural:
+/// their second derivative is 0 at both ends (de Boor, A Practical Guide to Splines, ch. IV).
 class KORIMG_API CSpline {
  public:
   using Points = CArray<tagSplinePoint, tagSplinePoint>;

@@ -70,8 +70,8 @@ class FileDescriptor {
   int number_;
 };
 
-/// An open file; reads and writes that are complete or throw. Errors speak of the file `shown`, which the
-/// user knows, where `path` is a partial or temporary one.
+/// Keeps a file open, for reads and writes that are complete or throw. Errors speak of the file `shown`,
+/// which the user knows, where `path` is a partial or temporary one.
 class File {
  public:
   File(const std::filesystem::path& path, int flags, const std::filesystem::path& shown);

@@ -135,7 +135,7 @@ struct ReadOptions {
 /// Largest width and height that readers and writers accept; checked before any arithmetic with them.
 constexpr int kMaxSide = 1'000'000;
 
-/// An image open for reading. Memory use is a few rows, whatever the size of the image; exceptions are the
+/// Reads an image. Memory use is a few rows, whatever the size of the image; exceptions are the
 /// strips or tiles of a compressed TIFF or FITS file, interlaced PNG, and camera raw. Readers of different
 /// files may work in different threads.
 class KORIMG_SESSION_API ImageReader {
@@ -193,11 +193,12 @@ struct WriteOptions {
   std::vector<Extension> extensions = {};  ///< FITS
 };
 
-/// An image being written: to "<name>.part" beside the final name, which it takes in Commit(). Without
+/// Writes an image: to "<name>.part" beside the final name, which it takes in Commit(). Without
 /// Commit() the destructor removes it.
 class KORIMG_SESSION_API ImageWriter {
  public:
-  /// The format follows the extension, in any case: .fits .fit .fts, .tif .tiff, .png, .jpg .jpeg.
+  /// Opens the file; its format follows its extension in any case: .fits .fit .fts .tif .tiff .png .jpg
+  /// .jpeg.
   /// @throws FileError on another extension or type, an existing file without `overwrite`, a disk without
   /// space.
   static std::unique_ptr<ImageWriter> Create(const std::filesystem::path& path, const WriteOptions& options);

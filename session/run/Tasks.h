@@ -29,7 +29,7 @@ struct RunTask {
   int part = 1, parts = 1;      ///< from 1 on
   std::vector<int> after = {};  ///< numbers, from 0 on, of the tasks that have to be done before
 
-  /// For people.
+  /// Names the task for people.
   KORIMG_SESSION_API std::string Text() const;
 };
 inline const std::vector<Named<RunTask::Stage>> kRunStages = {{"masters", RunTask::Masters},

@@ -29,8 +29,8 @@ struct Rejection {
     /// others say.
     Auto
   };
-  /// Up to how many values Auto tests by Noise, and its limits of noise. Chosen: of normal values one in 370
-  /// lies beyond the first, and one in 1.7 million beyond the second.
+  /// Auto tests up to so many values by Noise, and has these limits of noise. Chosen: of normal values one in
+  /// 370 lies beyond the first, and one in 1.7 million beyond the second.
   static constexpr int kFew = 4;
   static constexpr double kStays = 3, kGoes = 5;
 

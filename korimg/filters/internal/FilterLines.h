@@ -26,7 +26,8 @@ class Same {
   std::vector<T> values_;
 };
 
-/// The radius of a kernel, whole pixels and at least 1: the fraction is dropped, or counts as a pixel.
+/// Answers the radius of a kernel, whole pixels and at least 1: the fraction is dropped, or counts as a
+/// pixel.
 inline int TruncatedRadius(double r) {
   return std::max(TruncateToInt(r), 1);
 }
@@ -38,9 +39,9 @@ inline int WholeRadius(double r) {
 /// out: NaN under them is no part of the result.
 class WeightBuffer {
  public:
-  /// The middle row of a kernel, divided by its sum.
+  /// Takes the middle row of a kernel, divided by its sum.
   explicit WeightBuffer(const CFilterMatrix& matrix) : WeightBuffer(matrix.GetMiddleRow(1)) {}
-  /// The weights of a plane's prepared filter.
+  /// Takes the weights of a plane's prepared filter.
   WeightBuffer(const CFilterProcEx& filters, int plane)
       : WeightBuffer(
             std::vector<float>(filters.GetFilter(plane), filters.GetFilter(plane) + filters.GetD(plane))) {}
@@ -66,8 +67,8 @@ class WeightBuffer {
   Halide::Runtime::Buffer<float, 1> buffer_;
 };
 
-/// How far a Laplacian's response speaks for an edge: its share of the level range, limited to 0 to 1,
-/// squared.
+/// Answers how far a Laplacian's response speaks for an edge: its share of the level range, limited to 0 to
+/// 1, squared.
 inline float EdgeShare(float response, double range) {
   const double q = response / range, limited = q < 0.0 ? 0.0 : q > 1.0 ? 1.0 : q;
   return static_cast<float>(limited * limited);

@@ -10,7 +10,7 @@
 
 namespace korimg {
 
-/// A filter by the same weights, an odd number of them, along x and y. It takes row after row, filters each
+/// Filters by the same weights, an odd number of them, along x and y. It takes row after row, filters each
 /// along x with its ends repeated, and keeps as many as there are weights, the last ones; their weighted sum
 /// is a row of the result, that of the row in the middle. Weights of 0 do not count, whatever lies under
 /// them.

@@ -5,7 +5,7 @@
 
 namespace korimg {
 
-/// A line of an image to write to, locked for the life of this object.
+/// Holds a line of an image to write to, locked for the life of this object.
 class LockedLine {
  public:
   LockedLine(CVelImage& image, int y, int plane)

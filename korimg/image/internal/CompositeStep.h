@@ -14,8 +14,9 @@ constexpr int kCompositeWidth = 64, kCompositeHeight = 32;
 /// Planes beyond these are left alone: sampled lines come by three.
 constexpr int kMostCompositePlanes = 3;
 
-/// A rectangle clipped to the image and then widened to the smallest window, to the right and downward first,
-/// and at the far edges to the left and upward: pixels next to a small rectangle are composited too.
+/// Answers a rectangle clipped to the image and then widened to the smallest window, to the right and
+/// downward first, and at the far edges to the left and upward: pixels next to a small rectangle are
+/// composited too.
 inline Window WidenedWindow(const CVelImage& image, CRect* rect) {
   Window w(image, rect);
   if (w.IsEmpty()) return w;

@@ -43,7 +43,7 @@ inline bool Solve(std::vector<double>& a, std::vector<double>& b) {
   return true;
 }
 
-/// A smooth surface over an image, in coordinates from about -1 to 1.
+/// Fits a smooth surface over an image, in coordinates from about -1 to 1.
 class SmoothSurface {
  public:
   static constexpr int kPlaneNumbers = 3;  ///< of 1, u and v

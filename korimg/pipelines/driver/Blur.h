@@ -62,7 +62,7 @@ struct RowTiles {
   }
 };
 
-/// A plane filtered by `weight`, 2 radius + 1 numbers, along x and then along y.
+/// Filters a plane by `weight`, 2 radius + 1 numbers, along x and then along y.
 struct Blur {
   Halide::Func source, sum_x, along_x, sum_y;
   Halide::Expr radius;
@@ -128,7 +128,7 @@ struct Band {
   Halide::Expr blend(Halide::Expr s, Halide::Expr f) const {
     return blend(s, f, dark - dark_min, highlight_max - highlight);
   }
-  /// The same by given widths of the shoulders.
+  /// Answers the same by given widths of the shoulders.
   Halide::Expr blend(Halide::Expr s, Halide::Expr f, Halide::Expr dark_width,
                      Halide::Expr highlight_width) const {
     const auto mix = [&](Halide::Expr t) { return (1.0f - t) * s + t * f; };

@@ -5,7 +5,7 @@
 
 namespace korimg::files {
 
-/// A file in the hands of a decoder that lives in a process of its own, with limits of memory and time:
+/// Puts a file in the hands of a decoder that lives in a process of its own, with limits of memory and time:
 /// whatever damaged data does to it, here it is an error. The processes are children of `korimg-decoder`,
 /// which lies beside this program or in ../libexec/korimg, and is started once. Of many files that are open
 /// only those asked last keep their process, the others get another one when they are asked again.

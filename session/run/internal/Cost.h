@@ -40,9 +40,9 @@ struct Cost {
   long long results = 0, masters = 0;  ///< bytes of files
   double seconds = 0;
 
-  /// For people.
+  /// Tells it for people.
   std::string Text() const;
-  /// For programs.
+  /// Tells it for programs.
   nlohmann::ordered_json Description() const;
 };
 

@@ -10,7 +10,7 @@
 
 namespace korimg {
 
-/// A stream of random numbers for a key: a counter through the SplitMix64 mixer.
+/// Makes a stream of random numbers for a key: a counter through the SplitMix64 mixer.
 class Random {
  public:
   explicit Random(std::initializer_list<std::uint64_t> key) {

@@ -42,13 +42,13 @@ inline int ColumnsAtOnce(int frames) {
   return std::max(kCached / std::max(frames, 1) / 16 * 16, kLeast);
 }
 
-/// The values of some columns of all frames, as rows: once sorted, of column x the first Counts()[x] are
-/// real.
+/// Holds the values of some columns of all frames, as rows: once sorted, of column x the first Counts()[x]
+/// are real.
 class Columns {
  public:
   static constexpr float kMissing = std::numeric_limits<float>::infinity();
 
-  /// Of rows of this width. `finiteOnly`: NaN and infinities are missing too.
+  /// Makes room for rows of this width. `finiteOnly`: NaN and infinities are missing too.
   Columns(int frames, int width, const Network& network, bool finiteOnly)
       : frames_(frames),
         finiteOnly_(finiteOnly),
