@@ -264,7 +264,7 @@ TEST_F(DrizzleTest, SitesOfMosaicsKeepTheirColours) {
       const std::string name = fmt::format("f{:02}.fits", i);
       Frame(
           name, width_, height_,
-          [&](int, int x, int y) {
+          [&, cfa = cfa](int, int x, int y) {
             const int colour = files::ColourOfSite(cfa, x, y);
             // A trail in one of them, and little noise.
             const bool isTrail = i == 7 && std::abs(y - x) < 3 && x > 11 && x < 28;
@@ -298,7 +298,8 @@ TEST_F(DrizzleTest, SitesOfMosaicsKeepTheirColours) {
     // The same without a trail being told.
     Run("--drizzle 1.5 --pixfrac 1 --normalize none --reject none -o out.fits");
     double most = 0;
-    for (const float v : Read("out.fits")[1]) {
+    const Planes unrejected = Read("out.fits");
+    for (const float v : unrejected[1]) {
       most = std::max<double>(most, v);
     }
     EXPECT_GT(most, kLevels[1] + 50);
