@@ -164,7 +164,8 @@ class LiveStack::Impl {
     const std::lock_guard lock(mutex_);
     reference_.emplace(std::move(reference));
     const Shape& shape = reference_->shape;
-    mean_.emplace(store_, shape, options_.kappa);
+    const auto& sky = reference_->levels.level;
+    mean_.emplace(store_, shape, options_.kappa, RunningMean::PlaneValues{sky[0], sky[1], sky[2]});
     header_.emplace(reference_->header);
     grid_.path = reference_->info.path;
     std::tie(grid_.width, grid_.height, grid_.planes) = std::tie(shape.width, shape.height, shape.planes);

@@ -49,6 +49,7 @@ export class ImageView extends EventTarget {
       showNavigationControl: false,
       loadTilesWithAjax: true, // so that tiles nobody waits for any more are given up
       imageSmoothingEnabled: false,
+      preserveImageSizeOnResize: true,
       maxZoomPixelRatio: 32,
       minZoomImageRatio: 0.5,
       visibilityRatio: 0.3,
@@ -68,6 +69,7 @@ export class ImageView extends EventTarget {
     const redraw = () => this.redraw();
     this.#viewer.addHandler('update-viewport', redraw);
     this.#viewer.addHandler('resize', redraw);
+    this.#viewer.addHandler('animation-finish', () => this.#snap());
     for (const name of ['animation-finish', 'resize']) {
       this.#viewer.addHandler(name, () => this.dispatchEvent(new Event('move')));
     }
@@ -228,6 +230,17 @@ export class ImageView extends EventTarget {
     const place = about && item.imageToViewportCoordinates(new OpenSeadragon.Point(about.x, about.y));
     // In pixels of the device, so that 1:1 is what it says on any screen.
     this.#viewer.viewport.zoomTo(item.imageToViewportZoom(scale / devicePixelRatio), place);
+  }
+
+  /** Lays the pixels of the picture on those of the screen at 1:1, which else may lie between these. */
+  #snap() {
+    const ratio = devicePixelRatio;
+    if (!this.#item || Math.abs(this.scale() - 1) > 1e-4) return;
+    const corner = this.toStage(0, 0), off = (/** @type {number} */ v) => v - Math.round(v * ratio) / ratio;
+    const x = off(corner.x), y = off(corner.y);
+    if (Math.hypot(x, y) < 1e-3) return;
+    const viewport = this.#viewer.viewport;
+    viewport.panBy(viewport.deltaPointsFromPixels(new OpenSeadragon.Point(x, y)), true);
   }
 
   /** All tiles of what was opened last are there. */

@@ -25,7 +25,9 @@ namespace korimg::session {
 /// The first three frames have nothing to be judged by. They are kept until the third is there, and then
 /// judged by each other: by their median and 1.4826 times the median distance from it, or their noise.
 /// Until then what they show counts, whatever it is. Where two of them reach, the higher one goes if they lie
-/// too far apart, and a value that stands alone gives way to one far below it: outliers are bright.
+/// too far apart, and a value that stands alone gives way to one far below it: outliers are bright. There,
+/// far is what has three times the light above the sky too, since nothing tells yet what the seeing does to
+/// stars.
 class RunningMean {
  public:
   using PlaneValues = std::array<double, 3>;
@@ -59,6 +61,7 @@ class RunningMean {
   std::shared_ptr<CVmManager> store_;  // ends after its images
   Shape shape_;
   double kappa_;
+  PlaneValues sky_;
   std::unique_ptr<CVelImage> weights_, means_, variances_;
   std::vector<Frame> first_;         ///< until they are judged
   PlaneValues scatter_ = {1, 1, 1};  ///< of frames about each other, to the noise that is told of them

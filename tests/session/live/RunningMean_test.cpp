@@ -20,7 +20,7 @@ struct Column {
   Values values, weights, noise;
   std::vector<bool> rejected;
 
-  double Mean(double kappa) {
+  double Mean(double kappa, double sky) {
     rejected.assign(values.size(), false);
     const auto isFinite = [&](size_t i) { return std::isfinite(values[i]); };
     if (values.size() >= 3 && isFinite(0) && isFinite(1) && isFinite(2)) {
@@ -38,21 +38,24 @@ struct Column {
     for (size_t i = 0; i < 3; ++i) {
       if (isFinite(i)) early.push_back(i);
     }
-    if (early.size() == 2 && std::abs(values[early[0]] - values[early[1]]) >
-                                 kappa * std::hypot(noise[early[0]], noise[early[1]])) {
+    const auto slack = [&](double a, double b) { return 2 * std::max(std::min(a, b) - sky, 0.0); };
+    if (early.size() == 2 &&
+        std::abs(values[early[0]] - values[early[1]]) > kappa * std::hypot(noise[early[0]], noise[early[1]]) +
+                                                            slack(values[early[0]], values[early[1]])) {
       rejected[values[early[0]] > values[early[1]] ? early[0] : early[1]] = true;
     }
     double sum = 0, mean = 0, variance = 0;
     bool isAlone = false;
     for (size_t i = 0; i < values.size(); ++i) {
       if (!isFinite(i) || rejected[i]) continue;
-      const double w = weights[i], far = kappa * std::max(noise[i], std::sqrt(variance));
-      if (i >= 3 && isAlone && values[i] < mean - far) {
+      const double w = weights[i], far = kappa * std::max(noise[i], std::sqrt(variance)),
+                   reach = far + (isAlone ? slack(values[i], mean) : 0);
+      if (i >= 3 && isAlone && values[i] < mean - reach) {
         mean = values[i];
         sum = w;
         continue;
       }
-      if (i >= 3 && sum > 0 && std::abs(values[i] - mean) > far) {
+      if (i >= 3 && sum > 0 && std::abs(values[i] - mean) > reach) {
         rejected[i] = true;
         isAlone = false;
         variance = (sum * variance + w * far * far) / (sum + w);
@@ -77,7 +80,8 @@ TEST(RunningMean, IsThatOfPlainLoops) {
   for (const auto& [shape, kappa] : cases) {
     SCOPED_TRACE(shape.width);
     const auto store = test::MemoryStore();
-    RunningMean mean(store, shape, kappa);
+    const RunningMean::PlaneValues sky{990, 1090, 1500};
+    RunningMean mean(store, shape, kappa, sky);
     EXPECT_TRUE(mean.IsEmpty());
     // Noise with outliers, NaN and infinities; some pixels scatter more than the noise, and some have
     // nothing.
@@ -131,7 +135,7 @@ TEST(RunningMean, IsThatOfPlainLoops) {
             column.weights.push_back(weights[i][p]);
             column.noise.push_back(noise[i][p] * scatter[p]);
           }
-          const double wanted = column.Mean(kappa);
+          const double wanted = column.Mean(kappa, sky[p]);
           const float found = result->GetLine(0, y, p)[x];
           ASSERT_EQ(std::isnan(found), std::isnan(wanted)) << p << ' ' << x << ' ' << y;
           if (std::isnan(wanted)) continue;
@@ -161,7 +165,7 @@ TEST(RunningMean, IsThatOfPlainLoops) {
 TEST(RunningMean, FollowsValuesThatScatterMoreThanTheFirst) {
   constexpr int kWidth = 400, kFrames = 60;
   const auto store = test::MemoryStore();
-  RunningMean mean(store, {kWidth, 1, 1}, 4);
+  RunningMean mean(store, {kWidth, 1, 1}, 4, {5000, 5000, 5000});
   double last = 0;
   for (int i = 0; i < kFrames; ++i) {
     auto image = NewImage(store, kWidth, 1, 1);

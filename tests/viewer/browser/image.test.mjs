@@ -77,30 +77,37 @@ describe('an image in the browser', { skip: missing, timeout: 120_000 }, () => {
   it('draws at 1:1 pixels that lie beside each other as they do in the picture', async () => {
     await page.keyboard.press('z');
     await page.waitForTimeout(1200);
-    const found = await page.evaluate(async (bytes) => {
-      const bitmap = await createImageBitmap(new Blob([new Uint8Array(bytes)], { type: 'image/png' }));
-      const whole = new OffscreenCanvas(bitmap.width, bitmap.height).getContext('2d');
-      whole.drawImage(bitmap, 0, 0);
-      const wanted = whole.getImageData(0, 0, bitmap.width, bitmap.height);
-      const canvas = document.querySelector('#stage canvas:not(.overlay)');
-      // Wide enough for an edge between tiles.
-      const width = 300, height = 280, left = Math.floor((canvas.width - width) / 2), top = Math.floor((canvas.height - height) / 2);
-      const seen = canvas.getContext('2d').getImageData(left, top, width, height);
-      const isHere = (dx, dy) => {
-        for (let y = 0; y < height; ++y) {
-          for (let x = 0; x < width; ++x) {
-            if (seen.data[4 * (y * width + x)] !== wanted.data[4 * ((y + dy) * wanted.width + x + dx)]) return false;
+    // Of whatever size the window is, and becomes.
+    for (const size of [{ width: 1280, height: 720 }, { width: 1177, height: 711 }]) {
+      await page.setViewportSize(size);
+      await page.waitForTimeout(1200);
+      assert.equal(await zoom(), '100 %');
+      const found = await page.evaluate(async (bytes) => {
+        const bitmap = await createImageBitmap(new Blob([new Uint8Array(bytes)], { type: 'image/png' }));
+        const whole = new OffscreenCanvas(bitmap.width, bitmap.height).getContext('2d');
+        whole.drawImage(bitmap, 0, 0);
+        const wanted = whole.getImageData(0, 0, bitmap.width, bitmap.height);
+        const canvas = document.querySelector('#stage canvas:not(.overlay)');
+        // Wide enough for an edge between tiles.
+        const width = 300, height = 280, left = Math.floor((canvas.width - width) / 2), top = Math.floor((canvas.height - height) / 2);
+        const seen = canvas.getContext('2d').getImageData(left, top, width, height);
+        const isHere = (dx, dy) => {
+          for (let y = 0; y < height; ++y) {
+            for (let x = 0; x < width; ++x) {
+              if (seen.data[4 * (y * width + x)] !== wanted.data[4 * ((y + dy) * wanted.width + x + dx)]) return false;
+            }
           }
+          return true;
+        };
+        const places = [];
+        for (let dy = 0; dy + height <= wanted.height; ++dy) {
+          for (let dx = 0; dx + width <= wanted.width; ++dx) if (isHere(dx, dy)) places.push([dx, dy]);
         }
-        return true;
-      };
-      const places = [];
-      for (let dy = 0; dy + height <= wanted.height; ++dy) {
-        for (let dx = 0; dx + width <= wanted.width; ++dx) if (isHere(dx, dy)) places.push([dx, dy]);
-      }
-      return places;
-    }, [...readFileSync(path.join(folder, 'reference.png'))]);
-    assert.equal(found.length, 1, JSON.stringify(found));
+        return places;
+      }, [...readFileSync(path.join(folder, 'reference.png'))]);
+      assert.equal(found.length, 1, JSON.stringify(found));
+    }
+    await page.setViewportSize({ width: 1280, height: 720 });
     await page.keyboard.press('f');
     await page.waitForTimeout(600);
   });
