@@ -347,6 +347,7 @@ SessionFrames FindReady(Job& job, const fs::path& folder) {
 }
 
 SessionFrames FindCalibration(Job& job, const fs::path& folder) {
+  if (!fs::is_directory(folder)) throw files::FileError(folder, "is no folder; is the disk still there?");
   SessionFrames found;
   Walk walk(job, found, {});
   walk.Through(folder, Use::Unknown);

@@ -343,7 +343,8 @@ Levels RegisteredFrames::StretchOf(size_t frame) {
   return AtEdge([&] {
     const std::lock_guard lock(mutex_);
     const auto& frames = kept_->run.frames;
-    const std::string& stack = frames.at(frame).stack;
+    const StackInput registered = kept_->InputOf(frame);  // or why it is not
+    const std::string& stack = frames[frame].stack;
     auto stretched = stretched_.find(stack);
     if (stretched == stretched_.end()) {
       const auto isOurs = [&](const FinishedFrame& one) {

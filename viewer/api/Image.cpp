@@ -130,9 +130,9 @@ Response Statistics(const Request& request, const OpenImage& image) {
                               {"blank", plane.blank},
                               {"min", NumberOrNull(plane.count > 0 ? plane.min : NAN)},
                               {"max", NumberOrNull(plane.count > 0 ? plane.max : NAN)},
-                              {"mean", NumberOrNull(plane.mean)},
+                              {"mean", NumberOrNull(plane.count > 0 ? plane.mean : NAN)},
                               {"median", NumberOrNull(plane.count > 0 ? plane.median : NAN)},
-                              {"deviation", NumberOrNull(plane.deviation)},
+                              {"deviation", NumberOrNull(plane.count > 0 ? plane.deviation : NAN)},
                               {"spread", NumberOrNull(plane.count > 0 ? plane.spread : NAN)},
                               {"histogram", plane.histogram}});
   }

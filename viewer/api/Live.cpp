@@ -70,7 +70,8 @@ void AddLive(Router& router, Context& context) {
     return Response{.type = "image/jpeg", .body = LiveOf(context).Picture()};
   });
   router.Post("live/begin", [&context](const Request& request) {
-    LiveOf(context).BeginWith(ValueIn(BodyOf(request), "frame", -1));
+    const Json body = BodyOf(request);
+    LiveOf(context).BeginWith(ValueIn(body, "frame", -1), ValueIn(body, "begun", -1));
     return JsonResponse(Json::object());
   });
   router.Post("live/save", [&context](const Request& request) { return Save(request, context); });

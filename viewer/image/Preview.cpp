@@ -157,10 +157,20 @@ CRect Widened(const CRect& rect, int margin, const Shape& shape) {
                std::min<int>(rect.bottom + margin, shape.height));
 }
 
+/// The finest level of few pixels.
+int LevelOfFew(const Pyramid& pyramid) {
+  constexpr double kFew = 1e6;  // chosen
+  int level = 0;
+  while (level + 1 < pyramid.Levels() &&
+         1.0 * pyramid.At(level).width * pyramid.At(level).height > kFew) {
+    ++level;
+  }
+  return level;
+}
+
 /// Squares of the picture: some spread over it, and one with the brightest star. All of a small picture.
 std::vector<CRect> Samples(Pyramid& pyramid, const std::function<bool()>& isGone) {
-  constexpr int kSide = 160, kColumns = 4, kRows = 2;
-  constexpr double kFew = 1e6;  // pixels of a level that the star is sought in; all chosen
+  constexpr int kSide = 160, kColumns = 4, kRows = 2;  // chosen: a preview takes twice as long by them
   const Shape& all = pyramid.At(0);
   if (1.0 * all.width * all.height <= kSide * kSide * (kColumns * kRows + 1)) {
     return {CRect(0, 0, all.width, all.height)};
@@ -176,10 +186,7 @@ std::vector<CRect> Samples(Pyramid& pyramid, const std::function<bool()>& isGone
     squares.push_back(
         square((i % kColumns + 0.5) * all.width / kColumns, (i / kColumns + 0.5) * all.height / kRows));
   }
-  int level = 0;
-  while (level + 1 < pyramid.Levels() && std::ldexp(1.0 * all.width * all.height, -2 * level) > kFew) {
-    ++level;
-  }
+  const int level = LevelOfFew(pyramid);
   float most = -std::numeric_limits<float>::infinity();
   CRect brightest = squares.front();
   for (int index = 0; index < pyramid.Strips(level); ++index) {
@@ -203,6 +210,7 @@ session::Levels LevelsOfResult(Job& job, Pyramid& pyramid, const std::vector<Ste
   const std::vector<CRect> squares = Samples(pyramid, isGone);
   const int width = squares.front().Width(), height = squares.front().Height();
   std::optional<Image> all;
+  std::vector<FrameLevels> own;
   for (std::size_t i = 0; i < squares.size(); ++i) {
     const CRect wide = Widened(squares[i], margin, pyramid.At(0));
     Image piece = WindowOf(pyramid, 0, wide, isGone);
@@ -213,14 +221,32 @@ session::Levels LevelsOfResult(Job& job, Pyramid& pyramid, const std::vector<Ste
     }
     const int left = squares[i].left - wide.left;
     const int top = pyramid.Of().isOverturned ? wide.bottom - squares[i].bottom : squares[i].top - wide.top;
+    Image square(NewImage(CreateContiguousManager({}), width, height, piece.Planes()));
     for (int p = 0; p < piece.Planes(); ++p) {
       for (int y = 0; y < height; ++y) {
-        std::ranges::copy(piece.Rows().Plane(p)[top + y].subspan(left, width),
-                          all->Rows().Plane(p)[static_cast<int>(i) * height + y].begin());
+        const auto row = piece.Rows().Plane(p)[top + y].subspan(left, width);
+        std::ranges::copy(row, square.Rows().Plane(p)[y].begin());
+        std::ranges::copy(row, all->Rows().Plane(p)[static_cast<int>(i) * height + y].begin());
       }
     }
+    own.push_back(MeasureLevels(square.Pixels()));
   }
-  return LevelForPicture(all->Pixels(), LevelMethod::Auto);
+  if (squares.size() == 1) return LevelForPicture(all->Pixels(), LevelMethod::Auto);
+  // The sky's level and what it varies by from place to place are those of all of the picture, made small; what
+  // it varies by from pixel to pixel, and the highest light, those of the squares.
+  const int small = LevelOfFew(pyramid);
+  const Shape shape = pyramid.At(small);
+  Image whole = WindowOf(pyramid, small, CRect(0, 0, shape.width, shape.height), isGone);
+  RunAll(job, steps, 1 << small, whole);
+  FrameLevels sky = MeasureLevels(whole.Pixels());
+  std::vector<std::pair<double, double>> extremes;
+  for (int p = 0; p < std::min(whole.Planes(), 3); ++p) {
+    std::ranges::nth_element(own, own.begin() + own.size() / 2, {},
+                             [p](const FrameLevels& levels) { return levels.spread[p]; });
+    sky.spread[p] = std::hypot(sky.spread[p], own[own.size() / 2].spread[p]);
+    extremes.push_back(FiniteExtremes(all->Pixels(), p));
+  }
+  return StretchForPicture(sky, extremes, false);
 }
 
 Bytes Cut(const Bytes& from, const CRect& rect, bool overturned) {

@@ -199,9 +199,10 @@ void Live::Watch() {
   }
 }
 
-void Live::BeginWith(int frame) {
+void Live::BeginWith(int frame, int begun) {
   const std::lock_guard lock(mutex_);
-  if (frame < 0 || frame >= static_cast<int>(files_.size())) {
+  if (ends_) throw UsageError("live stacking has ended: " + failure_);
+  if (begun != begun_ || frame < 0 || frame >= static_cast<int>(files_.size())) {
     throw UsageError("there is no such frame");
   }
   first_ = files_[frame];

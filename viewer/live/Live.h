@@ -37,9 +37,9 @@ class Live {
   /// Answers the state, and the frames that the page has not seen: at once where there are such, or another
   /// picture, else when there are, or after some seconds.
   Json State(const Seen& seen, const std::function<bool()>& isGone) const;
-  /// Begins anew with a frame as the first one, that others are laid on, by its number.
-  /// @throws UsageError for a number that nothing has
-  void BeginWith(int frame);
+  /// Begins anew with a frame as the first one, that others are laid on, by its number in the stack that was
+  /// begun so often. Throws UsageError for a number that nothing has, or had in another one.
+  void BeginWith(int frame, int begun);
   /// Answers the picture of the stack, a JPEG of at most kSide pixels a side; empty before the first frame.
   std::string Picture() const;
   static constexpr int kSide = 2048;  ///< chosen for a screen

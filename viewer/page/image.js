@@ -65,7 +65,7 @@ export class ImageView extends EventTarget {
     for (const name of ['canvas-drag', 'canvas-scroll', 'canvas-pinch', 'canvas-double-click']) {
       this.#viewer.addHandler(name, () => (this.#isFitted = false));
     }
-    this.#viewer.addHandler('resize', () => this.#isFitted && this.#item && this.fit(true));
+    this.#viewer.addHandler('after-resize', () => this.#isFitted && this.#item && this.fit(true));
     const redraw = () => this.redraw();
     this.#viewer.addHandler('update-viewport', redraw);
     this.#viewer.addHandler('resize', redraw);

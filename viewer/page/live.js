@@ -41,7 +41,7 @@ export async function addLive(openFile) {
     state.frames.forEach((/** @type {any} */ frame, /** @type {number} */ i) => {
       const number = count + i;
       const begin = make('button', { type: 'button', title: 'begin anew: all others are laid on this frame', ariaLabel: `Begin with ${frame.name}`,
-        onclick: () => post('live/begin', { frame: number }).catch(tell) }, '↺');
+        onclick: () => post('live/begin', { frame: number, begun }).catch(tell) }, '↺');
       rows.prepend(make('tr', { className: frame.added ? '' : 'left', title: frame.status },
         make('td', {}, frame.name), make('td', {}, frame.fwhm ? frame.fwhm.toFixed(2) : '–'), make('td', {}, String(frame.stars)),
         make('td', {}, frame.added ? `${frame.dx.toFixed(1)}, ${frame.dy.toFixed(1)}` : '–'),

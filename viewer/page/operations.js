@@ -261,7 +261,7 @@ export async function addOperations(view, openFile) {
       shown?.image.close();
       shown = { image, rect };
       note.textContent = (rect[5] ? 'Preview by the whole image' : 'Preview of what is seen') +
-        (rect[4] > 1 ? `, ${rect[4]} times smaller: near to the result, exact at 1:1.` : ', as the result will be.');
+        (rect[4] > 1 ? `, ${rect[4]} times smaller: near to the result, exact at 1:1.` : isPicture ? ', stretched nearly as the file will be when it is opened.' : ', as the result will be.');
       panel.dataset.preview = String(Number(panel.dataset.preview ?? 0) + 1);
       view.redraw();
     } catch (error) {

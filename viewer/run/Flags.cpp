@@ -8,6 +8,7 @@
 
 #include "session/files/Formats.h"
 #include "session/job/Json.h"
+#include "viewer/server/Router.h"
 
 namespace korimg::viewer {
 
@@ -33,9 +34,15 @@ Flags::Flags(const session::FinishedRun& run) : path_(run.folder / "selection.js
       session::RunOptions selection;
       session::AddSelection(selection, path_);
       now_ = session::LeftOutBy(run, selection);
+      for (const std::string& pattern : selection.exclude) {
+        session::RunOptions one;
+        one.exclude = {pattern};
+        const std::vector<bool> left = session::LeftOutBy(run, one);
+        if (std::ranges::none_of(left, [](bool is) { return is; })) others_.push_back(pattern);
+      }
       reference_ = selection.reference.string();
     } catch (const session::Error& error) {
-      problem_ = error.what();
+      problem_ = TextFor(error);
       stamp_.clear();  // it is not replaced
     }
   }
@@ -69,6 +76,9 @@ void Flags::Save(const session::FinishedRun& run) {
   nlohmann::ordered_json json{{"exclude", nlohmann::ordered_json::array()}};
   for (std::size_t i = 0; i < now_.size(); ++i) {
     if (now_[i]) json["exclude"].push_back(session::PatternOf(run, i));
+  }
+  for (const std::string& pattern : others_) {
+    json["exclude"].push_back(pattern);
   }
   if (!reference_.empty()) json["reference"] = reference_;
   const fs::path partial = path_.string() + "." + std::to_string(getpid()) + ".part";

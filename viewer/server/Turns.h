@@ -38,6 +38,7 @@ class Turns {
     while (!changed_.wait_for(lock, kLook, [this] { return !isTaken_; })) {
       if (isGone()) throw session::Cancelled();
     }
+    if (isGone()) throw session::Cancelled();
     isTaken_ = true;
     return Turn(*this);
   }

@@ -81,10 +81,11 @@ TEST_F(LiveTest, AnyFrameIsTheFirstOneWhenItIsTold) {
   EXPECT_EQ(state["added"], 4);
   EXPECT_EQ(state["frames"][0]["dx"], 0);
   EXPECT_NE(state["frames"][2]["dx"], 0);
-  EXPECT_THROW(live_->BeginWith(4), UsageError);
-  EXPECT_THROW(live_->BeginWith(-1), UsageError);
+  EXPECT_THROW(live_->BeginWith(4, 0), UsageError);
+  EXPECT_THROW(live_->BeginWith(-1, 0), UsageError);
   const std::string name = state["frames"][2]["name"];
-  live_->BeginWith(2);
+  EXPECT_THROW(live_->BeginWith(2, 1), UsageError);
+  live_->BeginWith(2, 0);
   state = Until([](const Json& now) { return now["begun"] == 1 && now["count"] == 4; });
   EXPECT_EQ(state["added"], 4);
   EXPECT_EQ(state["frames"][0]["name"], name);
@@ -117,7 +118,7 @@ TEST_F(LiveTest, WhatIsGoneForAWhileIsWaitedFor) {
   Until([](const Json& now) { return now["failure"] == ""; });
   // Also when it is begun anew meanwhile.
   fs::rename(In("masters"), In("away"));
-  live_->BeginWith(0);
+  live_->BeginWith(0, 0);
   Until([](const Json& now) { return now["failure"] != ""; });
   fs::rename(In("away"), In("masters"));
   Until([](const Json& now) { return now["begun"] == 1 && now["count"] == 1 && now["failure"] == ""; });
@@ -125,12 +126,24 @@ TEST_F(LiveTest, WhatIsGoneForAWhileIsWaitedFor) {
   fs::rename(In("watched"), In("pulled out"));
   state = Until([](const Json& now) { return now["failure"] != ""; });
   EXPECT_EQ(state["failure"].get<std::string>().find(In("watched").string()), std::string::npos) << state;
-  live_->BeginWith(0);
+  live_->BeginWith(0, 1);
   Until([](const Json& now) { return now["begun"] == 2 && now["failure"] != ""; });
   fs::rename(In("pulled out"), In("watched"));
   Put(2);
   state = Until([](const Json& now) { return now["added"] == 2; });
   EXPECT_EQ(state["failure"], "");
+}
+
+TEST_F(LiveTest, ABeginningWaitsForTheFolderWhereThatHasTheCalibrationFramesToo) {
+  fs::rename(In("night/darks"), In("watched/darks"));
+  Watch();
+  Put(1);
+  UntilCount(1);
+  fs::rename(In("watched"), In("away"));
+  live_->BeginWith(0, 0);
+  EXPECT_FALSE(Until([](const Json& now) { return now["failure"] != ""; })["ended"]);
+  fs::rename(In("away"), In("watched"));
+  Until([](const Json& now) { return now["begun"] == 1 && now["added"] == 1 && now["failure"] == ""; });
 }
 
 TEST_F(LiveTest, PassesOverItsOwnResultsAndIsNotHeldUpByPipes) {
