@@ -14,10 +14,11 @@ await (await fetch(`${address}files`)).json();
 while ((await (await fetch(`${address}image/info?id=0`)).json()).progress < 1) await new Promise((done) => setTimeout(done, 50));
 
 const middle = (values, share) => values.toSorted((a, b) => a - b)[Math.floor(share * (values.length - 1))];
-for (const [name, step, seen, scale] of [
+for (const [name, step, seen, scale, isAsIs = true] of [
   ['bright at 1:1', (i) => ({ operation: 'bright', values: { bright: i } }), [600, 500, 1560, 1148], 1],
   ['unsharp, sigma 3, at 1:1', (i) => ({ operation: 'unsharp', values: { sigma: 3, strength: 1 + i / 50 } }), [600, 500, 1560, 1148], 1],
   ['bright of all, seen at 0.3', (i) => ({ operation: 'bright', values: { bright: i } }), [0, 0, 3008, 2008], 0.3],
+  ['ghs at 1:1, stretched anew', (i) => ({ operation: 'ghs', values: { amount: 1 + i / 20 } }), [600, 500, 1560, 1148], 1, false],
   ['gradient of all', (i) => ({ operation: 'gradient', values: { smoothing: i / 50 } }), [0, 0, 3008, 2008], 0.3],
 ]) {
   const times = [];
@@ -25,7 +26,7 @@ for (const [name, step, seen, scale] of [
     const start = performance.now();
     const answer = await fetch(`${address}operations/preview`, {
       method: 'POST', headers: { 'Content-Type': 'application/json' },
-      body: JSON.stringify({ id: 0, steps: [step(i)], seen, scale }) });
+      body: JSON.stringify({ id: 0, steps: [step(i)], seen, scale, as_is: isAsIs }) });
     if (!answer.ok) throw new Error(`${name}: ${await answer.text()}`);
     await answer.arrayBuffer();
     times.push(performance.now() - start);

@@ -61,7 +61,7 @@ try {
         await Promise.all(Array.from({ length: 6 }, async () => {
           for (let next = wanted.shift(); next; next = wanted.shift()) {
             const begin = performance.now();
-            await (await get(`image/tile?id=0&level=${level}&x=${next[0]}&y=${next[1]}`)).arrayBuffer();
+            await (await get(`image/tile?id=0&level=${level}&x=${next[0]}&y=${next[1]}&overlap=1${level === 0 ? '&format=png' : ''}`)).arrayBuffer();
             walk.push(performance.now() - begin);
           }
         }));

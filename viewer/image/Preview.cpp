@@ -161,8 +161,7 @@ CRect Widened(const CRect& rect, int margin, const Shape& shape) {
 int LevelOfFew(const Pyramid& pyramid) {
   constexpr double kFew = 1e6;  // chosen
   int level = 0;
-  while (level + 1 < pyramid.Levels() &&
-         1.0 * pyramid.At(level).width * pyramid.At(level).height > kFew) {
+  while (level + 1 < pyramid.Levels() && 1.0 * pyramid.At(level).width * pyramid.At(level).height > kFew) {
     ++level;
   }
   return level;
@@ -232,8 +231,8 @@ session::Levels LevelsOfResult(Job& job, Pyramid& pyramid, const std::vector<Ste
     own.push_back(MeasureLevels(square.Pixels()));
   }
   if (squares.size() == 1) return LevelForPicture(all->Pixels(), LevelMethod::Auto);
-  // The sky's level and what it varies by from place to place are those of all of the picture, made small; what
-  // it varies by from pixel to pixel, and the highest light, those of the squares.
+  // The sky's level and what it varies by from place to place are those of all of the picture, made small;
+  // what it varies by from pixel to pixel, and the highest light, those of the squares.
   const int small = LevelOfFew(pyramid);
   const Shape shape = pyramid.At(small);
   Image whole = WindowOf(pyramid, small, CRect(0, 0, shape.width, shape.height), isGone);

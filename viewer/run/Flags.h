@@ -31,7 +31,7 @@ class Flags {
  private:
   std::filesystem::path path_;
   std::string stamp_, reference_, problem_;  ///< state, and what else it holds, of the file as it was read
-  std::vector<std::string> others_;  ///< patterns of the file that fit none of the frames
+  std::vector<std::string> others_;          ///< patterns of the file that fit none of the frames
   std::vector<bool> now_, saved_;
   std::vector<std::vector<bool>> before_;
 };

@@ -32,8 +32,8 @@ class RunningMean {
  public:
   using PlaneValues = std::array<double, 3>;
 
-  /// Begins empty, in a contiguous store.
-  RunningMean(std::shared_ptr<CVmManager> store, const Shape& shape, double kappa);
+  /// Keeps its images in a contiguous store, for frames of such levels of the sky.
+  RunningMean(std::shared_ptr<CVmManager> store, const Shape& shape, double kappa, const PlaneValues& sky);
 
   /// Adds a frame of the same shape, in the same store: its weights, which are positive, and the standard
   /// deviations of its noise by planes. Pixels that are no finite numbers do not count.
