@@ -13,7 +13,7 @@ export async function addLive(openFile) {
   const out = make('input', { type: 'text', className: 'wide', value: 'result', ariaLabel: 'Folder for the results' });
   const save = make('button', { type: 'button' }, 'Save stack');
   const stack = make('button', { type: 'button', title: 'what korimg run makes of all frames, with the best reference and outliers told by all' }, 'Stack properly');
-  const table = make('table', {}, make('thead', {}, make('tr', {}, ...['frame', 'FWHM', 'stars', 'shift', '', ''].map((text) => make('th', {}, text)))), rows);
+  const table = make('table', {}, make('thead', {}, make('tr', {}, ...['', 'frame', 'FWHM', 'stars', 'shift', ''].map((text) => make('th', {}, text)))), rows);
   const panel = addPanel(`Live: ${state.folder}`, true, told, masters, make('div', { className: 'row' }, save, stack), name, out,
     make('div', { className: 'frames', tabIndex: 0 }, table));
   panel.id = 'livepanel';
@@ -43,9 +43,9 @@ export async function addLive(openFile) {
       const begin = make('button', { type: 'button', title: 'begin anew: all others are laid on this frame', ariaLabel: `Begin with ${frame.name}`,
         onclick: () => post('live/begin', { frame: number, begun }).catch(tell) }, '↺');
       rows.prepend(make('tr', { className: frame.added ? '' : 'left', title: frame.status },
-        make('td', {}, frame.name), make('td', {}, frame.fwhm ? frame.fwhm.toFixed(2) : '–'), make('td', {}, String(frame.stars)),
+        make('td', {}, begin), make('td', {}, frame.name), make('td', {}, frame.fwhm ? frame.fwhm.toFixed(2) : '–'), make('td', {}, String(frame.stars)),
         make('td', {}, frame.added ? `${frame.dx.toFixed(1)}, ${frame.dy.toFixed(1)}` : '–'),
-        make('td', {}, frame.added ? `${pretty(Number(frame.seconds.toFixed(2)))} s` : frame.status), make('td', {}, begin)));
+        make('td', {}, frame.added ? `${pretty(Number(frame.seconds.toFixed(2)))} s` : frame.status)));
       while (rows.children.length > 500) rows.lastElementChild?.remove();
       if (frame.added) masters.textContent = frame.masters ? `calibrated by ${frame.masters}` : 'not calibrated: there are no darks, flats or biases';
     });

@@ -278,6 +278,20 @@ describe('an image in the browser', { skip: missing, timeout: 120_000 }, () => {
     await exact(900);
   });
 
+  it('fills the window with or without a list of images, and on a tablet', async () => {
+    const alone = await serve([path.join(folder, 'reference.png')]);
+    for (const [address, size] of [[alone.address, { width: 1280, height: 720 }], [viewer.address, { width: 1280, height: 720 }],
+                                   [alone.address, { width: 768, height: 1024 }], [viewer.address, { width: 768, height: 1024 }]]) {
+      const other = await openPage(address, size);
+      await other.page.waitForFunction(() => document.querySelector('#stage progress')?.hidden);
+      const [stage, panels] = [await other.page.locator('#stage').boundingBox(), await other.page.locator('#panels').boundingBox()];
+      assert.ok(Math.abs(panels.x + panels.width - size.width) <= 1, `${panels.x} ${panels.width}`);
+      assert.ok(stage.width > 0.5 * size.width && stage.height > 0.35 * size.height, `${stage.width} × ${stage.height}`);
+      await other.browser.close();
+    }
+    assert.equal(await alone.stop(), 0);
+  });
+
   it('lists its keys, and leaves the list by Escape', async () => {
     await page.keyboard.press('?');
     await page.getByRole('heading', { name: 'Keys' }).waitFor();
