@@ -8,6 +8,7 @@
 #include "session/operations/Operation.h"
 #include "session/picture/Images.h"
 #include "viewer/image/OpenImages.h"
+#include "viewer/image/Tiles.h"
 #include "viewer/live/Live.h"
 #include "viewer/run/Runs.h"
 #include "viewer/server/Files.h"
@@ -46,6 +47,8 @@ void AddOperations(Router& router, Context& context);
 
 /// Reads "BLACK,MIDTONE,WHITE" of each plane in turn, or once for all of them. Throws UsageError.
 session::Levels ReadLevels(const std::string& text);
+/// Reads the place of a tile: "level", "x", "y", and "overlap" where it is wanted. Throws UsageError.
+TilePlace PlaceOf(const Request& request);
 /// Reads "ghs amount=2 then curve points=0:0,1:1": operations that see one pixel at a time, and measure
 /// nothing. Throws UsageError.
 std::vector<session::Step> ReadSteps(const std::string& text);

@@ -168,9 +168,7 @@ Response Rejected(const Request& request, Context& context) {
              high = context.files.NumberOf(MapOf(stack, "high"));
   if (!low || !high)
     throw UsageError("there are no maps of this stack; korimg run --rejection-maps writes them");
-  const TilePlace place{WholeOf(request, "level", 0, 32), WholeOf(request, "x", 0, files::kMaxSide),
-                        WholeOf(request, "y", 0, files::kMaxSide),
-                        request.query.contains("overlap") ? WholeOf(request, "overlap", 0, 1) : 0};
+  const TilePlace place = PlaceOf(request);
   const auto below = context.images.Get(*low, false), above = context.images.Get(*high, false);
   return {.type = "image/png",
           .body = DrawRejections(*below->pyramid, *above->pyramid, place, stack.frames, request.isGone)};

@@ -79,9 +79,7 @@ Response Info(const OpenImage& image) {
 
 Response Tile(const Request& request, const OpenImage& image) {
   Pyramid& pyramid = *image.pyramid;
-  const TilePlace place{WholeOf(request, "level", 0, 32), WholeOf(request, "x", 0, kAnyPixel),
-                        WholeOf(request, "y", 0, kAnyPixel),
-                        request.query.contains("overlap") ? WholeOf(request, "overlap", 0, 1) : 0};
+  const TilePlace place = PlaceOf(request);
   const bool isExact = image.IsExact();
   const Bytes bytes = DrawTile(pyramid, place, StretchOf(request, pyramid), request.isGone);
   if (request.isGone()) throw Cancelled();
@@ -126,14 +124,15 @@ Response Statistics(const Request& request, const OpenImage& image) {
   Json json{{"left", found.rect.left},     {"top", found.rect.top}, {"right", found.rect.right},
             {"bottom", found.rect.bottom}, {"step", found.step},    {"planes", Json::array()}};
   for (const PlaneStatistics& plane : found.planes) {
+    const auto known = [&](double value) { return plane.count > 0 ? NumberOrNull(value) : Json(); };
     json["planes"].push_back({{"count", plane.count},
                               {"blank", plane.blank},
-                              {"min", NumberOrNull(plane.count > 0 ? plane.min : NAN)},
-                              {"max", NumberOrNull(plane.count > 0 ? plane.max : NAN)},
-                              {"mean", NumberOrNull(plane.count > 0 ? plane.mean : NAN)},
-                              {"median", NumberOrNull(plane.count > 0 ? plane.median : NAN)},
-                              {"deviation", NumberOrNull(plane.count > 0 ? plane.deviation : NAN)},
-                              {"spread", NumberOrNull(plane.count > 0 ? plane.spread : NAN)},
+                              {"min", known(plane.min)},
+                              {"max", known(plane.max)},
+                              {"mean", known(plane.mean)},
+                              {"median", known(plane.median)},
+                              {"deviation", known(plane.deviation)},
+                              {"spread", known(plane.spread)},
                               {"histogram", plane.histogram}});
   }
   return JsonResponse(json);
@@ -222,6 +221,12 @@ session::Levels ReadLevels(const std::string& text) {
     }
   }
   return levels;
+}
+
+TilePlace PlaceOf(const Request& request) {
+  return {WholeOf(request, "level", 0, 32), WholeOf(request, "x", 0, files::kMaxSide),
+          WholeOf(request, "y", 0, files::kMaxSide),
+          request.query.contains("overlap") ? WholeOf(request, "overlap", 0, 1) : 0};
 }
 
 std::vector<Step> ReadSteps(const std::string& text) {

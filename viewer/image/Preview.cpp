@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <limits>
-#include <optional>
 #include <set>
 
 #include "session/picture/Image.h"
@@ -207,30 +207,23 @@ std::vector<CRect> Samples(Pyramid& pyramid, const std::function<bool()>& isGone
 session::Levels LevelsOfResult(Job& job, Pyramid& pyramid, const std::vector<Step>& steps, int margin,
                                const std::function<bool()>& isGone) {
   const std::vector<CRect> squares = Samples(pyramid, isGone);
-  const int width = squares.front().Width(), height = squares.front().Height();
-  std::optional<Image> all;
-  std::vector<FrameLevels> own;
-  for (std::size_t i = 0; i < squares.size(); ++i) {
-    const CRect wide = Widened(squares[i], margin, pyramid.At(0));
+  std::vector<Image> made;
+  for (const CRect& square : squares) {
+    const CRect wide = Widened(square, margin, pyramid.At(0));
     Image piece = WindowOf(pyramid, 0, wide, isGone);
     RunAll(job, steps, 1, piece);
-    if (!all) {
-      all = Image(NewImage(CreateContiguousManager({}), width, height * static_cast<int>(squares.size()),
-                           piece.Planes()));
-    }
-    const int left = squares[i].left - wide.left;
-    const int top = pyramid.Of().isOverturned ? wide.bottom - squares[i].bottom : squares[i].top - wide.top;
-    Image square(NewImage(CreateContiguousManager({}), width, height, piece.Planes()));
+    Image cut(NewImage(CreateContiguousManager({}), square.Width(), square.Height(), piece.Planes()));
+    const int left = square.left - wide.left;
+    const int top = pyramid.Of().isOverturned ? wide.bottom - square.bottom : square.top - wide.top;
     for (int p = 0; p < piece.Planes(); ++p) {
-      for (int y = 0; y < height; ++y) {
-        const auto row = piece.Rows().Plane(p)[top + y].subspan(left, width);
-        std::ranges::copy(row, square.Rows().Plane(p)[y].begin());
-        std::ranges::copy(row, all->Rows().Plane(p)[static_cast<int>(i) * height + y].begin());
+      for (int y = 0; y < cut.Height(); ++y) {
+        std::ranges::copy(piece.Rows().Plane(p)[top + y].subspan(left, cut.Width()),
+                          cut.Rows().Plane(p)[y].begin());
       }
     }
-    own.push_back(MeasureLevels(square.Pixels()));
+    made.push_back(std::move(cut));
   }
-  if (squares.size() == 1) return LevelForPicture(all->Pixels(), LevelMethod::Auto);
+  if (made.size() == 1) return LevelForPicture(made.front().Pixels(), LevelMethod::Auto);
   // The sky's level and what it varies by from place to place are those of all of the picture, made small;
   // what it varies by from pixel to pixel, and the highest light, those of the squares.
   const int small = LevelOfFew(pyramid);
@@ -238,12 +231,18 @@ session::Levels LevelsOfResult(Job& job, Pyramid& pyramid, const std::vector<Ste
   Image whole = WindowOf(pyramid, small, CRect(0, 0, shape.width, shape.height), isGone);
   RunAll(job, steps, 1 << small, whole);
   FrameLevels sky = MeasureLevels(whole.Pixels());
+  std::vector<FrameLevels> own;
+  std::ranges::transform(made, std::back_inserter(own), [](Image& cut) { return MeasureLevels(cut.Pixels()); });
   std::vector<std::pair<double, double>> extremes;
   for (int p = 0; p < std::min(whole.Planes(), 3); ++p) {
-    std::ranges::nth_element(own, own.begin() + own.size() / 2, {},
-                             [p](const FrameLevels& levels) { return levels.spread[p]; });
-    sky.spread[p] = std::hypot(sky.spread[p], own[own.size() / 2].spread[p]);
-    extremes.push_back(FiniteExtremes(all->Pixels(), p));
+    const auto middle = own.begin() + own.size() / 2;
+    std::ranges::nth_element(own, middle, {}, [p](const FrameLevels& levels) { return levels.spread[p]; });
+    sky.spread[p] = std::hypot(sky.spread[p], middle->spread[p]);
+    extremes.push_back(FiniteExtremes(made.front().Pixels(), p));
+    for (Image& cut : made) {
+      const auto [least, most] = FiniteExtremes(cut.Pixels(), p);
+      extremes.back() = {std::min(extremes.back().first, least), std::max(extremes.back().second, most)};
+    }
   }
   return StretchForPicture(sky, extremes, false);
 }
