@@ -337,11 +337,10 @@ void TakeSession(Job& job, const fs::path& folder, CalibrateOptions& options, co
 }
 
 SessionFrames FindReady(Job& job, const fs::path& folder) {
-  const bool isThere = fs::is_directory(folder);
-  SessionFrames found = isThere ? FindCalibration(job, folder) : SessionFrames();
+  SessionFrames found = FindCalibration(job, folder);
   if (found.darks.empty() && found.flats.empty() && found.biases.empty()) {
-    throw files::FileError(folder, fmt::format("{}; name one of darks, flats or biases, or of masters",
-                                               isThere ? "holds no calibration frames" : "is no folder"));
+    throw files::FileError(
+        folder, "holds no calibration frames; name a folder of darks, flats or biases, or of masters");
   }
   return found;
 }

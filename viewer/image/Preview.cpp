@@ -232,7 +232,8 @@ session::Levels LevelsOfResult(Job& job, Pyramid& pyramid, const std::vector<Ste
   RunAll(job, steps, 1 << small, whole);
   FrameLevels sky = MeasureLevels(whole.Pixels());
   std::vector<FrameLevels> own;
-  std::ranges::transform(made, std::back_inserter(own), [](Image& cut) { return MeasureLevels(cut.Pixels()); });
+  std::ranges::transform(made, std::back_inserter(own),
+                         [](Image& cut) { return MeasureLevels(cut.Pixels()); });
   std::vector<std::pair<double, double>> extremes;
   for (int p = 0; p < std::min(whole.Planes(), 3); ++p) {
     const auto middle = own.begin() + own.size() / 2;
