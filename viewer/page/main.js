@@ -64,7 +64,9 @@ function addHeader() {
   const load = async () => {
     const info = view.info;
     if (!info || !panel.open) return;
-    lines = (await get('image/header', { id: info.id })).map((/** @type {string} */ card) => card.trimEnd());
+    const told = /** @type {string[]} */ (await get('image/header', { id: info.id }));
+    if (view.info?.id !== info.id) return;
+    lines = told.map((card) => card.trimEnd());
     write();
   };
   filter.addEventListener('input', write);

@@ -270,7 +270,9 @@ export async function addOperations(view, openFile) {
       note.textContent = error instanceof Error ? error.message : String(error);
     }
   }
+  let checks = 0;
   async function check() {
+    const own = ++checks;
     const info = view.info, list = wanted();
     if (!info || !panel.open || list.length === 0) {
       command.value = '';
@@ -278,9 +280,10 @@ export async function addOperations(view, openFile) {
     }
     try {
       const checked = await post('operations/check', { id: info.id, steps: list, name: name.value });
-      command.value = checked.command;
+      if (own === checks) command.value = checked.command;
       return checked;
     } catch (error) {
+      if (own !== checks) return null;
       command.value = '';
       note.textContent = error instanceof Error ? error.message : String(error);
       return null;
@@ -298,7 +301,11 @@ export async function addOperations(view, openFile) {
     renew();
   });
   for (const event of ['open', 'move', 'exact', 'shown']) view.addEventListener(event, renew);
-  view.addEventListener('open', hide);
+  view.addEventListener('open', () => {
+    hide();
+    ++checks;
+    command.value = '';  // it names the image before
+  });
   for (const input of [preview, asOpened, name]) input.addEventListener('change', renew);
   panel.addEventListener('toggle', renew);
   onKey('o', 'preview of operations', () => { preview.checked = !preview.checked; renew(); });

@@ -31,6 +31,11 @@ describe('operations in the browser', { skip: missing, timeout: 120_000 }, () =>
   const panel = () => page.locator('#operations');
   const names = () => panel().locator('.steps .head label').allTextContents();
   const command = () => panel().locator('textarea').inputValue();
+  /** The command, once it is about an image. */
+  const commandFor = async (name) => (await page.waitForFunction((file) => {
+    const text = document.querySelector('#operations textarea').value;
+    return text.includes(file) && text;
+  }, name)).jsonValue();
   /** The mean of what lies over the image, and of the image. */
   const overlay = () => meanOf('#stage canvas.overlay'), picture = () => meanOf('#stage canvas:not(.overlay)');
   const meanOf = (selector) => page.evaluate((name) => {
@@ -124,11 +129,31 @@ describe('operations in the browser', { skip: missing, timeout: 120_000 }, () =>
     await page.waitForFunction(() => document.querySelector('#list [aria-current=true]').textContent === 'new.fits');
     // The shell takes the command as it is; its file lies elsewhere.
     await page.getByRole('button', { name: 'light_0001.fits' }).click();
-    await page.waitForFunction(() => document.querySelector('#operations textarea').value.includes('light_0001.fits'));
-    const words = (await command()).replace(/^korimg/, 'nice "$KORIMG"').replaceAll('new.fits', 'other.fits');
+    const words = (await commandFor('light_0001.fits')).replace(/^korimg/, 'nice "$KORIMG"').replaceAll('new.fits', 'other.fits');
     execSync(words, { env: { ...process.env, KORIMG: tool, SOURCE_DATE_EPOCH: '1' }, stdio: 'ignore' });
     const pixels = (name) => readFileSync(path.join(lights, name)).subarray(-2880 * 800);
     assert.ok(pixels('new.fits').equals(pixels('other.fits')));
+  });
+
+  it('tells the command of the image that is shown, whatever comes late', async () => {
+    // The answer for one image comes after that for the next one.
+    let release = () => {}, asked = 0;
+    const late = new Promise((done) => { release = done; });
+    await page.route('**/operations/check', async (route) => {
+      const answer = await route.fetch();
+      if (asked++ === 0) await late;
+      await route.fulfill({ response: answer });
+    });
+    await page.getByRole('button', { name: 'light_0002.fits' }).click();
+    await page.waitForFunction(() => document.querySelector('#list [aria-current=true]').textContent === 'light_0002.fits');
+    while (asked === 0) await page.waitForTimeout(20);
+    await page.getByRole('button', { name: 'light_0001.fits' }).click();
+    await commandFor('light_0001.fits');
+    release();
+    await page.waitForTimeout(300);
+    await page.unroute('**/operations/check');
+    assert.match(await command(), /light_0001\.fits/);
+    assert.doesNotMatch(await command(), /light_0002\.fits/);
   });
 
   it('replaces nothing unless told, and keeps recipes', async () => {
