@@ -200,16 +200,28 @@ std::vector<Hypothesis> Hypotheses(const StarField& stars, const StarField& refe
 }
 
 /// How many stars have to meet where `expected` do by chance, beside those of the hypothesis, so that one
-/// trial in a thousand searches at most is taken in.
-double LeastAgreement(double expected, double hypotheses) {
+/// trial in a thousand searches at most is taken in. Beyond `possible`, which cannot meet, it does not count.
+double LeastAgreement(double expected, double hypotheses, double possible) {
   constexpr double kMistaken = 1e-3;
   double more = 0;
   // The chance of so many is less than the expected number to that power over its factorial.
-  for (double chance = 1; hypotheses * chance > kMistaken;) {
+  for (double chance = 1; hypotheses * chance > kMistaken && more <= possible;) {
     ++more;
     chance *= expected / more;
   }
   return more;
+}
+
+/// How many stars may meet by chance, where `meet` of them do: those that lie farther around tell, as stars
+/// that crowd meet more often than even ones.
+double CrowdAround(const std::vector<Point>& stars, const PointGrid& reference, const Similarity& map,
+                   double radius, double meet) {
+  constexpr double kWider = 10;  // chosen
+  double around = -meet;
+  for (const Point& p : stars) {
+    reference.ForNear(map(p), kWider * radius, [&](int, double) { ++around; });
+  }
+  return around / (kWider * kWider);
 }
 
 /// The map under which most stars of the patterns meet. False when chance would do as well.
@@ -228,15 +240,10 @@ bool FindAgreement(const StarField& stars, const StarField& reference, Similarit
   if (hypotheses.size() > kMost) hypotheses.resize(kMost);
   const double even = static_cast<double>(stars.pattern.size() * reference.pattern.size()) *
                       std::numbers::pi * kPatternError * kPatternError / reference.PatternArea();
-  // Where stars crowd, more of them meet by chance than even ones: as those tell that lie farther around.
   const auto exceedsChance = [&](const Similarity& map, double meet) {
     if (count <= 3) return meet >= 3;
-    constexpr double kWider = 10;  // chosen
-    double around = -meet;
-    for (const Point& p : stars.pattern) {
-      reference.patternGrid.ForNear(map(p), kWider * kPatternError, [&](int, double) { ++around; });
-    }
-    return meet >= 3 + LeastAgreement(std::max(even, around / (kWider * kWider)), all);
+    const double crowd = CrowdAround(stars.pattern, reference.patternGrid, map, kPatternError, meet);
+    return meet >= 3 + LeastAgreement(std::max(even, crowd), all, count);
   };
   double most = 0;
   bool agrees = false;
@@ -482,10 +489,16 @@ bool FindTurn(const StarField& stars, const StarField& reference, double area, S
       if (meet < 2 || (meet == 2 && !(moves && brighter < kBrighter && brighter > 1 / kBrighter))) continue;
       // With the first stars on each other, the second ones have to meet in a part of a ring.
       const double turn = std::max(std::abs(std::atan2(map.b, map.a)), kLeastTurn);
-      double chance = tried * 4 * kLengthError * a.length * turn / area;
-      for (int more = 1; more <= meet - 2; ++more) {
-        chance *= others / more;
-      }
+      const auto chanceOf = [&](double expected) {
+        double chance = tried * 4 * kLengthError * a.length * turn / area;
+        for (int more = 1; more <= meet - 2; ++more) {
+          chance *= expected / more;
+        }
+        return chance;
+      };
+      if (chanceOf(others) >= least) continue;
+      const double chance =
+          chanceOf(std::max(others, CrowdAround(stars.pattern, reference.patternGrid, map, kRadius, meet)));
       if (chance >= least) continue;
       least = chance;
       best = map;
@@ -500,10 +513,13 @@ bool FindShift(const StarField& stars, const StarField& reference, double area, 
   constexpr double kRadius = 1;  // pixels; chosen
   const std::vector<Point>&from = stars.grid.Points(), &to = reference.grid.Points();
   if (Distance(from[0], to[0]) < kLeastMoved) return false;
-  pairs = PairsOf(stars, reference, {1, 0, to[0].x - from[0].x, to[0].y - from[0].y}, kRadius);
+  const Similarity shift{1, 0, to[0].x - from[0].x, to[0].y - from[0].y};
+  pairs = PairsOf(stars, reference, shift, kRadius);
+  const auto meet = static_cast<double>(pairs.size());
   const double others = static_cast<double>((from.size() - 1) * (to.size() - 1));
-  const double expected = others * std::numbers::pi * kRadius * kRadius / area;
-  return static_cast<double>(pairs.size()) >= 1 + LeastAgreement(expected, 1);
+  const double even = others * std::numbers::pi * kRadius * kRadius / area;
+  const double crowd = CrowdAround(from, reference.grid, shift, kRadius, meet);
+  return meet >= 1 + LeastAgreement(std::max(even, crowd), 1, meet);
 }
 
 /// By weighted least squares.

@@ -240,6 +240,24 @@ TEST(CStarMatcher, FailuresAreToldApart) {
   }
 }
 
+// So many meet by chance there that the odds of it are no numbers.
+TEST(CStarMatcher, StarsOnTopOfEachOtherAreNoMatch) {
+  const auto heap = [](int count, double side, int seed) {
+    std::vector<CStar> stars = Sky(count, seed);
+    for (CStar& star : stars) {
+      star.x = 300 + side * (star.x / kWidth + 1) / 3;
+      star.y = 200 + side * (star.y / kHeight + 1) / 3;
+    }
+    return stars;
+  };
+  for (const double side : {1.0, 12.0, 40.0}) {
+    const CStarMatcher matcher(heap(200, side, 1));
+    EXPECT_NE(matcher.Match(heap(150, side, 2), 400, 300).status, CStarMatch::Ok) << side;
+  }
+  const CStarMatcher crowd(heap(2000, 60, 3));
+  EXPECT_NE(crowd.Match(heap(2000, 60, 4), 60, 60).status, CStarMatch::Ok);
+}
+
 TEST(CStarMatcher, ACompositeLaysTheFrameOnTheReference) {
   constexpr int kSide = 200;
   const auto image = [&](const std::vector<CStar>& stars) {
