@@ -48,7 +48,8 @@ int Run(int argc, char** argv, Tool& tool) {
     const int code = app.exit(error);
     return code == 0 ? kDone : kBadUsage;
   }
-  if (tool.ExitCode() == kDone) Job::CheckComputed("korimg");  // nothing was saved that could have said it
+  if (tool.ExitCode() == kDone)
+    tool.job.CheckComputed("korimg");  // nothing was saved that could have said it
   return tool.ExitCode();
 }
 

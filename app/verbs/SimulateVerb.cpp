@@ -46,13 +46,7 @@ void AddSimulate(CLI::App& app, Tool& tool) {
     SimulateOptions& simulate = options->simulate;
     simulate.width = std::stoi(size[1]);
     simulate.height = std::stoi(size[2]);
-    simulate.overwrite = tool.options.overwrite;
     simulate.threads = tool.options.threads;
-    simulate.progress = [&tool](int done, int total) {
-      tool.job.CheckCancelled();
-      tool.job.Progress("simulating", done, total);
-      return true;
-    };
     const size_t lights = static_cast<size_t>(simulate.frames) * std::max<size_t>(simulate.filters.size(), 1);
     const nlohmann::ordered_json json{{"folder", options->folder.string()},
                                       {"lights", lights},
@@ -62,7 +56,7 @@ void AddSimulate(CLI::App& app, Tool& tool) {
     const std::string line = fmt::format("{}: {} lights of {} x {}", options->folder.string(), lights,
                                          simulate.width, simulate.height);
     if (tool.options.dryRun) return tool.job.Tell(Dump(json), line);
-    Simulate(options->folder, simulate);
+    Simulate(tool.job, options->folder, simulate);
     tool.job.Tell(Dump(json), line);
   });
 }

@@ -114,12 +114,12 @@ int main(int argc, char** argv) {
   app.add_option("--threads", threads, "of calibration");
   CLI11_PARSE(app, argc, argv);
   try {
-    if (!fs::exists(session)) Simulate(session, {.frames = frames});
     if (threads > 0) {
       CParallel::SetMaxThreads(threads);
       SetPipelineThreads(threads);
     }
     Job job;
+    if (!fs::exists(session)) Simulate(job, session, {.frames = frames});
     CalibrateOptions options;
     options.lights = {session / "lights"};
     options.darks = {session / "darks"};

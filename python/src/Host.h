@@ -49,12 +49,15 @@ class Host {
         {
           const py::gil_scoped_release unlocked;
           work();
+          job.CheckComputed();
         }
         Raise();
       } else {
         auto result = [&] {
           const py::gil_scoped_release unlocked;
-          return work();
+          auto made = work();
+          job.CheckComputed();
+          return made;
         }();
         Raise();
         return result;

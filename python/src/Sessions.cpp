@@ -80,7 +80,7 @@ void DoTask(const std::string& session, const py::dict& values, const py::dict& 
   host.Run([&] { session::DoTask(host.job, options, task); });
 }
 
-bool Simulate(const std::string& folder, int frames, int width, int height, const std::string& bayer,
+void Simulate(const std::string& folder, int frames, int width, int height, const std::string& bayer,
               const std::vector<std::string>& filters, std::uint64_t seed, bool overwrite) {
   SimulateOptions options;
   options.frames = frames;
@@ -89,20 +89,8 @@ bool Simulate(const std::string& folder, int frames, int width, int height, cons
   options.bayer = bayer;
   options.filters = filters;
   options.seed = seed;
-  options.overwrite = overwrite;
-  bool isInterrupted = false;
-  options.progress = [&](int, int) {
-    const py::gil_scoped_acquire locked;
-    isInterrupted = PyErr_CheckSignals() != 0;
-    return !isInterrupted;
-  };
-  bool isDone = false;
-  {
-    const py::gil_scoped_release unlocked;
-    isDone = korimg::Simulate(folder, options);
-  }
-  if (isInterrupted) throw py::error_already_set();
-  return isDone;
+  Host host({.report = py::none(), .overwrite = overwrite});
+  host.Run([&] { session::Simulate(host.job, folder, options); });
 }
 
 }  // namespace

@@ -278,7 +278,7 @@ class Frames {
     for (size_t i = 0; i < inputs_.size(); ++i) {
       job.CheckCancelled();
       job.Progress("measuring frame", static_cast<long long>(i) + 1, static_cast<long long>(inputs_.size()));
-      if (wantsLevels) inputs_[i].levels = MeasureInput(inputs_[i]);
+      if (wantsLevels) inputs_[i].levels = MeasureInput(job, inputs_[i]);
       if (hasFluxes_)
         std::fill(std::begin(inputs_[i].levels.spread), std::end(inputs_[i].levels.spread), ratios_[i]);
     }

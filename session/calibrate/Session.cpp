@@ -439,7 +439,7 @@ void Session::CheckLights() {
     const files::ImageInfo& info = reader->Info();
     StackInput input{light.frame.path.string(), {info.width, info.height, info.planes}};
     input.read = [&](const Band<float>& to) { reader->ReadRows(to); };
-    const FrameLevels levels = MeasureInput(input);
+    const FrameLevels levels = MeasureInput(job_, input);
     if (const Master* offset = MasterOf(light.Offset())) {
       CheckScale(light, levels, *offset);
       // Standard deviations, chosen: nothing of the noise lies below, and little of hot pixels' dark signal.

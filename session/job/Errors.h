@@ -17,6 +17,8 @@ enum class ErrorKind {
   Internal    ///< nobody's fault but ours
 };
 
+/// Texts name options as the command line writes them, `--max-fwhm`, which no other word looks like: hosts
+/// that have other names for them put these in at their edge.
 class KORIMG_SESSION_API Error : public std::runtime_error {
  public:
   /// `subject` is the file or the argument that it is about; empty where there is none.

@@ -34,7 +34,7 @@ struct OfReporter : Error {
 
 }  // namespace
 
-Job::Job(JobOptions given) : options(std::move(given)) {
+Job::Job(JobOptions given) : options(std::move(given)), failuresBefore_(PipelineFailures()) {
   if (options.memory < 0) throw UsageError("a job has 0 bytes of memory, for what is usual, or more");
   window_ = CreateMessageWindow([this](unsigned message, std::uintptr_t first, std::intptr_t second) {
     if (message == kProgressMessage) ShowOperation(static_cast<ProgressEvent>(first), second);
@@ -167,12 +167,21 @@ void Job::CheckOutput(const std::filesystem::path& path) const {
   throw files::FileError(path, "exists already; choose another name or use --overwrite");
 }
 
-void Job::CheckComputed(const std::filesystem::path& path) {
-  if (PipelineFailures() == 0) return;
-  throw files::FileError(
-      path,
-      "part of the computation failed, most likely for want of memory, and its result is not "
-      "kept; lower --memory or --threads and run it again (--verbose tells what failed)");
+bool Job::HasMiscomputed() const {
+  return PipelineFailures() != failuresBefore_;
+}
+
+void Job::CheckComputed(const std::filesystem::path& path) const {
+  if (!HasMiscomputed()) return;
+  const char* text =
+      "part of the computation failed, most likely for want of memory, and its result is not kept; lower "
+      "--memory or --threads and run it again (--verbose tells what failed)";
+  if (path.empty()) throw Error(ErrorKind::Resource, text);
+  throw files::FileError(path, text);
+}
+
+void Job::ForgetFailures() {
+  failuresBefore_ = PipelineFailures();
 }
 
 long long ParseSize(const std::string& text) {

@@ -109,8 +109,14 @@ class KORIMG_SESSION_API Job {
 
   /// Refuses an output that exists already, unless it may be replaced.
   void CheckOutput(const std::filesystem::path& path) const;
-  /// Refuses to keep what may be wrong: once a pipeline has failed, nothing more is saved. Throws FileError.
-  static void CheckComputed(const std::filesystem::path& path);
+  /// True once a pipeline has failed while this job was at work: what was computed since may be wrong.
+  /// Pipelines don't know whose they are, so that failures of jobs beside this one count too.
+  bool HasMiscomputed() const;
+  /// Refuses to keep, or to hand out, what may be wrong. Throws FileError about `path`, and without one an
+  /// error of resources.
+  void CheckComputed(const std::filesystem::path& path = {}) const;
+  /// Trusts what is computed from here on, where nothing is left of what may be wrong.
+  void ForgetFailures();
 
  private:
   void Report(const Event& event);
@@ -120,6 +126,7 @@ class KORIMG_SESSION_API Job {
   mutable std::mutex mutex_;
   std::recursive_mutex reporting_;
   std::atomic<bool> hasFailed_ = false;
+  std::atomic<long long> failuresBefore_;  ///< of pipelines, before this job
   bool inJob_ = false;
   bool isOpen_ = false;        ///< an operation runs: steps that come late are of one that has ended
   std::exception_ptr thrown_;  ///< by the reporter, while an operation ran

@@ -101,18 +101,23 @@ class LiveStack::Impl {
 
   LiveFrame Add(const fs::path& file) {
     job_.CheckCancelled();
+    job_.ForgetFailures();  // of frames that were left out for them
     const auto start = std::chrono::steady_clock::now();
     LiveFrame frame{file};
     std::optional<Laid> laid;
     try {
       laid = Work(frame);
-      Job::CheckComputed(file);
     } catch (const LeftOut& left) {
       frame.status = left.reason;
     } catch (const files::FileError& error) {
       if (error.Subject() != file.string()) throw;  // of calibration frames
       frame.status = error.Reason();
       laid.reset();
+    }
+    if (job_.HasMiscomputed()) {
+      frame.status = "part of its computation failed, most likely for want of memory";
+      laid.reset();
+      session_.reset();  // its masters may be wrong too
     }
     if (!reference_ && session_ && session_->Lights().front().mosaic.cfa > 0) {
       session_.reset();  // its white balance is that of a bad frame
@@ -157,6 +162,7 @@ class LiveStack::Impl {
     if (reference.measure.starCount < kFewestStars) {
       throw files::FileError(options_.reference, "cannot be the reference: hardly any stars are found in it");
     }
+    job_.CheckComputed(options_.reference);
     SetReference(std::move(reference));
   }
 
@@ -277,6 +283,7 @@ class LiveStack::Impl {
     const fs::path& file = told.file;
     if (const std::string why = WhyNoLight(file); !why.empty()) throw LeftOut{why};
     Measured frame = Measure(file, told.masters);
+    job_.CheckComputed(file);
     const FrameMeasure& measure = frame.measure;
     told.fwhm = measure.fwhm;
     told.elongation = measure.elongation;
@@ -293,6 +300,7 @@ class LiveStack::Impl {
     Registration registration = isReference ? ReferenceRegistration(measure) : Register(file, frame);
     if (isReference) registration.fluxRatio = 1;
     Laid laid = Lay(file, frame, registration);
+    job_.CheckComputed(file);
     laid.header = own;
     told.dx = registration.dx;
     told.dy = registration.dy;

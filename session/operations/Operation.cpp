@@ -87,6 +87,7 @@ void Step::Run(Job& job, Image& image, CRect* rect) const {
     image.Pixels().SetProgressHandle(call.Window());
     operation_->run(call, values_);
     job.EndProgress();
+    job.CheckComputed(image.Info().path);
     if (operation_->header == HeaderEffect::DropsCounts) files::DropGain(image.Header());
   });
 }

@@ -159,8 +159,8 @@ Levels::Levels(const CVelImage& image) {
   }
 }
 
-void CommitComputed(files::ImageWriter& writer) {
-  Job::CheckComputed(writer.Path());
+void CommitComputed(const Job& job, files::ImageWriter& writer) {
+  job.CheckComputed(writer.Path());
   writer.Commit();
 }
 
@@ -175,7 +175,7 @@ bool IsPng(const std::filesystem::path& path) {
 
 ImageSaver::ImageSaver(Job& job, const std::filesystem::path& path, const Shape& shape, const Levels& levels,
                        const files::Header& header, const SaveOptions& options)
-    : shape_(shape), levels_(levels), uncertainty_(options.uncertainty), mask_(options.mask) {
+    : job_(&job), shape_(shape), levels_(levels), uncertainty_(options.uncertainty), mask_(options.mask) {
   const bool byLevels = IsPng(path) && !options.integers;
   files::WriteOptions write{shape.width, shape.height, shape.planes};
   write.header = header;
@@ -293,6 +293,7 @@ PictureSaver::PictureSaver(const Shape& shape, const Levels& levels, int shrink)
 PictureSaver::PictureSaver(Job& job, const std::filesystem::path& path, const Shape& shape,
                            const Levels& levels, int shrink, bool overturned)
     : PictureSaver(shape, levels, shrink) {
+  job_ = &job;
   overturned_ = overturned;
   files::WriteOptions write = Format();
   write.overwrite = job.options.overwrite;
@@ -352,7 +353,11 @@ void PictureSaver::Commit() {
   for (int line = 0; overturned_ && line < picture_.height; ++line) {
     WriteLine(line, &overturnedLines_.at(line_.size() * (picture_.height - 1 - line)));
   }
-  CommitComputed(*writer_);
+  if (job_) {
+    CommitComputed(*job_, *writer_);
+  } else {
+    writer_->Commit();
+  }
 }
 
 void ShowByLevels(CVelImage& image, const Levels& levels) {

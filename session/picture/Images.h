@@ -76,7 +76,7 @@ struct Shape {
 };
 
 /// Gives a file its final name. Throws FileError when a pipeline has failed.
-KORIMG_SESSION_API void CommitComputed(files::ImageWriter& writer);
+KORIMG_SESSION_API void CommitComputed(const Job& job, files::ImageWriter& writer);
 
 KORIMG_SESSION_API bool IsFits(const std::filesystem::path& path);
 
@@ -94,9 +94,10 @@ class KORIMG_SESSION_API ImageSaver {
   void Write(const Band<const float>& rows);
   /// Writes the next rows of what the options want beside them.
   void WriteQuality(const Band<const float>& variance, const Band<const float>& mask);
-  void Commit() { CommitComputed(*writer_); }
+  void Commit() { CommitComputed(*job_, *writer_); }
 
  private:
+  const Job* job_;
   Shape shape_;
   Levels levels_;
   bool bringsToOne_ = false;  ///< each plane from its own levels to 0 to 65535
@@ -124,6 +125,7 @@ class KORIMG_SESSION_API PictureSaver {
   void WriteLine(int line, const float* pixels);
   files::WriteOptions Format() const;
 
+  const Job* job_ = nullptr;  ///< none: in memory
   Shape shape_, picture_;
   Levels levels_;
   int shrink_, rowsOfPixel_;

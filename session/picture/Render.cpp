@@ -81,7 +81,7 @@ void WritePicture(Job& job, CVelImage& image, const fs::path& path) {
             }
             writer->WriteRows({rows, planes, width, y, 1});
           });
-  CommitComputed(*writer);
+  CommitComputed(job, *writer);
 }
 
 void DrawAnnotations(CVelImage& picture, const RenderOptions& options,

@@ -306,6 +306,7 @@ RegisteredFrames::~RegisteredFrames() = default;
 void RegisteredFrames::Read(size_t frame, const Band<float>& to) {
   AtEdge([&] {
     const std::lock_guard lock(mutex_);
+    kept_->job.ForgetFailures();
     StackOptions options{.rejection = {.test = Rejection::None}, .normalisation = Normalisation::None};
     // As the run laid them.
     const StackOptions chosen = [&] {
@@ -321,6 +322,7 @@ void RegisteredFrames::Read(size_t frame, const Band<float>& to) {
           [&](const StackBand& band) {
             CopyPixels(band.result, to.Part(band.result.Top(), band.result.Rows()));
           });
+    kept_->job.CheckComputed(kept_->run.frames.at(frame).frame.file);
   });
 }
 
@@ -358,7 +360,7 @@ Levels RegisteredFrames::StretchOf(size_t frame) {
       if (chosen == frames.end()) chosen = std::ranges::find_if(frames, isOurs);
       if (chosen == frames.end()) throw UsageError(fmt::format("no frame of {} is registered", stack));
       const size_t number = chosen - frames.begin();
-      const Stretched made{number, StretchForPicture(*SampleInput(kept_->InputOf(number)))};
+      const Stretched made{number, StretchForPicture(*SampleInput(kept_->job, kept_->InputOf(number)))};
       stretched = stretched_.emplace(stack, made).first;
     }
     Levels levels = stretched->second.levels;

@@ -19,7 +19,7 @@ Levels Road::StretchOfFrames(const RunTarget& target) const {
       LightRows rows(session_, *frame->light);
       StackInput input{frame->light->Name(), rows.Size()};
       input.read = [&rows](const Band<float>& to) { rows.Read(to); };
-      return StretchForPicture(*SampleInput(input));
+      return StretchForPicture(*SampleInput(job_, input));
     } catch (const files::FileError&) {  // it is told of when the frame is measured
     }
   }

@@ -178,7 +178,7 @@ bool Road::StackRowsOf(const RunTarget& target, int part, int parts) {
   Journal stacked = OpenPart(*made, files::UniquePartialName(path), rows, Journal::Passing);
   Stack(job_, made->inputs, static_cast<int>(made->reference), made->options, rows,
         [&](const StackBand& band) {
-          Job::CheckComputed(path);
+          job_.CheckComputed(path);
           stacked.Add(band);
         });
   stacked.KeepAs(path);

@@ -22,7 +22,7 @@
 #include "session/job/internal/Edge.h"
 #include "session/simulate/internal/Random.h"
 
-namespace korimg {
+namespace korimg::session {
 
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
@@ -170,10 +170,11 @@ class Nebula {
   std::vector<float> values_;
 };
 
-class Session {
+class SimulatedSession {
  public:
-  Session(const fs::path& folder, const SimulateOptions& options)
-      : folder_(folder),
+  SimulatedSession(Job& job, const fs::path& folder, const SimulateOptions& options)
+      : job_(job),
+        folder_(folder),
         options_(options),
         width_(options.width),
         height_(options.height),
@@ -193,8 +194,9 @@ class Session {
     MakeSensor();
   }
 
-  bool Write() {
-    if (fs::exists(TruthPath()) && !options_.overwrite) {
+  void Write() {
+    const bool overwrites = job_.options.overwrite;
+    if (fs::exists(TruthPath()) && !overwrites) {
       throw files::FileError(TruthPath(),
                              "exists already; use --overwrite to replace the session, or another folder");
     }
@@ -222,16 +224,17 @@ class Session {
           if (kind == kLight) Expose(f * count + i);
           WriteFrame(folder_ / file(i), kind, f * count + i);
           names.push_back(file(i));
-          if (options_.progress && !options_.progress(++done, total)) return false;
+          job_.Progress("simulating", ++done, total);
+          job_.CheckCancelled();
         }
         // Frames of an earlier, longer session do not belong to this one.
-        for (int i = count; options_.overwrite && fs::remove(folder_ / file(i)); ++i) {
+        for (int i = count; overwrites && fs::remove(folder_ / file(i)); ++i) {
         }
       }
       files_[subfolder] = std::move(names);
     }
     WriteTruth();
-    return true;
+    job_.EndProgress();
   }
 
  private:
@@ -531,7 +534,7 @@ class Session {
                                                           .type = "uint16",
                                                           .header = MakeHeader(kind, frame),
                                                           .verbatim = true,
-                                                          .overwrite = options_.overwrite});
+                                                          .overwrite = job_.options.overwrite});
     BandBuffer buffer;
     for (int y0 = 0; y0 < height_; y0 += kBand) {
       const Band<float> band = buffer.Get(1, width_, y0, std::min(kBand, height_ - y0));
@@ -745,6 +748,7 @@ class Session {
     part.RenameTo(TruthPath());
   }
 
+  Job& job_;
   fs::path folder_;
   const SimulateOptions& options_;
   int width_, height_;
@@ -768,43 +772,40 @@ class Session {
 
 }  // namespace
 
-bool Simulate(const fs::path& folder, const SimulateOptions& options) {
+void Simulate(Job& job, const fs::path& folder, const SimulateOptions& options) {
   constexpr int kLeastSide = 64;
   if (options.frames < 1 || options.frames > 9999) {
-    throw session::UsageError(fmt::format("{} frames; 1 to 9999 are possible", options.frames));
+    throw UsageError(fmt::format("{} frames; 1 to 9999 are possible", options.frames));
   }
   if (std::min(options.width, options.height) < kLeastSide ||
       std::max(options.width, options.height) > files::kMaxSide) {
-    throw session::UsageError(fmt::format("a size of {}x{}; sides of {} to {} are possible", options.width,
-                                          options.height, kLeastSide, files::kMaxSide));
+    throw UsageError(fmt::format("a size of {}x{}; sides of {} to {} are possible", options.width,
+                                 options.height, kLeastSide, files::kMaxSide));
   }
   constexpr double kMostBarrel = 0.1, kMostDither = 0.5;
   if (!(options.barrel >= 0 && options.barrel <= kMostBarrel)) {
-    throw session::UsageError(
-        fmt::format("a barrel of {:g}; 0 to {:g} are possible", options.barrel, kMostBarrel));
+    throw UsageError(fmt::format("a barrel of {:g}; 0 to {:g} are possible", options.barrel, kMostBarrel));
   }
   if (!(options.dither >= 0 && options.dither <= kMostDither)) {
-    throw session::UsageError(
-        fmt::format("a dither of {:g}; 0 to {:g} are possible", options.dither, kMostDither));
+    throw UsageError(fmt::format("a dither of {:g}; 0 to {:g} are possible", options.dither, kMostDither));
   }
   const std::string& bayer = options.bayer;
   const std::vector<std::string> patterns = files::CfaNames();
   if (!bayer.empty() && std::find(patterns.begin(), patterns.end(), bayer) == patterns.end()) {
-    throw session::UsageError(
+    throw UsageError(
         fmt::format("pattern '{}' of a mosaic; {} are possible", bayer, fmt::join(patterns, ", ")));
   }
   std::set<std::string> taken;
   for (const std::string& filter : options.filters) {
     if (std::none_of(kFilters.begin(), kFilters.end(), [&](const Passband& f) { return f.name == filter; })) {
-      throw session::UsageError(
-          fmt::format("filter '{}'; L, R, G, B, Ha, OIII and SII are possible", filter));
+      throw UsageError(fmt::format("filter '{}'; L, R, G, B, Ha, OIII and SII are possible", filter));
     }
-    if (!taken.insert(filter).second) throw session::UsageError("filter " + filter + " is given twice");
+    if (!taken.insert(filter).second) throw UsageError("filter " + filter + " is given twice");
   }
   if (!bayer.empty() && !options.filters.empty()) {
-    throw session::UsageError("a colour sensor needs no filters: leave out the pattern or the filters");
+    throw UsageError("a colour sensor needs no filters: leave out the pattern or the filters");
   }
-  return session::AtEdge([&] { return Session(folder, options).Write(); });
+  AtEdge([&] { SimulatedSession(job, folder, options).Write(); });
 }
 
-}  // namespace korimg
+}  // namespace korimg::session

@@ -3,13 +3,13 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "session/Export.h"
+#include "session/job/Job.h"
 
-namespace korimg {
+namespace korimg::session {
 
 struct SimulateOptions {
   int frames = 20;  ///< lights, of each filter, 1 to 9999; calibration frames of a kind: a half, but 3 to 10
@@ -22,18 +22,16 @@ struct SimulateOptions {
   double dither = 0;       ///< lights lie up to this share of the sides off, 0 to 0.5; 0: up to 12 pixels
   std::uint64_t seed = 1;  ///< the same seed and options give the same bytes, whatever the threads
   std::uint64_t noiseSeed = 0;  ///< of the photons and the readout alone; 0: as all else
-  bool overwrite = false;       ///< replace existing files
   int threads = 0;              ///< 0: as many as OpenMP gives
-  /// Called after each file with the number of files done and of all; false cancels.
-  std::function<bool(int done, int total)> progress = {};
 };
 
 /// Writes folder/lights/light_0001.fits and so on (light_R_0001.fits with filters), darks/, flats/, biases/
 /// and truth.json: 16-bit frames of a star field with nebulosity, sky gradient, vignetting, dust, hot pixels,
 /// cosmic rays, a satellite trail, shifts and rotations. truth.json holds every parameter that a test may
-/// want, with its conventions in words.
-/// @return false if cancelled: files made so far stay, without truth.json.
-/// @throws session::UsageError for options out of range, files::FileError if a file cannot be written.
-KORIMG_SESSION_API bool Simulate(const std::filesystem::path& folder, const SimulateOptions& options);
+/// want, with its conventions in words. Of a job that is cancelled files made so far stay, without
+/// truth.json.
+/// @throws UsageError for options out of range, files::FileError if a file cannot be written.
+KORIMG_SESSION_API void Simulate(Job& job, const std::filesystem::path& folder,
+                                 const SimulateOptions& options);
 
-}  // namespace korimg
+}  // namespace korimg::session

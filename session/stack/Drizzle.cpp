@@ -189,7 +189,7 @@ void FindRejected(Job& job, const std::vector<StackInput>& inputs, int reference
   options.rejected = [&](int frame, int x, int y, int plane) { rejected.Mark(frame, x, y, plane); };
   rejected.Begin(PlanStack(inputs, shape, options).rows);
   Stack(job, inputs, reference, options, {rejected.Rows()}, [&](const StackBand& band) {
-    Job::CheckComputed(rejected.Path());
+    job.CheckComputed(rejected.Path());
     rejected.End(band.result.Rows(), band.counts);
   });
 }

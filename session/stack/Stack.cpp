@@ -468,13 +468,12 @@ void LayInput(const StackInput& input, CVelImage& frame, const FrameLevels& refe
   }
 }
 
-std::unique_ptr<CVelImage> SampleInput(const StackInput& input) {
+std::unique_ptr<CVelImage> SampleInput(Job& job, const StackInput& input) {
   // As many lines as MeasureLevels looks at, one below the other.
   constexpr int kPixels = 60000;
-  static const std::shared_ptr<CVmManager> store = CreateContiguousManager();
   const Shape& shape = input.shape;
   const int lines = std::clamp((kPixels + shape.width - 1) / shape.width, 1, shape.height);
-  auto sample = NewImage(store, shape.width, lines, shape.planes);
+  auto sample = NewImage(job.MakeStore(), shape.width, lines, shape.planes);
   for (int i = 0; i < lines; ++i) {
     input.read(
         Image::RowsOf(*sample, i, 1).At(static_cast<int>((2LL * i + 1) * shape.height / (2LL * lines))));
@@ -482,8 +481,8 @@ std::unique_ptr<CVelImage> SampleInput(const StackInput& input) {
   return sample;
 }
 
-FrameLevels MeasureInput(const StackInput& input) {
-  return MeasureLevels(*SampleInput(input));
+FrameLevels MeasureInput(Job& job, const StackInput& input) {
+  return MeasureLevels(*SampleInput(job, input));
 }
 
 double ScaleOf(const FrameLevels& frame, const FrameLevels& reference, Normalisation normalisation,

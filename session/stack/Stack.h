@@ -120,10 +120,10 @@ void LayInput(const StackInput& input, CVelImage& frame, const FrameLevels& refe
               const StackOptions& options, CVelImage& target);
 
 /// Answers some rows of a frame, spread evenly over it: enough to measure it by.
-KORIMG_SESSION_API std::unique_ptr<CVelImage> SampleInput(const StackInput& input);
+KORIMG_SESSION_API std::unique_ptr<CVelImage> SampleInput(Job& job, const StackInput& input);
 
 /// Measures a frame for normalising and weights, by such rows.
-KORIMG_SESSION_API FrameLevels MeasureInput(const StackInput& input);
+KORIMG_SESSION_API FrameLevels MeasureInput(Job& job, const StackInput& input);
 
 /// Answers what normalising multiplies a plane of a frame by.
 double ScaleOf(const FrameLevels& frame, const FrameLevels& reference, Normalisation normalisation,

@@ -51,10 +51,11 @@ struct Source {
 };
 
 /// Rows of a mosaic in colour, on its own scale: what outliers are told by where its sites are drizzled.
-void ReadDeveloped(files::ImageReader& reader, const files::Mosaic& mosaic, const Band<float>& to) {
+void ReadDeveloped(const Job& job, files::ImageReader& reader, const files::Mosaic& mosaic,
+                   const Band<float>& to) {
   // As many rows at once as make the margins of development small; chosen.
   constexpr int kAtOnce = 128;
-  static const std::shared_ptr<CVmManager> store = CreateContiguousManager();
+  const auto store = job.MakeStore();
   files::ImageInfo info = reader.Info();
   const auto row = NewImage(store, info.width, 1, 1);
   SetLevels(*row, info, false);
@@ -89,7 +90,7 @@ class Sources {
  public:
   static constexpr size_t kMostOpen = 100;  ///< chosen
 
-  Sources(Job& job, const StackFilesOptions& options) : uncertainty_(options.uncertainty) {
+  Sources(Job& job, const StackFilesOptions& options) : job_(job), uncertainty_(options.uncertainty) {
     std::optional<Transforms> transforms;
     if (!options.transforms.empty()) transforms.emplace(options.transforms);
     for (const fs::path& path : ExpandFolders(job, options.frames)) {
@@ -168,8 +169,8 @@ class Sources {
     if (uncertainty_) input.correlation = ReaderOf(source).CorrelationOfNoise();
     if (source.mosaic.cfa == 0) return input;
     input.shape.planes = 3;
-    input.read = [&source](const Band<float>& to) {
-      WithReader(source, [&](auto& reader) { ReadDeveloped(reader, source.mosaic, to); });
+    input.read = [this, &source](const Band<float>& to) {
+      WithReader(source, [&](auto& reader) { ReadDeveloped(job_, reader, source.mosaic, to); });
     };
     mosaics_.push_back({PlanesOfSites(source.mosaic.cfa), read});
     return input;
@@ -254,6 +255,7 @@ class Sources {
     }
   }
 
+  Job& job_;
   bool uncertainty_;
   std::vector<Source> used_;
   std::vector<MosaicSites> mosaics_;
@@ -382,7 +384,7 @@ class StackRun {
       Measure();
       if (journal.NextRow() < out_.height) {
         const auto keep = [&](const StackBand& band) {
-          Job::CheckComputed(options_.output);
+          job_.CheckComputed(options_.output);
           journal.Add(band);
         };
         if (options_.drizzle) {
@@ -440,7 +442,7 @@ class StackRun {
     Journal made(files::UniquePartialName(path), Digest(), out_, Images(), inputs_.size(), Journal::Passing,
                  rows);
     Stack(job_, inputs_, sources_.Reference(), stack_, rows, [&](const StackBand& band) {
-      Job::CheckComputed(path);
+      job_.CheckComputed(path);
       made.Add(band);
     });
     made.KeepAs(path);
@@ -586,7 +588,7 @@ class StackRun {
         job_, "measuring frame", inputs_.size(), 0,
         [&](size_t i) {
           const std::string noData = sources_.FindBorder(i).Text();
-          return Measured{noData, wantsLevels ? MeasureInput(inputs_[i]) : FrameLevels()};
+          return Measured{noData, wantsLevels ? MeasureInput(job_, inputs_[i]) : FrameLevels()};
         },
         [&](size_t i, const auto& result) {
           job_.CheckCancelled();
@@ -684,7 +686,7 @@ class StackRun {
     });
     if (rejected_) counts_ = rejected_->Counts();
     if (spread) spread_ = spread->Get();
-    const auto sample = SampleInput(inputs_[sources_.Reference()]);
+    const auto sample = SampleInput(job_, inputs_[sources_.Reference()]);
     SetLevels(*sample, sources_.Used()[sources_.Reference()].info, false);
     Levels countLevels;
     std::fill_n(countLevels.max, 3, static_cast<double>(inputs_.size()));

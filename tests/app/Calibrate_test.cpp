@@ -12,9 +12,9 @@
 #include "korimg/platform/CParallel.h"
 
 #include "app/verbs/Verbs.h"
-#include "session/simulate/Simulate.h"
 #include "tests/support/Folder.h"
 #include "tests/support/Images.h"
+#include "tests/support/Simulated.h"
 
 namespace korimg::tool {
 namespace {
@@ -700,7 +700,7 @@ double CornerToCentre(const std::vector<Cell>& cells) {
 
 TEST_F(CalibrateTest, ASimulatedSessionComesOutAsItsTruth) {
   constexpr int kSide = 1000;
-  ASSERT_TRUE(Simulate(In("s"), {.frames = 6, .width = kSide, .height = kSide, .seed = 2}));
+  test::Simulated(In("s"), {.frames = 6, .width = kSide, .height = kSide, .seed = 2});
   const json truth = json::parse(files::ReadBytes(In("s/truth.json")));
   std::vector<std::vector<float>> results;
   for (const char* threads : {"1", "2", "3"}) {
@@ -735,7 +735,7 @@ TEST_F(CalibrateTest, MemoryDoesNotGrowWithTheNumberOfFrames) {
   GTEST_SKIP() << "the sanitizer keeps freed memory";
 #endif
   constexpr int kSide = 1200, kFrames = 60;  // 5.8 MB each as floats
-  ASSERT_TRUE(Simulate(In("one"), {.frames = 1, .width = kSide, .height = kSide}));
+  test::Simulated(In("one"), {.frames = 1, .width = kSide, .height = kSide});
   for (const auto& [kind, frame] :
        {std::pair("lights", "light"), {"darks", "dark"}, {"flats", "flat"}, {"biases", "bias"}}) {
     fs::create_directories(In(std::string("many/") + kind));

@@ -9,8 +9,8 @@
 #include <nlohmann/json.hpp>
 
 #include "session/run/internal/State.h"
-#include "session/simulate/Simulate.h"
 #include "tests/app/Tool.h"
+#include "tests/support/Simulated.h"
 
 namespace korimg::files {
 namespace {
@@ -74,8 +74,7 @@ class ClusterTest : public ToolTest {
 
   /// Two filters, hot pixels, a light with a constant border, a copy, and one that is damaged in its middle.
   void MakeNight(const std::string& folder) {
-    ASSERT_TRUE(
-        Simulate(In(folder), {.frames = 5, .width = 300, .height = 200, .filters = {"L", "R"}, .seed = 3}));
+    test::Simulated(In(folder), {.frames = 5, .width = 300, .height = 200, .filters = {"L", "R"}, .seed = 3});
     const auto light = [&](int n) { return In(fmt::format("{}/lights/light_L_{:04}.fits", folder, n)); };
     const auto reader = ImageReader::Open(light(2));
     Planes pixels = ReadAll(*reader, 64);
@@ -109,9 +108,9 @@ class ClusterTest : public ToolTest {
 
 TEST_F(ClusterTest, ARunInTasksHasTheBytesOfARun) {
   MakeNight("night");
-  ASSERT_TRUE(Simulate(In("colour"), {.frames = 4, .width = 260, .height = 201, .bayer = "GRBG", .seed = 5}));
-  ASSERT_TRUE(Simulate(
-      In("lens"), {.frames = 7, .width = 640, .height = 480, .barrel = 0.02, .dither = 0.06, .seed = 8}));
+  test::Simulated(In("colour"), {.frames = 4, .width = 260, .height = 201, .bayer = "GRBG", .seed = 5});
+  test::Simulated(In("lens"),
+                  {.frames = 7, .width = 640, .height = 480, .barrel = 0.02, .dither = 0.06, .seed = 8});
   enum Order { Straight, Backwards, Twice };
   const struct {
     const char *night, *options;
@@ -172,7 +171,7 @@ TEST_F(ClusterTest, ARunInTasksHasTheBytesOfARun) {
 }
 
 TEST_F(ClusterTest, ManyAtOnceDoNoHarm) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 4, .width = 400, .height = 300, .seed = 2}));
+  test::Simulated(In("night"), {.frames = 4, .width = 400, .height = 300, .seed = 2});
   ASSERT_EQ(Shell("korimg run night --out whole -q --threads 1; korimg run night --out out --plan-only "
                   "p.json --parts 2")
                 .code,
@@ -275,7 +274,7 @@ TEST_F(ClusterTest, WhatIsMissingOrStaleIsMadeAgainOrRefused) {
 }
 
 TEST_F(ClusterTest, PlansThatAreNone) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 3, .width = 200, .height = 160, .seed = 1}));
+  test::Simulated(In("night"), {.frames = 3, .width = 200, .height = 160, .seed = 1});
   ASSERT_EQ(Shell("korimg run night --out out --exclude '*_0009*' --drizzle 1.5 --plan-only p.json").code, 0);
   const json plan = json::parse(ReadBytes(In("p.json")));
   EXPECT_EQ(Stages("p.json").size(), 4u) << "nothing is stacked in parts where it is drizzled";
@@ -316,7 +315,7 @@ TEST_F(ClusterTest, PlansThatAreNone) {
 }
 
 TEST_F(ClusterTest, AStackInPartsHasTheBytesOfAStack) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 6, .width = 300, .height = 200, .seed = 4}));
+  test::Simulated(In("night"), {.frames = 6, .width = 300, .height = 200, .seed = 4});
   ASSERT_EQ(
       Shell("korimg calibrate night/lights --dark night/darks --flat night/flats --bias night/biases --out c "
             "--uncertainty --mask -q && korimg register c --json > moves.jsonl")
@@ -391,7 +390,7 @@ TEST_F(ClusterTest, AStackInPartsHasTheBytesOfAStack) {
 }
 
 TEST_F(ClusterTest, TheExampleForSlurm) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 4, .width = 240, .height = 200, .seed = 6}));
+  test::Simulated(In("night"), {.frames = 4, .width = 240, .height = 200, .seed = 6});
   ASSERT_EQ(Shell("korimg run night --out whole -q").code, 0);
   // A scheduler that runs each job at once, if the one it waits for was done.
   fs::create_directories(In("bin"));

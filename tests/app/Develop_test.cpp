@@ -8,9 +8,9 @@
 #include "korimg/raw/CImgHoneyCombToRgb.h"
 
 #include "session/files/Mosaic.h"
-#include "session/simulate/Simulate.h"
 #include "tests/app/Tool.h"
 #include "tests/support/Dng.h"
+#include "tests/support/Simulated.h"
 
 namespace korimg::files {
 namespace {
@@ -344,12 +344,12 @@ class ColourSessionTest : public DevelopTest, public testing::WithParamInterface
 INSTANTIATE_TEST_SUITE_P(Patterns, ColourSessionTest, testing::Values("GBRG", "HONEYCOMB4"));
 
 TEST_P(ColourSessionTest, GivesColour) {
-  korimg::SimulateOptions options;
+  korimg::session::SimulateOptions options;
   options.frames = 3;
   options.width = 240;
   options.height = 180;
   options.bayer = GetParam();
-  ASSERT_TRUE(korimg::Simulate(In("night"), options));
+  test::Simulated(In("night"), options);
   const std::string calibrate =
       "korimg calibrate night/lights --dark night/darks --flat night/flats --bias night/biases ";
   const Result r =

@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "session/simulate/Simulate.h"
 #include "tests/app/Tool.h"
+#include "tests/support/Simulated.h"
 
 namespace korimg::files {
 namespace {
@@ -57,8 +57,7 @@ class RunAgainTest : public ToolTest {
 };
 
 TEST_F(RunAgainTest, KilledAtAnyMomentItGoesOnToTheSameBytes) {
-  ASSERT_TRUE(
-      Simulate(In("night"), {.frames = 5, .width = 500, .height = 400, .filters = {"L", "R"}, .seed = 3}));
+  test::Simulated(In("night"), {.frames = 5, .width = 500, .height = 400, .filters = {"L", "R"}, .seed = 3});
   ASSERT_EQ(Shell("korimg run night --out whole --gradient -q").code, 0);
   const auto wanted = Outputs("whole");
   EXPECT_GE(wanted.size(), 12u);
@@ -86,7 +85,7 @@ TEST_F(RunAgainTest, KilledAtAnyMomentItGoesOnToTheSameBytes) {
 }
 
 TEST_F(RunAgainTest, OnlyWhatIsNewIsDone) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 5, .width = 300, .height = 240, .seed = 3}));
+  test::Simulated(In("night"), {.frames = 5, .width = 300, .height = 240, .seed = 3});
   fs::create_directories(In("later"));
   fs::rename(In("night/lights/light_0005.fits"), In("later/light_0005.fits"));
   ASSERT_EQ(Shell("korimg run night --out out -q").code, 0);
@@ -149,8 +148,8 @@ TEST_F(RunAgainTest, OnlyWhatIsNewIsDone) {
 }
 
 TEST_F(RunAgainTest, ResultsOfOtherLightsAndForeignFilesAreNotReplaced) {
-  ASSERT_TRUE(Simulate(In("a"), {.frames = 3, .width = 200, .height = 160, .seed = 1}));
-  ASSERT_TRUE(Simulate(In("b"), {.frames = 3, .width = 200, .height = 160, .seed = 2}));
+  test::Simulated(In("a"), {.frames = 3, .width = 200, .height = 160, .seed = 1});
+  test::Simulated(In("b"), {.frames = 3, .width = 200, .height = 160, .seed = 2});
   ASSERT_EQ(Shell("korimg run a --out out -q").code, 0);
   const auto before = Outputs("out");
   const Result other = Shell("korimg run b --out out -q");
@@ -168,7 +167,7 @@ TEST_F(RunAgainTest, ResultsOfOtherLightsAndForeignFilesAreNotReplaced) {
 }
 
 TEST_F(RunAgainTest, WhatCannotBeKeptIsNoFaultOfALight) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 4, .width = 200, .height = 160, .seed = 1}));
+  test::Simulated(In("night"), {.frames = 4, .width = 200, .height = 160, .seed = 1});
   fs::create_directories(In("out/.korimg/light_light_0002.cbor/in the way"));
   const Result r = Shell("korimg run night --out out");
   EXPECT_EQ(r.code, 1);
@@ -179,14 +178,14 @@ TEST_F(RunAgainTest, WhatCannotBeKeptIsNoFaultOfALight) {
 }
 
 TEST_F(RunAgainTest, AFileInThePlaceOfAFolderStays) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 3, .width = 200, .height = 160, .seed = 1}));
+  test::Simulated(In("night"), {.frames = 3, .width = 200, .height = 160, .seed = 1});
   WriteBytes(In("empty"), "");
   EXPECT_EQ(Shell("korimg run night --out out --masters empty -q").code, 1);
   EXPECT_TRUE(fs::is_regular_file(In("empty")));
 }
 
 TEST_F(RunAgainTest, SelectionsAndReferences) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 6, .width = 400, .height = 300, .seed = 3}));
+  test::Simulated(In("night"), {.frames = 6, .width = 400, .height = 300, .seed = 3});
   const auto stacked = [&](const std::string& options) {
     fs::remove_all(In("out"));
     const Result r = Shell("korimg run night --out out --json " + options);
@@ -232,7 +231,7 @@ TEST_F(RunAgainTest, SelectionsAndReferences) {
 }
 
 TEST_F(RunAgainTest, ObjectsAreKeptApart) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 4, .width = 240, .height = 200, .seed = 3}));
+  test::Simulated(In("night"), {.frames = 4, .width = 240, .height = 200, .seed = 3});
   const auto name = [&](int light, const char* object) {
     const fs::path path = In(fmt::format("night/lights/light_{:04}.fits", light));
     const auto reader = ImageReader::Open(path);

@@ -12,8 +12,8 @@
 
 #include "korimg/measurement/CStarFinder.h"
 
-#include "session/simulate/Simulate.h"
 #include "tests/app/Tool.h"
+#include "tests/support/Simulated.h"
 
 namespace korimg::files {
 namespace {
@@ -30,7 +30,7 @@ class RunTest : public ToolTest {
 };
 
 TEST_F(RunTest, HotPixelsAreMendedAndToldOf) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 5, .width = 500, .height = 400, .seed = 6}));
+  test::Simulated(In("night"), {.frames = 5, .width = 500, .height = 400, .seed = 6});
   const json truth = json::parse(ReadBytes(In("night/truth.json")));
   const int hot = truth["hot_pixels"]["count"];
   WriteBytes(In("night/lights/light_0006.fits"),
@@ -62,7 +62,7 @@ TEST_F(RunTest, HotPixelsAreMendedAndToldOf) {
 
 TEST_F(RunTest, ASimulatedSessionComesOutAsItsTruth) {
   constexpr int kFrames = 16, kWidth = 1300, kHeight = 900;
-  ASSERT_TRUE(Simulate(In("night"), {.frames = kFrames, .width = kWidth, .height = kHeight, .seed = 4}));
+  test::Simulated(In("night"), {.frames = kFrames, .width = kWidth, .height = kHeight, .seed = 4});
   fs::rename(In("night/lights"), In("night/LIGHT"));
   fs::rename(In("night/biases"), In("night/Bias"));
   WriteBytes(In("night/LIGHT/broken.fits"), "no image");
@@ -211,8 +211,8 @@ TEST_F(RunTest, ASimulatedSessionComesOutAsItsTruth) {
 }
 
 TEST_F(RunTest, TheFiltersOfAWheelBecomeAColourImage) {
-  ASSERT_TRUE(Simulate(
-      In("wheel"), {.frames = 3, .width = 500, .height = 400, .filters = {"B", "L", "R", "G"}, .seed = 4}));
+  test::Simulated(In("wheel"),
+                  {.frames = 3, .width = 500, .height = 400, .filters = {"B", "L", "R", "G"}, .seed = 4});
   const Result r = Shell(
       "korimg run wheel --out out && rm -r wheel/lights/light_L_* && korimg run wheel --out rgb -q && "
       "korimg run wheel --out none --palette none -q && korimg run wheel --out sho --palette sho");
@@ -248,7 +248,7 @@ TEST_F(RunTest, TheFiltersOfAWheelBecomeAColourImage) {
 
 TEST_F(RunTest, TheGradientGoesAndIsKeptBesideTheStack) {
   constexpr int kWidth = 900, kHeight = 600;
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 4, .width = kWidth, .height = kHeight, .seed = 5}));
+  test::Simulated(In("night"), {.frames = 4, .width = kWidth, .height = kHeight, .seed = 5});
   const Result r = Shell("korimg run night --out plain -q && korimg run night --out out --gradient --json");
   ASSERT_EQ(r.code, 0) << r.err;
   const json told = JsonLines(r.out).at(0)["gradient"];
@@ -278,7 +278,7 @@ TEST_F(RunTest, TheGradientGoesAndIsKeptBesideTheStack) {
 }
 
 TEST_F(RunTest, WhatIsMuchWorseIsLeftOutAndFiltersAreStackedApart) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 7, .width = 600, .height = 500, .seed = 9}));
+  test::Simulated(In("night"), {.frames = 7, .width = 600, .height = 500, .seed = 9});
   // One light behind clouds, one out of focus, one of the sky alone, and two through another filter.
   const auto change = [&](int number, const std::function<void(std::vector<float>&)>& work,
                           const char* filter) {
@@ -344,7 +344,7 @@ TEST_F(RunTest, WhatIsMuchWorseIsLeftOutAndFiltersAreStackedApart) {
 }
 
 TEST_F(RunTest, ColourSessionsGiveColour) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 3, .width = 500, .height = 400, .bayer = "GBRG"}));
+  test::Simulated(In("night"), {.frames = 3, .width = 500, .height = 400, .bayer = "GBRG"});
   const Result r = Shell("korimg run night --out out --pedestal 100");
   ASSERT_EQ(r.code, 0) << r.err;
   const Planes planes = Read("out/stack.fits");
@@ -363,7 +363,7 @@ TEST_F(RunTest, ColourSessionsGiveColour) {
 
 TEST_F(RunTest, OneBudgetServesTheWholeJob) {
   if (kSanitized) GTEST_SKIP() << "sanitizers take memory of their own";
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 8, .width = 2400, .height = 1600}));
+  test::Simulated(In("night"), {.frames = 8, .width = 2400, .height = 1600});
   for (const long long megabytes : {64, 256}) {
     const Result r =
         Shell(fmt::format("korimg run night --out out{0} --json --memory {0}M --threads 4", megabytes));
@@ -374,14 +374,14 @@ TEST_F(RunTest, OneBudgetServesTheWholeJob) {
 
 TEST_F(RunTest, ThePlanTellsWhatTheRunTakes) {
   const struct {
-    SimulateOptions session;
+    session::SimulateOptions session;
     std::string options;
   } cases[] = {{{.frames = 6, .width = 1500, .height = 1000, .bayer = "RGGB"}, ""},
                {{.frames = 3, .width = 900, .height = 700, .filters = {"R", "G", "B"}}, " --gradient"}};
   int n = 0;
   for (const auto& [session, options] : cases) {
     const std::string name = fmt::format("night{}", ++n);
-    ASSERT_TRUE(Simulate(In(name), session));
+    test::Simulated(In(name), session);
     const std::string call = fmt::format("korimg run {0} --out of{0} --threads 2{1}", name, options);
     const Result dry = Shell(call + " --dry-run --json; " + call + " --dry-run > text"),
                  r = Shell(call + " --json");
@@ -410,7 +410,7 @@ TEST_F(RunTest, ThePlanTellsWhatTheRunTakes) {
 }
 
 TEST_F(RunTest, PlanesOfColourHaveWeightsOfTheirOwn) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 3, .width = 400, .height = 300, .bayer = "RGGB"}));
+  test::Simulated(In("night"), {.frames = 3, .width = 400, .height = 300, .bayer = "RGGB"});
   const Result r = Shell("korimg run night --out out --json");
   ASSERT_EQ(r.code, 0) << r.err;
   std::array<double, 3> best = {};
@@ -430,7 +430,7 @@ TEST_F(RunTest, PlanesOfColourHaveWeightsOfTheirOwn) {
 }
 
 TEST_F(RunTest, WhatIsStillBeingWrittenIsLeftForLater) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 2, .width = 300, .height = 200}));
+  test::Simulated(In("night"), {.frames = 2, .width = 300, .height = 200});
   const std::string whole = ReadBytes(In("night/lights/light_0001.fits"));
   // More than half of the lights; the camera's clock is fast.
   const struct {
@@ -473,7 +473,7 @@ TEST_F(RunTest, WhatIsStillBeingWrittenIsLeftForLater) {
 }
 
 TEST_F(RunTest, TwoLightsSayWhatTheyCannotTell) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 3, .width = 600, .height = 500}));
+  test::Simulated(In("night"), {.frames = 3, .width = 600, .height = 500});
   const std::string cannot = "there are only 2";
   EXPECT_EQ(Shell("korimg run night --out three").err.find("their like"), std::string::npos);
   fs::remove(In("night/lights/light_0003.fits"));
@@ -486,7 +486,7 @@ TEST_F(RunTest, TwoLightsSayWhatTheyCannotTell) {
 }
 
 TEST_F(RunTest, TheReportShowsNightsInHours) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 4, .width = 600, .height = 500}));
+  test::Simulated(In("night"), {.frames = 4, .width = 600, .height = 500});
   const auto date = [&](int number, const char* text) {
     const std::string name = fmt::format("night/lights/light_{:04}.fits", number);
     ImageInfo info = ImageReader::Open(In(name))->Info();
@@ -529,7 +529,7 @@ TEST_F(RunTest, TheReportShowsNightsInHours) {
 }
 
 TEST_F(RunTest, PlansAreForProgramsToo) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 2, .width = 300, .height = 200}));
+  test::Simulated(In("night"), {.frames = 2, .width = 300, .height = 200});
   const std::string light = "night/lights/light_0001.fits ";
   for (const std::string& call : std::vector<std::string>{
            "apply invert " + light + "-o x.fits", "composite " + light + light + "-o x.fits",
@@ -555,7 +555,7 @@ TEST_F(RunTest, BadSessionsSayWhatToDo) {
   fs::create_directories(In("empty"));
   EXPECT_NE(Shell("korimg run empty --out out").err.find("holds no lights"), std::string::npos);
   EXPECT_NE(Shell("korimg run nowhere --out out").err.find("is no folder"), std::string::npos);
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 2, .width = 300, .height = 200}));
+  test::Simulated(In("night"), {.frames = 2, .width = 300, .height = 200});
   ASSERT_EQ(Shell("korimg run night --out out").code, 0);
   EXPECT_NE(Shell("korimg run night --out no --calibration empty").err.find("holds no calibration frames"),
             std::string::npos);

@@ -13,9 +13,9 @@
 
 #include "app/tool/Tool.h"
 #include "session/files/internal/Times.h"
-#include "session/simulate/Simulate.h"
 #include "session/stack/internal/Journal.h"
 #include "tests/app/Tool.h"
+#include "tests/support/Simulated.h"
 
 namespace korimg::tool {
 namespace {
@@ -408,6 +408,7 @@ TEST_F(StackTest, TheSamePixelsForAnyMemoryAndThreads) {
 /// Frames that are made as they are read: one scene, each at its own level and scale.
 std::vector<StackInput> Scenes(int frames, const Shape& shape,
                                const std::function<double(int i, int p, int x, int y)>& rule) {
+  Job job;
   std::vector<StackInput> inputs;
   for (int i = 0; i < frames; ++i) {
     StackInput input{fmt::format("scene {}", i), shape};
@@ -420,7 +421,7 @@ std::vector<StackInput> Scenes(int frames, const Shape& shape,
         }
       }
     };
-    input.levels = MeasureInput(input);
+    input.levels = MeasureInput(job, input);
     inputs.push_back(std::move(input));
   }
   return inputs;
@@ -668,7 +669,7 @@ TEST_F(StackTest, TheJournalKeepsWholeBandsOnly) {
 
 TEST_F(StackTest, ASimulatedSessionByItsTruth) {
   constexpr int kFrames = 16, kWidth = 420, kHeight = 320;
-  ASSERT_TRUE(Simulate(In("night"), {.frames = kFrames, .width = kWidth, .height = kHeight, .seed = 5}));
+  test::Simulated(In("night"), {.frames = kFrames, .width = kWidth, .height = kHeight, .seed = 5});
   const files::Result calibrated = Shell(
       "cd night && korimg calibrate lights --dark darks --flat flats --bias biases --out ../c --pedestal 500 "
       "-q");

@@ -428,7 +428,7 @@ TEST_F(ToolTest, NothingIsSavedOnceAPipelineHasFailed) {
   for (const char* more : {"", "--rect 100,100,300,300"}) {
     const Result failed = Shell(noRoom + "korimg apply gaussian sigma=5 a.fits -o b.fits " + more);
     EXPECT_EQ(failed.code, 1);
-    EXPECT_NE(failed.err.find("b.fits: part of the computation failed"), std::string::npos) << failed.err;
+    EXPECT_NE(failed.err.find("a.fits: part of the computation failed"), std::string::npos) << failed.err;
     EXPECT_FALSE(std::filesystem::exists(In("b.fits")) || std::filesystem::exists(In("b.fits.part")));
   }
 }

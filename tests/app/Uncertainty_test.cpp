@@ -9,9 +9,9 @@
 #include "session/calibrate/Calibrate.h"
 #include "session/picture/Images.h"
 #include "session/picture/Quality.h"
-#include "session/simulate/Simulate.h"
 #include "session/stack/StackFiles.h"
 #include "tests/app/Tool.h"
+#include "tests/support/Simulated.h"
 
 namespace korimg::session {
 namespace {
@@ -51,12 +51,8 @@ class Uncertainty : public files::ToolTest {
   /// Lights, darks, flats and biases with known noise; answers what `register` would say of the lights.
   void Session(const std::string& folder, int frames, int size, std::uint64_t noise = 0,
                const std::string& bayer = "") {
-    Simulate(In(folder), {.frames = frames,
-                          .width = size,
-                          .height = size,
-                          .bayer = bayer,
-                          .noiseSeed = noise,
-                          .overwrite = true});
+    test::Simulated(In(folder),
+                    {.frames = frames, .width = size, .height = size, .bayer = bayer, .noiseSeed = noise});
     std::ifstream in(In(folder) / "truth.json");
     std::ofstream out(In(folder) / "transforms.jsonl");
     const json truth = json::parse(in);
@@ -353,7 +349,7 @@ TEST_F(Uncertainty, AStackThatGoesOnKeepsIt) {
 }
 
 TEST_F(Uncertainty, RunsWriteItWithTheirStacksAndLeaveThePixelsAlone) {
-  Simulate(In("s"), {.frames = 4, .width = 200, .height = 150});
+  test::Simulated(In("s"), {.frames = 4, .width = 200, .height = 150});
   ASSERT_EQ(Shell("korimg run s --out plain").code, 0);
   const Result result = Shell("korimg run s --out known --uncertainty --mask");
   ASSERT_EQ(result.code, 0) << result.err;

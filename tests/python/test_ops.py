@@ -5,6 +5,7 @@ import inspect
 import json
 import os
 import subprocess
+import sys
 import threading
 
 import numpy as np
@@ -43,6 +44,22 @@ def test_every_example_runs_and_keeps_what_it_is_given(name, images):
     assert isinstance(result, np.ndarray) and result.dtype == np.float32 and result.size
     for key, value in before.items():
         assert np.array_equal(images[key], value), f"{name} changes {key}"
+
+
+def test_what_could_not_be_computed_is_an_error():
+    # Scratch memory of pipelines runs out, and nothing else.
+    code = """if True:
+        import numpy as np, korimg
+        image = np.random.default_rng(1).normal(100, 5, (700, 900)).astype(np.float32)
+        try:
+            korimg.ops.gaussian(image, sigma=5)
+        except korimg.OutOfMemoryError as error:
+            assert "memory or threads" in str(error), error
+        else:
+            raise SystemExit("pixels that nobody computed")
+    """
+    room = {"LD_PRELOAD": os.environ["KORIMG_NO_ROOM"], "KORIMG_ROOM": "8000"}
+    subprocess.run([sys.executable, "-c", code], env=os.environ | room, check=True)
 
 
 def test_results_are_those_of_the_tool(tmp_path, images):

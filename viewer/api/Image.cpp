@@ -185,6 +185,7 @@ Response Stars(const Request& request, Context& context) {
   const FoundStars found =
       FindStars(context.images.IsOffered(id) ? WindowOf(*image->pyramid, 0, all, request.isGone)
                                              : Image::Open(job, context.files.Find(id)));
+  job.CheckComputed();
   constexpr std::size_t kMost = 5000;  // that a page draws; chosen
   Json json{{"count", found.stars.size()},    {"fwhm", found.fwhm},
             {"elongation", found.elongation}, {"sky", found.sky},

@@ -22,7 +22,7 @@ Response Save(const Request& request, Context& context) {
   const fs::path path = NewIn(live.Watched().folder, ValueIn<std::string>(BodyOf(request), "name", ""));
   if (!IsFits(path)) throw UsageError("write the name of a new file that ends in .fits");
   Job job({.cancel = TokenOf(request, context.job), .memory = context.job.Memory() / 4});
-  job.CheckOutput(path);
+  if (fs::exists(path)) throw files::FileError(path, "is there already; choose another name");
   Image image = live.Snapshot();
   live.PassOver(path);
   SaveImage(job, image.Pixels(), image.Header(), path);

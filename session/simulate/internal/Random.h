@@ -8,7 +8,7 @@
 #include <initializer_list>
 #include <numbers>
 
-namespace korimg {
+namespace korimg::session {
 
 /// Makes a stream of random numbers for a key: a counter through the SplitMix64 mixer.
 class Random {
@@ -66,4 +66,4 @@ class Random {
   bool hasSpare_ = false;
 };
 
-}  // namespace korimg
+}  // namespace korimg::session

@@ -4,8 +4,8 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "session/simulate/Simulate.h"
 #include "tests/support/Folder.h"
+#include "tests/support/Simulated.h"
 
 namespace korimg::session {
 namespace {
@@ -14,9 +14,9 @@ using SessionTest = files::FolderTest;
 
 TEST_F(SessionTest, RowsInPiecesAreThoseOfTheWholeLight) {
   constexpr int kSide = 101;
-  ASSERT_TRUE(Simulate(In("mono"), {.frames = 3, .width = kSide, .height = kSide}));
-  ASSERT_TRUE(Simulate(In("colour"), {.frames = 3, .width = kSide, .height = kSide, .bayer = "GRBG"}));
-  ASSERT_TRUE(Simulate(In("comb"), {.frames = 3, .width = kSide, .height = kSide, .bayer = "HONEYCOMB2"}));
+  test::Simulated(In("mono"), {.frames = 3, .width = kSide, .height = kSide});
+  test::Simulated(In("colour"), {.frames = 3, .width = kSide, .height = kSide, .bayer = "GRBG"});
+  test::Simulated(In("comb"), {.frames = 3, .width = kSide, .height = kSide, .bayer = "HONEYCOMB2"});
   struct Case {
     const char* session;
     double pedestal;

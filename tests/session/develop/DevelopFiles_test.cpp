@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "session/simulate/Simulate.h"
 #include "tests/support/Folder.h"
+#include "tests/support/Simulated.h"
 
 namespace korimg::session {
 namespace {
@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 class DevelopSteps : public files::FolderTest {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(Simulate(In("night"), {.frames = 2, .width = 120, .height = 90, .bayer = "GBRG"}));
+    test::Simulated(In("night"), {.frames = 2, .width = 120, .height = 90, .bayer = "GBRG"});
     options_.frames = {In("night/lights")};
     options_.dark = In("night/darks/dark_0001.fits");
     options_.out = In("out");

@@ -16,13 +16,15 @@
 #include "session/info/Inspect.h"
 #include "session/operations/Apply.h"
 #include "session/operations/Operations.h"
+#include "session/operations/Recipe.h"
 #include "session/picture/Render.h"
 #include "session/register/RegisterFiles.h"
 #include "session/run/Run.h"
-#include "session/simulate/Simulate.h"
 #include "session/stack/StackFiles.h"
 #include "session/stars/Stars.h"
+#include "tests/support/FailedPipeline.h"
 #include "tests/support/Folder.h"
+#include "tests/support/Simulated.h"
 
 namespace korimg::session {
 namespace {
@@ -34,7 +36,7 @@ class Steps : public files::FolderTest {
   using Step = std::pair<const char*, std::function<void(Job&)>>;
 
   void SetUp() override {
-    ASSERT_TRUE(Simulate(In("night"), {.frames = 3, .width = 300, .height = 200, .bayer = "RGGB"}));
+    test::Simulated(In("night"), {.frames = 3, .width = 300, .height = 200, .bayer = "RGGB"});
   }
 
   /// Steps that work on pixels, with their outputs in the folder out.
@@ -44,6 +46,8 @@ class Steps : public files::FolderTest {
             {"DevelopFiles", [this](Job& job) { DevelopFiles(job, DevelopChoices()); }},
             {"RegisterFiles", [this](Job& job) { RegisterFiles(job, {.files = {In("night/lights")}}); }},
             {"StackFiles", [this](Job& job) { StackFiles(job, StackChoice()); }},
+            {"Simulate",
+             [this](Job& job) { Simulate(job, In("out/other"), {.frames = 1, .width = 64, .height = 64}); }},
             {"Run", [this](Job& job) { session::Run(job, {.calibrate = CalibrateChoices()}); }},
             {"FindStars",
              [this](Job& job) {
@@ -148,9 +152,6 @@ TEST_F(Steps, ThrowErrorsOfTheFamilyOnly) {
       }
     }
   }
-  SimulateOptions options{.frames = 1, .width = 64, .height = 64};
-  options.progress = [](int, int) -> bool { throw new CMemoryException; };
-  EXPECT_THROW(Simulate(In("other"), options), Error);
 }
 
 // Whatever a host's reporter throws is its own, and not taken for the fault of a frame.
@@ -193,6 +194,41 @@ TEST_F(Steps, DoNotSufferFromWhatTheReporterThrewBefore) {
   throws = false;
   EXPECT_EQ(Inspect(job, {.files = {In("bad.fits"), In("night/lights/light_0001.fits")}}).size(), 1u);
   EXPECT_EQ(failures, 1);
+}
+
+TEST_F(Steps, HandOutNothingOnceAPipelineHasFailedWhileTheyWork) {
+  test::FailAPipeline();
+  bool fails = true;
+  Job job({.report = [&](const Event&) {
+    if (fails) test::FailAPipeline();
+  }});
+  EXPECT_FALSE(job.HasMiscomputed()) << "of a job that ended before";
+  const session::Step blur =
+      ParseRecipe(R"({"steps": [{"operation": "gaussian", "values": {"sigma": 2}}]})").front();
+  const auto run = [&](const fs::path& path) -> std::string {
+    try {
+      Image image = Image::Open(job, path);
+      blur.Run(job, image);
+      return "";
+    } catch (const Error& error) {
+      return error.what();
+    }
+  };
+  const fs::path light = In("night/lights/light_0001.fits");
+  EXPECT_EQ(run(light).find(light.string() + ": part of the computation failed"), 0u) << run(light);
+  fails = false;
+  EXPECT_NE(run(light), "") << "what came before it may be wrong";
+  job.ForgetFailures();
+  EXPECT_EQ(run(light), "");
+  Image copy = Image::Open(job, light);
+  copy.Info().path.clear();
+  fails = true;
+  try {
+    blur.Run(job, copy);
+    ADD_FAILURE();
+  } catch (const Error& error) {
+    EXPECT_EQ(error.Kind(), ErrorKind::Resource);
+  }
 }
 
 TEST_F(Steps, WantFrames) {

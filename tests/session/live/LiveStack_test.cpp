@@ -14,10 +14,11 @@
 
 #include "session/calibrate/FindSession.h"
 #include "session/job/Json.h"
-#include "session/simulate/Simulate.h"
 #include "session/stack/Stack.h"
+#include "tests/support/FailedPipeline.h"
 #include "tests/support/Folder.h"
 #include "tests/support/Images.h"
+#include "tests/support/Simulated.h"
 
 namespace korimg::session {
 namespace {
@@ -27,7 +28,7 @@ namespace fs = std::filesystem;
 class LiveStackTest : public files::FolderTest {
  protected:
   void Simulated(const SimulateOptions& options, const char* name = "night") {
-    ASSERT_TRUE(Simulate(In(name), options));
+    test::Simulated(In(name), options);
   }
   fs::path LightOf(int number, const char* night = "night") const {
     return In(night) / "lights" / fmt::format("light_{:04}.fits", number);
@@ -102,6 +103,25 @@ long long Differing(CVelImage& a, CVelImage& b, double limit) {
     }
   }
   return count;
+}
+
+TEST_F(LiveStackTest, AFrameWhoseComputationFailsIsLeftOutAndTheNextOnesAreAdded) {
+  Simulated({.frames = 4, .width = 320, .height = 240});
+  for (const int failing : {1, 2}) {
+    bool fails = false;
+    Job job({.report = [&](const Event&) {
+      if (fails) test::FailAPipeline();
+    }});
+    LiveStack live(job, Calibrated());
+    for (int i = 1; i <= 4; ++i) {
+      SCOPED_TRACE(i);
+      fails = i == failing;
+      const LiveFrame frame = live.Add(LightOf(i));
+      EXPECT_EQ(frame.isAdded, !fails) << frame.status;
+      EXPECT_EQ(frame.status.find("computation failed") != std::string::npos, fails) << frame.status;
+    }
+    EXPECT_EQ(live.Snapshot()->Header().GetDouble("NCOMBINE"), 3);
+  }
 }
 
 TEST_F(LiveStackTest, WithoutRejectionIsTheMeanThatStackMakes) {

@@ -4,8 +4,8 @@
 
 #include "session/run/Tasks.h"
 #include "session/run/internal/OptionsJson.h"
-#include "session/simulate/Simulate.h"
 #include "tests/support/Folder.h"
+#include "tests/support/Simulated.h"
 
 namespace korimg::session {
 namespace {
@@ -16,7 +16,7 @@ class FinishedTest : public files::FolderTest {
  protected:
   /// A night with a light that cannot be read, one that is excluded, and masters.
   RunOptions Night(const SimulateOptions& simulated) {
-    EXPECT_TRUE(Simulate(In("night"), simulated));
+    test::Simulated(In("night"), simulated);
     files::WriteBytes(In("night/lights/broken.fits"), "no image");
     fs::copy_file(In("night/lights/light_0002.fits"), In("night/lights/extra.fits"));
     RunOptions options;

@@ -1,7 +1,7 @@
 #include "session/calibrate/FindSession.h"
 #include "session/run/Run.h"
-#include "session/simulate/Simulate.h"
 #include "tests/support/Folder.h"
+#include "tests/support/Simulated.h"
 
 namespace korimg::session {
 namespace {
@@ -9,7 +9,7 @@ namespace {
 using LeftOutTest = files::FolderTest;
 
 TEST_F(LeftOutTest, EachLightThatIsNotStackedSaysWhy) {
-  ASSERT_TRUE(Simulate(In("night"), {.frames = 3, .width = 300, .height = 200}));
+  test::Simulated(In("night"), {.frames = 3, .width = 300, .height = 200});
   const auto cut = In("night/lights/x.fits"), junk = In("night/lights/y.fits");
   files::WriteBytes(cut, files::ReadBytes(In("night/lights/light_0001.fits")).substr(0, 9000));
   files::WriteBytes(junk, "no image");

@@ -8,8 +8,9 @@
 
 #include "session/simulate/internal/Random.h"
 #include "tests/support/Folder.h"
+#include "tests/support/Simulated.h"
 
-namespace korimg {
+namespace korimg::session {
 namespace {
 
 namespace fs = std::filesystem;
@@ -27,7 +28,7 @@ class Simulated : public files::FolderTest {
   json Make(const SimulateOptions& options) {
     width_ = options.width;
     height_ = options.height;
-    EXPECT_TRUE(Simulate(folder_, options));
+    test::Simulated(folder_, options);
     return json::parse(files::ReadBytes(In("truth.json")));
   }
 
@@ -76,7 +77,7 @@ class Simulated : public files::FolderTest {
 
 TEST_F(Simulated, SameSeedGivesSameBytesWithAnyThreads) {
   for (const char* bayer : {"", "GBRG"}) {
-    SimulateOptions options{.frames = 4, .width = 130, .height = 70, .bayer = bayer, .overwrite = true};
+    SimulateOptions options{.frames = 4, .width = 130, .height = 70, .bayer = bayer};
     const auto bytes = [&](int threads, std::uint64_t seed) {
       options.threads = threads;
       options.seed = seed;
@@ -98,8 +99,7 @@ TEST_F(Simulated, SameSeedGivesSameBytesWithAnyThreads) {
 TEST_F(Simulated, SkyIsWhatTheTruthSays) {
   for (const char* bayer : {"", "RGGB", "GRBG", "BGGR", "GBRG"}) {
     const std::string pattern = bayer;
-    const json truth =
-        Make({.frames = 20, .width = 240, .height = 180, .bayer = bayer, .seed = 3, .overwrite = true});
+    const json truth = Make({.frames = 20, .width = 240, .height = 180, .bayer = bayer, .seed = 3});
     const std::vector<double> light = Calibrate(truth, 0);
     const json& sky = truth["sky"];
     for (const char letter : {'R', 'G', 'B'}) {
@@ -129,8 +129,7 @@ TEST_F(Simulated, SkyIsWhatTheTruthSays) {
 }
 
 TEST_F(Simulated, AHoneycombHasItsSkyAtItsSites) {
-  const json truth =
-      Make({.frames = 20, .width = 240, .height = 180, .bayer = "HONEYCOMB4", .seed = 3, .overwrite = true});
+  const json truth = Make({.frames = 20, .width = 240, .height = 180, .bayer = "HONEYCOMB4", .seed = 3});
   EXPECT_EQ(ImageReader::Open(In("lights/light_0001.fits"))->Info().header.GetString("BAYERPAT"),
             "HONEYCOMB4");
   const std::vector<double> light = Calibrate(truth, 0);
@@ -256,27 +255,29 @@ TEST_F(Simulated, RefusesCancelsAndCleansUp) {
            [](SimulateOptions& o) { o.filters = {"L"}, o.bayer = "RGGB"; }}) {
     SimulateOptions bad = good;
     change(bad);
-    EXPECT_THROW(Simulate(folder_, bad), session::UsageError);
+    Job job;
+    EXPECT_THROW(session::Simulate(job, folder_, bad), UsageError);
   }
   EXPECT_TRUE(Names().empty());
 
-  SimulateOptions options = good;
-  int last = 0;
-  options.progress = [&](int done, int total) {
-    EXPECT_EQ(total, 2 + 3 * 3);
-    last = done;
-    return done < 3;
+  long long last = 0;
+  JobOptions world;
+  world.report = [&](const Event& event) {
+    EXPECT_EQ(event.total, 2 + 3 * 3);
+    last = event.step;
+    if (last == 3) world.cancel->Cancel();
   };
-  EXPECT_FALSE(Simulate(folder_, options));
+  Job job(world);
+  EXPECT_THROW(session::Simulate(job, folder_, good), Cancelled);
   EXPECT_EQ(last, 3);
   EXPECT_FALSE(fs::exists(In("truth.json")));
   EXPECT_TRUE(fs::exists(In("lights/light_0002.fits")));
 
-  EXPECT_THROW(Simulate(folder_, good), files::FileError);
-  options = good;
-  options.overwrite = true;
+  Job careful;
+  EXPECT_THROW(session::Simulate(careful, folder_, good), files::FileError);
+  SimulateOptions options = good;
   options.frames = 1;
-  EXPECT_TRUE(Simulate(folder_, options));
+  test::Simulated(folder_, options);
   EXPECT_FALSE(fs::exists(In("lights/light_0002.fits")));
 }
 
@@ -299,4 +300,4 @@ TEST(Random, PoissonHasItsMomentsOnBothSidesOfTheSwitch) {
 }
 
 }  // namespace
-}  // namespace korimg
+}  // namespace korimg::session

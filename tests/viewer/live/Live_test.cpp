@@ -9,8 +9,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "session/simulate/Simulate.h"
 #include "tests/support/Folder.h"
+#include "tests/support/Simulated.h"
 
 namespace korimg::viewer {
 namespace {
@@ -22,7 +22,7 @@ namespace fs = std::filesystem;
 class LiveTest : public files::FolderTest {
  protected:
   LiveTest() {
-    Simulate(In("night"), {.frames = 5, .width = 320, .height = 240});
+    test::Simulated(In("night"), {.frames = 5, .width = 320, .height = 240});
     fs::create_directory(In("watched"));
   }
 

@@ -4,8 +4,8 @@
 #include <thread>
 
 #include "session/picture/Image.h"
-#include "session/simulate/Simulate.h"
 #include "tests/support/Folder.h"
+#include "tests/support/Simulated.h"
 #include "viewer/api/Api.h"
 
 namespace korimg::viewer {
@@ -21,7 +21,7 @@ class RunsTest : public files::FolderTest {
  protected:
   /// A night of four lights, and one that cannot be read.
   RunsTest() {
-    EXPECT_TRUE(Simulate(In("night"), {.frames = 4, .width = 1201, .height = 333, .bayer = "RGGB"}));
+    test::Simulated(In("night"), {.frames = 4, .width = 1201, .height = 333, .bayer = "RGGB"});
     files::WriteBytes(In("night/lights/broken.fits"), "no image");
     options_.calibrate.lights = {In("night/lights")};
     options_.calibrate.out = In("out");
