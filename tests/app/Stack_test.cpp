@@ -13,6 +13,7 @@
 
 #include "app/tool/Tool.h"
 #include "session/files/internal/Times.h"
+#include "session/stack/StackFiles.h"
 #include "session/stack/internal/Journal.h"
 #include "tests/app/Tool.h"
 #include "tests/support/Simulated.h"
@@ -572,6 +573,39 @@ TEST_F(StackTest, ARunThatIsKilledGoesOnToTheSameResult) {
   EXPECT_EQ(found, result.out.find("going on at row") != std::string::npos) << result.out;
   expectWhole();
   EXPECT_FALSE(fs::exists(In("out.fits.resume")));
+}
+
+// What had only to be written when it was ended has its weights still.
+TEST_F(StackTest, AStackThatIsOnlyWrittenTellsItsWeights) {
+  Frames(5, 160, 240);
+  StackFilesOptions options;
+  for (int i = 0; i < 5; ++i) {
+    options.frames.push_back(In(fmt::format("f{:02}.fits", i)));
+  }
+  options.weight = "noise";
+  options.output = In("whole.fits");
+  Job job;
+  const StackResult whole = StackFiles(job, options);
+  ASSERT_NE(whole.frames[0].weight, whole.frames[1].weight);
+  options.output = In("out.fits");
+  options.resume = true;
+  JobOptions world;
+  bool stacks = false;
+  world.report = [&](const Event& event) {
+    if (event.kind != Event::Progress) return;
+    if (stacks && event.total == 0) world.cancel->Cancel();
+    stacks = event.text == "stacking";
+  };
+  Job ended(world);
+  EXPECT_THROW(StackFiles(ended, options), Cancelled);
+  ASSERT_TRUE(fs::exists(In("out.fits.resume")) && !fs::exists(In("out.fits")));
+  Job again({.report = [](const Event& event) { EXPECT_NE(event.text, "stacking") << "done before"; }});
+  const StackResult written = StackFiles(again, options);
+  for (size_t i = 0; i < 5; ++i) {
+    EXPECT_EQ(written.frames[i].weight, whole.frames[i].weight) << i;
+    EXPECT_EQ(written.frames[i].rejectedHigh, whole.frames[i].rejectedHigh) << i;
+  }
+  EXPECT_EQ(Read("whole.fits"), Read("out.fits"));
 }
 
 TEST_F(StackTest, CancelledItLeavesNothingOrWhatResumeWants) {
