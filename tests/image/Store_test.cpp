@@ -8,9 +8,12 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <linux/magic.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/vfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +24,16 @@
 
 using namespace korimg;
 using namespace korimg::test;
+
+/// What kind of file system temporary files are told to be on; 0: what they are on.
+static long g_file_system = 0;
+
+/// Stands before the system's own.
+extern "C" int fstatfs(int descriptor, struct statfs* system) noexcept {
+  const auto status = static_cast<int>(syscall(SYS_fstatfs, descriptor, system));
+  if (status == 0 && g_file_system != 0) system->f_type = g_file_system;
+  return status;
+}
 
 namespace {
 
@@ -419,6 +432,31 @@ TEST(Store, MappedPlanesAreRefusedWhereChangesTakeNewSpace) {
       });
   if (said == "skip") GTEST_SKIP() << "no such disk can be mounted here";
   EXPECT_EQ(said, "");
+}
+
+TEST(Store, FilesAreFilledWhereAReservationIsNotKnownToBeKept) {
+  if (!std::filesystem::exists("/proc/self/io")) GTEST_SKIP() << "the system does not count what is written";
+  constexpr long kNobodys = 0x1234567;
+  const auto written = [] {
+    std::ifstream counts("/proc/self/io");
+    std::string name;
+    long long count = 0;
+    while (counts >> name >> count && name != "wchar:") {
+    }
+    return count;
+  };
+  for (const auto& [system, isFilled] :
+       {std::pair(kNobodys, true), {NFS_SUPER_MAGIC, true}, {EXT4_SUPER_MAGIC, false}}) {
+    g_file_system = system;
+    const long long before = written();
+    const CVmImage image(CreateContiguousManager({.budget = 1}), 1024, 1000, 1, 4, nullptr);
+    EXPECT_EQ(written() - before >= 1024 * 1000 * 4, isFilled) << system;
+  }
+  g_file_system = BTRFS_SUPER_MAGIC;
+  const std::string message =
+      MessageOf([] { CVmImage(CreateContiguousManager({.budget = 1}), 1024, 100, 1, 4, nullptr); });
+  g_file_system = 0;
+  EXPECT_NE(message.find("a paged store can use it"), std::string::npos) << message;
 }
 
 TEST(Store, ATemporaryDirectoryIsNeededForTemporaryFilesOnly) {
