@@ -6,6 +6,8 @@
 #include "korimg/image/Exceptions.h"
 #include "korimg/platform/CException.h"
 
+#include "session/files/ImageFile.h"
+
 namespace korimg::session {
 
 void ThrowOfFamily() {
@@ -27,7 +29,8 @@ void ThrowOfFamily() {
   } catch (const velora::CVmManagerException& error) {
     throw Error(ErrorKind::Resource, error.what());
   } catch (const std::filesystem::filesystem_error& error) {
-    throw Error(ErrorKind::File, error.what(), error.path1().string());
+    const std::string other = error.path2().empty() ? "" : ": " + error.path2().string();
+    throw files::FileError(error.path1(), error.code().message() + other);
   } catch (const std::exception& error) {
     throw Error(ErrorKind::Internal, error.what());
   } catch (...) {

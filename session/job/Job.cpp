@@ -12,6 +12,7 @@
 #include "korimg/platform/Debug.h"
 
 #include "session/files/ImageFile.h"
+#include "session/job/internal/Edge.h"
 
 namespace korimg::session {
 
@@ -146,7 +147,7 @@ void Job::ForEachFile(const std::vector<std::filesystem::path>& files,
     CheckCancelled();
     const long long failures = PipelineFailures();
     try {
-      work(file);
+      AtEdge([&] { work(file); });
       if (PipelineFailures() != failures) CheckComputed(file);
     } catch (const Cancelled&) {
       throw;
@@ -156,7 +157,7 @@ void Job::ForEachFile(const std::vector<std::filesystem::path>& files,
       throw;
     } catch (const files::FileError& error) {
       fail(error.what());
-    } catch (const std::exception& error) {
+    } catch (const Error& error) {
       fail(fmt::format("{}: {}", file.string(), error.what()));
     }
   }
