@@ -170,17 +170,28 @@ struct Hypothesis {
   double error;  ///< of the shape, relative
 };
 
-std::vector<Hypothesis> Hypotheses(const StarField& stars, const StarField& reference) {
+/// The best `most` hypotheses, the best one first, and how many there are in all.
+std::pair<std::vector<Hypothesis>, long long> Hypotheses(const StarField& stars, const StarField& reference,
+                                                         size_t most) {
   constexpr double kRigid = 0.01;  // chosen: scales nearer to 1 are tried first
+  const auto isBetter = [](const Hypothesis& g, const Hypothesis& h) {
+    return std::tuple(!g.rigid, g.error) < std::tuple(!h.rigid, h.error);
+  };
   std::vector<Hypothesis> found;
+  long long all = 0;
+  // Of stars that crowd there are millions.
+  const auto keepBest = [&] {
+    std::stable_sort(found.begin(), found.end(), isBetter);
+    if (found.size() > most) found.resize(most);
+  };
   for (const Triangle& t : stars.triangles) {
-    const double most = kSideError / t.longest;
+    const double own = kSideError / t.longest;
     const auto before = [](const Triangle& s, double share) { return s.middleShare < share; };
-    const double widest = 2 * most + 0.02;
+    const double widest = 2 * own + 0.02;
     for (auto r = std::lower_bound(reference.triangles.begin(), reference.triangles.end(),
                                    t.middleShare - widest, before);
          r != reference.triangles.end() && r->middleShare <= t.middleShare + widest; ++r) {
-      const double error = std::min(most + kSideError / r->longest, widest);
+      const double error = std::min(own + kSideError / r->longest, widest);
       if (r->clockwise != t.clockwise || std::abs(r->middleShare - t.middleShare) > error ||
           std::abs(r->shortestShare - t.shortestShare) > error) {
         continue;
@@ -191,12 +202,12 @@ std::vector<Hypothesis> Hypotheses(const StarField& stars, const StarField& refe
       }
       const Similarity map = Fit(pairs, false);
       found.push_back({map, std::abs(map.Scale() - 1) < kRigid + error, error});
+      ++all;
+      if (found.size() == 8 * most) keepBest();
     }
   }
-  std::stable_sort(found.begin(), found.end(), [](const Hypothesis& g, const Hypothesis& h) {
-    return std::tuple(!g.rigid, g.error) < std::tuple(!h.rigid, h.error);
-  });
-  return found;
+  keepBest();
+  return {std::move(found), all};
 }
 
 /// How many stars have to meet where `expected` do by chance, beside those of the hypothesis, so that one
@@ -229,15 +240,14 @@ bool FindAgreement(const StarField& stars, const StarField& reference, Similarit
   constexpr size_t kMost = 20000;  // chosen, to bound the time
   constexpr double kEnough = 0.4;  // chosen: with so many of the stars no better map is looked for
   const double count = static_cast<double>(std::min(stars.pattern.size(), reference.pattern.size()));
-  std::vector<Hypothesis> hypotheses = Hypotheses(stars, reference);
+  const auto [hypotheses, found] = Hypotheses(stars, reference, kMost);
+  const auto all = static_cast<double>(found);
   if (count <= 3) {
     // Three stars agree with their own triangle whatever they are.
     const auto rigid =
         std::count_if(hypotheses.begin(), hypotheses.end(), [](const Hypothesis& h) { return h.rigid; });
     if (rigid != 1 || std::max(stars.pattern.size(), reference.pattern.size()) > kFewForThree) return false;
   }
-  const auto all = static_cast<double>(hypotheses.size());
-  if (hypotheses.size() > kMost) hypotheses.resize(kMost);
   const double even = static_cast<double>(stars.pattern.size() * reference.pattern.size()) *
                       std::numbers::pi * kPatternError * kPatternError / reference.PatternArea();
   const auto exceedsChance = [&](const Similarity& map, double meet) {
