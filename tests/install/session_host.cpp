@@ -42,13 +42,15 @@ int main(int, char** words) {
   simulated.frames = 6;
   simulated.width = 400;
   simulated.height = 300;
+  Job simulates;
+  Simulate(simulates, night, simulated);
+
   int steps = 0, results = 0, warnings = 0;
   Job job({.report = [&](const Event& event) {
     steps += event.kind == Event::Progress && event.total > 0;
     results += event.kind == Event::Result && event.data.starts_with("{");
     warnings += event.kind == Event::Warning;
   }});
-  Simulate(job, night, simulated);
   const RunResult one = Run(job, OptionsFor(night, folder / "one"));
   Expect(one.stacks.size() == 1 && one.stacks[0].frames == 6 && one.frames.size() == 6,
          "all frames are stacked");
