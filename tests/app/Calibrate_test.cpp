@@ -14,6 +14,7 @@
 #include "app/verbs/Verbs.h"
 #include "tests/support/Folder.h"
 #include "tests/support/Images.h"
+#include "tests/support/Process.h"
 #include "tests/support/Simulated.h"
 
 namespace korimg::tool {
@@ -731,9 +732,7 @@ TEST_F(CalibrateTest, ASimulatedSessionComesOutAsItsTruth) {
 }
 
 TEST_F(CalibrateTest, MemoryDoesNotGrowWithTheNumberOfFrames) {
-#ifdef __SANITIZE_ADDRESS__
-  GTEST_SKIP() << "the sanitizer keeps freed memory";
-#endif
+  if (test::kSanitized) GTEST_SKIP() << "sanitizers keep freed memory";
   constexpr int kSide = 1200, kFrames = 60;  // 5.8 MB each as floats
   test::Simulated(In("one"), {.frames = 1, .width = kSide, .height = kSide});
   for (const auto& [kind, frame] :
