@@ -169,8 +169,8 @@ class Sources {
     if (uncertainty_) input.correlation = ReaderOf(source).CorrelationOfNoise();
     if (source.mosaic.cfa == 0) return input;
     input.shape.planes = 3;
-    input.read = [this, &source](const Band<float>& to) {
-      WithReader(source, [&](auto& reader) { ReadDeveloped(job_, reader, source.mosaic, to); });
+    input.read = [&job = job_, &source](const Band<float>& to) {
+      WithReader(source, [&](auto& reader) { ReadDeveloped(job, reader, source.mosaic, to); });
     };
     mosaics_.push_back({PlanesOfSites(source.mosaic.cfa), read});
     return input;
