@@ -180,6 +180,13 @@ void SelfFlat(Call& call, const SelfFlatOptions& o) {
 using GradientOptions = CImgGradient::Options;
 
 void Gradient(Call& call, const GradientOptions& options) {
+  const GradientOptions usual;
+  if (options.surface == CImgGradient::ThinPlate && options.degree != usual.degree) {
+    throw UsageError("gradient: the degree is of a polynomial: add surface=polynomial, or leave it out");
+  }
+  if (options.surface == CImgGradient::Polynomial && options.smoothing != usual.smoothing) {
+    throw UsageError("gradient: smoothing is of the plate; leave it out, or surface=polynomial");
+  }
   call.Replace<CImgGradient>([&](CImgGradient& target) {
     CImgGradient::Findings findings;
     if (!target.Do(options, call.image.get(), kShow, &findings)) {

@@ -516,6 +516,8 @@ TEST_F(Table, WhatAnImageCantTakeIsRefused) {
   EXPECT_THROW(run("h-alpha-level", {{"factor", "0"}}, "contiguous"), UsageError);
   first_ = mono;
   EXPECT_THROW(run("curve", {{"red", "0:0,1:1"}}, "contiguous"), UsageError);
+  EXPECT_THROW(run("gradient", {{"degree", "3"}}, "contiguous"), UsageError) << "of another surface";
+  EXPECT_THROW(run("gradient", {{"surface", "polynomial"}, {"smoothing", "1"}}, "paged"), UsageError);
   // What is said of planes that are not there does not count.
   EXPECT_NO_THROW(run("minimum", {{"radius", "1,11,11"}}, "contiguous"));
 }
