@@ -70,7 +70,7 @@ describe('a folder that is being filled', { skip: missing, timeout: 120_000 }, (
     await page.waitForFunction(() => document.querySelector('#list [aria-current=true]')?.textContent === 'live.fits');
     const before = readFileSync(path.join(watched, 'live.fits'));
     assert.match(before.toString('latin1', 0, 11520), /NCOMBINE= +5 /);
-    assert.match(await refused({ name: 'live.fits' }), /^422.*exists/);
+    assert.match(await refused({ name: 'live.fits' }), /^422.*already/);
     assert.ok(readFileSync(path.join(watched, 'live.fits')).equals(before));
   });
 
