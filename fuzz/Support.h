@@ -103,6 +103,7 @@ inline void ReadImage(const std::filesystem::path& path, const files::ReadOption
     const std::string text = error.what();
     Expect(text.find('\n') == text.npos && text.starts_with(path.string() + ": "),
            "one line that begins with the path: " + text);
+    Expect(text.find("without the program") == text.npos, "what reads it is there: " + text);
   }
 }
 

@@ -11,5 +11,7 @@ print(f"{psf.stars} stars, FWHM {psf.fwhm:.2f} pixels, noise of the sky {psf.noi
 
 # Operations take an image and give another; the stack stays as it is.
 even = ops.gradient(stack)
+if even.data.ndim == 3:
+    even = ops.auto_colour(even)  # a grey sky
 picture = ops.stretch(even)
 korimg.write(sys.argv[2], picture, overwrite=True)
