@@ -223,14 +223,15 @@ double LeastAgreement(double expected, double hypotheses, double possible) {
   return more;
 }
 
-/// How many stars may meet by chance, where `meet` of them do: those that lie farther around tell, as stars
-/// that crowd meet more often than even ones.
-double CrowdAround(const std::vector<Point>& stars, const PointGrid& reference, const Similarity& map,
-                   double radius, double meet) {
+/// How many of the first `count` stars may meet by chance, where `meet` of them do: those that lie farther
+/// around tell, as stars that crowd meet more often than even ones.
+double CrowdAround(const std::vector<Point>& stars, const PointGrid& reference, size_t count,
+                   const Similarity& map, double radius, double meet) {
   constexpr double kWider = 10;  // chosen
   double around = -meet;
-  for (const Point& p : stars) {
-    reference.ForNear(map(p), kWider * radius, [&](int, double) { ++around; });
+  for (size_t i = 0; i < std::min(stars.size(), count); ++i) {
+    reference.ForNear(map(stars[i]), kWider * radius,
+                      [&](int k, double) { around += static_cast<size_t>(k) < count; });
   }
   return around / (kWider * kWider);
 }
@@ -252,7 +253,8 @@ bool FindAgreement(const StarField& stars, const StarField& reference, Similarit
                       std::numbers::pi * kPatternError * kPatternError / reference.PatternArea();
   const auto exceedsChance = [&](const Similarity& map, double meet) {
     if (count <= 3) return meet >= 3;
-    const double crowd = CrowdAround(stars.pattern, reference.patternGrid, map, kPatternError, meet);
+    const double crowd =
+        CrowdAround(stars.pattern, reference.patternGrid, kPatternStars, map, kPatternError, meet);
     return meet >= 3 + LeastAgreement(std::max(even, crowd), all, count);
   };
   double most = 0;
@@ -507,8 +509,8 @@ bool FindTurn(const StarField& stars, const StarField& reference, double area, S
         return chance;
       };
       if (chanceOf(others) >= least) continue;
-      const double chance =
-          chanceOf(std::max(others, CrowdAround(stars.pattern, reference.patternGrid, map, kRadius, meet)));
+      const double chance = chanceOf(std::max(
+          others, CrowdAround(stars.pattern, reference.patternGrid, kBrightest, map, kRadius, meet)));
       if (chance >= least) continue;
       least = chance;
       best = map;
@@ -528,7 +530,7 @@ bool FindShift(const StarField& stars, const StarField& reference, double area, 
   const auto meet = static_cast<double>(pairs.size());
   const double others = static_cast<double>((from.size() - 1) * (to.size() - 1));
   const double even = others * std::numbers::pi * kRadius * kRadius / area;
-  const double crowd = CrowdAround(from, reference.grid, shift, kRadius, meet);
+  const double crowd = CrowdAround(from, reference.grid, kFitStars, shift, kRadius, meet);
   return meet >= 1 + LeastAgreement(std::max(even, crowd), 1, meet);
 }
 
