@@ -14,9 +14,10 @@
 #include "session/files/internal/Times.h"
 #include "session/job/internal/Edge.h"
 #include "session/picture/AutoPicture.h"
+#include "session/run/internal/Kept.h"
 #include "session/run/internal/OptionsJson.h"
-#include "session/run/internal/Road.h"
 #include "session/run/internal/Selection.h"
+#include "session/run/internal/Telling.h"
 
 namespace korimg::session {
 
@@ -75,20 +76,20 @@ bool Fits(const fs::path& light, const std::vector<std::string>& patterns) {
 
 }  // namespace
 
-void Road::KeepFinished(const RunResult& result) {
-  RunOptions options = options_;
-  KeptJson kept{{"version", Version()}, {"command", job_.options.origin}, {"frames", KeptJson::array()}};
+void KeepFinished(RunContext& run, const RunResult& result) {
+  RunOptions options = run.options;
+  KeptJson kept{{"version", Version()}, {"command", run.job.options.origin}, {"frames", KeptJson::array()}};
   for (size_t i = 0; i < result.frames.size(); ++i) {
     const RunFrame& told = result.frames[i];
     KeptJson json{{"file", fs::absolute(told.file).string()}, {"status", told.status}};
-    if (i < frames_.size()) {
-      const RunLight& frame = frames_[i];
+    if (i < run.frames.size()) {
+      const RunLight& frame = run.frames[i];
       const files::Header& header = frame.light->frame.info.header;
       json["filter"] = FilterOf(header);
-      for (const RunTarget& target : targets_) {
+      for (const RunTarget& target : run.targets) {
         if (std::ranges::find(target.frames, &frame) != target.frames.end()) json["stack"] = target.name;
       }
-      if (const auto start = StartOf(frame)) json["start"] = *start;
+      if (const auto start = frame.Start()) json["start"] = *start;
       if (const auto exposure = files::ExposureOf(header)) json["exposure"] = *exposure;
       json["stem"] = frame.light->stem;
       json["digest"] = frame.digest;
@@ -104,7 +105,7 @@ void Road::KeepFinished(const RunResult& result) {
         json["levels"] = frame.levels;
         if (frame.border && !frame.border->IsEmpty()) json["border"] = *frame.border;
       }
-    } else if (i < frames_.size() + excluded_.size()) {
+    } else if (i < run.frames.size() + run.excluded.size()) {
       json["excluded"] = true;
       options.calibrate.lights.push_back(told.file);
     }
@@ -116,9 +117,9 @@ void Road::KeepFinished(const RunResult& result) {
   for (const fs::path& colour : result.colours) {
     kept["colours"].push_back(colour.string());
   }
-  if (!fixed_) kept["reference"] = reference_;
-  kept["grid"] = Grid().shape;
-  state_->Keep(kName, kDigest, std::move(kept));
+  if (!run.fixed) kept["reference"] = run.reference;
+  kept["grid"] = run.Grid().shape;
+  run.state->Keep(kName, kDigest, std::move(kept));
 }
 
 std::vector<fs::path> FindRuns(const fs::path& folder) {

@@ -1,3 +1,5 @@
+#include "session/run/internal/Registering.h"
+
 #include <algorithm>
 
 #include <fmt/format.h>
@@ -8,7 +10,7 @@
 #include "session/files/Formats.h"
 #include "session/register/LensLibrary.h"
 #include "session/run/internal/FrameBounds.h"
-#include "session/run/internal/Road.h"
+#include "session/run/internal/Kept.h"
 
 namespace korimg::session {
 
@@ -19,6 +21,157 @@ namespace {
 /// A lens, to tell it from others; empty for none.
 std::string TextOf(const std::optional<CLensDistortion>& lens) {
   return lens ? ToJson(*lens).dump() : "";
+}
+
+/// Holds the frames that are laid, and on what.
+struct Laying {
+  std::vector<size_t> numbers;
+  std::shared_ptr<CVelImage> whole;  ///< of a reference that is none of them
+  std::string digest;                ///< of all that they lie by, but for the lens
+  std::string camera;                ///< and lens
+};
+
+/// Tells where lenses are kept: what is known of them lies beside the masters.
+fs::path LensesOf(const RunContext& run) {
+  const fs::path& masters = run.options.calibrate.masters;
+  return (masters.empty() ? run.options.calibrate.out : masters) / "lenses.json";
+}
+
+/// Takes the light that is asked for as the reference, or an image that is none of them. Answers such a
+/// one.
+std::shared_ptr<CVelImage> FindReference(RunContext& run) {
+  const fs::path wanted = fs::weakly_canonical(run.options.reference);
+  for (size_t i = 0; i < run.frames.size(); ++i) {
+    if (fs::weakly_canonical(run.frames[i].light->frame.path) != wanted) continue;
+    if (!run.frames[i].IsUsed())
+      throw files::FileError(run.options.reference, "cannot be the reference: it cannot be used");
+    run.reference = i;
+    return nullptr;
+  }
+  const auto store = run.job.MakeStore();
+  Image opened = Image::Open(run.job, store, run.options.reference);
+  // As in LoadWhole.
+  auto image = std::shared_ptr<CVelImage>(opened.Pointer().release(), [store](CVelImage* p) { delete p; });
+  run.fixed.emplace();
+  run.fixed->error.clear();
+  run.fixed->digest = fmt::format("{} {}", wanted.string(), files::StampOf(wanted));
+  run.fixed->shape = {image->GetWidth(), image->GetHeight(), image->GetPlanes()};
+  run.fixed->measure = MeasureFrame(*image);
+  if (run.fixed->measure.starCount == 0) {
+    throw files::FileError(run.options.reference, "cannot be the reference: no stars are found in it");
+  }
+  return image;
+}
+
+Laying BeginLaying(RunContext& run) {
+  Laying laying;
+  for (size_t i = 0; i < run.frames.size(); ++i) {
+    if (run.frames[i].IsUsed()) laying.numbers.push_back(i);
+  }
+  if (laying.numbers.empty()) throw files::FileError(run.options.calibrate.out, "no light could be read");
+  run.reference = laying.numbers.front();
+  if (!run.options.reference.empty()) laying.whole = FindReference(run);
+  KeptJson made{{"korimg", Version()},
+                {"model", NameOf(kFrameModels, run.options.lay.model)},
+                {"residual", run.options.lay.residual},
+                {"reference", run.options.reference.empty() ? "" : run.Grid().digest}};
+  for (const size_t i : laying.numbers) {
+    made["frames"].push_back(run.frames[i].digest);
+  }
+  laying.digest = made.dump();
+  const files::ImageInfo& first = run.frames[laying.numbers.front()].light->frame.info;
+  laying.camera = LensLibrary::KeyOf(first.header, first.width, first.height);
+  return laying;
+}
+
+/// How the frames were laid before, if it was by the same lens, or is what this one was learnt from. The lens
+/// is there where it has not been written.
+std::optional<LaidFrames> FindLaid(const RunContext& run, const Laying& laying) {
+  const auto kept = run.state->Find("registration", laying.digest);
+  if (!kept) return std::nullopt;
+  const std::string now = TextOf(LensLibrary(LensesOf(run)).Find(laying.camera)), learnt = kept->at("learnt");
+  if (now != kept->at("lens") && now != learnt) return std::nullopt;
+  LaidFrames laid{std::nullopt, kept->at("frames").get<std::vector<Registration>>(),
+                  kept->at("model").get<std::string>(), std::nullopt};
+  if (kept->contains("reference")) laid.reference = kept->at("reference").get<size_t>();
+  if (!learnt.empty() && now != learnt) laid.lens = LensFromJson(KeptJson::parse(learnt));
+  for (size_t k = 0; k < laying.numbers.size(); ++k) {
+    laid.registrations[k].file = run.frames[laying.numbers[k]].light->frame.path.string();
+  }
+  return laid;
+}
+
+LaidFrames Lay(RunContext& run, const Laying& laying) {
+  FramesToLay toLay{.bytes = run.BytesOfFrame(), .mayBeMissing = true};
+  for (const size_t i : laying.numbers) {
+    toLay.files.push_back(run.frames[i].light->frame.path);
+    toLay.measures.push_back(run.frames[i].measure);
+  }
+  toLay.image = [&](size_t k) {
+    const RunLight& frame = run.frames[laying.numbers[k]];
+    LightRows rows(run.session, *frame.light, frame.border);
+    return LoadWhole(rows, run.job.MakeStore());
+  };
+  LayOptions how = run.options.lay;
+  how.lens = LensLibrary(LensesOf(run)).Find(laying.camera);
+  LaidFrames laid;
+  if (laying.whole) {
+    laid = LayFrames(
+        run.job, toLay, run.fixed->measure, [&] { return laying.whole; }, how);
+  } else {
+    std::optional<size_t> number;
+    if (!run.options.reference.empty()) {
+      number = std::ranges::find(laying.numbers, run.reference) - laying.numbers.begin();
+    }
+    laid = LayFrames(run.job, toLay, number, how);
+  }
+  // Before the lens: who goes on after it was learnt must not lay the frames by it once more.
+  KeptJson kept{{"lens", TextOf(how.lens)},
+                {"learnt", TextOf(laid.lens)},
+                {"model", laid.model},
+                {"frames", laid.registrations}};
+  if (laid.reference) kept["reference"] = *laid.reference;
+  run.state->Keep("registration", laying.digest, std::move(kept));
+  return laid;
+}
+
+void Apply(RunContext& run, const Laying& laying, const LaidFrames& laid) {
+  if (laid.reference) run.reference = laying.numbers[*laid.reference];
+  const std::vector<Registration>& registrations = laid.registrations;
+  const bool lightIsCompared = std::any_of(registrations.begin(), registrations.end(),
+                                           [](const Registration& r) { return r.fluxRatio.has_value(); });
+  for (size_t k = 0; k < laying.numbers.size(); ++k) {
+    RunLight& frame = run.frames[laying.numbers[k]];
+    frame.registration = registrations[k];
+    // Frames are brought to the reference by their sky and by the light of their stars.
+    if (run.options.stack.normalise == "level+scale" && lightIsCompared &&
+        frame.registration.IsGood() && !frame.registration.fluxRatio) {
+      run.LeaveOut(frame, kNoCommonLight);
+    }
+    std::fill(std::begin(frame.levels.spread), std::end(frame.levels.spread),
+              frame.registration.fluxRatio.value_or(1));
+  }
+  const RunLight& reference = run.Grid();
+  run.Plan(fmt::format("reference: {}, {} stars, FWHM {:.2f} px", run.GridName(), reference.measure.starCount,
+                       reference.measure.fwhm));
+  if (!laid.model.empty()) run.Plan("laid by: " + laid.model);
+}
+
+/// Limits compare frames with each other: spoiled alike, they pass.
+void TellLimitsThatSayLittle(RunContext& run, const RunTarget& target, size_t frames, size_t starry) {
+  constexpr size_t kTelling = FrameBounds::kTelling;
+  const FrameLimits& limits = run.options.limits;
+  const bool hasLimits = limits.stars > 0 || limits.fwhm > 0 || limits.elongation > 0;
+  if (frames == 0 || !hasLimits || starry >= kTelling) return;
+  const std::string line = fmt::format(
+      "{}: frames are told to be bad by the median of their like, and {}; look at them, whether clouds, "
+      "focus or trails spoiled them",
+      target.name,
+      frames < kTelling
+          ? fmt::format("there {} only {}", frames == 1 ? "is" : "are", frames)
+          : fmt::format("only {} of {} have the stars for FWHM and elongation", starry, frames));
+  run.report.plan.push_back(line);
+  run.job.Warn(line);
 }
 
 }  // namespace
@@ -50,153 +203,29 @@ std::string FrameBounds::WhyBad(const SeenStars& frame) const {
   return "";
 }
 
-fs::path Road::Lenses() const {
-  const fs::path& masters = options_.calibrate.masters;
-  return (masters.empty() ? options_.calibrate.out : masters) / "lenses.json";
-}
-
-std::string Road::NameOf(const RunLight& frame) const {
-  return frame.light ? frame.light->Name() : options_.reference.filename().string();
-}
-
-/// Takes the light that is asked for as the reference, or an image that is none of them. Answers such a
-/// one.
-std::shared_ptr<CVelImage> Road::FindReference() {
-  const fs::path wanted = fs::weakly_canonical(options_.reference);
-  for (size_t i = 0; i < frames_.size(); ++i) {
-    if (fs::weakly_canonical(frames_[i].light->frame.path) != wanted) continue;
-    if (!frames_[i].IsUsed())
-      throw files::FileError(options_.reference, "cannot be the reference: it cannot be used");
-    reference_ = i;
-    return nullptr;
-  }
-  const auto store = job_.MakeStore();
-  Image opened = Image::Open(job_, store, options_.reference);
-  // As in LoadWhole.
-  auto image = std::shared_ptr<CVelImage>(opened.Pointer().release(), [store](CVelImage* p) { delete p; });
-  fixed_.emplace();
-  fixed_->error.clear();
-  fixed_->digest = fmt::format("{} {}", wanted.string(), files::StampOf(wanted));
-  fixed_->shape = {image->GetWidth(), image->GetHeight(), image->GetPlanes()};
-  fixed_->measure = MeasureFrame(*image);
-  if (fixed_->measure.starCount == 0) {
-    throw files::FileError(options_.reference, "cannot be the reference: no stars are found in it");
-  }
-  return image;
-}
-
-Road::Laying Road::BeginLaying() {
-  Laying laying;
-  for (size_t i = 0; i < frames_.size(); ++i) {
-    if (frames_[i].IsUsed()) laying.numbers.push_back(i);
-  }
-  if (laying.numbers.empty()) throw files::FileError(options_.calibrate.out, "no light could be read");
-  reference_ = laying.numbers.front();
-  if (!options_.reference.empty()) laying.whole = FindReference();
-  KeptJson made{{"korimg", Version()},
-                {"model", session::NameOf(kFrameModels, options_.lay.model)},
-                {"residual", options_.lay.residual},
-                {"reference", options_.reference.empty() ? "" : Grid().digest}};
-  for (const size_t i : laying.numbers) {
-    made["frames"].push_back(frames_[i].digest);
-  }
-  laying.digest = made.dump();
-  const files::ImageInfo& first = frames_[laying.numbers.front()].light->frame.info;
-  laying.camera = LensLibrary::KeyOf(first.header, first.width, first.height);
-  return laying;
-}
-
-/// How the frames were laid before, if it was by the same lens, or is what this one was learnt from. The lens
-/// is there where it has not been written.
-std::optional<LaidFrames> Road::FindLaid(const Laying& laying) const {
-  const auto kept = state_->Find("registration", laying.digest);
-  if (!kept) return std::nullopt;
-  const std::string now = TextOf(LensLibrary(Lenses()).Find(laying.camera)), learnt = kept->at("learnt");
-  if (now != kept->at("lens") && now != learnt) return std::nullopt;
-  LaidFrames laid{std::nullopt, kept->at("frames").get<std::vector<Registration>>(),
-                  kept->at("model").get<std::string>(), std::nullopt};
-  if (kept->contains("reference")) laid.reference = kept->at("reference").get<size_t>();
-  if (!learnt.empty() && now != learnt) laid.lens = LensFromJson(KeptJson::parse(learnt));
-  for (size_t k = 0; k < laying.numbers.size(); ++k) {
-    laid.registrations[k].file = frames_[laying.numbers[k]].light->frame.path.string();
-  }
-  return laid;
-}
-
-LaidFrames Road::Lay(const Laying& laying) {
-  FramesToLay toLay{.bytes = BytesOfFrame(), .mayBeMissing = true};
-  for (const size_t i : laying.numbers) {
-    toLay.files.push_back(frames_[i].light->frame.path);
-    toLay.measures.push_back(frames_[i].measure);
-  }
-  toLay.image = [&](size_t k) {
-    const RunLight& frame = frames_[laying.numbers[k]];
-    LightRows rows(session_, *frame.light, frame.border);
-    return LoadWhole(rows, job_.MakeStore());
-  };
-  LayOptions how = options_.lay;
-  how.lens = LensLibrary(Lenses()).Find(laying.camera);
-  LaidFrames laid;
-  if (laying.whole) {
-    laid = LayFrames(
-        job_, toLay, fixed_->measure, [&] { return laying.whole; }, how);
-  } else {
-    std::optional<size_t> number;
-    if (!options_.reference.empty()) {
-      number = std::ranges::find(laying.numbers, reference_) - laying.numbers.begin();
-    }
-    laid = LayFrames(job_, toLay, number, how);
-  }
-  // Before the lens: who goes on after it was learnt must not lay the frames by it once more.
-  KeptJson kept{{"lens", TextOf(how.lens)},
-                {"learnt", TextOf(laid.lens)},
-                {"model", laid.model},
-                {"frames", laid.registrations}};
-  if (laid.reference) kept["reference"] = *laid.reference;
-  state_->Keep("registration", laying.digest, std::move(kept));
-  return laid;
-}
-
-void Road::Apply(const Laying& laying, const LaidFrames& laid) {
-  if (laid.reference) reference_ = laying.numbers[*laid.reference];
-  const std::vector<Registration>& registrations = laid.registrations;
-  const bool lightIsCompared = std::any_of(registrations.begin(), registrations.end(),
-                                           [](const Registration& r) { return r.fluxRatio.has_value(); });
-  for (size_t k = 0; k < laying.numbers.size(); ++k) {
-    RunLight& frame = frames_[laying.numbers[k]];
-    frame.registration = registrations[k];
-    // Frames are brought to the reference by their sky and by the light of their stars.
-    if (options_.stack.normalise == "level+scale" && lightIsCompared && frame.registration.IsGood() &&
-        !frame.registration.fluxRatio) {
-      LeaveOut(frame, kNoCommonLight);
-    }
-    std::fill(std::begin(frame.levels.spread), std::end(frame.levels.spread),
-              frame.registration.fluxRatio.value_or(1));
-  }
-  const RunLight& reference = Grid();
-  Plan(fmt::format("reference: {}, {} stars, FWHM {:.2f} px", NameOf(reference), reference.measure.starCount,
-                   reference.measure.fwhm));
-  if (!laid.model.empty()) Plan("laid by: " + laid.model);
-}
-
-bool Road::RegisterFrames() {
-  const Laying laying = BeginLaying();
-  std::optional<LaidFrames> laid = FindLaid(laying);
+bool RegisterFrames(RunContext& run) {
+  const Laying laying = BeginLaying(run);
+  std::optional<LaidFrames> laid = FindLaid(run, laying);
   const bool isKept = laid.has_value();
-  if (!isKept) laid = Lay(laying);
-  Apply(laying, *laid);
-  KeepLens(job_, LensLibrary(Lenses()), laying.camera, *laid);
+  if (!isKept) laid = Lay(run, laying);
+  Apply(run, laying, *laid);
+  KeepLens(run.job, LensLibrary(LensesOf(run)), laying.camera, *laid);
   return !isKept;
 }
 
-/// Leaves out what cannot be stacked, and what is much worse than the others. A few stars tell nothing of
-/// that.
-void Road::LeaveOutBad(const RunTarget& target) {
+bool TakeRegistrations(RunContext& run) {
+  const Laying laying = BeginLaying(run);
+  const std::optional<LaidFrames> laid = FindLaid(run, laying);
+  if (laid) Apply(run, laying, *laid);
+  return laid.has_value();
+}
+
+void LeaveOutBad(RunContext& run, const RunTarget& target) {
   std::vector<SeenStars> seen;
   for (const RunLight* frame : target.frames) {
     if (frame->IsUsed()) seen.emplace_back(frame->measure);
   }
-  const FrameLimits& limits = options_.limits;
+  const FrameLimits& limits = run.options.limits;
   const FrameBounds bounds(limits, seen);
   const auto& [fewest, widest, longest, starry] = bounds;
   std::string text = target.name + ": what could not be registered";
@@ -204,39 +233,22 @@ void Road::LeaveOutBad(const RunTarget& target) {
   if (widest > 0) text += fmt::format("; FWHM above {:.2f} px ({:g} times the median)", widest, limits.fwhm);
   if (longest > 0)
     text += fmt::format("; elongation above {:.2f} ({:g} times the median)", longest, limits.elongation);
-  Plan(text + "; are left out");
-  TellLimitsThatSayLittle(target, seen.size(), starry);
-  const Shape& shape = Grid().shape;
+  run.Plan(text + "; are left out");
+  TellLimitsThatSayLittle(run, target, seen.size(), starry);
+  const Shape& shape = run.Grid().shape;
   for (RunLight* frame : target.frames) {
     if (!frame->IsUsed()) continue;
     const Shape& own = frame->shape;
     const std::string bad = bounds.WhyBad(frame->measure);
     if (own.width != shape.width || own.height != shape.height || own.planes != shape.planes) {
-      LeaveOut(*frame, fmt::format("is {} x {} x {}, the reference {} x {} x {}", own.width, own.height,
-                                   own.planes, shape.width, shape.height, shape.planes));
+      run.LeaveOut(*frame, fmt::format("is {} x {} x {}, the reference {} x {} x {}", own.width, own.height,
+                                       own.planes, shape.width, shape.height, shape.planes));
     } else if (!bad.empty()) {
-      LeaveOut(*frame, bad);
+      run.LeaveOut(*frame, bad);
     } else if (!frame->registration.IsGood()) {
-      LeaveOut(*frame, "not registered: " + frame->registration.Text());
+      run.LeaveOut(*frame, "not registered: " + frame->registration.Text());
     }
   }
-}
-
-/// Limits compare frames with each other: spoiled alike, they pass.
-void Road::TellLimitsThatSayLittle(const RunTarget& target, size_t frames, size_t starry) {
-  constexpr size_t kTelling = FrameBounds::kTelling;
-  const FrameLimits& limits = options_.limits;
-  const bool hasLimits = limits.stars > 0 || limits.fwhm > 0 || limits.elongation > 0;
-  if (frames == 0 || !hasLimits || starry >= kTelling) return;
-  const std::string line = fmt::format(
-      "{}: frames are told to be bad by the median of their like, and {}; look at them, whether clouds, "
-      "focus or trails spoiled them",
-      target.name,
-      frames < kTelling
-          ? fmt::format("there {} only {}", frames == 1 ? "is" : "are", frames)
-          : fmt::format("only {} of {} have the stars for FWHM and elongation", starry, frames));
-  report_.plan.push_back(line);
-  job_.Warn(line);
 }
 
 }  // namespace korimg::session

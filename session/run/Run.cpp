@@ -6,8 +6,8 @@
 #include <fmt/format.h>
 
 #include "session/job/internal/Edge.h"
+#include "session/run/internal/ObjectRun.h"
 #include "session/run/internal/Objects.h"
-#include "session/run/internal/Road.h"
 #include "session/run/internal/Selection.h"
 
 namespace korimg::session {
@@ -38,7 +38,7 @@ RunOptions Complete(RunOptions options) {
 
 void ForObjects(
     Job& job, const RunOptions& options,
-    const std::function<void(const std::string&, const RunOptions&, std::vector<RunFrame>)>& road) {
+    const std::function<void(const std::string&, const RunOptions&, std::vector<RunFrame>)>& work) {
   RunOptions complete = Complete(options);
   std::vector<RunFrame> excluded = TakeExcluded(job, complete);
   for (const auto& [name, lights] : ByObject(complete.calibrate.lights)) {
@@ -48,7 +48,7 @@ void ForObjects(
       own.calibrate.out /= name;
       job.Say(fmt::format("object {}: {} lights", name, lights.size()));
     }
-    road(name, own, std::exchange(excluded, {}));
+    work(name, own, std::exchange(excluded, {}));
   }
 }
 
@@ -56,9 +56,9 @@ RunResult Run(Job& job, const RunOptions& options) {
   return AtEdge([&] {
     RunResult all;
     ForObjects(job, options, [&](const std::string&, const RunOptions& own, auto excluded) {
-      Road road(job, own, std::move(excluded));
-      road.Show();
-      RunResult result = road.Do();
+      ObjectRun run(job, own, std::move(excluded));
+      run.Show();
+      RunResult result = run.Do();
       const auto add = [](auto& to, auto& from) {
         to.insert(to.end(), std::make_move_iterator(from.begin()), std::make_move_iterator(from.end()));
       };
@@ -74,9 +74,9 @@ RunResult Run(Job& job, const RunOptions& options) {
 void PlanRun(Job& job, const RunOptions& options) {
   AtEdge([&] {
     ForObjects(job, options, [&](const std::string&, const RunOptions& own, auto excluded) {
-      Road road(job, own, std::move(excluded));
-      road.Show();
-      road.TellPlan();
+      ObjectRun run(job, own, std::move(excluded));
+      run.Show();
+      run.TellPlan();
     });
   });
 }

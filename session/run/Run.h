@@ -1,4 +1,4 @@
-// The whole road: a session's frames to a finished picture.
+// A session's frames to a finished picture.
 #pragma once
 
 #include <filesystem>

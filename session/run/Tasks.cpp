@@ -5,8 +5,8 @@
 #include <fmt/format.h>
 
 #include "session/job/internal/Edge.h"
+#include "session/run/internal/ObjectRun.h"
 #include "session/run/internal/Objects.h"
-#include "session/run/internal/Road.h"
 
 namespace korimg::session {
 
@@ -23,14 +23,14 @@ std::vector<RunTask> PlanTasks(Job& job, const RunOptions& options, int parts) {
   return AtEdge([&] {
     std::vector<RunTask> measure, others[3];
     ForObjects(job, options, [&](const std::string& object, const RunOptions& own, auto excluded) {
-      Road road(job, own, std::move(excluded));
-      road.Show();
-      const auto lights = static_cast<int>(road.Lights());
+      ObjectRun run(job, own, std::move(excluded));
+      run.Show();
+      const auto lights = static_cast<int>(run.Lights());
       for (int part = 1; part <= std::min(parts, lights); ++part) {
         measure.push_back({RunTask::Measure, object, "", part, std::min(parts, lights)});
       }
       others[0].push_back({RunTask::Register, object});
-      for (const std::string& stack : road.StacksInParts()) {
+      for (const std::string& stack : run.StacksInParts()) {
         for (int part = 1; part <= parts; ++part) {
           others[1].push_back({RunTask::Stack, object, stack, part, parts});
         }
@@ -69,18 +69,18 @@ void DoTask(Job& job, const RunOptions& options, const RunTask& task) {
       isFound = true;
       // Maps of defects are written by tasks that have the folder to themselves.
       own.calibrate.maps &= task.stage == RunTask::Masters || task.stage == RunTask::Finish;
-      Road road(job, own, std::move(excluded));
+      ObjectRun run(job, own, std::move(excluded));
       switch (task.stage) {
         case RunTask::Masters:
-          return road.MakeMasters();
+          return run.MakeMasters();
         case RunTask::Measure:
-          return road.MeasurePart(task.part, task.parts);
+          return run.MeasurePart(task.part, task.parts);
         case RunTask::Register:
-          return road.Register();
+          return run.Register();
         case RunTask::Stack:
-          return road.StackPart(task.stack, task.part, task.parts);
+          return run.StackPart(task.stack, task.part, task.parts);
         case RunTask::Finish:
-          road.Show(), road.Do();
+          run.Show(), run.Do();
       }
     });
     if (!isFound)

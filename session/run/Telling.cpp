@@ -1,3 +1,5 @@
+#include "session/run/internal/Telling.h"
+
 #include <algorithm>
 #include <map>
 
@@ -5,17 +7,15 @@
 
 #include "session/files/internal/Times.h"
 #include "session/register/internal/MapJson.h"
-#include "session/run/internal/Road.h"
 
 namespace korimg::session {
 
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
 
-/// What has become of each light.
-std::vector<RunFrame> Road::Frames() const {
+std::vector<RunFrame> FramesOf(const RunContext& run) {
   std::vector<RunFrame> frames;
-  for (const RunLight& frame : frames_) {
+  for (const RunLight& frame : run.frames) {
     RunFrame told{frame.light->frame.path, frame.measure, frame.registration};
     told.status = frame.IsUsed() ? "stacked" : frame.IsMeasured() ? frame.reason : frame.error;
     told.isStacked = frame.IsUsed();
@@ -24,8 +24,8 @@ std::vector<RunFrame> Road::Frames() const {
     told.rejected = ShareRejected(frame.counts);
     frames.push_back(std::move(told));
   }
-  frames.insert(frames.end(), excluded_.begin(), excluded_.end());
-  for (const Session::FailedLight& light : session_.Failed()) {
+  frames.insert(frames.end(), run.excluded.begin(), run.excluded.end());
+  for (const Session::FailedLight& light : run.session.Failed()) {
     RunFrame told{light.path};
     told.status = light.reason;
     frames.push_back(std::move(told));
@@ -33,13 +33,13 @@ std::vector<RunFrame> Road::Frames() const {
   return frames;
 }
 
-void Road::TellFrames(const std::vector<RunFrame>& frames) const {
-  for (size_t i = 0; i < frames_.size(); ++i) {
+void TellFrames(const RunContext& run, const std::vector<RunFrame>& frames) {
+  for (size_t i = 0; i < run.frames.size(); ++i) {
     const RunFrame& frame = frames[i];
     const FrameMeasure& m = frame.measure;
     const Registration& r = frame.registration;
-    Json json = frames_[i].light->Description();
-    const auto start = StartOf(frames_[i]);
+    Json json = run.frames[i].light->Description();
+    const auto start = run.frames[i].Start();
     json.update({{"date_obs", start ? Json(files::FitsDate(*start)) : Json()},
                  {"stars", m.starCount},
                  {"fwhm", m.fwhm},
@@ -59,34 +59,34 @@ void Road::TellFrames(const std::vector<RunFrame>& frames) const {
                  {"flux_ratio", r.fluxRatio ? Json(*r.fluxRatio) : Json()}});
     if (r.map) json["map"] = ToJson(*r.map);
     if (frame.weights.size() > 1) json["weights"] = frame.weights;
-    if (const DefectMap* defects = session_.DefectsOf(*frames_[i].light)) {
+    if (const DefectMap* defects = run.session.DefectsOf(*run.frames[i].light)) {
       json["hot_pixels"] = defects->Hot();
       json["cold_pixels"] = defects->Cold();
     }
     const std::string line = fmt::format(
         "{}: {} stars, FWHM {:.2f} px, dx {:.2f}, dy {:.2f}, {:.3f} degrees by {}; light {:.3g} of the "
         "reference's, weight {:.2f}, rejected {}{}",
-        frames_[i].light->Name(), m.starCount, m.fwhm, r.dx, r.dy, r.degrees, r.method,
+        run.frames[i].light->Name(), m.starCount, m.fwhm, r.dx, r.dy, r.degrees, r.method,
         r.fluxRatio.value_or(1), frame.weight, Percent(frame.rejected), r.note.empty() ? "" : "; " + r.note);
-    job_.Tell(Dump(json), frame.isStacked ? line : "");
+    run.job.Tell(Dump(json), frame.isStacked ? line : "");
   }
-  TellFailed();
+  TellFailed(run);
 }
 
-/// Lights that were left out before any work, for programs.
-void Road::TellFailed() const {
-  for (const Session::FailedLight& light : session_.Failed()) {
-    job_.Tell(Dump({{"file", light.path.string()}, {"status", light.reason}}), "");
+void TellFailed(const RunContext& run) {
+  for (const Session::FailedLight& light : run.session.Failed()) {
+    run.job.Tell(Dump({{"file", light.path.string()}, {"status", light.reason}}), "");
   }
 }
 
-void Road::WriteReport() {
-  report_.command = job_.options.origin;
-  report_.plan.insert(report_.plan.begin(), session_.MasterLines().begin(), session_.MasterLines().end());
-  for (const RunLight& frame : frames_) {
+void WriteReport(RunContext& run) {
+  run.report.command = run.job.options.origin;
+  run.report.plan.insert(run.report.plan.begin(), run.session.MasterLines().begin(),
+                         run.session.MasterLines().end());
+  for (const RunLight& frame : run.frames) {
     ReportFrame row{frame.light->Name(), frame.light->Served(),
                     frame.IsMeasured() ? frame.reason : frame.error};
-    row.start = StartOf(frame);
+    row.start = frame.Start();
     if (frame.IsMeasured()) {
       row.thumbnail = frame.thumbnail;
       row.clipped = frame.clipped;
@@ -112,48 +112,48 @@ void Road::WriteReport() {
       row.weight = frame.weight;
       row.rejected = 100 * ShareRejected(frame.counts);
     }
-    report_.frames.push_back(std::move(row));
+    run.report.frames.push_back(std::move(row));
   }
-  for (const Session::FailedLight& light : session_.Failed()) {
-    report_.frames.push_back({light.path.filename().string(), "", light.reason});
+  for (const Session::FailedLight& light : run.session.Failed()) {
+    run.report.frames.push_back({light.path.filename().string(), "", light.reason});
   }
-  for (const RunFrame& frame : excluded_) {
-    report_.frames.push_back({frame.file.filename().string(), "", frame.status});
+  for (const RunFrame& frame : run.excluded) {
+    run.report.frames.push_back({frame.file.filename().string(), "", frame.status});
   }
-  session::WriteReport(report_, Path("report.html"));
-  job_.Say("report: " + Path("report.html").string());
+  WriteReport(run.report, run.Path("report.html"));
+  run.job.Say("report: " + run.Path("report.html").string());
 }
 
-/// A result that holds less than half of its lights is no success.
-void Road::CheckShares() {
+void CheckShares(const RunContext& run) {
   const auto isAwaited = [](const auto& light) { return !light.isUnfinished; };
-  const auto lights = static_cast<size_t>(std::ranges::count_if(frames_, isAwaited) +
-                                          std::ranges::count_if(session_.Failed(), isAwaited));
-  const auto used = static_cast<size_t>(
-      std::count_if(frames_.begin(), frames_.end(), [](const RunLight& frame) { return frame.IsUsed(); }));
+  const auto lights = static_cast<size_t>(std::ranges::count_if(run.frames, isAwaited) +
+                                          std::ranges::count_if(run.session.Failed(), isAwaited));
+  const auto used = static_cast<size_t>(std::count_if(run.frames.begin(), run.frames.end(),
+                                                      [](const RunLight& frame) { return frame.IsUsed(); }));
   const auto tell = [&](const std::string& name, size_t part, size_t all) {
     if (2 * part >= all) return;
-    job_.Fail(fmt::format("{}: holds {} of {} lights, less than half; the report says why", name, part, all));
+    run.job.Fail(
+        fmt::format("{}: holds {} of {} lights, less than half; the report says why", name, part, all));
   };
   std::map<std::string, size_t> failed;  // by filter
-  for (const Session::FailedLight& light : session_.Failed()) {
+  for (const Session::FailedLight& light : run.session.Failed()) {
     if (light.filter && isAwaited(light)) ++failed[FoldedName(*light.filter)];
   }
-  for (const RunTarget& target : targets_) {
+  for (const RunTarget& target : run.targets) {
     const auto own = failed.extract(FoldedName(target.filter));
     const auto stacked = std::count_if(target.frames.begin(), target.frames.end(),
                                        [](const RunLight* frame) { return frame->IsUsed(); });
     const auto wanted =
         std::ranges::count_if(target.frames, [&](const RunLight* frame) { return isAwaited(*frame); });
-    if (targets_.size() > 1 && stacked > 0) {
+    if (run.targets.size() > 1 && stacked > 0) {
       tell(target.name, static_cast<size_t>(stacked), static_cast<size_t>(wanted) + (own ? own.mapped() : 0));
     }
   }
   for (const auto& [filter, count] : failed) {
-    job_.Fail(fmt::format("none of the {} light{} of filter {} could be used: there is no stack of them",
-                          count, count == 1 ? "" : "s", filter.empty() ? "none" : filter));
+    run.job.Fail(fmt::format("none of the {} light{} of filter {} could be used: there is no stack of them",
+                             count, count == 1 ? "" : "s", filter.empty() ? "none" : filter));
   }
-  tell(targets_.size() == 1 ? targets_[0].name : "the session", used, lights);
+  tell(run.targets.size() == 1 ? run.targets[0].name : "the session", used, lights);
 }
 
 }  // namespace korimg::session

@@ -9,10 +9,10 @@
 
 namespace korimg::session {
 
-/// Calls road(name of the object's folder, options, excluded lights) for each object; the name is empty where
+/// Calls work(name of the object's folder, options, excluded lights) for each object; the name is empty where
 /// there is but one. Excluded lights are told of by the first.
 void ForObjects(
     Job& job, const RunOptions& options,
-    const std::function<void(const std::string&, const RunOptions&, std::vector<RunFrame>)>& road);
+    const std::function<void(const std::string&, const RunOptions&, std::vector<RunFrame>)>& work);
 
 }  // namespace korimg::session
