@@ -18,7 +18,7 @@ namespace {
 
 struct Arguments {
   std::vector<std::string> words;
-  std::string rect, bits = "float";
+  std::string rect;
   std::filesystem::path recipe;
   ApplyOptions apply;
 };
@@ -67,7 +67,6 @@ void Run(Tool& tool, Arguments& arguments) {
     step.CheckComplete();
   }
   if (!arguments.rect.empty()) options.rect = ParseRect(arguments.rect);
-  options.integers = arguments.bits == "16";
   CheckSteps(options);
   const std::string text = options.Text();
   const nlohmann::ordered_json json{
@@ -98,10 +97,7 @@ void AddApply(CLI::App& app, Tool& tool) {
       verb->add_option("--select", arguments->apply.blend.selection,
                        "file of a polygon, 'x y' in pixels on each line: outside of it the input stays");
   verb->add_flag("--select-reverse", arguments->apply.blend.selectionReverse, "inside of it")->needs(select);
-  verb->add_option("--store", arguments->apply.store, "contiguous or paged")
-      ->check(CLI::IsMember({"contiguous", "paged"}));
-  verb->add_option("--bits", arguments->bits, "float or 16, for FITS and TIFF")
-      ->check(CLI::IsMember({"float", "16"}));
+  AddImageOptions(*verb, arguments->apply.paged, arguments->apply.integers);
   verb->add_option("--hdu", arguments->apply.hdu, "number or name of the FITS extension to read");
   AddCommonOptions(*verb, tool);
   verb->callback([arguments, &tool] {

@@ -67,7 +67,6 @@ void AddCalibrate(CLI::App& app, Tool& tool) {
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {
     tool.Begin();
-    CheckWhiteBalance(options->develop.whiteBalance);
     const bool mends = options->cosmetic == Cosmetic::Auto;
     const bool hasFrames = !options->darks.empty() || !options->flats.empty() || !options->biases.empty();
     if (!hasFrames && !mends && !options->quality.Any()) {

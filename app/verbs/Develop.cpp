@@ -18,10 +18,12 @@ void AddMosaicOptions(CLI::App& verb, DevelopOptions& options) {
   add("--row-order", options.mosaic.rowOrder,
       "of a mosaic: whether the first stored row is the upper or the lower one")
       ->check(CLI::IsMember({"auto", "top-down", "bottom-up"}, CLI::ignore_case));
-  verb.add_option(
-      "--white-balance", options.whiteBalance,
-      "auto (the camera's, else by medians), camera, none, or gains of the cells row by row, of a "
-      "honeycomb red, green, green and blue: 1.9,1,1,1.5");
+  verb.add_option_function<std::string>(
+          "--white-balance",
+          [&options](const std::string& text) { options.whiteBalance = WhiteBalanceFrom(text); },
+          "auto (the camera's, else by medians), camera, none, or gains of the cells row by row, of a "
+          "honeycomb red, green, green and blue: 1.9,1,1,1.5")
+      ->default_str("auto");
 }
 
 void AddDevelop(CLI::App& app, Tool& tool) {

@@ -72,7 +72,6 @@ void AddArguments(CLI::App* verb, Arguments* arguments) {
 
 /// The options with the frames of the session's folder.
 RunOptions Complete(Tool& tool, Arguments& arguments) {
-  CheckWhiteBalance(arguments.options.calibrate.develop.whiteBalance);
   if (!arguments.selection.empty()) AddSelection(arguments.options, arguments.selection);
   CalibrateOptions& frames = arguments.options.calibrate;
   if (frames.maps && frames.cosmetic == Cosmetic::None) {

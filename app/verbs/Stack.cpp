@@ -10,38 +10,34 @@
 namespace korimg::tool {
 
 void AddStackChoices(CLI::App& verb, StackChoices& choices) {
-  verb.add_option("--method", choices.method, "what a pixel becomes of the values of the frames")
-      ->check(CLI::IsMember(NamesOf(kStackMethods)));
-  verb.add_option(
-          "--reject", choices.reject,
-          "mean: how outliers such as trails, cosmic rays and hot pixels are told; auto: by the noise of "
-          "each frame up to 4 frames, winsorized from 5, generalised ESD from 15")
-      ->check(CLI::IsMember(NamesOf(kRejections)));
-  verb.add_option("--kappa", choices.kappa,
-                  "sigma, winsorized, linear-fit, noise: deviations beyond which values are rejected, one "
-                  "number or LOW,HIGH; auto: 2.5, 3, 3 and 5");
+  AddChoice(verb, "--method", choices.method, kStackMethods,
+            "what a pixel becomes of the values of the frames");
+  AddChoice(verb, "--reject", choices.reject, kRejections,
+            "mean: how outliers such as trails, cosmic rays and hot pixels are told; auto: by the noise of "
+            "each frame up to 4 frames, winsorized from 5, generalised ESD from 15");
+  verb.add_option_function<std::string>(
+          "--kappa", [&choices](const std::string& text) { choices.kappa = KappaFrom(text); },
+          "sigma, winsorized, linear-fit, noise: deviations beyond which values are rejected, one "
+          "number or LOW,HIGH; auto: 2.5, 3, 3 and 5")
+      ->default_str("auto");
   verb.add_option("--iterations", choices.iterations,
                   "sigma, winsorized, linear-fit: how often at most, each by what the last one left")
       ->check(CLI::Range(1, 100));
-  verb.add_option(
-          "--normalize", choices.normalise,
-          "bring each frame to the reference: the level of its sky, or its scale too, by the light of stars "
-          "where register compared it, else by the spread of the pixels; auto: by level and the light of "
-          "stars, "
-          "by level alone where that is not known")
-      ->check(CLI::IsMember({"auto", "none", "level", "level+scale"}));
-  verb.add_option("--weight", choices.weight, "of frames in means: by the noise, or by fwhm of --transforms")
-      ->check(CLI::IsMember({"none", "noise", "fwhm"}));
-  verb.add_option("--kernel", choices.kernel,
-                  "how moved frames are read between their pixels; the weights of lanczos2 and lanczos3 do "
-                  "not add up "
-                  "to 1, which changes levels by up to 3.5 and 1 % and shows as a moire on a bright sky")
-      ->check(CLI::IsMember(NamesOf(kKernels)));
-  verb.add_option(
-          "--undershoot", choices.undershoot,
-          "dark rings of bicubic and lanczos kernels beside bright stars: raised to the pixels around "
-          "where they fall below the sky, or kept")
-      ->check(CLI::IsMember({"clamp", "keep"}));
+  AddChoice(
+      verb, "--normalize", choices.normalise, kNormalisations,
+      "bring each frame to the reference: the level of its sky, or its scale too, by the light of stars "
+      "where register compared it, else by the spread of the pixels; auto: by level and the light of "
+      "stars, "
+      "by level alone where that is not known");
+  AddChoice(verb, "--weight", choices.weight, kFrameWeights,
+            "of frames in means: by the noise, or by fwhm of --transforms");
+  AddChoice(verb, "--kernel", choices.kernel, kKernels,
+            "how moved frames are read between their pixels; the weights of lanczos2 and lanczos3 do "
+            "not add up "
+            "to 1, which changes levels by up to 3.5 and 1 % and shows as a moire on a bright sky");
+  AddChoice(verb, "--undershoot", choices.clampUndershoot, kUndershoots,
+            "dark rings of bicubic and lanczos kernels beside bright stars: raised to the pixels around "
+            "where they fall below the sky, or kept");
   const auto drizzle = [&choices]() -> CImgDrizzle::Options& {
     return choices.drizzle ? *choices.drizzle : choices.drizzle.emplace();
   };
@@ -129,12 +125,12 @@ void AddStack(CLI::App& app, Tool& tool) {
           "make the stack of so many parts that are there, and remove these: as in 3, by the same call "
           "as that of the parts")
       ->default_str("");
-  verb->add_option("--bits", options->bits, "float or 16, for FITS and TIFF")
-      ->check(CLI::IsMember({"float", "16"}));
+  AddChoice(*verb, "--bits", options->integers, {{"float", false}, {"16", true}},
+            "float or 16, for FITS and TIFF");
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {
     tool.Begin();
-    if (options->weight == "fwhm" && options->transforms.empty()) {
+    if (options->weight == FrameWeights::Fwhm && options->transforms.empty()) {
       throw UsageError("--weight fwhm takes the sizes of stars from --transforms FILE");
     }
     if (tool.options.dryRun) {

@@ -78,15 +78,13 @@ py::dict StackFiles(const py::dict& given, long long memory, bool overwrite, con
   values.Take("out", options.output);
   values.Take("transforms", options.transforms);
   values.Take("reference", options.reference);
-  bool integers = false;
-  values.Take("integers", integers);
-  options.bits = integers ? "16" : "float";
+  values.Take("integers", options.integers);
   values.Choose("frame", kStackFrames, options.frame);
   values.Take("feather", options.feather);
   values.Take("rejection_maps", options.maps);
   values.Take("uncertainty", options.uncertainty);
   values.Take("mask", options.mask);
-  if (options.weight == "fwhm" && options.transforms.empty()) {
+  if (options.weight == FrameWeights::Fwhm && options.transforms.empty()) {
     throw UsageError("weight=\"fwhm\" takes the sizes of stars from registrations");
   }
   const StackResult result = host.Run([&] { return session::StackFiles(host.job, options); });

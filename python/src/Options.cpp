@@ -27,17 +27,19 @@ void Values::Word(const char* key, const std::vector<std::string>& words, std::s
 }
 
 void TakeStackChoices(const Values& values, StackChoices& choices) {
-  values.Word("method", session::NamesOf(kStackMethods), choices.method);
-  values.Word("reject", session::NamesOf(kRejections), choices.reject);
-  values.Take("kappa", choices.kappa);
+  values.Choose("method", kStackMethods, choices.method);
+  values.Choose("reject", kRejections, choices.reject);
+  std::string kappa = "auto";
+  values.Take("kappa", kappa);
+  choices.kappa = session::KappaFrom(kappa);
   values.Take("iterations", choices.iterations);
   if (choices.iterations < 1 || choices.iterations > 100) {
     throw UsageError(fmt::format("iterations={} is not from 1 to 100", choices.iterations));
   }
-  values.Word("normalize", {"auto", "none", "level", "level+scale"}, choices.normalise);
-  values.Word("weight", {"none", "noise", "fwhm"}, choices.weight);
-  values.Word("kernel", session::NamesOf(kKernels), choices.kernel);
-  values.Word("undershoot", {"clamp", "keep"}, choices.undershoot);
+  values.Choose("normalize", kNormalisations, choices.normalise);
+  values.Choose("weight", kFrameWeights, choices.weight);
+  values.Choose("kernel", kKernels, choices.kernel);
+  values.Choose("undershoot", kUndershoots, choices.clampUndershoot);
   CImgDrizzle::Options drizzle;
   double scale = 0;
   values.Take("drizzle", scale);
@@ -53,8 +55,9 @@ void TakeMosaicOptions(const Values& values, DevelopOptions& options) {
   patterns.emplace_back();
   values.Word("cfa", patterns, options.mosaic.cfa);
   values.Word("row_order", {"top-down", "bottom-up", ""}, options.mosaic.rowOrder);
-  values.Take("white_balance", options.whiteBalance);
-  CheckWhiteBalance(options.whiteBalance);
+  std::string balance = "auto";
+  values.Take("white_balance", balance);
+  options.whiteBalance = session::WhiteBalanceFrom(balance);
 }
 
 void TakeCalibrationOptions(const Values& values, CalibrateOptions& options) {

@@ -273,8 +273,8 @@ class Frames {
   }
 
   void Measure(Job& job) {
-    const bool wantsLevels = options_.normalisation != Normalisation::None || choices_.weight == "noise" ||
-                             options_.clampUndershoot;
+    const bool wantsLevels = options_.normalisation != Normalisation::None ||
+                             choices_.weight == FrameWeights::Noise || options_.clampUndershoot;
     for (size_t i = 0; i < inputs_.size(); ++i) {
       job.CheckCancelled();
       job.Progress("measuring frame", static_cast<long long>(i) + 1, static_cast<long long>(inputs_.size()));

@@ -892,9 +892,9 @@ void Session::ChooseWhiteBalances() {
     if (light.mosaic.cfa == 0 || balances_.contains(CameraOf(light))) continue;
     const Calibrated first = LoadLight(light);
     CVelImage& image = first.loaded.Pixels();
-    std::string wanted = options_.develop.whiteBalance;
+    WhiteBalanceChoice wanted = options_.develop.whiteBalance;
     if (!light.Offset() && !light.frame.info.camera && NeedsMedians(first.loaded.Info(), wanted)) {
-      wanted = "none";
+      wanted = {WhiteBalanceChoice::None};
       job_.Warn(
           fmt::format("{}: its level without light is not known, so that its colours cannot be "
                       "balanced; give --dark, --bias or --white-balance",

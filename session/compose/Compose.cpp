@@ -418,7 +418,7 @@ void ComposeFiles(Job& job, const ComposeFilesOptions& options) {
   AtEdge([&] {
     Check(options);
     job.CheckOutput(options.output);
-    const auto store = job.MakeStore(options.paged ? "paged" : "contiguous");
+    const auto store = job.MakeStore(options.paged);
     std::vector<Image> sources;
     if (!options.luminance.empty())
       sources.push_back(Image::Open(job, store, options.luminance, {.hdu = options.hdu}));

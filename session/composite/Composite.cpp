@@ -143,7 +143,7 @@ void CompositeFiles(Job& job, const CompositeFilesOptions& options) {
   AtEdge([&] {
     Check(options);
     job.CheckOutput(options.output);
-    const auto store = job.MakeStore(options.paged ? "paged" : "contiguous");
+    const auto store = job.MakeStore(options.paged);
     Image first = Image::Open(job, store, options.first, {.hdu = options.hdu});
     Combine(job, first, Image::Open(job, store, options.second, {.hdu = options.hdu}), options);
     SaveImage(job, first.Pixels(), first.Header(), options.output, {.integers = options.integers});

@@ -38,6 +38,18 @@ std::optional<std::array<double, 4>> ParseGains(const std::string& text) {
   return at == end ? std::optional(gains) : std::nullopt;
 }
 
+const std::vector<Named<WhiteBalanceChoice::Source>> kSources = {{"auto", WhiteBalanceChoice::Auto},
+                                                                 {"camera", WhiteBalanceChoice::Camera},
+                                                                 {"none", WhiteBalanceChoice::None}};
+
+[[noreturn]] void ThrowWhiteBalance(const std::string& text) {
+  throw UsageError(
+      fmt::format("--white-balance {}: give auto, camera, none, or four positive gains such as "
+                  "1.9,1,1,1.5, for the cells of the mosaic row by row, or red, green, green and blue of a "
+                  "honeycomb",
+                  text));
+}
+
 /// Gains by plane from those by cell; both greens become one.
 std::array<double, 3> ByPlane(const std::array<double, 4>& cells, int cfa) {
   const auto [x, y] = files::FindRed(cfa);
@@ -105,13 +117,24 @@ std::array<double, 4> GainsByMedians(CVelImage& image, int cfa) {
 
 }  // namespace
 
-void CheckWhiteBalance(const std::string& wanted) {
-  if (wanted == "auto" || wanted == "camera" || wanted == "none" || ParseGains(wanted)) return;
-  throw UsageError(
-      fmt::format("--white-balance {}: give auto, camera, none, or four positive gains such as "
-                  "1.9,1,1,1.5, for the cells of the mosaic row by row, or red, green, green and blue of a "
-                  "honeycomb",
-                  wanted));
+WhiteBalanceChoice WhiteBalanceFrom(const std::string& text) {
+  for (const auto& [name, source] : kSources) {
+    if (text == name) return {source};
+  }
+  const auto gains = ParseGains(text);
+  if (!gains) ThrowWhiteBalance(text);
+  return {WhiteBalanceChoice::Gains, *gains};
+}
+
+std::string TextOf(const WhiteBalanceChoice& choice) {
+  return choice.source == WhiteBalanceChoice::Gains ? fmt::format("{}", fmt::join(choice.gains, ","))
+                                                    : NameOf(kSources, choice.source);
+}
+
+void CheckWhiteBalance(const WhiteBalanceChoice& wanted) {
+  const auto isGain = [](double gain) { return gain > 0 && std::isfinite(gain); };
+  if (wanted.source == WhiteBalanceChoice::Gains && !std::ranges::all_of(wanted.gains, isGain))
+    ThrowWhiteBalance(TextOf(wanted));
 }
 
 bool PhasesDiffer(files::ImageReader& reader) {
@@ -156,9 +179,10 @@ namespace {
 /// The CFA number of a camera by its name; 0 for one that has no mosaic of ours, or is not known.
 int CfaOfCamera(const files::ImageInfo& info) {
   // Some cameras change their pattern with the size of their frames. Nothing is held for pixels untouched.
-  static const std::shared_ptr<CVmManager> store = CreatePagedManager();
   CImgInformation camera;
-  camera.Create(CVelImage(store, CImage::Float, info.width, info.height, 1, 1.0, 0.0, 1, nullptr), nullptr);
+  camera.Create(
+      CVelImage(CreatePagedManager(), CImage::Float, info.width, info.height, 1, 1.0, 0.0, 1, nullptr),
+      nullptr);
   ReadHeader(info, *camera.GetHeader());
   int cfa = 0;
   return camera.GetAutoCFA(&cfa) && (cfa <= 4 || files::IsHoneycomb(cfa)) ? cfa : 0;
@@ -201,17 +225,19 @@ files::Mosaic RequireMosaic(const files::ImageInfo& info, const files::MosaicOpt
   return ByName(info, cfa, options.rowOrder);
 }
 
-bool NeedsMedians(const files::ImageInfo& info, const std::string& wanted) {
-  return wanted == "auto" && info.planes == 1 && !(info.camera && info.camera->hasGains);
+bool NeedsMedians(const files::ImageInfo& info, const WhiteBalanceChoice& wanted) {
+  return wanted.source == WhiteBalanceChoice::Auto && info.planes == 1 &&
+         !(info.camera && info.camera->hasGains);
 }
 
 WhiteBalance ChooseWhiteBalance(CVelImage* image, const files::ImageInfo& info, const files::Mosaic& mosaic,
-                                const std::string& wanted) {
+                                const WhiteBalanceChoice& wanted) {
   CheckWhiteBalance(wanted);
-  if (const auto gains = ParseGains(wanted)) return {*gains, "as told"};
+  if (wanted.source == WhiteBalanceChoice::Gains) return {wanted.gains, "as told"};
   if (NeedsMedians(info, wanted)) return {GainsByMedians(*image, mosaic.cfa), "by medians"};
-  if (info.camera && info.camera->hasGains && wanted != "none") return {info.camera->gains, "the camera's"};
-  if (wanted == "camera") {
+  if (info.camera && info.camera->hasGains && wanted.source != WhiteBalanceChoice::None)
+    return {info.camera->gains, "the camera's"};
+  if (wanted.source == WhiteBalanceChoice::Camera) {
     throw files::FileError(info.path,
                            "knows no white balance of its camera; give --white-balance auto, none or gains");
   }

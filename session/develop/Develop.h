@@ -14,12 +14,26 @@
 
 namespace korimg::session {
 
+/// Tells where the gains of colours come from. Auto is the camera's where the file has them, else the medians
+/// of the image.
+struct WhiteBalanceChoice {
+  enum Source { Auto, Camera, None, Gains };
+
+  Source source = Auto;
+  std::array<double, 4> gains{1, 1, 1, 1};  ///< positive, as WhiteBalance holds them
+};
+
+/// Reads "auto", "camera", "none" or four positive numbers, as in "1.9,1,1,1.5".
+/// @throws UsageError for anything else.
+KORIMG_SESSION_API WhiteBalanceChoice WhiteBalanceFrom(const std::string& text);
+KORIMG_SESSION_API std::string TextOf(const WhiteBalanceChoice& choice);
+
 struct DevelopOptions {
   files::MosaicOptions mosaic;
-  std::string whiteBalance = "auto";  ///< "auto", "camera", "none" or four gains "1.9,1,1,1.5"
-  bool mono = false;                  ///< brightness in place of colour
-  bool half = false;                  ///< half the size: each pixel from one cell of a Bayer mosaic
-  bool levelCut = false;              ///< results are limited to black and white
+  WhiteBalanceChoice whiteBalance;
+  bool mono = false;      ///< brightness in place of colour
+  bool half = false;      ///< half the size: each pixel from one cell of a Bayer mosaic
+  bool levelCut = false;  ///< results are limited to black and white
   double gamma = 1;
   double scale = 1;  ///< that the raw values are multiplied by
 };
@@ -31,8 +45,8 @@ struct WhiteBalance {
   std::string text;
 };
 
-/// @throws UsageError for a white balance that is neither a known word nor four positive numbers.
-KORIMG_SESSION_API void CheckWhiteBalance(const std::string& wanted);
+/// @throws UsageError for gains that are not positive numbers.
+KORIMG_SESSION_API void CheckWhiteBalance(const WhiteBalanceChoice& wanted);
 
 /// True when the colours of a mosaic show in the rows of a file: cells of 2 x 2 whose places have medians
 /// that differ by half of their pixels' noise and more, but those of one diagonal much less.
@@ -46,15 +60,15 @@ KORIMG_SESSION_API files::Mosaic MosaicOf(const files::ImageInfo& info, const fi
 KORIMG_SESSION_API files::Mosaic RequireMosaic(const files::ImageInfo& info,
                                                const files::MosaicOptions& options);
 
-/// Answers the white balance as wanted: "auto" takes the camera's gains where the file has them, else the
-/// medians of the image, which must be free of its offset; it is not looked at otherwise, and may be null
-/// then.
+/// Answers the white balance as wanted. Where it is by medians, the image must be free of its offset; it is
+/// not looked at otherwise, and may be null then.
 /// @throws FileError when the camera's gains are wanted and not known, UsageError as CheckWhiteBalance does.
 KORIMG_SESSION_API WhiteBalance ChooseWhiteBalance(CVelImage* image, const files::ImageInfo& info,
-                                                   const files::Mosaic& mosaic, const std::string& wanted);
+                                                   const files::Mosaic& mosaic,
+                                                   const WhiteBalanceChoice& wanted);
 
 /// True when ChooseWhiteBalance wants to see the image.
-KORIMG_SESSION_API bool NeedsMedians(const files::ImageInfo& info, const std::string& wanted);
+KORIMG_SESSION_API bool NeedsMedians(const files::ImageInfo& info, const WhiteBalanceChoice& wanted);
 
 /// Tells where the pixels to be developed come from: an image, or a file that is open.
 struct KORIMG_SESSION_API MosaicSource {

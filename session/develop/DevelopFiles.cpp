@@ -57,7 +57,7 @@ class Developer {
     const auto reader = files::ImageReader::Open(path, read);
     files::ImageInfo info = reader->Info();
     frame.mosaic = RequireMosaic(info, options_.mosaic);
-    const std::string& wanted = options_.whiteBalance;
+    const WhiteBalanceChoice& wanted = options_.whiteBalance;
     if (info.camera && read.lessBlack && !hasFlat && !NeedsMedians(info, wanted)) {
       // Nothing wants to see the whole mosaic: its rows go from the file to the results.
       BandBuffer first;

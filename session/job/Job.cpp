@@ -124,16 +124,13 @@ long long Job::Memory() const {
   return options.memory > 0 ? options.memory : DefaultBudget();
 }
 
-std::shared_ptr<CVmManager> Job::MakeStore(const std::string& kind) const {
+std::shared_ptr<CVmManager> Job::MakeStore(bool paged) const {
   StoreOptions store;
   store.budget = Memory();
-  if (kind == "contiguous") {
+  if (!paged) {
     const std::lock_guard lock(mutex_);
     if (!contiguous_) contiguous_ = CreateContiguousManager(store);
     return contiguous_;
-  }
-  if (kind != "paged") {
-    throw UsageError(fmt::format("there is no store '{}'; contiguous and paged are possible", kind));
   }
   // A pool of at least 16 blocks, however small the budget is.
   store.blockSize = std::min<long long>(store.blockSize, std::max(store.budget / 16, 4096LL));

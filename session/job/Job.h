@@ -98,9 +98,9 @@ class KORIMG_SESSION_API Job {
 
   /// Answers the bytes that pixels may take.
   long long Memory() const;
-  /// Makes a store within the memory budget: "contiguous", which all of a job shares with its budget, or a
-  /// new "paged" one. Any thread may ask.
-  std::shared_ptr<CVmManager> MakeStore(const std::string& kind = "contiguous") const;
+  /// Answers a store within the memory budget: the contiguous one, which all of a job shares with its budget,
+  /// or a new paged one. Any thread may ask.
+  std::shared_ptr<CVmManager> MakeStore(bool paged = false) const;
 
   /// Does a thing to each file. A failure is told in one line, and the other files are still done. The job
   /// has failed then, unless the file may be missing from the result.

@@ -308,8 +308,7 @@ class LiveStack::Impl {
     told.fluxRatio = registration.fluxRatio;
     if (!kind_ && light.mosaic.cfa > 0) {
       // Sessions of lights that come later develop them with the same colours.
-      options_.calibrate.develop.whiteBalance =
-          fmt::format("{}", fmt::join(session_->BalanceOf(light).gains, ","));
+      options_.calibrate.develop.whiteBalance = {WhiteBalanceChoice::Gains, session_->BalanceOf(light).gains};
     }
     kind_ = kind;
     isLightCompared_ |= !isReference && registration.fluxRatio.has_value();

@@ -53,7 +53,7 @@ void ApplyFile(Job& job, const ApplyOptions& options) {
   AtEdge([&] {
     CheckSteps(options);
     job.CheckOutput(options.output);
-    Image image = Image::Open(job, job.MakeStore(options.store), options.input, {.hdu = options.hdu});
+    Image image = Image::Open(job, job.MakeStore(options.paged), options.input, {.hdu = options.hdu});
     const bool mayHaveQuality = image.Header().GetString("EXTEND") == "T";
     if (mayHaveQuality &&
         QualityReader(*files::ImageReader::Open(options.input, {.hdu = options.hdu})).Any()) {

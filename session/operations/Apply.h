@@ -17,8 +17,9 @@ struct ApplyOptions {
   std::filesystem::path input, output;  ///< FITS, TIFF or PNG; the input may be camera raw
   std::optional<CRect> rect;            ///< where pixels may change
   BlendOptions blend;
-  std::string store = "contiguous", hdu;  ///< hdu: number or name of the FITS extension to read
-  bool integers = false;                  ///< 16 bits in place of floats
+  std::string hdu;        ///< number or name of the FITS extension to read
+  bool paged = false;     ///< the image lies in a paged store
+  bool integers = false;  ///< 16 bits in place of floats
 
   /// Tells the steps as they are written, with what limits them.
   KORIMG_SESSION_API std::string Text() const;

@@ -43,7 +43,7 @@ void ForRows(Job& job, CVelImage& image, const std::string& title,
   const bool fits = kBytesPerPixel * width * height <= job.Memory();
   CMemoryDIB inMemory;
   std::optional<CVmDIB> paged;
-  CBaseDIB& bitmap = fits ? static_cast<CBaseDIB&>(inMemory) : paged.emplace(job.MakeStore("paged"));
+  CBaseDIB& bitmap = fits ? static_cast<CBaseDIB&>(inMemory) : paged.emplace(job.MakeStore(true));
   if (!bitmap.Create(nullptr, width, height, 0)) {
     throw velora::CVmMemoryAllocationError("no room for the picture");
   }

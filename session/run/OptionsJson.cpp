@@ -1,5 +1,7 @@
 #include "session/run/internal/OptionsJson.h"
 
+#include "session/operations/Kernels.h"
+
 namespace korimg::session {
 
 namespace fs = std::filesystem;
@@ -8,7 +10,8 @@ using Json = nlohmann::json;
 namespace {
 
 /// Goes through all options, once for either direction: `part` has field(name, value) for values, path(...)
-/// and paths(...) for these, and choice(name, names, value) for what has names.
+/// and paths(...) for these, choice(name, names, value) for what has names, and text(name, read, value) for
+/// what is read from texts.
 template <class Options, class Part>
 void ForEachOption(Options& o, Part& part) {
   auto& c = o.calibrate;
@@ -25,7 +28,7 @@ void ForEachOption(Options& o, Part& part) {
   part.field("cfa", c.develop.mosaic.cfa);
   part.field("row_order", c.develop.mosaic.rowOrder);
   part.field("mosaic_source", c.develop.mosaic.source);
-  part.field("white_balance", c.develop.whiteBalance);
+  part.text("white_balance", WhiteBalanceFrom, c.develop.whiteBalance);
   part.field("mono", c.develop.mono);
   part.field("half", c.develop.half);
   part.field("level_cut", c.develop.levelCut);
@@ -42,13 +45,13 @@ void ForEachOption(Options& o, Part& part) {
   part.field("include", o.include);
   part.field("exclude", o.exclude);
   part.path("reference", o.reference);
-  part.field("method", o.stack.method);
-  part.field("reject", o.stack.reject);
-  part.field("kappa", o.stack.kappa);
-  part.field("normalise", o.stack.normalise);
-  part.field("weight", o.stack.weight);
-  part.field("kernel", o.stack.kernel);
-  part.field("undershoot", o.stack.undershoot);
+  part.choice("method", kStackMethods, o.stack.method);
+  part.choice("reject", kRejections, o.stack.reject);
+  part.text("kappa", KappaFrom, o.stack.kappa);
+  part.choice("normalise", kNormalisations, o.stack.normalise);
+  part.choice("weight", kFrameWeights, o.stack.weight);
+  part.choice("kernel", kKernels, o.stack.kernel);
+  part.choice("undershoot", kUndershoots, o.stack.clampUndershoot);
   part.field("iterations", o.stack.iterations);
   part.field("min_stars", o.limits.stars);
   part.field("max_fwhm", o.limits.fwhm);
@@ -63,7 +66,7 @@ void ForEachOption(Options& o, Part& part) {
 struct Writer {
   Json json = Json::object();
 
-  static std::string TextOf(const fs::path& path) { return path.empty() ? "" : fs::absolute(path).string(); }
+  static std::string PathOf(const fs::path& path) { return path.empty() ? "" : fs::absolute(path).string(); }
   template <class T>
   void field(const char* name, const T& value) {
     json[name] = value;
@@ -76,11 +79,15 @@ struct Writer {
   void choice(const char* name, const std::vector<Named<E>>& names, E value) {
     json[name] = NameOf(names, value);
   }
-  void path(const char* name, const fs::path& value) { json[name] = TextOf(value); }
+  template <class Read, class T>
+  void text(const char* name, const Read&, const T& value) {
+    json[name] = session::TextOf(value);
+  }
+  void path(const char* name, const fs::path& value) { json[name] = PathOf(value); }
   void paths(const char* name, const std::vector<fs::path>& values) {
     json[name] = Json::array();
     for (const fs::path& value : values) {
-      json[name].push_back(TextOf(value));
+      json[name].push_back(PathOf(value));
     }
   }
 };
@@ -99,6 +106,10 @@ struct Reader {
   template <class E>
   void choice(const char* name, const std::vector<Named<E>>& names, E& value) {
     value = ValueOf(names, json.at(name).get<std::string>());
+  }
+  template <class Read, class T>
+  void text(const char* name, const Read& read, T& value) {
+    value = read(json.at(name).get<std::string>());
   }
   void path(const char* name, fs::path& value) { value = json.at(name).get<std::string>(); }
   void paths(const char* name, std::vector<fs::path>& values) {

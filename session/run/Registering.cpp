@@ -144,7 +144,7 @@ void Apply(RunContext& run, const Laying& laying, const LaidFrames& laid) {
     RunLight& frame = run.frames[laying.numbers[k]];
     frame.registration = registrations[k];
     // Frames are brought to the reference by their sky and by the light of their stars.
-    if (run.options.stack.normalise == "level+scale" && lightIsCompared &&
+    if (run.options.stack.normalise == Normalisation::LevelAndScale && lightIsCompared &&
         frame.registration.IsGood() && !frame.registration.fluxRatio) {
       run.LeaveOut(frame, kNoCommonLight);
     }

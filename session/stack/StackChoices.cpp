@@ -7,10 +7,6 @@
 namespace korimg::session {
 namespace {
 
-const std::vector<Named<Normalisation>> kNormalisations = {{"none", Normalisation::None},
-                                                           {"level", Normalisation::Level},
-                                                           {"level+scale", Normalisation::LevelAndScale}};
-
 /// The limits of a test unless told otherwise.
 double UsualKappa(Rejection::Test test) {
   switch (test) {
@@ -23,35 +19,51 @@ double UsualKappa(Rejection::Test test) {
   }
 }
 
-Rejection ParseRejection(const StackChoices& choices) {
-  const std::string& kappa = choices.kappa;
-  const Rejection::Test test = ValueOf(kRejections, choices.reject);
-  if (kappa == "auto") return {test, UsualKappa(test), UsualKappa(test), choices.iterations};
+[[noreturn]] void ThrowKappa(const std::string& text) {
+  throw UsageError(
+      fmt::format("--kappa {}: write standard deviations, one number or LOW,HIGH, as in 2.5 or 3,2.5", text));
+}
+
+Rejection RejectionOf(const StackChoices& choices) {
+  const Rejection::Test test = choices.reject;
+  const std::optional<Kappa>& kappa = choices.kappa;
+  if (!kappa) return {test, UsualKappa(test), UsualKappa(test), choices.iterations};
   if (test == Rejection::Auto || test == Rejection::Esd || test == Rejection::None) {
     throw UsageError(fmt::format(
         "--kappa is for --reject sigma, winsorized, linear-fit and noise; {} has limits of its own",
-        choices.reject));
+        NameOf(kRejections, test)));
   }
-  const size_t comma = kappa.find(',');
-  const auto low = ToNumber(kappa.substr(0, comma)),
-             high = comma == std::string::npos ? low : ToNumber(kappa.substr(comma + 1));
-  if (!low || !high || !(*low > 0 && *high > 0 && *low <= 1000 && *high <= 1000)) {
-    throw UsageError(fmt::format(
-        "--kappa {}: write standard deviations, one number or LOW,HIGH, as in 2.5 or 3,2.5", kappa));
-  }
-  return {test, *low, *high, choices.iterations};
+  const auto isLimit = [](double k) { return k > 0 && k <= 1000; };
+  if (!isLimit(kappa->low) || !isLimit(kappa->high)) ThrowKappa(TextOf(kappa));
+  return {test, kappa->low, kappa->high, choices.iterations};
 }
 
 }  // namespace
 
+std::optional<Kappa> KappaFrom(const std::string& text) {
+  if (text == "auto") return std::nullopt;
+  const size_t comma = text.find(',');
+  const auto low = ToNumber(text.substr(0, comma)),
+             high = comma == std::string::npos ? low : ToNumber(text.substr(comma + 1));
+  if (!low || !high) ThrowKappa(text);
+  return Kappa{*low, *high};
+}
+
+std::string TextOf(const std::optional<Kappa>& kappa) {
+  if (!kappa) return "auto";
+  return kappa->low == kappa->high ? fmt::format("{}", kappa->low)
+                                   : fmt::format("{},{}", kappa->low, kappa->high);
+}
+
 void StackChoices::Settle(bool fluxesAreCompared) {
-  if (normalise == "auto") normalise = fluxesAreCompared ? "level+scale" : "level";
+  if (!normalise) normalise = fluxesAreCompared ? Normalisation::LevelAndScale : Normalisation::Level;
 }
 
 StackOptions StackChoices::Options() const {
-  if (drizzle && method != "mean") {
+  if (drizzle && method != CImgStack::Mean) {
     throw UsageError(fmt::format(
-        "--drizzle makes weighted means of what falls on a pixel, and no --method {}; leave it out", method));
+        "--drizzle makes weighted means of what falls on a pixel, and no --method {}; leave it out",
+        NameOf(kStackMethods, method)));
   }
   if (drizzle &&
       !(drizzle->scale >= 1 && drizzle->scale <= 4 && drizzle->pixfrac >= 0.01 && drizzle->pixfrac <= 1)) {
@@ -60,33 +72,34 @@ StackOptions StackChoices::Options() const {
                     drizzle->scale, drizzle->pixfrac));
   }
   StackOptions options;
-  options.method = ValueOf(kStackMethods, method);
-  options.rejection = ParseRejection(*this);
-  options.normalisation = ValueOf(kNormalisations, normalise);
-  options.kernel = ValueOf(kKernels, kernel);
-  options.clampUndershoot = undershoot == "clamp";
+  options.method = method;
+  options.rejection = RejectionOf(*this);
+  options.normalisation = normalise.value_or(Normalisation::Level);
+  options.kernel = kernel;
+  options.clampUndershoot = clampUndershoot;
   return options;
 }
 
 std::string StackChoices::Text() const {
-  std::string text = "--method " + method;
-  if (method == "mean") text += " --reject " + reject;
-  if (Rejects() && kappa != "auto") text += " --kappa " + kappa;
+  std::string text = "--method " + NameOf(kStackMethods, method);
+  if (method == CImgStack::Mean) text += " --reject " + NameOf(kRejections, reject);
+  if (Rejects() && kappa) text += " --kappa " + TextOf(kappa);
   if (Rejects() && iterations != StackChoices().iterations)
     text += fmt::format(" --iterations {}", iterations);
   if (drizzle) {
     text += fmt::format(" --drizzle {:g} --pixfrac {:g} --drizzle-kernel {}", drizzle->scale,
                         drizzle->pixfrac, NameOf(kDrizzleKernels, drizzle->kernel));
   }
-  return text + fmt::format(" --normalize {} --weight {} --kernel {} --undershoot {}", normalise, weight,
-                            kernel, undershoot);
+  return text + fmt::format(" --normalize {} --weight {} --kernel {} --undershoot {}",
+                            NameOf(kNormalisations, normalise), NameOf(kFrameWeights, weight),
+                            NameOf(kKernels, kernel), NameOf(kUndershoots, clampUndershoot));
 }
 
 void StackChoices::Weigh(std::vector<StackInput>& inputs, const std::vector<double>& fwhms,
                          int reference) const {
   std::vector<CImgStack::PlaneWeights> weights(inputs.size(), {1, 1, 1});
-  if (weight == "noise") weights = NoiseWeights(inputs, reference, Options().normalisation);
-  if (weight == "fwhm") {
+  if (weight == FrameWeights::Noise) weights = NoiseWeights(inputs, reference, Options().normalisation);
+  if (weight == FrameWeights::Fwhm) {
     double best = 0;
     for (const double fwhm : fwhms) {
       if (fwhm > 0 && (best == 0 || fwhm < best)) best = fwhm;

@@ -5,6 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "korimg/geometry/CInterp.h"
+
+#include "session/Export.h"
 #include "session/job/Named.h"
 #include "session/stack/Drizzle.h"
 #include "session/stack/Stack.h"
@@ -21,18 +24,46 @@ inline const std::vector<Named<Rejection::Test>> kRejections = {
     {"esd", Rejection::Esd},   {"linear-fit", Rejection::LinearFit}, {"noise", Rejection::Noise},
     {"none", Rejection::None}};
 
+inline const std::vector<Named<std::optional<Normalisation>>> kNormalisations = {
+    {"auto", std::nullopt},
+    {"none", Normalisation::None},
+    {"level", Normalisation::Level},
+    {"level+scale", Normalisation::LevelAndScale}};
+
+enum class FrameWeights { Noise, Fwhm, None };
+
+inline const std::vector<Named<FrameWeights>> kFrameWeights = {
+    {"noise", FrameWeights::Noise}, {"fwhm", FrameWeights::Fwhm}, {"none", FrameWeights::None}};
+
+inline const std::vector<Named<bool>> kUndershoots = {{"clamp", true}, {"keep", false}};
+
+/// Holds the limits of a test of outliers, in standard deviations below and above.
+struct Kappa {
+  double low, high;
+};
+
+/// Reads "auto", which is none, one number or "LOW,HIGH". Throws UsageError for anything else.
+KORIMG_SESSION_API std::optional<Kappa> KappaFrom(const std::string& text);
+KORIMG_SESSION_API std::string TextOf(const std::optional<Kappa>& kappa);
+
 struct KORIMG_SESSION_API StackChoices {
-  std::string method = "mean", reject = "auto", kappa = "auto", normalise = "auto", weight = "noise",
-              kernel = "bicubic", undershoot = "clamp";
-  int iterations = 5;
+  CImgStack::Method method = CImgStack::Mean;
+  Rejection::Test reject = Rejection::Auto;
+  std::optional<Kappa> kappa;              ///< of tests that take one; each has its own unless told
+  int iterations = 5;                      ///< of tests that go on with what they left
+  std::optional<Normalisation> normalise;  ///< by level and scale where scales are known, unless told
+  FrameWeights weight = FrameWeights::Noise;
+  CInterp::Method kernel = CInterp::MethodBicubic;
+  bool clampUndershoot = true;                  ///< see StackOptions
   std::optional<CImgDrizzle::Options> drizzle;  ///< on a finer grid; outliers are told on the reference's
 
-  /// Decides what auto means: frames are brought to one scale where the light of their stars was compared.
+  /// Settles how frames are normalised unless it was told: to one scale where the light of their stars was
+  /// compared.
   void Settle(bool fluxesAreCompared);
   /// Tells whether outliers are rejected.
-  bool Rejects() const { return method == "mean" && reject != "none"; }
-  /// Answers the options once that is settled. Throws UsageError for a kappa that is no number, or that
-  /// nothing asks for.
+  bool Rejects() const { return method == CImgStack::Mean && reject != Rejection::None; }
+  /// Answers the options once that is settled. Throws UsageError for what does not go together, and a kappa
+  /// beyond its limits or that nothing asks for.
   StackOptions Options() const;
   /// Tells it as a call would be written with all that counts.
   std::string Text() const;

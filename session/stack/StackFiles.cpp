@@ -110,7 +110,9 @@ class Sources {
       }
     }
     const bool isUnion = options.frame == StackFrame::Union;
-    if (!isUnion && (options.normalise == "auto" || options.normalise == "level+scale") && HaveFluxes()) {
+    if (!isUnion &&
+        options.normalise.value_or(Normalisation::LevelAndScale) == Normalisation::LevelAndScale &&
+        HaveFluxes()) {
       const auto unknown = std::stable_partition(used_.begin(), used_.end(), [](const Source& source) {
         return source.transform.fluxRatio.has_value();
       });
@@ -250,7 +252,7 @@ class Sources {
       throw files::FileError(source.path,
                              "holds no uncertainty (UNCERT); calibrate the frames with --uncertainty");
     }
-    if (options.weight == "fwhm" && !source.transform.fwhm) {
+    if (options.weight == FrameWeights::Fwhm && !source.transform.fwhm) {
       throw files::FileError(source.path, "has no fwhm in the transforms; use --weight noise or none");
     }
   }
@@ -535,7 +537,7 @@ class StackRun {
     const bool isWeights = options_.drizzle && path != options_.output;
     return std::make_unique<ImageSaver>(
         job_, path, out_, levels, header,
-        SaveOptions{.integers = (options_.bits == "16" && !isWeights) || IsPng(path),
+        SaveOptions{.integers = (options_.integers && !isWeights) || IsPng(path),
                     .scale = scale,
                     .uncertainty = options_.uncertainty && path == options_.output,
                     .mask = options_.mask && path == options_.output});
@@ -578,7 +580,7 @@ class StackRun {
   /// Edges, levels and weights.
   void Measure() {
     const bool wantsLevels =
-        stack_.normalisation != Normalisation::None || options_.weight == "noise" || stack_.clampUndershoot;
+        stack_.normalisation != Normalisation::None || options_.weight == FrameWeights::Noise || stack_.clampUndershoot;
     struct Measured {
       std::string noData;
       FrameLevels levels;
@@ -682,7 +684,7 @@ class StackRun {
       for (size_t i = 0; i < counts_.size(); ++i) {
         counts_[i] += band.counts[i];
       }
-      if (options_.bits == "16" || IsPng(options_.output)) range.Add(band.result);
+      if (options_.integers || IsPng(options_.output)) range.Add(band.result);
     });
     if (rejected_) counts_ = rejected_->Counts();
     if (spread) spread_ = spread->Get();
@@ -759,7 +761,7 @@ class StackRun {
           options_.Rejects() ? fmt::format(", rejected {} low, {} high", Percent(frame.rejectedLow),
                                            Percent(frame.rejectedHigh))
                              : "",
-          options_.weight != "none" ? fmt::format(", weight {:.4g}", frame.weight) : "",
+          options_.weight != FrameWeights::None ? fmt::format(", weight {:.4g}", frame.weight) : "",
           frame.fluxRatio ? fmt::format(", light {:.3g} of the reference's", *frame.fluxRatio) : ""));
     }
     Json json{{"output", options_.output.string()},

@@ -29,7 +29,7 @@ struct StackFilesOptions : StackChoices {
   std::filesystem::path output;               ///< FITS, TIFF or PNG, by its extension
   std::filesystem::path transforms;           ///< as WriteRegistrations writes them; empty: frames lie still
   std::filesystem::path reference;            ///< gives header and sky; empty: the first that lies still
-  std::string bits = "float";                 ///< or "16"
+  bool integers = false;                      ///< 16 bits in place of floats
   /// A union has frames of any size, their skies are matched where they overlap, and they fade into each
   /// other.
   StackFrame frame = StackFrame::Reference;

@@ -582,7 +582,7 @@ TEST_F(StackTest, AStackThatIsOnlyWrittenTellsItsWeights) {
   for (int i = 0; i < 5; ++i) {
     options.frames.push_back(In(fmt::format("f{:02}.fits", i)));
   }
-  options.weight = "noise";
+  options.weight = FrameWeights::Noise;
   options.output = In("whole.fits");
   Job job;
   const StackResult whole = StackFiles(job, options);

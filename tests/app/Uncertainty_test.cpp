@@ -98,7 +98,7 @@ TEST_F(Uncertainty, IsTheScatterOfStacks) {
     stack.frames = {In("s/calibrated")};
     stack.output = In("stack.fits");
     stack.transforms = In("s/transforms.jsonl");
-    stack.reject = "none";
+    stack.reject = Rejection::None;
     stack.uncertainty = stack.mask = true;
     StackFiles(job, stack);
     stacks.push_back(ReadKnown("stack.fits"));

@@ -47,8 +47,10 @@ std::shared_ptr<const Source> OpenDeveloped(session::Job& job, const std::filesy
   session::Levels levels;
   std::fill(levels.max, levels.max + 3, info.camera ? info.camera->white : 65535);
   // Gains by medians would want the whole image; the stretch finds a grey sky without them.
-  const auto balance = session::ChooseWhiteBalance(nullptr, info, mosaic,
-                                                   info.camera && info.camera->hasGains ? "camera" : "none");
+  const auto balance =
+      session::ChooseWhiteBalance(nullptr, info, mosaic,
+                                  {info.camera && info.camera->hasGains ? session::WhiteBalanceChoice::Camera
+                                                                        : session::WhiteBalanceChoice::None});
   const auto development =
       std::make_shared<session::Development>(session::MosaicSource(*reader, levels, job.MakeStore()), info,
                                              mosaic, balance, session::DevelopOptions{});

@@ -58,7 +58,9 @@ TEST_F(DevelopSteps, RefuseWhatDoesNotGoTogether) {
   for (const auto& change : std::initializer_list<void (*)(DevelopFilesOptions&)>{
            [](DevelopFilesOptions& o) { o.half = o.mono = true; },
            [](DevelopFilesOptions& o) { o.black = 1; },
-           [](DevelopFilesOptions& o) { o.whiteBalance = "1,2,3"; },
+           [](DevelopFilesOptions& o) {
+             o.whiteBalance = {WhiteBalanceChoice::Gains, {1, 2, 3}};
+           },
            [](DevelopFilesOptions& o) { o.out += ".tif"; }}) {
     DevelopFilesOptions wrong = options_;
     change(wrong);

@@ -86,7 +86,9 @@ TEST_F(FinishedTest, FramesLieAsTheStackHasThem) {
   for (const bool isColour : {false, true}) {
     SCOPED_TRACE(isColour);
     RunOptions options = Night({.frames = 3, .width = 353, .height = 251, .bayer = isColour ? "GRBG" : ""});
-    options.stack.reject = options.stack.normalise = options.stack.weight = "none";
+    options.stack.reject = Rejection::None;
+    options.stack.normalise = Normalisation::None;
+    options.stack.weight = FrameWeights::None;
     session::Run(job_, options);
     const FinishedRun run = OpenRun(In("out"));
     const auto before = fs::last_write_time(In("out/masters"));
@@ -147,7 +149,7 @@ TEST_F(FinishedTest, FramesLieAsTheStackHasThem) {
 
 TEST_F(FinishedTest, MapsCountWhatWasRejectedOfAllFrames) {
   RunOptions options = Night({.frames = 6, .width = 353, .height = 251, .bayer = "RGGB"});
-  options.stack.reject = "sigma";
+  options.stack.reject = Rejection::Sigma;
   options.rejectionMaps = true;
   session::Run(job_, options);
   const FinishedRun run = OpenRun(In("out"));
@@ -218,10 +220,10 @@ TEST_F(FinishedTest, OptionsComeBack) {
   options.calibrate.lights = {"/a/ß.fits"};
   options.calibrate.out = "/out";
   options.calibrate.pedestal = 100;
-  options.calibrate.develop.whiteBalance = "1,2,3,4";
+  options.calibrate.develop.whiteBalance = {WhiteBalanceChoice::Gains, {1, 2.5, 3, 4}};
   options.calibrate.quality = {.uncertainty = true, .gain = 1.5};
   options.stack.drizzle = {.scale = 1.5, .pixfrac = 0.5, .kernel = CImgDrizzle::Point};
-  options.stack.kappa = "3";
+  options.stack.kappa = Kappa{3, 2.5};
   options.palette = Palette::Hoo;
   options.lay.model = FrameModel::Affine;
   options.limits = {0.1, 0.2, 0.3};
@@ -232,6 +234,8 @@ TEST_F(FinishedTest, OptionsComeBack) {
   EXPECT_EQ(RunOptionsFrom(json).stack.drizzle->kernel, CImgDrizzle::Point);
   EXPECT_EQ(RunOptionsFrom(json).calibrate.quality.gain, 1.5);
   EXPECT_FALSE(RunOptionsFrom(json).calibrate.quality.readNoise);
+  EXPECT_EQ(RunOptionsFrom(json).calibrate.develop.whiteBalance.gains[1], 2.5);
+  EXPECT_EQ(RunOptionsFrom(json).stack.kappa->high, 2.5);
   EXPECT_NE(json, ToJson(RunOptions()));
 }
 

@@ -152,8 +152,8 @@ TEST_F(UnionTest, FramesOfOtherSizesAndPlacesAreToldOf) {
   options.output = In("out.fits");
   EXPECT_THROW(StackFiles(job, options), files::FileError) << "of one size unless it is a union";
   options.frame = StackFrame::Union;
-  options.normalise = "none";
-  options.weight = "none";
+  options.normalise = Normalisation::None;
+  options.weight = FrameWeights::None;
   options.feather = 0;
   StackFiles(job, options);
   const Image mosaic = Image::Open(job, In("out.fits"));
