@@ -70,6 +70,7 @@ void ObjectRun::Show() {
   if (run_.frames.empty()) {
     throw files::FileError(run_.options.calibrate.lights.front().parent_path(), "no light can be used");
   }
+  CheckReference(run_);
   cost_ = CostOf(run_.job, Work());
   run_.Plan("the run " + cost_.Text());
 }

@@ -37,15 +37,22 @@ fs::path LensesOf(const RunContext& run) {
   return (masters.empty() ? run.options.calibrate.out : masters) / "lenses.json";
 }
 
+/// Answers the number of the light in a file.
+std::optional<size_t> FindLight(const RunContext& run, const fs::path& canonical) {
+  for (size_t i = 0; i < run.frames.size(); ++i) {
+    if (fs::weakly_canonical(run.frames[i].light->frame.path) == canonical) return i;
+  }
+  return std::nullopt;
+}
+
 /// Takes the light that is asked for as the reference, or an image that is none of them. Answers such a
 /// one.
 std::shared_ptr<CVelImage> FindReference(RunContext& run) {
   const fs::path wanted = fs::weakly_canonical(run.options.reference);
-  for (size_t i = 0; i < run.frames.size(); ++i) {
-    if (fs::weakly_canonical(run.frames[i].light->frame.path) != wanted) continue;
-    if (!run.frames[i].IsUsed())
+  if (const auto number = FindLight(run, wanted)) {
+    if (!run.frames[*number].IsUsed())
       throw files::FileError(run.options.reference, "cannot be the reference: it cannot be used");
-    run.reference = i;
+    run.reference = *number;
     return nullptr;
   }
   const auto store = run.job.MakeStore();
@@ -201,6 +208,11 @@ std::string FrameBounds::WhyBad(const SeenStars& frame) const {
     return fmt::format("elongation {:.2f}, above {:.2f}", frame.elongation, longest);
   }
   return "";
+}
+
+void CheckReference(const RunContext& run) {
+  const fs::path& file = run.options.reference;
+  if (!file.empty() && !FindLight(run, fs::weakly_canonical(file))) files::ImageReader::Open(file);
 }
 
 bool RegisterFrames(RunContext& run) {

@@ -579,8 +579,8 @@ class StackRun {
 
   /// Edges, levels and weights.
   void Measure() {
-    const bool wantsLevels =
-        stack_.normalisation != Normalisation::None || options_.weight == FrameWeights::Noise || stack_.clampUndershoot;
+    const bool wantsLevels = stack_.normalisation != Normalisation::None ||
+                             options_.weight == FrameWeights::Noise || stack_.clampUndershoot;
     struct Measured {
       std::string noData;
       FrameLevels levels;

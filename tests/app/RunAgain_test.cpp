@@ -227,7 +227,11 @@ TEST_F(RunAgainTest, SelectionsAndReferences) {
   EXPECT_GT(compared, 50);
   EXPECT_LT(far, compared / 20);
   WriteBytes(In("no.fits"), "no image");
-  EXPECT_EQ(Shell("korimg run night --out third --reference no.fits -q").code, 1);
+  // Before any work, and by the plan too.
+  for (const char* plan : {"", " --dry-run"}) {
+    EXPECT_EQ(Shell(std::string("korimg run night --out third --reference no.fits -q") + plan).code, 1);
+    EXPECT_FALSE(fs::exists(In("third")));
+  }
 }
 
 TEST_F(RunAgainTest, ObjectsAreKeptApart) {

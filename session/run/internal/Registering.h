@@ -5,6 +5,9 @@
 
 namespace korimg::session {
 
+/// Throws FileError for a reference that is none of the lights and cannot be read, before any work.
+void CheckReference(const RunContext& run);
+
 /// Registers the frames that are used; false when they were registered before.
 bool RegisterFrames(RunContext& run);
 
