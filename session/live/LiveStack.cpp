@@ -13,7 +13,7 @@
 
 #include "session/calibrate/FindSession.h"
 #include "session/calibrate/internal/FrameUse.h"
-#include "session/calibrate/internal/Session.h"
+#include "session/calibrate/internal/LightRows.h"
 #include "session/job/internal/Edge.h"
 #include "session/live/internal/RunningMean.h"
 #include "session/picture/AutoPicture.h"

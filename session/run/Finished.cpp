@@ -7,7 +7,7 @@
 
 #include "korimg/pipelines/runtime/Runtime.h"
 
-#include "session/calibrate/internal/Session.h"
+#include "session/calibrate/internal/LightRows.h"
 #include "session/files/Formats.h"
 #include "session/files/Geometry.h"
 #include "session/files/internal/ConstantBorder.h"

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "session/calibrate/internal/LightRows.h"
 #include "session/files/Formats.h"
 #include "session/job/internal/SideBySide.h"
 #include "session/picture/AutoPicture.h"

@@ -7,6 +7,7 @@
 #include "korimg/image/internal/Numbers.h"
 #include "korimg/pipelines/runtime/Runtime.h"
 
+#include "session/calibrate/internal/LightRows.h"
 #include "session/files/Formats.h"
 #include "session/register/LensLibrary.h"
 #include "session/run/internal/FrameBounds.h"

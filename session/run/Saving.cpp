@@ -4,6 +4,7 @@
 
 #include "korimg/pipelines/runtime/Runtime.h"
 
+#include "session/calibrate/internal/LightRows.h"
 #include "session/compose/Compose.h"
 #include "session/files/Gain.h"
 #include "session/files/Geometry.h"

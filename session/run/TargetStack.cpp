@@ -7,6 +7,7 @@
 
 #include "korimg/pipelines/runtime/Runtime.h"
 
+#include "session/calibrate/internal/LightRows.h"
 #include "session/files/Formats.h"
 #include "session/register/internal/MapJson.h"
 #include "session/stack/internal/RejectedPixels.h"

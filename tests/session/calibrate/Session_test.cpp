@@ -1,9 +1,8 @@
 // A light's rows, read as they are wanted.
-#include "session/calibrate/internal/Session.h"
-
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "session/calibrate/internal/LightRows.h"
 #include "tests/support/Folder.h"
 #include "tests/support/Simulated.h"
 
