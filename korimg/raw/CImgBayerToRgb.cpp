@@ -88,12 +88,14 @@ int CImgBayerToRgb::Do(tagBayerStruct bayer, int nProgress) {
   ShowProgress(step);
   if (bayer.bToneCurve) ToneCurveCorrect(*frame, bayer, range);
   const int plane = bayer.bToneCurve ? 1 : 0;
-  if (CanHalide(*frame, *this, bayer.nCFA)) {
-    DevelopByPipelines(*frame, plane, bayer, range);
-  } else {
+  const bool byLines = !CanHalide(*frame, *this, bayer.nCFA);
+  if (byLines) {
     DevelopByLines(*frame, plane, bayer, range);
+  } else {
+    DevelopByPipelines(*frame, plane, bayer, range);
   }
   if (bayer.bGamma) GammaCorrect(bayer.nDstBits, bayer.dGamma);
+  if (byLines) ShowProgressRest();
   SetBayerImage(false);
   return 1;
 }

@@ -388,6 +388,13 @@ const std::vector<Operation>& Operations() {
          int w, h;
          s.Target<CImgFourier>().CalcRotByRIPOC(s.src.get(), nullptr, nullptr, nullptr, degrees, w, h, 1);
        }},
+      {"angle by phase of a wide window", 6151, -1, Steps,
+       [](Stage& s) {
+         double degrees;
+         int w, h;
+         CRect wide(0, 0, 64, 16);
+         s.Target<CImgFourier>().CalcRotByRIPOC(s.src.get(), nullptr, nullptr, &wide, degrees, w, h, 1);
+       }},
       {"transform", 6190, -1, Steps,
        [](Stage& s) { s.Target<CImgFourier>().Do(0, 1, 0, nullptr, s.src.get(), nullptr, nullptr, 1); }},
       {"Lab", 6133, kHeight, Steps,
@@ -413,6 +420,15 @@ const std::vector<Operation>& Operations() {
          tagBayerStruct bayer;
          bayer.nCFA = 1;
          bayer.nSrcBits = bayer.nDstBits = -32;
+         s.Target<CImgBayerToRgb>(1).Do(bayer, 1);
+       }},
+      {"development to grey", 6145, -1, Opens,
+       [](Stage& s) {
+         tagBayerStruct bayer;
+         bayer.nCFA = 1;
+         bayer.nSrcBits = bayer.nDstBits = -32;
+         bayer.bMono = bayer.bGamma = 1;
+         bayer.dGamma = 2;
          s.Target<CImgBayerToRgb>(1).Do(bayer, 1);
        }},
       {"development of a honeycomb", 6178, -1, Steps,
@@ -460,6 +476,8 @@ TEST(OperationProgress, TextsTotalsAndStepsThatReachThem) {
       } else if (operation.total < 0) {
         ASSERT_FALSE(display.steps.empty()) << name;
         EXPECT_GE(display.steps.back(), 98) << name;
+        EXPECT_LE(std::count(display.steps.begin(), display.steps.end(), 100), 2)
+            << name << ": more steps than its total";
       } else {
         const size_t extra = display.steps.size() - std::min(display.steps.size(), expected.size());
         EXPECT_LE(extra, 1u) << name;

@@ -29,7 +29,7 @@ Halide::Runtime::Buffer<float, 3> Elements(CFftd& fft, int array, int width, int
 }  // namespace
 
 void CImgFourier::PutImage(CVelImage& real, CVelImage* imaginary, int plane, CFftd& fft, int array,
-                           const Window& window) {
+                           const Window& window, bool steps) {
   const auto room = [&](const CVelImage& image, const Window& w) {
     return Window(w.left, w.top, std::min({w.right, image.GetWidth(), w.left + fft.GetWidth()}),
                   std::min({w.bottom, image.GetHeight(), w.top + fft.GetHeight()}));
@@ -52,7 +52,7 @@ void CImgFourier::PutImage(CVelImage& real, CVelImage* imaginary, int plane, CFf
     for (int x = 0; x < w.Width(); ++x) {
       row[x] = {re[x], im ? im[x] : 0.0f};
     }
-    ShowProgress(1);
+    if (steps) ShowProgress(1);
   });
 }
 
@@ -231,7 +231,7 @@ int CImgFourier::Do(int inverse, int reIm, int window, CVelImage* secondInput, C
   const ProgressScope display(*this, progress, Transform, GetPlanes() * kSteps);
   for (int p = 0; p < GetPlanes(); ++p) {
     fft.Init();
-    PutImage(*this, secondInput, p, fft, 0, w);
+    PutImage(*this, secondInput, p, fft, 0, w, false);
     if (inverse && !reIm) fft.ToReIm(0);
     if (window) fft.Windowing(0);
     fft.Do(inverse != 0, 0);
@@ -250,7 +250,7 @@ int CImgFourier::DoLogPolar(CVelImage* output, CRect* rect, int logTone, int pro
   const ProgressScope display(*this, progress, Transform, GetPlanes() * kSteps);
   for (int p = 0; p < GetPlanes(); ++p) {
     fft.Init();
-    PutImage(*this, nullptr, p, fft, 0, w);
+    PutImage(*this, nullptr, p, fft, 0, w, false);
     fft.ToLogPolar(w.Height() / 16, 1, 0, 180, logTone, 0);
     GetImage(output, nullptr, p, fft, 0);
     ShowProgress(kSteps);

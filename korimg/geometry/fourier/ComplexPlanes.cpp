@@ -173,6 +173,10 @@ bool ComplexPlanes::Transform(int plane, int sign, float rowScale, float columnS
   if (!data) return true;
   constexpr int kLanes = LineTransform::kLanes;
   const int workers = onTeam_ ? CParallel::GetMaxThreads() : 1;
+  // Columns count as rows do, so that wide arrays have no more steps than their totals.
+  const auto rowsUpTo = [this](int line, int count) {
+    return static_cast<int>(1LL * line * height_ / count);
+  };
   // Lines of elements at distance `step`, the first of each at distance `pitch`; of `count` those wanted.
   const auto pass = [&](const LineTransform& transform, const std::vector<LineTransform::Work>& work,
                         int count, int step, int pitch, float scale, const Frequencies& wanted) {
@@ -187,7 +191,7 @@ bool ComplexPlanes::Transform(int plane, int sign, float rowScale, float columnS
         const int first = blocks[block], lines = std::min(kLanes, count - first);
         transform.Run({data + static_cast<size_t>(first) * pitch, step, pitch, lines}, sign, scale,
                       work[worker]);
-        if (progress_) progress_->ShowProgress(lines);
+        if (progress_) progress_->ShowProgress(rowsUpTo(first + lines, count) - rowsUpTo(first, count));
       }
     });
   };
