@@ -47,7 +47,7 @@ std::string Line(std::string_view& text) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static Served* const served = new Served;
+  static const Served served;
   std::string_view text(reinterpret_cast<const char*>(data), size);
   const std::string first = Line(text);
   const std::size_t blank = std::min(first.find(' '), first.size());
@@ -67,7 +67,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   request.host = Line(text);
   request.origin = Line(text);
   request.body = text;
-  const Response response = served->router.Answer(request);
+  const Response response = served.router.Answer(request);
   const bool isKnown = request.path.starts_with("/" + std::string(kToken) + "/");
   fuzz::Expect(isKnown || response.status == 404, "nothing without the token: " + request.path);
   fuzz::Expect(response.status != 500, "no error of ours: " + response.body);
