@@ -127,9 +127,13 @@ void AddVersion(CLI::App& app, Tool& tool) {
   });
 }
 
+void AddBits(CLI::App& verb, bool& integers) {
+  AddChoice(verb, "--bits", integers, {{"float", false}, {"16", true}}, "float or 16, for FITS and TIFF");
+}
+
 void AddImageOptions(CLI::App& verb, bool& paged, bool& integers) {
   AddChoice(verb, "--store", paged, {{"contiguous", false}, {"paged", true}}, "contiguous or paged");
-  AddChoice(verb, "--bits", integers, {{"float", false}, {"16", true}}, "float or 16, for FITS and TIFF");
+  AddBits(verb, integers);
 }
 
 void AddCommonOptions(CLI::App& verb, Tool& tool) {

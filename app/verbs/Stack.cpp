@@ -125,8 +125,7 @@ void AddStack(CLI::App& app, Tool& tool) {
           "make the stack of so many parts that are there, and remove these: as in 3, by the same call "
           "as that of the parts")
       ->default_str("");
-  AddChoice(*verb, "--bits", options->integers, {{"float", false}, {"16", true}},
-            "float or 16, for FITS and TIFF");
+  AddBits(*verb, options->integers);
   AddCommonOptions(*verb, tool);
   verb->callback([options, &tool] {
     tool.Begin();

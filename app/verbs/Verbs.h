@@ -39,7 +39,10 @@ void AddView(CLI::App& app, Tool& tool);
 /// Adds the options that all verbs take.
 void AddCommonOptions(CLI::App& verb, Tool& tool);
 
-/// Adds the options that say where images live, and of how many bits the output is.
+/// Adds the option that says of how many bits the output is.
+void AddBits(CLI::App& verb, bool& integers);
+
+/// Adds that, and the option that says where images live.
 void AddImageOptions(CLI::App& verb, bool& paged, bool& integers);
 
 /// Adds the options of calibration but the frames themselves.

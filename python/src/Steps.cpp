@@ -273,8 +273,7 @@ class Frames {
   }
 
   void Measure(Job& job) {
-    const bool wantsLevels = options_.normalisation != Normalisation::None ||
-                             choices_.weight == FrameWeights::Noise || options_.clampUndershoot;
+    const bool wantsLevels = choices_.WantsLevels();
     for (size_t i = 0; i < inputs_.size(); ++i) {
       job.CheckCancelled();
       job.Progress("measuring frame", static_cast<long long>(i) + 1, static_cast<long long>(inputs_.size()));

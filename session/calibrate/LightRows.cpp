@@ -8,8 +8,6 @@
 
 namespace korimg::session {
 
-namespace fs = std::filesystem;
-
 namespace {
 
 /// Rows as an image of their own, without a copy; they have nothing between them. Its results lie in `store`.

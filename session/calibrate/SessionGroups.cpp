@@ -9,8 +9,6 @@
 
 namespace korimg::session {
 
-namespace fs = std::filesystem;
-
 /// The group that serves a frame; none when no frames of that kind were given. Throws when they do not fit.
 const Group* Session::Choose(const std::vector<Group>& groups, const Frame& frame) const {
   const Match match = FindMatch(groups, frame, grouping_);
@@ -51,8 +49,7 @@ const Group* Session::ChooseDark(const Frame& frame) {
     return Choose(darks_, frame);
   }
   const Match bias = FindMatch(biases_, *match.group->frames.begin(), grouping_);
-  const auto wanted = files::ExposureOf(frame.info.header),
-             found = files::ExposureOf(match.group->frames.front().info.header);
+  const auto wanted = files::ExposureOf(frame.info.header), found = files::ExposureOf(HeaderOf(*match.group));
   if (!bias || !wanted || !found || !(*found > 0)) return Choose(darks_, frame);
   TellOnce(
       fmt::format("there are no darks of {:g} s: those of {:g} s are scaled by the bias", *wanted, *found));
@@ -87,8 +84,8 @@ void Session::FindOffsetsOfFlats() {
     if (flat.frames.size() == 1) continue;
     const Frame& first = flat.frames.front();
     const Match own = FindMatch(darks_, first, grouping_);
-    const bool hasOwnDark = own && files::ExposureOf(first.info.header) &&
-                            files::ExposureOf(own.group->frames.front().info.header);
+    const bool hasOwnDark =
+        own && files::ExposureOf(first.info.header) && files::ExposureOf(HeaderOf(*own.group));
     const Group* offset = hasOwnDark ? own.group : Choose(biases_, first);
     if (offset) offsetsOfFlats_[&flat] = offset;
   }

@@ -16,7 +16,7 @@ namespace {
 
 /// Frames in a master, which may have been made before.
 double FramesIn(const Group& group) {
-  const files::Header& header = group.frames.front().info.header;
+  const files::Header& header = HeaderOf(group);
   if (group.frames.size() > 1) return static_cast<double>(group.frames.size());
   return std::max(header.GetDouble("NCOMBINE").value_or(header.GetDouble("STACKCNT").value_or(1)), 1.0);
 }

@@ -2,15 +2,12 @@
 
 #include <algorithm>
 #include <exception>
-#include <map>
 #include <numeric>
-#include <set>
 #include <utility>
 
 #include <fmt/format.h>
 
 #include "session/files/Formats.h"
-#include "session/files/internal/Times.h"
 #include "session/job/internal/Overwriting.h"
 #include "session/run/internal/FolderLock.h"
 #include "session/run/internal/Measuring.h"

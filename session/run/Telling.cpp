@@ -10,7 +10,6 @@
 
 namespace korimg::session {
 
-namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
 
 std::vector<RunFrame> FramesOf(const RunContext& run) {

@@ -62,6 +62,10 @@ struct KORIMG_SESSION_API StackChoices {
   void Settle(bool fluxesAreCompared);
   /// Tells whether outliers are rejected.
   bool Rejects() const { return method == CImgStack::Mean && reject != Rejection::None; }
+  /// Tells whether anything of it goes by the levels and the noise of the frames.
+  bool WantsLevels() const {
+    return normalise != Normalisation::None || weight == FrameWeights::Noise || clampUndershoot;
+  }
   /// Answers the options once that is settled. Throws UsageError for what does not go together, and a kappa
   /// beyond its limits or that nothing asks for.
   StackOptions Options() const;

@@ -579,8 +579,7 @@ class StackRun {
 
   /// Edges, levels and weights.
   void Measure() {
-    const bool wantsLevels = stack_.normalisation != Normalisation::None ||
-                             options_.weight == FrameWeights::Noise || stack_.clampUndershoot;
+    const bool wantsLevels = options_.WantsLevels();
     struct Measured {
       std::string noData;
       FrameLevels levels;

@@ -51,7 +51,7 @@ class KORIMG_API CImgFourier : public CVelImage {
   /// Puts this image's first plane into array 0 as its real parts, the other's as its imaginary parts. The
   /// array is zero before.
   void PutPair(CVelImage& other, CFftd& fft, const korimg::Window& window);
-  /// With steps, one a row where lines are copied.
+  /// Shows a step for each row that is copied by lines, unless the caller counts otherwise.
   void PutImage(CVelImage& real, CVelImage* imaginary, int plane, CFftd& fft, int array,
                 const korimg::Window& window, bool steps = true);
   void GetImage(CVelImage* real, CVelImage* imaginary, int plane, CFftd& fft, int array);
